@@ -1,0 +1,73 @@
+# Compiler settings and the functions that every folder uses.
+
+include(GNUInstallDirs)
+include(GoogleTest OPTIONAL)
+find_package(PkgConfig REQUIRED)
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
+if(NOT CMAKE_BUILD_TYPE)
+  set(CMAKE_BUILD_TYPE Release)
+endif()
+
+find_program(PALINODE_CCACHE ccache)
+if(PALINODE_CCACHE)
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${PALINODE_CCACHE})
+endif()
+find_program(PALINODE_MOLD mold)
+if(PALINODE_MOLD)
+  add_link_options(-fuse-ld=mold)
+endif()
+
+add_library(palinode_warnings INTERFACE)
+target_compile_options(palinode_warnings INTERFACE
+  -Wall -Wextra -Wconversion -Wsign-conversion -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual
+  -Wold-style-cast -Werror)
+target_compile_definitions(palinode_warnings INTERFACE PALINODE_VERSION="${PROJECT_VERSION}")
+if(CMAKE_BUILD_TYPE STREQUAL "Release")
+  target_compile_definitions(palinode_warnings INTERFACE _FORTIFY_SOURCE=2)
+  target_compile_options(palinode_warnings INTERFACE -fstack-protector-strong)
+endif()
+
+if(PALINODE_SANITIZE)
+  add_compile_options(-fsanitize=address,undefined -fno-sanitize=vptr -fno-sanitize-recover=all
+                      -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+endif()
+
+if(PALINODE_TIDY)
+  find_program(PALINODE_CLANG_TIDY clang-tidy REQUIRED)
+  set(CMAKE_CXX_CLANG_TIDY ${PALINODE_CLANG_TIDY} --quiet --warnings-as-errors=*)
+endif()
+
+# No exceptions and no run-time types, except where a library needs both.
+add_library(palinode_flags INTERFACE)
+target_link_libraries(palinode_flags INTERFACE palinode_warnings)
+target_compile_options(palinode_flags INTERFACE -fno-exceptions -fno-rtti)
+
+# palinode_library(NAME SOURCES file... LINK library...)
+# A folder's code as a static library; LINK is public, so that layers add up.
+function(palinode_library name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
+  add_library(${name} STATIC ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE palinode_flags PUBLIC ${ARG_LINK})
+endfunction()
+
+# palinode_unit_test(NAME SOURCES file... LINK library...)
+# One GoogleTest program; each of its tests is a test of its own in the run.
+function(palinode_unit_test name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests/unit)
+  target_link_libraries(${name} PRIVATE palinode_flags ${ARG_LINK} GTest::gtest GTest::gtest_main)
+  if(NOT PALINODE_TIDY)
+    target_precompile_headers(${name} PRIVATE <gtest/gtest.h> <functional> <map> <memory> <string>
+                                              <string_view> <vector>)
+  endif()
+  set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
+  gtest_discover_tests(${name} TEST_PREFIX "${name}." DISCOVERY_TIMEOUT 60
+                       PROPERTIES LABELS unit TIMEOUT 60)
+endfunction()

@@ -1,0 +1,57 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include "platform/message.h"
+
+namespace lm {
+
+/// The five type bits of a key, at their place.
+namespace type {
+inline constexpr uint32_t boolean = 0x00000000;
+inline constexpr uint32_t u32 = 0x08000000;
+inline constexpr uint32_t u64 = 0x10000000;
+inline constexpr uint32_t string = 0x20000000;
+inline constexpr uint32_t message = 0x28000000;
+inline constexpr uint32_t arrayFlag = 0x80000000;
+inline constexpr uint32_t mask = 0xF8000000;
+}  // namespace type
+
+/// The value of a field; which alternative it holds follows from the type bits of its key. IPv4
+/// addresses are u32 values like any other: the number that their four bytes make in network order.
+using Value = std::variant<bool, uint32_t, uint64_t, std::string, message, std::vector<bool>,
+                           std::vector<uint32_t>, std::vector<uint64_t>, std::vector<std::string>,
+                           std::vector<message>>;
+
+struct Field {
+  uint32_t key = 0;
+  Value value;
+};
+
+/// The fields of a message in insertion order. Keys are whole, type bits included.
+class message::Fields {
+ public:
+  using const_iterator = std::vector<Field>::const_iterator;
+
+  [[nodiscard]] const_iterator begin() const { return fields_.begin(); }
+  [[nodiscard]] const_iterator end() const { return fields_.end(); }
+  [[nodiscard]] size_t size() const { return fields_.size(); }
+  [[nodiscard]] bool empty() const { return fields_.empty(); }
+
+  /// The field's value, or null. Valid until the fields change.
+  [[nodiscard]] const Value* find(uint32_t key) const;
+  [[nodiscard]] Value* find(uint32_t key);
+  /// Appends the field, or replaces its value in place; returns the value's place.
+  Value& set(uint32_t key, Value value);
+  /// Does nothing when the field is absent.
+  void erase(uint32_t key);
+
+ private:
+  std::vector<Field> fields_;
+};
+
+}  // namespace lm

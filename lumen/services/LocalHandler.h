@@ -1,0 +1,44 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "platform/message.h"
+
+namespace lumen {
+
+/// Who sent a request, as the kernel told when it connected.
+struct Caller {
+  uint64_t connection = 0;     ///< never used twice in one run
+  uint32_t service = 0;        ///< its registered service number; 0: none
+  std::string name;            ///< the service's name; empty: none
+  bool administrator = false;  ///< root or a member of the group lumen
+};
+
+/// A handler of a service that lives in this process. It checks the caller's rights itself, since
+/// only it knows what a field means, and answers at once.
+class LocalHandler {
+ public:
+  virtual ~LocalHandler() = default;
+
+  /// Answers one request. What the caller may not do gets the error "not permitted", a command that
+  /// the handler does not have "unknown command".
+  [[nodiscard]] virtual lm::message handle(const Caller& caller, uint32_t command,
+                                           const lm::message& request) = 0;
+
+  /// The connection has ended, however it did: what depends on it goes.
+  virtual void connectionEnded(uint64_t connection) { (void)connection; }
+};
+
+/// Sends notifications to whoever subscribed to them.
+class Notifier {
+ public:
+  virtual ~Notifier() = default;
+  /// Sends `fields` as notification `command` from path `source`. Waits for nobody and dispatches
+  /// nothing before it returns.
+  virtual void notify(uint32_t command, const std::vector<uint32_t>& source,
+                      const lm::message& fields) = 0;
+};
+
+}  // namespace lumen

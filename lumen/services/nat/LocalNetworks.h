@@ -1,0 +1,22 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+namespace lumen {
+
+/// What the NAT rules must know of this router's addresses. Addresses are in network byte order.
+class LocalNetworks {
+ public:
+  virtual ~LocalNetworks() = default;
+
+  /// The id of the interface that holds `address`; none when it is not this router's. An address
+  /// whose interface is not running counts.
+  [[nodiscard]] virtual std::optional<uint32_t> interfaceOf(uint32_t address) const = 0;
+
+  /// The id of the interface whose own network `host` lies in; none when it is not directly
+  /// connected, or is the network's own address or its broadcast address.
+  [[nodiscard]] virtual std::optional<uint32_t> interfaceTowards(uint32_t host) const = 0;
+};
+
+}  // namespace lumen

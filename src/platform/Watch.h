@@ -1,0 +1,35 @@
+#pragma once
+
+#include "platform/ThinRunner.h"
+
+namespace lm {
+
+/// A watch of a descriptor that ends with its holder. To be declared after the descriptor, so that
+/// it ends first.
+class Watch {
+ public:
+  Watch() = default;
+  Watch(const Watch&) = delete;
+  Watch& operator=(const Watch&) = delete;
+  ~Watch() { stop(); }
+
+  /// Calls the member function of `owner` with the descriptor whenever it is ready, until stopped.
+  /// A watch that runs is replaced. `owner` and `fd` must outlive the watch.
+  template <auto Method, typename Owner>
+  void start(int fd, Owner& owner, unsigned flags) {
+    stop();
+    fd_ = fd;
+    addSocket<Method>(fd, owner, flags);
+  }
+
+  void stop() {
+    if (fd_ < 0) return;
+    removeSocket(fd_);
+    fd_ = -1;
+  }
+
+ private:
+  int fd_ = -1;
+};
+
+}  // namespace lm
