@@ -1,0 +1,102 @@
+# Shared by the scripts of this folder; to be sourced. Sets `top` to the checkout's folder.
+# shellcheck shell=bash
+
+set -euo pipefail
+top=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+cd "$top"
+
+# What the programs are built from, and what builds them.
+build_packages=(
+  g++ cmake ninja-build pkg-config
+  libexpat1-dev uuid-dev libev-dev libmnl-dev libnftables-dev libnetfilter-conntrack-dev
+  libinih-dev libcap-ng-dev libcli11-dev nlohmann-json3-dev
+)
+# What the demonstration needs besides: hosts in namespaces and a client that is not ours.
+run_packages=(python3 iproute2 nftables miniupnpc procps)
+# What the tests need besides.
+test_packages=("${run_packages[@]}" libgtest-dev clang-format nmap)
+
+fail() {
+  printf '%s\n' "${0##*/}: $*" >&2
+  exit 1
+}
+
+seconds() { printf '%s.%s' "$(($1 / 1000))" "$(($1 % 1000 / 100))"; }
+now() { printf '%s' "$(($(date +%s%N) / 1000000))"; }
+
+# step TEXT COMMAND...: runs the command and says in one line what was done and how long it took.
+# What the command prints is kept back and shown when it fails.
+step() {
+  local text=$1 started log status=0
+  shift
+  started=$(now)
+  log=$(mktemp)
+  [ ! -t 1 ] || printf '   %s ...\r' "$text"
+  "$@" >"$log" 2>&1 || status=$?
+  if [ "$status" -ne 0 ]; then
+    printf 'not ok  %s (%s s)\n' "$text" "$(seconds $(($(now) - started)))"
+    cat "$log" >&2
+    rm -f "$log"
+    return "$status"
+  fi
+  rm -f "$log"
+  printf 'ok  %s (%s s)\n' "$text" "$(seconds $(($(now) - started)))"
+}
+
+# install_missing PACKAGE...: installs those of the packages that are not there.
+install_missing() {
+  local missing=() package
+  if ! command -v dpkg-query >/dev/null; then
+    printf 'This is no Debian or Ubuntu. Needed, by their names there: %s\n' "$*"
+    return 0
+  fi
+  for package in "$@"; do
+    dpkg-query -W -f='${db:Status-Status}\n' "$package" 2>/dev/null | grep -qx installed ||
+      missing+=("$package")
+  done
+  [ "${#missing[@]}" -gt 0 ] || return 0
+  [ "$(id -u)" -eq 0 ] || fail "these packages are missing, run me with sudo once: ${missing[*]}"
+  install_packages() {
+    export DEBIAN_FRONTEND=noninteractive
+    apt-get update -q && apt-get install -q -y --no-install-recommends "$@"
+  }
+  step "installed ${missing[*]}" install_packages "${missing[@]}"
+}
+
+# as_owner COMMAND...: runs the command as whoever owns the checkout, so that what root builds can
+# be built again without root.
+as_owner() {
+  local owner
+  owner=$(stat -c %u "$top")
+  if [ "$(id -u)" -eq 0 ] && [ "$owner" -ne 0 ]; then
+    setpriv --reuid "$owner" --regid "$(stat -c %g "$top")" --clear-groups \
+      env HOME="$(getent passwd "$owner" | cut -d: -f6)" "$@"
+  else
+    "$@"
+  fi
+}
+
+# build PRESET [CMAKE OPTION...]: configures and builds; on a terminal the step counts up.
+build() {
+  local preset=$1 started log status=0
+  shift
+  step "configured the $preset build" as_owner cmake --preset "$preset" "$@"
+  started=$(now)
+  log=$(mktemp)
+  if [ -t 1 ]; then
+    NINJA_STATUS='[%f/%t] ' as_owner cmake --build --preset "$preset" 2>&1 | tee "$log" |
+      awk '/^\[/ { printf "   building %s\r", $1; fflush() }' || status=$?
+  else
+    as_owner cmake --build --preset "$preset" >"$log" 2>&1 || status=$?
+  fi
+  if [ "$status" -ne 0 ]; then
+    printf 'not ok  built the programs, %s\n' "$preset"
+    cat "$log" >&2
+    rm -f "$log"
+    return 1
+  fi
+  rm -f "$log"
+  printf 'ok  built the programs, %s (%s s)\n' "$preset" "$(seconds $(($(now) - started)))"
+}
+
+need_root() { [ "$(id -u)" -eq 0 ] || fail "$1: run me with sudo"; }
