@@ -1,0 +1,26 @@
+#pragma once
+
+#include <compare>
+#include <cstdint>
+#include <string>
+
+/// What a port mapping is known by. The order is by port, then TCP before UDP.
+struct Id {
+  static constexpr uint32_t tcp = 0;
+  static constexpr uint32_t udp = 1;
+
+  uint32_t externalPort = 0;  ///< 0 to 65535
+  uint32_t protocol = tcp;
+
+  friend auto operator<=>(const Id&, const Id&) = default;
+};
+
+/// A port mapping: where the connections to an external port go. Its NAT rule exists as long as it.
+struct PortMap {
+  uint16_t internalPort = 0;
+  uint32_t internalClient = 0;  ///< IPv4 address, network byte order
+  bool enabled = false;
+  std::string description;
+  uint32_t leaseDuration = 0;  ///< always 0: permanent leases only
+  uint32_t ruleId = 0;         ///< object id of its rule in the NAT rule table
+};

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <string>
+
+#include "platform/message.h"
+#include "upnp/Service.h"
+
+/// WANCommonInterfaceConfig:1: the link of one external interface and its traffic counters, which
+/// are fetched from the platform at every read.
+class WANCommonInterfaceConfig : public Service {
+ public:
+  /// `record` is the interface's record in the platform's interface table.
+  explicit WANCommonInterfaceConfig(const lm::message& record);
+
+  /// Takes the record and sets the bit rates.
+  void setInterface(const lm::message& record);
+
+ private:
+  [[nodiscard]] std::string getTotalBytesSent();
+  [[nodiscard]] std::string getTotalBytesReceived();
+  [[nodiscard]] std::string getTotalPacketsSent();
+  [[nodiscard]] std::string getTotalPacketsReceived();
+  [[nodiscard]] std::string getUptime();
+
+  lm::message interfaceRecord;
+};

@@ -1,0 +1,57 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "igd/PortMap.h"
+#include "upnp/Service.h"
+
+/// WANIPConnection:1: the state of one external interface, and the port mappings that control
+/// points make on it. Behind each mapping stands a rule of the platform's NAT rule table: the rule
+/// is made before the mapping is recorded and removed before the mapping is forgotten.
+class WANIPConnection : public Service {
+ public:
+  /// The value of ConnectionStatus.
+  enum Status : int {
+    STATUS_UNCONFIGURED = 0,
+    STATUS_CONNECTING = 1,
+    STATUS_CONNECTED = 2,
+    STATUS_DISCONNECTED = 3,
+  };
+
+  /// `interfaceId` is the interface's object id in the platform's interface table, `address` its
+  /// IPv4 address in network byte order.
+  WANIPConnection(uint32_t interfaceId, uint32_t address);
+  /// Removes every rule that it made, with one exchange each.
+  ~WANIPConnection() override;
+
+  void setStatus(Status status);
+  /// `address` is in network byte order. Mappings that exist keep the address they were made with.
+  void setExternalIP(uint32_t address);
+  /// Whether control points may enable and disable the interface; at first they may.
+  void setAllowDisIface(bool allow);
+  /// Whether the list of mappings starts with a dummy, for clients that refuse to work with an
+  /// empty one; at first it does.
+  void setShowDummyRule(bool show);
+
+ private:
+  using Values = std::vector<std::string>;
+
+  UPNPStatus setConnectionType(const Values& in, Values& out);
+  UPNPStatus requestConnection(const Values& in, Values& out);
+  UPNPStatus forceTermination(const Values& in, Values& out);
+  UPNPStatus getGenericPortMappingEntry(const Values& in, Values& out);
+  UPNPStatus getSpecificPortMappingEntry(const Values& in, Values& out);
+  UPNPStatus addPortMapping(const Values& in, Values& out);
+  UPNPStatus deletePortMapping(const Values& in, Values& out);
+
+  [[nodiscard]] std::string getUptime();
+
+  const uint32_t deviceId;
+  std::map<Id, PortMap> portMaps;
+  uint32_t externalIP;  // network byte order
+  bool allowDisIface = true;
+  bool showDummyRule = true;
+};

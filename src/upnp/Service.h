@@ -1,0 +1,88 @@
+#pragma once
+
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "http/HTTPMessage.h"
+#include "upnp/Action.h"
+#include "upnp/UPNPStatus.h"
+#include "upnp/Variable.h"
+
+class XMLNode;
+
+/// The engine behind every UPnP service: it answers control requests (SOAP) from two tables, the
+/// state variables and the actions. A concrete service derives from it, fills the tables in its
+/// constructor and afterwards only calls `setVar`. What the tables hold must agree with the
+/// service's description file in etc/upnp.
+class Service {
+ public:
+  /// `typeName` is the service type URN, "urn:schemas-upnp-org:service:WANIPConnection:1".
+  explicit Service(std::string typeName);
+  Service(const Service&) = delete;
+  Service& operator=(const Service&) = delete;
+  virtual ~Service();
+
+  /// Answers a POST to the control URL: runs an action or answers QueryStateVariable (UPnP Device
+  /// Architecture 1.0, section 3). A request that is no SOAP request gets a bare 400, one that
+  /// cannot be carried out a SOAP fault.
+  [[nodiscard]] HTTPMessage post(const HTTPMessage& request);
+  /// Answers SUBSCRIBE at the event URL: 412, since this gateway takes no subscriptions yet.
+  [[nodiscard]] HTTPMessage subscribe(const HTTPMessage& request);
+  /// Answers UNSUBSCRIBE at the event URL: 412, since there is no subscription.
+  [[nodiscard]] HTTPMessage unsubscribe(const HTTPMessage& request);
+
+  /// Sets the value of a variable, and drops its getter. An unknown name is ignored.
+  void setVar(const std::string& variableName, const std::string& value);
+  /// The value of a variable; empty when it is unknown or has none.
+  [[nodiscard]] std::string getVar(const std::string& variableName) const;
+
+  /// The tables, by name.
+  [[nodiscard]] const std::map<std::string, Variable>& getVariables() const { return variables; }
+  [[nodiscard]] const std::map<std::string, Action>& getActions() const { return actions; }
+
+ protected:
+  /// Registers a state variable in place of an earlier one of that name. The result stays valid
+  /// for the life of the service or until the name is registered again.
+  Variable& addVar(std::string variableName, Variable variable);
+
+  /// Registers an action that `(owner->*handler)(in, out)` carries out, in place of an earlier one
+  /// of that name. Without owner or handler it returns the values of `outVars`. `owner` must
+  /// outlive the service's last request.
+  template <typename Owner>
+  void addAct(std::string actionName, const std::vector<std::string>& inVars,
+              const std::vector<std::string>& inArgs, const std::vector<std::string>& outVars,
+              const std::vector<std::string>& outArgs, Owner* owner,
+              UPNPStatus (Owner::*handler)(const std::vector<std::string>& in,
+                                           std::vector<std::string>& out));
+  /// Registers an action that returns the values of `outVars`. Without `outArgs` the arguments are
+  /// named "New" + variable name.
+  void addAct(std::string actionName, const std::vector<std::string>& outVars,
+              const std::vector<std::string>& outArgs = {});
+
+ private:
+  [[nodiscard]] HTTPMessage invokeAction(const XMLNode& body, const std::string& actionName);
+  [[nodiscard]] HTTPMessage queryStateVariable(const XMLNode& body) const;
+
+  std::string name;
+  std::map<std::string, Variable> variables;
+  std::map<std::string, Action> actions;
+};
+
+template <typename Owner>
+void Service::addAct(std::string actionName, const std::vector<std::string>& inVars,
+                     const std::vector<std::string>& inArgs,
+                     const std::vector<std::string>& outVars,
+                     const std::vector<std::string>& outArgs, Owner* owner,
+                     UPNPStatus (Owner::*handler)(const std::vector<std::string>& in,
+                                                  std::vector<std::string>& out)) {
+  Action action{inVars, inArgs, outVars, outArgs, {}};
+  if (owner != nullptr && handler != nullptr) {
+    action.callback = [owner, handler](const std::vector<std::string>& in,
+                                       std::vector<std::string>& out) {
+      return (owner->*handler)(in, out);
+    };
+  }
+  actions.insert_or_assign(std::move(actionName), std::move(action));
+}
