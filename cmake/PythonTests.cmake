@@ -1,0 +1,31 @@
+# palinode_python_tests(LABEL file... [TIMEOUT seconds])
+# Registers each test method of the unittest files as a test of its own, so that they run in
+# parallel and are counted one by one. They find the built programs in $PALINODE_BIN and the
+# modules of tests/support on their path. The files are read again whenever they change.
+function(palinode_python_tests label)
+  cmake_parse_arguments(ARG "" "TIMEOUT" "" ${ARGN})
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 60)
+  endif()
+  foreach(file IN LISTS ARG_UNPARSED_ARGUMENTS)
+    set(path ${CMAKE_CURRENT_SOURCE_DIR}/${file})
+    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${path})
+    get_filename_component(module ${file} NAME_WE)
+    file(STRINGS ${path} lines REGEX "^class [A-Za-z0-9_]+|^    def test_[a-z0-9_]+")
+    set(class "")
+    foreach(line IN LISTS lines)
+      if(line MATCHES "^class ([A-Za-z0-9_]+)")
+        set(class ${CMAKE_MATCH_1})
+      elseif(line MATCHES "def (test_[A-Za-z0-9_]+)")
+        set(name ${label}.${module}.${class}.${CMAKE_MATCH_1})
+        add_test(NAME ${name}
+                 COMMAND python3 -B -m unittest ${module}.${class}.${CMAKE_MATCH_1}
+                 WORKING_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR})
+        set_tests_properties(${name} PROPERTIES
+          LABELS ${label}
+          TIMEOUT ${ARG_TIMEOUT}
+          ENVIRONMENT "PYTHONPATH=${CMAKE_SOURCE_DIR}/tests;PALINODE_BIN=${CMAKE_BINARY_DIR}/bin")
+      endif()
+    endforeach()
+  endforeach()
+endfunction()

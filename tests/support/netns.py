@@ -1,0 +1,154 @@
+"""Network namespaces for tests: made, wired and entered from Python. Needs root.
+
+A namespace here has no name in the file system: it is a descriptor of this process. When the
+process ends, however it ends, the kernel takes the namespace and every link in it away, so nothing
+is left behind and nothing can clash with another run. Commands reach it as `namespace.path`, for
+instance with `nsenter --net=PATH`.
+"""
+
+import contextlib
+import ctypes
+import os
+import signal
+import socket
+import subprocess
+import threading
+
+CLONE_NEWNS = 0x00020000
+CLONE_NEWNET = 0x40000000
+_MS_BIND = 4096
+_MS_REC = 16384
+_MS_PRIVATE = 1 << 18
+_MNT_DETACH = 2
+_PR_SET_PDEATHSIG = 1
+
+_libc = ctypes.CDLL(None, use_errno=True)
+
+
+def _check(result, what):
+    if result != 0:
+        error = ctypes.get_errno()
+        raise OSError(error, f"{what}: {os.strerror(error)}")
+
+
+class Namespace:
+    """A network namespace whose loopback is up."""
+
+    def __init__(self):
+        made = []
+        # In a thread of its own, so that this one stays where it is.
+        thread = threading.Thread(target=lambda: made.append(_make_namespace()))
+        thread.start()
+        thread.join()
+        if not made:
+            raise OSError("could not make a network namespace")
+        self._fd = made[0]
+        self.ip("link", "set", "lo", "up")
+
+    @property
+    def path(self):
+        """A path to the namespace for other programs, valid until close."""
+        return f"/proc/{os.getpid()}/fd/{self._fd}"
+
+    @contextlib.contextmanager
+    def entered(self):
+        """The calling thread is in the namespace inside the `with`. What it opens there stays there."""
+        outside = os.open("/proc/thread-self/ns/net", os.O_RDONLY | os.O_CLOEXEC)
+        try:
+            _check(_libc.setns(self._fd, CLONE_NEWNET), "setns")
+            try:
+                yield
+            finally:
+                _check(_libc.setns(outside, CLONE_NEWNET), "setns back")
+        finally:
+            os.close(outside)
+
+    def socket(self, kind=socket.SOCK_STREAM, family=socket.AF_INET):
+        """A socket that lives in the namespace."""
+        with self.entered():
+            return socket.socket(family, kind)
+
+    def popen(self, *command, private=None, **options):
+        """Starts a program in the namespace; it is killed when the calling thread ends.
+
+        `private` maps absolute paths of one component ("/lumen") to folders that the program finds
+        there instead; nothing outside of it changes.
+        """
+
+        def enter():
+            _check(_libc.prctl(_PR_SET_PDEATHSIG, signal.SIGKILL, 0, 0, 0), "prctl")
+            _check(_libc.setns(self._fd, CLONE_NEWNET), "setns")
+            if private:
+                _enter_private_root(private)
+
+        return subprocess.Popen(list(command), preexec_fn=enter, **options)
+
+    def run(self, *command, **options):
+        """Runs a program in the namespace to its end; returns what it wrote. Fails when it does."""
+        options = {"stdout": subprocess.PIPE, "stderr": subprocess.STDOUT, "text": True, **options}
+        limit = options.pop("timeout", 30)
+        with self.popen(*command, **options) as process:
+            try:
+                output, _ = process.communicate(timeout=limit)
+            except subprocess.TimeoutExpired:
+                process.kill()
+                output, _ = process.communicate()
+                raise AssertionError(f"{' '.join(command)} took longer than {limit} s: {output}")
+        if process.returncode != 0:
+            raise AssertionError(f"{' '.join(command)} ended with {process.returncode}: {output}")
+        return output
+
+    def ip(self, *arguments):
+        return self.run("ip", *arguments)
+
+    def link(self, name, other, other_name):
+        """A cable: link `name` here, `other_name` in the namespace `other`, both up."""
+        self.ip("link", "add", name, "type", "veth", "peer", "name", other_name, "netns", other.path)
+        self.ip("link", "set", name, "up")
+        other.ip("link", "set", other_name, "up")
+
+    def close(self):
+        """Lets go of the namespace; it ends when no program and no socket is in it any more."""
+        if self._fd >= 0:
+            os.close(self._fd)
+            self._fd = -1
+
+
+def _make_namespace():
+    _check(_libc.unshare(CLONE_NEWNET), "unshare")
+    return os.open("/proc/thread-self/ns/net", os.O_RDONLY | os.O_CLOEXEC)
+
+
+def _mount(source, target, flags):
+    _check(
+        _libc.mount(source.encode(), target.encode(), b"tmpfs" if flags == 0 else None, flags, None),
+        f"mount {source} on {target}",
+    )
+
+
+def _enter_private_root(private):
+    """Moves the calling process, which is about to start another program, to a root of its own that
+    shows everything of the old one but the paths in `private`. Mounting over a path of the old root
+    would need the path to exist there, and its removal by one test would end the mount of another."""
+    _check(_libc.unshare(CLONE_NEWNS), "unshare")
+    _mount("none", "/", _MS_REC | _MS_PRIVATE)
+    working_directory = os.getcwd()
+    _mount("none", "/mnt", 0)
+    os.mkdir("/mnt/.old")
+    _check(_libc.pivot_root(b"/mnt", b"/mnt/.old"), "pivot_root")
+    os.chdir("/")
+    for entry in os.scandir("/.old"):
+        target = "/" + entry.name
+        if target in private:
+            continue
+        if entry.is_symlink():
+            os.symlink(os.readlink(entry.path), target)
+        elif entry.is_dir():
+            os.mkdir(target)
+            _mount(entry.path, target, _MS_BIND | _MS_REC)
+    for path, folder in private.items():
+        os.mkdir(path)
+        _mount("/.old" + folder, path, _MS_BIND | _MS_REC)
+    _check(_libc.umount2(b"/.old", _MNT_DETACH), "umount")
+    os.rmdir("/.old")
+    os.chdir(working_directory)
