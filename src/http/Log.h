@@ -1,0 +1,27 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <type_traits>
+
+/// Writes `line` and a line end to standard output and flushes it. Control characters are written
+/// as '?', so that an event is one line whatever a stranger put into it.
+void writeLog(std::string line);
+
+/// Writes one line that is made of texts and integers (in decimal, a bool as 0 or 1):
+/// `logLine("start int: ", name, " ", iptostr(address))`.
+template <typename... Parts>
+void logLine(const Parts&... parts) {
+  const auto text = [](const auto& part) {
+    using Part = std::decay_t<decltype(part)>;
+    static_assert(!std::is_same_v<Part, char>, "a char is neither a text nor a number");
+    if constexpr (std::is_integral_v<Part>) {
+      return std::to_string(+part);
+    } else {
+      return std::string_view(part);
+    }
+  };
+  std::string line;
+  (line.append(text(parts)), ...);
+  writeLog(std::move(line));
+}

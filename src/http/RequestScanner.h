@@ -1,0 +1,26 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string_view>
+
+/// Tells after each read whether the bytes received so far are one whole message, as
+/// HTTPMessage(bytes).complete does, but looks at each byte once: the time for a request does not
+/// depend on the number of pieces that it comes in.
+class RequestScanner {
+ public:
+  /// `received` is all that was received so far; it starts with what it was at the last call.
+  [[nodiscard]] bool complete(std::string_view received);
+
+ private:
+  enum class State { startLine, headers, body, never };
+
+  /// Takes the next line if all of it is there.
+  [[nodiscard]] bool takeLine(std::string_view received);
+
+  State state = State::startLine;
+  size_t lineStart = 0;            ///< start of the line, or body, that is being received
+  size_t scanned = 0;              ///< where to look for the next carriage return
+  std::optional<uint32_t> length;  ///< the first CONTENT-LENGTH
+};

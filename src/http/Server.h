@@ -1,0 +1,23 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+// What the gateway says about its server, over HTTP and in every announcement of it.
+
+/// The SERVER field of every message (UPnP Device Architecture 1.0 section 1.1.2). Built before
+/// main runs.
+extern const std::string SERVER_STRING;
+
+/// The TCP port that is served, advertised, and accepted in HOST fields.
+inline constexpr uint16_t HTTP_PORT = 2828;
+
+/// The path of the root device's description.
+inline constexpr const char* DESCRIPTION_URL = "/gateway.xml";
+
+/// The most bytes that one read takes from a socket.
+inline constexpr size_t BUFLEN = 4096;
+
+/// "http://<address>:2828" for an address in network byte order.
+[[nodiscard]] std::string serverUrl(uint32_t address);

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+/// The multicast group and the port of SSDP (UPnP Device Architecture 1.0 section 1).
+inline constexpr const char* SSDP_IP = "239.255.255.250";
+inline constexpr uint16_t SSDP_PORT = 1900;
+
+/// The port of an HTTP URL that names none. Not the port of our server.
+inline constexpr uint16_t DEFAULT_HTTP_PORT = 80;
+
+// Every socket is bound to one network device before it is used, and closed on exec. On failure the
+// makers log one line and return -1. The caller owns the socket.
+
+/// A UDP socket that sends and receives on the device `ifname` only.
+[[nodiscard]] int makeUdpSocket(const std::string& ifname);
+
+/// A UDP socket on port 1900 of the device that has joined the SSDP group. `ifindex` is the
+/// kernel's index of the device, `ifaddr` its IPv4 address in network byte order.
+[[nodiscard]] int makeDiscoverySocket(const std::string& ifname, unsigned int ifindex,
+                                      unsigned int ifaddr);
+
+/// A TCP socket that listens on `port` (host byte order) of the device, with a backlog of one. It
+/// blocks.
+[[nodiscard]] int makeTcpSocket(const std::string& ifname, unsigned int port);

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+// Conversions between texts, numbers and IPv4 addresses. Addresses are in network byte order, as
+// inet_addr gives them and inet_ntoa takes them.
+
+/// The address that `text` writes in dotted form; all ones when it writes none.
+[[nodiscard]] uint32_t strtoip(const std::string& text);
+[[nodiscard]] std::string iptostr(uint32_t address);
+/// The address as the number that a big-endian machine sees, which is what it is sorted and logged
+/// by on every machine.
+[[nodiscard]] uint32_t iptonumber(uint32_t address);
+
+/// What strtoul of base 10 gives where unsigned long has 32 bits, on every machine: leading white
+/// space and one sign are accepted, anything behind the digits is ignored, no digits give 0, a
+/// magnitude above 4294967295 gives 4294967295, and a minus sign negates modulo 2^32.
+[[nodiscard]] uint32_t strtouint(std::string_view text);
+[[nodiscard]] std::string uinttostr(unsigned int number);
+[[nodiscard]] std::string inttostr(int number);
+
+/// ASCII letters in upper case, every other byte as it is, whatever the locale.
+[[nodiscard]] std::string toUpper(std::string_view text);

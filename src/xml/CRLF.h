@@ -1,0 +1,6 @@
+#pragma once
+
+#include <string>
+
+/// The line end of HTTP (RFC 9112 section 2.2) and of every document that is served.
+inline const std::string CRLF = "\r\n";
