@@ -1,0 +1,16 @@
+#pragma once
+
+#include <cstdint>
+
+/// Field keys of the address table, handler [20, 1], besides those that every table shares.
+///
+/// Everybody who may connect reads: lm::cmd::list and readAll (paged), readObject.
+///
+/// A record: lm::key::objectId, interface, address, lm::key::disabled (the interface is not
+/// running); in the notification of a removed one disabled is false and lm::key::removed follows.
+namespace lumen::addresses::key {
+
+inline constexpr uint32_t interface = 0x08000005;  ///< u32: id of the interface that holds it
+inline constexpr uint32_t address = 0x08000001;    ///< be32
+
+}  // namespace lumen::addresses::key

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <cstdint>
+
+/// Field keys of the interface table, handler [20, 0], besides those that every table shares.
+///
+/// Everybody who may connect reads: lm::cmd::list and readAll (paged), readObject (which adds the
+/// counters). lm::cmd::setObject with lm::key::disabled takes the link down or up: an administrator
+/// any, a service only one that is kept as external. An administrator keeps a name with
+/// lm::cmd::addObject, fields `name` and `role`; the reply carries its id (lm::key::objectId).
+/// Keeping a kept name changes its role. lm::cmd::removeObject with the id ends the keeping.
+///
+/// A record: lm::key::objectId, hardwareType, flags, index, name, displayName, lm::key::disabled,
+/// running; in the answer to readObject then the four counters; in an answer to an administrator
+/// then the role, if the interface is kept.
+namespace lumen::interfaces {
+
+namespace key {
+inline constexpr uint32_t hardwareType = 0x08010001;  ///< u32: ARPHRD_*, 1 is Ethernet
+inline constexpr uint32_t flags = 0x08010003;         ///< u32: 0, or flagGone
+inline constexpr uint32_t index = 0x08010004;         ///< u32: kernel index; 0: link is away
+inline constexpr uint32_t name = 0x20010005;          ///< string
+inline constexpr uint32_t displayName = 0x20010006;   ///< string
+inline constexpr uint32_t running = 0x0001000e;       ///< bool: IFF_UP and IFF_RUNNING
+inline constexpr uint32_t role = 0x08010010;          ///< u32: roleExternal or roleInternal
+
+inline constexpr uint32_t bytesReceived = 0x100100fc;    ///< u64
+inline constexpr uint32_t bytesSent = 0x100100fd;        ///< u64
+inline constexpr uint32_t packetsReceived = 0x100100fe;  ///< u64
+inline constexpr uint32_t packetsSent = 0x100100ff;      ///< u64
+}  // namespace key
+
+/// The interface has left the table.
+inline constexpr uint32_t flagGone = 0x80;
+
+inline constexpr uint32_t roleExternal = 1;
+inline constexpr uint32_t roleInternal = 2;
+
+}  // namespace lumen::interfaces

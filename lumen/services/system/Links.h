@@ -1,0 +1,97 @@
+#pragma once
+
+#include <compare>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace lumen {
+
+/// A network link of the kernel.
+struct Link {
+  uint32_t index = 0;         ///< kernel index, above 0
+  uint32_t hardwareType = 0;  ///< ARPHRD_*
+  bool loopback = false;      ///< IFF_LOOPBACK
+  bool up = false;            ///< IFF_UP
+  bool running = false;       ///< IFF_RUNNING
+  std::string name;
+};
+
+struct LinkCounters {
+  uint64_t bytesReceived = 0;
+  uint64_t bytesSent = 0;
+  uint64_t packetsReceived = 0;
+  uint64_t packetsSent = 0;
+};
+
+/// An IPv4 address of a link, and the network that it reaches there. Addresses are in network byte
+/// order. A link may hold the same address more than once, with different networks.
+struct LinkAddress {
+  uint32_t address = 0;
+  uint32_t network = 0;       ///< an address of the network: the peer's on a point-to-point link
+  uint32_t broadcast = 0;     ///< 0: none
+  uint32_t prefixLength = 0;  ///< of the network, 0 to 32
+
+  auto operator<=>(const LinkAddress&) const = default;
+};
+
+/// All links and their IPv4 addresses, by kernel index.
+struct LinkSnapshot {
+  std::map<uint32_t, Link> links;
+  std::map<uint32_t, std::set<LinkAddress>> addresses;
+};
+
+/// A route as the kernel told it, so that it can be put back as it was.
+struct Route {
+  uint32_t link = 0;     ///< kernel index of the link by which it leaves
+  bool gateway = false;  ///< its next hop is a host that another route must reach
+  /// A struct rtmsg and its attributes (linux/rtnetlink.h), in this machine's byte order.
+  std::string content;
+
+  bool operator==(const Route&) const = default;
+};
+
+/// The kernel's links, addresses and routes.
+class Links {
+ public:
+  /// Is told of every change, in the kernel's order, from the event loop and never from inside
+  /// another call of Links.
+  class Listener {
+   public:
+    virtual ~Listener() = default;
+    /// Everything was read: at the start, and whenever changes were lost.
+    virtual void tablesRead(const LinkSnapshot& all) = 0;
+    /// A link is new, or something about it may have changed, its name included.
+    virtual void linkChanged(const Link& link) = 0;
+    virtual void linkGone(uint32_t index) = 0;
+    /// May be told of an address that it knows.
+    virtual void addressAdded(uint32_t index, const LinkAddress& address) = 0;
+    virtual void addressRemoved(uint32_t index, const LinkAddress& address) = 0;
+  };
+
+  virtual ~Links() = default;
+
+  /// Reads the tables and tells `listener`, then of each change. `listener` must outlive this.
+  virtual void start(Listener& listener) = 0;
+
+  /// None when there is no such link.
+  [[nodiscard]] virtual std::optional<LinkCounters> counters(uint32_t index) = 0;
+
+  /// Takes a link up or down. Returns 0 or the kernel's errno. The change is told to the listener
+  /// later.
+  [[nodiscard]] virtual int setUp(uint32_t index, bool up) = 0;
+
+  /// The IPv4 and IPv6 routes by that link that somebody made: neither those of the table "local"
+  /// nor those that the kernel makes itself. None when they could not be read.
+  [[nodiscard]] virtual std::optional<std::vector<Route>> routes(uint32_t index) = 0;
+
+  /// Puts a route back, by the link `index` where it left by `route.link`. Returns 0 or the
+  /// kernel's errno, which is EEXIST when there is such a route, and EINVAL for a content that is
+  /// no route.
+  [[nodiscard]] virtual int addRoute(const Route& route, uint32_t index) = 0;
+};
+
+}  // namespace lumen
