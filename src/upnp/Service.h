@@ -62,8 +62,16 @@ class Service {
               const std::vector<std::string>& outArgs = {});
 
  private:
+  void addAction(std::string actionName, Action action);
+
   [[nodiscard]] HTTPMessage invokeAction(const XMLNode& body, const std::string& actionName);
   [[nodiscard]] HTTPMessage queryStateVariable(const XMLNode& body) const;
+
+  /// Appends the values of the out variables.
+  [[nodiscard]] UPNPStatus readOutVars(const Action& action, std::vector<std::string>& out) const;
+  /// Checks the arguments in `request`, then calls the action's handler.
+  [[nodiscard]] UPNPStatus runHandler(const Action& action, const XMLNode& request,
+                                      std::vector<std::string>& out) const;
 
   std::string name;
   std::map<std::string, Variable> variables;
@@ -84,5 +92,5 @@ void Service::addAct(std::string actionName, const std::vector<std::string>& inV
       return (owner->*handler)(in, out);
     };
   }
-  actions.insert_or_assign(std::move(actionName), std::move(action));
+  addAction(std::move(actionName), std::move(action));
 }
