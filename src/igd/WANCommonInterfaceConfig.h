@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "igd/DeviceStats.h"
 #include "platform/message.h"
 #include "upnp/Service.h"
 
@@ -16,6 +17,7 @@ class WANCommonInterfaceConfig : public Service {
   void setInterface(const lm::message& record);
 
  private:
+  [[nodiscard]] DeviceStats stats() const;
   [[nodiscard]] std::string getTotalBytesSent();
   [[nodiscard]] std::string getTotalBytesReceived();
   [[nodiscard]] std::string getTotalPacketsSent();

@@ -39,6 +39,9 @@ class WANIPConnection : public Service {
  private:
   using Values = std::vector<std::string>;
 
+  void registerVariables();
+  void registerActions();
+
   UPNPStatus setConnectionType(const Values& in, Values& out);
   UPNPStatus requestConnection(const Values& in, Values& out);
   UPNPStatus forceTermination(const Values& in, Values& out);
@@ -47,6 +50,10 @@ class WANIPConnection : public Service {
   UPNPStatus addPortMapping(const Values& in, Values& out);
   UPNPStatus deletePortMapping(const Values& in, Values& out);
 
+  /// Gives `mapping` what `wanted` has, once its rule has it.
+  UPNPStatus changeMapping(PortMap& mapping, PortMap wanted);
+  /// Sets PortMappingNumberOfEntries.
+  void countEntries();
   [[nodiscard]] std::string getUptime();
 
   const uint32_t deviceId;

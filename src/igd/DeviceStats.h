@@ -1,0 +1,15 @@
+#pragma once
+
+#include <cstdint>
+
+/// The traffic counters of an interface since it was made, modulo 2^32.
+struct DeviceStats {
+  uint32_t packetsReceived = 0;
+  uint32_t packetsSent = 0;
+  uint32_t bytesReceived = 0;
+  uint32_t bytesSent = 0;
+};
+
+/// Asks the platform for the counters of the interface with this object id: one exchange, of at
+/// most six seconds. All 0, and a line in the log, when it does not answer them.
+[[nodiscard]] DeviceStats getDeviceStats(uint32_t interfaceId);

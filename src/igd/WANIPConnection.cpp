@@ -1,0 +1,299 @@
+#include "igd/WANIPConnection.h"
+
+#include <iterator>
+
+#include "http/Log.h"
+#include "http/Text.h"
+#include "igd/NatRules.h"
+#include "platform/Keys.h"
+#include "platform/Looper.h"
+#include "platform/System.h"
+
+namespace {
+
+constexpr uint32_t noAddress = 0xFFFFFFFF;  // what strtoip gives for text that is no address
+
+/// The entry that is listed first for clients that refuse to work with an empty list.
+PortMap dummyMapping() {
+  PortMap dummy;
+  dummy.description = "Dummy inactive rule for windows to work";
+  return dummy;
+}
+
+Id idOf(const std::string& externalPort, const std::string& protocol) {
+  return {static_cast<uint16_t>(strtouint(externalPort)), protocol == "TCP" ? Id::tcp : Id::udp};
+}
+
+/// Appends what both entry actions end with: internal port and client, enabled, description, lease.
+void appendMapping(const PortMap& mapping, std::vector<std::string>& out) {
+  out.push_back(uinttostr(mapping.internalPort));
+  out.push_back(iptostr(mapping.internalClient));
+  out.push_back(mapping.enabled ? "1" : "0");
+  out.push_back(mapping.description);
+  out.push_back(uinttostr(mapping.leaseDuration));
+}
+
+/// Appends the whole entry: remote host, external port, protocol and the mapping.
+void appendEntry(const Id& id, const PortMap& mapping, std::vector<std::string>& out) {
+  out.emplace_back();
+  out.push_back(uinttostr(id.externalPort));
+  out.push_back(id.protocol == Id::tcp ? "TCP" : "UDP");
+  appendMapping(mapping, out);
+}
+
+/// Enables or disables the interface with this object id.
+lm::message setDisabled(uint32_t interfaceId, bool disabled) {
+  lm::message request;
+  request.insert_u32_array(lm::key::destination,
+                           {lm::service::interfaces, lm::handler::interfaces});
+  request.insert_u32(lm::key::objectId, interfaceId);
+  request.insert_bool(lm::key::disabled, disabled);
+  return lm::getLooper().exchangeCmd(request, lm::cmd::setObject, 6000);
+}
+
+}  // namespace
+
+WANIPConnection::WANIPConnection(uint32_t interfaceId, uint32_t address)
+    : Service("urn:schemas-upnp-org:service:WANIPConnection:1"),
+      deviceId(interfaceId),
+      externalIP(address) {
+  logLine("initial external addr: ", iptostr(address));
+  registerVariables();
+  registerActions();
+}
+
+WANIPConnection::~WANIPConnection() {
+  for (const auto& [id, mapping] : portMaps) {
+    const lm::message reply = nat::removeRule(mapping);
+    if (lm::isError(reply)) logLine("on cleanup remove nat failed: ", lm::getError(reply));
+  }
+}
+
+void WANIPConnection::registerVariables() {
+  addVar("ConnectionType", {makeContainer("Unconfigured", "IP_Routed", "IP_Bridged"), false})
+      .setValue("IP_Routed");
+  addVar("PossibleConnectionTypes", {makeContainer("IP_Routed"), true}).setValue("IP_Routed");
+  addVar("ConnectionStatus",
+         {makeContainer("Unconfigured", "Connected", "Disconnected", "Connecting"), true})
+      .setValue("Unconfigured");
+  addVar("X_Name", {VAR_STRING, false}).setValue("Local Area Connection");
+  addVar("Uptime", {VAR_UI4, false}).setValue(this, &WANIPConnection::getUptime);
+  addVar("LastConnectionError", {makeContainer("ERROR_NONE"), false}).setValue("ERROR_NONE");
+  addVar("RSIPAvailable", {VAR_BOOLEAN, false}).setValue("0");
+  addVar("NATEnabled", {VAR_BOOLEAN, false}).setValue("1");
+  addVar("ExternalIPAddress", {VAR_STRING, true}).setValue(iptostr(externalIP));
+  addVar("PortMappingNumberOfEntries", {VAR_UI2, true}).setValue("0");
+  // The rest only give the arguments of the mapping actions their types.
+  addVar("PortMappingEnabled", {VAR_BOOLEAN, false});
+  addVar("PortMappingLeaseDuration", {VAR_UI4, false});
+  addVar("RemoteHost", {VAR_STRING, false});
+  addVar("ExternalPort", {VAR_UI2, false});
+  addVar("InternalPort", {VAR_UI2, false});
+  addVar("PortMappingProtocol", {makeContainer("TCP", "UDP"), false});
+  addVar("InternalClient", {VAR_STRING, false});
+  addVar("PortMappingDescription", {VAR_STRING, false});
+}
+
+void WANIPConnection::registerActions() {
+  using Self = WANIPConnection;
+
+  // A mapping's key and what it maps to: related variables and argument names.
+  const Values keyVars{"RemoteHost", "ExternalPort", "PortMappingProtocol"};
+  const Values keyArgs{"NewRemoteHost", "NewExternalPort", "NewProtocol"};
+  const Values targetVars{"InternalPort", "InternalClient", "PortMappingEnabled",
+                          "PortMappingDescription", "PortMappingLeaseDuration"};
+  const Values targetArgs{"NewInternalPort", "NewInternalClient", "NewEnabled",
+                          "NewPortMappingDescription", "NewLeaseDuration"};
+  const auto both = [](Values first, const Values& second) {
+    first.insert(first.end(), second.begin(), second.end());
+    return first;
+  };
+  const Values entryVars = both(keyVars, targetVars);
+  const Values entryArgs = both(keyArgs, targetArgs);
+
+  addAct("SetConnectionType", {"ConnectionType"}, {"NewConnectionType"}, {}, {}, this,
+         &Self::setConnectionType);
+  addAct("GetConnectionTypeInfo", {"ConnectionType", "PossibleConnectionTypes"});
+  addAct("RequestConnection", {}, {}, {}, {}, this, &Self::requestConnection);
+  addAct("ForceTermination", {}, {}, {}, {}, this, &Self::forceTermination);
+  addAct("GetStatusInfo", {"ConnectionStatus", "LastConnectionError", "Uptime"});
+  addAct("GetNATRSIPStatus", {"RSIPAvailable", "NATEnabled"});
+  addAct("GetGenericPortMappingEntry", {"PortMappingNumberOfEntries"}, {"NewPortMappingIndex"},
+         entryVars, entryArgs, this, &Self::getGenericPortMappingEntry);
+  addAct("GetSpecificPortMappingEntry", keyVars, keyArgs, targetVars, targetArgs, this,
+         &Self::getSpecificPortMappingEntry);
+  addAct("AddPortMapping", entryVars, entryArgs, {}, {}, this, &Self::addPortMapping);
+  addAct("DeletePortMapping", keyVars, keyArgs, {}, {}, this, &Self::deletePortMapping);
+  addAct("GetExternalIPAddress", {"ExternalIPAddress"});
+}
+
+void WANIPConnection::setStatus(Status status) {
+  const auto text = [status] {
+    switch (status) {
+      case STATUS_CONNECTING:
+        return "Connecting";
+      case STATUS_CONNECTED:
+        return "Connected";
+      case STATUS_DISCONNECTED:
+        return "Disconnected";
+      default:
+        return "Unconfigured";
+    }
+  };
+  setVar("ConnectionStatus", text());
+}
+
+void WANIPConnection::setExternalIP(uint32_t address) {
+  logLine("set external ip ", iptostr(address));
+  externalIP = address;
+  setVar("ExternalIPAddress", iptostr(address));
+}
+
+void WANIPConnection::setAllowDisIface(bool allow) { allowDisIface = allow; }
+
+void WANIPConnection::setShowDummyRule(bool show) {
+  if (show == showDummyRule) return;
+  showDummyRule = show;
+  countEntries();
+}
+
+void WANIPConnection::countEntries() {
+  const size_t entries = portMaps.size() + (showDummyRule ? 1 : 0);
+  setVar("PortMappingNumberOfEntries", uinttostr(static_cast<uint32_t>(entries)));
+}
+
+std::string WANIPConnection::getUptime() { return uinttostr(lm::getUptime()); }
+
+UPNPStatus WANIPConnection::setConnectionType(const Values& /*in*/, Values& /*out*/) {
+  return UPNP_ACTION_FAILED;
+}
+
+UPNPStatus WANIPConnection::requestConnection(const Values& /*in*/, Values& /*out*/) {
+  if (!allowDisIface) return UPNP_ACTION_FAILED;
+  const lm::message reply = setDisabled(deviceId, false);
+  if (lm::isError(reply)) {
+    logLine("enable device failed: ", lm::getError(reply));
+    return UPNP_ACTION_FAILED;
+  }
+  // It is connected when the platform says that the interface runs.
+  setStatus(STATUS_CONNECTING);
+  return UPNP_SUCCESS;
+}
+
+UPNPStatus WANIPConnection::forceTermination(const Values& /*in*/, Values& /*out*/) {
+  if (!allowDisIface) return UPNP_ACTION_FAILED;
+  const lm::message reply = setDisabled(deviceId, true);
+  if (lm::isError(reply)) {
+    logLine("disable device failed: ", lm::getError(reply));
+    return UPNP_ACTION_FAILED;
+  }
+  setStatus(STATUS_DISCONNECTED);
+  return UPNP_SUCCESS;
+}
+
+UPNPStatus WANIPConnection::getGenericPortMappingEntry(const Values& in, Values& out) {
+  uint32_t index = strtouint(in[0]);
+  if (showDummyRule) {
+    if (index == 0) {
+      appendEntry({}, dummyMapping(), out);
+      return UPNP_SUCCESS;
+    }
+    --index;
+  }
+  if (index >= portMaps.size()) return UPNP_SPECIFIED_ARRAY_INDEX_INVALID;
+  const auto& [id, mapping] = *std::next(portMaps.begin(), index);
+  appendEntry(id, mapping, out);
+  return UPNP_SUCCESS;
+}
+
+UPNPStatus WANIPConnection::getSpecificPortMappingEntry(const Values& in, Values& out) {
+  const std::string& remoteHost = in[0];
+  const std::string& externalPort = in[1];
+  const std::string& protocol = in[2];
+  // Whether it is listed or not: who found the dummy can always read it back.
+  if (remoteHost.empty() && externalPort == "0" && protocol == "TCP") {
+    appendMapping(dummyMapping(), out);
+    return UPNP_SUCCESS;
+  }
+  if (!remoteHost.empty()) return UPNP_NO_SUCH_ENTRY_IN_ARRAY;
+  const auto found = portMaps.find(idOf(externalPort, protocol));
+  if (found == portMaps.end()) return UPNP_NO_SUCH_ENTRY_IN_ARRAY;
+  appendMapping(found->second, out);
+  return UPNP_SUCCESS;
+}
+
+UPNPStatus WANIPConnection::addPortMapping(const Values& in, Values& /*out*/) {
+  const std::string& remoteHost = in[0];
+  const std::string& externalPort = in[1];
+  const std::string& internalPort = in[3];
+  const std::string& internalClient = in[4];
+  const std::string& enabled = in[5];
+  if (strtoip(remoteHost) != noAddress) {
+    logLine("addPortMapping: REMOTE_ONLY_WILDCARD: '", remoteHost, "'");
+    return UPNP_REMOTE_HOST_ONLY_SUPPORTS_WILDCARD;
+  }
+  if (externalPort.empty()) {
+    logLine("addPortMapping: EXT_PORT_NO_WILDCARD");
+    return UPNP_WILDCARD_NOT_PERMITTED_IN_EXT_PORT;
+  }
+  const Id id = idOf(externalPort, in[2]);
+  PortMap mapping;
+  mapping.internalPort = static_cast<uint16_t>(strtouint(internalPort));
+  // Text that is no address becomes 255.255.255.255, which the NAT rule table judges.
+  mapping.internalClient = strtoip(internalClient);
+  mapping.enabled = enabled == "yes" || enabled == "1" || enabled == "true";
+  mapping.description = in[6];
+  mapping.leaseDuration = strtouint(in[7]);
+  if (mapping.leaseDuration != 0) {
+    logLine("addPortMapping: ONLY_PERM_LEASES");
+    return UPNP_ONLY_PERMANENT_LEASES_SUPPORTED;
+  }
+
+  const auto found = portMaps.find(id);
+  const bool known = found != portMaps.end();
+  logLine(known ? "set map " : "add map ", externalPort, "->", internalPort, ", ", internalClient);
+  if (known) return changeMapping(found->second, std::move(mapping));
+
+  const lm::message reply = nat::addRule(id, mapping, externalIP);
+  if (lm::isError(reply)) {
+    logLine("add nat failed: ", lm::getError(reply));
+    return UPNP_ACTION_FAILED;
+  }
+  mapping.ruleId = reply.get_u32(lm::key::objectId);
+  portMaps.emplace(id, std::move(mapping));
+  countEntries();
+  return UPNP_SUCCESS;
+}
+
+UPNPStatus WANIPConnection::changeMapping(PortMap& mapping, PortMap wanted) {
+  if (wanted.internalClient != mapping.internalClient) {
+    logLine("addPortMapping: CONFLICT_IN_ENTRY");
+    return UPNP_CONFLICT_IN_MAPPING_ENTRY;
+  }
+  wanted.ruleId = mapping.ruleId;
+  const lm::message reply = nat::setRule(wanted);
+  if (lm::isError(reply)) {
+    logLine("set nat failed: ", lm::getError(reply));
+    return UPNP_ACTION_FAILED;
+  }
+  mapping = std::move(wanted);
+  return UPNP_SUCCESS;
+}
+
+UPNPStatus WANIPConnection::deletePortMapping(const Values& in, Values& /*out*/) {
+  const std::string& externalPort = in[1];
+  const auto found = portMaps.find(idOf(externalPort, in[2]));
+  if (found == portMaps.end()) {
+    logLine("deletePortMapping: NO_SUCH_ENTRY");
+    return UPNP_NO_SUCH_ENTRY_IN_ARRAY;
+  }
+  logLine("del map ", externalPort);
+  const lm::message reply = nat::removeRule(found->second);
+  if (lm::isError(reply)) {
+    logLine("remove nat failed: ", lm::getError(reply));
+    return UPNP_ACTION_FAILED;
+  }
+  portMaps.erase(found);
+  countEntries();
+  return UPNP_SUCCESS;
+}
