@@ -1,0 +1,44 @@
+#include <CLI/App.hpp>
+#include <map>
+#include <ostream>
+
+#include "lumen/ctl/Commands.h"
+#include "lumen/ctl/Table.h"
+#include "lumen/ctl/Text.h"
+
+namespace lumenctl {
+
+namespace {
+
+void list(Session& session) {
+  std::map<uint32_t, std::string> names;
+  for (const Interface& interface : session.router().interfaces()) {
+    names[interface.id] = interface.name;
+  }
+  Json result = Json::array();
+  Table table({"ADDRESS", "INTERFACE", "STATE"});
+  for (const Address& address : session.router().addresses()) {
+    const std::string& name = names[address.interfaceId];
+    result.push_back(
+        {{"address", dotted(address.address)}, {"interface", name}, {"in_use", !address.disabled}});
+    table.add(
+        {dotted(address.address), name, address.disabled ? "interface not running" : "in use"});
+  }
+  if (session.json) {
+    session.print(result);
+  } else if (table.empty()) {
+    session.out() << "The router has no address.\n";
+  } else {
+    table.print(session.out());
+  }
+}
+
+}  // namespace
+
+void addAddressCommands(CLI::App& app, Session& session) {
+  CLI::App* group = app.add_subcommand("address", "the router's IPv4 addresses");
+  group->require_subcommand(1);
+  group->add_subcommand("list", "show them")->callback([&session] { list(session); });
+}
+
+}  // namespace lumenctl

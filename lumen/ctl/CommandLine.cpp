@@ -1,0 +1,66 @@
+#include "lumen/ctl/CommandLine.h"
+
+#include <CLI/App.hpp>
+#include <CLI/Config.hpp>
+#include <CLI/Formatter.hpp>
+#include <ostream>
+
+#include "lumen/ctl/Commands.h"
+#include "lumen/ctl/Errors.h"
+#include "lumen/ctl/Text.h"
+
+namespace lumenctl {
+
+namespace {
+
+constexpr int statusRefused = 1;
+constexpr int statusWrongUsage = 2;
+
+int wrongUsage(std::ostream& err, const std::string& why) {
+  err << "lumenctl: " << printable(why) << "\nlumenctl --help tells how it is used.\n";
+  return statusWrongUsage;
+}
+
+}  // namespace
+
+int run(const std::vector<std::string>& arguments, const Connect& connect, std::ostream& out,
+        std::ostream& err) {
+  Session session(connect, out);
+  CLI::App app("Shows and changes what this router's platform and its Internet gateway do.",
+               "lumenctl");
+  app.set_version_flag("--version", "lumenctl " PALINODE_VERSION);
+  app.add_option("--root", session.root, "talk to the platform that lumend --root DIR runs")
+      ->type_name("DIR");
+  app.add_flag("--json", session.json, "answer in JSON");
+  app.require_subcommand(1);
+  app.fallthrough();  // --root and --json may stand behind the command
+  app.footer(
+      "Exit status: 0 done; 1 refused, with the reason on standard error; 2 wrong usage.\n"
+      "COMMAND --help tells more of a command.");
+
+  addStatusCommand(app, session);
+  addUpnpCommands(app, session);
+  addInterfaceCommands(app, session);
+  addAddressCommands(app, session);
+  addNatCommands(app, session);
+  addServiceCommands(app, session);
+  addIdentityCommand(app, session);
+
+  try {
+    app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
+    session.finish();
+    return 0;
+  } catch (const CLI::Success& asked) {  // --help, --version
+    return app.exit(asked, out, err);
+  } catch (const CLI::ParseError& error) {
+    return wrongUsage(err, error.what());
+  } catch (const WrongUsage& error) {
+    return wrongUsage(err, error.what());
+  } catch (const Refused& error) {
+    session.finish();
+    err << "lumenctl: " << printable(error.what()) << '\n';
+    return statusRefused;
+  }
+}
+
+}  // namespace lumenctl

@@ -1,0 +1,19 @@
+#pragma once
+
+#include <CLI/App.hpp>
+
+#include "lumen/ctl/Session.h"
+
+/// The groups of commands, a file for each. Every function here adds its commands to `app`; their
+/// callbacks run them on `session`, which must outlive `app`.
+namespace lumenctl {
+
+void addStatusCommand(CLI::App& app, Session& session);
+void addUpnpCommands(CLI::App& app, Session& session);
+void addInterfaceCommands(CLI::App& app, Session& session);
+void addAddressCommands(CLI::App& app, Session& session);
+void addNatCommands(CLI::App& app, Session& session);
+void addServiceCommands(CLI::App& app, Session& session);
+void addIdentityCommand(CLI::App& app, Session& session);
+
+}  // namespace lumenctl

@@ -1,0 +1,20 @@
+#include <CLI/App.hpp>
+#include <ostream>
+
+#include "lumen/ctl/Commands.h"
+#include "lumen/ctl/Text.h"
+
+namespace lumenctl {
+
+void addIdentityCommand(CLI::App& app, Session& session) {
+  app.add_subcommand("identity", "what tells this router from every other")->callback([&session] {
+    const std::string identity = session.router().identity();
+    if (session.json) {
+      session.print({{"identity", identity}});
+    } else {
+      session.out() << printable(identity) << '\n';
+    }
+  });
+}
+
+}  // namespace lumenctl

@@ -1,0 +1,121 @@
+#include "lumen/ctl/Records.h"
+
+#include <netinet/in.h>
+
+#include "lumen/ctl/Keys.h"
+#include "lumen/ctl/Text.h"
+#include "lumen/services/broker/BrokerKeys.h"
+#include "lumen/services/nat/NatKeys.h"
+#include "platform/Keys.h"
+
+namespace lumenctl {
+
+namespace {
+
+Role toRole(uint32_t value) {
+  switch (value) {
+    case static_cast<uint32_t>(Role::external):
+      return Role::external;
+    case static_cast<uint32_t>(Role::internal):
+      return Role::internal;
+    default:
+      return Role::none;
+  }
+}
+
+}  // namespace
+
+std::string roleName(Role role) {
+  switch (role) {
+    case Role::external:
+      return "external";
+    case Role::internal:
+      return "internal";
+    case Role::none:
+      break;
+  }
+  return {};
+}
+
+Interface::Interface(const lm::message& record)
+    : id(record.get_u32(lm::key::objectId)),
+      name(record.get_string(interfacekey::name)),
+      role(toRole(record.get_u32(interfacekey::role))),
+      hardwareType(record.get_u32(interfacekey::hardwareType)),
+      index(record.get_u32(interfacekey::index)),
+      disabled(record.get_bool(lm::key::disabled)),
+      running(record.get_bool(interfacekey::running)) {}
+
+std::string Interface::state() const {
+  if (index == 0) return "away";
+  if (disabled) return "down";
+  return running ? "running" : "no link";
+}
+
+Counters::Counters(const lm::message& record)
+    : bytesReceived(record.get_u64(interfacekey::bytesReceived)),
+      bytesSent(record.get_u64(interfacekey::bytesSent)),
+      packetsReceived(record.get_u64(interfacekey::packetsReceived)),
+      packetsSent(record.get_u64(interfacekey::packetsSent)) {}
+
+Address::Address(const lm::message& record)
+    : id(record.get_u32(lm::key::objectId)),
+      interfaceId(record.get_u32(addresskey::interfaceId)),
+      address(record.get_be32(addresskey::address)),
+      disabled(record.get_bool(lm::key::disabled)) {}
+
+std::vector<std::string> addressesOf(uint32_t interfaceId, const std::vector<Address>& addresses) {
+  std::vector<std::string> result;
+  for (const Address& address : addresses) {
+    if (address.interfaceId == interfaceId) result.push_back(dotted(address.address));
+  }
+  return result;
+}
+
+NatRule::NatRule(const lm::message& record)
+    : id(record.get_u32(lm::key::objectId)),
+      externalAddress(record.get_be32(lumen::nat::key::addressFirst)),
+      externalPort(record.get_u32(lumen::nat::key::portFirst)),
+      protocol(record.get_u32(lumen::nat::key::protocol)),
+      internalClient(record.get_be32(lumen::nat::key::clientFirst)),
+      internalPort(record.get_u32(lumen::nat::key::clientPortFirst)),
+      disabled(record.get_bool(lm::key::disabled)),
+      closed(record.get_bool(lumen::nat::key::closed)),
+      stale(record.get_bool(lumen::nat::key::stale)),
+      owner(record.get_string(lumen::nat::key::owner)),
+      secondsOpen(record.get_u64(lumen::nat::key::seconds)),
+      connections(record.get_u64(lumen::nat::key::connections)) {}
+
+std::string NatRule::protocolName() const {
+  if (protocol == IPPROTO_TCP) return "tcp";
+  if (protocol == IPPROTO_UDP) return "udp";
+  return std::to_string(protocol);
+}
+
+std::string NatRule::state() const {
+  if (closed) return "closed";
+  if (disabled) return "disabled";
+  return stale ? "stale" : "open";
+}
+
+Service::Service(const lm::message& record)
+    : number(record.get_u32(lumen::servicekey::number)),
+      name(record.get_string(lumen::servicekey::name)),
+      state(record.get_string(lumen::servicekey::state)),
+      pid(record.get_u32(lumen::servicekey::pid)),
+      restarts(record.get_u32(lumen::servicekey::restarts)),
+      nextStart(record.get_u64(lumen::servicekey::nextStart)) {}
+
+GatewayObject::GatewayObject(const lm::message& record)
+    : id(record.get_u32(lm::key::objectId)),
+      disabled(record.get_bool(lm::key::disabled)),
+      interfaceId(record.get_u32(gatewaykey::interface)),
+      role(toRole(record.get_u32(gatewaykey::type))) {}
+
+Settings::Settings(const lm::message& record) {
+  enabled = record.get_bool(settingskey::enabled, enabled);
+  allowDisableExternal = record.get_bool(settingskey::allowDisableExternal, allowDisableExternal);
+  showDummyRule = record.get_bool(settingskey::showDummyRule, showDummyRule);
+}
+
+}  // namespace lumenctl

@@ -1,0 +1,114 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "platform/message.h"
+
+/// What the platform's services and the gateway list, as typed values. A field that a record lacks
+/// has the value that stands here. IPv4 addresses are in network byte order.
+namespace lumenctl {
+
+enum class Role : uint32_t { none = 0, external = 1, internal = 2 };
+
+/// "external", "internal"; empty for none.
+[[nodiscard]] std::string roleName(Role role);
+
+/// An interface of the router, or the kept name of one that is away.
+struct Interface {
+  explicit Interface(const lm::message& record);
+  /// "running", "no link", "down" or "away".
+  [[nodiscard]] std::string state() const;
+
+  uint32_t id = 0;
+  std::string name;
+  Role role = Role::none;     ///< none: its name is not kept
+  uint32_t hardwareType = 0;  ///< 1: Ethernet
+  uint32_t index = 0;         ///< the kernel's; 0: away
+  bool disabled = false;      ///< taken down
+  bool running = false;
+};
+
+/// What an interface has carried since it was made.
+struct Counters {
+  explicit Counters(const lm::message& record);
+
+  uint64_t bytesReceived = 0;
+  uint64_t bytesSent = 0;
+  uint64_t packetsReceived = 0;
+  uint64_t packetsSent = 0;
+};
+
+struct Address {
+  explicit Address(const lm::message& record);
+
+  uint32_t id = 0;
+  uint32_t interfaceId = 0;
+  uint32_t address = 0;
+  bool disabled = false;  ///< its interface is not running
+};
+
+/// The addresses of one interface, in dotted form.
+[[nodiscard]] std::vector<std::string> addressesOf(uint32_t interfaceId,
+                                                   const std::vector<Address>& addresses);
+
+/// An open port.
+struct NatRule {
+  explicit NatRule(const lm::message& record);
+  /// "tcp", "udp", or the number of another protocol.
+  [[nodiscard]] std::string protocolName() const;
+  /// "open", "disabled" by who made it, "closed" by an administrator, "stale" when its external
+  /// address has left the router.
+  [[nodiscard]] std::string state() const;
+
+  uint32_t id = 0;
+  uint32_t externalAddress = 0;
+  uint32_t externalPort = 0;
+  uint32_t protocol = 0;  ///< IP protocol number
+  uint32_t internalClient = 0;
+  uint32_t internalPort = 0;
+  bool disabled = false;
+  bool closed = false;
+  bool stale = false;
+  std::string owner;  ///< name of the service that made it
+  uint64_t secondsOpen = 0;
+  uint64_t connections = 0;
+};
+
+/// A program that the platform starts.
+struct Service {
+  explicit Service(const lm::message& record);
+
+  uint32_t number = 0;
+  std::string name;
+  std::string state;       ///< one of lumen::servicestate
+  uint32_t pid = 0;        ///< 0: no process
+  uint32_t restarts = 0;   ///< after crashes
+  uint64_t nextStart = 0;  ///< in milliseconds; 0: none planned
+};
+
+/// One interface as the gateway was told to use it.
+struct GatewayObject {
+  GatewayObject() = default;
+  explicit GatewayObject(const lm::message& record);
+  [[nodiscard]] bool operator==(const GatewayObject&) const = default;
+
+  uint32_t id = 0;
+  bool disabled = false;
+  uint32_t interfaceId = 0;
+  Role role = Role::none;
+};
+
+/// The gateway's own settings.
+struct Settings {
+  Settings() = default;
+  explicit Settings(const lm::message& record);
+  [[nodiscard]] bool operator==(const Settings&) const = default;
+
+  bool enabled = false;
+  bool allowDisableExternal = true;  ///< control points may take the external interface down and up
+  bool showDummyRule = true;         ///< an inactive entry stands in the list of open ports
+};
+
+}  // namespace lumenctl

@@ -1,0 +1,59 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "lumen/ctl/Client.h"
+#include "lumen/ctl/Records.h"
+
+namespace lumenctl {
+
+/// The router's services as calls. Each throws Refused with the platform's text when the platform
+/// answers with an error.
+class Router {
+ public:
+  /// The service number of the gateway daemon.
+  static constexpr uint32_t gatewayService = 40;
+
+  /// `client` must outlive this.
+  explicit Router(Client& client) : client_(client) {}
+
+  // Interfaces and addresses.
+  [[nodiscard]] std::vector<Interface> interfaces();
+  /// The one with this name; throws Refused when there is none.
+  [[nodiscard]] Interface interfaceNamed(const std::string& name);
+  [[nodiscard]] Counters counters(uint32_t interfaceId);
+  /// Keeps the interface name with its role, whether there is a link of that name or not. Returns
+  /// its id.
+  uint32_t keep(const std::string& name, Role role);
+  void forget(uint32_t interfaceId);
+  [[nodiscard]] std::vector<Address> addresses();
+
+  // Open ports.
+  [[nodiscard]] std::vector<NatRule> rules();
+  void closeRule(uint32_t id);
+
+  // Programs.
+  [[nodiscard]] std::vector<Service> services();
+  [[nodiscard]] std::string identity();
+
+  // The gateway; each of these starts it when it does not run.
+  [[nodiscard]] Settings settings();
+  void writeSettings(const Settings& settings);
+  [[nodiscard]] std::vector<GatewayObject> gatewayObjects();
+  void addGatewayObject(const GatewayObject& object);
+  void setGatewayObject(const GatewayObject& object);
+  void removeGatewayObject(uint32_t id);
+
+ private:
+  lm::message exchange(const std::vector<uint32_t>& destination, uint32_t command,
+                       lm::message request = {});
+  /// Every record of a table, page by page.
+  std::vector<lm::message> table(const std::vector<uint32_t>& destination, uint32_t command);
+
+  Client& client_;
+};
+
+}  // namespace lumenctl

@@ -1,0 +1,44 @@
+#include <CLI/App.hpp>
+#include <ostream>
+
+#include "lumen/ctl/Commands.h"
+#include "lumen/ctl/Table.h"
+#include "lumen/ctl/Text.h"
+
+namespace lumenctl {
+
+namespace {
+
+void list(Session& session) {
+  Json result = Json::array();
+  Table table({">NUMBER", "NAME", "STATE", ">PROCESS", ">RESTARTS", "STARTS AGAIN"});
+  for (const Service& service : session.router().services()) {
+    result.push_back({{"number", service.number},
+                      {"name", service.name},
+                      {"state", service.state},
+                      {"process", service.pid},
+                      {"restarts", service.restarts},
+                      {"starts_in_ms", service.nextStart}});
+    table.add({std::to_string(service.number), service.name, service.state,
+               service.pid == 0 ? "" : std::to_string(service.pid),
+               std::to_string(service.restarts),
+               service.nextStart == 0 ? "" : "in " + duration((service.nextStart + 999) / 1000)});
+  }
+  if (session.json) {
+    session.print(result);
+  } else if (table.empty()) {
+    session.out() << "No service is installed.\n";
+  } else {
+    table.print(session.out());
+  }
+}
+
+}  // namespace
+
+void addServiceCommands(CLI::App& app, Session& session) {
+  CLI::App* group = app.add_subcommand("service", "the programs that the platform starts");
+  group->require_subcommand(1);
+  group->add_subcommand("list", "show them")->callback([&session] { list(session); });
+}
+
+}  // namespace lumenctl

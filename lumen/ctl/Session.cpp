@@ -1,0 +1,39 @@
+#include "lumen/ctl/Session.h"
+
+#include <ostream>
+#include <utility>
+
+#include "lumen/ctl/Text.h"
+
+namespace lumenctl {
+
+Session::Session(Connect connect, std::ostream& out) : connect_(std::move(connect)), out_(out) {}
+
+Session::~Session() = default;
+
+void Session::done(const std::string& text) {
+  if (json) {
+    done_.push_back(text);
+  } else {
+    out_ << printable(text) << '\n' << std::flush;
+  }
+}
+
+void Session::print(const Json& value) {
+  out_ << value.dump(2, ' ', true, Json::error_handler_t::replace) << '\n';
+}
+
+void Session::finish() {
+  if (json && changes) print({{"done", std::exchange(done_, Json::array())}});
+  changes = false;
+}
+
+Router& Session::router() {
+  if (!router_) {
+    client_ = connect_(root);
+    router_.emplace(*client_);
+  }
+  return *router_;
+}
+
+}  // namespace lumenctl

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <functional>
+#include <iosfwd>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+
+#include "lumen/ctl/Client.h"
+#include "lumen/ctl/Router.h"
+
+namespace lumenctl {
+
+using Json = nlohmann::ordered_json;
+
+/// Connects to the platform whose root folder is the argument; empty: the machine's own. Throws
+/// Refused when nobody answers there.
+using Connect = std::function<std::unique_ptr<Client>(const std::string& root)>;
+
+/// One run of the program: what it talks to and how it answers.
+class Session {
+ public:
+  /// `out` must outlive this.
+  Session(Connect connect, std::ostream& out);
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+  ~Session();
+
+  /// Says what has been changed: a line at once, or, for programs, kept until finish().
+  void done(const std::string& text);
+  /// Prints `value` as JSON that any terminal can show.
+  void print(const Json& value);
+  /// Prints what was done, if that is still to be printed. A command that changes nothing although
+  /// it could have calls done() never.
+  void finish();
+
+  /// Connects when first called.
+  [[nodiscard]] Router& router();
+  [[nodiscard]] std::ostream& out() { return out_; }
+
+  std::string root;      ///< of --root; empty: the machine's own platform
+  bool json = false;     ///< of --json: answers are for programs
+  bool changes = false;  ///< the command changes something and answers with what it did
+
+ private:
+  Connect connect_;
+  std::ostream& out_;
+  Json done_ = Json::array();
+  std::unique_ptr<Client> client_;  // null until first used
+  std::optional<Router> router_;
+};
+
+}  // namespace lumenctl

@@ -1,0 +1,125 @@
+#include "lumen/ctl/Text.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+
+namespace lumenctl {
+
+namespace {
+
+struct Character {
+  char32_t code = 0;
+  size_t length = 0;  // 0: no valid UTF-8
+};
+
+/// RFC 3629, section 4: the shortest form only, no surrogates, nothing above U+10FFFF.
+Character firstCharacter(std::string_view text) {
+  const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
+  const unsigned char lead = byte(0);
+  if (lead < 0x80) return {lead, 1};
+  const size_t length = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : 2;
+  if (lead < 0xC2 || lead > 0xF4 || text.size() < length) return {};
+  char32_t code = lead & (0x7FU >> length);
+  for (size_t i = 1; i < length; ++i) {
+    if ((byte(i) & 0xC0U) != 0x80) return {};
+    code = (code << 6) | (byte(i) & 0x3FU);
+  }
+  constexpr std::array<char32_t, 5> lowest = {0, 0, 0x80, 0x800, 0x10000};
+  const bool surrogate = code >= 0xD800 && code <= 0xDFFF;
+  if (code < lowest[length] || code > 0x10FFFF || surrogate) return {};
+  return {code, length};
+}
+
+bool isPrintable(char32_t code) {
+  const auto within = [code](char32_t first, char32_t last) {
+    return code >= first && code <= last;
+  };
+  if (code < 0x20 || within(0x7F, 0x9F)) return false;  // control characters
+  // What has no shape of its own or moves what stands beside it: zero width, line and paragraph
+  // ends, direction marks, embeddings, overrides and isolates.
+  return !(code == 0xAD || code == 0x61C || within(0x200B, 0x200F) || within(0x2028, 0x202E) ||
+           within(0x2060, 0x206F) || code == 0xFEFF || within(0xFFF9, 0xFFFB) ||
+           within(0xE0000, 0xE0FFF));
+}
+
+}  // namespace
+
+std::string printable(std::string_view text) {
+  std::string result;
+  while (!text.empty()) {
+    const Character character = firstCharacter(text);
+    const size_t length = std::max<size_t>(character.length, 1);
+    if (text.front() == '\\') {
+      result += "\\\\";
+    } else if (character.length != 0 && isPrintable(character.code)) {
+      result += text.substr(0, length);
+    } else {
+      for (const char c : text.substr(0, length)) {
+        std::array<char, 5> escape{};
+        std::snprintf(escape.data(), escape.size(), "\\x%02x",
+                      static_cast<unsigned>(static_cast<unsigned char>(c)));
+        result += escape.data();
+      }
+    }
+    text.remove_prefix(length);
+  }
+  return result;
+}
+
+size_t columns(std::string_view text) {
+  return static_cast<size_t>(std::count_if(text.begin(), text.end(), [](char c) {
+    return (static_cast<unsigned char>(c) & 0xC0U) != 0x80;
+  }));
+}
+
+std::string dotted(uint32_t address) {
+  std::array<char, INET_ADDRSTRLEN> text{};
+  inet_ntop(AF_INET, &address, text.data(), text.size());
+  return text.data();
+}
+
+std::string duration(uint64_t seconds) {
+  struct Unit {
+    uint64_t seconds;
+    const char* name;
+  };
+  constexpr std::array<Unit, 4> units = {{{86400, " d"}, {3600, " h"}, {60, " min"}, {1, " s"}}};
+  size_t largest = 0;
+  while (largest + 1 < units.size() && seconds < units[largest].seconds) ++largest;
+  std::string result = std::to_string(seconds / units[largest].seconds) + units[largest].name;
+  if (largest + 1 == units.size()) return result;
+  const uint64_t rest = seconds % units[largest].seconds / units[largest + 1].seconds;
+  if (rest != 0) result += " " + std::to_string(rest) + units[largest + 1].name;
+  return result;
+}
+
+std::string amount(uint64_t bytes) {
+  constexpr std::array<const char*, 7> units = {" B", " kB", " MB", " GB", " TB", " PB", " EB"};
+  if (bytes < 1000) return std::to_string(bytes) + units[0];
+  size_t unit = 1;
+  uint64_t scale = 1000;
+  while (bytes / scale >= 1000) {
+    scale *= 1000;
+    ++unit;
+  }
+  const uint64_t tenths = bytes / (scale / 10);
+  return std::to_string(tenths / 10) + "." + std::to_string(tenths % 10) + units.at(unit);
+}
+
+std::string joined(const std::vector<std::string>& texts) {
+  std::string result;
+  for (const std::string& text : texts) {
+    if (!result.empty()) result += ", ";
+    result += text;
+  }
+  return result;
+}
+
+std::string yesOrNo(bool value) { return value ? "yes" : "no"; }
+
+std::string onOrOff(bool value) { return value ? "on" : "off"; }
+
+}  // namespace lumenctl

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+/// Values as an administrator reads them.
+namespace lumenctl {
+
+/// `text` made safe for a terminal: whatever is not a printable character of valid UTF-8 comes out
+/// as its bytes, \xNN, and a backslash doubled. That includes the characters that turn the
+/// direction of writing around. Names and error texts may come from anywhere.
+[[nodiscard]] std::string printable(std::string_view text);
+
+/// How many columns the UTF-8 text `text` takes, if no character is wider than one.
+[[nodiscard]] size_t columns(std::string_view text);
+
+/// The dotted form of an IPv4 address in network byte order.
+[[nodiscard]] std::string dotted(uint32_t address);
+
+/// A time in its two largest units: "45 s", "3 min 5 s", "2 d 4 h".
+[[nodiscard]] std::string duration(uint64_t seconds);
+
+/// An amount of data in decimal units: "999 B", "1.2 MB".
+[[nodiscard]] std::string amount(uint64_t bytes);
+
+/// The texts with ", " between them.
+[[nodiscard]] std::string joined(const std::vector<std::string>& texts);
+
+[[nodiscard]] std::string yesOrNo(bool value);
+[[nodiscard]] std::string onOrOff(bool value);
+
+}  // namespace lumenctl

@@ -1,0 +1,247 @@
+#include <CLI/App.hpp>
+#include <algorithm>
+#include <array>
+#include <memory>
+#include <ostream>
+
+#include "lumen/ctl/Arguments.h"
+#include "lumen/ctl/Commands.h"
+#include "lumen/ctl/Errors.h"
+#include "lumen/ctl/Table.h"
+#include "lumen/ctl/Text.h"
+#include "lumen/ctl/UpnpSetup.h"
+
+namespace lumenctl {
+
+namespace {
+
+struct Setting {
+  const char* name;
+  bool Settings::*value;
+  const char* meaning;
+};
+
+constexpr std::array<Setting, 3> settingTable = {{
+    {"enabled", &Settings::enabled, "the gateway works"},
+    {"allow-disable-external", &Settings::allowDisableExternal,
+     "programs on the LAN may take the external interface down and up"},
+    {"show-dummy-rule", &Settings::showDummyRule,
+     "an inactive entry is listed, for programs that refuse an empty list of ports"},
+}};
+
+std::string settingNames() {
+  std::vector<std::string> names;
+  for (const Setting& setting : settingTable) names.emplace_back(setting.name);
+  return joined(names);
+}
+
+void showSettings(Session& session) {
+  const Settings settings = session.router().settings();
+  if (session.json) {
+    Json result;
+    for (const Setting& setting : settingTable) result[setting.name] = settings.*setting.value;
+    session.print(result);
+    return;
+  }
+  Table table({"SETTING", "VALUE", "MEANING"});
+  for (const Setting& setting : settingTable) {
+    table.add({setting.name, onOrOff(settings.*setting.value), setting.meaning});
+  }
+  table.print(session.out());
+}
+
+struct Assignment {
+  const Setting* setting;
+  bool value;
+};
+
+std::vector<Assignment> parseAssignments(const std::vector<std::string>& texts) {
+  std::vector<Assignment> result;
+  for (const std::string& text : texts) {
+    const size_t equals = text.find('=');
+    const std::string name = text.substr(0, equals);
+    const auto* const setting =
+        std::find_if(settingTable.begin(), settingTable.end(),
+                     [&](const Setting& candidate) { return name == candidate.name; });
+    if (setting == settingTable.end()) {
+      throw WrongUsage("there is no setting '" + name + "', only " + settingNames());
+    }
+    if (equals == std::string::npos) throw WrongUsage("write " + name + "=on or " + name + "=off");
+    if (std::any_of(result.begin(), result.end(),
+                    [&](const Assignment& earlier) { return earlier.setting == setting; })) {
+      throw WrongUsage("setting '" + name + "' is given twice");
+    }
+    result.push_back({setting, parseSwitch(name, text.substr(equals + 1))});
+  }
+  return result;
+}
+
+/// The record that the gateway stores is the request as it was received: every write has all three
+/// settings.
+void setSettings(Session& session, const std::vector<std::string>& texts) {
+  const std::vector<Assignment> assignments = parseAssignments(texts);
+  Settings settings = session.router().settings();
+  for (const Assignment& assignment : assignments) {
+    settings.*assignment.setting->value = assignment.value;
+  }
+  session.router().writeSettings(settings);
+  for (const Assignment& assignment : assignments) {
+    session.done(std::string(assignment.setting->name) + ": " + onOrOff(assignment.value));
+  }
+}
+
+void listInterfaces(Session& session) {
+  const std::vector<Interface> interfaces = session.router().interfaces();
+  Json result = Json::array();
+  Table table({"INTERFACE", "ROLE", "USED", "STATE"});
+  for (const GatewayObject& object : session.router().gatewayObjects()) {
+    const auto it = std::find_if(interfaces.begin(), interfaces.end(),
+                                 [&](const Interface& i) { return i.id == object.interfaceId; });
+    const bool known = it != interfaces.end();
+    const std::string name = known ? it->name : "interface " + std::to_string(object.interfaceId);
+    const std::string state = known ? it->state() : "unknown";
+    result.push_back({{"interface", name},
+                      {"role", roleName(object.role)},
+                      {"used", !object.disabled},
+                      {"state", state}});
+    table.add({name, roleName(object.role), yesOrNo(!object.disabled), state});
+  }
+  if (session.json) {
+    session.print(result);
+  } else if (table.empty()) {
+    session.out() << "The gateway uses no interface.\n";
+  } else {
+    table.print(session.out());
+  }
+}
+
+/// Throws Refused when the gateway does not use the interface.
+GatewayObject objectOf(Session& session, const Interface& interface) {
+  for (const GatewayObject& object : session.router().gatewayObjects()) {
+    if (object.interfaceId == interface.id) return object;
+  }
+  throw Refused("the gateway does not use interface '" + interface.name + "'");
+}
+
+struct InterfaceArguments {
+  std::string name;
+  std::string role;  // empty: as it is
+  bool disable = false;
+  bool enable = false;
+};
+
+void addInterface(Session& session, const InterfaceArguments& arguments) {
+  GatewayObject object;
+  object.role = parseRole(arguments.role);
+  object.disabled = arguments.disable;
+  // Kept first: a link that does not exist yet has no id otherwise.
+  object.interfaceId = session.router().keep(arguments.name, object.role);
+  session.router().addGatewayObject(object);
+  session.done(arguments.name + ": used by the gateway as " + roleName(object.role) +
+               (object.disabled ? ", but disabled" : ""));
+}
+
+void setInterface(Session& session, const InterfaceArguments& arguments) {
+  if (arguments.role.empty() && !arguments.enable && !arguments.disable) {
+    throw WrongUsage("nothing to set: give --role, --enable or --disable");
+  }
+  const Role role = arguments.role.empty() ? Role::none : parseRole(arguments.role);
+  const Interface interface = session.router().interfaceNamed(arguments.name);
+  GatewayObject object = objectOf(session, interface);
+  if (role != Role::none) {
+    object.role = role;
+    if (interface.role != role) session.router().keep(interface.name, role);
+  }
+  if (arguments.enable || arguments.disable) object.disabled = arguments.disable;
+  session.router().setGatewayObject(object);
+  session.done(arguments.name + ": used by the gateway as " + roleName(object.role) +
+               (object.disabled ? ", but disabled" : ""));
+}
+
+void removeInterface(Session& session, const std::string& name) {
+  const Interface interface = session.router().interfaceNamed(name);
+  session.router().removeGatewayObject(objectOf(session, interface).id);
+  session.done(name + ": no longer used by the gateway");
+}
+
+void addSetup(CLI::App& upnp, Session& session) {
+  struct Arguments {
+    std::vector<std::string> internal;
+    std::string external;
+  };
+  auto arguments = std::make_shared<Arguments>();
+  CLI::App* setup = upnp.add_subcommand("setup", "make this router an Internet gateway");
+  setup->add_option("--internal", arguments->internal, "interfaces towards the hosts at home")
+      ->required()
+      ->check(interfaceName())
+      ->type_name("IF...");
+  setup->add_option("--external", arguments->external, "interface towards the Internet")
+      ->required()
+      ->check(interfaceName())
+      ->type_name("IF");
+  setup->callback([&session, arguments] {
+    session.changes = true;
+    setUpGateway(session, arguments->internal, arguments->external);
+  });
+}
+
+void addSettings(CLI::App& upnp, Session& session) {
+  CLI::App* settings = upnp.add_subcommand("settings", "show or set the gateway's settings");
+  settings->require_subcommand(0, 1);
+  CLI::App* set = settings->add_subcommand("set", "set some of them, the others stay as they are");
+  auto assignments = std::make_shared<std::vector<std::string>>();
+  set->add_option("settings", *assignments, "settings: " + settingNames())
+      ->required()
+      ->type_name("NAME=on|off...");
+  set->callback([&session, assignments] {
+    session.changes = true;
+    setSettings(session, *assignments);
+  });
+  settings->callback([&session, set] {
+    if (!set->parsed()) showSettings(session);
+  });
+}
+
+void addInterfaces(CLI::App& upnp, Session& session) {
+  CLI::App* group = upnp.add_subcommand("interface", "the interfaces that the gateway uses");
+  group->require_subcommand(1);
+  group->add_subcommand("list", "show them")->callback([&session] { listInterfaces(session); });
+
+  auto arguments = std::make_shared<InterfaceArguments>();
+  const auto command = [&](const std::string& name, const std::string& description, auto call) {
+    CLI::App* app = group->add_subcommand(name, description);
+    app->add_option("interface", arguments->name, "its name")
+        ->required()
+        ->check(interfaceName())
+        ->type_name("IF");
+    app->callback([&session, arguments, call] {
+      session.changes = true;
+      call(session, *arguments);
+    });
+    return app;
+  };
+
+  CLI::App* add = command("add", "let the gateway use an interface", addInterface);
+  add->add_option("--role", arguments->role, "external or internal")->required()->type_name("ROLE");
+  add->add_flag("--disable", arguments->disable, "configure it, but do not use it yet");
+
+  CLI::App* set = command("set", "change how the gateway uses an interface", setInterface);
+  set->add_option("--role", arguments->role, "external or internal")->type_name("ROLE");
+  CLI::Option* enable = set->add_flag("--enable", arguments->enable, "use it");
+  set->add_flag("--disable", arguments->disable, "do not use it")->excludes(enable);
+
+  command("remove", "let the gateway no longer use an interface; its name stays kept",
+          [](Session& s, const InterfaceArguments& a) { removeInterface(s, a.name); });
+}
+
+}  // namespace
+
+void addUpnpCommands(CLI::App& app, Session& session) {
+  CLI::App* upnp = app.add_subcommand("upnp", "the Internet gateway: set-up, settings, interfaces");
+  upnp->require_subcommand(1);
+  addSetup(*upnp, session);
+  addSettings(*upnp, session);
+  addInterfaces(*upnp, session);
+}
+
+}  // namespace lumenctl
