@@ -1,9 +1,7 @@
 #pragma once
 
 #include <cstddef>
-#include <string>
 #include <string_view>
-#include <vector>
 
 #include "xml/XMLNode.h"
 
@@ -12,6 +10,10 @@
 /// Whatever the text is, memory, stack and time are bounded: elements nested deeper than maxDepth,
 /// a tree larger than maxTreeSize and entities that expand to much more than the text end the parse
 /// without success.
+///
+/// A leaf's value is the last piece of character data that expat reported before its end, so text
+/// around a reference loses what is before it; an empty element has the last piece that was
+/// reported before it; an element with sub-nodes has none.
 class XMLParser {
  public:
   /// The deepest element that is accepted; the document element has depth 1.
@@ -19,22 +21,12 @@ class XMLParser {
   /// The most memory that a tree may take, in bytes: its nodes, its attributes and their texts.
   static constexpr size_t maxTreeSize = 4UL * 1024 * 1024;
 
-  /// Parses `document`, UTF-8 unless it says otherwise, as a whole.
+  /// Parses `document` as a whole, as UTF-8 whatever it declares.
   explicit XMLParser(std::string_view document);
-  XMLParser(const XMLParser&) = delete;
-  XMLParser& operator=(const XMLParser&) = delete;
 
   /// Whether the whole text was a well-formed document within the bounds.
   bool ok = false;
   /// A nameless node whose one sub-node is the document element. When not ok it holds what there
   /// was up to the error.
   XMLNode root;
-
- private:
-  class Handlers;
-
-  std::vector<XMLNode*> stack;  ///< open elements, the innermost last; they point into root
-  bool textPending = false;     ///< a start tag was seen and its text is not stored yet
-  std::string text;             ///< the last piece of character data that expat reported
-  size_t treeSize = 0;          ///< bytes that the tree takes by now
 };

@@ -1,0 +1,95 @@
+#include "http/HTTPServer.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+
+#include <array>
+#include <cerrno>
+#include <cstddef>
+#include <cstdlib>
+#include <string>
+#include <utility>
+
+#include "http/Log.h"
+#include "http/RequestLine.h"
+#include "http/Server.h"
+
+namespace {
+
+/// The longest that writing a reply may hold up the loop, in microseconds.
+constexpr suseconds_t writeLimit = 100000;
+
+/// One write of the whole reply, which goes to the send buffer at once unless the client has shut
+/// its window with data of ours in it. False when not all of it was taken.
+bool writeReply(int fd, const std::string& text) {
+  const timeval limit = {0, writeLimit};
+  setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+  const int room = static_cast<int>(text.size());
+  setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
+  ssize_t written = 0;
+  do {
+    written = send(fd, text.data(), text.size(), MSG_NOSIGNAL);
+  } while (written < 0 && errno == EINTR);
+  return written >= 0 && static_cast<size_t>(written) == text.size();
+}
+
+/// Reads what else the client has sent, up to the size of a request. A socket that is closed with
+/// unread bytes resets the connection (RFC 9293 section 3.6.1), which can take back the reply.
+void discardReceived(int fd) {
+  std::array<char, BUFLEN> bytes;
+  for (size_t read = 0; read < HTTPServer::maxRequest; read += bytes.size()) {
+    if (recv(fd, bytes.data(), bytes.size(), MSG_DONTWAIT) <= 0) return;
+  }
+}
+
+}  // namespace
+
+void HTTPServer::acceptHttp(int listenFd) {
+  // The client may have gone since the socket became ready, and the loop must not wait for the
+  // next.
+  fcntl(listenFd, F_SETFL, O_NONBLOCK);
+  lm::Fd accepted(accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC));
+  if (!accepted.valid()) {
+    logLine("accept failed");
+    return;
+  }
+  auto device = handler.findListener(listenFd);
+  if (!device) {
+    logLine("oo jeaaa");
+    exit(1);
+  }
+  const int fd = accepted.get();
+  conns[fd] = std::make_unique<HTTPConn>(std::move(accepted), std::move(device), *this);
+}
+
+void HTTPServer::readHttp(int fd) {
+  const auto found = conns.find(fd);
+  if (found == conns.end()) {
+    logLine("fatal error: could not find http conn");
+    exit(1);
+  }
+  HTTPConn& conn = *found->second;
+  std::array<char, BUFLEN> bytes;
+  const ssize_t size = recv(fd, bytes.data(), bytes.size(), MSG_DONTWAIT);
+  if (size < 0 && (errno == EAGAIN || errno == EINTR)) return;
+  if (size <= 0) {
+    drop(fd);
+    return;
+  }
+  conn.append({bytes.data(), static_cast<size_t>(size)});
+  if (conn.requestComplete()) {
+    reply(conn);
+    drop(fd);
+  } else if (conn.buffer.size() > maxRequest) {
+    drop(fd);
+  }
+}
+
+void HTTPServer::reply(HTTPConn& conn) {
+  const HTTPMessage request(conn.buffer);
+  const auto [method, url] = parseRequestLine(request.startLine);
+  const std::string text = handler.handleHttpRequest(*conn.device, request, method, url).get();
+  if (!writeReply(conn.fd.get(), text)) logLine("write error");
+  discardReceived(conn.fd.get());
+}

@@ -1,0 +1,82 @@
+#include "http/Sockets.h"
+
+#include <arpa/inet.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+#include "http/Log.h"
+#include "platform/Fd.h"
+
+namespace {
+
+constexpr uint8_t multicastTtl = 4;
+constexpr int backlog = 1;
+
+/// Logs `what` and the system's error text. Returns the makers' failure.
+int failed(const char* what) {
+  logLine(what, ": ", strerror(errno));
+  return -1;
+}
+
+bool bindToDevice(int fd, const std::string& ifname) {
+  // A name that fills the buffer reaches the kernel without its zero, and is refused there.
+  std::array<char, IFNAMSIZ> name = {};
+  ifname.copy(name.data(), name.size());
+  return setsockopt(fd, SOL_SOCKET, SO_BINDTODEVICE, name.data(), name.size()) == 0;
+}
+
+bool reuseAddress(int fd) {
+  const int on = 1;
+  return setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == 0;
+}
+
+bool bindToPort(int fd, unsigned int port) {
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_ANY);
+  return bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+}
+
+}  // namespace
+
+int makeUdpSocket(const std::string& ifname) {
+  lm::Fd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  if (!fd.valid()) return failed("udp socket");
+  if (!bindToDevice(fd.get(), ifname)) return failed("udp setsockopt SO_BINDTODEVICE");
+  return fd.release();
+}
+
+int makeDiscoverySocket(const std::string& ifname, unsigned int ifindex, unsigned int ifaddr) {
+  lm::Fd fd(makeUdpSocket(ifname));
+  if (!fd.valid()) return -1;
+  if (!reuseAddress(fd.get())) return failed("setsockopt SO_REUSEADDR");
+  if (!bindToPort(fd.get(), SSDP_PORT)) return failed("udp bind");
+
+  ip_mreqn group = {};
+  group.imr_multiaddr.s_addr = inet_addr(SSDP_IP);
+  group.imr_address.s_addr = ifaddr;
+  group.imr_ifindex = static_cast<int>(ifindex);
+  if (setsockopt(fd.get(), IPPROTO_IP, IP_ADD_MEMBERSHIP, &group, sizeof group) != 0) {
+    return failed("setsockopt IP_ADD_MEMBERSHIP");
+  }
+  if (setsockopt(fd.get(), IPPROTO_IP, IP_MULTICAST_TTL, &multicastTtl, sizeof multicastTtl) != 0) {
+    return failed("setsockopt IP_MULTICAST_TTL");
+  }
+  return fd.release();
+}
+
+int makeTcpSocket(const std::string& ifname, unsigned int port) {
+  lm::Fd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (!fd.valid()) return failed("tcp socket");
+  if (!bindToDevice(fd.get(), ifname)) return failed("setsockopt SO_BINDTODEVICE");
+  if (!reuseAddress(fd.get())) return failed("setsockopt SO_REUSEADDR");
+  if (!bindToPort(fd.get(), port)) return failed("tcp bind");
+  if (listen(fd.get(), backlog) != 0) return failed("tcp listen");
+  return fd.release();
+}

@@ -1,0 +1,25 @@
+#include "ssdp/Datagram.h"
+
+#include <sys/socket.h>
+
+#include "http/Server.h"
+#include "http/Sockets.h"
+#include "http/Text.h"
+#include "ssdp/Advertiser.h"
+
+std::string ssdpHost() { return SSDP_IP + (":" + uinttostr(SSDP_PORT)); }
+
+void addMaxAge(HTTPMessage& message) {
+  message.addField("CACHE-CONTROL", "max-age=" + uinttostr(MAX_AGE));
+}
+
+void addLocation(HTTPMessage& message, uint32_t address) {
+  message.addField("LOCATION", serverUrl(address) + DESCRIPTION_URL);
+}
+
+bool sendDatagram(int socket, const HTTPMessage& message, const sockaddr_in& to) {
+  const std::string text = message.get();
+  const ssize_t sent = sendto(socket, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
+                              reinterpret_cast<const sockaddr*>(&to), sizeof to);
+  return sent >= 0 && static_cast<size_t>(sent) == text.size();
+}

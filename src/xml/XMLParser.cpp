@@ -1,0 +1,108 @@
+#include "xml/XMLParser.h"
+
+// expat declares its limits of entity expansion only to those who say that it was built with DTDs.
+#define XML_DTD
+#include <expat.h>
+
+#include <limits>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace {
+
+/// A document with its entities expanded may be this long, or this many times its own length.
+constexpr unsigned long long freeExpansion = 64ULL * 1024;
+constexpr float maxExpansion = 4;
+
+struct FreeParser {
+  void operator()(XML_Parser expat) const { XML_ParserFree(expat); }
+};
+using ParserHandle = std::unique_ptr<XML_ParserStruct, FreeParser>;
+
+/// The state of one parse; expat's user data.
+class Parse {
+ public:
+  explicit Parse(XMLNode& root) : stack{&root} {}
+
+  [[nodiscard]] bool run(std::string_view document);
+
+ private:
+  static void XMLCALL startTag(void* parse, const XML_Char* name, const XML_Char** attributes) {
+    static_cast<Parse*>(parse)->start(name, attributes);
+  }
+  static void XMLCALL endTag(void* parse, const XML_Char* /*name*/) {
+    static_cast<Parse*>(parse)->end();
+  }
+  static void XMLCALL characterData(void* parse, const XML_Char* data, int length) {
+    auto* self = static_cast<Parse*>(parse);
+    if (!self->stopped) self->text.assign(data, static_cast<size_t>(length));
+  }
+
+  void start(const XML_Char* name, const XML_Char** attributes);
+  void end();
+  /// Adds to the size of the tree; false, and the parse ends, when it is too large.
+  bool grow(size_t bytes);
+  void stop();
+
+  ParserHandle expat{XML_ParserCreate("UTF-8")};
+  std::vector<XMLNode*> stack;  // open elements, the innermost last, on top of the root
+  bool textPending = false;     // a start tag was seen and its text is not stored yet
+  std::string text;             // the last piece of character data
+  size_t treeSize = 0;
+  bool stopped = false;  // expat may still report an end tag after it was stopped
+};
+
+bool Parse::run(std::string_view document) {
+  if (!expat || document.size() > std::numeric_limits<int>::max()) return false;
+  XML_SetUserData(expat.get(), this);
+  XML_SetElementHandler(expat.get(), startTag, endTag);
+  XML_SetCharacterDataHandler(expat.get(), characterData);
+  XML_SetBillionLaughsAttackProtectionActivationThreshold(expat.get(), freeExpansion);
+  XML_SetBillionLaughsAttackProtectionMaximumAmplification(expat.get(), maxExpansion);
+  return XML_Parse(expat.get(), document.data(), static_cast<int>(document.size()), XML_TRUE) ==
+         XML_STATUS_OK;
+}
+
+void Parse::start(const XML_Char* name, const XML_Char** attributes) {
+  if (stopped) return;
+  if (stack.size() > XMLParser::maxDepth) {
+    stop();
+    return;
+  }
+  XMLNode& node = stack.back()->addSubNode(XMLNode(name));
+  stack.push_back(&node);
+  textPending = true;
+  if (!grow(sizeof(XMLNode) + node.name.size())) return;
+  for (; *attributes != nullptr; attributes += 2) {
+    node.addProperty(attributes[0], attributes[1]);
+    const XMLProp& property = node.properties.back();
+    if (!grow(sizeof(XMLProp) + property.name.size() + property.value.size())) return;
+  }
+}
+
+void Parse::end() {
+  if (stopped) return;
+  if (textPending) {
+    // The same text goes to every empty element behind it, so it may not be small in the end.
+    if (!grow(text.size())) return;
+    stack.back()->value = text;
+    textPending = false;
+  }
+  stack.pop_back();
+}
+
+bool Parse::grow(size_t bytes) {
+  treeSize += bytes;
+  if (treeSize > XMLParser::maxTreeSize) stop();
+  return !stopped;
+}
+
+void Parse::stop() {
+  stopped = true;
+  XML_StopParser(expat.get(), XML_FALSE);
+}
+
+}  // namespace
+
+XMLParser::XMLParser(std::string_view document) { ok = Parse(root).run(document); }
