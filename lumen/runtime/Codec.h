@@ -20,8 +20,8 @@ inline constexpr int maxNesting = 8;
 [[nodiscard]] std::string encode(const message& m);
 
 /// The message that `datagram` is the wire form of. None when it is anything else: empty,
-/// truncated, with an unknown type, a bool that is neither 0 nor 1, a key twice, nested too deep;
-/// `reason` then says what is wrong, in a few words for the log.
+/// too long, truncated, with an unknown type, a bool that is neither 0 nor 1, a key twice, nested
+/// too deep; `reason` then says what is wrong, in a few words for the log.
 [[nodiscard]] std::optional<message> decode(std::string_view datagram, std::string& reason);
 
 }  // namespace lm

@@ -10,7 +10,8 @@
 namespace lm {
 
 /// One thread's descriptors and timers. Descriptors are waited for by libev; timers are a queue of
-/// its own on the injected clock. While it lives it is what getRunner() gives; there is at most one.
+/// its own on the injected clock. While it lives it is what getRunner() gives; there is at most
+/// one.
 ///
 /// In a turn every ready watch is dispatched once, then every timer that is due. A listening socket
 /// holds one waiting client only, and a full queue costs the next one a whole second: listening
@@ -35,6 +36,9 @@ class EventLoop : public ThinRunner {
   /// Waits until something is ready or due, at most `limit` milliseconds (none: for ever), and
   /// dispatches it. With a limit of 0 it dispatches what is ready now.
   void turn(std::optional<uint64_t> limit);
+
+  /// When there is something to do even if no descriptor becomes ready: a time of the clock.
+  [[nodiscard]] std::optional<uint64_t> nextDue() const;
 
   [[nodiscard]] const Clock& clock() const;
 

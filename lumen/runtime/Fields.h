@@ -47,11 +47,20 @@ class message::Fields {
   [[nodiscard]] Value* find(uint32_t key);
   /// Appends the field, or replaces its value in place; returns the value's place.
   Value& set(uint32_t key, Value value);
+  /// Appends a field whose key is not present yet.
+  void append(uint32_t key, Value value) { fields_.push_back({key, std::move(value)}); }
   /// Does nothing when the field is absent.
   void erase(uint32_t key);
 
  private:
   std::vector<Field> fields_;
 };
+
+/// Whether a field serves the transport of a message and is no part of what the message says: the
+/// paths, the serial, the command, the error.
+[[nodiscard]] bool isTransportField(uint32_t key);
+
+/// What `m` says: its fields but those of the transport.
+[[nodiscard]] message withoutTransportFields(const message& m);
 
 }  // namespace lm

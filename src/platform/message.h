@@ -21,7 +21,7 @@ class message {
   /// The fields; only the platform's own code knows their form.
   class Fields;
 
-  message();
+  message() noexcept;
   message(const message& other);
   message(message&& other) noexcept;
   message& operator=(const message& other);
@@ -67,11 +67,11 @@ class message {
   [[nodiscard]] bool has_array(uint32_t key) const;
 
   /// For the platform's own code: the fields, to walk, encode and decode them.
-  [[nodiscard]] const Fields& fields() const { return *fields_; }
-  [[nodiscard]] Fields& fields() { return *fields_; }
+  [[nodiscard]] const Fields& fields() const;
+  [[nodiscard]] Fields& fields();
 
  private:
-  std::unique_ptr<Fields> fields_;  // never null
+  std::unique_ptr<Fields> fields_;  // null: none
 };
 
 /// An error reply with this code and text.

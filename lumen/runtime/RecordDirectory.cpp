@@ -1,0 +1,171 @@
+#include "lumen/runtime/RecordDirectory.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <string_view>
+#include <utility>
+
+#include "lumen/runtime/Codec.h"
+#include "lumen/runtime/Log.h"
+#include "platform/Fd.h"
+
+namespace lm {
+namespace {
+
+constexpr std::string_view temporarySuffix = ".new";
+constexpr std::string_view brokenSuffix = ".broken";
+
+bool writeAll(int fd, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t written = write(fd, bytes.data(), bytes.size());
+    if (written < 0 && errno == EINTR) continue;
+    if (written < 0) return false;
+    bytes.remove_prefix(static_cast<size_t>(written));
+  }
+  return true;
+}
+
+/// Reads at most one byte more than a record can have.
+bool readAll(int fd, std::string& bytes) {
+  bytes.resize(maxDatagram + 1);
+  size_t length = 0;
+  while (length < bytes.size()) {
+    const ssize_t got = ::read(fd, bytes.data() + length, bytes.size() - length);
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) return false;
+    if (got == 0) break;
+    length += static_cast<size_t>(got);
+  }
+  bytes.resize(length);
+  return true;
+}
+
+/// Makes renames and removals in the directory survive a power failure.
+bool syncDirectory(const std::string& path) {
+  const Fd directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  return directory.valid() && fsync(directory.get()) == 0;
+}
+
+std::optional<uint32_t> numberOf(std::string_view name) {
+  uint32_t number = 0;
+  const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), number);
+  if (error != std::errc() || end != name.data() + name.size()) return std::nullopt;
+  if (name != std::to_string(number)) return std::nullopt;
+  return number;
+}
+
+void logFailure(const std::string& file) { logLine("store: ", file, ": ", strerror(errno)); }
+
+}  // namespace
+
+RecordDirectory::Pending::Pending(std::string temporary, std::string final, std::string directory)
+    : temporary_(std::move(temporary)),
+      final_(std::move(final)),
+      directory_(std::move(directory)) {}
+
+RecordDirectory::Pending::~Pending() {
+  if (!temporary_.empty() && unlink(temporary_.c_str()) != 0) logFailure(temporary_);
+}
+
+bool RecordDirectory::Pending::commit() {
+  if (rename(temporary_.c_str(), final_.c_str()) != 0) {
+    logFailure(final_);
+    return false;
+  }
+  temporary_.clear();
+  // The record is in its place whether or not the directory could be synced.
+  if (!syncDirectory(directory_)) logFailure(directory_);
+  return true;
+}
+
+RecordDirectory::RecordDirectory(std::string path) : path_(std::move(path)) {}
+
+std::vector<uint32_t> RecordDirectory::numbers() const {
+  std::vector<uint32_t> result;
+  const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(path_.c_str()), closedir);
+  if (!directory) {
+    logFailure(path_);
+    return result;
+  }
+  while (const dirent* entry = readdir(directory.get())) {
+    std::string_view name = entry->d_name;
+    if (const auto number = numberOf(name)) {
+      result.push_back(*number);
+    } else if (name.ends_with(temporarySuffix)) {
+      name.remove_suffix(temporarySuffix.size());
+      if (numberOf(name)) unlinkat(dirfd(directory.get()), entry->d_name, 0);
+    }
+  }
+  std::sort(result.begin(), result.end());
+  return result;
+}
+
+std::optional<message> RecordDirectory::read(uint32_t number) const {
+  const std::string file = fileOf(number);
+  // Not to wait for ever should somebody have put a pipe there.
+  const Fd fd(open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  if (!fd.valid()) {
+    if (errno != ENOENT) logFailure(file);
+    return std::nullopt;
+  }
+  std::string bytes;
+  if (!readAll(fd.get(), bytes)) {
+    logFailure(file);
+    return std::nullopt;
+  }
+  if (bytes.empty()) return message();
+  std::string reason;
+  std::optional<message> record = decode(bytes, reason);
+  if (!record) {
+    const std::string aside = file + std::string(brokenSuffix);
+    logLine("store: ", file, " is broken (", reason, "), kept as ", aside);
+    if (rename(file.c_str(), aside.c_str()) != 0) logFailure(aside);
+  }
+  return record;
+}
+
+std::unique_ptr<RecordDirectory::Pending> RecordDirectory::prepare(uint32_t number,
+                                                                   const message& record) const {
+  const std::string file = fileOf(number);
+  const std::string temporary = file + std::string(temporarySuffix);
+  const std::string bytes = encode(record);
+  if (bytes.size() > maxDatagram) {
+    logLine("store: ", file, ": record too long");
+    return nullptr;
+  }
+  const Fd fd(open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+  if (!fd.valid()) {
+    logFailure(temporary);
+    return nullptr;
+  }
+  auto pending = std::make_unique<Pending>(temporary, file, path_);
+  if (!writeAll(fd.get(), bytes) || fsync(fd.get()) != 0) {
+    logFailure(temporary);
+    return nullptr;
+  }
+  return pending;
+}
+
+bool RecordDirectory::remove(uint32_t number) const {
+  const std::string file = fileOf(number);
+  if (unlink(file.c_str()) != 0) {
+    if (errno == ENOENT) return true;
+    logFailure(file);
+    return false;
+  }
+  if (!syncDirectory(path_)) logFailure(path_);
+  return true;
+}
+
+std::string RecordDirectory::fileOf(uint32_t number) const {
+  return path_ + "/" + std::to_string(number);
+}
+
+}  // namespace lm

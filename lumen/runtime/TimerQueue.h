@@ -1,0 +1,40 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <utility>
+
+#include "platform/ThinRunner.h"
+
+namespace lm {
+
+/// Pending timers in the order in which they come due; those due at the same time in the order in
+/// which they were added. Adding and removing take logarithmic time.
+class TimerQueue {
+ public:
+  /// A timer's owner and callback, which name it.
+  using Timer = std::pair<void*, ThinRunner::TimerCallback>;
+
+  /// `due` is a time of the clock, in milliseconds. A pending timer is replaced.
+  void add(Timer timer, uint64_t due);
+  /// Does nothing when the timer is not pending.
+  void remove(Timer timer);
+
+  /// When the next timer comes due.
+  [[nodiscard]] std::optional<uint64_t> nextDue() const;
+
+  /// The number of timers added so far, to tell those that were added later.
+  [[nodiscard]] uint64_t added() const { return added_; }
+  /// Takes the first timer that is due at `now`, unless it was added after `added` was read.
+  [[nodiscard]] std::optional<Timer> takeDue(uint64_t now, uint64_t added);
+
+ private:
+  using Place = std::pair<uint64_t, uint64_t>;  // when due, which one added
+
+  std::map<Place, Timer> byPlace_;
+  std::map<Timer, Place> byTimer_;
+  uint64_t added_ = 0;
+};
+
+}  // namespace lm
