@@ -1,0 +1,76 @@
+#include <gtest/gtest.h>
+
+#include "xml/XMLNode.h"
+
+TEST(XMLNode, WritesAnEmptyLeafAsTwoTags) { EXPECT_EQ(XMLNode("x").get(), "<x></x>\r\n"); }
+
+TEST(XMLNode, WritesANodeWithoutAName) { EXPECT_EQ(XMLNode().get(), "<></>\r\n"); }
+
+TEST(XMLNode, WritesPropertiesInTheOrderAdded) {
+  XMLNode node("x");
+  node.addProperty("a", "1");
+  EXPECT_EQ(node.get(), "<x a=\"1\"></x>\r\n");
+  node.addProperty("a", "<\"&");
+  EXPECT_EQ(node.get(), "<x a=\"1\" a=\"<\"&\"></x>\r\n");
+}
+
+TEST(XMLNode, IndentsChildrenByTwoBlanks) {
+  XMLNode root("root");
+  root.addSubNode("a", "1");
+  root.addSubNode("b", "");
+  EXPECT_EQ(root.get(), "<root>\r\n  <a>1</a>\r\n  <b></b>\r\n</root>\r\n");
+}
+
+TEST(XMLNode, IndentsGrandchildrenByFour) {
+  XMLNode root("root");
+  root.addSubNode(XMLNode("list")).addSubNode("a", "1");
+  root.addSubNode("b", "2");
+  EXPECT_EQ(root.get(),
+            "<root>\r\n  <list>\r\n    <a>1</a>\r\n  </list>\r\n  <b>2</b>\r\n</root>\r\n");
+}
+
+TEST(XMLNode, WritesSubNodesInsteadOfItsValue) {
+  XMLNode node("x");
+  node.value = "lost";
+  node.addSubNode("a", "1");
+  EXPECT_EQ(node.get(), "<x>\r\n  <a>1</a>\r\n</x>\r\n");
+}
+
+TEST(XMLNode, EscapesNothing) {
+  XMLNode root("root");
+  root.addSubNode("a", "<b> & \"c\"\r\n");
+  EXPECT_EQ(root.get(), "<root>\r\n  <a><b> & \"c\"\r\n</a>\r\n</root>\r\n");
+}
+
+TEST(XMLNode, WritesTheDeclarationBeforeADocument) {
+  EXPECT_EQ(XMLNode("x").getXML(), "<?xml version=\"1.0\"?>\r\n<x></x>\r\n");
+}
+
+TEST(XMLNode, LeavesTheIndentationAsItWas) {
+  XMLNode root("root");
+  root.addSubNode(XMLNode("list")).addSubNode("a", "1");
+  const std::string first = root.get();
+  EXPECT_EQ(xmlIndent, 0U);
+  EXPECT_EQ(root.getXML(), "<?xml version=\"1.0\"?>\r\n" + first);
+  EXPECT_EQ(xmlIndent, 0U);
+}
+
+TEST(XMLNode, AddsSubNodesAtTheEnd) {
+  XMLNode root("root");
+  XMLNode& first = root.addSubNode("a", "1");
+  root.addSubNode("a", "2");
+  first.value = "3";
+  EXPECT_EQ(root.get(), "<root>\r\n  <a>3</a>\r\n  <a>2</a>\r\n</root>\r\n");
+}
+
+TEST(XMLNode, CopiesItsWholeSubtree) {
+  XMLNode original("root");
+  original.addProperty("p", "1");
+  original.addSubNode(XMLNode("list")).addSubNode("a", "1");
+  const XMLNode copy = original;
+  const std::string before = original.get();
+  original.subNodes.front().subNodes.front().value = "2";
+  original.properties.front().value = "2";
+  EXPECT_EQ(copy.get(), before);
+  EXPECT_NE(original.get(), before);
+}
