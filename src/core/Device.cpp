@@ -1,0 +1,46 @@
+#include "core/Device.h"
+
+#include "core/Gateway.h"
+#include "core/PlatformTables.h"
+#include "http/Server.h"
+#include "http/Sockets.h"
+#include "platform/Keys.h"
+#include "ssdp/Advertiser.h"
+
+void Device::openSockets(Gateway& gateway) {
+  discoverySocket.reset(
+      makeDiscoverySocket(interfaceName(), record.get_u32(interface_table::index), address));
+  discoveryWatch.start<&Gateway::handleSearch>(discoverySocket.get(), gateway, lm::watchRead);
+  listenSocket.reset(makeTcpSocket(interfaceName(), HTTP_PORT));
+  listenWatch.start<&Gateway::acceptHttp>(listenSocket.get(), gateway, lm::watchRead);
+  timer.start<&Device::advertTimer>(*this, ADVERT_INTERVAL);
+}
+
+void Device::closeSockets() {
+  timer.stop();
+  discoveryWatch.stop();
+  listenWatch.stop();
+  discoverySocket.reset();
+  listenSocket.reset();
+}
+
+uint32_t Device::currentAddress() const {
+  if (addresses.contains(address)) return address;
+  return addresses.empty() ? 0 : *addresses.begin();
+}
+
+WANIPConnection::Status Device::connectionStatus() const {
+  if (disabled) return WANIPConnection::STATUS_DISCONNECTED;
+  return running ? WANIPConnection::STATUS_CONNECTED : WANIPConnection::STATUS_CONNECTING;
+}
+
+uint32_t Device::id() const { return record.get_u32(lm::key::objectId); }
+
+std::string Device::displayName() const { return record.get_string(interface_table::displayName); }
+
+std::string Device::interfaceName() const { return record.get_string(interface_table::name); }
+
+void Device::advertTimer() {
+  theGateway->advertise(*this);
+  timer.start<&Device::advertTimer>(*this, ADVERT_INTERVAL);
+}

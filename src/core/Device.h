@@ -1,0 +1,75 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <set>
+#include <string>
+
+#include "core/DevObj.h"
+#include "http/ServedInterface.h"
+#include "http/Text.h"
+#include "igd/WANCommonInterfaceConfig.h"
+#include "igd/WANIPConnection.h"
+#include "platform/Fd.h"
+#include "platform/Timer.h"
+#include "platform/Watch.h"
+#include "platform/message.h"
+
+class Gateway;
+
+/// One interface of the platform, with what the gateway has started on it: sockets and a timer on
+/// a LAN side, two services on the WAN side. HTTP connections share it, so it may outlive its
+/// interface.
+class Device : public ServedInterface {
+ public:
+  /// Addresses in the order of the numbers that a big-endian machine sees.
+  struct ByNumber {
+    bool operator()(uint32_t a, uint32_t b) const { return iptonumber(a) < iptonumber(b); }
+  };
+
+  explicit Device(lm::message interfaceRecord) : record(std::move(interfaceRecord)) {}
+  Device(const Device&) = delete;
+  Device& operator=(const Device&) = delete;
+
+  /// Opens and watches both sockets for `gateway`, which must outlive them, and starts the
+  /// advertisement timer. A socket that cannot be opened is missing, which is logged.
+  void openSockets(Gateway& gateway);
+  /// Ends the timer and closes both sockets. Does nothing when they are not open.
+  void closeSockets();
+
+  /// Which of `addresses` is to be `address`: it stays as long as it is one of them, then the
+  /// smallest takes its place, and 0 when there is none.
+  [[nodiscard]] uint32_t currentAddress() const;
+
+  /// The state of the connection that this interface is.
+  [[nodiscard]] WANIPConnection::Status connectionStatus() const;
+
+  [[nodiscard]] uint32_t ipAddress() const override { return address; }
+  [[nodiscard]] uint32_t id() const;
+  [[nodiscard]] std::string displayName() const;
+  /// The name that sockets are bound to.
+  [[nodiscard]] std::string interfaceName() const;
+
+  [[nodiscard]] bool isStarted(uint32_t as) const { return started && type == as; }
+  /// Whether anything of the gateway hangs on the interface.
+  [[nodiscard]] bool isInUse() const { return started || commonIfc != nullptr; }
+
+  lm::message record;                      ///< as last received
+  uint32_t type = interface_type::none;    ///< as configured
+  bool disabled = false;                   ///< says the platform
+  bool running = false;                    ///< says the platform
+  std::set<uint32_t, ByNumber> addresses;  ///< all its IPv4 addresses, network byte order
+  uint32_t address = 0;                    ///< the current one of them, 0 for none
+  bool started = false;                    ///< the LAN side serves, or the WAN tree exists
+  lm::Fd discoverySocket;                  ///< LAN side: SSDP
+  lm::Fd listenSocket;                     ///< LAN side: HTTP
+  std::unique_ptr<WANCommonInterfaceConfig> commonIfc;  ///< WAN side
+  std::unique_ptr<WANIPConnection> ipConn;              ///< WAN side
+
+ private:
+  void advertTimer();
+
+  lm::Watch discoveryWatch;
+  lm::Watch listenWatch;
+  lm::Timer timer;
+};

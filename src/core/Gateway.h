@@ -1,0 +1,126 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "core/Addr.h"
+#include "core/DevObj.h"
+#include "core/Device.h"
+#include "description/UpnpRootDevice.h"
+#include "http/HTTPServer.h"
+#include "http/HTTPStore.h"
+#include "http/RequestHandler.h"
+#include "igd/OSInfo.h"
+#include "platform/Map.h"
+#include "platform/Store.h"
+
+/// The Internet Gateway Device: the platform's handler of the configured interfaces and of the
+/// settings, the root of the device tree, and the owner of everything that serves it.
+///
+/// It follows the platform's interfaces and addresses while it is enabled. Each configured internal
+/// interface that has an address is served; each configured external interface adds a sub-tree with
+/// two services to the root device.
+///
+/// An interface that disappears is forgotten, not stopped: what it had started stays as it is, so
+/// that a link that comes back soon was never gone for those who use it. The gateway keeps such a
+/// departed record until the same interface comes back, and then retires it silently before the new
+/// one starts anything; or until the gateway is disabled.
+class Gateway : public lm::Map<DevObj>, public UpnpRootDevice, private RequestHandler {
+ public:
+  Gateway();
+  Gateway(const Gateway&) = delete;
+  Gateway& operator=(const Gateway&) = delete;
+  /// Disables the gateway if it is enabled.
+  ~Gateway() override;
+
+  /// Reads the router's identity, the configured interfaces and the settings, and starts what they
+  /// say. A gateway that is not enabled asks the loop to leave.
+  void init();
+
+  [[nodiscard]] lm::message cmdGet(const lm::message& request) override;
+  [[nodiscard]] lm::message cmdSet(const lm::message& request) override;
+  [[nodiscard]] lm::message cmdUnknown(const lm::message& request, uint32_t command) override;
+  /// The settings for the id lm::none, a configured interface for any other.
+  [[nodiscard]] lm::message getObject(uint32_t id) override;
+
+  /// Answers a search on a discovery socket that is ready.
+  void handleSearch(int socket);
+  /// Takes a connection from a listening socket that is ready.
+  void acceptHttp(int listenFd) { httpServer.acceptHttp(listenFd); }
+  /// Announces the whole tree on an internal interface.
+  void advertise(const Device& device) const;
+
+ protected:
+  [[nodiscard]] lm::message objectAdded(DevObj& added) override;
+  [[nodiscard]] lm::message objectSet(DevObj& before, DevObj& after) override;
+  [[nodiscard]] lm::message objectRemoved(DevObj& removed) override;
+
+ private:
+  // Gateway.cpp: lifecycle and settings.
+  void describeRoot();
+  void enable();
+  void disable();
+  /// Takes the settings that the message has; the others keep their values.
+  void readSettings(const lm::message& from);
+  void writeSettings(lm::message& to) const;
+
+  // GatewayObjects.cpp: the configured interfaces.
+  void applyObject(const DevObj& object);
+  void withdrawObject(const DevObj& object);
+
+  // GatewayTracking.cpp: the platform's interfaces and addresses.
+  void refreshDevices();
+  void deviceChanged(const lm::message& record);
+  void addDevice(const lm::message& record);
+  void devicesStatus(const lm::message& change);
+  void deviceStatus(const lm::message& record);
+  void addrsChanged(const lm::message& change);
+  void addrChanged(const lm::message& record);
+  void addrSet(Addr& addr, const lm::message& record);
+  void setDevAddr(uint32_t interface, uint32_t address, bool add);
+  /// Null when the platform has not told of such an interface, or told that it is gone.
+  [[nodiscard]] Device* knownDevice(uint32_t interface) const;
+
+  // GatewayInterfaces.cpp: start and stop of an interface, on the LAN side and on the WAN side.
+  void startInternal(Device& device);
+  void stopInternal(Device& device);
+  void startExternal(Device& device);
+  void stopExternal(Device& device);
+  /// Ends whatever hangs on the interface without a word to anybody on the LAN.
+  void retire(Device& device);
+  void registerService(Service& service, const UpnpServiceDescr& urls);
+  void unregisterService(const Service* service);
+  void destroyServices(Device& device);
+  void rebuildSearchTargets();
+  /// On every internal interface that is started.
+  void sendAdvertsEverywhere(const SearchTargets& targets, bool byebye) const;
+
+  // GatewayRequests.cpp: searches and requests from the LAN.
+  /// Ends the process with exit status 1 when no interface has this discovery socket.
+  [[nodiscard]] const Device& findDevice(int socket) const;
+  [[nodiscard]] std::shared_ptr<ServedInterface> findListener(int listenFd) override;
+  [[nodiscard]] HTTPMessage handleHttpRequest(const ServedInterface& device,
+                                              const HTTPMessage& request, const std::string& method,
+                                              const std::string& url) override;
+  [[nodiscard]] HTTPMessage describe(const ServedInterface& device, const HTTPMessage& request);
+
+  lm::Store store{"/lumen/store/upnpm", 5};              ///< record 0: the settings
+  std::map<uint32_t, std::shared_ptr<Device>> devices;   ///< by interface id; never null
+  std::map<uint32_t, std::shared_ptr<Device>> departed;  ///< forgotten, but still in use
+  std::map<uint32_t, Addr> addrs;                        ///< by address object id
+  SearchTargets searchTargets;                           ///< of the whole tree
+  HTTPStore httpStore{"/lumen/etc/upnp/"};
+  HTTPServer httpServer{*this};
+  std::map<std::string, Service*> eventServices;    ///< by eventSubURL
+  std::map<std::string, Service*> controlServices;  ///< by controlURL
+  OSInfo osInfo;
+  bool enabled = false;
+  bool allowDisableExternalInterface = true;
+  bool showDummyRule = true;
+  std::string identity;  ///< the router's, part of every UDN and USN
+};
+
+/// The process's gateway; null while there is none. For callbacks that carry only their own record.
+extern Gateway* theGateway;
