@@ -11,19 +11,35 @@ std::string iptostr(uint32_t address) { return inet_ntoa(in_addr{address}); }
 
 uint32_t iptonumber(uint32_t address) { return ntohl(address); }
 
-uint32_t strtouint(std::string_view text) {
+namespace {
+
+/// Converts the number at the front of `text` and takes it off; without digits nothing goes.
+uint32_t takeUint(std::string_view& text) {
   constexpr uint32_t largest = std::numeric_limits<uint32_t>::max();
-  text.remove_prefix(std::min(text.find_first_not_of(" \t\n\v\f\r"), text.size()));
-  const bool negative = text.starts_with('-');
-  if (negative || text.starts_with('+')) text.remove_prefix(1);
+  std::string_view rest = text;
+  rest.remove_prefix(std::min(rest.find_first_not_of(" \t\n\v\f\r"), rest.size()));
+  const bool negative = rest.starts_with('-');
+  if (negative || rest.starts_with('+')) rest.remove_prefix(1);
+  const std::string_view digits = rest.substr(0, rest.find_first_not_of("0123456789"));
+  if (digits.empty()) return 0;
+
+  text = rest.substr(digits.size());
   uint32_t number = 0;
-  for (const char c : text) {
-    if (c < '0' || c > '9') break;
+  for (const char c : digits) {
     const auto digit = static_cast<uint32_t>(c - '0');
     if (number > (largest - digit) / 10) return largest;
     number = number * 10 + digit;
   }
   return negative ? 0 - number : number;
+}
+
+}  // namespace
+
+uint32_t strtouint(std::string_view text) { return takeUint(text); }
+
+std::optional<uint32_t> parseUint(std::string_view text) {
+  const uint32_t number = takeUint(text);
+  return text.empty() ? std::optional(number) : std::nullopt;
 }
 
 std::string uinttostr(unsigned int number) { return std::to_string(number); }
