@@ -1,0 +1,51 @@
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "http/Server.h"
+#include "upnp/Soap.h"
+#include "upnp/SoapRequest.h"
+
+namespace {
+
+TEST(Soap, LocalNameIsWhatStandsBehindTheLastColon) {
+  EXPECT_EQ(localName("s:Body"), "Body");
+  EXPECT_EQ(localName("Body"), "Body");
+  EXPECT_EQ(localName("a:b:Body"), "Body");
+  EXPECT_EQ(localName(":Body"), "Body");
+  EXPECT_EQ(localName("Body:"), "");
+  EXPECT_EQ(localName(""), "");
+}
+
+TEST(Soap, ResponseIsAnEnvelopeWithoutAnXmlDeclaration) {
+  XMLNode element("u:SwitchResponse");
+  element.addProperty("xmlns:u", "urn:schemas-example:service:Lamp:1");
+  element.addSubNode("NewState", "On");
+  EXPECT_EQ(bytesOf(soapResponse(HTTP_OK, element)),
+            wholeReply("200 OK",
+                       soapBody("    <u:SwitchResponse"
+                                " xmlns:u=\"urn:schemas-example:service:Lamp:1\">\r\n"
+                                "      <NewState>On</NewState>\r\n"
+                                "    </u:SwitchResponse>\r\n"),
+                       SERVER_STRING));
+}
+
+TEST(Soap, ResponseSaysWhenItWasMade) {
+  const HTTPMessage reply = soapResponse(HTTP_OK, XMLNode("x"));
+  const std::string date = reply.getField("DATE");
+  EXPECT_EQ(date.size(), std::string("Fri, 02 Jan 1970 00:00:00 GMT").size()) << date;
+  EXPECT_GT(date.substr(12, 4), "2020");
+}
+
+TEST(Soap, FaultSaysCodeAndDescription) {
+  EXPECT_EQ(bytesOf(soapFault(UPNP_CONFLICT_IN_MAPPING_ENTRY)),
+            wholeReply("500 Internal Server Error", faultBody(718, "ConflictInMappingEntry"),
+                       SERVER_STRING));
+}
+
+TEST(Soap, FaultOfACodeWithoutTextHasAnEmptyDescription) {
+  EXPECT_EQ(bytesOf(soapFault(static_cast<UPNPStatus>(899))),
+            wholeReply("500 Internal Server Error", faultBody(899, ""), SERVER_STRING));
+}
+
+}  // namespace
