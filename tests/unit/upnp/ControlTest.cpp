@@ -262,6 +262,13 @@ TEST_F(Control, HandsAnEmptyArgumentThroughAsEmpty) {
   EXPECT_EQ(lamp.calls, (std::vector<Values>{{"", "red"}}));
 }
 
+TEST_F(Control, LogsOneLineForAnActionNameOfSeveral) {
+  SoapRequest request = actionRequest(lampType, "Get");
+  request.soapAction = "Get\nexit";
+  EXPECT_EQ(post(request), badRequest);
+  EXPECT_EQ(log, "action: Get?exit\nPOST: XML has no such action\n");
+}
+
 TEST_F(Control, FaultsAnArgumentWhoseVariableIsUnknown) {
   EXPECT_EQ(invoke("SetWeight", "<NewWeight>1</NewWeight>"), fault(401, "Invalid Action"));
   EXPECT_EQ(log, "action: SetWeight\nPOST: bad variable\n");

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <random>
 #include <string>
@@ -27,16 +28,20 @@ class Door : public Service {
   }
 };
 
-/// A stranger on the LAN; every reply must be one that a control point understands.
+/// A stranger on the LAN; every reply must be one that a control point understands, and every
+/// request leaves a line in the log.
 class HostileControl : public ::testing::Test {
  protected:
+  void SetUp() override { testing::internal::CaptureStdout(); }
+  void TearDown() override {
+    const std::string log = testing::internal::GetCapturedStdout();
+    EXPECT_GE(std::count(log.begin(), log.end(), '\n'), requests);
+  }
+
   /// The start line of the reply.
   std::string answer(const HTTPMessage& request) {
-    testing::internal::CaptureStdout();
-    const HTTPMessage reply = door.post(request);
-    const std::string log = testing::internal::GetCapturedStdout();
-    EXPECT_FALSE(log.empty()) << "every request leaves a line";
-    return reply.startLine;
+    ++requests;
+    return door.post(request).startLine;
   }
 
   void attack(const HTTPMessage& request) {
@@ -47,9 +52,7 @@ class HostileControl : public ::testing::Test {
   }
 
   void stillOpens() {
-    testing::internal::CaptureStdout();
     const HTTPMessage reply = door.post(good);
-    (void)testing::internal::GetCapturedStdout();
     EXPECT_EQ(reply.startLine, "HTTP/1.1 200 OK");
     EXPECT_NE(reply.body.find("<OldKey>brass</OldKey>"), std::string::npos);
   }
@@ -58,16 +61,14 @@ class HostileControl : public ::testing::Test {
   const SoapRequest good =
       actionRequest(type, "Open", "<NewKey>brass</NewKey><NewNumber>7</NewNumber>");
   std::mt19937 random{20240229};
+  std::ptrdiff_t requests = 0;
 };
 
-TEST_F(HostileControl, SurvivesABodyCutAnywhere) {
+TEST_F(HostileControl, RefusesABodyCutAnywhere) {
   for (size_t length = 0; length < good.body.size(); ++length) {
     SoapRequest request = good;
     request.body.resize(length);
-    testing::internal::CaptureStdout();
-    const HTTPMessage reply = door.post(request);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "POST: with bad xml\n") << length;
-    EXPECT_EQ(reply.startLine, "HTTP/1.1 400 Bad Request") << length;
+    EXPECT_EQ(answer(request), "HTTP/1.1 400 Bad Request") << length;
   }
   stillOpens();
 }
@@ -143,12 +144,6 @@ TEST_F(HostileControl, RefusesEntitiesThatGrow) {
                  envelope("<Open><NewKey>&e11;</NewKey></Open>").substr(23);
   EXPECT_EQ(answer(request), "HTTP/1.1 400 Bad Request");
   stillOpens();
-}
-
-TEST_F(HostileControl, WritesOneLineForAnArgumentWithLineEnds) {
-  testing::internal::CaptureStdout();
-  (void)door.post(actionRequest(type, "Open", "<NewKey>a\nexit</NewKey><NewNumber>1</NewNumber>"));
-  EXPECT_EQ(testing::internal::GetCapturedStdout().find("\nexit"), std::string::npos);
 }
 
 }  // namespace
