@@ -16,7 +16,7 @@ struct Link {
   uint32_t hardwareType = 0;  ///< ARPHRD_*
   bool loopback = false;      ///< IFF_LOOPBACK
   bool up = false;            ///< IFF_UP
-  bool running = false;       ///< IFF_RUNNING
+  bool running = false;       ///< IFF_UP and IFF_RUNNING
   std::string name;
 };
 
@@ -25,6 +25,11 @@ struct LinkCounters {
   uint64_t bytesSent = 0;
   uint64_t packetsReceived = 0;
   uint64_t packetsSent = 0;
+};
+
+struct LinkStatus {
+  Link link;
+  LinkCounters counters;
 };
 
 /// An IPv4 address of a link, and the network that it reaches there. Addresses are in network byte
@@ -77,15 +82,17 @@ class Links {
   /// Reads the tables and tells `listener`, then of each change. `listener` must outlive this.
   virtual void start(Listener& listener) = 0;
 
-  /// None when there is no such link.
-  [[nodiscard]] virtual std::optional<LinkCounters> counters(uint32_t index) = 0;
+  /// The link as it is now, changes that the listener has not been told of yet included. None when
+  /// there is no such link.
+  [[nodiscard]] virtual std::optional<LinkStatus> read(uint32_t index) = 0;
 
   /// Takes a link up or down. Returns 0 or the kernel's errno. The change is told to the listener
   /// later.
   [[nodiscard]] virtual int setUp(uint32_t index, bool up) = 0;
 
   /// The IPv4 and IPv6 routes by that link that somebody made: neither those of the table "local"
-  /// nor those that the kernel makes itself. None when they could not be read.
+  /// nor those that the kernel makes itself, and not more than somebody can have typed. None when
+  /// they could not be read.
   [[nodiscard]] virtual std::optional<std::vector<Route>> routes(uint32_t index) = 0;
 
   /// Puts a route back, by the link `index` where it left by `route.link`. Returns 0 or the
