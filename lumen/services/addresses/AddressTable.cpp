@@ -1,0 +1,177 @@
+#include "lumen/services/addresses/AddressTable.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <iterator>
+
+#include "lumen/runtime/Paging.h"
+#include "lumen/services/addresses/AddressKeys.h"
+#include "platform/Keys.h"
+
+namespace lumen {
+namespace {
+
+namespace key = addresses::key;
+
+enum class Place { outside, host, reserved };
+
+/// Where `host` lies with regard to the network of an address.
+Place placeIn(const LinkAddress& network, uint32_t host) {
+  const uint32_t hostBits =
+      network.prefixLength == 0 ? ~0U : (1U << (32 - network.prefixLength)) - 1;
+  if (network.prefixLength == 32) {
+    return host == network.network ? Place::host : Place::outside;
+  }
+  const uint32_t number = ntohl(host);
+  if (((number ^ ntohl(network.network)) & ~hostBits) != 0) return Place::outside;
+  if (network.prefixLength == 31) return Place::host;
+  const uint32_t hostPart = number & hostBits;
+  const bool broadcast = network.broadcast != 0 && host == network.broadcast;
+  return hostPart == 0 || hostPart == hostBits || broadcast ? Place::reserved : Place::host;
+}
+
+}  // namespace
+
+lm::message AddressTable::handle(const Caller& /*caller*/, uint32_t command,
+                                 const lm::message& request) {
+  switch (command) {
+    case lm::cmd::list:
+    case lm::cmd::readAll:
+      return lm::pagedAnswer(request, entries_, &AddressTable::record);
+    case lm::cmd::readObject: {
+      const auto it = entries_.find(request.get_u32(lm::key::objectId));
+      if (it == entries_.end()) return lm::errorMsg(lm::errorRefused, "no such object");
+      return record(it->first, it->second);
+    }
+    default:
+      return lm::errorMsg(lm::errorRefused, "unknown command");
+  }
+}
+
+void AddressTable::add(uint32_t interface, bool running, const LinkAddress& address) {
+  const auto [place, isNew] = places_.try_emplace({address.address, interface}, lastId_ + 1);
+  Entry& entry = entries_[place->second];
+  entry.networks.insert(address);
+  if (!isNew) return;
+  ++lastId_;
+  entry.interface = interface;
+  entry.address = address.address;
+  entry.running = running;
+  notify({record(place->second, entry)});
+}
+
+void AddressTable::remove(uint32_t interface, const LinkAddress& address) {
+  const auto place = places_.find({address.address, interface});
+  if (place == places_.end()) return;
+  const auto it = entries_.find(place->second);
+  it->second.networks.erase(address);
+  if (!it->second.networks.empty()) return;
+  const lm::message gone = removedRecord(it->first, it->second);
+  entries_.erase(it);
+  places_.erase(place);
+  notify({gone});
+}
+
+void AddressTable::replace(uint32_t interface, bool running,
+                           const std::set<LinkAddress>& addresses) {
+  // What stays is added first: an address whose network changes is not removed in between.
+  for (const LinkAddress& address : addresses) add(interface, running, address);
+  for (const LinkAddress& address : held(interface)) {
+    if (!addresses.contains(address)) remove(interface, address);
+  }
+}
+
+std::set<LinkAddress> AddressTable::removeAll(uint32_t interface) {
+  const std::set<LinkAddress> all = held(interface);
+  std::vector<lm::message> gone;
+  visitEntries(interface, [&](uint32_t id, Entry& entry) {
+    gone.push_back(removedRecord(id, entry));
+    places_.erase({entry.address, interface});
+  });
+  std::erase_if(entries_, [&](const auto& item) { return item.second.interface == interface; });
+  notify(std::move(gone));
+  return all;
+}
+
+void AddressTable::announce(uint32_t interface, bool running) {
+  std::vector<lm::message> records;
+  visitEntries(interface, [&](uint32_t id, Entry& entry) {
+    entry.running = running;
+    records.push_back(record(id, entry));
+  });
+  notify(std::move(records));
+}
+
+std::optional<uint32_t> AddressTable::interfaceOf(uint32_t address) const {
+  const auto place = places_.lower_bound({address, 0});
+  if (place == places_.end() || place->first.first != address) return std::nullopt;
+  return place->first.second;
+}
+
+std::optional<uint32_t> AddressTable::interfaceTowards(uint32_t host) const {
+  if (interfaceOf(host)) return std::nullopt;
+  std::optional<std::pair<uint32_t, uint32_t>> best;  // what the prefix lacks to 32, interface
+  for (const auto& [id, entry] : entries_) {
+    for (const LinkAddress& network : entry.networks) {
+      switch (placeIn(network, host)) {
+        case Place::outside:
+          break;
+        case Place::reserved:
+          return std::nullopt;
+        case Place::host: {
+          const std::pair candidate(32 - network.prefixLength, entry.interface);
+          best = best ? std::min(*best, candidate) : candidate;
+          break;
+        }
+      }
+    }
+  }
+  if (!best) return std::nullopt;
+  return best->second;
+}
+
+template <typename Visit>
+void AddressTable::visitEntries(uint32_t interface, Visit visit) {
+  for (auto& [id, entry] : entries_) {
+    if (entry.interface == interface) visit(id, entry);
+  }
+}
+
+std::set<LinkAddress> AddressTable::held(uint32_t interface) {
+  std::set<LinkAddress> all;
+  visitEntries(interface, [&](uint32_t /*id*/, Entry& entry) {
+    all.insert(entry.networks.begin(), entry.networks.end());
+  });
+  return all;
+}
+
+lm::message AddressTable::record(uint32_t id, const Entry& entry) {
+  lm::message m;
+  m.insert_u32(lm::key::objectId, id);
+  m.insert_u32(key::interface, entry.interface);
+  m.insert_be32(key::address, entry.address);
+  m.insert_bool(lm::key::disabled, !entry.running);
+  return m;
+}
+
+lm::message AddressTable::removedRecord(uint32_t id, const Entry& entry) {
+  lm::message m = record(id, entry);
+  // A removal that says that it is disabled would not be acted on.
+  m.insert_bool(lm::key::disabled, false);
+  m.insert_u32(lm::key::removed, 1);
+  return m;
+}
+
+void AddressTable::notify(std::vector<lm::message> records) {
+  for (auto first = records.begin(); first != records.end();) {
+    const auto room = std::min<std::ptrdiff_t>(lm::pageSize, std::distance(first, records.end()));
+    lm::message m;
+    m.insert_message_array(lm::key::records,
+                           {std::make_move_iterator(first), std::make_move_iterator(first + room)});
+    notifier_.notify(lm::cmd::changed, {lm::service::interfaces, lm::handler::addresses}, m);
+    first += room;
+  }
+}
+
+}  // namespace lumen
