@@ -1,0 +1,275 @@
+#include "lumen/services/interfaces/InterfaceTable.h"
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+#include <vector>
+
+#include "lumen/runtime/Fields.h"
+#include "lumen/runtime/Log.h"
+#include "lumen/runtime/Paging.h"
+#include "lumen/services/interfaces/InterfaceKeys.h"
+#include "platform/Keys.h"
+
+namespace lumen {
+namespace {
+
+namespace key = interfaces::key;
+
+lm::message refuse(const std::string& text) { return lm::errorMsg(lm::errorRefused, text); }
+
+lm::message notPermitted() { return refuse("not permitted"); }
+
+/// Whether a request to set fields names others than `disabled`.
+bool setsMore(const lm::message& request) {
+  return std::any_of(request.fields().begin(), request.fields().end(), [](const lm::Field& field) {
+    switch (field.key) {
+      case lm::key::destination:
+      case lm::key::source:
+      case lm::key::serial:
+      case lm::key::command:
+      case lm::key::objectId:
+      case lm::key::disabled:
+        return false;
+      default:
+        return true;
+    }
+  });
+}
+
+}  // namespace
+
+InterfaceTable::InterfaceTable(Links& links, AddressTable& addresses, Notifier& notifier,
+                               const std::string& storeDirectory)
+    : links_(links),
+      addresses_(addresses),
+      notifier_(notifier),
+      store_(storeDirectory, RouteKeeper::records),
+      kept_(store_),
+      routes_(links, store_) {
+  for (const auto& [name, kept] : kept_.all()) {
+    ids_.restore(name, kept.id);
+    interfaces_[kept.id] = {name, kept.role, {}};
+  }
+}
+
+void InterfaceTable::start() { links_.start(*this); }
+
+lm::message InterfaceTable::handle(const Caller& caller, uint32_t command,
+                                   const lm::message& request) {
+  if (command == lm::cmd::list || command == lm::cmd::readAll) {
+    return lm::pagedAnswer(request, interfaces_, [&](uint32_t id, const Interface& interface) {
+      return record(id, interface, caller.administrator);
+    });
+  }
+  if (command == lm::cmd::addObject) return caller.administrator ? keep(request) : notPermitted();
+
+  const uint32_t id = request.get_u32(lm::key::objectId);
+  const auto it = interfaces_.find(id);
+  switch (command) {
+    case lm::cmd::readObject:
+      return it == interfaces_.end() ? refuse("no such object") : read(caller, id, it->second);
+    case lm::cmd::setObject:
+      return it == interfaces_.end() ? refuse("no such object") : set(caller, it->second, request);
+    case lm::cmd::removeObject:
+      if (!caller.administrator) return notPermitted();
+      return it == interfaces_.end() ? refuse("no such object") : forget(id, it->second);
+    default:
+      return refuse("unknown command");
+  }
+}
+
+lm::message InterfaceTable::read(const Caller& caller, uint32_t id, const Interface& interface) {
+  LinkCounters counters;
+  if (interface.link.index != 0) {
+    if (const auto now = links_.read(interface.link.index)) counters = now->counters;
+  }
+  lm::message m = record(id, interface);
+  m.insert_u64(key::bytesReceived, counters.bytesReceived);
+  m.insert_u64(key::bytesSent, counters.bytesSent);
+  m.insert_u64(key::packetsReceived, counters.packetsReceived);
+  m.insert_u64(key::packetsSent, counters.packetsSent);
+  if (caller.administrator && interface.role != 0) m.insert_u32(key::role, interface.role);
+  return m;
+}
+
+lm::message InterfaceTable::set(const Caller& caller, const Interface& interface,
+                                const lm::message& request) {
+  const bool others = setsMore(request);
+  if (!caller.administrator && (others || interface.role != interfaces::roleExternal)) {
+    return notPermitted();
+  }
+  if (others || !request.fields().find(lm::key::disabled)) {
+    return refuse("only \"disabled\" can be set");
+  }
+  if (interface.link.index == 0) return refuse("the link is away");
+
+  const bool disabled = request.get_bool(lm::key::disabled);
+  std::string failure;
+  if (disabled) {
+    failure = routes_.takeDown(interface.name, interface.link.index);
+  } else if (const int error = links_.setUp(interface.link.index, true); error != 0) {
+    failure = strerror(error);
+  }
+  lm::logLine("interface ", interface.name, disabled ? " down" : " up", " for ",
+              caller.name.empty() ? "the administrator" : caller.name,
+              failure.empty() ? "" : " failed: ", failure);
+  return failure.empty() ? lm::message() : refuse(failure);
+}
+
+lm::message InterfaceTable::keep(const lm::message& request) {
+  const std::string name = request.get_string(key::name);
+  const uint32_t role = request.get_u32(key::role);
+  if (!KeptNames::isName(name)) return refuse("bad interface name");
+  if (role != interfaces::roleExternal && role != interfaces::roleInternal) {
+    return refuse("bad role");
+  }
+  if (!kept_.all().contains(name) && kept_.all().size() >= KeptNames::limit) {
+    return refuse("too many kept names");
+  }
+  const uint32_t id = ids_.take(name);
+  const bool known = interfaces_.contains(id);
+  if (!kept_.keep(name, {id, role})) {
+    if (!known) ids_.release(name);
+    return refuse("the name could not be stored");
+  }
+  if (known) {
+    interfaces_[id].role = role;
+  } else {
+    interfaces_[id] = {name, role, {}};
+    tell(id);
+  }
+  lm::message reply;
+  reply.insert_u32(lm::key::objectId, id);
+  return reply;
+}
+
+lm::message InterfaceTable::forget(uint32_t id, Interface& interface) {
+  if (interface.role == 0) return refuse("the name is not kept");
+  if (!kept_.forget(interface.name)) return refuse("the name could not be stored");
+  interface.role = 0;
+  if (interface.link.index == 0) leave(id);
+  return {};
+}
+
+void InterfaceTable::tablesRead(const LinkSnapshot& all) {
+  std::vector<uint32_t> gone;
+  for (const auto& [index, id] : byIndex_) {
+    if (!all.links.contains(index)) gone.push_back(index);
+  }
+  for (const uint32_t index : gone) linkGone(index);
+  for (const auto& [index, link] : all.links) linkChanged(link);
+  for (const auto& [index, id] : byIndex_) {
+    const auto held = all.addresses.find(index);
+    addresses_.replace(id, interfaces_[id].link.running,
+                       held == all.addresses.end() ? std::set<LinkAddress>() : held->second);
+  }
+  routes_.forgetAllBut([this](const std::string& name) {
+    return std::any_of(interfaces_.begin(), interfaces_.end(),
+                       [&](const auto& item) { return item.second.name == name; });
+  });
+}
+
+void InterfaceTable::linkChanged(const Link& link) {
+  if (link.loopback) return;
+  std::set<LinkAddress> carried;
+  const auto known = byIndex_.find(link.index);
+  if (known != byIndex_.end() && interfaces_[known->second].name != link.name) {
+    carried = depart(known->second);
+  }
+  const uint32_t id = ids_.take(link.name);
+  // A change of it was lost: another link has the name now.
+  const auto same = interfaces_.find(id);
+  if (same != interfaces_.end() && same->second.link.index != 0 &&
+      same->second.link.index != link.index) {
+    depart(id);
+  }
+
+  Interface& interface = interfaces_[id];
+  const Link before = std::exchange(interface.link, link);
+  interface.name = link.name;
+  byIndex_[link.index] = id;
+  if (before.index == 0 || before.hardwareType != link.hardwareType) {
+    tell(id);
+  } else if (before.up != link.up || before.running != link.running) {
+    tellState(record(id, interface));
+    if (before.running != link.running) addresses_.announce(id, link.running);
+  }
+  for (const LinkAddress& address : carried) addresses_.add(id, link.running, address);
+  if (link.running) routes_.putBack(link.name, link.index);
+}
+
+void InterfaceTable::linkGone(uint32_t index) {
+  const auto known = byIndex_.find(index);
+  if (known != byIndex_.end()) depart(known->second);
+}
+
+void InterfaceTable::addressAdded(uint32_t index, const LinkAddress& address) {
+  const auto known = byIndex_.find(index);
+  if (known == byIndex_.end()) return;
+  addresses_.add(known->second, interfaces_[known->second].link.running, address);
+}
+
+void InterfaceTable::addressRemoved(uint32_t index, const LinkAddress& address) {
+  const auto known = byIndex_.find(index);
+  if (known != byIndex_.end()) addresses_.remove(known->second, address);
+}
+
+std::set<LinkAddress> InterfaceTable::depart(uint32_t id) {
+  std::set<LinkAddress> held = addresses_.removeAll(id);
+  Interface& interface = interfaces_[id];
+  byIndex_.erase(interface.link.index);
+  // The hardware type is remembered: it is the likely one of the next link of that name.
+  Link away;
+  away.hardwareType = interface.link.hardwareType;
+  interface.link = away;
+  if (interface.role != 0) {
+    tell(id);
+  } else {
+    leave(id);
+  }
+  return held;
+}
+
+void InterfaceTable::leave(uint32_t id) {
+  const auto it = interfaces_.find(id);
+  routes_.forget(it->second.name);
+  ids_.release(it->second.name);
+  lm::message gone = record(id, it->second);
+  gone.insert_u32(key::flags, interfaces::flagGone);
+  interfaces_.erase(it);
+  notifier_.notify(lm::cmd::interfaceChanged, {lm::service::interfaces, lm::handler::interfaces},
+                   gone);
+  tellState(gone);
+}
+
+void InterfaceTable::tell(uint32_t id) {
+  const Interface& interface = interfaces_[id];
+  const lm::message m = record(id, interface);
+  notifier_.notify(lm::cmd::interfaceChanged, {lm::service::interfaces, lm::handler::interfaces},
+                   m);
+  tellState(m);
+  addresses_.announce(id, interface.link.running);
+}
+
+void InterfaceTable::tellState(const lm::message& record) {
+  lm::message m;
+  m.insert_message_array(lm::key::records, {record});
+  notifier_.notify(lm::cmd::changed, {lm::service::interfaces, lm::handler::interfaces}, m);
+}
+
+lm::message InterfaceTable::record(uint32_t id, const Interface& interface, bool withRole) {
+  lm::message m;
+  m.insert_u32(lm::key::objectId, id);
+  m.insert_u32(key::hardwareType, interface.link.hardwareType);
+  m.insert_u32(key::flags, 0);
+  m.insert_u32(key::index, interface.link.index);
+  m.insert_string(key::name, interface.name);
+  m.insert_string(key::displayName, interface.name);
+  m.insert_bool(lm::key::disabled, !interface.link.up);
+  m.insert_bool(key::running, interface.link.running);
+  if (withRole && interface.role != 0) m.insert_u32(key::role, interface.role);
+  return m;
+}
+
+}  // namespace lumen

@@ -1,0 +1,82 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+
+#include "lumen/services/LocalHandler.h"
+#include "lumen/services/addresses/AddressTable.h"
+#include "lumen/services/interfaces/InterfaceIds.h"
+#include "lumen/services/interfaces/KeptNames.h"
+#include "lumen/services/interfaces/RouteKeeper.h"
+#include "lumen/services/system/Links.h"
+#include "platform/Store.h"
+
+namespace lumen {
+
+/// The handler [20, 0]: this router's network interfaces, the kernel's links but for its loopback.
+/// InterfaceKeys.h says what a record holds and what may be asked.
+///
+/// An id belongs to a name: a renamed link leaves as one interface and comes as another. A kept
+/// name stays in the table while its link is away, not running and with kernel index 0; another
+/// leaves with its link.
+class InterfaceTable : public LocalHandler, private Links::Listener {
+ public:
+  /// Loads the kept names and saved routes from `storeDirectory`. What is given by reference must
+  /// outlive this.
+  InterfaceTable(Links& links, AddressTable& addresses, Notifier& notifier,
+                 const std::string& storeDirectory);
+  InterfaceTable(const InterfaceTable&) = delete;
+  InterfaceTable& operator=(const InterfaceTable&) = delete;
+
+  /// Reads the kernel's links and follows them from now on.
+  void start();
+
+  [[nodiscard]] lm::message handle(const Caller& caller, uint32_t command,
+                                   const lm::message& request) override;
+
+ private:
+  struct Interface {
+    std::string name;
+    uint32_t role = 0;  // 0: not kept
+    Link link;          // index 0: away
+  };
+  using Interfaces = std::map<uint32_t, Interface>;
+
+  [[nodiscard]] lm::message read(const Caller& caller, uint32_t id, const Interface& interface);
+  [[nodiscard]] lm::message set(const Caller& caller, const Interface& interface,
+                                const lm::message& request);
+  [[nodiscard]] lm::message keep(const lm::message& request);
+  [[nodiscard]] lm::message forget(uint32_t id, Interface& interface);
+
+  void tablesRead(const LinkSnapshot& all) override;
+  void linkChanged(const Link& link) override;
+  void linkGone(uint32_t index) override;
+  void addressAdded(uint32_t index, const LinkAddress& address) override;
+  void addressRemoved(uint32_t index, const LinkAddress& address) override;
+
+  /// The link of the interface has gone. Returns the addresses that it had.
+  std::set<LinkAddress> depart(uint32_t id);
+  /// An interface without a link leaves the table.
+  void leave(uint32_t id);
+  /// Tells that it is new or another than before, then its state, then its addresses.
+  void tell(uint32_t id);
+  void tellState(const lm::message& record);
+
+  /// Without role: what everybody sees.
+  [[nodiscard]] static lm::message record(uint32_t id, const Interface& interface,
+                                          bool withRole = false);
+
+  Links& links_;
+  AddressTable& addresses_;
+  Notifier& notifier_;
+  lm::Store store_;
+  KeptNames kept_;
+  RouteKeeper routes_;
+  InterfaceIds ids_;
+  Interfaces interfaces_;                 // by id
+  std::map<uint32_t, uint32_t> byIndex_;  // kernel index -> id
+};
+
+}  // namespace lumen

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <string>
+
+#include "platform/Store.h"
+
+namespace lumen {
+
+/// The interface names that the administrator has given a role, with the ids that they keep for
+/// good. Record 0 of the store.
+class KeptNames {
+ public:
+  /// More would not fit into a record.
+  static constexpr size_t limit = 1024;
+
+  struct Kept {
+    uint32_t id = 0;
+    uint32_t role = 0;  ///< interfaces::roleExternal or roleInternal
+  };
+
+  /// Whether the kernel can have a link of that name, which is not its loopback's.
+  [[nodiscard]] static bool isName(const std::string& name);
+
+  /// Loads what is stored. `store` must outlive this.
+  explicit KeptNames(lm::Store& store);
+  KeptNames(const KeptNames&) = delete;
+  KeptNames& operator=(const KeptNames&) = delete;
+
+  /// False when it could not be stored; then nothing has changed.
+  [[nodiscard]] bool keep(const std::string& name, const Kept& kept);
+  [[nodiscard]] bool forget(const std::string& name);
+
+  [[nodiscard]] const std::map<std::string, Kept>& all() const { return names_; }
+
+ private:
+  using Names = std::map<std::string, Kept>;
+
+  [[nodiscard]] bool change(Names names);
+
+  lm::Store& store_;
+  Names names_;
+};
+
+}  // namespace lumen

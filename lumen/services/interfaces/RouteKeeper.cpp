@@ -1,0 +1,156 @@
+#include "lumen/services/interfaces/RouteKeeper.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <set>
+#include <utility>
+
+#include "lumen/runtime/Log.h"
+#include "lumen/services/interfaces/InterfaceKeys.h"
+
+namespace lumen {
+namespace {
+
+constexpr uint32_t routesKey = 0xa8000001;  // message array
+constexpr uint32_t linkKey = 0x08000001;
+constexpr uint32_t gatewayKey = 0x00000002;
+constexpr uint32_t contentKey = 0x20000003;
+
+/// What the fields of a saved route take beside its content.
+constexpr size_t overhead = 32;
+
+lm::message toMessage(const Route& route) {
+  lm::message m;
+  m.insert_u32(linkKey, route.link);
+  m.insert_bool(gatewayKey, route.gateway);
+  m.insert_string(contentKey, route.content);
+  return m;
+}
+
+Route toRoute(const lm::message& m) {
+  return {m.get_u32(linkKey), m.get_bool(gatewayKey), m.get_string(contentKey)};
+}
+
+/// Shortens `routes` to what fits into a record; returns how many had to go.
+size_t cutToRecord(std::vector<Route>& routes) {
+  size_t bytes = 0;
+  const auto fits = [&](const Route& route) {
+    bytes += route.content.size() + overhead;
+    return bytes <= RouteKeeper::maxBytes;
+  };
+  const auto end = std::find_if_not(routes.begin(), routes.end(), fits);
+  const auto tooMany = static_cast<size_t>(routes.end() - end);
+  routes.erase(end, routes.end());
+  return tooMany;
+}
+
+}  // namespace
+
+RouteKeeper::RouteKeeper(Links& links, lm::Store& store) : links_(links), store_(store) {
+  for (uint32_t record = 1; record < records; ++record) load(record);
+}
+
+std::string RouteKeeper::takeDown(const std::string& name, uint32_t index) {
+  auto now = links_.routes(index);
+  if (!now) return "the link's routes could not be read";
+  // Those of an earlier time that are not back yet remain: the link may be up without running.
+  const auto earlier = saved_.find(name);
+  const std::vector<Route> before =
+      earlier == saved_.end() ? std::vector<Route>() : earlier->second.routes;
+  for (const Route& route : before) {
+    if (std::find(now->begin(), now->end(), route) == now->end()) now->push_back(route);
+  }
+  // Put back in this order: a gateway is reached by a route without one.
+  std::stable_partition(now->begin(), now->end(), [](const Route& r) { return !r.gateway; });
+  const size_t lost = cutToRecord(*now);
+  if (!save(name, std::move(*now))) return "the link's routes could not be saved";
+  const int error = links_.setUp(index, false);
+  if (error != 0) {
+    (void)save(name, before);
+    return strerror(error);
+  }
+  if (lost > 0) lm::logLine("interface ", name, ": ", lost, " routes too many to save");
+  return {};
+}
+
+void RouteKeeper::putBack(const std::string& name, uint32_t index) {
+  const auto saved = saved_.find(name);
+  if (saved == saved_.end()) return;
+  const auto now = links_.read(index);
+  if (!now || !now->link.running || now->link.name != name) return;
+  std::vector<Route> open = saved->second.routes;
+  // A route can need any other one; each round that put one back gives the rest another chance.
+  std::map<int, size_t> refused;  // errno -> routes
+  for (bool progress = true; progress && !open.empty();) {
+    refused.clear();
+    const auto settled = [&](const Route& route) {
+      const int error = links_.addRoute(route, index);
+      if (error == 0 || error == EEXIST) return true;
+      ++refused[error];
+      return false;
+    };
+    progress = std::erase_if(open, settled) > 0;
+  }
+  for (const auto& [error, count] : refused) {
+    lm::logLine("interface ", name, ": ", count, " saved routes not put back: ", strerror(error));
+  }
+  (void)save(name, {});
+}
+
+void RouteKeeper::forget(const std::string& name) {
+  if (saved_.contains(name)) (void)save(name, {});
+}
+
+void RouteKeeper::forgetAllBut(const std::function<bool(const std::string& name)>& remains) {
+  std::vector<std::string> gone;
+  for (const auto& [name, saved] : saved_) {
+    if (!remains(name)) gone.push_back(name);
+  }
+  for (const std::string& name : gone) forget(name);
+}
+
+bool RouteKeeper::save(const std::string& name, std::vector<Route> routes) {
+  const auto saved = saved_.find(name);
+  if (saved == saved_.end() && routes.empty()) return true;
+  const uint32_t record = saved == saved_.end() ? freeRecord() : saved->second.record;
+  if (record == 0) {
+    lm::logLine("interfaces: too many links with saved routes");
+    return false;
+  }
+  std::vector<lm::message> list;
+  for (const Route& route : routes) list.push_back(toMessage(route));
+  lm::message m;
+  m.insert_string(interfaces::key::name, list.empty() ? std::string() : name);
+  m.insert_message_array(routesKey, std::move(list));
+  const bool stored = store_.set(record, m);
+  if (routes.empty()) {
+    saved_.erase(saved);
+  } else if (stored) {
+    saved_[name] = {record, std::move(routes)};
+  }
+  return stored;
+}
+
+uint32_t RouteKeeper::freeRecord() const {
+  std::set<uint32_t> used;
+  for (const auto& [name, saved] : saved_) used.insert(saved.record);
+  for (uint32_t record = 1; record < records; ++record) {
+    if (!used.contains(record)) return record;
+  }
+  return 0;
+}
+
+void RouteKeeper::load(uint32_t record) {
+  const auto stored = store_.get(record);
+  if (!stored) return;
+  const std::string name = stored->get_string(interfaces::key::name);
+  if (name.empty() || saved_.contains(name)) return;
+  Saved saved{record, {}};
+  for (const lm::message& m : stored->get_message_array_ref(routesKey)) {
+    saved.routes.push_back(toRoute(m));
+  }
+  if (!saved.routes.empty()) saved_[name] = std::move(saved);
+}
+
+}  // namespace lumen
