@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "platform/Keys.h"
+
 namespace lm {
 
 const Value* message::Fields::find(uint32_t key) const {
@@ -36,6 +38,15 @@ message withoutTransportFields(const message& m) {
     if (!isTransportField(field.key)) result.fields().append(field.key, field.value);
   }
   return result;
+}
+
+message makeRecord(uint32_t id, const message& config) {
+  message record;
+  record.insert_u32(key::objectId, id);
+  for (const Field& field : config.fields()) {
+    if (field.key != key::objectId) record.fields().append(field.key, field.value);
+  }
+  return record;
 }
 
 }  // namespace lm

@@ -63,4 +63,7 @@ class message::Fields {
 /// What `m` says: its fields but those of the transport.
 [[nodiscard]] message withoutTransportFields(const message& m);
 
+/// The record of the object `id`: its id, then the fields of `config`.
+[[nodiscard]] message makeRecord(uint32_t id, const message& config);
+
 }  // namespace lm

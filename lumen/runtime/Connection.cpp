@@ -1,0 +1,152 @@
+#include "lumen/runtime/Connection.h"
+
+#include <utility>
+
+#include "lumen/runtime/Codec.h"
+#include "lumen/runtime/Fields.h"
+#include "lumen/runtime/Log.h"
+
+namespace lm {
+namespace {
+
+/// What may wait for a platform that does not read, in bytes.
+constexpr size_t maxOutgoing = 4UL * 1024 * 1024;
+
+message failure(const char* text) { return errorMsg(errorRefused, text); }
+
+}  // namespace
+
+Connection::Connection(const Clock& clock, std::unique_ptr<Transport> transport)
+    : clock_(clock), transport_(std::move(transport)) {}
+
+message Connection::exchange(message request, uint32_t command, uint32_t limit, uint32_t sender) {
+  const uint64_t deadline = clock_.now() + limit;
+  progress();
+  if (ended_) return failure("connection ended");
+  awaited_ = address(request, command, sender);
+  reply_.reset();
+  if (!send(request)) {
+    awaited_.reset();
+    return failure(ended_ ? "connection ended" : "message too long");
+  }
+  while (true) {
+    progress();
+    const uint64_t now = clock_.now();
+    if (reply_ || ended_ || now >= deadline) break;
+    transport_->wait(deadline - now, wantsToSend());
+  }
+  awaited_.reset();
+  if (reply_) return *std::exchange(reply_, std::nullopt);
+  if (ended_) return failure("connection ended");
+  if (wantsToSend()) {
+    // Nobody may act on it after its sender was told that it failed.
+    outgoingBytes_ -= outgoing_.back().size();
+    outgoing_.pop_back();
+  }
+  return failure("no answer in time");
+}
+
+void Connection::post(message request, uint32_t command, uint32_t sender) {
+  address(request, command, sender);
+  if (!send(request) && !ended_) logLine("platform: request ", command, " is too long");
+}
+
+void Connection::notify(message notification, uint32_t command, uint32_t sender) {
+  notification.insert_u32_array(key::source, {0, sender});
+  notification.insert_u32(key::command, command);
+  if (!send(notification) && !ended_) logLine("platform: notification ", command, " is too long");
+}
+
+void Connection::reply(const message& request, message answer) {
+  for (uint32_t key : {key::destination, key::source, key::command}) answer.fields().erase(key);
+  answer.insert_u32(key::serial, request.get_u32(key::serial));
+  answer.insert_bool(key::isReply, true);
+  if (!send(answer) && !ended_) reply(request, failure("answer too long"));
+}
+
+void Connection::progress() {
+  flush();
+  receive();
+}
+
+void Connection::waitForArrival(uint64_t limit) {
+  const uint64_t deadline = clock_.now() + limit;
+  while (true) {
+    progress();
+    const uint64_t now = clock_.now();
+    if (!arrived_.empty() || ended_ || now >= deadline) return;
+    transport_->wait(deadline - now, wantsToSend());
+  }
+}
+
+std::optional<message> Connection::take() {
+  if (arrived_.empty()) return std::nullopt;
+  std::optional<message> first = std::move(arrived_.front());
+  arrived_.pop_front();
+  return first;
+}
+
+/// Makes a request of `request` and returns its serial.
+uint32_t Connection::address(message& request, uint32_t command, uint32_t sender) {
+  request.fields().erase(key::isReply);
+  // The platform knows who we are and writes element 0 itself.
+  request.insert_u32_array(key::source, {0, sender});
+  request.insert_u32(key::serial, ++lastSerial_);
+  request.insert_u32(key::command, command);
+  return lastSerial_;
+}
+
+/// False when the message is too long for a datagram or the connection has ended.
+bool Connection::send(const message& m) {
+  if (ended_) return false;
+  std::string datagram = encode(m);
+  if (datagram.size() > maxDatagram) return false;
+  outgoingBytes_ += datagram.size();
+  outgoing_.push_back(std::move(datagram));
+  flush();
+  if (outgoingBytes_ > maxOutgoing) {
+    logLine("platform: does not read");
+    ended_ = true;
+  }
+  return !ended_;
+}
+
+void Connection::flush() {
+  while (!ended_ && !outgoing_.empty()) {
+    const Transport::Status status = transport_->send(outgoing_.front());
+    if (status == Transport::Status::wouldBlock) return;
+    if (status == Transport::Status::ended) {
+      // What it sent before it went is still to be taken.
+      receive();
+      ended_ = true;
+      return;
+    }
+    outgoingBytes_ -= outgoing_.front().size();
+    outgoing_.pop_front();
+  }
+}
+
+/// Stops at the awaited reply: who waits for it must be able to tell what came before.
+void Connection::receive() {
+  while (!ended_ && !reply_) {
+    std::string datagram;
+    const Transport::Status status = transport_->receive(datagram);
+    if (status == Transport::Status::wouldBlock) return;
+    if (status == Transport::Status::ended) {
+      ended_ = true;
+      return;
+    }
+    std::string reason;
+    std::optional<message> m = decode(datagram, reason);
+    if (!m) {
+      logLine("platform: invalid message: ", reason);
+      ended_ = true;
+    } else if (!m->get_bool(key::isReply)) {
+      arrived_.push_back(std::move(*m));
+    } else if (awaited_ && m->get_u32(key::serial) == *awaited_) {
+      reply_ = std::move(m);
+    }
+  }
+}
+
+}  // namespace lm

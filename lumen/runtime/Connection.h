@@ -1,0 +1,69 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "lumen/runtime/Clock.h"
+#include "lumen/runtime/Transport.h"
+#include "platform/Keys.h"
+#include "platform/message.h"
+
+namespace lm {
+
+/// The connection to the other programs: requests go out and their replies come back; requests and
+/// notifications that arrive are kept in order until somebody takes them. A reply that nobody
+/// awaits, or not any more, is dropped. Programs without handlers use it by itself.
+class Connection {
+ public:
+  /// `clock` must outlive the connection.
+  Connection(const Clock& clock, std::unique_ptr<Transport> transport);
+
+  /// Sends `request` to the destination path in it, from handler number `sender`, and waits at most
+  /// `limit` milliseconds for the reply. What else arrives is kept. An error reply when it cannot
+  /// be sent, is not answered in time, or the connection has ended; the last fails at once.
+  [[nodiscard]] message exchange(message request, uint32_t command, uint32_t limit,
+                                 uint32_t sender = none);
+  /// Sends a request whose reply nobody wants. Waits for nobody, like the next two.
+  void post(message request, uint32_t command, uint32_t sender);
+  /// Sends a notification about `sender`.
+  void notify(message notification, uint32_t command, uint32_t sender);
+  /// Sends what `request`, which has arrived, is answered with.
+  void reply(const message& request, message answer);
+
+  /// Takes in what has arrived and sends on what waits for room. Waits for nobody.
+  void progress();
+  /// Waits at most `limit` milliseconds until a request or notification is there for `take`.
+  void waitForArrival(uint64_t limit);
+  /// The number of requests and notifications that are there for `take`.
+  [[nodiscard]] size_t arrived() const { return arrived_.size(); }
+  /// The first request or notification that has arrived, if any.
+  [[nodiscard]] std::optional<message> take();
+
+  /// Whether the other side is gone, or has sent what is no message, which was logged.
+  [[nodiscard]] bool ended() const { return ended_; }
+  /// Whether something waits for room to be sent.
+  [[nodiscard]] bool wantsToSend() const { return !outgoing_.empty(); }
+  [[nodiscard]] int fd() const { return transport_->fd(); }
+
+ private:
+  uint32_t address(message& request, uint32_t command, uint32_t sender);
+  bool send(const message& m);
+  void flush();
+  void receive();
+
+  const Clock& clock_;
+  std::unique_ptr<Transport> transport_;
+  std::deque<message> arrived_;
+  std::deque<std::string> outgoing_;
+  size_t outgoingBytes_ = 0;
+  uint32_t lastSerial_ = 0;
+  std::optional<uint32_t> awaited_;  // serial of the reply that an exchange waits for
+  std::optional<message> reply_;     // that reply
+  bool ended_ = false;
+};
+
+}  // namespace lm

@@ -1,0 +1,82 @@
+#include "platform/Handler.h"
+
+#include <utility>
+
+#include "lumen/runtime/Fields.h"
+#include "lumen/runtime/HandlerState.h"
+#include "lumen/runtime/Log.h"
+#include "lumen/runtime/Runtime.h"
+
+namespace lm {
+namespace {
+
+constexpr uint32_t undoText = 0x20000001;
+constexpr uint32_t undoMessage = 0x28000002;
+
+Runtime& runtime() {
+  Runtime* current = currentRuntime();
+  if (!current) fatal("platform: no looper");
+  return *current;
+}
+
+}  // namespace
+
+Handler::Handler() : state_(std::make_unique<State>()) {}
+
+Handler::~Handler() {
+  if (Runtime* current = currentRuntime()) current->handlers().remove(*this);
+}
+
+message Handler::dispatch(const message& request, uint32_t command) {
+  switch (command) {
+    case cmd::get:
+      return cmdGet(request);
+    case cmd::set:
+      return cmdSet(request);
+    default:
+      return cmdUnknown(request, command);
+  }
+}
+
+message Handler::cmdGet(const message&) { return errorMsg(errorRefused, "unknown command"); }
+
+message Handler::cmdSet(const message&) { return errorMsg(errorRefused, "unknown command"); }
+
+message Handler::cmdUnknown(const message&, uint32_t) {
+  return errorMsg(errorRefused, "unknown command");
+}
+
+message Handler::exchangeCmd(const message& request, uint32_t command, uint32_t limit) {
+  return runtime().connection().exchange(request, command, limit, state_->number);
+}
+
+void Handler::subscribe(uint32_t command, const std::vector<uint32_t>& source) {
+  runtime().handlers().subscribe(*this, command, source);
+}
+
+void Handler::unsubscribe(uint32_t command, const std::vector<uint32_t>& source) {
+  runtime().handlers().unsubscribe(*this, command, source);
+}
+
+void Handler::notifyChange(uint32_t id, const message& config) {
+  message notification = withoutTransportFields(config);
+  if (id != none) {
+    std::vector<message> records{makeRecord(id, notification)};
+    notification = message();
+    notification.insert_message_array(key::records, std::move(records));
+  }
+  runtime().connection().notify(std::move(notification), cmd::changed, state_->number);
+}
+
+void Handler::sendUndo(const message& request, const message& undo, const std::string& text) {
+  const std::vector<uint32_t>& requester = request.get_u32_array_ref(key::source);
+  // A change that takes one back is none to be taken back: undoing twice goes two changes back.
+  if (!requester.empty() && requester[0] == service::history) return;
+  message entry;
+  entry.insert_u32_array(key::destination, {service::history});
+  entry.insert_string(undoText, text);
+  entry.insert_message(undoMessage, undo);
+  runtime().connection().post(std::move(entry), cmd::addObject, state_->number);
+}
+
+}  // namespace lm

@@ -1,0 +1,78 @@
+#include "lumen/runtime/HandlerTable.h"
+
+#include <algorithm>
+
+#include "lumen/runtime/Broker.h"
+#include "lumen/runtime/HandlerState.h"
+#include "platform/Keys.h"
+
+namespace lm {
+
+HandlerTable::HandlerTable(Connection& connection) : connection_(connection) {}
+
+bool HandlerTable::add(uint32_t number, Handler& handler) {
+  if (!handlers_.emplace(number, &handler).second) return false;
+  handler.state().number = number;
+  return true;
+}
+
+void HandlerTable::remove(Handler& handler) {
+  std::erase_if(handlers_, [&](const auto& entry) { return entry.second == &handler; });
+  std::vector<Topic> topics;
+  for (const auto& [topic, subscribers] : subscribers_) topics.push_back(topic);
+  for (const auto& [command, source] : topics) unsubscribe(handler, command, source);
+}
+
+void HandlerTable::subscribe(Handler& handler, uint32_t command,
+                             const std::vector<uint32_t>& source) {
+  const Topic topic{command, source};
+  std::vector<Handler*>& subscribers = subscribers_[topic];
+  if (std::find(subscribers.begin(), subscribers.end(), &handler) != subscribers.end()) return;
+  subscribers.push_back(&handler);
+  if (subscribers.size() == 1) tellBroker(broker::subscribe, topic, handler);
+}
+
+void HandlerTable::unsubscribe(Handler& handler, uint32_t command,
+                               const std::vector<uint32_t>& source) {
+  const Topic topic{command, source};
+  auto found = subscribers_.find(topic);
+  if (found == subscribers_.end() || std::erase(found->second, &handler) == 0) return;
+  if (!found->second.empty()) return;
+  subscribers_.erase(found);
+  tellBroker(broker::unsubscribe, topic, handler);
+}
+
+void HandlerTable::dispatch(const message& m) {
+  if (m.has_array(key::destination)) {
+    connection_.reply(m, answer(m));
+    return;
+  }
+  const Topic topic{m.get_u32(key::command), m.get_u32_array_ref(key::source)};
+  const auto found = subscribers_.find(topic);
+  if (found == subscribers_.end()) return;
+  const std::vector<Handler*> subscribers = found->second;
+  for (Handler* handler : subscribers) {
+    // One that was called before may have ended this one's subscription, or its life.
+    const auto now = subscribers_.find(topic);
+    if (now == subscribers_.end()) return;
+    if (std::find(now->second.begin(), now->second.end(), handler) == now->second.end()) continue;
+    (void)handler->dispatch(m, topic.first);
+  }
+}
+
+message HandlerTable::answer(const message& request) {
+  const std::vector<uint32_t>& path = request.get_u32_array_ref(key::destination);
+  const auto found = handlers_.find(path.size() > 1 ? path[1] : 0);
+  if (found == handlers_.end()) return errorMsg(errorRefused, "no such handler");
+  return found->second->dispatch(request, request.get_u32(key::command));
+}
+
+void HandlerTable::tellBroker(uint32_t command, const Topic& topic, Handler& handler) {
+  message request;
+  request.insert_u32_array(key::destination, {service::broker});
+  request.insert_u32(broker::topicCommand, topic.first);
+  request.insert_u32_array(broker::topicSource, topic.second);
+  connection_.post(request, command, handler.state().number);
+}
+
+}  // namespace lm

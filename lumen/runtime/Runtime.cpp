@@ -1,0 +1,149 @@
+#include "lumen/runtime/Runtime.h"
+
+#include <sys/signalfd.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <utility>
+
+#include "lumen/runtime/Broker.h"
+#include "lumen/runtime/Log.h"
+#include "lumen/runtime/SocketTransport.h"
+#include "platform/Keys.h"
+#include "platform/Looper.h"
+
+namespace lm {
+namespace {
+
+/// How long the platform may take to come up, and to answer a registration, in milliseconds.
+constexpr uint64_t startLimit = 5000;
+constexpr uint32_t registrationLimit = 6000;
+
+message registration() {
+  message request;
+  request.insert_u32_array(key::destination, {service::broker});
+  request.insert_u32_array(broker::services, {serviceNumber});
+  return request;
+}
+
+std::unique_ptr<Transport> connectInTime(const Clock& clock) {
+  const uint64_t deadline = clock.now() + startLimit;
+  while (true) {
+    if (auto transport = SocketTransport::connect(socketPath)) return transport;
+    const int error = errno;
+    if ((error != ENOENT && error != ECONNREFUSED) || clock.now() >= deadline) {
+      fatal("platform: ", socketPath, ": ", strerror(error));
+    }
+    const timespec retry{0, 50'000'000};
+    nanosleep(&retry, nullptr);
+  }
+}
+
+/// From here on the signals that end a program are read from a descriptor.
+Fd takeStopSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGTERM);
+  sigaddset(&signals, SIGINT);
+  sigprocmask(SIG_BLOCK, &signals, nullptr);
+  Fd fd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
+  if (!fd.valid()) fatal("platform: signalfd: ", strerror(errno));
+  return fd;
+}
+
+}  // namespace
+
+Runtime::Runtime(const Clock& clock, std::unique_ptr<Transport> transport, Fd stopSignals)
+    : stopSignals_(std::move(stopSignals)),
+      loop_(clock),
+      connection_(clock, std::move(transport)),
+      handlers_(connection_) {
+  addSocket<&Runtime::stopSignalled>(stopSignals_.get(), *this, watchRead);
+}
+
+Runtime::~Runtime() = default;
+
+std::unique_ptr<Runtime> Runtime::connect() {
+  static const SystemClock clock;
+  Fd stopSignals = takeStopSignals();
+  return std::make_unique<Runtime>(clock, connectInTime(clock), std::move(stopSignals));
+}
+
+void Runtime::addHandler(uint32_t number, Handler& handler) {
+  if (serviceNumber == service::broker) fatal("platform: a program without a service number");
+  if (!handlers_.add(number, handler)) fatal("platform: handler ", number, " is there already");
+  if (!registered_) registerService();
+}
+
+void Runtime::run() {
+  while (!stopped_) turn(std::nullopt);
+}
+
+void Runtime::setupLeave(uint32_t delay) {
+  leaveDue_ = false;
+  if (delay > 0) {
+    leaveTimer_.start<&Runtime::leaveDelayPassed>(*this, (delay - 1) / 10 + 1);
+  } else {
+    leaveTimer_.stop();
+  }
+}
+
+void Runtime::turn(std::optional<uint64_t> limit) {
+  watchConnection();
+  loop_.turn(busy() ? 0 : limit);
+  if (const std::optional<message> m = connection_.take()) handlers_.dispatch(*m);
+  if (leaveDue_) leave();
+  if (connection_.ended() && !stopped_) {
+    logLine("platform: connection ended");
+    stopped_ = true;
+  }
+}
+
+void Runtime::registerService() {
+  const message reply =
+      connection_.exchange(registration(), broker::registerServices, registrationLimit);
+  if (isError(reply)) fatal("platform: service ", serviceNumber, ": ", getError(reply));
+  registered_ = true;
+}
+
+void Runtime::leave() {
+  if (registered_) {
+    const message reply =
+        connection_.exchange(registration(), broker::unregisterServices, registrationLimit);
+    if (isError(reply)) logLine("platform: service ", serviceNumber, ": ", getError(reply));
+    registered_ = false;
+    for (size_t left = connection_.arrived(); left > 0; --left) {
+      handlers_.dispatch(*connection_.take());
+    }
+  }
+  if (leaveDue_) {
+    stopped_ = true;
+  } else if (!connection_.ended()) {
+    registerService();
+  }
+}
+
+/// Watches for room to send only while something waits for it.
+void Runtime::watchConnection() {
+  const unsigned wanted =
+      connection_.ended() ? 0 : watchRead | (connection_.wantsToSend() ? watchWrite : 0);
+  if (wanted == watched_) return;
+  watched_ = wanted;
+  if (wanted == 0) {
+    removeSocket(connection_.fd());
+  } else {
+    addSocket<&Runtime::connectionReady>(connection_.fd(), *this, wanted);
+  }
+}
+
+void Runtime::connectionReady(int) { connection_.progress(); }
+
+void Runtime::stopSignalled(int fd) {
+  signalfd_siginfo signal{};
+  if (read(fd, &signal, sizeof signal) == static_cast<ssize_t>(sizeof signal)) stopped_ = true;
+}
+
+}  // namespace lm

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "lumen/runtime/Transport.h"
+#include "platform/Fd.h"
+
+namespace lm {
+
+/// Where the platform listens.
+inline constexpr const char* socketPath = "/lumen/run/lumen.sock";
+
+/// A connected Unix SOCK_SEQPACKET socket.
+class SocketTransport : public Transport {
+ public:
+  /// `socket` is connected and does not block.
+  explicit SocketTransport(Fd socket);
+
+  /// Connects to the socket at `path`, however long that is. Null, with errno set, when it cannot.
+  [[nodiscard]] static std::unique_ptr<SocketTransport> connect(const std::string& path);
+
+  [[nodiscard]] Status send(std::string_view datagram) override;
+  [[nodiscard]] Status receive(std::string& datagram) override;
+  void wait(uint64_t limit, bool toSend) override;
+  [[nodiscard]] int fd() const override { return socket_.get(); }
+
+ private:
+  Fd socket_;
+};
+
+}  // namespace lm

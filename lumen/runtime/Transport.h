@@ -1,0 +1,36 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace lm {
+
+/// This program's end of the connection to the other programs. It carries datagrams, each the wire
+/// form of one message.
+class Transport {
+ public:
+  enum class Status {
+    done,
+    wouldBlock,
+    ended,  ///< the connection is over, now and for ever
+  };
+
+  Transport() = default;
+  Transport(const Transport&) = delete;
+  Transport& operator=(const Transport&) = delete;
+  virtual ~Transport() = default;
+
+  /// Sends one datagram as a whole. Never waits.
+  [[nodiscard]] virtual Status send(std::string_view datagram) = 0;
+  /// Takes the next datagram; one that is longer than maxDatagram comes cut, but still too long.
+  /// Never waits.
+  [[nodiscard]] virtual Status receive(std::string& datagram) = 0;
+  /// Waits at most `limit` milliseconds until there is something to receive, or, if `toSend`, room
+  /// to send. May return before.
+  virtual void wait(uint64_t limit, bool toSend) = 0;
+  /// To be watched by an event loop; -1: none.
+  [[nodiscard]] virtual int fd() const = 0;
+};
+
+}  // namespace lm
