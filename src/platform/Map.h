@@ -42,6 +42,10 @@ class AMap : public Handler {
   [[nodiscard]] std::vector<Object*> allObjects() const;
 
  private:
+  [[nodiscard]] message add(const message& request);
+  [[nodiscard]] message set(const message& request);
+  [[nodiscard]] message remove(const message& request);
+
   std::unique_ptr<MapState> mapState_;  // never null
 };
 
