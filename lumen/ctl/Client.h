@@ -1,6 +1,9 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
 #include <vector>
 
 #include "platform/message.h"
@@ -17,5 +20,9 @@ class Client {
   [[nodiscard]] virtual lm::message exchange(const std::vector<uint32_t>& destination,
                                              uint32_t command, lm::message request) = 0;
 };
+
+/// Connects to the platform whose root folder is `root`; empty: the machine's own. Null when that
+/// is not possible, and then `why` says why.
+using Connect = std::function<std::unique_ptr<Client>(const std::string& root, std::string& why)>;
 
 }  // namespace lumenctl

@@ -7,6 +7,7 @@
 
 #include "lumen/ctl/Commands.h"
 #include "lumen/ctl/Errors.h"
+#include "lumen/ctl/Session.h"
 #include "lumen/ctl/Text.h"
 
 namespace lumenctl {

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "lumen/ctl/Session.h"
+#include "lumen/ctl/Client.h"
 
 namespace lumenctl {
 

@@ -4,7 +4,9 @@
 
 #include "lumen/ctl/Keys.h"
 #include "lumen/ctl/Text.h"
+#include "lumen/services/addresses/AddressKeys.h"
 #include "lumen/services/broker/BrokerKeys.h"
+#include "lumen/services/interfaces/InterfaceKeys.h"
 #include "lumen/services/nat/NatKeys.h"
 #include "platform/Keys.h"
 
@@ -39,12 +41,12 @@ std::string roleName(Role role) {
 
 Interface::Interface(const lm::message& record)
     : id(record.get_u32(lm::key::objectId)),
-      name(record.get_string(interfacekey::name)),
-      role(toRole(record.get_u32(interfacekey::role))),
-      hardwareType(record.get_u32(interfacekey::hardwareType)),
-      index(record.get_u32(interfacekey::index)),
+      name(record.get_string(lumen::interfaces::key::name)),
+      role(toRole(record.get_u32(lumen::interfaces::key::role))),
+      hardwareType(record.get_u32(lumen::interfaces::key::hardwareType)),
+      index(record.get_u32(lumen::interfaces::key::index)),
       disabled(record.get_bool(lm::key::disabled)),
-      running(record.get_bool(interfacekey::running)) {}
+      running(record.get_bool(lumen::interfaces::key::running)) {}
 
 std::string Interface::state() const {
   if (index == 0) return "away";
@@ -53,15 +55,15 @@ std::string Interface::state() const {
 }
 
 Counters::Counters(const lm::message& record)
-    : bytesReceived(record.get_u64(interfacekey::bytesReceived)),
-      bytesSent(record.get_u64(interfacekey::bytesSent)),
-      packetsReceived(record.get_u64(interfacekey::packetsReceived)),
-      packetsSent(record.get_u64(interfacekey::packetsSent)) {}
+    : bytesReceived(record.get_u64(lumen::interfaces::key::bytesReceived)),
+      bytesSent(record.get_u64(lumen::interfaces::key::bytesSent)),
+      packetsReceived(record.get_u64(lumen::interfaces::key::packetsReceived)),
+      packetsSent(record.get_u64(lumen::interfaces::key::packetsSent)) {}
 
 Address::Address(const lm::message& record)
     : id(record.get_u32(lm::key::objectId)),
-      interfaceId(record.get_u32(addresskey::interfaceId)),
-      address(record.get_be32(addresskey::address)),
+      interfaceId(record.get_u32(lumen::addresses::key::interface)),
+      address(record.get_be32(lumen::addresses::key::address)),
       disabled(record.get_bool(lm::key::disabled)) {}
 
 std::vector<std::string> addressesOf(uint32_t interfaceId, const std::vector<Address>& addresses) {

@@ -5,6 +5,7 @@
 #include "lumen/ctl/Errors.h"
 #include "lumen/ctl/Keys.h"
 #include "lumen/services/broker/BrokerKeys.h"
+#include "lumen/services/interfaces/InterfaceKeys.h"
 #include "lumen/services/nat/NatKeys.h"
 #include "platform/Keys.h"
 
@@ -79,8 +80,8 @@ Counters Router::counters(uint32_t interfaceId) {
 
 uint32_t Router::keep(const std::string& name, Role role) {
   lm::message request;
-  request.insert_string(interfacekey::name, name);
-  request.insert_u32(interfacekey::role, static_cast<uint32_t>(role));
+  request.insert_string(lumen::interfaces::key::name, name);
+  request.insert_u32(lumen::interfaces::key::role, static_cast<uint32_t>(role));
   const lm::message reply = exchange(interfacesPath, lm::cmd::addObject, std::move(request));
   return reply.get_u32(lm::key::objectId);
 }

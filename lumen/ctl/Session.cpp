@@ -3,6 +3,7 @@
 #include <ostream>
 #include <utility>
 
+#include "lumen/ctl/Errors.h"
 #include "lumen/ctl/Text.h"
 
 namespace lumenctl {
@@ -30,7 +31,9 @@ void Session::finish() {
 
 Router& Session::router() {
   if (!router_) {
-    client_ = connect_(root);
+    std::string why;
+    client_ = connect_(root, why);
+    if (!client_) throw Refused(why);
     router_.emplace(*client_);
   }
   return *router_;

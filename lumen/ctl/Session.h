@@ -1,6 +1,5 @@
 #pragma once
 
-#include <functional>
 #include <iosfwd>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -13,10 +12,6 @@
 namespace lumenctl {
 
 using Json = nlohmann::ordered_json;
-
-/// Connects to the platform whose root folder is the argument; empty: the machine's own. Throws
-/// Refused when nobody answers there.
-using Connect = std::function<std::unique_ptr<Client>(const std::string& root)>;
 
 /// One run of the program: what it talks to and how it answers.
 class Session {
@@ -35,7 +30,7 @@ class Session {
   /// it could have calls done() never.
   void finish();
 
-  /// Connects when first called.
+  /// Connects when first called; throws Refused when that is not possible.
   [[nodiscard]] Router& router();
   [[nodiscard]] std::ostream& out() { return out_; }
 

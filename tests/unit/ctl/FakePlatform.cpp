@@ -1,0 +1,275 @@
+#include "ctl/FakePlatform.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <sstream>
+
+#include "lumen/ctl/CommandLine.h"
+#include "lumen/runtime/Fields.h"
+#include "lumen/services/addresses/AddressKeys.h"
+#include "lumen/services/broker/BrokerKeys.h"
+#include "lumen/services/interfaces/InterfaceKeys.h"
+#include "lumen/services/nat/NatKeys.h"
+#include "platform/Keys.h"
+
+namespace lumenctl {
+
+namespace {
+
+namespace ifkey = lumen::interfaces::key;
+namespace natkey = lumen::nat::key;
+
+constexpr uint32_t gatewayNumber = 40;
+
+std::string hex(uint32_t value, const char* format) {
+  char text[16];
+  std::snprintf(text, sizeof text, format, value);
+  return text;
+}
+
+std::string describe(const lm::message& fields) {
+  std::string text;
+  for (const lm::Field& field : fields.fields()) {
+    text += " " + hex(field.key, "%08x") + "=";
+    if (const auto* flag = std::get_if<bool>(&field.value)) text += *flag ? "true" : "false";
+    if (const auto* number = std::get_if<uint32_t>(&field.value)) text += std::to_string(*number);
+    if (const auto* string = std::get_if<std::string>(&field.value)) text += '"' + *string + '"';
+  }
+  return text;
+}
+
+std::string describe(const std::vector<uint32_t>& path) {
+  std::string text;
+  for (const uint32_t number : path) text += (text.empty() ? "[" : ",") + std::to_string(number);
+  return text + "]";
+}
+
+bool changesSomething(const std::string& request) {
+  for (const uint32_t command :
+       {lm::cmd::addObject, lm::cmd::setObject, lm::cmd::removeObject, lm::cmd::set}) {
+    if (request.find("] " + hex(command, "%x")) != std::string::npos) return true;
+  }
+  return false;
+}
+
+std::vector<lm::message>::iterator withId(std::vector<lm::message>& table, uint32_t id) {
+  return std::find_if(table.begin(), table.end(), [id](const lm::message& record) {
+    return record.get_u32(lm::key::objectId) == id;
+  });
+}
+
+}  // namespace
+
+class FakePlatform::Connection : public Client {
+ public:
+  explicit Connection(FakePlatform& platform) : platform_(platform) {}
+  lm::message exchange(const Path& destination, uint32_t command, lm::message request) override {
+    return platform_.answer(destination, command, request);
+  }
+
+ private:
+  FakePlatform& platform_;
+};
+
+FakePlatform::FakePlatform() {
+  gatewayIs(lumen::servicestate::running, 4711);
+  settings_.insert_bool(1, true);
+  settings_.insert_bool(2, true);
+  settings_.insert_bool(3, true);
+}
+
+FakePlatform::Result FakePlatform::lumenctl(const std::vector<std::string>& arguments) {
+  std::ostringstream out;
+  std::ostringstream err;
+  const auto connect = [this](const std::string& root,
+                              std::string& why) -> std::unique_ptr<Client> {
+    root_ = root;
+    if (reachable_) return std::make_unique<Connection>(*this);
+    why = "nobody answers";
+    return nullptr;
+  };
+  const int status = run(arguments, connect, out, err);
+  return {status, out.str(), err.str()};
+}
+
+uint32_t FakePlatform::hasLink(const std::string& name, uint32_t role) {
+  lm::message record;
+  record.insert_u32(lm::key::objectId, nextId_++);
+  record.insert_u32(ifkey::hardwareType, 1);
+  record.insert_u32(ifkey::index, nextId_);
+  record.insert_string(ifkey::name, name);
+  record.insert_bool(lm::key::disabled, false);
+  record.insert_bool(ifkey::running, true);
+  if (role != 0) record.insert_u32(ifkey::role, role);
+  links_.push_back(record);
+  return record.get_u32(lm::key::objectId);
+}
+
+lm::message& FakePlatform::link(const std::string& name) {
+  return *std::find_if(links_.begin(), links_.end(), [&](const lm::message& record) {
+    return record.get_string(ifkey::name) == name;
+  });
+}
+
+void FakePlatform::hasAddress(const std::string& linkName, const std::string& address,
+                              bool disabled) {
+  lm::message record;
+  record.insert_u32(lm::key::objectId, nextId_++);
+  record.insert_u32(lumen::addresses::key::interface, link(linkName).get_u32(lm::key::objectId));
+  record.insert_be32(lumen::addresses::key::address, inet_addr(address.c_str()));
+  record.insert_bool(lm::key::disabled, disabled);
+  addresses_.push_back(record);
+}
+
+void FakePlatform::hasPort(uint32_t port, uint32_t protocol, const std::string& client,
+                           uint32_t clientPort) {
+  lm::message record;
+  record.insert_u32(lm::key::objectId, nextId_++);
+  record.insert_bool(lm::key::disabled, false);
+  record.insert_be32(natkey::addressFirst, inet_addr("45.45.45.1"));
+  record.insert_u32(natkey::portFirst, port);
+  record.insert_u32(natkey::protocol, protocol);
+  record.insert_be32(natkey::clientFirst, inet_addr(client.c_str()));
+  record.insert_u32(natkey::clientPortFirst, clientPort);
+  record.insert_string(natkey::owner, "palinode-igd");
+  record.insert_u64(natkey::seconds, 185);
+  record.insert_u64(natkey::connections, 2);
+  rules_.push_back(record);
+}
+
+void FakePlatform::gatewayUses(const std::string& linkName, uint32_t role, bool disabled) {
+  lm::message record;
+  record.insert_u32(lm::key::objectId, nextId_++);
+  record.insert_bool(lm::key::disabled, disabled);
+  record.insert_u32(1, link(linkName).get_u32(lm::key::objectId));
+  record.insert_u32(2, role);
+  objects_.push_back(record);
+}
+
+void FakePlatform::gatewayIs(const std::string& state, uint32_t pid, uint64_t nextStart) {
+  lm::message record;
+  record.insert_u32(lumen::servicekey::number, gatewayNumber);
+  record.insert_string(lumen::servicekey::name, "palinode-igd");
+  record.insert_string(lumen::servicekey::state, state);
+  record.insert_u32(lumen::servicekey::pid, pid);
+  record.insert_u32(lumen::servicekey::restarts, 3);
+  record.insert_u64(lumen::servicekey::nextStart, nextStart);
+  services_ = {record};
+}
+
+void FakePlatform::refuses(const Path& destination, uint32_t command, const std::string& text) {
+  refusals_[{destination, command}] = text;
+}
+
+void FakePlatform::sendsShortPages(bool endless) {
+  pageSize_ = 1;
+  endless_ = endless;
+}
+
+std::vector<std::string> FakePlatform::changes() const {
+  std::vector<std::string> result;
+  std::copy_if(requests_.begin(), requests_.end(), std::back_inserter(result), changesSomething);
+  return result;
+}
+
+bool FakePlatform::wasAsked(const std::string& destination) const {
+  return std::any_of(requests_.begin(), requests_.end(),
+                     [&](const std::string& request) { return request.starts_with(destination); });
+}
+
+lm::message FakePlatform::answer(const Path& destination, uint32_t command,
+                                 const lm::message& request) {
+  requests_.push_back(describe(destination) + " " + hex(command, "%x") + describe(request));
+  const auto refusal = refusals_.find({destination, command});
+  if (refusal != refusals_.end()) return lm::errorMsg(lm::errorRefused, refusal->second);
+
+  lm::message reply;
+  if (destination == Path{0} && command == lumen::brokercmd::services) {
+    reply.insert_message_array(lm::key::records, services_);
+    return reply;
+  }
+  if (destination == Path{65} && command == lm::cmd::get) {
+    reply.insert_string(1, "0c5e9a51");
+    return reply;
+  }
+  if (destination == Path{20, 0}) {
+    if (command == lm::cmd::list) return page(links_, request);
+    if (command == lm::cmd::addObject) return keep(request);
+    if (command == lm::cmd::readObject) {
+      reply = *withId(links_, request.get_u32(lm::key::objectId));
+      reply.insert_u64(ifkey::bytesReceived, 1234567);
+      reply.insert_u64(ifkey::bytesSent, 999);
+      return reply;
+    }
+    return changeTable(links_, command, request);
+  }
+  if (destination == Path{20, 1} && command == lm::cmd::readAll) return page(addresses_, request);
+  if (destination == Path{20, 5}) {
+    if (command == lm::cmd::readAll) return page(rules_, request);
+    return changeTable(rules_, command, request);
+  }
+  if (destination == Path{gatewayNumber, 0}) {
+    if (command == lm::cmd::get) return settings_;
+    if (command == lm::cmd::readAll) return page(objects_, request);
+    if (command != lm::cmd::set) return changeTable(objects_, command, request);
+    settings_ = request;
+    return reply;
+  }
+  return lm::errorMsg(lm::errorRefused, "no such service");
+}
+
+lm::message FakePlatform::page(const std::vector<lm::message>& table,
+                               const lm::message& request) const {
+  const uint32_t after = request.get_u32(lm::key::cursor);
+  std::vector<lm::message> records;
+  size_t left = 0;
+  for (const lm::message& record : table) {
+    if (record.get_u32(lm::key::objectId) <= after) continue;
+    if (records.size() == pageSize_) ++left;
+    if (records.size() < pageSize_) records.push_back(record);
+  }
+  lm::message reply;
+  if (left > 0) {
+    reply.insert_u32(lm::key::cursor, endless_ ? 1 : records.back().get_u32(lm::key::objectId));
+  }
+  reply.insert_message_array(lm::key::records, std::move(records));
+  return reply;
+}
+
+lm::message FakePlatform::changeTable(std::vector<lm::message>& table, uint32_t command,
+                                      const lm::message& request) {
+  if (command == lm::cmd::addObject) {
+    lm::message record = request;
+    record.insert_u32(lm::key::objectId, nextId_++);
+    table.push_back(record);
+    return {};
+  }
+  const auto it = withId(table, request.get_u32(lm::key::objectId));
+  if (it == table.end()) return lm::errorMsg(lm::errorRefused, "no such object");
+  if (command == lm::cmd::removeObject) {
+    table.erase(it);
+  } else {
+    for (const lm::Field& field : request.fields()) it->fields().set(field.key, field.value);
+  }
+  return {};
+}
+
+lm::message FakePlatform::keep(const lm::message& request) {
+  const std::string name = request.get_string(ifkey::name);
+  const bool present = std::any_of(links_.begin(), links_.end(), [&](const lm::message& record) {
+    return record.get_string(ifkey::name) == name;
+  });
+  if (!present) {
+    hasLink(name);
+    link(name).insert_u32(ifkey::index, 0);
+    link(name).insert_bool(ifkey::running, false);
+  }
+  link(name).insert_u32(ifkey::role, request.get_u32(ifkey::role));
+  lm::message reply;
+  reply.insert_u32(lm::key::objectId, link(name).get_u32(lm::key::objectId));
+  return reply;
+}
+
+}  // namespace lumenctl

@@ -1,0 +1,86 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "lumen/ctl/Client.h"
+#include "platform/message.h"
+
+namespace lumenctl {
+
+/// The platform and the gateway as lumenctl sees them: tables that its requests read and change,
+/// and a record of every request.
+class FakePlatform {
+ public:
+  using Path = std::vector<uint32_t>;
+
+  struct Result {
+    int status = -1;
+    std::string out;
+    std::string err;
+  };
+
+  FakePlatform();
+
+  /// Runs lumenctl with these arguments.
+  Result lumenctl(const std::vector<std::string>& arguments);
+
+  // What the router has. Addresses are dotted text.
+  /// A link, kept when `role` is 1 (external) or 2 (internal). Returns its id.
+  uint32_t hasLink(const std::string& name, uint32_t role = 0);
+  /// A link that is not as usual: running, up.
+  lm::message& link(const std::string& name);
+  void hasAddress(const std::string& link, const std::string& address, bool disabled = false);
+  void hasPort(uint32_t port, uint32_t protocol, const std::string& client, uint32_t clientPort);
+  [[nodiscard]] lm::message& lastPort() { return rules_.back(); }
+  void gatewayUses(const std::string& link, uint32_t role, bool disabled = false);
+  void gatewayIs(const std::string& state, uint32_t pid = 0, uint64_t nextStart = 0);
+  void gatewayIsNotInstalled() { services_.clear(); }
+  [[nodiscard]] lm::message& settings() { return settings_; }
+
+  // What goes wrong.
+  /// Every such request is refused from now on.
+  void refuses(const Path& destination, uint32_t command, const std::string& text);
+  void cannotBeReached() { reachable_ = false; }
+  /// A table's pages hold one record each; with `endless` the cursor does not rise.
+  void sendsShortPages(bool endless = false);
+
+  // What happened.
+  /// Every request so far: "[20,0] fe0005 20010005="wan0" 08010010=1".
+  [[nodiscard]] const std::vector<std::string>& requests() const { return requests_; }
+  /// Those of them that change something.
+  [[nodiscard]] std::vector<std::string> changes() const;
+  [[nodiscard]] bool wasAsked(const std::string& destination) const;
+  void forgetRequests() { requests_.clear(); }
+  /// The argument of --root.
+  [[nodiscard]] const std::string& root() const { return root_; }
+
+ private:
+  class Connection;
+
+  lm::message answer(const Path& destination, uint32_t command, const lm::message& request);
+  lm::message page(const std::vector<lm::message>& table, const lm::message& request) const;
+  lm::message changeTable(std::vector<lm::message>& table, uint32_t command,
+                          const lm::message& request);
+  lm::message keep(const lm::message& request);
+
+  std::vector<lm::message> links_;
+  std::vector<lm::message> addresses_;
+  std::vector<lm::message> rules_;
+  std::vector<lm::message> services_;
+  std::vector<lm::message> objects_;
+  lm::message settings_;
+  std::map<std::pair<Path, uint32_t>, std::string> refusals_;
+  std::vector<std::string> requests_;
+  std::string root_;
+  uint32_t nextId_ = 1;
+  size_t pageSize_ = 64;
+  bool endless_ = false;
+  bool reachable_ = true;
+};
+
+}  // namespace lumenctl

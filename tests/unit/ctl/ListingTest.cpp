@@ -1,0 +1,211 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "ctl/FakePlatform.h"
+#include "lumen/services/broker/BrokerKeys.h"
+#include "lumen/services/interfaces/InterfaceKeys.h"
+#include "lumen/services/nat/NatKeys.h"
+#include "platform/Keys.h"
+
+namespace lumenctl {
+namespace {
+
+using Lines = std::vector<std::string>;
+
+constexpr uint32_t tcp = 6;
+constexpr uint32_t udp = 17;
+
+struct Listing : testing::Test {
+  FakePlatform router;
+};
+
+TEST_F(Listing, ShowsInterfacesWithRoleStateAddressesAndCounters) {
+  router.hasLink("br-lan", 2);
+  router.hasLink("wan0", 1);
+  router.hasLink("eth9");
+  router.hasAddress("br-lan", "192.168.88.1");
+  router.hasAddress("br-lan", "10.0.0.1");
+  router.link("eth9").insert_bool(lumen::interfaces::key::running, false);
+  router.link("wan0").insert_u32(lumen::interfaces::key::index, 0);
+  const auto result = router.lumenctl({"interface", "list"});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.out,
+            "NAME    ROLE      STATE    ADDRESS                 RECEIVED   SENT\n"
+            "br-lan  internal  running  192.168.88.1, 10.0.0.1    1.2 MB  999 B\n"
+            "wan0    external  away                               1.2 MB  999 B\n"
+            "eth9              no link                            1.2 MB  999 B\n");
+}
+
+TEST_F(Listing, ShowsInterfacesInJson) {
+  router.hasLink("wan0", 1);
+  router.hasAddress("wan0", "45.45.45.1");
+  EXPECT_EQ(router.lumenctl({"interface", "list", "--json"}).out,
+            "[\n  {\n    \"id\": 1,\n    \"name\": \"wan0\",\n    \"role\": \"external\",\n"
+            "    \"state\": \"running\",\n    \"addresses\": [\n      \"45.45.45.1\"\n    ],\n"
+            "    \"bytes_received\": 1234567,\n    \"bytes_sent\": 999,\n"
+            "    \"packets_received\": 0,\n    \"packets_sent\": 0\n  }\n]\n");
+}
+
+TEST_F(Listing, ForgetsAnInterfaceAfterTheGatewayDid) {
+  router.hasLink("wan0", 1);
+  router.gatewayUses("wan0", 1);
+  const auto result = router.lumenctl({"interface", "forget", "wan0"});
+  EXPECT_EQ(result.out, "wan0: no longer used by the gateway\nwan0: forgotten\n");
+  EXPECT_EQ(router.changes(), (Lines{"[40,0] fe0006 08fe0001=2", "[20,0] fe0006 08fe0001=1"}));
+}
+
+TEST_F(Listing, DoesNotForgetAnInterfaceThatTheGatewayWouldNotLetGo) {
+  router.hasLink("wan0", 1);
+  router.gatewayUses("wan0", 1);
+  router.refuses({40, 0}, lm::cmd::removeObject, "service unavailable");
+  const auto result = router.lumenctl({"interface", "forget", "wan0"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.err, "lumenctl: service unavailable\n");
+  EXPECT_EQ(router.changes(), Lines{"[40,0] fe0006 08fe0001=2"});
+}
+
+TEST_F(Listing, ShowsAddresses) {
+  router.hasLink("br-lan");
+  router.hasAddress("br-lan", "192.168.88.1");
+  router.hasAddress("br-lan", "10.0.0.1", true);
+  EXPECT_EQ(router.lumenctl({"address", "list"}).out,
+            "ADDRESS       INTERFACE  STATE\n"
+            "192.168.88.1  br-lan     in use\n"
+            "10.0.0.1      br-lan     interface not running\n");
+  EXPECT_EQ(router.lumenctl({"address", "list", "--json"}).out,
+            "[\n  {\n    \"address\": \"192.168.88.1\",\n    \"interface\": \"br-lan\",\n"
+            "    \"in_use\": true\n  },\n"
+            "  {\n    \"address\": \"10.0.0.1\",\n    \"interface\": \"br-lan\",\n"
+            "    \"in_use\": false\n  }\n]\n");
+}
+
+TEST_F(Listing, ShowsPortsInTheirOrderWithTheirState) {
+  router.hasPort(9000, udp, "192.168.88.11", 9000);
+  router.lastPort().insert_bool(lumen::nat::key::stale, true);
+  router.hasPort(8080, udp, "192.168.88.10", 80);
+  router.lastPort().insert_bool(lumen::nat::key::closed, true);
+  router.hasPort(8080, tcp, "192.168.88.10", 80);
+  router.hasPort(9001, tcp, "192.168.88.10", 1);
+  router.lastPort().insert_bool(lm::key::disabled, true);
+  EXPECT_EQ(
+      router.lumenctl({"nat", "list"}).out,
+      "PORT      ON ADDRESS  TO                  STATE     SINCE      CONNECTIONS  BY\n"
+      "8080/tcp  45.45.45.1  192.168.88.10:80    open      3 min 5 s            2  palinode-igd\n"
+      "8080/udp  45.45.45.1  192.168.88.10:80    closed    3 min 5 s            2  palinode-igd\n"
+      "9000/udp  45.45.45.1  192.168.88.11:9000  stale     3 min 5 s            2  palinode-igd\n"
+      "9001/tcp  45.45.45.1  192.168.88.10:1     disabled  3 min 5 s            2  palinode-igd\n");
+}
+
+TEST_F(Listing, ShowsPortsInJson) {
+  router.hasPort(8080, tcp, "192.168.88.10", 80);
+  EXPECT_EQ(router.lumenctl({"nat", "list", "--json"}).out,
+            "[\n  {\n    \"port\": 8080,\n    \"protocol\": \"tcp\",\n"
+            "    \"address\": \"45.45.45.1\",\n    \"client\": \"192.168.88.10\",\n"
+            "    \"client_port\": 80,\n    \"state\": \"open\",\n    \"stale\": false,\n"
+            "    \"owner\": \"palinode-igd\",\n    \"seconds\": 185,\n"
+            "    \"connections\": 2\n  }\n]\n");
+}
+
+TEST_F(Listing, SaysThatNoPortIsOpen) {
+  EXPECT_EQ(router.lumenctl({"nat", "list"}).out, "No port is open.\n");
+  EXPECT_EQ(router.lumenctl({"nat", "list", "--json"}).out, "[]\n");
+}
+
+TEST_F(Listing, ClosesThePortOfThatProtocolOnly) {
+  router.hasPort(8080, udp, "192.168.88.10", 80);
+  router.hasPort(8080, tcp, "192.168.88.10", 80);
+  router.hasPort(8081, tcp, "192.168.88.10", 80);
+  const auto result = router.lumenctl({"nat", "close", "8080/tcp"});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.out, "8080/tcp: closed\n");
+  EXPECT_EQ(router.changes(), Lines{"[20,5] fe0003 08fe0001=2 00010024=true"});
+}
+
+TEST_F(Listing, ClosesAPortOnEveryAddressThatHasIt) {
+  router.hasPort(8080, tcp, "192.168.88.10", 80);
+  router.hasPort(8080, tcp, "192.168.88.10", 80);
+  EXPECT_EQ(router.lumenctl({"nat", "close", "8080/TCP"}).status, 0);
+  EXPECT_EQ(router.changes().size(), 2U);
+}
+
+TEST_F(Listing, LeavesAPortAloneThatIsClosedAlready) {
+  router.hasPort(8080, tcp, "192.168.88.10", 80);
+  EXPECT_EQ(router.lumenctl({"nat", "close", "8080/tcp"}).status, 0);
+  router.forgetRequests();
+  EXPECT_EQ(router.lumenctl({"nat", "close", "8080/tcp"}).status, 0);
+  EXPECT_EQ(router.changes(), Lines{});
+}
+
+TEST_F(Listing, SaysThatAPortWasNotOpen) {
+  const auto result = router.lumenctl({"nat", "close", "8080/tcp"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.err, "lumenctl: port 8080/tcp is not open\n");
+}
+
+TEST_F(Listing, RefusesWhatIsNoPortBeforeItAsksAnybody) {
+  for (const char* wrong : {"", "8080", "8080/", "/tcp", "0/tcp", "65536/tcp", "99999999999/tcp",
+                            "80 /tcp", "+80/tcp", "8080/icmp", "8080/tcp/udp", "tcp/8080"}) {
+    const auto result = router.lumenctl({"nat", "close", wrong});
+    EXPECT_EQ(result.status, 2) << wrong;
+    EXPECT_NE(result.err.find("a port is written like 8080/tcp"), std::string::npos) << result.err;
+  }
+  EXPECT_EQ(router.requests(), Lines{});
+}
+
+TEST_F(Listing, ShowsServices) {
+  router.gatewayIs(lumen::servicestate::waiting, 0, 3001);
+  EXPECT_EQ(router.lumenctl({"service", "list"}).out,
+            "NUMBER  NAME          STATE    PROCESS  RESTARTS  STARTS AGAIN\n"
+            "    40  palinode-igd  waiting                  3  in 4 s\n");
+  router.gatewayIs(lumen::servicestate::running, 4711);
+  EXPECT_EQ(router.lumenctl({"service", "list", "--json"}).out,
+            "[\n  {\n    \"number\": 40,\n    \"name\": \"palinode-igd\",\n"
+            "    \"state\": \"running\",\n    \"process\": 4711,\n    \"restarts\": 3,\n"
+            "    \"starts_in_ms\": 0\n  }\n]\n");
+}
+
+TEST_F(Listing, ShowsTheIdentity) {
+  EXPECT_EQ(router.lumenctl({"identity"}).out, "0c5e9a51\n");
+  EXPECT_EQ(router.lumenctl({"identity", "--json"}).out, "{\n  \"identity\": \"0c5e9a51\"\n}\n");
+}
+
+TEST_F(Listing, ReadsATableOfManyPages) {
+  router.sendsShortPages();
+  for (uint32_t port = 1; port <= 3; ++port) router.hasPort(port, tcp, "192.168.88.10", 80);
+  const auto result = router.lumenctl({"nat", "list"});
+  for (const char* port : {"1/tcp ", "2/tcp ", "3/tcp "}) {
+    EXPECT_NE(result.out.find(port), std::string::npos) << result.out;
+  }
+  EXPECT_EQ(router.requests(),
+            (Lines{"[20,5] fe0004", "[20,5] fe0004 08fe0003=1", "[20,5] fe0004 08fe0003=2"}));
+}
+
+TEST_F(Listing, GivesUpOnATableWhoseCursorDoesNotRise) {
+  router.sendsShortPages(true);
+  for (uint32_t port = 1; port <= 4; ++port) router.hasPort(port, tcp, "192.168.88.10", 80);
+  const auto result = router.lumenctl({"nat", "list"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.err, "lumenctl: the table's pages do not end\n");
+}
+
+TEST_F(Listing, ShowsHostileTextEscaped) {
+  router.hasLink("x\x1b[2J", 2);
+  router.gatewayIs("run\nning", 1);
+  EXPECT_NE(router.lumenctl({"interface", "list"}).out.find("x\\x1b[2J"), std::string::npos);
+  EXPECT_NE(router.lumenctl({"interface", "list", "--json"}).out.find("x\\u001b[2J"),
+            std::string::npos);
+  EXPECT_NE(router.lumenctl({"service", "list"}).out.find("run\\x0aning"), std::string::npos);
+  router.refuses({20, 5}, lm::cmd::readAll, "no\x1b]0;owned\x07");
+  EXPECT_EQ(router.lumenctl({"nat", "list"}).err, "lumenctl: no\\x1b]0;owned\\x07\n");
+}
+
+TEST_F(Listing, ShowsJsonOfTextThatIsNoUtf8) {
+  router.hasLink("x\xff\xc2\x9b");
+  const std::string out = router.lumenctl({"interface", "list", "--json"}).out;
+  EXPECT_NE(out.find("\"x\\ufffd\\u009b\""), std::string::npos) << out;
+}
+
+}  // namespace
+}  // namespace lumenctl

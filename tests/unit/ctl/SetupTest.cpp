@@ -1,0 +1,161 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "ctl/FakePlatform.h"
+#include "lumen/services/interfaces/InterfaceKeys.h"
+#include "platform/Keys.h"
+
+namespace lumenctl {
+namespace {
+
+using Lines = std::vector<std::string>;
+
+const Lines setUp = {"upnp", "setup", "--internal", "br-lan", "--external", "wan0"};
+
+/// A router fresh from the box: two links that nobody has given a role, the gateway off.
+struct Setup : testing::Test {
+  Setup() {
+    router.hasLink("br-lan");
+    router.hasLink("wan0");
+    router.settings().insert_bool(1, false);
+  }
+  FakePlatform router;
+};
+
+TEST_F(Setup, KeepsTheNamesThenTellsTheGatewayThenSwitchesItOn) {
+  const auto result = router.lumenctl(setUp);
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(router.changes(), (Lines{R"([20,0] fe0005 20010005="br-lan" 08010010=2)",
+                                     R"([20,0] fe0005 20010005="wan0" 08010010=1)",
+                                     "[40,0] fe0005 00fe000a=false 08000001=1 08000002=2",
+                                     "[40,0] fe0005 00fe000a=false 08000001=2 08000002=1",
+                                     "[40,0] fe000e 00000001=true 00000002=true 00000003=true"}));
+}
+
+TEST_F(Setup, SaysWhatItDid) {
+  EXPECT_EQ(router.lumenctl(setUp).out,
+            "br-lan: kept as internal\n"
+            "wan0: kept as external\n"
+            "br-lan: used by the gateway as internal\n"
+            "wan0: used by the gateway as external\n"
+            "gateway: switched on\n"
+            "The gateway is set up. See it work: lumenctl status\n");
+}
+
+TEST_F(Setup, SaysWhatItDidInJson) {
+  Lines arguments = setUp;
+  arguments.push_back("--json");
+  EXPECT_EQ(router.lumenctl(arguments).out,
+            "{\n"
+            "  \"done\": [\n"
+            "    \"br-lan: kept as internal\",\n"
+            "    \"wan0: kept as external\",\n"
+            "    \"br-lan: used by the gateway as internal\",\n"
+            "    \"wan0: used by the gateway as external\",\n"
+            "    \"gateway: switched on\"\n"
+            "  ]\n"
+            "}\n");
+}
+
+TEST_F(Setup, ChangesNothingTheSecondTime) {
+  EXPECT_EQ(router.lumenctl(setUp).status, 0);
+  router.forgetRequests();
+  const auto again = router.lumenctl(setUp);
+  EXPECT_EQ(again.status, 0);
+  EXPECT_EQ(again.out, "The gateway is set up. See it work: lumenctl status\n");
+  EXPECT_EQ(router.changes(), Lines{});
+}
+
+TEST_F(Setup, ServesSeveralInternalInterfaces) {
+  router.hasLink("br-guest");
+  const auto result =
+      router.lumenctl({"upnp", "setup", "--external", "wan0", "--internal", "br-lan", "br-guest"});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(router.changes().size(), 7U);
+  EXPECT_EQ(router.changes()[1], R"([20,0] fe0005 20010005="br-guest" 08010010=2)");
+}
+
+TEST_F(Setup, ChangesRolesThatWereTheOtherWayRound) {
+  EXPECT_EQ(router.lumenctl(setUp).status, 0);
+  router.forgetRequests();
+  const auto result =
+      router.lumenctl({"upnp", "setup", "--internal", "wan0", "--external", "br-lan"});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(router.changes(),
+            (Lines{R"([20,0] fe0005 20010005="wan0" 08010010=2)",
+                   R"([20,0] fe0005 20010005="br-lan" 08010010=1)",
+                   "[40,0] fe0003 08fe0001=4 00fe000a=false 08000001=2 08000002=2",
+                   "[40,0] fe0003 08fe0001=3 00fe000a=false 08000001=1 08000002=1"}));
+}
+
+TEST_F(Setup, TakesInterfacesThatAreNotNamedFromTheGateway) {
+  router.hasLink("br-old", 2);
+  router.gatewayUses("br-old", 2);
+  const auto result = router.lumenctl(setUp);
+  EXPECT_EQ(router.changes()[2], "[40,0] fe0006 08fe0001=4");
+  EXPECT_NE(result.out.find("br-old: no longer used by the gateway\n"), std::string::npos);
+}
+
+TEST_F(Setup, TakesAnInterfaceThatNobodyKnowsAnyMoreFromTheGateway) {
+  router.hasLink("gone");
+  router.gatewayUses("gone", 2);
+  router.link("gone").insert_u32(lm::key::objectId, 99);
+  const auto result = router.lumenctl(setUp);
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_NE(result.out.find("interface 3: no longer used by the gateway\n"), std::string::npos);
+}
+
+TEST_F(Setup, EnablesAnInterfaceThatWasDisabled) {
+  EXPECT_EQ(router.lumenctl({"upnp", "interface", "add", "wan0", "--role", "external", "--disable"})
+                .status,
+            0);
+  router.forgetRequests();
+  EXPECT_EQ(router.lumenctl(setUp).status, 0);
+  EXPECT_EQ(router.changes()[2], "[40,0] fe0003 08fe0001=3 00fe000a=false 08000001=2 08000002=1");
+}
+
+TEST_F(Setup, KeepsTheNameOfALinkThatIsStillAway) {
+  const auto result =
+      router.lumenctl({"upnp", "setup", "--internal", "br-lan", "--external", "ppp0"});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(router.changes()[3], "[40,0] fe0005 00fe000a=false 08000001=3 08000002=1");
+}
+
+TEST_F(Setup, LeavesTheOtherSettingsAsTheyAre) {
+  router.settings().insert_bool(2, false);
+  EXPECT_EQ(router.lumenctl(setUp).status, 0);
+  EXPECT_EQ(router.changes().back(), "[40,0] fe000e 00000001=true 00000002=false 00000003=true");
+}
+
+TEST_F(Setup, LeavesTheGatewayOffWhenItRefusesAnInterface) {
+  router.refuses({40, 0}, lm::cmd::addObject, "Interface already added");
+  const auto result = router.lumenctl(setUp);
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.err, "lumenctl: Interface already added\n");
+  EXPECT_EQ(result.out, "br-lan: kept as internal\nwan0: kept as external\n");
+  EXPECT_FALSE(router.settings().get_bool(1));
+}
+
+TEST_F(Setup, SaysInJsonWhatWasDoneBeforeItWasRefused) {
+  router.refuses({40, 0}, lm::cmd::addObject, "Interface already added");
+  Lines arguments = setUp;
+  arguments.insert(arguments.begin(), "--json");
+  const auto result = router.lumenctl(arguments);
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.out,
+            "{\n  \"done\": [\n    \"br-lan: kept as internal\",\n"
+            "    \"wan0: kept as external\"\n  ]\n}\n");
+}
+
+TEST_F(Setup, RefusesAnInterfaceThatIsNamedTwiceBeforeItChangesAnything) {
+  const auto result =
+      router.lumenctl({"upnp", "setup", "--internal", "br-lan", "wan0", "--external", "wan0"});
+  EXPECT_EQ(result.status, 2);
+  EXPECT_NE(result.err.find("interface 'wan0' is named twice"), std::string::npos);
+  EXPECT_EQ(router.requests(), Lines{});
+}
+
+}  // namespace
+}  // namespace lumenctl

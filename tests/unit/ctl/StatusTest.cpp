@@ -1,0 +1,127 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "ctl/FakePlatform.h"
+#include "lumen/services/broker/BrokerKeys.h"
+#include "platform/Keys.h"
+
+namespace lumenctl {
+namespace {
+
+using Lines = std::vector<std::string>;
+
+/// A router at work, with one open port.
+struct Status : testing::Test {
+  Status() {
+    router.hasLink("br-lan", 2);
+    router.hasLink("wan0", 1);
+    router.hasLink("eth9");
+    router.hasAddress("br-lan", "192.168.88.1");
+    router.hasAddress("wan0", "45.45.45.1");
+    router.gatewayUses("br-lan", 2);
+    router.gatewayUses("wan0", 1);
+    router.hasPort(8080, 6, "192.168.88.10", 80);
+  }
+  std::string firstLine() {
+    const auto result = router.lumenctl({"status"});
+    EXPECT_EQ(result.status, 0) << result.err;
+    return result.out.substr(0, result.out.find('\n'));
+  }
+  FakePlatform router;
+};
+
+TEST_F(Status, ShowsTheRouterOnOneScreen) {
+  const auto result = router.lumenctl({"status"});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(
+      result.out,
+      "Gateway: on (process 4711)\n"
+      "\n"
+      "INTERFACE  ROLE      STATE    ADDRESS\n"
+      "br-lan     internal  running  192.168.88.1\n"
+      "wan0       external  running  45.45.45.1\n"
+      "\n"
+      "PORT      ON ADDRESS  TO                STATE  SINCE      CONNECTIONS  BY\n"
+      "8080/tcp  45.45.45.1  192.168.88.10:80  open   3 min 5 s            2  palinode-igd\n");
+}
+
+TEST_F(Status, ShowsTheRouterInJson) {
+  EXPECT_EQ(router.lumenctl({"status", "--json"}).out,
+            "{\n  \"gateway\": \"on\",\n  \"interfaces\": [\n"
+            "    {\n      \"name\": \"br-lan\",\n      \"role\": \"internal\",\n"
+            "      \"used\": true,\n      \"state\": \"running\",\n"
+            "      \"addresses\": [\n        \"192.168.88.1\"\n      ]\n    },\n"
+            "    {\n      \"name\": \"wan0\",\n      \"role\": \"external\",\n"
+            "      \"used\": true,\n      \"state\": \"running\",\n"
+            "      \"addresses\": [\n        \"45.45.45.1\"\n      ]\n    }\n  ],\n"
+            "  \"ports\": [\n    {\n      \"port\": 8080,\n      \"protocol\": \"tcp\",\n"
+            "      \"address\": \"45.45.45.1\",\n      \"client\": \"192.168.88.10\",\n"
+            "      \"client_port\": 80,\n      \"state\": \"open\",\n      \"stale\": false,\n"
+            "      \"owner\": \"palinode-igd\",\n      \"seconds\": 185,\n"
+            "      \"connections\": 2\n    }\n  ]\n}\n");
+}
+
+TEST_F(Status, NeverWakesAGatewayThatDoesNotRun) {
+  for (const char* state : {lumen::servicestate::stopped, lumen::servicestate::starting,
+                            lumen::servicestate::leaving, lumen::servicestate::waiting}) {
+    router.gatewayIs(state);
+    EXPECT_EQ(router.lumenctl({"status"}).status, 0);
+    EXPECT_EQ(router.lumenctl({"status", "--json"}).status, 0);
+  }
+  EXPECT_FALSE(router.wasAsked("[40,0]"));
+}
+
+TEST_F(Status, ShowsTheKeptRolesWhileTheGatewayIsOff) {
+  router.gatewayIs(lumen::servicestate::stopped);
+  EXPECT_TRUE(router.lumenctl({"status"})
+                  .out.starts_with("Gateway: off\n"
+                                   "\n"
+                                   "INTERFACE  ROLE      STATE    ADDRESS\n"
+                                   "br-lan     internal  running  192.168.88.1\n"
+                                   "wan0       external  running  45.45.45.1\n"));
+}
+
+TEST_F(Status, SaysInWhichStateTheGatewayIs) {
+  router.settings().insert_bool(1, false);
+  EXPECT_EQ(firstLine(), "Gateway: off (process 4711)");
+  router.gatewayIs(lumen::servicestate::leaving, 4711);
+  EXPECT_EQ(firstLine(), "Gateway: off");
+  router.gatewayIs(lumen::servicestate::starting, 4711);
+  EXPECT_EQ(firstLine(), "Gateway: starting");
+  router.gatewayIs(lumen::servicestate::waiting, 0, 12000);
+  EXPECT_EQ(firstLine(), "Gateway: crashed (starts again in 12 s)");
+  router.gatewayIsNotInstalled();
+  EXPECT_EQ(firstLine(), "Gateway: not installed");
+}
+
+TEST_F(Status, ShowsTheRestWhenTheGatewayDoesNotAnswer) {
+  router.refuses({40, 0}, lm::cmd::get, "timed out");
+  const auto result = router.lumenctl({"status"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_TRUE(result.out.starts_with("Gateway: not answering (timed out)\n"));
+  EXPECT_NE(result.out.find("wan0       external"), std::string::npos);
+  EXPECT_NE(result.out.find("8080/tcp"), std::string::npos);
+}
+
+TEST_F(Status, MarksAnInterfaceThatTheGatewayDoesNotUse) {
+  router.hasLink("br-guest", 2);
+  router.gatewayUses("br-guest", 2, true);
+  EXPECT_NE(router.lumenctl({"status"}).out.find("\nbr-guest   internal, not used  running\n"),
+            std::string::npos);
+}
+
+TEST(StatusOfAFreshRouter, TellsHowToSetItUp) {
+  FakePlatform router;
+  router.gatewayIs(lumen::servicestate::stopped);
+  EXPECT_EQ(router.lumenctl({"status"}).out,
+            "Gateway: off\n"
+            "\n"
+            "No interface is set up: lumenctl upnp setup --internal IF --external IF\n"
+            "\n"
+            "No port is open.\n");
+}
+
+}  // namespace
+}  // namespace lumenctl

@@ -1,0 +1,104 @@
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "lumen/ctl/Table.h"
+#include "lumen/ctl/Text.h"
+
+namespace lumenctl {
+namespace {
+
+TEST(Printable, LeavesOrdinaryTextAlone) {
+  for (const char* text : {"", "br-lan", "a b", "Gerät", "日本", "\xf0\x9f\x90\xa7"}) {
+    EXPECT_EQ(printable(text), text);
+  }
+}
+
+TEST(Printable, EscapesWhatATerminalWouldObey) {
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"\x1b[2J", "\\x1b[2J"},
+      {"a\nb\r\tc", "a\\x0ab\\x0d\\x09c"},
+      {std::string("a\0b", 3), "a\\x00b"},
+      {"\x7f", "\\x7f"},
+      {"\xc2\x9b"
+       "2J",
+       "\\xc2\\x9b2J"},  // U+009B, the one-byte form of ESC [
+      {"\xe2\x80\xae"
+       "fdp",
+       "\\xe2\\x80\\xaefdp"},               // U+202E, right to left from here
+      {"\xe2\x80\x8b", "\\xe2\\x80\\x8b"},  // U+200B, no width
+      {"\xef\xbb\xbf", "\\xef\\xbb\\xbf"},  // U+FEFF, no width
+      {"\\x1b", "\\\\x1b"},                 // no text looks like an escape
+  };
+  for (const auto& [text, escaped] : cases) EXPECT_EQ(printable(text), escaped);
+}
+
+TEST(Printable, EscapesWhatIsNoUtf8) {
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"\xff", "\\xff"},
+      {"\x80", "\\x80"},                             // continues nothing
+      {"\xc3", "\\xc3"},                             // cut
+      {"\xc3(", "\\xc3("},                           // not continued
+      {"\xc0\xaf", "\\xc0\\xaf"},                    // longer than needed
+      {"\xe0\x80\xaf", "\\xe0\\x80\\xaf"},           // longer than needed
+      {"\xed\xa0\x80", "\\xed\\xa0\\x80"},           // a surrogate
+      {"\xf4\x90\x80\x80", "\\xf4\\x90\\x80\\x80"},  // above U+10FFFF
+      {"\xf8\x88\x80\x80\x80", "\\xf8\\x88\\x80\\x80\\x80"},
+  };
+  for (const auto& [text, escaped] : cases) EXPECT_EQ(printable(text), escaped);
+}
+
+TEST(Text, CountsCharactersNotBytes) {
+  EXPECT_EQ(columns("abc"), 3U);
+  EXPECT_EQ(columns("Gerät"), 5U);
+}
+
+TEST(Text, WritesAddressesInNetworkByteOrder) {
+  EXPECT_EQ(dotted(inet_addr("192.168.88.1")), "192.168.88.1");
+  EXPECT_EQ(dotted(0), "0.0.0.0");
+}
+
+TEST(Text, WritesTimesInTheirTwoLargestUnits) {
+  EXPECT_EQ(duration(0), "0 s");
+  EXPECT_EQ(duration(59), "59 s");
+  EXPECT_EQ(duration(60), "1 min");
+  EXPECT_EQ(duration(185), "3 min 5 s");
+  EXPECT_EQ(duration(3600), "1 h");
+  EXPECT_EQ(duration(3659), "1 h");
+  EXPECT_EQ(duration(7380), "2 h 3 min");
+  EXPECT_EQ(duration(86400 * 2 + 3600 * 4 + 1), "2 d 4 h");
+}
+
+TEST(Text, WritesAmountsInDecimalUnits) {
+  EXPECT_EQ(amount(0), "0 B");
+  EXPECT_EQ(amount(999), "999 B");
+  EXPECT_EQ(amount(1000), "1.0 kB");
+  EXPECT_EQ(amount(999999), "999.9 kB");
+  EXPECT_EQ(amount(1234567), "1.2 MB");
+  EXPECT_EQ(amount(UINT64_MAX), "18.4 EB");
+}
+
+TEST(TableTest, AlignsColumnsByCharacters) {
+  Table table({"NAME", ">COUNT", "LAST"});
+  table.add({"Gerät", "7", "x"});
+  table.add({"a", "1000", ""});
+  std::ostringstream out;
+  table.print(out, "  ");
+  EXPECT_EQ(out.str(),
+            "  NAME   COUNT  LAST\n"
+            "  Gerät      7  x\n"
+            "  a       1000\n");
+}
+
+TEST(TableTest, PrintsNothingWithoutRows) {
+  std::ostringstream out;
+  Table({"NAME"}).print(out);
+  EXPECT_EQ(out.str(), "");
+}
+
+}  // namespace
+}  // namespace lumenctl

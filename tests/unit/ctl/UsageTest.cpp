@@ -1,0 +1,98 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "ctl/FakePlatform.h"
+
+namespace lumenctl {
+namespace {
+
+using Lines = std::vector<std::string>;
+
+struct Usage : testing::Test {
+  FakePlatform router;
+};
+
+TEST_F(Usage, EndsWith2WhenTheArgumentsAreWrong) {
+  const std::vector<std::pair<Lines, const char*>> wrong = {
+      {{}, "no command"},
+      {{"frobnicate"}, "no such command"},
+      {{"status", "now"}, "an argument too many"},
+      {{"status", "--jsn"}, "no such option"},
+      {{"status", "identity"}, "two commands"},
+      {{"upnp"}, "half a command"},
+      {{"interface"}, "half a command"},
+      {{"upnp", "interface"}, "half a command"},
+      {{"upnp", "setup"}, "no interface"},
+      {{"upnp", "setup", "--internal", "br-lan"}, "no external interface"},
+      {{"upnp", "setup", "--external", "wan0"}, "no internal interface"},
+      {{"upnp", "setup", "--internal", "--external", "wan0"}, "no internal interface"},
+      {{"upnp", "setup", "--internal", "a/b", "--external", "wan0"}, "no name of an interface"},
+      {{"upnp", "setup", "--internal", "a b", "--external", "wan0"}, "no name of an interface"},
+      {{"upnp", "setup", "--internal", "..", "--external", "wan0"}, "no name of an interface"},
+      {{"upnp", "setup", "--internal", "x\x1b", "--external", "wan0"}, "no name of an interface"},
+      {{"upnp", "setup", "--internal", "sixteen-letters-", "--external", "wan0"},
+       "too long a name"},
+      {{"upnp", "settings", "set"}, "nothing to set"},
+      {{"upnp", "interface", "add", "wan0"}, "no role"},
+      {{"upnp", "interface", "add", "wan0", "--role", "wan"}, "no such role"},
+      {{"upnp", "interface", "add", "--role", "external"}, "no interface"},
+      {{"upnp", "interface", "set", "wan0"}, "nothing to set"},
+      {{"upnp", "interface", "set", "wan0", "--enable", "--disable"}, "both at once"},
+      {{"upnp", "interface", "remove", ""}, "no name of an interface"},
+      {{"interface", "forget"}, "no interface"},
+      {{"nat", "close"}, "no port"},
+      {{"--root"}, "no folder"},
+  };
+  for (const auto& [arguments, reason] : wrong) {
+    const auto result = router.lumenctl(arguments);
+    EXPECT_EQ(result.status, 2) << reason;
+    EXPECT_EQ(result.out, "") << reason;
+    EXPECT_TRUE(result.err.starts_with("lumenctl: ")) << reason << ": " << result.err;
+    EXPECT_TRUE(result.err.ends_with("\nlumenctl --help tells how it is used.\n")) << result.err;
+  }
+  EXPECT_EQ(router.requests(), Lines{});
+}
+
+TEST_F(Usage, ShowsWrongArgumentsEscaped) {
+  const auto result = router.lumenctl({"\x1b[2J"});
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(result.err.find('\x1b'), std::string::npos);
+}
+
+TEST_F(Usage, HelpsWithoutAPlatform) {
+  router.cannotBeReached();
+  for (const Lines& arguments :
+       {Lines{"--help"}, Lines{"upnp", "--help"}, Lines{"upnp", "setup", "--help"}}) {
+    const auto result = router.lumenctl(arguments);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.err, "");
+    EXPECT_NE(result.out.find("Usage:"), std::string::npos) << result.out;
+  }
+}
+
+TEST_F(Usage, SaysItsVersion) {
+  const auto result = router.lumenctl({"--version"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.out, "lumenctl " PALINODE_VERSION "\n");
+}
+
+TEST_F(Usage, EndsWith1WhenThePlatformCannotBeReached) {
+  router.cannotBeReached();
+  const auto result = router.lumenctl({"status"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.err, "lumenctl: nobody answers\n");
+}
+
+TEST_F(Usage, TakesTheRootBeforeOrBehindTheCommand) {
+  EXPECT_EQ(router.lumenctl({"--root", "/tmp/a", "identity"}).status, 0);
+  EXPECT_EQ(router.root(), "/tmp/a");
+  EXPECT_EQ(router.lumenctl({"identity", "--root", "/tmp/b"}).status, 0);
+  EXPECT_EQ(router.root(), "/tmp/b");
+  EXPECT_EQ(router.lumenctl({"identity"}).status, 0);
+  EXPECT_EQ(router.root(), "");
+}
+
+}  // namespace
+}  // namespace lumenctl
