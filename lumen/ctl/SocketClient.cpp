@@ -1,0 +1,47 @@
+#include "lumen/ctl/SocketClient.h"
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "lumen/runtime/SocketTransport.h"
+#include "platform/Keys.h"
+
+namespace lumenctl {
+
+namespace {
+
+/// The longest that a command waits for its reply, in milliseconds: the gateway may have to be
+/// started first (5 s), and may itself wait for the platform (6 s).
+constexpr uint32_t replyLimit = 15000;
+
+/// A package binds the first over the second for its services only.
+constexpr std::array<const char*, 2> ownSockets = {"/run/lumen/lumen.sock", lm::socketPath};
+
+}  // namespace
+
+std::unique_ptr<Client> SocketClient::connect(const std::string& root, std::string& why) {
+  std::vector<std::string> paths(ownSockets.begin(), ownSockets.end());
+  if (!root.empty()) paths = {root + "/run/lumen.sock"};
+  for (const std::string& path : paths) {
+    auto transport = lm::SocketTransport::connect(path);
+    if (transport) return std::make_unique<SocketClient>(std::move(transport));
+    const int error = errno;
+    if (!why.empty()) why += "; ";
+    why += path + ": " + std::strerror(error);
+  }
+  why = "lumend does not answer (" + why + ")";
+  return nullptr;
+}
+
+SocketClient::SocketClient(std::unique_ptr<lm::Transport> transport)
+    : connection_(clock_, std::move(transport)) {}
+
+lm::message SocketClient::exchange(const std::vector<uint32_t>& destination, uint32_t command,
+                                   lm::message request) {
+  request.insert_u32_array(lm::key::destination, destination);
+  return connection_.exchange(std::move(request), command, replyLimit);
+}
+
+}  // namespace lumenctl

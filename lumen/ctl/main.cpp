@@ -1,0 +1,11 @@
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "lumen/ctl/CommandLine.h"
+#include "lumen/ctl/SocketClient.h"
+
+int main(int argc, char** argv) {
+  const std::vector<std::string> arguments(argv + 1, argv + argc);
+  return lumenctl::run(arguments, lumenctl::SocketClient::connect, std::cout, std::cerr);
+}
