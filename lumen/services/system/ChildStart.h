@@ -1,0 +1,22 @@
+#pragma once
+
+#include <sys/types.h>
+
+namespace lumen {
+
+/// Everything that the new process needs, made before the fork.
+struct ChildStart {
+  const char* path = nullptr;  ///< for its own argv[0] and the log
+  int executable = -1;
+  int lock = -1;
+  int null = -1;
+  uid_t user = 0;
+  gid_t group = 0;
+  pid_t parent = 0;
+};
+
+/// The first thing that runs after the fork: becomes the program, or writes one line that says what
+/// failed and ends with status 126. Calls only what is safe there.
+[[noreturn]] void becomeProgram(const ChildStart& start);
+
+}  // namespace lumen

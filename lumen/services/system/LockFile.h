@@ -1,0 +1,25 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+
+#include "platform/Fd.h"
+
+namespace lumen {
+
+/// A file that tells which process does a job: a POSIX record lock, which the kernel releases when
+/// that process ends, is kept over execve and names its holder. It is also released when the
+/// process closes any descriptor of the file, so a holder opens it once.
+
+/// Opens the lock file, made when missing and for root only. Invalid when that failed; errno says
+/// why.
+[[nodiscard]] lm::Fd openLockFile(const std::string& path);
+
+/// Makes the calling process the holder. False when another process is. Safe between fork and exec.
+[[nodiscard]] bool takeLock(int lockFile);
+
+/// The process that holds the lock, other than the calling one; 0: nobody.
+[[nodiscard]] pid_t holderOf(int lockFile);
+
+}  // namespace lumen

@@ -1,0 +1,49 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+
+namespace lumen {
+
+/// What is to be run, and as whom.
+struct Program {
+  std::string executable;  ///< absolute path
+  uid_t user = 0;          ///< never root
+  gid_t group = 0;         ///< its only group
+  std::string lockFile;    ///< held by the process as long as it lives, made when missing
+};
+
+/// The processes of this system, as far as the supervisor touches them.
+class Processes {
+ public:
+  /// Whoever must know that a process has ended.
+  class Observer {
+   public:
+    virtual ~Observer() = default;
+    /// `pid` was started here and is reaped; `status` is as waitpid gives it.
+    virtual void processEnded(pid_t pid, int status) = 0;
+  };
+
+  virtual ~Processes() = default;
+
+  /// The one observer; it must live until the last call.
+  virtual void setObserver(Observer& observer) = 0;
+
+  /// Starts `program` without privileges; it gets SIGTERM when this process ends. None when that
+  /// failed, which is then in the log. Whether the program itself can be run shows in its exit
+  /// status only. Does not call the observer before it returns.
+  [[nodiscard]] virtual std::optional<pid_t> start(const Program& program) = 0;
+
+  /// Sends a signal to a process that was started here and is not reaped yet.
+  virtual void signal(pid_t pid, int signal) = 0;
+
+  /// The process that holds `lockFile`; 0: nobody.
+  [[nodiscard]] virtual pid_t lockHolder(const std::string& lockFile) = 0;
+
+  /// Kills the process that holds `lockFile`, if one does.
+  virtual void killLockHolder(const std::string& lockFile) = 0;
+};
+
+}  // namespace lumen
