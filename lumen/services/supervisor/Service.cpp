@@ -1,0 +1,196 @@
+#include "lumen/services/supervisor/Service.h"
+
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <csignal>
+#include <utility>
+
+#include "lumen/runtime/Log.h"
+#include "lumen/services/broker/BrokerKeys.h"
+
+namespace lumen {
+
+namespace {
+
+// All in milliseconds.
+constexpr uint32_t firstDelay = 1000;
+constexpr uint32_t longestDelay = 60000;
+constexpr uint64_t goodLife = 60000;
+constexpr uint32_t lockPoll = 100;
+constexpr uint64_t lockLimit = 10000;
+
+constexpr uint32_t hundredths(uint32_t milliseconds) { return milliseconds / 10; }
+
+std::string describe(int status) {
+  if (WIFSIGNALED(status)) return "ended by signal " + std::to_string(WTERMSIG(status));
+  return "ended with exit status " + std::to_string(WEXITSTATUS(status));
+}
+
+Program programOf(const ServiceDefinition& definition, const std::string& runDirectory) {
+  Program program;
+  program.executable = definition.executable;
+  program.user = definition.user;
+  program.group = definition.group;
+  program.lockFile = runDirectory + "/" + definition.name + ".lock";
+  return program;
+}
+
+}  // namespace
+
+Service::Service(ServiceDefinition definition, Processes& processes, const lm::Clock& clock,
+                 const std::string& runDirectory)
+    : definition_(std::move(definition)),
+      processes_(processes),
+      clock_(clock),
+      program_(programOf(definition_, runDirectory)) {}
+
+void Service::boot() {
+  if (phase_ == Phase::stopped) start();
+}
+
+bool Service::need(bool administrator) {
+  if (shuttingDown_) return false;
+  if (phase_ == Phase::stopped || (phase_ == Phase::backOff && administrator)) start();
+  if (phase_ == Phase::up && leaving_) {
+    nextLife_ =
+        std::max(nextLife_, administrator ? NextLife::wantedByAdministrator : NextLife::wanted);
+  }
+  return phase_ != Phase::backOff;
+}
+
+void Service::registered() {
+  registered_ = true;
+  leaving_ = false;
+  released_ = false;
+  nextLife_ = NextLife::notWanted;
+}
+
+void Service::unregistered() {
+  registered_ = false;
+  leaving_ = true;
+  released_ = true;
+}
+
+void Service::lost() {
+  registered_ = false;
+  leaving_ = true;
+}
+
+void Service::start() {
+  timer_.stop();
+  const pid_t holder = processes_.lockHolder(program_.lockFile);
+  if (holder == 0) return launch();
+  log("waits for process " + std::to_string(holder) + ", which an earlier lumend has left");
+  phase_ = Phase::waitingForLock;
+  lockDeadline_ = clock_.now() + lockLimit;
+  timer_.start<&Service::retry>(*this, hundredths(lockPoll));
+}
+
+void Service::retry() {
+  if (phase_ == Phase::backOff) return start();
+  if (processes_.lockHolder(program_.lockFile) == 0) return launch();
+  if (lockDeadline_ != 0 && clock_.now() >= lockDeadline_) {
+    log("kills the process that an earlier lumend has left");
+    processes_.killLockHolder(program_.lockFile);
+    lockDeadline_ = 0;
+  }
+  timer_.start<&Service::retry>(*this, hundredths(lockPoll));
+}
+
+void Service::launch() {
+  if (afterCrash_) ++restarts_;
+  afterCrash_ = false;
+  leaving_ = false;
+  released_ = false;
+  nextLife_ = NextLife::notWanted;
+  startedAt_ = clock_.now();
+  const std::optional<pid_t> pid = processes_.start(program_);
+  if (!pid) return crashed("cannot be started", false);
+  pid_ = *pid;
+  phase_ = Phase::up;
+  log("started, process " + std::to_string(pid_));
+}
+
+void Service::ended(int status) {
+  pid_ = 0;
+  if (shuttingDown_) {
+    log(describe(status));
+    phase_ = Phase::stopped;
+    observer_->unavailable(definition_.number);
+  } else if (released_ && status == 0) {
+    endedAsWished();
+  } else {
+    crashed(describe(status), nextLife_ == NextLife::wantedByAdministrator);
+  }
+}
+
+void Service::endedAsWished() {
+  log("ended, not needed now");
+  phase_ = Phase::stopped;
+  if (nextLife_ != NextLife::notWanted) start();
+}
+
+void Service::crashed(const std::string& how, bool startAtOnce) {
+  const bool afresh = delay_ == 0 || clock_.now() - startedAt_ >= goodLife;
+  delay_ = afresh ? firstDelay : std::min(2 * delay_, longestDelay);
+  afterCrash_ = true;
+  if (startAtOnce) {
+    log(how + ", starts again at once");
+    return start();
+  }
+  log(how + ", starts again in " + std::to_string(delay_ / 1000) + " s");
+  phase_ = Phase::backOff;
+  nextStart_ = clock_.now() + delay_;
+  timer_.start<&Service::retry>(*this, hundredths(delay_));
+  observer_->unavailable(definition_.number);
+}
+
+void Service::shutDown() {
+  shuttingDown_ = true;
+  timer_.stop();
+  if (phase_ == Phase::up) {
+    processes_.signal(pid_, SIGTERM);
+  } else {
+    phase_ = Phase::stopped;
+    observer_->unavailable(definition_.number);
+  }
+}
+
+void Service::kill() {
+  if (pid_ == 0) return;
+  log("is killed, since it does not end");
+  processes_.signal(pid_, SIGKILL);
+}
+
+std::string Service::state() const {
+  if (registered_) return servicestate::running;
+  switch (phase_) {
+    case Phase::stopped:
+      return servicestate::stopped;
+    case Phase::backOff:
+      return servicestate::waiting;
+    case Phase::waitingForLock:
+      return servicestate::starting;
+    case Phase::up:
+      break;
+  }
+  return leaving_ ? servicestate::leaving : servicestate::starting;
+}
+
+lm::message Service::record() const {
+  const uint64_t now = clock_.now();
+  const uint64_t wait = nextStart_ > now ? nextStart_ - now : 1;
+  lm::message record;
+  record.insert_u32(servicekey::number, definition_.number);
+  record.insert_string(servicekey::name, definition_.name);
+  record.insert_string(servicekey::state, state());
+  record.insert_u32(servicekey::pid, static_cast<uint32_t>(pid_));
+  record.insert_u32(servicekey::restarts, restarts_);
+  record.insert_u64(servicekey::nextStart, phase_ == Phase::backOff ? wait : 0);
+  return record;
+}
+
+void Service::log(const std::string& text) const { lm::logLine(definition_.name, ": ", text); }
+
+}  // namespace lumen

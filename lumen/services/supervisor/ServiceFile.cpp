@@ -1,0 +1,204 @@
+#include "lumen/services/supervisor/ServiceFile.h"
+
+#include <grp.h>
+#include <ini.h>
+#include <pwd.h>
+
+#include <algorithm>
+#include <charconv>
+#include <limits>
+#include <map>
+
+namespace lumen {
+
+namespace {
+
+using Settings = std::map<std::string, std::string, std::less<>>;
+
+// The parser cuts longer lines in two.
+constexpr size_t maxLine = 190;
+constexpr size_t maxName = 32;
+constexpr uint32_t maxNumber = 0xFFFF;
+
+bool isName(std::string_view text) {
+  const auto allowed = [](char c) {
+    return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-';
+  };
+  return !text.empty() && text.size() <= maxName && text.front() != '-' &&
+         std::all_of(text.begin(), text.end(), allowed);
+}
+
+template <typename Number>
+std::optional<Number> toNumber(std::string_view text) {
+  Number number = 0;
+  const char* const end = text.data() + text.size();
+  const auto [stop, failure] = std::from_chars(text.data(), end, number);
+  if (failure != std::errc() || stop != end) return std::nullopt;
+  return number;
+}
+
+/// What the parser has found so far.
+struct Reading {
+  Settings settings;
+  std::string error;
+};
+
+int takeSetting(void* context, const char* section, const char* name, const char* value) {
+  static constexpr std::string_view known[] = {"name",  "number", "executable", "user",
+                                               "group", "boot",   "stores"};
+  auto& reading = *static_cast<Reading*>(context);
+  if (!reading.error.empty()) return 1;
+  const std::string_view setting = name;
+  if (std::string_view(section) != "service") {
+    reading.error = "settings belong below [service]";
+  } else if (std::find(std::begin(known), std::end(known), setting) == std::end(known)) {
+    reading.error = "unknown setting \"" + std::string(setting) + "\"";
+  } else if (!reading.settings.emplace(setting, value).second) {
+    reading.error = "\"" + std::string(setting) + "\" is given twice";
+  }
+  return 1;
+}
+
+std::string checkText(std::string_view text) {
+  if (text.size() > maxServiceFile) return "is too long";
+  size_t line = 1;
+  size_t length = 0;
+  for (const char c : text) {
+    if (c == '\n') {
+      ++line;
+      length = 0;
+      continue;
+    }
+    const bool printable = (c >= ' ' && c <= '~') || c == '\t' || c == '\r';
+    if (!printable) return "line " + std::to_string(line) + ": a byte that is no printable ASCII";
+    if (++length > maxLine) return "line " + std::to_string(line) + ": is too long";
+  }
+  return {};
+}
+
+/// Turns the settings into a definition; the first thing that is wrong stays in `error`.
+class Builder {
+ public:
+  Builder(const Settings& settings, const UserDatabase& users)
+      : settings_(settings), users_(users) {}
+
+  ServiceDefinition build() {
+    definition_.name = required("name");
+    check(isName(definition_.name), "name");
+    const auto number = toNumber<uint32_t>(required("number"));
+    check(number && *number >= 1 && *number <= maxNumber, "number");
+    definition_.number = number.value_or(0);
+    definition_.executable = required("executable");
+    check(definition_.executable.starts_with('/'), "executable");
+    takeUser(required("user"));
+    takeGroup();
+    takeBoot();
+    takeStores();
+    return definition_;
+  }
+
+  [[nodiscard]] const std::string& error() const { return error_; }
+
+ private:
+  std::string optional(std::string_view setting) const {
+    const auto found = settings_.find(setting);
+    return found == settings_.end() ? std::string() : found->second;
+  }
+
+  std::string required(std::string_view setting) {
+    if (!settings_.contains(setting)) fail("\"" + std::string(setting) + "\" is missing");
+    return optional(setting);
+  }
+
+  void fail(const std::string& error) {
+    if (error_.empty()) error_ = error;
+  }
+
+  void check(bool right, std::string_view setting) {
+    if (right) return;
+    fail("\"" + optional(setting) + "\" is no " + std::string(setting));
+  }
+
+  void takeUser(const std::string& user) {
+    if (const auto number = toNumber<uint32_t>(user)) {
+      definition_.user = *number;
+      definition_.group = *number;
+    } else if (const auto known = users_.user(user)) {
+      definition_.user = known->id;
+      definition_.group = known->group;
+    } else {
+      fail("there is no user \"" + user + "\"");
+    }
+  }
+
+  // The highest number means "no change" to the kernel.
+  void takeGroup() {
+    const std::string group = optional("group");
+    if (!group.empty()) {
+      const auto number = toNumber<uint32_t>(group);
+      const auto known = number ? std::optional<gid_t>(*number) : users_.group(group);
+      if (!known) fail("there is no group \"" + group + "\"");
+      definition_.group = known.value_or(0);
+    }
+    constexpr auto noChange = std::numeric_limits<uint32_t>::max();
+    if (definition_.user == 0 || definition_.user == noChange) fail("may not run as root");
+    if (definition_.group == 0 || definition_.group == noChange) {
+      fail("may not run in root's group");
+    }
+  }
+
+  void takeBoot() {
+    const std::string boot = optional("boot");
+    if (!boot.empty() && boot != "yes" && boot != "no") fail("\"boot\" is neither yes nor no");
+    definition_.boot = boot == "yes";
+  }
+
+  void takeStores() {
+    const std::string stores = optional("stores");
+    size_t begin = stores.find_first_not_of(' ');
+    while (begin != std::string::npos) {
+      const size_t end = std::min(stores.find(' ', begin), stores.size());
+      std::string store = stores.substr(begin, end - begin);
+      if (!isName(store)) fail("\"" + store + "\" is no name of a store");
+      definition_.stores.push_back(std::move(store));
+      begin = stores.find_first_not_of(' ', end);
+    }
+  }
+
+  const Settings& settings_;
+  const UserDatabase& users_;
+  ServiceDefinition definition_;
+  std::string error_;
+};
+
+}  // namespace
+
+std::optional<UserDatabase::User> SystemUsers::user(const std::string& name) const {
+  const passwd* const found = getpwnam(name.c_str());
+  if (found == nullptr) return std::nullopt;
+  return User{found->pw_uid, found->pw_gid};
+}
+
+std::optional<gid_t> SystemUsers::group(const std::string& name) const {
+  const struct group* const found = getgrnam(name.c_str());
+  if (found == nullptr) return std::nullopt;
+  return found->gr_gid;
+}
+
+std::optional<ServiceDefinition> parseServiceFile(std::string_view text, const UserDatabase& users,
+                                                  std::string& error) {
+  error = checkText(text);
+  if (!error.empty()) return std::nullopt;
+  Reading reading;
+  const int wrongLine = ini_parse_string(std::string(text).c_str(), takeSetting, &reading);
+  error = reading.error;
+  if (wrongLine > 0) error = "line " + std::to_string(wrongLine) + ": is no setting";
+  if (!error.empty()) return std::nullopt;
+  Builder builder(reading.settings, users);
+  ServiceDefinition definition = builder.build();
+  error = builder.error();
+  if (!error.empty()) return std::nullopt;
+  return definition;
+}
+
+}  // namespace lumen

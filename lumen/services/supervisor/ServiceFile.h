@@ -1,0 +1,62 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace lumen {
+
+/// A program that runs as a service, as its service file describes it:
+///
+///     [service]
+///     name = upnp                          ; a to z, 0 to 9 and "-", at most 32
+///     number = 40                          ; 1 to 65535, on which it serves requests
+///     executable = /usr/bin/palinode-igd   ; absolute path
+///     user = palinode                      ; name or number, never root
+///     group = palinode                     ; left out: the user's own, or of the user's number
+///     boot = yes                           ; left out or no: starts when it is first needed
+///     stores = upnp upnpm                  ; left out: none; directories below /lumen/store
+struct ServiceDefinition {
+  std::string name;
+  uint32_t number = 0;
+  std::string executable;
+  uid_t user = 0;
+  gid_t group = 0;
+  bool boot = false;
+  std::vector<std::string> stores;
+};
+
+/// Where the names of users and groups come from.
+class UserDatabase {
+ public:
+  struct User {
+    uid_t id = 0;
+    gid_t group = 0;
+  };
+
+  virtual ~UserDatabase() = default;
+  [[nodiscard]] virtual std::optional<User> user(const std::string& name) const = 0;
+  [[nodiscard]] virtual std::optional<gid_t> group(const std::string& name) const = 0;
+};
+
+/// The users that the system knows.
+class SystemUsers : public UserDatabase {
+ public:
+  [[nodiscard]] std::optional<User> user(const std::string& name) const override;
+  [[nodiscard]] std::optional<gid_t> group(const std::string& name) const override;
+};
+
+/// The longest service file, in bytes.
+inline constexpr size_t maxServiceFile = 16384;
+
+/// The service that `text` describes. None when it is wrong in any way; `error` says how.
+[[nodiscard]] std::optional<ServiceDefinition> parseServiceFile(std::string_view text,
+                                                                const UserDatabase& users,
+                                                                std::string& error);
+
+}  // namespace lumen

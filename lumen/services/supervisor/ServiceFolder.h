@@ -1,0 +1,19 @@
+#pragma once
+
+#include <cstdint>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "lumen/services/supervisor/ServiceFile.h"
+
+namespace lumen {
+
+/// The services of the files "*.ini" in `folder`, in rising order of number. A file that is wrong
+/// or describes a name or number that another one has is reported in the log and left out; of two
+/// the first one counts, in the order of file names. Numbers in `taken` are lumend's own.
+[[nodiscard]] std::vector<ServiceDefinition> readServiceFolder(const std::string& folder,
+                                                               const UserDatabase& users,
+                                                               const std::set<uint32_t>& taken);
+
+}  // namespace lumen

@@ -1,0 +1,106 @@
+#include "lumen/services/supervisor/Supervisor.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace lumen {
+
+namespace {
+
+// In hundredths of a second.
+constexpr uint32_t shutDownLimit = 500;
+constexpr uint32_t killLimit = 100;
+
+}  // namespace
+
+Supervisor::Supervisor(std::vector<ServiceDefinition> definitions, Processes& processes,
+                       const lm::Clock& clock, const std::string& runDirectory) {
+  for (ServiceDefinition& definition : definitions) {
+    services_.push_back(
+        std::make_unique<Service>(std::move(definition), processes, clock, runDirectory));
+  }
+  processes.setObserver(*this);
+}
+
+void Supervisor::setObserver(Services::Observer& observer) {
+  observer_ = &observer;
+  for (const auto& service : services_) service->setObserver(observer);
+}
+
+void Supervisor::boot() {
+  for (const auto& service : services_) {
+    if (service->definition().boot) service->boot();
+  }
+}
+
+void Supervisor::shutDown() {
+  if (shuttingDown_) return;
+  shuttingDown_ = true;
+  for (const auto& service : services_) service->shutDown();
+  shutDownTimer_.start<&Supervisor::lateAtShutDown>(*this, shutDownLimit);
+}
+
+void Supervisor::lateAtShutDown() {
+  for (const auto& service : services_) service->kill();
+  shutDownTimer_.start<&Supervisor::stuckAtShutDown>(*this, killLimit);
+}
+
+void Supervisor::stuckAtShutDown() { stuck_ = true; }
+
+bool Supervisor::isShutDown() const {
+  const auto hasProcess = [](const auto& service) { return service->pid() != 0; };
+  return shuttingDown_ && (stuck_ || std::none_of(services_.begin(), services_.end(), hasProcess));
+}
+
+Service* Supervisor::find(uint32_t number) const {
+  const auto matches = [&](const auto& service) { return service->definition().number == number; };
+  const auto found = std::find_if(services_.begin(), services_.end(), matches);
+  return found == services_.end() ? nullptr : found->get();
+}
+
+bool Supervisor::isDefined(uint32_t number) const { return find(number) != nullptr; }
+
+std::string Supervisor::nameOf(uint32_t number) const {
+  const Service* const service = find(number);
+  return service == nullptr ? std::string() : service->definition().name;
+}
+
+std::vector<uint32_t> Supervisor::servicesOf(uid_t user) const {
+  std::vector<uint32_t> numbers;
+  for (const auto& service : services_) {
+    if (service->definition().user == user) numbers.push_back(service->definition().number);
+  }
+  return numbers;
+}
+
+bool Supervisor::need(uint32_t number, bool administrator) {
+  Service* const service = find(number);
+  return service != nullptr && service->need(administrator);
+}
+
+void Supervisor::registered(uint32_t number) {
+  if (Service* const service = find(number)) service->registered();
+}
+
+void Supervisor::unregistered(uint32_t number) {
+  if (Service* const service = find(number)) service->unregistered();
+}
+
+void Supervisor::lost(uint32_t number) {
+  if (Service* const service = find(number)) service->lost();
+}
+
+std::vector<lm::message> Supervisor::list() const {
+  std::vector<lm::message> records;
+  for (const auto& service : services_) records.push_back(service->record());
+  return records;
+}
+
+void Supervisor::processEnded(pid_t pid, int status) {
+  observer_->hearOut(pid);
+  for (const auto& service : services_) {
+    if (service->pid() == pid) return service->ended(status);
+  }
+}
+
+}  // namespace lumen

@@ -1,0 +1,57 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "lumen/runtime/Clock.h"
+#include "lumen/services/broker/Services.h"
+#include "lumen/services/supervisor/Service.h"
+#include "lumen/services/supervisor/ServiceFile.h"
+#include "lumen/services/system/Processes.h"
+#include "platform/Timer.h"
+
+namespace lumen {
+
+/// Starts the services, waits for their ends and starts them again.
+class Supervisor : public Services, public Processes::Observer {
+ public:
+  /// `definitions` come in rising order of number. `processes` and `clock` must outlive this.
+  Supervisor(std::vector<ServiceDefinition> definitions, Processes& processes,
+             const lm::Clock& clock, const std::string& runDirectory);
+
+  /// Must be called before anything else; the observer must live until the last call.
+  void setObserver(Services::Observer& observer);
+
+  /// Starts what starts at boot.
+  void boot();
+  /// Asks every process to end; what has not after 5 seconds is killed. Nothing is started any
+  /// more.
+  void shutDown();
+  /// Whether the shutting down is over.
+  [[nodiscard]] bool isShutDown() const;
+
+  [[nodiscard]] bool isDefined(uint32_t number) const override;
+  [[nodiscard]] std::string nameOf(uint32_t number) const override;
+  [[nodiscard]] std::vector<uint32_t> servicesOf(uid_t user) const override;
+  bool need(uint32_t number, bool administrator) override;
+  void registered(uint32_t number) override;
+  void unregistered(uint32_t number) override;
+  void lost(uint32_t number) override;
+  [[nodiscard]] std::vector<lm::message> list() const override;
+
+  void processEnded(pid_t pid, int status) override;
+
+ private:
+  [[nodiscard]] Service* find(uint32_t number) const;
+  void lateAtShutDown();
+  void stuckAtShutDown();
+
+  std::vector<std::unique_ptr<Service>> services_;
+  Services::Observer* observer_ = nullptr;
+  bool shuttingDown_ = false;
+  bool stuck_ = false;  // not even killing has ended a process
+  lm::Timer shutDownTimer_;
+};
+
+}  // namespace lumen
