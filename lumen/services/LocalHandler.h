@@ -11,8 +11,8 @@ namespace lumen {
 /// Who sent a request, as the kernel told when it connected.
 struct Caller {
   uint64_t connection = 0;     ///< never used twice in one run
-  uint32_t service = 0;        ///< its registered service number; 0: none
-  std::string name;            ///< the service's name; empty: none
+  uint32_t service = 0;        ///< its service number: registered, or that of its user; 0: none
+  std::string name;            ///< that service's name; empty: none
   bool administrator = false;  ///< root or a member of the group lumen
 };
 

@@ -1,0 +1,358 @@
+#include "lumen/services/broker/Broker.h"
+
+#include <algorithm>
+
+#include "lumen/runtime/Codec.h"
+#include "lumen/runtime/Fields.h"
+#include "lumen/runtime/Log.h"
+#include "lumen/services/broker/BrokerKeys.h"
+#include "platform/Keys.h"
+
+namespace lumen {
+
+namespace {
+
+constexpr const char* notPermitted = "not permitted";
+constexpr const char* serviceUnavailable = "service unavailable";
+
+constexpr uint32_t highestService = 0xFFFF;
+constexpr uint32_t anonymous = 0x10000;  // a source without a service number: this and its number
+
+bool has(const lm::message& m, uint32_t key) { return m.fields().find(key) != nullptr; }
+
+lm::message refusal(const std::string& text) { return lm::errorMsg(lm::errorRefused, text); }
+
+std::string who(const Connection& connection) {
+  return "connection " + std::to_string(connection.number()) + " (process " +
+         std::to_string(connection.peer().pid) + ", user " +
+         std::to_string(connection.peer().user) + ")";
+}
+
+Requester requester(const Connection& from, const lm::message& request) {
+  return {from.number(), request.get_u32(lm::key::serial)};
+}
+
+}  // namespace
+
+Broker::Broker(Services& services, const lm::Clock& clock, std::optional<gid_t> administrators)
+    : services_(services), clock_(clock), administrators_(administrators) {}
+
+Broker::~Broker() = default;
+
+void Broker::addLocal(uint32_t service, uint32_t number, LocalHandler& handler) {
+  locals_[{service, number}] = &handler;
+  localServices_.insert(service);
+}
+
+void Broker::admit(lm::Fd socket, const Peer& peer) {
+  Rights rights(peer, services_, administrators_);
+  const auto sameUser = [&](const auto& entry) { return entry.second->peer().user == peer.user; };
+  const auto others = std::count_if(connections_.begin(), connections_.end(), sameUser);
+  const bool tooMany =
+      !rights.administrator() && static_cast<size_t>(others) >= maxConnectionsPerUser;
+  if (!rights.any() || tooMany) {
+    if (lastRefused_ != peer.user) {
+      lm::logLine("refused process ", peer.pid, " of user ", peer.user,
+                  tooMany ? ", which has too many connections" : ", which has no rights here");
+    }
+    lastRefused_ = peer.user;
+    return;
+  }
+  const uint64_t number = ++lastConnection_;
+  connections_.emplace(number, std::make_unique<Connection>(*this, number, peer, std::move(rights),
+                                                            std::move(socket)));
+}
+
+void Broker::received(Connection& from, std::string_view datagram) {
+  std::string reason;
+  std::optional<lm::message> message = lm::decode(datagram, reason);
+  if (!message) return from.drop("sent no message: " + reason);
+  const bool hasCommand = has(*message, lm::key::command);
+  const bool hasSerial = has(*message, lm::key::serial);
+  const bool hasDestination = !message->get_u32_array_ref(lm::key::destination).empty();
+  if (has(*message, lm::key::isReply)) {
+    if (hasSerial && message->get_bool(lm::key::isReply)) return reply(from, std::move(*message));
+  } else if (hasDestination) {
+    if (hasSerial && hasCommand) return request(from, std::move(*message));
+  } else if (hasCommand && has(*message, lm::key::source)) {
+    return notification(from, std::move(*message));
+  }
+  from.drop("sent neither request, notification nor reply");
+}
+
+void Broker::ended(Connection& connection, const std::string& why) {
+  if (!why.empty()) lm::logLine(who(connection), ": ", why);
+  const auto found = connections_.find(connection.number());
+  const std::unique_ptr<Connection> gone = std::move(found->second);
+  connections_.erase(found);
+  for (const uint32_t service : gone->serves) {
+    registrations_.erase(service);
+    services_.lost(service);
+  }
+  subscriptions_.removeAll(gone->number());
+  for (const Requester waiting : requests_.takeSentTo(gone->number())) {
+    refuse(waiting, serviceUnavailable);
+  }
+  for (const auto& [path, handler] : locals_) handler->connectionEnded(gone->number());
+}
+
+void Broker::request(Connection& from, lm::message request) {
+  const std::vector<uint32_t> destination = request.get_u32_array_ref(lm::key::destination);
+  const Path to = Path::of(destination);
+  if (++from.requests > maxRequests) {
+    return refuse(requester(from, request), "too many requests at a time");
+  }
+  if (to.service == lm::service::broker) return own(from, request);
+  if (isLocal(to.service)) return local(from, to, request);
+  if (!from.rights().mayCall(to.service)) return refuse(requester(from, request), notPermitted);
+  forward(from, to.service, std::move(request));
+}
+
+void Broker::notification(Connection& from, lm::message notification) {
+  writeSource(from, notification);
+  const Path source = Path::of(notification.get_u32_array_ref(lm::key::source));
+  publish(notification.get_u32(lm::key::command), source, notification);
+}
+
+void Broker::reply(Connection& from, lm::message reply) {
+  const auto to = requests_.answered(reply.get_u32(lm::key::serial), from.number());
+  if (!to) return;
+  if (has(reply, lm::key::source)) writeSource(from, reply);
+  answer(*to, std::move(reply));
+}
+
+void Broker::own(Connection& from, const lm::message& request) {
+  const Requester to = requester(from, request);
+  switch (request.get_u32(lm::key::command)) {
+    case brokercmd::registerServices:
+      return registerServices(from, request);
+    case brokercmd::unregisterServices:
+      return unregisterServices(from, request);
+    case brokercmd::subscribe:
+      return answer(to, subscribe(from, request));
+    case brokercmd::unsubscribe:
+      return answer(to, unsubscribe(from, request));
+    case brokercmd::services:
+      return answer(to, listServices(from));
+    default:
+      return refuse(to, "unknown command");
+  }
+}
+
+std::string Broker::whyNotRegistered(const Connection& from,
+                                     const std::vector<uint32_t>& numbers) const {
+  if (numbers.empty()) return "no service numbers";
+  for (const uint32_t number : numbers) {
+    if (!from.rights().mayServe(number)) return notPermitted;
+    if (number == lm::service::broker || number > highestService) {
+      return std::to_string(number) + " is no service number";
+    }
+    const auto holder = registrations_.find(number);
+    const bool taken = holder != registrations_.end() && holder->second != from.number();
+    if (isLocal(number) || taken) {
+      return "service " + std::to_string(number) + " is already registered";
+    }
+  }
+  return {};
+}
+
+void Broker::registerServices(Connection& from, const lm::message& request) {
+  const Requester to = requester(from, request);
+  const std::vector<uint32_t>& numbers = request.get_u32_array_ref(brokerkey::services);
+  const std::string error = whyNotRegistered(from, numbers);
+  if (!error.empty()) return refuse(to, error);
+  answer(to, {});
+  for (const uint32_t number : numbers) {
+    if (!registrations_.emplace(number, from.number()).second) continue;
+    from.serves.push_back(number);
+    services_.registered(number);
+    for (WaitingRequest& waiting : requests_.takeWaitingFor(number)) {
+      send(waiting.from, from, std::move(waiting.request));
+    }
+  }
+  watchDeadlines();
+}
+
+void Broker::unregisterServices(Connection& from, const lm::message& request) {
+  const Requester to = requester(from, request);
+  const std::vector<uint32_t>& numbers = request.get_u32_array_ref(brokerkey::services);
+  for (const uint32_t number : numbers) {
+    const auto holder = registrations_.find(number);
+    if (holder == registrations_.end() || holder->second != from.number()) {
+      return refuse(to, "service " + std::to_string(number) + " is not registered here");
+    }
+  }
+  for (const uint32_t number : numbers) {
+    if (registrations_.erase(number) == 0) continue;
+    std::erase(from.serves, number);
+    services_.unregistered(number);
+  }
+  answer(to, {});
+}
+
+lm::message Broker::subscribe(Connection& from, const lm::message& request) {
+  const std::vector<uint32_t>& source = request.get_u32_array_ref(brokerkey::path);
+  if (!has(request, brokerkey::command) || source.empty()) return refusal("no command or path");
+  if (from.subscriptions >= maxSubscriptions) return refusal("too many subscriptions");
+  const uint32_t command = request.get_u32(brokerkey::command);
+  if (subscriptions_.add(from.number(), command, Path::of(source))) ++from.subscriptions;
+  return {};
+}
+
+lm::message Broker::unsubscribe(Connection& from, const lm::message& request) {
+  const uint32_t command = request.get_u32(brokerkey::command);
+  const Path source = Path::of(request.get_u32_array_ref(brokerkey::path));
+  if (subscriptions_.remove(from.number(), command, source)) --from.subscriptions;
+  return {};
+}
+
+lm::message Broker::listServices(const Connection& from) const {
+  if (!from.rights().administrator()) return refusal(notPermitted);
+  lm::message reply;
+  reply.insert_message_array(lm::key::records, services_.list());
+  return reply;
+}
+
+void Broker::local(Connection& from, Path to, const lm::message& request) {
+  const Requester asking = requester(from, request);
+  const auto handler = locals_.find({to.service, to.handler});
+  if (handler == locals_.end()) return refuse(asking, "no such handler");
+  Caller caller;
+  caller.connection = from.number();
+  caller.service = serviceOf(from);
+  caller.name = services_.nameOf(caller.service);
+  caller.administrator = from.rights().administrator();
+  answer(asking, handler->second->handle(caller, request.get_u32(lm::key::command), request));
+}
+
+void Broker::forward(Connection& from, uint32_t service, lm::message request) {
+  const Requester asking = requester(from, request);
+  writeSource(from, request);
+  const auto holder = registrations_.find(service);
+  if (holder != registrations_.end()) {
+    return send(asking, *find(holder->second), std::move(request));
+  }
+  if (!services_.isDefined(service)) return refuse(asking, "no such service");
+  if (!services_.need(service, from.rights().administrator())) {
+    return refuse(asking, serviceUnavailable);
+  }
+  startWaiting(asking, service, std::move(request));
+}
+
+void Broker::send(Requester from, Connection& to, lm::message request) {
+  const uint32_t serial = requests_.sent(from, to.number());
+  request.insert_u32(lm::key::serial, serial);
+  std::string datagram = lm::encode(request);
+  if (datagram.size() <= lm::maxDatagram) return to.send(std::move(datagram));
+  (void)requests_.answered(serial, to.number());
+  refuse(from, "the request is too long");
+}
+
+void Broker::startWaiting(Requester from, uint32_t service, lm::message request) {
+  WaitingRequest waiting;
+  waiting.from = from;
+  waiting.service = service;
+  waiting.deadline = clock_.now() + startLimit;
+  waiting.bytes = lm::encode(request).size();
+  waiting.request = std::move(request);
+  if (requests_.waitingBytes(from.connection) + waiting.bytes > maxWaitingBytes) {
+    return refuse(from, "too many requests at a time");
+  }
+  requests_.wait(std::move(waiting));
+  watchDeadlines();
+}
+
+void Broker::watchDeadlines() {
+  deadline_.stop();
+  const std::optional<uint64_t> next = requests_.nextDeadline();
+  if (!next) return;
+  const uint64_t wait = *next - std::min(*next, clock_.now());
+  deadline_.start<&Broker::late>(*this, static_cast<uint32_t>((wait + 9) / 10));
+}
+
+void Broker::late() {
+  for (const WaitingRequest& waiting : requests_.takeLate(clock_.now())) {
+    refuse(waiting.from, serviceUnavailable);
+  }
+  watchDeadlines();
+}
+
+void Broker::unavailable(uint32_t number) {
+  for (const WaitingRequest& waiting : requests_.takeWaitingFor(number)) {
+    refuse(waiting.from, serviceUnavailable);
+  }
+  watchDeadlines();
+}
+
+void Broker::hearOut(pid_t pid) {
+  std::vector<uint64_t> ofProcess;
+  for (const auto& [number, connection] : connections_) {
+    if (connection->peer().pid == pid) ofProcess.push_back(number);
+  }
+  for (const uint64_t number : ofProcess) {
+    if (Connection* const connection = find(number)) connection->hearOut();
+  }
+}
+
+void Broker::notify(uint32_t command, const std::vector<uint32_t>& source,
+                    const lm::message& fields) {
+  lm::message notification = fields;
+  notification.insert_u32(lm::key::command, command);
+  notification.insert_u32_array(lm::key::source, source);
+  publish(command, Path::of(source), notification);
+}
+
+void Broker::publish(uint32_t command, Path source, const lm::message& notification) {
+  const std::set<uint64_t>& subscribers = subscriptions_.subscribers(command, source);
+  if (subscribers.empty()) return;
+  const std::string datagram = lm::encode(notification);
+  if (datagram.size() > lm::maxDatagram) {
+    lm::logLine("a notification of ", source.service, "/", source.handler, " is too long");
+    return;
+  }
+  for (const uint64_t subscriber : subscribers) find(subscriber)->send(datagram);
+}
+
+// Every request comes by here exactly once.
+void Broker::answer(Requester to, lm::message reply) {
+  Connection* const connection = find(to.connection);
+  if (connection == nullptr) return;
+  --connection->requests;
+  reply.insert_bool(lm::key::isReply, true);
+  reply.insert_u32(lm::key::serial, to.serial);
+  std::string datagram = lm::encode(reply);
+  if (datagram.size() > lm::maxDatagram) {
+    lm::message tooLong = refusal("the answer is too long");
+    tooLong.insert_bool(lm::key::isReply, true);
+    tooLong.insert_u32(lm::key::serial, to.serial);
+    datagram = lm::encode(tooLong);
+  }
+  connection->send(std::move(datagram));
+}
+
+void Broker::refuse(Requester to, const std::string& text) { answer(to, refusal(text)); }
+
+Connection* Broker::find(uint64_t connection) const {
+  const auto found = connections_.find(connection);
+  return found == connections_.end() ? nullptr : found->second.get();
+}
+
+// Between two registrations a service is still known by the user that it runs as.
+uint32_t Broker::serviceOf(const Connection& connection) const {
+  if (!connection.serves.empty()) return connection.serves.front();
+  const std::vector<uint32_t>& services = connection.rights().services();
+  return services.empty() ? 0 : services.front();
+}
+
+void Broker::writeSource(const Connection& from, lm::message& message) const {
+  const Path written = Path::of(message.get_u32_array_ref(lm::key::source));
+  const std::vector<uint32_t>& serves = from.serves;
+  uint32_t service = serviceOf(from);
+  if (std::find(serves.begin(), serves.end(), written.service) != serves.end()) {
+    service = written.service;
+  }
+  if (service == 0) service = anonymous + static_cast<uint32_t>(from.number());
+  message.insert_u32_array(lm::key::source, {service, written.handler});
+}
+
+}  // namespace lumen

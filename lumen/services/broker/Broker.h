@@ -1,0 +1,110 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "lumen/runtime/Clock.h"
+#include "lumen/services/LocalHandler.h"
+#include "lumen/services/broker/Connection.h"
+#include "lumen/services/broker/Requests.h"
+#include "lumen/services/broker/Services.h"
+#include "lumen/services/broker/Subscriptions.h"
+#include "platform/Fd.h"
+#include "platform/Timer.h"
+#include "platform/message.h"
+
+namespace lumen {
+
+/// Passes messages between the programs of this router, and between them and the handlers of this
+/// process. It handles what each program sends strictly in order and waits for none of them. A
+/// program whose bytes are no message, or no request, notification or reply, is disconnected.
+class Broker : public Notifier, public Services::Observer, public Connection::Owner {
+ public:
+  /// How long a request waits for its service to come up, in milliseconds.
+  static constexpr uint64_t startLimit = 5000;
+  /// Per connection.
+  static constexpr size_t maxRequests = 1024;
+  static constexpr size_t maxSubscriptions = 256;
+  static constexpr size_t maxWaitingBytes = Connection::queueLimit;
+  /// For each user that is no administrator.
+  static constexpr size_t maxConnectionsPerUser = 16;
+
+  /// Members of the group `administrators` may do everything. `services` and `clock` must outlive
+  /// this.
+  Broker(Services& services, const lm::Clock& clock, std::optional<gid_t> administrators);
+  Broker(const Broker&) = delete;
+  Broker& operator=(const Broker&) = delete;
+  ~Broker() override;
+
+  /// Requests to this path are answered by `handler`, which must outlive this. To be called before
+  /// the first connection.
+  void addLocal(uint32_t service, uint32_t number, LocalHandler& handler);
+
+  /// A program has connected. Who has no right to anything is disconnected at once.
+  void admit(lm::Fd socket, const Peer& peer);
+
+  void notify(uint32_t command, const std::vector<uint32_t>& source,
+              const lm::message& fields) override;
+
+  void hearOut(pid_t pid) override;
+  void unavailable(uint32_t number) override;
+
+ private:
+  void received(Connection& from, std::string_view datagram) override;
+  void ended(Connection& connection, const std::string& why) override;
+
+  void request(Connection& from, lm::message request);
+  void notification(Connection& from, lm::message notification);
+  void reply(Connection& from, lm::message reply);
+
+  // The broker's own commands. Each answers by itself.
+  void own(Connection& from, const lm::message& request);
+  void registerServices(Connection& from, const lm::message& request);
+  void unregisterServices(Connection& from, const lm::message& request);
+  [[nodiscard]] lm::message subscribe(Connection& from, const lm::message& request);
+  [[nodiscard]] lm::message unsubscribe(Connection& from, const lm::message& request);
+  [[nodiscard]] lm::message listServices(const Connection& from) const;
+  [[nodiscard]] std::string whyNotRegistered(const Connection& from,
+                                             const std::vector<uint32_t>& numbers) const;
+
+  void local(Connection& from, Path to, const lm::message& request);
+  void forward(Connection& from, uint32_t service, lm::message request);
+  void send(Requester from, Connection& to, lm::message request);
+  void startWaiting(Requester from, uint32_t service, lm::message request);
+  void late();
+  void watchDeadlines();
+
+  void answer(Requester to, lm::message reply);
+  void refuse(Requester to, const std::string& text);
+  void publish(uint32_t command, Path source, const lm::message& notification);
+
+  [[nodiscard]] Connection* find(uint64_t connection) const;
+  [[nodiscard]] uint32_t serviceOf(const Connection& connection) const;
+  void writeSource(const Connection& from, lm::message& message) const;
+  [[nodiscard]] bool isLocal(uint32_t service) const { return localServices_.contains(service); }
+
+  Services& services_;
+  const lm::Clock& clock_;
+  const std::optional<gid_t> administrators_;
+  std::map<std::pair<uint32_t, uint32_t>, LocalHandler*> locals_;  // by service and handler
+  std::set<uint32_t> localServices_;
+
+  uint64_t lastConnection_ = 0;
+  uid_t lastRefused_ = 0;  // so that a stranger who tries again and again does not fill the log
+  std::map<uint64_t, std::unique_ptr<Connection>> connections_;
+  std::map<uint32_t, uint64_t> registrations_;  // from service to connection
+  Subscriptions subscriptions_;
+  Requests requests_;
+  lm::Timer deadline_;
+};
+
+}  // namespace lumen

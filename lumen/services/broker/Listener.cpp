@@ -1,0 +1,60 @@
+#include "lumen/services/broker/Listener.h"
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <optional>
+
+#include "lumen/runtime/Log.h"
+#include "lumen/services/broker/Peer.h"
+
+namespace lumen {
+
+namespace {
+
+constexpr int backlog = 64;
+
+}  // namespace
+
+Listener::~Listener() {
+  if (!path_.empty()) unlink(path_.c_str());
+}
+
+bool Listener::listen(const std::string& path) {
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  if (path.size() >= sizeof address.sun_path) {
+    lm::logLine(path, ": ", strerror(ENAMETOOLONG));
+    return false;
+  }
+  memcpy(address.sun_path, path.c_str(), path.size() + 1);
+  socket_.reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  unlink(path.c_str());
+  constexpr mode_t everybody = 0666;
+  if (!socket_.valid() ||
+      bind(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+      chmod(path.c_str(), everybody) != 0 || ::listen(socket_.get(), backlog) != 0) {
+    lm::logLine(path, ": ", strerror(errno));
+    return false;
+  }
+  path_ = path;
+  watch_.start<&Listener::ready>(socket_.get(), *this, lm::watchRead);
+  return true;
+}
+
+// One at a time: the loop asks again between any two other callbacks.
+void Listener::ready(int fd) {
+  lm::Fd client(accept4(fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+  if (!client.valid()) {
+    if (errno != EAGAIN && errno != ECONNABORTED) lm::logLine("accept: ", strerror(errno));
+    return;
+  }
+  const std::optional<Peer> peer = readPeer(client.get());
+  if (peer) broker_.admit(std::move(client), *peer);
+}
+
+}  // namespace lumen

@@ -1,0 +1,68 @@
+#include "lumen/services/broker/Requests.h"
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
+namespace lumen {
+
+uint32_t Requests::sent(Requester from, uint64_t to) {
+  do {
+    ++lastSerial_;
+  } while (sent_.contains(lastSerial_));
+  sent_.emplace(lastSerial_, Sent{from, to});
+  return lastSerial_;
+}
+
+std::optional<Requester> Requests::answered(uint32_t serial, uint64_t to) {
+  const auto found = sent_.find(serial);
+  if (found == sent_.end() || found->second.to != to) return std::nullopt;
+  const Requester from = found->second.from;
+  sent_.erase(found);
+  return from;
+}
+
+std::vector<Requester> Requests::takeSentTo(uint64_t to) {
+  std::vector<Requester> taken;
+  std::erase_if(sent_, [&](const auto& entry) {
+    if (entry.second.to != to) return false;
+    taken.push_back(entry.second.from);
+    return true;
+  });
+  return taken;
+}
+
+void Requests::wait(WaitingRequest request) { waiting_.push_back(std::move(request)); }
+
+size_t Requests::waitingBytes(uint64_t connection) const {
+  size_t bytes = 0;
+  for (const WaitingRequest& waiting : waiting_) {
+    if (waiting.from.connection == connection) bytes += waiting.bytes;
+  }
+  return bytes;
+}
+
+std::vector<WaitingRequest> Requests::takeWaitingFor(uint32_t service) {
+  const auto others = [&](const WaitingRequest& waiting) { return waiting.service != service; };
+  const auto first = std::stable_partition(waiting_.begin(), waiting_.end(), others);
+  std::vector<WaitingRequest> taken(std::make_move_iterator(first),
+                                    std::make_move_iterator(waiting_.end()));
+  waiting_.erase(first, waiting_.end());
+  return taken;
+}
+
+std::vector<WaitingRequest> Requests::takeLate(uint64_t now) {
+  std::vector<WaitingRequest> taken;
+  while (!waiting_.empty() && waiting_.front().deadline <= now) {
+    taken.push_back(std::move(waiting_.front()));
+    waiting_.pop_front();
+  }
+  return taken;
+}
+
+std::optional<uint64_t> Requests::nextDeadline() const {
+  if (waiting_.empty()) return std::nullopt;
+  return waiting_.front().deadline;
+}
+
+}  // namespace lumen

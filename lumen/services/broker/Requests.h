@@ -1,0 +1,60 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <optional>
+#include <vector>
+
+#include "platform/message.h"
+
+namespace lumen {
+
+/// Who waits for an answer, and under which serial.
+struct Requester {
+  uint64_t connection = 0;
+  uint32_t serial = 0;
+};
+
+/// A request to a service that is not up yet.
+struct WaitingRequest {
+  Requester from;
+  uint32_t service = 0;
+  uint64_t deadline = 0;  ///< on the clock
+  size_t bytes = 0;       ///< on the wire
+  lm::message request;
+};
+
+/// The requests that are not answered yet. Each is answered once: whoever takes one out answers it.
+class Requests {
+ public:
+  /// Notes a request that is sent to the connection `to`; returns its serial there.
+  [[nodiscard]] uint32_t sent(Requester from, uint64_t to);
+  /// The reply with this serial has come from the connection `to`. None when nobody waits for it.
+  [[nodiscard]] std::optional<Requester> answered(uint32_t serial, uint64_t to);
+  /// The connection `to` has ended: everybody who still waits for it.
+  [[nodiscard]] std::vector<Requester> takeSentTo(uint64_t to);
+
+  /// Deadlines must not fall from one to the next.
+  void wait(WaitingRequest request);
+  /// The bytes of the connection's requests that wait.
+  [[nodiscard]] size_t waitingBytes(uint64_t connection) const;
+  /// Those that wait for `service`, in the order of asking.
+  [[nodiscard]] std::vector<WaitingRequest> takeWaitingFor(uint32_t service);
+  /// Those whose deadline is reached.
+  [[nodiscard]] std::vector<WaitingRequest> takeLate(uint64_t now);
+  [[nodiscard]] std::optional<uint64_t> nextDeadline() const;
+
+ private:
+  struct Sent {
+    Requester from;
+    uint64_t to = 0;
+  };
+
+  uint32_t lastSerial_ = 0;
+  std::map<uint32_t, Sent> sent_;  // by serial
+  std::deque<WaitingRequest> waiting_;
+};
+
+}  // namespace lumen

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include "lumen/services/broker/Peer.h"
+#include "lumen/services/broker/Services.h"
+
+namespace lumen {
+
+/// What a connection may do, decided when it is made. A local handler decides about itself.
+class Rights {
+ public:
+  /// `administrators` is the group whose members may do everything, if there is one.
+  Rights(const Peer& peer, const Services& services, std::optional<gid_t> administrators);
+
+  /// Whether the connection is accepted at all.
+  [[nodiscard]] bool any() const { return administrator_ || !services_.empty(); }
+  [[nodiscard]] bool administrator() const { return administrator_; }
+  /// The services whose user this is, in rising order.
+  [[nodiscard]] const std::vector<uint32_t>& services() const { return services_; }
+
+  [[nodiscard]] bool mayServe(uint32_t number) const;
+  /// Whether it may send requests to another program.
+  [[nodiscard]] bool mayCall(uint32_t number) const;
+
+ private:
+  bool administrator_ = false;
+  std::vector<uint32_t> services_;
+};
+
+}  // namespace lumen
