@@ -1,0 +1,254 @@
+#include <gtest/gtest.h>
+
+#include <ctime>
+#include <random>
+
+#include "http/HTTPMessage.h"
+
+using Strings = std::vector<std::string>;
+
+TEST(HTTPMessage, IsEmptyAndIncompleteAtFirst) {
+  const HTTPMessage message;
+  EXPECT_EQ(message.startLine, "");
+  EXPECT_TRUE(message.fieldNames.empty());
+  EXPECT_TRUE(message.fieldValues.empty());
+  EXPECT_EQ(message.body, "");
+  EXPECT_FALSE(message.complete);
+  EXPECT_EQ(message.get(), "\r\n\r\n");
+}
+
+TEST(HTTPMessage, ParsesARequest) {
+  const HTTPMessage message("GET / HTTP/1.1\r\nHost: a\r\n\r\n");
+  EXPECT_TRUE(message.complete);
+  EXPECT_EQ(message.startLine, "GET / HTTP/1.1");
+  EXPECT_EQ(message.fieldNames, Strings{"HOST"});
+  EXPECT_EQ(message.fieldValues, Strings{"a"});
+  EXPECT_EQ(message.body, "");
+}
+
+TEST(HTTPMessage, ParsesARequestWithoutFields) {
+  const HTTPMessage message("GET / HTTP/1.1\r\n\r\nrest");
+  EXPECT_TRUE(message.complete);
+  EXPECT_TRUE(message.fieldNames.empty());
+  EXPECT_EQ(message.body, "rest");
+}
+
+TEST(HTTPMessage, SkipsBlanksBeforeAValueAndNothingElse) {
+  const struct {
+    const char* line;
+    const char* name;
+    const char* value;
+  } lines[] = {
+      {"Host: a", "HOST", "a"},
+      {"Host:    a", "HOST", "a"},
+      {"Host:a", "HOST", "a"},
+      {"Host:\ta", "HOST", "\ta"},
+      {"Host: \ta", "HOST", "\ta"},
+      {"Host: a  ", "HOST", "a  "},
+      {"Host: a b:c", "HOST", "a b:c"},
+      {"Host:", "HOST", ""},
+      {"Host:   ", "HOST", ""},
+      {"Host : a", "HOST ", "a"},
+      {" Host: a", " HOST", "a"},
+      {":a", "", "a"},
+      {":", "", ""},
+  };
+  for (const auto& [line, name, value] : lines) {
+    const HTTPMessage message("GET / HTTP/1.1\r\n" + std::string(line) + "\r\n\r\n");
+    EXPECT_TRUE(message.complete) << line;
+    EXPECT_EQ(message.fieldNames, Strings{name}) << line;
+    EXPECT_EQ(message.fieldValues, Strings{value}) << line;
+  }
+}
+
+TEST(HTTPMessage, IsIncompleteUntilTheEmptyLine) {
+  const std::string text = "GET / HTTP/1.1\r\nHost: a\r\n\r";
+  for (size_t length = 0; length < text.size(); ++length) {
+    EXPECT_FALSE(HTTPMessage(text.substr(0, length)).complete) << length;
+  }
+  EXPECT_TRUE(HTTPMessage(text).complete) << "the last line feed is not waited for";
+}
+
+TEST(HTTPMessage, StoresNothingWithoutALineEnd) {
+  EXPECT_EQ(HTTPMessage("").startLine, "");
+  EXPECT_EQ(HTTPMessage("GET / HTTP/1.1").startLine, "");
+}
+
+TEST(HTTPMessage, KeepsWhatItReadBeforeTheTextStopped) {
+  const HTTPMessage message("GET / HTTP/1.1\r\nHost: a\r\nAccept: b");
+  EXPECT_FALSE(message.complete);
+  EXPECT_EQ(message.startLine, "GET / HTTP/1.1");
+  EXPECT_EQ(message.fieldNames, Strings{"HOST"});
+}
+
+TEST(HTTPMessage, NeverCompletesBehindALineWithoutAColon) {
+  const std::string text = "GET / HTTP/1.1\r\nHost: a\r\nnonsense\r\nAccept: b\r\n\r\n";
+  const HTTPMessage message(text);
+  EXPECT_FALSE(message.complete);
+  EXPECT_EQ(message.fieldNames, Strings{"HOST"});
+  EXPECT_FALSE(HTTPMessage(text + "GET / HTTP/1.1\r\n\r\n").complete);
+}
+
+TEST(HTTPMessage, HasNoLineEndsInATextOfLineFeeds) {
+  const HTTPMessage message("GET / HTTP/1.1\nHost: a\n\n");
+  EXPECT_FALSE(message.complete);
+  EXPECT_EQ(message.startLine, "");
+  EXPECT_TRUE(message.fieldNames.empty());
+}
+
+TEST(HTTPMessage, DropsTheByteBehindACarriageReturn) {
+  const HTTPMessage message("GET / HTTP/1.1\rxHost: a\ry\rzbody");
+  EXPECT_TRUE(message.complete);
+  EXPECT_EQ(message.startLine, "GET / HTTP/1.1");
+  EXPECT_EQ(message.fieldNames, Strings{"HOST"});
+  EXPECT_EQ(message.fieldValues, Strings{"a"});
+  EXPECT_EQ(message.body, "body");
+}
+
+TEST(HTTPMessage, IsCompleteWithABodyOfExactlyTheLengthGiven) {
+  const std::string head = "POST / HTTP/1.1\r\nCONTENT-LENGTH: 5\r\n\r\n";
+  EXPECT_FALSE(HTTPMessage(head + "abc").complete);
+  EXPECT_TRUE(HTTPMessage(head + "abcde").complete);
+  const HTTPMessage longer(head + "abcdef");
+  EXPECT_FALSE(longer.complete);
+  EXPECT_EQ(longer.body, "abcdef");
+}
+
+TEST(HTTPMessage, ReadsTheFirstLengthInAnyCase) {
+  EXPECT_TRUE(
+      HTTPMessage("POST / HTTP/1.1\r\ncontent-Length: 2\r\nContent-Length: 3\r\n\r\nab").complete);
+  EXPECT_TRUE(HTTPMessage("POST / HTTP/1.1\r\nContent-Length: x\r\n\r\n").complete);
+  EXPECT_TRUE(HTTPMessage("POST / HTTP/1.1\r\nContent-Length:\r\n\r\n").complete);
+  EXPECT_TRUE(HTTPMessage("POST / HTTP/1.1\r\nContent-Length: 2x\r\n\r\nab").complete);
+  EXPECT_TRUE(HTTPMessage("POST / HTTP/1.1\r\nContent-Length: -4294967294\r\n\r\nab").complete);
+  EXPECT_FALSE(HTTPMessage("POST / HTTP/1.1\r\nContent-Length: 4294967298\r\n\r\nab").complete);
+}
+
+TEST(HTTPMessage, KeepsZeroBytes) {
+  const std::string text("GET / HTTP/1.1\r\nA: b\0c\r\n\r\nd\0e", 29);
+  const HTTPMessage message(text);
+  EXPECT_EQ(message.fieldValues, Strings{std::string("b\0c", 3)});
+  EXPECT_EQ(message.body, std::string("d\0e", 3));
+}
+
+TEST(HTTPMessage, FindsAFieldInAnyCase) {
+  HTTPMessage message;
+  message.addField("Host", "a");
+  EXPECT_EQ(message.fieldNames, Strings{"HOST"});
+  for (const char* name : {"host", "HOST", "Host"}) {
+    EXPECT_EQ(message.getField(name), "a") << name;
+    EXPECT_TRUE(message.hasField(name)) << name;
+  }
+  EXPECT_FALSE(message.hasField("Hos"));
+  EXPECT_FALSE(message.hasField("Hosts"));
+  EXPECT_EQ(message.getField("Hosts"), "");
+}
+
+TEST(HTTPMessage, KeepsEveryFieldOfAName) {
+  HTTPMessage message;
+  message.addField("X", "1");
+  message.addField("x", "2");
+  EXPECT_EQ(message.fieldNames, (Strings{"X", "X"}));
+  EXPECT_EQ(message.fieldValues, (Strings{"1", "2"}));
+  EXPECT_EQ(message.getField("X"), "1");
+}
+
+TEST(HTTPMessage, TellsAnEmptyFieldFromAnAbsentOneByHasField) {
+  HTTPMessage message;
+  message.addField("EXT", "");
+  EXPECT_EQ(message.getField("EXT"), "");
+  EXPECT_EQ(message.getField("ABSENT"), "");
+  EXPECT_TRUE(message.hasField("EXT"));
+  EXPECT_FALSE(message.hasField("ABSENT"));
+}
+
+TEST(HTTPMessage, UpperCasesAsciiLettersOnly) {
+  HTTPMessage message;
+  message.addField("a-z\xe4\xc3\xa4[{", "");
+  EXPECT_EQ(message.fieldNames, Strings{"A-Z\xe4\xc3\xa4[{"});
+}
+
+TEST(HTTPMessage, MakesAReplyFromAStatus) {
+  const struct {
+    HTTPStatus status;
+    const char* text;
+  } replies[] = {
+      {HTTP_OK, "HTTP/1.1 200 OK\r\n\r\n"},
+      {HTTP_BAD_REQUEST, "HTTP/1.1 400 Bad Request\r\n\r\n"},
+      {HTTP_NOT_FOUND, "HTTP/1.1 404 Not Found\r\n\r\n"},
+      {HTTP_PRECONDITION_FAILED, "HTTP/1.1 412 Precondition Failed\r\n\r\n"},
+      {HTTP_INTERNAL_SERVER_ERROR, "HTTP/1.1 500 Internal Server Error\r\n\r\n"},
+      {HTTP_NOT_IMPLEMENTED, "HTTP/1.1 501 Not Implemented\r\n\r\n"},
+      {HTTPStatus(503), "HTTP/1.1 503 \r\n\r\n"},
+  };
+  for (const auto& [status, text] : replies) {
+    const HTTPMessage reply(status);
+    EXPECT_EQ(reply.get(), text);
+    EXPECT_TRUE(reply.complete);
+  }
+}
+
+TEST(HTTPMessage, WritesFieldsInTheirOrderAndNoLength) {
+  HTTPMessage message(HTTP_OK);
+  message.addField("b", "2");
+  message.addField("a", " 1 ");
+  message.body = "body";
+  EXPECT_EQ(message.get(), "HTTP/1.1 200 OK\r\nB: 2\r\nA:  1 \r\n\r\nbody");
+}
+
+TEST(HTTPMessage, AddsADate) {
+  HTTPMessage message;
+  message.addDate(86400);
+  EXPECT_EQ(message.fieldNames, Strings{"DATE"});
+  EXPECT_EQ(message.fieldValues, Strings{"Fri, 02 Jan 1970 00:00:00 GMT"});
+}
+
+TEST(HTTPMessage, AddsTheDateOfNow) {
+  const time_t before = time(nullptr);
+  HTTPMessage message;
+  message.addDate(0);
+  const time_t after = time(nullptr);
+  Strings possible;
+  for (time_t t = before; t <= after; ++t) {
+    HTTPMessage then;
+    then.addDate(t);
+    possible.push_back(then.getField("DATE"));
+  }
+  EXPECT_NE(std::find(possible.begin(), possible.end(), message.getField("DATE")), possible.end());
+}
+
+TEST(HTTPMessage, IsCopiedAsAWhole) {
+  HTTPMessage original("POST / HTTP/1.1\r\nA: b\r\n\r\nbody");
+  const HTTPMessage copy = original;
+  original.addField("C", "d");
+  original.startLine.clear();
+  EXPECT_EQ(copy.get(), "POST / HTTP/1.1\r\nA: b\r\n\r\nbody");
+  EXPECT_TRUE(copy.complete);
+}
+
+TEST(HTTPMessage, ReadsWhatItWrites) {
+  HTTPMessage message(HTTP_OK);
+  message.addField("CONTENT-LENGTH", "6");
+  message.addField("EXT", "");
+  message.body = "a\r\n\r\nb";
+  const HTTPMessage read(message.get());
+  EXPECT_TRUE(read.complete);
+  EXPECT_EQ(read.startLine, message.startLine);
+  EXPECT_EQ(read.fieldNames, message.fieldNames);
+  EXPECT_EQ(read.fieldValues, message.fieldValues);
+  EXPECT_EQ(read.body, message.body);
+}
+
+TEST(HTTPMessage, TakesAnyBytesAndKeepsNamesAndValuesParallel) {
+  std::mt19937 random(20240602);
+  const std::string alphabet("\r\n: aB\0\xff", 8);
+  for (int round = 0; round < 20000; ++round) {
+    std::string text;
+    for (size_t length = random() % 40; length > 0; --length) {
+      text += alphabet[random() % alphabet.size()];
+    }
+    const HTTPMessage message(text);
+    ASSERT_EQ(message.fieldNames.size(), message.fieldValues.size());
+  }
+  EXPECT_TRUE(HTTPMessage("GET / HTTP/1.1\r\n\r\n").complete);
+}

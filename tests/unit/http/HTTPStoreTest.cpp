@@ -1,0 +1,152 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "http/HTTPStore.h"
+#include "http/Server.h"
+
+namespace fs = std::filesystem;
+
+/// A store over a directory of its own.
+class HTTPStoreTest : public testing::Test {
+ protected:
+  HTTPStoreTest() : directory(makeDirectory()), store(directory + "/") {}
+  ~HTTPStoreTest() override { fs::remove_all(directory); }
+
+  void write(const std::string& file, const std::string& content) const {
+    std::ofstream(directory + "/" + file, std::ios::binary) << content;
+  }
+
+  HTTPMessage get(const std::string& url) {
+    return store.get(HTTPMessage("GET " + url + " HTTP/1.1\r\n\r\n"), "");
+  }
+
+  /// The reply, and what was logged meanwhile.
+  HTTPMessage getAndLog(const std::string& url, std::string& log) {
+    testing::internal::CaptureStdout();
+    HTTPMessage reply = get(url);
+    log = testing::internal::GetCapturedStdout();
+    return reply;
+  }
+
+  static size_t openDescriptors() {
+    const fs::directory_iterator descriptors("/proc/self/fd");
+    return static_cast<size_t>(std::distance(begin(descriptors), end(descriptors)));
+  }
+
+  const std::string directory;
+  HTTPStore store;
+
+ private:
+  static std::string makeDirectory() {
+    std::string path = fs::temp_directory_path() / "palinode-store-XXXXXX";
+    return mkdtemp(path.data());
+  }
+};
+
+TEST_F(HTTPStoreTest, ServesAFile) {
+  write("osinfo.xml", "<scpd></scpd>");
+  store.addUrl("/osinfo.xml", "osinfo.xml");
+  const HTTPMessage reply = get("/osinfo.xml");
+  EXPECT_EQ(reply.get(),
+            "HTTP/1.1 200 OK\r\nCONTENT-TYPE: text/xml\r\nCONTENT-LENGTH: 13\r\nDATE: " +
+                reply.getField("DATE") + "\r\nSERVER: " + SERVER_STRING +
+                "\r\nCONNECTION: close\r\n\r\n<scpd></scpd>");
+  EXPECT_EQ(reply.getField("DATE").size(), 29U);
+}
+
+TEST_F(HTTPStoreTest, SaysTheLanguageToWhoAsksForOne) {
+  write("a.xml", "1");
+  store.addUrl("/a", "a.xml");
+  const HTTPMessage request("GET /a HTTP/1.1\r\nAccept-Language:\r\n\r\n");
+  const HTTPMessage reply = store.get(request, "");
+  EXPECT_EQ(reply.fieldNames.front(), "CONTENT-LANGUAGE");
+  EXPECT_EQ(reply.fieldValues.front(), "en-us");
+  EXPECT_EQ(reply.fieldNames.size(), 6U);
+}
+
+TEST_F(HTTPStoreTest, ServesContentInsteadOfAFile) {
+  const HTTPMessage reply = store.get(HTTPMessage("GET /not-registered HTTP/1.1\r\n\r\n"), "<a/>");
+  EXPECT_EQ(reply.startLine, "HTTP/1.1 200 OK");
+  EXPECT_EQ(reply.getField("CONTENT-TYPE"), "text/xml");
+  EXPECT_EQ(reply.getField("CONTENT-LENGTH"), "4");
+  EXPECT_EQ(reply.body, "<a/>");
+}
+
+TEST_F(HTTPStoreTest, TellsPicturesByTheFileName) {
+  const struct {
+    const char* file;
+    const char* type;
+  } files[] = {
+      {"logo16.gif", "image/gif"}, {"a.xml.gif", "image/gif"}, {"gif", "image/gif"},
+      {"a.GIF", "text/xml"},       {"a.gif.xml", "text/xml"},  {"agif", "text/xml"},
+      {"a.gif.", "text/xml"},
+  };
+  for (const auto& [file, type] : files) {
+    write(file, "GIF89a");
+    store.addUrl("/url.xml", file);
+    EXPECT_EQ(get("/url.xml").getField("CONTENT-TYPE"), type) << file;
+  }
+}
+
+TEST_F(HTTPStoreTest, ServesBytesAsTheyAre) {
+  const std::string bytes("\0\r\n\xff", 4);
+  write("logo16.gif", bytes);
+  store.addUrl("/logo16.gif", "logo16.gif");
+  EXPECT_EQ(get("/logo16.gif").body, bytes);
+}
+
+TEST_F(HTTPStoreTest, ServesTheFileThatWasRegisteredLast) {
+  write("a", "1");
+  write("b", "2");
+  store.addUrl("/x", "a");
+  store.addUrl("/x", "b");
+  EXPECT_EQ(get("/x").body, "2");
+}
+
+TEST_F(HTTPStoreTest, ServesAnEmptyFile) {
+  write("a", "");
+  store.addUrl("/a", "a");
+  const HTTPMessage reply = get("/a");
+  EXPECT_EQ(reply.startLine, "HTTP/1.1 200 OK");
+  EXPECT_EQ(reply.getField("CONTENT-LENGTH"), "0");
+}
+
+TEST_F(HTTPStoreTest, CutsALargeFile) {
+  write("whole", std::string(16384, 'x'));
+  write("cut", std::string(16385, 'x'));
+  store.addUrl("/whole", "whole");
+  store.addUrl("/cut", "cut");
+  EXPECT_EQ(get("/whole").body.size(), 16384U);
+  EXPECT_EQ(get("/cut").body.size(), 16384U);
+  EXPECT_EQ(get("/cut").getField("CONTENT-LENGTH"), "16384");
+}
+
+TEST_F(HTTPStoreTest, DoesNotFindWhatIsNotRegistered) {
+  write("a.xml", "1");
+  store.addUrl("/a.xml", "a.xml");
+  for (const char* url : {"/b.xml", "a.xml", "/a.xml?x=1", "/A.xml", "/../a.xml", "/a.xml/", "",
+                          "http://10.0.0.1:2828/a.xml"}) {
+    std::string log;
+    EXPECT_EQ(getAndLog(url, log).get(), "HTTP/1.1 404 Not Found\r\n\r\n") << url;
+    EXPECT_EQ(log, "") << url;
+  }
+}
+
+TEST_F(HTTPStoreTest, LogsAFileThatCannotBeOpened) {
+  store.addUrl("/a.xml", "a.xml");
+  std::string log;
+  EXPECT_EQ(getAndLog("/a.xml", log).get(), "HTTP/1.1 404 Not Found\r\n\r\n");
+  EXPECT_EQ(log, "open file " + directory + "/a.xml: No such file or directory\n");
+}
+
+TEST_F(HTTPStoreTest, LogsAFileThatCannotBeReadAndClosesIt) {
+  fs::create_directory(directory + "/a.xml");
+  store.addUrl("/a.xml", "a.xml");
+  const size_t before = openDescriptors();
+  std::string log;
+  EXPECT_EQ(getAndLog("/a.xml", log).get(), "HTTP/1.1 404 Not Found\r\n\r\n");
+  EXPECT_EQ(log, "read file " + directory + "/a.xml: Is a directory\n");
+  EXPECT_EQ(openDescriptors(), before);
+}

@@ -1,0 +1,213 @@
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <cerrno>
+#include <filesystem>
+
+#include "http/Sockets.h"
+#include "http/Text.h"
+#include "platform/Fd.h"
+#include "support/PrivateNetwork.h"
+#include "support/RefusedCall.h"
+
+/// Makes sockets on "lo" and looks at them from outside.
+class SocketsTest : public testing::Test {
+ protected:
+  /// What was logged by the last maker.
+  std::string log;
+
+  using Maker = std::function<int()>;
+
+  lm::Fd make(const Maker& maker) {
+    testing::internal::CaptureStdout();
+    lm::Fd fd(maker());
+    log = testing::internal::GetCapturedStdout();
+    return fd;
+  }
+
+  /// The maker must fail and leave nothing open.
+  void expectFailure(const Maker& maker, const std::string& line) {
+    const size_t before = openDescriptors();
+    const lm::Fd fd = make(maker);
+    EXPECT_EQ(fd.get(), -1) << line;
+    EXPECT_EQ(log, line + "\n");
+    EXPECT_EQ(openDescriptors(), before) << line;
+  }
+
+  void expectFailureWhileRefused(const RefusedCall& call, const Maker& maker,
+                                 const std::string& line) {
+    whileRefused(call, EPERM, [&] { expectFailure(maker, line + ": Operation not permitted"); });
+  }
+
+  static int udp() { return makeUdpSocket("lo"); }
+  static int discovery() { return makeDiscoverySocket("lo", loIndex(), strtoip("127.0.0.1")); }
+  static int tcp() { return makeTcpSocket("lo", 2828); }
+
+  static unsigned loIndex() { return if_nametoindex("lo"); }
+
+  static int option(const lm::Fd& fd, int level, int name) {
+    int value = -1;
+    socklen_t length = sizeof value;
+    EXPECT_EQ(getsockopt(fd.get(), level, name, &value, &length), 0);
+    return value;
+  }
+
+  static std::string device(const lm::Fd& fd) {
+    std::array<char, IFNAMSIZ> name = {};
+    socklen_t length = name.size();
+    EXPECT_EQ(getsockopt(fd.get(), SOL_SOCKET, SO_BINDTODEVICE, name.data(), &length), 0);
+    return name.data();
+  }
+
+  static std::string boundTo(const lm::Fd& fd) {
+    sockaddr_in address = {};
+    socklen_t length = sizeof address;
+    EXPECT_EQ(getsockname(fd.get(), reinterpret_cast<sockaddr*>(&address), &length), 0);
+    return iptostr(address.sin_addr.s_addr) + ":" + uinttostr(ntohs(address.sin_port));
+  }
+
+  static bool closedOnExec(const lm::Fd& fd) {
+    return (fcntl(fd.get(), F_GETFD) & FD_CLOEXEC) != 0;
+  }
+  static bool blocks(const lm::Fd& fd) { return (fcntl(fd.get(), F_GETFL) & O_NONBLOCK) == 0; }
+
+  static size_t openDescriptors() {
+    const std::filesystem::directory_iterator descriptors("/proc/self/fd");
+    return static_cast<size_t>(std::distance(begin(descriptors), end(descriptors)));
+  }
+
+ private:
+  PrivateNetwork network;
+};
+
+TEST_F(SocketsTest, MakesAUdpSocketOfOneDevice) {
+  const lm::Fd fd = make(udp);
+  ASSERT_TRUE(fd.valid());
+  EXPECT_EQ(option(fd, SOL_SOCKET, SO_TYPE), SOCK_DGRAM);
+  EXPECT_EQ(device(fd), "lo");
+  EXPECT_TRUE(closedOnExec(fd));
+  EXPECT_EQ(log, "");
+}
+
+TEST_F(SocketsTest, MakesADiscoverySocket) {
+  const lm::Fd fd = make(discovery);
+  ASSERT_TRUE(fd.valid());
+  EXPECT_EQ(option(fd, SOL_SOCKET, SO_TYPE), SOCK_DGRAM);
+  EXPECT_EQ(device(fd), "lo");
+  EXPECT_EQ(boundTo(fd), "0.0.0.0:1900");
+  EXPECT_EQ(option(fd, SOL_SOCKET, SO_REUSEADDR), 1);
+  EXPECT_EQ(option(fd, IPPROTO_IP, IP_MULTICAST_TTL), 4);
+  EXPECT_EQ(option(fd, IPPROTO_IP, IP_MULTICAST_LOOP), 1) << "the default";
+  EXPECT_TRUE(closedOnExec(fd));
+  EXPECT_EQ(log, "");
+}
+
+TEST_F(SocketsTest, JoinsTheGroupOfSsdp) {
+  const lm::Fd fd = make(discovery);
+  const lm::Fd sender = make(udp);
+  sockaddr_in group = {};
+  group.sin_family = AF_INET;
+  group.sin_addr.s_addr = inet_addr(SSDP_IP);
+  group.sin_port = htons(SSDP_PORT);
+  ASSERT_EQ(sendto(sender.get(), "hi", 2, 0, reinterpret_cast<sockaddr*>(&group), sizeof group), 2);
+  std::array<char, 8> bytes;
+  EXPECT_EQ(recv(fd.get(), bytes.data(), bytes.size(), MSG_DONTWAIT), 2);
+}
+
+TEST_F(SocketsTest, SharesTheSsdpPort) {
+  const lm::Fd one = make(discovery);
+  const lm::Fd other = make(discovery);
+  EXPECT_TRUE(one.valid() && other.valid());
+}
+
+TEST_F(SocketsTest, MakesAListeningSocket) {
+  const lm::Fd fd = make(tcp);
+  ASSERT_TRUE(fd.valid());
+  EXPECT_EQ(option(fd, SOL_SOCKET, SO_TYPE), SOCK_STREAM);
+  EXPECT_EQ(option(fd, SOL_SOCKET, SO_ACCEPTCONN), 1);
+  EXPECT_EQ(device(fd), "lo");
+  EXPECT_EQ(boundTo(fd), "0.0.0.0:2828");
+  EXPECT_EQ(option(fd, SOL_SOCKET, SO_REUSEADDR), 1);
+  EXPECT_TRUE(closedOnExec(fd));
+  EXPECT_TRUE(blocks(fd));
+  EXPECT_EQ(log, "");
+}
+
+TEST_F(SocketsTest, ServesThePortOfTheArgument) {
+  const lm::Fd fd = make([] { return makeTcpSocket("lo", DEFAULT_HTTP_PORT); });
+  EXPECT_EQ(boundTo(fd), "0.0.0.0:80");
+}
+
+TEST_F(SocketsTest, FailsOnADeviceThatIsNotThere) {
+  expectFailure([] { return makeUdpSocket("none0"); },
+                "udp setsockopt SO_BINDTODEVICE: No such device");
+  expectFailure([] { return makeDiscoverySocket("none0", 1, 0); },
+                "udp setsockopt SO_BINDTODEVICE: No such device");
+  expectFailure([] { return makeTcpSocket("none0", 2828); },
+                "setsockopt SO_BINDTODEVICE: No such device");
+}
+
+TEST_F(SocketsTest, LetsTheSystemRefuseALongName) {
+  // 16 bytes and more leave no room for the zero; the kernel cuts such a name to 15 bytes.
+  expectFailure([] { return makeUdpSocket("abcdefghijklmnop"); },
+                "udp setsockopt SO_BINDTODEVICE: No such device");
+  expectFailure([] { return makeTcpSocket(std::string(1000, 'a'), 2828); },
+                "setsockopt SO_BINDTODEVICE: No such device");
+}
+
+TEST_F(SocketsTest, HandsAnEmptyNameToTheSystem) {
+  // Which takes it for "no device".
+  const lm::Fd fd = make([] { return makeUdpSocket(""); });
+  EXPECT_TRUE(fd.valid());
+  EXPECT_EQ(device(fd), "");
+}
+
+TEST_F(SocketsTest, FailsWhenTheSystemHasNoSocket) {
+  const RefusedCall call{SCMP_SYS(socket)};
+  expectFailureWhileRefused(call, udp, "udp socket");
+  expectFailureWhileRefused(call, discovery, "udp socket");
+  expectFailureWhileRefused(call, tcp, "tcp socket");
+}
+
+TEST_F(SocketsTest, FailsWhenItMayNotBindToADevice) {
+  const RefusedCall call{SCMP_SYS(setsockopt), SOL_SOCKET, SO_BINDTODEVICE};
+  expectFailureWhileRefused(call, udp, "udp setsockopt SO_BINDTODEVICE");
+  expectFailureWhileRefused(call, discovery, "udp setsockopt SO_BINDTODEVICE");
+  expectFailureWhileRefused(call, tcp, "setsockopt SO_BINDTODEVICE");
+}
+
+TEST_F(SocketsTest, FailsWhenTheAddressCannotBeReused) {
+  const RefusedCall call{SCMP_SYS(setsockopt), SOL_SOCKET, SO_REUSEADDR};
+  expectFailureWhileRefused(call, discovery, "setsockopt SO_REUSEADDR");
+  expectFailureWhileRefused(call, tcp, "setsockopt SO_REUSEADDR");
+}
+
+TEST_F(SocketsTest, FailsWhenItCannotBind) {
+  const RefusedCall call{SCMP_SYS(bind)};
+  expectFailureWhileRefused(call, discovery, "udp bind");
+  expectFailureWhileRefused(call, tcp, "tcp bind");
+}
+
+TEST_F(SocketsTest, FailsWhenTheTimeToLiveCannotBeSet) {
+  expectFailureWhileRefused({SCMP_SYS(setsockopt), IPPROTO_IP, IP_MULTICAST_TTL}, discovery,
+                            "setsockopt IP_MULTICAST_TTL");
+}
+
+TEST_F(SocketsTest, FailsWhenItCannotListen) {
+  expectFailureWhileRefused({SCMP_SYS(listen)}, tcp, "tcp listen");
+}
+
+TEST_F(SocketsTest, FailsOnAnInterfaceIndexThatIsNotThere) {
+  expectFailure([] { return makeDiscoverySocket("lo", 4711, 0); },
+                "setsockopt IP_ADD_MEMBERSHIP: No such device");
+}
+
+TEST_F(SocketsTest, FailsOnAPortThatIsTaken) {
+  const lm::Fd first = make(tcp);
+  expectFailure(tcp, "tcp bind: Address already in use");
+}

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <net/if.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "platform/Fd.h"
+
+/// A network namespace of the test's own, in which ports are free and multicast stays inside. Only
+/// "lo" is in it, up, with 127.0.0.1 and 10.0.0.1. Making one moves the whole test program there,
+/// once and for good.
+class PrivateNetwork {
+ public:
+  PrivateNetwork() {
+    static const bool entered = enter();
+    EXPECT_TRUE(entered) << "no network namespace: " << strerror(errno);
+  }
+
+ private:
+  static bool enter() {
+    const int spaces = geteuid() == 0 ? CLONE_NEWNET : CLONE_NEWNET | CLONE_NEWUSER;
+    if (unshare(spaces) != 0) return false;
+    const lm::Fd socketForRequests(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    return up(socketForRequests.get()) && addAddress(socketForRequests.get());
+  }
+
+  static bool up(int fd) {
+    ifreq request = named("lo");
+    request.ifr_flags = IFF_UP;
+    return ioctl(fd, SIOCSIFFLAGS, &request) == 0;
+  }
+
+  static bool addAddress(int fd) {
+    ifreq request = named("lo:1");
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = inet_addr("10.0.0.1");
+    memcpy(&request.ifr_addr, &address, sizeof address);
+    return ioctl(fd, SIOCSIFADDR, &request) == 0;
+  }
+
+  static ifreq named(const char* name) {
+    ifreq request = {};
+    strncpy(request.ifr_name, name, sizeof request.ifr_name - 1);
+    return request;
+  }
+};

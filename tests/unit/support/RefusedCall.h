@@ -1,0 +1,34 @@
+#pragma once
+
+#include <gtest/gtest.h>
+#include <seccomp.h>
+
+#include <functional>
+#include <thread>
+
+/// A system call that the kernel shall refuse: those with the given second and third arguments, or
+/// every one when `level` is below 0.
+struct RefusedCall {
+  int number = 0;  ///< SCMP_SYS(name)
+  int level = -1;
+  int option = -1;
+};
+
+/// Runs `work` in a thread for which the kernel refuses `call` with `error`, by a filter that ends
+/// with the thread.
+inline void whileRefused(const RefusedCall& call, int error, const std::function<void()>& work) {
+  std::thread([&] {
+    scmp_filter_ctx filter = seccomp_init(SCMP_ACT_ALLOW);
+    const auto action = SCMP_ACT_ERRNO(static_cast<uint32_t>(error));
+    const int added =
+        call.level < 0 ? seccomp_rule_add(filter, action, call.number, 0)
+                       : seccomp_rule_add(filter, action, call.number, 2,
+                                          SCMP_A1(SCMP_CMP_EQ, static_cast<uint64_t>(call.level)),
+                                          SCMP_A2(SCMP_CMP_EQ, static_cast<uint64_t>(call.option)));
+    const int loaded = seccomp_load(filter);
+    seccomp_release(filter);
+    ASSERT_EQ(added, 0);
+    ASSERT_EQ(loaded, 0);
+    work();
+  }).join();
+}
