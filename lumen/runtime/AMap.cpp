@@ -28,7 +28,8 @@ message recordOf(const Object& object) { return makeRecord(object.id, configOf(o
 message undoOf(uint32_t command, uint32_t id, const message& config) {
   message undo;
   undo.insert_u32(key::command, command);
-  for (const Field& field : makeRecord(id, config).fields()) {
+  const message record = makeRecord(id, config);
+  for (const Field& field : record.fields()) {
     undo.fields().append(field.key, field.value);
   }
   return undo;
