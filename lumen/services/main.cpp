@@ -15,14 +15,17 @@
 #include "lumen/runtime/EventLoop.h"
 #include "lumen/runtime/Log.h"
 #include "lumen/services/Options.h"
+#include "lumen/services/addresses/AddressTable.h"
 #include "lumen/services/broker/Broker.h"
 #include "lumen/services/broker/Listener.h"
 #include "lumen/services/identity/Identity.h"
+#include "lumen/services/interfaces/InterfaceTable.h"
 #include "lumen/services/supervisor/ServiceFolder.h"
 #include "lumen/services/supervisor/Supervisor.h"
 #include "lumen/services/system/EndSignals.h"
 #include "lumen/services/system/LinuxProcesses.h"
 #include "lumen/services/system/LockFile.h"
+#include "lumen/services/system/NetlinkLinks.h"
 #include "lumen/services/system/PrivateRoot.h"
 #include "lumen/services/system/Privileges.h"
 #include "platform/Keys.h"
@@ -134,6 +137,13 @@ void serve(lm::EventLoop& loop, lumen::EndSignals& signals, lumen::LinuxProcesse
 
   lumen::Identity identity(ownStore("identity"));
   broker.addLocal(lm::service::identity, 0, identity);
+
+  lumen::NetlinkLinks links;
+  lumen::AddressTable addresses(broker);
+  lumen::InterfaceTable interfaces(links, addresses, broker, ownStore("interfaces"));
+  broker.addLocal(lm::service::interfaces, lm::handler::interfaces, interfaces);
+  broker.addLocal(lm::service::interfaces, lm::handler::addresses, addresses);
+  interfaces.start();
 
   lumen::Listener listener(broker);
   if (!listener.listen(runFolder + "/lumen.sock")) std::exit(1);

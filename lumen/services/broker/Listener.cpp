@@ -46,15 +46,17 @@ bool Listener::listen(const std::string& path) {
   return true;
 }
 
-// One at a time: the loop asks again between any two other callbacks.
+// All that wait, so that many who are refused do not keep back one who is not.
 void Listener::ready(int fd) {
-  lm::Fd client(accept4(fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-  if (!client.valid()) {
-    if (errno != EAGAIN && errno != ECONNABORTED) lm::logLine("accept: ", strerror(errno));
-    return;
+  for (int i = 0; i < backlog; ++i) {
+    lm::Fd client(accept4(fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    if (!client.valid()) {
+      if (errno != EAGAIN) lm::logLine("accept: ", strerror(errno));
+      return;
+    }
+    const std::optional<Peer> peer = readPeer(client.get());
+    if (peer) broker_.admit(std::move(client), *peer);
   }
-  const std::optional<Peer> peer = readPeer(client.get());
-  if (peer) broker_.admit(std::move(client), *peer);
 }
 
 }  // namespace lumen
