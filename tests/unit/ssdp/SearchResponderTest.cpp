@@ -1,0 +1,229 @@
+#include <netinet/in.h>
+
+#include <filesystem>
+
+#include "http/Server.h"
+#include "ssdp/SearchResponder.h"
+#include "ssdp/SsdpNetwork.h"
+
+namespace {
+
+const std::string search =
+    "M-SEARCH * HTTP/1.1\r\n"
+    "HOST: 239.255.255.250:1900\r\n"
+    "MAN: \"ssdp:discover\"\r\n"
+    "MX: 3\r\n"
+    "ST: upnp:rootdevice\r\n"
+    "\r\n";
+
+/// `search` with one of its texts replaced.
+std::string searchWith(const std::string& text, const std::string& instead) {
+  std::string changed = search;
+  return changed.replace(search.find(text), text.size(), instead);
+}
+
+const SearchTargets targets = {
+    {"urn:x", "uuid:2::urn:x"},
+    {"urn:x", "uuid:1::urn:x"},
+    {"upnp:rootdevice", "uuid:1::upnp:rootdevice"},
+};
+
+}  // namespace
+
+/// A control point at 127.0.0.1 on the LAN of the gateway.
+class SearchResponder : public SsdpNetwork {
+ protected:
+  SearchResponder() : controlPoint(makeUdpSocket("lo")) {
+    self.sin_family = AF_INET;
+    self.sin_addr.s_addr = strtoip("127.0.0.1");
+    EXPECT_EQ(bind(controlPoint.get(), reinterpret_cast<sockaddr*>(&self), sizeof self), 0);
+    socklen_t length = sizeof self;
+    getsockname(controlPoint.get(), reinterpret_cast<sockaddr*>(&self), &length);
+  }
+
+  void lanHostMulticasts(const std::string& datagram) {
+    sockaddr_in group = {};
+    group.sin_family = AF_INET;
+    group.sin_addr.s_addr = inet_addr(SSDP_IP);
+    group.sin_port = htons(SSDP_PORT);
+    EXPECT_EQ(sendto(controlPoint.get(), datagram.data(), datagram.size(), 0,
+                     reinterpret_cast<sockaddr*>(&group), sizeof group),
+              static_cast<ssize_t>(datagram.size()));
+  }
+
+  /// The replies to a search for `target`.
+  std::vector<std::string> answersTo(const std::string& target) {
+    EXPECT_EQ(logged([&] { answerSearch({target, self}, "lo", gatewayAddress, targets); }), "");
+    return datagramsAt(controlPoint);
+  }
+
+  static std::string answer(const std::string& target, const std::string& usn) {
+    return "HTTP/1.1 200 OK\r\n"
+           "CACHE-CONTROL: max-age=3600\r\n"
+           "EXT: \r\n"
+           "LOCATION: http://10.0.0.1:2828/gateway.xml\r\n"
+           "SERVER: " +
+           SERVER_STRING + "\r\nST: " + target + "\r\nUSN: " + usn + "\r\n\r\n";
+  }
+
+  lm::Fd controlPoint;
+  sockaddr_in self = {};
+};
+
+TEST_F(SearchResponder, TakesAWellFormedSearch) {
+  const struct {
+    std::string datagram;
+    std::string target;
+    const char* reason;
+  } searches[] = {
+      {search, "upnp:rootdevice", "as every control point sends it"},
+      {searchWith("upnp:rootdevice", "ssdp:all"), "ssdp:all", "for everything"},
+      {searchWith("ST: upnp:rootdevice", "ST:"), "", "for nothing"},
+      {searchWith("MX: 3", "MX: 0"), "upnp:rootdevice", "no delay"},
+      {searchWith("MX: 3", "MX: soon"), "upnp:rootdevice", "no number"},
+      {searchWith("MX: 3", "MX:"), "upnp:rootdevice", "no value"},
+      {searchWith("HOST", "Host"), "upnp:rootdevice", "name in another case"},
+      {searchWith("ST: ", "St:    "), "upnp:rootdevice", "blanks"},
+      {searchWith("\r\n\r\n", "\r\n"), "upnp:rootdevice", "no empty line"},
+      {searchWith("\r\n\r\n", "\r\nnonsense\r\n"), "upnp:rootdevice", "nonsense behind it"},
+      {search + "body", "upnp:rootdevice", "a body"},
+      {searchWith("MX", "CONTENT-LENGTH: 9\r\nMX"), "upnp:rootdevice", "an incomplete body"},
+  };
+  for (const auto& [datagram, target, reason] : searches) {
+    EXPECT_EQ(parseSearch(datagram), target) << reason;
+  }
+}
+
+TEST_F(SearchResponder, DropsAnythingElse) {
+  const struct {
+    std::string datagram;
+    const char* reason;
+  } datagrams[] = {
+      {"", "nothing"},
+      {"M-SEARCH * HTTP/1.1", "no line end"},
+      {searchWith("M-SEARCH", "NOTIFY"), "an advert"},
+      {searchWith("M-SEARCH", "m-search"), "method in another case"},
+      {searchWith("M-SEARCH * HTTP/1.1", "M-SEARCH * HTTP/1.0"), "another version"},
+      {searchWith("M-SEARCH *", "M-SEARCH  *"), "two blanks"},
+      {searchWith("\r\nHOST", " \r\nHOST"), "a blank behind the start line"},
+      {searchWith("HOST: 239.255.255.250:1900\r\n", ""), "no HOST"},
+      {searchWith(":1900", ""), "HOST without the port"},
+      {searchWith(":1900", ":1901"), "another port"},
+      {searchWith("239.255.255.250", "239.255.255.251"), "another group"},
+      {searchWith("239.255.255.250", "239.255.255.0250"), "another spelling"},
+      {searchWith(":1900", ":1900 "), "a blank behind HOST"},
+      {searchWith("MAN: \"ssdp:discover\"\r\n", ""), "no MAN"},
+      {searchWith("\"ssdp:discover\"", "ssdp:discover"), "MAN without quotes"},
+      {searchWith("\"ssdp:discover\"", "\"SSDP:discover\""), "MAN in another case"},
+      {searchWith("MX: 3\r\n", ""), "no MX"},
+      {searchWith("ST: upnp:rootdevice\r\n", ""), "no ST"},
+      {searchWith("MAN", "nonsense\r\nMAN"), "nonsense before MAN"},
+      {searchWith("\r\n\r\n", ""), "no line end behind ST"},
+  };
+  for (const auto& [datagram, reason] : datagrams) {
+    EXPECT_EQ(parseSearch(datagram), std::nullopt) << reason;
+  }
+}
+
+TEST_F(SearchResponder, ReceivesASearchAndItsSender) {
+  lanHostMulticasts(search);
+  const auto request = receiveSearch(discovery.get());
+  ASSERT_TRUE(request);
+  EXPECT_EQ(request->target, "upnp:rootdevice");
+  EXPECT_EQ(request->sender.sin_family, AF_INET);
+  EXPECT_EQ(request->sender.sin_port, self.sin_port);
+  EXPECT_EQ(request->sender.sin_addr.s_addr, self.sin_addr.s_addr);
+}
+
+TEST_F(SearchResponder, ReceivesOneDatagramACall) {
+  lanHostMulticasts(searchWith("upnp:rootdevice", "first"));
+  lanHostMulticasts(searchWith("upnp:rootdevice", "second"));
+  EXPECT_EQ(receiveSearch(discovery.get())->target, "first");
+  EXPECT_EQ(receiveSearch(discovery.get())->target, "second");
+}
+
+TEST_F(SearchResponder, ReadsTheFirst4096BytesOfADatagram) {
+  const std::string target(4096 - searchWith("upnp:rootdevice", "").size() + 2, 'x');
+  const std::string fits = searchWith("upnp:rootdevice", target);
+  lanHostMulticasts(fits + "more");
+  const auto request = receiveSearch(discovery.get());
+  ASSERT_TRUE(request);
+  EXPECT_EQ(request->target, target);
+  lanHostMulticasts(searchWith("upnp:rootdevice", target + "xxx"));
+  EXPECT_FALSE(receiveSearch(discovery.get())) << "the line end of ST is cut off";
+}
+
+TEST_F(SearchResponder, DropsAStrangersDatagramWithoutAWord) {
+  lanHostMulticasts("what is this");
+  EXPECT_EQ(logged([&] { EXPECT_FALSE(receiveSearch(discovery.get())); }), "");
+}
+
+TEST_F(SearchResponder, LogsAnEmptyDatagramOrNone) {
+  lanHostMulticasts("");
+  lanHostMulticasts(search);
+  EXPECT_EQ(logged([&] { EXPECT_FALSE(receiveSearch(discovery.get())); }),
+            "search recvfrom failed\n");
+  EXPECT_TRUE(receiveSearch(discovery.get()));
+  EXPECT_EQ(logged([&] { EXPECT_FALSE(receiveSearch(discovery.get())); }),
+            "search recvfrom failed\n");
+  EXPECT_EQ(logged([] { EXPECT_FALSE(receiveSearch(-1)); }), "search recvfrom failed\n");
+}
+
+TEST_F(SearchResponder, AnswersASearchForEverythingInOrder) {
+  EXPECT_EQ(answersTo("ssdp:all"),
+            (std::vector<std::string>{answer("upnp:rootdevice", "uuid:1::upnp:rootdevice"),
+                                      answer("urn:x", "uuid:2::urn:x"),
+                                      answer("urn:x", "uuid:1::urn:x")}));
+}
+
+TEST_F(SearchResponder, AnswersWithEachEntryOfTheTarget) {
+  EXPECT_EQ(answersTo("upnp:rootdevice"),
+            std::vector<std::string>{answer("upnp:rootdevice", "uuid:1::upnp:rootdevice")});
+  EXPECT_EQ(answersTo("urn:x"), (std::vector<std::string>{answer("urn:x", "uuid:2::urn:x"),
+                                                          answer("urn:x", "uuid:1::urn:x")}));
+}
+
+TEST_F(SearchResponder, DoesNotAnswerForATargetThatItHasNot) {
+  for (const char* target : {"urn:y", "URN:X", "urn:", "urn:x ", "", "ssdp:ALL"}) {
+    EXPECT_TRUE(answersTo(target).empty()) << target;
+  }
+}
+
+TEST_F(SearchResponder, AnswersFromASocketOfItsOwnWhichItCloses) {
+  const auto openDescriptors = [] {
+    const std::filesystem::directory_iterator descriptors("/proc/self/fd");
+    return std::distance(begin(descriptors), end(descriptors));
+  };
+  const auto before = openDescriptors();
+  answerSearch({"upnp:rootdevice", self}, "lo", gatewayAddress, targets);
+  EXPECT_EQ(openDescriptors(), before);
+  std::array<char, 2048> bytes;
+  sockaddr_in sender = {};
+  socklen_t length = sizeof sender;
+  EXPECT_GT(recvfrom(controlPoint.get(), bytes.data(), bytes.size(), MSG_DONTWAIT,
+                     reinterpret_cast<sockaddr*>(&sender), &length),
+            0);
+  EXPECT_NE(ntohs(sender.sin_port), SSDP_PORT);
+}
+
+TEST_F(SearchResponder, OpensItsSocketOnTheInterfaceEvenForNoAnswer) {
+  EXPECT_EQ(logged([&] {
+              answerSearch({"urn:y", self}, "none0", gatewayAddress, targets);
+            }),
+            "udp setsockopt SO_BINDTODEVICE: No such device\n");
+  EXPECT_EQ(logged([&] {
+              answerSearch({"urn:x", self}, "none0", gatewayAddress, targets);
+            }),
+            "udp setsockopt SO_BINDTODEVICE: No such device\n"
+            "search sendto failed\n"
+            "search sendto failed\n");
+}
+
+TEST_F(SearchResponder, SendsTheOtherAnswersBehindAFailure) {
+  SearchTargets some = {{"a", std::string(70000, 'x')}, {"b", "uuid:1"}};
+  EXPECT_EQ(logged([&] {
+              answerSearch({"ssdp:all", self}, "lo", gatewayAddress, some);
+            }),
+            "search sendto failed\n");
+  EXPECT_EQ(datagramsAt(controlPoint), std::vector<std::string>{answer("b", "uuid:1")});
+}
