@@ -291,6 +291,8 @@ std::optional<uint64_t> EventLoop::nextDue() const { return state_->nextDue(); }
 
 const Clock& EventLoop::clock() const { return state_->clock; }
 
+EventLoop* currentLoop() { return theLoop; }
+
 ThinRunner& getRunner() {
   if (!theLoop) fatal("event loop: there is none");
   return *theLoop;

@@ -47,4 +47,7 @@ class EventLoop : public ThinRunner {
   std::unique_ptr<State> state_;  // never null
 };
 
+/// The process's loop, or null when it has none.
+[[nodiscard]] EventLoop* currentLoop();
+
 }  // namespace lm
