@@ -17,8 +17,10 @@ std::string readName(OSInfo::HostName hostName, size_t limit) {
 
 std::string machineName(OSInfo::HostName hostName) {
   const std::string name = readName(hostName, nameLimit);
-  // Some C libraries cut a long name and report success: with more room, more would come.
-  return name == readName(hostName, nameLimit + 1) ? name : std::string();
+  // Some C libraries cut a long name and report success: without a zero, or so that more comes
+  // when there is more room.
+  const bool whole = name.size() < nameLimit && name == readName(hostName, nameLimit + 1);
+  return whole ? name : std::string();
 }
 
 }  // namespace
