@@ -1,0 +1,501 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "igd/Router.h"
+#include "igd/WANIPConnection.h"
+
+namespace {
+
+const std::string type = "urn:schemas-upnp-org:service:WANIPConnection:1";
+const std::string client = "192.168.88.10";
+
+/// What a control point asks for when it opens a port.
+struct Wish {
+  std::string port = "8080";
+  std::string protocol = "TCP";
+  std::string internalPort = "80";
+  std::string internalClient = client;
+  std::string enabled = "1";
+  std::string description = "web";
+  std::string lease = "0";
+  std::string remoteHost = "";
+};
+
+/// A connection whose NAT rule table gives rules the ids 501, 502 and so on.
+class PortMapping : public Router {
+ protected:
+  PortMapping() {
+    platform.onRequest(natTable, lm::cmd::addObject, [this](const lm::message&) {
+      lm::message reply;
+      reply.insert_u32(0xfe0001, ++lastRule);
+      return reply;
+    });
+    platform.answer(natTable, lm::cmd::setObject, {});
+    platform.answer(natTable, lm::cmd::removeObject, {});
+    (void)logOf([this] { connection.emplace(7U, strtoip("45.45.45.2")); });
+    platform.forgetSent();
+  }
+  ~PortMapping() override {
+    (void)logOf([this] { connection.reset(); });
+  }
+
+  std::string open(const Wish& wish) {
+    return invoke(*connection, "AddPortMapping",
+                  {{"NewRemoteHost", wish.remoteHost},
+                   {"NewExternalPort", wish.port},
+                   {"NewProtocol", wish.protocol},
+                   {"NewInternalPort", wish.internalPort},
+                   {"NewInternalClient", wish.internalClient},
+                   {"NewEnabled", wish.enabled},
+                   {"NewPortMappingDescription", wish.description},
+                   {"NewLeaseDuration", wish.lease}});
+  }
+  std::string close(const std::string& port, const std::string& protocol,
+                    const std::string& remoteHost = {}) {
+    return invoke(*connection, "DeletePortMapping", key(port, protocol, remoteHost));
+  }
+  std::string entryAt(const std::string& index) {
+    return invoke(*connection, "GetGenericPortMappingEntry", {{"NewPortMappingIndex", index}});
+  }
+  std::string entryOf(const std::string& port, const std::string& protocol,
+                      const std::string& remoteHost = {}) {
+    return invoke(*connection, "GetSpecificPortMappingEntry", key(port, protocol, remoteHost));
+  }
+
+  static Arguments key(const std::string& port, const std::string& protocol,
+                       const std::string& remoteHost) {
+    return {{"NewRemoteHost", remoteHost}, {"NewExternalPort", port}, {"NewProtocol", protocol}};
+  }
+  static Arguments target(const Wish& wish) {
+    return {{"NewInternalPort", wish.internalPort},
+            {"NewInternalClient", wish.internalClient},
+            {"NewEnabled", wish.enabled},
+            {"NewPortMappingDescription", wish.description},
+            {"NewLeaseDuration", wish.lease}};
+  }
+  /// The reply that lists this mapping by index.
+  static std::string listed(const Wish& wish) {
+    Arguments out = key(wish.port, wish.protocol, "");
+    for (const auto& argument : target(wish)) out.push_back(argument);
+    return response(type, "GetGenericPortMappingEntry", out);
+  }
+  /// The reply that finds this mapping by its key.
+  static std::string found(const Wish& wish) {
+    return response(type, "GetSpecificPortMappingEntry", target(wish));
+  }
+
+  std::string opened() { return response(type, "AddPortMapping"); }
+  std::string closed() { return response(type, "DeletePortMapping"); }
+  std::string entries() { return connection->getVar("PortMappingNumberOfEntries"); }
+
+  std::vector<lm::message> requests(uint32_t command) {
+    std::vector<lm::message> contents;
+    for (const lm::message& m : platform.sentTo(natTable, command)) {
+      contents.push_back(lm::test::contentOf(m));
+    }
+    return contents;
+  }
+
+  /// The add-rule request, field by field.
+  static lm::message addRequest(uint32_t protocol, uint32_t port, const std::string& to,
+                                uint32_t toPort, bool disabled = false,
+                                const std::string& external = "45.45.45.2") {
+    lm::message m;
+    m.insert_bool(0xfe0007, true);
+    m.insert_bool(0xfe000a, disabled);
+    m.insert_string(0x27, "dstnat");
+    m.insert_bool(0x1a3, true);
+    m.insert_be32(0x34, strtoip(external));
+    m.insert_be32(0x35, strtoip(external));
+    m.insert_bool(0x196, true);
+    m.insert_u32(9, port);
+    m.insert_u32(10, port);
+    m.insert_bool(0x194, true);
+    m.insert_u32(11, protocol);
+    m.insert_u32(0x28, 22);
+    m.insert_bool(0x3ee, true);
+    m.insert_be32(0x3e8, strtoip(to));
+    m.insert_be32(0x3e9, strtoip(to));
+    m.insert_bool(0x3ef, true);
+    m.insert_u32(0x3ea, toPort);
+    m.insert_u32(0x3eb, toPort);
+    return m;
+  }
+  static lm::message setRequest(uint32_t rule, bool disabled, const std::string& to,
+                                uint32_t toPort) {
+    lm::message m;
+    m.insert_u32(0xfe0001, rule);
+    m.insert_bool(0xfe000a, disabled);
+    m.insert_be32(0x3e8, strtoip(to));
+    m.insert_be32(0x3e9, strtoip(to));
+    m.insert_u32(0x3ea, toPort);
+    m.insert_u32(0x3eb, toPort);
+    return m;
+  }
+  static lm::message removeRequest(uint32_t rule) {
+    lm::message m;
+    m.insert_u32(0xfe0001, rule);
+    return m;
+  }
+
+  const Wish dummy{.port = "0",
+                   .internalPort = "0",
+                   .internalClient = "0.0.0.0",
+                   .enabled = "0",
+                   .description = "Dummy inactive rule for windows to work"};
+  const std::string noSuchEntry = fault(714, "NoSuchEntryInArray");
+  const std::string noSuchIndex = fault(713, "SpecifiedArrayIndexInvalid");
+  const std::string failed = fault(501, "Action Failed");
+
+  std::optional<WANIPConnection> connection;
+  uint32_t lastRule = 500;
+};
+
+TEST_F(PortMapping, FreshConnectionListsTheDummyOnly) {
+  EXPECT_EQ(entryAt("0"), listed(dummy));
+  EXPECT_EQ(entryAt("1"), noSuchIndex);
+  EXPECT_EQ(ownLog(), "");
+  EXPECT_EQ(entries(), "0") << "until the entries are first counted";
+}
+
+TEST_F(PortMapping, WithoutTheDummyAFreshConnectionListsNothing) {
+  connection->setShowDummyRule(false);
+  EXPECT_EQ(entryAt("0"), noSuchIndex);
+  EXPECT_EQ(entryAt("1"), noSuchIndex);
+}
+
+TEST_F(PortMapping, OpensATcpPort) {
+  EXPECT_EQ(open({}), opened());
+  EXPECT_EQ(ownLog(), "add map 8080->80, 192.168.88.10\n");
+  EXPECT_EQ(requests(lm::cmd::addObject),
+            std::vector<lm::message>{addRequest(6, 8080, client, 80)});
+  EXPECT_EQ(platform.sent().size(), 1U);
+  EXPECT_EQ(entries(), "2");
+  EXPECT_EQ(entryAt("1"), listed({}));
+  EXPECT_EQ(entryOf("8080", "TCP"), found({}));
+}
+
+TEST_F(PortMapping, OpensAUdpPort) {
+  EXPECT_EQ(open({.protocol = "UDP"}), opened());
+  EXPECT_EQ(requests(lm::cmd::addObject),
+            std::vector<lm::message>{addRequest(17, 8080, client, 80)});
+  EXPECT_EQ(entryOf("8080", "UDP"), found({.protocol = "UDP"}));
+  EXPECT_EQ(entryOf("8080", "TCP"), noSuchEntry);
+}
+
+TEST_F(PortMapping, ListsMappingsByPortAndTcpBeforeUdp) {
+  open({.port = "9000"});
+  open({.port = "8080", .protocol = "UDP"});
+  open({.port = "8080", .protocol = "TCP"});
+  open({.port = "80"});
+  EXPECT_EQ(entries(), "5");
+  const std::vector<Wish> order = {dummy,
+                                   {.port = "80"},
+                                   {.port = "8080"},
+                                   {.port = "8080", .protocol = "UDP"},
+                                   {.port = "9000"}};
+  for (size_t i = 0; i < order.size(); ++i) {
+    EXPECT_EQ(entryAt(std::to_string(i)), listed(order[i])) << i;
+  }
+  EXPECT_EQ(entryAt("5"), noSuchIndex);
+  EXPECT_EQ(entryAt("65535"), noSuchIndex);
+
+  connection->setShowDummyRule(false);
+  EXPECT_EQ(entryAt("0"), listed(order[1]));
+  EXPECT_EQ(entryAt("3"), listed(order[4]));
+  EXPECT_EQ(entryAt("4"), noSuchIndex);
+}
+
+TEST_F(PortMapping, RefusesWhatItDoesNotMap) {
+  struct Refused {
+    Wish wish;
+    std::string reply;
+    std::string line;
+    std::string reason;
+  };
+  const std::string onlyWildcard = fault(726, "RemoteHostOnlySupportsWildcard");
+  const std::string noWildcard = fault(716, "WildcardNotPermittedInExtPort");
+  const std::string onlyPermanent = fault(725, "OnlyPermanentLeasesSupported");
+  const auto remoteOnly = [](const std::string& host) {
+    return "addPortMapping: REMOTE_ONLY_WILDCARD: '" + host + "'\n";
+  };
+  const std::vector<Refused> table = {
+      {{.remoteHost = "45.45.45.77"}, onlyWildcard, remoteOnly("45.45.45.77"), "a remote host"},
+      {{.remoteHost = "0.0.0.0"}, onlyWildcard, remoteOnly("0.0.0.0"), "an address like any"},
+      {{.port = "", .remoteHost = "1.2.3.4"},
+       onlyWildcard,
+       remoteOnly("1.2.3.4"),
+       "the remote host is looked at first"},
+      {{.port = ""}, noWildcard, "addPortMapping: EXT_PORT_NO_WILDCARD\n", "no port"},
+      {{.port = "", .lease = "1"},
+       noWildcard,
+       "addPortMapping: EXT_PORT_NO_WILDCARD\n",
+       "the port comes before the lease"},
+      {{.lease = "3600"}, onlyPermanent, "addPortMapping: ONLY_PERM_LEASES\n", "a lease"},
+      {{.lease = "-1"}, onlyPermanent, "addPortMapping: ONLY_PERM_LEASES\n", "wraps"},
+  };
+  for (const auto& [wish, reply, line, reason] : table) {
+    EXPECT_EQ(open(wish), reply) << reason;
+    EXPECT_EQ(ownLog(), line) << reason;
+  }
+  EXPECT_TRUE(platform.sent().empty());
+  EXPECT_EQ(entries(), "0");
+  EXPECT_EQ(open({}), opened()) << "the next right one works";
+}
+
+TEST_F(PortMapping, RefusesArgumentsOfAWrongType) {
+  const std::vector<Wish> wrong = {
+      {.port = "65536"}, {.port = "-1"},        {.port = "http"},          {.protocol = "tcp"},
+      {.protocol = ""},  {.internalPort = "x"}, {.internalPort = "65536"}, {.enabled = "True"},
+      {.enabled = ""},   {.lease = "1d"}};
+  for (const Wish& wish : wrong) EXPECT_EQ(open(wish), fault(402, "Invalid Args"));
+  EXPECT_TRUE(platform.sent().empty());
+}
+
+TEST_F(PortMapping, TakesAnyRemoteHostThatIsNoAddressForAWildcard) {
+  for (const char* host : {"*", "any.example", "255.255.255.255"}) {
+    EXPECT_EQ(open({.remoteHost = host}), opened()) << host;
+  }
+  EXPECT_EQ(requests(lm::cmd::addObject).size(), 1U);
+  EXPECT_EQ(requests(lm::cmd::setObject).size(), 2U);
+}
+
+TEST_F(PortMapping, SendsWhatItCannotJudgeToTheNatTable) {
+  EXPECT_EQ(open({.port = "0", .internalPort = "", .internalClient = "nobody"}), opened());
+  EXPECT_EQ(ownLog(), "add map 0->, nobody\n");
+  EXPECT_EQ(requests(lm::cmd::addObject),
+            std::vector<lm::message>{addRequest(6, 0, "255.255.255.255", 0)});
+  EXPECT_EQ(entryAt("1"),
+            listed({.port = "0", .internalPort = "0", .internalClient = "255.255.255.255"}));
+}
+
+TEST_F(PortMapping, MakesARuleThatIsDisabledWhileTheMappingIs) {
+  struct Spelling {
+    std::string text;
+    bool enabled;
+  };
+  for (const auto& [text, enabled] : std::vector<Spelling>{{"1", true},
+                                                           {"yes", true},
+                                                           {"true", true},
+                                                           {"0", false},
+                                                           {"no", false},
+                                                           {"false", false}}) {
+    platform.forgetSent();
+    EXPECT_EQ(open({.enabled = text}), opened()) << text;
+    EXPECT_EQ(requests(lm::cmd::addObject),
+              std::vector<lm::message>{addRequest(6, 8080, client, 80, !enabled)})
+        << text;
+    EXPECT_EQ(entryOf("8080", "TCP"), found({.enabled = enabled ? "1" : "0"})) << text;
+    EXPECT_EQ(close("8080", "TCP"), closed());
+  }
+}
+
+TEST_F(PortMapping, ChangesTheMappingOfTheSameClient) {
+  open({});
+  platform.forgetSent();
+  const Wish changed{.internalPort = "81", .enabled = "0", .description = "other"};
+  EXPECT_EQ(open(changed), opened());
+  EXPECT_EQ(ownLog(), "set map 8080->81, 192.168.88.10\n");
+  EXPECT_EQ(requests(lm::cmd::setObject),
+            std::vector<lm::message>{setRequest(501, true, client, 81)});
+  EXPECT_EQ(platform.sent().size(), 1U);
+  EXPECT_EQ(entryAt("1"), listed(changed));
+  EXPECT_EQ(entryAt("2"), noSuchIndex);
+  EXPECT_EQ(entries(), "2");
+
+  platform.forgetSent();
+  EXPECT_EQ(open({}), opened());
+  EXPECT_EQ(requests(lm::cmd::setObject),
+            std::vector<lm::message>{setRequest(501, false, client, 80)})
+      << "it still knows its rule";
+}
+
+TEST_F(PortMapping, DoesNotCountTheEntriesWhenAMappingOnlyChanges) {
+  open({});
+  connection->setVar("PortMappingNumberOfEntries", "77");
+  open({.internalPort = "81"});
+  EXPECT_EQ(entries(), "77");
+}
+
+TEST_F(PortMapping, KeepsAMappingFromAnotherClient) {
+  open({});
+  platform.forgetSent();
+  EXPECT_EQ(open({.internalClient = "192.168.88.11"}), fault(718, "ConflictInMappingEntry"));
+  EXPECT_EQ(ownLog(), "set map 8080->80, 192.168.88.11\naddPortMapping: CONFLICT_IN_ENTRY\n");
+  EXPECT_TRUE(platform.sent().empty());
+  EXPECT_EQ(entryAt("1"), listed({}));
+}
+
+TEST_F(PortMapping, RecordsNothingWhenTheRuleIsRefused) {
+  platform.refuse(natTable, lm::cmd::addObject, "already in use");
+  EXPECT_EQ(open({}), failed);
+  EXPECT_EQ(ownLog(), "add map 8080->80, 192.168.88.10\nadd nat failed: already in use\n");
+  EXPECT_EQ(entryAt("1"), noSuchIndex);
+  EXPECT_EQ(entries(), "0");
+}
+
+TEST_F(PortMapping, RecordsNothingWhenTheNatTableDoesNotAnswer) {
+  platform.ignore(natTable, lm::cmd::addObject);
+  const uint64_t before = platform.clock().now();
+  EXPECT_EQ(open({}), failed);
+  EXPECT_EQ(platform.clock().now() - before, 6000U);
+  EXPECT_EQ(entryAt("1"), noSuchIndex);
+}
+
+TEST_F(PortMapping, KeepsTheMappingAsItWasWhenTheChangeIsRefused) {
+  open({});
+  platform.refuse(natTable, lm::cmd::setObject, "port not allowed");
+  EXPECT_EQ(open({.internalPort = "22", .enabled = "0", .description = "x"}), failed);
+  EXPECT_EQ(ownLog(), "set map 8080->22, 192.168.88.10\nset nat failed: port not allowed\n");
+  EXPECT_EQ(entryAt("1"), listed({}));
+}
+
+TEST_F(PortMapping, ClosesAPort) {
+  open({});
+  open({.protocol = "UDP"});
+  platform.forgetSent();
+  EXPECT_EQ(close("8080", "TCP"), closed());
+  EXPECT_EQ(ownLog(), "del map 8080\n");
+  EXPECT_EQ(requests(lm::cmd::removeObject), std::vector<lm::message>{removeRequest(501)});
+  EXPECT_EQ(platform.sent().size(), 1U);
+  EXPECT_EQ(entries(), "2");
+  EXPECT_EQ(entryOf("8080", "TCP"), noSuchEntry);
+  EXPECT_EQ(entryOf("8080", "UDP"), found({.protocol = "UDP"}));
+}
+
+TEST_F(PortMapping, ClosesAPortWhateverTheRemoteHost) {
+  open({});
+  EXPECT_EQ(close("8080", "TCP", "45.45.45.77"), closed());
+}
+
+TEST_F(PortMapping, DoesNotCloseWhatIsNotOpen) {
+  open({});
+  platform.forgetSent();
+  EXPECT_EQ(close("8081", "TCP"), noSuchEntry);
+  EXPECT_EQ(ownLog(), "deletePortMapping: NO_SUCH_ENTRY\n");
+  EXPECT_EQ(close("8080", "UDP"), noSuchEntry);
+  EXPECT_TRUE(platform.sent().empty());
+  EXPECT_EQ(close("8080", "TCP"), closed());
+  EXPECT_EQ(close("8080", "TCP"), noSuchEntry) << "a second time";
+}
+
+TEST_F(PortMapping, KeepsAMappingWhoseRuleStays) {
+  open({});
+  platform.refuse(natTable, lm::cmd::removeObject, "not permitted");
+  EXPECT_EQ(close("8080", "TCP"), failed);
+  EXPECT_EQ(ownLog(), "del map 8080\nremove nat failed: not permitted\n");
+  EXPECT_EQ(entryAt("1"), listed({}));
+  EXPECT_EQ(entries(), "2");
+}
+
+TEST_F(PortMapping, FindsTheDummyWhetherItIsListedOrNot) {
+  EXPECT_EQ(entryOf("0", "TCP"), found(dummy));
+  connection->setShowDummyRule(false);
+  EXPECT_EQ(entryOf("0", "TCP"), found(dummy));
+  EXPECT_EQ(entryOf("00", "TCP"), noSuchEntry) << "only as it is written";
+  EXPECT_EQ(entryOf("0", "UDP"), noSuchEntry);
+  EXPECT_EQ(entryOf("0", "TCP", "*"), noSuchEntry);
+}
+
+TEST_F(PortMapping, FindsNoMappingForARemoteHost) {
+  open({});
+  EXPECT_EQ(entryOf("8080", "TCP", "*"), noSuchEntry);
+  EXPECT_EQ(entryOf("8080", "TCP", "45.45.45.77"), noSuchEntry);
+  EXPECT_EQ(ownLog(), "");
+}
+
+TEST_F(PortMapping, ReadsAnEmptyPortAsZeroWhereItLooksAMappingUp) {
+  open({.port = "0"});
+  EXPECT_EQ(entryOf("", "TCP"), found({.port = "0"}));
+  EXPECT_EQ(close("", "TCP"), closed());
+  EXPECT_EQ(ownLog(), "del map \n");
+}
+
+TEST_F(PortMapping, CountsTheDummyAsLongAsItIsListed) {
+  open({});
+  EXPECT_EQ(entries(), "2");
+  connection->setShowDummyRule(false);
+  EXPECT_EQ(entries(), "1");
+  connection->setShowDummyRule(true);
+  EXPECT_EQ(entries(), "2");
+  close("8080", "TCP");
+  EXPECT_EQ(entries(), "1");
+  connection->setShowDummyRule(false);
+  EXPECT_EQ(entries(), "0");
+  open({});
+  EXPECT_EQ(entries(), "1");
+}
+
+TEST_F(PortMapping, DoesNotCountAnewWhenTheDummyStaysAsItIs) {
+  connection->setShowDummyRule(true);
+  EXPECT_EQ(entries(), "0");
+  connection->setShowDummyRule(false);
+  EXPECT_EQ(entries(), "0");
+  connection->setVar("PortMappingNumberOfEntries", "77");
+  connection->setShowDummyRule(false);
+  EXPECT_EQ(entries(), "77");
+}
+
+TEST_F(PortMapping, LeavesOpenPortsAtTheAddressTheyWereMadeWith) {
+  open({.port = "1000"});
+  platform.forgetSent();
+  (void)logOf([this] { connection->setExternalIP(strtoip("45.45.45.9")); });
+  EXPECT_TRUE(platform.sent().empty());
+  open({.port = "1000", .internalPort = "81"});
+  EXPECT_EQ(requests(lm::cmd::setObject),
+            std::vector<lm::message>{setRequest(501, false, client, 81)});
+  open({.port = "2000"});
+  EXPECT_EQ(requests(lm::cmd::addObject),
+            std::vector<lm::message>{addRequest(6, 2000, client, 80, false, "45.45.45.9")});
+}
+
+TEST_F(PortMapping, RemovesEveryRuleWhenItGoes) {
+  open({.port = "9000"});
+  open({.port = "80", .protocol = "UDP"});
+  open({.port = "80"});
+  platform.forgetSent();
+  EXPECT_EQ(logOf([this] { connection.reset(); }), "");
+  EXPECT_EQ(requests(lm::cmd::removeObject),
+            (std::vector<lm::message>{removeRequest(503), removeRequest(502), removeRequest(501)}));
+  EXPECT_EQ(platform.sent().size(), 3U);
+}
+
+TEST_F(PortMapping, GoesOnRemovingWhenARuleStays) {
+  open({.port = "80"});
+  open({.port = "81"});
+  open({.port = "82"});
+  platform.forgetSent();
+  platform.onRequest(natTable, lm::cmd::removeObject, [](const lm::message& request) {
+    return request.get_u32(0xfe0001) == 502 ? lm::errorMsg(0xfe0009, "not permitted")
+                                            : lm::message();
+  });
+  EXPECT_EQ(logOf([this] { connection.reset(); }), "on cleanup remove nat failed: not permitted\n");
+  EXPECT_EQ(requests(lm::cmd::removeObject).size(), 3U);
+}
+
+TEST_F(PortMapping, RemembersRuleZeroWhenTheNatTableNamesNone) {
+  platform.answer(natTable, lm::cmd::addObject, {});
+  open({});
+  platform.forgetSent();
+  EXPECT_EQ(close("8080", "TCP"), closed());
+  EXPECT_EQ(requests(lm::cmd::removeObject), std::vector<lm::message>{removeRequest(0)});
+}
+
+TEST_F(PortMapping, GivesADescriptionBackAsItWas) {
+  const Wish wish{.description = "a 'quoted' name; (x) = 1"};
+  open(wish);
+  EXPECT_EQ(entryOf("8080", "TCP"), found(wish));
+}
+
+TEST(PortMapId, OrdersByPortThenByProtocol) {
+  const std::vector<Id> order = {{80, Id::tcp}, {80, Id::udp}, {81, Id::tcp}, {65535, Id::udp}};
+  EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
+  EXPECT_EQ(Id::tcp, 0U);
+  EXPECT_EQ(Id::udp, 1U);
+}
+
+}  // namespace
