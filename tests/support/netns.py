@@ -45,6 +45,13 @@ class Namespace:
         self._fd = made[0]
         self.ip("link", "set", "lo", "up")
 
+    @classmethod
+    def current(cls):
+        """The namespace that the calling thread is in, as it is."""
+        namespace = cls.__new__(cls)
+        namespace._fd = os.open("/proc/thread-self/ns/net", os.O_RDONLY | os.O_CLOEXEC)
+        return namespace
+
     @property
     def path(self):
         """A path to the namespace for other programs, valid until close."""

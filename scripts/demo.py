@@ -1,0 +1,138 @@
+"""What scripts/run does once everything is built.
+
+    demo.py                                  one port's life in a network of namespaces
+    demo.py --internal IF... --external IF   serves real interfaces until Ctrl-C
+"""
+
+import argparse
+import contextlib
+import os
+import pathlib
+import signal
+import sys
+import textwrap
+import time
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests"))
+
+from support.network import (LAN_ADDRESS, LAN_BRIDGE, WAN_ADDRESS, WAN_LINK, Network, exchange_tcp,
+                             exchange_udp, tcp_refused, udp_refused)
+from support.netns import Namespace
+from support.router import CommandFailed, Router
+
+TCP_PORT = 8080
+UDP_PORT = 27015
+UDP_SOURCE = 40001
+
+
+@contextlib.contextmanager
+def step(text):
+    """Says in one line what was done and how long it took."""
+    if sys.stdout.isatty():
+        print(f"   {text} ...", end="\r", flush=True)
+    started = time.monotonic()
+    try:
+        yield
+    except BaseException:
+        print(f"not ok  {text} ({time.monotonic() - started:.1f} s)", flush=True)
+        raise
+    print(f"ok  {text} ({time.monotonic() - started:.1f} s)", flush=True)
+
+
+def expect(true, what):
+    if not true:
+        raise AssertionError(what)
+
+
+def show(title, text):
+    print(f"\n{title}\n{textwrap.indent(text.strip(), '    ')}\n", flush=True)
+
+
+def demonstrate():
+    with contextlib.ExitStack() as undo:
+        with step("made a LAN host, a router and a WAN host in namespaces"):
+            network = undo.enter_context(Network())
+        host, wan = network.lan[0], network.wan
+        with step("started the platform on the router"):
+            router = undo.enter_context(Router(network))
+        with step(f"lumenctl upnp setup --internal {LAN_BRIDGE} --external {WAN_LINK}"):
+            router.set_up()
+        port_life(router, host, wan)
+        with step("ended the gateway and the platform"):
+            expect(router.stop() == 0, "lumend failed at its end")
+        expect(not router.kernel_map(), "the NAT table is still there")
+
+
+def port_life(router, host, wan):
+    with step("upnpc on the LAN host discovered the gateway"):
+        found = host.upnpc("-s", discover=True)
+        expect(f"ExternalIPAddress = {WAN_ADDRESS}" in found, found)
+    with step(f"upnpc opened TCP port {TCP_PORT} and UDP port {UDP_PORT}"):
+        host.upnpc("-a", host.address, "80", str(TCP_PORT), "tcp")
+        host.upnpc("-a", host.address, str(UDP_PORT), str(UDP_PORT), "udp")
+    udp = wan.udp(UDP_SOURCE, to=(WAN_ADDRESS, UDP_PORT))
+    with step(f"bytes from the WAN host came through TCP {WAN_ADDRESS}:{TCP_PORT} and back"):
+        exchange_tcp(wan, WAN_ADDRESS, TCP_PORT, host, 80)
+    with udp, step(f"bytes from the WAN host came through UDP {WAN_ADDRESS}:{UDP_PORT} and back"):
+        exchange_udp(udp, host, UDP_PORT)
+    show("lumenctl status", router.lumenctl("status"))
+    show("nft list table ip lumen", router.kernel_map())
+    with step("upnpc closed both ports"):
+        host.upnpc("-d", str(TCP_PORT), "tcp")
+        host.upnpc("-d", str(UDP_PORT), "udp")
+        expect(not router.ports(), "a port is still open")
+    with step(f"the WAN host is refused on TCP port {TCP_PORT}"):
+        expect(tcp_refused(wan, WAN_ADDRESS, TCP_PORT), "it was let through")
+    with step(f"the WAN host is refused on UDP port {UDP_PORT}, from the same source port too"):
+        for source in (UDP_SOURCE, UDP_SOURCE + 1):
+            with wan.udp(source, to=(WAN_ADDRESS, UDP_PORT)) as late:
+                expect(udp_refused(late), f"it was let through from port {source}")
+
+
+class RealNetwork:
+    """The network that this machine is the router of."""
+
+    def __init__(self):
+        self.router = Namespace.current()
+
+
+def serve(internal, external):
+    """Serves the interfaces of this machine in the foreground, with the log on standard output."""
+    with contextlib.ExitStack() as undo:
+        with step("started the platform"):
+            router = undo.enter_context(Router(RealNetwork(), verbose=True))
+        with step("set up the gateway"):
+            arguments = [word for name in internal for word in ("--internal", name)]
+            router.lumenctl("upnp", "setup", *arguments, "--external", external)
+        show("lumenctl status", router.lumenctl("status"))
+        print(f"Serving. lumenctl --root {router.root} speaks to it; Ctrl-C ends it.", flush=True)
+        router.lumend.wait()
+        raise AssertionError(f"lumend ended with {router.lumend.returncode}")
+
+
+def main():
+    parser = argparse.ArgumentParser(
+        prog="scripts/run",
+        description="Without arguments: shows one port's life in a network of namespaces. With "
+                    "interfaces: serves them in the foreground until Ctrl-C.")
+    parser.add_argument("--internal", metavar="IF", nargs="+", action="extend", default=[],
+                        help="a LAN interface; several are allowed")
+    parser.add_argument("--external", metavar="IF", help="the WAN interface")
+    arguments = parser.parse_args()
+    if bool(arguments.internal) != bool(arguments.external):
+        parser.error("--internal and --external go together")
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
+    try:
+        if arguments.external:
+            serve(arguments.internal, arguments.external)
+        else:
+            demonstrate()
+            print("All steps done; nothing is left behind.")
+    except KeyboardInterrupt:
+        print("\nended by Ctrl-C; nothing is left behind")
+    except (AssertionError, CommandFailed, OSError) as error:
+        sys.exit(f"scripts/run: {error}")
+
+
+if __name__ == "__main__":
+    main()
