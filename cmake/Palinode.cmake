@@ -26,6 +26,10 @@ add_library(palinode_warnings INTERFACE)
 target_compile_options(palinode_warnings INTERFACE
   -Wall -Wextra -Wconversion -Wsign-conversion -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual
   -Wold-style-cast -Werror)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
+  # Wrong about "text" + string when it optimises (GCC bug 105651).
+  target_compile_options(palinode_warnings INTERFACE -Wno-restrict)
+endif()
 target_compile_definitions(palinode_warnings INTERFACE PALINODE_VERSION="${PROJECT_VERSION}")
 if(CMAKE_BUILD_TYPE STREQUAL "Release")
   target_compile_definitions(palinode_warnings INTERFACE _FORTIFY_SOURCE=2)
