@@ -1,0 +1,49 @@
+#include "lumen/services/nat/FlowCleaner.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace lumen {
+
+namespace {
+
+// Milliseconds. Even when a sweep costs nothing, there are at most ten a second.
+constexpr uint64_t leastRest = 100;
+
+// A sweep of 20 ms is followed by a rest of 180 ms.
+constexpr uint64_t restPerSweep = 9;
+
+}  // namespace
+
+FlowCleaner::FlowCleaner(Flows& flows, const OpenPorts& ports, const lm::Clock& clock)
+    : flows_(flows), ports_(ports), clock_(clock) {}
+
+void FlowCleaner::changed(const Endpoint& external) {
+  pending_.insert(external);
+  if (!sweeping_ && !timer_.pending()) schedule();
+}
+
+void FlowCleaner::schedule() {
+  uint64_t now = clock_.now();
+  uint64_t wait = rest_ > now ? rest_ - now : 0;
+  timer_.start<&FlowCleaner::sweep>(*this, static_cast<uint32_t>((wait + 9) / 10));
+}
+
+void FlowCleaner::sweep() {
+  sweeping_ = true;
+  began_ = clock_.now();
+  flows_.sweepUdp(std::exchange(pending_, {}), *this);
+}
+
+bool FlowCleaner::ends(const Flow& flow) {
+  return ports_.udpClient(flow.destination) != flow.responder;
+}
+
+void FlowCleaner::swept() {
+  sweeping_ = false;
+  uint64_t now = clock_.now();
+  rest_ = now + std::max(leastRest, restPerSweep * (now - began_));
+  if (!pending_.empty()) schedule();
+}
+
+}  // namespace lumen

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <optional>
+#include <set>
+
+#include "lumen/runtime/Clock.h"
+#include "lumen/services/system/Flows.h"
+#include "platform/Timer.h"
+
+namespace lumen {
+
+/// Ends UDP flows that go elsewhere than the open ports say. The kernel decides about translation
+/// at a flow's first packet only: without this a flow through a port that was closed lives on as
+/// long as it has packets, and one that knocked at a port before it was opened never gets in. TCP
+/// connections are left alone.
+///
+/// A sweep walks the kernel's whole table, so that a row of changes shares one; sweeps take at most
+/// a tenth of the time.
+class FlowCleaner : private Flows::Sweeper {
+ public:
+  /// What the cleaner must know of the open ports.
+  class OpenPorts {
+   public:
+    virtual ~OpenPorts() = default;
+    /// Where UDP packets to `external` go now; none when the port is not open.
+    [[nodiscard]] virtual std::optional<Endpoint> udpClient(const Endpoint& external) const = 0;
+  };
+
+  /// All must outlive this.
+  FlowCleaner(Flows& flows, const OpenPorts& ports, const lm::Clock& clock);
+  FlowCleaner(const FlowCleaner&) = delete;
+  FlowCleaner& operator=(const FlowCleaner&) = delete;
+
+  /// The UDP port `external` was opened, closed or changed. Its flows are looked at soon, from the
+  /// event loop.
+  void changed(const Endpoint& external);
+
+ private:
+  void schedule();
+  void sweep();
+  bool ends(const Flow& flow) override;
+  void swept() override;
+
+  Flows& flows_;
+  const OpenPorts& ports_;
+  const lm::Clock& clock_;
+  std::set<Endpoint> pending_;  // for the next sweep
+  bool sweeping_ = false;
+  uint64_t began_ = 0;  // of the sweep that is under way or was the last, milliseconds
+  uint64_t rest_ = 0;   // no sweep before this time, milliseconds
+  lm::Timer timer_;
+};
+
+}  // namespace lumen

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "lumen/services/nat/Rule.h"
+#include "lumen/services/system/Nftables.h"
+
+namespace lumen {
+
+/// The open ports as the kernel has them: the elements of the map `forwards` in the nftables table
+/// `ip lumen`. Every operation is one transaction, and costs the same however many there are.
+///
+/// Operations return nothing when they are done, else why not, in one line; then nothing changed.
+class NatMap {
+ public:
+  /// `nftables` must outlive this.
+  explicit NatMap(Nftables& nftables) : nftables_(nftables) {}
+  NatMap(const NatMap&) = delete;
+  NatMap& operator=(const NatMap&) = delete;
+
+  /// Makes the table from the ruleset file at `path`. It must not exist yet; afterwards it is this
+  /// process's own.
+  [[nodiscard]] std::optional<std::string> open(const std::string& path);
+
+  [[nodiscard]] std::optional<std::string> add(const RuleKey& key, const Endpoint& client);
+  [[nodiscard]] std::optional<std::string> remove(const std::vector<RuleKey>& keys);
+  /// Sends what comes for `key` to `client` from now on. The element keeps its counter.
+  [[nodiscard]] std::optional<std::string> change(const RuleKey& key, const Endpoint& client);
+
+ private:
+  [[nodiscard]] std::optional<std::string> run(const std::string& commands);
+
+  Nftables& nftables_;
+};
+
+}  // namespace lumen

@@ -1,0 +1,290 @@
+#include "lumen/services/nat/NatRules.h"
+
+#include <netinet/in.h>
+
+#include <utility>
+#include <vector>
+
+#include "lumen/runtime/Log.h"
+#include "lumen/runtime/Paging.h"
+#include "platform/Keys.h"
+
+namespace lumen {
+
+namespace {
+
+lm::message refuse(const std::string& text) { return lm::errorMsg(lm::errorRefused, text); }
+
+lm::message refuseByKernel(const std::string& what, const RuleKey& key, const std::string& text) {
+  lm::logLine("nat ", what, " failed: ", keyText(key), ": ", text);
+  return refuse("the kernel refused it: " + text);
+}
+
+}  // namespace
+
+NatRules::NatRules(NatMap& map, Flows& flows, const LocalNetworks& networks, PolicyBook& policies,
+                   const lm::Clock& clock)
+    : map_(map),
+      flows_(flows),
+      networks_(networks),
+      policies_(policies),
+      clock_(clock),
+      cleaner_(flows, *this, clock) {}
+
+lm::message NatRules::handle(const Caller& caller, uint32_t command, const lm::message& request) {
+  switch (command) {
+    case lm::cmd::addObject:
+      return add(caller, request);
+    case lm::cmd::setObject:
+      return set(caller, request);
+    case lm::cmd::removeObject:
+      return remove(caller, request);
+    case lm::cmd::list:
+    case lm::cmd::readAll:
+    case lm::cmd::readObject:
+    case lm::cmd::get:
+    case lm::cmd::set:
+      break;
+    default:
+      return refuse("unknown command");
+  }
+  if (!caller.administrator) return refuse("not permitted");
+  switch (command) {
+    case lm::cmd::readObject:
+      return read(request);
+    case lm::cmd::get:
+      return policies_.settings();
+    case lm::cmd::set:
+      return writePolicy(request);
+    default:
+      return list(caller, request);
+  }
+}
+
+void NatRules::connectionEnded(uint64_t connection) {
+  if (listing_ && listing_->reader == connection) listing_.reset();
+  if (everAdded_.erase(connection) == 0) return;
+  std::vector<RuleKey> inKernel;
+  for (auto it = rules_.begin(); it != rules_.end();) {
+    auto next = std::next(it);
+    if (it->second.connection == connection) {
+      if (it->second.inKernel()) inKernel.push_back(it->second.key);
+      erase(it);
+    }
+    it = next;
+  }
+  removeFromKernel(inKernel);
+}
+
+lm::message NatRules::add(const Caller& caller, const lm::message& request) {
+  std::string refusal;
+  auto rule = readRule(request, refusal);
+  if (rule) refusal = addRefusal(*rule);
+  if (!rule || !refusal.empty()) return refuse(refusal);
+
+  rule->connection = caller.connection;
+  rule->owner = caller.name.empty() ? "administrator" : caller.name;
+  rule->addedAt = clock_.now();
+  if (rule->inKernel()) {
+    if (auto error = map_.add(rule->key, rule->client)) {
+      return refuseByKernel("add", rule->key, *error);
+    }
+    flowsMayDiffer(rule->key);
+  }
+  uint32_t id = nextId();
+  insert(id, *rule);
+  everAdded_[caller.connection].add(id);
+  lm::message reply;
+  reply.insert_u32(lm::key::objectId, id);
+  return reply;
+}
+
+lm::message NatRules::set(const Caller& caller, const lm::message& request) {
+  auto it = rules_.find(request.get_u32(lm::key::objectId));
+  if (it == rules_.end()) return refuse("no such object");
+  const Rule& before = it->second;
+  if (before.connection != caller.connection && !caller.administrator) {
+    return refuse("not permitted");
+  }
+  std::string refusal;
+  auto change = readChange(request, refusal);
+  if (!change) return refuse(refusal);
+  if (change->close && !caller.administrator) return refuse("not permitted");
+
+  Rule after = before;
+  after.closed = before.closed || change->close;
+  after.disabled = change->disabled.value_or(before.disabled);
+  after.client.address = change->clientAddress.value_or(before.client.address);
+  after.client.port = change->clientPort.value_or(before.client.port);
+  if (!change->close) refusal = setRefusal(before, after);
+  if (!refusal.empty()) return refuse(refusal);
+  if (auto error = apply(before, after)) return refuseByKernel("change", before.key, *error);
+
+  uint32_t id = it->first;
+  erase(it);
+  insert(id, after);
+  return {};
+}
+
+lm::message NatRules::remove(const Caller& caller, const lm::message& request) {
+  uint32_t id = request.get_u32(lm::key::objectId);
+  auto it = rules_.find(id);
+  if (it == rules_.end()) {
+    // A reply that was lost must not leave its owner with a rule that it cannot get rid of.
+    auto history = everAdded_.find(caller.connection);
+    bool had = history != everAdded_.end() && history->second.contains(id);
+    return had ? lm::message() : refuse("no such object");
+  }
+  const Rule& rule = it->second;
+  if (rule.connection != caller.connection && !caller.administrator) {
+    return refuse("not permitted");
+  }
+  if (rule.inKernel()) {
+    if (auto error = map_.remove({rule.key})) return refuseByKernel("remove", rule.key, *error);
+    flowsMayDiffer(rule.key);
+  }
+  erase(it);
+  return {};
+}
+
+lm::message NatRules::list(const Caller& caller, const lm::message& request) {
+  bool firstPage = request.get_u32(lm::key::cursor, lm::none) == lm::none;
+  if (firstPage || !listing_ || listing_->reader != caller.connection) {
+    listing_ = Listing{.reader = caller.connection, .connections = countConnections()};
+  }
+  lm::message page = lm::pagedAnswer(request, rules_, [this](uint32_t id, const Rule& rule) {
+    return record(id, rule, listing_->connections);
+  });
+  if (page.get_u32(lm::key::cursor, lm::none) == lm::none) listing_.reset();
+  return page;
+}
+
+lm::message NatRules::read(const lm::message& request) {
+  auto it = rules_.find(request.get_u32(lm::key::objectId));
+  if (it == rules_.end()) return refuse("no such object");
+  return record(it->first, it->second, countConnections());
+}
+
+lm::message NatRules::writePolicy(const lm::message& request) {
+  auto error = policies_.write(request);
+  return error ? refuse(*error) : lm::message();
+}
+
+std::string NatRules::addRefusal(const Rule& rule) const {
+  const Policy& policy = policies_.policy();
+  if (!networks_.interfaceOf(rule.key.external.address)) {
+    return "external address " + addressText(rule.key.external.address) +
+           " is not one of this router";
+  }
+  if (auto text = policy.refusal(rule.key, rule.client, networks_); !text.empty()) return text;
+  if (ids_.contains(rule.key)) return keyText(rule.key) + " is already in use";
+  if (rules_.size() >= policy.maxRules) {
+    return "there are " + std::to_string(rules_.size()) + " rules already, the policy allows " +
+           std::to_string(policy.maxRules);
+  }
+  if (clientIsFull(rule.client.address)) {
+    return "internal client " + addressText(rule.client.address) +
+           " has all the rules that the policy allows it, " +
+           std::to_string(policy.maxRulesPerClient);
+  }
+  return {};
+}
+
+// The external address may have left the router since: such a rule keeps working when it is back.
+std::string NatRules::setRefusal(const Rule& before, const Rule& after) const {
+  const Policy& policy = policies_.policy();
+  if (auto text = policy.refusal(after.key, after.client, networks_); !text.empty()) return text;
+  if (after.client.address != before.client.address && clientIsFull(after.client.address)) {
+    return "internal client " + addressText(after.client.address) +
+           " has all the rules that the policy allows it, " +
+           std::to_string(policy.maxRulesPerClient);
+  }
+  return {};
+}
+
+bool NatRules::clientIsFull(uint32_t client) const {
+  auto it = clientRules_.find(client);
+  uint32_t count = it == clientRules_.end() ? 0 : it->second;
+  return count >= policies_.policy().maxRulesPerClient;
+}
+
+std::optional<std::string> NatRules::apply(const Rule& before, const Rule& after) {
+  std::optional<std::string> error;
+  if (!before.inKernel() && !after.inKernel()) return error;
+  if (!before.inKernel()) {
+    error = map_.add(after.key, after.client);
+  } else if (!after.inKernel()) {
+    error = map_.remove({after.key});
+  } else if (before.client != after.client) {
+    error = map_.change(after.key, after.client);
+  } else {
+    return error;
+  }
+  if (!error) flowsMayDiffer(after.key);
+  return error;
+}
+
+void NatRules::removeFromKernel(const std::vector<RuleKey>& keys) {
+  if (auto error = map_.remove(keys)) {
+    lm::logLine("nat remove of ", keys.size(), " rules failed: ", *error);
+    for (const RuleKey& key : keys) {
+      if (auto one = map_.remove({key})) {
+        lm::logLine("nat remove failed: ", keyText(key), ": ", *one);
+      }
+    }
+  }
+  for (const RuleKey& key : keys) flowsMayDiffer(key);
+}
+
+void NatRules::flowsMayDiffer(const RuleKey& key) {
+  if (key.protocol == IPPROTO_UDP) cleaner_.changed(key.external);
+}
+
+void NatRules::insert(uint32_t id, const Rule& rule) {
+  ids_.emplace(rule.key, id);
+  ++clientRules_[rule.client.address];
+  rules_.emplace(id, rule);
+}
+
+void NatRules::erase(Rules::iterator it) {
+  const Rule& rule = it->second;
+  ids_.erase(rule.key);
+  auto count = clientRules_.find(rule.client.address);
+  if (--count->second == 0) clientRules_.erase(count);
+  rules_.erase(it);
+}
+
+uint32_t NatRules::nextId() {
+  do {
+    ++lastId_;
+  } while (lastId_ == 0 || lastId_ == lm::none || rules_.contains(lastId_));
+  return lastId_;
+}
+
+NatRules::Counts NatRules::countConnections() {
+  Counts counts;
+  if (rules_.empty()) return counts;
+  flows_.visitTranslated([&](const Flow& flow) {
+    RuleKey key{.external = flow.destination, .protocol = flow.protocol};
+    if (ids_.contains(key)) ++counts[key];
+  });
+  return counts;
+}
+
+lm::message NatRules::record(uint32_t id, const Rule& rule, const Counts& counts) const {
+  auto connections = counts.find(rule.key);
+  return ruleRecord(id, rule,
+                    {.seconds = (clock_.now() - rule.addedAt) / 1000,
+                     .connections = connections == counts.end() ? 0 : connections->second,
+                     .stale = !networks_.interfaceOf(rule.key.external.address)});
+}
+
+std::optional<Endpoint> NatRules::udpClient(const Endpoint& external) const {
+  auto id = ids_.find(RuleKey{.external = external, .protocol = IPPROTO_UDP});
+  if (id == ids_.end()) return std::nullopt;
+  const Rule& rule = rules_.find(id->second)->second;
+  if (!rule.inKernel()) return std::nullopt;
+  return rule.client;
+}
+
+}  // namespace lumen

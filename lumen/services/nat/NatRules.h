@@ -1,0 +1,85 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+
+#include "lumen/runtime/Clock.h"
+#include "lumen/services/LocalHandler.h"
+#include "lumen/services/nat/FlowCleaner.h"
+#include "lumen/services/nat/IdHistory.h"
+#include "lumen/services/nat/LocalNetworks.h"
+#include "lumen/services/nat/NatMap.h"
+#include "lumen/services/nat/PolicyBook.h"
+#include "lumen/services/nat/Rule.h"
+#include "lumen/services/nat/RuleMessage.h"
+
+namespace lumen {
+
+/// The NAT rule table, handler [20, 5]: the ports that programs have opened. NatKeys.h tells how to
+/// talk to it.
+///
+/// A rule is added, changed or removed in the kernel first and in the table only when that is done.
+/// It belongs to the connection that added it, and goes with it.
+class NatRules : public LocalHandler, private FlowCleaner::OpenPorts {
+ public:
+  /// All must outlive this; `policies` is loaded and `map` open.
+  NatRules(NatMap& map, Flows& flows, const LocalNetworks& networks, PolicyBook& policies,
+           const lm::Clock& clock);
+  NatRules(const NatRules&) = delete;
+  NatRules& operator=(const NatRules&) = delete;
+
+  [[nodiscard]] lm::message handle(const Caller& caller, uint32_t command,
+                                   const lm::message& request) override;
+  void connectionEnded(uint64_t connection) override;
+
+ private:
+  using Rules = std::map<uint32_t, Rule>;
+  using Counts = std::map<RuleKey, uint64_t>;
+
+  /// The connections of all rules, for as long as one reader pages through them.
+  struct Listing {
+    uint64_t reader = 0;
+    Counts connections;
+  };
+
+  [[nodiscard]] lm::message add(const Caller& caller, const lm::message& request);
+  [[nodiscard]] lm::message set(const Caller& caller, const lm::message& request);
+  [[nodiscard]] lm::message remove(const Caller& caller, const lm::message& request);
+  [[nodiscard]] lm::message list(const Caller& caller, const lm::message& request);
+  [[nodiscard]] lm::message read(const lm::message& request);
+  [[nodiscard]] lm::message writePolicy(const lm::message& request);
+
+  [[nodiscard]] std::string addRefusal(const Rule& rule) const;
+  [[nodiscard]] std::string setRefusal(const Rule& before, const Rule& after) const;
+  [[nodiscard]] bool clientIsFull(uint32_t client) const;
+  /// Brings the kernel from `before` to `after`. Returns why not, if so.
+  [[nodiscard]] std::optional<std::string> apply(const Rule& before, const Rule& after);
+  void removeFromKernel(const std::vector<RuleKey>& keys);
+  void flowsMayDiffer(const RuleKey& key);
+
+  void insert(uint32_t id, const Rule& rule);
+  void erase(Rules::iterator it);
+  [[nodiscard]] uint32_t nextId();
+
+  [[nodiscard]] Counts countConnections();
+  [[nodiscard]] lm::message record(uint32_t id, const Rule& rule, const Counts& counts) const;
+  [[nodiscard]] std::optional<Endpoint> udpClient(const Endpoint& external) const override;
+
+  NatMap& map_;
+  Flows& flows_;
+  const LocalNetworks& networks_;
+  PolicyBook& policies_;
+  const lm::Clock& clock_;
+
+  Rules rules_;                               // by id
+  std::map<RuleKey, uint32_t> ids_;           // of all rules, those outside the kernel too
+  std::map<uint32_t, uint32_t> clientRules_;  // how many rules a client has, by its address
+  std::map<uint64_t, IdHistory> everAdded_;   // by connections that have not ended
+  uint32_t lastId_ = 0;
+  std::optional<Listing> listing_;
+  FlowCleaner cleaner_;
+};
+
+}  // namespace lumen

@@ -1,0 +1,189 @@
+#include "lumen/services/nat/Policy.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <charconv>
+
+namespace lumen {
+
+namespace {
+
+// A policy is read by people.
+constexpr size_t maxEntries = 64;
+
+// Above it the table would no longer fit a small router's memory.
+constexpr uint32_t highestLimit = 65536;
+
+constexpr std::string_view connectedWord = "connected";
+
+std::string_view trim(std::string_view text) {
+  constexpr std::string_view blanks = " \t";
+  size_t first = text.find_first_not_of(blanks);
+  if (first == std::string_view::npos) return {};
+  return text.substr(first, text.find_last_not_of(blanks) - first + 1);
+}
+
+std::vector<std::string_view> splitList(std::string_view text) {
+  std::vector<std::string_view> entries;
+  for (;;) {
+    size_t comma = text.find(',');
+    entries.push_back(trim(text.substr(0, comma)));
+    if (comma == std::string_view::npos) return entries;
+    text.remove_prefix(comma + 1);
+  }
+}
+
+// A decimal number without sign, and nothing else.
+std::optional<uint32_t> number(std::string_view text, uint32_t lowest, uint32_t highest) {
+  uint32_t value = 0;
+  auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  if (value < lowest || value > highest) return std::nullopt;
+  return value;
+}
+
+std::string quoted(std::string_view text) { return "\"" + std::string(text) + "\""; }
+
+uint32_t maskOf(uint32_t length) { return length == 0 ? 0 : ~uint32_t{0} << (32 - length); }
+
+// RFC 1122 section 3.2.1.3: neither "this" network, loopback, multicast, reserved nor broadcast.
+bool isUnicastHost(uint32_t address) {
+  uint32_t network = ntohl(address) >> 24;
+  return network != 0 && network != 127 && network < 224;
+}
+
+}  // namespace
+
+std::optional<PortRanges> PortRanges::parse(std::string_view text, std::string& reason) {
+  PortRanges ports;
+  for (std::string_view entry : splitList(text)) {
+    size_t dash = entry.find('-');
+    auto first = number(trim(entry.substr(0, dash)), 1, 65535);
+    auto last =
+        dash == std::string_view::npos ? first : number(trim(entry.substr(dash + 1)), 1, 65535);
+    if (!first || !last || *first > *last) {
+      reason = quoted(entry) + " is neither a port from 1 to 65535 nor a range of ports";
+      return std::nullopt;
+    }
+    ports.ranges_.push_back(
+        {.first = static_cast<uint16_t>(*first), .last = static_cast<uint16_t>(*last)});
+  }
+  if (ports.ranges_.size() > maxEntries) {
+    reason = "more than 64 ranges of ports";
+    return std::nullopt;
+  }
+  return ports;
+}
+
+bool PortRanges::contains(uint16_t port) const {
+  return std::ranges::any_of(
+      ranges_, [port](const Range& range) { return range.first <= port && port <= range.last; });
+}
+
+std::string PortRanges::text() const {
+  std::string result;
+  for (const Range& range : ranges_) {
+    if (!result.empty()) result += ", ";
+    result += std::to_string(range.first);
+    if (range.last != range.first) result += "-" + std::to_string(range.last);
+  }
+  return result;
+}
+
+std::optional<ClientNetworks> ClientNetworks::parse(std::string_view text, std::string& reason) {
+  ClientNetworks clients;
+  for (std::string_view entry : splitList(text)) {
+    if (entry == connectedWord) {
+      clients.connected_ = true;
+      continue;
+    }
+    size_t slash = entry.find('/');
+    std::string dotted(entry.substr(0, slash));
+    in_addr address{};
+    auto length =
+        slash == std::string_view::npos ? uint32_t{32} : number(entry.substr(slash + 1), 0, 32);
+    if (!length || inet_pton(AF_INET, dotted.c_str(), &address) != 1) {
+      reason = quoted(entry) +
+               " is neither \"connected\", an address nor a network like "
+               "192.168.88.0/24";
+      return std::nullopt;
+    }
+    uint32_t host = ntohl(address.s_addr);
+    if ((host & ~maskOf(*length)) != 0) {
+      reason = quoted(entry) + " has bits set behind its prefix";
+      return std::nullopt;
+    }
+    clients.networks_.push_back({.address = host, .length = *length});
+  }
+  if (clients.networks_.size() > maxEntries) {
+    reason = "more than 64 networks";
+    return std::nullopt;
+  }
+  return clients;
+}
+
+bool ClientNetworks::contains(uint32_t host, bool connected) const {
+  if (connected && connected_) return true;
+  return std::ranges::any_of(networks_, [host](const Network& network) {
+    return (ntohl(host) & maskOf(network.length)) == network.address;
+  });
+}
+
+std::string ClientNetworks::text() const {
+  std::string result = connected_ ? std::string(connectedWord) : "";
+  for (const Network& network : networks_) {
+    if (!result.empty()) result += ", ";
+    result += addressText(htonl(network.address));
+    if (network.length != 32) result += "/" + std::to_string(network.length);
+  }
+  return result;
+}
+
+Policy::Policy() {
+  std::string reason;
+  externalPorts = PortRanges::parse("1024-65535", reason).value_or(PortRanges());
+  internalClients = ClientNetworks::parse(connectedWord, reason).value_or(ClientNetworks());
+}
+
+std::optional<std::string> Policy::set(std::string_view name, std::string_view value) {
+  std::string reason;
+  if (name == "external-ports") {
+    auto ports = PortRanges::parse(value, reason);
+    if (!ports) return "external-ports: " + reason;
+    externalPorts = *ports;
+  } else if (name == "internal-clients") {
+    auto clients = ClientNetworks::parse(value, reason);
+    if (!clients) return "internal-clients: " + reason;
+    internalClients = *clients;
+  } else if (name == "max-rules" || name == "max-rules-per-client") {
+    auto limit = number(value, 0, highestLimit);
+    if (!limit) {
+      return std::string(name) + ": " + quoted(value) + " is not a number from 0 to 65536";
+    }
+    (name == "max-rules" ? maxRules : maxRulesPerClient) = *limit;
+  } else {
+    return quoted(name) + " is not a setting";
+  }
+  return std::nullopt;
+}
+
+std::string Policy::refusal(const RuleKey& key, const Endpoint& client,
+                            const LocalNetworks& networks) const {
+  if (!externalPorts.contains(key.external.port)) {
+    return "external port " + std::to_string(key.external.port) + " is not allowed by the policy";
+  }
+  std::string host = "internal client " + addressText(client.address);
+  if (!isUnicastHost(client.address)) return host + " is not the address of a host";
+  if (networks.interfaceOf(client.address)) return host + " is this router";
+  auto side = networks.interfaceTowards(client.address);
+  if (side && side == networks.interfaceOf(key.external.address)) {
+    return host + " is on the side of the external address";
+  }
+  if (!internalClients.contains(client.address, side.has_value())) {
+    return host + " is not allowed by the policy" + (side ? "" : ": it is not directly connected");
+  }
+  return {};
+}
+
+}  // namespace lumen

@@ -1,0 +1,116 @@
+#include "lumen/services/nat/PolicyBook.h"
+
+#include <ini.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <set>
+#include <utility>
+#include <variant>
+
+#include "lumen/runtime/Fields.h"
+#include "lumen/services/nat/KnownFields.h"
+#include "lumen/services/nat/NatKeys.h"
+
+namespace lumen {
+
+namespace {
+
+namespace key = nat::key;
+
+struct Setting {
+  uint32_t field;
+  const char* name;
+};
+constexpr Setting settingsByField[] = {
+    {key::externalPorts, "external-ports"},
+    {key::internalClients, "internal-clients"},
+    {key::maxRules, "max-rules"},
+    {key::maxRulesPerClient, "max-rules-per-client"},
+};
+
+/// What the file's reader collects.
+struct Reading {
+  Policy policy;
+  std::set<std::string, std::less<>> seen;
+  std::string error;  // the first
+};
+
+int takeLine(void* user, const char* section, const char* name, const char* value) {
+  auto& reading = *static_cast<Reading*>(user);
+  if (!reading.error.empty()) return 0;
+  if (*section != '\0') {
+    reading.error = "sections are not used";
+  } else if (!reading.seen.insert(name).second) {
+    reading.error = "\"" + std::string(name) + "\" is set twice";
+  } else if (auto wrong = reading.policy.set(name, value)) {
+    reading.error = *wrong;
+  }
+  return reading.error.empty() ? 1 : 0;
+}
+
+// Applies the fields of `written` to `policy`. Returns what is wrong, if anything is.
+std::optional<std::string> apply(const lm::message& written, Policy& policy) {
+  for (const Setting& setting : settingsByField) {
+    const lm::Value* value = written.fields().find(setting.field);
+    if (value == nullptr) continue;
+    const auto* number = std::get_if<uint32_t>(value);
+    const auto* text = std::get_if<std::string>(value);
+    auto wrong = policy.set(setting.name, number != nullptr ? std::to_string(*number)
+                                          : text != nullptr ? *text
+                                                            : std::string());
+    if (wrong) return wrong;
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+PolicyBook::PolicyBook(std::string filePath, std::string storeDirectory)
+    : filePath_(std::move(filePath)), store_(std::move(storeDirectory), 1) {}
+
+std::optional<std::string> PolicyBook::load() {
+  Reading reading;
+  errno = 0;
+  int line = ini_parse(filePath_.c_str(), takeLine, &reading);
+  if (line < 0 && errno != ENOENT) return filePath_ + ": " + std::strerror(errno);
+  if (line > 0) {
+    return filePath_ + ":" + std::to_string(line) + ": " +
+           (reading.error.empty() ? "not a line of the form name = value" : reading.error);
+  }
+  fromFile_ = reading.policy;
+  policy_ = fromFile_;
+  written_ = store_.get(0).value_or(lm::message());
+  if (auto wrong = apply(written_, policy_)) return "stored NAT policy: " + *wrong;
+  return std::nullopt;
+}
+
+lm::message PolicyBook::settings() const {
+  lm::message result;
+  result.insert_string(key::externalPorts, policy_.externalPorts.text());
+  result.insert_string(key::internalClients, policy_.internalClients.text());
+  result.insert_u32(key::maxRules, policy_.maxRules);
+  result.insert_u32(key::maxRulesPerClient, policy_.maxRulesPerClient);
+  return result;
+}
+
+std::optional<std::string> PolicyBook::write(const lm::message& request) {
+  static constexpr std::array fields = {key::externalPorts, key::internalClients, key::maxRules,
+                                        key::maxRulesPerClient, key::reset};
+  if (auto text = unknownField(request, fields); !text.empty()) return text;
+  lm::message written = request.get_bool(key::reset) ? lm::message() : written_;
+  for (const Setting& setting : settingsByField) {
+    if (const lm::Value* value = request.fields().find(setting.field)) {
+      written.fields().set(setting.field, *value);
+    }
+  }
+  Policy policy = fromFile_;
+  if (auto wrong = apply(written, policy)) return wrong;
+  if (!store_.set(0, written)) return "the policy could not be stored";
+  written_ = std::move(written);
+  policy_ = std::move(policy);
+  return std::nullopt;
+}
+
+}  // namespace lumen

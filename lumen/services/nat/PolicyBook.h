@@ -1,0 +1,43 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "lumen/services/nat/Policy.h"
+#include "platform/Store.h"
+#include "platform/message.h"
+
+namespace lumen {
+
+/// Where the policy is written down: the file of the installation, and over it what an
+/// administrator set by command, which lies in the store.
+class PolicyBook {
+ public:
+  /// `storeDirectory` must exist.
+  PolicyBook(std::string filePath, std::string storeDirectory);
+  PolicyBook(const PolicyBook&) = delete;
+  PolicyBook& operator=(const PolicyBook&) = delete;
+
+  /// Reads both. A file that does not exist leaves the defaults. Returns what is wrong, if anything
+  /// is: a policy that is half understood may open more than it was written to allow.
+  [[nodiscard]] std::optional<std::string> load();
+
+  /// The policy in force.
+  [[nodiscard]] const Policy& policy() const { return policy_; }
+
+  /// The policy in force as the fields of nat::key.
+  [[nodiscard]] lm::message settings() const;
+
+  /// Changes the fields that `request` has, for good, as nat::key says. Returns why not, if so;
+  /// nothing changed then.
+  [[nodiscard]] std::optional<std::string> write(const lm::message& request);
+
+ private:
+  std::string filePath_;
+  lm::Store store_;
+  Policy fromFile_;
+  lm::message written_;  // the stored fields
+  Policy policy_;
+};
+
+}  // namespace lumen

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "lumen/services/system/Flows.h"
+
+namespace lumen {
+
+/// What a rule is known by in the kernel: one protocol's packets to one external endpoint.
+struct RuleKey {
+  Endpoint external;
+  uint8_t protocol = 0;  ///< IPPROTO_TCP or IPPROTO_UDP
+
+  auto operator<=>(const RuleKey&) const = default;
+};
+
+/// One open port.
+struct Rule {
+  RuleKey key;
+  Endpoint client;          ///< where its packets go
+  bool disabled = false;    ///< by its owner
+  bool closed = false;      ///< by the administrator, for good
+  uint64_t connection = 0;  ///< of its owner
+  std::string owner;        ///< service name
+  uint64_t addedAt = 0;     ///< milliseconds of the clock
+
+  [[nodiscard]] bool inKernel() const { return !disabled && !closed; }
+};
+
+/// "45.45.45.1". `address` is in network byte order.
+[[nodiscard]] std::string addressText(uint32_t address);
+/// "tcp" or "udp".
+[[nodiscard]] const char* protocolText(uint8_t protocol);
+/// "tcp port 8080 of 45.45.45.1".
+[[nodiscard]] std::string keyText(const RuleKey& key);
+
+}  // namespace lumen

@@ -1,0 +1,162 @@
+#include "lumen/services/nat/RuleMessage.h"
+
+#include <netinet/in.h>
+
+#include <array>
+
+#include "lumen/runtime/Fields.h"
+#include "lumen/services/nat/KnownFields.h"
+#include "lumen/services/nat/NatKeys.h"
+#include "platform/Keys.h"
+
+namespace lumen {
+
+namespace {
+
+namespace key = nat::key;
+
+constexpr std::array addFields = {
+    lm::key::dynamic,      lm::key::disabled,   key::chain,      key::matchAddress,
+    key::addressFirst,     key::addressLast,    key::matchPort,  key::portFirst,
+    key::portLast,         key::matchProtocol,  key::protocol,   key::action,
+    key::translateAddress, key::clientFirst,    key::clientLast, key::translatePort,
+    key::clientPortFirst,  key::clientPortLast,
+};
+
+constexpr std::array setFields = {
+    lm::key::objectId,    lm::key::disabled,   key::clientFirst, key::clientLast,
+    key::clientPortFirst, key::clientPortLast, key::closed,
+};
+
+bool has(const lm::message& request, uint32_t field) {
+  return request.fields().find(field) != nullptr;
+}
+
+bool isPort(uint32_t number) { return number >= 1 && number <= 65535; }
+
+std::string ruleRefusal(const lm::message& request) {
+  struct Flag {
+    uint32_t field;
+    const char* refusal;
+  };
+  static constexpr Flag flags[] = {
+      {lm::key::dynamic, "only dynamic rules are kept"},
+      {key::matchAddress, "the external address must be matched"},
+      {key::matchPort, "the external port must be matched"},
+      {key::matchProtocol, "the protocol must be matched"},
+      {key::translateAddress, "the address must be translated"},
+      {key::translatePort, "the port must be translated"},
+  };
+  struct Range {
+    uint32_t first;
+    uint32_t last;
+    const char* refusal;
+  };
+  static constexpr Range ranges[] = {
+      {key::addressFirst, key::addressLast, "external address must be one, not a range"},
+      {key::portFirst, key::portLast, "external port must be one, not a range"},
+      {key::clientFirst, key::clientLast, "internal client must be one, not a range"},
+      {key::clientPortFirst, key::clientPortLast, "internal port must be one, not a range"},
+  };
+
+  if (auto text = unknownField(request, addFields); !text.empty()) return text;
+  if (request.get_string(key::chain) != "dstnat") return "chain must be \"dstnat\"";
+  if (request.get_u32(key::action) != nat::actionDnat) return "action must be 22";
+  for (const Flag& flag : flags) {
+    if (!request.get_bool(flag.field)) return flag.refusal;
+  }
+  for (const Range& range : ranges) {
+    if (request.get_u32(range.first) != request.get_u32(range.last)) return range.refusal;
+  }
+  uint32_t protocol = request.get_u32(key::protocol);
+  if (protocol != IPPROTO_TCP && protocol != IPPROTO_UDP) {
+    return "protocol must be 6 (TCP) or 17 (UDP)";
+  }
+  if (!isPort(request.get_u32(key::portFirst))) return "external port must be from 1 to 65535";
+  if (!isPort(request.get_u32(key::clientPortFirst)))
+    return "internal port must be from 1 to 65535";
+  return {};
+}
+
+std::string changeRefusal(const lm::message& request) {
+  if (auto text = unknownField(request, setFields); !text.empty()) return text;
+  if (has(request, key::closed)) {
+    if (!request.get_bool(key::closed)) return "a closed port stays closed";
+    for (uint32_t field : setFields) {
+      if (field == lm::key::objectId || field == key::closed) continue;
+      if (has(request, field)) return "closing a port changes nothing else";
+    }
+  }
+  // An absent end is not the same as an end of 0.
+  if (has(request, key::clientFirst) != has(request, key::clientLast) ||
+      request.get_u32(key::clientFirst) != request.get_u32(key::clientLast)) {
+    return "internal client must be one, not a range";
+  }
+  if (has(request, key::clientPortFirst) != has(request, key::clientPortLast) ||
+      request.get_u32(key::clientPortFirst) != request.get_u32(key::clientPortLast)) {
+    return "internal port must be one, not a range";
+  }
+  if (has(request, key::clientPortFirst) && !isPort(request.get_u32(key::clientPortFirst))) {
+    return "internal port must be from 1 to 65535";
+  }
+  return {};
+}
+
+}  // namespace
+
+std::optional<Rule> readRule(const lm::message& request, std::string& refusal) {
+  refusal = ruleRefusal(request);
+  if (!refusal.empty()) return std::nullopt;
+  Rule rule;
+  rule.key = {.external = {.address = request.get_be32(key::addressFirst),
+                           .port = static_cast<uint16_t>(request.get_u32(key::portFirst))},
+              .protocol = static_cast<uint8_t>(request.get_u32(key::protocol))};
+  rule.client = {.address = request.get_be32(key::clientFirst),
+                 .port = static_cast<uint16_t>(request.get_u32(key::clientPortFirst))};
+  rule.disabled = request.get_bool(lm::key::disabled);
+  return rule;
+}
+
+std::optional<RuleChange> readChange(const lm::message& request, std::string& refusal) {
+  refusal = changeRefusal(request);
+  if (!refusal.empty()) return std::nullopt;
+  RuleChange change;
+  if (has(request, lm::key::disabled)) change.disabled = request.get_bool(lm::key::disabled);
+  if (has(request, key::clientFirst)) change.clientAddress = request.get_be32(key::clientFirst);
+  if (has(request, key::clientPortFirst)) {
+    change.clientPort = static_cast<uint16_t>(request.get_u32(key::clientPortFirst));
+  }
+  change.close = request.get_bool(key::closed);
+  return change;
+}
+
+lm::message ruleRecord(uint32_t id, const Rule& rule, const RuleStatus& status) {
+  lm::message record;
+  record.insert_bool(lm::key::dynamic, true);
+  record.insert_bool(lm::key::disabled, rule.disabled);
+  record.insert_string(key::chain, "dstnat");
+  record.insert_bool(key::matchAddress, true);
+  record.insert_be32(key::addressFirst, rule.key.external.address);
+  record.insert_be32(key::addressLast, rule.key.external.address);
+  record.insert_bool(key::matchPort, true);
+  record.insert_u32(key::portFirst, rule.key.external.port);
+  record.insert_u32(key::portLast, rule.key.external.port);
+  record.insert_bool(key::matchProtocol, true);
+  record.insert_u32(key::protocol, rule.key.protocol);
+  record.insert_u32(key::action, nat::actionDnat);
+  record.insert_bool(key::translateAddress, true);
+  record.insert_be32(key::clientFirst, rule.client.address);
+  record.insert_be32(key::clientLast, rule.client.address);
+  record.insert_bool(key::translatePort, true);
+  record.insert_u32(key::clientPortFirst, rule.client.port);
+  record.insert_u32(key::clientPortLast, rule.client.port);
+  record.insert_u32(lm::key::objectId, id);
+  record.insert_string(key::owner, rule.owner);
+  record.insert_u64(key::seconds, status.seconds);
+  record.insert_u64(key::connections, status.connections);
+  record.insert_bool(key::stale, status.stale);
+  record.insert_bool(key::closed, rule.closed);
+  return record;
+}
+
+}  // namespace lumen

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "lumen/services/nat/Rule.h"
+#include "platform/message.h"
+
+namespace lumen {
+
+/// The rule that an add request asks for: its key, client and disabled flag. None when it is not
+/// one that the table can hold; `refusal` then says why. Whether the router has the address and
+/// the policy allows it is not looked at.
+[[nodiscard]] std::optional<Rule> readRule(const lm::message& request, std::string& refusal);
+
+/// What a set request changes. A field that is absent stays as it is.
+struct RuleChange {
+  std::optional<bool> disabled;
+  std::optional<uint32_t> clientAddress;  ///< network byte order
+  std::optional<uint16_t> clientPort;
+  bool close = false;  ///< then nothing else is present
+};
+
+/// None, and why in `refusal`, when the request says something else.
+[[nodiscard]] std::optional<RuleChange> readChange(const lm::message& request,
+                                                   std::string& refusal);
+
+/// What a record tells of a rule beside the rule itself.
+struct RuleStatus {
+  uint64_t seconds = 0;
+  uint64_t connections = 0;
+  bool stale = false;
+};
+
+/// The rule as it is listed: the fields of the add request in their order, then the others.
+[[nodiscard]] lm::message ruleRecord(uint32_t id, const Rule& rule, const RuleStatus& status);
+
+}  // namespace lumen
