@@ -39,9 +39,10 @@ short conditions(int fd, short wanted) {
 }
 
 /// Whether waiting for `flags` of `fd` would end at once for no other reason than that the peer is
-/// gone. Takes nothing from the socket, neither bytes nor a pending error.
+/// gone, or the descriptor itself. Takes nothing from it, neither bytes nor a pending error.
 bool isSpent(int fd, unsigned flags) {
   const short seen = conditions(fd, POLLRDHUP);
+  if (seen & POLLNVAL) return true;
   if ((flags & watchRead) == 0) return (seen & (POLLHUP | POLLERR)) != 0;
   if ((seen & (POLLRDHUP | POLLHUP | POLLERR)) == 0) return false;
   int unread = 0;
@@ -95,6 +96,10 @@ class EventLoop::State {
   };
 
   static void becameReady(struct ev_loop* loop, ev_io* io, int events);
+  static void waitedLongEnough(struct ev_loop*, ev_timer*, int) {}
+  static void registersAnew(struct ev_loop* loop, ev_fork* fork, int events);
+  void start(Watch& watch);
+  void dropClosed(int fd);
   [[nodiscard]] Watch* find(const Ready& ready);
   void dispatchListeners();
   void dispatchListener(const Ready& ready);
@@ -103,21 +108,26 @@ class EventLoop::State {
 
   struct ev_loop* ev_;
   ev_timer limit_{};              // ends a wait
+  ev_fork anew_{};                // tells that libev is about to register all descriptors anew
   std::map<int, Watch> watches_;  // libev knows the addresses of its elements
   std::vector<Ready> listeners_;  // those that are not paused
   std::vector<int> paused_;
+  std::vector<int> started_;  // libev registers them at the next wait
   std::vector<Ready> ready_;  // noted by the last wait, listeners left out
   uint64_t lastSerial_ = 0;
 };
 
 EventLoop::State::State(const Clock& time) : clock(time), ev_(ev_loop_new(loopFlags)) {
   if (!ev_) fatal("event loop: ", strerror(errno));
-  ev_timer_init(
-      &limit_, [](struct ev_loop*, ev_timer*, int) {}, 0., 0.);
+  ev_init(&limit_, &State::waitedLongEnough);
+  ev_fork_init(&anew_, &State::registersAnew);
+  anew_.data = this;
+  ev_fork_start(ev_, &anew_);
 }
 
 EventLoop::State::~State() {
   for (auto& [fd, watch] : watches_) ev_io_stop(ev_, &watch.io);
+  ev_fork_stop(ev_, &anew_);
   ev_loop_destroy(ev_);
 }
 
@@ -130,11 +140,16 @@ void EventLoop::State::add(int fd, void* owner, SocketCallback callback, unsigne
   watch.flags = flags;
   watch.serial = ++lastSerial_;
   watch.listening = isListening(fd);
-  if (watch.listening) listeners_.push_back({fd, watch.serial, watchRead});
   const int events = ((flags & watchRead) ? EV_READ : 0) | ((flags & watchWrite) ? EV_WRITE : 0);
   ev_io_init(&watch.io, &State::becameReady, fd, events);
   watch.io.data = this;
+  start(watch);
+}
+
+void EventLoop::State::start(Watch& watch) {
   ev_io_start(ev_, &watch.io);
+  started_.push_back(watch.io.fd);
+  if (watch.listening) listeners_.push_back({watch.io.fd, watch.serial, watchRead});
 }
 
 void EventLoop::State::remove(int fd) {
@@ -152,6 +167,8 @@ void EventLoop::State::wait(std::optional<uint64_t> longest) {
     const uint64_t left = *due > now ? *due - now : 0;
     longest = longest ? std::min(*longest, left) : left;
   }
+  // Registering a closed descriptor is more than libev takes.
+  for (int fd : std::exchange(started_, {})) dropClosed(fd);
   ready_.clear();
   if (longest == 0) {
     ev_run(ev_, EVRUN_NOWAIT);
@@ -171,8 +188,7 @@ void EventLoop::State::becameReady(struct ev_loop*, ev_io* io, int events) {
   auto* self = static_cast<State*>(io->data);
   const int fd = io->fd;
   if (events & EV_ERROR) {
-    logLine("event loop: descriptor ", fd, " is closed but watched");
-    self->remove(fd);
+    self->dropClosed(fd);
     return;
   }
   const Watch& watch = self->watches_[fd];
@@ -180,6 +196,20 @@ void EventLoop::State::becameReady(struct ev_loop*, ev_io* io, int events) {
   const unsigned flags =
       ((events & EV_READ) ? watchRead : 0) | ((events & EV_WRITE) ? watchWrite : 0);
   self->ready_.push_back({fd, watch.serial, flags});
+}
+
+/// libev does so when it gets events of a descriptor that was closed here and is open elsewhere.
+void EventLoop::State::registersAnew(struct ev_loop*, ev_fork* fork, int) {
+  auto* self = static_cast<State*>(fork->data);
+  std::vector<int> all;
+  for (const auto& [fd, watch] : self->watches_) all.push_back(fd);
+  for (int fd : all) self->dropClosed(fd);
+}
+
+void EventLoop::State::dropClosed(int fd) {
+  if (!watches_.contains(fd) || fcntl(fd, F_GETFD) >= 0) return;
+  logLine("event loop: descriptor ", fd, " was closed while watched");
+  remove(fd);
 }
 
 EventLoop::State::Watch* EventLoop::State::find(const Ready& ready) {
@@ -245,8 +275,7 @@ void EventLoop::State::endPauses() {
     Watch& watch = watches_[fd];
     if (watch.pausedUntil > now) return false;
     watch.pausedUntil = 0;
-    ev_io_start(ev_, &watch.io);
-    if (watch.listening) listeners_.push_back({fd, watch.serial, watchRead});
+    start(watch);
     return true;
   });
 }

@@ -1,0 +1,296 @@
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <vector>
+
+#include "runtime/LoopTest.h"
+
+namespace lm {
+namespace {
+
+using test::SocketPair;
+using test::TcpListener;
+
+/// Clients that come one by one to a socket with the shortest queue.
+class Listeners : public test::LoopTest {
+ protected:
+  void clientConnects() {
+    clients_.push_back(listener_.connect());
+    ASSERT_TRUE(test::waitFor(listener_.fd.get(), POLLIN));
+  }
+  void acceptOne() {
+    Fd client(accept4(listener_.fd.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    if (client.valid()) accepted_.push_back(std::move(client));
+  }
+  Probe& acceptingWatch() {
+    Probe& p = watch("listener", listener_.fd.get());
+    p.then = [this] { acceptOne(); };
+    return p;
+  }
+
+  TcpListener listener_{16};
+  std::vector<Fd> clients_;
+  std::vector<Fd> accepted_;
+  SocketPair a_{SOCK_STREAM};
+  SocketPair b_{SOCK_STREAM};
+};
+
+TEST_F(Listeners, AreLookedAtFirst) {
+  watch("a", a_.ours.get());
+  acceptingWatch();
+  test::writeText(a_.peer.get(), "x");
+  clientConnects();
+  turn();
+  EXPECT_EQ(calls(), (Names{"listener", "a"}));
+}
+
+TEST_F(Listeners, AreLookedAtBetweenAnyTwoOtherCallbacks) {
+  acceptingWatch();
+  for (SocketPair* pair : {&a_, &b_}) {
+    watch("other", pair->ours.get()).then = [this] { clientConnects(); };
+    test::writeText(pair->peer.get(), "x");
+  }
+  timer("timer", 0).then = [this] { clientConnects(); };
+  timer("timer", 0);
+  turn();
+  EXPECT_EQ(calls(),
+            (Names{"other", "listener", "other", "listener", "timer", "listener", "timer"}));
+  EXPECT_EQ(accepted_.size(), 3U);
+}
+
+TEST_F(Listeners, AreNotHeldUpWhileTheirCallbackAccepts) {
+  acceptingWatch();
+  for (int i = 0; i < 10; ++i) clientConnects();
+  turns(10);
+  EXPECT_EQ(accepted_.size(), 10U);
+}
+
+TEST_F(Listeners, ThatAcceptNothingAreDispatchedTenTimesASecond) {
+  watch("listener", listener_.fd.get());
+  clientConnects();
+  turns(50);
+  EXPECT_EQ(calls().size(), 2U) << "at once the first time that nothing was accepted";
+  EXPECT_EQ(loop_.nextDue(), clock_.now() + 100);
+  for (int i = 0; i < 10; ++i) {
+    clock_.advance(100);
+    turns(50);
+  }
+  EXPECT_EQ(calls().size(), 10U);
+}
+
+TEST_F(Listeners, AreAtFullSpeedAgainOnceTheyAccept) {
+  Probe& p = watch("listener", listener_.fd.get());
+  clientConnects();
+  turns(5);
+  calls();
+  p.then = [this] { acceptOne(); };
+  clock_.advance(100);
+  turn();
+  EXPECT_EQ(accepted_.size(), 1U);
+  clientConnects();
+  turn();
+  clientConnects();
+  turn();
+  EXPECT_EQ(accepted_.size(), 3U);
+}
+
+TEST_F(Listeners, DoNotSpinWhenDescriptorsHaveRunOut) {
+  acceptingWatch();
+  clientConnects();
+  rlimit usual{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
+  const Fd free(dup(a_.ours.get()));
+  const rlimit none{static_cast<rlim_t>(free.get()), usual.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+  turns(50);
+  EXPECT_EQ(calls().size(), 2U);
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &usual), 0);
+  clock_.advance(100);
+  turn();
+  EXPECT_EQ(accepted_.size(), 1U);
+}
+
+TEST_F(Listeners, ACallbackMayEndAnotherListener) {
+  TcpListener other(16);
+  const Fd client = other.connect();
+  ASSERT_TRUE(test::waitFor(other.fd.get(), POLLIN));
+  clientConnects();
+  watch("listener", listener_.fd.get()).then = [&] { removeSocket(other.fd.get()); };
+  watch("listener", other.fd.get()).then = [&] { removeSocket(listener_.fd.get()); };
+  turn();
+  EXPECT_EQ(calls().size(), 1U);
+}
+
+class Peers : public test::LoopTest {
+ protected:
+  SocketPair pair_{SOCK_STREAM};
+};
+
+TEST_F(Peers, ThatAreGoneDoNotKeepTheLoopBusy) {
+  watch("a", pair_.ours.get());
+  pair_.peer.reset();
+  turns(50);
+  EXPECT_EQ(calls().size(), 2U);
+  for (int i = 0; i < 10; ++i) {
+    clock_.advance(100);
+    turns(50);
+  }
+  EXPECT_EQ(calls().size(), 10U);
+}
+
+TEST_F(Peers, ThatAreGoneAreSeenAtOnceAfterTheirLastBytes) {
+  watch("a", pair_.ours.get()).then = [this] {
+    char byte = 0;
+    (void)!read(pair_.ours.get(), &byte, 1);
+  };
+  test::writeText(pair_.peer.get(), "xxxxxxxxxx");
+  pair_.peer.reset();
+  turns(11);
+  EXPECT_EQ(calls().size(), 11U);
+}
+
+TEST_F(Peers, ThatOnlyStoppedSendingDoNotSlowAWriter) {
+  watch("a", pair_.ours.get(), watchWrite);
+  ASSERT_EQ(shutdown(pair_.peer.get(), SHUT_WR), 0);
+  turns(20);
+  EXPECT_EQ(calls().size(), 20U);
+  pair_.peer.reset();
+  turns(20);
+  EXPECT_EQ(calls().size(), 2U);
+}
+
+TEST_F(Peers, KeepTheirErrorForTheOwnerOfTheSocket) {
+  TcpListener listener(4);
+  const Fd client = listener.connect();
+  ASSERT_TRUE(test::waitFor(listener.fd.get(), POLLIN));
+  Fd served(accept4(listener.fd.get(), nullptr, nullptr, SOCK_CLOEXEC));
+  const linger resetAtClose{1, 0};
+  setsockopt(served.get(), SOL_SOCKET, SO_LINGER, &resetAtClose, sizeof resetAtClose);
+  served.reset();
+  ASSERT_TRUE(test::waitFor(client.get(), POLLERR));
+  watch("client", client.get());
+  turns(10);
+  EXPECT_EQ(calls().size(), 2U);
+  char byte = 0;
+  EXPECT_EQ(read(client.get(), &byte, 1), -1);
+  EXPECT_EQ(errno, ECONNRESET);
+}
+
+TEST_F(Peers, MaySendEmptyDatagrams) {
+  SocketPair datagrams(SOCK_DGRAM);
+  watch("a", datagrams.ours.get()).then = [&] {
+    char byte = 0;
+    (void)recv(datagrams.ours.get(), &byte, 1, 0);
+  };
+  for (int i = 0; i < 10; ++i) ASSERT_EQ(send(datagrams.peer.get(), "", 0, 0), 0);
+  turns(10);
+  EXPECT_EQ(calls().size(), 10U);
+}
+
+class ClosedDescriptors : public test::LoopTest {
+ protected:
+  /// Whether a turn waits as long as it may, which it cannot when the kernel reports something.
+  bool isQuiet() {
+    loop_.turn(0);
+    const auto start = std::chrono::steady_clock::now();
+    loop_.turn(30);
+    return std::chrono::steady_clock::now() - start >= std::chrono::milliseconds(25);
+  }
+
+  SocketPair pair_{SOCK_STREAM};
+};
+
+TEST_F(ClosedDescriptors, ThatAreStillWatchedAreQuiet) {
+  watch("closed", pair_.ours.get());
+  test::writeText(pair_.peer.get(), "x");
+  pair_.ours.reset();
+  EXPECT_TRUE(isQuiet());
+  EXPECT_EQ(calls(), Names{});
+}
+
+TEST_F(ClosedDescriptors, MayBeRemovedAfterwards) {
+  const int number = pair_.ours.get();
+  watch("closed", number);
+  pair_.ours.reset();
+  removeSocket(number);
+  EXPECT_TRUE(isQuiet());
+}
+
+TEST_F(ClosedDescriptors, GiveTheirNumberToOthers) {
+  const int number = pair_.ours.get();
+  watch("closed", number);
+  turn();
+  pair_.ours.reset();
+  SocketPair other(SOCK_STREAM);
+  ASSERT_EQ(dup2(other.ours.get(), number), number);
+  const Fd sameNumber(number);
+  watch("other", number);
+  EXPECT_TRUE(isQuiet());
+  test::writeText(other.peer.get(), "x");
+  turn();
+  EXPECT_EQ(calls(), Names{"other"});
+}
+
+TEST_F(ClosedDescriptors, ThatSomebodyElseHoldsOpenDoNotKeepTheLoopBusy) {
+  const Fd elsewhere(dup(pair_.ours.get()));  // as a child process would
+  watch("closed", pair_.ours.get());
+  turn();
+  test::writeText(pair_.peer.get(), "x");
+  pair_.ours.reset();
+  for (int i = 0; i < 10; ++i) {
+    turns(10);
+    clock_.advance(100);
+  }
+  EXPECT_LE(calls().size(), 3U);
+  EXPECT_TRUE(isQuiet());
+}
+
+TEST_F(ClosedDescriptors, ThatSomebodyElseHoldsOpenAreQuietOnceRemoved) {
+  const Fd elsewhere(dup(pair_.ours.get()));
+  const int number = pair_.ours.get();
+  watch("closed", number);
+  turn();
+  test::writeText(pair_.peer.get(), "x");
+  pair_.ours.reset();
+  removeSocket(number);
+  turns(3);
+  EXPECT_EQ(calls(), Names{});
+  EXPECT_TRUE(isQuiet());
+}
+
+TEST_F(ClosedDescriptors, OfSeveralOwnersDoNoHarmTogether) {
+  SocketPair silent(SOCK_STREAM);
+  SocketPair open(SOCK_STREAM);
+  const Fd elsewhere(dup(pair_.ours.get()));
+  watch("closed", pair_.ours.get());
+  watch("silent", silent.ours.get());
+  watch("open", open.ours.get());
+  turn();
+  test::writeText(pair_.peer.get(), "x");
+  silent.ours.reset();
+  const int number = pair_.ours.get();
+  pair_.ours.reset();
+  removeSocket(number);
+  turns(3);
+  EXPECT_TRUE(isQuiet());
+  test::writeText(open.peer.get(), "x");
+  turn();
+  EXPECT_EQ(calls(), Names{"open"});
+}
+
+TEST_F(ClosedDescriptors, AreRefusedByANewWatch) {
+  const int number = pair_.ours.get();
+  pair_.ours.reset();
+  watch("closed", number);
+  EXPECT_TRUE(isQuiet());
+  EXPECT_EQ(calls(), Names{});
+}
+
+}  // namespace
+}  // namespace lm

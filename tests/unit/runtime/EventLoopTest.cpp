@@ -1,0 +1,249 @@
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <chrono>
+#include <memory>
+#include <optional>
+
+#include "lumen/runtime/EventLoop.h"
+#include "platform/Timer.h"
+#include "platform/Watch.h"
+#include "runtime/LoopTest.h"
+
+namespace lm {
+namespace {
+
+using test::SocketPair;
+
+class Timers : public test::LoopTest {};
+
+TEST_F(Timers, FireOnceAtTheirTimeInOrder) {
+  timer("late", 30);
+  timer("early", 10);
+  timer("early too", 10);
+  clock_.advance(99);
+  turn();
+  EXPECT_EQ(calls(), Names{});
+  clock_.advance(1);
+  turn();
+  EXPECT_EQ(calls(), (Names{"early", "early too"}));
+  clock_.advance(100'000);
+  turns(2);
+  EXPECT_EQ(calls(), Names{"late"});
+}
+
+TEST_F(Timers, AddingAPendingOneSetsItsDelayAnew) {
+  Probe& p = timer("t", 10);
+  clock_.advance(90);
+  addTimer<&Probe::due>(p, 10);
+  clock_.advance(90);
+  turn();
+  EXPECT_EQ(calls(), Names{});
+  clock_.advance(10);
+  turn();
+  EXPECT_EQ(calls(), Names{"t"});
+}
+
+TEST_F(Timers, TheLongestDelayDoesNotWrap) {
+  timer("t", 0xFFFFFFFF);
+  clock_.advance(0xFFFFFFFFULL * 10 - 1);
+  turn();
+  EXPECT_EQ(calls(), Names{});
+  clock_.advance(1);
+  turn();
+  EXPECT_EQ(calls(), Names{"t"});
+}
+
+TEST_F(Timers, OneThatIsStartedByACallbackWaitsForTheNextTurn) {
+  Probe& p = timer("t", 0);
+  p.then = [&p] { addTimer<&Probe::due>(p, 0); };
+  turn();
+  EXPECT_EQ(calls(), Names{"t"});
+  turn();
+  EXPECT_EQ(calls(), Names{"t"});
+}
+
+struct Owner {
+  void due() {
+    ++*fired;
+    if (victim) victim->reset();
+  }
+
+  int* fired = nullptr;
+  std::unique_ptr<Owner>* victim = nullptr;
+  Timer timer;
+};
+
+TEST_F(Timers, ACallbackMayDestroyItsOwnerAndOthersThatAreDue) {
+  int fired = 0;
+  auto first = std::make_unique<Owner>();
+  auto second = std::make_unique<Owner>();
+  auto third = std::make_unique<Owner>();
+  first->fired = second->fired = third->fired = &fired;
+  first->victim = &second;
+  third->victim = &third;
+  first->timer.start<&Owner::due>(*first, 1);
+  second->timer.start<&Owner::due>(*second, 1);
+  third->timer.start<&Owner::due>(*third, 1);
+  clock_.advance(10);
+  turn();
+  EXPECT_EQ(fired, 2);
+  EXPECT_FALSE(second);
+  EXPECT_FALSE(third);
+}
+
+TEST_F(Timers, TenThousandCostNoMoreEachThanAHundred) {
+  std::vector<Owner> few(100);
+  std::vector<Owner> many(10'000);
+  const auto cost = [](std::vector<Owner>& owners) {
+    const auto start = std::chrono::steady_clock::now();
+    for (int round = 0; round < 3; ++round) {
+      for (Owner& owner : owners) owner.timer.start<&Owner::due>(owner, 100);
+    }
+    for (Owner& owner : owners) owner.timer.stop();
+    return (std::chrono::steady_clock::now() - start) / static_cast<int>(owners.size());
+  };
+  const auto small = cost(few);
+  EXPECT_LT(cost(many), 20 * small + std::chrono::microseconds(20));
+}
+
+TEST_F(Timers, AWaitEndsWhenTheNextOneIsDue) {
+  timer("t", 3);
+  const auto start = std::chrono::steady_clock::now();
+  loop_.turn(std::nullopt);  // the clock that the test moves stands still meanwhile
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(25));
+  EXPECT_EQ(loop_.nextDue(), clock_.now() + 30);
+  clock_.advance(30);
+  turn();
+  EXPECT_EQ(calls(), Names{"t"});
+}
+
+class Watches : public test::LoopTest {
+ protected:
+  SocketPair a_{SOCK_STREAM};
+  SocketPair b_{SOCK_STREAM};
+};
+
+TEST_F(Watches, CallBackOnceATurnAsLongAsTheDescriptorIsReady) {
+  watch("a", a_.ours.get());
+  turn();
+  EXPECT_EQ(calls(), Names{});
+  test::writeText(a_.peer.get(), "x");
+  turn();
+  EXPECT_EQ(calls(), Names{"a"});
+  turn();
+  EXPECT_EQ(calls(), Names{"a"});
+  test::readAvailable(a_.ours.get());
+  turn();
+  EXPECT_EQ(calls(), Names{});
+}
+
+TEST_F(Watches, TellWhichConditionIsMet) {
+  Probe& p = watch("a", a_.ours.get(), watchRead | watchWrite);
+  turn();
+  EXPECT_EQ(p.flags, watchWrite);
+  test::writeText(a_.peer.get(), "x");
+  turn();
+  EXPECT_EQ(p.flags, watchRead | watchWrite);
+}
+
+TEST_F(Watches, OnlyTheConditionsThatWereAskedForCount) {
+  watch("a", a_.ours.get(), watchRead);
+  turn();
+  EXPECT_EQ(calls(), Names{});
+}
+
+TEST_F(Watches, ADescriptorOfMinusOneIsIgnored) {
+  watch("none", -1);
+  removeSocket(-1);
+  turn();
+  EXPECT_EQ(calls(), Names{});
+}
+
+TEST_F(Watches, ANewOneReplacesTheOldOne) {
+  watch("old", a_.ours.get());
+  watch("new", a_.ours.get());
+  test::writeText(a_.peer.get(), "x");
+  turn();
+  EXPECT_EQ(calls(), Names{"new"});
+}
+
+TEST_F(Watches, ARemovedOneIsNotCalledEvenIfItWasReadyInThisTurn) {
+  Probe& a = watch("a", a_.ours.get());
+  Probe& b = watch("b", b_.ours.get());
+  a.then = [this] { removeSocket(b_.ours.get()); };
+  b.then = [this] { removeSocket(a_.ours.get()); };
+  test::writeText(a_.peer.get(), "x");
+  test::writeText(b_.peer.get(), "x");
+  turns(3);
+  const Names names = calls();
+  EXPECT_EQ(names.size(), 3U);
+  EXPECT_EQ(Names(3, names.front()), names);
+}
+
+TEST_F(Watches, ADescriptorNumberThatIsUsedAgainInTheSameTurnIsNotTakenForTheOldOne) {
+  std::optional<SocketPair> fresh;
+  const auto reuse = [&](SocketPair& other) {
+    return [this, &other, &fresh] {
+      const int number = other.ours.get();
+      removeSocket(number);
+      other.ours.reset();
+      fresh.emplace(SOCK_STREAM);
+      if (fresh->ours.get() != number) {
+        ASSERT_EQ(dup2(fresh->ours.get(), number), number);
+        fresh->ours.reset(number);
+      }
+      watch("fresh", number);
+    };
+  };
+  watch("a", a_.ours.get()).then = reuse(b_);
+  watch("b", b_.ours.get()).then = reuse(a_);
+  test::writeText(a_.peer.get(), "x");
+  test::writeText(b_.peer.get(), "x");
+  turn();
+  EXPECT_EQ(calls().size(), 1U) << "the fresh one has nothing to read";
+  test::writeText(fresh->peer.get(), "x");
+  turn();
+  const Names names = calls();
+  EXPECT_NE(std::find(names.begin(), names.end(), "fresh"), names.end());
+}
+
+TEST_F(Watches, ACallbackMayDestroyItsOwner) {
+  struct Connection {
+    void ready(int) {
+      ++*calls;
+      self->reset();
+    }
+    int* calls;
+    std::unique_ptr<Connection>* self;
+    SocketPair pair{SOCK_STREAM};
+    Watch watch;
+  };
+  int calls = 0;
+  auto connection = std::make_unique<Connection>();
+  connection->calls = &calls;
+  connection->self = &connection;
+  connection->watch.start<&Connection::ready>(connection->pair.ours.get(), *connection, watchRead);
+  test::writeText(connection->pair.peer.get(), "x");
+  turns(2);
+  EXPECT_EQ(calls, 1);
+  EXPECT_FALSE(connection);
+}
+
+TEST_F(Watches, ATurnEndsWithTheTimersThatAreDue) {
+  timer("timer", 0);
+  watch("a", a_.ours.get());
+  test::writeText(a_.peer.get(), "x");
+  turn();
+  EXPECT_EQ(calls(), (Names{"a", "timer"}));
+}
+
+TEST_F(Watches, EndTheirWaitWhenTheDescriptorIsReady) {
+  watch("a", a_.ours.get());
+  test::writeText(a_.peer.get(), "x");
+  loop_.turn(std::nullopt);
+  EXPECT_EQ(calls(), Names{"a"});
+}
+
+}  // namespace
+}  // namespace lm

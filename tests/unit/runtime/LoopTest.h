@@ -1,0 +1,74 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "lumen/runtime/EventLoop.h"
+#include "support/ManualClock.h"
+#include "support/Sockets.h"
+
+namespace lm::test {
+
+/// An event loop on a clock that the test moves, with callbacks that note their names.
+class LoopTest : public testing::Test {
+ protected:
+  /// Something that waits for a descriptor or a timer; `then` is done when it is called.
+  struct Probe {
+    std::string name;
+    std::vector<std::string>* calls = nullptr;
+    std::function<void()> then;
+    unsigned flags = 0;  // of the last call
+
+    void ready(int, unsigned readyFlags) {
+      flags = readyFlags;
+      called();
+    }
+    void due() { called(); }
+    void called() {
+      calls->push_back(name);
+      if (then) then();
+    }
+  };
+
+  Probe& probe(const std::string& name) {
+    probes_.push_back(std::make_unique<Probe>());
+    probes_.back()->name = name;
+    probes_.back()->calls = &calls_;
+    return *probes_.back();
+  }
+
+  Probe& watch(const std::string& name, int fd, unsigned flags = watchRead) {
+    Probe& p = probe(name);
+    addSocket<&Probe::ready>(fd, p, flags);
+    return p;
+  }
+
+  Probe& timer(const std::string& name, uint32_t hundredths) {
+    Probe& p = probe(name);
+    addTimer<&Probe::due>(p, hundredths);
+    return p;
+  }
+
+  void turn() { loop_.turn(0); }
+  void turns(int count) {
+    while (count-- > 0) turn();
+  }
+
+  /// The names of the callbacks since the last call.
+  std::vector<std::string> calls() { return std::exchange(calls_, {}); }
+
+  using Names = std::vector<std::string>;
+
+  ManualClock clock_;
+  EventLoop loop_{clock_};
+
+ private:
+  std::vector<std::unique_ptr<Probe>> probes_;
+  Names calls_;
+};
+
+}  // namespace lm::test

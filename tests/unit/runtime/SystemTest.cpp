@@ -1,0 +1,29 @@
+#include <gtest/gtest.h>
+#include <time.h>
+
+#include "lumen/runtime/Clock.h"
+#include "platform/System.h"
+
+namespace {
+
+TEST(System, UptimeIsWholeSecondsOfTheBootClock) {
+  timespec before{};
+  clock_gettime(CLOCK_BOOTTIME, &before);
+  const uint32_t uptime = lm::getUptime();
+  timespec after{};
+  clock_gettime(CLOCK_BOOTTIME, &after);
+  EXPECT_GE(uptime, before.tv_sec);
+  EXPECT_LE(uptime, after.tv_sec);
+}
+
+TEST(System, ClockCountsMilliseconds) {
+  const uint64_t before = lm::getUptime();
+  const uint64_t now = lm::SystemClock().now();
+  const uint64_t after = lm::getUptime();
+  EXPECT_GE(now, before * 1000);
+  EXPECT_LT(now, (after + 1) * 1000);
+}
+
+TEST(System, VersionEndsInOneBlank) { EXPECT_EQ(getOSVersion(), PALINODE_VERSION " "); }
+
+}  // namespace
