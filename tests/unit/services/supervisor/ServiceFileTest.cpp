@@ -1,0 +1,217 @@
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+#include <limits>
+
+#include "lumen/services/supervisor/ServiceFile.h"
+#include "lumen/services/supervisor/ServiceFolder.h"
+
+namespace lumen {
+namespace {
+
+class TwoUsers : public UserDatabase {
+ public:
+  std::optional<User> user(const std::string& name) const override {
+    if (name == "palinode") return User{200, 300};
+    if (name == "root") return User{0, 0};
+    return std::nullopt;
+  }
+  std::optional<gid_t> group(const std::string& name) const override {
+    if (name == "net") return 400;
+    return std::nullopt;
+  }
+};
+
+/// A right service file with this added; a setting that is given replaces the right one.
+std::string serviceFile(const std::string& name = "", const std::string& line = "") {
+  std::string text = "[service]\n";
+  const std::pair<const char*, const char*> right[] = {{"name", "name = upnp"},
+                                                       {"number", "number = 40"},
+                                                       {"executable", "executable = /bin/igd"},
+                                                       {"user", "user = palinode"}};
+  for (const auto& [setting, setLine] : right) {
+    if (name != setting) text += std::string(setLine) + "\n";
+  }
+  return text + line + "\n";
+}
+
+std::optional<ServiceDefinition> parse(const std::string& text) {
+  std::string error;
+  return parseServiceFile(text, TwoUsers(), error);
+}
+
+std::string whyNot(const std::string& text) {
+  std::string error;
+  const auto definition = parseServiceFile(text, TwoUsers(), error);
+  return definition ? "" : error;
+}
+
+TEST(ServiceFile, DescribesAService) {
+  const auto service = parse(
+      "; The gateway daemon.\n"
+      "[service]\n"
+      "name = upnp\n"
+      "number = 40   ; the daemon's\n"
+      "executable=/usr/bin/palinode-igd\r\n"
+      "user = palinode\n"
+      "group = net\n"
+      "boot = yes\n"
+      "stores = upnp  upnpm\n");
+  ASSERT_TRUE(service);
+  EXPECT_EQ(service->name, "upnp");
+  EXPECT_EQ(service->number, 40U);
+  EXPECT_EQ(service->executable, "/usr/bin/palinode-igd");
+  EXPECT_EQ(service->user, 200U);
+  EXPECT_EQ(service->group, 400U);
+  EXPECT_TRUE(service->boot);
+  EXPECT_EQ(service->stores, (std::vector<std::string>{"upnp", "upnpm"}));
+}
+
+TEST(ServiceFile, HasDefaultsForWhatIsLeftOut) {
+  const auto service = parse(serviceFile());
+  ASSERT_TRUE(service);
+  EXPECT_EQ(service->group, 300U) << "the user's own";
+  EXPECT_FALSE(service->boot);
+  EXPECT_TRUE(service->stores.empty());
+}
+
+TEST(ServiceFile, NamesAUserByNumberThatNobodyKnows) {
+  const auto service = parse(serviceFile("user", "user = 12345"));
+  ASSERT_TRUE(service);
+  EXPECT_EQ(service->user, 12345U);
+  EXPECT_EQ(service->group, 12345U);
+  EXPECT_EQ(parse(serviceFile("user", "user = 12345\ngroup = 7"))->group, 7U);
+}
+
+TEST(ServiceFile, IsRefusedWithAReason) {
+  struct Case {
+    const char* replaced;
+    std::string line;
+    const char* reason;
+  };
+  const std::string longName(33, 'a');
+  const Case cases[] = {
+      {"name", "", "\"name\" is missing"},
+      {"name", "name =", "\"\" is no name"},
+      {"name", "name = ../etc", "\"../etc\" is no name"},
+      {"name", "name = -x", "\"-x\" is no name"},
+      {"name", "name = Upnp", "\"Upnp\" is no name"},
+      {"name", "name = " + longName, "is no name"},
+      {"number", "", "\"number\" is missing"},
+      {"number", "number = 0", "\"0\" is no number"},
+      {"number", "number = 65536", "\"65536\" is no number"},
+      {"number", "number = -1", "\"-1\" is no number"},
+      {"number", "number = 4x", "\"4x\" is no number"},
+      {"number", "number = 99999999999999999999", "is no number"},
+      {"executable", "", "\"executable\" is missing"},
+      {"executable", "executable = bin/igd", "\"bin/igd\" is no executable"},
+      {"user", "", "\"user\" is missing"},
+      {"user", "user = nobody-knows", "there is no user \"nobody-knows\""},
+      {"user", "user = root", "may not run as root"},
+      {"user", "user = 0", "may not run as root"},
+      {"user", "user = 4294967295", "may not run as root"},
+      {"user", "user = 5000000000", "there is no user \"5000000000\""},
+      {"", "group = 0", "may not run in root's group"},
+      {"", "group = 4294967295", "may not run in root's group"},
+      {"", "group = wheel", "there is no group \"wheel\""},
+      {"", "boot = maybe", "\"boot\" is neither yes nor no"},
+      {"", "stores = upnp ../x", "\"../x\" is no name of a store"},
+      {"", "colour = red", "unknown setting \"colour\""},
+      {"", "number = 41", "\"number\" is given twice"},
+      {"", "[other]\nname = x", "settings belong below [service]"},
+      {"", "what is this", "line 6: is no setting"},
+      {"", "[service", "line 6: is no setting"},
+      {"", "boot = \x01yes", "line 6: a byte that is no printable ASCII"},
+      {"", std::string("boot = yes\0", 11), "line 6: a byte that is no printable ASCII"},
+      {"", "boot = j\xC3\xA4", "line 6: a byte that is no printable ASCII"},
+      {"", "; " + std::string(190, 'x'), "line 6: is too long"},
+      {"", "boot = yes\n  no", "\"boot\" is given twice"},
+  };
+  for (const Case& refused : cases) {
+    SCOPED_TRACE(refused.line);
+    const std::string reason = whyNot(serviceFile(refused.replaced, refused.line));
+    EXPECT_NE(reason.find(refused.reason), std::string::npos) << reason;
+  }
+  EXPECT_EQ(whyNot(""), "\"name\" is missing");
+  EXPECT_EQ(whyNot("name = x\n"), "settings belong below [service]");
+  EXPECT_EQ(whyNot(std::string(maxServiceFile + 1, '\n')), "is too long");
+}
+
+class ServiceFolderTest : public testing::Test {
+ protected:
+  ServiceFolderTest() { EXPECT_NE(mkdtemp(folder_.data()), nullptr); }
+  ~ServiceFolderTest() override { std::filesystem::remove_all(folder_); }
+
+  void put(const std::string& name, const std::string& text) {
+    std::ofstream(folder_ + "/" + name) << text;
+  }
+
+  std::vector<std::string> read() {
+    testing::internal::CaptureStdout();
+    std::vector<std::string> names;
+    for (const auto& service : readServiceFolder(folder_, TwoUsers(), {20, 65})) {
+      names.push_back(service.name);
+    }
+    log_ = testing::internal::GetCapturedStdout();
+    return names;
+  }
+
+  std::string folder_ = testing::TempDir() + "servicesXXXXXX";
+  std::string log_;
+};
+
+using Names = std::vector<std::string>;
+
+TEST_F(ServiceFolderTest, GivesTheServicesInRisingOrder) {
+  put("a.ini", serviceFile());
+  put("b.ini", "[service]\nname = resolver\nnumber = 14\nexecutable = /bin/r\nuser = 7\n");
+  put("readme.txt", "no service");
+  put("c.ini~", "no service");
+  EXPECT_EQ(read(), (Names{"resolver", "upnp"}));
+  EXPECT_EQ(log_, "");
+}
+
+TEST_F(ServiceFolderTest, LeavesOutAWrongFileAndSaysWhy) {
+  put("a.ini", serviceFile("user", "user = root"));
+  put("b.ini", serviceFile());
+  EXPECT_EQ(read(), Names{"upnp"});
+  EXPECT_EQ(log_, folder_ + "/a.ini: may not run as root\n");
+}
+
+TEST_F(ServiceFolderTest, LeavesOutTheSecondOfTwoWithOneNumberOrName) {
+  put("a.ini", serviceFile());
+  put("b.ini", serviceFile("name", "name = other"));
+  put("c.ini", serviceFile("number", "number = 41"));
+  EXPECT_EQ(read(), Names{"upnp"});
+  EXPECT_EQ(log_, folder_ + "/b.ini: number 40 is that of upnp\n" + folder_ +
+                      "/c.ini: there is another service upnp\n");
+}
+
+TEST_F(ServiceFolderTest, LeavesOutANumberOfItsOwn) {
+  put("a.ini", serviceFile("number", "number = 20"));
+  EXPECT_EQ(read(), Names{});
+  EXPECT_EQ(log_, folder_ + "/a.ini: number 20 is lumend's own\n");
+}
+
+TEST_F(ServiceFolderTest, LeavesOutWhatIsNoPlainFile) {
+  std::filesystem::create_directory(folder_ + "/a.ini");
+  ASSERT_EQ(mkfifo((folder_ + "/b.ini").c_str(), 0600), 0);
+  std::filesystem::create_symlink("/nowhere", folder_ + "/c.ini");
+  put("d.ini", std::string(maxServiceFile + 1, '\n'));
+  EXPECT_EQ(read(), Names{});
+  EXPECT_EQ(log_, folder_ + "/a.ini: is no plain file\n" + folder_ + "/b.ini: is no plain file\n" +
+                      folder_ + "/c.ini: No such file or directory\n" + folder_ +
+                      "/d.ini: is too long\n");
+}
+
+TEST_F(ServiceFolderTest, SaysThatTheFolderIsMissing) {
+  std::filesystem::remove_all(folder_);
+  EXPECT_EQ(read(), Names{});
+  EXPECT_EQ(log_, folder_ + ": No such file or directory\n");
+}
+
+}  // namespace
+}  // namespace lumen

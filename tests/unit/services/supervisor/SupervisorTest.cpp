@@ -1,0 +1,379 @@
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <functional>
+
+#include "lumen/runtime/EventLoop.h"
+#include "lumen/services/broker/BrokerKeys.h"
+#include "lumen/services/supervisor/Supervisor.h"
+#include "services/supervisor/FakeProcesses.h"
+#include "support/ManualClock.h"
+
+namespace lumen {
+namespace {
+
+constexpr uint32_t gateway = 40;
+constexpr uint32_t resolver = 14;
+constexpr const char* gatewayLock = "/run/upnp.lock";
+
+/// What the broker is told, and what it would have heard from a process that has ended.
+class Listener : public Services::Observer {
+ public:
+  void hearOut(pid_t pid) override {
+    heardOut.push_back(pid);
+    if (lastWords) lastWords();
+  }
+  void unavailable(uint32_t number) override { refused.push_back(number); }
+
+  std::vector<pid_t> heardOut;
+  std::vector<uint32_t> refused;
+  std::function<void()> lastWords;
+};
+
+std::vector<ServiceDefinition> twoServices() {
+  ServiceDefinition names;
+  names.name = "resolver";
+  names.number = resolver;
+  names.executable = "/usr/bin/lumen-resolver";
+  names.user = 201;
+  names.group = 201;
+  ServiceDefinition upnp;
+  upnp.name = "upnp";
+  upnp.number = gateway;
+  upnp.executable = "/usr/bin/palinode-igd";
+  upnp.user = 200;
+  upnp.group = 300;
+  upnp.boot = true;
+  return {names, upnp};
+}
+
+class SupervisorTest : public testing::Test {
+ protected:
+  SupervisorTest() { supervisor.setObserver(listener); }
+
+  void pass(uint64_t milliseconds) {
+    const uint64_t end = clock.now() + milliseconds;
+    while (clock.now() < end) {
+      clock.advance(std::min<uint64_t>(100, end - clock.now()));
+      loop.turn(0);
+    }
+  }
+
+  [[nodiscard]] size_t starts() const { return processes.started.size(); }
+
+  void crash() { processes.dieBySignal(processes.last(), SIGSEGV); }
+
+  /// Crashes until the back-off before the next start is this long.
+  void crashUntilDelayIs(uint64_t milliseconds) {
+    crash();
+    while (delay() < milliseconds) {
+      pass(delay());
+      crash();
+    }
+  }
+
+  lm::message record(uint32_t number) {
+    for (const lm::message& record : supervisor.list()) {
+      if (record.get_u32(servicekey::number) == number) return record;
+    }
+    return {};
+  }
+  std::string state(uint32_t number) { return record(number).get_string(servicekey::state); }
+  uint64_t delay() { return record(gateway).get_u64(servicekey::nextStart); }
+
+  lm::test::ManualClock clock;
+  lm::EventLoop loop{clock};
+  test::FakeProcesses processes;
+  Listener listener;
+  Supervisor supervisor{twoServices(), processes, clock, "/run"};
+};
+
+TEST_F(SupervisorTest, StartsAtBootWhatIsToStartThen) {
+  supervisor.boot();
+  ASSERT_EQ(starts(), 1U);
+  EXPECT_EQ(processes.started[0].executable, "/usr/bin/palinode-igd");
+  EXPECT_EQ(processes.started[0].user, 200U);
+  EXPECT_EQ(processes.started[0].group, 300U);
+  EXPECT_EQ(processes.started[0].lockFile, gatewayLock);
+}
+
+TEST_F(SupervisorTest, StartsTheOthersAtTheFirstRequest) {
+  supervisor.boot();
+  EXPECT_EQ(state(resolver), servicestate::stopped);
+  EXPECT_TRUE(supervisor.need(resolver, false));
+  ASSERT_EQ(starts(), 2U);
+  EXPECT_EQ(processes.started[1].executable, "/usr/bin/lumen-resolver");
+  EXPECT_EQ(state(resolver), servicestate::starting);
+}
+
+TEST_F(SupervisorTest, NeverRunsTwoProcessesOfAService) {
+  supervisor.boot();
+  EXPECT_TRUE(supervisor.need(gateway, false));
+  EXPECT_TRUE(supervisor.need(gateway, true));
+  supervisor.registered(gateway);
+  EXPECT_EQ(state(gateway), servicestate::running);
+  supervisor.unregistered(gateway);
+  EXPECT_TRUE(supervisor.need(gateway, true));
+  EXPECT_EQ(starts(), 1U);
+}
+
+TEST_F(SupervisorTest, LeavesAServiceAloneThatWasNotNeeded) {
+  supervisor.boot();
+  supervisor.registered(gateway);
+  supervisor.unregistered(gateway);
+  EXPECT_EQ(state(gateway), servicestate::leaving);
+  processes.exit(processes.last(), 0);
+  EXPECT_EQ(state(gateway), servicestate::stopped);
+  pass(120'000);
+  EXPECT_EQ(starts(), 1U);
+}
+
+TEST_F(SupervisorTest, StartsAgainAtOnceWhenNeededWhileLeaving) {
+  supervisor.boot();
+  supervisor.registered(gateway);
+  supervisor.unregistered(gateway);
+  EXPECT_TRUE(supervisor.need(gateway, false));
+  EXPECT_EQ(starts(), 1U) << "the next life waits until the last one is reaped";
+  processes.exit(processes.last(), 0);
+  EXPECT_EQ(starts(), 2U);
+  EXPECT_TRUE(listener.refused.empty());
+  EXPECT_EQ(record(gateway).get_u32(servicekey::restarts), 0U) << "it had not crashed";
+}
+
+TEST_F(SupervisorTest, DoesNotStartAgainWhatRegisteredAgain) {
+  supervisor.boot();
+  supervisor.registered(gateway);
+  supervisor.unregistered(gateway);
+  EXPECT_TRUE(supervisor.need(gateway, false));
+  supervisor.registered(gateway);
+  supervisor.unregistered(gateway);
+  processes.exit(processes.last(), 0);
+  EXPECT_EQ(starts(), 1U) << "whoever needed it was served by the first life";
+}
+
+TEST_F(SupervisorTest, TakesEveryOtherEndForACrash) {
+  struct Case {
+    const char* why;
+    bool registers;
+    bool unregisters;
+    bool registersAgain;
+    int status;
+  };
+  const Case cases[] = {
+      {"never registered", false, false, false, 0},
+      {"still registered", true, false, false, 0},
+      {"registered again", true, true, true, 0},
+      {"unregistered, but failed", true, true, false, 1 << 8},
+      {"unregistered, but was killed", true, true, false, SIGKILL},
+  };
+  for (const Case& end : cases) {
+    SCOPED_TRACE(end.why);
+    test::FakeProcesses fresh;
+    Supervisor one(twoServices(), fresh, clock, "/run");
+    one.setObserver(listener);
+    one.boot();
+    if (end.registers) one.registered(gateway);
+    if (end.unregisters) one.unregistered(gateway);
+    if (end.registersAgain) one.registered(gateway);
+    one.lost(gateway);
+    one.processEnded(fresh.last(), end.status);
+    EXPECT_EQ(one.list()[1].get_string(servicekey::state), servicestate::waiting);
+    EXPECT_EQ(one.list()[1].get_u64(servicekey::nextStart), 1000U);
+  }
+}
+
+TEST_F(SupervisorTest, HearsTheLastWordsBeforeItJudgesTheEnd) {
+  supervisor.boot();
+  supervisor.registered(gateway);
+  listener.lastWords = [&] { supervisor.unregistered(gateway); };
+  processes.exit(processes.last(), 0);
+  EXPECT_EQ(listener.heardOut, std::vector<pid_t>{1000});
+  EXPECT_EQ(state(gateway), servicestate::stopped);
+}
+
+TEST_F(SupervisorTest, DoublesTheBackOffUpToAMinute) {
+  supervisor.boot();
+  for (const uint64_t expected : {1000U, 2000U, 4000U, 8000U, 16000U, 32000U, 60000U, 60000U}) {
+    const size_t before = starts();
+    crash();
+    EXPECT_EQ(delay(), expected);
+    pass(expected - 100);
+    EXPECT_EQ(starts(), before);
+    pass(100);
+    EXPECT_EQ(starts(), before + 1);
+  }
+  EXPECT_EQ(record(gateway).get_u32(servicekey::restarts), 8U);
+}
+
+TEST_F(SupervisorTest, CountsAfreshAfterAMinuteOfRunning) {
+  supervisor.boot();
+  crashUntilDelayIs(8000);
+  pass(8000);
+  pass(59'900);
+  crash();
+  EXPECT_EQ(delay(), 16000U);
+  pass(16000);
+  pass(60'000);
+  crash();
+  EXPECT_EQ(delay(), 1000U);
+}
+
+TEST_F(SupervisorTest, RefusesARequestDuringTheBackOff) {
+  supervisor.boot();
+  crash();
+  EXPECT_FALSE(supervisor.need(gateway, false));
+  EXPECT_EQ(starts(), 1U);
+  EXPECT_EQ(state(gateway), servicestate::waiting);
+}
+
+TEST_F(SupervisorTest, StartsAtOnceForAnAdministratorDuringTheBackOff) {
+  supervisor.boot();
+  crashUntilDelayIs(4000);
+  const size_t before = starts();
+  EXPECT_TRUE(supervisor.need(gateway, true));
+  EXPECT_EQ(starts(), before + 1);
+  EXPECT_EQ(delay(), 0U);
+  pass(60'000 - 100);
+  EXPECT_EQ(starts(), before + 1) << "the start that was put off does not come on top";
+  crash();
+  EXPECT_EQ(delay(), 8000U) << "the count goes on";
+}
+
+TEST_F(SupervisorTest, TellsWhoWaitsThatACrashedServiceStaysAway) {
+  supervisor.boot();
+  crash();
+  EXPECT_EQ(listener.refused, std::vector<uint32_t>{gateway});
+}
+
+TEST_F(SupervisorTest, StartsAtOnceForAnAdministratorWhoAskedWhileItCrashed) {
+  supervisor.boot();
+  supervisor.registered(gateway);
+  supervisor.lost(gateway);
+  EXPECT_TRUE(supervisor.need(gateway, true));
+  crash();
+  EXPECT_EQ(starts(), 2U);
+  EXPECT_TRUE(listener.refused.empty());
+}
+
+TEST_F(SupervisorTest, PutsOffTheStartForOthersWhoAskedWhileItCrashed) {
+  supervisor.boot();
+  supervisor.registered(gateway);
+  supervisor.lost(gateway);
+  EXPECT_TRUE(supervisor.need(gateway, false));
+  crash();
+  EXPECT_EQ(starts(), 1U);
+  EXPECT_EQ(listener.refused, std::vector<uint32_t>{gateway});
+}
+
+TEST_F(SupervisorTest, TakesAStartThatFailsForACrash) {
+  processes.failToStart = true;
+  EXPECT_FALSE(supervisor.need(resolver, false));
+  EXPECT_EQ(state(resolver), servicestate::waiting);
+  processes.failToStart = false;
+  pass(1000);
+  EXPECT_EQ(starts(), 1U);
+  EXPECT_EQ(state(resolver), servicestate::starting);
+}
+
+TEST_F(SupervisorTest, WaitsForTheProcessThatAnEarlierLumendHasLeft) {
+  processes.holders[gatewayLock] = 77;
+  supervisor.boot();
+  EXPECT_TRUE(supervisor.need(gateway, false)) << "it is on its way";
+  pass(9'000);
+  EXPECT_EQ(starts(), 0U);
+  processes.holders.clear();
+  pass(100);
+  EXPECT_EQ(starts(), 1U);
+  EXPECT_TRUE(processes.killed.empty());
+}
+
+TEST_F(SupervisorTest, KillsTheProcessThatAnEarlierLumendHasLeftAfterTenSeconds) {
+  processes.holders[gatewayLock] = 77;
+  supervisor.boot();
+  pass(9'900);
+  EXPECT_TRUE(processes.killed.empty());
+  pass(5'000);
+  EXPECT_EQ(processes.killed, std::vector<std::string>{gatewayLock}) << "once";
+  EXPECT_EQ(starts(), 0U) << "it is not gone yet";
+  processes.holders.clear();
+  pass(100);
+  EXPECT_EQ(starts(), 1U);
+}
+
+TEST_F(SupervisorTest, AsksEveryServiceToEndAndWaitsForIt) {
+  supervisor.boot();
+  EXPECT_TRUE(supervisor.need(resolver, false));
+  supervisor.shutDown();
+  const std::vector<std::pair<pid_t, int>> asked = {{1001, SIGTERM}, {1000, SIGTERM}};
+  EXPECT_EQ(processes.signals, asked);
+  processes.exit(1000, 0);
+  EXPECT_FALSE(supervisor.isShutDown());
+  processes.dieBySignal(1001, SIGTERM);
+  EXPECT_TRUE(supervisor.isShutDown());
+  EXPECT_EQ(starts(), 2U);
+}
+
+TEST_F(SupervisorTest, EndsAtOnceWhenNothingRuns) {
+  EXPECT_FALSE(supervisor.isShutDown());
+  supervisor.shutDown();
+  EXPECT_TRUE(supervisor.isShutDown());
+}
+
+TEST_F(SupervisorTest, StartsNothingWhileItShutsDown) {
+  supervisor.boot();
+  crash();
+  supervisor.shutDown();
+  EXPECT_FALSE(supervisor.need(gateway, true));
+  EXPECT_FALSE(supervisor.need(resolver, true));
+  pass(10'000);
+  EXPECT_EQ(starts(), 1U);
+}
+
+TEST_F(SupervisorTest, KillsAfterFiveSecondsWhatDoesNotEnd) {
+  supervisor.boot();
+  supervisor.shutDown();
+  pass(4'900);
+  ASSERT_EQ(processes.signals.size(), 1U);
+  pass(100);
+  ASSERT_EQ(processes.signals.size(), 2U);
+  EXPECT_EQ(processes.signals[1], std::pair(1000, SIGKILL));
+  EXPECT_FALSE(supervisor.isShutDown());
+  processes.dieBySignal(1000, SIGKILL);
+  EXPECT_TRUE(supervisor.isShutDown());
+}
+
+TEST_F(SupervisorTest, EndsAllTheSameWhenNotEvenKillingHelps) {
+  supervisor.boot();
+  supervisor.shutDown();
+  pass(6'000);
+  EXPECT_TRUE(supervisor.isShutDown());
+}
+
+TEST_F(SupervisorTest, ListsWhatItRuns) {
+  supervisor.boot();
+  supervisor.registered(gateway);
+  ASSERT_EQ(supervisor.list().size(), 2U);
+  const lm::message idle = supervisor.list()[0];
+  EXPECT_EQ(idle.get_u32(servicekey::number), resolver);
+  EXPECT_EQ(idle.get_string(servicekey::name), "resolver");
+  EXPECT_EQ(idle.get_string(servicekey::state), "stopped");
+  EXPECT_EQ(idle.get_u32(servicekey::pid), 0U);
+  const lm::message busy = supervisor.list()[1];
+  EXPECT_EQ(busy.get_u32(servicekey::number), gateway);
+  EXPECT_EQ(busy.get_string(servicekey::state), "running");
+  EXPECT_EQ(busy.get_u32(servicekey::pid), 1000U);
+  EXPECT_EQ(busy.get_u64(servicekey::nextStart), 0U);
+}
+
+TEST_F(SupervisorTest, KnowsItsServicesByNumberAndByUser) {
+  EXPECT_TRUE(supervisor.isDefined(gateway));
+  EXPECT_FALSE(supervisor.isDefined(66));
+  EXPECT_EQ(supervisor.nameOf(gateway), "upnp");
+  EXPECT_EQ(supervisor.nameOf(66), "");
+  EXPECT_EQ(supervisor.servicesOf(200), std::vector<uint32_t>{gateway});
+  EXPECT_TRUE(supervisor.servicesOf(0).empty());
+  EXPECT_FALSE(supervisor.need(66, true));
+}
+
+}  // namespace
+}  // namespace lumen
