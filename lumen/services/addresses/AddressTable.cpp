@@ -18,11 +18,8 @@ enum class Place { outside, host, reserved };
 
 /// Where `host` lies with regard to the network of an address.
 Place placeIn(const LinkAddress& network, uint32_t host) {
-  const uint32_t hostBits =
-      network.prefixLength == 0 ? ~0U : (1U << (32 - network.prefixLength)) - 1;
-  if (network.prefixLength == 32) {
-    return host == network.network ? Place::host : Place::outside;
-  }
+  if (network.prefixLength == 32) return host == network.network ? Place::host : Place::outside;
+  const auto hostBits = static_cast<uint32_t>((uint64_t{1} << (32 - network.prefixLength)) - 1);
   const uint32_t number = ntohl(host);
   if (((number ^ ntohl(network.network)) & ~hostBits) != 0) return Place::outside;
   if (network.prefixLength == 31) return Place::host;

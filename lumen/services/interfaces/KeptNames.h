@@ -13,8 +13,8 @@ namespace lumen {
 /// good. Record 0 of the store.
 class KeptNames {
  public:
-  /// More would not fit into a record.
-  static constexpr size_t limit = 1024;
+  /// Far more than routers have links; every write stores them all.
+  static constexpr size_t limit = 256;
 
   struct Kept {
     uint32_t id = 0;

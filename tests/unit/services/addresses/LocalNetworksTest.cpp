@@ -1,0 +1,144 @@
+// What the NAT rules are told of this router's addresses and the networks on them.
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+
+#include <optional>
+
+#include "lumen/services/addresses/AddressTable.h"
+#include "services/interfaces/FakeLinks.h"
+#include "services/interfaces/RecordingNotifier.h"
+
+namespace lumen {
+namespace {
+
+constexpr uint32_t lan = 1;
+constexpr uint32_t wan = 2;
+
+class LocalNetworksTest : public testing::Test {
+ protected:
+  void has(uint32_t interface, const std::string& words, bool running = true) {
+    table.add(interface, running, linkAddress(words));
+  }
+  std::optional<uint32_t> holderOf(const char* address) const {
+    return table.interfaceOf(inet_addr(address));
+  }
+  std::optional<uint32_t> towards(const char* host) const {
+    return table.interfaceTowards(inet_addr(host));
+  }
+
+  RecordingNotifier notifier;
+  AddressTable table{notifier};
+};
+
+TEST_F(LocalNetworksTest, KnowTheInterfaceThatHoldsAnAddress) {
+  has(lan, "192.168.1.1/24");
+  has(wan, "45.45.45.2/24");
+  EXPECT_EQ(holderOf("45.45.45.2"), wan);
+  EXPECT_EQ(holderOf("192.168.1.1"), lan);
+  EXPECT_EQ(holderOf("45.45.45.3"), std::nullopt);
+  EXPECT_EQ(holderOf("0.0.0.0"), std::nullopt);
+}
+
+TEST_F(LocalNetworksTest, CountAnAddressWhoseInterfaceIsNotRunning) {
+  has(wan, "45.45.45.2/24", false);
+  EXPECT_EQ(holderOf("45.45.45.2"), wan);
+  EXPECT_EQ(towards("45.45.45.1"), wan);
+}
+
+TEST_F(LocalNetworksTest, ForgetAnAddressThatWasRemoved) {
+  has(wan, "45.45.45.2/24");
+  table.remove(wan, linkAddress("45.45.45.2/24"));
+  EXPECT_EQ(holderOf("45.45.45.2"), std::nullopt);
+  EXPECT_EQ(towards("45.45.45.1"), std::nullopt);
+}
+
+TEST_F(LocalNetworksTest, NameTheLowestOfSeveralInterfacesWithOneAddress) {
+  has(wan, "10.0.0.1/24");
+  has(lan, "10.0.0.1/24");
+  EXPECT_EQ(holderOf("10.0.0.1"), lan);
+}
+
+TEST_F(LocalNetworksTest, HoldTheHostsOfASubnet) {
+  has(lan, "192.168.1.1/24");
+  EXPECT_EQ(towards("192.168.1.2"), lan);
+  EXPECT_EQ(towards("192.168.1.254"), lan);
+  EXPECT_EQ(towards("192.168.2.2"), std::nullopt);
+  EXPECT_EQ(towards("8.8.8.8"), std::nullopt);
+}
+
+TEST_F(LocalNetworksTest, DoNotHoldTheNetworksOwnAndItsBroadcastAddress) {
+  has(lan, "192.168.1.1/24");
+  EXPECT_EQ(towards("192.168.1.0"), std::nullopt);
+  EXPECT_EQ(towards("192.168.1.255"), std::nullopt);
+}
+
+TEST_F(LocalNetworksTest, DoNotHoldABroadcastAddressOfAnotherForm) {
+  LinkAddress address = linkAddress("192.168.1.1/24");
+  address.broadcast = inet_addr("192.168.1.127");
+  table.add(lan, true, address);
+  EXPECT_EQ(towards("192.168.1.127"), std::nullopt);
+  EXPECT_EQ(towards("192.168.1.126"), lan);
+}
+
+TEST_F(LocalNetworksTest, DoNotHoldTheRoutersOwnAddresses) {
+  has(lan, "192.168.1.1/24");
+  has(lan, "192.168.1.2/24");
+  EXPECT_EQ(towards("192.168.1.1"), std::nullopt);
+  EXPECT_EQ(towards("192.168.1.2"), std::nullopt);
+}
+
+TEST_F(LocalNetworksTest, HoldBothHostsOfANetworkOfTwo) {
+  has(wan, "45.45.45.2/31");
+  EXPECT_EQ(towards("45.45.45.3"), wan);
+  EXPECT_EQ(towards("45.45.45.4"), std::nullopt);
+}
+
+TEST_F(LocalNetworksTest, HoldTwoHostsOfANetworkOfFour) {
+  has(wan, "45.45.45.1/30");
+  EXPECT_EQ(towards("45.45.45.0"), std::nullopt);
+  EXPECT_EQ(towards("45.45.45.2"), wan);
+  EXPECT_EQ(towards("45.45.45.3"), std::nullopt);
+}
+
+TEST_F(LocalNetworksTest, HoldNobodyBesideASingleAddress) {
+  has(wan, "45.45.45.2/32");
+  EXPECT_EQ(towards("45.45.45.2"), std::nullopt);
+  EXPECT_EQ(towards("45.45.45.3"), std::nullopt);
+}
+
+TEST_F(LocalNetworksTest, HoldThePeerOfAPointToPointLinkAlone) {
+  has(wan, "45.45.45.2 peer 46.46.46.1/32");
+  EXPECT_EQ(towards("46.46.46.1"), wan);
+  EXPECT_EQ(towards("45.45.45.1"), std::nullopt);
+}
+
+TEST_F(LocalNetworksTest, HoldTheHostsOfThePeersNetwork) {
+  has(wan, "45.45.45.2 peer 46.46.46.1/24");
+  EXPECT_EQ(towards("46.46.46.9"), wan);
+  EXPECT_EQ(towards("46.46.46.255"), std::nullopt);
+  EXPECT_EQ(towards("45.45.45.9"), std::nullopt);
+}
+
+TEST_F(LocalNetworksTest, PreferTheLongerPrefix) {
+  has(lan, "10.0.0.1/8");
+  has(wan, "10.1.0.1/16");
+  EXPECT_EQ(towards("10.1.2.3"), wan);
+  EXPECT_EQ(towards("10.2.2.3"), lan);
+}
+
+TEST_F(LocalNetworksTest, DoNotHoldABroadcastAddressThatAnotherNetworkTakesForAHost) {
+  has(lan, "10.0.0.1/8");
+  has(wan, "10.1.0.1/16");
+  EXPECT_EQ(towards("10.1.255.255"), std::nullopt);
+}
+
+TEST_F(LocalNetworksTest, HoldAlmostEveryHostWhenThePrefixIsEmpty) {
+  has(lan, "10.0.0.1/0");
+  EXPECT_EQ(towards("8.8.8.8"), lan);
+  EXPECT_EQ(towards("0.0.0.0"), std::nullopt);
+  EXPECT_EQ(towards("255.255.255.255"), std::nullopt);
+}
+
+}  // namespace
+}  // namespace lumen

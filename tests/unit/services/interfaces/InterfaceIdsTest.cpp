@@ -1,0 +1,50 @@
+#include <gtest/gtest.h>
+
+#include "lumen/services/interfaces/InterfaceIds.h"
+
+namespace lumen {
+namespace {
+
+TEST(InterfaceIds, RiseFromOne) {
+  InterfaceIds ids;
+  EXPECT_EQ(ids.take("a"), 1U);
+  EXPECT_EQ(ids.take("b"), 2U);
+  EXPECT_EQ(ids.take("a"), 1U);
+}
+
+TEST(InterfaceIds, StayAboveThoseOfEarlierRuns) {
+  InterfaceIds ids;
+  ids.restore("kept", 7);
+  EXPECT_EQ(ids.take("new"), 8U);
+  EXPECT_EQ(ids.take("kept"), 7U);
+}
+
+TEST(InterfaceIds, BelongToANameThatComesBack) {
+  InterfaceIds ids;
+  (void)ids.take("a");
+  ids.release("a");
+  EXPECT_EQ(ids.take("b"), 2U);
+  EXPECT_EQ(ids.take("a"), 1U);
+}
+
+TEST(InterfaceIds, AreForgottenOfTheNameThatIsLongestGone) {
+  InterfaceIds ids;
+  (void)ids.take("used");       // 1
+  (void)ids.take("returning");  // 2
+  ids.release("returning");
+  (void)ids.take("gone");  // 3
+  ids.release("gone");
+  EXPECT_EQ(ids.take("returning"), 2U);
+  ids.release("returning");
+  for (size_t i = 1; i < InterfaceIds::rememberedNames; ++i) {
+    const std::string name = "veth" + std::to_string(i);
+    (void)ids.take(name);
+    ids.release(name);
+  }
+  EXPECT_EQ(ids.take("used"), 1U);
+  EXPECT_EQ(ids.take("returning"), 2U);
+  EXPECT_EQ(ids.take("gone"), 3U + InterfaceIds::rememberedNames);
+}
+
+}  // namespace
+}  // namespace lumen

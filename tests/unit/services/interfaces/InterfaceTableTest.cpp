@@ -1,0 +1,345 @@
+#include <gtest/gtest.h>
+
+#include "lumen/runtime/Codec.h"
+#include "lumen/services/interfaces/InterfaceTable.h"
+#include "platform/Keys.h"
+#include "services/interfaces/Router.h"
+
+namespace lumen {
+namespace {
+
+using InterfaceTableTest = Router;
+using Lines = std::vector<std::string>;
+
+TEST_F(InterfaceTableTest, ListsEveryLinkButTheLoopback) {
+  kernel.appears("lo", true, true, 772);
+  kernel.appears("br-lan");
+  kernel.appears("ppp0", true, false, 512);
+  kernel.appears("spare", false, false);
+  starts();
+  EXPECT_EQ(lists(),
+            (Lines{"id=1 type=1 flags=0 index=3 name=br-lan display=br-lan disabled=0 running=1",
+                   "id=2 type=512 flags=0 index=4 name=ppp0 display=ppp0 disabled=0 running=0",
+                   "id=3 type=1 flags=0 index=5 name=spare display=spare disabled=1 running=0"}));
+}
+
+TEST_F(InterfaceTableTest, WritesItsRecordsWithTheseKeysAndBytes) {
+  kernel.appears("wan0");
+  starts();
+  lm::message expected;
+  expected.insert_u32(0x08fe0001, 1);
+  expected.insert_u32(0x08010001, 1);
+  expected.insert_u32(0x08010003, 0);
+  expected.insert_u32(0x08010004, 2);
+  expected.insert_string(0x20010005, "wan0");
+  expected.insert_string(0x20010006, "wan0");
+  expected.insert_bool(0x00fe000a, false);
+  expected.insert_bool(0x0001000e, true);
+  const lm::message answer = asks(daemon, 1);
+  ASSERT_EQ(answer.size_message_array(0xa8fe0002), 1U);
+  EXPECT_EQ(lm::encode(answer.get_message_array_ref(0xa8fe0002)[0]), lm::encode(expected));
+  EXPECT_EQ(answer.get_u32(0x08fe0003), 0xFFFFFFFF);
+}
+
+TEST_F(InterfaceTableTest, ListsPageByPageWithBothListCommands) {
+  for (int i = 0; i < 70; ++i) kernel.appears("veth" + std::to_string(i));
+  starts();
+  for (const uint32_t command : {1U, 0xfe0004U}) {
+    const lm::message first = asks(daemon, command);
+    EXPECT_EQ(first.size_message_array(lm::key::records), 64U);
+    EXPECT_EQ(first.get_u32(lm::key::cursor), 64U);
+    lm::message next;
+    next.insert_u32(lm::key::cursor, 64);
+    const lm::message second = asks(daemon, command, next);
+    EXPECT_EQ(second.size_message_array(lm::key::records), 6U);
+    EXPECT_EQ(second.get_u32(lm::key::cursor), lm::none);
+  }
+}
+
+TEST_F(InterfaceTableTest, TellsOfANewLinkThenItsStateThenItsAddresses) {
+  starts();
+  kernel.appears("wan0");
+  kernel.getsAddress("wan0", "45.45.45.2/24");
+  EXPECT_EQ(notified(),
+            (Lines{"interface id=1 type=1 flags=0 index=2 name=wan0 display=wan0 disabled=0 "
+                   "running=1",
+                   "state records=[{id=1 type=1 flags=0 index=2 name=wan0 display=wan0 disabled=0 "
+                   "running=1}]",
+                   "address records=[{id=1 interface=1 address=45.45.45.2 disabled=0}]"}));
+}
+
+TEST_F(InterfaceTableTest, TellsTheStateWhenALinkStopsRunningThenItsAddresses) {
+  kernel.appears("wan0");
+  starts();
+  kernel.getsAddress("wan0", "45.45.45.2/24");
+  (void)notified();
+  kernel.becomes("wan0", true, false);
+  EXPECT_EQ(notified(),
+            (Lines{"state records=[{id=1 type=1 flags=0 index=2 name=wan0 display=wan0 disabled=0 "
+                   "running=0}]",
+                   "address records=[{id=1 interface=1 address=45.45.45.2 disabled=1}]"}));
+  kernel.becomes("wan0", true, true);
+  EXPECT_EQ(notified(),
+            (Lines{"state records=[{id=1 type=1 flags=0 index=2 name=wan0 display=wan0 disabled=0 "
+                   "running=1}]",
+                   "address records=[{id=1 interface=1 address=45.45.45.2 disabled=0}]"}));
+}
+
+TEST_F(InterfaceTableTest, TellsTheStateAloneWhenALinkThatDoesNotRunIsTakenDown) {
+  kernel.appears("wan0", true, false);
+  starts();
+  kernel.getsAddress("wan0", "45.45.45.2/24");
+  (void)notified();
+  kernel.becomes("wan0", false, false);
+  EXPECT_EQ(notified(), (Lines{"state records=[{id=1 type=1 flags=0 index=2 name=wan0 display=wan0 "
+                               "disabled=1 running=0}]"}));
+}
+
+TEST_F(InterfaceTableTest, TellsNothingWhenNothingThatItShowsHasChanged) {
+  kernel.appears("wan0");
+  starts();
+  kernel.becomes("wan0", true, true);
+  EXPECT_EQ(notified(), Lines{});
+}
+
+TEST_F(InterfaceTableTest, TellsOfAChangedHardwareTypeThenTheStateThenTheAddresses) {
+  kernel.appears("tun0", true, true, 65534);
+  starts();
+  kernel.getsAddress("tun0", "10.8.0.1/24");
+  (void)notified();
+  kernel.becomesOfType("tun0", 1);
+  EXPECT_EQ(notified(),
+            (Lines{"interface id=1 type=1 flags=0 index=2 name=tun0 display=tun0 disabled=0 "
+                   "running=1",
+                   "state records=[{id=1 type=1 flags=0 index=2 name=tun0 display=tun0 disabled=0 "
+                   "running=1}]",
+                   "address records=[{id=1 interface=1 address=10.8.0.1 disabled=0}]"}));
+}
+
+TEST_F(InterfaceTableTest, RemovesTheAddressesFirstWhenALinkThatIsNotKeptLeaves) {
+  kernel.appears("wan0");
+  starts();
+  kernel.getsAddress("wan0", "45.45.45.2/24");
+  (void)notified();
+  kernel.leaves("wan0");
+  EXPECT_EQ(
+      notified(),
+      (Lines{"address records=[{id=1 interface=1 address=45.45.45.2 disabled=0 removed=1}]",
+             "interface id=1 type=1 flags=128 index=0 name=wan0 display=wan0 disabled=1 "
+             "running=0",
+             "state records=[{id=1 type=1 flags=128 index=0 name=wan0 display=wan0 disabled=1 "
+             "running=0}]"}));
+  EXPECT_EQ(lists(), Lines{});
+}
+
+TEST_F(InterfaceTableTest, RemovesAddressesThatTheKernelHadNotRemovedWhenALinkLeaves) {
+  kernel.appears("wan0");
+  starts();
+  kernel.getsAddress("wan0", "45.45.45.2/24");
+  (void)notified();
+  kernel.all.addresses.clear();
+  kernel.leaves("wan0");
+  const Lines lines = notified();
+  ASSERT_EQ(lines.size(), 3U);
+  EXPECT_EQ(lines[0],
+            "address records=[{id=1 interface=1 address=45.45.45.2 disabled=0 removed=1}]");
+}
+
+TEST_F(InterfaceTableTest, KeepsAKeptNameWhileItsLinkIsAwayAndItsIdWhenItComesBack) {
+  kernel.appears("eth0");
+  kernel.appears("ppp0", true, true, 512);
+  starts();
+  EXPECT_EQ(text(administratorKeeps("ppp0", 1)), "id=2");
+  kernel.getsAddress("ppp0", "45.45.45.2 peer 45.45.45.1/32");
+  (void)notified();
+  kernel.leaves("ppp0");
+  EXPECT_EQ(
+      notified(),
+      (Lines{"address records=[{id=1 interface=2 address=45.45.45.2 disabled=0 removed=1}]",
+             "interface id=2 type=512 flags=0 index=0 name=ppp0 display=ppp0 disabled=1 "
+             "running=0",
+             "state records=[{id=2 type=512 flags=0 index=0 name=ppp0 display=ppp0 disabled=1 "
+             "running=0}]"}));
+  EXPECT_EQ(lists()[1],
+            "id=2 type=512 flags=0 index=0 name=ppp0 display=ppp0 disabled=1 running=0");
+
+  kernel.appears("ppp0", true, true, 512);
+  kernel.getsAddress("ppp0", "45.45.45.3 peer 45.45.45.1/32");
+  EXPECT_EQ(
+      notified(),
+      (Lines{"interface id=2 type=512 flags=0 index=4 name=ppp0 display=ppp0 disabled=0 "
+             "running=1",
+             "state records=[{id=2 type=512 flags=0 index=4 name=ppp0 display=ppp0 disabled=0 "
+             "running=1}]",
+             "address records=[{id=2 interface=2 address=45.45.45.3 disabled=0}]"}));
+}
+
+TEST_F(InterfaceTableTest, TreatsARenameAsOneNameGoingAndAnotherComing) {
+  kernel.appears("eth0");
+  starts();
+  kernel.getsAddress("eth0", "45.45.45.2/24");
+  (void)notified();
+  kernel.isRenamed("eth0", "wan0");
+  EXPECT_EQ(
+      notified(),
+      (Lines{"address records=[{id=1 interface=1 address=45.45.45.2 disabled=0 removed=1}]",
+             "interface id=1 type=1 flags=128 index=0 name=eth0 display=eth0 disabled=1 "
+             "running=0",
+             "state records=[{id=1 type=1 flags=128 index=0 name=eth0 display=eth0 disabled=1 "
+             "running=0}]",
+             "interface id=2 type=1 flags=0 index=2 name=wan0 display=wan0 disabled=0 "
+             "running=1",
+             "state records=[{id=2 type=1 flags=0 index=2 name=wan0 display=wan0 disabled=0 "
+             "running=1}]",
+             "address records=[{id=2 interface=2 address=45.45.45.2 disabled=0}]"}));
+}
+
+TEST_F(InterfaceTableTest, GivesALinkTheIdOfTheKeptNameThatItIsRenamedTo) {
+  kernel.appears("eth0");
+  starts();
+  EXPECT_EQ(text(administratorKeeps("wan0", 1)), "id=2");
+  kernel.isRenamed("eth0", "wan0");
+  EXPECT_EQ(idOf("wan0"), 2U);
+  EXPECT_EQ(idOf("eth0"), 0U);
+}
+
+TEST_F(InterfaceTableTest, KeepsIdsWithTheNamesWhenTwoLinksSwapTheirs) {
+  kernel.appears("a");
+  kernel.appears("b");
+  starts();
+  kernel.isRenamed("a", "tmp");
+  kernel.isRenamed("b", "a");
+  kernel.isRenamed("tmp", "b");
+  EXPECT_EQ(lists(), (Lines{"id=1 type=1 flags=0 index=3 name=a display=a disabled=0 running=1",
+                            "id=2 type=1 flags=0 index=2 name=b display=b disabled=0 running=1"}));
+}
+
+TEST_F(InterfaceTableTest, NeverGivesTheIdOfANameToAnotherName) {
+  kernel.appears("veth1");
+  starts();
+  kernel.leaves("veth1");
+  kernel.appears("veth2");
+  EXPECT_EQ(idOf("veth2"), 2U);
+  kernel.appears("veth1");
+  EXPECT_EQ(idOf("veth1"), 1U);
+}
+
+TEST_F(InterfaceTableTest, NotifiesTheDifferencesWhenChangesWereLost) {
+  kernel.appears("stays");
+  kernel.appears("goes");
+  kernel.appears("stops");
+  starts();
+  kernel.getsAddress("stays", "10.0.0.1/24");
+  kernel.getsAddress("stays", "10.0.1.1/24");
+  kernel.getsAddress("goes", "10.0.2.1/24");
+  (void)notified();
+
+  kernel.silent = true;
+  kernel.leaves("goes");
+  kernel.becomes("stops", true, false);
+  kernel.appears("comes");
+  kernel.losesAddress("stays", "10.0.1.1/24");
+  kernel.getsAddress("stays", "10.0.3.1/24");
+  kernel.silent = false;
+  EXPECT_EQ(notified(), Lines{});
+  kernel.readsEverything();
+  EXPECT_EQ(
+      notified(),
+      (Lines{"address records=[{id=3 interface=2 address=10.0.2.1 disabled=0 removed=1}]",
+             "interface id=2 type=1 flags=128 index=0 name=goes display=goes disabled=1 "
+             "running=0",
+             "state records=[{id=2 type=1 flags=128 index=0 name=goes display=goes disabled=1 "
+             "running=0}]",
+             "state records=[{id=3 type=1 flags=0 index=4 name=stops display=stops disabled=0 "
+             "running=0}]",
+             "interface id=4 type=1 flags=0 index=5 name=comes display=comes disabled=0 "
+             "running=1",
+             "state records=[{id=4 type=1 flags=0 index=5 name=comes display=comes disabled=0 "
+             "running=1}]",
+             "address records=[{id=4 interface=1 address=10.0.3.1 disabled=0}]",
+             "address records=[{id=2 interface=1 address=10.0.1.1 disabled=0 removed=1}]"}));
+}
+
+TEST_F(InterfaceTableTest, NotifiesNothingWhenWhatWasLostLeftNoDifference) {
+  kernel.appears("wan0");
+  starts();
+  kernel.getsAddress("wan0", "10.0.0.1/24");
+  (void)notified();
+  kernel.readsEverything();
+  EXPECT_EQ(notified(), Lines{});
+}
+
+TEST_F(InterfaceTableTest, NoticesALinkThatWasReplacedByOneOfTheSameNameWhileChangesWereLost) {
+  kernel.appears("ppp0", true, true, 512);
+  starts();
+  EXPECT_EQ(text(administratorKeeps("ppp0", 1)), "id=1");
+  kernel.getsAddress("ppp0", "45.45.45.2 peer 45.45.45.1/32");
+  (void)notified();
+  kernel.silent = true;
+  kernel.leaves("ppp0");
+  kernel.appears("ppp0", true, true, 512);
+  kernel.getsAddress("ppp0", "45.45.45.2 peer 45.45.45.1/32");
+  kernel.silent = false;
+  kernel.readsEverything();
+  EXPECT_EQ(
+      notified(),
+      (Lines{"address records=[{id=1 interface=1 address=45.45.45.2 disabled=0 removed=1}]",
+             "interface id=1 type=512 flags=0 index=0 name=ppp0 display=ppp0 disabled=1 "
+             "running=0",
+             "state records=[{id=1 type=512 flags=0 index=0 name=ppp0 display=ppp0 disabled=1 "
+             "running=0}]",
+             "interface id=1 type=512 flags=0 index=3 name=ppp0 display=ppp0 disabled=0 "
+             "running=1",
+             "state records=[{id=1 type=512 flags=0 index=3 name=ppp0 display=ppp0 disabled=0 "
+             "running=1}]",
+             "address records=[{id=2 interface=1 address=45.45.45.2 disabled=0}]"}));
+}
+
+TEST_F(InterfaceTableTest, FollowsNamesThatWereSwappedWhileChangesWereLost) {
+  kernel.appears("a");
+  kernel.appears("b");
+  starts();
+  kernel.silent = true;
+  kernel.isRenamed("a", "tmp");
+  kernel.isRenamed("b", "a");
+  kernel.isRenamed("tmp", "b");
+  kernel.silent = false;
+  kernel.readsEverything();
+  EXPECT_EQ(lists(), (Lines{"id=1 type=1 flags=0 index=3 name=a display=a disabled=0 running=1",
+                            "id=2 type=1 flags=0 index=2 name=b display=b disabled=0 running=1"}));
+}
+
+TEST_F(InterfaceTableTest, ReadsOneInterfaceWithItsCounters) {
+  kernel.appears("wan0");
+  kernel.counters = {4294967301, 426, 5, 3};
+  starts();
+  lm::message request;
+  request.insert_u32(lm::key::objectId, 1);
+  request.insert_u32(0xfe000c, 256);
+  EXPECT_EQ(text(asks(daemon, 0xfe0002, request)),
+            "id=1 type=1 flags=0 index=2 name=wan0 display=wan0 disabled=0 running=1 "
+            "rxbytes=4294967301 txbytes=426 rxpackets=5 txpackets=3");
+}
+
+TEST_F(InterfaceTableTest, ReadsZeroCountersOfALinkThatIsAway) {
+  starts();
+  EXPECT_EQ(text(administratorKeeps("ppp0", 1)), "id=1");
+  lm::message request;
+  request.insert_u32(lm::key::objectId, 1);
+  EXPECT_EQ(text(asks(daemon, 0xfe0002, request)),
+            "id=1 type=0 flags=0 index=0 name=ppp0 display=ppp0 disabled=1 running=0 rxbytes=0 "
+            "txbytes=0 rxpackets=0 txpackets=0");
+}
+
+TEST_F(InterfaceTableTest, RefusesAnUnknownObjectAndAnUnknownCommand) {
+  starts();
+  lm::message request;
+  request.insert_u32(lm::key::objectId, 7);
+  for (const uint32_t command : {0xfe0002U, 0xfe0003U, 0xfe0006U}) {
+    EXPECT_EQ(text(asks(administrator, command, request)), "error=16646153 text=no such object");
+  }
+  EXPECT_EQ(text(asks(administrator, 0xfe000d)), "error=16646153 text=unknown command");
+}
+
+}  // namespace
+}  // namespace lumen

@@ -1,0 +1,195 @@
+#include <gtest/gtest.h>
+
+#include "lumen/services/interfaces/KeptNames.h"
+#include "platform/Keys.h"
+#include "services/interfaces/Router.h"
+
+namespace lumen {
+namespace {
+
+using KeptInterface = Router;
+using Lines = std::vector<std::string>;
+
+constexpr const char* refused = "error=16646153 text=";
+
+TEST_F(KeptInterface, GivesAnIdToALinkThatDoesNotExistYet) {
+  starts();
+  EXPECT_EQ(text(administratorKeeps("wan0", 1)), "id=1");
+  EXPECT_EQ(notified(),
+            (Lines{"interface id=1 type=0 flags=0 index=0 name=wan0 display=wan0 disabled=1 "
+                   "running=0",
+                   "state records=[{id=1 type=0 flags=0 index=0 name=wan0 display=wan0 disabled=1 "
+                   "running=0}]"}));
+  kernel.appears("wan0");
+  EXPECT_EQ(lists(), (Lines{"id=1 type=1 flags=0 index=2 name=wan0 display=wan0 disabled=0 "
+                            "running=1"}));
+}
+
+TEST_F(KeptInterface, KeepsTheIdOfALinkThatIsThereAndTellsNobody) {
+  kernel.appears("br-lan");
+  kernel.appears("wan0");
+  starts();
+  EXPECT_EQ(text(administratorKeeps("wan0", 1)), "id=2");
+  EXPECT_EQ(notified(), Lines{});
+}
+
+TEST_F(KeptInterface, ChangesTheRoleWhenKeptAgainAndKeepsTheId) {
+  starts();
+  EXPECT_EQ(text(administratorKeeps("wan0", 1)), "id=1");
+  EXPECT_EQ(text(administratorKeeps("wan0", 2)), "id=1");
+  EXPECT_EQ(recordTexts(asks(administrator, lm::cmd::list)),
+            (Lines{"id=1 type=0 flags=0 index=0 name=wan0 display=wan0 disabled=1 running=0 "
+                   "role=2"}));
+}
+
+TEST_F(KeptInterface, ShowsTheRoleToAdministratorsOnly) {
+  kernel.appears("br-lan");
+  kernel.appears("other");
+  starts();
+  EXPECT_EQ(text(administratorKeeps("br-lan", 2)), "id=1");
+  EXPECT_EQ(recordTexts(asks(administrator, lm::cmd::readAll)),
+            (Lines{"id=1 type=1 flags=0 index=2 name=br-lan display=br-lan disabled=0 running=1 "
+                   "role=2",
+                   "id=2 type=1 flags=0 index=3 name=other display=other disabled=0 running=1"}));
+  EXPECT_EQ(lists()[0],
+            "id=1 type=1 flags=0 index=2 name=br-lan display=br-lan disabled=0 running=1");
+  lm::message request;
+  request.insert_u32(lm::key::objectId, 1);
+  EXPECT_EQ(text(asks(administrator, lm::cmd::readObject, request)),
+            "id=1 type=1 flags=0 index=2 name=br-lan display=br-lan disabled=0 running=1 rxbytes=0 "
+            "txbytes=0 rxpackets=0 txpackets=0 role=2");
+}
+
+TEST_F(KeptInterface, SurvivesARestartWithItsIdAndRole) {
+  kernel.appears("a");
+  kernel.appears("b");
+  kernel.appears("wan0");
+  starts();
+  EXPECT_EQ(text(administratorKeeps("wan0", 1)), "id=3");
+  EXPECT_EQ(text(administratorKeeps("ppp0", 2)), "id=4");
+  kernel.leaves("a");
+  restarts();
+  EXPECT_EQ(recordTexts(asks(administrator, lm::cmd::list)),
+            (Lines{"id=3 type=1 flags=0 index=4 name=wan0 display=wan0 disabled=0 running=1 role=1",
+                   "id=4 type=0 flags=0 index=0 name=ppp0 display=ppp0 disabled=1 running=0 role=2",
+                   "id=5 type=1 flags=0 index=3 name=b display=b disabled=0 running=1"}));
+}
+
+TEST_F(KeptInterface, LeavesAtOnceWhenForgottenWhileItsLinkIsAway) {
+  starts();
+  EXPECT_EQ(text(administratorKeeps("ppp0", 1)), "id=1");
+  (void)notified();
+  EXPECT_EQ(text(administratorForgets("ppp0")), "");
+  EXPECT_EQ(
+      notified(),
+      (Lines{"interface id=1 type=0 flags=128 index=0 name=ppp0 display=ppp0 disabled=1 "
+             "running=0",
+             "state records=[{id=1 type=0 flags=128 index=0 name=ppp0 display=ppp0 disabled=1 "
+             "running=0}]"}));
+  EXPECT_EQ(lists(), Lines{});
+  restarts();
+  EXPECT_EQ(lists(), Lines{});
+}
+
+TEST_F(KeptInterface, StaysUntilItsLinkLeavesWhenForgottenWhileItIsThere) {
+  kernel.appears("wan0");
+  starts();
+  EXPECT_EQ(text(administratorKeeps("wan0", 1)), "id=1");
+  EXPECT_EQ(text(administratorForgets("wan0")), "");
+  EXPECT_EQ(notified(), Lines{});
+  EXPECT_EQ(lists().size(), 1U);
+  kernel.leaves("wan0");
+  EXPECT_EQ(lists(), Lines{});
+}
+
+TEST_F(KeptInterface, KeepsTheIdForTheNameAfterItWasForgotten) {
+  starts();
+  EXPECT_EQ(text(administratorKeeps("ppp0", 1)), "id=1");
+  EXPECT_EQ(text(administratorForgets("ppp0")), "");
+  kernel.appears("eth0");
+  kernel.appears("ppp0");
+  EXPECT_EQ(idOf("eth0"), 2U);
+  EXPECT_EQ(idOf("ppp0"), 1U);
+}
+
+TEST_F(KeptInterface, IsRefusedToBeForgottenWhenItIsNotKept) {
+  kernel.appears("wan0");
+  starts();
+  EXPECT_EQ(text(administratorForgets("wan0")), std::string(refused) + "the name is not kept");
+}
+
+TEST_F(KeptInterface, HasANameThatTheKernelWouldTake) {
+  starts();
+  const std::pair<std::string, const char*> bad[] = {
+      {"", "empty"},
+      {"sixteen-letters-", "no room for the end of the text"},
+      {".", "a directory"},
+      {"..", "a directory"},
+      {"a/b", "a directory in /sys"},
+      {"a b", "a blank"},
+      {"a\tb", "a blank"},
+      {"a\nb", "a blank"},
+      {"a\xa0"
+       "b",
+       "a blank in the kernel's eyes"},
+      {"eth0:1", "the label of an address"},
+      {std::string("a\0b", 3), "an end in the middle"},
+      {"lo", "never listed"},
+  };
+  for (const auto& [name, reason] : bad) {
+    EXPECT_EQ(text(administratorKeeps(name, 1)), std::string(refused) + "bad interface name")
+        << reason;
+  }
+  for (const char* good : {"a", "fifteen-letters", "...", "wan0.7", "br-lan", "a@b"}) {
+    EXPECT_NE(administratorKeeps(good, 1).get_u32(lm::key::objectId), 0U) << good;
+  }
+}
+
+TEST_F(KeptInterface, HasOneOfTwoRoles) {
+  starts();
+  for (const uint32_t role : {0U, 3U, lm::none}) {
+    EXPECT_EQ(text(administratorKeeps("wan0", role)), std::string(refused) + "bad role");
+  }
+}
+
+TEST_F(KeptInterface, IsOneOfAtMost256) {
+  starts();
+  for (size_t i = 0; i < KeptNames::limit; ++i) {
+    ASSERT_EQ(administratorKeeps("n" + std::to_string(i), 1).get_u32(lm::key::objectId), i + 1);
+  }
+  EXPECT_EQ(text(administratorKeeps("more", 1)), std::string(refused) + "too many kept names");
+  EXPECT_EQ(text(administratorKeeps("n5", 2)), "id=6");
+  restarts();
+  EXPECT_EQ(idOf("n255"), 256U);
+}
+
+TEST_F(KeptInterface, ChangesNothingWhenItCannotBeStored) {
+  kernel.appears("wan0");
+  starts();
+  EXPECT_EQ(text(administratorKeeps("wan0", 1)), "id=1");
+  storeBecomesUnwritable();
+  const std::string answer = std::string(refused) + "the name could not be stored";
+  EXPECT_EQ(text(administratorKeeps("ppp0", 1)), answer);
+  EXPECT_EQ(text(administratorKeeps("wan0", 2)), answer);
+  EXPECT_EQ(text(administratorForgets("wan0")), answer);
+  EXPECT_EQ(recordTexts(asks(administrator, lm::cmd::list)),
+            (Lines{"id=1 type=1 flags=0 index=2 name=wan0 display=wan0 disabled=0 running=1 "
+                   "role=1"}));
+  EXPECT_EQ(notified(), Lines{});
+}
+
+TEST_F(KeptInterface, IsKeptAndForgottenByAdministratorsOnly) {
+  starts();
+  lm::message keep;
+  keep.insert_string(interfaces::key::name, "wan0");
+  keep.insert_u32(interfaces::key::role, 1);
+  EXPECT_EQ(text(asks(daemon, lm::cmd::addObject, keep)), std::string(refused) + "not permitted");
+  EXPECT_EQ(text(administratorKeeps("wan0", 1)), "id=1");
+  lm::message forget;
+  forget.insert_u32(lm::key::objectId, 1);
+  EXPECT_EQ(text(asks(daemon, lm::cmd::removeObject, forget)),
+            std::string(refused) + "not permitted");
+}
+
+}  // namespace
+}  // namespace lumen

@@ -1,0 +1,270 @@
+// An interface is taken down and up by a message, and keeps its routes.
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+
+#include "platform/Keys.h"
+#include "services/interfaces/Router.h"
+
+namespace lumen {
+namespace {
+
+using Lines = std::vector<std::string>;
+
+constexpr const char* refused = "error=16646153 text=";
+
+class LinkSwitch : public Router {
+ protected:
+  void SetUp() override {
+    kernel.appears("br-lan");
+    kernel.appears("wan0");
+    kernel.appears("other");
+    starts();
+    EXPECT_EQ(text(administratorKeeps("br-lan", 2)), "id=1");
+    EXPECT_EQ(text(administratorKeeps("wan0", 1)), "id=2");
+  }
+
+  void wanGoesDown() {
+    EXPECT_EQ(setsDisabled(daemon, "wan0", true), "");
+    kernel.becomes("wan0", false, false);
+    (void)kernel.takeCalls();
+  }
+};
+
+TEST_F(LinkSwitch, TakesAnExternalInterfaceDownAndUpForAService) {
+  EXPECT_EQ(setsDisabled(daemon, "wan0", true), "");
+  EXPECT_EQ(setsDisabled(daemon, "wan0", false), "");
+  EXPECT_EQ(kernel.takeCalls(), (Lines{"wan0 down", "wan0 up"}));
+}
+
+TEST_F(LinkSwitch, TakesAnyInterfaceDownAndUpForAnAdministrator) {
+  EXPECT_EQ(setsDisabled(administrator, "br-lan", true), "");
+  EXPECT_EQ(setsDisabled(administrator, "other", true), "");
+  EXPECT_EQ(setsDisabled(administrator, "other", false), "");
+  EXPECT_EQ(kernel.takeCalls(), (Lines{"br-lan down", "other down", "other up"}));
+}
+
+TEST_F(LinkSwitch, RefusesAServiceEveryOtherInterface) {
+  EXPECT_EQ(setsDisabled(daemon, "br-lan", true), std::string(refused) + "not permitted");
+  EXPECT_EQ(setsDisabled(daemon, "other", true), std::string(refused) + "not permitted");
+  EXPECT_EQ(text(administratorForgets("wan0")), "");
+  EXPECT_EQ(setsDisabled(daemon, "wan0", true), std::string(refused) + "not permitted");
+  EXPECT_EQ(kernel.takeCalls(), Lines{});
+}
+
+TEST_F(LinkSwitch, RefusesAServiceEveryOtherField) {
+  lm::message request;
+  request.insert_u32(lm::key::objectId, 2);
+  request.insert_bool(lm::key::disabled, true);
+  request.insert_u32(interfaces::key::role, 2);
+  EXPECT_EQ(text(asks(daemon, lm::cmd::setObject, request)),
+            std::string(refused) + "not permitted");
+  EXPECT_EQ(text(asks(administrator, lm::cmd::setObject, request)),
+            std::string(refused) + "only \"disabled\" can be set");
+  EXPECT_EQ(kernel.takeCalls(), Lines{});
+}
+
+TEST_F(LinkSwitch, RefusesARequestThatSetsNothing) {
+  lm::message request;
+  request.insert_u32(lm::key::objectId, 2);
+  EXPECT_EQ(text(asks(daemon, lm::cmd::setObject, request)),
+            std::string(refused) + "only \"disabled\" can be set");
+}
+
+TEST_F(LinkSwitch, DoesNotTakeTransportFieldsForFieldsToSet) {
+  lm::message request;
+  request.insert_u32_array(lm::key::destination, {20, 0});
+  request.insert_u32_array(lm::key::source, {40, 0});
+  request.insert_u32(lm::key::serial, 9);
+  request.insert_u32(lm::key::command, lm::cmd::setObject);
+  request.insert_u32(lm::key::objectId, 2);
+  request.insert_bool(lm::key::disabled, true);
+  EXPECT_EQ(text(asks(daemon, lm::cmd::setObject, request)), "");
+  EXPECT_EQ(kernel.takeCalls(), Lines{"wan0 down"});
+}
+
+TEST_F(LinkSwitch, RefusesALinkThatIsAway) {
+  kernel.leaves("wan0");
+  EXPECT_EQ(setsDisabled(daemon, "wan0", false), std::string(refused) + "the link is away");
+  EXPECT_EQ(kernel.takeCalls(), Lines{});
+}
+
+TEST_F(LinkSwitch, PassesOnWhyTheKernelRefused) {
+  kernel.setUpError = ENODEV;
+  EXPECT_EQ(setsDisabled(daemon, "wan0", true), std::string(refused) + "No such device");
+  EXPECT_EQ(setsDisabled(daemon, "wan0", false), std::string(refused) + "No such device");
+}
+
+TEST_F(LinkSwitch, PutsTheRoutesBackWhenTheLinkRunsAgain) {
+  kernel.getsRoute("wan0", "default", true);
+  kernel.getsRoute("wan0", "on-link");
+  wanGoesDown();
+  kernel.becomes("wan0", true, false);
+  EXPECT_EQ(kernel.takeCalls(), Lines{}) << "the link does not run yet";
+  kernel.becomes("wan0", true, true);
+  EXPECT_EQ(kernel.takeCalls(), (Lines{"route on-link by 3", "route default by 3"}))
+      << "routes without a gateway come first";
+  kernel.becomes("wan0", true, false);
+  kernel.becomes("wan0", true, true);
+  EXPECT_EQ(kernel.takeCalls(), Lines{}) << "once is enough";
+}
+
+TEST_F(LinkSwitch, SavesTheRoutesBeforeItTakesTheLinkDown) {
+  kernel.getsRoute("wan0", "default", true);
+  kernel.routesAreReadable = false;
+  EXPECT_EQ(setsDisabled(daemon, "wan0", true),
+            std::string(refused) + "the link's routes could not be read");
+  kernel.routesAreReadable = true;
+  storeBecomesUnwritable();
+  EXPECT_EQ(setsDisabled(daemon, "wan0", true),
+            std::string(refused) + "the link's routes could not be saved");
+  EXPECT_EQ(kernel.takeCalls(), Lines{});
+}
+
+TEST_F(LinkSwitch, SavesNothingWhenTheKernelRefusesToTakeTheLinkDown) {
+  kernel.getsRoute("wan0", "default", true);
+  kernel.setUpError = EBUSY;
+  EXPECT_EQ(setsDisabled(daemon, "wan0", true), std::string(refused) + "Device or resource busy");
+  (void)kernel.takeCalls();
+  kernel.becomes("wan0", true, false);
+  kernel.becomes("wan0", true, true);
+  EXPECT_EQ(kernel.takeCalls(), Lines{});
+}
+
+TEST_F(LinkSwitch, PutsTheRoutesBackAfterARestart) {
+  kernel.getsRoute("wan0", "default", true);
+  wanGoesDown();
+  restarts();
+  kernel.becomes("wan0", true, true);
+  EXPECT_EQ(kernel.takeCalls(), Lines{"route default by 3"});
+  restarts();
+  EXPECT_EQ(kernel.takeCalls(), Lines{}) << "they are saved no more";
+}
+
+TEST_F(LinkSwitch, PutsTheRoutesBackWhenTheLinkCameUpWhileLumendWasAway) {
+  kernel.getsRoute("wan0", "default", true);
+  wanGoesDown();
+  kernel.silent = true;
+  kernel.becomes("wan0", true, true);
+  kernel.silent = false;
+  restarts();
+  EXPECT_EQ(kernel.takeCalls(), Lines{"route default by 3"});
+}
+
+TEST_F(LinkSwitch, PutsTheRoutesBackWhenGoingDownAndUpWasLost) {
+  kernel.getsRoute("wan0", "default", true);
+  EXPECT_EQ(setsDisabled(daemon, "wan0", true), "");
+  EXPECT_EQ(setsDisabled(daemon, "wan0", false), "");
+  (void)kernel.takeCalls();
+  kernel.readsEverything();
+  EXPECT_EQ(kernel.takeCalls(), Lines{"route default by 3"});
+}
+
+TEST_F(LinkSwitch, KeepsTheRoutesWhenAnOldMessageSaysThatTheLinkRuns) {
+  kernel.getsRoute("wan0", "default", true);
+  EXPECT_EQ(setsDisabled(daemon, "wan0", true), "");
+  (void)kernel.takeCalls();
+  // The kernel has taken it down, but its earlier message has been under way until now.
+  const Link stale = kernel.all.links[3];
+  kernel.all.links[3].up = kernel.all.links[3].running = false;
+  kernel.tellsOf(stale);
+  EXPECT_EQ(kernel.takeCalls(), Lines{});
+  kernel.becomes("wan0", false, false);
+  kernel.becomes("wan0", true, true);
+  EXPECT_EQ(kernel.takeCalls(), Lines{"route default by 3"});
+}
+
+TEST_F(LinkSwitch, KeepsRoutesThatAreNotBackYetWhenItIsTakenDownAgain) {
+  kernel.getsRoute("wan0", "first", true);
+  wanGoesDown();
+  kernel.becomes("wan0", true, false);
+  kernel.getsRoute("wan0", "second");
+  wanGoesDown();
+  kernel.becomes("wan0", true, true);
+  EXPECT_EQ(kernel.takeCalls(), (Lines{"route second by 3", "route first by 3"}));
+}
+
+TEST_F(LinkSwitch, PutsTheRoutesOfAKeptNameBackByItsNextLink) {
+  kernel.getsRoute("wan0", "default", true);
+  wanGoesDown();
+  kernel.leaves("wan0");
+  kernel.appears("wan0");
+  EXPECT_EQ(kernel.takeCalls(), Lines{"route default by 5"});
+}
+
+TEST_F(LinkSwitch, DropsTheRoutesOfANameThatLeavesForGood) {
+  kernel.getsRoute("other", "default", true);
+  EXPECT_EQ(setsDisabled(administrator, "other", true), "");
+  kernel.becomes("other", false, false);
+  (void)kernel.takeCalls();
+  kernel.leaves("other");
+  kernel.appears("other");
+  EXPECT_EQ(kernel.takeCalls(), Lines{});
+}
+
+TEST_F(LinkSwitch, DropsTheRoutesOfANameThatLeftWhileLumendWasAway) {
+  kernel.getsRoute("other", "default", true);
+  EXPECT_EQ(setsDisabled(administrator, "other", true), "");
+  kernel.becomes("other", false, false);
+  (void)kernel.takeCalls();
+  kernel.silent = true;
+  kernel.leaves("other");
+  kernel.silent = false;
+  restarts();
+  kernel.appears("other");
+  EXPECT_EQ(kernel.takeCalls(), Lines{});
+}
+
+TEST_F(LinkSwitch, TriesRoutesThatNeedEachOtherAgain) {
+  kernel.getsRoute("wan0", "behind", true);
+  kernel.getsRoute("wan0", "nearer", true);
+  bool nearerIsThere = false;
+  kernel.refusesRoute = [&](const std::string& content) {
+    if (content == "nearer") nearerIsThere = true;
+    return content == "behind" && !nearerIsThere ? ENETUNREACH : 0;
+  };
+  wanGoesDown();
+  kernel.becomes("wan0", true, true);
+  EXPECT_EQ(kernel.takeCalls(),
+            (Lines{"route behind by 3 refused", "route nearer by 3", "route behind by 3"}));
+}
+
+TEST_F(LinkSwitch, LogsTheRoutesThatTheKernelDoesNotTakeBack) {
+  kernel.getsRoute("wan0", "lost", true);
+  kernel.getsRoute("wan0", "there", true);
+  kernel.refusesRoute = [](const std::string& content) {
+    return content == "lost" ? ENETUNREACH : EEXIST;
+  };
+  wanGoesDown();
+  testing::internal::CaptureStdout();
+  kernel.becomes("wan0", true, true);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "interface wan0: 1 saved routes not put back: Network is unreachable\n");
+  (void)kernel.takeCalls();
+  kernel.becomes("wan0", true, false);
+  kernel.becomes("wan0", true, true);
+  EXPECT_EQ(kernel.takeCalls(), Lines{}) << "they are not tried for ever";
+}
+
+TEST_F(LinkSwitch, SavesAsManyRoutesAsARecordHolds) {
+  for (int i = 0; i < 2000; ++i) kernel.getsRoute("wan0", std::string(68, 'r'));
+  testing::internal::CaptureStdout();
+  wanGoesDown();
+  EXPECT_NE(testing::internal::GetCapturedStdout().find("1017 routes too many to save"),
+            std::string::npos);
+  restarts();
+  kernel.becomes("wan0", true, true);
+  EXPECT_EQ(kernel.takeCalls().size(), 983U);
+}
+
+TEST_F(LinkSwitch, SaysInTheLogWhoTookALinkDown) {
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(setsDisabled(daemon, "wan0", true), "");
+  EXPECT_EQ(setsDisabled(administrator, "wan0", false), "");
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "interface wan0 down for upnp\ninterface wan0 up for the administrator\n");
+}
+
+}  // namespace
+}  // namespace lumen

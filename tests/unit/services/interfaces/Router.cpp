@@ -1,0 +1,80 @@
+#include "services/interfaces/Router.h"
+
+#include <cstdlib>
+
+#include "platform/Keys.h"
+
+namespace lumen {
+namespace {
+
+std::string temporaryDirectory() {
+  std::string path = testing::TempDir() + "/interfaces-XXXXXX";
+  if (!mkdtemp(path.data())) ADD_FAILURE() << "no temporary directory";
+  return path;
+}
+
+}  // namespace
+
+Router::Router() : store_(temporaryDirectory()) {}
+
+Router::~Router() {
+  interfaceTable.reset();
+  std::filesystem::remove_all(store_);
+}
+
+void Router::starts() {
+  addressTable = std::make_unique<AddressTable>(notifier);
+  interfaceTable = std::make_unique<InterfaceTable>(kernel, *addressTable, notifier, store_);
+  interfaceTable->start();
+  (void)notified();
+}
+
+void Router::restarts() {
+  interfaceTable.reset();
+  starts();
+}
+
+lm::message Router::asks(const Caller& caller, uint32_t command, const lm::message& request) {
+  return interfaceTable->handle(caller, command, request);
+}
+
+lm::message Router::asksAddresses(uint32_t command, const lm::message& request) {
+  return addressTable->handle(daemon, command, request);
+}
+
+lm::message Router::administratorKeeps(const std::string& name, uint32_t role) {
+  lm::message request;
+  request.insert_string(interfaces::key::name, name);
+  request.insert_u32(interfaces::key::role, role);
+  return asks(administrator, lm::cmd::addObject, request);
+}
+
+lm::message Router::administratorForgets(const std::string& name) {
+  lm::message request;
+  request.insert_u32(lm::key::objectId, idOf(name));
+  return asks(administrator, lm::cmd::removeObject, request);
+}
+
+std::string Router::setsDisabled(const Caller& caller, const std::string& name, bool disabled) {
+  lm::message request;
+  request.insert_u32(lm::key::objectId, idOf(name));
+  request.insert_bool(lm::key::disabled, disabled);
+  return text(asks(caller, lm::cmd::setObject, request));
+}
+
+Router::Lines Router::lists() { return recordTexts(asks(daemon, lm::cmd::list)); }
+
+uint32_t Router::idOf(const std::string& name) {
+  for (uint32_t cursor = 0; cursor != lm::none;) {
+    lm::message request;
+    request.insert_u32(lm::key::cursor, cursor);
+    const lm::message page = asks(administrator, lm::cmd::list, request);
+    for (const lm::message& m : page.get_message_array_ref(lm::key::records)) {
+      if (m.get_string(interfaces::key::name) == name) return m.get_u32(lm::key::objectId);
+    }
+    cursor = page.get_u32(lm::key::cursor, lm::none);
+  }
+  return 0;
+}
+
+}  // namespace lumen

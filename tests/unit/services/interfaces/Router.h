@@ -1,0 +1,58 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "lumen/services/addresses/AddressTable.h"
+#include "lumen/services/interfaces/InterfaceKeys.h"
+#include "lumen/services/interfaces/InterfaceTable.h"
+#include "services/interfaces/FakeLinks.h"
+#include "services/interfaces/RecordingNotifier.h"
+
+namespace lumen {
+
+/// The interface and address tables on a kernel in memory, with a store of their own.
+class Router : public testing::Test {
+ protected:
+  using Lines = std::vector<std::string>;
+
+  Router();
+  ~Router() override;
+
+  /// Starts the tables. Links that are there already are not in the recorded notifications.
+  void starts();
+  /// lumend ends and starts again on the same store; the kernel goes on.
+  void restarts();
+  /// Nothing can be stored from now on.
+  void storeBecomesUnwritable() { std::filesystem::remove_all(store_); }
+
+  [[nodiscard]] lm::message asks(const Caller& caller, uint32_t command,
+                                 const lm::message& request = {});
+  [[nodiscard]] lm::message asksAddresses(uint32_t command, const lm::message& request = {});
+  [[nodiscard]] lm::message administratorKeeps(const std::string& name, uint32_t role);
+  [[nodiscard]] lm::message administratorForgets(const std::string& name);
+  /// The answer as text.
+  [[nodiscard]] std::string setsDisabled(const Caller& caller, const std::string& name,
+                                         bool disabled);
+  /// The list as a service sees it.
+  [[nodiscard]] Lines lists();
+  [[nodiscard]] uint32_t idOf(const std::string& name);
+  [[nodiscard]] Lines notified() { return notifier.take(); }
+
+  const Caller administrator{1, 0, "", true};
+  const Caller daemon{2, 40, "upnp", false};
+
+  FakeLinks kernel;
+  RecordingNotifier notifier;
+  std::unique_ptr<AddressTable> addressTable;
+  std::unique_ptr<InterfaceTable> interfaceTable;
+
+ private:
+  std::string store_;
+};
+
+}  // namespace lumen
