@@ -1,7 +1,8 @@
 # palinode_python_tests(LABEL file... [TIMEOUT seconds])
 # Registers each test method of the unittest files as a test of its own, so that they run in
-# parallel and are counted one by one. They find the built programs in $PALINODE_BIN and the
-# modules of tests/support on their path. The files are read again whenever they change.
+# parallel and are counted one by one. They find the built programs in $PALINODE_BIN, their version
+# in $PALINODE_VERSION and the package tests/support on their path. The files are read again
+# whenever they change.
 function(palinode_python_tests label)
   cmake_parse_arguments(ARG "" "TIMEOUT" "" ${ARGN})
   if(NOT ARG_TIMEOUT)
@@ -24,7 +25,7 @@ function(palinode_python_tests label)
         set_tests_properties(${name} PROPERTIES
           LABELS ${label}
           TIMEOUT ${ARG_TIMEOUT}
-          ENVIRONMENT "PYTHONPATH=${CMAKE_SOURCE_DIR}/tests;PALINODE_BIN=${CMAKE_BINARY_DIR}/bin")
+          ENVIRONMENT "PYTHONPATH=${CMAKE_SOURCE_DIR}/tests;PALINODE_BIN=${CMAKE_BINARY_DIR}/bin;PALINODE_VERSION=${PROJECT_VERSION}")
       endif()
     endforeach()
   endforeach()

@@ -2,7 +2,6 @@
 
 import select
 import socket
-import struct
 import time
 
 SSDP_GROUP = "239.255.255.250"
@@ -47,7 +46,8 @@ def search_request(target="ssdp:all"):
 def soap_envelope(action, arguments=(), service=""):
     """A control request's body (UPnP Device Architecture 1.0, section 3.2.1)."""
     inner = "".join(f"<{name}>{value}</{name}>" for name, value in arguments)
-    return ('<?xml version="1.0"?>\r\n<s:Envelope xmlns:s="http://schemas.xmlsoap.org/soap/envelope/" '
+    return ('<?xml version="1.0"?>\r\n'
+            '<s:Envelope xmlns:s="http://schemas.xmlsoap.org/soap/envelope/" '
             's:encodingStyle="http://schemas.xmlsoap.org/soap/encoding/"><s:Body>'
             f'<u:{action} xmlns:u="{service}">{inner}</u:{action}></s:Body></s:Envelope>')
 
@@ -84,12 +84,12 @@ class LanHost:
         sock = self.namespace.socket(socket.SOCK_DGRAM)
         sock.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
         sock.bind(("", SSDP_PORT))
-        membership = struct.pack("4s4s", socket.inet_aton(SSDP_GROUP), socket.inet_aton(self.address))
-        sock.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP, membership)
+        sock.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP,
+                        socket.inet_aton(SSDP_GROUP) + socket.inet_aton(self.address))
         return sock
 
     def send_search(self, datagram):
-        """Multicasts the datagram; the replies come to the socket returned, which the caller closes."""
+        """Multicasts the datagram; its replies come to the socket returned. The caller closes it."""
         sock = self.namespace.socket(socket.SOCK_DGRAM)
         sock.bind((self.address, 0))
         sock.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton(self.address))
@@ -106,7 +106,9 @@ class LanHost:
             receive_texts(later, 1)
             return pending_texts(asked)
 
-    def connect(self, port=HTTP_PORT, limit=5.0):
+    def connect(self, port=HTTP_PORT, limit=10.0):
+        """A connection. The gateway's queue holds one client: a SYN that finds it full is sent
+        again after a second."""
         sock = self.namespace.socket()
         sock.settimeout(limit)
         try:
@@ -116,8 +118,8 @@ class LanHost:
             raise
         return sock
 
-    def exchange(self, data, limit=5.0):
-        """Sends the bytes on a connection of their own; returns all that comes back until its end."""
+    def exchange(self, data, limit=10.0):
+        """Sends the bytes on a connection of their own; returns all that comes back to its end."""
         with self.connect(limit=limit) as sock:
             sock.sendall(data)
             return read_to_end(sock)

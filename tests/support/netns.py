@@ -59,7 +59,7 @@ class Namespace:
 
     @contextlib.contextmanager
     def entered(self):
-        """The calling thread is in the namespace inside the `with`. What it opens there stays there."""
+        """Inside the `with` the calling thread is in the namespace. What it opens stays there."""
         outside = os.open("/proc/thread-self/ns/net", os.O_RDONLY | os.O_CLOEXEC)
         try:
             _check(_libc.setns(self._fd, CLONE_NEWNET), "setns")
@@ -110,7 +110,8 @@ class Namespace:
 
     def link(self, name, other, other_name):
         """A cable: link `name` here, `other_name` in the namespace `other`, both up."""
-        self.ip("link", "add", name, "type", "veth", "peer", "name", other_name, "netns", other.path)
+        self.ip("link", "add", name, "type", "veth",
+                "peer", "name", other_name, "netns", other.path)
         self.ip("link", "set", name, "up")
         other.ip("link", "set", other_name, "up")
 
@@ -127,16 +128,15 @@ def _make_namespace():
 
 
 def _mount(source, target, flags):
-    _check(
-        _libc.mount(source.encode(), target.encode(), b"tmpfs" if flags == 0 else None, flags, None),
-        f"mount {source} on {target}",
-    )
+    kind = b"tmpfs" if flags == 0 else None
+    _check(_libc.mount(source.encode(), target.encode(), kind, flags, None),
+           f"mount {source} on {target}")
 
 
 def _enter_private_root(private):
     """Moves the calling process, which is about to start another program, to a root of its own that
     shows everything of the old one but the paths in `private`. Mounting over a path of the old root
-    would need the path to exist there, and its removal by one test would end the mount of another."""
+    would need the path to exist there, and its removal by one test would end another's mount."""
     _check(_libc.unshare(CLONE_NEWNS), "unshare")
     _mount("none", "/", _MS_REC | _MS_PRIVATE)
     working_directory = os.getcwd()

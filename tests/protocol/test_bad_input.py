@@ -1,0 +1,128 @@
+"""Input of every kind that no well-behaved peer sends. What follows it is served as ever, and the
+sanitizers, where they are built in, have nothing to say."""
+
+import random
+import socket
+
+from gateway_case import LAN, WAN, GatewayCase
+from support import lm
+from support.lan import search_request, soap_envelope
+from test_control import CONTROL, IP_CONNECTION, mapping
+
+
+def mutations(good, count, seed):
+    """Cut, doubled, overwritten and padded versions of the bytes; the same ones in each run."""
+    choose = random.Random(seed)
+    for _ in range(count):
+        data = bytearray(good)
+        for _ in range(choose.randint(1, 4)):
+            start = choose.randrange(len(data) + 1)
+            end = min(len(data), start + choose.randint(0, 30))
+            match choose.randrange(5):
+                case 0:
+                    del data[start:end]
+                case 1:
+                    data[start:start] = data[start:end] * choose.randint(1, 20)
+                case 2:
+                    data[start:end] = choose.randbytes(end - start)
+                case 3:
+                    data[start:start] = choose.choice(
+                        (b"\r\n", b"\r", b"\0", b":", b"<", b"&", b'"', b"\xff\xfe", b"-1",
+                         b"99999999999999999999", b" HTTP/1.1", b"\r\n\r\n"))
+                case 4:
+                    data = data[:start]
+        yield bytes(data)
+
+
+class BadInput(GatewayCase):
+    def setUp(self):
+        super().setUp()
+        self.serve()
+
+    def test_datagrams(self):
+        group = ("239.255.255.250", 1900)
+        with self.lan.namespace.socket(socket.SOCK_DGRAM) as sender:
+            sender.bind((self.lan.address, 0))
+            sender.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF,
+                              socket.inet_aton(self.lan.address))
+            for number, datagram in enumerate(mutations(search_request("ssdp:all"), 1000, 1)):
+                sender.sendto(datagram[:60000], group)
+                if number % 50 == 0:
+                    self.lan.search("upnp:rootdevice")  # the socket's buffer is not the subject
+        self.assert_serves()
+
+    def test_datagrams_of_noise(self):
+        choose = random.Random(2)
+        for size in (1, 2, 3, 10, 100, 1472, 4096, 4097, 60000):
+            self.lan.send_search(choose.randbytes(size)).close()
+        self.assert_serves()
+
+    def exchange(self, data):
+        """As a client that has said all it will say."""
+        with self.lan.connect() as client:
+            try:
+                client.sendall(data)
+                client.shutdown(socket.SHUT_WR)
+                return client.recv(65536)
+            except ConnectionError:
+                return b""
+
+    def test_requests(self):
+        good = (b"SUBSCRIBE /upnp/event/osinfo HTTP/1.1\r\nHost: 192.168.88.1:2828\r\n"
+                b"Accept-Language: en\r\nContent-Length: 4\r\n\r\nbody")
+        for data in mutations(good, 150, 3):
+            reply = self.exchange(data)
+            if reply:
+                self.assertRegex(reply, rb"^HTTP/1\.1 (400|404|412|501) ", data)
+        self.assert_serves()
+
+    def test_control_requests(self):
+        body = soap_envelope("AddPortMapping", mapping(), IP_CONNECTION).encode()
+        head = (f"POST {CONTROL} HTTP/1.1\r\nHOST: 192.168.88.1:2828\r\nCONTENT-TYPE: text/xml\r\n"
+                f'SOAPACTION: "{IP_CONNECTION}#AddPortMapping"\r\n').encode()
+        for changed in mutations(body, 150, 4):
+            length = f"CONTENT-LENGTH: {len(changed)}\r\n\r\n".encode()
+            reply = self.exchange(head + length + changed)
+            self.assertRegex(reply, rb"^HTTP/1\.1 (200|400|500) ", changed)
+        self.assertEqual(self.lan.invoke(CONTROL, IP_CONNECTION, "GetStatusInfo").status, 200)
+        self.assert_serves()
+
+    def test_documents_that_expand(self):
+        entities = '<!ENTITY a0 "lol">' + "".join(
+            f'<!ENTITY a{n} "{f"&a{n - 1};" * 10}">' for n in range(1, 10))
+        bomb = f"<!DOCTYPE x [{entities}]>" + soap_envelope(
+            "GetStatusInfo", [("x", "&a9;")], IP_CONNECTION).partition("\r\n")[2]
+        deep = "<a>" * 20000
+        wide = soap_envelope("GetStatusInfo", [("x", "")] * 3000, IP_CONNECTION)
+        before = self.daemon.processor_time()
+        for body, status in ((bomb, 400), (deep, 400), (wide, 200)):
+            reply = self.lan.post(CONTROL, body, "CONTENT-TYPE: text/xml",
+                                  f'SOAPACTION: "{IP_CONNECTION}#GetStatusInfo"')
+            self.assertEqual(reply.status, status)
+        self.assertLess(self.daemon.processor_time() - before, 2.0)
+        self.assert_serves()
+
+    def test_messages_that_say_nothing_useful(self):
+        records = [{}, {lm.OBJECT_ID: 0}, {lm.OBJECT_ID: lm.NONE, 0x08000002: 9},
+                   {0x20000001: "x" * 1000, 0x90000005: [1] * 100}]
+        for command in (lm.CMD_ADD, lm.CMD_SET, lm.CMD_REMOVE, lm.CMD_READ, lm.CMD_READ_ALL,
+                        lm.CMD_LIST, 0, lm.NONE):
+            for fields in records:
+                self.platform.request(command, fields)
+        for fields in records:
+            self.notify_interface(fields)
+            self.notify_states(fields)
+            self.notify_addresses(fields)
+        self.platform.notify(lm.CMD_CHANGED, (), {})
+        self.platform.notify(lm.CMD_CHANGED, (20, 1), {lm.RECORDS: [{}] * 3})
+        self.platform.notify(0x4711, (20, 0), {})
+        self.assert_serves()
+
+    def test_objects_of_no_known_type(self):
+        for kind in (0, 3, lm.NONE):
+            self.platform.request(lm.CMD_SET, {lm.OBJECT_ID: 2, 0x08000002: kind})
+            self.platform.request(lm.CMD_SET, {lm.OBJECT_ID: 2, 0x08000002: kind,
+                                               0x08000001: 4711})
+            self.platform.request(lm.CMD_SET, {lm.OBJECT_ID: 2, 0x08000001: WAN})
+        self.assertEqual(len(self.lan.search(f"uuid:UUID-KESTRAVA-WAN-DEVICE-TEST-{LAN}")), 0)
+        self.assert_serves()
