@@ -20,11 +20,16 @@
 #include "lumen/services/broker/Listener.h"
 #include "lumen/services/identity/Identity.h"
 #include "lumen/services/interfaces/InterfaceTable.h"
+#include "lumen/services/nat/NatMap.h"
+#include "lumen/services/nat/NatRules.h"
+#include "lumen/services/nat/PolicyBook.h"
 #include "lumen/services/supervisor/ServiceFolder.h"
 #include "lumen/services/supervisor/Supervisor.h"
 #include "lumen/services/system/EndSignals.h"
+#include "lumen/services/system/LibNftables.h"
 #include "lumen/services/system/LinuxProcesses.h"
 #include "lumen/services/system/LockFile.h"
+#include "lumen/services/system/NetlinkFlows.h"
 #include "lumen/services/system/NetlinkLinks.h"
 #include "lumen/services/system/PrivateRoot.h"
 #include "lumen/services/system/Privileges.h"
@@ -35,6 +40,8 @@ namespace {
 using lumen::ServiceDefinition;
 
 const std::string serviceFolder = "/lumen/etc/services";
+const std::string rulesetFile = "/lumen/etc/nat-ruleset.nft";
+const std::string policyFile = "/lumen/etc/nat-policy";
 const std::string storeFolder = "/lumen/store";
 const std::string runFolder = "/lumen/run";
 constexpr const char* administrators = "lumen";
@@ -48,6 +55,10 @@ constexpr unsigned forOwner = 0700;
 
 void demand(const std::string& error) {
   if (!error.empty()) lm::fatal("lumend: ", error);
+}
+
+void demand(const char* what, const std::optional<std::string>& error) {
+  if (error) lm::fatal("lumend: ", what, ": ", *error);
 }
 
 void checkKernel() {
@@ -144,6 +155,15 @@ void serve(lm::EventLoop& loop, lumen::EndSignals& signals, lumen::LinuxProcesse
   broker.addLocal(lm::service::interfaces, lm::handler::interfaces, interfaces);
   broker.addLocal(lm::service::interfaces, lm::handler::addresses, addresses);
   interfaces.start();
+
+  lumen::LibNftables nftables;
+  lumen::NatMap map(nftables);
+  demand("NAT table", map.open(rulesetFile));
+  lumen::NetlinkFlows flows;
+  lumen::PolicyBook policies(policyFile, ownStore("nat"));
+  demand("NAT policy", policies.load());
+  lumen::NatRules rules(map, flows, addresses, policies, loop.clock());
+  broker.addLocal(lm::service::interfaces, lm::handler::natRules, rules);
 
   lumen::Listener listener(broker);
   if (!listener.listen(runFolder + "/lumen.sock")) std::exit(1);
