@@ -1,0 +1,198 @@
+#include <random>
+
+#include "lumen/runtime/Codec.h"
+#include "lumen/services/broker/BrokerKeys.h"
+#include "platform/Keys.h"
+#include "services/broker/BrokerFixture.h"
+
+namespace lumen::test {
+namespace {
+
+constexpr uint32_t someCommand = 3;
+
+/// Programs that do not keep to the rules, and what they do to others: nothing.
+class BadProgram : public BrokerTest {
+ protected:
+  void expectThatOthersAreServed() {
+    Program client = connectAdministrator();
+    client.ask({20, 5}, lm::cmd::list);
+    settle();
+    EXPECT_TRUE(client.receive());
+  }
+};
+
+lm::message rightRequest() {
+  lm::message request;
+  request.insert_u32_array(lm::key::destination, {20, 5});
+  request.insert_u32(lm::key::command, lm::cmd::list);
+  request.insert_u32(lm::key::serial, 1);
+  return request;
+}
+
+TEST_F(BadProgram, IsDisconnectedForWhatIsNoMessage) {
+  const std::string right = lm::encode(rightRequest());
+  std::string unknownType = right;
+  unknownType[0] = static_cast<char>(0xF8);
+  struct Case {
+    const char* what;
+    std::string datagram;
+  };
+  const Case cases[] = {
+      {"truncated", right.substr(0, right.size() - 1)},
+      {"trailing bytes", right + '\0'},
+      {"a key twice", right + right},
+      {"an unknown type", unknownType},
+      {"a bool that is neither", right + std::string("\x00\xff\x00\x04\x02", 5)},
+      {"too long", right + std::string(lm::maxDatagram, '\0')},
+  };
+  for (const Case& bad : cases) {
+    SCOPED_TRACE(bad.what);
+    testing::internal::CaptureStdout();
+    Program program = connectAdministrator();
+    program.sendBytes(bad.datagram);
+    program.send(rightRequest());
+    settle();
+    EXPECT_TRUE(program.isDisconnected());
+    const std::string log = testing::internal::GetCapturedStdout();
+    EXPECT_NE(log.find(" (process 1, user 0): sent no message: "), std::string::npos) << log;
+    EXPECT_TRUE(rules.requests.empty()) << "what follows is not looked at";
+    expectThatOthersAreServed();
+    rules.requests.clear();
+  }
+}
+
+TEST_F(BadProgram, IsDisconnectedForAnEmptyDatagram) {
+  testing::internal::CaptureStdout();
+  Program program = connectAdministrator();
+  program.sendBytes("");
+  settle();
+  EXPECT_TRUE(program.isDisconnected());
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "connection 1 (process 1, user 0): sent an empty datagram\n");
+}
+
+TEST_F(BadProgram, IsNotReportedForItsEnd) {
+  testing::internal::CaptureStdout();
+  Program program = connectAdministrator();
+  program.close();
+  settle();
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+}
+
+TEST_F(BadProgram, IsDisconnectedForAMessageThatIsNothing) {
+  struct Case {
+    const char* what;
+    uint32_t without;
+    bool asReply;
+    bool replyField;
+  };
+  const Case cases[] = {
+      {"a request without command", lm::key::command, false, false},
+      {"a request without serial", lm::key::serial, false, false},
+      {"a request with a reply field", 0, true, false},
+      {"a reply without serial", lm::key::serial, true, true},
+      {"without destination and source", lm::key::destination, false, false},
+  };
+  for (const Case& bad : cases) {
+    SCOPED_TRACE(bad.what);
+    testing::internal::CaptureStdout();
+    lm::message m;
+    if (bad.without != lm::key::destination) m.insert_u32_array(lm::key::destination, {20, 5});
+    if (bad.without != lm::key::command) m.insert_u32(lm::key::command, lm::cmd::list);
+    if (bad.without != lm::key::serial) m.insert_u32(lm::key::serial, 1);
+    if (bad.asReply) m.insert_bool(lm::key::isReply, bad.replyField);
+    Program program = connectAdministrator();
+    program.send(m);
+    settle();
+    EXPECT_TRUE(program.isDisconnected());
+    const std::string log = testing::internal::GetCapturedStdout();
+    EXPECT_NE(log.find("sent neither request, notification nor reply"), std::string::npos) << log;
+    EXPECT_TRUE(rules.requests.empty());
+  }
+}
+
+TEST_F(BadProgram, WhoseBytesAreRandomHarmsNobody) {
+  testing::internal::CaptureStdout();
+  std::mt19937 random(1);
+  const std::string right = lm::encode(rightRequest());
+  for (int i = 0; i < 300; ++i) {
+    Program program = connect(gatewayUser);
+    std::string datagram = right;
+    for (unsigned changes = 1 + random() % 4; changes > 0; --changes) {
+      datagram[random() % datagram.size()] = static_cast<char>(random());
+    }
+    program.sendBytes(datagram);
+    settle(3);
+    program.close();
+    settle(3);
+  }
+  testing::internal::GetCapturedStdout();
+  expectThatOthersAreServed();
+}
+
+TEST_F(BadProgram, WhoDoesNotReadIsDisconnectedAndNobodyWaits) {
+  testing::internal::CaptureStdout();
+  Program deaf = connectAdministrator();
+  subscribe(deaf, lm::cmd::changed, {20, 0});
+  Program reader = connectAdministrator();
+  subscribe(reader, lm::cmd::changed, {20, 0});
+  const lm::message large = fields(std::string(100'000, 'x'));
+  constexpr int inQueue = Connection::queueLimit / 100'000;
+  constexpr int inKernel = 6;  // at most
+  for (int i = 0; i < inQueue; ++i) {
+    broker.notify(lm::cmd::changed, {20, 0}, large);
+    settle(2);
+    EXPECT_TRUE(reader.receive());
+  }
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "") << "there is still room";
+  testing::internal::CaptureStdout();
+  for (int i = 0; i < inKernel; ++i) {
+    broker.notify(lm::cmd::changed, {20, 0}, large);
+    settle(2);
+    EXPECT_TRUE(reader.receive());
+  }
+  while (deaf.receive()) {
+  }
+  EXPECT_TRUE(deaf.isDisconnected());
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "connection 1 (process 1, user 0): does not read what it is sent\n");
+}
+
+TEST_F(BadProgram, WhoReadsLateGetsEverythingInOrder) {
+  Program late = connectAdministrator();
+  subscribe(late, lm::cmd::changed, {20, 0});
+  constexpr int many = 400;
+  for (int i = 0; i < many; ++i) {
+    broker.notify(lm::cmd::changed, {20, 0}, fields(std::to_string(i) + std::string(8000, ' ')));
+  }
+  for (int i = 0; i < many; ++i) {
+    auto news = late.receive();
+    if (!news) {
+      settle();
+      news = late.receive();
+    }
+    ASSERT_TRUE(news) << i;
+    EXPECT_EQ(std::stoi(news->get_string(7)), i);
+  }
+  settle();
+  EXPECT_FALSE(late.isDisconnected());
+}
+
+TEST_F(BadProgram, WhichIsAServiceThatDoesNotReadKeepsNobodyWaiting) {
+  testing::internal::CaptureStdout();
+  Program deaf = connect(gatewayUser);
+  registerAs(deaf, gateway);
+  Program client = connectAdministrator();
+  const lm::message large = fields(std::string(100'000, 'x'));
+  std::string error;
+  for (int i = 0; i < 60 && error.empty(); ++i) {
+    client.ask({gateway, 0}, someCommand, large);
+    settle(3);
+    error = client.error();
+  }
+  testing::internal::GetCapturedStdout();
+  EXPECT_EQ(error, "service unavailable");
+}
+
+}  // namespace
+}  // namespace lumen::test

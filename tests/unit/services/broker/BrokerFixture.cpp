@@ -1,0 +1,149 @@
+#include "services/broker/BrokerFixture.h"
+
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "lumen/runtime/Codec.h"
+#include "lumen/services/broker/BrokerKeys.h"
+#include "platform/Keys.h"
+
+namespace lumen::test {
+
+namespace {
+
+std::vector<ServiceDefinition> twoServices() {
+  ServiceDefinition names;
+  names.name = "resolver";
+  names.number = 14;
+  names.user = 201;
+  ServiceDefinition upnp;
+  upnp.name = "upnp";
+  upnp.number = 40;
+  upnp.user = 200;
+  return {names, upnp};
+}
+
+}  // namespace
+
+lm::message fields(const std::string& text) {
+  lm::message m;
+  m.insert_string(7, text);
+  return m;
+}
+
+lm::message services(const std::vector<uint32_t>& numbers) {
+  lm::message m;
+  m.insert_u32_array(brokerkey::services, numbers);
+  return m;
+}
+
+void Program::sendBytes(const std::string& datagram) {
+  const ssize_t sent =
+      ::send(socket_.get(), datagram.data(), datagram.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+  EXPECT_EQ(sent, static_cast<ssize_t>(datagram.size())) << strerror(errno);
+}
+
+void Program::send(const lm::message& m) { sendBytes(lm::encode(m)); }
+
+uint32_t Program::ask(const std::vector<uint32_t>& path, uint32_t command, lm::message fields) {
+  fields.insert_u32_array(lm::key::destination, path);
+  fields.insert_u32(lm::key::command, command);
+  fields.insert_u32(lm::key::serial, ++serial_);
+  send(fields);
+  return serial_;
+}
+
+void Program::answer(const lm::message& request, lm::message fields) {
+  fields.insert_bool(lm::key::isReply, true);
+  fields.insert_u32(lm::key::serial, request.get_u32(lm::key::serial));
+  send(fields);
+}
+
+void Program::notify(uint32_t command, uint32_t handler, lm::message fields) {
+  fields.insert_u32(lm::key::command, command);
+  fields.insert_u32_array(lm::key::source, {0, handler});
+  send(fields);
+}
+
+std::optional<lm::message> Program::receive() {
+  std::string buffer(lm::maxDatagram, '\0');
+  const ssize_t length = recv(socket_.get(), buffer.data(), buffer.size(), MSG_DONTWAIT);
+  if (length <= 0) return std::nullopt;
+  buffer.resize(static_cast<size_t>(length));
+  std::string reason;
+  std::optional<lm::message> m = lm::decode(buffer, reason);
+  EXPECT_EQ(reason, "");
+  return m;
+}
+
+std::string Program::error() {
+  const std::optional<lm::message> reply = receive();
+  return reply ? lm::getError(*reply) : std::string();
+}
+
+bool Program::isDisconnected() {
+  char byte = 0;
+  const ssize_t length = recv(socket_.get(), &byte, 1, MSG_DONTWAIT | MSG_PEEK);
+  return length == 0 || (length < 0 && errno == ECONNRESET);
+}
+
+BrokerTest::BrokerTest()
+    : supervisor(twoServices(), processes, clock, "/run"),
+      broker(supervisor, clock, administrators) {
+  supervisor.setObserver(broker);
+  broker.addLocal(20, 5, rules);
+}
+
+Program BrokerTest::connect(uid_t user, std::vector<gid_t> groups, pid_t pid) {
+  int ends[2] = {-1, -1};
+  EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends), 0);
+  Peer peer;
+  peer.pid = pid;
+  peer.user = user;
+  peer.groups = std::move(groups);
+  broker.admit(lm::Fd(ends[0]), peer);
+  return Program(lm::Fd(ends[1]));
+}
+
+void BrokerTest::registerAs(Program& program, uint32_t service) {
+  program.ask({0}, brokercmd::registerServices, services({service}));
+  settle();
+  const std::optional<lm::message> reply = program.receive();
+  ASSERT_TRUE(reply);
+  EXPECT_EQ(lm::getError(*reply), "");
+}
+
+void BrokerTest::unregister(Program& program, uint32_t service) {
+  program.ask({0}, brokercmd::unregisterServices, services({service}));
+  settle();
+  const std::optional<lm::message> reply = program.receive();
+  ASSERT_TRUE(reply);
+  EXPECT_EQ(lm::getError(*reply), "");
+}
+
+void BrokerTest::subscribe(Program& program, uint32_t command, std::vector<uint32_t> path) {
+  lm::message topic;
+  topic.insert_u32(brokerkey::command, command);
+  topic.insert_u32_array(brokerkey::path, std::move(path));
+  program.ask({0}, brokercmd::subscribe, topic);
+  settle();
+  const std::optional<lm::message> reply = program.receive();
+  ASSERT_TRUE(reply);
+  EXPECT_EQ(lm::getError(*reply), "");
+}
+
+void BrokerTest::settle(int turns) {
+  for (int i = 0; i < turns; ++i) loop.turn(0);
+}
+
+void BrokerTest::pass(uint64_t milliseconds) {
+  const uint64_t end = clock.now() + milliseconds;
+  while (clock.now() < end) {
+    clock.advance(std::min<uint64_t>(100, end - clock.now()));
+    settle(3);
+  }
+}
+
+}  // namespace lumen::test

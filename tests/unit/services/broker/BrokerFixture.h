@@ -1,0 +1,103 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "lumen/runtime/EventLoop.h"
+#include "lumen/services/broker/Broker.h"
+#include "lumen/services/supervisor/Supervisor.h"
+#include "platform/Fd.h"
+#include "platform/message.h"
+#include "services/supervisor/FakeProcesses.h"
+#include "support/Describe.h"
+#include "support/ManualClock.h"
+
+namespace lumen::test {
+
+/// A program at the other end of a connection.
+class Program {
+ public:
+  explicit Program(lm::Fd socket) : socket_(std::move(socket)) {}
+
+  void sendBytes(const std::string& datagram);
+  void send(const lm::message& m);
+  /// Sends a request; the serial is 1 more than that of the one before. Returns the serial.
+  uint32_t ask(const std::vector<uint32_t>& path, uint32_t command, lm::message fields = {});
+  /// Answers `request` with `fields`.
+  void answer(const lm::message& request, lm::message fields = {});
+  void notify(uint32_t command, uint32_t handler, lm::message fields = {});
+  void close() { socket_.reset(); }
+
+  /// The next message that has arrived; none: there is none.
+  std::optional<lm::message> receive();
+  /// The text of the error reply that has arrived; "" when it is no error, or there is none.
+  std::string error();
+  /// Whether the broker has ended the connection and everything is read.
+  bool isDisconnected();
+
+ private:
+  lm::Fd socket_;
+  uint32_t serial_ = 0;
+};
+
+/// A handler of this process that notes what it is asked.
+class NotingHandler : public LocalHandler {
+ public:
+  lm::message handle(const Caller& caller, uint32_t command, const lm::message& request) override {
+    callers.push_back(caller);
+    commands.push_back(command);
+    requests.push_back(request);
+    return reply;
+  }
+  void connectionEnded(uint64_t connection) override { ended.push_back(connection); }
+
+  lm::message reply;
+  std::vector<Caller> callers;
+  std::vector<uint32_t> commands;
+  std::vector<lm::message> requests;
+  std::vector<uint64_t> ended;
+};
+
+/// A broker with two services that are started when needed, "upnp", number 40 of user 200, and
+/// "resolver", number 14 of user 201; a handler of this process at [20, 5]; and programs.
+class BrokerTest : public testing::Test {
+ protected:
+  static constexpr uint32_t gateway = 40;
+  static constexpr uint32_t resolver = 14;
+  static constexpr uid_t gatewayUser = 200;
+  static constexpr uid_t resolverUser = 201;
+  static constexpr uid_t stranger = 1000;
+  static constexpr gid_t administrators = 900;
+
+  BrokerTest();
+
+  Program connect(uid_t user, std::vector<gid_t> groups = {100}, pid_t pid = 1);
+  Program connectAdministrator() { return connect(0); }
+  /// The process of a service that was started last.
+  Program connectLast(uid_t user) { return connect(user, {100}, processes.last()); }
+
+  /// Registers and reads the answer.
+  void registerAs(Program& program, uint32_t service);
+  void unregister(Program& program, uint32_t service);
+  void subscribe(Program& program, uint32_t command, std::vector<uint32_t> path);
+
+  /// Lets the broker handle everything that was sent.
+  void settle(int turns = 40);
+  void pass(uint64_t milliseconds);
+
+  lm::test::ManualClock clock;
+  lm::EventLoop loop{clock};
+  FakeProcesses processes;
+  Supervisor supervisor;
+  Broker broker;
+  NotingHandler rules;
+};
+
+[[nodiscard]] lm::message fields(const std::string& text);
+[[nodiscard]] lm::message services(const std::vector<uint32_t>& numbers);
+
+}  // namespace lumen::test

@@ -1,0 +1,231 @@
+#include <csignal>
+
+#include "lumen/services/broker/BrokerKeys.h"
+#include "platform/Keys.h"
+#include "services/broker/BrokerFixture.h"
+
+namespace lumen::test {
+namespace {
+
+constexpr uint32_t someCommand = 3;
+
+/// Requests to a service that comes and goes.
+class Lives : public BrokerTest {
+ protected:
+  /// The next life of the gateway daemon, which has just been started.
+  Program startedGateway() {
+    Program service = connectLast(gatewayUser);
+    registerAs(service, gateway);
+    return service;
+  }
+};
+
+TEST_F(Lives, BeginWithARequestThatWaitsForThem) {
+  Program client = connectAdministrator();
+  client.ask({gateway, 0}, someCommand, fields("one"));
+  client.ask({gateway, 0}, someCommand, fields("two"));
+  settle();
+  EXPECT_EQ(processes.started.size(), 1U);
+  EXPECT_FALSE(client.receive());
+
+  Program service = startedGateway();
+  const auto first = service.receive();
+  const auto second = service.receive();
+  ASSERT_TRUE(first && second);
+  EXPECT_EQ(first->get_string(7), "one");
+  EXPECT_EQ(second->get_string(7), "two");
+  service.answer(*first);
+  service.answer(*second);
+  settle();
+  EXPECT_TRUE(client.receive());
+  EXPECT_TRUE(client.receive());
+}
+
+TEST_F(Lives, AreWaitedForFiveSeconds) {
+  Program client = connectAdministrator();
+  client.ask({gateway, 0}, someCommand);
+  settle();
+  pass(1'000);
+  client.ask({gateway, 0}, someCommand);
+  settle();
+  pass(3'900);
+  EXPECT_FALSE(client.receive());
+  pass(100);
+  EXPECT_EQ(client.error(), "service unavailable");
+  EXPECT_FALSE(client.receive()) << "the second has a second left";
+  pass(1'000);
+  EXPECT_EQ(client.error(), "service unavailable");
+  Program service = startedGateway();
+  EXPECT_FALSE(service.receive()) << "what is answered is not carried out";
+}
+
+TEST_F(Lives, ThatEndBeforeTheyRegisterAreNotWaitedFor) {
+  Program client = connectAdministrator();
+  client.ask({gateway, 0}, someCommand);
+  settle();
+  processes.exit(processes.last(), 1);
+  settle();
+  EXPECT_EQ(client.error(), "service unavailable");
+}
+
+TEST_F(Lives, AreNotBegunDuringABackOffForAService) {
+  Program client = connectAdministrator();
+  client.ask({resolver, 0}, someCommand);
+  settle();
+  processes.exit(processes.last(), 1);
+  Program service = connect(gatewayUser);
+  service.ask({resolver, 0}, someCommand);
+  settle();
+  EXPECT_EQ(service.error(), "service unavailable");
+  EXPECT_EQ(processes.started.size(), 1U);
+}
+
+TEST_F(Lives, AreBegunDuringABackOffForAnAdministrator) {
+  Program client = connectAdministrator();
+  client.ask({gateway, 0}, someCommand);
+  settle();
+  processes.exit(processes.last(), 1);
+  settle();
+  EXPECT_EQ(client.error(), "service unavailable");
+  client.ask({gateway, 0}, someCommand);
+  settle();
+  EXPECT_EQ(processes.started.size(), 2U);
+  Program service = startedGateway();
+  EXPECT_TRUE(service.receive());
+}
+
+TEST_F(Lives, FollowEachOtherWithoutLosingARequest) {
+  Program client = connectAdministrator();
+  client.ask({gateway, 0}, someCommand, fields("wake"));
+  settle();
+  Program first = startedGateway();
+  first.answer(*first.receive());
+  client.ask({gateway, 0}, someCommand, fields("before"));
+  first.ask({0}, brokercmd::unregisterServices, services({gateway}));
+  settle();
+  // The one before the answer belongs to this life, the one after it to the next.
+  client.ask({gateway, 0}, someCommand, fields("after"));
+  settle();
+  const auto before = first.receive();
+  ASSERT_TRUE(before);
+  EXPECT_EQ(before->get_string(7), "before");
+  first.answer(*before, fields("by the first"));
+  EXPECT_TRUE(first.receive()->get_bool(lm::key::isReply));
+  EXPECT_FALSE(first.receive());
+  EXPECT_EQ(processes.started.size(), 1U) << "one life at a time";
+
+  first.close();
+  processes.exit(processes.last(), 0);
+  EXPECT_EQ(processes.started.size(), 2U);
+  Program second = startedGateway();
+  const auto after = second.receive();
+  ASSERT_TRUE(after);
+  EXPECT_EQ(after->get_string(7), "after");
+  second.answer(*after, fields("by the second"));
+  settle();
+  EXPECT_TRUE(client.receive());
+  EXPECT_EQ(client.receive()->get_string(7), "by the first");
+  EXPECT_EQ(client.receive()->get_string(7), "by the second");
+  EXPECT_FALSE(client.receive());
+}
+
+TEST_F(Lives, GoOnWhenTheSameConnectionRegistersAgain) {
+  Program client = connectAdministrator();
+  client.ask({gateway, 0}, someCommand);
+  settle();
+  Program service = startedGateway();
+  service.answer(*service.receive());
+  unregister(service, gateway);
+  client.ask({gateway, 0}, someCommand, fields("waits"));
+  settle();
+  EXPECT_FALSE(service.receive());
+  registerAs(service, gateway);
+  const auto arrived = service.receive();
+  ASSERT_TRUE(arrived);
+  EXPECT_EQ(arrived->get_string(7), "waits");
+  EXPECT_EQ(processes.started.size(), 1U);
+}
+
+TEST_F(Lives, AreJudgedAfterTheirLastWords) {
+  Program client = connectAdministrator();
+  client.ask({gateway, 0}, someCommand);
+  settle();
+  Program service = startedGateway();
+  service.answer(*service.receive(), fields("done"));
+  service.ask({0}, brokercmd::unregisterServices, services({gateway}));
+  service.close();
+  // Its end is known before anything that it sent was looked at.
+  processes.exit(processes.last(), 0);
+  settle();
+  EXPECT_EQ(client.receive()->get_string(7), "done");
+  pass(120'000);
+  EXPECT_EQ(processes.started.size(), 1U) << "it was not needed any more";
+}
+
+TEST_F(Lives, MakeRoomForTheNextOneWhenTheyCrash) {
+  Program client = connectAdministrator();
+  client.ask({gateway, 0}, someCommand);
+  settle();
+  Program first = startedGateway();
+  first.close();
+  processes.dieBySignal(processes.last(), SIGKILL);
+  EXPECT_EQ(client.error(), "service unavailable");
+  pass(1'000);
+  EXPECT_EQ(processes.started.size(), 2U);
+  Program second = startedGateway();
+  client.ask({gateway, 0}, someCommand);
+  settle();
+  EXPECT_TRUE(second.receive());
+}
+
+TEST_F(Lives, DeliverARequestWhoseSenderHasEnded) {
+  Program client = connectAdministrator();
+  client.ask({gateway, 0}, someCommand, fields("undo"));
+  client.close();
+  settle();
+  Program service = startedGateway();
+  const auto arrived = service.receive();
+  ASSERT_TRUE(arrived);
+  EXPECT_EQ(arrived->get_string(7), "undo");
+}
+
+TEST_F(Lives, BoundWhatWaitsForThem) {
+  Program client = connectAdministrator();
+  const std::string large(100'000, 'x');
+  const size_t room = Broker::maxWaitingBytes / large.size();
+  for (size_t i = 0; i < room; ++i) {
+    client.ask({gateway, 0}, someCommand, fields(large));
+    settle(2);
+  }
+  EXPECT_FALSE(client.receive());
+  client.ask({gateway, 0}, someCommand, fields(large));
+  settle();
+  EXPECT_EQ(client.error(), "too many requests at a time");
+}
+
+TEST_F(Lives, OfAServiceThatIsRunByHandNeedNoProcess) {
+  Program service = connect(gatewayUser);
+  registerAs(service, gateway);
+  Program client = connectAdministrator();
+  client.ask({gateway, 0}, someCommand);
+  settle();
+  EXPECT_TRUE(service.receive());
+  EXPECT_TRUE(processes.started.empty());
+}
+
+TEST_F(Lives, AreOverWhileLumendEnds) {
+  Program client = connectAdministrator();
+  client.ask({gateway, 0}, someCommand);
+  settle();
+  Program service = startedGateway();
+  supervisor.shutDown();
+  EXPECT_TRUE(service.receive());
+  client.ask({gateway, 0}, someCommand);
+  client.ask({resolver, 0}, someCommand);
+  settle();
+  EXPECT_TRUE(service.receive()) << "what runs is served until it ends";
+  EXPECT_EQ(client.error(), "service unavailable");
+}
+
+}  // namespace
+}  // namespace lumen::test

@@ -1,0 +1,119 @@
+#include "lumen/services/broker/BrokerKeys.h"
+#include "platform/Keys.h"
+#include "services/broker/BrokerFixture.h"
+
+namespace lumen::test {
+namespace {
+
+class Notifications : public BrokerTest {};
+
+TEST_F(Notifications, GoFromAProgramToItsSubscribers) {
+  Program service = connect(gatewayUser);
+  registerAs(service, gateway);
+  Program subscriber = connectAdministrator();
+  subscribe(subscriber, lm::cmd::changed, {gateway, 2});
+  Program other = connectAdministrator();
+  service.notify(lm::cmd::changed, 2, fields("news"));
+  settle();
+  const auto news = subscriber.receive();
+  ASSERT_TRUE(news);
+  EXPECT_EQ(news->get_string(7), "news");
+  EXPECT_EQ(news->get_u32(lm::key::command), lm::cmd::changed);
+  EXPECT_EQ(news->get_u32_array_ref(lm::key::source), (std::vector<uint32_t>{gateway, 2}));
+  EXPECT_FALSE(other.receive());
+  EXPECT_FALSE(service.receive());
+}
+
+TEST_F(Notifications, GoFromAHandlerOfThisProcessToItsSubscribers) {
+  Program subscriber = connect(gatewayUser);
+  subscribe(subscriber, lm::cmd::interfaceChanged, {20, 0});
+  broker.notify(lm::cmd::interfaceChanged, {20, 0}, fields("link"));
+  const auto news = subscriber.receive();
+  ASSERT_TRUE(news);
+  EXPECT_EQ(news->get_string(7), "link");
+  EXPECT_EQ(news->get_u32(lm::key::command), lm::cmd::interfaceChanged);
+  EXPECT_EQ(news->get_u32_array_ref(lm::key::source), (std::vector<uint32_t>{20, 0}));
+}
+
+TEST_F(Notifications, AreSentOnlyForTheirCommandAndPath) {
+  Program subscriber = connect(gatewayUser);
+  subscribe(subscriber, lm::cmd::changed, {20, 1});
+  broker.notify(lm::cmd::interfaceChanged, {20, 1}, {});
+  broker.notify(lm::cmd::changed, {20, 0}, {});
+  broker.notify(lm::cmd::changed, {21, 1}, {});
+  EXPECT_FALSE(subscriber.receive());
+}
+
+TEST_F(Notifications, TakeAPathWithoutHandlerForHandlerZero) {
+  Program subscriber = connect(gatewayUser);
+  subscribe(subscriber, lm::cmd::changed, {20});
+  broker.notify(lm::cmd::changed, {20, 0}, {});
+  EXPECT_TRUE(subscriber.receive());
+}
+
+TEST_F(Notifications, StopAfterUnsubscribing) {
+  Program subscriber = connect(gatewayUser);
+  subscribe(subscriber, lm::cmd::changed, {20, 0});
+  subscribe(subscriber, lm::cmd::changed, {20, 0});
+  lm::message topic;
+  topic.insert_u32(brokerkey::command, lm::cmd::changed);
+  topic.insert_u32_array(brokerkey::path, {20, 0});
+  broker.notify(lm::cmd::changed, {20, 0}, {});
+  EXPECT_TRUE(subscriber.receive());
+  EXPECT_FALSE(subscriber.receive()) << "subscribed twice, notified once";
+  subscriber.ask({0}, brokercmd::unsubscribe, topic);
+  settle();
+  EXPECT_EQ(subscriber.error(), "");
+  broker.notify(lm::cmd::changed, {20, 0}, {});
+  EXPECT_FALSE(subscriber.receive());
+}
+
+TEST_F(Notifications, FindNobodyWhenTheSubscriberHasEnded) {
+  Program subscriber = connect(gatewayUser);
+  subscribe(subscriber, lm::cmd::changed, {20, 0});
+  subscriber.close();
+  settle();
+  broker.notify(lm::cmd::changed, {20, 0}, {});
+}
+
+TEST_F(Notifications, CarryTheNameOfWhoSendsThem) {
+  Program service = connect(gatewayUser);
+  registerAs(service, gateway);
+  Program subscriber = connectAdministrator();
+  subscribe(subscriber, lm::cmd::changed, {20, 0});
+  lm::message forged = fields("forged");
+  forged.insert_u32(lm::key::command, lm::cmd::changed);
+  forged.insert_u32_array(lm::key::source, {20, 0});
+  service.send(forged);
+  settle();
+  EXPECT_FALSE(subscriber.receive());
+}
+
+TEST_F(Notifications, AreBoundedInTopicsForEachProgram) {
+  Program subscriber = connect(gatewayUser);
+  for (uint32_t i = 0; i < Broker::maxSubscriptions; ++i) {
+    subscribe(subscriber, i, {20, 0});
+  }
+  lm::message topic;
+  topic.insert_u32(brokerkey::command, 100'000);
+  topic.insert_u32_array(brokerkey::path, {20, 0});
+  subscriber.ask({0}, brokercmd::subscribe, topic);
+  settle();
+  EXPECT_EQ(subscriber.error(), "too many subscriptions");
+}
+
+TEST_F(Notifications, AreNotSubscribedWithoutCommandOrPath) {
+  Program subscriber = connect(gatewayUser);
+  lm::message onlyPath;
+  onlyPath.insert_u32_array(brokerkey::path, {20, 0});
+  lm::message onlyCommand;
+  onlyCommand.insert_u32(brokerkey::command, lm::cmd::changed);
+  for (const lm::message& topic : {onlyPath, onlyCommand}) {
+    subscriber.ask({0}, brokercmd::subscribe, topic);
+    settle();
+    EXPECT_EQ(subscriber.error(), "no command or path");
+  }
+}
+
+}  // namespace
+}  // namespace lumen::test

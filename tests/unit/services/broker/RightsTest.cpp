@@ -1,0 +1,147 @@
+#include "lumen/services/broker/BrokerKeys.h"
+#include "platform/Keys.h"
+#include "services/broker/BrokerFixture.h"
+
+namespace lumen::test {
+namespace {
+
+constexpr uint32_t someCommand = 3;
+
+class RightsTest : public BrokerTest {
+ protected:
+  std::string errorOf(Program& program, const std::vector<uint32_t>& path, uint32_t command,
+                      const lm::message& request = {}) {
+    program.ask(path, command, request);
+    settle();
+    const auto reply = program.receive();
+    return reply ? lm::getError(*reply) : "no answer";
+  }
+};
+
+TEST_F(RightsTest, RefuseAStrangerAtConnect) {
+  struct Case {
+    const char* who;
+    uid_t user;
+    std::vector<gid_t> groups;
+    bool accepted;
+  };
+  const Case cases[] = {
+      {"root", 0, {0}, true},
+      {"a member of the group by its primary group", stranger, {administrators}, true},
+      {"a member of the group by another one", stranger, {100, 27, administrators}, true},
+      {"the user of a service", gatewayUser, {100}, true},
+      {"anyone else", stranger, {100, 27}, false},
+      {"anyone else in root's group", stranger, {0}, false},
+      {"anyone else in a service's group", stranger, {gatewayUser}, false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.who);
+    Program program = connect(c.user, c.groups);
+    EXPECT_EQ(program.isDisconnected(), !c.accepted);
+  }
+}
+
+TEST_F(RightsTest, OfAnAdministratorAreWhole) {
+  Program service = connect(gatewayUser);
+  registerAs(service, gateway);
+  Program administrator = connect(stranger, {100, administrators});
+  EXPECT_EQ(errorOf(administrator, {0}, brokercmd::services), "");
+  EXPECT_EQ(errorOf(administrator, {0}, brokercmd::registerServices, services({77})), "");
+  EXPECT_EQ(errorOf(administrator, {20, 5}, lm::cmd::list), "");
+  administrator.ask({gateway, 0}, someCommand);
+  settle();
+  EXPECT_TRUE(service.receive());
+}
+
+TEST_F(RightsTest, OfAServiceAreItsOwnNumberAndWhatItLivesOn) {
+  Program service = connect(gatewayUser);
+  EXPECT_EQ(errorOf(service, {0}, brokercmd::registerServices, services({resolver})),
+            "not permitted");
+  EXPECT_EQ(errorOf(service, {0}, brokercmd::registerServices, services({gateway, resolver})),
+            "not permitted");
+  EXPECT_EQ(errorOf(service, {0}, brokercmd::registerServices, services({77})), "not permitted");
+  EXPECT_EQ(errorOf(service, {0}, brokercmd::services), "not permitted");
+  EXPECT_EQ(errorOf(service, {gateway, 0}, someCommand), "not permitted");
+  EXPECT_EQ(errorOf(service, {77}, someCommand), "not permitted");
+  EXPECT_EQ(errorOf(service, {66}, lm::cmd::addObject), "no such service");
+  EXPECT_EQ(errorOf(service, {20, 5}, lm::cmd::addObject), "") << "the handler decides";
+  service.ask({resolver}, someCommand);
+  settle();
+  EXPECT_EQ(processes.started.size(), 1U) << "the resolver is on its way";
+}
+
+TEST_F(RightsTest, DoNotLetAServiceUnregisterAnother) {
+  Program names = connect(resolverUser);
+  registerAs(names, resolver);
+  Program service = connect(gatewayUser);
+  EXPECT_EQ(errorOf(service, {0}, brokercmd::unregisterServices, services({resolver})),
+            "service 14 is not registered here");
+}
+
+TEST_F(RightsTest, BoundTheConnectionsOfAUser) {
+  std::vector<Program> programs;
+  for (size_t i = 0; i < Broker::maxConnectionsPerUser; ++i) {
+    programs.push_back(connect(gatewayUser));
+    EXPECT_FALSE(programs.back().isDisconnected());
+  }
+  EXPECT_TRUE(connect(gatewayUser).isDisconnected());
+  EXPECT_FALSE(connect(resolverUser).isDisconnected());
+  EXPECT_FALSE(connectAdministrator().isDisconnected());
+  programs.pop_back();
+  settle();
+  EXPECT_FALSE(connect(gatewayUser).isDisconnected());
+}
+
+TEST_F(RightsTest, DoNotFillTheLogWithAStrangerWhoTriesAgain) {
+  testing::internal::CaptureStdout();
+  for (int i = 0; i < 3; ++i) connect(stranger);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "refused process 1 of user 1000, which has no rights here\n");
+}
+
+TEST_F(RightsTest, RegisterOnlyWhatIsFree) {
+  Program administrator = connectAdministrator();
+  Program other = connectAdministrator();
+  EXPECT_EQ(errorOf(other, {0}, brokercmd::registerServices, services({77})), "");
+  struct Case {
+    std::vector<uint32_t> numbers;
+    const char* error;
+  };
+  const Case cases[] = {
+      {{}, "no service numbers"},
+      {{0}, "0 is no service number"},
+      {{0x10000}, "65536 is no service number"},
+      {{20}, "service 20 is already registered"},
+      {{77}, "service 77 is already registered"},
+      {{78, 77}, "service 77 is already registered"},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(errorOf(administrator, {0}, brokercmd::registerServices, services(c.numbers)),
+              c.error);
+  }
+  EXPECT_EQ(errorOf(administrator, {78}, someCommand), "no such service") << "all of them or none";
+  EXPECT_EQ(errorOf(other, {0}, brokercmd::registerServices, services({77, 77})), "");
+  other.close();
+  settle();
+  EXPECT_EQ(errorOf(administrator, {0}, brokercmd::registerServices, services({77})), "");
+}
+
+TEST_F(RightsTest, DoNotKnowOtherCommands) {
+  Program administrator = connectAdministrator();
+  EXPECT_EQ(errorOf(administrator, {0}, 0x99), "unknown command");
+}
+
+TEST_F(RightsTest, LetAnAdministratorListTheServices) {
+  Program administrator = connectAdministrator();
+  administrator.ask({0}, brokercmd::services);
+  settle();
+  const auto reply = administrator.receive();
+  ASSERT_TRUE(reply);
+  const auto& records = reply->get_message_array_ref(lm::key::records);
+  ASSERT_EQ(records.size(), 2U);
+  EXPECT_EQ(records[1].get_string(servicekey::name), "upnp");
+  EXPECT_EQ(records[1].get_string(servicekey::state), "stopped");
+}
+
+}  // namespace
+}  // namespace lumen::test

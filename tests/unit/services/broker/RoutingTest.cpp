@@ -1,0 +1,305 @@
+#include "lumen/runtime/Codec.h"
+#include "lumen/services/broker/BrokerKeys.h"
+#include "platform/Keys.h"
+#include "services/broker/BrokerFixture.h"
+
+namespace lumen::test {
+namespace {
+
+constexpr uint32_t someCommand = 3;
+
+class Routing : public BrokerTest {};
+
+TEST_F(Routing, CarriesARequestToItsServiceAndTheReplyBack) {
+  Program service = connect(gatewayUser);
+  registerAs(service, gateway);
+  Program client = connectAdministrator();
+  lm::message request = fields("question");
+  request.insert_u32_array(lm::key::source, {77, 3});
+  const uint32_t serial = client.ask({gateway, 0}, someCommand, request);
+  settle();
+
+  const auto arrived = service.receive();
+  ASSERT_TRUE(arrived);
+  EXPECT_EQ(arrived->get_string(7), "question");
+  EXPECT_EQ(arrived->get_u32(lm::key::command), someCommand);
+  EXPECT_EQ(arrived->get_u32_array_ref(lm::key::destination), (std::vector<uint32_t>{gateway, 0}));
+  // Element 0 is the broker's: the second connection, which has no service number.
+  EXPECT_EQ(arrived->get_u32_array_ref(lm::key::source), (std::vector<uint32_t>{0x10002, 3}));
+
+  service.answer(*arrived, fields("answer"));
+  settle();
+  const auto reply = client.receive();
+  ASSERT_TRUE(reply);
+  EXPECT_EQ(reply->get_string(7), "answer");
+  EXPECT_TRUE(reply->get_bool(lm::key::isReply));
+  EXPECT_EQ(reply->get_u32(lm::key::serial), serial);
+}
+
+TEST_F(Routing, PutsASerialOfItsOwnInPlace) {
+  Program service = connect(gatewayUser);
+  registerAs(service, gateway);
+  Program first = connectAdministrator();
+  Program second = connectAdministrator();
+  const uint32_t serial = first.ask({gateway, 0}, someCommand);
+  settle();
+  EXPECT_EQ(second.ask({gateway, 0}, someCommand), serial);
+  settle();
+  const auto a = service.receive();
+  const auto b = service.receive();
+  ASSERT_TRUE(a && b);
+  EXPECT_NE(a->get_u32(lm::key::serial), b->get_u32(lm::key::serial));
+
+  service.answer(*b, fields("for the second"));
+  service.answer(*a, fields("for the first"));
+  settle();
+  EXPECT_EQ(first.receive()->get_string(7), "for the first");
+  EXPECT_EQ(second.receive()->get_string(7), "for the second");
+}
+
+TEST_F(Routing, NamesTheSenderByItsServiceNumber) {
+  Program service = connect(gatewayUser);
+  registerAs(service, gateway);
+  Program names = connect(resolverUser);
+  registerAs(names, resolver);
+  lm::message request;
+  request.insert_u32_array(lm::key::source, {0, 0});
+  service.ask({resolver, 0}, someCommand, request);
+  settle();
+  const auto arrived = names.receive();
+  ASSERT_TRUE(arrived);
+  EXPECT_EQ(arrived->get_u32_array_ref(lm::key::source), (std::vector<uint32_t>{gateway, 0}));
+}
+
+TEST_F(Routing, DoesNotBelieveASenderWhoItIs) {
+  Program service = connect(gatewayUser);
+  registerAs(service, gateway);
+  Program names = connect(resolverUser);
+  registerAs(names, resolver);
+  for (const std::vector<uint32_t>& claimed :
+       {std::vector<uint32_t>{20, 5}, {}, {20}, {20, 5, 1}}) {
+    lm::message request;
+    request.insert_u32_array(lm::key::source, claimed);
+    service.ask({resolver, 0}, someCommand, request);
+    settle();
+    const auto arrived = names.receive();
+    ASSERT_TRUE(arrived);
+    EXPECT_EQ(arrived->get_u32_array_ref(lm::key::source)[0], gateway);
+  }
+}
+
+TEST_F(Routing, IgnoresAReplyThatNobodyWaitsFor) {
+  Program service = connect(gatewayUser);
+  registerAs(service, gateway);
+  Program client = connectAdministrator();
+  client.ask({gateway, 0}, someCommand);
+  settle();
+  const auto arrived = service.receive();
+  ASSERT_TRUE(arrived);
+  lm::message unknown = *arrived;
+  unknown.insert_u32(lm::key::serial, arrived->get_u32(lm::key::serial) + 1);
+  service.answer(unknown);
+  service.answer(*arrived);
+  service.answer(*arrived);
+  settle();
+  EXPECT_TRUE(client.receive());
+  EXPECT_FALSE(client.receive()) << "one request, one answer";
+  EXPECT_FALSE(service.isDisconnected());
+}
+
+TEST_F(Routing, IgnoresAReplyFromAnotherThanWhoWasAsked) {
+  Program service = connect(gatewayUser);
+  registerAs(service, gateway);
+  Program client = connectAdministrator();
+  client.ask({gateway, 0}, someCommand);
+  settle();
+  const auto arrived = service.receive();
+  ASSERT_TRUE(arrived);
+  Program forger = connect(resolverUser);
+  forger.answer(*arrived, fields("forged"));
+  settle();
+  EXPECT_FALSE(client.receive());
+}
+
+TEST_F(Routing, AnswersForAServiceThatEndsBeforeItDid) {
+  Program service = connect(gatewayUser);
+  registerAs(service, gateway);
+  Program client = connectAdministrator();
+  client.ask({gateway, 0}, someCommand);
+  settle();
+  service.close();
+  settle();
+  EXPECT_EQ(client.error(), "service unavailable");
+  EXPECT_FALSE(client.receive());
+}
+
+TEST_F(Routing, PassesOnTheReplyThatAServiceLeavesBehind) {
+  Program service = connect(gatewayUser);
+  registerAs(service, gateway);
+  Program client = connectAdministrator();
+  client.ask({gateway, 0}, someCommand);
+  client.ask({gateway, 0}, someCommand);
+  settle();
+  service.answer(*service.receive(), fields("last words"));
+  service.close();  // with a request unread
+  settle();
+  EXPECT_EQ(client.receive()->get_string(7), "last words");
+  EXPECT_EQ(client.error(), "service unavailable");
+}
+
+TEST_F(Routing, DeliversTheRequestOfAProgramThatEndsAtOnce) {
+  Program service = connect(gatewayUser);
+  registerAs(service, gateway);
+  Program client = connectAdministrator();
+  client.ask({gateway, 0}, someCommand, fields("one"));
+  client.ask({66}, someCommand);
+  client.ask({gateway, 0}, someCommand, fields("two"));
+  client.close();
+  settle();
+  EXPECT_EQ(service.receive()->get_string(7), "one");
+  const auto second = service.receive();
+  ASSERT_TRUE(second) << "also when an answer has found nobody";
+  EXPECT_EQ(second->get_string(7), "two");
+  service.answer(*second);
+  settle();
+  EXPECT_FALSE(service.isDisconnected());
+}
+
+TEST_F(Routing, SaysThatNobodyDefinesAService) {
+  Program client = connectAdministrator();
+  client.ask({66}, someCommand);
+  settle();
+  EXPECT_EQ(client.error(), "no such service");
+}
+
+TEST_F(Routing, SaysThatThereIsNoSuchHandlerInThisProcess) {
+  Program client = connectAdministrator();
+  client.ask({20, 6}, someCommand);
+  client.ask({20}, someCommand);
+  settle();
+  EXPECT_EQ(client.error(), "no such handler");
+  EXPECT_EQ(client.error(), "no such handler");
+}
+
+TEST_F(Routing, AnswersForAHandlerOfThisProcess) {
+  rules.reply = fields("rule");
+  Program client = connectAdministrator();
+  const uint32_t serial = client.ask({20, 5}, lm::cmd::list, fields("filter"));
+  settle();
+  const auto reply = client.receive();
+  ASSERT_TRUE(reply);
+  EXPECT_EQ(reply->get_string(7), "rule");
+  EXPECT_TRUE(reply->get_bool(lm::key::isReply));
+  EXPECT_EQ(reply->get_u32(lm::key::serial), serial);
+  ASSERT_EQ(rules.requests.size(), 1U);
+  EXPECT_EQ(rules.commands[0], lm::cmd::list);
+  EXPECT_EQ(rules.requests[0].get_string(7), "filter");
+}
+
+TEST_F(Routing, TellsAHandlerOfThisProcessWhoAsks) {
+  Program service = connect(gatewayUser);
+  service.ask({20, 5}, lm::cmd::addObject);
+  settle();
+  registerAs(service, gateway);
+  service.ask({20, 5}, lm::cmd::addObject);
+  settle();
+  Program administrator = connect(stranger, {100, administrators});
+  administrator.ask({20, 5}, lm::cmd::list);
+  settle();
+  ASSERT_EQ(rules.callers.size(), 3U);
+  EXPECT_EQ(rules.callers[0].service, gateway) << "known by its user";
+  EXPECT_EQ(rules.callers[1].service, gateway);
+  EXPECT_EQ(rules.callers[1].name, "upnp");
+  EXPECT_EQ(rules.callers[1].connection, rules.callers[0].connection);
+  EXPECT_FALSE(rules.callers[1].administrator);
+  EXPECT_EQ(rules.callers[2].service, 0U);
+  EXPECT_EQ(rules.callers[2].name, "");
+  EXPECT_TRUE(rules.callers[2].administrator);
+}
+
+TEST_F(Routing, TellsAHandlerOfThisProcessThatAConnectionHasEnded) {
+  Program service = connect(gatewayUser);
+  service.ask({20, 5}, lm::cmd::addObject);
+  service.close();
+  settle();
+  ASSERT_EQ(rules.callers.size(), 1U) << "what it sent is handled first";
+  EXPECT_EQ(rules.ended, std::vector<uint64_t>{rules.callers[0].connection});
+}
+
+TEST_F(Routing, CutsAnAnswerThatNoDatagramHolds) {
+  rules.reply = fields(std::string(lm::maxDatagram, 'x'));
+  Program client = connectAdministrator();
+  client.ask({20, 5}, lm::cmd::list);
+  settle();
+  EXPECT_EQ(client.error(), "the answer is too long");
+}
+
+TEST_F(Routing, CarriesTheLongestDatagram) {
+  Program service = connect(gatewayUser);
+  registerAs(service, gateway);
+  Program client = connectAdministrator();
+  lm::message request = fields("");
+  request.insert_u32_array(lm::key::source, {0, 0});
+  request.insert_u32_array(lm::key::destination, {gateway, 0});
+  request.insert_u32(lm::key::command, someCommand);
+  request.insert_u32(lm::key::serial, 1);
+  const size_t room = lm::maxDatagram - lm::encode(request).size();
+  request.insert_string(7, std::string(room, 'x'));
+  client.send(request);
+  settle();
+  const auto arrived = service.receive();
+  ASSERT_TRUE(arrived);
+  EXPECT_EQ(arrived->get_string(7).size(), room);
+}
+
+TEST_F(Routing, RefusesARequestThatGrowsTooLongOnItsWay) {
+  Program service = connect(gatewayUser);
+  registerAs(service, gateway);
+  Program client = connectAdministrator();
+  lm::message request = fields("");
+  request.insert_u32_array(lm::key::destination, {gateway, 0});
+  request.insert_u32(lm::key::command, someCommand);
+  request.insert_u32(lm::key::serial, 1);
+  request.insert_string(7, std::string(lm::maxDatagram - lm::encode(request).size(), 'x'));
+  client.send(request);
+  settle();
+  EXPECT_EQ(client.error(), "the request is too long");
+  EXPECT_FALSE(service.receive());
+}
+
+TEST_F(Routing, BoundsTheRequestsOfAProgramThatAreUnderWay) {
+  Program service = connect(gatewayUser);
+  registerAs(service, gateway);
+  Program client = connectAdministrator();
+  for (size_t i = 0; i < Broker::maxRequests; ++i) {
+    client.ask({gateway, 0}, someCommand);
+    settle(2);
+  }
+  EXPECT_FALSE(client.receive());
+  client.ask({gateway, 0}, someCommand);
+  settle();
+  EXPECT_EQ(client.error(), "too many requests at a time");
+  service.answer(*service.receive());
+  settle();
+  EXPECT_TRUE(client.receive());
+  client.ask({gateway, 0}, someCommand);
+  settle();
+  EXPECT_FALSE(client.receive()) << "there is room for one more";
+}
+
+// What each program sends is handled in the order of sending, whoever else sends.
+TEST_F(Routing, KeepsTheOrderOfAProgram) {
+  Program service = connect(gatewayUser);
+  registerAs(service, gateway);
+  Program client = connectAdministrator();
+  Program other = connectAdministrator();
+  for (int i = 0; i < 20; ++i) {
+    client.ask({gateway, 0}, someCommand, fields(std::to_string(i)));
+    other.ask({20, 5}, lm::cmd::list);
+  }
+  settle();
+  for (int i = 0; i < 20; ++i) EXPECT_EQ(service.receive()->get_string(7), std::to_string(i));
+}
+
+}  // namespace
+}  // namespace lumen::test
