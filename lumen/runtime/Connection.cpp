@@ -21,8 +21,6 @@ Connection::Connection(const Clock& clock, std::unique_ptr<Transport> transport)
 
 message Connection::exchange(message request, uint32_t command, uint32_t limit, uint32_t sender) {
   const uint64_t deadline = clock_.now() + limit;
-  progress();
-  if (ended_) return failure("connection ended");
   awaited_ = address(request, command, sender);
   reply_.reset();
   if (!send(request)) {

@@ -5,9 +5,11 @@
 
 namespace lm {
 
-/// One line on standard output, flushed.
+/// One line on standard output, flushed. A line that could not be written does not silence the
+/// next.
 template <typename... Parts>
 void logLine(const Parts&... parts) {
+  std::cout.clear();
   (std::cout << ... << parts) << std::endl;
 }
 

@@ -18,8 +18,7 @@
 namespace lm {
 namespace {
 
-/// How long the platform may take to come up, and to answer a registration, in milliseconds.
-constexpr uint64_t startLimit = 5000;
+/// How long the platform may take to answer a registration, in milliseconds.
 constexpr uint32_t registrationLimit = 6000;
 
 message registration() {
@@ -29,13 +28,14 @@ message registration() {
   return request;
 }
 
-std::unique_ptr<Transport> connectInTime(const Clock& clock) {
-  const uint64_t deadline = clock.now() + startLimit;
+std::unique_ptr<Transport> connectInTime(const Clock& clock, const std::string& path,
+                                         uint64_t limit) {
+  const uint64_t deadline = clock.now() + limit;
   while (true) {
-    if (auto transport = SocketTransport::connect(socketPath)) return transport;
+    if (auto transport = SocketTransport::connect(path)) return transport;
     const int error = errno;
     if ((error != ENOENT && error != ECONNREFUSED) || clock.now() >= deadline) {
-      fatal("platform: ", socketPath, ": ", strerror(error));
+      fatal("platform: ", path, ": ", strerror(error));
     }
     const timespec retry{0, 50'000'000};
     nanosleep(&retry, nullptr);
@@ -66,10 +66,11 @@ Runtime::Runtime(const Clock& clock, std::unique_ptr<Transport> transport, Fd st
 
 Runtime::~Runtime() = default;
 
-std::unique_ptr<Runtime> Runtime::connect() {
+std::unique_ptr<Runtime> Runtime::connect(const std::string& path, uint64_t limit) {
   static const SystemClock clock;
   Fd stopSignals = takeStopSignals();
-  return std::make_unique<Runtime>(clock, connectInTime(clock), std::move(stopSignals));
+  return std::make_unique<Runtime>(clock, connectInTime(clock, path, limit),
+                                   std::move(stopSignals));
 }
 
 void Runtime::addHandler(uint32_t number, Handler& handler) {

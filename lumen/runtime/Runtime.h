@@ -3,11 +3,13 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <string>
 
 #include "lumen/runtime/Clock.h"
 #include "lumen/runtime/Connection.h"
 #include "lumen/runtime/EventLoop.h"
 #include "lumen/runtime/HandlerTable.h"
+#include "lumen/runtime/SocketTransport.h"
 #include "lumen/runtime/Transport.h"
 #include "platform/Fd.h"
 #include "platform/Timer.h"
@@ -24,9 +26,11 @@ class Runtime {
   Runtime& operator=(const Runtime&) = delete;
   ~Runtime();
 
-  /// The real one: the system's clock and the platform's socket, which it waits for up to five
-  /// seconds. Takes over SIGTERM and SIGINT. When it cannot connect it logs why and exits with 1.
-  [[nodiscard]] static std::unique_ptr<Runtime> connect();
+  /// The real one: the system's clock and the platform's socket at `path`, which it waits for up to
+  /// `limit` milliseconds. Takes over SIGTERM and SIGINT. When it cannot connect it logs why and
+  /// exits with 1.
+  [[nodiscard]] static std::unique_ptr<Runtime> connect(const std::string& path = socketPath,
+                                                        uint64_t limit = 5000);
 
   /// As Looper has them. A registration that is refused or not possible is fatal.
   void addHandler(uint32_t number, Handler& handler);

@@ -38,6 +38,10 @@ class TempDir {
     std::error_code ignored;
     return std::filesystem::exists(file(name), ignored);
   }
+  void makeDirectory(const std::string& name) const {
+    std::error_code ignored;
+    std::filesystem::create_directory(file(name), ignored);
+  }
   /// The names of all files, sorted.
   [[nodiscard]] std::vector<std::string> names() const;
 

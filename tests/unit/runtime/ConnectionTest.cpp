@@ -1,0 +1,298 @@
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "lumen/runtime/Codec.h"
+#include "lumen/runtime/Connection.h"
+#include "lumen/runtime/SocketTransport.h"
+#include "support/Describe.h"
+#include "support/LogCapture.h"
+#include "support/ManualClock.h"
+#include "support/Sockets.h"
+#include "support/TempDir.h"
+
+namespace lm {
+namespace {
+
+using test::describe;
+
+/// The other side of the connection, played by the test on a real socket.
+class ConnectionTest : public testing::Test {
+ protected:
+  static message request(uint32_t value) {
+    message m;
+    m.insert_u32_array(key::destination, {20, 5});
+    m.insert_u32(1, value);
+    return m;
+  }
+  static message reply(uint32_t serial, uint32_t value) {
+    message m;
+    m.insert_u32(1, value);
+    m.insert_u32(key::serial, serial);
+    m.insert_bool(key::isReply, true);
+    return m;
+  }
+  static message notification(uint32_t value) {
+    message m;
+    m.insert_u32(1, value);
+    m.insert_u32_array(key::source, {20, 0});
+    m.insert_u32(key::command, cmd::changed);
+    return m;
+  }
+
+  void platformSends(const message& m) { platformSends(encode(m)); }
+  void platformSends(const std::string& datagram) {
+    ASSERT_TRUE(test::writeText(sockets_.peer.get(), datagram));
+  }
+  std::string platformReceives() {
+    std::string datagram(maxDatagram, '\0');
+    const ssize_t got = read(sockets_.peer.get(), datagram.data(), datagram.size());
+    if (got < 0) return "nothing";
+    std::string reason;
+    const auto m = decode(std::string_view(datagram).substr(0, static_cast<size_t>(got)), reason);
+    return m ? describe(*m) : reason;
+  }
+  std::string takes() {
+    connection_.progress();
+    const auto m = connection_.take();
+    return m ? describe(*m) : "nothing";
+  }
+
+  const SystemClock clock_;
+  test::SocketPair sockets_{SOCK_SEQPACKET};
+  Connection connection_{clock_, std::make_unique<SocketTransport>(std::move(sockets_.ours))};
+};
+
+TEST_F(ConnectionTest, AnExchangeGivesTheReplyOfItsSerial) {
+  platformSends(reply(1, 42));
+  EXPECT_EQ(connection_.exchange(request(7), cmd::addObject, 5000, 3).get_u32(1), 42U);
+  EXPECT_EQ(platformReceives(),
+            "{u32[] 0xff0001=[20 5], u32 0x1=7, u32[] 0xff0002=[0 3], u32 0xff0003=1, "
+            "u32 0xff0007=16646149}");
+}
+
+TEST_F(ConnectionTest, SerialsRise) {
+  platformSends(reply(1, 1));
+  platformSends(reply(2, 2));
+  platformSends(reply(3, 3));
+  for (uint32_t i = 1; i <= 3; ++i) {
+    EXPECT_EQ(connection_.exchange(request(7), 1, 5000).get_u32(1), i);
+  }
+}
+
+TEST_F(ConnectionTest, AnExchangeWaitsNoLongerThanItsLimit) {
+  const uint64_t start = clock_.now();
+  const message answer = connection_.exchange(request(7), 1, 40);
+  EXPECT_EQ(getError(answer), "no answer in time");
+  EXPECT_GE(clock_.now() - start, 40U);
+}
+
+TEST_F(ConnectionTest, AReplyThatComesTooLateIsDropped) {
+  EXPECT_TRUE(isError(connection_.exchange(request(7), 1, 1)));
+  platformSends(reply(1, 41));
+  platformSends(reply(2, 42));
+  EXPECT_EQ(connection_.exchange(request(7), 1, 5000).get_u32(1), 42U);
+  EXPECT_EQ(connection_.arrived(), 0U);
+}
+
+TEST_F(ConnectionTest, WhatArrivesDuringAnExchangeIsKeptInOrder) {
+  platformSends(notification(1));
+  platformSends(notification(2));
+  platformSends(reply(1, 42));
+  platformSends(notification(3));
+  EXPECT_EQ(connection_.exchange(request(7), 1, 5000).get_u32(1), 42U);
+  EXPECT_EQ(connection_.arrived(), 2U) << "the third came after the reply";
+  EXPECT_EQ(takes(), describe(notification(1)));
+  EXPECT_EQ(takes(), describe(notification(2)));
+  EXPECT_EQ(takes(), describe(notification(3)));
+  EXPECT_EQ(takes(), "nothing");
+}
+
+TEST_F(ConnectionTest, ExchangesFailAtOnceWhenThePlatformIsGone) {
+  sockets_.peer.reset();
+  EXPECT_EQ(getError(connection_.exchange(request(7), 1, 60'000)), "connection ended");
+  EXPECT_TRUE(connection_.ended());
+  EXPECT_EQ(getError(connection_.exchange(request(7), 1, 60'000)), "connection ended");
+}
+
+TEST_F(ConnectionTest, WhatThePlatformSentBeforeItWentIsStillTaken) {
+  platformSends(notification(1));
+  sockets_.peer.reset();
+  EXPECT_TRUE(isError(connection_.exchange(request(7), 1, 60'000)));
+  EXPECT_EQ(takes(), describe(notification(1)));
+}
+
+TEST_F(ConnectionTest, ADatagramThatIsNoMessageEndsIt) {
+  platformSends(std::string("\x18\0\0\x01", 4));
+  platformSends(notification(1));
+  const test::LogCapture log;
+  EXPECT_EQ(takes(), "nothing");
+  EXPECT_EQ(log.text(), "platform: invalid message: unknown type: 0x18000001\n");
+  EXPECT_TRUE(connection_.ended());
+}
+
+TEST_F(ConnectionTest, ADatagramThatIsTooLongEndsIt) {
+  message m;
+  m.insert_string(1, std::string(maxDatagram - 7, 'x'));
+  platformSends(m);
+  const test::LogCapture log;
+  connection_.progress();
+  EXPECT_EQ(log.text(), "platform: invalid message: too long\n");
+  EXPECT_TRUE(connection_.ended());
+}
+
+TEST_F(ConnectionTest, ARequestThatIsTooLongIsRefusedHere) {
+  message m = request(7);
+  m.insert_string(2, std::string(maxDatagram, 'x'));
+  EXPECT_EQ(getError(connection_.exchange(m, 1, 60'000)), "message too long");
+  EXPECT_EQ(platformReceives(), "nothing");
+  EXPECT_FALSE(connection_.ended());
+}
+
+TEST_F(ConnectionTest, PostingAndNotifyingWaitForNobody) {
+  connection_.post(request(7), cmd::addObject, 0);
+  connection_.notify(request(8), cmd::changed, 2);
+  EXPECT_EQ(platformReceives(),
+            "{u32[] 0xff0001=[20 5], u32 0x1=7, u32[] 0xff0002=[0 0], u32 0xff0003=1, "
+            "u32 0xff0007=16646149}");
+  EXPECT_EQ(platformReceives(),
+            "{u32[] 0xff0001=[20 5], u32 0x1=8, u32[] 0xff0002=[0 2], u32 0xff0007=16646155}");
+}
+
+TEST_F(ConnectionTest, TheReplyToAPostIsDropped) {
+  connection_.post(request(7), cmd::addObject, 0);
+  platformSends(reply(1, 1));
+  EXPECT_EQ(takes(), "nothing");
+}
+
+TEST_F(ConnectionTest, AnswersCarryTheSerialAndNoPath) {
+  message incoming = request(7);
+  incoming.insert_u32(key::serial, 77);
+  connection_.reply(incoming, request(8));
+  EXPECT_EQ(platformReceives(), "{u32 0x1=8, u32 0xff0003=77, bool 0xff0004=1}");
+}
+
+TEST_F(ConnectionTest, AnAnswerThatIsTooLongBecomesAnError) {
+  message answer;
+  answer.insert_string(1, std::string(maxDatagram, 'x'));
+  connection_.reply(request(7), answer);
+  EXPECT_EQ(platformReceives(),
+            "{u32 0xff0008=16646153, string 0xff0009=\"answer too long\", u32 0xff0003=0, "
+            "bool 0xff0004=1}");
+}
+
+class SlowPlatform : public ConnectionTest {
+ protected:
+  /// Fills the socket until something has to wait.
+  int fill() {
+    message m = request(7);
+    m.insert_string(2, std::string(50'000, 'x'));
+    int sent = 0;
+    while (!connection_.wantsToSend() && !connection_.ended()) {
+      connection_.post(m, 1, 0);
+      ++sent;
+    }
+    return sent;
+  }
+  int drain() {
+    int count = 0;
+    while (platformReceives() != "nothing") {
+      ++count;
+      connection_.progress();
+    }
+    return count;
+  }
+};
+
+TEST_F(SlowPlatform, GetsEverythingInTheEnd) {
+  int sent = fill();
+  connection_.notify(message(), cmd::changed, 0);
+  ++sent;
+  EXPECT_FALSE(connection_.ended());
+  EXPECT_EQ(drain(), sent);
+  EXPECT_FALSE(connection_.wantsToSend());
+}
+
+TEST_F(SlowPlatform, DoesNotGetARequestWhoseSenderHasGivenUp) {
+  const int sent = fill();
+  EXPECT_EQ(getError(connection_.exchange(request(8), 1, 20)), "no answer in time");
+  EXPECT_EQ(drain(), sent);
+}
+
+TEST_F(SlowPlatform, IsGivenUpWhenTooMuchWaits) {
+  fill();
+  const test::LogCapture log;
+  message m = request(7);
+  m.insert_string(2, std::string(100'000, 'x'));
+  for (int i = 0; i < 50; ++i) connection_.post(m, 1, 0);
+  EXPECT_TRUE(connection_.ended());
+  EXPECT_EQ(log.text(), "platform: does not read\n");
+}
+
+TEST_F(ConnectionTest, WaitsForANotification) {
+  platformSends(notification(1));
+  connection_.waitForArrival(60'000);
+  EXPECT_EQ(connection_.arrived(), 1U);
+  (void)connection_.take();
+  connection_.waitForArrival(5);
+  EXPECT_EQ(connection_.arrived(), 0U);
+}
+
+TEST_F(ConnectionTest, StopsWaitingForANotificationWhenThePlatformGoes) {
+  sockets_.peer.reset();
+  connection_.waitForArrival(60'000);
+  EXPECT_TRUE(connection_.ended());
+}
+
+class PlatformSocket : public testing::Test {
+ protected:
+  /// Listens at `name` in `directory`, however long its path is.
+  static Fd listenAt(const std::string& directory, const std::string& name) {
+    Fd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    name.copy(address.sun_path, sizeof address.sun_path - 1);
+    const std::string before = std::filesystem::current_path();
+    std::filesystem::current_path(directory);
+    const bool done = bind(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+                      listen(fd.get(), 1) == 0;
+    std::filesystem::current_path(before);
+    return done ? std::move(fd) : Fd();
+  }
+
+  test::TempDir dir_;
+};
+
+TEST_F(PlatformSocket, IsConnectedByPath) {
+  const Fd listener = listenAt(dir_.path(), "lumen.sock");
+  ASSERT_TRUE(listener.valid());
+  EXPECT_TRUE(SocketTransport::connect(dir_.file("lumen.sock")));
+}
+
+TEST_F(PlatformSocket, MayHaveALongPath) {
+  std::string directory = dir_.path();
+  for (int i = 0; i < 10; ++i) directory += "/" + std::string(50, 'd');
+  std::filesystem::create_directories(directory);
+  const Fd listener = listenAt(directory, "lumen.sock");
+  ASSERT_TRUE(listener.valid());
+  EXPECT_TRUE(SocketTransport::connect(directory + "/lumen.sock"));
+}
+
+TEST_F(PlatformSocket, ThatIsMissingIsSaidWithItsError) {
+  EXPECT_FALSE(SocketTransport::connect(dir_.file("lumen.sock")));
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_FALSE(SocketTransport::connect(dir_.file(std::string(200, 'd') + "/lumen.sock")));
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_FALSE(SocketTransport::connect(dir_.file(std::string(200, 'n'))));
+  EXPECT_EQ(errno, ENAMETOOLONG);
+}
+
+TEST_F(PlatformSocket, ThatNobodyListensAtIsSaidWithItsError) {
+  (void)listenAt(dir_.path(), "lumen.sock");
+  EXPECT_FALSE(SocketTransport::connect(dir_.file("lumen.sock")));
+  EXPECT_EQ(errno, ECONNREFUSED);
+}
+
+}  // namespace
+}  // namespace lm

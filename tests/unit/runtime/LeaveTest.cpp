@@ -1,0 +1,163 @@
+#include <gtest/gtest.h>
+
+#include <functional>
+
+#include "platform/Handler.h"
+#include "platform/Keys.h"
+#include "platform/Looper.h"
+#include "support/Describe.h"
+#include "support/LogCapture.h"
+#include "support/TestPlatform.h"
+
+namespace lm {
+namespace {
+
+constexpr uint32_t registerServices = 0x10;
+constexpr uint32_t unregisterServices = 0x13;
+
+/// A program that leaves when it is not needed, as a switched-off daemon does.
+class Leave : public testing::Test {
+ protected:
+  class Daemon : public Handler {
+   public:
+    message cmdUnknown(const message&, uint32_t command) override {
+      commands.push_back(command);
+      if (then) then();
+      return {};
+    }
+    std::vector<uint32_t> commands;
+    std::function<void()> then;
+  };
+
+  Leave() {
+    looper_.addHandler(0, daemon_);
+    platform_.forgetSent();
+  }
+
+  /// A request comes in after the program has asked to be unregistered.
+  void requestCrossesTheUnregistration() {
+    platform_.onRequest({0}, unregisterServices, [this](const message&) {
+      serial_ = platform_.postRequest(0, 77);
+      return message();
+    });
+  }
+  std::vector<uint32_t> sentCommands() {
+    std::vector<uint32_t> commands;
+    for (const message& m : platform_.sent()) commands.push_back(m.get_u32(key::command));
+    return commands;
+  }
+
+  using Commands = std::vector<uint32_t>;
+
+  test::TestPlatform platform_;
+  Looper looper_{platform_.makeRuntime()};
+  Daemon daemon_;
+  uint32_t serial_ = 0;
+};
+
+TEST_F(Leave, ComesAfterItsDelayAndUnregisters) {
+  looper_.setupLeave(1000);
+  platform_.advance(99);
+  EXPECT_FALSE(platform_.stopped());
+  EXPECT_EQ(sentCommands(), Commands{});
+  platform_.advance(1);
+  EXPECT_TRUE(platform_.stopped());
+  ASSERT_EQ(sentCommands(), Commands{unregisterServices});
+  EXPECT_EQ(test::describe(test::contentOf(platform_.sent()[0])), "{u32[] 0x1=[40]}");
+  looper_.run();
+}
+
+TEST_F(Leave, IsCalledOffByADelayOfZero) {
+  looper_.setupLeave(1000);
+  platform_.advance(99);
+  looper_.setupLeave(0);
+  platform_.advance(100'000);
+  EXPECT_FALSE(platform_.stopped());
+  EXPECT_EQ(sentCommands(), Commands{});
+}
+
+TEST_F(Leave, IsPutOffByANewDelay) {
+  looper_.setupLeave(1000);
+  platform_.advance(99);
+  looper_.setupLeave(1000);
+  platform_.advance(99);
+  EXPECT_FALSE(platform_.stopped());
+  platform_.advance(1);
+  EXPECT_TRUE(platform_.stopped());
+}
+
+TEST_F(Leave, AnswersWhatArrivedBeforeTheUnregistrationDid) {
+  requestCrossesTheUnregistration();
+  looper_.setupLeave(1000);
+  platform_.advance(100);
+  EXPECT_TRUE(platform_.stopped());
+  EXPECT_EQ(daemon_.commands, Commands{77});
+  EXPECT_TRUE(platform_.replyTo(serial_));
+  EXPECT_EQ(sentCommands(), Commands{unregisterServices});
+}
+
+TEST_F(Leave, StaysAndRegistersAgainWhenSuchARequestCallsItOff) {
+  requestCrossesTheUnregistration();
+  daemon_.then = [this] { looper_.setupLeave(0); };
+  looper_.setupLeave(1000);
+  platform_.advance(100'000);
+  EXPECT_FALSE(platform_.stopped());
+  EXPECT_EQ(sentCommands(), (Commands{unregisterServices, registerServices}));
+  EXPECT_TRUE(platform_.replyTo(serial_));
+}
+
+TEST_F(Leave, ThatSuchARequestPutsOffComesLater) {
+  requestCrossesTheUnregistration();
+  daemon_.then = [this] { looper_.setupLeave(500); };
+  looper_.setupLeave(1000);
+  platform_.advance(100);
+  EXPECT_FALSE(platform_.stopped());
+  daemon_.then = nullptr;
+  platform_.advance(50);
+  EXPECT_TRUE(platform_.stopped());
+  EXPECT_EQ(sentCommands(), (Commands{unregisterServices, registerServices, unregisterServices}));
+}
+
+TEST_F(Leave, DoesNotTakeWhatArrivedAfterTheAnswer) {
+  platform_.onRequest({0}, unregisterServices, [this](const message&) {
+    serial_ = platform_.postRequest(0, 77);
+    return message();
+  });
+  looper_.setupLeave(1000);
+  platform_.advance(99);
+  daemon_.then = [this] { platform_.postRequest(0, 78); };
+  platform_.advance(1);
+  EXPECT_TRUE(platform_.stopped());
+  EXPECT_EQ(daemon_.commands, Commands{77});
+}
+
+TEST_F(Leave, HappensEvenIfThePlatformDoesNotAnswer) {
+  platform_.ignore({0}, unregisterServices);
+  looper_.setupLeave(1000);
+  const test::LogCapture log;
+  platform_.advance(100);
+  EXPECT_EQ(log.text(), "platform: service 40: no answer in time\n");
+  EXPECT_TRUE(platform_.stopped());
+}
+
+TEST_F(Leave, LetsExchangesGoOnAfterwards) {
+  looper_.setupLeave(1000);
+  platform_.advance(100);
+  looper_.run();
+  platform_.answer({20, 5}, cmd::removeObject, message());
+  message request;
+  request.insert_u32_array(key::destination, {20, 5});
+  EXPECT_FALSE(isError(looper_.exchangeCmd(request, cmd::removeObject, 6000)));
+}
+
+TEST(LeaveWithoutHandlers, SendsNothing) {
+  test::TestPlatform platform;
+  Looper looper(platform.makeRuntime());
+  looper.setupLeave(1);
+  platform.advance(1);
+  EXPECT_TRUE(platform.stopped());
+  EXPECT_TRUE(platform.sent().empty());
+}
+
+}  // namespace
+}  // namespace lm

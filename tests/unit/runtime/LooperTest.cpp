@@ -1,0 +1,418 @@
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <functional>
+
+#include "lumen/runtime/Codec.h"
+#include "lumen/runtime/Runtime.h"
+#include "platform/Keys.h"
+#include "platform/Looper.h"
+#include "platform/Timer.h"
+#include "support/Describe.h"
+#include "support/TempDir.h"
+#include "support/TestPlatform.h"
+
+namespace lm {
+namespace {
+
+using test::contentOf;
+using test::describe;
+using test::TestPlatform;
+
+message number(uint32_t value) {
+  message m;
+  m.insert_u32(1, value);
+  return m;
+}
+
+message requestTo(const test::Path& path) {
+  message m;
+  m.insert_u32_array(key::destination, path);
+  return m;
+}
+
+/// Notes what it is asked and answers with its number.
+class Service : public Handler {
+ public:
+  message dispatch(const message& request, uint32_t command) override {
+    heard.push_back(std::to_string(command) + " " + describe(contentOf(request)));
+    if (then) then();
+    return answers ? number(7) : Handler::dispatch(request, command);
+  }
+
+  std::vector<std::string> heard;
+  std::function<void()> then;
+  bool answers = true;
+};
+
+using Heard = std::vector<std::string>;
+
+class LooperTest : public testing::Test {
+ protected:
+  LooperTest() { looper_.addHandler(0, service_); }
+
+  TestPlatform platform_;
+  Looper looper_{platform_.makeRuntime()};
+  Service service_;
+};
+
+TEST_F(LooperTest, RegistersItsServiceOnce) {
+  Service second;
+  looper_.addHandler(1, second);
+  ASSERT_EQ(platform_.sent().size(), 1U);
+  EXPECT_EQ(describe(platform_.sent()[0]),
+            "{u32[] 0xff0001=[0], u32[] 0x1=[40], u32[] 0xff0002=[0 4294967295], u32 0xff0003=1, "
+            "u32 0xff0007=16}");
+}
+
+TEST_F(LooperTest, AnswersARequestToItsHandler) {
+  EXPECT_EQ(platform_.request(0, cmd::get, number(1)), number(7));
+  EXPECT_EQ(service_.heard, Heard{"16646157 {u32 0x1=1}"});
+}
+
+TEST_F(LooperTest, AnswersARequestToHandlerZeroWhenThePathNamesNone) {
+  message m = number(1);
+  m.insert_u32_array(key::destination, {40});
+  m.insert_u32(key::serial, 9);
+  m.insert_u32(key::command, 1);
+  platform_.deliverRaw(encode(m));
+  platform_.turn();
+  EXPECT_EQ(platform_.replyTo(9)->get_u32(1), 7U);
+}
+
+TEST_F(LooperTest, AnswersThatThereIsNoSuchHandler) {
+  EXPECT_EQ(getError(platform_.request(5, cmd::get)), "no such handler");
+}
+
+TEST_F(LooperTest, AHandlerThatHasGoneIsNotAskedAgain) {
+  {
+    Service second;
+    looper_.addHandler(1, second);
+    EXPECT_EQ(platform_.request(1, 1), number(7));
+  }
+  EXPECT_EQ(getError(platform_.request(1, 1)), "no such handler");
+}
+
+TEST_F(LooperTest, AHandlerKnowsNoCommandByItself) {
+  service_.answers = false;
+  for (uint32_t command : {cmd::list, cmd::get, cmd::set, cmd::addObject, 12345U}) {
+    EXPECT_EQ(describe(platform_.request(0, command)),
+              "{u32 0xff0008=16646153, string 0xff0009=\"unknown command\"}");
+  }
+}
+
+TEST_F(LooperTest, RequestsThatArriveBeforeTheLoopRunsAreKept) {
+  const uint32_t serial = platform_.postRequest(0, 1);
+  EXPECT_EQ(service_.heard, Heard{});
+  platform_.turn();
+  EXPECT_TRUE(platform_.replyTo(serial));
+}
+
+TEST_F(LooperTest, ExchangesAsNobodyWhileAHandlerExchangesUnderItsNumber) {
+  Service third;
+  looper_.addHandler(3, third);
+  platform_.answer({20, 5}, cmd::addObject, number(9));
+  EXPECT_EQ(looper_.exchangeCmd(requestTo({20, 5}), cmd::addObject, 6000).get_u32(1), 9U);
+  EXPECT_EQ(third.exchangeCmd(requestTo({20, 5}), cmd::addObject, 6000).get_u32(1), 9U);
+  const auto sent = platform_.sentTo({20, 5}, cmd::addObject);
+  ASSERT_EQ(sent.size(), 2U);
+  EXPECT_EQ(sent[0].get_u32_array_ref(key::source), (test::Path{0, none}));
+  EXPECT_EQ(sent[1].get_u32_array_ref(key::source), (test::Path{0, 3}));
+}
+
+TEST_F(LooperTest, NothingIsDispatchedFromInsideAnExchange) {
+  platform_.onRequest({20, 5}, 1, [this](const message&) {
+    platform_.postRequest(0, 2);
+    platform_.postRequest(0, 3);
+    return message();
+  });
+  service_.then = [this] {
+    if (service_.heard.size() > 1) return;
+    (void)service_.exchangeCmd(requestTo({20, 5}), 1, 6000);
+    EXPECT_EQ(service_.heard, Heard{"1 {}"});
+  };
+  platform_.request(0, 1);
+  EXPECT_EQ(service_.heard, (Heard{"1 {}", "2 {}", "3 {}"}));
+}
+
+TEST_F(LooperTest, TheClockMovesToTheReplyThatAnExchangeWaitsFor) {
+  const uint64_t start = platform_.clock().now();
+  platform_.answer({20, 5}, 1, number(1));
+  platform_.delay({20, 5}, 1, 250);
+  EXPECT_FALSE(isError(service_.exchangeCmd(requestTo({20, 5}), 1, 6000)));
+  EXPECT_EQ(platform_.clock().now() - start, 250U);
+}
+
+TEST_F(LooperTest, AnExchangeGivesUpAtItsLimitAndDropsTheReplyThatComesLater) {
+  const uint64_t start = platform_.clock().now();
+  platform_.answer({20, 5}, 1, number(1));
+  platform_.delay({20, 5}, 1, 7000);
+  EXPECT_EQ(getError(service_.exchangeCmd(requestTo({20, 5}), 1, 6000)), "no answer in time");
+  EXPECT_EQ(platform_.clock().now() - start, 6000U);
+  platform_.delay({20, 5}, 1, 0);
+  platform_.answer({20, 5}, 1, number(2));
+  platform_.advance(200);
+  EXPECT_EQ(service_.exchangeCmd(requestTo({20, 5}), 1, 6000).get_u32(1), 2U);
+}
+
+TEST_F(LooperTest, AnUnscriptedServiceDoesNotExist) {
+  EXPECT_EQ(getError(service_.exchangeCmd(requestTo({99}), 1, 6000)), "no such service");
+}
+
+TEST_F(LooperTest, DispatchesNotificationsToWhoSubscribed) {
+  Service second;
+  looper_.addHandler(1, second);
+  platform_.forgetSent();
+  service_.subscribe(cmd::changed, {20, 1});
+  ASSERT_EQ(platform_.sent().size(), 1U);
+  EXPECT_EQ(describe(contentOf(platform_.sent()[0])), "{u32 0x1=16646155, u32[] 0x2=[20 1]}");
+  EXPECT_EQ(platform_.sent()[0].get_u32(key::command), 0x11U);
+
+  platform_.notify(cmd::changed, {20, 1}, number(1));
+  platform_.notify(cmd::changed, {20, 0}, number(2));
+  platform_.notify(cmd::interfaceChanged, {20, 1}, number(3));
+  EXPECT_EQ(service_.heard, Heard{"16646155 {u32 0x1=1}"});
+  EXPECT_EQ(second.heard, Heard{});
+}
+
+TEST_F(LooperTest, UnsubscribesOnlyWhatIsSubscribed) {
+  platform_.forgetSent();
+  service_.unsubscribe(cmd::changed, {20, 1});
+  EXPECT_TRUE(platform_.sent().empty());
+  service_.subscribe(cmd::changed, {20, 1});
+  service_.subscribe(cmd::changed, {20, 1});
+  service_.unsubscribe(cmd::changed, {20, 1});
+  ASSERT_EQ(platform_.sent().size(), 2U);
+  EXPECT_EQ(platform_.sent()[1].get_u32(key::command), 0x12U);
+  EXPECT_EQ(contentOf(platform_.sent()[1]), contentOf(platform_.sent()[0]));
+  platform_.notify(cmd::changed, {20, 1});
+  EXPECT_EQ(service_.heard, Heard{});
+}
+
+TEST_F(LooperTest, TellsTheBrokerOnceForTwoSubscribers) {
+  {
+    Service second;
+    looper_.addHandler(1, second);
+    service_.subscribe(1, {20, 1});
+    second.subscribe(1, {20, 1});
+    platform_.notify(1, {20, 1});
+    EXPECT_EQ(service_.heard.size(), 1U);
+    EXPECT_EQ(second.heard.size(), 1U);
+    service_.unsubscribe(1, {20, 1});
+    EXPECT_EQ(platform_.sentTo({0}, 0x11).size(), 1U);
+    EXPECT_TRUE(platform_.sentTo({0}, 0x12).empty());
+  }
+  EXPECT_EQ(platform_.sentTo({0}, 0x12).size(), 1U) << "the second has gone";
+}
+
+TEST_F(LooperTest, ASubscriberMayEndTheOthersWhileANotificationIsDispatched) {
+  auto second = std::make_unique<Service>();
+  service_.subscribe(1, {20, 1});
+  second->subscribe(1, {20, 1});
+  service_.then = [&] { second.reset(); };
+  platform_.notify(1, {20, 1});
+  EXPECT_EQ(service_.heard.size(), 1U);
+  EXPECT_FALSE(second);
+}
+
+TEST_F(LooperTest, SubscribingDoesNotWaitForTheBroker) {
+  const uint64_t start = platform_.clock().now();
+  platform_.ignore({0}, 0x11);
+  service_.subscribe(1, {20, 1});
+  platform_.refuse({0}, 0x11, "not permitted");
+  service_.subscribe(2, {20, 1});
+  platform_.turn();
+  EXPECT_EQ(platform_.clock().now(), start);
+  EXPECT_EQ(service_.heard, Heard{});
+}
+
+TEST_F(LooperTest, NotifiesOfSettingsWithTheirFields) {
+  message request = number(3);
+  request.insert_u32(key::serial, 9);
+  request.insert_u32_array(key::source, {0x10001, 2});
+  request.insert_u32_array(key::destination, {40, 0});
+  service_.notifyChange(none, request);
+  const auto notified = platform_.notified(cmd::changed);
+  ASSERT_EQ(notified.size(), 1U);
+  EXPECT_EQ(describe(notified[0]), "{u32 0x1=3, u32[] 0xff0002=[0 0], u32 0xff0007=16646155}");
+}
+
+TEST_F(LooperTest, NotifiesOfAnObjectWithItsRecord) {
+  message config = number(3);
+  config.insert_u32(key::serial, 9);
+  service_.notifyChange(5, config);
+  const auto notified = platform_.notified(cmd::changed);
+  ASSERT_EQ(notified.size(), 1U);
+  EXPECT_EQ(describe(contentOf(notified[0])), "{message[] 0xfe0002=[{u32 0xfe0001=5, u32 0x1=3}]}");
+}
+
+TEST_F(LooperTest, HandsUndoMessagesToTheHistory) {
+  message undo;
+  undo.insert_u32(key::command, cmd::set);
+  undo.insert_bool(1, true);
+  message request;
+  request.insert_u32_array(key::source, {0x10001, none});
+  service_.sendUndo(request, undo, "upnp config changed");
+  const auto sent = platform_.sentTo({66}, cmd::addObject);
+  ASSERT_EQ(sent.size(), 1U);
+  EXPECT_EQ(
+      describe(contentOf(sent[0])),
+      "{string 0x1=\"upnp config changed\", message 0x2={u32 0xff0007=16646158, bool 0x1=1}}");
+  EXPECT_EQ(sent[0].get_u32_array_ref(key::source), (test::Path{0, 0}));
+}
+
+TEST_F(LooperTest, AnUndoIsNotUndoneAgain) {
+  message request;
+  request.insert_u32_array(key::source, {service::history, 0});
+  service_.sendUndo(request, number(1), "upnp config changed");
+  EXPECT_TRUE(platform_.sentTo({66}, cmd::addObject).empty());
+}
+
+TEST_F(LooperTest, LeavesWhenTheConnectionEnds) {
+  platform_.endConnection();
+  looper_.run();
+  EXPECT_TRUE(platform_.stopped());
+  EXPECT_EQ(getError(service_.exchangeCmd(requestTo({20, 5}), 1, 6000)), "connection ended");
+}
+
+TEST_F(LooperTest, LeavesWhenTheOtherSideTalksNonsense) {
+  platform_.deliverRaw("nonsense");
+  looper_.run();
+  EXPECT_TRUE(platform_.stopped());
+}
+
+TEST_F(LooperTest, TimersComeDueInOrderWhileTheClockMoves) {
+  struct Beat {
+    void due() {
+      times.push_back(platform->clock().now());
+      timer.start<&Beat::due>(*this, 100);
+    }
+    TestPlatform* platform;
+    std::vector<uint64_t> times;
+    Timer timer;
+  };
+  Beat beat{&platform_, {}, {}};
+  const uint64_t start = platform_.clock().now();
+  beat.timer.start<&Beat::due>(beat, 100);
+  platform_.advance(350);
+  EXPECT_EQ(beat.times, (std::vector<uint64_t>{start + 1000, start + 2000, start + 3000}));
+  EXPECT_EQ(platform_.clock().now(), start + 3500);
+}
+
+TEST(LooperAlone, IsTheProcessesLooper) {
+  TestPlatform platform;
+  Looper looper(platform.makeRuntime());
+  EXPECT_EQ(&getLooper(), &looper);
+  EXPECT_EQ(&getRunner(), &looper.runtime().loop());
+}
+
+using RegistrationDeathTest = testing::Test;
+
+TEST(RegistrationDeathTest, EndsTheProgramWhenItIsRefused) {
+  EXPECT_EXIT(
+      {
+        TestPlatform platform;
+        platform.refuse({0}, 0x10, "already registered");
+        Looper looper(platform.makeRuntime());
+        Service service;
+        std::cout.rdbuf(std::cerr.rdbuf());
+        looper.addHandler(0, service);
+      },
+      testing::ExitedWithCode(1), "platform: service 40: already registered");
+}
+
+TEST(RegistrationDeathTest, EndsTheProgramWhenTheNumberIsTaken) {
+  EXPECT_EXIT(
+      {
+        TestPlatform platform;
+        Looper looper(platform.makeRuntime());
+        Service one;
+        Service two;
+        std::cout.rdbuf(std::cerr.rdbuf());
+        looper.addHandler(3, one);
+        looper.addHandler(3, two);
+      },
+      testing::ExitedWithCode(1), "platform: handler 3 is there already");
+}
+
+/// With the platform's own clock, socket and signals.
+class RealRuntime : public testing::Test {
+ protected:
+  RealRuntime() { sigprocmask(SIG_SETMASK, nullptr, &usual_); }
+  ~RealRuntime() override { sigprocmask(SIG_SETMASK, &usual_, nullptr); }
+
+  void platformListens() {
+    listener_.reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path().copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(bind(listener_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(listen(listener_.get(), 1), 0);
+  }
+  [[nodiscard]] std::string path() const { return dir_.file("lumen.sock"); }
+
+  test::TempDir dir_;
+  Fd listener_;
+
+ private:
+  sigset_t usual_{};
+};
+
+TEST_F(RealRuntime, EndsOnSigtermAndSigint) {
+  platformListens();
+  for (int signal : {SIGTERM, SIGINT}) {
+    Looper looper(Runtime::connect(path(), 5000));
+    raise(signal);
+    looper.run();
+    EXPECT_TRUE(looper.runtime().stopped());
+  }
+}
+
+TEST_F(RealRuntime, IgnoresSigpipe) {
+  platformListens();
+  Looper looper(Runtime::connect(path(), 5000));
+  raise(SIGPIPE);
+}
+
+TEST_F(RealRuntime, EndsWhenThePlatformDoes) {
+  platformListens();
+  Looper looper(Runtime::connect(path(), 5000));
+  listener_.reset();
+  looper.run();
+}
+
+TEST_F(RealRuntime, WaitsForThePlatformToListen) {
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    // What is seen is the end of the connection, when this process ends.
+    const timespec later{0, 100'000'000};
+    nanosleep(&later, nullptr);
+    platformListens();
+    const Fd client(accept(listener_.get(), nullptr, nullptr));
+    _exit(client.valid() ? 0 : 1);
+  }
+  Looper looper(Runtime::connect(path(), 5000));
+  looper.run();
+  int status = -1;
+  EXPECT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+}
+
+using RealRuntimeDeathTest = RealRuntime;
+
+TEST_F(RealRuntimeDeathTest, EndsTheProgramWhenThePlatformDoesNotComeUp) {
+  EXPECT_EXIT(
+      {
+        std::cout.rdbuf(std::cerr.rdbuf());
+        (void)Runtime::connect(path(), 60);
+      },
+      testing::ExitedWithCode(1), "platform: .*lumen.sock: No such file or directory");
+}
+
+}  // namespace
+}  // namespace lm

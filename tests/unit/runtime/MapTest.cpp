@@ -1,0 +1,347 @@
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <csignal>
+#include <functional>
+
+#include "lumen/runtime/Codec.h"
+#include "platform/Keys.h"
+#include "platform/Looper.h"
+#include "platform/Map.h"
+#include "support/Describe.h"
+#include "support/LogCapture.h"
+#include "support/TempDir.h"
+#include "support/TestPlatform.h"
+
+namespace lm {
+namespace {
+
+using test::contentOf;
+using test::describe;
+using test::TestPlatform;
+
+/// A lamp with a colour and a brightness.
+class Lamp : public Object {
+ public:
+  [[nodiscard]] bool isStorable() const override { return storable; }
+  [[nodiscard]] std::string getName() const override { return "lamp"; }
+  void getConfig(message& config) const override {
+    config.insert_string(1, colour);
+    config.insert_u32(2, brightness);
+  }
+  void setConfig(const message& config) override {
+    colour = config.get_string(1, colour);
+    brightness = config.get_u32(2, brightness);
+    storable = colour != "candle";
+  }
+
+  std::string colour;
+  uint32_t brightness = 10;
+  bool storable = true;
+};
+
+class Lamps : public Map<Lamp> {
+ public:
+  using Map<Lamp>::Map;
+
+  std::vector<std::string> hooks;
+  message verdict;
+  std::function<void()> then;
+
+ private:
+  message objectAdded(Lamp& added) override { return hook("add " + text(added)); }
+  message objectSet(Lamp& before, Lamp& after) override {
+    return hook("set " + text(before) + " to " + text(after));
+  }
+  message objectRemoved(Lamp& removed) override { return hook("remove " + text(removed)); }
+
+  message hook(const std::string& call) {
+    hooks.push_back(call + " of " + std::to_string(objects().size()));
+    if (then) then();
+    return verdict;
+  }
+  static std::string text(const Lamp& lamp) { return std::to_string(lamp.id) + lamp.colour; }
+};
+
+using Names = std::vector<std::string>;
+
+class ObjectMap : public testing::Test {
+ protected:
+  ObjectMap() { looper_.addHandler(0, lamps_); }
+
+  static message lamp(const std::string& colour) {
+    message m;
+    m.insert_string(1, colour);
+    return m;
+  }
+  static message withId(uint32_t id, message m = {}) {
+    m.insert_u32(key::objectId, id);
+    return m;
+  }
+
+  message add(const std::string& colour) {
+    return platform_.request(0, cmd::addObject, lamp(colour));
+  }
+  message set(uint32_t id, const std::string& colour) {
+    return platform_.request(0, cmd::setObject, withId(id, lamp(colour)));
+  }
+  message remove(uint32_t id) { return platform_.request(0, cmd::removeObject, withId(id)); }
+  message read(uint32_t id) { return platform_.request(0, cmd::readObject, withId(id)); }
+  message list() { return platform_.request(0, cmd::readAll); }
+
+  /// The texts and messages that went to the history, since the last call.
+  Names undos() {
+    Names result;
+    for (const message& m : platform_.sentTo({66}, cmd::addObject)) {
+      result.push_back(m.get_string(1) + " " + describe(m.get_message(2)));
+    }
+    platform_.forgetSent();
+    return result;
+  }
+  Names notifications() {
+    Names result;
+    for (const message& m : platform_.notified(cmd::changed)) {
+      result.push_back(describe(contentOf(m)));
+    }
+    platform_.forgetSent();
+    return result;
+  }
+
+  test::TempDir dir_;
+  TestPlatform platform_;
+  Looper looper_{platform_.makeRuntime()};
+  Lamps lamps_{dir_.path(), 1, -2};
+};
+
+TEST_F(ObjectMap, AddsUnderTheLowestFreeId) {
+  EXPECT_EQ(describe(add("red")), "{u32 0xfe0001=1}");
+  EXPECT_EQ(describe(add("green")), "{u32 0xfe0001=2}");
+  EXPECT_FALSE(isError(remove(1)));
+  EXPECT_EQ(describe(add("blue")), "{u32 0xfe0001=1}");
+  EXPECT_EQ(lamps_.objects().size(), 2U);
+}
+
+TEST_F(ObjectMap, GivesTheHooksReplyWithTheNewId) {
+  lamps_.verdict.insert_string(9, "from the hook");
+  EXPECT_EQ(describe(add("red")), "{string 0x9=\"from the hook\", u32 0xfe0001=1}");
+  EXPECT_EQ(describe(set(1, "blue")), "{string 0x9=\"from the hook\"}");
+  EXPECT_EQ(describe(remove(1)), "{string 0x9=\"from the hook\"}");
+}
+
+TEST_F(ObjectMap, CallsItsHooksBeforeItChanges) {
+  add("red");
+  set(1, "blue");
+  remove(1);
+  EXPECT_EQ(lamps_.hooks, (Names{"add 1red of 0", "set 1red to 1blue of 1", "remove 1blue of 1"}));
+  EXPECT_TRUE(lamps_.objects().empty());
+}
+
+TEST_F(ObjectMap, ReadsAnObjectWithItsId) {
+  add("red");
+  EXPECT_EQ(describe(read(1)), "{u32 0xfe0001=1, string 0x1=\"red\", u32 0x2=10}");
+}
+
+TEST_F(ObjectMap, SetsOnlyTheFieldsThatTheRequestHas) {
+  add("red");
+  message dim = withId(1);
+  dim.insert_u32(2, 1);
+  EXPECT_EQ(describe(platform_.request(0, cmd::setObject, dim)), "{}");
+  EXPECT_EQ(describe(read(1)), "{u32 0xfe0001=1, string 0x1=\"red\", u32 0x2=1}");
+}
+
+TEST_F(ObjectMap, ListsItsObjectsPageByPage) {
+  for (int i = 0; i < 65; ++i) add("red");
+  message answer = list();
+  EXPECT_EQ(answer.size_message_array(key::records), 64U);
+  EXPECT_EQ(answer.get_u32(key::cursor), 64U);
+  message next;
+  next.insert_u32(key::cursor, 64);
+  answer = platform_.request(0, cmd::readAll, next);
+  ASSERT_EQ(answer.size_message_array(key::records), 1U);
+  EXPECT_EQ(describe(answer.get_message_array_ref(key::records)[0]),
+            "{u32 0xfe0001=65, string 0x1=\"red\", u32 0x2=10}");
+  EXPECT_EQ(answer.get_u32(key::cursor), none);
+}
+
+TEST_F(ObjectMap, AnswersThatThereIsNoSuchObject) {
+  EXPECT_EQ(getError(read(1)), "no such object");
+  EXPECT_EQ(getError(set(1, "red")), "no such object");
+  EXPECT_EQ(getError(remove(1)), "no such object");
+  EXPECT_EQ(getError(platform_.request(0, cmd::readObject)), "no such object");
+  EXPECT_TRUE(lamps_.hooks.empty());
+}
+
+TEST_F(ObjectMap, LeavesOtherCommandsToTheHandler) {
+  EXPECT_EQ(getError(platform_.request(0, cmd::get)), "unknown command");
+  EXPECT_EQ(getError(platform_.request(0, cmd::list)), "unknown command");
+}
+
+TEST_F(ObjectMap, ChangesNothingWhenTheHookRefuses) {
+  add("red");
+  platform_.forgetSent();
+  lamps_.verdict = errorMsg(errorRefused, "Interface already added");
+  EXPECT_EQ(describe(add("green")),
+            "{u32 0xff0008=16646153, string 0xff0009=\"Interface already added\"}");
+  EXPECT_TRUE(isError(set(1, "blue")));
+  EXPECT_TRUE(isError(remove(1)));
+  EXPECT_EQ(describe(read(1)), "{u32 0xfe0001=1, string 0x1=\"red\", u32 0x2=10}");
+  EXPECT_EQ(lamps_.objects().size(), 1U);
+  EXPECT_TRUE(platform_.sent().empty());
+  EXPECT_EQ(dir_.names(), Names{"1"});
+}
+
+TEST_F(ObjectMap, ARequestThatCarriesAnIdGetsIt) {
+  const auto addWithId = [this](uint32_t id) {
+    return platform_.request(0, cmd::addObject, withId(id, lamp("red")));
+  };
+  EXPECT_EQ(addWithId(7).get_u32(key::objectId), 7U);
+  EXPECT_EQ(addWithId(0xFFFFFFFE).get_u32(key::objectId), 0xFFFFFFFEU);
+  EXPECT_EQ(getError(addWithId(7)), "object exists already");
+  EXPECT_EQ(getError(addWithId(0)), "object id out of range");
+  EXPECT_EQ(getError(addWithId(none)), "object id out of range");
+  EXPECT_EQ(lamps_.objects().size(), 2U);
+}
+
+TEST_F(ObjectMap, EveryChangeCanBeTakenBack) {
+  add("red");
+  EXPECT_EQ(undos(), Names{"lamp added {u32 0xff0007=16646150, u32 0xfe0001=1}"});
+  set(1, "blue");
+  EXPECT_EQ(undos(), Names{"lamp changed {u32 0xff0007=16646147, u32 0xfe0001=1, "
+                           "string 0x1=\"red\", u32 0x2=10}"});
+  remove(1);
+  EXPECT_EQ(undos(), Names{"lamp removed {u32 0xff0007=16646149, u32 0xfe0001=1, "
+                           "string 0x1=\"blue\", u32 0x2=10}"});
+}
+
+TEST_F(ObjectMap, AnUndoneRemovalComesBackAsItWas) {
+  add("red");
+  add("green");
+  const message before = read(1);
+  platform_.forgetSent();
+  remove(1);
+  const message undo = platform_.sentTo({66}, cmd::addObject).at(0).get_message(2);
+  platform_.forgetSent();
+  platform_.request(0, undo.get_u32(key::command), undo, {service::history, 0});
+  EXPECT_EQ(read(1), before);
+  EXPECT_TRUE(undos().empty()) << "taking back is not to be taken back";
+}
+
+TEST_F(ObjectMap, SubscribersHearOfEveryChange) {
+  add("red");
+  EXPECT_EQ(notifications(),
+            Names{"{message[] 0xfe0002=[{u32 0xfe0001=1, string 0x1=\"red\", u32 0x2=10}]}"});
+  set(1, "blue");
+  EXPECT_EQ(notifications(),
+            Names{"{message[] 0xfe0002=[{u32 0xfe0001=1, string 0x1=\"blue\", u32 0x2=10}]}"});
+  remove(1);
+  EXPECT_EQ(notifications(), Names{"{message[] 0xfe0002=[{u32 0xfe0001=1, string 0x1=\"blue\", "
+                                   "u32 0x2=10, u32 0xfe0013=1}]}"});
+}
+
+TEST_F(ObjectMap, KeepsItsObjectsForTheNextProgram) {
+  add("red");
+  add("green");
+  add("blue");
+  set(3, "white");
+  remove(2);
+  EXPECT_EQ(dir_.names(), (Names{"1", "3"}));
+
+  Lamps next(dir_.path(), 1, -2);
+  next.init();
+  ASSERT_EQ(next.objects().size(), 2U);
+  EXPECT_EQ(next.objects()[0]->colour, "red");
+  EXPECT_EQ(next.objects()[1]->colour, "white");
+  EXPECT_EQ(next.objects()[1]->id, 3U);
+  EXPECT_TRUE(next.hooks.empty()) << "what is loaded is offered to no hook";
+}
+
+TEST_F(ObjectMap, KeepsNoTransportFieldsOnDisk) {
+  add("red");
+  std::string reason;
+  EXPECT_EQ(describe(*decode(dir_.read("1"), reason)), "{string 0x1=\"red\", u32 0x2=10}");
+}
+
+TEST_F(ObjectMap, ABrokenRecordDoesNotStopTheStart) {
+  add("red");
+  add("green");
+  dir_.write("1", "broken");
+  const test::LogCapture log;
+  Lamps next(dir_.path(), 1, -2);
+  next.init();
+  EXPECT_NE(log.text().find("is broken"), std::string::npos);
+  ASSERT_EQ(next.objects().size(), 1U);
+  EXPECT_EQ(next.objects()[0]->colour, "green");
+  EXPECT_EQ(dir_.names(), (Names{"1.broken", "2"}));
+}
+
+TEST_F(ObjectMap, RecordsOutsideItsIdsAreNotLoaded) {
+  add("red");
+  dir_.write("0", dir_.read("1"));
+  dir_.write("4294967295", dir_.read("1"));
+  Lamps next(dir_.path(), 1, -2);
+  next.init();
+  EXPECT_EQ(next.objects().size(), 1U);
+}
+
+TEST_F(ObjectMap, AFullDiskIsRefusedBeforeAnythingHasChanged) {
+  add("red");
+  platform_.forgetSent();
+  lamps_.hooks.clear();
+  std::signal(SIGXFSZ, SIG_IGN);
+  rlimit usual{};
+  getrlimit(RLIMIT_FSIZE, &usual);
+  const rlimit full{4, usual.rlim_max};
+  setrlimit(RLIMIT_FSIZE, &full);
+  const test::LogCapture log;
+  EXPECT_EQ(getError(add("green")), "could not be stored");
+  EXPECT_EQ(getError(set(1, "blue")), "could not be stored");
+  setrlimit(RLIMIT_FSIZE, &usual);
+  EXPECT_TRUE(lamps_.hooks.empty());
+  EXPECT_TRUE(platform_.sent().empty());
+  EXPECT_EQ(describe(read(1)), "{u32 0xfe0001=1, string 0x1=\"red\", u32 0x2=10}");
+  EXPECT_EQ(dir_.names(), Names{"1"});
+}
+
+TEST_F(ObjectMap, TheRecordIsSafeBeforeTheHookIsAskedAndInPlaceAfterwards) {
+  lamps_.then = [this] { EXPECT_EQ(dir_.names(), Names{"1.new"}); };
+  add("red");
+  EXPECT_EQ(dir_.names(), Names{"1"});
+  lamps_.then = [this] { EXPECT_EQ(dir_.names(), (Names{"1", "1.new"})); };
+  set(1, "blue");
+  EXPECT_EQ(dir_.names(), Names{"1"});
+}
+
+TEST_F(ObjectMap, ObjectsThatAreNotStorableLeaveNoRecordAndNoUndo) {
+  add("candle");
+  EXPECT_EQ(dir_.names(), Names{});
+  EXPECT_TRUE(undos().empty());
+  set(1, "red");
+  EXPECT_EQ(dir_.names(), Names{"1"});
+  set(1, "candle");
+  EXPECT_EQ(dir_.names(), Names{});
+}
+
+TEST_F(ObjectMap, RefusesWhenAllIdsAreTaken) {
+  const test::TempDir dir;
+  Lamps two(dir.path(), 1, 2);
+  looper_.addHandler(1, two);
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_FALSE(isError(platform_.request(1, cmd::addObject, lamp("red"))));
+  }
+  EXPECT_EQ(getError(platform_.request(1, cmd::addObject, lamp("red"))), "no free object id");
+}
+
+TEST(PlainObject, IsAnItemThatIsStoredUndoneAndNotified) {
+  struct Plain : Object {
+    void getConfig(message&) const override {}
+    void setConfig(const message&) override {}
+  };
+  const Plain plain;
+  EXPECT_EQ(plain.getName(), "item");
+  EXPECT_TRUE(plain.isStorable());
+  EXPECT_TRUE(plain.isUndoable());
+  EXPECT_TRUE(plain.needNotify());
+}
+
+}  // namespace
+}  // namespace lm

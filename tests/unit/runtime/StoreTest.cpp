@@ -1,0 +1,216 @@
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <csignal>
+
+#include "lumen/runtime/Codec.h"
+#include "lumen/runtime/RecordDirectory.h"
+#include "platform/Keys.h"
+#include "platform/Store.h"
+#include "support/Describe.h"
+#include "support/LogCapture.h"
+#include "support/TempDir.h"
+
+namespace lm {
+namespace {
+
+using Names = std::vector<std::string>;
+
+/// While it lives, files cannot grow beyond `bytes`: what a full disk looks like.
+class FullDisk {
+ public:
+  explicit FullDisk(rlim_t bytes) {
+    std::signal(SIGXFSZ, SIG_IGN);
+    getrlimit(RLIMIT_FSIZE, &usual_);
+    const rlimit limit{bytes, usual_.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  FullDisk(const FullDisk&) = delete;
+  FullDisk& operator=(const FullDisk&) = delete;
+  ~FullDisk() { setrlimit(RLIMIT_FSIZE, &usual_); }
+
+ private:
+  rlimit usual_{};
+};
+
+class StoreOnDisk : public testing::Test {
+ protected:
+  static message settings(bool enabled) {
+    message m;
+    m.insert_bool(1, enabled);
+    m.insert_string(2, std::string(100, 'x'));
+    return m;
+  }
+
+  test::TempDir dir_;
+  Store store_{dir_.path(), 5};
+};
+
+TEST_F(StoreOnDisk, HasNoRecordAtFirst) { EXPECT_FALSE(store_.get(0)); }
+
+TEST_F(StoreOnDisk, KeepsARecordForTheNextProgram) {
+  EXPECT_TRUE(store_.set(0, settings(true)));
+  EXPECT_EQ(Store(dir_.path(), 5).get(0), settings(true));
+  EXPECT_EQ(dir_.names(), Names{"0"});
+  EXPECT_EQ(dir_.read("0"), encode(settings(true)));
+}
+
+TEST_F(StoreOnDisk, ReplacesARecordAsAWhole) {
+  EXPECT_TRUE(store_.set(0, settings(true)));
+  message shorter;
+  shorter.insert_bool(3, true);
+  EXPECT_TRUE(store_.set(0, shorter));
+  EXPECT_EQ(store_.get(0), shorter);
+}
+
+TEST_F(StoreOnDisk, KeepsRecordsApart) {
+  EXPECT_TRUE(store_.set(0, settings(true)));
+  EXPECT_TRUE(store_.set(4, settings(false)));
+  EXPECT_EQ(store_.get(0), settings(true));
+  EXPECT_EQ(store_.get(4), settings(false));
+}
+
+TEST_F(StoreOnDisk, RefusesANumberBeyondItsLimit) {
+  EXPECT_FALSE(store_.set(5, settings(true)));
+  EXPECT_FALSE(store_.get(5));
+  EXPECT_EQ(dir_.names(), Names{});
+}
+
+TEST_F(StoreOnDisk, KeepsNoTransportFields) {
+  message request = settings(true);
+  request.insert_u32_array(key::destination, {40, 0});
+  request.insert_u32_array(key::source, {0x10001, 0});
+  request.insert_u32(key::serial, 7);
+  request.insert_u32(key::command, cmd::set);
+  EXPECT_TRUE(store_.set(0, request));
+  EXPECT_EQ(store_.get(0), settings(true));
+}
+
+TEST_F(StoreOnDisk, KeepsAnEmptyMessage) {
+  EXPECT_TRUE(store_.set(0, message()));
+  EXPECT_EQ(store_.get(0), message());
+}
+
+TEST_F(StoreOnDisk, SetsABrokenRecordAsideAndSaysSo) {
+  dir_.write("0", "not a message");
+  const test::LogCapture log;
+  EXPECT_FALSE(store_.get(0));
+  EXPECT_NE(log.text().find(dir_.file("0") + " is broken (unknown type: 0x6e6f7420)"),
+            std::string::npos)
+      << log.text();
+  EXPECT_EQ(dir_.names(), Names{"0.broken"});
+  EXPECT_EQ(dir_.read("0.broken"), "not a message");
+  EXPECT_TRUE(store_.set(0, settings(true)));
+  EXPECT_EQ(store_.get(0), settings(true));
+}
+
+TEST_F(StoreOnDisk, SetsARecordThatIsTooLongAside) {
+  dir_.write("0", std::string(maxDatagram + 1, '\0'));
+  EXPECT_FALSE(store_.get(0));
+  EXPECT_EQ(dir_.names(), Names{"0.broken"});
+}
+
+TEST_F(StoreOnDisk, DoesNotWaitForAPipeInPlaceOfARecord) {
+  ASSERT_EQ(mkfifo(dir_.file("0").c_str(), 0600), 0);
+  EXPECT_EQ(store_.get(0), message()) << "there is nothing in it";
+}
+
+TEST_F(StoreOnDisk, RefusesARecordThatIsTooLong) {
+  message m;
+  m.insert_string(1, std::string(maxDatagram, 'x'));
+  EXPECT_FALSE(store_.set(0, m));
+  EXPECT_EQ(dir_.names(), Names{});
+}
+
+TEST_F(StoreOnDisk, KeepsTheOldRecordWhenTheDiskIsFull) {
+  EXPECT_TRUE(store_.set(0, settings(true)));
+  {
+    const FullDisk full(10);
+    const test::LogCapture log;
+    EXPECT_FALSE(store_.set(0, settings(false)));
+    EXPECT_NE(log.text().find("File too large"), std::string::npos) << log.text();
+  }
+  EXPECT_EQ(store_.get(0), settings(true));
+  EXPECT_EQ(dir_.names(), Names{"0"});
+}
+
+TEST(StoreWithoutDirectory, HasNoRecordsAndRefusesToWrite) {
+  const test::TempDir dir;
+  Store store(dir.file("missing"), 5);
+  EXPECT_FALSE(store.get(0));
+  EXPECT_FALSE(store.set(0, message()));
+}
+
+class Records : public testing::Test {
+ protected:
+  static message record(uint32_t value) {
+    message m;
+    m.insert_u32(1, value);
+    return m;
+  }
+
+  test::TempDir dir_;
+  RecordDirectory records_{dir_.path()};
+};
+
+TEST_F(Records, APreparedOneTakesItsPlaceAtTheCommit) {
+  records_.prepare(7, record(1))->commit();
+  auto pending = records_.prepare(7, record(2));
+  ASSERT_TRUE(pending);
+  EXPECT_EQ(dir_.names(), (Names{"7", "7.new"}));
+  EXPECT_EQ(records_.read(7), record(1));
+  EXPECT_TRUE(pending->commit());
+  EXPECT_EQ(dir_.names(), Names{"7"});
+  EXPECT_EQ(records_.read(7), record(2));
+}
+
+TEST_F(Records, APreparedOneThatIsNotCommittedLeavesNothing) {
+  records_.prepare(7, record(1))->commit();
+  records_.prepare(7, record(2)).reset();
+  EXPECT_EQ(dir_.names(), Names{"7"});
+  EXPECT_EQ(records_.read(7), record(1));
+}
+
+TEST_F(Records, ACommitThatFailsSaysSo) {
+  auto pending = records_.prepare(7, record(1));
+  dir_.makeDirectory("7");
+  EXPECT_FALSE(pending->commit());
+  pending.reset();
+  EXPECT_EQ(dir_.names(), Names{"7"});
+}
+
+TEST_F(Records, AreListedByRisingNumber) {
+  for (uint32_t number : {10U, 9U, 4294967294U, 0U}) records_.prepare(number, record(1))->commit();
+  EXPECT_EQ(records_.numbers(), (std::vector<uint32_t>{0, 9, 10, 4294967294}));
+}
+
+TEST_F(Records, OtherFilesAreLeftAlone) {
+  for (const char* name : {"readme", "01", "-1", "4294967296", "7.broken", "x.new", "7x"}) {
+    dir_.write(name, "x");
+  }
+  EXPECT_TRUE(records_.numbers().empty());
+  EXPECT_EQ(dir_.names().size(), 7U);
+}
+
+TEST_F(Records, WhatAnInterruptedWriteLeftIsRemoved) {
+  records_.prepare(7, record(1))->commit();
+  dir_.write("7.new", "half");
+  EXPECT_EQ(records_.numbers(), std::vector<uint32_t>{7});
+  EXPECT_EQ(dir_.names(), Names{"7"});
+}
+
+TEST_F(Records, RemovalSucceedsWhenThereIsNone) {
+  records_.prepare(7, record(1))->commit();
+  EXPECT_TRUE(records_.remove(7));
+  EXPECT_TRUE(records_.remove(7));
+  EXPECT_EQ(dir_.names(), Names{});
+}
+
+TEST_F(Records, RemovalThatFailsSaysSo) {
+  dir_.makeDirectory("7");
+  EXPECT_FALSE(records_.remove(7));
+}
+
+}  // namespace
+}  // namespace lm
