@@ -4,7 +4,9 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <memory>
 #include <set>
 #include <utility>
 #include <variant>
@@ -29,6 +31,11 @@ constexpr Setting settingsByField[] = {
     {key::maxRules, "max-rules"},
     {key::maxRulesPerClient, "max-rules-per-client"},
 };
+
+struct CloseFile {
+  void operator()(FILE* file) const { std::fclose(file); }
+};
+using File = std::unique_ptr<FILE, CloseFile>;
 
 /// What the file's reader collects.
 struct Reading {
@@ -72,9 +79,12 @@ PolicyBook::PolicyBook(std::string filePath, std::string storeDirectory)
 
 std::optional<std::string> PolicyBook::load() {
   Reading reading;
-  errno = 0;
-  int line = ini_parse(filePath_.c_str(), takeLine, &reading);
-  if (line < 0 && errno != ENOENT) return filePath_ + ": " + std::strerror(errno);
+  int line = 0;
+  const File file(std::fopen(filePath_.c_str(), "re"));
+  if (file) line = ini_parse_file(file.get(), takeLine, &reading);
+  if (file ? std::ferror(file.get()) != 0 : errno != ENOENT) {
+    return filePath_ + ": " + std::strerror(errno);
+  }
   if (line > 0) {
     return filePath_ + ":" + std::to_string(line) + ": " +
            (reading.error.empty() ? "not a line of the form name = value" : reading.error);

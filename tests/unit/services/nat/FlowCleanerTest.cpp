@@ -1,0 +1,138 @@
+#include "lumen/services/nat/FlowCleaner.h"
+#include "services/nat/NatFixture.h"
+
+namespace lumen::test {
+
+namespace {
+
+Endpoint at(const char* address, uint16_t port) { return {inet_addr(address), port}; }
+
+class FlowCleanerTest : public NatFixture {
+ protected:
+  static Flow udp(uint16_t port, const char* responder, uint16_t responderPort) {
+    return {.protocol = 17,
+            .destination = at("45.45.45.1", port),
+            .responder = at(responder, responderPort)};
+  }
+
+  /// Lets the sweep that is due run, the kernel taking this long for it.
+  void sweepRuns(uint64_t milliseconds = 0) {
+    passes(0);
+    ASSERT_TRUE(flows.sweeping());
+    clock.advance(milliseconds);
+    flows.finishSweep();
+  }
+};
+
+TEST_F(FlowCleanerTest, EndsTheFlowsOfAClosedUdpPortOffTheReplyPath) {
+  uint32_t id = opens({.protocol = "udp"});
+  sweepRuns();
+  flows.flows = {udp(8080, "192.168.88.10", 80), udp(9000, "192.168.88.10", 90)};
+  EXPECT_EQ(removes(id), "");
+  EXPECT_EQ(flows.sweeps.size(), 1U) << "not before the reply";
+  passes(100);
+  flows.finishSweep();
+  EXPECT_EQ(flows.sweeps.back(), std::set<Endpoint>{at("45.45.45.1", 8080)});
+  ASSERT_EQ(flows.flows.size(), 1U);
+  EXPECT_EQ(flows.flows[0].destination.port, 9000);
+}
+
+TEST_F(FlowCleanerTest, FreesAUdpFlowThatWasStuckBeforeItsPortWasOpened) {
+  flows.flows = {udp(8080, "45.45.45.1", 8080)};
+  opens({.protocol = "udp"});
+  EXPECT_FALSE(flows.sweeping());
+  sweepRuns();
+  EXPECT_TRUE(flows.flows.empty());
+}
+
+TEST_F(FlowCleanerTest, LeavesAFlowThatGoesWhereItShould) {
+  opens({.protocol = "udp"});
+  flows.flows = {udp(8080, "192.168.88.10", 80)};
+  sweepRuns();
+  EXPECT_EQ(flows.flows.size(), 1U);
+}
+
+TEST_F(FlowCleanerTest, EndsTheFlowsToTheOldClientPortOfAChangedRule) {
+  uint32_t id = opens({.protocol = "udp"});
+  sweepRuns();
+  flows.flows = {udp(8080, "192.168.88.10", 80), udp(8080, "192.168.88.10", 81)};
+  nftables.prints("get element ip lumen forwards { 45.45.45.1 . udp . 8080 }",
+                  " counter packets 1 bytes 2 ");
+  EXPECT_EQ(sets(setRequest(id, "192.168.88.10", 81)), "");
+  passes(100);
+  flows.finishSweep();
+  ASSERT_EQ(flows.flows.size(), 1U);
+  EXPECT_EQ(flows.flows[0].responder.port, 81);
+}
+
+TEST_F(FlowCleanerTest, EndsFlowsWhenAPortIsDisabledOrClosedOrItsOwnerEnds) {
+  uint32_t disabled = opens({.protocol = "udp", .port = 5000});
+  uint32_t closed = opens({.protocol = "udp", .port = 5001});
+  opens({.protocol = "udp", .port = 5002});
+  sweepRuns();
+  flows.flows = {udp(5000, "192.168.88.10", 80), udp(5001, "192.168.88.10", 80),
+                 udp(5002, "192.168.88.10", 80)};
+  EXPECT_EQ(sets(setRequest(disabled, "192.168.88.10", 80, true)), "");
+  EXPECT_EQ(closes(closed), "");
+  passes(100);
+  flows.finishSweep();
+  EXPECT_EQ(flows.flows.size(), 1U);
+  rules.connectionEnded(daemon.connection);
+  passes(100);
+  flows.finishSweep();
+  EXPECT_TRUE(flows.flows.empty());
+}
+
+TEST_F(FlowCleanerTest, LeavesTcpConnectionsOpen) {
+  removes(opens({}));
+  passes(1000);
+  EXPECT_TRUE(flows.sweeps.empty());
+}
+
+TEST_F(FlowCleanerTest, SweepsOnceForPortsThatOpenInARow) {
+  for (uint32_t i = 0; i < 2000; ++i) {
+    opens({.protocol = "udp",
+           .port = 2000 + i,
+           .client = i < 1000 ? "192.168.88.10" : "192.168.88.11"});
+  }
+  sweepRuns();
+  ASSERT_EQ(flows.sweeps.size(), 1U);
+  EXPECT_EQ(flows.sweeps[0].size(), 2000U);
+}
+
+TEST_F(FlowCleanerTest, SweepsAtMostTenTimesASecond) {
+  opens({.protocol = "udp", .port = 5000});
+  sweepRuns();
+  opens({.protocol = "udp", .port = 5001});
+  passes(90);
+  EXPECT_FALSE(flows.sweeping());
+  passes(10);
+  EXPECT_TRUE(flows.sweeping());
+}
+
+TEST_F(FlowCleanerTest, SweepsForAtMostATenthOfTheTime) {
+  opens({.protocol = "udp", .port = 5000});
+  sweepRuns(50);
+  opens({.protocol = "udp", .port = 5001});
+  passes(440);
+  EXPECT_FALSE(flows.sweeping());
+  passes(10);
+  EXPECT_TRUE(flows.sweeping());
+}
+
+TEST_F(FlowCleanerTest, KeepsWhatChangesDuringASweepForTheNext) {
+  opens({.protocol = "udp", .port = 5000});
+  passes(0);
+  ASSERT_TRUE(flows.sweeping());
+  opens({.protocol = "udp", .port = 5001});
+  passes(1000);
+  EXPECT_EQ(flows.sweeps.size(), 1U) << "one at a time";
+  flows.finishSweep();
+  passes(9000);
+  ASSERT_EQ(flows.sweeps.size(), 2U);
+  EXPECT_EQ(flows.sweeps[1], std::set<Endpoint>{at("45.45.45.1", 5001)});
+}
+
+}  // namespace
+
+}  // namespace lumen::test

@@ -1,0 +1,303 @@
+#include <dirent.h>
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <chrono>
+#include <functional>
+
+#include "lumen/services/system/LibNftables.h"
+#include "lumen/services/system/NetlinkFlows.h"
+#include "services/nat/NatFixture.h"
+#include "services/nat/WanHost.h"
+
+namespace lumen::test {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+/// The real kernel in a network namespace of the test's own.
+class NatKernelTest : public ::testing::Test {
+ protected:
+  void opensTable() { ASSERT_EQ(map->open(NAT_RULESET_FILE), std::nullopt); }
+
+  /// What another program sees.
+  static std::string seenBySomebodyElse(const std::string& command) {
+    LibNftables other;
+    return other.run(command).text;
+  }
+
+  static bool comesToHold(const std::function<bool()>& condition) {
+    auto limit = std::chrono::steady_clock::now() + 5s;
+    while (!condition()) {
+      if (std::chrono::steady_clock::now() > limit) return false;
+      sched_yield();
+    }
+    return true;
+  }
+
+  FreshNetwork network;
+  std::unique_ptr<LibNftables> nftables = std::make_unique<LibNftables>();
+  std::unique_ptr<NatMap> map = std::make_unique<NatMap>(*nftables);
+  const RuleKey key{.external = {.address = inet_addr("45.45.45.1"), .port = 8080}, .protocol = 6};
+  const Endpoint client{.address = inet_addr("192.168.88.10"), .port = 80};
+};
+
+constexpr const char* listMap = "list map ip lumen forwards";
+
+TEST_F(NatKernelTest, HoldsAnElementForEachOpenPort) {
+  opensTable();
+  EXPECT_EQ(map->add(key, client), std::nullopt);
+  EXPECT_NE(seenBySomebodyElse(listMap).find(
+                "45.45.45.1 . tcp . 8080 counter packets 0 bytes 0 : 192.168.88.10 . 80"),
+            std::string::npos);
+  EXPECT_EQ(map->remove({key}), std::nullopt);
+  EXPECT_EQ(seenBySomebodyElse(listMap).find("45.45.45.1"), std::string::npos);
+}
+
+TEST_F(NatKernelTest, SaysWhyItRefuses) {
+  opensTable();
+  EXPECT_EQ(map->add(key, client), std::nullopt);
+  EXPECT_EQ(map->add(key, {client.address, 81}), "Error: Could not process rule: File exists");
+  EXPECT_EQ(map->remove({key, {key.external, 17}}),
+            "Error: Could not process rule: No such file or directory");
+  EXPECT_NE(seenBySomebodyElse(listMap).find("192.168.88.10 . 80"), std::string::npos)
+      << "the transaction did nothing";
+}
+
+TEST_F(NatKernelTest, KeepsTheCounterOverAChange) {
+  opensTable();
+  ASSERT_TRUE(nftables
+                  ->run("add element ip lumen forwards { 45.45.45.1 . tcp . 8080 counter packets 7 "
+                        "bytes 900 : 192.168.88.10 . 80 }")
+                  .done);
+  EXPECT_EQ(map->change(key, {client.address, 81}), std::nullopt);
+  EXPECT_NE(seenBySomebodyElse(listMap).find(
+                "45.45.45.1 . tcp . 8080 counter packets 7 bytes 900 : 192.168.88.10 . 81"),
+            std::string::npos);
+}
+
+TEST_F(NatKernelTest, KeepsTheTableFromEverybodyElse) {
+  opensTable();
+  EXPECT_EQ(map->add(key, client), std::nullopt);
+  LibNftables other;
+  EXPECT_TRUE(other.run("flush ruleset").done);
+  for (const char* command :
+       {"delete table ip lumen", "flush map ip lumen forwards", "flush chain ip lumen dstnat",
+        "delete element ip lumen forwards { 45.45.45.1 . tcp . 8080 }"}) {
+    EXPECT_FALSE(other.run(command).done) << command;
+  }
+  EXPECT_NE(other.run(listMap).text.find("192.168.88.10 . 80"), std::string::npos);
+  EXPECT_EQ(map->remove({key}), std::nullopt);
+}
+
+TEST_F(NatKernelTest, RefusesASecondTableInTheSameNamespace) {
+  opensTable();
+  LibNftables other;
+  EXPECT_EQ(NatMap(other).open(NAT_RULESET_FILE),
+            "nftables table ip lumen exists already: another lumend runs in this network "
+            "namespace, or somebody else made it");
+}
+
+TEST_F(NatKernelTest, RemovesTheTableAtItsEnd) {
+  opensTable();
+  EXPECT_EQ(map->add(key, client), std::nullopt);
+  nftables.reset();
+  EXPECT_TRUE(comesToHold([] { return seenBySomebodyElse("list tables ip").empty(); }));
+}
+
+TEST_F(NatKernelTest, RemovesTheTableWhenItsProcessIsKilled) {
+  nftables.reset();
+  pid_t child = fork();
+  if (child == 0) {
+    LibNftables childs;
+    if (NatMap(childs).open(NAT_RULESET_FILE)) _exit(1);
+    for (;;) pause();
+  }
+  EXPECT_TRUE(
+      comesToHold([] { return seenBySomebodyElse("list tables ip") == "table ip lumen\n"; }));
+  kill(child, SIGKILL);
+  waitpid(child, nullptr, 0);
+  EXPECT_TRUE(comesToHold([] { return seenBySomebodyElse("list tables ip").empty(); }));
+}
+
+TEST_F(NatKernelTest, KeepsItsSocketFromChildren) {
+  int sockets = 0;
+  for (int fd = 3; fd < 1024; ++fd) {
+    int protocol = -1;
+    socklen_t size = sizeof protocol;
+    if (getsockopt(fd, SOL_SOCKET, SO_PROTOCOL, &protocol, &size) != 0) continue;
+    ++sockets;
+    EXPECT_EQ(fcntl(fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+  }
+  EXPECT_EQ(sockets, 1);
+}
+
+TEST_F(NatKernelTest, SaysWhatIsWrongWithTheRulesetFile) {
+  TemporaryDirectory directory;
+  std::string missing = directory.path() + "/missing.nft";
+  std::string error = map->open(missing).value_or("");
+  EXPECT_NE(error.find("Could not open file \"" + missing + "\": No such file or directory"),
+            std::string::npos)
+      << error;
+  std::string broken =
+      directory.file("broken.nft", "table ip lumen {\n\tflags owner\n\tmop x\n}\n");
+  error = map->open(broken).value_or("");
+  EXPECT_NE(error.find(broken + ":3:2-4: Error: syntax error"), std::string::npos) << error;
+  std::string unowned = directory.file("unowned.nft", "table ip lumen { }\n");
+  EXPECT_EQ(map->open(unowned),
+            "the NAT ruleset " + unowned + " does not make a table ip lumen with \"flags owner\"");
+  EXPECT_EQ(seenBySomebodyElse("list tables ip"), "");
+  opensTable();
+}
+
+TEST_F(NatKernelTest, ChangesCostTheSameWith5000Elements) {
+  opensTable();
+  // The fastest of a hundred, so that another program's work does not count.
+  auto fastestAdd = [this](uint16_t first) {
+    auto fastest = std::chrono::nanoseconds::max();
+    for (uint16_t port = first; port < first + 100; ++port) {
+      RuleKey one{.external = {.address = key.external.address, .port = port}, .protocol = 17};
+      auto begin = std::chrono::steady_clock::now();
+      EXPECT_EQ(map->add(one, client), std::nullopt);
+      fastest =
+          std::min<std::chrono::nanoseconds>(fastest, std::chrono::steady_clock::now() - begin);
+    }
+    return fastest;
+  };
+  auto early = fastestAdd(10000);
+  std::string most = "add element ip lumen forwards { ";
+  for (int port = 10100; port < 14900; ++port) {
+    most += "45.45.45.1 . udp . " + std::to_string(port) + " : 192.168.88.10 . 80, ";
+  }
+  ASSERT_TRUE(nftables->run(most + " }").done);
+  auto late = fastestAdd(14900);
+  RecordProperty("first_ns", std::to_string(early.count()));
+  RecordProperty("last_ns", std::to_string(late.count()));
+  EXPECT_LT(late, 2 * early);
+
+  std::vector<RuleKey> all;
+  for (uint16_t port = 10000; port < 15000; ++port) {
+    all.push_back({.external = {.address = key.external.address, .port = port}, .protocol = 17});
+  }
+  EXPECT_EQ(map->remove(all), std::nullopt) << "in one transaction";
+  EXPECT_EQ(seenBySomebodyElse(listMap).find("45.45.45.1"), std::string::npos);
+}
+
+/// Real packets from a host on the WAN side.
+class NatFlowsTest : public NatKernelTest, private FlowCleaner::OpenPorts {
+ protected:
+  NatFlowsTest() { opensTable(); }
+
+  void opens(uint16_t port) {
+    EXPECT_EQ(map->add(udpKey(port), client), std::nullopt);
+    open.insert(port);
+    cleaner.changed(udpKey(port).external);
+  }
+  void closes(uint16_t port) {
+    EXPECT_EQ(map->remove({udpKey(port)}), std::nullopt);
+    open.erase(port);
+    cleaner.changed(udpKey(port).external);
+  }
+  static void knocks(const lm::Fd& socket) {
+    // The error of an earlier packet that nobody took.
+    int error = 0;
+    socklen_t size = sizeof error;
+    getsockopt(socket.get(), SOL_SOCKET, SO_ERROR, &error, &size);
+    EXPECT_EQ(send(socket.get(), "x", 1, 0), 1);
+  }
+  /// The flows from this host's ports, in order, whose destination is translated.
+  int translated() {
+    int count = 0;
+    EXPECT_TRUE(flows.visitTranslated([&](const Flow& flow) {
+      EXPECT_EQ(flow.responder, client);
+      ++count;
+    }));
+    return count;
+  }
+  bool turnsUntil(const std::function<bool()>& condition) {
+    return comesToHold([&] {
+      loop.turn(10);
+      return condition();
+    });
+  }
+  static RuleKey udpKey(uint16_t port) {
+    return {.external = {.address = inet_addr("45.45.45.1"), .port = port}, .protocol = 17};
+  }
+
+  std::set<uint16_t> open;
+  WanHost host;
+  lm::SystemClock clock;
+  lm::EventLoop loop{clock};
+  NetlinkFlows flows;
+  FlowCleaner cleaner{flows, *this, clock};
+
+ private:
+  [[nodiscard]] std::optional<Endpoint> udpClient(const Endpoint& external) const override {
+    if (!open.contains(external.port)) return std::nullopt;
+    return client;
+  }
+};
+
+TEST_F(NatFlowsTest, FreesAFlowThatWasStuckAndEndsItWhenThePortIsClosed) {
+  lm::Fd socket = host.udpSocket(4000, 8080);
+  lm::Fd neighbour = host.udpSocket(4001, 8081);
+  knocks(socket);
+  knocks(neighbour);
+  EXPECT_EQ(translated(), 0);
+
+  opens(8080);
+  opens(8081);
+  EXPECT_TRUE(turnsUntil([&] {
+    knocks(socket);
+    knocks(neighbour);
+    return translated() == 2;
+  }));
+
+  closes(8080);
+  EXPECT_TRUE(turnsUntil([&] { return translated() == 1; })) << "the other port's flow stays";
+  knocks(socket);
+  knocks(neighbour);
+  EXPECT_EQ(translated(), 1);
+}
+
+TEST_F(NatFlowsTest, CountsTheFirstPacketOfEachFlow) {
+  opens(8080);
+  for (uint16_t port = 4000; port < 4003; ++port) knocks(host.udpSocket(port, 8080));
+  EXPECT_TRUE(comesToHold([&] { return translated() == 3; }));
+  EXPECT_EQ(map->change(udpKey(8080), client), std::nullopt);
+  std::string seen = seenBySomebodyElse(listMap);
+  EXPECT_NE(seen.find("45.45.45.1 . udp . 8080 counter packets 3 "), std::string::npos) << seen;
+}
+
+TEST_F(NatFlowsTest, EndsManyFlowsOfManyPorts) {
+  std::vector<lm::Fd> sockets;
+  for (uint16_t port = 5000; port < 5010; ++port) {
+    opens(port);
+    for (uint16_t from = 0; from < 50; ++from) {
+      sockets.push_back(
+          host.udpSocket(static_cast<uint16_t>(20000 + 100 * (port - 5000) + from), port));
+      knocks(sockets.back());
+    }
+  }
+  EXPECT_TRUE(turnsUntil([&] {
+    for (const lm::Fd& socket : sockets) knocks(socket);
+    return translated() == 500;
+  })) << translated();
+  for (uint16_t port = 5000; port < 5009; ++port) closes(port);
+  EXPECT_TRUE(turnsUntil([&] { return translated() == 50; }));
+}
+
+TEST_F(NatFlowsTest, LeavesASweepThatIsUnderWayBehindAtItsEnd) {
+  class Nobody : public Flows::Sweeper {
+    bool ends(const Flow&) override { return false; }
+    void swept() override { ADD_FAILURE(); }
+  } nobody;
+  NetlinkFlows shortLived;
+  shortLived.sweepUdp({udpKey(8080).external}, nobody);
+}
+
+}  // namespace
+
+}  // namespace lumen::test

@@ -1,0 +1,172 @@
+#pragma once
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "lumen/runtime/EventLoop.h"
+#include "lumen/services/nat/NatKeys.h"
+#include "lumen/services/nat/NatRules.h"
+#include "platform/Keys.h"
+#include "services/nat/FakeKernel.h"
+#include "support/Describe.h"
+#include "support/ManualClock.h"
+
+namespace lumen::test {
+
+/// A directory that goes with its holder.
+class TemporaryDirectory {
+ public:
+  TemporaryDirectory() {
+    std::string pattern = std::filesystem::temp_directory_path() / "nat-XXXXXX";
+    path_ = mkdtemp(pattern.data());
+  }
+  TemporaryDirectory(const TemporaryDirectory&) = delete;
+  TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+  ~TemporaryDirectory() { std::filesystem::remove_all(path_); }
+
+  [[nodiscard]] std::string path() const { return path_; }
+  [[nodiscard]] std::string file(const std::string& name, const std::string& content) const {
+    std::ofstream(path_ + "/" + name) << content;
+    return path_ + "/" + name;
+  }
+
+ private:
+  std::string path_;
+};
+
+/// A port that a program wants open.
+struct Port {
+  const char* protocol = "tcp";
+  uint32_t port = 8080;
+  const char* client = "192.168.88.10";
+  uint32_t clientPort = 80;
+  bool disabled = false;
+  const char* external = "45.45.45.1";
+};
+
+/// The request for it, field by field as the gateway daemon sends it.
+inline lm::message addRequest(const Port& port) {
+  lm::message request;
+  request.insert_u32_array(lm::key::destination, {20, 5});
+  request.insert_bool(0xfe0007, true);
+  request.insert_bool(0xfe000a, port.disabled);
+  request.insert_string(0x27, "dstnat");
+  request.insert_bool(0x1a3, true);
+  request.insert_be32(0x34, inet_addr(port.external));
+  request.insert_be32(0x35, inet_addr(port.external));
+  request.insert_bool(0x196, true);
+  request.insert_u32(9, port.port);
+  request.insert_u32(10, port.port);
+  request.insert_bool(0x194, true);
+  request.insert_u32(11, std::string(port.protocol) == "tcp" ? 6 : 17);
+  request.insert_u32(0x28, 22);
+  request.insert_bool(0x3ee, true);
+  request.insert_be32(0x3e8, inet_addr(port.client));
+  request.insert_be32(0x3e9, inet_addr(port.client));
+  request.insert_bool(0x3ef, true);
+  request.insert_u32(0x3ea, port.clientPort);
+  request.insert_u32(0x3eb, port.clientPort);
+  return request;
+}
+
+/// The change of a rule, as the gateway daemon sends it.
+inline lm::message setRequest(uint32_t id, const char* client, uint32_t clientPort,
+                              bool disabled = false) {
+  lm::message request;
+  request.insert_u32_array(lm::key::destination, {20, 5});
+  request.insert_u32(0xfe0001, id);
+  request.insert_bool(0xfe000a, disabled);
+  request.insert_be32(0x3e8, inet_addr(client));
+  request.insert_be32(0x3e9, inet_addr(client));
+  request.insert_u32(0x3ea, clientPort);
+  request.insert_u32(0x3eb, clientPort);
+  return request;
+}
+
+inline lm::message idOnly(uint32_t id) {
+  lm::message request;
+  request.insert_u32(0xfe0001, id);
+  return request;
+}
+
+/// The whole table on a recorded kernel and a clock that stands still.
+class NatFixture : public ::testing::Test {
+ protected:
+  NatFixture() { EXPECT_EQ(policies.load(), std::nullopt); }
+
+  // What the daemon does.
+
+  uint32_t opens(const Port& port) { return opensAs(daemon, port); }
+  uint32_t opensAs(const Caller& caller, const Port& port) {
+    lm::message reply = rules.handle(caller, lm::cmd::addObject, addRequest(port));
+    EXPECT_EQ(lm::getError(reply), "");
+    return reply.get_u32(lm::key::objectId);
+  }
+  std::string refusedToOpen(const Port& port) { return refused(addRequest(port)); }
+  std::string refused(const lm::message& request) {
+    lm::message reply = rules.handle(daemon, lm::cmd::addObject, request);
+    EXPECT_TRUE(lm::isError(reply));
+    EXPECT_EQ(reply.get_u32(lm::key::errorCode), lm::isError(reply) ? 0xfe0009U : 0U);
+    return lm::getError(reply);
+  }
+  std::string sets(const lm::message& request) { return asks(daemon, lm::cmd::setObject, request); }
+  std::string removes(uint32_t id) { return asks(daemon, lm::cmd::removeObject, idOnly(id)); }
+
+  // What the administrator does.
+
+  std::string closes(uint32_t id) { return asks(admin, lm::cmd::setObject, closeRequest(id)); }
+  std::vector<lm::message> lists() {
+    std::vector<lm::message> all;
+    lm::message request;
+    for (;;) {
+      lm::message page = rules.handle(admin, lm::cmd::list, request);
+      EXPECT_EQ(lm::getError(page), "");
+      for (const lm::message& one : page.get_message_array_ref(lm::key::records)) {
+        all.push_back(one);
+      }
+      uint32_t cursor = page.get_u32(lm::key::cursor, lm::none);
+      if (cursor == lm::none) return all;
+      request.insert_u32(lm::key::cursor, cursor);
+    }
+  }
+
+  /// The text of the error, empty when there is none.
+  std::string asks(const Caller& caller, uint32_t command, const lm::message& request) {
+    return lm::getError(rules.handle(caller, command, request));
+  }
+  static lm::message closeRequest(uint32_t id) {
+    lm::message request = idOnly(id);
+    request.insert_bool(nat::key::closed, true);
+    return request;
+  }
+
+  std::vector<std::string> kernelTexts() { return nftables.takeTexts(); }
+
+  void passes(uint64_t milliseconds) {
+    clock.advance(milliseconds);
+    loop.turn(0);
+  }
+
+  Caller daemon{.connection = 7, .service = 40, .name = "upnp", .administrator = false};
+  Caller stranger{.connection = 8, .service = 0, .name = "", .administrator = false};
+  Caller admin{.connection = 9, .service = 0, .name = "", .administrator = true};
+
+  lm::test::ManualClock clock;
+  lm::EventLoop loop{clock};
+  FakeNftables nftables;
+  FakeFlows flows;
+  FakeNetworks networks;
+  TemporaryDirectory directory;
+  PolicyBook policies{directory.path() + "/nat-policy", directory.path()};
+  NatMap map{nftables};
+  NatRules rules{map, flows, networks, policies, clock};
+};
+
+using Texts = std::vector<std::string>;
+
+}  // namespace lumen::test

@@ -1,0 +1,104 @@
+#include "services/nat/NatFixture.h"
+#include "support/TestPlatform.h"
+
+namespace lumen::test {
+
+namespace {
+
+using NatListTest = NatFixture;
+
+Endpoint at(const char* address, uint16_t port) { return {inet_addr(address), port}; }
+
+Flow flow(uint8_t protocol, uint16_t port) {
+  return {.protocol = protocol,
+          .destination = at("45.45.45.1", port),
+          .responder = at("192.168.88.10", 80)};
+}
+
+TEST_F(NatListTest, ListsTheFieldsOfTheAddRequestThenTheOthers) {
+  opens({});
+  clock.advance(61'999);
+  flows.flows = {flow(6, 8080), flow(6, 8080), flow(17, 8080), flow(6, 9999)};
+  lm::message expected = lm::test::contentOf(addRequest({}));
+  expected.insert_u32(0xfe0001, 1);
+  expected.insert_string(0x20010020, "upnp");
+  expected.insert_u64(0x10010021, 61);
+  expected.insert_u64(0x10010022, 2);
+  expected.insert_bool(0x10023, false);
+  expected.insert_bool(0x10024, false);
+  auto records = lists();
+  ASSERT_EQ(records.size(), 1U);
+  EXPECT_EQ(records[0], expected);
+  EXPECT_EQ(rules.handle(admin, lm::cmd::readObject, idOnly(1)), expected);
+}
+
+TEST_F(NatListTest, NamesTheAdministratorAsOwner) {
+  opensAs(admin, {});
+  EXPECT_EQ(lists()[0].get_string(nat::key::owner), "administrator");
+}
+
+TEST_F(NatListTest, MarksARuleWhoseAddressHasLeftTheRouter) {
+  opens({});
+  kernelTexts();
+  networks.addresses = {{inet_addr("45.45.45.2"), 1}};
+  opens({.external = "45.45.45.2"});
+  auto records = lists();
+  ASSERT_EQ(records.size(), 2U);
+  EXPECT_TRUE(records[0].get_bool(nat::key::stale));
+  EXPECT_FALSE(records[1].get_bool(nat::key::stale));
+  EXPECT_EQ(kernelTexts().size(), 1U) << "the old one stays in the kernel";
+  networks.addresses = {{inet_addr("45.45.45.1"), 1}};
+  EXPECT_FALSE(lists()[0].get_bool(nat::key::stale));
+}
+
+TEST_F(NatListTest, ListsInRisingOrderOfIdBy64AndCountsTheConnectionsOnce) {
+  for (uint32_t i = 0; i < 130; ++i) opens({.port = 2000 + i});
+  flows.flows = {flow(6, 2129)};
+  lm::message request;
+  lm::message page = rules.handle(admin, lm::cmd::readAll, request);
+  EXPECT_EQ(page.size_message_array(lm::key::records), 64U);
+  EXPECT_EQ(page.get_u32(lm::key::cursor), 64U);
+  request.insert_u32(lm::key::cursor, 64);
+  page = rules.handle(admin, lm::cmd::readAll, request);
+  EXPECT_EQ(page.get_u32(lm::key::cursor), 128U);
+  request.insert_u32(lm::key::cursor, 128);
+  page = rules.handle(admin, lm::cmd::readAll, request);
+  ASSERT_EQ(page.size_message_array(lm::key::records), 2U);
+  EXPECT_EQ(page.get_u32(lm::key::cursor, lm::none), lm::none);
+  EXPECT_EQ(page.get_message_array_ref(lm::key::records)[1].get_u64(nat::key::connections), 1U);
+  EXPECT_EQ(flows.visits, 1);
+
+  EXPECT_EQ(lists().size(), 130U);
+  EXPECT_EQ(flows.visits, 2) << "a new listing counts anew";
+}
+
+TEST_F(NatListTest, CountsForEachOfTwoReadersThatPageAtOnce) {
+  for (uint32_t i = 0; i < 100; ++i) opens({.port = 2000 + i});
+  Caller other = admin;
+  other.connection = 10;
+  flows.flows = {flow(6, 2099)};
+  lm::message second;
+  second.insert_u32(lm::key::cursor, 64);
+  static_cast<void>(rules.handle(admin, lm::cmd::list, {}));
+  static_cast<void>(rules.handle(other, lm::cmd::list, {}));
+  lm::message page = rules.handle(admin, lm::cmd::list, second);
+  EXPECT_EQ(page.get_message_array_ref(lm::key::records).back().get_u64(nat::key::connections), 1U);
+}
+
+TEST_F(NatListTest, ReadsNoFlowsForAnEmptyTable) {
+  EXPECT_TRUE(lists().empty());
+  EXPECT_EQ(flows.visits, 0);
+}
+
+TEST_F(NatListTest, TakesACursorThatNobodyGaveOut) {
+  opens({});
+  lm::message request;
+  request.insert_u32(lm::key::cursor, 0xFFFFFFFE);
+  lm::message page = rules.handle(admin, lm::cmd::list, request);
+  EXPECT_EQ(page.size_message_array(lm::key::records), 0U);
+  EXPECT_EQ(page.get_u32(lm::key::cursor, lm::none), lm::none);
+}
+
+}  // namespace
+
+}  // namespace lumen::test

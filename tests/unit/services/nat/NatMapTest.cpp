@@ -1,0 +1,95 @@
+#include <netinet/in.h>
+
+#include "lumen/services/nat/NatMap.h"
+#include "services/nat/NatFixture.h"
+
+namespace lumen::test {
+
+namespace {
+
+constexpr const char* ownTable =
+    "table ip lumen { # progname lumend\n"
+    "\tflags owner\n"
+    "\n"
+    "\tmap forwards {\n"
+    "\t\ttype ipv4_addr . inet_proto . inet_service : ipv4_addr . inet_service\n"
+    "\t\tcounter\n"
+    "\t}\n"
+    "\n"
+    "\tchain dstnat {\n"
+    "\t\ttype nat hook prerouting priority dstnat; policy accept;\n"
+    "\t\tdnat ip to ip daddr . meta l4proto . th dport map @forwards\n"
+    "\t}\n"
+    "}\n";
+
+class NatMapTest : public ::testing::Test {
+ protected:
+  FakeNftables nftables;
+  NatMap map{nftables};
+};
+
+TEST_F(NatMapTest, LoadsTheRulesetOnceItIsSureThatNobodyElseHasTheTable) {
+  nftables.prints("list tables ip", "table ip lumen2\ntable ip filter\n");
+  nftables.prints("list table ip lumen", ownTable);
+  EXPECT_EQ(map.open("/r.nft"), std::nullopt);
+  EXPECT_EQ(nftables.texts, (Texts{"list tables ip", "file /r.nft", "list table ip lumen"}));
+}
+
+TEST_F(NatMapTest, RefusesToShareTheTable) {
+  nftables.prints("list tables ip", "table ip filter\ntable ip lumen\n");
+  EXPECT_EQ(map.open("/r.nft"),
+            "nftables table ip lumen exists already: another lumend runs in this network "
+            "namespace, or somebody else made it");
+  EXPECT_EQ(nftables.texts, Texts{"list tables ip"});
+}
+
+TEST_F(NatMapTest, SaysWhyItCannotStart) {
+  nftables.refuses("list tables ip", "Error: Operation not permitted\n");
+  EXPECT_EQ(map.open("/r.nft"), "cannot read the nftables tables: Error: Operation not permitted");
+  nftables.prints("list tables ip", "");
+  nftables.refuses("file /r.nft", "/r.nft:3:1-5: Error: syntax error\nmap x\n^^^\n");
+  EXPECT_EQ(map.open("/r.nft"),
+            "cannot load the NAT ruleset /r.nft (it needs Linux 5.12 or later): /r.nft:3:1-5: "
+            "Error: syntax error");
+}
+
+TEST_F(NatMapTest, LeavesNoTableBehindThatIsNotWhatItNeeds) {
+  struct Row {
+    std::string part;
+    std::string words;
+  };
+  const Row rows[] = {
+      {"\tflags owner\n", "flags owner"},
+      {"\tmap forwards {\n", "map forwards {"},
+      {"ipv4_addr . inet_service\n",
+       "type ipv4_addr . inet_proto . inet_service : ipv4_addr . "
+       "inet_service"},
+      {"\t\tcounter\n", "counter"},
+      {" map @forwards\n", "map @forwards"},
+  };
+  for (const Row& row : rows) {
+    std::string table = ownTable;
+    table.erase(table.find(row.part), row.part.size());
+    nftables.prints("list table ip lumen", table);
+    EXPECT_EQ(map.open("/r.nft"),
+              "the NAT ruleset /r.nft does not make a table ip lumen with \"" + row.words + "\"");
+    EXPECT_EQ(nftables.texts.back(), "delete table ip lumen");
+  }
+}
+
+TEST_F(NatMapTest, WritesAddressesAndPortsAsNumbers) {
+  RuleKey key{.external = {.address = inet_addr("1.2.3.255"), .port = 65535},
+              .protocol = IPPROTO_UDP};
+  EXPECT_EQ(map.add(key, {inet_addr("10.20.30.40"), 1}), std::nullopt);
+  EXPECT_EQ(nftables.texts, Texts{"add element ip lumen forwards "
+                                  "{ 1.2.3.255 . udp . 65535 : 10.20.30.40 . 1 }"});
+}
+
+TEST_F(NatMapTest, AsksTheKernelForNothingWhenThereIsNothingToRemove) {
+  EXPECT_EQ(map.remove({}), std::nullopt);
+  EXPECT_EQ(nftables.texts, Texts{});
+}
+
+}  // namespace
+
+}  // namespace lumen::test

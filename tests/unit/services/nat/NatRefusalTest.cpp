@@ -1,0 +1,215 @@
+#include <functional>
+#include <random>
+
+#include "lumen/runtime/Codec.h"
+#include "services/nat/NatFixture.h"
+
+namespace lumen::test {
+
+namespace {
+
+using NatRefusalTest = NatFixture;
+
+TEST_F(NatRefusalTest, SaysWhatIsWrongWithARequest) {
+  struct Row {
+    std::function<void(lm::message&)> spoil;
+    const char* refusal;
+  };
+  using M = lm::message;
+  const Row rows[] = {
+      {[](M& m) { m.insert_bool(0xfe0007, false); }, "only dynamic rules are kept"},
+      {[](M& m) { m.insert_string(0x27, "srcnat"); }, "chain must be \"dstnat\""},
+      {[](M& m) { m.insert_string(0x27, ""); }, "chain must be \"dstnat\""},
+      {[](M& m) { m.insert_u32(0x28, 21); }, "action must be 22"},
+      {[](M& m) { m.insert_bool(0x1a3, false); }, "the external address must be matched"},
+      {[](M& m) { m.insert_bool(0x196, false); }, "the external port must be matched"},
+      {[](M& m) { m.insert_bool(0x194, false); }, "the protocol must be matched"},
+      {[](M& m) { m.insert_bool(0x3ee, false); }, "the address must be translated"},
+      {[](M& m) { m.insert_bool(0x3ef, false); }, "the port must be translated"},
+      {[](M& m) { m.insert_be32(0x35, inet_addr("45.45.45.2")); },
+       "external address must be one, not a range"},
+      {[](M& m) { m.insert_u32(10, 8081); }, "external port must be one, not a range"},
+      {[](M& m) { m.insert_be32(0x3e9, inet_addr("192.168.88.11")); },
+       "internal client must be one, not a range"},
+      {[](M& m) { m.insert_u32(0x3eb, 81); }, "internal port must be one, not a range"},
+      {[](M& m) { m.insert_u32(11, 1); }, "protocol must be 6 (TCP) or 17 (UDP)"},
+      {[](M& m) { m.insert_u32(11, 256 + 6); }, "protocol must be 6 (TCP) or 17 (UDP)"},
+      {[](M& m) {
+         m.insert_u32(9, 0);
+         m.insert_u32(10, 0);
+       },
+       "external port must be from 1 to 65535"},
+      {[](M& m) {
+         m.insert_u32(9, 65536 + 8080);
+         m.insert_u32(10, 65536 + 8080);
+       },
+       "external port must be from 1 to 65535"},
+      {[](M& m) {
+         m.insert_u32(0x3ea, 0);
+         m.insert_u32(0x3eb, 0);
+       },
+       "internal port must be from 1 to 65535"},
+      {[](M& m) {
+         m.insert_u32(0x3ea, 65536);
+         m.insert_u32(0x3eb, 65536);
+       },
+       "internal port must be from 1 to 65535"},
+      {[](M& m) { m.insert_be32(0x30, inet_addr("45.45.45.9")); },
+       "field 0x08000030 is not known here"},
+      {[](M& m) { m.insert_u64(9, 8080); }, "field 0x10000009 is not known here"},
+      {[](M& m) { m.insert_u32(0xfe0001, 5); }, "field 0x08fe0001 is not known here"},
+  };
+  for (const Row& row : rows) {
+    lm::message request = addRequest({});
+    row.spoil(request);
+    EXPECT_EQ(refused(request), row.refusal);
+  }
+  EXPECT_EQ(refused({}), "chain must be \"dstnat\"");
+  EXPECT_EQ(kernelTexts(), Texts{});
+  EXPECT_TRUE(lists().empty());
+  opens({});
+}
+
+TEST_F(NatRefusalTest, SaysWhatIsWrongWithAPort) {
+  struct Row {
+    Port port;
+    const char* refusal;
+  };
+  const Row rows[] = {
+      {{.external = "45.45.45.2"}, "external address 45.45.45.2 is not one of this router"},
+      {{.external = "0.0.0.0"}, "external address 0.0.0.0 is not one of this router"},
+      {{.port = 1023}, "external port 1023 is not allowed by the policy"},
+      {{.port = 80}, "external port 80 is not allowed by the policy"},
+      {{.client = "255.255.255.255"},
+       "internal client 255.255.255.255 is not the address of a host"},
+      {{.client = "0.0.0.0"}, "internal client 0.0.0.0 is not the address of a host"},
+      {{.client = "127.0.0.1"}, "internal client 127.0.0.1 is not the address of a host"},
+      {{.client = "224.0.0.1"}, "internal client 224.0.0.1 is not the address of a host"},
+      {{.client = "240.0.0.1"}, "internal client 240.0.0.1 is not the address of a host"},
+      {{.client = "192.168.88.1"}, "internal client 192.168.88.1 is this router"},
+      {{.client = "45.45.45.1"}, "internal client 45.45.45.1 is this router"},
+      {{.client = "45.45.45.7"},
+       "internal client 45.45.45.7 is on the side of the external address"},
+      {{.client = "8.8.8.8"},
+       "internal client 8.8.8.8 is not allowed by the policy: it is not directly connected"},
+      {{.client = "192.168.88.255"},
+       "internal client 192.168.88.255 is not allowed by the policy: it is not directly connected"},
+      {{.client = "192.168.88.10", .external = "192.168.88.1"},
+       "internal client 192.168.88.10 is on the side of the external address"},
+  };
+  for (const Row& row : rows) EXPECT_EQ(refusedToOpen(row.port), row.refusal);
+  EXPECT_EQ(kernelTexts(), Texts{});
+}
+
+TEST_F(NatRefusalTest, TakesTheFirstAndTheLastPort) {
+  opens({.port = 1024, .clientPort = 1});
+  opens({.port = 65535, .clientPort = 65535});
+}
+
+TEST_F(NatRefusalTest, RefusesAKeyThatIsInUseEnabledOrDisabled) {
+  opens({});
+  opens({.port = 8081, .disabled = true});
+  EXPECT_EQ(refusedToOpen({}), "tcp port 8080 of 45.45.45.1 is already in use");
+  EXPECT_EQ(refusedToOpen({.disabled = true}), "tcp port 8080 of 45.45.45.1 is already in use");
+  EXPECT_EQ(refusedToOpen({.port = 8081, .client = "192.168.88.11"}),
+            "tcp port 8081 of 45.45.45.1 is already in use");
+}
+
+TEST_F(NatRefusalTest, ChecksAChangeAgainstThePolicy) {
+  uint32_t id = opens({});
+  kernelTexts();
+  struct Row {
+    lm::message request;
+    const char* refusal;
+  };
+  lm::message halfAddress = idOnly(id);
+  halfAddress.insert_be32(0x3e8, 0);
+  lm::message halfPort = idOnly(id);
+  halfPort.insert_u32(0x3eb, 80);
+  lm::message otherKey = setRequest(id, "192.168.88.10", 80);
+  otherKey.insert_u32(9, 9000);
+  const Row rows[] = {
+      {setRequest(id, "8.8.8.8", 80),
+       "internal client 8.8.8.8 is not allowed by the policy: it is not directly connected"},
+      {setRequest(id, "192.168.88.1", 80), "internal client 192.168.88.1 is this router"},
+      {setRequest(id, "192.168.88.10", 0), "internal port must be from 1 to 65535"},
+      {setRequest(id, "192.168.88.10", 65536), "internal port must be from 1 to 65535"},
+      {halfAddress, "internal client must be one, not a range"},
+      {halfPort, "internal port must be one, not a range"},
+      {otherKey, "field 0x08000009 is not known here"},
+  };
+  for (const Row& row : rows) EXPECT_EQ(sets(row.request), row.refusal);
+  EXPECT_EQ(kernelTexts(), Texts{});
+}
+
+TEST_F(NatRefusalTest, ChangesAStaleRule) {
+  uint32_t id = opens({.disabled = true});
+  networks.addresses.erase(inet_addr("45.45.45.1"));
+  EXPECT_EQ(sets(setRequest(id, "192.168.88.11", 81)), "");
+}
+
+TEST_F(NatRefusalTest, HoldsTheLimits) {
+  lm::message policy;
+  policy.insert_u32(nat::key::maxRules, 4);
+  policy.insert_u32(nat::key::maxRulesPerClient, 2);
+  ASSERT_EQ(asks(admin, lm::cmd::set, policy), "");
+  opens({.port = 5000});
+  opens({.port = 5001, .disabled = true});
+  EXPECT_EQ(refusedToOpen({.port = 5002}),
+            "internal client 192.168.88.10 has all the rules that the policy allows it, 2");
+  uint32_t other = opens({.port = 5003, .client = "192.168.88.11", .disabled = true});
+  EXPECT_EQ(sets(setRequest(other, "192.168.88.10", 80, true)),
+            "internal client 192.168.88.10 has all the rules that the policy allows it, 2");
+  EXPECT_EQ(sets(setRequest(1, "192.168.88.10", 80)), "") << "its client stays the same";
+  opens({.port = 5004, .client = "192.168.88.11"});
+  EXPECT_EQ(refusedToOpen({.port = 5005, .client = "192.168.88.12"}),
+            "there are 4 rules already, the policy allows 4");
+  EXPECT_EQ(removes(1), "");
+  opens({.port = 5005});
+}
+
+TEST_F(NatRefusalTest, HoldsTheDefaultLimits) {
+  for (uint32_t i = 0; i < 4096; ++i) {
+    std::string client = "192.168.88." + std::to_string(10 + i / 1024);
+    opens({.port = 2000 + i, .client = client.c_str()});
+    if (i == 1023) {
+      EXPECT_EQ(refusedToOpen({.port = 60000}),
+                "internal client 192.168.88.10 has all the rules that the policy allows it, 1024");
+    }
+  }
+  EXPECT_EQ(refusedToOpen({.port = 60000, .client = "192.168.88.20"}),
+            "there are 4096 rules already, the policy allows 4096");
+}
+
+/// Whatever comes, the texts for the kernel are made of checked numbers only.
+TEST_F(NatRefusalTest, SurvivesRandomRequests) {
+  std::mt19937 random(20260);
+  const std::string good = lm::encode(addRequest({}));
+  const uint32_t commands[] = {lm::cmd::list,    lm::cmd::readObject, lm::cmd::setObject,
+                               lm::cmd::readAll, lm::cmd::addObject,  lm::cmd::removeObject,
+                               lm::cmd::get,     lm::cmd::set,        77};
+  int decoded = 0;
+  for (int i = 0; i < 20000; ++i) {
+    std::string bytes = good;
+    for (uint32_t flips = random() % 4; flips > 0; --flips) {
+      bytes[random() % bytes.size()] = static_cast<char>(random());
+    }
+    if (random() % 4 == 0) bytes.resize(random() % bytes.size());
+    std::string reason;
+    auto request = lm::decode(bytes, reason);
+    if (!request) continue;
+    ++decoded;
+    const Caller& caller = random() % 2 == 0 ? daemon : admin;
+    static_cast<void>(rules.handle(caller, commands[random() % std::size(commands)], *request));
+  }
+  EXPECT_GT(decoded, 1000);
+  for (const std::string& text : nftables.texts) {
+    EXPECT_EQ(text.find_first_not_of("abcdefghijklmnopqrstuvwxyz0123456789.,:{} \n"),
+              std::string::npos)
+        << text;
+  }
+}
+
+}  // namespace
+
+}  // namespace lumen::test

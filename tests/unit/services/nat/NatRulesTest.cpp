@@ -1,0 +1,257 @@
+#include "lumen/services/nat/NatRules.h"
+#include "services/nat/NatFixture.h"
+
+namespace lumen::test {
+
+namespace {
+
+using NatRulesTest = NatFixture;
+
+constexpr const char* getTcp = "get element ip lumen forwards { 45.45.45.1 . tcp . 8080 }";
+
+TEST_F(NatRulesTest, PutsAnOpenedPortIntoTheKernelAsOneElement) {
+  EXPECT_EQ(opens({}), 1U);
+  EXPECT_EQ(kernelTexts(), Texts{"add element ip lumen forwards "
+                                 "{ 45.45.45.1 . tcp . 8080 : 192.168.88.10 . 80 }"});
+}
+
+TEST_F(NatRulesTest, KeepsTcpAndUdpOfAPortApart) {
+  EXPECT_EQ(opens({}), 1U);
+  EXPECT_EQ(opens({.protocol = "udp"}), 2U);
+  EXPECT_EQ(kernelTexts().back(),
+            "add element ip lumen forwards "
+            "{ 45.45.45.1 . udp . 8080 : 192.168.88.10 . 80 }");
+}
+
+TEST_F(NatRulesTest, KeepsADisabledRuleOutOfTheKernel) {
+  uint32_t id = opens({.disabled = true});
+  EXPECT_EQ(kernelTexts(), Texts{});
+  EXPECT_EQ(removes(id), "");
+  EXPECT_EQ(kernelTexts(), Texts{});
+}
+
+TEST_F(NatRulesTest, EnablesADisabledRule) {
+  uint32_t id = opens({.disabled = true});
+  EXPECT_EQ(sets(setRequest(id, "192.168.88.10", 81)), "");
+  EXPECT_EQ(kernelTexts(), Texts{"add element ip lumen forwards "
+                                 "{ 45.45.45.1 . tcp . 8080 : 192.168.88.10 . 81 }"});
+}
+
+TEST_F(NatRulesTest, DisablesAnEnabledRule) {
+  uint32_t id = opens({});
+  kernelTexts();
+  EXPECT_EQ(sets(setRequest(id, "192.168.88.10", 80, true)), "");
+  EXPECT_EQ(kernelTexts(), Texts{"delete element ip lumen forwards { 45.45.45.1 . tcp . 8080 }"});
+}
+
+TEST_F(NatRulesTest, ChangesARuleInOneTransactionThatKeepsItsCounter) {
+  uint32_t id = opens({});
+  kernelTexts();
+  nftables.prints(getTcp,
+                  "table ip lumen {\n\tmap forwards {\n\t\telements = { 45.45.45.1 . tcp "
+                  ". 8080 counter packets 7 bytes 900 : 192.168.88.10 . 80 }\n\t}\n}\n");
+  EXPECT_EQ(sets(setRequest(id, "192.168.88.10", 81)), "");
+  EXPECT_EQ(kernelTexts(), (Texts{getTcp,
+                                  "delete element ip lumen forwards { 45.45.45.1 . tcp . 8080 }\n"
+                                  "add element ip lumen forwards { 45.45.45.1 . tcp . 8080 counter "
+                                  "packets 7 bytes 900 : 192.168.88.10 . 81 }"}));
+  EXPECT_EQ(lists()[0].get_u32(nat::key::clientPortFirst), 81U);
+}
+
+TEST_F(NatRulesTest, LeavesTheKernelAloneWhenASetChangesNothing) {
+  uint32_t id = opens({});
+  kernelTexts();
+  EXPECT_EQ(sets(setRequest(id, "192.168.88.10", 80)), "");
+  EXPECT_EQ(kernelTexts(), Texts{});
+}
+
+TEST_F(NatRulesTest, KeepsTheFieldsThatASetDoesNotHave) {
+  uint32_t id = opens({.disabled = true});
+  lm::message onlyPort = idOnly(id);
+  onlyPort.insert_u32(0x3ea, 81);
+  onlyPort.insert_u32(0x3eb, 81);
+  EXPECT_EQ(sets(onlyPort), "");
+  lm::message record = lists()[0];
+  EXPECT_EQ(record.get_u32(nat::key::clientPortFirst), 81U);
+  EXPECT_EQ(record.get_be32(nat::key::clientFirst), inet_addr("192.168.88.10"));
+  EXPECT_TRUE(record.get_bool(lm::key::disabled));
+}
+
+TEST_F(NatRulesTest, RemovesARuleFromTheKernel) {
+  uint32_t id = opens({});
+  kernelTexts();
+  EXPECT_EQ(removes(id), "");
+  EXPECT_EQ(kernelTexts(), Texts{"delete element ip lumen forwards { 45.45.45.1 . tcp . 8080 }"});
+  EXPECT_TRUE(lists().empty());
+}
+
+TEST_F(NatRulesTest, NeverGivesAnIdTwice) {
+  EXPECT_EQ(removes(opens({})), "");
+  EXPECT_EQ(opens({}), 2U);
+}
+
+// A reply that was lost must not leave the daemon with a mapping that it cannot get rid of.
+TEST_F(NatRulesTest, RemovingARuleThatThisConnectionOnceHadSucceeds) {
+  uint32_t id = opens({});
+  EXPECT_EQ(removes(id), "");
+  EXPECT_EQ(removes(id), "");
+  EXPECT_EQ(asks(stranger, lm::cmd::removeObject, idOnly(id)), "no such object");
+  EXPECT_EQ(removes(id + 1), "no such object");
+}
+
+TEST_F(NatRulesTest, RemovingARuleThatTheAdministratorRemovedSucceeds) {
+  uint32_t first = opens({});
+  uint32_t foreign = opensAs(admin, {.port = 8081});
+  uint32_t third = opens({.port = 8082});
+  for (uint32_t id : {first, foreign, third}) {
+    EXPECT_EQ(asks(admin, lm::cmd::removeObject, idOnly(id)), "");
+  }
+  EXPECT_EQ(removes(first), "");
+  EXPECT_EQ(removes(third), "");
+  EXPECT_EQ(removes(foreign), "no such object");
+}
+
+TEST_F(NatRulesTest, RemovesTheRulesOfAConnectionThatEndedInOneTransaction) {
+  opens({});
+  opens({.protocol = "udp", .port = 5000});
+  opens({.port = 5001, .disabled = true});
+  opensAs(admin, {.port = 6000});
+  kernelTexts();
+  rules.connectionEnded(daemon.connection);
+  EXPECT_EQ(kernelTexts(), Texts{"delete element ip lumen forwards "
+                                 "{ 45.45.45.1 . tcp . 8080, 45.45.45.1 . udp . 5000 }"});
+  auto left = lists();
+  ASSERT_EQ(left.size(), 1U);
+  EXPECT_EQ(left[0].get_u32(nat::key::portFirst), 6000U);
+}
+
+TEST_F(NatRulesTest, LeavesTheKernelAloneWhenAConnectionWithoutRulesEnds) {
+  removes(opens({}));
+  kernelTexts();
+  rules.connectionEnded(daemon.connection);
+  rules.connectionEnded(12345);
+  EXPECT_EQ(kernelTexts(), Texts{});
+}
+
+TEST_F(NatRulesTest, RemovesRulesOneByOneWhenTheyDoNotGoTogether) {
+  opens({});
+  opens({.port = 8081});
+  kernelTexts();
+  std::string both =
+      "delete element ip lumen forwards { 45.45.45.1 . tcp . 8080, 45.45.45.1 . tcp . 8081 }";
+  nftables.refuses(both, "Error: Could not process rule: No such file or directory\n");
+  ::testing::internal::CaptureStdout();
+  rules.connectionEnded(daemon.connection);
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(),
+            "nat remove of 2 rules failed: Error: Could not process rule: No such file or "
+            "directory\n");
+  EXPECT_EQ(kernelTexts(),
+            (Texts{both, "delete element ip lumen forwards { 45.45.45.1 . tcp . 8080 }",
+                   "delete element ip lumen forwards { 45.45.45.1 . tcp . 8081 }"}));
+}
+
+TEST_F(NatRulesTest, RefusesWhatTheKernelRefusesAndKeepsNothingOfIt) {
+  nftables.refuses("add element ip lumen forwards { 45.45.45.1 . tcp . 8080 : 192.168.88.10 . 80 }",
+                   "Error: Could not process rule: Cannot allocate memory\nadd element\n^^^\n");
+  ::testing::internal::CaptureStdout();
+  EXPECT_EQ(refusedToOpen({}),
+            "the kernel refused it: Error: Could not process rule: Cannot allocate memory");
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(),
+            "nat add failed: tcp port 8080 of 45.45.45.1: Error: Could not process rule: Cannot "
+            "allocate memory\n");
+  EXPECT_TRUE(lists().empty());
+  opens({.clientPort = 81});
+}
+
+TEST_F(NatRulesTest, KeepsARuleAsItWasWhenTheKernelRefusesItsChange) {
+  uint32_t id = opens({});
+  for (const char* answer : {"", "table ip lumen {}", "x counter packets z bytes 3",
+                             "x counter packets 99999999999999999999999 bytes 3"}) {
+    nftables.prints(getTcp, answer);
+    EXPECT_EQ(sets(setRequest(id, "192.168.88.10", 81)),
+              "the kernel refused it: the element has no counter");
+  }
+  nftables.refuses(getTcp, "Error: gone\n");
+  EXPECT_EQ(sets(setRequest(id, "192.168.88.10", 81)), "the kernel refused it: Error: gone");
+  EXPECT_EQ(lists()[0].get_u32(nat::key::clientPortFirst), 80U);
+}
+
+TEST_F(NatRulesTest, KeepsARuleThatTheKernelDoesNotRemove) {
+  uint32_t id = opens({});
+  std::string text = "delete element ip lumen forwards { 45.45.45.1 . tcp . 8080 }";
+  nftables.refuses(text, "");
+  EXPECT_EQ(removes(id), "the kernel refused it: no reason given");
+  EXPECT_EQ(lists().size(), 1U);
+  nftables.prints(text, "");
+  EXPECT_EQ(removes(id), "");
+}
+
+TEST_F(NatRulesTest, ClosesAPortUntilItsOwnerRemovesIt) {
+  uint32_t id = opens({});
+  kernelTexts();
+  EXPECT_EQ(closes(id), "");
+  EXPECT_EQ(kernelTexts(), Texts{"delete element ip lumen forwards { 45.45.45.1 . tcp . 8080 }"});
+  EXPECT_TRUE(lists()[0].get_bool(nat::key::closed));
+
+  EXPECT_EQ(closes(id), "");
+  EXPECT_EQ(sets(setRequest(id, "192.168.88.10", 81)), "");
+  EXPECT_EQ(kernelTexts(), Texts{}) << "its owner does not open it again";
+  EXPECT_TRUE(lists()[0].get_bool(nat::key::closed));
+  EXPECT_EQ(refusedToOpen({}), "tcp port 8080 of 45.45.45.1 is already in use");
+
+  EXPECT_EQ(removes(id), "");
+  EXPECT_EQ(kernelTexts(), Texts{});
+  opens({});
+}
+
+TEST_F(NatRulesTest, ClosingSaysNothingElse) {
+  uint32_t id = opens({});
+  lm::message reopen = idOnly(id);
+  reopen.insert_bool(nat::key::closed, false);
+  EXPECT_EQ(asks(admin, lm::cmd::setObject, reopen), "a closed port stays closed");
+  lm::message both = closeRequest(id);
+  both.insert_bool(lm::key::disabled, false);
+  EXPECT_EQ(asks(admin, lm::cmd::setObject, both), "closing a port changes nothing else");
+}
+
+TEST_F(NatRulesTest, ClosesAPortThatThePolicyWouldRefuseNow) {
+  uint32_t id = opens({});
+  lm::message policy;
+  policy.insert_string(nat::key::externalPorts, "9000-9999");
+  EXPECT_EQ(asks(admin, lm::cmd::set, policy), "");
+  EXPECT_EQ(closes(id), "");
+}
+
+TEST_F(NatRulesTest, AnswersOnlyTheCommandsOfARuleTable) {
+  for (uint32_t command : {0U, 2U, 0xfe0001U, 0xfe000bU, 0x10004U, 0xFFFFFFFFU}) {
+    EXPECT_EQ(asks(admin, command, {}), "unknown command");
+    EXPECT_EQ(asks(daemon, command, {}), "unknown command");
+  }
+  EXPECT_EQ(asks(admin, lm::cmd::readObject, idOnly(1)), "no such object");
+  EXPECT_EQ(sets(setRequest(1, "192.168.88.10", 80)), "no such object");
+}
+
+TEST_F(NatRulesTest, LetsAServiceChangeItsOwnRulesOnly) {
+  uint32_t id = opens({});
+  EXPECT_EQ(asks(stranger, lm::cmd::setObject, setRequest(id, "192.168.88.10", 81)),
+            "not permitted");
+  EXPECT_EQ(asks(stranger, lm::cmd::removeObject, idOnly(id)), "not permitted");
+  EXPECT_EQ(asks(daemon, lm::cmd::setObject, closeRequest(id)), "not permitted");
+  for (uint32_t command :
+       {lm::cmd::list, lm::cmd::readAll, lm::cmd::readObject, lm::cmd::get, lm::cmd::set}) {
+    EXPECT_EQ(asks(daemon, command, idOnly(id)), "not permitted");
+  }
+  EXPECT_EQ(removes(id), "");
+}
+
+TEST_F(NatRulesTest, LetsTheAdministratorChangeEverybodysRules) {
+  uint32_t id = opens({.disabled = true});
+  EXPECT_EQ(asks(admin, lm::cmd::setObject, setRequest(id, "192.168.88.11", 81)), "");
+  EXPECT_EQ(lists()[0].get_string(nat::key::owner), "upnp");
+  EXPECT_EQ(asks(admin, lm::cmd::removeObject, idOnly(id)), "");
+  EXPECT_TRUE(lists().empty());
+}
+
+}  // namespace
+
+}  // namespace lumen::test

@@ -1,0 +1,252 @@
+#include "lumen/services/nat/Policy.h"
+#include "services/nat/NatFixture.h"
+
+namespace lumen::test {
+
+namespace {
+
+TEST(Policy, HasTheDefaultsThatAreDocumented) {
+  Policy policy;
+  EXPECT_EQ(policy.externalPorts.text(), "1024-65535");
+  EXPECT_EQ(policy.internalClients.text(), "connected");
+  EXPECT_EQ(policy.maxRules, 4096U);
+  EXPECT_EQ(policy.maxRulesPerClient, 1024U);
+}
+
+TEST(Policy, TakesPortsAndRangesOfPorts) {
+  Policy policy;
+  EXPECT_EQ(policy.set("external-ports", "80,443 , 6000-6999, 65535"), std::nullopt);
+  EXPECT_EQ(policy.externalPorts.text(), "80, 443, 6000-6999, 65535");
+  for (const uint16_t port : std::initializer_list<uint16_t>{80, 443, 6000, 6500, 6999, 65535}) {
+    EXPECT_TRUE(policy.externalPorts.contains(port)) << port;
+  }
+  for (const uint16_t port : std::initializer_list<uint16_t>{1, 79, 81, 5999, 7000, 65534}) {
+    EXPECT_FALSE(policy.externalPorts.contains(port)) << port;
+  }
+}
+
+TEST(Policy, TakesNetworksAndHosts) {
+  Policy policy;
+  EXPECT_EQ(policy.set("internal-clients", "10.1.2.3, connected,192.168.88.0/24"), std::nullopt);
+  EXPECT_EQ(policy.internalClients.text(), "connected, 10.1.2.3, 192.168.88.0/24");
+  EXPECT_TRUE(policy.internalClients.contains(inet_addr("8.8.8.8"), true));
+  EXPECT_FALSE(policy.internalClients.contains(inet_addr("8.8.8.8"), false));
+  EXPECT_TRUE(policy.internalClients.contains(inet_addr("10.1.2.3"), false));
+  EXPECT_FALSE(policy.internalClients.contains(inet_addr("10.1.2.4"), false));
+  EXPECT_TRUE(policy.internalClients.contains(inet_addr("192.168.88.200"), false));
+  EXPECT_EQ(policy.set("internal-clients", "0.0.0.0/0"), std::nullopt);
+  EXPECT_TRUE(policy.internalClients.contains(inet_addr("10.1.2.4"), false));
+}
+
+TEST(Policy, LetsANetworkBeNarrowerThanWhatIsConnected) {
+  FakeNetworks networks;
+  Policy policy;
+  RuleKey key{.external = {.address = inet_addr("45.45.45.1"), .port = 8080}, .protocol = 6};
+  ASSERT_EQ(policy.set("internal-clients", "192.168.88.128/25, 10.0.0.0/8"), std::nullopt);
+  EXPECT_EQ(policy.refusal(key, {inet_addr("192.168.88.129"), 80}, networks), "");
+  EXPECT_EQ(policy.refusal(key, {inet_addr("10.9.9.9"), 80}, networks), "");
+  EXPECT_EQ(policy.refusal(key, {inet_addr("192.168.88.127"), 80}, networks),
+            "internal client 192.168.88.127 is not allowed by the policy");
+}
+
+TEST(Policy, NeverAllowsTheRouterNorTheSideOfTheExternalAddress) {
+  FakeNetworks networks;
+  Policy policy;
+  RuleKey key{.external = {.address = inet_addr("45.45.45.1"), .port = 8080}, .protocol = 6};
+  ASSERT_EQ(policy.set("internal-clients", "0.0.0.0/0"), std::nullopt);
+  EXPECT_EQ(policy.refusal(key, {inet_addr("45.45.45.9"), 80}, networks),
+            "internal client 45.45.45.9 is on the side of the external address");
+  EXPECT_EQ(policy.refusal(key, {inet_addr("192.168.88.1"), 80}, networks),
+            "internal client 192.168.88.1 is this router");
+  EXPECT_EQ(policy.refusal(key, {inet_addr("239.255.255.250"), 80}, networks),
+            "internal client 239.255.255.250 is not the address of a host");
+}
+
+TEST(Policy, SaysWhatIsWrongWithAValueAndKeepsTheOldOne) {
+  struct Row {
+    const char* name;
+    std::string value;
+    const char* reason;
+  };
+  std::string manyPorts = "1";
+  std::string manyClients = "10.0.0.1";
+  for (int i = 0; i < 64; ++i) {
+    manyPorts += ",1";
+    manyClients += ",10.0.0.1";
+  }
+#define NO_PORT " is neither a port from 1 to 65535 nor a range of ports"
+#define NO_NETWORK " is neither \"connected\", an address nor a network like 192.168.88.0/24"
+  const Row rows[] = {
+      {"external-ports", "", "external-ports: \"\"" NO_PORT},
+      {"external-ports", "0", "external-ports: \"0\"" NO_PORT},
+      {"external-ports", "65536", "external-ports: \"65536\"" NO_PORT},
+      {"external-ports", "20-10", "external-ports: \"20-10\"" NO_PORT},
+      {"external-ports", "-5", "external-ports: \"-5\"" NO_PORT},
+      {"external-ports", "+5", "external-ports: \"+5\"" NO_PORT},
+      {"external-ports", "5-", "external-ports: \"5-\"" NO_PORT},
+      {"external-ports", "80,", "external-ports: \"\"" NO_PORT},
+      {"external-ports", "0x50", "external-ports: \"0x50\"" NO_PORT},
+      {"external-ports", "http", "external-ports: \"http\"" NO_PORT},
+      {"external-ports", "99999999999999999999",
+       "external-ports: \"99999999999999999999\"" NO_PORT},
+      {"external-ports", manyPorts, "external-ports: more than 64 ranges of ports"},
+      {"internal-clients", "", "internal-clients: \"\"" NO_NETWORK},
+      {"internal-clients", "Connected", "internal-clients: \"Connected\"" NO_NETWORK},
+      {"internal-clients", "10.0.0", "internal-clients: \"10.0.0\"" NO_NETWORK},
+      {"internal-clients", "10.0.0.0/33", "internal-clients: \"10.0.0.0/33\"" NO_NETWORK},
+      {"internal-clients", "10.0.0.0/", "internal-clients: \"10.0.0.0/\"" NO_NETWORK},
+      {"internal-clients", "::1", "internal-clients: \"::1\"" NO_NETWORK},
+      {"internal-clients", "10.0.0.1/24",
+       "internal-clients: \"10.0.0.1/24\" has bits set behind its prefix"},
+      {"internal-clients", manyClients, "internal-clients: more than 64 networks"},
+      {"max-rules", "", "max-rules: \"\" is not a number from 0 to 65536"},
+      {"max-rules", "65537", "max-rules: \"65537\" is not a number from 0 to 65536"},
+      {"max-rules-per-client", "many",
+       "max-rules-per-client: \"many\" is not a number from 0 to 65536"},
+      {"max-rule", "5", "\"max-rule\" is not a setting"},
+  };
+#undef NO_PORT
+#undef NO_NETWORK
+  Policy policy;
+  for (const Row& row : rows) EXPECT_EQ(policy.set(row.name, row.value), row.reason);
+  EXPECT_EQ(policy.externalPorts.text(), "1024-65535");
+  EXPECT_EQ(policy.internalClients.text(), "connected");
+  EXPECT_EQ(policy.maxRules, 4096U);
+}
+
+class PolicyBookTest : public ::testing::Test {
+ protected:
+  std::optional<std::string> loads(const std::string& content) {
+    static_cast<void>(directory.file("nat-policy", content));
+    return book.load();
+  }
+  [[nodiscard]] std::string ports() const {
+    return book.settings().get_string(nat::key::externalPorts);
+  }
+  static lm::message portsOnly(const std::string& ports) {
+    lm::message request;
+    request.insert_u32(lm::key::serial, 12);
+    request.insert_string(nat::key::externalPorts, ports);
+    return request;
+  }
+
+  TemporaryDirectory directory;
+  std::string filePath = directory.path() + "/nat-policy";
+  PolicyBook book{filePath, directory.path()};
+};
+
+TEST_F(PolicyBookTest, ReadsTheFile) {
+  EXPECT_EQ(loads("; comment\nexternal-ports = 80 ; web\ninternal-clients = 10.0.0.0/8\n"
+                  "max-rules = 7\nmax-rules-per-client = 0\n"),
+            std::nullopt);
+  lm::message expected;
+  expected.insert_string(0x20010030, "80");
+  expected.insert_string(0x20010031, "10.0.0.0/8");
+  expected.insert_u32(0x10032, 7);
+  expected.insert_u32(0x10033, 0);
+  EXPECT_EQ(book.settings(), expected);
+}
+
+TEST_F(PolicyBookTest, UsesTheDefaultsWithoutAFile) {
+  EXPECT_EQ(book.load(), std::nullopt);
+  EXPECT_EQ(ports(), "1024-65535");
+}
+
+TEST_F(PolicyBookTest, ReadsTheFileThatIsInstalled) {
+  PolicyBook installed(NAT_POLICY_FILE, directory.path());
+  EXPECT_EQ(installed.load(), std::nullopt);
+  PolicyBook defaults(filePath, directory.path());
+  EXPECT_EQ(defaults.load(), std::nullopt);
+  EXPECT_EQ(installed.settings(), defaults.settings());
+}
+
+TEST_F(PolicyBookTest, RefusesAFileThatItDoesNotUnderstandWhole) {
+  struct Row {
+    const char* content;
+    const char* reason;
+  };
+  const Row rows[] = {
+      {"external-ports = 80\nexternal-ports = 81\n", ":2: \"external-ports\" is set twice"},
+      {"max-rules = 5\n\nports = 80\n", ":3: \"ports\" is not a setting"},
+      {"[policy]\nmax-rules = 5\n", ":2: sections are not used"},
+      {"max-rules = -1\n", ":1: max-rules: \"-1\" is not a number from 0 to 65536"},
+      {"max-rules\n", ":1: not a line of the form name = value"},
+  };
+  for (const Row& row : rows) EXPECT_EQ(loads(row.content), filePath + row.reason);
+}
+
+TEST_F(PolicyBookTest, RefusesAFileThatItCannotRead) {
+  std::filesystem::create_directory(filePath);
+  EXPECT_NE(book.load(), std::nullopt);
+}
+
+TEST_F(PolicyBookTest, KeepsWhatIsSetByCommandOverTheFile) {
+  ASSERT_EQ(loads("external-ports = 80\nmax-rules = 7\n"), std::nullopt);
+  EXPECT_EQ(book.write(portsOnly("2000-3000")), std::nullopt);
+  EXPECT_EQ(ports(), "2000-3000");
+
+  static_cast<void>(directory.file("nat-policy", "external-ports = 81\nmax-rules = 8\n"));
+  PolicyBook later(filePath, directory.path());
+  EXPECT_EQ(later.load(), std::nullopt);
+  EXPECT_EQ(later.policy().externalPorts.text(), "2000-3000");
+  EXPECT_EQ(later.policy().maxRules, 8U) << "what was not set still comes from the file";
+}
+
+TEST_F(PolicyBookTest, ForgetsWhatWasSetOnAReset) {
+  ASSERT_EQ(loads("external-ports = 80\n"), std::nullopt);
+  ASSERT_EQ(book.write(portsOnly("2000")), std::nullopt);
+  lm::message reset;
+  reset.insert_bool(nat::key::reset, true);
+  EXPECT_EQ(book.write(reset), std::nullopt);
+  EXPECT_EQ(ports(), "80");
+  PolicyBook later(filePath, directory.path());
+  EXPECT_EQ(later.load(), std::nullopt);
+  EXPECT_EQ(later.policy().externalPorts.text(), "80");
+}
+
+TEST_F(PolicyBookTest, ChangesNothingWhenAValueIsWrong) {
+  ASSERT_EQ(book.load(), std::nullopt);
+  lm::message request = portsOnly("2000");
+  request.insert_u32(nat::key::maxRules, 70000);
+  EXPECT_EQ(book.write(request), "max-rules: \"70000\" is not a number from 0 to 65536");
+  lm::message unknown = portsOnly("2000");
+  unknown.insert_u32(0x10099, 1);
+  EXPECT_EQ(book.write(unknown), "field 0x08010099 is not known here");
+  EXPECT_EQ(ports(), "1024-65535");
+}
+
+TEST_F(PolicyBookTest, ChangesNothingWhenItCannotBeStored) {
+  PolicyBook lost(filePath, directory.path() + "/missing");
+  ASSERT_EQ(lost.load(), std::nullopt);
+  EXPECT_EQ(lost.write(portsOnly("2000")), "the policy could not be stored");
+  EXPECT_EQ(lost.policy().externalPorts.text(), "1024-65535");
+}
+
+using NatPolicyCommandTest = NatFixture;
+
+TEST_F(NatPolicyCommandTest, IsReadAndWrittenByTheAdministratorOnly) {
+  lm::message request;
+  request.insert_string(nat::key::externalPorts, "5000-5999");
+  EXPECT_EQ(asks(daemon, lm::cmd::set, request), "not permitted");
+  EXPECT_EQ(asks(daemon, lm::cmd::get, {}), "not permitted");
+  EXPECT_EQ(asks(admin, lm::cmd::set, request), "");
+  EXPECT_EQ(rules.handle(admin, lm::cmd::get, {}).get_string(nat::key::externalPorts), "5000-5999");
+  EXPECT_EQ(refusedToOpen({.port = 4999}), "external port 4999 is not allowed by the policy");
+  opens({.port = 5000});
+}
+
+TEST_F(NatPolicyCommandTest, LeavesPortsThatAreOpenAlone) {
+  uint32_t id = opens({});
+  kernelTexts();
+  lm::message request;
+  request.insert_string(nat::key::externalPorts, "9000");
+  EXPECT_EQ(asks(admin, lm::cmd::set, request), "");
+  EXPECT_EQ(kernelTexts(), Texts{});
+  EXPECT_EQ(sets(setRequest(id, "192.168.88.10", 81)),
+            "external port 8080 is not allowed by the policy");
+  EXPECT_EQ(removes(id), "");
+}
+
+}  // namespace
+
+}  // namespace lumen::test
