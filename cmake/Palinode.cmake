@@ -60,10 +60,14 @@ function(palinode_library name)
   target_link_libraries(${name} PRIVATE palinode_flags PUBLIC ${ARG_LINK})
 endfunction()
 
-# palinode_unit_test(NAME SOURCES file... LINK library...)
-# One GoogleTest program; each of its tests is a test of its own in the run.
+# palinode_unit_test(NAME SOURCES file... LINK library... [LABEL label])
+# One GoogleTest program; each of its tests is a test of its own in the run. The label is "unit";
+# tests that need root say "unit-root".
 function(palinode_unit_test name)
-  cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
+  cmake_parse_arguments(ARG "" "LABEL" "SOURCES;LINK" ${ARGN})
+  if(NOT ARG_LABEL)
+    set(ARG_LABEL unit)
+  endif()
   add_executable(${name} ${ARG_SOURCES})
   target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests/unit)
   target_link_libraries(${name} PRIVATE palinode_flags ${ARG_LINK} GTest::gtest GTest::gtest_main)
@@ -73,5 +77,5 @@ function(palinode_unit_test name)
   endif()
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
   gtest_discover_tests(${name} TEST_PREFIX "${name}." DISCOVERY_TIMEOUT 60
-                       PROPERTIES LABELS unit TIMEOUT 60)
+                       PROPERTIES LABELS ${ARG_LABEL} TIMEOUT 60)
 endfunction()

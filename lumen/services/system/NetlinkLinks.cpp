@@ -21,7 +21,7 @@ namespace {
 // A table that changes while it is read is read again at once, up to this often, then after a
 // pause that lets the other work of the loop go on.
 constexpr int tries = 10;
-constexpr uint32_t pause = 50;  // hundredths of a second
+constexpr uint32_t pause = 10;  // hundredths of a second
 
 // More come from a routing daemon, which puts them back itself.
 constexpr size_t maxRoutes = 4096;  // of one family

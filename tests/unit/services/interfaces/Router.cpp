@@ -1,30 +1,12 @@
 #include "services/interfaces/Router.h"
 
-#include <cstdlib>
-
 #include "platform/Keys.h"
 
 namespace lumen {
-namespace {
-
-std::string temporaryDirectory() {
-  std::string path = testing::TempDir() + "/interfaces-XXXXXX";
-  if (!mkdtemp(path.data())) ADD_FAILURE() << "no temporary directory";
-  return path;
-}
-
-}  // namespace
-
-Router::Router() : store_(temporaryDirectory()) {}
-
-Router::~Router() {
-  interfaceTable.reset();
-  std::filesystem::remove_all(store_);
-}
 
 void Router::starts() {
   addressTable = std::make_unique<AddressTable>(notifier);
-  interfaceTable = std::make_unique<InterfaceTable>(kernel, *addressTable, notifier, store_);
+  interfaceTable = std::make_unique<InterfaceTable>(kernel, *addressTable, notifier, store_.path());
   interfaceTable->start();
   (void)notified();
 }

@@ -12,6 +12,7 @@
 #include "lumen/services/interfaces/InterfaceTable.h"
 #include "services/interfaces/FakeLinks.h"
 #include "services/interfaces/RecordingNotifier.h"
+#include "support/TempDir.h"
 
 namespace lumen {
 
@@ -20,15 +21,12 @@ class Router : public testing::Test {
  protected:
   using Lines = std::vector<std::string>;
 
-  Router();
-  ~Router() override;
-
   /// Starts the tables. Links that are there already are not in the recorded notifications.
   void starts();
   /// lumend ends and starts again on the same store; the kernel goes on.
   void restarts();
   /// Nothing can be stored from now on.
-  void storeBecomesUnwritable() { std::filesystem::remove_all(store_); }
+  void storeBecomesUnwritable() { std::filesystem::remove_all(store_.path()); }
 
   [[nodiscard]] lm::message asks(const Caller& caller, uint32_t command,
                                  const lm::message& request = {});
@@ -48,11 +46,13 @@ class Router : public testing::Test {
 
   FakeLinks kernel;
   RecordingNotifier notifier;
-  std::unique_ptr<AddressTable> addressTable;
-  std::unique_ptr<InterfaceTable> interfaceTable;
 
  private:
-  std::string store_;
+  lm::test::TempDir store_;
+
+ protected:
+  std::unique_ptr<AddressTable> addressTable;
+  std::unique_ptr<InterfaceTable> interfaceTable;
 };
 
 }  // namespace lumen
