@@ -170,7 +170,9 @@ class Network:
             self._undo = undo.pop_all()
 
     def _wire(self):
-        self.router.run("sh", "-c", "echo 1 > /proc/sys/net/ipv4/ip_forward")
+        # The second as distributions set it: when the first address of a link goes, the others stay.
+        for setting in ("ip_forward", "conf/all/promote_secondaries"):
+            self.router.run("sh", "-c", f"echo 1 > /proc/sys/net/ipv4/{setting}")
         self.router.ip("link", "add", LAN_BRIDGE, "type", "bridge")
         for number, host in enumerate(self.lan):
             port = f"lan{number}"

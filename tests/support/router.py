@@ -18,7 +18,7 @@ PROGRAMS = pathlib.Path(os.environ.get("PALINODE_BIN", TOP / "build" / "bin")).r
 # The gateway runs as a user that need not exist, and that no other program on a machine is.
 SERVICE_USER = 64040
 
-GATEWAY = "palinode-igd"
+GATEWAY = "upnp"
 
 
 class CommandFailed(Exception):
@@ -161,7 +161,7 @@ def make_root(root, service_user):
     (services / f"{GATEWAY}.ini").write_text(f"""[service]
 name = {GATEWAY}
 number = 40
-executable = {PROGRAMS / GATEWAY}
+executable = {PROGRAMS / "palinode-igd"}
 user = {service_user}
 boot = yes
 stores = upnp upnpm

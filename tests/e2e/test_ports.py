@@ -1,0 +1,147 @@
+"""Ports that programs on the LAN open, and what hosts on the WAN side get of them."""
+
+import contextlib
+import select
+import unittest
+
+from support.network import (WAN_ADDRESS, SoapError, exchange_tcp, exchange_udp, tcp_refused,
+                             udp_refused)
+from support.router import CommandFailed
+from support.router_case import RouterCase
+
+
+class PortTest(RouterCase):
+    def test_a_control_point_finds_the_gateway_and_opens_and_closes_ports(self):
+        host = self.lan[0]
+        found = host.upnpc("-s", discover=True)
+        self.assertIn("http://192.168.88.1:2828/gateway.xml", found)
+        self.assertIn("Found valid IGD", found)
+        self.assertIn(f"ExternalIPAddress = {WAN_ADDRESS}", found)
+        self.assertIn("Status : Connected", found)
+
+        client = self.wan_udp(5060)
+        self.assertTrue(tcp_refused(self.wan, WAN_ADDRESS, 8080))
+        self.assertTrue(udp_refused(client))
+        opened = host.upnpc("-e", "web", "-a", host.address, "80", "8080", "TCP")
+        self.assertIn(f"external {WAN_ADDRESS}:8080 TCP is redirected to internal "
+                      f"{host.address}:80", opened)
+        host.upnpc("-e", "phone", "-a", host.address, "5061", "5060", "UDP")
+
+        exchange_tcp(self.wan, WAN_ADDRESS, 8080, host, 80)
+        exchange_udp(client, host, 5061)
+
+        listed = host.upnpc("-l")
+        self.assertRegex(listed, r"TCP +8080->192\.168\.88\.10:80 +'web'")
+        self.assertRegex(listed, r"UDP +5060->192\.168\.88\.10:5061 +'phone'")
+        self.assertIn("Dummy inactive rule for windows to work", listed)
+        status = self.router.lumenctl("status")
+        self.assertRegex(status, r"Gateway: on")
+        self.assertRegex(status, r"wan0 +external +running +45\.45\.45\.1")
+        self.assertRegex(status, r"br-lan +internal +running +192\.168\.88\.1")
+        self.assertRegex(status, r"8080/tcp +45\.45\.45\.1 +192\.168\.88\.10:80 +open")
+        self.assertRegex(status, r"5060/udp +45\.45\.45\.1 +192\.168\.88\.10:5061 +open")
+        for port in self.router.ports().values():
+            self.assertEqual(port["connections"], 1, port)
+        kernel = self.router.kernel_map()
+        self.assertRegex(kernel, r"45\.45\.45\.1 \. tcp \. 8080 .*: 192\.168\.88\.10 \. 80\b")
+        self.assertRegex(kernel, r"45\.45\.45\.1 \. udp \. 5060 .*: 192\.168\.88\.10 \. 5061\b")
+
+        host.upnpc("-d", "8080", "TCP")
+        host.upnpc("-d", "5060", "UDP")
+        self.assertTrue(tcp_refused(self.wan, WAN_ADDRESS, 8080))
+        # From the same source port: the flow does not outlive its port.
+        self.wait_until(lambda: udp_refused(client), "the old flow is refused")
+        self.assertEqual(self.router.ports(), {})
+        self.assertNotIn("192.168.88.10", self.router.kernel_map())
+
+    def test_a_flow_that_began_before_its_port_was_opened_gets_through(self):
+        client = self.wan_udp(5060)
+        self.assertTrue(udp_refused(client))
+        self.lan[0].open_port(5060, "UDP")
+        with self.lan[0].udp(5060) as receiver:
+            def arrives():
+                with contextlib.suppress(ConnectionRefusedError):  # of what was sent before
+                    client.send(b"hello")
+                return select.select([receiver], [], [], 0.05)[0]
+
+            self.wait_until(arrives, "the flow gets through")
+            self.assertEqual(receiver.recvfrom(100), (b"hello", client.getsockname()))
+
+    def test_a_connection_outlives_its_port(self):
+        host = self.lan[0]
+        host.open_port(8080, "TCP")
+        with host.listen(8080) as listener, self.wan.connect(WAN_ADDRESS, 8080) as connection:
+            accepted, _ = listener.accept()
+            with accepted:
+                host.close_port(8080, "TCP")
+                connection.send(b"still there?")
+                self.assertEqual(accepted.recv(100), b"still there?")
+        self.assertTrue(tcp_refused(self.wan, WAN_ADDRESS, 8080))
+
+    def test_two_hosts_cannot_have_the_same_port(self):
+        first, second = self.lan
+        first.open_port(8080, "TCP")
+        with self.assertRaises(SoapError) as refused:
+            second.open_port(8080, "TCP")
+        self.assertEqual(refused.exception.code, 718)
+        with self.assertRaises(AssertionError) as failed:
+            second.upnpc("-a", second.address, "80", "8080", "TCP")
+        self.assertIn("failed with code 718 (ConflictInMappingEntry)", str(failed.exception))
+        second.open_port(8080, "UDP")
+        second.open_port(8081, "TCP", 8080)
+        exchange_tcp(self.wan, WAN_ADDRESS, 8080, first, 8080)
+        exchange_tcp(self.wan, WAN_ADDRESS, 8081, second, 8080)
+        first.close_port(8080, "TCP")
+        second.open_port(8080, "TCP", 80)
+        exchange_tcp(self.wan, WAN_ADDRESS, 8080, second, 80)
+
+    def test_the_same_host_may_change_its_port(self):
+        host = self.lan[0]
+        host.open_port(8080, "TCP", 80)
+        exchange_tcp(self.wan, WAN_ADDRESS, 8080, host, 80)
+        host.open_port(8080, "TCP", 81)
+        exchange_tcp(self.wan, WAN_ADDRESS, 8080, host, 81)
+        self.assertEqual(self.router.ports()["8080/tcp"]["connections"], 2)
+
+    def test_policy_refuses_ports_and_clients_with_a_reason(self):
+        host = self.lan[0]
+        for port, client in ((80, host.address), (8080, "192.168.88.1"), (8080, "8.8.8.8"),
+                             (8080, self.wan.address), (8080, "192.168.88.255")):
+            with self.subTest(port=port, client=client), self.assertRaises(SoapError) as refused:
+                host.open_port(port, "TCP", client=client)
+            self.assertEqual(refused.exception.code, 501)
+        self.assertEqual(self.router.log().count("add nat failed: "), 5)
+        self.assertEqual(self.router.ports(), {})
+
+    def test_the_administrator_closes_a_port(self):
+        host = self.lan[0]
+        host.open_port(8080, "TCP")
+        host.open_port(5060, "UDP")
+        client = self.wan_udp(5060)
+        exchange_udp(client, host, 5060)
+        self.router.lumenctl("nat", "close", "8080/tcp")
+        self.router.lumenctl("nat", "close", "5060/udp")
+        self.assertTrue(tcp_refused(self.wan, WAN_ADDRESS, 8080))
+        self.wait_until(lambda: udp_refused(client), "the old flow is refused")
+        self.assertEqual({p["state"] for p in self.router.ports().values()}, {"closed"})
+        host.close_port(8080, "TCP")
+        host.close_port(5060, "UDP")
+        self.assertEqual(self.router.ports(), {})
+        with self.assertRaises(CommandFailed) as refused:
+            self.router.lumenctl("nat", "close", "8080/tcp")
+        self.assertEqual(refused.exception.status, 1)
+
+    def test_nmap_recognises_the_gateway(self):
+        nmap = self.lan[0].namespace.run
+        seen = nmap("nmap", "-e", self.lan[0].LINK, "--script", "broadcast-upnp-info")
+        self.assertIn("Server: Palinode/", seen)
+        self.assertIn("Location: http://192.168.88.1:2828/gateway.xml", seen)
+        self.assertIn("Name: Kestrava Router", seen)
+        # The script for one host hears answers from port 1900 only; the gateway's come from another.
+        # All that it can see is that somebody listens.
+        seen = nmap("nmap", "-sU", "-p", "1900", "-Pn", "-n", "--script", "upnp-info", "192.168.88.1")
+        self.assertRegex(seen, r"1900/udp open\|filtered upnp")
+
+
+if __name__ == "__main__":
+    unittest.main()

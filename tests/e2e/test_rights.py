@@ -1,0 +1,88 @@
+"""Who may do what on the router."""
+
+import os
+import socket
+import unittest
+
+from support import lm
+from support.router import SERVICE_USER
+from support.router_case import RouterCase
+
+NOBODY = 65534
+
+
+def as_user(user, action):
+    """Runs `action` in a process of that user; returns what it returns, True or False."""
+    child = os.fork()
+    if child == 0:
+        status = 2
+        try:
+            os.setgroups([])
+            os.setgid(user)
+            os.setuid(user)
+            status = 0 if action() else 1
+        finally:
+            os._exit(status)
+    _, status = os.waitpid(child, 0)
+    status = os.waitstatus_to_exitcode(status)
+    if status not in (0, 1):
+        raise AssertionError(f"the process of user {user} ended with {status}")
+    return status == 0
+
+
+class RightsTest(RouterCase):
+    def answered(self, path, command, **fields):
+        """Whether the platform answers the calling process at all, with the reply if it does."""
+        with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as sock:
+            sock.settimeout(5)
+            sock.connect(str(self.router.root / "run" / "lumen.sock"))
+            request = lm.Message({lm.DESTINATION: path, lm.SERIAL: 7, lm.COMMAND: command})
+            try:
+                sock.send(lm.encode(request))
+                return bool(sock.recv(65536))
+            except (BrokenPipeError, ConnectionResetError):
+                return False
+
+    def test_a_program_of_another_user_is_refused(self):
+        self.assertTrue(self.answered([20, 0], lm.CMD_LIST))
+        self.assertFalse(as_user(NOBODY, lambda: self.answered([20, 0], lm.CMD_LIST)))
+        self.assertTrue(self.answered([20, 0], lm.CMD_LIST))
+
+    def test_the_gateways_user_may_not_administer(self):
+        def refused(path, command):
+            with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as sock:
+                sock.settimeout(5)
+                sock.connect(str(self.router.root / "run" / "lumen.sock"))
+                sock.send(lm.encode(lm.Message({lm.DESTINATION: path, lm.SERIAL: 7,
+                                                lm.COMMAND: command})))
+                return lm.decode(sock.recv(65536)).error() == "not permitted"
+
+        self.assertFalse(as_user(SERVICE_USER, lambda: refused([20, 0], lm.CMD_LIST)))
+        for path, command in (([20, 0], lm.CMD_ADD), ([20, 0], lm.CMD_REMOVE),
+                              ([20, 5], lm.CMD_SET_SETTINGS), ([40, 0], lm.CMD_SET_SETTINGS)):
+            with self.subTest(path=path, command=hex(command)):
+                self.assertTrue(as_user(SERVICE_USER, lambda p=path, c=command: refused(p, c)))
+
+    def test_the_gateway_has_no_rights(self):
+        with open(f"/proc/{self.router.gateway_pid()}/status", encoding="ascii") as status:
+            fields = dict(line.rstrip("\n").split(":\t", 1) for line in status)
+        self.assertEqual(fields["Name"], "palinode-igd")
+        user = str(SERVICE_USER)
+        self.assertEqual(fields["Uid"].split(), [user] * 4)
+        self.assertEqual(fields["Gid"].split(), [user] * 4)
+        self.assertLessEqual(set(fields["Groups"].split()), {user})
+        for name in ("CapInh", "CapPrm", "CapEff", "CapBnd", "CapAmb"):
+            self.assertEqual(int(fields[name], 16), 0, name)
+        self.assertEqual(fields["NoNewPrivs"], "1")
+
+    def test_lumend_keeps_four_capabilities(self):
+        with open(f"/proc/{self.router.lumend.pid}/status", encoding="ascii") as status:
+            fields = dict(line.rstrip("\n").split(":\t", 1) for line in status)
+        # CAP_KILL, CAP_SETGID, CAP_SETUID, CAP_NET_ADMIN; see linux/capability.h.
+        kept = 1 << 5 | 1 << 6 | 1 << 7 | 1 << 12
+        self.assertEqual(int(fields["CapEff"], 16), kept)
+        self.assertEqual(int(fields["CapPrm"], 16), kept)
+
+
+if __name__ == "__main__":
+    unittest.main()

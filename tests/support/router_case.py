@@ -1,0 +1,83 @@
+"""What every end-to-end test has: a network, a router at work in it, and a look at what is left of
+them afterwards."""
+
+import glob
+import os
+import sys
+import unittest
+
+from support.network import WAN_ADDRESS, Network, wait_until
+from support.router import Router
+
+
+class RouterCase(unittest.TestCase):
+    """Each test starts with a router that is set up, or only runs when `SET_UP` is false."""
+
+    SET_UP = True
+
+    def setUp(self):
+        self.router = self.make_router()
+        self.network = self.router.network
+        self.wan = self.network.wan
+        self.lan = self.network.lan
+
+    def make_router(self):
+        """A router in a network of its own, until the end of the test."""
+        network = Network()
+        self.addCleanup(self._close_network, network)
+        router = Router(network)
+        self.addCleanup(self._close_router, router)
+        if self.SET_UP:
+            router.set_up()
+        return router
+
+    def wan_udp(self, port, address=WAN_ADDRESS):
+        """A UDP socket of the WAN host that is connected to the router's port, until the end of the
+        test."""
+        sock = self.wan.udp(to=(address, port))
+        self.addCleanup(sock.close)
+        return sock
+
+    def wait_until(self, condition, what, limit=10.0):
+        return wait_until(condition, what, limit)
+
+    def _close_router(self, router):
+        result = self._outcome.result
+        if any(test is self for test, _ in result.failures + result.errors):
+            print(router.log(), file=sys.stderr)
+        root = str(router.root)
+        router.close()
+        self.assertFalse(os.path.exists(root), "the root folder is left")
+        wait_until(lambda: not mounts_of(root), f"no mount of {root} is left")
+
+    def _close_network(self, network):
+        hosts = [network.router, network.wan.namespace]
+        hosts += [host.namespace for host in network.lan]
+        inodes = {os.stat(namespace.path).st_ino for namespace in hosts}
+        wait_until(lambda: not programs_in(inodes), "no program is left")
+        network.close()
+
+
+def programs_in(inodes):
+    """The processes whose network namespace is one of these."""
+    found = []
+    for path in glob.glob("/proc/[0-9]*/ns/net"):
+        try:
+            if os.stat(path).st_ino in inodes:
+                found.append(path)
+        except OSError:
+            pass
+    return found
+
+
+def mounts_of(root):
+    """The processes that see a mount of the folder."""
+    found = []
+    for path in glob.glob("/proc/[0-9]*/mountinfo"):
+        try:
+            with open(path, encoding="utf-8") as mounts:
+                if any(root in line for line in mounts):
+                    found.append(path)
+        except OSError:
+            pass
+    return found
