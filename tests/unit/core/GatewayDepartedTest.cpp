@@ -1,0 +1,184 @@
+// Interfaces that disappear: they are forgotten, but nothing of theirs is used after it is gone,
+// and nothing is lost. Run it under AddressSanitizer.
+
+#include "core/GatewayFixture.h"
+#include "platform/Keys.h"
+
+namespace {
+
+class GatewayDeparted : public GatewayTest {
+ protected:
+  size_t rulesRemoved() const { return platform.sentTo({20, 5}, lm::cmd::removeObject).size(); }
+};
+
+TEST_F(GatewayDeparted, AWanThatDisappearsSaysNothingAndStaysReachable) {
+  serve();
+  openPort(wan);
+  (void)log();
+  listen();
+  tellOfInterface(goneRecord(wan));
+  EXPECT_EQ(log(), Lines{"rem dev: WAN"});
+  EXPECT_EQ(announced(), Lines{});
+  EXPECT_EQ(rulesRemoved(), 0U);
+  EXPECT_NE(invoke("/upnp/control/wanipconn-3", "GetStatusInfo").find("200 OK"), std::string::npos);
+  EXPECT_EQ(found("uuid:UUID-KESTRAVA-WAN-DEVICE-TEST-3").size(), 1U);
+  // What is told of it reaches nobody.
+  (void)log();
+  tellAddresses({addressRecord(wanAddress, wan, "45.45.45.9")});
+  EXPECT_EQ(log(), Lines{"dev: 3 set address: 45.45.45.9 (12)"});
+}
+
+TEST_F(GatewayDeparted, EitherFlagSaysThatAnInterfaceIsGone) {
+  serve();
+  lm::message record = interfaceRecord(wan);
+  record.insert_u32(0x10003, 0x02);
+  tellOfInterface(record);
+  record.insert_u32(0x10003, 0x7d);
+  tellOfInterface(record);
+  const Lines lines = log();
+  EXPECT_EQ(lines[0], "rem dev: WAN");
+  EXPECT_EQ(lines[1], "add dev: WAN");
+}
+
+TEST_F(GatewayDeparted, AWanThatComesBackStartsAnewWithoutItsOldRules) {
+  serve();
+  openPort(wan);
+  tellOfInterface(goneRecord(wan));
+  (void)log();
+  listen();
+  tellOfInterface(interfaceRecord(wan));
+  EXPECT_EQ(log(), (Lines{"add dev: WAN", "set type: 1 3", "start ext: WAN",
+                          "initial external addr: 45.45.45.2", "sendAdverts"}));
+  EXPECT_EQ(announced(), marked("ssdp:alive", wanTargets(wan)));
+  EXPECT_EQ(rulesRemoved(), 1U);
+  EXPECT_EQ(found("ssdp:all"), allTargets(wan));
+  EXPECT_NE(invoke("/upnp/control/wanipconn-3", "GetStatusInfo").find("200 OK"), std::string::npos);
+  openPort(wan);
+}
+
+TEST_F(GatewayDeparted, AWanThatComesBackUnconfiguredLeavesNothingBehind) {
+  serve();
+  openPort(wan);
+  tellOfInterface(goneRecord(wan));
+  removeObject(2);
+  EXPECT_EQ(rulesRemoved(), 0U);
+  tellOfInterface(interfaceRecord(wan));
+  EXPECT_EQ(rulesRemoved(), 1U);
+  EXPECT_EQ(found("ssdp:all"), rootTargets);
+  EXPECT_EQ(status("POST /upnp/control/wanipconn-3"), "HTTP/1.1 404 Not Found");
+}
+
+TEST_F(GatewayDeparted, DisablingEndsWhatADepartedWanLeftBehind) {
+  serve();
+  openPort(wan);
+  tellOfInterface(goneRecord(wan));
+  (void)log();
+  disable();
+  EXPECT_EQ(log(), (Lines{"disable", "stop int: LAN", "sendAdverts"}));
+  EXPECT_EQ(rulesRemoved(), 1U);
+  enable();
+  EXPECT_EQ(found("ssdp:all"), allTargets(wan));
+}
+
+TEST_F(GatewayDeparted, LeavingEndsWhatDepartedInterfacesLeftBehind) {
+  serve();
+  openPort(wan);
+  tellOfInterface(goneRecord(wan));
+  tellOfInterface(goneRecord(lan));
+  (void)log();
+  stop();
+  EXPECT_EQ(log(), (Lines{"disable", "exit"}));
+  EXPECT_EQ(rulesRemoved(), 1U);
+}
+
+TEST_F(GatewayDeparted, ALanThatDisappearsStaysOpenAndGoesOnAdvertising) {
+  serve();
+  listen();
+  tellOfInterface(goneRecord(lan));
+  EXPECT_EQ(log(), Lines{"rem dev: LAN"});
+  EXPECT_EQ(announced(), Lines{});
+  platform.advance(357000);
+  EXPECT_EQ(announced(), marked("ssdp:alive", allTargets(wan)));
+}
+
+TEST_F(GatewayDeparted, ALanThatComesBackStartsAnewWithoutAGoodbye) {
+  serve();
+  platform.advance(300000);
+  tellOfInterface(goneRecord(lan));
+  (void)log();
+  listen();
+  tellOfInterface(interfaceRecord(lan));
+  EXPECT_EQ(log(), (Lines{"add dev: LAN", "set type: 2 2", "intr: 0 3232258049",
+                          "start int: LAN 192.168.88.1", "sendAdverts"}));
+  EXPECT_EQ(announced(), marked("ssdp:alive", allTargets(wan)));
+  EXPECT_EQ(found("upnp:rootdevice").size(), 1U);
+  EXPECT_EQ(status("GET /gateway.xml"), "HTTP/1.1 200 OK");
+  // The timer of the old record is gone with it.
+  (void)announced();
+  platform.advance(57000);
+  EXPECT_EQ(announced(), Lines{});
+}
+
+TEST_F(GatewayDeparted, AConnectionOutlivesItsInterface) {
+  serve();
+  const lm::Fd client = connectToGateway();
+  send(client, "GET /gateway.xml HTTP/1.1\r\n");
+  platform.turn();
+  tellOfInterface(goneRecord(lan));
+  tellOfInterface(interfaceRecord(lan));
+  disable();
+  enable();
+  send(client, "\r\n");
+  EXPECT_NE(readToEnd(client).find("<URLBase>http://192.168.88.1:2828</URLBase>"),
+            std::string::npos);
+}
+
+TEST_F(GatewayDeparted, AConnectionThatTimesOutOutlivesItsInterface) {
+  serve();
+  const lm::Fd client = connectToGateway();
+  send(client, "GET");
+  platform.turn();
+  tellOfInterface(goneRecord(lan));
+  tellOfInterface(interfaceRecord(lan));
+  (void)log();
+  platform.advance(1000);
+  EXPECT_EQ(log(), Lines{"http request timeout"});
+  EXPECT_EQ(readToEnd(client), "");
+}
+
+TEST_F(GatewayDeparted, ASearchOnADepartedInterfaceIsFatal) {
+  serve();
+  tellOfInterface(goneRecord(lan));
+  EXPECT_EXIT(
+      {
+        showLog();
+        (void)found("upnp:rootdevice");
+      },
+      testing::ExitedWithCode(1), "findDevice fatal error");
+}
+
+TEST_F(GatewayDeparted, AConnectionToADepartedInterfaceIsFatal) {
+  serve();
+  tellOfInterface(goneRecord(lan));
+  EXPECT_EXIT(
+      {
+        showLog();
+        (void)exchange("GET /gateway.xml HTTP/1.1\r\n\r\n");
+      },
+      testing::ExitedWithCode(1), "oo jeaaa");
+}
+
+TEST_F(GatewayDeparted, InterfacesComeAndGoManyTimes) {
+  serve();
+  for (int i = 0; i < 20; ++i) {
+    openPort(wan);
+    tellOfInterface(goneRecord(wan));
+    tellOfInterface(interfaceRecord(wan));
+    tellOfInterface(goneRecord(lan));
+    tellOfInterface(interfaceRecord(lan));
+  }
+  EXPECT_EQ(rulesRemoved(), 20U);
+  EXPECT_EQ(found("ssdp:all"), allTargets(wan));
+}
+
+}  // namespace

@@ -1,0 +1,139 @@
+// Start and stop of an interface, on the LAN side and on the WAN side.
+
+#include <algorithm>
+
+#include "core/GatewayFixture.h"
+#include "platform/Keys.h"
+
+namespace {
+
+class GatewayInterfaces : public GatewayTest {};
+
+TEST_F(GatewayInterfaces, AnInterfaceWithoutAnAddressOpensNothing) {
+  platformForgetsAddress(lanAddress);
+  serve();
+  setObject(1, {});
+  EXPECT_EQ(log(), Lines{"intr: 0 0"});
+  EXPECT_EQ(exchange("GET / HTTP/1.1\r\n\r\n"), "refused");
+}
+
+TEST_F(GatewayInterfaces, AnInterfaceThatNeverStartedStopsWithoutAWord) {
+  platformForgetsAddress(lanAddress);
+  serve();
+  listen();
+  removeObject(1);
+  EXPECT_EQ(log(), Lines{});
+  EXPECT_EQ(announced(), Lines{});
+}
+
+TEST_F(GatewayInterfaces, TheRootAloneIsAnnouncedWithFourTargets) {
+  start();
+  addObject(lan, internal);
+  listen();
+  enable();
+  EXPECT_EQ(announced(), marked("ssdp:alive", rootTargets));
+  EXPECT_EQ(found("ssdp:all"), rootTargets);
+}
+
+TEST_F(GatewayInterfaces, EverythingIsAnnouncedAgainBeforeItRunsOut) {
+  serve();
+  listen();
+  platform.advance(356999);
+  EXPECT_EQ(announced(), Lines{});
+  platform.advance(1);
+  EXPECT_EQ(announced(), marked("ssdp:alive", allTargets(wan)));
+  platform.advance(357000);
+  EXPECT_EQ(announced(), marked("ssdp:alive", allTargets(wan)));
+  removeObject(1);
+  (void)announced();
+  platform.advance(10 * 357000);
+  EXPECT_EQ(announced(), Lines{});
+}
+
+TEST_F(GatewayInterfaces, ANewStartCountsFromItsOwnTime) {
+  serve();
+  platform.advance(350000);
+  setObject(1, {});
+  listen();
+  platform.advance(7000);
+  EXPECT_EQ(announced(), Lines{});
+  platform.advance(350000);
+  EXPECT_EQ(announced(), marked("ssdp:alive", allTargets(wan)));
+}
+
+TEST_F(GatewayInterfaces, SocketsThatCannotBeOpenedAreMissing) {
+  lm::message record = interfaceRecord(lan);
+  record.insert_string(0x10005, "nosuch0");
+  platformHasInterface(lan, record);
+  start();
+  addObject(lan, internal);
+  enable();
+  const Lines lines = log();
+  const auto start = std::find(lines.begin(), lines.end(), "start int: LAN 192.168.88.1");
+  ASSERT_NE(start, lines.end());
+  EXPECT_EQ(Lines(start + 1, start + 7),
+            (Lines{"udp setsockopt SO_BINDTODEVICE: No such device",
+                   "setsockopt SO_BINDTODEVICE: No such device", "sendAdverts",
+                   "advert sendto failed: Bad file descriptor",
+                   "advert sendto failed: Bad file descriptor",
+                   "advert sendto failed: Bad file descriptor"}));
+  disable();
+  EXPECT_EQ(log()[1], "stop int: LAN");
+}
+
+TEST_F(GatewayInterfaces, TwoWanSidesAreTwoTrees) {
+  platformHasInterface(7, {});
+  serve();
+  addObject(7, external);
+  EXPECT_EQ(found("uuid:UUID-KESTRAVA-WAN-DEVICE-TEST-3").size(), 1U);
+  EXPECT_EQ(found("uuid:UUID-KESTRAVA-WAN-DEVICE-TEST-7").size(), 1U);
+  EXPECT_EQ(found("urn:schemas-upnp-org:service:WANIPConnection:1").size(), 2U);
+  const std::string document = exchange("GET /gateway.xml HTTP/1.1\r\n\r\n");
+  for (const char* url :
+       {"/wanipconn-3.xml", "/wanipconn-7.xml", "/wancommonifc-3.xml", "/wancommonifc-7.xml",
+        "/upnp/control/wanipconn-3", "/upnp/event/wancommonifc-7"}) {
+    EXPECT_NE(document.find(url), std::string::npos) << url;
+  }
+  // One of them goes, the other stays.
+  removeObject(2);
+  EXPECT_EQ(status("POST /upnp/control/wanipconn-3"), "HTTP/1.1 404 Not Found");
+  EXPECT_EQ(status("POST /upnp/control/wanipconn-7"), "HTTP/1.1 400 Bad Request");
+}
+
+TEST_F(GatewayInterfaces, AWanThatStartsBeforeAnyLanIsAnnouncedWithTheLan) {
+  start();
+  addObject(wan, external);
+  enable();
+  const Lines lines = log();
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), "sendAdverts"), 0);
+  listen();
+  addObject(lan, internal);
+  EXPECT_EQ(announced(), marked("ssdp:alive", allTargets(wan)));
+}
+
+TEST_F(GatewayInterfaces, AWanThatWasWithdrawnIsFoundUntilTheTargetsAreMadeAnew) {
+  platformHasInterface(7, {});
+  serve();
+  const std::string udn = "uuid:UUID-KESTRAVA-WAN-DEVICE-TEST-3";
+  removeObject(2);
+  EXPECT_EQ(found(udn), Lines{udn});
+  EXPECT_EQ(exchange("GET /gateway.xml HTTP/1.1\r\n\r\n").find(udn), std::string::npos);
+  addObject(7, external);
+  EXPECT_EQ(found(udn), Lines{});
+}
+
+TEST_F(GatewayInterfaces, AWanThatStopsRemovesItsRulesAndItsServices) {
+  serve();
+  openPort(wan);
+  removeObject(2);
+  const auto removed = platform.sentTo({20, 5}, lm::cmd::removeObject);
+  ASSERT_EQ(removed.size(), 1U);
+  EXPECT_EQ(lm::test::describe(lm::test::contentOf(removed[0])), "{u32 0xfe0001=77}");
+  for (const char* line :
+       {"POST /upnp/control/wanipconn-3", "POST /upnp/control/wancommonifc-3",
+        "SUBSCRIBE /upnp/event/wanipconn-3", "SUBSCRIBE /upnp/event/wancommonifc-3"}) {
+    EXPECT_EQ(status(line), "HTTP/1.1 404 Not Found") << line;
+  }
+}
+
+}  // namespace

@@ -1,0 +1,82 @@
+// Who answers a request from the LAN.
+
+#include "core/GatewayFixture.h"
+#include "platform/Keys.h"
+
+namespace {
+
+class GatewayRequests : public GatewayTest {
+ protected:
+  void SetUp() override { serve(); }
+};
+
+TEST_F(GatewayRequests, TheDescriptionNamesTheInterfaceThatServesIt) {
+  const std::string reply = exchange("GET /gateway.xml HTTP/1.1\r\n\r\n");
+  EXPECT_EQ(reply.substr(0, 15), "HTTP/1.1 200 OK");
+  EXPECT_NE(reply.find("    <presentationURL>http://192.168.88.1/</presentationURL>\r\n"
+                       "  </device>\r\n"
+                       "  <URLBase>http://192.168.88.1:2828</URLBase>\r\n"
+                       "</root>\r\n"),
+            std::string::npos);
+  EXPECT_NE(reply.find("<manufacturerURL>http://www.kestrava.example/</manufacturerURL>"),
+            std::string::npos);
+}
+
+TEST_F(GatewayRequests, AnyMethodButFourIsNotImplemented) {
+  for (const char* method : {"HEAD", "get", "PUT", "M-SEARCH", ""}) {
+    EXPECT_EQ(status(std::string(method) + " /gateway.xml"), "HTTP/1.1 501 Not Implemented");
+    EXPECT_EQ(log(), Lines{std::string("what is this: '") + method + "'"});
+  }
+}
+
+TEST_F(GatewayRequests, AQueryIsPartOfTheUrl) {
+  EXPECT_EQ(status("GET /gateway.xml?x=1"), "HTTP/1.1 404 Not Found");
+  EXPECT_EQ(status("GET http://192.168.88.1:2828/gateway.xml"), "HTTP/1.1 404 Not Found");
+  EXPECT_EQ(log(), Lines{});
+}
+
+TEST_F(GatewayRequests, AServiceIsFoundByItsUrlBeforeTheHostIsLookedAt) {
+  EXPECT_EQ(status("POST /upnp/control/none"), "HTTP/1.1 404 Not Found");
+  EXPECT_EQ(status("POST /upnp/event/osinfo"), "HTTP/1.1 404 Not Found");
+  EXPECT_EQ(status("SUBSCRIBE /upnp/control/osinfo"), "HTTP/1.1 404 Not Found");
+  EXPECT_EQ(status("UNSUBSCRIBE /gateway.xml"), "HTTP/1.1 404 Not Found");
+  EXPECT_EQ(log(), Lines{});
+}
+
+TEST_F(GatewayRequests, TheHostMustBeThisInterface) {
+  EXPECT_EQ(status("SUBSCRIBE /upnp/event/osinfo", "HOST: 10.0.0.1\r\n"),
+            "HTTP/1.1 400 Bad Request");
+  EXPECT_EQ(status("UNSUBSCRIBE /upnp/event/osinfo", "HOST: 192.168.88.1:80\r\n"),
+            "HTTP/1.1 400 Bad Request");
+  EXPECT_EQ(status("POST /upnp/control/osinfo"), "HTTP/1.1 400 Bad Request");
+  EXPECT_EQ(log(),
+            (Lines{"SUBSCRIBE: host mismatch '10.0.0.1'",
+                   "UNSUBSCRIBE: host mismatch '192.168.88.1:80'", "POST: host mismatch ''"}));
+}
+
+TEST_F(GatewayRequests, TheHostMayHaveThePortOrNot) {
+  for (const char* host : {"192.168.88.1", "192.168.88.1:2828"}) {
+    const std::string field = std::string("HOST: ") + host + "\r\n";
+    EXPECT_EQ(status("SUBSCRIBE /upnp/event/wanipconn-3", field),
+              "HTTP/1.1 412 Precondition Failed");
+    EXPECT_EQ(status("UNSUBSCRIBE /upnp/event/wancommonifc-3", field),
+              "HTTP/1.1 412 Precondition Failed");
+    EXPECT_EQ(log(), Lines{});
+    EXPECT_EQ(status("POST /upnp/control/osinfo", field), "HTTP/1.1 400 Bad Request");
+    EXPECT_EQ(log(), Lines{"POST method with bad CONTENT-TYPE: "});
+  }
+}
+
+TEST_F(GatewayRequests, AServiceAnswersItsRequests) {
+  const std::string reply = invoke("/upnp/control/wanipconn-3", "GetExternalIPAddress");
+  EXPECT_NE(reply.find("<NewExternalIPAddress>45.45.45.2</NewExternalIPAddress>"),
+            std::string::npos);
+}
+
+TEST_F(GatewayRequests, AnAcceptThatFailsIsNotFatal) {
+  gateway->acceptHttp(-1);
+  EXPECT_EQ(log(), Lines{"accept failed"});
+  EXPECT_EQ(status("GET /gateway.xml"), "HTTP/1.1 200 OK");
+}
+
+}  // namespace
