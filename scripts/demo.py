@@ -16,7 +16,7 @@ import time
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests"))
 
 from support.network import (LAN_ADDRESS, LAN_BRIDGE, WAN_ADDRESS, WAN_LINK, Network, exchange_tcp,
-                             exchange_udp, tcp_refused, udp_refused)
+                             exchange_udp, tcp_refused, udp_refused, wait_until)
 from support.netns import Namespace
 from support.router import CommandFailed, Router
 
@@ -82,11 +82,12 @@ def port_life(router, host, wan):
         host.upnpc("-d", str(UDP_PORT), "udp")
         expect(not router.ports(), "a port is still open")
     with step(f"the WAN host is refused on TCP port {TCP_PORT}"):
-        expect(tcp_refused(wan, WAN_ADDRESS, TCP_PORT), "it was let through")
+        expect(tcp_refused(wan, WAN_ADDRESS, TCP_PORT, host, 80), "it was let through")
     with step(f"the WAN host is refused on UDP port {UDP_PORT}, from the same source port too"):
         for source in (UDP_SOURCE, UDP_SOURCE + 1):
             with wan.udp(source, to=(WAN_ADDRESS, UDP_PORT)) as late:
-                expect(udp_refused(late), f"it was let through from port {source}")
+                wait_until(lambda: udp_refused(late, host, UDP_PORT),
+                           f"the WAN host is refused from port {source}")
 
 
 class RealNetwork:

@@ -20,8 +20,8 @@ class FailureTest(RouterCase):
         killed = self.router.gateway_pid()
         os.kill(killed, signal.SIGKILL)
         self.wait_until(lambda: not self.router.ports(), "no port is open", 2)
-        self.assertTrue(tcp_refused(self.wan, WAN_ADDRESS, 8080))
-        self.wait_until(lambda: udp_refused(client), "the old flow is refused")
+        self.assertTrue(tcp_refused(self.wan, WAN_ADDRESS, 8080, self.lan[0], 8080))
+        self.wait_until(lambda: udp_refused(client, host, 5060), "the old flow is refused")
         self.assertNotIn("192.168.88.10", self.router.kernel_map())
 
         control = self.router.wait_until_controllable()
@@ -37,7 +37,7 @@ class FailureTest(RouterCase):
         self.router.kill()
         self.wait_until(lambda: not os.path.exists(f"/proc/{gateway}"), "the gateway ended")
         self.wait_until(lambda: not self.router.kernel_map(), "the table is gone")
-        self.assertTrue(tcp_refused(self.wan, WAN_ADDRESS, 8080))
+        self.assertTrue(tcp_refused(self.wan, WAN_ADDRESS, 8080, self.lan[0], 8080))
 
         # What was set up is still so.
         self.router.start()
@@ -72,7 +72,8 @@ class FailureTest(RouterCase):
 
     def test_other_tables_are_left_alone(self):
         nft = self.router.namespace.run
-        nft("nft", "add table ip theirs; add chain ip theirs c { type filter hook input priority 0; }")
+        nft("nft", "add table ip theirs; "
+                   "add chain ip theirs input { type filter hook input priority 0; }")
         before = nft("nft", "list", "table", "ip", "theirs")
         self.lan[0].open_port(8080, "TCP")
         self.router.stop()
@@ -105,7 +106,7 @@ class SwitchTest(RouterCase):
 
         self.router.lumenctl("upnp", "settings", "set", "enabled=off")
         self.wait_until(lambda: self.router.gateway_pid() == 0, "the gateway ends by itself")
-        self.assertTrue(tcp_refused(self.wan, WAN_ADDRESS, 8080))
+        self.assertTrue(tcp_refused(self.wan, WAN_ADDRESS, 8080, self.lan[0], 8080))
         status = self.router.status()
         self.assertEqual(status["gateway"], "off")
         self.assertEqual({(i["name"], i["role"]) for i in status["interfaces"]},

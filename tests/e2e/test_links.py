@@ -42,14 +42,14 @@ class LinkTest(RouterCase):
         self.assertEqual((ports["8081/tcp"]["address"], ports["8081/tcp"]["state"]),
                          ("45.45.45.9", "open"))
         exchange_tcp(self.wan, "45.45.45.9", 8081, host, 8081)
-        self.assertTrue(tcp_refused(self.wan, "45.45.45.9", 8080))
+        self.assertTrue(tcp_refused(self.wan, "45.45.45.9", 8080, host, 8080))
 
         self.ip("address", "add", f"{WAN_ADDRESS}/24", "dev", WAN_LINK)
         self.wait_until(lambda: self.router.ports()["8080/tcp"]["state"] == "open",
                         "the port is no longer stale")
         exchange_tcp(self.wan, WAN_ADDRESS, 8080, host, 8080)
         host.close_port(8080, "TCP")
-        self.assertTrue(tcp_refused(self.wan, WAN_ADDRESS, 8080))
+        self.assertTrue(tcp_refused(self.wan, WAN_ADDRESS, 8080, self.lan[0], 8080))
 
     def test_the_gateway_moves_with_its_lan_address(self):
         old, new = LAN_ADDRESS, "192.168.88.2"
@@ -150,7 +150,7 @@ class LinkTest(RouterCase):
     def test_roles_that_change_take_effect_at_once(self):
         self.lan[0].open_port(8080, "TCP")
         self.router.lumenctl("upnp", "interface", "remove", WAN_LINK)
-        self.assertTrue(tcp_refused(self.wan, WAN_ADDRESS, 8080))
+        self.assertTrue(tcp_refused(self.wan, WAN_ADDRESS, 8080, self.lan[0], 8080))
         self.assertEqual(self.router.ports(), {})
         self.router.lumenctl("interface", "forget", WAN_LINK)
         self.assertIsNone(self.router.interface(WAN_LINK))

@@ -19,15 +19,15 @@ class PortTest(RouterCase):
         self.assertIn(f"ExternalIPAddress = {WAN_ADDRESS}", found)
         self.assertIn("Status : Connected", found)
 
-        client = self.wan_udp(5060)
-        self.assertTrue(tcp_refused(self.wan, WAN_ADDRESS, 8080))
-        self.assertTrue(udp_refused(client))
+        self.assertTrue(tcp_refused(self.wan, WAN_ADDRESS, 8080, host, 80))
+        self.assertTrue(udp_refused(self.wan_udp(5060), host, 5061))
         opened = host.upnpc("-e", "web", "-a", host.address, "80", "8080", "TCP")
         self.assertIn(f"external {WAN_ADDRESS}:8080 TCP is redirected to internal "
                       f"{host.address}:80", opened)
         host.upnpc("-e", "phone", "-a", host.address, "5061", "5060", "UDP")
 
         exchange_tcp(self.wan, WAN_ADDRESS, 8080, host, 80)
+        client = self.wan_udp(5060)
         exchange_udp(client, host, 5061)
 
         listed = host.upnpc("-l")
@@ -48,15 +48,16 @@ class PortTest(RouterCase):
 
         host.upnpc("-d", "8080", "TCP")
         host.upnpc("-d", "5060", "UDP")
-        self.assertTrue(tcp_refused(self.wan, WAN_ADDRESS, 8080))
+        self.assertTrue(tcp_refused(self.wan, WAN_ADDRESS, 8080, host, 80))
+        self.assertTrue(udp_refused(self.wan_udp(5060), host, 5061))
         # From the same source port: the flow does not outlive its port.
-        self.wait_until(lambda: udp_refused(client), "the old flow is refused")
+        self.wait_until(lambda: udp_refused(client, host, 5061), "the old flow is refused")
         self.assertEqual(self.router.ports(), {})
         self.assertNotIn("192.168.88.10", self.router.kernel_map())
 
     def test_a_flow_that_began_before_its_port_was_opened_gets_through(self):
         client = self.wan_udp(5060)
-        self.assertTrue(udp_refused(client))
+        self.assertTrue(udp_refused(client, self.lan[0], 5060))
         self.lan[0].open_port(5060, "UDP")
         with self.lan[0].udp(5060) as receiver:
             def arrives():
@@ -76,7 +77,7 @@ class PortTest(RouterCase):
                 host.close_port(8080, "TCP")
                 connection.send(b"still there?")
                 self.assertEqual(accepted.recv(100), b"still there?")
-        self.assertTrue(tcp_refused(self.wan, WAN_ADDRESS, 8080))
+        self.assertTrue(tcp_refused(self.wan, WAN_ADDRESS, 8080, host, 8080))
 
     def test_two_hosts_cannot_have_the_same_port(self):
         first, second = self.lan
@@ -121,8 +122,8 @@ class PortTest(RouterCase):
         exchange_udp(client, host, 5060)
         self.router.lumenctl("nat", "close", "8080/tcp")
         self.router.lumenctl("nat", "close", "5060/udp")
-        self.assertTrue(tcp_refused(self.wan, WAN_ADDRESS, 8080))
-        self.wait_until(lambda: udp_refused(client), "the old flow is refused")
+        self.assertTrue(tcp_refused(self.wan, WAN_ADDRESS, 8080, host, 8080))
+        self.wait_until(lambda: udp_refused(client, host, 5060), "the old flow is refused")
         self.assertEqual({p["state"] for p in self.router.ports().values()}, {"closed"})
         host.close_port(8080, "TCP")
         host.close_port(5060, "UDP")
@@ -137,9 +138,10 @@ class PortTest(RouterCase):
         self.assertIn("Server: Palinode/", seen)
         self.assertIn("Location: http://192.168.88.1:2828/gateway.xml", seen)
         self.assertIn("Name: Kestrava Router", seen)
-        # The script for one host hears answers from port 1900 only; the gateway's come from another.
+        # The script for one host hears answers from port 1900 only; ours come from another.
         # All that it can see is that somebody listens.
-        seen = nmap("nmap", "-sU", "-p", "1900", "-Pn", "-n", "--script", "upnp-info", "192.168.88.1")
+        seen = nmap("nmap", "-sU", "-p", "1900", "-Pn", "-n", "--script", "upnp-info",
+                    "192.168.88.1")
         self.assertRegex(seen, r"1900/udp open\|filtered upnp")
 
 

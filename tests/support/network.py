@@ -1,6 +1,6 @@
-"""The network around a router: hosts on its LAN, a host on its WAN side, each in a network namespace
-of its own. Addresses of the WAN side are ones that UPnP clients take for public; they exist in the
-namespaces only.
+"""The network around a router: hosts on its LAN, a host on its WAN side, each in a network
+namespace of its own. Addresses of the WAN side are ones that UPnP clients take for public; they
+exist in the namespaces only.
 
     lan[0] 192.168.88.10 ─┐
                           br-lan 192.168.88.1  router  wan0 45.45.45.1 ── 45.45.45.2 wan
@@ -9,6 +9,7 @@ namespaces only.
 
 import contextlib
 import re
+import select
 import socket
 import time
 import urllib.parse
@@ -27,7 +28,7 @@ WAN_HOST = "45.45.45.2"
 DESCRIPTION = "/gateway.xml"
 CONNECTION_SERVICE = "urn:schemas-upnp-org:service:WANIPConnection:1"
 
-# Within a network of namespaces an answer takes no time worth mentioning; what takes seconds is lost.
+# In seconds. Between namespaces an answer takes no time worth mentioning.
 ANSWER_LIMIT = 5.0
 
 
@@ -133,9 +134,9 @@ class ControlPoint(Host):
         """Opens the port for this host, or for `client`."""
         self.invoke("AddPortMapping", [
             ("NewRemoteHost", ""), ("NewExternalPort", port), ("NewProtocol", protocol),
-            ("NewInternalPort", internal_port or port), ("NewInternalClient", client or self.address),
-            ("NewEnabled", "1"), ("NewPortMappingDescription", description),
-            ("NewLeaseDuration", "0")], **invocation)
+            ("NewInternalPort", internal_port or port),
+            ("NewInternalClient", client or self.address), ("NewEnabled", "1"),
+            ("NewPortMappingDescription", description), ("NewLeaseDuration", "0")], **invocation)
 
     def close_port(self, port, protocol, **invocation):
         self.invoke("DeletePortMapping", [("NewRemoteHost", ""), ("NewExternalPort", port),
@@ -170,7 +171,7 @@ class Network:
             self._undo = undo.pop_all()
 
     def _wire(self):
-        # The second as distributions set it: when the first address of a link goes, the others stay.
+        # The second as distributions set it: the other addresses of a link outlive its first one.
         for setting in ("ip_forward", "conf/all/promote_secondaries"):
             self.router.run("sh", "-c", f"echo 1 > /proc/sys/net/ipv4/{setting}")
         self.router.ip("link", "add", LAN_BRIDGE, "type", "bridge")
@@ -206,7 +207,8 @@ class Network:
 
 
 def exchange_tcp(sender, address, port, receiver, receiver_port):
-    """Sends bytes from the host `sender` through `address`:`port` to the host `receiver` and back."""
+    """Sends bytes from the host `sender` through `address`:`port` to the host `receiver` and
+    back."""
     with receiver.listen(receiver_port) as listener, sender.connect(address, port) as connection:
         accepted, peer = listener.accept()
         with accepted:
@@ -233,20 +235,28 @@ def exchange_udp(sender, receiver, receiver_port):
             raise AssertionError("got something else back")
 
 
-def tcp_refused(sender, address, port):
-    """Whether a connection from the host `sender` is refused at once."""
-    try:
-        sender.connect(address, port).close()
-        return False
-    except ConnectionRefusedError:
-        return True
+def tcp_refused(sender, address, port, receiver, receiver_port):
+    """Whether a connection from the host `sender` is refused, although the host `receiver` would
+    take it."""
+    with receiver.listen(receiver_port):
+        try:
+            sender.connect(address, port).close()
+            return False
+        except ConnectionRefusedError:
+            return True
 
 
-def udp_refused(sender):
-    """Whether what the connected UDP socket `sender` sends is refused at once."""
-    try:
+def udp_refused(sender, receiver, receiver_port):
+    """Whether what the connected UDP socket `sender` sends is refused, although the host `receiver`
+    would take it."""
+    with receiver.udp(receiver_port) as sock:
+        sender.getsockopt(socket.SOL_SOCKET, socket.SO_ERROR)  # forgets earlier refusals
         sender.send(b"anybody there?")
-        sender.recv(100)
-        return False
-    except ConnectionRefusedError:
-        return True
+        readable, _, _ = select.select([sender, sock], [], [], ANSWER_LIMIT)
+        if sock in readable or not readable:
+            return False
+        try:
+            sender.recv(100)
+            return False
+        except ConnectionRefusedError:
+            return True

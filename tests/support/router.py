@@ -1,5 +1,5 @@
-"""A router at work: lumend and what it starts, in the router's namespace of a Network, with a folder
-of its own as /lumen. The built programs are found in $PALINODE_BIN. Needs root."""
+"""A router at work: lumend and what it starts, in the router's namespace of a Network, with a
+folder of its own as /lumen. The built programs are found in $PALINODE_BIN. Needs root."""
 
 import contextlib
 import json
