@@ -1,7 +1,9 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
+#include <ctime>
 #include <random>
 
 #include "lumen/runtime/Codec.h"
@@ -198,17 +200,26 @@ TEST(Codec, SurvivesRandomBytesAndGivesBackWhatItAccepts) {
   EXPECT_GT(accepted, 0);
 }
 
-TEST(Codec, DecodesManySmallFieldsInLinearTime) {
+/// The processor time that decoding `fields` fields takes, the best of three.
+std::chrono::nanoseconds costOfDecoding(uint32_t fields) {
   message m;
-  for (uint32_t key = 0; key < maxDatagram / 5; ++key) {
-    m.fields().append(key, true);
-  }
+  for (uint32_t key = 0; key < fields; ++key) m.fields().append(key, true);
   const std::string datagram = encode(m);
-  const auto start = std::chrono::steady_clock::now();
-  std::string reason;
-  ASSERT_TRUE(decode(datagram, reason)) << reason;
-  // Compared pair by pair, 26,000 keys take seconds under the sanitizers.
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
+  auto best = std::chrono::nanoseconds::max();
+  for (int round = 0; round < 3; ++round) {
+    const std::clock_t start = std::clock();
+    std::string reason;
+    EXPECT_TRUE(decode(datagram, reason)) << reason;
+    const double seconds = static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC;
+    best = std::min(best, std::chrono::nanoseconds(static_cast<int64_t>(seconds * 1e9)));
+  }
+  return best;
+}
+
+TEST(Codec, DecodesManySmallFieldsInLittleMoreThanLinearTime) {
+  const uint32_t most = maxDatagram / 5;
+  // Comparing each key with each other would take 64 times as long.
+  EXPECT_LT(costOfDecoding(most), 24 * costOfDecoding(most / 8) + std::chrono::milliseconds(1));
 }
 
 }  // namespace
