@@ -193,7 +193,8 @@ TEST_F(HTTPServerTest, AnswersOnlyTheFirstOfTwoRequests) {
 
 TEST_F(HTTPServerTest, DeliversTheReplyAlthoughBytesAreLeftUnread) {
   Client client;
-  client.send("GET /1 HTTP/1.1\r\n\r\n" + std::string(20000, 'x'));
+  client.send("GET /1 HTTP/1.1\r\n\r\n");
+  client.send(std::string(20000, 'x'));
   untilClosed(client);
   EXPECT_EQ(client.received, reply);
   EXPECT_NE(client.error, ECONNRESET);

@@ -59,8 +59,8 @@ TEST(XMLNode, AddsSubNodesAtTheEnd) {
   XMLNode root("root");
   XMLNode& first = root.addSubNode("a", "1");
   root.addSubNode("a", "2");
-  first.value = "3";
-  EXPECT_EQ(root.get(), "<root>\r\n  <a>3</a>\r\n  <a>2</a>\r\n</root>\r\n");
+  first.addProperty("p", "3");
+  EXPECT_EQ(root.get(), "<root>\r\n  <a p=\"3\">1</a>\r\n  <a>2</a>\r\n</root>\r\n");
 }
 
 TEST(XMLNode, CopiesItsWholeSubtree) {
@@ -69,8 +69,8 @@ TEST(XMLNode, CopiesItsWholeSubtree) {
   original.addSubNode(XMLNode("list")).addSubNode("a", "1");
   const XMLNode copy = original;
   const std::string before = original.get();
-  original.subNodes.front().subNodes.front().value = "2";
-  original.properties.front().value = "2";
+  original.subNodes.front().subNodes.front().addProperty("p", "2");
+  original.properties.clear();
   EXPECT_EQ(copy.get(), before);
   EXPECT_NE(original.get(), before);
 }
