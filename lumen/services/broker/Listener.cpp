@@ -24,12 +24,11 @@ Listener::~Listener() {
   if (!path_.empty()) unlink(path_.c_str());
 }
 
-bool Listener::listen(const std::string& path) {
+std::string Listener::listen(const std::string& path) {
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;
   if (path.size() >= sizeof address.sun_path) {
-    lm::logLine(path, ": ", strerror(ENAMETOOLONG));
-    return false;
+    return path + ": " + strerror(ENAMETOOLONG);
   }
   memcpy(address.sun_path, path.c_str(), path.size() + 1);
   socket_.reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
@@ -38,12 +37,11 @@ bool Listener::listen(const std::string& path) {
   if (!socket_.valid() ||
       bind(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
       chmod(path.c_str(), everybody) != 0 || ::listen(socket_.get(), backlog) != 0) {
-    lm::logLine(path, ": ", strerror(errno));
-    return false;
+    return path + ": " + strerror(errno);
   }
   path_ = path;
   watch_.start<&Listener::ready>(socket_.get(), *this, lm::watchRead);
-  return true;
+  return {};
 }
 
 // All that wait, so that many who are refused do not keep back one who is not.

@@ -18,9 +18,9 @@ class Listener {
   /// Removes the socket.
   ~Listener();
 
-  /// Starts to listen at `path`; a socket that an earlier process has left there goes. False when
-  /// it cannot, which is then in the log.
-  [[nodiscard]] bool listen(const std::string& path);
+  /// Starts to listen at `path`; a socket that an earlier process has left there goes. Empty on
+  /// success, else what failed.
+  [[nodiscard]] std::string listen(const std::string& path);
 
  private:
   void ready(int fd);

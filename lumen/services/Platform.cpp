@@ -1,0 +1,53 @@
+#include "lumen/services/Platform.h"
+
+#include <grp.h>
+
+#include <optional>
+#include <utility>
+
+#include "platform/Keys.h"
+
+namespace lumen {
+
+namespace {
+
+constexpr const char* administrators = "lumen";
+
+std::optional<gid_t> administratorGroup() {
+  const group* const found = getgrnam(administrators);
+  if (found == nullptr) return std::nullopt;
+  return found->gr_gid;
+}
+
+std::string store(const std::string& name) { return path::storeFolder + "/" + name; }
+
+}  // namespace
+
+Platform::Platform(const lm::EventLoop& loop, Processes& processes,
+                   std::vector<ServiceDefinition> services)
+    : supervisor_(std::move(services), processes, loop.clock(), path::runFolder),
+      broker_(supervisor_, loop.clock(), administratorGroup()),
+      identity_(store("identity")),
+      addresses_(broker_),
+      interfaces_(links_, addresses_, broker_, store("interfaces")),
+      natMap_(nftables_),
+      policies_(path::natPolicy, store("nat")),
+      natRules_(natMap_, flows_, addresses_, policies_, loop.clock()),
+      listener_(broker_) {
+  supervisor_.setObserver(broker_);
+  broker_.addLocal(lm::service::identity, 0, identity_);
+  broker_.addLocal(lm::service::interfaces, lm::handler::interfaces, interfaces_);
+  broker_.addLocal(lm::service::interfaces, lm::handler::addresses, addresses_);
+  broker_.addLocal(lm::service::interfaces, lm::handler::natRules, natRules_);
+}
+
+std::string Platform::start() {
+  if (const auto error = policies_.load()) return "NAT policy: " + *error;
+  if (const auto error = natMap_.open(path::natRuleset)) return "NAT table: " + *error;
+  interfaces_.start();
+  std::string error = listener_.listen(path::socket);
+  if (error.empty()) supervisor_.boot();
+  return error;
+}
+
+}  // namespace lumen

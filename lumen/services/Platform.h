@@ -1,0 +1,69 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "lumen/runtime/EventLoop.h"
+#include "lumen/services/addresses/AddressTable.h"
+#include "lumen/services/broker/Broker.h"
+#include "lumen/services/broker/Listener.h"
+#include "lumen/services/identity/Identity.h"
+#include "lumen/services/interfaces/InterfaceTable.h"
+#include "lumen/services/nat/NatMap.h"
+#include "lumen/services/nat/NatRules.h"
+#include "lumen/services/nat/PolicyBook.h"
+#include "lumen/services/supervisor/ServiceFile.h"
+#include "lumen/services/supervisor/Supervisor.h"
+#include "lumen/services/system/LibNftables.h"
+#include "lumen/services/system/NetlinkFlows.h"
+#include "lumen/services/system/NetlinkLinks.h"
+#include "lumen/services/system/Processes.h"
+
+namespace lumen {
+
+/// Where lumend finds and leaves its files.
+namespace path {
+inline const std::string serviceFolder = "/lumen/etc/services";
+inline const std::string natRuleset = "/lumen/etc/nat-ruleset.nft";
+inline const std::string natPolicy = "/lumen/etc/nat-policy";
+inline const std::string storeFolder = "/lumen/store";
+inline const std::string runFolder = "/lumen/run";
+inline const std::string socket = "/lumen/run/lumen.sock";
+inline const std::string lock = "/lumen/run/lumend.lock";
+}  // namespace path
+
+/// Everything that lumend does, on the real kernel.
+class Platform {
+ public:
+  /// The stores of lumend's own, directories in the store folder that must exist.
+  static std::vector<std::string> stores() { return {"identity", "interfaces", "nat"}; }
+
+  /// `loop` and `processes` must outlive this.
+  Platform(const lm::EventLoop& loop, Processes& processes,
+           std::vector<ServiceDefinition> services);
+  Platform(const Platform&) = delete;
+  Platform& operator=(const Platform&) = delete;
+
+  /// Starts to serve, then the services. Empty on success, else what failed.
+  [[nodiscard]] std::string start();
+
+  /// Ends the services, then this.
+  void shutDown() { supervisor_.shutDown(); }
+  [[nodiscard]] bool isShutDown() const { return supervisor_.isShutDown(); }
+
+ private:
+  Supervisor supervisor_;
+  Broker broker_;
+  Identity identity_;
+  NetlinkLinks links_;
+  AddressTable addresses_;
+  InterfaceTable interfaces_;
+  LibNftables nftables_;
+  NatMap natMap_;
+  NetlinkFlows flows_;
+  PolicyBook policies_;
+  NatRules natRules_;
+  Listener listener_;
+};
+
+}  // namespace lumen
