@@ -1,0 +1,71 @@
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "lumen/services/identity/Identity.h"
+#include "platform/Keys.h"
+
+namespace lumen {
+namespace {
+
+class IdentityTest : public testing::Test {
+ protected:
+  IdentityTest() { EXPECT_NE(mkdtemp(store_.data()), nullptr); }
+  ~IdentityTest() override { std::filesystem::remove_all(store_); }
+
+  static std::string read(Identity& identity) {
+    return identity.handle(Caller{}, lm::cmd::get, {}).get_string(0x20000001);
+  }
+  std::string readAfterStart() {
+    Identity identity(store_);
+    return read(identity);
+  }
+
+  std::string store_ = testing::TempDir() + "identityXXXXXX";
+};
+
+TEST_F(IdentityTest, IsThirtyTwoHexadecimalDigits) {
+  const std::string identity = readAfterStart();
+  EXPECT_EQ(identity.size(), 32U);
+  EXPECT_EQ(identity.find_first_not_of("0123456789abcdef"), std::string::npos) << identity;
+}
+
+TEST_F(IdentityTest, StaysTheSameFromStartToStart) {
+  const std::string identity = readAfterStart();
+  EXPECT_EQ(readAfterStart(), identity);
+}
+
+TEST_F(IdentityTest, DiffersBetweenRouters) {
+  const std::string identity = readAfterStart();
+  std::filesystem::remove(store_ + "/0");
+  EXPECT_NE(readAfterStart(), identity);
+}
+
+TEST_F(IdentityTest, IsMadeAnewWhenTheStoredOneIsBroken) {
+  testing::internal::CaptureStdout();
+  const std::string identity = readAfterStart();
+  std::ofstream(store_ + "/0") << "broken";
+  const std::string second = readAfterStart();
+  EXPECT_EQ(second.size(), 32U);
+  EXPECT_NE(second, identity);
+  EXPECT_EQ(readAfterStart(), second);
+  EXPECT_NE(testing::internal::GetCapturedStdout(), "") << "that is reported";
+}
+
+TEST_F(IdentityTest, LastsAsLongAsTheProcessWhenItCannotBeStored) {
+  testing::internal::CaptureStdout();
+  Identity identity(store_ + "/nowhere");
+  EXPECT_EQ(read(identity).size(), 32U);
+  EXPECT_EQ(read(identity), read(identity));
+  EXPECT_NE(testing::internal::GetCapturedStdout(), "");
+}
+
+TEST_F(IdentityTest, CannotBeWritten) {
+  Identity identity(store_);
+  EXPECT_EQ(lm::getError(identity.handle(Caller{}, lm::cmd::set, {})), "unknown command");
+}
+
+}  // namespace
+}  // namespace lumen
