@@ -1,8 +1,8 @@
 #pragma once
 
-#include <compare>
 #include <cstdint>
 #include <string>
+#include <tuple>
 
 /// What a port mapping is known by. The order is by port, then TCP before UDP.
 struct Id {
@@ -12,7 +12,9 @@ struct Id {
   uint32_t externalPort = 0;  ///< 0 to 65535
   uint32_t protocol = tcp;
 
-  friend auto operator<=>(const Id&, const Id&) = default;
+  friend bool operator<(const Id& a, const Id& b) {
+    return std::tie(a.externalPort, a.protocol) < std::tie(b.externalPort, b.protocol);
+  }
 };
 
 /// A port mapping: where the connections to an external port go. Its NAT rule exists as long as it.
