@@ -22,13 +22,13 @@ struct Wish {
   std::string enabled = "1";
   std::string description = "web";
   std::string lease = "0";
-  std::string remoteHost = "";
+  std::string remoteHost = {};
 };
 
 /// A connection whose NAT rule table gives rules the ids 501, 502 and so on.
 class PortMapping : public Router {
  protected:
-  PortMapping() {
+  void SetUp() override {
     platform.onRequest(natTable, lm::cmd::addObject, [this](const lm::message&) {
       lm::message reply;
       reply.insert_u32(0xfe0001, ++lastRule);
@@ -39,7 +39,7 @@ class PortMapping : public Router {
     (void)logOf([this] { connection.emplace(7U, strtoip("45.45.45.2")); });
     platform.forgetSent();
   }
-  ~PortMapping() override {
+  void TearDown() override {
     (void)logOf([this] { connection.reset(); });
   }
 

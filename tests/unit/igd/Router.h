@@ -39,7 +39,7 @@ class Router : public ::testing::Test {
     std::string empty;
     std::string others;
     for (const auto& [name, value] : in) {
-      (value.empty() ? empty : others) += "<" + name + ">" + value + "</" + name + ">";
+      (value.empty() ? empty : others) += leaf(name, value);
     }
     std::string reply;
     log = logOf(
@@ -65,7 +65,7 @@ class Router : public ::testing::Test {
     std::string element = "    <u:" + action + "Response xmlns:u=\"" + serviceType + "\">";
     if (!out.empty()) element += "\r\n";
     for (const auto& [name, value] : out) {
-      element += "      <" + name + ">" + value + "</" + name + ">\r\n";
+      element.append("      ").append(leaf(name, value)).append("\r\n");
     }
     if (!out.empty()) element += "    ";
     element += "</u:" + action + "Response>\r\n";

@@ -220,7 +220,8 @@ TEST_F(WanIpConnection, LeavesTheInterfaceAloneWhenControlPointsMayNotSwitchIt) 
 TEST_F(WanIpConnection, AnswersAQueryOfEachOfItsVariables) {
   for (const auto& [name, variable] : connection->getVariables()) {
     HTTPMessage reply;
-    (void)logOf([&] { reply = connection->post(variableRequest(name)); });
+    const HTTPMessage request = variableRequest(name);
+    (void)logOf([&] { reply = connection->post(request); });
     EXPECT_EQ(reply.startLine,
               variable.hasValue ? "HTTP/1.1 200 OK" : "HTTP/1.1 500 Internal Server Error")
         << name;

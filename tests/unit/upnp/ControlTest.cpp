@@ -90,7 +90,7 @@ TEST_F(Control, RefusesWhatIsNoSoapRequest) {
     std::function<void(SoapRequest&)> spoil;
     std::string line;
   };
-  const auto body = [](std::string text) {
+  const auto body = [](const std::string& text) {
     return [text](SoapRequest& request) { request.body = text; };
   };
   const std::string encoding = " s:encodingStyle=\"http://schemas.xmlsoap.org/soap/encoding/\"";
@@ -123,28 +123,26 @@ TEST_F(Control, RefusesWhatIsNoSoapRequest) {
 }
 
 TEST_F(Control, ChecksInTheOrderOfTheMessage) {
-  const std::vector<std::string> lines = {"POST method with bad CONTENT-TYPE: ",
-                                          "POST: with bad xml",
-                                          "POST: XML bad node name: ",
-                                          "POST: XML no encoding style",
-                                          "POST: XML bad encoding style",
-                                          "POST: XML no body",
-                                          "POST: with no SOAPACTION"};
-  const std::vector<std::string> bodies = {"<a",
-                                           "<a",
-                                           "<a/>",
-                                           "<Envelope/>",
-                                           "<Envelope encodingStyle=\"\"/>",
-                                           "<Envelope encodingStyle=\""
-                                           "http://schemas.xmlsoap.org/soap/encoding/\"/>",
-                                           envelope("")};
-  for (size_t step = 0; step < lines.size(); ++step) {
-    HTTPMessage request;
-    if (step > 0) request.addField("CONTENT-TYPE", "text/xml");
-    request.body = bodies[step];
-    EXPECT_EQ(post(request), badRequest);
-    EXPECT_EQ(log.substr(0, lines[step].size()), lines[step]);
+  struct Step {
+    std::string contentType;
+    std::string body;
+    std::string line;
+  };
+  const std::string encoding = "encodingStyle=\"http://schemas.xmlsoap.org/soap/encoding/\"";
+  const std::vector<Step> steps = {
+      {"", "<a", "POST method with bad CONTENT-TYPE: \n"},
+      {"text/xml", "<a", "POST: with bad xml\n"},
+      {"text/xml", "<a/>", "POST: XML bad node name: a\n"},
+      {"text/xml", "<Envelope/>", "POST: XML no encoding style\n"},
+      {"text/xml", "<Envelope encodingStyle=\"\"/>", "POST: XML bad encoding style\n"},
+      {"text/xml", "<Envelope " + encoding + "/>", "POST: XML no body\n"},
+      {"text/xml", envelope(""), "POST: with no SOAPACTION\n"},
+  };
+  for (const auto& [contentType, body, line] : steps) {
+    EXPECT_EQ(post(SoapRequest{contentType, "", body}), badRequest) << body;
+    EXPECT_EQ(log, line) << body;
   }
+  EXPECT_EQ(post(HTTPMessage()), badRequest) << "neither field is there";
 }
 
 TEST_F(Control, AcceptsTextXmlAnywhereInTheType) {
@@ -156,12 +154,14 @@ TEST_F(Control, AcceptsTextXmlAnywhereInTheType) {
 }
 
 TEST_F(Control, MatchesElementsByTheirLocalNames) {
+  const auto prefixed = [](const std::string& p) {
+    return "<" + p + "Envelope " + p +
+           "encodingStyle=\"http://schemas.xmlsoap.org/soap/encoding/\"><" + p + "Header/><" + p +
+           "Body><" + p + "Get/></" + p + "Body></" + p + "Envelope>";
+  };
+  SoapRequest request = actionRequest(lampType, "Get");
   for (const char* prefix : {"", "s:", "SOAP-ENV:", "a:b:"}) {
-    const std::string p = prefix;
-    SoapRequest request = actionRequest(lampType, "Get");
-    request.body = "<" + p + "Envelope " + p +
-                   "encodingStyle=\"http://schemas.xmlsoap.org/soap/encoding/\"><" + p +
-                   "Header/><" + p + "Body><" + p + "Get/></" + p + "Body></" + p + "Envelope>";
+    request.body = prefixed(prefix);
     EXPECT_EQ(post(request), response("Get", getResponse)) << prefix;
   }
 }

@@ -21,6 +21,11 @@ struct SoapRequest {
   }
 };
 
+/// An element with text.
+inline std::string leaf(const std::string& name, const std::string& value) {
+  return "<" + name + ">" + value + "</" + name + ">";
+}
+
 /// A SOAP envelope around `inner`.
 inline std::string envelope(const std::string& inner) {
   return "<?xml version=\"1.0\"?>\r\n"
