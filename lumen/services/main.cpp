@@ -101,7 +101,7 @@ lm::Fd becomeTheOnlyOne() {
   lm::Fd lock = lumen::openLockFile(path::lock);
   if (!lock.valid()) lm::fatal("lumend: ", path::lock, ": ", strerror(errno));
   if (!lumen::takeLock(lock.get())) {
-    lm::fatal("lumend: runs already, process ", lumen::holderOf(lock.get()));
+    lm::fatal("lumend: another one runs already, process ", lumen::holderOf(lock.get()));
   }
   return lock;
 }

@@ -79,9 +79,8 @@ void Service::lost() {
 
 void Service::start() {
   timer_.stop();
-  const pid_t holder = processes_.lockHolder(program_.lockFile);
-  if (holder == 0) return launch();
-  log("waits for process " + std::to_string(holder) + ", which an earlier lumend has left");
+  if (processes_.lockHolder(program_.lockFile) == 0) return launch();
+  log("waits for the process that an earlier lumend has left");
   phase_ = Phase::waitingForLock;
   lockDeadline_ = clock_.now() + lockLimit;
   timer_.start<&Service::retry>(*this, hundredths(lockPoll));

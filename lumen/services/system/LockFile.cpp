@@ -33,7 +33,7 @@ bool takeLock(int lockFile) {
 pid_t holderOf(int lockFile) {
   struct flock lock = wholeFile(F_WRLCK);
   if (fcntl(lockFile, F_GETLK, &lock) != 0 || lock.l_type == F_UNLCK) return 0;
-  return lock.l_pid;
+  return lock.l_pid > 0 ? lock.l_pid : unseenHolder;
 }
 
 }  // namespace lumen

@@ -19,6 +19,9 @@ namespace lumen {
 /// Makes the calling process the holder. False when another process is. Safe between fork and exec.
 [[nodiscard]] bool takeLock(int lockFile);
 
+/// What holderOf gives for a process that has no number here, since it is in another container.
+inline constexpr pid_t unseenHolder = -1;
+
 /// The process that holds the lock, other than the calling one; 0: nobody.
 [[nodiscard]] pid_t holderOf(int lockFile);
 

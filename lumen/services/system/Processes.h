@@ -39,7 +39,7 @@ class Processes {
   /// Sends a signal to a process that was started here and is not reaped yet.
   virtual void signal(pid_t pid, int signal) = 0;
 
-  /// The process that holds `lockFile`; 0: nobody.
+  /// The process that holds `lockFile`; 0: nobody; below 0: one that cannot be named.
   [[nodiscard]] virtual pid_t lockHolder(const std::string& lockFile) = 0;
 
   /// Kills the process that holds `lockFile`, if one does.
