@@ -190,15 +190,17 @@ class NatFlowsTest : public NatKernelTest, private FlowCleaner::OpenPorts {
  protected:
   NatFlowsTest() { opensTable(); }
 
-  void opens(uint16_t port) {
-    EXPECT_EQ(map->add(udpKey(port), client), std::nullopt);
-    open.insert(port);
-    cleaner.changed(udpKey(port).external);
+  void opens(uint16_t port, const char* address = "45.45.45.1") {
+    const RuleKey rule = udpKey(port, address);
+    EXPECT_EQ(map->add(rule, client), std::nullopt);
+    open.insert(rule.external);
+    cleaner.changed(rule.external);
   }
-  void closes(uint16_t port) {
-    EXPECT_EQ(map->remove({udpKey(port)}), std::nullopt);
-    open.erase(port);
-    cleaner.changed(udpKey(port).external);
+  void closes(uint16_t port, const char* address = "45.45.45.1") {
+    const RuleKey rule = udpKey(port, address);
+    EXPECT_EQ(map->remove({rule}), std::nullopt);
+    open.erase(rule.external);
+    cleaner.changed(rule.external);
   }
   static void knocks(const lm::Fd& socket) {
     // The error of an earlier packet that nobody took.
@@ -207,7 +209,6 @@ class NatFlowsTest : public NatKernelTest, private FlowCleaner::OpenPorts {
     getsockopt(socket.get(), SOL_SOCKET, SO_ERROR, &error, &size);
     EXPECT_EQ(send(socket.get(), "x", 1, 0), 1);
   }
-  /// The flows from this host's ports, in order, whose destination is translated.
   int translated() {
     int count = 0;
     EXPECT_TRUE(flows.visitTranslated([&](const Flow& flow) {
@@ -222,11 +223,11 @@ class NatFlowsTest : public NatKernelTest, private FlowCleaner::OpenPorts {
       return condition();
     });
   }
-  static RuleKey udpKey(uint16_t port) {
-    return {.external = {.address = inet_addr("45.45.45.1"), .port = port}, .protocol = 17};
+  static RuleKey udpKey(uint16_t port, const char* address = "45.45.45.1") {
+    return {.external = {.address = inet_addr(address), .port = port}, .protocol = 17};
   }
 
-  std::set<uint16_t> open;
+  std::set<Endpoint> open;
   WanHost host;
   lm::SystemClock clock;
   lm::EventLoop loop{clock};
@@ -235,7 +236,7 @@ class NatFlowsTest : public NatKernelTest, private FlowCleaner::OpenPorts {
 
  private:
   [[nodiscard]] std::optional<Endpoint> udpClient(const Endpoint& external) const override {
-    if (!open.contains(external.port)) return std::nullopt;
+    if (!open.contains(external)) return std::nullopt;
     return client;
   }
 };
@@ -287,6 +288,22 @@ TEST_F(NatFlowsTest, EndsManyFlowsOfManyPorts) {
   })) << translated();
   for (uint16_t port = 5000; port < 5009; ++port) closes(port);
   EXPECT_TRUE(turnsUntil([&] { return translated() == 50; }));
+}
+
+TEST_F(NatFlowsTest, EndsFlowsToTwoAddressesInOneSweep) {
+  const lm::Fd first = host.udpSocket(4000, 8080);
+  const lm::Fd second = host.udpSocket(4001, 9090, "45.45.45.2");
+  const lm::Fd third = host.udpSocket(4002, 9091, "45.45.45.2");
+  opens(8080);
+  opens(9090, "45.45.45.2");
+  opens(9091, "45.45.45.2");
+  EXPECT_TRUE(turnsUntil([&] {
+    for (const lm::Fd* socket : {&first, &second, &third}) knocks(*socket);
+    return translated() == 3;
+  }));
+  closes(8080);
+  closes(9090, "45.45.45.2");
+  EXPECT_TRUE(turnsUntil([&] { return translated() == 1; }));
 }
 
 TEST_F(NatFlowsTest, LeavesASweepThatIsUnderWayBehindAtItsEnd) {

@@ -72,17 +72,26 @@ TEST_F(NatListTest, ListsInRisingOrderOfIdBy64AndCountsTheConnectionsOnce) {
   EXPECT_EQ(flows.visits, 2) << "a new listing counts anew";
 }
 
-TEST_F(NatListTest, CountsForEachOfTwoReadersThatPageAtOnce) {
+TEST_F(NatListTest, GivesNoReaderWhatAnotherCounted) {
   for (uint32_t i = 0; i < 100; ++i) opens({.port = 2000 + i});
   Caller other = admin;
   other.connection = 10;
+  lm::message second;
+  second.insert_u32(lm::key::cursor, 64);
+  static_cast<void>(rules.handle(other, lm::cmd::list, {}));
   flows.flows = {flow(6, 2099)};
+  const lm::message page = rules.handle(admin, lm::cmd::list, second);
+  EXPECT_EQ(page.get_message_array_ref(lm::key::records).back().get_u64(nat::key::connections), 1U);
+}
+
+TEST_F(NatListTest, ForgetsTheCountOfAReaderThatEnded) {
+  for (uint32_t i = 0; i < 100; ++i) opens({.port = 2000 + i});
   lm::message second;
   second.insert_u32(lm::key::cursor, 64);
   static_cast<void>(rules.handle(admin, lm::cmd::list, {}));
-  static_cast<void>(rules.handle(other, lm::cmd::list, {}));
-  lm::message page = rules.handle(admin, lm::cmd::list, second);
-  EXPECT_EQ(page.get_message_array_ref(lm::key::records).back().get_u64(nat::key::connections), 1U);
+  rules.connectionEnded(admin.connection);
+  static_cast<void>(rules.handle(admin, lm::cmd::list, second));
+  EXPECT_EQ(flows.visits, 2);
 }
 
 TEST_F(NatListTest, ReadsNoFlowsForAnEmptyTable) {

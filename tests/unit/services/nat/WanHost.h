@@ -36,7 +36,8 @@ class WanHost {
     startNamespace();
     const std::string pid = std::to_string(child_);
     run("ip link add wan0 type veth peer name host0 netns " + pid);
-    run("ip addr add 45.45.45.1/24 dev wan0 && ip link set wan0 up");
+    run("ip addr add 45.45.45.1/24 dev wan0 && ip addr add 45.45.45.2/24 dev wan0 && ip link set "
+        "wan0 up");
     run("nsenter -t " + pid + " -n ip addr add 45.45.45.7/24 dev host0");
     run("nsenter -t " + pid + " -n ip link set host0 up");
     // Nobody is there; it is enough that packets leave.
@@ -53,7 +54,8 @@ class WanHost {
   }
 
   /// A UDP socket of that host, bound to `port`, for packets to `remotePort` of the router.
-  lm::Fd udpSocket(uint16_t port, uint16_t remotePort) const {
+  lm::Fd udpSocket(uint16_t port, uint16_t remotePort,
+                   const char* remoteAddress = "45.45.45.1") const {
     const lm::Fd here(open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC));
     const std::string path = "/proc/" + std::to_string(child_) + "/ns/net";
     const lm::Fd there(open(path.c_str(), O_RDONLY | O_CLOEXEC));
@@ -64,7 +66,7 @@ class WanHost {
     address.sin_family = AF_INET;
     address.sin_port = htons(port);
     EXPECT_EQ(bind(result.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    address.sin_addr.s_addr = inet_addr("45.45.45.1");
+    address.sin_addr.s_addr = inet_addr(remoteAddress);
     address.sin_port = htons(remotePort);
     EXPECT_EQ(connect(result.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
     return result;
