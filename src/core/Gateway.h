@@ -78,7 +78,6 @@ class Gateway : public lm::Map<DevObj>, public UpnpRootDevice, private RequestHa
   void deviceStatus(const lm::message& record);
   void addrsChanged(const lm::message& change);
   void addrChanged(const lm::message& record);
-  void addrSet(Addr& addr, const lm::message& record);
   void setDevAddr(uint32_t interface, uint32_t address, bool add);
   /// Null when the platform has not told of such an interface, or told that it is gone.
   [[nodiscard]] Device* knownDevice(uint32_t interface) const;

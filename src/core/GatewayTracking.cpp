@@ -21,6 +21,10 @@ lm::message fullRead(const std::vector<uint32_t>& table) {
   return request;
 }
 
+void logFailure(const lm::Reget& table) {
+  if (table.error()) logLine("device::CMD_GETALL failed: ", lm::getError(*table.error()));
+}
+
 }  // namespace
 
 void Gateway::refreshDevices() {
@@ -100,6 +104,7 @@ void Gateway::devicesStatus(const lm::message& change) {
   }
   lm::FullReget table(*this, fullRead(interface_table::path), statusLimit);
   while (const std::optional<lm::message> record = table.pop()) deviceStatus(*record);
+  logFailure(table);
 }
 
 void Gateway::deviceStatus(const lm::message& record) {
@@ -122,6 +127,7 @@ void Gateway::addrsChanged(const lm::message& change) {
   for (auto& [id, addr] : addrs) addr.stale = true;
   lm::FullReget table(*this, fullRead(address_table::path));
   while (const std::optional<lm::message> record = table.pop()) addrChanged(*record);
+  logFailure(table);
   std::erase_if(addrs, [](const auto& entry) { return entry.second.stale; });
 }
 

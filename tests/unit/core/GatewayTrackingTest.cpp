@@ -138,6 +138,13 @@ TEST_F(GatewayTracking, AStateRecordSaysWhatHasChangedOnly) {
   record.insert_bool(lm::key::disabled, false);
   tellStates({record});
   EXPECT_EQ(log(), Lines{"dev: 3 disabled: 0 running: 1"});
+  tellStates({stateRecord(wan, true, true)});
+  (void)log();
+  lm::message other;
+  other.insert_u32(lm::key::objectId, wan);
+  other.insert_bool(0x1000e, false);
+  tellStates({other});
+  EXPECT_EQ(log(), Lines{"dev: 3 disabled: 1 running: 0"});
 }
 
 TEST_F(GatewayTracking, AConnectionThatStartsKnowsTheState) {
@@ -276,12 +283,27 @@ TEST_F(GatewayTracking, AFullReadForgetsAddressObjectsButLeavesTheInterfacesThei
   platform.notify(lm::cmd::changed, {20, 1});
   EXPECT_EQ(log(), Lines{"dev: 2 set address: 192.168.88.1 (11)"});
   EXPECT_EQ(externalAddress(), "45.45.45.2");
+  // What was read stays known.
+  (void)log();
+  tellAddresses({addressRecord(lanAddress, lan, "192.168.88.1")});
+  EXPECT_EQ(log(), Lines{"dev: 2 set address: 192.168.88.1 (11)"});
   // The object is forgotten: its removal says nothing, and its id is free for an addition.
   (void)log();
   tellAddresses({removedRecord(wanAddress, wan, "45.45.45.2")});
   EXPECT_EQ(log(), Lines{});
   tellAddresses({addressRecord(wanAddress, wan, "45.45.45.2")});
   EXPECT_EQ(log(), Lines{"dev: 3 add address: 45.45.45.2 (12)"});
+}
+
+TEST_F(GatewayTracking, AFullReadThatFailsIsLogged) {
+  serve();
+  platform.refuse({20, 0}, lm::cmd::readAll, "not now");
+  platform.notify(lm::cmd::changed, {20, 0});
+  EXPECT_EQ(log(), Lines{"device::CMD_GETALL failed: not now"});
+  platform.refuse({20, 1}, lm::cmd::readAll, "not now either");
+  platform.notify(lm::cmd::changed, {20, 1});
+  EXPECT_EQ(log(), Lines{"device::CMD_GETALL failed: not now either"});
+  EXPECT_EQ(status("GET /gateway.xml"), "HTTP/1.1 200 OK");
 }
 
 TEST_F(GatewayTracking, TheFullReadsWaitAsLongAsEachMay) {
