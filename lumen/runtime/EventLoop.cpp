@@ -322,6 +322,11 @@ const Clock& EventLoop::clock() const { return state_->clock; }
 
 EventLoop* currentLoop() { return theLoop; }
 
+const Clock& currentClock() {
+  static const SystemClock system;
+  return theLoop ? theLoop->clock() : system;
+}
+
 ThinRunner& getRunner() {
   if (!theLoop) fatal("event loop: there is none");
   return *theLoop;

@@ -47,6 +47,9 @@ class EventLoop : public ThinRunner {
   std::unique_ptr<State> state_;  // never null
 };
 
+/// The clock of the process's event loop; the system's while there is none.
+[[nodiscard]] const Clock& currentClock();
+
 /// The process's loop, or null when it has none.
 [[nodiscard]] EventLoop* currentLoop();
 

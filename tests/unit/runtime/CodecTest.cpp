@@ -50,6 +50,8 @@ struct WireForm {
   const char* name;
   const char* hex;
   const char* text;
+
+  friend void PrintTo(const WireForm& row, std::ostream* out) { *out << row.hex; }
 };
 
 class EveryType : public testing::TestWithParam<WireForm> {};
@@ -95,6 +97,8 @@ struct Reject {
   const char* name;
   const char* hex;
   const char* reason;
+
+  friend void PrintTo(const Reject& row, std::ostream* out) { *out << row.hex; }
 };
 
 class Invalid : public testing::TestWithParam<Reject> {};

@@ -2,7 +2,9 @@
 #include <time.h>
 
 #include "lumen/runtime/Clock.h"
+#include "lumen/runtime/EventLoop.h"
 #include "platform/System.h"
+#include "support/ManualClock.h"
 
 namespace {
 
@@ -14,6 +16,17 @@ TEST(System, UptimeIsWholeSecondsOfTheBootClock) {
   clock_gettime(CLOCK_BOOTTIME, &after);
   EXPECT_GE(uptime, before.tv_sec);
   EXPECT_LE(uptime, after.tv_sec);
+}
+
+TEST(System, UptimeRunsOnTheClockOfTheEventLoop) {
+  lm::test::ManualClock clock;
+  clock.moveTo(5'000'000'999);
+  const lm::EventLoop loop(clock);
+  EXPECT_EQ(lm::getUptime(), 5'000'000U);
+  clock.advance(1);
+  EXPECT_EQ(lm::getUptime(), 5'000'001U);
+  clock.moveTo(4294967296'000);
+  EXPECT_EQ(lm::getUptime(), 0U) << "cut to 32 bits";
 }
 
 TEST(System, ClockCountsMilliseconds) {
