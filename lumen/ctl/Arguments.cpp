@@ -5,9 +5,9 @@
 
 #include <algorithm>
 #include <charconv>
-#include <string_view>
 
 #include "lumen/ctl/Errors.h"
+#include "lumen/ctl/Text.h"
 
 namespace lumenctl {
 
@@ -38,18 +38,44 @@ bool parseSwitch(const std::string& what, const std::string& text) {
   throw WrongUsage(what + " is 'on' or 'off', not '" + text + "'");
 }
 
+uint32_t parseNumber(const std::string& what, const std::string& text) {
+  uint32_t number = 0;
+  const char* const last = text.data() + text.size();
+  const auto [end, error] = std::from_chars(text.data(), last, number);
+  if (error != std::errc() || end != last) {
+    throw WrongUsage(what + " is a number, not '" + text + "'");
+  }
+  return number;
+}
+
+std::vector<Assignment> parseAssignments(const std::vector<std::string>& texts,
+                                         const std::vector<std::string>& names) {
+  std::vector<Assignment> result;
+  for (const std::string& text : texts) {
+    const size_t equals = text.find('=');
+    const std::string name = text.substr(0, equals);
+    if (std::find(names.begin(), names.end(), name) == names.end()) {
+      throw WrongUsage("there is no setting '" + name + "', only " + joined(names));
+    }
+    if (equals == std::string::npos) throw WrongUsage("write " + name + "=VALUE");
+    for (const Assignment& earlier : result) {
+      if (earlier.name == name) throw WrongUsage("setting '" + name + "' is given twice");
+    }
+    result.push_back({name, text.substr(equals + 1)});
+  }
+  return result;
+}
+
 Port parsePort(const std::string& text) {
-  const std::string_view view = text;
-  const size_t slash = view.find('/');
-  const std::string_view number = view.substr(0, slash);
+  const size_t slash = text.find('/');
+  const std::string protocol = slash == text.npos ? "" : text.substr(slash + 1);
   Port port;
-  const auto [end, error] =
-      std::from_chars(number.data(), number.data() + number.size(), port.number);
-  const bool isNumber = error == std::errc() && end == number.data() + number.size();
-  const std::string_view protocol = slash == view.npos ? "" : view.substr(slash + 1);
   if (protocol == "tcp" || protocol == "TCP") port.protocol = IPPROTO_TCP;
   if (protocol == "udp" || protocol == "UDP") port.protocol = IPPROTO_UDP;
-  if (!isNumber || port.number < 1 || port.number > 65535 || port.protocol == 0) {
+  const char* const last = text.data() + std::min(slash, text.size());
+  const auto [end, error] = std::from_chars(text.data(), last, port.number);
+  if (error != std::errc() || end != last || port.number < 1 || port.number > 65535 ||
+      port.protocol == 0) {
     throw WrongUsage("a port is written like 8080/tcp or 5060/udp, not '" + text + "'");
   }
   return port;

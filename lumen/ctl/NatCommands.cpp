@@ -1,4 +1,6 @@
 #include <CLI/App.hpp>
+#include <algorithm>
+#include <array>
 #include <memory>
 #include <ostream>
 
@@ -6,6 +8,7 @@
 #include "lumen/ctl/Commands.h"
 #include "lumen/ctl/Errors.h"
 #include "lumen/ctl/Ports.h"
+#include "lumen/ctl/Text.h"
 
 namespace lumenctl {
 
@@ -36,10 +39,100 @@ void close(Session& session, const std::string& text) {
   if (!found) throw Refused("port " + text + " is not open");
 }
 
+struct Limit {
+  const char* name;
+  const char* meaning;
+  std::string (*text)(const NatPolicy& policy);
+  void (*assign)(NatPolicyChange& change, const Assignment& assignment);
+};
+
+constexpr std::array<Limit, 4> policyTable = {{
+    {"external-ports", "ports that may be opened",
+     [](const NatPolicy& p) { return p.externalPorts; },
+     [](NatPolicyChange& c, const Assignment& a) { c.externalPorts = a.value; }},
+    {"internal-clients", "hosts that they may lead to",
+     [](const NatPolicy& p) { return p.internalClients; },
+     [](NatPolicyChange& c, const Assignment& a) { c.internalClients = a.value; }},
+    {"max-rules", "how many may be open at once",
+     [](const NatPolicy& p) { return std::to_string(p.maxRules); },
+     [](NatPolicyChange& c, const Assignment& a) { c.maxRules = parseNumber(a.name, a.value); }},
+    {"max-rules-per-client", "how many of them to one host",
+     [](const NatPolicy& p) { return std::to_string(p.maxRulesPerClient); },
+     [](NatPolicyChange& c, const Assignment& a) {
+       c.maxRulesPerClient = parseNumber(a.name, a.value);
+     }},
+}};
+
+std::vector<std::string> policyNames() {
+  std::vector<std::string> names;
+  for (const Limit& limit : policyTable) names.emplace_back(limit.name);
+  return names;
+}
+
+void showPolicy(Session& session) {
+  const NatPolicy policy = session.router().policy();
+  if (session.json) {
+    session.print({{"external-ports", policy.externalPorts},
+                   {"internal-clients", policy.internalClients},
+                   {"max-rules", policy.maxRules},
+                   {"max-rules-per-client", policy.maxRulesPerClient}});
+    return;
+  }
+  Table table({"SETTING", "VALUE", "MEANING"});
+  for (const Limit& limit : policyTable) {
+    table.add({limit.name, limit.text(policy), limit.meaning});
+  }
+  table.print(session.out());
+}
+
+void setPolicy(Session& session, const std::vector<std::string>& texts) {
+  const std::vector<Assignment> assignments = parseAssignments(texts, policyNames());
+  NatPolicyChange change;
+  for (const Assignment& assignment : assignments) {
+    const auto* const limit =
+        std::find_if(policyTable.begin(), policyTable.end(),
+                     [&](const Limit& l) { return assignment.name == l.name; });
+    limit->assign(change, assignment);
+  }
+  session.router().changePolicy(change);
+  for (const Assignment& assignment : assignments) {
+    session.done(assignment.name + ": " + assignment.value);
+  }
+}
+
+void resetPolicy(Session& session) {
+  NatPolicyChange change;
+  change.reset = true;
+  session.router().changePolicy(change);
+  session.done("policy: as in its file");
+}
+
+void addPolicy(CLI::App& group, Session& session) {
+  CLI::App* policy = group.add_subcommand("policy", "show or set which ports may be opened");
+  policy->require_subcommand(0, 1);
+  CLI::App* set = policy->add_subcommand("set", "set some of it, the rest stays as it is");
+  auto assignments = std::make_shared<std::vector<std::string>>();
+  set->add_option("settings", *assignments, "settings: " + joined(policyNames()))
+      ->required()
+      ->type_name("NAME=VALUE...");
+  set->callback([&session, assignments] {
+    session.changes = true;
+    setPolicy(session, *assignments);
+  });
+  policy->add_subcommand("reset", "back to what the policy file says")->callback([&session] {
+    session.changes = true;
+    resetPolicy(session);
+  });
+  policy->callback([&session, policy] {
+    if (policy->get_subcommands().empty()) showPolicy(session);
+  });
+}
+
 }  // namespace
 
 void addNatCommands(CLI::App& app, Session& session) {
-  CLI::App* group = app.add_subcommand("nat", "the ports that are open to the Internet");
+  CLI::App* group =
+      app.add_subcommand("nat", "the ports that are open to the Internet, and which may be");
   group->require_subcommand(1);
   group->add_subcommand("list", "show them")->callback([&session] { list(session); });
 
@@ -51,6 +144,8 @@ void addNatCommands(CLI::App& app, Session& session) {
     session.changes = true;
     close(session, *port);
   });
+
+  addPolicy(*group, session);
 }
 
 }  // namespace lumenctl

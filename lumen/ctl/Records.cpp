@@ -100,6 +100,12 @@ std::string NatRule::state() const {
   return stale ? "stale" : "open";
 }
 
+NatPolicy::NatPolicy(const lm::message& record)
+    : externalPorts(record.get_string(lumen::nat::key::externalPorts)),
+      internalClients(record.get_string(lumen::nat::key::internalClients)),
+      maxRules(record.get_u32(lumen::nat::key::maxRules)),
+      maxRulesPerClient(record.get_u32(lumen::nat::key::maxRulesPerClient)) {}
+
 Service::Service(const lm::message& record)
     : number(record.get_u32(lumen::servicekey::number)),
       name(record.get_string(lumen::servicekey::name)),

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -74,6 +75,25 @@ struct NatRule {
   std::string owner;  ///< name of the service that made it
   uint64_t secondsOpen = 0;
   uint64_t connections = 0;
+};
+
+/// Which ports programs may open. The texts are as in the policy file.
+struct NatPolicy {
+  explicit NatPolicy(const lm::message& record);
+
+  std::string externalPorts;
+  std::string internalClients;
+  uint32_t maxRules = 0;
+  uint32_t maxRulesPerClient = 0;
+};
+
+/// What is to be changed of it; the rest stays.
+struct NatPolicyChange {
+  bool reset = false;  ///< first back to what the policy file says
+  std::optional<std::string> externalPorts;
+  std::optional<std::string> internalClients;
+  std::optional<uint32_t> maxRules;
+  std::optional<uint32_t> maxRulesPerClient;
 };
 
 /// A program that the platform starts.

@@ -104,6 +104,21 @@ void Router::closeRule(uint32_t id) {
   exchange(natRulesPath, lm::cmd::setObject, std::move(request));
 }
 
+NatPolicy Router::policy() { return NatPolicy(exchange(natRulesPath, lm::cmd::get)); }
+
+void Router::changePolicy(const NatPolicyChange& change) {
+  namespace key = lumen::nat::key;
+  lm::message request;
+  if (change.reset) request.insert_bool(key::reset, true);
+  if (change.externalPorts) request.insert_string(key::externalPorts, *change.externalPorts);
+  if (change.internalClients) request.insert_string(key::internalClients, *change.internalClients);
+  if (change.maxRules) request.insert_u32(key::maxRules, *change.maxRules);
+  if (change.maxRulesPerClient) {
+    request.insert_u32(key::maxRulesPerClient, *change.maxRulesPerClient);
+  }
+  exchange(natRulesPath, lm::cmd::set, std::move(request));
+}
+
 std::vector<Service> Router::services() {
   const lm::message reply = exchange(brokerPath, lumen::brokercmd::services);
   return decoded<Service>(reply.get_message_array_ref(lm::key::records));

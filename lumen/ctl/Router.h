@@ -34,6 +34,8 @@ class Router {
   // Open ports.
   [[nodiscard]] std::vector<NatRule> rules();
   void closeRule(uint32_t id);
+  [[nodiscard]] NatPolicy policy();
+  void changePolicy(const NatPolicyChange& change);
 
   // Programs.
   [[nodiscard]] std::vector<Service> services();

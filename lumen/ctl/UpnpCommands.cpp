@@ -29,10 +29,10 @@ constexpr std::array<Setting, 3> settingTable = {{
      "an inactive entry is listed, for programs that refuse an empty list of ports"},
 }};
 
-std::string settingNames() {
+std::vector<std::string> settingNames() {
   std::vector<std::string> names;
   for (const Setting& setting : settingTable) names.emplace_back(setting.name);
-  return joined(names);
+  return names;
 }
 
 void showSettings(Session& session) {
@@ -50,43 +50,25 @@ void showSettings(Session& session) {
   table.print(session.out());
 }
 
-struct Assignment {
-  const Setting* setting;
-  bool value;
-};
-
-std::vector<Assignment> parseAssignments(const std::vector<std::string>& texts) {
-  std::vector<Assignment> result;
-  for (const std::string& text : texts) {
-    const size_t equals = text.find('=');
-    const std::string name = text.substr(0, equals);
-    const auto* const setting =
-        std::find_if(settingTable.begin(), settingTable.end(),
-                     [&](const Setting& candidate) { return name == candidate.name; });
-    if (setting == settingTable.end()) {
-      throw WrongUsage("there is no setting '" + name + "', only " + settingNames());
-    }
-    if (equals == std::string::npos) throw WrongUsage("write " + name + "=on or " + name + "=off");
-    if (std::any_of(result.begin(), result.end(),
-                    [&](const Assignment& earlier) { return earlier.setting == setting; })) {
-      throw WrongUsage("setting '" + name + "' is given twice");
-    }
-    result.push_back({setting, parseSwitch(name, text.substr(equals + 1))});
-  }
-  return result;
-}
-
 /// The record that the gateway stores is the request as it was received: every write has all three
 /// settings.
 void setSettings(Session& session, const std::vector<std::string>& texts) {
-  const std::vector<Assignment> assignments = parseAssignments(texts);
-  Settings settings = session.router().settings();
-  for (const Assignment& assignment : assignments) {
-    settings.*assignment.setting->value = assignment.value;
+  struct Change {
+    const Setting* setting;
+    bool value;
+  };
+  std::vector<Change> changes;
+  for (const auto& [name, value] : parseAssignments(texts, settingNames())) {
+    const auto* const setting =
+        std::find_if(settingTable.begin(), settingTable.end(),
+                     [&assigned = name](const Setting& s) { return assigned == s.name; });
+    changes.push_back({setting, parseSwitch(name, value)});
   }
+  Settings settings = session.router().settings();
+  for (const Change& change : changes) settings.*change.setting->value = change.value;
   session.router().writeSettings(settings);
-  for (const Assignment& assignment : assignments) {
-    session.done(std::string(assignment.setting->name) + ": " + onOrOff(assignment.value));
+  for (const Change& change : changes) {
+    session.done(std::string(change.setting->name) + ": " + onOrOff(change.value));
   }
 }
 
@@ -190,7 +172,7 @@ void addSettings(CLI::App& upnp, Session& session) {
   settings->require_subcommand(0, 1);
   CLI::App* set = settings->add_subcommand("set", "set some of them, the others stay as they are");
   auto assignments = std::make_shared<std::vector<std::string>>();
-  set->add_option("settings", *assignments, "settings: " + settingNames())
+  set->add_option("settings", *assignments, "settings: " + joined(settingNames()))
       ->required()
       ->type_name("NAME=on|off...");
   set->callback([&session, assignments] {

@@ -208,6 +208,14 @@ lm::message FakePlatform::answer(const Path& destination, uint32_t command,
   if (destination == Path{20, 1} && command == lm::cmd::readAll) return page(addresses_, request);
   if (destination == Path{20, 5}) {
     if (command == lm::cmd::readAll) return page(rules_, request);
+    if (command == lm::cmd::set) return reply;
+    if (command == lm::cmd::get) {
+      reply.insert_string(natkey::externalPorts, "1024-65535");
+      reply.insert_string(natkey::internalClients, "connected");
+      reply.insert_u32(natkey::maxRules, 4096);
+      reply.insert_u32(natkey::maxRulesPerClient, 1024);
+      return reply;
+    }
     return changeTable(rules_, command, request);
   }
   if (destination == Path{gatewayNumber, 0}) {

@@ -154,6 +154,48 @@ TEST_F(Listing, RefusesWhatIsNoPortBeforeItAsksAnybody) {
   EXPECT_EQ(router.requests(), Lines{});
 }
 
+TEST_F(Listing, ShowsThePolicy) {
+  EXPECT_EQ(router.lumenctl({"nat", "policy"}).out,
+            "SETTING               VALUE       MEANING\n"
+            "external-ports        1024-65535  ports that may be opened\n"
+            "internal-clients      connected   hosts that they may lead to\n"
+            "max-rules             4096        how many may be open at once\n"
+            "max-rules-per-client  1024        how many of them to one host\n");
+  EXPECT_EQ(router.lumenctl({"nat", "policy", "--json"}).out,
+            "{\n  \"external-ports\": \"1024-65535\",\n  \"internal-clients\": \"connected\",\n"
+            "  \"max-rules\": 4096,\n  \"max-rules-per-client\": 1024\n}\n");
+}
+
+TEST_F(Listing, WritesOnlyThePolicyThatIsSet) {
+  const auto result =
+      router.lumenctl({"nat", "policy", "set", "external-ports=80, 443", "max-rules-per-client=5"});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.out, "external-ports: 80, 443\nmax-rules-per-client: 5\n");
+  EXPECT_EQ(router.requests(), Lines{R"([20,5] fe000e 20010030="80, 443" 08010033=5)"});
+}
+
+TEST_F(Listing, ResetsThePolicy) {
+  EXPECT_EQ(router.lumenctl({"nat", "policy", "reset"}).out, "policy: as in its file\n");
+  EXPECT_EQ(router.requests(), Lines{"[20,5] fe000e 00010034=true"});
+}
+
+TEST_F(Listing, RefusesAWrongPolicyBeforeItAsksAnybody) {
+  for (const char* wrong : {"", "max-rules", "max-rules=", "max-rules=many", "max-rules=-1",
+                            "max-rules=4294967296", "max-rule=1", "=1"}) {
+    EXPECT_EQ(router.lumenctl({"nat", "policy", "set", wrong}).status, 2) << wrong;
+  }
+  EXPECT_EQ(router.lumenctl({"nat", "policy", "set"}).status, 2);
+  EXPECT_EQ(router.lumenctl({"nat", "policy", "set", "max-rules=1", "max-rules=2"}).status, 2);
+  EXPECT_EQ(router.requests(), Lines{});
+}
+
+TEST_F(Listing, SaysWhyThePolicyWasRefused) {
+  router.refuses({20, 5}, lm::cmd::set, "external-ports: '0' is no port");
+  const auto result = router.lumenctl({"nat", "policy", "set", "external-ports=0"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.err, "lumenctl: external-ports: '0' is no port\n");
+}
+
 TEST_F(Listing, ShowsServices) {
   router.gatewayIs(lumen::servicestate::waiting, 0, 3001);
   EXPECT_EQ(router.lumenctl({"service", "list"}).out,

@@ -63,7 +63,7 @@ TEST_F(Upnp, RefusesAWrongSettingBeforeItAsksAnybody) {
   const std::vector<std::pair<Lines, std::string>> wrong = {
       {{"enabld=on"},
        "there is no setting 'enabld', only enabled, allow-disable-external, show-dummy-rule"},
-      {{"enabled"}, "write enabled=on or enabled=off"},
+      {{"enabled"}, "write enabled=VALUE"},
       {{"enabled="}, "enabled is 'on' or 'off', not ''"},
       {{"enabled=true"}, "enabled is 'on' or 'off', not 'true'"},
       {{"enabled=on", "enabled=off"}, "setting 'enabled' is given twice"},

@@ -1,0 +1,106 @@
+"""lumenctl with the real platform."""
+
+import subprocess
+import unittest
+
+from support.network import LAN_BRIDGE, WAN_ADDRESS, WAN_LINK, SoapError
+from support.router import PROGRAMS, CommandFailed
+from support.router_case import RouterCase
+
+
+class LumenctlTest(RouterCase):
+    def refused(self, *arguments):
+        """The exit status and what was said on standard error."""
+        with self.assertRaises(CommandFailed) as refused:
+            self.router.lumenctl(*arguments)
+        return refused.exception.status, refused.exception.error
+
+    def test_it_reaches_a_root_however_long_its_path_is(self):
+        folder = self.router.root
+        for _ in range(4):
+            folder /= 100 * "x"
+        folder.mkdir(parents=True)
+        (folder / "root").symlink_to(self.router.root)
+        said = subprocess.run([PROGRAMS / "lumenctl", "--root", folder / "root", "identity"],
+                              capture_output=True, text=True, check=True, timeout=30).stdout
+        self.assertEqual(said, self.router.lumenctl("identity"))
+        self.assertRegex(said, r"^\S{8,}\n$")
+
+    def test_set_up_twice_changes_nothing_and_restarts_nothing(self):
+        self.lan[0].open_port(8080, "TCP")
+        before = self.router.log().count("start ext")
+        self.router.set_up()
+        self.assertEqual(list(self.router.ports()), ["8080/tcp"])
+        self.assertEqual(self.router.log().count("start ext"), before)
+
+    def test_set_up_takes_the_gateway_from_interfaces_that_are_not_named(self):
+        self.router.lumenctl("upnp", "setup", "--internal", WAN_LINK, "--external", LAN_BRIDGE)
+        uses = {i["name"]: i["role"] for i in self.router.status()["interfaces"]}
+        self.assertEqual(uses, {WAN_LINK: "internal", LAN_BRIDGE: "external"})
+        self.router.lumenctl("upnp", "setup", "--internal", "lan0", "--external", WAN_LINK)
+        uses = {i["name"]: i["role"] for i in self.router.status()["interfaces"]}
+        self.assertEqual(uses, {WAN_LINK: "external", "lan0": "internal"})
+        self.router.set_up()
+        self.lan[0].open_port(8080, "TCP")
+
+    def test_a_link_that_does_not_exist_yet_is_set_up(self):
+        self.network.disconnect_wan()
+        self.router.lumenctl("interface", "forget", WAN_LINK)
+        self.router.lumenctl("upnp", "setup", "--internal", LAN_BRIDGE, "--external", WAN_LINK)
+        self.assertEqual(self.router.interface(WAN_LINK)["state"], "away")
+        self.network.connect_wan()
+        self.wait_until(lambda: self.router.interface(WAN_LINK)["state"] == "running",
+                        "the link is there")
+        control = self.router.wait_until_controllable()
+        self.wait_until(lambda: self.lan[0].invoke("GetExternalIPAddress", control=control)
+                        ["NewExternalIPAddress"] == WAN_ADDRESS, "it has its address")
+        self.lan[0].open_port(8080, "TCP")
+
+    def test_the_policy_is_changed_for_good(self):
+        self.router.lumenctl("nat", "policy", "set", "external-ports=80, 2000-2999",
+                             "max-rules-per-client=1")
+        host = self.lan[0]
+        with self.assertRaises(SoapError):
+            host.open_port(8080, "TCP")
+        host.open_port(80, "TCP")
+        with self.assertRaises(SoapError):
+            host.open_port(2000, "TCP")
+        self.router.stop()
+        self.router.start()
+        self.assertEqual(self.router.ask("nat", "policy"),
+                         {"external-ports": "80, 2000-2999", "internal-clients": "connected",
+                          "max-rules": 4096, "max-rules-per-client": 1})
+        self.router.lumenctl("nat", "policy", "reset")
+        self.assertEqual(self.router.ask("nat", "policy")["external-ports"], "1024-65535")
+
+    def test_it_says_why_something_is_refused(self):
+        for arguments, status, said in (
+                (("upnp", "interface", "add", WAN_LINK, "--role", "external"), 1,
+                 "Interface already added"),
+                (("upnp", "interface", "remove", "eth9"), 1, "there is no interface 'eth9'"),
+                (("nat", "close", "8080/tcp"), 1, "port 8080/tcp is not open"),
+                (("nat", "policy", "set", "external-ports=none"), 1, ""),
+                (("nat", "close", "8080"), 2, "a port is written like 8080/tcp")):
+            with self.subTest(arguments=arguments):
+                self.assertEqual(self.refused(*arguments)[0], status)
+                self.assertIn(said, self.refused(*arguments)[1])
+
+    def test_it_says_that_nobody_answers(self):
+        self.router.stop()
+        status, said = self.refused("status")
+        self.assertEqual(status, 1)
+        self.assertIn(f"{self.router.root}/run/lumen.sock: No such file or directory", said)
+        self.router.start()
+        self.router.kill()  # which leaves its socket
+        self.assertIn("Connection refused", self.refused("status")[1])
+
+    def test_the_identity_stays_and_tells_routers_apart(self):
+        identity = self.router.lumenctl("identity")
+        self.router.stop()
+        self.router.start()
+        self.assertEqual(self.router.lumenctl("identity"), identity)
+        self.assertNotEqual(self.make_router().lumenctl("identity"), identity)
+
+
+if __name__ == "__main__":
+    unittest.main()
