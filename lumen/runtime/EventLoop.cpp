@@ -320,8 +320,6 @@ std::optional<uint64_t> EventLoop::nextDue() const { return state_->nextDue(); }
 
 const Clock& EventLoop::clock() const { return state_->clock; }
 
-EventLoop* currentLoop() { return theLoop; }
-
 const Clock& currentClock() {
   static const SystemClock system;
   return theLoop ? theLoop->clock() : system;

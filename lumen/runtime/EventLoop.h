@@ -50,7 +50,4 @@ class EventLoop : public ThinRunner {
 /// The clock of the process's event loop; the system's while there is none.
 [[nodiscard]] const Clock& currentClock();
 
-/// The process's loop, or null when it has none.
-[[nodiscard]] EventLoop* currentLoop();
-
 }  // namespace lm

@@ -4,11 +4,7 @@
 
 namespace lm {
 
-uint32_t getUptime() {
-  const EventLoop* loop = currentLoop();
-  const uint64_t now = loop ? loop->clock().now() : currentClock().now();
-  return static_cast<uint32_t>(now / 1000);
-}
+uint32_t getUptime() { return static_cast<uint32_t>(currentClock().now() / 1000); }
 
 }  // namespace lm
 
