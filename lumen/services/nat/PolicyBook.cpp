@@ -3,10 +3,6 @@
 #include <ini.h>
 
 #include <array>
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
-#include <memory>
 #include <set>
 #include <utility>
 #include <variant>
@@ -14,6 +10,7 @@
 #include "lumen/runtime/Fields.h"
 #include "lumen/services/nat/KnownFields.h"
 #include "lumen/services/nat/NatKeys.h"
+#include "lumen/services/system/PlainFile.h"
 
 namespace lumen {
 
@@ -32,10 +29,8 @@ constexpr Setting settingsByField[] = {
     {key::maxRulesPerClient, "max-rules-per-client"},
 };
 
-struct CloseFile {
-  void operator()(FILE* file) const { std::fclose(file); }
-};
-using File = std::unique_ptr<FILE, CloseFile>;
+// Bytes. A policy is read by people.
+constexpr size_t maxPolicyFile = 16384;
 
 /// What the file's reader collects.
 struct Reading {
@@ -79,12 +74,12 @@ PolicyBook::PolicyBook(std::string filePath, std::string storeDirectory)
 
 std::optional<std::string> PolicyBook::load() {
   Reading reading;
-  int line = 0;
-  const File file(std::fopen(filePath_.c_str(), "re"));
-  if (file) line = ini_parse_file(file.get(), takeLine, &reading);
-  if (file ? std::ferror(file.get()) != 0 : errno != ENOENT) {
-    return filePath_ + ": " + std::strerror(errno);
-  }
+  // One byte more than is allowed is read, so that a file that is too long shows.
+  const PlainFile file = readPlainFile(filePath_, maxPolicyFile + 1);
+  if (!file.error.empty() && !file.missing) return filePath_ + ": " + file.error;
+  if (file.text.size() > maxPolicyFile) return filePath_ + ": is too long";
+  if (file.text.find('\0') != std::string::npos) return filePath_ + ": is no text";
+  const int line = ini_parse_string(file.text.c_str(), takeLine, &reading);
   if (line > 0) {
     return filePath_ + ":" + std::to_string(line) + ": " +
            (reading.error.empty() ? "not a line of the form name = value" : reading.error);

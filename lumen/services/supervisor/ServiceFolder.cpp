@@ -1,46 +1,17 @@
 #include "lumen/services/supervisor/ServiceFolder.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <optional>
 
 #include "lumen/runtime/Log.h"
-#include "platform/Fd.h"
+#include "lumen/services/system/PlainFile.h"
 
 namespace lumen {
 
 namespace {
 
 namespace fs = std::filesystem;
-
-// One byte more than is allowed is read, so that a file that is too long shows. Whatever is no
-// plain file, such as a pipe that nobody writes to, is not waited for.
-std::optional<std::string> readFile(const std::string& path, std::string& error) {
-  const lm::Fd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-  struct stat info = {};
-  if (!file.valid() || fstat(file.get(), &info) != 0) {
-    error = strerror(errno);
-    return std::nullopt;
-  }
-  if (!S_ISREG(info.st_mode)) {
-    error = "is no plain file";
-    return std::nullopt;
-  }
-  std::string text(maxServiceFile + 1, '\0');
-  const ssize_t length = read(file.get(), text.data(), text.size());
-  if (length < 0) {
-    error = strerror(errno);
-    return std::nullopt;
-  }
-  text.resize(static_cast<size_t>(length));
-  return text;
-}
 
 std::vector<std::string> serviceFiles(const std::string& folder) {
   std::vector<std::string> files;
@@ -75,10 +46,11 @@ std::vector<ServiceDefinition> readServiceFolder(const std::string& folder,
                                                  const std::set<uint32_t>& taken) {
   std::vector<ServiceDefinition> services;
   for (const std::string& path : serviceFiles(folder)) {
-    std::string error;
-    const std::optional<std::string> text = readFile(path, error);
+    // One byte more than is allowed is read, so that a file that is too long shows.
+    const PlainFile file = readPlainFile(path, maxServiceFile + 1);
+    std::string error = file.error;
     std::optional<ServiceDefinition> found;
-    if (text) found = parseServiceFile(*text, users, error);
+    if (error.empty()) found = parseServiceFile(file.text, users, error);
     if (found) error = clash(*found, services, taken);
     if (!error.empty()) {
       lm::logLine(path, ": ", error);

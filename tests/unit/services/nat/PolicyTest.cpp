@@ -170,14 +170,20 @@ TEST_F(PolicyBookTest, RefusesAFileThatItDoesNotUnderstandWhole) {
       {"max-rules = 5\n\nports = 80\n", ":3: \"ports\" is not a setting"},
       {"[policy]\nmax-rules = 5\n", ":2: sections are not used"},
       {"max-rules = -1\n", ":1: max-rules: \"-1\" is not a number from 0 to 65536"},
+      {"max-rules = 5\n; \xff\nmax", ":3: not a line of the form name = value"},
       {"max-rules\n", ":1: not a line of the form name = value"},
   };
   for (const Row& row : rows) EXPECT_EQ(loads(row.content), filePath + row.reason);
+  EXPECT_EQ(loads(std::string("max-rules = 5\n\0external-ports = 80\n", 34)),
+            filePath + ": is no text");
+  EXPECT_EQ(loads(std::string(16385, '\n')), filePath + ": is too long");
+  EXPECT_EQ(loads("external-ports = 80" + std::string(300, ' ') + ", 90\n").has_value(), true)
+      << "a line that is too long for its reader";
 }
 
 TEST_F(PolicyBookTest, RefusesAFileThatItCannotRead) {
   std::filesystem::create_directory(filePath);
-  EXPECT_NE(book.load(), std::nullopt);
+  EXPECT_EQ(book.load(), filePath + ": is no plain file");
 }
 
 TEST_F(PolicyBookTest, KeepsWhatIsSetByCommandOverTheFile) {
