@@ -181,6 +181,8 @@ void EventLoop::State::wait(std::optional<uint64_t> longest) {
     ev_run(ev_, EVRUN_ONCE);
     ev_timer_stop(ev_, &limit_);
   }
+  // libev calls back in the reverse order of that in which the kernel reports.
+  std::ranges::reverse(ready_);
   endPauses();
 }
 

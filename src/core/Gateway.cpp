@@ -97,6 +97,7 @@ void Gateway::disable() {
   for (const auto& [id, device] : devices) retire(*device);
   for (const auto& [id, device] : departed) retire(*device);
   departed.clear();
+  osInfo.flushSubscriptions();
 }
 
 void Gateway::readSettings(const lm::message& from) {

@@ -5,7 +5,9 @@
 #include <string_view>
 
 #include "http/Log.h"
+#include "upnp/Event.h"
 #include "upnp/Soap.h"
+#include "upnp/Subscription.h"
 #include "xml/XMLNode.h"
 #include "xml/XMLParser.h"
 
@@ -52,7 +54,13 @@ void Service::addAct(std::string actionName, const std::vector<std::string>& out
 
 void Service::setVar(const std::string& variableName, const std::string& value) {
   const auto found = variables.find(variableName);
-  if (found != variables.end()) found->second.setValue(value);
+  if (found == variables.end()) return;
+  Variable& variable = found->second;
+  std::string before;
+  (void)variable.getValue(before);
+  variable.setValue(value);
+  if (!variable.evented || value == before) return;
+  for (const auto& [sid, subscription] : subscriptions) sendEvent(*subscription, variableName);
 }
 
 std::string Service::getVar(const std::string& variableName) const {
@@ -60,14 +68,6 @@ std::string Service::getVar(const std::string& variableName) const {
   const auto found = variables.find(variableName);
   if (found != variables.end()) (void)found->second.getValue(value);
   return value;
-}
-
-HTTPMessage Service::subscribe(const HTTPMessage& /*request*/) {
-  return HTTPMessage(HTTP_PRECONDITION_FAILED);
-}
-
-HTTPMessage Service::unsubscribe(const HTTPMessage& /*request*/) {
-  return HTTPMessage(HTTP_PRECONDITION_FAILED);
 }
 
 HTTPMessage Service::post(const HTTPMessage& request) {

@@ -1,6 +1,9 @@
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <map>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -10,12 +13,13 @@
 #include "upnp/UPNPStatus.h"
 #include "upnp/Variable.h"
 
+class Subscription;
 class XMLNode;
 
 /// The engine behind every UPnP service: it answers control requests (SOAP) from two tables, the
-/// state variables and the actions. A concrete service derives from it, fills the tables in its
-/// constructor and afterwards only calls `setVar`. What the tables hold must agree with the
-/// service's description file in etc/upnp.
+/// state variables and the actions, and tells its subscribers of changes (GENA). A concrete service
+/// derives from it, fills the tables in its constructor and afterwards only calls `setVar`. What
+/// the tables hold must agree with the service's description file in etc/upnp.
 class Service {
  public:
   /// `typeName` is the service type URN, "urn:schemas-upnp-org:service:WANIPConnection:1".
@@ -28,12 +32,22 @@ class Service {
   /// Architecture 1.0, section 3). A request that is no SOAP request gets a bare 400, one that
   /// cannot be carried out a SOAP fault.
   [[nodiscard]] HTTPMessage post(const HTTPMessage& request);
-  /// Answers SUBSCRIBE at the event URL: 412, since this gateway takes no subscriptions yet.
-  [[nodiscard]] HTTPMessage subscribe(const HTTPMessage& request);
-  /// Answers UNSUBSCRIBE at the event URL: 412, since there is no subscription.
-  [[nodiscard]] HTTPMessage unsubscribe(const HTTPMessage& request);
 
-  /// Sets the value of a variable, and drops its getter. An unknown name is ignored.
+  /// Answers SUBSCRIBE at the event URL: makes a subscription, whose initial event is sent from a
+  /// later turn of the loop, or renews one (section 4.1). What is refused gets a bare 412, or 500
+  /// when there are too many.
+  [[nodiscard]] HTTPMessage subscribe(const HTTPMessage& request);
+  /// Answers UNSUBSCRIBE at the event URL: 200, or 412 when there is no such subscription.
+  [[nodiscard]] HTTPMessage unsubscribe(const HTTPMessage& request);
+  /// Ends every subscription without a word.
+  void flushSubscriptions();
+  /// The subscription's time is over.
+  void expireSubscription(std::string sid);
+  /// Lets the deliveries to this subscription go on that waited for their turn.
+  void resumeEvents(std::string sid);
+
+  /// Sets the value of a variable, and drops its getter. An unknown name is ignored. When an
+  /// evented variable has changed, a delivery to each subscriber is started at once.
   void setVar(const std::string& variableName, const std::string& value);
   /// The value of a variable; empty when it is unknown or has none.
   [[nodiscard]] std::string getVar(const std::string& variableName) const;
@@ -62,6 +76,11 @@ class Service {
               const std::vector<std::string>& outArgs = {});
 
  private:
+  class Event;
+
+  /// Subscriptions of one service.
+  static constexpr size_t SUBSCRIPTION_LIMIT = 100;
+
   void addAction(std::string actionName, Action action);
 
   [[nodiscard]] HTTPMessage invokeAction(const XMLNode& body, const std::string& actionName);
@@ -73,9 +92,30 @@ class Service {
   [[nodiscard]] UPNPStatus runHandler(const Action& action, const XMLNode& request,
                                       std::vector<std::string>& out) const;
 
+  [[nodiscard]] HTTPMessage newSubscription(const HTTPMessage& request, uint32_t granted);
+  [[nodiscard]] HTTPMessage renewSubscription(const HTTPMessage& request, uint32_t granted);
+  /// Grants the time, in seconds, and tells so.
+  [[nodiscard]] static HTTPMessage confirm(Subscription& subscription, uint32_t granted);
+  void removeSubscription(std::string sid);
+
+  /// Starts a delivery; returns its socket, or -1 when it failed at once. An empty name means every
+  /// evented variable.
+  int sendEvent(const Subscription& subscription, const std::string& variableName);
+  void sendInitialEvent(Subscription& subscription);
+  /// Writes the NOTIFY of a delivery that is connected, if it is its turn. May destroy it.
+  void deliver(Event& event);
+  /// False, after a log line, when there is nothing to tell.
+  [[nodiscard]] bool addProperties(XMLNode& set, const std::string& variableName) const;
+  /// Destroys the delivery.
+  void endEvent(const Event& event);
+  void initialEventEnded(Subscription& subscription);
+
   std::string name;
   std::map<std::string, Variable> variables;
   std::map<std::string, Action> actions;
+  std::map<std::string, std::unique_ptr<Subscription>> subscriptions;  ///< by SID; never null
+  std::map<int, std::unique_ptr<Event>> events;  ///< deliveries by socket; never null
+  uint64_t lastEvent = 0;                        ///< number of deliveries ever started
 };
 
 template <typename Owner>

@@ -28,16 +28,17 @@ SocketPair::SocketPair(int type) {
   peer.reset(fds[1]);
 }
 
-TcpListener::TcpListener(int backlog)
+TcpListener::TcpListener(int backlog, const char* address)
     : fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
-  sockaddr_in address = loopback(0);
-  socklen_t length = sizeof address;
-  if (bind(fd.get(), reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+  sockaddr_in bound = loopback(0);
+  bound.sin_addr.s_addr = inet_addr(address);
+  socklen_t length = sizeof bound;
+  if (bind(fd.get(), reinterpret_cast<sockaddr*>(&bound), length) != 0 ||
       listen(fd.get(), backlog) != 0 ||
-      getsockname(fd.get(), reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+      getsockname(fd.get(), reinterpret_cast<sockaddr*>(&bound), &length) != 0) {
     fd.reset();
   }
-  port = ntohs(address.sin_port);
+  port = ntohs(bound.sin_port);
 }
 
 Fd TcpListener::connect() const {

@@ -16,9 +16,9 @@ struct SocketPair {
   Fd peer;
 };
 
-/// A TCP socket that listens on a free port of 127.0.0.1 and does not block.
+/// A TCP socket that listens on a free port of an address of loopback and does not block.
 struct TcpListener {
-  explicit TcpListener(int backlog);
+  explicit TcpListener(int backlog, const char* address = "127.0.0.1");
 
   /// A client's socket, connected or about to be; it does not block.
   [[nodiscard]] Fd connect() const;

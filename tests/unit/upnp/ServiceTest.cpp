@@ -144,14 +144,4 @@ TEST(Service, ReplacesAnActionThatIsRegisteredTwice) {
   EXPECT_EQ(lamp.getActions().at("Get").outVars, Values{"C"});
 }
 
-TEST(Service, TakesNoSubscriptions) {
-  Lamp lamp;
-  HTTPMessage request;
-  request.addField("NT", "upnp:event");
-  request.addField("CALLBACK", "<http://10.0.0.2:4000/>");
-  request.addField("SID", "uuid:00000000-0000-0000-0000-000000000000");
-  EXPECT_EQ(lamp.subscribe(request).get(), "HTTP/1.1 412 Precondition Failed\r\n\r\n");
-  EXPECT_EQ(lamp.unsubscribe(request).get(), "HTTP/1.1 412 Precondition Failed\r\n\r\n");
-}
-
 }  // namespace

@@ -1,0 +1,75 @@
+#include "upnp/Event.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <string_view>
+#include <utility>
+
+#include "http/HTTPMessage.h"
+#include "http/Log.h"
+#include "http/Server.h"
+
+namespace {
+
+/// The longest that a subscriber which does not read may hold up the loop, in microseconds.
+constexpr suseconds_t writeLimit = 100000;
+
+}  // namespace
+
+Service::Event::Event(Service& owner, lm::Fd connection, uint64_t number, std::string sidText,
+                      std::string variableName)
+    : service(owner),
+      socket(std::move(connection)),
+      serial(number),
+      sid(std::move(sidText)),
+      variable(std::move(variableName)) {
+  watch.start<&Event::send>(socket.get(), *this, lm::watchWrite);
+  timer.start<&Event::timeout>(*this, NOTIFY_TIMEOUT);
+}
+
+void Service::Event::send(int /*fd*/, unsigned /*flags*/) {
+  watch.stop();
+  service.deliver(*this);
+}
+
+bool Service::Event::write(const std::string& notify) {
+  const timeval limit = {0, writeLimit};
+  setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+  const int flags = fcntl(socket.get(), F_GETFL);
+  if (flags < 0 || fcntl(socket.get(), F_SETFL, flags & ~O_NONBLOCK) != 0) {
+    logLine("fcntl 0: ", strerror(errno));
+    return false;
+  }
+  const ssize_t written = ::write(socket.get(), notify.data(), notify.size());
+  if (written < 0 || static_cast<size_t>(written) != notify.size()) {
+    logLine("write failed");
+    return false;
+  }
+  watch.start<&Event::readReply>(socket.get(), *this, lm::watchRead);
+  return true;
+}
+
+void Service::Event::readReply(int fd, unsigned /*flags*/) {
+  std::array<char, BUFLEN> bytes;
+  const ssize_t size = recv(fd, bytes.data(), bytes.size(), MSG_DONTWAIT);
+  if (size < 0 && (errno == EAGAIN || errno == EINTR)) return;
+  if (size <= 0) {
+    logLine("notify reply read failed");
+    return;
+  }
+  const HTTPMessage reply(std::string_view(bytes.data(), static_cast<size_t>(size)));
+  const std::string& line = reply.startLine;
+  if (line.size() < 9 || line.compare(9, 3, "200") != 0) logLine("bad notify reply: ", line);
+  service.endEvent(*this);  // destroys *this
+}
+
+void Service::Event::timeout() {
+  logLine("notify timeout");
+  service.endEvent(*this);  // destroys *this
+}

@@ -1,0 +1,242 @@
+// The services' event side: who is told of changes, and how.
+
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <uuid/uuid.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+#include <vector>
+
+#include "http/Log.h"
+#include "http/Server.h"
+#include "http/Text.h"
+#include "upnp/CallbackUrl.h"
+#include "upnp/Event.h"
+#include "upnp/Service.h"
+#include "upnp/Subscription.h"
+#include "xml/XMLNode.h"
+
+namespace {
+
+HTTPMessage preconditionFailed() { return HTTPMessage(HTTP_PRECONDITION_FAILED); }
+
+std::string newSid() {
+  uuid_t uuid;
+  uuid_generate(uuid);
+  char text[UUID_STR_LEN];
+  uuid_unparse_lower(uuid, text);
+  return std::string("uuid:") + text;
+}
+
+/// The first of the URLs in a CALLBACK field; empty when the field is malformed.
+std::string firstCallback(const std::string& field) {
+  if (!field.starts_with('<') || !field.ends_with('>')) return {};
+  return field.substr(1, field.find('>') - 1);
+}
+
+/// A connection to the callback that is under way. None, after a log line, when it fails at once.
+lm::Fd connectTo(const Subscription& subscription) {
+  lm::Fd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (!fd.valid()) {
+    logLine("tcp socket: ", strerror(errno));
+    return {};
+  }
+  if (fcntl(fd.get(), F_SETFL, O_NONBLOCK) != 0) {
+    logLine("fcntl O_NONBLOCK: ", strerror(errno));
+    return {};
+  }
+  sockaddr_in to = {};
+  to.sin_family = AF_INET;
+  to.sin_port = subscription.port;
+  to.sin_addr.s_addr = subscription.address;
+  if (connect(fd.get(), reinterpret_cast<const sockaddr*>(&to), sizeof to) != 0 &&
+      errno != EINPROGRESS) {
+    logLine("tcp connect: ", strerror(errno));
+    return {};
+  }
+  return fd;
+}
+
+void addProperty(XMLNode& set, const std::string& name, const std::string& value) {
+  XMLNode property("e:property");
+  property.addSubNode(name, value);
+  set.subNodes.push_back(std::move(property));
+  logLine("notify: ", name, " = '", value, "'");
+}
+
+/// The NOTIFY that carries `body` (UPnP Device Architecture 1.0, section 4.2.1). Takes the
+/// subscription's next SEQ.
+HTTPMessage makeNotify(Subscription& subscription, std::string body) {
+  HTTPMessage notify;
+  notify.startLine = "NOTIFY " + subscription.path + " HTTP/1.1";
+  notify.addField("HOST",
+                  iptostr(subscription.address) + ":" + uinttostr(ntohs(subscription.port)));
+  notify.addField("CONTENT-TYPE", "text/xml");
+  notify.addField("CONTENT-LENGTH", std::to_string(body.size()));
+  notify.addField("NT", "upnp:event");
+  notify.addField("NTS", "upnp:propchange");
+  notify.addField("SID", subscription.sid);
+  notify.addField("SEQ", uinttostr(subscription.takeSeq()));
+  notify.body = std::move(body);
+  return notify;
+}
+
+}  // namespace
+
+HTTPMessage Service::subscribe(const HTTPMessage& request) {
+  const uint32_t granted = grantedTime(request.getField("TIMEOUT"));
+  // A request that carries both a NT and a SID makes a new subscription.
+  return request.hasField("NT") ? newSubscription(request, granted)
+                                : renewSubscription(request, granted);
+}
+
+HTTPMessage Service::newSubscription(const HTTPMessage& request, uint32_t granted) {
+  if (request.getField("NT") != "upnp:event") return preconditionFailed();
+  const std::string callback = firstCallback(request.getField("CALLBACK"));
+  uint32_t address = 0;
+  uint16_t port = 0;
+  std::string path;
+  if (!parseCallbackUrl(callback, address, port, path)) return preconditionFailed();
+  logLine("callback addr: ", iptostr(address), ", port: ", ntohs(port), ", path: ", path);
+  if (subscriptions.size() >= SUBSCRIPTION_LIMIT) return HTTPMessage(HTTP_INTERNAL_SERVER_ERROR);
+  const bool known = std::ranges::any_of(
+      subscriptions, [address](const auto& entry) { return entry.second->address == address; });
+  if (known) return preconditionFailed();
+
+  auto made = std::make_unique<Subscription>(*this, newSid());
+  made->address = address;
+  made->port = port;
+  made->path = std::move(path);
+  Subscription& subscription = *made;
+  subscriptions[subscription.sid] = std::move(made);
+  logLine("subscribe: ", name);
+  sendInitialEvent(subscription);
+  return confirm(subscription, granted);
+}
+
+HTTPMessage Service::renewSubscription(const HTTPMessage& request, uint32_t granted) {
+  const auto found = subscriptions.find(request.getField("SID"));
+  if (found == subscriptions.end()) return preconditionFailed();
+  logLine("resubscribe: ", name);
+  return confirm(*found->second, granted);
+}
+
+HTTPMessage Service::confirm(Subscription& subscription, uint32_t granted) {
+  subscription.grant(granted);
+  HTTPMessage reply(HTTP_OK);
+  reply.addDate(0);
+  reply.addField("SERVER", SERVER_STRING);
+  reply.addField("SID", subscription.sid);
+  reply.addField("TIMEOUT", "Second-" + uinttostr(granted));
+  return reply;
+}
+
+HTTPMessage Service::unsubscribe(const HTTPMessage& request) {
+  const std::string sid = request.getField("SID");
+  if (!subscriptions.contains(sid)) return preconditionFailed();
+  logLine("unsubscribe");
+  removeSubscription(sid);
+  return HTTPMessage(HTTP_OK);
+}
+
+void Service::expireSubscription(std::string sid) {
+  logLine("subscription timeout: ", sid);
+  removeSubscription(sid);
+}
+
+void Service::flushSubscriptions() {
+  while (!subscriptions.empty()) removeSubscription(subscriptions.begin()->first);
+}
+
+void Service::removeSubscription(std::string sid) {
+  subscriptions.erase(sid);
+  // Those that wait for their turn find out that it will not come.
+  resumeEvents(std::move(sid));
+}
+
+void Service::sendInitialEvent(Subscription& subscription) {
+  subscription.initialEvent = sendEvent(subscription, "");
+  if (subscription.initialEvent >= 0) subscription.holdBackInitialEvent();
+}
+
+int Service::sendEvent(const Subscription& subscription, const std::string& variableName) {
+  lm::Fd connection = connectTo(subscription);
+  const int fd = connection.get();
+  if (fd < 0) return -1;
+  events[fd] = std::make_unique<Event>(*this, std::move(connection), ++lastEvent, subscription.sid,
+                                       variableName);
+  return fd;
+}
+
+void Service::deliver(Event& event) {
+  const auto found = subscriptions.find(event.sid);
+  if (found == subscriptions.end()) {
+    event.timeout();
+    return;
+  }
+  Subscription& subscription = *found->second;
+  const bool initial = subscription.initialEvent == event.socket.get();
+  event.waiting = initial ? subscription.initialEventIsHeldBack() : subscription.initialEvent >= 0;
+  if (event.waiting) return;
+
+  XMLNode set("e:propertyset");
+  set.addProperty("xmlns:e", "urn:schemas-upnp-org:event-1-0");
+  if (!addProperties(set, event.variable) ||
+      !event.write(makeNotify(subscription, set.get()).get())) {
+    event.timeout();
+  } else if (initial) {
+    initialEventEnded(subscription);
+  }
+}
+
+bool Service::addProperties(XMLNode& set, const std::string& variableName) const {
+  std::string value;
+  if (variableName.empty()) {
+    for (const auto& [each, variable] : variables) {
+      if (variable.evented && variable.getValue(value)) addProperty(set, each, value);
+    }
+    return true;
+  }
+  const auto found = variables.find(variableName);
+  if (found == variables.end()) {
+    logLine("unknown variable");
+    return false;
+  }
+  if (!found->second.getValue(value)) {
+    logLine("variable has no value");
+    return false;
+  }
+  addProperty(set, variableName, value);
+  return true;
+}
+
+void Service::endEvent(const Event& event) {
+  const int fd = event.socket.get();
+  const auto ended = events.extract(fd);
+  const auto found = subscriptions.find(ended.mapped()->sid);
+  if (found != subscriptions.end() && found->second->initialEvent == fd) {
+    initialEventEnded(*found->second);
+  }
+}
+
+void Service::initialEventEnded(Subscription& subscription) {
+  subscription.initialEvent = -1;
+  resumeEvents(subscription.sid);
+}
+
+void Service::resumeEvents(std::string sid) {
+  std::map<uint64_t, int> waiting;  // in the order of their start
+  for (const auto& [fd, event] : events) {
+    if (event->waiting && event->sid == sid) waiting[event->serial] = fd;
+  }
+  for (const auto& [serial, fd] : waiting) {
+    const auto found = events.find(fd);
+    if (found == events.end() || found->second->serial != serial) continue;
+    // The one before may have been the initial event, whose end has let all others go on.
+    if (found->second->waiting) deliver(*found->second);
+  }
+}

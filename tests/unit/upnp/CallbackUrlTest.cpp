@@ -1,0 +1,114 @@
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "http/Text.h"
+#include "platform/Keys.h"
+#include "platform/Looper.h"
+#include "support/Describe.h"
+#include "support/OutputCapture.h"
+#include "support/TestPlatform.h"
+#include "upnp/CallbackUrl.h"
+
+namespace {
+
+constexpr uint32_t resolve = 3;
+
+class CallbackUrl : public testing::Test {
+ protected:
+  bool parse(const std::string& url) { return parseCallbackUrl(url, address, port, path); }
+  /// The resolver knows this address for every name.
+  void resolverKnows(const char* dotted) {
+    lm::message reply;
+    reply.insert_be32(0x08000004, strtoip(dotted));
+    platform.answer({14}, resolve, reply);
+  }
+
+  lm::test::TestPlatform platform;
+  lm::Looper looper{platform.makeRuntime()};
+  lm::test::OutputCapture log;
+  uint32_t address = 0;
+  uint16_t port = 0;
+  std::string path;
+};
+
+TEST_F(CallbackUrl, IsTakenApart) {
+  const struct {
+    const char* url;
+    uint16_t port;
+    const char* path;
+  } rows[] = {
+      {"http://10.0.0.2:5000/event", 5000, "/event"},
+      {"http://10.0.0.2/", 80, "/"},
+      {"http://10.0.0.2:5000/a/b?c=d:e", 5000, "/a/b?c=d:e"},
+      {"http://10.0.0.2:/x", 0, "/x"},
+      {"http://10.0.0.2:port/x", 0, "/x"},
+      {"http://10.0.0.2:80x/x", 80, "/x"},
+      {"http://10.0.0.2:65616/x", 80, "/x"},  // cut to 16 bits
+      {"http://10.0.0.2:-1/x", 65535, "/x"},
+      {"http://10.0.0.2:1:2/x", 1, "/x"},
+  };
+  for (const auto& row : rows) {
+    ASSERT_TRUE(parse(row.url)) << row.url;
+    EXPECT_EQ(iptostr(address), "10.0.0.2") << row.url;
+    EXPECT_EQ(ntohs(port), row.port) << row.url;
+    EXPECT_EQ(path, row.path) << row.url;
+  }
+  EXPECT_TRUE(platform.sentTo({14}, resolve).empty());
+}
+
+TEST_F(CallbackUrl, IsRefusedWhenItIsNone) {
+  const struct {
+    const char* url;
+    const char* why;
+  } rows[] = {
+      {"", "empty"},
+      {"10.0.0.2:80/x", "no scheme"},
+      {"HTTP://10.0.0.2/x", "the case of the scheme matters"},
+      {"https://10.0.0.2/x", "another scheme"},
+      {"http://10.0.0.2:80", "no path"},
+      {"http://0.0.0.0/x", "no address"},
+      {"http://10.0.0.2/x\ny", "control character in the path"},
+      {"http://10.0.0.2/\x7f", "control character in the path"},
+  };
+  for (const auto& row : rows) EXPECT_FALSE(parse(row.url)) << row.why;
+}
+
+TEST_F(CallbackUrl, HasItsHostNameResolved) {
+  resolverKnows("10.0.0.9");
+  ASSERT_TRUE(parse("http://player.lan:8000/x"));
+  EXPECT_EQ(iptostr(address), "10.0.0.9");
+  EXPECT_EQ(ntohs(port), 8000);
+  const auto asked = platform.sentTo({14}, resolve);
+  ASSERT_EQ(asked.size(), 1U);
+  EXPECT_EQ(lm::test::describe(lm::test::contentOf(asked[0])), "{string 0x3=\"player.lan\"}");
+  EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(CallbackUrl, IsRefusedWhenItsHostNameHasNoAddress) {
+  platform.refuse({14}, resolve, "no such host");
+  EXPECT_FALSE(parse("http://nowhere.lan/x"));
+  EXPECT_EQ(log.text(), "resolving failed: no such host\n");
+}
+
+TEST_F(CallbackUrl, IsRefusedWhenTheResolverSaysNothing) {
+  platform.answer({14}, resolve, {});
+  EXPECT_FALSE(parse("http://nowhere.lan/x"));
+  EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(CallbackUrl, WaitsSixSecondsForTheResolver) {
+  platform.ignore({14}, resolve);
+  const uint64_t before = platform.clock().now();
+  EXPECT_FALSE(parse("http://nowhere.lan/x"));
+  EXPECT_EQ(platform.clock().now() - before, 6000U);
+}
+
+TEST_F(CallbackUrl, HasTheBroadcastAddressResolvedLikeAName) {
+  resolverKnows("10.0.0.9");
+  EXPECT_TRUE(parse("http://255.255.255.255/x"));
+  EXPECT_EQ(platform.sentTo({14}, resolve).size(), 1U);
+}
+
+}  // namespace

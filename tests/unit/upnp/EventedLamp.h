@@ -1,0 +1,69 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <string>
+
+#include "platform/Looper.h"
+#include "support/OutputCapture.h"
+#include "support/PrivateNetwork.h"
+#include "support/TestPlatform.h"
+#include "upnp/Service.h"
+#include "upnp/Subscriber.h"
+#include "upnp/Subscription.h"
+
+/// A service with evented and other variables.
+class EventedLamp : public Service {
+ public:
+  EventedLamp() : Service("urn:schemas-example:service:Lamp:1") {
+    addVar("State", {makeContainer("On", "Off"), true}).setValue("Off");
+    addVar("Colour", {VAR_STRING, true}).setValue("red");
+    addVar("Hours", {VAR_UI4, false}).setValue("7");
+    brightness = &addVar("Brightness", {VAR_UI2, true});
+  }
+
+  Variable* brightness = nullptr;  ///< evented, without a value at first
+};
+
+/// A lamp, its control points, and the time between them.
+class LampEvents : public testing::Test {
+ protected:
+  [[nodiscard]] std::string sidOf(const HTTPMessage& reply) { return reply.getField("SID"); }
+
+  /// Subscribes; returns the SID, empty when it was refused.
+  std::string subscribe(const Subscriber& who, const std::string& timeout = "Second-1800") {
+    return lamp->subscribe(who.subscribeRequest(timeout)).getField("SID");
+  }
+  /// Subscribes, and takes and answers the initial event.
+  std::string subscribeAndHear(Subscriber& who) {
+    std::string sid = subscribe(who);
+    passHoldBack();
+    who.notifyAndAnswer();
+    return sid;
+  }
+  HTTPMessage renew(const std::string& sid, const std::string& timeout = "Second-1800") {
+    HTTPMessage request;
+    request.addField("SID", sid);
+    request.addField("TIMEOUT", timeout);
+    return lamp->subscribe(request);
+  }
+  HTTPMessage unsubscribe(const std::string& sid) {
+    HTTPMessage request;
+    request.addField("SID", sid);
+    return lamp->unsubscribe(request);
+  }
+  void passHoldBack() { platform.advance(Subscription::holdBackTime); }
+  [[nodiscard]] int linesOf(const std::string& line) {
+    const std::string text = log.text();
+    int count = 0;
+    for (size_t at = 0; (at = text.find(line + "\n", at)) != std::string::npos; ++at) ++count;
+    return count;
+  }
+
+  PrivateNetwork network;
+  lm::test::TestPlatform platform;
+  lm::Looper looper{platform.makeRuntime()};
+  lm::test::OutputCapture log;
+  std::optional<EventedLamp> lamp{std::in_place};
+};

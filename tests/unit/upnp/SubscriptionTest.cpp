@@ -1,0 +1,224 @@
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "http/Server.h"
+#include "upnp/EventedLamp.h"
+#include "upnp/Subscription.h"
+
+namespace {
+
+constexpr const char* refused412 = "HTTP/1.1 412 Precondition Failed\r\n\r\n";
+constexpr uint32_t second = 100;  // in hundredths
+
+using Subscriptions = LampEvents;
+
+TEST(GrantedTime, LiesBetweenHalfAnHourAndADay) {
+  const struct {
+    const char* field;
+    uint32_t granted;
+  } rows[] = {
+      {"", 1800},
+      {"Second-300", 1800},
+      {"Second-0", 1800},
+      {"Second-1800", 1800},
+      {"Second-1801", 1801},
+      {"Second-3600", 3600},
+      {"Second-86400", 86400},
+      {"Second-86401", 86400},
+      {"Second-100000", 86400},
+      {"Second-99999999999", 86400},
+      {"Second-infinite", 86400},
+      {"Second-Infinite", 1800},  // no number
+      {"Second-3600s", 3600},     // the number's end is not looked at
+      {"Second-", 1800},
+      {"second-3600", 1800},  // another unit
+      {"3600", 1800},
+      {"Second--5", 86400},  // the minus sign wraps
+  };
+  for (const auto& row : rows) EXPECT_EQ(grantedTime(row.field), row.granted) << row.field;
+}
+
+TEST(SubscriptionSeq, GoesFromTheLargestNumberToOneAndNeverToZeroAgain) {
+  EventedLamp lamp;
+  Subscription subscription(lamp, "uuid:1");
+  EXPECT_EQ(subscription.takeSeq(), 0U);
+  EXPECT_EQ(subscription.takeSeq(), 1U);
+  subscription.seq = 4294967295;
+  EXPECT_EQ(subscription.takeSeq(), 4294967295U);
+  EXPECT_EQ(subscription.takeSeq(), 1U);
+  EXPECT_EQ(subscription.takeSeq(), 2U);
+}
+
+TEST_F(Subscriptions, AnswersWithDateServerSidAndTimeout) {
+  const Subscriber subscriber(platform);
+  const HTTPMessage reply = lamp->subscribe(subscriber.subscribeRequest("Second-3600"));
+  EXPECT_EQ(reply.startLine, "HTTP/1.1 200 OK");
+  EXPECT_EQ(reply.fieldNames, (std::vector<std::string>{"DATE", "SERVER", "SID", "TIMEOUT"}));
+  EXPECT_EQ(reply.getField("SERVER"), SERVER_STRING);
+  EXPECT_EQ(reply.getField("TIMEOUT"), "Second-3600");
+  EXPECT_TRUE(reply.body.empty());
+  EXPECT_EQ(log.text(),
+            "callback addr: 127.0.0.1, port: " + std::to_string(subscriber.listener.port) +
+                ", path: /event\nsubscribe: urn:schemas-example:service:Lamp:1\n");
+}
+
+TEST_F(Subscriptions, NamesThemselvesByALowerCaseUuid) {
+  const std::string sid = subscribe(Subscriber(platform));
+  ASSERT_EQ(sid.size(), 41U);
+  EXPECT_EQ(sid.substr(0, 5), "uuid:");
+  for (size_t i = 5; i < sid.size(); ++i) {
+    const bool dash = i == 13 || i == 18 || i == 23 || i == 28;
+    EXPECT_TRUE(dash ? sid[i] == '-' : std::string("0123456789abcdef").find(sid[i]) < 16) << sid;
+  }
+}
+
+TEST_F(Subscriptions, RefuseAWrongNt) {
+  HTTPMessage request;
+  request.addField("NT", "upnp:events");
+  request.addField("CALLBACK", Subscriber(platform).callback());
+  EXPECT_EQ(lamp->subscribe(request).get(), refused412);
+  EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(Subscriptions, RefuseABadCallback) {
+  const struct {
+    const char* callback;
+    const char* why;
+  } rows[] = {
+      {"", "empty"},
+      {"http://127.0.0.1:80/e", "no brackets"},
+      {"<http://127.0.0.1:80/e", "no closing bracket"},
+      {"http://127.0.0.1:80/e>", "no opening bracket"},
+      {"<", "half a bracket pair"},
+      {"<>", "nothing in it"},
+      {"<http://127.0.0.1:80>", "no path"},
+      {"<https://127.0.0.1:80/e>", "another scheme"},
+      {"<HTTP://127.0.0.1:80/e>", "the scheme's case matters"},
+      {"<http://0.0.0.0:80/e>", "no address"},
+      {"<http://127.0.0.1:80/e\nX: y>", "a line end, which would reach the NOTIFY"},
+  };
+  for (const auto& row : rows) {
+    HTTPMessage request;
+    request.addField("NT", "upnp:event");
+    request.addField("CALLBACK", row.callback);
+    EXPECT_EQ(lamp->subscribe(request).get(), refused412) << row.why;
+  }
+  HTTPMessage without;
+  without.addField("NT", "upnp:event");
+  EXPECT_EQ(lamp->subscribe(without).get(), refused412);
+  EXPECT_EQ(linesOf("subscribe: urn:schemas-example:service:Lamp:1"), 0);
+}
+
+TEST_F(Subscriptions, TakeTheFirstOfSeveralCallbacks) {
+  Subscriber first(platform);
+  Subscriber other(platform, "127.0.0.2");
+  HTTPMessage request;
+  request.addField("NT", "upnp:event");
+  request.addField("CALLBACK", first.callback() + other.callback());
+  EXPECT_EQ(lamp->subscribe(request).startLine, "HTTP/1.1 200 OK");
+  passHoldBack();
+  EXPECT_EQ(first.notify().getField("SEQ"), "0");
+  EXPECT_TRUE(other.hearsNothing());
+}
+
+TEST_F(Subscriptions, HoldOnePerAddressWhateverThePortAndPath) {
+  const Subscriber subscriber(platform);
+  const Subscriber otherPort(platform);
+  const std::string sid = subscribe(subscriber);
+  EXPECT_EQ(lamp->subscribe(otherPort.subscribeRequest()).get(), refused412);
+  EXPECT_EQ(unsubscribe(sid).get(), "HTTP/1.1 200 OK\r\n\r\n");
+  EXPECT_NE(subscribe(otherPort), "");
+}
+
+TEST_F(Subscriptions, AreAtMostAHundred) {
+  std::vector<std::unique_ptr<Subscriber>> subscribers;
+  for (int i = 1; i <= 101; ++i) {
+    subscribers.push_back(
+        std::make_unique<Subscriber>(platform, ("127.0.1." + std::to_string(i)).c_str()));
+  }
+  for (int i = 0; i < 100; ++i) ASSERT_NE(subscribe(*subscribers[static_cast<size_t>(i)]), "") << i;
+  const HTTPMessage late = lamp->subscribe(subscribers[100]->subscribeRequest());
+  EXPECT_EQ(late.get(), "HTTP/1.1 500 Internal Server Error\r\n\r\n");
+}
+
+TEST_F(Subscriptions, AreRenewedUnderTheSameSidWithoutAnEvent) {
+  Subscriber subscriber(platform);
+  const std::string sid = subscribeAndHear(subscriber);
+  const HTTPMessage reply = renew(sid, "Second-infinite");
+  EXPECT_EQ(reply.startLine, "HTTP/1.1 200 OK");
+  EXPECT_EQ(reply.getField("SID"), sid);
+  EXPECT_EQ(reply.getField("TIMEOUT"), "Second-86400");
+  EXPECT_EQ(linesOf("resubscribe: urn:schemas-example:service:Lamp:1"), 1);
+  EXPECT_TRUE(subscriber.hearsNothing());
+  lamp->setVar("Colour", "blue");
+  EXPECT_EQ(subscriber.notify().getField("SEQ"), "1");
+}
+
+TEST_F(Subscriptions, AreNotRenewedUnderAnUnknownSidOrNone) {
+  EXPECT_EQ(renew("uuid:0").get(), refused412);
+  EXPECT_EQ(lamp->subscribe(HTTPMessage()).get(), refused412);
+}
+
+TEST_F(Subscriptions, AreNewWhenTheRequestHasBothNtAndSid) {
+  const std::string sid = subscribe(Subscriber(platform));
+  HTTPMessage request = Subscriber(platform, "127.0.0.2").subscribeRequest();
+  request.addField("SID", sid);
+  EXPECT_NE(lamp->subscribe(request).getField("SID"), sid);
+}
+
+TEST_F(Subscriptions, EndAfterTheGrantedTime) {
+  for (const uint32_t time : {1800U, 86400U}) {
+    const std::string sid = subscribe(Subscriber(platform), "Second-" + std::to_string(time));
+    platform.advance(time * second - 1);
+    EXPECT_EQ(linesOf("subscription timeout: " + sid), 0);
+    platform.advance(1);
+    EXPECT_EQ(linesOf("subscription timeout: " + sid), 1);
+    EXPECT_EQ(renew(sid).get(), refused412);
+    EXPECT_EQ(unsubscribe(sid).get(), refused412);
+  }
+}
+
+TEST_F(Subscriptions, LiveAnewFromTheirRenewalOn) {
+  const std::string sid = subscribe(Subscriber(platform));
+  platform.advance(1799 * second);
+  renew(sid, "Second-3600");
+  platform.advance(3600 * second - 1);
+  EXPECT_EQ(linesOf("subscription timeout: " + sid), 0);
+  platform.advance(1);
+  EXPECT_EQ(linesOf("subscription timeout: " + sid), 1);
+}
+
+TEST_F(Subscriptions, EndWhenUnsubscribed) {
+  Subscriber subscriber(platform);
+  const std::string sid = subscribeAndHear(subscriber);
+  EXPECT_EQ(unsubscribe(sid).get(), "HTTP/1.1 200 OK\r\n\r\n");
+  EXPECT_EQ(linesOf("unsubscribe"), 1);
+  EXPECT_EQ(unsubscribe(sid).get(), refused412);
+  EXPECT_EQ(linesOf("unsubscribe"), 1);
+  lamp->setVar("Colour", "blue");
+  EXPECT_TRUE(subscriber.hearsNothing());
+  platform.advance(1800 * second);
+  EXPECT_EQ(linesOf("subscription timeout: " + sid), 0);
+}
+
+TEST_F(Subscriptions, EndTogetherWhenFlushed) {
+  const std::string one = subscribe(Subscriber(platform));
+  const std::string other = subscribe(Subscriber(platform, "127.0.0.2"));
+  lamp->flushSubscriptions();
+  EXPECT_EQ(renew(one).get(), refused412);
+  EXPECT_EQ(renew(other).get(), refused412);
+  platform.advance(1800 * second);
+  EXPECT_EQ(log.text().find("subscription timeout"), std::string::npos);
+}
+
+TEST_F(Subscriptions, EndWithTheirService) {
+  const std::string sid = subscribe(Subscriber(platform));
+  lamp.reset();
+  platform.advance(86400 * second);
+  EXPECT_EQ(linesOf("subscription timeout: " + sid), 0);
+}
+
+}  // namespace
