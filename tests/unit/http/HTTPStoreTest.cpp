@@ -12,7 +12,7 @@ namespace fs = std::filesystem;
 class HTTPStoreTest : public testing::Test {
  protected:
   HTTPStoreTest() : directory(makeDirectory()), store(directory + "/") {}
-  ~HTTPStoreTest() override { fs::remove_all(directory); }
+  void TearDown() override { fs::remove_all(directory); }
 
   void write(const std::string& file, const std::string& content) const {
     std::ofstream(directory + "/" + file, std::ios::binary) << content;

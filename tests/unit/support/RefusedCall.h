@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <seccomp.h>
 
+#include <array>
 #include <functional>
 #include <thread>
 
@@ -20,11 +21,13 @@ inline void whileRefused(const RefusedCall& call, int error, const std::function
   std::thread([&] {
     scmp_filter_ctx filter = seccomp_init(SCMP_ACT_ALLOW);
     const auto action = SCMP_ACT_ERRNO(static_cast<uint32_t>(error));
+    const std::array<scmp_arg_cmp, 2> arguments = {{
+        {1, SCMP_CMP_EQ, static_cast<scmp_datum_t>(call.level), 0},
+        {2, SCMP_CMP_EQ, static_cast<scmp_datum_t>(call.option), 0},
+    }};
+    const unsigned compared = call.level < 0 ? 0 : 2;
     const int added =
-        call.level < 0 ? seccomp_rule_add(filter, action, call.number, 0)
-                       : seccomp_rule_add(filter, action, call.number, 2,
-                                          SCMP_A1(SCMP_CMP_EQ, static_cast<uint64_t>(call.level)),
-                                          SCMP_A2(SCMP_CMP_EQ, static_cast<uint64_t>(call.option)));
+        seccomp_rule_add_array(filter, action, call.number, compared, arguments.data());
     const int loaded = seccomp_load(filter);
     seccomp_release(filter);
     ASSERT_EQ(added, 0);
