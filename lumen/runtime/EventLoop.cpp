@@ -3,8 +3,6 @@
 #include <ev.h>
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/ioctl.h>
-#include <sys/socket.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -13,9 +11,9 @@
 #include <utility>
 #include <vector>
 
+#include "lumen/runtime/Descriptors.h"
 #include "lumen/runtime/Log.h"
 #include "lumen/runtime/TimerQueue.h"
-#include "platform/Fd.h"
 
 namespace lm {
 namespace {
@@ -26,35 +24,6 @@ constexpr uint64_t pause = 100;
 constexpr unsigned loopFlags = unsigned{EVBACKEND_EPOLL} | unsigned{EVFLAG_NOENV};
 
 EventLoop* theLoop = nullptr;
-
-bool isListening(int fd) {
-  int listening = 0;
-  socklen_t length = sizeof listening;
-  return getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &length) == 0 && listening != 0;
-}
-
-short conditions(int fd, short wanted) {
-  pollfd look{fd, wanted, 0};
-  return poll(&look, 1, 0) > 0 ? look.revents : short{0};
-}
-
-/// Whether waiting for `flags` of `fd` would end at once for no other reason than that the peer is
-/// gone, or the descriptor itself. Takes nothing from it, neither bytes nor a pending error.
-bool isSpent(int fd, unsigned flags) {
-  const short seen = conditions(fd, POLLRDHUP);
-  if (seen & POLLNVAL) return true;
-  if ((flags & watchRead) == 0) return (seen & (POLLHUP | POLLERR)) != 0;
-  if ((seen & (POLLRDHUP | POLLHUP | POLLERR)) == 0) return false;
-  int unread = 0;
-  return ioctl(fd, FIONREAD, &unread) != 0 || unread == 0;
-}
-
-/// The lowest free descriptor number, which changes when one is opened and kept; -1 when there is
-/// none. It tells whether a callback has accepted a client.
-int lowestFreeDescriptor(int anyOpen) {
-  const Fd copy(fcntl(anyOpen, F_DUPFD_CLOEXEC, 0));
-  return copy.get();
-}
 
 }  // namespace
 
@@ -255,10 +224,11 @@ void EventLoop::State::dispatchListeners() {
 void EventLoop::State::dispatchListener(const Ready& ready) {
   const Watch* watch = find(ready);
   if (!watch) return;
+  // A callback that has accepted a client holds a descriptor more.
   const int before = lowestFreeDescriptor(ready.fd);
   watch->callback(watch->owner, ready.fd, watchRead);
   if (!find(ready)) return;
-  judge(ready, lowestFreeDescriptor(ready.fd) != before || conditions(ready.fd, POLLIN) == 0);
+  judge(ready, lowestFreeDescriptor(ready.fd) != before || !isReadable(ready.fd));
 }
 
 void EventLoop::State::judge(const Ready& ready, bool progress) {

@@ -59,7 +59,7 @@ class ConnectionTest : public testing::Test {
     return m ? describe(*m) : "nothing";
   }
 
-  const SystemClock clock_;
+  const SystemClock clock_{};
   test::SocketPair sockets_{SOCK_SEQPACKET};
   Connection connection_{clock_, std::make_unique<SocketTransport>(std::move(sockets_.ours))};
 };
