@@ -81,7 +81,7 @@ Lines GatewayTest::allTargets(uint32_t interface) {
 
 Lines GatewayTest::marked(const std::string& mark, const Lines& targets) {
   Lines result;
-  for (const std::string& target : targets) result.push_back(mark + " " + target);
+  for (const std::string& target : targets) result.push_back((mark + " ").append(target));
   return result;
 }
 
@@ -230,7 +230,7 @@ void GatewayTest::stop() {
 }
 
 Lines GatewayTest::log() {
-  const Lines lines = splitLines(testing::internal::GetCapturedStdout());
+  Lines lines = splitLines(testing::internal::GetCapturedStdout());
   testing::internal::CaptureStdout();
   return lines;
 }

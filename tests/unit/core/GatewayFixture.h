@@ -20,6 +20,10 @@ using Lines = std::vector<std::string>;
 /// A gateway on a scripted platform, with a real LAN side: interface 2 is lan0, 192.168.88.1.
 /// Interface 3, "WAN", exists for the platform only and has 45.45.45.2.
 class GatewayTest : public testing::Test {
+ public:
+  GatewayTest();
+  ~GatewayTest() override;
+
  protected:
   static constexpr uint32_t lan = 2;
   static constexpr uint32_t wan = 3;
@@ -27,9 +31,6 @@ class GatewayTest : public testing::Test {
   static constexpr uint32_t internal = 2;
   static constexpr uint32_t lanAddress = 11;  // address object
   static constexpr uint32_t wanAddress = 12;  // address object
-
-  GatewayTest();
-  ~GatewayTest() override;
 
   // The platform's side.
 
