@@ -28,6 +28,7 @@ Platform::Platform(const lm::EventLoop& loop, Processes& processes,
     : supervisor_(std::move(services), processes, loop.clock(), path::runFolder),
       broker_(supervisor_, loop.clock(), administratorGroup()),
       identity_(store("identity")),
+      history_(store("history")),
       addresses_(broker_),
       interfaces_(links_, addresses_, broker_, store("interfaces")),
       natMap_(nftables_),
@@ -36,6 +37,7 @@ Platform::Platform(const lm::EventLoop& loop, Processes& processes,
       listener_(broker_) {
   supervisor_.setObserver(broker_);
   broker_.addLocal(lm::service::identity, 0, identity_);
+  broker_.addLocal(lm::service::history, 0, history_);
   broker_.addLocal(lm::service::interfaces, lm::handler::interfaces, interfaces_);
   broker_.addLocal(lm::service::interfaces, lm::handler::addresses, addresses_);
   broker_.addLocal(lm::service::interfaces, lm::handler::natRules, natRules_);

@@ -7,6 +7,7 @@
 #include "lumen/services/addresses/AddressTable.h"
 #include "lumen/services/broker/Broker.h"
 #include "lumen/services/broker/Listener.h"
+#include "lumen/services/history/History.h"
 #include "lumen/services/identity/Identity.h"
 #include "lumen/services/interfaces/InterfaceTable.h"
 #include "lumen/services/nat/NatMap.h"
@@ -36,7 +37,7 @@ inline const std::string lock = "/lumen/run/lumend.lock";
 class Platform {
  public:
   /// The stores of lumend's own, directories in the store folder that must exist.
-  static std::vector<std::string> stores() { return {"identity", "interfaces", "nat"}; }
+  static std::vector<std::string> stores() { return {"history", "identity", "interfaces", "nat"}; }
 
   /// `loop` and `processes` must outlive this.
   Platform(const lm::EventLoop& loop, Processes& processes,
@@ -55,6 +56,7 @@ class Platform {
   Supervisor supervisor_;
   Broker broker_;
   Identity identity_;
+  History history_;
   NetlinkLinks links_;
   AddressTable addresses_;
   InterfaceTable interfaces_;

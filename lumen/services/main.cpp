@@ -69,7 +69,8 @@ void keepOnly(std::span<const unsigned> capabilities) {
 }
 
 std::vector<ServiceDefinition> readServices() {
-  const std::set<uint32_t> own = {lm::service::interfaces, lm::service::identity};
+  const std::set<uint32_t> own = {lm::service::interfaces, lm::service::identity,
+                                  lm::service::history};
   return lumen::readServiceFolder(path::serviceFolder, lumen::SystemUsers(), own);
 }
 

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <string>
+
+#include "lumen/runtime/RecordDirectory.h"
+#include "lumen/services/LocalHandler.h"
+#include "platform/message.h"
+
+namespace lumen {
+
+/// What was changed on this router lately, each with the message that takes it back. It survives
+/// the end of the process. The fields are in HistoryKeys.h.
+class History : public LocalHandler {
+ public:
+  /// How many changes are kept; the oldest goes when one more comes.
+  static constexpr size_t capacity = 100;
+  static constexpr size_t longestText = 200;          ///< in bytes
+  static constexpr size_t longestUndo = 64UL * 1024;  ///< in bytes on the wire
+
+  /// Seconds since 1970.
+  using WallClock = uint64_t (*)();
+
+  /// `storePath` is a store directory that belongs to this program's user.
+  explicit History(std::string storePath, WallClock clock = systemTime);
+
+  [[nodiscard]] lm::message handle(const Caller& caller, uint32_t command,
+                                   const lm::message& request) override;
+
+ private:
+  static uint64_t systemTime();
+
+  [[nodiscard]] lm::message add(const Caller& caller, const lm::message& request);
+  [[nodiscard]] lm::message read(const lm::message& request) const;
+  [[nodiscard]] lm::message remove(const lm::message& request);
+
+  lm::RecordDirectory store_;
+  const WallClock clock_;
+  std::map<uint32_t, lm::message> entries_;  // by id, which rises
+  uint32_t lastId_ = 0;
+};
+
+}  // namespace lumen

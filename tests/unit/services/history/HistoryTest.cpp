@@ -1,0 +1,174 @@
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "lumen/services/history/History.h"
+#include "lumen/services/history/HistoryKeys.h"
+#include "platform/Keys.h"
+#include "support/Describe.h"
+#include "support/OutputCapture.h"
+#include "support/TempDir.h"
+
+namespace lumen {
+namespace {
+
+namespace key = history::key;
+
+class HistoryTest : public testing::Test {
+ protected:
+  static Caller gateway() {
+    Caller caller;
+    caller.service = 40;
+    return caller;
+  }
+  static Caller administrator() {
+    Caller caller;
+    caller.administrator = true;
+    return caller;
+  }
+  static lm::message changed(const std::string& text, uint32_t value = 7) {
+    lm::message undo;
+    undo.insert_u32(lm::key::command, lm::cmd::set);
+    undo.insert_u32(1, value);
+    lm::message request;
+    request.insert_u32_array(lm::key::source, {40, 3});
+    request.insert_string(key::text, text);
+    request.insert_message(key::undo, undo);
+    return request;
+  }
+  lm::message add(const lm::message& request, const Caller& caller = gateway()) {
+    return history->handle(caller, lm::cmd::addObject, request);
+  }
+  std::vector<std::string> texts() {
+    std::vector<std::string> result;
+    lm::message request;
+    while (true) {
+      const lm::message page = history->handle(administrator(), lm::cmd::list, request);
+      for (const lm::message& entry : page.get_message_array_ref(lm::key::records)) {
+        result.push_back(entry.get_string(key::text));
+      }
+      const uint32_t cursor = page.get_u32(lm::key::cursor, lm::none);
+      if (cursor == lm::none) return result;
+      request.insert_u32(lm::key::cursor, cursor);
+    }
+  }
+  std::string remove(uint32_t id, const Caller& caller = administrator()) {
+    lm::message request;
+    request.insert_u32(lm::key::objectId, id);
+    return lm::getError(history->handle(caller, lm::cmd::removeObject, request));
+  }
+  void restart() {
+    history.emplace(store.path(), [] { return uint64_t{1700000000}; });
+  }
+
+  lm::test::TempDir store;
+  std::optional<History> history{std::in_place, store.path(), [] { return uint64_t{1700000000}; }};
+};
+
+TEST_F(HistoryTest, KeepsWhatWasChangedByWhomAndWhen) {
+  const lm::message reply = add(changed("upnp config changed"));
+  EXPECT_EQ(reply.get_u32(lm::key::objectId), 1U);
+  lm::message request;
+  request.insert_u32(lm::key::objectId, 1);
+  const lm::message entry = history->handle(administrator(), lm::cmd::readObject, request);
+  EXPECT_EQ(entry.get_string(key::text), "upnp config changed");
+  EXPECT_EQ(entry.get_u32_array_ref(key::path), (std::vector<uint32_t>{40, 3}));
+  EXPECT_EQ(entry.get_u64(key::time), 1700000000U);
+  EXPECT_EQ(entry.get_message(key::undo), changed("").get_message(key::undo));
+}
+
+TEST_F(HistoryTest, ListsTheOldestFirst) {
+  add(changed("one"));
+  add(changed("two"));
+  EXPECT_EQ(texts(), (std::vector<std::string>{"one", "two"}));
+}
+
+TEST_F(HistoryTest, SurvivesARestart) {
+  add(changed("one"));
+  add(changed("two"));
+  restart();
+  add(changed("three"));
+  EXPECT_EQ(texts(), (std::vector<std::string>{"one", "two", "three"}));
+}
+
+TEST_F(HistoryTest, KeepsTheNewestHundredAcrossRestarts) {
+  for (int i = 1; i <= 103; ++i) add(changed(std::to_string(i)));
+  restart();
+  const std::vector<std::string> kept = texts();
+  ASSERT_EQ(kept.size(), 100U);
+  EXPECT_EQ(kept.front(), "4");
+  EXPECT_EQ(kept.back(), "103");
+  EXPECT_EQ(store.names().size(), 100U);
+}
+
+TEST_F(HistoryTest, ForgetsWhatWasTakenBack) {
+  add(changed("one"));
+  add(changed("two"));
+  EXPECT_EQ(remove(2), "");
+  EXPECT_EQ(remove(2), "no such object");
+  restart();
+  EXPECT_EQ(texts(), std::vector<std::string>{"one"});
+}
+
+TEST_F(HistoryTest, RefusesWhatNobodyCouldTakeBack) {
+  lm::message withoutCommand = changed("x");
+  withoutCommand.insert_message(key::undo, {});
+  lm::message tooLong = changed("x");
+  lm::message undo;
+  undo.insert_u32(lm::key::command, lm::cmd::set);
+  undo.insert_string(1, std::string(History::longestUndo, 'x'));
+  tooLong.insert_message(key::undo, undo);
+  const struct {
+    lm::message request;
+    const char* why;
+  } rows[] = {
+      {changed(""), "no text, or too long a one"},
+      {changed(std::string(History::longestText + 1, 'x')), "no text, or too long a one"},
+      {withoutCommand, "an undo message without a command"},
+      {tooLong, "the undo message is too long"},
+      {{}, "no text, or too long a one"},
+  };
+  for (const auto& row : rows) EXPECT_EQ(lm::getError(add(row.request)), row.why);
+  EXPECT_EQ(lm::getError(add(changed("x"), administrator())),
+            "only a service can take its changes back");
+  EXPECT_TRUE(texts().empty());
+}
+
+TEST_F(HistoryTest, ShowsAndForgetsForAdministratorsOnly) {
+  add(changed("one"));
+  for (const uint32_t command :
+       {lm::cmd::list, lm::cmd::readAll, lm::cmd::readObject, lm::cmd::removeObject}) {
+    lm::message request;
+    request.insert_u32(lm::key::objectId, 1);
+    EXPECT_EQ(lm::getError(history->handle(gateway(), command, request)), "not permitted");
+  }
+  EXPECT_EQ(texts(), std::vector<std::string>{"one"});
+}
+
+TEST_F(HistoryTest, AnswersWhatItDoesNotKnowWithAnError) {
+  EXPECT_EQ(lm::getError(history->handle(administrator(), 99, {})), "unknown command");
+  EXPECT_EQ(lm::getError(history->handle(administrator(), lm::cmd::readObject, {})),
+            "no such object");
+}
+
+TEST_F(HistoryTest, StartsWithoutAnEntryThatIsBroken) {
+  add(changed("one"));
+  add(changed("two"));
+  store.write("1", "broken");
+  const lm::test::OutputCapture log;
+  restart();
+  EXPECT_EQ(texts(), std::vector<std::string>{"two"});
+}
+
+TEST_F(HistoryTest, RefusesAChangeThatCannotBeStored) {
+  lm::test::OutputCapture log;
+  history.emplace(store.path() + "/nowhere", [] { return uint64_t{0}; });
+  EXPECT_EQ(lm::getError(add(changed("one"))), "the change could not be stored");
+  EXPECT_TRUE(texts().empty());
+  EXPECT_NE(log.text(), "");
+}
+
+}  // namespace
+}  // namespace lumen
