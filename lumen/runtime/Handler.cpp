@@ -68,10 +68,8 @@ void Handler::notifyChange(uint32_t id, const message& config) {
   runtime().connection().notify(std::move(notification), cmd::changed, state_->number);
 }
 
-void Handler::sendUndo(const message& request, const message& undo, const std::string& text) {
-  const std::vector<uint32_t>& requester = request.get_u32_array_ref(key::source);
-  // A change that takes one back is none to be taken back: undoing twice goes two changes back.
-  if (!requester.empty() && requester[0] == service::history) return;
+// A change that takes one back is told like any other: undoing it does the first again.
+void Handler::sendUndo(const message& /*request*/, const message& undo, const std::string& text) {
   message entry;
   entry.insert_u32_array(key::destination, {service::history});
   entry.insert_string(undoText, text);

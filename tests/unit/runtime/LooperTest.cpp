@@ -265,13 +265,6 @@ TEST_F(LooperTest, HandsUndoMessagesToTheHistory) {
   EXPECT_EQ(sent[0].get_u32_array_ref(key::source), (test::Path{0, 0}));
 }
 
-TEST_F(LooperTest, AnUndoIsNotUndoneAgain) {
-  message request;
-  request.insert_u32_array(key::source, {service::history, 0});
-  service_.sendUndo(request, number(1), "upnp config changed");
-  EXPECT_TRUE(platform_.sentTo({66}, cmd::addObject).empty());
-}
-
 TEST_F(LooperTest, LeavesWhenTheConnectionEnds) {
   platform_.endConnection();
   looper_.run();
