@@ -221,9 +221,10 @@ TEST_F(ObjectMap, AnUndoneRemovalComesBackAsItWas) {
   remove(1);
   const message undo = platform_.sentTo({66}, cmd::addObject).at(0).get_message(2);
   platform_.forgetSent();
-  platform_.request(0, undo.get_u32(key::command), undo, {service::history, 0});
+  platform_.request(0, undo.get_u32(key::command), undo);
   EXPECT_EQ(read(1), before);
-  EXPECT_TRUE(undos().empty()) << "taking back is not to be taken back";
+  EXPECT_EQ(undos(), Names{"lamp added {u32 0xff0007=16646150, u32 0xfe0001=1}"})
+      << "so that it can be removed again";
 }
 
 TEST_F(ObjectMap, SubscribersHearOfEveryChange) {
