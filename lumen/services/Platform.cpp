@@ -19,20 +19,18 @@ std::optional<gid_t> administratorGroup() {
   return found->gr_gid;
 }
 
-std::string store(const std::string& name) { return path::storeFolder + "/" + name; }
-
 }  // namespace
 
 Platform::Platform(const lm::EventLoop& loop, Processes& processes,
                    std::vector<ServiceDefinition> services)
     : supervisor_(std::move(services), processes, loop.clock(), path::runFolder),
       broker_(supervisor_, loop.clock(), administratorGroup()),
-      identity_(store("identity")),
-      history_(store("history")),
+      identity_(path::store("identity")),
+      history_(path::store("history")),
       addresses_(broker_),
-      interfaces_(links_, addresses_, broker_, store("interfaces")),
+      interfaces_(links_, addresses_, broker_, path::store("interfaces")),
       natMap_(nftables_),
-      policies_(path::natPolicy, store("nat")),
+      policies_(path::natPolicy, path::store("nat")),
       natRules_(natMap_, flows_, addresses_, policies_, loop.clock()),
       listener_(broker_) {
   supervisor_.setObserver(broker_);

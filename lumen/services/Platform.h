@@ -31,6 +31,9 @@ inline const std::string storeFolder = "/lumen/store";
 inline const std::string runFolder = "/lumen/run";
 inline const std::string socket = "/lumen/run/lumen.sock";
 inline const std::string lock = "/lumen/run/lumend.lock";
+
+/// The directory of a store.
+inline std::string store(const std::string& name) { return storeFolder + "/" + name; }
 }  // namespace path
 
 /// Everything that lumend does, on the real kernel.

@@ -80,8 +80,7 @@ void prepareRoot(const std::vector<ServiceDefinition>& services, lumen::LinuxPro
   demand(lumen::makeDirectory(path::storeFolder, 0, 0, forAll));
   for (const ServiceDefinition& service : services) {
     for (const std::string& store : service.stores) {
-      demand(lumen::makeDirectory(path::storeFolder + "/" + store, service.user, service.group,
-                                  forOwner));
+      demand(lumen::makeDirectory(path::store(store), service.user, service.group, forOwner));
     }
     processes.open(service.executable);
   }
@@ -91,7 +90,7 @@ void reportMissingStores(const std::vector<ServiceDefinition>& services) {
   for (const ServiceDefinition& service : services) {
     for (const std::string& store : service.stores) {
       struct stat info = {};
-      const std::string directory = path::storeFolder + "/" + store;
+      const std::string directory = path::store(store);
       if (stat(directory.c_str(), &info) == 0 && info.st_uid == service.user) continue;
       lm::logLine(service.name, ": ", directory, " is missing or belongs to another user");
     }
@@ -135,7 +134,7 @@ int main(int argc, char** argv) {
     keepOnly(lumen::neededCapabilities());
   }
   for (const std::string& store : Platform::stores()) {
-    demand(lumen::makeDirectory(path::storeFolder + "/" + store, 0, 0, forOwner));
+    demand(lumen::makeDirectory(path::store(store), 0, 0, forOwner));
   }
   reportMissingStores(services);
   const lm::Fd lock = becomeTheOnlyOne();
