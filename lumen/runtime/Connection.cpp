@@ -55,11 +55,11 @@ void Connection::notify(message notification, uint32_t command, uint32_t sender)
   if (!send(notification) && !ended_) logLine("platform: notification ", command, " is too long");
 }
 
-void Connection::reply(const message& request, message answer) {
+void Connection::reply(uint32_t serial, message answer) {
   for (uint32_t key : {key::destination, key::source, key::command}) answer.fields().erase(key);
-  answer.insert_u32(key::serial, request.get_u32(key::serial));
+  answer.insert_u32(key::serial, serial);
   answer.insert_bool(key::isReply, true);
-  if (!send(answer) && !ended_) reply(request, failure("answer too long"));
+  if (!send(answer) && !ended_) reply(serial, failure("answer too long"));
 }
 
 void Connection::progress() {

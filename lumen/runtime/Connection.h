@@ -31,8 +31,8 @@ class Connection {
   void post(message request, uint32_t command, uint32_t sender);
   /// Sends a notification about `sender`.
   void notify(message notification, uint32_t command, uint32_t sender);
-  /// Sends what `request`, which has arrived, is answered with.
-  void reply(const message& request, message answer);
+  /// Sends the answer to the request that has arrived with this serial.
+  void reply(uint32_t serial, message answer);
 
   /// Takes in what has arrived and sends on what waits for room. Waits for nobody.
   void progress();

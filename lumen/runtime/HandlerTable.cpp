@@ -1,6 +1,7 @@
 #include "lumen/runtime/HandlerTable.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "lumen/runtime/Broker.h"
 #include "lumen/runtime/HandlerState.h"
@@ -44,7 +45,9 @@ void HandlerTable::unsubscribe(Handler& handler, uint32_t command,
 
 void HandlerTable::dispatch(const message& m) {
   if (m.has_array(key::destination)) {
-    connection_.reply(m, answer(m));
+    unanswered_ = m.get_u32(key::serial);
+    message reply = answer(m);
+    if (const auto serial = takeAnswer()) connection_.reply(*serial, std::move(reply));
     return;
   }
   const Topic topic{m.get_u32(key::command), m.get_u32_array_ref(key::source)};
@@ -58,6 +61,10 @@ void HandlerTable::dispatch(const message& m) {
     if (std::find(now->second.begin(), now->second.end(), handler) == now->second.end()) continue;
     (void)handler->dispatch(m, topic.first);
   }
+}
+
+std::optional<uint32_t> HandlerTable::takeAnswer() {
+  return std::exchange(unanswered_, std::nullopt);
 }
 
 message HandlerTable::answer(const message& request) {

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -28,6 +29,10 @@ class HandlerTable {
   /// may come and go meanwhile.
   void dispatch(const message& m);
 
+  /// Leaves the answer to the request that is being dispatched to the caller. Returns the serial of
+  /// the request; none when it has been taken before, or a notification is dispatched.
+  [[nodiscard]] std::optional<uint32_t> takeAnswer();
+
  private:
   using Topic = std::pair<uint32_t, std::vector<uint32_t>>;  // command, source path
 
@@ -35,6 +40,7 @@ class HandlerTable {
   [[nodiscard]] message answer(const message& request);
 
   Connection& connection_;
+  std::optional<uint32_t> unanswered_;  // serial of the request that is being dispatched
   std::map<uint32_t, Handler*> handlers_;
   std::map<Topic, std::vector<Handler*>> subscribers_;  // in the order of subscription
 };

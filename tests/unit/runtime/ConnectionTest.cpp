@@ -167,18 +167,16 @@ TEST_F(ConnectionTest, TheReplyToAPostIsDropped) {
 }
 
 TEST_F(ConnectionTest, AnswersCarryTheSerialAndNoPath) {
-  message incoming = request(7);
-  incoming.insert_u32(key::serial, 77);
-  connection_.reply(incoming, request(8));
+  connection_.reply(77, request(8));
   EXPECT_EQ(platformReceives(), "{u32 0x1=8, u32 0xff0003=77, bool 0xff0004=1}");
 }
 
 TEST_F(ConnectionTest, AnAnswerThatIsTooLongBecomesAnError) {
   message answer;
   answer.insert_string(1, std::string(maxDatagram, 'x'));
-  connection_.reply(request(7), answer);
+  connection_.reply(7, answer);
   EXPECT_EQ(platformReceives(),
-            "{u32 0xff0008=16646153, string 0xff0009=\"answer too long\", u32 0xff0003=0, "
+            "{u32 0xff0008=16646153, string 0xff0009=\"answer too long\", u32 0xff0003=7, "
             "bool 0xff0004=1}");
 }
 
