@@ -6,6 +6,7 @@
 #include "lumen/runtime/Fields.h"
 #include "lumen/runtime/Log.h"
 #include "lumen/services/broker/BrokerKeys.h"
+#include "lumen/services/broker/Shown.h"
 #include "platform/Keys.h"
 
 namespace lumen {
@@ -16,7 +17,6 @@ constexpr const char* notPermitted = "not permitted";
 constexpr const char* serviceUnavailable = "service unavailable";
 
 constexpr uint32_t highestService = 0xFFFF;
-constexpr uint32_t anonymous = 0x10000;  // a source without a service number: this and its number
 
 bool has(const lm::message& m, uint32_t key) { return m.fields().find(key) != nullptr; }
 
@@ -85,6 +85,7 @@ void Broker::ended(Connection& connection, const std::string& why) {
   const auto found = connections_.find(connection.number());
   const std::unique_ptr<Connection> gone = std::move(found->second);
   connections_.erase(found);
+  monitors_.erase(gone->number());
   for (const uint32_t service : gone->serves) {
     registrations_.erase(service);
     services_.lost(service);
@@ -99,6 +100,11 @@ void Broker::ended(Connection& connection, const std::string& why) {
 void Broker::request(Connection& from, lm::message request) {
   const std::vector<uint32_t> destination = request.get_u32_array_ref(lm::key::destination);
   const Path to = Path::of(destination);
+  if (!monitors_.empty()) {
+    lm::message seen = request;
+    writeSource(from, seen);
+    show(numberOf(from), to.service, seen);
+  }
   if (++from.requests > maxRequests) {
     return refuse(requester(from, request), "too many requests at a time");
   }
@@ -118,7 +124,7 @@ void Broker::reply(Connection& from, lm::message reply) {
   const auto to = requests_.answered(reply.get_u32(lm::key::serial), from.number());
   if (!to) return;
   if (has(reply, lm::key::source)) writeSource(from, reply);
-  answer(*to, std::move(reply));
+  answer(numberOf(from), *to, std::move(reply));
 }
 
 void Broker::own(Connection& from, const lm::message& request) {
@@ -129,11 +135,13 @@ void Broker::own(Connection& from, const lm::message& request) {
     case brokercmd::unregisterServices:
       return unregisterServices(from, request);
     case brokercmd::subscribe:
-      return answer(to, subscribe(from, request));
+      return answer(lm::service::broker, to, subscribe(from, request));
     case brokercmd::unsubscribe:
-      return answer(to, unsubscribe(from, request));
+      return answer(lm::service::broker, to, unsubscribe(from, request));
     case brokercmd::services:
-      return answer(to, listServices(from));
+      return answer(lm::service::broker, to, listServices(from));
+    case brokercmd::monitor:
+      return monitor(from, request);
     default:
       return refuse(to, "unknown command");
   }
@@ -161,7 +169,7 @@ void Broker::registerServices(Connection& from, const lm::message& request) {
   const std::vector<uint32_t>& numbers = request.get_u32_array_ref(brokerkey::services);
   const std::string error = whyNotRegistered(from, numbers);
   if (!error.empty()) return refuse(to, error);
-  answer(to, {});
+  answer(lm::service::broker, to, {});
   for (const uint32_t number : numbers) {
     if (!registrations_.emplace(number, from.number()).second) continue;
     from.serves.push_back(number);
@@ -187,7 +195,7 @@ void Broker::unregisterServices(Connection& from, const lm::message& request) {
     std::erase(from.serves, number);
     services_.unregistered(number);
   }
-  answer(to, {});
+  answer(lm::service::broker, to, {});
 }
 
 lm::message Broker::subscribe(Connection& from, const lm::message& request) {
@@ -213,6 +221,16 @@ lm::message Broker::listServices(const Connection& from) const {
   return reply;
 }
 
+// Who starts to watch, or stops, is not shown the answer to that.
+void Broker::monitor(Connection& from, const lm::message& request) {
+  const Requester to = requester(from, request);
+  if (!from.rights().administrator()) return refuse(to, notPermitted);
+  if (!has(request, monitorkey::on)) return refuse(to, "neither on nor off");
+  monitors_.erase(from.number());
+  answer(lm::service::broker, to, {});
+  if (request.get_bool(monitorkey::on)) monitors_.insert(from.number());
+}
+
 void Broker::local(Connection& from, Path to, const lm::message& request) {
   const Requester asking = requester(from, request);
   const auto handler = locals_.find({to.service, to.handler});
@@ -222,7 +240,8 @@ void Broker::local(Connection& from, Path to, const lm::message& request) {
   caller.service = serviceOf(from);
   caller.name = services_.nameOf(caller.service);
   caller.administrator = from.rights().administrator();
-  answer(asking, handler->second->handle(caller, request.get_u32(lm::key::command), request));
+  answer(to.service, asking,
+         handler->second->handle(caller, request.get_u32(lm::key::command), request));
 }
 
 void Broker::forward(Connection& from, uint32_t service, lm::message request) {
@@ -303,6 +322,7 @@ void Broker::notify(uint32_t command, const std::vector<uint32_t>& source,
 }
 
 void Broker::publish(uint32_t command, Path source, const lm::message& notification) {
+  if (!monitors_.empty()) show(source.service, monitor::everybody, notification);
   const std::set<uint64_t>& subscribers = subscriptions_.subscribers(command, source);
   if (subscribers.empty()) return;
   const std::string datagram = lm::encode(notification);
@@ -313,8 +333,13 @@ void Broker::publish(uint32_t command, Path source, const lm::message& notificat
   for (const uint64_t subscriber : subscribers) find(subscriber)->send(datagram);
 }
 
+void Broker::show(uint32_t from, uint32_t to, const lm::message& message) const {
+  const std::string datagram = shown(from, to, message);
+  for (const uint64_t monitor : monitors_) find(monitor)->send(datagram);
+}
+
 // Every request comes by here exactly once.
-void Broker::answer(Requester to, lm::message reply) {
+void Broker::answer(uint32_t from, Requester to, lm::message reply) {
   Connection* const connection = find(to.connection);
   if (connection == nullptr) return;
   --connection->requests;
@@ -322,15 +347,18 @@ void Broker::answer(Requester to, lm::message reply) {
   reply.insert_u32(lm::key::serial, to.serial);
   std::string datagram = lm::encode(reply);
   if (datagram.size() > lm::maxDatagram) {
-    lm::message tooLong = refusal("the answer is too long");
-    tooLong.insert_bool(lm::key::isReply, true);
-    tooLong.insert_u32(lm::key::serial, to.serial);
-    datagram = lm::encode(tooLong);
+    reply = refusal("the answer is too long");
+    reply.insert_bool(lm::key::isReply, true);
+    reply.insert_u32(lm::key::serial, to.serial);
+    datagram = lm::encode(reply);
   }
   connection->send(std::move(datagram));
+  if (!monitors_.empty()) show(from, numberOf(*connection), reply);
 }
 
-void Broker::refuse(Requester to, const std::string& text) { answer(to, refusal(text)); }
+void Broker::refuse(Requester to, const std::string& text) {
+  answer(lm::service::broker, to, refusal(text));
+}
 
 Connection* Broker::find(uint64_t connection) const {
   const auto found = connections_.find(connection);
@@ -344,14 +372,17 @@ uint32_t Broker::serviceOf(const Connection& connection) const {
   return services.empty() ? 0 : services.front();
 }
 
+uint32_t Broker::numberOf(const Connection& connection) const {
+  const uint32_t service = serviceOf(connection);
+  if (service != 0) return service;
+  return monitor::anonymous + static_cast<uint32_t>(connection.number());
+}
+
 void Broker::writeSource(const Connection& from, lm::message& message) const {
   const Path written = Path::of(message.get_u32_array_ref(lm::key::source));
   const std::vector<uint32_t>& serves = from.serves;
-  uint32_t service = serviceOf(from);
-  if (std::find(serves.begin(), serves.end(), written.service) != serves.end()) {
-    service = written.service;
-  }
-  if (service == 0) service = anonymous + static_cast<uint32_t>(from.number());
+  const bool isOwn = std::find(serves.begin(), serves.end(), written.service) != serves.end();
+  const uint32_t service = isOwn ? written.service : numberOf(from);
   message.insert_u32_array(lm::key::source, {service, written.handler});
 }
 

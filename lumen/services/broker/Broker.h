@@ -73,6 +73,7 @@ class Broker : public Notifier, public Services::Observer, public Connection::Ow
   [[nodiscard]] lm::message subscribe(Connection& from, const lm::message& request);
   [[nodiscard]] lm::message unsubscribe(Connection& from, const lm::message& request);
   [[nodiscard]] lm::message listServices(const Connection& from) const;
+  void monitor(Connection& from, const lm::message& request);
   [[nodiscard]] std::string whyNotRegistered(const Connection& from,
                                              const std::vector<uint32_t>& numbers) const;
 
@@ -83,12 +84,16 @@ class Broker : public Notifier, public Services::Observer, public Connection::Ow
   void late();
   void watchDeadlines();
 
-  void answer(Requester to, lm::message reply);
+  /// `from` is the number of who answers, for those who monitor.
+  void answer(uint32_t from, Requester to, lm::message reply);
   void refuse(Requester to, const std::string& text);
   void publish(uint32_t command, Path source, const lm::message& notification);
+  void show(uint32_t from, uint32_t to, const lm::message& message) const;
 
   [[nodiscard]] Connection* find(uint64_t connection) const;
   [[nodiscard]] uint32_t serviceOf(const Connection& connection) const;
+  /// The number of a connection for others: serviceOf, or one of its own.
+  [[nodiscard]] uint32_t numberOf(const Connection& connection) const;
   void writeSource(const Connection& from, lm::message& message) const;
   [[nodiscard]] bool isLocal(uint32_t service) const { return localServices_.contains(service); }
 
@@ -103,6 +108,7 @@ class Broker : public Notifier, public Services::Observer, public Connection::Ow
   std::map<uint64_t, std::unique_ptr<Connection>> connections_;
   std::map<uint32_t, uint64_t> registrations_;  // from service to connection
   Subscriptions subscriptions_;
+  std::set<uint64_t> monitors_;  // connections to which each message that passes is shown
   Requests requests_;
   lm::Timer deadline_;
 };

@@ -16,6 +16,9 @@ inline constexpr uint32_t unregisterServices = 0x13;
 /// Every service that has a service file, in rising order of number: one message in
 /// lm::key::records for each, all in one reply, with the fields of servicekey.
 inline constexpr uint32_t services = 0x14;
+/// monitorkey::on: from the answer on, each message that passes the broker comes to this connection
+/// as well, or no more. Administrators only.
+inline constexpr uint32_t monitor = 0x15;
 }  // namespace brokercmd
 
 namespace brokerkey {
@@ -23,6 +26,26 @@ inline constexpr uint32_t services = 0x88000001;  ///< u32 array: service number
 inline constexpr uint32_t command = 0x08000001;   ///< u32: the command of a notification
 inline constexpr uint32_t path = 0x88000002;      ///< u32 array: the source of a notification
 }  // namespace brokerkey
+
+/// Monitoring. What passes is shown in a notification of brokercmd::monitor from path [0, 0], which
+/// is not shown to anybody in turn. A request is shown when it arrives and a reply when it leaves,
+/// both with the requester's serial; a notification once, whoever subscribed to it. A number of
+/// somebody is a service number, 0 the broker itself, or for a program that is no service
+/// `anonymous` and the number of its connection.
+namespace monitorkey {
+inline constexpr uint32_t on = 0x00000001;       ///< bool, in the request
+inline constexpr uint32_t message = 0x28000001;  ///< message: what passes, source written
+inline constexpr uint32_t from = 0x08000002;     ///< u32: who sends it
+inline constexpr uint32_t to = 0x08000003;       ///< u32: who gets it, or monitor::everybody
+/// bool: what passes is too long or too deep to be shown whole; `message` has at most its transport
+/// fields. Absent otherwise.
+inline constexpr uint32_t cut = 0x00000004;
+}  // namespace monitorkey
+
+namespace monitor {
+inline constexpr uint32_t anonymous = 0x10000;
+inline constexpr uint32_t everybody = 0xFFFFFFFF;  ///< a notification's, even if nobody subscribed
+}  // namespace monitor
 
 /// A record of the list of services.
 namespace servicekey {

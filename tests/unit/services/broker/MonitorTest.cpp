@@ -1,0 +1,335 @@
+#include "lumen/runtime/Codec.h"
+#include "lumen/services/broker/BrokerKeys.h"
+#include "platform/Keys.h"
+#include "services/broker/BrokerFixture.h"
+
+namespace lumen::test {
+namespace {
+
+using Path = std::vector<uint32_t>;
+
+constexpr uint32_t someCommand = 3;
+
+class Monitoring : public BrokerTest {
+ protected:
+  Monitoring() { watch(monitor); }
+
+  /// Switches monitoring on or off for a program and reads the answer.
+  void watch(Program& program, bool on = true) { EXPECT_EQ(errorOfWatching(program, on), ""); }
+
+  /// Switches monitoring on or off for a program that does not monitor yet.
+  std::string errorOfWatching(Program& program, std::optional<bool> on) {
+    lm::message request;
+    if (on) request.insert_bool(monitorkey::on, *on);
+    program.ask({0}, brokercmd::monitor, request);
+    settle();
+    const std::optional<lm::message> reply = program.receive();
+    return !reply ? "no answer" : lm::getError(*reply);
+  }
+
+  /// The next message that the monitor is shown, unwrapped into `from`, `to` and `message`; false
+  /// when there is none.
+  [[nodiscard]] bool isShown() { return isShown(monitor); }
+  [[nodiscard]] bool isShown(Program& program) {
+    const std::optional<lm::message> shown = program.receive();
+    if (!shown) return false;
+    EXPECT_EQ(shown->get_u32(lm::key::command), brokercmd::monitor);
+    EXPECT_EQ(shown->get_u32_array_ref(lm::key::source), (Path{0, 0}));
+    from = shown->get_u32(monitorkey::from, 77);
+    to = shown->get_u32(monitorkey::to, 77);
+    message = shown->get_message(monitorkey::message);
+    cut = shown->get_bool(monitorkey::cut);
+    return true;
+  }
+
+  Program monitor = connectAdministrator();  // connection 1
+  uint32_t from = 0;
+  uint32_t to = 0;
+  lm::message message;
+  bool cut = false;
+};
+
+lm::message reply(lm::message fields, uint32_t serial) {
+  fields.insert_bool(lm::key::isReply, true);
+  fields.insert_u32(lm::key::serial, serial);
+  return fields;
+}
+
+lm::message nested(int levels) {
+  lm::message m = fields("deep");
+  for (int i = 0; i < levels; ++i) {
+    lm::message outer;
+    outer.insert_message(1, m);
+    m = outer;
+  }
+  return m;
+}
+
+TEST_F(Monitoring, ShowsARequestToThisProcessAndItsReply) {
+  rules.reply = fields("done");
+  Program administrator = connectAdministrator();
+  const uint32_t serial = administrator.ask({20, 5}, someCommand, fields("do"));
+  settle();
+
+  ASSERT_TRUE(isShown());
+  EXPECT_EQ(from, 0x10002U);
+  EXPECT_EQ(to, 20U);
+  EXPECT_EQ(message.get_string(7), "do");
+  EXPECT_EQ(message.get_u32(lm::key::command), someCommand);
+  EXPECT_EQ(message.get_u32(lm::key::serial), serial);
+  EXPECT_EQ(message.get_u32_array_ref(lm::key::destination), (Path{20, 5}));
+  EXPECT_EQ(message.get_u32_array_ref(lm::key::source), (Path{0x10002, 0}));
+  EXPECT_FALSE(cut);
+
+  ASSERT_TRUE(isShown());
+  EXPECT_EQ(from, 20U);
+  EXPECT_EQ(to, 0x10002U);
+  EXPECT_EQ(message, reply(fields("done"), serial));
+  EXPECT_FALSE(isShown());
+}
+
+TEST_F(Monitoring, ChangesNothingOfWhatIsAsked) {
+  Program administrator = connectAdministrator();
+  administrator.ask({20, 5}, someCommand, fields("do"));
+  settle();
+  ASSERT_EQ(rules.requests.size(), 1U);
+  EXPECT_TRUE(rules.requests[0].get_u32_array_ref(lm::key::source).empty());
+}
+
+TEST_F(Monitoring, ShowsARequestToAProgramAndItsReplyUnderOneSerial) {
+  Program service = connect(gatewayUser);
+  registerAs(service, gateway);
+  ASSERT_TRUE(isShown());
+  EXPECT_EQ(from, gateway) << "the user's service";
+  EXPECT_EQ(to, 0U);
+  ASSERT_TRUE(isShown());
+  EXPECT_EQ(from, 0U);
+  EXPECT_EQ(to, gateway);
+
+  Program administrator = connectAdministrator();
+  administrator.ask({20, 5}, someCommand);
+  const uint32_t serial = administrator.ask({gateway, 0}, someCommand, fields("do"));
+  settle();
+  ASSERT_TRUE(isShown() && isShown() && isShown());
+  EXPECT_EQ(from, 0x10003U);
+  EXPECT_EQ(to, gateway);
+  EXPECT_EQ(message.get_string(7), "do");
+  EXPECT_EQ(message.get_u32(lm::key::serial), serial);
+  EXPECT_EQ(message.get_u32_array_ref(lm::key::source), (Path{0x10003, 0}));
+
+  service.answer(*service.receive(), fields("done"));
+  settle();
+  ASSERT_TRUE(isShown());
+  EXPECT_EQ(from, gateway);
+  EXPECT_EQ(to, 0x10003U);
+  EXPECT_EQ(message, reply(fields("done"), serial));
+  EXPECT_FALSE(isShown());
+}
+
+TEST_F(Monitoring, ShowsARequestWhenItArrivesAlsoIfItMustWait) {
+  Program administrator = connectAdministrator();
+  administrator.ask({gateway, 0}, someCommand);
+  settle();
+  ASSERT_TRUE(isShown());
+  EXPECT_EQ(to, gateway);
+  Program service = connectLast(gatewayUser);
+  registerAs(service, gateway);
+  ASSERT_TRUE(isShown() && isShown()) << "registering";
+  EXPECT_FALSE(isShown());
+}
+
+TEST_F(Monitoring, ShowsWhatTheBrokerRefuses) {
+  struct Case {
+    const char* text;
+    Path path;
+    uid_t user;
+  };
+  const Case cases[] = {{"no such service", {77, 0}, 0},
+                        {"not permitted", {77, 0}, gatewayUser},
+                        {"no such handler", {20, 99}, 0},
+                        {"unknown command", {0}, 0}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.text);
+    Program program = connect(c.user);
+    program.ask(c.path, 99);
+    settle();
+    ASSERT_TRUE(isShown());
+    EXPECT_EQ(to, c.path[0]);
+    const uint32_t asking = from;
+    ASSERT_TRUE(isShown());
+    EXPECT_EQ(from, 0U);
+    EXPECT_EQ(to, asking);
+    EXPECT_EQ(lm::getError(message), c.text);
+  }
+}
+
+TEST_F(Monitoring, ShowsThatAServiceDidNotComeUp) {
+  Program administrator = connectAdministrator();
+  administrator.ask({gateway, 0}, someCommand);
+  settle();
+  ASSERT_TRUE(isShown());
+  pass(Broker::startLimit);
+  ASSERT_TRUE(isShown());
+  EXPECT_EQ(from, 0U);
+  EXPECT_EQ(lm::getError(message), "service unavailable");
+}
+
+TEST_F(Monitoring, ShowsANotificationOnceWhoeverSubscribed) {
+  broker.notify(lm::cmd::changed, {20, 1}, fields("to nobody"));
+  Program first = connect(gatewayUser);
+  Program second = connect(gatewayUser);
+  for (Program* subscriber : {&first, &second}) {
+    subscribe(*subscriber, lm::cmd::changed, {20, 1});
+  }
+  ASSERT_TRUE(isShown());
+  EXPECT_EQ(from, 20U);
+  EXPECT_EQ(to, 0xFFFFFFFFU);
+  EXPECT_EQ(message.get_string(7), "to nobody");
+  EXPECT_EQ(message.get_u32(lm::key::command), lm::cmd::changed);
+  EXPECT_EQ(message.get_u32_array_ref(lm::key::source), (Path{20, 1}));
+  for (int i = 0; i < 4; ++i) ASSERT_TRUE(isShown()) << "subscribing";
+
+  broker.notify(lm::cmd::changed, {20, 1}, fields("to two"));
+  ASSERT_TRUE(isShown());
+  EXPECT_EQ(message.get_string(7), "to two");
+  EXPECT_FALSE(isShown());
+}
+
+TEST_F(Monitoring, ShowsTheNotificationOfAProgram) {
+  Program service = connect(gatewayUser);
+  service.notify(lm::cmd::changed, 2, fields("news"));
+  settle();
+  ASSERT_TRUE(isShown());
+  EXPECT_EQ(from, gateway);
+  EXPECT_EQ(to, monitor::everybody);
+  EXPECT_EQ(message.get_u32_array_ref(lm::key::source), (Path{gateway, 2}));
+}
+
+TEST_F(Monitoring, IsForAdministratorsOnly) {
+  Program service = connect(gatewayUser);
+  EXPECT_EQ(errorOfWatching(service, true), "not permitted");
+  broker.notify(lm::cmd::changed, {20, 1}, {});
+  EXPECT_FALSE(service.receive());
+}
+
+TEST_F(Monitoring, IsEitherOnOrOff) {
+  Program administrator = connectAdministrator();
+  EXPECT_EQ(errorOfWatching(administrator, std::nullopt), "neither on nor off");
+  broker.notify(lm::cmd::changed, {20, 1}, {});
+  EXPECT_FALSE(administrator.receive());
+}
+
+TEST_F(Monitoring, EndsWhenItIsSwitchedOff) {
+  broker.notify(lm::cmd::changed, {20, 1}, {});
+  ASSERT_TRUE(isShown());
+
+  lm::message off;
+  off.insert_bool(monitorkey::on, false);
+  monitor.ask({0}, brokercmd::monitor, off);
+  settle();
+  ASSERT_TRUE(isShown()) << "the request that switches it off";
+  EXPECT_EQ(monitor.error(), "");
+  broker.notify(lm::cmd::changed, {20, 1}, {});
+  EXPECT_FALSE(monitor.receive());
+}
+
+TEST_F(Monitoring, EndsWithTheConnection) {
+  monitor.close();
+  settle();
+  broker.notify(lm::cmd::changed, {20, 1}, {});
+  Program administrator = connectAdministrator();
+  administrator.ask({20, 5}, someCommand);
+  settle();
+  EXPECT_TRUE(administrator.receive());
+}
+
+TEST_F(Monitoring, SurvivesThatTheMonitorServedWhoIsWaitedFor) {
+  monitor.ask({0}, brokercmd::registerServices, services({77}));
+  Program administrator = connectAdministrator();
+  administrator.ask({77, 0}, someCommand);
+  settle();
+  monitor.close();
+  settle();
+  EXPECT_EQ(administrator.error(), "service unavailable");
+}
+
+TEST_F(Monitoring, IsNotShownItself) {
+  Program other = connectAdministrator();
+  watch(other);
+  ASSERT_TRUE(isShown() && isShown()) << "switching it on";
+  EXPECT_FALSE(isShown());
+  broker.notify(lm::cmd::changed, {20, 1}, fields("news"));
+  settle();
+  for (Program* watching : {&monitor, &other}) {
+    ASSERT_TRUE(isShown(*watching));
+    EXPECT_EQ(message.get_string(7), "news");
+    EXPECT_FALSE(isShown(*watching));
+  }
+}
+
+TEST_F(Monitoring, ShowsOnlyTheTransportOfWhatIsTooLong) {
+  Program service = connect(gatewayUser);
+  lm::message longest = fields({});
+  longest.insert_u32(lm::key::command, lm::cmd::changed);
+  longest.insert_u32_array(lm::key::source, {0, 2});
+  longest.insert_string(7, std::string(lm::maxDatagram - lm::encode(longest).size(), 'x'));
+  service.send(longest);
+  settle();
+  ASSERT_TRUE(isShown());
+  EXPECT_TRUE(cut);
+  EXPECT_EQ(message.get_u32(lm::key::command), lm::cmd::changed);
+  EXPECT_EQ(message.get_u32_array_ref(lm::key::source), (Path{gateway, 2}));
+  EXPECT_EQ(message.get_string(7), "");
+
+  longest.insert_string(7, std::string(lm::maxDatagram - 200, 'x'));
+  service.send(longest);
+  settle();
+  ASSERT_TRUE(isShown());
+  EXPECT_FALSE(cut);
+  EXPECT_EQ(message.get_string(7).size(), lm::maxDatagram - 200);
+}
+
+TEST_F(Monitoring, ShowsOnlyTheTransportOfWhatIsTooDeep) {
+  for (const int levels : {lm::maxNesting - 1, lm::maxNesting}) {
+    Program service = connect(gatewayUser);
+    service.notify(lm::cmd::changed, 2, nested(levels));
+    settle();
+    ASSERT_TRUE(isShown());
+    EXPECT_EQ(cut, levels == lm::maxNesting);
+    EXPECT_EQ(message.get_u32(lm::key::command), lm::cmd::changed);
+    EXPECT_EQ(message.get_message(1).get_message(1).get_message(1) == nested(levels - 3), !cut);
+  }
+}
+
+TEST_F(Monitoring, ShowsNothingOfWhatHasTooLongATransport) {
+  Program service = connect(gatewayUser);
+  lm::message longest;
+  longest.insert_u32(lm::key::command, lm::cmd::changed);
+  longest.insert_u32_array(lm::key::source, {0, 2});
+  longest.insert_string(lm::key::errorText, std::string(lm::maxDatagram - 40, 'x'));
+  service.send(longest);
+  settle();
+  ASSERT_TRUE(isShown());
+  EXPECT_TRUE(cut);
+  EXPECT_EQ(from, gateway);
+  EXPECT_EQ(message, lm::message());
+}
+
+TEST_F(Monitoring, ByAProgramThatDoesNotReadEndsAndKeepsNobodyElse) {
+  testing::internal::CaptureStdout();
+  Program other = connectAdministrator();
+  watch(other);
+  const lm::message big = fields(std::string(100'000, 'x'));
+  for (int i = 0; i < 60; ++i) {
+    broker.notify(lm::cmd::changed, {20, 1}, big);
+    EXPECT_TRUE(isShown(other));
+  }
+  settle();
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "connection 1 (process 1, user 0): does not read what it is sent\n");
+  broker.notify(lm::cmd::changed, {20, 1}, {});
+  EXPECT_TRUE(isShown(other));
+}
+
+}  // namespace
+}  // namespace lumen::test
