@@ -80,7 +80,7 @@ void AddressTable::replace(uint32_t interface, bool running,
 }
 
 std::set<LinkAddress> AddressTable::removeAll(uint32_t interface) {
-  const std::set<LinkAddress> all = held(interface);
+  std::set<LinkAddress> all = held(interface);
   std::vector<lm::message> gone;
   visitEntries(interface, [&](uint32_t id, Entry& entry) {
     gone.push_back(removedRecord(id, entry));

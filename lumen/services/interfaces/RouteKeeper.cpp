@@ -119,6 +119,7 @@ bool RouteKeeper::save(const std::string& name, std::vector<Route> routes) {
     return false;
   }
   std::vector<lm::message> list;
+  list.reserve(routes.size());
   for (const Route& route : routes) list.push_back(toMessage(route));
   lm::message m;
   m.insert_string(interfaces::key::name, list.empty() ? std::string() : name);

@@ -1,11 +1,11 @@
 #pragma once
 
-#include <compare>
 #include <cstdint>
 #include <map>
 #include <optional>
 #include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace lumen {
@@ -40,7 +40,11 @@ struct LinkAddress {
   uint32_t broadcast = 0;     ///< 0: none
   uint32_t prefixLength = 0;  ///< of the network, 0 to 32
 
-  auto operator<=>(const LinkAddress&) const = default;
+  bool operator==(const LinkAddress&) const = default;
+  bool operator<(const LinkAddress& other) const {
+    return std::tie(address, network, broadcast, prefixLength) <
+           std::tie(other.address, other.network, other.broadcast, other.prefixLength);
+  }
 };
 
 /// All links and their IPv4 addresses, by kernel index.

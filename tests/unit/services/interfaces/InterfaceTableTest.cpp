@@ -17,10 +17,9 @@ TEST_F(InterfaceTableTest, ListsEveryLinkButTheLoopback) {
   kernel.appears("ppp0", true, false, 512);
   kernel.appears("spare", false, false);
   starts();
-  EXPECT_EQ(lists(),
-            (Lines{"id=1 type=1 flags=0 index=3 name=br-lan display=br-lan disabled=0 running=1",
-                   "id=2 type=512 flags=0 index=4 name=ppp0 display=ppp0 disabled=0 running=0",
-                   "id=3 type=1 flags=0 index=5 name=spare display=spare disabled=1 running=0"}));
+  EXPECT_EQ(lists(), (Lines{record(1, 3, "br-lan", "disabled=0 running=1"),
+                            record(2, 4, "ppp0", "disabled=0 running=0", 512),
+                            record(3, 5, "spare", "disabled=1 running=0")}));
 }
 
 TEST_F(InterfaceTableTest, WritesItsRecordsWithTheseKeysAndBytes) {
@@ -61,10 +60,8 @@ TEST_F(InterfaceTableTest, TellsOfANewLinkThenItsStateThenItsAddresses) {
   kernel.appears("wan0");
   kernel.getsAddress("wan0", "45.45.45.2/24");
   EXPECT_EQ(notified(),
-            (Lines{"interface id=1 type=1 flags=0 index=2 name=wan0 display=wan0 disabled=0 "
-                   "running=1",
-                   "state records=[{id=1 type=1 flags=0 index=2 name=wan0 display=wan0 disabled=0 "
-                   "running=1}]",
+            (Lines{"interface " + record(1, 2, "wan0", "disabled=0 running=1"),
+                   stateOf(record(1, 2, "wan0", "disabled=0 running=1")),
                    "address records=[{id=1 interface=1 address=45.45.45.2 disabled=0}]"}));
 }
 
@@ -75,13 +72,11 @@ TEST_F(InterfaceTableTest, TellsTheStateWhenALinkStopsRunningThenItsAddresses) {
   (void)notified();
   kernel.becomes("wan0", true, false);
   EXPECT_EQ(notified(),
-            (Lines{"state records=[{id=1 type=1 flags=0 index=2 name=wan0 display=wan0 disabled=0 "
-                   "running=0}]",
+            (Lines{stateOf(record(1, 2, "wan0", "disabled=0 running=0")),
                    "address records=[{id=1 interface=1 address=45.45.45.2 disabled=1}]"}));
   kernel.becomes("wan0", true, true);
   EXPECT_EQ(notified(),
-            (Lines{"state records=[{id=1 type=1 flags=0 index=2 name=wan0 display=wan0 disabled=0 "
-                   "running=1}]",
+            (Lines{stateOf(record(1, 2, "wan0", "disabled=0 running=1")),
                    "address records=[{id=1 interface=1 address=45.45.45.2 disabled=0}]"}));
 }
 
@@ -91,8 +86,7 @@ TEST_F(InterfaceTableTest, TellsTheStateAloneWhenALinkThatDoesNotRunIsTakenDown)
   kernel.getsAddress("wan0", "45.45.45.2/24");
   (void)notified();
   kernel.becomes("wan0", false, false);
-  EXPECT_EQ(notified(), (Lines{"state records=[{id=1 type=1 flags=0 index=2 name=wan0 display=wan0 "
-                               "disabled=1 running=0}]"}));
+  EXPECT_EQ(notified(), (Lines{stateOf(record(1, 2, "wan0", "disabled=1 running=0"))}));
 }
 
 TEST_F(InterfaceTableTest, TellsNothingWhenNothingThatItShowsHasChanged) {
@@ -109,10 +103,8 @@ TEST_F(InterfaceTableTest, TellsOfAChangedHardwareTypeThenTheStateThenTheAddress
   (void)notified();
   kernel.becomesOfType("tun0", 1);
   EXPECT_EQ(notified(),
-            (Lines{"interface id=1 type=1 flags=0 index=2 name=tun0 display=tun0 disabled=0 "
-                   "running=1",
-                   "state records=[{id=1 type=1 flags=0 index=2 name=tun0 display=tun0 disabled=0 "
-                   "running=1}]",
+            (Lines{"interface " + record(1, 2, "tun0", "disabled=0 running=1"),
+                   stateOf(record(1, 2, "tun0", "disabled=0 running=1")),
                    "address records=[{id=1 interface=1 address=10.8.0.1 disabled=0}]"}));
 }
 
@@ -122,13 +114,10 @@ TEST_F(InterfaceTableTest, RemovesTheAddressesFirstWhenALinkThatIsNotKeptLeaves)
   kernel.getsAddress("wan0", "45.45.45.2/24");
   (void)notified();
   kernel.leaves("wan0");
-  EXPECT_EQ(
-      notified(),
-      (Lines{"address records=[{id=1 interface=1 address=45.45.45.2 disabled=0 removed=1}]",
-             "interface id=1 type=1 flags=128 index=0 name=wan0 display=wan0 disabled=1 "
-             "running=0",
-             "state records=[{id=1 type=1 flags=128 index=0 name=wan0 display=wan0 disabled=1 "
-             "running=0}]"}));
+  EXPECT_EQ(notified(),
+            (Lines{"address records=[{id=1 interface=1 address=45.45.45.2 disabled=0 removed=1}]",
+                   "interface " + record(1, 0, "wan0", "disabled=1 running=0", 1, 128),
+                   stateOf(record(1, 0, "wan0", "disabled=1 running=0", 1, 128))}));
   EXPECT_EQ(lists(), Lines{});
 }
 
@@ -153,25 +142,18 @@ TEST_F(InterfaceTableTest, KeepsAKeptNameWhileItsLinkIsAwayAndItsIdWhenItComesBa
   kernel.getsAddress("ppp0", "45.45.45.2 peer 45.45.45.1/32");
   (void)notified();
   kernel.leaves("ppp0");
-  EXPECT_EQ(
-      notified(),
-      (Lines{"address records=[{id=1 interface=2 address=45.45.45.2 disabled=0 removed=1}]",
-             "interface id=2 type=512 flags=0 index=0 name=ppp0 display=ppp0 disabled=1 "
-             "running=0",
-             "state records=[{id=2 type=512 flags=0 index=0 name=ppp0 display=ppp0 disabled=1 "
-             "running=0}]"}));
-  EXPECT_EQ(lists()[1],
-            "id=2 type=512 flags=0 index=0 name=ppp0 display=ppp0 disabled=1 running=0");
+  EXPECT_EQ(notified(),
+            (Lines{"address records=[{id=1 interface=2 address=45.45.45.2 disabled=0 removed=1}]",
+                   "interface " + record(2, 0, "ppp0", "disabled=1 running=0", 512),
+                   stateOf(record(2, 0, "ppp0", "disabled=1 running=0", 512))}));
+  EXPECT_EQ(lists()[1], record(2, 0, "ppp0", "disabled=1 running=0", 512));
 
   kernel.appears("ppp0", true, true, 512);
   kernel.getsAddress("ppp0", "45.45.45.3 peer 45.45.45.1/32");
-  EXPECT_EQ(
-      notified(),
-      (Lines{"interface id=2 type=512 flags=0 index=4 name=ppp0 display=ppp0 disabled=0 "
-             "running=1",
-             "state records=[{id=2 type=512 flags=0 index=4 name=ppp0 display=ppp0 disabled=0 "
-             "running=1}]",
-             "address records=[{id=2 interface=2 address=45.45.45.3 disabled=0}]"}));
+  EXPECT_EQ(notified(),
+            (Lines{"interface " + record(2, 4, "ppp0", "disabled=0 running=1", 512),
+                   stateOf(record(2, 4, "ppp0", "disabled=0 running=1", 512)),
+                   "address records=[{id=2 interface=2 address=45.45.45.3 disabled=0}]"}));
 }
 
 TEST_F(InterfaceTableTest, TreatsARenameAsOneNameGoingAndAnotherComing) {
@@ -180,18 +162,13 @@ TEST_F(InterfaceTableTest, TreatsARenameAsOneNameGoingAndAnotherComing) {
   kernel.getsAddress("eth0", "45.45.45.2/24");
   (void)notified();
   kernel.isRenamed("eth0", "wan0");
-  EXPECT_EQ(
-      notified(),
-      (Lines{"address records=[{id=1 interface=1 address=45.45.45.2 disabled=0 removed=1}]",
-             "interface id=1 type=1 flags=128 index=0 name=eth0 display=eth0 disabled=1 "
-             "running=0",
-             "state records=[{id=1 type=1 flags=128 index=0 name=eth0 display=eth0 disabled=1 "
-             "running=0}]",
-             "interface id=2 type=1 flags=0 index=2 name=wan0 display=wan0 disabled=0 "
-             "running=1",
-             "state records=[{id=2 type=1 flags=0 index=2 name=wan0 display=wan0 disabled=0 "
-             "running=1}]",
-             "address records=[{id=2 interface=2 address=45.45.45.2 disabled=0}]"}));
+  EXPECT_EQ(notified(),
+            (Lines{"address records=[{id=1 interface=1 address=45.45.45.2 disabled=0 removed=1}]",
+                   "interface " + record(1, 0, "eth0", "disabled=1 running=0", 1, 128),
+                   stateOf(record(1, 0, "eth0", "disabled=1 running=0", 1, 128)),
+                   "interface " + record(2, 2, "wan0", "disabled=0 running=1"),
+                   stateOf(record(2, 2, "wan0", "disabled=0 running=1")),
+                   "address records=[{id=2 interface=2 address=45.45.45.2 disabled=0}]"}));
 }
 
 TEST_F(InterfaceTableTest, GivesALinkTheIdOfTheKeptNameThatItIsRenamedTo) {
@@ -210,8 +187,8 @@ TEST_F(InterfaceTableTest, KeepsIdsWithTheNamesWhenTwoLinksSwapTheirs) {
   kernel.isRenamed("a", "tmp");
   kernel.isRenamed("b", "a");
   kernel.isRenamed("tmp", "b");
-  EXPECT_EQ(lists(), (Lines{"id=1 type=1 flags=0 index=3 name=a display=a disabled=0 running=1",
-                            "id=2 type=1 flags=0 index=2 name=b display=b disabled=0 running=1"}));
+  EXPECT_EQ(lists(), (Lines{record(1, 3, "a", "disabled=0 running=1"),
+                            record(2, 2, "b", "disabled=0 running=1")}));
 }
 
 TEST_F(InterfaceTableTest, NeverGivesTheIdOfANameToAnotherName) {
@@ -243,21 +220,15 @@ TEST_F(InterfaceTableTest, NotifiesTheDifferencesWhenChangesWereLost) {
   kernel.silent = false;
   EXPECT_EQ(notified(), Lines{});
   kernel.readsEverything();
-  EXPECT_EQ(
-      notified(),
-      (Lines{"address records=[{id=3 interface=2 address=10.0.2.1 disabled=0 removed=1}]",
-             "interface id=2 type=1 flags=128 index=0 name=goes display=goes disabled=1 "
-             "running=0",
-             "state records=[{id=2 type=1 flags=128 index=0 name=goes display=goes disabled=1 "
-             "running=0}]",
-             "state records=[{id=3 type=1 flags=0 index=4 name=stops display=stops disabled=0 "
-             "running=0}]",
-             "interface id=4 type=1 flags=0 index=5 name=comes display=comes disabled=0 "
-             "running=1",
-             "state records=[{id=4 type=1 flags=0 index=5 name=comes display=comes disabled=0 "
-             "running=1}]",
-             "address records=[{id=4 interface=1 address=10.0.3.1 disabled=0}]",
-             "address records=[{id=2 interface=1 address=10.0.1.1 disabled=0 removed=1}]"}));
+  EXPECT_EQ(notified(),
+            (Lines{"address records=[{id=3 interface=2 address=10.0.2.1 disabled=0 removed=1}]",
+                   "interface " + record(2, 0, "goes", "disabled=1 running=0", 1, 128),
+                   stateOf(record(2, 0, "goes", "disabled=1 running=0", 1, 128)),
+                   stateOf(record(3, 4, "stops", "disabled=0 running=0")),
+                   "interface " + record(4, 5, "comes", "disabled=0 running=1"),
+                   stateOf(record(4, 5, "comes", "disabled=0 running=1")),
+                   "address records=[{id=4 interface=1 address=10.0.3.1 disabled=0}]",
+                   "address records=[{id=2 interface=1 address=10.0.1.1 disabled=0 removed=1}]"}));
 }
 
 TEST_F(InterfaceTableTest, NotifiesNothingWhenWhatWasLostLeftNoDifference) {
@@ -281,18 +252,13 @@ TEST_F(InterfaceTableTest, NoticesALinkThatWasReplacedByOneOfTheSameNameWhileCha
   kernel.getsAddress("ppp0", "45.45.45.2 peer 45.45.45.1/32");
   kernel.silent = false;
   kernel.readsEverything();
-  EXPECT_EQ(
-      notified(),
-      (Lines{"address records=[{id=1 interface=1 address=45.45.45.2 disabled=0 removed=1}]",
-             "interface id=1 type=512 flags=0 index=0 name=ppp0 display=ppp0 disabled=1 "
-             "running=0",
-             "state records=[{id=1 type=512 flags=0 index=0 name=ppp0 display=ppp0 disabled=1 "
-             "running=0}]",
-             "interface id=1 type=512 flags=0 index=3 name=ppp0 display=ppp0 disabled=0 "
-             "running=1",
-             "state records=[{id=1 type=512 flags=0 index=3 name=ppp0 display=ppp0 disabled=0 "
-             "running=1}]",
-             "address records=[{id=2 interface=1 address=45.45.45.2 disabled=0}]"}));
+  EXPECT_EQ(notified(),
+            (Lines{"address records=[{id=1 interface=1 address=45.45.45.2 disabled=0 removed=1}]",
+                   "interface " + record(1, 0, "ppp0", "disabled=1 running=0", 512),
+                   stateOf(record(1, 0, "ppp0", "disabled=1 running=0", 512)),
+                   "interface " + record(1, 3, "ppp0", "disabled=0 running=1", 512),
+                   stateOf(record(1, 3, "ppp0", "disabled=0 running=1", 512)),
+                   "address records=[{id=2 interface=1 address=45.45.45.2 disabled=0}]"}));
 }
 
 TEST_F(InterfaceTableTest, FollowsNamesThatWereSwappedWhileChangesWereLost) {
@@ -305,8 +271,8 @@ TEST_F(InterfaceTableTest, FollowsNamesThatWereSwappedWhileChangesWereLost) {
   kernel.isRenamed("tmp", "b");
   kernel.silent = false;
   kernel.readsEverything();
-  EXPECT_EQ(lists(), (Lines{"id=1 type=1 flags=0 index=3 name=a display=a disabled=0 running=1",
-                            "id=2 type=1 flags=0 index=2 name=b display=b disabled=0 running=1"}));
+  EXPECT_EQ(lists(), (Lines{record(1, 3, "a", "disabled=0 running=1"),
+                            record(2, 2, "b", "disabled=0 running=1")}));
 }
 
 TEST_F(InterfaceTableTest, ReadsOneInterfaceWithItsCounters) {
@@ -317,8 +283,8 @@ TEST_F(InterfaceTableTest, ReadsOneInterfaceWithItsCounters) {
   request.insert_u32(lm::key::objectId, 1);
   request.insert_u32(0xfe000c, 256);
   EXPECT_EQ(text(asks(daemon, 0xfe0002, request)),
-            "id=1 type=1 flags=0 index=2 name=wan0 display=wan0 disabled=0 running=1 "
-            "rxbytes=4294967301 txbytes=426 rxpackets=5 txpackets=3");
+            record(1, 2, "wan0", "disabled=0 running=1") +
+                " rxbytes=4294967301 txbytes=426 rxpackets=5 txpackets=3");
 }
 
 TEST_F(InterfaceTableTest, ReadsZeroCountersOfALinkThatIsAway) {
@@ -327,8 +293,8 @@ TEST_F(InterfaceTableTest, ReadsZeroCountersOfALinkThatIsAway) {
   lm::message request;
   request.insert_u32(lm::key::objectId, 1);
   EXPECT_EQ(text(asks(daemon, 0xfe0002, request)),
-            "id=1 type=0 flags=0 index=0 name=ppp0 display=ppp0 disabled=1 running=0 rxbytes=0 "
-            "txbytes=0 rxpackets=0 txpackets=0");
+            record(1, 0, "ppp0", "disabled=1 running=0", 0) +
+                " rxbytes=0 txbytes=0 rxpackets=0 txpackets=0");
 }
 
 TEST_F(InterfaceTableTest, RefusesAnUnknownObjectAndAnUnknownCommand) {

@@ -15,14 +15,10 @@ constexpr const char* refused = "error=16646153 text=";
 TEST_F(KeptInterface, GivesAnIdToALinkThatDoesNotExistYet) {
   starts();
   EXPECT_EQ(text(administratorKeeps("wan0", 1)), "id=1");
-  EXPECT_EQ(notified(),
-            (Lines{"interface id=1 type=0 flags=0 index=0 name=wan0 display=wan0 disabled=1 "
-                   "running=0",
-                   "state records=[{id=1 type=0 flags=0 index=0 name=wan0 display=wan0 disabled=1 "
-                   "running=0}]"}));
+  EXPECT_EQ(notified(), (Lines{"interface " + record(1, 0, "wan0", "disabled=1 running=0", 0),
+                               stateOf(record(1, 0, "wan0", "disabled=1 running=0", 0))}));
   kernel.appears("wan0");
-  EXPECT_EQ(lists(), (Lines{"id=1 type=1 flags=0 index=2 name=wan0 display=wan0 disabled=0 "
-                            "running=1"}));
+  EXPECT_EQ(lists(), (Lines{record(1, 2, "wan0", "disabled=0 running=1")}));
 }
 
 TEST_F(KeptInterface, KeepsTheIdOfALinkThatIsThereAndTellsNobody) {
@@ -38,8 +34,7 @@ TEST_F(KeptInterface, ChangesTheRoleWhenKeptAgainAndKeepsTheId) {
   EXPECT_EQ(text(administratorKeeps("wan0", 1)), "id=1");
   EXPECT_EQ(text(administratorKeeps("wan0", 2)), "id=1");
   EXPECT_EQ(recordTexts(asks(administrator, lm::cmd::list)),
-            (Lines{"id=1 type=0 flags=0 index=0 name=wan0 display=wan0 disabled=1 running=0 "
-                   "role=2"}));
+            (Lines{record(1, 0, "wan0", "disabled=1 running=0", 0) + " role=2"}));
 }
 
 TEST_F(KeptInterface, ShowsTheRoleToAdministratorsOnly) {
@@ -48,16 +43,14 @@ TEST_F(KeptInterface, ShowsTheRoleToAdministratorsOnly) {
   starts();
   EXPECT_EQ(text(administratorKeeps("br-lan", 2)), "id=1");
   EXPECT_EQ(recordTexts(asks(administrator, lm::cmd::readAll)),
-            (Lines{"id=1 type=1 flags=0 index=2 name=br-lan display=br-lan disabled=0 running=1 "
-                   "role=2",
-                   "id=2 type=1 flags=0 index=3 name=other display=other disabled=0 running=1"}));
-  EXPECT_EQ(lists()[0],
-            "id=1 type=1 flags=0 index=2 name=br-lan display=br-lan disabled=0 running=1");
+            (Lines{record(1, 2, "br-lan", "disabled=0 running=1") + " role=2",
+                   record(2, 3, "other", "disabled=0 running=1")}));
+  EXPECT_EQ(lists()[0], record(1, 2, "br-lan", "disabled=0 running=1"));
   lm::message request;
   request.insert_u32(lm::key::objectId, 1);
   EXPECT_EQ(text(asks(administrator, lm::cmd::readObject, request)),
-            "id=1 type=1 flags=0 index=2 name=br-lan display=br-lan disabled=0 running=1 rxbytes=0 "
-            "txbytes=0 rxpackets=0 txpackets=0 role=2");
+            record(1, 2, "br-lan", "disabled=0 running=1") +
+                " rxbytes=0 txbytes=0 rxpackets=0 txpackets=0 role=2");
 }
 
 TEST_F(KeptInterface, SurvivesARestartWithItsIdAndRole) {
@@ -70,9 +63,9 @@ TEST_F(KeptInterface, SurvivesARestartWithItsIdAndRole) {
   kernel.leaves("a");
   restarts();
   EXPECT_EQ(recordTexts(asks(administrator, lm::cmd::list)),
-            (Lines{"id=3 type=1 flags=0 index=4 name=wan0 display=wan0 disabled=0 running=1 role=1",
-                   "id=4 type=0 flags=0 index=0 name=ppp0 display=ppp0 disabled=1 running=0 role=2",
-                   "id=5 type=1 flags=0 index=3 name=b display=b disabled=0 running=1"}));
+            (Lines{record(3, 4, "wan0", "disabled=0 running=1") + " role=1",
+                   record(4, 0, "ppp0", "disabled=1 running=0", 0) + " role=2",
+                   record(5, 3, "b", "disabled=0 running=1")}));
 }
 
 TEST_F(KeptInterface, LeavesAtOnceWhenForgottenWhileItsLinkIsAway) {
@@ -80,12 +73,8 @@ TEST_F(KeptInterface, LeavesAtOnceWhenForgottenWhileItsLinkIsAway) {
   EXPECT_EQ(text(administratorKeeps("ppp0", 1)), "id=1");
   (void)notified();
   EXPECT_EQ(text(administratorForgets("ppp0")), "");
-  EXPECT_EQ(
-      notified(),
-      (Lines{"interface id=1 type=0 flags=128 index=0 name=ppp0 display=ppp0 disabled=1 "
-             "running=0",
-             "state records=[{id=1 type=0 flags=128 index=0 name=ppp0 display=ppp0 disabled=1 "
-             "running=0}]"}));
+  EXPECT_EQ(notified(), (Lines{"interface " + record(1, 0, "ppp0", "disabled=1 running=0", 0, 128),
+                               stateOf(record(1, 0, "ppp0", "disabled=1 running=0", 0, 128))}));
   EXPECT_EQ(lists(), Lines{});
   restarts();
   EXPECT_EQ(lists(), Lines{});
@@ -173,8 +162,7 @@ TEST_F(KeptInterface, ChangesNothingWhenItCannotBeStored) {
   EXPECT_EQ(text(administratorKeeps("wan0", 2)), answer);
   EXPECT_EQ(text(administratorForgets("wan0")), answer);
   EXPECT_EQ(recordTexts(asks(administrator, lm::cmd::list)),
-            (Lines{"id=1 type=1 flags=0 index=2 name=wan0 display=wan0 disabled=0 running=1 "
-                   "role=1"}));
+            (Lines{record(1, 2, "wan0", "disabled=0 running=1") + " role=1"}));
   EXPECT_EQ(notified(), Lines{});
 }
 

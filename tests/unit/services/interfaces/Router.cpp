@@ -4,6 +4,13 @@
 
 namespace lumen {
 
+std::string Router::record(uint32_t id, uint32_t index, const std::string& name,
+                           const std::string& state, uint32_t hardwareType, uint32_t flags) {
+  return "id=" + std::to_string(id) + " type=" + std::to_string(hardwareType) +
+         " flags=" + std::to_string(flags) + " index=" + std::to_string(index) + " name=" + name +
+         " display=" + name + " " + state;
+}
+
 void Router::starts() {
   addressTable = std::make_unique<AddressTable>(notifier);
   interfaceTable = std::make_unique<InterfaceTable>(kernel, *addressTable, notifier, store_.path());

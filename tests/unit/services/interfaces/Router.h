@@ -21,6 +21,15 @@ class Router : public testing::Test {
  protected:
   using Lines = std::vector<std::string>;
 
+  /// The text of a record; `state`: its fields `disabled` and `running`.
+  [[nodiscard]] static std::string record(uint32_t id, uint32_t index, const std::string& name,
+                                          const std::string& state, uint32_t hardwareType = 1,
+                                          uint32_t flags = 0);
+  /// The line of the notification of a state.
+  [[nodiscard]] static std::string stateOf(const std::string& record) {
+    return "state records=[{" + record + "}]";
+  }
+
   /// Starts the tables. Links that are there already are not in the recorded notifications.
   void starts();
   /// lumend ends and starts again on the same store; the kernel goes on.
