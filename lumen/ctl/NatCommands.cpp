@@ -65,6 +65,7 @@ constexpr std::array<Limit, 4> policyTable = {{
 
 std::vector<std::string> policyNames() {
   std::vector<std::string> names;
+  names.reserve(policyTable.size());
   for (const Limit& limit : policyTable) names.emplace_back(limit.name);
   return names;
 }

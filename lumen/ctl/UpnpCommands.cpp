@@ -31,6 +31,7 @@ constexpr std::array<Setting, 3> settingTable = {{
 
 std::vector<std::string> settingNames() {
   std::vector<std::string> names;
+  names.reserve(settingTable.size());
   for (const Setting& setting : settingTable) names.emplace_back(setting.name);
   return names;
 }

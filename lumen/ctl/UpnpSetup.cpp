@@ -17,6 +17,7 @@ struct Wanted {
 
 std::vector<Wanted> listOf(const std::vector<std::string>& internal, const std::string& external) {
   std::vector<Wanted> result;
+  result.reserve(internal.size() + 1);
   for (const std::string& name : internal) result.push_back({name, Role::internal, 0});
   result.push_back({external, Role::external, 0});
   for (auto it = result.begin(); it != result.end(); ++it) {
