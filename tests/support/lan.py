@@ -112,6 +112,7 @@ class LanHost:
         sock = self.namespace.socket()
         sock.settimeout(limit)
         try:
+            sock.bind((self.address, 0))
             sock.connect((self.gateway, port))
         except BaseException:
             sock.close()
