@@ -44,6 +44,7 @@ int run(const std::vector<std::string>& arguments, const Connect& connect, std::
   addInterfaceCommands(app, session);
   addAddressCommands(app, session);
   addNatCommands(app, session);
+  addHistoryCommands(app, session);
   addServiceCommands(app, session);
   addIdentityCommand(app, session);
 

@@ -14,6 +14,7 @@ void addInterfaceCommands(CLI::App& app, Session& session);
 void addAddressCommands(CLI::App& app, Session& session);
 void addNatCommands(CLI::App& app, Session& session);
 void addServiceCommands(CLI::App& app, Session& session);
+void addHistoryCommands(CLI::App& app, Session& session);
 void addIdentityCommand(CLI::App& app, Session& session);
 
 }  // namespace lumenctl

@@ -4,8 +4,10 @@
 
 #include "lumen/ctl/Keys.h"
 #include "lumen/ctl/Text.h"
+#include "lumen/runtime/Fields.h"
 #include "lumen/services/addresses/AddressKeys.h"
 #include "lumen/services/broker/BrokerKeys.h"
+#include "lumen/services/history/HistoryKeys.h"
 #include "lumen/services/interfaces/InterfaceKeys.h"
 #include "lumen/services/nat/NatKeys.h"
 #include "platform/Keys.h"
@@ -105,6 +107,18 @@ NatPolicy::NatPolicy(const lm::message& record)
       internalClients(record.get_string(lumen::nat::key::internalClients)),
       maxRules(record.get_u32(lumen::nat::key::maxRules)),
       maxRulesPerClient(record.get_u32(lumen::nat::key::maxRulesPerClient)) {}
+
+Change::Change(const lm::message& record)
+    : id(record.get_u32(lm::key::objectId)),
+      time(record.get_u64(lumen::history::key::time)),
+      text(record.get_string(lumen::history::key::text)) {
+  const std::vector<uint32_t>& path = record.get_u32_array_ref(lumen::history::key::path);
+  if (!path.empty()) service = path[0];
+  if (path.size() > 1) handler = path[1];
+  const lm::message message = record.get_message(lumen::history::key::undo);
+  undoCommand = message.get_u32(lm::key::command);
+  undo = lm::withoutTransportFields(message);
+}
 
 Service::Service(const lm::message& record)
     : number(record.get_u32(lumen::servicekey::number)),

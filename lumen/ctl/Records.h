@@ -96,6 +96,19 @@ struct NatPolicyChange {
   std::optional<uint32_t> maxRulesPerClient;
 };
 
+/// A change of the router that can be taken back.
+struct Change {
+  explicit Change(const lm::message& record);
+
+  uint32_t id = 0;       ///< higher than those of earlier changes
+  uint64_t time = 0;     ///< seconds since 1970
+  uint32_t service = 0;  ///< the number of the service that made it, and of its handler
+  uint32_t handler = 0;
+  std::string text;
+  uint32_t undoCommand = 0;
+  lm::message undo;  ///< what takes it back, without the fields of its transport
+};
+
 /// A program that the platform starts.
 struct Service {
   explicit Service(const lm::message& record);

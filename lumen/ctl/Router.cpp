@@ -20,6 +20,7 @@ const Path interfacesPath = {lm::service::interfaces, lm::handler::interfaces};
 const Path addressesPath = {lm::service::interfaces, lm::handler::addresses};
 const Path natRulesPath = {lm::service::interfaces, lm::handler::natRules};
 const Path identityPath = {lm::service::identity};
+const Path historyPath = {lm::service::history};
 const Path gatewayPath = {Router::gatewayService, 0};
 
 template <typename T>
@@ -126,6 +127,18 @@ std::vector<Service> Router::services() {
 
 std::string Router::identity() {
   return exchange(identityPath, lm::cmd::get).get_string(identitykey::text);
+}
+
+std::vector<Change> Router::history() {
+  return decoded<Change>(table(historyPath, lm::cmd::readAll));
+}
+
+void Router::undo(const Change& change) {
+  exchange({change.service, change.handler}, change.undoCommand, change.undo);
+}
+
+void Router::removeFromHistory(uint32_t id) {
+  exchange(historyPath, lm::cmd::removeObject, withId(id));
 }
 
 Settings Router::settings() { return Settings(exchange(gatewayPath, lm::cmd::get)); }

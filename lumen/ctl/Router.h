@@ -41,6 +41,12 @@ class Router {
   [[nodiscard]] std::vector<Service> services();
   [[nodiscard]] std::string identity();
 
+  // What was changed, the newest last.
+  [[nodiscard]] std::vector<Change> history();
+  /// Takes the change back. It stays in the history.
+  void undo(const Change& change);
+  void removeFromHistory(uint32_t id);
+
   // The gateway; each of these starts it when it does not run.
   [[nodiscard]] Settings settings();
   void writeSettings(const Settings& settings);

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <ctime>
 
 namespace lumenctl {
 
@@ -94,6 +95,15 @@ std::string duration(uint64_t seconds) {
   const uint64_t rest = seconds % units[largest].seconds / units[largest + 1].seconds;
   if (rest != 0) result += " " + std::to_string(rest) + units[largest + 1].name;
   return result;
+}
+
+std::string localTime(uint64_t time) {
+  const auto seconds = static_cast<time_t>(time);
+  tm parts{};
+  std::array<char, 32> text{};
+  if (localtime_r(&seconds, &parts) == nullptr) return "?";
+  std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S", &parts);
+  return text.data();
 }
 
 std::string amount(uint64_t bytes) {

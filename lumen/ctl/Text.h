@@ -23,6 +23,9 @@ namespace lumenctl {
 /// A time in its two largest units: "45 s", "3 min 5 s", "2 d 4 h".
 [[nodiscard]] std::string duration(uint64_t seconds);
 
+/// A moment in this machine's time zone: "2024-02-29 23:59:58". `time` is in seconds since 1970.
+[[nodiscard]] std::string localTime(uint64_t time);
+
 /// An amount of data in decimal units: "999 B", "1.2 MB".
 [[nodiscard]] std::string amount(uint64_t bytes);
 

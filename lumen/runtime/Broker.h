@@ -10,12 +10,9 @@ inline constexpr uint32_t subscribe = 0x11;
 inline constexpr uint32_t unsubscribe = 0x12;
 inline constexpr uint32_t unregisterServices = 0x13;
 inline constexpr uint32_t listServices = 0x14;
-inline constexpr uint32_t monitor = 0x15;
 
 inline constexpr uint32_t services = 0x88000001;      ///< u32 array
 inline constexpr uint32_t topicCommand = 0x08000001;  ///< u32
 inline constexpr uint32_t topicSource = 0x88000002;   ///< u32 array
-inline constexpr uint32_t monitorOn = 0x00000001;     ///< bool
-inline constexpr uint32_t monitored = 0x28000001;     ///< message
 
 }  // namespace lm::broker

@@ -10,6 +10,7 @@
 #include "lumen/runtime/Fields.h"
 #include "lumen/services/addresses/AddressKeys.h"
 #include "lumen/services/broker/BrokerKeys.h"
+#include "lumen/services/history/HistoryKeys.h"
 #include "lumen/services/interfaces/InterfaceKeys.h"
 #include "lumen/services/nat/NatKeys.h"
 #include "platform/Keys.h"
@@ -159,6 +160,19 @@ void FakePlatform::gatewayIs(const std::string& state, uint32_t pid, uint64_t ne
   services_ = {record};
 }
 
+uint32_t FakePlatform::wasChanged(const std::string& text, uint32_t undoCommand, lm::message undo) {
+  namespace key = lumen::history::key;
+  lm::message record;
+  record.insert_u32(lm::key::objectId, nextId_++);
+  record.insert_string(key::text, text);
+  record.insert_u32_array(key::path, {gatewayNumber, 0});
+  record.insert_u64(key::time, 1709251198);
+  undo.insert_u32(lm::key::command, undoCommand);
+  record.insert_message(key::undo, std::move(undo));
+  history_.push_back(record);
+  return record.get_u32(lm::key::objectId);
+}
+
 void FakePlatform::refuses(const Path& destination, uint32_t command, const std::string& text) {
   refusals_[{destination, command}] = text;
 }
@@ -217,6 +231,10 @@ lm::message FakePlatform::answer(const Path& destination, uint32_t command,
       return reply;
     }
     return changeTable(rules_, command, request);
+  }
+  if (destination == Path{66}) {
+    if (command == lm::cmd::readAll) return page(history_, request);
+    return changeTable(history_, command, request);
   }
   if (destination == Path{gatewayNumber, 0}) {
     if (command == lm::cmd::get) return settings_;

@@ -39,6 +39,9 @@ class FakePlatform {
   [[nodiscard]] lm::message& lastPort() { return rules_.back(); }
   void gatewayUses(const std::string& link, uint32_t role, bool disabled = false);
   void gatewayIs(const std::string& state, uint32_t pid = 0, uint64_t nextStart = 0);
+  /// A change that the gateway's handler 0 made, and the command that takes it back. Returns its
+  /// id.
+  uint32_t wasChanged(const std::string& text, uint32_t undoCommand, lm::message undo);
   void gatewayIsNotInstalled() { services_.clear(); }
   [[nodiscard]] lm::message& settings() { return settings_; }
 
@@ -73,6 +76,7 @@ class FakePlatform {
   std::vector<lm::message> rules_;
   std::vector<lm::message> services_;
   std::vector<lm::message> objects_;
+  std::vector<lm::message> history_;
   lm::message settings_;
   std::map<std::pair<Path, uint32_t>, std::string> refusals_;
   std::vector<std::string> requests_;

@@ -43,6 +43,8 @@ TEST_F(Usage, EndsWith2WhenTheArgumentsAreWrong) {
       {{"upnp", "interface", "remove", ""}, "no name of an interface"},
       {{"interface", "forget"}, "no interface"},
       {{"nat", "close"}, "no port"},
+      {{"history", "upnp"}, "an argument too many"},
+      {{"undo", "2"}, "an argument too many"},
       {{"--root"}, "no folder"},
   };
   for (const auto& [arguments, reason] : wrong) {
