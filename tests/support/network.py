@@ -113,10 +113,17 @@ class ControlPoint(Host):
 
     def connection_control(self, gateway=LAN_ADDRESS):
         """The path at which the gateway's WANIPConnection service is controlled."""
+        return self._connection_url("controlURL", gateway)
+
+    def connection_events(self, gateway=LAN_ADDRESS):
+        """The path at which the service's events are subscribed to."""
+        return self._connection_url("eventSubURL", gateway)
+
+    def _connection_url(self, which, gateway):
         description = self.speak_to(gateway).get(DESCRIPTION)
         if description.status != 200:
             raise AssertionError(f"no description: {description}")
-        return control_path(description.body, CONNECTION_SERVICE)
+        return service_path(description.body, CONNECTION_SERVICE, which)
 
     def invoke(self, action, arguments=(), gateway=LAN_ADDRESS, control=None):
         """Invokes an action of the WANIPConnection service; returns its out arguments. Raises
@@ -143,13 +150,13 @@ class ControlPoint(Host):
                                           ("NewProtocol", protocol)], **invocation)
 
 
-def control_path(description, service_type):
-    """The control URL of the first service of that type in a root description."""
+def service_path(description, service_type, which):
+    """A URL of the first service of that type in a root description."""
     root = xml.etree.ElementTree.fromstring(description)
     namespace = root.tag[: root.tag.index("}") + 1] if "}" in root.tag else ""
     for service in root.iter(f"{namespace}service"):
         if service.findtext(f"{namespace}serviceType") == service_type:
-            return urllib.parse.urlsplit(service.findtext(f"{namespace}controlURL")).path
+            return urllib.parse.urlsplit(service.findtext(f"{namespace}{which}")).path
     return None
 
 

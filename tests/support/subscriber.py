@@ -1,10 +1,10 @@
 """A control point that subscribes to events (UPnP Device Architecture 1.0, section 4), byte for
 byte. Deliveries wait in the queue of its listening socket until the test takes them."""
 
+import contextlib
 import select
 import socket
 import struct
-import time
 import xml.etree.ElementTree
 
 from support.lan import HTTP_PORT, Text
@@ -18,11 +18,11 @@ class Delivery:
     def __init__(self, connection):
         self._connection = connection
 
-    def read(self):
-        """The NOTIFY that comes over it."""
+    def read(self, at_once=65536):
+        """The NOTIFY that comes over it, read in parts of `at_once` bytes at most."""
         data = b""
         while not _complete(data):
-            part = self._connection.recv(65536)
+            part = self._connection.recv(at_once)
             if not part:
                 raise AssertionError(f"the gateway closed after {data!r}")
             data += part
@@ -31,15 +31,12 @@ class Delivery:
     def answer(self, data=OK):
         self._connection.sendall(data)
 
-    def rest(self):
-        """What else comes, up to the gateway's end of the connection."""
-        return self._connection.recv(65536)
-
     def wait_for_end(self, limit):
-        """Waits for the gateway's end of the connection."""
+        """Waits for the gateway's end of the connection; a reset when it has not read all."""
         self._connection.settimeout(limit)
-        if self._connection.recv(1):
-            raise AssertionError("the gateway sent more than a NOTIFY")
+        with contextlib.suppress(ConnectionResetError):
+            if self._connection.recv(1):
+                raise AssertionError("the gateway sent more than a NOTIFY")
 
     def close(self):
         self._connection.close()
@@ -72,8 +69,7 @@ class Subscriber:
     """Listens from its making to close. Subscribes to one event URL at a time."""
 
     def __init__(self, host, path="/events", port=0, queue=256):
-        """`host` is the LanHost that it is on. It does not read more of a NOTIFY than fits into
-        its smallest window before `Delivery.read` asks for it."""
+        """`host` is the LanHost that it is on. `queue` deliveries can wait."""
         self.host = host
         self.path = path
         self.url = None
@@ -139,17 +135,6 @@ class Subscriber:
             notify = delivery.read()
             delivery.answer()
             return notify
-
-    def wait_for(self, variable, value, limit=10.0):
-        """Takes events until one says that the variable has the value; returns them all."""
-        events = []
-        end = time.monotonic() + limit
-        while not events or events[-1].properties.get(variable) != value:
-            try:
-                events.append(self.event(max(0, end - time.monotonic())))
-            except AssertionError as failure:
-                raise AssertionError(f"no event that {variable} is {value!r}: {events}") from failure
-        return events
 
     def stop_listening(self):
         """From now on connections to it are refused."""
