@@ -9,7 +9,7 @@ cd "$top"
 build_packages=(
   g++ cmake ninja-build pkg-config
   libexpat1-dev uuid-dev libev-dev libmnl-dev libnftables-dev libnetfilter-conntrack-dev
-  libinih-dev libcap-ng-dev libcli11-dev nlohmann-json3-dev
+  libinih-dev libcap-ng-dev libc-ares-dev libcli11-dev nlohmann-json3-dev
 )
 # What the demonstration needs besides: hosts in namespaces and a client that is not ours.
 run_packages=(python3 iproute2 nftables miniupnpc procps)

@@ -1,0 +1,23 @@
+#include "lumen/services/resolver/FailureMemory.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace lumen {
+
+void FailureMemory::remember(const std::string& name, std::string error) {
+  const uint64_t now = clock_.now();
+  std::erase_if(failures_, [&](const Failure& f) { return f.end <= now || f.name == name; });
+  if (failures_.size() >= capacity) failures_.pop_front();
+  failures_.push_back({name, std::move(error), now + life});
+}
+
+std::optional<std::string> FailureMemory::find(const std::string& name) const {
+  const uint64_t now = clock_.now();
+  const auto found = std::ranges::find_if(
+      failures_, [&](const Failure& f) { return f.end > now && f.name == name; });
+  if (found == failures_.end()) return std::nullopt;
+  return found->error;
+}
+
+}  // namespace lumen

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <optional>
+#include <string>
+
+#include "lumen/runtime/Clock.h"
+
+namespace lumen {
+
+/// The names whose lookup has failed lately, each with the reason.
+class FailureMemory {
+ public:
+  /// How long a failure is remembered, in milliseconds.
+  static constexpr uint64_t life = 60'000;
+  /// Beyond it the oldest are forgotten: names come from strangers.
+  static constexpr size_t capacity = 1024;
+
+  /// `clock` must outlive this.
+  explicit FailureMemory(const lm::Clock& clock) : clock_(clock) {}
+
+  /// From now on for `life`. What was remembered of the name is replaced.
+  void remember(const std::string& name, std::string error);
+  /// Why the lookup of the name failed; none when that is not remembered.
+  [[nodiscard]] std::optional<std::string> find(const std::string& name) const;
+  [[nodiscard]] size_t size() const { return failures_.size(); }
+
+ private:
+  struct Failure {
+    std::string name;
+    std::string error;
+    uint64_t end = 0;  // on the clock
+  };
+
+  const lm::Clock& clock_;
+  std::deque<Failure> failures_;  // the oldest first
+};
+
+}  // namespace lumen

@@ -1,0 +1,71 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "platform/Timer.h"
+#include "platform/Watch.h"
+
+struct ares_addrinfo;
+struct ares_channeldata;
+
+namespace lumen {
+
+/// One question for the IPv4 address of a host, to the name servers of a resolv.conf(5). Each asks
+/// from sockets, and so from a random port, of its own, and reads the file anew: name servers come
+/// and go with the WAN side. It ends within `limit`, and with its destruction.
+class Lookup {
+ public:
+  /// In hundredths of a second.
+  static constexpr uint32_t limit = 95;
+  /// The error after that.
+  static constexpr const char* noAnswer = "name server does not answer";
+
+  struct Result {
+    uint32_t address = 0;  ///< in network byte order; 0: none
+    std::string error;     ///< why there is none
+  };
+
+  class Owner {
+   public:
+    virtual ~Owner() = default;
+    /// The lookup of `name` has ended; it may be destroyed, and the references end with it.
+    virtual void lookedUp(const std::string& name, const Result& result) = 0;
+  };
+
+  /// `configuration` is the path of the resolv.conf; without one, 127.0.0.1 is asked. `owner` must
+  /// outlive this.
+  Lookup(Owner& owner, std::string name, std::string configuration);
+  Lookup(const Lookup&) = delete;
+  Lookup& operator=(const Lookup&) = delete;
+  ~Lookup();
+
+  /// To be called once. May end it before it returns.
+  void start();
+
+ private:
+  struct Destroy {
+    void operator()(ares_channeldata* channel) const;
+  };
+
+  static void socketChanged(void* lookup, int fd, int readable, int writable);
+  static void answered(void* lookup, int status, int timeouts, ares_addrinfo* found);
+  void socketReady(int fd, unsigned flags);
+  void askAgain();
+  void late();
+  void goOn();
+
+  Owner& owner_;
+  const std::string name_;
+  std::string configuration_;
+  std::optional<Result> result_;
+  lm::Timer limitTimer_;
+  lm::Timer askAgainTimer_;
+  std::map<int, lm::Watch> watches_;  // of the sockets that the channel opens and closes
+  std::unique_ptr<ares_channeldata, Destroy> channel_;
+};
+
+}  // namespace lumen

@@ -1,0 +1,115 @@
+#include "lumen/services/resolver/Resolver.h"
+
+#include <unistd.h>
+
+#include <optional>
+#include <utility>
+
+#include "lumen/runtime/Log.h"
+#include "lumen/services/resolver/HostName.h"
+#include "platform/Keys.h"
+#include "platform/Looper.h"
+
+namespace lumen {
+
+namespace {
+
+lm::message refusal(const std::string& text) { return lm::errorMsg(lm::errorRefused, text); }
+
+}  // namespace
+
+/// A name that is being looked up, and who waits for its address. When they have waited long enough
+/// they are told that there is none, but the lookup goes on: a name server that was slow will know
+/// the answer by the next request, and one that stays silent is a failure to be remembered.
+class Resolver::Question {
+ public:
+  Question(Resolver& resolver, const std::string& name)
+      : started_(resolver.clock_.now()),
+        resolver_(resolver),
+        lookup_(resolver, name, resolver.configuration()) {}
+
+  /// Takes over the request that is being dispatched.
+  void add() {
+    if (!waiting_) return lm::PendingReply::take().send(refusal(Lookup::noAnswer));
+    requesters_.push_back(lm::PendingReply::take());
+  }
+
+  /// May end the question.
+  void start(uint64_t patience) {
+    patience_.start<&Question::giveUp>(*this, static_cast<uint32_t>((patience + 9) / 10));
+    lookup_.start();
+  }
+
+  void answer(const lm::message& reply) {
+    if (waiting_) resolver_.patience_.spend(resolver_.clock_.now() - started_);
+    waiting_ = false;
+    for (lm::PendingReply& requester : requesters_) requester.send(reply);
+    requesters_.clear();
+  }
+
+ private:
+  void giveUp() { answer(refusal(Lookup::noAnswer)); }
+
+  const uint64_t started_;  // on the clock
+  Resolver& resolver_;
+  std::vector<lm::PendingReply> requesters_;
+  bool waiting_ = true;
+  lm::Timer patience_;
+  Lookup lookup_;
+};
+
+Resolver::Resolver(const lm::Clock& clock, std::vector<std::string> configurations)
+    : clock_(clock),
+      configurations_(std::move(configurations)),
+      failures_(clock),
+      patience_(clock) {
+  lm::getLooper().setupLeave(idleLife);
+}
+
+Resolver::~Resolver() = default;
+
+lm::message Resolver::cmdUnknown(const lm::message& request, uint32_t command) {
+  if (command != resolve) return Handler::cmdUnknown(request, command);
+  const std::optional<std::string> name = toHostName(request.get_string(hostName));
+  if (!name) return refusal("not a host name");
+  if (const auto error = failures_.find(*name)) return refusal(*error);
+  const auto asked = questions_.find(*name);
+  if (asked != questions_.end()) {
+    asked->second->add();
+  } else if (questions_.size() >= maxLookups) {
+    return refusal("too many lookups at a time");
+  } else {
+    ask(*name);
+  }
+  return {};
+}
+
+void Resolver::ask(const std::string& name) {
+  lm::getLooper().setupLeave(idleLife);
+  const auto question = questions_.emplace(name, std::make_unique<Question>(*this, name)).first;
+  question->second->add();
+  question->second->start(patience_.left());
+}
+
+void Resolver::lookedUp(const std::string& name, const Lookup::Result& result) {
+  const auto ended = questions_.extract(name);
+  if (result.address != 0) {
+    lm::message reply;
+    reply.insert_be32(address, result.address);
+    ended.mapped()->answer(reply);
+  } else {
+    lm::logLine("resolver: ", name, ": ", result.error);
+    failures_.remember(name, result.error);
+    ended.mapped()->answer(refusal(result.error));
+  }
+  lm::getLooper().setupLeave(idleLife);
+}
+
+const std::string& Resolver::configuration() const {
+  for (const std::string& path : configurations_) {
+    if (access(path.c_str(), F_OK) == 0) return path;
+  }
+  return configurations_.back();
+}
+
+}  // namespace lumen

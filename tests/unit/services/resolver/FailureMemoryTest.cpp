@@ -1,0 +1,60 @@
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "lumen/services/resolver/FailureMemory.h"
+#include "support/ManualClock.h"
+
+namespace lumen {
+namespace {
+
+class FailureMemoryTest : public testing::Test {
+ protected:
+  lm::test::ManualClock clock_;
+  FailureMemory memory_{clock_};
+};
+
+TEST_F(FailureMemoryTest, RemembersWhyANameFailed) {
+  memory_.remember("nowhere.lan", "no such host");
+  memory_.remember("silent.lan", "name server does not answer");
+  EXPECT_EQ(memory_.find("nowhere.lan"), "no such host");
+  EXPECT_EQ(memory_.find("silent.lan"), "name server does not answer");
+  EXPECT_FALSE(memory_.find("player.lan"));
+}
+
+TEST_F(FailureMemoryTest, ForgetsAfterAMinute) {
+  memory_.remember("nowhere.lan", "no such host");
+  clock_.advance(59'999);
+  EXPECT_TRUE(memory_.find("nowhere.lan"));
+  clock_.advance(1);
+  EXPECT_FALSE(memory_.find("nowhere.lan"));
+}
+
+TEST_F(FailureMemoryTest, StartsTheMinuteAnewWhenANameFailsAgain) {
+  memory_.remember("nowhere.lan", "no such host");
+  clock_.advance(59'999);
+  memory_.remember("nowhere.lan", "no name server can tell");
+  EXPECT_EQ(memory_.size(), 1U);
+  clock_.advance(59'999);
+  EXPECT_EQ(memory_.find("nowhere.lan"), "no name server can tell");
+}
+
+TEST_F(FailureMemoryTest, HoldsNothingThatItHasForgotten) {
+  for (int i = 0; i < 100; ++i) memory_.remember("host" + std::to_string(i), "no such host");
+  clock_.advance(FailureMemory::life);
+  memory_.remember("nowhere.lan", "no such host");
+  EXPECT_EQ(memory_.size(), 1U);
+}
+
+TEST_F(FailureMemoryTest, ForgetsTheOldestWhenThereAreTooMany) {
+  for (size_t i = 0; i <= FailureMemory::capacity; ++i) {
+    memory_.remember("host" + std::to_string(i), "no such host");
+  }
+  EXPECT_EQ(memory_.size(), FailureMemory::capacity);
+  EXPECT_FALSE(memory_.find("host0"));
+  EXPECT_TRUE(memory_.find("host1"));
+  EXPECT_TRUE(memory_.find("host" + std::to_string(FailureMemory::capacity)));
+}
+
+}  // namespace
+}  // namespace lumen

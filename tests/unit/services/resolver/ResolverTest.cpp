@@ -1,0 +1,191 @@
+// What requesters get, and when.
+
+#include <gtest/gtest.h>
+
+#include "platform/Keys.h"
+#include "services/resolver/ResolverFixture.h"
+#include "support/Describe.h"
+
+namespace lumen::test {
+namespace {
+
+constexpr uint32_t minute = 6000;  // hundredths of a second
+
+TEST_F(ResolverTest, AnswersWithTheAddress) {
+  server_.hosts["player.lan"] = "192.168.88.10";
+  const uint32_t request = ask("Player.LAN");
+  ASSERT_TRUE(platform_.turnUntil([&] { return platform_.replyTo(request).has_value(); }));
+  EXPECT_EQ(lm::test::describe(lm::test::contentOf(*platform_.replyTo(request))),
+            "{u32 0x4=3232258058}");
+  EXPECT_EQ(log_.text(), "");
+}
+
+TEST_F(ResolverTest, RefusesWhatIsNoHostNameWithoutAskingAnybody) {
+  const std::string longName(70'000, 'a');
+  for (const std::string& name :
+       {std::string(), std::string("a b"), std::string("a\nb"), longName, std::string("1.2.3.4")}) {
+    EXPECT_EQ(lookUp(name), "not a host name");
+  }
+  EXPECT_EQ(lm::getError(platform_.request(0, Resolver::resolve)), "not a host name");
+  EXPECT_EQ(questions(), 0U);
+  EXPECT_EQ(log_.text(), "");
+}
+
+TEST_F(ResolverTest, KnowsNoOtherCommand) {
+  for (const uint32_t command : {lm::cmd::list, lm::cmd::get, lm::cmd::set, lm::cmd::addObject}) {
+    EXPECT_EQ(lm::getError(platform_.request(0, command)), "unknown command");
+  }
+}
+
+TEST_F(ResolverTest, GivesUpWithinASecond) {
+  serverIsSilent();
+  const uint32_t request = ask("silent.lan");
+  platform_.advance(94);
+  EXPECT_EQ(answerTo(request), "none yet");
+  platform_.advance(1);
+  EXPECT_EQ(answerTo(request), "name server does not answer");
+  EXPECT_EQ(log_.text(), "resolver: silent.lan: name server does not answer\n");
+}
+
+TEST_F(ResolverTest, AnswersAFailedNameFromMemoryForAMinute) {
+  EXPECT_EQ(lookUp("nowhere.lan"), "no such host");
+  EXPECT_EQ(questions(), 1U);
+  EXPECT_EQ(lookUp("NOWHERE.lan"), "no such host");
+  platform_.advance(minute - 1);
+  EXPECT_EQ(lookUp("nowhere.lan"), "no such host");
+  EXPECT_EQ(questions(), 1U);
+  platform_.advance(1);
+  server_.hosts["nowhere.lan"] = "10.0.0.7";
+  EXPECT_EQ(lookUp("nowhere.lan"), "10.0.0.7");
+}
+
+TEST_F(ResolverTest, ASilentNameServerCostsNothingForAMinute) {
+  serverIsSilent();
+  EXPECT_EQ(lookUpInVain("silent.lan"), "name server does not answer");
+  for (int i = 0; i < 10; ++i) {
+    const uint64_t before = platform_.clock().now();
+    EXPECT_EQ(lookUp("silent.lan"), "name server does not answer");
+    EXPECT_EQ(platform_.clock().now(), before);
+  }
+  EXPECT_EQ(questions(), 1U);
+}
+
+TEST_F(ResolverTest, DoesNotRememberAddresses) {
+  server_.hosts["player.lan"] = "10.0.0.7";
+  EXPECT_EQ(lookUp("player.lan"), "10.0.0.7");
+  server_.hosts["player.lan"] = "10.0.0.8";
+  EXPECT_EQ(lookUp("player.lan"), "10.0.0.8");
+}
+
+TEST_F(ResolverTest, WaitsAShortTimeOnlyWhenASecondWasWaitedInThisMinute) {
+  serverIsSilent();
+  lookUpInVain("silent.lan");
+  const uint32_t request = ask("other.lan");
+  platform_.advance(9);
+  EXPECT_EQ(answerTo(request), "none yet");
+  platform_.advance(1);
+  EXPECT_EQ(answerTo(request), "name server does not answer");
+  EXPECT_EQ(lookUp("other.lan"), "name server does not answer") << "it is being looked up";
+  platform_.advance(minute);
+  const uint32_t later = ask("third.lan");
+  platform_.advance(94);
+  EXPECT_EQ(answerTo(later), "none yet");
+}
+
+TEST_F(ResolverTest, ANameThatWasOnlySlowIsNoFailure) {
+  serverIsSilent();
+  lookUpInVain("silent.lan");
+  const uint32_t request = ask("slow.lan");
+  platform_.advance(10);
+  EXPECT_EQ(answerTo(request), "name server does not answer");
+  server_.send(server_.asked.back(), dns::addresses(server_.asked.back(), {"10.0.0.7"}));
+  platform_.turn();
+  server_.answer = nullptr;
+  server_.hosts["slow.lan"] = "10.0.0.7";
+  EXPECT_EQ(lookUp("slow.lan"), "10.0.0.7");
+  EXPECT_EQ(log_.text(), "resolver: silent.lan: name server does not answer\n");
+}
+
+TEST_F(ResolverTest, AnswersManyAtOnceEachInItsTime) {
+  serverIsSilent();
+  std::vector<uint32_t> requests;
+  for (size_t i = 0; i < Resolver::maxLookups; ++i) {
+    requests.push_back(ask("host" + std::to_string(i) + ".lan"));
+  }
+  EXPECT_EQ(lookUp("one-more.lan"), "too many lookups at a time");
+  ASSERT_EQ(questions(), Resolver::maxLookups);
+  for (size_t i = Resolver::maxLookups; i-- > 0;) {
+    EXPECT_EQ(answerTo(requests[i]), "none yet");
+    const std::string address = "10.0.1." + std::to_string(i);
+    server_.send(server_.asked[i], dns::addresses(server_.asked[i], {address.c_str()}));
+    ASSERT_TRUE(platform_.turnUntil([&] { return answerTo(requests[i]) != "none yet"; }));
+    EXPECT_EQ(answerTo(requests[i]), address);
+  }
+  server_.answer = nullptr;
+  EXPECT_EQ(lookUp("one-more.lan"), "no such host") << "a refusal is not remembered";
+}
+
+TEST_F(ResolverTest, ForgetsNobodyWhoAsksForTheSameName) {
+  serverIsSilent();
+  const uint32_t first = ask("player.lan");
+  std::vector<uint32_t> others;
+  for (int i = 0; i < 20; ++i) {
+    others.push_back(platform_.postRequest(0, Resolver::resolve, nameOf("player.lan")));
+  }
+  platform_.turn();
+  EXPECT_EQ(questions(), 1U);
+  server_.send(server_.asked[0], dns::addresses(server_.asked[0], {"10.0.0.7"}));
+  ASSERT_TRUE(platform_.turnUntil([&] { return answerTo(first) != "none yet"; }));
+  EXPECT_EQ(answerTo(first), "10.0.0.7");
+  for (const uint32_t other : others) EXPECT_EQ(answerTo(other), "10.0.0.7");
+}
+
+TEST_F(ResolverTest, TellsThoseWhoWaitWhenItEnds) {
+  serverIsSilent();
+  const uint32_t request = ask("silent.lan");
+  resolver_.reset();
+  EXPECT_EQ(answerTo(request), "service unavailable");
+}
+
+TEST_F(ResolverTest, LeavesAMinuteAfterItsLastLookup) {
+  server_.hosts["player.lan"] = "10.0.0.7";
+  platform_.advance(minute - 1);
+  lookUp("player.lan");
+  platform_.advance(minute - 1);
+  EXPECT_FALSE(platform_.stopped());
+  platform_.advance(1);
+  EXPECT_TRUE(platform_.stopped());
+  EXPECT_EQ(platform_.sentTo({0}, 0x13).size(), 1U) << "unregistered";
+}
+
+TEST_F(ResolverTest, LeavesWhenNobodyAsksAtAll) {
+  platform_.advance(minute);
+  EXPECT_TRUE(platform_.stopped());
+}
+
+TEST_F(ResolverTest, StaysAsLongAsItRemembersAFailure) {
+  serverIsSilent();
+  const uint32_t request = ask("silent.lan");
+  platform_.advance(95);
+  EXPECT_EQ(answerTo(request), "name server does not answer");
+  platform_.advance(minute - 1);
+  EXPECT_FALSE(platform_.stopped());
+  EXPECT_EQ(lookUp("silent.lan"), "name server does not answer");
+  EXPECT_EQ(questions(), 1U);
+}
+
+TEST_F(ResolverTest, StaysForARequestThatComesWhileItIsAboutToLeave) {
+  server_.hosts["player.lan"] = "10.0.0.7";
+  uint32_t request = 0;
+  platform_.onRequest({0}, 0x13, [&](const lm::message&) {
+    request = platform_.postRequest(0, Resolver::resolve, nameOf("player.lan"));
+    return lm::message();
+  });
+  platform_.advance(minute);
+  EXPECT_FALSE(platform_.stopped());
+  ASSERT_TRUE(platform_.turnUntil([&] { return platform_.replyTo(request).has_value(); }));
+  EXPECT_EQ(answerTo(request), "10.0.0.7");
+}
+
+}  // namespace
+}  // namespace lumen::test
