@@ -109,6 +109,7 @@ void Broker::request(Connection& from, lm::message request) {
     return refuse(requester(from, request), "too many requests at a time");
   }
   if (to.service == lm::service::broker) return own(from, request);
+  if (!from.rights().mayAsk()) return refuse(requester(from, request), notPermitted);
   if (isLocal(to.service)) return local(from, to, request);
   if (!from.rights().mayCall(to.service)) return refuse(requester(from, request), notPermitted);
   forward(from, to.service, std::move(request));
@@ -200,6 +201,7 @@ void Broker::unregisterServices(Connection& from, const lm::message& request) {
 
 lm::message Broker::subscribe(Connection& from, const lm::message& request) {
   const std::vector<uint32_t>& source = request.get_u32_array_ref(brokerkey::path);
+  if (!from.rights().mayAsk()) return refusal(notPermitted);
   if (!has(request, brokerkey::command) || source.empty()) return refusal("no command or path");
   if (from.subscriptions >= maxSubscriptions) return refusal("too many subscriptions");
   const uint32_t command = request.get_u32(brokerkey::command);

@@ -17,7 +17,10 @@ bool contains(const Range& range, const Value& value) {
 
 Rights::Rights(const Peer& peer, const Services& services, std::optional<gid_t> administrators)
     : administrator_(peer.user == 0 || (administrators && contains(peer.groups, *administrators))),
-      services_(services.servicesOf(peer.user)) {}
+      services_(services.servicesOf(peer.user)),
+      mayAsk_(administrator_ ||
+              std::any_of(services_.begin(), services_.end(),
+                          [&](uint32_t number) { return services.mayAsk(number); })) {}
 
 bool Rights::mayServe(uint32_t number) const {
   return administrator_ || contains(services_, number);

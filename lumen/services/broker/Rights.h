@@ -23,6 +23,8 @@ class Rights {
   /// The services whose user this is, in rising order.
   [[nodiscard]] const std::vector<uint32_t>& services() const { return services_; }
 
+  /// Whether it may ask others for anything at all.
+  [[nodiscard]] bool mayAsk() const { return mayAsk_; }
   [[nodiscard]] bool mayServe(uint32_t number) const;
   /// Whether it may send requests to another program.
   [[nodiscard]] bool mayCall(uint32_t number) const;
@@ -30,6 +32,7 @@ class Rights {
  private:
   bool administrator_ = false;
   std::vector<uint32_t> services_;
+  bool mayAsk_ = false;
 };
 
 }  // namespace lumen

@@ -31,6 +31,9 @@ class Services {
   /// The services that run as this user, in rising order.
   [[nodiscard]] virtual std::vector<uint32_t> servicesOf(uid_t user) const = 0;
 
+  /// Whether it may ask other services for something.
+  [[nodiscard]] virtual bool mayAsk(uint32_t number) const = 0;
+
   /// A request for this service, which is defined, has arrived and no connection serves it. Starts
   /// it if that is possible; an administrator's request ends a back-off. True when a process that
   /// will serve it is on its way.

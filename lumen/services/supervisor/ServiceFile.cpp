@@ -45,7 +45,7 @@ struct Reading {
 
 int takeSetting(void* context, const char* section, const char* name, const char* value) {
   static constexpr std::string_view known[] = {"name",  "number", "executable", "user",
-                                               "group", "boot",   "stores"};
+                                               "group", "boot",   "stores",     "answers-only"};
   auto& reading = *static_cast<Reading*>(context);
   if (!reading.error.empty()) return 1;
   const std::string_view setting = name;
@@ -92,7 +92,8 @@ class Builder {
     check(definition_.executable.starts_with('/'), "executable");
     takeUser(required("user"));
     takeGroup();
-    takeBoot();
+    definition_.boot = yesOrNo("boot");
+    definition_.answersOnly = yesOrNo("answers-only");
     takeStores();
     return definition_;
   }
@@ -147,10 +148,12 @@ class Builder {
     }
   }
 
-  void takeBoot() {
-    const std::string boot = optional("boot");
-    if (!boot.empty() && boot != "yes" && boot != "no") fail("\"boot\" is neither yes nor no");
-    definition_.boot = boot == "yes";
+  bool yesOrNo(std::string_view setting) {
+    const std::string value = optional(setting);
+    if (!value.empty() && value != "yes" && value != "no") {
+      fail("\"" + std::string(setting) + "\" is neither yes nor no");
+    }
+    return value == "yes";
   }
 
   void takeStores() {

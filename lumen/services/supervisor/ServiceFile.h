@@ -20,6 +20,7 @@ namespace lumen {
 ///     user = palinode                      ; name or number, never root
 ///     group = palinode                     ; left out: the user's own, or of the user's number
 ///     boot = yes                           ; left out or no: starts when it is first needed
+///     answers-only = yes                   ; left out or no: may ask other services for something
 ///     stores = upnp upnpm                  ; left out: none; directories below /lumen/store
 struct ServiceDefinition {
   std::string name;
@@ -28,6 +29,7 @@ struct ServiceDefinition {
   uid_t user = 0;
   gid_t group = 0;
   bool boot = false;
+  bool answersOnly = false;
   std::vector<std::string> stores;
 };
 

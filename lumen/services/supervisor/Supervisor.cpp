@@ -73,6 +73,11 @@ std::vector<uint32_t> Supervisor::servicesOf(uid_t user) const {
   return numbers;
 }
 
+bool Supervisor::mayAsk(uint32_t number) const {
+  const Service* const service = find(number);
+  return service != nullptr && !service->definition().answersOnly;
+}
+
 bool Supervisor::need(uint32_t number, bool administrator) {
   Service* const service = find(number);
   return service != nullptr && service->need(administrator);

@@ -18,6 +18,7 @@ std::vector<ServiceDefinition> twoServices() {
   names.name = "resolver";
   names.number = 14;
   names.user = 201;
+  names.answersOnly = true;
   ServiceDefinition upnp;
   upnp.name = "upnp";
   upnp.number = 40;

@@ -63,7 +63,8 @@ class NotingHandler : public LocalHandler {
 };
 
 /// A broker with two services that are started when needed, "upnp", number 40 of user 200, and
-/// "resolver", number 14 of user 201; a handler of this process at [20, 5]; and programs.
+/// "resolver", number 14 of user 201, which answers only; a handler of this process at [20, 5]; and
+/// programs.
 class BrokerTest : public testing::Test {
  protected:
   static constexpr uint32_t gateway = 40;

@@ -70,6 +70,20 @@ TEST_F(RightsTest, OfAServiceAreItsOwnNumberAndWhatItLivesOn) {
   EXPECT_EQ(processes.started.size(), 1U) << "the resolver is on its way";
 }
 
+TEST_F(RightsTest, OfAServiceThatAnswersOnlyAreItsOwnNumberAlone) {
+  Program names = connect(resolverUser);
+  registerAs(names, resolver);
+  EXPECT_EQ(errorOf(names, {20, 5}, lm::cmd::addObject), "not permitted");
+  EXPECT_EQ(errorOf(names, {66}, lm::cmd::addObject), "not permitted");
+  EXPECT_EQ(errorOf(names, {gateway}, someCommand), "not permitted");
+  lm::message topic;
+  topic.insert_u32(brokerkey::command, someCommand);
+  topic.insert_u32_array(brokerkey::path, {20, 5});
+  EXPECT_EQ(errorOf(names, {0}, brokercmd::subscribe, topic), "not permitted");
+  EXPECT_TRUE(rules.commands.empty());
+  unregister(names, resolver);
+}
+
 TEST_F(RightsTest, DoNotLetAServiceUnregisterAnother) {
   Program names = connect(resolverUser);
   registerAs(names, resolver);

@@ -59,6 +59,7 @@ TEST(ServiceFile, DescribesAService) {
       "user = palinode\n"
       "group = net\n"
       "boot = yes\n"
+      "answers-only = yes\n"
       "stores = upnp  upnpm\n");
   ASSERT_TRUE(service);
   EXPECT_EQ(service->name, "upnp");
@@ -67,6 +68,7 @@ TEST(ServiceFile, DescribesAService) {
   EXPECT_EQ(service->user, 200U);
   EXPECT_EQ(service->group, 400U);
   EXPECT_TRUE(service->boot);
+  EXPECT_TRUE(service->answersOnly);
   EXPECT_EQ(service->stores, (std::vector<std::string>{"upnp", "upnpm"}));
 }
 
@@ -75,6 +77,7 @@ TEST(ServiceFile, HasDefaultsForWhatIsLeftOut) {
   ASSERT_TRUE(service);
   EXPECT_EQ(service->group, 300U) << "the user's own";
   EXPECT_FALSE(service->boot);
+  EXPECT_FALSE(service->answersOnly);
   EXPECT_TRUE(service->stores.empty());
 }
 
@@ -118,6 +121,7 @@ TEST(ServiceFile, IsRefusedWithAReason) {
       {"", "group = 4294967295", "may not run in root's group"},
       {"", "group = wheel", "there is no group \"wheel\""},
       {"", "boot = maybe", "\"boot\" is neither yes nor no"},
+      {"", "answers-only = 1", "\"answers-only\" is neither yes nor no"},
       {"", "stores = upnp ../x", "\"../x\" is no name of a store"},
       {"", "colour = red", "unknown setting \"colour\""},
       {"", "number = 41", "\"number\" is given twice"},
