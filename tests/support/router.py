@@ -15,8 +15,9 @@ from support.network import LAN_BRIDGE, WAN_LINK, wait_until
 TOP = pathlib.Path(__file__).resolve().parents[2]
 PROGRAMS = pathlib.Path(os.environ.get("PALINODE_BIN", TOP / "build" / "bin")).resolve()
 
-# The gateway runs as a user that need not exist, and that no other program on a machine is.
+# Services run as users that need not exist, and that no other program on a machine is.
 SERVICE_USER = 64040
+RESOLVER_USER = 64014
 
 GATEWAY = "upnp"
 
@@ -89,6 +90,10 @@ class Router:
                 return self.network.lan[0].connection_control(**where)
 
         return wait_until(control, "the gateway can be controlled")
+
+    def ask_name_server(self, address):
+        """From now on the resolver asks that name server instead of those of this machine."""
+        (self.root / "etc" / "resolv.conf").write_text(f"nameserver {address}\n")
 
     # What there is.
 
@@ -165,6 +170,13 @@ executable = {PROGRAMS / "palinode-igd"}
 user = {service_user}
 boot = yes
 stores = upnp upnpm
+""")
+    (services / "resolver.ini").write_text(f"""[service]
+name = resolver
+number = 14
+executable = {PROGRAMS / "lumen-resolver"}
+user = {RESOLVER_USER}
+answers-only = yes
 """)
     for name in ("run", "store"):
         (root / name).mkdir()

@@ -1,0 +1,112 @@
+"""Subscribers that name the host of their callback, and name servers of every kind."""
+
+import os
+import signal
+import time
+import unittest
+
+from support.name_server import NameServer
+from support.network import wait_until
+from support.router import RESOLVER_USER
+from support.router_case import RouterCase
+from support.subscriber import Subscriber
+
+
+class NameTest(RouterCase):
+    def setUp(self):
+        super().setUp()
+        self.server = NameServer(self.wan)
+        self.addCleanup(self.server.close)
+        self.router.ask_name_server(self.wan.address)
+        self.events = self.lan[0].connection_events()
+        self.subscriber = Subscriber(self.lan[1].speak_to())
+        self.addCleanup(self.subscriber.close)
+
+    def ask(self, name):
+        """Subscribes with a callback on the host of this name; returns the reply's status and how
+        many seconds it took."""
+        if self.subscriber.sid:
+            self.subscriber.unsubscribe()
+            self.subscriber.sid = None
+        started = time.monotonic()
+        reply = self.subscriber.ask(self.events, callback=f"http://{name}:{self.subscriber.port}/")
+        return reply.status, time.monotonic() - started
+
+    def resolver(self):
+        return self.router.service("resolver")
+
+    def test_a_subscriber_is_found_by_its_name(self):
+        self.assertEqual(self.resolver()["state"], "stopped", "it starts when it is first asked")
+        self.server.hosts["player.lan"] = self.lan[1].address
+        self.assertEqual(self.ask("player.lan")[0], 200)
+        event = self.subscriber.event()
+        self.assertEqual(event.seq, 0)
+        self.assertEqual(event["HOST"], f"{self.lan[1].address}:{self.subscriber.port}")
+        self.assertEqual(self.server.asked, ["player.lan"])
+        self.assertEqual(self.resolver()["state"], "running")
+
+    def test_a_name_that_nobody_has_is_refused(self):
+        self.assertEqual(self.ask("nowhere.lan")[0], 412)
+        self.assertEqual(self.ask("nowhere.lan")[0], 412)
+        self.assertEqual(self.server.asked, ["nowhere.lan"])
+        self.assertIn("resolving failed: no such host", self.router.log())
+
+    def test_what_is_no_name_is_refused_without_asking_anybody(self):
+        for name in ("a b", "-x", "a..b", "x" * 64, "b\u00fccher", "255.255.255.255"):
+            with self.subTest(name=name):
+                self.assertEqual(self.ask(name)[0], 412)
+        self.assertEqual(self.server.asked, [])
+
+    def test_a_silent_name_server_costs_a_second_once_and_then_nothing(self):
+        self.server.hosts["player.lan"] = self.lan[1].address
+        self.server.silent.add("silent.lan")
+        self.assertEqual(self.ask("player.lan")[0], 200)  # the resolver has started
+        status, taken = self.ask("silent.lan")
+        self.assertEqual(status, 412)
+        self.assertGreater(taken, 0.5)
+        self.assertLess(taken, 1.5)
+        questions = len(self.server.asked)
+        again = [self.ask("silent.lan") for _ in range(5)]
+        self.assertEqual({status for status, _ in again}, {412})
+        self.assertLess(sorted(taken for _, taken in again)[2], 0.1)
+        self.assertEqual(len(self.server.asked), questions)
+        # Another name costs a tenth of a second, until the minute is over.
+        self.server.silent.add("other.lan")
+        status, taken = self.ask("other.lan")
+        self.assertEqual(status, 412)
+        self.assertLess(taken, 0.5)
+        self.assertEqual(self.ask("player.lan")[0], 200)
+
+    def test_a_lame_name_server_is_not_believed(self):
+        self.server.lame.update(("player.lan", "nowhere.lan"))
+        self.server.hosts["player.lan"] = self.lan[1].address
+        self.assertEqual(self.ask("player.lan")[0], 200)
+        self.assertEqual(self.subscriber.event().seq, 0)
+        self.assertEqual(self.ask("nowhere.lan")[0], 412)
+        self.assertIn("resolving failed: no name server can tell", self.router.log())
+
+    def test_the_resolver_has_no_rights(self):
+        self.ask("nowhere.lan")
+        with open(f"/proc/{self.resolver()['process']}/status", encoding="ascii") as status:
+            fields = dict(line.rstrip("\n").split(":\t", 1) for line in status)
+        self.assertEqual(fields["Name"], "lumen-resolver")
+        user = str(RESOLVER_USER)
+        self.assertEqual(fields["Uid"].split(), [user] * 4)
+        self.assertEqual(fields["Gid"].split(), [user] * 4)
+        self.assertLessEqual(set(fields["Groups"].split()), {user})
+        for name in ("CapInh", "CapPrm", "CapEff", "CapBnd", "CapAmb"):
+            self.assertEqual(int(fields[name], 16), 0, name)
+        self.assertEqual(fields["NoNewPrivs"], "1")
+
+    def test_a_resolver_that_was_killed_comes_back(self):
+        self.server.hosts["player.lan"] = self.lan[1].address
+        self.assertEqual(self.ask("player.lan")[0], 200)
+        os.kill(self.resolver()["process"], signal.SIGKILL)
+        wait_until(lambda: self.resolver()["state"] == "waiting", "its end is seen")
+        self.assertEqual(self.ask("player.lan")[0], 412)
+        self.assertIn("resolving failed: service unavailable", self.router.log())
+        wait_until(lambda: self.ask("player.lan")[0] == 200, "it resolves again")
+
+
+if __name__ == "__main__":
+    unittest.main()
