@@ -1,0 +1,80 @@
+"""How fast the gateway answers beside subscribers that misbehave."""
+
+import statistics
+import time
+import unittest
+
+from support.lan import HTTP_PORT, LanHost, read_to_end, soap_envelope
+from support.network import CONNECTION_SERVICE, LAN_ADDRESS, wait_until
+from support.router_case import RouterCase
+from support.subscriber import Subscriber
+
+ACTION = "GetExternalIPAddress"
+FAILED = "notify reply read failed"
+
+# Both routers are asked in turn, so that whatever else the machine does slows both down, and in
+# many rounds, so that it may favour one of them for a while.
+ROUNDS, SAMPLES = 20, 100
+DURATION = 20.0  # seconds at most: the deliveries that fail end after thirty
+
+
+class FairnessTest(RouterCase):
+    def test_subscribers_that_close_slow_nobody_down(self):
+        loaded, idle = self.router, self.make_router()
+        self.make_deliveries_fail(loaded)
+        failures = loaded.log().count(FAILED)
+        ask_idle, ask_loaded = self.asker(idle), self.asker(loaded)
+        rounds = []
+        end = time.monotonic() + DURATION
+        while len(rounds) < ROUNDS and time.monotonic() < end:
+            pairs = [(ask_idle(), ask_loaded()) for _ in range(SAMPLES)]
+            rounds.append([statistics.median(taken) for taken in zip(*pairs)])
+        failures = loaded.log().count(FAILED) - failures
+        medians = [statistics.median(taken) * 1e6 for taken in zip(*rounds)]
+        ratio = statistics.median(beside / alone for alone, beside in rounds)
+        print(f"{len(rounds)} rounds of {SAMPLES} requests, median {medians[0]:.0f} us idle, "
+              f"{medians[1]:.0f} us beside {failures} failed reads, ratio {ratio:.2f}")
+        self.assertGreater(len(rounds), 2)
+        self.assertGreater(failures, 3)
+        self.assertNotIn("notify timeout", loaded.log())
+        self.assertLessEqual(ratio, 1.5)
+
+    def make_deliveries_fail(self, router):
+        """Three subscribers get an event each and close without an answer."""
+        host = router.network.lan[1]
+        host.namespace.ip("route", "add", "local", "192.168.88.128/25", "dev", "lo")
+        events = host.connection_events()
+        for number in range(3):
+            address = f"192.168.88.{128 + number}"
+            with Subscriber(LanHost(host.namespace, host.LINK, address, LAN_ADDRESS)) as one:
+                one.subscribe(events)
+                with one.take() as delivery:
+                    delivery.read()
+        wait_until(lambda: router.log().count(FAILED) >= 3, "all three fail")
+
+    def asker(self, router):
+        """A function that asks the router over a connection of its own, and returns how long that
+        took in seconds."""
+        host = router.network.lan[0]
+        body = soap_envelope(ACTION, service=CONNECTION_SERVICE)
+        request = (f"POST {router.wait_until_controllable()} HTTP/1.1\r\n"
+                   f"HOST: {LAN_ADDRESS}:{HTTP_PORT}\r\nCONTENT-TYPE: text/xml\r\n"
+                   f'SOAPACTION: "{CONNECTION_SERVICE}#{ACTION}"\r\n'
+                   f"CONTENT-LENGTH: {len(body)}\r\n\r\n{body}").encode()
+
+        def ask():
+            with host.namespace.socket() as sock:
+                sock.settimeout(5.0)
+                before = time.perf_counter()
+                sock.connect((LAN_ADDRESS, HTTP_PORT))
+                sock.sendall(request)
+                reply = read_to_end(sock)
+                taken = time.perf_counter() - before
+            self.assertTrue(reply.startswith(b"HTTP/1.1 200 "), reply)
+            return taken
+
+        return ask
+
+
+if __name__ == "__main__":
+    unittest.main()
