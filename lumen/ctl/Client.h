@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,10 @@ class Client {
   /// reply. A request that is not answered gives an error reply.
   [[nodiscard]] virtual lm::message exchange(const std::vector<uint32_t>& destination,
                                              uint32_t command, lm::message request) = 0;
+
+  /// Waits for the next notification. None when the program is asked to end (SIGINT, SIGTERM) or
+  /// when nobody reads its standard output any more; an error reply when the platform has ended.
+  [[nodiscard]] virtual std::optional<lm::message> notification() = 0;
 };
 
 /// Connects to the platform whose root folder is `root`; empty: the machine's own. Null when that

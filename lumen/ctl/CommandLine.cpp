@@ -45,6 +45,7 @@ int run(const std::vector<std::string>& arguments, const Connect& connect, std::
   addAddressCommands(app, session);
   addNatCommands(app, session);
   addHistoryCommands(app, session);
+  addMonitorCommand(app, session);
   addServiceCommands(app, session);
   addIdentityCommand(app, session);
 

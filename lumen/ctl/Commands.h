@@ -15,6 +15,7 @@ void addAddressCommands(CLI::App& app, Session& session);
 void addNatCommands(CLI::App& app, Session& session);
 void addServiceCommands(CLI::App& app, Session& session);
 void addHistoryCommands(CLI::App& app, Session& session);
+void addMonitorCommand(CLI::App& app, Session& session);
 void addIdentityCommand(CLI::App& app, Session& session);
 
 }  // namespace lumenctl

@@ -19,6 +19,15 @@ inline constexpr uint32_t allowDisableExternal = 2;  ///< bool
 inline constexpr uint32_t showDummyRule = 3;         ///< bool
 }  // namespace settingskey
 
+namespace resolvercmd {
+inline constexpr uint32_t resolve = 3;
+}  // namespace resolvercmd
+
+namespace resolverkey {
+inline constexpr uint32_t name = 0x20000003;     ///< string: host name, in the request
+inline constexpr uint32_t address = 0x08000004;  ///< be32, in the reply
+}  // namespace resolverkey
+
 namespace identitykey {
 inline constexpr uint32_t text = 0x20000001;  ///< string
 }  // namespace identitykey

@@ -141,6 +141,20 @@ void Router::removeFromHistory(uint32_t id) {
   exchange(historyPath, lm::cmd::removeObject, withId(id));
 }
 
+void Router::startMonitoring() {
+  lm::message request;
+  request.insert_bool(lumen::monitorkey::on, true);
+  exchange(brokerPath, lumen::brokercmd::monitor, std::move(request));
+}
+
+std::optional<lm::message> Router::nextShown() {
+  while (true) {
+    std::optional<lm::message> next = client_.notification();
+    if (next && lm::isError(*next)) throw Refused(lm::getError(*next));
+    if (!next || next->get_u32(lm::key::command) == lumen::brokercmd::monitor) return next;
+  }
+}
+
 Settings Router::settings() { return Settings(exchange(gatewayPath, lm::cmd::get)); }
 
 void Router::writeSettings(const Settings& settings) {

@@ -47,6 +47,12 @@ class Router {
   void undo(const Change& change);
   void removeFromHistory(uint32_t id);
 
+  // What programs say to each other.
+  void startMonitoring();
+  /// Waits for the next message that passes; it has the fields of lumen::monitorkey. None
+  /// when Client::notification gives none.
+  [[nodiscard]] std::optional<lm::message> nextShown();
+
   // The gateway; each of these starts it when it does not run.
   [[nodiscard]] Settings settings();
   void writeSettings(const Settings& settings);

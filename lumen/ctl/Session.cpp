@@ -24,6 +24,10 @@ void Session::print(const Json& value) {
   out_ << value.dump(2, ' ', true, Json::error_handler_t::replace) << '\n';
 }
 
+void Session::printLine(const Json& value) {
+  out_ << value.dump(-1, ' ', true, Json::error_handler_t::replace) << '\n' << std::flush;
+}
+
 void Session::finish() {
   if (json && changes) print({{"done", std::exchange(done_, Json::array())}});
   changes = false;

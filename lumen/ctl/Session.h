@@ -26,6 +26,8 @@ class Session {
   void done(const std::string& text);
   /// Prints `value` as JSON that any terminal can show.
   void print(const Json& value);
+  /// Prints `value` as JSON on a line of its own, at once.
+  void printLine(const Json& value);
   /// Prints what was done, if that is still to be printed. A command that changes nothing although
   /// it could have calls done() never.
   void finish();

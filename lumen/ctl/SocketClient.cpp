@@ -44,4 +44,16 @@ lm::message SocketClient::exchange(const std::vector<uint32_t>& destination, uin
   return connection_.exchange(std::move(request), command, replyLimit);
 }
 
+std::optional<lm::message> SocketClient::notification() {
+  if (!interruption_) interruption_.emplace();
+  while (true) {
+    connection_.progress();
+    const bool ready = connection_.arrived() > 0 || connection_.ended();
+    if (interruption_->wait(connection_.fd(), ready ? 0 : -1)) return std::nullopt;
+    if (auto arrived = connection_.take()) return arrived;
+    if (connection_.ended())
+      return lm::errorMsg(lm::errorRefused, "the platform has ended the connection");
+  }
+}
+
 }  // namespace lumenctl

@@ -1,9 +1,11 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "lumen/ctl/Client.h"
+#include "lumen/ctl/Interruption.h"
 #include "lumen/runtime/Clock.h"
 #include "lumen/runtime/Connection.h"
 
@@ -20,10 +22,12 @@ class SocketClient : public Client {
 
   [[nodiscard]] lm::message exchange(const std::vector<uint32_t>& destination, uint32_t command,
                                      lm::message request) override;
+  [[nodiscard]] std::optional<lm::message> notification() override;
 
  private:
   lm::SystemClock clock_;
   lm::Connection connection_;
+  std::optional<Interruption> interruption_;  // none until notifications are waited for
 };
 
 }  // namespace lumenctl

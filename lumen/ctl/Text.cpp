@@ -46,6 +46,15 @@ bool isPrintable(char32_t code) {
            within(0xE0000, 0xE0FFF));
 }
 
+/// A moment in this machine's time zone, as strftime writes it.
+std::string formatted(uint64_t secondsSince1970, const char* format) {
+  const auto seconds = static_cast<time_t>(secondsSince1970);
+  tm parts{};
+  std::array<char, 32> text{};
+  if (localtime_r(&seconds, &parts) == nullptr) return "?";
+  return {text.data(), std::strftime(text.data(), text.size(), format, &parts)};
+}
+
 }  // namespace
 
 std::string printable(std::string_view text) {
@@ -97,13 +106,11 @@ std::string duration(uint64_t seconds) {
   return result;
 }
 
-std::string localTime(uint64_t time) {
-  const auto seconds = static_cast<time_t>(time);
-  tm parts{};
-  std::array<char, 32> text{};
-  if (localtime_r(&seconds, &parts) == nullptr) return "?";
-  std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S", &parts);
-  return text.data();
+std::string localTime(uint64_t time) { return formatted(time, "%Y-%m-%d %H:%M:%S"); }
+
+std::string localTimeOfDay(uint64_t time) {
+  const std::string milliseconds = std::to_string(1000 + time % 1000).substr(1);
+  return formatted(time / 1000, "%H:%M:%S") + "." + milliseconds;
 }
 
 std::string amount(uint64_t bytes) {

@@ -26,6 +26,9 @@ namespace lumenctl {
 /// A moment in this machine's time zone: "2024-02-29 23:59:58". `time` is in seconds since 1970.
 [[nodiscard]] std::string localTime(uint64_t time);
 
+/// The time of day of such a moment: "23:59:58.007". `time` is in milliseconds since 1970.
+[[nodiscard]] std::string localTimeOfDay(uint64_t time);
+
 /// An amount of data in decimal units: "999 B", "1.2 MB".
 [[nodiscard]] std::string amount(uint64_t bytes);
 

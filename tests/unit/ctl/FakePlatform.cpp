@@ -69,6 +69,7 @@ class FakePlatform::Connection : public Client {
   lm::message exchange(const Path& destination, uint32_t command, lm::message request) override {
     return platform_.answer(destination, command, request);
   }
+  std::optional<lm::message> notification() override { return platform_.nextShown(); }
 
  private:
   FakePlatform& platform_;
@@ -173,6 +174,16 @@ uint32_t FakePlatform::wasChanged(const std::string& text, uint32_t undoCommand,
   return record.get_u32(lm::key::objectId);
 }
 
+void FakePlatform::passes(uint32_t from, uint32_t to, lm::message m, bool cut) {
+  lm::message shown;
+  shown.insert_u32(lm::key::command, lumen::brokercmd::monitor);
+  shown.insert_u32(lumen::monitorkey::from, from);
+  shown.insert_u32(lumen::monitorkey::to, to);
+  shown.insert_message(lumen::monitorkey::message, std::move(m));
+  if (cut) shown.insert_bool(lumen::monitorkey::cut, true);
+  shown_.push_back(std::move(shown));
+}
+
 void FakePlatform::refuses(const Path& destination, uint32_t command, const std::string& text) {
   refusals_[{destination, command}] = text;
 }
@@ -193,6 +204,14 @@ bool FakePlatform::wasAsked(const std::string& destination) const {
                      [&](const std::string& request) { return request.starts_with(destination); });
 }
 
+std::optional<lm::message> FakePlatform::nextShown() {
+  if (shown_.empty() && ends_) return lm::errorMsg(lm::errorRefused, "the platform has ended");
+  if (shown_.empty()) return std::nullopt;
+  std::optional<lm::message> next = std::move(shown_.front());
+  shown_.pop_front();
+  return next;
+}
+
 lm::message FakePlatform::answer(const Path& destination, uint32_t command,
                                  const lm::message& request) {
   requests_.push_back(describe(destination) + " " + hex(command, "%x") + describe(request));
@@ -204,6 +223,7 @@ lm::message FakePlatform::answer(const Path& destination, uint32_t command,
     reply.insert_message_array(lm::key::records, services_);
     return reply;
   }
+  if (destination == Path{0} && command == lumen::brokercmd::monitor) return reply;
   if (destination == Path{65} && command == lm::cmd::get) {
     reply.insert_string(1, "0c5e9a51");
     return reply;

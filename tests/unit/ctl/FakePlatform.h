@@ -1,8 +1,10 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -42,6 +44,10 @@ class FakePlatform {
   /// A change that the gateway's handler 0 made, and the command that takes it back. Returns its
   /// id.
   uint32_t wasChanged(const std::string& text, uint32_t undoCommand, lm::message undo);
+  /// While it is monitored, `m` passes from one number to another.
+  void passes(uint32_t from, uint32_t to, lm::message m, bool cut = false);
+  /// The platform ends after that; otherwise the user asks lumenctl to end.
+  void ends() { ends_ = true; }
   void gatewayIsNotInstalled() { services_.clear(); }
   [[nodiscard]] lm::message& settings() { return settings_; }
 
@@ -65,6 +71,7 @@ class FakePlatform {
  private:
   class Connection;
 
+  std::optional<lm::message> nextShown();
   lm::message answer(const Path& destination, uint32_t command, const lm::message& request);
   lm::message page(const std::vector<lm::message>& table, const lm::message& request) const;
   lm::message changeTable(std::vector<lm::message>& table, uint32_t command,
@@ -77,6 +84,8 @@ class FakePlatform {
   std::vector<lm::message> services_;
   std::vector<lm::message> objects_;
   std::vector<lm::message> history_;
+  std::deque<lm::message> shown_;
+  bool ends_ = false;
   lm::message settings_;
   std::map<std::pair<Path, uint32_t>, std::string> refusals_;
   std::vector<std::string> requests_;

@@ -45,6 +45,7 @@ TEST_F(Usage, EndsWith2WhenTheArgumentsAreWrong) {
       {{"nat", "close"}, "no port"},
       {{"history", "upnp"}, "an argument too many"},
       {{"undo", "2"}, "an argument too many"},
+      {{"monitor", "upnp"}, "an argument too many"},
       {{"--root"}, "no folder"},
   };
   for (const auto& [arguments, reason] : wrong) {

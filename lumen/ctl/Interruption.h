@@ -1,0 +1,22 @@
+#pragma once
+
+#include "platform/Fd.h"
+
+namespace lumenctl {
+
+/// What ends a command that would go on for ever: SIGINT, SIGTERM, or that nobody reads the
+/// standard output any more.
+class Interruption {
+ public:
+  /// From now on the signals do not end the program.
+  Interruption();
+
+  /// Waits at most `limit` milliseconds, -1 for ever, for it or until `fd` can be read. True when
+  /// it has come.
+  [[nodiscard]] bool wait(int fd, int limit) const;
+
+ private:
+  lm::Fd signals_;
+};
+
+}  // namespace lumenctl

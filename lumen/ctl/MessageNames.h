@@ -1,0 +1,41 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+/// The names of what programs say to each other, as far as this program knows them.
+namespace lumenctl {
+
+/// The service and the handler that a message is about: where a request goes, and where its reply
+/// and notifications come from. It decides what the keys and commands of the message mean.
+struct Subject {
+  uint32_t service = 0;
+  uint32_t handler = 0;
+
+  /// Of a path: a missing handler is number 0.
+  [[nodiscard]] static Subject of(const std::vector<uint32_t>& path) {
+    return {path.empty() ? 0 : path[0], path.size() < 2 ? 0 : path[1]};
+  }
+};
+
+enum class Meaning {
+  plain,    ///< the value as it is
+  address,  ///< an IPv4 address
+  command,  ///< a command of the subject
+  undo,     ///< a message to the one that a change in the history is about
+};
+
+struct FieldName {
+  uint32_t key = 0;
+  const char* name = nullptr;
+  Meaning meaning = Meaning::plain;
+};
+
+/// Null when the field is not known.
+[[nodiscard]] const FieldName* findField(Subject subject, uint32_t key);
+
+/// "add"; for one that is not known "command 0x3".
+[[nodiscard]] std::string commandName(Subject subject, uint32_t command);
+
+}  // namespace lumenctl
