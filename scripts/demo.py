@@ -19,10 +19,12 @@ from support.network import (LAN_ADDRESS, LAN_BRIDGE, WAN_ADDRESS, WAN_LINK, Net
                              exchange_udp, tcp_refused, udp_refused, wait_until)
 from support.netns import Namespace
 from support.router import CommandFailed, Router
+from support.subscriber import Subscriber
 
 TCP_PORT = 8080
 UDP_PORT = 27015
 UDP_SOURCE = 40001
+PORT_COUNT = "PortMappingNumberOfEntries"
 
 
 @contextlib.contextmanager
@@ -57,19 +59,29 @@ def demonstrate():
             router = undo.enter_context(Router(network))
         with step(f"lumenctl upnp setup --internal {LAN_BRIDGE} --external {WAN_LINK}"):
             router.set_up()
-        port_life(router, host, wan)
+        with Subscriber(network.lan[1].speak_to()) as subscriber:
+            with step("another LAN host subscribed to the gateway's events"):
+                subscriber.subscribe(network.lan[1].connection_events())
+                subscriber.event()
+            port_life(router, host, wan, subscriber)
         with step("ended the gateway and the platform"):
             expect(router.stop() == 0, "lumend failed at its end")
         expect(not router.kernel_map(), "the NAT table is still there")
 
 
-def port_life(router, host, wan):
+def port_life(router, host, wan, subscriber):
     with step("upnpc on the LAN host discovered the gateway"):
         found = host.upnpc("-s", discover=True)
         expect(f"ExternalIPAddress = {WAN_ADDRESS}" in found, found)
     with step(f"upnpc opened TCP port {TCP_PORT} and UDP port {UDP_PORT}"):
         host.upnpc("-a", host.address, "80", str(TCP_PORT), "tcp")
         host.upnpc("-a", host.address, str(UDP_PORT), str(UDP_PORT), "udp")
+    with step("the subscriber was told of both"):
+        events = []
+        while not events or events[-1].properties[PORT_COUNT] != "3":  # with the list's dummy
+            event = subscriber.event()
+            events += [event] if PORT_COUNT in event.properties else []
+    show("what the subscriber got first", events[0].raw.decode())
     udp = wan.udp(UDP_SOURCE, to=(WAN_ADDRESS, UDP_PORT))
     with step(f"bytes from the WAN host came through TCP {WAN_ADDRESS}:{TCP_PORT} and back"):
         exchange_tcp(wan, WAN_ADDRESS, TCP_PORT, host, 80)
