@@ -11,6 +11,7 @@ namespace {
 Options start(std::vector<std::string> arguments) {
   arguments.insert(arguments.begin(), "lumend");
   std::vector<char*> raw;
+  raw.reserve(arguments.size() + 1);
   for (std::string& argument : arguments) raw.push_back(argument.data());
   raw.push_back(nullptr);
   optind = 0;  // getopt starts afresh

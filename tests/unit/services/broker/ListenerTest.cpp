@@ -15,9 +15,11 @@ namespace lumen::test {
 namespace {
 
 class ListenerTest : public BrokerTest {
+ public:
+  ~ListenerTest() override { std::filesystem::remove_all(folder_); }
+
  protected:
   ListenerTest() { EXPECT_NE(mkdtemp(folder_.data()), nullptr); }
-  ~ListenerTest() override { std::filesystem::remove_all(folder_); }
 
   [[nodiscard]] std::string path() const { return folder_ + "/lumen.sock"; }
 
@@ -66,7 +68,9 @@ TEST_F(ListenerTest, AcceptsAllThatWait) {
   Listener listener(broker);
   ASSERT_EQ(listener.listen(path()), "");
   std::vector<Program> programs;
-  for (int i = 0; i < 20; ++i) programs.emplace_back(connectTo());
+  constexpr size_t many = 20;
+  programs.reserve(many);
+  for (size_t i = 0; i < many; ++i) programs.emplace_back(connectTo());
   settle(1);
   // The tests run as somebody who may connect or may not; each is told at once.
   const bool refused = programs[0].isDisconnected();

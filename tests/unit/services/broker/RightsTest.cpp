@@ -21,18 +21,18 @@ class RightsTest : public BrokerTest {
 TEST_F(RightsTest, RefuseAStrangerAtConnect) {
   struct Case {
     const char* who;
-    uid_t user;
     std::vector<gid_t> groups;
+    uid_t user;
     bool accepted;
   };
   const Case cases[] = {
-      {"root", 0, {0}, true},
-      {"a member of the group by its primary group", stranger, {administrators}, true},
-      {"a member of the group by another one", stranger, {100, 27, administrators}, true},
-      {"the user of a service", gatewayUser, {100}, true},
-      {"anyone else", stranger, {100, 27}, false},
-      {"anyone else in root's group", stranger, {0}, false},
-      {"anyone else in a service's group", stranger, {gatewayUser}, false},
+      {"root", {0}, 0, true},
+      {"a member of the group by its primary group", {administrators}, stranger, true},
+      {"a member of the group by another one", {100, 27, administrators}, stranger, true},
+      {"the user of a service", {100}, gatewayUser, true},
+      {"anyone else", {100, 27}, stranger, false},
+      {"anyone else in root's group", {0}, stranger, false},
+      {"anyone else in a service's group", {gatewayUser}, stranger, false},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.who);

@@ -11,9 +11,11 @@ namespace lumen {
 namespace {
 
 class IdentityTest : public testing::Test {
+ public:
+  ~IdentityTest() override { std::filesystem::remove_all(store_); }
+
  protected:
   IdentityTest() { EXPECT_NE(mkdtemp(store_.data()), nullptr); }
-  ~IdentityTest() override { std::filesystem::remove_all(store_); }
 
   static std::string read(Identity& identity) {
     return identity.handle(Caller{}, lm::cmd::get, {}).get_string(0x20000001);

@@ -145,9 +145,11 @@ TEST(ServiceFile, IsRefusedWithAReason) {
 }
 
 class ServiceFolderTest : public testing::Test {
+ public:
+  ~ServiceFolderTest() override { std::filesystem::remove_all(folder_); }
+
  protected:
   ServiceFolderTest() { EXPECT_NE(mkdtemp(folder_.data()), nullptr); }
-  ~ServiceFolderTest() override { std::filesystem::remove_all(folder_); }
 
   void put(const std::string& name, const std::string& text) {
     std::ofstream(folder_ + "/" + name) << text;

@@ -12,10 +12,10 @@ namespace {
 class EndSignalsTest : public testing::Test {
  public:
   void asked() { ++times_; }
+  ~EndSignalsTest() override { sigprocmask(SIG_SETMASK, &before_, nullptr); }
 
  protected:
   EndSignalsTest() { sigprocmask(SIG_SETMASK, nullptr, &before_); }
-  ~EndSignalsTest() override { sigprocmask(SIG_SETMASK, &before_, nullptr); }
 
   sigset_t before_ = {};
   int times_ = 0;

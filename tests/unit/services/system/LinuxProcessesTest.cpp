@@ -26,13 +26,15 @@ constexpr gid_t group = 54322;
 
 /// Starts real processes as another user, which takes root.
 class LinuxProcessesTest : public testing::Test, public Processes::Observer {
+ public:
+  ~LinuxProcessesTest() override { std::filesystem::remove_all(folder_); }
+
  protected:
   LinuxProcessesTest() {
     EXPECT_NE(mkdtemp(folder_.data()), nullptr);
     chmod(folder_.c_str(), 0755);
     processes.setObserver(*this);
   }
-  ~LinuxProcessesTest() override { std::filesystem::remove_all(folder_); }
 
   void SetUp() override { ASSERT_EQ(geteuid(), 0U) << "these tests must be run by root"; }
 

@@ -13,9 +13,11 @@ namespace lumen {
 namespace {
 
 class LockFileTest : public testing::Test {
+ public:
+  ~LockFileTest() override { std::filesystem::remove_all(folder_); }
+
  protected:
   LockFileTest() { EXPECT_NE(mkdtemp(folder_.data()), nullptr); }
-  ~LockFileTest() override { std::filesystem::remove_all(folder_); }
 
   [[nodiscard]] std::string path() const { return folder_ + "/lock"; }
 

@@ -21,13 +21,15 @@ namespace fs = std::filesystem;
 
 /// Everything happens in a child, whose view of the file system is its own.
 class PrivateRootTest : public testing::Test {
+ public:
+  ~PrivateRootTest() override { fs::remove_all(directory_); }
+
  protected:
   PrivateRootTest() {
     EXPECT_NE(mkdtemp(directory_.data()), nullptr);
     chmod(directory_.c_str(), 0755);
     std::ofstream(directory_ + "/here") << "yes";
   }
-  ~PrivateRootTest() override { fs::remove_all(directory_); }
 
   void SetUp() override { ASSERT_EQ(geteuid(), 0U) << "these tests must be run by root"; }
 

@@ -10,8 +10,6 @@
 #include <memory>
 #include <string>
 
-extern char** environ;
-
 int main(int, char** argv) {
   std::ifstream status("/proc/self/status");
   for (std::string line; std::getline(status, line);) std::cout << line << '\n';
