@@ -1,0 +1,142 @@
+"""What was changed on the router, and how it is taken back."""
+
+import time
+import unittest
+
+from support.network import LAN_BRIDGE, WAN_ADDRESS, WAN_LINK, SoapError, exchange_tcp
+from support.router import CommandFailed
+from support.router_case import RouterCase
+
+CONFIG_CHANGED = "upnp config changed"
+
+
+class HistoryTest(RouterCase):
+    def history(self):
+        """The texts, the newest first."""
+        return [change["text"] for change in self.router.ask("history")]
+
+    def settings(self):
+        return self.router.ask("upnp", "settings")
+
+    def interfaces(self):
+        return {i["interface"]: (i["role"], i["used"])
+                for i in self.router.ask("upnp", "interface", "list")}
+
+    def undo(self):
+        return self.router.lumenctl("undo")
+
+    def lists_dummy_rule(self):
+        """Whether a control point that asks for the first open port of none is given one."""
+        try:
+            self.lan[0].invoke("GetGenericPortMappingEntry", [("NewPortMappingIndex", "0")])
+            return True
+        except SoapError as error:
+            self.assertEqual(error.code, 713)
+            return False
+
+    def test_set_up_is_in_it_step_by_step(self):
+        self.assertEqual(self.history(), [CONFIG_CHANGED] + 2 * ["upnp interface added"])
+        for change in self.router.ask("history"):
+            self.assertEqual(change["service"], "upnp")
+            self.assertLess(abs(change["time"] - time.time()), 60)
+        lines = self.router.lumenctl("history").splitlines()
+        self.assertRegex(lines[0], r"^ID +WHEN +WHO +CHANGE$")
+        self.assertRegex(lines[1], r"^ *\d+  \d{4}-\d\d-\d\d \d\d:\d\d:\d\d  upnp +upnp config cha")
+
+    def test_a_change_of_the_settings_is_taken_back(self):
+        before = self.settings()
+        self.assertTrue(self.lists_dummy_rule())
+        self.router.lumenctl("upnp", "settings", "set", "show-dummy-rule=off",
+                             "allow-disable-external=off")
+        self.assertEqual(self.history()[0], CONFIG_CHANGED)
+        self.assertFalse(self.lists_dummy_rule())
+        self.assertEqual(self.undo(), f"undone: {CONFIG_CHANGED}\n")
+        self.assertEqual(self.settings(), before)
+        self.assertTrue(self.lists_dummy_rule())
+
+    def test_a_gateway_that_was_switched_off_serves_again(self):
+        self.router.lumenctl("upnp", "settings", "set", "enabled=off")
+        self.wait_until(lambda: self.router.gateway_pid() == 0, "the gateway has ended")
+        self.undo()
+        self.router.wait_until_controllable()
+        self.lan[0].open_port(8080, "TCP")
+        exchange_tcp(self.wan, WAN_ADDRESS, 8080, self.lan[0], 8080)
+
+    def test_a_changed_interface_serves_again(self):
+        before = self.interfaces()
+        self.router.lumenctl("upnp", "interface", "set", LAN_BRIDGE, "--disable")
+        self.assertEqual(self.history()[0], "upnp interface changed")
+        with self.assertRaises(OSError):
+            self.lan[0].connection_control()
+        self.assertEqual(self.undo(), "undone: upnp interface changed\n")
+        self.assertEqual(self.interfaces(), before)
+        self.router.wait_until_controllable()
+
+    def test_a_removed_interface_comes_back_as_it_was(self):
+        before = self.interfaces()
+        control = self.lan[0].connection_control()
+        self.router.lumenctl("upnp", "interface", "remove", WAN_LINK)
+        self.assertEqual(self.history()[0], "upnp interface removed")
+        self.assertIsNone(self.lan[0].connection_control())
+        self.undo()
+        self.assertEqual(self.interfaces(), before)
+        self.assertEqual(self.router.wait_until_controllable(), control)
+        self.lan[0].open_port(8080, "TCP")
+        exchange_tcp(self.wan, WAN_ADDRESS, 8080, self.lan[0], 8080)
+
+    def test_an_added_interface_goes_again(self):
+        self.router.lumenctl("upnp", "interface", "remove", WAN_LINK)
+        before = self.interfaces()
+        self.router.lumenctl("upnp", "interface", "add", WAN_LINK, "--role", "external")
+        self.assertEqual(self.history()[0], "upnp interface added")
+        self.router.wait_until_controllable()
+        self.undo()
+        self.assertEqual(self.interfaces(), before)
+        self.assertIsNone(self.lan[0].connection_control())
+
+    def test_undoing_an_undo_redoes(self):
+        self.router.lumenctl("upnp", "interface", "remove", WAN_LINK)
+        older = self.router.ask("history")[1:]
+        for used in (True, False, True, False):
+            self.undo()
+            self.assertEqual(WAN_LINK in self.interfaces(), used)
+            self.assertEqual(self.router.ask("history")[1:], older, "one change, not two")
+        self.undo()
+        self.router.wait_until_controllable()
+
+        changed = {**self.settings(), "show-dummy-rule": False}
+        self.router.lumenctl("upnp", "settings", "set", "show-dummy-rule=off")
+        self.undo()
+        self.assertNotEqual(self.settings(), changed)
+        self.undo()
+        self.assertEqual(self.settings(), changed)
+        self.assertFalse(self.lists_dummy_rule())
+
+    def test_it_outlives_lumend_however_that_ends(self):
+        before = self.settings()
+        for end in (self.router.stop, self.router.kill):
+            with self.subTest(end=end.__name__):
+                self.router.lumenctl("upnp", "settings", "set", "show-dummy-rule=off")
+                history = self.router.ask("history")
+                end()
+                self.router.start()
+                self.assertEqual(self.router.ask("history"), history)
+                self.undo()
+                self.assertEqual(self.settings(), before)
+                self.router.wait_until_controllable()
+                self.assertTrue(self.lists_dummy_rule())
+
+
+class FreshHistoryTest(RouterCase):
+    SET_UP = False
+
+    def test_there_is_nothing_to_undo(self):
+        self.assertEqual(self.router.lumenctl("history"), "Nothing was changed.\n")
+        with self.assertRaises(CommandFailed) as refused:
+            self.router.lumenctl("undo")
+        self.assertEqual(refused.exception.status, 1)
+        self.assertEqual(refused.exception.error, "lumenctl: there is nothing to undo")
+
+
+if __name__ == "__main__":
+    unittest.main()
