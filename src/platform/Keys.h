@@ -21,7 +21,8 @@ inline constexpr uint32_t records = 0xa8fe0002;   ///< message array: one page
 inline constexpr uint32_t cursor = 0x08fe0003;    ///< u32: last id of this page
 inline constexpr uint32_t dynamic = 0x00fe0007;   ///< bool: lives as long as its maker's connection
 inline constexpr uint32_t disabled = 0x00fe000a;  ///< bool
-inline constexpr uint32_t removed = 0x08fe0013;   ///< u32: non-zero in the record of a removed object
+inline constexpr uint32_t removed =
+    0x08fe0013;  ///< u32: non-zero in the record of a removed object
 }  // namespace key
 
 namespace cmd {
@@ -31,9 +32,9 @@ inline constexpr uint32_t setObject = 0xfe0003;
 inline constexpr uint32_t readAll = 0xfe0004;
 inline constexpr uint32_t addObject = 0xfe0005;
 inline constexpr uint32_t removeObject = 0xfe0006;
-inline constexpr uint32_t changed = 0xfe000b;  ///< notification
-inline constexpr uint32_t get = 0xfe000d;      ///< read a handler's settings
-inline constexpr uint32_t set = 0xfe000e;      ///< write a handler's settings
+inline constexpr uint32_t changed = 0xfe000b;          ///< notification
+inline constexpr uint32_t get = 0xfe000d;              ///< read a handler's settings
+inline constexpr uint32_t set = 0xfe000e;              ///< write a handler's settings
 inline constexpr uint32_t interfaceChanged = 0x10004;  ///< notification
 }  // namespace cmd
 
