@@ -59,10 +59,10 @@ DnsQuestion readQuestion(const std::string& datagram) {
   question.id = static_cast<uint16_t>(readBe16(datagram, 0));
   question.bytes = datagram.substr(headerSize);
   for (size_t place = 0; question.bytes[place] != '\0';) {
-    const auto length = static_cast<size_t>(question.bytes[place]);
+    const auto length = static_cast<unsigned char>(question.bytes[place]);
     if (place > 0) question.name += '.';
     question.name += question.bytes.substr(place + 1, length);
-    place += length + 1;
+    place += length + 1U;
   }
   std::ranges::transform(question.name, question.name.begin(),
                          [](char c) { return static_cast<char>(tolower(c)); });

@@ -128,9 +128,9 @@ TEST_F(ResolverTest, AnswersManyAtOnceEachInItsTime) {
 TEST_F(ResolverTest, ForgetsNobodyWhoAsksForTheSameName) {
   serverIsSilent();
   const uint32_t first = ask("player.lan");
-  std::vector<uint32_t> others;
-  for (int i = 0; i < 20; ++i) {
-    others.push_back(platform_.postRequest(0, Resolver::resolve, nameOf("player.lan")));
+  std::vector<uint32_t> others(20);
+  for (uint32_t& other : others) {
+    other = platform_.postRequest(0, Resolver::resolve, nameOf("player.lan"));
   }
   platform_.turn();
   EXPECT_EQ(questions(), 1U);
