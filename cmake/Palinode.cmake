@@ -29,8 +29,9 @@ target_compile_options(palinode_warnings INTERFACE
   -Wall -Wextra -Wconversion -Wsign-conversion -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual
   -Wold-style-cast -Werror)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
-  # Wrong about "text" + string when it optimises (GCC bugs 105651 and 105329).
-  target_compile_options(palinode_warnings INTERFACE -Wno-restrict -Wno-stringop-overflow)
+  # Wrong about "text" + string when it optimises (GCC bugs 105651, 105329).
+  target_compile_options(palinode_warnings INTERFACE -Wno-restrict -Wno-stringop-overflow
+                         -Wno-array-bounds)
 endif()
 target_compile_definitions(palinode_warnings INTERFACE PALINODE_VERSION="${PROJECT_VERSION}")
 if(CMAKE_BUILD_TYPE STREQUAL "Release")

@@ -8,11 +8,14 @@ instance with `nsenter --net=PATH`.
 
 import contextlib
 import ctypes
+import fcntl
 import os
 import signal
 import socket
+import struct
 import subprocess
 import threading
+import time
 
 CLONE_NEWNS = 0x00020000
 CLONE_NEWNET = 0x40000000
@@ -21,6 +24,8 @@ _MS_REC = 16384
 _MS_PRIVATE = 1 << 18
 _MNT_DETACH = 2
 _PR_SET_PDEATHSIG = 1
+_SIOCGIFFLAGS = 0x8913
+_IFF_RUNNING = 0x40
 
 _libc = ctypes.CDLL(None, use_errno=True)
 
@@ -114,6 +119,19 @@ class Namespace:
                 "peer", "name", other_name, "netns", other.path)
         self.ip("link", "set", name, "up")
         other.ip("link", "set", other_name, "up")
+        # Until the kernel has noticed both ends it drops what is sent.
+        for namespace, end in ((self, name), (other, other_name)):
+            limit = time.monotonic() + 5
+            while not namespace.is_running(end):
+                if time.monotonic() > limit:
+                    raise AssertionError(f"{end} does not come up")
+
+    def is_running(self, name):
+        """Whether the link is up and has a peer that is."""
+        with self.socket(socket.SOCK_DGRAM) as any_socket:
+            request = struct.pack("16s16x", name.encode())
+            flags = struct.unpack_from("H", fcntl.ioctl(any_socket, _SIOCGIFFLAGS, request), 16)[0]
+            return bool(flags & _IFF_RUNNING)
 
     def close(self):
         """Lets go of the namespace; it ends when no program and no socket is in it any more."""

@@ -6,6 +6,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sched.h>
+#include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -15,6 +16,7 @@
 #include <array>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 
 namespace {
@@ -62,6 +64,19 @@ void enterPrivateRoot() {
   check(chdir(workingDirectory.c_str()) == 0, "chdir");
 }
 
+/// Until the kernel has noticed that a new cable is plugged in at both ends it drops what is sent.
+void waitUntilRunning(const char* link) {
+  const lm::Fd any(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  ifreq request = {};
+  strncpy(request.ifr_name, link, sizeof request.ifr_name - 1);
+  for (int i = 0; i < 5000; ++i) {
+    check(ioctl(any.get(), SIOCGIFFLAGS, &request) == 0, link);
+    if ((request.ifr_flags & IFF_RUNNING) != 0) return;
+    poll(nullptr, 0, 1);
+  }
+  check(false, link);
+}
+
 sockaddr_in endpoint(const char* address, uint16_t port) {
   sockaddr_in result = {};
   result.sin_family = AF_INET;
@@ -87,6 +102,10 @@ PrivateRouter::PrivateRouter() {
         " && ip addr add 192.168.88.10/24 dev host0 && ip link set host0 up");
   check(setns(router.get(), CLONE_NEWNET) == 0, "setns");
   shell("ip link set lo up && ip addr add 192.168.88.1/24 dev lan0 && ip link set lan0 up");
+  waitUntilRunning("lan0");
+  check(setns(host_.get(), CLONE_NEWNET) == 0, "setns");
+  waitUntilRunning("host0");
+  check(setns(router.get(), CLONE_NEWNET) == 0, "setns");
 }
 
 void PrivateRouter::emptyStores() const {
