@@ -19,121 +19,121 @@ namespace lumenctl {
 namespace {
 
 struct CommandName {
-  uint32_t command = 0;
   const char* name = nullptr;
+  uint32_t command = 0;
 };
 
 constexpr CommandName everybodysCommands[] = {
-    {lm::cmd::list, "list"},        {lm::cmd::readObject, "read"},
-    {lm::cmd::setObject, "set"},    {lm::cmd::readAll, "read-all"},
-    {lm::cmd::addObject, "add"},    {lm::cmd::removeObject, "remove"},
-    {lm::cmd::changed, "changed"},  {lm::cmd::get, "get-settings"},
-    {lm::cmd::set, "set-settings"}, {lm::cmd::interfaceChanged, "interface-changed"},
+    {"list", lm::cmd::list},        {"read", lm::cmd::readObject},
+    {"set", lm::cmd::setObject},    {"read-all", lm::cmd::readAll},
+    {"add", lm::cmd::addObject},    {"remove", lm::cmd::removeObject},
+    {"changed", lm::cmd::changed},  {"get-settings", lm::cmd::get},
+    {"set-settings", lm::cmd::set}, {"interface-changed", lm::cmd::interfaceChanged},
 };
 
 constexpr FieldName everybodysFields[] = {
-    {lm::key::command, "command", Meaning::command},
-    {lm::key::objectId, "id"},
-    {lm::key::records, "records"},
-    {lm::key::cursor, "cursor"},
-    {lm::key::dynamic, "dynamic"},
-    {lm::key::disabled, "disabled"},
-    {lm::key::removed, "removed"},
+    {"command", lm::key::command, Meaning::command},
+    {"id", lm::key::objectId},
+    {"records", lm::key::records},
+    {"cursor", lm::key::cursor},
+    {"dynamic", lm::key::dynamic},
+    {"disabled", lm::key::disabled},
+    {"removed", lm::key::removed},
 };
 
 constexpr CommandName brokerCommands[] = {
-    {lumen::brokercmd::registerServices, "register"},
-    {lumen::brokercmd::unregisterServices, "unregister"},
-    {lumen::brokercmd::subscribe, "subscribe"},
-    {lumen::brokercmd::unsubscribe, "unsubscribe"},
-    {lumen::brokercmd::services, "services"},
-    {lumen::brokercmd::monitor, "monitor"},
+    {"register", lumen::brokercmd::registerServices},
+    {"unregister", lumen::brokercmd::unregisterServices},
+    {"subscribe", lumen::brokercmd::subscribe},
+    {"unsubscribe", lumen::brokercmd::unsubscribe},
+    {"services", lumen::brokercmd::services},
+    {"monitor", lumen::brokercmd::monitor},
 };
 
 // A request to the broker and a service in its list use different keys, but for one.
 constexpr FieldName brokerFields[] = {
-    {lumen::brokerkey::services, "services"},
-    {lumen::brokerkey::command, "command", Meaning::command},
-    {lumen::brokerkey::path, "path"},
-    {lumen::monitorkey::on, "on"},
-    {lumen::servicekey::number, "number"},
-    {lumen::servicekey::name, "name"},
-    {lumen::servicekey::state, "state"},
-    {lumen::servicekey::pid, "process"},
-    {lumen::servicekey::restarts, "restarts"},
-    {lumen::servicekey::nextStart, "starts-in-ms"},
+    {"services", lumen::brokerkey::services},
+    {"command", lumen::brokerkey::command, Meaning::command},
+    {"path", lumen::brokerkey::path},
+    {"on", lumen::monitorkey::on},
+    {"number", lumen::servicekey::number},
+    {"name", lumen::servicekey::name},
+    {"state", lumen::servicekey::state},
+    {"process", lumen::servicekey::pid},
+    {"restarts", lumen::servicekey::restarts},
+    {"starts-in-ms", lumen::servicekey::nextStart},
 };
 
-constexpr CommandName resolverCommands[] = {{resolvercmd::resolve, "resolve"}};
+constexpr CommandName resolverCommands[] = {{"resolve", resolvercmd::resolve}};
 
 constexpr FieldName resolverFields[] = {
-    {resolverkey::name, "name"},
-    {resolverkey::address, "address", Meaning::address},
+    {"name", resolverkey::name},
+    {"address", resolverkey::address, Meaning::address},
 };
 
 constexpr FieldName interfaceFields[] = {
-    {lumen::interfaces::key::hardwareType, "hardware-type"},
-    {lumen::interfaces::key::flags, "flags"},
-    {lumen::interfaces::key::index, "index"},
-    {lumen::interfaces::key::name, "name"},
-    {lumen::interfaces::key::displayName, "display-name"},
-    {lumen::interfaces::key::running, "running"},
-    {lumen::interfaces::key::role, "role"},
-    {lumen::interfaces::key::bytesReceived, "bytes-received"},
-    {lumen::interfaces::key::bytesSent, "bytes-sent"},
-    {lumen::interfaces::key::packetsReceived, "packets-received"},
-    {lumen::interfaces::key::packetsSent, "packets-sent"},
+    {"hardware-type", lumen::interfaces::key::hardwareType},
+    {"flags", lumen::interfaces::key::flags},
+    {"index", lumen::interfaces::key::index},
+    {"name", lumen::interfaces::key::name},
+    {"display-name", lumen::interfaces::key::displayName},
+    {"running", lumen::interfaces::key::running},
+    {"role", lumen::interfaces::key::role},
+    {"bytes-received", lumen::interfaces::key::bytesReceived},
+    {"bytes-sent", lumen::interfaces::key::bytesSent},
+    {"packets-received", lumen::interfaces::key::packetsReceived},
+    {"packets-sent", lumen::interfaces::key::packetsSent},
 };
 
 constexpr FieldName addressFields[] = {
-    {lumen::addresses::key::interface, "interface"},
-    {lumen::addresses::key::address, "address", Meaning::address},
+    {"interface", lumen::addresses::key::interface},
+    {"address", lumen::addresses::key::address, Meaning::address},
 };
 
 constexpr FieldName natFields[] = {
-    {lumen::nat::key::chain, "chain"},
-    {lumen::nat::key::matchAddress, "match-address"},
-    {lumen::nat::key::addressFirst, "address-first", Meaning::address},
-    {lumen::nat::key::addressLast, "address-last", Meaning::address},
-    {lumen::nat::key::matchPort, "match-port"},
-    {lumen::nat::key::portFirst, "port-first"},
-    {lumen::nat::key::portLast, "port-last"},
-    {lumen::nat::key::matchProtocol, "match-protocol"},
-    {lumen::nat::key::protocol, "protocol"},
-    {lumen::nat::key::action, "action"},
-    {lumen::nat::key::translateAddress, "translate-address"},
-    {lumen::nat::key::clientFirst, "client-first", Meaning::address},
-    {lumen::nat::key::clientLast, "client-last", Meaning::address},
-    {lumen::nat::key::translatePort, "translate-port"},
-    {lumen::nat::key::clientPortFirst, "client-port-first"},
-    {lumen::nat::key::clientPortLast, "client-port-last"},
-    {lumen::nat::key::owner, "owner"},
-    {lumen::nat::key::seconds, "seconds"},
-    {lumen::nat::key::connections, "connections"},
-    {lumen::nat::key::stale, "stale"},
-    {lumen::nat::key::closed, "closed"},
-    {lumen::nat::key::externalPorts, "external-ports"},
-    {lumen::nat::key::internalClients, "internal-clients"},
-    {lumen::nat::key::maxRules, "max-rules"},
-    {lumen::nat::key::maxRulesPerClient, "max-rules-per-client"},
-    {lumen::nat::key::reset, "reset"},
+    {"chain", lumen::nat::key::chain},
+    {"match-address", lumen::nat::key::matchAddress},
+    {"address-first", lumen::nat::key::addressFirst, Meaning::address},
+    {"address-last", lumen::nat::key::addressLast, Meaning::address},
+    {"match-port", lumen::nat::key::matchPort},
+    {"port-first", lumen::nat::key::portFirst},
+    {"port-last", lumen::nat::key::portLast},
+    {"match-protocol", lumen::nat::key::matchProtocol},
+    {"protocol", lumen::nat::key::protocol},
+    {"action", lumen::nat::key::action},
+    {"translate-address", lumen::nat::key::translateAddress},
+    {"client-first", lumen::nat::key::clientFirst, Meaning::address},
+    {"client-last", lumen::nat::key::clientLast, Meaning::address},
+    {"translate-port", lumen::nat::key::translatePort},
+    {"client-port-first", lumen::nat::key::clientPortFirst},
+    {"client-port-last", lumen::nat::key::clientPortLast},
+    {"owner", lumen::nat::key::owner},
+    {"seconds", lumen::nat::key::seconds},
+    {"connections", lumen::nat::key::connections},
+    {"stale", lumen::nat::key::stale},
+    {"closed", lumen::nat::key::closed},
+    {"external-ports", lumen::nat::key::externalPorts},
+    {"internal-clients", lumen::nat::key::internalClients},
+    {"max-rules", lumen::nat::key::maxRules},
+    {"max-rules-per-client", lumen::nat::key::maxRulesPerClient},
+    {"reset", lumen::nat::key::reset},
 };
 
 constexpr FieldName gatewayFields[] = {
-    {gatewaykey::interface, "interface"},
-    {gatewaykey::type, "type"},
-    {settingskey::enabled, "enabled"},
-    {settingskey::allowDisableExternal, "allow-disable-external"},
-    {settingskey::showDummyRule, "show-dummy-rule"},
+    {"interface", gatewaykey::interface},
+    {"type", gatewaykey::type},
+    {"enabled", settingskey::enabled},
+    {"allow-disable-external", settingskey::allowDisableExternal},
+    {"show-dummy-rule", settingskey::showDummyRule},
 };
 
-constexpr FieldName identityFields[] = {{identitykey::text, "identity"}};
+constexpr FieldName identityFields[] = {{"identity", identitykey::text}};
 
 constexpr FieldName historyFields[] = {
-    {lumen::history::key::text, "text"},
-    {lumen::history::key::undo, "undo", Meaning::undo},
-    {lumen::history::key::path, "path"},
-    {lumen::history::key::time, "time"},
+    {"text", lumen::history::key::text},
+    {"undo", lumen::history::key::undo, Meaning::undo},
+    {"path", lumen::history::key::path},
+    {"time", lumen::history::key::time},
 };
 
 struct Vocabulary {

@@ -27,8 +27,8 @@ enum class Meaning {
 };
 
 struct FieldName {
-  uint32_t key = 0;
   const char* name = nullptr;
+  uint32_t key = 0;
   Meaning meaning = Meaning::plain;
 };
 

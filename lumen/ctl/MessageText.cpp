@@ -127,7 +127,7 @@ std::string onOneLine(const nlohmann::ordered_json& fields) {
 }
 
 std::string quoted(const std::string& text) {
-  const std::string shown = printable(text);
+  std::string shown = printable(text);
   if (isOneWord(shown)) return shown;
   std::string result = "\"";
   for (const char c : shown) {

@@ -33,7 +33,8 @@ std::string Passed::line() const {
       localTimeOfDay(time) + " " + printable(from) + " -> " + printable(to) + ": " + kind;
   if (!command.empty()) result += (kind == "reply" || kind == "error" ? " to " : " ") + command;
   if (kind == "error") result += ": " + quoted(error);
-  if (!fields.empty()) result += " " + onOneLine(fields);
+  const std::string fields = onOneLine(decoded(message, subject));
+  if (!fields.empty()) result += " " + fields;
   if (cut) result += " (not shown whole)";
   return result;
 }
@@ -43,7 +44,7 @@ Json Passed::json() const {
       {"time", static_cast<double>(time) / 1000}, {"from", from}, {"to", to}, {"kind", kind}};
   if (!command.empty()) result["command"] = command;
   if (kind == "error") result["error"] = error;
-  result["fields"] = fields;
+  result["fields"] = decoded(message, subject);
   if (cut) result["cut"] = true;
   return result;
 }
@@ -75,16 +76,17 @@ std::string Monitor::nameOf(uint32_t number, uint32_t handler) const {
 Passed Monitor::read(const lm::message& shown, uint64_t time) {
   const uint32_t from = shown.get_u32(lumen::monitorkey::from);
   const uint32_t to = shown.get_u32(lumen::monitorkey::to);
-  const lm::message m = shown.get_message(lumen::monitorkey::message);
-  const uint32_t serial = m.get_u32(lm::key::serial);
-  const uint32_t command = m.get_u32(lm::key::command);
-
   Passed passed;
   passed.time = time;
+  passed.message = shown.get_message(lumen::monitorkey::message);
   passed.cut = shown.get_bool(lumen::monitorkey::cut);
   passed.from = nameOf(from);
   passed.to = nameOf(to);
-  Subject subject{from, 0};
+  const lm::message& m = passed.message;
+  const uint32_t serial = m.get_u32(lm::key::serial);
+  const uint32_t command = m.get_u32(lm::key::command);
+  Subject& subject = passed.subject;
+  subject.service = from;
   if (m.get_bool(lm::key::isReply)) {
     passed.kind = lm::isError(m) ? "error" : "reply";
     passed.error = lm::getError(m);
@@ -110,7 +112,6 @@ Passed Monitor::read(const lm::message& shown, uint64_t time) {
     if (underWay_.size() >= mostUnderWay) underWay_.clear();
     underWay_[{from, serial}] = {subject, command};
   }
-  passed.fields = decoded(m, subject);
   return passed;
 }
 

@@ -25,7 +25,8 @@ struct Passed {
   std::string to;
   std::string kind;     ///< "request", "reply", "error", "notification"; "message": not known
   std::string command;  ///< of a reply that of its request; empty: not known
-  Json fields;
+  Subject subject;      ///< what it is about
+  lm::message message;
   std::string error;  ///< the text of an error
   bool cut = false;   ///< it was too long or too deep to be shown whole
 };

@@ -1,8 +1,10 @@
 """What was changed on the router, and how it is taken back."""
 
+import socket
 import time
 import unittest
 
+from support import lm
 from support.network import LAN_BRIDGE, WAN_ADDRESS, WAN_LINK, SoapError, exchange_tcp
 from support.router import CommandFailed
 from support.router_case import RouterCase
@@ -21,6 +23,15 @@ class HistoryTest(RouterCase):
     def interfaces(self):
         return {i["interface"]: (i["role"], i["used"])
                 for i in self.router.ask("upnp", "interface", "list")}
+
+    def objects(self):
+        """The records of the gateway's interfaces, numbers and all."""
+        with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as sock:
+            sock.settimeout(10)
+            sock.connect(str(self.router.root / "run" / "lumen.sock"))
+            sock.send(lm.encode(lm.Message({lm.DESTINATION: [40, 0], lm.SERIAL: 1,
+                                            lm.COMMAND: lm.CMD_READ_ALL})))
+            return lm.decode(sock.recv(lm.MAX_DATAGRAM))[lm.RECORDS]
 
     def undo(self):
         return self.router.lumenctl("undo")
@@ -83,6 +94,16 @@ class HistoryTest(RouterCase):
         self.assertEqual(self.router.wait_until_controllable(), control)
         self.lan[0].open_port(8080, "TCP")
         exchange_tcp(self.wan, WAN_ADDRESS, 8080, self.lan[0], 8080)
+
+    def test_a_removed_interface_comes_back_under_its_number(self):
+        before = self.objects()
+        self.router.lumenctl("upnp", "interface", "remove", LAN_BRIDGE)
+        self.router.lumenctl("upnp", "interface", "remove", WAN_LINK)
+        self.undo()
+        # Not under the lowest free one, which its neighbour had.
+        self.assertEqual(self.objects(), before[1:])
+        self.undo()
+        self.assertEqual(self.objects(), [])
 
     def test_an_added_interface_goes_again(self):
         self.router.lumenctl("upnp", "interface", "remove", WAN_LINK)

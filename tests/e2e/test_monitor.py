@@ -96,36 +96,40 @@ class MonitorTest(RouterCase):
         self.assertEqual(self.ended(process),
                          (1, "lumenctl: the platform has ended the connection\n"))
 
+    def popen(self, stdout):
+        """A monitor that prints to `stdout`, until the end of the test."""
+        process = subprocess.Popen(self.command(), stdin=subprocess.DEVNULL, stdout=stdout,
+                                   stderr=subprocess.PIPE)
+        self.addCleanup(process.stderr.close)
+        self.addCleanup(process.wait)
+        self.addCleanup(process.kill)
+        return process
+
     def test_it_ends_when_nobody_reads_it(self):
-        with subprocess.Popen(self.command(), stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                              stderr=subprocess.PIPE) as process:
-            self.addCleanup(process.kill)
+        process = self.popen(subprocess.PIPE)
 
-            def shows():
-                self.router.lumenctl("identity")
-                return select.select([process.stdout], [], [], 0)[0]
+        def shows():
+            self.router.lumenctl("identity")
+            return select.select([process.stdout], [], [], 0)[0]
 
-            self.wait_until(shows, "something is shown")
-            self.assertIn(b" -> ", process.stdout.readline())
-            process.stdout.close()
-            # Nothing else passes: it sees that by itself.
-            self.assertIn(process.wait(timeout=10), (0, -signal.SIGPIPE))
-            self.assertEqual(process.stderr.read(), b"")
+        self.wait_until(shows, "something is shown")
+        self.assertIn(b" -> ", process.stdout.readline())
+        process.stdout.close()
+        # Nothing else passes: it sees that by itself.
+        self.assertIn(process.wait(timeout=10), (0, -signal.SIGPIPE))
+        self.assertEqual(process.stderr.read(), b"")
 
     def test_it_says_that_its_lines_cannot_be_written(self):
         with open("/dev/full", "wb") as full:
-            with subprocess.Popen(self.command(), stdin=subprocess.DEVNULL, stdout=full,
-                                  stderr=subprocess.PIPE) as process:
-                self.addCleanup(process.kill)
+            process = self.popen(full)
 
-                def ended():
-                    self.router.lumenctl("identity")
-                    return process.poll() is not None
+        def ended():
+            self.router.lumenctl("identity")
+            return process.poll() is not None
 
-                self.wait_until(ended, "it has something to write")
-                self.assertEqual(process.returncode, 1)
-                self.assertEqual(process.stderr.read(),
-                                 b"lumenctl: standard output cannot be written\n")
+        self.wait_until(ended, "it has something to write")
+        self.assertEqual(process.returncode, 1)
+        self.assertEqual(process.stderr.read(), b"lumenctl: standard output cannot be written\n")
 
 
 if __name__ == "__main__":

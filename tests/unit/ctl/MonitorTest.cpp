@@ -230,7 +230,7 @@ TEST_F(Monitoring, IsNotHeldUpByAMessageOfManyFields) {
   router.passes(gateway, everybody, notification({gateway, 0}, lm::cmd::changed, fields));
   const std::clock_t start = std::clock();
   EXPECT_EQ(lines().size(), 1U);
-  EXPECT_LT(std::clock() - start, 2 * CLOCKS_PER_SEC);
+  EXPECT_LT(std::clock() - start, 5 * CLOCKS_PER_SEC);
 }
 
 TEST(MonitorOf, RequestsThatAreNeverAnsweredDoesNotGrow) {
