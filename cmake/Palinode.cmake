@@ -31,7 +31,7 @@ target_compile_options(palinode_warnings INTERFACE
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
   # Wrong about "text" + string when it optimises (GCC bugs 105651, 105329).
   target_compile_options(palinode_warnings INTERFACE -Wno-restrict -Wno-stringop-overflow
-                         -Wno-array-bounds)
+                         -Wno-stringop-overread -Wno-array-bounds)
 endif()
 target_compile_definitions(palinode_warnings INTERFACE PALINODE_VERSION="${PROJECT_VERSION}")
 if(CMAKE_BUILD_TYPE STREQUAL "Release")
