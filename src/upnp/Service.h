@@ -42,9 +42,9 @@ class Service {
   /// Ends every subscription without a word.
   void flushSubscriptions();
   /// The subscription's time is over.
-  void expireSubscription(std::string sid);
+  void expireSubscription(const std::string& sid);
   /// Lets the deliveries to this subscription go on that waited for their turn.
-  void resumeEvents(std::string sid);
+  void resumeEvents(const std::string& sid);
 
   /// Sets the value of a variable, and drops its getter. An unknown name is ignored. When an
   /// evented variable has changed, a delivery to each subscriber is started at once.
@@ -96,7 +96,7 @@ class Service {
   [[nodiscard]] HTTPMessage renewSubscription(const HTTPMessage& request, uint32_t granted);
   /// Grants the time, in seconds, and tells so.
   [[nodiscard]] static HTTPMessage confirm(Subscription& subscription, uint32_t granted);
-  void removeSubscription(std::string sid);
+  void removeSubscription(const std::string& sid);
 
   /// Starts a delivery; returns its socket, or -1 when it failed at once. An empty name means every
   /// evented variable.

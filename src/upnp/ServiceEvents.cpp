@@ -143,7 +143,7 @@ HTTPMessage Service::unsubscribe(const HTTPMessage& request) {
   return HTTPMessage(HTTP_OK);
 }
 
-void Service::expireSubscription(std::string sid) {
+void Service::expireSubscription(const std::string& sid) {
   logLine("subscription timeout: ", sid);
   removeSubscription(sid);
 }
@@ -152,10 +152,10 @@ void Service::flushSubscriptions() {
   while (!subscriptions.empty()) removeSubscription(subscriptions.begin()->first);
 }
 
-void Service::removeSubscription(std::string sid) {
-  subscriptions.erase(sid);
+void Service::removeSubscription(const std::string& sid) {
+  const auto removed = subscriptions.extract(sid);  // `sid` may be its own
   // Those that wait for their turn find out that it will not come.
-  resumeEvents(std::move(sid));
+  resumeEvents(sid);
 }
 
 void Service::sendInitialEvent(Subscription& subscription) {
@@ -228,7 +228,7 @@ void Service::initialEventEnded(Subscription& subscription) {
   resumeEvents(subscription.sid);
 }
 
-void Service::resumeEvents(std::string sid) {
+void Service::resumeEvents(const std::string& sid) {
   std::map<uint64_t, int> waiting;  // in the order of their start
   for (const auto& [fd, event] : events) {
     if (event->waiting && event->sid == sid) waiting[event->serial] = fd;
