@@ -43,6 +43,10 @@ if(PALINODE_SANITIZE)
   add_compile_options(-fsanitize=address,undefined -fno-sanitize=vptr -fno-sanitize-recover=all
                       -fno-omit-frame-pointer)
   add_link_options(-fsanitize=address,undefined)
+  if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+    # What libFuzzer steers by; without a fuzzer in the program it does nothing.
+    add_compile_options(-fsanitize=fuzzer-no-link)
+  endif()
 endif()
 
 if(PALINODE_TIDY)
