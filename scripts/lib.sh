@@ -14,7 +14,8 @@ build_packages=(
 # What the demonstration needs besides: hosts in namespaces and a client that is not ours.
 run_packages=(python3 iproute2 nftables miniupnpc procps)
 # What the tests need besides.
-test_packages=("${run_packages[@]}" libgtest-dev libseccomp-dev clang-format nmap
+test_packages=("${run_packages[@]}" libgtest-dev libseccomp-dev clang libclang-rt-dev
+  clang-format nmap
   gir1.2-gupnp-1.6 python3-gi libupnp13)
 
 fail() {
