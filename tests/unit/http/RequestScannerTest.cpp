@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <ctime>
 #include <random>
 
@@ -42,6 +43,13 @@ double timeByteByByte(const std::string& text, bool& complete) {
     complete = scanner.complete(buffer);
   }
   return cpuMilliseconds() - start;
+}
+
+/// The best of some runs: what else the machine does takes from the caches.
+double fastest(const std::string& text, bool& complete) {
+  double best = timeByteByByte(text, complete);
+  for (int run = 1; run < 5; ++run) best = std::min(best, timeByteByByte(text, complete));
+  return best;
 }
 
 const std::vector<std::string> requests = {
@@ -107,10 +115,8 @@ TEST(RequestScanner, CompletesOnlyWhenAReadEndsWithTheBody) {
 }
 
 TEST(RequestScanner, TakesTimeInProportionToTheBytes) {
-  // A few milliseconds in a release build; the limit leaves room for the sanitizers.
-  constexpr double limit = 20;
-  constexpr size_t size = 64UL * 1024;
-  const std::string head = "POST / HTTP/1.1\r\nContent-Length: 65000\r\n\r\n";
+  constexpr size_t size = 128UL * 1024;
+  const std::string head = "POST / HTTP/1.1\r\nContent-Length: 131072\r\n\r\n";
   std::string manyLines = "GET / HTTP/1.1\r\n";
   while (manyLines.size() < size) manyLines += "a:b\r\n";
   const struct {
@@ -118,7 +124,7 @@ TEST(RequestScanner, TakesTimeInProportionToTheBytes) {
     bool completes;
     const char* what;
   } cases[] = {
-      {head + std::string(65000, 'x'), true, "a large body"},
+      {head + std::string(size, 'x'), true, "a large body"},
       {std::string(size, 'x'), false, "a start line that never ends"},
       {"GET / HTTP/1.1\r\na:" + std::string(size, 'x'), false, "a field that never ends"},
       {manyLines, false, "fields that never end"},
@@ -126,7 +132,9 @@ TEST(RequestScanner, TakesTimeInProportionToTheBytes) {
   };
   for (const auto& [text, completes, what] : cases) {
     bool complete = false;
-    EXPECT_LT(timeByteByByte(text, complete), limit) << what;
+    // The eighth part takes an eighth of the time; were the bytes looked at again, a sixty-fourth.
+    const double part = fastest(text.substr(0, text.size() / 8), complete);
+    EXPECT_LT(fastest(text, complete), part * 16) << what;
     EXPECT_EQ(complete, completes) << what;
   }
 }
