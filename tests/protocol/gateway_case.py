@@ -72,12 +72,12 @@ def undated(data):
 class Daemon:
     """A running palinode-igd and what it has logged."""
 
-    def __init__(self, namespace, folder):
+    def __init__(self, namespace, folder, host_name=None):
         self._lines = []
         self._changed = threading.Condition()
         self._ended = False
         self._process = namespace.popen(os.path.join(BIN, "palinode-igd"),
-                                        private={"/lumen": folder},
+                                        private={"/lumen": folder}, host_name=host_name,
                                         stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
         self._reader = threading.Thread(target=self._read)
         self._reader.start()
@@ -146,6 +146,7 @@ class GatewayCase(unittest.TestCase):
     in order when it is told to, which is also when the sanitizers speak."""
 
     maxDiff = None
+    host_name = "ap"
 
     def setUp(self):
         self.router = self.make_namespace()
@@ -188,7 +189,7 @@ class GatewayCase(unittest.TestCase):
     def start_daemon(self):
         """Starts a daemon on the store as it is, and waits until it is connected."""
         registrations = len([r for r in self.platform.requests((0,), lm.BROKER_REGISTER)])
-        self.daemon = Daemon(self.router, self.folder)
+        self.daemon = Daemon(self.router, self.folder, self.host_name)
         self._mark = 0
         self.addCleanup(self._end, self.daemon)
         self.platform.wait_for_connection(registrations + 1)

@@ -1,6 +1,5 @@
 """What subscribers are told: NOTIFY byte for byte, in which order, and to how many."""
 
-import os
 import time
 
 from event_case import CONNECTION, INITIAL, LINK, OS_INFO, EventCase, notify
@@ -25,9 +24,8 @@ class Contents(EventCase):
         subscriber = self.subscriber(path="/system")
         subscriber.subscribe(OS_INFO)
         self.assertEqual(subscriber.event().raw,
-                         notify(subscriber, 0, OSBuildNumber="1234",
-                                OSMachineName=os.uname().nodename, OSMajorVersion="2",
-                                OSMinorVersion="9"))
+                         notify(subscriber, 0, OSBuildNumber="1234", OSMachineName="ap",
+                                OSMajorVersion="2", OSMinorVersion="9"))
 
     def test_a_subscriber_is_told_of_a_new_address(self):
         subscriber = self.informed()
@@ -84,6 +82,17 @@ class Contents(EventCase):
         self.change_address("45.45.45.9")
         subscriber.event()
         self.assertFalse(any(other.is_called() for other in others))
+
+
+class LongHostName(EventCase):
+    host_name = "router"
+
+    def test_a_host_name_of_six_letters_is_left_out(self):
+        subscriber = self.subscriber()
+        subscriber.subscribe(OS_INFO)
+        self.assertEqual(subscriber.event().raw,
+                         notify(subscriber, 0, OSBuildNumber="1234", OSMachineName="",
+                                OSMajorVersion="2", OSMinorVersion="9"))
 
 
 class Order(EventCase):

@@ -18,6 +18,7 @@ import threading
 import time
 
 CLONE_NEWNS = 0x00020000
+CLONE_NEWUTS = 0x04000000
 CLONE_NEWNET = 0x40000000
 _MS_BIND = 4096
 _MS_REC = 16384
@@ -80,11 +81,12 @@ class Namespace:
         with self.entered():
             return socket.socket(family, kind)
 
-    def popen(self, *command, private=None, **options):
+    def popen(self, *command, private=None, host_name=None, **options):
         """Starts a program in the namespace; it is killed when the calling thread ends.
 
         `private` maps absolute paths of one component ("/lumen") to folders that the program finds
-        there instead; nothing outside of it changes.
+        there instead, and `host_name` is what the host is called there; nothing outside of it
+        changes.
         """
 
         def enter():
@@ -92,6 +94,9 @@ class Namespace:
             _check(_libc.setns(self._fd, CLONE_NEWNET), "setns")
             if private:
                 _enter_private_root(private)
+            if host_name is not None:
+                _check(_libc.unshare(CLONE_NEWUTS), "unshare")
+                socket.sethostname(host_name)
 
         return subprocess.Popen(list(command), preexec_fn=enter, **options)
 
