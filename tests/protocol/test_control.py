@@ -1,7 +1,7 @@
 """SOAP: replies and faults byte for byte, and what a port mapping asks of the platform."""
 
-from gateway_case import HOST, SERVER, WAN, GatewayCase, undated
-from scripted_platform import INTERFACES, NAT_RULES, error
+from gateway_case import EXTERNAL, HOST, SERVER, WAN, GatewayCase, undated
+from scripted_platform import INTERFACES, NAT_RULES, error, interface
 from support import lm
 from support.lan import soap_envelope
 
@@ -195,6 +195,12 @@ class PortMappings(ControlCase):
         self.assertEqual(self.rules(lm.CMD_REMOVE),
                          [(lm.CMD_REMOVE, [(0x08FE0001, id)]) for id in (102, 103, 101)])
 
+    def test_a_wan_that_starts_again_has_no_mappings(self):
+        self.open_port()
+        self.platform.request(lm.CMD_REMOVE, {lm.OBJECT_ID: 2})
+        self.add_object(WAN, EXTERNAL)
+        self.assertEqual(self.entry(1), fault(713, "SpecifiedArrayIndexInvalid"))
+
     def test_a_cleanup_that_fails_goes_on(self):
         self.open_port(port="8080")
         self.open_port(port="8081")
@@ -263,6 +269,12 @@ class Connection(ControlCase):
                                 ("NewLayer1DownstreamMaxBitRate", "10000000"),
                                 ("NewPhysicalLinkStatus", "Up"), service=LINK))
 
+    def test_the_link_stays_described_as_it_was_at_its_start(self):
+        before = self.invoke("GetCommonLinkProperties", (), LINK_CONTROL, LINK)
+        self.notify_interface(interface(WAN, "wan0", kind=512))
+        self.notify_states(interface(WAN, "wan0", running=False))
+        self.assertEqual(self.invoke("GetCommonLinkProperties", (), LINK_CONTROL, LINK), before)
+
     def test_a_variable_is_queried(self):
         def query(name, url="/upnp/control/osinfo"):
             body = soap_envelope("QueryStateVariable", [("varName", name)],
@@ -275,6 +287,8 @@ class Connection(ControlCase):
       <return>1234</return>\r
     </u:QueryStateVariableResponse>\r
 """))
+        for name in ("OSMajorVersion", "OSMinorVersion", "OSMachineName"):
+            self.assertIn(b"<return>", query(name))
         self.assertEqual(query("NoSuchThing"), fault(404, "Invalid Var"))
         self.assertEqual(query("RemoteHost", CONTROL), fault(404, "Invalid Var"))
 

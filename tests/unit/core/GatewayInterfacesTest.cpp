@@ -1,6 +1,7 @@
 // Start and stop of an interface, on the LAN side and on the WAN side.
 
 #include <algorithm>
+#include <filesystem>
 
 #include "core/GatewayFixture.h"
 #include "platform/Keys.h"
@@ -59,6 +60,20 @@ TEST_F(GatewayInterfaces, ANewStartCountsFromItsOwnTime) {
   EXPECT_EQ(announced(), Lines{});
   platform.advance(350000);
   EXPECT_EQ(announced(), marked("ssdp:alive", allTargets(wan)));
+}
+
+TEST_F(GatewayInterfaces, ALanSideHasTwoSocketsUntilItStops) {
+  const auto openDescriptors = [] {
+    const std::filesystem::directory_iterator descriptors("/proc/self/fd");
+    return std::distance(begin(descriptors), end(descriptors));
+  };
+  start();
+  enable();
+  const auto before = openDescriptors();
+  addObject(lan, internal);
+  EXPECT_EQ(openDescriptors(), before + 2);
+  removeObject(1);
+  EXPECT_EQ(openDescriptors(), before);
 }
 
 TEST_F(GatewayInterfaces, SocketsThatCannotBeOpenedAreMissing) {

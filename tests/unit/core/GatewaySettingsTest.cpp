@@ -232,6 +232,21 @@ TEST_F(GatewaySettings, DisablingStopsEverythingUnsubscribesAndLeaves) {
   EXPECT_EQ(log(), Lines{"exit"});
 }
 
+TEST_F(GatewaySettings, DisablingEndsTheSubscriptionsOfTheSystem) {
+  serve();
+  const std::string host = "HOST: 192.168.88.1:2828\r\n";
+  const std::string reply =
+      exchange("SUBSCRIBE /upnp/event/osinfo HTTP/1.1\r\n" + host +
+               "NT: upnp:event\r\nCALLBACK: <http://192.168.88.10:5000/>\r\n\r\n");
+  const size_t sid = reply.find("SID: ");
+  ASSERT_NE(sid, std::string::npos) << reply;
+  const std::string fields = host + reply.substr(sid, reply.find('\n', sid) + 1 - sid);
+  EXPECT_EQ(status("SUBSCRIBE /upnp/event/osinfo", fields), "HTTP/1.1 200 OK");
+  disable();
+  enable();
+  EXPECT_EQ(status("SUBSCRIBE /upnp/event/osinfo", fields), "HTTP/1.1 412 Precondition Failed");
+}
+
 TEST_F(GatewaySettings, CanBeSwitchedOffAndOnBeforeItLeaves) {
   serve();
   disable();

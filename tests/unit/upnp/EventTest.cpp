@@ -1,12 +1,17 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
 #include <seccomp.h>
 #include <sys/socket.h>
 
 #include <cerrno>
 #include <chrono>
+#include <map>
 #include <string>
+#include <vector>
 
+#include "http/Text.h"
 #include "support/RefusedCall.h"
 #include "upnp/Event.h"
 #include "upnp/EventedLamp.h"
@@ -146,6 +151,36 @@ TEST_F(Events, ReachEverySubscriber) {
   EXPECT_EQ(other.notify().body, setOf("Colour", "blue"));
 }
 
+TEST_F(Events, AreStartedInTheOrderOfTheSids) {
+  // One listener on all addresses: it takes connections in the order in which they are made.
+  const lm::test::TcpListener listener(128, "0.0.0.0");
+  std::map<std::string, std::string> addresses;  // by SID
+  for (int i = 1; i <= 20; ++i) {
+    const std::string address = "127.0.2." + std::to_string(i);
+    HTTPMessage request;
+    request.addField("NT", "upnp:event");
+    request.addField("CALLBACK",
+                     "<http://" + address + ":" + std::to_string(listener.port) + "/e>");
+    addresses[lamp->subscribe(request).getField("SID")] = address;
+  }
+  const auto takeAll = [&listener] {
+    std::vector<std::string> taken;
+    while (true) {
+      const lm::Fd fd(accept4(listener.fd.get(), nullptr, nullptr, SOCK_CLOEXEC));
+      if (!fd.valid()) return taken;
+      sockaddr_in called = {};
+      socklen_t length = sizeof called;
+      getsockname(fd.get(), reinterpret_cast<sockaddr*>(&called), &length);
+      taken.push_back(iptostr(called.sin_addr.s_addr));
+    }
+  };
+  EXPECT_EQ(takeAll().size(), 20U);  // the initial ones
+  lamp->setVar("Colour", "blue");
+  std::vector<std::string> inOrder;
+  for (const auto& [sid, address] : addresses) inOrder.push_back(address);
+  EXPECT_EQ(takeAll(), inOrder);
+}
+
 TEST_F(Events, EndWithTheSubscribersReply) {
   Subscriber subscriber(platform);
   subscribe(subscriber);
@@ -192,6 +227,22 @@ TEST_F(Events, AreGivenUpWhenNobodyAnswersForThirtySeconds) {
   EXPECT_TRUE(subscriber.closedByService());
   lamp->setVar("Colour", "blue");
   EXPECT_EQ(subscriber.notify().getField("SEQ"), "1");
+}
+
+TEST_F(Events, AreGivenUpWhenTheConnectionIsNotMadeInThirtySeconds) {
+  const lm::test::TcpListener full(0);  // its queue holds one client
+  const lm::Fd client = full.connect();
+  ASSERT_TRUE(lm::test::waitFor(client.get(), POLLOUT));
+  HTTPMessage request;
+  request.addField("NT", "upnp:event");
+  request.addField("CALLBACK", "<http://127.0.0.1:" + std::to_string(full.port) + "/e>");
+  const std::string sid = lamp->subscribe(request).getField("SID");
+  platform.advance(30 * second - 1);
+  EXPECT_EQ(linesOf("notify timeout"), 0);
+  platform.advance(1);
+  EXPECT_EQ(linesOf("notify timeout"), 1);
+  EXPECT_EQ(linesOf("notify: Colour = 'red'"), 0) << "nothing was written";
+  EXPECT_EQ(renew(sid).startLine, "HTTP/1.1 200 OK");
 }
 
 TEST_F(Events, ReportASubscriberThatClosesUnansweredAgainAndAgainUntilTheirTimeIsOver) {
@@ -289,6 +340,14 @@ TEST_F(Events, OfAVariableThatLostItsValueAreDropped) {
   lamp->setVar("Colour", "blue");
   ASSERT_TRUE(subscriber.accept());  // the dropped one
   EXPECT_EQ(subscriber.notify().getField("SEQ"), "1");
+}
+
+TEST_F(Events, OfAVariableThatIsNoLongerEventedAreSentAllTheSame) {
+  Subscriber subscriber(platform);
+  subscribeAndHear(subscriber);
+  lamp->setVar("Brightness", "10");
+  lamp->brightness->evented = false;
+  EXPECT_EQ(subscriber.notifyAndAnswer().body, setOf("Brightness", "10"));
 }
 
 TEST_F(Events, ToASubscriberThatDoesNotReadStallTheLoopForAMomentOnly) {

@@ -129,6 +129,10 @@ TEST_F(Subscriptions, HoldOnePerAddressWhateverThePortAndPath) {
   const Subscriber otherPort(platform);
   const std::string sid = subscribe(subscriber);
   EXPECT_EQ(lamp->subscribe(otherPort.subscribeRequest()).get(), refused412);
+  EXPECT_EQ(linesOf("callback addr: 127.0.0.1, port: " + std::to_string(otherPort.listener.port) +
+                    ", path: /event"),
+            1);
+  EXPECT_EQ(linesOf("subscribe: urn:schemas-example:service:Lamp:1"), 1);
   EXPECT_EQ(unsubscribe(sid).get(), "HTTP/1.1 200 OK\r\n\r\n");
   EXPECT_NE(subscribe(otherPort), "");
 }
@@ -142,6 +146,8 @@ TEST_F(Subscriptions, AreAtMostAHundred) {
   for (int i = 0; i < 100; ++i) ASSERT_NE(subscribe(*subscribers[static_cast<size_t>(i)]), "") << i;
   const HTTPMessage late = lamp->subscribe(subscribers[100]->subscribeRequest());
   EXPECT_EQ(late.get(), "HTTP/1.1 500 Internal Server Error\r\n\r\n");
+  EXPECT_EQ(linesOf("subscribe: urn:schemas-example:service:Lamp:1"), 100);
+  EXPECT_TRUE(log.text().find("callback addr: 127.0.1.101, ") != std::string::npos);
 }
 
 TEST_F(Subscriptions, AreRenewedUnderTheSameSidWithoutAnEvent) {
