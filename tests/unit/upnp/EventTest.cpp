@@ -352,11 +352,9 @@ TEST_F(Events, OfAVariableThatIsNoLongerEventedAreSentAllTheSame) {
 
 TEST_F(Events, ToASubscriberThatDoesNotReadStallTheLoopForAMomentOnly) {
   Subscriber subscriber(platform);
-  const int small = 65536;
-  ASSERT_EQ(setsockopt(subscriber.listener.fd.get(), SOL_SOCKET, SO_RCVBUF, &small, sizeof small),
-            0);
-  // More than that and the 4 MiB that a sending socket's buffer grows to.
-  lamp->setVar("Colour", std::string(8UL << 20, 'x'));
+  const int smallest = 1;
+  setsockopt(subscriber.listener.fd.get(), SOL_SOCKET, SO_RCVBUF, &smallest, sizeof smallest);
+  lamp->setVar("Colour", std::string(12UL << 20, 'x'));  // more than the send buffer takes
   subscribe(subscriber);
   ASSERT_TRUE(subscriber.accept());
   const auto before = std::chrono::steady_clock::now();
@@ -364,7 +362,7 @@ TEST_F(Events, ToASubscriberThatDoesNotReadStallTheLoopForAMomentOnly) {
   const auto took = std::chrono::steady_clock::now() - before;
   EXPECT_EQ(linesOf("write failed"), 1);
   EXPECT_GE(took, std::chrono::milliseconds(90));
-  EXPECT_LT(took, std::chrono::seconds(10));  // most of it is the making of the text
+  EXPECT_LT(took, std::chrono::seconds(30));  // most of it is the making of the text
 }
 
 TEST_F(Events, InFlightEndWithTheirService) {
