@@ -6,7 +6,7 @@ import socket
 import time
 
 from gateway_case import BASE, GATEWAY, HOST, SERVER, WAN, GatewayCase, undated
-from scripted_platform import interface
+from scripted_platform import address, interface
 from support import lm
 from support.lan import Text, read_to_end
 
@@ -145,6 +145,17 @@ class Documents(GatewayCase):
         for name in ("wanipconn", "wancommonifc"):
             self.assertEqual(self.exchange(f"GET /{name}-3.xml HTTP/1.1\r\n\r\n"),
                              self.exchange(f"GET /{name}-7.xml HTTP/1.1\r\n\r\n"))
+
+    def test_each_lan_gets_its_own_address(self):
+        other = self.join_lan("lan1", "192.168.99.1", "192.168.99.10")
+        self.platform.interfaces[7] = interface(7, "lan1", self.index("lan1"))
+        self.platform.addresses[17] = address(17, 7, "192.168.99.1")
+        self.serve(wan=False)
+        self.add_object(7, 2)
+        for lan in (self.lan, other, self.lan):
+            content = description().replace(GATEWAY.encode(), lan.gateway.encode())
+            self.assertEqual(undated(lan.exchange(b"GET /gateway.xml HTTP/1.1\r\n\r\n")),
+                             document(content))
 
     def test_a_request_that_names_a_language_is_told_ours(self):
         self.serve()

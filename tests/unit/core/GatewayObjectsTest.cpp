@@ -61,10 +61,11 @@ TEST_F(GatewayObjects, ADisabledObjectStartsNothing) {
   addObject(lan, internal, true);
   addObject(wan, external, true);
   EXPECT_EQ(log(), Lines{});
-  // The type is not on the device either: a switch off and on starts nothing.
+  // The type is not on the device either: an address that moves starts nothing.
+  tellAddresses({addressRecord(lanAddress, lan, "192.168.88.9")});
+  EXPECT_EQ(log(), (Lines{"dev: 2 set address: 192.168.88.9 (11)", "dev: 2 ip: 192.168.88.9"}));
   disable();
-  (void)log();
-  EXPECT_EQ(log(), Lines{});
+  EXPECT_EQ(log(), Lines{"disable"});
 }
 
 TEST_F(GatewayObjects, AnObjectOfAnotherTypeStartsNothing) {

@@ -148,9 +148,22 @@ TEST_F(GatewayTracking, AStateRecordSaysWhatHasChangedOnly) {
 }
 
 TEST_F(GatewayTracking, AConnectionThatStartsKnowsTheState) {
-  platformHasInterface(wan, stateRecord(wan, false, false));
   serve();
-  EXPECT_EQ(connectionStatus(), "Connecting");
+  const struct {
+    bool disabled;
+    bool running;
+    const char* status;
+  } states[] = {
+      {false, true, "Connected"},
+      {false, false, "Connecting"},
+      {true, false, "Disconnected"},
+      {true, true, "Disconnected"},
+  };
+  for (const auto& [disabled, running, status] : states) {
+    tellStates({stateRecord(wan, disabled, running)});
+    setObject(2, {});  // starts another connection
+    EXPECT_EQ(connectionStatus(), status);
+  }
 }
 
 TEST_F(GatewayTracking, AnEmptyStateChangeReadsTheWholeTable) {
@@ -246,6 +259,15 @@ TEST_F(GatewayTracking, AnAddressRecordMayLeaveOutWhatIsKnown) {
   record.insert_u32(lm::key::objectId, wanAddress);
   tellAddresses({record});
   EXPECT_EQ(log(), Lines{"dev: 3 set address: 45.45.45.2 (12)"});
+}
+
+TEST_F(GatewayTracking, AnAddressRecordThatSaysNoAddressSaysZero) {
+  serve();
+  lm::message record;
+  record.insert_u32(lm::key::objectId, 60);
+  record.insert_u32(5, lan);
+  tellAddresses({record});
+  EXPECT_EQ(log(), Lines{"dev: 2 add address: 0.0.0.0 (60)"});
 }
 
 TEST_F(GatewayTracking, TheInterfaceOfAnAddressMayStandInTheOtherField) {

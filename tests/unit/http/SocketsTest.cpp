@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <net/if.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 
 #include <array>
@@ -71,6 +72,14 @@ class SocketsTest : public testing::Test {
     return iptostr(address.sin_addr.s_addr) + ":" + uinttostr(ntohs(address.sin_port));
   }
 
+  /// How many connections may wait on a listening socket.
+  static unsigned backlog(const lm::Fd& fd) {
+    tcp_info info = {};
+    socklen_t length = sizeof info;
+    EXPECT_EQ(getsockopt(fd.get(), IPPROTO_TCP, TCP_INFO, &info, &length), 0);
+    return info.tcpi_sacked;  // what the kernel keeps there while a socket listens
+  }
+
   static bool closedOnExec(const lm::Fd& fd) {
     return (fcntl(fd.get(), F_GETFD) & FD_CLOEXEC) != 0;
   }
@@ -103,6 +112,7 @@ TEST_F(SocketsTest, MakesADiscoverySocket) {
   EXPECT_EQ(option(fd, SOL_SOCKET, SO_REUSEADDR), 1);
   EXPECT_EQ(option(fd, IPPROTO_IP, IP_MULTICAST_TTL), 4);
   EXPECT_EQ(option(fd, IPPROTO_IP, IP_MULTICAST_LOOP), 1) << "the default";
+  EXPECT_EQ(option(fd, IPPROTO_IP, IP_MULTICAST_IF), 0) << "the default";
   EXPECT_TRUE(closedOnExec(fd));
   EXPECT_EQ(log, "");
 }
@@ -134,6 +144,7 @@ TEST_F(SocketsTest, MakesAListeningSocket) {
   EXPECT_EQ(boundTo(fd), "0.0.0.0:2828");
   EXPECT_EQ(option(fd, SOL_SOCKET, SO_REUSEADDR), 1);
   EXPECT_TRUE(closedOnExec(fd));
+  EXPECT_EQ(backlog(fd), 1U);
   EXPECT_TRUE(blocks(fd));
   EXPECT_EQ(log, "");
 }

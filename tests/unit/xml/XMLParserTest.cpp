@@ -76,6 +76,11 @@ TEST(XMLParser, GivesALeafTheLastPieceOfItsText) {
   EXPECT_EQ(onlyIn(XMLParser("<a>1<![CDATA[2]]></a>").root).value, "2");
 }
 
+TEST(XMLParser, GivesALeafOfSeveralLinesTheLastLineOrItsEnd) {
+  EXPECT_EQ(onlyIn(XMLParser("<a>1\n2</a>").root).value, "2");
+  EXPECT_EQ(onlyIn(XMLParser("<a>1\r\n</a>").root).value, "\n");
+}
+
 TEST(XMLParser, GivesAnEmptyElementTheTextBeforeIt) {
   const XMLParser parser("<a> <b/></a>");
   ASSERT_TRUE(parser.ok);
@@ -211,6 +216,19 @@ TEST(XMLParser, BoundsTheExpansionOfEntities) {
   EXPECT_FALSE(elements.ok) << "elements";
   EXPECT_LE(bytesOf(elements.root), XMLParser::maxTreeSize + sizeof(XMLNode));
   EXPECT_FALSE(XMLParser(billionLaughs("<a>", 9)).ok) << "open elements";
+}
+
+TEST(XMLParser, ExpandsADocumentTo64KiBOrToFourTimesItsLength) {
+  const auto expanded = [](const std::string& text, size_t references) {
+    return XMLParser("<!DOCTYPE a [<!ENTITY b \"" + std::string(1000, 'x') + "\">]><a>" + text +
+                     repeat("&b;", references) + "</a>")
+        .ok;
+  };
+  EXPECT_TRUE(expanded("", 60));
+  EXPECT_FALSE(expanded("", 70)) << "more than 64 KiB";
+  const std::string text(50000, 'x');
+  EXPECT_TRUE(expanded(text, 140));
+  EXPECT_FALSE(expanded(text, 170)) << "more than four times its length";
 }
 
 TEST(XMLParser, SurvivesALongChainOfEntities) {
