@@ -94,7 +94,8 @@ void Runtime::setupLeave(uint32_t delay) {
 
 void Runtime::turn(std::optional<uint64_t> limit) {
   watchConnection();
-  loop_.turn(busy() ? 0 : limit);
+  // Nothing wakes the loop for an end that an exchange has seen before it.
+  loop_.turn(busy() || connection_.ended() ? 0 : limit);
   if (const std::optional<message> m = connection_.take()) handlers_.dispatch(*m);
   if (leaveDue_) leave();
   if (connection_.ended() && !stopped_) {

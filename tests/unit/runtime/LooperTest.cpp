@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
 #include <functional>
 
@@ -270,6 +271,16 @@ TEST_F(LooperTest, LeavesWhenTheConnectionEnds) {
   looper_.run();
   EXPECT_TRUE(platform_.stopped());
   EXPECT_EQ(getError(service_.exchangeCmd(requestTo({20, 5}), 1, 6000)), "connection ended");
+}
+
+TEST_F(LooperTest, LeavesWhenTheConnectionEndedBeforeItRan) {
+  platform_.endConnection();
+  EXPECT_EQ(getError(service_.exchangeCmd(requestTo({20, 5}), 1, 6000)), "connection ended");
+  // A loop that waits for something to happen does so for a minute.
+  const auto started = std::chrono::steady_clock::now();
+  looper_.run();
+  EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(30));
+  EXPECT_TRUE(platform_.stopped());
 }
 
 TEST_F(LooperTest, LeavesWhenTheOtherSideTalksNonsense) {
