@@ -213,6 +213,9 @@ class GatewayCase(unittest.TestCase):
     def serve(self, wan=True):
         """Starts a daemon that serves the LAN, and the WAN if asked to."""
         self.start_daemon()
+        self.configure(wan)
+
+    def configure(self, wan=True):
         self.add_object(LAN, INTERNAL)
         if wan:
             self.add_object(WAN, EXTERNAL)

@@ -1,6 +1,7 @@
 """The platform as the daemon sees it, scripted: it listens on the real socket, answers what the
 daemon asks, and keeps every request and notification for the test to read."""
 
+import contextlib
 import os
 import selectors
 import socket
@@ -49,11 +50,16 @@ def error(text):
     return Message({lm.ERROR_CODE: lm.REFUSED, lm.ERROR_TEXT: text})
 
 
+def encode_reply(serial, fields):
+    return lm.encode(Message({**fields, lm.SERIAL: serial, lm.IS_REPLY: True}))
+
+
 class ScriptedPlatform:
     """Its tables answer the reads of the daemon; `answer` scripts anything else."""
 
     def __init__(self, folder):
-        """Listens at run/lumen.sock in `folder`, which exists."""
+        """Listens at run/lumen.sock in `folder`, which exists; what an earlier platform has left
+        there goes."""
         self.identity = "TEST"
         self.interfaces = {}
         self.addresses = {}
@@ -68,6 +74,8 @@ class ScriptedPlatform:
         self._changed = threading.Condition()
         self._listener = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
         path = os.path.join(folder, "run", "lumen.sock")
+        with contextlib.suppress(FileNotFoundError):
+            os.remove(path)
         self._listener.bind(path)
         os.chmod(path, 0o666)
         self._listener.listen(8)
@@ -127,6 +135,10 @@ class ScriptedPlatform:
         message = Message(fields)
         message.update({lm.SOURCE: list(source), lm.COMMAND: command})
         self.send_raw(lm.encode(message))
+
+    def reply(self, serial, fields):
+        """Sends the daemon a reply, be it to a request of long ago or to none at all."""
+        self.send_raw(encode_reply(serial, fields))
 
     def send_raw(self, datagram):
         self._connections[-1].send(datagram)
@@ -190,11 +202,9 @@ class ScriptedPlatform:
         if request.path:
             reply = answer(message) if answer else self._usual_answer(request)
             if reply is not None:
-                reply = Message(reply)
-                reply.update({lm.SERIAL: message[lm.SERIAL], lm.IS_REPLY: True})
                 try:
-                    connection.send(lm.encode(reply))
-                except (BrokenPipeError, ConnectionError):
+                    connection.send(encode_reply(message[lm.SERIAL], reply))
+                except ConnectionError:
                     return False
         return True
 

@@ -181,12 +181,6 @@ class PortMappings(ControlCase):
         self.daemon.wait_for_line("remove nat failed: never")
         self.assertIn(b"<NewInternalPort>80</NewInternalPort>", self.entry(1))
 
-    def test_a_platform_that_does_not_answer_costs_six_seconds(self):
-        self.platform.answer(NAT_RULES, lm.CMD_ADD, lambda _: None)
-        self.assertEqual(self.invoke("AddPortMapping", mapping()), fault(501, "Action Failed"))
-        self.daemon.wait_for_line("add nat failed: no answer in time")
-        self.assert_serves()
-
     def test_the_end_removes_every_rule(self):
         for port in ("8082", "8080", "8081"):
             self.open_port(port=port)

@@ -7,7 +7,6 @@ instance with `nsenter --net=PATH`.
 """
 
 import contextlib
-import ctypes
 import fcntl
 import os
 import signal
@@ -17,24 +16,12 @@ import subprocess
 import threading
 import time
 
-CLONE_NEWNS = 0x00020000
-CLONE_NEWUTS = 0x04000000
-CLONE_NEWNET = 0x40000000
-_MS_BIND = 4096
-_MS_REC = 16384
-_MS_PRIVATE = 1 << 18
-_MNT_DETACH = 2
-_PR_SET_PDEATHSIG = 1
+from support.system_calls import (CLONE_NEWNET, CLONE_NEWUTS, MS_BIND, MS_REC,
+                                  PR_SET_PDEATHSIG, check, enter_own_mounts, libc, mount,
+                                  mount_tmpfs, unmount)
+
 _SIOCGIFFLAGS = 0x8913
 _IFF_RUNNING = 0x40
-
-_libc = ctypes.CDLL(None, use_errno=True)
-
-
-def _check(result, what):
-    if result != 0:
-        error = ctypes.get_errno()
-        raise OSError(error, f"{what}: {os.strerror(error)}")
 
 
 class Namespace:
@@ -68,11 +55,11 @@ class Namespace:
         """Inside the `with` the calling thread is in the namespace. What it opens stays there."""
         outside = os.open("/proc/thread-self/ns/net", os.O_RDONLY | os.O_CLOEXEC)
         try:
-            _check(_libc.setns(self._fd, CLONE_NEWNET), "setns")
+            check(libc.setns(self._fd, CLONE_NEWNET), "setns")
             try:
                 yield
             finally:
-                _check(_libc.setns(outside, CLONE_NEWNET), "setns back")
+                check(libc.setns(outside, CLONE_NEWNET), "setns back")
         finally:
             os.close(outside)
 
@@ -90,12 +77,12 @@ class Namespace:
         """
 
         def enter():
-            _check(_libc.prctl(_PR_SET_PDEATHSIG, signal.SIGKILL, 0, 0, 0), "prctl")
-            _check(_libc.setns(self._fd, CLONE_NEWNET), "setns")
+            check(libc.prctl(PR_SET_PDEATHSIG, signal.SIGKILL, 0, 0, 0), "prctl")
+            check(libc.setns(self._fd, CLONE_NEWNET), "setns")
             if private:
                 _enter_private_root(private)
             if host_name is not None:
-                _check(_libc.unshare(CLONE_NEWUTS), "unshare")
+                check(libc.unshare(CLONE_NEWUTS), "unshare")
                 socket.sethostname(host_name)
 
         return subprocess.Popen(list(command), preexec_fn=enter, **options)
@@ -145,26 +132,19 @@ class Namespace:
 
 
 def _make_namespace():
-    _check(_libc.unshare(CLONE_NEWNET), "unshare")
+    check(libc.unshare(CLONE_NEWNET), "unshare")
     return os.open("/proc/thread-self/ns/net", os.O_RDONLY | os.O_CLOEXEC)
-
-
-def _mount(source, target, flags):
-    kind = b"tmpfs" if flags == 0 else None
-    _check(_libc.mount(source.encode(), target.encode(), kind, flags, None),
-           f"mount {source} on {target}")
 
 
 def _enter_private_root(private):
     """Moves the calling process, which is about to start another program, to a root of its own that
     shows everything of the old one but the paths in `private`. Mounting over a path of the old root
     would need the path to exist there, and its removal by one test would end another's mount."""
-    _check(_libc.unshare(CLONE_NEWNS), "unshare")
-    _mount("none", "/", _MS_REC | _MS_PRIVATE)
+    enter_own_mounts()
     working_directory = os.getcwd()
-    _mount("none", "/mnt", 0)
+    mount_tmpfs("/mnt")
     os.mkdir("/mnt/.old")
-    _check(_libc.pivot_root(b"/mnt", b"/mnt/.old"), "pivot_root")
+    check(libc.pivot_root(b"/mnt", b"/mnt/.old"), "pivot_root")
     os.chdir("/")
     for entry in os.scandir("/.old"):
         target = "/" + entry.name
@@ -174,10 +154,10 @@ def _enter_private_root(private):
             os.symlink(os.readlink(entry.path), target)
         elif entry.is_dir():
             os.mkdir(target)
-            _mount(entry.path, target, _MS_BIND | _MS_REC)
+            mount(entry.path, target, MS_BIND | MS_REC)
     for path, folder in private.items():
         os.mkdir(path)
-        _mount("/.old" + folder, path, _MS_BIND | _MS_REC)
-    _check(_libc.umount2(b"/.old", _MNT_DETACH), "umount")
+        mount("/.old" + folder, path, MS_BIND | MS_REC)
+    unmount("/.old")
     os.rmdir("/.old")
     os.chdir(working_directory)
