@@ -22,6 +22,7 @@
 #include "lumen/services/system/LockFile.h"
 #include "lumen/services/system/PrivateRoot.h"
 #include "lumen/services/system/Privileges.h"
+#include "lumen/services/system/ServiceManager.h"
 #include "platform/Keys.h"
 
 namespace {
@@ -142,6 +143,8 @@ int main(int argc, char** argv) {
   Platform platform(loop, processes, std::move(services));
   signals.watch<&Platform::shutDown>(platform);
   demand(platform.start());
+  lumen::ServiceManager manager = lumen::ServiceManager::ofThisProcess();
+  manager.ready();
   while (!platform.isShutDown()) loop.turn(std::nullopt);
   return 0;
 }

@@ -49,6 +49,10 @@ void resetSignals(const ChildStart& start) {
 
 // Moves first what lies where the other one belongs.
 void arrangeDescriptors(const ChildStart& start) {
+  if (start.output >= 0 &&
+      (dup2(start.output, STDOUT_FILENO) < 0 || dup2(start.output, STDERR_FILENO) < 0)) {
+    fail(start, "output");
+  }
   const int lock = fcntl(start.lock, F_DUPFD, firstFreePlace);
   const int executable = fcntl(start.executable, F_DUPFD, firstFreePlace);
   if (lock < 0 || executable < 0 || dup2(start.null, STDIN_FILENO) < 0 ||

@@ -10,6 +10,7 @@ struct ChildStart {
   int executable = -1;
   int lock = -1;
   int null = -1;
+  int output = -1;  ///< its standard output and error; below 0: those of this process
   uid_t user = 0;
   gid_t group = 0;
   pid_t parent = 0;

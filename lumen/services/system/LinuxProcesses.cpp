@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 
 // This header has no C++ linkage of its own.
@@ -15,6 +16,7 @@ extern "C" {
 
 #include "lumen/runtime/Log.h"
 #include "lumen/services/system/ChildStart.h"
+#include "lumen/services/system/Journal.h"
 #include "lumen/services/system/LockFile.h"
 #include "platform/Watch.h"
 
@@ -27,6 +29,13 @@ lm::Fd openExecutable(const std::string& path) {
   lm::Fd fd(::open(path.c_str(), O_PATH | O_CLOEXEC));
   if (!fd.valid()) lm::logLine(path, ": ", strerror(errno));
   return fd;
+}
+
+// Where this process's output goes to the journal, each program gets a stream of its own there, so
+// that its lines bear its name.
+lm::Fd openOutput(const std::string& executable) {
+  if (!journal::isStream(STDOUT_FILENO, getenv("JOURNAL_STREAM"))) return {};
+  return journal::open(executable.substr(executable.rfind('/') + 1));
 }
 
 int waitStatus(const siginfo_t& info) {
@@ -82,11 +91,13 @@ std::optional<pid_t> LinuxProcesses::start(const Program& program) {
     lm::logLine(lock.valid() ? "/dev/null" : program.lockFile, ": ", strerror(errno));
     return std::nullopt;
   }
+  const lm::Fd output = openOutput(program.executable);
   ChildStart childStart;
   childStart.path = program.executable.c_str();
   childStart.executable = executable;
   childStart.lock = lock.get();
   childStart.null = null.get();
+  childStart.output = output.get();
   childStart.user = program.user;
   childStart.group = program.group;
   childStart.parent = getpid();
