@@ -30,8 +30,9 @@ Platform::Platform(const lm::EventLoop& loop, Processes& processes,
       addresses_(broker_),
       interfaces_(links_, addresses_, broker_, path::store("interfaces")),
       natMap_(nftables_),
+      flowMarks_(path::flowMarks),
       policies_(path::natPolicy, path::store("nat")),
-      natRules_(natMap_, flows_, addresses_, policies_, loop.clock()),
+      natRules_(natMap_, flows_, flowMarks_, addresses_, policies_, loop.clock()),
       listener_(broker_) {
   supervisor_.setObserver(broker_);
   broker_.addLocal(lm::service::identity, 0, identity_);
@@ -44,6 +45,7 @@ Platform::Platform(const lm::EventLoop& loop, Processes& processes,
 std::string Platform::start() {
   if (const auto error = policies_.load()) return "NAT policy: " + *error;
   if (const auto error = natMap_.open(path::natRuleset)) return "NAT table: " + *error;
+  natRules_.endOldFlows();
   interfaces_.start();
   std::string error = listener_.listen(path::socket);
   if (error.empty()) supervisor_.boot();

@@ -32,6 +32,9 @@ inline const std::string runFolder = "/lumen/run";
 inline const std::string socket = "/lumen/run/lumen.sock";
 inline const std::string lock = "/lumen/run/lumend.lock";
 
+/// Which UDP ports flows may go through.
+inline const std::string flowMarks = "/lumen/run/udp";
+
 /// The directory of a store.
 inline std::string store(const std::string& name) { return storeFolder + "/" + name; }
 }  // namespace path
@@ -53,7 +56,9 @@ class Platform {
 
   /// Ends the services, then this.
   void shutDown() { supervisor_.shutDown(); }
-  [[nodiscard]] bool isShutDown() const { return supervisor_.isShutDown(); }
+  [[nodiscard]] bool isShutDown() const {
+    return supervisor_.isShutDown() && natRules_.flowsEnded();
+  }
 
  private:
   Supervisor supervisor_;
@@ -66,6 +71,7 @@ class Platform {
   LibNftables nftables_;
   NatMap natMap_;
   NetlinkFlows flows_;
+  FlowMarks flowMarks_;
   PolicyBook policies_;
   NatRules natRules_;
   Listener listener_;

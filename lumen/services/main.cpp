@@ -137,6 +137,7 @@ int main(int argc, char** argv) {
   for (const std::string& store : Platform::stores()) {
     demand(lumen::makeDirectory(path::store(store), 0, 0, forOwner));
   }
+  demand(lumen::makeDirectory(path::flowMarks, 0, 0, forOwner));
   reportMissingStores(services);
   const lm::Fd lock = becomeTheOnlyOne();
 

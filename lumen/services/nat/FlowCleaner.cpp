@@ -15,8 +15,13 @@ constexpr uint64_t restPerSweep = 9;
 
 }  // namespace
 
-FlowCleaner::FlowCleaner(Flows& flows, const OpenPorts& ports, const lm::Clock& clock)
-    : flows_(flows), ports_(ports), clock_(clock) {}
+FlowCleaner::FlowCleaner(Flows& flows, const OpenPorts& ports, const FlowMarks& marks,
+                         const lm::Clock& clock)
+    : flows_(flows), ports_(ports), marks_(marks), clock_(clock) {}
+
+void FlowCleaner::resume() {
+  for (const Endpoint& external : marks_.all()) changed(external);
+}
 
 void FlowCleaner::changed(const Endpoint& external) {
   pending_.insert(external);
@@ -32,7 +37,8 @@ void FlowCleaner::schedule() {
 void FlowCleaner::sweep() {
   sweeping_ = true;
   began_ = clock_.now();
-  flows_.sweepUdp(std::exchange(pending_, {}), *this);
+  swept_ = std::exchange(pending_, {});
+  flows_.sweepUdp(swept_, *this);
 }
 
 bool FlowCleaner::ends(const Flow& flow) {
@@ -41,6 +47,9 @@ bool FlowCleaner::ends(const Flow& flow) {
 
 void FlowCleaner::swept() {
   sweeping_ = false;
+  for (const Endpoint& external : std::exchange(swept_, {})) {
+    if (!ports_.udpClient(external) && !pending_.contains(external)) marks_.clear(external);
+  }
   uint64_t now = clock_.now();
   rest_ = now + std::max(leastRest, restPerSweep * (now - began_));
   if (!pending_.empty()) schedule();

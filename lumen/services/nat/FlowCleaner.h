@@ -4,6 +4,7 @@
 #include <set>
 
 #include "lumen/runtime/Clock.h"
+#include "lumen/services/nat/FlowMarks.h"
 #include "lumen/services/system/Flows.h"
 #include "platform/Timer.h"
 
@@ -13,6 +14,9 @@ namespace lumen {
 /// at a flow's first packet only: without this a flow through a port that was closed lives on as
 /// long as it has packets, and one that knocked at a port before it was opened never gets in. TCP
 /// connections are left alone.
+///
+/// A port is marked from before it opens until its flows have been swept after it closed, so that
+/// the flows of a lumend that was killed are ended by the next one.
 ///
 /// A sweep walks the kernel's whole table, so that a row of changes shares one; sweeps take at most
 /// a tenth of the time.
@@ -27,13 +31,22 @@ class FlowCleaner : private Flows::Sweeper {
   };
 
   /// All must outlive this.
-  FlowCleaner(Flows& flows, const OpenPorts& ports, const lm::Clock& clock);
+  FlowCleaner(Flows& flows, const OpenPorts& ports, const FlowMarks& marks, const lm::Clock& clock);
   FlowCleaner(const FlowCleaner&) = delete;
   FlowCleaner& operator=(const FlowCleaner&) = delete;
+
+  /// The flows through the ports of an earlier life are looked at soon.
+  void resume();
+
+  /// The UDP port `external` is about to be opened; changed() must follow.
+  void opens(const Endpoint& external) { marks_.set(external); }
 
   /// The UDP port `external` was opened, closed or changed. Its flows are looked at soon, from the
   /// event loop.
   void changed(const Endpoint& external);
+
+  /// Whether all flows have been looked at.
+  [[nodiscard]] bool idle() const { return !sweeping_ && pending_.empty(); }
 
  private:
   void schedule();
@@ -43,8 +56,10 @@ class FlowCleaner : private Flows::Sweeper {
 
   Flows& flows_;
   const OpenPorts& ports_;
+  const FlowMarks& marks_;
   const lm::Clock& clock_;
   std::set<Endpoint> pending_;  // for the next sweep
+  std::set<Endpoint> swept_;    // by the sweep that is under way
   bool sweeping_ = false;
   uint64_t began_ = 0;  // of the sweep that is under way or was the last, milliseconds
   uint64_t rest_ = 0;   // no sweep before this time, milliseconds

@@ -22,14 +22,14 @@ lm::message refuseByKernel(const std::string& what, const RuleKey& key, const st
 
 }  // namespace
 
-NatRules::NatRules(NatMap& map, Flows& flows, const LocalNetworks& networks, PolicyBook& policies,
-                   const lm::Clock& clock)
+NatRules::NatRules(NatMap& map, Flows& flows, const FlowMarks& marks, const LocalNetworks& networks,
+                   PolicyBook& policies, const lm::Clock& clock)
     : map_(map),
       flows_(flows),
       networks_(networks),
       policies_(policies),
       clock_(clock),
-      cleaner_(flows, *this, clock) {}
+      cleaner_(flows, *this, marks, clock) {}
 
 lm::message NatRules::handle(const Caller& caller, uint32_t command, const lm::message& request) {
   switch (command) {
@@ -86,10 +86,7 @@ lm::message NatRules::add(const Caller& caller, const lm::message& request) {
   rule->owner = caller.name.empty() ? "administrator" : caller.name;
   rule->addedAt = clock_.now();
   if (rule->inKernel()) {
-    if (auto error = map_.add(rule->key, rule->client)) {
-      return refuseByKernel("add", rule->key, *error);
-    }
-    flowsMayDiffer(rule->key);
+    if (auto error = addToKernel(*rule)) return refuseByKernel("add", rule->key, *error);
   }
   uint32_t id = nextId();
   insert(id, *rule);
@@ -211,9 +208,8 @@ bool NatRules::clientIsFull(uint32_t client) const {
 std::optional<std::string> NatRules::apply(const Rule& before, const Rule& after) {
   std::optional<std::string> error;
   if (!before.inKernel() && !after.inKernel()) return error;
-  if (!before.inKernel()) {
-    error = map_.add(after.key, after.client);
-  } else if (!after.inKernel()) {
+  if (!before.inKernel()) return addToKernel(after);
+  if (!after.inKernel()) {
     error = map_.remove({after.key});
   } else if (before.client != after.client) {
     error = map_.change(after.key, after.client);
@@ -221,6 +217,13 @@ std::optional<std::string> NatRules::apply(const Rule& before, const Rule& after
     return error;
   }
   if (!error) flowsMayDiffer(after.key);
+  return error;
+}
+
+std::optional<std::string> NatRules::addToKernel(const Rule& rule) {
+  if (rule.key.protocol == IPPROTO_UDP) cleaner_.opens(rule.key.external);
+  auto error = map_.add(rule.key, rule.client);
+  flowsMayDiffer(rule.key);
   return error;
 }
 

@@ -25,10 +25,15 @@ namespace lumen {
 class NatRules : public LocalHandler, private FlowCleaner::OpenPorts {
  public:
   /// All must outlive this; `policies` is loaded and `map` open.
-  NatRules(NatMap& map, Flows& flows, const LocalNetworks& networks, PolicyBook& policies,
-           const lm::Clock& clock);
+  NatRules(NatMap& map, Flows& flows, const FlowMarks& marks, const LocalNetworks& networks,
+           PolicyBook& policies, const lm::Clock& clock);
   NatRules(const NatRules&) = delete;
   NatRules& operator=(const NatRules&) = delete;
+
+  /// Ends, soon, the UDP flows through the ports that an earlier lumend had open.
+  void endOldFlows() { cleaner_.resume(); }
+  /// Whether no flow through a closed port is left.
+  [[nodiscard]] bool flowsEnded() const { return cleaner_.idle(); }
 
   [[nodiscard]] lm::message handle(const Caller& caller, uint32_t command,
                                    const lm::message& request) override;
@@ -56,6 +61,7 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts {
   [[nodiscard]] bool clientIsFull(uint32_t client) const;
   /// Brings the kernel from `before` to `after`. Returns why not, if so.
   [[nodiscard]] std::optional<std::string> apply(const Rule& before, const Rule& after);
+  [[nodiscard]] std::optional<std::string> addToKernel(const Rule& rule);
   void removeFromKernel(const std::vector<RuleKey>& keys);
   void flowsMayDiffer(const RuleKey& key);
 

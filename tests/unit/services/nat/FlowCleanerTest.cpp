@@ -133,6 +133,78 @@ TEST_F(FlowCleanerTest, KeepsWhatChangesDuringASweepForTheNext) {
   EXPECT_EQ(flows.sweeps[1], std::set<Endpoint>{at("45.45.45.1", 5001)});
 }
 
+TEST_F(FlowCleanerTest, MarksAUdpPortBeforeItOpensUntilItsFlowsHaveBeenSweptAfterItClosed) {
+  const std::set<Endpoint> marked = {at("45.45.45.1", 8080)};
+  uint32_t id = opens({.protocol = "udp"});
+  EXPECT_EQ(marks.all(), marked);
+  sweepRuns();
+  EXPECT_EQ(marks.all(), marked);
+  EXPECT_EQ(removes(id), "");
+  passes(100);
+  EXPECT_EQ(marks.all(), marked) << "while it is being swept";
+  flows.finishSweep();
+  EXPECT_EQ(marks.all(), std::set<Endpoint>());
+}
+
+TEST_F(FlowCleanerTest, MarksNeitherATcpPortNorADisabledOne) {
+  opens({});
+  opens({.protocol = "udp", .disabled = true});
+  EXPECT_EQ(marks.all(), std::set<Endpoint>());
+}
+
+TEST_F(FlowCleanerTest, MarksAPortThatIsEnabledLater) {
+  uint32_t id = opens({.protocol = "udp", .disabled = true});
+  EXPECT_EQ(sets(setRequest(id, "192.168.88.10", 80, false)), "");
+  EXPECT_EQ(marks.all(), std::set<Endpoint>{at("45.45.45.1", 8080)});
+}
+
+TEST_F(FlowCleanerTest, KeepsTheMarkOfAPortThatWasOpenAgainDuringASweep) {
+  uint32_t id = opens({.protocol = "udp"});
+  passes(0);
+  ASSERT_TRUE(flows.sweeping());
+  EXPECT_EQ(removes(id), "");
+  EXPECT_EQ(removes(opens({.protocol = "udp"})), "");
+  flows.finishSweep();
+  EXPECT_EQ(marks.all().size(), 1U) << "what came through it meanwhile has not been looked at";
+  passes(100);
+  flows.finishSweep();
+  EXPECT_EQ(marks.all(), std::set<Endpoint>());
+}
+
+TEST_F(FlowCleanerTest, KeepsNoMarkOfAPortThatTheKernelRefused) {
+  nftables.refuses("add element ip lumen forwards { 45.45.45.1 . udp . 8080 : 192.168.88.10 . 80 }",
+                   "no");
+  refusedToOpen({.protocol = "udp"});
+  sweepRuns();
+  EXPECT_EQ(marks.all(), std::set<Endpoint>());
+}
+
+TEST_F(FlowCleanerTest, EndsTheFlowsThatAKilledLumendHasLeft) {
+  flows.flows = {udp(8080, "192.168.88.10", 80), udp(8081, "192.168.88.10", 81),
+                 udp(9000, "192.168.88.10", 90)};
+  marks.set(at("45.45.45.1", 8080));
+  marks.set(at("45.45.45.1", 8081));
+  rules.endOldFlows();
+  EXPECT_FALSE(rules.flowsEnded());
+  opens({.protocol = "udp", .port = 8081, .clientPort = 81});
+  sweepRuns();
+  EXPECT_TRUE(rules.flowsEnded());
+  ASSERT_EQ(flows.flows.size(), 2U);
+  EXPECT_EQ(flows.flows[0].destination.port, 8081) << "its port is open again";
+  EXPECT_EQ(flows.flows[1].destination.port, 9000) << "was not our port";
+  EXPECT_EQ(marks.all(), std::set<Endpoint>{at("45.45.45.1", 8081)});
+}
+
+TEST_F(FlowCleanerTest, IsIdleOnceAllFlowsHaveBeenLookedAt) {
+  EXPECT_TRUE(rules.flowsEnded());
+  opens({.protocol = "udp", .port = 5000});
+  EXPECT_FALSE(rules.flowsEnded()) << "a sweep is due";
+  passes(0);
+  EXPECT_FALSE(rules.flowsEnded()) << "under way";
+  flows.finishSweep();
+  EXPECT_TRUE(rules.flowsEnded());
+}
+
 }  // namespace
 
 }  // namespace lumen::test

@@ -164,7 +164,8 @@ class NatFixture : public ::testing::Test {
   TemporaryDirectory directory;
   PolicyBook policies{directory.path() + "/nat-policy", directory.path()};
   NatMap map{nftables};
-  NatRules rules{map, flows, networks, policies, clock};
+  FlowMarks marks{directory.path()};
+  NatRules rules{map, flows, marks, networks, policies, clock};
 };
 
 using Texts = std::vector<std::string>;

@@ -1,0 +1,75 @@
+#include "lumen/services/nat/FlowMarks.h"
+
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <string_view>
+
+#include "lumen/runtime/Log.h"
+#include "lumen/services/nat/Rule.h"
+#include "platform/Fd.h"
+
+namespace lumen {
+
+namespace {
+
+constexpr mode_t forOwner = 0600;
+
+std::string nameOf(const Endpoint& external) {
+  return addressText(external.address) + ":" + std::to_string(external.port);
+}
+
+std::optional<Endpoint> endpointOf(const std::string& name) {
+  const size_t colon = name.find(':');
+  if (colon == std::string::npos) return std::nullopt;
+  Endpoint external;
+  if (inet_pton(AF_INET, name.substr(0, colon).c_str(), &external.address) != 1) {
+    return std::nullopt;
+  }
+  std::from_chars(name.data() + colon + 1, name.data() + name.size(), external.port);
+  if (nameOf(external) != name) return std::nullopt;
+  return external;
+}
+
+void logFailure(const std::string& file) {
+  lm::logLine("flow mark ", file, ": ", std::strerror(errno));
+}
+
+}  // namespace
+
+std::set<Endpoint> FlowMarks::all() const {
+  std::set<Endpoint> result;
+  const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(folder_.c_str()), closedir);
+  if (!directory) {
+    logFailure(folder_);
+    return result;
+  }
+  while (const dirent* entry = readdir(directory.get())) {
+    if (const auto external = endpointOf(entry->d_name)) result.insert(*external);
+  }
+  return result;
+}
+
+void FlowMarks::set(const Endpoint& external) const {
+  const std::string file = fileOf(external);
+  const lm::Fd fd(open(file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, forOwner));
+  if (!fd.valid()) logFailure(file);
+}
+
+void FlowMarks::clear(const Endpoint& external) const {
+  const std::string file = fileOf(external);
+  if (unlink(file.c_str()) != 0 && errno != ENOENT) logFailure(file);
+}
+
+std::string FlowMarks::fileOf(const Endpoint& external) const {
+  return folder_ + "/" + nameOf(external);
+}
+
+}  // namespace lumen
