@@ -129,19 +129,26 @@ class LanHost:
         lines = "".join(f"{field}\r\n" for field in fields)
         return Text(self.exchange(f"GET {url} HTTP/1.1\r\n{lines}\r\n".encode()))
 
-    def post(self, url, body, *fields, host=None):
-        """POSTs the body with these fields besides HOST and CONTENT-LENGTH."""
+    def post_request(self, url, body, *fields, host=None):
+        """The POST of the body with these fields besides HOST and CONTENT-LENGTH."""
         body = body.encode() if isinstance(body, str) else body
         lines = "".join(f"{field}\r\n" for field in fields)
         head = (f"POST {url} HTTP/1.1\r\nHOST: {host or f'{self.gateway}:{HTTP_PORT}'}\r\n{lines}"
                 f"CONTENT-LENGTH: {len(body)}\r\n\r\n")
-        return Text(self.exchange(head.encode() + body))
+        return head.encode() + body
+
+    def post(self, url, body, *fields, host=None):
+        return Text(self.exchange(self.post_request(url, body, *fields, host=host)))
+
+    def invocation(self, url, service, action, arguments=()):
+        """The request that invokes an action of the service at its control URL."""
+        return self.post_request(url, soap_envelope(action, arguments, service),
+                                 'CONTENT-TYPE: text/xml; charset="utf-8"',
+                                 f'SOAPACTION: "{service}#{action}"')
 
     def invoke(self, url, service, action, arguments=()):
-        """Invokes an action of the service at its control URL."""
-        return self.post(url, soap_envelope(action, arguments, service),
-                         'CONTENT-TYPE: text/xml; charset="utf-8"',
-                         f'SOAPACTION: "{service}#{action}"')
+        """Invokes an action; returns the reply."""
+        return Text(self.exchange(self.invocation(url, service, action, arguments)))
 
 
 def read_to_end(sock):

@@ -52,10 +52,14 @@ class Router:
 
     def start(self):
         """Starts lumend, which must not run, and waits until it answers."""
+        self.launch()
+        wait_until(self._answers, "lumend answers")
+
+    def launch(self):
+        """Starts lumend and does not wait for it."""
         self.lumend = self.namespace.popen(str(PROGRAMS / "lumend"), "--root", str(self.root),
                                            stdin=subprocess.DEVNULL, stdout=self._log,
                                            stderr=subprocess.STDOUT if self._log else None)
-        wait_until(self._answers, "lumend answers")
 
     def _answers(self):
         if self.lumend.poll() is not None:
