@@ -4,7 +4,7 @@ sanitizers, where they are built in, have nothing to say."""
 import random
 import socket
 
-from gateway_case import LAN, WAN, GatewayCase
+from gateway_case import ENABLED, LAN, WAN, GatewayCase
 from support import lm
 from support.lan import search_request, soap_envelope
 from test_control import CONTROL, IP_CONNECTION, mapping
@@ -116,6 +116,13 @@ class BadInput(GatewayCase):
         self.platform.notify(lm.CMD_CHANGED, (), {})
         self.platform.notify(lm.CMD_CHANGED, (20, 1), {lm.RECORDS: [{}] * 3})
         self.platform.notify(0x4711, (20, 0), {})
+        self.assert_serves()
+
+    def test_a_message_that_is_nested_as_deep_as_it_may_be(self):
+        fields = {}
+        for _ in range(lm.MAX_NESTING):
+            fields = {0x28000007: fields}
+        self.assertTrue(self.platform.request(lm.CMD_GET_SETTINGS, fields)[ENABLED])
         self.assert_serves()
 
     def test_objects_of_no_known_type(self):

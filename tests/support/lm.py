@@ -10,7 +10,7 @@ import ipaddress
 import struct
 
 MAX_DATAGRAM = 128 * 1024
-MAX_NESTING = 8
+MAX_NESTING = 8  # messages inside of one another, without the outermost
 
 # The five type bits of a key.
 BOOL = 0x00000000
@@ -93,7 +93,7 @@ def dotted(value):
 
 def encode(message):
     """The wire form. Raises MessageError for a value of the wrong type or size."""
-    return _encode_fields(message, 1)
+    return _encode_fields(message, 0)
 
 
 def decode(datagram):
@@ -102,7 +102,7 @@ def decode(datagram):
         raise MessageError("empty datagram")
     if len(datagram) > MAX_DATAGRAM:
         raise MessageError("datagram too long")
-    return _Reader(bytes(datagram)).message(1)
+    return _Reader(bytes(datagram)).message(0)
 
 
 def _encode_fields(message, depth):
