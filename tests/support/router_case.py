@@ -38,6 +38,18 @@ class RouterCase(unittest.TestCase):
         self.addCleanup(sock.close)
         return sock
 
+    def assert_powerless(self, pid, name, user):
+        """The process is that program, and has no right but to be that user."""
+        with open(f"/proc/{pid}/status", encoding="ascii") as status:
+            fields = dict(line.rstrip("\n").split(":\t", 1) for line in status)
+        self.assertEqual(fields["Name"], name)
+        for ids in ("Uid", "Gid"):
+            self.assertEqual(fields[ids].split(), [str(user)] * 4)
+        self.assertLessEqual(set(fields["Groups"].split()), {str(user)})
+        for capabilities in ("CapInh", "CapPrm", "CapEff", "CapBnd", "CapAmb"):
+            self.assertEqual(int(fields[capabilities], 16), 0, capabilities)
+        self.assertEqual(fields["NoNewPrivs"], "1")
+
     def wait_until(self, condition, what, limit=10.0):
         return wait_until(condition, what, limit)
 
