@@ -232,7 +232,9 @@ class NatFlowsTest : public NatKernelTest, private FlowCleaner::OpenPorts {
   lm::SystemClock clock;
   lm::EventLoop loop{clock};
   NetlinkFlows flows;
-  FlowCleaner cleaner{flows, *this, clock};
+  TemporaryDirectory directory;
+  FlowMarks marks{directory.path()};
+  FlowCleaner cleaner{flows, *this, marks, clock};
 
  private:
   [[nodiscard]] std::optional<Endpoint> udpClient(const Endpoint& external) const override {
