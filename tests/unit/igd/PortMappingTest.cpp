@@ -210,6 +210,13 @@ TEST_F(PortMapping, ListsMappingsByPortAndTcpBeforeUdp) {
   EXPECT_EQ(entryAt("4"), noSuchIndex);
 }
 
+TEST_F(PortMapping, ListsByANumberOf16Bits) {
+  for (const char* index : {"65536", "-1", "first", "0x1"}) {
+    EXPECT_EQ(entryAt(index), fault(402, "Invalid Args")) << index;
+  }
+  EXPECT_EQ(entryAt(""), listed(dummy));
+}
+
 TEST_F(PortMapping, RefusesWhatItDoesNotMap) {
   struct Refused {
     Wish wish;

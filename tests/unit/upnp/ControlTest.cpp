@@ -262,6 +262,12 @@ TEST_F(Control, HandsAnEmptyArgumentThroughAsEmpty) {
   EXPECT_EQ(lamp.calls, (std::vector<Values>{{"", "red"}}));
 }
 
+TEST_F(Control, GivesAnEmptyArgumentTheLastTextBeforeIt) {
+  EXPECT_EQ(invoke("Set", "<NewColour>red</NewColour>\n<Note>70</Note><NewBrightness/>"),
+            response("Set", "\r\n      <OldBrightness>50</OldBrightness>\r\n    "));
+  EXPECT_EQ(lamp.calls, (std::vector<Values>{{"70", "red"}}));
+}
+
 TEST_F(Control, LogsOneLineForAnActionNameOfSeveral) {
   SoapRequest request = actionRequest(lampType, "Get");
   request.soapAction = "Get\nexit";
