@@ -13,7 +13,7 @@ import time
 import unittest
 
 from scripted_platform import ScriptedPlatform, address, interface
-from support import lm, netns
+from support import lm, netns, processes
 from support.lan import LanHost
 
 BIN = os.environ["PALINODE_BIN"]
@@ -119,9 +119,7 @@ class Daemon:
 
     def processor_time(self):
         """Seconds that the daemon has computed so far."""
-        with open(f"/proc/{self.pid}/stat", encoding="ascii") as stat:
-            fields = stat.read().rpartition(")")[2].split()
-        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+        return processes.processor_time(self.pid)
 
     def wait(self, limit=15.0):
         """Waits for the end; returns the exit status."""

@@ -1,0 +1,184 @@
+"""What runs out, in the kernel or in a program, and is there again later."""
+
+import itertools
+import json
+import resource
+import signal
+import socket
+import time
+import unittest
+
+from support.lan import HTTP_PORT
+from support.network import (LAN_ADDRESS, LAN_BRIDGE, WAN_ADDRESS, WAN_LINK, exchange_tcp,
+                             tcp_refused)
+from support.processes import descriptors, is_stopped, processor_time
+from support.router_case import RouterCase
+
+NEW_WAN_ADDRESS = "45.45.45.9"
+OVERRUN = "interfaces: changes were lost, reading everything again: No buffer space available"
+
+# Netlink groups (linux/rtnetlink.h) of links and IPv4 addresses: the socket that hears of changes.
+CHANGES = 0x1 | 0x10
+
+
+class LostChangesTest(RouterCase):
+    """lumend stands still until the kernel has to drop what it tells of links and addresses."""
+
+    def setUp(self):
+        super().setUp()
+        self.router.wait_until_controllable()
+        self.lan[0].open_port(8080, "TCP")
+        self.network.router.ip("link", "add", "old0", "type", "bridge")
+        self.wait_until(lambda: self.router.interface("old0") or "old0" in self.links(),
+                        "lumend knows the link that goes")
+
+    def links(self):
+        """What lumend lists: from each link's name to its addresses."""
+        return {i["name"]: sorted(i["addresses"]) for i in self.router.ask("interface", "list")}
+
+    def kernels_links(self):
+        listed = json.loads(self.network.router.ip("-json", "-4", "address", "show"))
+        addresses = {link["ifname"]: sorted(a["local"] for a in link["addr_info"])
+                     for link in listed}
+        names = (link["ifname"]
+                 for link in json.loads(self.network.router.ip("-json", "link", "show")))
+        return {name: addresses.get(name, []) for name in names if name != "lo"}
+
+    def drops(self):
+        """How many messages the kernel has dropped of those that lumend subscribed to."""
+        with open(f"/proc/{self.router.lumend.pid}/net/netlink", encoding="ascii") as sockets:
+            names = next(sockets).split()
+            rows = [dict(zip(names, line.split())) for line in sockets]
+        row, = (row for row in rows if row["Eth"] == "0" and int(row["Groups"], 16) == CHANGES)
+        return int(row["Drops"])
+
+    def ip_batch(self, *lines):
+        batch = self.router.root / "batch"
+        batch.write_text("\n".join(lines))
+        self.network.router.ip("-batch", str(batch))
+
+    def test_the_tables_are_exactly_the_kernels_after_an_overrun(self):
+        self.router.lumend.send_signal(signal.SIGSTOP)
+        self.wait_until(lambda: is_stopped(self.router.lumend.pid), "lumend stands still")
+        flood = [f"address {change} 10.9.0.{n}/32 dev {LAN_BRIDGE}"
+                 for change in ("add", "del") for n in range(1, 251)] * 4
+        while not self.drops():
+            self.ip_batch(*flood)
+        # From here on lumend is told of nothing.
+        self.ip_batch(
+            f"address del {WAN_ADDRESS}/24 dev {WAN_LINK}",
+            f"address add {NEW_WAN_ADDRESS}/24 dev {WAN_LINK}",
+            *(f"address add 10.9.1.{n}/32 dev {LAN_BRIDGE}" for n in range(1, 201)),
+            "link del old0", "link add new0 type bridge", "address add 10.9.2.1/24 dev new0",
+            "link set new0 up")
+        self.router.lumend.send_signal(signal.SIGCONT)
+
+        self.wait_until(lambda: OVERRUN in self.router.log(), "lumend notices")
+        expected = self.kernels_links()
+        self.assertEqual(expected[WAN_LINK], [NEW_WAN_ADDRESS])
+        self.assertEqual(len(expected[LAN_BRIDGE]), 201)
+        self.assertIn("new0", expected)
+        self.assertNotIn("old0", expected)
+        self.wait_until(lambda: self.links() == expected, "the tables are the kernel's")
+        self.assertEqual(sorted(a["address"] for a in self.router.ask("address", "list")),
+                         sorted(sum(expected.values(), [])))
+
+        # The gateway has heard of what matters to it, and serves at its old address.
+        host = self.lan[0]
+        self.wait_until(lambda: host.invoke("GetExternalIPAddress")["NewExternalIPAddress"] ==
+                        NEW_WAN_ADDRESS, "the gateway has the new external address")
+        self.assertEqual(self.router.ports()["8080/tcp"]["state"], "stale")
+        self.assertTrue(tcp_refused(self.wan, NEW_WAN_ADDRESS, 8080, host, 8080))
+        host.open_port(8081, "TCP")
+        exchange_tcp(self.wan, NEW_WAN_ADDRESS, 8081, host, 8081)
+
+        # Changes are heard of one by one again.
+        self.network.router.ip("address", "del", "10.9.2.1/24", "dev", "new0")
+        self.wait_until(lambda: self.links()["new0"] == [], "the change is seen")
+        self.assertEqual(self.router.log().count("changes were lost"), 1)
+
+
+class DescriptorTest(RouterCase):
+    LIMIT = 40  # descriptors that each program of the router may have
+
+    # A program tries to accept a client ten times a second, with a line each time.
+    LINES, DURATION = 10, 1.0
+    SHARE = 0.2  # of a processor, that this may take at most
+
+    def setUp(self):
+        usual = resource.getrlimit(resource.RLIMIT_NOFILE)
+        resource.setrlimit(resource.RLIMIT_NOFILE, (self.LIMIT, usual[1]))
+        try:
+            super().setUp()
+        finally:
+            resource.setrlimit(resource.RLIMIT_NOFILE, usual)
+        self.control = self.router.wait_until_controllable()
+        self.clients = []
+        self.addCleanup(self.let_clients_go)
+
+    def use_up(self, pid, connect):
+        """Connects clients to the process, one after the other, until it can accept no more. The
+        last one waits."""
+        while (used := len(descriptors(pid))) < self.LIMIT:
+            self.clients.append(connect())
+            self.wait_until(lambda: len(descriptors(pid)) > used, "the client is accepted")
+        self.clients.append(connect())
+
+    def let_clients_go(self):
+        while self.clients:
+            self.clients.pop().close()
+
+    def connect_to_lumend(self):
+        client = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+        client.connect(str(self.router.root / "run" / "lumen.sock"))
+        return client
+
+    def assert_tries_calmly(self, pid, line):
+        """The program says again and again that it cannot accept, and hardly does anything."""
+        def count():
+            return self.router.log().count(line + "\n")
+
+        self.wait_until(count, f"the log says {line!r}")
+        lines, computed, started = count(), processor_time(pid), time.monotonic()
+        self.wait_until(lambda: count() >= lines + self.LINES, "it tries again")
+        elapsed = time.monotonic() - started
+        self.assertGreater(elapsed, self.DURATION / 2)
+        self.assertLess(processor_time(pid) - computed, self.SHARE * elapsed)
+
+    def assert_let_go(self, pid, before):
+        """The process has no more descriptors than before it had the clients."""
+        self.wait_until(lambda: len(descriptors(pid)) <= before, "nothing is left of the clients")
+
+    def test_a_gateway_that_ran_out_of_descriptors_serves_when_it_has_some_again(self):
+        gateway = self.router.gateway_pid()
+        before = len(descriptors(gateway))
+        self.lan[1].open_port(8080, "TCP", control=self.control)
+        self.use_up(gateway, lambda: self.lan[0].connect(LAN_ADDRESS, HTTP_PORT))
+        self.assert_tries_calmly(gateway, "accept failed")
+        # What needs no new connection goes on.
+        self.assertEqual(self.router.status()["gateway"], "on")
+        exchange_tcp(self.wan, WAN_ADDRESS, 8080, self.lan[1], 8080)
+
+        self.let_clients_go()
+        self.lan[1].open_port(8081, "TCP", control=self.control)
+        exchange_tcp(self.wan, WAN_ADDRESS, 8081, self.lan[1], 8081)
+        self.assert_let_go(gateway, before)
+        self.assertEqual(self.router.gateway_pid(), gateway)
+
+    def test_a_lumend_that_ran_out_of_descriptors_serves_when_it_has_some_again(self):
+        lumend = self.router.lumend.pid
+        before = len(descriptors(lumend))
+        self.use_up(lumend, self.connect_to_lumend)
+        self.assert_tries_calmly(lumend, "accept: Too many open files")
+        # The programs that are connected go on.
+        host = self.lan[0]
+        host.open_port(8080, "TCP", control=self.control)
+        exchange_tcp(self.wan, WAN_ADDRESS, 8080, host, 8080)
+
+        self.let_clients_go()
+        self.assertIn("8080/tcp", self.router.ports())
+        self.assert_let_go(lumend, before)
+
+
+if __name__ == "__main__":
+    unittest.main()
