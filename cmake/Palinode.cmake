@@ -49,6 +49,14 @@ if(PALINODE_SANITIZE)
   endif()
 endif()
 
+if(PALINODE_COVERAGE)
+  # The counters lie in a mapped file, so that a process which is killed is counted as well; a
+  # program that is run without $LLVM_PROFILE_FILE leaves no file.
+  add_compile_options(-fprofile-instr-generate=/dev/null -fcoverage-mapping
+                      "SHELL:-mllvm -runtime-counter-relocation")
+  add_link_options(-fprofile-instr-generate)
+endif()
+
 if(PALINODE_TIDY)
   find_program(PALINODE_CLANG_TIDY clang-tidy REQUIRED)
   set(CMAKE_CXX_CLANG_TIDY ${PALINODE_CLANG_TIDY} --quiet --warnings-as-errors=*)

@@ -17,6 +17,8 @@ run_packages=(python3 iproute2 nftables miniupnpc procps)
 test_packages=("${run_packages[@]}" libgtest-dev libseccomp-dev clang libclang-rt-dev
   clang-format nmap
   gir1.2-gupnp-1.6 python3-gi libupnp13)
+# What measuring the coverage needs besides.
+coverage_packages=(llvm)
 
 fail() {
   printf '%s\n' "${0##*/}: $*" >&2
