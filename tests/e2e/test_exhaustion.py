@@ -2,6 +2,7 @@
 
 import itertools
 import json
+import os
 import resource
 import signal
 import socket
@@ -12,7 +13,9 @@ from support.lan import HTTP_PORT
 from support.network import (LAN_ADDRESS, LAN_BRIDGE, WAN_ADDRESS, WAN_LINK, exchange_tcp,
                              tcp_refused)
 from support.processes import descriptors, is_stopped, processor_time
+from support.router import CommandFailed
 from support.router_case import RouterCase
+from support.small_disk import SmallDisk
 
 NEW_WAN_ADDRESS = "45.45.45.9"
 OVERRUN = "interfaces: changes were lost, reading everything again: No buffer space available"
@@ -178,6 +181,58 @@ class DescriptorTest(RouterCase):
         self.let_clients_go()
         self.assertIn("8080/tcp", self.router.ports())
         self.assert_let_go(lumend, before)
+
+    def test_a_gateway_that_ends_meanwhile_is_started_when_there_are_descriptors_again(self):
+        gateway = self.router.gateway_pid()
+        self.use_up(self.router.lumend.pid, self.connect_to_lumend)
+        # It leaves one descriptor to the client that waits, and none to those after it.
+        self.clients += [self.connect_to_lumend() for _ in range(3)]
+        os.kill(gateway, signal.SIGKILL)
+        self.wait_until(lambda: "upnp: cannot be started" in self.router.log(), "lumend tries")
+        self.let_clients_go()
+        control = self.router.wait_until_controllable()
+        self.lan[0].open_port(8080, "TCP", control=control)
+        exchange_tcp(self.wan, WAN_ADDRESS, 8080, self.lan[0], 8080)
+
+
+class DiskTest(RouterCase):
+    SET_UP = False
+
+    def setUp(self):
+        super().setUp()
+        self.router.stop()
+        self.disk = SmallDisk(str(self.router.root / "store"))
+        self.addCleanup(self.disk.close)
+        self.router.start()
+        self.router.set_up()
+
+    def assert_refused(self, reason, *command):
+        with self.assertRaises(CommandFailed) as refused:
+            self.router.lumenctl(*command)
+        self.assertEqual(refused.exception.error, f"lumenctl: {reason}")
+
+    def limit(self):
+        return self.router.ask("nat", "policy")["max-rules"]
+
+    def roles(self):
+        return {i["name"]: i["role"] for i in self.router.ask("interface", "list")}
+
+    def test_what_cannot_be_stored_is_refused_until_there_is_room(self):
+        limit, roles = self.limit(), self.roles()
+        self.disk.fill()
+        self.assert_refused("the policy could not be stored", "nat", "policy", "set", "max-rules=7")
+        self.assert_refused("the name could not be stored", "upnp", "interface", "add", "lan1",
+                            "--role", "internal")
+        self.assertEqual(self.limit(), limit)
+        self.assertEqual(self.roles(), roles)
+        self.disk.free()
+        self.router.lumenctl("nat", "policy", "set", "max-rules=7")
+        self.router.stop()
+        self.router.start()
+        self.router.wait_until_controllable()
+        self.assertEqual(self.limit(), 7)
+        self.lan[0].open_port(8080, "TCP")
+        exchange_tcp(self.wan, WAN_ADDRESS, 8080, self.lan[0], 8080)
 
 
 if __name__ == "__main__":
