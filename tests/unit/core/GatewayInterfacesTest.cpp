@@ -126,6 +126,22 @@ TEST_F(GatewayInterfaces, AWanThatStartsBeforeAnyLanIsAnnouncedWithTheLan) {
   EXPECT_EQ(announced(), marked("ssdp:alive", allTargets(wan)));
 }
 
+TEST_F(GatewayInterfaces, InterfacesStopInTheOrderOfTheirObjects) {
+  start();
+  addObject(wan, external);
+  addObject(lan, internal);
+  enable();
+  (void)log();
+  listen();
+  disable();
+  EXPECT_EQ(log(),
+            (Lines{"disable", "stop ext: WAN", "sendAdverts", "stop int: LAN", "sendAdverts"}));
+  // The LAN side still has the targets of the WAN side that was withdrawn before it.
+  Lines expected = marked("ssdp:byebye", wanTargets(wan));
+  for (const std::string& line : marked("ssdp:byebye", allTargets(wan))) expected.push_back(line);
+  EXPECT_EQ(announced(), expected);
+}
+
 TEST_F(GatewayInterfaces, AWanThatWasWithdrawnIsFoundUntilTheTargetsAreMadeAnew) {
   platformHasInterface(7, {});
   serve();

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 
 #include "http/HTTPServer.h"
 #include "http/Server.h"
@@ -169,6 +170,23 @@ TEST_F(HTTPServerTest, AnswersOnceTheLastSegmentHasCome) {
   client.send("e");
   untilClosed(client);
   EXPECT_EQ(gateway.asked, std::vector<std::string>{"POST|/x|abcde"});
+}
+
+TEST_F(HTTPServerTest, ReadsAtMost4096BytesAtATime) {
+  // Only what comes with the last byte of a request can make it too long.
+  const auto asksWith = [&](size_t size) {
+    const std::string head = "POST /x HTTP/1.1\r\nContent-Length: ";
+    const size_t body = size - head.size() - strlen("4000\r\n\r\n");
+    Client client;
+    accept();
+    client.send(head + std::to_string(body) + "\r\n\r\n" + std::string(body, 'x') + "y");
+    readAll();
+    client.receive();
+    pass(10s);
+    return client.received;
+  };
+  EXPECT_EQ(asksWith(4096), reply);
+  EXPECT_EQ(asksWith(4095), "");
 }
 
 TEST_F(HTTPServerTest, ServesManyClientsAtATime) {
