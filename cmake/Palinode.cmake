@@ -15,6 +15,16 @@ if(NOT CMAKE_BUILD_TYPE)
   set(CMAKE_BUILD_TYPE Release)
 endif()
 
+# The programs know their files below /lumen. A package keeps them where Debian wants them, and the
+# systemd unit binds these to /lumen.
+if(PALINODE_PACKAGE)
+  set(PALINODE_CONFIG_DIR /etc/lumen)
+  set(PALINODE_ZSH_DIR ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions)
+else()
+  set(PALINODE_CONFIG_DIR /lumen/etc)
+  set(PALINODE_ZSH_DIR ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
+endif()
+
 find_program(PALINODE_CCACHE ccache)
 if(PALINODE_CCACHE)
   set(CMAKE_CXX_COMPILER_LAUNCHER ${PALINODE_CCACHE})

@@ -1,8 +1,9 @@
 # palinode_python_tests(LABEL file... [TIMEOUT seconds])
 # Registers each test method of the unittest files as a test of its own, so that they run in
 # parallel and are counted one by one. They find the built programs in $PALINODE_BIN, their version
-# in $PALINODE_VERSION and the package tests/support on their path. A test that skips itself is
-# shown as skipped. The files are read again whenever they change.
+# in $PALINODE_VERSION, the Debian package in the folder $PALINODE_PACKAGES, and the Python package
+# tests/support on their path. A test that skips itself is shown as skipped. The files are read
+# again whenever they change.
 function(palinode_python_tests label)
   cmake_parse_arguments(ARG "" "TIMEOUT" "" ${ARGN})
   if(NOT ARG_TIMEOUT)
@@ -26,7 +27,7 @@ function(palinode_python_tests label)
           LABELS ${label}
           SKIP_REGULAR_EXPRESSION "\nOK \\(skipped="
           TIMEOUT ${ARG_TIMEOUT}
-          ENVIRONMENT "PYTHONPATH=${CMAKE_SOURCE_DIR}/tests;PALINODE_BIN=${CMAKE_BINARY_DIR}/bin;PALINODE_VERSION=${PROJECT_VERSION}")
+          ENVIRONMENT "PYTHONPATH=${CMAKE_SOURCE_DIR}/tests;PALINODE_BIN=${CMAKE_BINARY_DIR}/bin;PALINODE_PACKAGES=${CMAKE_SOURCE_DIR}/build-package/package;PALINODE_VERSION=${PROJECT_VERSION}")
       endif()
     endforeach()
   endforeach()

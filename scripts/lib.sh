@@ -11,6 +11,8 @@ build_packages=(
   libexpat1-dev uuid-dev libev-dev libmnl-dev libnftables-dev libnetfilter-conntrack-dev
   libinih-dev libcap-ng-dev libc-ares-dev libcli11-dev nlohmann-json3-dev
 )
+# What makes a package of them.
+package_packages=(dpkg-dev file)
 # What the demonstration needs besides: hosts in namespaces and a client that is not ours.
 run_packages=(python3 iproute2 nftables miniupnpc procps)
 # What the tests need besides.

@@ -1,0 +1,164 @@
+"""The Debian package on a fresh Debian, with systemd, as an administrator uses it."""
+
+import contextlib
+import os
+import pathlib
+import re
+import subprocess
+import unittest
+
+from machine import CommandFailed, Machine, make_root
+from support.network import (LAN_ADDRESS, LAN_BRIDGE, WAN_ADDRESS, WAN_LINK, Network, exchange_tcp,
+                             wait_until)
+
+VERSION = os.environ["PALINODE_VERSION"]
+PACKAGES = pathlib.Path(os.environ["PALINODE_PACKAGES"])
+BASE = PACKAGES.parent / "machine"
+
+PORT = 8080
+# Where the package has files, and what belongs to it nowhere else.
+PLACES = ("/etc/lumen", "/var/lib/lumen", "/run/lumen", "/lumen")
+USERS = ("palinode", "lumen-resolver")
+
+
+def package():
+    found = list(PACKAGES.glob("*.deb"))
+    if len(found) != 1:
+        raise AssertionError(f"{PACKAGES} holds no package; scripts/package makes it")
+    return found[0]
+
+
+class PackageTest(unittest.TestCase):
+    def test_lintian_finds_no_error(self):
+        done = subprocess.run(["lintian", "--allow-root", "--fail-on", "error", str(package())],
+                              text=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                              check=False)
+        print(done.stdout)
+        self.assertEqual(done.returncode, 0, done.stdout)
+
+    def test_its_version_is_that_of_the_programs(self):
+        fields = subprocess.run(["dpkg-deb", "--field", package(), "Package", "Version"], text=True,
+                                capture_output=True, check=True).stdout
+        self.assertEqual(fields, f"Package: palinode-igd\nVersion: {VERSION}\n")
+
+
+class InstallationTest(unittest.TestCase):
+    def setUp(self):
+        make_root(BASE)
+        self.network = Network()
+        self.addCleanup(self.network.close)
+        self.machine = Machine(BASE, self.network.router)
+        self.addCleanup(self.machine.close)
+        self.client = self.network.lan[0]
+
+    def install(self, *options):
+        """Installs the package; returns what apt-get printed."""
+        self.machine.put(package(), "/root/palinode-igd.deb")
+        return self.machine.apt_get("install", *options, "/root/palinode-igd.deb")
+
+    def set_up(self):
+        self.machine.run("lumenctl", "upnp", "setup", "--internal", LAN_BRIDGE,
+                         "--external", WAN_LINK)
+
+        def controllable():
+            with contextlib.suppress(OSError, AssertionError):
+                return self.client.connection_control()
+
+        wait_until(controllable, "the gateway can be controlled")
+
+    def there(self, *paths):
+        """Those of the paths that exist on the machine."""
+        return [path for path in paths if self.machine.run("find", path, "-maxdepth", "0",
+                                                           check=False).strip() == path]
+
+    def gateway_log(self):
+        return self.machine.run("journalctl", "--no-pager", "--identifier=palinode-igd",
+                                "--output=cat")
+
+    def main_process(self):
+        return self.machine.run("systemctl", "show", "--property=MainPID", "--value", "lumend")
+
+    def test_starts_nothing_on_the_network(self):
+        said = self.install()
+        self.assertIn("Nothing is open to the network yet.", said)
+        self.assertEqual(self.machine.run("systemctl", "is-active", "lumend"), "active\n")
+        wait_until(lambda: "exit\n" in self.gateway_log(), "the gateway is not needed")
+        self.assertEqual(self.network.router.run("ss", "-Hlntu"), "")
+        with self.assertRaises(ConnectionRefusedError):
+            self.client.connect(LAN_ADDRESS, 2828)
+
+    def test_serves_a_client_after_set_up(self):
+        self.install()
+        self.set_up()
+        printed = self.client.upnpc("-a", self.client.address, str(PORT), str(PORT), "tcp")
+        self.assertIn(f"external {WAN_ADDRESS}:{PORT} TCP is redirected", printed)
+        exchange_tcp(self.network.wan, WAN_ADDRESS, PORT, self.client, PORT)
+        status = self.machine.run("lumenctl", "status")
+        self.assertIn("Gateway: on", status)
+        self.assertRegex(status, rf"{PORT}/tcp +{WAN_ADDRESS} +{self.client.address}:{PORT} +open")
+        description = self.client.speak_to().get("/gateway.xml")
+        self.assertIn(f"Palinode/{VERSION} ", description["SERVER"])
+        self.assertEqual(self.machine.run("lumenctl", "--version"), f"lumenctl {VERSION}\n")
+        self.assertEqual(self.machine.run("lumend", "--version"), f"lumend {VERSION}\n")
+        # Its lines bear its name in the journal, those of lumend another.
+        self.assertIn(f"start int: {LAN_BRIDGE} {LAN_ADDRESS}\n", self.gateway_log())
+        self.assertNotIn("upnp: started", self.gateway_log())
+
+    def test_the_unit_is_hardened(self):
+        self.install()
+        found = self.machine.run("systemd-analyze", "security", "--threshold=30", "lumend")
+        print(found.splitlines()[-1])
+        exposure = re.search(r"Overall exposure level for lumend.service: ([0-9.]+)", found)
+        self.assertLess(float(exposure.group(1)), 3.0)
+
+    def test_is_restarted_when_it_no_longer_answers(self):
+        self.install()
+        self.machine.run("sh", "-c", "mkdir -p /etc/systemd/system/lumend.service.d && "
+                         "printf '[Service]\\nWatchdogSec=1\\n' > "
+                         "/etc/systemd/system/lumend.service.d/watchdog.conf && "
+                         "systemctl daemon-reload && systemctl restart lumend")
+        before = self.main_process()
+        self.machine.run("kill", "-STOP", before.strip())
+        wait_until(lambda: self.main_process() not in (before, "0\n"), "another lumend runs",
+                   limit=60)
+
+    def test_an_upgrade_keeps_the_gateway_and_its_ports(self):
+        self.install()
+        self.set_up()
+        self.client.open_port(PORT, "TCP")
+        before = self.main_process()
+        said = self.install("--reinstall")
+        self.assertIn("The gateway goes on running", said)
+        self.assertIn("systemctl restart lumend", said)
+        self.assertEqual(self.main_process(), before)
+        exchange_tcp(self.network.wan, WAN_ADDRESS, PORT, self.client, PORT)
+
+    def test_removal_leaves_only_what_was_configured_and_purging_nothing(self):
+        self.install()
+        self.set_up()
+        self.client.open_port(PORT, "TCP")
+        self.assertIn("lumen", self.network.router.run("nft", "list", "tables"))
+        self.machine.apt_get("remove", "palinode-igd")
+        self.assertEqual(self.network.router.run("nft", "list", "tables"), "")
+        self.assertEqual(self.there(*PLACES), ["/etc/lumen", "/var/lib/lumen"])
+        self.assertEqual(self.network.router.run("ss", "-Hlntu"), "")
+        with self.assertRaises(CommandFailed):
+            self.machine.run("systemctl", "cat", "lumend")
+
+        # What was configured counts again.
+        self.install()
+        wait_until(lambda: "Gateway: on" in self.machine.run("lumenctl", "status"),
+                   "the gateway is on again")
+
+        self.machine.apt_get("purge", "palinode-igd")
+        left = self.machine.run("find", "/", "-xdev", "(", "-name", "*lumen*", "-o", "-name",
+                                "*palinode*", ")", "-not", "-path", "/var/log/*", "-not", "-path",
+                                "/root/*")
+        self.assertEqual(left, "")
+        for user in USERS:
+            with self.assertRaises(CommandFailed):
+                self.machine.run("getent", "passwd", user)
+
+
+if __name__ == "__main__":
+    unittest.main()
