@@ -15,10 +15,10 @@ build_packages=(
 package_packages=(dpkg-dev file)
 # What the demonstration needs besides: hosts in namespaces and a client that is not ours.
 run_packages=(python3 iproute2 nftables miniupnpc procps)
-# What the tests need besides.
-test_packages=("${run_packages[@]}" libgtest-dev libseccomp-dev clang libclang-rt-dev
-  clang-format nmap
-  gir1.2-gupnp-1.6 python3-gi libupnp13)
+# What the tests need besides; ccache since the package builds the same sources again.
+test_packages=("${run_packages[@]}" "${package_packages[@]}" ccache libgtest-dev libseccomp-dev
+  clang libclang-rt-dev clang-format nmap gir1.2-gupnp-1.6 python3-gi libupnp13
+  debootstrap lintian)
 # What measuring the coverage needs besides.
 coverage_packages=(llvm)
 
@@ -103,6 +103,13 @@ build() {
   fi
   rm -f "$log"
   printf 'ok  built the programs, %s (%s s)\n' "$preset" "$(seconds $(($(now) - started)))"
+}
+
+# Builds the package, the only one in build-package/package/.
+make_package() {
+  build package
+  rm -f build-package/package/*.deb
+  step "made the package" as_owner cpack --config build-package/CPackConfig.cmake
 }
 
 need_root() { [ "$(id -u)" -eq 0 ] || fail "$1: run me with sudo"; }
