@@ -170,7 +170,6 @@ void addSetup(CLI::App& upnp, Session& session) {
 
 void addSettings(CLI::App& upnp, Session& session) {
   CLI::App* settings = upnp.add_subcommand("settings", "show or set the gateway's settings");
-  settings->require_subcommand(0, 1);
   CLI::App* set = settings->add_subcommand("set", "set some of them, the others stay as they are");
   auto assignments = std::make_shared<std::vector<std::string>>();
   set->add_option("settings", *assignments, "settings: " + joined(settingNames()))

@@ -62,6 +62,7 @@ TEST_F(Listing, DoesNotForgetAnInterfaceThatTheGatewayWouldNotLetGo) {
   router.refuses({40, 0}, lm::cmd::removeObject, "service unavailable");
   const auto result = router.lumenctl({"interface", "forget", "wan0"});
   EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.out, "");
   EXPECT_EQ(result.err, "lumenctl: service unavailable\n");
   EXPECT_EQ(router.changes(), Lines{"[40,0] fe0006 08fe0001=2"});
 }

@@ -216,6 +216,8 @@ TEST_F(Monitoring, PutsTextInQuotesUnlessItIsOneWord) {
                                                         {"a]", "\"a]\""},
                                                         {"\"", "\"\\\"\""},
                                                         {"\\", "\"\\\\\""},
+                                                        {"~", "~"},
+                                                        {"\x7f", "\"\\x7f\""},
                                                         {"\xe2\x80\xae", "\"\\xe2\\x80\\xae\""}}) {
     lm::message fields;
     fields.insert_string(lumen::interfaces::key::name, value);

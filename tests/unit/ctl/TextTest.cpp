@@ -18,6 +18,14 @@ TEST(Printable, LeavesOrdinaryTextAlone) {
   }
 }
 
+TEST(Printable, LeavesTheFirstAndTheLastCharacterOfEachLengthAlone) {
+  for (const char* text :
+       {" ", "~", "\xc2\xa0", "\xdf\xbf", "\xe0\xa0\x80", "\xed\x9f\xbf", "\xee\x80\x80",
+        "\xef\xbf\xbd", "\xf0\x90\x80\x80", "\xf4\x8f\xbf\xbf"}) {
+    EXPECT_EQ(printable(text), text);
+  }
+}
+
 TEST(Printable, EscapesWhatATerminalWouldObey) {
   const std::vector<std::pair<std::string, std::string>> cases = {
       {"\x1b[2J", "\\x1b[2J"},

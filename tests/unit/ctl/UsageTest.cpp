@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "ctl/FakePlatform.h"
+#include "platform/Keys.h"
 
 namespace lumenctl {
 namespace {
@@ -86,6 +87,56 @@ TEST_F(Usage, EndsWith1WhenThePlatformCannotBeReached) {
   const auto result = router.lumenctl({"status"});
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.err, "lumenctl: nobody answers\n");
+}
+
+/// Every command that changes something, on a router where it has something to change.
+const std::vector<Lines> changing = {
+    {"interface", "forget", "br-lan"},
+    {"nat", "close", "8080/tcp"},
+    {"nat", "policy", "set", "max-rules=1"},
+    {"nat", "policy", "reset"},
+    {"upnp", "settings", "set", "enabled=on"},
+    {"upnp", "interface", "add", "wan1", "--role", "external"},
+    {"upnp", "interface", "set", "wan0", "--disable"},
+    {"upnp", "interface", "remove", "wan0"},
+    {"upnp", "setup", "--internal", "br-lan", "--external", "wan1"},
+    {"undo"},
+};
+
+void hasSomethingToChange(FakePlatform& router) {
+  router.hasLink("br-lan", 2);
+  router.hasLink("wan0", 1);
+  router.gatewayUses("wan0", 1);
+  router.hasLink("wan1", 1);
+  router.hasPort(8080, 6, "192.168.88.10", 80);
+  router.wasChanged("upnp config changed", lm::cmd::set, {});
+}
+
+TEST_F(Usage, SaysThatNothingIsDoneWhenItWasRefused) {
+  hasSomethingToChange(router);
+  for (const uint32_t command :
+       {lm::cmd::addObject, lm::cmd::set, lm::cmd::setObject, lm::cmd::removeObject}) {
+    router.refuses({20, 0}, command, "no");
+    router.refuses({20, 5}, command, "no");
+    router.refuses({40, 0}, command, "no");
+  }
+  for (const Lines& arguments : changing) {
+    const auto result = router.lumenctl(arguments);
+    EXPECT_EQ(result.status, 1) << result.out;
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "lumenctl: no\n");
+  }
+}
+
+TEST_F(Usage, SaysWhatIsDoneInJsonToo) {
+  for (Lines arguments : changing) {
+    FakePlatform fresh;
+    hasSomethingToChange(fresh);
+    arguments.emplace_back("--json");
+    const auto result = fresh.lumenctl(arguments);
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_TRUE(result.out.starts_with("{\n  \"done\": [\n    \"")) << result.out;
+  }
 }
 
 TEST_F(Usage, TakesTheRootBeforeOrBehindTheCommand) {
