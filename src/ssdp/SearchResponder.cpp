@@ -20,6 +20,12 @@ std::optional<std::string> parseSearch(std::string_view datagram) {
   return message.getField("ST");
 }
 
+std::pair<SearchTargets::const_iterator, SearchTargets::const_iterator> findTargets(
+    const SearchTargets& targets, const std::string& target) {
+  if (target == "ssdp:all") return {targets.begin(), targets.end()};
+  return targets.equal_range(target);
+}
+
 HTTPMessage searchReply(uint32_t address, const std::string& target, const std::string& usn) {
   HTTPMessage reply(HTTP_OK);
   addMaxAge(reply);
@@ -48,10 +54,8 @@ std::optional<SearchRequest> receiveSearch(int discoverySocket) {
 
 void answerSearch(const SearchRequest& request, const std::string& ifname, uint32_t address,
                   const SearchTargets& targets) {
-  const auto [first, last] = request.target == "ssdp:all"
-                                 ? std::pair(targets.begin(), targets.end())
-                                 : targets.equal_range(request.target);
   const lm::Fd socket(makeUdpSocket(ifname));
+  const auto [first, last] = findTargets(targets, request.target);
   for (auto entry = first; entry != last; ++entry) {
     const auto& [target, usn] = *entry;
     if (!sendDatagram(socket.get(), searchReply(address, target, usn), request.sender)) {

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "description/UpnpDevice.h"
 #include "http/HTTPMessage.h"
@@ -19,6 +20,11 @@ struct SearchRequest {
 /// What `datagram` looks for, if it is a well-formed M-SEARCH (UPnP Device Architecture 1.0 section
 /// 1.2.2); none otherwise.
 [[nodiscard]] std::optional<std::string> parseSearch(std::string_view datagram);
+
+/// The first of the entries of `targets` that a search for `target` finds, and the end behind the
+/// last: all of them for "ssdp:all".
+[[nodiscard]] std::pair<SearchTargets::const_iterator, SearchTargets::const_iterator> findTargets(
+    const SearchTargets& targets, const std::string& target);
 
 /// The reply for one entry of the search targets. `address` is the interface's, in network byte
 /// order.
