@@ -1,15 +1,13 @@
 #include "lumen/services/nat/PolicyBook.h"
 
-#include <ini.h>
-
 #include <array>
-#include <set>
 #include <utility>
 #include <variant>
 
 #include "lumen/runtime/Fields.h"
 #include "lumen/services/nat/KnownFields.h"
 #include "lumen/services/nat/NatKeys.h"
+#include "lumen/services/nat/PolicyFile.h"
 #include "lumen/services/system/PlainFile.h"
 
 namespace lumen {
@@ -28,29 +26,6 @@ constexpr Setting settingsByField[] = {
     {key::maxRules, "max-rules"},
     {key::maxRulesPerClient, "max-rules-per-client"},
 };
-
-// Bytes. A policy is read by people.
-constexpr size_t maxPolicyFile = 16384;
-
-/// What the file's reader collects.
-struct Reading {
-  Policy policy;
-  std::set<std::string, std::less<>> seen;
-  std::string error;  // the first
-};
-
-int takeLine(void* user, const char* section, const char* name, const char* value) {
-  auto& reading = *static_cast<Reading*>(user);
-  if (!reading.error.empty()) return 0;
-  if (*section != '\0') {
-    reading.error = "sections are not used";
-  } else if (!reading.seen.insert(name).second) {
-    reading.error = "\"" + std::string(name) + "\" is set twice";
-  } else if (auto wrong = reading.policy.set(name, value)) {
-    reading.error = *wrong;
-  }
-  return reading.error.empty() ? 1 : 0;
-}
 
 // Applies the fields of `written` to `policy`. Returns what is wrong, if anything is.
 std::optional<std::string> apply(const lm::message& written, Policy& policy) {
@@ -73,18 +48,13 @@ PolicyBook::PolicyBook(std::string filePath, std::string storeDirectory)
     : filePath_(std::move(filePath)), store_(std::move(storeDirectory), 1) {}
 
 std::optional<std::string> PolicyBook::load() {
-  Reading reading;
   // One byte more than is allowed is read, so that a file that is too long shows.
   const PlainFile file = readPlainFile(filePath_, maxPolicyFile + 1);
   if (!file.error.empty() && !file.missing) return filePath_ + ": " + file.error;
-  if (file.text.size() > maxPolicyFile) return filePath_ + ": is too long";
-  if (file.text.find('\0') != std::string::npos) return filePath_ + ": is no text";
-  const int line = ini_parse_string(file.text.c_str(), takeLine, &reading);
-  if (line > 0) {
-    return filePath_ + ":" + std::to_string(line) + ": " +
-           (reading.error.empty() ? "not a line of the form name = value" : reading.error);
-  }
-  fromFile_ = reading.policy;
+  std::string error;
+  const auto policy = parsePolicyFile(file.text, error);
+  if (!policy) return filePath_ + error;
+  fromFile_ = *policy;
   policy_ = fromFile_;
   written_ = store_.get(0).value_or(lm::message());
   if (auto wrong = apply(written_, policy_)) return "stored NAT policy: " + *wrong;

@@ -177,8 +177,16 @@ TEST_F(PolicyBookTest, RefusesAFileThatItDoesNotUnderstandWhole) {
   EXPECT_EQ(loads(std::string("max-rules = 5\n\0external-ports = 80\n", 34)),
             filePath + ": is no text");
   EXPECT_EQ(loads(std::string(16385, '\n')), filePath + ": is too long");
-  EXPECT_EQ(loads("external-ports = 80" + std::string(300, ' ') + ", 90\n").has_value(), true)
-      << "a line that is too long for its reader";
+}
+
+TEST_F(PolicyBookTest, RefusesALineThatItsParserWouldCutInTwo) {
+  const std::string tooLong = filePath + ":2: the line is too long";
+  EXPECT_EQ(loads("\nexternal-ports = 80" + std::string(172, ' ') + "\n"), tooLong);
+  EXPECT_EQ(loads("\nexternal-ports = 80" + std::string(171, ' ') + "\n"), std::nullopt);
+  EXPECT_EQ(ports(), "80");
+  EXPECT_EQ(loads("\n; " + std::string(197, 'x') + "external-ports = 1-65535\n"), tooLong)
+      << "the end of a comment is no setting";
+  EXPECT_EQ(ports(), "80");
 }
 
 TEST_F(PolicyBookTest, RefusesAFileThatItCannotRead) {
