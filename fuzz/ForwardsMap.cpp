@@ -1,0 +1,128 @@
+#include "fuzz/ForwardsMap.h"
+
+#include <arpa/inet.h>
+
+#include <charconv>
+#include <utility>
+
+#include "fuzz/Fuzz.h"
+#include "lumen/services/nat/Rule.h"
+
+namespace fuzz {
+
+namespace {
+
+/// Takes what is before `end`, and `end`, from the front of `text`; all of it without an `end`.
+std::string_view takeUpTo(std::string_view& text, std::string_view end) {
+  const size_t at = text.find(end);
+  const std::string_view part = text.substr(0, at);
+  text.remove_prefix(at == std::string_view::npos ? text.size() : at + end.size());
+  return part;
+}
+
+bool isAddress(std::string_view text) {
+  in_addr address{};
+  const std::string dotted(text);
+  return inet_pton(AF_INET, dotted.c_str(), &address) == 1 &&
+         lumen::addressText(address.s_addr) == dotted;
+}
+
+bool isPort(std::string_view text) {
+  uint16_t port = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
+  return error == std::errc() && end == text.data() + text.size() && port != 0;
+}
+
+void checkKey(std::string_view key) {
+  const std::string_view address = takeUpTo(key, " . ");
+  const std::string_view protocol = takeUpTo(key, " . ");
+  require(isAddress(address) && (protocol == "tcp" || protocol == "udp") && isPort(key),
+          "a key is an address, a protocol and a port");
+}
+
+void checkClient(std::string_view client) {
+  const std::string_view address = takeUpTo(client, " . ");
+  require(isAddress(address) && isPort(client), "a client is an address and a port");
+}
+
+/// What is between `head` and " }", which must be all of `line`. None when it begins otherwise.
+std::optional<std::string_view> argumentOf(std::string_view line, std::string_view head) {
+  if (!line.starts_with(head)) return std::nullopt;
+  require(line.ends_with(" }"), "a command is complete");
+  line.remove_suffix(2);
+  return line.substr(head.size());
+}
+
+}  // namespace
+
+lumen::Nftables::Result ForwardsMap::run(const std::string& commands) {
+  if (refuses()) return {false, "Error: refused\nsecond line"};
+  if (const auto key = argumentOf(commands, "get element ip lumen forwards { ")) {
+    return get(std::string(*key));
+  }
+  removed_.reset();
+  for (std::string_view rest = commands; !rest.empty();) runLine(takeUpTo(rest, "\n"));
+  return {true, ""};
+}
+
+lumen::Nftables::Result ForwardsMap::runFile(const std::string& /*path*/) {
+  require(false, "the ruleset is loaded at the start only");
+  return {};
+}
+
+bool ForwardsMap::refuses() {
+  if (!refusal_) return false;
+  const bool now = *refusal_ == 0;
+  refusal_ = now ? std::nullopt : std::optional(*refusal_ - 1);
+  return now;
+}
+
+void ForwardsMap::runLine(std::string_view line) {
+  if (const auto element = argumentOf(line, "add element ip lumen forwards { "))
+    return add(*element);
+  const auto keys = argumentOf(line, "delete element ip lumen forwards { ");
+  require(keys.has_value(), "commands are known");
+  remove(*keys);
+}
+
+void ForwardsMap::add(std::string_view element) {
+  std::string_view client = element;
+  std::string_view key = takeUpTo(client, " : ");
+  const size_t behind = key.find(" counter ");
+  const std::string counter(behind == std::string_view::npos ? "" : key.substr(behind));
+  key = key.substr(0, behind);
+  checkKey(key);
+  checkClient(client);
+  require(removed_ ? removed_->counter == counter : counter.empty(),
+          "what is changed keeps its counter");
+  removed_.reset();
+  ++added_;
+  const auto [place, isNew] = elements_.try_emplace(
+      std::string(key),
+      Element{std::string(client), counter.empty() ? " counter packets " + std::to_string(added_) +
+                                                         " bytes " + std::to_string(added_ * 100)
+                                                   : counter});
+  require(isNew, "what is there is not added");
+}
+
+void ForwardsMap::remove(std::string_view keys) {
+  while (!keys.empty()) {
+    const std::string key(takeUpTo(keys, ", "));
+    checkKey(key);
+    const auto element = elements_.find(key);
+    require(element != elements_.end(), "what is not there is not removed");
+    removed_ = std::move(element->second);
+    elements_.erase(element);
+  }
+}
+
+lumen::Nftables::Result ForwardsMap::get(const std::string& key) const {
+  checkKey(key);
+  const auto element = elements_.find(key);
+  require(element != elements_.end(), "what is not there is not looked for");
+  const auto& [client, counter] = element->second;
+  return {true, "table ip lumen {\n\tmap forwards {\n\t\telements = { " + key + counter + " : " +
+                    client + " }\n\t}\n}\n"};
+}
+
+}  // namespace fuzz

@@ -1,0 +1,62 @@
+// Requests to open and change ports, as any program may send them: what is taken obeys its limits,
+// and the record of it asks for the same.
+
+#include <netinet/in.h>
+
+#include <string>
+
+#include "fuzz/Fuzz.h"
+#include "lumen/runtime/Codec.h"
+#include "lumen/runtime/Fields.h"
+#include "lumen/services/nat/NatKeys.h"
+#include "lumen/services/nat/RuleMessage.h"
+#include "platform/Keys.h"
+
+namespace {
+
+using fuzz::require;
+namespace key = lumen::nat::key;
+
+constexpr uint32_t recordOnly[] = {lm::key::objectId, key::owner, key::seconds,
+                                   key::connections,  key::stale, key::closed};
+
+void checkRule(const lumen::Rule& rule) {
+  require(rule.key.protocol == IPPROTO_TCP || rule.key.protocol == IPPROTO_UDP,
+          "a rule is for TCP or UDP");
+  require(rule.key.external.port != 0 && rule.client.port != 0, "a port is from 1 to 65535");
+  require(!rule.closed && rule.connection == 0 && rule.owner.empty(),
+          "nobody but the table says whose a rule is");
+
+  lm::message record = lumen::ruleRecord(7, rule, {});
+  std::string refusal;
+  require(!lumen::readRule(record, refusal) && refusal.find("not known") != std::string::npos,
+          "a record is no request");
+  for (const uint32_t field : recordOnly) record.fields().erase(field);
+  const auto again = lumen::readRule(record, refusal);
+  require(again && again->key == rule.key && again->client == rule.client &&
+              again->disabled == rule.disabled,
+          "the record of a rule asks for that rule");
+}
+
+void checkChange(const lumen::RuleChange& change, const lm::message& request) {
+  require(!change.clientPort || *change.clientPort != 0, "a port is from 1 to 65535");
+  require(!change.close || (!change.disabled && !change.clientAddress && !change.clientPort),
+          "closing a port changes nothing else");
+  require(change.disabled.has_value() == (request.fields().find(lm::key::disabled) != nullptr),
+          "what a request does not have does not change");
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  std::string refusal;
+  const auto request = lm::decode(fuzz::text(data, size), refusal);
+  if (!request) return 0;
+  const auto rule = lumen::readRule(*request, refusal);
+  require(rule.has_value() == refusal.empty(), "a refused rule has a reason");
+  if (rule) checkRule(*rule);
+  const auto change = lumen::readChange(*request, refusal);
+  require(change.has_value() == refusal.empty(), "a refused change has a reason");
+  if (change) checkChange(*change, *request);
+  return 0;
+}

@@ -1,0 +1,267 @@
+// The NAT rule table under any sequence of requests, ends of connections and refusals of the
+// kernel: afterwards the kernel's map holds exactly what the table lists as open.
+//
+// An input is a row of steps: a byte what happens, a byte who asks, and what that takes. Requests
+// are right ones made of few bytes, with fields of an encoded message put over them.
+
+#include <arpa/inet.h>
+
+#include <array>
+#include <map>
+#include <set>
+#include <string>
+
+#include "fuzz/ForwardsMap.h"
+#include "fuzz/Fuzz.h"
+#include "lumen/runtime/Codec.h"
+#include "lumen/runtime/EventLoop.h"
+#include "lumen/runtime/Fields.h"
+#include "lumen/services/nat/NatKeys.h"
+#include "lumen/services/nat/NatRules.h"
+#include "platform/Keys.h"
+#include "services/nat/FakeKernel.h"
+#include "support/ManualClock.h"
+
+namespace {
+
+using fuzz::require;
+namespace key = lumen::nat::key;
+
+const std::array<lumen::Caller, 4> callers = {{
+    {.connection = 1, .service = 40, .name = "upnp", .administrator = false},
+    {.connection = 2, .service = 41, .name = "other", .administrator = false},
+    {.connection = 3, .service = 0, .name = "", .administrator = false},
+    {.connection = 4, .service = 0, .name = "", .administrator = true},
+}};
+const lumen::Caller& administrator = callers.back();
+
+/// Takes an input apart; at its end everything is 0.
+class Input {
+ public:
+  explicit Input(std::string_view bytes) : rest_(bytes) {}
+
+  [[nodiscard]] bool empty() const { return rest_.empty(); }
+  uint8_t byte() {
+    if (rest_.empty()) return 0;
+    const auto first = static_cast<uint8_t>(rest_.front());
+    rest_.remove_prefix(1);
+    return first;
+  }
+  /// A byte that is its length, and as many bytes.
+  std::string_view block() {
+    const std::string_view bytes = rest_.substr(0, byte() + size_t{1});
+    if (bytes.empty()) return {};
+    rest_.remove_prefix(bytes.size() - 1);
+    return bytes.substr(1);
+  }
+
+ private:
+  std::string_view rest_;
+};
+
+uint32_t portOf(uint8_t byte) {
+  constexpr uint32_t special[] = {0, 1, 1023, 1024, 65535, 65536};
+  return byte < std::size(special) ? special[byte] : 8000U + byte;
+}
+
+uint32_t externalOf(uint8_t byte) {
+  constexpr const char* addresses[] = {"45.45.45.1", "192.168.88.1", "45.45.45.7"};
+  return inet_addr(addresses[byte % std::size(addresses)]);
+}
+
+uint32_t clientOf(uint8_t byte) {
+  constexpr const char* addresses[] = {"192.168.88.10", "192.168.88.11",  "192.168.88.1",
+                                       "45.45.45.9",    "192.168.88.255", "10.1.2.3",
+                                       "172.16.0.1",    "239.255.255.250"};
+  return inet_addr(addresses[byte % std::size(addresses)]);
+}
+
+void insertClient(lm::message& request, Input& in) {
+  const uint32_t client = clientOf(in.byte());
+  const uint32_t port = portOf(in.byte());
+  request.insert_be32(key::clientFirst, client);
+  request.insert_be32(key::clientLast, client);
+  request.insert_u32(key::clientPortFirst, port);
+  request.insert_u32(key::clientPortLast, port);
+}
+
+lm::message addRequest(Input& in) {
+  const uint8_t how = in.byte();
+  const uint32_t external = externalOf(how / 4);
+  const uint32_t port = portOf(in.byte());
+  lm::message request;
+  request.insert_bool(lm::key::dynamic, true);
+  request.insert_bool(lm::key::disabled, how % 4 == 3);
+  request.insert_string(key::chain, "dstnat");
+  request.insert_bool(key::matchAddress, true);
+  request.insert_be32(key::addressFirst, external);
+  request.insert_be32(key::addressLast, external);
+  request.insert_bool(key::matchPort, true);
+  request.insert_u32(key::portFirst, port);
+  request.insert_u32(key::portLast, port);
+  request.insert_bool(key::matchProtocol, true);
+  request.insert_u32(key::protocol, how % 2 == 0 ? IPPROTO_TCP : IPPROTO_UDP);
+  request.insert_u32(key::action, lumen::nat::actionDnat);
+  request.insert_bool(key::translateAddress, true);
+  request.insert_bool(key::translatePort, true);
+  insertClient(request, in);
+  return request;
+}
+
+lm::message setRequest(Input& in) {
+  lm::message request;
+  request.insert_u32(lm::key::objectId, in.byte());
+  const uint8_t how = in.byte();
+  if (how % 8 == 7) {
+    request.insert_bool(key::closed, true);
+    return request;
+  }
+  if (how % 8 < 4) request.insert_bool(lm::key::disabled, how % 2 == 1);
+  if (how % 8 != 3) insertClient(request, in);
+  return request;
+}
+
+/// Puts the fields of an encoded message, if it is one, over those of `request`.
+void spoil(lm::message& request, std::string_view encoded) {
+  std::string reason;
+  const auto fields = lm::decode(encoded, reason);
+  if (!fields) return;
+  for (const lm::Field& field : fields->fields()) request.fields().set(field.key, field.value);
+}
+
+/// The table on a kernel, flows and a clock that are ours.
+class Router {
+ public:
+  Router(lumen::PolicyBook& policies, lm::test::ManualClock& clock, lm::EventLoop& loop)
+      : policies_(policies), clock_(clock), loop_(loop) {}
+
+  void happens(Input& in) {
+    const uint8_t what = in.byte();
+    const lumen::Caller& caller = callers[in.byte() % callers.size()];
+    switch (what % 10) {
+      case 0:
+      case 1:
+        return asks(caller, lm::cmd::addObject, addRequest(in), in);
+      case 2:
+        return asks(caller, lm::cmd::setObject, setRequest(in), in);
+      case 3:
+        return asks(caller, lm::cmd::removeObject, withId(in.byte()), in);
+      case 4:
+        return asks(caller, lm::cmd::readObject, withId(in.byte()), in);
+      case 5:
+        return asks(caller, lm::cmd::set, {}, in);
+      case 6:
+        return asks(caller, in.byte(), {}, in);
+      case 7:
+        return rules_.connectionEnded(caller.connection);
+      case 8:
+        return kernel_.refuseAfter(in.byte() % 4);
+      default:
+        return passes(in.byte() * 10U);
+    }
+  }
+
+  void checkTables() {
+    std::map<std::string, std::string> open;
+    std::map<uint32_t, uint32_t> ofClient;
+    std::set<lumen::RuleKey> keys;
+    uint32_t count = 0;
+    lm::message request;
+    do {
+      const lm::message page = rules_.handle(administrator, lm::cmd::list, request);
+      for (const lm::message& record : page.get_message_array_ref(lm::key::records)) {
+        const lumen::RuleKey rule = keyOf(record);
+        const lumen::Endpoint client = clientOf(record);
+        ++count;
+        require(keys.insert(rule).second, "no port is open twice");
+        require(++ofClient[client.address] <= policies_.policy().maxRulesPerClient,
+                "a client has no more rules than the policy allows");
+        require(policies_.policy().refusal(rule, client, networks_).empty(),
+                "no rule is against the policy");
+        if (!record.get_bool(lm::key::disabled) && !record.get_bool(key::closed)) {
+          open.emplace(textOf(rule), textOf(client));
+        }
+      }
+      request = page;
+    } while (request.get_u32(lm::key::cursor, lm::none) != lm::none);
+    require(count <= policies_.policy().maxRules, "there are no more rules than allowed");
+    for (const auto& [rule, element] : kernel_.elements()) {
+      const auto listed = open.find(rule);
+      require(listed != open.end() && listed->second == element.client,
+              "what is open in the kernel is listed");
+    }
+    require(open.size() == kernel_.elements().size(), "what is listed is open in the kernel");
+  }
+
+  void end() {
+    for (const lumen::Caller& caller : callers) rules_.connectionEnded(caller.connection);
+    require(kernel_.elements().empty(), "no port outlives its connection");
+  }
+
+ private:
+  static lm::message withId(uint32_t id) {
+    lm::message request;
+    request.insert_u32(lm::key::objectId, id);
+    return request;
+  }
+
+  static lumen::RuleKey keyOf(const lm::message& record) {
+    return {.external = {.address = record.get_be32(key::addressFirst),
+                         .port = static_cast<uint16_t>(record.get_u32(key::portFirst))},
+            .protocol = static_cast<uint8_t>(record.get_u32(key::protocol))};
+  }
+  static lumen::Endpoint clientOf(const lm::message& record) {
+    return {.address = record.get_be32(key::clientFirst),
+            .port = static_cast<uint16_t>(record.get_u32(key::clientPortFirst))};
+  }
+  static std::string textOf(const lumen::RuleKey& rule) {
+    return lumen::addressText(rule.external.address) + " . " + lumen::protocolText(rule.protocol) +
+           " . " + std::to_string(rule.external.port);
+  }
+  static std::string textOf(const lumen::Endpoint& client) {
+    return lumen::addressText(client.address) + " . " + std::to_string(client.port);
+  }
+
+  void asks(const lumen::Caller& caller, uint32_t command, lm::message request, Input& in) {
+    spoil(request, in.block());
+    const auto before = kernel_.elements();
+    const lm::message reply = rules_.handle(caller, command, request);
+    if (!lm::isError(reply)) return;
+    require(!lm::getError(reply).empty(), "a refusal has a reason");
+    require(kernel_.elements() == before, "what is refused changes nothing");
+  }
+
+  void passes(uint64_t milliseconds) {
+    if (flows_.sweeping()) flows_.finishSweep();
+    clock_.advance(milliseconds);
+    loop_.turn(0);
+  }
+
+  lumen::PolicyBook& policies_;
+  lm::test::ManualClock& clock_;
+  lm::EventLoop& loop_;
+  fuzz::ForwardsMap kernel_;
+  lumen::test::FakeFlows flows_;
+  lumen::test::FakeNetworks networks_;
+  lumen::NatMap map_{kernel_};
+  lumen::NatRules rules_{map_, flows_, networks_, policies_, clock_};
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static lm::test::ManualClock clock;
+  static lm::EventLoop loop(clock);
+  // Without a store a policy can be judged and not be changed.
+  static lumen::PolicyBook policies(NAT_POLICY_FILE, "/nonexistent");
+  static const bool loaded = !policies.load();
+  require(loaded, "the policy is good");
+
+  Router router(policies, clock, loop);
+  for (Input in(fuzz::text(data, size)); !in.empty();) {
+    router.happens(in);
+    router.checkTables();
+  }
+  router.end();
+  return 0;
+}

@@ -1,0 +1,85 @@
+// Policy files: a policy that is taken obeys its limits, is the same when its settings are written
+// down plainly, and owes nothing to a comment.
+
+#include <arpa/inet.h>
+
+#include <initializer_list>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "fuzz/Fuzz.h"
+#include "lumen/services/nat/PolicyFile.h"
+
+namespace {
+
+using fuzz::require;
+
+bool same(const lumen::Policy& a, const lumen::Policy& b) {
+  return a.externalPorts.text() == b.externalPorts.text() &&
+         a.internalClients.text() == b.internalClients.text() && a.maxRules == b.maxRules &&
+         a.maxRulesPerClient == b.maxRulesPerClient;
+}
+
+/// A default policy with the same settings.
+lumen::Policy written(const lumen::Policy& policy) {
+  lumen::Policy again;
+  const auto set = [&again](std::string_view name, const std::string& value) {
+    require(!again.set(name, value), "a setting is taken as it is written");
+  };
+  set("external-ports", policy.externalPorts.text());
+  set("internal-clients", policy.internalClients.text());
+  set("max-rules", std::to_string(policy.maxRules));
+  set("max-rules-per-client", std::to_string(policy.maxRulesPerClient));
+  return again;
+}
+
+/// The text without the lines that are comments.
+std::string withoutComments(std::string_view text) {
+  std::string rest;
+  while (!text.empty()) {
+    const std::string_view line = text.substr(0, text.find('\n'));
+    const size_t first = line.find_first_not_of(" \t\r\v\f");
+    const bool comment =
+        first != std::string_view::npos && (line[first] == ';' || line[first] == '#');
+    if (!comment) rest.append(line);
+    rest.append("\n");
+    text.remove_prefix(std::min(line.size() + 1, text.size()));
+  }
+  return rest;
+}
+
+/// Whether both allow the same of some ports and hosts.
+void checkAgreement(const lumen::Policy& a, const lumen::Policy& b) {
+  for (const uint16_t port : std::initializer_list<uint16_t>{1, 79, 80, 1023, 1024, 8080, 65535}) {
+    require(a.externalPorts.contains(port) == b.externalPorts.contains(port),
+            "the same ports are allowed");
+  }
+  require(!a.externalPorts.contains(0), "port 0 is not allowed");
+  for (const char* host : {"0.0.0.0", "10.0.0.1", "192.168.88.10", "255.255.255.255"}) {
+    for (const bool connected : {false, true}) {
+      require(a.internalClients.contains(inet_addr(host), connected) ==
+                  b.internalClients.contains(inet_addr(host), connected),
+              "the same clients are allowed");
+    }
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  const std::string_view text = fuzz::text(data, size);
+  std::string error;
+  const auto policy = lumen::parsePolicyFile(text, error);
+  require(policy.has_value() == error.empty(), "a refusal has a reason");
+  if (!policy) return 0;
+  require(policy->maxRules <= 65536 && policy->maxRulesPerClient <= 65536,
+          "a table fits in a small router");
+  const lumen::Policy again = written(*policy);
+  require(same(*policy, again), "settings are written as they were read");
+  checkAgreement(*policy, again);
+
+  const auto bare = lumen::parsePolicyFile(withoutComments(text), error);
+  require(bare && same(*policy, *bare), "a comment means nothing");
+  return 0;
+}
