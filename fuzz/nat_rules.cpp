@@ -35,6 +35,8 @@ const std::array<lumen::Caller, 4> callers = {{
 }};
 const lumen::Caller& administrator = callers.back();
 
+constexpr const char* nowhere = "/nonexistent";
+
 /// Takes an input apart; at its end everything is 0.
 class Input {
  public:
@@ -244,7 +246,8 @@ class Router {
   lumen::test::FakeFlows flows_;
   lumen::test::FakeNetworks networks_;
   lumen::NatMap map_{kernel_};
-  lumen::NatRules rules_{map_, flows_, networks_, policies_, clock_};
+  lumen::FlowMarks marks_{nowhere};  // which are not kept
+  lumen::NatRules rules_{map_, flows_, marks_, networks_, policies_, clock_};
 };
 
 }  // namespace
@@ -253,7 +256,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static lm::test::ManualClock clock;
   static lm::EventLoop loop(clock);
   // Without a store a policy can be judged and not be changed.
-  static lumen::PolicyBook policies(NAT_POLICY_FILE, "/nonexistent");
+  static lumen::PolicyBook policies(NAT_POLICY_FILE, nowhere);
   static const bool loaded = !policies.load();
   require(loaded, "the policy is good");
 
