@@ -213,15 +213,15 @@ class Network:
         self.close()
 
 
-def exchange_tcp(sender, address, port, receiver, receiver_port):
-    """Sends bytes from the host `sender` through `address`:`port` to the host `receiver` and
-    back."""
+def exchange_tcp(sender, address, port, receiver, receiver_port, seen_as=None):
+    """Sends bytes from the host `sender` through `address`:`port` to the host `receiver`, which
+    sees its address or `seen_as`, and back."""
     with receiver.listen(receiver_port) as listener, sender.connect(address, port) as connection:
         accepted, peer = listener.accept()
         with accepted:
             accepted.settimeout(ANSWER_LIMIT)
-            if peer[0] != sender.address:
-                raise AssertionError(f"came from {peer[0]}, not from {sender.address}")
+            if peer[0] != (seen_as or sender.address):
+                raise AssertionError(f"came from {peer[0]}")
             for data, out, back in ((b"tcp there", connection, accepted),
                                     (b"tcp back", accepted, connection)):
                 out.send(data)
@@ -230,12 +230,13 @@ def exchange_tcp(sender, address, port, receiver, receiver_port):
                     raise AssertionError(f"sent {data}, got {got}")
 
 
-def exchange_udp(sender, receiver, receiver_port):
-    """Sends bytes from the connected UDP socket `sender` to the host `receiver` and back."""
+def exchange_udp(sender, receiver, receiver_port, seen_as=None):
+    """Sends bytes from the connected UDP socket `sender` to the host `receiver`, which sees its
+    address or `seen_as`, and back."""
     with receiver.udp(receiver_port) as sock:
         sender.send(b"udp there")
         data, peer = sock.recvfrom(100)
-        if data != b"udp there" or peer != sender.getsockname():
+        if data != b"udp there" or peer[0] != (seen_as or sender.getsockname()[0]):
             raise AssertionError(f"got {data} from {peer}")
         sock.sendto(b"udp back", peer)
         if sender.recv(100) != b"udp back":

@@ -1,0 +1,119 @@
+"""How traffic of open ports passes the router: from inside by the external address, and past a
+firewall."""
+
+import unittest
+
+from support.network import (LAN_ADDRESS, LAN_BRIDGE, WAN_ADDRESS, WAN_LINK, ControlPoint,
+                             exchange_tcp, exchange_udp, tcp_refused, udp_refused)
+from support.router_case import RouterCase
+
+OTHER_NETWORK = "192.168.89"
+PORT = 8080
+SERVER_PORT = 80
+
+
+def let_bridge_alone(router):
+    """Packets that only cross the bridge are no business of the router's packet filter. It is the
+    kernel's default, unless a program has loaded br_netfilter."""
+    router.namespace.run("sh", "-c", "f=/proc/sys/net/bridge/bridge-nf-call-iptables; "
+                         "if [ -e $f ]; then echo 0 > $f; fi")
+
+
+class HairpinTest(RouterCase):
+    """LAN hosts that use the external address, as they do with a name that all the world uses."""
+
+    def setUp(self):
+        super().setUp()
+        let_bridge_alone(self.router)
+        self.server, self.neighbour = self.lan
+        self.server.open_port(PORT, "TCP", internal_port=SERVER_PORT)
+        self.server.open_port(PORT, "UDP", internal_port=SERVER_PORT)
+
+    def reach(self, client, seen_as):
+        """Bytes from the client, which the server sees by that address, by TCP and by UDP."""
+        exchange_tcp(client, WAN_ADDRESS, PORT, self.server, SERVER_PORT, seen_as=seen_as)
+        with client.udp(to=(WAN_ADDRESS, PORT)) as sock:
+            exchange_udp(sock, self.server, SERVER_PORT, seen_as=seen_as)
+
+    def test_a_host_of_the_same_network_reaches_an_open_port(self):
+        self.reach(self.neighbour, seen_as=LAN_ADDRESS)
+
+    def test_a_host_reaches_its_own_open_port(self):
+        self.reach(self.server, seen_as=LAN_ADDRESS)
+
+    def test_a_host_of_another_internal_network_is_seen_by_its_own_address(self):
+        other = ControlPoint(f"{OTHER_NETWORK}.10")
+        self.addCleanup(other.close)
+        self.network.router.link("lan9", other.namespace, ControlPoint.LINK)
+        self.network.router.ip("address", "add", f"{OTHER_NETWORK}.1/24", "dev", "lan9")
+        other.namespace.ip("address", "add", f"{other.address}/24", "dev", ControlPoint.LINK)
+        other.namespace.ip("route", "add", "default", "via", f"{OTHER_NETWORK}.1")
+        self.router.lumenctl("upnp", "interface", "add", "lan9", "--role", "internal")
+        self.reach(other, seen_as=other.address)
+
+    def test_the_wan_host_is_seen_by_its_own_address(self):
+        exchange_tcp(self.wan, WAN_ADDRESS, PORT, self.server, SERVER_PORT)
+        exchange_udp(self.wan_udp(PORT), self.server, SERVER_PORT)
+
+    def test_a_closed_port_is_closed_from_inside_too(self):
+        self.server.close_port(PORT, "TCP")
+        self.server.close_port(PORT, "UDP")
+        self.assertTrue(tcp_refused(self.neighbour, WAN_ADDRESS, PORT, self.server, SERVER_PORT))
+        with self.neighbour.udp(to=(WAN_ADDRESS, PORT)) as sock:
+            self.assertTrue(udp_refused(sock, self.server, SERVER_PORT))
+
+    def test_an_administrator_can_leave_it_out(self):
+        ruleset = self.router.root / "etc" / "nat-ruleset.nft"
+        text = ruleset.read_text()
+        without = text[:text.index("\n\t# A host that reaches")] + "}\n"
+        self.assertNotIn("masquerade", without)
+        self.router.stop()
+        ruleset.write_text(without)
+        self.router.start()
+        self.router.wait_until_controllable()
+        self.server.open_port(PORT, "TCP", internal_port=SERVER_PORT)
+        exchange_tcp(self.wan, WAN_ADDRESS, PORT, self.server, SERVER_PORT)
+        self.neighbour.namespace.run("sh", "-c", "echo 1 > /proc/sys/net/ipv4/tcp_syn_retries")
+        with self.assertRaises(TimeoutError):
+            exchange_tcp(self.neighbour, WAN_ADDRESS, PORT, self.server, SERVER_PORT)
+
+
+class FirewallTest(RouterCase):
+    """A router whose own firewall lets nothing in that was not asked for."""
+
+    def setUp(self):
+        super().setUp()
+        self.server = self.lan[0]
+        self.nft(f"""
+            table inet filter {{
+              chain forward {{
+                type filter hook forward priority filter; policy drop;
+                ct state established,related accept
+                iifname {LAN_BRIDGE} oifname {WAN_LINK} accept
+              }}
+            }}""")
+        self.server.open_port(PORT, "TCP", internal_port=SERVER_PORT)
+
+    def nft(self, commands):
+        self.network.router.run("nft", commands)
+
+    def reach(self):
+        exchange_tcp(self.wan, WAN_ADDRESS, PORT, self.server, SERVER_PORT)
+
+    def test_an_open_port_needs_one_rule(self):
+        self.wan.namespace.run("sh", "-c", "echo 1 > /proc/sys/net/ipv4/tcp_syn_retries")
+        with self.assertRaises(TimeoutError):
+            self.reach()
+        self.nft("add rule inet filter forward ct status dnat accept")
+        self.reach()
+
+    def test_the_rule_lets_nothing_else_in(self):
+        self.nft("add rule inet filter forward ct status dnat accept")
+        self.wan.namespace.run("sh", "-c", "echo 1 > /proc/sys/net/ipv4/tcp_syn_retries")
+        self.wan.namespace.ip("route", "add", f"{self.server.address}/32", "via", WAN_ADDRESS)
+        with self.server.listen(SERVER_PORT), self.assertRaises(TimeoutError):
+            self.wan.connect(self.server.address, SERVER_PORT)
+
+
+if __name__ == "__main__":
+    unittest.main()
