@@ -31,8 +31,8 @@ std::string Listener::listen(const std::string& path) {
     return path + ": " + strerror(ENAMETOOLONG);
   }
   memcpy(address.sun_path, path.c_str(), path.size() + 1);
-  socket_.reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   unlink(path.c_str());
+  socket_.reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   constexpr mode_t everybody = 0666;
   if (!socket_.valid() ||
       bind(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||

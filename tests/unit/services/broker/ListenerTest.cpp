@@ -1,15 +1,21 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <thread>
 
 #include "lumen/services/broker/Listener.h"
 #include "lumen/services/broker/Peer.h"
 #include "services/broker/BrokerFixture.h"
+#include "support/RefusedCall.h"
 
 namespace lumen::test {
 namespace {
@@ -64,6 +70,30 @@ TEST_F(ListenerTest, SaysWhyItCannot) {
   EXPECT_EQ(listener.listen(tooLong), tooLong + ": File name too long");
 }
 
+TEST_F(ListenerTest, SaysWhatTheSystemRefuses) {
+  for (const int call : {SCMP_SYS(socket), SCMP_SYS(bind), SCMP_SYS(chmod), SCMP_SYS(listen)}) {
+    whileRefused({call}, EACCES, [&] {
+      Listener listener(broker);
+      EXPECT_EQ(listener.listen(path()), path() + ": Permission denied");
+    });
+  }
+}
+
+TEST_F(ListenerTest, GoesOnWhenSomebodyCouldNotBeAccepted) {
+  Listener listener(broker);
+  ASSERT_EQ(listener.listen(path()), "");
+  Program first(connectTo());
+  testing::internal::CaptureStdout();
+  whileRefused({SCMP_SYS(accept4)}, EMFILE, [&] { settle(1); });
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "accept: Too many open files\n");
+  EXPECT_FALSE(first.isDisconnected()) << "still waits";
+  whileRefused({SCMP_SYS(getsockopt), SOL_SOCKET, SO_PEERCRED}, EPERM, [&] { settle(1); });
+  EXPECT_TRUE(first.isDisconnected()) << "nobody knows who it is";
+  Program second(connectTo());
+  settle(1);
+  EXPECT_EQ(second.isDisconnected(), getuid() != 0);
+}
+
 TEST_F(ListenerTest, AcceptsAllThatWait) {
   Listener listener(broker);
   ASSERT_EQ(listener.listen(path()), "");
@@ -92,6 +122,23 @@ TEST(PeerTest, IsWhoConnected) {
             static_cast<int>(expected.size()));
   expected.insert(expected.begin(), getgid());
   EXPECT_EQ(peer->groups, expected);
+}
+
+TEST(PeerTest, HasAllItsGroups) {
+  if (getuid() != 0) return;  // whoever runs the test has some, seen above
+  std::thread([] {
+    const gid_t groups[] = {100, 4711, 900};
+    ASSERT_EQ(syscall(SYS_setgroups, std::size(groups), groups), 0);
+    int ends[2] = {-1, -1};
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
+    const lm::Fd one(ends[0]);
+    const lm::Fd other(ends[1]);
+    const std::optional<Peer> peer = readPeer(one.get());
+    ASSERT_TRUE(peer);
+    std::vector<gid_t> found = peer->groups;
+    std::sort(found.begin(), found.end());
+    EXPECT_EQ(found, (std::vector<gid_t>{getgid(), 100, 900, 4711}));
+  }).join();
 }
 
 TEST(PeerTest, IsNobodyForWhatIsNoSocket) { EXPECT_FALSE(readPeer(-1)); }
