@@ -1,9 +1,14 @@
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <optional>
 #include <random>
 
 #include "lumen/runtime/Codec.h"
 #include "lumen/services/broker/BrokerKeys.h"
 #include "platform/Keys.h"
 #include "services/broker/BrokerFixture.h"
+#include "support/RefusedCall.h"
 
 namespace lumen::test {
 namespace {
@@ -176,6 +181,44 @@ TEST_F(BadProgram, WhoReadsLateGetsEverythingInOrder) {
   }
   settle();
   EXPECT_FALSE(late.isDisconnected());
+}
+
+TEST_F(BadProgram, WhoEndsWithoutReadingIsHeardOutAndForgotten) {
+  testing::internal::CaptureStdout();
+  Program deaf = connectAdministrator();
+  subscribe(deaf, lm::cmd::changed, {20, 0});
+  const lm::message large = fields(std::string(100'000, 'x'));
+  for (int i = 0; i < 10; ++i) broker.notify(lm::cmd::changed, {20, 0}, large);
+  deaf.send(rightRequest());
+  deaf.close();
+  settle();
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+  EXPECT_EQ(rules.requests.size(), 1U);
+  EXPECT_EQ(rules.ended, std::vector<uint64_t>{1});
+}
+
+TEST_F(BadProgram, IsDisconnectedWhenItsSocketFails) {
+  Program program = connectAdministrator();
+  program.send(rightRequest());
+  testing::internal::CaptureStdout();
+  whileRefused({SCMP_SYS(recvfrom)}, EIO, [&] { settle(); });
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "connection 1 (process 1, user 0): Input/output error\n");
+  EXPECT_TRUE(program.isDisconnected());
+  expectThatOthersAreServed();
+}
+
+TEST_F(BadProgram, GetsLongMessagesAlsoWithoutPrivilege) {
+  std::optional<Program> reader;
+  whileRefused({SCMP_SYS(setsockopt), SOL_SOCKET, SO_SNDBUFFORCE}, EPERM,
+               [&] { reader = connectAdministrator(); });
+  subscribe(*reader, lm::cmd::changed, {20, 0});
+  const lm::message large = fields(std::string(100'000, 'x'));
+  for (int i = 0; i < 5; ++i) broker.notify(lm::cmd::changed, {20, 0}, large);
+  for (int i = 0; i < 5; ++i) {
+    EXPECT_TRUE(reader->receive()) << i;
+    settle();
+  }
 }
 
 TEST_F(BadProgram, WhichIsAServiceThatDoesNotReadKeepsNobodyWaiting) {

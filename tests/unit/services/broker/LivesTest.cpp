@@ -146,6 +146,24 @@ TEST_F(Lives, GoOnWhenTheSameConnectionRegistersAgain) {
   EXPECT_EQ(processes.started.size(), 1U);
 }
 
+TEST_F(Lives, AreEndedOnlyByTheirOwnConnection) {
+  Program service = connect(gatewayUser);
+  const auto unregisters = [&](const std::vector<uint32_t>& numbers) {
+    service.ask({0}, brokercmd::unregisterServices, services(numbers));
+    settle();
+    return service.error();
+  };
+  EXPECT_EQ(unregisters({gateway}), "service 40 is not registered here");
+  Program other = connect(gatewayUser);
+  registerAs(other, gateway);
+  EXPECT_EQ(unregisters({gateway}), "service 40 is not registered here");
+  other.close();
+  settle();
+  registerAs(service, gateway);
+  EXPECT_EQ(unregisters({gateway, gateway}), "") << "once is enough";
+  registerAs(service, gateway);
+}
+
 TEST_F(Lives, AreJudgedAfterTheirLastWords) {
   Program client = connectAdministrator();
   client.ask({gateway, 0}, someCommand);

@@ -1,3 +1,4 @@
+#include "lumen/runtime/Codec.h"
 #include "lumen/services/broker/BrokerKeys.h"
 #include "platform/Keys.h"
 #include "services/broker/BrokerFixture.h"
@@ -87,6 +88,47 @@ TEST_F(Notifications, CarryTheNameOfWhoSendsThem) {
   service.send(forged);
   settle();
   EXPECT_FALSE(subscriber.receive());
+}
+
+TEST_F(Notifications, CarryTheServiceThatTheSenderNamesIfItIsItsOwn) {
+  Program service = connectAdministrator();
+  registerAs(service, 50);
+  registerAs(service, 51);
+  Program subscriber = connectAdministrator();
+  subscribe(subscriber, lm::cmd::changed, {51, 2});
+  lm::message news;
+  news.insert_u32(lm::key::command, lm::cmd::changed);
+  news.insert_u32_array(lm::key::source, {51, 2});
+  service.send(news);
+  settle();
+  const auto heard = subscriber.receive();
+  ASSERT_TRUE(heard);
+  EXPECT_EQ(heard->get_u32_array_ref(lm::key::source), (std::vector<uint32_t>{51, 2}));
+}
+
+TEST_F(Notifications, ThatNoDatagramHoldsReachNobody) {
+  Program subscriber = connectAdministrator();
+  subscribe(subscriber, lm::cmd::changed, {20, 5});
+  testing::internal::CaptureStdout();
+  broker.notify(lm::cmd::changed, {20, 5}, fields(std::string(lm::maxDatagram, 'x')));
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "a notification of 20/5 is too long\n");
+  EXPECT_FALSE(subscriber.receive());
+}
+
+TEST_F(Notifications, GoOnWhenSomebodyElseUnsubscribes) {
+  Program subscriber = connect(gatewayUser);
+  subscribe(subscriber, lm::cmd::changed, {20, 0});
+  Program other = connect(gatewayUser);
+  lm::message topic;
+  topic.insert_u32(brokerkey::command, lm::cmd::changed);
+  for (const uint32_t handler : {0U, 1U}) {
+    topic.insert_u32_array(brokerkey::path, {20, handler});
+    other.ask({0}, brokercmd::unsubscribe, topic);
+    settle();
+    EXPECT_EQ(other.error(), "");
+  }
+  broker.notify(lm::cmd::changed, {20, 0}, {});
+  EXPECT_TRUE(subscriber.receive());
 }
 
 TEST_F(Notifications, AreBoundedInTopicsForEachProgram) {

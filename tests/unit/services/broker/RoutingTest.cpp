@@ -88,6 +88,23 @@ TEST_F(Routing, DoesNotBelieveASenderWhoItIs) {
   }
 }
 
+TEST_F(Routing, DoesNotBelieveWhoAnswersWhoItIs) {
+  Program service = connect(gatewayUser);
+  registerAs(service, gateway);
+  Program client = connectAdministrator();
+  client.ask({gateway, 0}, someCommand);
+  settle();
+  const auto request = service.receive();
+  ASSERT_TRUE(request);
+  lm::message forged;
+  forged.insert_u32_array(lm::key::source, {20, 5});
+  service.answer(*request, forged);
+  settle();
+  const auto reply = client.receive();
+  ASSERT_TRUE(reply);
+  EXPECT_EQ(reply->get_u32_array_ref(lm::key::source), (std::vector<uint32_t>{gateway, 5}));
+}
+
 TEST_F(Routing, IgnoresAReplyThatNobodyWaitsFor) {
   Program service = connect(gatewayUser);
   registerAs(service, gateway);

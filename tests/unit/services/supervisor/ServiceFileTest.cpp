@@ -49,6 +49,17 @@ std::string whyNot(const std::string& text) {
   return definition ? "" : error;
 }
 
+TEST(SystemUsers, AreThoseOfThisMachine) {
+  const SystemUsers users;
+  const auto root = users.user("root");
+  ASSERT_TRUE(root);
+  EXPECT_EQ(root->id, 0U);
+  EXPECT_EQ(root->group, 0U);
+  EXPECT_EQ(users.group("root"), std::optional<gid_t>(0));
+  EXPECT_FALSE(users.user("nobody-of-that-name"));
+  EXPECT_FALSE(users.group("nobody-of-that-name"));
+}
+
 TEST(ServiceFile, DescribesAService) {
   const auto service = parse(
       "; The gateway daemon.\n"
