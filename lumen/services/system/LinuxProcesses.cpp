@@ -38,6 +38,13 @@ lm::Fd openOutput(const std::string& executable) {
   return journal::open(executable.substr(executable.rfind('/') + 1));
 }
 
+// Comes back in this process only.
+pid_t startProcess(const ChildStart& start) {
+  const pid_t pid = fork();
+  if (pid == 0) becomeProgram(start);
+  return pid;
+}
+
 int waitStatus(const siginfo_t& info) {
   if (info.si_code == CLD_EXITED) return W_EXITCODE(info.si_status, 0);
   return W_EXITCODE(0, info.si_status);
@@ -102,8 +109,7 @@ std::optional<pid_t> LinuxProcesses::start(const Program& program) {
   childStart.group = program.group;
   childStart.parent = getpid();
 
-  const pid_t pid = fork();
-  if (pid == 0) becomeProgram(childStart);
+  const pid_t pid = startProcess(childStart);
   if (pid < 0) {
     lm::logLine("fork: ", strerror(errno));
     return std::nullopt;

@@ -1,15 +1,21 @@
 #include <dirent.h>
+#include <linux/capability.h>
 #include <signal.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <functional>
+#include <thread>
 
 #include "lumen/services/system/LibNftables.h"
 #include "lumen/services/system/NetlinkFlows.h"
 #include "services/nat/NatFixture.h"
 #include "services/nat/WanHost.h"
+#include "support/OutputCapture.h"
+#include "support/RefusedCall.h"
 
 namespace lumen::test {
 
@@ -43,6 +49,16 @@ class NatKernelTest : public ::testing::Test {
   const RuleKey key{.external = {.address = inet_addr("45.45.45.1"), .port = 8080}, .protocol = 6};
   const Endpoint client{.address = inet_addr("192.168.88.10"), .port = 80};
 };
+
+/// Runs `work` in a thread that may do nothing to the network.
+void withoutPrivilege(const std::function<void()>& work) {
+  std::thread([&] {
+    __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+    const __user_cap_data_struct nothing[_LINUX_CAPABILITY_U32S_3] = {};
+    ASSERT_EQ(syscall(SYS_capset, &header, nothing), 0);
+    work();
+  }).join();
+}
 
 constexpr const char* listMap = "list map ip lumen forwards";
 
@@ -132,6 +148,16 @@ TEST_F(NatKernelTest, KeepsItsSocketFromChildren) {
     EXPECT_EQ(fcntl(fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
   }
   EXPECT_EQ(sockets, 1);
+}
+
+TEST_F(NatKernelTest, IsNotUsedWhenChildrenWouldKeepItsSocket) {
+  lm::test::OutputCapture log;
+  whileRefused({SCMP_SYS(getsockopt), SOL_SOCKET, SO_PROTOCOL}, EPERM, [] {
+    LibNftables unusable;
+    EXPECT_FALSE(unusable.run("list tables").done);
+    EXPECT_EQ(unusable.runFile(NAT_RULESET_FILE).text, "libnftables cannot be used");
+  });
+  EXPECT_EQ(log.text(), "nftables socket: not found: Operation not permitted\n");
 }
 
 TEST_F(NatKernelTest, SaysWhatIsWrongWithTheRulesetFile) {
@@ -306,6 +332,64 @@ TEST_F(NatFlowsTest, EndsFlowsToTwoAddressesInOneSweep) {
   closes(8080);
   closes(9090, "45.45.45.2");
   EXPECT_TRUE(turnsUntil([&] { return translated() == 1; }));
+}
+
+TEST_F(NatFlowsTest, SaysWhyFlowsCannotBeRead) {
+  const auto visits = [this] { return flows.visitTranslated([](const Flow&) {}); };
+  lm::test::OutputCapture log;
+  for (const int call : {SCMP_SYS(socket), SCMP_SYS(bind), SCMP_SYS(sendto), SCMP_SYS(recvmsg)}) {
+    whileRefused({call}, EIO, [&] { EXPECT_FALSE(visits()); });
+  }
+  withoutPrivilege([&] { EXPECT_FALSE(visits()); });
+  EXPECT_EQ(log.text(),
+            "conntrack socket: Input/output error\n"
+            "conntrack socket: Input/output error\n"
+            "conntrack dump: Input/output error\n"
+            "conntrack dump: Input/output error\n"
+            "conntrack dump: Operation not permitted\n");
+  EXPECT_TRUE(visits());
+}
+
+TEST_F(NatFlowsTest, EndsASweepThatCannotBegin) {
+  class Once : public Flows::Sweeper {
+   public:
+    bool ends(const Flow&) override { return false; }
+    void swept() override { ++times; }
+    int times = 0;
+  } sweeper;
+  lm::test::OutputCapture log;
+  whileRefused({SCMP_SYS(sendto)}, EIO, [&] { flows.sweepUdp({udpKey(8080).external}, sweeper); });
+  EXPECT_EQ(sweeper.times, 0) << "it is told from the loop";
+  EXPECT_TRUE(turnsUntil([&] { return sweeper.times == 1; }));
+  whileRefused({SCMP_SYS(socket)}, EMFILE,
+               [&] { flows.sweepUdp({udpKey(8080).external}, sweeper); });
+  EXPECT_TRUE(turnsUntil([&] { return sweeper.times == 2; }));
+  EXPECT_EQ(log.text(),
+            "conntrack dump: Input/output error\n"
+            "conntrack socket: Too many open files\n"
+            "conntrack socket: Too many open files\n");
+}
+
+TEST_F(NatFlowsTest, SaysWhenAFlowCannotBeEnded) {
+  const lm::Fd socket = host.udpSocket(4000, 8080);
+  opens(8080);
+  EXPECT_TRUE(turnsUntil([&] {
+    knocks(socket);
+    return translated() == 1;
+  }));
+  class Ender : public Flows::Sweeper {
+   public:
+    bool ends(const Flow&) override { return true; }
+    void swept() override { done = true; }
+    bool done = false;
+  } ender;
+  NetlinkFlows other;
+  other.sweepUdp({udpKey(8080).external}, ender);
+  lm::test::OutputCapture log;
+  whileRefused({SCMP_SYS(sendto)}, EIO,
+               [&] { EXPECT_TRUE(turnsUntil([&] { return ender.done; })); });
+  EXPECT_EQ(log.text(), "conntrack delete: Input/output error\n");
+  EXPECT_EQ(translated(), 1);
 }
 
 TEST_F(NatFlowsTest, LeavesASweepThatIsUnderWayBehindAtItsEnd) {

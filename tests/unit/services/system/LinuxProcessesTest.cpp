@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
@@ -17,6 +18,8 @@
 #include "lumen/runtime/EventLoop.h"
 #include "lumen/services/system/LinuxProcesses.h"
 #include "lumen/services/system/LockFile.h"
+#include "support/OutputCapture.h"
+#include "support/RefusedCall.h"
 
 namespace lumen {
 namespace {
@@ -209,6 +212,62 @@ TEST_F(LinuxProcessesTest, SaysWhatCannotBeRun) {
   ASSERT_TRUE(hasEnded());
   EXPECT_EQ(WEXITSTATUS(endedStatus), 126);
   EXPECT_EQ(output(), folder_ + "/text: cannot be run: Permission denied\n");
+}
+
+TEST_F(LinuxProcessesTest, SaysWhatKeepsAProcessFromStarting) {
+  Program nowhere = program("/bin/true");
+  nowhere.lockFile = folder_ + "/missing/service.lock";
+  lm::test::OutputCapture log;
+  EXPECT_FALSE(processes.start(nowhere));
+  whileRefused({SCMP_SYS(clone)}, EAGAIN,
+               [&] { EXPECT_FALSE(processes.start(program("/bin/true"))); });
+  whileRefused({SCMP_SYS(pidfd_open)}, EMFILE,
+               [&] { EXPECT_FALSE(processes.start(program("/bin/true"))); });
+  EXPECT_EQ(log.text(), nowhere.lockFile +
+                            ": No such file or directory\n"
+                            "fork: Resource temporarily unavailable\n"
+                            "pidfd_open: Too many open files\n");
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child is left";
+}
+
+TEST_F(LinuxProcessesTest, RunsNoProgramThatIsNotCutOffFromItsStarter) {
+  struct Case {
+    int call;
+    const char* what;
+  };
+  const Case cases[] = {{SCMP_SYS(close_range), "descriptors"}, {SCMP_SYS(dup3), "descriptors"},
+                        {SCMP_SYS(setsid), "session"},          {SCMP_SYS(chdir), "session"},
+                        {SCMP_SYS(setgroups), "user"},          {SCMP_SYS(setresgid), "user"},
+                        {SCMP_SYS(setresuid), "user"},          {SCMP_SYS(prctl), "capabilities"},
+                        {SCMP_SYS(capset), "capabilities"}};
+  for (const Case& c : cases) {
+    endedPid = 0;
+    whileRefused({c.call}, EPERM, [&] { ASSERT_TRUE(start("/bin/true")); });
+    ASSERT_TRUE(hasEnded());
+    EXPECT_EQ(WEXITSTATUS(endedStatus), 126);
+    EXPECT_EQ(output(), "/bin/true: " + std::string(c.what) + ": Operation not permitted\n");
+  }
+}
+
+TEST_F(LinuxProcessesTest, SignalsOnlyWhatItHasStarted) {
+  const pid_t stranger = fork();
+  if (stranger == 0) {
+    pause();
+    _exit(0);
+  }
+  processes.signal(stranger, SIGKILL);
+  EXPECT_EQ(waitpid(stranger, nullptr, WNOHANG), 0);
+  kill(stranger, SIGKILL);
+  EXPECT_EQ(waitpid(stranger, nullptr, 0), stranger);
+}
+
+TEST_F(LinuxProcessesTest, FindsNoHolderOfALockThatNobodyHas) {
+  const std::string missing = folder_ + "/missing/service.lock";
+  EXPECT_EQ(processes.lockHolder(missing), 0);
+  processes.killLockHolder(missing);
+  const std::string lock = program("").lockFile;
+  EXPECT_EQ(processes.lockHolder(lock), 0);
+  processes.killLockHolder(lock);
 }
 
 TEST_F(LinuxProcessesTest, LeavesNoDescriptorBehind) {

@@ -3,6 +3,8 @@
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
 #include <netinet/in.h>
 #include <sched.h>
 #include <sys/socket.h>
@@ -30,6 +32,7 @@
 #include "platform/Fd.h"
 #include "platform/Keys.h"
 #include "services/interfaces/RecordingNotifier.h"
+#include "support/RefusedCall.h"
 #include "support/TempDir.h"
 
 namespace lumen {
@@ -382,6 +385,99 @@ class Reading : public Links::Listener {
 
   std::optional<LinkSnapshot> all;
 };
+
+TEST_F(NetlinkLinksTest, TriesAgainUntilTheTablesCanBeRead) {
+  struct Case {
+    RefusedCall call;
+    int error;
+    std::string why;  // the line that says so, if there is one
+  };
+  const Case cases[] = {
+      {{SCMP_SYS(socket)}, EMFILE, "interfaces: netlink socket: Too many open files\n"},
+      {{SCMP_SYS(setsockopt), SOL_NETLINK, NETLINK_GET_STRICT_CHK},
+       EPERM,
+       "interfaces: netlink socket: Operation not permitted\n"},
+      {{SCMP_SYS(bind)}, EPERM, "interfaces: netlink socket: Operation not permitted\n"},
+      {{SCMP_SYS(sendto)}, EPERM, "interfaces: netlink request: Operation not permitted\n"},
+      {{SCMP_SYS(recvmsg)}, EIO, "interfaces: netlink answer: Input/output error\n"},
+      {{SCMP_SYS(recvmsg)},
+       EAGAIN,
+       "interfaces: netlink answer: Resource temporarily unavailable\n"},
+      {{SCMP_SYS(recvmsg)}, ENOBUFS, ""},
+  };
+  hasPair("wan0");
+  for (const Case& c : cases) {
+    NetlinkLinks reader;
+    Reading reading;
+    testing::internal::CaptureStdout();
+    whileRefused(c.call, c.error, [&] { reader.start(reading); });
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              c.why + "interfaces: could not read the kernel's tables, trying again\n");
+    EXPECT_FALSE(reading.all);
+    EXPECT_TRUE(waitFor([&] { return reading.all.has_value(); }));
+    EXPECT_EQ(reading.all->links.size(), 3U) << "lo, wan0 and its other end";
+  }
+}
+
+TEST_F(NetlinkLinksTest, AnswersWhenTheKernelCannotBeAsked) {
+  hasPair("wan0");
+  starts();
+  const uint32_t index = recordOf("wan0").get_u32(interfaces::key::index);
+  testing::internal::CaptureStdout();
+  whileRefused({SCMP_SYS(socket)}, EMFILE, [&] { EXPECT_FALSE(links->read(index)); });
+  whileRefused({SCMP_SYS(recvmsg)}, EIO, [&] {
+    EXPECT_EQ(links->setUp(index, true), EIO);
+    EXPECT_FALSE(links->routes(index));
+  });
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "interfaces: netlink socket: Too many open files\n"
+            "interfaces: netlink answer: Input/output error\n"
+            "interfaces: netlink answer: Input/output error\n");
+  EXPECT_TRUE(links->read(index)) << "answers that nobody has taken are no other's";
+}
+
+/// The ports of the netlink sockets in this network namespace that hear of links and addresses.
+std::set<uint32_t> portsOfSubscribers() {
+  std::ifstream table("/proc/net/netlink");
+  std::string line;
+  std::getline(table, line);
+  std::set<uint32_t> ports;
+  while (std::getline(table, line)) {
+    std::istringstream columns(line);
+    std::string address;
+    int protocol = -1;
+    uint32_t port = 0;
+    uint32_t groups = 0;
+    columns >> address >> protocol >> port >> std::hex >> groups;
+    if (protocol == NETLINK_ROUTE && groups == (RTMGRP_LINK | RTMGRP_IPV4_IFADDR)) {
+      ports.insert(port);
+    }
+  }
+  return ports;
+}
+
+TEST_F(NetlinkLinksTest, BelievesNobodyButTheKernel) {
+  hasPair("wan0");
+  hasPair("lan0");
+  starts();
+  struct {
+    nlmsghdr header{sizeof(nlmsghdr) + sizeof(ifinfomsg), RTM_DELLINK, 0, 0, 0};
+    ifinfomsg link{};
+  } gone;
+  gone.link.ifi_index = static_cast<int>(recordOf("wan0").get_u32(interfaces::key::index));
+  const lm::Fd liar(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
+  const std::set<uint32_t> ports = portsOfSubscribers();
+  ASSERT_EQ(ports.size(), 1U);
+  sockaddr_nl to{};
+  to.nl_family = AF_NETLINK;
+  to.nl_pid = *ports.begin();
+  ASSERT_EQ(
+      sendto(liar.get(), &gone, sizeof gone, 0, reinterpret_cast<const sockaddr*>(&to), sizeof to),
+      static_cast<ssize_t>(sizeof gone));
+  ip("link set lan0 down");  // has been told when everything before has
+  EXPECT_TRUE(becomes("lan0", "down"));
+  EXPECT_EQ(stateOf("wan0"), "running");
+}
 
 TEST_F(NetlinkLinksTest, ReadsWholeTablesWhileTheyChange) {
   hasPair("wan0");

@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -13,6 +14,7 @@
 #include <string>
 
 #include "lumen/services/system/PrivateRoot.h"
+#include "support/RefusedCall.h"
 
 namespace lumen {
 namespace {
@@ -118,6 +120,42 @@ TEST_F(PrivateRootTest, SaysWhatIsWrongWithTheDirectory) {
   chmod(directory_.c_str(), 0700);
   EXPECT_EQ(inAChild([&] { return enterPrivateRoot(directory_); }),
             directory_ + ": services run as other users and cannot look into it (chmod 755)");
+}
+
+TEST_F(PrivateRootTest, SaysWhatTheSystemDoesNotLetItDo) {
+  struct Case {
+    int call;
+    const char* what;  // "" is any entry of the old root
+  };
+  const Case always[] = {{SCMP_SYS(unshare), "mount namespace"}, {SCMP_SYS(mount), "/"}};
+  const Case withoutMountPoint[] = {{SCMP_SYS(open_tree), ""},
+                                    {SCMP_SYS(move_mount), ""},
+                                    {SCMP_SYS(chdir), "/dev"},
+                                    {SCMP_SYS(pivot_root), "pivot_root"},
+                                    {SCMP_SYS(umount2), "/"}};
+  const auto expectRefusal = [this](const Case& c) {
+    whileRefused({c.call}, EPERM, [&] {
+      const std::string error = inAChild([this] { return enterPrivateRoot(directory_); });
+      const std::string reason = std::string(c.what) + ": Operation not permitted";
+      if (*c.what == '\0') {
+        EXPECT_TRUE(error.ends_with(reason)) << error;
+      } else {
+        EXPECT_EQ(error, reason);
+      }
+    });
+  };
+  for (const Case& c : always) expectRefusal(c);
+  if (fs::exists("/lumen")) return;
+  for (const Case& c : withoutMountPoint) expectRefusal(c);
+}
+
+TEST_F(PrivateRootTest, SaysWhenADirectoryCannotBeGivenAway) {
+  for (const int call : {SCMP_SYS(fchown), SCMP_SYS(fchmod)}) {
+    whileRefused({call}, EPERM, [&] {
+      EXPECT_EQ(makeDirectory(directory_ + "/store", 54321, 54322, 0700),
+                directory_ + "/store: Operation not permitted");
+    });
+  }
 }
 
 TEST_F(PrivateRootTest, MakesDirectoriesWhateverTheUmask) {

@@ -4,11 +4,13 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <fstream>
 #include <functional>
 #include <string>
 
 #include "lumen/services/system/Privileges.h"
+#include "support/RefusedCall.h"
 
 namespace lumen {
 namespace {
@@ -76,6 +78,14 @@ TEST_F(PrivilegesTest, CanBeGivenUpInTwoSteps) {
            missingPrivileges(capabilitiesForPrivateRoot()).empty() &&
            keepCapabilities(neededCapabilities()) && statusHas("CapPrm:\t00000000000010e0");
   }));
+}
+
+TEST_F(PrivilegesTest, AreNotHeldForGivenUpWhenTheyWereNot) {
+  for (const int call : {SCMP_SYS(capset), SCMP_SYS(prctl)}) {
+    whileRefused({call}, EPERM, [] {
+      EXPECT_TRUE(inAChild([] { return !keepCapabilities(neededCapabilities()); }));
+    });
+  }
 }
 
 TEST_F(PrivilegesTest, AreNamedWhenTheyAreMissing) {
