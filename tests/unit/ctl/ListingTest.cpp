@@ -82,6 +82,14 @@ TEST_F(Listing, ShowsAddresses) {
             "    \"in_use\": false\n  }\n]\n");
 }
 
+TEST_F(Listing, SaysThatThereIsNoAddressAndNoService) {
+  router.gatewayIsNotInstalled();
+  EXPECT_EQ(router.lumenctl({"address", "list"}).out, "The router has no address.\n");
+  EXPECT_EQ(router.lumenctl({"address", "list", "--json"}).out, "[]\n");
+  EXPECT_EQ(router.lumenctl({"service", "list"}).out, "No service is installed.\n");
+  EXPECT_EQ(router.lumenctl({"service", "list", "--json"}).out, "[]\n");
+}
+
 TEST_F(Listing, ShowsPortsInTheirOrderWithTheirState) {
   router.hasPort(9000, udp, "192.168.88.11", 9000);
   router.lastPort().insert_bool(lumen::nat::key::stale, true);
@@ -129,6 +137,11 @@ TEST_F(Listing, ClosesAPortOnEveryAddressThatHasIt) {
   router.hasPort(8080, tcp, "192.168.88.10", 80);
   EXPECT_EQ(router.lumenctl({"nat", "close", "8080/TCP"}).status, 0);
   EXPECT_EQ(router.changes().size(), 2U);
+  router.hasPort(5060, udp, "192.168.88.10", 80);
+  router.hasPort(5061, udp, "192.168.88.10", 80);
+  EXPECT_EQ(router.lumenctl({"nat", "close", "5060/UDP"}).status, 0);
+  EXPECT_EQ(router.lumenctl({"nat", "close", "5061/udp"}).status, 0);
+  EXPECT_EQ(router.changes().size(), 4U);
 }
 
 TEST_F(Listing, LeavesAPortAloneThatIsClosedAlready) {
@@ -175,6 +188,15 @@ TEST_F(Listing, WritesOnlyThePolicyThatIsSet) {
   EXPECT_EQ(router.requests(), Lines{R"([20,5] fe000e 20010030="80, 443" 08010033=5)"});
 }
 
+TEST_F(Listing, WritesAllOfThePolicyWhenAllIsSet) {
+  const auto result =
+      router.lumenctl({"nat", "policy", "set", "external-ports=80", "internal-clients=10.0.0.0/8",
+                       "max-rules=7", "max-rules-per-client=5"});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(router.requests(),
+            Lines{R"([20,5] fe000e 20010030="80" 20010031="10.0.0.0/8" 08010032=7 08010033=5)"});
+}
+
 TEST_F(Listing, ResetsThePolicy) {
   EXPECT_EQ(router.lumenctl({"nat", "policy", "reset"}).out, "policy: as in its file\n");
   EXPECT_EQ(router.requests(), Lines{"[20,5] fe000e 00010034=true"});
@@ -182,7 +204,7 @@ TEST_F(Listing, ResetsThePolicy) {
 
 TEST_F(Listing, RefusesAWrongPolicyBeforeItAsksAnybody) {
   for (const char* wrong : {"", "max-rules", "max-rules=", "max-rules=many", "max-rules=-1",
-                            "max-rules=4294967296", "max-rule=1", "=1"}) {
+                            "max-rules=5x", "max-rules=4294967296", "max-rule=1", "=1"}) {
     EXPECT_EQ(router.lumenctl({"nat", "policy", "set", wrong}).status, 2) << wrong;
   }
   EXPECT_EQ(router.lumenctl({"nat", "policy", "set"}).status, 2);

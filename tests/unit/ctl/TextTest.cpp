@@ -37,10 +37,15 @@ TEST(Printable, EscapesWhatATerminalWouldObey) {
        "\\xc2\\x9b2J"},  // U+009B, the one-byte form of ESC [
       {"\xe2\x80\xae"
        "fdp",
-       "\\xe2\\x80\\xaefdp"},               // U+202E, right to left from here
-      {"\xe2\x80\x8b", "\\xe2\\x80\\x8b"},  // U+200B, no width
-      {"\xef\xbb\xbf", "\\xef\\xbb\\xbf"},  // U+FEFF, no width
-      {"\\x1b", "\\\\x1b"},                 // no text looks like an escape
+       "\\xe2\\x80\\xaefdp"},                        // U+202E, right to left from here
+      {"\xe2\x80\x8b", "\\xe2\\x80\\x8b"},           // U+200B, no width
+      {"\xef\xbb\xbf", "\\xef\\xbb\\xbf"},           // U+FEFF, no width
+      {"\xc2\xad", "\\xc2\\xad"},                    // U+00AD, shown at the end of a line only
+      {"\xd8\x9c", "\\xd8\\x9c"},                    // U+061C, a direction mark
+      {"\xe2\x81\xa6", "\\xe2\\x81\\xa6"},           // U+2066, a direction from here
+      {"\xef\xbf\xb9", "\\xef\\xbf\\xb9"},           // U+FFF9, a note to what follows
+      {"\xf3\xa0\x81\x81", "\\xf3\\xa0\\x81\\x81"},  // U+E0041, an invisible A
+      {"\\x1b", "\\\\x1b"},                          // no text looks like an escape
   };
   for (const auto& [text, escaped] : cases) EXPECT_EQ(printable(text), escaped);
 }
