@@ -79,7 +79,12 @@ void NatRules::connectionEnded(uint64_t connection) {
 lm::message NatRules::add(const Caller& caller, const lm::message& request) {
   std::string refusal;
   auto rule = readRule(request, refusal);
-  if (rule) refusal = addRefusal(*rule);
+  if (rule) {
+    if (auto held = heldBy(caller.connection, rule->key); held != rules_.end()) {
+      return addAgain(held, *rule);
+    }
+    refusal = addRefusal(*rule);
+  }
   if (!rule || !refusal.empty()) return refuse(refusal);
 
   rule->connection = caller.connection;
@@ -93,6 +98,17 @@ lm::message NatRules::add(const Caller& caller, const lm::message& request) {
   everAdded_[caller.connection].add(id);
   lm::message reply;
   reply.insert_u32(lm::key::objectId, id);
+  return reply;
+}
+
+// Whoever asks for what it has does not know that it has it: the reply was lost.
+lm::message NatRules::addAgain(Rules::iterator it, const Rule& wanted) {
+  Rule after = it->second;
+  after.disabled = wanted.disabled;
+  after.client = wanted.client;
+  if (auto refusal = setRefusal(it->second, after); !refusal.empty()) return refuse(refusal);
+  lm::message reply = replace(it, after);
+  if (!lm::isError(reply)) reply.insert_u32(lm::key::objectId, ids_.at(after.key));
   return reply;
 }
 
@@ -115,8 +131,11 @@ lm::message NatRules::set(const Caller& caller, const lm::message& request) {
   after.client.port = change->clientPort.value_or(before.client.port);
   if (!change->close) refusal = setRefusal(before, after);
   if (!refusal.empty()) return refuse(refusal);
-  if (auto error = apply(before, after)) return refuseByKernel("change", before.key, *error);
+  return replace(it, after);
+}
 
+lm::message NatRules::replace(Rules::iterator it, const Rule& after) {
+  if (auto error = apply(it->second, after)) return refuseByKernel("change", after.key, *error);
   uint32_t id = it->first;
   erase(it);
   insert(id, after);
@@ -197,6 +216,14 @@ std::string NatRules::setRefusal(const Rule& before, const Rule& after) const {
            std::to_string(policy.maxRulesPerClient);
   }
   return {};
+}
+
+NatRules::Rules::iterator NatRules::heldBy(uint64_t connection, const RuleKey& key) {
+  auto id = ids_.find(key);
+  if (id == ids_.end()) return rules_.end();
+  auto it = rules_.find(id->second);
+  // What the administrator has closed is not opened again.
+  return it->second.connection == connection && !it->second.closed ? it : rules_.end();
 }
 
 bool NatRules::clientIsFull(uint32_t client) const {

@@ -50,6 +50,7 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts {
   };
 
   [[nodiscard]] lm::message add(const Caller& caller, const lm::message& request);
+  [[nodiscard]] lm::message addAgain(Rules::iterator it, const Rule& wanted);
   [[nodiscard]] lm::message set(const Caller& caller, const lm::message& request);
   [[nodiscard]] lm::message remove(const Caller& caller, const lm::message& request);
   [[nodiscard]] lm::message list(const Caller& caller, const lm::message& request);
@@ -58,7 +59,12 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts {
 
   [[nodiscard]] std::string addRefusal(const Rule& rule) const;
   [[nodiscard]] std::string setRefusal(const Rule& before, const Rule& after) const;
+  /// The rule with that key if the connection owns it and it is not closed, else the end.
+  [[nodiscard]] Rules::iterator heldBy(uint64_t connection, const RuleKey& key);
   [[nodiscard]] bool clientIsFull(uint32_t client) const;
+  /// Puts `after` in the place of a rule with the same key, in the kernel too. Returns an error or
+  /// an empty reply.
+  [[nodiscard]] lm::message replace(Rules::iterator it, const Rule& after);
   /// Brings the kernel from `before` to `after`. Returns why not, if so.
   [[nodiscard]] std::optional<std::string> apply(const Rule& before, const Rule& after);
   [[nodiscard]] std::optional<std::string> addToKernel(const Rule& rule);

@@ -107,8 +107,8 @@ TEST_F(NatRefusalTest, TakesTheFirstAndTheLastPort) {
 }
 
 TEST_F(NatRefusalTest, RefusesAKeyThatIsInUseEnabledOrDisabled) {
-  opens({});
-  opens({.port = 8081, .disabled = true});
+  opensAs(admin, {});
+  opensAs(admin, {.port = 8081, .disabled = true});
   EXPECT_EQ(refusedToOpen({}), "tcp port 8080 of 45.45.45.1 is already in use");
   EXPECT_EQ(refusedToOpen({.disabled = true}), "tcp port 8080 of 45.45.45.1 is already in use");
   EXPECT_EQ(refusedToOpen({.port = 8081, .client = "192.168.88.11"}),

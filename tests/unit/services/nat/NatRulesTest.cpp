@@ -99,6 +99,32 @@ TEST_F(NatRulesTest, RemovingARuleThatThisConnectionOnceHadSucceeds) {
   EXPECT_EQ(removes(id + 1), "no such object");
 }
 
+// Nor must it leave a port open that nobody knows of.
+TEST_F(NatRulesTest, AddingWhatThisConnectionHasGivesItTheRuleAgain) {
+  uint32_t id = opens({});
+  kernelTexts();
+  EXPECT_EQ(opens({}), id);
+  EXPECT_EQ(kernelTexts(), Texts{}) << "it is open already";
+  nftables.prints("get element ip lumen forwards { 45.45.45.1 . tcp . 8080 }",
+                  "elements = { 45.45.45.1 . tcp . 8080 counter packets 1 bytes 60 : x }");
+  EXPECT_EQ(opens({.client = "192.168.88.11"}), id);
+  EXPECT_EQ(lists().size(), 1U);
+  EXPECT_EQ(lists()[0].get_be32(0x3e8), inet_addr("192.168.88.11"));
+  EXPECT_EQ(opens({.client = "192.168.88.11", .disabled = true}), id);
+  kernelTexts();
+  EXPECT_EQ(removes(id), "");
+  EXPECT_EQ(kernelTexts(), Texts{}) << "a disabled rule is not in the kernel";
+  EXPECT_TRUE(lists().empty());
+}
+
+TEST_F(NatRulesTest, AddingWhatThisConnectionHasIsRefusedLikeAChange) {
+  uint32_t id = opens({});
+  EXPECT_EQ(refusedToOpen({.client = "45.45.45.1"}),
+            asks(daemon, lm::cmd::setObject, setRequest(id, "45.45.45.1", 80)));
+  nftables.refuses("get element ip lumen forwards { 45.45.45.1 . tcp . 8080 }", "Error: gone");
+  EXPECT_EQ(refusedToOpen({.client = "192.168.88.11"}), "the kernel refused it: Error: gone");
+}
+
 TEST_F(NatRulesTest, RemovingARuleThatTheAdministratorRemovedSucceeds) {
   uint32_t first = opens({});
   uint32_t foreign = opensAs(admin, {.port = 8081});
