@@ -1,12 +1,15 @@
 """A Debian machine in namespaces: a fresh root from the package source that this machine uses, with
-systemd as its first process."""
+systemd as its first process.
+
+    machine.py FOLDER    makes the root
+"""
 
 import contextlib
-import fcntl
 import os
 import pathlib
 import shutil
 import subprocess
+import sys
 import tempfile
 
 from support.network import wait_until
@@ -39,13 +42,8 @@ def package_source():
 
 def make_root(folder):
     """Makes the smallest Debian that has systemd in `folder`, unless it is there already."""
-    with open(folder.with_name(folder.name + ".lock"), "w", encoding="ascii") as lock:
-        fcntl.flock(lock, fcntl.LOCK_EX)
-        if not folder.exists():
-            _make_root(folder)
-
-
-def _make_root(folder):
+    if folder.exists():
+        return
     unfinished = folder.with_name(folder.name + ".unfinished")
     shutil.rmtree(unfinished, ignore_errors=True)
     suite, address = package_source()
@@ -136,3 +134,7 @@ def process_groups():
     """The control groups that systemd keeps its processes in."""
     top = pathlib.Path("/sys/fs/cgroup")
     return top if (top / "cgroup.controllers").exists() else top / "systemd"
+
+
+if __name__ == "__main__":
+    make_root(pathlib.Path(sys.argv[1]))

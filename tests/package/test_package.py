@@ -7,13 +7,13 @@ import re
 import subprocess
 import unittest
 
-from machine import CommandFailed, Machine, make_root
+from machine import CommandFailed, Machine
 from support.network import (LAN_ADDRESS, LAN_BRIDGE, WAN_ADDRESS, WAN_LINK, Network, exchange_tcp,
                              wait_until)
 
 VERSION = os.environ["PALINODE_VERSION"]
 PACKAGES = pathlib.Path(os.environ["PALINODE_PACKAGES"])
-BASE = PACKAGES.parent / "machine"
+BASE = pathlib.Path(os.environ["PALINODE_MACHINE"])
 
 PORT = 8080
 # Where the package has files, and what belongs to it nowhere else.
@@ -44,7 +44,6 @@ class PackageTest(unittest.TestCase):
 
 class InstallationTest(unittest.TestCase):
     def setUp(self):
-        make_root(BASE)
         self.network = Network()
         self.addCleanup(self.network.close)
         self.machine = Machine(BASE, self.network.router)
