@@ -141,9 +141,10 @@ TEST(XMLParser, KeepsWhatItReadBeforeTheError) {
 }
 
 TEST(XMLParser, AcceptsElementsUpToTheDepthLimit) {
-  const XMLParser parser(nested(XMLParser::maxDepth));
+  ASSERT_EQ(XMLParser::maxDepth, 64U);
+  const XMLParser parser(nested(64));
   EXPECT_TRUE(parser.ok);
-  EXPECT_EQ(depthOf(parser.root), XMLParser::maxDepth);
+  EXPECT_EQ(depthOf(parser.root), 64U);
 }
 
 TEST(XMLParser, StopsAtADeeperElement) {
@@ -175,6 +176,14 @@ TEST(XMLParser, BoundsTheTextThatEmptyElementsInherit) {
   const XMLParser parser("<r>" + std::string(30000, 'x') + repeat("<a/>", 8000) + "</r>");
   EXPECT_FALSE(parser.ok);
   EXPECT_LE(bytesOf(parser.root), XMLParser::maxTreeSize + sizeof(XMLNode));
+}
+
+TEST(XMLParser, AcceptsATreeOfAlmost4MiB) {
+  const auto accepted = [](size_t elements) {
+    return XMLParser("<r>" + std::string(30000, 'x') + repeat("<a/>", elements) + "</r>").ok;
+  };
+  EXPECT_TRUE(accepted(138));
+  EXPECT_FALSE(accepted(140));
 }
 
 TEST(XMLParser, BoundsTheAttributesThatElementsInherit) {
