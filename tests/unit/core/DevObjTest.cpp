@@ -16,6 +16,14 @@ TEST(DevObj, WritesItsThreeFieldsInOrder) {
   EXPECT_EQ(lm::test::describe(config), "{bool 0xfe000a=1, u32 0x1=7, u32 0x2=2}");
 }
 
+TEST(DevObj, IsEnabledAndStartsNothingUnlessItsFieldsSaySo) {
+  DevObj object;
+  object.setConfig({});
+  lm::message config;
+  object.getConfig(config);
+  EXPECT_EQ(lm::test::describe(config), "{bool 0xfe000a=0, u32 0x1=0, u32 0x2=0}");
+}
+
 TEST(DevObj, TakesTheFieldsThatAreThereAndKeepsTheOthers) {
   DevObj object;
   object.interface = 7;

@@ -289,6 +289,28 @@ TEST_F(Monitoring, ShowsOnlyTheTransportOfWhatIsTooLong) {
   EXPECT_EQ(message.get_string(7).size(), lm::maxDatagram - 200);
 }
 
+TEST_F(Monitoring, ShowsTheLongestThatFitsIntoADatagramWhole) {
+  Program service = connect(gatewayUser);
+  for (const size_t tooMany : {0U, 1U}) {
+    lm::message passing;
+    passing.insert_u32(lm::key::command, lm::cmd::changed);
+    passing.insert_u32_array(lm::key::source, {gateway, 2});
+    passing.insert_string(7, "");
+    lm::message shown;
+    shown.insert_u32(lm::key::command, brokercmd::monitor);
+    shown.insert_u32_array(lm::key::source, {0, 0});
+    shown.insert_u32(monitorkey::from, gateway);
+    shown.insert_u32(monitorkey::to, lumen::monitor::everybody);
+    shown.insert_message(monitorkey::message, passing);
+    const size_t room = lm::maxDatagram - lm::encode(shown).size();
+    passing.insert_string(7, std::string(room + tooMany, 'x'));
+    service.send(passing);
+    settle();
+    ASSERT_TRUE(isShown());
+    EXPECT_EQ(cut, tooMany == 1);
+  }
+}
+
 TEST_F(Monitoring, ShowsOnlyTheTransportOfWhatIsTooDeep) {
   for (const int levels : {lm::maxNesting - 1, lm::maxNesting}) {
     Program service = connect(gatewayUser);

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 
+#include "lumen/services/interfaces/RouteKeeper.h"
 #include "platform/Keys.h"
 #include "services/interfaces/Router.h"
 
@@ -256,6 +257,21 @@ TEST_F(LinkSwitch, SavesAsManyRoutesAsARecordHolds) {
   restarts();
   kernel.becomes("wan0", true, true);
   EXPECT_EQ(kernel.takeCalls().size(), 983U);
+}
+
+TEST_F(LinkSwitch, SavesTheRoutesOfAsManyLinksAsItHasRecordsFor) {
+  testing::internal::CaptureStdout();
+  for (uint32_t i = 1; i <= RouteKeeper::records; ++i) {
+    const std::string name = "ppp" + std::to_string(i);
+    kernel.appears(name);
+    kernel.getsRoute(name, "default");
+    const bool saved = i < RouteKeeper::records;
+    EXPECT_EQ(setsDisabled(administrator, name, true),
+              saved ? "" : std::string(refused) + "the link's routes could not be saved");
+    EXPECT_EQ(kernel.takeCalls(), saved ? Lines{name + " down"} : Lines{});
+  }
+  EXPECT_NE(testing::internal::GetCapturedStdout().find("too many links with saved routes\n"),
+            std::string::npos);
 }
 
 TEST_F(LinkSwitch, SaysInTheLogWhoTookALinkDown) {

@@ -126,6 +126,10 @@ TEST_F(NatRefusalTest, ChecksAChangeAgainstThePolicy) {
   halfAddress.insert_be32(0x3e8, 0);
   lm::message halfPort = idOnly(id);
   halfPort.insert_u32(0x3eb, 80);
+  lm::message addresses = setRequest(id, "192.168.88.10", 80);
+  addresses.insert_be32(0x3e9, inet_addr("192.168.88.11"));
+  lm::message ports = setRequest(id, "192.168.88.10", 80);
+  ports.insert_u32(0x3eb, 81);
   lm::message otherKey = setRequest(id, "192.168.88.10", 80);
   otherKey.insert_u32(9, 9000);
   const Row rows[] = {
@@ -136,6 +140,8 @@ TEST_F(NatRefusalTest, ChecksAChangeAgainstThePolicy) {
       {setRequest(id, "192.168.88.10", 65536), "internal port must be from 1 to 65535"},
       {halfAddress, "internal client must be one, not a range"},
       {halfPort, "internal port must be one, not a range"},
+      {addresses, "internal client must be one, not a range"},
+      {ports, "internal port must be one, not a range"},
       {otherKey, "field 0x08000009 is not known here"},
   };
   for (const Row& row : rows) EXPECT_EQ(sets(row.request), row.refusal);

@@ -206,7 +206,10 @@ TEST_F(NatRulesTest, KeepsARuleThatTheKernelDoesNotRemove) {
   uint32_t id = opens({});
   std::string text = "delete element ip lumen forwards { 45.45.45.1 . tcp . 8080 }";
   nftables.refuses(text, "");
+  ::testing::internal::CaptureStdout();
   EXPECT_EQ(removes(id), "the kernel refused it: no reason given");
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(),
+            "nat remove failed: tcp port 8080 of 45.45.45.1: no reason given\n");
   EXPECT_EQ(lists().size(), 1U);
   nftables.prints(text, "");
   EXPECT_EQ(removes(id), "");

@@ -106,6 +106,20 @@ TEST_F(ResolverTest, ANameThatWasOnlySlowIsNoFailure) {
   EXPECT_EQ(log_.text(), "resolver: silent.lan: name server does not answer\n");
 }
 
+TEST_F(ResolverTest, SpendsThePatienceOfAMinuteOnWhatWasWaited) {
+  serverIsSilent();
+  platform_.advance(minute / 2);
+  const uint32_t slow = ask("slow.lan");
+  platform_.advance(30);
+  server_.send(server_.asked.back(), dns::addresses(server_.asked.back(), {"10.0.0.7"}));
+  ASSERT_TRUE(platform_.turnUntil([&] { return answerTo(slow) == "10.0.0.7"; }));
+  const uint32_t silent = ask("silent.lan");
+  platform_.advance(64);
+  EXPECT_EQ(answerTo(silent), "none yet");
+  platform_.advance(1);
+  EXPECT_EQ(answerTo(silent), "name server does not answer");
+}
+
 TEST_F(ResolverTest, AnswersManyAtOnceEachInItsTime) {
   serverIsSilent();
   std::vector<uint32_t> requests;

@@ -64,6 +64,10 @@ TEST(NetlinkRoute, RefusesAContentThatIsNoRoute) {
     if (length == 12 || length == 20 || length == 28) continue;
     EXPECT_TRUE(makeRouteRequest({3, true, whole.substr(0, length)}, 3).empty()) << length;
   }
+  const NetlinkBytes halfALink{"24 00 00 00 18 00 02 00 00 00 00 00 00 00 00 00",
+                               "02 00 00 00 fe 03 00 01 00 00 00 00",
+                               "06 00 04 00 03 00 00 00"};  // RTA_OIF of two bytes
+  EXPECT_TRUE(makeRouteRequest(routeOf(halfALink, 3), 3).empty());
   std::string bridge = whole;
   bridge[0] = 7;  // AF_BRIDGE
   EXPECT_TRUE(makeRouteRequest({3, true, bridge}, 3).empty());
