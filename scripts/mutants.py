@@ -38,7 +38,14 @@ KEYWORDS = {
     "using", "virtual", "volatile", "while",
 }
 CONTROL = {"if", "for", "while", "switch"}
-LOG_CALLS = {"logLine", "fatal"}
+
+# What no behaviour depends on is spared: the words of lumen's log and of lumenctl's help, room that
+# is reserved, and the order of fields in a message, of elements of different containers and of the
+# set-up of commands.
+LOG_CALLS = {"logLine", "fatal", "log"}
+HELP_CALLS = {"add_option", "add_flag", "add_subcommand", "command", "type_name", "footer"}
+UNORDERED = re.compile(r"insert_\w+|callback|require_subcommand|set_version_flag"
+                       r"|add_(?:option|flag|subcommand)")
 
 TOKEN = re.compile(r"""
     (?P<comment>//[^\n]*|/\*.*?\*/)
@@ -126,10 +133,22 @@ class Code:
         token = self.tokens[at]
         return self.text[token.start - 1].isspace() and self.text[token.end:token.end + 1].isspace()
 
-    def call_before(self, at):
+    def call_around(self, at):
         """The name of the call whose arguments the token stands among, "" if of none."""
         around = self.inside[at]
         return self.word(around - 1) if around > 0 and self.word(around) == "(" else ""
+
+    def calls(self, begin, end):
+        """The names of the calls from one place to another, nested ones left out."""
+        return [self.word(at) for at in range(begin, end)
+                if self.word(at + 1) == "(" and self.inside[at] == self.inside[begin]]
+
+    def is_told(self, at):
+        """Whether the text is for people to read, in a place where its words are free."""
+        call = self.call_around(at)
+        names_it = call != "type_name" and self.word(at - 1) == "("
+        return (self.path.startswith("lumen/") and call in LOG_CALLS
+                or self.path.startswith("lumen/ctl/") and call in HELP_CALLS and not names_it)
 
     def text_beside(self, at):
         return any(token.kind == "text" for token in self.tokens[at - 1:at + 2])
@@ -210,9 +229,8 @@ def token_mutants(code):
     for at, token in enumerate(code.tokens):
         before = code.word(at - 1)
         if token.kind == "text":
-            told = code.path.startswith("lumen/") and code.call_before(at) in LOG_CALLS
             after = changed_text(token.text)
-            if after and not told and before != "extern":
+            if after and not code.is_told(at) and before != "extern":
                 yield code.mutant("text", at, at, after)
         elif token.kind == "number":
             match = INTEGER.fullmatch(token.text)
@@ -262,8 +280,10 @@ def statement_mutants(code):
         if statement is None:
             continue
         end, is_call = statement
-        name = next((code.word(at) for at in range(begin, end) if code.word(at + 1) == "("), "")
-        if is_call and name == "logLine" and code.path.startswith("lumen/"):
+        called = code.calls(begin, end)
+        if is_call and code.path.startswith("lumen/") and called[0] in LOG_CALLS - {"fatal"}:
+            continue
+        if is_call and called[0] == "reserve":
             continue
         yield code.mutant("drop", begin, end, ";")
         if is_call:
@@ -274,6 +294,11 @@ def statement_mutants(code):
         if code.word(begin - 1) == ")":
             continue  # only the first of them is conditional
         middle, last = end + 1, calls[end + 1]
+        one, other = code.calls(begin, end), code.calls(middle, last)
+        if UNORDERED.fullmatch(one[0]) and UNORDERED.fullmatch(other[0]):
+            continue
+        if one[0] == other[0] == "push_back" and code.word(begin) != code.word(middle):
+            continue
         one = code.text[code.tokens[begin].start:code.tokens[end].end]
         between = code.text[code.tokens[end].end:code.tokens[middle].start]
         other = code.text[code.tokens[middle].start:code.tokens[last].end]
@@ -281,16 +306,17 @@ def statement_mutants(code):
             yield code.mutant("swap", begin, last, other + between + one)
 
 
-def asserted(code):
-    """The places that belong to a static_assert."""
+def spared_places(code):
+    """Where nothing is to be changed: in what the compiler checks, and where room is reserved."""
     return [(code.tokens[at].start, code.tokens[code.partner[at + 1]].end)
-            for at, token in enumerate(code.tokens) if token.text == "static_assert"]
+            for at, token in enumerate(code.tokens)
+            if token.text in ("static_assert", "reserve") and code.word(at + 1) == "("]
 
 
 def mutants_of(path, text):
     """Every mutant of the file, in the order of their places."""
     code = Code(path, text)
-    spared = asserted(code)
+    spared = spared_places(code)
     found = [mutant for mutants in (token_mutants(code), statement_mutants(code))
              for mutant in mutants
              if not any(start <= mutant.start < end for start, end in spared)]
