@@ -172,6 +172,12 @@ TEST(XMLParser, AcceptsTheLargestTreeOfARequest) {
   EXPECT_TRUE(XMLParser("<r>" + std::string(65000, 'x') + "</r>").ok);
 }
 
+TEST(XMLParser, BoundsTheNamesOfElements) {
+  const XMLParser parser("<r>" + repeat("<" + std::string(100, 'a') + "/>", 30000) + "</r>");
+  EXPECT_FALSE(parser.ok);
+  EXPECT_LE(bytesOf(parser.root), XMLParser::maxTreeSize + sizeof(XMLNode) + 100);
+}
+
 TEST(XMLParser, BoundsTheTextThatEmptyElementsInherit) {
   const XMLParser parser("<r>" + std::string(30000, 'x') + repeat("<a/>", 8000) + "</r>");
   EXPECT_FALSE(parser.ok);
