@@ -72,7 +72,8 @@ class NetlinkLinksTest : public testing::Test {
     return output;
   }
 
-  /// A link and its other end "<name>-peer", both up.
+  /// A link and its other end "<name>-peer", both up. They run a little later, when the kernel has
+  /// looked at the cable.
   static void hasPair(const std::string& name) {
     ip("link add " + name + " type veth peer name " + name + "-peer");
     ip("link set " + name + "-peer up");
@@ -168,7 +169,7 @@ TEST_F(NetlinkLinksTest, FindsTheLinksAndAddressesThatAreThere) {
   ip("addr add 192.168.1.1/24 dev lan0");
   starts();
   EXPECT_EQ(stateOf("lo"), "unlisted");
-  EXPECT_EQ(stateOf("wan0"), "running");
+  EXPECT_TRUE(becomes("wan0", "running"));
   EXPECT_EQ(stateOf("lan0"), "down");
   EXPECT_EQ(recordOf("wan0").get_u32(interfaces::key::hardwareType), 1U);
   EXPECT_EQ(addresses(), "wan0=45.45.45.2 disabled=0, lan0=192.168.1.1 disabled=1, ");
@@ -235,6 +236,8 @@ TEST_F(NetlinkLinksTest, KeepsAPortThatLeavesItsBridge) {
   ip("link add br0 type bridge");
   ip("link set wan0 master br0");
   starts();
+  EXPECT_TRUE(becomes("wan0", "running"));
+  (void)notifier.take();
   ip("link set wan0 nomaster");
   ip("link set br0 up");  // so that everything before has been told when this has
   EXPECT_TRUE(waitFor([&] { return stateOf("br0") != "down"; }));
