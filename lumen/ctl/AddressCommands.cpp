@@ -3,6 +3,7 @@
 #include <ostream>
 
 #include "lumen/ctl/Commands.h"
+#include "lumen/ctl/Help.h"
 #include "lumen/ctl/Table.h"
 #include "lumen/ctl/Text.h"
 
@@ -38,7 +39,10 @@ void list(Session& session) {
 void addAddressCommands(CLI::App& app, Session& session) {
   CLI::App* group = app.add_subcommand("address", "the router's IPv4 addresses");
   group->require_subcommand(1);
-  group->add_subcommand("list", "show them")->callback([&session] { list(session); });
+  addExamples(*group, {{"address list", "show them"}});
+  CLI::App* listing = group->add_subcommand("list", "show them");
+  addExamples(*listing, {{"address list", "which address is on which interface"}});
+  listing->callback([&session] { list(session); });
 }
 
 }  // namespace lumenctl

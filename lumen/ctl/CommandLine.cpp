@@ -7,6 +7,7 @@
 
 #include "lumen/ctl/Commands.h"
 #include "lumen/ctl/Errors.h"
+#include "lumen/ctl/Help.h"
 #include "lumen/ctl/Session.h"
 #include "lumen/ctl/Text.h"
 
@@ -29,15 +30,20 @@ int run(const std::vector<std::string>& arguments, const Connect& connect, std::
   Session session(connect, out);
   CLI::App app("Shows and changes what this router's platform and its Internet gateway do.",
                "lumenctl");
-  app.set_version_flag("--version", "lumenctl " PALINODE_VERSION);
+  setHelpFormat(app);
+  app.set_version_flag("--version", "lumenctl " PALINODE_VERSION, "tell its version");
   app.add_option("--root", session.root, "talk to the platform that lumend --root DIR runs")
       ->type_name("DIR");
   app.add_flag("--json", session.json, "answer in JSON");
   app.require_subcommand(1);
   app.fallthrough();  // --root and --json may stand behind the command
-  app.footer(
-      "Exit status: 0 done; 1 refused, with the reason on standard error; 2 wrong usage.\n"
-      "COMMAND --help tells more of a command.");
+  addExamples(app,
+              {{"upnp setup --internal br-lan --external wan0", "make this router a gateway"},
+               {"status", "see what it does"},
+               {"nat close 8080/tcp", "close a port"},
+               {"nat list --json", "the open ports, for a program"}},
+              "Exit status: 0 done; 1 refused, with the reason on standard error; 2 wrong usage.\n"
+              "COMMAND --help tells more of a command.");
 
   addStatusCommand(app, session);
   addUpnpCommands(app, session);

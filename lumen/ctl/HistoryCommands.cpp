@@ -3,6 +3,7 @@
 
 #include "lumen/ctl/Commands.h"
 #include "lumen/ctl/Errors.h"
+#include "lumen/ctl/Help.h"
 #include "lumen/ctl/Table.h"
 #include "lumen/ctl/Text.h"
 
@@ -52,13 +53,18 @@ void undo(Session& session) {
 }  // namespace
 
 void addHistoryCommands(CLI::App& app, Session& session) {
-  app.add_subcommand("history", "what was changed lately, the newest change first")
-      ->callback([&session] { show(session); });
-  app.add_subcommand("undo", "take the newest change back; once more brings it back")
-      ->callback([&session] {
-        session.changes = true;
-        undo(session);
-      });
+  CLI::App* history =
+      app.add_subcommand("history", "what was changed lately, the newest change first");
+  addExamples(*history, {{"history", "who changed what, and when"}});
+  history->callback([&session] { show(session); });
+
+  CLI::App* undoing =
+      app.add_subcommand("undo", "take the newest change back; once more brings it back");
+  addExamples(*undoing, {{"undo", "take back what lumenctl history shows first"}});
+  undoing->callback([&session] {
+    session.changes = true;
+    undo(session);
+  });
 }
 
 }  // namespace lumenctl

@@ -2,12 +2,15 @@
 #include <ostream>
 
 #include "lumen/ctl/Commands.h"
+#include "lumen/ctl/Help.h"
 #include "lumen/ctl/Text.h"
 
 namespace lumenctl {
 
 void addIdentityCommand(CLI::App& app, Session& session) {
-  app.add_subcommand("identity", "what tells this router from every other")->callback([&session] {
+  CLI::App* command = app.add_subcommand("identity", "what tells this router from every other");
+  addExamples(*command, {{"identity", "what its UPnP device names end in"}});
+  command->callback([&session] {
     const std::string identity = session.router().identity();
     if (session.json) {
       session.print({{"identity", identity}});

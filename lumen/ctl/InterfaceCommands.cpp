@@ -4,6 +4,7 @@
 
 #include "lumen/ctl/Arguments.h"
 #include "lumen/ctl/Commands.h"
+#include "lumen/ctl/Help.h"
 #include "lumen/ctl/Table.h"
 #include "lumen/ctl/Text.h"
 
@@ -55,10 +56,15 @@ void forget(Session& session, const std::string& name) {
 void addInterfaceCommands(CLI::App& app, Session& session) {
   CLI::App* group = app.add_subcommand("interface", "the router's network interfaces");
   group->require_subcommand(1);
-  group->add_subcommand("list", "show them")->callback([&session] { list(session); });
+  addExamples(*group, {{"interface list", "show them"},
+                       {"interface forget wan1", "wan1 is gone for good"}});
+  CLI::App* listing = group->add_subcommand("list", "show them");
+  addExamples(*listing, {{"interface list", "with their addresses and what they have carried"}});
+  listing->callback([&session] { list(session); });
 
   CLI::App* forgetting = group->add_subcommand(
       "forget", "stop keeping an interface's name and role, and stop the gateway from using it");
+  addExamples(*forgetting, {{"interface forget wan1", "wan1 is gone for good"}});
   auto name = std::make_shared<std::string>();
   forgetting->add_option("interface", *name, "its name")
       ->required()

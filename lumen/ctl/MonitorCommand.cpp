@@ -4,6 +4,7 @@
 
 #include "lumen/ctl/Commands.h"
 #include "lumen/ctl/Errors.h"
+#include "lumen/ctl/Help.h"
 #include "lumen/ctl/Monitor.h"
 
 namespace lumenctl {
@@ -34,9 +35,11 @@ void monitor(Session& session) {
 }  // namespace
 
 void addMonitorCommand(CLI::App& app, Session& session) {
-  app.add_subcommand("monitor",
-                     "show each message between the router's programs as it passes, until Ctrl-C")
-      ->callback([&session] { monitor(session); });
+  CLI::App* command = app.add_subcommand(
+      "monitor", "show each message between the router's programs as it passes, until Ctrl-C");
+  addExamples(*command, {{"monitor", "watch them"},
+                         {"monitor --json > messages", "keep them, an object on each line"}});
+  command->callback([&session] { monitor(session); });
 }
 
 }  // namespace lumenctl

@@ -7,6 +7,7 @@
 #include "lumen/ctl/Arguments.h"
 #include "lumen/ctl/Commands.h"
 #include "lumen/ctl/Errors.h"
+#include "lumen/ctl/Help.h"
 #include "lumen/ctl/Ports.h"
 #include "lumen/ctl/Text.h"
 
@@ -110,8 +111,14 @@ void resetPolicy(Session& session) {
 
 void addPolicy(CLI::App& group, Session& session) {
   CLI::App* policy = group.add_subcommand("policy", "show or set which ports may be opened");
+  addExamples(*policy, {{"nat policy", "show it"},
+                        {"nat policy set max-rules-per-client=20", "change a part of it"},
+                        {"nat policy reset", "forget such changes"}});
   policy->require_subcommand(0, 1);
   CLI::App* set = policy->add_subcommand("set", "set some of it, the rest stays as it is");
+  addExamples(*set, {{"nat policy set external-ports=1024-65535", "no port below 1024"},
+                     {"nat policy set internal-clients=192.168.88.0/24 max-rules=100",
+                      "fewer, to one network"}});
   auto assignments = std::make_shared<std::vector<std::string>>();
   set->add_option("settings", *assignments, "settings: " + joined(policyNames()))
       ->required()
@@ -120,7 +127,9 @@ void addPolicy(CLI::App& group, Session& session) {
     session.changes = true;
     setPolicy(session, *assignments);
   });
-  policy->add_subcommand("reset", "back to what the policy file says")->callback([&session] {
+  CLI::App* reset = policy->add_subcommand("reset", "back to what the policy file says");
+  addExamples(*reset, {{"nat policy reset", "forget what was set by command"}});
+  reset->callback([&session] {
     session.changes = true;
     resetPolicy(session);
   });
@@ -134,11 +143,18 @@ void addPolicy(CLI::App& group, Session& session) {
 void addNatCommands(CLI::App& app, Session& session) {
   CLI::App* group =
       app.add_subcommand("nat", "the ports that are open to the Internet, and which may be");
+  addExamples(*group, {{"nat list", "the open ports"},
+                       {"nat close 8080/tcp", "close one of them"},
+                       {"nat policy", "what programs may open"}});
   group->require_subcommand(1);
-  group->add_subcommand("list", "show them")->callback([&session] { list(session); });
+  CLI::App* listing = group->add_subcommand("list", "show them");
+  addExamples(*listing, {{"nat list", "who opened them, for which host"},
+                         {"nat list --json", "for a program"}});
+  listing->callback([&session] { list(session); });
 
   CLI::App* closing = group->add_subcommand(
       "close", "close a port at once; it stays listed until the program that opened it lets go");
+  addExamples(*closing, {{"nat close 8080/tcp", "nobody gets in by it any more"}});
   auto port = std::make_shared<std::string>();
   closing->add_option("port", *port, "such as 8080/tcp")->required()->type_name("PORT/PROTOCOL");
   closing->callback([&session, port] {

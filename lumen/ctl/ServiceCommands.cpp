@@ -2,6 +2,7 @@
 #include <ostream>
 
 #include "lumen/ctl/Commands.h"
+#include "lumen/ctl/Help.h"
 #include "lumen/ctl/Table.h"
 #include "lumen/ctl/Text.h"
 
@@ -38,7 +39,10 @@ void list(Session& session) {
 void addServiceCommands(CLI::App& app, Session& session) {
   CLI::App* group = app.add_subcommand("service", "the programs that the platform starts");
   group->require_subcommand(1);
-  group->add_subcommand("list", "show them")->callback([&session] { list(session); });
+  addExamples(*group, {{"service list", "show them"}});
+  CLI::App* listing = group->add_subcommand("list", "show them");
+  addExamples(*listing, {{"service list", "which of them run, and how often they crashed"}});
+  listing->callback([&session] { list(session); });
 }
 
 }  // namespace lumenctl

@@ -6,6 +6,7 @@
 
 #include "lumen/ctl/Commands.h"
 #include "lumen/ctl/Errors.h"
+#include "lumen/ctl/Help.h"
 #include "lumen/ctl/Ports.h"
 #include "lumen/ctl/Table.h"
 #include "lumen/ctl/Text.h"
@@ -106,8 +107,10 @@ void show(Session& session) {
 }  // namespace
 
 void addStatusCommand(CLI::App& app, Session& session) {
-  app.add_subcommand("status", "whether the gateway works, its interfaces, the open ports")
-      ->callback([&session] { show(session); });
+  CLI::App* command =
+      app.add_subcommand("status", "whether the gateway works, its interfaces, the open ports");
+  addExamples(*command, {{"status", "on one screen"}, {"status --json", "for a program"}});
+  command->callback([&session] { show(session); });
 }
 
 }  // namespace lumenctl

@@ -7,6 +7,7 @@
 #include "lumen/ctl/Arguments.h"
 #include "lumen/ctl/Commands.h"
 #include "lumen/ctl/Errors.h"
+#include "lumen/ctl/Help.h"
 #include "lumen/ctl/Table.h"
 #include "lumen/ctl/Text.h"
 #include "lumen/ctl/UpnpSetup.h"
@@ -154,6 +155,8 @@ void addSetup(CLI::App& upnp, Session& session) {
   };
   auto arguments = std::make_shared<Arguments>();
   CLI::App* setup = upnp.add_subcommand("setup", "make this router an Internet gateway");
+  addExamples(*setup, {{"upnp setup --internal br-lan --external wan0", "one network at home"},
+                       {"upnp setup --internal br-lan br-guest --external ppp0", "two of them"}});
   setup->add_option("--internal", arguments->internal, "interfaces towards the hosts at home")
       ->required()
       ->check(interfaceName())
@@ -170,7 +173,12 @@ void addSetup(CLI::App& upnp, Session& session) {
 
 void addSettings(CLI::App& upnp, Session& session) {
   CLI::App* settings = upnp.add_subcommand("settings", "show or set the gateway's settings");
+  addExamples(*settings, {{"upnp settings", "show them"},
+                          {"upnp settings set enabled=off", "switch the gateway off"}});
   CLI::App* set = settings->add_subcommand("set", "set some of them, the others stay as they are");
+  addExamples(
+      *set, {{"upnp settings set enabled=off", "switch the gateway off"},
+             {"upnp settings set allow-disable-external=off show-dummy-rule=off", "two at once"}});
   auto assignments = std::make_shared<std::vector<std::string>>();
   set->add_option("settings", *assignments, "settings: " + joined(settingNames()))
       ->required()
@@ -186,8 +194,13 @@ void addSettings(CLI::App& upnp, Session& session) {
 
 void addInterfaces(CLI::App& upnp, Session& session) {
   CLI::App* group = upnp.add_subcommand("interface", "the interfaces that the gateway uses");
+  addExamples(*group, {{"upnp interface list", "show them"},
+                       {"upnp interface add br-guest --role internal", "one more network at home"},
+                       {"upnp interface remove br-guest", "not any more"}});
   group->require_subcommand(1);
-  group->add_subcommand("list", "show them")->callback([&session] { listInterfaces(session); });
+  CLI::App* listing = group->add_subcommand("list", "show them");
+  addExamples(*listing, {{"upnp interface list", "with the role of each"}});
+  listing->callback([&session] { listInterfaces(session); });
 
   auto arguments = std::make_shared<InterfaceArguments>();
   const auto command = [&](const std::string& name, const std::string& description, auto call) {
@@ -204,22 +217,31 @@ void addInterfaces(CLI::App& upnp, Session& session) {
   };
 
   CLI::App* add = command("add", "let the gateway use an interface", addInterface);
+  addExamples(*add, {{"upnp interface add br-guest --role internal", "one more network at home"},
+                     {"upnp interface add wan1 --role external --disable", "for later"}});
   add->add_option("--role", arguments->role, "external or internal")->required()->type_name("ROLE");
   add->add_flag("--disable", arguments->disable, "configure it, but do not use it yet");
 
   CLI::App* set = command("set", "change how the gateway uses an interface", setInterface);
+  addExamples(*set, {{"upnp interface set br-guest --disable", "leave it out for a while"},
+                     {"upnp interface set wan1 --enable --role external", "use it, as external"}});
   set->add_option("--role", arguments->role, "external or internal")->type_name("ROLE");
   CLI::Option* enable = set->add_flag("--enable", arguments->enable, "use it");
   set->add_flag("--disable", arguments->disable, "do not use it")->excludes(enable);
 
-  command("remove", "let the gateway no longer use an interface; its name stays kept",
-          [](Session& s, const InterfaceArguments& a) { removeInterface(s, a.name); });
+  CLI::App* remove =
+      command("remove", "let the gateway no longer use an interface; its name stays kept",
+              [](Session& s, const InterfaceArguments& a) { removeInterface(s, a.name); });
+  addExamples(*remove, {{"upnp interface remove br-guest", "its hosts see no gateway any more"}});
 }
 
 }  // namespace
 
 void addUpnpCommands(CLI::App& app, Session& session) {
   CLI::App* upnp = app.add_subcommand("upnp", "the Internet gateway: set-up, settings, interfaces");
+  addExamples(*upnp, {{"upnp setup --internal br-lan --external wan0", "become a gateway"},
+                      {"upnp settings", "how it is set"},
+                      {"upnp interface list", "what it uses"}});
   upnp->require_subcommand(1);
   addSetup(*upnp, session);
   addSettings(*upnp, session);

@@ -1,0 +1,86 @@
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "ctl/FakePlatform.h"
+
+namespace lumenctl {
+namespace {
+
+using Words = std::vector<std::string>;
+
+/// The lines of `help` below the one that is `heading`, to the next empty one.
+Words part(const std::string& help, const std::string& heading) {
+  Words lines;
+  std::istringstream text(help);
+  bool within = false;
+  for (std::string line; std::getline(text, line);) {
+    if (within && line.empty()) break;
+    if (within) lines.push_back(line);
+    if (line == heading) within = true;
+  }
+  return lines;
+}
+
+std::string firstWord(const std::string& line) {
+  std::string word;
+  std::istringstream(line) >> word;
+  return word;
+}
+
+/// What --help of the program and of all its commands says.
+struct Help : testing::Test {
+  Help() { ask({}); }
+
+  void ask(Words command) {
+    Words arguments = command;
+    arguments.emplace_back("--help");
+    const auto result = router.lumenctl(arguments);
+    EXPECT_EQ(result.status, 0) << result.err;
+    helps.push_back(result.out);
+    command.emplace_back();
+    for (const std::string& line : part(result.out, "Subcommands:")) {
+      if (line.size() < 3 || line[2] == ' ') continue;  // a description that goes on
+      command.back() = firstWord(line);
+      ask(command);
+    }
+  }
+
+  FakePlatform router;
+  Words helps;
+};
+
+TEST_F(Help, KnowsEveryCommand) { EXPECT_GT(helps.size(), 25U); }
+
+TEST_F(Help, GivesExamplesOfEveryCommand) {
+  for (const std::string& help : helps) {
+    EXPECT_FALSE(part(help, "Examples:").empty()) << help;
+  }
+}
+
+TEST_F(Help, GivesExamplesThatCanBeTyped) {
+  for (const std::string& help : helps) {
+    for (const std::string& line : part(help, "Examples:")) {
+      ASSERT_TRUE(line.starts_with("  lumenctl ")) << line;
+      const size_t end = line.find("  ", 2);
+      ASSERT_NE(end, std::string::npos) << line;
+      std::istringstream text(line.substr(2, end - 2));
+      Words arguments;
+      for (std::string word; text >> word && word != ">";) arguments.push_back(word);
+      arguments.erase(arguments.begin());
+      const auto result = FakePlatform().lumenctl(arguments);
+      EXPECT_NE(result.status, 2) << line << '\n' << result.err;
+    }
+  }
+}
+
+TEST_F(Help, GivesExamplesOfAHundredColumnsAtMost) {
+  for (const std::string& help : helps) {
+    for (const std::string& line : part(help, "Examples:")) EXPECT_LE(line.size(), 100U) << line;
+  }
+}
+
+}  // namespace
+}  // namespace lumenctl
