@@ -45,7 +45,7 @@ CONTROL = {"if", "for", "while", "switch"}
 LOG_CALLS = {"logLine", "fatal", "log"}
 HELP_CALLS = {"add_option", "add_flag", "add_subcommand", "command", "type_name", "footer"}
 UNORDERED = re.compile(r"insert_\w+|callback|require_subcommand|set_version_flag"
-                       r"|add_(?:option|flag|subcommand)")
+                       r"|add_(?:option|flag|subcommand)|add\w+Commands?")
 
 TOKEN = re.compile(r"""
     (?P<comment>//[^\n]*|/\*.*?\*/)
