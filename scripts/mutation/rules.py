@@ -50,11 +50,11 @@ UNORDERED = re.compile(r"insert_\w+|callback|require_subcommand|set_version_flag
 TOKEN = re.compile(r"""
     (?P<comment>//[^\n]*|/\*.*?\*/)
   | (?P<directive>^[ \t]*\#(?:\\\n|[^\n])*)
-  | (?P<text>(?:u8)?R"(?P<mark>[^()\\\s]*)\(.*?\)(?P=mark)"
+  | (?P<text>(?:u8)?R"(?P<delimiter>[^()\\\s]*)\(.*?\)(?P=delimiter)"
       | (?:u8)?"(?:\\.|[^"\\\n])*" | '(?:\\.|[^'\\\n])+')
   | (?P<number>\d(?:'?[\w.])*)
   | (?P<name>[A-Za-z_]\w*)
-  | (?P<mark_>->\*?|::|\+\+|--|<=>|<<=|>>=|<=|>=|==|!=|&&|\|\||[-+*/%&|^]=|<<|.)
+  | (?P<mark>->\*?|::|\+\+|--|<=>|<<=|>>=|<=|>=|==|!=|&&|\|\||[-+*/%&|^]=|<<|.)
     """, re.VERBOSE | re.MULTILINE | re.DOTALL)
 INTEGER = re.compile(r"(0[xX])?([0-9a-fA-F]+(?:'[0-9a-fA-F]+)*)([uUlLzZ]*)")
 TEXT_BYTE = re.compile(r"\\(?:x[0-9a-fA-F]+|[0-7]{1,3}|.)|(.)", re.DOTALL)
@@ -93,9 +93,9 @@ class Code:
     def __init__(self, path, text):
         self.path = path
         self.text = text
-        self.tokens = [Token(match.lastgroup.rstrip("_"), match.group(), match.start(), match.end())
+        self.tokens = [Token(match.lastgroup, match.group(), match.start(), match.end())
                        for match in TOKEN.finditer(text)
-                       if match.lastgroup not in ("comment", "directive", "mark")
+                       if match.lastgroup not in ("comment", "directive")
                        and not match.group().isspace()]
         self.partner = {}  # of each bracket
         self.inside = []   # the innermost bracket that is open before the token; -1: none
