@@ -6,6 +6,8 @@
 #include <vector>
 
 #include "ctl/FakePlatform.h"
+#include "lumen/ctl/Records.h"
+#include "lumen/services/history/HistoryKeys.h"
 #include "platform/Keys.h"
 
 namespace lumenctl {
@@ -31,6 +33,14 @@ TEST_F(History, ShowsTheNewestChangeFirst) {
             "ID  WHEN                 WHO           CHANGE\n"
             " 2  2024-03-01 00:59:58  palinode-igd  upnp config\\x1b changed\n"
             " 1  2024-03-01 00:59:58  palinode-igd  upnp interface changed\n");
+}
+
+TEST_F(History, OfAProgramWithoutHandlersIsOfItsFirst) {
+  lm::message record;
+  EXPECT_EQ(Change(record).service, 0U);
+  record.insert_u32_array(lumen::history::key::path, {40});
+  EXPECT_EQ(Change(record).service, 40U);
+  EXPECT_EQ(Change(record).handler, 0U);
 }
 
 TEST_F(History, IsShownInJson) {
