@@ -2,6 +2,7 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <csignal>
 
 #include "lumen/runtime/Codec.h"
@@ -10,6 +11,7 @@
 #include "platform/Store.h"
 #include "support/Describe.h"
 #include "support/LogCapture.h"
+#include "support/RefusedCall.h"
 #include "support/TempDir.h"
 
 namespace lm {
@@ -135,6 +137,32 @@ TEST_F(StoreOnDisk, KeepsTheOldRecordWhenTheDiskIsFull) {
   EXPECT_EQ(dir_.names(), Names{"0"});
 }
 
+TEST_F(StoreOnDisk, LeavesARecordAloneThatItCannotRead) {
+  EXPECT_TRUE(store_.set(0, settings(true)));
+  const test::LogCapture log;
+  whileRefused({SCMP_SYS(openat)}, EACCES, [&] { EXPECT_FALSE(store_.get(0)); });
+  whileRefused({SCMP_SYS(read)}, EIO, [&] { EXPECT_FALSE(store_.get(0)); });
+  EXPECT_EQ(log.text(), "store: " + dir_.file("0") + ": Permission denied\n" +
+                            "store: " + dir_.file("0") + ": Input/output error\n");
+  EXPECT_EQ(store_.get(0), settings(true));
+}
+
+TEST_F(StoreOnDisk, RefusesARecordThatMightNotSurviveAPowerFailure) {
+  const test::LogCapture log;
+  whileRefused({SCMP_SYS(fsync)}, EIO, [&] { EXPECT_FALSE(store_.set(0, settings(true))); });
+  EXPECT_EQ(log.text(), "store: " + dir_.file("0.new") + ": Input/output error\n");
+  EXPECT_EQ(dir_.names(), Names{});
+}
+
+TEST_F(StoreOnDisk, SaysWhenABrokenRecordCannotBeSetAside) {
+  dir_.write("0", "not a message");
+  const test::LogCapture log;
+  whileRefused({SCMP_SYS(rename)}, EACCES, [&] { EXPECT_FALSE(store_.get(0)); });
+  EXPECT_TRUE(log.text().ends_with("store: " + dir_.file("0.broken") + ": Permission denied\n"))
+      << log.text();
+  EXPECT_EQ(dir_.names(), Names{"0"});
+}
+
 TEST(StoreWithoutDirectory, HasNoRecordsAndRefusesToWrite) {
   const test::TempDir dir;
   Store store(dir.file("missing"), 5);
@@ -178,6 +206,17 @@ TEST_F(Records, ACommitThatFailsSaysSo) {
   EXPECT_FALSE(pending->commit());
   pending.reset();
   EXPECT_EQ(dir_.names(), Names{"7"});
+}
+
+TEST_F(Records, AreInTheirPlaceAlsoWhenTheDirectoryCannotBeSynced) {
+  auto pending = records_.prepare(7, record(1));
+  const test::LogCapture log;
+  whileRefused({SCMP_SYS(fsync)}, EIO, [&] { EXPECT_TRUE(pending->commit()); });
+  EXPECT_EQ(records_.read(7), record(1));
+  whileRefused({SCMP_SYS(fsync)}, EIO, [&] { EXPECT_TRUE(records_.remove(7)); });
+  EXPECT_FALSE(records_.read(7));
+  const std::string line = "store: " + dir_.path() + ": Input/output error\n";
+  EXPECT_EQ(log.text(), line + line);
 }
 
 TEST_F(Records, AreListedByRisingNumber) {

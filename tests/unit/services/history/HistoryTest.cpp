@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <ctime>
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <vector>
@@ -95,6 +97,22 @@ TEST_F(HistoryTest, ListsTheOldestFirst) {
   EXPECT_EQ(texts(), (std::vector<std::string>{"one", "two"}));
 }
 
+TEST_F(HistoryTest, IsReadWholeByEitherCommand) {
+  add(changed("one"));
+  EXPECT_EQ(history->handle(administrator(), lm::cmd::readAll, {}),
+            history->handle(administrator(), lm::cmd::list, {}));
+}
+
+TEST_F(HistoryTest, TakesBackAtHandlerZeroWhatNamesNoHandler) {
+  lm::message request = changed("one");
+  request.insert_u32_array(lm::key::source, {40});
+  add(request);
+  lm::message first;
+  first.insert_u32(lm::key::objectId, 1);
+  const lm::message entry = history->handle(administrator(), lm::cmd::readObject, first);
+  EXPECT_EQ(entry.get_u32_array_ref(key::path), (std::vector<uint32_t>{40, 0}));
+}
+
 TEST_F(HistoryTest, SurvivesARestart) {
   add(changed("one"));
   add(changed("two"));
@@ -178,6 +196,46 @@ TEST_F(HistoryTest, RefusesAChangeThatCannotBeStored) {
   EXPECT_EQ(lm::getError(add(changed("one"))), "the change could not be stored");
   EXPECT_TRUE(texts().empty());
   EXPECT_NE(log.text(), "");
+}
+
+TEST_F(HistoryTest, KeepsWhatCannotBeRemoved) {
+  add(changed("one"));
+  std::filesystem::remove(store.file("1"));
+  store.makeDirectory("1");
+  lm::test::OutputCapture log;
+  EXPECT_EQ(remove(1), "the entry could not be removed");
+  EXPECT_EQ(texts(), std::vector<std::string>{"one"});
+  EXPECT_NE(log.text(), "");
+}
+
+TEST_F(HistoryTest, RefusesAChangeWhoseFileCannotTakeItsPlace) {
+  store.makeDirectory("1");
+  lm::test::OutputCapture log;
+  EXPECT_EQ(lm::getError(add(changed("one"))), "the change could not be stored");
+  EXPECT_TRUE(texts().empty());
+  EXPECT_NE(log.text(), "");
+}
+
+TEST(HistoryClock, IsTheTimeOfDay) {
+  const lm::test::TempDir store;
+  History history(store.path());
+  Caller gateway;
+  gateway.service = 40;
+  lm::message undo;
+  undo.insert_u32(lm::key::command, lm::cmd::set);
+  lm::message request;
+  request.insert_string(key::text, "one");
+  request.insert_message(key::undo, undo);
+  const auto before = static_cast<uint64_t>(std::time(nullptr));
+  (void)history.handle(gateway, lm::cmd::addObject, request);
+  const auto after = static_cast<uint64_t>(std::time(nullptr));
+  Caller administrator;
+  administrator.administrator = true;
+  const lm::message page = history.handle(administrator, lm::cmd::list, {});
+  ASSERT_EQ(page.size_message_array(lm::key::records), 1U);
+  const uint64_t time = page.get_message_array_ref(lm::key::records)[0].get_u64(key::time);
+  EXPECT_GE(time, before);
+  EXPECT_LE(time, after);
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 
 #include "lumen/services/identity/Identity.h"
 #include "platform/Keys.h"
+#include "platform/Store.h"
 
 namespace lumen {
 namespace {
@@ -54,6 +55,18 @@ TEST_F(IdentityTest, IsMadeAnewWhenTheStoredOneIsBroken) {
   EXPECT_NE(second, identity);
   EXPECT_EQ(readAfterStart(), second);
   EXPECT_NE(testing::internal::GetCapturedStdout(), "") << "that is reported";
+}
+
+TEST_F(IdentityTest, IsMadeAnewWhenTheStoredOneIsNone) {
+  for (const char* wrong : {"", "0c5e9a51", "0123456789ABCDEF0123456789ABCDEF"}) {
+    lm::message record;
+    record.insert_string(0x20000001, wrong);
+    lm::Store(store_, 1).set(0, record);
+    const std::string identity = readAfterStart();
+    EXPECT_EQ(identity.size(), 32U);
+    EXPECT_NE(identity, wrong);
+    EXPECT_EQ(readAfterStart(), identity);
+  }
 }
 
 TEST_F(IdentityTest, LastsAsLongAsTheProcessWhenItCannotBeStored) {

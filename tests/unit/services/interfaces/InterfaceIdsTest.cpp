@@ -46,5 +46,15 @@ TEST(InterfaceIds, AreForgottenOfTheNameThatIsLongestGone) {
   EXPECT_EQ(ids.take("gone"), 3U + InterfaceIds::rememberedNames);
 }
 
+TEST(InterfaceIds, AreReleasedOnce) {
+  InterfaceIds ids;
+  ids.release("nobody");
+  (void)ids.take("a");
+  ids.release("a");
+  ids.release("a");
+  EXPECT_EQ(ids.take("a"), 1U);
+  EXPECT_EQ(ids.take("nobody"), 2U);
+}
+
 }  // namespace
 }  // namespace lumen

@@ -297,6 +297,28 @@ TEST_F(InterfaceTableTest, ReadsZeroCountersOfALinkThatIsAway) {
                 " rxbytes=0 txbytes=0 rxpackets=0 txpackets=0");
 }
 
+TEST_F(InterfaceTableTest, ReadsZeroCountersOfALinkThatHasJustLeft) {
+  kernel.appears("wan0");
+  kernel.counters = {1, 2, 3, 4};
+  starts();
+  kernel.silent = true;
+  kernel.leaves("wan0");
+  lm::message request;
+  request.insert_u32(lm::key::objectId, 1);
+  EXPECT_EQ(text(asks(daemon, lm::cmd::readObject, request)),
+            record(1, 2, "wan0", "disabled=0 running=1") +
+                " rxbytes=0 txbytes=0 rxpackets=0 txpackets=0");
+}
+
+TEST_F(InterfaceTableTest, TellsNothingOfTheLoopback) {
+  starts();
+  kernel.appears("lo", true, true, 772);
+  kernel.getsAddress("lo", "127.0.0.1/8");
+  kernel.losesAddress("lo", "127.0.0.1/8");
+  kernel.leaves("lo");
+  EXPECT_EQ(notified(), Lines{});
+}
+
 TEST_F(InterfaceTableTest, RefusesAnUnknownObjectAndAnUnknownCommand) {
   starts();
   lm::message request;

@@ -166,6 +166,40 @@ TEST_F(KeptInterface, ChangesNothingWhenItCannotBeStored) {
   EXPECT_EQ(notified(), Lines{});
 }
 
+TEST(KeptNamesTest, LeaveOutWhatIsWrongInTheStore) {
+  const lm::test::TempDir dir;
+  lm::Store store(dir.path(), 1);
+  struct Row {
+    const char* name;
+    uint32_t id;
+    uint32_t role;
+  };
+  const Row rows[] = {{"wan0", 1, 1},        {"a/b", 2, 1},  {"eth0", 3, 0},
+                      {"eth1", 4, 3},        {"eth2", 0, 1}, {"wan0", 5, 2},
+                      {"eth3", lm::none, 1}, {"eth4", 1, 2}, {"lan0", 6, 2}};
+  std::vector<lm::message> records;
+  for (const Row& row : rows) {
+    lm::message m;
+    m.insert_string(interfaces::key::name, row.name);
+    m.insert_u32(lm::key::objectId, row.id);
+    m.insert_u32(interfaces::key::role, row.role);
+    records.push_back(m);
+  }
+  lm::message all;
+  all.insert_message_array(lm::key::records, records);
+  ASSERT_TRUE(store.set(0, all));
+  testing::internal::CaptureStdout();
+  const KeptNames kept(store);
+  std::string line = "interfaces: a stored name is wrong and left out\n";
+  std::string log;
+  for (int i = 0; i < 7; ++i) log += line;
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), log);
+  ASSERT_EQ(kept.all().size(), 2U);
+  EXPECT_EQ(kept.all().at("wan0").id, 1U);
+  EXPECT_EQ(kept.all().at("wan0").role, 1U);
+  EXPECT_EQ(kept.all().at("lan0").id, 6U);
+}
+
 TEST_F(KeptInterface, IsKeptAndForgottenByAdministratorsOnly) {
   starts();
   lm::message keep;

@@ -4,9 +4,12 @@
 
 #include <cerrno>
 
+#include "lumen/runtime/Codec.h"
 #include "lumen/services/interfaces/RouteKeeper.h"
 #include "platform/Keys.h"
+#include "platform/Store.h"
 #include "services/interfaces/Router.h"
+#include "support/TempDir.h"
 
 namespace lumen {
 namespace {
@@ -272,6 +275,58 @@ TEST_F(LinkSwitch, SavesTheRoutesOfAsManyLinksAsItHasRecordsFor) {
   }
   EXPECT_NE(testing::internal::GetCapturedStdout().find("too many links with saved routes\n"),
             std::string::npos);
+}
+
+/// A record of the saved routes of a link.
+lm::message savedRoute(const std::string& name) {
+  lm::message route;
+  route.insert_u32(1, 2);
+  route.insert_bool(2, false);
+  route.insert_string(3, "route of " + name);
+  lm::message record;
+  record.insert_string(interfaces::key::name, name);
+  record.insert_message_array(1, {route});
+  return record;
+}
+
+TEST(RouteKeeperTest, ReadsARecordOnlyForALinkThatHasNone) {
+  const lm::test::TempDir dir;
+  lm::message other = savedRoute("wan0");
+  other.insert_message_array(1, {});
+  dir.write("1", lm::encode(other));
+  dir.write("2", lm::encode(savedRoute("wan0")));
+  dir.write("3", lm::encode(savedRoute("wan0")));
+  lm::Store store(dir.path(), RouteKeeper::records);
+  FakeLinks kernel;
+  kernel.appears("wan0");
+  RouteKeeper keeper(kernel, store);
+  keeper.putBack("wan0", kernel.indexOf("wan0"));
+  EXPECT_EQ(kernel.takeCalls(), Lines{"route route of wan0 by 2"});
+}
+
+TEST_F(LinkSwitch, DoesNotSaveARouteTwice) {
+  kernel.getsRoute("wan0", "default");
+  wanGoesDown();
+  kernel.becomes("wan0", true, false);
+  kernel.getsRoute("wan0", "default");  // somebody put it back
+  wanGoesDown();
+  kernel.becomes("wan0", true, true);
+  EXPECT_EQ(kernel.takeCalls(), Lines{"route default by 3"});
+}
+
+TEST_F(LinkSwitch, KeepsTheRoutesOfALinkThatIsGoneAgain) {
+  kernel.getsRoute("wan0", "default");
+  wanGoesDown();
+  Link late = kernel.all.links[kernel.indexOf("wan0")];
+  late.up = late.running = true;
+  kernel.silent = true;
+  kernel.leaves("wan0");
+  kernel.silent = false;
+  kernel.tellsOf(late);
+  EXPECT_EQ(kernel.takeCalls(), Lines{}) << "told late";
+  kernel.readsEverything();
+  kernel.appears("wan0");
+  EXPECT_EQ(kernel.takeCalls(), Lines{"route default by 5"});
 }
 
 TEST_F(LinkSwitch, SaysInTheLogWhoTookALinkDown) {

@@ -92,6 +92,13 @@ TEST(ServiceFile, HasDefaultsForWhatIsLeftOut) {
   EXPECT_TRUE(service->stores.empty());
 }
 
+TEST(ServiceFile, TakesBlanksAndNoForAnAnswer) {
+  const auto service = parse(serviceFile("name", "name\t=\tup-2\nboot = no"));
+  ASSERT_TRUE(service);
+  EXPECT_EQ(service->name, "up-2");
+  EXPECT_FALSE(service->boot);
+}
+
 TEST(ServiceFile, NamesAUserByNumberThatNobodyKnows) {
   const auto service = parse(serviceFile("user", "user = 12345"));
   ASSERT_TRUE(service);
@@ -113,6 +120,8 @@ TEST(ServiceFile, IsRefusedWithAReason) {
       {"name", "name = ../etc", "\"../etc\" is no name"},
       {"name", "name = -x", "\"-x\" is no name"},
       {"name", "name = Upnp", "\"Upnp\" is no name"},
+      {"name", "name = up{np", "\"up{np\" is no name"},
+      {"name", "name = up!np", "\"up!np\" is no name"},
       {"name", "name = " + longName, "is no name"},
       {"number", "", "\"number\" is missing"},
       {"number", "number = 0", "\"0\" is no number"},
@@ -135,6 +144,7 @@ TEST(ServiceFile, IsRefusedWithAReason) {
       {"", "answers-only = 1", "\"answers-only\" is neither yes nor no"},
       {"", "stores = upnp ../x", "\"../x\" is no name of a store"},
       {"", "colour = red", "unknown setting \"colour\""},
+      {"", "colour = red\nnumber = 41", "unknown setting \"colour\""},
       {"", "number = 41", "\"number\" is given twice"},
       {"", "[other]\nname = x", "settings belong below [service]"},
       {"", "what is this", "line 6: is no setting"},
@@ -142,6 +152,7 @@ TEST(ServiceFile, IsRefusedWithAReason) {
       {"", "boot = \x01yes", "line 6: a byte that is no printable ASCII"},
       {"", std::string("boot = yes\0", 11), "line 6: a byte that is no printable ASCII"},
       {"", "boot = j\xC3\xA4", "line 6: a byte that is no printable ASCII"},
+      {"", "boot = \x7Fyes", "line 6: a byte that is no printable ASCII"},
       {"", "; " + std::string(190, 'x'), "line 6: is too long"},
       {"", "boot = yes\n  no", "\"boot\" is given twice"},
   };

@@ -97,6 +97,12 @@ TEST_F(SupervisorTest, StartsAtBootWhatIsToStartThen) {
   EXPECT_EQ(processes.started[0].lockFile, gatewayLock);
 }
 
+TEST_F(SupervisorTest, DoesNotStartAgainAtBootWhatWasNeededBefore) {
+  EXPECT_TRUE(supervisor.need(gateway, false));
+  supervisor.boot();
+  EXPECT_EQ(starts(), 1U);
+}
+
 TEST_F(SupervisorTest, StartsTheOthersAtTheFirstRequest) {
   supervisor.boot();
   EXPECT_EQ(state(resolver), servicestate::stopped);
@@ -279,6 +285,7 @@ TEST_F(SupervisorTest, WaitsForTheProcessThatAnEarlierLumendHasLeft) {
   processes.holders[gatewayLock] = 77;
   supervisor.boot();
   EXPECT_TRUE(supervisor.need(gateway, false)) << "it is on its way";
+  EXPECT_EQ(state(gateway), servicestate::starting);
   pass(9'000);
   EXPECT_EQ(starts(), 0U);
   processes.holders.clear();
