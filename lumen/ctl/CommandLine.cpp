@@ -58,6 +58,7 @@ int run(const std::vector<std::string>& arguments, const Connect& connect, std::
   try {
     app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
     session.finish();
+    if (!out.flush()) throw Refused("standard output cannot be written");
     return 0;
   } catch (const CLI::Success& asked) {  // --help, --version
     return app.exit(asked, out, err);

@@ -94,6 +94,13 @@ class LumenctlTest(RouterCase):
         self.router.kill()  # which leaves its socket
         self.assertIn("Connection refused", self.refused("status")[1])
 
+    def test_it_says_that_its_answer_cannot_be_written(self):
+        with open("/dev/full", "wb") as full:
+            done = subprocess.run([PROGRAMS / "lumenctl", "--root", self.router.root, "status"],
+                                  stdout=full, stderr=subprocess.PIPE, timeout=30, check=False)
+        self.assertEqual((done.returncode, done.stderr),
+                         (1, b"lumenctl: standard output cannot be written\n"))
+
     def test_the_identity_stays_and_tells_routers_apart(self):
         identity = self.router.lumenctl("identity")
         self.router.stop()

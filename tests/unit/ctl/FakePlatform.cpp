@@ -85,6 +85,7 @@ FakePlatform::FakePlatform() {
 FakePlatform::Result FakePlatform::lumenctl(const std::vector<std::string>& arguments) {
   std::ostringstream out;
   std::ostringstream err;
+  if (outputIsFull_) out.setstate(std::ios::badbit);
   const auto connect = [this](const std::string& root,
                               std::string& why) -> std::unique_ptr<Client> {
     root_ = root;

@@ -55,6 +55,7 @@ class FakePlatform {
   /// Every such request is refused from now on.
   void refuses(const Path& destination, uint32_t command, const std::string& text);
   void cannotBeReached() { reachable_ = false; }
+  void standardOutputIsFull() { outputIsFull_ = true; }
   /// A table's pages hold one record each; with `endless` the cursor does not rise.
   void sendsShortPages(bool endless = false);
 
@@ -94,6 +95,7 @@ class FakePlatform {
   size_t pageSize_ = 64;
   bool endless_ = false;
   bool reachable_ = true;
+  bool outputIsFull_ = false;
 };
 
 }  // namespace lumenctl

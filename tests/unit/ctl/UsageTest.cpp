@@ -139,6 +139,15 @@ TEST_F(Usage, SaysWhatIsDoneInJsonToo) {
   }
 }
 
+TEST_F(Usage, EndsWith1WhenItsAnswerCannotBeWritten) {
+  for (const Lines& arguments : {Lines{"identity"}, Lines{"--json", "identity"}}) {
+    router.standardOutputIsFull();
+    const auto result = router.lumenctl(arguments);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err, "lumenctl: standard output cannot be written\n");
+  }
+}
+
 TEST_F(Usage, TakesTheRootBeforeOrBehindTheCommand) {
   EXPECT_EQ(router.lumenctl({"--root", "/tmp/a", "identity"}).status, 0);
   EXPECT_EQ(router.root(), "/tmp/a");
