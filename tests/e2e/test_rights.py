@@ -1,11 +1,15 @@
 """Who may do what on the router."""
 
 import os
+import pathlib
+import shutil
 import socket
+import subprocess
+import tempfile
 import unittest
 
 from support import lm
-from support.router import SERVICE_USER
+from support.router import PROGRAMS, SERVICE_USER
 from support.router_case import RouterCase
 
 NOBODY = 65534
@@ -73,6 +77,60 @@ class RightsTest(RouterCase):
         kept = 1 << 5 | 1 << 6 | 1 << 7 | 1 << 12
         self.assertEqual(int(fields["CapEff"], 16), kept)
         self.assertEqual(int(fields["CapPrm"], 16), kept)
+
+
+class AdministratorsTest(RouterCase):
+    """The group `lumen`, in an /etc that only this router's lumend sees."""
+
+    GROUP = 64900
+
+    def setUp(self):
+        folder = tempfile.mkdtemp(prefix="palinode-")
+        self.addCleanup(shutil.rmtree, folder)
+        etc = pathlib.Path(folder) / "etc"
+        etc.mkdir()
+        (etc / "group").write_text(f"root:x:0:\nlumen:x:{self.GROUP}:\n")
+        self.PRIVATE = {"/etc": str(etc)}
+        os.chmod(folder, 0o755)
+        # Where other users can reach it.
+        self.lumenctl = shutil.copy(PROGRAMS / "lumenctl", folder)
+        super().setUp()
+
+    def run_as(self, group, groups, *arguments):
+        """lumenctl of a user whom nobody knows: exit status, output and errors."""
+        done = subprocess.run([self.lumenctl, "--root", self.router.root, *arguments], user=NOBODY,
+                              group=group, extra_groups=groups, stdin=subprocess.DEVNULL,
+                              capture_output=True, text=True, timeout=30, check=False)
+        return done.returncode, done.stdout, done.stderr
+
+    def test_members_of_the_group_do_everything(self):
+        self.lan[0].open_port(8080, "TCP")
+        for group, groups in ((self.GROUP, []), (NOBODY, [NOBODY, self.GROUP])):
+            with self.subTest(group=group, groups=groups):
+                for said, arguments in (
+                        ("upnp ", ("service", "list")),
+                        ("max-rules: 7\n", ("nat", "policy", "set", "max-rules=7")),
+                        ("policy: as in its file\n", ("nat", "policy", "reset")),
+                        ("show-dummy-rule: off\n",
+                         ("upnp", "settings", "set", "show-dummy-rule=off")),
+                        ("undone: upnp config changed\n", ("undo",)),
+                        ("eth7: used by the gateway as internal\n",
+                         ("upnp", "interface", "add", "eth7", "--role", "internal")),
+                        ("eth7: forgotten\n", ("interface", "forget", "eth7")),
+                        ("8080/tcp ", ("nat", "list"))):
+                    status, out, err = self.run_as(group, groups, *arguments)
+                    self.assertEqual((status, err), (0, ""), arguments)
+                    self.assertIn(said, out)
+        self.assertEqual(self.run_as(self.GROUP, [], "nat", "close", "8080/tcp"),
+                         (0, "8080/tcp: closed\n", ""))
+
+    def test_everybody_else_is_refused(self):
+        # Neither root's group nor the number of a service's user is worth anything.
+        for group, groups in ((NOBODY, []), (0, [0]), (SERVICE_USER, [SERVICE_USER])):
+            with self.subTest(group=group, groups=groups):
+                self.assertEqual(self.run_as(group, groups, "identity"),
+                                 (1, "", "lumenctl: connection ended\n"))
+        self.assertIn(f"of user {NOBODY}, which has no rights here", self.router.log())
 
 
 if __name__ == "__main__":

@@ -34,10 +34,12 @@ class CommandFailed(Exception):
 class Router:
     """lumend in a network's router; starts at once, ends with close or with the process."""
 
-    def __init__(self, network, service_user=SERVICE_USER, verbose=False):
-        """With `verbose` the programs' log goes to this process's standard output."""
+    def __init__(self, network, service_user=SERVICE_USER, verbose=False, private=None):
+        """With `verbose` the programs' log goes to this process's standard output. `private` are
+        folders that lumend finds in place of the system's; see Namespace.popen."""
         self.network = network
         self.namespace = network.router
+        self.private = private
         self.lumend = None
         self._log = None
         self.root = pathlib.Path(tempfile.mkdtemp(prefix="palinode-"))
@@ -58,6 +60,7 @@ class Router:
     def launch(self):
         """Starts lumend and does not wait for it."""
         self.lumend = self.namespace.popen(str(PROGRAMS / "lumend"), "--root", str(self.root),
+                                           private=self.private,
                                            stdin=subprocess.DEVNULL, stdout=self._log,
                                            stderr=subprocess.STDOUT if self._log else None)
 

@@ -14,6 +14,7 @@ class RouterCase(unittest.TestCase):
     """Each test starts with a router that is set up, or only runs when `SET_UP` is false."""
 
     SET_UP = True
+    PRIVATE = None  # see Router
 
     def setUp(self):
         self.router = self.make_router()
@@ -25,7 +26,7 @@ class RouterCase(unittest.TestCase):
         """A router in a network of its own, until the end of the test."""
         network = Network()
         self.addCleanup(self._close_network, network)
-        router = Router(network)
+        router = Router(network, private=self.PRIVATE)
         self.addCleanup(self._close_router, router)
         if self.SET_UP:
             router.set_up()
