@@ -150,6 +150,19 @@ TEST_F(ConnectionTest, ARequestThatIsTooLongIsRefusedHere) {
   EXPECT_FALSE(connection_.ended());
 }
 
+TEST_F(ConnectionTest, WhatNobodyWaitsForIsSaidInTheLogWhenItIsTooLong) {
+  message m = request(7);
+  m.insert_string(2, std::string(maxDatagram, 'x'));
+  const test::LogCapture log;
+  connection_.post(m, cmd::addObject, 0);
+  connection_.notify(m, cmd::changed, 0);
+  EXPECT_EQ(
+      log.text(),
+      "platform: request 16646149 is too long\nplatform: notification 16646155 is too long\n");
+  EXPECT_EQ(platformReceives(), "nothing");
+  EXPECT_FALSE(connection_.ended());
+}
+
 TEST_F(ConnectionTest, PostingAndNotifyingWaitForNobody) {
   connection_.post(request(7), cmd::addObject, 0);
   connection_.notify(request(8), cmd::changed, 2);
@@ -223,7 +236,9 @@ TEST_F(SlowPlatform, IsGivenUpWhenTooMuchWaits) {
   const test::LogCapture log;
   message m = request(7);
   m.insert_string(2, std::string(100'000, 'x'));
-  for (int i = 0; i < 50; ++i) connection_.post(m, 1, 0);
+  for (int i = 0; i < 40; ++i) connection_.post(m, 1, 0);
+  EXPECT_FALSE(connection_.ended()) << "4 MiB may wait";
+  for (int i = 0; i < 2; ++i) connection_.post(m, 1, 0);
   EXPECT_TRUE(connection_.ended());
   EXPECT_EQ(log.text(), "platform: does not read\n");
 }

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "runtime/LoopTest.h"
+#include "support/LogCapture.h"
 
 namespace lm {
 namespace {
@@ -212,6 +213,18 @@ TEST_F(ClosedDescriptors, ThatAreStillWatchedAreQuiet) {
   pair_.ours.reset();
   EXPECT_TRUE(isQuiet());
   EXPECT_EQ(calls(), Names{});
+}
+
+TEST_F(ClosedDescriptors, AreSaidInTheLogOnce) {
+  const Fd elsewhere(dup(pair_.ours.get()));
+  const std::string number = std::to_string(pair_.ours.get());
+  watch("closed", pair_.ours.get());
+  turn();
+  test::writeText(pair_.peer.get(), "x");
+  const test::LogCapture log;
+  pair_.ours.reset();
+  turns(5);
+  EXPECT_EQ(log.text(), "event loop: descriptor " + number + " was closed while watched\n");
 }
 
 TEST_F(ClosedDescriptors, MayBeRemovedAfterwards) {

@@ -138,6 +138,22 @@ TEST_F(Watches, CallBackOnceATurnAsLongAsTheDescriptorIsReady) {
   EXPECT_EQ(calls(), Names{});
 }
 
+TEST_F(Watches, CallBackInTheOrderInWhichTheirDescriptorsBecameReady) {
+  std::vector<std::unique_ptr<SocketPair>> pairs;
+  Names names;
+  for (int i = 0; i < 8; ++i) {
+    pairs.push_back(std::make_unique<SocketPair>(SOCK_STREAM));
+    watch(std::to_string(i), pairs.back()->ours.get());
+  }
+  turn();
+  for (const int i : {3, 0, 7, 1, 6, 2, 5, 4}) {
+    test::writeText(pairs[static_cast<size_t>(i)]->peer.get(), "x");
+    names.push_back(std::to_string(i));
+  }
+  turn();
+  EXPECT_EQ(calls(), names);
+}
+
 TEST_F(Watches, TellWhichConditionIsMet) {
   Probe& p = watch("a", a_.ours.get(), watchRead | watchWrite);
   turn();

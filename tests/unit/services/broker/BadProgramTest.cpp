@@ -142,7 +142,7 @@ TEST_F(BadProgram, WhoDoesNotReadIsDisconnectedAndNobodyWaits) {
   Program reader = connectAdministrator();
   subscribe(reader, lm::cmd::changed, {20, 0});
   const lm::message large = fields(std::string(100'000, 'x'));
-  constexpr int inQueue = Connection::queueLimit / 100'000;
+  constexpr int inQueue = 4 * 1024 * 1024 / 100'000;
   constexpr int inKernel = 8;  // at most
   for (int i = 0; i < inQueue; ++i) {
     broker.notify(lm::cmd::changed, {20, 0}, large);

@@ -210,7 +210,7 @@ TEST_F(Lives, DeliverARequestWhoseSenderHasEnded) {
 TEST_F(Lives, BoundWhatWaitsForThem) {
   Program client = connectAdministrator();
   const std::string large(100'000, 'x');
-  const size_t room = Broker::maxWaitingBytes / large.size();
+  const size_t room = size_t{4} * 1024 * 1024 / large.size();
   for (size_t i = 0; i < room; ++i) {
     client.ask({gateway, 0}, someCommand, fields(large));
     settle(2);

@@ -63,6 +63,7 @@ TEST_F(RightsTest, OfAServiceAreItsOwnNumberAndWhatItLivesOn) {
   EXPECT_EQ(errorOf(service, {0}, brokercmd::services), "not permitted");
   EXPECT_EQ(errorOf(service, {gateway, 0}, someCommand), "not permitted");
   EXPECT_EQ(errorOf(service, {77}, someCommand), "not permitted");
+  EXPECT_EQ(errorOf(service, {65}, lm::cmd::get), "no such service") << "nobody is there";
   EXPECT_EQ(errorOf(service, {66}, lm::cmd::addObject), "no such service");
   EXPECT_EQ(errorOf(service, {20, 5}, lm::cmd::addObject), "") << "the handler decides";
   service.ask({resolver}, someCommand);
@@ -94,11 +95,14 @@ TEST_F(RightsTest, DoNotLetAServiceUnregisterAnother) {
 
 TEST_F(RightsTest, BoundTheConnectionsOfAUser) {
   std::vector<Program> programs;
-  for (size_t i = 0; i < Broker::maxConnectionsPerUser; ++i) {
+  for (size_t i = 0; i < 16; ++i) {
     programs.push_back(connect(gatewayUser));
     EXPECT_FALSE(programs.back().isDisconnected());
   }
+  testing::internal::CaptureStdout();
   EXPECT_TRUE(connect(gatewayUser).isDisconnected());
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "refused process 1 of user 200, which has too many connections\n");
   EXPECT_FALSE(connect(resolverUser).isDisconnected());
   EXPECT_FALSE(connectAdministrator().isDisconnected());
   programs.pop_back();

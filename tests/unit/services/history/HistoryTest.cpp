@@ -146,14 +146,14 @@ TEST_F(HistoryTest, RefusesWhatNobodyCouldTakeBack) {
   lm::message tooLong = changed("x");
   lm::message undo;
   undo.insert_u32(lm::key::command, lm::cmd::set);
-  undo.insert_string(1, std::string(History::longestUndo, 'x'));
+  undo.insert_string(1, std::string(64 * 1024 - 15, 'x'));  // one byte too many
   tooLong.insert_message(key::undo, undo);
   const struct {
     lm::message request;
     const char* why;
   } rows[] = {
       {changed(""), "no text, or too long a one"},
-      {changed(std::string(History::longestText + 1, 'x')), "no text, or too long a one"},
+      {changed(std::string(201, 'x')), "no text, or too long a one"},
       {withoutCommand, "an undo message without a command"},
       {tooLong, "the undo message is too long"},
       {{}, "no text, or too long a one"},
@@ -162,6 +162,16 @@ TEST_F(HistoryTest, RefusesWhatNobodyCouldTakeBack) {
   EXPECT_EQ(lm::getError(add(changed("x"), administrator())),
             "only a service can take its changes back");
   EXPECT_TRUE(texts().empty());
+}
+
+TEST_F(HistoryTest, TakesTheLongestTextAndTheLongestUndoMessage) {
+  lm::message longest = changed(std::string(200, 'x'));
+  lm::message undo;
+  undo.insert_u32(lm::key::command, lm::cmd::set);
+  undo.insert_string(1, std::string(64 * 1024 - 16, 'x'));
+  longest.insert_message(key::undo, undo);
+  EXPECT_EQ(lm::getError(add(longest)), "");
+  EXPECT_EQ(texts(), std::vector<std::string>{std::string(200, 'x')});
 }
 
 TEST_F(HistoryTest, ShowsAndForgetsForAdministratorsOnly) {

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include "lumen/services/interfaces/KeptNames.h"
 #include "platform/Keys.h"
 #include "services/interfaces/Router.h"
 
@@ -11,6 +10,15 @@ using KeptInterface = Router;
 using Lines = std::vector<std::string>;
 
 constexpr const char* refused = "error=16646153 text=";
+
+/// What is stored of a kept name.
+lm::message kept(const std::string& name, uint32_t id, uint32_t role) {
+  lm::message m;
+  m.insert_u32(lm::key::objectId, id);
+  m.insert_string(interfaces::key::name, name);
+  m.insert_u32(interfaces::key::role, role);
+  return m;
+}
 
 TEST_F(KeptInterface, GivesAnIdToALinkThatDoesNotExistYet) {
   starts();
@@ -142,14 +150,37 @@ TEST_F(KeptInterface, HasOneOfTwoRoles) {
 }
 
 TEST_F(KeptInterface, IsOneOfAtMost256) {
+  std::vector<lm::message> names;
+  for (uint32_t id = 1; id <= 255; ++id) names.push_back(kept("n" + std::to_string(id), id, 1));
+  lm::message all;
+  all.insert_message_array(lm::key::records, std::move(names));
+  storeHolds(0, all);
   starts();
-  for (size_t i = 0; i < KeptNames::limit; ++i) {
-    ASSERT_EQ(administratorKeeps("n" + std::to_string(i), 1).get_u32(lm::key::objectId), i + 1);
-  }
+  EXPECT_EQ(text(administratorKeeps("n256", 1)), "id=256");
   EXPECT_EQ(text(administratorKeeps("more", 1)), std::string(refused) + "too many kept names");
-  EXPECT_EQ(text(administratorKeeps("n5", 2)), "id=6");
+  EXPECT_EQ(text(administratorKeeps("n5", 2)), "id=5");
   restarts();
-  EXPECT_EQ(idOf("n255"), 256U);
+  EXPECT_EQ(idOf("n256"), 256U);
+}
+
+TEST_F(KeptInterface, IsLeftOutOfTheStartWhenItsRecordIsWrong) {
+  lm::message all;
+  all.insert_message_array(lm::key::records,
+                           {
+                               kept("wan0", 7, 1), kept("a/b", 1, 1),          // no name
+                               kept("wan1", 0, 1),                             // no id
+                               kept("wan2", lm::none, 1), kept("wan3", 3, 0),  // no role
+                               kept("wan4", 4, 3),                             // no such role
+                               kept("wan5", 7, 1),                             // another's id
+                               kept("wan0", 8, 1),                             // there already
+                           });
+  storeHolds(0, all);
+  testing::internal::CaptureStdout();
+  starts();
+  std::string said;
+  for (int i = 0; i < 7; ++i) said += "interfaces: a stored name is wrong and left out\n";
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), said);
+  EXPECT_EQ(lists(), Lines{record(7, 0, "wan0", "disabled=1 running=0", 0)});
 }
 
 TEST_F(KeptInterface, ChangesNothingWhenItCannotBeStored) {

@@ -262,19 +262,32 @@ TEST_F(LinkSwitch, SavesAsManyRoutesAsARecordHolds) {
   EXPECT_EQ(kernel.takeCalls().size(), 983U);
 }
 
-TEST_F(LinkSwitch, SavesTheRoutesOfAsManyLinksAsItHasRecordsFor) {
-  testing::internal::CaptureStdout();
-  for (uint32_t i = 1; i <= RouteKeeper::records; ++i) {
-    const std::string name = "ppp" + std::to_string(i);
-    kernel.appears(name);
-    kernel.getsRoute(name, "default");
-    const bool saved = i < RouteKeeper::records;
-    EXPECT_EQ(setsDisabled(administrator, name, true),
-              saved ? "" : std::string(refused) + "the link's routes could not be saved");
-    EXPECT_EQ(kernel.takeCalls(), saved ? Lines{name + " down"} : Lines{});
+TEST_F(LinkSwitch, SavesTheRoutesOf255LinksAtMost) {
+  const auto name = [](uint32_t record) { return "tun" + std::to_string(record); };
+  for (uint32_t record = 1; record <= 254; ++record) {
+    lm::message route;
+    route.insert_u32(1, 100);
+    route.insert_string(3, "default");
+    lm::message saved;
+    saved.insert_string(interfaces::key::name, name(record));
+    saved.insert_message_array(1, {route});
+    storeHolds(record, saved);
+    kernel.appears(name(record), false, false);
   }
-  EXPECT_NE(testing::internal::GetCapturedStdout().find("too many links with saved routes\n"),
-            std::string::npos);
+  restarts();
+  kernel.getsRoute("other", "default", true);
+  EXPECT_EQ(setsDisabled(administrator, "other", true), "");
+  kernel.getsRoute("wan0", "default", true);
+  (void)kernel.takeCalls();
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(setsDisabled(administrator, "wan0", true),
+            std::string(refused) + "the link's routes could not be saved");
+  EXPECT_NE(
+      testing::internal::GetCapturedStdout().find("interfaces: too many links with saved routes\n"),
+      std::string::npos);
+  EXPECT_EQ(kernel.takeCalls(), Lines{});
+  kernel.leaves(name(7));
+  EXPECT_EQ(setsDisabled(administrator, "wan0", true), "");
 }
 
 /// A record of the saved routes of a link.

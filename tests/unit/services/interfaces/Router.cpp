@@ -1,5 +1,6 @@
 #include "services/interfaces/Router.h"
 
+#include "lumen/runtime/Codec.h"
 #include "platform/Keys.h"
 
 namespace lumen {
@@ -21,6 +22,10 @@ void Router::starts() {
 void Router::restarts() {
   interfaceTable.reset();
   starts();
+}
+
+void Router::storeHolds(uint32_t record, const lm::message& content) {
+  store_.write(std::to_string(record), lm::encode(content));
 }
 
 lm::message Router::asks(const Caller& caller, uint32_t command, const lm::message& request) {

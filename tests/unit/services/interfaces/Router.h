@@ -34,6 +34,8 @@ class Router : public testing::Test {
   void starts();
   /// lumend ends and starts again on the same store; the kernel goes on.
   void restarts();
+  /// What an earlier life has left in the store.
+  void storeHolds(uint32_t record, const lm::message& content);
   /// Nothing can be stored from now on.
   void storeBecomesUnwritable() { std::filesystem::remove_all(store_.path()); }
 

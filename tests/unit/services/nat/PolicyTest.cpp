@@ -1,4 +1,5 @@
 #include "lumen/services/nat/Policy.h"
+#include "platform/Store.h"
 #include "services/nat/NatFixture.h"
 
 namespace lumen::test {
@@ -204,6 +205,13 @@ TEST_F(PolicyBookTest, KeepsWhatIsSetByCommandOverTheFile) {
   EXPECT_EQ(later.load(), std::nullopt);
   EXPECT_EQ(later.policy().externalPorts.text(), "2000-3000");
   EXPECT_EQ(later.policy().maxRules, 8U) << "what was not set still comes from the file";
+}
+
+TEST_F(PolicyBookTest, RefusesAStoredSettingThatItDoesNotUnderstand) {
+  EXPECT_TRUE(lm::Store(directory.path(), 1).set(0, portsOnly("http")));
+  EXPECT_EQ(book.load(),
+            "stored NAT policy: external-ports: \"http\" is neither a port from 1 to 65535 nor a "
+            "range of ports");
 }
 
 TEST_F(PolicyBookTest, ForgetsWhatWasSetOnAReset) {

@@ -123,12 +123,13 @@ TEST_F(ResolverTest, SpendsThePatienceOfAMinuteOnWhatWasWaited) {
 TEST_F(ResolverTest, AnswersManyAtOnceEachInItsTime) {
   serverIsSilent();
   std::vector<uint32_t> requests;
-  for (size_t i = 0; i < Resolver::maxLookups; ++i) {
+  constexpr size_t most = 128;
+  for (size_t i = 0; i < most; ++i) {
     requests.push_back(ask("host" + std::to_string(i) + ".lan"));
   }
   EXPECT_EQ(lookUp("one-more.lan"), "too many lookups at a time");
-  ASSERT_EQ(questions(), Resolver::maxLookups);
-  for (size_t i = Resolver::maxLookups; i-- > 0;) {
+  ASSERT_EQ(questions(), most);
+  for (size_t i = most; i-- > 0;) {
     EXPECT_EQ(answerTo(requests[i]), "none yet");
     const std::string address = "10.0.1." + std::to_string(i);
     server_.send(server_.asked[i], dns::addresses(server_.asked[i], {address.c_str()}));

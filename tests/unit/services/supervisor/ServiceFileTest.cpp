@@ -107,6 +107,14 @@ TEST(ServiceFile, NamesAUserByNumberThatNobodyKnows) {
   EXPECT_EQ(parse(serviceFile("user", "user = 12345\ngroup = 7"))->group, 7U);
 }
 
+TEST(ServiceFile, TakesTheLongestNameLineAndFile) {
+  const std::string name(32, 'a');
+  std::string text = serviceFile("name", "name = " + name) + ";" + std::string(189, 'x') + "\n";
+  EXPECT_EQ(parse(text)->name, name);
+  text += std::string(16384 - text.size(), '\n');
+  EXPECT_EQ(parse(text)->name, name);
+}
+
 TEST(ServiceFile, IsRefusedWithAReason) {
   struct Case {
     const char* replaced;
@@ -153,7 +161,7 @@ TEST(ServiceFile, IsRefusedWithAReason) {
       {"", std::string("boot = yes\0", 11), "line 6: a byte that is no printable ASCII"},
       {"", "boot = j\xC3\xA4", "line 6: a byte that is no printable ASCII"},
       {"", "boot = \x7Fyes", "line 6: a byte that is no printable ASCII"},
-      {"", "; " + std::string(190, 'x'), "line 6: is too long"},
+      {"", ";" + std::string(190, 'x'), "line 6: is too long"},
       {"", "boot = yes\n  no", "\"boot\" is given twice"},
   };
   for (const Case& refused : cases) {
@@ -163,7 +171,7 @@ TEST(ServiceFile, IsRefusedWithAReason) {
   }
   EXPECT_EQ(whyNot(""), "\"name\" is missing");
   EXPECT_EQ(whyNot("name = x\n"), "settings belong below [service]");
-  EXPECT_EQ(whyNot(std::string(maxServiceFile + 1, '\n')), "is too long");
+  EXPECT_EQ(whyNot(std::string(16385, '\n')), "is too long");
 }
 
 class ServiceFolderTest : public testing::Test {
@@ -228,7 +236,7 @@ TEST_F(ServiceFolderTest, LeavesOutWhatIsNoPlainFile) {
   std::filesystem::create_directory(folder_ + "/a.ini");
   ASSERT_EQ(mkfifo((folder_ + "/b.ini").c_str(), 0600), 0);
   std::filesystem::create_symlink("/nowhere", folder_ + "/c.ini");
-  put("d.ini", std::string(maxServiceFile + 1, '\n'));
+  put("d.ini", std::string(16385, '\n'));
   EXPECT_EQ(read(), Names{});
   EXPECT_EQ(log_, folder_ + "/a.ini: is no plain file\n" + folder_ + "/b.ini: is no plain file\n" +
                       folder_ + "/c.ini: No such file or directory\n" + folder_ +
