@@ -95,6 +95,13 @@ class FailureTest(RouterCase):
 class SwitchTest(RouterCase):
     SET_UP = False
 
+    def test_a_router_that_is_not_set_up_opens_no_port(self):
+        self.wait_until(lambda: self.router.gateway_pid() == 0, "the gateway ends by itself")
+        for kind in ("tcp", "tcp6", "udp", "udp6", "raw", "raw6", "packet"):
+            with self.subTest(kind=kind):
+                sockets = self.network.router.run("cat", f"/proc/net/{kind}").splitlines()
+                self.assertEqual(sockets[1:], [])
+
     def test_a_gateway_that_is_off_sleeps_until_it_is_switched_on(self):
         self.wait_until(lambda: self.router.gateway_pid() == 0, "the gateway ends by itself")
         for _ in range(3):

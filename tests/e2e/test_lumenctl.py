@@ -1,5 +1,6 @@
 """lumenctl with the real platform."""
 
+import socket
 import subprocess
 import unittest
 
@@ -25,6 +26,33 @@ class LumenctlTest(RouterCase):
                               capture_output=True, text=True, check=True, timeout=30).stdout
         self.assertEqual(said, self.router.lumenctl("identity"))
         self.assertRegex(said, r"^\S{8,}\n$")
+
+    def test_it_looks_in_two_places(self):
+        identity = self.router.lumenctl("identity")
+        root = self.router.root
+        for folder in ("empty", "packaged/lumen", "deaf/run"):
+            (root / folder).mkdir(parents=True)
+        (root / "packaged/lumen/lumen.sock").symlink_to(root / "run/lumen.sock")
+
+        def asks(run, lumen):
+            process = self.network.router.popen(
+                PROGRAMS / "lumenctl", "identity", private={"/run": str(run), "/lumen": str(lumen)},
+                stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+            with process:
+                out, err = process.communicate(timeout=30)
+            return process.returncode, out, err
+
+        # Where nobody ever answers, so that it must not ask there first.
+        with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as listener:
+            listener.bind(str(root / "deaf/run/lumen.sock"))
+            listener.listen(8)
+            self.assertEqual(asks(root / "packaged", root / "deaf"), (0, identity, ""))
+        self.assertEqual(asks(root / "packaged", root / "empty"), (0, identity, ""))
+        self.assertEqual(asks(root / "empty", root), (0, identity, ""))
+        self.assertEqual(asks(root / "empty", root / "empty"),
+                         (1, "", "lumenctl: lumend does not answer "
+                          "(/run/lumen/lumen.sock: No such file or directory; "
+                          "/lumen/run/lumen.sock: No such file or directory)\n"))
 
     def test_set_up_twice_changes_nothing_and_restarts_nothing(self):
         self.lan[0].open_port(8080, "TCP")
