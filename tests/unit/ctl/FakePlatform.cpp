@@ -93,7 +93,7 @@ FakePlatform::Result FakePlatform::lumenctl(const std::vector<std::string>& argu
     why = "nobody answers";
     return nullptr;
   };
-  const int status = run(arguments, connect, out, err);
+  const int status = run(arguments, connect, machine_, out, err);
   return {status, out.str(), err.str()};
 }
 
