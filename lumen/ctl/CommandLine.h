@@ -5,7 +5,6 @@
 #include <vector>
 
 #include "lumen/ctl/Client.h"
-#include "lumen/ctl/Machine.h"
 
 namespace lumenctl {
 
@@ -13,6 +12,6 @@ namespace lumenctl {
 /// what went wrong to `err`. Returns the exit status: 0, 1 when the platform refused or cannot be
 /// reached, 2 when the arguments are wrong.
 [[nodiscard]] int run(const std::vector<std::string>& arguments, const Connect& connect,
-                      Machine& machine, std::ostream& out, std::ostream& err);
+                      std::ostream& out, std::ostream& err);
 
 }  // namespace lumenctl

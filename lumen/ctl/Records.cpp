@@ -88,11 +88,7 @@ NatRule::NatRule(const lm::message& record)
       stale(record.get_bool(lumen::nat::key::stale)),
       owner(record.get_string(lumen::nat::key::owner)),
       secondsOpen(record.get_u64(lumen::nat::key::seconds)),
-      connections(record.get_u64(lumen::nat::key::connections)) {
-  if (record.fields().find(lumen::nat::key::uses) != nullptr) {
-    uses = record.get_u64(lumen::nat::key::uses);
-  }
-}
+      connections(record.get_u64(lumen::nat::key::connections)) {}
 
 std::string NatRule::protocolName() const {
   if (protocol == IPPROTO_TCP) return "tcp";

@@ -20,14 +20,13 @@ namespace {
 /// How long the platform may leave a connection waiting in its queue, in seconds.
 constexpr time_t connectLimit = 5;
 
-/// Fills in `address`. A path that is too long for it is reached through `directory`, which the
-/// caller keeps open as long as it uses the address.
+/// Fills in `address`. A path that is too long for it is reached through its folder, `directory`,
+/// which the caller keeps open as long as it uses the address.
 bool makeAddress(const std::string& path, sockaddr_un& address, Fd& directory) {
   std::string name = path;
   if (name.size() >= sizeof address.sun_path) {
     const size_t slash = path.rfind('/');
-    const std::string parent = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-    directory.reset(open(parent.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    directory.reset(open(path.substr(0, slash + 1).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (!directory.valid()) return false;
     name = "/proc/self/fd/" + std::to_string(directory.get()) + "/" + path.substr(slash + 1);
   }

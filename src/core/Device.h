@@ -51,8 +51,6 @@ class Device : public ServedInterface {
   [[nodiscard]] std::string interfaceName() const;
 
   [[nodiscard]] bool isStarted(uint32_t as) const { return started && type == as; }
-  /// Whether anything of the gateway hangs on the interface.
-  [[nodiscard]] bool isInUse() const { return started || commonIfc != nullptr; }
 
   lm::message record;                      ///< as last received
   uint32_t type = interface_type::none;    ///< as configured
@@ -60,7 +58,7 @@ class Device : public ServedInterface {
   bool running = false;                    ///< says the platform
   std::set<uint32_t, ByNumber> addresses;  ///< all its IPv4 addresses, network byte order
   uint32_t address = 0;                    ///< the current one of them, 0 for none
-  bool started = false;                    ///< the LAN side serves, or the WAN tree exists
+  bool started = false;                    ///< the LAN side serves, or the WAN services exist
   lm::Fd discoverySocket;                  ///< LAN side: SSDP
   lm::Fd listenSocket;                     ///< LAN side: HTTP
   std::unique_ptr<WANCommonInterfaceConfig> commonIfc;  ///< WAN side

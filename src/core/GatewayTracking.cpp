@@ -62,7 +62,7 @@ void Gateway::deviceChanged(const lm::message& record) {
   if ((record.get_u32(interface_table::flags) & interface_table::goneFlags) != 0) {
     logLine("rem dev: ", name);
     if (known == devices.end()) return;
-    if (known->second->isInUse()) departed[id] = std::move(known->second);
+    if (known->second->started) departed[id] = std::move(known->second);
     devices.erase(known);
   } else if (known != devices.end()) {
     logLine("set dev: ", name, " (", id, ")");

@@ -68,6 +68,21 @@ TEST_F(GatewayDeparted, AWanThatComesBackUnconfiguredLeavesNothingBehind) {
   EXPECT_EQ(status("POST /upnp/control/wanipconn-3"), "HTTP/1.1 404 Not Found");
 }
 
+TEST_F(GatewayDeparted, AnInterfaceThatWasNotUsedLeavesNothingBehind) {
+  serve();
+  lm::message spare = interfaceRecord(wan);
+  spare.insert_u32(lm::key::objectId, 7);
+  spare.insert_string(0x10006, "SPARE");
+  tellOfInterface(spare);
+  lm::message gone = spare;
+  gone.insert_u32(0x10003, 0x80);
+  tellOfInterface(gone);
+  tellOfInterface(gone);
+  tellOfInterface(spare);
+  EXPECT_EQ(log(), (Lines{"add dev: SPARE", "rem dev: SPARE", "rem dev: SPARE", "add dev: SPARE"}));
+  EXPECT_EQ(found("ssdp:all"), allTargets(wan));
+}
+
 TEST_F(GatewayDeparted, DisablingEndsWhatADepartedWanLeftBehind) {
   serve();
   openPort(wan);

@@ -245,6 +245,20 @@ TEST_F(GatewayTracking, AnAddressThatIsDisabledDoesNotServe) {
   EXPECT_EQ(log().back(), "sendAdverts");
 }
 
+TEST_F(GatewayTracking, AnAddressThatChangesWhileDisabledStartsNothing) {
+  serve();
+  disable();
+  (void)log();
+  lm::message change;
+  change.insert_u32_array(lm::key::source, {20, 1});
+  change.insert_message_array(lm::key::records, {addressRecord(lanAddress, lan, "192.168.88.2"),
+                                                 addressRecord(wanAddress, wan, "45.45.45.9")});
+  (void)gateway->cmdUnknown(change, lm::cmd::changed);
+  EXPECT_EQ(log(), (Lines{"dev: 2 set address: 192.168.88.2 (11)", "dev: 2 ip: 192.168.88.2",
+                          "dev: 3 set address: 45.45.45.9 (12)", "dev: 3 ip: 45.45.45.9"}));
+  EXPECT_EQ(exchange("GET /gateway.xml HTTP/1.1\r\n\r\n"), "refused");
+}
+
 TEST_F(GatewayTracking, AnAddressThatChangesIsOneChange) {
   serve();
   tellAddresses({addressRecord(wanAddress, wan, "45.45.45.9")});
