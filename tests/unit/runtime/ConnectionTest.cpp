@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -9,6 +10,7 @@
 #include "support/Describe.h"
 #include "support/LogCapture.h"
 #include "support/ManualClock.h"
+#include "support/RefusedCall.h"
 #include "support/Sockets.h"
 #include "support/TempDir.h"
 
@@ -173,6 +175,41 @@ TEST_F(ConnectionTest, PostingAndNotifyingWaitForNobody) {
             "{u32[] 0xff0001=[20 5], u32 0x1=8, u32[] 0xff0002=[0 2], u32 0xff0007=16646155}");
 }
 
+TEST_F(ConnectionTest, SaysWhatIsTooLongToBeSent) {
+  message m = request(7);
+  m.insert_string(2, std::string(maxDatagram, 'x'));
+  const test::LogCapture log;
+  connection_.post(m, cmd::addObject, 0);
+  connection_.notify(m, cmd::changed, 2);
+  EXPECT_EQ(log.text(),
+            "platform: request 16646149 is too long\n"
+            "platform: notification 16646155 is too long\n");
+  EXPECT_EQ(platformReceives(), "nothing");
+}
+
+TEST_F(ConnectionTest, SaysNothingToAPlatformThatIsGone) {
+  sockets_.peer.reset();
+  connection_.progress();
+  const test::LogCapture log;
+  connection_.post(request(7), cmd::addObject, 0);
+  connection_.notify(request(8), cmd::changed, 2);
+  connection_.reply(3, request(9));
+  EXPECT_EQ(log.text(), "");
+  EXPECT_FALSE(connection_.wantsToSend());
+}
+
+TEST_F(ConnectionTest, SendsLaterWhatTheSystemHasNoRoomForNow) {
+  for (const int error : {ENOBUFS, ENOMEM}) {
+    whileRefused({SCMP_SYS(sendto)}, error,
+                 [this] { connection_.notify(request(8), cmd::changed, 2); });
+    EXPECT_TRUE(connection_.wantsToSend());
+    EXPECT_FALSE(connection_.ended());
+    connection_.progress();
+    EXPECT_FALSE(connection_.wantsToSend());
+    EXPECT_NE(platformReceives(), "nothing");
+  }
+}
+
 TEST_F(ConnectionTest, TheReplyToAPostIsDropped) {
   connection_.post(request(7), cmd::addObject, 0);
   platformSends(reply(1, 1));
@@ -299,6 +336,17 @@ TEST_F(PlatformSocket, ThatIsMissingIsSaidWithItsError) {
   EXPECT_EQ(errno, ENOENT);
   EXPECT_FALSE(SocketTransport::connect(dir_.file(std::string(200, 'n'))));
   EXPECT_EQ(errno, ENAMETOOLONG);
+}
+
+TEST_F(PlatformSocket, ThatTheSystemRefusesIsSaidWithItsError) {
+  const Fd listener = listenAt(dir_.path(), "lumen.sock");
+  for (const RefusedCall& call :
+       {RefusedCall{SCMP_SYS(socket)}, RefusedCall{SCMP_SYS(fcntl), F_SETFL, O_NONBLOCK}}) {
+    whileRefused(call, EMFILE, [this] {
+      EXPECT_FALSE(SocketTransport::connect(dir_.file("lumen.sock")));
+      EXPECT_EQ(errno, EMFILE);
+    });
+  }
 }
 
 TEST_F(PlatformSocket, ThatNobodyListensAtIsSaidWithItsError) {

@@ -24,6 +24,7 @@ using test::TestPlatform;
 class Lamp : public Object {
  public:
   [[nodiscard]] bool isStorable() const override { return storable; }
+  [[nodiscard]] bool needNotify() const override { return colour != "black"; }
   [[nodiscard]] std::string getName() const override { return "lamp"; }
   void getConfig(message& config) const override {
     config.insert_string(1, colour);
@@ -211,6 +212,22 @@ TEST_F(ObjectMap, EveryChangeCanBeTakenBack) {
   remove(1);
   EXPECT_EQ(undos(), Names{"lamp removed {u32 0xff0007=16646149, u32 0xfe0001=1, "
                            "string 0x1=\"blue\", u32 0x2=10}"});
+}
+
+TEST_F(ObjectMap, AnObjectThatIsNotKeptCannotBeTakenBack) {
+  add("candle");
+  set(1, "candle");
+  remove(1);
+  EXPECT_EQ(undos(), Names{});
+  EXPECT_EQ(dir_.names(), Names{});
+  EXPECT_TRUE(lamps_.objects().empty());
+}
+
+TEST_F(ObjectMap, NobodyHearsOfAnObjectThatTellsNobody) {
+  add("black");
+  set(1, "black");
+  remove(1);
+  EXPECT_EQ(notifications(), Names{});
 }
 
 TEST_F(ObjectMap, AnUndoneRemovalComesBackAsItWas) {

@@ -219,6 +219,13 @@ TEST_F(Records, AreInTheirPlaceAlsoWhenTheDirectoryCannotBeSynced) {
   EXPECT_EQ(log.text(), line + line);
 }
 
+TEST_F(Records, SayWhenAPreparedOneCannotBeRemoved) {
+  auto pending = records_.prepare(7, record(1));
+  const test::LogCapture log;
+  whileRefused({SCMP_SYS(unlink)}, EACCES, [&] { pending.reset(); });
+  EXPECT_EQ(log.text(), "store: " + dir_.file("7.new") + ": Permission denied\n");
+}
+
 TEST_F(Records, AreListedByRisingNumber) {
   for (uint32_t number : {10U, 9U, 4294967294U, 0U}) records_.prepare(number, record(1))->commit();
   EXPECT_EQ(records_.numbers(), (std::vector<uint32_t>{0, 9, 10, 4294967294}));

@@ -41,7 +41,7 @@ TEST_F(NatRulesTest, DisablesAnEnabledRule) {
   uint32_t id = opens({});
   kernelTexts();
   EXPECT_EQ(sets(setRequest(id, "192.168.88.10", 80, true)), "");
-  EXPECT_EQ(kernelTexts().back(), "delete element ip lumen forwards { 45.45.45.1 . tcp . 8080 }");
+  EXPECT_EQ(kernelTexts(), Texts{"delete element ip lumen forwards { 45.45.45.1 . tcp . 8080 }"});
 }
 
 TEST_F(NatRulesTest, ChangesARuleInOneTransactionThatKeepsItsCounter) {
@@ -176,6 +176,22 @@ TEST_F(NatRulesTest, RemovesRulesOneByOneWhenTheyDoNotGoTogether) {
                    "delete element ip lumen forwards { 45.45.45.1 . tcp . 8081 }"}));
 }
 
+TEST_F(NatRulesTest, SaysWhichRuleTheKernelDoesNotRemove) {
+  opens({});
+  kernelTexts();
+  nftables.refuses("delete element ip lumen forwards { 45.45.45.1 . tcp . 8080 }",
+                   "Error: Could not process rule: No such file or directory\n");
+  ::testing::internal::CaptureStdout();
+  rules.connectionEnded(daemon.connection);
+  EXPECT_EQ(
+      ::testing::internal::GetCapturedStdout(),
+      "nat remove of 1 rules failed: Error: Could not process rule: No such file or "
+      "directory\n"
+      "nat remove failed: tcp port 8080 of 45.45.45.1: Error: Could not process rule: No such file "
+      "or directory\n");
+  opens({});
+}
+
 TEST_F(NatRulesTest, RefusesWhatTheKernelRefusesAndKeepsNothingOfIt) {
   nftables.refuses("add element ip lumen forwards { 45.45.45.1 . tcp . 8080 : 192.168.88.10 . 80 }",
                    "Error: Could not process rule: Cannot allocate memory\nadd element\n^^^\n");
@@ -219,7 +235,7 @@ TEST_F(NatRulesTest, ClosesAPortUntilItsOwnerRemovesIt) {
   uint32_t id = opens({});
   kernelTexts();
   EXPECT_EQ(closes(id), "");
-  EXPECT_EQ(kernelTexts().back(), "delete element ip lumen forwards { 45.45.45.1 . tcp . 8080 }");
+  EXPECT_EQ(kernelTexts(), Texts{"delete element ip lumen forwards { 45.45.45.1 . tcp . 8080 }"});
   EXPECT_TRUE(lists()[0].get_bool(nat::key::closed));
 
   EXPECT_EQ(closes(id), "");

@@ -214,6 +214,11 @@ TEST_F(PolicyBookTest, RefusesAStoredSettingThatItDoesNotUnderstand) {
             "range of ports");
 }
 
+TEST_F(PolicyBookTest, SaysTheFirstThingThatIsWrong) {
+  EXPECT_EQ(loads("max-rules = many\nmax-rule = 5\n"),
+            filePath + ":1: max-rules: \"many\" is not a number from 0 to 65536");
+}
+
 TEST_F(PolicyBookTest, ForgetsWhatWasSetOnAReset) {
   ASSERT_EQ(loads("external-ports = 80\n"), std::nullopt);
   ASSERT_EQ(book.write(portsOnly("2000")), std::nullopt);

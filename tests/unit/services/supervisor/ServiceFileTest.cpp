@@ -2,12 +2,15 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <limits>
 
 #include "lumen/services/supervisor/ServiceFile.h"
 #include "lumen/services/supervisor/ServiceFolder.h"
+#include "support/LogCapture.h"
+#include "support/RefusedCall.h"
 
 namespace lumen {
 namespace {
@@ -241,6 +244,14 @@ TEST_F(ServiceFolderTest, LeavesOutWhatIsNoPlainFile) {
   EXPECT_EQ(log_, folder_ + "/a.ini: is no plain file\n" + folder_ + "/b.ini: is no plain file\n" +
                       folder_ + "/c.ini: No such file or directory\n" + folder_ +
                       "/d.ini: is too long\n");
+}
+
+TEST_F(ServiceFolderTest, LeavesOutWhatCannotBeRead) {
+  put("a.ini", serviceFile());
+  const lm::test::LogCapture log;
+  whileRefused({SCMP_SYS(read)}, EIO,
+               [this] { EXPECT_TRUE(readServiceFolder(folder_, TwoUsers(), {}).empty()); });
+  EXPECT_EQ(log.text(), folder_ + "/a.ini: Input/output error\n");
 }
 
 TEST_F(ServiceFolderTest, SaysThatTheFolderIsMissing) {

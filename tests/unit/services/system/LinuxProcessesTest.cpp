@@ -1,6 +1,10 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -65,6 +69,27 @@ class LinuxProcessesTest : public testing::Test, public Processes::Observer {
     const std::optional<pid_t> pid = processes.start(program(executable));
     dup2(kept.get(), STDOUT_FILENO);
     return pid;
+  }
+
+  /// A journal where programs look for it, which only this test program and what it starts see.
+  [[nodiscard]] static lm::Fd journalListens() {
+    EXPECT_EQ(unshare(CLONE_NEWNS), 0);
+    EXPECT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+    EXPECT_EQ(mount("none", "/run", "tmpfs", 0, nullptr), 0);
+    std::filesystem::create_directories("/run/systemd/journal");
+    lm::Fd listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const sockaddr_un address = {AF_UNIX, "/run/systemd/journal/stdout"};
+    EXPECT_EQ(bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    EXPECT_EQ(listen(listener.get(), 1), 0);
+    return listener;
+  }
+  /// As systemd says to whom it starts, of the file that start() puts in place of the output.
+  void writesToTheJournal() const {
+    std::ofstream(outputFile()).flush();
+    struct stat info = {};
+    ASSERT_EQ(stat(outputFile().c_str(), &info), 0);
+    const std::string named = std::to_string(info.st_dev) + ":" + std::to_string(info.st_ino);
+    setenv("JOURNAL_STREAM", named.c_str(), 1);
   }
 
   template <typename Condition>
@@ -189,6 +214,15 @@ TEST_F(LinuxProcessesTest, DoesNotRunASecondProcessUnderOneLock) {
   EXPECT_TRUE(hasEnded());
 }
 
+TEST_F(LinuxProcessesTest, StartsNothingWithoutALock) {
+  Program unlocked = program(SERVICE_PROBE);
+  unlocked.lockFile = folder_ + "/nowhere/service.lock";
+  testing::internal::CaptureStdout();
+  EXPECT_FALSE(processes.start(unlocked));
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            unlocked.lockFile + ": No such file or directory\n");
+}
+
 TEST_F(LinuxProcessesTest, RunsAnExecutableThatTheUserCannotReach) {
   const std::string hidden = folder_ + "/hidden";
   std::filesystem::create_directory(hidden);
@@ -247,6 +281,30 @@ TEST_F(LinuxProcessesTest, RunsNoProgramThatIsNotCutOffFromItsStarter) {
     EXPECT_EQ(WEXITSTATUS(endedStatus), 126);
     EXPECT_EQ(output(), "/bin/true: " + std::string(c.what) + ": Operation not permitted\n");
   }
+}
+
+TEST_F(LinuxProcessesTest, GivesEachProgramAStreamOfItsOwnInTheJournal) {
+  const lm::Fd journal = journalListens();
+  writesToTheJournal();
+  const std::optional<pid_t> pid = start(SERVICE_PROBE);
+  ASSERT_TRUE(pid);
+  const lm::Fd stream(accept(journal.get(), nullptr, nullptr));
+  std::string kept;
+  char byte = 0;
+  while (!kept.ends_with("\nready\n") && read(stream.get(), &byte, 1) == 1) kept += byte;
+  EXPECT_TRUE(kept.starts_with("service_probe\n\n6\n0\n0\n0\n0\n")) << kept;
+  EXPECT_EQ(values(kept, "descriptor"), (Values{"0", "1", "2", "3"}));
+  EXPECT_EQ(output(), "");
+  processes.signal(*pid, SIGKILL);
+  EXPECT_TRUE(hasEnded());
+}
+
+TEST_F(LinuxProcessesTest, SharesItsOutputWhenTheJournalTakesNoStream) {
+  const lm::Fd journal = journalListens();
+  writesToTheJournal();
+  whileRefused({SCMP_SYS(connect)}, EACCES, [&] { ASSERT_TRUE(start("/bin/echo")); });
+  ASSERT_TRUE(hasEnded());
+  EXPECT_EQ(output(), "\n");
 }
 
 TEST_F(LinuxProcessesTest, SignalsOnlyWhatItHasStarted) {

@@ -4,10 +4,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <filesystem>
 
 #include "lumen/services/system/LockFile.h"
+#include "support/RefusedCall.h"
 
 namespace lumen {
 namespace {
@@ -62,6 +64,14 @@ TEST_F(LockFileTest, IsFreeWhenItsHolderHasEnded) {
   const lm::Fd lock = openLockFile(path());
   EXPECT_EQ(holderOf(lock.get()), 0);
   EXPECT_TRUE(takeLock(lock.get()));
+}
+
+TEST_F(LockFileTest, IsNotTakenWhereTheSystemHasNoLocks) {
+  const lm::Fd lock = openLockFile(path());
+  whileRefused({SCMP_SYS(fcntl)}, ENOLCK, [&] {
+    EXPECT_FALSE(takeLock(lock.get()));
+    EXPECT_EQ(holderOf(lock.get()), 0);
+  });
 }
 
 TEST_F(LockFileTest, IsForRootOnly) {

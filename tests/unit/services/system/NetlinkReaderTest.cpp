@@ -1,8 +1,10 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <linux/rtnetlink.h>
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 #include <random>
 
@@ -95,6 +97,17 @@ TEST(NetlinkReader, KnowsARouteThatTheKernelMakesItself) {
   const auto is = as<NetlinkMessage::RouteIs>(read(networkRoute));
   EXPECT_TRUE(is.kernelMade);
   EXPECT_FALSE(is.gateway);
+}
+
+TEST(NetlinkReader, KnowsARouteThatARouterHasAnnounced) {
+  for (const int protocol : {RTPROT_REDIRECT, RTPROT_RA}) {
+    std::vector<std::byte> bytes(defaultRoute.span().begin(), defaultRoute.span().end());
+    bytes[sizeof(nlmsghdr) + offsetof(rtmsg, rtm_protocol)] = static_cast<std::byte>(protocol);
+    std::string reason;
+    const auto messages = readNetlink(bytes, reason);
+    ASSERT_TRUE(messages) << reason;
+    EXPECT_TRUE(std::get<NetlinkMessage::RouteIs>(messages->at(0).what).kernelMade);
+  }
 }
 
 TEST(NetlinkReader, ReadsEveryLinkOfAMultipathRoute) {

@@ -128,10 +128,9 @@ TEST_F(PrivateRootTest, SaysWhatTheSystemDoesNotLetItDo) {
     const char* what;  // "" is any entry of the old root
   };
   const Case always[] = {{SCMP_SYS(unshare), "mount namespace"}, {SCMP_SYS(mount), "/"}};
-  const Case withoutMountPoint[] = {{SCMP_SYS(open_tree), ""},
-                                    {SCMP_SYS(move_mount), ""},
-                                    {SCMP_SYS(chdir), "/dev"},
-                                    {SCMP_SYS(pivot_root), "pivot_root"},
+  const Case withoutMountPoint[] = {{SCMP_SYS(open_tree), ""}, {SCMP_SYS(move_mount), ""},
+                                    {SCMP_SYS(mkdir), ""},     {SCMP_SYS(openat), "/"},
+                                    {SCMP_SYS(chdir), "/dev"}, {SCMP_SYS(pivot_root), "pivot_root"},
                                     {SCMP_SYS(umount2), "/"}};
   const auto expectRefusal = [this](const Case& c) {
     whileRefused({c.call}, EPERM, [&] {
