@@ -45,6 +45,24 @@ void checkClient(std::string_view client) {
   require(isAddress(address) && isPort(client), "a client is an address and a port");
 }
 
+std::string counterOf(const ForwardsMap::Element& element) {
+  return " counter packets " + std::to_string(element.packets) + " bytes " +
+         std::to_string(element.packets * 100);
+}
+
+std::string textOf(const std::pair<const std::string, ForwardsMap::Element>& element) {
+  return element.first + counterOf(element.second) + " : " + element.second.client;
+}
+
+/// As nft prints it.
+std::string tableOf(const std::string& elements) {
+  const std::string list = elements.empty() ? "" : "\t\telements = { " + elements + " }\n";
+  return "table ip lumen {\n\tmap forwards {\n"
+         "\t\ttype ipv4_addr . inet_proto . inet_service : ipv4_addr . inet_service\n"
+         "\t\tcounter\n" +
+         list + "\t}\n}\n";
+}
+
 /// What is between `head` and " }", which must be all of `line`. None when it begins otherwise.
 std::optional<std::string_view> argumentOf(std::string_view line, std::string_view head) {
   if (!line.starts_with(head)) return std::nullopt;
@@ -56,6 +74,7 @@ std::optional<std::string_view> argumentOf(std::string_view line, std::string_vi
 }  // namespace
 
 lumen::Nftables::Result ForwardsMap::run(const std::string& commands) {
+  if (commands == "list map ip lumen forwards") return {true, text()};
   if (refuses()) return {false, "Error: refused\nsecond line"};
   if (const auto key = argumentOf(commands, "get element ip lumen forwards { ")) {
     return get(std::string(*key));
@@ -93,15 +112,11 @@ void ForwardsMap::add(std::string_view element) {
   key = key.substr(0, behind);
   checkKey(key);
   checkClient(client);
-  require(removed_ ? removed_->counter == counter : counter.empty(),
-          "what is changed keeps its counter");
+  require(counter == (removed_ ? counterOf(*removed_) : ""), "what is changed keeps its counter");
+  const uint64_t packets = removed_ ? removed_->packets : ++added_;
   removed_.reset();
-  ++added_;
-  const auto [place, isNew] = elements_.try_emplace(
-      std::string(key),
-      Element{std::string(client), counter.empty() ? " counter packets " + std::to_string(added_) +
-                                                         " bytes " + std::to_string(added_ * 100)
-                                                   : counter});
+  const bool isNew =
+      elements_.try_emplace(std::string(key), Element{std::string(client), packets}).second;
   require(isNew, "what is there is not added");
 }
 
@@ -120,9 +135,16 @@ lumen::Nftables::Result ForwardsMap::get(const std::string& key) const {
   checkKey(key);
   const auto element = elements_.find(key);
   require(element != elements_.end(), "what is not there is not looked for");
-  const auto& [client, counter] = element->second;
-  return {true, "table ip lumen {\n\tmap forwards {\n\t\telements = { " + key + counter + " : " +
-                    client + " }\n\t}\n}\n"};
+  return {true, tableOf(textOf(*element))};
+}
+
+std::string ForwardsMap::text() const {
+  std::string all;
+  for (const auto& element : elements_) {
+    if (!all.empty()) all += ",\n\t\t\t     ";
+    all += textOf(element);
+  }
+  return tableOf(all);
 }
 
 }  // namespace fuzz

@@ -15,8 +15,8 @@ namespace fuzz {
 class ForwardsMap : public lumen::Nftables {
  public:
   struct Element {
-    std::string client;   ///< "192.168.88.10 . 80"
-    std::string counter;  ///< " counter packets 1 bytes 100", another one for each that is added
+    std::string client;    ///< "192.168.88.10 . 80"
+    uint64_t packets = 0;  ///< that came, another number for each element that is added
 
     bool operator==(const Element&) const = default;
   };
@@ -24,7 +24,7 @@ class ForwardsMap : public lumen::Nftables {
   Result run(const std::string& commands) override;
   Result runFile(const std::string& path) override;
 
-  /// Refuses one command: the one after the next `commands`.
+  /// Refuses one command about elements: the one after the next `commands`.
   void refuseAfter(unsigned commands) { refusal_ = commands; }
 
   /// By key: "45.45.45.1 . tcp . 8080".
@@ -36,6 +36,7 @@ class ForwardsMap : public lumen::Nftables {
   void add(std::string_view element);
   void remove(std::string_view keys);
   [[nodiscard]] Result get(const std::string& key) const;
+  [[nodiscard]] std::string text() const;
 
   std::map<std::string, Element> elements_;
   std::optional<Element> removed_;  // by the line before, in the same transaction

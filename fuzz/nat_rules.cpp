@@ -182,6 +182,7 @@ class Router {
                 "no rule is against the policy");
         if (!record.get_bool(lm::key::disabled) && !record.get_bool(key::closed)) {
           open.emplace(textOf(rule), textOf(client));
+          checkUses(record, textOf(rule));
         }
       }
       request = page;
@@ -231,6 +232,13 @@ class Router {
     if (!lm::isError(reply)) return;
     require(!lm::getError(reply).empty(), "a refusal has a reason");
     require(kernel_.elements() == before, "what is refused changes nothing");
+  }
+
+  /// The connections so far are those that the element counts, and those before it.
+  void checkUses(const lm::message& record, const std::string& rule) {
+    const auto element = kernel_.elements().find(rule);
+    require(element != kernel_.elements().end(), "what is listed is open in the kernel");
+    require(record.get_u64(key::uses) >= element->second.packets, "no connection is forgotten");
   }
 
   void passes(uint64_t milliseconds) {
