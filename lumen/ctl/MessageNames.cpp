@@ -117,6 +117,7 @@ constexpr FieldName natFields[] = {
     {"max-rules", lumen::nat::key::maxRules},
     {"max-rules-per-client", lumen::nat::key::maxRulesPerClient},
     {"reset", lumen::nat::key::reset},
+    {"reload", lumen::nat::key::reload},
 };
 
 constexpr FieldName gatewayFields[] = {

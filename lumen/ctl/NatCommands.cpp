@@ -109,12 +109,29 @@ void resetPolicy(Session& session) {
   session.done("policy: as in its file");
 }
 
+void reloadPolicy(Session& session) {
+  NatPolicyChange change;
+  change.reload = true;
+  session.router().changePolicy(change);
+  session.done("policy file: read again");
+}
+
 void addPolicy(CLI::App& group, Session& session) {
   CLI::App* policy = group.add_subcommand("policy", "show or set which ports may be opened");
   addExamples(*policy, {{"nat policy", "show it"},
                         {"nat policy set max-rules-per-client=20", "change a part of it"},
-                        {"nat policy reset", "forget such changes"}});
+                        {"nat policy reset", "forget such changes"},
+                        {"nat policy reload", "after a change of the policy file"}});
   policy->require_subcommand(0, 1);
+
+  CLI::App* show = policy->add_subcommand("show", "show it");
+  addExamples(*show,
+              {{"nat policy show", "in a table"}, {"nat policy show --json", "for a program"}});
+  show->callback([&session] { showPolicy(session); });
+  policy->callback([&session, policy] {
+    if (policy->get_subcommands().empty()) showPolicy(session);
+  });
+
   CLI::App* set = policy->add_subcommand("set", "set some of it, the rest stays as it is");
   addExamples(*set, {{"nat policy set external-ports=1024-65535", "no port below 1024"},
                      {"nat policy set internal-clients=192.168.88.0/24 max-rules=100",
@@ -127,14 +144,20 @@ void addPolicy(CLI::App& group, Session& session) {
     session.changes = true;
     setPolicy(session, *assignments);
   });
+
   CLI::App* reset = policy->add_subcommand("reset", "back to what the policy file says");
   addExamples(*reset, {{"nat policy reset", "forget what was set by command"}});
   reset->callback([&session] {
     session.changes = true;
     resetPolicy(session);
   });
-  policy->callback([&session, policy] {
-    if (policy->get_subcommands().empty()) showPolicy(session);
+
+  CLI::App* reload = policy->add_subcommand(
+      "reload", "read the policy file again; what is wrong in it is refused, and nothing changes");
+  addExamples(*reload, {{"nat policy reload", "after a change of the file"}});
+  reload->callback([&session] {
+    session.changes = true;
+    reloadPolicy(session);
   });
 }
 

@@ -89,7 +89,8 @@ struct NatPolicy {
 
 /// What is to be changed of it; the rest stays.
 struct NatPolicyChange {
-  bool reset = false;  ///< first back to what the policy file says
+  bool reset = false;   ///< first back to what the policy file says
+  bool reload = false;  ///< first reads that file again
   std::optional<std::string> externalPorts;
   std::optional<std::string> internalClients;
   std::optional<uint32_t> maxRules;

@@ -111,6 +111,7 @@ void Router::changePolicy(const NatPolicyChange& change) {
   namespace key = lumen::nat::key;
   lm::message request;
   if (change.reset) request.insert_bool(key::reset, true);
+  if (change.reload) request.insert_bool(key::reload, true);
   if (change.externalPorts) request.insert_string(key::externalPorts, *change.externalPorts);
   if (change.internalClients) request.insert_string(key::internalClients, *change.internalClients);
   if (change.maxRules) request.insert_u32(key::maxRules, *change.maxRules);

@@ -101,6 +101,23 @@ class LumenctlTest(RouterCase):
         self.router.lumenctl("nat", "policy", "reset")
         self.assertEqual(self.router.ask("nat", "policy")["external-ports"], "1024-65535")
 
+    def test_the_policy_file_is_read_again(self):
+        host = self.lan[0]
+        host.open_port(8080, "TCP")
+        file = self.router.root / "etc" / "nat-policy"
+        file.write_text("external-ports = 80\nmax-rules = many\n")
+        status, said = self.refused("nat", "policy", "reload")
+        self.assertEqual(status, 1)
+        self.assertIn("/lumen/etc/nat-policy:2: max-rules: ", said)
+        host.open_port(8081, "TCP")
+        file.write_text("external-ports = 80\n")
+        self.router.lumenctl("nat", "policy", "reload")
+        self.assertEqual(self.router.ask("nat", "policy", "show")["external-ports"], "80")
+        host.open_port(80, "TCP")
+        with self.assertRaises(SoapError):
+            host.open_port(8082, "TCP")
+        self.assertEqual(set(self.router.ports()), {"80/tcp", "8080/tcp", "8081/tcp"})
+
     def test_it_says_why_something_is_refused(self):
         for arguments, status, said in (
                 (("upnp", "interface", "add", WAN_LINK, "--role", "external"), 1,

@@ -47,6 +47,9 @@ inline constexpr uint32_t maxRules = 0x08010032;           ///< u32
 inline constexpr uint32_t maxRulesPerClient = 0x08010033;  ///< u32
 /// bool, in a write only: first forgets what was written before, so that the file counts again.
 inline constexpr uint32_t reset = 0x00010034;
+/// bool, in a write only: first reads the file again; when anything in it is wrong, nothing
+/// changes.
+inline constexpr uint32_t reload = 0x00010035;
 }  // namespace key
 
 /// The action of every rule: translate the destination.

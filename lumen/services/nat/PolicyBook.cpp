@@ -47,13 +47,23 @@ std::optional<std::string> apply(const lm::message& written, Policy& policy) {
 PolicyBook::PolicyBook(std::string filePath, std::string storeDirectory)
     : filePath_(std::move(filePath)), store_(std::move(storeDirectory), 1) {}
 
-std::optional<std::string> PolicyBook::load() {
+std::optional<Policy> PolicyBook::readFile(std::string& error) const {
   // One byte more than is allowed is read, so that a file that is too long shows.
   const PlainFile file = readPlainFile(filePath_, maxPolicyFile + 1);
-  if (!file.error.empty() && !file.missing) return filePath_ + ": " + file.error;
+  std::optional<Policy> policy;
+  if (!file.error.empty() && !file.missing) {
+    error = ": " + file.error;
+  } else {
+    policy = parsePolicyFile(file.text, error);
+  }
+  if (!policy) error = filePath_ + error;
+  return policy;
+}
+
+std::optional<std::string> PolicyBook::load() {
   std::string error;
-  const auto policy = parsePolicyFile(file.text, error);
-  if (!policy) return filePath_ + error;
+  const auto policy = readFile(error);
+  if (!policy) return error;
   fromFile_ = *policy;
   policy_ = fromFile_;
   written_ = store_.get(0).value_or(lm::message());
@@ -71,19 +81,29 @@ lm::message PolicyBook::settings() const {
 }
 
 std::optional<std::string> PolicyBook::write(const lm::message& request) {
-  static constexpr std::array fields = {key::externalPorts, key::internalClients, key::maxRules,
-                                        key::maxRulesPerClient, key::reset};
+  static constexpr std::array fields = {key::externalPorts,     key::internalClients, key::maxRules,
+                                        key::maxRulesPerClient, key::reset,           key::reload};
   if (auto text = unknownField(request, fields); !text.empty()) return text;
-  lm::message written = request.get_bool(key::reset) ? lm::message() : written_;
+  bool writes = request.get_bool(key::reset);
+  lm::message written = writes ? lm::message() : written_;
   for (const Setting& setting : settingsByField) {
     if (const lm::Value* value = request.fields().find(setting.field)) {
       written.fields().set(setting.field, *value);
+      writes = true;
     }
   }
-  Policy policy = fromFile_;
+  Policy fromFile = fromFile_;
+  if (request.get_bool(key::reload)) {
+    std::string error;
+    const auto read = readFile(error);
+    if (!read) return error;
+    fromFile = *read;
+  }
+  Policy policy = fromFile;
   if (auto wrong = apply(written, policy)) return wrong;
-  if (!store_.set(0, written)) return "the policy could not be stored";
+  if (writes && !store_.set(0, written)) return "the policy could not be stored";
   written_ = std::move(written);
+  fromFile_ = std::move(fromFile);
   policy_ = std::move(policy);
   return std::nullopt;
 }

@@ -33,6 +33,9 @@ class PolicyBook {
   [[nodiscard]] std::optional<std::string> write(const lm::message& request);
 
  private:
+  /// What the file says. None when anything is wrong with it; `error` then says where and what.
+  [[nodiscard]] std::optional<Policy> readFile(std::string& error) const;
+
   std::string filePath_;
   lm::Store store_;
   Policy fromFile_;

@@ -207,6 +207,15 @@ TEST_F(Listing, ResetsThePolicy) {
   EXPECT_EQ(router.requests(), Lines{"[20,5] fe000e 00010034=true"});
 }
 
+TEST_F(Listing, ShowsThePolicyByItsOwnNameToo) {
+  EXPECT_EQ(router.lumenctl({"nat", "policy", "show"}).out, router.lumenctl({"nat", "policy"}).out);
+}
+
+TEST_F(Listing, LetsThePolicyFileBeReadAgain) {
+  EXPECT_EQ(router.lumenctl({"nat", "policy", "reload"}).out, "policy file: read again\n");
+  EXPECT_EQ(router.requests(), Lines{"[20,5] fe000e 00010035=true"});
+}
+
 TEST_F(Listing, RefusesAWrongPolicyBeforeItAsksAnybody) {
   for (const char* wrong : {"", "max-rules", "max-rules=", "max-rules=many", "max-rules=-1",
                             "max-rules=5x", "max-rules=4294967296", "max-rule=1", "=1"}) {

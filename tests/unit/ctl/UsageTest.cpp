@@ -98,6 +98,7 @@ const std::vector<Lines> changing = {
     {"nat", "close", "8080/tcp"},
     {"nat", "policy", "set", "max-rules=1"},
     {"nat", "policy", "reset"},
+    {"nat", "policy", "reload"},
     {"upnp", "settings", "set", "enabled=on"},
     {"upnp", "interface", "add", "wan1", "--role", "external"},
     {"upnp", "interface", "set", "wan0", "--disable"},

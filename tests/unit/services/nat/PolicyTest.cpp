@@ -131,6 +131,14 @@ class PolicyBookTest : public ::testing::Test {
     return request;
   }
 
+  static lm::message reset() { return flagOnly(nat::key::reset); }
+  static lm::message reload() { return flagOnly(nat::key::reload); }
+  static lm::message flagOnly(uint32_t field) {
+    lm::message request;
+    request.insert_bool(field, true);
+    return request;
+  }
+
   TemporaryDirectory directory;
   std::string filePath = directory.path() + "/nat-policy";
   PolicyBook book{filePath, directory.path()};
@@ -222,13 +230,62 @@ TEST_F(PolicyBookTest, SaysTheFirstThingThatIsWrong) {
 TEST_F(PolicyBookTest, ForgetsWhatWasSetOnAReset) {
   ASSERT_EQ(loads("external-ports = 80\n"), std::nullopt);
   ASSERT_EQ(book.write(portsOnly("2000")), std::nullopt);
-  lm::message reset;
-  reset.insert_bool(nat::key::reset, true);
-  EXPECT_EQ(book.write(reset), std::nullopt);
+  EXPECT_EQ(book.write(reset()), std::nullopt);
   EXPECT_EQ(ports(), "80");
   PolicyBook later(filePath, directory.path());
   EXPECT_EQ(later.load(), std::nullopt);
   EXPECT_EQ(later.policy().externalPorts.text(), "80");
+}
+
+TEST_F(PolicyBookTest, ReadsTheFileAgainOnAReload) {
+  ASSERT_EQ(loads("external-ports = 80\nmax-rules = 7\n"), std::nullopt);
+  lm::message limit;
+  limit.insert_u32(nat::key::maxRules, 5);
+  ASSERT_EQ(book.write(limit), std::nullopt);
+  static_cast<void>(directory.file("nat-policy", "external-ports = 81\nmax-rules = 8\n"));
+  EXPECT_EQ(book.write(portsOnly("82")), std::nullopt);
+  EXPECT_EQ(ports(), "82");
+  EXPECT_EQ(book.write(reset()), std::nullopt);
+  EXPECT_EQ(ports(), "80") << "no other write reads it";
+  ASSERT_EQ(book.write(limit), std::nullopt);
+  EXPECT_EQ(book.write(reload()), std::nullopt);
+  EXPECT_EQ(ports(), "81");
+  EXPECT_EQ(book.policy().maxRules, 5U) << "what was set by command wins";
+  EXPECT_EQ(book.write(reset()), std::nullopt);
+  EXPECT_EQ(book.policy().maxRules, 8U);
+}
+
+TEST_F(PolicyBookTest, KeepsThePolicyWhenTheFileIsWrongOnAReload) {
+  ASSERT_EQ(loads("external-ports = 80\n"), std::nullopt);
+  static_cast<void>(directory.file("nat-policy", "max-rules = 8\nexternal-ports = all\n"));
+  EXPECT_EQ(book.write(reload()),
+            filePath +
+                ":2: external-ports: \"all\" is neither a port from 1 to 65535 "
+                "nor a range of ports");
+  EXPECT_EQ(ports(), "80");
+  EXPECT_EQ(book.policy().maxRules, 4096U);
+  lm::message both = reset();
+  both.insert_bool(nat::key::reload, true);
+  EXPECT_TRUE(book.write(both).has_value());
+  std::filesystem::remove(filePath);
+  std::filesystem::create_directory(filePath);
+  EXPECT_EQ(book.write(reload()), filePath + ": is no plain file");
+  EXPECT_EQ(ports(), "80");
+}
+
+TEST_F(PolicyBookTest, TakesTheDefaultsWhenTheFileIsGoneOnAReload) {
+  ASSERT_EQ(loads("external-ports = 80\n"), std::nullopt);
+  std::filesystem::remove(filePath);
+  EXPECT_EQ(book.write(reload()), std::nullopt);
+  EXPECT_EQ(ports(), "1024-65535");
+}
+
+TEST_F(PolicyBookTest, NeedsNoRoomOnTheDiskForAReload) {
+  PolicyBook lost(filePath, directory.path() + "/missing");
+  ASSERT_EQ(lost.load(), std::nullopt);
+  static_cast<void>(directory.file("nat-policy", "external-ports = 81\n"));
+  EXPECT_EQ(lost.write(reload()), std::nullopt);
+  EXPECT_EQ(lost.policy().externalPorts.text(), "81");
 }
 
 TEST_F(PolicyBookTest, ChangesNothingWhenAValueIsWrong) {
