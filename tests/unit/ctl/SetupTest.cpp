@@ -138,6 +138,13 @@ TEST_F(Setup, LeavesTheGatewayOffWhenItRefusesAnInterface) {
   EXPECT_FALSE(router.settings().get_bool(1));
 }
 
+TEST_F(Setup, DoesNotSayThatTheGatewayIsOnWhenItRefuses) {
+  router.refuses({40, 0}, lm::cmd::set, "not permitted");
+  const auto result = router.lumenctl(setUp);
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.out.find("switched on"), std::string::npos) << result.out;
+}
+
 TEST_F(Setup, SaysInJsonWhatWasDoneBeforeItWasRefused) {
   router.refuses({40, 0}, lm::cmd::addObject, "Interface already added");
   Lines arguments = setUp;

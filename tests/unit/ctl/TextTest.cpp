@@ -92,6 +92,9 @@ TEST(Text, WritesAmountsInDecimalUnits) {
   EXPECT_EQ(amount(1000), "1.0 kB");
   EXPECT_EQ(amount(999999), "999.9 kB");
   EXPECT_EQ(amount(1234567), "1.2 MB");
+  EXPECT_EQ(amount(1'234'567'890), "1.2 GB");
+  EXPECT_EQ(amount(1'234'567'890'123), "1.2 TB");
+  EXPECT_EQ(amount(1'234'567'890'123'456), "1.2 PB");
   EXPECT_EQ(amount(UINT64_MAX), "18.4 EB");
 }
 

@@ -120,10 +120,10 @@ TEST_F(Usage, SaysThatNothingIsDoneWhenItWasRefused) {
   hasSomethingToChange(router);
   for (const uint32_t command :
        {lm::cmd::addObject, lm::cmd::set, lm::cmd::setObject, lm::cmd::removeObject}) {
-    router.refuses({20, 0}, command, "no");
     router.refuses({20, 5}, command, "no");
     router.refuses({40, 0}, command, "no");
   }
+  router.refuses({20, 0}, lm::cmd::removeObject, "no");
   for (const Lines& arguments : changing) {
     const auto result = router.lumenctl(arguments);
     EXPECT_EQ(result.status, 1) << result.out;

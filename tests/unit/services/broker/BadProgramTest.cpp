@@ -167,20 +167,22 @@ TEST_F(BadProgram, WhoReadsLateGetsEverythingInOrder) {
   Program late = connectAdministrator();
   subscribe(late, lm::cmd::changed, {20, 0});
   constexpr int many = 400;
-  for (int i = 0; i < many; ++i) {
-    broker.notify(lm::cmd::changed, {20, 0}, fields(std::to_string(i) + std::string(8000, ' ')));
-  }
-  for (int i = 0; i < many; ++i) {
-    auto news = late.receive();
-    if (!news) {
-      settle();
-      news = late.receive();
+  for (int round = 0; round < 3; ++round) {  // more than may wait at a time
+    for (int i = 0; i < many; ++i) {
+      broker.notify(lm::cmd::changed, {20, 0}, fields(std::to_string(i) + std::string(8000, ' ')));
     }
-    ASSERT_TRUE(news) << i;
-    EXPECT_EQ(std::stoi(news->get_string(7)), i);
+    for (int i = 0; i < many; ++i) {
+      auto news = late.receive();
+      if (!news) {
+        settle();
+        news = late.receive();
+      }
+      ASSERT_TRUE(news) << i;
+      EXPECT_EQ(std::stoi(news->get_string(7)), i);
+    }
+    settle();
+    EXPECT_FALSE(late.isDisconnected());
   }
-  settle();
-  EXPECT_FALSE(late.isDisconnected());
 }
 
 TEST_F(BadProgram, WhoEndsWithoutReadingIsHeardOutAndForgotten) {

@@ -18,7 +18,29 @@ class Lives : public BrokerTest {
     registerAs(service, gateway);
     return service;
   }
+  /// Of the gateway daemon, in the list of services.
+  std::string stateInList() {
+    Program administrator = connectAdministrator();
+    administrator.ask({0}, brokercmd::services);
+    settle();
+    const auto reply = administrator.receive();
+    if (!reply) return "no answer";
+    return reply->get_message_array_ref(lm::key::records).at(1).get_string(servicekey::state);
+  }
 };
+
+TEST_F(Lives, AreSeenInTheListOfServices) {
+  EXPECT_EQ(stateInList(), "stopped");
+  connectAdministrator().ask({gateway, 0}, someCommand);
+  settle();
+  EXPECT_EQ(stateInList(), "starting");
+  Program service = startedGateway();
+  EXPECT_EQ(stateInList(), "running");
+  unregister(service, gateway);
+  EXPECT_EQ(stateInList(), "leaving");
+  processes.exit(processes.last(), 0);
+  EXPECT_EQ(stateInList(), "stopped");
+}
 
 TEST_F(Lives, BeginWithARequestThatWaitsForThem) {
   Program client = connectAdministrator();

@@ -1,7 +1,10 @@
+#include <cerrno>
+
 #include "lumen/runtime/Codec.h"
 #include "lumen/services/broker/BrokerKeys.h"
 #include "platform/Keys.h"
 #include "services/broker/BrokerFixture.h"
+#include "support/RefusedCall.h"
 
 namespace lumen::test {
 namespace {
@@ -104,6 +107,22 @@ TEST_F(Notifications, CarryTheServiceThatTheSenderNamesIfItIsItsOwn) {
   const auto heard = subscriber.receive();
   ASSERT_TRUE(heard);
   EXPECT_EQ(heard->get_u32_array_ref(lm::key::source), (std::vector<uint32_t>{51, 2}));
+}
+
+TEST_F(Notifications, ThatTheSystemHasNoRoomForComeLater) {
+  Program subscriber = connectAdministrator();
+  subscribe(subscriber, lm::cmd::changed, {20, 5});
+  whileRefused({SCMP_SYS(sendto)}, ENOBUFS, [&] {
+    broker.notify(lm::cmd::changed, {20, 5}, fields("one"));
+    broker.notify(lm::cmd::changed, {20, 5}, fields("two"));
+  });
+  EXPECT_FALSE(subscriber.receive());
+  settle();
+  for (const char* text : {"one", "two"}) {
+    const auto news = subscriber.receive();
+    ASSERT_TRUE(news) << text;
+    EXPECT_EQ(news->get_string(7), text);
+  }
 }
 
 TEST_F(Notifications, ThatNoDatagramHoldsReachNobody) {

@@ -246,9 +246,13 @@ TEST_F(Routing, TellsAHandlerOfThisProcessThatAConnectionHasEnded) {
 TEST_F(Routing, CutsAnAnswerThatNoDatagramHolds) {
   rules.reply = fields(std::string(lm::maxDatagram, 'x'));
   Program client = connectAdministrator();
-  client.ask({20, 5}, lm::cmd::list);
+  const uint32_t serial = client.ask({20, 5}, lm::cmd::list);
   settle();
-  EXPECT_EQ(client.error(), "the answer is too long");
+  const auto answer = client.receive();
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(lm::getError(*answer), "the answer is too long");
+  EXPECT_TRUE(answer->get_bool(lm::key::isReply));
+  EXPECT_EQ(answer->get_u32(lm::key::serial), serial);
 }
 
 TEST_F(Routing, CarriesTheLongestDatagram) {

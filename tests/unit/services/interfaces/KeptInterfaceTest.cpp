@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "lumen/services/interfaces/InterfaceIds.h"
 #include "platform/Keys.h"
 #include "services/interfaces/Router.h"
 
@@ -229,6 +230,22 @@ TEST(KeptNamesTest, LeaveOutWhatIsWrongInTheStore) {
   EXPECT_EQ(kept.all().at("wan0").id, 1U);
   EXPECT_EQ(kept.all().at("wan0").role, 1U);
   EXPECT_EQ(kept.all().at("lan0").id, 6U);
+}
+
+TEST_F(KeptInterface, KeepsTheIdOfItsLinkWhenItCannotBeStored) {
+  kernel.appears("wan0");
+  starts();
+  storeBecomesUnwritable();
+  EXPECT_NE(text(administratorKeeps("wan0", 1)), "id=1");
+  // More names than the table remembers, so that an id that is not in use is forgotten.
+  for (size_t i = 0; i <= InterfaceIds::rememberedNames; ++i) {
+    const std::string name = "ppp" + std::to_string(i);
+    kernel.appears(name);
+    kernel.leaves(name);
+  }
+  kernel.leaves("wan0");
+  kernel.appears("wan0");
+  EXPECT_EQ(idOf("wan0"), 1U);
 }
 
 TEST_F(KeptInterface, IsKeptAndForgottenByAdministratorsOnly) {

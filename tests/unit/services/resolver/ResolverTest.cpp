@@ -106,6 +106,12 @@ TEST_F(ResolverTest, ANameThatWasOnlySlowIsNoFailure) {
   EXPECT_EQ(log_.text(), "resolver: silent.lan: name server does not answer\n");
 }
 
+TEST_F(ResolverTest, HasTheNumbersThatProgramsOfAnotherBuildSend) {
+  EXPECT_EQ(Resolver::resolve, 3U);
+  EXPECT_EQ(Resolver::hostName, 0x20000003U);
+  EXPECT_EQ(Resolver::address, 0x08000004U);
+}
+
 TEST_F(ResolverTest, SpendsThePatienceOfAMinuteOnWhatWasWaited) {
   serverIsSilent();
   platform_.advance(minute / 2);
