@@ -165,6 +165,13 @@ TEST_F(GatewaySettings, ANewAllowanceReachesTheConnection) {
   EXPECT_EQ(platform.sentTo({20, 0}, lm::cmd::setObject).size(), 1U);
 }
 
+TEST_F(GatewaySettings, ANewAllowancePassesByAnObjectWhoseInterfaceIsAway) {
+  serve();
+  addObject(99, external);
+  write(settings({}, false));
+  EXPECT_NE(invoke("/upnp/control/wanipconn-3", "ForceTermination").find("501"), std::string::npos);
+}
+
 TEST_F(GatewaySettings, TheAllowanceReachesAConnectionThatStartsLater) {
   start();
   write(settings(true, false, false));
