@@ -32,11 +32,10 @@ class Program:
 class Build:
     """The scratch copy and what was built of it."""
 
-    def __init__(self, folder, compiler, sanitize, children):
+    def __init__(self, folder, compiler, children):
         self.tree = folder / "tree"
-        self.base = folder / ("sanitize" if sanitize else "base")
+        self.base = folder / "base"
         self.compiler = compiler
-        self.sanitize = sanitize
         self.children = children
         self.folder = folder
 
@@ -75,7 +74,6 @@ class Build:
                      # Never an error for an unused variable; out of bounds is a failed test.
                      "-DCMAKE_CXX_FLAGS=-w -D_GLIBCXX_ASSERTIONS",
                      "-DPALINODE_CCACHE=OFF",
-                     f"-DPALINODE_SANITIZE={'ON' if self.sanitize else 'OFF'}",
                      "-DCMAKE_GTEST_DISCOVER_TESTS_DISCOVERY_MODE=PRE_TEST")
         targets = re.findall(r"^(tests/\w+): CXX_EXECUTABLE_LINKER",
                              self.ninja("-t", "targets", "all"), re.MULTILINE)

@@ -19,8 +19,7 @@ SANDBOX = ["unshare", "--mount", "--pid", "--fork", "--kill-child", "--net", "--
            "--mount-proc", "sh", "-c", f"""
 {{ mount -t tmpfs none /run && mount -t tmpfs none /var/tmp && mount -t tmpfs none /tmp &&
   mount -o remount,bind,ro / && ip link set lo up &&
-  ulimit -c 0 && ulimit -f {OUTPUT} && ulimit -v "$1"; }} || exit {NO_SANDBOX}
-shift
+  ulimit -c 0 && ulimit -f {OUTPUT} && ulimit -v {MEMORY}; }} || exit {NO_SANDBOX}
 "$@"
 exit $?
 """, "sh"]
@@ -112,9 +111,8 @@ class Laboratory:
         """Which test failed; empty when all passed."""
         environment = {**os.environ, "GTEST_FAIL_FAST": "1", "GTEST_COLOR": "no", "TMPDIR": "/tmp",
                        "MALLOC_PERTURB_": "165"}
-        memory = "unlimited" if self.build.sanitize else str(MEMORY)
         with self.text.open("wb") as output:
-            status = self.build.children.run([*SANDBOX, memory, str(path)], limit, output,
+            status = self.build.children.run([*SANDBOX, str(path)], limit, output,
                                              env=environment, cwd=self.build.base)
         if status == 0:
             return ""
