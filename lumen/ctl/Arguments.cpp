@@ -14,8 +14,10 @@ namespace lumenctl {
 const CLI::Validator& interfaceName() {
   static const CLI::Validator validator(
       [](const std::string& name) -> std::string {
-        // What the kernel takes (net/core/dev.c, dev_valid_name), less the control characters.
+        // What the kernel takes (net/core/dev.c, dev_valid_name), less the control characters and
+        // what is an option behind one that lacks its name.
         const bool valid = !name.empty() && name.size() < IFNAMSIZ && name != "." && name != ".." &&
+                           name.front() != '-' &&
                            std::all_of(name.begin(), name.end(), [](unsigned char c) {
                              return c > ' ' && c != 0x7F && c != '/' && c != ':';
                            });

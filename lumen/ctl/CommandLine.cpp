@@ -25,9 +25,9 @@ int wrongUsage(std::ostream& err, const std::string& why) {
 
 }  // namespace
 
-int run(const std::vector<std::string>& arguments, const Connect& connect, std::ostream& out,
-        std::ostream& err) {
-  Session session(connect, out);
+int run(const std::vector<std::string>& arguments, const Connect& connect, Machine& machine,
+        std::ostream& out, std::ostream& err) {
+  Session session(connect, machine, out);
   CLI::App app("Shows and changes what this router's platform and its Internet gateway do.",
                "lumenctl");
   setHelpFormat(app);

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "lumen/ctl/Client.h"
+#include "lumen/ctl/Machine.h"
 
 namespace lumenctl {
 
@@ -12,6 +13,6 @@ namespace lumenctl {
 /// what went wrong to `err`. Returns the exit status: 0, 1 when the platform refused or cannot be
 /// reached, 2 when the arguments are wrong.
 [[nodiscard]] int run(const std::vector<std::string>& arguments, const Connect& connect,
-                      std::ostream& out, std::ostream& err);
+                      Machine& machine, std::ostream& out, std::ostream& err);
 
 }  // namespace lumenctl

@@ -110,6 +110,7 @@ constexpr FieldName natFields[] = {
     {"owner", lumen::nat::key::owner},
     {"seconds", lumen::nat::key::seconds},
     {"connections", lumen::nat::key::connections},
+    {"uses", lumen::nat::key::uses},
     {"stale", lumen::nat::key::stale},
     {"closed", lumen::nat::key::closed},
     {"external-ports", lumen::nat::key::externalPorts},

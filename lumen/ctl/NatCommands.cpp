@@ -171,7 +171,7 @@ void addNatCommands(CLI::App& app, Session& session) {
                        {"nat policy", "what programs may open"}});
   group->require_subcommand(1);
   CLI::App* listing = group->add_subcommand("list", "show them");
-  addExamples(*listing, {{"nat list", "who opened them, for which host"},
+  addExamples(*listing, {{"nat list", "who opened them, how long ago, and how much they are used"},
                          {"nat list --json", "for a program"}});
   listing->callback([&session] { list(session); });
 

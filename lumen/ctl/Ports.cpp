@@ -31,19 +31,22 @@ Json portsAsJson(std::vector<NatRule> rules) {
                       {"stale", rule.stale},
                       {"owner", rule.owner},
                       {"seconds", rule.secondsOpen},
-                      {"connections", rule.connections}});
+                      {"connections", rule.connections},
+                      {"connections_so_far", rule.uses ? Json(*rule.uses) : Json()}});
   }
   return result;
 }
 
 Table portsAsTable(std::vector<NatRule> rules) {
   sortByPort(rules);
-  Table table({"PORT", "ON ADDRESS", "TO", "STATE", "SINCE", ">CONNECTIONS", "BY"});
+  Table table(
+      {"PORT", "ON ADDRESS", "TO", "STATE", "OPEN FOR", ">CONNECTIONS", ">SO FAR", "OPENED BY"});
   for (const NatRule& rule : rules) {
     table.add({std::to_string(rule.externalPort) + "/" + rule.protocolName(),
                dotted(rule.externalAddress),
                dotted(rule.internalClient) + ":" + std::to_string(rule.internalPort), rule.state(),
-               duration(rule.secondsOpen), std::to_string(rule.connections), rule.owner});
+               duration(rule.secondsOpen), std::to_string(rule.connections),
+               rule.uses ? std::to_string(*rule.uses) : "?", rule.owner});
   }
   return table;
 }

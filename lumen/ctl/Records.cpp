@@ -88,7 +88,11 @@ NatRule::NatRule(const lm::message& record)
       stale(record.get_bool(lumen::nat::key::stale)),
       owner(record.get_string(lumen::nat::key::owner)),
       secondsOpen(record.get_u64(lumen::nat::key::seconds)),
-      connections(record.get_u64(lumen::nat::key::connections)) {}
+      connections(record.get_u64(lumen::nat::key::connections)) {
+  if (record.fields().find(lumen::nat::key::uses) != nullptr) {
+    uses = record.get_u64(lumen::nat::key::uses);
+  }
+}
 
 std::string NatRule::protocolName() const {
   if (protocol == IPPROTO_TCP) return "tcp";

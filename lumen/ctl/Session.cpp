@@ -8,7 +8,8 @@
 
 namespace lumenctl {
 
-Session::Session(Connect connect, std::ostream& out) : connect_(std::move(connect)), out_(out) {}
+Session::Session(Connect connect, Machine& machine, std::ostream& out)
+    : connect_(std::move(connect)), machine_(machine), out_(out) {}
 
 Session::~Session() = default;
 

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "lumen/ctl/Client.h"
+#include "lumen/ctl/Machine.h"
 #include "lumen/ctl/Router.h"
 
 namespace lumenctl {
@@ -16,8 +17,8 @@ using Json = nlohmann::ordered_json;
 /// One run of the program: what it talks to and how it answers.
 class Session {
  public:
-  /// `out` must outlive this.
-  Session(Connect connect, std::ostream& out);
+  /// `machine` and `out` must outlive this.
+  Session(Connect connect, Machine& machine, std::ostream& out);
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
   ~Session();
@@ -34,6 +35,7 @@ class Session {
 
   /// Connects when first called; throws Refused when that is not possible.
   [[nodiscard]] Router& router();
+  [[nodiscard]] Machine& machine() { return machine_; }
   [[nodiscard]] std::ostream& out() { return out_; }
 
   std::string root;      ///< of --root; empty: the machine's own platform
@@ -42,6 +44,7 @@ class Session {
 
  private:
   Connect connect_;
+  Machine& machine_;
   std::ostream& out_;
   Json done_ = Json::array();
   std::unique_ptr<Client> client_;  // null until first used

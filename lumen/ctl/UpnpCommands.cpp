@@ -10,7 +10,6 @@
 #include "lumen/ctl/Help.h"
 #include "lumen/ctl/Table.h"
 #include "lumen/ctl/Text.h"
-#include "lumen/ctl/UpnpSetup.h"
 
 namespace lumenctl {
 
@@ -148,29 +147,6 @@ void removeInterface(Session& session, const std::string& name) {
   session.done(name + ": no longer used by the gateway");
 }
 
-void addSetup(CLI::App& upnp, Session& session) {
-  struct Arguments {
-    std::vector<std::string> internal;
-    std::string external;
-  };
-  auto arguments = std::make_shared<Arguments>();
-  CLI::App* setup = upnp.add_subcommand("setup", "make this router an Internet gateway");
-  addExamples(*setup, {{"upnp setup --internal br-lan --external wan0", "one network at home"},
-                       {"upnp setup --internal br-lan br-guest --external ppp0", "two of them"}});
-  setup->add_option("--internal", arguments->internal, "interfaces towards the hosts at home")
-      ->required()
-      ->check(interfaceName())
-      ->type_name("IF...");
-  setup->add_option("--external", arguments->external, "interface towards the Internet")
-      ->required()
-      ->check(interfaceName())
-      ->type_name("IF");
-  setup->callback([&session, arguments] {
-    session.changes = true;
-    setUpGateway(session, arguments->internal, arguments->external);
-  });
-}
-
 void addSettings(CLI::App& upnp, Session& session) {
   CLI::App* settings = upnp.add_subcommand("settings", "show or set the gateway's settings");
   addExamples(*settings, {{"upnp settings", "show them"},
@@ -239,11 +215,11 @@ void addInterfaces(CLI::App& upnp, Session& session) {
 
 void addUpnpCommands(CLI::App& app, Session& session) {
   CLI::App* upnp = app.add_subcommand("upnp", "the Internet gateway: set-up, settings, interfaces");
-  addExamples(*upnp, {{"upnp setup --internal br-lan --external wan0", "become a gateway"},
+  addExamples(*upnp, {{"upnp setup", "become a gateway, after a question"},
                       {"upnp settings", "how it is set"},
                       {"upnp interface list", "what it uses"}});
   upnp->require_subcommand(1);
-  addSetup(*upnp, session);
+  addSetupCommand(*upnp, session);
   addSettings(*upnp, session);
   addInterfaces(*upnp, session);
 }

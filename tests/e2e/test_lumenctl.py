@@ -1,7 +1,10 @@
 """lumenctl with the real platform."""
 
+import os
 import socket
 import subprocess
+import tempfile
+import time
 import unittest
 
 from support.network import LAN_BRIDGE, WAN_ADDRESS, WAN_LINK, SoapError
@@ -152,6 +155,21 @@ class LumenctlTest(RouterCase):
         self.router.start()
         self.assertEqual(self.router.lumenctl("identity"), identity)
         self.assertNotEqual(self.make_router().lumenctl("identity"), identity)
+
+
+class DeafPlatformTest(unittest.TestCase):
+    def test_it_waits_fifteen_seconds_for_an_answer(self):
+        with (tempfile.TemporaryDirectory(prefix="palinode-") as root,
+              socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as listener):
+            os.mkdir(f"{root}/run")
+            listener.bind(f"{root}/run/lumen.sock")
+            listener.listen(8)
+            started = time.monotonic()
+            done = subprocess.run([PROGRAMS / "lumenctl", "--root", root, "identity"],
+                                  capture_output=True, text=True, timeout=50, check=False)
+            self.assertGreaterEqual(time.monotonic() - started, 15)
+        self.assertEqual((done.returncode, done.stdout, done.stderr),
+                         (1, "", "lumenctl: no answer in time\n"))
 
 
 if __name__ == "__main__":

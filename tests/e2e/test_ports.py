@@ -104,6 +104,28 @@ class PortTest(RouterCase):
         exchange_tcp(self.wan, WAN_ADDRESS, 8080, host, 81)
         self.assertEqual(self.router.ports()["8080/tcp"]["connections"], 2)
 
+    def test_the_connections_of_a_port_are_counted(self):
+        host = self.lan[0]
+        host.open_port(8080, "TCP")
+        host.open_port(5060, "UDP")
+        for _ in range(3):
+            exchange_tcp(self.wan, WAN_ADDRESS, 8080, host, 8080)
+        client = self.wan_udp(5060)
+        for _ in range(5):
+            exchange_udp(client, host, 5060)
+        ports = self.router.ports()
+        self.assertEqual(ports["8080/tcp"]["connections_so_far"], 3)
+        self.assertEqual(ports["5060/udp"]["connections_so_far"], 1, "a flow is one connection")
+        self.assertEqual(ports["8080/tcp"]["owner"], "upnp")
+        self.assertRegex(self.router.lumenctl("nat", "list"),
+                         r"(?m)^PORT .* OPEN FOR +CONNECTIONS +SO FAR +OPENED BY\n(.*\n)?"
+                         r"8080/tcp .* open +\d+ s +\d +3 +upnp$")
+        host.open_port(8080, "TCP", 81)
+        exchange_tcp(self.wan, WAN_ADDRESS, 8080, host, 81)
+        self.router.lumenctl("nat", "close", "8080/tcp")
+        self.assertEqual(self.router.ports()["8080/tcp"]["connections_so_far"], 4,
+                         "neither a change nor its end makes it forget")
+
     def test_policy_refuses_ports_and_clients_with_a_reason(self):
         host = self.lan[0]
         for port, client in ((80, host.address), (8080, "192.168.88.1"), (8080, "8.8.8.8"),

@@ -70,6 +70,10 @@ class RightsTest(RouterCase):
     def test_the_gateway_has_no_rights(self):
         self.assert_powerless(self.router.gateway_pid(), "palinode-igd", SERVICE_USER)
 
+    def test_each_program_is_one_thread(self):
+        for pid in (self.router.gateway_pid(), self.router.lumend.pid):
+            self.assertEqual(os.listdir(f"/proc/{pid}/task"), [str(pid)])
+
     def test_lumend_keeps_four_capabilities(self):
         with open(f"/proc/{self.router.lumend.pid}/status", encoding="ascii") as status:
             fields = dict(line.rstrip("\n").split(":\t", 1) for line in status)

@@ -49,9 +49,11 @@ def read_row(number, line, found):
 
 def read_table(text):
     """The rows of every section, and what is wrong with their form."""
-    rows, found, seen = [], [], {}
+    rows, found, seen, sections = [], [], {}, []
     in_table = False
     for number, line in enumerate(text.splitlines(), 1):
+        if line.startswith("## "):
+            sections.append((number, line[3:]))
         if not line.lstrip().startswith("|"):
             in_table = False
         elif not in_table:
@@ -66,6 +68,10 @@ def read_table(text):
                 found.append(f"line {number}: the same promise as in line {seen[row.promise]}")
             seen.setdefault(row.promise, number)
             rows.append(row)
+    ends = [number for number, _ in sections[1:]] + [sys.maxsize]
+    found += [f"line {begin}: nothing is promised under {name}"
+              for (begin, name), end in zip(sections, ends)
+              if not any(begin < row.line < end for row in rows)]
     return rows, found
 
 

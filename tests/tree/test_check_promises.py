@@ -81,6 +81,13 @@ class PromisesTest(unittest.TestCase):
         self.promise("| It answers. | `good.One`")
         self.assert_refused(self.before_the_run(), "line 9: a row is | promise | tests |")
 
+    def test_a_section_without_a_row_is_refused(self):
+        self.promise("| It answers. | `good.One` |", "", "## SSDP", "", "## XML", "",
+                     "| Promise | Proven by |", "|---|---|", "| It ends. | `good.One` |")
+        done = self.before_the_run()
+        self.assert_refused(done, "line 11: nothing is promised under SSDP")
+        self.assertEqual(2, len(done.stderr.splitlines()))
+
     def test_a_table_with_another_heading_is_refused(self):
         self.table.write_text("| What | Why |\n|---|---|\n| It answers. | `good.One` |\n")
         self.assert_refused(self.before_the_run(), "line 1: a table begins with")

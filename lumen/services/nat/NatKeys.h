@@ -36,9 +36,11 @@ inline constexpr uint32_t clientPortLast = 0x080003eb;    ///< u32
 // What a record adds, after the rule's id.
 inline constexpr uint32_t owner = 0x20010020;        ///< string: service name
 inline constexpr uint32_t seconds = 0x10010021;      ///< u64: since the rule was added
-inline constexpr uint32_t connections = 0x10010022;  ///< u64: flows of TCP or UDP through it
+inline constexpr uint32_t connections = 0x10010022;  ///< u64: flows of TCP or UDP through it now
 inline constexpr uint32_t stale = 0x00010023;        ///< bool: external address has left the router
 inline constexpr uint32_t closed = 0x00010024;       ///< bool: closed by the administrator
+/// u64: flows that came through it since the rule was added; absent when the kernel does not tell.
+inline constexpr uint32_t uses = 0x10010025;
 
 // The policy (get and set). A write changes the fields that it has; they win over the file.
 inline constexpr uint32_t externalPorts = 0x20010030;      ///< string, as in the policy file

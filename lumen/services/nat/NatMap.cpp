@@ -1,8 +1,13 @@
 #include "lumen/services/nat/NatMap.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
+#include <algorithm>
 #include <charconv>
-#include <cstdint>
 #include <string_view>
+
+#include "lumen/runtime/Log.h"
 
 namespace lumen {
 
@@ -24,6 +29,10 @@ std::string clientElement(const Endpoint& client) {
 std::string addCommand(const RuleKey& key, const std::string& counter, const Endpoint& client) {
   return "add element ip lumen forwards { " + keyElement(key) + counter + " : " +
          clientElement(client) + " }";
+}
+
+std::string getCommand(const RuleKey& key) {
+  return "get element ip lumen forwards { " + keyElement(key) + " }";
 }
 
 std::string deleteCommand(const std::vector<RuleKey>& keys) {
@@ -53,9 +62,37 @@ std::optional<uint64_t> numberAfter(std::string_view& text, std::string_view wor
   return number;
 }
 
+constexpr std::string_view packetsWord = " counter packets ";
+
+// What is left of `text` before `separator`, moving `text` behind that.
+std::string_view upTo(std::string_view& text, std::string_view separator) {
+  const size_t at = std::min(text.find(separator), text.size());
+  const std::string_view part = text.substr(0, at);
+  text.remove_prefix(std::min(at + separator.size(), text.size()));
+  return part;
+}
+
+// The other way round than keyElement.
+std::optional<RuleKey> readKey(std::string_view element) {
+  const std::string address(upTo(element, " . "));
+  const std::string_view protocol = upTo(element, " . ");
+  RuleKey key;
+  if (protocol == protocolText(IPPROTO_TCP)) key.protocol = IPPROTO_TCP;
+  if (protocol == protocolText(IPPROTO_UDP)) key.protocol = IPPROTO_UDP;
+  in_addr parsed{};
+  const char* const last = element.data() + element.size();
+  const auto [end, error] = std::from_chars(element.data(), last, key.external.port);
+  if (inet_pton(AF_INET, address.c_str(), &parsed) != 1 || key.protocol == 0 ||
+      error != std::errc() || end != last) {
+    return std::nullopt;
+  }
+  key.external.address = parsed.s_addr;
+  return key;
+}
+
 // " counter packets 7 bytes 900" out of nft's answer to "get element".
 std::optional<std::string> counterOf(std::string_view element) {
-  auto packets = numberAfter(element, " counter packets ");
+  auto packets = numberAfter(element, packetsWord);
   auto bytes = packets ? numberAfter(element, " bytes ") : std::nullopt;
   if (!bytes) return std::nullopt;
   return " counter packets " + std::to_string(*packets) + " bytes " + std::to_string(*bytes);
@@ -103,12 +140,35 @@ std::optional<std::string> NatMap::remove(const std::vector<RuleKey>& keys) {
 }
 
 std::optional<std::string> NatMap::change(const RuleKey& key, const Endpoint& client) {
-  Nftables::Result element =
-      nftables_.run("get element ip lumen forwards { " + keyElement(key) + " }");
+  Nftables::Result element = nftables_.run(getCommand(key));
   if (!element.done) return firstLine(element.text);
   auto counter = counterOf(element.text);
   if (!counter) return "the element has no counter";
   return run(deleteCommand({key}) + "\n" + addCommand(key, *counter, client));
+}
+
+std::optional<std::map<RuleKey, uint64_t>> NatMap::uses() {
+  const Nftables::Result listed = nftables_.run("list map ip lumen forwards");
+  if (!listed.done) {
+    lm::logLine("nat uses failed: ", firstLine(listed.text));
+    return std::nullopt;
+  }
+  std::map<RuleKey, uint64_t> result;
+  std::string_view rest = listed.text;
+  while (true) {
+    std::string_view element = rest.substr(0, rest.find(packetsWord));
+    element.remove_prefix(std::min(element.find_last_of("{,") + 1, element.size()));
+    element.remove_prefix(std::min(element.find_first_not_of(" \t\n"), element.size()));
+    const auto packets = numberAfter(rest, packetsWord);
+    if (!packets) return result;
+    if (const auto key = readKey(element)) result[*key] = *packets;
+  }
+}
+
+std::optional<uint64_t> NatMap::uses(const RuleKey& key) {
+  const Nftables::Result element = nftables_.run(getCommand(key));
+  std::string_view text = element.text;
+  return element.done ? numberAfter(text, packetsWord) : std::nullopt;
 }
 
 std::optional<std::string> NatMap::run(const std::string& commands) {

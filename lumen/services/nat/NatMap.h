@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -28,6 +30,13 @@ class NatMap {
   [[nodiscard]] std::optional<std::string> remove(const std::vector<RuleKey>& keys);
   /// Sends what comes for `key` to `client` from now on. The element keeps its counter.
   [[nodiscard]] std::optional<std::string> change(const RuleKey& key, const Endpoint& client);
+
+  /// How many connections came through each port since it was added: its element counts packets,
+  /// and a NAT chain sees the first packet of a connection only. None when the kernel does not
+  /// tell, which is logged.
+  [[nodiscard]] std::optional<std::map<RuleKey, uint64_t>> uses();
+  /// The same of one port.
+  [[nodiscard]] std::optional<uint64_t> uses(const RuleKey& key);
 
  private:
   [[nodiscard]] std::optional<std::string> run(const std::string& commands);

@@ -134,7 +134,10 @@ lm::message NatRules::set(const Caller& caller, const lm::message& request) {
   return replace(it, after);
 }
 
-lm::message NatRules::replace(Rules::iterator it, const Rule& after) {
+lm::message NatRules::replace(Rules::iterator it, Rule after) {
+  if (it->second.inKernel() && !after.inKernel()) {
+    after.earlierUses += map_.uses(after.key).value_or(0);
+  }
   if (auto error = apply(it->second, after)) return refuseByKernel("change", after.key, *error);
   uint32_t id = it->first;
   erase(it);
@@ -166,10 +169,10 @@ lm::message NatRules::remove(const Caller& caller, const lm::message& request) {
 lm::message NatRules::list(const Caller& caller, const lm::message& request) {
   bool firstPage = request.get_u32(lm::key::cursor, lm::none) == lm::none;
   if (firstPage || !listing_ || listing_->reader != caller.connection) {
-    listing_ = Listing{.reader = caller.connection, .connections = countConnections()};
+    listing_ = Listing{.reader = caller.connection, .counts = count()};
   }
   lm::message page = lm::pagedAnswer(request, rules_, [this](uint32_t id, const Rule& rule) {
-    return record(id, rule, listing_->connections);
+    return record(id, rule, listing_->counts);
   });
   if (page.get_u32(lm::key::cursor, lm::none) == lm::none) listing_.reset();
   return page;
@@ -178,7 +181,7 @@ lm::message NatRules::list(const Caller& caller, const lm::message& request) {
 lm::message NatRules::read(const lm::message& request) {
   auto it = rules_.find(request.get_u32(lm::key::objectId));
   if (it == rules_.end()) return refuse("no such object");
-  return record(it->first, it->second, countConnections());
+  return record(it->first, it->second, count());
 }
 
 lm::message NatRules::writePolicy(const lm::message& request) {
@@ -291,22 +294,31 @@ uint32_t NatRules::nextId() {
   return lastId_;
 }
 
-NatRules::Counts NatRules::countConnections() {
+NatRules::Counts NatRules::count() {
   Counts counts;
   if (rules_.empty()) return counts;
+  counts.uses = map_.uses();
   flows_.visitTranslated([&](const Flow& flow) {
     RuleKey key{.external = flow.destination, .protocol = flow.protocol};
-    if (ids_.contains(key)) ++counts[key];
+    if (ids_.contains(key)) ++counts.connections[key];
   });
   return counts;
 }
 
 lm::message NatRules::record(uint32_t id, const Rule& rule, const Counts& counts) const {
-  auto connections = counts.find(rule.key);
-  return ruleRecord(id, rule,
-                    {.seconds = (clock_.now() - rule.addedAt) / 1000,
-                     .connections = connections == counts.end() ? 0 : connections->second,
-                     .stale = !networks_.interfaceOf(rule.key.external.address)});
+  const auto of = [&rule](const std::map<RuleKey, uint64_t>& numbers) {
+    auto it = numbers.find(rule.key);
+    return it == numbers.end() ? 0 : it->second;
+  };
+  RuleStatus status{.seconds = (clock_.now() - rule.addedAt) / 1000,
+                    .connections = of(counts.connections),
+                    .stale = !networks_.interfaceOf(rule.key.external.address)};
+  if (!rule.inKernel()) {
+    status.uses = rule.earlierUses;
+  } else if (counts.uses) {
+    status.uses = rule.earlierUses + of(*counts.uses);
+  }
+  return ruleRecord(id, rule, status);
 }
 
 std::optional<Endpoint> NatRules::udpClient(const Endpoint& external) const {

@@ -41,12 +41,17 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts {
 
  private:
   using Rules = std::map<uint32_t, Rule>;
-  using Counts = std::map<RuleKey, uint64_t>;
 
-  /// The connections of all rules, for as long as one reader pages through them.
+  /// The connections of all rules.
+  struct Counts {
+    std::map<RuleKey, uint64_t> connections;          // open now
+    std::optional<std::map<RuleKey, uint64_t>> uses;  // so far; none: not known
+  };
+
+  /// They are counted once for as long as one reader pages through the rules.
   struct Listing {
     uint64_t reader = 0;
-    Counts connections;
+    Counts counts;
   };
 
   [[nodiscard]] lm::message add(const Caller& caller, const lm::message& request);
@@ -64,7 +69,7 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts {
   [[nodiscard]] bool clientIsFull(uint32_t client) const;
   /// Puts `after` in the place of a rule with the same key, in the kernel too. Returns an error or
   /// an empty reply.
-  [[nodiscard]] lm::message replace(Rules::iterator it, const Rule& after);
+  [[nodiscard]] lm::message replace(Rules::iterator it, Rule after);
   /// Brings the kernel from `before` to `after`. Returns why not, if so.
   [[nodiscard]] std::optional<std::string> apply(const Rule& before, const Rule& after);
   [[nodiscard]] std::optional<std::string> addToKernel(const Rule& rule);
@@ -75,7 +80,7 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts {
   void erase(Rules::iterator it);
   [[nodiscard]] uint32_t nextId();
 
-  [[nodiscard]] Counts countConnections();
+  [[nodiscard]] Counts count();
   [[nodiscard]] lm::message record(uint32_t id, const Rule& rule, const Counts& counts) const;
   [[nodiscard]] std::optional<Endpoint> udpClient(const Endpoint& external) const override;
 

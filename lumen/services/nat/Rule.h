@@ -18,12 +18,13 @@ struct RuleKey {
 /// One open port.
 struct Rule {
   RuleKey key;
-  Endpoint client;          ///< where its packets go
-  bool disabled = false;    ///< by its owner
-  bool closed = false;      ///< by the administrator, for good
-  uint64_t connection = 0;  ///< of its owner
-  std::string owner;        ///< service name
-  uint64_t addedAt = 0;     ///< milliseconds of the clock
+  Endpoint client;           ///< where its packets go
+  bool disabled = false;     ///< by its owner
+  bool closed = false;       ///< by the administrator, for good
+  uint64_t connection = 0;   ///< of its owner
+  std::string owner;         ///< service name
+  uint64_t addedAt = 0;      ///< milliseconds of the clock
+  uint64_t earlierUses = 0;  ///< connections that came before it last left the kernel
 
   [[nodiscard]] bool inKernel() const { return !disabled && !closed; }
 };

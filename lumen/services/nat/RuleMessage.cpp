@@ -156,6 +156,7 @@ lm::message ruleRecord(uint32_t id, const Rule& rule, const RuleStatus& status) 
   record.insert_u64(key::connections, status.connections);
   record.insert_bool(key::stale, status.stale);
   record.insert_bool(key::closed, rule.closed);
+  if (status.uses) record.insert_u64(key::uses, *status.uses);
   return record;
 }
 

@@ -93,7 +93,7 @@ FakePlatform::Result FakePlatform::lumenctl(const std::vector<std::string>& argu
     why = "nobody answers";
     return nullptr;
   };
-  const int status = run(arguments, connect, out, err);
+  const int status = run(arguments, connect, machine_, out, err);
   return {status, out.str(), err.str()};
 }
 
@@ -139,6 +139,7 @@ void FakePlatform::hasPort(uint32_t port, uint32_t protocol, const std::string& 
   record.insert_string(natkey::owner, "palinode-igd");
   record.insert_u64(natkey::seconds, 185);
   record.insert_u64(natkey::connections, 2);
+  record.insert_u64(natkey::uses, 17);
   rules_.push_back(record);
 }
 

@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "ctl/FakeMachine.h"
 #include "lumen/ctl/Client.h"
 #include "platform/message.h"
 
@@ -51,6 +52,9 @@ class FakePlatform {
   void gatewayIsNotInstalled() { services_.clear(); }
   [[nodiscard]] lm::message& settings() { return settings_; }
 
+  /// The machine that lumenctl runs on.
+  [[nodiscard]] FakeMachine& machine() { return machine_; }
+
   // What goes wrong.
   /// Every such request is refused from now on.
   void refuses(const Path& destination, uint32_t command, const std::string& text);
@@ -79,6 +83,7 @@ class FakePlatform {
                           const lm::message& request);
   lm::message keep(const lm::message& request);
 
+  FakeMachine machine_;
   std::vector<lm::message> links_;
   std::vector<lm::message> addresses_;
   std::vector<lm::message> rules_;

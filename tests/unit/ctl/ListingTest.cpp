@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "ctl/FakePlatform.h"
+#include "lumen/runtime/Fields.h"
 #include "lumen/services/broker/BrokerKeys.h"
 #include "lumen/services/interfaces/InterfaceKeys.h"
 #include "lumen/services/nat/NatKeys.h"
@@ -98,13 +99,18 @@ TEST_F(Listing, ShowsPortsInTheirOrderWithTheirState) {
   router.hasPort(8080, tcp, "192.168.88.10", 80);
   router.hasPort(9001, tcp, "192.168.88.10", 1);
   router.lastPort().insert_bool(lm::key::disabled, true);
-  EXPECT_EQ(
-      router.lumenctl({"nat", "list"}).out,
-      "PORT      ON ADDRESS  TO                  STATE     SINCE      CONNECTIONS  BY\n"
-      "8080/tcp  45.45.45.1  192.168.88.10:80    open      3 min 5 s            2  palinode-igd\n"
-      "8080/udp  45.45.45.1  192.168.88.10:80    closed    3 min 5 s            2  palinode-igd\n"
-      "9000/udp  45.45.45.1  192.168.88.11:9000  stale     3 min 5 s            2  palinode-igd\n"
-      "9001/tcp  45.45.45.1  192.168.88.10:1     disabled  3 min 5 s            2  palinode-igd\n");
+  router.lastPort().fields().erase(lumen::nat::key::uses);
+  EXPECT_EQ(router.lumenctl({"nat", "list"}).out,
+            "PORT      ON ADDRESS  TO                  STATE     OPEN FOR   CONNECTIONS  SO FAR  "
+            "OPENED BY\n"
+            "8080/tcp  45.45.45.1  192.168.88.10:80    open      3 min 5 s            2      17  "
+            "palinode-igd\n"
+            "8080/udp  45.45.45.1  192.168.88.10:80    closed    3 min 5 s            2      17  "
+            "palinode-igd\n"
+            "9000/udp  45.45.45.1  192.168.88.11:9000  stale     3 min 5 s            2      17  "
+            "palinode-igd\n"
+            "9001/tcp  45.45.45.1  192.168.88.10:1     disabled  3 min 5 s            2       ?  "
+            "palinode-igd\n");
 }
 
 TEST_F(Listing, ShowsAProtocolThatHasNoNameHereByItsNumber) {
@@ -119,7 +125,10 @@ TEST_F(Listing, ShowsPortsInJson) {
             "    \"address\": \"45.45.45.1\",\n    \"client\": \"192.168.88.10\",\n"
             "    \"client_port\": 80,\n    \"state\": \"open\",\n    \"stale\": false,\n"
             "    \"owner\": \"palinode-igd\",\n    \"seconds\": 185,\n"
-            "    \"connections\": 2\n  }\n]\n");
+            "    \"connections\": 2,\n    \"connections_so_far\": 17\n  }\n]\n");
+  router.lastPort().fields().erase(lumen::nat::key::uses);
+  EXPECT_TRUE(router.lumenctl({"nat", "list", "--json"})
+                  .out.ends_with(",\n    \"connections_so_far\": null\n  }\n]\n"));
 }
 
 TEST_F(Listing, SaysThatNoPortIsOpen) {

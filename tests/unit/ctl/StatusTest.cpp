@@ -43,8 +43,9 @@ TEST_F(Status, ShowsTheRouterOnOneScreen) {
       "br-lan     internal  running  192.168.88.1\n"
       "wan0       external  running  45.45.45.1\n"
       "\n"
-      "PORT      ON ADDRESS  TO                STATE  SINCE      CONNECTIONS  BY\n"
-      "8080/tcp  45.45.45.1  192.168.88.10:80  open   3 min 5 s            2  palinode-igd\n");
+      "PORT      ON ADDRESS  TO                STATE  OPEN FOR   CONNECTIONS  SO FAR  OPENED BY\n"
+      "8080/tcp  45.45.45.1  192.168.88.10:80  open   3 min 5 s            2      17  "
+      "palinode-igd\n");
 }
 
 TEST_F(Status, ShowsTheRouterInJson) {
@@ -60,7 +61,7 @@ TEST_F(Status, ShowsTheRouterInJson) {
             "      \"address\": \"45.45.45.1\",\n      \"client\": \"192.168.88.10\",\n"
             "      \"client_port\": 80,\n      \"state\": \"open\",\n      \"stale\": false,\n"
             "      \"owner\": \"palinode-igd\",\n      \"seconds\": 185,\n"
-            "      \"connections\": 2\n    }\n  ]\n}\n");
+            "      \"connections\": 2,\n      \"connections_so_far\": 17\n    }\n  ]\n}\n");
 }
 
 TEST_F(Status, NeverWakesAGatewayThatDoesNotRun) {

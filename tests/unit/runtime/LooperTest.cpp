@@ -320,7 +320,30 @@ TEST(LooperAlone, IsTheProcessesLooper) {
   EXPECT_EQ(&getRunner(), &looper.runtime().loop());
 }
 
+TEST(Registration, MayTakeSixSeconds) {
+  TestPlatform platform;
+  platform.delay({0}, 0x10, 5999);
+  const uint64_t start = platform.clock().now();
+  Looper looper(platform.makeRuntime());
+  Service service;
+  looper.addHandler(0, service);
+  EXPECT_EQ(platform.clock().now() - start, 5999U);
+}
+
 using RegistrationDeathTest = testing::Test;
+
+TEST(RegistrationDeathTest, EndsTheProgramWhenItIsNotAnsweredInTime) {
+  EXPECT_EXIT(
+      {
+        TestPlatform platform;
+        platform.delay({0}, 0x10, 6001);
+        Looper looper(platform.makeRuntime());
+        Service service;
+        std::cout.rdbuf(std::cerr.rdbuf());
+        looper.addHandler(0, service);
+      },
+      testing::ExitedWithCode(1), "platform: service 40: no answer in time");
+}
 
 TEST(RegistrationDeathTest, EndsTheProgramWhenItIsRefused) {
   EXPECT_EXIT(

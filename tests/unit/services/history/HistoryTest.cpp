@@ -81,16 +81,6 @@ TEST_F(HistoryTest, KeepsWhatWasChangedByWhomAndWhen) {
   EXPECT_EQ(entry.get_message(key::undo), changed("").get_message(key::undo));
 }
 
-TEST_F(HistoryTest, TakesAChangeWithoutAHandlerForOneOfTheFirst) {
-  lm::message request = changed("one");
-  request.insert_u32_array(lm::key::source, {40});
-  add(request);
-  request = {};
-  request.insert_u32(lm::key::objectId, 1);
-  const lm::message entry = history->handle(administrator(), lm::cmd::readObject, request);
-  EXPECT_EQ(entry.get_u32_array_ref(key::path), (std::vector<uint32_t>{40, 0}));
-}
-
 TEST_F(HistoryTest, ListsTheOldestFirst) {
   add(changed("one"));
   add(changed("two"));

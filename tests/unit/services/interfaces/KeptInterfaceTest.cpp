@@ -164,26 +164,6 @@ TEST_F(KeptInterface, IsOneOfAtMost256) {
   EXPECT_EQ(idOf("n256"), 256U);
 }
 
-TEST_F(KeptInterface, IsLeftOutOfTheStartWhenItsRecordIsWrong) {
-  lm::message all;
-  all.insert_message_array(lm::key::records,
-                           {
-                               kept("wan0", 7, 1), kept("a/b", 1, 1),          // no name
-                               kept("wan1", 0, 1),                             // no id
-                               kept("wan2", lm::none, 1), kept("wan3", 3, 0),  // no role
-                               kept("wan4", 4, 3),                             // no such role
-                               kept("wan5", 7, 1),                             // another's id
-                               kept("wan0", 8, 1),                             // there already
-                           });
-  storeHolds(0, all);
-  testing::internal::CaptureStdout();
-  starts();
-  std::string said;
-  for (int i = 0; i < 7; ++i) said += "interfaces: a stored name is wrong and left out\n";
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), said);
-  EXPECT_EQ(lists(), Lines{record(7, 0, "wan0", "disabled=1 running=0", 0)});
-}
-
 TEST_F(KeptInterface, ChangesNothingWhenItCannotBeStored) {
   kernel.appears("wan0");
   starts();

@@ -94,6 +94,18 @@ TEST_F(NatKernelTest, KeepsTheCounterOverAChange) {
             std::string::npos);
 }
 
+TEST_F(NatKernelTest, TellsHowOftenAPortWasUsed) {
+  opensTable();
+  const RuleKey udp{.external = key.external, .protocol = 17};
+  ASSERT_EQ(map->add(udp, client), std::nullopt);
+  ASSERT_TRUE(nftables
+                  ->run("add element ip lumen forwards { 45.45.45.1 . tcp . 8080 counter packets 7 "
+                        "bytes 900 : 192.168.88.10 . 80 }")
+                  .done);
+  EXPECT_EQ(map->uses(), (std::map<RuleKey, uint64_t>{{key, 7}, {udp, 0}}));
+  EXPECT_EQ(map->uses(key), 7U);
+}
+
 TEST_F(NatKernelTest, KeepsTheTableFromEverybodyElse) {
   opensTable();
   EXPECT_EQ(map->add(key, client), std::nullopt);

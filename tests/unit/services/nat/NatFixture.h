@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -145,7 +146,17 @@ class NatFixture : public ::testing::Test {
     return request;
   }
 
-  std::vector<std::string> kernelTexts() { return nftables.takeTexts(); }
+  /// What the kernel was told since the last call, less what only counts.
+  std::vector<std::string> kernelTexts() {
+    std::vector<std::string> texts = nftables.takeTexts();
+    std::erase(texts, listMap);
+    return texts;
+  }
+  int listings() const {
+    return static_cast<int>(std::count(nftables.texts.begin(), nftables.texts.end(), listMap));
+  }
+
+  static constexpr const char* listMap = "list map ip lumen forwards";
 
   void passes(uint64_t milliseconds) {
     clock.advance(milliseconds);

@@ -1,3 +1,4 @@
+#include "lumen/runtime/Fields.h"
 #include "services/nat/NatFixture.h"
 #include "support/TestPlatform.h"
 
@@ -15,6 +16,12 @@ Flow flow(uint8_t protocol, uint16_t port) {
           .responder = at("192.168.88.10", 80)};
 }
 
+std::string mapWith(const std::string& elements) {
+  return "table ip lumen {\n\tmap forwards {\n\t\ttype ipv4_addr . inet_proto . inet_service : "
+         "ipv4_addr . inet_service\n\t\tcounter\n\t\telements = { " +
+         elements + " }\n\t}\n}\n";
+}
+
 TEST_F(NatListTest, ListsTheFieldsOfTheAddRequestThenTheOthers) {
   opens({});
   clock.advance(61'999);
@@ -26,6 +33,10 @@ TEST_F(NatListTest, ListsTheFieldsOfTheAddRequestThenTheOthers) {
   expected.insert_u64(0x10010022, 2);
   expected.insert_bool(0x10023, false);
   expected.insert_bool(0x10024, false);
+  expected.insert_u64(0x10010025, 17);
+  nftables.prints(listMap, mapWith("45.45.45.1 . udp . 8080 counter packets 5 bytes 300 : x,\n"
+                                   "\t\t\t     45.45.45.1 . tcp . 8080 counter packets 17 bytes "
+                                   "1020 : 192.168.88.10 . 80"));
   auto records = lists();
   ASSERT_EQ(records.size(), 1U);
   EXPECT_EQ(records[0], expected);
@@ -67,9 +78,11 @@ TEST_F(NatListTest, ListsInRisingOrderOfIdBy64AndCountsTheConnectionsOnce) {
   EXPECT_EQ(page.get_u32(lm::key::cursor, lm::none), lm::none);
   EXPECT_EQ(page.get_message_array_ref(lm::key::records)[1].get_u64(nat::key::connections), 1U);
   EXPECT_EQ(flows.visits, 1);
+  EXPECT_EQ(listings(), 1);
 
   EXPECT_EQ(lists().size(), 130U);
   EXPECT_EQ(flows.visits, 2) << "a new listing counts anew";
+  EXPECT_EQ(listings(), 2);
 }
 
 TEST_F(NatListTest, GivesNoReaderWhatAnotherCounted) {
@@ -94,9 +107,40 @@ TEST_F(NatListTest, ForgetsTheCountOfAReaderThatEnded) {
   EXPECT_EQ(flows.visits, 2);
 }
 
-TEST_F(NatListTest, ReadsNoFlowsForAnEmptyTable) {
+TEST_F(NatListTest, CountsNothingForAnEmptyTable) {
   EXPECT_TRUE(lists().empty());
   EXPECT_EQ(flows.visits, 0);
+  EXPECT_EQ(listings(), 0);
+}
+
+uint64_t usesOf(const lm::message& record) { return record.get_u64(nat::key::uses, 12345); }
+
+TEST_F(NatListTest, KnowsTheUsesOfAPortThatWasTakenOutOfTheKernel) {
+  uint32_t id = opens({});
+  const char* get = "get element ip lumen forwards { 45.45.45.1 . tcp . 8080 }";
+  nftables.prints(get, "elements = { 45.45.45.1 . tcp . 8080 counter packets 3 bytes 180 : x }");
+  EXPECT_EQ(sets(setRequest(id, "192.168.88.10", 80, true)), "");
+  EXPECT_EQ(usesOf(lists()[0]), 3U);
+  EXPECT_EQ(sets(setRequest(id, "192.168.88.10", 80)), "");
+  nftables.prints(listMap, mapWith("45.45.45.1 . tcp . 8080 counter packets 4 bytes 240 : x"));
+  EXPECT_EQ(usesOf(lists()[0]), 7U);
+  nftables.prints(get, "elements = { 45.45.45.1 . tcp . 8080 counter packets 4 bytes 240 : x }");
+  EXPECT_EQ(closes(id), "");
+  nftables.prints(listMap, mapWith(""));
+  EXPECT_EQ(usesOf(lists()[0]), 7U);
+}
+
+TEST_F(NatListTest, LeavesOutUsesThatTheKernelDoesNotTell) {
+  opens({});
+  opens({.port = 8081, .disabled = true});
+  nftables.refuses(listMap, "Error: Too many open files\n");
+  ::testing::internal::CaptureStdout();
+  auto records = lists();
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(),
+            "nat uses failed: Error: Too many open files\n");
+  ASSERT_EQ(records.size(), 2U);
+  EXPECT_EQ(records[0].fields().find(nat::key::uses), nullptr);
+  EXPECT_EQ(usesOf(records[1]), 0U) << "it never was in the kernel";
 }
 
 TEST_F(NatListTest, TakesACursorThatNobodyGaveOut) {

@@ -85,6 +85,29 @@ TEST_F(NatMapTest, WritesAddressesAndPortsAsNumbers) {
                                   "{ 1.2.3.255 . udp . 65535 : 10.20.30.40 . 1 }"});
 }
 
+TEST_F(NatMapTest, ReadsHowOftenEachPortWasUsed) {
+  const char* list = "list map ip lumen forwards";
+  const RuleKey tcp{.external = {.address = inet_addr("45.45.45.1"), .port = 80}, .protocol = 6};
+  const RuleKey udp{.external = {.address = inet_addr("1.2.3.4"), .port = 65535}, .protocol = 17};
+  using Uses = std::map<RuleKey, uint64_t>;
+  EXPECT_EQ(map.uses(), Uses{});
+  nftables.prints(list,
+                  "table ip lumen {\n\tmap forwards {\n\t\tcounter\n\t\telements = { 45.45.45.1 . "
+                  "tcp . 80 counter packets 18446744073709551615 bytes 1 : 192.168.88.10 . 80,\n"
+                  "\t\t\t     1.2.3.4 . udp . 65535 counter packets 0 bytes 0 : 10.0.0.1 . 1 }\n");
+  EXPECT_EQ(map.uses(), (Uses{{tcp, UINT64_MAX}, {udp, 0}}));
+}
+
+TEST_F(NatMapTest, PassesOverElementsThatItDidNotMake) {
+  for (const char* element :
+       {"45.45.45.256 . tcp . 80", "45.45.45.1 . sctp . 80", "45.45.45.1 . tcp . 65536",
+        "45.45.45.1 . tcp . http", "45.45.45.1 . tcp", "45.45.45.1", "", "a . b . c . d"}) {
+    nftables.prints("list map ip lumen forwards",
+                    std::string("{ ") + element + " counter packets 1 bytes 2 : 10.0.0.1 . 1 }");
+    EXPECT_EQ(map.uses()->size(), 0U) << element;
+  }
+}
+
 TEST_F(NatMapTest, AsksTheKernelForNothingWhenThereIsNothingToRemove) {
   EXPECT_EQ(map.remove({}), std::nullopt);
   EXPECT_EQ(nftables.texts, Texts{});

@@ -390,6 +390,67 @@ TEST_F(SupervisorTest, ListsWhatItRuns) {
   EXPECT_EQ(busy.get_u64(servicekey::nextStart), 0U);
 }
 
+TEST_F(SupervisorTest, TellsInOneWordWhatAServiceDoes) {
+  EXPECT_EQ(state(gateway), "stopped");
+  supervisor.boot();
+  EXPECT_EQ(state(gateway), "starting");
+  supervisor.registered(gateway);
+  EXPECT_EQ(state(gateway), "running");
+  supervisor.unregistered(gateway);
+  EXPECT_EQ(state(gateway), "leaving");
+  crash();
+  EXPECT_EQ(state(gateway), "waiting");
+  processes.holders[gatewayLock] = 77;
+  pass(1000);
+  EXPECT_EQ(state(gateway), "starting") << "once the earlier process has gone";
+}
+
+TEST_F(SupervisorTest, SaysInTheLogWhatBecomesOfAService) {
+  testing::internal::CaptureStdout();
+  supervisor.boot();
+  crash();
+  pass(1000);
+  processes.exit(processes.last(), 3);
+  EXPECT_TRUE(supervisor.need(gateway, true));
+  supervisor.registered(gateway);
+  supervisor.lost(gateway);
+  EXPECT_TRUE(supervisor.need(gateway, true));
+  crash();
+  supervisor.registered(gateway);
+  supervisor.unregistered(gateway);
+  processes.exit(processes.last(), 0);
+  processes.failToStart = true;
+  EXPECT_FALSE(supervisor.need(gateway, false));
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "upnp: started, process 1000\n"
+            "upnp: ended by signal 11, starts again in 1 s\n"
+            "upnp: started, process 1001\n"
+            "upnp: ended with exit status 3, starts again in 2 s\n"
+            "upnp: started, process 1002\n"
+            "upnp: ended by signal 11, starts again at once\n"
+            "upnp: started, process 1003\n"
+            "upnp: ended, not needed now\n"
+            "upnp: cannot be started, starts again in 8 s\n");
+}
+
+TEST_F(SupervisorTest, SaysInTheLogWhomItWaitsForAndWhomItKills) {
+  testing::internal::CaptureStdout();
+  processes.holders[gatewayLock] = 77;
+  supervisor.boot();
+  pass(10'000);
+  processes.holders.clear();
+  pass(100);
+  supervisor.shutDown();
+  pass(5'000);
+  processes.dieBySignal(processes.last(), SIGKILL);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "upnp: waits for the process that an earlier lumend has left\n"
+            "upnp: kills the process that an earlier lumend has left\n"
+            "upnp: started, process 1000\n"
+            "upnp: is killed, since it does not end\n"
+            "upnp: ended by signal 9\n");
+}
+
 TEST_F(SupervisorTest, KnowsItsServicesByNumberAndByUser) {
   EXPECT_TRUE(supervisor.isDefined(gateway));
   EXPECT_FALSE(supervisor.isDefined(66));

@@ -214,15 +214,6 @@ TEST_F(LinuxProcessesTest, DoesNotRunASecondProcessUnderOneLock) {
   EXPECT_TRUE(hasEnded());
 }
 
-TEST_F(LinuxProcessesTest, StartsNothingWithoutALock) {
-  Program unlocked = program(SERVICE_PROBE);
-  unlocked.lockFile = folder_ + "/nowhere/service.lock";
-  testing::internal::CaptureStdout();
-  EXPECT_FALSE(processes.start(unlocked));
-  EXPECT_EQ(testing::internal::GetCapturedStdout(),
-            unlocked.lockFile + ": No such file or directory\n");
-}
-
 TEST_F(LinuxProcessesTest, RunsAnExecutableThatTheUserCannotReach) {
   const std::string hidden = folder_ + "/hidden";
   std::filesystem::create_directory(hidden);

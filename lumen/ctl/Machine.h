@@ -1,0 +1,26 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+namespace lumenctl {
+
+/// The machine that lumenctl runs on, as far as it looks at it itself instead of asking the
+/// platform: in the network namespace that it was started in, with the rights of whoever started
+/// it.
+class Machine {
+ public:
+  virtual ~Machine() = default;
+
+  /// The text of a file. None, with errno, when it cannot be read.
+  [[nodiscard]] virtual std::optional<std::string> read(const std::string& path) = 0;
+  /// Whether the link is an Ethernet bridge.
+  [[nodiscard]] virtual bool isBridge(const std::string& link) = 0;
+
+  /// Whether somebody sits at a terminal and can be asked.
+  [[nodiscard]] virtual bool hasTerminal() = 0;
+  /// Waits for the next line that is typed there; none at the end of the input.
+  [[nodiscard]] virtual std::optional<std::string> typedLine() = 0;
+};
+
+}  // namespace lumenctl

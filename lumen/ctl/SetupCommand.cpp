@@ -1,0 +1,124 @@
+#include <CLI/App.hpp>
+#include <algorithm>
+#include <memory>
+#include <optional>
+#include <ostream>
+
+#include "lumen/ctl/Arguments.h"
+#include "lumen/ctl/Commands.h"
+#include "lumen/ctl/Errors.h"
+#include "lumen/ctl/Help.h"
+#include "lumen/ctl/Machine.h"
+#include "lumen/ctl/SetupProposal.h"
+#include "lumen/ctl/Table.h"
+#include "lumen/ctl/Text.h"
+#include "lumen/ctl/UpnpSetup.h"
+
+namespace lumenctl {
+
+namespace {
+
+constexpr uint32_t ethernetType = 1;  // ARPHRD_ETHER
+
+struct Arguments {
+  std::vector<std::string> internal;  ///< empty: to be proposed
+  std::string external;               ///< the same
+  bool yes = false;                   ///< do not ask
+};
+
+std::vector<Candidate> readCandidates(Session& session, const std::vector<Interface>& interfaces) {
+  const std::vector<Address> addresses = session.router().addresses();
+  std::vector<Candidate> candidates;
+  for (const Interface& interface : interfaces) {
+    Candidate candidate;
+    candidate.name = interface.name;
+    candidate.ethernet = interface.hardwareType == ethernetType;
+    candidate.bridge = session.machine().isBridge(interface.name);
+    for (const Address& address : addresses) {
+      if (address.interfaceId == interface.id) candidate.addresses.push_back(address.address);
+    }
+    candidates.push_back(std::move(candidate));
+  }
+  return candidates;
+}
+
+/// What would set the router up like that without a question.
+std::string commandLine(const Session& session, const Proposal& proposal) {
+  std::string line = "lumenctl";
+  if (!session.root.empty()) line += " --root " + session.root;
+  line += " upnp setup --internal";
+  for (const std::string& name : proposal.internalNames()) line += " " + name;
+  return line + " --external " + proposal.external.name;
+}
+
+void show(Session& session, const Proposal& proposal, const std::vector<Interface>& interfaces) {
+  std::ostream& out = session.out();
+  out << "As this router's routes and addresses look:\n\n";
+  Table table({"INTERFACE", "ROLE", "WHY"});
+  std::vector<std::string> named = {proposal.external.name};
+  for (const Proposal::Part& part : proposal.internal) {
+    table.add({part.name, roleName(Role::internal), part.reason});
+    named.push_back(part.name);
+  }
+  table.add({proposal.external.name, roleName(Role::external), proposal.external.reason});
+  for (const Interface& interface : interfaces) {
+    if (interface.role == Role::none) continue;
+    if (std::find(named.begin(), named.end(), interface.name) != named.end()) continue;
+    table.add({interface.name, "none", roleName(interface.role) + " so far"});
+  }
+  table.print(out);
+  out << '\n';
+}
+
+bool agrees(Session& session) {
+  session.out() << "Set the gateway up like that? [y/N] " << std::flush;
+  const std::optional<std::string> answer = session.machine().typedLine();
+  if (!answer) session.out() << '\n';
+  return answer == "y" || answer == "Y" || answer == "yes";
+}
+
+/// Puts what is proposed for the missing roles into `arguments`; throws Refused when it is not
+/// wanted or nobody can be asked.
+void complete(Session& session, Arguments& arguments) {
+  const std::vector<Interface> interfaces = session.router().interfaces();
+  const std::string routes = session.machine().read(routeTablePath).value_or("");
+  const Proposal proposal = proposeRoles(readCandidates(session, interfaces), defaultRoutes(routes),
+                                         arguments.internal, arguments.external);
+  if (!proposal.refusal.empty()) throw Refused(proposal.refusal);
+  if (!arguments.yes && (session.json || !session.machine().hasTerminal())) {
+    throw Refused(
+        std::string("roles are missing, and ") +
+        (session.json ? "with --json" : "without a terminal") +
+        " nobody can be asked. What would be proposed: " + commandLine(session, proposal));
+  }
+  if (!session.json) show(session, proposal, interfaces);
+  if (!arguments.yes && !agrees(session)) throw Refused("nothing was changed");
+  arguments.internal = proposal.internalNames();
+  arguments.external = proposal.external.name;
+}
+
+}  // namespace
+
+void addSetupCommand(CLI::App& upnp, Session& session) {
+  auto arguments = std::make_shared<Arguments>();
+  CLI::App* setup = upnp.add_subcommand(
+      "setup", "make this router an Internet gateway; what is not said is proposed first");
+  addExamples(*setup, {{"upnp setup", "propose the roles, ask, and do it"},
+                       {"upnp setup --internal br-lan --external wan0", "one network at home"},
+                       {"upnp setup --internal br-lan br-guest --external ppp0", "two of them"},
+                       {"upnp setup --external ppp0 --yes", "the rest as it would be proposed"}});
+  setup->add_option("--internal", arguments->internal, "interfaces towards the hosts at home")
+      ->check(interfaceName())
+      ->type_name("IF...");
+  setup->add_option("--external", arguments->external, "interface towards the Internet")
+      ->check(interfaceName())
+      ->type_name("IF");
+  setup->add_flag("--yes", arguments->yes, "take what is proposed, without a question");
+  setup->callback([&session, arguments] {
+    session.changes = true;
+    if (arguments->internal.empty() || arguments->external.empty()) complete(session, *arguments);
+    setUpGateway(session, arguments->internal, arguments->external);
+  });
+}
+
+}  // namespace lumenctl

@@ -1,0 +1,86 @@
+"""lumenctl upnp setup, which is not told the roles of the interfaces."""
+
+import unittest
+
+from support.administrator import run_at_terminal, run_inside
+from support.network import LAN_ADDRESS, WAN_HOST
+from support.router_case import RouterCase
+
+PROPOSAL = f"""As this router's routes and addresses look:
+
+INTERFACE  ROLE      WHY
+br-lan     internal  bridge, private network ({LAN_ADDRESS})
+wan0       external  the default route leaves by it
+
+"""
+QUESTION = "Set the gateway up like that? [y/N] "
+DONE = """br-lan: kept as internal
+wan0: kept as external
+br-lan: used by the gateway as internal
+wan0: used by the gateway as external
+gateway: switched on
+The gateway is set up. See it work: lumenctl status
+"""
+
+
+class SetupTest(RouterCase):
+    SET_UP = False
+
+    def setUp(self):
+        super().setUp()
+        self.network.router.ip("route", "add", "default", "via", WAN_HOST)
+
+    def at_terminal(self, answer, *arguments):
+        return run_at_terminal(self.router, "upnp", "setup", *arguments, question=QUESTION,
+                               answer=answer)
+
+    def assert_not_set_up(self):
+        self.assertEqual(self.router.status()["interfaces"], [])
+
+    def test_somebody_at_a_terminal_agrees(self):
+        self.assertEqual(self.at_terminal("y\n"), (0, f"{PROPOSAL}{QUESTION}y\n{DONE}"))
+        self.router.wait_until_controllable()
+        self.lan[0].open_port(8080, "TCP")
+
+    def test_somebody_at_a_terminal_does_not_agree(self):
+        for answer in ("n\n", "\n"):
+            with self.subTest(answer=answer):
+                self.assertEqual(
+                    self.at_terminal(answer),
+                    (1, f"{PROPOSAL}{QUESTION}{answer}lumenctl: nothing was changed\n"))
+        self.assert_not_set_up()
+
+    def test_the_input_ends_at_the_question(self):
+        self.assertEqual(self.at_terminal("\x04"),
+                         (1, f"{PROPOSAL}{QUESTION}\nlumenctl: nothing was changed\n"))
+        self.assert_not_set_up()
+
+    def test_nobody_is_asked_without_a_terminal(self):
+        line = (f"lumenctl --root {self.router.root} upnp setup --internal br-lan --external wan0")
+        self.assertEqual(
+            run_inside(self.router, "upnp", "setup"),
+            (1, "", "lumenctl: roles are missing, and without a terminal nobody can be asked. "
+                    f"What would be proposed: {line}\n"))
+        self.assert_not_set_up()
+        self.assertEqual(run_inside(self.router, *line.split()[3:]), (0, DONE, ""))
+
+    def test_a_command_that_says_yes_is_asked_nothing(self):
+        self.assertEqual(run_inside(self.router, "upnp", "setup", "--yes"),
+                         (0, PROPOSAL + DONE, ""))
+
+    def test_the_rest_of_what_was_said_is_proposed(self):
+        status, shown = self.at_terminal("y\n", "--internal", "lan0")
+        self.assertEqual(status, 0)
+        self.assertIn("lan0       internal  you said so\n"
+                      "wan0       external  the default route leaves by it\n", shown)
+
+    def test_it_says_why_it_proposes_nothing(self):
+        self.network.router.ip("route", "delete", "default")
+        self.assertEqual(
+            run_inside(self.router, "upnp", "setup", "--yes"),
+            (1, "", "lumenctl: no interface looks like the external one: there is no default "
+                    "route. Say which one it is: --external IF\n"))
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <cerrno>
+#include <deque>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+
+#include "lumen/ctl/Machine.h"
+
+namespace lumenctl {
+
+/// A machine with the files that a test writes, and nobody at a terminal until something is typed.
+struct FakeMachine : Machine {
+  std::optional<std::string> read(const std::string& path) override {
+    const auto it = files.find(path);
+    if (it != files.end()) return it->second;
+    errno = ENOENT;
+    return std::nullopt;
+  }
+  bool isBridge(const std::string& link) override { return bridges.count(link) != 0; }
+  bool hasTerminal() override { return terminal; }
+  std::optional<std::string> typedLine() override {
+    if (typed.empty()) return std::nullopt;
+    std::string line = typed.front();
+    typed.pop_front();
+    return line;
+  }
+
+  /// Somebody sits at a terminal and will type that.
+  void somebodyTypes(const std::string& line) {
+    terminal = true;
+    typed.push_back(line);
+  }
+
+  std::map<std::string, std::string> files;
+  std::set<std::string> bridges;
+  bool terminal = false;
+  std::deque<std::string> typed;
+};
+
+}  // namespace lumenctl
