@@ -323,6 +323,18 @@ TEST_F(Monitoring, ShowsOnlyTheTransportOfWhatIsTooDeep) {
   }
 }
 
+TEST_F(Monitoring, TakesAnArrayOfMessagesForALevel) {
+  for (const int levels : {lm::maxNesting - 1, lm::maxNesting}) {
+    Program service = connect(gatewayUser);
+    lm::message deep;
+    deep.insert_message_array(1, {fields("flat"), nested(levels - 1)});
+    service.notify(lm::cmd::changed, 2, deep);
+    settle();
+    ASSERT_TRUE(isShown());
+    EXPECT_EQ(cut, levels == lm::maxNesting);
+  }
+}
+
 TEST_F(Monitoring, ShowsNothingOfWhatHasTooLongATransport) {
   Program service = connect(gatewayUser);
   lm::message longest;
