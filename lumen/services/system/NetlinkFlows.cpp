@@ -116,7 +116,7 @@ class Dump {
 
   /// `flags` SOCK_NONBLOCK or 0. A dump that cannot start has failed.
   Dump(const Request& request, int flags)
-      : socket_(openSocket(flags)), buffer_(replySize / sizeof(nlmsghdr) + 1) {
+      : socket_(openSocket(flags)), buffer_(replySize / sizeof(nlmsghdr)) {
     if (!socket_) return;
     if (!request.sendOn(socket_.get())) {
       lm::logLine("conntrack dump: ", std::strerror(errno));
