@@ -22,15 +22,15 @@ void list(Session& session) {
     const std::string& name = names[address.interfaceId];
     result.push_back(
         {{"address", dotted(address.address)}, {"interface", name}, {"in_use", !address.disabled}});
-    table.add(
-        {dotted(address.address), name, address.disabled ? "interface not running" : "in use"});
+    table.add({dotted(address.address), name,
+               Table::state(address.disabled ? "interface not running" : "in use")});
   }
   if (session.json) {
     session.print(result);
   } else if (table.empty()) {
     session.out() << "The router has no address.\n";
   } else {
-    table.print(session.out());
+    session.print(table);
   }
 }
 

@@ -35,7 +35,7 @@ void show(Session& session) {
   } else if (table.empty()) {
     session.out() << "Nothing was changed.\n";
   } else {
-    table.print(session.out());
+    session.print(table);
   }
 }
 

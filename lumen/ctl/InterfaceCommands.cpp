@@ -28,13 +28,13 @@ void list(Session& session) {
                       {"bytes_sent", counters.bytesSent},
                       {"packets_received", counters.packetsReceived},
                       {"packets_sent", counters.packetsSent}});
-    table.add({interface.name, roleName(interface.role), interface.state(), joined(own),
-               amount(counters.bytesReceived), amount(counters.bytesSent)});
+    table.add({interface.name, roleName(interface.role), Table::state(interface.state()),
+               joined(own), amount(counters.bytesReceived), amount(counters.bytesSent)});
   }
   if (session.json) {
     session.print(result);
   } else {
-    table.print(session.out());
+    session.print(table);
   }
 }
 

@@ -10,9 +10,11 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <iostream>
 
+#include "lumen/ctl/Colours.h"
 #include "platform/Fd.h"
 
 namespace lumenctl {
@@ -43,6 +45,10 @@ bool LinuxMachine::isBridge(const std::string& link) {
 }
 
 bool LinuxMachine::hasTerminal() { return isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0; }
+
+bool LinuxMachine::showsColours() {
+  return wantsColours(isatty(STDOUT_FILENO) != 0, std::getenv("NO_COLOR"), std::getenv("TERM"));
+}
 
 std::optional<std::string> LinuxMachine::typedLine() {
   std::string line;

@@ -13,6 +13,7 @@ class LinuxMachine : public Machine {
   [[nodiscard]] std::optional<std::string> read(const std::string& path) override;
   [[nodiscard]] bool isBridge(const std::string& link) override;
   [[nodiscard]] bool hasTerminal() override;
+  [[nodiscard]] bool showsColours() override;
   [[nodiscard]] std::optional<std::string> typedLine() override;
 };
 

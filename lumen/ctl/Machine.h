@@ -19,6 +19,8 @@ class Machine {
 
   /// Whether somebody sits at a terminal and can be asked.
   [[nodiscard]] virtual bool hasTerminal() = 0;
+  /// Whether what is printed may have colours.
+  [[nodiscard]] virtual bool showsColours() = 0;
   /// Waits for the next line that is typed there; none at the end of the input.
   [[nodiscard]] virtual std::optional<std::string> typedLine() = 0;
 };

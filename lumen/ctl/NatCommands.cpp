@@ -22,7 +22,7 @@ void list(Session& session) {
   } else if (rules.empty()) {
     session.out() << "No port is open.\n";
   } else {
-    portsAsTable(rules).print(session.out());
+    session.print(portsAsTable(rules));
   }
 }
 
@@ -84,7 +84,7 @@ void showPolicy(Session& session) {
   for (const Limit& limit : policyTable) {
     table.add({limit.name, limit.text(policy), limit.meaning});
   }
-  table.print(session.out());
+  session.print(table);
 }
 
 void setPolicy(Session& session, const std::vector<std::string>& texts) {

@@ -44,9 +44,10 @@ Table portsAsTable(std::vector<NatRule> rules) {
   for (const NatRule& rule : rules) {
     table.add({std::to_string(rule.externalPort) + "/" + rule.protocolName(),
                dotted(rule.externalAddress),
-               dotted(rule.internalClient) + ":" + std::to_string(rule.internalPort), rule.state(),
-               duration(rule.secondsOpen), std::to_string(rule.connections),
-               rule.uses ? std::to_string(*rule.uses) : "?", rule.owner});
+               dotted(rule.internalClient) + ":" + std::to_string(rule.internalPort),
+               Table::state(rule.state()), duration(rule.secondsOpen),
+               std::to_string(rule.connections), rule.uses ? std::to_string(*rule.uses) : "?",
+               rule.owner});
   }
   return table;
 }

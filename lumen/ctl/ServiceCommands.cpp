@@ -20,7 +20,7 @@ void list(Session& session) {
                       {"process", service.pid},
                       {"restarts", service.restarts},
                       {"starts_in_ms", service.nextStart}});
-    table.add({std::to_string(service.number), service.name, service.state,
+    table.add({std::to_string(service.number), service.name, Table::state(service.state),
                service.pid == 0 ? "" : std::to_string(service.pid),
                std::to_string(service.restarts),
                service.nextStart == 0 ? "" : "in " + duration((service.nextStart + 999) / 1000)});
@@ -30,7 +30,7 @@ void list(Session& session) {
   } else if (table.empty()) {
     session.out() << "No service is installed.\n";
   } else {
-    table.print(session.out());
+    session.print(table);
   }
 }
 

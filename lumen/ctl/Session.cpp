@@ -21,6 +21,14 @@ void Session::done(const std::string& text) {
   }
 }
 
+void Session::print(const Table& table) {
+  for (const std::string& line : table.lines(machine_.showsColours())) out_ << line << '\n';
+}
+
+std::string Session::coloured(const std::string& text, Colour colour) {
+  return machine_.showsColours() ? lumenctl::coloured(text, colour) : text;
+}
+
 void Session::print(const Json& value) {
   out_ << value.dump(2, ' ', true, Json::error_handler_t::replace) << '\n';
 }

@@ -9,6 +9,7 @@
 #include "lumen/ctl/Client.h"
 #include "lumen/ctl/Machine.h"
 #include "lumen/ctl/Router.h"
+#include "lumen/ctl/Table.h"
 
 namespace lumenctl {
 
@@ -25,6 +26,10 @@ class Session {
 
   /// Says what has been changed: a line at once, or, for programs, kept until finish().
   void done(const std::string& text);
+  /// Prints a table, in colours where there are any.
+  void print(const Table& table);
+  /// `text` in its colour where there are any.
+  [[nodiscard]] std::string coloured(const std::string& text, Colour colour);
   /// Prints `value` as JSON that any terminal can show.
   void print(const Json& value);
   /// Prints `value` as JSON on a line of its own, at once.

@@ -66,7 +66,7 @@ void show(Session& session, const Proposal& proposal, const std::vector<Interfac
     if (std::find(named.begin(), named.end(), interface.name) != named.end()) continue;
     table.add({interface.name, "none", roleName(interface.role) + " so far"});
   }
-  table.print(out);
+  session.print(table);
   out << '\n';
 }
 

@@ -82,7 +82,7 @@ void show(Session& session) {
                               {"state", interface.state()},
                               {"addresses", own}});
     interfaces.add({interface.name, roleName(use.role) + (use.disabled ? ", not used" : ""),
-                    interface.state(), joined(own)});
+                    Table::state(interface.state()), joined(own)});
   }
 
   if (session.json) {
@@ -92,16 +92,16 @@ void show(Session& session) {
     return;
   }
   std::ostream& out = session.out();
-  out << "Gateway: " << gateway.state;
+  out << "Gateway: " << session.coloured(gateway.state, colourOfState(gateway.state));
   if (!gateway.detail.empty()) out << " (" << printable(gateway.detail) << ')';
   out << "\n\n";
   if (interfaces.empty()) {
     out << "No interface is set up: lumenctl upnp setup --internal IF --external IF\n";
   }
-  interfaces.print(out);
+  session.print(interfaces);
   out << '\n';
   if (rules.empty()) out << "No port is open.\n";
-  portsAsTable(rules).print(out);
+  session.print(portsAsTable(rules));
 }
 
 }  // namespace

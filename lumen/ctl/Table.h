@@ -1,8 +1,10 @@
 #pragma once
 
-#include <iosfwd>
+#include <cstddef>
 #include <string>
 #include <vector>
+
+#include "lumen/ctl/Colours.h"
 
 namespace lumenctl {
 
@@ -10,21 +12,32 @@ namespace lumenctl {
 /// need not think of it.
 class Table {
  public:
+  struct Cell {
+    Cell(std::string t, Colour c = Colour::none) : text(std::move(t)), colour(c) {}
+    Cell(const char* t) : text(t) {}
+
+    std::string text;
+    Colour colour = Colour::none;
+  };
+  /// A cell with the word for a state, in the colour that it means.
+  [[nodiscard]] static Cell state(const std::string& word) { return {word, colourOfState(word)}; }
+
   /// A heading that begins with '>' makes a column of numbers, set to the right.
   explicit Table(std::vector<std::string> headings);
 
   /// `cells` has as many cells as there are headings.
-  void add(std::vector<std::string> cells);
+  void add(std::vector<Cell> cells);
 
-  /// Prints every line behind `indent`, without blanks at its end. A table without rows prints
-  /// nothing.
-  void print(std::ostream& out, const std::string& indent = {}) const;
+  /// Its lines, without blanks at their end and cut to `width` columns. None when there are no
+  /// rows.
+  [[nodiscard]] std::vector<std::string> lines(bool colours,
+                                               size_t width = std::string::npos) const;
 
   [[nodiscard]] bool empty() const { return rows_.size() == 1; }
 
  private:
-  std::vector<bool> toTheRight_;                // by column
-  std::vector<std::vector<std::string>> rows_;  // the headings first
+  std::vector<bool> toTheRight_;         // by column
+  std::vector<std::vector<Cell>> rows_;  // the headings first
 };
 
 }  // namespace lumenctl

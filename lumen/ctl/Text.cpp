@@ -46,6 +46,9 @@ bool isPrintable(char32_t code) {
            within(0xE0000, 0xE0FFF));
 }
 
+/// Of valid UTF-8.
+bool beginsCharacter(char byte) { return (static_cast<unsigned char>(byte) & 0xC0U) != 0x80; }
+
 /// A moment in this machine's time zone, as strftime writes it.
 std::string formatted(uint64_t secondsSince1970, const char* format) {
   const auto seconds = static_cast<time_t>(secondsSince1970);
@@ -80,9 +83,13 @@ std::string printable(std::string_view text) {
 }
 
 size_t columns(std::string_view text) {
-  return static_cast<size_t>(std::count_if(text.begin(), text.end(), [](char c) {
-    return (static_cast<unsigned char>(c) & 0xC0U) != 0x80;
-  }));
+  return static_cast<size_t>(std::count_if(text.begin(), text.end(), beginsCharacter));
+}
+
+std::string cut(std::string_view text, size_t width) {
+  const auto* const end = std::find_if(
+      text.begin(), text.end(), [&width](char c) { return beginsCharacter(c) && width-- == 0; });
+  return {text.begin(), end};
 }
 
 std::string dotted(uint32_t address) {

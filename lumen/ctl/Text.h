@@ -17,6 +17,9 @@ namespace lumenctl {
 /// How many columns the UTF-8 text `text` takes, if no character is wider than one.
 [[nodiscard]] size_t columns(std::string_view text);
 
+/// As much of the beginning of `text` as takes at most `width` columns.
+[[nodiscard]] std::string cut(std::string_view text, size_t width);
+
 /// The dotted form of an IPv4 address in network byte order.
 [[nodiscard]] std::string dotted(uint32_t address);
 

@@ -48,7 +48,7 @@ void showSettings(Session& session) {
   for (const Setting& setting : settingTable) {
     table.add({setting.name, onOrOff(settings.*setting.value), setting.meaning});
   }
-  table.print(session.out());
+  session.print(table);
 }
 
 /// The record that the gateway stores is the request as it was received: every write has all three
@@ -87,14 +87,14 @@ void listInterfaces(Session& session) {
                       {"role", roleName(object.role)},
                       {"used", !object.disabled},
                       {"state", state}});
-    table.add({name, roleName(object.role), yesOrNo(!object.disabled), state});
+    table.add({name, roleName(object.role), yesOrNo(!object.disabled), Table::state(state)});
   }
   if (session.json) {
     session.print(result);
   } else if (table.empty()) {
     session.out() << "The gateway uses no interface.\n";
   } else {
-    table.print(session.out());
+    session.print(table);
   }
 }
 

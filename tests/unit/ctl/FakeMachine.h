@@ -21,6 +21,7 @@ struct FakeMachine : Machine {
   }
   bool isBridge(const std::string& link) override { return bridges.count(link) != 0; }
   bool hasTerminal() override { return terminal; }
+  bool showsColours() override { return colours; }
   std::optional<std::string> typedLine() override {
     if (typed.empty()) return std::nullopt;
     std::string line = typed.front();
@@ -37,6 +38,7 @@ struct FakeMachine : Machine {
   std::map<std::string, std::string> files;
   std::set<std::string> bridges;
   bool terminal = false;
+  bool colours = false;
   std::deque<std::string> typed;
 };
 

@@ -1,7 +1,6 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -98,22 +97,43 @@ TEST(Text, WritesAmountsInDecimalUnits) {
   EXPECT_EQ(amount(UINT64_MAX), "18.4 EB");
 }
 
-TEST(TableTest, AlignsColumnsByCharacters) {
-  Table table({"NAME", ">COUNT", "LAST"});
-  table.add({"Gerät", "7", "x"});
-  table.add({"a", "1000", ""});
-  std::ostringstream out;
-  table.print(out, "  ");
-  EXPECT_EQ(out.str(),
-            "  NAME   COUNT  LAST\n"
-            "  Gerät      7  x\n"
-            "  a       1000\n");
+using Lines = std::vector<std::string>;
+
+Table table() {
+  Table result({"NAME", ">COUNT", "STATE"});
+  result.add({"Gerät", "7", Table::state("running")});
+  result.add({"a", "1000", ""});
+  return result;
 }
 
-TEST(TableTest, PrintsNothingWithoutRows) {
-  std::ostringstream out;
-  Table({"NAME"}).print(out);
-  EXPECT_EQ(out.str(), "");
+TEST(TableTest, AlignsColumnsByCharacters) {
+  EXPECT_EQ(table().lines(false), (Lines{"NAME   COUNT  STATE",    //
+                                         "Gerät      7  running",  //
+                                         "a       1000"}));
+}
+
+TEST(TableTest, ColoursHeadingsAndStates) {
+  EXPECT_EQ(table().lines(true),
+            (Lines{"\x1b[1mNAME\x1b[0m   \x1b[1mCOUNT\x1b[0m  \x1b[1mSTATE\x1b[0m",
+                   "Gerät      7  \x1b[32mrunning\x1b[0m",  //
+                   "a       1000"}));
+}
+
+TEST(TableTest, CutsItsLines) {
+  EXPECT_EQ(table().lines(false, 12), (Lines{"NAME   COUNT", "Gerät      7", "a       1000"}));
+  EXPECT_EQ(table().lines(false, 16),
+            (Lines{"NAME   COUNT  ST", "Gerät      7  ru", "a       1000"}));
+  EXPECT_EQ(table().lines(true, 4), (Lines{"\x1b[1mNAME\x1b[0m", "Gerä", "a"}));
+  EXPECT_EQ(table().lines(false, 0), (Lines{"", "", ""}));
+}
+
+TEST(TableTest, PrintsNothingWithoutRows) { EXPECT_EQ(Table({"NAME"}).lines(false), Lines{}); }
+
+TEST(Text, CutsByCharacters) {
+  EXPECT_EQ(cut("Gerät", 4), "Gerä");
+  EXPECT_EQ(cut("Gerät", 5), "Gerät");
+  EXPECT_EQ(cut("Gerät", 80), "Gerät");
+  EXPECT_EQ(cut("Gerät", 0), "");
 }
 
 }  // namespace
