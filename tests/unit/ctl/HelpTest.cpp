@@ -54,6 +54,13 @@ struct Help : testing::Test {
 
 TEST_F(Help, KnowsEveryCommand) { EXPECT_GT(helps.size(), 25U); }
 
+TEST_F(Help, SaysWhatAnArgumentTakesAndWhetherItIsNeeded) {
+  const std::string add = router.lumenctl({"upnp", "interface", "add", "--help"}).out;
+  EXPECT_NE(add.find("\n  interface IF "), std::string::npos) << add;
+  EXPECT_NE(add.find("\n  --role ROLE (needed) "), std::string::npos) << add;
+  EXPECT_NE(add.find("\n  --disable "), std::string::npos) << add;
+}
+
 TEST_F(Help, GivesExamplesOfEveryCommand) {
   for (const std::string& help : helps) {
     EXPECT_FALSE(part(help, "Examples:").empty()) << help;

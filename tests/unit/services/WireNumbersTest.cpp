@@ -92,6 +92,7 @@ TEST(WireNumbers, OfAPort) {
   EXPECT_EQ(nat::key::owner, 0x20010020U);
   EXPECT_EQ(nat::key::seconds, 0x10010021U);
   EXPECT_EQ(nat::key::connections, 0x10010022U);
+  EXPECT_EQ(nat::key::uses, 0x10010025U);
   EXPECT_EQ(nat::key::stale, 0x00010023U);
   EXPECT_EQ(nat::key::closed, 0x00010024U);
   EXPECT_EQ(nat::actionDnat, 22U);
@@ -103,6 +104,7 @@ TEST(WireNumbers, OfThePolicy) {
   EXPECT_EQ(nat::key::maxRules, 0x08010032U);
   EXPECT_EQ(nat::key::maxRulesPerClient, 0x08010033U);
   EXPECT_EQ(nat::key::reset, 0x00010034U);
+  EXPECT_EQ(nat::key::reload, 0x00010035U);
 }
 
 TEST(WireNumbers, OfAChange) {
