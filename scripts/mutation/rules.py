@@ -40,12 +40,14 @@ KEYWORDS = {
 CONTROL = {"if", "for", "while", "switch"}
 
 # What no behaviour depends on is spared: the words of lumen's log and of lumenctl's help, room that
-# is reserved, and the order of fields in a message, of elements of different containers and of the
-# set-up of commands.
+# is reserved, the zero that a member begins with (a constructor writes over it), and the order of
+# fields in a message, of elements of different containers and of the set-up of commands.
 LOG_CALLS = {"logLine", "fatal", "log"}
-HELP_CALLS = {"add_option", "add_flag", "add_subcommand", "command", "type_name", "footer"}
-UNORDERED = re.compile(r"insert_\w+|callback|require_subcommand|set_version_flag"
-                       r"|add_(?:option|flag|subcommand)|add\w+Commands?")
+HELP_CALLS = {"add_option", "add_flag", "add_subcommand", "addExamples", "command", "type_name",
+              "footer"}
+MESSAGE_FIELD = re.compile(r"insert_\w+")
+COMMAND_SET_UP = re.compile(r"callback|fallthrough|require_subcommand|set_version_flag"
+                            r"|add[A-Z_]\w*")
 
 TOKEN = re.compile(r"""
     (?P<comment>//[^\n]*|/\*.*?\*/)
@@ -136,7 +138,34 @@ class Code:
     def call_around(self, at):
         """The name of the call whose arguments the token stands among, "" if of none."""
         around = self.inside[at]
+        while self.word(around) == "{" and around not in self.blocks:
+            around = self.inside[around]
         return self.word(around - 1) if around > 0 and self.word(around) == "(" else ""
+
+    def is_first_zero(self, at):
+        """Whether it is the zero that a member of a class begins with."""
+        if self.word(at) != "0" or self.inside[at] in self.blocks:
+            return False
+        if self.word(at - 1) != "=" or self.word(at + 1) != ";" or self.word(self.inside[at]) != "{":
+            return False
+        while self.word(at) not in (";", "{", "}", ""):
+            at -= 1
+            if self.word(at) in ("constexpr", "static"):
+                return False
+        return True
+
+    def first_call(self, begin):
+        """What the statement calls first, as written: "list.push_back"."""
+        end = next(at for at in range(begin, len(self.tokens)) if self.word(at) == "(")
+        return self.text[self.tokens[begin].start:self.tokens[end].start]
+
+    def is_unordered(self, one, other):
+        """Whether neighbouring statements that call these first go in any order."""
+        names = [re.split(r"\.|->", call)[-1] for call in (one, other)]
+        if names == ["push_back", "push_back"]:
+            return one != other
+        meant = [MESSAGE_FIELD] + [COMMAND_SET_UP] * self.path.startswith("lumen/ctl/")
+        return any(all(map(each.fullmatch, names)) for each in meant)
 
     def calls(self, begin, end):
         """The names of the calls from one place to another, nested ones left out."""
@@ -232,6 +261,8 @@ def token_mutants(code):
             after = changed_text(token.text)
             if after and not code.is_told(at) and before != "extern":
                 yield code.mutant("text", at, at, after)
+        elif code.is_first_zero(at):
+            continue
         elif token.kind == "number":
             match = INTEGER.fullmatch(token.text)
             pure = before == "=" and code.word(at - 2) in (")", "const", "override")
@@ -294,10 +325,7 @@ def statement_mutants(code):
         if code.word(begin - 1) == ")":
             continue  # only the first of them is conditional
         middle, last = end + 1, calls[end + 1]
-        one, other = code.calls(begin, end), code.calls(middle, last)
-        if UNORDERED.fullmatch(one[0]) and UNORDERED.fullmatch(other[0]):
-            continue
-        if one[0] == other[0] == "push_back" and code.word(begin) != code.word(middle):
+        if code.is_unordered(code.first_call(begin), code.first_call(middle)):
             continue
         one = code.text[code.tokens[begin].start:code.tokens[end].end]
         between = code.text[code.tokens[end].end:code.tokens[middle].start]
