@@ -1,4 +1,5 @@
-// The URLs that event subscribers give, and what is asked of the resolver for them.
+// The callbacks that event subscribers give, and what is asked of the resolver for them. An input
+// is a URL or, if it begins with "<", a whole CALLBACK field.
 
 #include <arpa/inet.h>
 
@@ -57,11 +58,13 @@ uint16_t portOf(const std::string& authority) {
   return static_cast<uint16_t>(strtouint(std::string_view(authority).substr(colon + 1)));
 }
 
-}  // namespace
+void checkField(const std::string& field, const std::string& url) {
+  require(url.find('>') == std::string::npos, "a URL ends at the first bracket");
+  require(url.empty() || (field.starts_with("<" + url + ">") && field.ends_with('>')),
+          "a URL is between brackets");
+}
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static Router router;
-  const std::string url(fuzz::text(data, size));
+void checkUrl(Router& router, const std::string& url) {
   uint32_t address = 0;
   uint16_t port = 0;
   std::string path;
@@ -71,18 +74,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const size_t slash = url.starts_with("http://") ? url.find('/', 7) : std::string::npos;
   if (slash == std::string::npos || std::ranges::any_of(url, isControl)) {
     require(!taken && !asked, "what is no URL is refused at once");
-    return 0;
+    return;
   }
   const std::string authority = url.substr(7, slash - 7);
   const std::string host = authority.substr(0, authority.find(':'));
   require(asked.has_value() == (inet_addr(host.c_str()) == noAddress), "names are resolved");
   require(!asked || *asked == host, "the host is resolved");
-  if (!taken) return 0;
+  if (!taken) return;
 
   require(address != 0, "a subscriber has an address");
   require(path == url.substr(slash), "the path is what follows the authority");
   require(ntohs(port) == portOf(authority), "the port is what follows the colon");
-  if (address == noAddress) return 0;
+  if (address == noAddress) return;
   const std::string plain = "http://" + iptostr(address) + ":" + uinttostr(ntohs(port)) + path;
   uint32_t plainAddress = 0;
   uint16_t plainPort = 0;
@@ -91,5 +94,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   require(plainAddress == address && plainPort == port && plainPath == path,
           "its plain form means the same");
   require(!router.takeAsked(), "an address is not resolved");
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static Router router;
+  const std::string input(fuzz::text(data, size));
+  if (!input.starts_with('<')) {
+    checkUrl(router, input);
+    return 0;
+  }
+  const std::string url = firstCallback(input);
+  checkField(input, url);
+  checkUrl(router, url);
   return 0;
 }

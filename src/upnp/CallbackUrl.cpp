@@ -35,6 +35,11 @@ bool isControl(char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7
 
 }  // namespace
 
+std::string firstCallback(const std::string& field) {
+  if (!field.starts_with('<') || !field.ends_with('>')) return {};
+  return field.substr(1, field.find('>') - 1);
+}
+
 bool parseCallbackUrl(std::string url, uint32_t& address, uint16_t& port, std::string& path) {
   constexpr std::string_view scheme = "http://";
   if (!url.starts_with(scheme) || std::ranges::any_of(url, isControl)) return false;

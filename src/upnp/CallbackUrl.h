@@ -3,6 +3,10 @@
 #include <cstdint>
 #include <string>
 
+/// The first of the URLs in a CALLBACK field, each of which is between "<" and ">" (UPnP Device
+/// Architecture 1.0, section 4.1.1); empty when the field is malformed.
+[[nodiscard]] std::string firstCallback(const std::string& field);
+
 /// Takes a callback URL apart: `address` and `port` (both in network byte order) and `path`, which
 /// begins with "/". A host name is looked up by the platform's resolver, which can take a second.
 /// False, and the outputs unspecified, when it is no "http://" URL with a path, holds control

@@ -32,12 +32,6 @@ std::string newSid() {
   return std::string("uuid:") + text;
 }
 
-/// The first of the URLs in a CALLBACK field; empty when the field is malformed.
-std::string firstCallback(const std::string& field) {
-  if (!field.starts_with('<') || !field.ends_with('>')) return {};
-  return field.substr(1, field.find('>') - 1);
-}
-
 /// A connection to the callback that is under way. None, after a log line, when it fails at once.
 lm::Fd connectTo(const Subscription& subscription) {
   lm::Fd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
