@@ -30,7 +30,7 @@ struct RuleStatus {
   uint64_t seconds = 0;
   uint64_t connections = 0;
   bool stale = false;
-  std::optional<uint64_t> uses;  ///< none: not known
+  std::optional<uint64_t> uses = std::nullopt;  ///< none: not known
 };
 
 /// The rule as it is listed: the fields of the add request in their order, then the others.
