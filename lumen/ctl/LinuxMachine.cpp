@@ -15,6 +15,7 @@
 #include <iostream>
 
 #include "lumen/ctl/Colours.h"
+#include "lumen/ctl/TerminalScreen.h"
 #include "platform/Fd.h"
 
 namespace lumenctl {
@@ -48,6 +49,18 @@ bool LinuxMachine::hasTerminal() { return isatty(STDIN_FILENO) != 0 && isatty(ST
 
 bool LinuxMachine::showsColours() {
   return wantsColours(isatty(STDOUT_FILENO) != 0, std::getenv("NO_COLOR"), std::getenv("TERM"));
+}
+
+std::unique_ptr<Screen> LinuxMachine::screen() {
+  const char* const term = std::getenv("TERM");
+  const bool drawable = term != nullptr && *term != '\0' && std::strcmp(term, "dumb") != 0;
+  if (!drawable || isatty(STDOUT_FILENO) == 0) return nullptr;
+  return std::make_unique<TerminalScreen>();
+}
+
+bool LinuxMachine::pause(uint64_t limit) {
+  if (!interruption_) interruption_.emplace();
+  return !interruption_->wait(-1, static_cast<int>(limit));
 }
 
 std::optional<std::string> LinuxMachine::typedLine() {

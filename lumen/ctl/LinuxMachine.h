@@ -3,6 +3,7 @@
 #include <optional>
 #include <string>
 
+#include "lumen/ctl/Interruption.h"
 #include "lumen/ctl/Machine.h"
 
 namespace lumenctl {
@@ -14,7 +15,12 @@ class LinuxMachine : public Machine {
   [[nodiscard]] bool isBridge(const std::string& link) override;
   [[nodiscard]] bool hasTerminal() override;
   [[nodiscard]] bool showsColours() override;
+  [[nodiscard]] std::unique_ptr<Screen> screen() override;
+  [[nodiscard]] bool pause(uint64_t limit) override;
   [[nodiscard]] std::optional<std::string> typedLine() override;
+
+ private:
+  std::optional<Interruption> interruption_;  // none until somebody waits
 };
 
 }  // namespace lumenctl

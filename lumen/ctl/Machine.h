@@ -1,7 +1,11 @@
 #pragma once
 
+#include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
+
+#include "lumen/ctl/Screen.h"
 
 namespace lumenctl {
 
@@ -21,6 +25,11 @@ class Machine {
   [[nodiscard]] virtual bool hasTerminal() = 0;
   /// Whether what is printed may have colours.
   [[nodiscard]] virtual bool showsColours() = 0;
+  /// The terminal to draw on; null when standard output is none, or one that cannot be drawn on.
+  [[nodiscard]] virtual std::unique_ptr<Screen> screen() = 0;
+  /// Waits `limit` milliseconds. False when the program is asked to end (SIGINT, SIGTERM), or when
+  /// nobody reads its standard output any more.
+  [[nodiscard]] virtual bool pause(uint64_t limit) = 0;
   /// Waits for the next line that is typed there; none at the end of the input.
   [[nodiscard]] virtual std::optional<std::string> typedLine() = 0;
 };

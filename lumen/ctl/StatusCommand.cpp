@@ -1,107 +1,106 @@
 #include <CLI/App.hpp>
-#include <algorithm>
+#include <chrono>
 #include <map>
-#include <optional>
+#include <memory>
 #include <ostream>
 
 #include "lumen/ctl/Commands.h"
 #include "lumen/ctl/Errors.h"
 #include "lumen/ctl/Help.h"
 #include "lumen/ctl/Ports.h"
+#include "lumen/ctl/Status.h"
+#include "lumen/ctl/StatusPicture.h"
 #include "lumen/ctl/Table.h"
 #include "lumen/ctl/Text.h"
-#include "lumen/services/broker/BrokerKeys.h"
 
 namespace lumenctl {
 
 namespace {
 
-struct Gateway {
-  std::string state;   ///< a few words
-  std::string detail;  ///< what else people want to know
-  /// What it uses, by interface id; none when it did not say.
-  std::optional<std::map<uint32_t, GatewayObject>> objects;
-};
+constexpr uint64_t watchPeriod = 1000;  // milliseconds
 
-Gateway notRunning(const Service& service) {
-  if (service.state == lumen::servicestate::starting) return {"starting", {}, {}};
-  if (service.state == lumen::servicestate::waiting) {
-    return {"crashed", "starts again in " + duration((service.nextStart + 999) / 1000), {}};
-  }
-  return {"off", {}, {}};
-}
-
-/// A request would start a gateway that is switched off, so it is asked only while it runs.
-Gateway readGateway(Router& router) {
-  const std::vector<Service> services = router.services();
-  const auto it = std::find_if(services.begin(), services.end(), [](const Service& service) {
-    return service.number == Router::gatewayService;
-  });
-  if (it == services.end()) return {"not installed", {}, {}};
-  if (it->state != lumen::servicestate::running) return notRunning(*it);
-  try {
-    Gateway gateway;
-    gateway.state = onOrOff(router.settings().enabled);
-    gateway.detail = "process " + std::to_string(it->pid);
-    gateway.objects.emplace();
-    for (const GatewayObject& object : router.gatewayObjects()) {
-      gateway.objects->emplace(object.interfaceId, object);
-    }
-    return gateway;
-  } catch (const Refused& refused) {
-    return {"not answering", refused.what(), {}};
-  }
-}
-
-/// How the gateway uses the interface; when it did not say, what the platform keeps of it.
-GatewayObject useOf(const Interface& interface, const Gateway& gateway) {
-  GatewayObject use;
-  if (!gateway.objects) {
-    use.role = interface.role;
-  } else if (const auto it = gateway.objects->find(interface.id); it != gateway.objects->end()) {
-    use = it->second;
-  }
-  return use;
-}
-
-void show(Session& session) {
-  Router& router = session.router();
-  const Gateway gateway = readGateway(router);
-  const std::vector<Address> addresses = router.addresses();
-  const std::vector<NatRule> rules = router.rules();
-
-  Json interfacesJson = Json::array();
-  Table interfaces({"INTERFACE", "ROLE", "STATE", "ADDRESS"});
-  for (const Interface& interface : router.interfaces()) {
-    const GatewayObject use = useOf(interface, gateway);
-    if (use.role == Role::none) continue;
-    const std::vector<std::string> own = addressesOf(interface.id, addresses);
-    interfacesJson.push_back({{"name", interface.name},
-                              {"role", roleName(use.role)},
-                              {"used", !use.disabled},
-                              {"state", interface.state()},
-                              {"addresses", own}});
-    interfaces.add({interface.name, roleName(use.role) + (use.disabled ? ", not used" : ""),
-                    Table::state(interface.state()), joined(own)});
-  }
-
-  if (session.json) {
-    session.print({{"gateway", gateway.state},
-                   {"interfaces", interfacesJson},
-                   {"ports", portsAsJson(rules)}});
-    return;
-  }
+void show(Session& session, const Status& status) {
   std::ostream& out = session.out();
-  out << "Gateway: " << session.coloured(gateway.state, colourOfState(gateway.state));
-  if (!gateway.detail.empty()) out << " (" << printable(gateway.detail) << ')';
+  out << "Gateway: " << session.coloured(status.gateway, colourOfState(status.gateway));
+  if (!status.detail.empty()) out << " (" << printable(status.detail) << ')';
   out << "\n\n";
-  if (interfaces.empty()) {
-    out << "No interface is set up: lumenctl upnp setup --internal IF --external IF\n";
+  Table interfaces({"INTERFACE", "ROLE", "STATE", "ADDRESS"});
+  for (const Status::Use& use : status.interfaces) {
+    interfaces.add({use.interface.name, use.role(), Table::state(use.interface.state()),
+                    joined(use.addresses)});
   }
+  if (interfaces.empty()) out << noInterfaceText << '\n';
   session.print(interfaces);
   out << '\n';
-  if (rules.empty()) out << "No port is open.\n";
-  session.print(portsAsTable(rules));
+  if (status.rules.empty()) out << noPortText << '\n';
+  session.print(portsAsTable(status.rules));
+}
+
+uint64_t milliseconds() {
+  using std::chrono::duration_cast;
+  const auto now = std::chrono::steady_clock::now().time_since_epoch();
+  return static_cast<uint64_t>(duration_cast<std::chrono::milliseconds>(now).count());
+}
+
+void addTraffic(Router& router, const Status& status, std::map<uint32_t, Traffic>& traffic) {
+  for (const Status::Use& use : status.interfaces) {
+    try {
+      traffic[use.interface.id].add(router.counters(use.interface.id), milliseconds());
+    } catch (const Refused&) {  // it has gone since
+      traffic.erase(use.interface.id);
+    }
+  }
+}
+
+void watch(Session& session, Screen& screen) {
+  std::map<uint32_t, Traffic> traffic;
+  Screen::Event event = Screen::Event::timeOver;
+  while (event != Screen::Event::end) {
+    const Status status(session.router());
+    addTraffic(session.router(), status, traffic);
+    do {
+      screen.draw(picture(status, traffic,
+                          {.size = screen.size(),
+                           .colours = session.machine().showsColours(),
+                           .utf8 = screen.showsUtf8()}));
+      event = screen.wait(watchPeriod);
+    } while (event == Screen::Event::resized);
+  }
+}
+
+/// Where there is no screen.
+void repeat(Session& session) {
+  while (true) {
+    const Status status(session.router());
+    if (session.json) {
+      session.printLine(status.json());
+    } else {
+      show(session, status);
+      session.out() << '\n' << std::flush;
+    }
+    if (!session.out()) throw Refused("standard output cannot be written");
+    if (!session.machine().pause(watchPeriod)) return;
+  }
+}
+
+void run(Session& session, bool again) {
+  if (again) {
+    // Whether anybody answers is known before there is another screen.
+    static_cast<void>(session.router());
+    const std::unique_ptr<Screen> screen = session.json ? nullptr : session.machine().screen();
+    if (screen) {
+      watch(session, *screen);
+    } else {
+      repeat(session);
+    }
+    return;
+  }
+  const Status status(session.router());
+  if (session.json) {
+    session.print(status.json());
+  } else {
+    show(session, status);
+  }
 }
 
 }  // namespace
@@ -109,8 +108,14 @@ void show(Session& session) {
 void addStatusCommand(CLI::App& app, Session& session) {
   CLI::App* command =
       app.add_subcommand("status", "whether the gateway works, its interfaces, the open ports");
-  addExamples(*command, {{"status", "on one screen"}, {"status --json", "for a program"}});
-  command->callback([&session] { show(session); });
+  addExamples(*command, {{"status", "on one screen"},
+                         {"status --watch", "the same, live, with traffic"},
+                         {"status --json", "for a program"}});
+  auto again = std::make_shared<bool>(false);
+  command->add_flag("--watch", *again,
+                    "show it anew each second, until q or Ctrl-C; elsewhere than on a terminal one "
+                    "below the other");
+  command->callback([&session, again] { run(session, *again); });
 }
 
 }  // namespace lumenctl

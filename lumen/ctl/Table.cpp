@@ -32,21 +32,17 @@ std::vector<std::string> Table::lines(bool colours, size_t width) const {
   }
   for (const auto& row : rows_) {
     std::string line;
-    size_t used = 0;    // columns of the line
-    size_t blanks = 0;  // that follow when something else does
+    size_t used = 0;   // columns of the line
+    size_t begin = 0;  // of the cell's column
     for (size_t i = 0; i < row.size(); ++i) {
-      const size_t padding = widths[i] - columns(row[i].text);
-      if (toTheRight_[i]) blanks += padding;
-      if (used + blanks < width && !row[i].text.empty()) {
-        const std::string text = cut(row[i].text, width - used - blanks);
-        line += std::string(blanks, ' ') + (colours ? coloured(text, row[i].colour) : text);
-        used += blanks + columns(text);
-        blanks = 0;
-      } else {
-        blanks += columns(row[i].text);
-      }
-      if (!toTheRight_[i]) blanks += padding;
-      blanks += 2;
+      const std::string& cell = row[i].text;
+      const size_t at = begin + (toTheRight_[i] ? widths[i] - columns(cell) : 0);
+      begin += widths[i] + 2;
+      const std::string text = cell.substr(0, cell.find_last_not_of(' ') + 1);
+      if (text.empty() || at >= width) continue;
+      const std::string shown = cut(text, width - at);
+      line += std::string(at - used, ' ') + (colours ? coloured(shown, row[i].colour) : shown);
+      used = at + columns(shown);
     }
     result.push_back(std::move(line));
   }

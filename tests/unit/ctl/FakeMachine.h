@@ -3,9 +3,11 @@
 #include <cerrno>
 #include <deque>
 #include <map>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
 
 #include "lumen/ctl/Machine.h"
 
@@ -22,6 +24,8 @@ struct FakeMachine : Machine {
   bool isBridge(const std::string& link) override { return bridges.count(link) != 0; }
   bool hasTerminal() override { return terminal; }
   bool showsColours() override { return colours; }
+  std::unique_ptr<Screen> screen() override { return std::move(drawable); }
+  bool pause(uint64_t) override { return pauses-- > 0; }
   std::optional<std::string> typedLine() override {
     if (typed.empty()) return std::nullopt;
     std::string line = typed.front();
@@ -39,6 +43,8 @@ struct FakeMachine : Machine {
   std::set<std::string> bridges;
   bool terminal = false;
   bool colours = false;
+  std::unique_ptr<Screen> drawable;  ///< null: no terminal
+  int pauses = 0;                    ///< after that many it is asked to end
   std::deque<std::string> typed;
 };
 

@@ -1,6 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <deque>
+#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "ctl/FakePlatform.h"
@@ -119,9 +123,94 @@ TEST(StatusOfAFreshRouter, TellsHowToSetItUp) {
   EXPECT_EQ(router.lumenctl({"status"}).out,
             "Gateway: off\n"
             "\n"
-            "No interface is set up: lumenctl upnp setup --internal IF --external IF\n"
+            "No interface is set up: lumenctl upnp setup\n"
             "\n"
             "No port is open.\n");
+}
+
+/// Shows pictures to a test, which looks at them for so many seconds.
+class FakeScreen : public Screen {
+ public:
+  using Pictures = std::vector<std::vector<std::string>>;
+
+  FakeScreen(Pictures& shown, std::deque<Event> events)
+      : shown_(shown), events_(std::move(events)) {}
+  Size size() override { return {80, 24}; }
+  bool showsUtf8() override { return false; }
+  void draw(const std::vector<std::string>& lines) override { shown_.push_back(lines); }
+  Event wait(uint64_t limit) override {
+    EXPECT_EQ(limit, 1000U);
+    if (events_.empty()) return Event::end;
+    const Event event = events_.front();
+    events_.pop_front();
+    return event;
+  }
+
+ private:
+  Pictures& shown_;
+  std::deque<Event> events_;
+};
+
+struct Watch : Status {
+  void looksFor(std::deque<Screen::Event> events) {
+    router.machine().drawable = std::make_unique<FakeScreen>(shown, std::move(events));
+  }
+  size_t readings() {
+    const auto& requests = router.requests();
+    return static_cast<size_t>(
+        std::count_if(requests.begin(), requests.end(),
+                      [](const std::string& r) { return r.starts_with("[20,5] fe0004"); }));
+  }
+  FakeScreen::Pictures shown;
+};
+
+TEST_F(Watch, DrawsTheRouterAnewEachSecond) {
+  looksFor({Screen::Event::timeOver, Screen::Event::timeOver});
+  const auto result = router.lumenctl({"status", "--watch"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.out, "");
+  ASSERT_EQ(shown.size(), 3U);
+  EXPECT_TRUE(shown[0][0].starts_with("Gateway: on (process 4711) "));
+  EXPECT_EQ(readings(), 3U);
+}
+
+TEST_F(Watch, DrawsTheSameOnceMoreWhenTheScreenHasAnotherSize) {
+  looksFor({Screen::Event::resized, Screen::Event::resized});
+  EXPECT_EQ(router.lumenctl({"status", "--watch"}).status, 0);
+  EXPECT_EQ(shown.size(), 3U);
+  EXPECT_EQ(readings(), 1U);
+}
+
+TEST_F(Watch, EndsWithThePlatform) {
+  looksFor({Screen::Event::timeOver});
+  router.refuses({20, 5}, lm::cmd::readAll, "connection ended");
+  const auto result = router.lumenctl({"status", "--watch"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.err, "lumenctl: connection ended\n");
+  EXPECT_EQ(router.machine().drawable, nullptr) << "its screen is gone";
+}
+
+TEST_F(Watch, ShowsNoTrafficOfAnInterfaceThatHasGone) {
+  looksFor({Screen::Event::timeOver});
+  router.refuses({20, 0}, lm::cmd::readObject, "no such object");
+  EXPECT_EQ(router.lumenctl({"status", "--watch"}).status, 0);
+  EXPECT_EQ(shown.size(), 2U);
+}
+
+TEST_F(Watch, PrintsOneStatusBelowTheOtherElsewhere) {
+  router.machine().pauses = 1;
+  const std::string once = router.lumenctl({"status"}).out;
+  EXPECT_EQ(router.lumenctl({"status", "--watch"}).out, once + "\n" + once + "\n");
+}
+
+TEST_F(Watch, PrintsAnObjectOnEachLineForPrograms) {
+  looksFor({});
+  router.machine().pauses = 1;
+  const std::string out = router.lumenctl({"status", "--watch", "--json"}).out;
+  const size_t end = out.find('\n') + 1;
+  EXPECT_TRUE(out.starts_with("{\"gateway\":\"on\","));
+  EXPECT_EQ(out, out.substr(0, end) + out.substr(0, end));
+  EXPECT_TRUE(shown.empty());
 }
 
 }  // namespace

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace lumenctl {
+
+/// A terminal as one picture, which is drawn again and again. It is as it was before when this
+/// ends.
+class Screen {
+ public:
+  struct Size {
+    size_t width = 0;
+    size_t height = 0;
+  };
+  enum class Event { timeOver, resized, end };
+
+  virtual ~Screen() = default;
+
+  /// In characters.
+  [[nodiscard]] virtual Size size() = 0;
+  /// Whether it shows more than ASCII.
+  [[nodiscard]] virtual bool showsUtf8() = 0;
+  /// Shows these lines, which fit, instead of what was shown before.
+  virtual void draw(const std::vector<std::string>& lines) = 0;
+  /// Waits `limit` milliseconds, or until it has another size, or somebody wants to see no more.
+  [[nodiscard]] virtual Event wait(uint64_t limit) = 0;
+};
+
+}  // namespace lumenctl

@@ -1,0 +1,94 @@
+#include "lumen/ctl/Status.h"
+
+#include <algorithm>
+#include <map>
+#include <optional>
+
+#include "lumen/ctl/Errors.h"
+#include "lumen/ctl/Ports.h"
+#include "lumen/ctl/Text.h"
+#include "lumen/services/broker/BrokerKeys.h"
+
+namespace lumenctl {
+
+namespace {
+
+struct Gateway {
+  std::string state;
+  std::string detail;
+  /// What it uses, by interface id; none when it did not say.
+  std::optional<std::map<uint32_t, GatewayObject>> objects;
+};
+
+Gateway notRunning(const Service& service) {
+  if (service.state == lumen::servicestate::starting) return {"starting", {}, {}};
+  if (service.state == lumen::servicestate::waiting) {
+    return {"crashed", "starts again in " + duration((service.nextStart + 999) / 1000), {}};
+  }
+  return {"off", {}, {}};
+}
+
+/// A request would start a gateway that is switched off, so it is asked only while it runs.
+Gateway readGateway(Router& router) {
+  const std::vector<Service> services = router.services();
+  const auto it = std::find_if(services.begin(), services.end(), [](const Service& service) {
+    return service.number == Router::gatewayService;
+  });
+  if (it == services.end()) return {"not installed", {}, {}};
+  if (it->state != lumen::servicestate::running) return notRunning(*it);
+  try {
+    Gateway gateway;
+    gateway.state = onOrOff(router.settings().enabled);
+    gateway.detail = "process " + std::to_string(it->pid);
+    gateway.objects.emplace();
+    for (const GatewayObject& object : router.gatewayObjects()) {
+      gateway.objects->emplace(object.interfaceId, object);
+    }
+    return gateway;
+  } catch (const Refused& refused) {
+    return {"not answering", refused.what(), {}};
+  }
+}
+
+GatewayObject useOf(const Interface& interface, const Gateway& gateway) {
+  GatewayObject use;
+  if (!gateway.objects) {
+    use.role = interface.role;
+  } else if (const auto it = gateway.objects->find(interface.id); it != gateway.objects->end()) {
+    use = it->second;
+  }
+  return use;
+}
+
+}  // namespace
+
+std::string Status::Use::role() const {
+  return roleName(object.role) + (object.disabled ? ", not used" : "");
+}
+
+Status::Status(Router& router) {
+  const Gateway answer = readGateway(router);
+  gateway = answer.state;
+  detail = answer.detail;
+  const std::vector<Address> addresses = router.addresses();
+  rules = router.rules();
+  for (const Interface& interface : router.interfaces()) {
+    const GatewayObject object = useOf(interface, answer);
+    if (object.role == Role::none) continue;
+    interfaces.push_back({interface, object, addressesOf(interface.id, addresses)});
+  }
+}
+
+Json Status::json() const {
+  Json uses = Json::array();
+  for (const Use& use : interfaces) {
+    uses.push_back({{"name", use.interface.name},
+                    {"role", roleName(use.object.role)},
+                    {"used", !use.object.disabled},
+                    {"state", use.interface.state()},
+                    {"addresses", use.addresses}});
+  }
+  return {{"gateway", gateway}, {"interfaces", uses}, {"ports", portsAsJson(rules)}};
+}
+
+}  // namespace lumenctl
