@@ -12,19 +12,12 @@ PORT = 8080
 SERVER_PORT = 80
 
 
-def let_bridge_alone(router):
-    """Packets that only cross the bridge are no business of the router's packet filter. It is the
-    kernel's default, unless a program has loaded br_netfilter."""
-    router.namespace.run("sh", "-c", "f=/proc/sys/net/bridge/bridge-nf-call-iptables; "
-                         "if [ -e $f ]; then echo 0 > $f; fi")
-
-
 class HairpinTest(RouterCase):
     """LAN hosts that use the external address, as they do with a name that all the world uses."""
 
     def setUp(self):
         super().setUp()
-        let_bridge_alone(self.router)
+        self.network.let_bridge_alone()
         self.server, self.neighbour = self.lan
         self.server.open_port(PORT, "TCP", internal_port=SERVER_PORT)
         self.server.open_port(PORT, "UDP", internal_port=SERVER_PORT)

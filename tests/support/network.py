@@ -25,6 +25,8 @@ WAN_LINK = "wan0"
 WAN_ADDRESS = "45.45.45.1"
 WAN_HOST = "45.45.45.2"
 
+BRIDGE_FILTER = "/proc/sys/net/bridge/bridge-nf-call-iptables"
+
 DESCRIPTION = "/gateway.xml"
 CONNECTION_SERVICE = "urn:schemas-upnp-org:service:WANIPConnection:1"
 
@@ -198,6 +200,11 @@ class Network:
         for address in addresses or (WAN_ADDRESS,):
             self.router.ip("address", "add", f"{address}/24", "dev", WAN_LINK)
         self.wan.namespace.ip("address", "add", f"{self.wan.address}/24", "dev", "eth0")
+
+    def let_bridge_alone(self):
+        """Packets that only cross the bridge are no business of the router's packet filter. It is
+        the kernel's default, unless a program has loaded br_netfilter."""
+        self.router.run("sh", "-c", f"[ ! -e {BRIDGE_FILTER} ] || echo 0 > {BRIDGE_FILTER}")
 
     def disconnect_wan(self):
         """Takes the WAN link out of the router."""
