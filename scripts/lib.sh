@@ -18,7 +18,7 @@ run_packages=(python3 iproute2 nftables miniupnpc procps)
 # What the tests need besides; ccache since the package builds the same sources again.
 test_packages=("${run_packages[@]}" "${package_packages[@]}" ccache libgtest-dev libseccomp-dev
   clang libclang-rt-dev clang-format nmap gir1.2-gupnp-1.6 python3-gi libupnp13
-  debootstrap lintian zsh)
+  debootstrap lintian zsh iptables)
 # What measuring the coverage needs besides.
 coverage_packages=(llvm)
 

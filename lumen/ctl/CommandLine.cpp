@@ -59,7 +59,7 @@ int run(const std::vector<std::string>& arguments, const Connect& connect, Machi
     app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
     session.finish();
     if (!out.flush()) throw Refused("standard output cannot be written");
-    return 0;
+    return session.status;
   } catch (const CLI::Success& asked) {  // --help, --version
     return app.exit(asked, out, err);
   } catch (const CLI::ParseError& error) {

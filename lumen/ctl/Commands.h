@@ -11,6 +11,7 @@ namespace lumenctl {
 void addStatusCommand(CLI::App& app, Session& session);
 void addUpnpCommands(CLI::App& app, Session& session);
 void addSetupCommand(CLI::App& upnp, Session& session);
+void addCheckCommand(CLI::App& upnp, Session& session);
 void addInterfaceCommands(CLI::App& app, Session& session);
 void addAddressCommands(CLI::App& app, Session& session);
 void addNatCommands(CLI::App& app, Session& session);

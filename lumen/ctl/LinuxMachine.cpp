@@ -12,13 +12,29 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <iostream>
+#include <system_error>
 
 #include "lumen/ctl/Colours.h"
+#include "lumen/ctl/ForwardChainReader.h"
 #include "lumen/ctl/TerminalScreen.h"
 #include "platform/Fd.h"
 
 namespace lumenctl {
+
+namespace {
+
+/// Goes on with an error_code: what ends while it is looked at is passed over.
+using Directory = std::filesystem::directory_iterator;
+
+bool ask(unsigned long what, const std::string& link, ifreq& request) {
+  const lm::Fd any(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  link.copy(request.ifr_name, sizeof request.ifr_name - 1);
+  return ioctl(any.get(), what, &request) == 0;
+}
+
+}  // namespace
 
 std::optional<std::string> LinuxMachine::read(const std::string& path) {
   const lm::Fd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
@@ -36,13 +52,37 @@ std::optional<std::string> LinuxMachine::read(const std::string& path) {
 
 /// Not from /sys, which shows the network namespace that it was mounted in.
 bool LinuxMachine::isBridge(const std::string& link) {
-  const lm::Fd any(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   ethtool_drvinfo driver{};
   driver.cmd = ETHTOOL_GDRVINFO;
   ifreq request{};
-  link.copy(request.ifr_name, sizeof request.ifr_name - 1);
   request.ifr_data = reinterpret_cast<char*>(&driver);
-  return ioctl(any.get(), SIOCETHTOOL, &request) == 0 && std::strcmp(driver.driver, "bridge") == 0;
+  return ask(SIOCETHTOOL, link, request) && std::strcmp(driver.driver, "bridge") == 0;
+}
+
+bool LinuxMachine::carriesMulticast(const std::string& link) {
+  ifreq request{};
+  return ask(SIOCGIFFLAGS, link, request) && (request.ifr_flags & IFF_MULTICAST) != 0;
+}
+
+Process LinuxMachine::ownerOf(uint64_t inode) {
+  const std::string socket = "socket:[" + std::to_string(inode) + "]";
+  std::error_code error;
+  for (Directory process("/proc", error); process != Directory(); process.increment(error)) {
+    const std::string id = process->path().filename();
+    if (id.find_first_not_of("0123456789") != std::string::npos) continue;
+    for (Directory open(process->path() / "fd", error); open != Directory();
+         open.increment(error)) {
+      if (std::filesystem::read_symlink(open->path(), error) != socket) continue;
+      std::string name = read("/proc/" + id + "/comm").value_or("");
+      if (name.ends_with('\n')) name.pop_back();
+      return {static_cast<uint32_t>(std::stoul(id)), name};
+    }
+  }
+  return {};
+}
+
+std::optional<std::vector<ForwardChain>> LinuxMachine::forwardChains() {
+  return readForwardChains();
 }
 
 bool LinuxMachine::hasTerminal() { return isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0; }

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "lumen/ctl/Interruption.h"
 #include "lumen/ctl/Machine.h"
@@ -13,6 +15,9 @@ class LinuxMachine : public Machine {
  public:
   [[nodiscard]] std::optional<std::string> read(const std::string& path) override;
   [[nodiscard]] bool isBridge(const std::string& link) override;
+  [[nodiscard]] bool carriesMulticast(const std::string& link) override;
+  [[nodiscard]] Process ownerOf(uint64_t inode) override;
+  [[nodiscard]] std::optional<std::vector<ForwardChain>> forwardChains() override;
   [[nodiscard]] bool hasTerminal() override;
   [[nodiscard]] bool showsColours() override;
   [[nodiscard]] std::unique_ptr<Screen> screen() override;

@@ -4,10 +4,18 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
+#include "lumen/ctl/PacketFilter.h"
 #include "lumen/ctl/Screen.h"
 
 namespace lumenctl {
+
+/// A program at work.
+struct Process {
+  uint32_t id = 0;   ///< 0: not to be seen
+  std::string name;  ///< as the kernel has it, cut to 15 bytes
+};
 
 /// The machine that lumenctl runs on, as far as it looks at it itself instead of asking the
 /// platform: in the network namespace that it was started in, with the rights of whoever started
@@ -20,6 +28,13 @@ class Machine {
   [[nodiscard]] virtual std::optional<std::string> read(const std::string& path) = 0;
   /// Whether the link is an Ethernet bridge.
   [[nodiscard]] virtual bool isBridge(const std::string& link) = 0;
+  /// Whether the link is marked as one that carries multicast (IFF_MULTICAST).
+  [[nodiscard]] virtual bool carriesMulticast(const std::string& link) = 0;
+  /// Who has the socket of this inode open.
+  [[nodiscard]] virtual Process ownerOf(uint64_t inode) = 0;
+  /// What all firewalls together do to forwarded packets. None when it cannot be read, which needs
+  /// CAP_NET_ADMIN.
+  [[nodiscard]] virtual std::optional<std::vector<ForwardChain>> forwardChains() = 0;
 
   /// Whether somebody sits at a terminal and can be asked.
   [[nodiscard]] virtual bool hasTerminal() = 0;

@@ -45,6 +45,7 @@ class Session {
 
   std::string root;      ///< of --root; empty: the machine's own platform
   bool json = false;     ///< of --json: answers are for programs
+  int status = 0;        ///< the exit status of a command that was done
   bool changes = false;  ///< the command changes something and answers with what it did
 
  private:

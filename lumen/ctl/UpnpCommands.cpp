@@ -216,10 +216,12 @@ void addInterfaces(CLI::App& upnp, Session& session) {
 void addUpnpCommands(CLI::App& app, Session& session) {
   CLI::App* upnp = app.add_subcommand("upnp", "the Internet gateway: set-up, settings, interfaces");
   addExamples(*upnp, {{"upnp setup", "become a gateway, after a question"},
+                      {"upnp check", "what keeps it from working"},
                       {"upnp settings", "how it is set"},
                       {"upnp interface list", "what it uses"}});
   upnp->require_subcommand(1);
   addSetupCommand(*upnp, session);
+  addCheckCommand(*upnp, session);
   addSettings(*upnp, session);
   addInterfaces(*upnp, session);
 }

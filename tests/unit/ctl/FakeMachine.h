@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cerrno>
+#include <cstdint>
 #include <deque>
 #include <map>
 #include <memory>
@@ -8,6 +9,7 @@
 #include <set>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "lumen/ctl/Machine.h"
 
@@ -22,6 +24,12 @@ struct FakeMachine : Machine {
     return std::nullopt;
   }
   bool isBridge(const std::string& link) override { return bridges.count(link) != 0; }
+  bool carriesMulticast(const std::string& link) override { return unicastOnly.count(link) == 0; }
+  Process ownerOf(uint64_t inode) override {
+    const auto it = owners.find(inode);
+    return it == owners.end() ? Process{} : it->second;
+  }
+  std::optional<std::vector<ForwardChain>> forwardChains() override { return chains; }
   bool hasTerminal() override { return terminal; }
   bool showsColours() override { return colours; }
   std::unique_ptr<Screen> screen() override { return std::move(drawable); }
@@ -41,6 +49,9 @@ struct FakeMachine : Machine {
 
   std::map<std::string, std::string> files;
   std::set<std::string> bridges;
+  std::set<std::string> unicastOnly;
+  std::map<uint64_t, Process> owners;  ///< of sockets, by inode
+  std::optional<std::vector<ForwardChain>> chains;
   bool terminal = false;
   bool colours = false;
   std::unique_ptr<Screen> drawable;  ///< null: no terminal

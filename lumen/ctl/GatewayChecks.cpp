@@ -1,0 +1,186 @@
+#include <netinet/in.h>
+
+#include <algorithm>
+
+#include "lumen/ctl/Checks.h"
+#include "lumen/ctl/Networks.h"
+#include "lumen/ctl/Text.h"
+
+namespace lumenctl {
+
+namespace {
+
+bool hasRole(const std::vector<UsedInterface>& interfaces, Role role) {
+  return std::any_of(interfaces.begin(), interfaces.end(),
+                     [role](const UsedInterface& interface) { return interface.role == role; });
+}
+
+/// "wan0, the external interface,"
+std::string called(const UsedInterface& interface) {
+  const char* const article = interface.role == Role::external ? "the " : "an ";
+  return interface.name + ", " + article + roleName(interface.role) + " interface,";
+}
+
+std::string withoutIt(const UsedInterface& interface) {
+  return interface.role == Role::external ? "No port can be opened on it."
+                                          : "Its hosts find no gateway.";
+}
+
+Findings checkRoles(const std::vector<UsedInterface>& interfaces) {
+  const bool external = hasRole(interfaces, Role::external);
+  const bool internal = hasRole(interfaces, Role::internal);
+  if (!external && !internal) {
+    return {{"not-set-up", "The gateway is not set up: it uses no interface.",
+             "Nobody finds a gateway, and no port can be opened.", "lumenctl upnp setup"}};
+  }
+  if (!internal) {
+    return {{"no-internal-interface", "The gateway has no internal interface.", "Nobody finds it.",
+             "lumenctl upnp setup"}};
+  }
+  if (!external) {
+    return {{"no-external-interface", "The gateway has no external interface.",
+             "There is no address that ports can be opened on.", "lumenctl upnp setup"}};
+  }
+  return {};
+}
+
+/// An external address that hosts on the Internet cannot reach.
+Finding unreachable(const std::string& interface, uint32_t address) {
+  const std::string subject = "The external address " + dotted(address) + " of " + interface;
+  if (isCarrierGrade(address)) {
+    return {"external-address-carrier-grade",
+            subject + " belongs to the provider's own address translation.",
+            "Nobody on the Internet reaches a port that is opened here.",
+            "ask the provider for a public IPv4 address"};
+  }
+  if (isLinkLocal(address)) {
+    return {"external-address-link-local",
+            subject + " is one that " + interface + " gave itself: nobody else gave it any.",
+            "Nobody on the Internet reaches a port that is opened here.",
+            "see why no DHCP server answers on " + interface};
+  }
+  return {"external-address-private",
+          subject + " is private: another router stands between this one and the Internet.",
+          "Nobody on the Internet reaches a port that is opened here, and many programs do not "
+          "even try to open one.",
+          "on that router, forward all ports to " + dotted(address) +
+              ", or let it pass its public address on (bridge mode)"};
+}
+
+}  // namespace
+
+Findings checkPlatform(const Observation& seen) {
+  if (!seen.unreachable.empty()) {
+    return {{"no-platform", seen.unreachable + ".",
+             "Without it no port is open, and what depends on it was not checked.",
+             "systemctl start lumend"}};
+  }
+  if (seen.refused.empty()) return {};
+  return {{"platform-refuses", "lumend does not answer: " + seen.refused + ".",
+           "It answers root and the group lumen only; what depends on it was not checked.",
+           "sudo lumenctl upnp check"}};
+}
+
+Findings checkGateway(const Observation& seen) {
+  if (!seen.unreachable.empty() || !seen.refused.empty()) return {};
+  const char* const nobodyFindsIt = "Nobody finds a gateway, and no port can be opened.";
+  switch (seen.gateway.kind) {
+    case GatewayState::Kind::notInstalled:
+      return {{"gateway-not-installed", "lumend knows no gateway: its service file is missing.",
+               nobodyFindsIt, "apt-get install --reinstall palinode-igd"}};
+    case GatewayState::Kind::crashed:
+      return {{"gateway-crashed", "The gateway has crashed; lumend starts it again in a while.",
+               nobodyFindsIt, "journalctl -u lumend, which shows why"}};
+    case GatewayState::Kind::silent:
+      return {{"gateway-silent", "The gateway does not answer: " + seen.gateway.detail + ".",
+               nobodyFindsIt, "systemctl restart lumend, which closes the open ports"}};
+    case GatewayState::Kind::off:
+    case GatewayState::Kind::on:
+      break;
+  }
+  Findings findings = checkRoles(seen.interfaces);
+  if (seen.gateway.kind == GatewayState::Kind::off && !seen.interfaces.empty()) {
+    findings.insert(findings.begin(), {"gateway-off", "The gateway is switched off.", nobodyFindsIt,
+                                       "lumenctl upnp settings set enabled=on"});
+  }
+  return findings;
+}
+
+Findings checkLinks(const std::vector<UsedInterface>& interfaces) {
+  Findings findings;
+  for (const UsedInterface& interface : interfaces) {
+    if (interface.state == "away") {
+      findings.push_back({"interface-away",
+                          called(interface) + " is away: there is no link of that name.",
+                          withoutIt(interface),
+                          "see why it is not there, or give another one its role: lumenctl upnp "
+                          "setup"});
+    } else if (interface.state == "down") {
+      findings.push_back({"interface-down", called(interface) + " is switched off.",
+                          withoutIt(interface), "ip link set " + interface.name + " up"});
+    } else if (interface.state == "no link") {
+      findings.push_back({"interface-no-link", called(interface) + " has no link.",
+                          withoutIt(interface),
+                          interface.bridge ? "connect one of the bridge's ports: bridge link"
+                                           : "see whether its cable is plugged in at both ends"});
+    } else if (interface.role == Role::internal && interface.addresses.empty()) {
+      findings.push_back({"internal-address-none", called(interface) + " has no IPv4 address.",
+                          withoutIt(interface), "ip address add ADDRESS/24 dev " + interface.name});
+    }
+    if (interface.role == Role::internal && !interface.multicast) {
+      findings.push_back({"no-multicast",
+                          called(interface) + " is marked as one without multicast.",
+                          "Its hosts may not find the gateway, which they search by multicast.",
+                          "ip link set " + interface.name + " multicast on"});
+    }
+  }
+  return findings;
+}
+
+Findings checkExternalAddress(const std::vector<UsedInterface>& interfaces) {
+  Findings findings;
+  for (const UsedInterface& interface : interfaces) {
+    if (interface.role != Role::external || interface.state != "running") continue;
+    if (interface.addresses.empty()) {
+      findings.push_back({"external-address-none", called(interface) + " has no IPv4 address.",
+                          "There is no address that ports can be opened on.",
+                          "see whether what gives it one is at work (a DHCP client, PPP): ip "
+                          "address show " +
+                              interface.name});
+      continue;
+    }
+    const bool reachable =
+        std::any_of(interface.addresses.begin(), interface.addresses.end(), [](uint32_t address) {
+          return !isPrivate(address) && !isCarrierGrade(address) && !isLinkLocal(address);
+        });
+    if (!reachable) findings.push_back(unreachable(interface.name, interface.addresses.front()));
+  }
+  return findings;
+}
+
+Findings checkStalePorts(const std::vector<NatRule>& rules) {
+  constexpr size_t shownAtMost = 5;
+  std::vector<std::string> ports;
+  std::vector<std::string> addresses;
+  for (const NatRule& rule : rules) {
+    if (rule.state() != "stale") continue;
+    ports.push_back(std::to_string(rule.externalPort) + "/" + rule.protocolName());
+    const std::string address = dotted(rule.externalAddress);
+    if (std::find(addresses.begin(), addresses.end(), address) == addresses.end()) {
+      addresses.push_back(address);
+    }
+  }
+  if (ports.empty()) return {};
+  const std::string first = ports.front();
+  const size_t count = ports.size();
+  ports.resize(std::min(count, shownAtMost));
+  std::string list = joined(ports);
+  if (count > shownAtMost) list += " and " + std::to_string(count - shownAtMost) + " more";
+  return {{"stale-ports",
+           "This router no longer has the address of some open ports (" + joined(addresses) +
+               "): " + list + ".",
+           "Nobody reaches them until the programs that opened them do so again.",
+           "restart these programs, or close each of the ports: lumenctl nat close " + first}};
+}
+
+}  // namespace lumenctl

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+/// The chains that other programs' firewalls have for forwarded IPv4 packets, as far as it matters
+/// for open ports.
+namespace lumenctl {
+
+/// What a rule does to the first packet that comes from the Internet for an open port.
+enum class RuleEffect {
+  unknown,           ///< nothing, or it depends on what nobody here can tell
+  acceptsOpenPorts,  ///< lets pass what was translated to another destination
+  acceptsAll,
+  dropsAll,
+};
+
+/// A chain that the kernel calls for each forwarded packet.
+struct ForwardChain {
+  enum class Tool { nft, iptables, iptablesLegacy };  ///< what its rules are changed with
+
+  /// Whether the packets for open ports do not pass it, as far as can be told.
+  [[nodiscard]] bool stopsOpenPorts() const;
+
+  Tool tool = Tool::nft;
+  std::string family;  ///< as nft names it: "ip" or "inet"
+  std::string table;
+  std::string name;
+  bool dropsAtEnd = false;        ///< what no rule decides
+  std::vector<RuleEffect> rules;  ///< in their order
+  /// A chain of the same table, which rules of this one may lead to, has acceptsOpenPorts.
+  bool acceptsOpenPortsElsewhere = false;
+};
+
+/// Whether a match of iptables (linux/netfilter/x_tables.h), of that name and revision and with the
+/// parameters `info`, holds for what was translated to another destination: `--ctstate DNAT`.
+[[nodiscard]] bool matchesOpenPorts(std::string_view match, uint32_t revision,
+                                    std::span<const std::byte> info);
+
+}  // namespace lumenctl
