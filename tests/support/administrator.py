@@ -27,11 +27,11 @@ def run_inside(router, *arguments):
 
 def run_at_terminal(router, *arguments, question, answer):
     """Runs lumenctl at a terminal where somebody types `answer` when it has printed `question`.
-    Returns its exit status and all that the terminal then shows."""
+    Returns its exit status and all that the terminal then shows, which has no colours."""
     here, there = pty.openpty()
     try:
         with router.namespace.popen(*_command(router, arguments), stdin=there, stdout=there,
-                                    stderr=there) as program:
+                                    stderr=there, env={**os.environ, "NO_COLOR": "1"}) as program:
             os.close(there)
             shown = _read(here, until=question)
             os.write(here, answer.encode())
