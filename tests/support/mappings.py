@@ -73,6 +73,11 @@ class Mappings:
                          718 if conflict else {},
                          lambda: conflict or self.table.update({key: mapping}))
 
+    def all_openings(self):
+        """Operations that open all ports that there may be."""
+        return [self.opening(port, protocol, enabled=True)
+                for port in PORTS for protocol in PROTOCOLS]
+
     def closing(self):
         key = self._any_key()
         return Operation("DeletePortMapping", _key_arguments(key),

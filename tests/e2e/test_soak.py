@@ -1,0 +1,26 @@
+"""A minute of traffic of every kind. scripts/soak does the same for an hour."""
+
+import os
+import unittest
+
+from support.router_case import RouterCase
+from support.soak import Soak
+
+SEED = int(os.environ.get("PALINODE_SEED", "1"))
+WARM_UP, SECONDS = 20, 40
+
+
+class SoakTest(RouterCase):
+    def test_a_router_needs_after_a_minute_of_traffic_what_it_needed_before(self):
+        print(f"PALINODE_SEED={SEED}")
+        with Soak(self.router, SEED) as soak:
+            soak.warm_up(WARM_UP)
+            soak.work(SECONDS)
+            print(soak.report())
+            self.assertEqual(soak.complaints(), [])
+        self.assertEqual(self.router.stop(), 0)
+        self.assertNotIn("Sanitizer", self.router.log())
+
+
+if __name__ == "__main__":
+    unittest.main()
