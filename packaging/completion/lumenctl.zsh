@@ -5,7 +5,7 @@
 _lumenctl_commands() {
   case "$*" in
     '') echo status upnp interface address nat history undo monitor service identity ;;
-    upnp) echo setup settings interface ;;
+    upnp) echo setup check settings interface ;;
     'upnp settings') echo set ;;
     'upnp interface') echo list add set remove ;;
     interface) echo list forget ;;
