@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "ctl/FakePlatform.h"
 #include "lumen/ctl/Colours.h"
@@ -36,6 +38,18 @@ TEST(Colours, EndWhereTheTextEnds) {
   EXPECT_EQ(coloured("open", Colour::good), "\x1b[32mopen\x1b[0m");
   EXPECT_EQ(coloured("open", Colour::none), "open");
   EXPECT_EQ(coloured("", Colour::bad), "");
+}
+
+TEST(Colours, TellGoodStatesFromBadOnes) {
+  const std::pair<Colour, std::vector<const char*>> states[] = {
+      {Colour::good, {"on", "running", "open", "in use"}},
+      {Colour::warning, {"starting", "leaving", "off", "down", "disabled", "closed", "stale"}},
+      {Colour::bad, {"away", "no link", "waiting", "crashed", "not answering", "not installed"}},
+      {Colour::none, {"stopped", "unknown", ""}},
+  };
+  for (const auto& [colour, words] : states) {
+    for (const char* word : words) EXPECT_EQ(colourOfState(word), colour) << word;
+  }
 }
 
 struct ColouredRouter : testing::Test {
