@@ -67,6 +67,7 @@ TEST_F(Lives, AreWaitedForFiveSeconds) {
   Program client = connectAdministrator();
   client.ask({gateway, 0}, someCommand);
   settle();
+  EXPECT_EQ(loop.nextDue(), clock.now() + 5'000) << "nothing runs before that";
   pass(1'000);
   client.ask({gateway, 0}, someCommand);
   settle();
