@@ -46,6 +46,18 @@ TEST(InterfaceIds, AreForgottenOfTheNameThatIsLongestGone) {
   EXPECT_EQ(ids.take("gone"), 3U + 4096U);
 }
 
+TEST(InterfaceIds, OfEarlierRunsAreForgottenLikeOthers) {
+  InterfaceIds ids;
+  ids.restore("kept", 7);
+  ids.release("kept");
+  for (size_t i = 0; i < 4096; ++i) {
+    const std::string name = "veth" + std::to_string(i);
+    (void)ids.take(name);
+    ids.release(name);
+  }
+  EXPECT_EQ(ids.take("kept"), 7U + 4096U + 1U);
+}
+
 TEST(InterfaceIds, AreReleasedOnce) {
   InterfaceIds ids;
   ids.release("nobody");

@@ -62,6 +62,16 @@ TEST_F(NatListTest, MarksARuleWhoseAddressHasLeftTheRouter) {
   EXPECT_FALSE(lists()[0].get_bool(nat::key::stale));
 }
 
+TEST_F(NatListTest, TellsForHowManySecondsAPortHasBeenOpen) {
+  opens({});
+  passes(999);
+  EXPECT_EQ(lists()[0].get_u64(nat::key::seconds), 0U);
+  passes(1);
+  EXPECT_EQ(lists()[0].get_u64(nat::key::seconds), 1U);
+  passes(3'600'000);
+  EXPECT_EQ(lists()[0].get_u64(nat::key::seconds), 3601U);
+}
+
 TEST_F(NatListTest, ListsInRisingOrderOfIdBy64AndCountsTheConnectionsOnce) {
   for (uint32_t i = 0; i < 130; ++i) opens({.port = 2000 + i});
   flows.flows = {flow(6, 2129)};

@@ -106,6 +106,11 @@ TEST_F(ResolverTest, ANameThatWasOnlySlowIsNoFailure) {
   EXPECT_EQ(log_.text(), "resolver: silent.lan: name server does not answer\n");
 }
 
+TEST_F(ResolverTest, AnswersAtOnceWhatNeedsNoNameServer) {
+  EXPECT_EQ(lookUp("localhost"), "127.0.0.1");
+  EXPECT_EQ(questions(), 0U);
+}
+
 TEST_F(ResolverTest, HasTheNumbersThatProgramsOfAnotherBuildSend) {
   EXPECT_EQ(Resolver::resolve, 3U);
   EXPECT_EQ(Resolver::hostName, 0x20000003U);

@@ -74,7 +74,7 @@ TEST(ServiceFile, DescribesAService) {
       "group = net\n"
       "boot = yes\n"
       "answers-only = yes\n"
-      "stores = upnp  upnpm\n");
+      "stores = upnp  upnpm more\n");
   ASSERT_TRUE(service);
   EXPECT_EQ(service->name, "upnp");
   EXPECT_EQ(service->number, 40U);
@@ -83,7 +83,7 @@ TEST(ServiceFile, DescribesAService) {
   EXPECT_EQ(service->group, 400U);
   EXPECT_TRUE(service->boot);
   EXPECT_TRUE(service->answersOnly);
-  EXPECT_EQ(service->stores, (std::vector<std::string>{"upnp", "upnpm"}));
+  EXPECT_EQ(service->stores, (std::vector<std::string>{"upnp", "upnpm", "more"}));
 }
 
 TEST(ServiceFile, HasDefaultsForWhatIsLeftOut) {

@@ -103,6 +103,16 @@ TEST_F(SupervisorTest, DoesNotStartAgainAtBootWhatWasNeededBefore) {
   EXPECT_EQ(starts(), 1U);
 }
 
+TEST_F(SupervisorTest, DoesNotStartAgainWhatWasNeededWhileItServed) {
+  supervisor.boot();
+  supervisor.registered(gateway);
+  EXPECT_TRUE(supervisor.need(gateway, false));
+  supervisor.unregistered(gateway);
+  processes.exit(processes.last(), 0);
+  EXPECT_EQ(state(gateway), servicestate::stopped);
+  EXPECT_EQ(starts(), 1U);
+}
+
 TEST_F(SupervisorTest, StartsTheOthersAtTheFirstRequest) {
   supervisor.boot();
   EXPECT_EQ(state(resolver), servicestate::stopped);
