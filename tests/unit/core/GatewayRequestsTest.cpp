@@ -22,6 +22,15 @@ TEST_F(GatewayRequests, TheDescriptionNamesTheInterfaceThatServesIt) {
             std::string::npos);
 }
 
+TEST_F(GatewayRequests, TheDescriptionNamesTheIconsWhereTheyAreServed) {
+  const std::string reply = exchange("GET /gateway.xml HTTP/1.1\r\n\r\n");
+  for (const char* size : {"16", "32", "48"}) {
+    const std::string url = std::string("/logo") + size + ".gif";
+    EXPECT_NE(reply.find("<width>" + std::string(size) + "</width>"), std::string::npos);
+    EXPECT_NE(reply.find("<url>" + url + "</url>"), std::string::npos) << reply;
+  }
+}
+
 TEST_F(GatewayRequests, AnyMethodButFourIsNotImplemented) {
   for (const char* method : {"HEAD", "get", "PUT", "M-SEARCH", ""}) {
     EXPECT_EQ(status(std::string(method) + " /gateway.xml"), "HTTP/1.1 501 Not Implemented");

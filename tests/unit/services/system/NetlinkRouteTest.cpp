@@ -39,6 +39,10 @@ TEST(NetlinkRoute, NamesTheNewLinkInItsOwnNextHopsOnly) {
   ASSERT_EQ(request.size(), 80U);
   EXPECT_EQ(request[52], std::byte{9});
   EXPECT_EQ(request[68], std::byte{5});
+  const auto second = makeRouteRequest(routeOf(multipathRoute, 5), 9);
+  ASSERT_EQ(second.size(), 80U);
+  EXPECT_EQ(second[52], std::byte{3});
+  EXPECT_EQ(second[68], std::byte{9});
 }
 
 TEST(NetlinkRoute, LeavesOutWhatTheKernelOnlyTells) {
