@@ -112,9 +112,9 @@ void addStatusCommand(CLI::App& app, Session& session) {
                          {"status --watch", "the same, live, with traffic"},
                          {"status --json", "for a program"}});
   auto again = std::make_shared<bool>(false);
-  command->add_flag("--watch", *again,
-                    "show it anew each second, until q or Ctrl-C; elsewhere than on a terminal one "
-                    "below the other");
+  command->add_flag(
+      "--watch", *again,
+      "show it anew each second until q or Ctrl-C; without a terminal one below the other");
   command->callback([&session, again] { run(session, *again); });
 }
 
