@@ -2,6 +2,7 @@
 
 import json
 import os
+import signal
 import socket
 import time
 import unittest
@@ -90,19 +91,19 @@ class CheckTest(CheckCase):
         self.assert_well()
 
     def test_the_gateway_has_crashed(self):
-        self.network.router.run("kill", "-KILL", str(self.router.gateway_pid()))
-        # It is started again after a second: seen as crashed before that.
-        seen = set()
+        crashed = finding("The gateway has crashed; lumend starts it again in a while.",
+                          "Nobody finds a gateway, and no port can be opened.",
+                          "journalctl -u lumend, which shows why")
 
-        def crashed_and_well():
-            seen.add(self.check())
-            return len(seen) > 1 and ALL_IS_WELL in seen
+        def is_seen():
+            # Each crash doubles the time until the next start.
+            if pid := self.router.gateway_pid():
+                os.kill(pid, signal.SIGKILL)
+            return self.check() == crashed
 
-        self.wait_until(crashed_and_well, "it crashes and is well again")
-        self.assertEqual(seen - {ALL_IS_WELL}, {finding(
-            "The gateway has crashed; lumend starts it again in a while.",
-            "Nobody finds a gateway, and no port can be opened.",
-            "journalctl -u lumend, which shows why")})
+        self.wait_until(is_seen, "it is seen as crashed", limit=30)
+        self.router.lumenctl("upnp", "settings")  # which starts it at once
+        self.assert_well()
 
     def test_the_gateway_is_not_installed(self):
         self.router.stop()
@@ -252,8 +253,8 @@ class CheckTest(CheckCase):
         self.assert_well()
 
     def test_the_packet_filter_takes_bridged_packets_for_forwarded(self):
-        # The file is there once br_netfilter is loaded, which a test must not do to its machine.
-        self.network.router.run("test", "-e", BRIDGE_FILTER)
+        if not os.path.exists(BRIDGE_FILTER):
+            self.skipTest("br_netfilter is not loaded, and to load it would change this machine")
         self.run_inside(f"echo 1 > {BRIDGE_FILTER}")
         mend = "sysctl -w net.bridge.bridge-nf-call-iptables=0"
         self.assert_found("The packet filter takes what only crosses the bridge br-lan for "
