@@ -16,10 +16,11 @@ class Client {
  public:
   virtual ~Client() = default;
 
-  /// Sends `request` as `command` to the path `destination` (service, handler) and waits for the
-  /// reply. A request that is not answered gives an error reply.
+  /// Sends `request` as `command` to the path `destination` (service, handler) and waits at
+  /// most `limit` milliseconds for the reply. A request that is not answered gives an error reply.
   [[nodiscard]] virtual lm::message exchange(const std::vector<uint32_t>& destination,
-                                             uint32_t command, lm::message request) = 0;
+                                             uint32_t command, lm::message request,
+                                             uint32_t limit) = 0;
 
   /// Waits for the next notification. None when the program is asked to end (SIGINT, SIGTERM) or
   /// when nobody reads its standard output any more; an error reply when the platform has ended.

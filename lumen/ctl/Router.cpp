@@ -43,7 +43,8 @@ void insertFields(lm::message& request, const GatewayObject& object) {
 }  // namespace
 
 lm::message Router::exchange(const Path& destination, uint32_t command, lm::message request) {
-  lm::message reply = client_.exchange(destination, command, std::move(request));
+  const uint32_t limit = destination == gatewayPath ? gatewayLimit_ : usualLimit;
+  lm::message reply = client_.exchange(destination, command, std::move(request), limit);
   if (lm::isError(reply)) throw Refused(lm::getError(reply));
   return reply;
 }

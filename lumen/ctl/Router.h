@@ -54,6 +54,8 @@ class Router {
   [[nodiscard]] std::optional<lm::message> nextShown();
 
   // The gateway; each of these starts it when it does not run.
+  /// From now on they wait no longer than `limit` milliseconds for an answer.
+  void waitForGateway(uint32_t limit) { gatewayLimit_ = limit; }
   [[nodiscard]] Settings settings();
   void writeSettings(const Settings& settings);
   [[nodiscard]] std::vector<GatewayObject> gatewayObjects();
@@ -67,7 +69,12 @@ class Router {
   /// Every record of a table, page by page.
   std::vector<lm::message> table(const std::vector<uint32_t>& destination, uint32_t command);
 
+  /// How long an answer may take, in milliseconds: the gateway may have to be started first (5 s),
+  /// and may itself wait for the platform (6 s).
+  static constexpr uint32_t usualLimit = 15000;
+
   Client& client_;
+  uint32_t gatewayLimit_ = usualLimit;
 };
 
 }  // namespace lumenctl

@@ -12,10 +12,6 @@ namespace lumenctl {
 
 namespace {
 
-/// The longest that a command waits for its reply, in milliseconds: the gateway may have to be
-/// started first (5 s), and may itself wait for the platform (6 s).
-constexpr uint32_t replyLimit = 15000;
-
 /// A package binds the first over the second for its services only.
 constexpr std::array<const char*, 2> ownSockets = {"/run/lumen/lumen.sock", lm::socketPath};
 
@@ -39,9 +35,9 @@ SocketClient::SocketClient(std::unique_ptr<lm::Transport> transport)
     : connection_(clock_, std::move(transport)) {}
 
 lm::message SocketClient::exchange(const std::vector<uint32_t>& destination, uint32_t command,
-                                   lm::message request) {
+                                   lm::message request, uint32_t limit) {
   request.insert_u32_array(lm::key::destination, destination);
-  return connection_.exchange(std::move(request), command, replyLimit);
+  return connection_.exchange(std::move(request), command, limit);
 }
 
 std::optional<lm::message> SocketClient::notification() {

@@ -17,7 +17,9 @@ namespace lumenctl {
 
 namespace {
 
-constexpr uint64_t watchPeriod = 1000;  // milliseconds
+// In milliseconds.
+constexpr uint64_t watchPeriod = 1000;
+constexpr uint32_t gatewayPatience = 2000;  // one that hangs is seen to hang
 
 void show(Session& session, const Status& status) {
   std::ostream& out = session.out();
@@ -53,6 +55,7 @@ void addTraffic(Router& router, const Status& status, std::map<uint32_t, Traffic
 }
 
 void watch(Session& session, Screen& screen) {
+  session.router().waitForGateway(gatewayPatience);
   std::map<uint32_t, Traffic> traffic;
   Screen::Event event = Screen::Event::timeOver;
   while (event != Screen::Event::end) {

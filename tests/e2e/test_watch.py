@@ -118,6 +118,15 @@ class WatchTest(TerminalCase):
         terminal.type("q")
         self.assertEqual(terminal.end(), 0)
 
+    def test_it_shows_that_the_gateway_hangs_and_works_again(self):
+        terminal = self.watch()
+        gateway = str(self.router.gateway_pid())
+        subprocess.run(["kill", "-STOP", gateway], check=True)
+        self.addCleanup(subprocess.run, ["kill", "-CONT", gateway], check=False)
+        before = terminal.see("Gateway: \x1b\\[31mnot answering").end()
+        subprocess.run(["kill", "-CONT", gateway], check=True)
+        terminal.see("Gateway: \x1b\\[32mon", before)
+
     def test_ctrl_c_ends_it_while_the_gateway_does_not_answer(self):
         terminal = self.watch()
         gateway = self.router.gateway_pid()

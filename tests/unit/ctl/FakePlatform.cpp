@@ -66,7 +66,9 @@ std::vector<lm::message>::iterator withId(std::vector<lm::message>& table, uint3
 class FakePlatform::Connection : public Client {
  public:
   explicit Connection(FakePlatform& platform) : platform_(platform) {}
-  lm::message exchange(const Path& destination, uint32_t command, lm::message request) override {
+  lm::message exchange(const Path& destination, uint32_t command, lm::message request,
+                       uint32_t limit) override {
+    platform_.patience_[destination] = limit;
     return platform_.answer(destination, command, request);
   }
   std::optional<lm::message> notification() override { return platform_.nextShown(); }

@@ -70,6 +70,8 @@ class FakePlatform {
   [[nodiscard]] std::vector<std::string> changes() const;
   [[nodiscard]] bool wasAsked(const std::string& destination) const;
   void forgetRequests() { requests_.clear(); }
+  /// How many milliseconds lumenctl waits for an answer from there.
+  [[nodiscard]] uint32_t patienceWith(const Path& destination) { return patience_[destination]; }
   /// The argument of --root.
   [[nodiscard]] const std::string& root() const { return root_; }
 
@@ -96,6 +98,7 @@ class FakePlatform {
   std::map<std::pair<Path, uint32_t>, std::string> refusals_;
   std::vector<std::string> requests_;
   std::string root_;
+  std::map<Path, uint32_t> patience_;
   uint32_t nextId_ = 1;
   size_t pageSize_ = 64;
   bool endless_ = false;

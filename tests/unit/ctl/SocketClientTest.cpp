@@ -102,7 +102,7 @@ TEST_F(SocketClientTest, TakesTheReplyToItsRequest) {
     reply.insert_u32(1, 7);
     sends(reply);
   });
-  EXPECT_EQ(client->exchange({20, 5}, lm::cmd::list, {}).get_u32(1), 7U);
+  EXPECT_EQ(client->exchange({20, 5}, lm::cmd::list, {}, 15000).get_u32(1), 7U);
   platform.join();
   EXPECT_EQ(request.get_u32_array_ref(lm::key::destination), (std::vector<uint32_t>{20, 5}));
   EXPECT_EQ(request.get_u32(lm::key::command), lm::cmd::list);

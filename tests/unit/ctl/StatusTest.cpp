@@ -181,6 +181,15 @@ TEST_F(Watch, DrawsTheSameOnceMoreWhenTheScreenHasAnotherSize) {
   EXPECT_EQ(readings(), 1U);
 }
 
+TEST_F(Watch, ShowsSoonThatTheGatewayHangs) {
+  looksFor({});
+  router.refuses({40, 0}, lm::cmd::get, "no answer in time");
+  EXPECT_EQ(router.lumenctl({"status", "--watch"}).status, 0);
+  EXPECT_EQ(router.patienceWith({40, 0}), 2000U);
+  EXPECT_EQ(router.patienceWith({20, 5}), 15000U);
+  EXPECT_TRUE(shown.at(0).at(0).starts_with("Gateway: not answering (no answer in time)"));
+}
+
 TEST_F(Watch, EndsWithThePlatform) {
   looksFor({Screen::Event::timeOver});
   router.refuses({20, 5}, lm::cmd::readAll, "connection ended");
