@@ -41,13 +41,15 @@ CONTROL = {"if", "for", "while", "switch"}
 
 # What no behaviour depends on is spared: the words of lumen's log and of lumenctl's help, room that
 # is reserved, the zero that a member begins with (a constructor writes over it), and the order of
-# fields in a message, of elements of different containers and of the set-up of commands.
+# fields in a message, of names in a map, of elements of different containers and of the set-up of
+# commands.
 LOG_CALLS = {"logLine", "fatal", "log"}
 HELP_CALLS = {"add_option", "add_flag", "add_subcommand", "addExamples", "command", "type_name",
               "footer"}
-MESSAGE_FIELD = re.compile(r"insert_\w+")
+ELEMENT_CALLS = {"add", "clear", "emplace", "emplace_back", "erase", "insert", "push_back"}
+UNORDERED_CALLS = re.compile(r"insert_\w+|addVar|addAct|sigaddset")
 COMMAND_SET_UP = re.compile(r"callback|fallthrough|require_subcommand|set_version_flag"
-                            r"|add[A-Z_]\w*")
+                            r"|(?:add|set)[A-Z_]\w*")
 
 TOKEN = re.compile(r"""
     (?P<comment>//[^\n]*|/\*.*?\*/)
@@ -162,9 +164,9 @@ class Code:
     def is_unordered(self, one, other):
         """Whether neighbouring statements that call these first go in any order."""
         names = [re.split(r"\.|->", call)[-1] for call in (one, other)]
-        if names == ["push_back", "push_back"]:
-            return one != other
-        meant = [MESSAGE_FIELD] + [COMMAND_SET_UP] * self.path.startswith("lumen/ctl/")
+        if ELEMENT_CALLS.issuperset(names):
+            return one.removesuffix(names[0]) != other.removesuffix(names[1])
+        meant = [UNORDERED_CALLS] + [COMMAND_SET_UP] * self.path.startswith("lumen/ctl/")
         return any(all(map(each.fullmatch, names)) for each in meant)
 
     def calls(self, begin, end):
