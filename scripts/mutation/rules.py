@@ -146,9 +146,10 @@ class Code:
 
     def is_first_zero(self, at):
         """Whether it is the zero that a member of a class begins with."""
-        if self.word(at) != "0" or self.inside[at] in self.blocks:
+        around = self.inside[at]
+        if self.word(at) != "0" or self.word(around) != "{" or around in self.blocks:
             return False
-        if self.word(at - 1) != "=" or self.word(at + 1) != ";" or self.word(self.inside[at]) != "{":
+        if self.word(at - 1) != "=" or self.word(at + 1) != ";":
             return False
         while self.word(at) not in (";", "{", "}", ""):
             at -= 1
