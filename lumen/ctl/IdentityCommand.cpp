@@ -13,7 +13,7 @@ void addIdentityCommand(CLI::App& app, Session& session) {
   command->callback([&session] {
     const std::string identity = session.router().identity();
     if (session.json) {
-      session.print({{"identity", identity}});
+      session.print(Json::object({{"identity", identity}}));
     } else {
       session.out() << printable(identity) << '\n';
     }

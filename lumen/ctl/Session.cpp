@@ -38,7 +38,7 @@ void Session::printLine(const Json& value) {
 }
 
 void Session::finish() {
-  if (json && changes) print({{"done", std::exchange(done_, Json::array())}});
+  if (json && changes) print(Json::object({{"done", std::exchange(done_, Json::array())}}));
   changes = false;
 }
 
