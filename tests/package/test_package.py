@@ -117,7 +117,7 @@ class InstallationTest(unittest.TestCase):
                          "/etc/systemd/system/lumend.service.d/watchdog.conf && "
                          "systemctl daemon-reload && systemctl restart lumend")
         before = self.main_process()
-        self.machine.run("kill", "-STOP", before.strip())
+        self.machine.run("sh", "-c", f"kill -STOP {before.strip()}")
         wait_until(lambda: self.main_process() not in (before, "0\n"), "another lumend runs",
                    limit=60)
 
