@@ -1,6 +1,7 @@
 """The Debian package on a fresh Debian, with systemd, as an administrator uses it."""
 
 import contextlib
+import json
 import os
 import pathlib
 import re
@@ -92,6 +93,8 @@ class InstallationTest(unittest.TestCase):
         printed = self.client.upnpc("-a", self.client.address, str(PORT), str(PORT), "tcp")
         self.assertIn(f"external {WAN_ADDRESS}:{PORT} TCP is redirected", printed)
         exchange_tcp(self.network.wan, WAN_ADDRESS, PORT, self.client, PORT)
+        ports = json.loads(self.machine.run("lumenctl", "--json", "nat", "list"))
+        self.assertEqual([port["connections_so_far"] for port in ports], [1])
         status = self.machine.run("lumenctl", "status")
         self.assertIn("Gateway: on", status)
         self.assertRegex(status, rf"{PORT}/tcp +{WAN_ADDRESS} +{self.client.address}:{PORT} +open")

@@ -77,8 +77,10 @@ std::optional<RuleKey> readKey(std::string_view element) {
   const std::string address(upTo(element, " . "));
   const std::string_view protocol = upTo(element, " . ");
   RuleKey key;
-  if (protocol == protocolText(IPPROTO_TCP)) key.protocol = IPPROTO_TCP;
-  if (protocol == protocolText(IPPROTO_UDP)) key.protocol = IPPROTO_UDP;
+  // A number where /etc/protocols is missing, as on a small router.
+  for (const uint8_t known : {uint8_t{IPPROTO_TCP}, uint8_t{IPPROTO_UDP}}) {
+    if (protocol == protocolText(known) || protocol == std::to_string(known)) key.protocol = known;
+  }
   in_addr parsed{};
   const char* const last = element.data() + element.size();
   const auto [end, error] = std::from_chars(element.data(), last, key.external.port);

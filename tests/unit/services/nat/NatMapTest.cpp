@@ -98,6 +98,16 @@ TEST_F(NatMapTest, ReadsHowOftenEachPortWasUsed) {
   EXPECT_EQ(map.uses(), (Uses{{tcp, UINT64_MAX}, {udp, 0}}));
 }
 
+TEST_F(NatMapTest, KnowsTheProtocolsByTheirNumbersToo) {
+  nftables.prints("list map ip lumen forwards",
+                  "elements = { 45.45.45.1 . 6 . 80 counter packets 3 bytes 180 : 10.0.0.1 . 1,\n"
+                  "45.45.45.1 . 17 . 80 counter packets 4 bytes 180 : 10.0.0.1 . 1 }");
+  const Endpoint external{.address = inet_addr("45.45.45.1"), .port = 80};
+  using Uses = std::map<RuleKey, uint64_t>;
+  EXPECT_EQ(map.uses(), (Uses{{{.external = external, .protocol = 6}, 3},
+                              {{.external = external, .protocol = 17}, 4}}));
+}
+
 TEST_F(NatMapTest, PassesOverElementsThatItDidNotMake) {
   for (const char* element :
        {"45.45.45.256 . tcp . 80", "45.45.45.1 . sctp . 80", "45.45.45.1 . tcp . 65536",
