@@ -113,6 +113,7 @@ void Service::launch() {
 
 void Service::ended(int status) {
   pid_ = 0;
+  if (clock_.now() - startedAt_ >= goodLife) delay_ = 0;
   if (shuttingDown_) {
     log(describe(status));
     phase_ = Phase::stopped;
@@ -131,8 +132,7 @@ void Service::endedAsWished() {
 }
 
 void Service::crashed(const std::string& how, bool startAtOnce) {
-  const bool afresh = delay_ == 0 || clock_.now() - startedAt_ >= goodLife;
-  delay_ = afresh ? firstDelay : std::min(2 * delay_, longestDelay);
+  delay_ = delay_ == 0 ? firstDelay : std::min(2 * delay_, longestDelay);
   afterCrash_ = true;
   if (startAtOnce) {
     log(how + ", starts again at once");

@@ -16,7 +16,8 @@ namespace lumen {
 ///
 /// A process that has unregistered and exits with 0 was not needed any more; every other end is a
 /// crash, after which the next start is put off by a second, and by twice as long after each
-/// further crash, up to a minute. A process that ran for a minute starts the count anew.
+/// further crash, up to a minute. A process that ran for a minute, however it ended, starts the
+/// count anew.
 class Service {
  public:
   /// `processes` and `clock` must outlive this. `runDirectory` holds the lock file.
@@ -78,7 +79,7 @@ class Service {
   uint64_t startedAt_ = 0;     // on the clock
   uint64_t lockDeadline_ = 0;  // on the clock; 0: the holder has been killed
   uint64_t nextStart_ = 0;     // on the clock
-  uint32_t delay_ = 0;         // of the last back-off, in milliseconds
+  uint32_t delay_ = 0;         // of the last back-off, in milliseconds; 0: the count starts anew
   lm::Timer timer_;
 };
 

@@ -234,6 +234,32 @@ TEST_F(SupervisorTest, CountsAfreshAfterAMinuteOfRunning) {
   EXPECT_EQ(delay(), 1000U);
 }
 
+TEST_F(SupervisorTest, CountsAfreshAfterAMinuteOfRunningThatEndedWell) {
+  supervisor.boot();
+  crashUntilDelayIs(8000);
+  pass(8000);
+  pass(60'000);
+  supervisor.registered(gateway);
+  supervisor.unregistered(gateway);
+  processes.exit(processes.last(), 0);
+  EXPECT_TRUE(supervisor.need(gateway, false));
+  pass(2000);
+  crash();
+  EXPECT_EQ(delay(), 1000U);
+}
+
+TEST_F(SupervisorTest, GoesOnCountingAfterAShortLifeThatEndedWell) {
+  supervisor.boot();
+  crashUntilDelayIs(8000);
+  pass(8000);
+  supervisor.registered(gateway);
+  supervisor.unregistered(gateway);
+  processes.exit(processes.last(), 0);
+  EXPECT_TRUE(supervisor.need(gateway, false));
+  crash();
+  EXPECT_EQ(delay(), 16000U);
+}
+
 TEST_F(SupervisorTest, RefusesARequestDuringTheBackOff) {
   supervisor.boot();
   crash();
