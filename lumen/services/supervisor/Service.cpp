@@ -89,10 +89,11 @@ void Service::start() {
 void Service::retry() {
   if (phase_ == Phase::backOff) return start();
   if (processes_.lockHolder(program_.lockFile) == 0) return launch();
-  if (lockDeadline_ != 0 && clock_.now() >= lockDeadline_) {
+  if (clock_.now() >= lockDeadline_) {
     log("kills the process that an earlier lumend has left");
     processes_.killLockHolder(program_.lockFile);
-    lockDeadline_ = 0;
+    // The lock may have another holder, whom only now anybody can see.
+    lockDeadline_ = clock_.now() + lockLimit;
   }
   timer_.start<&Service::retry>(*this, hundredths(lockPoll));
 }

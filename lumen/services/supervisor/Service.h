@@ -77,7 +77,7 @@ class Service {
   bool afterCrash_ = false;
   uint32_t restarts_ = 0;
   uint64_t startedAt_ = 0;     // on the clock
-  uint64_t lockDeadline_ = 0;  // on the clock; 0: the holder has been killed
+  uint64_t lockDeadline_ = 0;  // on the clock; then the holder is killed
   uint64_t nextStart_ = 0;     // on the clock
   uint32_t delay_ = 0;         // of the last back-off, in milliseconds; 0: the count starts anew
   lm::Timer timer_;

@@ -336,8 +336,23 @@ TEST_F(SupervisorTest, KillsTheProcessThatAnEarlierLumendHasLeftAfterTenSeconds)
   pass(9'900);
   EXPECT_TRUE(processes.killed.empty());
   pass(5'000);
-  EXPECT_EQ(processes.killed, std::vector<std::string>{gatewayLock}) << "once";
+  EXPECT_EQ(processes.killed, std::vector<std::string>{gatewayLock});
   EXPECT_EQ(starts(), 0U) << "it is not gone yet";
+  processes.holders.clear();
+  pass(100);
+  EXPECT_EQ(starts(), 1U);
+}
+
+TEST_F(SupervisorTest, KillsOneHolderOfALockAfterTheOther) {
+  processes.holders[gatewayLock] = 77;
+  supervisor.boot();
+  pass(10'000);
+  processes.holders[gatewayLock] = 78;
+  pass(9'900);
+  EXPECT_EQ(processes.killed.size(), 1U);
+  pass(100);
+  EXPECT_EQ(processes.killed.size(), 2U);
+  EXPECT_EQ(starts(), 0U);
   processes.holders.clear();
   pass(100);
   EXPECT_EQ(starts(), 1U);
