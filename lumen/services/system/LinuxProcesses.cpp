@@ -75,7 +75,12 @@ class LinuxProcesses::Child {
   lm::Watch watch_;
 };
 
-LinuxProcesses::LinuxProcesses() = default;
+LinuxProcesses::LinuxProcesses() {
+  // Were it ignored, as whoever started this process may have left it, the kernel would reap the
+  // children itself, and how they ended would be lost.
+  ::signal(SIGCHLD, SIG_DFL);
+}
+
 LinuxProcesses::~LinuxProcesses() = default;
 
 bool LinuxProcesses::open(const std::string& executable) {

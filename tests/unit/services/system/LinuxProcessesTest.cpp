@@ -225,6 +225,15 @@ TEST_F(LinuxProcessesTest, RunsAnExecutableThatTheUserCannotReach) {
   EXPECT_EQ(endedStatus, 0) << output();
 }
 
+TEST_F(LinuxProcessesTest, TellsTheEndAlsoWhereItsOwnStarterIgnoredThose) {
+  ::signal(SIGCHLD, SIG_IGN);
+  LinuxProcesses inheriting;
+  inheriting.setObserver(*this);
+  ASSERT_TRUE(inheriting.start(program("/bin/false")));
+  ASSERT_TRUE(hasEnded());
+  EXPECT_EQ(WEXITSTATUS(endedStatus), 1);
+}
+
 TEST_F(LinuxProcessesTest, SaysWhatCannotBeRun) {
   testing::internal::CaptureStdout();
   EXPECT_FALSE(processes.start(program("/nowhere/program")));
