@@ -4,7 +4,7 @@
 
 /// Field keys of the address table, handler [20, 1], besides those that every table shares.
 ///
-/// Everybody who may connect reads: lm::cmd::list and readAll (paged), readObject.
+/// Every caller that may ask reads: lm::cmd::list and readAll (paged), readObject.
 ///
 /// A record: lm::key::objectId, interface, address, lm::key::disabled (the interface is not
 /// running); in the notification of a removed one disabled is false and lm::key::removed follows.

@@ -8,7 +8,7 @@
 namespace lumen {
 
 /// Who this router is: a text of 32 hexadecimal digits, made at random when the platform runs for
-/// the first time, and kept from then on. Everybody who may connect may read it.
+/// the first time, and kept from then on. Every caller that may ask may read it.
 class Identity : public LocalHandler {
  public:
   /// Key of the text in the answer to lm::cmd::get, and in the stored record.

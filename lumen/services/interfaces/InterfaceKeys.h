@@ -4,7 +4,7 @@
 
 /// Field keys of the interface table, handler [20, 0], besides those that every table shares.
 ///
-/// Everybody who may connect reads: lm::cmd::list and readAll (paged), readObject (which adds the
+/// Every caller that may ask reads: lm::cmd::list and readAll (paged), readObject (which adds the
 /// counters). lm::cmd::setObject with lm::key::disabled takes the link down or up: an administrator
 /// any, a service only one that is kept as external. An administrator keeps a name with
 /// lm::cmd::addObject, fields `name` and `role`; the reply carries its id (lm::key::objectId).
