@@ -9,7 +9,6 @@ inline constexpr uint32_t registerServices = 0x10;
 inline constexpr uint32_t subscribe = 0x11;
 inline constexpr uint32_t unsubscribe = 0x12;
 inline constexpr uint32_t unregisterServices = 0x13;
-inline constexpr uint32_t listServices = 0x14;
 
 inline constexpr uint32_t services = 0x88000001;      ///< u32 array
 inline constexpr uint32_t topicCommand = 0x08000001;  ///< u32

@@ -44,7 +44,6 @@ TEST(WireNumbers, OfTheBrokerAsProgramsSendThem) {
   EXPECT_EQ(lm::broker::subscribe, brokercmd::subscribe);
   EXPECT_EQ(lm::broker::unsubscribe, brokercmd::unsubscribe);
   EXPECT_EQ(lm::broker::unregisterServices, brokercmd::unregisterServices);
-  EXPECT_EQ(lm::broker::listServices, brokercmd::services);
   EXPECT_EQ(lm::broker::services, brokerkey::services);
   EXPECT_EQ(lm::broker::topicCommand, brokerkey::command);
   EXPECT_EQ(lm::broker::topicSource, brokerkey::path);
