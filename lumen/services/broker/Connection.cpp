@@ -71,10 +71,13 @@ Connection::Received Connection::receive() {
 }
 
 void Connection::hearOut() {
-  Received received = Received::datagram;
-  while (!dropped_ && received == Received::datagram) received = receive();
+  // Another process may have inherited the other end: what it sends from now on the kernel refuses,
+  // so that what is there comes to an end.
+  shutdown(socket_.get(), SHUT_RD);
+  while (!dropped_ && receive() == Received::datagram) {
+  }
   if (dropped_) return finish();
-  if (received == Received::end) owner_.ended(*this, {});
+  owner_.ended(*this, {});
 }
 
 Connection::Sent Connection::trySend(const std::string& datagram) {

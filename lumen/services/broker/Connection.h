@@ -40,7 +40,8 @@ class Connection {
   void send(std::string datagram);
   /// Ends the connection in the next turn of the loop; nothing is sent or received any more.
   void drop(std::string why);
-  /// Handles what the program has sent so far. Its end, when it shows, destroys the connection.
+  /// The program has ended: handles what it has sent so far, then ends the connection, whoever else
+  /// still holds the other end.
   void hearOut();
 
   [[nodiscard]] uint64_t number() const { return number_; }

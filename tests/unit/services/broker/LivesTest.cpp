@@ -1,5 +1,8 @@
+#include <sys/socket.h>
+
 #include <csignal>
 
+#include "lumen/runtime/Codec.h"
 #include "lumen/services/broker/BrokerKeys.h"
 #include "platform/Keys.h"
 #include "services/broker/BrokerFixture.h"
@@ -8,6 +11,42 @@ namespace lumen::test {
 namespace {
 
 constexpr uint32_t someCommand = 3;
+
+/// Sends a request, and the next one whenever a request is heard.
+class EndlessSender : public LocalHandler {
+ public:
+  lm::message handle(const Caller& /*caller*/, uint32_t /*command*/,
+                     const lm::message& /*request*/) override {
+    if (++heard < enough) send();
+    return {};
+  }
+  void connectionEnded(uint64_t /*connection*/) override { isEnded = true; }
+
+  /// Returns the broker's end.
+  lm::Fd connect() {
+    int ends[2] = {-1, -1};
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends), 0);
+    socket_.reset(ends[1]);
+    return lm::Fd(ends[0]);
+  }
+  /// Whether or not the broker still takes it.
+  void send() {
+    lm::message request;
+    request.insert_u32_array(lm::key::destination, {20, 6});
+    request.insert_u32(lm::key::command, someCommand);
+    request.insert_u32(lm::key::serial, 1);
+    const std::string datagram = lm::encode(request);
+    (void)::send(socket_.get(), datagram.data(), datagram.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+  }
+
+  int heard = 0;
+  bool isEnded = false;
+
+ private:
+  static constexpr int enough = 1000;  // nobody waits for ever for a test that fails
+
+  lm::Fd socket_;
+};
 
 /// Requests to a service that comes and goes.
 class Lives : public BrokerTest {
@@ -201,6 +240,29 @@ TEST_F(Lives, AreJudgedAfterTheirLastWords) {
   EXPECT_EQ(client.receive()->get_string(7), "done");
   pass(120'000);
   EXPECT_EQ(processes.started.size(), 1U) << "it was not needed any more";
+}
+
+TEST_F(Lives, EndAlthoughAnotherProcessHoldsTheirConnection) {
+  connectAdministrator().ask({gateway, 0}, someCommand);
+  settle();
+  Program inherited = startedGateway();
+  processes.dieBySignal(processes.last(), SIGKILL);
+  EXPECT_TRUE(inherited.receive());
+  EXPECT_TRUE(inherited.isDisconnected());
+  EXPECT_EQ(stateInList(), "waiting");
+  pass(1'000);
+  const Program next = startedGateway();
+  EXPECT_EQ(stateInList(), "running");
+}
+
+TEST_F(Lives, EndAlthoughAnotherProcessGoesOnSending) {
+  EndlessSender sender;
+  broker.addLocal(20, 6, sender);
+  broker.admit(sender.connect(), {processes.last(), gatewayUser, {100}});
+  sender.send();
+  processes.exit(processes.last(), 0);
+  EXPECT_EQ(sender.heard, 1);
+  EXPECT_TRUE(sender.isEnded);
 }
 
 TEST_F(Lives, MakeRoomForTheNextOneWhenTheyCrash) {
