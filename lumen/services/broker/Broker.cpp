@@ -69,11 +69,11 @@ void Broker::received(Connection& from, std::string_view datagram) {
   if (!message) return from.drop("sent no message: " + reason);
   const bool hasCommand = has(*message, lm::key::command);
   const bool hasSerial = has(*message, lm::key::serial);
-  const bool hasDestination = !message->get_u32_array_ref(lm::key::destination).empty();
   if (has(*message, lm::key::isReply)) {
     if (hasSerial && message->get_bool(lm::key::isReply)) return reply(from, std::move(*message));
-  } else if (hasDestination) {
-    if (hasSerial && hasCommand) return request(from, std::move(*message));
+  } else if (has(*message, lm::key::destination)) {
+    const bool isPath = !message->get_u32_array_ref(lm::key::destination).empty();
+    if (isPath && hasSerial && hasCommand) return request(from, std::move(*message));
   } else if (hasCommand && has(*message, lm::key::source)) {
     return notification(from, std::move(*message));
   }

@@ -116,6 +116,22 @@ TEST_F(BadProgram, IsDisconnectedForAMessageThatIsNothing) {
   }
 }
 
+// Whoever gets it would carry it out as a request.
+TEST_F(BadProgram, IsDisconnectedForANotificationWithAnEmptyDestination) {
+  Program victim = connectAdministrator();
+  subscribe(victim, lm::cmd::set, {gateway, 0});
+  testing::internal::CaptureStdout();
+  Program program = connect(gatewayUser);
+  lm::message m;
+  m.insert_u32_array(lm::key::destination, {});
+  program.notify(lm::cmd::set, 0, m);
+  settle();
+  EXPECT_TRUE(program.isDisconnected());
+  const std::string log = testing::internal::GetCapturedStdout();
+  EXPECT_NE(log.find("sent neither request, notification nor reply"), std::string::npos) << log;
+  EXPECT_FALSE(victim.receive());
+}
+
 TEST_F(BadProgram, WhoseBytesAreRandomHarmsNobody) {
   testing::internal::CaptureStdout();
   std::mt19937 random(1);
