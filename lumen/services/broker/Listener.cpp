@@ -55,6 +55,9 @@ void Listener::ready(int fd) {
     const std::optional<Peer> peer = readPeer(client.get());
     if (peer) broker_.admit(std::move(client), *peer);
   }
+  // More may wait. To the loop a callback that keeps no client has accepted none, and these may all
+  // have been refused: it does not judge a watch that begins anew.
+  watch_.start<&Listener::ready>(fd, *this, lm::watchRead);
 }
 
 }  // namespace lumen

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -106,6 +107,23 @@ TEST_F(ListenerTest, AcceptsAllThatWait) {
   const bool refused = programs[0].isDisconnected();
   for (Program& program : programs) EXPECT_EQ(program.isDisconnected(), refused);
   EXPECT_EQ(refused, getuid() != 0);
+}
+
+TEST_F(ListenerTest, DoesNotPauseWhenMoreAreRefusedThanItTakesAtATime) {
+  Listener listener(broker);
+  ASSERT_EQ(listener.listen(path()), "");
+  whileRefused({SCMP_SYS(getsockopt), SOL_SOCKET, SO_PEERCRED}, EPERM, [&] {
+    std::deque<Program> waiting;
+    for (int turn = 0; turn < 4; ++turn) {
+      for (lm::Fd client = connectTo(); client.valid(); client = connectTo()) {
+        waiting.emplace_back(std::move(client));
+      }
+      settle(1);
+      EXPECT_TRUE(waiting.front().isDisconnected()) << "turn " << turn;
+      while (!waiting.empty() && waiting.front().isDisconnected()) waiting.pop_front();
+      EXPECT_FALSE(waiting.empty()) << "the queue is longer than what is taken at a time";
+    }
+  });
 }
 
 TEST(PeerTest, IsWhoConnected) {
