@@ -77,8 +77,11 @@ std::string RouteKeeper::takeDown(const std::string& name, uint32_t index) {
 void RouteKeeper::putBack(const std::string& name, uint32_t index) {
   const auto saved = saved_.find(name);
   if (saved == saved_.end()) return;
-  const auto now = links_.read(index);
-  if (!now || !now->link.running || now->link.name != name) return;
+  const auto runs = [&] {
+    const auto now = links_.read(index);
+    return now && now->link.running && now->link.name == name;
+  };
+  if (!runs()) return;
   std::vector<Route> open = saved->second.routes;
   // A route can need any other one; each round that put one back gives the rest another chance.
   std::map<int, size_t> refused;  // errno -> routes
@@ -92,10 +95,13 @@ void RouteKeeper::putBack(const std::string& name, uint32_t index) {
     };
     progress = std::erase_if(open, settled) > 0;
   }
+  // It stopped meanwhile: the kernel has dropped also what was put back. Its next start tries
+  // again.
+  if (!runs()) return;
   for (const auto& [error, count] : refused) {
     lm::logLine("interface ", name, ": ", count, " saved routes not put back: ", strerror(error));
   }
-  (void)save(name, {});
+  (void)save(name, refused.contains(EIO) ? std::move(open) : std::vector<Route>());
 }
 
 void RouteKeeper::forget(const std::string& name) {

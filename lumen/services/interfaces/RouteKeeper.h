@@ -30,8 +30,9 @@ class RouteKeeper {
   /// an empty text.
   [[nodiscard]] std::string takeDown(const std::string& name, uint32_t index);
 
-  /// Puts the saved routes back if the link really runs now; they are then saved no more. One that
-  /// the kernel refuses is logged.
+  /// Puts the saved routes back if the link really runs now; they are then saved no more, unless
+  /// the link stopped meanwhile or the kernel could not be asked. One that the kernel refuses is
+  /// logged.
   void putBack(const std::string& name, uint32_t index);
 
   /// Drops the saved routes of a link that has left for good.

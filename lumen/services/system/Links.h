@@ -100,8 +100,8 @@ class Links {
   [[nodiscard]] virtual std::optional<std::vector<Route>> routes(uint32_t index) = 0;
 
   /// Puts a route back, by the link `index` where it left by `route.link`. Returns 0 or the
-  /// kernel's errno, which is EEXIST when there is such a route, and EINVAL for a content that is
-  /// no route.
+  /// kernel's errno, which is EEXIST when there is such a route, EINVAL for a content that is no
+  /// route, and EIO when the kernel could not be asked.
   [[nodiscard]] virtual int addRoute(const Route& route, uint32_t index) = 0;
 };
 

@@ -251,6 +251,39 @@ TEST_F(LinkSwitch, LogsTheRoutesThatTheKernelDoesNotTakeBack) {
   EXPECT_EQ(kernel.takeCalls(), Lines{}) << "they are not tried for ever";
 }
 
+TEST_F(LinkSwitch, KeepsTheRoutesWhenTheLinkStopsWhileTheyArePutBack) {
+  kernel.getsRoute("wan0", "on-link");
+  kernel.getsRoute("wan0", "default", true);
+  wanGoesDown();
+  kernel.refusesRoute = [&](const std::string& content) {
+    if (content == "on-link") return 0;
+    kernel.all.links[kernel.indexOf("wan0")].running = false;
+    return ENETDOWN;
+  };
+  kernel.becomes("wan0", true, true);
+  EXPECT_EQ(kernel.takeCalls(), (Lines{"route on-link by 3", "route default by 3 refused",
+                                       "route default by 3 refused"}));
+  kernel.becomes("wan0", false, false);
+  kernel.refusesRoute = [](const std::string&) { return 0; };
+  kernel.becomes("wan0", true, true);
+  EXPECT_EQ(kernel.takeCalls(), (Lines{"route on-link by 3", "route default by 3"}));
+}
+
+TEST_F(LinkSwitch, KeepsTheRoutesThatTheKernelCouldNotBeAskedFor) {
+  kernel.getsRoute("wan0", "on-link");
+  kernel.getsRoute("wan0", "default", true);
+  wanGoesDown();
+  kernel.refusesRoute = [](const std::string& content) { return content == "default" ? EIO : 0; };
+  testing::internal::CaptureStdout();
+  kernel.becomes("wan0", true, true);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "interface wan0: 1 saved routes not put back: Input/output error\n");
+  (void)kernel.takeCalls();
+  kernel.refusesRoute = [](const std::string&) { return 0; };
+  kernel.becomes("wan0", true, true);
+  EXPECT_EQ(kernel.takeCalls(), Lines{"route default by 3"});
+}
+
 TEST_F(LinkSwitch, SavesAsManyRoutesAsARecordHolds) {
   for (int i = 0; i < 2000; ++i) kernel.getsRoute("wan0", std::string(68, 'r'));
   testing::internal::CaptureStdout();
