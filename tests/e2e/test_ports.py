@@ -128,12 +128,17 @@ class PortTest(RouterCase):
 
     def test_policy_refuses_ports_and_clients_with_a_reason(self):
         host = self.lan[0]
+        self.network.router.ip("address", "add", "192.168.88.53/32", "dev", "lo")
         for port, client in ((80, host.address), (8080, "192.168.88.1"), (8080, "8.8.8.8"),
-                             (8080, self.wan.address), (8080, "192.168.88.255")):
+                             (8080, self.wan.address), (8080, "192.168.88.255"),
+                             (8080, "192.168.88.53")):
             with self.subTest(port=port, client=client), self.assertRaises(SoapError) as refused:
                 host.open_port(port, "TCP", client=client)
             self.assertEqual(refused.exception.code, 501)
-        self.assertEqual(self.router.log().count("add nat failed: "), 5)
+        self.assertEqual(self.router.log().count("add nat failed: "), 6)
+        self.router.lumenctl("nat", "policy", "set", "internal-clients=192.168.88.0/24")
+        with self.assertRaises(SoapError):
+            host.open_port(8080, "UDP", client="192.168.88.255")
         self.assertEqual(self.router.ports(), {})
 
     def test_the_administrator_closes_a_port(self):

@@ -18,14 +18,14 @@ enum class Place { outside, host, reserved };
 
 /// Where `host` lies with regard to the network of an address.
 Place placeIn(const LinkAddress& network, uint32_t host) {
+  if (network.broadcast != 0 && host == network.broadcast) return Place::reserved;
   if (network.prefixLength == 32) return host == network.network ? Place::host : Place::outside;
   const auto hostBits = static_cast<uint32_t>((uint64_t{1} << (32 - network.prefixLength)) - 1);
   const uint32_t number = ntohl(host);
   if (((number ^ ntohl(network.network)) & ~hostBits) != 0) return Place::outside;
   if (network.prefixLength == 31) return Place::host;
   const uint32_t hostPart = number & hostBits;
-  const bool broadcast = network.broadcast != 0 && host == network.broadcast;
-  return hostPart == 0 || hostPart == hostBits || broadcast ? Place::reserved : Place::host;
+  return hostPart == 0 || hostPart == hostBits ? Place::reserved : Place::host;
 }
 
 }  // namespace
@@ -106,22 +106,28 @@ std::optional<uint32_t> AddressTable::interfaceOf(uint32_t address) const {
   return place->first.second;
 }
 
+bool AddressTable::isOwn(uint32_t address) const {
+  return interfaceOf(address) || std::ranges::any_of(loopback_, [address](const auto& network) {
+           return placeIn(network, address) != Place::outside;
+         });
+}
+
+bool AddressTable::isReserved(uint32_t address) const {
+  return std::ranges::any_of(entries_, [address](const auto& item) {
+    return std::ranges::any_of(item.second.networks, [address](const LinkAddress& network) {
+      return placeIn(network, address) == Place::reserved;
+    });
+  });
+}
+
 std::optional<uint32_t> AddressTable::interfaceTowards(uint32_t host) const {
-  if (interfaceOf(host)) return std::nullopt;
+  if (isOwn(host) || isReserved(host)) return std::nullopt;
   std::optional<std::pair<uint32_t, uint32_t>> best;  // what the prefix lacks to 32, interface
   for (const auto& [id, entry] : entries_) {
     for (const LinkAddress& network : entry.networks) {
-      switch (placeIn(network, host)) {
-        case Place::outside:
-          break;
-        case Place::reserved:
-          return std::nullopt;
-        case Place::host: {
-          const std::pair candidate(32 - network.prefixLength, entry.interface);
-          best = best ? std::min(*best, candidate) : candidate;
-          break;
-        }
-      }
+      if (placeIn(network, host) != Place::host) continue;
+      const std::pair candidate(32 - network.prefixLength, entry.interface);
+      best = best ? std::min(*best, candidate) : candidate;
     }
   }
   if (!best) return std::nullopt;

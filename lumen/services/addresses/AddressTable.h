@@ -40,10 +40,18 @@ class AddressTable : public LocalHandler, public LocalNetworks {
   /// Tells all addresses of the interface, which is or is not running.
   void announce(uint32_t interface, bool running);
 
+  // The addresses of the loopback. They are no objects: nobody is told of them.
+  void addLoopback(const LinkAddress& address) { loopback_.insert(address); }
+  void removeLoopback(const LinkAddress& address) { loopback_.erase(address); }
+  void replaceLoopback(const std::set<LinkAddress>& addresses) { loopback_ = addresses; }
+
   /// Of several interfaces with the same address the one with the lowest id.
   [[nodiscard]] std::optional<uint32_t> interfaceOf(uint32_t address) const override;
+  /// The kernel takes the whole network of an address of the loopback for its own.
+  [[nodiscard]] bool isOwn(uint32_t address) const override;
+  [[nodiscard]] bool isReserved(uint32_t address) const override;
   /// Of several networks the one with the longest prefix, then the one whose interface has the
-  /// lowest id. None for an address of this router itself. A network of a single address holds the
+  /// lowest id. A network of a single address holds the
   /// peer of a point-to-point link or nobody; one of two addresses holds both (RFC 3021).
   [[nodiscard]] std::optional<uint32_t> interfaceTowards(uint32_t host) const override;
 
@@ -68,6 +76,7 @@ class AddressTable : public LocalHandler, public LocalNetworks {
   uint32_t lastId_ = 0;
   std::map<uint32_t, Entry> entries_;                         // by id
   std::map<std::pair<uint32_t, uint32_t>, uint32_t> places_;  // address, interface -> id
+  std::set<LinkAddress> loopback_;
 };
 
 }  // namespace lumen

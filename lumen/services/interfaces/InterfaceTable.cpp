@@ -159,11 +159,14 @@ void InterfaceTable::tablesRead(const LinkSnapshot& all) {
   }
   for (const uint32_t index : gone) linkGone(index);
   for (const auto& [index, link] : all.links) linkChanged(link);
+  const auto held = [&all](uint32_t index) {
+    const auto it = all.addresses.find(index);
+    return it == all.addresses.end() ? std::set<LinkAddress>() : it->second;
+  };
   for (const auto& [index, id] : byIndex_) {
-    const auto held = all.addresses.find(index);
-    addresses_.replace(id, interfaces_[id].link.running,
-                       held == all.addresses.end() ? std::set<LinkAddress>() : held->second);
+    addresses_.replace(id, interfaces_[id].link.running, held(index));
   }
+  addresses_.replaceLoopback(held(loopback_));
   routes_.forgetAllBut([this](const std::string& name) {
     return std::any_of(interfaces_.begin(), interfaces_.end(),
                        [&](const auto& item) { return item.second.name == name; });
@@ -171,7 +174,10 @@ void InterfaceTable::tablesRead(const LinkSnapshot& all) {
 }
 
 void InterfaceTable::linkChanged(const Link& link) {
-  if (link.loopback) return;
+  if (link.loopback) {
+    loopback_ = link.index;
+    return;
+  }
   std::set<LinkAddress> carried;
   const auto known = byIndex_.find(link.index);
   if (known != byIndex_.end() && interfaces_[known->second].name != link.name) {
@@ -205,12 +211,14 @@ void InterfaceTable::linkGone(uint32_t index) {
 }
 
 void InterfaceTable::addressAdded(uint32_t index, const LinkAddress& address) {
+  if (index == loopback_) addresses_.addLoopback(address);
   const auto known = byIndex_.find(index);
   if (known == byIndex_.end()) return;
   addresses_.add(known->second, interfaces_[known->second].link.running, address);
 }
 
 void InterfaceTable::addressRemoved(uint32_t index, const LinkAddress& address) {
+  if (index == loopback_) addresses_.removeLoopback(address);
   const auto known = byIndex_.find(index);
   if (known != byIndex_.end()) addresses_.remove(known->second, address);
 }

@@ -77,6 +77,7 @@ class InterfaceTable : public LocalHandler, private Links::Listener {
   InterfaceIds ids_;
   Interfaces interfaces_;                 // by id
   std::map<uint32_t, uint32_t> byIndex_;  // kernel index -> id
+  uint32_t loopback_ = 0;                 // kernel index; 0: not seen yet
 };
 
 }  // namespace lumen

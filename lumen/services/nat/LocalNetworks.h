@@ -14,8 +14,16 @@ class LocalNetworks {
   /// whose interface is not running counts.
   [[nodiscard]] virtual std::optional<uint32_t> interfaceOf(uint32_t address) const = 0;
 
+  /// Whether what is sent to `address` stays on this router: an interface holds it, or the
+  /// loopback.
+  [[nodiscard]] virtual bool isOwn(uint32_t address) const = 0;
+
+  /// Whether `address` is the own address of a directly connected network or its broadcast address.
+  /// What is sent there reaches many, this router among them.
+  [[nodiscard]] virtual bool isReserved(uint32_t address) const = 0;
+
   /// The id of the interface whose own network `host` lies in; none when it is not directly
-  /// connected, or is the network's own address or its broadcast address.
+  /// connected, isOwn() or isReserved().
   [[nodiscard]] virtual std::optional<uint32_t> interfaceTowards(uint32_t host) const = 0;
 };
 

@@ -175,7 +175,7 @@ std::string Policy::refusal(const RuleKey& key, const Endpoint& client,
   }
   std::string host = "internal client " + addressText(client.address);
   if (!isUnicastHost(client.address)) return host + " is not the address of a host";
-  if (networks.interfaceOf(client.address)) return host + " is this router";
+  if (networks.isOwn(client.address)) return host + " is this router";
   auto side = networks.interfaceTowards(client.address);
   if (side && side == networks.interfaceOf(key.external.address)) {
     return host + " is on the side of the external address";
@@ -183,6 +183,7 @@ std::string Policy::refusal(const RuleKey& key, const Endpoint& client,
   if (!internalClients.contains(client.address, side.has_value())) {
     return host + " is not allowed by the policy" + (side ? "" : ": it is not directly connected");
   }
+  if (networks.isReserved(client.address)) return host + " is not the address of a host";
   return {};
 }
 

@@ -62,8 +62,8 @@ struct Policy {
   /// what is wrong; nothing changed then.
   [[nodiscard]] std::optional<std::string> set(std::string_view name, std::string_view value);
 
-  /// Why the rule may not be opened; empty when it may. A client is never the router itself, nor on
-  /// the side of the external address.
+  /// Why the rule may not be opened; empty when it may. A client is never the router itself, nor
+  /// in a network on the side of the external address.
   [[nodiscard]] std::string refusal(const RuleKey& key, const Endpoint& client,
                                     const LocalNetworks& networks) const;
 };

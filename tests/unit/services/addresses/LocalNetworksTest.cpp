@@ -26,6 +26,8 @@ class LocalNetworksTest : public testing::Test {
   std::optional<uint32_t> towards(const char* host) const {
     return table.interfaceTowards(inet_addr(host));
   }
+  bool own(const char* address) const { return table.isOwn(inet_addr(address)); }
+  bool reserved(const char* address) const { return table.isReserved(inet_addr(address)); }
 
   RecordingNotifier notifier;
   AddressTable table{notifier};
@@ -71,6 +73,11 @@ TEST_F(LocalNetworksTest, DoNotHoldTheNetworksOwnAndItsBroadcastAddress) {
   has(lan, "192.168.1.1/24");
   EXPECT_EQ(towards("192.168.1.0"), std::nullopt);
   EXPECT_EQ(towards("192.168.1.255"), std::nullopt);
+  EXPECT_TRUE(reserved("192.168.1.0"));
+  EXPECT_TRUE(reserved("192.168.1.255"));
+  EXPECT_FALSE(reserved("192.168.1.1"));
+  EXPECT_FALSE(reserved("192.168.1.254"));
+  EXPECT_FALSE(reserved("192.168.2.255"));
 }
 
 TEST_F(LocalNetworksTest, DoNotHoldABroadcastAddressOfAnotherForm) {
@@ -79,6 +86,16 @@ TEST_F(LocalNetworksTest, DoNotHoldABroadcastAddressOfAnotherForm) {
   table.add(lan, true, address);
   EXPECT_EQ(towards("192.168.1.127"), std::nullopt);
   EXPECT_EQ(towards("192.168.1.126"), lan);
+  EXPECT_TRUE(reserved("192.168.1.127"));
+}
+
+TEST_F(LocalNetworksTest, DoNotHoldABroadcastAddressOutsideTheNetwork) {
+  LinkAddress address = linkAddress("192.168.1.1/25");
+  address.broadcast = inet_addr("192.168.1.255");
+  table.add(lan, true, address);
+  has(wan, "192.168.0.1/16");
+  EXPECT_EQ(towards("192.168.1.255"), std::nullopt);
+  EXPECT_TRUE(reserved("192.168.1.255"));
 }
 
 TEST_F(LocalNetworksTest, DoNotHoldTheRoutersOwnAddresses) {
@@ -86,6 +103,29 @@ TEST_F(LocalNetworksTest, DoNotHoldTheRoutersOwnAddresses) {
   has(lan, "192.168.1.2/24");
   EXPECT_EQ(towards("192.168.1.1"), std::nullopt);
   EXPECT_EQ(towards("192.168.1.2"), std::nullopt);
+  EXPECT_TRUE(own("192.168.1.1"));
+  EXPECT_FALSE(own("192.168.1.3"));
+}
+
+TEST_F(LocalNetworksTest, TakeWhatTheLoopbackHoldsForTheRouters) {
+  has(lan, "192.168.1.1/24");
+  table.addLoopback(linkAddress("192.168.1.53/32"));
+  EXPECT_TRUE(own("192.168.1.53"));
+  EXPECT_EQ(towards("192.168.1.53"), std::nullopt);
+  EXPECT_EQ(holderOf("192.168.1.53"), std::nullopt) << "no port is opened on it";
+  EXPECT_FALSE(own("192.168.1.54"));
+  table.removeLoopback(linkAddress("192.168.1.53/32"));
+  EXPECT_FALSE(own("192.168.1.53"));
+  EXPECT_EQ(towards("192.168.1.53"), lan);
+}
+
+TEST_F(LocalNetworksTest, TakeAWholeNetworkOnTheLoopbackForTheRouters) {
+  table.addLoopback(linkAddress("10.9.0.1/24"));
+  EXPECT_TRUE(own("10.9.0.0"));
+  EXPECT_TRUE(own("10.9.0.77"));
+  EXPECT_TRUE(own("10.9.0.255"));
+  EXPECT_FALSE(own("10.9.1.1"));
+  EXPECT_FALSE(reserved("10.9.0.255"));
 }
 
 TEST_F(LocalNetworksTest, HoldBothHostsOfANetworkOfTwo) {

@@ -1,3 +1,4 @@
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include "lumen/runtime/Codec.h"
@@ -316,6 +317,27 @@ TEST_F(InterfaceTableTest, TellsNothingOfTheLoopback) {
   kernel.getsAddress("lo", "127.0.0.1/8");
   kernel.losesAddress("lo", "127.0.0.1/8");
   kernel.leaves("lo");
+  EXPECT_EQ(notified(), Lines{});
+}
+
+TEST_F(InterfaceTableTest, KnowsWhatTheLoopbackHolds) {
+  const auto own = [this](const char* address) { return addressTable->isOwn(inet_addr(address)); };
+  kernel.appears("lo", true, true, 772);
+  kernel.getsAddress("lo", "192.168.1.53/32");
+  starts();
+  EXPECT_TRUE(own("192.168.1.53"));
+  kernel.getsAddress("lo", "192.168.1.54/32");
+  EXPECT_TRUE(own("192.168.1.54"));
+  kernel.losesAddress("lo", "192.168.1.54/32");
+  EXPECT_FALSE(own("192.168.1.54"));
+
+  kernel.silent = true;
+  kernel.losesAddress("lo", "192.168.1.53/32");
+  kernel.getsAddress("lo", "192.168.1.55/32");
+  kernel.silent = false;
+  kernel.readsEverything();
+  EXPECT_FALSE(own("192.168.1.53"));
+  EXPECT_TRUE(own("192.168.1.55"));
   EXPECT_EQ(notified(), Lines{});
 }
 

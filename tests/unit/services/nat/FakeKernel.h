@@ -86,17 +86,30 @@ class FakeNetworks : public LocalNetworks {
   }
 
   [[nodiscard]] std::optional<uint32_t> interfaceTowards(uint32_t host) const override {
-    if (interfaceOf(host)) return std::nullopt;
-    uint32_t network = ntohl(host) & 0xFFFFFF00;
-    uint32_t last = ntohl(host) & 0xFF;
-    if (last == 0 || last == 255) return std::nullopt;
-    if (network == 0x2D2D2D00) return 1;
-    if (network == 0xC0A85800) return 2;
-    return std::nullopt;
+    if (isOwn(host) || isReserved(host)) return std::nullopt;
+    return interfaceWith(host);
+  }
+
+  [[nodiscard]] bool isOwn(uint32_t address) const override {
+    return addresses.contains(address) || loopback.contains(address);
+  }
+
+  [[nodiscard]] bool isReserved(uint32_t address) const override {
+    uint32_t last = ntohl(address) & 0xFF;
+    return interfaceWith(address) && (last == 0 || last == 255);
   }
 
   std::map<uint32_t, uint32_t> addresses = {{inet_addr("45.45.45.1"), 1},
                                             {inet_addr("192.168.88.1"), 2}};
+  std::set<uint32_t> loopback;
+
+ private:
+  static std::optional<uint32_t> interfaceWith(uint32_t address) {
+    uint32_t network = ntohl(address) & 0xFFFFFF00;
+    if (network == 0x2D2D2D00) return 1;
+    if (network == 0xC0A85800) return 2;
+    return std::nullopt;
+  }
 };
 
 }  // namespace lumen::test

@@ -61,6 +61,21 @@ TEST(Policy, NeverAllowsTheRouterNorTheSideOfTheExternalAddress) {
             "internal client 192.168.88.1 is this router");
   EXPECT_EQ(policy.refusal(key, {inet_addr("239.255.255.250"), 80}, networks),
             "internal client 239.255.255.250 is not the address of a host");
+  networks.loopback = {inet_addr("192.168.88.53")};
+  EXPECT_EQ(policy.refusal(key, {inet_addr("192.168.88.53"), 80}, networks),
+            "internal client 192.168.88.53 is this router");
+}
+
+TEST(Policy, NeverAllowsAnAddressThatTheRouterHearsTogetherWithOthers) {
+  FakeNetworks networks;
+  Policy policy;
+  RuleKey key{.external = {.address = inet_addr("45.45.45.1"), .port = 8080}, .protocol = 17};
+  ASSERT_EQ(policy.set("internal-clients", "192.168.88.0/24, 45.45.45.0/24"), std::nullopt);
+  for (const std::string address :
+       {"192.168.88.255", "192.168.88.0", "45.45.45.255", "45.45.45.0"}) {
+    EXPECT_EQ(policy.refusal(key, {inet_addr(address.c_str()), 53}, networks),
+              "internal client " + address + " is not the address of a host");
+  }
 }
 
 TEST(Policy, SaysWhatIsWrongWithAValueAndKeepsTheOldOne) {

@@ -231,6 +231,17 @@ TEST_F(NetlinkLinksTest, FollowsAddresses) {
   EXPECT_TRUE(waitFor([&] { return addresses() == "wan0=10.0.0.1 disabled=0, "; }));
 }
 
+TEST_F(NetlinkLinksTest, FollowsTheAddressesOfTheLoopbackWithoutListingThem) {
+  const auto own = [this](const char* address) { return addressTable->isOwn(inet_addr(address)); };
+  ip("addr add 192.168.88.53/32 dev lo");
+  starts();
+  EXPECT_TRUE(waitFor([&] { return own("192.168.88.53"); }));
+  ip("addr add 192.168.88.54/32 dev lo");
+  ip("addr del 192.168.88.53/32 dev lo");
+  EXPECT_TRUE(waitFor([&] { return own("192.168.88.54") && !own("192.168.88.53"); }));
+  EXPECT_EQ(addresses(), "");
+}
+
 TEST_F(NetlinkLinksTest, KeepsAPortThatLeavesItsBridge) {
   hasPair("wan0");
   ip("link add br0 type bridge");
