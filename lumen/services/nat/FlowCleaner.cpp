@@ -38,6 +38,7 @@ void FlowCleaner::sweep() {
   sweeping_ = true;
   began_ = clock_.now();
   swept_ = std::exchange(pending_, {});
+  swept_.merge(std::exchange(missed_, {}));
   flows_.sweepUdp(swept_, *this);
 }
 
@@ -45,8 +46,9 @@ bool FlowCleaner::ends(const Flow& flow) {
   return ports_.udpClient(flow.destination) != flow.responder;
 }
 
-void FlowCleaner::swept() {
+void FlowCleaner::swept(bool complete) {
   sweeping_ = false;
+  if (!complete) missed_ = std::exchange(swept_, {});
   for (const Endpoint& external : std::exchange(swept_, {})) {
     if (!ports_.udpClient(external) && !pending_.contains(external)) marks_.clear(external);
   }

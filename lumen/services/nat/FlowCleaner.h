@@ -19,7 +19,8 @@ namespace lumen {
 /// the flows of a lumend that was killed are ended by the next one.
 ///
 /// A sweep walks the kernel's whole table, so that a row of changes shares one; sweeps take at most
-/// a tenth of the time.
+/// a tenth of the time. The ports of one that failed are swept again with the next, which a change
+/// or the next lumend brings about.
 class FlowCleaner : private Flows::Sweeper {
  public:
   /// What the cleaner must know of the open ports.
@@ -45,14 +46,14 @@ class FlowCleaner : private Flows::Sweeper {
   /// event loop.
   void changed(const Endpoint& external);
 
-  /// Whether all flows have been looked at.
+  /// Whether all flows have been looked at, as far as that could be done.
   [[nodiscard]] bool idle() const { return !sweeping_ && pending_.empty(); }
 
  private:
   void schedule();
   void sweep();
   bool ends(const Flow& flow) override;
-  void swept() override;
+  void swept(bool complete) override;
 
   Flows& flows_;
   const OpenPorts& ports_;
@@ -60,6 +61,7 @@ class FlowCleaner : private Flows::Sweeper {
   const lm::Clock& clock_;
   std::set<Endpoint> pending_;  // for the next sweep
   std::set<Endpoint> swept_;    // by the sweep that is under way
+  std::set<Endpoint> missed_;   // by a sweep that was not complete; the next one looks at them too
   bool sweeping_ = false;
   uint64_t began_ = 0;  // of the sweep that is under way or was the last, milliseconds
   uint64_t rest_ = 0;   // no sweep before this time, milliseconds

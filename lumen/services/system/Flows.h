@@ -31,8 +31,9 @@ class Flows {
     virtual ~Sweeper() = default;
     /// Whether the flow must end.
     [[nodiscard]] virtual bool ends(const Flow& flow) = 0;
-    /// The sweep is over, complete or broken off by an error, which is in the log.
-    virtual void swept() = 0;
+    /// The sweep is over. Not `complete`: because of an error, which is in the log, some flows were
+    /// not offered or not ended.
+    virtual void swept(bool complete) = 0;
   };
 
   virtual ~Flows() = default;

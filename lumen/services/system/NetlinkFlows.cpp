@@ -205,6 +205,7 @@ class NetlinkFlows::Sweep {
     if (!request.sendOn(killer_.get()) ||
         mnl_socket_recvfrom(killer_.get(), answer, sizeof answer) < 0) {
       lm::logLine("conntrack delete: ", std::strerror(errno));
+      allEnded_ = false;
     }
     // An error in the answer is a flow that has ended by itself.
   }
@@ -212,8 +213,9 @@ class NetlinkFlows::Sweep {
   void end() {
     watch_.stop();
     Sweeper& sweeper = sweeper_;
+    const bool complete = allEnded_ && dump_.state() == Dump::State::complete;
     flows_.sweep_.reset();  // destroys *this
-    sweeper.swept();
+    sweeper.swept(complete);
   }
 
   NetlinkFlows& flows_;
@@ -221,6 +223,7 @@ class NetlinkFlows::Sweep {
   std::set<Endpoint> destinations_;
   Socket killer_;  // for the deletions, each waits for its answer
   Dump dump_;
+  bool allEnded_ = true;  // of the flows that had to end
   lm::Watch watch_;
   lm::Timer failed_;
 };

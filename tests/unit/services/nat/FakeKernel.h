@@ -63,8 +63,10 @@ class FakeFlows : public Flows {
       return flow.protocol == 17 && sweeps.back().contains(flow.destination) &&
              sweeper_->ends(flow);
     });
-    std::exchange(sweeper_, nullptr)->swept();
+    std::exchange(sweeper_, nullptr)->swept(true);
   }
+  /// The sweep that is under way ends by an error, having judged nothing.
+  void failSweep() { std::exchange(sweeper_, nullptr)->swept(false); }
 
   [[nodiscard]] bool sweeping() const { return sweeper_ != nullptr; }
 

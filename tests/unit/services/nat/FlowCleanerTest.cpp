@@ -195,6 +195,28 @@ TEST_F(FlowCleanerTest, EndsTheFlowsThatAKilledLumendHasLeft) {
   EXPECT_EQ(marks.all(), std::set<Endpoint>{at("45.45.45.1", 8081)});
 }
 
+TEST_F(FlowCleanerTest, SweepsThePortsOfAFailedSweepAgainWithTheNext) {
+  const std::set<Endpoint> both = {at("45.45.45.1", 5000), at("45.45.45.1", 5001)};
+  uint32_t id = opens({.protocol = "udp", .port = 5000});
+  sweepRuns();
+  flows.flows = {udp(5000, "192.168.88.10", 80)};
+  EXPECT_EQ(removes(id), "");
+  passes(100);
+  flows.failSweep();
+  EXPECT_TRUE(rules.flowsEnded()) << "nothing waits for what fails";
+  passes(10000);
+  EXPECT_FALSE(flows.sweeping()) << "until a port changes";
+  opens({.protocol = "udp", .port = 5001});
+  EXPECT_EQ(marks.all(), both);
+  sweepRuns();
+  EXPECT_EQ(flows.sweeps.back(), both);
+  EXPECT_TRUE(flows.flows.empty());
+  EXPECT_EQ(marks.all(), std::set<Endpoint>{at("45.45.45.1", 5001)});
+  opens({.protocol = "udp", .port = 5002});
+  passes(100);
+  EXPECT_EQ(flows.sweeps.back(), std::set<Endpoint>{at("45.45.45.1", 5002)});
+}
+
 TEST_F(FlowCleanerTest, IsIdleOnceAllFlowsHaveBeenLookedAt) {
   EXPECT_TRUE(rules.flowsEnded());
   opens({.protocol = "udp", .port = 5000});

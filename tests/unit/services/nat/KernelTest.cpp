@@ -366,7 +366,10 @@ TEST_F(NatFlowsTest, EndsASweepThatCannotBegin) {
   class Once : public Flows::Sweeper {
    public:
     bool ends(const Flow&) override { return false; }
-    void swept() override { ++times; }
+    void swept(bool complete) override {
+      ++times;
+      EXPECT_FALSE(complete);
+    }
     int times = 0;
   } sweeper;
   lm::test::OutputCapture log;
@@ -392,8 +395,12 @@ TEST_F(NatFlowsTest, SaysWhenAFlowCannotBeEnded) {
   class Ender : public Flows::Sweeper {
    public:
     bool ends(const Flow&) override { return true; }
-    void swept() override { done = true; }
+    void swept(bool isComplete) override {
+      done = true;
+      complete = isComplete;
+    }
     bool done = false;
+    bool complete = true;
   } ender;
   NetlinkFlows other;
   other.sweepUdp({udpKey(8080).external}, ender);
@@ -401,13 +408,19 @@ TEST_F(NatFlowsTest, SaysWhenAFlowCannotBeEnded) {
   whileRefused({SCMP_SYS(sendto)}, EIO,
                [&] { EXPECT_TRUE(turnsUntil([&] { return ender.done; })); });
   EXPECT_EQ(log.text(), "conntrack delete: Input/output error\n");
+  EXPECT_FALSE(ender.complete);
   EXPECT_EQ(translated(), 1);
+  ender.done = false;
+  other.sweepUdp({udpKey(8080).external}, ender);
+  EXPECT_TRUE(turnsUntil([&] { return ender.done; }));
+  EXPECT_TRUE(ender.complete);
+  EXPECT_EQ(translated(), 0);
 }
 
 TEST_F(NatFlowsTest, LeavesASweepThatIsUnderWayBehindAtItsEnd) {
   class Nobody : public Flows::Sweeper {
     bool ends(const Flow&) override { return false; }
-    void swept() override { ADD_FAILURE(); }
+    void swept(bool) override { ADD_FAILURE(); }
   } nobody;
   NetlinkFlows shortLived;
   shortLived.sweepUdp({udpKey(8080).external}, nobody);
