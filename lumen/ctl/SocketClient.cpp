@@ -37,7 +37,15 @@ SocketClient::SocketClient(std::unique_ptr<lm::Transport> transport)
 lm::message SocketClient::exchange(const std::vector<uint32_t>& destination, uint32_t command,
                                    lm::message request, uint32_t limit) {
   request.insert_u32_array(lm::key::destination, destination);
-  return connection_.exchange(std::move(request), command, limit);
+  lm::message reply = connection_.exchange(std::move(request), command, limit);
+  const bool refused = connection_.ended() && !lm::getError(reply).empty();
+  if (refused && !answered_) {
+    // What lumend does with whoever has no rights.
+    return lm::errorMsg(lm::errorRefused,
+                        "connection ended: lumend answers root and the group lumen only");
+  }
+  answered_ = true;
+  return reply;
 }
 
 std::optional<lm::message> SocketClient::notification() {

@@ -27,6 +27,7 @@ class SocketClient : public Client {
  private:
   lm::SystemClock clock_;
   lm::Connection connection_;
+  bool answered_ = false;                     // to anything yet
   std::optional<Interruption> interruption_;  // none until notifications are waited for
 };
 

@@ -133,7 +133,8 @@ class AdministratorsTest(RouterCase):
         for group, groups in ((NOBODY, []), (0, [0]), (SERVICE_USER, [SERVICE_USER])):
             with self.subTest(group=group, groups=groups):
                 self.assertEqual(self.run_as(group, groups, "identity"),
-                                 (1, "", "lumenctl: connection ended\n"))
+                                 (1, "", "lumenctl: connection ended: lumend answers root and the "
+                                         "group lumen only\n"))
         self.assertIn(f"of user {NOBODY}, which has no rights here", self.router.log())
 
 

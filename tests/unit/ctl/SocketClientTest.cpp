@@ -62,6 +62,15 @@ class SocketClientTest : public testing::Test {
         .value_or(lm::message());
   }
 
+  /// With 7 in field 1.
+  void answers(const lm::message& request) const {
+    lm::message reply;
+    reply.insert_bool(lm::key::isReply, true);
+    reply.insert_u32(lm::key::serial, request.get_u32(lm::key::serial));
+    reply.insert_u32(1, 7);
+    sends(reply);
+  }
+
   lm::test::TempDir root_;
   const std::string path_ = root_.file("run/lumen.sock");
   std::string why_;
@@ -96,16 +105,28 @@ TEST_F(SocketClientTest, TakesTheReplyToItsRequest) {
   lm::message request;
   std::thread platform([&] {
     request = hears();
-    lm::message reply;
-    reply.insert_bool(lm::key::isReply, true);
-    reply.insert_u32(lm::key::serial, request.get_u32(lm::key::serial));
-    reply.insert_u32(1, 7);
-    sends(reply);
+    answers(request);
   });
   EXPECT_EQ(client->exchange({20, 5}, lm::cmd::list, {}, 15000).get_u32(1), 7U);
   platform.join();
   EXPECT_EQ(request.get_u32_array_ref(lm::key::destination), (std::vector<uint32_t>{20, 5}));
   EXPECT_EQ(request.get_u32(lm::key::command), lm::cmd::list);
+}
+
+TEST_F(SocketClientTest, SaysWhomThePlatformAnswersWhenItEndsTheConnectionUnanswered) {
+  const auto client = connects();
+  platform_.reset();
+  EXPECT_EQ(lm::getError(client->exchange({20, 5}, lm::cmd::list, {}, 15000)),
+            "connection ended: lumend answers root and the group lumen only");
+}
+
+TEST_F(SocketClientTest, TakesAPlatformThatEndsLaterForOneThatEnded) {
+  const auto client = connects();
+  std::thread platform([&] { answers(hears()); });
+  EXPECT_EQ(client->exchange({20, 5}, lm::cmd::list, {}, 15000).get_u32(1), 7U);
+  platform.join();
+  platform_.reset();
+  EXPECT_EQ(lm::getError(client->exchange({20, 5}, lm::cmd::list, {}, 15000)), "connection ended");
 }
 
 TEST_F(SocketClientTest, TakesNotificationsInOrderUntilThePlatformEnds) {
