@@ -77,8 +77,7 @@ Findings checkPlatform(const Observation& seen) {
   }
   if (seen.refused.empty()) return {};
   return {{"platform-refuses", "lumend does not answer: " + seen.refused + ".",
-           "It answers root and the group lumen only; what depends on it was not checked.",
-           "sudo lumenctl upnp check"}};
+           "What depends on it was not checked.", "sudo lumenctl upnp check"}};
 }
 
 Findings checkGateway(const Observation& seen) {
@@ -171,7 +170,6 @@ Findings checkStalePorts(const std::vector<NatRule>& rules) {
     }
   }
   if (ports.empty()) return {};
-  const std::string first = ports.front();
   const size_t count = ports.size();
   ports.resize(std::min(count, shownAtMost));
   std::string list = joined(ports);
@@ -179,8 +177,10 @@ Findings checkStalePorts(const std::vector<NatRule>& rules) {
   return {{"stale-ports",
            "This router no longer has the address of some open ports (" + joined(addresses) +
                "): " + list + ".",
-           "Nobody reaches them until the programs that opened them do so again.",
-           "restart these programs, or close each of the ports: lumenctl nat close " + first}};
+           "Nobody reaches them until the programs that opened them close and open them again, or "
+           "the address is back.",
+           "restart these programs; for ports that stay, lumenctl upnp settings set enabled=off, "
+           "then enabled=on, closes all"}};
 }
 
 }  // namespace lumenctl

@@ -211,13 +211,17 @@ class CheckTest(CheckCase):
         self.ip("address", "flush", "dev", WAN_LINK)
         self.ip("address", "add", "45.45.45.9/24", "dev", WAN_LINK)
         self.ip("route", "add", "default", "via", WAN_HOST)
-        why = "Nobody reaches them until the programs that opened them do so again."
+        why = ("Nobody reaches them until the programs that opened them close and open them again, "
+               "or the address is back.")
         what = "This router no longer has the address of some open ports (45.45.45.1): "
-        mend = "restart these programs, or close each of the ports: lumenctl nat close "
-        self.assert_found(f"{what}8080/tcp, 8081/udp.", why, f"{mend}8080/tcp")
-        self.router.lumenctl("nat", "close", "8080/tcp")
-        self.assert_found(f"{what}8081/udp.", why, f"{mend}8081/udp")
-        self.router.lumenctl("nat", "close", "8081/udp")
+        mend = ("restart these programs; for ports that stay, lumenctl upnp settings set "
+                "enabled=off, then enabled=on, closes all")
+        self.assert_found(f"{what}8080/tcp, 8081/udp.", why, mend)
+        self.lan[0].close_port(8080, "TCP")
+        self.assert_found(f"{what}8081/udp.", why, mend)
+        self.router.lumenctl("upnp", "settings", "set", "enabled=off")
+        self.router.lumenctl("upnp", "settings", "set", "enabled=on")
+        self.wait_until(lambda: self.router.gateway_pid() != 0, "the gateway is back")
         self.assert_well()
 
     # What the kernel does.
@@ -302,8 +306,8 @@ class CheckTest(CheckCase):
             f"exec 3< {PROGRAMS / 'lumenctl'}; setpriv --reuid={NOBODY} --regid={NOBODY} "
             f"--clear-groups /proc/self/fd/3 --root {self.router.root} upnp check; true")
         self.assertEqual(printed, finding(
-            "lumend does not answer: connection ended.",
-            "It answers root and the group lumen only; what depends on it was not checked.",
+            "lumend does not answer: connection ended: lumend answers root and the group lumen only.",
+            "What depends on it was not checked.",
             "sudo lumenctl upnp check") + "Not checked: the firewall, which takes root to read.\n")
 
 

@@ -124,7 +124,7 @@ TEST_F(CheckCommand, SaysThatThePlatformRefuses) {
   router.refuses({20, 5}, lm::cmd::readAll, "not permitted");
   EXPECT_EQ(check().out,
             "1. lumend does not answer: not permitted.\n"
-            "   It answers root and the group lumen only; what depends on it was not checked.\n"
+            "   What depends on it was not checked.\n"
             "   Mend it: sudo lumenctl upnp check\n\n");
 }
 

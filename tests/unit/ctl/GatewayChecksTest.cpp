@@ -82,11 +82,9 @@ TEST(Check, TakesASilentPlatformForOneFinding) {
                        "systemctl start lumend"}}));
   seen.unreachable.clear();
   seen.refused = "not permitted";
-  EXPECT_EQ(
-      findProblems(seen),
-      (Findings{{"platform-refuses", "lumend does not answer: not permitted.",
-                 "It answers root and the group lumen only; what depends on it was not checked.",
-                 "sudo lumenctl upnp check"}}));
+  EXPECT_EQ(findProblems(seen),
+            (Findings{{"platform-refuses", "lumend does not answer: not permitted.",
+                       "What depends on it was not checked.", "sudo lumenctl upnp check"}}));
 }
 
 TEST(Check, TellsTheStatesOfTheGatewayApart) {
