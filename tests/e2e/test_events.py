@@ -57,6 +57,10 @@ class EventTest(RouterCase):
         self.assert_told(ConnectionStatus="Connected")
         self.assertEqual(self.router.interface(WAN_LINK)["state"], "running")
 
+    def test_a_control_point_asks_for_the_wan_side_that_is_up(self):
+        self.lan[0].invoke("RequestConnection")
+        self.assert_told(ConnectionStatus="Connected")
+
     def test_ports_are_opened_and_closed(self):
         host = self.lan[0]
         host.upnpc("-a", host.address, "80", "8080", "tcp")

@@ -70,7 +70,7 @@ lm::message InterfaceTable::handle(const Caller& caller, uint32_t command,
     case lm::cmd::readObject:
       return it == interfaces_.end() ? refuse("no such object") : read(caller, id, it->second);
     case lm::cmd::setObject:
-      return it == interfaces_.end() ? refuse("no such object") : set(caller, it->second, request);
+      return it == interfaces_.end() ? refuse("no such object") : set(caller, id, request);
     case lm::cmd::removeObject:
       if (!caller.administrator) return notPermitted();
       return it == interfaces_.end() ? refuse("no such object") : forget(id, it->second);
@@ -93,8 +93,8 @@ lm::message InterfaceTable::read(const Caller& caller, uint32_t id, const Interf
   return m;
 }
 
-lm::message InterfaceTable::set(const Caller& caller, const Interface& interface,
-                                const lm::message& request) {
+lm::message InterfaceTable::set(const Caller& caller, uint32_t id, const lm::message& request) {
+  const Interface& interface = interfaces_[id];
   const bool others = setsMore(request);
   if (!caller.administrator && (others || interface.role != interfaces::roleExternal)) {
     return notPermitted();
@@ -114,7 +114,10 @@ lm::message InterfaceTable::set(const Caller& caller, const Interface& interface
   lm::logLine("interface ", interface.name, disabled ? " down" : " up", " for ",
               caller.name.empty() ? "the administrator" : caller.name,
               failure.empty() ? "" : " failed: ", failure);
-  return failure.empty() ? lm::message() : refuse(failure);
+  if (!failure.empty()) return refuse(failure);
+  // The kernel tells of no change when it is so already, and whoever asked waits to hear of it.
+  if (interface.link.up == !disabled) tellState(record(id, interface));
+  return {};
 }
 
 lm::message InterfaceTable::keep(const lm::message& request) {

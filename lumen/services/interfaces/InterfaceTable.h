@@ -45,8 +45,7 @@ class InterfaceTable : public LocalHandler, private Links::Listener {
   using Interfaces = std::map<uint32_t, Interface>;
 
   [[nodiscard]] lm::message read(const Caller& caller, uint32_t id, const Interface& interface);
-  [[nodiscard]] lm::message set(const Caller& caller, const Interface& interface,
-                                const lm::message& request);
+  [[nodiscard]] lm::message set(const Caller& caller, uint32_t id, const lm::message& request);
   [[nodiscard]] lm::message keep(const lm::message& request);
   [[nodiscard]] lm::message forget(uint32_t id, Interface& interface);
 

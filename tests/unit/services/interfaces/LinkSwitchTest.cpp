@@ -42,6 +42,21 @@ TEST_F(LinkSwitch, TakesAnExternalInterfaceDownAndUpForAService) {
   EXPECT_EQ(kernel.takeCalls(), (Lines{"wan0 down", "wan0 up"}));
 }
 
+TEST_F(LinkSwitch, TellsTheStateOfALinkThatIsAsAskedAlready) {
+  (void)notified();
+  EXPECT_EQ(setsDisabled(daemon, "wan0", false), "");
+  EXPECT_EQ(notified(), Lines{stateOf(record(2, 3, "wan0", "disabled=0 running=1"))});
+  wanGoesDown();
+  (void)notified();
+  EXPECT_EQ(setsDisabled(daemon, "wan0", true), "");
+  EXPECT_EQ(notified(), Lines{stateOf(record(2, 3, "wan0", "disabled=1 running=0"))});
+  EXPECT_EQ(setsDisabled(daemon, "wan0", false), "");
+  EXPECT_EQ(notified(), Lines{}) << "the kernel's change tells it";
+  kernel.setUpError = ENODEV;
+  EXPECT_NE(setsDisabled(daemon, "wan0", true), "");
+  EXPECT_EQ(notified(), Lines{});
+}
+
 TEST_F(LinkSwitch, TakesAnyInterfaceDownAndUpForAnAdministrator) {
   EXPECT_EQ(setsDisabled(administrator, "br-lan", true), "");
   EXPECT_EQ(setsDisabled(administrator, "other", true), "");
