@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 
 #include <array>
 #include <cerrno>
@@ -14,19 +13,14 @@
 #include "http/Log.h"
 #include "http/RequestLine.h"
 #include "http/Server.h"
+#include "http/Sockets.h"
 
 namespace {
-
-/// The longest that writing a reply may hold up the loop, in microseconds.
-constexpr suseconds_t writeLimit = 100000;
 
 /// One write of the whole reply, which goes to the send buffer at once unless the client has shut
 /// its window with data of ours in it. False when not all of it was taken.
 bool writeReply(int fd, const std::string& text) {
-  const timeval limit = {0, writeLimit};
-  setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-  const int room = static_cast<int>(text.size());
-  setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
+  boundWrite(fd, text.size());
   ssize_t written = 0;
   do {
     written = send(fd, text.data(), text.size(), MSG_NOSIGNAL);

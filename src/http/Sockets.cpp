@@ -4,6 +4,7 @@
 #include <net/if.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 
 #include <array>
 #include <cerrno>
@@ -16,6 +17,7 @@ namespace {
 
 constexpr uint8_t multicastTtl = 4;
 constexpr int backlog = 1;
+constexpr timeval writeLimit = {0, 100000};  // seconds, microseconds
 
 /// Logs `what` and the system's error text. Returns the makers' failure.
 int failed(const char* what) {
@@ -79,4 +81,10 @@ int makeTcpSocket(const std::string& ifname, unsigned int port) {
   if (!bindToPort(fd.get(), port)) return failed("tcp bind");
   if (listen(fd.get(), backlog) != 0) return failed("tcp listen");
   return fd.release();
+}
+
+void boundWrite(int fd, size_t bytes) {
+  const int room = static_cast<int>(bytes);
+  setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
+  setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &writeLimit, sizeof writeLimit);
 }

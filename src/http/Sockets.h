@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -24,3 +25,8 @@ inline constexpr uint16_t DEFAULT_HTTP_PORT = 80;
 /// A TCP socket that listens on `port` (host byte order) of the device, with a backlog of one. It
 /// blocks.
 [[nodiscard]] int makeTcpSocket(const std::string& ifname, unsigned int port);
+
+/// Prepares the connection `fd` for one blocking write of `bytes` bytes: the send buffer gets room
+/// for them, as far as the system allows it, and a peer that does not read what is more than that
+/// holds up the loop for a tenth of a second at most.
+void boundWrite(int fd, size_t bytes);

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <array>
@@ -14,13 +13,7 @@
 #include "http/HTTPMessage.h"
 #include "http/Log.h"
 #include "http/Server.h"
-
-namespace {
-
-/// The longest that a subscriber which does not read may hold up the loop, in microseconds.
-constexpr suseconds_t writeLimit = 100000;
-
-}  // namespace
+#include "http/Sockets.h"
 
 Service::Event::Event(Service& owner, lm::Fd connection, uint64_t number, std::string sidText,
                       std::string variableName)
@@ -39,8 +32,7 @@ void Service::Event::send(int /*fd*/, unsigned /*flags*/) {
 }
 
 bool Service::Event::write(const std::string& notify) {
-  const timeval limit = {0, writeLimit};
-  setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+  boundWrite(socket.get(), notify.size());
   const int flags = fcntl(socket.get(), F_GETFL);
   if (flags < 0 || fcntl(socket.get(), F_SETFL, flags & ~O_NONBLOCK) != 0) {
     logLine("fcntl 0: ", strerror(errno));
