@@ -11,8 +11,7 @@ Gateway* theGateway = nullptr;
 
 namespace {
 
-constexpr uint32_t exchangeLimit = 6000;  // milliseconds
-constexpr uint32_t leaveDelay = 1000;     // milliseconds
+constexpr uint32_t leaveDelay = 1000;  // milliseconds
 constexpr uint32_t settingsRecord = 0;
 constexpr uint32_t identityKey = 0x20000001;
 
@@ -34,7 +33,7 @@ Gateway::~Gateway() {
 void Gateway::init() {
   lm::message request;
   request.insert_u32_array(lm::key::destination, {lm::service::identity});
-  identity = exchangeCmd(request, lm::cmd::get, exchangeLimit).get_string(identityKey);
+  identity = exchangeCmd(request, lm::cmd::get, lm::exchangeLimit).get_string(identityKey);
 
   describeRoot();
   rebuildSearchTargets();

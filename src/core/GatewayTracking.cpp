@@ -11,7 +11,6 @@
 
 namespace {
 
-constexpr uint32_t listLimit = 6000;    // milliseconds
 constexpr uint32_t statusLimit = 3000;  // milliseconds
 
 lm::message fullRead(const std::vector<uint32_t>& table) {
@@ -39,7 +38,7 @@ void Gateway::refreshDevices() {
     lm::message request;
     request.insert_u32_array(lm::key::destination, interface_table::path);
     if (cursor != lm::none) request.insert_u32(lm::key::cursor, cursor);
-    const lm::message reply = exchangeCmd(request, lm::cmd::list, listLimit);
+    const lm::message reply = exchangeCmd(request, lm::cmd::list, lm::exchangeLimit);
     if (!reply.has_array(lm::key::records)) {
       logLine("device::CMD_GETDEVS failed: ", lm::getError(reply));
     }

@@ -8,7 +8,10 @@
 // Conversions between texts, numbers and IPv4 addresses. Addresses are in network byte order, as
 // inet_addr gives them and inet_ntoa takes them.
 
-/// The address that `text` writes in dotted form; all ones when it writes none.
+/// What strtoip gives for a text that writes no address.
+inline constexpr uint32_t noAddress = 0xFFFFFFFF;
+
+/// The address that `text` writes in dotted form; noAddress when it writes none.
 [[nodiscard]] uint32_t strtoip(const std::string& text);
 [[nodiscard]] std::string iptostr(uint32_t address);
 /// The address as the number that a big-endian machine sees, which is what it is sorted and logged

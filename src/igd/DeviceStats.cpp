@@ -24,7 +24,8 @@ DeviceStats getDeviceStats(uint32_t interfaceId) {
                            {lm::service::interfaces, lm::handler::interfaces});
   request.insert_u32(lm::key::objectId, interfaceId);
   request.insert_u32(readOptions, withCounters);
-  const lm::message reply = lm::getLooper().exchangeCmd(request, lm::cmd::readObject, 6000);
+  const lm::message reply =
+      lm::getLooper().exchangeCmd(request, lm::cmd::readObject, lm::exchangeLimit);
   if (lm::isError(reply)) logLine("get device stats: ", lm::getError(reply));
 
   // Control points expect counters of 32 bits that wrap.

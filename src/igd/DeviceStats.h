@@ -11,5 +11,5 @@ struct DeviceStats {
 };
 
 /// Asks the platform for the counters of the interface with this object id: one exchange, of at
-/// most six seconds. All 0, and a line in the log, when it does not answer them.
+/// most six seconds. What the answer lacks is 0; all 0, and a line in the log, when there is none.
 [[nodiscard]] DeviceStats getDeviceStats(uint32_t interfaceId);

@@ -38,7 +38,7 @@ lm::message requestToTable() {
 }
 
 lm::message exchange(const lm::message& request, uint32_t command) {
-  return lm::getLooper().exchangeCmd(request, command, 6000);
+  return lm::getLooper().exchangeCmd(request, command, lm::exchangeLimit);
 }
 
 }  // namespace

@@ -6,7 +6,8 @@
 #include "platform/message.h"
 
 /// The rules behind port mappings, in the platform's NAT rule table. Each call is one exchange, of
-/// at most six seconds, and returns the reply, which is an error reply when nothing was changed.
+/// at most six seconds, and returns the reply: an error reply when the table refused, or when it
+/// did not answer in time, and then it may have done what was asked all the same.
 namespace nat {
 
 /// Sends what arrives for `externalIP` (network byte order) at the port of `id` to the mapping's

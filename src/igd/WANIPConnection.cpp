@@ -11,7 +11,11 @@
 
 namespace {
 
-constexpr uint32_t noAddress = 0xFFFFFFFF;  // what strtoip gives for text that is no address
+/// What the descriptions of all mappings may take together, in bytes, so that a LAN host cannot use
+/// up the router's memory with them. Short ones are never refused: the platform bounds their
+/// number.
+constexpr size_t descriptionsLimit = 4UL * 1024 * 1024;
+constexpr size_t shortDescription = 256;
 
 /// The entry that is listed first for clients that refuse to work with an empty list.
 PortMap dummyMapping() {
@@ -22,6 +26,13 @@ PortMap dummyMapping() {
 
 Id idOf(const std::string& externalPort, const std::string& protocol) {
   return {static_cast<uint16_t>(strtouint(externalPort)), protocol == "TCP" ? Id::tcp : Id::udp};
+}
+
+bool hasRoomFor(const std::string& description, const std::map<Id, PortMap>& portMaps) {
+  if (description.size() <= shortDescription) return true;
+  size_t bytes = description.size();
+  for (const auto& [id, mapping] : portMaps) bytes += mapping.description.size();
+  return bytes <= descriptionsLimit;
 }
 
 /// Appends what both entry actions end with: internal port and client, enabled, description, lease.
@@ -48,7 +59,7 @@ lm::message setDisabled(uint32_t interfaceId, bool disabled) {
                            {lm::service::interfaces, lm::handler::interfaces});
   request.insert_u32(lm::key::objectId, interfaceId);
   request.insert_bool(lm::key::disabled, disabled);
-  return lm::getLooper().exchangeCmd(request, lm::cmd::setObject, 6000);
+  return lm::getLooper().exchangeCmd(request, lm::cmd::setObject, lm::exchangeLimit);
 }
 
 }  // namespace
@@ -247,6 +258,11 @@ UPNPStatus WANIPConnection::addPortMapping(const Values& in, Values& /*out*/) {
   if (mapping.leaseDuration != 0) {
     logLine("addPortMapping: ONLY_PERM_LEASES");
     return UPNP_ONLY_PERMANENT_LEASES_SUPPORTED;
+  }
+
+  if (!hasRoomFor(mapping.description, portMaps)) {
+    logLine("addPortMapping: no room for the description");
+    return UPNP_ACTION_FAILED;
   }
 
   const auto found = portMaps.find(id);

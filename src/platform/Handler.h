@@ -9,6 +9,9 @@
 
 namespace lm {
 
+/// How long a program waits for a reply where nothing else is said, in milliseconds.
+inline constexpr uint32_t exchangeLimit = 6000;
+
 /// Something that answers commands and can send some itself.
 ///
 /// A program adds its handlers to its Looper, which calls `dispatch` for each request and each

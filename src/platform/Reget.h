@@ -14,7 +14,7 @@ class Reget {
  public:
   /// `request` holds the destination path and the command (key::command). Each exchange may take
   /// `limit` milliseconds. `handler` must outlive this.
-  Reget(Handler& handler, message request, uint32_t limit = 6000);
+  Reget(Handler& handler, message request, uint32_t limit = exchangeLimit);
   Reget(const Reget&) = delete;
   Reget& operator=(const Reget&) = delete;
   ~Reget();
@@ -34,7 +34,7 @@ class Reget {
 /// The same for the records as they are kept (cmd::readAll), whatever command `request` carries.
 class FullReget : public Reget {
  public:
-  FullReget(Handler& handler, message request, uint32_t limit = 6000);
+  FullReget(Handler& handler, message request, uint32_t limit = exchangeLimit);
 };
 
 }  // namespace lm

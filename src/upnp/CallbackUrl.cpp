@@ -14,19 +14,15 @@
 namespace {
 
 constexpr uint32_t resolveCommand = 3;
-constexpr uint32_t resolveLimit = 6000;  // milliseconds
 constexpr uint32_t hostNameKey = 0x20000003;
 constexpr uint32_t addressKey = 0x08000004;
-
-/// What strtoip gives for a text that is no address.
-constexpr uint32_t noAddress = 0xFFFFFFFF;
 
 /// 0 when there is none.
 uint32_t resolve(const std::string& host) {
   lm::message request;
   request.insert_u32_array(lm::key::destination, {lm::service::resolver});
   request.insert_string(hostNameKey, host);
-  const lm::message reply = lm::getLooper().exchangeCmd(request, resolveCommand, resolveLimit);
+  const lm::message reply = lm::getLooper().exchangeCmd(request, resolveCommand, lm::exchangeLimit);
   if (lm::isError(reply)) logLine("resolving failed: ", lm::getError(reply));
   return reply.get_be32(addressKey);
 }

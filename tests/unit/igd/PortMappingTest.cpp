@@ -498,6 +498,25 @@ TEST_F(PortMapping, GivesADescriptionBackAsItWas) {
   EXPECT_EQ(entryOf("8080", "TCP"), found(wish));
 }
 
+TEST_F(PortMapping, KeepsFourMebibytesOfDescriptionsAtMost) {
+  const std::string large(64UL * 1024, 'x');
+  for (int port = 2000; port < 2064; ++port) {
+    ASSERT_EQ(open({.port = std::to_string(port), .description = large}), opened()) << port;
+  }
+  platform.forgetSent();
+  for (const std::string port : {"2064", "2000"}) {
+    EXPECT_EQ(open({.port = port, .description = large}), failed) << port;
+    EXPECT_EQ(open({.port = port, .description = std::string(257, 'x')}), failed) << port;
+  }
+  EXPECT_EQ(requests(lm::cmd::addObject).size() + requests(lm::cmd::setObject).size(), 0U);
+  EXPECT_EQ(entries(), "65") << "with the dummy";
+
+  EXPECT_EQ(open({.port = "2064", .description = std::string(256, 'x')}), opened())
+      << "a short one always has room";
+  close("2001", "TCP");
+  EXPECT_EQ(open({.port = "2001", .description = std::string(257, 'x')}), opened());
+}
+
 TEST(PortMapId, OrdersByPortThenByProtocol) {
   const std::vector<Id> order = {{80, Id::tcp}, {80, Id::udp}, {81, Id::tcp}, {65535, Id::udp}};
   EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
