@@ -7,38 +7,17 @@
 #include <cstdio>
 #include <ctime>
 
+#include "platform/Utf8.h"
+
 namespace lumenctl {
 
 namespace {
-
-struct Character {
-  char32_t code = 0;
-  size_t length = 0;  // 0: no valid UTF-8
-};
-
-/// RFC 3629, section 4: the shortest form only, no surrogates, nothing above U+10FFFF.
-Character firstCharacter(std::string_view text) {
-  const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
-  const unsigned char lead = byte(0);
-  if (lead < 0x80) return {lead, 1};
-  const size_t length = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : 2;
-  if (lead < 0xC2 || lead > 0xF4 || text.size() < length) return {};
-  char32_t code = lead & (0x7FU >> length);
-  for (size_t i = 1; i < length; ++i) {
-    if ((byte(i) & 0xC0U) != 0x80) return {};
-    code = (code << 6) | (byte(i) & 0x3FU);
-  }
-  constexpr std::array<char32_t, 5> lowest = {0, 0, 0x80, 0x800, 0x10000};
-  const bool surrogate = code >= 0xD800 && code <= 0xDFFF;
-  if (code < lowest[length] || code > 0x10FFFF || surrogate) return {};
-  return {code, length};
-}
 
 bool isPrintable(char32_t code) {
   const auto within = [code](char32_t first, char32_t last) {
     return code >= first && code <= last;
   };
-  if (code < 0x20 || within(0x7F, 0x9F)) return false;  // control characters
+  if (lm::isControl(code)) return false;
   // What has no shape of its own or moves what stands beside it: zero width, line and paragraph
   // ends, direction marks, embeddings, overrides and isolates.
   return !(code == 0xAD || code == 0x61C || within(0x200B, 0x200F) || within(0x2028, 0x202E) ||
@@ -63,7 +42,7 @@ std::string formatted(uint64_t secondsSince1970, const char* format) {
 std::string printable(std::string_view text) {
   std::string result;
   while (!text.empty()) {
-    const Character character = firstCharacter(text);
+    const lm::Character character = lm::firstCharacter(text);
     const size_t length = std::max<size_t>(character.length, 1);
     if (text.front() == '\\') {
       result += "\\\\";

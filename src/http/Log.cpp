@@ -2,10 +2,26 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <string_view>
+
+#include "platform/Utf8.h"
+
+namespace {
+
+/// Strangers choose what is logged, and the journal limits the number of lines only. In bytes.
+constexpr size_t maxLine = 1024;
+
+}  // namespace
 
 void writeLog(std::string line) {
-  const auto isControl = [](char c) { return (c >= 0 && c < 0x20) || c == 0x7f; };
-  std::replace_if(line.begin(), line.end(), isControl, '?');
+  if (line.size() > maxLine) line.replace(maxLine, std::string::npos, "...");
+  for (size_t i = 0; i < line.size();) {
+    const lm::Character character = lm::firstCharacter(std::string_view(line).substr(i));
+    const size_t length = std::max<size_t>(character.length, 1);
+    if (character.length == 0 || lm::isControl(character.code))
+      line.replace(i, length, length, '?');
+    i += length;
+  }
   line.push_back('\n');
   fwrite(line.data(), 1, line.size(), stdout);
   fflush(stdout);

@@ -4,8 +4,9 @@
 #include <string_view>
 #include <type_traits>
 
-/// Writes `line` and a line end to standard output and flushes it. Control characters are written
-/// as '?', so that an event is one line whatever a stranger put into it.
+/// Writes `line` and a line end to standard output and flushes it. Each byte of a control character
+/// and of what is no UTF-8 is written as '?', and what is too long is cut, so that an event is one
+/// line, which any terminal shows, whatever a stranger put into it.
 void writeLog(std::string line);
 
 /// Writes one line that is made of texts and integers (in decimal, a bool as 0 or 1):
