@@ -35,13 +35,6 @@ class ThinRunner {
 /// The process's runner; it lives as long as the Looper, which must exist.
 [[nodiscard]] ThinRunner& getRunner();
 
-/// Timers that call a member function: `addTimer<&HTTPConn::timeout>(conn, 1000)`.
-template <auto Method, typename Owner>
-void addTimer(Owner& owner, uint32_t delay) {
-  getRunner().addTimer(
-      &owner, [](void* o) { (static_cast<Owner*>(o)->*Method)(); }, delay);
-}
-
 /// Watches that call a member function, which takes the descriptor, and the flags if it likes.
 template <auto Method, typename Owner>
 void addSocket(int fd, Owner& owner, unsigned flags) {

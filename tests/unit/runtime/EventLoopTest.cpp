@@ -35,7 +35,7 @@ TEST_F(Timers, FireOnceAtTheirTimeInOrder) {
 TEST_F(Timers, AddingAPendingOneSetsItsDelayAnew) {
   Probe& p = timer("t", 10);
   clock_.advance(90);
-  addTimer<&Probe::due>(p, 10);
+  startTimer(p, 10);
   clock_.advance(90);
   turn();
   EXPECT_EQ(calls(), Names{});
@@ -56,7 +56,7 @@ TEST_F(Timers, TheLongestDelayDoesNotWrap) {
 
 TEST_F(Timers, OneThatIsStartedByACallbackWaitsForTheNextTurn) {
   Probe& p = timer("t", 0);
-  p.then = [&p] { addTimer<&Probe::due>(p, 0); };
+  p.then = [&p] { startTimer(p, 0); };
   turn();
   EXPECT_EQ(calls(), Names{"t"});
   turn();

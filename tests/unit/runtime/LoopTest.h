@@ -34,6 +34,11 @@ class LoopTest : public testing::Test {
     }
   };
 
+  static void startTimer(Probe& p, uint32_t hundredths) {
+    getRunner().addTimer(
+        &p, [](void* probe) { static_cast<Probe*>(probe)->due(); }, hundredths);
+  }
+
   Probe& probe(const std::string& name) {
     probes_.push_back(std::make_unique<Probe>());
     probes_.back()->name = name;
@@ -49,7 +54,7 @@ class LoopTest : public testing::Test {
 
   Probe& timer(const std::string& name, uint32_t hundredths) {
     Probe& p = probe(name);
-    addTimer<&Probe::due>(p, hundredths);
+    startTimer(p, hundredths);
     return p;
   }
 

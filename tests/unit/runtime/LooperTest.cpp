@@ -374,10 +374,11 @@ TEST(RegistrationDeathTest, EndsTheProgramWhenTheNumberIsTaken) {
 
 /// With the platform's own clock, socket and signals.
 class RealRuntime : public testing::Test {
- protected:
+ public:
   RealRuntime() { sigprocmask(SIG_SETMASK, nullptr, &usual_); }
   ~RealRuntime() override { sigprocmask(SIG_SETMASK, &usual_, nullptr); }
 
+ protected:
   void platformListens() {
     listener_.reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
     sockaddr_un address{};

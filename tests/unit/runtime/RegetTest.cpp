@@ -23,6 +23,7 @@ class WholeTable : public testing::Test {
   }
   static message page(const std::vector<uint32_t>& ids, uint32_t cursor) {
     std::vector<message> records;
+    records.reserve(ids.size());
     for (uint32_t id : ids) records.push_back(record(id));
     message m;
     m.insert_message_array(key::records, records);
