@@ -23,10 +23,10 @@
 /// interface that has an address is served; each configured external interface adds a sub-tree with
 /// two services to the root device.
 ///
-/// An interface that disappears is forgotten, not stopped: what it had started stays as it is, so
-/// that a link that comes back soon was never gone for those who use it. The gateway keeps such a
-/// departed record until the same interface comes back, and then retires it silently before the new
-/// one starts anything; or until the gateway is disabled.
+/// An interface that disappears is forgotten, not stopped: what it had started stays as it is until
+/// the same interface comes back, which retires it silently before it starts anything itself, or
+/// until the gateway is disabled. A search or a connection that still reaches its sockets ends the
+/// process.
 class Gateway : public lm::Map<DevObj>, public UpnpRootDevice, private RequestHandler {
  public:
   Gateway();

@@ -18,7 +18,8 @@ class XMLParser {
  public:
   /// The deepest element that is accepted; the document element has depth 1.
   static constexpr size_t maxDepth = 64;
-  /// The most memory that a tree may take, in bytes: its nodes, its attributes and their texts.
+  /// The largest tree, in bytes: its nodes, its attributes and their texts. What the allocator
+  /// needs for itself comes on top.
   static constexpr size_t maxTreeSize = 4UL * 1024 * 1024;
 
   /// Parses `document` as a whole, as UTF-8 whatever it declares.
