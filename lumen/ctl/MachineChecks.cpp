@@ -113,10 +113,10 @@ Findings checkPortUsers(const std::vector<PortUser>& users) {
     const std::string port = std::to_string(user.port) + (tcp ? "/tcp" : "/udp");
     const bool known = user.process != 0;
     const std::string process = std::to_string(user.process);
+    const std::string program =
+        known ? user.program + " (process " + process + ")" : "Another program";
     findings.push_back(
-        {"port-in-use",
-         (known ? user.program + " (process " + process + ")" : "Another program") + " uses port " +
-             port + ", which the gateway needs.",
+        {"port-in-use", program + " uses port " + port + ", which the gateway needs.",
          tcp ? "The gateway may not be able to serve the description that programs read first."
              : "The gateway may not hear the programs that search for it.",
          known ? "stop it: systemctl status " + process + " tells what started it"
