@@ -63,6 +63,12 @@ std::optional<uint32_t> numberOf(std::string_view name) {
 
 void logFailure(const std::string& file) { logLine("store: ", file, ": ", strerror(errno)); }
 
+void setAside(const std::string& file, const std::string& reason) {
+  const std::string aside = file + std::string(brokenSuffix);
+  logLine("store: ", file, " is broken (", reason, "), kept as ", aside);
+  if (rename(file.c_str(), aside.c_str()) != 0) logFailure(aside);
+}
+
 }  // namespace
 
 RecordDirectory::Pending::Pending(std::string temporary, std::string final, std::string directory)
@@ -111,23 +117,15 @@ std::optional<message> RecordDirectory::read(uint32_t number) const {
   const std::string file = fileOf(number);
   // Not to wait for ever should somebody have put a pipe there.
   const Fd fd(open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-  if (!fd.valid()) {
-    if (errno != ENOENT) logFailure(file);
-    return std::nullopt;
-  }
   std::string bytes;
-  if (!readAll(fd.get(), bytes)) {
-    logFailure(file);
+  if (!fd.valid() || !readAll(fd.get(), bytes)) {
+    if (errno != ENOENT) setAside(file, strerror(errno));
     return std::nullopt;
   }
   if (bytes.empty()) return message();
   std::string reason;
   std::optional<message> record = decode(bytes, reason);
-  if (!record) {
-    const std::string aside = file + std::string(brokenSuffix);
-    logLine("store: ", file, " is broken (", reason, "), kept as ", aside);
-    if (rename(file.c_str(), aside.c_str()) != 0) logFailure(aside);
-  }
+  if (!record) setAside(file, reason);
   return record;
 }
 

@@ -39,7 +39,8 @@ class RecordDirectory {
   /// The numbers of all records, rising. Removes what an interrupted write has left.
   [[nodiscard]] std::vector<uint32_t> numbers() const;
 
-  /// The record, or none. One that does not decode is renamed to "<number>.broken" and reported.
+  /// The record, or none. One that cannot be read or does not decode is renamed to
+  /// "<number>.broken", so that the next write of this number does not end it, and reported.
   [[nodiscard]] std::optional<message> read(uint32_t number) const;
 
   /// The first half of a write; null when it failed, then nothing is left of it. There is at most

@@ -19,8 +19,8 @@ class Store {
   Store& operator=(const Store&) = delete;
   ~Store();
 
-  /// The record, or none when there is none. One that does not decode is set aside under another
-  /// name and reported in the log, then there is none.
+  /// The record, or none when there is none. One that cannot be read or does not decode is set
+  /// aside under another name and reported in the log, then there is none.
   [[nodiscard]] std::optional<message> get(uint32_t number) const;
 
   /// Replaces the record as a whole or leaves it as it was. The transport fields of `record` are

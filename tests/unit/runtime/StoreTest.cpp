@@ -137,14 +137,26 @@ TEST_F(StoreOnDisk, KeepsTheOldRecordWhenTheDiskIsFull) {
   EXPECT_EQ(dir_.names(), Names{"0"});
 }
 
-TEST_F(StoreOnDisk, LeavesARecordAloneThatItCannotRead) {
+TEST_F(StoreOnDisk, SetsARecordAsideThatItCannotRead) {
+  const auto refuses = [this](int call, int error, const std::string& reason) {
+    EXPECT_TRUE(store_.set(0, settings(true)));
+    const test::LogCapture log;
+    whileRefused({call}, error, [&] { EXPECT_FALSE(store_.get(0)); });
+    EXPECT_EQ(log.text(), "store: " + dir_.file("0") + " is broken (" + reason + "), kept as " +
+                              dir_.file("0.broken") + "\n");
+    EXPECT_EQ(dir_.names(), Names{"0.broken"});
+    EXPECT_EQ(dir_.read("0.broken"), encode(settings(true)));
+  };
+  refuses(SCMP_SYS(openat), EACCES, "Permission denied");
+  refuses(SCMP_SYS(read), EIO, "Input/output error");
+}
+
+TEST_F(StoreOnDisk, OverwritesNothingThatItCannotRead) {
   EXPECT_TRUE(store_.set(0, settings(true)));
-  const test::LogCapture log;
-  whileRefused({SCMP_SYS(openat)}, EACCES, [&] { EXPECT_FALSE(store_.get(0)); });
-  whileRefused({SCMP_SYS(read)}, EIO, [&] { EXPECT_FALSE(store_.get(0)); });
-  EXPECT_EQ(log.text(), "store: " + dir_.file("0") + ": Permission denied\n" +
-                            "store: " + dir_.file("0") + ": Input/output error\n");
-  EXPECT_EQ(store_.get(0), settings(true));
+  whileRefused({SCMP_SYS(openat)}, EMFILE, [&] { EXPECT_FALSE(store_.get(0)); });
+  EXPECT_TRUE(store_.set(0, settings(false)));
+  EXPECT_EQ(dir_.names(), (Names{"0", "0.broken"}));
+  EXPECT_EQ(dir_.read("0.broken"), encode(settings(true)));
 }
 
 TEST_F(StoreOnDisk, RefusesARecordThatMightNotSurviveAPowerFailure) {

@@ -1,12 +1,14 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 
 #include "lumen/services/identity/Identity.h"
 #include "platform/Keys.h"
 #include "platform/Store.h"
+#include "support/RefusedCall.h"
 
 namespace lumen {
 namespace {
@@ -54,6 +56,18 @@ TEST_F(IdentityTest, IsMadeAnewWhenTheStoredOneIsBroken) {
   EXPECT_EQ(second.size(), 32U);
   EXPECT_NE(second, identity);
   EXPECT_EQ(readAfterStart(), second);
+  EXPECT_NE(testing::internal::GetCapturedStdout(), "") << "that is reported";
+}
+
+TEST_F(IdentityTest, IsMadeAnewAndTheStoredOneKeptWhenThatCannotBeRead) {
+  testing::internal::CaptureStdout();
+  const std::string identity = readAfterStart();
+  std::string second;
+  whileRefused({SCMP_SYS(read)}, EIO, [&] { second = readAfterStart(); });
+  EXPECT_NE(second, identity);
+  EXPECT_EQ(readAfterStart(), second);
+  std::filesystem::rename(store_ + "/0.broken", store_ + "/0");
+  EXPECT_EQ(readAfterStart(), identity);
   EXPECT_NE(testing::internal::GetCapturedStdout(), "") << "that is reported";
 }
 
