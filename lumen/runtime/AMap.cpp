@@ -145,7 +145,6 @@ message AMap::set(const message& request) {
   Object* before = mapState_->find(id);
   if (!before) return refusal("no such object");
   const message oldConfig = configOf(*before);
-  const bool wasStorable = before->isStorable();
   std::unique_ptr<Object> after = makeObject();
   after->id = id;
   after->setConfig(oldConfig);
@@ -155,14 +154,13 @@ message AMap::set(const message& request) {
   if (after->isStorable()) {
     record = mapState_->records.prepare(id, configOf(*after));
     if (!record) return refusal("could not be stored");
+  } else if (before->isStorable()) {
+    record = mapState_->records.prepareRemoval(id);
+    if (!record) return refusal("could not be removed");
   }
   message reply = hookSet(*before, *after);
   if (isError(reply)) return reply;
-  if (record) {
-    record->commit();
-  } else if (wasStorable) {
-    mapState_->records.remove(id);
-  }
+  if (record) record->commit();
 
   Object& object = *(mapState_->objects[id] = std::move(after));
   if (object.needNotify()) notifyChange(id, configOf(object));
@@ -176,9 +174,15 @@ message AMap::remove(const message& request) {
   const uint32_t id = request.get_u32(key::objectId, none);
   Object* object = mapState_->find(id);
   if (!object) return refusal("no such object");
+
+  std::unique_ptr<RecordDirectory::Pending> record;
+  if (object->isStorable()) {
+    record = mapState_->records.prepareRemoval(id);
+    if (!record) return refusal("could not be removed");
+  }
   message reply = hookRemoved(*object);
   if (isError(reply)) return reply;
-  if (object->isStorable()) mapState_->records.remove(id);
+  if (record) record->commit();
 
   const auto removed = std::move(mapState_->objects.extract(id).mapped());
   const message config = configOf(*removed);

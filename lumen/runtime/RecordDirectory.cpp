@@ -63,28 +63,36 @@ std::optional<uint32_t> numberOf(std::string_view name) {
 
 void logFailure(const std::string& file) { logLine("store: ", file, ": ", strerror(errno)); }
 
+/// Removes the file when it has no new name.
+bool renameOrRemove(const std::string& file, const std::string& name) {
+  const int result = name.empty() ? unlink(file.c_str()) : rename(file.c_str(), name.c_str());
+  if (result != 0) logFailure(name.empty() ? file : name);
+  return result == 0;
+}
+
 void setAside(const std::string& file, const std::string& reason) {
   const std::string aside = file + std::string(brokenSuffix);
   logLine("store: ", file, " is broken (", reason, "), kept as ", aside);
-  if (rename(file.c_str(), aside.c_str()) != 0) logFailure(aside);
+  (void)renameOrRemove(file, aside);
 }
 
 }  // namespace
 
-RecordDirectory::Pending::Pending(std::string temporary, std::string final, std::string directory)
+RecordDirectory::Pending::Pending(std::string temporary, std::string committed,
+                                  std::string otherwise, std::string directory)
     : temporary_(std::move(temporary)),
-      final_(std::move(final)),
+      committed_(std::move(committed)),
+      otherwise_(std::move(otherwise)),
       directory_(std::move(directory)) {}
 
 RecordDirectory::Pending::~Pending() {
-  if (!temporary_.empty() && unlink(temporary_.c_str()) != 0) logFailure(temporary_);
+  if (!temporary_.empty()) (void)renameOrRemove(temporary_, otherwise_);
 }
 
 bool RecordDirectory::Pending::commit() {
-  if (rename(temporary_.c_str(), final_.c_str()) != 0) {
-    logFailure(final_);
-    return false;
-  }
+  if (temporary_.empty()) return true;
+  otherwise_.clear();
+  if (!renameOrRemove(temporary_, committed_)) return false;
   temporary_.clear();
   // The record is in its place whether or not the directory could be synced.
   if (!syncDirectory(directory_)) logFailure(directory_);
@@ -143,12 +151,25 @@ std::unique_ptr<RecordDirectory::Pending> RecordDirectory::prepare(uint32_t numb
     logFailure(temporary);
     return nullptr;
   }
-  auto pending = std::make_unique<Pending>(temporary, file, path_);
+  auto pending = std::make_unique<Pending>(temporary, file, std::string(), path_);
   if (!writeAll(fd.get(), bytes) || fsync(fd.get()) != 0) {
     logFailure(temporary);
     return nullptr;
   }
   return pending;
+}
+
+std::unique_ptr<RecordDirectory::Pending> RecordDirectory::prepareRemoval(uint32_t number) const {
+  const std::string file = fileOf(number);
+  std::string temporary = file + std::string(temporarySuffix);
+  if (rename(file.c_str(), temporary.c_str()) != 0) {
+    if (errno != ENOENT) {
+      logFailure(file);
+      return nullptr;
+    }
+    temporary.clear();
+  }
+  return std::make_unique<Pending>(std::move(temporary), std::string(), file, path_);
 }
 
 bool RecordDirectory::remove(uint32_t number) const {

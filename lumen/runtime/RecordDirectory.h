@@ -15,21 +15,26 @@ namespace lm {
 /// with the system's error text.
 class RecordDirectory {
  public:
-  /// A record that is written and synced under a temporary name. It takes its place at `commit`;
-  /// otherwise it is removed at the end of this object, and the old record stays.
+  /// The second half of a write or a removal: a record under a temporary name, where the next start
+  /// would remove it. What was not committed is taken back at the end of this object.
   class Pending {
    public:
-    Pending(std::string temporary, std::string final, std::string directory);
+    /// The file `temporary`, if that is not empty, gets the name `committed` at `commit` and the
+    /// name `otherwise` without; no name: it is removed.
+    Pending(std::string temporary, std::string committed, std::string otherwise,
+            std::string directory);
     Pending(const Pending&) = delete;
     Pending& operator=(const Pending&) = delete;
     ~Pending();
 
-    /// Takes the place of the record. Returns false when it could not; then the old one stays.
+    /// Returns false when it failed. A record that could not take its place leaves the old one
+    /// there; one that could not be removed is under its temporary name and does not come back.
     bool commit();
 
    private:
-    std::string temporary_;  // empty: committed
-    std::string final_;
+    std::string temporary_;  // empty: settled
+    std::string committed_;
+    std::string otherwise_;
     std::string directory_;
   };
 
@@ -44,8 +49,12 @@ class RecordDirectory {
   [[nodiscard]] std::optional<message> read(uint32_t number) const;
 
   /// The first half of a write; null when it failed, then nothing is left of it. There is at most
-  /// one pending write of a number.
+  /// one pending write or removal of a number.
   [[nodiscard]] std::unique_ptr<Pending> prepare(uint32_t number, const message& record) const;
+
+  /// The first half of a removal; null when it failed, then the record stays. A record that is not
+  /// there can be removed.
+  [[nodiscard]] std::unique_ptr<Pending> prepareRemoval(uint32_t number) const;
 
   /// Returns false when the record is there and could not be removed.
   bool remove(uint32_t number) const;

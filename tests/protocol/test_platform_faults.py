@@ -418,6 +418,15 @@ class FullDisk(StoreCase):
         self.daemon.wait_for_line("sendAdverts")
         self.assertEqual(len(self.platform.request(lm.CMD_READ_ALL)[lm.RECORDS]), 1)
 
+    def test_an_object_is_not_removed_from_a_disk_that_takes_no_change(self):
+        self.disk.protect()
+        reply = self.platform.request(lm.CMD_REMOVE, {lm.OBJECT_ID: 2})
+        self.assertEqual(reply.error(), "could not be removed")
+        self.assert_logged(self.since, "store: /lumen/store/upnp/2: Read-only file system")
+        self.assertEqual(self.platform.notifications(lm.CMD_CHANGED), [])
+        self.assertEqual(self.platform.requests(HISTORY), [])
+        self.assert_restarts_as_before()
+
     def test_settings_that_cannot_be_stored_hold_until_the_end_of_the_daemon(self):
         self.set_settings(show_dummy=False)
         self.assert_logged(self.since, "store: /lumen/store/upnpm/0.new: No space left on device")

@@ -30,5 +30,10 @@ class SmallDisk:
         """Takes back what fill did."""
         os.remove(self._filler)
 
+    def protect(self):
+        """Takes no change from now on, as after an error of the disk."""
+        system_calls.mount("none", self._folder,
+                           system_calls.MS_REMOUNT | system_calls.MS_RDONLY)
+
     def close(self):
         system_calls.unmount(self._folder)

@@ -2,6 +2,7 @@
 #include <sys/resource.h>
 
 #include <csignal>
+#include <filesystem>
 #include <functional>
 
 #include "lumen/runtime/Codec.h"
@@ -327,6 +328,43 @@ TEST_F(ObjectMap, TheRecordIsSafeBeforeTheHookIsAskedAndInPlaceAfterwards) {
   lamps_.then = [this] { EXPECT_EQ(dir_.names(), (Names{"1", "1.new"})); };
   set(1, "blue");
   EXPECT_EQ(dir_.names(), Names{"1"});
+}
+
+TEST_F(ObjectMap, TheRecordIsOutOfItsPlaceBeforeTheHookIsAskedToRemove) {
+  add("red");
+  const std::string record = dir_.read("1");
+  lamps_.then = [this] { EXPECT_EQ(dir_.names(), Names{"1.new"}); };
+  lamps_.verdict = errorMsg(errorRefused, "not this one");
+  EXPECT_EQ(getError(remove(1)), "not this one");
+  EXPECT_EQ(getError(set(1, "candle")), "not this one");
+  EXPECT_EQ(dir_.names(), Names{"1"});
+  EXPECT_EQ(dir_.read("1"), record);
+  lamps_.verdict = {};
+  EXPECT_FALSE(isError(remove(1)));
+  EXPECT_EQ(dir_.names(), Names{});
+}
+
+TEST_F(ObjectMap, ARecordThatTheDiskKeepsIsRefusedBeforeAnythingHasChanged) {
+  add("red");
+  platform_.forgetSent();
+  lamps_.hooks.clear();
+  dir_.makeDirectory("1.new");  // in the way
+  const test::LogCapture log;
+  EXPECT_EQ(getError(remove(1)), "could not be removed");
+  EXPECT_EQ(getError(set(1, "candle")), "could not be removed");
+  const std::string line = "store: " + dir_.file("1") + ": Is a directory\n";
+  EXPECT_EQ(log.text(), line + line);
+  EXPECT_TRUE(lamps_.hooks.empty());
+  EXPECT_TRUE(platform_.sent().empty());
+  EXPECT_EQ(describe(read(1)), "{u32 0xfe0001=1, string 0x1=\"red\", u32 0x2=10}");
+  EXPECT_TRUE(dir_.has("1"));
+}
+
+TEST_F(ObjectMap, AnObjectWhoseRecordHasGoneIsRemoved) {
+  add("red");
+  std::filesystem::remove(dir_.file("1"));
+  EXPECT_FALSE(isError(remove(1)));
+  EXPECT_TRUE(lamps_.objects().empty());
 }
 
 TEST_F(ObjectMap, ObjectsThatAreNotStorableLeaveNoRecordAndNoUndo) {

@@ -258,6 +258,48 @@ TEST_F(Records, WhatAnInterruptedWriteLeftIsRemoved) {
   EXPECT_EQ(dir_.names(), Names{"7"});
 }
 
+TEST_F(Records, APreparedRemovalIsTakenBackWithoutACommit) {
+  records_.prepare(7, record(1))->commit();
+  auto pending = records_.prepareRemoval(7);
+  ASSERT_TRUE(pending);
+  EXPECT_FALSE(records_.read(7));
+  pending.reset();
+  EXPECT_EQ(dir_.names(), Names{"7"});
+  EXPECT_EQ(records_.read(7), record(1));
+  EXPECT_TRUE(records_.prepareRemoval(7)->commit());
+  EXPECT_EQ(dir_.names(), Names{});
+}
+
+TEST_F(Records, ACommittedRemovalHoldsAlsoWhenTheFileStays) {
+  records_.prepare(7, record(1))->commit();
+  auto pending = records_.prepareRemoval(7);
+  const test::LogCapture log;
+  whileRefused({SCMP_SYS(unlink)}, EROFS, [&] {
+    EXPECT_FALSE(pending->commit());
+    pending.reset();
+  });
+  const std::string line = "store: " + dir_.file("7.new") + ": Read-only file system\n";
+  EXPECT_EQ(log.text(), line + line);
+  EXPECT_EQ(dir_.names(), Names{"7.new"});
+  EXPECT_TRUE(records_.numbers().empty());
+  EXPECT_EQ(dir_.names(), Names{});
+}
+
+TEST_F(Records, ARemovalThatTheDiskRefusesLeavesTheRecord) {
+  records_.prepare(7, record(1))->commit();
+  const test::LogCapture log;
+  whileRefused({SCMP_SYS(rename)}, EROFS, [&] { EXPECT_FALSE(records_.prepareRemoval(7)); });
+  EXPECT_EQ(log.text(), "store: " + dir_.file("7") + ": Read-only file system\n");
+  EXPECT_EQ(records_.read(7), record(1));
+}
+
+TEST_F(Records, ARemovalOfNoneIsPrepared) {
+  const auto pending = records_.prepareRemoval(7);
+  ASSERT_TRUE(pending);
+  EXPECT_TRUE(pending->commit());
+  EXPECT_EQ(dir_.names(), Names{});
+}
+
 TEST_F(Records, RemovalSucceedsWhenThereIsNone) {
   records_.prepare(7, record(1))->commit();
   EXPECT_TRUE(records_.remove(7));
