@@ -8,6 +8,7 @@ from support.network import (LAN_ADDRESS, LAN_BRIDGE, WAN_ADDRESS, WAN_LINK, Con
 from support.router_case import RouterCase
 
 OTHER_NETWORK = "192.168.89"
+FOREIGN_ADDRESS = "8.8.8.8"
 PORT = 8080
 SERVER_PORT = 80
 
@@ -54,6 +55,19 @@ class HairpinTest(RouterCase):
         self.assertTrue(tcp_refused(self.neighbour, WAN_ADDRESS, PORT, self.server, SERVER_PORT))
         with self.neighbour.udp(to=(WAN_ADDRESS, PORT)) as sock:
             self.assertTrue(udp_refused(sock, self.server, SERVER_PORT))
+
+    def test_what_others_redirect_is_left_alone(self):
+        self.network.router.run("nft", f"""
+            table ip interceptor {{
+              chain prerouting {{
+                type nat hook prerouting priority dstnat;
+                ip daddr {FOREIGN_ADDRESS} udp dport 53 dnat to {self.server.address}
+              }}
+            }}""")
+        with (self.server.udp(53) as names,
+              self.neighbour.udp(to=(FOREIGN_ADDRESS, 53)) as client):
+            client.send(b"who is it?")
+            self.assertEqual(names.recvfrom(100), (b"who is it?", client.getsockname()))
 
     def test_an_administrator_can_leave_it_out(self):
         ruleset = self.router.root / "etc" / "nat-ruleset.nft"
