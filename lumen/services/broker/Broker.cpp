@@ -176,7 +176,7 @@ void Broker::registerServices(Connection& from, const lm::message& request) {
     from.serves.push_back(number);
     services_.registered(number);
     for (WaitingRequest& waiting : requests_.takeWaitingFor(number)) {
-      send(waiting.from, from, std::move(waiting.request));
+      send(waiting.from, from, std::move(waiting.datagram));
     }
   }
   watchDeadlines();
@@ -249,37 +249,34 @@ void Broker::local(Connection& from, Path to, const lm::message& request) {
 void Broker::forward(Connection& from, uint32_t service, lm::message request) {
   const Requester asking = requester(from, request);
   writeSource(from, request);
+  request.fields().erase(lm::key::serial);
+  std::string datagram = lm::encode(request);
   const auto holder = registrations_.find(service);
   if (holder != registrations_.end()) {
-    return send(asking, *find(holder->second), std::move(request));
+    return send(asking, *find(holder->second), std::move(datagram));
   }
   if (!services_.isDefined(service)) return refuse(asking, "no such service");
   if (!services_.need(service, from.rights().administrator())) {
     return refuse(asking, serviceUnavailable);
   }
-  startWaiting(asking, service, std::move(request));
+  startWaiting(asking, service, std::move(datagram));
 }
 
-void Broker::send(Requester from, Connection& to, lm::message request) {
+void Broker::send(Requester from, Connection& to, std::string datagram) {
   const uint32_t serial = requests_.sent(from, to.number());
-  request.insert_u32(lm::key::serial, serial);
-  std::string datagram = lm::encode(request);
+  lm::message last;
+  last.insert_u32(lm::key::serial, serial);
+  datagram += lm::encode(last);
   if (datagram.size() <= lm::maxDatagram) return to.send(std::move(datagram));
   (void)requests_.answered(serial, to.number());
   refuse(from, "the request is too long");
 }
 
-void Broker::startWaiting(Requester from, uint32_t service, lm::message request) {
-  WaitingRequest waiting;
-  waiting.from = from;
-  waiting.service = service;
-  waiting.deadline = clock_.now() + startLimit;
-  waiting.bytes = lm::encode(request).size();
-  waiting.request = std::move(request);
-  if (requests_.waitingBytes(from.connection) + waiting.bytes > maxWaitingBytes) {
+void Broker::startWaiting(Requester from, uint32_t service, std::string datagram) {
+  if (requests_.waitingBytes() + datagram.size() > maxWaitingBytes) {
     return refuse(from, "too many requests at a time");
   }
-  requests_.wait(std::move(waiting));
+  requests_.wait({from, service, clock_.now() + startLimit, std::move(datagram)});
   watchDeadlines();
 }
 

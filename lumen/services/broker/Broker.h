@@ -34,9 +34,10 @@ class Broker : public Notifier, public Services::Observer, public Connection::Ow
   /// Per connection.
   static constexpr size_t maxRequests = 1024;
   static constexpr size_t maxSubscriptions = 256;
-  static constexpr size_t maxWaitingBytes = Connection::queueLimit;
   /// For each user that is no administrator.
   static constexpr size_t maxConnectionsPerUser = 16;
+  /// Of all requests that wait for their service.
+  static constexpr size_t maxWaitingBytes = 4UL * 1024 * 1024;
 
   /// Members of the group `administrators` may do everything. `services` and `clock` must outlive
   /// this.
@@ -79,8 +80,9 @@ class Broker : public Notifier, public Services::Observer, public Connection::Ow
 
   void local(Connection& from, Path to, const lm::message& request);
   void forward(Connection& from, uint32_t service, lm::message request);
-  void send(Requester from, Connection& to, lm::message request);
-  void startWaiting(Requester from, uint32_t service, lm::message request);
+  /// `datagram` is a request without serial.
+  void send(Requester from, Connection& to, std::string datagram);
+  void startWaiting(Requester from, uint32_t service, std::string datagram);
   void late();
   void watchDeadlines();
 

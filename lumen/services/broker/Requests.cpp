@@ -32,14 +32,9 @@ std::vector<Requester> Requests::takeSentTo(uint64_t to) {
   return taken;
 }
 
-void Requests::wait(WaitingRequest request) { waiting_.push_back(std::move(request)); }
-
-size_t Requests::waitingBytes(uint64_t connection) const {
-  size_t bytes = 0;
-  for (const WaitingRequest& waiting : waiting_) {
-    if (waiting.from.connection == connection) bytes += waiting.bytes;
-  }
-  return bytes;
+void Requests::wait(WaitingRequest request) {
+  waitingBytes_ += request.datagram.size();
+  waiting_.push_back(std::move(request));
 }
 
 std::vector<WaitingRequest> Requests::takeWaitingFor(uint32_t service) {
@@ -48,12 +43,14 @@ std::vector<WaitingRequest> Requests::takeWaitingFor(uint32_t service) {
   std::vector<WaitingRequest> taken(std::make_move_iterator(first),
                                     std::make_move_iterator(waiting_.end()));
   waiting_.erase(first, waiting_.end());
+  for (const WaitingRequest& waiting : taken) waitingBytes_ -= waiting.datagram.size();
   return taken;
 }
 
 std::vector<WaitingRequest> Requests::takeLate(uint64_t now) {
   std::vector<WaitingRequest> taken;
   while (!waiting_.empty() && waiting_.front().deadline <= now) {
+    waitingBytes_ -= waiting_.front().datagram.size();
     taken.push_back(std::move(waiting_.front()));
     waiting_.pop_front();
   }

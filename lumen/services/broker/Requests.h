@@ -5,9 +5,8 @@
 #include <deque>
 #include <map>
 #include <optional>
+#include <string>
 #include <vector>
-
-#include "platform/message.h"
 
 namespace lumen {
 
@@ -22,8 +21,7 @@ struct WaitingRequest {
   Requester from;
   uint32_t service = 0;
   uint64_t deadline = 0;  ///< on the clock
-  size_t bytes = 0;       ///< on the wire
-  lm::message request;
+  std::string datagram;   ///< the request without serial: far smaller than its message
 };
 
 /// The requests that are not answered yet. Each is answered once: whoever takes one out answers it.
@@ -38,8 +36,7 @@ class Requests {
 
   /// Deadlines must not fall from one to the next.
   void wait(WaitingRequest request);
-  /// The bytes of the connection's requests that wait.
-  [[nodiscard]] size_t waitingBytes(uint64_t connection) const;
+  [[nodiscard]] size_t waitingBytes() const { return waitingBytes_; }
   /// Those that wait for `service`, in the order of asking.
   [[nodiscard]] std::vector<WaitingRequest> takeWaitingFor(uint32_t service);
   /// Those whose deadline is reached.
@@ -55,6 +52,7 @@ class Requests {
   uint32_t lastSerial_ = 0;
   std::map<uint32_t, Sent> sent_;  // by serial
   std::deque<WaitingRequest> waiting_;
+  size_t waitingBytes_ = 0;  // of their datagrams
 };
 
 }  // namespace lumen
