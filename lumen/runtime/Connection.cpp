@@ -67,16 +67,6 @@ void Connection::progress() {
   receive();
 }
 
-void Connection::waitForArrival(uint64_t limit) {
-  const uint64_t deadline = clock_.now() + limit;
-  while (true) {
-    progress();
-    const uint64_t now = clock_.now();
-    if (!arrived_.empty() || ended_ || now >= deadline) return;
-    transport_->wait(deadline - now, wantsToSend());
-  }
-}
-
 std::optional<message> Connection::take() {
   if (arrived_.empty()) return std::nullopt;
   std::optional<message> first = std::move(arrived_.front());

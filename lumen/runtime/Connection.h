@@ -36,8 +36,6 @@ class Connection {
 
   /// Takes in what has arrived and sends on what waits for room. Waits for nobody.
   void progress();
-  /// Waits at most `limit` milliseconds until a request or notification is there for `take`.
-  void waitForArrival(uint64_t limit);
   /// The number of requests and notifications that are there for `take`.
   [[nodiscard]] size_t arrived() const { return arrived_.size(); }
   /// The first request or notification that has arrived, if any.

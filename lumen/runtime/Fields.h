@@ -39,8 +39,6 @@ class message::Fields {
 
   [[nodiscard]] const_iterator begin() const { return fields_.begin(); }
   [[nodiscard]] const_iterator end() const { return fields_.end(); }
-  [[nodiscard]] size_t size() const { return fields_.size(); }
-  [[nodiscard]] bool empty() const { return fields_.empty(); }
 
   /// The field's value, or null. Valid until the fields change.
   [[nodiscard]] const Value* find(uint32_t key) const;

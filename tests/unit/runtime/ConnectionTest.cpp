@@ -280,21 +280,6 @@ TEST_F(SlowPlatform, IsGivenUpWhenTooMuchWaits) {
   EXPECT_EQ(log.text(), "platform: does not read\n");
 }
 
-TEST_F(ConnectionTest, WaitsForANotification) {
-  platformSends(notification(1));
-  connection_.waitForArrival(60'000);
-  EXPECT_EQ(connection_.arrived(), 1U);
-  (void)connection_.take();
-  connection_.waitForArrival(5);
-  EXPECT_EQ(connection_.arrived(), 0U);
-}
-
-TEST_F(ConnectionTest, StopsWaitingForANotificationWhenThePlatformGoes) {
-  sockets_.peer.reset();
-  connection_.waitForArrival(60'000);
-  EXPECT_TRUE(connection_.ended());
-}
-
 class PlatformSocket : public testing::Test {
  protected:
   /// Listens at `name` in `directory`, however long its path is.
