@@ -6,40 +6,54 @@ import unittest
 from support.network import WAN_ADDRESS, exchange_tcp
 from support.router_case import RouterCase
 
+# What else the machine does only makes a measurement longer, so each router's best one counts, and
+# there are more while that is not good enough.
+ROUNDS, MOST_ROUNDS = 3, 20
+LIMIT = 1.5
+
 
 class LoadTest(RouterCase):
     def test_the_two_thousandth_port_opens_as_fast_as_the_first(self):
-        self.control = self.router.wait_until_controllable()
-        first = self.time_to_open(0, 100)
-        self.open_ports(100, 1900)
-        last = self.time_to_open(1900, 2000, enough=1.5 * first)
-        print(f"first hundred {first * 1000:.0f} ms, last hundred {last * 1000:.0f} ms")
-        self.assertLessEqual(last, 1.5 * first)
+        empty, full = Ports(self.make_router(), 0), Ports(self.router, 1900)
+        full.open(0, 1900)
+        first, last = [], []
+        while len(last) < ROUNDS or (
+                len(last) < MOST_ROUNDS and min(last) > LIMIT * min(first)):
+            first.append(empty.time_to_open_a_hundred())
+            last.append(full.time_to_open_a_hundred())
+        print(f"first hundred {min(first) * 1000:.0f} ms, last hundred {min(last) * 1000:.0f} ms "
+              f"in {len(last)} rounds")
+        self.assertLessEqual(min(last), LIMIT * min(first))
         self.assertEqual(len(self.router.ports()), 2000)
         for number in (0, 999, 1999):
             exchange_tcp(self.wan, WAN_ADDRESS, 10000 + number, self.lan[number % 2], 80)
         self.router.stop()
         self.assertEqual(self.router.kernel_map(), "")
 
-    def time_to_open(self, begin, end, enough=None):
-        """Opens these ports; returns how long it takes at best, in seconds: what else the machine
-        does only makes it longer. Three attempts, or up to ten until `enough` is met."""
-        best = None
-        for attempt in range(10 if enough else 3):
-            for number in range(begin, end) if attempt else ():
-                self.lan[0].close_port(10000 + number, "TCP", control=self.control)
-            before = time.monotonic()
-            self.open_ports(begin, end)
-            taken = time.monotonic() - before
-            best = min(best or taken, taken)
-            if enough and best <= enough:
-                break
-        return best
 
-    def open_ports(self, begin, end):
+class Ports:
+    """The ports of a router from 10000 on, of which the first `count` stay open."""
+
+    def __init__(self, router, count):
+        self._lan = router.network.lan
+        self._control = router.wait_until_controllable()
+        self._count = count
+        self._measured = False
+
+    def open(self, begin, end):
         for number in range(begin, end):
-            client = self.lan[number % 2].address  # one client may have a thousand of them
-            self.lan[0].open_port(10000 + number, "TCP", 80, client, control=self.control)
+            client = self._lan[number % 2].address  # one client may have a thousand of them
+            self._lan[0].open_port(10000 + number, "TCP", 80, client, control=self._control)
+
+    def time_to_open_a_hundred(self):
+        """In seconds. They are open afterwards."""
+        begin, end = self._count, self._count + 100
+        for number in range(begin, end) if self._measured else ():
+            self._lan[0].close_port(10000 + number, "TCP", control=self._control)
+        self._measured = True
+        before = time.monotonic()
+        self.open(begin, end)
+        return time.monotonic() - before
 
 
 if __name__ == "__main__":
