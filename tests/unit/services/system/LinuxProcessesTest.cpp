@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -310,15 +311,21 @@ TEST_F(LinuxProcessesTest, SharesItsOutputWhenTheJournalTakesNoStream) {
 }
 
 TEST_F(LinuxProcessesTest, SignalsOnlyWhatItHasStarted) {
+  std::array<int, 2> ends{};
+  ASSERT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+  const lm::Fd reading(ends[0]);
+  lm::Fd writing(ends[1]);
   const pid_t stranger = fork();
   if (stranger == 0) {
-    pause();
-    _exit(0);
+    close(ends[1]);
+    char byte = 0;
+    _exit(read(ends[0], &byte, 1) == 0 ? 0 : 1);  // until the other end is closed
   }
   processes.signal(stranger, SIGKILL);
-  EXPECT_EQ(waitpid(stranger, nullptr, WNOHANG), 0);
-  kill(stranger, SIGKILL);
-  EXPECT_EQ(waitpid(stranger, nullptr, 0), stranger);
+  writing.reset();
+  int status = 0;
+  EXPECT_EQ(waitpid(stranger, &status, 0), stranger);
+  EXPECT_TRUE(WIFEXITED(status));
 }
 
 TEST_F(LinuxProcessesTest, FindsNoHolderOfALockThatNobodyHas) {
