@@ -1,5 +1,6 @@
 """What subscribers are told: NOTIFY byte for byte, in which order, and to how many."""
 
+import resource
 import time
 
 from event_case import CONNECTION, INITIAL, LINK, OS_INFO, EventCase, notify
@@ -156,6 +157,10 @@ class Crowd(EventCase):
     """A hundred subscribers, each on an address of its own."""
 
     def setUp(self):
+        # The daemon, which inherits it, has up to twelve deliveries to each of them under way.
+        usual = resource.getrlimit(resource.RLIMIT_NOFILE)
+        self.addCleanup(resource.setrlimit, resource.RLIMIT_NOFILE, usual)
+        resource.setrlimit(resource.RLIMIT_NOFILE, (min(usual[1], 4096), usual[1]))
         super().setUp()
         self.crowd = [self.subscriber(number) for number in range(100)]
 

@@ -116,6 +116,7 @@ class Namespace:
         while not self.is_running(name):
             if time.monotonic() > limit:
                 raise AssertionError(f"{name} does not come up")
+            time.sleep(0.001)
 
     def is_running(self, name):
         """Whether the link is up and has a peer that is."""

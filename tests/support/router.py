@@ -60,7 +60,7 @@ class Router:
     def launch(self):
         """Starts lumend and does not wait for it."""
         self.lumend = self.namespace.popen(str(PROGRAMS / "lumend"), "--root", str(self.root),
-                                           private=self.private,
+                                           private=self.private, host_name="router",
                                            stdin=subprocess.DEVNULL, stdout=self._log,
                                            stderr=subprocess.STDOUT if self._log else None)
 

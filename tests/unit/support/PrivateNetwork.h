@@ -16,8 +16,9 @@
 #include "platform/Fd.h"
 
 /// A network namespace of the test's own, in which ports are free and multicast stays inside. Only
-/// "lo" is in it, up, with 127.0.0.1 and 10.0.0.1. Making one moves the whole test program there,
-/// once and for good.
+/// "lo" is in it, up, with 127.0.0.1 and 10.0.0.1, and the host is called "router": a domain in its
+/// name would be searched for other hosts. Making one moves the whole test program there, once and
+/// for good.
 class PrivateNetwork {
  public:
   PrivateNetwork() {
@@ -27,10 +28,11 @@ class PrivateNetwork {
 
  private:
   static bool enter() {
-    const int spaces = geteuid() == 0 ? CLONE_NEWNET : CLONE_NEWNET | CLONE_NEWUSER;
+    const int spaces = CLONE_NEWNET | CLONE_NEWUTS | (geteuid() == 0 ? 0 : CLONE_NEWUSER);
     const uid_t user = geteuid();
     if (unshare(spaces) != 0) return false;
     if (user != 0 && !becomeRoot(user)) return false;
+    if (sethostname("router", strlen("router")) != 0) return false;
     const lm::Fd socketForRequests(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     return up(socketForRequests.get()) && addAddress(socketForRequests.get());
   }
