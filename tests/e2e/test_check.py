@@ -1,5 +1,6 @@
 """lumenctl upnp check: each thing that it finds is done to a router, and undone by what it says."""
 
+import contextlib
 import json
 import os
 import signal
@@ -98,7 +99,8 @@ class CheckTest(CheckCase):
         def is_seen():
             # Each crash doubles the time until the next start.
             if pid := self.router.gateway_pid():
-                os.kill(pid, signal.SIGKILL)
+                with contextlib.suppress(ProcessLookupError):
+                    os.kill(pid, signal.SIGKILL)
             return self.check() == crashed
 
         self.wait_until(is_seen, "it is seen as crashed", limit=30)

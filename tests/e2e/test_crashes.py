@@ -87,7 +87,7 @@ class CrashTest(RouterCase):
     def strike(self, victims):
         """Kills the victims at a random moment of the next operation; returns when the router works
         again."""
-        tcp = next((m for m in self.mappings.enabled() if m[1] == "tcp"), None)
+        tcp = min((m for m in self.mappings.enabled() if m[1] == "tcp"), default=None)
         flows = [self.begin_flow(5060)]
         host = self.lan[0].speak_to()
         operation = self.mappings.next()

@@ -11,6 +11,7 @@ import shutil
 import subprocess
 import sys
 import tempfile
+import time
 
 from support.network import wait_until
 
@@ -41,9 +42,12 @@ def package_source():
 
 
 def make_root(folder):
-    """Makes the smallest Debian that has systemd in `folder`, unless it is there already."""
+    """Makes the smallest Debian that has systemd in `folder`, unless it is there already. After a
+    day the package source may no longer have what its lists name."""
     if folder.exists():
-        return
+        if time.time() < folder.stat().st_mtime + 86400:
+            return
+        shutil.rmtree(folder)
     unfinished = folder.with_name(folder.name + ".unfinished")
     shutil.rmtree(unfinished, ignore_errors=True)
     suite, address = package_source()
@@ -62,7 +66,7 @@ class Machine:
 
     def __init__(self, base, namespace):
         self._folder = tempfile.mkdtemp(prefix="palinode-machine-")
-        self._group = process_groups() / f"palinode-{os.getpid()}"
+        self._group = process_groups() / os.path.basename(self._folder)
         self._process = namespace.popen(str(BOOT), str(base), self._folder, str(self._group),
                                         stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                                         stderr=subprocess.DEVNULL)

@@ -116,7 +116,7 @@ class InstallationTest(unittest.TestCase):
     def test_is_restarted_when_it_no_longer_answers(self):
         self.install()
         self.machine.run("sh", "-c", "mkdir -p /etc/systemd/system/lumend.service.d && "
-                         "printf '[Service]\\nWatchdogSec=1\\n' > "
+                         "printf '[Service]\\nWatchdogSec=5\\n' > "
                          "/etc/systemd/system/lumend.service.d/watchdog.conf && "
                          "systemctl daemon-reload && systemctl restart lumend")
         before = self.main_process()

@@ -85,5 +85,6 @@ TEST_F(Advertiser, LogsEachFailureAndGoesOn) {
 }
 
 TEST(AdvertInterval, IsThirtySecondsShortOfTheMaxAge) {
-  EXPECT_EQ(ADVERT_INTERVAL, (MAX_AGE - 30) * 100);
+  EXPECT_EQ(MAX_AGE, 3600U);            // seconds
+  EXPECT_EQ(ADVERT_INTERVAL, 357000U);  // hundredths of a second
 }
