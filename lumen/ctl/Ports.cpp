@@ -31,7 +31,7 @@ Json portsAsJson(std::vector<NatRule> rules) {
                       {"stale", rule.stale},
                       {"owner", rule.owner},
                       {"seconds", rule.secondsOpen},
-                      {"connections", rule.connections},
+                      {"connections", rule.connections ? Json(*rule.connections) : Json()},
                       {"connections_so_far", rule.uses ? Json(*rule.uses) : Json()}});
   }
   return result;
@@ -46,8 +46,8 @@ Table portsAsTable(std::vector<NatRule> rules) {
                dotted(rule.externalAddress),
                dotted(rule.internalClient) + ":" + std::to_string(rule.internalPort),
                Table::state(rule.state()), duration(rule.secondsOpen),
-               std::to_string(rule.connections), rule.uses ? std::to_string(*rule.uses) : "?",
-               rule.owner});
+               rule.connections ? std::to_string(*rule.connections) : "?",
+               rule.uses ? std::to_string(*rule.uses) : "?", rule.owner});
   }
   return table;
 }

@@ -27,6 +27,11 @@ Role toRole(uint32_t value) {
   }
 }
 
+std::optional<uint64_t> numberIfTold(const lm::message& record, uint32_t key) {
+  if (record.fields().find(key) == nullptr) return std::nullopt;
+  return record.get_u64(key);
+}
+
 }  // namespace
 
 std::string roleName(Role role) {
@@ -88,11 +93,8 @@ NatRule::NatRule(const lm::message& record)
       stale(record.get_bool(lumen::nat::key::stale)),
       owner(record.get_string(lumen::nat::key::owner)),
       secondsOpen(record.get_u64(lumen::nat::key::seconds)),
-      connections(record.get_u64(lumen::nat::key::connections)) {
-  if (record.fields().find(lumen::nat::key::uses) != nullptr) {
-    uses = record.get_u64(lumen::nat::key::uses);
-  }
-}
+      connections(numberIfTold(record, lumen::nat::key::connections)),
+      uses(numberIfTold(record, lumen::nat::key::uses)) {}
 
 std::string NatRule::protocolName() const {
   if (protocol == IPPROTO_TCP) return "tcp";

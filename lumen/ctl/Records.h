@@ -74,8 +74,8 @@ struct NatRule {
   bool stale = false;
   std::string owner;  ///< name of the service that made it
   uint64_t secondsOpen = 0;
-  uint64_t connections = 0;      ///< open now
-  std::optional<uint64_t> uses;  ///< connections since it was opened; none: not known
+  std::optional<uint64_t> connections;  ///< open now; none: not known
+  std::optional<uint64_t> uses;         ///< connections since it was opened; none: not known
 };
 
 /// Which ports programs may open. The texts are as in the policy file.

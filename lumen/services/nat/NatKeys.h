@@ -34,11 +34,12 @@ inline constexpr uint32_t clientPortFirst = 0x080003ea;   ///< u32: internal por
 inline constexpr uint32_t clientPortLast = 0x080003eb;    ///< u32
 
 // What a record adds, after the rule's id.
-inline constexpr uint32_t owner = 0x20010020;        ///< string: service name
-inline constexpr uint32_t seconds = 0x10010021;      ///< u64: since the rule was added
-inline constexpr uint32_t connections = 0x10010022;  ///< u64: flows of TCP or UDP through it now
-inline constexpr uint32_t stale = 0x00010023;        ///< bool: external address has left the router
-inline constexpr uint32_t closed = 0x00010024;       ///< bool: closed by the administrator
+inline constexpr uint32_t owner = 0x20010020;    ///< string: service name
+inline constexpr uint32_t seconds = 0x10010021;  ///< u64: since the rule was added
+/// u64: flows of TCP or UDP through it now; absent when not all could be counted.
+inline constexpr uint32_t connections = 0x10010022;
+inline constexpr uint32_t stale = 0x00010023;   ///< bool: external address has left the router
+inline constexpr uint32_t closed = 0x00010024;  ///< bool: closed by the administrator
 /// u64: flows that came through it since the rule was added; absent when the kernel does not tell.
 inline constexpr uint32_t uses = 0x10010025;
 

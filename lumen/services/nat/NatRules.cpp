@@ -298,26 +298,27 @@ NatRules::Counts NatRules::count() {
   Counts counts;
   if (rules_.empty()) return counts;
   counts.uses = map_.uses();
-  flows_.visitTranslated([&](const Flow& flow) {
+  Numbers connections;
+  const bool complete = flows_.visitTranslated([&](const Flow& flow) {
     RuleKey key{.external = flow.destination, .protocol = flow.protocol};
-    if (ids_.contains(key)) ++counts.connections[key];
+    if (ids_.contains(key)) ++connections[key];
   });
+  if (complete) counts.connections = std::move(connections);
   return counts;
 }
 
 lm::message NatRules::record(uint32_t id, const Rule& rule, const Counts& counts) const {
-  const auto of = [&rule](const std::map<RuleKey, uint64_t>& numbers) {
-    auto it = numbers.find(rule.key);
-    return it == numbers.end() ? 0 : it->second;
+  const auto of = [&rule](const std::optional<Numbers>& numbers) -> std::optional<uint64_t> {
+    if (!numbers) return std::nullopt;
+    auto it = numbers->find(rule.key);
+    return it == numbers->end() ? 0 : it->second;
   };
   RuleStatus status{.seconds = (clock_.now() - rule.addedAt) / 1000,
                     .connections = of(counts.connections),
                     .stale = !networks_.interfaceOf(rule.key.external.address)};
-  if (!rule.inKernel()) {
-    status.uses = rule.earlierUses;
-  } else if (counts.uses) {
-    status.uses = rule.earlierUses + of(*counts.uses);
-  }
+  std::optional<uint64_t> latest = 0;
+  if (rule.inKernel()) latest = of(counts.uses);
+  if (latest) status.uses = rule.earlierUses + *latest;
   return ruleRecord(id, rule, status);
 }
 

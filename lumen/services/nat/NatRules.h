@@ -42,10 +42,12 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts {
  private:
   using Rules = std::map<uint32_t, Rule>;
 
-  /// The connections of all rules.
+  using Numbers = std::map<RuleKey, uint64_t>;
+
+  /// The connections of all rules; none: not known.
   struct Counts {
-    std::map<RuleKey, uint64_t> connections;          // open now
-    std::optional<std::map<RuleKey, uint64_t>> uses;  // so far; none: not known
+    std::optional<Numbers> connections;  // open now
+    std::optional<Numbers> uses;         // so far
   };
 
   /// They are counted once for as long as one reader pages through the rules.

@@ -153,7 +153,7 @@ lm::message ruleRecord(uint32_t id, const Rule& rule, const RuleStatus& status) 
   record.insert_u32(lm::key::objectId, id);
   record.insert_string(key::owner, rule.owner);
   record.insert_u64(key::seconds, status.seconds);
-  record.insert_u64(key::connections, status.connections);
+  if (status.connections) record.insert_u64(key::connections, *status.connections);
   record.insert_bool(key::stale, status.stale);
   record.insert_bool(key::closed, rule.closed);
   if (status.uses) record.insert_u64(key::uses, *status.uses);

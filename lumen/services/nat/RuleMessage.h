@@ -28,7 +28,7 @@ struct RuleChange {
 /// What a record tells of a rule beside the rule itself.
 struct RuleStatus {
   uint64_t seconds = 0;
-  uint64_t connections = 0;
+  std::optional<uint64_t> connections = std::nullopt;  ///< none: not known
   bool stale = false;
   std::optional<uint64_t> uses = std::nullopt;  ///< none: not known
 };

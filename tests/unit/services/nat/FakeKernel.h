@@ -54,7 +54,7 @@ class FakeFlows : public Flows {
   bool visitTranslated(const std::function<void(const Flow&)>& visit) override {
     ++visits;
     for (const Flow& flow : flows) visit(flow);
-    return true;
+    return readable;
   }
 
   /// Judges the flows of the sweep that is under way, which is over then.
@@ -73,6 +73,7 @@ class FakeFlows : public Flows {
   std::vector<Flow> flows;
   std::vector<std::set<Endpoint>> sweeps;  // what each was asked for
   int visits = 0;
+  bool readable = true;  // all of them
 
  private:
   Sweeper* sweeper_ = nullptr;

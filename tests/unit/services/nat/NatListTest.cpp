@@ -153,6 +153,14 @@ TEST_F(NatListTest, LeavesOutUsesThatTheKernelDoesNotTell) {
   EXPECT_EQ(usesOf(records[1]), 0U) << "it never was in the kernel";
 }
 
+TEST_F(NatListTest, LeavesOutConnectionsThatCouldNotAllBeCounted) {
+  opens({});
+  flows.flows = {flow(6, 8080)};
+  flows.readable = false;
+  EXPECT_EQ(lists()[0].fields().find(nat::key::connections), nullptr);
+  EXPECT_EQ(usesOf(lists()[0]), 0U) << "the rest is told";
+}
+
 TEST_F(NatListTest, TakesACursorThatNobodyGaveOut) {
   opens({});
   lm::message request;
