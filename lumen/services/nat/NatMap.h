@@ -12,9 +12,10 @@
 namespace lumen {
 
 /// The open ports as the kernel has them: the elements of the map `forwards` in the nftables table
-/// `ip lumen`. Every operation is one transaction, and costs the same however many there are.
+/// `ip lumen`. Each change is one transaction, and one port costs the same however many are open.
 ///
-/// Operations return nothing when they are done, else why not, in one line; then nothing changed.
+/// add(), remove() and change() return nothing when done, else why not, in one line; then nothing
+/// changed.
 class NatMap {
  public:
   /// `nftables` must outlive this.
@@ -23,7 +24,7 @@ class NatMap {
   NatMap& operator=(const NatMap&) = delete;
 
   /// Makes the table from the ruleset file at `path`. It must not exist yet; afterwards it is this
-  /// process's own.
+  /// process's own. Returns nothing, or why there is no table.
   [[nodiscard]] std::optional<std::string> open(const std::string& path);
 
   [[nodiscard]] std::optional<std::string> add(const RuleKey& key, const Endpoint& client);
@@ -35,7 +36,7 @@ class NatMap {
   /// and a NAT chain sees the first packet of a connection only. None when the kernel does not
   /// tell, which is logged.
   [[nodiscard]] std::optional<std::map<RuleKey, uint64_t>> uses();
-  /// The same of one port.
+  /// The same of one port; a failure is not logged.
   [[nodiscard]] std::optional<uint64_t> uses(const RuleKey& key);
 
  private:
