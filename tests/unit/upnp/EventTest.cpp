@@ -18,7 +18,7 @@
 
 namespace {
 
-constexpr uint32_t second = 100;  // in hundredths
+constexpr uint64_t second = 100;  // in hundredths
 constexpr const char* emptySet =
     "<e:propertyset xmlns:e=\"urn:schemas-upnp-org:event-1-0\"></e:propertyset>\r\n";
 
@@ -178,6 +178,7 @@ TEST_F(Events, AreStartedInTheOrderOfTheSids) {
   EXPECT_EQ(takeAll().size(), 20U);  // the initial ones
   lamp->setVar("Colour", "blue");
   std::vector<std::string> inOrder;
+  inOrder.reserve(addresses.size());
   for (const auto& [sid, address] : addresses) inOrder.push_back(address);
   EXPECT_EQ(takeAll(), inOrder);
 }

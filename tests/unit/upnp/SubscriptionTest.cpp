@@ -11,7 +11,7 @@
 namespace {
 
 constexpr const char* refused412 = "HTTP/1.1 412 Precondition Failed\r\n\r\n";
-constexpr uint32_t second = 100;  // in hundredths
+constexpr uint64_t second = 100;  // in hundredths
 
 using Subscriptions = LampEvents;
 
