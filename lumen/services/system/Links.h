@@ -67,7 +67,7 @@ struct Route {
 class Links {
  public:
   /// Is told of every change, in the kernel's order, from the event loop and never from inside
-  /// another call of Links.
+  /// another call of Links but start.
   class Listener {
    public:
     virtual ~Listener() = default;
