@@ -192,6 +192,7 @@ void InterfaceTable::linkChanged(const Link& link) {
   if (same != interfaces_.end() && same->second.link.index != 0 &&
       same->second.link.index != link.index) {
     depart(id);
+    (void)ids_.take(link.name);  // its departure can have released the name
   }
 
   Interface& interface = interfaces_[id];

@@ -276,6 +276,27 @@ TEST_F(InterfaceTableTest, FollowsNamesThatWereSwappedWhileChangesWereLost) {
                             record(2, 2, "b", "disabled=0 running=1")}));
 }
 
+TEST_F(InterfaceTableTest, KeepsTheIdsOfSwappedNamesHoweverManyOthersComeAndGo) {
+  kernel.appears("a");
+  kernel.appears("b");
+  starts();
+  kernel.silent = true;
+  kernel.isRenamed("a", "tmp");
+  kernel.isRenamed("b", "a");
+  kernel.isRenamed("tmp", "b");
+  kernel.silent = false;
+  kernel.readsEverything();
+  for (size_t i = 0; i < InterfaceIds::rememberedNames; ++i) {
+    const std::string name = "veth" + std::to_string(i);
+    kernel.appears(name);
+    kernel.leaves(name);
+  }
+  kernel.becomes("a", true, false);
+  kernel.becomes("b", true, false);
+  EXPECT_EQ(lists(), (Lines{record(1, 3, "a", "disabled=0 running=0"),
+                            record(2, 2, "b", "disabled=0 running=0")}));
+}
+
 TEST_F(InterfaceTableTest, ReadsOneInterfaceWithItsCounters) {
   kernel.appears("wan0");
   kernel.counters = {4294967301, 426, 5, 3};
