@@ -14,6 +14,7 @@
 
 #include "lumen/runtime/Log.h"
 #include "lumen/services/system/NetlinkRoute.h"
+#include "lumen/services/system/TableReading.h"
 
 namespace lumen {
 namespace {
@@ -49,19 +50,6 @@ class Request {
   nlmsghdr* header_;
   Fixed* fixed_;
 };
-
-void apply(const NetlinkMessage& change, LinkSnapshot& all) {
-  if (const auto* is = std::get_if<NetlinkMessage::LinkIs>(&change.what)) {
-    all.links[is->status.link.index] = is->status.link;
-  } else if (const auto* gone = std::get_if<NetlinkMessage::LinkGone>(&change.what)) {
-    all.links.erase(gone->index);
-    all.addresses.erase(gone->index);
-  } else if (const auto* has = std::get_if<NetlinkMessage::AddressIs>(&change.what)) {
-    all.addresses[has->index].insert(has->address);
-  } else if (const auto* lost = std::get_if<NetlinkMessage::AddressGone>(&change.what)) {
-    all.addresses[lost->index].erase(lost->address);
-  }
-}
 
 void logFailure(const char* what) { lm::logLine("interfaces: ", what, ": ", strerror(errno)); }
 
@@ -126,12 +114,12 @@ void NetlinkLinks::readTables() {
 }
 
 NetlinkLinks::Answer NetlinkLinks::tryReadTables(LinkSnapshot& all) {
-  all = {};
   if (!changes_.open(RTMGRP_LINK | RTMGRP_IPV4_IFADDR, receiveBuffer_)) {
     logFailure("netlink socket");
     return Answer::failed;
   }
-  const auto sink = [&](NetlinkMessage& m) { apply(m, all); };
+  TableReading reading(changes_.port());
+  const auto sink = [&](NetlinkMessage& m) { reading.take(m, sequence_); };
   int error = 0;
   Request<ifinfomsg> links(RTM_GETLINK, NLM_F_DUMP);
   Answer answer = exchange(changes_, links.header(), error, sink);
@@ -139,6 +127,10 @@ NetlinkLinks::Answer NetlinkLinks::tryReadTables(LinkSnapshot& all) {
   Request<ifaddrmsg> addresses(RTM_GETADDR, NLM_F_DUMP);
   addresses.fixed().ifa_family = AF_INET;
   answer = exchange(changes_, addresses.header(), error, sink);
+  if (answer == Answer::complete && error == 0 && reading.lostAddress()) {
+    answer = exchange(changes_, addresses.header(), error, sink);
+  }
+  all = reading.finish();
   return error == 0 ? answer : Answer::failed;
 }
 

@@ -17,9 +17,9 @@ namespace lumen {
 /// The links, addresses and routes of the network namespace in which it was made.
 ///
 /// One socket hears of every change. It is subscribed before the tables are read through it, so
-/// that what changes meanwhile lies between the answers in the right order and is applied to what
-/// was read. When the kernel had to drop changes, a new socket starts over. A second socket carries
-/// requests and their answers, which therefore never mix with changes.
+/// that what changes meanwhile lies between the answers and is applied to what was read. When the
+/// kernel had to drop changes, a new socket starts over. A second socket carries requests and their
+/// answers, which therefore never mix with changes.
 class NetlinkLinks : public Links {
  public:
   /// The socket of changes has room for `receiveBuffer` bytes that wait.

@@ -193,8 +193,8 @@ class Reader {
 
   template <typename What>
   void add(What what) {
-    messages_.push_back(
-        {header_.nlmsg_seq, (header_.nlmsg_flags & NLM_F_DUMP_INTR) != 0, std::move(what)});
+    messages_.push_back({header_.nlmsg_seq, header_.nlmsg_pid,
+                         (header_.nlmsg_flags & NLM_F_DUMP_INTR) != 0, std::move(what)});
   }
 
   void fail(const char* reason) {

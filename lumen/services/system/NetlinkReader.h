@@ -40,7 +40,8 @@ struct NetlinkMessage {
     int error = 0;  ///< errno, 0: done
   };
 
-  uint32_t sequence = 0;     ///< the request's that this answers; of a change told unasked anything
+  uint32_t sequence = 0;     ///< of the request that this answers, or that made this change
+  uint32_t port = 0;         ///< of the socket that sent that request; 0: none
   bool interrupted = false;  ///< the dump that this belongs to has missed changes
   std::variant<LinkIs, LinkGone, AddressIs, AddressGone, RouteIs, Answered> what;
 };

@@ -30,6 +30,9 @@ class NetlinkSocket {
   /// Below 0 when it is not open.
   [[nodiscard]] int fd() const;
 
+  /// The number by which the kernel addresses it, while it is open.
+  [[nodiscard]] uint32_t port() const { return mnl_socket_get_portid(socket_.get()); }
+
   /// The kernel answers requests while they are sent. False, with errno, when it takes none.
   [[nodiscard]] bool send(const nlmsghdr& request);
 

@@ -37,6 +37,7 @@ What as(const NetlinkMessage& m) {
 TEST(NetlinkReader, ReadsALinkWithItsCounters) {
   const NetlinkMessage m = read(linkWithCounters);
   EXPECT_EQ(m.sequence, 9U);
+  EXPECT_EQ(m.port, 0x4098U);
   const auto status = as<NetlinkMessage::LinkIs>(m).status;
   EXPECT_EQ(status.link.index, 3U);
   EXPECT_EQ(status.link.name, "wan0");
