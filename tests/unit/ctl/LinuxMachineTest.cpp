@@ -1,6 +1,8 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -43,6 +45,17 @@ TEST(LinuxMachineTest, TellsABridgeFromOtherLinks) {
   EXPECT_FALSE(machine.isBridge("lo"));
   EXPECT_FALSE(machine.isBridge("missing"));
   EXPECT_FALSE(machine.isBridge("a-name-that-no-link-can-have"));
+}
+
+TEST(LinuxMachineTest, NamesTheOwnerOfASocket) {
+  LinuxMachine machine;
+  const lm::Fd held(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  struct stat status {};
+  ASSERT_EQ(fstat(held.get(), &status), 0);
+  const Process owner = machine.ownerOf(status.st_ino);
+  EXPECT_EQ(owner.id, static_cast<uint32_t>(getpid()));
+  EXPECT_EQ(owner.name, "ctl_test");
+  EXPECT_EQ(machine.ownerOf(0).id, 0U);
 }
 
 /// While it lives, standard input and output are `fd`.

@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -208,6 +209,26 @@ TEST_F(ConnectionTest, SendsLaterWhatTheSystemHasNoRoomForNow) {
     EXPECT_FALSE(connection_.wantsToSend());
     EXPECT_NE(platformReceives(), "nothing");
   }
+}
+
+TEST_F(ConnectionTest, WhatWasNotSentInTimeTakesNoRoom) {
+  message large = request(7);
+  large.insert_string(2, std::string(100'000, 'x'));
+  whileRefused({SCMP_SYS(sendto)}, ENOBUFS, [&] {
+    // More than 4 MiB together, which may not wait.
+    for (int i = 0; i < 50; ++i) {
+      EXPECT_EQ(getError(connection_.exchange(large, 1, 0)), "no answer in time");
+    }
+  });
+  EXPECT_FALSE(connection_.ended());
+  EXPECT_EQ(platformReceives(), "nothing");
+}
+
+TEST_F(ConnectionTest, CanBeWaitedFor) {
+  pollfd arrival{connection_.fd(), POLLIN, 0};
+  EXPECT_EQ(poll(&arrival, 1, 0), 0);
+  platformSends(notification(1));
+  EXPECT_EQ(poll(&arrival, 1, 5000), 1);
 }
 
 TEST_F(ConnectionTest, TheReplyToAPostIsDropped) {

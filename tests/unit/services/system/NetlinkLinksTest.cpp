@@ -473,6 +473,12 @@ std::set<uint32_t> portsOfSubscribers() {
   return ports;
 }
 
+TEST_F(NetlinkLinksTest, KnowsThePortOfItsSocket) {
+  NetlinkSocket socket;
+  ASSERT_TRUE(socket.open(RTMGRP_LINK | RTMGRP_IPV4_IFADDR, 0));
+  EXPECT_EQ(portsOfSubscribers(), std::set<uint32_t>{socket.port()});
+}
+
 TEST_F(NetlinkLinksTest, BelievesNobodyButTheKernel) {
   hasPair("wan0");
   hasPair("lan0");

@@ -20,11 +20,12 @@ using Messages = std::vector<std::string>;
 
 /// The other side: a service manager's datagram socket.
 class ServiceManagerTest : public testing::Test {
- protected:
+ public:
   ~ServiceManagerTest() override {
     for (const char* name : {"NOTIFY_SOCKET", "WATCHDOG_USEC", "WATCHDOG_PID"}) unsetenv(name);
   }
 
+ protected:
   /// `name` is a path, or begins with "@".
   void managerListensAt(const std::string& name) {
     sockaddr_un address = {};
