@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -17,7 +18,7 @@ namespace {
 
 constexpr uint8_t multicastTtl = 4;
 constexpr int backlog = 1;
-constexpr timeval writeLimit = {0, 100000};  // seconds, microseconds
+constexpr timeval writeLimit = {0, 10000};  // seconds, microseconds
 
 /// Logs `what` and the system's error text. Returns the makers' failure.
 int failed(const char* what) {
@@ -84,7 +85,11 @@ int makeTcpSocket(const std::string& ifname, unsigned int port) {
 }
 
 void boundWrite(int fd, size_t bytes) {
-  const int room = static_cast<int>(bytes);
+  // A peer with a small window makes segments small, and each is charged several hundred bytes
+  // more.
+  constexpr size_t overhead = 4;
+  constexpr size_t most = 64UL * 1024 * 1024;  // more than the system allows
+  const auto room = static_cast<int>(std::min(overhead * bytes, most));
   setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
   setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &writeLimit, sizeof writeLimit);
 }

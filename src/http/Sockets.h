@@ -28,5 +28,5 @@ inline constexpr uint16_t DEFAULT_HTTP_PORT = 80;
 
 /// Prepares the connection `fd` for one blocking write of `bytes` bytes: the send buffer gets room
 /// for them, as far as the system allows it, and a peer that does not read what is more than that
-/// holds up the loop for a tenth of a second at most.
+/// holds up the loop for a hundredth of a second at most.
 void boundWrite(int fd, size_t bytes);

