@@ -159,7 +159,7 @@ class Router {
       case 8:
         return kernel_.refuseAfter(in.byte() % 4);
       default:
-        return passes(in.byte() * 10U);
+        return passes(in.byte() * uint64_t{10});
     }
   }
 

@@ -59,12 +59,13 @@ class Checks {
     std::string reason;
     const auto messages = lumen::readNetlink(request, reason);
     require(messages && messages->size() == 1, "a request is one message");
-    const auto* is = std::get_if<NetlinkMessage::RouteIs>(&messages->front().what);
-    require(is != nullptr && is->family == was.family && is->gateway == was.gateway,
-            "a route is put back as it was");
+    require(std::holds_alternative<NetlinkMessage::RouteIs>(messages->front().what),
+            "a request for a route is a route");
+    const auto& is = std::get<NetlinkMessage::RouteIs>(messages->front().what);
+    require(is.family == was.family && is.gateway == was.gateway, "a route is put back as it was");
     std::vector<uint32_t> links = was.links;
     std::ranges::replace(links, link, newLink);
-    require(is->links == links, "a route is put back by the new link");
+    require(is.links == links, "a route is put back by the new link");
     const nlmsghdr* header = reinterpret_cast<const nlmsghdr*>(request.data());
     require(header->nlmsg_type == RTM_NEWROUTE && (header->nlmsg_flags & NLM_F_EXCL) != 0,
             "a route that exists is left alone");

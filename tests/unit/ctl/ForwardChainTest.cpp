@@ -90,7 +90,7 @@ struct LegacyTable {
                const std::string& link = "") {
     const auto begin = static_cast<uint32_t>(bytes.size());
     ipt_entry entry{};
-    std::strcpy(entry.ip.iniface, link.c_str());
+    link.copy(entry.ip.iniface, sizeof entry.ip.iniface - 1);
     std::memset(entry.ip.iniface_mask, link.empty() ? 0 : 0xFF, link.size());
     entry.target_offset = static_cast<uint16_t>(sizeof entry + match.size());
     entry.next_offset = static_cast<uint16_t>(entry.target_offset + sizeof(xt_standard_target));
@@ -99,7 +99,7 @@ struct LegacyTable {
     bytes.insert(bytes.end(), match.begin(), match.end());
     xt_standard_target standard{};
     standard.target.u.user.target_size = sizeof standard;
-    std::strcpy(standard.target.u.user.name, target.c_str());
+    target.copy(standard.target.u.user.name, sizeof standard.target.u.user.name - 1);
     standard.verdict = verdict;
     append(bytes, standard);
     return begin;

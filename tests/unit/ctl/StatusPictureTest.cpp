@@ -86,11 +86,11 @@ TEST_F(Picture, ShowsTheRouterWithItsTraffic) {
       (Lines{
           "Gateway: on (process 4711)" + std::string(64, ' ') + "q ends", "",
           "INTERFACE  ROLE      STATE    ADDRESS       RECEIVED/S                  SENT/S",
-          "br-lan     internal  running  192.168.88.1       800 B              ▂█   400 B        "
-          "       ▅",
+          std::string("br-lan     internal  running  192.168.88.1       800 B              ▂█") +
+              "   400 B               ▅",
           "wan0       external  running  45.45.45.1        1.2 MB               █     0 B", "",
-          "PORT      ON ADDRESS  TO                STATE  OPEN FOR   CONNECTIONS  SO FAR  OPENED "
-          "BY",
+          std::string("PORT      ON ADDRESS  TO                STATE  OPEN FOR   CONNECTIONS") +
+              "  SO FAR  OPENED BY",
           "8080/tcp  45.45.45.1  192.168.88.10:80  open   3 min 5 s            2      17  upnp"}));
 }
 
