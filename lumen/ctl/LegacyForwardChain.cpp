@@ -37,17 +37,17 @@ bool takesEverything(const ipt_ip& ip) {
   return std::memcmp(&ip, &nothing, sizeof nothing) == 0;
 }
 
-constexpr std::string_view standardTarget = XT_STANDARD_TARGET;
+// The standard target is the one without a name (XT_STANDARD_TARGET).
 
 bool isDrop(Bytes target, std::string_view title) {
   if (title == "REJECT") return true;
   const auto verdict = lumen::readStruct<int32_t>(target.subspan(sizeof(xt_entry_target)));
-  return title == standardTarget && verdict == -NF_DROP - 1;
+  return title.empty() && verdict == -NF_DROP - 1;
 }
 
 bool isAccept(Bytes target, std::string_view title) {
   const auto verdict = lumen::readStruct<int32_t>(target.subspan(sizeof(xt_entry_target)));
-  return title == standardTarget && verdict == -NF_ACCEPT - 1;
+  return title.empty() && verdict == -NF_ACCEPT - 1;
 }
 
 /// Of an entry of at least its own lengths.

@@ -43,6 +43,21 @@ std::string nameOf(const ForwardChain& chain) {
          (chain.tool == ForwardChain::Tool::iptables ? " of iptables" : " of iptables-legacy");
 }
 
+Finding portInUse(const PortUser& user) {
+  const bool tcp = user.protocol == IPPROTO_TCP;
+  const std::string port = std::to_string(user.port);
+  const bool known = user.process != 0;
+  const std::string process = std::to_string(user.process);
+  return {"port-in-use",
+          (known ? user.program + " (process " + process + ")" : "Another program") +
+              " uses port " + port + (tcp ? "/tcp" : "/udp") + ", which the gateway needs.",
+          tcp ? "The gateway may not be able to serve the description that programs read first."
+              : "The gateway may not hear the programs that search for it.",
+          known ? "stop it: systemctl status " + process + " tells what started it"
+                : "stop it: ss --" + std::string(tcp ? "tcp" : "udp") +
+                      " --listening --processes sport = :" + port + ", as root, tells what it is"};
+}
+
 }  // namespace
 
 Findings checkKernel(const std::string& release) {
@@ -108,22 +123,8 @@ Findings checkFirewall(const std::vector<ForwardChain>& chains) {
 
 Findings checkPortUsers(const std::vector<PortUser>& users) {
   Findings findings;
-  for (const PortUser& user : users) {
-    const bool tcp = user.protocol == IPPROTO_TCP;
-    const std::string port = std::to_string(user.port) + (tcp ? "/tcp" : "/udp");
-    const bool known = user.process != 0;
-    const std::string process = std::to_string(user.process);
-    const std::string program =
-        known ? user.program + " (process " + process + ")" : "Another program";
-    findings.push_back(
-        {"port-in-use", program + " uses port " + port + ", which the gateway needs.",
-         tcp ? "The gateway may not be able to serve the description that programs read first."
-             : "The gateway may not hear the programs that search for it.",
-         known ? "stop it: systemctl status " + process + " tells what started it"
-               : "stop it: ss --" + std::string(tcp ? "tcp" : "udp") +
-                     " --listening --processes sport = :" + std::to_string(user.port) +
-                     ", as root, tells what it is"});
-  }
+  findings.reserve(users.size());
+  for (const PortUser& user : users) findings.push_back(portInUse(user));
   return findings;
 }
 
