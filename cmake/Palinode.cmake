@@ -25,19 +25,17 @@ else()
   set(PALINODE_ZSH_DIR ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
 endif()
 
-find_program(PALINODE_CCACHE ccache)
-if(PALINODE_CCACHE)
-  set(CMAKE_CXX_COMPILER_LAUNCHER ${PALINODE_CCACHE})
-endif()
-find_program(PALINODE_MOLD mold)
-if(PALINODE_MOLD)
-  add_link_options(-fuse-ld=mold)
+if(PALINODE_LINKER)
+  add_link_options(-fuse-ld=${PALINODE_LINKER})
 endif()
 
 add_library(palinode_warnings INTERFACE)
 target_compile_options(palinode_warnings INTERFACE
   -Wall -Wextra -Wconversion -Wsign-conversion -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual
-  -Wold-style-cast -Werror)
+  -Wold-style-cast)
+if(PALINODE_WERROR)
+  target_compile_options(palinode_warnings INTERFACE -Werror)
+endif()
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
   # Wrong about "text" + string when it optimises (GCC bugs 105651, 105329).
   target_compile_options(palinode_warnings INTERFACE -Wno-restrict -Wno-stringop-overflow
@@ -85,6 +83,12 @@ function(palinode_library name)
   target_link_libraries(${name} PRIVATE palinode_flags PUBLIC ${ARG_LINK})
 endfunction()
 
+# What tests add: GCC lets a compiler cache serve sources that use precompiled headers.
+add_library(palinode_test_flags INTERFACE)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  target_compile_options(palinode_test_flags INTERFACE -fpch-preprocess)
+endif()
+
 # palinode_unit_test(NAME SOURCES file... LINK library... [LABEL label])
 # One GoogleTest program; each of its tests is a test of its own in the run. The label is "unit";
 # tests that need root say "unit-root".
@@ -95,10 +99,9 @@ function(palinode_unit_test name)
   endif()
   add_executable(${name} ${ARG_SOURCES})
   target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests/unit)
-  target_link_libraries(${name} PRIVATE palinode_flags ${ARG_LINK} GTest::gtest GTest::gtest_main)
+  target_link_libraries(${name} PRIVATE palinode_flags palinode_test_flags ${ARG_LINK} GTest::gtest GTest::gtest_main)
   if(NOT PALINODE_TIDY)
-    target_precompile_headers(${name} PRIVATE <gtest/gtest.h> <functional> <map> <memory> <string>
-                                              <string_view> <vector>)
+    target_precompile_headers(${name} REUSE_FROM test_headers)
   endif()
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
   gtest_discover_tests(${name} TEST_PREFIX "${name}." NO_PRETTY_VALUES DISCOVERY_TIMEOUT 60

@@ -1,0 +1,1 @@
+// Empty: the target that compiles the shared headers needs a source.
