@@ -89,14 +89,12 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   target_compile_options(palinode_test_flags INTERFACE -fpch-preprocess)
 endif()
 
-# palinode_unit_test(NAME SOURCES file... LINK library... [LABEL label])
-# One GoogleTest program; each of its tests is a test of its own in the run. The label is "unit";
-# tests that need root say "unit-root".
+# palinode_unit_test(NAME SOURCES file... LINK library... [NEEDS namespaces|root])
+# One GoogleTest program; each of its tests is a test of its own in the run, with the label "unit".
+# Tests that make namespaces, which root may do and a user in a namespace of users, are labelled
+# "needs-namespaces" as well; those that need root of the machine "needs-root".
 function(palinode_unit_test name)
-  cmake_parse_arguments(ARG "" "LABEL" "SOURCES;LINK" ${ARGN})
-  if(NOT ARG_LABEL)
-    set(ARG_LABEL unit)
-  endif()
+  cmake_parse_arguments(ARG "" "NEEDS" "SOURCES;LINK" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
   target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests/unit)
   target_link_libraries(${name} PRIVATE palinode_flags palinode_test_flags ${ARG_LINK} GTest::gtest GTest::gtest_main)
@@ -105,5 +103,14 @@ function(palinode_unit_test name)
   endif()
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
   gtest_discover_tests(${name} TEST_PREFIX "${name}." NO_PRETTY_VALUES DISCOVERY_TIMEOUT 60
-                       PROPERTIES LABELS ${ARG_LABEL} TIMEOUT 60)
+                       TEST_LIST ${name}_tests PROPERTIES LABELS unit TIMEOUT 60)
+  if(ARG_NEEDS)
+    # gtest_discover_tests passes on no property that is a list.
+    set(file ${CMAKE_CURRENT_BINARY_DIR}/${name}_labels.cmake)
+    file(WRITE ${file} "foreach(test IN LISTS ${name}_tests)
+  set_tests_properties(\"\${test}\" PROPERTIES LABELS \"unit;needs-${ARG_NEEDS}\")
+endforeach()
+")
+    set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${file})
+  endif()
 endfunction()

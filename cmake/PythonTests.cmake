@@ -1,13 +1,17 @@
-# palinode_python_tests(LABEL file... [TIMEOUT seconds])
+# palinode_python_tests(LABEL file... [TIMEOUT seconds] [NEEDS namespaces|root])
 # Registers each test method of the unittest files as a test of its own, so that they run in
 # parallel and are counted one by one. They find the built programs in $PALINODE_BIN, their version
 # in $PALINODE_VERSION, the Debian package in the folder $PALINODE_PACKAGES, and the Python package
 # tests/support on their path. A test that skips itself is shown as skipped. The files are read
-# again whenever they change.
+# again whenever they change. NEEDS is what palinode_unit_test has it for.
 function(palinode_python_tests label)
-  cmake_parse_arguments(ARG "" "TIMEOUT" "" ${ARGN})
+  cmake_parse_arguments(ARG "" "TIMEOUT;NEEDS" "" ${ARGN})
   if(NOT ARG_TIMEOUT)
     set(ARG_TIMEOUT 60)
+  endif()
+  set(labels ${label})
+  if(ARG_NEEDS)
+    list(APPEND labels needs-${ARG_NEEDS})
   endif()
   foreach(file IN LISTS ARG_UNPARSED_ARGUMENTS)
     set(path ${CMAKE_CURRENT_SOURCE_DIR}/${file})
@@ -24,7 +28,7 @@ function(palinode_python_tests label)
                  COMMAND python3 -B -m unittest ${module}.${class}.${CMAKE_MATCH_1}
                  WORKING_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR})
         set_tests_properties(${name} PROPERTIES
-          LABELS ${label}
+          LABELS "${labels}"
           SKIP_REGULAR_EXPRESSION "\nOK \\(skipped="
           TIMEOUT ${ARG_TIMEOUT}
           ENVIRONMENT "PYTHONPATH=${CMAKE_SOURCE_DIR}/tests;PALINODE_BIN=${CMAKE_BINARY_DIR}/bin;PALINODE_PACKAGES=${CMAKE_SOURCE_DIR}/build-package/package;PALINODE_VERSION=${PROJECT_VERSION}")

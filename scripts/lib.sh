@@ -15,9 +15,13 @@ build_packages=(
 package_packages=(dpkg-dev file)
 # What the demonstration needs besides: hosts in namespaces and a client that is not ours.
 run_packages=(python3 iproute2 nftables miniupnpc procps)
-# What the tests need besides; ccache since the package builds the same sources again.
-test_packages=("${run_packages[@]}" "${package_packages[@]}" ccache libgtest-dev libseccomp-dev
-  clang libclang-rt-dev clang-format nmap gir1.2-gupnp-1.6 python3-gi libupnp13
+# What the unit tests need besides the programs.
+unit_packages=(libgtest-dev libseccomp-dev)
+# What a user's tests need besides those: without root, and so without hosts to be tested.
+user_packages=("${unit_packages[@]}" python3 iproute2 clang-format)
+# What all tests need besides; ccache since the package builds the same sources again.
+test_packages=("${user_packages[@]}" "${run_packages[@]}" "${package_packages[@]}" ccache
+  clang libclang-rt-dev nmap gir1.2-gupnp-1.6 python3-gi libupnp-dev
   debootstrap lintian zsh iptables)
 # What measuring the coverage needs besides.
 coverage_packages=(llvm)
@@ -115,5 +119,15 @@ make_package() {
   rm -f build-package/package/*.deb
   step "made the package" as_owner cpack --config build-package/CPackConfig.cmake
 }
+
+# Root's runs leave nothing of root's in the checkout of a user.
+give_back() {
+  local owner
+  owner=$(stat -c %u:%g "$top")
+  find "$top" -xdev -user root -exec chown -h "$owner" {} +
+}
+if [ "$(id -u)" -eq 0 ] && [ "$(stat -c %u "$top")" -ne 0 ]; then
+  trap give_back EXIT
+fi
 
 need_root() { [ "$(id -u)" -eq 0 ] || fail "$1: run me with sudo"; }

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """Checks what compilers do not: that every source is built, that includes run one way, that the
-code is formatted. Usage: check_tree.py CHECK SOURCE_DIR BUILD_DIR"""
+code is formatted, that every package which the scripts install is needed. Usage: check_tree.py CHECK SOURCE_DIR BUILD_DIR"""
 
 import json
 import pathlib
@@ -18,6 +18,24 @@ LAYERS = {
     "ssdp": {"description", "http", "xml", "platform"},
     "igd": {"upnp", "http", "xml", "platform"},
     "core": {"ssdp", "igd", "upnp", "description", "http", "xml", "platform"},
+}
+# What needs a package that scripts/lib.sh lists for tests alone: a file, and the word in it. What it
+# lists for the programs, the demonstration and the unit tests is tried on a fresh machine.
+USERS_OF_PACKAGES = {
+    "ccache": ("scripts/lib.sh", "command -v ccache"),
+    "clang": ("CMakePresets.json", "clang++"),
+    "clang-format": ("tests/tree/check_tree.py", '"clang-format", "--dry-run"'),
+    "debootstrap": ("tests/support/debian.py", '"debootstrap"'),
+    "dpkg-dev": ("packaging/CMakeLists.txt", "CPACK_DEBIAN_PACKAGE_SHLIBDEPS"),
+    "file": ("packaging/CMakeLists.txt", "CPACK_DEBIAN_PACKAGE_SHLIBDEPS"),
+    "gir1.2-gupnp-1.6": ("tests/e2e/clients/gupnp_subscriber.py", "GUPnP"),
+    "iptables": ("tests/e2e/test_check.py", '"iptables"'),
+    "libclang-rt-dev": ("cmake/Palinode.cmake", "-fsanitize=address"),
+    "libupnp-dev": ("tests/e2e/clients/libupnp_subscriber.py", "libupnp"),
+    "lintian": ("tests/package/test_package.py", '"lintian"'),
+    "nmap": ("tests/e2e/test_ports.py", '"nmap"'),
+    "python3-gi": ("tests/e2e/clients/gupnp_subscriber.py", "import gi"),
+    "zsh": ("tests/e2e/test_completion.py", '"zsh"'),
 }
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"', re.MULTILINE)
 
@@ -56,8 +74,25 @@ def code_is_formatted(top, _build):
     return [] if done.returncode == 0 else done.stderr.splitlines()
 
 
+def every_package_is_used(top, _build):
+    def listed(*names):
+        lists = " ".join(f'"${{{name}[@]}}"' for name in names)
+        done = subprocess.run(["bash", "-c", f". scripts/lib.sh; echo {lists}"], cwd=top,
+                              capture_output=True, text=True, check=True)
+        return set(done.stdout.split())
+
+    tried = listed("build_packages", "run_packages", "unit_packages")
+    found = []
+    for package in sorted(listed("test_packages", "user_packages") - tried):
+        file, word = USERS_OF_PACKAGES.get(package, ("scripts/lib.sh", None))
+        if word is None or word not in (top / file).read_text():
+            found.append(f"{file}: nothing there uses the package {package}")
+    return found
+
+
 CHECKS = {check.__name__: check
-          for check in (every_source_is_built, includes_run_one_way, code_is_formatted)}
+          for check in (every_source_is_built, includes_run_one_way, code_is_formatted,
+                        every_package_is_used)}
 
 
 def main():

@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """A control point made of libupnp, which has threads instead of a main loop. Subscribes to the
 WANIPConnection service of a description and prints each value that it is told as "VARIABLE VALUE".
-Unsubscribes when its standard input ends. Needs the package libupnp13.
+Unsubscribes when its standard input ends. Needs the package libupnp-dev.
 
     libupnp_subscriber.py LINK DESCRIPTION_URL
 """
@@ -15,8 +15,8 @@ import xml.etree.ElementTree
 SERVICE = "urn:schemas-upnp-org:service:WANIPConnection:1"
 EVENT_RECEIVED = 9  # Upnp_EventType in Callback.h
 
-upnp = ctypes.CDLL("libupnp.so.13")
-ixml = ctypes.CDLL("libixml.so.10")
+upnp = ctypes.CDLL("libupnp.so")
+ixml = ctypes.CDLL("libixml.so")
 Callback = ctypes.CFUNCTYPE(ctypes.c_int, ctypes.c_int, ctypes.c_void_p, ctypes.c_void_p)
 
 upnp.UpnpEvent_get_ChangedVariables.argtypes = [ctypes.c_void_p]

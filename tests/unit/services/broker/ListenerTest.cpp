@@ -143,10 +143,12 @@ TEST(PeerTest, IsWhoConnected) {
 }
 
 TEST(PeerTest, HasAllItsGroups) {
-  if (getuid() != 0) return;  // whoever runs the test has some, seen above
   std::thread([] {
     const gid_t groups[] = {100, 4711, 900};
-    ASSERT_EQ(syscall(SYS_setgroups, std::size(groups), groups), 0);
+    // In a namespace of users even root may not.
+    if (syscall(SYS_setgroups, std::size(groups), groups) != 0) {
+      GTEST_SKIP() << "needs the right to change groups: run it as root";
+    }
     int ends[2] = {-1, -1};
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
     const lm::Fd one(ends[0]);
