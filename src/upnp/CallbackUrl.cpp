@@ -52,6 +52,7 @@ bool parseCallbackUrl(std::string url, uint32_t& address, uint16_t& port, std::s
   }
   port = htons(static_cast<uint16_t>(number & 0xFFFF));
   address = strtoip(host);
-  if (address == noAddress) address = resolve(host);
+  if (address != noAddress) return true;
+  address = resolve(host);
   return address != 0;
 }

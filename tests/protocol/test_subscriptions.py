@@ -97,7 +97,6 @@ class Refusals(EventCase):
             "callback by https": ["NT: upnp:event", f"CALLBACK: <https://{HOST}:5000/>"],
             "callback in capitals": ["NT: upnp:event", f"CALLBACK: <HTTP://{HOST}:5000/>"],
             "empty callback": ["NT: upnp:event", "CALLBACK: <>"],
-            "callback to nowhere": ["NT: upnp:event", "CALLBACK: <http://0.0.0.0/>"],
             "empty nt": ["NT: ", f"CALLBACK: <{good}>"],
             "another nt": ["NT: upnp:propchange", f"CALLBACK: <{good}>"],
             "no nt": [f"CALLBACK: <{good}>"],
@@ -193,6 +192,13 @@ class Callbacks(EventCase):
         self.assertEqual(event["HOST"], f"{HOST}:{subscriber.port}")
         self.assertEqual([r.fields for r in self.platform.requests(self.RESOLVER, self.RESOLVE)],
                          [[(0x20000003, "laptop.lan")]])
+
+    def test_a_callback_at_the_address_zero_is_taken_as_it_is(self):
+        subscriber = self.subscriber()
+        since = self.log_mark()
+        self.assertEqual(subscriber.ask(CONNECTION, callback="http://0.0.0.0:80/e").status, 200)
+        self.daemon.wait_for_line("callback addr: 0.0.0.0, port: 80, path: /e", since)
+        self.assertEqual(self.platform.requests(self.RESOLVER, self.RESOLVE), [])
 
     def test_a_name_that_cannot_be_resolved(self):
         subscriber = self.subscriber()

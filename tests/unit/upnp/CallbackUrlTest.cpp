@@ -58,6 +58,20 @@ TEST_F(CallbackUrl, IsTakenApart) {
   EXPECT_TRUE(platform.sentTo({14}, resolve).empty());
 }
 
+TEST_F(CallbackUrl, TakesTheAddressZeroWithoutAskingTheResolver) {
+  platform.refuse({14}, resolve, "no such host");
+  for (const char* url :
+       {"http://0.0.0.0:80/e", "http://0.0.0.0/e", "http://0/e", "http://0x0/e"}) {
+    address = 1;
+    ASSERT_TRUE(parse(url)) << url;
+    EXPECT_EQ(address, 0U) << url;
+    EXPECT_EQ(ntohs(port), 80) << url;
+    EXPECT_EQ(path, "/e") << url;
+  }
+  EXPECT_TRUE(platform.sentTo({14}, resolve).empty());
+  EXPECT_EQ(log.text(), "");
+}
+
 TEST_F(CallbackUrl, IsRefusedWhenItIsNone) {
   const struct {
     const char* url;
@@ -68,7 +82,6 @@ TEST_F(CallbackUrl, IsRefusedWhenItIsNone) {
       {"HTTP://10.0.0.2/x", "the case of the scheme matters"},
       {"https://10.0.0.2/x", "another scheme"},
       {"http://10.0.0.2:80", "no path"},
-      {"http://0.0.0.0/x", "no address"},
       {"http://10.0.0.2/x\ny", "control character in the path"},
       {"http://10.0.0.2/\x7f", "control character in the path"},
   };
@@ -96,6 +109,24 @@ TEST_F(CallbackUrl, IsRefusedWhenTheResolverSaysNothing) {
   platform.answer({14}, resolve, {});
   EXPECT_FALSE(parse("http://nowhere.lan/x"));
   EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(CallbackUrl, IsRefusedWhenTheResolverAnswersWithTheAddressZero) {
+  resolverKnows("0.0.0.0");
+  for (const char* url : {"http://nowhere.lan/x", "http:///x", "http://255.255.255.255/x"}) {
+    EXPECT_FALSE(parse(url)) << url;
+  }
+  EXPECT_EQ(platform.sentTo({14}, resolve).size(), 3U);
+  EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(CallbackUrl, UsesTheAddressThatComesWithAnErrorOfTheResolver) {
+  lm::message reply = lm::errorMsg(0xfe0009, "from memory");
+  reply.insert_be32(0x08000004, strtoip("10.0.0.9"));
+  platform.answer({14}, resolve, reply);
+  ASSERT_TRUE(parse("http://player.lan/x"));
+  EXPECT_EQ(iptostr(address), "10.0.0.9");
+  EXPECT_EQ(log.text(), "resolving failed: from memory\n");
 }
 
 TEST_F(CallbackUrl, WaitsSixSecondsForTheResolver) {

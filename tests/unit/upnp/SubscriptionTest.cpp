@@ -97,7 +97,6 @@ TEST_F(Subscriptions, RefuseABadCallback) {
       {"<http://127.0.0.1:80>", "no path"},
       {"<https://127.0.0.1:80/e>", "another scheme"},
       {"<HTTP://127.0.0.1:80/e>", "the scheme's case matters"},
-      {"<http://0.0.0.0:80/e>", "no address"},
       {"<http://127.0.0.1:80/e\nX: y>", "a line end, which would reach the NOTIFY"},
   };
   for (const auto& row : rows) {
@@ -110,6 +109,16 @@ TEST_F(Subscriptions, RefuseABadCallback) {
   without.addField("NT", "upnp:event");
   EXPECT_EQ(lamp->subscribe(without).get(), refused412);
   EXPECT_EQ(linesOf("subscribe: urn:schemas-example:service:Lamp:1"), 0);
+}
+
+TEST_F(Subscriptions, AreGrantedToACallbackAtTheAddressZero) {
+  HTTPMessage request;
+  request.addField("NT", "upnp:event");
+  request.addField("CALLBACK", "<http://0.0.0.0:80/e>");
+  EXPECT_EQ(lamp->subscribe(request).startLine, "HTTP/1.1 200 OK");
+  EXPECT_EQ(linesOf("callback addr: 0.0.0.0, port: 80, path: /e"), 1);
+  EXPECT_EQ(lamp->subscribe(request).get(), refused412) << "a second one at that address";
+  EXPECT_EQ(linesOf("subscribe: urn:schemas-example:service:Lamp:1"), 1);
 }
 
 TEST_F(Subscriptions, TakeTheFirstOfSeveralCallbacks) {
