@@ -1,5 +1,6 @@
 #include "igd/WANIPConnection.h"
 
+#include <algorithm>
 #include <iterator>
 
 #include "http/Log.h"
@@ -11,11 +12,14 @@
 
 namespace {
 
-/// What the descriptions of all mappings may take together, in bytes, so that a LAN host cannot use
+/// What the descriptions of all mappings may take together, in bytes, so that LAN hosts cannot use
 /// up the router's memory with them. Short ones are never refused: the platform bounds their
 /// number.
 constexpr size_t descriptionsLimit = 4UL * 1024 * 1024;
 constexpr size_t shortDescription = 256;
+/// What the descriptions of one internal client may take of it: as much as short ones of the 1,024
+/// mappings that the platform allows it by default.
+constexpr size_t clientDescriptionsLimit = 1024 * shortDescription;
 
 /// The entry that is listed first for clients that refuse to work with an empty list.
 PortMap dummyMapping() {
@@ -28,11 +32,20 @@ Id idOf(const std::string& externalPort, const std::string& protocol) {
   return {static_cast<uint16_t>(strtouint(externalPort)), protocol == "TCP" ? Id::tcp : Id::udp};
 }
 
-bool hasRoomFor(const std::string& description, const std::map<Id, PortMap>& portMaps) {
-  if (description.size() <= shortDescription) return true;
-  size_t bytes = description.size();
-  for (const auto& [id, mapping] : portMaps) bytes += mapping.description.size();
-  return bytes <= descriptionsLimit;
+/// Whether the description of `wanted` may be kept in place of one of `replaced` bytes, 0 for a new
+/// mapping. One that is not longer than what it replaces always may. False after a log line.
+bool hasRoomFor(const PortMap& wanted, size_t replaced, const std::map<Id, PortMap>& portMaps) {
+  const size_t length = wanted.description.size();
+  if (length <= std::max(shortDescription, replaced)) return true;
+  size_t all = length - replaced;
+  size_t ofClient = all;
+  for (const auto& [id, mapping] : portMaps) {
+    all += mapping.description.size();
+    if (mapping.internalClient == wanted.internalClient) ofClient += mapping.description.size();
+  }
+  if (all <= descriptionsLimit && ofClient <= clientDescriptionsLimit) return true;
+  logLine("addPortMapping: no room for the description");
+  return false;
 }
 
 /// Appends what both entry actions end with: internal port and client, enabled, description, lease.
@@ -260,15 +273,11 @@ UPNPStatus WANIPConnection::addPortMapping(const Values& in, Values& /*out*/) {
     return UPNP_ONLY_PERMANENT_LEASES_SUPPORTED;
   }
 
-  if (!hasRoomFor(mapping.description, portMaps)) {
-    logLine("addPortMapping: no room for the description");
-    return UPNP_ACTION_FAILED;
-  }
-
   const auto found = portMaps.find(id);
   const bool known = found != portMaps.end();
   logLine(known ? "set map " : "add map ", externalPort, "->", internalPort, ", ", internalClient);
   if (known) return changeMapping(found->second, std::move(mapping));
+  if (!hasRoomFor(mapping, 0, portMaps)) return UPNP_ACTION_FAILED;
 
   const lm::message reply = nat::addRule(id, mapping, externalIP);
   if (lm::isError(reply)) {
@@ -286,6 +295,7 @@ UPNPStatus WANIPConnection::changeMapping(PortMap& mapping, PortMap wanted) {
     logLine("addPortMapping: CONFLICT_IN_ENTRY");
     return UPNP_CONFLICT_IN_MAPPING_ENTRY;
   }
+  if (!hasRoomFor(wanted, mapping.description.size(), portMaps)) return UPNP_ACTION_FAILED;
   wanted.ruleId = mapping.ruleId;
   const lm::message reply = nat::setRule(wanted);
   if (lm::isError(reply)) {

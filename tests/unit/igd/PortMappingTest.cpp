@@ -142,6 +142,20 @@ class PortMapping : public Router {
     return m;
   }
 
+  static constexpr size_t kibibyte = 1024;
+  static std::string text(size_t length) { return std::string(length, 'x'); }
+  /// Opens ports from 2000 on with descriptions of 64 KiB, four for each client, until they have
+  /// `bytes` together.
+  void fillDescriptions(size_t bytes) {
+    for (size_t i = 0; i < bytes / (64 * kibibyte); ++i) {
+      ASSERT_EQ(open({.port = std::to_string(2000 + i),
+                      .internalClient = "192.168.88." + std::to_string(10 + i / 4),
+                      .description = text(64 * kibibyte)}),
+                opened())
+          << i;
+    }
+  }
+
   const Wish dummy{.port = "0",
                    .internalPort = "0",
                    .internalClient = "0.0.0.0",
@@ -499,22 +513,81 @@ TEST_F(PortMapping, GivesADescriptionBackAsItWas) {
 }
 
 TEST_F(PortMapping, KeepsFourMebibytesOfDescriptionsAtMost) {
-  const std::string large(64UL * 1024, 'x');
-  for (int port = 2000; port < 2064; ++port) {
-    ASSERT_EQ(open({.port = std::to_string(port), .description = large}), opened()) << port;
-  }
+  fillDescriptions(4096 * kibibyte);
   platform.forgetSent();
-  for (const std::string port : {"2064", "2000"}) {
-    EXPECT_EQ(open({.port = port, .description = large}), failed) << port;
-    EXPECT_EQ(open({.port = port, .description = std::string(257, 'x')}), failed) << port;
+  const std::string other = "192.168.88.200";
+  for (const size_t length : {257UL, 64 * kibibyte}) {
+    EXPECT_EQ(open({.port = "999", .internalClient = other, .description = text(length)}), failed)
+        << length;
+    EXPECT_EQ(ownLog(),
+              "add map 999->80, 192.168.88.200\naddPortMapping: no room for the description\n");
   }
-  EXPECT_EQ(requests(lm::cmd::addObject).size() + requests(lm::cmd::setObject).size(), 0U);
+  EXPECT_TRUE(platform.sent().empty());
   EXPECT_EQ(entries(), "65") << "with the dummy";
 
-  EXPECT_EQ(open({.port = "2064", .description = std::string(256, 'x')}), opened())
+  EXPECT_EQ(open({.port = "999", .internalClient = other, .description = text(256)}), opened())
       << "a short one always has room";
   close("2001", "TCP");
-  EXPECT_EQ(open({.port = "2001", .description = std::string(257, 'x')}), opened());
+  EXPECT_EQ(open({.port = "2001", .internalClient = other, .description = text(257)}), opened());
+}
+
+TEST_F(PortMapping, Keeps256KibibytesOfDescriptionsForEachClient) {
+  for (const std::string port : {"2000", "2001", "2002", "2003"}) {
+    ASSERT_EQ(open({.port = port, .description = text(64 * kibibyte)}), opened()) << port;
+  }
+  platform.forgetSent();
+  for (const size_t length : {257UL, 64 * kibibyte}) {
+    EXPECT_EQ(open({.port = "2004", .description = text(length)}), failed) << length;
+    EXPECT_EQ(ownLog(),
+              "add map 2004->80, 192.168.88.10\naddPortMapping: no room for the description\n");
+  }
+  EXPECT_TRUE(platform.sent().empty());
+
+  EXPECT_EQ(open({.port = "2004", .description = text(256)}), opened())
+      << "a short one always has room";
+  const Wish ofAnother{
+      .port = "2005", .internalClient = "192.168.88.11", .description = text(64 * kibibyte)};
+  EXPECT_EQ(open(ofAnother), opened()) << "another client has room of its own";
+  EXPECT_EQ(entryOf("2005", "TCP"), found(ofAnother));
+  close("2003", "TCP");
+  EXPECT_EQ(open({.port = "2003", .description = text(63 * kibibyte)}), opened())
+      << "the room of a closed port is free";
+}
+
+TEST_F(PortMapping, CountsADescriptionThatIsReplacedNoMore) {
+  for (const std::string port : {"2000", "2001", "2002", "2003"}) {
+    ASSERT_EQ(open({.port = port, .description = text(63 * kibibyte)}), opened()) << port;
+  }
+  // 4 KiB are free.
+  EXPECT_EQ(open({.port = "2000", .description = text(67 * kibibyte)}), opened());
+  EXPECT_EQ(open({.port = "2001", .description = text(63 * kibibyte + 1)}), failed);
+  EXPECT_EQ(ownLog(),
+            "set map 2001->80, 192.168.88.10\naddPortMapping: no room for the description\n");
+  EXPECT_EQ(entryOf("2001", "TCP"), found({.description = text(63 * kibibyte)})) << "as it was";
+  EXPECT_EQ(open({.port = "2000", .description = text(66 * kibibyte)}), opened());
+  EXPECT_EQ(open({.port = "2001", .description = text(64 * kibibyte)}), opened());
+}
+
+TEST_F(PortMapping, ChangesAMappingWhoseDescriptionDoesNotGrowThoughThereIsNoRoom) {
+  for (const std::string port : {"2000", "2001", "2002", "2003"}) {
+    ASSERT_EQ(open({.port = port, .description = text(64 * kibibyte)}), opened()) << port;
+  }
+  // A short one is kept all the same: more than the limit is in use.
+  ASSERT_EQ(open({.port = "2004", .description = text(256)}), opened());
+  EXPECT_EQ(open({.port = "2000", .enabled = "0", .description = text(64 * kibibyte)}), opened());
+  EXPECT_EQ(open({.port = "2000", .description = text(64 * kibibyte - 1)}), opened());
+  EXPECT_EQ(open({.port = "2000", .description = text(64 * kibibyte)}), failed);
+}
+
+TEST_F(PortMapping, DecidesAConflictBeforeTheRoomForTheDescription) {
+  fillDescriptions(4096 * kibibyte);
+  platform.forgetSent();
+  EXPECT_EQ(
+      open(
+          {.port = "2000", .internalClient = "192.168.88.200", .description = text(64 * kibibyte)}),
+      fault(718, "ConflictInMappingEntry"));
+  EXPECT_EQ(ownLog(), "set map 2000->80, 192.168.88.200\naddPortMapping: CONFLICT_IN_ENTRY\n");
+  EXPECT_TRUE(platform.sent().empty());
 }
 
 TEST(PortMapId, OrdersByPortThenByProtocol) {
