@@ -28,6 +28,8 @@ class HTTPConn {
   /// Whether what was received by now is one whole request. To be asked after each read, since one
   /// byte too many makes a request incomplete for good.
   [[nodiscard]] bool requestComplete() { return scanner.complete(buffer); }
+  /// The bytes of the request, once it is complete.
+  [[nodiscard]] size_t requestSize() const { return scanner.size(); }
 
   lm::Fd fd;
   std::shared_ptr<ServedInterface> device;  ///< never null

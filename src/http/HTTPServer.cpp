@@ -72,12 +72,10 @@ void HTTPServer::readHttp(int fd) {
     return;
   }
   conn.append({bytes.data(), static_cast<size_t>(size)});
-  if (conn.requestComplete()) {
-    reply(conn);
-    drop(fd);
-  } else if (conn.buffer.size() > maxRequest) {
-    drop(fd);
-  }
+  const bool complete = conn.requestComplete();
+  const bool tooLong = (complete ? conn.requestSize() : conn.buffer.size()) > maxRequest;
+  if (complete && !tooLong) reply(conn);
+  if (complete || tooLong) drop(fd);
 }
 
 void HTTPServer::reply(HTTPConn& conn) {

@@ -11,7 +11,8 @@
 /// on each, has it handled, writes one reply and closes. It owns the connections.
 class HTTPServer {
  public:
-  /// The most bytes that a request may have before it must be complete.
+  /// The most bytes that a request may have. A longer one gets no reply, whatever the pieces in
+  /// which it arrives.
   static constexpr size_t maxRequest = 64UL * 1024;
 
   /// `requestHandler` must outlive the server.

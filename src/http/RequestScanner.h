@@ -13,6 +13,11 @@ class RequestScanner {
   /// `received` is all that was received so far; it starts with what it was at the last call.
   [[nodiscard]] bool complete(std::string_view received);
 
+  /// The bytes of a request that is complete: its header and, when it has a CONTENT-LENGTH, its
+  /// body. Without one, what was received after the header is not counted: it may belong to the
+  /// next request, and how much of it is there depends on the pieces.
+  [[nodiscard]] size_t size() const { return lineStart + length.value_or(0); }
+
  private:
   enum class State { startLine, headers, body, never };
 

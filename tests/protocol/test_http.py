@@ -336,6 +336,28 @@ class Clients(GatewayCase):
                 self.assertNotEqual(read_to_end(client), b"", "dropped in order")
         self.assert_serves()
 
+    def test_a_request_of_68000_bytes_is_dropped_whatever_its_pieces(self):
+        self.serve()
+        since = self.log_mark()
+        head = b"POST /upnp/control/nothing HTTP/1.1\r\nCONTENT-LENGTH: "
+        body = 68000 - len(head) - len(b"12345\r\n\r\n")
+        request = head + str(body).encode() + b"\r\n\r\n" + b"x" * body
+        self.assertEqual(len(request), 68000)
+        for pieces in ([68000], [65536, 2464], [1, 67999], [65000, 3000], [66000, 2000]):
+            with self.subTest(pieces), self.lan.connect() as client:
+                client.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+                sent = 0
+                try:
+                    for size in pieces:
+                        client.sendall(request[sent:sent + size])
+                        sent += size
+                        self.assert_serves()  # a pause in which it is read
+                    self.assertEqual(read_to_end(client), b"")
+                except ConnectionError:
+                    pass  # dropped with bytes unread
+        self.assert_serves()
+        self.assert_logged(since)
+
     def test_64_kib_byte_by_byte_cost_little(self):
         self.serve()
         before = self.daemon.processor_time()

@@ -3,6 +3,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -307,6 +308,75 @@ TEST_F(HTTPServerTest, AnswersARequestOf64KiB) {
   }
   untilClosed(client);
   EXPECT_EQ(client.received, reply);
+}
+
+TEST_F(HTTPServerTest, BoundsARequestBy64KiBWhateverThePieces) {
+  const auto post = [](size_t size) {
+    const std::string head = "POST /x HTTP/1.1\r\nContent-Length: ";
+    const size_t body = size - head.size() - strlen("65000\r\n\r\n");
+    return head + std::to_string(body) + "\r\n\r\n" + std::string(body, 'x');
+  };
+  const auto get = [](size_t size) {
+    const std::string head = "GET /x HTTP/1.1\r\nX: ";
+    return head + std::string(size - head.size() - 4, 'x') + "\r\n\r\n";
+  };
+  const size_t most = HTTPServer::maxRequest;
+  const struct {
+    std::string sent;
+    bool answered;
+    const char* what;
+  } requests[] = {
+      {post(most), true, "a body that fits"},
+      {post(most + 1), false, "a body of one byte too many"},
+      {post(68000), false, "a body that ends in the next read"},
+      {get(most), true, "a header that fits"},
+      {get(most + 1), false, "a header of one byte too many"},
+      {get(68000), false, "a header that ends in the next read"},
+      {get(most - 10) + "GET /2 HTTP/1.1\r\n\r\n", true, "a second request that does not fit"},
+  };
+  // Where the client pauses until all that it sent has been read, besides every 4,096 bytes.
+  const std::vector<std::vector<size_t>> pauses = {
+      {}, {1}, {100}, {4095}, {1000, 60000}, {most - 4096}, {most - 1}, {most}, {most + 1}};
+  for (const auto& [sent, answered, what] : requests) {
+    for (const auto& pausesOfOne : pauses) {
+      gateway.asked.clear();
+      Client client;
+      accept();
+      size_t at = 0;
+      const auto sendUpTo = [&](size_t end) {
+        while (at < std::min(end, sent.size()) && server.openConnections() > 0) {
+          const size_t size = std::min({BUFLEN, end - at, sent.size() - at});
+          client.send(std::string_view(sent).substr(at, size));
+          at += size;
+          readAll();
+        }
+      };
+      for (const size_t pause : pausesOfOne) sendUpTo(pause);
+      sendUpTo(sent.size());
+      untilClosed(client);
+      EXPECT_EQ(client.received, answered ? reply : "")
+          << what << ", pauses " << testing::PrintToString(pausesOfOne);
+      EXPECT_EQ(gateway.asked.size(), answered ? 1U : 0U);
+    }
+  }
+}
+
+TEST_F(HTTPServerTest, CountsTheByteThatEndsARequestOf64KiB) {
+  // A request is complete with the last carriage return. The line feed that follows it is one of
+  // its bytes, whether it has arrived or not.
+  const std::string head = "GET /x HTTP/1.1\r\nX: ";
+  for (const size_t tooMany : {0UL, 1UL}) {
+    const size_t fill = HTTPServer::maxRequest + tooMany - head.size() - 4;
+    const std::string request = head + std::string(fill, 'x') + "\r\n\r";
+    Client client;
+    accept();
+    for (size_t sent = 0; sent < request.size(); sent += BUFLEN) {
+      client.send(std::string_view(request).substr(sent, BUFLEN));
+      readAll();
+    }
+    untilClosed(client);
+    EXPECT_EQ(client.received, tooMany == 0 ? reply : "");
+  }
 }
 
 TEST_F(HTTPServerTest, AcceptsNothingWhenNobodyIsThereAndDoesNotWait) {

@@ -114,6 +114,24 @@ TEST(RequestScanner, CompletesOnlyWhenAReadEndsWithTheBody) {
   EXPECT_FALSE(past.complete(head + "abcde"));
 }
 
+TEST(RequestScanner, TellsTheSizeOfACompleteRequest) {
+  const struct {
+    std::string request;
+    std::string after;
+    const char* what;
+  } rows[] = {
+      {"GET / HTTP/1.1\r\n\r\n", "", "a header"},
+      {"GET / HTTP/1.1\r\n\r\n", "GET /2 HTTP/1.1\r\n\r\n", "a header before a request"},
+      {"POST / HTTP/1.1\r\nContent-Length: 3\r\n\r\nabc", "", "a body"},
+      {"POST / HTTP/1.1\r\nContent-Length: 0\r\n\r\n", "", "an empty body"},
+  };
+  for (const auto& [request, after, what] : rows) {
+    RequestScanner scanner;
+    EXPECT_TRUE(scanner.complete(request + after)) << what;
+    EXPECT_EQ(scanner.size(), request.size()) << what;
+  }
+}
+
 TEST(RequestScanner, TakesTimeInProportionToTheBytes) {
   constexpr size_t size = 128UL * 1024;
   const std::string head = "POST / HTTP/1.1\r\nContent-Length: 131072\r\n\r\n";
