@@ -17,17 +17,6 @@
 
 namespace {
 
-/// One write of the whole reply, which goes to the send buffer at once unless the client has shut
-/// its window with data of ours in it. False when not all of it was taken.
-bool writeReply(int fd, const std::string& text) {
-  boundWrite(fd, text.size());
-  ssize_t written = 0;
-  do {
-    written = send(fd, text.data(), text.size(), MSG_NOSIGNAL);
-  } while (written < 0 && errno == EINTR);
-  return written >= 0 && static_cast<size_t>(written) == text.size();
-}
-
 /// Reads what else the client has sent, up to the size of a request. A socket that is closed with
 /// unread bytes resets the connection (RFC 9293 section 3.6.1), which can take back the reply.
 void discardReceived(int fd) {
@@ -42,8 +31,8 @@ void discardReceived(int fd) {
 void HTTPServer::acceptHttp(int listenFd) {
   // The client may have gone since the socket became ready, and the loop must not wait for the
   // next.
-  fcntl(listenFd, F_SETFL, O_NONBLOCK);
-  lm::Fd accepted(accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC));
+  const bool ready = fcntl(listenFd, F_SETFL, O_NONBLOCK) == 0;
+  lm::Fd accepted(ready ? accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC) : -1);
   if (!accepted.valid()) {
     logLine("accept failed");
     return;
@@ -82,6 +71,6 @@ void HTTPServer::reply(HTTPConn& conn) {
   const HTTPMessage request(conn.buffer);
   const auto [method, url] = parseRequestLine(request.startLine);
   const std::string text = handler.handleHttpRequest(*conn.device, request, method, url).get();
-  if (!writeReply(conn.fd.get(), text)) logLine("write error");
+  if (!writeOnce(conn.fd.get(), text)) logLine("write error");
   discardReceived(conn.fd.get());
 }

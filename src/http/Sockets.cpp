@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 
 #include "http/Log.h"
@@ -20,9 +21,12 @@ constexpr uint8_t multicastTtl = 4;
 constexpr int backlog = 1;
 constexpr timeval writeLimit = {0, 10000};  // seconds, microseconds
 
-/// Logs `what` and the system's error text. Returns the makers' failure.
+/// Logs `what` and the system's error text.
+void logError(const char* what) { logLine(what, ": ", strerror(errno)); }
+
+/// The same, and returns the makers' failure.
 int failed(const char* what) {
-  logLine(what, ": ", strerror(errno));
+  logError(what);
   return -1;
 }
 
@@ -84,12 +88,20 @@ int makeTcpSocket(const std::string& ifname, unsigned int port) {
   return fd.release();
 }
 
-void boundWrite(int fd, size_t bytes) {
+bool writeOnce(int fd, std::string_view text) {
   // A peer with a small window makes segments small, and each is charged several hundred bytes
   // more.
   constexpr size_t overhead = 4;
   constexpr size_t most = 64UL * 1024 * 1024;  // more than the system allows
-  const auto room = static_cast<int>(std::min(overhead * bytes, most));
-  setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
-  setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &writeLimit, sizeof writeLimit);
+  const auto room = static_cast<int>(std::min(overhead * text.size(), most));
+  if (setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &room, sizeof room) != 0) {
+    logError("setsockopt SO_SNDBUF");
+    return false;
+  }
+  if (setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &writeLimit, sizeof writeLimit) != 0) {
+    logError("setsockopt SO_SNDTIMEO");
+    return false;
+  }
+  const ssize_t written = send(fd, text.data(), text.size(), MSG_NOSIGNAL);
+  return written >= 0 && static_cast<size_t>(written) == text.size();
 }

@@ -1,8 +1,8 @@
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 /// The multicast group and the port of SSDP (UPnP Device Architecture 1.0 section 1).
 inline constexpr const char* SSDP_IP = "239.255.255.250";
@@ -26,7 +26,9 @@ inline constexpr uint16_t DEFAULT_HTTP_PORT = 80;
 /// blocks.
 [[nodiscard]] int makeTcpSocket(const std::string& ifname, unsigned int port);
 
-/// Prepares the connection `fd` for one blocking write of `bytes` bytes: the send buffer gets room
-/// for them, as far as the system allows it, and a peer that does not read what is more than that
-/// holds up the loop for a hundredth of a second at most.
-void boundWrite(int fd, size_t bytes);
+/// Writes `text` to the connection `fd`, which blocks, with one write; there is no second one. The
+/// send buffer first gets room for all of it, as far as the system allows it, and a peer that does
+/// not read what is more than that holds up the loop for a hundredth of a second at most. False
+/// when not all of `text` was taken, and, after a log line, when the socket could not be prepared:
+/// then nothing is written.
+[[nodiscard]] bool writeOnce(int fd, std::string_view text);

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <array>
 #include <cerrno>
@@ -32,14 +31,12 @@ void Service::Event::send(int /*fd*/, unsigned /*flags*/) {
 }
 
 bool Service::Event::write(const std::string& notify) {
-  boundWrite(socket.get(), notify.size());
   const int flags = fcntl(socket.get(), F_GETFL);
   if (flags < 0 || fcntl(socket.get(), F_SETFL, flags & ~O_NONBLOCK) != 0) {
     logLine("fcntl 0: ", strerror(errno));
     return false;
   }
-  const ssize_t written = ::write(socket.get(), notify.data(), notify.size());
-  if (written < 0 || static_cast<size_t>(written) != notify.size()) {
+  if (!writeOnce(socket.get(), notify)) {
     logLine("write failed");
     return false;
   }

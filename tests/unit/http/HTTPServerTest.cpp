@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -15,6 +16,7 @@
 #include "lumen/runtime/EventLoop.h"
 #include "support/ManualClock.h"
 #include "support/PrivateNetwork.h"
+#include "support/RefusedCall.h"
 
 using namespace std::chrono_literals;
 
@@ -348,7 +350,7 @@ TEST_F(HTTPServerTest, BoundsARequestBy64KiBWhateverThePieces) {
           const size_t size = std::min({BUFLEN, end - at, sent.size() - at});
           client.send(std::string_view(sent).substr(at, size));
           at += size;
-          readAll();
+          for (int turn = 0; turn < 3; ++turn) loop.turn(0);
         }
       };
       for (const size_t pause : pausesOfOne) sendUpTo(pause);
@@ -387,6 +389,18 @@ TEST_F(HTTPServerTest, AcceptsNothingWhenNobodyIsThereAndDoesNotWait) {
   EXPECT_EQ(client.received, reply);
 }
 
+TEST_F(HTTPServerTest, AcceptsNothingWhenItMightHaveToWait) {
+  Client client;
+  client.send("GET /x HTTP/1.1\r\n\r\n");
+  std::string log;
+  whileRefused({SCMP_SYS(fcntl), F_SETFL, O_NONBLOCK}, EPERM,
+               [&] { log = logged([&] { server.acceptHttp(listener.get()); }); });
+  EXPECT_EQ(log, "accept failed\n");
+  EXPECT_EQ(server.openConnections(), 0U);
+  untilClosed(client);
+  EXPECT_EQ(client.received, reply);
+}
+
 TEST_F(HTTPServerTest, EndsTheProcessForAListenerOfNobody) {
   const Client client;
   gateway.listener = -1;
@@ -421,6 +435,30 @@ TEST_F(HTTPServerTest, DoesNotWaitForAClientThatDoesNotRead) {
   const auto took = std::chrono::steady_clock::now() - start;
   EXPECT_LT(took, 30s);  // without the limit of the write it would take for ever
   EXPECT_EQ(server.openConnections(), 0U);
+}
+
+TEST_F(HTTPServerTest, WritesAReplyOnceOnly) {
+  Client client;
+  client.send("GET /x HTTP/1.1\r\n\r\n");
+  std::string log;
+  alarm(10);  // ends the test if it tries again and again
+  whileRefused({SCMP_SYS(sendto)}, EINTR,
+               [&] { log = logged([&] { turnUntil([&] { return !gateway.asked.empty(); }); }); });
+  alarm(0);
+  EXPECT_EQ(log, "write error\n");
+  untilClosed(client);
+  EXPECT_EQ(client.received, "");
+}
+
+TEST_F(HTTPServerTest, DoesNotWriteWhereItCouldHaveToWait) {
+  Client client;
+  client.send("GET /x HTTP/1.1\r\n\r\n");
+  std::string log;
+  whileRefused({SCMP_SYS(setsockopt), SOL_SOCKET, SO_SNDTIMEO}, EPERM,
+               [&] { log = logged([&] { turnUntil([&] { return !gateway.asked.empty(); }); }); });
+  EXPECT_EQ(log, "setsockopt SO_SNDTIMEO: Operation not permitted\nwrite error\n");
+  untilClosed(client);
+  EXPECT_EQ(client.received, "");
 }
 
 TEST_F(HTTPServerTest, WritesALargeDescriptionAtOnceToAClientThatDoesNotRead) {

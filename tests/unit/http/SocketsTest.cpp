@@ -5,10 +5,13 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <filesystem>
+#include <string>
+#include <string_view>
 
 #include "http/Sockets.h"
 #include "http/Text.h"
@@ -221,4 +224,80 @@ TEST_F(SocketsTest, FailsOnAnInterfaceIndexThatIsNotThere) {
 TEST_F(SocketsTest, FailsOnAPortThatIsTaken) {
   const lm::Fd first = make(tcp);
   expectFailure(tcp, "tcp bind: Address already in use");
+}
+
+/// A connection to a peer on loopback, and what writeOnce does with it.
+class WriteOnceTest : public SocketsTest {
+ protected:
+  WriteOnceTest() : listener(make(tcp)), peer(connected()) {
+    connection.reset(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    EXPECT_TRUE(connection.valid());
+  }
+
+  /// The result of one writeOnce; `log` has what it logged.
+  bool writes(std::string_view text) {
+    testing::internal::CaptureStdout();
+    const bool all = writeOnce(connection.get(), text);
+    log = testing::internal::GetCapturedStdout();
+    return all;
+  }
+
+  std::string received() const {
+    std::array<char, 65536> bytes;
+    const ssize_t size = recv(peer.get(), bytes.data(), bytes.size(), MSG_DONTWAIT);
+    return size < 0 ? "" : std::string(bytes.data(), static_cast<size_t>(size));
+  }
+
+  lm::Fd listener;
+  lm::Fd peer;
+  lm::Fd connection;
+
+ private:
+  static lm::Fd connected() {
+    lm::Fd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in server = {};
+    server.sin_family = AF_INET;
+    server.sin_port = htons(2828);
+    server.sin_addr.s_addr = strtoip("127.0.0.1");
+    EXPECT_EQ(connect(fd.get(), reinterpret_cast<sockaddr*>(&server), sizeof server), 0);
+    return fd;
+  }
+};
+
+TEST_F(WriteOnceTest, WritesAllOfAText) {
+  EXPECT_TRUE(writes("hello"));
+  EXPECT_EQ(received(), "hello");
+  EXPECT_EQ(log, "");
+}
+
+TEST_F(WriteOnceTest, DoesNotTryAgainWhenTheWriteIsInterrupted) {
+  alarm(10);  // ends the test if it tries again and again
+  whileRefused({SCMP_SYS(sendto)}, EINTR, [&] { EXPECT_FALSE(writes("hello")); });
+  alarm(0);
+  EXPECT_EQ(received(), "");
+  EXPECT_EQ(log, "");
+}
+
+TEST_F(WriteOnceTest, WritesNothingToASocketThatCannotBePrepared) {
+  const struct {
+    int option;
+    const char* line;
+  } rows[] = {
+      {SO_SNDBUF, "setsockopt SO_SNDBUF: Operation not permitted\n"},
+      {SO_SNDTIMEO, "setsockopt SO_SNDTIMEO: Operation not permitted\n"},
+  };
+  for (const auto& [name, line] : rows) {
+    whileRefused({SCMP_SYS(setsockopt), SOL_SOCKET, name}, EPERM,
+                 [&] { EXPECT_FALSE(writes("hello")); });
+    EXPECT_EQ(log, line);
+    EXPECT_EQ(received(), "");
+  }
+}
+
+TEST_F(WriteOnceTest, SurvivesAPeerThatIsGone) {
+  const linger atOnce = {1, 0};
+  setsockopt(peer.get(), SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
+  peer.reset();
+  EXPECT_FALSE(writes("hello")) << "a reset";
+  EXPECT_FALSE(writes("hello")) << "without a signal";
 }

@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <seccomp.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
@@ -307,6 +308,29 @@ TEST_F(Events, AreDroppedWhenTheSocketCannotBeSwitchedToBlocking) {
   whileRefused({SCMP_SYS(fcntl), F_SETFL, O_RDWR}, EINVAL, [&] { passHoldBack(); });
   EXPECT_EQ(linesOf("fcntl 0: Invalid argument"), 1);
   EXPECT_EQ(linesOf("notify timeout"), 1);
+}
+
+TEST_F(Events, AreWrittenOnceOnly) {
+  Subscriber subscriber(platform);
+  subscribe(subscriber);
+  ASSERT_TRUE(subscriber.accept());
+  alarm(10);  // ends the test if it tries again and again
+  whileRefused({SCMP_SYS(sendto)}, EINTR, [&] { passHoldBack(); });
+  alarm(0);
+  EXPECT_EQ(linesOf("write failed"), 1);
+  EXPECT_EQ(linesOf("notify timeout"), 1);
+  EXPECT_TRUE(subscriber.closedByService());
+}
+
+TEST_F(Events, AreDroppedWhenTheWriteCouldHaveToWait) {
+  Subscriber subscriber(platform);
+  subscribe(subscriber);
+  ASSERT_TRUE(subscriber.accept());
+  whileRefused({SCMP_SYS(setsockopt), SOL_SOCKET, SO_SNDTIMEO}, EPERM, [&] { passHoldBack(); });
+  EXPECT_EQ(linesOf("setsockopt SO_SNDTIMEO: Operation not permitted"), 1);
+  EXPECT_EQ(linesOf("write failed"), 1);
+  EXPECT_EQ(linesOf("notify timeout"), 1);
+  EXPECT_TRUE(subscriber.closedByService());
 }
 
 TEST_F(Events, OfASubscriptionThatEndedMeanwhileAreDropped) {
