@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>
 
-#include <cerrno>
 #include <cstring>
 
 #include "http/Log.h"
@@ -33,8 +32,7 @@ void sendAdverts(int discoverySocket, uint32_t address, const SearchTargets& tar
   group.sin_port = htons(SSDP_PORT);
   group.sin_addr.s_addr = inet_addr(SSDP_IP);
   for (const auto& [target, usn] : targets) {
-    if (!sendDatagram(discoverySocket, advert(address, target, usn, byebye), group)) {
-      logLine("advert sendto failed: ", strerror(errno));
-    }
+    const int error = sendDatagram(discoverySocket, advert(address, target, usn, byebye), group);
+    if (error != 0) logLine("advert sendto failed: ", strerror(error));
   }
 }

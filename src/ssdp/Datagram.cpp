@@ -2,6 +2,9 @@
 
 #include <sys/socket.h>
 
+#include <cerrno>
+#include <cstddef>
+
 #include "http/Server.h"
 #include "http/Sockets.h"
 #include "http/Text.h"
@@ -17,9 +20,10 @@ void addLocation(HTTPMessage& message, uint32_t address) {
   message.addField("LOCATION", serverUrl(address) + DESCRIPTION_URL);
 }
 
-bool sendDatagram(int socket, const HTTPMessage& message, const sockaddr_in& to) {
+int sendDatagram(int socket, const HTTPMessage& message, const sockaddr_in& to) {
   const std::string text = message.get();
   const ssize_t sent = sendto(socket, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
                               reinterpret_cast<const sockaddr*>(&to), sizeof to);
-  return sent >= 0 && static_cast<size_t>(sent) == text.size();
+  if (sent < 0) return errno;
+  return static_cast<size_t>(sent) == text.size() ? 0 : EMSGSIZE;
 }

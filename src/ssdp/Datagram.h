@@ -16,5 +16,6 @@ void addMaxAge(HTTPMessage& message);
 /// byte order).
 void addLocation(HTTPMessage& message, uint32_t address);
 
-/// Sends `message` as one datagram, without waiting. False, with errno set, when it did not go out.
-[[nodiscard]] bool sendDatagram(int socket, const HTTPMessage& message, const sockaddr_in& to);
+/// Sends `message` as one datagram, without waiting. 0, or the error number (errno(3)) that says
+/// why it did not go out: errno itself may have changed when the caller looks.
+[[nodiscard]] int sendDatagram(int socket, const HTTPMessage& message, const sockaddr_in& to);

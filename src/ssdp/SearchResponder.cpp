@@ -58,7 +58,7 @@ void answerSearch(const SearchRequest& request, const std::string& ifname, uint3
   const auto [first, last] = findTargets(targets, request.target);
   for (auto entry = first; entry != last; ++entry) {
     const auto& [target, usn] = *entry;
-    if (!sendDatagram(socket.get(), searchReply(address, target, usn), request.sender)) {
+    if (sendDatagram(socket.get(), searchReply(address, target, usn), request.sender) != 0) {
       logLine("search sendto failed");
     }
   }
