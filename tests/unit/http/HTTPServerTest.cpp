@@ -1,157 +1,18 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
 
-#include "http/HTTPServer.h"
-#include "http/Server.h"
-#include "http/Sockets.h"
-#include "http/Text.h"
-#include "lumen/runtime/EventLoop.h"
-#include "support/ManualClock.h"
-#include "support/PrivateNetwork.h"
+#include "http/HTTPServerFixture.h"
 #include "support/RefusedCall.h"
 
 using namespace std::chrono_literals;
-
-namespace {
-
-class FakeInterface : public ServedInterface {
- public:
-  [[nodiscard]] uint32_t ipAddress() const override { return strtoip("127.0.0.1"); }
-};
-
-/// Serves one listening socket and answers every request alike, keeping what it was asked.
-class FakeGateway : public RequestHandler {
- public:
-  std::shared_ptr<ServedInterface> findListener(int listenFd) override {
-    return listenFd == listener ? device : nullptr;
-  }
-
-  HTTPMessage handleHttpRequest(const ServedInterface& on, const HTTPMessage& request,
-                                const std::string& method, const std::string& url) override {
-    asked.push_back(method + "|" + url + "|" + request.body);
-    askedOn = &on;
-    HTTPMessage reply(HTTP_OK);
-    reply.body = body;
-    return reply;
-  }
-
-  int listener = -1;
-  std::shared_ptr<ServedInterface> device = std::make_shared<FakeInterface>();
-  std::string body = "hello";
-  std::vector<std::string> asked;
-  const ServedInterface* askedOn = nullptr;
-};
-
-/// A control point with one connection.
-class Client {
- public:
-  /// `receiveBuffer` in bytes; 0: the system's choice.
-  explicit Client(int receiveBuffer = 0) : fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    if (receiveBuffer > 0) {
-      setsockopt(fd.get(), SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
-    }
-    sockaddr_in server = {};
-    server.sin_family = AF_INET;
-    server.sin_port = htons(HTTP_PORT);
-    server.sin_addr.s_addr = strtoip("127.0.0.1");
-    EXPECT_EQ(connect(fd.get(), reinterpret_cast<sockaddr*>(&server), sizeof server), 0);
-  }
-
-  void send(std::string_view text) const {
-    EXPECT_EQ(::send(fd.get(), text.data(), text.size(), MSG_NOSIGNAL),
-              static_cast<ssize_t>(text.size()));
-  }
-
-  /// Takes what has arrived. True when the server has closed the connection.
-  bool receive() {
-    std::array<char, 65536> bytes;
-    while (true) {
-      const ssize_t size = recv(fd.get(), bytes.data(), bytes.size(), MSG_DONTWAIT);
-      if (size < 0) {
-        error = errno;
-        return error != EAGAIN;
-      }
-      if (size == 0) return true;
-      received.append(bytes.data(), static_cast<size_t>(size));
-    }
-  }
-
-  void close() { fd.reset(); }
-
-  /// Closes so that the server gets a reset.
-  void reset() {
-    const linger atOnce = {1, 0};
-    setsockopt(fd.get(), SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
-    close();
-  }
-
-  std::string received;
-  int error = 0;
-
- private:
-  lm::Fd fd;
-};
-
-const std::string reply = "HTTP/1.1 200 OK\r\n\r\nhello";
-
-}  // namespace
-
-class HTTPServerTest : public testing::Test {
- protected:
-  HTTPServerTest() : loop(clock), server(gateway), listener(makeTcpSocket("lo", HTTP_PORT)) {
-    gateway.listener = listener.get();
-    watch.start<&HTTPServer::acceptHttp>(listener.get(), server, lm::watchRead);
-  }
-
-  /// Turns the loop until `condition` holds, at most five seconds.
-  void turnUntil(const std::function<bool()>& condition) {
-    for (int turn = 0; turn < 500; ++turn) {
-      if (condition()) return;
-      loop.turn(10);
-    }
-    ADD_FAILURE() << "did not happen";
-  }
-
-  void accept(size_t connections = 1) {
-    turnUntil([&] { return server.openConnections() == connections; });
-  }
-
-  /// Everything that the client sent has been read.
-  void readAll() {
-    for (int turn = 0; turn < 5; ++turn) loop.turn(1);
-  }
-
-  void untilClosed(Client& client) {
-    turnUntil([&] { return client.receive(); });
-  }
-
-  void pass(std::chrono::milliseconds time) {
-    clock.advance(static_cast<uint64_t>(time.count()));
-    loop.turn(0);
-  }
-
-  std::string logged(const std::function<void()>& work) {
-    testing::internal::CaptureStdout();
-    work();
-    return testing::internal::GetCapturedStdout();
-  }
-
-  PrivateNetwork network;
-  lm::test::ManualClock clock;
-  lm::EventLoop loop;
-  FakeGateway gateway;
-  HTTPServer server;
-  lm::Fd listener;
-  lm::Watch watch;
-};
 
 TEST_F(HTTPServerTest, AnswersARequestAndCloses) {
   Client client;
@@ -173,23 +34,6 @@ TEST_F(HTTPServerTest, AnswersOnceTheLastSegmentHasCome) {
   client.send("e");
   untilClosed(client);
   EXPECT_EQ(gateway.asked, std::vector<std::string>{"POST|/x|abcde"});
-}
-
-TEST_F(HTTPServerTest, ReadsAtMost4096BytesAtATime) {
-  // Only what comes with the last byte of a request can make it too long.
-  const auto asksWith = [&](size_t size) {
-    const std::string head = "POST /x HTTP/1.1\r\nContent-Length: ";
-    const size_t body = size - head.size() - strlen("4000\r\n\r\n");
-    Client client;
-    accept();
-    client.send(head + std::to_string(body) + "\r\n\r\n" + std::string(body, 'x') + "y");
-    readAll();
-    client.receive();
-    pass(10s);
-    return client.received;
-  };
-  EXPECT_EQ(asksWith(4096), reply);
-  EXPECT_EQ(asksWith(4095), "");
 }
 
 TEST_F(HTTPServerTest, ServesManyClientsAtATime) {
@@ -277,108 +121,6 @@ TEST_F(HTTPServerTest, DropsAClientThatClosesOrResetsWithoutAWord) {
   });
   EXPECT_EQ(log, "");
   EXPECT_TRUE(gateway.asked.empty());
-}
-
-TEST_F(HTTPServerTest, DropsARequestThatPasses64KiBWithoutAWord) {
-  Client client;
-  accept();
-  size_t sent = 0;
-  const std::string log = logged([&] {
-    while (sent < HTTPServer::maxRequest) {
-      client.send(std::string(1024, 'x'));
-      sent += 1024;
-      readAll();
-    }
-    EXPECT_EQ(server.openConnections(), 1U) << "64 KiB is not too much";
-    client.send("x");
-    turnUntil([&] { return server.openConnections() == 0; });
-  });
-  EXPECT_EQ(log, "");
-  EXPECT_TRUE(client.receive());
-  EXPECT_EQ(client.received, "");
-}
-
-TEST_F(HTTPServerTest, AnswersARequestOf64KiB) {
-  std::string request = "POST /x HTTP/1.1\r\nContent-Length: 65493\r\n\r\n";
-  ASSERT_EQ(request.size(), 43U);
-  request.append(65493, 'x');
-  ASSERT_EQ(request.size(), HTTPServer::maxRequest);
-  Client client;
-  for (size_t sent = 0; sent < request.size(); sent += 4096) {
-    client.send(std::string_view(request).substr(sent, 4096));
-    readAll();
-  }
-  untilClosed(client);
-  EXPECT_EQ(client.received, reply);
-}
-
-TEST_F(HTTPServerTest, BoundsARequestBy64KiBWhateverThePieces) {
-  const auto post = [](size_t size) {
-    const std::string head = "POST /x HTTP/1.1\r\nContent-Length: ";
-    const size_t body = size - head.size() - strlen("65000\r\n\r\n");
-    return head + std::to_string(body) + "\r\n\r\n" + std::string(body, 'x');
-  };
-  const auto get = [](size_t size) {
-    const std::string head = "GET /x HTTP/1.1\r\nX: ";
-    return head + std::string(size - head.size() - 4, 'x') + "\r\n\r\n";
-  };
-  const size_t most = HTTPServer::maxRequest;
-  const struct {
-    std::string sent;
-    bool answered;
-    const char* what;
-  } requests[] = {
-      {post(most), true, "a body that fits"},
-      {post(most + 1), false, "a body of one byte too many"},
-      {post(68000), false, "a body that ends in the next read"},
-      {get(most), true, "a header that fits"},
-      {get(most + 1), false, "a header of one byte too many"},
-      {get(68000), false, "a header that ends in the next read"},
-      {get(most - 10) + "GET /2 HTTP/1.1\r\n\r\n", true, "a second request that does not fit"},
-  };
-  // Where the client pauses until all that it sent has been read, besides every 4,096 bytes.
-  const std::vector<std::vector<size_t>> pauses = {
-      {}, {1}, {100}, {4095}, {1000, 60000}, {most - 4096}, {most - 1}, {most}, {most + 1}};
-  for (const auto& [sent, answered, what] : requests) {
-    for (const auto& pausesOfOne : pauses) {
-      gateway.asked.clear();
-      Client client;
-      accept();
-      size_t at = 0;
-      const auto sendUpTo = [&](size_t end) {
-        while (at < std::min(end, sent.size()) && server.openConnections() > 0) {
-          const size_t size = std::min({BUFLEN, end - at, sent.size() - at});
-          client.send(std::string_view(sent).substr(at, size));
-          at += size;
-          for (int turn = 0; turn < 3; ++turn) loop.turn(0);
-        }
-      };
-      for (const size_t pause : pausesOfOne) sendUpTo(pause);
-      sendUpTo(sent.size());
-      untilClosed(client);
-      EXPECT_EQ(client.received, answered ? reply : "")
-          << what << ", pauses " << testing::PrintToString(pausesOfOne);
-      EXPECT_EQ(gateway.asked.size(), answered ? 1U : 0U);
-    }
-  }
-}
-
-TEST_F(HTTPServerTest, CountsTheByteThatEndsARequestOf64KiB) {
-  // A request is complete with the last carriage return. The line feed that follows it is one of
-  // its bytes, whether it has arrived or not.
-  const std::string head = "GET /x HTTP/1.1\r\nX: ";
-  for (const size_t tooMany : {0UL, 1UL}) {
-    const size_t fill = HTTPServer::maxRequest + tooMany - head.size() - 4;
-    const std::string request = head + std::string(fill, 'x') + "\r\n\r";
-    Client client;
-    accept();
-    for (size_t sent = 0; sent < request.size(); sent += BUFLEN) {
-      client.send(std::string_view(request).substr(sent, BUFLEN));
-      readAll();
-    }
-    untilClosed(client);
-    EXPECT_EQ(client.received, tooMany == 0 ? reply : "");
-  }
 }
 
 TEST_F(HTTPServerTest, AcceptsNothingWhenNobodyIsThereAndDoesNotWait) {
