@@ -18,7 +18,7 @@ run_packages=(python3 iproute2 nftables miniupnpc procps)
 # What the unit tests need besides the programs.
 unit_packages=(libgtest-dev libseccomp-dev)
 # What a user's tests need besides those: without root, and so without hosts to be tested.
-user_packages=("${unit_packages[@]}" python3 iproute2 clang-format)
+user_packages=("${unit_packages[@]}" python3 iproute2 clang-format lld mold)
 # What all tests need besides; ccache since the package builds the same sources again.
 test_packages=("${user_packages[@]}" "${run_packages[@]}" "${package_packages[@]}" ccache
   clang libclang-rt-dev nmap gir1.2-gupnp-1.6 python3-gi libupnp-dev

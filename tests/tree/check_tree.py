@@ -33,6 +33,8 @@ USERS_OF_PACKAGES = {
     "libclang-rt-dev": ("cmake/Palinode.cmake", "-fsanitize=address"),
     "libupnp-dev": ("tests/e2e/clients/libupnp_subscriber.py", "libupnp"),
     "lintian": ("tests/package/test_package.py", '"lintian"'),
+    "lld": ("tests/tree/test_linkers.py", '"lld"'),
+    "mold": ("tests/tree/test_linkers.py", '"mold"'),
     "nmap": ("tests/e2e/test_ports.py", '"nmap"'),
     "python3-gi": ("tests/e2e/clients/gupnp_subscriber.py", "import gi"),
     "zsh": ("tests/e2e/test_completion.py", '"zsh"'),
