@@ -7,7 +7,7 @@ cd "$top"
 
 # What the programs are built from, and what builds them.
 build_packages=(
-  g++ cmake ninja-build pkg-config
+  g++ cmake ninja-build pkgconf
   libexpat1-dev uuid-dev libev-dev libmnl-dev libnftables-dev libnetfilter-conntrack-dev
   libinih-dev libcap-ng-dev libc-ares-dev libcli11-dev nlohmann-json3-dev
 )

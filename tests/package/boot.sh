@@ -1,27 +1,18 @@
 #!/bin/bash
-# Boots a Debian from a root folder, which stays as it is: with systemd as process 1, in namespaces
-# of its own but for the network, which is the caller's. All mounts end with it.
+# Boots a Debian from an archive of its root: with systemd as process 1, in namespaces of its own but
+# for the network, which is the caller's. It lives in memory and ends with its processes.
 #   boot.sh BASE FOLDER GROUP
-#     BASE    the root folder
+#     BASE    the archive
 #     FOLDER  an empty folder, where the mounts go
 #     GROUP   a control group for its processes, made here
 set -euo pipefail
+. "$(dirname "$0")/../support/machine.sh"
 
 # In the machine's namespaces.
 boot() {
-  local root=$1 folder device
+  local root=$1
   mount --make-rprivate /
-  mount -t proc proc "$root/proc"
-  mount -t sysfs -o ro sysfs "$root/sys"
-  for folder in run tmp dev; do mount -t tmpfs -o mode=755 tmpfs "$root/$folder"; done
-  chmod 1777 "$root/tmp"
-  for device in null zero full random urandom tty; do
-    touch "$root/dev/$device"
-    mount --bind "/dev/$device" "$root/dev/$device"
-  done
-  mkdir "$root/dev/pts" "$root/dev/shm"
-  mount -t devpts -o newinstance,ptmxmode=666 devpts "$root/dev/pts"
-  ln -s pts/ptmx "$root/dev/ptmx"
+  mount_machine "$root"
   if [ -e /sys/fs/cgroup/cgroup.controllers ]; then
     mount -t cgroup2 cgroup2 "$root/sys/fs/cgroup"
   else
@@ -30,9 +21,7 @@ boot() {
     mount -t cgroup -o none,name=systemd,xattr cgroup "$root/sys/fs/cgroup/systemd"
   fi
   hostname router
-  cd "$root"
-  exec env -i container=test PATH=/usr/sbin:/usr/bin:/sbin:/bin chroot "$root" \
-    /lib/systemd/systemd --unit=multi-user.target
+  enter_machine "$root" /lib/systemd/systemd --unit=multi-user.target
 }
 
 case $1 in
@@ -41,10 +30,8 @@ case $1 in
     base=$2 folder=$3
     mount --make-rprivate /
     mount -t tmpfs -o mode=755 tmpfs "$folder"
-    mkdir "$folder/root" "$folder/upper" "$folder/work"
-    mount -t overlay -o "lowerdir=$base,upperdir=$folder/upper,workdir=$folder/work" overlay \
-      "$folder/root"
-    exec unshare --mount --pid --ipc --uts --cgroup --fork --kill-child "$0" --boot "$folder/root"
+    tar --numeric-owner -C "$folder" -xf "$base"
+    exec unshare --mount --pid --ipc --uts --cgroup --fork --kill-child "$0" --boot "$folder"
     ;;
   *)
     mkdir "$3"

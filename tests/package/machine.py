@@ -1,24 +1,17 @@
-"""A Debian machine in namespaces: a fresh root from the package source that this machine uses, with
-systemd as its first process.
-
-    machine.py FOLDER    makes the root
-"""
+"""A Debian machine in namespaces, with systemd as its first process."""
 
 import contextlib
 import os
 import pathlib
 import shutil
 import subprocess
-import sys
 import tempfile
-import time
 
 from support.network import wait_until
 
 BOOT = pathlib.Path(__file__).with_name("boot.sh")
 
-# In seconds. The first two read from the package source.
-MAKE_LIMIT = 900
+# In seconds. The first reads from the package source.
 INSTALL_LIMIT = 600
 COMMAND_LIMIT = 60
 
@@ -27,42 +20,9 @@ class CommandFailed(Exception):
     """A command on the machine ended with another status than 0."""
 
 
-def package_source():
-    """Suite and address that this machine's packages come from."""
-    release = pathlib.Path("/etc/os-release").read_text(encoding="utf-8")
-    suite = next(line.partition("=")[2].strip('"') for line in release.splitlines()
-                 if line.startswith("VERSION_CODENAME="))
-    known = subprocess.run(["apt-get", "indextargets", "--format",
-                            "$(CODENAME) $(COMPONENT) $(REPO_URI)", "Created-By: Packages"],
-                           capture_output=True, text=True, check=True).stdout
-    for line in known.splitlines():
-        if line.startswith(f"{suite} main "):
-            return suite, line.split()[2]
-    raise AssertionError(f"this machine knows no package source of {suite}")
-
-
-def make_root(folder):
-    """Makes the smallest Debian that has systemd in `folder`, unless it is there already. After a
-    day the package source may no longer have what its lists name."""
-    if folder.exists():
-        if time.time() < folder.stat().st_mtime + 86400:
-            return
-        shutil.rmtree(folder)
-    unfinished = folder.with_name(folder.name + ".unfinished")
-    shutil.rmtree(unfinished, ignore_errors=True)
-    suite, address = package_source()
-    done = subprocess.run(["debootstrap", "--variant=minbase", "--include=systemd", suite,
-                           unfinished, address], stdin=subprocess.DEVNULL, text=True,
-                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=MAKE_LIMIT,
-                          check=False)
-    if done.returncode != 0:
-        raise AssertionError(f"debootstrap ended with {done.returncode}: {done.stdout}")
-    unfinished.rename(folder)
-
-
 class Machine:
-    """Runs until close, or until this process ends. Its network is `namespace`; whatever happens on
-    it, `base`, the root that it starts with, stays as it is."""
+    """Runs until close, or until this process ends. Its network is `namespace`; `base` is an
+    archive of the root that it starts with."""
 
     def __init__(self, base, namespace):
         self._folder = tempfile.mkdtemp(prefix="palinode-machine-")
@@ -139,6 +99,3 @@ def process_groups():
     top = pathlib.Path("/sys/fs/cgroup")
     return top if (top / "cgroup.controllers").exists() else top / "systemd"
 
-
-if __name__ == "__main__":
-    make_root(pathlib.Path(sys.argv[1]))

@@ -1,0 +1,118 @@
+"""A machine that has nothing: the smallest Debian, a user, and a checkout of his."""
+
+import os
+import pathlib
+import re
+import shutil
+import subprocess
+import tempfile
+import time
+
+from support.debian import make_archive
+
+TOP = pathlib.Path(__file__).resolve().parents[2]
+ENTER = pathlib.Path(__file__).with_name("enter.sh")
+# Archives of the machines, what was downloaded and compiled: kept between runs.
+KEPT = TOP / "build-machines"
+CHECKOUT = "/home/ann/palinode"
+# In seconds, for one command of the user.
+LIMIT = 1500
+
+
+class FreshMachine:
+    """Exists on the disk until close."""
+
+    def __init__(self, suite):
+        archive = KEPT / f"{suite}.tar"
+        make_archive(archive, suite)
+        self._downloads = KEPT / f"downloads-{suite}"
+        self._cache = KEPT / f"ccache-{suite}"
+        for folder in (self._downloads, self._cache):
+            folder.mkdir(exist_ok=True)
+        self._folder = tempfile.mkdtemp(prefix="palinode-fresh-", dir="/var/tmp")
+        try:
+            subprocess.run(["tar", "--numeric-owner", "-C", self._folder, "-xf", archive],
+                           check=True)
+            self._add_user()
+            self._add_checkout()
+        except BaseException:
+            self.close()
+            raise
+
+    def _add_user(self):
+        """Ann has the number of who owns this checkout, so that what is kept stays his."""
+        self._uid = os.stat(TOP).st_uid or 1000
+        self.run("useradd", "--create-home", "--uid", str(self._uid), "--shell", "/bin/bash", "ann")
+        os.chown(self._cache, self._uid, -1)
+
+    def _add_checkout(self):
+        """As it is here, without what was built."""
+        target = pathlib.Path(self._folder + CHECKOUT)
+        target.mkdir()
+        with subprocess.Popen(["tar", "-C", TOP, "--exclude=./build", "--exclude=./build-*",
+                               "--exclude=./.git", "-cf", "-", "."],
+                              stdout=subprocess.PIPE) as packed:
+            subprocess.run(["tar", "-C", target, "-xf", "-"], stdin=packed.stdout, check=True)
+        self.run("chown", "-R", "ann:ann", CHECKOUT)
+
+    def run(self, *command, user="root", when_installed=None):
+        """Runs a command, for a user in the checkout; returns what it printed. Fails when it does.
+        Calls `when_installed` when a script says that it has installed packages."""
+        if user != "root":
+            command = ("setpriv", "--reuid", user, "--regid", user, "--init-groups",
+                       "env", f"HOME=/home/{user}", f"USER={user}", *command)
+        else:
+            command = ("env", "HOME=/root", *command)
+        command = ("env", "-C", CHECKOUT if self._has_checkout() else "/", *command)
+        end = time.monotonic() + LIMIT
+        said = []
+        with subprocess.Popen([ENTER, self._folder, self._downloads, self._cache, *command],
+                              stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                              stderr=subprocess.STDOUT, text=True) as process:
+            for line in process.stdout:
+                said.append(line)
+                print(line, end="", flush=True)
+                if when_installed and line.startswith("ok  installed "):
+                    when_installed()
+                if time.monotonic() > end:
+                    process.kill()
+        if process.returncode != 0:
+            raise AssertionError(f"{' '.join(command)} ended with {process.returncode}: "
+                                 + "".join(said[-60:]))
+        return "".join(said)
+
+    def _has_checkout(self):
+        return pathlib.Path(self._folder + CHECKOUT + "/scripts").exists()
+
+    def unused(self, packages, since):
+        """Those of the packages of which no file was read since then, documents aside. A package
+        without files stands for those that it depends on."""
+        return [package for package in packages if not self._used(package, since)]
+
+    def _used(self, package, since):
+        files = self._files(package)
+        if not files:
+            depends = self._ask("dpkg-query", "-W", "-f", "${Depends}", package)
+            needed = re.findall(r"(?:^|, )([a-z0-9.+-]+)", depends)
+            files = [path for name in needed for path in self._files(name)]
+        return any(os.lstat(path).st_atime > since for path in files)
+
+    def _files(self, package):
+        listed = self._ask("dpkg-query", "-L", package).splitlines()
+        paths = [self._folder + path for path in listed
+                 if not path.startswith(("/usr/share/doc", "/usr/share/man", "/usr/share/lintian"))]
+        return [path for path in paths if os.path.lexists(path)
+                and (os.path.islink(path) or not os.path.isdir(path))]
+
+    def _ask(self, *command):
+        return subprocess.run(["chroot", self._folder, *command], capture_output=True, text=True,
+                              check=False).stdout
+
+    def close(self):
+        shutil.rmtree(self._folder)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.close()
