@@ -18,6 +18,13 @@ namespace {
 constexpr int statusRefused = 1;
 constexpr int statusWrongUsage = 2;
 
+constexpr const char* cannotWrite = "standard output cannot be written";
+
+int refused(std::ostream& err, const std::string& why) {
+  err << "lumenctl: " << printable(why) << '\n';
+  return statusRefused;
+}
+
 int wrongUsage(std::ostream& err, const std::string& why) {
   err << "lumenctl: " << printable(why) << "\nlumenctl --help tells how it is used.\n";
   return statusWrongUsage;
@@ -58,18 +65,18 @@ int run(const std::vector<std::string>& arguments, const Connect& connect, Machi
   try {
     app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
     session.finish();
-    if (!out.flush()) throw Refused("standard output cannot be written");
+    if (!out.flush()) throw Refused(cannotWrite);
     return session.status;
   } catch (const CLI::Success& asked) {  // --help, --version
-    return app.exit(asked, out, err);
+    const int status = app.exit(asked, out, err);
+    return out.flush() ? status : refused(err, cannotWrite);
   } catch (const CLI::ParseError& error) {
     return wrongUsage(err, error.what());
   } catch (const WrongUsage& error) {
     return wrongUsage(err, error.what());
   } catch (const Refused& error) {
     session.finish();
-    err << "lumenctl: " << printable(error.what()) << '\n';
-    return statusRefused;
+    return refused(err, error.what());
   }
 }
 

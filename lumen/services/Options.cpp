@@ -4,20 +4,21 @@
 
 #include <cstdio>
 
+#include "base/ProgramUsage.h"
+
 namespace lumen {
 
 namespace {
 
-constexpr const char* usage =
+constexpr ProgramUsage usage(
+    "lumend",
     "Usage: lumend [--root DIR]\n"
     "The platform of this router: passes messages between its programs, runs its services, and\n"
     "changes links, addresses and NAT for them. Must be started by root.\n"
     "\n"
     "  --root DIR  use DIR as /lumen, for a test or a demonstration; nobody else sees it there\n"
     "  --help      show this\n"
-    "  --version   show the version\n";
-
-constexpr int wrongUsage = 2;
+    "  --version   show the version\n");
 
 Options endWith(int status) {
   Options options;
@@ -39,23 +40,19 @@ Options readOptions(int argc, char** argv) {
         options.root = optarg;
         break;
       case 'h':
-        std::fputs(usage, stdout);
-        return endWith(0);
+        return endWith(usage.showHelp());
       case 'v':
-        std::puts("lumend " PALINODE_VERSION);
-        return endWith(0);
+        return endWith(usage.showVersion());
       default:
-        std::fputs(usage, stderr);
-        return endWith(wrongUsage);
+        return endWith(usage.refuse());
     }
     if (options.root.empty()) {
       std::fputs("lumend: --root takes a directory\n", stderr);
-      return endWith(wrongUsage);
+      return endWith(ProgramUsage::statusWrongUsage);
     }
   }
   if (optind == argc) return options;
-  std::fputs(usage, stderr);
-  return endWith(wrongUsage);
+  return endWith(usage.refuse());
 }
 
 }  // namespace lumen

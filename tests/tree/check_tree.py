@@ -10,6 +10,7 @@ import sys
 
 # What each layer of the daemon may include besides itself.
 LAYERS = {
+    "base": set(),
     "platform": set(),
     "xml": {"platform"},
     "http": {"xml", "platform"},
@@ -17,7 +18,7 @@ LAYERS = {
     "upnp": {"http", "xml", "platform"},
     "ssdp": {"description", "http", "xml", "platform"},
     "igd": {"upnp", "http", "xml", "platform"},
-    "core": {"ssdp", "igd", "upnp", "description", "http", "xml", "platform"},
+    "core": {"ssdp", "igd", "upnp", "description", "http", "xml", "platform", "base"},
 }
 # What needs a package that scripts/lib.sh lists for tests alone: a file, and the word in it. What it
 # lists for the programs, the demonstration and the unit tests is tried on a fresh machine.

@@ -1,10 +1,24 @@
+#include "base/ProgramUsage.h"
 #include "lumen/runtime/EventLoop.h"
 #include "lumen/services/resolver/Resolver.h"
 #include "platform/Looper.h"
 
 const uint32_t lm::serviceNumber = 14;
 
-int main() {
+namespace {
+
+constexpr ProgramUsage usage(
+    "lumen-resolver",
+    "Usage: lumen-resolver [--help | --version]\n"
+    "Looks up host names for the UPnP gateway. lumend starts it when a name is first needed.\n"
+    "\n"
+    "  --help     show this\n"
+    "  --version  show the version\n");
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (const std::optional<int> status = usage.answer(argc, argv)) return *status;
   lm::Looper looper;
   // The second is everybody's; the first is for a router whose LAN has name servers of its own.
   lumen::Resolver resolver(lm::currentClock(), {"/lumen/etc/resolv.conf", "/etc/resolv.conf"});

@@ -1,0 +1,109 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "support/Program.h"
+
+namespace lm::test {
+namespace {
+
+struct Answer {
+  int status = -1;
+  std::string text;  // standard output and standard error
+};
+
+/// A program that an administrator starts on a machine without a platform.
+struct Started {
+  std::string name;
+  std::string path;
+};
+
+const std::vector<Started> programs = {{"palinode-igd", DAEMON},
+                                       {"lumend", LUMEND},
+                                       {"lumen-resolver", RESOLVER},
+                                       {"lumenctl", LUMENCTL}};
+/// Those that take no other argument.
+const std::vector<Started> services = {programs[0], programs[2]};
+
+Answer run(
+    const Started& program, std::vector<std::string> arguments,
+    const std::function<void()>& prepare = [] {}) {
+  arguments.insert(arguments.begin(), program.path);
+  Program process(std::move(arguments), prepare);
+  Answer answer;
+  answer.text = process.wholeOutput();
+  answer.status = process.status();
+  return answer;
+}
+
+void discardErrors() {
+  const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+  dup2(null, STDERR_FILENO);
+}
+
+void discardOutput() {
+  const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+  dup2(null, STDOUT_FILENO);
+}
+
+void outputOnFullDisk() {
+  const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
+  dup2(full, STDOUT_FILENO);
+}
+
+TEST(Programs, TellTheirVersionWithoutAPlatform) {
+  for (const Started& program : programs) {
+    const Answer answer = run(program, {"--version"}, discardErrors);
+    EXPECT_EQ(answer.text, program.name + " " PALINODE_VERSION "\n");
+    EXPECT_EQ(answer.status, 0) << program.name;
+  }
+}
+
+TEST(Programs, TellHowTheyAreUsedWithoutAPlatform) {
+  for (const Started& program : programs) {
+    const Answer answer = run(program, {"--help"}, discardErrors);
+    EXPECT_NE(answer.text.find("Usage: " + program.name + " ["), std::string::npos) << answer.text;
+    EXPECT_NE(answer.text.find("--version"), std::string::npos) << answer.text;
+    EXPECT_EQ(answer.status, 0) << program.name;
+  }
+}
+
+TEST(Programs, RefuseArgumentsThatTheyDoNotKnow) {
+  for (const Started& program : programs) {
+    for (const char* unknown : {"--unknown", "-x", "unknown", ""}) {
+      const Answer answer = run(program, {unknown}, discardOutput);
+      EXPECT_EQ(answer.status, 2) << program.name << " '" << unknown << "'";
+      EXPECT_NE(answer.text.find(program.name), std::string::npos) << answer.text;
+    }
+  }
+}
+
+TEST(Programs, ThatServeTakeOneArgumentAtMost) {
+  const std::vector<std::vector<std::string>> wrong = {
+      {"--version", "more"}, {"--help", "--version"}, {"more", "--help"}, {"--vers"}, {"--help="}};
+  for (const Started& service : services) {
+    for (const auto& arguments : wrong) {
+      const Answer answer = run(service, arguments, discardOutput);
+      EXPECT_EQ(answer.status, 2) << service.name << " " << arguments[0];
+      EXPECT_TRUE(answer.text.starts_with("Usage: " + service.name + " [--help | --version]\n"))
+          << answer.text;
+    }
+  }
+}
+
+TEST(Programs, SayThatTheirAnswerCannotBeWritten) {
+  for (const Started& program : programs) {
+    for (const char* question : {"--help", "--version"}) {
+      const Answer answer = run(program, {question}, outputOnFullDisk);
+      EXPECT_EQ(answer.text, program.name + ": standard output cannot be written\n");
+      EXPECT_EQ(answer.status, 1) << program.name;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace lm::test
