@@ -35,6 +35,9 @@ namespace path = lumen::path;
 constexpr unsigned kernelMajor = 5;
 constexpr unsigned kernelMinor = 12;
 
+// Where a package keeps the ruleset, which its unit shows to lumend as path::natRuleset.
+constexpr const char* packagedRuleset = "/etc/lumen/nat-ruleset.nft";
+
 constexpr unsigned forAll = 0755;
 constexpr unsigned forOwner = 0700;
 
@@ -48,6 +51,16 @@ void checkKernel() {
   if (lumen::kernelIsAtLeast(system.release, kernelMajor, kernelMinor)) return;
   lm::fatal("lumend: needs Linux ", kernelMajor, ".", kernelMinor,
             " for a NAT table that nobody else can change; this is ", system.release);
+}
+
+// Before any file is made: outside of its unit a packaged lumend sees an empty /lumen, and what it
+// made there no removal of the package would find.
+void checkConfiguration() {
+  if (access(path::natRuleset.c_str(), F_OK) == 0) return;
+  const int error = errno;
+  const bool packaged = error == ENOENT && access(packagedRuleset, F_OK) == 0;
+  lm::fatal("lumend: ", path::natRuleset, ": ", strerror(error),
+            packaged ? "; to start the lumend of the package: systemctl start lumend" : "");
 }
 
 // What the starter left open is none of ours; and a missing standard descriptor would become one of
@@ -124,6 +137,8 @@ int main(int argc, char** argv) {
   } else {
     keepOnly(lumen::neededCapabilities());
   }
+
+  checkConfiguration();
 
   const lm::SystemClock clock;
   lm::EventLoop loop(clock);

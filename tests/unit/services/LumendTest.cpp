@@ -220,6 +220,8 @@ TEST_F(LumendTest, SaysWhichFileKeepsItFromStarting) {
   fs::remove(root_.file("run/lumen.sock"));
 
   fs::remove(root_.file("etc/nat-ruleset.nft"));
+  EXPECT_EQ(refusal(), "lumend: /lumen/etc/nat-ruleset.nft: No such file or directory\n");
+  root_.write("etc/nat-ruleset.nft", "nonsense\n");
   EXPECT_TRUE(refusal().starts_with(
       "lumend: NAT table: cannot load the NAT ruleset /lumen/etc/nat-ruleset.nft"));
 
@@ -230,6 +232,17 @@ TEST_F(LumendTest, SaysWhichFileKeepsItFromStarting) {
   fs::remove_all(root_.file("store"));
   root_.write("store", "a file");
   EXPECT_EQ(refusal(), "lumend: /lumen/store: Not a directory\n");
+}
+
+TEST_F(LumendTest, MakesNoFileWithoutItsConfiguration) {
+  for (const char* made : {"run", "store"}) root_.makeDirectory(made);
+  fs::remove_all(root_.file("etc"));
+  const auto lumend = startInstalled();
+  EXPECT_EQ(lumend->wholeOutput(),
+            "lumend: /lumen/etc/nat-ruleset.nft: No such file or directory\n");
+  EXPECT_EQ(lumend->status(), 1);
+  EXPECT_TRUE(fs::is_empty(root_.file("run")));
+  EXPECT_TRUE(fs::is_empty(root_.file("store")));
 }
 
 TEST_F(LumendTest, SaysWhatIsWrongWithItsArguments) {
