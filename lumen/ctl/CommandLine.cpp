@@ -8,6 +8,7 @@
 #include "lumen/ctl/Commands.h"
 #include "lumen/ctl/Errors.h"
 #include "lumen/ctl/Help.h"
+#include "lumen/ctl/LogHint.h"
 #include "lumen/ctl/Session.h"
 #include "lumen/ctl/Text.h"
 
@@ -74,6 +75,11 @@ int run(const std::vector<std::string>& arguments, const Connect& connect, Machi
     return wrongUsage(err, error.what());
   } catch (const WrongUsage& error) {
     return wrongUsage(err, error.what());
+  } catch (const PlatformSilent& error) {
+    session.finish();
+    const int status = refused(err, error.what());
+    err << printable(logHint(machine, session.root)) << '\n';
+    return status;
   } catch (const Refused& error) {
     session.finish();
     return refused(err, error.what());

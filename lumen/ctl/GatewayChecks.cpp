@@ -72,8 +72,8 @@ Finding unreachable(const std::string& interface, uint32_t address) {
 Findings checkPlatform(const Observation& seen) {
   if (!seen.unreachable.empty()) {
     return {{"no-platform", seen.unreachable + ".",
-             "Without it no port is open, and what depends on it was not checked.",
-             "systemctl start lumend"}};
+             "Without it no port is open, and what depends on it was not checked. " + seen.logHint,
+             seen.systemd ? "systemctl start lumend" : "start lumend"}};
   }
   if (seen.refused.empty()) return {};
   return {{"platform-refuses", "lumend does not answer: " + seen.refused + ".",

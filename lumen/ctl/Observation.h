@@ -43,6 +43,8 @@ struct PortUser {
 /// What `upnp check` looks at, as it was read. Parts that could not be read are as they stand here.
 struct Observation {
   std::string unreachable;  ///< how lumend cannot be reached; empty: it can be
+  std::string logHint;      ///< where lumend's log is; empty: lumend can be reached
+  bool systemd = false;     ///< systemd is what starts lumend
   std::string refused;      ///< what lumend refused, and why; empty: nothing
   // What follows up to the rules is empty when lumend did not answer.
   GatewayState gateway;

@@ -8,6 +8,7 @@
 #include <sstream>
 
 #include "lumen/ctl/Errors.h"
+#include "lumen/ctl/LogHint.h"
 #include "lumen/ctl/Machine.h"
 #include "lumen/ctl/RouteTable.h"
 #include "lumen/ctl/SocketTable.h"
@@ -130,6 +131,8 @@ Observation observe(Session& session) {
     (void)session.router();
   } catch (const Refused& refused) {
     seen.unreachable = refused.what();
+    seen.logHint = logHint(machine, session.root);
+    seen.systemd = session.root.empty() && hasSystemd(machine);
   }
   try {
     if (seen.unreachable.empty()) readPlatform(session, seen);

@@ -46,7 +46,7 @@ Router& Session::router() {
   if (!router_) {
     std::string why;
     client_ = connect_(root, why);
-    if (!client_) throw Refused(why);
+    if (!client_) throw PlatformSilent(why);
     router_.emplace(*client_);
   }
   return *router_;

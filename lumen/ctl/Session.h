@@ -38,7 +38,7 @@ class Session {
   /// it could have calls done() never.
   void finish();
 
-  /// Connects when first called; throws Refused when that is not possible.
+  /// Connects when first called; throws PlatformSilent when that is not possible.
   [[nodiscard]] Router& router();
   [[nodiscard]] Machine& machine() { return machine_; }
   [[nodiscard]] std::ostream& out() { return out_; }

@@ -80,8 +80,9 @@ class CheckTest(CheckCase):
         self.assert_found(
             f"lumend does not answer ({self.router.root}/run/lumen.sock: No such file or "
             "directory).",
-            "Without it no port is open, and what depends on it was not checked.",
-            "systemctl start lumend")
+            "Without it no port is open, and what depends on it was not checked. lumend --root "
+            f"{self.router.root} logs to its standard output.",
+            "start lumend")
 
     def test_the_gateway_is_switched_off(self):
         self.router.lumenctl("upnp", "settings", "set", "enabled=off")

@@ -1,6 +1,7 @@
 """lumenctl with the real platform."""
 
 import os
+import pathlib
 import socket
 import subprocess
 import tempfile
@@ -52,10 +53,15 @@ class LumenctlTest(RouterCase):
             self.assertEqual(asks(root / "packaged", root / "deaf"), (0, identity, ""))
         self.assertEqual(asks(root / "packaged", root / "empty"), (0, identity, ""))
         self.assertEqual(asks(root / "empty", root), (0, identity, ""))
-        self.assertEqual(asks(root / "empty", root / "empty"),
-                         (1, "", "lumenctl: lumend does not answer "
-                          "(/run/lumen/lumen.sock: No such file or directory; "
-                          "/lumen/run/lumen.sock: No such file or directory)\n"))
+        status, out, err = asks(root / "empty", root / "empty")
+        self.assertEqual((status, out), (1, ""))
+        error, where_its_log_is = err.splitlines()
+        self.assertEqual(error, "lumenctl: lumend does not answer "
+                         "(/run/lumen/lumen.sock: No such file or directory; "
+                         "/lumen/run/lumen.sock: No such file or directory)")
+        systemd = pathlib.Path("/proc/1/comm").read_text(encoding="utf-8") == "systemd\n"
+        self.assertIn("journalctl -u lumend" if systemd else "its standard output",
+                      where_its_log_is)
 
     def test_set_up_twice_changes_nothing_and_restarts_nothing(self):
         self.lan[0].open_port(8080, "TCP")
@@ -169,7 +175,8 @@ class DeafPlatformTest(unittest.TestCase):
                                   capture_output=True, text=True, timeout=50, check=False)
             self.assertGreaterEqual(time.monotonic() - started, 15)
         self.assertEqual((done.returncode, done.stdout, done.stderr),
-                         (1, "", "lumenctl: no answer in time\n"))
+                         (1, "", "lumenctl: no answer in time\n"
+                          f"lumend --root {root} logs to its standard output.\n"))
 
 
 if __name__ == "__main__":

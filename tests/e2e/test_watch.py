@@ -141,7 +141,7 @@ class WatchTest(TerminalCase):
         self.router.stop()
         self.assertEqual(terminal.end(), 1)
         self.assert_restored(terminal)
-        self.assertRegex(terminal.shown, r"1049llumenctl: .+\r\n$")
+        self.assertRegex(terminal.shown, r"1049llumenctl: .+\r\n(lumend --root .+\r\n)?$")
 
     def test_elsewhere_it_prints_one_status_below_the_other(self):
         command = [PROGRAMS / "lumenctl", "--root", self.router.root, "status", "--watch"]

@@ -76,10 +76,13 @@ TEST(Check, TakesASilentPlatformForOneFinding) {
   Observation seen;
   seen.kernel = "6.1.0";
   seen.unreachable = "lumend does not answer (/run/x: No such file or directory)";
+  seen.logHint = "Log.";
   EXPECT_EQ(findProblems(seen),
             (Findings{{"no-platform", "lumend does not answer (/run/x: No such file or directory).",
-                       "Without it no port is open, and what depends on it was not checked.",
-                       "systemctl start lumend"}}));
+                       "Without it no port is open, and what depends on it was not checked. Log.",
+                       "start lumend"}}));
+  seen.systemd = true;
+  EXPECT_EQ(findProblems(seen).at(0).mend, "systemctl start lumend");
   seen.unreachable.clear();
   seen.refused = "not permitted";
   EXPECT_EQ(findProblems(seen),

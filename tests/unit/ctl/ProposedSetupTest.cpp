@@ -156,7 +156,7 @@ TEST_F(ProposedSetup, NeedsThePlatform) {
   router.cannotBeReached();
   const auto result = router.lumenctl({"upnp", "setup", "--yes"});
   EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.err, "lumenctl: nobody answers\n");
+  EXPECT_EQ(result.err, "lumenctl: nobody answers\nlumend logs to its standard output.\n");
 }
 
 }  // namespace

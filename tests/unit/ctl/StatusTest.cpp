@@ -195,7 +195,7 @@ TEST_F(Watch, EndsWithThePlatform) {
   router.refuses({20, 5}, lm::cmd::readAll, "connection ended");
   const auto result = router.lumenctl({"status", "--watch"});
   EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.err, "lumenctl: connection ended\n");
+  EXPECT_EQ(result.err, "lumenctl: connection ended\nlumend logs to its standard output.\n");
   EXPECT_EQ(router.machine().drawable, nullptr) << "its screen is gone";
 }
 

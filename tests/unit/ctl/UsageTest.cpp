@@ -86,7 +86,27 @@ TEST_F(Usage, EndsWith1WhenThePlatformCannotBeReached) {
   router.cannotBeReached();
   const auto result = router.lumenctl({"status"});
   EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.err, "lumenctl: nobody answers\n");
+  EXPECT_EQ(result.err, "lumenctl: nobody answers\nlumend logs to its standard output.\n");
+}
+
+TEST_F(Usage, NamesTheLogOfAPlatformThatIsSilent) {
+  const std::string journal =
+      "To see its log: journalctl -u lumend (root, and members of adm or systemd-journal).\n";
+  router.machine().files["/proc/1/comm"] = "systemd\n";
+  for (const std::string why : {"no answer in time", "connection ended"}) {
+    router.refuses({65}, lm::cmd::get, why);
+    EXPECT_EQ(router.lumenctl({"identity"}).err, "lumenctl: " + why + "\n" + journal);
+  }
+  router.refuses({65}, lm::cmd::get, "not permitted");
+  EXPECT_EQ(router.lumenctl({"identity"}).err, "lumenctl: not permitted\n");
+
+  router.cannotBeReached();
+  EXPECT_EQ(router.lumenctl({"status"}).err, "lumenctl: nobody answers\n" + journal);
+  EXPECT_EQ(router.lumenctl({"--root", "/d\x1b", "status"}).err,
+            "lumenctl: nobody answers\nlumend --root /d\\x1b logs to its standard output.\n");
+  router.machine().files["/proc/1/comm"] = "runit\n";
+  EXPECT_EQ(router.lumenctl({"status"}).err,
+            "lumenctl: nobody answers\nlumend logs to its standard output.\n");
 }
 
 /// Every command that changes something, on a router where it has something to change.
