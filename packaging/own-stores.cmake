@@ -4,7 +4,10 @@ set(stores /lumen/store/upnp /lumen/store/upnpm)
 if("$ENV{DESTDIR}" STREQUAL "")
   execute_process(COMMAND chown palinode:palinode ${stores} RESULT_VARIABLE failed ERROR_VARIABLE error)
   if(failed)
-    message(WARNING "The stores need their owner. Make the user palinode, then run: "
-                    "chown palinode: ${stores}\n${error}")
+    # To be pasted into a shell.
+    list(TRANSFORM stores REPLACE "(.+)" "'\\1'")
+    list(JOIN stores " " stores)
+    message(WARNING "The stores need their owner. Make the user palinode, then run as root:\n"
+                    "  chown palinode:palinode ${stores}\n${error}")
   endif()
 endif()
