@@ -75,6 +75,20 @@ class InstallationTest(unittest.TestCase):
         return self.machine.run("journalctl", "--no-pager", "--identifier=palinode-igd",
                                 "--output=cat")
 
+    def change_unit(self, setting):
+        """Overrides a setting of the unit's service, and restarts it."""
+        self.machine.run("sh", "-c", "mkdir -p /etc/systemd/system/lumend.service.d && "
+                         f"printf '[Service]\\n{setting}\\n' > "
+                         "/etc/systemd/system/lumend.service.d/test.conf && "
+                         "systemctl daemon-reload && systemctl restart lumend")
+
+    def unit_state(self):
+        return self.machine.run("systemctl", "is-active", "lumend", check=False).strip()
+
+    def restarts(self):
+        return int(self.machine.run("systemctl", "show", "--property=NRestarts", "--value",
+                                    "lumend"))
+
     def main_process(self):
         return self.machine.run("systemctl", "show", "--property=MainPID", "--value", "lumend")
 
@@ -113,12 +127,52 @@ class InstallationTest(unittest.TestCase):
         exposure = re.search(r"Overall exposure level for lumend.service: ([0-9.]+)", found)
         self.assertLess(float(exposure.group(1)), 3.0)
 
+    def test_systemd_has_nothing_to_say_about_the_unit(self):
+        self.install()
+        self.assertEqual(self.machine.run("systemd-analyze", "verify", "--man=no",
+                                          "lumend.service"), "")
+
+    def test_is_started_again_however_often_it_ends(self):
+        self.install()
+        waits = self.machine.run("systemctl", "show", "--property=RestartUSec", "--value", "lumend")
+        self.assertEqual(waits, "2s\n")
+        self.change_unit("RestartSec=100ms")
+        for _ in range(12):
+            before = self.main_process()
+            self.machine.run("sh", "-c", f"kill -KILL {before.strip()}")
+            wait_until(lambda before=before: self.main_process() not in (before, "0\n"),
+                       "another lumend runs")
+        wait_until(lambda: self.unit_state() == "active", "lumend serves")
+
+    def test_starts_by_itself_when_its_ruleset_was_broken_and_is_corrected(self):
+        self.install()
+        self.change_unit("RestartSec=100ms")
+        ruleset = "/etc/lumen/nat-ruleset.nft"
+        self.machine.run("sh", "-c", f"cp {ruleset} /root/good; echo nonsense >>{ruleset}")
+        self.machine.run("systemctl", "restart", "lumend", check=False)
+        wait_until(lambda: self.restarts() >= 8, "it was tried again and again")
+        said = self.machine.run("lumenctl", "status", check=False)
+        self.assertIn("journalctl -u lumend", said)
+        self.machine.run("useradd", "--groups", "adm", "reader")
+        for reader in ("root", "reader"):
+            log = self.machine.run("runuser", "-u", reader, "--", "journalctl", "-u", "lumend",
+                                   "--no-pager", "--output=cat")
+            self.assertIn("cannot load the NAT ruleset /lumen/etc/nat-ruleset.nft", log)
+        self.machine.run("cp", "/root/good", ruleset)
+        wait_until(lambda: self.unit_state() == "active", "lumend serves")
+
+    def test_a_deleted_configuration_file_comes_back_when_dpkg_is_told_so(self):
+        self.install()
+        deleted = ("/etc/lumen/nat-policy", "/etc/lumen/services/upnp.ini")
+        self.machine.run("rm", *deleted)
+        self.install("--reinstall")
+        self.assertEqual(self.there(*deleted), [])
+        self.install("--reinstall", "-o", "Dpkg::Options::=--force-confmiss")
+        self.assertEqual(self.there(*deleted), list(deleted))
+
     def test_is_restarted_when_it_no_longer_answers(self):
         self.install()
-        self.machine.run("sh", "-c", "mkdir -p /etc/systemd/system/lumend.service.d && "
-                         "printf '[Service]\\nWatchdogSec=5\\n' > "
-                         "/etc/systemd/system/lumend.service.d/watchdog.conf && "
-                         "systemctl daemon-reload && systemctl restart lumend")
+        self.change_unit("WatchdogSec=5")
         before = self.main_process()
         self.machine.run("sh", "-c", f"kill -STOP {before.strip()}")
         wait_until(lambda: self.main_process() not in (before, "0\n"), "another lumend runs",
@@ -140,6 +194,7 @@ class InstallationTest(unittest.TestCase):
         self.set_up()
         self.client.open_port(PORT, "TCP")
         self.assertIn("lumen", self.network.router.run("nft", "list", "tables"))
+        self.assertIn("systemctl start lumend", self.machine.run("lumend", check=False))
         self.machine.apt_get("remove", "palinode-igd")
         self.assertEqual(self.network.router.run("nft", "list", "tables"), "")
         self.assertEqual(self.there(*PLACES), ["/etc/lumen", "/var/lib/lumen"])
