@@ -56,7 +56,7 @@ Interface::Interface(const lm::message& record)
       running(record.get_bool(lumen::interfaces::key::running)) {}
 
 std::string Interface::state() const {
-  if (index == 0) return "away";
+  if (isAway()) return "away";
   if (disabled) return "down";
   return running ? "running" : "no link";
 }

@@ -21,6 +21,8 @@ struct Interface {
   explicit Interface(const lm::message& record);
   /// "running", "no link", "down" or "away".
   [[nodiscard]] std::string state() const;
+  /// Its name is kept, and there is no link of that name.
+  [[nodiscard]] bool isAway() const { return index == 0; }
 
   uint32_t id = 0;
   std::string name;

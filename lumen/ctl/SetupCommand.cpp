@@ -24,7 +24,14 @@ struct Arguments {
   std::vector<std::string> internal;  ///< empty: to be proposed
   std::string external;               ///< the same
   bool yes = false;                   ///< do not ask
+  bool allowMissing = false;          ///< of interfaces that are not there now too
 };
+
+std::vector<std::string> namesIn(const Arguments& arguments) {
+  std::vector<std::string> names = arguments.internal;
+  if (!arguments.external.empty()) names.push_back(arguments.external);
+  return names;
+}
 
 std::vector<Candidate> readCandidates(Session& session, const std::vector<Interface>& interfaces) {
   const std::vector<Address> addresses = session.router().addresses();
@@ -43,12 +50,14 @@ std::vector<Candidate> readCandidates(Session& session, const std::vector<Interf
 }
 
 /// What would set the router up like that without a question.
-std::string commandLine(const Session& session, const Proposal& proposal) {
+std::string commandLine(const Session& session, const Arguments& arguments,
+                        const Proposal& proposal) {
   std::string line = "lumenctl";
   if (!session.root.empty()) line += " --root " + session.root;
   line += " upnp setup --internal";
   for (const std::string& name : proposal.internalNames()) line += " " + name;
-  return line + " --external " + proposal.external.name;
+  line += " --external " + proposal.external.name;
+  return arguments.allowMissing ? line + " --allow-missing" : line;
 }
 
 void show(Session& session, const Proposal& proposal, const std::vector<Interface>& interfaces) {
@@ -81,15 +90,16 @@ bool agrees(Session& session) {
 /// wanted or nobody can be asked.
 void complete(Session& session, Arguments& arguments) {
   const std::vector<Interface> interfaces = session.router().interfaces();
+  if (!arguments.allowMissing) requirePresent(namesIn(arguments), interfaces);
   const std::string routes = session.machine().read(routeTablePath).value_or("");
   const Proposal proposal = proposeRoles(readCandidates(session, interfaces), defaultRoutes(routes),
                                          arguments.internal, arguments.external);
   if (!proposal.refusal.empty()) throw Refused(proposal.refusal);
   if (!arguments.yes && (session.json || !session.machine().hasTerminal())) {
-    throw Refused(
-        std::string("roles are missing, and ") +
-        (session.json ? "with --json" : "without a terminal") +
-        " nobody can be asked. What would be proposed: " + commandLine(session, proposal));
+    throw Refused(std::string("roles are missing, and ") +
+                  (session.json ? "with --json" : "without a terminal") +
+                  " nobody can be asked. What would be proposed: " +
+                  commandLine(session, arguments, proposal));
   }
   if (!session.json) show(session, proposal, interfaces);
   if (!arguments.yes && !agrees(session)) throw Refused("nothing was changed");
@@ -106,7 +116,8 @@ void addSetupCommand(CLI::App& upnp, Session& session) {
   addExamples(*setup, {{"upnp setup", "propose the roles, ask, and do it"},
                        {"upnp setup --internal br-lan --external wan0", "one network at home"},
                        {"upnp setup --internal br-lan br-guest --external ppp0", "two of them"},
-                       {"upnp setup --external ppp0 --yes", "the rest as it would be proposed"}});
+                       {"upnp setup --external ppp0 --yes", "the rest as it would be proposed"},
+                       {"upnp setup --external ppp0 --allow-missing", "before the first dial-in"}});
   setup->add_option("--internal", arguments->internal, "interfaces towards the hosts at home")
       ->check(interfaceName())
       ->type_name("IF...");
@@ -114,10 +125,13 @@ void addSetupCommand(CLI::App& upnp, Session& session) {
       ->check(interfaceName())
       ->type_name("IF");
   setup->add_flag("--yes", arguments->yes, "take what is proposed, without a question");
+  setup->add_flag("--allow-missing", arguments->allowMissing,
+                  "take the name of an interface that is not there now, for when it comes");
   setup->callback([&session, arguments] {
     session.changes = true;
     if (arguments->internal.empty() || arguments->external.empty()) complete(session, *arguments);
-    setUpGateway(session, arguments->internal, arguments->external);
+    setUpGateway(session, arguments->internal, arguments->external,
+                 arguments->allowMissing ? Missing::allowed : Missing::refused);
   });
 }
 

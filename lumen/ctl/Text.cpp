@@ -112,10 +112,10 @@ std::string amount(uint64_t bytes) {
   return std::to_string(tenths / 10) + "." + std::to_string(tenths % 10) + units.at(unit);
 }
 
-std::string joined(const std::vector<std::string>& texts) {
+std::string joined(const std::vector<std::string>& texts, std::string_view separator) {
   std::string result;
   for (const std::string& text : texts) {
-    if (!result.empty()) result += ", ";
+    if (!result.empty()) result += separator;
     result += text;
   }
   return result;

@@ -35,8 +35,9 @@ namespace lumenctl {
 /// An amount of data in decimal units: "999 B", "1.2 MB".
 [[nodiscard]] std::string amount(uint64_t bytes);
 
-/// The texts with ", " between them.
-[[nodiscard]] std::string joined(const std::vector<std::string>& texts);
+/// The texts with `separator` between them.
+[[nodiscard]] std::string joined(const std::vector<std::string>& texts,
+                                 std::string_view separator = ", ");
 
 [[nodiscard]] std::string yesOrNo(bool value);
 [[nodiscard]] std::string onOrOff(bool value);

@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "lumen/ctl/Errors.h"
+#include "lumen/ctl/Text.h"
 
 namespace lumenctl {
 
@@ -78,13 +79,39 @@ void addOrSet(Session& session, const std::vector<GatewayObject>& objects, const
   session.done(wanted.name + ": used by the gateway as " + roleName(wanted.role));
 }
 
+std::vector<std::string> namesOf(const std::vector<Wanted>& wanted) {
+  std::vector<std::string> names;
+  names.reserve(wanted.size());
+  for (const Wanted& w : wanted) names.push_back(w.name);
+  return names;
+}
+
 }  // namespace
 
+void requirePresent(const std::vector<std::string>& names,
+                    const std::vector<Interface>& interfaces) {
+  std::vector<std::string> present;
+  for (const Interface& interface : interfaces) {
+    if (!interface.isAway()) present.push_back(interface.name);
+  }
+  std::vector<std::string> missing;
+  for (const std::string& name : names) {
+    if (std::find(present.begin(), present.end(), name) == present.end()) {
+      missing.push_back("'" + name + "'");
+    }
+  }
+  if (missing.empty()) return;
+  throw Refused("there is no interface " + joined(missing, " and no ") + " now, " +
+                (present.empty() ? "nor any other" : "only " + joined(present)) +
+                ". Nothing was changed; --allow-missing sets up an interface that comes later");
+}
+
 void setUpGateway(Session& session, const std::vector<std::string>& internal,
-                  const std::string& external) {
+                  const std::string& external, Missing missing) {
   std::vector<Wanted> wanted = listOf(internal, external);
   Router& router = session.router();
   const std::vector<Interface> present = router.interfaces();
+  if (missing == Missing::refused) requirePresent(namesOf(wanted), present);
   keepNames(session, present, wanted);
 
   const std::vector<GatewayObject> objects = router.gatewayObjects();

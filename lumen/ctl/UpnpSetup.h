@@ -7,12 +7,24 @@
 
 namespace lumenctl {
 
+/// What happens to the name of an interface that is not there now.
+enum class Missing { refused, allowed };
+
 /// Makes this router an Internet gateway for the hosts on the interfaces `internal`, with
 /// `external` towards the Internet, and switches the gateway on. Interfaces that are not named are
 /// taken from it. What is already so is left alone, so that nothing restarts needlessly.
 ///
+/// Throws before the first change: WrongUsage when an interface is named twice, Refused when one is
+/// not there now, unless `missing` allows that. An interface that is away has no hosts, and those
+/// of the interface that it would replace lose their gateway.
+///
 /// The gateway is switched on last: what is refused half-way leaves a gateway that was off off.
 void setUpGateway(Session& session, const std::vector<std::string>& internal,
-                  const std::string& external);
+                  const std::string& external, Missing missing);
+
+/// Throws Refused when one of the interfaces `names` is not there now; the text names those that
+/// are.
+void requirePresent(const std::vector<std::string>& names,
+                    const std::vector<Interface>& interfaces);
 
 }  // namespace lumenctl

@@ -20,7 +20,7 @@ _lumenctl_options() {
   case "$*" in
     '') echo --version ;;
     status) echo --watch ;;
-    'upnp setup') echo --internal --external --yes ;;
+    'upnp setup') echo --internal --external --yes --allow-missing ;;
     'upnp interface add') echo --role --disable ;;
     'upnp interface set') echo --role --enable --disable ;;
   esac

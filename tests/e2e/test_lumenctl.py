@@ -80,10 +80,25 @@ class LumenctlTest(RouterCase):
         self.router.set_up()
         self.lan[0].open_port(8080, "TCP")
 
+    def test_set_up_with_a_mistyped_interface_leaves_a_working_gateway_alone(self):
+        self.lan[0].open_port(8080, "TCP")
+        before = self.router.status()["interfaces"]
+        history = self.router.ask("history")
+        links = ", ".join(i["name"] for i in self.router.ask("interface", "list"))
+        for internal, external in (("nosuch", WAN_LINK), (LAN_BRIDGE, "nosuch")):
+            self.assertEqual(
+                self.refused("upnp", "setup", "--internal", internal, "--external", external),
+                (1, f"lumenctl: there is no interface 'nosuch' now, only {links}. Nothing was "
+                    "changed; --allow-missing sets up an interface that comes later"))
+        self.assertEqual(self.router.status()["interfaces"], before)
+        self.assertEqual(self.router.ask("history"), history)
+        self.assertEqual(list(self.router.ports()), ["8080/tcp"])
+
     def test_a_link_that_does_not_exist_yet_is_set_up(self):
         self.network.disconnect_wan()
         self.router.lumenctl("interface", "forget", WAN_LINK)
-        self.router.lumenctl("upnp", "setup", "--internal", LAN_BRIDGE, "--external", WAN_LINK)
+        self.router.lumenctl("upnp", "setup", "--internal", LAN_BRIDGE, "--external", WAN_LINK,
+                             "--allow-missing")
         self.assertEqual(self.router.interface(WAN_LINK)["state"], "away")
         self.network.connect_wan()
         self.wait_until(lambda: self.router.interface(WAN_LINK)["state"] == "running",

@@ -91,6 +91,13 @@ TEST_F(ProposedSetup, SaysWithoutATerminalWhatWouldDoIt) {
   EXPECT_EQ(router.changes(), Lines{});
 }
 
+TEST_F(ProposedSetup, SaysWithoutATerminalThatAMissingInterfaceIsAllowed) {
+  const auto result = router.lumenctl({"upnp", "setup", "--external", "ppp0", "--allow-missing"});
+  EXPECT_NE(result.err.find(" --internal br-lan --external ppp0 --allow-missing\n"),
+            std::string::npos)
+      << result.err;
+}
+
 TEST_F(ProposedSetup, AsksNobodyWhenTheAnswerIsForPrograms) {
   router.machine().somebodyTypes("y");
   const auto result = router.lumenctl({"--json", "--root", "/tmp/r", "upnp", "setup"});

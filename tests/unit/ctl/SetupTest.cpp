@@ -116,11 +116,34 @@ TEST_F(Setup, EnablesAnInterfaceThatWasDisabled) {
   EXPECT_EQ(router.changes()[2], "[40,0] fe0003 08fe0001=3 00fe000a=false 08000001=2 08000002=1");
 }
 
-TEST_F(Setup, KeepsTheNameOfALinkThatIsStillAway) {
-  const auto result =
-      router.lumenctl({"upnp", "setup", "--internal", "br-lan", "--external", "ppp0"});
+TEST_F(Setup, KeepsTheNameOfALinkThatIsStillAwayWhenThatIsAllowed) {
+  const auto result = router.lumenctl(
+      {"upnp", "setup", "--internal", "br-lan", "--external", "ppp0", "--allow-missing"});
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(router.changes()[3], "[40,0] fe0005 00fe000a=false 08000001=3 08000002=1");
+}
+
+TEST_F(Setup, RefusesInterfacesThatAreNotThereBeforeItChangesAnything) {
+  router.hasLink("ppp0", 1);
+  router.link("ppp0").insert_u32(lumen::interfaces::key::index, 0);
+  const std::vector<std::pair<Lines, std::string>> missing = {
+      {{"--internal", "nosuch", "--external", "wan0"}, "'nosuch'"},
+      {{"--internal", "br-lan", "--external", "ppp0"}, "'ppp0'"},
+      {{"--internal", "br-lan", "nosuch", "--external", "ppp0"}, "'nosuch' and no 'ppp0'"},
+      {{"--internal", "nosuch", "--yes"}, "'nosuch'"},
+      {{"--external", "nosuch", "--yes"}, "'nosuch'"},
+  };
+  for (const auto& [roles, names] : missing) {
+    Lines arguments = {"upnp", "setup"};
+    arguments.insert(arguments.end(), roles.begin(), roles.end());
+    const auto result = router.lumenctl(arguments);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "lumenctl: there is no interface " + names +
+                              " now, only br-lan, wan0. Nothing was changed; --allow-missing sets "
+                              "up an interface that comes later\n");
+  }
+  EXPECT_EQ(router.changes(), Lines{});
 }
 
 TEST_F(Setup, LeavesTheOtherSettingsAsTheyAre) {
