@@ -66,7 +66,8 @@ class Router:
 
     def _answers(self):
         if self.lumend.poll() is not None:
-            raise AssertionError(f"lumend ended with {self.lumend.returncode}: {self.log()}")
+            said = f": {self.log()}" if self._log else "; what it said is above"
+            raise AssertionError(f"lumend ended with {self.lumend.returncode}{said}")
         with contextlib.suppress(CommandFailed):
             return self.lumenctl("identity")
 
