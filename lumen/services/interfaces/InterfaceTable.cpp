@@ -16,6 +16,9 @@ namespace {
 
 namespace key = interfaces::key;
 
+// Of a name that is refused; more of it would only fill the answer.
+constexpr size_t longestShownName = 32;
+
 lm::message refuse(const std::string& text) { return lm::errorMsg(lm::errorRefused, text); }
 
 lm::message notPermitted() { return refuse("not permitted"); }
@@ -123,7 +126,8 @@ lm::message InterfaceTable::set(const Caller& caller, uint32_t id, const lm::mes
 lm::message InterfaceTable::keep(const lm::message& request) {
   const std::string name = request.get_string(key::name);
   const uint32_t role = request.get_u32(key::role);
-  if (!KeptNames::isName(name)) return refuse("bad interface name");
+  if (!KeptNames::isName(name))
+    return refuse("bad interface name '" + name.substr(0, longestShownName) + "'");
   if (role != interfaces::roleExternal && role != interfaces::roleInternal) {
     return refuse("bad role");
   }

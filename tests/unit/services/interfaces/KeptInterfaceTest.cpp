@@ -135,9 +135,12 @@ TEST_F(KeptInterface, HasANameThatTheKernelWouldTake) {
       {"lo", "never listed"},
   };
   for (const auto& [name, reason] : bad) {
-    EXPECT_EQ(text(administratorKeeps(name, 1)), std::string(refused) + "bad interface name")
+    EXPECT_EQ(text(administratorKeeps(name, 1)),
+              std::string(refused) + "bad interface name '" + name + "'")
         << reason;
   }
+  EXPECT_EQ(text(administratorKeeps(std::string(100000, 'x'), 1)),
+            std::string(refused) + "bad interface name '" + std::string(32, 'x') + "'");
   for (const char* good : {"a", "fifteen-letters", "...", "wan0.7", "br-lan", "a@b"}) {
     EXPECT_NE(administratorKeeps(good, 1).get_u32(lm::key::objectId), 0U) << good;
   }
