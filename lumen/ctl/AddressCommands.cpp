@@ -38,7 +38,7 @@ void list(Session& session) {
 
 void addAddressCommands(CLI::App& app, Session& session) {
   CLI::App* group = app.add_subcommand("address", "the router's IPv4 addresses");
-  group->require_subcommand(1);
+  runWhenBare(*group, [&session] { list(session); });
   addExamples(*group, {{"address list", "show them"}});
   CLI::App* listing = group->add_subcommand("list", "show them");
   addExamples(*listing, {{"address list", "which address is on which interface"}});

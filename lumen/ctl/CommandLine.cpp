@@ -11,6 +11,7 @@
 #include "lumen/ctl/LogHint.h"
 #include "lumen/ctl/Session.h"
 #include "lumen/ctl/Text.h"
+#include "lumen/ctl/UsageErrors.h"
 
 namespace lumenctl {
 
@@ -26,8 +27,9 @@ int refused(std::ostream& err, const std::string& why) {
   return statusRefused;
 }
 
-int wrongUsage(std::ostream& err, const std::string& why) {
-  err << "lumenctl: " << printable(why) << "\nlumenctl --help tells how it is used.\n";
+int wrongUsage(std::ostream& err, const CLI::App& app, const WrongUsage& error) {
+  const std::string advice = error.advice().empty() ? usageAdvice(app) : error.advice();
+  err << "lumenctl: " << printable(error.what()) << '\n' << advice << '\n';
   return statusWrongUsage;
 }
 
@@ -51,7 +53,7 @@ int run(const std::vector<std::string>& arguments, const Connect& connect, Machi
                {"nat close 8080/tcp", "close a port"},
                {"nat list --json", "the open ports, for a program"}},
               "Exit status: 0 done; 1 refused, with the reason on standard error; 2 wrong usage.\n"
-              "COMMAND --help tells more of a command.");
+              "help COMMAND, and COMMAND --help, tell more of a command.");
 
   addStatusCommand(app, session);
   addUpnpCommands(app, session);
@@ -62,6 +64,7 @@ int run(const std::vector<std::string>& arguments, const Connect& connect, Machi
   addMonitorCommand(app, session);
   addServiceCommands(app, session);
   addIdentityCommand(app, session);
+  addHelpCommand(app, session);
 
   try {
     app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
@@ -72,9 +75,9 @@ int run(const std::vector<std::string>& arguments, const Connect& connect, Machi
     const int status = app.exit(asked, out, err);
     return out.flush() ? status : refused(err, cannotWrite);
   } catch (const CLI::ParseError& error) {
-    return wrongUsage(err, error.what());
+    return wrongUsage(err, app, explained(app, error));
   } catch (const WrongUsage& error) {
-    return wrongUsage(err, error.what());
+    return wrongUsage(err, app, error);
   } catch (const PlatformSilent& error) {
     session.finish();
     const int status = refused(err, error.what());

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <CLI/App.hpp>
+#include <functional>
 
 #include "lumen/ctl/Session.h"
 
@@ -19,5 +20,9 @@ void addServiceCommands(CLI::App& app, Session& session);
 void addHistoryCommands(CLI::App& app, Session& session);
 void addMonitorCommand(CLI::App& app, Session& session);
 void addIdentityCommand(CLI::App& app, Session& session);
+void addHelpCommand(CLI::App& app, Session& session);
+
+/// Lets a group of commands that is named alone do what its command "list" or "show" does.
+void runWhenBare(CLI::App& group, std::function<void()> shows);
 
 }  // namespace lumenctl

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <stdexcept>
+#include <string>
+#include <utility>
 
 namespace lumenctl {
 
@@ -16,10 +18,17 @@ class PlatformSilent : public Refused {
   using Refused::Refused;
 };
 
-/// The command line asks for something that makes no sense. Ends the program with status 2.
+/// The command line is wrong, whatever the state of the router. Ends the program with status 2.
 class WrongUsage : public std::runtime_error {
  public:
-  using std::runtime_error::runtime_error;
+  /// `advice` is a sentence that tells where to read on; empty: at the command's --help.
+  WrongUsage(const std::string& text, std::string advice = "")
+      : std::runtime_error(text), advice_(std::move(advice)) {}
+
+  [[nodiscard]] const std::string& advice() const { return advice_; }
+
+ private:
+  std::string advice_;
 };
 
 }  // namespace lumenctl

@@ -19,6 +19,19 @@ class HelpFormat : public CLI::Formatter {
     if (option->get_required() && option->nonpositional()) text += " (needed)";
     return text;
   }
+
+  /// What every command takes is listed with each of them, before its own commands.
+  [[nodiscard]] std::string make_subcommands(const CLI::App* app,
+                                             CLI::AppFormatMode mode) const override {
+    const std::string commands = CLI::Formatter::make_subcommands(app, mode);
+    const CLI::App* root = app;
+    while (root->get_parent() != nullptr) root = root->get_parent();
+    if (root == app) return commands;
+    const auto options = root->get_options([root](const CLI::Option* option) {
+      return option != root->get_help_ptr() && option != root->get_version_ptr();
+    });
+    return make_group("Options of every command", false, options) + commands;
+  }
 };
 
 }  // namespace

@@ -55,7 +55,7 @@ void forget(Session& session, const std::string& name) {
 
 void addInterfaceCommands(CLI::App& app, Session& session) {
   CLI::App* group = app.add_subcommand("interface", "the router's network interfaces");
-  group->require_subcommand(1);
+  runWhenBare(*group, [&session] { list(session); });
   addExamples(*group, {{"interface list", "show them"},
                        {"interface forget wan1", "wan1 is gone for good"}});
   CLI::App* listing = group->add_subcommand("list", "show them");

@@ -122,15 +122,12 @@ void addPolicy(CLI::App& group, Session& session) {
                         {"nat policy set max-rules-per-client=20", "change a part of it"},
                         {"nat policy reset", "forget such changes"},
                         {"nat policy reload", "after a change of the policy file"}});
-  policy->require_subcommand(0, 1);
+  runWhenBare(*policy, [&session] { showPolicy(session); });
 
   CLI::App* show = policy->add_subcommand("show", "show it");
   addExamples(*show,
               {{"nat policy show", "in a table"}, {"nat policy show --json", "for a program"}});
   show->callback([&session] { showPolicy(session); });
-  policy->callback([&session, policy] {
-    if (policy->get_subcommands().empty()) showPolicy(session);
-  });
 
   CLI::App* set = policy->add_subcommand("set", "set some of it, the rest stays as it is");
   addExamples(*set, {{"nat policy set external-ports=1024-65535", "no port below 1024"},
@@ -169,7 +166,7 @@ void addNatCommands(CLI::App& app, Session& session) {
   addExamples(*group, {{"nat list", "the open ports"},
                        {"nat close 8080/tcp", "close one of them"},
                        {"nat policy", "what programs may open"}});
-  group->require_subcommand(1);
+  runWhenBare(*group, [&session] { list(session); });
   CLI::App* listing = group->add_subcommand("list", "show them");
   addExamples(*listing, {{"nat list", "who opened them, how long ago, and how much they are used"},
                          {"nat list --json", "for a program"}});

@@ -38,7 +38,7 @@ void list(Session& session) {
 
 void addServiceCommands(CLI::App& app, Session& session) {
   CLI::App* group = app.add_subcommand("service", "the programs that the platform starts");
-  group->require_subcommand(1);
+  runWhenBare(*group, [&session] { list(session); });
   addExamples(*group, {{"service list", "show them"}});
   CLI::App* listing = group->add_subcommand("list", "show them");
   addExamples(*listing, {{"service list", "which of them run, and how often they crashed"}});

@@ -8,26 +8,13 @@
 #include "lumen/ctl/Commands.h"
 #include "lumen/ctl/Errors.h"
 #include "lumen/ctl/Help.h"
+#include "lumen/ctl/SettingTable.h"
 #include "lumen/ctl/Table.h"
 #include "lumen/ctl/Text.h"
 
 namespace lumenctl {
 
 namespace {
-
-struct Setting {
-  const char* name;
-  bool Settings::*value;
-  const char* meaning;
-};
-
-constexpr std::array<Setting, 3> settingTable = {{
-    {"enabled", &Settings::enabled, "the gateway works"},
-    {"allow-disable-external", &Settings::allowDisableExternal,
-     "programs on the LAN may take the external interface down and up"},
-    {"show-dummy-rule", &Settings::showDummyRule,
-     "an inactive entry is listed, for programs that refuse an empty list of ports"},
-}};
 
 std::vector<std::string> settingNames() {
   std::vector<std::string> names;
@@ -151,6 +138,12 @@ void addSettings(CLI::App& upnp, Session& session) {
   CLI::App* settings = upnp.add_subcommand("settings", "show or set the gateway's settings");
   addExamples(*settings, {{"upnp settings", "show them"},
                           {"upnp settings set enabled=off", "switch the gateway off"}});
+  runWhenBare(*settings, [&session] { showSettings(session); });
+  CLI::App* show = settings->add_subcommand("show", "show them");
+  addExamples(*show, {{"upnp settings show", "in a table"},
+                      {"upnp settings show --json", "for a program"}});
+  show->callback([&session] { showSettings(session); });
+
   CLI::App* set = settings->add_subcommand("set", "set some of them, the others stay as they are");
   addExamples(
       *set, {{"upnp settings set enabled=off", "switch the gateway off"},
@@ -163,9 +156,6 @@ void addSettings(CLI::App& upnp, Session& session) {
     session.changes = true;
     setSettings(session, *assignments);
   });
-  settings->callback([&session, set] {
-    if (!set->parsed()) showSettings(session);
-  });
 }
 
 void addInterfaces(CLI::App& upnp, Session& session) {
@@ -173,7 +163,7 @@ void addInterfaces(CLI::App& upnp, Session& session) {
   addExamples(*group, {{"upnp interface list", "show them"},
                        {"upnp interface add br-guest --role internal", "one more network at home"},
                        {"upnp interface remove br-guest", "not any more"}});
-  group->require_subcommand(1);
+  runWhenBare(*group, [&session] { listInterfaces(session); });
   CLI::App* listing = group->add_subcommand("list", "show them");
   addExamples(*listing, {{"upnp interface list", "with the role of each"}});
   listing->callback([&session] { listInterfaces(session); });

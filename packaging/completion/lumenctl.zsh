@@ -3,10 +3,10 @@
 
 # The commands below the command "$*".
 _lumenctl_commands() {
-  case "$*" in
-    '') echo status upnp interface address nat history undo monitor service identity ;;
+  case "${*#help }" in
+    '' | help) echo status upnp interface address nat history undo monitor service identity help ;;
     upnp) echo setup check settings interface ;;
-    'upnp settings') echo set ;;
+    'upnp settings') echo show set ;;
     'upnp interface') echo list add set remove ;;
     interface) echo list forget ;;
     address | service) echo list ;;

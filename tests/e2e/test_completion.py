@@ -128,6 +128,8 @@ class CompletionTest(unittest.TestCase):
         self.assertEqual(offered("lumenctl", "--json", "st"), {"status"})
         self.assertEqual(offered("lumenctl", "--root", "nat", ""), offered("lumenctl", ""))
         self.assertEqual(offered("lumenctl", "nat", "policy", "re"), {"reset", "reload"})
+        self.assertEqual(offered("lumenctl", "help", "st"), {"status"})
+        self.assertEqual(offered("lumenctl", "help", "nat", ""), {"list", "close", "policy"})
         roles = {"external", "internal"}
         for command in ("add", "set"):
             self.assertEqual(

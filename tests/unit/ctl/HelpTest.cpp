@@ -66,6 +66,19 @@ TEST_F(Help, SaysWhatAnArgumentTakesAndWhetherItIsNeeded) {
   EXPECT_NE(add.find("\n  --disable "), std::string::npos) << add;
 }
 
+TEST_F(Help, ListsTheOptionsOfEveryCommandWithEachOfThem) {
+  for (const std::string& help : helps) {
+    Words options = part(help, "Options of every command:");
+    if (options.empty()) options = part(help, "Options:");  // of the program itself
+    for (const char* option : {"--json", "--root"}) {
+      EXPECT_TRUE(std::ranges::any_of(
+          options, [&](const std::string& line) { return firstWord(line) == option; }))
+          << option << '\n'
+          << help;
+    }
+  }
+}
+
 TEST_F(Help, GivesExamplesOfEveryCommand) {
   for (size_t i = 0; i < helps.size(); ++i) {
     EXPECT_TRUE(std::ranges::any_of(part(helps[i], "Examples:"), [&](const std::string& line) {

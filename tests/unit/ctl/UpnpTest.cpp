@@ -36,6 +36,18 @@ TEST_F(Upnp, ShowsTheSettings) {
   EXPECT_EQ(router.requests(), Lines{"[40,0] fe000d"});
 }
 
+TEST_F(Upnp, ShowsTheSettingsByTheirOwnNameToo) {
+  for (const Lines& options : {Lines{}, Lines{"--json"}}) {
+    Lines bare = {"upnp", "settings"};
+    Lines show = {"upnp", "settings", "show"};
+    bare.insert(bare.end(), options.begin(), options.end());
+    show.insert(show.end(), options.begin(), options.end());
+    const auto result = router.lumenctl(show);
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(result.out, router.lumenctl(bare).out);
+  }
+}
+
 TEST_F(Upnp, ShowsTheSettingsInJson) {
   EXPECT_EQ(router.lumenctl({"upnp", "settings", "--json"}).out,
             "{\n  \"enabled\": true,\n  \"allow-disable-external\": true,\n"

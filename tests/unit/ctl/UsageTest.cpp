@@ -23,8 +23,9 @@ TEST_F(Usage, EndsWith2WhenTheArgumentsAreWrong) {
       {{"status", "--jsn"}, "no such option"},
       {{"status", "identity"}, "two commands"},
       {{"upnp"}, "half a command"},
-      {{"interface"}, "half a command"},
-      {{"upnp", "interface"}, "half a command"},
+      {{"interface", "lst"}, "no such command of a group that lists when it stands alone"},
+      {{"help", "statsu"}, "help of no command"},
+      {{"help", "nat", "list", "now"}, "help of no command"},
       {{"upnp", "setup", "--internal", "--external", "wan0"}, "no internal interface"},
       {{"upnp", "setup", "--internal", "a/b", "--external", "wan0"}, "no name of an interface"},
       {{"upnp", "setup", "--internal", "a b", "--external", "wan0"}, "no name of an interface"},
@@ -54,9 +55,57 @@ TEST_F(Usage, EndsWith2WhenTheArgumentsAreWrong) {
     EXPECT_EQ(result.status, 2) << reason;
     EXPECT_EQ(result.out, "") << reason;
     EXPECT_TRUE(result.err.starts_with("lumenctl: ")) << reason << ": " << result.err;
-    EXPECT_TRUE(result.err.ends_with("\nlumenctl --help tells how it is used.\n")) << result.err;
+    const std::string advice = result.err.substr(result.err.find('\n') + 1);
+    EXPECT_TRUE(advice.starts_with("lumenctl ")) << result.err;
+    EXPECT_TRUE(advice.ends_with(" --help tells how it is used.\n") ||
+                advice.ends_with(" --help lists the commands.\n"))
+        << result.err;
   }
   EXPECT_EQ(router.requests(), Lines{});
+}
+
+TEST_F(Usage, NamesTheWordThatItDidNotUnderstandAndTheLikelyOne) {
+  const std::string toldBy = " --help tells how it is used.\n";
+  const std::string listedBy = " --help lists the commands.\n";
+  const std::vector<std::pair<Lines, std::string>> wrong = {
+      {{"statsu"}, "there is no command 'statsu'; did you mean 'status'?\nlumenctl" + listedBy},
+      {{"frobnicate"}, "there is no command 'frobnicate'\nlumenctl" + listedBy},
+      {{"hist"}, "there is no command 'hist'; did you mean 'history'?\nlumenctl" + listedBy},
+      {{"setup", "--internal", "a"},
+       "there is no command 'setup'; did you mean 'lumenctl upnp setup'?\nlumenctl" + listedBy},
+      {{"list"}, "there is no command 'list'\nlumenctl" + listedBy},
+      {{"nat", "lst"},
+       "'lumenctl nat' has no command 'lst'; did you mean 'list'?\nlumenctl nat" + listedBy},
+      {{"nat", "policy", "shwo"},
+       "'lumenctl nat policy' has no command 'shwo'; did you mean 'show'?\nlumenctl nat policy" +
+           listedBy},
+      {{"help", "nat", "clsoe"},
+       "'lumenctl nat' has no command 'clsoe'; did you mean 'close'?\nlumenctl nat" + listedBy},
+      {{"status", "--wacth"},
+       "there is no option '--wacth'; did you mean '--watch'?\nlumenctl status" + toldBy},
+      {{"nat", "list", "--jsn=1"},
+       "there is no option '--jsn'; did you mean '--json'?\nlumenctl nat list" + toldBy},
+      {{"status", "now"}, "'now' is an argument too many\nlumenctl status" + toldBy},
+      {{"upnp"},
+       "a command is missing: setup, check, settings, interface\nlumenctl upnp" + listedBy},
+      {{"nat", "close"}, "port is required\nlumenctl nat close" + toldBy},
+      {{"nat", "close", "80"},
+       "a port is written like 8080/tcp or 5060/udp, not '80'\nlumenctl nat close" + toldBy},
+  };
+  for (const auto& [arguments, said] : wrong) {
+    const auto result = router.lumenctl(arguments);
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.err, "lumenctl: " + said);
+  }
+  EXPECT_EQ(router.requests(), Lines{});
+}
+
+TEST_F(Usage, SuggestsNothingForAWordOfAnyLength) {
+  for (const std::string& word : {std::string("s"), std::string(100000, 's')}) {
+    const auto result = router.lumenctl({word});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.err.find("did you mean"), std::string::npos);
+  }
 }
 
 TEST_F(Usage, ShowsWrongArgumentsEscaped) {
@@ -68,11 +117,39 @@ TEST_F(Usage, ShowsWrongArgumentsEscaped) {
 TEST_F(Usage, HelpsWithoutAPlatform) {
   router.cannotBeReached();
   for (const Lines& arguments :
-       {Lines{"--help"}, Lines{"upnp", "--help"}, Lines{"upnp", "setup", "--help"}}) {
+       {Lines{"--help"}, Lines{"upnp", "--help"}, Lines{"upnp", "setup", "--help"}, Lines{"help"},
+        Lines{"help", "upnp", "setup"}}) {
     const auto result = router.lumenctl(arguments);
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.err, "");
     EXPECT_NE(result.out.find("Usage:"), std::string::npos) << result.out;
+  }
+}
+
+TEST_F(Usage, HelpsTheSameWithTheCommandAndWithTheOption) {
+  EXPECT_EQ(router.lumenctl({"help"}).out, router.lumenctl({"--help"}).out);
+  EXPECT_EQ(router.lumenctl({"help", "nat"}).out, router.lumenctl({"nat", "--help"}).out);
+  EXPECT_EQ(router.lumenctl({"help", "nat", "policy", "set"}).out,
+            router.lumenctl({"nat", "policy", "set", "--help"}).out);
+}
+
+TEST_F(Usage, ListsWhenAGroupOfCommandsStandsAlone) {
+  router.hasLink("wan0", 1);
+  router.hasAddress("wan0", "45.45.45.1");
+  router.hasPort(8080, 6, "192.168.88.10", 80);
+  for (const Lines& group : {Lines{"interface"}, Lines{"address"}, Lines{"service"}, Lines{"nat"},
+                             Lines{"upnp", "interface"}}) {
+    Lines listing = group;
+    listing.emplace_back("list");
+    for (const bool json : {false, true}) {
+      Lines bare = group;
+      if (json) bare.emplace_back("--json");
+      if (json) listing.emplace_back("--json");
+      const auto result = router.lumenctl(bare);
+      EXPECT_EQ(result.status, 0) << result.err;
+      EXPECT_NE(result.out, "");
+      EXPECT_EQ(result.out, router.lumenctl(listing).out);
+    }
   }
 }
 
