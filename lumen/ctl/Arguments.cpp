@@ -40,16 +40,6 @@ bool parseSwitch(const std::string& what, const std::string& text) {
   throw WrongUsage(what + " is 'on' or 'off', not '" + text + "'");
 }
 
-uint32_t parseNumber(const std::string& what, const std::string& text) {
-  uint32_t number = 0;
-  const char* const last = text.data() + text.size();
-  const auto [end, error] = std::from_chars(text.data(), last, number);
-  if (error != std::errc() || end != last) {
-    throw WrongUsage(what + " is a number, not '" + text + "'");
-  }
-  return number;
-}
-
 std::vector<Assignment> parseAssignments(const std::vector<std::string>& texts,
                                          const std::vector<std::string>& names) {
   std::vector<Assignment> result;

@@ -19,9 +19,6 @@ namespace lumenctl {
 /// "on" or "off"; throws WrongUsage, which names `what`, for anything else.
 [[nodiscard]] bool parseSwitch(const std::string& what, const std::string& text);
 
-/// An unsigned decimal number; throws WrongUsage, which names `what`, for anything else.
-[[nodiscard]] uint32_t parseNumber(const std::string& what, const std::string& text);
-
 /// A port as the tables show it: "8080/tcp".
 struct Port {
   uint32_t number = 0;    ///< 1 to 65535

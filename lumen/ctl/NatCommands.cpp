@@ -10,6 +10,7 @@
 #include "lumen/ctl/Help.h"
 #include "lumen/ctl/Ports.h"
 #include "lumen/ctl/Text.h"
+#include "lumen/services/nat/Policy.h"
 
 namespace lumenctl {
 
@@ -30,38 +31,43 @@ void list(Session& session) {
 void close(Session& session, const std::string& text) {
   const Port port = parsePort(text);
   bool found = false;
+  bool closes = false;
   for (const NatRule& rule : session.router().rules()) {
     if (rule.externalPort != port.number || rule.protocol != port.protocol) continue;
     found = true;
     if (rule.closed) continue;
     session.router().closeRule(rule.id);
     session.done(text + ": closed");
+    closes = true;
   }
   if (!found) throw Refused("port " + text + " is not open");
+  if (!closes && !session.json) {
+    session.out() << text << ": already closed; listed until the program that opened it lets go\n";
+  }
 }
 
 struct Limit {
   const char* name;
   const char* meaning;
   std::string (*text)(const NatPolicy& policy);
-  void (*assign)(NatPolicyChange& change, const Assignment& assignment);
+  void (*assign)(NatPolicyChange& change, const lumen::Policy& wanted);
 };
 
 constexpr std::array<Limit, 4> policyTable = {{
     {"external-ports", "ports that may be opened",
      [](const NatPolicy& p) { return p.externalPorts; },
-     [](NatPolicyChange& c, const Assignment& a) { c.externalPorts = a.value; }},
+     [](NatPolicyChange& c, const lumen::Policy& p) { c.externalPorts = p.externalPorts.text(); }},
     {"internal-clients", "hosts that they may lead to",
      [](const NatPolicy& p) { return p.internalClients; },
-     [](NatPolicyChange& c, const Assignment& a) { c.internalClients = a.value; }},
+     [](NatPolicyChange& c, const lumen::Policy& p) {
+       c.internalClients = p.internalClients.text();
+     }},
     {"max-rules", "how many may be open at once",
      [](const NatPolicy& p) { return std::to_string(p.maxRules); },
-     [](NatPolicyChange& c, const Assignment& a) { c.maxRules = parseNumber(a.name, a.value); }},
+     [](NatPolicyChange& c, const lumen::Policy& p) { c.maxRules = p.maxRules; }},
     {"max-rules-per-client", "how many of them to one host",
      [](const NatPolicy& p) { return std::to_string(p.maxRulesPerClient); },
-     [](NatPolicyChange& c, const Assignment& a) {
-       c.maxRulesPerClient = parseNumber(a.name, a.value);
-     }},
+     [](NatPolicyChange& c, const lumen::Policy& p) { c.maxRulesPerClient = p.maxRulesPerClient; }},
 }};
 
 std::vector<std::string> policyNames() {
@@ -89,12 +95,17 @@ void showPolicy(Session& session) {
 
 void setPolicy(Session& session, const std::vector<std::string>& texts) {
   const std::vector<Assignment> assignments = parseAssignments(texts, policyNames());
+  lumen::Policy wanted;
+  for (const Assignment& assignment : assignments) {
+    // The platform would refuse it in the same words; wrong usage is found without it.
+    if (auto wrong = wanted.set(assignment.name, assignment.value)) throw WrongUsage(*wrong);
+  }
   NatPolicyChange change;
   for (const Assignment& assignment : assignments) {
     const auto* const limit =
         std::find_if(policyTable.begin(), policyTable.end(),
                      [&](const Limit& l) { return assignment.name == l.name; });
-    limit->assign(change, assignment);
+    limit->assign(change, wanted);
   }
   session.router().changePolicy(change);
   for (const Assignment& assignment : assignments) {

@@ -148,7 +148,12 @@ class LumenctlTest(RouterCase):
                  "Interface already added"),
                 (("upnp", "interface", "remove", "eth9"), 1, "there is no interface 'eth9'"),
                 (("nat", "close", "8080/tcp"), 1, "port 8080/tcp is not open"),
-                (("nat", "policy", "set", "external-ports=none"), 1, ""),
+                (("upnp", "interface", "add", "lo", "--role", "external"), 1,
+                 "bad interface name 'lo'"),
+                (("nat", "policy", "set", "external-ports=none"), 2,
+                 'external-ports: "none" is neither a port'),
+                (("nat", "policy", "set", "max-rules=99999999999"), 2,
+                 'max-rules: "99999999999" is not a number from 0 to 65536'),
                 (("nat", "close", "8080"), 2, "a port is written like 8080/tcp")):
             with self.subTest(arguments=arguments):
                 self.assertEqual(self.refused(*arguments)[0], status)
