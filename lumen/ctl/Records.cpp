@@ -134,13 +134,17 @@ Service::Service(const lm::message& record)
       restarts(record.get_u32(lumen::servicekey::restarts)),
       nextStart(record.get_u64(lumen::servicekey::nextStart)) {}
 
-GatewayObject::GatewayObject(const lm::message& record)
-    : id(record.get_u32(lm::key::objectId)),
-      disabled(record.get_bool(lm::key::disabled)),
-      interfaceId(record.get_u32(gatewaykey::interface)),
-      role(toRole(record.get_u32(gatewaykey::type))) {}
+GatewayObject::GatewayObject(const lm::message& record) : id(record.get_u32(lm::key::objectId)) {
+  apply(record);
+}
 
-Settings::Settings(const lm::message& record) {
+void GatewayObject::apply(const lm::message& record) {
+  disabled = record.get_bool(lm::key::disabled, disabled);
+  interfaceId = record.get_u32(gatewaykey::interface, interfaceId);
+  role = toRole(record.get_u32(gatewaykey::type, static_cast<uint32_t>(role)));
+}
+
+void Settings::apply(const lm::message& record) {
   enabled = record.get_bool(settingskey::enabled, enabled);
   allowDisableExternal = record.get_bool(settingskey::allowDisableExternal, allowDisableExternal);
   showDummyRule = record.get_bool(settingskey::showDummyRule, showDummyRule);

@@ -129,6 +129,8 @@ struct Service {
 struct GatewayObject {
   GatewayObject() = default;
   explicit GatewayObject(const lm::message& record);
+  /// Takes over the fields that `record` has.
+  void apply(const lm::message& record);
   [[nodiscard]] bool operator==(const GatewayObject&) const = default;
 
   uint32_t id = 0;
@@ -140,7 +142,9 @@ struct GatewayObject {
 /// The gateway's own settings.
 struct Settings {
   Settings() = default;
-  explicit Settings(const lm::message& record);
+  explicit Settings(const lm::message& record) { apply(record); }
+  /// Takes over the fields that `record` has.
+  void apply(const lm::message& record);
   [[nodiscard]] bool operator==(const Settings&) const = default;
 
   bool enabled = false;

@@ -51,7 +51,7 @@ class HistoryTest(RouterCase):
             self.assertEqual(change["service"], "upnp")
             self.assertLess(abs(change["time"] - time.time()), 60)
         lines = self.router.lumenctl("history").splitlines()
-        self.assertRegex(lines[0], r"^ID +WHEN +WHO +CHANGE$")
+        self.assertRegex(lines[0], r"^ID +WHEN +WHO +CHANGE +INTERFACE +SETTING +BEFORE +AFTER$")
         self.assertRegex(lines[1], r"^ *\d+  \d{4}-\d\d-\d\d \d\d:\d\d:\d\d  upnp +upnp config cha")
 
     def test_a_change_of_the_settings_is_taken_back(self):
@@ -64,6 +64,37 @@ class HistoryTest(RouterCase):
         self.assertEqual(self.undo(), f"undone: {CONFIG_CHANGED}\n")
         self.assertEqual(self.settings(), before)
         self.assertTrue(self.lists_dummy_rule())
+
+    def changed(self):
+        """What the changes changed, the newest first."""
+        return [[(d["interface"], d["setting"], d["before"], d["after"]) for d in change["changed"]]
+                for change in self.router.ask("history")]
+
+    def test_it_tells_what_an_undo_would_take_back(self):
+        def added(name, role):
+            return [(name, "role", "none", role), (name, "used", False, True)]
+
+        set_up = [[(None, "enabled", False, True)], added(WAN_LINK, "external"),
+                  added(LAN_BRIDGE, "internal")]
+        self.assertEqual(self.changed(), set_up)
+        self.router.lumenctl("upnp", "interface", "set", LAN_BRIDGE, "--disable")
+        disabled = [(LAN_BRIDGE, "used", True, False)]
+        self.assertEqual(self.changed(), [disabled, *set_up])
+        for _ in range(2):
+            self.undo()
+            self.assertEqual(self.changed(), [[(LAN_BRIDGE, "used", False, True)], *set_up])
+            self.undo()
+            self.assertEqual(self.changed(), [disabled, *set_up])
+        self.router.lumenctl("upnp", "settings", "set", "enabled=off")
+        self.wait_until(lambda: self.router.gateway_pid() == 0, "the gateway has ended")
+        off = [(None, "enabled", True, False)]
+        self.assertEqual(self.changed(), [off, disabled, *set_up])
+        lines = self.router.lumenctl("history").splitlines()
+        self.assertRegex(lines[1], r"upnp config changed {6,}enabled +on +off$")
+        self.assertRegex(lines[2], rf"upnp interface changed +{LAN_BRIDGE} +used +yes +no$")
+        self.router.lumenctl("upnp", "interface", "remove", WAN_LINK)
+        self.assertEqual(self.changed()[0],
+                         [(WAN_LINK, "role", "external", "none"), (WAN_LINK, "used", True, False)])
 
     def test_a_gateway_that_was_switched_off_serves_again(self):
         self.router.lumenctl("upnp", "settings", "set", "enabled=off")
