@@ -86,16 +86,14 @@ class FreshMachine:
 
     def unused(self, packages, since):
         """Those of the packages of which no file was read since then, documents aside. A package
-        without files stands for those that it depends on."""
+        stands for those that it depends on and gave its name to, as python3 for python3-minimal."""
         return [package for package in packages if not self._used(package, since)]
 
     def _used(self, package, since):
-        files = self._files(package)
-        if not files:
-            depends = self._ask("dpkg-query", "-W", "-f", "${Depends}", package)
-            needed = re.findall(r"(?:^|, )([a-z0-9.+-]+)", depends)
-            files = [path for name in needed for path in self._files(name)]
-        return any(os.lstat(path).st_atime > since for path in files)
+        depends = self._ask("dpkg-query", "-W", "-f", "${Depends}", package)
+        parts = re.findall(rf"(?:^|, )({re.escape(package)}[a-z0-9.+-]*)", depends)
+        return any(os.lstat(path).st_atime > since
+                   for name in (package, *parts) for path in self._files(name))
 
     def _files(self, package):
         listed = self._ask("dpkg-query", "-L", package).splitlines()
