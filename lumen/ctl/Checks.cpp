@@ -10,7 +10,8 @@ Findings findProblems(const Observation& seen) {
                                checkForwarding(seen.forwards, seen.interfaces),
                                checkFirewall(seen.chains.value_or(std::vector<ForwardChain>())),
                                checkBridgedTraffic(seen.bridgedIsFiltered, seen.interfaces),
-                               checkPortUsers(seen.portUsers), checkStalePorts(seen.rules)}) {
+                               checkPortUsers(seen.portUsers), checkSockets(seen.interfaces),
+                               checkStalePorts(seen.rules)}) {
     all.insert(all.end(), some.begin(), some.end());
   }
   return all;

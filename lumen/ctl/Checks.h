@@ -16,6 +16,7 @@ namespace lumenctl {
 [[nodiscard]] Findings checkPlatform(const Observation& seen);
 [[nodiscard]] Findings checkGateway(const Observation& seen);
 [[nodiscard]] Findings checkLinks(const std::vector<UsedInterface>& interfaces);
+[[nodiscard]] Findings checkSockets(const std::vector<UsedInterface>& interfaces);
 [[nodiscard]] Findings checkExternalAddress(const std::vector<UsedInterface>& interfaces);
 [[nodiscard]] Findings checkStalePorts(const std::vector<NatRule>& rules);
 

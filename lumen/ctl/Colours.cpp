@@ -38,7 +38,7 @@ std::string coloured(std::string_view text, Colour colour) {
 }
 
 Colour colourOfState(std::string_view state) {
-  constexpr std::array<std::pair<std::string_view, Colour>, 17> words = {{
+  constexpr std::array<std::pair<std::string_view, Colour>, 18> words = {{
       {"on", Colour::good},
       {"running", Colour::good},
       {"open", Colour::good},
@@ -56,6 +56,7 @@ Colour colourOfState(std::string_view state) {
       {"crashed", Colour::bad},
       {"not answering", Colour::bad},
       {"not installed", Colour::bad},
+      {"not reachable", Colour::bad},
   }};
   const auto* const it =
       std::find_if(words.begin(), words.end(), [&](const auto& w) { return w.first == state; });

@@ -136,6 +136,20 @@ Findings checkLinks(const std::vector<UsedInterface>& interfaces) {
   return findings;
 }
 
+Findings checkSockets(const std::vector<UsedInterface>& interfaces) {
+  Findings findings;
+  for (const UsedInterface& interface : interfaces) {
+    if (interface.silentPorts.empty()) continue;
+    findings.push_back({"gateway-not-listening",
+                        "The gateway does not listen at " + joined(interface.silentPorts) + " on " +
+                            interface.name + ".",
+                        "Its hosts cannot reach the gateway, which tries to listen only when it "
+                        "starts there (journalctl -t palinode-igd tells why it could not).",
+                        "lumenctl upnp interface set " + interface.name + " --enable"});
+  }
+  return findings;
+}
+
 Findings checkExternalAddress(const std::vector<UsedInterface>& interfaces) {
   Findings findings;
   for (const UsedInterface& interface : interfaces) {

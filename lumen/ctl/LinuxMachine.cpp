@@ -81,6 +81,8 @@ Process LinuxMachine::ownerOf(uint64_t inode) {
   return {};
 }
 
+SocketLinks LinuxMachine::socketLinks() { return readSocketLinks(); }
+
 std::optional<std::vector<ForwardChain>> LinuxMachine::forwardChains() {
   return readForwardChains();
 }

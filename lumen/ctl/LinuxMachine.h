@@ -17,6 +17,7 @@ class LinuxMachine : public Machine {
   [[nodiscard]] bool isBridge(const std::string& link) override;
   [[nodiscard]] bool carriesMulticast(const std::string& link) override;
   [[nodiscard]] Process ownerOf(uint64_t inode) override;
+  [[nodiscard]] SocketLinks socketLinks() override;
   [[nodiscard]] std::optional<std::vector<ForwardChain>> forwardChains() override;
   [[nodiscard]] bool hasTerminal() override;
   [[nodiscard]] bool showsColours() override;

@@ -8,6 +8,7 @@
 
 #include "lumen/ctl/PacketFilter.h"
 #include "lumen/ctl/Screen.h"
+#include "lumen/ctl/SocketLinks.h"
 
 namespace lumenctl {
 
@@ -32,6 +33,8 @@ class Machine {
   [[nodiscard]] virtual bool carriesMulticast(const std::string& link) = 0;
   /// Who has the socket of this inode open.
   [[nodiscard]] virtual Process ownerOf(uint64_t inode) = 0;
+  /// The links that listening IPv4 sockets are bound to; see readSocketLinks().
+  [[nodiscard]] virtual SocketLinks socketLinks() = 0;
   /// What all firewalls together do to forwarded packets. None when it cannot be read, which needs
   /// CAP_NET_ADMIN.
   [[nodiscard]] virtual std::optional<std::vector<ForwardChain>> forwardChains() = 0;

@@ -26,7 +26,9 @@ struct UsedInterface {
   std::string state;                ///< Interface::state()
   std::vector<uint32_t> addresses;  ///< IPv4, in network byte order
   bool bridge = false;
-  bool multicast = true;         ///< the link may carry it
+  bool multicast = true;  ///< the link may carry it
+  /// The ports that the gateway should listen at there and does not: "2828/tcp".
+  std::vector<std::string> silentPorts;
   std::optional<bool> forwards;  ///< packets that arrive there; none: not known
 };
 

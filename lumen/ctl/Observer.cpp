@@ -5,9 +5,9 @@
 #include <algorithm>
 #include <array>
 #include <map>
-#include <sstream>
 
 #include "lumen/ctl/Errors.h"
+#include "lumen/ctl/GatewaySockets.h"
 #include "lumen/ctl/LogHint.h"
 #include "lumen/ctl/Machine.h"
 #include "lumen/ctl/RouteTable.h"
@@ -63,11 +63,14 @@ Role roleOf(const Interface& interface, const std::optional<Objects>& objects) {
 void readPlatform(Session& session, Observation& seen) {
   Router& router = session.router();
   Machine& machine = session.machine();
-  std::optional<Objects> objects;
-  seen.gateway = readGateway(router, objects);
   seen.rules = router.rules();
   const std::vector<Address> addresses = router.addresses();
-  for (const Interface& interface : router.interfaces()) {
+  const std::vector<Interface> interfaces = router.interfaces();
+  // Asked after these, and looked at after its answer, the gateway has heard of them.
+  std::optional<Objects> objects;
+  seen.gateway = readGateway(router, objects);
+  const GatewaySockets sockets(machine, seen.gateway.process);
+  for (const Interface& interface : interfaces) {
     UsedInterface used;
     used.role = roleOf(interface, objects);
     if (used.role == Role::none) continue;
@@ -79,21 +82,12 @@ void readPlatform(Session& session, Observation& seen) {
     const bool present = interface.index != 0;
     used.bridge = present && machine.isBridge(interface.name);
     used.multicast = !present || machine.carriesMulticast(interface.name);
+    const bool served = seen.gateway.kind == GatewayState::Kind::on && interface.running &&
+                        used.role == Role::internal && !used.addresses.empty();
+    if (served) used.silentPorts = sockets.missingOn(interface.index);
     used.forwards = readSwitch(machine, "ipv4/conf/" + interface.name + "/forwarding");
     seen.interfaces.push_back(std::move(used));
   }
-}
-
-/// The user that a process runs as; none when it is not there.
-std::optional<uint32_t> userOf(Machine& machine, uint32_t process) {
-  const auto text = machine.read("/proc/" + std::to_string(process) + "/status");
-  const size_t field = text ? text->find("\nUid:") : std::string::npos;
-  if (field == std::string::npos) return std::nullopt;
-  std::istringstream numbers(text->substr(field + 5));
-  uint32_t real = 0;
-  uint32_t effective = 0;
-  if (!(numbers >> real >> effective)) return std::nullopt;
-  return effective;
 }
 
 std::vector<PortUser> readPortUsers(Machine& machine, uint32_t gateway) {

@@ -15,17 +15,18 @@ namespace {
 
 struct Gateway {
   std::string state;
-  std::string detail;
+  std::string detail = {};
+  uint32_t process = 0;
   /// What it uses, by interface id; none when it did not say.
-  std::optional<std::map<uint32_t, GatewayObject>> objects;
+  std::optional<std::map<uint32_t, GatewayObject>> objects = {};
 };
 
 Gateway notRunning(const Service& service) {
-  if (service.state == lumen::servicestate::starting) return {"starting", {}, {}};
+  if (service.state == lumen::servicestate::starting) return {"starting", {}};
   if (service.state == lumen::servicestate::waiting) {
-    return {"crashed", "starts again in " + duration((service.nextStart + 999) / 1000), {}};
+    return {"crashed", "starts again in " + duration((service.nextStart + 999) / 1000)};
   }
-  return {"off", {}, {}};
+  return {"off", {}};
 }
 
 /// A request would start a gateway that is switched off, so it is asked only while it runs.
@@ -34,19 +35,20 @@ Gateway readGateway(Router& router) {
   const auto it = std::find_if(services.begin(), services.end(), [](const Service& service) {
     return service.number == Router::gatewayService;
   });
-  if (it == services.end()) return {"not installed", {}, {}};
+  if (it == services.end()) return {"not installed", {}};
   if (it->state != lumen::servicestate::running) return notRunning(*it);
   try {
     Gateway gateway;
     gateway.state = onOrOff(router.settings().enabled);
     gateway.detail = "process " + std::to_string(it->pid);
+    gateway.process = it->pid;
     gateway.objects.emplace();
     for (const GatewayObject& object : router.gatewayObjects()) {
       gateway.objects->emplace(object.interfaceId, object);
     }
     return gateway;
   } catch (const Refused& refused) {
-    return {"not answering", refused.what(), {}};
+    return {"not answering", refused.what()};
   }
 }
 
@@ -66,16 +68,43 @@ std::string Status::Use::role() const {
   return roleName(object.role) + (object.disabled ? ", not used" : "");
 }
 
-Status::Status(Router& router) {
+bool Status::Use::shouldServe() const {
+  return object.role == Role::internal && !object.disabled && interface.running &&
+         !addresses.empty();
+}
+
+Status::Status(Router& router, Machine& machine) {
+  const std::vector<Address> addresses = router.addresses();
+  rules = router.rules();
+  const std::vector<Interface> all = router.interfaces();
+  // Asked after these, and looked at after its answer, the gateway has heard of them.
   const Gateway answer = readGateway(router);
   gateway = answer.state;
   detail = answer.detail;
-  const std::vector<Address> addresses = router.addresses();
-  rules = router.rules();
-  for (const Interface& interface : router.interfaces()) {
+  for (const Interface& interface : all) {
     const GatewayObject object = useOf(interface, answer);
     if (object.role == Role::none) continue;
     interfaces.push_back({interface, object, addressesOf(interface.id, addresses)});
+  }
+  if (gateway == onOrOff(true)) lookFor(GatewaySockets(machine, answer.process));
+}
+
+void Status::lookFor(const GatewaySockets& sockets) {
+  bool reachable = false;
+  std::vector<std::string> silent;
+  for (const Use& use : interfaces) {
+    if (!use.shouldServe()) continue;
+    if (sockets.missingOn(use.interface.index).empty()) {
+      reachable = true;
+    } else {
+      silent.push_back(use.interface.name);
+    }
+  }
+  if (!reachable) {
+    gateway = "not reachable";
+    detail += "; lumenctl upnp check tells why";
+  } else if (!silent.empty()) {
+    detail += "; not reachable on " + joined(silent) + ", lumenctl upnp check tells why";
   }
 }
 

@@ -3,6 +3,8 @@
 #include <string>
 #include <vector>
 
+#include "lumen/ctl/GatewaySockets.h"
+#include "lumen/ctl/Machine.h"
 #include "lumen/ctl/Router.h"
 #include "lumen/ctl/Session.h"
 
@@ -18,11 +20,13 @@ struct Status {
     std::vector<std::string> addresses;  ///< dotted
 
     [[nodiscard]] std::string role() const;  ///< in words
+    /// Whether a gateway that is switched on has sockets there.
+    [[nodiscard]] bool shouldServe() const;
   };
 
   Status() = default;
   /// Never starts a gateway that does not run.
-  explicit Status(Router& router);
+  Status(Router& router, Machine& machine);
 
   /// An object of the state, the interfaces and the ports.
   [[nodiscard]] Json json() const;
@@ -31,6 +35,11 @@ struct Status {
   std::string detail;   ///< what else people want to know of it; may be empty
   std::vector<Use> interfaces;
   std::vector<NatRule> rules;
+
+ private:
+  /// Says so of a gateway that is switched on and that no host of some or any internal interface
+  /// can reach.
+  void lookFor(const GatewaySockets& sockets);
 };
 
 /// What people read where there is no interface, and no open port.

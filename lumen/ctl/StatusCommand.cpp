@@ -59,7 +59,7 @@ void watch(Session& session, Screen& screen) {
   std::map<uint32_t, Traffic> traffic;
   Screen::Event event = Screen::Event::timeOver;
   while (event != Screen::Event::end) {
-    const Status status(session.router());
+    const Status status(session.router(), session.machine());
     addTraffic(session.router(), status, traffic);
     do {
       screen.draw(picture(status, traffic,
@@ -74,7 +74,7 @@ void watch(Session& session, Screen& screen) {
 /// Where there is no screen.
 void repeat(Session& session) {
   while (true) {
-    const Status status(session.router());
+    const Status status(session.router(), session.machine());
     if (session.json) {
       session.printLine(status.json());
     } else {
@@ -98,7 +98,7 @@ void run(Session& session, bool again) {
     }
     return;
   }
-  const Status status(session.router());
+  const Status status(session.router(), session.machine());
   if (session.json) {
     session.print(status.json());
   } else {

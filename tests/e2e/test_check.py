@@ -9,14 +9,20 @@ import time
 import unittest
 
 from support.administrator import run_inside
-from support.network import (BRIDGE_FILTER, LAN_BRIDGE, WAN_ADDRESS, WAN_HOST, WAN_LINK,
-                             exchange_tcp)
+from support.network import (BRIDGE_FILTER, LAN_ADDRESS, LAN_BRIDGE, WAN_ADDRESS, WAN_HOST,
+                             WAN_LINK, exchange_tcp)
 from support.router import PROGRAMS
 from support.router_case import RouterCase
 
 NOBODY = 65534
 ALL_IS_WELL = "Nothing is wrong.\n"
 DNAT = "-m conntrack --ctstate DNAT -j ACCEPT"
+
+NOT_LISTENING = (
+    f"The gateway does not listen at 2828/tcp on {LAN_BRIDGE}.",
+    "Its hosts cannot reach the gateway, which tries to listen only when it starts there "
+    "(journalctl -t palinode-igd tells why it could not).",
+    f"lumenctl upnp interface set {LAN_BRIDGE} --enable")
 
 
 def finding(what, why, mend, number=1):
@@ -297,11 +303,69 @@ class CheckTest(CheckCase):
                 self.wait_until(lambda: self.router.gateway_pid() == 0, "the gateway has ended")
                 sock = self.listen(kind, int(port.split("/")[0]))
                 self.router.lumenctl("upnp", "settings", "set", "enabled=on")
-                self.assert_found(f"{this} uses port {port}, which the gateway needs.", why,
-                                  f"stop it: systemctl status {os.getpid()} tells what started "
-                                  "it")
+                expected = finding(f"{this} uses port {port}, which the gateway needs.", why,
+                                   f"stop it: systemctl status {os.getpid()} tells what started "
+                                   "it")
+                if kind == socket.SOCK_STREAM:
+                    expected += finding(*NOT_LISTENING, number=2)
+                self.assertEqual(self.last_of_checks(expected), expected)
                 sock.close()
+                if kind == socket.SOCK_STREAM:
+                    self.assert_found(*NOT_LISTENING)
+                    self.router.lumenctl(*NOT_LISTENING[2].split()[1:])
                 self.assert_well()
+
+    def test_a_gateway_that_found_its_port_taken_listens_again_by_the_command_that_is_named(self):
+        self.lan[0].open_port(8080, "TCP")
+        self.router.stop()
+        sock = self.listen(socket.SOCK_STREAM, 2828)
+        self.router.start()
+        self.wait_until(lambda: "tcp bind: Address already in use" in self.router.log(),
+                        "the gateway misses its port")
+        sock.close()
+        self.assert_found(*NOT_LISTENING)
+        for where in ("outside", "inside"):
+            printed = (self.router.lumenctl("status") if where == "outside" else
+                       run_inside(self.router, "status")[1])
+            self.assertRegex(printed, r"\AGateway: not reachable \(process \d+; lumenctl upnp check "
+                             r"tells why\)\n")
+        self.assertEqual(self.router.status()["gateway"], "not reachable")
+        with self.assertRaises(ConnectionRefusedError):
+            self.lan[0].connect(LAN_ADDRESS, 2828)
+        self.router.lumenctl(*NOT_LISTENING[2].split()[1:])
+        self.assert_well()
+        self.assertEqual(self.router.status()["gateway"], "on")
+        self.lan[0].open_port(8081, "TCP")
+
+    def test_the_command_that_makes_the_gateway_listen_leaves_ports_open(self):
+        self.lan[0].open_port(8080, "TCP")
+        self.router.lumenctl(*NOT_LISTENING[2].split()[1:])
+        self.assertEqual(list(self.router.ports()), ["8080/tcp"])
+        exchange_tcp(self.wan, WAN_ADDRESS, 8080, self.lan[0], 8080)
+
+    def test_a_gateway_that_listens_on_one_of_two_networks(self):
+        self.ip("link", "add", "br-guest", "type", "bridge")
+        self.ip("link", "add", "guest0", "type", "veth", "peer", "name", "guest1")
+        self.ip("link", "set", "guest0", "master", "br-guest", "up")
+        self.ip("link", "set", "guest1", "up")
+        self.ip("link", "set", "br-guest", "up")
+        self.ip("address", "add", "192.168.99.1/24", "dev", "br-guest")
+        taken = self.network.router.socket(socket.SOCK_STREAM)
+        self.addCleanup(taken.close)
+        taken.setsockopt(socket.SOL_SOCKET, socket.SO_BINDTODEVICE, b"br-guest\0")
+        taken.bind(("", 2828))
+        taken.listen()
+        self.router.lumenctl("upnp", "interface", "add", "br-guest", "--role", "internal")
+        self.wait_until(lambda: "tcp bind: Address already in use" in self.router.log(),
+                        "the gateway misses its port")
+        taken.close()
+        mend = "lumenctl upnp interface set br-guest --enable"
+        self.assert_found(NOT_LISTENING[0].replace(LAN_BRIDGE, "br-guest"), NOT_LISTENING[1], mend)
+        self.assertRegex(run_inside(self.router, "status")[1],
+                         r"\AGateway: on \(process \d+; not reachable on br-guest, lumenctl upnp "
+                         r"check tells why\)\n")
+        self.router.lumenctl(*mend.split()[1:])
+        self.assert_well()
 
     def test_somebody_without_rights_is_told_so(self):
         # Opened before the rights are gone: the program may lie where nobody else may look.

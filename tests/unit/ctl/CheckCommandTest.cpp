@@ -57,6 +57,19 @@ struct CheckCommand : testing::Test {
     }
     return ids;
   }
+  /// The gateway's sockets at port 1900/udp and 2828/tcp, by inode.
+  void listensAt(const std::vector<uint32_t>& udp, const std::vector<uint32_t>& tcp) {
+    std::string udpTable;
+    std::string tcpTable;
+    for (const uint32_t inode : udp) udpTable += socketLine("076C", "07", 64040, inode);
+    for (const uint32_t inode : tcp) tcpTable += socketLine("0B0C", "0A", 64040, inode);
+    writes("/proc/4711/status", "Name:\tpalinode-igd\nUid:\t64040\t64040\t64040\t64040\n");
+    writes("/proc/4711/net/udp", udpTable);
+    writes("/proc/4711/net/tcp", tcpTable);
+  }
+  uint32_t indexOf(const std::string& link) {
+    return router.link(link).get_u32(lumen::interfaces::key::index);
+  }
   void writes(const std::string& file, const std::string& text) {
     router.machine().files[file] = text;
   }
@@ -215,6 +228,65 @@ TEST_F(CheckCommand, DoesNotTakeTheGatewayForAnotherProgramWhenThePlatformRefuse
   writes("/proc/net/tcp", socketLine("0B0C", "0A", 64040, 1));
   router.refuses({0}, lumen::brokercmd::services, "not permitted");
   EXPECT_EQ(found(), Lines{"platform-refuses"});
+}
+
+TEST_F(CheckCommand, FindsAGatewayThatDoesNotListen) {
+  listensAt({1}, {2});
+  EXPECT_EQ(found(), Lines{});
+  listensAt({1}, {});
+  EXPECT_EQ(
+      check().out,
+      "1. The gateway does not listen at 2828/tcp on br-lan.\n"
+      "   Its hosts cannot reach the gateway, which tries to listen only when it starts there "
+      "(journalctl -t palinode-igd tells why it could not).\n"
+      "   Mend it: lumenctl upnp interface set br-lan --enable\n\n");
+  listensAt({}, {});
+  EXPECT_NE(check().out.find("does not listen at 1900/udp, 2828/tcp on br-lan."),
+            std::string::npos);
+}
+
+TEST_F(CheckCommand, TakesOnlyTheSocketsOfTheGateway) {
+  listensAt({1}, {2});
+  writes("/proc/4711/net/tcp", socketLine("0B0C", "0A", 7, 2) + socketLine("0B0D", "0A", 64040, 3) +
+                                   socketLine("0B0C", "01", 64040, 4));
+  EXPECT_EQ(found(), Lines{"gateway-not-listening"})
+      << "of another user, at another port, a connection";
+}
+
+TEST_F(CheckCommand, LooksForTheGatewaysSocketsOnEachInternalInterface) {
+  router.hasLink("br-guest", 2);
+  router.gatewayUses("br-guest", 2);
+  router.hasAddress("br-guest", "192.168.99.1");
+  listensAt({1, 2}, {3});
+  router.machine().links = {{1, indexOf("br-lan")}, {2, indexOf("br-guest")}};
+  router.machine().links[3] = indexOf("br-lan");
+  const std::string text = check().out;
+  EXPECT_NE(text.find("1. The gateway does not listen at 2828/tcp on br-guest."),
+            std::string::npos);
+  EXPECT_EQ(text.find("\n2. "), std::string::npos);
+  router.machine().links[3] = 99;
+  EXPECT_EQ(found(), (Lines{"gateway-not-listening", "gateway-not-listening"}))
+      << "a link that has been made again";
+  router.machine().links.clear();
+  EXPECT_EQ(found(), Lines{}) << "the links of sockets cannot be seen";
+}
+
+TEST_F(CheckCommand, MissesNoSocketWhereTheGatewayHasNothingToServe) {
+  listensAt({}, {});
+  router.link("br-lan").insert_bool(lumen::interfaces::key::running, false);
+  EXPECT_EQ(found(), Lines{"interface-no-link"});
+  router.link("br-lan").insert_bool(lumen::interfaces::key::running, true);
+  router.settings().insert_bool(1, false);
+  EXPECT_EQ(found(), Lines{"gateway-off"});
+}
+
+TEST_F(CheckCommand, MissesNoSocketThatItCannotSee) {
+  listensAt({}, {});
+  router.machine().files.erase("/proc/4711/net/udp");
+  EXPECT_EQ(found(), Lines{});
+  listensAt({}, {});
+  router.machine().files.erase("/proc/4711/status");
+  EXPECT_EQ(found(), Lines{});
 }
 
 TEST_F(CheckCommand, ShowsAProgramsNameEscaped) {

@@ -44,7 +44,9 @@ TEST(Colours, TellGoodStatesFromBadOnes) {
   const std::pair<Colour, std::vector<const char*>> states[] = {
       {Colour::good, {"on", "running", "open", "in use"}},
       {Colour::warning, {"starting", "leaving", "off", "down", "disabled", "closed", "stale"}},
-      {Colour::bad, {"away", "no link", "waiting", "crashed", "not answering", "not installed"}},
+      {Colour::bad,
+       {"away", "no link", "waiting", "crashed", "not answering", "not installed",
+        "not reachable"}},
       {Colour::none, {"stopped", "unknown", ""}},
   };
   for (const auto& [colour, words] : states) {
@@ -56,6 +58,7 @@ struct ColouredRouter : testing::Test {
   ColouredRouter() {
     router.machine().colours = true;
     router.hasLink("br-lan", 2);
+    router.hasAddress("br-lan", "192.168.88.1");
     router.gatewayUses("br-lan", 2);
     router.hasPort(8080, 6, "192.168.88.10", 80);
     router.hasPort(8081, 6, "192.168.88.10", 80);

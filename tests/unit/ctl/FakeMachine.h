@@ -29,6 +29,7 @@ struct FakeMachine : Machine {
     const auto it = owners.find(inode);
     return it == owners.end() ? Process{} : it->second;
   }
+  SocketLinks socketLinks() override { return links; }
   std::optional<std::vector<ForwardChain>> forwardChains() override { return chains; }
   bool hasTerminal() override { return terminal; }
   bool showsColours() override { return colours; }
@@ -51,6 +52,7 @@ struct FakeMachine : Machine {
   std::set<std::string> bridges;
   std::set<std::string> unicastOnly;
   std::map<uint64_t, Process> owners;  ///< of sockets, by inode
+  SocketLinks links;                   ///< of sockets, by inode
   std::optional<std::vector<ForwardChain>> chains;
   bool terminal = false;
   bool colours = false;

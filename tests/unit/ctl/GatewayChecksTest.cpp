@@ -57,12 +57,14 @@ TEST(Check, FindsAllThatIsWrongInTheOrderOfMending) {
   seen.chains->push_back({});
   seen.chains->back().dropsAtEnd = true;
   seen.portUsers.push_back({2828, IPPROTO_TCP, 7, "httpd"});
+  seen.interfaces[0].silentPorts = {"2828/tcp"};
   seen.rules.emplace_back(lm::message());
   seen.rules.back().stale = true;
-  EXPECT_EQ(idsOf(findProblems(seen)),
-            (Ids{"kernel-too-old", "gateway-off", "interface-down", "external-address-private",
-                 "no-default-route", "no-forwarding-on-interface", "firewall-drops",
-                 "bridged-traffic-filtered", "port-in-use", "stale-ports"}));
+  EXPECT_EQ(
+      idsOf(findProblems(seen)),
+      (Ids{"kernel-too-old", "gateway-off", "interface-down", "external-address-private",
+           "no-default-route", "no-forwarding-on-interface", "firewall-drops",
+           "bridged-traffic-filtered", "port-in-use", "gateway-not-listening", "stale-ports"}));
 }
 
 TEST(Check, SaysThatTheFirewallWasNotChecked) {

@@ -2,13 +2,16 @@
 
 #include <algorithm>
 #include <deque>
+#include <iomanip>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "ctl/FakePlatform.h"
 #include "lumen/services/broker/BrokerKeys.h"
+#include "lumen/services/interfaces/InterfaceKeys.h"
 #include "platform/Keys.h"
 
 namespace lumenctl {
@@ -32,6 +35,18 @@ struct Status : testing::Test {
     const auto result = router.lumenctl({"status"});
     EXPECT_EQ(result.status, 0) << result.err;
     return result.out.substr(0, result.out.find('\n'));
+  }
+  /// The gateway has a socket at each of these ports, with the inodes 1 and 2.
+  void gatewayListensAt(int udp, int tcp) {
+    const auto line = [](int port, const char* state, int inode) {
+      std::ostringstream text;
+      text << " 1: 00000000:" << std::hex << std::uppercase << std::setw(4) << std::setfill('0')
+           << port << " 00000000:0000 " << state << " 0:0 0:0 0 64040 0 " << inode << " 2\n";
+      return text.str();
+    };
+    router.machine().files = {{"/proc/4711/status", "Name:\tx\nUid:\t64040\t64040\t0\t0\n"},
+                              {"/proc/4711/net/udp", line(udp, "07", 1)},
+                              {"/proc/4711/net/tcp", line(tcp, "0A", 2)}};
   }
   FakePlatform router;
 };
@@ -108,6 +123,31 @@ TEST_F(Status, ShowsTheRestWhenTheGatewayDoesNotAnswer) {
   EXPECT_TRUE(result.out.starts_with("Gateway: not answering (timed out)\n"));
   EXPECT_NE(result.out.find("wan0       external"), std::string::npos);
   EXPECT_NE(result.out.find("8080/tcp"), std::string::npos);
+}
+
+TEST_F(Status, DoesNotCallAGatewayOnThatNoHostCanReach) {
+  gatewayListensAt(1900, 2828);
+  EXPECT_EQ(firstLine(), "Gateway: on (process 4711)");
+  for (const auto& [udp, tcp] : {std::pair(1900, 0), std::pair(0, 2828), std::pair(0, 0)}) {
+    gatewayListensAt(udp, tcp);
+    EXPECT_EQ(firstLine(), "Gateway: not reachable (process 4711; lumenctl upnp check tells why)");
+    EXPECT_TRUE(router.lumenctl({"status", "--json"})
+                    .out.starts_with("{\n  \"gateway\": \"not reachable\",\n"));
+  }
+  gatewayListensAt(1900, 2828);
+  router.link("br-lan").insert_bool(lumen::interfaces::key::running, false);
+  EXPECT_EQ(firstLine(), "Gateway: not reachable (process 4711; lumenctl upnp check tells why)")
+      << "its only internal interface is away";
+}
+
+TEST_F(Status, SaysOnWhichInterfacesTheGatewayCannotBeReached) {
+  router.hasLink("br-guest", 2);
+  router.gatewayUses("br-guest", 2);
+  router.hasAddress("br-guest", "192.168.99.1");
+  gatewayListensAt(1900, 2828);
+  router.machine().links[2] = router.link("br-lan").get_u32(lumen::interfaces::key::index);
+  EXPECT_EQ(firstLine(),
+            "Gateway: on (process 4711; not reachable on br-guest, lumenctl upnp check tells why)");
 }
 
 TEST_F(Status, MarksAnInterfaceThatTheGatewayDoesNotUse) {
