@@ -50,6 +50,18 @@ bool isAccept(Bytes target, std::string_view title) {
   return title.empty() && verdict == -NF_ACCEPT - 1;
 }
 
+/// Whether the entry, of at least its own lengths, is the head of one of ufw's chains: the target
+/// ERROR, whose parameter is the chain's name, stands before the rules of each.
+bool beginsChainOfUfw(const ipt_entry& head, Bytes entry) {
+  const Bytes target = entry.subspan(head.target_offset);
+  const auto title = lumen::readStruct<Extension>(target);
+  if (!title || title->title() != XT_ERROR_TARGET || target.size() < sizeof(xt_entry_target)) {
+    return false;
+  }
+  const Bytes name = target.subspan(sizeof(xt_entry_target));
+  return isOfUfw({reinterpret_cast<const char*>(name.data()), name.size()});
+}
+
 /// Of an entry of at least its own lengths.
 RuleEffect effectOf(const ipt_entry& head, Bytes entry) {
   const Bytes target = entry.subspan(head.target_offset);
@@ -94,6 +106,9 @@ ForwardChain readLegacyForwardChain(Bytes rules, const LegacyLayout& layout) {
       chain.rules.push_back(effect);
     } else if (offset > layout.builtInEnd) {
       chain.acceptsOpenPortsElsewhere |= effect == RuleEffect::acceptsOpenPorts;
+      if (beginsChainOfUfw(head, rules.subspan(offset, head.next_offset))) {
+        chain.manager = ForwardChain::Manager::ufw;
+      }
     }
     offset += head.next_offset;
   }

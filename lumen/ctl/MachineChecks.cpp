@@ -22,6 +22,17 @@ std::pair<uint32_t, uint32_t> versionOf(const std::string& release) {
 }
 
 std::string ruleFor(const ForwardChain& chain) {
+  switch (chain.manager) {
+    case ForwardChain::Manager::ufw:
+      // What the commands of ufw write cannot look at the state; the file is of iptables-restore.
+      return "sed -i -e '/^[*]filter/,/^COMMIT/{/^COMMIT/i -A ufw-before-forward -m conntrack "
+             "--ctstate DNAT -j ACCEPT' -e '}' /etc/ufw/before.rules && ufw reload";
+    case ForwardChain::Manager::firewalld:
+      return "set StrictForwardPorts=no in /etc/firewalld/firewalld.conf, then firewall-cmd "
+             "--reload";
+    case ForwardChain::Manager::none:
+      break;
+  }
   const std::string iptables = " -I FORWARD -m conntrack --ctstate DNAT -j ACCEPT";
   switch (chain.tool) {
     case ForwardChain::Tool::iptables:

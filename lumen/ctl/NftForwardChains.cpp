@@ -129,6 +129,7 @@ void NftForwardChains::takeChain(uint32_t family, Bytes attributes) {
   if (chain.family == "ip" && chain.table == "filter" && chain.name == "FORWARD") {
     chain.tool = ForwardChain::Tool::iptables;
   }
+  if (chain.table == "firewalld") chain.manager = ForwardChain::Manager::firewalld;
   chain.dropsAtEnd =
       fields.count(NFTA_CHAIN_POLICY) != 0 && number(fields[NFTA_CHAIN_POLICY]) == NF_DROP;
   forward_[key] = std::move(chain);
@@ -153,11 +154,15 @@ std::vector<ForwardChain> NftForwardChains::chains() const {
   std::vector<ForwardChain> result;
   for (const auto& [key, chain] : forward_) {
     result.push_back(chain);
-    result.back().acceptsOpenPortsElsewhere =
-        std::any_of(others_.begin(), others_.end(), [&own = key](const auto& other) {
-          return other.second && std::get<0>(other.first) == std::get<0>(own) &&
-                 std::get<1>(other.first) == std::get<1>(own);
-        });
+    for (const auto& [otherKey, accepts] : others_) {
+      if (std::get<0>(otherKey) != std::get<0>(key) || std::get<1>(otherKey) != std::get<1>(key)) {
+        continue;
+      }
+      result.back().acceptsOpenPortsElsewhere |= accepts;
+      if (chain.tool != ForwardChain::Tool::nft && isOfUfw(std::get<2>(otherKey))) {
+        result.back().manager = ForwardChain::Manager::ufw;
+      }
+    }
   }
   return result;
 }

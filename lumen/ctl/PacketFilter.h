@@ -22,11 +22,13 @@ enum class RuleEffect {
 /// A chain that the kernel calls for each forwarded packet.
 struct ForwardChain {
   enum class Tool { nft, iptables, iptablesLegacy };  ///< what its rules are changed with
+  enum class Manager { none, ufw, firewalld };        ///< the program that keeps them
 
   /// Whether the packets for open ports do not pass it, as far as can be told.
   [[nodiscard]] bool stopsOpenPorts() const;
 
   Tool tool = Tool::nft;
+  Manager manager = Manager::none;
   std::string family;  ///< as nft names it: "ip" or "inet"
   std::string table;
   std::string name;
@@ -35,6 +37,9 @@ struct ForwardChain {
   /// A chain of the same table, which rules of this one may lead to, has acceptsOpenPorts.
   bool acceptsOpenPortsElsewhere = false;
 };
+
+/// Whether a chain that no hook calls is one of ufw's, by its name.
+[[nodiscard]] inline bool isOfUfw(std::string_view chain) { return chain.starts_with("ufw-"); }
 
 /// Whether a match of iptables (linux/netfilter/x_tables.h), of that name and revision and with the
 /// parameters `info`, holds for what was translated to another destination: `--ctstate DNAT`.

@@ -476,6 +476,51 @@ class FirewallTest(CheckCase):
                 self.assert_well()
                 self.reach()
 
+    def test_the_chains_of_ufw(self):
+        """ufw keeps its rules in files, which it gives to iptables-restore: what is inserted into a
+        chain by hand is gone after a restart."""
+        for command in ("iptables", "iptables-legacy"):
+            with self.subTest(command=command):
+                rules = self.router.root / "before.rules"
+                rules.write_text("*nat\n:POSTROUTING ACCEPT [0:0]\nCOMMIT\n"
+                                 "*filter\n:ufw-before-forward - [0:0]\n"
+                                 "-A ufw-before-forward -m conntrack --ctstate "
+                                 "RELATED,ESTABLISHED -j ACCEPT\n"
+                                 "# don't delete the 'COMMIT' line\nCOMMIT\n")
+                reload = f"{command}-restore -n < {rules}"
+                self.run_inside(f"{command} -P FORWARD DROP; {command} -N ufw-before-forward; "
+                                f"{command} -A FORWARD -j ufw-before-forward; {reload}")
+                edit = ("sed -i -e '/^[*]filter/,/^COMMIT/{/^COMMIT/i -A ufw-before-forward -m "
+                        "conntrack --ctstate DNAT -j ACCEPT' -e '}' /etc/ufw/before.rules")
+                self.assert_found("The firewall drops forwarded packets, and does not let those of "
+                                  f"open ports pass (chain FORWARD of {command}).",
+                                  "What arrives at an open port may not reach its host.",
+                                  f"{edit} && ufw reload")
+                self.run_inside(edit.replace("/etc/ufw/before.rules", str(rules)))
+                for _ in range(2):
+                    self.run_inside(reload)
+                    self.assert_well()
+                    self.reach()
+                self.run_inside(f"{command} -P FORWARD ACCEPT; {command} -F FORWARD; "
+                                f"{command} -F ufw-before-forward; "
+                                f"{command} -X ufw-before-forward")
+
+    def test_firewalld_that_is_strict(self):
+        self.run_inside("""nft '
+            table inet firewalld {
+              chain filter_FORWARD {
+                type filter hook forward priority filter + 10; policy accept;
+                ct state { established, related } accept
+                iifname "lo" accept
+                reject with icmpx admin-prohibited
+              }
+            }'""")
+        self.assert_found("The firewall drops forwarded packets, and does not let those of open "
+                          "ports pass (chain filter_FORWARD of the nftables table inet firewalld).",
+                          "What arrives at an open port may not reach its host.",
+                          "set StrictForwardPorts=no in /etc/firewalld/firewalld.conf, then "
+                          "firewall-cmd --reload")
+
     def guard_with(self, command):
         self.run_inside(f"{command} -P FORWARD DROP; "
                         f"{command} -A FORWARD -m conntrack --ctstate ESTABLISHED -j ACCEPT; "

@@ -5,6 +5,7 @@
 #include <linux/netfilter/xt_conntrack.h>
 #include <linux/netfilter_ipv4/ip_tables.h>
 
+#include <array>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -172,6 +173,24 @@ TEST(LegacyTable, FindsARuleForOpenPortsInAChainOfTheAdministrators) {
   table.add(LegacyTable::accept, "", match(XT_CONNTRACK_STATE_DNAT));
   EXPECT_TRUE(table.read().acceptsOpenPortsElsewhere);
   EXPECT_FALSE(guarded().read().acceptsOpenPortsElsewhere);
+}
+
+TEST(LegacyTable, KnowsTheChainsOfUfw) {
+  using Manager = ForwardChain::Manager;
+  for (const auto& [name, manager] : std::vector<std::pair<std::string, Manager>>{
+           {"ufw-before-forward", Manager::ufw}, {"outside", Manager::none}}) {
+    LegacyTable table = guarded();
+    const uint32_t head = table.add(0, XT_ERROR_TARGET);
+    table.bytes.resize(head + sizeof(ipt_entry) + sizeof(xt_entry_target));
+    ipt_entry entry{};
+    std::memcpy(&entry, table.bytes.data() + head, sizeof entry);
+    std::array<char, XT_FUNCTION_MAXNAMELEN> title{};
+    name.copy(title.data(), title.size() - 1);
+    append(table.bytes, title);
+    entry.next_offset = static_cast<uint16_t>(table.bytes.size() - head);
+    std::memcpy(table.bytes.data() + head, &entry, sizeof entry);
+    EXPECT_EQ(table.read().manager, manager) << name;
+  }
 }
 
 TEST(LegacyTable, StopsWhereALengthIsWrong) {

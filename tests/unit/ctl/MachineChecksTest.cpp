@@ -120,6 +120,23 @@ TEST(CheckFirewall, TellsTheRuleOfEachTool) {
   }
 }
 
+TEST(CheckFirewall, TellsTheProgramThatKeepsTheRules) {
+  ForwardChain stops;
+  stops.dropsAtEnd = true;
+  stops.manager = ForwardChain::Manager::ufw;
+  for (const auto tool : {ForwardChain::Tool::iptables, ForwardChain::Tool::iptablesLegacy}) {
+    stops.tool = tool;
+    EXPECT_EQ(checkFirewall({stops}).front().mend,
+              "sed -i -e '/^[*]filter/,/^COMMIT/{/^COMMIT/i -A ufw-before-forward -m conntrack "
+              "--ctstate DNAT -j ACCEPT' -e '}' /etc/ufw/before.rules && ufw reload");
+  }
+  stops.tool = ForwardChain::Tool::nft;
+  stops.manager = ForwardChain::Manager::firewalld;
+  EXPECT_EQ(checkFirewall({stops}).front().mend,
+            "set StrictForwardPorts=no in /etc/firewalld/firewalld.conf, then firewall-cmd "
+            "--reload");
+}
+
 TEST(CheckPortUsers, NamesAProgramThatCanBeSeen) {
   EXPECT_EQ(checkPortUsers({{1900, IPPROTO_UDP, 812, "minidlnad"}}),
             (Findings{{"port-in-use",

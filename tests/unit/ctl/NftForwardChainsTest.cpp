@@ -9,6 +9,7 @@
 #include <array>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -201,6 +202,27 @@ TEST_F(Nft, FindsARuleForOpenPortsInAnotherChainOfTheTable) {
   take(rule("other", [](Writer& w) { w.verdict(NF_DROP); }));
   EXPECT_TRUE(found.chains().front().acceptsOpenPortsElsewhere);
   EXPECT_EQ(found.chains().front().rules, Effects{});
+}
+
+TEST_F(Nft, KnowsTheProgramThatKeepsAChain) {
+  using Manager = ForwardChain::Manager;
+  take(chain("firewalld", "filter_FORWARD", NFPROTO_INET, NF_INET_FORWARD, NF_ACCEPT));
+  take(chain("filter", "FORWARD", NFPROTO_IPV4, NF_INET_FORWARD, NF_DROP));
+  Writer sameName(NFT_MSG_NEWCHAIN, NFPROTO_INET);
+  take(sameName.text(NFTA_CHAIN_TABLE, "guard").text(NFTA_CHAIN_NAME, "ufw-before-forward"));
+  const auto managers = [this] {
+    std::map<std::string, Manager> byTable;
+    for (const ForwardChain& each : found.chains()) byTable[each.table] = each.manager;
+    return byTable;
+  };
+  EXPECT_EQ(managers(), (std::map<std::string, Manager>{{"firewalld", Manager::firewalld},
+                                                        {"filter", Manager::none},
+                                                        {"guard", Manager::none}}))
+      << "ufw works with iptables only";
+  Writer ufw(NFT_MSG_NEWCHAIN, NFPROTO_IPV4);
+  take(ufw.text(NFTA_CHAIN_TABLE, "filter").text(NFTA_CHAIN_NAME, "ufw-before-forward"));
+  EXPECT_EQ(managers()["filter"], Manager::ufw);
+  EXPECT_EQ(managers()["firewalld"], Manager::firewalld);
 }
 
 TEST_F(Nft, PassesOverWhatItDoesNotUnderstand) {
