@@ -44,6 +44,53 @@ Findings checkRoles(const std::vector<UsedInterface>& interfaces) {
   return {};
 }
 
+/// What brings back a service file that is missing.
+std::string fileRemedy(const GatewayFile& file, const std::string& restart) {
+  // dpkg leaves a configuration file that was deleted away, unless it is told otherwise.
+  if (file.packaged) {
+    return "where the file of the package lies: apt-get install --reinstall --option "
+           "Dpkg::Options::=--force-confmiss ./palinode-igd_*.deb && " +
+           restart;
+  }
+  return "where Palinode was built: cp build/etc/services/upnp.ini " + file.path + ", then " +
+         restart;
+}
+
+/// What makes the users that the installation makes, who then own the stores.
+std::string userRemedy(const GatewayFile& file, const std::string& restart) {
+  if (file.packaged) {
+    return "systemd-sysusers palinode.conf && systemd-tmpfiles --create palinode.conf && chown -R "
+           "palinode: /var/lib/lumen/upnp /var/lib/lumen/upnpm && " +
+           restart;
+  }
+  return "systemd-sysusers palinode.conf && chown -R palinode: /lumen/store/upnp "
+         "/lumen/store/upnpm, then " +
+         restart;
+}
+
+Finding notInstalled(const GatewayFile& file, const std::string& consequence) {
+  const std::string restart = file.packaged ? "systemctl restart lumend" : "start lumend again";
+  const std::string subject = "lumend knows no gateway: ";
+  if (!file.present) {
+    return {"gateway-not-installed", subject + "its service file " + file.path + " is missing.",
+            consequence, fileRemedy(file, restart)};
+  }
+  if (file.error == "there is no user \"palinode\"") {
+    return {"gateway-user-missing", subject + "the user palinode, as whom it runs, is missing.",
+            consequence, userRemedy(file, restart)};
+  }
+  if (!file.error.empty()) {
+    return {"gateway-file-wrong",
+            subject + "its service file " + file.path + " is wrong: " + file.error + ".",
+            consequence, "correct the file, then " + restart};
+  }
+  return {
+      "gateway-file-not-read",
+      subject + "it has not taken the service file " + file.path + ", which is right now.",
+      consequence,
+      restart + "; when that does not help, journalctl -u lumend tells why it does not take it"};
+}
+
 /// An external address that hosts on the Internet cannot reach.
 Finding unreachable(const std::string& interface, uint32_t address) {
   const std::string subject = "The external address " + dotted(address) + " of " + interface;
@@ -85,8 +132,7 @@ Findings checkGateway(const Observation& seen) {
   const char* const nobodyFindsIt = "Nobody finds a gateway, and no port can be opened.";
   switch (seen.gateway.kind) {
     case GatewayState::Kind::notInstalled:
-      return {{"gateway-not-installed", "lumend knows no gateway: its service file is missing.",
-               nobodyFindsIt, "apt-get install --reinstall palinode-igd"}};
+      return {notInstalled(seen.gateway.file, nobodyFindsIt)};
     case GatewayState::Kind::crashed:
       return {{"gateway-crashed", "The gateway has crashed; lumend starts it again in a while.",
                nobodyFindsIt, "journalctl -u lumend, which shows why"}};

@@ -10,6 +10,14 @@
 
 namespace lumenctl {
 
+/// The gateway's service file, which tells why lumend knows no gateway.
+struct GatewayFile {
+  std::string path;
+  bool present = false;
+  std::string error;      ///< why lumend does not take it; empty: it does when it starts
+  bool packaged = false;  ///< it came with Debian's package
+};
+
 /// The gateway daemon, as the platform and it itself say.
 struct GatewayState {
   enum class Kind { on, off, crashed, notInstalled, silent };
@@ -17,6 +25,7 @@ struct GatewayState {
   Kind kind = Kind::on;
   std::string detail;    ///< of silent: why
   uint32_t process = 0;  ///< 0: none
+  GatewayFile file;      ///< of notInstalled
 };
 
 /// An interface that has a role.

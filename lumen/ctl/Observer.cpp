@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
+#include <cstring>
 #include <map>
 
 #include "lumen/ctl/Errors.h"
@@ -13,6 +15,7 @@
 #include "lumen/ctl/RouteTable.h"
 #include "lumen/ctl/SocketTable.h"
 #include "lumen/services/broker/BrokerKeys.h"
+#include "lumen/services/supervisor/ServiceFile.h"
 
 namespace lumenctl {
 
@@ -35,10 +38,10 @@ GatewayState readGateway(Router& router, std::optional<Objects>& objects) {
   const auto it = std::find_if(services.begin(), services.end(), [](const Service& service) {
     return service.number == Router::gatewayService;
   });
-  if (it == services.end()) return {Kind::notInstalled, {}, 0};
-  if (it->state == lumen::servicestate::waiting) return {Kind::crashed, {}, 0};
+  if (it == services.end()) return {Kind::notInstalled, {}, 0, {}};
+  if (it->state == lumen::servicestate::waiting) return {Kind::crashed, {}, 0, {}};
   if (it->state == lumen::servicestate::stopped || it->state == lumen::servicestate::leaving) {
-    return {Kind::off, {}, 0};
+    return {Kind::off, {}, 0, {}};
   }
   try {
     const Kind kind = router.settings().enabled ? Kind::on : Kind::off;
@@ -47,10 +50,33 @@ GatewayState readGateway(Router& router, std::optional<Objects>& objects) {
       found.emplace(object.interfaceId, object);
     }
     objects = std::move(found);
-    return {kind, {}, it->pid};
+    return {kind, {}, it->pid, {}};
   } catch (const Refused& refused) {
-    return {Kind::silent, refused.what(), it->pid};
+    return {Kind::silent, refused.what(), it->pid, {}};
   }
+}
+
+/// The file that lumend should have found when it started. With `root` it is not the system's.
+GatewayFile readGatewayFile(Machine& machine, const std::string& root) {
+  // A package binds the first over the second for lumend only.
+  std::vector<std::string> folders = {"/etc/lumen", "/lumen/etc"};
+  if (!root.empty()) folders = {root + "/etc"};
+  GatewayFile file;
+  file.packaged = root.empty() && machine.read("/var/lib/dpkg/info/palinode-igd.list");
+  if (!file.packaged) folders.erase(folders.begin(), folders.end() - 1);
+  file.path = folders.front() + "/services/upnp.ini";
+  const std::optional<std::string> text = machine.read(file.path);
+  const int failure = text ? 0 : errno;
+  file.present = failure != ENOENT;
+  if (text) {
+    const auto definition = lumen::parseServiceFile(*text, lumen::SystemUsers(), file.error);
+    if (definition && definition->number != Router::gatewayService) {
+      file.error = "number is not " + std::to_string(Router::gatewayService);
+    }
+  } else {
+    file.error = std::strerror(failure);
+  }
+  return file;
 }
 
 /// How the gateway uses the interface; when it did not say, as what the platform keeps it.
@@ -69,6 +95,9 @@ void readPlatform(Session& session, Observation& seen) {
   // Asked after these, and looked at after its answer, the gateway has heard of them.
   std::optional<Objects> objects;
   seen.gateway = readGateway(router, objects);
+  if (seen.gateway.kind == GatewayState::Kind::notInstalled) {
+    seen.gateway.file = readGatewayFile(machine, session.root);
+  }
   const GatewaySockets sockets(machine, seen.gateway.process);
   for (const Interface& interface : interfaces) {
     UsedInterface used;

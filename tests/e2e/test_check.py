@@ -9,9 +9,9 @@ import time
 import unittest
 
 from support.administrator import run_inside
-from support.network import (BRIDGE_FILTER, LAN_ADDRESS, LAN_BRIDGE, WAN_ADDRESS, WAN_HOST,
-                             WAN_LINK, exchange_tcp)
-from support.router import PROGRAMS
+from support.network import (BRIDGE_FILTER, LAN_ADDRESS, LAN_BRIDGE, SoapError, WAN_ADDRESS,
+                             WAN_HOST, WAN_LINK, exchange_tcp)
+from support.router import PROGRAMS, SERVICE_USER
 from support.router_case import RouterCase
 
 NOBODY = 65534
@@ -118,9 +118,32 @@ class CheckTest(CheckCase):
         self.router.stop()
         (self.router.root / "etc" / "services" / "upnp.ini").unlink()
         self.router.start()
-        self.assert_found("lumend knows no gateway: its service file is missing.",
+        place = self.router.root / "etc" / "services" / "upnp.ini"
+        self.assert_found(f"lumend knows no gateway: its service file {place} is missing.",
                           "Nobody finds a gateway, and no port can be opened.",
-                          "apt-get install --reinstall palinode-igd")
+                          "where Palinode was built: cp build/etc/services/upnp.ini "
+                          f"{place}, then start lumend again")
+
+    def test_the_user_of_the_gateway_is_missing(self):
+        place = self.router.root / "etc" / "services" / "upnp.ini"
+        right = place.read_text()
+        self.router.stop()
+        # No machine that runs these tests has the gateway installed.
+        place.write_text(right.replace(f"user = {SERVICE_USER}", "user = palinode"))
+        self.router.start()
+        self.assert_found("lumend knows no gateway: the user palinode, as whom it runs, is missing.",
+                          "Nobody finds a gateway, and no port can be opened.",
+                          "systemd-sysusers palinode.conf && chown -R palinode: /lumen/store/upnp "
+                          "/lumen/store/upnpm, then start lumend again")
+        place.write_text(right)
+        self.assert_found(f"lumend knows no gateway: it has not taken the service file {place}, "
+                          "which is right now.",
+                          "Nobody finds a gateway, and no port can be opened.",
+                          "start lumend again; when that does not help, journalctl -u lumend tells "
+                          "why it does not take it")
+        self.router.stop()
+        self.router.start()
+        self.assert_well()
 
     def test_the_gateway_does_not_answer(self):
         pid = self.router.gateway_pid()

@@ -289,6 +289,50 @@ TEST_F(CheckCommand, MissesNoSocketThatItCannotSee) {
   EXPECT_EQ(found(), Lines{});
 }
 
+constexpr const char* serviceFile =
+    "[service]\nname = upnp\nnumber = 40\nexecutable = /usr/sbin/palinode-igd\nuser = ";
+constexpr const char* packageRecord = "/var/lib/dpkg/info/palinode-igd.list";
+
+TEST_F(CheckCommand, FindsThatTheServiceFileIsMissing) {
+  router.gatewayIsNotInstalled();
+  EXPECT_EQ(
+      check().out,
+      "1. lumend knows no gateway: its service file /lumen/etc/services/upnp.ini is missing.\n"
+      "   Nobody finds a gateway, and no port can be opened.\n"
+      "   Mend it: where Palinode was built: cp build/etc/services/upnp.ini "
+      "/lumen/etc/services/upnp.ini, then start lumend again\n\n");
+  writes(packageRecord, "/.\n");
+  EXPECT_EQ(
+      check().out,
+      "1. lumend knows no gateway: its service file /etc/lumen/services/upnp.ini is missing.\n"
+      "   Nobody finds a gateway, and no port can be opened.\n"
+      "   Mend it: where the file of the package lies: apt-get install --reinstall --option "
+      "Dpkg::Options::=--force-confmiss ./palinode-igd_*.deb && systemctl restart lumend\n\n");
+  EXPECT_NE(router.lumenctl({"--root", "/srv/x", "upnp", "check"})
+                .out.find("service file /srv/x/etc/services/upnp.ini is missing"),
+            std::string::npos);
+}
+
+TEST_F(CheckCommand, TellsAServiceFileThatIsWrongFromOneThatIsMissing) {
+  router.gatewayIsNotInstalled();
+  writes("/lumen/etc/services/upnp.ini", std::string(serviceFile) + "64040\n");
+  EXPECT_EQ(found(), Lines{"gateway-file-not-read"});
+  for (const auto& [text, error] : std::vector<std::pair<std::string, std::string>>{
+           {std::string(serviceFile) + "no-such-user\n", "there is no user \"no-such-user\""},
+           {std::string(serviceFile) + "64040\nspeed = 1\n", "unknown setting \"speed\""},
+           {"[service]\nname = upnp\nnumber = 41\nexecutable = /x\nuser = 64040\n",
+            "number is not 40"}}) {
+    writes("/lumen/etc/services/upnp.ini", text);
+    EXPECT_EQ(check().out,
+              "1. lumend knows no gateway: its service file "
+              "/lumen/etc/services/upnp.ini is wrong: " +
+                  error +
+                  ".\n"
+                  "   Nobody finds a gateway, and no port can be opened.\n"
+                  "   Mend it: correct the file, then start lumend again\n\n");
+  }
+}
+
 TEST_F(CheckCommand, ShowsAProgramsNameEscaped) {
   writes("/proc/net/udp", socketLine("076C", "07", 0, 1));
   router.machine().owners[1] = {812, "x\x1b[2J"};

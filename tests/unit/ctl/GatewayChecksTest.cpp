@@ -235,5 +235,37 @@ TEST(Check, NamesFiveStalePortsAndCountsTheOthers) {
             "2000/udp, 2001/udp, 2002/udp, 2003/udp, 2004/udp and 2 more.");
 }
 
+GatewayFile file(bool present, const std::string& error, bool packaged = true) {
+  return {"/etc/lumen/services/upnp.ini", present, error, packaged};
+}
+
+TEST(Check, TellsWhyThePlatformKnowsNoGateway) {
+  for (const auto& [gatewayFile, id, mend] :
+       std::vector<std::tuple<GatewayFile, std::string, std::string>>{
+           {file(false, "No such file or directory"), "gateway-not-installed",
+            "where the file of the package lies: apt-get install --reinstall --option "
+            "Dpkg::Options::=--force-confmiss ./palinode-igd_*.deb && systemctl restart lumend"},
+           {file(true, "there is no user \"palinode\""), "gateway-user-missing",
+            "systemd-sysusers palinode.conf && systemd-tmpfiles --create palinode.conf && chown -R "
+            "palinode: /var/lib/lumen/upnp /var/lib/lumen/upnpm && systemctl restart lumend"},
+           {file(true, "there is no user \"palinode\"", false), "gateway-user-missing",
+            "systemd-sysusers palinode.conf && chown -R palinode: /lumen/store/upnp "
+            "/lumen/store/upnpm, then start lumend again"},
+           {file(true, "there is no user \"other\""), "gateway-file-wrong",
+            "correct the file, then systemctl restart lumend"},
+           {file(true, "Permission denied"), "gateway-file-wrong",
+            "correct the file, then systemctl restart lumend"},
+           {file(true, ""), "gateway-file-not-read",
+            "systemctl restart lumend; when that does not help, journalctl -u lumend tells why it "
+            "does not take it"}}) {
+    Observation seen = wellRouter();
+    seen.gateway.kind = GatewayState::Kind::notInstalled;
+    seen.gateway.file = gatewayFile;
+    const Findings findings = checkGateway(seen);
+    ASSERT_EQ(idsOf(findings), Ids{id});
+    EXPECT_EQ(findings.front().mend, mend);
+  }
+}
+
 }  // namespace
 }  // namespace lumenctl
