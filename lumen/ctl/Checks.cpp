@@ -4,14 +4,15 @@ namespace lumenctl {
 
 Findings findProblems(const Observation& seen) {
   Findings all;
-  for (const Findings& some : {checkKernel(seen.kernel), checkPlatform(seen), checkGateway(seen),
-                               checkLinks(seen.interfaces), checkExternalAddress(seen.interfaces),
-                               checkDefaultRoute(seen.defaultRoute, seen.interfaces),
-                               checkForwarding(seen.forwards, seen.interfaces),
-                               checkFirewall(seen.chains.value_or(std::vector<ForwardChain>())),
-                               checkBridgedTraffic(seen.bridgedIsFiltered, seen.interfaces),
-                               checkPortUsers(seen.portUsers), checkSockets(seen.interfaces),
-                               checkStalePorts(seen.rules)}) {
+  for (const Findings& some :
+       {checkKernel(seen.kernel), checkPlatform(seen), checkGateway(seen),
+        checkLinks(seen.interfaces), checkExternalAddress(seen.interfaces),
+        checkDefaultRoute(seen.defaultRoute, seen.interfaces),
+        checkForwarding(seen.forwards, seen.interfaces),
+        checkFirewall(seen.chains.value_or(std::vector<ForwardChain>())),
+        checkBridgedTraffic(seen.bridgedIsFiltered, seen.interfaces),
+        checkPortUsers(seen.portUsers), checkSockets(seen.interfaces),
+        checkPolicy(seen.policy, seen.interfaces), checkStalePorts(seen.rules)}) {
     all.insert(all.end(), some.begin(), some.end());
   }
   return all;

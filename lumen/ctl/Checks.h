@@ -19,6 +19,8 @@ namespace lumenctl {
 [[nodiscard]] Findings checkSockets(const std::vector<UsedInterface>& interfaces);
 [[nodiscard]] Findings checkExternalAddress(const std::vector<UsedInterface>& interfaces);
 [[nodiscard]] Findings checkStalePorts(const std::vector<NatRule>& rules);
+[[nodiscard]] Findings checkPolicy(const std::optional<NatPolicy>& policy,
+                                   const std::vector<UsedInterface>& interfaces);
 
 // The machine beside them.
 [[nodiscard]] Findings checkKernel(const std::string& release);

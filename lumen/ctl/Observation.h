@@ -7,6 +7,7 @@
 
 #include "lumen/ctl/PacketFilter.h"
 #include "lumen/ctl/Records.h"
+#include "lumen/ctl/RouteTable.h"
 
 namespace lumenctl {
 
@@ -34,6 +35,7 @@ struct UsedInterface {
   Role role = Role::none;
   std::string state;                ///< Interface::state()
   std::vector<uint32_t> addresses;  ///< IPv4, in network byte order
+  std::vector<ConnectedNetwork> networks;
   bool bridge = false;
   bool multicast = true;  ///< the link may carry it
   /// The ports that the gateway should listen at there and does not: "2828/tcp".
@@ -61,6 +63,7 @@ struct Observation {
   GatewayState gateway;
   std::vector<UsedInterface> interfaces;
   std::vector<NatRule> rules;
+  std::optional<NatPolicy> policy;
 
   std::string kernel;            ///< its release, "6.1.0-18-amd64"
   std::optional<bool> forwards;  ///< the sysctl net.ipv4.ip_forward

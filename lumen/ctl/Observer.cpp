@@ -90,6 +90,9 @@ void readPlatform(Session& session, Observation& seen) {
   Router& router = session.router();
   Machine& machine = session.machine();
   seen.rules = router.rules();
+  seen.policy = router.policy();
+  const std::vector<ConnectedNetwork> networks =
+      connectedNetworks(machine.read(routeTablePath).value_or(""));
   const std::vector<Address> addresses = router.addresses();
   const std::vector<Interface> interfaces = router.interfaces();
   // Asked after these, and looked at after its answer, the gateway has heard of them.
@@ -107,6 +110,9 @@ void readPlatform(Session& session, Observation& seen) {
     used.state = interface.state();
     for (const Address& address : addresses) {
       if (address.interfaceId == interface.id) used.addresses.push_back(address.address);
+    }
+    for (const ConnectedNetwork& network : networks) {
+      if (network.interface == interface.name) used.networks.push_back(network);
     }
     const bool present = interface.index != 0;
     used.bridge = present && machine.isBridge(interface.name);

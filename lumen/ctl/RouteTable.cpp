@@ -8,28 +8,55 @@
 
 namespace lumenctl {
 
-std::vector<DefaultRoute> defaultRoutes(std::string_view table) {
-  std::vector<DefaultRoute> routes;
+namespace {
+
+struct Route {
+  std::string interface;
+  uint32_t destination = 0;
+  uint32_t mask = 0;
+  uint32_t flags = 0;
+  uint32_t metric = 0;
+};
+
+/// The routes that are up and refuse nothing.
+std::vector<Route> routesIn(std::string_view table) {
+  std::vector<Route> routes;
   std::istringstream lines{std::string(table)};
   for (std::string line; std::getline(lines, line);) {
     std::istringstream columns(line);
-    DefaultRoute route;
-    uint32_t destination = 0;
+    Route route;
     uint32_t gateway = 0;
-    uint32_t flags = 0;
     uint32_t references = 0;
     uint32_t uses = 0;
-    uint32_t mask = 0;
-    columns >> route.interface >> std::hex >> destination >> gateway >> flags;
-    columns >> std::dec >> references >> uses >> route.metric >> std::hex >> mask;
-    if (!columns || destination != 0 || mask != 0) continue;
-    if ((flags & RTF_UP) == 0 || (flags & RTF_REJECT) != 0) continue;
+    columns >> route.interface >> std::hex >> route.destination >> gateway >> route.flags;
+    columns >> std::dec >> references >> uses >> route.metric >> std::hex >> route.mask;
+    if (!columns || (route.flags & RTF_UP) == 0 || (route.flags & RTF_REJECT) != 0) continue;
     routes.push_back(route);
+  }
+  return routes;
+}
+
+}  // namespace
+
+std::vector<DefaultRoute> defaultRoutes(std::string_view table) {
+  std::vector<DefaultRoute> routes;
+  for (const Route& route : routesIn(table)) {
+    if (route.destination == 0 && route.mask == 0)
+      routes.push_back({route.interface, route.metric});
   }
   std::stable_sort(routes.begin(), routes.end(), [](const DefaultRoute& a, const DefaultRoute& b) {
     return a.metric < b.metric;
   });
   return routes;
+}
+
+std::vector<ConnectedNetwork> connectedNetworks(std::string_view table) {
+  std::vector<ConnectedNetwork> networks;
+  for (const Route& route : routesIn(table)) {
+    if (route.mask == 0 || (route.flags & RTF_GATEWAY) != 0) continue;
+    networks.push_back({route.interface, route.destination, route.mask});
+  }
+  return networks;
 }
 
 }  // namespace lumenctl

@@ -19,4 +19,16 @@ struct DefaultRoute {
 /// what they match, and lines that are none, are left out.
 [[nodiscard]] std::vector<DefaultRoute> defaultRoutes(std::string_view table);
 
+/// A network whose hosts an interface reaches without a router. Numbers are in network byte order.
+struct ConnectedNetwork {
+  std::string interface;
+  uint32_t address = 0;
+  uint32_t mask = 0;
+
+  [[nodiscard]] bool operator==(const ConnectedNetwork&) const = default;
+};
+
+/// Those in the text of routeTablePath, in its order.
+[[nodiscard]] std::vector<ConnectedNetwork> connectedNetworks(std::string_view table);
+
 }  // namespace lumenctl

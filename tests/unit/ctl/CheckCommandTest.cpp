@@ -333,6 +333,37 @@ TEST_F(CheckCommand, TellsAServiceFileThatIsWrongFromOneThatIsMissing) {
   }
 }
 
+TEST_F(CheckCommand, FindsAPolicyThatAllowsNoPort) {
+  namespace key = lumen::nat::key;
+  router.policy().insert_u32(key::maxRules, 0);
+  EXPECT_EQ(check().out,
+            "1. The policy allows no open port: max-rules is 0.\n"
+            "   Every program that asks for a port is refused.\n"
+            "   Mend it: lumenctl nat policy set max-rules=4096\n\n");
+  router.policy().insert_u32(key::maxRulesPerClient, 0);
+  EXPECT_EQ(found(), (Lines{"policy-allows-no-port", "policy-allows-no-port"}));
+  router.policy().insert_u32(key::maxRules, 1);
+  router.policy().insert_u32(key::maxRulesPerClient, 1);
+  EXPECT_EQ(found(), Lines{});
+}
+
+TEST_F(CheckCommand, FindsAPolicyThatExcludesTheHostsOfAnInterface) {
+  writes(routeTablePath, std::string(defaultRoute) +
+                             "br-lan\t0058A8C0\t00000000\t0001\t0\t0\t0\t00FFFFFF\t0\t0\t0\n"
+                             "wan0\t002D2D2D\t00000000\t0001\t0\t0\t0\t00FFFFFF\t0\t0\t0\n");
+  router.policy().insert_string(lumen::nat::key::internalClients, "10.0.0.0/8, 10.1.2.3");
+  EXPECT_EQ(check().out,
+            "1. The policy allows no port to the hosts of br-lan: internal-clients is 10.0.0.0/8, "
+            "10.1.2.3.\n"
+            "   Every program there that asks for a port is refused.\n"
+            "   Mend it: lumenctl nat policy set "
+            "internal-clients=10.0.0.0/8,10.1.2.3,192.168.88.0/24\n\n");
+  router.policy().insert_string(lumen::nat::key::internalClients, "10.0.0.0/8, connected");
+  EXPECT_EQ(found(), Lines{});
+  router.policy().insert_string(lumen::nat::key::internalClients, "10.0.0.0/8, 192.168.88.7");
+  EXPECT_EQ(found(), Lines{});
+}
+
 TEST_F(CheckCommand, ShowsAProgramsNameEscaped) {
   writes("/proc/net/udp", socketLine("076C", "07", 0, 1));
   router.machine().owners[1] = {812, "x\x1b[2J"};

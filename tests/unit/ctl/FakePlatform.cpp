@@ -82,6 +82,10 @@ FakePlatform::FakePlatform() {
   settings_.insert_bool(1, true);
   settings_.insert_bool(2, true);
   settings_.insert_bool(3, true);
+  policy_.insert_string(natkey::externalPorts, "1024-65535");
+  policy_.insert_string(natkey::internalClients, "connected");
+  policy_.insert_u32(natkey::maxRules, 4096);
+  policy_.insert_u32(natkey::maxRulesPerClient, 1024);
 }
 
 FakePlatform::Result FakePlatform::lumenctl(const std::vector<std::string>& arguments) {
@@ -247,13 +251,7 @@ lm::message FakePlatform::answer(const Path& destination, uint32_t command,
   if (destination == Path{20, 5}) {
     if (command == lm::cmd::readAll) return page(rules_, request);
     if (command == lm::cmd::set) return reply;
-    if (command == lm::cmd::get) {
-      reply.insert_string(natkey::externalPorts, "1024-65535");
-      reply.insert_string(natkey::internalClients, "connected");
-      reply.insert_u32(natkey::maxRules, 4096);
-      reply.insert_u32(natkey::maxRulesPerClient, 1024);
-      return reply;
-    }
+    if (command == lm::cmd::get) return policy_;
     return changeTable(rules_, command, request);
   }
   if (destination == Path{66}) {

@@ -51,6 +51,8 @@ class FakePlatform {
   void ends() { ends_ = true; }
   void gatewayIsNotInstalled() { services_.clear(); }
   [[nodiscard]] lm::message& settings() { return settings_; }
+  /// The policy of open ports.
+  [[nodiscard]] lm::message& policy() { return policy_; }
 
   /// The machine that lumenctl runs on.
   [[nodiscard]] FakeMachine& machine() { return machine_; }
@@ -95,6 +97,7 @@ class FakePlatform {
   std::deque<lm::message> shown_;
   bool ends_ = false;
   lm::message settings_;
+  lm::message policy_;
   std::map<std::pair<Path, uint32_t>, std::string> refusals_;
   std::vector<std::string> requests_;
   std::string root_;

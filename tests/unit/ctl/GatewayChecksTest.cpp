@@ -267,5 +267,67 @@ TEST(Check, TellsWhyThePlatformKnowsNoGateway) {
   }
 }
 
+/// Whether the clients listed are taken for none of 192.168.88.0/24, this router's 192.168.88.1.
+bool excludesTheLan(const std::string& clients, const std::string& address = "192.168.88.0",
+                    const std::string& mask = "255.255.255.0") {
+  UsedInterface lan = interface("br-lan", Role::internal, "192.168.88.1");
+  lan.networks = {{"br-lan", inet_addr(address.c_str()), inet_addr(mask.c_str())}};
+  NatPolicy policy{lm::message()};
+  policy.maxRules = policy.maxRulesPerClient = 1;
+  policy.internalClients = clients;
+  return idsOf(checkPolicy(policy, {lan})) == Ids{"policy-excludes-network"};
+}
+
+TEST(CheckPolicy, KnowsWhichListsHaveNoHostOfTheNetwork) {
+  for (const auto& [clients, excludes, reason] :
+       std::vector<std::tuple<std::string, bool, const char*>>{
+           {"connected", false, "every network"},
+           {"10.0.0.0/8, connected", false, "every network too"},
+           {"192.168.88.0/24", false, "the network itself"},
+           {"192.168.0.0/16", false, "a larger one"},
+           {"0.0.0.0/0", false, "all"},
+           {"192.168.88.128/25", false, "half of it"},
+           {"10.0.0.0/8, 192.168.88.7", false, "one host"},
+           {"192.168.88.0/31", true, "its own address and the router"},
+           {"192.168.88.0/30", false, "two hosts more"},
+           {"10.0.0.0/8", true, "another network"},
+           {"192.168.89.0/24", true, "the next one"},
+           {"192.168.87.0/24", true, "the one before"},
+           {"192.168.88.1", true, "the router only"},
+           {"192.168.88.0", true, "the network's own address"},
+           {"192.168.88.255", true, "its broadcast address"},
+           {"192.168.88.1, 192.168.88.1", true, "the router twice"}}) {
+    EXPECT_EQ(excludesTheLan(clients), excludes) << clients << ": " << reason;
+  }
+  EXPECT_FALSE(excludesTheLan("192.168.88.0", "192.168.88.0", "255.255.255.254"))
+      << "both addresses of a network of two are hosts";
+}
+
+TEST(CheckPolicy, LooksAtInternalInterfacesWhoseNetworksAreKnown) {
+  NatPolicy policy{lm::message()};
+  policy.maxRules = policy.maxRulesPerClient = 1;
+  policy.internalClients = "10.0.0.0/8";
+  EXPECT_EQ(checkPolicy(policy, wellRouter().interfaces), Findings{});
+  EXPECT_EQ(checkPolicy(std::nullopt, wellRouter().interfaces), Findings{});
+  UsedInterface wan = interface("wan0", Role::external, "45.45.45.1");
+  wan.networks = {{"wan0", inet_addr("45.45.45.0"), inet_addr("255.255.255.0")}};
+  EXPECT_EQ(checkPolicy(policy, {wan}), Findings{});
+}
+
+TEST(CheckPolicy, NamesCommandsThatCanFollowEachOther) {
+  NatPolicy policy{lm::message()};
+  policy.maxRules = policy.maxRulesPerClient = 1;
+  policy.internalClients = "10.0.0.0/8";
+  UsedInterface lan = interface("br-lan", Role::internal, "192.168.88.1");
+  lan.networks = {{"br-lan", inet_addr("192.168.88.0"), inet_addr("255.255.255.0")}};
+  UsedInterface guest = interface("br-guest", Role::internal, "192.168.99.1");
+  guest.networks = {{"br-guest", inet_addr("192.168.99.0"), inet_addr("255.255.255.0")}};
+  const Findings findings = checkPolicy(policy, {lan, guest});
+  ASSERT_EQ(findings.size(), 2U);
+  EXPECT_EQ(findings[1].mend,
+            "lumenctl nat policy set "
+            "internal-clients=10.0.0.0/8,192.168.88.0/24,192.168.99.0/24");
+}
+
 }  // namespace
 }  // namespace lumenctl

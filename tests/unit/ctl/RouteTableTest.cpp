@@ -47,5 +47,17 @@ TEST(RouteTable, LeavesOutWhatIsNoDefaultRoute) {
   for (const auto& [lines, reason] : tables) EXPECT_EQ(defaultsOf(lines), Names{}) << reason;
 }
 
+TEST(RouteTable, FindsTheNetworksThatAreReachedWithoutARouter) {
+  const std::string table =
+      "wan0\t00000000\t022D2D2D\t0003\t0\t0\t0\t00000000\t0\t0\t0\n"
+      "br-lan\t0058A8C0\t00000000\t0001\t0\t0\t0\t00FFFFFF\t0\t0\t0\n"
+      "br-lan\t0000000A\t0258A8C0\t0003\t0\t0\t0\t000000FF\t0\t0\t0\n"
+      "*\t0000A8C0\t00000000\t0201\t0\t0\t0\t0000FFFF\t0\t0\t0\n"
+      "lte0\t00000000\t00000000\t0001\t0\t0\t700\t00000000\t0\t0\t0\n"
+      "wan0\t002D2D2D\t00000000\t0001\n";
+  EXPECT_EQ(connectedNetworks(heading + table),
+            (std::vector<ConnectedNetwork>{{"br-lan", 0x0058A8C0, 0x00FFFFFF}}));
+}
+
 }  // namespace
 }  // namespace lumenctl
