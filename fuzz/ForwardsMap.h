@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "lumen/services/system/Nftables.h"
+#include "lumen/services/system/netfilter/Nftables.h"
 
 namespace fuzz {
 

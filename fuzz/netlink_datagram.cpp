@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "fuzz/Fuzz.h"
-#include "lumen/services/system/NetlinkReader.h"
-#include "lumen/services/system/NetlinkRoute.h"
+#include "lumen/services/system/netlink/NetlinkReader.h"
+#include "lumen/services/system/netlink/NetlinkRoute.h"
 
 namespace {
 

@@ -6,12 +6,12 @@
 #include <ostream>
 
 #include "lumen/ctl/Commands.h"
-#include "lumen/ctl/Errors.h"
 #include "lumen/ctl/Help.h"
-#include "lumen/ctl/LogHint.h"
 #include "lumen/ctl/Session.h"
-#include "lumen/ctl/Text.h"
 #include "lumen/ctl/UsageErrors.h"
+#include "lumen/ctl/machine/LogHint.h"
+#include "lumen/ctl/text/Errors.h"
+#include "lumen/ctl/text/Text.h"
 
 namespace lumenctl {
 

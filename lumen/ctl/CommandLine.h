@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "lumen/ctl/Client.h"
-#include "lumen/ctl/Machine.h"
+#include "lumen/ctl/machine/Machine.h"
+#include "lumen/ctl/router/Client.h"
 
 namespace lumenctl {
 

@@ -3,8 +3,8 @@
 #include <ostream>
 #include <utility>
 
-#include "lumen/ctl/Errors.h"
-#include "lumen/ctl/Text.h"
+#include "lumen/ctl/text/Errors.h"
+#include "lumen/ctl/text/Text.h"
 
 namespace lumenctl {
 

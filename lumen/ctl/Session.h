@@ -6,10 +6,10 @@
 #include <optional>
 #include <string>
 
-#include "lumen/ctl/Client.h"
-#include "lumen/ctl/Machine.h"
-#include "lumen/ctl/Router.h"
-#include "lumen/ctl/Table.h"
+#include "lumen/ctl/machine/Machine.h"
+#include "lumen/ctl/router/Client.h"
+#include "lumen/ctl/router/Router.h"
+#include "lumen/ctl/text/Table.h"
 
 namespace lumenctl {
 

@@ -2,8 +2,8 @@
 
 #include <vector>
 
-#include "lumen/ctl/Suggestion.h"
-#include "lumen/ctl/Text.h"
+#include "lumen/ctl/text/Suggestion.h"
+#include "lumen/ctl/text/Text.h"
 
 namespace lumenctl {
 

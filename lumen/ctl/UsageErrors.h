@@ -3,7 +3,7 @@
 #include <CLI/App.hpp>
 #include <string>
 
-#include "lumen/ctl/Errors.h"
+#include "lumen/ctl/text/Errors.h"
 
 /// What is said about a command line that is wrong.
 namespace lumenctl {

@@ -3,8 +3,8 @@
 #include <vector>
 
 #include "lumen/ctl/CommandLine.h"
-#include "lumen/ctl/LinuxMachine.h"
-#include "lumen/ctl/SocketClient.h"
+#include "lumen/ctl/machine/LinuxMachine.h"
+#include "lumen/ctl/router/SocketClient.h"
 
 int main(int argc, char** argv) {
   const std::vector<std::string> arguments(argv + 1, argv + argc);

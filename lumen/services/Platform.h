@@ -15,10 +15,10 @@
 #include "lumen/services/nat/PolicyBook.h"
 #include "lumen/services/supervisor/ServiceFile.h"
 #include "lumen/services/supervisor/Supervisor.h"
-#include "lumen/services/system/LibNftables.h"
-#include "lumen/services/system/NetlinkFlows.h"
-#include "lumen/services/system/NetlinkLinks.h"
-#include "lumen/services/system/Processes.h"
+#include "lumen/services/system/netfilter/LibNftables.h"
+#include "lumen/services/system/netfilter/NetlinkFlows.h"
+#include "lumen/services/system/netlink/NetlinkLinks.h"
+#include "lumen/services/system/processes/Processes.h"
 
 namespace lumen {
 

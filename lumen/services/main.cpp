@@ -17,12 +17,12 @@
 #include "lumen/services/Options.h"
 #include "lumen/services/Platform.h"
 #include "lumen/services/supervisor/ServiceFolder.h"
-#include "lumen/services/system/EndSignals.h"
-#include "lumen/services/system/LinuxProcesses.h"
-#include "lumen/services/system/LockFile.h"
-#include "lumen/services/system/PrivateRoot.h"
-#include "lumen/services/system/Privileges.h"
-#include "lumen/services/system/ServiceManager.h"
+#include "lumen/services/system/processes/EndSignals.h"
+#include "lumen/services/system/processes/LinuxProcesses.h"
+#include "lumen/services/system/processes/LockFile.h"
+#include "lumen/services/system/processes/PrivateRoot.h"
+#include "lumen/services/system/processes/Privileges.h"
+#include "lumen/services/system/processes/ServiceManager.h"
 #include "platform/Keys.h"
 
 namespace {

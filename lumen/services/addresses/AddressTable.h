@@ -9,7 +9,7 @@
 
 #include "lumen/services/LocalHandler.h"
 #include "lumen/services/nat/LocalNetworks.h"
-#include "lumen/services/system/Links.h"
+#include "lumen/services/system/netlink/Links.h"
 
 namespace lumen {
 

@@ -10,7 +10,7 @@
 #include "lumen/services/interfaces/InterfaceIds.h"
 #include "lumen/services/interfaces/KeptNames.h"
 #include "lumen/services/interfaces/RouteKeeper.h"
-#include "lumen/services/system/Links.h"
+#include "lumen/services/system/netlink/Links.h"
 #include "platform/Store.h"
 
 namespace lumen {

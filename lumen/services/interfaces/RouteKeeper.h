@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "lumen/services/system/Links.h"
+#include "lumen/services/system/netlink/Links.h"
 #include "platform/Store.h"
 
 namespace lumen {

@@ -5,7 +5,7 @@
 
 #include "lumen/runtime/Clock.h"
 #include "lumen/services/nat/FlowMarks.h"
-#include "lumen/services/system/Flows.h"
+#include "lumen/services/system/netfilter/Flows.h"
 #include "platform/Timer.h"
 
 namespace lumen {

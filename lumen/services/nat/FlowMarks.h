@@ -4,7 +4,7 @@
 #include <string>
 #include <utility>
 
-#include "lumen/services/system/Flows.h"
+#include "lumen/services/system/netfilter/Flows.h"
 
 namespace lumen {
 

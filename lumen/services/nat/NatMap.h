@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "lumen/services/nat/Rule.h"
-#include "lumen/services/system/Nftables.h"
+#include "lumen/services/system/netfilter/Nftables.h"
 
 namespace lumen {
 

@@ -8,7 +8,7 @@
 #include "lumen/services/nat/KnownFields.h"
 #include "lumen/services/nat/NatKeys.h"
 #include "lumen/services/nat/PolicyFile.h"
-#include "lumen/services/system/PlainFile.h"
+#include "lumen/services/system/processes/PlainFile.h"
 
 namespace lumen {
 

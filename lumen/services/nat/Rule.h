@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string>
 
-#include "lumen/services/system/Flows.h"
+#include "lumen/services/system/netfilter/Flows.h"
 
 namespace lumen {
 

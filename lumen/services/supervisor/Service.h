@@ -6,7 +6,7 @@
 #include "lumen/runtime/Clock.h"
 #include "lumen/services/broker/Services.h"
 #include "lumen/services/supervisor/ServiceFile.h"
-#include "lumen/services/system/Processes.h"
+#include "lumen/services/system/processes/Processes.h"
 #include "platform/Timer.h"
 #include "platform/message.h"
 

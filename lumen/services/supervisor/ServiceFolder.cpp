@@ -5,7 +5,7 @@
 #include <optional>
 
 #include "lumen/runtime/Log.h"
-#include "lumen/services/system/PlainFile.h"
+#include "lumen/services/system/processes/PlainFile.h"
 
 namespace lumen {
 

@@ -8,7 +8,7 @@
 #include "lumen/services/broker/Services.h"
 #include "lumen/services/supervisor/Service.h"
 #include "lumen/services/supervisor/ServiceFile.h"
-#include "lumen/services/system/Processes.h"
+#include "lumen/services/system/processes/Processes.h"
 #include "platform/Timer.h"
 
 namespace lumen {

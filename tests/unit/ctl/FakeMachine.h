@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "lumen/ctl/Machine.h"
+#include "lumen/ctl/machine/Machine.h"
 
 namespace lumenctl {
 

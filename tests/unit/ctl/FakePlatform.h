@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "ctl/FakeMachine.h"
-#include "lumen/ctl/Client.h"
+#include "lumen/ctl/router/Client.h"
 #include "platform/message.h"
 
 namespace lumenctl {

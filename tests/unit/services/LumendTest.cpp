@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "lumen/services/system/PrivateRoot.h"
+#include "lumen/services/system/processes/PrivateRoot.h"
 #include "support/PrivateNetwork.h"
 #include "support/Program.h"
 #include "support/RefusedCall.h"

@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "lumen/ctl/Keys.h"
+#include "lumen/ctl/router/Keys.h"
 #include "lumen/runtime/Broker.h"
 #include "lumen/services/addresses/AddressKeys.h"
 #include "lumen/services/broker/BrokerKeys.h"

@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "lumen/services/system/Links.h"
+#include "lumen/services/system/netlink/Links.h"
 
 namespace lumen {
 

@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "lumen/services/nat/LocalNetworks.h"
-#include "lumen/services/system/Flows.h"
-#include "lumen/services/system/Nftables.h"
+#include "lumen/services/system/netfilter/Flows.h"
+#include "lumen/services/system/netfilter/Nftables.h"
 
 namespace lumen::test {
 

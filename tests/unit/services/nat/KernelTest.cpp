@@ -10,8 +10,8 @@
 #include <functional>
 #include <thread>
 
-#include "lumen/services/system/LibNftables.h"
-#include "lumen/services/system/NetlinkFlows.h"
+#include "lumen/services/system/netfilter/LibNftables.h"
+#include "lumen/services/system/netfilter/NetlinkFlows.h"
 #include "services/nat/NatFixture.h"
 #include "services/nat/WanHost.h"
 #include "support/OutputCapture.h"

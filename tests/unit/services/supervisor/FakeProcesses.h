@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "lumen/services/system/Processes.h"
+#include "lumen/services/system/processes/Processes.h"
 
 namespace lumen::test {
 

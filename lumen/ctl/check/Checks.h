@@ -1,0 +1,36 @@
+#pragma once
+
+#include "lumen/ctl/check/Finding.h"
+#include "lumen/ctl/check/Observation.h"
+
+/// The checks of `upnp check`, each a function of what was read.
+namespace lumenctl {
+
+/// What is wrong, in the order in which it should be mended.
+[[nodiscard]] Findings findProblems(const Observation& seen);
+
+/// What could not be looked at, and what that needs.
+[[nodiscard]] std::vector<std::string> notChecked(const Observation& seen);
+
+// The platform and the gateway.
+[[nodiscard]] Findings checkPlatform(const Observation& seen);
+[[nodiscard]] Findings checkGateway(const Observation& seen);
+[[nodiscard]] Findings checkLinks(const std::vector<UsedInterface>& interfaces);
+[[nodiscard]] Findings checkSockets(const std::vector<UsedInterface>& interfaces);
+[[nodiscard]] Findings checkExternalAddress(const std::vector<UsedInterface>& interfaces);
+[[nodiscard]] Findings checkStalePorts(const std::vector<NatRule>& rules);
+[[nodiscard]] Findings checkPolicy(const std::optional<NatPolicy>& policy,
+                                   const std::vector<UsedInterface>& interfaces);
+
+// The machine beside them.
+[[nodiscard]] Findings checkKernel(const std::string& release);
+[[nodiscard]] Findings checkForwarding(const std::optional<bool>& all,
+                                       const std::vector<UsedInterface>& interfaces);
+[[nodiscard]] Findings checkDefaultRoute(bool present,
+                                         const std::vector<UsedInterface>& interfaces);
+[[nodiscard]] Findings checkFirewall(const std::vector<ForwardChain>& chains);
+[[nodiscard]] Findings checkPortUsers(const std::vector<PortUser>& users);
+[[nodiscard]] Findings checkBridgedTraffic(bool filtered,
+                                           const std::vector<UsedInterface>& interfaces);
+
+}  // namespace lumenctl

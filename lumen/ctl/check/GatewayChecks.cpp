@@ -1,0 +1,246 @@
+#include <netinet/in.h>
+
+#include <algorithm>
+
+#include "lumen/ctl/check/Checks.h"
+#include "lumen/ctl/router/Networks.h"
+#include "lumen/ctl/text/Text.h"
+
+namespace lumenctl {
+
+namespace {
+
+bool hasRole(const std::vector<UsedInterface>& interfaces, Role role) {
+  return std::any_of(interfaces.begin(), interfaces.end(),
+                     [role](const UsedInterface& interface) { return interface.role == role; });
+}
+
+/// "wan0, the external interface,"
+std::string called(const UsedInterface& interface) {
+  const char* const article = interface.role == Role::external ? "the " : "an ";
+  return interface.name + ", " + article + roleName(interface.role) + " interface,";
+}
+
+std::string withoutIt(const UsedInterface& interface) {
+  return interface.role == Role::external ? "No port can be opened on it."
+                                          : "Its hosts find no gateway.";
+}
+
+Findings checkRoles(const std::vector<UsedInterface>& interfaces) {
+  const bool external = hasRole(interfaces, Role::external);
+  const bool internal = hasRole(interfaces, Role::internal);
+  if (!external && !internal) {
+    return {{"not-set-up", "The gateway is not set up: it uses no interface.",
+             "Nobody finds a gateway, and no port can be opened.", "lumenctl upnp setup"}};
+  }
+  if (!internal) {
+    return {{"no-internal-interface", "The gateway has no internal interface.", "Nobody finds it.",
+             "lumenctl upnp setup"}};
+  }
+  if (!external) {
+    return {{"no-external-interface", "The gateway has no external interface.",
+             "There is no address that ports can be opened on.", "lumenctl upnp setup"}};
+  }
+  return {};
+}
+
+/// What brings back a service file that is missing.
+std::string fileRemedy(const GatewayFile& file, const std::string& restart) {
+  // dpkg leaves a configuration file that was deleted away, unless it is told otherwise.
+  if (file.packaged) {
+    return "where the file of the package lies: apt-get install --reinstall --option "
+           "Dpkg::Options::=--force-confmiss ./palinode-igd_*.deb && " +
+           restart;
+  }
+  return "where Palinode was built: cp build/etc/services/upnp.ini " + file.path + ", then " +
+         restart;
+}
+
+/// What makes the users that the installation makes, who then own the stores.
+std::string userRemedy(const GatewayFile& file, const std::string& restart) {
+  if (file.packaged) {
+    return "systemd-sysusers palinode.conf && systemd-tmpfiles --create palinode.conf && chown -R "
+           "palinode: /var/lib/lumen/upnp /var/lib/lumen/upnpm && " +
+           restart;
+  }
+  return "systemd-sysusers palinode.conf && chown -R palinode: /lumen/store/upnp "
+         "/lumen/store/upnpm, then " +
+         restart;
+}
+
+Finding notInstalled(const GatewayFile& file, const std::string& consequence) {
+  const std::string restart = file.packaged ? "systemctl restart lumend" : "start lumend again";
+  const std::string subject = "lumend knows no gateway: ";
+  if (!file.present) {
+    return {"gateway-not-installed", subject + "its service file " + file.path + " is missing.",
+            consequence, fileRemedy(file, restart)};
+  }
+  if (file.error == "there is no user \"palinode\"") {
+    return {"gateway-user-missing", subject + "the user palinode, as whom it runs, is missing.",
+            consequence, userRemedy(file, restart)};
+  }
+  if (!file.error.empty()) {
+    return {"gateway-file-wrong",
+            subject + "its service file " + file.path + " is wrong: " + file.error + ".",
+            consequence, "correct the file, then " + restart};
+  }
+  return {
+      "gateway-file-not-read",
+      subject + "it has not taken the service file " + file.path + ", which is right now.",
+      consequence,
+      restart + "; when that does not help, journalctl -u lumend tells why it does not take it"};
+}
+
+/// An external address that hosts on the Internet cannot reach.
+Finding unreachable(const std::string& interface, uint32_t address) {
+  const std::string subject = "The external address " + dotted(address) + " of " + interface;
+  if (isCarrierGrade(address)) {
+    return {"external-address-carrier-grade",
+            subject + " belongs to the provider's own address translation.",
+            "Nobody on the Internet reaches a port that is opened here.",
+            "ask the provider for a public IPv4 address"};
+  }
+  if (isLinkLocal(address)) {
+    return {"external-address-link-local",
+            subject + " is one that " + interface + " gave itself: nobody else gave it any.",
+            "Nobody on the Internet reaches a port that is opened here.",
+            "see why no DHCP server answers on " + interface};
+  }
+  return {"external-address-private",
+          subject + " is private: another router stands between this one and the Internet.",
+          "Nobody on the Internet reaches a port that is opened here, and many programs do not "
+          "even try to open one.",
+          "on that router, forward all ports to " + dotted(address) +
+              ", or let it pass its public address on (bridge mode)"};
+}
+
+}  // namespace
+
+Findings checkPlatform(const Observation& seen) {
+  if (!seen.unreachable.empty()) {
+    return {{"no-platform", seen.unreachable + ".",
+             "Without it no port is open, and what depends on it was not checked. " + seen.logHint,
+             seen.systemd ? "systemctl start lumend" : "start lumend"}};
+  }
+  if (seen.refused.empty()) return {};
+  return {{"platform-refuses", "lumend does not answer: " + seen.refused + ".",
+           "What depends on it was not checked.", "sudo lumenctl upnp check"}};
+}
+
+Findings checkGateway(const Observation& seen) {
+  if (!seen.unreachable.empty() || !seen.refused.empty()) return {};
+  const char* const nobodyFindsIt = "Nobody finds a gateway, and no port can be opened.";
+  switch (seen.gateway.kind) {
+    case GatewayState::Kind::notInstalled:
+      return {notInstalled(seen.gateway.file, nobodyFindsIt)};
+    case GatewayState::Kind::crashed:
+      return {{"gateway-crashed", "The gateway has crashed; lumend starts it again in a while.",
+               nobodyFindsIt, "journalctl -u lumend, which shows why"}};
+    case GatewayState::Kind::silent:
+      return {{"gateway-silent", "The gateway does not answer: " + seen.gateway.detail + ".",
+               nobodyFindsIt, "systemctl restart lumend, which closes the open ports"}};
+    case GatewayState::Kind::off:
+    case GatewayState::Kind::on:
+      break;
+  }
+  Findings findings = checkRoles(seen.interfaces);
+  if (seen.gateway.kind == GatewayState::Kind::off && !seen.interfaces.empty()) {
+    findings.insert(findings.begin(), {"gateway-off", "The gateway is switched off.", nobodyFindsIt,
+                                       "lumenctl upnp settings set enabled=on"});
+  }
+  return findings;
+}
+
+Findings checkLinks(const std::vector<UsedInterface>& interfaces) {
+  Findings findings;
+  for (const UsedInterface& interface : interfaces) {
+    if (interface.state == "away") {
+      findings.push_back({"interface-away",
+                          called(interface) + " is away: there is no link of that name.",
+                          withoutIt(interface),
+                          "see why it is not there, or give another one its role: lumenctl upnp "
+                          "setup"});
+    } else if (interface.state == "down") {
+      findings.push_back({"interface-down", called(interface) + " is switched off.",
+                          withoutIt(interface), "ip link set " + interface.name + " up"});
+    } else if (interface.state == "no link") {
+      findings.push_back({"interface-no-link", called(interface) + " has no link.",
+                          withoutIt(interface),
+                          interface.bridge ? "connect one of the bridge's ports: bridge link"
+                                           : "see whether its cable is plugged in at both ends"});
+    } else if (interface.role == Role::internal && interface.addresses.empty()) {
+      findings.push_back({"internal-address-none", called(interface) + " has no IPv4 address.",
+                          withoutIt(interface), "ip address add ADDRESS/24 dev " + interface.name});
+    }
+    if (interface.role == Role::internal && !interface.multicast) {
+      findings.push_back({"no-multicast",
+                          called(interface) + " is marked as one without multicast.",
+                          "Its hosts may not find the gateway, which they search by multicast.",
+                          "ip link set " + interface.name + " multicast on"});
+    }
+  }
+  return findings;
+}
+
+Findings checkSockets(const std::vector<UsedInterface>& interfaces) {
+  Findings findings;
+  for (const UsedInterface& interface : interfaces) {
+    if (interface.silentPorts.empty()) continue;
+    findings.push_back({"gateway-not-listening",
+                        "The gateway does not listen at " + joined(interface.silentPorts) + " on " +
+                            interface.name + ".",
+                        "Its hosts cannot reach the gateway, which tries to listen only when it "
+                        "starts there (journalctl -t palinode-igd tells why it could not).",
+                        "lumenctl upnp interface set " + interface.name + " --enable"});
+  }
+  return findings;
+}
+
+Findings checkExternalAddress(const std::vector<UsedInterface>& interfaces) {
+  Findings findings;
+  for (const UsedInterface& interface : interfaces) {
+    if (interface.role != Role::external || interface.state != "running") continue;
+    if (interface.addresses.empty()) {
+      findings.push_back({"external-address-none", called(interface) + " has no IPv4 address.",
+                          "There is no address that ports can be opened on.",
+                          "see whether what gives it one is at work (a DHCP client, PPP): ip "
+                          "address show " +
+                              interface.name});
+      continue;
+    }
+    const bool reachable =
+        std::any_of(interface.addresses.begin(), interface.addresses.end(), [](uint32_t address) {
+          return !isPrivate(address) && !isCarrierGrade(address) && !isLinkLocal(address);
+        });
+    if (!reachable) findings.push_back(unreachable(interface.name, interface.addresses.front()));
+  }
+  return findings;
+}
+
+Findings checkStalePorts(const std::vector<NatRule>& rules) {
+  constexpr size_t shownAtMost = 5;
+  std::vector<std::string> ports;
+  std::vector<std::string> addresses;
+  for (const NatRule& rule : rules) {
+    if (rule.state() != "stale") continue;
+    ports.push_back(std::to_string(rule.externalPort) + "/" + rule.protocolName());
+    const std::string address = dotted(rule.externalAddress);
+    if (std::find(addresses.begin(), addresses.end(), address) == addresses.end()) {
+      addresses.push_back(address);
+    }
+  }
+  if (ports.empty()) return {};
+  const size_t count = ports.size();
+  ports.resize(std::min(count, shownAtMost));
+  std::string list = joined(ports);
+  if (count > shownAtMost) list += " and " + std::to_string(count - shownAtMost) + " more";
+  return {{"stale-ports",
+           "This router no longer has the address of some open ports (" + joined(addresses) +
+               "): " + list + ".",
+           "Nobody reaches them until the programs that opened them close and open them again, or "
+           "the address is back.",
+           "restart these programs; for ports that stay, lumenctl upnp settings set enabled=off, "
+           "then enabled=on, closes all"}};
+}
+
+}  // namespace lumenctl

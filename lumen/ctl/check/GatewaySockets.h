@@ -1,0 +1,49 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "lumen/ctl/machine/Machine.h"
+#include "lumen/ctl/machine/SocketTable.h"
+
+namespace lumenctl {
+
+/// A port that the gateway serves its internal interfaces on.
+struct GatewayPort {
+  uint32_t protocol;  ///< IP protocol number
+  uint32_t port;
+  const char* name;  ///< "1900/udp"
+};
+/// SSDP, and the gateway's HTTP server.
+inline constexpr std::array<GatewayPort, 2> gatewayPorts = {
+    {{17, 1900, "1900/udp"}, {6, 2828, "2828/tcp"}}};
+
+/// The user that a process runs as. None when it cannot be seen.
+[[nodiscard]] std::optional<uint32_t> userOf(Machine& machine, uint32_t process);
+
+/// The sockets that the gateway listens on. They are read in its own network namespace; the links
+/// that they are bound to can be seen only when that is also lumenctl's.
+class GatewaySockets {
+ public:
+  /// `process` is the gateway's.
+  GatewaySockets(Machine& machine, uint32_t process);
+
+  /// The ports that the gateway does not listen at on the link with this kernel index. None is
+  /// missing when that cannot be seen. A socket whose link cannot be seen counts for every link.
+  [[nodiscard]] std::vector<std::string> missingOn(uint32_t link) const;
+
+ private:
+  struct Listener {
+    uint32_t protocol;
+    uint32_t port;
+    uint32_t link;  // 0: every one
+  };
+
+  bool visible_ = true;
+  std::vector<Listener> listeners_;
+};
+
+}  // namespace lumenctl

@@ -1,0 +1,76 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "lumen/ctl/machine/PacketFilter.h"
+#include "lumen/ctl/machine/RouteTable.h"
+#include "lumen/ctl/router/Records.h"
+
+namespace lumenctl {
+
+/// The gateway's service file, which tells why lumend knows no gateway.
+struct GatewayFile {
+  std::string path;
+  bool present = false;
+  std::string error;      ///< why lumend does not take it; empty: it does when it starts
+  bool packaged = false;  ///< it came with Debian's package
+};
+
+/// The gateway daemon, as the platform and it itself say.
+struct GatewayState {
+  enum class Kind { on, off, crashed, notInstalled, silent };
+
+  Kind kind = Kind::on;
+  std::string detail;    ///< of silent: why
+  uint32_t process = 0;  ///< 0: none
+  GatewayFile file;      ///< of notInstalled
+};
+
+/// An interface that has a role.
+struct UsedInterface {
+  std::string name;
+  Role role = Role::none;
+  std::string state;                ///< Interface::state()
+  std::vector<uint32_t> addresses;  ///< IPv4, in network byte order
+  std::vector<ConnectedNetwork> networks;
+  bool bridge = false;
+  bool multicast = true;  ///< the link may carry it
+  /// The ports that the gateway should listen at there and does not: "2828/tcp".
+  std::vector<std::string> silentPorts;
+  std::optional<bool> forwards;  ///< packets that arrive there; none: not known
+};
+
+/// Another program at a port that the gateway needs.
+struct PortUser {
+  uint32_t port = 0;
+  uint32_t protocol = 0;  ///< IP protocol number: TCP or UDP
+  uint32_t process = 0;   ///< 0: not to be seen
+  std::string program;    ///< empty: not to be seen
+
+  [[nodiscard]] bool operator==(const PortUser&) const = default;
+};
+
+/// What `upnp check` looks at, as it was read. Parts that could not be read are as they stand here.
+struct Observation {
+  std::string unreachable;  ///< how lumend cannot be reached; empty: it can be
+  std::string logHint;      ///< where lumend's log is; empty: lumend can be reached
+  bool systemd = false;     ///< systemd is what starts lumend
+  std::string refused;      ///< what lumend refused, and why; empty: nothing
+  // What follows up to the rules is empty when lumend did not answer.
+  GatewayState gateway;
+  std::vector<UsedInterface> interfaces;
+  std::vector<NatRule> rules;
+  std::optional<NatPolicy> policy;
+
+  std::string kernel;            ///< its release, "6.1.0-18-amd64"
+  std::optional<bool> forwards;  ///< the sysctl net.ipv4.ip_forward
+  bool defaultRoute = false;
+  bool bridgedIsFiltered = false;  ///< the sysctl net.bridge.bridge-nf-call-iptables
+  std::optional<std::vector<ForwardChain>> chains;  ///< none: they cannot be read
+  std::vector<PortUser> portUsers;
+};
+
+}  // namespace lumenctl

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "lumen/ctl/machine/Machine.h"
+#include "lumen/ctl/screen/Interruption.h"
+
+namespace lumenctl {
+
+/// The machine as it is.
+class LinuxMachine : public Machine {
+ public:
+  [[nodiscard]] std::optional<std::string> read(const std::string& path) override;
+  [[nodiscard]] bool isBridge(const std::string& link) override;
+  [[nodiscard]] bool carriesMulticast(const std::string& link) override;
+  [[nodiscard]] Process ownerOf(uint64_t inode) override;
+  [[nodiscard]] SocketLinks socketLinks() override;
+  [[nodiscard]] std::optional<std::vector<ForwardChain>> forwardChains() override;
+  [[nodiscard]] bool hasTerminal() override;
+  [[nodiscard]] bool showsColours() override;
+  [[nodiscard]] std::unique_ptr<Screen> screen() override;
+  [[nodiscard]] bool pause(uint64_t limit) override;
+  [[nodiscard]] std::optional<std::string> typedLine() override;
+
+ private:
+  std::optional<Interruption> interruption_;  // none until somebody waits
+};
+
+}  // namespace lumenctl

@@ -1,0 +1,170 @@
+#include "lumen/ctl/machine/NftForwardChains.h"
+
+#include <linux/netfilter/nf_conntrack_common.h>
+#include <linux/netfilter/nf_tables.h>
+#include <linux/netfilter/nf_tables_compat.h>
+#include <linux/netfilter/nfnetlink.h>
+#include <netinet/in.h>
+// Behind netinet/in.h, whose types it uses.
+#include <linux/netfilter.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "lumen/services/system/netlink/NetlinkAttributes.h"
+
+namespace lumenctl {
+
+namespace {
+
+using Bytes = std::span<const std::byte>;
+
+/// The attributes in `bytes` by their type.
+std::map<uint32_t, Bytes> attributesOf(Bytes bytes) {
+  std::map<uint32_t, Bytes> found;
+  (void)lumen::visitAttributes(bytes, [&](const nlattr& attribute) {
+    found[mnl_attr_get_type(&attribute)] = lumen::payload(attribute);
+  });
+  return found;
+}
+
+std::string text(Bytes bytes) {
+  const std::string whole(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+  return whole.substr(0, whole.find('\0'));
+}
+
+/// A number as netlink carries it, in network byte order.
+uint32_t number(Bytes bytes) { return ntohl(lumen::readStruct<uint32_t>(bytes).value_or(0)); }
+
+/// A value that is compared with the kernel's own, in this machine's byte order.
+uint32_t hostValue(Bytes data) {
+  return lumen::readStruct<uint32_t>(attributesOf(data)[NFTA_DATA_VALUE]).value_or(0);
+}
+
+/// What a rule does, found by going through its expressions.
+class RuleReader {
+ public:
+  void take(const std::string& expression, Bytes data) {
+    std::map<uint32_t, Bytes> fields = attributesOf(data);
+    const bool wasStatus = std::exchange(loadedStatus_, false);
+    const bool wasMasked = std::exchange(masked_, false);
+    if (expression == "counter") return;
+    if (expression == "immediate") return takeImmediate(fields);
+    if (expression == "reject") return decide(NF_DROP);
+    if (expression == "target") return takeTarget(fields);
+    conditional_ = true;
+    if (expression == "ct") {
+      loadedStatus_ = number(fields[NFTA_CT_KEY]) == NFT_CT_STATUS && fields.count(NFTA_CT_DREG);
+    } else if (expression == "bitwise") {
+      masked_ = wasStatus && (hostValue(fields[NFTA_BITWISE_MASK]) & IPS_DST_NAT) != 0;
+    } else if (expression == "cmp") {
+      openPorts_ |= wasMasked && number(fields[NFTA_CMP_OP]) == NFT_CMP_NEQ &&
+                    hostValue(fields[NFTA_CMP_DATA]) == 0;
+    } else if (expression == "match") {
+      openPorts_ |= matchesOpenPorts(text(fields[NFTA_MATCH_NAME]), number(fields[NFTA_MATCH_REV]),
+                                     fields[NFTA_MATCH_INFO]);
+    }
+  }
+
+  [[nodiscard]] RuleEffect effect() const { return effect_; }
+
+ private:
+  void takeImmediate(std::map<uint32_t, Bytes>& fields) {
+    std::map<uint32_t, Bytes> data = attributesOf(fields[NFTA_IMMEDIATE_DATA]);
+    if (number(fields[NFTA_IMMEDIATE_DREG]) != NFT_REG_VERDICT) return;
+    decide(number(attributesOf(data[NFTA_DATA_VERDICT])[NFTA_VERDICT_CODE]));
+  }
+
+  void takeTarget(std::map<uint32_t, Bytes>& fields) {
+    if (text(fields[NFTA_TARGET_NAME]) == "REJECT") decide(NF_DROP);
+  }
+
+  void decide(uint32_t verdict) {
+    if (verdict == NF_ACCEPT && openPorts_) {
+      effect_ = RuleEffect::acceptsOpenPorts;
+    } else if (verdict == NF_ACCEPT && !conditional_) {
+      effect_ = RuleEffect::acceptsAll;
+    } else if (verdict == NF_DROP && !conditional_) {
+      effect_ = RuleEffect::dropsAll;
+    }
+  }
+
+  bool loadedStatus_ = false;  // the expression before this one has loaded the flow's status
+  bool masked_ = false;        // and that one was masked with IPS_DST_NAT
+  bool conditional_ = false;
+  bool openPorts_ = false;  // holds for what was translated to another destination
+  RuleEffect effect_ = RuleEffect::unknown;
+};
+
+}  // namespace
+
+void NftForwardChains::take(const nlmsghdr& message) {
+  if (NFNL_SUBSYS_ID(message.nlmsg_type) != NFNL_SUBSYS_NFTABLES ||
+      message.nlmsg_len < NLMSG_LENGTH(sizeof(nfgenmsg))) {
+    return;
+  }
+  const Bytes body(static_cast<const std::byte*>(mnl_nlmsg_get_payload(&message)),
+                   mnl_nlmsg_get_payload_len(&message));
+  const uint32_t family = std::to_integer<uint32_t>(body[offsetof(nfgenmsg, nfgen_family)]);
+  if (family != NFPROTO_IPV4 && family != NFPROTO_INET) return;
+  const Bytes attributes = body.subspan(lumen::netlinkAligned(sizeof(nfgenmsg)));
+  const int kind = NFNL_MSG_TYPE(message.nlmsg_type);
+  if (kind == NFT_MSG_NEWCHAIN) takeChain(family, attributes);
+  if (kind == NFT_MSG_NEWRULE) takeRule(family, attributes);
+}
+
+void NftForwardChains::takeChain(uint32_t family, Bytes attributes) {
+  std::map<uint32_t, Bytes> fields = attributesOf(attributes);
+  ForwardChain chain;
+  chain.family = family == NFPROTO_INET ? "inet" : "ip";
+  chain.table = text(fields[NFTA_CHAIN_TABLE]);
+  chain.name = text(fields[NFTA_CHAIN_NAME]);
+  const ChainKey key(family, chain.table, chain.name);
+  if (fields.count(NFTA_CHAIN_HOOK) == 0) {
+    others_[key] = false;
+    return;
+  }
+  if (number(attributesOf(fields[NFTA_CHAIN_HOOK])[NFTA_HOOK_HOOKNUM]) != NF_INET_FORWARD) return;
+  // iptables on top of nf_tables calls its chains so, and does not bear rules that nft has made.
+  if (chain.family == "ip" && chain.table == "filter" && chain.name == "FORWARD") {
+    chain.tool = ForwardChain::Tool::iptables;
+  }
+  if (chain.table == "firewalld") chain.manager = ForwardChain::Manager::firewalld;
+  chain.dropsAtEnd =
+      fields.count(NFTA_CHAIN_POLICY) != 0 && number(fields[NFTA_CHAIN_POLICY]) == NF_DROP;
+  forward_[key] = std::move(chain);
+}
+
+void NftForwardChains::takeRule(uint32_t family, Bytes attributes) {
+  std::map<uint32_t, Bytes> fields = attributesOf(attributes);
+  RuleReader reader;
+  (void)lumen::visitAttributes(fields[NFTA_RULE_EXPRESSIONS], [&](const nlattr& element) {
+    std::map<uint32_t, Bytes> expression = attributesOf(lumen::payload(element));
+    reader.take(text(expression[NFTA_EXPR_NAME]), expression[NFTA_EXPR_DATA]);
+  });
+  const ChainKey key(family, text(fields[NFTA_RULE_TABLE]), text(fields[NFTA_RULE_CHAIN]));
+  if (const auto it = forward_.find(key); it != forward_.end()) {
+    it->second.rules.push_back(reader.effect());
+  } else if (const auto other = others_.find(key); other != others_.end()) {
+    other->second |= reader.effect() == RuleEffect::acceptsOpenPorts;
+  }
+}
+
+std::vector<ForwardChain> NftForwardChains::chains() const {
+  std::vector<ForwardChain> result;
+  for (const auto& [key, chain] : forward_) {
+    result.push_back(chain);
+    for (const auto& [otherKey, accepts] : others_) {
+      if (std::get<0>(otherKey) != std::get<0>(key) || std::get<1>(otherKey) != std::get<1>(key)) {
+        continue;
+      }
+      result.back().acceptsOpenPortsElsewhere |= accepts;
+      if (chain.tool != ForwardChain::Tool::nft && isOfUfw(std::get<2>(otherKey))) {
+        result.back().manager = ForwardChain::Manager::ufw;
+      }
+    }
+  }
+  return result;
+}
+
+}  // namespace lumenctl

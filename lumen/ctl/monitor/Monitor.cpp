@@ -1,0 +1,118 @@
+#include "lumen/ctl/monitor/Monitor.h"
+
+#include "lumen/ctl/monitor/MessageText.h"
+#include "lumen/ctl/text/Text.h"
+#include "lumen/runtime/Fields.h"
+#include "lumen/services/broker/BrokerKeys.h"
+#include "platform/Keys.h"
+
+namespace lumenctl {
+
+namespace {
+
+/// Requests of programs that ended before they were answered stay; so many are kept.
+constexpr size_t mostUnderWay = 4096;
+
+const char* routerHandlerName(uint32_t handler) {
+  switch (handler) {
+    case lm::handler::interfaces:
+      return "interfaces";
+    case lm::handler::addresses:
+      return "addresses";
+    case lm::handler::natRules:
+      return "nat";
+    default:
+      return nullptr;
+  }
+}
+
+}  // namespace
+
+std::string Passed::line() const {
+  std::string result =
+      localTimeOfDay(time) + " " + printable(from) + " -> " + printable(to) + ": " + kind;
+  if (!command.empty()) result += (kind == "reply" || kind == "error" ? " to " : " ") + command;
+  if (kind == "error") result += ": " + quoted(error);
+  const std::string fields = onOneLine(decoded(message, subject));
+  if (!fields.empty()) result += " " + fields;
+  if (cut) result += " (not shown whole)";
+  return result;
+}
+
+Json Passed::json() const {
+  Json result = {
+      {"time", static_cast<double>(time) / 1000}, {"from", from}, {"to", to}, {"kind", kind}};
+  if (!command.empty()) result["command"] = command;
+  if (kind == "error") result["error"] = error;
+  result["fields"] = decoded(message, subject);
+  if (cut) result["cut"] = true;
+  return result;
+}
+
+Monitor::Monitor(const std::vector<Service>& services)
+    : names_{{lm::service::broker, "broker"},
+             {lm::service::identity, "identity"},
+             {lm::service::history, "history"},
+             {lumen::monitor::everybody, "all"}} {
+  for (const Service& service : services) names_.emplace(service.number, service.name);
+}
+
+std::string Monitor::nameOf(uint32_t number, uint32_t handler) const {
+  if (number == lm::service::interfaces && routerHandlerName(handler) != nullptr) {
+    return routerHandlerName(handler);
+  }
+  std::string name;
+  const auto known = names_.find(number);
+  if (known != names_.end()) {
+    name = known->second;
+  } else if (number > lumen::monitor::anonymous) {
+    name = "connection " + std::to_string(number - lumen::monitor::anonymous);
+  } else {
+    name = "service " + std::to_string(number);
+  }
+  return handler == 0 ? name : name + "/" + std::to_string(handler);
+}
+
+Passed Monitor::read(const lm::message& shown, uint64_t time) {
+  const uint32_t from = shown.get_u32(lumen::monitorkey::from);
+  const uint32_t to = shown.get_u32(lumen::monitorkey::to);
+  Passed passed;
+  passed.time = time;
+  passed.message = shown.get_message(lumen::monitorkey::message);
+  passed.cut = shown.get_bool(lumen::monitorkey::cut);
+  passed.from = nameOf(from);
+  passed.to = nameOf(to);
+  const lm::message& m = passed.message;
+  const uint32_t serial = m.get_u32(lm::key::serial);
+  const uint32_t command = m.get_u32(lm::key::command);
+  Subject& subject = passed.subject;
+  subject.service = from;
+  if (m.get_bool(lm::key::isReply)) {
+    passed.kind = lm::isError(m) ? "error" : "reply";
+    passed.error = lm::getError(m);
+    const auto request = underWay_.find({to, serial});
+    if (request != underWay_.end()) {
+      subject = request->second.subject;
+      passed.command = commandName(subject, request->second.command);
+      if (from == subject.service) passed.from = nameOf(from, subject.handler);
+      underWay_.erase(request);
+    }
+  } else if (to == lumen::monitor::everybody) {
+    passed.kind = "notification";
+    subject = Subject::of(m.get_u32_array_ref(lm::key::source));
+    passed.from = nameOf(from, subject.handler);
+    if (command != 0) passed.command = commandName(subject, command);
+  } else if (m.get_u32_array_ref(lm::key::destination).empty()) {
+    passed.kind = "message";
+  } else {
+    passed.kind = "request";
+    subject = Subject::of(m.get_u32_array_ref(lm::key::destination));
+    passed.to = nameOf(to, subject.handler);
+    if (command != 0) passed.command = commandName(subject, command);
+    if (underWay_.size() >= mostUnderWay) underWay_.clear();
+    underWay_[{from, serial}] = {subject, command};
+  }
+  return passed;
+}
+
+}  // namespace lumenctl

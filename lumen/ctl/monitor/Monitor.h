@@ -1,0 +1,59 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "lumen/ctl/Session.h"
+#include "lumen/ctl/monitor/MessageNames.h"
+#include "lumen/ctl/router/Records.h"
+#include "platform/message.h"
+
+namespace lumenctl {
+
+/// A message that passed between programs, in words.
+struct Passed {
+  /// On one line, behind the time of day.
+  [[nodiscard]] std::string line() const;
+  [[nodiscard]] Json json() const;
+
+  uint64_t time = 0;  ///< milliseconds since 1970
+  std::string from;
+  std::string to;
+  std::string kind;     ///< "request", "reply", "error", "notification"; "message": not known
+  std::string command;  ///< of a reply that of its request; empty: not known
+  Subject subject;      ///< what it is about
+  lm::message message;
+  std::string error;  ///< the text of an error
+  bool cut = false;   ///< it was too long or too deep to be shown whole
+};
+
+/// Reads what the broker shows of what passes. It remembers the requests under way, since a reply
+/// does not say what it answers.
+class Monitor {
+ public:
+  explicit Monitor(const std::vector<Service>& services);
+
+  /// `shown` has the fields of lumen::monitorkey; `time` is in milliseconds since 1970.
+  [[nodiscard]] Passed read(const lm::message& shown, uint64_t time);
+
+  /// How many requests it remembers.
+  [[nodiscard]] size_t underWay() const { return underWay_.size(); }
+
+ private:
+  struct Request {
+    Subject subject;
+    uint32_t command = 0;
+  };
+
+  [[nodiscard]] std::string nameOf(uint32_t number, uint32_t handler = 0) const;
+
+  std::map<uint32_t, std::string> names_;  // of services
+  /// By the number of the requester and its serial.
+  std::map<std::pair<uint32_t, uint32_t>, Request> underWay_;
+};
+
+}  // namespace lumenctl

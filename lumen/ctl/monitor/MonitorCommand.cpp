@@ -1,0 +1,45 @@
+#include <CLI/App.hpp>
+#include <chrono>
+#include <ostream>
+
+#include "lumen/ctl/Commands.h"
+#include "lumen/ctl/Help.h"
+#include "lumen/ctl/monitor/Monitor.h"
+#include "lumen/ctl/text/Errors.h"
+
+namespace lumenctl {
+
+namespace {
+
+uint64_t millisecondsSince1970() {
+  using std::chrono::duration_cast, std::chrono::milliseconds, std::chrono::system_clock;
+  const auto now = system_clock::now().time_since_epoch();
+  return static_cast<uint64_t>(duration_cast<milliseconds>(now).count());
+}
+
+void monitor(Session& session) {
+  Router& router = session.router();
+  Monitor monitor(router.services());
+  router.startMonitoring();
+  while (const std::optional<lm::message> shown = router.nextShown()) {
+    const Passed passed = monitor.read(*shown, millisecondsSince1970());
+    if (session.json) {
+      session.printLine(passed.json());
+    } else {
+      session.out() << passed.line() << '\n' << std::flush;
+    }
+    if (!session.out()) throw Refused("standard output cannot be written");
+  }
+}
+
+}  // namespace
+
+void addMonitorCommand(CLI::App& app, Session& session) {
+  CLI::App* command = app.add_subcommand(
+      "monitor", "show each message between the router's programs as it passes, until Ctrl-C");
+  addExamples(*command, {{"monitor", "watch them"},
+                         {"monitor --json > messages", "keep them, an object on each line"}});
+  command->callback([&session] { monitor(session); });
+}
+
+}  // namespace lumenctl

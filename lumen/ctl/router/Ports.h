@@ -1,0 +1,14 @@
+#pragma once
+
+#include <vector>
+
+#include "lumen/ctl/Session.h"
+#include "lumen/ctl/text/Table.h"
+
+/// Open ports as the commands show them, in rising order of port.
+namespace lumenctl {
+
+[[nodiscard]] Json portsAsJson(std::vector<NatRule> rules);
+[[nodiscard]] Table portsAsTable(std::vector<NatRule> rules);
+
+}  // namespace lumenctl

@@ -1,0 +1,153 @@
+#include "lumen/ctl/router/Records.h"
+
+#include <netinet/in.h>
+
+#include "lumen/ctl/router/Keys.h"
+#include "lumen/ctl/text/Text.h"
+#include "lumen/runtime/Fields.h"
+#include "lumen/services/addresses/AddressKeys.h"
+#include "lumen/services/broker/BrokerKeys.h"
+#include "lumen/services/history/HistoryKeys.h"
+#include "lumen/services/interfaces/InterfaceKeys.h"
+#include "lumen/services/nat/NatKeys.h"
+#include "platform/Keys.h"
+
+namespace lumenctl {
+
+namespace {
+
+Role toRole(uint32_t value) {
+  switch (value) {
+    case static_cast<uint32_t>(Role::external):
+      return Role::external;
+    case static_cast<uint32_t>(Role::internal):
+      return Role::internal;
+    default:
+      return Role::none;
+  }
+}
+
+std::optional<uint64_t> numberIfTold(const lm::message& record, uint32_t key) {
+  if (record.fields().find(key) == nullptr) return std::nullopt;
+  return record.get_u64(key);
+}
+
+}  // namespace
+
+std::string roleName(Role role) {
+  switch (role) {
+    case Role::external:
+      return "external";
+    case Role::internal:
+      return "internal";
+    case Role::none:
+      break;
+  }
+  return {};
+}
+
+Interface::Interface(const lm::message& record)
+    : id(record.get_u32(lm::key::objectId)),
+      name(record.get_string(lumen::interfaces::key::name)),
+      role(toRole(record.get_u32(lumen::interfaces::key::role))),
+      hardwareType(record.get_u32(lumen::interfaces::key::hardwareType)),
+      index(record.get_u32(lumen::interfaces::key::index)),
+      disabled(record.get_bool(lm::key::disabled)),
+      running(record.get_bool(lumen::interfaces::key::running)) {}
+
+std::string Interface::state() const {
+  if (isAway()) return "away";
+  if (disabled) return "down";
+  return running ? "running" : "no link";
+}
+
+Counters::Counters(const lm::message& record)
+    : bytesReceived(record.get_u64(lumen::interfaces::key::bytesReceived)),
+      bytesSent(record.get_u64(lumen::interfaces::key::bytesSent)),
+      packetsReceived(record.get_u64(lumen::interfaces::key::packetsReceived)),
+      packetsSent(record.get_u64(lumen::interfaces::key::packetsSent)) {}
+
+Address::Address(const lm::message& record)
+    : id(record.get_u32(lm::key::objectId)),
+      interfaceId(record.get_u32(lumen::addresses::key::interface)),
+      address(record.get_be32(lumen::addresses::key::address)),
+      disabled(record.get_bool(lm::key::disabled)) {}
+
+std::vector<std::string> addressesOf(uint32_t interfaceId, const std::vector<Address>& addresses) {
+  std::vector<std::string> result;
+  for (const Address& address : addresses) {
+    if (address.interfaceId == interfaceId) result.push_back(dotted(address.address));
+  }
+  return result;
+}
+
+NatRule::NatRule(const lm::message& record)
+    : id(record.get_u32(lm::key::objectId)),
+      externalAddress(record.get_be32(lumen::nat::key::addressFirst)),
+      externalPort(record.get_u32(lumen::nat::key::portFirst)),
+      protocol(record.get_u32(lumen::nat::key::protocol)),
+      internalClient(record.get_be32(lumen::nat::key::clientFirst)),
+      internalPort(record.get_u32(lumen::nat::key::clientPortFirst)),
+      disabled(record.get_bool(lm::key::disabled)),
+      closed(record.get_bool(lumen::nat::key::closed)),
+      stale(record.get_bool(lumen::nat::key::stale)),
+      owner(record.get_string(lumen::nat::key::owner)),
+      secondsOpen(record.get_u64(lumen::nat::key::seconds)),
+      connections(numberIfTold(record, lumen::nat::key::connections)),
+      uses(numberIfTold(record, lumen::nat::key::uses)) {}
+
+std::string NatRule::protocolName() const {
+  if (protocol == IPPROTO_TCP) return "tcp";
+  if (protocol == IPPROTO_UDP) return "udp";
+  return std::to_string(protocol);
+}
+
+std::string NatRule::state() const {
+  if (closed) return "closed";
+  if (disabled) return "disabled";
+  return stale ? "stale" : "open";
+}
+
+NatPolicy::NatPolicy(const lm::message& record)
+    : externalPorts(record.get_string(lumen::nat::key::externalPorts)),
+      internalClients(record.get_string(lumen::nat::key::internalClients)),
+      maxRules(record.get_u32(lumen::nat::key::maxRules)),
+      maxRulesPerClient(record.get_u32(lumen::nat::key::maxRulesPerClient)) {}
+
+Change::Change(const lm::message& record)
+    : id(record.get_u32(lm::key::objectId)),
+      time(record.get_u64(lumen::history::key::time)),
+      text(record.get_string(lumen::history::key::text)) {
+  const std::vector<uint32_t>& path = record.get_u32_array_ref(lumen::history::key::path);
+  if (!path.empty()) service = path[0];
+  if (path.size() > 1) handler = path[1];
+  const lm::message message = record.get_message(lumen::history::key::undo);
+  undoCommand = message.get_u32(lm::key::command);
+  undo = lm::withoutTransportFields(message);
+}
+
+Service::Service(const lm::message& record)
+    : number(record.get_u32(lumen::servicekey::number)),
+      name(record.get_string(lumen::servicekey::name)),
+      state(record.get_string(lumen::servicekey::state)),
+      pid(record.get_u32(lumen::servicekey::pid)),
+      restarts(record.get_u32(lumen::servicekey::restarts)),
+      nextStart(record.get_u64(lumen::servicekey::nextStart)) {}
+
+GatewayObject::GatewayObject(const lm::message& record) : id(record.get_u32(lm::key::objectId)) {
+  apply(record);
+}
+
+void GatewayObject::apply(const lm::message& record) {
+  disabled = record.get_bool(lm::key::disabled, disabled);
+  interfaceId = record.get_u32(gatewaykey::interface, interfaceId);
+  role = toRole(record.get_u32(gatewaykey::type, static_cast<uint32_t>(role)));
+}
+
+void Settings::apply(const lm::message& record) {
+  enabled = record.get_bool(settingskey::enabled, enabled);
+  allowDisableExternal = record.get_bool(settingskey::allowDisableExternal, allowDisableExternal);
+  showDummyRule = record.get_bool(settingskey::showDummyRule, showDummyRule);
+}
+
+}  // namespace lumenctl

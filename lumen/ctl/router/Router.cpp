@@ -1,0 +1,201 @@
+#include "lumen/ctl/router/Router.h"
+
+#include <utility>
+
+#include "lumen/ctl/router/Keys.h"
+#include "lumen/ctl/text/Errors.h"
+#include "lumen/services/broker/BrokerKeys.h"
+#include "lumen/services/interfaces/InterfaceKeys.h"
+#include "lumen/services/nat/NatKeys.h"
+#include "platform/Keys.h"
+
+namespace lumenctl {
+
+namespace {
+
+using Path = std::vector<uint32_t>;
+
+const Path brokerPath = {lm::service::broker};
+const Path interfacesPath = {lm::service::interfaces, lm::handler::interfaces};
+const Path addressesPath = {lm::service::interfaces, lm::handler::addresses};
+const Path natRulesPath = {lm::service::interfaces, lm::handler::natRules};
+const Path identityPath = {lm::service::identity};
+const Path historyPath = {lm::service::history};
+const Path gatewayPath = {Router::gatewayService, 0};
+
+template <typename T>
+std::vector<T> decoded(const std::vector<lm::message>& records) {
+  return {records.begin(), records.end()};
+}
+
+lm::message withId(uint32_t id) {
+  lm::message request;
+  request.insert_u32(lm::key::objectId, id);
+  return request;
+}
+
+void insertFields(lm::message& request, const GatewayObject& object) {
+  request.insert_bool(lm::key::disabled, object.disabled);
+  request.insert_u32(gatewaykey::interface, object.interfaceId);
+  request.insert_u32(gatewaykey::type, static_cast<uint32_t>(object.role));
+}
+
+/// What a client that has no answer gives in place of one.
+bool isSilence(const std::string& error) {
+  return error == "no answer in time" || error == "connection ended";
+}
+
+[[noreturn]] void refuse(const lm::message& reply) {
+  const std::string error = lm::getError(reply);
+  if (isSilence(error)) throw PlatformSilent(error);
+  throw Refused(error);
+}
+
+}  // namespace
+
+lm::message Router::exchange(const Path& destination, uint32_t command, lm::message request) {
+  const uint32_t limit = destination == gatewayPath ? gatewayLimit_ : usualLimit;
+  lm::message reply = client_.exchange(destination, command, std::move(request), limit);
+  if (lm::isError(reply)) refuse(reply);
+  return reply;
+}
+
+std::vector<lm::message> Router::table(const Path& destination, uint32_t command) {
+  std::vector<lm::message> records;
+  std::optional<uint32_t> cursor;
+  do {
+    lm::message request;
+    if (cursor) request.insert_u32(lm::key::cursor, *cursor);
+    const lm::message page = exchange(destination, command, std::move(request));
+    const auto& pageRecords = page.get_message_array_ref(lm::key::records);
+    records.insert(records.end(), pageRecords.begin(), pageRecords.end());
+    const uint32_t next = page.get_u32(lm::key::cursor, lm::none);
+    if (cursor && next <= *cursor) throw Refused("the table's pages do not end");
+    cursor = next;
+  } while (*cursor != lm::none);
+  return records;
+}
+
+std::vector<Interface> Router::interfaces() {
+  return decoded<Interface>(table(interfacesPath, lm::cmd::list));
+}
+
+Interface Router::interfaceNamed(const std::string& name) {
+  for (const Interface& candidate : interfaces()) {
+    if (candidate.name == name) return candidate;
+  }
+  throw Refused("there is no interface '" + name + "'");
+}
+
+Counters Router::counters(uint32_t interfaceId) {
+  return Counters(exchange(interfacesPath, lm::cmd::readObject, withId(interfaceId)));
+}
+
+uint32_t Router::keep(const std::string& name, Role role) {
+  lm::message request;
+  request.insert_string(lumen::interfaces::key::name, name);
+  request.insert_u32(lumen::interfaces::key::role, static_cast<uint32_t>(role));
+  const lm::message reply = exchange(interfacesPath, lm::cmd::addObject, std::move(request));
+  return reply.get_u32(lm::key::objectId);
+}
+
+void Router::forget(uint32_t interfaceId) {
+  exchange(interfacesPath, lm::cmd::removeObject, withId(interfaceId));
+}
+
+std::vector<Address> Router::addresses() {
+  return decoded<Address>(table(addressesPath, lm::cmd::readAll));
+}
+
+std::vector<NatRule> Router::rules() {
+  return decoded<NatRule>(table(natRulesPath, lm::cmd::readAll));
+}
+
+void Router::closeRule(uint32_t id) {
+  lm::message request = withId(id);
+  request.insert_bool(lumen::nat::key::closed, true);
+  exchange(natRulesPath, lm::cmd::setObject, std::move(request));
+}
+
+NatPolicy Router::policy() { return NatPolicy(exchange(natRulesPath, lm::cmd::get)); }
+
+void Router::changePolicy(const NatPolicyChange& change) {
+  namespace key = lumen::nat::key;
+  lm::message request;
+  if (change.reset) request.insert_bool(key::reset, true);
+  if (change.reload) request.insert_bool(key::reload, true);
+  if (change.externalPorts) request.insert_string(key::externalPorts, *change.externalPorts);
+  if (change.internalClients) request.insert_string(key::internalClients, *change.internalClients);
+  if (change.maxRules) request.insert_u32(key::maxRules, *change.maxRules);
+  if (change.maxRulesPerClient) {
+    request.insert_u32(key::maxRulesPerClient, *change.maxRulesPerClient);
+  }
+  exchange(natRulesPath, lm::cmd::set, std::move(request));
+}
+
+std::vector<Service> Router::services() {
+  const lm::message reply = exchange(brokerPath, lumen::brokercmd::services);
+  return decoded<Service>(reply.get_message_array_ref(lm::key::records));
+}
+
+std::string Router::identity() {
+  return exchange(identityPath, lm::cmd::get).get_string(identitykey::text);
+}
+
+std::vector<Change> Router::history() {
+  return decoded<Change>(table(historyPath, lm::cmd::readAll));
+}
+
+void Router::undo(const Change& change) {
+  exchange({change.service, change.handler}, change.undoCommand, change.undo);
+}
+
+void Router::removeFromHistory(uint32_t id) {
+  exchange(historyPath, lm::cmd::removeObject, withId(id));
+}
+
+void Router::startMonitoring() {
+  lm::message request;
+  request.insert_bool(lumen::monitorkey::on, true);
+  exchange(brokerPath, lumen::brokercmd::monitor, std::move(request));
+}
+
+std::optional<lm::message> Router::nextShown() {
+  while (true) {
+    std::optional<lm::message> next = client_.notification();
+    if (next && lm::isError(*next)) throw Refused(lm::getError(*next));
+    if (!next || next->get_u32(lm::key::command) == lumen::brokercmd::monitor) return next;
+  }
+}
+
+Settings Router::settings() { return Settings(exchange(gatewayPath, lm::cmd::get)); }
+
+void Router::writeSettings(const Settings& settings) {
+  lm::message request;
+  request.insert_bool(settingskey::enabled, settings.enabled);
+  request.insert_bool(settingskey::allowDisableExternal, settings.allowDisableExternal);
+  request.insert_bool(settingskey::showDummyRule, settings.showDummyRule);
+  exchange(gatewayPath, lm::cmd::set, std::move(request));
+}
+
+std::vector<GatewayObject> Router::gatewayObjects() {
+  return decoded<GatewayObject>(table(gatewayPath, lm::cmd::readAll));
+}
+
+void Router::addGatewayObject(const GatewayObject& object) {
+  lm::message request;
+  insertFields(request, object);
+  exchange(gatewayPath, lm::cmd::addObject, std::move(request));
+}
+
+void Router::setGatewayObject(const GatewayObject& object) {
+  lm::message request = withId(object.id);
+  insertFields(request, object);
+  exchange(gatewayPath, lm::cmd::setObject, std::move(request));
+}
+
+void Router::removeGatewayObject(uint32_t id) {
+  exchange(gatewayPath, lm::cmd::removeObject, withId(id));
+}
+
+}  // namespace lumenctl

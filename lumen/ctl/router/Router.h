@@ -1,0 +1,80 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "lumen/ctl/router/Client.h"
+#include "lumen/ctl/router/Records.h"
+
+namespace lumenctl {
+
+/// The router's services as calls. Each throws Refused with the platform's text when the platform
+/// answers with an error.
+class Router {
+ public:
+  /// The service number of the gateway daemon.
+  static constexpr uint32_t gatewayService = 40;
+
+  /// `client` must outlive this.
+  explicit Router(Client& client) : client_(client) {}
+
+  // Interfaces and addresses.
+  [[nodiscard]] std::vector<Interface> interfaces();
+  /// The one with this name; throws Refused when there is none.
+  [[nodiscard]] Interface interfaceNamed(const std::string& name);
+  [[nodiscard]] Counters counters(uint32_t interfaceId);
+  /// Keeps the interface name with its role, whether there is a link of that name or not. Returns
+  /// its id.
+  uint32_t keep(const std::string& name, Role role);
+  void forget(uint32_t interfaceId);
+  [[nodiscard]] std::vector<Address> addresses();
+
+  // Open ports.
+  [[nodiscard]] std::vector<NatRule> rules();
+  void closeRule(uint32_t id);
+  [[nodiscard]] NatPolicy policy();
+  void changePolicy(const NatPolicyChange& change);
+
+  // Programs.
+  [[nodiscard]] std::vector<Service> services();
+  [[nodiscard]] std::string identity();
+
+  // What was changed, the newest last.
+  [[nodiscard]] std::vector<Change> history();
+  /// Takes the change back. It stays in the history.
+  void undo(const Change& change);
+  void removeFromHistory(uint32_t id);
+
+  // What programs say to each other.
+  void startMonitoring();
+  /// Waits for the next message that passes; it has the fields of lumen::monitorkey. None
+  /// when Client::notification gives none.
+  [[nodiscard]] std::optional<lm::message> nextShown();
+
+  // The gateway; each of these starts it when it does not run.
+  /// From now on they wait no longer than `limit` milliseconds for an answer.
+  void waitForGateway(uint32_t limit) { gatewayLimit_ = limit; }
+  [[nodiscard]] Settings settings();
+  void writeSettings(const Settings& settings);
+  [[nodiscard]] std::vector<GatewayObject> gatewayObjects();
+  void addGatewayObject(const GatewayObject& object);
+  void setGatewayObject(const GatewayObject& object);
+  void removeGatewayObject(uint32_t id);
+
+ private:
+  lm::message exchange(const std::vector<uint32_t>& destination, uint32_t command,
+                       lm::message request = {});
+  /// Every record of a table, page by page.
+  std::vector<lm::message> table(const std::vector<uint32_t>& destination, uint32_t command);
+
+  /// How long an answer may take, in milliseconds: the gateway may have to be started first (5 s),
+  /// and may itself wait for the platform (6 s).
+  static constexpr uint32_t usualLimit = 15000;
+
+  Client& client_;
+  uint32_t gatewayLimit_ = usualLimit;
+};
+
+}  // namespace lumenctl

@@ -1,0 +1,63 @@
+#include "lumen/ctl/router/SocketClient.h"
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "lumen/runtime/SocketTransport.h"
+#include "platform/Keys.h"
+
+namespace lumenctl {
+
+namespace {
+
+/// A package binds the first over the second for its services only.
+constexpr std::array<const char*, 2> ownSockets = {"/run/lumen/lumen.sock", lm::socketPath};
+
+}  // namespace
+
+std::unique_ptr<Client> SocketClient::connect(const std::string& root, std::string& why) {
+  std::vector<std::string> paths(ownSockets.begin(), ownSockets.end());
+  if (!root.empty()) paths = {root + "/run/lumen.sock"};
+  for (const std::string& path : paths) {
+    auto transport = lm::SocketTransport::connect(path);
+    if (transport) return std::make_unique<SocketClient>(std::move(transport));
+    const int error = errno;
+    if (!why.empty()) why += "; ";
+    why += path + ": " + std::strerror(error);
+  }
+  why = "lumend does not answer (" + why + ")";
+  return nullptr;
+}
+
+SocketClient::SocketClient(std::unique_ptr<lm::Transport> transport)
+    : connection_(clock_, std::move(transport)) {}
+
+lm::message SocketClient::exchange(const std::vector<uint32_t>& destination, uint32_t command,
+                                   lm::message request, uint32_t limit) {
+  request.insert_u32_array(lm::key::destination, destination);
+  lm::message reply = connection_.exchange(std::move(request), command, limit);
+  const bool refused = connection_.ended() && !lm::getError(reply).empty();
+  if (refused && !answered_) {
+    // What lumend does with whoever has no rights.
+    return lm::errorMsg(lm::errorRefused,
+                        "connection ended: lumend answers root and the group lumen only");
+  }
+  answered_ = true;
+  return reply;
+}
+
+std::optional<lm::message> SocketClient::notification() {
+  if (!interruption_) interruption_.emplace();
+  while (true) {
+    connection_.progress();
+    const bool ready = connection_.arrived() > 0 || connection_.ended();
+    if (interruption_->wait(connection_.fd(), ready ? 0 : -1)) return std::nullopt;
+    if (auto arrived = connection_.take()) return arrived;
+    if (connection_.ended())
+      return lm::errorMsg(lm::errorRefused, "the platform has ended the connection");
+  }
+}
+
+}  // namespace lumenctl

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "lumen/ctl/router/Client.h"
+#include "lumen/ctl/screen/Interruption.h"
+#include "lumen/runtime/Clock.h"
+#include "lumen/runtime/Connection.h"
+
+namespace lumenctl {
+
+/// The platform at the other end of its socket.
+class SocketClient : public Client {
+ public:
+  /// Connects to the platform that lumend --root `root` runs; empty: to the machine's own. Null
+  /// when nobody answers there, and then `why` says so.
+  [[nodiscard]] static std::unique_ptr<Client> connect(const std::string& root, std::string& why);
+
+  explicit SocketClient(std::unique_ptr<lm::Transport> transport);
+
+  [[nodiscard]] lm::message exchange(const std::vector<uint32_t>& destination, uint32_t command,
+                                     lm::message request, uint32_t limit) override;
+  [[nodiscard]] std::optional<lm::message> notification() override;
+
+ private:
+  lm::SystemClock clock_;
+  lm::Connection connection_;
+  bool answered_ = false;                     // to anything yet
+  std::optional<Interruption> interruption_;  // none until notifications are waited for
+};
+
+}  // namespace lumenctl

@@ -1,0 +1,35 @@
+#include "lumen/ctl/screen/Interruption.h"
+
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <string>
+
+#include "lumen/ctl/text/Errors.h"
+
+namespace lumenctl {
+
+Interruption::Interruption() {
+  sigset_t ending;
+  sigemptyset(&ending);
+  sigaddset(&ending, SIGINT);
+  sigaddset(&ending, SIGTERM);
+  signals_.reset(signalfd(-1, &ending, SFD_CLOEXEC));
+  if (!signals_.valid()) throw Refused(std::string("signalfd: ") + strerror(errno));
+  sigprocmask(SIG_BLOCK, &ending, nullptr);
+}
+
+bool Interruption::wait(int fd, int limit) const {
+  // A pipe that nobody reads any more reports an error without being asked for events.
+  std::array<pollfd, 3> watched = {
+      {{signals_.get(), POLLIN, 0}, {STDOUT_FILENO, 0, 0}, {fd, POLLIN, 0}}};
+  if (poll(watched.data(), watched.size(), limit) <= 0) return false;
+  return watched[0].revents != 0 || watched[1].revents != 0;
+}
+
+}  // namespace lumenctl

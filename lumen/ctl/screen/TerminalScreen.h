@@ -1,0 +1,33 @@
+#pragma once
+
+#include <csignal>
+
+#include "lumen/ctl/screen/Screen.h"
+
+namespace lumenctl {
+
+/// The terminal at standard output, its other screen. There is one of these at a time. A signal
+/// that asks the program to end ends it at once, with status 0, and leaves the terminal as it was.
+class TerminalScreen : public Screen {
+ public:
+  TerminalScreen();
+  TerminalScreen(const TerminalScreen&) = delete;
+  TerminalScreen& operator=(const TerminalScreen&) = delete;
+  ~TerminalScreen() override;
+
+  /// 80 by 24 when the terminal does not know.
+  [[nodiscard]] Size size() override;
+  /// As the locale in the environment says.
+  [[nodiscard]] bool showsUtf8() override;
+  void draw(const std::vector<std::string>& lines) override;
+  /// Somebody wants to see no more when q is typed.
+  [[nodiscard]] Event wait(uint64_t limit) override;
+
+ private:
+  [[nodiscard]] bool endTyped();
+
+  sigset_t whileWaiting_{};  // the signals that are blocked then; at other times SIGWINCH too
+  bool hasKeys_;             // standard input is a terminal
+};
+
+}  // namespace lumenctl

@@ -1,0 +1,138 @@
+#include <CLI/App.hpp>
+#include <algorithm>
+#include <memory>
+#include <optional>
+#include <ostream>
+
+#include "lumen/ctl/Commands.h"
+#include "lumen/ctl/Help.h"
+#include "lumen/ctl/commands/Arguments.h"
+#include "lumen/ctl/machine/Machine.h"
+#include "lumen/ctl/setup/SetupProposal.h"
+#include "lumen/ctl/setup/UpnpSetup.h"
+#include "lumen/ctl/text/Errors.h"
+#include "lumen/ctl/text/Table.h"
+#include "lumen/ctl/text/Text.h"
+
+namespace lumenctl {
+
+namespace {
+
+constexpr uint32_t ethernetType = 1;  // ARPHRD_ETHER
+
+struct Arguments {
+  std::vector<std::string> internal;  ///< empty: to be proposed
+  std::string external;               ///< the same
+  bool yes = false;                   ///< do not ask
+  bool allowMissing = false;          ///< of interfaces that are not there now too
+};
+
+std::vector<std::string> namesIn(const Arguments& arguments) {
+  std::vector<std::string> names = arguments.internal;
+  if (!arguments.external.empty()) names.push_back(arguments.external);
+  return names;
+}
+
+std::vector<Candidate> readCandidates(Session& session, const std::vector<Interface>& interfaces) {
+  const std::vector<Address> addresses = session.router().addresses();
+  std::vector<Candidate> candidates;
+  for (const Interface& interface : interfaces) {
+    Candidate candidate;
+    candidate.name = interface.name;
+    candidate.ethernet = interface.hardwareType == ethernetType;
+    candidate.bridge = session.machine().isBridge(interface.name);
+    for (const Address& address : addresses) {
+      if (address.interfaceId == interface.id) candidate.addresses.push_back(address.address);
+    }
+    candidates.push_back(std::move(candidate));
+  }
+  return candidates;
+}
+
+/// What would set the router up like that without a question.
+std::string commandLine(const Session& session, const Arguments& arguments,
+                        const Proposal& proposal) {
+  std::string line = "lumenctl";
+  if (!session.root.empty()) line += " --root " + session.root;
+  line += " upnp setup --internal";
+  for (const std::string& name : proposal.internalNames()) line += " " + name;
+  line += " --external " + proposal.external.name;
+  return arguments.allowMissing ? line + " --allow-missing" : line;
+}
+
+void show(Session& session, const Proposal& proposal, const std::vector<Interface>& interfaces) {
+  std::ostream& out = session.out();
+  out << "As this router's routes and addresses look:\n\n";
+  Table table({"INTERFACE", "ROLE", "WHY"});
+  std::vector<std::string> named = {proposal.external.name};
+  for (const Proposal::Part& part : proposal.internal) {
+    table.add({part.name, roleName(Role::internal), part.reason});
+    named.push_back(part.name);
+  }
+  table.add({proposal.external.name, roleName(Role::external), proposal.external.reason});
+  for (const Interface& interface : interfaces) {
+    if (interface.role == Role::none) continue;
+    if (std::find(named.begin(), named.end(), interface.name) != named.end()) continue;
+    table.add({interface.name, "none", roleName(interface.role) + " so far"});
+  }
+  session.print(table);
+  out << '\n';
+}
+
+bool agrees(Session& session) {
+  session.out() << "Set the gateway up like that? [y/N] " << std::flush;
+  const std::optional<std::string> answer = session.machine().typedLine();
+  if (!answer) session.out() << '\n';
+  return answer == "y" || answer == "Y" || answer == "yes";
+}
+
+/// Puts what is proposed for the missing roles into `arguments`; throws Refused when it is not
+/// wanted or nobody can be asked.
+void complete(Session& session, Arguments& arguments) {
+  const std::vector<Interface> interfaces = session.router().interfaces();
+  if (!arguments.allowMissing) requirePresent(namesIn(arguments), interfaces);
+  const std::string routes = session.machine().read(routeTablePath).value_or("");
+  const Proposal proposal = proposeRoles(readCandidates(session, interfaces), defaultRoutes(routes),
+                                         arguments.internal, arguments.external);
+  if (!proposal.refusal.empty()) throw Refused(proposal.refusal);
+  if (!arguments.yes && (session.json || !session.machine().hasTerminal())) {
+    throw Refused(std::string("roles are missing, and ") +
+                  (session.json ? "with --json" : "without a terminal") +
+                  " nobody can be asked. What would be proposed: " +
+                  commandLine(session, arguments, proposal));
+  }
+  if (!session.json) show(session, proposal, interfaces);
+  if (!arguments.yes && !agrees(session)) throw Refused("nothing was changed");
+  arguments.internal = proposal.internalNames();
+  arguments.external = proposal.external.name;
+}
+
+}  // namespace
+
+void addSetupCommand(CLI::App& upnp, Session& session) {
+  auto arguments = std::make_shared<Arguments>();
+  CLI::App* setup = upnp.add_subcommand(
+      "setup", "make this router an Internet gateway; what is not said is proposed first");
+  addExamples(*setup, {{"upnp setup", "propose the roles, ask, and do it"},
+                       {"upnp setup --internal br-lan --external wan0", "one network at home"},
+                       {"upnp setup --internal br-lan br-guest --external ppp0", "two of them"},
+                       {"upnp setup --external ppp0 --yes", "the rest as it would be proposed"},
+                       {"upnp setup --external ppp0 --allow-missing", "before the first dial-in"}});
+  setup->add_option("--internal", arguments->internal, "interfaces towards the hosts at home")
+      ->check(interfaceName())
+      ->type_name("IF...");
+  setup->add_option("--external", arguments->external, "interface towards the Internet")
+      ->check(interfaceName())
+      ->type_name("IF");
+  setup->add_flag("--yes", arguments->yes, "take what is proposed, without a question");
+  setup->add_flag("--allow-missing", arguments->allowMissing,
+                  "take the name of an interface that is not there now, for when it comes");
+  setup->callback([&session, arguments] {
+    session.changes = true;
+    if (arguments->internal.empty() || arguments->external.empty()) complete(session, *arguments);
+    setUpGateway(session, arguments->internal, arguments->external,
+                 arguments->allowMissing ? Missing::allowed : Missing::refused);
+  });
+}
+
+}  // namespace lumenctl

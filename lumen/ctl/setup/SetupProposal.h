@@ -1,0 +1,41 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "lumen/ctl/machine/RouteTable.h"
+
+namespace lumenctl {
+
+/// An interface that may get a role.
+struct Candidate {
+  std::string name;
+  bool ethernet = false;  ///< hosts on it can search by multicast; no tunnel and no dial-up link
+  bool bridge = false;
+  std::vector<uint32_t> addresses;  ///< IPv4, in network byte order
+};
+
+/// Which interfaces of a router are what, and why it looks like that.
+struct Proposal {
+  struct Part {
+    std::string name;
+    std::string reason;
+  };
+  [[nodiscard]] std::vector<std::string> internalNames() const;
+
+  std::vector<Part> internal;  ///< in the order of the candidates
+  Part external;
+  std::string refusal;  ///< why there is no proposal; empty: there is one
+};
+
+/// The interface of the default route is external; bridges that have an address, and what has an
+/// address of a private network (RFC 1918), are internal. Interfaces with another default route are
+/// neither. What the administrator has said (`internal`, `external`; empty: not said) stands, and
+/// only the rest is proposed.
+[[nodiscard]] Proposal proposeRoles(const std::vector<Candidate>& candidates,
+                                    const std::vector<DefaultRoute>& routes,
+                                    const std::vector<std::string>& internal,
+                                    const std::string& external);
+
+}  // namespace lumenctl

@@ -1,0 +1,124 @@
+#include <CLI/App.hpp>
+#include <chrono>
+#include <map>
+#include <memory>
+#include <ostream>
+
+#include "lumen/ctl/Commands.h"
+#include "lumen/ctl/Help.h"
+#include "lumen/ctl/router/Ports.h"
+#include "lumen/ctl/status/Status.h"
+#include "lumen/ctl/status/StatusPicture.h"
+#include "lumen/ctl/text/Errors.h"
+#include "lumen/ctl/text/Table.h"
+#include "lumen/ctl/text/Text.h"
+
+namespace lumenctl {
+
+namespace {
+
+// In milliseconds.
+constexpr uint64_t watchPeriod = 1000;
+constexpr uint32_t gatewayPatience = 2000;  // one that hangs is seen to hang
+
+void show(Session& session, const Status& status) {
+  std::ostream& out = session.out();
+  out << "Gateway: " << session.coloured(status.gateway, colourOfState(status.gateway));
+  if (!status.detail.empty()) out << " (" << printable(status.detail) << ')';
+  out << "\n\n";
+  Table interfaces({"INTERFACE", "ROLE", "STATE", "ADDRESS"});
+  for (const Status::Use& use : status.interfaces) {
+    interfaces.add({use.interface.name, use.role(), Table::state(use.interface.state()),
+                    joined(use.addresses)});
+  }
+  if (interfaces.empty()) out << noInterfaceText << '\n';
+  session.print(interfaces);
+  out << '\n';
+  if (status.rules.empty()) out << noPortText << '\n';
+  session.print(portsAsTable(status.rules));
+}
+
+uint64_t milliseconds() {
+  using std::chrono::duration_cast;
+  const auto now = std::chrono::steady_clock::now().time_since_epoch();
+  return static_cast<uint64_t>(duration_cast<std::chrono::milliseconds>(now).count());
+}
+
+void addTraffic(Router& router, const Status& status, std::map<uint32_t, Traffic>& traffic) {
+  for (const Status::Use& use : status.interfaces) {
+    try {
+      traffic[use.interface.id].add(router.counters(use.interface.id), milliseconds());
+    } catch (const Refused&) {  // it has gone since
+      traffic.erase(use.interface.id);
+    }
+  }
+}
+
+void watch(Session& session, Screen& screen) {
+  session.router().waitForGateway(gatewayPatience);
+  std::map<uint32_t, Traffic> traffic;
+  Screen::Event event = Screen::Event::timeOver;
+  while (event != Screen::Event::end) {
+    const Status status(session.router(), session.machine());
+    addTraffic(session.router(), status, traffic);
+    do {
+      screen.draw(picture(status, traffic,
+                          {.size = screen.size(),
+                           .colours = session.machine().showsColours(),
+                           .utf8 = screen.showsUtf8()}));
+      event = screen.wait(watchPeriod);
+    } while (event == Screen::Event::resized);
+  }
+}
+
+/// Where there is no screen.
+void repeat(Session& session) {
+  while (true) {
+    const Status status(session.router(), session.machine());
+    if (session.json) {
+      session.printLine(status.json());
+    } else {
+      show(session, status);
+      session.out() << '\n' << std::flush;
+    }
+    if (!session.out()) throw Refused("standard output cannot be written");
+    if (!session.machine().pause(watchPeriod)) return;
+  }
+}
+
+void run(Session& session, bool again) {
+  if (again) {
+    // Whether anybody answers is known before there is another screen.
+    static_cast<void>(session.router());
+    const std::unique_ptr<Screen> screen = session.json ? nullptr : session.machine().screen();
+    if (screen) {
+      watch(session, *screen);
+    } else {
+      repeat(session);
+    }
+    return;
+  }
+  const Status status(session.router(), session.machine());
+  if (session.json) {
+    session.print(status.json());
+  } else {
+    show(session, status);
+  }
+}
+
+}  // namespace
+
+void addStatusCommand(CLI::App& app, Session& session) {
+  CLI::App* command =
+      app.add_subcommand("status", "whether the gateway works, its interfaces, the open ports");
+  addExamples(*command, {{"status", "on one screen"},
+                         {"status --watch", "the same, live, with traffic"},
+                         {"status --json", "for a program"}});
+  auto again = std::make_shared<bool>(false);
+  command->add_flag(
+      "--watch", *again,
+      "show it anew each second until q or Ctrl-C; without a terminal one below the other");
+  command->callback([&session, again] { run(session, *again); });
+}
+
+}  // namespace lumenctl

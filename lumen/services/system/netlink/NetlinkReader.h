@@ -1,0 +1,57 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "lumen/services/system/netlink/Links.h"
+
+namespace lumen {
+
+/// One message of rtnetlink that means something to us.
+struct NetlinkMessage {
+  struct LinkIs {
+    LinkStatus status;
+  };
+  struct LinkGone {
+    uint32_t index = 0;
+  };
+  struct AddressIs {
+    uint32_t index = 0;
+    LinkAddress address;
+  };
+  struct AddressGone {
+    uint32_t index = 0;
+    LinkAddress address;
+  };
+  struct RouteIs {
+    uint32_t family = 0;          ///< AF_INET or AF_INET6
+    bool kernelMade = false;      ///< comes and goes by itself
+    bool gateway = false;         ///< as Route::gateway
+    std::vector<uint32_t> links;  ///< kernel indexes of the links of its next hops
+    std::string content;          ///< as Route::content
+  };
+  /// The end of the answer to a request: of a dump, or an acknowledgement, or an error.
+  struct Answered {
+    int error = 0;  ///< errno, 0: done
+  };
+
+  uint32_t sequence = 0;     ///< of the request that this answers, or that made this change
+  uint32_t port = 0;         ///< of the socket that sent that request; 0: none
+  bool interrupted = false;  ///< the dump that this belongs to has missed changes
+  std::variant<LinkIs, LinkGone, AddressIs, AddressGone, RouteIs, Answered> what;
+};
+
+/// The messages in one datagram from rtnetlink (linux/netlink.h, linux/rtnetlink.h). Messages of
+/// other kinds and families, such as the bridge's own messages about its ports, are left out. None
+/// when the datagram is no such thing: a length that does not fit, a fixed part or an attribute
+/// that is too short, a missing attribute; `reason` then says what is wrong, in a few words for the
+/// log. `datagram` must be aligned as a nlmsghdr is.
+[[nodiscard]] std::optional<std::vector<NetlinkMessage>> readNetlink(
+    std::span<const std::byte> datagram, std::string& reason);
+
+}  // namespace lumen

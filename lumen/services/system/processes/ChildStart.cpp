@@ -1,0 +1,103 @@
+#include "lumen/services/system/processes/ChildStart.h"
+
+#include <fcntl.h>
+#include <grp.h>
+#include <linux/capability.h>
+#include <linux/close_range.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+
+#include "lumen/services/system/processes/LockFile.h"
+
+namespace lumen {
+
+namespace {
+
+constexpr int lockPlace = 3;
+constexpr int executablePlace = 4;
+constexpr int firstFreePlace = 5;
+
+void put(const char* text) {
+  if (write(STDOUT_FILENO, text, strlen(text)) < 0) _exit(126);
+}
+
+[[noreturn]] void fail(const ChildStart& start, const char* what) {
+  const int error = errno;
+  put(start.path);
+  put(": ");
+  put(what);
+  put(": ");
+  put(strerrordesc_np(error));
+  put("\n");
+  _exit(126);
+}
+
+void resetSignals(const ChildStart& start) {
+  struct sigaction action = {};
+  action.sa_handler = SIG_DFL;
+  for (int number = 1; number < NSIG; ++number) sigaction(number, &action, nullptr);
+  sigset_t none;
+  sigemptyset(&none);
+  if (sigprocmask(SIG_SETMASK, &none, nullptr) != 0) fail(start, "signal mask");
+}
+
+// Moves first what lies where the other one belongs.
+void arrangeDescriptors(const ChildStart& start) {
+  if (start.output >= 0 &&
+      (dup2(start.output, STDOUT_FILENO) < 0 || dup2(start.output, STDERR_FILENO) < 0)) {
+    fail(start, "output");
+  }
+  const int lock = fcntl(start.lock, F_DUPFD, firstFreePlace);
+  const int executable = fcntl(start.executable, F_DUPFD, firstFreePlace);
+  if (lock < 0 || executable < 0 || dup2(start.null, STDIN_FILENO) < 0 ||
+      dup2(lock, lockPlace) < 0 || dup3(executable, executablePlace, O_CLOEXEC) < 0 ||
+      close_range(firstFreePlace, ~0U, 0) != 0) {
+    fail(start, "descriptors");
+  }
+}
+
+void dropPrivileges(const ChildStart& start) {
+  if (setgroups(1, &start.group) != 0 || setresgid(start.group, start.group, start.group) != 0 ||
+      setresuid(start.user, start.user, start.user) != 0) {
+    fail(start, "user");
+  }
+  __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+  const __user_cap_data_struct nothing[_LINUX_CAPABILITY_U32S_3] = {};
+  if (prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_CLEAR_ALL, 0, 0, 0) != 0 ||
+      syscall(SYS_capset, &header, nothing) != 0 || prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) {
+    fail(start, "capabilities");
+  }
+}
+
+// After the change of user, which clears the setting.
+void endWithParent(const ChildStart& start) {
+  if (prctl(PR_SET_PDEATHSIG, SIGTERM) != 0) fail(start, "parent's end");
+  if (getppid() != start.parent) _exit(126);
+}
+
+}  // namespace
+
+void becomeProgram(const ChildStart& start) {
+  resetSignals(start);
+  arrangeDescriptors(start);
+  // Only now: closing any other descriptor of the file would release the lock.
+  if (!takeLock(lockPlace)) fail(start, "lock");
+  if (setsid() < 0 || chdir("/") != 0) fail(start, "session");
+  umask(077);
+  dropPrivileges(start);
+  endWithParent(start);
+  const char* const arguments[] = {start.path, nullptr};
+  const char* const environment[] = {
+      "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", nullptr};
+  execveat(executablePlace, "", const_cast<char* const*>(arguments),
+           const_cast<char* const*>(environment), AT_EMPTY_PATH);
+  fail(start, "cannot be run");
+}
+
+}  // namespace lumen

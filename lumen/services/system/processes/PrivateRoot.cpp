@@ -1,0 +1,143 @@
+#include "lumen/services/system/processes/PrivateRoot.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string_view>
+#include <vector>
+
+#include "platform/Fd.h"
+
+namespace lumen {
+
+namespace {
+
+constexpr const char* mountPoint = "/lumen";
+
+// Where the new root is put together; every system has it, and no program's files lie there.
+constexpr const char* workplace = "/dev";
+
+std::string failed(const std::string& what) { return what + ": " + strerror(errno); }
+
+/// An entry of "/", to be made again under the same name.
+struct Entry {
+  std::string name;
+  mode_t mode = 0;
+  std::string link;  // where a symbolic link points
+  lm::Fd tree;       // everything else: the mounts from there on, cloned
+};
+
+std::string readEntry(const std::string& name, std::vector<Entry>& entries) {
+  const std::string path = "/" + name;
+  struct stat info = {};
+  if (lstat(path.c_str(), &info) != 0) return failed(path);
+  Entry entry;
+  entry.name = name;
+  entry.mode = info.st_mode;
+  if (S_ISLNK(info.st_mode)) {
+    char target[PATH_MAX];
+    const ssize_t length = readlink(path.c_str(), target, sizeof target);
+    if (length < 0) return failed(path);
+    entry.link.assign(target, static_cast<size_t>(length));
+  } else {
+    entry.tree.reset(
+        open_tree(AT_FDCWD, path.c_str(), OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_RECURSIVE));
+    if (!entry.tree.valid()) return failed(path);
+  }
+  entries.push_back(std::move(entry));
+  return {};
+}
+
+std::string readRoot(std::vector<Entry>& entries) {
+  const std::unique_ptr<DIR, int (*)(DIR*)> root(opendir("/"), closedir);
+  if (root == nullptr) return failed("/");
+  while (const dirent* found = readdir(root.get())) {
+    const std::string_view name = found->d_name;
+    if (name == "." || name == "..") continue;
+    std::string error = readEntry(std::string(name), entries);
+    if (!error.empty()) return error;
+  }
+  return {};
+}
+
+// The working directory is the new root.
+std::string placeEntry(const Entry& entry) {
+  const char* const name = entry.name.c_str();
+  if (S_ISLNK(entry.mode)) {
+    return symlink(entry.link.c_str(), name) == 0 ? std::string() : failed(entry.name);
+  }
+  if (S_ISDIR(entry.mode)) {
+    if (mkdir(name, 0755) != 0) return failed(entry.name);
+  } else {
+    const lm::Fd made(open(name, O_CREAT | O_EXCL | O_CLOEXEC | O_WRONLY, 0600));
+    if (!made.valid()) return failed(entry.name);
+  }
+  if (move_mount(entry.tree.get(), "", AT_FDCWD, name, MOVE_MOUNT_F_EMPTY_PATH) != 0) {
+    return failed(entry.name);
+  }
+  return {};
+}
+
+// A new root with the entries of the old one and a mount point.
+std::string makeRootWithMountPoint() {
+  std::vector<Entry> entries;
+  std::string error = readRoot(entries);
+  if (!error.empty()) return error;
+  if (mount("tmpfs", workplace, "tmpfs", MS_NOSUID | MS_NODEV, "mode=755") != 0) {
+    return failed("tmpfs");
+  }
+  if (chdir(workplace) != 0) return failed(workplace);
+  for (const Entry& entry : entries) {
+    error = placeEntry(entry);
+    if (!error.empty()) return error;
+  }
+  if (mkdir(mountPoint + 1, 0755) != 0) return failed(mountPoint);
+  // The old root comes to lie above the new one, then goes.
+  if (syscall(SYS_pivot_root, ".", ".") != 0) return failed("pivot_root");
+  if (umount2(".", MNT_DETACH) != 0 || chdir("/") != 0) return failed("/");
+  return {};
+}
+
+}  // namespace
+
+std::string enterPrivateRoot(const std::string& directory) {
+  const std::unique_ptr<char, void (*)(void*)> whole(realpath(directory.c_str(), nullptr), free);
+  if (whole == nullptr) return failed(directory);
+  struct stat info = {};
+  if (stat(whole.get(), &info) != 0) return failed(directory);
+  if (!S_ISDIR(info.st_mode)) return directory + ": is no directory";
+  if ((info.st_mode & S_IXOTH) == 0) {
+    return directory + ": services run as other users and cannot look into it (chmod 755)";
+  }
+  if (unshare(CLONE_NEWNS) != 0) return failed("mount namespace");
+  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return failed("/");
+  if (access(mountPoint, F_OK) != 0) {
+    std::string error = makeRootWithMountPoint();
+    if (!error.empty()) return error;
+  }
+  if (mount(whole.get(), mountPoint, nullptr, MS_BIND | MS_REC, nullptr) != 0) {
+    return failed(mountPoint);
+  }
+  return {};
+}
+
+std::string makeDirectory(const std::string& path, unsigned user, unsigned group, unsigned mode) {
+  if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) return failed(path);
+  const lm::Fd made(open(path.c_str(), O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW));
+  if (!made.valid() || fchown(made.get(), user, group) != 0 || fchmod(made.get(), mode) != 0) {
+    return failed(path);
+  }
+  return {};
+}
+
+}  // namespace lumen

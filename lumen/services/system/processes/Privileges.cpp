@@ -1,0 +1,59 @@
+#include "lumen/services/system/processes/Privileges.h"
+
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <array>
+#include <cap-ng.h>
+#include <charconv>
+#include <utility>
+
+namespace lumen {
+
+std::span<const unsigned> neededCapabilities() {
+  static constexpr std::array<unsigned, 4> needed = {CAP_NET_ADMIN, CAP_SETUID, CAP_SETGID,
+                                                     CAP_KILL};
+  return needed;
+}
+
+std::span<const unsigned> capabilitiesForPrivateRoot() {
+  static constexpr std::array<unsigned, 7> needed = {
+      CAP_NET_ADMIN, CAP_SETUID, CAP_SETGID, CAP_KILL, CAP_CHOWN, CAP_FOWNER, CAP_DAC_OVERRIDE};
+  return needed;
+}
+
+std::string missingPrivileges(std::span<const unsigned> capabilities) {
+  if (geteuid() != 0) return "must be started by root";
+  if (capng_get_caps_process() != 0) return "cannot read its own capabilities";
+  std::string missing;
+  for (const unsigned capability : capabilities) {
+    if (capng_have_capability(CAPNG_PERMITTED, capability) != 0) continue;
+    missing += missing.empty() ? "lacks " : ", ";
+    missing += capng_capability_to_name(capability);
+  }
+  return missing;
+}
+
+bool keepCapabilities(std::span<const unsigned> capabilities) {
+  if (capng_get_caps_process() != 0) return false;
+  const bool mayBound = capng_have_capability(CAPNG_EFFECTIVE, CAP_SETPCAP) != 0;
+  capng_clear(CAPNG_SELECT_ALL);
+  for (const unsigned capability : capabilities) {
+    const auto sets = static_cast<capng_type_t>(CAPNG_EFFECTIVE | CAPNG_PERMITTED);
+    if (capng_update(CAPNG_ADD, sets, capability) != 0) return false;
+  }
+  if (mayBound && capng_apply(CAPNG_SELECT_BOUNDS) != 0) return false;
+  return capng_apply(CAPNG_SELECT_AMBIENT) == 0 && capng_apply(CAPNG_SELECT_CAPS) == 0 &&
+         prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0;
+}
+
+bool kernelIsAtLeast(std::string_view release, unsigned major, unsigned minor) {
+  std::pair<unsigned, unsigned> found;
+  const char* const end = release.data() + release.size();
+  const auto first = std::from_chars(release.data(), end, found.first);
+  if (first.ec != std::errc() || first.ptr == end || *first.ptr != '.') return false;
+  const auto second = std::from_chars(first.ptr + 1, end, found.second);
+  return second.ec == std::errc() && found >= std::pair(major, minor);
+}
+
+}  // namespace lumen

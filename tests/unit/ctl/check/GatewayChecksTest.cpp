@@ -1,0 +1,333 @@
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+
+#include <string>
+#include <vector>
+
+#include "lumen/ctl/check/Checks.h"
+
+namespace lumenctl {
+namespace {
+
+using Ids = std::vector<std::string>;
+
+Ids idsOf(const Findings& findings) {
+  Ids ids;
+  for (const Finding& finding : findings) ids.push_back(finding.id);
+  return ids;
+}
+
+UsedInterface interface(const std::string& name, Role role, const std::string& address) {
+  UsedInterface used;
+  used.name = name;
+  used.role = role;
+  used.state = "running";
+  if (!address.empty()) used.addresses.push_back(inet_addr(address.c_str()));
+  return used;
+}
+
+/// A router on which nothing is wrong.
+Observation wellRouter() {
+  Observation seen;
+  seen.interfaces = {interface("br-lan", Role::internal, "192.168.88.1"),
+                     interface("wan0", Role::external, "45.45.45.1")};
+  seen.kernel = "6.1.0";
+  seen.forwards = true;
+  seen.defaultRoute = true;
+  seen.chains.emplace();
+  return seen;
+}
+
+TEST(Check, FindsNothingOnARouterThatIsWell) {
+  EXPECT_EQ(findProblems(wellRouter()), Findings{});
+  EXPECT_EQ(notChecked(wellRouter()), Ids{});
+}
+
+TEST(Check, FindsAllThatIsWrongInTheOrderOfMending) {
+  Observation seen = wellRouter();
+  seen.kernel = "5.10.0";
+  seen.gateway.kind = GatewayState::Kind::off;
+  seen.interfaces[0].bridge = true;
+  seen.interfaces[0].state = "down";
+  seen.interfaces[1].addresses = {inet_addr("10.0.0.2")};
+  seen.defaultRoute = false;
+  seen.interfaces[1].forwards = false;
+  seen.bridgedIsFiltered = true;
+  seen.chains->push_back({});
+  seen.chains->back().dropsAtEnd = true;
+  seen.portUsers.push_back({2828, IPPROTO_TCP, 7, "httpd"});
+  seen.interfaces[0].silentPorts = {"2828/tcp"};
+  seen.rules.emplace_back(lm::message());
+  seen.rules.back().stale = true;
+  EXPECT_EQ(
+      idsOf(findProblems(seen)),
+      (Ids{"kernel-too-old", "gateway-off", "interface-down", "external-address-private",
+           "no-default-route", "no-forwarding-on-interface", "firewall-drops",
+           "bridged-traffic-filtered", "port-in-use", "gateway-not-listening", "stale-ports"}));
+}
+
+TEST(Check, SaysThatTheFirewallWasNotChecked) {
+  Observation seen = wellRouter();
+  seen.chains.reset();
+  EXPECT_EQ(findProblems(seen), Findings{});
+  EXPECT_EQ(notChecked(seen), Ids{"the firewall, which takes root to read"});
+}
+
+TEST(Check, TakesASilentPlatformForOneFinding) {
+  Observation seen;
+  seen.kernel = "6.1.0";
+  seen.unreachable = "lumend does not answer (/run/x: No such file or directory)";
+  seen.logHint = "Log.";
+  EXPECT_EQ(findProblems(seen),
+            (Findings{{"no-platform", "lumend does not answer (/run/x: No such file or directory).",
+                       "Without it no port is open, and what depends on it was not checked. Log.",
+                       "start lumend"}}));
+  seen.systemd = true;
+  EXPECT_EQ(findProblems(seen).at(0).mend, "systemctl start lumend");
+  seen.unreachable.clear();
+  seen.refused = "not permitted";
+  EXPECT_EQ(findProblems(seen),
+            (Findings{{"platform-refuses", "lumend does not answer: not permitted.",
+                       "What depends on it was not checked.", "sudo lumenctl upnp check"}}));
+}
+
+TEST(Check, TellsTheStatesOfTheGatewayApart) {
+  using Kind = GatewayState::Kind;
+  for (const auto& [kind, ids] :
+       std::vector<std::pair<Kind, Ids>>{{Kind::on, {}},
+                                         {Kind::off, {"gateway-off"}},
+                                         {Kind::crashed, {"gateway-crashed"}},
+                                         {Kind::notInstalled, {"gateway-not-installed"}},
+                                         {Kind::silent, {"gateway-silent"}}}) {
+    Observation seen = wellRouter();
+    seen.gateway.kind = kind;
+    EXPECT_EQ(idsOf(checkGateway(seen)), ids);
+  }
+}
+
+TEST(Check, TellsWhichRoleIsMissing) {
+  for (const auto& [without, ids] :
+       std::vector<std::pair<Role, Ids>>{{Role::internal, {"no-internal-interface"}},
+                                         {Role::external, {"no-external-interface"}}}) {
+    Observation seen = wellRouter();
+    std::erase_if(seen.interfaces, [role = without](const auto& i) { return i.role == role; });
+    EXPECT_EQ(idsOf(checkGateway(seen)), ids);
+    seen.gateway.kind = GatewayState::Kind::off;
+    EXPECT_EQ(idsOf(checkGateway(seen)).front(), "gateway-off");
+  }
+}
+
+TEST(Check, TakesAGatewayWithoutInterfacesForOneThatIsNotSetUp) {
+  for (const auto kind : {GatewayState::Kind::on, GatewayState::Kind::off}) {
+    Observation seen = wellRouter();
+    seen.gateway.kind = kind;
+    seen.interfaces.clear();
+    EXPECT_EQ(idsOf(checkGateway(seen)), Ids{"not-set-up"});
+  }
+}
+
+TEST(Check, LooksAtTheLinkOfEachInterface) {
+  for (const auto& [state, id] :
+       std::vector<std::pair<std::string, std::string>>{{"away", "interface-away"},
+                                                        {"down", "interface-down"},
+                                                        {"no link", "interface-no-link"}}) {
+    for (const Role role : {Role::internal, Role::external}) {
+      UsedInterface used = interface("eth0", role, "");
+      used.state = state;
+      EXPECT_EQ(idsOf(checkLinks({used})), Ids{id});
+    }
+  }
+}
+
+TEST(Check, TellsWhoIsCutOffByALink) {
+  UsedInterface used = interface("eth0", Role::internal, "");
+  used.state = "down";
+  EXPECT_EQ(checkLinks({used}),
+            (Findings{{"interface-down", "eth0, an internal interface, is switched off.",
+                       "Its hosts find no gateway.", "ip link set eth0 up"}}));
+  used.role = Role::external;
+  EXPECT_EQ(checkLinks({used}),
+            (Findings{{"interface-down", "eth0, the external interface, is switched off.",
+                       "No port can be opened on it.", "ip link set eth0 up"}}));
+}
+
+TEST(Check, MissesAnAddressOnAnInternalLinkThatRuns) {
+  EXPECT_EQ(idsOf(checkLinks({interface("br-lan", Role::internal, "")})),
+            Ids{"internal-address-none"});
+  EXPECT_EQ(idsOf(checkLinks({interface("wan0", Role::external, "")})), Ids{});
+}
+
+TEST(Check, MissesMulticastOnInternalLinksOnly) {
+  UsedInterface used = interface("br-lan", Role::internal, "192.168.88.1");
+  used.multicast = false;
+  EXPECT_EQ(idsOf(checkLinks({used})), Ids{"no-multicast"});
+  used.role = Role::external;
+  EXPECT_EQ(idsOf(checkLinks({used})), Ids{});
+}
+
+TEST(Check, KnowsWhichAddressesTheInternetReaches) {
+  for (const auto& [address, ids] : std::vector<std::pair<std::string, Ids>>{
+           {"45.45.45.1", {}},
+           {"9.255.255.255", {}},
+           {"10.0.0.0", {"external-address-private"}},
+           {"10.255.255.255", {"external-address-private"}},
+           {"11.0.0.0", {}},
+           {"172.15.255.255", {}},
+           {"172.16.0.0", {"external-address-private"}},
+           {"172.31.255.255", {"external-address-private"}},
+           {"172.32.0.0", {}},
+           {"192.167.255.255", {}},
+           {"192.168.0.0", {"external-address-private"}},
+           {"192.168.255.255", {"external-address-private"}},
+           {"192.169.0.0", {}},
+           {"100.63.255.255", {}},
+           {"100.64.0.0", {"external-address-carrier-grade"}},
+           {"100.127.255.255", {"external-address-carrier-grade"}},
+           {"100.128.0.0", {}},
+           {"169.254.0.1", {"external-address-link-local"}},
+           {"169.253.0.1", {}},
+           {"", {"external-address-none"}}}) {
+    EXPECT_EQ(idsOf(checkExternalAddress({interface("wan0", Role::external, address)})), ids)
+        << address;
+  }
+}
+
+TEST(Check, IsContentWithOnePublicAddressAmongOthers) {
+  UsedInterface used = interface("wan0", Role::external, "192.168.1.2");
+  used.addresses.push_back(inet_addr("45.45.45.1"));
+  EXPECT_EQ(checkExternalAddress({used}), Findings{});
+}
+
+TEST(Check, LooksAtTheAddressesOfExternalLinksThatRun) {
+  EXPECT_EQ(checkExternalAddress({interface("br-lan", Role::internal, "192.168.88.1")}),
+            Findings{});
+  UsedInterface used = interface("wan0", Role::external, "192.168.1.2");
+  used.state = "no link";
+  EXPECT_EQ(checkExternalAddress({used}), Findings{});
+}
+
+/// A rule for 8080/tcp on 45.45.45.1.
+NatRule rule(bool stale, uint32_t port = 8080, uint32_t protocol = IPPROTO_TCP) {
+  NatRule result{lm::message()};
+  result.externalAddress = inet_addr("45.45.45.1");
+  result.externalPort = port;
+  result.protocol = protocol;
+  result.stale = stale;
+  return result;
+}
+
+TEST(Check, CountsOnlyPortsThatAreStaleAndNotClosed) {
+  NatRule closed = rule(true);
+  closed.closed = true;
+  NatRule disabled = rule(true);
+  disabled.disabled = true;
+  EXPECT_EQ(checkStalePorts({rule(false), closed, disabled}), Findings{});
+  EXPECT_EQ(idsOf(checkStalePorts({rule(false), rule(true)})), Ids{"stale-ports"});
+}
+
+TEST(Check, NamesFiveStalePortsAndCountsTheOthers) {
+  std::vector<NatRule> rules;
+  for (uint32_t port = 2000; port < 2007; ++port) rules.push_back(rule(true, port, IPPROTO_UDP));
+  rules.back().externalAddress = inet_addr("45.45.45.2");
+  EXPECT_EQ(checkStalePorts(rules).front().what,
+            "This router no longer has the address of some open ports (45.45.45.1, 45.45.45.2): "
+            "2000/udp, 2001/udp, 2002/udp, 2003/udp, 2004/udp and 2 more.");
+}
+
+GatewayFile file(bool present, const std::string& error, bool packaged = true) {
+  return {"/etc/lumen/services/upnp.ini", present, error, packaged};
+}
+
+TEST(Check, TellsWhyThePlatformKnowsNoGateway) {
+  for (const auto& [gatewayFile, id, mend] :
+       std::vector<std::tuple<GatewayFile, std::string, std::string>>{
+           {file(false, "No such file or directory"), "gateway-not-installed",
+            "where the file of the package lies: apt-get install --reinstall --option "
+            "Dpkg::Options::=--force-confmiss ./palinode-igd_*.deb && systemctl restart lumend"},
+           {file(true, "there is no user \"palinode\""), "gateway-user-missing",
+            "systemd-sysusers palinode.conf && systemd-tmpfiles --create palinode.conf && chown -R "
+            "palinode: /var/lib/lumen/upnp /var/lib/lumen/upnpm && systemctl restart lumend"},
+           {file(true, "there is no user \"palinode\"", false), "gateway-user-missing",
+            "systemd-sysusers palinode.conf && chown -R palinode: /lumen/store/upnp "
+            "/lumen/store/upnpm, then start lumend again"},
+           {file(true, "there is no user \"other\""), "gateway-file-wrong",
+            "correct the file, then systemctl restart lumend"},
+           {file(true, "Permission denied"), "gateway-file-wrong",
+            "correct the file, then systemctl restart lumend"},
+           {file(true, ""), "gateway-file-not-read",
+            "systemctl restart lumend; when that does not help, journalctl -u lumend tells why it "
+            "does not take it"}}) {
+    Observation seen = wellRouter();
+    seen.gateway.kind = GatewayState::Kind::notInstalled;
+    seen.gateway.file = gatewayFile;
+    const Findings findings = checkGateway(seen);
+    ASSERT_EQ(idsOf(findings), Ids{id});
+    EXPECT_EQ(findings.front().mend, mend);
+  }
+}
+
+/// Whether the clients listed are taken for none of 192.168.88.0/24, this router's 192.168.88.1.
+bool excludesTheLan(const std::string& clients, const std::string& address = "192.168.88.0",
+                    const std::string& mask = "255.255.255.0") {
+  UsedInterface lan = interface("br-lan", Role::internal, "192.168.88.1");
+  lan.networks = {{"br-lan", inet_addr(address.c_str()), inet_addr(mask.c_str())}};
+  NatPolicy policy{lm::message()};
+  policy.maxRules = policy.maxRulesPerClient = 1;
+  policy.internalClients = clients;
+  return idsOf(checkPolicy(policy, {lan})) == Ids{"policy-excludes-network"};
+}
+
+TEST(CheckPolicy, KnowsWhichListsHaveNoHostOfTheNetwork) {
+  for (const auto& [clients, excludes, reason] :
+       std::vector<std::tuple<std::string, bool, const char*>>{
+           {"connected", false, "every network"},
+           {"10.0.0.0/8, connected", false, "every network too"},
+           {"192.168.88.0/24", false, "the network itself"},
+           {"192.168.0.0/16", false, "a larger one"},
+           {"0.0.0.0/0", false, "all"},
+           {"192.168.88.128/25", false, "half of it"},
+           {"10.0.0.0/8, 192.168.88.7", false, "one host"},
+           {"192.168.88.0/31", true, "its own address and the router"},
+           {"192.168.88.0/30", false, "two hosts more"},
+           {"10.0.0.0/8", true, "another network"},
+           {"192.168.89.0/24", true, "the next one"},
+           {"192.168.87.0/24", true, "the one before"},
+           {"192.168.88.1", true, "the router only"},
+           {"192.168.88.0", true, "the network's own address"},
+           {"192.168.88.255", true, "its broadcast address"},
+           {"192.168.88.1, 192.168.88.1", true, "the router twice"}}) {
+    EXPECT_EQ(excludesTheLan(clients), excludes) << clients << ": " << reason;
+  }
+  EXPECT_FALSE(excludesTheLan("192.168.88.0", "192.168.88.0", "255.255.255.254"))
+      << "both addresses of a network of two are hosts";
+}
+
+TEST(CheckPolicy, LooksAtInternalInterfacesWhoseNetworksAreKnown) {
+  NatPolicy policy{lm::message()};
+  policy.maxRules = policy.maxRulesPerClient = 1;
+  policy.internalClients = "10.0.0.0/8";
+  EXPECT_EQ(checkPolicy(policy, wellRouter().interfaces), Findings{});
+  EXPECT_EQ(checkPolicy(std::nullopt, wellRouter().interfaces), Findings{});
+  UsedInterface wan = interface("wan0", Role::external, "45.45.45.1");
+  wan.networks = {{"wan0", inet_addr("45.45.45.0"), inet_addr("255.255.255.0")}};
+  EXPECT_EQ(checkPolicy(policy, {wan}), Findings{});
+}
+
+TEST(CheckPolicy, NamesCommandsThatCanFollowEachOther) {
+  NatPolicy policy{lm::message()};
+  policy.maxRules = policy.maxRulesPerClient = 1;
+  policy.internalClients = "10.0.0.0/8";
+  UsedInterface lan = interface("br-lan", Role::internal, "192.168.88.1");
+  lan.networks = {{"br-lan", inet_addr("192.168.88.0"), inet_addr("255.255.255.0")}};
+  UsedInterface guest = interface("br-guest", Role::internal, "192.168.99.1");
+  guest.networks = {{"br-guest", inet_addr("192.168.99.0"), inet_addr("255.255.255.0")}};
+  const Findings findings = checkPolicy(policy, {lan, guest});
+  ASSERT_EQ(findings.size(), 2U);
+  EXPECT_EQ(findings[1].mend,
+            "lumenctl nat policy set "
+            "internal-clients=10.0.0.0/8,192.168.88.0/24,192.168.99.0/24");
+}
+
+}  // namespace
+}  // namespace lumenctl

@@ -1,0 +1,171 @@
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+
+#include <string>
+#include <vector>
+
+#include "lumen/ctl/check/Checks.h"
+
+namespace lumenctl {
+namespace {
+
+UsedInterface interface(const std::string& name, Role role, std::optional<bool> forwards) {
+  UsedInterface used;
+  used.name = name;
+  used.role = role;
+  used.state = "running";
+  used.addresses = {inet_addr("45.45.45.1")};
+  used.forwards = forwards;
+  return used;
+}
+
+TEST(CheckKernel, WantsFiveTwelve) {
+  for (const std::string release :
+       {"5.12", "5.12.0-rc1", "5.100.1", "6.0", "6.1.0-18-amd64", "10.2", "", "unknown"}) {
+    EXPECT_EQ(checkKernel(release), Findings{}) << release;
+  }
+  for (const std::string release :
+       {"5.11.22", "5.10.0-28-amd64", "5.2", "4.19.0", "4.99", "5", "5."}) {
+    EXPECT_EQ(checkKernel(release),
+              (Findings{{"kernel-too-old", "The kernel, " + release + ", is older than 5.12.",
+                         "lumend does not start: the kernel cannot keep other programs out of its "
+                         "table of open ports.",
+                         "install a newer kernel and start it"}}));
+  }
+}
+
+/// The ids of what is found when the switches are so: of all, of wan0 and of br-lan.
+std::string forwarding(std::optional<bool> all, std::optional<bool> wan, std::optional<bool> lan) {
+  std::string ids;
+  for (const Finding& finding : checkForwarding(all, {interface("wan0", Role::external, wan),
+                                                      interface("br-lan", Role::internal, lan)})) {
+    ids += finding.id + " ";
+  }
+  return ids;
+}
+
+TEST(CheckForwarding, LooksAtEachInterface) {
+  EXPECT_EQ(forwarding(true, true, true), "");
+  EXPECT_EQ(forwarding(true, false, true), "no-forwarding-on-interface ");
+  EXPECT_EQ(forwarding(true, true, false), "no-forwarding-on-interface ");
+  EXPECT_EQ(forwarding(true, false, false),
+            "no-forwarding-on-interface no-forwarding-on-interface ");
+}
+
+TEST(CheckForwarding, NamesTheSwitchForAllWhenThatIsOff) {
+  EXPECT_EQ(forwarding(false, false, false), "no-forwarding ");
+  EXPECT_EQ(forwarding(false, false, true), "no-forwarding ");
+}
+
+TEST(CheckForwarding, DoesNotCareForTheSwitchForAllWhenEachInterfaceForwards) {
+  EXPECT_EQ(forwarding(false, true, true), "");
+}
+
+TEST(CheckForwarding, SaysNothingOfWhatItDoesNotKnow) {
+  EXPECT_EQ(forwarding(std::nullopt, std::nullopt, std::nullopt), "");
+  EXPECT_EQ(forwarding(false, std::nullopt, std::nullopt), "");
+  EXPECT_EQ(checkForwarding(std::nullopt, {}), Findings{});
+}
+
+TEST(CheckForwarding, LooksAtTheSwitchForAllWhenThereIsNoInterface) {
+  EXPECT_EQ(checkForwarding(true, {}), Findings{});
+  EXPECT_EQ(checkForwarding(false, {}).size(), 1U);
+}
+
+TEST(CheckForwarding, WritesANameWithADotSoThatSysctlTakesIt) {
+  EXPECT_EQ(checkForwarding(true, {interface("eth0.7", Role::external, false)}),
+            (Findings{{"no-forwarding-on-interface",
+                       "Packets that arrive on eth0.7 are not forwarded: "
+                       "net/ipv4/conf/eth0.7/forwarding is 0.",
+                       "What arrives there for an open port does not reach its host.",
+                       "sysctl -w net/ipv4/conf/eth0.7/forwarding=1"}}));
+}
+
+TEST(CheckDefaultRoute, IsMissedWhileAnExternalInterfaceWorks) {
+  UsedInterface wan = interface("wan0", Role::external, true);
+  EXPECT_EQ(checkDefaultRoute(true, {wan}), Findings{});
+  EXPECT_EQ(checkDefaultRoute(false, {wan}).size(), 1U);
+  EXPECT_EQ(checkDefaultRoute(false, {}), Findings{});
+  EXPECT_EQ(checkDefaultRoute(false, {interface("br-lan", Role::internal, true)}), Findings{});
+  wan.addresses.clear();
+  EXPECT_EQ(checkDefaultRoute(false, {wan}), Findings{}) << "it has no address yet";
+  wan = interface("wan0", Role::external, true);
+  wan.state = "away";
+  EXPECT_EQ(checkDefaultRoute(false, {wan}), Findings{}) << "it has no routes then";
+}
+
+TEST(CheckFirewall, TellsTheRuleOfEachTool) {
+  using Tool = ForwardChain::Tool;
+  for (const auto& [tool, chain, mend] : std::vector<std::tuple<Tool, std::string, std::string>>{
+           {Tool::nft, "forward of the nftables table inet filter",
+            "nft insert rule inet filter forward ct status dnat accept"},
+           {Tool::iptables, "forward of iptables",
+            "iptables -I FORWARD -m conntrack --ctstate DNAT -j ACCEPT"},
+           {Tool::iptablesLegacy, "forward of iptables-legacy",
+            "iptables-legacy -I FORWARD -m conntrack --ctstate DNAT -j ACCEPT"}}) {
+    ForwardChain stops;
+    stops.tool = tool;
+    stops.family = "inet";
+    stops.table = "filter";
+    stops.name = "forward";
+    EXPECT_EQ(checkFirewall({stops}), Findings{}) << "it drops nothing";
+    stops.dropsAtEnd = true;
+    EXPECT_EQ(checkFirewall({stops, ForwardChain()}),
+              (Findings{{"firewall-drops",
+                         "The firewall drops forwarded packets, and does not let those of open "
+                         "ports pass (chain " +
+                             chain + ").",
+                         "What arrives at an open port may not reach its host.", mend}}));
+  }
+}
+
+TEST(CheckFirewall, TellsTheProgramThatKeepsTheRules) {
+  ForwardChain stops;
+  stops.dropsAtEnd = true;
+  stops.manager = ForwardChain::Manager::ufw;
+  for (const auto tool : {ForwardChain::Tool::iptables, ForwardChain::Tool::iptablesLegacy}) {
+    stops.tool = tool;
+    EXPECT_EQ(checkFirewall({stops}).front().mend,
+              "sed -i -e '/^[*]filter/,/^COMMIT/{/^COMMIT/i -A ufw-before-forward -m conntrack "
+              "--ctstate DNAT -j ACCEPT' -e '}' /etc/ufw/before.rules && ufw reload");
+  }
+  stops.tool = ForwardChain::Tool::nft;
+  stops.manager = ForwardChain::Manager::firewalld;
+  EXPECT_EQ(checkFirewall({stops}).front().mend,
+            "set StrictForwardPorts=no in /etc/firewalld/firewalld.conf, then firewall-cmd "
+            "--reload");
+}
+
+TEST(CheckPortUsers, NamesAProgramThatCanBeSeen) {
+  EXPECT_EQ(checkPortUsers({{1900, IPPROTO_UDP, 812, "minidlnad"}}),
+            (Findings{{"port-in-use",
+                       "minidlnad (process 812) uses port 1900/udp, which the gateway needs.",
+                       "The gateway may not hear the programs that search for it.",
+                       "stop it: systemctl status 812 tells what started it"}}));
+}
+
+TEST(CheckPortUsers, TellsHowToSeeAProgramThatCannotBeSeen) {
+  EXPECT_EQ(
+      checkPortUsers({{2828, IPPROTO_TCP, 0, ""}}),
+      (Findings{{"port-in-use", "Another program uses port 2828/tcp, which the gateway needs.",
+                 "The gateway may not be able to serve the description that programs read "
+                 "first.",
+                 "stop it: ss --tcp --listening --processes sport = :2828, as root, tells "
+                 "what it is"}}));
+  EXPECT_NE(checkPortUsers({{1900, IPPROTO_UDP, 0, ""}}).front().mend.find("ss --udp"),
+            std::string::npos);
+}
+
+TEST(CheckBridgedTraffic, MattersOnInternalBridgesOnly) {
+  UsedInterface used = interface("br-lan", Role::internal, true);
+  EXPECT_EQ(checkBridgedTraffic(true, {used}), Findings{}) << "no bridge";
+  used.bridge = true;
+  EXPECT_EQ(checkBridgedTraffic(false, {used}), Findings{}) << "not filtered";
+  EXPECT_EQ(checkBridgedTraffic(true, {used}).size(), 1U);
+  used.role = Role::external;
+  EXPECT_EQ(checkBridgedTraffic(true, {used}), Findings{}) << "external";
+}
+
+}  // namespace
+}  // namespace lumenctl

@@ -1,0 +1,258 @@
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "ctl/FakePlatform.h"
+#include "lumen/ctl/monitor/Monitor.h"
+#include "lumen/ctl/text/Text.h"
+#include "lumen/runtime/Fields.h"
+#include "lumen/services/broker/BrokerKeys.h"
+#include "lumen/services/history/HistoryKeys.h"
+#include "lumen/services/interfaces/InterfaceKeys.h"
+#include "lumen/services/nat/NatKeys.h"
+#include "platform/Keys.h"
+
+namespace lumenctl {
+namespace {
+
+using Path = std::vector<uint32_t>;
+using Lines = std::vector<std::string>;
+
+constexpr uint32_t everybody = lumen::monitor::everybody;
+constexpr uint32_t gateway = 40;
+constexpr uint32_t administrator = lumen::monitor::anonymous + 5;
+
+lm::message request(const Path& to, uint32_t command, uint32_t serial, lm::message fields = {}) {
+  fields.insert_u32_array(lm::key::destination, to);
+  fields.insert_u32_array(lm::key::source, {gateway, 0});
+  fields.insert_u32(lm::key::serial, serial);
+  fields.insert_u32(lm::key::command, command);
+  return fields;
+}
+
+lm::message reply(uint32_t serial, lm::message fields = {}) {
+  fields.insert_bool(lm::key::isReply, true);
+  fields.insert_u32(lm::key::serial, serial);
+  return fields;
+}
+
+lm::message notification(const Path& from, uint32_t command, lm::message fields = {}) {
+  fields.insert_u32_array(lm::key::source, from);
+  fields.insert_u32(lm::key::command, command);
+  return fields;
+}
+
+struct Monitoring : testing::Test {
+  /// The lines that were printed, without the time of day.
+  Lines lines() {
+    const auto result = router.lumenctl({"monitor"});
+    EXPECT_EQ(result.status, 0) << result.err;
+    Lines all;
+    std::istringstream in(result.out);
+    for (std::string line; std::getline(in, line);) {
+      EXPECT_EQ(line.find(' '), std::string("23:59:58.007").size()) << line;
+      all.push_back(line.substr(line.find(' ') + 1));
+    }
+    return all;
+  }
+
+  FakePlatform router;
+};
+
+TEST_F(Monitoring, SwitchesItOnAndEndsWith0WhenAskedToEnd) {
+  const auto result = router.lumenctl({"monitor"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err, "");
+  EXPECT_EQ(router.requests(), (Lines{"[0] 14", "[0] 15 00000001=true"}));
+}
+
+TEST_F(Monitoring, EndsWith1WhenThePlatformEnds) {
+  router.passes(20, everybody, notification({20, 1}, lm::cmd::changed));
+  router.ends();
+  const auto result = router.lumenctl({"monitor"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_NE(result.out, "");
+  EXPECT_EQ(result.err, "lumenctl: the platform has ended\n");
+}
+
+TEST_F(Monitoring, EndsWith1WhenItIsNotPermitted) {
+  router.refuses({0}, lumen::brokercmd::monitor, "not permitted");
+  const auto result = router.lumenctl({"monitor"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.err, "lumenctl: not permitted\n");
+}
+
+TEST_F(Monitoring, ShowsARequestWithNamesForItsFields) {
+  namespace key = lumen::nat::key;
+  lm::message rule;
+  rule.insert_string(key::chain, "dstnat");
+  rule.insert_bool(key::matchAddress, true);
+  rule.insert_be32(key::addressFirst, inet_addr("45.45.45.1"));
+  rule.insert_u32(key::portFirst, 8080);
+  rule.insert_be32(key::clientFirst, inet_addr("192.168.88.10"));
+  rule.insert_bool(lm::key::dynamic, true);
+  router.passes(gateway, 20, request({20, 5}, lm::cmd::addObject, 3, rule));
+  EXPECT_EQ(lines(), Lines{"palinode-igd -> nat: request add chain=dstnat match-address=true "
+                           "address-first=45.45.45.1 port-first=8080 client-first=192.168.88.10 "
+                           "dynamic=true"});
+}
+
+TEST_F(Monitoring, TellsWhatAReplyAnswers) {
+  lm::message done;
+  done.insert_u32(lm::key::objectId, 9);
+  router.passes(gateway, 20, request({20, 5}, lm::cmd::addObject, 3));
+  router.passes(administrator, 20, request({20, 0}, lm::cmd::list, 3));
+  router.passes(20, gateway, reply(3, done));
+  router.passes(20, administrator, reply(3, lm::errorMsg(lm::errorRefused, "no \"such\" thing")));
+  router.passes(20, gateway, reply(3));
+  EXPECT_EQ(lines(),
+            (Lines{"palinode-igd -> nat: request add", "connection 5 -> interfaces: request list",
+                   "nat -> palinode-igd: reply to add id=9",
+                   "interfaces -> connection 5: error to list: \"no \\\"such\\\" thing\"",
+                   "interfaces -> palinode-igd: reply"}));
+}
+
+TEST_F(Monitoring, TellsWhoRefusedARequest) {
+  router.passes(administrator, gateway, request({gateway, 0}, lm::cmd::get, 3));
+  router.passes(0, administrator, reply(3, lm::errorMsg(lm::errorRefused, "unavailable")));
+  EXPECT_EQ(lines(), (Lines{"connection 5 -> palinode-igd: request get-settings",
+                            "broker -> connection 5: error to get-settings: unavailable"}));
+}
+
+TEST_F(Monitoring, ShowsANotificationWithItsRecords) {
+  lm::message record;
+  record.insert_u32(lm::key::objectId, 1);
+  record.insert_string(lumen::interfaces::key::name, "wan0");
+  lm::message fields;
+  fields.insert_message_array(lm::key::records, {record, record});
+  router.passes(20, everybody, notification({20, 0}, lm::cmd::interfaceChanged, fields));
+  EXPECT_EQ(lines(), Lines{"interfaces -> all: notification interface-changed "
+                           "records=[{id=1 name=wan0}, {id=1 name=wan0}]"});
+}
+
+TEST_F(Monitoring, ShowsWhatItDoesNotKnowByNumber) {
+  lm::message fields;
+  fields.insert_bool(0x77, true);
+  fields.insert_u32(0x77, 5);
+  fields.insert_u64(0x77, 6);
+  fields.insert_string(0x77, "\x1b[2J");
+  fields.insert_u32_array(0x77, {1, 2});
+  lm::message inner;
+  inner.insert_u32(0x78, 7);
+  fields.insert_message(0x77, inner);
+  router.passes(77, 78, request({78, 3}, 0x99, 1, fields));
+  EXPECT_EQ(lines(), Lines{"service 77 -> service 78/3: request command 0x99 bool 0x00000077=true "
+                           "u32 0x08000077=5 u64 0x10000077=6 string 0x20000077=\"\\x1b[2J\" "
+                           "u32[] 0x88000077=[1, 2] message 0x28000077={u32 0x08000078=7}"});
+}
+
+TEST_F(Monitoring, NamesWhatAnUndoIsAbout) {
+  lm::message undo;
+  undo.insert_u32(lm::key::command, lm::cmd::set);
+  undo.insert_bool(1, false);
+  lm::message change;
+  change.insert_string(lumen::history::key::text, "upnp config changed");
+  change.insert_message(lumen::history::key::undo, undo);
+  router.passes(gateway, 66, request({66}, lm::cmd::addObject, 3, change));
+  lm::message record = change;
+  record.insert_u32_array(lumen::history::key::path, {20, 5});
+  lm::message page;
+  page.insert_message_array(lm::key::records, {record});
+  router.passes(administrator, 66, request({66}, lm::cmd::readAll, 1));
+  router.passes(66, administrator, reply(1, page));
+  EXPECT_EQ(lines(),
+            (Lines{"palinode-igd -> history: request add text=\"upnp config changed\" "
+                   "undo={command=set-settings enabled=false}",
+                   "connection 5 -> history: request read-all",
+                   "history -> connection 5: reply to read-all records=[{text=\"upnp config "
+                   "changed\" undo={command=set-settings bool 0x00000001=false} path=[20, 5]}]"}));
+}
+
+TEST_F(Monitoring, ShowsThatSomethingIsNotShownWhole) {
+  router.passes(gateway, everybody, notification({gateway, 0}, lm::cmd::changed), true);
+  router.passes(gateway, everybody, {}, true);
+  router.passes(gateway, 20, {}, true);
+  EXPECT_EQ(lines(), (Lines{"palinode-igd -> all: notification changed (not shown whole)",
+                            "palinode-igd -> all: notification (not shown whole)",
+                            "palinode-igd -> interfaces: message (not shown whole)"}));
+}
+
+TEST_F(Monitoring, PrintsAnObjectOnEachLineInJson) {
+  lm::message rule;
+  rule.insert_be32(lumen::nat::key::addressFirst, inet_addr("45.45.45.1"));
+  rule.insert_u32(0x77, 5);
+  router.passes(gateway, 20, request({20, 5}, lm::cmd::addObject, 3, rule));
+  router.passes(20, gateway, reply(3, lm::errorMsg(lm::errorRefused, "two\nlines\xff")), true);
+  const auto result = router.lumenctl({"monitor", "--json"});
+  std::istringstream out(result.out);
+  std::string line;
+  ASSERT_TRUE(std::getline(out, line));
+  Json json = Json::parse(line);
+  EXPECT_GT(json["time"].get<double>(), 1.7e9);
+  json.erase("time");
+  EXPECT_EQ(json.dump(), R"({"from":"palinode-igd","to":"nat","kind":"request","command":"add",)"
+                         R"("fields":{"address-first":"45.45.45.1","u32 0x08000077":5}})");
+  ASSERT_TRUE(std::getline(out, line));
+  json = Json::parse(line);
+  json.erase("time");
+  EXPECT_EQ(json.dump(-1, ' ', true),
+            R"({"from":"nat","to":"palinode-igd","kind":"error","command":"add",)"
+            R"("error":"two\nlines\ufffd","fields":{},"cut":true})");
+  EXPECT_FALSE(std::getline(out, line));
+}
+
+TEST_F(Monitoring, PutsTextInQuotesUnlessItIsOneWord) {
+  for (const auto& [value, shown] :
+       std::vector<std::pair<std::string, std::string>>{{"one-word", "one-word"},
+                                                        {"", "\"\""},
+                                                        {"two words", "\"two words\""},
+                                                        {"a=b", "\"a=b\""},
+                                                        {"a]", "\"a]\""},
+                                                        {"\"", "\"\\\"\""},
+                                                        {"\\", "\"\\\\\""},
+                                                        {"~", "~"},
+                                                        {"\x7f", "\"\\x7f\""},
+                                                        {"\xe2\x80\xae", "\"\\xe2\\x80\\xae\""}}) {
+    lm::message fields;
+    fields.insert_string(lumen::interfaces::key::name, value);
+    router.passes(20, everybody, notification({20, 0}, lm::cmd::changed, fields));
+    EXPECT_EQ(lines(), Lines{"interfaces -> all: notification changed name=" + shown});
+  }
+}
+
+TEST_F(Monitoring, IsNotHeldUpByAMessageOfManyFields) {
+  lm::message fields;
+  for (uint32_t key = 0; key < 20'000; ++key) fields.fields().append(0x1000 + key, true);
+  router.passes(gateway, everybody, notification({gateway, 0}, lm::cmd::changed, fields));
+  const std::clock_t start = std::clock();
+  EXPECT_EQ(lines().size(), 1U);
+  EXPECT_LT(std::clock() - start, 5 * CLOCKS_PER_SEC);
+}
+
+TEST(MonitorOf, RequestsThatAreNeverAnsweredDoesNotGrow) {
+  Monitor monitor({});
+  lm::message shown;
+  shown.insert_u32(lumen::monitorkey::from, gateway);
+  shown.insert_u32(lumen::monitorkey::to, 20);
+  for (uint32_t serial = 0; serial < 5'000; ++serial) {
+    shown.insert_message(lumen::monitorkey::message, request({20, 0}, lm::cmd::list, serial));
+    EXPECT_EQ(monitor.read(shown, 0).kind, "request");
+    ASSERT_LE(monitor.underWay(), 4096U);
+  }
+}
+
+TEST(MonitorTime, IsTheTimeOfDayHere) {
+  setenv("TZ", "CET-1", 1);
+  tzset();
+  EXPECT_EQ(localTimeOfDay(1709251198007), "00:59:58.007");
+  EXPECT_EQ(localTimeOfDay(0), "01:00:00.000");
+}
+
+}  // namespace
+}  // namespace lumenctl

@@ -1,0 +1,172 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "lumen/ctl/router/SocketClient.h"
+#include "lumen/runtime/Codec.h"
+#include "platform/Fd.h"
+#include "platform/Keys.h"
+#include "support/TempDir.h"
+
+namespace lumenctl {
+namespace {
+
+/// A platform that listens in a folder of its own, as lumend --root does.
+class SocketClientTest : public testing::Test {
+ protected:
+  SocketClientTest() { root_.makeDirectory("run"); }
+
+  void listens() {
+    listener_.reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    ASSERT_LT(path_.size(), sizeof address.sun_path);
+    path_.copy(address.sun_path, path_.size());
+    ASSERT_EQ(bind(listener_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address),
+              0);
+    ASSERT_EQ(listen(listener_.get(), 1), 0);
+  }
+
+  /// The client at the other end of platform_.
+  std::unique_ptr<Client> connects() {
+    listens();
+    auto client = SocketClient::connect(root_.path(), why_);
+    EXPECT_TRUE(client) << why_;
+    platform_.reset(accept(listener_.get(), nullptr, nullptr));
+    return client;
+  }
+
+  void sends(const lm::message& m) const {
+    const std::string bytes = lm::encode(m);
+    EXPECT_EQ(send(platform_.get(), bytes.data(), bytes.size(), 0),
+              static_cast<ssize_t>(bytes.size()));
+  }
+  void notifies(uint32_t command) const {
+    lm::message notification;
+    notification.insert_u32(lm::key::command, command);
+    notification.insert_u32_array(lm::key::source, {20, 0});
+    sends(notification);
+  }
+  [[nodiscard]] lm::message hears() const {
+    std::string bytes(lm::maxDatagram, '\0');
+    const ssize_t length = recv(platform_.get(), bytes.data(), bytes.size(), 0);
+    std::string reason;
+    return lm::decode(std::string_view(bytes).substr(0, static_cast<size_t>(length)), reason)
+        .value_or(lm::message());
+  }
+
+  /// With 7 in field 1.
+  void answers(const lm::message& request) const {
+    lm::message reply;
+    reply.insert_bool(lm::key::isReply, true);
+    reply.insert_u32(lm::key::serial, request.get_u32(lm::key::serial));
+    reply.insert_u32(1, 7);
+    sends(reply);
+  }
+
+  lm::test::TempDir root_;
+  const std::string path_ = root_.file("run/lumen.sock");
+  std::string why_;
+  lm::Fd listener_;
+  lm::Fd platform_;
+};
+
+uint32_t commandOf(const std::optional<lm::message>& notification) {
+  return notification ? notification->get_u32(lm::key::command) : 0;
+}
+
+bool takesPending(int signal) {
+  sigset_t wanted;
+  sigemptyset(&wanted);
+  sigaddset(&wanted, signal);
+  const timespec now = {};
+  return sigtimedwait(&wanted, nullptr, &now) == signal;
+}
+
+TEST_F(SocketClientTest, SaysWhereNobodyAnswers) {
+  EXPECT_FALSE(SocketClient::connect(root_.path(), why_));
+  EXPECT_EQ(why_, "lumend does not answer (" + path_ + ": No such file or directory)");
+  listens();
+  listener_.reset();
+  why_.clear();
+  EXPECT_FALSE(SocketClient::connect(root_.path(), why_));
+  EXPECT_EQ(why_, "lumend does not answer (" + path_ + ": Connection refused)");
+}
+
+TEST_F(SocketClientTest, TakesTheReplyToItsRequest) {
+  const auto client = connects();
+  lm::message request;
+  std::thread platform([&] {
+    request = hears();
+    answers(request);
+  });
+  EXPECT_EQ(client->exchange({20, 5}, lm::cmd::list, {}, 15000).get_u32(1), 7U);
+  platform.join();
+  EXPECT_EQ(request.get_u32_array_ref(lm::key::destination), (std::vector<uint32_t>{20, 5}));
+  EXPECT_EQ(request.get_u32(lm::key::command), lm::cmd::list);
+}
+
+TEST_F(SocketClientTest, SaysWhomThePlatformAnswersWhenItEndsTheConnectionUnanswered) {
+  const auto client = connects();
+  platform_.reset();
+  EXPECT_EQ(lm::getError(client->exchange({20, 5}, lm::cmd::list, {}, 15000)),
+            "connection ended: lumend answers root and the group lumen only");
+}
+
+TEST_F(SocketClientTest, TakesAPlatformThatEndsLaterForOneThatEnded) {
+  const auto client = connects();
+  std::thread platform([&] { answers(hears()); });
+  EXPECT_EQ(client->exchange({20, 5}, lm::cmd::list, {}, 15000).get_u32(1), 7U);
+  platform.join();
+  platform_.reset();
+  EXPECT_EQ(lm::getError(client->exchange({20, 5}, lm::cmd::list, {}, 15000)), "connection ended");
+}
+
+TEST_F(SocketClientTest, TakesNotificationsInOrderUntilThePlatformEnds) {
+  const auto client = connects();
+  notifies(1);
+  notifies(2);
+  platform_.reset();
+  EXPECT_EQ(commandOf(client->notification()), 1U);
+  EXPECT_EQ(commandOf(client->notification()), 2U);
+  const auto last = client->notification();
+  ASSERT_TRUE(last);
+  EXPECT_EQ(last->get_string(lm::key::errorText), "the platform has ended the connection");
+}
+
+TEST_F(SocketClientTest, EndsWhenItIsTold) {
+  for (const int signal : {SIGTERM, SIGINT}) {
+    const auto client = connects();
+    notifies(1);
+    EXPECT_EQ(commandOf(client->notification()), 1U);
+    raise(signal);
+    notifies(2);
+    EXPECT_FALSE(client->notification()) << "even when there is more to tell";
+    EXPECT_TRUE(takesPending(signal));
+    unlink(path_.c_str());
+  }
+}
+
+TEST_F(SocketClientTest, EndsWhenNobodyReadsItsOutput) {
+  const auto client = connects();
+  int ends[2] = {-1, -1};
+  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+  fflush(stdout);
+  const lm::Fd output(dup(STDOUT_FILENO));
+  dup2(ends[1], STDOUT_FILENO);
+  close(ends[1]);
+  close(ends[0]);
+  const auto end = client->notification();
+  dup2(output.get(), STDOUT_FILENO);
+  EXPECT_FALSE(end);
+}
+
+}  // namespace
+}  // namespace lumenctl

@@ -1,0 +1,170 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "ctl/FakePlatform.h"
+#include "lumen/ctl/machine/RouteTable.h"
+#include "platform/Keys.h"
+
+namespace lumenctl {
+namespace {
+
+using Lines = std::vector<std::string>;
+
+constexpr const char* proposal =
+    "As this router's routes and addresses look:\n"
+    "\n"
+    "INTERFACE  ROLE      WHY\n"
+    "br-lan     internal  bridge, private network (192.168.88.1)\n"
+    "wan0       external  the default route leaves by it\n"
+    "\n";
+constexpr const char* question = "Set the gateway up like that? [y/N] ";
+constexpr const char* done =
+    "br-lan: kept as internal\n"
+    "wan0: kept as external\n"
+    "br-lan: used by the gateway as internal\n"
+    "wan0: used by the gateway as external\n"
+    "gateway: switched on\n"
+    "The gateway is set up. See it work: lumenctl status\n";
+
+/// A router fresh from the box whose roles can be seen.
+struct NewRouter : FakePlatform {
+  NewRouter() {
+    hasLink("br-lan");
+    hasLink("wan0");
+    hasAddress("br-lan", "192.168.88.1");
+    hasAddress("wan0", "45.45.45.1");
+    settings().insert_bool(1, false);
+    machine().bridges = {"br-lan"};
+    machine().files[routeTablePath] =
+        "wan0\t00000000\t022D2D2D\t0003\t0\t0\t0\t00000000\t0\t0\t0\n";
+  }
+};
+
+struct ProposedSetup : testing::Test {
+  NewRouter router;
+};
+
+TEST_F(ProposedSetup, IsDoneWhenSomebodySaysYes) {
+  for (const std::string yes : {"y", "Y", "yes"}) {
+    NewRouter fresh;
+    fresh.machine().somebodyTypes(yes);
+    const auto result = fresh.lumenctl({"upnp", "setup"});
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(result.out, std::string(proposal) + question + done);
+  }
+}
+
+TEST_F(ProposedSetup, ChangesNothingWhenSomebodySaysAnythingElse) {
+  for (const std::string no : {"n", "", "no", "yn", " y", "what?"}) {
+    router.machine().somebodyTypes(no);
+    const auto result = router.lumenctl({"upnp", "setup"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.out, std::string(proposal) + question);
+    EXPECT_EQ(result.err, "lumenctl: nothing was changed\n");
+  }
+  EXPECT_EQ(router.changes(), Lines{});
+}
+
+TEST_F(ProposedSetup, ChangesNothingWhenTheInputEnds) {
+  router.machine().terminal = true;
+  const auto result = router.lumenctl({"upnp", "setup"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.out, std::string(proposal) + question + "\n");
+  EXPECT_EQ(router.changes(), Lines{});
+}
+
+TEST_F(ProposedSetup, AsksNobodyWhenTheCommandSaysYes) {
+  const auto result = router.lumenctl({"upnp", "setup", "--yes"});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.out, std::string(proposal) + done);
+}
+
+TEST_F(ProposedSetup, SaysWithoutATerminalWhatWouldDoIt) {
+  const auto result = router.lumenctl({"upnp", "setup"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err,
+            "lumenctl: roles are missing, and without a terminal nobody can be asked. What would "
+            "be proposed: lumenctl upnp setup --internal br-lan --external wan0\n");
+  EXPECT_EQ(router.changes(), Lines{});
+}
+
+TEST_F(ProposedSetup, SaysWithoutATerminalThatAMissingInterfaceIsAllowed) {
+  const auto result = router.lumenctl({"upnp", "setup", "--external", "ppp0", "--allow-missing"});
+  EXPECT_NE(result.err.find(" --internal br-lan --external ppp0 --allow-missing\n"),
+            std::string::npos)
+      << result.err;
+}
+
+TEST_F(ProposedSetup, AsksNobodyWhenTheAnswerIsForPrograms) {
+  router.machine().somebodyTypes("y");
+  const auto result = router.lumenctl({"--json", "--root", "/tmp/r", "upnp", "setup"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.out, "{\n  \"done\": []\n}\n");
+  EXPECT_EQ(result.err,
+            "lumenctl: roles are missing, and with --json nobody can be asked. What would be "
+            "proposed: lumenctl --root /tmp/r upnp setup --internal br-lan --external wan0\n");
+  EXPECT_EQ(router.changes(), Lines{});
+}
+
+TEST_F(ProposedSetup, AnswersProgramsThatSayYesWithWhatWasDone) {
+  const auto result = router.lumenctl({"--json", "upnp", "setup", "--yes"});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_TRUE(result.out.starts_with("{\n  \"done\": [\n    \"br-lan: kept as internal\",\n"))
+      << result.out;
+}
+
+TEST_F(ProposedSetup, CompletesWhatWasSaidInPart) {
+  for (const Lines& said : {Lines{"--internal", "br-lan"}, Lines{"--external", "wan0"}}) {
+    NewRouter fresh;
+    Lines arguments = {"upnp", "setup"};
+    arguments.insert(arguments.end(), said.begin(), said.end());
+    fresh.machine().somebodyTypes("y");
+    const auto result = fresh.lumenctl(arguments);
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_NE(result.out.find("you said so\n"), std::string::npos) << result.out;
+    EXPECT_TRUE(result.out.ends_with(std::string(question) + done)) << result.out;
+  }
+}
+
+TEST_F(ProposedSetup, TellsWhichRolesWouldEnd) {
+  router.hasLink("ppp0", 1);
+  router.machine().somebodyTypes("n");
+  const auto result = router.lumenctl({"upnp", "setup"});
+  EXPECT_NE(result.out.find("ppp0       none      external so far\n"), std::string::npos)
+      << result.out;
+}
+
+TEST_F(ProposedSetup, AsksNobodyWhenEverythingIsSaid) {
+  router.machine().somebodyTypes("n");
+  const auto result =
+      router.lumenctl({"upnp", "setup", "--internal", "br-lan", "--external", "wan0"});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.out, done);
+}
+
+TEST_F(ProposedSetup, SaysWhyItHasNothingToPropose) {
+  router.machine().files.clear();
+  router.machine().somebodyTypes("y");
+  for (const Lines& command : {Lines{"upnp", "setup"}, Lines{"upnp", "setup", "--yes"},
+                               Lines{"--json", "upnp", "setup", "--yes"}}) {
+    const auto result = router.lumenctl(command);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err,
+              "lumenctl: no interface looks like the external one: there is no default route. Say "
+              "which one it is: --external IF\n");
+  }
+  EXPECT_EQ(router.changes(), Lines{});
+}
+
+TEST_F(ProposedSetup, NeedsThePlatform) {
+  router.cannotBeReached();
+  const auto result = router.lumenctl({"upnp", "setup", "--yes"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.err, "lumenctl: nobody answers\nlumend logs to its standard output.\n");
+}
+
+}  // namespace
+}  // namespace lumenctl

@@ -1,0 +1,63 @@
+#include <gtest/gtest.h>
+
+#include "lumen/ctl/status/Traffic.h"
+#include "lumen/services/interfaces/InterfaceKeys.h"
+#include "platform/message.h"
+
+namespace lumenctl {
+namespace {
+
+using Rates = std::deque<Traffic::Rate>;
+
+Counters counted(uint64_t received, uint64_t sent) {
+  lm::message record;
+  record.insert_u64(lumen::interfaces::key::bytesReceived, received);
+  record.insert_u64(lumen::interfaces::key::bytesSent, sent);
+  return Counters(record);
+}
+
+TEST(TrafficTest, IsWhatWasCountedBetweenTwoReadings) {
+  Traffic traffic;
+  traffic.add(counted(1000, 50), 10'000);
+  EXPECT_EQ(traffic.rates(), Rates{});
+  traffic.add(counted(3000, 50), 11'000);
+  traffic.add(counted(4000, 150), 11'500);
+  EXPECT_EQ(traffic.rates(), (Rates{{2000, 0}, {2000, 200}}));
+}
+
+TEST(TrafficTest, IsOfFullSpeedToo) {
+  Traffic traffic;
+  traffic.add(counted(0, 0), 0);
+  traffic.add(counted(UINT64_MAX / 2, 12'500'000'000), 1000);
+  EXPECT_EQ(traffic.rates().back().sent, 12'500'000'000U);
+}
+
+TEST(TrafficTest, HasNoRateBetweenTwoInterfacesOfOneName) {
+  Traffic traffic;
+  traffic.add(counted(5000, 5000), 1000);
+  traffic.add(counted(10, 6000), 2000);
+  EXPECT_EQ(traffic.rates(), Rates{});
+  traffic.add(counted(20, 6000), 3000);
+  EXPECT_EQ(traffic.rates(), (Rates{{10, 0}}));
+  traffic.add(counted(30, 5000), 4000);
+  EXPECT_EQ(traffic.rates().size(), 1U);
+}
+
+TEST(TrafficTest, HasNoRateInNoTime) {
+  Traffic traffic;
+  traffic.add(counted(0, 0), 1000);
+  traffic.add(counted(10, 10), 1000);
+  EXPECT_EQ(traffic.rates(), Rates{});
+}
+
+TEST(TrafficTest, RemembersAMinute) {
+  Traffic traffic;
+  for (uint64_t second = 0; second < 100; ++second) {
+    traffic.add(counted(second * second, 0), second * 1000);
+  }
+  EXPECT_EQ(traffic.rates().size(), 60U);
+  EXPECT_EQ(traffic.rates().back().received, 99U * 99 - 98 * 98);
+}
+
+}  // namespace
+}  // namespace lumenctl

@@ -1,0 +1,356 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+
+#include "lumen/runtime/Clock.h"
+#include "lumen/runtime/EventLoop.h"
+#include "lumen/services/system/processes/LinuxProcesses.h"
+#include "lumen/services/system/processes/LockFile.h"
+#include "support/OutputCapture.h"
+#include "support/RefusedCall.h"
+
+namespace lumen {
+namespace {
+
+constexpr uid_t user = 54321;
+constexpr gid_t group = 54322;
+
+/// Starts real processes as another user, which takes root.
+class LinuxProcessesTest : public testing::Test, public Processes::Observer {
+ public:
+  ~LinuxProcessesTest() override { std::filesystem::remove_all(folder_); }
+
+ protected:
+  LinuxProcessesTest() {
+    EXPECT_NE(mkdtemp(folder_.data()), nullptr);
+    chmod(folder_.c_str(), 0755);
+    processes.setObserver(*this);
+  }
+
+  void SetUp() override { ASSERT_EQ(geteuid(), 0U) << "these tests must be run by root"; }
+
+  void processEnded(pid_t pid, int status) override {
+    endedPid = pid;
+    endedStatus = status;
+  }
+
+  [[nodiscard]] Program program(const std::string& executable) const {
+    Program program;
+    program.executable = executable;
+    program.user = user;
+    program.group = group;
+    program.lockFile = folder_ + "/service.lock";
+    return program;
+  }
+
+  /// Starts a program whose output goes to a file.
+  std::optional<pid_t> start(const std::string& executable) {
+    fflush(stdout);
+    const lm::Fd kept(dup(STDOUT_FILENO));
+    const lm::Fd file(
+        open(outputFile().c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644));
+    dup2(file.get(), STDOUT_FILENO);
+    const std::optional<pid_t> pid = processes.start(program(executable));
+    dup2(kept.get(), STDOUT_FILENO);
+    return pid;
+  }
+
+  /// A journal where programs look for it, which only this test program and what it starts see.
+  [[nodiscard]] static lm::Fd journalListens() {
+    EXPECT_EQ(unshare(CLONE_NEWNS), 0);
+    EXPECT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+    EXPECT_EQ(mount("none", "/run", "tmpfs", 0, nullptr), 0);
+    std::filesystem::create_directories("/run/systemd/journal");
+    lm::Fd listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const sockaddr_un address = {AF_UNIX, "/run/systemd/journal/stdout"};
+    EXPECT_EQ(bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    EXPECT_EQ(listen(listener.get(), 1), 0);
+    return listener;
+  }
+  /// As systemd says to whom it starts, of the file that start() puts in place of the output.
+  void writesToTheJournal() const {
+    std::ofstream(outputFile()).flush();
+    struct stat info = {};
+    ASSERT_EQ(stat(outputFile().c_str(), &info), 0);
+    const std::string named = std::to_string(info.st_dev) + ":" + std::to_string(info.st_ino);
+    setenv("JOURNAL_STREAM", named.c_str(), 1);
+  }
+
+  template <typename Condition>
+  [[nodiscard]] bool waitUntil(Condition condition) {
+    const uint64_t limit = clock.now() + 20'000;
+    while (!condition()) {
+      if (clock.now() > limit) return false;
+      loop.turn(20);
+    }
+    return true;
+  }
+
+  [[nodiscard]] std::string outputFile() const { return folder_ + "/output"; }
+  [[nodiscard]] std::string output() const {
+    std::ifstream file(outputFile());
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
+  [[nodiscard]] bool hasEnded() {
+    return waitUntil([&] { return endedPid != 0; });
+  }
+  [[nodiscard]] bool isReady() {
+    return waitUntil([&] { return output().find("\nready\n") != std::string::npos; });
+  }
+
+  std::string folder_ = testing::TempDir() + "processesXXXXXX";
+  lm::SystemClock clock;
+  lm::EventLoop loop{clock};
+  LinuxProcesses processes;
+  pid_t endedPid = 0;
+  int endedStatus = -1;
+};
+
+/// The values of the lines "name: value" of the probe's output.
+std::multiset<std::string> values(const std::string& output, const std::string& name) {
+  std::multiset<std::string> found;
+  std::istringstream lines(output);
+  for (std::string line; std::getline(lines, line);) {
+    if (!line.starts_with(name + ":")) continue;
+    const size_t begin = line.find_first_not_of(" \t", name.size() + 1);
+    const size_t end = line.find_last_not_of(" \t");
+    found.insert(begin == std::string::npos ? "" : line.substr(begin, end - begin + 1));
+  }
+  return found;
+}
+
+using Values = std::multiset<std::string>;
+
+TEST_F(LinuxProcessesTest, StartsAProcessWithNothingThatItShouldNotHave) {
+  // What must not reach it.
+  const lm::Fd leak(open("/dev/null", O_RDONLY));
+  signal(SIGPIPE, SIG_IGN);
+  sigset_t blocked;
+  sigemptyset(&blocked);
+  sigaddset(&blocked, SIGTERM);
+  sigprocmask(SIG_BLOCK, &blocked, nullptr);
+  setenv("SECRET", "of the starter", 1);
+
+  const std::optional<pid_t> pid = start(SERVICE_PROBE);
+  sigprocmask(SIG_UNBLOCK, &blocked, nullptr);
+  signal(SIGPIPE, SIG_DFL);
+  ASSERT_TRUE(pid);
+  ASSERT_TRUE(isReady()) << output();
+
+  const std::string seen = output();
+  EXPECT_EQ(values(seen, "Uid"), Values{"54321\t54321\t54321\t54321"});
+  EXPECT_EQ(values(seen, "Gid"), Values{"54322\t54322\t54322\t54322"});
+  EXPECT_EQ(values(seen, "Groups"), Values{"54322"});
+  for (const char* set : {"CapInh", "CapPrm", "CapEff", "CapAmb"}) {
+    EXPECT_EQ(values(seen, set), Values{"0000000000000000"}) << set;
+  }
+  EXPECT_EQ(values(seen, "NoNewPrivs"), Values{"1"});
+  EXPECT_EQ(values(seen, "SigBlk"), Values{"0000000000000000"});
+  EXPECT_EQ(values(seen, "SigIgn"), Values{"0000000000000000"});
+  EXPECT_EQ(values(seen, "Umask"), Values{"0077"});
+  EXPECT_EQ(values(seen, "descriptor"), (Values{"0", "1", "2", "3"}));
+  EXPECT_EQ(values(seen, "variable"),
+            Values{"PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"});
+  EXPECT_EQ(values(seen, "name"), Values{SERVICE_PROBE});
+  EXPECT_EQ(values(seen, "parent's end"), Values{std::to_string(SIGTERM)});
+  EXPECT_EQ(values(seen, "leads its session"), Values{"1"});
+  EXPECT_EQ(values(seen, "directory"), Values{"/"});
+  EXPECT_EQ(values(seen, "input is at its end"), Values{"1"});
+
+  processes.signal(*pid, SIGTERM);
+  ASSERT_TRUE(hasEnded());
+  EXPECT_EQ(endedPid, *pid);
+  EXPECT_TRUE(WIFSIGNALED(endedStatus));
+  EXPECT_EQ(WTERMSIG(endedStatus), SIGTERM);
+}
+
+TEST_F(LinuxProcessesTest, TellsTheExitStatus) {
+  ASSERT_TRUE(start("/bin/false"));
+  ASSERT_TRUE(hasEnded());
+  EXPECT_TRUE(WIFEXITED(endedStatus));
+  EXPECT_EQ(WEXITSTATUS(endedStatus), 1);
+}
+
+TEST_F(LinuxProcessesTest, HoldsTheLockAsLongAsTheProcessLives) {
+  const std::string lock = program("").lockFile;
+  EXPECT_EQ(processes.lockHolder(lock), 0);
+  const std::optional<pid_t> pid = start(SERVICE_PROBE);
+  ASSERT_TRUE(pid);
+  ASSERT_TRUE(isReady());
+  EXPECT_EQ(processes.lockHolder(lock), *pid);
+  processes.killLockHolder(lock);
+  ASSERT_TRUE(hasEnded());
+  EXPECT_EQ(WTERMSIG(endedStatus), SIGKILL);
+  EXPECT_EQ(processes.lockHolder(lock), 0);
+}
+
+TEST_F(LinuxProcessesTest, DoesNotRunASecondProcessUnderOneLock) {
+  const std::optional<pid_t> first = start(SERVICE_PROBE);
+  ASSERT_TRUE(first && isReady());
+  const std::optional<pid_t> second = start(SERVICE_PROBE);
+  ASSERT_TRUE(second && hasEnded());
+  EXPECT_EQ(endedPid, *second);
+  EXPECT_EQ(WEXITSTATUS(endedStatus), 126);
+  EXPECT_NE(output().find(SERVICE_PROBE ": lock: "), std::string::npos) << output();
+  EXPECT_EQ(processes.lockHolder(program("").lockFile), *first);
+  processes.signal(*first, SIGKILL);
+  endedPid = 0;
+  EXPECT_TRUE(hasEnded());
+}
+
+TEST_F(LinuxProcessesTest, RunsAnExecutableThatTheUserCannotReach) {
+  const std::string hidden = folder_ + "/hidden";
+  std::filesystem::create_directory(hidden);
+  chmod(hidden.c_str(), 0700);
+  std::filesystem::copy_file("/bin/true", hidden + "/true");
+  ASSERT_TRUE(processes.open(hidden + "/true"));
+  ASSERT_TRUE(start(hidden + "/true"));
+  ASSERT_TRUE(hasEnded());
+  EXPECT_EQ(endedStatus, 0) << output();
+}
+
+TEST_F(LinuxProcessesTest, TellsTheEndAlsoWhereItsOwnStarterIgnoredThose) {
+  ::signal(SIGCHLD, SIG_IGN);
+  LinuxProcesses inheriting;
+  inheriting.setObserver(*this);
+  ASSERT_TRUE(inheriting.start(program("/bin/false")));
+  ASSERT_TRUE(hasEnded());
+  EXPECT_EQ(WEXITSTATUS(endedStatus), 1);
+}
+
+TEST_F(LinuxProcessesTest, SaysWhatCannotBeRun) {
+  testing::internal::CaptureStdout();
+  EXPECT_FALSE(processes.start(program("/nowhere/program")));
+  EXPECT_FALSE(processes.open("/nowhere/program"));
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "/nowhere/program: No such file or directory\n"
+            "/nowhere/program: No such file or directory\n");
+  std::ofstream(folder_ + "/text") << "no program";
+  ASSERT_TRUE(start(folder_ + "/text"));
+  ASSERT_TRUE(hasEnded());
+  EXPECT_EQ(WEXITSTATUS(endedStatus), 126);
+  EXPECT_EQ(output(), folder_ + "/text: cannot be run: Permission denied\n");
+}
+
+TEST_F(LinuxProcessesTest, SaysWhatKeepsAProcessFromStarting) {
+  Program nowhere = program("/bin/true");
+  nowhere.lockFile = folder_ + "/missing/service.lock";
+  lm::test::OutputCapture log;
+  EXPECT_FALSE(processes.start(nowhere));
+  whileRefused({SCMP_SYS(clone)}, EAGAIN,
+               [&] { EXPECT_FALSE(processes.start(program("/bin/true"))); });
+  whileRefused({SCMP_SYS(pidfd_open)}, EMFILE,
+               [&] { EXPECT_FALSE(processes.start(program("/bin/true"))); });
+  EXPECT_EQ(log.text(), nowhere.lockFile +
+                            ": No such file or directory\n"
+                            "fork: Resource temporarily unavailable\n"
+                            "pidfd_open: Too many open files\n");
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child is left";
+}
+
+TEST_F(LinuxProcessesTest, RunsNoProgramThatIsNotCutOffFromItsStarter) {
+  struct Case {
+    int call;
+    const char* what;
+  };
+  const Case cases[] = {{SCMP_SYS(close_range), "descriptors"}, {SCMP_SYS(dup3), "descriptors"},
+                        {SCMP_SYS(setsid), "session"},          {SCMP_SYS(chdir), "session"},
+                        {SCMP_SYS(setgroups), "user"},          {SCMP_SYS(setresgid), "user"},
+                        {SCMP_SYS(setresuid), "user"},          {SCMP_SYS(prctl), "capabilities"},
+                        {SCMP_SYS(capset), "capabilities"}};
+  for (const Case& c : cases) {
+    endedPid = 0;
+    whileRefused({c.call}, EPERM, [&] { ASSERT_TRUE(start("/bin/true")); });
+    ASSERT_TRUE(hasEnded());
+    EXPECT_EQ(WEXITSTATUS(endedStatus), 126);
+    EXPECT_EQ(output(), "/bin/true: " + std::string(c.what) + ": Operation not permitted\n");
+  }
+}
+
+TEST_F(LinuxProcessesTest, GivesEachProgramAStreamOfItsOwnInTheJournal) {
+  const lm::Fd journal = journalListens();
+  writesToTheJournal();
+  const std::optional<pid_t> pid = start(SERVICE_PROBE);
+  ASSERT_TRUE(pid);
+  const lm::Fd stream(accept(journal.get(), nullptr, nullptr));
+  std::string kept;
+  char byte = 0;
+  while (!kept.ends_with("\nready\n") && read(stream.get(), &byte, 1) == 1) kept += byte;
+  EXPECT_TRUE(kept.starts_with("service_probe\n\n6\n0\n0\n0\n0\n")) << kept;
+  EXPECT_EQ(values(kept, "descriptor"), (Values{"0", "1", "2", "3"}));
+  EXPECT_EQ(output(), "");
+  processes.signal(*pid, SIGKILL);
+  EXPECT_TRUE(hasEnded());
+}
+
+TEST_F(LinuxProcessesTest, SharesItsOutputWhenTheJournalTakesNoStream) {
+  const lm::Fd journal = journalListens();
+  writesToTheJournal();
+  whileRefused({SCMP_SYS(connect)}, EACCES, [&] {
+    ASSERT_TRUE(start("/bin/echo"));
+    ASSERT_TRUE(hasEnded());  // here: it is told to end when the thread that started it does
+  });
+  EXPECT_EQ(output(), "\n");
+}
+
+TEST_F(LinuxProcessesTest, SignalsOnlyWhatItHasStarted) {
+  std::array<int, 2> ends{};
+  ASSERT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+  const lm::Fd reading(ends[0]);
+  lm::Fd writing(ends[1]);
+  const pid_t stranger = fork();
+  if (stranger == 0) {
+    close(ends[1]);
+    char byte = 0;
+    _exit(read(ends[0], &byte, 1) == 0 ? 0 : 1);  // until the other end is closed
+  }
+  processes.signal(stranger, SIGKILL);
+  writing.reset();
+  int status = 0;
+  EXPECT_EQ(waitpid(stranger, &status, 0), stranger);
+  EXPECT_TRUE(WIFEXITED(status));
+}
+
+TEST_F(LinuxProcessesTest, FindsNoHolderOfALockThatNobodyHas) {
+  const std::string missing = folder_ + "/missing/service.lock";
+  EXPECT_EQ(processes.lockHolder(missing), 0);
+  processes.killLockHolder(missing);
+  const std::string lock = program("").lockFile;
+  EXPECT_EQ(processes.lockHolder(lock), 0);
+  processes.killLockHolder(lock);
+}
+
+TEST_F(LinuxProcessesTest, LeavesNoDescriptorBehind) {
+  const auto count = [] {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+  };
+  ASSERT_TRUE(start("/bin/true"));
+  ASSERT_TRUE(hasEnded());
+  const auto before = count();
+  for (int i = 0; i < 5; ++i) {
+    endedPid = 0;
+    ASSERT_TRUE(start("/bin/true"));
+    ASSERT_TRUE(hasEnded());
+  }
+  EXPECT_EQ(count(), before);
+}
+
+}  // namespace
+}  // namespace lumen

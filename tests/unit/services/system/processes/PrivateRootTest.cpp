@@ -1,0 +1,185 @@
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <stdlib.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <set>
+#include <string>
+
+#include "lumen/services/system/processes/PrivateRoot.h"
+#include "support/RefusedCall.h"
+
+namespace lumen {
+namespace {
+
+namespace fs = std::filesystem;
+
+/// Everything happens in a child, whose view of the file system is its own.
+class PrivateRootTest : public testing::Test {
+ public:
+  ~PrivateRootTest() override { fs::remove_all(directory_); }
+
+ protected:
+  PrivateRootTest() {
+    EXPECT_NE(mkdtemp(directory_.data()), nullptr);
+    chmod(directory_.c_str(), 0755);
+    std::ofstream(directory_ + "/here") << "yes";
+  }
+
+  void SetUp() override { ASSERT_EQ(geteuid(), 0U) << "these tests must be run by root"; }
+
+  /// What `check` says went wrong; empty: nothing.
+  static std::string inAChild(const std::function<std::string()>& check) {
+    int result[2] = {-1, -1};
+    EXPECT_EQ(pipe(result), 0);
+    const pid_t pid = fork();
+    if (pid == 0) {
+      const std::string text = check();
+      _exit(write(result[1], text.data(), text.size()) < 0 ? 1 : 0);
+    }
+    close(result[1]);
+    std::string text;
+    char buffer[512];
+    for (ssize_t length = 0; (length = read(result[0], buffer, sizeof buffer)) > 0;) {
+      text.append(buffer, static_cast<size_t>(length));
+    }
+    close(result[0]);
+    int status = -1;
+    waitpid(pid, &status, 0);
+    EXPECT_EQ(status, 0);
+    return text;
+  }
+
+  static std::set<std::string> namesIn(const std::string& path) {
+    std::set<std::string> names;
+    for (const auto& entry : fs::directory_iterator(path)) names.insert(entry.path().filename());
+    return names;
+  }
+
+  std::string directory_ = testing::TempDir() + "rootXXXXXX";
+};
+
+TEST_F(PrivateRootTest, ShowsTheDirectoryInPlaceAndNothingOutside) {
+  const std::set<std::string> before = namesIn("/");
+  EXPECT_EQ(inAChild([&] {
+              std::string error = enterPrivateRoot(directory_);
+              if (error.empty() && !fs::exists("/lumen/here")) error = "it is not there";
+              std::ofstream("/lumen/made") << "inside";
+              return error;
+            }),
+            "");
+  EXPECT_EQ(namesIn("/"), before);
+  EXPECT_TRUE(fs::exists(directory_ + "/made"));
+}
+
+TEST_F(PrivateRootTest, LeavesEverythingElseWhereItIs) {
+  std::set<std::string> before = namesIn("/");
+  before.insert("lumen");
+  const std::string work = fs::current_path();
+  EXPECT_EQ(inAChild([&]() -> std::string {
+              std::string error = enterPrivateRoot(directory_);
+              if (!error.empty()) return error;
+              if (namesIn("/") != before) return "other names in /";
+              if (!fs::exists("/proc/self/status")) return "no /proc";
+              if (!fs::exists("/dev/null")) return "no /dev";
+              if (!fs::exists(work)) return "no " + work;
+              if (!fs::exists(directory_ + "/here")) return "no " + directory_;
+              if (system("/bin/true") != 0) return "programs do not run";
+              return {};
+            }),
+            "");
+}
+
+TEST_F(PrivateRootTest, CoversALumenThatIsThere) {
+  EXPECT_EQ(inAChild([&]() -> std::string {
+              // A root in which /lumen is there, made the same way.
+              std::string error = enterPrivateRoot(directory_);
+              if (!error.empty()) return error;
+              fs::create_directory(directory_ + "/other");
+              chmod((directory_ + "/other").c_str(), 0755);
+              std::ofstream(directory_ + "/other/there") << "yes";
+              error = enterPrivateRoot(directory_ + "/other");
+              if (!error.empty()) return error;
+              return namesIn("/lumen") == std::set<std::string>{"there"} ? "" : "another one";
+            }),
+            "");
+}
+
+TEST_F(PrivateRootTest, SaysWhatIsWrongWithTheDirectory) {
+  EXPECT_EQ(inAChild([&] { return enterPrivateRoot("/nowhere"); }),
+            "/nowhere: No such file or directory");
+  EXPECT_EQ(inAChild([&] { return enterPrivateRoot(directory_ + "/here"); }),
+            directory_ + "/here: is no directory");
+  chmod(directory_.c_str(), 0700);
+  EXPECT_EQ(inAChild([&] { return enterPrivateRoot(directory_); }),
+            directory_ + ": services run as other users and cannot look into it (chmod 755)");
+}
+
+TEST_F(PrivateRootTest, SaysWhatTheSystemDoesNotLetItDo) {
+  struct Case {
+    int call;
+    const char* what;  // "" is any entry of the old root
+  };
+  const Case always[] = {{SCMP_SYS(unshare), "mount namespace"}, {SCMP_SYS(mount), "/"}};
+  const Case withoutMountPoint[] = {{SCMP_SYS(open_tree), ""}, {SCMP_SYS(move_mount), ""},
+                                    {SCMP_SYS(mkdir), ""},     {SCMP_SYS(openat), "/"},
+                                    {SCMP_SYS(chdir), "/dev"}, {SCMP_SYS(pivot_root), "pivot_root"},
+                                    {SCMP_SYS(umount2), "/"}};
+  const auto expectRefusal = [this](const Case& c) {
+    whileRefused({c.call}, EPERM, [&] {
+      const std::string error = inAChild([this] { return enterPrivateRoot(directory_); });
+      const std::string reason = std::string(c.what) + ": Operation not permitted";
+      if (*c.what == '\0') {
+        EXPECT_TRUE(error.ends_with(reason)) << error;
+      } else {
+        EXPECT_EQ(error, reason);
+      }
+    });
+  };
+  for (const Case& c : always) expectRefusal(c);
+  if (fs::exists("/lumen")) return;
+  for (const Case& c : withoutMountPoint) expectRefusal(c);
+}
+
+TEST_F(PrivateRootTest, SaysWhenADirectoryCannotBeGivenAway) {
+  for (const int call : {SCMP_SYS(fchown), SCMP_SYS(fchmod)}) {
+    whileRefused({call}, EPERM, [&] {
+      EXPECT_EQ(makeDirectory(directory_ + "/store", 54321, 54322, 0700),
+                directory_ + "/store: Operation not permitted");
+    });
+  }
+}
+
+TEST_F(PrivateRootTest, MakesDirectoriesWhateverTheUmask) {
+  const std::string made = directory_ + "/store";
+  const mode_t before = umask(077);
+  EXPECT_EQ(makeDirectory(made, 54321, 54322, 0755), "");
+  EXPECT_EQ(makeDirectory(made, 54321, 54322, 0755), "") << "it is there already";
+  umask(before);
+  struct stat info = {};
+  ASSERT_EQ(stat(made.c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 07777U, 0755U);
+  EXPECT_EQ(info.st_uid, 54321U);
+  EXPECT_EQ(info.st_gid, 54322U);
+}
+
+TEST_F(PrivateRootTest, DoesNotFollowALinkToMakeADirectory) {
+  fs::create_directory(directory_ + "/target");
+  fs::create_symlink(directory_ + "/target", directory_ + "/link");
+  EXPECT_EQ(makeDirectory(directory_ + "/link", 54321, 54322, 0700),
+            directory_ + "/link: Not a directory");
+  EXPECT_EQ(makeDirectory(directory_ + "/here", 54321, 54322, 0700),
+            directory_ + "/here: Not a directory");
+  EXPECT_EQ(makeDirectory("/nowhere/store", 0, 0, 0700),
+            "/nowhere/store: No such file or directory");
+}
+
+}  // namespace
+}  // namespace lumen

@@ -1,0 +1,105 @@
+#include <gtest/gtest.h>
+#include <linux/capability.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <fstream>
+#include <functional>
+#include <string>
+
+#include "lumen/services/system/processes/Privileges.h"
+#include "support/RefusedCall.h"
+
+namespace lumen {
+namespace {
+
+TEST(Kernel, IsOldEnoughOrNot) {
+  struct Case {
+    const char* release;
+    bool enough;
+  };
+  const Case cases[] = {{"5.12", true},
+                        {"5.12.0", true},
+                        {"5.12-rc1", true},
+                        {"6.1.0-28-amd64", true},
+                        {"6.0", true},
+                        {"10.0.1", true},
+                        {"5.100", true},
+                        {"5.11.22", false},
+                        {"4.19.0-custom", false},
+                        {"5.1", false},
+                        {"5.", false},
+                        {"5", false},
+                        {"", false},
+                        {"unknown", false},
+                        {"-6.1", false},
+                        {"6x1", false},
+                        {"99999999999.1", false}};
+  for (const Case& c : cases) EXPECT_EQ(kernelIsAtLeast(c.release, 5, 12), c.enough) << c.release;
+}
+
+/// Runs `check` in a process of its own, since there is no way back. Returns what it returned.
+bool inAChild(const std::function<bool()>& check) {
+  const pid_t pid = fork();
+  if (pid == 0) _exit(check() ? 0 : 1);
+  int status = -1;
+  waitpid(pid, &status, 0);
+  return status == 0;
+}
+
+bool statusHas(const std::string& expected) {
+  std::ifstream file("/proc/self/status");
+  for (std::string line; std::getline(file, line);) {
+    if (line == expected) return true;
+  }
+  return false;
+}
+
+class PrivilegesTest : public testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(geteuid(), 0U) << "these tests must be run by root"; }
+};
+
+TEST_F(PrivilegesTest, AreTheNeededOnesAndNoOther) {
+  // CAP_KILL 5, CAP_SETGID 6, CAP_SETUID 7, CAP_NET_ADMIN 12.
+  EXPECT_TRUE(inAChild([] {
+    return keepCapabilities(neededCapabilities()) && statusHas("CapEff:\t00000000000010e0") &&
+           statusHas("CapPrm:\t00000000000010e0") && statusHas("CapInh:\t0000000000000000") &&
+           statusHas("CapBnd:\t0000000000000000") && statusHas("CapAmb:\t0000000000000000") &&
+           statusHas("NoNewPrivs:\t1");
+  }));
+}
+
+TEST_F(PrivilegesTest, CanBeGivenUpInTwoSteps) {
+  EXPECT_TRUE(inAChild([] {
+    return keepCapabilities(capabilitiesForPrivateRoot()) &&
+           missingPrivileges(capabilitiesForPrivateRoot()).empty() &&
+           keepCapabilities(neededCapabilities()) && statusHas("CapPrm:\t00000000000010e0");
+  }));
+}
+
+TEST_F(PrivilegesTest, AreNotHeldForGivenUpWhenTheyWereNot) {
+  for (const int call : {SCMP_SYS(capset), SCMP_SYS(prctl)}) {
+    whileRefused({call}, EPERM, [] {
+      EXPECT_TRUE(inAChild([] { return !keepCapabilities(neededCapabilities()); }));
+    });
+  }
+}
+
+TEST_F(PrivilegesTest, AreNamedWhenTheyAreMissing) {
+  EXPECT_EQ(missingPrivileges(neededCapabilities()), "");
+  EXPECT_TRUE(inAChild([] {
+    const std::array<unsigned, 2> two = {CAP_SETUID, CAP_SETGID};
+    return keepCapabilities(two) &&
+           missingPrivileges(neededCapabilities()) == "lacks net_admin, kill";
+  }));
+  EXPECT_TRUE(inAChild([] {
+    return setuid(54321) == 0 &&
+           missingPrivileges(neededCapabilities()) == "must be started by root";
+  }));
+}
+
+}  // namespace
+}  // namespace lumen

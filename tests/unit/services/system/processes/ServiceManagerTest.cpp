@@ -1,0 +1,137 @@
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "lumen/runtime/EventLoop.h"
+#include "lumen/services/system/processes/ServiceManager.h"
+#include "support/ManualClock.h"
+#include "support/TempDir.h"
+
+namespace lumen {
+namespace {
+
+using Messages = std::vector<std::string>;
+
+/// The other side: a service manager's datagram socket.
+class ServiceManagerTest : public testing::Test {
+ public:
+  ~ServiceManagerTest() override {
+    for (const char* name : {"NOTIFY_SOCKET", "WATCHDOG_USEC", "WATCHDOG_PID"}) unsetenv(name);
+  }
+
+ protected:
+  /// `name` is a path, or begins with "@".
+  void managerListensAt(const std::string& name) {
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    name.copy(address.sun_path, sizeof address.sun_path - 1);
+    socklen_t length = sizeof address;
+    if (name.front() == '@') {
+      address.sun_path[0] = '\0';
+      length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
+    }
+    manager.reset(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    ASSERT_EQ(bind(manager.get(), reinterpret_cast<const sockaddr*>(&address), length), 0);
+  }
+
+  Messages told() {
+    Messages found;
+    char text[256];
+    for (ssize_t size = 0; (size = recv(manager.get(), text, sizeof text, 0)) > 0;) {
+      found.emplace_back(text, static_cast<size_t>(size));
+    }
+    return found;
+  }
+
+  void pass(uint64_t milliseconds) {
+    clock.advance(milliseconds);
+    loop.turn(0);
+  }
+
+  lm::test::TempDir folder;
+  lm::test::ManualClock clock;
+  lm::EventLoop loop{clock};
+  lm::Fd manager;
+};
+
+TEST_F(ServiceManagerTest, HearsThatTheStartIsDone) {
+  managerListensAt(folder.file("notify"));
+  ServiceManager ours(folder.file("notify"), 0);
+  EXPECT_EQ(told(), Messages());
+  ours.ready();
+  EXPECT_EQ(told(), Messages{"READY=1"});
+  pass(3'600'000);
+  EXPECT_EQ(told(), Messages()) << "nobody waits for a sign of life";
+}
+
+TEST_F(ServiceManagerTest, HearsASignOfLifeTwiceInTheTimeThatItWaits) {
+  managerListensAt(folder.file("notify"));
+  ServiceManager ours(folder.file("notify"), 30'000'000);
+  ours.ready();
+  EXPECT_EQ(told(), (Messages{"READY=1", "WATCHDOG=1"}));
+  pass(14'990);
+  EXPECT_EQ(told(), Messages());
+  pass(10);
+  EXPECT_EQ(told(), Messages{"WATCHDOG=1"});
+  pass(15'000);
+  EXPECT_EQ(told(), Messages{"WATCHDOG=1"});
+}
+
+TEST_F(ServiceManagerTest, MayListenAtAnAbstractName) {
+  const std::string name = "@palinode-test-" + std::to_string(getpid());
+  managerListensAt(name);
+  ServiceManager ours(name, 0);
+  ours.ready();
+  EXPECT_EQ(told(), Messages{"READY=1"});
+}
+
+TEST_F(ServiceManagerTest, IsFoundInTheEnvironment) {
+  managerListensAt(folder.file("notify"));
+  setenv("NOTIFY_SOCKET", folder.file("notify").c_str(), 1);
+  setenv("WATCHDOG_USEC", "2000000", 1);
+  setenv("WATCHDOG_PID", std::to_string(getpid()).c_str(), 1);
+  ServiceManager ours = ServiceManager::ofThisProcess();
+  ours.ready();
+  pass(1000);
+  EXPECT_EQ(told(), (Messages{"READY=1", "WATCHDOG=1", "WATCHDOG=1"}));
+}
+
+TEST_F(ServiceManagerTest, MayWatchOverAnotherProcessOfTheService) {
+  managerListensAt(folder.file("notify"));
+  setenv("NOTIFY_SOCKET", folder.file("notify").c_str(), 1);
+  setenv("WATCHDOG_USEC", "2000000", 1);
+  setenv("WATCHDOG_PID", "1", 1);
+  ServiceManager ours = ServiceManager::ofThisProcess();
+  ours.ready();
+  EXPECT_EQ(told(), Messages{"READY=1"});
+}
+
+TEST_F(ServiceManagerTest, IsNotNeeded) {
+  ServiceManager none = ServiceManager::ofThisProcess();
+  none.ready();
+  ServiceManager gone(folder.file("nobody"), 2'000'000);
+  gone.ready();
+  ServiceManager unreachable(std::string(200, 'x'), 2'000'000);
+  unreachable.ready();
+  pass(1000);
+  EXPECT_EQ(loop.nextDue(), clock.now() + 1000) << "tries again";
+}
+
+TEST_F(ServiceManagerTest, ThatDoesNotReadHoldsNobodyUp) {
+  managerListensAt(folder.file("notify"));
+  ServiceManager ours(folder.file("notify"), 20'000);
+  ours.ready();
+  for (int times = 0; times < 2000; ++times) pass(10);
+  const Messages heard = told();
+  ASSERT_FALSE(heard.empty());
+  EXPECT_LT(heard.size(), 2000U) << "its queue was never full";
+}
+
+}  // namespace
+}  // namespace lumen
