@@ -2,8 +2,8 @@
 
 #include <vector>
 
+#include "base/Log.h"
 #include "core/PlatformTables.h"
-#include "http/Log.h"
 #include "platform/Keys.h"
 #include "platform/Looper.h"
 

@@ -3,9 +3,9 @@
 
 #include <algorithm>
 
+#include "base/Log.h"
 #include "core/Gateway.h"
 #include "core/WANTree.h"
-#include "http/Log.h"
 #include "ssdp/Advertiser.h"
 
 void Gateway::startInternal(Device& device) {

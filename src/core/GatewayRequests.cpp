@@ -2,8 +2,8 @@
 
 #include <cstdlib>
 
+#include "base/Log.h"
 #include "core/Gateway.h"
-#include "http/Log.h"
 #include "http/Server.h"
 #include "ssdp/SearchResponder.h"
 

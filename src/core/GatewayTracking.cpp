@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <utility>
 
+#include "base/Log.h"
 #include "core/Gateway.h"
 #include "core/PlatformTables.h"
-#include "http/Log.h"
 #include "platform/Keys.h"
 #include "platform/Reget.h"
 

@@ -2,8 +2,8 @@
 
 #include <utility>
 
+#include "base/Log.h"
 #include "http/HTTPServer.h"
-#include "http/Log.h"
 
 HTTPConn::HTTPConn(lm::Fd socket, std::shared_ptr<ServedInterface> servedInterface,
                    HTTPServer& owner)

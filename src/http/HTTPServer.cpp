@@ -10,7 +10,7 @@
 #include <string>
 #include <utility>
 
-#include "http/Log.h"
+#include "base/Log.h"
 #include "http/RequestLine.h"
 #include "http/Server.h"
 #include "http/Sockets.h"

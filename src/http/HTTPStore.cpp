@@ -8,7 +8,7 @@
 #include <cstring>
 #include <optional>
 
-#include "http/Log.h"
+#include "base/Log.h"
 #include "http/RequestLine.h"
 #include "http/Server.h"
 #include "http/Text.h"

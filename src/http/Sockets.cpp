@@ -12,7 +12,7 @@
 #include <cstddef>
 #include <cstring>
 
-#include "http/Log.h"
+#include "base/Log.h"
 #include "platform/Fd.h"
 
 namespace {

@@ -1,6 +1,6 @@
 #include "igd/DeviceStats.h"
 
-#include "http/Log.h"
+#include "base/Log.h"
 #include "platform/Keys.h"
 #include "platform/Looper.h"
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <iterator>
 
-#include "http/Log.h"
+#include "base/Log.h"
 #include "http/Text.h"
 #include "igd/NatRules.h"
 #include "platform/Keys.h"

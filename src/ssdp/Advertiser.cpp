@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-#include "http/Log.h"
+#include "base/Log.h"
 #include "http/Server.h"
 #include "http/Sockets.h"
 #include "ssdp/Datagram.h"

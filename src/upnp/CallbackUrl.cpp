@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <string_view>
 
-#include "http/Log.h"
+#include "base/Log.h"
 #include "http/Sockets.h"
 #include "http/Text.h"
 #include "platform/Keys.h"

@@ -9,8 +9,8 @@
 #include <string_view>
 #include <utility>
 
+#include "base/Log.h"
 #include "http/HTTPMessage.h"
-#include "http/Log.h"
 #include "http/Server.h"
 #include "http/Sockets.h"
 

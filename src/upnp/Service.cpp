@@ -4,7 +4,7 @@
 #include <cassert>
 #include <string_view>
 
-#include "http/Log.h"
+#include "base/Log.h"
 #include "upnp/Event.h"
 #include "upnp/Soap.h"
 #include "upnp/Subscription.h"

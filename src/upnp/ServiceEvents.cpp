@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "http/Log.h"
+#include "base/Log.h"
 #include "http/Server.h"
 #include "http/Text.h"
 #include "upnp/CallbackUrl.h"

@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <ctime>
 
-#include "platform/Utf8.h"
+#include "base/Utf8.h"
 
 namespace lumenctl {
 

@@ -2,21 +2,10 @@
 #include <gtest/gtest.h>
 
 #include "http/HeaderLine.h"
-#include "http/Log.h"
 #include "http/RequestLine.h"
 #include "http/Server.h"
 #include "http/Text.h"
 #include "platform/System.h"
-
-namespace {
-
-std::string logged(const std::function<void()>& log) {
-  testing::internal::CaptureStdout();
-  log();
-  return testing::internal::GetCapturedStdout();
-}
-
-}  // namespace
 
 TEST(Text, ReadsAndWritesAddressesInNetworkByteOrder) {
   EXPECT_EQ(strtoip("10.0.0.1"), htonl(0x0A000001));
@@ -99,41 +88,6 @@ TEST(RequestLine, SplitsAtTheFirstBlankAndTheVersion) {
     EXPECT_EQ(line.method, method) << startLine;
     EXPECT_EQ(line.url, url) << startLine;
   }
-}
-
-TEST(Log, WritesTextsAndNumbersAsOneLine) {
-  const std::string name = "eth0";
-  EXPECT_EQ(logged([&] { logLine("intr: ", true, " ", 167772161U, " ", name, -1); }),
-            "intr: 1 167772161 eth0-1\n");
-}
-
-TEST(Log, WritesOneLineWhateverAStrangerSent) {
-  const std::string hostile("a\r\nenable\n\x1b[2J\0\x7f\xc3\xa4", 18);
-  EXPECT_EQ(logged([&] { logLine("host '", hostile, "'"); }), "host 'a??enable??[2J??\xc3\xa4'\n");
-}
-
-TEST(Log, ShowsATerminalNothingThatItTakesForACommand) {
-  const std::vector<std::pair<std::string, std::string>> texts = {
-      {"\xc2\x9b"
-       "2J",
-       "??2J"},            // U+009B, which begins a command as ESC [ does
-      {"\xc2\x85", "??"},  // U+0085, the next line
-      {"\x9b"
-       "2J",
-       "?2J"},  // the same byte by itself is no UTF-8
-      {"\xff\xfe", "??"},
-      {"\xe2\x82", "??"},  // half of a character
-      {"\xc3\xa4 \xe2\x82\xac \xf0\x9f\x9a\xaa", "\xc3\xa4 \xe2\x82\xac \xf0\x9f\x9a\xaa"},
-  };
-  for (const auto& text : texts) {
-    EXPECT_EQ(logged([&] { logLine("host '", text.first, "'"); }), "host '" + text.second + "'\n");
-  }
-}
-
-TEST(Log, CutsWhatIsTooLong) {
-  const std::string longest(1024, 'x');
-  EXPECT_EQ(logged([&] { logLine(longest); }), longest + "\n");
-  EXPECT_EQ(logged([&] { logLine(longest, "y"); }), longest + "...\n");
 }
 
 TEST(Server, NamesThisSoftware) {

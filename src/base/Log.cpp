@@ -1,10 +1,10 @@
-#include "http/Log.h"
+#include "base/Log.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <string_view>
 
-#include "platform/Utf8.h"
+#include "base/Utf8.h"
 
 namespace {
 
