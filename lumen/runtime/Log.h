@@ -1,17 +1,12 @@
 #pragma once
 
 #include <cstdlib>
-#include <iostream>
+
+#include "base/Log.h"
 
 namespace lm {
 
-/// One line on standard output, flushed. A line that could not be written does not silence the
-/// next.
-template <typename... Parts>
-void logLine(const Parts&... parts) {
-  std::cout.clear();
-  (std::cout << ... << parts) << std::endl;
-}
+using ::logLine;
 
 /// Logs why the program cannot go on and ends it with exit status 1.
 template <typename... Parts>

@@ -40,7 +40,7 @@ message requestTo(const test::Path& path) {
 }
 
 /// In a death test: what is logged is what the test is matched against.
-void showLog() { std::cout.rdbuf(std::cerr.rdbuf()); }
+void showLog() { dup2(STDERR_FILENO, STDOUT_FILENO); }
 
 /// Notes what it is asked and answers with its number.
 class Service : public Handler {
@@ -339,7 +339,7 @@ TEST(RegistrationDeathTest, EndsTheProgramWhenItIsNotAnsweredInTime) {
         platform.delay({0}, 0x10, 6001);
         Looper looper(platform.makeRuntime());
         Service service;
-        std::cout.rdbuf(std::cerr.rdbuf());
+        showLog();
         looper.addHandler(0, service);
       },
       testing::ExitedWithCode(1), "platform: service 40: no answer in time");

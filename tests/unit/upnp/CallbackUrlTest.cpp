@@ -7,7 +7,7 @@
 #include "platform/Keys.h"
 #include "platform/Looper.h"
 #include "support/Describe.h"
-#include "support/OutputCapture.h"
+#include "support/LogCapture.h"
 #include "support/TestPlatform.h"
 #include "upnp/CallbackUrl.h"
 
@@ -27,7 +27,7 @@ class CallbackUrl : public testing::Test {
 
   lm::test::TestPlatform platform;
   lm::Looper looper{platform.makeRuntime()};
-  lm::test::OutputCapture log;
+  lm::test::LogCapture log;
   uint32_t address = 0;
   uint16_t port = 0;
   std::string path;

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "platform/Looper.h"
-#include "support/OutputCapture.h"
+#include "support/LogCapture.h"
 #include "support/PrivateNetwork.h"
 #include "support/TestPlatform.h"
 #include "upnp/Service.h"
@@ -64,6 +64,6 @@ class LampEvents : public testing::Test {
   PrivateNetwork network;
   lm::test::TestPlatform platform;
   lm::Looper looper{platform.makeRuntime()};
-  lm::test::OutputCapture log;
+  lm::test::LogCapture log;
   std::optional<EventedLamp> lamp{std::in_place};
 };

@@ -10,7 +10,7 @@
 #include "lumen/services/history/HistoryKeys.h"
 #include "platform/Keys.h"
 #include "support/Describe.h"
-#include "support/OutputCapture.h"
+#include "support/LogCapture.h"
 #include "support/TempDir.h"
 
 namespace lumen {
@@ -185,13 +185,13 @@ TEST_F(HistoryTest, StartsWithoutAnEntryThatIsBroken) {
   add(changed("one"));
   add(changed("two"));
   store.write("1", "broken");
-  const lm::test::OutputCapture log;
+  const lm::test::LogCapture log;
   restart();
   EXPECT_EQ(texts(), std::vector<std::string>{"two"});
 }
 
 TEST_F(HistoryTest, RefusesAChangeThatCannotBeStored) {
-  lm::test::OutputCapture log;
+  lm::test::LogCapture log;
   history.emplace(store.path() + "/nowhere", [] { return uint64_t{0}; });
   EXPECT_EQ(lm::getError(add(changed("one"))), "the change could not be stored");
   EXPECT_TRUE(texts().empty());
@@ -202,7 +202,7 @@ TEST_F(HistoryTest, KeepsWhatCannotBeRemoved) {
   add(changed("one"));
   std::filesystem::remove(store.file("1"));
   store.makeDirectory("1");
-  lm::test::OutputCapture log;
+  lm::test::LogCapture log;
   EXPECT_EQ(remove(1), "the entry could not be removed");
   EXPECT_EQ(texts(), std::vector<std::string>{"one"});
   EXPECT_NE(log.text(), "");
@@ -210,7 +210,7 @@ TEST_F(HistoryTest, KeepsWhatCannotBeRemoved) {
 
 TEST_F(HistoryTest, RefusesAChangeWhoseFileCannotTakeItsPlace) {
   store.makeDirectory("1");
-  lm::test::OutputCapture log;
+  lm::test::LogCapture log;
   EXPECT_EQ(lm::getError(add(changed("one"))), "the change could not be stored");
   EXPECT_TRUE(texts().empty());
   EXPECT_NE(log.text(), "");

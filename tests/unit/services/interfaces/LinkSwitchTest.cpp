@@ -9,6 +9,7 @@
 #include "platform/Keys.h"
 #include "platform/Store.h"
 #include "services/interfaces/Router.h"
+#include "support/LogCapture.h"
 #include "support/TempDir.h"
 
 namespace lumen {
@@ -396,6 +397,13 @@ TEST_F(LinkSwitch, SaysInTheLogWhoTookALinkDown) {
   EXPECT_EQ(setsDisabled(administrator, "wan0", false), "");
   EXPECT_EQ(testing::internal::GetCapturedStdout(),
             "interface wan0 down for upnp\ninterface wan0 up for the administrator\n");
+}
+
+TEST_F(LinkSwitch, ALinkNameThatIsATerminalCommandIsShownHarmless) {
+  kernel.appears("\x1b[2J\xff");
+  const lm::test::LogCapture log;
+  EXPECT_EQ(setsDisabled(administrator, "\x1b[2J\xff", true), "");
+  EXPECT_EQ(log.text(), "interface ?[2J? down for the administrator\n");
 }
 
 }  // namespace

@@ -14,7 +14,7 @@
 #include "lumen/services/system/netfilter/NetlinkFlows.h"
 #include "services/nat/NatFixture.h"
 #include "services/nat/WanHost.h"
-#include "support/OutputCapture.h"
+#include "support/LogCapture.h"
 #include "support/RefusedCall.h"
 
 namespace lumen::test {
@@ -163,7 +163,7 @@ TEST_F(NatKernelTest, KeepsItsSocketFromChildren) {
 }
 
 TEST_F(NatKernelTest, IsNotUsedWhenChildrenWouldKeepItsSocket) {
-  lm::test::OutputCapture log;
+  lm::test::LogCapture log;
   whileRefused({SCMP_SYS(getsockopt), SOL_SOCKET, SO_PROTOCOL}, EPERM, [] {
     LibNftables unusable;
     EXPECT_FALSE(unusable.run("list tables").done);
@@ -348,7 +348,7 @@ TEST_F(NatFlowsTest, EndsFlowsToTwoAddressesInOneSweep) {
 
 TEST_F(NatFlowsTest, SaysWhyFlowsCannotBeRead) {
   const auto visits = [this] { return flows.visitTranslated([](const Flow&) {}); };
-  lm::test::OutputCapture log;
+  lm::test::LogCapture log;
   for (const int call : {SCMP_SYS(socket), SCMP_SYS(bind), SCMP_SYS(sendto), SCMP_SYS(recvmsg)}) {
     whileRefused({call}, EIO, [&] { EXPECT_FALSE(visits()); });
   }
@@ -372,7 +372,7 @@ TEST_F(NatFlowsTest, EndsASweepThatCannotBegin) {
     }
     int times = 0;
   } sweeper;
-  lm::test::OutputCapture log;
+  lm::test::LogCapture log;
   whileRefused({SCMP_SYS(sendto)}, EIO, [&] { flows.sweepUdp({udpKey(8080).external}, sweeper); });
   EXPECT_EQ(sweeper.times, 0) << "it is told from the loop";
   EXPECT_TRUE(turnsUntil([&] { return sweeper.times == 1; }));
@@ -404,7 +404,7 @@ TEST_F(NatFlowsTest, SaysWhenAFlowCannotBeEnded) {
   } ender;
   NetlinkFlows other;
   other.sweepUdp({udpKey(8080).external}, ender);
-  lm::test::OutputCapture log;
+  lm::test::LogCapture log;
   whileRefused({SCMP_SYS(sendto)}, EIO,
                [&] { EXPECT_TRUE(turnsUntil([&] { return ender.done; })); });
   EXPECT_EQ(log.text(), "conntrack delete: Input/output error\n");

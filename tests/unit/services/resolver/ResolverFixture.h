@@ -9,7 +9,7 @@
 #include "lumen/services/resolver/Resolver.h"
 #include "platform/Looper.h"
 #include "services/resolver/NameServer.h"
-#include "support/OutputCapture.h"
+#include "support/LogCapture.h"
 #include "support/PrivateNetwork.h"
 #include "support/TempDir.h"
 #include "support/TestPlatform.h"
@@ -44,7 +44,7 @@ class ResolverTest : public testing::Test {
   lm::test::TestPlatform platform_;
   lm::Looper looper_{platform_.makeRuntime()};
   NameServer server_;
-  lm::test::OutputCapture log_;
+  lm::test::LogCapture log_;
   std::optional<Resolver> resolver_;
 };
 

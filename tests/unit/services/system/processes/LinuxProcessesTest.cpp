@@ -23,7 +23,7 @@
 #include "lumen/runtime/EventLoop.h"
 #include "lumen/services/system/processes/LinuxProcesses.h"
 #include "lumen/services/system/processes/LockFile.h"
-#include "support/OutputCapture.h"
+#include "support/LogCapture.h"
 #include "support/RefusedCall.h"
 
 namespace lumen {
@@ -252,7 +252,7 @@ TEST_F(LinuxProcessesTest, SaysWhatCannotBeRun) {
 TEST_F(LinuxProcessesTest, SaysWhatKeepsAProcessFromStarting) {
   Program nowhere = program("/bin/true");
   nowhere.lockFile = folder_ + "/missing/service.lock";
-  lm::test::OutputCapture log;
+  lm::test::LogCapture log;
   EXPECT_FALSE(processes.start(nowhere));
   whileRefused({SCMP_SYS(clone)}, EAGAIN,
                [&] { EXPECT_FALSE(processes.start(program("/bin/true"))); });
