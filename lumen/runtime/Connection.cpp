@@ -1,7 +1,9 @@
 #include "lumen/runtime/Connection.h"
 
+#include <algorithm>
 #include <utility>
 
+#include "lumen/runtime/Broker.h"
 #include "lumen/runtime/Codec.h"
 #include "lumen/runtime/Fields.h"
 #include "lumen/runtime/Log.h"
@@ -19,9 +21,11 @@ message failure(const char* text) { return errorMsg(errorRefused, text); }
 Connection::Connection(const Clock& clock, std::unique_ptr<Transport> transport)
     : clock_(clock), transport_(std::move(transport)) {}
 
-message Connection::exchange(message request, uint32_t command, uint32_t limit, uint32_t sender) {
+message Connection::exchange(message request, uint32_t command, uint32_t limit, uint32_t sender,
+                             GivenUp late) {
   const uint64_t deadline = clock_.now() + limit;
-  awaited_ = address(request, command, sender);
+  const uint32_t serial = address(request, command, sender);
+  awaited_ = serial;
   reply_.reset();
   if (!send(request)) {
     awaited_.reset();
@@ -40,6 +44,10 @@ message Connection::exchange(message request, uint32_t command, uint32_t limit, 
     // Nobody may act on it after its sender was told that it failed.
     outgoingBytes_ -= outgoing_.back().size();
     outgoing_.pop_back();
+  } else if (late == GivenUp::undone) {
+    message cancel;
+    cancel.insert_u32(key::serial, serial);
+    notify(std::move(cancel), broker::cancel, sender);
   }
   return failure("no answer in time");
 }
@@ -130,11 +138,23 @@ void Connection::receive() {
       logLine("platform: invalid message: ", reason);
       ended_ = true;
     } else if (!m->get_bool(key::isReply)) {
-      arrived_.push_back(std::move(*m));
+      if (!withdraw(*m)) arrived_.push_back(std::move(*m));
     } else if (awaited_ && m->get_u32(key::serial) == *awaited_) {
       reply_ = std::move(m);
     }
   }
+}
+
+/// Whether `m` cancels a request that has not been taken yet, which is then gone without an answer:
+/// the broker has given one.
+bool Connection::withdraw(const message& m) {
+  if (!broker::isCancellation(m)) return false;
+  const auto cancelled = std::find_if(arrived_.begin(), arrived_.end(), [&m](const message& one) {
+    return one.has_array(key::destination) && one.get_u32(key::serial) == m.get_u32(key::serial);
+  });
+  if (cancelled == arrived_.end()) return false;
+  arrived_.erase(cancelled);
+  return true;
 }
 
 }  // namespace lm

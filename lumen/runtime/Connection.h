@@ -9,6 +9,7 @@
 
 #include "lumen/runtime/Clock.h"
 #include "lumen/runtime/Transport.h"
+#include "platform/Handler.h"
 #include "platform/Keys.h"
 #include "platform/message.h"
 
@@ -24,9 +25,10 @@ class Connection {
 
   /// Sends `request` to the destination path in it, from handler number `sender`, and waits at most
   /// `limit` milliseconds for the reply. What else arrives is kept. An error reply when it cannot
-  /// be sent, is not answered in time, or the connection has ended; the last fails at once.
+  /// be sent, is not answered in time, or the connection has ended; the last fails at once. A
+  /// request that is not answered in time is cancelled unless `late` lets it stand.
   [[nodiscard]] message exchange(message request, uint32_t command, uint32_t limit,
-                                 uint32_t sender = none);
+                                 uint32_t sender = none, GivenUp late = GivenUp::undone);
   /// Sends a request whose reply nobody wants. Waits for nobody, like the next two.
   void post(message request, uint32_t command, uint32_t sender);
   /// Sends a notification about `sender`.
@@ -38,7 +40,8 @@ class Connection {
   void progress();
   /// The number of requests and notifications that are there for `take`.
   [[nodiscard]] size_t arrived() const { return arrived_.size(); }
-  /// The first request or notification that has arrived, if any.
+  /// The first request or notification that has arrived, if any. A request that its sender has
+  /// cancelled before is left out.
   [[nodiscard]] std::optional<message> take();
 
   /// Whether the other side is gone, or has sent what is no message, which was logged.
@@ -52,6 +55,7 @@ class Connection {
   bool send(const message& m);
   void flush();
   void receive();
+  bool withdraw(const message& m);
 
   const Clock& clock_;
   std::unique_ptr<Transport> transport_;

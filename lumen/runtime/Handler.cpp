@@ -46,8 +46,9 @@ message Handler::cmdUnknown(const message&, uint32_t) {
   return errorMsg(errorRefused, "unknown command");
 }
 
-message Handler::exchangeCmd(const message& request, uint32_t command, uint32_t limit) {
-  return runtime().connection().exchange(request, command, limit, state_->number);
+message Handler::exchangeCmd(const message& request, uint32_t command, uint32_t limit,
+                             GivenUp late) {
+  return runtime().connection().exchange(request, command, limit, state_->number, late);
 }
 
 void Handler::subscribe(uint32_t command, const std::vector<uint32_t>& source) {
@@ -75,6 +76,7 @@ void Handler::sendUndo(const message& /*request*/, const message& undo, const st
   entry.insert_string(undoText, text);
   entry.insert_message(undoMessage, undo);
   runtime().connection().post(std::move(entry), cmd::addObject, state_->number);
+  runtime().handlers().noteUndo(state_->number, undo);
 }
 
 }  // namespace lm

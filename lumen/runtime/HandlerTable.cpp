@@ -5,6 +5,7 @@
 
 #include "lumen/runtime/Broker.h"
 #include "lumen/runtime/HandlerState.h"
+#include "lumen/runtime/Log.h"
 #include "platform/Keys.h"
 
 namespace lm {
@@ -45,11 +46,13 @@ void HandlerTable::unsubscribe(Handler& handler, uint32_t command,
 
 void HandlerTable::dispatch(const message& m) {
   if (m.has_array(key::destination)) {
-    unanswered_ = m.get_u32(key::serial);
+    current_ = unanswered_ = m.get_u32(key::serial);
     message reply = answer(m);
+    current_.reset();
     if (const auto serial = takeAnswer()) connection_.reply(*serial, std::move(reply));
     return;
   }
+  if (broker::isCancellation(m)) return undo(m.get_u32(key::serial));
   const Topic topic{m.get_u32(key::command), m.get_u32_array_ref(key::source)};
   const auto found = subscribers_.find(topic);
   if (found == subscribers_.end()) return;
@@ -65,6 +68,32 @@ void HandlerTable::dispatch(const message& m) {
 
 std::optional<uint32_t> HandlerTable::takeAnswer() {
   return std::exchange(unanswered_, std::nullopt);
+}
+
+void HandlerTable::noteUndo(uint32_t number, const message& undo) {
+  // What is changed for another reason than a request, an undo among them, is waited for by none.
+  if (!current_) return;
+  undos_.push_back({*current_, number, undo});
+  if (undos_.size() > maxUndos) undos_.pop_front();
+}
+
+void HandlerTable::undo(uint32_t serial) {
+  std::vector<Undo> changes;
+  std::erase_if(undos_, [&](Undo& change) {
+    if (change.serial != serial) return false;
+    changes.push_back(std::move(change));
+    return true;
+  });
+  // In reverse: the one before was made on the state that the next one found.
+  for (auto change = changes.rbegin(); change != changes.rend(); ++change) {
+    const auto found = handlers_.find(change->number);
+    if (found == handlers_.end()) continue;
+    const uint32_t command = change->request.get_u32(key::command);
+    const message reply = found->second->dispatch(change->request, command);
+    if (isError(reply)) {
+      logLine("platform: a change that its sender gave up stays: ", getError(reply));
+    }
+  }
 }
 
 message HandlerTable::answer(const message& request) {

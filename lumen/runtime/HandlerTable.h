@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <optional>
 #include <utility>
@@ -14,6 +16,10 @@ namespace lm {
 /// A program's handlers by number and their subscriptions: where a message that arrives goes.
 class HandlerTable {
  public:
+  /// Of so many changes, the newest, it is known how to undo them. Only administrators change the
+  /// settings of programs, and each of them waits for one change at a time.
+  static constexpr size_t maxUndos = 64;
+
   /// `connection` must outlive the table.
   explicit HandlerTable(Connection& connection);
 
@@ -26,8 +32,13 @@ class HandlerTable {
   void unsubscribe(Handler& handler, uint32_t command, const std::vector<uint32_t>& source);
 
   /// Calls the handler of a request and answers it, or the subscribers of a notification. Handlers
-  /// may come and go meanwhile.
+  /// may come and go meanwhile. The broker's word that a request was cancelled after it had been
+  /// carried out undoes what that changed.
   void dispatch(const message& m);
+
+  /// The request that is being dispatched has made a change in handler `number` that `undo`
+  /// undoes; it carries its own command.
+  void noteUndo(uint32_t number, const message& undo);
 
   /// Leaves the answer to the request that is being dispatched to the caller. Returns the serial of
   /// the request; none when it has been taken before, or a notification is dispatched.
@@ -35,12 +46,20 @@ class HandlerTable {
 
  private:
   using Topic = std::pair<uint32_t, std::vector<uint32_t>>;  // command, source path
+  struct Undo {
+    uint32_t serial = 0;  // of the request that made the change
+    uint32_t number = 0;  // of the handler
+    message request;
+  };
 
+  void undo(uint32_t serial);
   void tellBroker(uint32_t command, const Topic& topic, Handler& handler);
   [[nodiscard]] message answer(const message& request);
 
   Connection& connection_;
   std::optional<uint32_t> unanswered_;  // serial of the request that is being dispatched
+  std::optional<uint32_t> current_;     // the same, answered or not
+  std::deque<Undo> undos_;              // the newest last
   std::map<uint32_t, Handler*> handlers_;
   std::map<Topic, std::vector<Handler*>> subscribers_;  // in the order of subscription
 };

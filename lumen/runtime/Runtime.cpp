@@ -118,7 +118,8 @@ void Runtime::leave() {
     if (isError(reply)) logLine("platform: service ", serviceNumber, ": ", getError(reply));
     registered_ = false;
     for (size_t left = connection_.arrived(); left > 0; --left) {
-      handlers_.dispatch(*connection_.take());
+      // A request that is cancelled meanwhile leaves the row.
+      if (const std::optional<message> m = connection_.take()) handlers_.dispatch(*m);
     }
   }
   if (leaveDue_) {

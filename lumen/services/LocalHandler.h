@@ -1,7 +1,9 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/message.h"
@@ -27,8 +29,21 @@ class LocalHandler {
   [[nodiscard]] virtual lm::message handle(const Caller& caller, uint32_t command,
                                            const lm::message& request) = 0;
 
+  /// What undoes the change that `handle` has made since this was called last; empty: it made none.
+  /// To be called at most once, while this handler and the connection of the caller live.
+  /// Afterwards the caller sees what it saw before the change; what others have changed meanwhile
+  /// stays where that is possible.
+  [[nodiscard]] std::function<void()> takeUndo() { return std::exchange(undo_, nullptr); }
+
   /// The connection has ended, however it did: what depends on it goes.
   virtual void connectionEnded(uint64_t connection) { (void)connection; }
+
+ protected:
+  /// The change that `handle` makes is undone by `undo`, should its caller give it up.
+  void undoWith(std::function<void()> undo) { undo_ = std::move(undo); }
+
+ private:
+  std::function<void()> undo_;
 };
 
 /// Sends notifications to whoever subscribed to them.

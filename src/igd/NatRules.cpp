@@ -37,8 +37,15 @@ lm::message requestToTable() {
   return request;
 }
 
-lm::message exchange(const lm::message& request, uint32_t command) {
-  return lm::getLooper().exchangeCmd(request, command, lm::exchangeLimit);
+lm::message exchange(const lm::message& request, uint32_t command,
+                     lm::GivenUp late = lm::GivenUp::undone) {
+  return lm::getLooper().exchangeCmd(request, command, lm::exchangeLimit, late);
+}
+
+lm::message removal(const PortMap& mapping) {
+  lm::message request = requestToTable();
+  request.insert_u32(lm::key::objectId, mapping.ruleId);
+  return request;
 }
 
 }  // namespace
@@ -78,9 +85,11 @@ lm::message setRule(const PortMap& mapping) {
 }
 
 lm::message removeRule(const PortMap& mapping) {
-  lm::message request = requestToTable();
-  request.insert_u32(lm::key::objectId, mapping.ruleId);
-  return exchange(request, lm::cmd::removeObject);
+  return exchange(removal(mapping), lm::cmd::removeObject);
+}
+
+lm::message forgetRule(const PortMap& mapping) {
+  return exchange(removal(mapping), lm::cmd::removeObject, lm::GivenUp::stands);
 }
 
 }  // namespace nat

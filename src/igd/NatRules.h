@@ -7,7 +7,7 @@
 
 /// The rules behind port mappings, in the platform's NAT rule table. Each call is one exchange, of
 /// at most six seconds, and returns the reply: an error reply when the table refused, or when it
-/// did not answer in time, and then it may have done what was asked all the same.
+/// did not answer in time, and then the table is as it was once it has caught up.
 namespace nat {
 
 /// Sends what arrives for `externalIP` (network byte order) at the port of `id` to the mapping's
@@ -19,5 +19,9 @@ namespace nat {
 [[nodiscard]] lm::message setRule(const PortMap& mapping);
 
 [[nodiscard]] lm::message removeRule(const PortMap& mapping);
+
+/// The same for a mapping that is forgotten whatever the reply: a removal that is not answered in
+/// time is done later.
+[[nodiscard]] lm::message forgetRule(const PortMap& mapping);
 
 }  // namespace nat

@@ -88,7 +88,7 @@ WANIPConnection::WANIPConnection(uint32_t interfaceId, uint32_t address)
 
 WANIPConnection::~WANIPConnection() {
   for (const auto& [id, mapping] : portMaps) {
-    const lm::message reply = nat::removeRule(mapping);
+    const lm::message reply = nat::forgetRule(mapping);
     if (lm::isError(reply)) logLine("on cleanup remove nat failed: ", lm::getError(reply));
   }
 }

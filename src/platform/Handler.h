@@ -12,6 +12,12 @@ namespace lm {
 /// How long a program waits for a reply where nothing else is said, in milliseconds.
 inline constexpr uint32_t exchangeLimit = 6000;
 
+/// What becomes of a request whose sender does not wait for the reply any longer.
+enum class GivenUp {
+  undone,  ///< it is not carried out, or what it changed is undone
+  stands,  ///< it is carried out all the same: the sender has forgotten what the request ends
+};
+
 /// Something that answers commands and can send some itself.
 ///
 /// A program adds its handlers to its Looper, which calls `dispatch` for each request and each
@@ -37,8 +43,10 @@ class Handler {
 
   /// Sends `request` to the destination path in it and waits for the reply, at most `limit`
   /// milliseconds. Nothing else is dispatched meanwhile. A request that cannot be sent or is not
-  /// answered in time gives an error reply.
-  [[nodiscard]] message exchangeCmd(const message& request, uint32_t command, uint32_t limit);
+  /// answered in time gives an error reply, and `late` says what becomes of it: undone, it has
+  /// changed nothing once the other side has caught up.
+  [[nodiscard]] message exchangeCmd(const message& request, uint32_t command, uint32_t limit,
+                                    GivenUp late = GivenUp::undone);
 
   /// From now on notifications `command` from path `source` are dispatched here, until
   /// unsubscribe. Neither waits for an answer.

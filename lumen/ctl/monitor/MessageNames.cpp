@@ -48,6 +48,7 @@ constexpr CommandName brokerCommands[] = {
     {"unsubscribe", lumen::brokercmd::unsubscribe},
     {"services", lumen::brokercmd::services},
     {"monitor", lumen::brokercmd::monitor},
+    {"cancel", lumen::brokercmd::cancel},
 };
 
 // A request to the broker and a service in its list use different keys, but for one.

@@ -1,6 +1,7 @@
 #include "lumen/services/broker/Broker.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "lumen/runtime/Codec.h"
 #include "lumen/runtime/Fields.h"
@@ -15,6 +16,7 @@ namespace {
 
 constexpr const char* notPermitted = "not permitted";
 constexpr const char* serviceUnavailable = "service unavailable";
+constexpr const char* givenUp = "given up";
 
 constexpr uint32_t highestService = 0xFFFF;
 
@@ -105,6 +107,8 @@ void Broker::request(Connection& from, lm::message request) {
     writeSource(from, seen);
     show(numberOf(from), to.service, seen);
   }
+  from.latest = request.get_u32(lm::key::serial);
+  from.undo = nullptr;
   if (++from.requests > maxRequests) {
     return refuse(requester(from, request), "too many requests at a time");
   }
@@ -118,14 +122,50 @@ void Broker::request(Connection& from, lm::message request) {
 void Broker::notification(Connection& from, lm::message notification) {
   writeSource(from, notification);
   const Path source = Path::of(notification.get_u32_array_ref(lm::key::source));
-  publish(notification.get_u32(lm::key::command), source, notification);
+  const uint32_t command = notification.get_u32(lm::key::command);
+  if (command != brokercmd::cancel) return publish(command, source, notification);
+  if (!monitors_.empty()) show(source.service, lm::service::broker, notification);
+  cancel(from, notification.get_u32(lm::key::serial));
 }
 
 void Broker::reply(Connection& from, lm::message reply) {
-  const auto to = requests_.answered(reply.get_u32(lm::key::serial), from.number());
+  const SentRequest answered{from.number(), reply.get_u32(lm::key::serial)};
+  const auto to = requests_.answered(answered.serial, answered.to);
   if (!to) return;
+  if (Connection* const asking = find(to->connection); asking && asking->latest == to->serial) {
+    asking->undo = [this, answered] { passCancellation(answered); };
+  }
   if (has(reply, lm::key::source)) writeSource(from, reply);
   answer(numberOf(from), *to, std::move(reply));
+}
+
+// An answer that has been sent came too late: the program drops it, as it does the one from here.
+void Broker::cancel(Connection& from, uint32_t serial) {
+  const Requester requester{from.number(), serial};
+  if (requests_.dropWaiting(requester)) {
+    watchDeadlines();
+    return refuse(requester, givenUp);
+  }
+  if (const auto sent = requests_.takeSent(requester)) {
+    passCancellation(*sent);
+    return refuse(requester, givenUp);
+  }
+  if (from.latest != serial) return;
+  if (const auto undo = std::exchange(from.undo, nullptr)) {
+    lm::logLine(who(from), " has given up request ", serial, ", which is undone");
+    undo();
+  }
+}
+
+void Broker::passCancellation(SentRequest request) {
+  Connection* const service = find(request.to);
+  if (service == nullptr) return;
+  lm::message cancellation;
+  cancellation.insert_u32(lm::key::command, brokercmd::cancel);
+  cancellation.insert_u32_array(lm::key::source, {lm::service::broker, 0});
+  cancellation.insert_u32(lm::key::serial, request.serial);
+  service->send(lm::encode(cancellation));
+  if (!monitors_.empty()) show(lm::service::broker, numberOf(*service), cancellation);
 }
 
 void Broker::own(Connection& from, const lm::message& request) {
@@ -242,8 +282,9 @@ void Broker::local(Connection& from, Path to, const lm::message& request) {
   caller.service = serviceOf(from);
   caller.name = services_.nameOf(caller.service);
   caller.administrator = from.rights().administrator();
-  answer(to.service, asking,
-         handler->second->handle(caller, request.get_u32(lm::key::command), request));
+  lm::message reply = handler->second->handle(caller, request.get_u32(lm::key::command), request);
+  from.undo = handler->second->takeUndo();
+  answer(to.service, asking, std::move(reply));
 }
 
 void Broker::forward(Connection& from, uint32_t service, lm::message request) {

@@ -66,6 +66,10 @@ class Broker : public Notifier, public Services::Observer, public Connection::Ow
   void request(Connection& from, lm::message request);
   void notification(Connection& from, lm::message notification);
   void reply(Connection& from, lm::message reply);
+  /// `from` waits no longer for the answer to its request with that serial.
+  void cancel(Connection& from, uint32_t serial);
+  /// The service at that connection is told so, if it is still there.
+  void passCancellation(SentRequest request);
 
   // The broker's own commands. Each answers by itself.
   void own(Connection& from, const lm::message& request);

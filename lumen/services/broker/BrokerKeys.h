@@ -19,6 +19,12 @@ inline constexpr uint32_t services = 0x14;
 /// monitorkey::on: from the answer on, each message that passes the broker comes to this connection
 /// as well, or no more. Administrators only.
 inline constexpr uint32_t monitor = 0x15;
+/// A notification to the broker: its sender does not wait any longer for the reply to the request
+/// with the serial lm::key::serial. When that is not carried out yet, it is dropped, else undone,
+/// unless the sender has sent another request meanwhile: then it had its answer. The broker's own
+/// commands stay. From path [0, 0] it tells a service the same about a request that was sent there,
+/// with the serial that it had there.
+inline constexpr uint32_t cancel = 0x16;
 }  // namespace brokercmd
 
 namespace brokerkey {

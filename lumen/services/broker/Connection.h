@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -53,6 +54,10 @@ class Connection {
   size_t subscriptions = 0;
   /// Its requests that are not answered yet.
   size_t requests = 0;
+  /// The serial of its latest request, and what undoes that; empty: nothing to undo. It is kept
+  /// until the program sends another request.
+  uint32_t latest = 0;
+  std::function<void()> undo;
 
  private:
   enum class Received { datagram, nothing, end };

@@ -32,9 +32,27 @@ std::vector<Requester> Requests::takeSentTo(uint64_t to) {
   return taken;
 }
 
+std::optional<SentRequest> Requests::takeSent(Requester from) {
+  const auto found = std::find_if(sent_.begin(), sent_.end(),
+                                  [&](const auto& entry) { return entry.second.from == from; });
+  if (found == sent_.end()) return std::nullopt;
+  const SentRequest request{found->second.to, found->first};
+  sent_.erase(found);
+  return request;
+}
+
 void Requests::wait(WaitingRequest request) {
   waitingBytes_ += request.datagram.size();
   waiting_.push_back(std::move(request));
+}
+
+bool Requests::dropWaiting(Requester from) {
+  const auto found = std::find_if(waiting_.begin(), waiting_.end(),
+                                  [&](const WaitingRequest& one) { return one.from == from; });
+  if (found == waiting_.end()) return false;
+  waitingBytes_ -= found->datagram.size();
+  waiting_.erase(found);
+  return true;
 }
 
 std::vector<WaitingRequest> Requests::takeWaitingFor(uint32_t service) {

@@ -14,6 +14,14 @@ namespace lumen {
 struct Requester {
   uint64_t connection = 0;
   uint32_t serial = 0;
+
+  bool operator==(const Requester&) const = default;
+};
+
+/// A request as the connection knows it that it was sent to.
+struct SentRequest {
+  uint64_t to = 0;
+  uint32_t serial = 0;
 };
 
 /// A request to a service that is not up yet.
@@ -34,9 +42,14 @@ class Requests {
   /// The connection `to` has ended: everybody who still waits for it.
   [[nodiscard]] std::vector<Requester> takeSentTo(uint64_t to);
 
+  /// The requester has given up. Where the request was sent to; none: it was not, or is answered.
+  [[nodiscard]] std::optional<SentRequest> takeSent(Requester from);
+
   /// Deadlines must not fall from one to the next.
   void wait(WaitingRequest request);
   [[nodiscard]] size_t waitingBytes() const { return waitingBytes_; }
+  /// The requester has given up. False when none of its requests with that serial waits.
+  [[nodiscard]] bool dropWaiting(Requester from);
   /// Those that wait for `service`, in the order of asking.
   [[nodiscard]] std::vector<WaitingRequest> takeWaitingFor(uint32_t service);
   /// Those whose deadline is reached.

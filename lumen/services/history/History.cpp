@@ -90,7 +90,10 @@ lm::message History::remove(const lm::message& request) {
   const uint32_t id = request.get_u32(lm::key::objectId);
   if (!entries_.contains(id)) return refusal("no such object");
   if (!store_.remove(id)) return refusal("the entry could not be removed");
-  entries_.erase(id);
+  undoWith([this, id, entry = std::move(entries_.extract(id).mapped())] {
+    const auto pending = store_.prepare(id, entry);
+    if (pending && pending->commit()) entries_.emplace(id, entry);
+  });
   return {};
 }
 

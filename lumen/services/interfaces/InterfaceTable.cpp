@@ -76,7 +76,7 @@ lm::message InterfaceTable::handle(const Caller& caller, uint32_t command,
       return it == interfaces_.end() ? refuse("no such object") : set(caller, id, request);
     case lm::cmd::removeObject:
       if (!caller.administrator) return notPermitted();
-      return it == interfaces_.end() ? refuse("no such object") : forget(id, it->second);
+      return it == interfaces_.end() ? refuse("no such object") : forget(it->second);
     default:
       return refuse("unknown command");
   }
@@ -108,19 +108,32 @@ lm::message InterfaceTable::set(const Caller& caller, uint32_t id, const lm::mes
   if (interface.link.index == 0) return refuse("the link is away");
 
   const bool disabled = request.get_bool(lm::key::disabled);
-  std::string failure;
-  if (disabled) {
-    failure = routes_.takeDown(interface.name, interface.link.index);
-  } else if (const int error = links_.setUp(interface.link.index, true); error != 0) {
-    failure = strerror(error);
-  }
+  const std::string failure = switchLink(interface, disabled);
   lm::logLine("interface ", interface.name, disabled ? " down" : " up", " for ",
               caller.name.empty() ? "the administrator" : caller.name,
               failure.empty() ? "" : " failed: ", failure);
   if (!failure.empty()) return refuse(failure);
   // The kernel tells of no change when it is so already, and whoever asked waits to hear of it.
-  if (interface.link.up == !disabled) tellState(record(id, interface));
+  if (interface.link.up == !disabled) {
+    tellState(record(id, interface));
+  } else {
+    undoWith([this, id, disabled] { undoSet(id, !disabled); });
+  }
   return {};
+}
+
+std::string InterfaceTable::switchLink(const Interface& interface, bool disabled) {
+  if (disabled) return routes_.takeDown(interface.name, interface.link.index);
+  const int error = links_.setUp(interface.link.index, true);
+  return error == 0 ? std::string() : strerror(error);
+}
+
+void InterfaceTable::undoSet(uint32_t id, bool disabled) {
+  const auto it = interfaces_.find(id);
+  if (it == interfaces_.end() || it->second.link.index == 0) return;
+  const std::string failure = switchLink(it->second, disabled);
+  lm::logLine("interface ", it->second.name, disabled ? " down" : " up", " again",
+              failure.empty() ? "" : " failed: ", failure);
 }
 
 lm::message InterfaceTable::keep(const lm::message& request) {
@@ -131,14 +144,25 @@ lm::message InterfaceTable::keep(const lm::message& request) {
   if (role != interfaces::roleExternal && role != interfaces::roleInternal) {
     return refuse("bad role");
   }
-  if (!kept_.all().contains(name) && kept_.all().size() >= KeptNames::limit) {
+  const auto kept = kept_.all().find(name);
+  const uint32_t before = kept == kept_.all().end() ? 0 : kept->second.role;
+  if (before == 0 && kept_.all().size() >= KeptNames::limit) {
     return refuse("too many kept names");
   }
+  const auto id = keepName(name, role);
+  if (!id) return refuse("the name could not be stored");
+  undoWith([this, name, before] { undoRole(name, before); });
+  lm::message reply;
+  reply.insert_u32(lm::key::objectId, *id);
+  return reply;
+}
+
+std::optional<uint32_t> InterfaceTable::keepName(const std::string& name, uint32_t role) {
   const uint32_t id = ids_.take(name);
   const bool known = interfaces_.contains(id);
   if (!kept_.keep(name, {id, role})) {
     if (!known) ids_.release(name);
-    return refuse("the name could not be stored");
+    return std::nullopt;
   }
   if (known) {
     interfaces_[id].role = role;
@@ -146,17 +170,31 @@ lm::message InterfaceTable::keep(const lm::message& request) {
     interfaces_[id] = {name, role, {}};
     tell(id);
   }
-  lm::message reply;
-  reply.insert_u32(lm::key::objectId, id);
-  return reply;
+  return id;
 }
 
-lm::message InterfaceTable::forget(uint32_t id, Interface& interface) {
+lm::message InterfaceTable::forget(const Interface& interface) {
   if (interface.role == 0) return refuse("the name is not kept");
-  if (!kept_.forget(interface.name)) return refuse("the name could not be stored");
+  const std::string name = interface.name;
+  const uint32_t before = interface.role;
+  if (!forgetName(name)) return refuse("the name could not be stored");
+  undoWith([this, name, before] { undoRole(name, before); });
+  return {};
+}
+
+bool InterfaceTable::forgetName(const std::string& name) {
+  const uint32_t id = kept_.all().at(name).id;
+  if (!kept_.forget(name)) return false;
+  Interface& interface = interfaces_[id];
   interface.role = 0;
   if (interface.link.index == 0) leave(id);
-  return {};
+  return true;
+}
+
+void InterfaceTable::undoRole(const std::string& name, uint32_t role) {
+  const bool kept = kept_.all().contains(name);
+  const bool done = role != 0 ? keepName(name, role).has_value() : !kept || forgetName(name);
+  if (!done) lm::logLine("interface ", name, ": its role of before could not be stored");
 }
 
 void InterfaceTable::tablesRead(const LinkSnapshot& all) {

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 
@@ -47,7 +48,17 @@ class InterfaceTable : public LocalHandler, private Links::Listener {
   [[nodiscard]] lm::message read(const Caller& caller, uint32_t id, const Interface& interface);
   [[nodiscard]] lm::message set(const Caller& caller, uint32_t id, const lm::message& request);
   [[nodiscard]] lm::message keep(const lm::message& request);
-  [[nodiscard]] lm::message forget(uint32_t id, Interface& interface);
+  [[nodiscard]] lm::message forget(const Interface& interface);
+  /// Takes the link down or up. Returns why not, or an empty text.
+  [[nodiscard]] std::string switchLink(const Interface& interface, bool disabled);
+  /// Keeps the name with this role; its id, or none when it could not be stored.
+  [[nodiscard]] std::optional<uint32_t> keepName(const std::string& name, uint32_t role);
+  /// Ends the keeping of a kept name; false when that could not be stored.
+  [[nodiscard]] bool forgetName(const std::string& name);
+
+  // What undoes a change that its requester has given up; a failure is logged.
+  void undoSet(uint32_t id, bool disabled);
+  void undoRole(const std::string& name, uint32_t role);
 
   void tablesRead(const LinkSnapshot& all) override;
   void linkChanged(const Link& link) override;

@@ -79,12 +79,7 @@ void NatRules::connectionEnded(uint64_t connection) {
 lm::message NatRules::add(const Caller& caller, const lm::message& request) {
   std::string refusal;
   auto rule = readRule(request, refusal);
-  if (rule) {
-    if (auto held = heldBy(caller.connection, rule->key); held != rules_.end()) {
-      return addAgain(held, *rule);
-    }
-    refusal = addRefusal(*rule);
-  }
+  if (rule) refusal = addRefusal(*rule);
   if (!rule || !refusal.empty()) return refuse(refusal);
 
   rule->connection = caller.connection;
@@ -96,20 +91,14 @@ lm::message NatRules::add(const Caller& caller, const lm::message& request) {
   uint32_t id = nextId();
   insert(id, *rule);
   everAdded_[caller.connection].add(id);
+  undoWith([this, id] { undoAdd(id); });
   lm::message reply;
   reply.insert_u32(lm::key::objectId, id);
   return reply;
 }
 
-// Whoever asks for what it has does not know that it has it: the reply was lost.
-lm::message NatRules::addAgain(Rules::iterator it, const Rule& wanted) {
-  Rule after = it->second;
-  after.disabled = wanted.disabled;
-  after.client = wanted.client;
-  if (auto refusal = setRefusal(it->second, after); !refusal.empty()) return refuse(refusal);
-  lm::message reply = replace(it, after);
-  if (!lm::isError(reply)) reply.insert_u32(lm::key::objectId, ids_.at(after.key));
-  return reply;
+void NatRules::undoAdd(uint32_t id) {
+  if (auto it = rules_.find(id); it != rules_.end()) (void)drop(it);
 }
 
 lm::message NatRules::set(const Caller& caller, const lm::message& request) {
@@ -131,12 +120,34 @@ lm::message NatRules::set(const Caller& caller, const lm::message& request) {
   after.client.port = change->clientPort.value_or(before.client.port);
   if (!change->close) refusal = setRefusal(before, after);
   if (!refusal.empty()) return refuse(refusal);
-  return replace(it, after);
+  const Rule replaced = before;
+  lm::message reply = replace(it, after);
+  if (!lm::isError(reply)) {
+    const bool closing = after.closed && !replaced.closed;
+    undoWith([this, id = request.get_u32(lm::key::objectId), replaced, closing] {
+      undoSet(id, replaced, closing);
+    });
+  }
+  return reply;
+}
+
+// Another requester can have changed the rest of the rule meanwhile.
+void NatRules::undoSet(uint32_t id, const Rule& before, bool closing) {
+  auto it = rules_.find(id);
+  if (it == rules_.end()) return;
+  Rule after = it->second;
+  if (closing) {
+    after.closed = false;
+  } else {
+    after.disabled = before.disabled;
+    after.client = before.client;
+  }
+  (void)replace(it, after);
 }
 
 lm::message NatRules::replace(Rules::iterator it, Rule after) {
   if (it->second.inKernel() && !after.inKernel()) {
-    after.earlierUses += map_.uses(after.key).value_or(0);
+    if (after.earlierUses) *after.earlierUses += map_.uses(after.key).value_or(0);
   }
   if (auto error = apply(it->second, after)) return refuseByKernel("change", after.key, *error);
   uint32_t id = it->first;
@@ -158,12 +169,36 @@ lm::message NatRules::remove(const Caller& caller, const lm::message& request) {
   if (rule.connection != caller.connection && !caller.administrator) {
     return refuse("not permitted");
   }
+  const Rule removed = rule;
+  lm::message reply = drop(it);
+  if (!lm::isError(reply)) undoWith([this, id, removed] { undoRemove(id, removed); });
+  return reply;
+}
+
+lm::message NatRules::drop(Rules::iterator it) {
+  const Rule& rule = it->second;
   if (rule.inKernel()) {
     if (auto error = map_.remove({rule.key})) return refuseByKernel("remove", rule.key, *error);
     flowsMayDiffer(rule.key);
   }
   erase(it);
   return {};
+}
+
+void NatRules::undoRemove(uint32_t id, const Rule& removed) {
+  if (ids_.contains(removed.key)) {
+    lm::logLine("nat add failed: ", keyText(removed.key), ": in use since its removal");
+    return;
+  }
+  Rule rule = removed;
+  if (rule.inKernel()) {
+    rule.earlierUses.reset();  // its counter has gone with its element
+    if (auto error = addToKernel(rule)) {
+      (void)refuseByKernel("add", rule.key, *error);
+      return;
+    }
+  }
+  insert(id, rule);
 }
 
 lm::message NatRules::list(const Caller& caller, const lm::message& request) {
@@ -185,8 +220,10 @@ lm::message NatRules::read(const lm::message& request) {
 }
 
 lm::message NatRules::writePolicy(const lm::message& request) {
-  auto error = policies_.write(request);
-  return error ? refuse(*error) : lm::message();
+  const PolicyBook::State before = policies_.state();
+  if (auto error = policies_.write(request)) return refuse(*error);
+  undoWith([this, before] { policies_.restore(before); });
+  return {};
 }
 
 std::string NatRules::addRefusal(const Rule& rule) const {
@@ -219,14 +256,6 @@ std::string NatRules::setRefusal(const Rule& before, const Rule& after) const {
            std::to_string(policy.maxRulesPerClient);
   }
   return {};
-}
-
-NatRules::Rules::iterator NatRules::heldBy(uint64_t connection, const RuleKey& key) {
-  auto id = ids_.find(key);
-  if (id == ids_.end()) return rules_.end();
-  auto it = rules_.find(id->second);
-  // What the administrator has closed is not opened again.
-  return it->second.connection == connection && !it->second.closed ? it : rules_.end();
 }
 
 bool NatRules::clientIsFull(uint32_t client) const {
@@ -318,7 +347,7 @@ lm::message NatRules::record(uint32_t id, const Rule& rule, const Counts& counts
                     .stale = !networks_.interfaceOf(rule.key.external.address)};
   std::optional<uint64_t> latest = 0;
   if (rule.inKernel()) latest = of(counts.uses);
-  if (latest) status.uses = rule.earlierUses + *latest;
+  if (latest && rule.earlierUses) status.uses = *rule.earlierUses + *latest;
   return ruleRecord(id, rule, status);
 }
 

@@ -57,7 +57,6 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts {
   };
 
   [[nodiscard]] lm::message add(const Caller& caller, const lm::message& request);
-  [[nodiscard]] lm::message addAgain(Rules::iterator it, const Rule& wanted);
   [[nodiscard]] lm::message set(const Caller& caller, const lm::message& request);
   [[nodiscard]] lm::message remove(const Caller& caller, const lm::message& request);
   [[nodiscard]] lm::message list(const Caller& caller, const lm::message& request);
@@ -66,12 +65,19 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts {
 
   [[nodiscard]] std::string addRefusal(const Rule& rule) const;
   [[nodiscard]] std::string setRefusal(const Rule& before, const Rule& after) const;
-  /// The rule with that key if the connection owns it and it is not closed, else the end.
-  [[nodiscard]] Rules::iterator heldBy(uint64_t connection, const RuleKey& key);
   [[nodiscard]] bool clientIsFull(uint32_t client) const;
   /// Puts `after` in the place of a rule with the same key, in the kernel too. Returns an error or
   /// an empty reply.
   [[nodiscard]] lm::message replace(Rules::iterator it, Rule after);
+  /// Removes a rule, from the kernel too. Returns an error or an empty reply.
+  [[nodiscard]] lm::message drop(Rules::iterator it);
+
+  // What undoes a change that its requester has given up. The policy is not asked: the rules are
+  // to be as they were.
+  void undoAdd(uint32_t id);
+  void undoSet(uint32_t id, const Rule& before, bool closing);
+  void undoRemove(uint32_t id, const Rule& removed);
+
   /// Brings the kernel from `before` to `after`. Returns why not, if so.
   [[nodiscard]] std::optional<std::string> apply(const Rule& before, const Rule& after);
   [[nodiscard]] std::optional<std::string> addToKernel(const Rule& rule);

@@ -64,19 +64,19 @@ std::optional<std::string> PolicyBook::load() {
   std::string error;
   const auto policy = readFile(error);
   if (!policy) return error;
-  fromFile_ = *policy;
-  policy_ = fromFile_;
-  written_ = store_.get(0).value_or(lm::message());
-  if (auto wrong = apply(written_, policy_)) return "stored NAT policy: " + *wrong;
+  state_.fromFile = *policy;
+  state_.policy = state_.fromFile;
+  state_.written = store_.get(0).value_or(lm::message());
+  if (auto wrong = apply(state_.written, state_.policy)) return "stored NAT policy: " + *wrong;
   return std::nullopt;
 }
 
 lm::message PolicyBook::settings() const {
   lm::message result;
-  result.insert_string(key::externalPorts, policy_.externalPorts.text());
-  result.insert_string(key::internalClients, policy_.internalClients.text());
-  result.insert_u32(key::maxRules, policy_.maxRules);
-  result.insert_u32(key::maxRulesPerClient, policy_.maxRulesPerClient);
+  result.insert_string(key::externalPorts, state_.policy.externalPorts.text());
+  result.insert_string(key::internalClients, state_.policy.internalClients.text());
+  result.insert_u32(key::maxRules, state_.policy.maxRules);
+  result.insert_u32(key::maxRulesPerClient, state_.policy.maxRulesPerClient);
   return result;
 }
 
@@ -85,14 +85,14 @@ std::optional<std::string> PolicyBook::write(const lm::message& request) {
                                         key::maxRulesPerClient, key::reset,           key::reload};
   if (auto text = unknownField(request, fields); !text.empty()) return text;
   bool writes = request.get_bool(key::reset);
-  lm::message written = writes ? lm::message() : written_;
+  lm::message written = writes ? lm::message() : state_.written;
   for (const Setting& setting : settingsByField) {
     if (const lm::Value* value = request.fields().find(setting.field)) {
       written.fields().set(setting.field, *value);
       writes = true;
     }
   }
-  Policy fromFile = fromFile_;
+  Policy fromFile = state_.fromFile;
   if (request.get_bool(key::reload)) {
     std::string error;
     const auto read = readFile(error);
@@ -102,10 +102,15 @@ std::optional<std::string> PolicyBook::write(const lm::message& request) {
   Policy policy = fromFile;
   if (auto wrong = apply(written, policy)) return wrong;
   if (writes && !store_.set(0, written)) return "the policy could not be stored";
-  written_ = std::move(written);
-  fromFile_ = std::move(fromFile);
-  policy_ = std::move(policy);
+  state_.written = std::move(written);
+  state_.fromFile = std::move(fromFile);
+  state_.policy = std::move(policy);
   return std::nullopt;
+}
+
+void PolicyBook::restore(const State& state) {
+  (void)store_.set(0, state.written);
+  state_ = state;
 }
 
 }  // namespace lumen

@@ -18,12 +18,19 @@ class PolicyBook {
   PolicyBook(const PolicyBook&) = delete;
   PolicyBook& operator=(const PolicyBook&) = delete;
 
+  /// All that `write` changes.
+  struct State {
+    Policy fromFile;
+    lm::message written;  ///< the stored fields
+    Policy policy;        ///< in force
+  };
+
   /// Reads both. A file that does not exist leaves the defaults. Returns what is wrong, if anything
   /// is: a policy that is half understood may open more than it was written to allow.
   [[nodiscard]] std::optional<std::string> load();
 
   /// The policy in force.
-  [[nodiscard]] const Policy& policy() const { return policy_; }
+  [[nodiscard]] const Policy& policy() const { return state_.policy; }
 
   /// The policy in force as the fields of nat::key.
   [[nodiscard]] lm::message settings() const;
@@ -32,15 +39,18 @@ class PolicyBook {
   /// nothing changed then.
   [[nodiscard]] std::optional<std::string> write(const lm::message& request);
 
+  [[nodiscard]] const State& state() const { return state_; }
+  /// Makes `state`, of before a write, hold again. What cannot be stored is logged by the store and
+  /// holds until the end of the process.
+  void restore(const State& state);
+
  private:
   /// What the file says. None when anything is wrong with it; `error` then says where and what.
   [[nodiscard]] std::optional<Policy> readFile(std::string& error) const;
 
   std::string filePath_;
   lm::Store store_;
-  Policy fromFile_;
-  lm::message written_;  // the stored fields
-  Policy policy_;
+  State state_;
 };
 
 }  // namespace lumen

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "lumen/services/system/netfilter/Flows.h"
@@ -18,13 +19,14 @@ struct RuleKey {
 /// One open port.
 struct Rule {
   RuleKey key;
-  Endpoint client;           ///< where its packets go
-  bool disabled = false;     ///< by its owner
-  bool closed = false;       ///< by the administrator, for good
-  uint64_t connection = 0;   ///< of its owner
-  std::string owner;         ///< service name
-  uint64_t addedAt = 0;      ///< milliseconds of the clock
-  uint64_t earlierUses = 0;  ///< connections that came before it last left the kernel
+  Endpoint client;          ///< where its packets go
+  bool disabled = false;    ///< by its owner
+  bool closed = false;      ///< by the administrator, for good
+  uint64_t connection = 0;  ///< of its owner
+  std::string owner;        ///< service name
+  uint64_t addedAt = 0;     ///< milliseconds of the clock
+  /// Connections that came before it last left the kernel; none: not known.
+  std::optional<uint64_t> earlierUses = 0;
 
   [[nodiscard]] bool inKernel() const { return !disabled && !closed; }
 };

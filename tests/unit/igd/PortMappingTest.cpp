@@ -12,6 +12,7 @@ namespace {
 
 const std::string type = "urn:schemas-upnp-org:service:WANIPConnection:1";
 const std::string client = "192.168.88.10";
+constexpr uint32_t cancel = 0x16;
 
 /// What a control point asks for when it opens a port.
 struct Wish {
@@ -496,6 +497,30 @@ TEST_F(PortMapping, GoesOnRemovingWhenARuleStays) {
   });
   EXPECT_EQ(logOf([this] { connection.reset(); }), "on cleanup remove nat failed: not permitted\n");
   EXPECT_EQ(requests(lm::cmd::removeObject).size(), 3U);
+}
+
+TEST_F(PortMapping, GivesUpARuleThatIsNotRemovedInTime) {
+  open({});
+  platform.forgetSent();
+  platform.ignore(natTable, lm::cmd::removeObject);
+  (void)close("8080", "TCP");
+  const auto removals = requests(lm::cmd::removeObject);
+  ASSERT_EQ(removals.size(), 1U);
+  const std::vector<lm::message> cancelled = platform.notified(cancel);
+  ASSERT_EQ(cancelled.size(), 1U);
+  EXPECT_EQ(cancelled[0].get_u32(lm::key::serial),
+            platform.sentTo(natTable, lm::cmd::removeObject)[0].get_u32(lm::key::serial));
+}
+
+// Its mapping is forgotten: a rule that came back would be in no list.
+TEST_F(PortMapping, LetsALateRemovalStandWhenItGoes) {
+  open({});
+  platform.forgetSent();
+  platform.ignore(natTable, lm::cmd::removeObject);
+  EXPECT_EQ(logOf([this] { connection.reset(); }),
+            "on cleanup remove nat failed: no answer in time\n");
+  EXPECT_EQ(requests(lm::cmd::removeObject).size(), 1U);
+  EXPECT_TRUE(platform.notified(cancel).empty());
 }
 
 TEST_F(PortMapping, RemembersRuleZeroWhenTheNatTableNamesNone) {

@@ -5,6 +5,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "lumen/runtime/Broker.h"
 #include "lumen/runtime/Codec.h"
 #include "lumen/runtime/Connection.h"
 #include "lumen/runtime/SocketTransport.h"
@@ -97,6 +98,55 @@ TEST_F(ConnectionTest, AReplyThatComesTooLateIsDropped) {
   platformSends(reply(2, 42));
   EXPECT_EQ(connection_.exchange(request(7), 1, 5000).get_u32(1), 42U);
   EXPECT_EQ(connection_.arrived(), 0U);
+}
+
+TEST_F(ConnectionTest, ARequestThatIsGivenUpIsCancelled) {
+  EXPECT_TRUE(isError(connection_.exchange(request(7), cmd::addObject, 1, 3)));
+  EXPECT_NE(platformReceives(), "nothing");
+  EXPECT_EQ(platformReceives(), "{u32 0xff0003=1, u32[] 0xff0002=[0 3], u32 0xff0007=22}");
+  EXPECT_EQ(platformReceives(), "nothing");
+}
+
+TEST_F(ConnectionTest, ARequestThatStandsIsNotCancelled) {
+  EXPECT_TRUE(isError(connection_.exchange(request(7), cmd::addObject, 1, 3, GivenUp::stands)));
+  EXPECT_NE(platformReceives(), "nothing");
+  EXPECT_EQ(platformReceives(), "nothing");
+}
+
+TEST_F(ConnectionTest, ARequestThatIsAnsweredInTimeIsNotCancelled) {
+  platformSends(reply(1, 42));
+  EXPECT_EQ(connection_.exchange(request(7), cmd::addObject, 0).get_u32(1), 42U);
+  EXPECT_NE(platformReceives(), "nothing");
+  EXPECT_EQ(platformReceives(), "nothing");
+}
+
+TEST_F(ConnectionTest, ARequestThatWasCancelledBeforeItWasTakenIsGone) {
+  message first = request(1);
+  first.insert_u32(key::serial, 5);
+  message second = request(2);
+  second.insert_u32(key::serial, 6);
+  message cancellation;
+  cancellation.insert_u32(key::command, broker::cancel);
+  cancellation.insert_u32_array(key::source, {service::broker, 0});
+  cancellation.insert_u32(key::serial, 5);
+  platformSends(first);
+  platformSends(second);
+  platformSends(cancellation);
+  EXPECT_EQ(takes(), describe(second));
+  EXPECT_EQ(takes(), "nothing");
+  EXPECT_EQ(platformReceives(), "nothing") << "the broker has answered it";
+}
+
+TEST_F(ConnectionTest, OnlyTheBrokerCancels) {
+  message first = request(1);
+  first.insert_u32(key::serial, 5);
+  message cancellation;
+  cancellation.insert_u32(key::command, broker::cancel);
+  cancellation.insert_u32_array(key::source, {20, 0});
+  cancellation.insert_u32(key::serial, 5);
+  platformSends(first);
+  platformSends(cancellation);
+  EXPECT_EQ(takes(), describe(first));
 }
 
 TEST_F(ConnectionTest, WhatArrivesDuringAnExchangeIsKeptInOrder) {

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <functional>
 
+#include "lumen/runtime/Broker.h"
 #include "lumen/runtime/Codec.h"
 #include "platform/Keys.h"
 #include "platform/Looper.h"
@@ -90,6 +91,13 @@ class ObjectMap : public testing::Test {
   message remove(uint32_t id) { return platform_.request(0, cmd::removeObject, withId(id)); }
   message read(uint32_t id) { return platform_.request(0, cmd::readObject, withId(id)); }
   message list() { return platform_.request(0, cmd::readAll); }
+
+  /// The sender of the request with that serial waits for it no longer.
+  void giveUp(uint32_t serial) {
+    message cancellation;
+    cancellation.insert_u32(key::serial, serial);
+    platform_.notify(broker::cancel, {0, 0}, cancellation);
+  }
 
   /// The texts and messages that went to the history, since the last call.
   Names undos() {
@@ -358,6 +366,57 @@ TEST_F(ObjectMap, ARecordThatTheDiskKeepsIsRefusedBeforeAnythingHasChanged) {
   EXPECT_TRUE(platform_.sent().empty());
   EXPECT_EQ(describe(read(1)), "{u32 0xfe0001=1, string 0x1=\"red\", u32 0x2=10}");
   EXPECT_TRUE(dir_.has("1"));
+}
+
+TEST_F(ObjectMap, AnAddThatItsSenderGaveUpIsUndone) {
+  const uint32_t serial = platform_.postRequest(0, cmd::addObject, lamp("red"));
+  platform_.turn();
+  ASSERT_EQ(lamps_.objects().size(), 1U);
+  giveUp(serial);
+  EXPECT_TRUE(lamps_.objects().empty());
+  EXPECT_EQ(dir_.names(), Names{});
+  giveUp(serial);
+  EXPECT_EQ(lamps_.hooks, (Names{"add 1red of 0", "remove 1red of 1"})) << "once";
+}
+
+TEST_F(ObjectMap, AChangeThatItsSenderGaveUpIsUndone) {
+  add("red");
+  const message before = read(1);
+  giveUp(platform_.postRequest(0, cmd::setObject, withId(1, lamp("blue"))));
+  EXPECT_EQ(lamps_.hooks, Names{"add 1red of 0"}) << "it was dropped in the row";
+  const uint32_t serial = platform_.postRequest(0, cmd::setObject, withId(1, lamp("blue")));
+  platform_.turn();
+  giveUp(serial);
+  EXPECT_EQ(read(1), before);
+}
+
+TEST_F(ObjectMap, ARemovalThatItsSenderGaveUpComesBackWithItsId) {
+  add("red");
+  add("green");
+  const message before = read(1);
+  const uint32_t serial = platform_.postRequest(0, cmd::removeObject, withId(1));
+  platform_.turn();
+  giveUp(serial);
+  EXPECT_EQ(read(1), before);
+}
+
+TEST_F(ObjectMap, OnlyTheRequestThatWasGivenUpIsUndone) {
+  const uint32_t first = platform_.postRequest(0, cmd::addObject, lamp("red"));
+  platform_.turn();
+  add("green");
+  giveUp(first);
+  ASSERT_EQ(lamps_.objects().size(), 1U);
+  EXPECT_EQ(lamps_.objects()[0]->colour, "green");
+}
+
+TEST_F(ObjectMap, AnUndoThatIsRefusedIsSaidInTheLog) {
+  const uint32_t serial = platform_.postRequest(0, cmd::addObject, lamp("red"));
+  platform_.turn();
+  lamps_.verdict = errorMsg(errorRefused, "too late");
+  const test::LogCapture log;
+  giveUp(serial);
+  EXPECT_EQ(log.text(), "platform: a change that its sender gave up stays: too late\n");
+  EXPECT_EQ(lamps_.objects().size(), 1U);
 }
 
 TEST_F(ObjectMap, AnObjectWhoseRecordHasGoneIsRemoved) {

@@ -21,6 +21,7 @@ TEST(WireNumbers, OfTheBroker) {
   EXPECT_EQ(brokercmd::unregisterServices, 0x13U);
   EXPECT_EQ(brokercmd::services, 0x14U);
   EXPECT_EQ(brokercmd::monitor, 0x15U);
+  EXPECT_EQ(brokercmd::cancel, 0x16U);
   EXPECT_EQ(brokerkey::services, 0x88000001U);
   EXPECT_EQ(brokerkey::command, 0x08000001U);
   EXPECT_EQ(brokerkey::path, 0x88000002U);
@@ -44,6 +45,7 @@ TEST(WireNumbers, OfTheBrokerAsProgramsSendThem) {
   EXPECT_EQ(lm::broker::subscribe, brokercmd::subscribe);
   EXPECT_EQ(lm::broker::unsubscribe, brokercmd::unsubscribe);
   EXPECT_EQ(lm::broker::unregisterServices, brokercmd::unregisterServices);
+  EXPECT_EQ(lm::broker::cancel, brokercmd::cancel);
   EXPECT_EQ(lm::broker::services, brokerkey::services);
   EXPECT_EQ(lm::broker::topicCommand, brokerkey::command);
   EXPECT_EQ(lm::broker::topicSource, brokerkey::path);

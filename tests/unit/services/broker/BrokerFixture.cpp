@@ -62,6 +62,12 @@ void Program::answer(const lm::message& request, lm::message fields) {
   send(fields);
 }
 
+void Program::cancel(uint32_t serial) {
+  lm::message cancellation;
+  cancellation.insert_u32(lm::key::serial, serial);
+  notify(brokercmd::cancel, lm::none, cancellation);
+}
+
 void Program::notify(uint32_t command, uint32_t handler, lm::message fields) {
   fields.insert_u32(lm::key::command, command);
   fields.insert_u32_array(lm::key::source, {0, handler});

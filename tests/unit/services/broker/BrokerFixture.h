@@ -30,6 +30,8 @@ class Program {
   /// Answers `request` with `fields`.
   void answer(const lm::message& request, lm::message fields = {});
   void notify(uint32_t command, uint32_t handler, lm::message fields = {});
+  /// Waits no longer for the answer to the request with that serial.
+  void cancel(uint32_t serial);
   void close() { socket_.reset(); }
 
   /// The next message that has arrived; none: there is none.
@@ -51,6 +53,7 @@ class NotingHandler : public LocalHandler {
     callers.push_back(caller);
     commands.push_back(command);
     requests.push_back(request);
+    undoWith([this, command] { undone.push_back(command); });
     return reply;
   }
   void connectionEnded(uint64_t connection) override { ended.push_back(connection); }
@@ -58,6 +61,7 @@ class NotingHandler : public LocalHandler {
   lm::message reply;
   std::vector<Caller> callers;
   std::vector<uint32_t> commands;
+  std::vector<uint32_t> undone;  // commands
   std::vector<lm::message> requests;
   std::vector<uint64_t> ended;
 };

@@ -130,6 +130,14 @@ TEST_F(HistoryTest, ForgetsWhatWasTakenBack) {
   EXPECT_EQ(texts(), std::vector<std::string>{"one"});
 }
 
+TEST_F(HistoryTest, KeepsAnEntryWhoseRemovalWasGivenUp) {
+  add(changed("one"));
+  add(changed("two"));
+  EXPECT_EQ(remove(2), "");
+  history->takeUndo()();
+  EXPECT_EQ(texts(), (std::vector<std::string>{"one", "two"}));
+}
+
 TEST_F(HistoryTest, RefusesWhatNobodyCouldTakeBack) {
   lm::message withoutCommand = changed("x");
   withoutCommand.insert_message(key::undo, {});

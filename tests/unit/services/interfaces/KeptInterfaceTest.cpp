@@ -244,5 +244,33 @@ TEST_F(KeptInterface, IsKeptAndForgottenByAdministratorsOnly) {
             std::string(refused) + "not permitted");
 }
 
+TEST_F(KeptInterface, AKeepingThatWasGivenUpIsUndone) {
+  starts();
+  EXPECT_EQ(text(administratorKeeps("ppp0", 1)), "id=1");
+  EXPECT_EQ(text(administratorKeeps("ppp0", 2)), "id=1");
+  interfaceTable->takeUndo()();
+  EXPECT_EQ(text(administratorKeeps("ppp1", 2)), "id=2");
+  interfaceTable->takeUndo()();
+  EXPECT_EQ(lists().size(), 1U);
+  EXPECT_EQ(asks(administrator, lm::cmd::list)
+                .get_message_array_ref(lm::key::records)[0]
+                .get_u32(interfaces::key::role),
+            1U);
+  restarts();
+  EXPECT_EQ(lists().size(), 1U);
+}
+
+TEST_F(KeptInterface, AForgettingThatWasGivenUpIsUndoneWithItsId) {
+  starts();
+  EXPECT_EQ(text(administratorKeeps("ppp0", 1)), "id=1");
+  const Lines before = lists();
+  EXPECT_EQ(text(administratorForgets("ppp0")), "");
+  EXPECT_EQ(lists(), Lines{});
+  interfaceTable->takeUndo()();
+  EXPECT_EQ(lists(), before);
+  restarts();
+  EXPECT_EQ(lists(), before);
+}
+
 }  // namespace
 }  // namespace lumen

@@ -391,6 +391,31 @@ TEST_F(LinkSwitch, KeepsTheRoutesOfALinkThatIsGoneAgain) {
   EXPECT_EQ(kernel.takeCalls(), Lines{"route default by 5"});
 }
 
+TEST_F(LinkSwitch, ASwitchThatWasGivenUpIsUndone) {
+  EXPECT_EQ(setsDisabled(daemon, "wan0", true), "");
+  kernel.becomes("wan0", false, false);
+  const auto takenDown = interfaceTable->takeUndo();
+  ASSERT_TRUE(takenDown);
+  (void)kernel.takeCalls();
+  const lm::test::LogCapture log;
+  takenDown();
+  EXPECT_EQ(kernel.takeCalls(), Lines{"wan0 up"});
+  EXPECT_EQ(setsDisabled(daemon, "wan0", false), "");
+  const auto takenUp = interfaceTable->takeUndo();
+  ASSERT_TRUE(takenUp);
+  (void)kernel.takeCalls();
+  takenUp();
+  EXPECT_EQ(kernel.takeCalls(), Lines{"wan0 down"});
+  EXPECT_EQ(log.text(),
+            "interface wan0 up again\ninterface wan0 up for upnp\ninterface wan0 down again\n");
+}
+
+TEST_F(LinkSwitch, ASwitchThatChangedNothingHasNothingToUndo) {
+  (void)interfaceTable->takeUndo();
+  EXPECT_EQ(setsDisabled(daemon, "wan0", false), "");
+  EXPECT_FALSE(interfaceTable->takeUndo());
+}
+
 TEST_F(LinkSwitch, SaysInTheLogWhoTookALinkDown) {
   testing::internal::CaptureStdout();
   EXPECT_EQ(setsDisabled(daemon, "wan0", true), "");

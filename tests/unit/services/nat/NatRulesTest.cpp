@@ -1,5 +1,7 @@
+#include "lumen/runtime/Fields.h"
 #include "lumen/services/nat/NatRules.h"
 #include "services/nat/NatFixture.h"
+#include "support/LogCapture.h"
 
 namespace lumen::test {
 
@@ -99,30 +101,118 @@ TEST_F(NatRulesTest, RemovingARuleThatThisConnectionOnceHadSucceeds) {
   EXPECT_EQ(removes(id + 1), "no such object");
 }
 
-// Nor must it leave a port open that nobody knows of.
-TEST_F(NatRulesTest, AddingWhatThisConnectionHasGivesItTheRuleAgain) {
+TEST_F(NatRulesTest, AddingWhatThisConnectionHasIsRefused) {
+  opens({});
+  EXPECT_EQ(refusedToOpen({}), "tcp port 8080 of 45.45.45.1 is already in use");
+}
+
+TEST_F(NatRulesTest, AnAddThatWasGivenUpLeavesNoRule) {
   uint32_t id = opens({});
   kernelTexts();
-  EXPECT_EQ(opens({}), id);
-  EXPECT_EQ(kernelTexts(), Texts{}) << "it is open already";
-  nftables.prints("get element ip lumen forwards { 45.45.45.1 . tcp . 8080 }",
-                  "elements = { 45.45.45.1 . tcp . 8080 counter packets 1 bytes 60 : x }");
-  EXPECT_EQ(opens({.client = "192.168.88.11"}), id);
-  EXPECT_EQ(lists().size(), 1U);
-  EXPECT_EQ(lists()[0].get_be32(0x3e8), inet_addr("192.168.88.11"));
-  EXPECT_EQ(opens({.client = "192.168.88.11", .disabled = true}), id);
-  kernelTexts();
-  EXPECT_EQ(removes(id), "");
-  EXPECT_EQ(kernelTexts(), Texts{}) << "a disabled rule is not in the kernel";
+  givesUp();
+  EXPECT_EQ(kernelTexts(), Texts{"delete element ip lumen forwards { 45.45.45.1 . tcp . 8080 }"});
+  EXPECT_TRUE(lists().empty());
+  EXPECT_NE(opens({}), id);
+}
+
+TEST_F(NatRulesTest, AnAddOfADisabledRuleThatWasGivenUpLeavesNoRule) {
+  opens({.disabled = true});
+  givesUp();
+  EXPECT_EQ(kernelTexts(), Texts{});
   EXPECT_TRUE(lists().empty());
 }
 
-TEST_F(NatRulesTest, AddingWhatThisConnectionHasIsRefusedLikeAChange) {
+TEST_F(NatRulesTest, AChangeThatWasGivenUpLeavesTheRuleAsItWas) {
   uint32_t id = opens({});
-  EXPECT_EQ(refusedToOpen({.client = "45.45.45.1"}),
-            asks(daemon, lm::cmd::setObject, setRequest(id, "45.45.45.1", 80)));
-  nftables.refuses("get element ip lumen forwards { 45.45.45.1 . tcp . 8080 }", "Error: gone");
-  EXPECT_EQ(refusedToOpen({.client = "192.168.88.11"}), "the kernel refused it: Error: gone");
+  const lm::message before = lists()[0];
+  for (const lm::message& change :
+       {setRequest(id, "192.168.88.11", 81), setRequest(id, "192.168.88.10", 80, true)}) {
+    nftables.prints("get element ip lumen forwards { 45.45.45.1 . tcp . 8080 }",
+                    "elements = { 45.45.45.1 . tcp . 8080 counter packets 0 bytes 0 : x }");
+    EXPECT_EQ(sets(change), "");
+    EXPECT_NE(lists()[0], before);
+    givesUp();
+    EXPECT_EQ(lists()[0], before);
+    EXPECT_NE(kernelTexts().back().find("192.168.88.10 . 80"), std::string::npos);
+  }
+}
+
+TEST_F(NatRulesTest, AChangeThatWasGivenUpDoesNotOpenWhatWasClosedMeanwhile) {
+  uint32_t id = opens({});
+  EXPECT_EQ(sets(setRequest(id, "192.168.88.10", 80, true)), "");
+  const auto undo = rules.takeUndo();
+  EXPECT_EQ(closes(id), "");
+  kernelTexts();
+  undo();
+  EXPECT_EQ(kernelTexts(), Texts{});
+  EXPECT_TRUE(lists()[0].get_bool(nat::key::closed));
+  EXPECT_FALSE(lists()[0].get_bool(lm::key::disabled));
+}
+
+TEST_F(NatRulesTest, AClosingThatWasGivenUpLeavesThePortOpen) {
+  uint32_t id = opens({});
+  EXPECT_EQ(closes(id), "");
+  givesUp();
+  EXPECT_EQ(kernelTexts().back(),
+            "add element ip lumen forwards { 45.45.45.1 . tcp . 8080 : 192.168.88.10 . 80 }");
+  EXPECT_FALSE(lists()[0].get_bool(nat::key::closed));
+}
+
+TEST_F(NatRulesTest, ARemovalThatWasGivenUpLeavesTheRuleWithItsId) {
+  uint32_t id = opens({});
+  lm::message before = lists()[0];
+  EXPECT_EQ(removes(id), "");
+  givesUp();
+  EXPECT_EQ(kernelTexts().back(),
+            "add element ip lumen forwards { 45.45.45.1 . tcp . 8080 : 192.168.88.10 . 80 }");
+  ASSERT_EQ(lists().size(), 1U);
+  before.fields().erase(nat::key::uses);  // went with the element's counter
+  EXPECT_EQ(lists()[0], before);
+  EXPECT_EQ(sets(setRequest(id, "192.168.88.10", 80, true)), "") << "it is still its owner's";
+}
+
+TEST_F(NatRulesTest, ARemovalThatWasGivenUpIsUndoneWhateverThePolicySaysNow) {
+  uint32_t id = opens({});
+  lm::message policy;
+  policy.insert_string(nat::key::externalPorts, "9000-9999");
+  EXPECT_EQ(asks(admin, lm::cmd::set, policy), "");
+  EXPECT_EQ(removes(id), "");
+  givesUp();
+  EXPECT_EQ(lists().size(), 1U);
+}
+
+TEST_F(NatRulesTest, ARemovalWhosePortIsTakenMeanwhileStays) {
+  uint32_t id = opens({});
+  EXPECT_EQ(removes(id), "");
+  const auto undo = rules.takeUndo();
+  uint32_t other = opensAs(stranger, {});
+  const lm::test::LogCapture log;
+  undo();
+  EXPECT_EQ(log.text(), "nat add failed: tcp port 8080 of 45.45.45.1: in use since its removal\n");
+  ASSERT_EQ(lists().size(), 1U);
+  EXPECT_EQ(lists()[0].get_u32(lm::key::objectId), other);
+}
+
+TEST_F(NatRulesTest, WhatChangedNothingHasNothingToUndo) {
+  uint32_t id = opens({});
+  (void)rules.takeUndo();
+  EXPECT_EQ(refusedToOpen({}), "tcp port 8080 of 45.45.45.1 is already in use");
+  EXPECT_NE(sets(setRequest(id, "8.8.8.8", 80)), "");
+  EXPECT_NE(removes(id + 1), "");
+  lists();
+  EXPECT_FALSE(rules.takeUndo());
+}
+
+TEST_F(NatRulesTest, APolicyThatWasGivenUpIsTheOneOfBefore) {
+  const lm::message before = rules.handle(admin, lm::cmd::get, {});
+  lm::message policy;
+  policy.insert_string(nat::key::externalPorts, "9000-9999");
+  EXPECT_EQ(asks(admin, lm::cmd::set, policy), "");
+  givesUp();
+  EXPECT_EQ(rules.handle(admin, lm::cmd::get, {}), before);
+  PolicyBook next(directory.path() + "/nat-policy", directory.path());
+  EXPECT_EQ(next.load(), std::nullopt);
+  EXPECT_EQ(next.settings(), before) << "after a restart as well";
 }
 
 TEST_F(NatRulesTest, RemovingARuleThatTheAdministratorRemovedSucceeds) {

@@ -1,0 +1,188 @@
+// A program does not wait for an answer any longer.
+
+#include "lumen/services/broker/BrokerKeys.h"
+#include "platform/Keys.h"
+#include "services/broker/BrokerFixture.h"
+#include "support/LogCapture.h"
+
+namespace lumen::test {
+namespace {
+
+constexpr uint32_t someCommand = 3;
+
+class Cancelling : public BrokerTest {
+ protected:
+  /// The serial of the request that the broker says was cancelled; none: it has sent something
+  /// else, or nothing.
+  static std::optional<uint32_t> cancelled(Program& service) {
+    const auto m = service.receive();
+    const bool is = m && m->get_u32(lm::key::command) == brokercmd::cancel &&
+                    m->get_u32_array_ref(lm::key::source) == std::vector<uint32_t>{0, 0} &&
+                    !m->has_array(lm::key::destination);
+    return is ? std::optional(m->get_u32(lm::key::serial)) : std::nullopt;
+  }
+};
+
+TEST_F(Cancelling, UndoesWhatAHandlerOfThisProcessHasCarriedOut) {
+  Program client = connect(gatewayUser);
+  const lm::test::LogCapture log;
+  client.cancel(client.ask({20, 5}, someCommand));
+  settle();
+  EXPECT_EQ(rules.commands, std::vector<uint32_t>{someCommand});
+  EXPECT_EQ(rules.undone, std::vector<uint32_t>{someCommand});
+  EXPECT_EQ(log.text(),
+            "connection 1 (process 1, user 200) has given up request 1, which is undone\n");
+}
+
+TEST_F(Cancelling, UndoesOnce) {
+  Program client = connect(gatewayUser);
+  const uint32_t serial = client.ask({20, 5}, someCommand);
+  client.cancel(serial);
+  client.cancel(serial);
+  settle();
+  EXPECT_EQ(rules.undone.size(), 1U);
+}
+
+TEST_F(Cancelling, LeavesWhatWasSettledByTheNextRequest) {
+  Program client = connect(gatewayUser);
+  const uint32_t first = client.ask({20, 5}, someCommand);
+  const uint32_t second = client.ask({20, 5}, someCommand + 1);
+  client.cancel(first);
+  settle();
+  EXPECT_EQ(rules.undone, std::vector<uint32_t>{});
+  client.cancel(second);
+  settle();
+  EXPECT_EQ(rules.undone, std::vector<uint32_t>{someCommand + 1});
+}
+
+TEST_F(Cancelling, LeavesTheRequestsOfOthers) {
+  Program client = connect(gatewayUser);
+  Program other = connectAdministrator();
+  const uint32_t serial = client.ask({20, 5}, someCommand);
+  settle();
+  EXPECT_EQ(other.ask({0}, brokercmd::services), serial);
+  other.cancel(serial);
+  settle();
+  EXPECT_EQ(rules.undone, std::vector<uint32_t>{});
+}
+
+TEST_F(Cancelling, TellsAServiceThatHasNotAnswered) {
+  Program service = connect(gatewayUser);
+  registerAs(service, gateway);
+  Program client = connectAdministrator();
+  const uint32_t serial = client.ask({gateway, 0}, someCommand);
+  settle();
+  const auto request = service.receive();
+  ASSERT_TRUE(request);
+  client.cancel(serial);
+  settle();
+  EXPECT_EQ(cancelled(service), request->get_u32(lm::key::serial));
+  EXPECT_EQ(client.error(), "given up");
+
+  service.answer(*request, fields("late"));
+  settle();
+  EXPECT_FALSE(client.receive());
+}
+
+TEST_F(Cancelling, TellsAServiceWhoseAnswerCrossedTheCancellation) {
+  Program service = connect(gatewayUser);
+  registerAs(service, gateway);
+  Program client = connectAdministrator();
+  const uint32_t serial = client.ask({gateway, 0}, someCommand);
+  settle();
+  const auto request = service.receive();
+  ASSERT_TRUE(request);
+  service.answer(*request);
+  settle();
+  client.cancel(serial);
+  settle();
+  EXPECT_EQ(cancelled(service), request->get_u32(lm::key::serial));
+}
+
+TEST_F(Cancelling, TellsNoServiceOfARequestThatWasSettled) {
+  Program service = connect(gatewayUser);
+  registerAs(service, gateway);
+  Program client = connectAdministrator();
+  const uint32_t serial = client.ask({gateway, 0}, someCommand);
+  settle();
+  service.answer(*service.receive());
+  settle();
+  client.ask({20, 5}, someCommand);
+  client.cancel(serial);
+  settle();
+  EXPECT_FALSE(service.receive());
+}
+
+TEST_F(Cancelling, TellsAServiceThatHasEndedNothing) {
+  Program client = connectAdministrator();
+  uint32_t serial = 0;
+  {
+    Program service = connect(gatewayUser);
+    registerAs(service, gateway);
+    serial = client.ask({gateway, 0}, someCommand);
+    settle();
+    service.answer(*service.receive());
+    settle();
+  }
+  settle();
+  client.cancel(serial);
+  settle();
+  EXPECT_FALSE(client.isDisconnected());
+}
+
+TEST_F(Cancelling, DropsARequestThatWaitsForItsService) {
+  Program client = connectAdministrator();
+  const uint32_t first = client.ask({gateway, 0}, someCommand);
+  client.ask({gateway, 0}, someCommand + 1);
+  client.cancel(first);
+  settle();
+  EXPECT_EQ(client.error(), "given up");
+  Program service = connectLast(gatewayUser);
+  registerAs(service, gateway);
+  settle();
+  const auto request = service.receive();
+  ASSERT_TRUE(request);
+  EXPECT_EQ(request->get_u32(lm::key::command), someCommand + 1);
+  EXPECT_FALSE(service.receive());
+}
+
+// What is given up must not count as a request that is under way.
+TEST_F(Cancelling, MakesRoomForOtherRequests) {
+  Program service = connect(gatewayUser);
+  registerAs(service, gateway);
+  Program client = connectAdministrator();
+  for (size_t i = 0; i < Broker::maxRequests + 1; ++i) {
+    client.cancel(client.ask({gateway, 0}, someCommand));
+    settle(4);
+    while (service.receive()) {
+    }
+    EXPECT_EQ(client.error(), "given up");
+  }
+}
+
+TEST_F(Cancelling, IsShownToWhoMonitors) {
+  Program service = connect(gatewayUser);
+  registerAs(service, gateway);
+  Program client = connectAdministrator();
+  const uint32_t serial = client.ask({gateway, 0}, someCommand);
+  settle();
+  Program monitor = connectAdministrator();
+  lm::message on;
+  on.insert_bool(monitorkey::on, true);
+  monitor.ask({0}, brokercmd::monitor, on);
+  settle();
+  (void)monitor.receive();
+  client.cancel(serial);
+  settle();
+  std::vector<std::pair<uint32_t, uint32_t>> ways;
+  while (const auto seen = monitor.receive()) {
+    if (seen->get_message(monitorkey::message).get_u32(lm::key::command) == brokercmd::cancel) {
+      ways.emplace_back(seen->get_u32(monitorkey::from), seen->get_u32(monitorkey::to));
+    }
+  }
+  const std::vector<std::pair<uint32_t, uint32_t>> expected = {{0x10002, 0}, {0, gateway}};
+  EXPECT_EQ(ways, expected);
+}
+
+}  // namespace
+}  // namespace lumen::test
