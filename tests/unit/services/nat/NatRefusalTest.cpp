@@ -148,6 +148,21 @@ TEST_F(NatRefusalTest, ChecksAChangeAgainstThePolicy) {
   EXPECT_EQ(kernelTexts(), Texts{});
 }
 
+TEST_F(NatRefusalTest, LetsAnOwnerDisableARuleThatThePolicyWouldRefuseNow) {
+  uint32_t id = opens({});
+  lm::message policy;
+  policy.insert_string(nat::key::externalPorts, "9000-9999");
+  EXPECT_EQ(asks(admin, lm::cmd::set, policy), "");
+  kernelTexts();
+  EXPECT_NE(sets(setRequest(id, "192.168.88.11", 80, true)), "") << "that is more than disabling";
+  EXPECT_NE(sets(setRequest(id, "192.168.88.10", 81, true)), "");
+  EXPECT_EQ(sets(setRequest(id, "192.168.88.10", 80, true)), "");
+  EXPECT_TRUE(lists()[0].get_bool(lm::key::disabled));
+  EXPECT_EQ(kernelTexts().size(), 2U) << "its counter was read and its element deleted";
+  EXPECT_EQ(sets(setRequest(id, "192.168.88.10", 80, false)),
+            "external port 8080 is not allowed by the policy");
+}
+
 TEST_F(NatRefusalTest, ChangesAStaleRule) {
   uint32_t id = opens({.disabled = true});
   networks.addresses.erase(inet_addr("45.45.45.1"));
