@@ -35,6 +35,13 @@ message undoOf(uint32_t command, uint32_t id, const message& config) {
   return undo;
 }
 
+/// Whether the hook agrees to undo what could not be stored. When it does not, the change stands
+/// until the end of the process.
+bool isDone(const message& reply) {
+  if (isError(reply)) logLine("store: a change that was not stored stays: ", getError(reply));
+  return !isError(reply);
+}
+
 }  // namespace
 
 class AMap::MapState {
@@ -129,9 +136,11 @@ message AMap::add(const message& request) {
   }
   message reply = hookAdded(*added);
   if (isError(reply)) return reply;
-  if (record) record->commit();
-
   Object& object = *(mapState_->objects[id] = std::move(added));
+  if (record && !record->commit() && isDone(hookRemoved(object))) {
+    mapState_->objects.erase(id);
+    return refusal("could not be stored");
+  }
   if (object.needNotify()) notifyChange(id, configOf(object));
   if (object.isUndoable()) {
     sendUndo(request, undoOf(cmd::removeObject, id, {}), object.getName() + " added");
@@ -160,9 +169,14 @@ message AMap::set(const message& request) {
   }
   message reply = hookSet(*before, *after);
   if (isError(reply)) return reply;
-  if (record) record->commit();
-
-  Object& object = *(mapState_->objects[id] = std::move(after));
+  Object& object = *after;
+  std::swap(mapState_->objects[id], after);
+  // A record that is to go has gone already: its file has another name, whatever becomes of it.
+  const bool stored = !record || record->commit() || !object.isStorable();
+  if (!stored && isDone(hookSet(object, *before))) {
+    std::swap(mapState_->objects[id], after);
+    return refusal("could not be stored");
+  }
   if (object.needNotify()) notifyChange(id, configOf(object));
   if (object.isUndoable()) {
     sendUndo(request, undoOf(cmd::setObject, id, oldConfig), object.getName() + " changed");
@@ -182,7 +196,7 @@ message AMap::remove(const message& request) {
   }
   message reply = hookRemoved(*object);
   if (isError(reply)) return reply;
-  if (record) record->commit();
+  if (record) record->commit();  // the record has gone already, as in set()
 
   const auto removed = std::move(mapState_->objects.extract(id).mapped());
   const message config = configOf(*removed);

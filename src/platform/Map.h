@@ -12,7 +12,8 @@ namespace lm {
 
 /// A handler that keeps numbered, persisted objects and answers the object commands: list, read,
 /// add, set, remove. Every change is offered to a hook first, and done only when the hook's reply
-/// is no error; the hook's reply is the answer. Use it through Map<T>.
+/// is no error; the hook's reply is the answer. When the change cannot be stored after that, the
+/// hook of the reverse change is called and the request is refused. Use it through Map<T>.
 class AMap : public Handler {
  public:
   /// Objects are kept in the store directory `storePath`, under ids from `lowest` to `highest`,

@@ -419,6 +419,64 @@ TEST_F(ObjectMap, AnUndoThatIsRefusedIsSaidInTheLog) {
   EXPECT_EQ(lamps_.objects().size(), 1U);
 }
 
+TEST_F(ObjectMap, AnAddWhoseRecordDoesNotTakeItsPlaceIsUndone) {
+  platform_.forgetSent();
+  lamps_.then = [this] { std::filesystem::remove(dir_.file("1.new")); };
+  const test::LogCapture log;
+  EXPECT_EQ(getError(add("red")), "could not be stored");
+  EXPECT_EQ(lamps_.hooks, (Names{"add 1red of 0", "remove 1red of 1"}));
+  EXPECT_TRUE(lamps_.objects().empty());
+  EXPECT_TRUE(platform_.sent().empty());
+  EXPECT_EQ(dir_.names(), Names{});
+}
+
+TEST_F(ObjectMap, AChangeWhoseRecordDoesNotTakeItsPlaceIsUndone) {
+  add("red");
+  const std::string record = dir_.read("1");
+  platform_.forgetSent();
+  lamps_.hooks.clear();
+  lamps_.then = [this] { std::filesystem::remove(dir_.file("1.new")); };
+  const test::LogCapture log;
+  EXPECT_EQ(getError(set(1, "blue")), "could not be stored");
+  EXPECT_EQ(lamps_.hooks, (Names{"set 1red to 1blue of 1", "set 1blue to 1red of 1"}));
+  EXPECT_EQ(describe(read(1)), "{u32 0xfe0001=1, string 0x1=\"red\", u32 0x2=10}");
+  EXPECT_TRUE(platform_.notified(cmd::changed).empty());
+  EXPECT_TRUE(platform_.sentTo({66}, cmd::addObject).empty());
+  EXPECT_EQ(dir_.read("1"), record);
+}
+
+// Its file has lost its name before the hook is asked.
+TEST_F(ObjectMap, ARemovalHoldsWhenItsFileStaysUnderAnotherName) {
+  for (const bool removes : {true, false}) {
+    add("red");
+    lamps_.hooks.clear();
+    lamps_.then = [this] {  // a directory is no file that could be removed
+      std::filesystem::remove(dir_.file("1.new"));
+      dir_.makeDirectory("1.new");
+    };
+    const test::LogCapture log;
+    EXPECT_FALSE(isError(removes ? remove(1) : set(1, "candle")));
+    EXPECT_EQ(lamps_.hooks.size(), 1U);
+    lamps_.then = nullptr;
+    Lamps next(dir_.path(), 1, -2);
+    next.init();
+    EXPECT_TRUE(next.objects().empty());
+    std::filesystem::remove(dir_.file("1.new"));
+  }
+}
+
+TEST_F(ObjectMap, AChangeThatIsNeitherStoredNorUndoneStands) {
+  lamps_.then = [this] {
+    std::filesystem::remove(dir_.file("1.new"));
+    if (lamps_.hooks.size() > 1) lamps_.verdict = errorMsg(errorRefused, "too late");
+  };
+  const test::LogCapture log;
+  EXPECT_FALSE(isError(add("red")));
+  EXPECT_NE(log.text().find("store: a change that was not stored stays: too late\n"),
+            std::string::npos);
+  EXPECT_EQ(lamps_.objects().size(), 1U);
+}
+
 TEST_F(ObjectMap, AnObjectWhoseRecordHasGoneIsRemoved) {
   add("red");
   std::filesystem::remove(dir_.file("1"));
