@@ -248,7 +248,7 @@ std::string NatRules::addRefusal(const Rule& rule) const {
 
 // The external address may have left the router since: such a rule keeps working when it is back.
 std::string NatRules::setRefusal(const Rule& before, const Rule& after) const {
-  // An owner may close its port whatever the policy says by now.
+  // An owner may close its port whatever the policy allows now.
   if (after.disabled && after.client == before.client) return {};
   const Policy& policy = policies_.policy();
   if (auto text = policy.refusal(after.key, after.client, networks_); !text.empty()) return text;

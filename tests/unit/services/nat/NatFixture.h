@@ -118,7 +118,7 @@ class NatFixture : public ::testing::Test {
   std::string sets(const lm::message& request) { return asks(daemon, lm::cmd::setObject, request); }
   std::string removes(uint32_t id) { return asks(daemon, lm::cmd::removeObject, idOnly(id)); }
 
-  /// The last change took too long for whoever asked for it.
+  /// The requester of the last change has given it up.
   void givesUp() {
     const auto undo = rules.takeUndo();
     ASSERT_TRUE(static_cast<bool>(undo));
