@@ -37,10 +37,12 @@ class EventLoop::State {
   void add(int fd, void* owner, SocketCallback callback, unsigned flags);
   void remove(int fd);
 
-  /// Waits until a watch is ready or a timer due, and notes which watches are ready.
-  void wait(std::optional<uint64_t> longest);
+  /// Waits until a watch is ready or a timer due, and notes which watches are ready. `now` is the
+  /// time at which the wait begins.
+  void wait(uint64_t now, std::optional<uint64_t> longest);
   void dispatchReady();
-  void dispatchTimers();
+  /// Calls the timers that were due at `now`, but for those that were added since `added` was read.
+  void dispatchTimers(uint64_t now, uint64_t added);
   [[nodiscard]] std::optional<uint64_t> nextDue() const;
 
   const Clock& clock;
@@ -130,9 +132,8 @@ void EventLoop::State::remove(int fd) {
   std::erase(paused_, fd);
 }
 
-void EventLoop::State::wait(std::optional<uint64_t> longest) {
+void EventLoop::State::wait(uint64_t now, std::optional<uint64_t> longest) {
   if (const auto due = nextDue()) {
-    const uint64_t now = clock.now();
     const uint64_t left = *due > now ? *due - now : 0;
     longest = longest ? std::min(*longest, left) : left;
   }
@@ -201,9 +202,7 @@ void EventLoop::State::dispatchReady() {
   }
 }
 
-void EventLoop::State::dispatchTimers() {
-  const uint64_t now = clock.now();
-  const uint64_t added = timers.added();
+void EventLoop::State::dispatchTimers(uint64_t now, uint64_t added) {
   while (const auto timer = timers.takeDue(now, added)) {
     const auto [owner, callback] = *timer;
     callback(owner);
@@ -283,9 +282,11 @@ void EventLoop::addSocket(int fd, void* owner, SocketCallback callback, unsigned
 void EventLoop::removeSocket(int fd) { state_->remove(fd); }
 
 void EventLoop::turn(std::optional<uint64_t> limit) {
-  state_->wait(limit);
+  const uint64_t now = state_->clock.now();
+  const uint64_t added = state_->timers.added();
+  state_->wait(now, limit);
   state_->dispatchReady();
-  state_->dispatchTimers();
+  state_->dispatchTimers(now, added);
 }
 
 std::optional<uint64_t> EventLoop::nextDue() const { return state_->nextDue(); }

@@ -13,9 +13,13 @@ namespace lm {
 /// its own on the injected clock. While it lives it is what getRunner() gives; there is at most
 /// one.
 ///
-/// In a turn every ready watch is dispatched once, then every timer that is due. A listening socket
-/// holds one waiting client only, and a full queue costs the next one a whole second: listening
-/// sockets are dispatched first, and looked at again between any two other callbacks.
+/// In a turn every ready watch is dispatched once, then every timer that was due when the turn
+/// began. A timer that falls due while callbacks run thus waits until the descriptors were looked
+/// at once more: what has arrived in time comes before the limit that waits for it.
+///
+/// A listening socket holds one waiting client only, and a full queue costs the next one a whole
+/// second: listening sockets are dispatched first, and looked at again between any two other
+/// callbacks.
 ///
 /// Nothing that stays ready without progress may eat the processor: a watch that its owner kept
 /// although the peer has closed, and a listening socket that stays readable although its callback

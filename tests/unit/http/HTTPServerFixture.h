@@ -39,6 +39,7 @@ class FakeGateway : public RequestHandler {
                                 const std::string& method, const std::string& url) override {
     asked.push_back(method + "|" + url + "|" + request.body);
     askedOn = &on;
+    if (work) work();
     HTTPMessage reply(HTTP_OK);
     reply.body = body;
     return reply;
@@ -47,6 +48,7 @@ class FakeGateway : public RequestHandler {
   int listener = -1;
   std::shared_ptr<ServedInterface> device = std::make_shared<FakeInterface>();
   std::string body = "hello";
+  std::function<void()> work;  ///< done for each request
   std::vector<std::string> asked;
   const ServedInterface* askedOn = nullptr;
 };

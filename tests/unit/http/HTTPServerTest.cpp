@@ -100,6 +100,21 @@ TEST_F(HTTPServerTest, GivesARequestTenSecondsFromTheAccept) {
   EXPECT_TRUE(client.receive());
 }
 
+TEST_F(HTTPServerTest, AnswersARequestThatArrivedWhileAnotherOneTookTenSeconds) {
+  Client quick;
+  accept(1);
+  Client slow;
+  slow.send("GET /slow HTTP/1.1\r\n\r\n");
+  accept(2);
+  gateway.work = [&] {
+    gateway.work = {};
+    quick.send("GET /quick HTTP/1.1\r\n\r\n");
+    clock.advance(10'000);
+  };
+  EXPECT_EQ(logged([&] { untilClosed(quick); }), "");
+  EXPECT_EQ(quick.received, reply);
+}
+
 TEST_F(HTTPServerTest, ForgetsTheTimeLimitOfAnAnsweredRequest) {
   Client client;
   client.send("GET /x HTTP/1.1\r\n\r\n");

@@ -2,6 +2,7 @@
 #include <sys/socket.h>
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <optional>
 
@@ -13,6 +14,7 @@
 namespace lm {
 namespace {
 
+using test::ManualClock;
 using test::SocketPair;
 
 class Timers : public test::LoopTest {};
@@ -61,6 +63,70 @@ TEST_F(Timers, OneThatIsStartedByACallbackWaitsForTheNextTurn) {
   EXPECT_EQ(calls(), Names{"t"});
   turn();
   EXPECT_EQ(calls(), Names{"t"});
+}
+
+TEST_F(Timers, ThatFallDueWhileCallbacksRunWaitForALookAtTheDescriptors) {
+  const SocketPair quick(SOCK_STREAM);
+  const SocketPair slow(SOCK_STREAM);
+  Probe& limit = timer("limit", 1000);
+  watch("slow", slow.ours.get()).then = [&] {
+    test::readAvailable(slow.ours.get());
+    clock_.advance(10'000);
+    test::writeText(quick.peer.get(), "request");
+  };
+  watch("quick", quick.ours.get()).then = [&] {
+    test::readAvailable(quick.ours.get());
+    stopTimer(limit);
+  };
+  test::writeText(slow.peer.get(), "x");
+  turns(3);
+  EXPECT_EQ(calls(), (Names{"slow", "quick"})) << "the request came in time";
+}
+
+TEST_F(Timers, ThatFallDueWhileTimersRunWaitForALookAtTheDescriptors) {
+  const SocketPair quick(SOCK_STREAM);
+  timer("slow", 0).then = [&] {
+    clock_.advance(10'000);
+    test::writeText(quick.peer.get(), "request");
+  };
+  timer("limit", 1000);
+  watch("quick", quick.ours.get()).then = [&] { test::readAvailable(quick.ours.get()); };
+  turns(3);
+  EXPECT_EQ(calls(), (Names{"slow", "quick", "limit"}));
+}
+
+/// Time passes when it is read for the second time, as it does for a process that was stopped.
+struct StoppedClock : ManualClock {
+  [[nodiscard]] uint64_t now() const override {
+    if (++reads == 2 && then) then();
+    return ManualClock::now();
+  }
+  mutable int reads = 0;
+  std::function<void()> then;
+};
+
+TEST(StoppedProcess, LooksAtTheDescriptorsBeforeTheTimersThatFellDueMeanwhile) {
+  StoppedClock clock;
+  EventLoop loop(clock);
+  const SocketPair pair(SOCK_STREAM);
+  struct Owner {
+    void ready(int) { timer.stop(); }
+    void due() { late = true; }
+    Timer timer;
+    bool late = false;
+  } owner;
+  Watch watch;
+  watch.start<&Owner::ready>(pair.ours.get(), owner, watchRead);
+  owner.timer.start<&Owner::due>(owner, 1000);
+  clock.reads = 0;
+  clock.then = [&] {
+    test::writeText(pair.peer.get(), "x");
+    clock.advance(10'000);
+  };
+  loop.turn(0);
+  loop.turn(0);
+  EXPECT_FALSE(owner.timer.pending());
+  EXPECT_FALSE(owner.late);
 }
 
 struct Owner {

@@ -35,9 +35,9 @@ class LoopTest : public testing::Test {
   };
 
   static void startTimer(Probe& p, uint32_t hundredths) {
-    getRunner().addTimer(
-        &p, [](void* probe) { static_cast<Probe*>(probe)->due(); }, hundredths);
+    getRunner().addTimer(&p, &LoopTest::due, hundredths);
   }
+  static void stopTimer(Probe& p) { getRunner().removeTimer(&p, &LoopTest::due); }
 
   Probe& probe(const std::string& name) {
     probes_.push_back(std::make_unique<Probe>());
@@ -72,6 +72,8 @@ class LoopTest : public testing::Test {
   EventLoop loop_{clock_};
 
  private:
+  static void due(void* probe) { static_cast<Probe*>(probe)->due(); }
+
   std::vector<std::unique_ptr<Probe>> probes_;
   Names calls_;
 };

@@ -248,6 +248,29 @@ TEST_F(Events, AreGivenUpWhenTheConnectionIsNotMadeInThirtySeconds) {
   EXPECT_EQ(renew(sid).startLine, "HTTP/1.1 200 OK");
 }
 
+TEST_F(Events, HearAReplyThatArrivedWhileACallbackTookThirtySeconds) {
+  struct Busy {
+    void ready(int fd) {
+      lm::test::readAvailable(fd);
+      platform.clock().advance(30'000);
+      subscriber.answer();
+    }
+    lm::test::TestPlatform& platform;
+    Subscriber& subscriber;
+  };
+  Subscriber subscriber(platform);
+  subscribe(subscriber);
+  passHoldBack();
+  ASSERT_EQ(subscriber.notify().getField("SEQ"), "0");
+  Busy busy{platform, subscriber};
+  const lm::test::SocketPair pair(SOCK_STREAM);
+  lm::Watch watch;
+  watch.start<&Busy::ready>(pair.ours.get(), busy, lm::watchRead);
+  ASSERT_TRUE(lm::test::writeText(pair.peer.get(), "x"));
+  EXPECT_TRUE(subscriber.closedByService());
+  EXPECT_EQ(linesOf("notify timeout"), 0);
+}
+
 TEST_F(Events, ReportASubscriberThatClosesUnansweredAgainAndAgainUntilTheirTimeIsOver) {
   Subscriber subscriber(platform);
   subscribe(subscriber);
