@@ -1,10 +1,13 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <optional>
+#include <vector>
 
 #include "lumen/runtime/Clock.h"
+#include "lumen/runtime/TimerQueue.h"
 #include "platform/ThinRunner.h"
 
 namespace lm {
@@ -18,12 +21,14 @@ namespace lm {
 /// at once more: what has arrived in time comes before the limit that waits for it.
 ///
 /// A listening socket holds one waiting client only, and a full queue costs the next one a whole
-/// second: listening sockets are dispatched first, and looked at again between any two other
-/// callbacks.
+/// second: listening sockets are dispatched first. Between any two other callbacks they are looked
+/// at again and dispatched until no client waits, at most 16 times each, so that clients who come
+/// faster than they are accepted delay the others by a bounded time only. The wait is the look
+/// before a turn's first callback; each further one costs one system call, where there are
+/// listening sockets.
 ///
-/// Nothing that stays ready without progress may eat the processor: a watch that its owner kept
-/// although the peer has closed, and a listening socket that stays readable although its callback
-/// accepted nothing, are dispatched at once the first time, then at most ten times a second.
+/// Nothing that stays ready without progress may eat the processor: a watch whose callback returned
+/// false twice in a row rests for 100 ms each time.
 class EventLoop : public ThinRunner {
  public:
   /// `clock` must outlive the loop.
@@ -32,8 +37,12 @@ class EventLoop : public ThinRunner {
   EventLoop& operator=(const EventLoop&) = delete;
   ~EventLoop() override;
 
-  void addTimer(void* owner, TimerCallback callback, uint32_t delay) override;
-  void removeTimer(void* owner, TimerCallback callback) override;
+  void addTimer(void* owner, TimerCallback callback, uint32_t delay) override {
+    timers_.add({owner, callback}, clock_.now() + uint64_t{delay} * 10);
+  }
+  void removeTimer(void* owner, TimerCallback callback) override {
+    timers_.remove({owner, callback});
+  }
   void addSocket(int fd, void* owner, SocketCallback callback, unsigned flags) override;
   void removeSocket(int fd) override;
 
@@ -42,13 +51,37 @@ class EventLoop : public ThinRunner {
   void turn(std::optional<uint64_t> limit);
 
   /// When there is something to do even if no descriptor becomes ready: a time of the clock.
-  [[nodiscard]] std::optional<uint64_t> nextDue() const;
+  [[nodiscard]] std::optional<uint64_t> nextDue() const { return timers_.nextDue(); }
 
-  [[nodiscard]] const Clock& clock() const;
+  [[nodiscard]] const Clock& clock() const { return clock_; }
 
  private:
-  class State;
-  std::unique_ptr<State> state_;  // never null
+  struct Libev;
+  struct Watch;
+  using WatchPtr = std::shared_ptr<Watch>;  // never null
+  /// A watch that was ready when it was looked at; it may have been removed since.
+  struct Ready {
+    WatchPtr watch;
+    unsigned flags;
+  };
+
+  void start(const WatchPtr& watch);
+  void stop(Watch& watch);
+  static void resume(void* watch);
+  void wait(uint64_t now, std::optional<uint64_t> limit);
+  void dispatch(const Ready& ready);
+  void dropClosed();
+  void acceptWaiting();
+  std::vector<Ready> look(std::vector<WatchPtr> watches);
+
+  const Clock& clock_;
+  TimerQueue timers_;  // those that end a rest included
+  const std::unique_ptr<Libev> libev_;
+  std::map<int, WatchPtr> watches_;
+  std::vector<WatchPtr> listeners_;  // those that do not rest
+  std::vector<WatchPtr> unchecked_;  // started or dispatched since it was known to be open
+  std::vector<Ready> ready_;         // found by the last wait, listeners first
+  bool looked_ = false;              // at the listeners since the last callback
 };
 
 /// The clock of the process's event loop; the system's while there is none.

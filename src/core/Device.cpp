@@ -12,7 +12,7 @@ void Device::openSockets(Gateway& gateway) {
       makeDiscoverySocket(interfaceName(), record.get_u32(interface_table::index), address));
   discoveryWatch.start<&Gateway::handleSearch>(discoverySocket.get(), gateway, lm::watchRead);
   listenSocket.reset(makeTcpSocket(interfaceName(), HTTP_PORT));
-  listenWatch.start<&Gateway::acceptHttp>(listenSocket.get(), gateway, lm::watchRead);
+  listenWatch.start<&Gateway::acceptHttp>(listenSocket.get(), gateway, lm::watchAccept);
   timer.start<&Device::advertTimer>(*this, ADVERT_INTERVAL);
 }
 

@@ -47,8 +47,8 @@ class Gateway : public lm::Map<DevObj>, public UpnpRootDevice, private RequestHa
 
   /// Answers a search on a discovery socket that is ready.
   void handleSearch(int socket);
-  /// Takes a connection from a listening socket that is ready.
-  void acceptHttp(int listenFd) { httpServer.acceptHttp(listenFd); }
+  /// Takes a connection from a listening socket that is ready. Returns whether there was one.
+  bool acceptHttp(int listenFd) { return httpServer.acceptHttp(listenFd); }
   /// Announces the whole tree on an internal interface.
   void advertise(const Device& device) const;
 

@@ -28,14 +28,14 @@ void discardReceived(int fd) {
 
 }  // namespace
 
-void HTTPServer::acceptHttp(int listenFd) {
+bool HTTPServer::acceptHttp(int listenFd) {
   // The client may have gone since the socket became ready, and the loop must not wait for the
   // next.
   const bool ready = fcntl(listenFd, F_SETFL, O_NONBLOCK) == 0;
   lm::Fd accepted(ready ? accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC) : -1);
   if (!accepted.valid()) {
     logLine("accept failed");
-    return;
+    return false;
   }
   auto device = handler.findListener(listenFd);
   if (!device) {
@@ -44,6 +44,7 @@ void HTTPServer::acceptHttp(int listenFd) {
   }
   const int fd = accepted.get();
   conns[fd] = std::make_unique<HTTPConn>(std::move(accepted), std::move(device), *this);
+  return true;
 }
 
 void HTTPServer::readHttp(int fd) {

@@ -21,8 +21,8 @@ class HTTPServer {
   HTTPServer& operator=(const HTTPServer&) = delete;
 
   /// To be called when a listening socket is ready. A listening socket that the handler does not
-  /// know ends the process with exit status 1.
-  void acceptHttp(int listenFd);
+  /// know ends the process with exit status 1. Returns whether it accepted a connection.
+  bool acceptHttp(int listenFd);
 
   /// To be called when a connection is ready. One that is not ours ends the process with exit
   /// status 1.

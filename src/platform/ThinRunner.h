@@ -8,13 +8,18 @@ namespace lm {
 /// Conditions of a descriptor that a watch can wait for.
 inline constexpr unsigned watchRead = 1;
 inline constexpr unsigned watchWrite = 4;
+/// What a listening socket is watched with: a client waits to be accepted. Such watches are called
+/// before all others, and again as long as clients wait; their callbacks get watchRead.
+inline constexpr unsigned watchAccept = 0x100 | watchRead;
 
 /// Timers and descriptor watches of the event loop. Callbacks run on the loop, one at a time; a
 /// callback may add and remove any timer or watch, its own included, and destroy its owner.
 class ThinRunner {
  public:
   using TimerCallback = void (*)(void* owner);
-  using SocketCallback = void (*)(void* owner, int fd, unsigned flags);
+  /// Returns false when the descriptor stays ready although there was nothing to take: its peer has
+  /// closed, or a client could not be accepted.
+  using SocketCallback = bool (*)(void* owner, int fd, unsigned flags);
 
   virtual ~ThinRunner() = default;
 
@@ -25,8 +30,9 @@ class ThinRunner {
   virtual void removeTimer(void* owner, TimerCallback callback) = 0;
 
   /// Calls `callback(owner, fd, flags)` whenever `fd` meets one of the conditions in `flags`
-  /// (watchRead, watchWrite), until removeSocket. A descriptor has one watch: a new one replaces
-  /// it. A descriptor of -1 is ignored.
+  /// (watchRead, watchWrite, watchAccept), until removeSocket; at most ten times a second once the
+  /// callback has returned false twice in a row. A descriptor has one watch: a new one replaces it.
+  /// A descriptor of -1 is ignored.
   virtual void addSocket(int fd, void* owner, SocketCallback callback, unsigned flags) = 0;
   /// Ends the watch of `fd`, if there is one. To be called before `fd` is closed.
   virtual void removeSocket(int fd) = 0;
@@ -35,16 +41,25 @@ class ThinRunner {
 /// The process's runner; it lives as long as the Looper, which must exist.
 [[nodiscard]] ThinRunner& getRunner();
 
-/// Watches that call a member function, which takes the descriptor, and the flags if it likes.
+/// Watches that call a member function, which takes the descriptor, and the flags if it likes. It
+/// returns what a SocketCallback does, or nothing, which counts as true.
 template <auto Method, typename Owner>
 void addSocket(int fd, Owner& owner, unsigned flags) {
   getRunner().addSocket(
       fd, &owner,
       [](void* o, int readyFd, unsigned readyFlags) {
-        if constexpr (std::is_invocable_v<decltype(Method), Owner&, int, unsigned>) {
-          (static_cast<Owner*>(o)->*Method)(readyFd, readyFlags);
+        const auto call = [=] {
+          if constexpr (std::is_invocable_v<decltype(Method), Owner&, int, unsigned>) {
+            return (static_cast<Owner*>(o)->*Method)(readyFd, readyFlags);
+          } else {
+            return (static_cast<Owner*>(o)->*Method)(readyFd);
+          }
+        };
+        if constexpr (std::is_void_v<decltype(call())>) {
+          call();
+          return true;
         } else {
-          (static_cast<Owner*>(o)->*Method)(readyFd);
+          return call();
         }
       },
       flags);

@@ -44,18 +44,19 @@ bool Service::Event::write(const std::string& notify) {
   return true;
 }
 
-void Service::Event::readReply(int fd, unsigned /*flags*/) {
+bool Service::Event::readReply(int fd, unsigned /*flags*/) {
   std::array<char, BUFLEN> bytes;
   const ssize_t size = recv(fd, bytes.data(), bytes.size(), MSG_DONTWAIT);
-  if (size < 0 && (errno == EAGAIN || errno == EINTR)) return;
+  if (size < 0 && (errno == EAGAIN || errno == EINTR)) return true;
   if (size <= 0) {
     logLine("notify reply read failed");
-    return;
+    return false;
   }
   const HTTPMessage reply(std::string_view(bytes.data(), static_cast<size_t>(size)));
   const std::string& line = reply.startLine;
   if (line.size() < 9 || line.compare(9, 3, "200") != 0) logLine("bad notify reply: ", line);
   service.endEvent(*this);  // destroys *this
+  return true;
 }
 
 void Service::Event::timeout() {

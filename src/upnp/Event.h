@@ -25,8 +25,9 @@ class Service::Event {
 
   /// The connection is ready for the NOTIFY, or has failed.
   void send(int fd, unsigned flags);
-  /// The subscriber has answered, or closed.
-  void readReply(int fd, unsigned flags);
+  /// The subscriber has answered, or closed: then it returns false, and the delivery goes on until
+  /// its time is over.
+  bool readReply(int fd, unsigned flags);
   /// Drops the delivery, whatever the cause. Destroys this.
   void timeout();
 

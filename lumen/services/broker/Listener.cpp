@@ -40,24 +40,19 @@ std::string Listener::listen(const std::string& path) {
     return path + ": " + strerror(errno);
   }
   path_ = path;
-  watch_.start<&Listener::ready>(socket_.get(), *this, lm::watchRead);
+  watch_.start<&Listener::ready>(socket_.get(), *this, lm::watchAccept);
   return {};
 }
 
-// All that wait, so that many who are refused do not keep back one who is not.
-void Listener::ready(int fd) {
-  for (int i = 0; i < backlog; ++i) {
-    lm::Fd client(accept4(fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-    if (!client.valid()) {
-      if (errno != EAGAIN) lm::logLine("accept: ", strerror(errno));
-      return;
-    }
-    const std::optional<Peer> peer = readPeer(client.get());
-    if (peer) broker_.admit(std::move(client), *peer);
+bool Listener::ready(int fd) {
+  lm::Fd client(accept4(fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+  if (!client.valid()) {
+    if (errno != EAGAIN) lm::logLine("accept: ", strerror(errno));
+    return false;
   }
-  // More may wait. To the loop a callback that keeps no client has accepted none, and these may all
-  // have been refused: it does not judge a watch that begins anew.
-  watch_.start<&Listener::ready>(fd, *this, lm::watchRead);
+  const std::optional<Peer> peer = readPeer(client.get());
+  if (peer) broker_.admit(std::move(client), *peer);
+  return true;
 }
 
 }  // namespace lumen

@@ -23,7 +23,7 @@ class Listener {
   [[nodiscard]] std::string listen(const std::string& path);
 
  private:
-  void ready(int fd);
+  bool ready(int fd);
 
   Broker& broker_;
   std::string path_;

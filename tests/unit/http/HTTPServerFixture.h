@@ -111,7 +111,7 @@ class HTTPServerTest : public testing::Test {
  protected:
   HTTPServerTest() : loop(clock), server(gateway), listener(makeTcpSocket("lo", HTTP_PORT)) {
     gateway.listener = listener.get();
-    watch.start<&HTTPServer::acceptHttp>(listener.get(), server, lm::watchRead);
+    watch.start<&HTTPServer::acceptHttp>(listener.get(), server, lm::watchAccept);
   }
 
   /// Turns the loop until `condition` holds, at most five seconds.

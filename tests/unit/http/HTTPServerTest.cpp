@@ -262,7 +262,7 @@ TEST_F(HTTPServerTest, ClosesEveryConnectionAtItsEnd) {
   Client client;
   {
     HTTPServer other(gateway);
-    watch.start<&HTTPServer::acceptHttp>(listener.get(), other, lm::watchRead);
+    watch.start<&HTTPServer::acceptHttp>(listener.get(), other, lm::watchAccept);
     turnUntil([&] { return other.openConnections() == 1; });
     watch.stop();
   }

@@ -25,17 +25,23 @@ class Listeners : public test::LoopTest {
     clients_.push_back(listener_.connect());
     ASSERT_TRUE(test::waitFor(listener_.fd.get(), POLLIN));
   }
-  void acceptOne() {
+  void acceptOne(Probe& p) {
     Fd client(accept4(listener_.fd.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    p.progress = client.valid();
     if (client.valid()) accepted_.push_back(std::move(client));
   }
   Probe& acceptingWatch() {
-    Probe& p = watch("listener", listener_.fd.get());
-    p.then = [this] { acceptOne(); };
+    Probe& p = watch("listener", listener_.fd.get(), watchAccept);
+    p.then = [this, &p] { acceptOne(p); };
+    return p;
+  }
+  Probe& failingWatch() {
+    Probe& p = watch("listener", listener_.fd.get(), watchAccept);
+    p.progress = false;
     return p;
   }
 
-  TcpListener listener_{16};
+  TcpListener listener_{32};
   std::vector<Fd> clients_;
   std::vector<Fd> accepted_;
   SocketPair a_{SOCK_STREAM};
@@ -72,8 +78,39 @@ TEST_F(Listeners, AreNotHeldUpWhileTheirCallbackAccepts) {
   EXPECT_EQ(accepted_.size(), 10U);
 }
 
+TEST_F(Listeners, AreDrainedBetweenAnyTwoOtherCallbacks) {
+  acceptingWatch();
+  for (SocketPair* pair : {&a_, &b_}) {
+    watch("other", pair->ours.get());
+    test::writeText(pair->peer.get(), "x");
+  }
+  for (int i = 0; i < 4; ++i) clientConnects();
+  turn();
+  EXPECT_EQ(calls(), (Names{"listener", "listener", "listener", "listener", "other", "other"}));
+}
+
+TEST_F(Listeners, DelayOthersByABoundedNumberOfClients) {
+  acceptingWatch();
+  watch("other", a_.ours.get());
+  test::writeText(a_.peer.get(), "x");
+  for (int i = 0; i < 18; ++i) clientConnects();
+  turn();
+  Names names(17, "listener");
+  names.emplace_back("other");
+  EXPECT_EQ(calls(), names);
+  turn();
+  EXPECT_EQ(calls(), (Names{"listener", "other"}));
+}
+
+TEST_F(Listeners, AreToldThatTheyCanBeRead) {
+  Probe& p = acceptingWatch();
+  clientConnects();
+  turn();
+  EXPECT_EQ(p.flags, watchRead);
+}
+
 TEST_F(Listeners, ThatAcceptNothingAreDispatchedTenTimesASecond) {
-  watch("listener", listener_.fd.get());
+  failingWatch();
   clientConnects();
   turns(50);
   EXPECT_EQ(calls().size(), 2U) << "at once the first time that nothing was accepted";
@@ -86,13 +123,13 @@ TEST_F(Listeners, ThatAcceptNothingAreDispatchedTenTimesASecond) {
 }
 
 TEST_F(Listeners, AreAtFullSpeedAgainOnceTheyAccept) {
-  Probe& p = watch("listener", listener_.fd.get());
+  Probe& p = failingWatch();
   clientConnects();
   turns(5);
   calls();
-  p.then = [this] { acceptOne(); };
+  p.then = [this, &p] { acceptOne(p); };
   clock_.advance(100);
-  turn();
+  turns(2);
   EXPECT_EQ(accepted_.size(), 1U);
   clientConnects();
   turn();
@@ -113,7 +150,7 @@ TEST_F(Listeners, DoNotSpinWhenDescriptorsHaveRunOut) {
   EXPECT_EQ(calls().size(), 2U);
   ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &usual), 0);
   clock_.advance(100);
-  turn();
+  turns(2);
   EXPECT_EQ(accepted_.size(), 1U);
 }
 
@@ -122,19 +159,20 @@ TEST_F(Listeners, ACallbackMayEndAnotherListener) {
   const Fd client = other.connect();
   ASSERT_TRUE(test::waitFor(other.fd.get(), POLLIN));
   clientConnects();
-  watch("listener", listener_.fd.get()).then = [&] { removeSocket(other.fd.get()); };
-  watch("listener", other.fd.get()).then = [&] { removeSocket(listener_.fd.get()); };
+  watch("listener", listener_.fd.get(), watchAccept).then = [&] { removeSocket(other.fd.get()); };
+  watch("listener", other.fd.get(), watchAccept).then = [&] { removeSocket(listener_.fd.get()); };
   turn();
   EXPECT_EQ(calls().size(), 1U);
 }
 
+/// Watches whose peer has closed, and that their owner keeps.
 class Peers : public test::LoopTest {
  protected:
   SocketPair pair_{SOCK_STREAM};
 };
 
 TEST_F(Peers, ThatAreGoneDoNotKeepTheLoopBusy) {
-  watch("a", pair_.ours.get());
+  watch("a", pair_.ours.get()).progress = false;
   pair_.peer.reset();
   turns(50);
   EXPECT_EQ(calls().size(), 2U);
@@ -145,53 +183,45 @@ TEST_F(Peers, ThatAreGoneDoNotKeepTheLoopBusy) {
   EXPECT_EQ(calls().size(), 10U);
 }
 
-TEST_F(Peers, ThatAreGoneAreSeenAtOnceAfterTheirLastBytes) {
-  watch("a", pair_.ours.get()).then = [this] {
-    char byte = 0;
-    (void)!read(pair_.ours.get(), &byte, 1);
-  };
-  test::writeText(pair_.peer.get(), "xxxxxxxxxx");
+TEST_F(Peers, AreSeenAtOnceWhileTheirOwnerMakesProgress) {
+  Probe& p = watch("a", pair_.ours.get());
+  p.then = [&p] { p.progress = !p.progress; };
   pair_.peer.reset();
-  turns(11);
-  EXPECT_EQ(calls().size(), 11U);
+  turns(50);
+  EXPECT_EQ(calls().size(), 50U);
 }
 
-TEST_F(Peers, ThatOnlyStoppedSendingDoNotSlowAWriter) {
-  watch("a", pair_.ours.get(), watchWrite);
-  ASSERT_EQ(shutdown(pair_.peer.get(), SHUT_WR), 0);
-  turns(20);
-  EXPECT_EQ(calls().size(), 20U);
+TEST_F(Peers, ThatRestAreForgottenWithTheirWatch) {
+  watch("a", pair_.ours.get()).progress = false;
+  pair_.peer.reset();
+  turns(5);
+  removeSocket(pair_.ours.get());
+  EXPECT_EQ(loop_.nextDue(), std::nullopt);
+  clock_.advance(100);
+  calls();
+  turns(5);
+  EXPECT_EQ(calls(), Names{});
+}
+
+TEST_F(Peers, DoNotRestAnyMoreOnceTheirWatchIsReplaced) {
+  watch("a", pair_.ours.get()).progress = false;
+  pair_.peer.reset();
+  turns(5);
+  calls();
+  watch("b", pair_.ours.get());
+  turns(5);
+  EXPECT_EQ(calls(), Names(5, "b"));
+}
+
+TEST_F(Peers, OfAnOwnerWhoSaysNothingAreNotSlowed) {
+  struct Silent {
+    void ready(int) { ++calls; }
+    int calls = 0;
+  } silent;
+  addSocket<&Silent::ready>(pair_.ours.get(), silent, watchRead);
   pair_.peer.reset();
   turns(20);
-  EXPECT_EQ(calls().size(), 2U);
-}
-
-TEST_F(Peers, KeepTheirErrorForTheOwnerOfTheSocket) {
-  TcpListener listener(4);
-  const Fd client = listener.connect();
-  ASSERT_TRUE(test::waitFor(listener.fd.get(), POLLIN));
-  Fd served(accept4(listener.fd.get(), nullptr, nullptr, SOCK_CLOEXEC));
-  const linger resetAtClose{1, 0};
-  setsockopt(served.get(), SOL_SOCKET, SO_LINGER, &resetAtClose, sizeof resetAtClose);
-  served.reset();
-  ASSERT_TRUE(test::waitFor(client.get(), POLLERR));
-  watch("client", client.get());
-  turns(10);
-  EXPECT_EQ(calls().size(), 2U);
-  char byte = 0;
-  EXPECT_EQ(read(client.get(), &byte, 1), -1);
-  EXPECT_EQ(errno, ECONNRESET);
-}
-
-TEST_F(Peers, MaySendEmptyDatagrams) {
-  SocketPair datagrams(SOCK_DGRAM);
-  watch("a", datagrams.ours.get()).then = [&] {
-    char byte = 0;
-    (void)recv(datagrams.ours.get(), &byte, 1, 0);
-  };
-  for (int i = 0; i < 10; ++i) ASSERT_EQ(send(datagrams.peer.get(), "", 0, 0), 0);
-  turns(10);
-  EXPECT_EQ(calls().size(), 10U);
+  EXPECT_EQ(silent.calls, 20);
 }
 
 class ClosedDescriptors : public test::LoopTest {
@@ -224,6 +254,19 @@ TEST_F(ClosedDescriptors, AreSaidInTheLogOnce) {
   const test::LogCapture log;
   pair_.ours.reset();
   turns(5);
+  EXPECT_EQ(log.text(), "event loop: descriptor " + number + " was closed while watched\n");
+}
+
+TEST_F(ClosedDescriptors, ThatListenedAreNotAccepted) {
+  TcpListener listener(4);
+  const std::string number = std::to_string(listener.fd.get());
+  watch("listener", listener.fd.get(), watchAccept);
+  watch("a", pair_.ours.get()).then = [&] { listener.fd.reset(); };
+  timer("timer", 0);
+  test::writeText(pair_.peer.get(), "x");
+  const test::LogCapture log;
+  turn();
+  EXPECT_EQ(calls(), (Names{"a", "timer"}));
   EXPECT_EQ(log.text(), "event loop: descriptor " + number + " was closed while watched\n");
 }
 

@@ -21,11 +21,13 @@ class LoopTest : public testing::Test {
     std::string name;
     std::vector<std::string>* calls = nullptr;
     std::function<void()> then;
-    unsigned flags = 0;  // of the last call
+    bool progress = true;  // what it tells the loop
+    unsigned flags = 0;    // of the last call
 
-    void ready(int, unsigned readyFlags) {
+    bool ready(int, unsigned readyFlags) {
       flags = readyFlags;
       called();
+      return progress;
     }
     void due() { called(); }
     void called() {
