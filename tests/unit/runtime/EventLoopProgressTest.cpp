@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -11,6 +12,20 @@
 
 #include "runtime/LoopTest.h"
 #include "support/LogCapture.h"
+
+namespace {
+
+int polls = 0;  // of this program
+
+}  // namespace
+
+/// Takes the place of the C library's, to count.
+extern "C" int poll(pollfd* descriptors, nfds_t count, int limit) {
+  ++polls;
+  const timespec time{limit / 1000, limit % 1000 * 1'000'000L};
+  return static_cast<int>(
+      syscall(SYS_ppoll, descriptors, count, limit < 0 ? nullptr : &time, nullptr, size_t{0}));
+}
 
 namespace lm {
 namespace {
@@ -122,6 +137,38 @@ TEST_F(Listeners, ThatAcceptNothingAreDispatchedTenTimesASecond) {
   EXPECT_EQ(calls().size(), 10U);
 }
 
+TEST_F(Listeners, ThatRestAreNotLookedAtBetweenOthers) {
+  failingWatch();
+  clientConnects();
+  turns(2);
+  calls();
+  for (SocketPair* pair : {&a_, &b_}) {
+    watch("other", pair->ours.get());
+    test::writeText(pair->peer.get(), "x");
+  }
+  turn();
+  EXPECT_EQ(calls(), (Names{"other", "other"}));
+}
+
+TEST_F(Listeners, CostASystemCallForEachCallbackButTheFirst) {
+  acceptingWatch();
+  const auto pollsInATurn = [this] {
+    turn();  // looks at the descriptors that were called in the one before
+    const int before = polls;
+    turn();
+    return polls - before;
+  };
+  EXPECT_EQ(pollsInATurn(), 0);
+  watch("a", a_.ours.get());
+  test::writeText(a_.peer.get(), "x");
+  EXPECT_EQ(pollsInATurn(), 1) << "whether it is still open";
+  watch("b", b_.ours.get());
+  test::writeText(b_.peer.get(), "x");
+  EXPECT_EQ(pollsInATurn(), 2);
+  removeSocket(listener_.fd.get());
+  EXPECT_EQ(pollsInATurn(), 1);
+}
+
 TEST_F(Listeners, AreAtFullSpeedAgainOnceTheyAccept) {
   Probe& p = failingWatch();
   clientConnects();
@@ -203,6 +250,16 @@ TEST_F(Peers, ThatRestAreForgottenWithTheirWatch) {
   EXPECT_EQ(calls(), Names{});
 }
 
+TEST_F(Peers, AreForgottenWhenTheirWatchEndsItselfInsteadOfResting) {
+  Probe& p = watch("a", pair_.ours.get());
+  p.progress = false;
+  pair_.peer.reset();
+  turn();
+  p.then = [this] { removeSocket(pair_.ours.get()); };
+  turn();
+  EXPECT_EQ(loop_.nextDue(), std::nullopt);
+}
+
 TEST_F(Peers, DoNotRestAnyMoreOnceTheirWatchIsReplaced) {
   watch("a", pair_.ours.get()).progress = false;
   pair_.peer.reset();
@@ -255,6 +312,18 @@ TEST_F(ClosedDescriptors, AreSaidInTheLogOnce) {
   pair_.ours.reset();
   turns(5);
   EXPECT_EQ(log.text(), "event loop: descriptor " + number + " was closed while watched\n");
+}
+
+TEST_F(ClosedDescriptors, WhoseWatchEndedBeforeAreNotReported) {
+  watch("a", pair_.ours.get()).then = [this] {
+    removeSocket(pair_.ours.get());
+    pair_.ours.reset();
+  };
+  test::writeText(pair_.peer.get(), "x");
+  const test::LogCapture log;
+  turns(3);
+  EXPECT_EQ(calls(), Names{"a"});
+  EXPECT_EQ(log.text(), "");
 }
 
 TEST_F(ClosedDescriptors, ThatListenedAreNotAccepted) {

@@ -65,6 +65,26 @@ TEST_F(Timers, OneThatIsStartedByACallbackWaitsForTheNextTurn) {
   EXPECT_EQ(calls(), Names{"t"});
 }
 
+TEST_F(Timers, OneThatIsStartedByAWatchWaitsForTheNextTurn) {
+  const SocketPair pair(SOCK_STREAM);
+  watch("a", pair.ours.get()).then = [&] {
+    test::readAvailable(pair.ours.get());
+    timer("t", 0);
+  };
+  test::writeText(pair.peer.get(), "x");
+  turn();
+  EXPECT_EQ(calls(), Names{"a"});
+  turn();
+  EXPECT_EQ(calls(), Names{"t"});
+}
+
+TEST_F(Timers, EndAWaitThatMayTakeLonger) {
+  timer("t", 1);
+  const auto start = std::chrono::steady_clock::now();
+  loop_.turn(10'000);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+}
+
 TEST_F(Timers, ThatFallDueWhileCallbacksRunWaitForALookAtTheDescriptors) {
   const SocketPair quick(SOCK_STREAM);
   const SocketPair slow(SOCK_STREAM);
