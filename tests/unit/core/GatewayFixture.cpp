@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -264,6 +265,8 @@ lm::Fd GatewayTest::connectToGateway() {
   to.sin_family = AF_INET;
   to.sin_port = htons(2828);
   to.sin_addr.s_addr = inet_addr("192.168.88.1");
+  const timeval limit = {2, 0};
+  setsockopt(client.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
   if (connect(client.get(), reinterpret_cast<sockaddr*>(&to), sizeof to) != 0) client.reset();
   return client;
 }

@@ -79,7 +79,7 @@ class GatewayTest : public testing::Test {
   [[nodiscard]] Lines announced();
   /// The targets in the replies to a search.
   [[nodiscard]] Lines found(const std::string& target);
-  /// An open connection to the HTTP server; none when it is refused.
+  /// An open connection to the HTTP server; none when it is refused or not made in two seconds.
   [[nodiscard]] static lm::Fd connectToGateway();
   static void send(const lm::Fd& client, const std::string& bytes);
   [[nodiscard]] std::string readToEnd(const lm::Fd& client);

@@ -1,7 +1,13 @@
 // Who answers a request from the LAN.
 
+#include <sys/socket.h>
+
+#include <vector>
+
 #include "core/GatewayFixture.h"
 #include "platform/Keys.h"
+#include "platform/Watch.h"
+#include "support/Sockets.h"
 
 namespace {
 
@@ -80,6 +86,31 @@ TEST_F(GatewayRequests, AServiceAnswersItsRequests) {
   const std::string reply = invoke("/upnp/control/wanipconn-3", "GetExternalIPAddress");
   EXPECT_NE(reply.find("<NewExternalIPAddress>45.45.45.2</NewExternalIPAddress>"),
             std::string::npos);
+}
+
+TEST_F(GatewayRequests, ConnectionsAreTakenBetweenAnyTwoOtherCallbacks) {
+  /// Fills the queue of the listening socket, which has room for two.
+  struct Burst {
+    void ready(int fd) {
+      lm::test::readAvailable(fd);
+      for (int i = 0; i < 2; ++i) {
+        clients.push_back(connectToGateway());
+        if (clients.back().valid()) ++connected;
+      }
+    }
+    std::vector<lm::Fd> clients;
+    int connected = 0;
+  } burst;
+  const lm::test::SocketPair first(SOCK_STREAM);
+  const lm::test::SocketPair second(SOCK_STREAM);
+  lm::Watch firstWatch;
+  lm::Watch secondWatch;
+  firstWatch.start<&Burst::ready>(first.ours.get(), burst, lm::watchRead);
+  secondWatch.start<&Burst::ready>(second.ours.get(), burst, lm::watchRead);
+  ASSERT_TRUE(lm::test::writeText(first.peer.get(), "x"));
+  ASSERT_TRUE(lm::test::writeText(second.peer.get(), "x"));
+  platform.turn();
+  EXPECT_EQ(burst.connected, 4);
 }
 
 TEST_F(GatewayRequests, AnAcceptThatFailsIsNotFatal) {

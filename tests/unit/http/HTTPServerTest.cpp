@@ -158,6 +158,17 @@ TEST_F(HTTPServerTest, AcceptsNothingWhenItMightHaveToWait) {
   EXPECT_EQ(client.received, reply);
 }
 
+TEST_F(HTTPServerTest, RestsWhileItHasNoDescriptorForAClient) {
+  const Client client;
+  EXPECT_EQ(logged([&] {
+              whileRefused({SCMP_SYS(accept4)}, EMFILE, [&] {
+                for (int turn = 0; turn < 20; ++turn) loop.turn(0);
+              });
+            }),
+            "accept failed\naccept failed\n");
+  EXPECT_EQ(loop.nextDue(), clock.now() + 100);
+}
+
 TEST_F(HTTPServerTest, EndsTheProcessForAListenerOfNobody) {
   const Client client;
   gateway.listener = -1;
