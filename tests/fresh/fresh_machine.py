@@ -92,15 +92,16 @@ class FreshMachine:
     def _used(self, package, since):
         depends = self._ask("dpkg-query", "-W", "-f", "${Depends}", package)
         parts = re.findall(rf"(?:^|, )({re.escape(package)}[a-z0-9.+-]*)", depends)
-        return any(os.lstat(path).st_atime > since
+        return any(os.stat(path).st_atime > since
                    for name in (package, *parts) for path in self._files(name))
 
     def _files(self, package):
         listed = self._ask("dpkg-query", "-L", package).splitlines()
         paths = [self._folder + path for path in listed
                  if not path.startswith(("/usr/share/doc", "/usr/share/man", "/usr/share/lintian"))]
-        return [path for path in paths if os.path.lexists(path)
-                and (os.path.islink(path) or not os.path.isdir(path))]
+        # The .so of a library is a link to what programs load without it.
+        return [path for path in paths if os.path.isfile(path)
+                and not (path.endswith(".so") and os.path.islink(path))]
 
     def _ask(self, *command):
         return subprocess.run(["chroot", self._folder, *command], capture_output=True, text=True,

@@ -45,6 +45,7 @@ USERS_OF_PACKAGES = {
     "lld": ("tests/tree/test_linkers.py", '"lld"'),
     "mold": ("tests/tree/test_linkers.py", '"mold"'),
     "nmap": ("tests/e2e/test_ports.py", '"nmap"'),
+    "procps": ("tests/e2e/test_check.py", "sysctl -w"),
     "python3-gi": ("tests/e2e/clients/gupnp_subscriber.py", "import gi"),
     "zsh": ("tests/e2e/test_completion.py", '"zsh"'),
 }
