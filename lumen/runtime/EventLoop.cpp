@@ -131,7 +131,8 @@ void EventLoop::wait(uint64_t now, std::optional<uint64_t> limit) {
   ev_timer_stop(libev_->loop, &libev_->limit);
   // libev calls back in the reverse order of that in which the kernel reports.
   std::ranges::reverse(ready_);
-  std::ranges::stable_partition(ready_, [](const Ready& ready) { return ready.watch->accepts; });
+  std::stable_partition(ready_.begin(), ready_.end(),
+                        [](const Ready& ready) { return ready.watch->accepts; });
   looked_ = true;
 }
 
@@ -165,6 +166,7 @@ void EventLoop::acceptWaiting() {
 std::vector<EventLoop::Ready> EventLoop::look(std::vector<WatchPtr> watches) {
   std::erase_if(watches, [](const WatchPtr& watch) { return watch->removed; });
   std::vector<pollfd> seen;
+  seen.reserve(watches.size());
   for (const WatchPtr& watch : watches) seen.push_back({watch->io.fd, POLLIN, 0});
   std::vector<Ready> ready;
   if (seen.empty() || poll(seen.data(), seen.size(), 0) <= 0) return ready;
