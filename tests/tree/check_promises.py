@@ -1,7 +1,20 @@
 #!/usr/bin/env python3
-"""Checks the table of promises: that every row names tests, that these exist, and that they ran.
-Usage: check_promises.py registered TABLE BUILD_DIR   before a run, against the tests that ctest has
-       check_promises.py passed TABLE RESULTS         after a whole run, against its JUnit file"""
+"""Checks the promises above the tests: that each is made once, that its test runs, and that the
+names which docs/behaviour.md cites are those of the promises.
+Usage: check_promises.py registered SOURCE_DIR BUILD_DIR   before a run, against the tests of ctest
+       check_promises.py passed SOURCE_DIR RESULTS         after a whole run, against its JUnit file
+
+A promise ends the comment above its test; several follow each other. One that docs/behaviour.md
+cites as [port-limit] has that name:
+
+    // Promise [port-limit]: By default 4096 ports may be open.
+    // Promise: A port that is closed may be opened again.
+    TEST(Ports, HaveALimit) {
+
+    // Also proves [port-limit], [port-reuse].
+    TEST(Ports, CountWhenTheyAreClosedToo) {
+
+Python has the same with #, above the decorators of the test if there are some."""
 
 import json
 import pathlib
@@ -9,110 +22,172 @@ import re
 import subprocess
 import sys
 import xml.etree.ElementTree as ET
-from dataclasses import dataclass, field
+from collections import defaultdict
+from dataclasses import dataclass
 
-HEADER = ["Promise", "Proven by"]
+DOCUMENT = "docs/behaviour.md"
+MOST_WORDS = 6000
+NAME = r"[a-z][a-z0-9]*(?:-[a-z0-9]+)*"
+BEGIN = re.compile(r"(?:promise|also proves)\b", re.IGNORECASE)
+PROMISE = re.compile(rf"Promise(?: \[({NAME})\])?: (.+)")
+REFERENCE = re.compile(rf"Also proves \[{NAME}\](?:, \[{NAME}\])*\.")
+CITATION = re.compile(rf"\[({NAME})\](?!\()")
+CODE = re.compile(r"```.*?```|`[^`\n]*`", re.DOTALL)
+CPP_TEST = re.compile(r"TEST(?:_F|_P)?\(\s*(\w+),\s*(?:DISABLED_)?(\w+)\s*\)")
+PYTHON_TEST = re.compile(r"(?: *@[^\n]*\n)* *def (test_\w+)\(")
+PYTHON_CLASS = re.compile(r"class (\w+)")
+GOOGLE_TEST = re.compile(r"\w+\.(?:\w+/)?(\w+\.\w+)(?:/\w+)?")
 
 
 @dataclass
-class Row:
-    line: int
-    promise: str
-    tests: list = field(default_factory=list)
+class Comment:
+    """A promise, or a reference to promises that the test proves as well."""
+    place: str
+    text: str
+    test: str | None = None
+
+    @property
+    def promise(self):
+        """Its name and its sentence, if it is one."""
+        return PROMISE.fullmatch(self.text)
+
+    @property
+    def references(self):
+        return re.findall(rf"\[({NAME})\]", self.text) if REFERENCE.fullmatch(self.text) else []
 
 
-def cells_of(line):
-    """The cells of a table row; a bar inside a cell is written as \\|."""
-    return [cell.strip() for cell in re.split(r"(?<!\\)\|", line.strip())[1:-1]]
-
-
-def read_row(number, line, found):
-    cells = cells_of(line)
-    if len(cells) != 2 or not line.rstrip().endswith("|"):
-        found.append(f"line {number}: a row is | promise | tests |")
+def test_below(path, lines, number):
+    """The test that begins at the line of this number, as `Suite.Name` or by its whole name."""
+    text = "\n".join(lines[number:number + 20])
+    if path.suffix == ".cpp":
+        test = CPP_TEST.match(text)
+        return f"{test[1]}.{test[2]}" if test else None
+    test = PYTHON_TEST.match(text)
+    classes = [found[1] for found in map(PYTHON_CLASS.match, lines[:number]) if found]
+    if not test or not classes:
         return None
-    row = Row(number, cells[0])
-    if not row.promise:
-        found.append(f"line {number}: no promise")
-    for text in cells[1].split("<br>") if cells[1] else []:
-        name = re.fullmatch(r"`([^`]+)`", text.strip())
-        if not name:
-            found.append(f"line {number}: not a test name in backticks: {text.strip()}")
-        elif name[1] in row.tests:
-            found.append(f"line {number}: {name[1]} is named twice")
-        else:
-            row.tests.append(name[1])
-    if not cells[1]:
-        found.append(f"line {number}: no test")
-    return row
+    # cmake/PythonTests.cmake gives these names; the label of the tests is that of their folder.
+    return f"{path.parent.name}.{path.stem}.{classes[-1]}.{test[1]}"
 
 
-def read_table(text):
-    """The rows of every section, and what is wrong with their form."""
-    rows, found, seen, sections = [], [], {}, []
-    in_table = False
+def read_file(top, path, found):
+    """The comments of one file; what is wrong with their form is added to what was found."""
+    mark = "//" if path.suffix == ".cpp" else "#"
+    line_form = re.compile(rf"\s*{mark}(?: (.*))?")
+    lines = [*path.read_text(encoding="utf-8").splitlines(), ""]
+    comments, waiting = [], []  # waiting: those whose test has not come yet
+    for number, line in enumerate(lines):
+        said = line_form.fullmatch(line)
+        if said and BEGIN.match(said[1] or ""):
+            waiting.append(Comment(f"{path.relative_to(top)}:{number + 1}", said[1]))
+        elif said and waiting:
+            waiting[-1].text += f" {said[1] or ''}"
+        elif waiting:
+            test = test_below(path, lines, number)
+            for comment in waiting:
+                comment.test = test
+            comments += waiting
+            waiting = []
+    found += [f"{c.place}: neither {mark} Promise: SENTENCE, nor {mark} Promise [name]: SENTENCE, "
+              f"nor {mark} Also proves [name]."
+              for c in comments if not c.promise and not c.references]
+    found += [f"{c.place}: a promise above no test" for c in comments if not c.test]
+    return [c for c in comments if c.test]
+
+
+def read_tests(top, found):
+    paths = [*(top / "tests").rglob("*.cpp"), *(top / "tests").rglob("test_*.py")]
+    comments = [comment for path in sorted(paths) for comment in read_file(top, path, found)]
+    if not any(comment.promise for comment in comments):
+        found.append("no test has a promise")
+    first = {}
+    for comment in comments:
+        name, sentence = comment.promise.groups() if comment.promise else (None, None)
+        for what, value in (("name", name), ("promise", sentence and sentence.casefold())):
+            if value and first.setdefault((what, value), comment) is not comment:
+                found.append(f"{comment.place}: the same {what} as in {first[what, value].place}")
+    for comment in comments:
+        for name in comment.references:
+            if ("name", name) not in first:
+                found.append(f"{comment.place}: no promise is named [{name}]")
+            elif first.setdefault((comment.test, name), comment) is not comment:
+                found.append(f"{comment.place}: refers to [{name}] twice above one test")
+    return comments
+
+
+def out_of_step(comments, document):
+    """Names that only the document has, names that only tests have, and a document too long."""
+    cited = {}
+    # Code is blanked, not removed, so that lines keep their numbers.
+    text = CODE.sub(lambda code: re.sub(r"[^\n]", " ", code[0]), document)
     for number, line in enumerate(text.splitlines(), 1):
-        if line.startswith("## "):
-            sections.append((number, line[3:]))
-        if not line.lstrip().startswith("|"):
-            in_table = False
-        elif not in_table:
-            in_table = True
-            if cells_of(line) != HEADER:
-                found.append(f"line {number}: a table begins with | {' | '.join(HEADER)} |")
-        elif not re.fullmatch(r"\|-+\|-+\|", line.strip()):
-            row = read_row(number, line, found)
-            if row is None:
-                continue
-            if row.promise and row.promise in seen:
-                found.append(f"line {number}: the same promise as in line {seen[row.promise]}")
-            seen.setdefault(row.promise, number)
-            rows.append(row)
-    ends = [number for number, _ in sections[1:]] + [sys.maxsize]
-    found += [f"line {begin}: nothing is promised under {name}"
-              for (begin, name), end in zip(sections, ends)
-              if not any(begin < row.line < end for row in rows)]
-    return rows, found
+        for name in CITATION.findall(line):
+            cited.setdefault(name, number)
+    named = {comment.promise[1]: comment for comment in comments
+             if comment.promise and comment.promise[1]}
+    found = [f"{DOCUMENT}:{number}: no promise is named [{name}]"
+             for name, number in cited.items() if name not in named]
+    found += [f"{comment.place}: {DOCUMENT} does not cite [{name}]"
+              for name, comment in named.items() if name not in cited]
+    words = len(document.split())
+    if words > MOST_WORDS:
+        found.append(f"{DOCUMENT}: has {words} words, may have {MOST_WORDS}")
+    return found
 
 
-def not_registered(rows, listing):
-    """What is wrong with the tests of the rows, given `ctest --show-only=json-v1`."""
-    disabled = {}
-    for test in listing["tests"]:
-        values = {p["name"]: p["value"] for p in test.get("properties", [])}
-        disabled[test["name"]] = bool(values.get("DISABLED", False))
-    return [f"line {row.line}: {'disabled' if name in disabled else 'no such test'}: {name}"
-            for row in rows for name in row.tests if disabled.get(name, True)]
+def by_test(results):
+    """The results of a run under the names that sources give: the cases of one TEST_P together."""
+    grouped = defaultdict(list)
+    for name, result in results:
+        google_test = GOOGLE_TEST.fullmatch(name)
+        grouped[google_test[1] if google_test else name].append(result)
+    return grouped
 
 
-def not_passed(rows, results):
-    """Which tests of the rows the JUnit text of a run does not show as passed, and why."""
+def not_registered(comments, listing):
+    """Which promises have no test that would run, given `ctest --show-only=json-v1`."""
+    tests = by_test((test["name"], {p["name"]: p["value"] for p in test.get("properties", [])})
+                    for test in listing["tests"])
+    found = []
+    for comment in comments:
+        if comment.test not in tests:
+            found.append(f"{comment.place}: not registered: {comment.test}")
+        elif any(properties.get("DISABLED") for properties in tests[comment.test]):
+            found.append(f"{comment.place}: disabled: {comment.test}")
+    return found
+
+
+def not_passed(comments, results):
+    """Which promises the JUnit text of a run does not show as proven, and why."""
     words = {"run": "passed", "fail": "failed", "notrun": "skipped or not run",
              "disabled": "disabled"}
-    said = {case.get("name"): words[case.get("status")]
-            for case in ET.fromstring(results).iter("testcase")}
-    return [f"line {row.line}: {said.get(name, 'not in the run')}: {name}"
-            for row in rows for name in row.tests if said.get(name) != "passed"]
+    tests = by_test((case.get("name"), words[case.get("status")])
+                    for case in ET.fromstring(results).iter("testcase"))
+    return [f"{comment.place}: {why}: {comment.test}" for comment in comments
+            for why in sorted(set(tests.get(comment.test, ["not in the run"])) - {"passed"})]
 
 
 def main():
     if len(sys.argv) != 4 or sys.argv[1] not in ("registered", "passed"):
         print(__doc__, file=sys.stderr)
         return 2
-    check, table, against = sys.argv[1:]
-    rows, found = read_table(pathlib.Path(table).read_text(encoding="utf-8"))
+    check, top, against = sys.argv[1], pathlib.Path(sys.argv[2]), sys.argv[3]
+    found = []
+    comments = read_tests(top, found)
+    found += out_of_step(comments, (top / DOCUMENT).read_text(encoding="utf-8"))
     if check == "registered":
         listing = subprocess.run(["ctest", "--test-dir", against, "--show-only=json-v1"],
                                  stdout=subprocess.PIPE, check=True)
-        found += not_registered(rows, json.loads(listing.stdout))
+        found += not_registered(comments, json.loads(listing.stdout))
     else:
-        found += not_passed(rows, pathlib.Path(against).read_text(encoding="utf-8"))
+        found += not_passed(comments, pathlib.Path(against).read_text(encoding="utf-8"))
     if found:
-        print(f"not ok  the promises in {table}", *found, sep="\n", file=sys.stderr)
+        print("not ok  the promises above the tests", *found, sep="\n", file=sys.stderr)
         return 1
     if check == "registered":
-        tests = {name for row in rows for name in row.tests}
-        print(f"ok  {len(rows)} promises in {table}, proven by {len(tests)} tests")
+        promises = sum(1 for comment in comments if comment.promise)
+        tests = {comment.test for comment in comments}
+        print(f"ok  {promises} promises, proven by {len(tests)} tests")
     return 0
 
 
