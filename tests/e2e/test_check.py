@@ -64,11 +64,13 @@ class CheckCase(RouterCase):
 
 
 class CheckTest(CheckCase):
+    # Also proves [ctl-check].
     def test_nothing_is_wrong(self):
         self.assert_well()
         status, printed, _ = run_inside(self.router, "--json", "upnp", "check")
         self.assertEqual((status, json.loads(printed)), (0, {"findings": [], "not_checked": []}))
 
+    # Also proves [ctl-check].
     def test_findings_in_json(self):
         self.ip("route", "delete", "default")
         status, printed, _ = run_inside(self.router, "--json", "upnp", "check")
@@ -246,6 +248,7 @@ class CheckTest(CheckCase):
         self.run_inside(mend)
         self.assert_well()
 
+    # Also proves [ctl-check-address].
     def test_there_is_no_external_address(self):
         self.ip("address", "flush", "dev", WAN_LINK)
         self.assert_found(
@@ -253,6 +256,7 @@ class CheckTest(CheckCase):
             "There is no address that ports can be opened on.",
             "see whether what gives it one is at work (a DHCP client, PPP): ip address show wan0")
 
+    # Also proves [ctl-check-address].
     def test_hosts_on_the_internet_cannot_reach_the_external_address(self):
         nobody = "Nobody on the Internet reaches a port that is opened here"
         subject = "The external address {} of wan0"
@@ -346,6 +350,7 @@ class CheckTest(CheckCase):
             sock.listen()
         return sock
 
+    # Also proves [ctl-check-ports].
     def test_another_program_uses_the_gateways_ports(self):
         with open("/proc/self/comm", encoding="utf-8") as comm:
             this = f"{comm.read().strip()} (process {os.getpid()})"
@@ -372,6 +377,7 @@ class CheckTest(CheckCase):
                     self.router.lumenctl(*NOT_LISTENING[2].split()[1:])
                 self.assert_well()
 
+    # Also proves [ctl-check-listens].
     def test_a_gateway_that_found_its_port_taken_listens_again_by_the_command_that_is_named(self):
         self.lan[0].open_port(8080, "TCP")
         self.router.stop()
@@ -394,12 +400,14 @@ class CheckTest(CheckCase):
         self.assertEqual(self.router.status()["gateway"], "on")
         self.lan[0].open_port(8081, "TCP")
 
+    # Also proves [ctl-check-listens].
     def test_the_command_that_makes_the_gateway_listen_leaves_ports_open(self):
         self.lan[0].open_port(8080, "TCP")
         self.router.lumenctl(*NOT_LISTENING[2].split()[1:])
         self.assertEqual(list(self.router.ports()), ["8080/tcp"])
         exchange_tcp(self.wan, WAN_ADDRESS, 8080, self.lan[0], 8080)
 
+    # Also proves [ctl-check-listens].
     def test_a_gateway_that_listens_on_one_of_two_networks(self):
         self.ip("link", "add", "br-guest", "type", "bridge")
         self.ip("link", "add", "guest0", "type", "veth", "peer", "name", "guest1")
@@ -458,6 +466,7 @@ class FirewallTest(CheckCase):
     def reach(self):
         exchange_tcp(self.wan, WAN_ADDRESS, 8080, self.server, 80)
 
+    # Also proves [ctl-check-firewall].
     def test_a_chain_of_nftables(self):
         for family in ("inet", "ip"):
             with self.subTest(family=family):
@@ -473,6 +482,7 @@ class FirewallTest(CheckCase):
                                     f"nft insert rule {family} guard routed ct status dnat accept")
                 self.run_inside(f"nft delete table {family} guard")
 
+    # Also proves [ctl-check-firewall].
     def test_a_rule_that_drops_all(self):
         self.run_inside("""nft '
             table inet guard {
@@ -516,10 +526,12 @@ class FirewallTest(CheckCase):
             }'""")
         self.assert_well()
 
+    # Also proves [ctl-check-firewall].
     def test_the_chain_of_iptables(self):
         self.guard_with("iptables")
         self.assert_stopped("FORWARD of iptables", f"iptables -I FORWARD {DNAT}")
 
+    # Also proves [ctl-check-firewall].
     def test_the_chain_of_legacy_iptables(self):
         self.guard_with("iptables-legacy")
         self.assert_stopped("FORWARD of iptables-legacy", f"iptables-legacy -I FORWARD {DNAT}")

@@ -140,6 +140,8 @@ class CompletionTest(unittest.TestCase):
         self.assertEqual(offered(*setup, "--internal", "br-lan", ""), links())
         self.assertEqual(offered(*setup, "--external", ""), links())
 
+    # Promise [ctl-completion]: bash and zsh complete every command, option and name of a setting
+    # that `--help` lists, and the links that there are.
     def test_bash_offers_what_help_lists(self):
         self.check(bash)
         setting = ("lumenctl", "upnp", "settings", "set", "enabled")
@@ -149,6 +151,7 @@ class CompletionTest(unittest.TestCase):
         self.assertEqual(bash("lumenctl", "nat", "policy", "set", "max-rules", "=", ""), set())
         self.assertEqual(bash("lumenctl", "--root", "=", "/tmp", "ident"), {"identity"})
 
+    # Also proves [ctl-completion].
     def test_zsh_offers_what_help_lists(self):
         """Without zsh: its tables, from which it takes its words, are those of bash."""
         tables = re.compile(r"# The commands below.*?(?=^_lumenctl\(\))", re.M | re.S)
@@ -162,6 +165,8 @@ class CompletionTest(unittest.TestCase):
 
 
 class OpenPortTest(RouterCase):
+    # Promise [ctl-ports]: After `nat close` the shells offer the open ports, if the platform lists
+    # them within a second.
     def test_bash_offers_the_ports_that_are_open(self):
         close = ("lumenctl", "--root", str(self.router.root), "nat", "close")
         self.assertNotIn("/", "".join(bash(*close, "")))

@@ -43,6 +43,8 @@ class CrashTest(RouterCase):
 
     # The story.
 
+    # Promise [kill-consistent]: When either program is killed in the middle of mapping operations
+    # the kernel's map holds exactly what the daemon lists afterwards.
     def test_nothing_is_left_of_programs_that_are_killed_during_mapping_operations(self):
         for number in range(ROUNDS):
             strikes = self.plan()
@@ -57,6 +59,7 @@ class CrashTest(RouterCase):
         print(f"{ROUNDS * OPERATIONS} operations, killed: {self.kills}")
         self.assertGreaterEqual(min(self.kills.values()), 10)
 
+    # Also proves [flows-killed].
     def test_flows_end_with_their_ports_however_lumend_ends(self):
         """Beside the masquerading of a usual router, which keeps translated flows going."""
         self.network.router.run(

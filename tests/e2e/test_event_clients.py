@@ -50,9 +50,12 @@ class EventClientTest(RouterCase):
         self.control = self.router.wait_until_controllable()
         self.wait_until(lambda: self.router.log().count("set external ip"), "the WAN side is up")
 
+    # Promise [event-clients]: Control points of others, one that is built on GLib and one on
+    # libupnp, get the initial and the change events, 20 times out of 20.
     def test_a_glib_control_point_misses_no_event(self):
         self.check("gupnp_subscriber.py", ControlPoint.LINK)
 
+    # Also proves [event-clients].
     def test_a_libupnp_control_point_misses_no_event(self):
         # libupnp wants to listen at the link-local IPv6 address as well, which takes a new link
         # seconds to have.

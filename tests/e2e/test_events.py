@@ -36,6 +36,8 @@ class EventTest(RouterCase):
             "ConnectionStatus": "Connected", "ExternalIPAddress": WAN_ADDRESS,
             "PortMappingNumberOfEntries": "0", "PossibleConnectionTypes": "IP_Routed"})
 
+    # Promise: A subscriber sees the external address change, the link go down and up and the number
+    # of mappings change, because the kernel changed.
     def test_the_external_address_changes(self):
         self.ip("address", "delete", f"{WAN_ADDRESS}/24", "dev", WAN_LINK)
         self.assert_told(ExternalIPAddress="0.0.0.0")
@@ -49,6 +51,8 @@ class EventTest(RouterCase):
             self.wan.namespace.ip("link", "set", "eth0", "up")
             self.assert_told(ConnectionStatus="Connected", ExternalIPAddress=WAN_ADDRESS)
 
+    # Promise: After RequestConnection the status becomes `Connected` when the platform says that
+    # the interface runs.
     def test_a_control_point_takes_the_wan_side_down_and_up(self):
         self.lan[0].invoke("ForceTermination")
         self.assert_told(ConnectionStatus="Disconnected")

@@ -178,6 +178,8 @@ class DescriptorTest(RouterCase):
         self.assert_let_go(gateway, before)
         self.assertEqual(self.router.gateway_pid(), gateway)
 
+    # Promise [descriptors]: A lumend that ran out of descriptors serves, and starts services, when
+    # it has some again.
     def test_a_lumend_that_ran_out_of_descriptors_serves_when_it_has_some_again(self):
         lumend = self.router.lumend.pid
         before = len(descriptors(lumend))
@@ -192,6 +194,7 @@ class DescriptorTest(RouterCase):
         self.assertIn("8080/tcp", self.router.ports())
         self.assert_let_go(lumend, before)
 
+    # Also proves [descriptors].
     def test_a_gateway_that_ends_meanwhile_is_started_when_there_are_descriptors_again(self):
         gateway = self.router.gateway_pid()
         self.use_up(self.router.lumend.pid, self.connect_to_lumend, NO_DESCRIPTORS)
@@ -227,6 +230,7 @@ class DiskTest(RouterCase):
     def roles(self):
         return {i["name"]: i["role"] for i in self.router.ask("interface", "list")}
 
+    # Also proves [object-store].
     def test_what_cannot_be_stored_is_refused_until_there_is_room(self):
         limit, roles = self.limit(), self.roles()
         self.disk.fill()

@@ -12,6 +12,7 @@ from support.router_case import RouterCase
 
 
 class FailureTest(RouterCase):
+    # Also proves [restart], [rules-die].
     def test_a_killed_gateway_leaves_no_port_open_and_is_started_again(self):
         host = self.lan[0]
         host.open_port(8080, "TCP")
@@ -31,6 +32,7 @@ class FailureTest(RouterCase):
         host.open_port(8080, "TCP", control=control)
         exchange_tcp(self.wan, WAN_ADDRESS, 8080, host, 8080)
 
+    # Also proves [service-term], [kernel-gone].
     def test_a_killed_lumend_leaves_neither_table_nor_gateway(self):
         host = self.lan[0]
         host.open_port(8080, "TCP")
@@ -47,6 +49,7 @@ class FailureTest(RouterCase):
         host.open_port(8080, "TCP")
         exchange_tcp(self.wan, WAN_ADDRESS, 8080, host, 8080)
 
+    # Promise [lumend-end]: lumend ends in good order on SIGTERM and SIGINT, with 0.
     def test_lumend_ends_in_good_order(self):
         self.lan[0].open_port(8080, "TCP")
         gateway = self.router.gateway_pid()
@@ -58,6 +61,7 @@ class FailureTest(RouterCase):
         self.assertEqual(self.router.kernel_map(), "")
         self.assertFalse((self.router.root / "run" / "lumen.sock").exists())
 
+    # Also proves [kernel-owned].
     def test_nobody_else_can_touch_the_open_ports(self):
         host = self.lan[0]
         host.open_port(8080, "TCP")
@@ -72,6 +76,7 @@ class FailureTest(RouterCase):
             self.assertIn("Operation not permitted", str(refused.exception))
         exchange_tcp(self.wan, WAN_ADDRESS, 8080, host, 8080)
 
+    # Promise [kernel-others]: No other table of the kernel is touched.
     def test_other_tables_are_left_alone(self):
         nft = self.router.namespace.run
         nft("nft", "add table ip theirs; "
@@ -81,6 +86,7 @@ class FailureTest(RouterCase):
         self.router.stop()
         self.assertEqual(nft("nft", "list", "ruleset"), before)
 
+    # Also proves [one-table].
     def test_a_second_lumend_in_the_same_network_is_refused(self):
         root = self.router.root / "second"
         root.mkdir()
@@ -97,6 +103,7 @@ class FailureTest(RouterCase):
 class SwitchTest(RouterCase):
     SET_UP = False
 
+    # Promise [no-network]: lumend opens no network socket: a router that is not set up has none.
     def test_a_router_that_is_not_set_up_opens_no_port(self):
         self.wait_until(lambda: self.router.gateway_pid() == 0, "the gateway ends by itself")
         for kind in ("tcp", "tcp6", "udp", "udp6", "raw", "raw6", "packet"):
@@ -105,6 +112,7 @@ class SwitchTest(RouterCase):
                 sockets = self.network.router.run("sh", "-c", f"! [ -e {file} ] || cat {file}")
                 self.assertEqual(sockets.splitlines()[1:], [])
 
+    # Also proves [service-leave], [ctl-passive].
     def test_a_gateway_that_is_off_sleeps_until_it_is_switched_on(self):
         self.wait_until(lambda: self.router.gateway_pid() == 0, "the gateway ends by itself")
         for _ in range(3):

@@ -29,12 +29,17 @@ class HairpinTest(RouterCase):
         with client.udp(to=(WAN_ADDRESS, PORT)) as sock:
             exchange_udp(sock, self.server, SERVER_PORT, seen_as=seen_as)
 
+    # Promise [hairpin-same]: A LAN host that connects to the external address and an open port
+    # reaches the server when both are in the same network; the server sees the router's address.
     def test_a_host_of_the_same_network_reaches_an_open_port(self):
         self.reach(self.neighbour, seen_as=LAN_ADDRESS)
 
+    # Promise [hairpin-own]: A LAN host reaches its own open port by the external address.
     def test_a_host_reaches_its_own_open_port(self):
         self.reach(self.server, seen_as=LAN_ADDRESS)
 
+    # Promise [hairpin-other]: A host of another internal network that uses the external address is
+    # seen by its own address.
     def test_a_host_of_another_internal_network_is_seen_by_its_own_address(self):
         other = ControlPoint(f"{OTHER_NETWORK}.10")
         self.addCleanup(other.close)
@@ -45,10 +50,12 @@ class HairpinTest(RouterCase):
         self.router.lumenctl("upnp", "interface", "add", "lan9", "--role", "internal")
         self.reach(other, seen_as=other.address)
 
+    # Promise [wan-source]: A WAN host is seen by its own address.
     def test_the_wan_host_is_seen_by_its_own_address(self):
         exchange_tcp(self.wan, WAN_ADDRESS, PORT, self.server, SERVER_PORT)
         exchange_udp(self.wan_udp(PORT), self.server, SERVER_PORT)
 
+    # Promise: A port that is closed is closed to LAN hosts that use the external address too.
     def test_a_closed_port_is_closed_from_inside_too(self):
         self.server.close_port(PORT, "TCP")
         self.server.close_port(PORT, "UDP")
@@ -56,6 +63,8 @@ class HairpinTest(RouterCase):
         with self.neighbour.udp(to=(WAN_ADDRESS, PORT)) as sock:
             self.assertTrue(udp_refused(sock, self.server, SERVER_PORT))
 
+    # Promise: What another table redirects on its way to an address that is not the router's keeps
+    # its source address.
     def test_what_others_redirect_is_left_alone(self):
         self.network.router.run("nft", f"""
             table ip interceptor {{
@@ -69,6 +78,8 @@ class HairpinTest(RouterCase):
             client.send(b"who is it?")
             self.assertEqual(names.recvfrom(100), (b"who is it?", client.getsockname()))
 
+    # Promise: Without the chains `addressed`, `hairpin` and `srcnat` in `nat-ruleset.nft`
+    # everything else works.
     def test_an_administrator_can_leave_it_out(self):
         ruleset = self.router.root / "etc" / "nat-ruleset.nft"
         text = ruleset.read_text()
@@ -107,6 +118,8 @@ class FirewallTest(RouterCase):
     def reach(self):
         exchange_tcp(self.wan, WAN_ADDRESS, PORT, self.server, SERVER_PORT)
 
+    # Promise [firewall-rule]: On a router that drops forwarded traffic an open port needs one rule,
+    # `ct status dnat accept`
     def test_an_open_port_needs_one_rule(self):
         self.wan.namespace.run("sh", "-c", "echo 1 > /proc/sys/net/ipv4/tcp_syn_retries")
         with self.assertRaises(TimeoutError):
@@ -114,6 +127,8 @@ class FirewallTest(RouterCase):
         self.nft("add rule inet filter forward ct status dnat accept")
         self.reach()
 
+    # Promise [firewall-only]: The rule `ct status dnat accept` lets in nothing but what open ports
+    # forward.
     def test_the_rule_lets_nothing_else_in(self):
         self.nft("add rule inet filter forward ct status dnat accept")
         self.wan.namespace.run("sh", "-c", "echo 1 > /proc/sys/net/ipv4/tcp_syn_retries")

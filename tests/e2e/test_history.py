@@ -45,6 +45,7 @@ class HistoryTest(RouterCase):
             self.assertEqual(error.code, 713)
             return False
 
+    # Also proves [history-entry].
     def test_set_up_is_in_it_step_by_step(self):
         self.assertEqual(self.history(), [CONFIG_CHANGED] + 2 * ["upnp interface added"])
         for change in self.router.ask("history"):
@@ -54,6 +55,8 @@ class HistoryTest(RouterCase):
         self.assertRegex(lines[0], r"^ID +WHEN +WHO +CHANGE +INTERFACE +SETTING +BEFORE +AFTER$")
         self.assertRegex(lines[1], r"^ *\d+  \d{4}-\d\d-\d\d \d\d:\d\d:\d\d  upnp +upnp config cha")
 
+    # Promise: Settings, added, changed and removed interfaces are restored by an undo, including
+    # their numbers.
     def test_a_change_of_the_settings_is_taken_back(self):
         before = self.settings()
         self.assertTrue(self.lists_dummy_rule())
@@ -96,6 +99,7 @@ class HistoryTest(RouterCase):
         self.assertEqual(self.changed()[0],
                          [(WAN_LINK, "role", "external", "none"), (WAN_LINK, "used", True, False)])
 
+    # Promise: A gateway that was switched off serves again when that is undone.
     def test_a_gateway_that_was_switched_off_serves_again(self):
         self.router.lumenctl("upnp", "settings", "set", "enabled=off")
         self.wait_until(lambda: self.router.gateway_pid() == 0, "the gateway has ended")
@@ -146,6 +150,7 @@ class HistoryTest(RouterCase):
         self.assertEqual(self.interfaces(), before)
         self.assertIsNone(self.lan[0].connection_control())
 
+    # Promise [history-redo]: Undoing an undo does the change again, as one change of the history.
     def test_undoing_an_undo_redoes(self):
         self.router.lumenctl("upnp", "interface", "remove", WAN_LINK)
         older = self.router.ask("history")[1:]
@@ -164,6 +169,7 @@ class HistoryTest(RouterCase):
         self.assertEqual(self.settings(), changed)
         self.assertFalse(self.lists_dummy_rule())
 
+    # Also proves [history-size].
     def test_it_outlives_lumend_however_that_ends(self):
         before = self.settings()
         for end in (self.router.stop, self.router.kill):

@@ -29,6 +29,7 @@ class LinkTest(RouterCase):
         self.wait_until(lambda: self.external_address() == address,
                         f"the external address is {address}")
 
+    # Also proves [mapping-address], [port-stale].
     def test_ports_keep_the_wan_address_that_they_were_opened_on(self):
         host = self.lan[0]
         host.open_port(8080, "TCP")
@@ -86,6 +87,9 @@ class LinkTest(RouterCase):
         host.open_port(8081, "TCP")
         exchange_tcp(self.wan, WAN_ADDRESS, 8081, host, 8081)
 
+    # Promise: A control point that takes the WAN side down and up again gets its link and its
+    # routes back.
+    # Also proves [routes-back].
     def test_a_control_point_takes_the_wan_side_down_and_up_with_its_routes(self):
         host = self.lan[0]
         host.open_port(8080, "TCP")
@@ -114,6 +118,7 @@ class LinkTest(RouterCase):
         self.assertEqual(refused.exception.code, 501)
         self.assertEqual(self.connection(), "Connected")
 
+    # Also proves [link-index].
     def test_a_wan_link_that_is_deleted_and_made_again(self):
         host = self.lan[0]
         host.open_port(8080, "TCP")

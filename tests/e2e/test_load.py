@@ -13,6 +13,8 @@ LIMIT = 1.5
 
 
 class LoadTest(RouterCase):
+    # Promise [mapping-speed]: The two-thousandth port opens as fast as the first.
+    # Also proves [port-cost].
     def test_the_two_thousandth_port_opens_as_fast_as_the_first(self):
         empty, full = Ports(self.make_router(), 0), Ports(self.router, 1900)
         full.open(0, 1900)

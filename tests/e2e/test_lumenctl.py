@@ -31,6 +31,9 @@ class LumenctlTest(RouterCase):
         self.assertEqual(said, self.router.lumenctl("identity"))
         self.assertRegex(said, r"^\S{8,}\n$")
 
+    # Promise: lumenctl asks `/run/lumen/lumen.sock`, then `/lumen/run/lumen.sock`; when neither
+    # answers it names both with their errors: `lumend does not answer (/run/lumen/lumen.sock: No
+    # such file or directory; /lumen/run/lumen.sock: No such file or directory)`.
     def test_it_looks_in_two_places(self):
         identity = self.router.lumenctl("identity")
         root = self.router.root
@@ -63,6 +66,7 @@ class LumenctlTest(RouterCase):
         self.assertIn("journalctl -u lumend" if systemd else "its standard output",
                       where_its_log_is)
 
+    # Also proves [ctl-setup].
     def test_set_up_twice_changes_nothing_and_restarts_nothing(self):
         self.lan[0].open_port(8080, "TCP")
         before = self.router.log().count("start ext")
@@ -80,6 +84,7 @@ class LumenctlTest(RouterCase):
         self.router.set_up()
         self.lan[0].open_port(8080, "TCP")
 
+    # Also proves [ctl-setup-missing].
     def test_set_up_with_a_mistyped_interface_leaves_a_working_gateway_alone(self):
         self.lan[0].open_port(8080, "TCP")
         before = self.router.status()["interfaces"]
@@ -108,6 +113,7 @@ class LumenctlTest(RouterCase):
                         ["NewExternalIPAddress"] == WAN_ADDRESS, "it has its address")
         self.lan[0].open_port(8080, "TCP")
 
+    # Also proves [policy-set].
     def test_the_policy_is_changed_for_good(self):
         self.router.lumenctl("nat", "policy", "set", "external-ports=80, 2000-2999",
                              "max-rules-per-client=1")
@@ -125,6 +131,7 @@ class LumenctlTest(RouterCase):
         self.router.lumenctl("nat", "policy", "reset")
         self.assertEqual(self.router.ask("nat", "policy")["external-ports"], "1024-65535")
 
+    # Also proves [ctl-reload], [policy-reload].
     def test_the_policy_file_is_read_again(self):
         host = self.lan[0]
         host.open_port(8080, "TCP")
@@ -142,6 +149,7 @@ class LumenctlTest(RouterCase):
             host.open_port(8082, "TCP")
         self.assertEqual(set(self.router.ports()), {"80/tcp", "8080/tcp", "8081/tcp"})
 
+    # Also proves [ctl-status].
     def test_it_says_why_something_is_refused(self):
         for arguments, status, said in (
                 (("upnp", "interface", "add", WAN_LINK, "--role", "external"), 1,
@@ -168,6 +176,7 @@ class LumenctlTest(RouterCase):
         self.router.kill()  # which leaves its socket
         self.assertIn("Connection refused", self.refused("status")[1])
 
+    # Also proves [ctl-output].
     def test_it_says_that_its_answer_cannot_be_written(self):
         with open("/dev/full", "wb") as full:
             done = subprocess.run([PROGRAMS / "lumenctl", "--root", self.router.root, "status"],
@@ -175,6 +184,7 @@ class LumenctlTest(RouterCase):
         self.assertEqual((done.returncode, done.stderr),
                          (1, b"lumenctl: standard output cannot be written\n"))
 
+    # Also proves [identity-stays].
     def test_the_identity_stays_and_tells_routers_apart(self):
         identity = self.router.lumenctl("identity")
         self.router.stop()
@@ -184,6 +194,8 @@ class LumenctlTest(RouterCase):
 
 
 class DeafPlatformTest(unittest.TestCase):
+    # Promise [ctl-wait]: lumenctl waits fifteen seconds for an answer, then says `lumenctl: no
+    # answer in time` and ends with 1.
     def test_it_waits_fifteen_seconds_for_an_answer(self):
         with (tempfile.TemporaryDirectory(prefix="palinode-") as root,
               socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as listener):

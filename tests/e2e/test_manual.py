@@ -21,6 +21,7 @@ class ManualTest(unittest.TestCase):
                 command = re.match(r"[a-z ]*[a-z]\b", item)[0]
                 self.items[command] = item[len(command):]
 
+    # Promise: lumenctl(1) has every command and option that `--help` lists, and no other command.
     def test_it_has_every_command_and_option_and_no_others(self):
         commands = every_command()
         for command, text in commands:

@@ -83,6 +83,7 @@ class MonitorTest(RouterCase):
         self.assertTrue(any(re.search(r" connection \d+ -> identity: request get-settings$", shown)
                             for shown in self.lines()), self.lines())
 
+    # Also proves [ctl-monitor-end].
     def test_it_ends_with_0_when_it_is_asked_to(self):
         for number in (signal.SIGINT, signal.SIGTERM):
             with self.subTest(signal=number):
@@ -90,6 +91,7 @@ class MonitorTest(RouterCase):
                 process.send_signal(number)
                 self.assertEqual(self.ended(process), (0, ""))
 
+    # Also proves [ctl-monitor-end].
     def test_it_ends_with_1_when_the_platform_does(self):
         process = self.monitor()
         self.router.stop()
@@ -105,6 +107,8 @@ class MonitorTest(RouterCase):
         self.addCleanup(process.kill)
         return process
 
+    # Promise [ctl-monitor-output]: `monitor` ends when its reader ends, with 1 when its lines
+    # cannot be written.
     def test_it_ends_when_nobody_reads_it(self):
         process = self.popen(subprocess.PIPE)
 
@@ -119,6 +123,7 @@ class MonitorTest(RouterCase):
         self.assertIn(process.wait(timeout=10), (0, -signal.SIGPIPE))
         self.assertEqual(process.stderr.read(), b"")
 
+    # Also proves [ctl-output], [ctl-monitor-output].
     def test_it_says_that_its_lines_cannot_be_written(self):
         with open("/dev/full", "wb") as full:
             process = self.popen(full)

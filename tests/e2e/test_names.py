@@ -36,6 +36,7 @@ class NameTest(RouterCase):
     def resolver(self):
         return self.router.service("resolver")
 
+    # Also proves [service-start], [resolver-command], [resolver-file].
     def test_a_subscriber_is_found_by_its_name(self):
         self.assertEqual(self.resolver()["state"], "stopped", "it starts when it is first asked")
         self.server.hosts["player.lan"] = self.lan[1].address
@@ -46,18 +47,23 @@ class NameTest(RouterCase):
         self.assertEqual(self.server.asked, ["player.lan"])
         self.assertEqual(self.resolver()["state"], "running")
 
+    # Also proves [resolver-failed].
     def test_a_name_that_nobody_has_is_refused(self):
         self.assertEqual(self.ask("nowhere.lan")[0], 412)
         self.assertEqual(self.ask("nowhere.lan")[0], 412)
         self.assertEqual(self.server.asked, ["nowhere.lan"])
         self.assertIn("resolving failed: no such host", self.router.log())
 
+    # Also proves [resolver-names].
     def test_what_is_no_name_is_refused_without_asking_anybody(self):
         for name in ("a b", "-x", "a..b", "x" * 64, "b\u00fccher", "255.255.255.255"):
             with self.subTest(name=name):
                 self.assertEqual(self.ask(name)[0], 412)
         self.assertEqual(self.server.asked, [])
 
+    # Promise [subscribe-name-failed]: A name server that never answers costs a host that subscribes
+    # by name a second once, and nothing for the minute after it.
+    # Also proves [resolver-wait], [resolver-budget].
     def test_a_silent_name_server_costs_a_second_once_and_then_nothing(self):
         self.server.hosts["player.lan"] = self.lan[1].address
         self.server.silent.add("silent.lan")
@@ -86,10 +92,14 @@ class NameTest(RouterCase):
         self.assertEqual(self.ask("nowhere.lan")[0], 412)
         self.assertIn("resolving failed: no name server can tell", self.router.log())
 
+    # Promise: The resolver runs as its own user, without a capability and without a right to ask
+    # others for anything.
+    # Also proves [service-privileges].
     def test_the_resolver_has_no_rights(self):
         self.ask("nowhere.lan")
         self.assert_powerless(self.resolver()["process"], "lumen-resolver", RESOLVER_USER)
 
+    # Promise: A resolver that was killed is started again.
     def test_a_resolver_that_was_killed_comes_back(self):
         self.server.hosts["player.lan"] = self.lan[1].address
         self.assertEqual(self.ask("player.lan")[0], 200)

@@ -11,6 +11,9 @@ from support.router_case import RouterCase
 
 
 class PortTest(RouterCase):
+    # Promise [mapping-reach]: A host on the WAN gets through an open TCP or UDP port to the
+    # internal client, and is refused when the port is closed.
+    # Also proves [known-clients], [kernel-element], [flows-end].
     def test_a_control_point_finds_the_gateway_and_opens_and_closes_ports(self):
         host = self.lan[0]
         found = host.upnpc("-s", discover=True)
@@ -68,6 +71,7 @@ class PortTest(RouterCase):
             self.wait_until(arrives, "the flow gets through")
             self.assertEqual(receiver.recvfrom(100), (b"hello", client.getsockname()))
 
+    # Also proves [flows-tcp].
     def test_a_connection_outlives_its_port(self):
         host = self.lan[0]
         host.open_port(8080, "TCP")
@@ -79,6 +83,7 @@ class PortTest(RouterCase):
                 self.assertEqual(accepted.recv(100), b"still there?")
         self.assertTrue(tcp_refused(self.wan, WAN_ADDRESS, 8080, host, 8080))
 
+    # Also proves [fault-718], [port-taken].
     def test_two_hosts_cannot_have_the_same_port(self):
         first, second = self.lan
         first.open_port(8080, "TCP")
@@ -96,6 +101,7 @@ class PortTest(RouterCase):
         second.open_port(8080, "TCP", 80)
         exchange_tcp(self.wan, WAN_ADDRESS, 8080, second, 80)
 
+    # Also proves [mapping-change].
     def test_the_same_host_may_change_its_port(self):
         host = self.lan[0]
         host.open_port(8080, "TCP", 80)
@@ -126,6 +132,7 @@ class PortTest(RouterCase):
         self.assertEqual(self.router.ports()["8080/tcp"]["connections_so_far"], 4,
                          "neither a change nor its end makes it forget")
 
+    # Also proves [client-broadcast].
     def test_policy_refuses_ports_and_clients_with_a_reason(self):
         host = self.lan[0]
         self.network.router.ip("address", "add", "192.168.88.53/32", "dev", "lo")
@@ -141,6 +148,7 @@ class PortTest(RouterCase):
             host.open_port(8080, "UDP", client="192.168.88.255")
         self.assertEqual(self.router.ports(), {})
 
+    # Also proves [port-closed], [ctl-close].
     def test_the_administrator_closes_a_port(self):
         host = self.lan[0]
         host.open_port(8080, "TCP")
@@ -159,6 +167,8 @@ class PortTest(RouterCase):
             self.router.lumenctl("nat", "close", "8080/tcp")
         self.assertEqual(refused.exception.status, 1)
 
+    # Promise [known-clients]: Other programs find the gateway: nmap's UPnP discovery shows its
+    # server, location and name, and `upnpc` finds it.
     def test_nmap_recognises_the_gateway(self):
         nmap = self.lan[0].namespace.run
         seen = nmap("nmap", "-e", self.lan[0].LINK, "--script", "broadcast-upnp-info")

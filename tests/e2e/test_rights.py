@@ -47,11 +47,15 @@ class RightsTest(RouterCase):
             except (BrokenPipeError, ConnectionResetError):
                 return False
 
+    # Also proves [rights-others].
     def test_a_program_of_another_user_is_refused(self):
         self.assertTrue(self.answered([20, 0], lm.CMD_LIST))
         self.assertFalse(as_user(NOBODY, lambda: self.answered([20, 0], lm.CMD_LIST)))
         self.assertTrue(self.answered([20, 0], lm.CMD_LIST))
 
+    # Promise: A service may not keep or forget an interface, write the NAT policy or write another
+    # service's settings: `not permitted`.
+    # Also proves [rights-services], [rights-tables].
     def test_the_gateways_user_may_not_administer(self):
         def refused(path, command):
             with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as sock:
@@ -67,13 +71,17 @@ class RightsTest(RouterCase):
             with self.subTest(path=path, command=hex(command)):
                 self.assertTrue(as_user(SERVICE_USER, lambda p=path, c=command: refused(p, c)))
 
+    # Also proves [service-privileges].
     def test_the_gateway_has_no_rights(self):
         self.assert_powerless(self.router.gateway_pid(), "palinode-igd", SERVICE_USER)
 
+    # Promise [one-thread]: The daemon and lumend are one thread each.
     def test_each_program_is_one_thread(self):
         for pid in (self.router.gateway_pid(), self.router.lumend.pid):
             self.assertEqual(os.listdir(f"/proc/{pid}/task"), [str(pid)])
 
+    # Promise [capabilities]: lumend keeps CAP_KILL, CAP_SETGID, CAP_SETUID and CAP_NET_ADMIN and no
+    # other capability, in no set.
     def test_lumend_keeps_four_capabilities(self):
         with open(f"/proc/{self.router.lumend.pid}/status", encoding="ascii") as status:
             fields = dict(line.rstrip("\n").split(":\t", 1) for line in status)
@@ -107,6 +115,8 @@ class AdministratorsTest(RouterCase):
                               capture_output=True, text=True, timeout=30, check=False)
         return done.returncode, done.stdout, done.stderr
 
+    # Promise [rights-admin]: Root and the members of the group `lumen`, by primary group or by any
+    # other, may do everything.
     def test_members_of_the_group_do_everything(self):
         self.lan[0].open_port(8080, "TCP")
         for group, groups in ((self.GROUP, []), (NOBODY, [NOBODY, self.GROUP])):
@@ -128,6 +138,7 @@ class AdministratorsTest(RouterCase):
         self.assertEqual(self.run_as(self.GROUP, [], "nat", "close", "8080/tcp"),
                          (0, "8080/tcp: closed\n", ""))
 
+    # Also proves [rights-others].
     def test_everybody_else_is_refused(self):
         # Neither root's group nor the number of a service's user is worth anything.
         for group, groups in ((NOBODY, []), (0, [0]), (SERVICE_USER, [SERVICE_USER])):

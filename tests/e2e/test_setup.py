@@ -37,11 +37,13 @@ class SetupTest(RouterCase):
     def assert_not_set_up(self):
         self.assertEqual(self.router.status()["interfaces"], [])
 
+    # Also proves [ctl-ask].
     def test_somebody_at_a_terminal_agrees(self):
         self.assertEqual(self.at_terminal("y\n"), (0, f"{PROPOSAL}{QUESTION}y\n{DONE}"))
         self.router.wait_until_controllable()
         self.lan[0].open_port(8080, "TCP")
 
+    # Also proves [ctl-ask].
     def test_somebody_at_a_terminal_does_not_agree(self):
         for answer in ("n\n", "\n"):
             with self.subTest(answer=answer):
@@ -50,11 +52,13 @@ class SetupTest(RouterCase):
                     (1, f"{PROPOSAL}{QUESTION}{answer}lumenctl: nothing was changed\n"))
         self.assert_not_set_up()
 
+    # Also proves [ctl-ask].
     def test_the_input_ends_at_the_question(self):
         self.assertEqual(self.at_terminal("\x04"),
                          (1, f"{PROPOSAL}{QUESTION}\nlumenctl: nothing was changed\n"))
         self.assert_not_set_up()
 
+    # Also proves [ctl-yes].
     def test_nobody_is_asked_without_a_terminal(self):
         line = (f"lumenctl --root {self.router.root} upnp setup --internal br-lan --external wan0")
         self.assertEqual(
@@ -64,6 +68,7 @@ class SetupTest(RouterCase):
         self.assert_not_set_up()
         self.assertEqual(run_inside(self.router, *line.split()[3:]), (0, DONE, ""))
 
+    # Also proves [ctl-yes].
     def test_a_command_that_says_yes_is_asked_nothing(self):
         self.assertEqual(run_inside(self.router, "upnp", "setup", "--yes"),
                          (0, PROPOSAL + DONE, ""))
@@ -74,6 +79,7 @@ class SetupTest(RouterCase):
         self.assertIn("lan0       internal  you said so\n"
                       "wan0       external  the default route leaves by it\n", shown)
 
+    # Also proves [ctl-nothing-proposed].
     def test_it_says_why_it_proposes_nothing(self):
         self.network.router.ip("route", "delete", "default")
         self.assertEqual(

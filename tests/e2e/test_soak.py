@@ -11,6 +11,9 @@ WARM_UP, SECONDS = 20, 40
 
 
 class SoakTest(RouterCase):
+    # Promise [no-leak]: After traffic of every kind, good and bad, the gateway, lumend and the
+    # resolver are the same processes, with as many descriptors and as much allocated memory as
+    # before it.
     def test_a_router_needs_after_a_minute_of_traffic_what_it_needed_before(self):
         print(f"PALINODE_SEED={SEED}")
         with Soak(self.router, SEED) as soak:

@@ -51,6 +51,7 @@ class WatchTest(TerminalCase):
         self.assertEqual(terminal.shown.count(LEAVE), 1)
         self.assertEqual(terminal.settings(), terminal.before)
 
+    # Also proves [ctl-watch].
     def test_it_draws_in_place_what_happens(self):
         terminal = self.watch()
         terminal.see(HOME + r".*wan0 .*No port is open\.\x1b\[K\x1b\[J")
@@ -63,6 +64,7 @@ class WatchTest(TerminalCase):
         self.lan[0].close_port(8080, "TCP")
         terminal.see(r"No port is open\.", before)
 
+    # Also proves [ctl-watch].
     def test_it_shows_traffic_as_graphs(self):
         host = self.lan[0]
         host.open_port(8080, "TCP")
@@ -90,6 +92,9 @@ class WatchTest(TerminalCase):
         terminal.see(HOME + r"Gateway: on \(process\x1b\[K\r+\n\x1b\[K\r+\n"
                      r"and \d+ more lines\x1b\[K\x1b\[J", before)
 
+    # Promise [ctl-watch-end]: q, Ctrl-C, `SIGTERM`, `SIGHUP` and `SIGQUIT` end `status --watch`
+    # with status 0 at once, also while the gateway does not answer, and leave the terminal as it
+    # was; Ctrl-Z does nothing.
     def test_q_ends_it(self):
         terminal = self.watch()
         terminal.type("xyz")
@@ -97,12 +102,14 @@ class WatchTest(TerminalCase):
         self.assertEqual(terminal.end(), 0)
         self.assert_restored(terminal)
 
+    # Also proves [ctl-watch-end].
     def test_ctrl_c_ends_it(self):
         terminal = self.watch()
         terminal.type("\x03")
         self.assertEqual(terminal.end(), 0)
         self.assert_restored(terminal)
 
+    # Also proves [ctl-watch-end].
     def test_signals_end_it(self):
         for number in (signal.SIGTERM, signal.SIGHUP, signal.SIGQUIT):
             with self.subTest(number=number):
@@ -111,6 +118,7 @@ class WatchTest(TerminalCase):
                 self.assertEqual(terminal.end(), 0)
                 self.assert_restored(terminal)
 
+    # Also proves [ctl-watch-end].
     def test_ctrl_z_does_not_stop_it(self):
         terminal = self.watch()
         terminal.type("\x1a")
@@ -118,6 +126,7 @@ class WatchTest(TerminalCase):
         terminal.type("q")
         self.assertEqual(terminal.end(), 0)
 
+    # Also proves [ctl-silent].
     def test_it_shows_that_the_gateway_hangs_and_works_again(self):
         terminal = self.watch()
         gateway = str(self.router.gateway_pid())
@@ -127,6 +136,7 @@ class WatchTest(TerminalCase):
         subprocess.run(["kill", "-CONT", gateway], check=True)
         terminal.see("Gateway: \x1b\\[32mon", before)
 
+    # Also proves [ctl-watch-end].
     def test_ctrl_c_ends_it_while_the_gateway_does_not_answer(self):
         terminal = self.watch()
         gateway = self.router.gateway_pid()
@@ -136,6 +146,7 @@ class WatchTest(TerminalCase):
         self.assertEqual(terminal.end(), 0)
         self.assert_restored(terminal)
 
+    # Also proves [ctl-watch-lost].
     def test_it_ends_with_the_platform_and_says_so(self):
         terminal = self.watch()
         self.router.stop()
@@ -143,6 +154,7 @@ class WatchTest(TerminalCase):
         self.assert_restored(terminal)
         self.assertRegex(terminal.shown, r"1049llumenctl: .+\r\n(lumend --root .+\r\n)?$")
 
+    # Also proves [ctl-watch-plain].
     def test_elsewhere_it_prints_one_status_below_the_other(self):
         command = [PROGRAMS / "lumenctl", "--root", self.router.root, "status", "--watch"]
         with subprocess.Popen(command, stdout=subprocess.PIPE, text=True) as plain:
@@ -158,6 +170,7 @@ class WatchTest(TerminalCase):
             program.stdout.close()  # nobody reads it any more
             self.assertIn(program.wait(timeout=30), (0, 1))
 
+    # Also proves [ctl-watch-lost].
     def test_a_platform_that_is_not_there_is_said_on_this_screen(self):
         self.router.stop()
         terminal = self.at_terminal("status", "--watch")

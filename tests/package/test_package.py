@@ -30,6 +30,7 @@ def package():
 
 
 class PackageTest(unittest.TestCase):
+    # Promise: The package has no error that lintian knows.
     def test_lintian_finds_no_error(self):
         done = subprocess.run(["lintian", "--allow-root", "--fail-on", "error", str(package())],
                               text=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
@@ -37,6 +38,8 @@ class PackageTest(unittest.TestCase):
         print(done.stdout)
         self.assertEqual(done.returncode, 0, done.stdout)
 
+    # Promise: The version is the same in the package's name and changelog, in `--version` and in
+    # the field `SERVER`
     def test_its_version_is_that_of_the_programs(self):
         fields = subprocess.run(["dpkg-deb", "--field", package(), "Package", "Version"], text=True,
                                 capture_output=True, check=True).stdout
@@ -92,6 +95,7 @@ class InstallationTest(unittest.TestCase):
     def main_process(self):
         return self.machine.run("systemctl", "show", "--property=MainPID", "--value", "lumend")
 
+    # Promise [install-quiet]: Installing opens no port on the network.
     def test_starts_nothing_on_the_network(self):
         said = self.install()
         self.assertIn("Nothing is open to the network yet.", said)
@@ -101,6 +105,8 @@ class InstallationTest(unittest.TestCase):
         with self.assertRaises(ConnectionRefusedError):
             self.client.connect(LAN_ADDRESS, 2828)
 
+    # Promise: After `lumenctl upnp setup` a client opens a port, and bytes from the WAN side pass
+    # it.
     def test_serves_a_client_after_set_up(self):
         self.install()
         self.set_up()
@@ -120,6 +126,7 @@ class InstallationTest(unittest.TestCase):
         self.assertIn(f"start int: {LAN_BRIDGE} {LAN_ADDRESS}\n", self.gateway_log())
         self.assertNotIn("upnp: started", self.gateway_log())
 
+    # Promise [unit-rating]: `systemd-analyze security` gives the unit less than 3.0.
     def test_the_unit_is_hardened(self):
         self.install()
         found = self.machine.run("systemd-analyze", "security", "--threshold=30", "lumend")
@@ -127,11 +134,14 @@ class InstallationTest(unittest.TestCase):
         exposure = re.search(r"Overall exposure level for lumend.service: ([0-9.]+)", found)
         self.assertLess(float(exposure.group(1)), 3.0)
 
+    # Promise: The unit has nothing that `systemd-analyze verify` complains about.
     def test_systemd_has_nothing_to_say_about_the_unit(self):
         self.install()
         self.assertEqual(self.machine.run("systemd-analyze", "verify", "--man=no",
                                           "lumend.service"), "")
 
+    # Promise [lumend-restart]: A lumend that ended in any way but by a request is started again
+    # after 2 s, however often that happens.
     def test_is_started_again_however_often_it_ends(self):
         self.install()
         waits = self.machine.run("systemctl", "show", "--property=RestartUSec", "--value", "lumend")
@@ -144,6 +154,8 @@ class InstallationTest(unittest.TestCase):
                        "another lumend runs")
         wait_until(lambda: self.unit_state() == "active", "lumend serves")
 
+    # Promise: A lumend that cannot start because of its configuration starts by itself when that is
+    # corrected; until then `lumenctl` names its log, which root and the group `adm` can read.
     def test_starts_by_itself_when_its_ruleset_was_broken_and_is_corrected(self):
         self.install()
         self.change_unit("RestartSec=100ms")
@@ -161,6 +173,8 @@ class InstallationTest(unittest.TestCase):
         self.machine.run("cp", "/root/good", ruleset)
         wait_until(lambda: self.unit_state() == "active", "lumend serves")
 
+    # Promise: A configuration file that was deleted stays deleted, and comes back with
+    # `--force-confmiss`
     def test_a_deleted_configuration_file_comes_back_when_dpkg_is_told_so(self):
         self.install()
         deleted = ("/etc/lumen/nat-policy", "/etc/lumen/services/upnp.ini")
@@ -170,6 +184,7 @@ class InstallationTest(unittest.TestCase):
         self.install("--reinstall", "-o", "Dpkg::Options::=--force-confmiss")
         self.assertEqual(self.there(*deleted), list(deleted))
 
+    # Promise [watchdog-restart]: A lumend whose loop stands still is started again.
     def test_is_restarted_when_it_no_longer_answers(self):
         self.install()
         self.change_unit("WatchdogSec=5")
@@ -178,6 +193,8 @@ class InstallationTest(unittest.TestCase):
         wait_until(lambda: self.main_process() not in (before, "0\n"), "another lumend runs",
                    limit=60)
 
+    # Promise [upgrade]: An upgrade does not restart the gateway, keeps its ports open, and says how
+    # to restart it.
     def test_an_upgrade_keeps_the_gateway_and_its_ports(self):
         self.install()
         self.set_up()
@@ -189,6 +206,8 @@ class InstallationTest(unittest.TestCase):
         self.assertEqual(self.main_process(), before)
         exchange_tcp(self.network.wan, WAN_ADDRESS, PORT, self.client, PORT)
 
+    # Promise [removal]: Removing leaves no rule and no file but what was configured, which counts
+    # again after the next installation; purging leaves nothing.
     def test_removal_leaves_only_what_was_configured_and_purging_nothing(self):
         self.install()
         self.set_up()

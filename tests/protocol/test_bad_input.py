@@ -16,6 +16,8 @@ class BadInput(GatewayCase):
         super().setUp()
         self.serve()
 
+    # Promise: Datagrams of noise and mutilated searches change nothing: the next search is
+    # answered.
     def test_datagrams(self):
         group = ("239.255.255.250", 1900)
         with self.lan.namespace.socket(socket.SOCK_DGRAM) as sender:
@@ -44,6 +46,8 @@ class BadInput(GatewayCase):
             except ConnectionError:
                 return b""
 
+    # Promise: SUBSCRIBE requests that are cut, changed or made of random bytes are refused or
+    # dropped, and the next good request is answered.
     def test_requests(self):
         good = (b"SUBSCRIBE /upnp/event/osinfo HTTP/1.1\r\nHost: 192.168.88.1:2828\r\n"
                 b"Accept-Language: en\r\nContent-Length: 4\r\n\r\nbody")
@@ -64,6 +68,7 @@ class BadInput(GatewayCase):
         self.assertEqual(self.lan.invoke(CONTROL, IP_CONNECTION, "GetStatusInfo").status, 200)
         self.assert_serves()
 
+    # Also proves [xml-entities], [xml-entities-400].
     def test_documents_that_expand(self):
         entities = '<!ENTITY a0 "lol">' + "".join(
             f'<!ENTITY a{n} "{f"&a{n - 1};" * 10}">' for n in range(1, 10))
@@ -79,6 +84,7 @@ class BadInput(GatewayCase):
         self.assertLess(self.daemon.processor_time() - before, 20.0)
         self.assert_serves()
 
+    # Promise: Platform messages that make no sense change nothing and end nothing.
     def test_messages_that_say_nothing_useful(self):
         records = [{}, {lm.OBJECT_ID: 0}, {lm.OBJECT_ID: lm.NONE, 0x08000002: 9},
                    {0x20000001: "x" * 1000, 0x90000005: [1] * 100}]
@@ -95,6 +101,7 @@ class BadInput(GatewayCase):
         self.platform.notify(0x4711, (20, 0), {})
         self.assert_serves()
 
+    # Promise: A message that is nested as deep as messages may be is answered.
     def test_a_message_that_is_nested_as_deep_as_it_may_be(self):
         fields = {}
         for _ in range(lm.MAX_NESTING):

@@ -87,15 +87,18 @@ class ControlCase(GatewayCase):
 
 
 class PortMappings(ControlCase):
+    # Also proves [mapping-open], [rule-fields].
     def test_a_new_mapping_asks_for_a_rule(self):
         self.open_port()
         self.assertEqual(self.rules(), [(lm.CMD_ADD, add_rule(8080, 6, HOST, 80))])
 
+    # Also proves [rule-fields], [mapping-enabled].
     def test_a_udp_mapping_that_is_not_enabled(self):
         self.open_port(port="53", protocol="UDP", internal="5353", enabled="0")
         self.assertEqual(self.rules(),
                          [(lm.CMD_ADD, add_rule(53, 17, HOST, 5353, disabled=True))])
 
+    # Also proves [mapping-change].
     def test_the_same_mapping_again_changes_the_rule(self):
         self.open_port()
         self.open_port(internal="8081", enabled="no")
@@ -104,12 +107,14 @@ class PortMappings(ControlCase):
             (0x08FE0001, 101), (0x00FE000A, True), (0x080003E8, inside), (0x080003E9, inside),
             (0x080003EA, 8081), (0x080003EB, 8081)])])
 
+    # Also proves [fault-718].
     def test_another_host_cannot_take_a_mapping_over(self):
         self.open_port()
         self.assertEqual(self.invoke("AddPortMapping", mapping(client="192.168.88.11")),
                          fault(718, "ConflictInMappingEntry"))
         self.assertEqual(len(self.rules()), 1)
 
+    # Also proves [mapping-delete], [fault-714-delete].
     def test_a_deleted_mapping_removes_its_rule(self):
         self.open_port()
         self.assertEqual(self.invoke("DeletePortMapping", mapping()[:3]),
@@ -118,6 +123,7 @@ class PortMappings(ControlCase):
         self.assertEqual(self.invoke("DeletePortMapping", mapping()[:3]),
                          fault(714, "NoSuchEntryInArray"))
 
+    # Also proves [mapping-order], [mapping-dummy], [fault-713].
     def test_mappings_are_listed_behind_the_dummy(self):
         self.open_port(protocol="UDP")
         self.open_port()
@@ -133,6 +139,7 @@ class PortMappings(ControlCase):
                              result("GetGenericPortMappingEntry", *zip(names, values)))
         self.assertEqual(self.entry(3), fault(713, "SpecifiedArrayIndexInvalid"))
 
+    # Also proves [fault-714].
     def test_a_mapping_is_found_by_its_port(self):
         self.open_port()
         self.assertEqual(
@@ -143,6 +150,7 @@ class PortMappings(ControlCase):
         self.assertEqual(self.invoke("GetSpecificPortMappingEntry", mapping(port="8081")[:3]),
                          fault(714, "NoSuchEntryInArray"))
 
+    # Also proves [fault-402], [fault-first], [fault-726], [fault-725], [mapping-arguments].
     def test_mappings_that_are_refused_ask_for_nothing(self):
         for changes, code, text, line in (
                 ({"remote": "1.2.3.4"}, 726, "RemoteHostOnlySupportsWildcard",
@@ -163,12 +171,14 @@ class PortMappings(ControlCase):
                 self.daemon.wait_for_line(line, since)
         self.assertEqual(self.rules(), [])
 
+    # Also proves [fault-501].
     def test_what_the_platform_refuses_is_not_recorded(self):
         self.platform.answer(NAT_RULES, lm.CMD_ADD, lambda _: error("port 8080: already in use"))
         self.assertEqual(self.invoke("AddPortMapping", mapping()), fault(501, "Action Failed"))
         self.daemon.wait_for_line("add nat failed: port 8080: already in use")
         self.assertEqual(self.entry(1), fault(713, "SpecifiedArrayIndexInvalid"))
 
+    # Also proves [fault-501-change], [fault-501-close].
     def test_what_the_platform_will_not_change_stays_as_it_was(self):
         self.open_port()
         self.platform.answer(NAT_RULES, lm.CMD_SET, lambda _: error("no"))
@@ -181,6 +191,7 @@ class PortMappings(ControlCase):
         self.daemon.wait_for_line("remove nat failed: never")
         self.assertIn(b"<NewInternalPort>80</NewInternalPort>", self.entry(1))
 
+    # Also proves [mapping-interface].
     def test_the_end_removes_every_rule(self):
         for port in ("8082", "8080", "8081"):
             self.open_port(port=port)
@@ -189,6 +200,7 @@ class PortMappings(ControlCase):
         self.assertEqual(self.rules(lm.CMD_REMOVE),
                          [(lm.CMD_REMOVE, [(0x08FE0001, id)]) for id in (102, 103, 101)])
 
+    # Promise: The mappings of an interface that stopped are gone when it starts again.
     def test_a_wan_that_starts_again_has_no_mappings(self):
         self.open_port()
         self.platform.request(lm.CMD_REMOVE, {lm.OBJECT_ID: 2})
@@ -207,6 +219,7 @@ class PortMappings(ControlCase):
 
 
 class Connection(ControlCase):
+    # Also proves [ip-type], [ip-rsip].
     def test_the_states_of_the_connection_are_read(self):
         self.assertEqual(self.invoke("GetConnectionTypeInfo"),
                          result("GetConnectionTypeInfo", ("NewConnectionType", "IP_Routed"),
@@ -219,12 +232,14 @@ class Connection(ControlCase):
         self.assertIn(b"<NewConnectionStatus>Connected</NewConnectionStatus>",
                       self.invoke("GetStatusInfo"))
 
+    # Also proves [ip-set-type].
     def test_the_connection_type_cannot_be_set(self):
         for kind, expected in (("IP_Routed", fault(501, "Action Failed")),
                                ("Bridge", fault(402, "Invalid Args"))):
             self.assertEqual(self.invoke("SetConnectionType", [("NewConnectionType", kind)]),
                              expected)
 
+    # Also proves [ip-request], [ip-terminate], [link-disable].
     def test_the_interface_is_switched_off_and_on(self):
         for action, disabled, status in (("ForceTermination", True, b"Disconnected"),
                                          ("RequestConnection", False, b"Connecting")):
@@ -234,12 +249,14 @@ class Connection(ControlCase):
                              [[(0x08FE0001, WAN), (0x00FE000A, disabled)]])
             self.assertIn(b"<NewConnectionStatus>" + status, self.invoke("GetStatusInfo"))
 
+    # Also proves [ip-forbidden].
     def test_the_interface_is_left_alone_when_that_is_not_allowed(self):
         self.set_settings(enabled=True, allow_disable=False, show_dummy=True)
         for action in ("ForceTermination", "RequestConnection"):
             self.assertEqual(self.invoke(action), fault(501, "Action Failed"))
         self.assertEqual(self.platform.requests(INTERFACES, lm.CMD_SET), [])
 
+    # Also proves [counter-request], [counter-fields], [common-counters], [common-modulo].
     def test_the_counters_are_fetched_at_each_read(self):
         self.platform.counters = {0x100FC: (1 << 32) + 5, 0x100FD: 6, 0x100FE: 7, 0x100FF: 8}
         for action, value in (("GetTotalBytesReceived", 5), ("GetTotalBytesSent", 6),
@@ -250,12 +267,14 @@ class Connection(ControlCase):
             self.assertEqual([r.fields for r in self.platform.requests(INTERFACES, lm.CMD_READ)],
                              [[(0x08FE0001, WAN), (0x08FE000C, 256)]])
 
+    # Also proves [common-refused].
     def test_counters_that_cannot_be_had_are_zero(self):
         self.platform.answer(INTERFACES, lm.CMD_READ, lambda _: error("no such object"))
         self.assertEqual(self.invoke("GetTotalBytesSent", (), LINK_CONTROL, LINK),
                          result("GetTotalBytesSent", ("NewTotalBytesSent", 0), service=LINK))
         self.daemon.wait_for_line("get device stats: no such object")
 
+    # Also proves [common-link].
     def test_the_link_is_described(self):
         self.assertEqual(self.invoke("GetCommonLinkProperties", (), LINK_CONTROL, LINK),
                          result("GetCommonLinkProperties", ("NewWANAccessType", "Ethernet"),
@@ -263,12 +282,16 @@ class Connection(ControlCase):
                                 ("NewLayer1DownstreamMaxBitRate", "10000000"),
                                 ("NewPhysicalLinkStatus", "Up"), service=LINK))
 
+    # Promise: The link stays described as it was when the service started: `Up`, with the access
+    # type of then.
     def test_the_link_stays_described_as_it_was_at_its_start(self):
         before = self.invoke("GetCommonLinkProperties", (), LINK_CONTROL, LINK)
         self.notify_interface(interface(WAN, "wan0", kind=512))
         self.notify_states(interface(WAN, "wan0", running=False))
         self.assertEqual(self.invoke("GetCommonLinkProperties", (), LINK_CONTROL, LINK), before)
 
+    # Promise: Each of the four can be queried.
+    # Also proves [query], [fault-404], [query-unset].
     def test_a_variable_is_queried(self):
         def query(name, url="/upnp/control/osinfo"):
             body = soap_envelope("QueryStateVariable", [("varName", name)],
@@ -293,6 +316,8 @@ class Requests(ControlCase):
     TYPE = "CONTENT-TYPE: text/xml"
     ACTION = f'SOAPACTION: "{IP_CONNECTION}#GetExternalIPAddress"'
 
+    # Also proves [soap-type], [soap-xml], [soap-envelope], [soap-encoding], [soap-body],
+    # [soap-action], [soap-bare-400], [soap-element], [xml-depth-400].
     def test_what_is_no_soap_request_is_a_bad_request(self):
         good = soap_envelope("GetExternalIPAddress", (), IP_CONNECTION)
         deep = "<a>" * 100 + "</a>" * 100
@@ -325,10 +350,12 @@ class Requests(ControlCase):
                 self.daemon.wait_for_line(line, since)
         self.assertEqual(self.lan.post(CONTROL, good, self.TYPE, self.ACTION).status, 200)
 
+    # Also proves [fault-401], [fault].
     def test_an_unknown_action_is_a_fault(self):
         self.assertEqual(self.invoke("Reboot"), fault(401, "Invalid Action"))
         self.daemon.wait_for_line("POST: no such action registered")
 
+    # Also proves [fault-missing].
     def test_a_missing_argument_is_a_fault(self):
         self.assertEqual(self.invoke("AddPortMapping", mapping()[1:]), fault(402, "Invalid Args"))
         self.daemon.wait_for_line("POST: action xml doesn't have var: NewRemoteHost")

@@ -40,6 +40,7 @@ class Adverts(GatewayCase):
         sent = [text for text in pending_texts(self.group) if text.start_line.startswith("NOTIFY")]
         self.assertEqual(sent, [])
 
+    # Also proves [server-field], [advert-fields], [advert-burst].
     def test_a_start_announces_each_target_once_in_order(self):
         self.serve()
         self.hear([alive(*entry) for entry in all_targets()])
@@ -50,6 +51,7 @@ class Adverts(GatewayCase):
         self.hear([alive(*entry) for entry in root_targets()])
         self.hear_nothing_more()
 
+    # Also proves [goodbye-rules], [goodbye-end].
     def test_the_end_takes_every_target_back_once(self):
         self.serve()
         self.hear([alive(*entry) for entry in all_targets()])
@@ -59,6 +61,9 @@ class Adverts(GatewayCase):
         self.hear([byebye(*entry) for entry in all_targets()])
         self.assertEqual(pending_texts(self.group), [])
 
+    # Promise [advert-external]: An external interface that starts or stops is announced or
+    # withdrawn alone: its own targets on every LAN that is served.
+    # Also proves [targets-external].
     def test_a_wan_that_comes_and_goes_is_announced_alone(self):
         self.serve(wan=False)
         self.hear([alive(*entry) for entry in root_targets()])
@@ -69,6 +74,8 @@ class Adverts(GatewayCase):
         self.hear([byebye(*entry) for entry in expected])
         self.hear_nothing_more()
 
+    # Promise [goodbye-address]: A LAN interface whose address changes says goodbye with everything
+    # and announces everything again with the new address in LOCATION.
     def test_a_new_address_takes_the_old_one_back(self):
         self.serve(wan=False)
         self.hear([alive(*entry) for entry in root_targets()])
@@ -78,6 +85,9 @@ class Adverts(GatewayCase):
         self.hear([alive(*entry, base="http://192.168.88.2:2828") for entry in root_targets()])
         self.hear_nothing_more()
 
+    # Promise: A LAN interface that loses its last address says goodbye and refuses connections
+    # until it has one again.
+    # Also proves [address-last], [goodbye].
     def test_an_address_that_goes_stops_the_lan_side(self):
         self.serve(wan=False)
         self.hear([alive(*entry) for entry in root_targets()])
@@ -86,6 +96,8 @@ class Adverts(GatewayCase):
         with self.assertRaises(ConnectionRefusedError):
             self.lan.connect()
 
+    # Promise [advert-address]: Each LAN hears the address of the interface that it is on, and
+    # nothing of the other LANs.
     def test_each_lan_hears_of_its_own_address(self):
         other = self.join_lan("lan1", "192.168.99.1", "192.168.99.10")
         group = other.hear_adverts()
@@ -103,6 +115,7 @@ class Adverts(GatewayCase):
 
 
 class Searches(GatewayCase):
+    # Also proves [search-reply], [search-all].
     def test_a_search_for_all_gets_every_target_in_order(self):
         self.serve()
         replies = self.lan.search("ssdp:all")
@@ -116,6 +129,7 @@ class Searches(GatewayCase):
                 self.assertEqual([reply.raw for reply in self.lan.search(target)],
                                  [found(target, usn)])
 
+    # Promise: Two external interfaces are both found under their common device and service types.
     def test_two_wans_are_both_found_under_one_type(self):
         self.platform.interfaces[7] = interface(7, "wan1")
         self.serve()
@@ -135,6 +149,7 @@ class Searches(GatewayCase):
         self.add_object(7, 1)
         self.assertEqual(self.lan.search(wan), [])
 
+    # Also proves [search-target], [search-line], [search-host], [search-man], [search-required].
     def test_what_is_no_search_is_ignored(self):
         self.serve()
         good = search_request("ssdp:all").decode()
@@ -160,6 +175,7 @@ class Searches(GatewayCase):
                 self.assertEqual(self.lan.search(datagram.encode("latin-1")), [])
         self.assert_serves()
 
+    # Also proves [search-mx].
     def test_a_search_need_not_be_tidy(self):
         self.serve()
         good = search_request("upnp:rootdevice").decode()
@@ -181,6 +197,7 @@ class Searches(GatewayCase):
         self.daemon.wait_for_line("search recvfrom failed")
         self.assert_serves()
 
+    # Also proves [search-size].
     def test_a_datagram_longer_than_the_buffer_is_cut_there(self):
         self.serve()
         good = search_request("upnp:rootdevice")

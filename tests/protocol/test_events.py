@@ -11,16 +11,20 @@ from test_control import mapping
 
 
 class Contents(EventCase):
+    # Also proves [event-initial].
     def test_the_initial_event_of_a_connection(self):
         subscriber = self.subscriber()
         subscriber.subscribe(CONNECTION)
         self.assertEqual(subscriber.event().raw, notify(subscriber, 0, **INITIAL))
 
+    # Also proves [common-variables].
     def test_the_initial_event_of_the_link(self):
         subscriber = self.subscriber()
         subscriber.subscribe(LINK)
         self.assertEqual(subscriber.event().raw, notify(subscriber, 0, PhysicalLinkStatus="Up"))
 
+    # Promise: A subscriber gets the four of them in the initial event.
+    # Also proves [osinfo-name].
     def test_the_initial_event_of_the_system(self):
         subscriber = self.subscriber(path="/system")
         subscriber.subscribe(OS_INFO)
@@ -38,6 +42,7 @@ class Contents(EventCase):
         self.assertEqual(subscriber.event().raw,
                          notify(subscriber, 2, ExternalIPAddress="45.45.45.10"))
 
+    # Promise: Subscribers are notified of a change of the connection's status.
     def test_a_subscriber_is_told_of_the_state_of_the_wan(self):
         subscriber = self.informed()
         for seq, (disabled, running, status) in enumerate(((True, False, "Disconnected"),
@@ -55,6 +60,7 @@ class Contents(EventCase):
             self.assertEqual(subscriber.event().raw,
                              notify(subscriber, seq, ConnectionStatus=status))
 
+    # Promise: Subscribers are notified of a change of PortMappingNumberOfEntries.
     def test_a_subscriber_is_told_the_number_of_mappings(self):
         subscriber = self.informed()
         self.open_port(8080)
@@ -68,6 +74,7 @@ class Contents(EventCase):
         self.set_settings(show_dummy=False)
         self.assertEqual(subscriber.event().properties, {"PortMappingNumberOfEntries": "1"})
 
+    # Also proves [event-initial].
     def test_who_subscribes_later_learns_the_state_of_then(self):
         self.change_address("45.45.45.9")
         self.open_port(8080)
@@ -76,6 +83,7 @@ class Contents(EventCase):
         self.assertEqual(subscriber.event().raw, notify(subscriber, 0, **{
             **INITIAL, "ExternalIPAddress": "45.45.45.9", "PortMappingNumberOfEntries": "2"}))
 
+    # Also proves [event-change].
     def test_a_service_tells_its_own_subscribers_only(self):
         self.informed(1, OS_INFO)
         others = [self.informed(2, OS_INFO), self.informed(3, LINK)]
@@ -97,6 +105,7 @@ class LongHostName(EventCase):
 
 
 class Order(EventCase):
+    # Also proves [event-delay].
     def test_the_initial_event_leaves_time_to_handle_the_answer(self):
         subscriber = self.subscriber()
         before = time.monotonic()
@@ -106,6 +115,7 @@ class Order(EventCase):
             self.assertGreater(time.monotonic() - before, 0.045)
             delivery.answer()
 
+    # Also proves [event-second].
     def test_a_change_right_after_the_subscription_comes_second(self):
         for attempt in range(20):
             subscriber = self.subscriber(attempt)
@@ -119,6 +129,7 @@ class Order(EventCase):
                 self.assertEqual(second.read().raw, notify(
                     subscriber, 1, ExternalIPAddress=f"45.45.45.{100 + attempt}"))
 
+    # Promise: Changes do not wait for the answers to earlier ones.
     def test_changes_do_not_wait_for_answers(self):
         subscriber = self.informed()
         deliveries = []
@@ -146,6 +157,7 @@ class Order(EventCase):
             delivery.wait_for_end(5.0)
         self.assert_logged(since)
 
+    # Also proves [unsubscribe].
     def test_no_event_follows_the_end_of_a_subscription(self):
         subscriber = self.informed()
         subscriber.unsubscribe()
@@ -164,6 +176,10 @@ class Crowd(EventCase):
         super().setUp()
         self.crowd = [self.subscriber(number) for number in range(100)]
 
+    # Promise [event-seq]: The initial event has SEQ 0, the following ones 1, 2 and so on, in the
+    # order in which they are written.
+    # Promise [event-hundred]: A hundred subscribers on a hundred addresses all get every event, in
+    # order.
     def test_a_hundred_subscribers_get_every_event_in_order(self):
         for subscriber in self.crowd:
             subscriber.subscribe(CONNECTION)
@@ -179,6 +195,9 @@ class Crowd(EventCase):
             for subscriber in self.crowd:
                 self.assertEqual(subscriber.event().raw, notify(subscriber, seq, **change))
 
+    # Promise [event-many]: The number of deliveries in progress is not limited: 1,200 at a time all
+    # arrive.
+    # Also proves [event-hundred].
     def test_a_hundred_subscribers_get_every_event_of_a_burst(self):
         for subscriber in self.crowd:
             subscriber.subscribe(CONNECTION)

@@ -126,16 +126,32 @@ class Documents(GatewayCase):
     def exchange(self, request):
         return undated(self.lan.exchange(request.encode()))
 
+    # Promise [description-url]: `GET /gateway.xml` is answered with the description, whatever
+    # `HOST` says and without one.
+    # Also proves [wan-device], [common-service], [connection-device], [connection-service],
+    # [server-field], [one-request], [document-fields].
     def test_the_description_shows_the_whole_tree(self):
         self.serve()
         self.assertEqual(self.exchange("GET /gateway.xml HTTP/1.1\r\n\r\n"),
                          document(description(WAN)))
 
+    # Promise [root-device]: The root device is a
+    # `urn:schemas-upnp-org:device:InternetGatewayDevice:1` with the name `Kestrava Router` and the
+    # UDN `uuid:UUID-KESTRAVA-INTERNET-GATEWAY-DEVICE-` followed by the identity.
+    # Promise [icons]: The root device has three icons of type `image/gif` and depth 8, of 16, 32
+    # and 48 pixels, at `/logo16.gif`, `/logo32.gif` and `/logo48.gif`, which serve the files of
+    # these names.
+    # Promise [root-service]: The root device offers the service
+    # `urn:schemas-microsoft-com:service:OSInfo:1` as `urn:microsoft-com:serviceId:OSInfo1`, whose
+    # description `/osinfo.xml` is the file `osinfo.xml`.
+    # Promise [no-external]: Without an external interface the description has no list of embedded
+    # devices.
     def test_the_description_without_a_wan_has_no_device_list(self):
         self.serve(wan=False)
         self.assertEqual(self.exchange("GET /gateway.xml HTTP/1.1\r\n\r\n"),
                          document(description()))
 
+    # Also proves [two-externals].
     def test_two_wans_are_two_devices_that_share_their_files(self):
         self.platform.interfaces[7] = interface(7, "wan1")
         self.serve()
@@ -146,6 +162,7 @@ class Documents(GatewayCase):
             self.assertEqual(self.exchange(f"GET /{name}-3.xml HTTP/1.1\r\n\r\n"),
                              self.exchange(f"GET /{name}-7.xml HTTP/1.1\r\n\r\n"))
 
+    # Also proves [url-base].
     def test_each_lan_gets_its_own_address(self):
         other = self.join_lan("lan1", "192.168.99.1", "192.168.99.10")
         self.platform.interfaces[7] = interface(7, "lan1", self.index("lan1"))
@@ -163,6 +180,7 @@ class Documents(GatewayCase):
             self.exchange("GET /gateway.xml HTTP/1.1\r\nAccept-Language: de\r\n\r\n"),
             document(description(WAN), language=True))
 
+    # Also proves [icons], [root-service].
     def test_files_are_served_as_they_are(self):
         self.serve()
         for url, file, kind in (("/logo16.gif", "logo16.gif", "image/gif"),
@@ -175,6 +193,7 @@ class Documents(GatewayCase):
                 self.assertEqual(self.exchange(f"GET {url} HTTP/1.1\r\n\r\n"),
                                  document(content.read(), kind))
 
+    # Promise: The description files of an external interface stay served when it stops.
     def test_the_urls_of_a_wan_outlive_it(self):
         self.serve()
         self.platform.request(lm.CMD_REMOVE, {lm.OBJECT_ID: 2})
@@ -196,6 +215,7 @@ class Documents(GatewayCase):
         self.assertEqual(self.exchange("GET /osinfo.xml HTTP/1.1\r\n\r\n"), NOT_FOUND)
         self.daemon.wait_for_line("read file /lumen/etc/upnp/osinfo.xml: Is a directory")
 
+    # Also proves [file-size].
     def test_a_long_file_is_cut(self):
         self.serve()
         with open(f"{self.folder}/etc/upnp/osinfo.xml", "wb") as file:
@@ -204,6 +224,7 @@ class Documents(GatewayCase):
 
 
 class Refusals(GatewayCase):
+    # Also proves [unknown-url], [url-exact].
     def test_urls_that_are_not_served_are_not_found(self):
         self.serve()
         for url in ("/", "/gateway.xml?x=1", "/Gateway.xml", "/../upnp/osinfo.xml", "osinfo.xml",
@@ -213,6 +234,7 @@ class Refusals(GatewayCase):
                 self.assertEqual(self.lan.exchange(f"GET {url} HTTP/1.1\r\n\r\n".encode()),
                                  NOT_FOUND)
 
+    # Also proves [log-line], [methods].
     def test_methods_that_are_not_ours_are_not_implemented(self):
         self.serve()
         for method in ("HEAD", "get", "Post", "OPTIONS", "M-SEARCH", "NOTIFY", "subscribe", ""):
@@ -228,11 +250,13 @@ class Refusals(GatewayCase):
         self.assertEqual(self.lan.exchange(b"HELLO\r\n\r\n"), NOT_IMPLEMENTED)
         self.daemon.wait_for_line("what is this: 'HELLO'")
 
+    # Also proves [log-safe].
     def test_a_method_with_control_characters_is_one_line_of_the_log(self):
         self.serve()
         self.assertEqual(self.lan.exchange(b"A\nexit\x1b[2J / HTTP/1.1\r\n\r\n"), NOT_IMPLEMENTED)
         self.daemon.wait_for_line("what is this: 'A?exit?[2J'")
 
+    # Also proves [host-match], [host-mismatch].
     def test_requests_to_services_must_name_this_interface(self):
         self.serve()
         # Behind the check, each of them lacks something else.
@@ -252,6 +276,7 @@ class Refusals(GatewayCase):
                     mismatch = f"{method}: host mismatch '{host or ''}'"
                     self.assert_logged(since, *(logged if good else [mismatch]))
 
+    # Also proves [service-url].
     def test_services_that_are_not_there_are_not_found_whatever_the_host(self):
         self.serve()
         for line in ("POST /upnp/control/wanipconn-7", "POST /upnp/event/osinfo",
@@ -292,6 +317,7 @@ class Clients(GatewayCase):
         self.assert_serves()
         self.assert_logged(since)
 
+    # Also proves [line-end], [request-time], [request-too-long].
     def test_requests_that_never_end_time_out_after_ten_seconds(self):
         self.serve()
         since = self.log_mark()
@@ -312,6 +338,7 @@ class Clients(GatewayCase):
             self.assertLess(elapsed, 11.9)
         self.assert_logged(since, *["http request timeout"] * 5)
 
+    # Promise [request-time-fixed]: Bytes that arrive do not extend the ten seconds.
     def test_time_runs_from_the_connection_and_is_not_extended(self):
         self.serve()
         started = time.monotonic()
@@ -324,6 +351,7 @@ class Clients(GatewayCase):
             self.assertEqual(client.recv(1), b"")
         self.assertGreater(time.monotonic() - started, 9.9)
 
+    # Also proves [request-size], [request-too-large].
     def test_a_request_of_more_than_64_kib_is_dropped(self):
         self.serve()
         head = b"GET /gateway.xml HTTP/1.1\r\nX: "
@@ -336,6 +364,7 @@ class Clients(GatewayCase):
                 self.assertNotEqual(read_to_end(client), b"", "dropped in order")
         self.assert_serves()
 
+    # Also proves [request-too-large].
     def test_a_request_of_68000_bytes_is_dropped_whatever_its_pieces(self):
         self.serve()
         since = self.log_mark()
@@ -393,6 +422,7 @@ class Clients(GatewayCase):
             client.close()
         self.assert_serves()
 
+    # Also proves [slow-client].
     def test_many_clients_at_once_are_all_served(self):
         self.serve()
         clients = [self.lan.connect() for _ in range(12)]
@@ -402,6 +432,7 @@ class Clients(GatewayCase):
             self.assertEqual(Text(read_to_end(client)).status, 200)
             client.close()
 
+    # Also proves [device-bound].
     def test_the_server_listens_on_the_lan_only(self):
         other = self.join_lan("lan1", "192.168.99.1", "192.168.99.10")
         self.serve()

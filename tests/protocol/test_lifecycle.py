@@ -10,6 +10,7 @@ from support import lm
 
 
 class Start(GatewayCase):
+    # Also proves [settings], [disabled-exit].
     def test_a_fresh_daemon_is_disabled_and_leaves_by_itself(self):
         self.start_daemon()
         self.assertEqual(self.platform.request(lm.CMD_GET_SETTINGS),
@@ -19,11 +20,15 @@ class Start(GatewayCase):
         self.assertEqual([(r.path, r.command) for r in self.platform.requests(BROKER)],
                          [(BROKER, lm.BROKER_REGISTER), (BROKER, lm.BROKER_UNREGISTER)])
 
+    # Promise [socket-path]: The daemon finds the platform's socket at `/lumen/run/lumen.sock`,
+    # whether lumend or another program serves it.
+    # Also proves [identity-wait].
     def test_the_identity_is_asked_for(self):
         self.start_daemon()
         request, = self.platform.wait_for(lambda: self.platform.requests(IDENTITY))
         self.assertEqual((request.command, request.fields), (lm.CMD_GET_SETTINGS, []))
 
+    # Promise: Starting an interface that serves already logs `intr: 1 <address as a number>` only.
     def test_a_start_is_logged_line_by_line(self):
         self.serve()
         self.assert_logged(
@@ -38,6 +43,8 @@ class Start(GatewayCase):
             "set external ip 45.45.45.2",
             "intr: 1 3232258049")
 
+    # Promise [settings-kept]: The configured interfaces and the settings outlive the process.
+    # Also proves [goodbye-rules].
     def test_what_was_configured_is_served_by_the_next_process(self):
         self.serve()
         self.daemon.terminate()
@@ -48,6 +55,8 @@ class Start(GatewayCase):
         self.daemon.wait_for_line("sendAdverts")
         self.assertEqual(len(self.lan.search("ssdp:all")), len(all_targets()))
 
+    # Promise [broken-record]: A saved record that cannot be decoded is kept as `NAME.broken`, which
+    # is logged, and does not stop the start.
     def test_a_record_that_does_not_decode_stops_nobody(self):
         self.serve()
         self.daemon.terminate()
@@ -63,6 +72,10 @@ class Start(GatewayCase):
         self.add_object(LAN, INTERNAL)
         self.assert_serves()
 
+    # Promise [platform-none]: A daemon that finds no platform says so in one line and ends with
+    # status 1.
+    # Promise [socket-wait]: A program waits five seconds for the platform's socket, then says
+    # `platform: /lumen/run/lumen.sock: No such file or directory` and ends with 1.
     def test_without_a_platform_it_gives_up_after_five_seconds_and_says_why(self):
         os.remove(os.path.join(self.folder, "run", "lumen.sock"))
         started = time.monotonic()
@@ -75,6 +88,7 @@ class Start(GatewayCase):
 
 
 class Settings(GatewayCase):
+    # Also proves [switch-off].
     def test_switching_on_keeps_the_daemon_and_switching_off_lets_it_go(self):
         self.serve()
         self.set_settings(enabled=False)
@@ -82,6 +96,7 @@ class Settings(GatewayCase):
         self.assertEqual(self.daemon.log()[-5:],
                          ["disable", "stop int: LAN", "sendAdverts", "stop ext: WAN", "exit"])
 
+    # Also proves [commands].
     def test_a_write_is_told_and_can_be_taken_back(self):
         self.serve()
         self.set_settings(enabled=True, allow_disable=False, show_dummy=False)
@@ -102,6 +117,7 @@ class Settings(GatewayCase):
         self.assertEqual(self.platform.request(lm.CMD_GET_SETTINGS),
                          {ENABLED: True, ALLOW_DISABLE: True, SHOW_DUMMY: False})
 
+    # Also proves [switch-off], [commands].
     def test_switching_subscribes_and_unsubscribes(self):
         self.start_daemon()
         self.set_settings(enabled=True)
@@ -114,6 +130,10 @@ class Settings(GatewayCase):
 
 
 class Objects(GatewayCase):
+    # Promise [commands]: The commands are 1 list, `0xfe0002` read, `0xfe0003` set, `0xfe0004` read
+    # all, `0xfe0005` add and `0xfe0006` remove an object, `0xfe000b` change notification,
+    # `0xfe000d` read and `0xfe000e` write settings, `0x10004` interface notification.
+    # Also proves [gateway-interface], [gateway-numbers].
     def test_an_object_is_added_read_set_and_removed(self):
         self.serve(wan=False)
         self.assertEqual(self.add_object(WAN, EXTERNAL), {lm.OBJECT_ID: 2})
@@ -127,6 +147,7 @@ class Objects(GatewayCase):
         self.assertEqual(self.platform.request(lm.CMD_READ, {lm.OBJECT_ID: 2}).error(),
                          "no such object")
 
+    # Also proves [interface-once].
     def test_an_interface_is_configured_once(self):
         self.serve()
         self.assertEqual(self.add_object(LAN, EXTERNAL).error(), "Interface already added")
@@ -141,6 +162,10 @@ class Objects(GatewayCase):
         self.assert_logged(since, "stop int: LAN", "sendAdverts", "intr: 0 3232258049",
                            "start int: LAN 192.168.88.1", "sendAdverts")
 
+    # Promise: Additions, changes and removals of configured interfaces can be undone: `upnp
+    # interface added`, `upnp interface changed`, `upnp interface removed`.
+    # Promise: The texts of changes to the gateway's interfaces are `upnp interface added`, `upnp
+    # interface changed`, `upnp interface removed`.
     def test_changes_can_be_taken_back(self):
         self.serve(wan=False)
         self.add_object(WAN, EXTERNAL)

@@ -50,6 +50,9 @@ class SilentPlatform(ControlCase):
     def assert_lasted(self, since, limit):
         self.assertGreater(time.monotonic() - since, limit - LATE)
 
+    # Promise: A reply that comes after its time is dropped, and not taken for that of the next
+    # request.
+    # Also proves [mapping-timeout], [exchange-late].
     def test_a_rule_that_comes_too_late_is_not_the_next_ones(self):
         silent = SilentOnce(self.platform, NAT_RULES, lm.CMD_ADD, {lm.OBJECT_ID: 666},
                             {lm.OBJECT_ID: 102})
@@ -63,6 +66,8 @@ class SilentPlatform(ControlCase):
         self.assertEqual(self.rules(lm.CMD_REMOVE), [(lm.CMD_REMOVE, [(lm.OBJECT_ID, 102)])])
         self.assert_serves()
 
+    # Promise [mapping-removal-timeout]: A mapping whose removal is not answered within six seconds
+    # stays listed.
     def test_a_rule_whose_removal_is_not_answered_is_kept(self):
         self.open_port()
         silent = SilentOnce(self.platform, NAT_RULES, lm.CMD_REMOVE, {}, error("never"))
@@ -79,6 +84,8 @@ class SilentPlatform(ControlCase):
         self.assertEqual(self.invoke("DeletePortMapping", mapping()[:3]),
                          result("DeletePortMapping"))
 
+    # Promise: An address that comes later is dropped, and not taken for that of the next name.
+    # Also proves [subscribe-name-time].
     def test_a_name_that_is_resolved_too_late_is_refused(self):
         silent = SilentOnce(self.platform, RESOLVER, RESOLVE,
                             {RESOLVED: lm.address("192.168.88.66")}, {RESOLVED: lm.address(HOST)})
@@ -90,6 +97,8 @@ class SilentPlatform(ControlCase):
             subscriber.subscribe(CONNECTION, callback=callback)
             self.assertEqual(subscriber.event()["HOST"], f"{HOST}:{subscriber.port}")
 
+    # Promise: States that are not told within their limit stay as they were, and an answer that
+    # comes after it is not taken for the next one's.
     def test_states_that_are_not_told_stay_as_they_were(self):
         silent = SilentOnce(self.platform, INTERFACES, lm.CMD_READ_ALL,
                             {lm.RECORDS: [interface(WAN, "wan0", disabled=True)]},
@@ -112,6 +121,7 @@ class Identity(GatewayCase):
                          [f"{name}::upnp:rootdevice"])
         self.assertIn(f"<UDN>{name}</UDN>".encode(), self.lan.get("/gateway.xml").body)
 
+    # Also proves [identity-none].
     def test_a_platform_without_identity_leaves_it_out_of_the_names(self):
         for why, answer in (("refused", error("no such service")), ("nothing said", {}),
                             ("another type", {0x08000001: 1})):
@@ -124,6 +134,7 @@ class Identity(GatewayCase):
                 self.daemon.terminate()
                 self.assertEqual(self.daemon.wait(), 0)
 
+    # Promise [identity-late]: An identity that comes after six seconds is ignored.
     def test_an_identity_that_comes_too_late_is_ignored(self):
         asked = []
         self.platform.answer(IDENTITY, lm.CMD_GET_SETTINGS,
@@ -138,6 +149,9 @@ class Identity(GatewayCase):
 
 
 class StrayReplies(ControlCase):
+    # Promise: Replies to no pending request are dropped without a line in the log: of an unknown
+    # serial, without one, or a second one to the same request.
+    # Promise: A reply under a serial that no exchange waits for is dropped.
     def test_replies_that_nobody_waits_for_are_dropped(self):
         self.platform.reply(4711, error("never"))
 
@@ -170,6 +184,8 @@ class MissingFields(ControlCase):
         self.assertEqual([dict(r.fields)[lm.OBJECT_ID] for r in
                           self.platform.requests(NAT_RULES)[1:]], [0, 0])
 
+    # Promise: An error reply without a text is an error, logged with an empty text; a text without
+    # an error code is no error.
     def test_an_error_without_a_text_is_an_error(self):
         self.open_port()
         for command, action, arguments, line in (
@@ -195,6 +211,7 @@ class MissingFields(ControlCase):
             self.assertEqual(self.invoke(action, (), LINK_CONTROL, LINK),
                              result(action, (f"New{action[3:]}", value), service=LINK))
 
+    # Promise: A record whose fields are missing stands for what is known, or for 0 and nothing.
     def test_records_with_fields_that_are_missing(self):
         since = self.log_mark()
         wan_state = interface(WAN, "wan0", running=False)
@@ -213,6 +230,7 @@ class MissingFields(ControlCase):
 
 
 class RefusedSwitch(ControlCase):
+    # Also proves [fault-501-link].
     def test_an_interface_that_is_not_switched_keeps_its_state(self):
         self.platform.answer(INTERFACES, lm.CMD_SET, lambda _: error("not permitted"))
         for action, line in (("ForceTermination", "disable device failed: not permitted"),
@@ -237,6 +255,8 @@ class Tables(GatewayCase):
                               "GetExternalIPAddress")
         self.assertIn(b">45.45.45.2</NewExternalIPAddress>", wan.body)
 
+    # Promise: When a table is refused or has no records, the notifications that follow supply its
+    # contents.
     def test_tables_that_are_refused_are_made_up_for_by_notifications(self):
         tables = ((INTERFACES, lm.CMD_LIST, "device::CMD_GETDEVS failed: not now"),
                   (INTERFACES, lm.CMD_READ_ALL, "device::CMD_GETALL failed: not yet"),
@@ -298,12 +318,16 @@ class DyingPlatform(ControlCase):
         self.assertEqual(self.daemon.log()[-len(farewell) - len(lines) - 1:],
                          [*farewell, *lines, "exit"])
 
+    # Promise: A LAN host whose request the platform dies in has its answer before the daemon
+    # leaves.
     def test_a_lan_host_whose_request_it_dies_in_has_its_answer(self):
         self.platform.answer(NAT_RULES, lm.CMD_ADD, lambda _: self.platform.hang_up())
         self.assertEqual(self.invoke("AddPortMapping", mapping()), fault(501, "Action Failed"))
         self.daemon.wait_for_line("add nat failed: connection ended")
         self.assert_left()
 
+    # Promise [platform-back]: A platform that comes back finds the gateway as it was configured,
+    # without a port that was open in its last life.
     def test_one_that_comes_back_finds_the_gateway_as_it_was_configured(self):
         self.open_port()
         self.platform.close()
@@ -317,6 +341,7 @@ class DyingPlatform(ControlCase):
         self.assertEqual(len(self.rules(lm.CMD_ADD)), 1)
         self.assert_serves()
 
+    # Promise: A platform that dies during the start ends the daemon in order.
     def test_one_that_dies_at_the_start_of_the_daemon_ends_it(self):
         self.daemon.terminate()
         self.assertEqual(self.daemon.wait(), 0)
@@ -328,6 +353,8 @@ class DyingPlatform(ControlCase):
                      "device::CMD_GETALL failed: connection ended", "platform: connection ended"):
             self.assertIn(line, self.daemon.log())
 
+    # Promise [platform-late]: A platform that starts a moment after the daemon is waited for.
+    # Also proves [socket-wait].
     def test_one_that_starts_after_the_daemon_is_waited_for(self):
         self.daemon.terminate()
         self.assertEqual(self.daemon.wait(), 0)
@@ -393,6 +420,10 @@ class FullDisk(StoreCase):
         self.assertEqual(self.records(), self.before)
         self.assert_serves()
 
+    # Promise [disk-full]: A change of a configured interface that finds no room on the disk is
+    # refused with `could not be stored` before anything has changed, and is taken when there is
+    # room again.
+    # Also proves [object-store].
     def test_a_change_that_cannot_be_stored_is_refused_before_it_is_made(self):
         self.assert_refused(self.add_object(7, EXTERNAL), "upnp/3")
         self.assert_refused(self.platform.request(
@@ -401,6 +432,7 @@ class FullDisk(StoreCase):
                           self.platform.request(lm.CMD_READ_ALL)[lm.RECORDS]], [False, False])
         self.assert_restarts_as_before()
 
+    # Also proves [disk-full].
     def test_what_was_refused_is_taken_when_there_is_room_again(self):
         self.assert_refused(self.platform.request(
             lm.CMD_SET, {lm.OBJECT_ID: 2, lm.DISABLED: True}), "upnp/2")
@@ -411,6 +443,7 @@ class FullDisk(StoreCase):
         self.assertNotEqual(self.records(), self.before)
         self.assertEqual(self.records().keys(), self.before.keys())
 
+    # Promise: A configured interface can be removed without room on the disk.
     def test_an_object_is_removed_without_room(self):
         self.assertEqual(self.platform.request(lm.CMD_REMOVE, {lm.OBJECT_ID: 2}), {})
         self.daemon.wait_for_line("stop ext: WAN", self.since)
@@ -418,6 +451,8 @@ class FullDisk(StoreCase):
         self.daemon.wait_for_line("sendAdverts")
         self.assertEqual(len(self.platform.request(lm.CMD_READ_ALL)[lm.RECORDS]), 1)
 
+    # Promise: A configured interface whose record the disk does not give up stays, serves on, and
+    # is refused with `could not be removed`.
     def test_an_object_is_not_removed_from_a_disk_that_takes_no_change(self):
         self.disk.protect()
         reply = self.platform.request(lm.CMD_REMOVE, {lm.OBJECT_ID: 2})
@@ -427,6 +462,8 @@ class FullDisk(StoreCase):
         self.assertEqual(self.platform.requests(HISTORY), [])
         self.assert_restarts_as_before()
 
+    # Promise [disk-full-settings]: Settings that find no room on the disk hold until the end of the
+    # daemon, which is logged.
     def test_settings_that_cannot_be_stored_hold_until_the_end_of_the_daemon(self):
         self.set_settings(show_dummy=False)
         self.assert_logged(self.since, "store: /lumen/store/upnpm/0.new: No space left on device")
@@ -448,6 +485,9 @@ class TornRecord(StoreCase):
         self.daemon.wait_for_line(f"store: {path} is broken (truncated), kept as {path}.broken")
         self.assertIn((store, f"{name}.broken"), self.records())
 
+    # Promise: An interface whose record was broken can be configured again, and settings whose
+    # record was broken are those of a fresh daemon.
+    # Also proves [broken-record].
     def test_an_object_whose_record_is_torn_is_configured_anew(self):
         self.tear("upnp", "2")
         self.start_daemon()
@@ -463,6 +503,7 @@ class TornRecord(StoreCase):
         self.log_mark()
         self.assertNotIn("broken", " ".join(self.daemon.log()))
 
+    # Also proves [broken-record].
     def test_settings_whose_record_is_torn_are_those_of_a_fresh_daemon(self):
         self.tear("upnpm", "0")
         self.start_daemon()

@@ -41,6 +41,8 @@ class SubscriberCase(EventCase):
 
 
 class Failures(SubscriberCase):
+    # Promise [event-once]: Nothing that failed is sent again.
+    # Also proves [subscription-failures].
     def test_one_that_refuses_misses_what_it_refuses_only(self):
         subscriber = self.informed(1)
         port = subscriber.port
@@ -87,6 +89,9 @@ class Failures(SubscriberCase):
         self.assert_everybody_is_served()
         self.assertEqual(self.lines_since(since)[0], "tcp connect: Network is unreachable")
 
+    # Promise [event-status]: The status is read at characters 10 to 12 of the start line, whatever
+    # else stands there.
+    # Also proves [event-answer].
     def test_one_that_answers_something_else(self):
         answers = {
             b"HTTP/1.1 412 Precondition Failed\r\n\r\n": "HTTP/1.1 412 Precondition Failed",
@@ -109,6 +114,7 @@ class Failures(SubscriberCase):
                 self.assertEqual(self.lines_since(since),
                                  [] if shown is None else [f"bad notify reply: {shown}"])
 
+    # Also proves [event-answer].
     def test_one_that_answers_byte_by_byte_is_not_waited_for(self):
         subscriber = self.informed(1)
         self.change()
@@ -122,6 +128,7 @@ class Failures(SubscriberCase):
         self.change()
         self.assertEqual(subscriber.event().seq, 2)
 
+    # Promise: An answer that comes before the NOTIFY counts.
     def test_one_that_answers_before_it_is_asked(self):
         subscriber = self.subscriber(1)
         subscriber.subscribe(CONNECTION)
@@ -130,6 +137,7 @@ class Failures(SubscriberCase):
             self.assertEqual(delivery.read().seq, 0)
             delivery.wait_for_end(5.0)
 
+    # Promise: A subscriber that reads byte by byte gets its whole event.
     def test_one_that_reads_byte_by_byte(self):
         subscriber = self.subscriber(1)
         subscriber.make_window_small()
@@ -143,6 +151,8 @@ class Failures(SubscriberCase):
         self.assertNotIn("notify timeout", self.lines_since(since))
         self.assertEqual(subscriber.event().seq, 1)
 
+    # Promise [event-slow]: A subscriber that does not read delays no other: a NOTIFY is written
+    # into a send buffer that is made large enough for it.
     def test_those_that_do_not_read_hold_nobody_up(self):
         sleepers = [self.subscriber(number, path="/" + "x" * 60000) for number in range(1, 21)]
         since = self.log_mark()
@@ -167,6 +177,7 @@ class Patience(SubscriberCase):
 
     FAILED = "notify reply read failed"
 
+    # Also proves [event-timeout].
     def test_those_that_never_answer(self):
         reader, sleeper = self.subscriber(1), self.subscriber(2)
         started = time.monotonic()
@@ -203,9 +214,11 @@ class Patience(SubscriberCase):
         self.daemon.wait_for_line("notify timeout", since, limit=40)
         self.assertEqual(self.lines_since(since)[2:], ["unsubscribe", "notify timeout"])
 
+    # Also proves [event-reset].
     def test_one_that_closes_without_an_answer(self):
         self.check_pace(lambda delivery: delivery.close())
 
+    # Also proves [event-reset].
     def test_one_that_resets(self):
         self.check_pace(lambda delivery: delivery.reset())
 

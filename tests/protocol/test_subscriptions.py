@@ -20,6 +20,7 @@ def granted(sid, time=1800):
 
 
 class Replies(EventCase):
+    # Also proves [unsubscribe].
     def test_a_subscription_from_its_beginning_to_its_end(self):
         subscriber = self.subscriber()
         since = self.log_mark()
@@ -45,6 +46,7 @@ class Replies(EventCase):
             subscriber.unsubscribe()
         self.assertEqual(len(ids), 4)
 
+    # Also proves [subscribe-time], [subscribe-short], [subscribe-long], [subscribe-digits].
     def test_granted_times(self):
         subscriber = self.subscriber()
         subscriber.subscribe(CONNECTION)
@@ -64,6 +66,7 @@ class Replies(EventCase):
                                  granted(other.sid, time))
                 other.unsubscribe()
 
+    # Also proves [renewal].
     def test_a_renewal_sends_no_event(self):
         subscriber = self.informed()
         subscriber.renew()
@@ -76,6 +79,7 @@ class Replies(EventCase):
         self.assertEqual(subscriber.ask(OS_INFO, f"SID: {first}").status, 200)
         self.assertNotEqual(subscriber.sid, first)
 
+    # Promise: A SID is known to its own service only.
     def test_an_id_is_known_to_its_service_only(self):
         subscriber = self.subscriber()
         subscriber.subscribe(CONNECTION)
@@ -85,6 +89,8 @@ class Replies(EventCase):
 
 
 class Refusals(EventCase):
+    # Also proves [subscribe-nt], [subscribe-callback], [subscribe-url], [renewal-unknown],
+    # [unsubscribe-unknown].
     def test_requests_that_are_not_as_they_must_be(self):
         subscriber = self.subscriber()
         good = subscriber.callback
@@ -110,6 +116,8 @@ class Refusals(EventCase):
         self.assertEqual(subscriber.request("UNSUBSCRIBE", CONNECTION).raw, PRECONDITION_FAILED)
         subscriber.subscribe(CONNECTION)
 
+    # Promise [subscribe-host]: SUBSCRIBE and UNSUBSCRIBE whose HOST is not this interface get 400
+    # and change nothing.
     def test_a_request_to_another_host_is_bad(self):
         subscriber = self.informed()
         for method in ("SUBSCRIBE", "UNSUBSCRIBE"):
@@ -122,6 +130,7 @@ class Refusals(EventCase):
                     self.assert_logged(since, f"{method}: host mismatch '{host}'")
         self.assertEqual(subscriber.renew().status, 200)
 
+    # Promise: SUBSCRIBE at a URL that is no event URL gets 404.
     def test_a_url_that_no_service_has(self):
         subscriber = self.subscriber()
         for url in ("/upnp/event/wanipconn-7", f"/upnp/control/wanipconn-{WAN}", f"{CONNECTION}/",
@@ -129,6 +138,7 @@ class Refusals(EventCase):
             with self.subTest(url):
                 self.assertEqual(subscriber.ask(url).raw, NOT_FOUND)
 
+    # Also proves [subscription-address].
     def test_an_address_has_one_subscription_to_a_service(self):
         first, second = self.subscriber(), self.subscriber(path="/other")
         first.subscribe(CONNECTION)
@@ -138,6 +148,9 @@ class Refusals(EventCase):
         first.unsubscribe()
         second.subscribe(CONNECTION)
 
+    # Promise [subscription-limit-first]: The number of subscriptions is checked before the address:
+    # with 100 subscriptions a second one of the same address gets 500 too.
+    # Also proves [subscription-limit].
     def test_the_hundred_and_first_is_refused(self):
         subscribers = [self.subscriber(number) for number in range(100)]
         for subscriber in subscribers:
@@ -152,6 +165,8 @@ class Refusals(EventCase):
         last.subscribe(CONNECTION)
         self.assertEqual(subscribers[50].ask(CONNECTION).raw, SERVER_ERROR)
 
+    # Promise: The end of an external interface ends the subscriptions to its services.
+    # Also proves [targets-withdrawn].
     def test_the_end_of_an_interface_ends_its_subscriptions(self):
         subscriber = self.informed()
         self.platform.request(lm.CMD_REMOVE, {lm.OBJECT_ID: 2})
@@ -171,6 +186,7 @@ class Callbacks(EventCase):
         self.assertEqual(first.event().start_line, "NOTIFY /first HTTP/1.1")
         self.assertFalse(second.is_called())
 
+    # Also proves [subscribe-port].
     def test_a_callback_without_a_port(self):
         subscriber = self.subscriber(port=80, path="/")
         subscriber.subscribe(CONNECTION, callback=f"http://{HOST}/")
@@ -182,6 +198,7 @@ class Callbacks(EventCase):
         self.assertEqual(subscriber.event().start_line,
                          "NOTIFY /a/b?c=http://d:1/e&f#g HTTP/1.1")
 
+    # Also proves [subscribe-name].
     def test_a_callback_by_name_is_resolved(self):
         self.platform.answer(self.RESOLVER, self.RESOLVE,
                              lambda _: {0x08000004: lm.address(HOST)})
@@ -193,6 +210,7 @@ class Callbacks(EventCase):
         self.assertEqual([r.fields for r in self.platform.requests(self.RESOLVER, self.RESOLVE)],
                          [[(0x20000003, "laptop.lan")]])
 
+    # Also proves [subscribe-address].
     def test_a_callback_at_the_address_zero_is_taken_as_it_is(self):
         subscriber = self.subscriber()
         since = self.log_mark()
@@ -200,6 +218,7 @@ class Callbacks(EventCase):
         self.daemon.wait_for_line("callback addr: 0.0.0.0, port: 80, path: /e", since)
         self.assertEqual(self.platform.requests(self.RESOLVER, self.RESOLVE), [])
 
+    # Also proves [subscribe-name-unknown], [subscribe-name-zero].
     def test_a_name_that_cannot_be_resolved(self):
         subscriber = self.subscriber()
         for why, answer, logged in (

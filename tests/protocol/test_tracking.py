@@ -21,6 +21,7 @@ class TrackingCase(GatewayCase):
 
 
 class Interfaces(TrackingCase):
+    # Also proves [ip-status].
     def test_the_state_of_the_wan_is_followed(self):
         self.serve()
         for disabled, running, status in ((True, False, "Disconnected"),
@@ -32,6 +33,7 @@ class Interfaces(TrackingCase):
                 f"dev: 3 disabled: {int(disabled)} running: {int(running)}", since)
             self.assert_status(status)
 
+    # Also proves [interface-early].
     def test_an_interface_that_appears_is_started(self):
         del self.platform.interfaces[WAN]
         self.serve()
@@ -43,6 +45,7 @@ class Interfaces(TrackingCase):
         self.assert_external("45.45.45.2")
         self.assert_status("Connected")
 
+    # Also proves [external-gone].
     def test_a_wan_that_is_gone_for_a_while_keeps_its_ports_until_it_is_back(self):
         self.serve()
         self.invoke("AddPortMapping", mapping())
@@ -71,6 +74,7 @@ class Interfaces(TrackingCase):
         self.notify_states(interface(LAN, "lan0"))
         self.assert_serves()
 
+    # Also proves [page-field].
     def test_the_list_may_come_in_pages(self):
         pages = {None: ({LAN: interface(LAN, "lan0", self.index("lan0"), display="LAN")}, LAN),
                  LAN: ({WAN: interface(WAN, "wan0", display="WAN")}, lm.NONE)}
@@ -114,6 +118,7 @@ class Addresses(TrackingCase):
         self.assertEqual(dict(self.platform.requests(NAT_RULES)[1].fields)[0x08000034],
                          lm.address("45.45.45.7"))
 
+    # Also proves [address-smallest].
     def test_the_smaller_of_two_addresses_serves(self):
         self.platform.addresses[10] = address(10, LAN, "192.168.88.200")
         self.platform.addresses[13] = address(13, LAN, "9.255.255.255")

@@ -55,6 +55,9 @@ void outputOnFullDisk() {
   dup2(full, STDOUT_FILENO);
 }
 
+// Promise [program-status]: `palinode-igd`, `lumend`, `lumen-resolver` and `lumenctl` answer
+// `--version` and `--help` at once, without a platform, and end with 2 when they do not know an
+// argument.
 TEST(Programs, TellTheirVersionWithoutAPlatform) {
   for (const Started& program : programs) {
     const Answer answer = run(program, {"--version"}, discardErrors);
@@ -63,6 +66,7 @@ TEST(Programs, TellTheirVersionWithoutAPlatform) {
   }
 }
 
+// Also proves [program-status].
 TEST(Programs, TellHowTheyAreUsedWithoutAPlatform) {
   for (const Started& program : programs) {
     const Answer answer = run(program, {"--help"}, discardErrors);
@@ -72,6 +76,7 @@ TEST(Programs, TellHowTheyAreUsedWithoutAPlatform) {
   }
 }
 
+// Also proves [program-status].
 TEST(Programs, RefuseArgumentsThatTheyDoNotKnow) {
   for (const Started& program : programs) {
     for (const char* unknown : {"--unknown", "-x", "unknown", ""}) {
@@ -82,6 +87,8 @@ TEST(Programs, RefuseArgumentsThatTheyDoNotKnow) {
   }
 }
 
+// Promise: `palinode-igd` and `lumen-resolver` take no other argument, and show their usage on
+// standard error when they get one.
 TEST(Programs, ThatServeTakeOneArgumentAtMost) {
   const std::vector<std::vector<std::string>> wrong = {
       {"--version", "more"}, {"--help", "--version"}, {"more", "--help"}, {"--vers"}, {"--help="}};
@@ -95,6 +102,8 @@ TEST(Programs, ThatServeTakeOneArgumentAtMost) {
   }
 }
 
+// Promise: An answer to `--version` or `--help` that cannot be written ends the program with 1:
+// `palinode-igd: standard output cannot be written`.
 TEST(Programs, SayThatTheirAnswerCannotBeWritten) {
   for (const Started& program : programs) {
     for (const char* question : {"--help", "--version"}) {

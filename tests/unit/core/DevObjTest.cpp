@@ -6,6 +6,8 @@
 
 namespace {
 
+// Promise [gateway-interface]: A configured interface is bool `0xfe000a` disabled, u32 `0x8000001`
+// interface and u32 `0x8000002` type, 1 for external and 2 for internal, in this order.
 TEST(DevObj, WritesItsThreeFieldsInOrder) {
   DevObj object;
   object.disabled = true;
@@ -24,6 +26,7 @@ TEST(DevObj, IsEnabledAndStartsNothingUnlessItsFieldsSaySo) {
   EXPECT_EQ(lm::test::describe(config), "{bool 0xfe000a=0, u32 0x1=0, u32 0x2=0}");
 }
 
+// Promise: A change of a configured interface may leave out what stays.
 TEST(DevObj, TakesTheFieldsThatAreThereAndKeepsTheOthers) {
   DevObj object;
   object.interface = 7;
@@ -44,6 +47,8 @@ TEST(DevObj, TakesTheFieldsThatAreThereAndKeepsTheOthers) {
   EXPECT_EQ(object.type, interface_type::internal);
 }
 
+// Promise: A configured interface is saved, its changes are notified, and it is called `upnp
+// interface`.
 TEST(DevObj, IsStoredUndoableAndToldOf) {
   const DevObj object;
   EXPECT_TRUE(object.isStorable());

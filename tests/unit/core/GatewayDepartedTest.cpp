@@ -11,6 +11,8 @@ class GatewayDeparted : public GatewayTest {
   size_t rulesRemoved() const { return platform.sentTo({20, 5}, lm::cmd::removeObject).size(); }
 };
 
+// Promise [external-gone]: An external interface that is gone keeps its services, its search
+// targets and its open ports until it is back.
 TEST_F(GatewayDeparted, AWanThatDisappearsSaysNothingAndStaysReachable) {
   serve();
   openPort(wan);
@@ -28,6 +30,8 @@ TEST_F(GatewayDeparted, AWanThatDisappearsSaysNothingAndStaysReachable) {
   EXPECT_EQ(log(), Lines{"dev: 3 set address: 45.45.45.9 (12)"});
 }
 
+// Promise: Either flag of `0x82` in u32 `0x10003` says that an interface is gone, and no other flag
+// does.
 TEST_F(GatewayDeparted, EitherFlagSaysThatAnInterfaceIsGone) {
   serve();
   lm::message record = interfaceRecord(wan);
@@ -40,6 +44,8 @@ TEST_F(GatewayDeparted, EitherFlagSaysThatAnInterfaceIsGone) {
   EXPECT_EQ(lines[1], "add dev: WAN");
 }
 
+// Promise: An interface that comes back is started in place of what it had left, without its old
+// rules and without a goodbye.
 TEST_F(GatewayDeparted, AWanThatComesBackStartsAnewWithoutItsOldRules) {
   serve();
   openPort(wan);
@@ -56,6 +62,7 @@ TEST_F(GatewayDeparted, AWanThatComesBackStartsAnewWithoutItsOldRules) {
   openPort(wan);
 }
 
+// Promise: An interface that comes back unconfigured takes down what it had left.
 TEST_F(GatewayDeparted, AWanThatComesBackUnconfiguredLeavesNothingBehind) {
   serve();
   openPort(wan);
@@ -83,6 +90,8 @@ TEST_F(GatewayDeparted, AnInterfaceThatWasNotUsedLeavesNothingBehind) {
   EXPECT_EQ(found("ssdp:all"), allTargets(wan));
 }
 
+// Promise: Switching off, and the end of the daemon, take down what interfaces that are gone have
+// left.
 TEST_F(GatewayDeparted, DisablingEndsWhatADepartedWanLeftBehind) {
   serve();
   openPort(wan);
@@ -106,6 +115,8 @@ TEST_F(GatewayDeparted, LeavingEndsWhatDepartedInterfacesLeftBehind) {
   EXPECT_EQ(rulesRemoved(), 1U);
 }
 
+// Promise: An interface that is gone is the line `rem dev: NAME` and is forgotten: its sockets stay
+// open and nothing says goodbye.
 TEST_F(GatewayDeparted, ALanThatDisappearsStaysOpenAndGoesOnAdvertising) {
   serve();
   listen();
@@ -161,6 +172,10 @@ TEST_F(GatewayDeparted, AConnectionThatTimesOutOutlivesItsInterface) {
   EXPECT_EQ(readToEnd(client), "");
 }
 
+// Promise: A search on the socket of an interface that is gone is the line `findDevice fatal error`
+// and the end of the process with status 1.
+// Promise: A search on a discovery socket that no interface has any more logs `findDevice fatal
+// error` and ends the process with status 1.
 TEST_F(GatewayDeparted, ASearchOnADepartedInterfaceIsFatal) {
   serve();
   tellOfInterface(goneRecord(lan));
@@ -183,6 +198,8 @@ TEST_F(GatewayDeparted, AConnectionToADepartedInterfaceIsFatal) {
       testing::ExitedWithCode(1), "oo jeaaa");
 }
 
+// Promise: Interfaces may come and go any number of times: nothing is left over and nothing is used
+// after it is gone.
 TEST_F(GatewayDeparted, InterfacesComeAndGoManyTimes) {
   serve();
   for (int i = 0; i < 20; ++i) {

@@ -10,6 +10,7 @@ namespace {
 
 class GatewayInterfaces : public GatewayTest {};
 
+// Promise: An interface without an address logs `intr: 0 0` only and opens nothing.
 TEST_F(GatewayInterfaces, AnInterfaceWithoutAnAddressOpensNothing) {
   platformForgetsAddress(lanAddress);
   serve();
@@ -18,6 +19,7 @@ TEST_F(GatewayInterfaces, AnInterfaceWithoutAnAddressOpensNothing) {
   EXPECT_EQ(exchange("GET / HTTP/1.1\r\n\r\n"), "refused");
 }
 
+// Promise: Stopping an interface that never started says nothing, in the log or on the network.
 TEST_F(GatewayInterfaces, AnInterfaceThatNeverStartedStopsWithoutAWord) {
   platformForgetsAddress(lanAddress);
   serve();
@@ -27,6 +29,9 @@ TEST_F(GatewayInterfaces, AnInterfaceThatNeverStartedStopsWithoutAWord) {
   EXPECT_EQ(announced(), Lines{});
 }
 
+// Promise: A router without an external interface announces the four targets of its root device.
+// Promise [targets-root]: A router without an external interface is found with the four targets of
+// its root.
 TEST_F(GatewayInterfaces, TheRootAloneIsAnnouncedWithFourTargets) {
   start();
   addObject(lan, internal);
@@ -36,6 +41,8 @@ TEST_F(GatewayInterfaces, TheRootAloneIsAnnouncedWithFourTargets) {
   EXPECT_EQ(found("ssdp:all"), rootTargets);
 }
 
+// Promise [advert-period]: Everything is announced again each 3570 seconds, thirty seconds before
+// the announcements run out, as long as the interface serves.
 TEST_F(GatewayInterfaces, EverythingIsAnnouncedAgainBeforeItRunsOut) {
   serve();
   listen();
@@ -51,6 +58,7 @@ TEST_F(GatewayInterfaces, EverythingIsAnnouncedAgainBeforeItRunsOut) {
   EXPECT_EQ(announced(), Lines{});
 }
 
+// Promise [advert-count]: The 3570 seconds count from the interface's last start.
 TEST_F(GatewayInterfaces, ANewStartCountsFromItsOwnTime) {
   serve();
   platform.advance(350000);
@@ -62,6 +70,7 @@ TEST_F(GatewayInterfaces, ANewStartCountsFromItsOwnTime) {
   EXPECT_EQ(announced(), marked("ssdp:alive", allTargets(wan)));
 }
 
+// Also proves [goodbye].
 TEST_F(GatewayInterfaces, ALanSideHasTwoSocketsUntilItStops) {
   const auto openDescriptors = [] {
     const std::filesystem::directory_iterator descriptors("/proc/self/fd");
@@ -76,6 +85,11 @@ TEST_F(GatewayInterfaces, ALanSideHasTwoSocketsUntilItStops) {
   EXPECT_EQ(openDescriptors(), before);
 }
 
+// Promise: Sockets are bound to an interface's name, string `0x10005`, and the log shows its
+// display name, string `0x10006`.
+// Promise: A socket that cannot be opened is missing, which is logged, and the daemon goes on.
+// Promise: A socket that cannot be opened is reported, and the interface counts as started without
+// it.
 TEST_F(GatewayInterfaces, SocketsThatCannotBeOpenedAreMissing) {
   lm::message record = interfaceRecord(lan);
   record.insert_string(0x10005, "nosuch0");
@@ -96,6 +110,10 @@ TEST_F(GatewayInterfaces, SocketsThatCannotBeOpenedAreMissing) {
   EXPECT_EQ(log()[1], "stop int: LAN");
 }
 
+// Promise [two-externals]: Two external interfaces, say 3 and 7, are two trees with the stems
+// `wanipconn-3` and `wanipconn-7`, whose descriptions are the same files `wanipconn.xml` and
+// `wancommonifcfg.xml`.
+// Promise: Of two external interfaces one stops without the other.
 TEST_F(GatewayInterfaces, TwoWanSidesAreTwoTrees) {
   platformHasInterface(7, {});
   serve();
@@ -115,6 +133,10 @@ TEST_F(GatewayInterfaces, TwoWanSidesAreTwoTrees) {
   EXPECT_EQ(status("POST /upnp/control/wanipconn-7"), "HTTP/1.1 400 Bad Request");
 }
 
+// Promise: An external interface that starts before any internal one is not announced then, but
+// later with everything else.
+// Promise: An external interface that starts while no LAN is served is announced with the LAN that
+// starts later.
 TEST_F(GatewayInterfaces, AWanThatStartsBeforeAnyLanIsAnnouncedWithTheLan) {
   start();
   addObject(wan, external);
@@ -126,6 +148,8 @@ TEST_F(GatewayInterfaces, AWanThatStartsBeforeAnyLanIsAnnouncedWithTheLan) {
   EXPECT_EQ(announced(), marked("ssdp:alive", allTargets(wan)));
 }
 
+// Promise: Switching off stops the interfaces in the order in which they were configured; an
+// internal one says goodbye also for an external one that stopped before it.
 TEST_F(GatewayInterfaces, InterfacesStopInTheOrderOfTheirObjects) {
   start();
   addObject(wan, external);
@@ -142,6 +166,10 @@ TEST_F(GatewayInterfaces, InterfacesStopInTheOrderOfTheirObjects) {
   EXPECT_EQ(announced(), expected);
 }
 
+// Promise: The targets of an external interface that stopped are still found until the targets are
+// built again, although the description does not have it any more.
+// Promise: An external interface that was withdrawn is still found until another one starts or
+// stops.
 TEST_F(GatewayInterfaces, AWanThatWasWithdrawnIsFoundUntilTheTargetsAreMadeAnew) {
   platformHasInterface(7, {});
   serve();
@@ -153,6 +181,7 @@ TEST_F(GatewayInterfaces, AWanThatWasWithdrawnIsFoundUntilTheTargetsAreMadeAnew)
   EXPECT_EQ(found(udn), Lines{});
 }
 
+// Also proves [targets-withdrawn], [mapping-interface].
 TEST_F(GatewayInterfaces, AWanThatStopsRemovesItsRulesAndItsServices) {
   serve();
   openPort(wan);

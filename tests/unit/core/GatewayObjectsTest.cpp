@@ -26,6 +26,17 @@ class GatewayObjects : public GatewayTest {
   }
 };
 
+// Promise [gateway-numbers]: Configured interfaces are numbered from 1, and the answer to an
+// addition has the number.
+// Promise: A configured interface that is added while the daemon is enabled starts at once.
+// Promise: An internal interface that has an address is the lines `intr: STARTED NUMBER`, `start
+// int: NAME ADDRESS` and `sendAdverts`; one without an address opens nothing.
+// Promise: An external interface that starts is the line `start ext: NAME`, one that stops `stop
+// ext: NAME`.
+// Promise [targets-external]: An external interface that starts is announced alone, with the six
+// targets of its tree, on every internal interface that has started.
+// Promise: An interface that starts serving logs `intr: 0 <address as a number>` and `start int:
+// <name> <address>`, opens a discovery and an HTTP socket and announces everything.
 TEST_F(GatewayObjects, AnObjectThatIsAddedStartsItsInterface) {
   start();
   enable();
@@ -39,6 +50,8 @@ TEST_F(GatewayObjects, AnObjectThatIsAddedStartsItsInterface) {
   EXPECT_EQ(announced(), marked("ssdp:alive", wanTargets(wan)));
 }
 
+// Promise [interface-once]: A second addition of an interface is refused with error `0xfe0009`,
+// `Interface already added`, also while the platform does not know it, and nothing changes.
 TEST_F(GatewayObjects, AnInterfaceIsAddedOnce) {
   serve();
   EXPECT_EQ(lm::getError(addObject(lan, external)), "Interface already added");
@@ -47,6 +60,9 @@ TEST_F(GatewayObjects, AnInterfaceIsAddedOnce) {
   EXPECT_EQ(status("GET /gateway.xml"), "HTTP/1.1 200 OK");
 }
 
+// Promise [interface-early]: An interface that the platform does not know yet may be configured,
+// changed to and removed; it starts when it appears.
+// Also proves [interface-once].
 TEST_F(GatewayObjects, AnInterfaceNotSeenYetIsAddedAllTheSame) {
   serve();
   EXPECT_EQ(describe(addObject(4711, internal)), "{u32 0xfe0001=3}");
@@ -54,6 +70,7 @@ TEST_F(GatewayObjects, AnInterfaceNotSeenYetIsAddedAllTheSame) {
   EXPECT_EQ(log(), Lines{});
 }
 
+// Promise: A configured interface that is disabled when it is added starts nothing.
 TEST_F(GatewayObjects, ADisabledObjectStartsNothing) {
   start();
   enable();
@@ -68,6 +85,7 @@ TEST_F(GatewayObjects, ADisabledObjectStartsNothing) {
   EXPECT_EQ(log(), Lines{"disable"});
 }
 
+// Promise: A type other than external and internal starts nothing.
 TEST_F(GatewayObjects, AnObjectOfAnotherTypeStartsNothing) {
   start();
   enable();
@@ -77,6 +95,8 @@ TEST_F(GatewayObjects, AnObjectOfAnotherTypeStartsNothing) {
   EXPECT_EQ(log(), Lines{});
 }
 
+// Promise: A configured interface that is added while the daemon is not enabled opens nothing until
+// it is.
 TEST_F(GatewayObjects, AnObjectAddedWhileDisabledOpensNothing) {
   start();
   // The interface is known, since it was enabled before.
@@ -90,6 +110,8 @@ TEST_F(GatewayObjects, AnObjectAddedWhileDisabledOpensNothing) {
   EXPECT_EQ(status("GET /gateway.xml"), "HTTP/1.1 200 OK");
 }
 
+// Promise: Disabling a configured interface stops it for good: until it is enabled no address
+// starts it.
 TEST_F(GatewayObjects, DisablingAnObjectStopsItsInterfaceForGood) {
   serve();
   listen();
@@ -105,6 +127,7 @@ TEST_F(GatewayObjects, DisablingAnObjectStopsItsInterfaceForGood) {
   EXPECT_EQ(log(), (Lines{"intr: 0 3232258049", "start int: LAN 192.168.88.1", "sendAdverts"}));
 }
 
+// Promise: Every change of a configured interface restarts it, even an empty one.
 TEST_F(GatewayObjects, EverySetRestartsTheInterface) {
   serve();
   openPort(wan);
@@ -118,6 +141,8 @@ TEST_F(GatewayObjects, EverySetRestartsTheInterface) {
                           "start int: LAN 192.168.88.1", "sendAdverts"}));
 }
 
+// Promise: A change to an interface that another object has is refused with error `0xfe0009`,
+// `Interface already set`, and nothing changes; to its own interface it is accepted.
 TEST_F(GatewayObjects, AnInterfaceOfAnotherObjectCannotBeTaken) {
   serve();
   EXPECT_EQ(lm::getError(setObject(2, interfaceField(lan))), "Interface already set");
@@ -126,6 +151,7 @@ TEST_F(GatewayObjects, AnInterfaceOfAnotherObjectCannotBeTaken) {
   EXPECT_EQ(describe(setObject(2, interfaceField(wan))), "{}");
 }
 
+// Promise: A change to another interface stops the old one and starts the new one.
 TEST_F(GatewayObjects, AnObjectThatMovesStopsOneInterfaceAndStartsAnother) {
   platformHasInterface(7, {});
   serve();
@@ -139,6 +165,7 @@ TEST_F(GatewayObjects, AnObjectThatMovesStopsOneInterfaceAndStartsAnother) {
   EXPECT_EQ(status("POST /upnp/control/wanipconn-3"), "HTTP/1.1 404 Not Found");
 }
 
+// Promise: A change of the type stops the one side and starts the other.
 TEST_F(GatewayObjects, AnObjectThatChangesItsTypeChangesSides) {
   serve();
   setObject(1, typeField(external));
@@ -151,12 +178,21 @@ TEST_F(GatewayObjects, AnObjectThatChangesItsTypeChangesSides) {
   EXPECT_EQ(status("POST /upnp/control/wanipconn-2"), "HTTP/1.1 404 Not Found");
 }
 
+// Also proves [interface-early].
 TEST_F(GatewayObjects, AnObjectThatMovesToAnInterfaceNotSeenStopsTheOld) {
   serve();
   EXPECT_EQ(describe(setObject(1, interfaceField(4711))), "{}");
   EXPECT_EQ(log(), (Lines{"stop int: LAN", "sendAdverts"}));
 }
 
+// Promise: A configured interface that is removed stops.
+// Promise: An internal interface that stops is the line `stop int: NAME`, and no line when it was
+// not started.
+// Promise [targets-withdrawn]: An external interface that stops withdraws its six targets, ends its
+// subscriptions, removes its rules, and its services are not found any more.
+// Promise [goodbye]: An interface that stops logs `stop int: <name>`, withdraws every target and
+// closes both sockets.
+// Also proves [advert-external].
 TEST_F(GatewayObjects, AnObjectThatIsRemovedStopsItsInterface) {
   serve();
   listen();
@@ -168,6 +204,7 @@ TEST_F(GatewayObjects, AnObjectThatIsRemovedStopsItsInterface) {
   EXPECT_EQ(lm::getError(removeObject(1)), "no such object");
 }
 
+// Also proves [interface-early].
 TEST_F(GatewayObjects, AnObjectOfAnInterfaceNotSeenIsRemovedAllTheSame) {
   serve();
   addObject(4711, internal);

@@ -20,6 +20,7 @@ class GatewaySettings : public GatewayTest {
   }
 };
 
+// Also proves [identity-wait].
 TEST_F(GatewaySettings, AsksForTheIdentityFirst) {
   start();
   const auto asked = platform.sentTo({65}, 0xfe000d);
@@ -27,6 +28,11 @@ TEST_F(GatewaySettings, AsksForTheIdentityFirst) {
   EXPECT_EQ(describe(contentOf(asked[0])), "{}");
 }
 
+// Promise [settings]: There are three settings, bool 1 `enabled`, bool 2
+// `allowDisableExternalInterface` and bool 3 `showDummyRule`, which are off, on and on when nothing
+// was saved.
+// Promise [disabled-exit]: A daemon that is not enabled leaves one second after its start, logs
+// `exit` and ends with status 0.
 TEST_F(GatewaySettings, StartsDisabledWithoutASavedRecordAndLeavesAfterASecond) {
   start();
   EXPECT_EQ(describe(platform.request(0, lm::cmd::get)), "{bool 0x1=0, bool 0x2=1, bool 0x3=1}");
@@ -38,6 +44,7 @@ TEST_F(GatewaySettings, StartsDisabledWithoutASavedRecordAndLeavesAfterASecond) 
   EXPECT_EQ(log(), Lines{"exit"});
 }
 
+// Also proves [disabled-exit].
 TEST_F(GatewaySettings, StaysDisabledWhenTheRecordSaysSo) {
   store(settings(false, false, false));
   start();
@@ -47,12 +54,17 @@ TEST_F(GatewaySettings, StaysDisabledWhenTheRecordSaysSo) {
   EXPECT_TRUE(platform.stopped());
 }
 
+// Promise: A saved record that leaves a setting out leaves it at its default.
 TEST_F(GatewaySettings, KeepsTheDefaultOfWhatTheRecordDoesNotSay) {
   store(settings({}, false));
   start();
   EXPECT_EQ(describe(platform.request(0, lm::cmd::get)), "{bool 0x1=0, bool 0x2=0, bool 0x3=1}");
 }
 
+// Promise: A daemon whose saved record says so starts enabled: it serves at once and stays.
+// Promise: Switching on starts the configured interfaces, and each step is a line in the log.
+// Promise: What runs is not started again: for an internal interface the line is `intr: 1 NUMBER`
+// alone, for an external one there is none.
 TEST_F(GatewaySettings, ServesAtOnceWhenTheRecordSaysSo) {
   start();
   addObject(lan, internal);
@@ -88,6 +100,8 @@ TEST_F(GatewaySettings, ServesAtOnceWhenTheRecordSaysSo) {
   EXPECT_FALSE(platform.stopped());
 }
 
+// Promise [identity-none]: Without an identity the daemon works, with UDNs that end in their bare
+// prefix.
 TEST_F(GatewaySettings, WorksWithoutAnIdentity) {
   platform.refuse({65}, 0xfe000d, "no such service");
   serve();
@@ -95,6 +109,8 @@ TEST_F(GatewaySettings, WorksWithoutAnIdentity) {
   EXPECT_EQ(found("uuid:UUID-KESTRAVA-WAN-DEVICE--3").size(), 1U);
 }
 
+// Promise [identity-wait]: The daemon first asks service 65 with command `0xfe000d` for the
+// router's identity, string `0x20000001`, and waits for it no longer than six seconds.
 TEST_F(GatewaySettings, WaitsNoLongerThanSixSecondsForTheIdentity) {
   platform.ignore({65}, 0xfe000d);
   const uint64_t before = platform.clock().now();
@@ -102,6 +118,12 @@ TEST_F(GatewaySettings, WaitsNoLongerThanSixSecondsForTheIdentity) {
   EXPECT_EQ(platform.clock().now() - before, 6000U);
 }
 
+// Promise [gateway-record]: A write is saved as it came, as record 0 of `/lumen/store/upnpm`, in
+// place of the last one.
+// Promise: Subscribers to the daemon's changes are notified of a write, command `0xfe000b` with its
+// fields.
+// Promise: A write can be undone: the undo `upnp config changed` carries command `0xfe000e` and the
+// three settings as they were.
 TEST_F(GatewaySettings, AWriteIsStoredToldAndUndoable) {
   start();
   platform.forgetSent();
@@ -130,6 +152,9 @@ TEST_F(GatewaySettings, TheUndoHasTheValuesBeforeTheWrite) {
             "{u32 0xff0007=16646158, bool 0x1=1, bool 0x2=0, bool 0x3=0}");
 }
 
+// Promise: A write changes the settings that it has, keeps the others and is answered with an empty
+// message.
+// Also proves [gateway-record].
 TEST_F(GatewaySettings, AWriteOfOneSettingKeepsTheOthers) {
   start();
   write(settings({}, false));
@@ -139,6 +164,7 @@ TEST_F(GatewaySettings, AWriteOfOneSettingKeepsTheOthers) {
   EXPECT_EQ(stored(), "{bool 0x3=0}");
 }
 
+// Promise: A write without a setting changes none, and saves an empty record.
 TEST_F(GatewaySettings, AnEmptyWriteChangesNothingAndStoresNothing) {
   start();
   EXPECT_EQ(describe(write({})), "{}");
@@ -146,6 +172,7 @@ TEST_F(GatewaySettings, AnEmptyWriteChangesNothingAndStoresNothing) {
   EXPECT_EQ(describe(platform.request(0, lm::cmd::get)), "{bool 0x1=0, bool 0x2=1, bool 0x3=1}");
 }
 
+// Promise: A write that leaves `enabled` as it was restarts no interface.
 TEST_F(GatewaySettings, AWriteThatDoesNotSwitchRestartsNothing) {
   serve();
   listen();
@@ -154,6 +181,10 @@ TEST_F(GatewaySettings, AWriteThatDoesNotSwitchRestartsNothing) {
   EXPECT_EQ(announced(), Lines{});
 }
 
+// Promise [settings-live]: A write reaches the external interfaces that run, whether they may be
+// disabled and whether they show the dummy rule.
+// Promise: A change of the setting `allowDisableExternalInterface` takes effect at once, and
+// applies to services that start later.
 TEST_F(GatewaySettings, ANewAllowanceReachesTheConnection) {
   serve();
   platform.answer({20, 0}, lm::cmd::setObject, {});
@@ -172,6 +203,8 @@ TEST_F(GatewaySettings, ANewAllowancePassesByAnObjectWhoseInterfaceIsAway) {
   EXPECT_NE(invoke("/upnp/control/wanipconn-3", "ForceTermination").find("501"), std::string::npos);
 }
 
+// Promise: Whether it may be disabled is known to an external interface from its start; the dummy
+// rule is shown until the next write says otherwise.
 TEST_F(GatewaySettings, TheAllowanceReachesAConnectionThatStartsLater) {
   start();
   write(settings(true, false, false));
@@ -180,6 +213,9 @@ TEST_F(GatewaySettings, TheAllowanceReachesAConnectionThatStartsLater) {
   EXPECT_NE(invoke("/upnp/control/wanipconn-3", "ForceTermination").find("501"), std::string::npos);
 }
 
+// Promise: A service that starts while the dummy is hidden still lists it, until the settings are
+// written next.
+// Also proves [settings-live].
 TEST_F(GatewaySettings, TheDummyReachesAConnectionOnlyWithAWrite) {
   const std::string index = "<NewPortMappingIndex>0</NewPortMappingIndex>";
   const auto showsDummy = [&] {
@@ -197,6 +233,8 @@ TEST_F(GatewaySettings, TheDummyReachesAConnectionOnlyWithAWrite) {
   EXPECT_TRUE(showsDummy());
 }
 
+// Promise: Switching on logs `enable`, subscribes to the interface table `[20, 0]`, commands
+// `0x10004` and `0xfe000b`, and to the address table `[20, 1]`, command `0xfe000b`, and reads both.
 TEST_F(GatewaySettings, EnablingReadsTheTablesAndSubscribes) {
   start();
   platform.forgetSent();
@@ -211,6 +249,7 @@ TEST_F(GatewaySettings, EnablingReadsTheTablesAndSubscribes) {
   EXPECT_EQ(platform.sentTo({20, 1}, lm::cmd::readAll).size(), 1U);
 }
 
+// Promise: Switching on cancels the pending end of the daemon.
 TEST_F(GatewaySettings, EnablingCancelsTheLeave) {
   start();
   platform.advance(99);
@@ -219,6 +258,9 @@ TEST_F(GatewaySettings, EnablingCancelsTheLeave) {
   EXPECT_FALSE(platform.stopped());
 }
 
+// Promise [switch-off]: Switching off logs `disable`, says goodbye on the internal interfaces,
+// stops all interfaces, ends the three subscriptions and lets the daemon leave after a second.
+// Promise [goodbye-end]: Switching the gateway off, or ending it, withdraws everything.
 TEST_F(GatewaySettings, DisablingStopsEverythingUnsubscribesAndLeaves) {
   serve();
   listen();
@@ -239,6 +281,8 @@ TEST_F(GatewaySettings, DisablingStopsEverythingUnsubscribesAndLeaves) {
   EXPECT_EQ(log(), Lines{"exit"});
 }
 
+// Promise: Switching off ends the event subscriptions to OSInfo.
+// Also proves [subscription-off].
 TEST_F(GatewaySettings, DisablingEndsTheSubscriptionsOfTheSystem) {
   serve();
   const std::string host = "HOST: 192.168.88.1:2828\r\n";
@@ -269,6 +313,8 @@ TEST_F(GatewaySettings, CanBeSwitchedOffAndOnBeforeItLeaves) {
   EXPECT_EQ(status("GET /gateway.xml"), "HTTP/1.1 200 OK");
 }
 
+// Promise [goodbye-rules]: A daemon that is asked to end while it is enabled switches off first and
+// then logs `exit`: it says goodbye and removes its rules.
 TEST_F(GatewaySettings, LeavingTheLoopDisables) {
   serve();
   listen();
@@ -281,6 +327,7 @@ TEST_F(GatewaySettings, LeavingTheLoopDisables) {
   EXPECT_EQ(theGateway, nullptr);
 }
 
+// Promise: A daemon that has lost the platform ends in good order.
 TEST_F(GatewaySettings, LeavesWithoutAPlatform) {
   serve();
   openPort(wan);
@@ -291,11 +338,14 @@ TEST_F(GatewaySettings, LeavesWithoutAPlatform) {
                           "on cleanup remove nat failed: connection ended", "exit"}));
 }
 
+// Promise: A command that the daemon does not know is answered with the error `unknown command`.
 TEST_F(GatewaySettings, AnswersAStrangeCommandWithAnError) {
   start();
   EXPECT_EQ(lm::getError(platform.request(0, 0x4711)), "unknown command");
 }
 
+// Promise: A change that another source than the two tables notifies is answered with an empty
+// message and ignored.
 TEST_F(GatewaySettings, IgnoresChangesOfStrangers) {
   serve();
   lm::message change;
@@ -309,6 +359,9 @@ TEST_F(GatewaySettings, IgnoresChangesOfStrangers) {
   EXPECT_EQ(log(), Lines{});
 }
 
+// Promise: A read of the settings answers the three of them and never a configured interface.
+// Promise: The object with the id of all ones is the settings; any other id is a configured
+// interface or the error `no such object`.
 TEST_F(GatewaySettings, ObjectAllOnesIsTheSettings) {
   start();
   EXPECT_EQ(describe(gateway->getObject(0xFFFFFFFF)), "{bool 0x1=0, bool 0x2=1, bool 0x3=1}");

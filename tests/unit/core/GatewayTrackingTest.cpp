@@ -33,6 +33,8 @@ class GatewayTracking : public GatewayTest {
   }
 };
 
+// Promise [page-field]: The interface list is read with command 1 from `[20, 0]`, page by page: the
+// cursor u32 `0x8fe0003` is absent in the first request and then the one of the last page.
 TEST_F(GatewayTracking, TheListIsReadPageByPage) {
   std::vector<std::string> cursors;
   platform.onRequest({20, 0}, lm::cmd::list, [&](const lm::message& request) {
@@ -55,6 +57,8 @@ TEST_F(GatewayTracking, TheListIsReadPageByPage) {
   EXPECT_EQ(lines[1], "add dev: WAN");
 }
 
+// Promise: A list that fails, or has no records, is the line `device::CMD_GETDEVS failed: ` and the
+// error text, and the start goes on with what there is.
 TEST_F(GatewayTracking, AListThatFailsIsLoggedAndTheStartGoesOn) {
   platform.refuse({20, 0}, lm::cmd::list, "no such service");
   start();
@@ -71,6 +75,8 @@ TEST_F(GatewayTracking, AnAnswerWithoutAListIsLogged) {
   EXPECT_EQ(log()[0], "device::CMD_GETDEVS failed: ");
 }
 
+// Promise: A cursor that does not rise ends the list with the line `device::CMD_GETDEVS failed:
+// cursor does not rise`.
 TEST_F(GatewayTracking, ACursorThatDoesNotRiseEndsTheList) {
   lm::message page;
   page.insert_message_array(lm::key::records, {interfaceRecord(lan)});
@@ -82,6 +88,8 @@ TEST_F(GatewayTracking, ACursorThatDoesNotRiseEndsTheList) {
   EXPECT_EQ(log()[2], "device::CMD_GETDEVS failed: cursor does not rise");
 }
 
+// Promise: A record of a known interface is the line `set dev: NAME (ID)` and takes the place of
+// the last one.
 TEST_F(GatewayTracking, AKnownInterfaceTakesItsNewRecord) {
   serve();
   lm::message renamed = interfaceRecord(lan);
@@ -92,6 +100,10 @@ TEST_F(GatewayTracking, AKnownInterfaceTakesItsNewRecord) {
   EXPECT_EQ(log()[0], "stop int: Living room");
 }
 
+// Promise: An interface that appears is the line `add dev: NAME`, and what is configured for it the
+// line `set type: TYPE ID` and its start.
+// Promise: An interface that appears has the addresses that were told before it, and the smallest
+// of them is its own.
 TEST_F(GatewayTracking, AnInterfaceThatAppearsTakesTheAddressesThatCameBefore) {
   serve();
   addObject(7, external);
@@ -103,6 +115,7 @@ TEST_F(GatewayTracking, AnInterfaceThatAppearsTakesTheAddressesThatCameBefore) {
                           "initial external addr: 45.45.45.100", "sendAdverts"}));
 }
 
+// Promise: An interface that appears is started even when its configuration is disabled.
 TEST_F(GatewayTracking, ADisabledObjectIsStartedWhenItsInterfaceAppears) {
   serve();
   addObject(7, external, true);
@@ -110,6 +123,7 @@ TEST_F(GatewayTracking, ADisabledObjectIsStartedWhenItsInterfaceAppears) {
   EXPECT_EQ(log()[2], "start ext: WAN");
 }
 
+// Promise: An interface that appears while the daemon is not enabled starts nothing.
 TEST_F(GatewayTracking, AnInterfaceThatAppearsWhileDisabledStartsNothing) {
   start();
   addObject(lan, internal);
@@ -118,6 +132,10 @@ TEST_F(GatewayTracking, AnInterfaceThatAppearsWhileDisabledStartsNothing) {
   EXPECT_EQ(log(), (Lines{"add dev: LAN", "set type: 2 2"}));
 }
 
+// Promise: The state of an external interface is the status of its connection: `Disconnected` when
+// it is disabled, else `Connected` when it runs, else `Connecting`.
+// Promise [ip-status]: The status is `Disconnected` while the interface is disabled, else
+// `Connected` while it is running, else `Connecting`.
 TEST_F(GatewayTracking, TheStateOfAnInterfaceIsTheStatusOfItsConnection) {
   serve();
   EXPECT_EQ(connectionStatus(), "Connected");
@@ -129,6 +147,8 @@ TEST_F(GatewayTracking, TheStateOfAnInterfaceIsTheStatusOfItsConnection) {
   EXPECT_EQ(connectionStatus(), "Disconnected");
 }
 
+// Promise: The state of an interface is the line `dev: ID disabled: 0 running: 1`, and a record may
+// leave out what has not changed.
 TEST_F(GatewayTracking, AStateRecordSaysWhatHasChangedOnly) {
   serve();
   tellStates({stateRecord(wan, true, true)});
@@ -147,6 +167,7 @@ TEST_F(GatewayTracking, AStateRecordSaysWhatHasChangedOnly) {
   EXPECT_EQ(log(), Lines{"dev: 3 disabled: 1 running: 0"});
 }
 
+// Also proves [ip-status].
 TEST_F(GatewayTracking, AConnectionThatStartsKnowsTheState) {
   serve();
   const struct {
@@ -166,6 +187,8 @@ TEST_F(GatewayTracking, AConnectionThatStartsKnowsTheState) {
   }
 }
 
+// Promise: A change of states or of addresses without a record stands for the whole table, which is
+// read.
 TEST_F(GatewayTracking, AnEmptyStateChangeReadsTheWholeTable) {
   serve();
   platformHasInterface(wan, stateRecord(wan, false, false));
@@ -175,6 +198,7 @@ TEST_F(GatewayTracking, AnEmptyStateChangeReadsTheWholeTable) {
   EXPECT_EQ(platform.sentTo({20, 0}, lm::cmd::readAll).size(), 2U);
 }
 
+// Promise: Records of unknown interfaces and address objects are ignored.
 TEST_F(GatewayTracking, RecordsOfNobodyAreIgnored) {
   serve();
   tellStates({stateRecord(4711, true, true), lm::message()});
@@ -184,6 +208,10 @@ TEST_F(GatewayTracking, RecordsOfNobodyAreIgnored) {
   EXPECT_EQ(log(), Lines{});
 }
 
+// Promise: A new address is the line `dev: INTERFACE add address: ADDRESS (ID)`, a changed one `set
+// address` and a removed one `remove address`.
+// Promise [address-kept]: Another address that comes or goes, even a smaller one, changes nothing
+// as long as the current one is there.
 TEST_F(GatewayTracking, ASecondAddressChangesNothing) {
   serve();
   listen();
@@ -195,6 +223,8 @@ TEST_F(GatewayTracking, ASecondAddressChangesNothing) {
   EXPECT_EQ(announced(), Lines{});
 }
 
+// Promise [address-smallest]: Of several addresses the smallest serves, by the order of the dotted
+// numbers.
 TEST_F(GatewayTracking, TheSmallestAddressIsTheFirstToServe) {
   // As numbers in memory of this machine the order would be another one.
   platformHasAddress(10, addressRecord(10, lan, "192.168.88.200"));
@@ -209,6 +239,11 @@ TEST_F(GatewayTracking, TheSmallestAddressIsTheFirstToServe) {
   EXPECT_EQ(log()[2], "intr: 0 3232258248");
 }
 
+// Promise: A change of an interface's own address is the line `dev: INTERFACE ip: ADDRESS`, with
+// `0.0.0.0` for none.
+// Promise: When the current address goes, an internal interface says goodbye and announces itself
+// from the smallest of those that remain.
+// Also proves [goodbye-address].
 TEST_F(GatewayTracking, TheCurrentAddressThatGoesLeavesItsPlaceToTheRemaining) {
   serve();
   tellAddresses({addressRecord(20, lan, "192.168.88.2"), addressRecord(21, lan, "10.0.0.1")});
@@ -223,6 +258,8 @@ TEST_F(GatewayTracking, TheCurrentAddressThatGoesLeavesItsPlaceToTheRemaining) {
   EXPECT_EQ(announced(), expected);
 }
 
+// Promise [address-last]: When its last address goes, an internal interface says goodbye and
+// closes; the next address opens it again.
 TEST_F(GatewayTracking, TheLastAddressThatGoesStopsTheLanSide) {
   serve();
   listen();
@@ -234,6 +271,7 @@ TEST_F(GatewayTracking, TheLastAddressThatGoesStopsTheLanSide) {
                           "intr: 0 3232258049", "start int: LAN 192.168.88.1", "sendAdverts"}));
 }
 
+// Promise: An address that is disabled does not serve.
 TEST_F(GatewayTracking, AnAddressThatIsDisabledDoesNotServe) {
   serve();
   tellAddresses({addressRecord(lanAddress, lan, "192.168.88.1", true)});
@@ -259,6 +297,8 @@ TEST_F(GatewayTracking, AnAddressThatChangesWhileDisabledStartsNothing) {
   EXPECT_EQ(exchange("GET /gateway.xml HTTP/1.1\r\n\r\n"), "refused");
 }
 
+// Promise: A new address of an external interface is its external address at once; its tree, its
+// ports and their rules stay as they are.
 TEST_F(GatewayTracking, AnAddressThatChangesIsOneChange) {
   serve();
   tellAddresses({addressRecord(wanAddress, wan, "45.45.45.9")});
@@ -267,6 +307,7 @@ TEST_F(GatewayTracking, AnAddressThatChangesIsOneChange) {
   EXPECT_EQ(externalAddress(), "45.45.45.9");
 }
 
+// Promise: An address record may leave out what is known of its address.
 TEST_F(GatewayTracking, AnAddressRecordMayLeaveOutWhatIsKnown) {
   serve();
   lm::message record;
@@ -275,6 +316,7 @@ TEST_F(GatewayTracking, AnAddressRecordMayLeaveOutWhatIsKnown) {
   EXPECT_EQ(log(), Lines{"dev: 3 set address: 45.45.45.2 (12)"});
 }
 
+// Promise: A new address record without an address is one of `0.0.0.0`.
 TEST_F(GatewayTracking, AnAddressRecordThatSaysNoAddressSaysZero) {
   serve();
   lm::message record;
@@ -284,6 +326,8 @@ TEST_F(GatewayTracking, AnAddressRecordThatSaysNoAddressSaysZero) {
   EXPECT_EQ(log(), Lines{"dev: 2 add address: 0.0.0.0 (60)"});
 }
 
+// Promise [address-interface]: The interface of an address is u32 5 of its record or, without that,
+// u32 10.
 TEST_F(GatewayTracking, TheInterfaceOfAnAddressMayStandInTheOtherField) {
   serve();
   lm::message record = addressRecord(40, 0, "45.45.45.1");
@@ -295,6 +339,7 @@ TEST_F(GatewayTracking, TheInterfaceOfAnAddressMayStandInTheOtherField) {
   EXPECT_EQ(log(), Lines{"dev: 3 add address: 45.45.45.1 (40)"});
 }
 
+// Promise: An address that moves to another interface leaves the old one.
 TEST_F(GatewayTracking, AnAddressThatMovesLeavesItsOldInterface) {
   serve();
   tellAddresses({addressRecord(20, lan, "192.168.88.2")});
@@ -305,6 +350,7 @@ TEST_F(GatewayTracking, AnAddressThatMovesLeavesItsOldInterface) {
   EXPECT_EQ(log()[1], "dev: 2 ip: 0.0.0.0");
 }
 
+// Promise: The removal of an address that says disabled is ignored.
 TEST_F(GatewayTracking, ARemovalThatSaysDisabledIsIgnored) {
   serve();
   tellAddresses({removedRecord(lanAddress, lan, "192.168.88.1", true)});
@@ -313,6 +359,8 @@ TEST_F(GatewayTracking, ARemovalThatSaysDisabledIsIgnored) {
   EXPECT_EQ(log(), Lines{"dev: 2 set address: 192.168.88.1 (11)"});
 }
 
+// Promise: A whole read forgets the address objects that are no longer listed, but leaves the
+// interfaces the addresses that they had.
 TEST_F(GatewayTracking, AFullReadForgetsAddressObjectsButLeavesTheInterfacesTheirs) {
   serve();
   platformForgetsAddress(wanAddress);
@@ -331,6 +379,8 @@ TEST_F(GatewayTracking, AFullReadForgetsAddressObjectsButLeavesTheInterfacesThei
   EXPECT_EQ(log(), Lines{"dev: 3 add address: 45.45.45.2 (12)"});
 }
 
+// Promise: A whole read that fails is the line `device::CMD_GETALL failed: ` and the error text,
+// and the gateway goes on serving.
 TEST_F(GatewayTracking, AFullReadThatFailsIsLogged) {
   serve();
   platform.refuse({20, 0}, lm::cmd::readAll, "not now");
@@ -342,6 +392,7 @@ TEST_F(GatewayTracking, AFullReadThatFailsIsLogged) {
   EXPECT_EQ(status("GET /gateway.xml"), "HTTP/1.1 200 OK");
 }
 
+// Promise [table-waits]: A list is waited for six seconds, the states three and the addresses six.
 TEST_F(GatewayTracking, TheFullReadsWaitAsLongAsEachMay) {
   start();
   platform.ignore({20, 0}, lm::cmd::list);
@@ -352,6 +403,8 @@ TEST_F(GatewayTracking, TheFullReadsWaitAsLongAsEachMay) {
   EXPECT_EQ(platform.clock().now() - before, 6000U + 3000U + 6000U);
 }
 
+// Promise: The states and the addresses are read as whole tables with command `0xfe0004` from `[20,
+// 0]` and `[20, 1]`.
 TEST_F(GatewayTracking, AFullReadAsksForTheTableAsItIsKept) {
   start();
   platform.forgetSent();

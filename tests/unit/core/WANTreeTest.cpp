@@ -4,6 +4,18 @@
 
 namespace {
 
+// Promise [wan-device]: Under the root device an external interface with the id ID is a `WAN
+// Device` of type `urn:schemas-upnp-org:device:WANDevice:1` with the UDN
+// `uuid:UUID-KESTRAVA-WAN-DEVICE-IDENTITY-ID`.
+// Promise [common-service]: The WANDevice of an external interface has the service
+// `urn:schemas-upnp-org:service:WANCommonInterfaceConfig:1` as
+// `urn:upnp-org:serviceId:WANCommonIFC1` with the stem `wancommonifc-ID`.
+// Promise [connection-device]: In the WANDevice of an external interface there is a `WAN Connection
+// Device` of type `urn:schemas-upnp-org:device:WANConnectionDevice:1` with the UDN
+// `uuid:UUID-KESTRAVA-WAN-CONNECTION-DEVICE-IDENTITY-ID`.
+// Promise [connection-service]: The connection device has the service
+// `urn:schemas-upnp-org:service:WANIPConnection:1` as `urn:upnp-org:serviceId:WANIPConn1` with the
+// stem `wanipconn-ID`.
 TEST(WANTree, NamesEverythingAfterTheRouterAndTheInterface) {
   const WANTree tree("ID", 7);
   EXPECT_EQ(WANTree::udn("ID", 7), "UUID-KESTRAVA-WAN-DEVICE-ID-7");
@@ -34,6 +46,8 @@ TEST(WANTree, NamesEverythingAfterTheRouterAndTheInterface) {
   EXPECT_EQ(service.eventSubURL, tree.ipConn.eventSubURL);
 }
 
+// Promise: Without an identity the names of the tree keep their dashes:
+// `UUID-KESTRAVA-WAN-DEVICE--3`.
 TEST(WANTree, KeepsItsNamesWithoutAnIdentity) {
   EXPECT_EQ(WANTree::udn("", 4294967295), "UUID-KESTRAVA-WAN-DEVICE--4294967295");
 }

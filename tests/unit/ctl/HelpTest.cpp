@@ -57,6 +57,7 @@ struct Help : testing::Test {
   Words calls;  // how an example of each begins
 };
 
+// Also proves [ctl-help].
 TEST_F(Help, KnowsEveryCommand) { EXPECT_GT(helps.size(), 25U); }
 
 TEST_F(Help, SaysWhatAnArgumentTakesAndWhetherItIsNeeded) {
@@ -66,6 +67,7 @@ TEST_F(Help, SaysWhatAnArgumentTakesAndWhetherItIsNeeded) {
   EXPECT_NE(add.find("\n  --disable "), std::string::npos) << add;
 }
 
+// Promise: `--help` of every command lists `--json` and `--root`.
 TEST_F(Help, ListsTheOptionsOfEveryCommandWithEachOfThem) {
   for (const std::string& help : helps) {
     Words options = part(help, "Options of every command:");
@@ -79,6 +81,8 @@ TEST_F(Help, ListsTheOptionsOfEveryCommandWithEachOfThem) {
   }
 }
 
+// Promise [ctl-help]: `--help` of the program, and of each command and subcommand, ends with
+// examples that can be typed as they are.
 TEST_F(Help, GivesExamplesOfEveryCommand) {
   for (size_t i = 0; i < helps.size(); ++i) {
     EXPECT_TRUE(std::ranges::any_of(part(helps[i], "Examples:"), [&](const std::string& line) {
@@ -87,6 +91,7 @@ TEST_F(Help, GivesExamplesOfEveryCommand) {
   }
 }
 
+// Also proves [ctl-help].
 TEST_F(Help, GivesExamplesThatCanBeTyped) {
   for (const std::string& help : helps) {
     for (const std::string& line : part(help, "Examples:")) {
@@ -103,6 +108,7 @@ TEST_F(Help, GivesExamplesThatCanBeTyped) {
   }
 }
 
+// Also proves [ctl-help].
 TEST_F(Help, GivesExamplesOfAHundredColumnsAtMost) {
   for (const std::string& help : helps) {
     for (const std::string& line : part(help, "Examples:")) EXPECT_LE(line.size(), 100U) << line;

@@ -15,6 +15,10 @@ struct Usage : testing::Test {
   FakePlatform router;
 };
 
+// Promise [ctl-status]: lumenctl ends with 0 when all was done, with 1 and `lumenctl: ` and the
+// reason on standard error when the platform refused, and with 2 when it was called wrongly.
+// Promise: Wrong arguments are refused before anybody is asked, with the reason and which `--help`
+// tells more: `lumenctl nat close --help tells how it is used.`
 TEST_F(Usage, EndsWith2WhenTheArgumentsAreWrong) {
   const std::vector<std::pair<Lines, const char*>> wrong = {
       {{}, "no command"},
@@ -64,6 +68,9 @@ TEST_F(Usage, EndsWith2WhenTheArgumentsAreWrong) {
   EXPECT_EQ(router.requests(), Lines{});
 }
 
+// Promise: A word that is no command, or an option that there is not, is named, with the one that
+// was likely meant and where the right ones are listed: `there is no command 'statsu'; did you mean
+// 'status'?`, `lumenctl --help lists the commands.`
 TEST_F(Usage, NamesTheWordThatItDidNotUnderstandAndTheLikelyOne) {
   const std::string toldBy = " --help tells how it is used.\n";
   const std::string listedBy = " --help lists the commands.\n";
@@ -108,12 +115,15 @@ TEST_F(Usage, SuggestsNothingForAWordOfAnyLength) {
   }
 }
 
+// Also proves [ctl-escape].
 TEST_F(Usage, ShowsWrongArgumentsEscaped) {
   const auto result = router.lumenctl({"\x1b[2J"});
   EXPECT_EQ(result.status, 2);
   EXPECT_EQ(result.err.find('\x1b'), std::string::npos);
 }
 
+// Promise [ctl-version]: `--help`, of a command too, and `--version` need no platform and end with
+// 0.
 TEST_F(Usage, HelpsWithoutAPlatform) {
   router.cannotBeReached();
   for (const Lines& arguments :
@@ -126,6 +136,7 @@ TEST_F(Usage, HelpsWithoutAPlatform) {
   }
 }
 
+// Promise: `help COMMAND` says the same as `COMMAND --help`, and `help` the same as `--help`.
 TEST_F(Usage, HelpsTheSameWithTheCommandAndWithTheOption) {
   EXPECT_EQ(router.lumenctl({"help"}).out, router.lumenctl({"--help"}).out);
   EXPECT_EQ(router.lumenctl({"help", "nat"}).out, router.lumenctl({"nat", "--help"}).out);
@@ -133,6 +144,8 @@ TEST_F(Usage, HelpsTheSameWithTheCommandAndWithTheOption) {
             router.lumenctl({"nat", "policy", "set", "--help"}).out);
 }
 
+// Promise: `interface`, `address`, `service`, `nat` and `upnp interface` alone do what they do with
+// `list`.
 TEST_F(Usage, ListsWhenAGroupOfCommandsStandsAlone) {
   router.hasLink("wan0", 1);
   router.hasAddress("wan0", "45.45.45.1");
@@ -153,12 +166,14 @@ TEST_F(Usage, ListsWhenAGroupOfCommandsStandsAlone) {
   }
 }
 
+// Also proves [ctl-version].
 TEST_F(Usage, SaysItsVersion) {
   const auto result = router.lumenctl({"--version"});
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.out, "lumenctl " PALINODE_VERSION "\n");
 }
 
+// Promise: A platform that cannot be reached is a refusal, reported with the system's error text.
 TEST_F(Usage, EndsWith1WhenThePlatformCannotBeReached) {
   router.cannotBeReached();
   const auto result = router.lumenctl({"status"});
@@ -166,6 +181,9 @@ TEST_F(Usage, EndsWith1WhenThePlatformCannotBeReached) {
   EXPECT_EQ(result.err, "lumenctl: nobody answers\nlumend logs to its standard output.\n");
 }
 
+// Promise: When lumend cannot be reached, has ended or does not answer in time, a second line names
+// its log: under systemd `To see its log: journalctl -u lumend (root, and members of adm or
+// systemd-journal).`, elsewhere its standard output.
 TEST_F(Usage, NamesTheLogOfAPlatformThatIsSilent) {
   const std::string journal =
       "To see its log: journalctl -u lumend (root, and members of adm or systemd-journal).\n";
@@ -210,6 +228,7 @@ void hasSomethingToChange(FakePlatform& router) {
   router.wasChanged("upnp config changed", lm::cmd::set, {});
 }
 
+// Also proves [ctl-status].
 TEST_F(Usage, SaysThatNothingIsDoneWhenItWasRefused) {
   hasSomethingToChange(router);
   for (const uint32_t command :
@@ -226,6 +245,8 @@ TEST_F(Usage, SaysThatNothingIsDoneWhenItWasRefused) {
   }
 }
 
+// Promise: Every command that changes something says each thing that it did, with `--json` in an
+// array `done`.
 TEST_F(Usage, SaysWhatIsDoneInJsonToo) {
   for (Lines arguments : changing) {
     FakePlatform fresh;
@@ -237,6 +258,8 @@ TEST_F(Usage, SaysWhatIsDoneInJsonToo) {
   }
 }
 
+// Promise [ctl-output]: An answer that cannot be written ends lumenctl with 1: `lumenctl: standard
+// output cannot be written`.
 TEST_F(Usage, EndsWith1WhenItsAnswerCannotBeWritten) {
   for (const Lines& arguments : {Lines{"identity"}, Lines{"--json", "identity"}}) {
     router.standardOutputIsFull();
@@ -246,6 +269,8 @@ TEST_F(Usage, EndsWith1WhenItsAnswerCannotBeWritten) {
   }
 }
 
+// Promise: With `--root DIR`, before or after the command, lumenctl asks `DIR/run/lumen.sock`,
+// however long DIR is.
 TEST_F(Usage, TakesTheRootBeforeOrBehindTheCommand) {
   EXPECT_EQ(router.lumenctl({"--root", "/tmp/a", "identity"}).status, 0);
   EXPECT_EQ(router.root(), "/tmp/a");

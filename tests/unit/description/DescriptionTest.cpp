@@ -38,6 +38,9 @@ XMLNode child(const XMLNode& node, const std::string& name) {
 
 }  // namespace
 
+// Promise: A service is named after a domain, a type, an id and a stem:
+// `urn:schemas-DOMAIN:service:TYPE`, `urn:DOMAIN:serviceId:ID`, `/STEM.xml`, `/upnp/control/STEM`
+// and `/upnp/event/STEM`.
 TEST(UpnpServiceDescr, IsDerivedFromFourTexts) {
   const UpnpServiceDescr service = osInfo();
   EXPECT_EQ(service.serviceType, "urn:schemas-microsoft-com:service:OSInfo:1");
@@ -47,6 +50,8 @@ TEST(UpnpServiceDescr, IsDerivedFromFourTexts) {
   EXPECT_EQ(service.eventSubURL, "/upnp/event/osinfo");
 }
 
+// Promise: A `service` element holds `serviceType`, `serviceId`, `SCPDURL`, `controlURL` and
+// `eventSubURL`, in this order.
 TEST(UpnpServiceDescr, WritesAServiceElement) {
   EXPECT_EQ(osInfo().getDescription().get(),
             "<service>\r\n"
@@ -58,6 +63,8 @@ TEST(UpnpServiceDescr, WritesAServiceElement) {
             "</service>\r\n");
 }
 
+// Promise: An `icon` element holds `mimetype`, `width`, `height`, `depth` and `url`, in this order,
+// the numbers in decimal.
 TEST(UpnpIcon, WritesAnIconElement) {
   EXPECT_EQ((UpnpIcon{"image/gif", 16, 32, 4294967295, "/logo16.gif"}).getDescription().get(),
             "<icon>\r\n"
@@ -69,6 +76,8 @@ TEST(UpnpIcon, WritesAnIconElement) {
             "</icon>\r\n");
 }
 
+// Promise: By default a device is made by `Kestrava`, `http://www.kestrava.example/`, and is a
+// `Palinode`.
 TEST(UpnpDeviceDescr, KnowsItsMaker) {
   const UpnpDeviceDescr descr;
   EXPECT_EQ(descr.manufacturer, "Kestrava");
@@ -80,6 +89,12 @@ TEST(UpnpDeviceDescr, KnowsItsMaker) {
   EXPECT_TRUE(descr.icons.empty());
 }
 
+// Promise: `deviceType` is written after `urn:` and `UDN` after `uuid:`.
+// Promise: Of the texts, `manufacturerURL`, `modelDescription`, `modelNumber`, `modelURL`,
+// `serialNumber`, `UPC` and `presentationURL` are left out when they are empty.
+// Promise: `friendlyName`, `manufacturer` and `modelName` are written even when they are empty.
+// Promise: `iconList` and `deviceList` are left out when there is nothing in them.
+// Promise: A device without services has an empty list of them: `<serviceList></serviceList>`.
 TEST(UpnpDevice, LeavesOutOptionalElementsThatAreEmpty) {
   EXPECT_EQ(deviceNamed("1").getDescription().get(),
             "<device>\r\n"
@@ -93,6 +108,10 @@ TEST(UpnpDevice, LeavesOutOptionalElementsThatAreEmpty) {
             "</device>\r\n");
 }
 
+// Promise: A `device` element holds `deviceType`, `friendlyName`, `manufacturer`,
+// `manufacturerURL`, `modelDescription`, `modelName`, `modelNumber`, `modelURL`, `serialNumber`,
+// `UDN`, `UPC`, `iconList`, `serviceList`, `deviceList` and `presentationURL`, in this order.
+// Promise: Icons, services and embedded devices stand in the order in which they were added.
 TEST(UpnpDevice, WritesEveryElementInOrder) {
   UpnpDevice device = deviceNamed("1");
   device.descr.friendlyName = "name";
@@ -138,6 +157,8 @@ TEST(UpnpDevice, WritesAnEmptyModelNameAndNoEmptyManufacturerUrl) {
                                       "UDN", "serviceList"}));
 }
 
+// Promise: A device without a UDN is `uuid:`, in its description as well as in its unique service
+// names.
 TEST(UpnpDevice, WritesAnEmptyUdnAsThePrefixAlone) {
   const UpnpDevice device = deviceNamed("");
   EXPECT_EQ(child(device.getDescription(), "UDN").value, "uuid:");
@@ -145,6 +166,9 @@ TEST(UpnpDevice, WritesAnEmptyUdnAsThePrefixAlone) {
   EXPECT_EQ(searchTargetsOf(device).back().second, "uuid:");
 }
 
+// Promise: A device is found under `uuid:UDN`, under `urn:` and its device type, and under the type
+// of each of its services.
+// Promise: The unique service name of a device is `uuid:UDN`, and of a type `uuid:UDN::TYPE`.
 TEST(UpnpDevice, IsFoundUnderItsNameItsTypeAndItsServices) {
   UpnpDevice device = deviceNamed("1");
   device.services = {osInfo()};
@@ -156,6 +180,9 @@ TEST(UpnpDevice, IsFoundUnderItsNameItsTypeAndItsServices) {
                      {"uuid:1", "uuid:1"}}));
 }
 
+// Promise: An embedded device is found under its own UDN.
+// Promise: Search targets are in the order of their bytes, and equal ones, one for each device, in
+// the order of the tree.
 TEST(UpnpDevice, KeepsEqualTargetsInTheOrderOfTheTree) {
   UpnpDevice parent = deviceNamed("9");
   UpnpDevice first = deviceNamed("2");
@@ -180,6 +207,8 @@ TEST(UpnpDevice, AddsToTheTargetsThatAreThere) {
             (Entries{{"uuid:1", "earlier"}, {"uuid:1", "uuid:1"}}));
 }
 
+// Promise: The root device is found under `upnp:rootdevice` too, with the unique service name
+// `uuid:UDN::upnp:rootdevice`: with one service it is found under four targets.
 TEST(UpnpRootDevice, IsFoundAsTheRootToo) {
   UpnpRootDevice root;
   root.descr.deviceType = "schemas-upnp-org:device:InternetGatewayDevice:1";
@@ -194,6 +223,9 @@ TEST(UpnpRootDevice, IsFoundAsTheRootToo) {
                      {"uuid:1", "uuid:1"}}));
 }
 
+// Promise [description-root]: The document's root is `<root
+// xmlns="urn:schemas-upnp-org:device-1-0">` with `specVersion` 1.0 and the root device, which has
+// its embedded devices inside.
 TEST(UpnpRootDevice, WritesTheDocument) {
   UpnpRootDevice root;
   root.descr.deviceType = "schemas-upnp-org:device:InternetGatewayDevice:1";

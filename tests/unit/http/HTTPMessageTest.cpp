@@ -7,6 +7,7 @@
 
 using Strings = std::vector<std::string>;
 
+// Promise: A message that has nothing yet is incomplete and is written as two line ends.
 TEST(HTTPMessage, IsEmptyAndIncompleteAtFirst) {
   const HTTPMessage message;
   EXPECT_EQ(message.startLine, "");
@@ -17,6 +18,8 @@ TEST(HTTPMessage, IsEmptyAndIncompleteAtFirst) {
   EXPECT_EQ(message.get(), "\r\n\r\n");
 }
 
+// Promise: `GET / HTTP/1.1`, `Host: a` and an empty line are a complete message with the one field
+// `HOST` of the value `a` and no body.
 TEST(HTTPMessage, ParsesARequest) {
   const HTTPMessage message("GET / HTTP/1.1\r\nHost: a\r\n\r\n");
   EXPECT_TRUE(message.complete);
@@ -26,6 +29,8 @@ TEST(HTTPMessage, ParsesARequest) {
   EXPECT_EQ(message.body, "");
 }
 
+// Promise: A message may have no fields, and without a `CONTENT-LENGTH` all that follows the empty
+// line is its body.
 TEST(HTTPMessage, ParsesARequestWithoutFields) {
   const HTTPMessage message("GET / HTTP/1.1\r\n\r\nrest");
   EXPECT_TRUE(message.complete);
@@ -33,6 +38,10 @@ TEST(HTTPMessage, ParsesARequestWithoutFields) {
   EXPECT_EQ(message.body, "rest");
 }
 
+// Promise: Blanks between the colon and a value are skipped and nothing else is: tabs and trailing
+// blanks stay, and a value may be empty.
+// Promise: A field's name is what stands before the first colon, blanks included, in upper case; it
+// may be empty.
 TEST(HTTPMessage, SkipsBlanksBeforeAValueAndNothingElse) {
   const struct {
     const char* line;
@@ -61,6 +70,8 @@ TEST(HTTPMessage, SkipsBlanksBeforeAValueAndNothingElse) {
   }
 }
 
+// Promise: A message is incomplete until its empty line has come, whose line feed is not waited
+// for.
 TEST(HTTPMessage, IsIncompleteUntilTheEmptyLine) {
   const std::string text = "GET / HTTP/1.1\r\nHost: a\r\n\r";
   for (size_t length = 0; length < text.size(); ++length) {
@@ -69,11 +80,13 @@ TEST(HTTPMessage, IsIncompleteUntilTheEmptyLine) {
   EXPECT_TRUE(HTTPMessage(text).complete) << "the last line feed is not waited for";
 }
 
+// Promise: A text without a line end has no start line yet.
 TEST(HTTPMessage, StoresNothingWithoutALineEnd) {
   EXPECT_EQ(HTTPMessage("").startLine, "");
   EXPECT_EQ(HTTPMessage("GET / HTTP/1.1").startLine, "");
 }
 
+// Promise: What was read before a text stopped is kept.
 TEST(HTTPMessage, KeepsWhatItReadBeforeTheTextStopped) {
   const HTTPMessage message("GET / HTTP/1.1\r\nHost: a\r\nAccept: b");
   EXPECT_FALSE(message.complete);
@@ -81,6 +94,7 @@ TEST(HTTPMessage, KeepsWhatItReadBeforeTheTextStopped) {
   EXPECT_EQ(message.fieldNames, Strings{"HOST"});
 }
 
+// Promise: A header line without a colon leaves the message incomplete for good, whatever follows.
 TEST(HTTPMessage, NeverCompletesBehindALineWithoutAColon) {
   const std::string text = "GET / HTTP/1.1\r\nHost: a\r\nnonsense\r\nAccept: b\r\n\r\n";
   const HTTPMessage message(text);
@@ -89,6 +103,8 @@ TEST(HTTPMessage, NeverCompletesBehindALineWithoutAColon) {
   EXPECT_FALSE(HTTPMessage(text + "GET / HTTP/1.1\r\n\r\n").complete);
 }
 
+// Promise [line-end]: Only a carriage return ends a line: a text of line feeds is incomplete and
+// has an empty start line.
 TEST(HTTPMessage, HasNoLineEndsInATextOfLineFeeds) {
   const HTTPMessage message("GET / HTTP/1.1\nHost: a\n\n");
   EXPECT_FALSE(message.complete);
@@ -96,6 +112,7 @@ TEST(HTTPMessage, HasNoLineEndsInATextOfLineFeeds) {
   EXPECT_TRUE(message.fieldNames.empty());
 }
 
+// Promise: The byte after a carriage return is dropped, whatever it is.
 TEST(HTTPMessage, DropsTheByteBehindACarriageReturn) {
   const HTTPMessage message("GET / HTTP/1.1\rxHost: a\ry\rzbody");
   EXPECT_TRUE(message.complete);
@@ -105,6 +122,8 @@ TEST(HTTPMessage, DropsTheByteBehindACarriageReturn) {
   EXPECT_EQ(message.body, "body");
 }
 
+// Promise: With a `CONTENT-LENGTH` a message is complete when its body has exactly that many bytes:
+// one fewer and one more are incomplete.
 TEST(HTTPMessage, IsCompleteWithABodyOfExactlyTheLengthGiven) {
   const std::string head = "POST / HTTP/1.1\r\nCONTENT-LENGTH: 5\r\n\r\n";
   EXPECT_FALSE(HTTPMessage(head + "abc").complete);
@@ -114,6 +133,10 @@ TEST(HTTPMessage, IsCompleteWithABodyOfExactlyTheLengthGiven) {
   EXPECT_EQ(longer.body, "abcdef");
 }
 
+// Promise: The first `CONTENT-LENGTH` counts, in whatever case it is written.
+// Promise [length-digits]: A `CONTENT-LENGTH` is read up to its first character that is no digit:
+// `2x` is 2, `x` and nothing are 0.
+// Promise [length-max]: A `CONTENT-LENGTH` above 4294967295 is 4294967295 and does not wrap round.
 TEST(HTTPMessage, ReadsTheFirstLengthInAnyCase) {
   EXPECT_TRUE(
       HTTPMessage("POST / HTTP/1.1\r\ncontent-Length: 2\r\nContent-Length: 3\r\n\r\nab").complete);
@@ -124,6 +147,7 @@ TEST(HTTPMessage, ReadsTheFirstLengthInAnyCase) {
   EXPECT_FALSE(HTTPMessage("POST / HTTP/1.1\r\nContent-Length: 4294967298\r\n\r\nab").complete);
 }
 
+// Promise: Zero bytes in a value and in a body stay.
 TEST(HTTPMessage, KeepsZeroBytes) {
   const std::string text("GET / HTTP/1.1\r\nA: b\0c\r\n\r\nd\0e", 29);
   const HTTPMessage message(text);
@@ -131,6 +155,7 @@ TEST(HTTPMessage, KeepsZeroBytes) {
   EXPECT_EQ(message.body, std::string("d\0e", 3));
 }
 
+// Promise: A field is found in any case of its whole name: `host`, `HOST` and `Host` are one.
 TEST(HTTPMessage, FindsAFieldInAnyCase) {
   HTTPMessage message;
   message.addField("Host", "a");
@@ -144,6 +169,7 @@ TEST(HTTPMessage, FindsAFieldInAnyCase) {
   EXPECT_EQ(message.getField("Hosts"), "");
 }
 
+// Promise: Two fields of one name are both kept, and the first is found.
 TEST(HTTPMessage, KeepsEveryFieldOfAName) {
   HTTPMessage message;
   message.addField("X", "1");
@@ -153,6 +179,7 @@ TEST(HTTPMessage, KeepsEveryFieldOfAName) {
   EXPECT_EQ(message.getField("X"), "1");
 }
 
+// Promise: A field that is absent reads like one that is empty.
 TEST(HTTPMessage, TellsAnEmptyFieldFromAnAbsentOneByHasField) {
   HTTPMessage message;
   message.addField("EXT", "");
@@ -162,12 +189,17 @@ TEST(HTTPMessage, TellsAnEmptyFieldFromAnAbsentOneByHasField) {
   EXPECT_FALSE(message.hasField("ABSENT"));
 }
 
+// Promise: Of a name's characters the ASCII letters alone change their case.
 TEST(HTTPMessage, UpperCasesAsciiLettersOnly) {
   HTTPMessage message;
   message.addField("a-z\xe4\xc3\xa4[{", "");
   EXPECT_EQ(message.fieldNames, Strings{"A-Z\xe4\xc3\xa4[{"});
 }
 
+// Promise: A reply that is a status alone is its status line and an empty line: `HTTP/1.1 200 OK`,
+// `400 Bad Request`, `404 Not Found`, `412 Precondition Failed`, `500 Internal Server Error`, `501
+// Not Implemented`.
+// Promise: A status without a phrase of its own keeps the blank before the phrase: `HTTP/1.1 503 `.
 TEST(HTTPMessage, MakesAReplyFromAStatus) {
   const struct {
     HTTPStatus status;
@@ -188,6 +220,8 @@ TEST(HTTPMessage, MakesAReplyFromAStatus) {
   }
 }
 
+// Promise: A message is written as its start line, its fields as `NAME: value` in the order added,
+// an empty line and its body; no length is added.
 TEST(HTTPMessage, WritesFieldsInTheirOrderAndNoLength) {
   HTTPMessage message(HTTP_OK);
   message.addField("b", "2");
@@ -196,6 +230,7 @@ TEST(HTTPMessage, WritesFieldsInTheirOrderAndNoLength) {
   EXPECT_EQ(message.get(), "HTTP/1.1 200 OK\r\nB: 2\r\nA:  1 \r\n\r\nbody");
 }
 
+// Promise: A `DATE` is written as `Fri, 02 Jan 1970 00:00:00 GMT`, in English.
 TEST(HTTPMessage, AddsADate) {
   HTTPMessage message;
   message.addDate(86400);
@@ -203,6 +238,7 @@ TEST(HTTPMessage, AddsADate) {
   EXPECT_EQ(message.fieldValues, Strings{"Fri, 02 Jan 1970 00:00:00 GMT"});
 }
 
+// Promise: The date of a reply is that of now.
 TEST(HTTPMessage, AddsTheDateOfNow) {
   const time_t before = time(nullptr);
   HTTPMessage message;
@@ -217,6 +253,7 @@ TEST(HTTPMessage, AddsTheDateOfNow) {
   EXPECT_NE(std::find(possible.begin(), possible.end(), message.getField("DATE")), possible.end());
 }
 
+// Promise: A copied message is the whole message, and does not change with the other.
 TEST(HTTPMessage, IsCopiedAsAWhole) {
   HTTPMessage original("POST / HTTP/1.1\r\nA: b\r\n\r\nbody");
   const HTTPMessage copy = original;
@@ -226,6 +263,7 @@ TEST(HTTPMessage, IsCopiedAsAWhole) {
   EXPECT_TRUE(copy.complete);
 }
 
+// Promise: What is written is read back as the same message.
 TEST(HTTPMessage, ReadsWhatItWrites) {
   HTTPMessage message(HTTP_OK);
   message.addField("CONTENT-LENGTH", "6");
@@ -239,6 +277,7 @@ TEST(HTTPMessage, ReadsWhatItWrites) {
   EXPECT_EQ(read.body, message.body);
 }
 
+// Promise: Any bytes at all may be read as a message, and each name keeps its own value.
 TEST(HTTPMessage, TakesAnyBytesAndKeepsNamesAndValuesParallel) {
   std::mt19937 random(20240602);
   const std::string alphabet("\r\n: aB\0\xff", 8);

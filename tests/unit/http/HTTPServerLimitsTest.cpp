@@ -51,6 +51,8 @@ class HTTPServerLimits : public HTTPServerTest {
 
 }  // namespace
 
+// Promise [read-size]: One read takes 4096 bytes: of what follows a request, only bytes of its last
+// read can make it too long.
 TEST_F(HTTPServerLimits, ReadsAtMost4096BytesAtATime) {
   // Only what comes with the last byte of a request can make it too long.
   const auto asksWith = [&](size_t size) {
@@ -68,6 +70,7 @@ TEST_F(HTTPServerLimits, ReadsAtMost4096BytesAtATime) {
   EXPECT_EQ(asksWith(4095), "");
 }
 
+// Also proves [request-too-large].
 TEST_F(HTTPServerLimits, DropsARequestThatPasses64KiBWithoutAWord) {
   Client client;
   accept();
@@ -87,6 +90,7 @@ TEST_F(HTTPServerLimits, DropsARequestThatPasses64KiBWithoutAWord) {
   EXPECT_EQ(client.received, "");
 }
 
+// Promise [request-size]: A request may have 64 KiB, header and body together.
 TEST_F(HTTPServerLimits, AnswersARequestOf64KiB) {
   std::string request = "POST /x HTTP/1.1\r\nContent-Length: 65493\r\n\r\n";
   ASSERT_EQ(request.size(), 43U);
@@ -101,6 +105,10 @@ TEST_F(HTTPServerLimits, AnswersARequestOf64KiB) {
   EXPECT_EQ(client.received, reply);
 }
 
+// Promise [request-too-large]: A longer request is dropped without a reply and without a line in
+// the log, whatever the pieces in which it arrives, as soon as more than 64 KiB were read.
+// Promise [request-rest]: What follows a request without a `CONTENT-LENGTH` does not count as part
+// of it.
 TEST_F(HTTPServerLimits, BoundsARequestBy64KiBWhateverThePieces) {
   const size_t most = HTTPServer::maxRequest;
   const struct {
@@ -129,6 +137,7 @@ TEST_F(HTTPServerLimits, BoundsARequestBy64KiBWhateverThePieces) {
   }
 }
 
+// Also proves [request-size].
 TEST_F(HTTPServerLimits, CountsTheByteThatEndsARequestOf64KiB) {
   // A request is complete with the last carriage return. The line feed that follows it is one of
   // its bytes, whether it has arrived or not.

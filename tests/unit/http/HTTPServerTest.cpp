@@ -14,6 +14,7 @@
 
 using namespace std::chrono_literals;
 
+// Promise [one-request]: One connection carries one request: it gets one reply and is closed.
 TEST_F(HTTPServerTest, AnswersARequestAndCloses) {
   Client client;
   client.send("GET /x HTTP/1.1\r\nHost: a\r\n\r\n");
@@ -24,6 +25,8 @@ TEST_F(HTTPServerTest, AnswersARequestAndCloses) {
   EXPECT_EQ(server.openConnections(), 0U);
 }
 
+// Promise: A request may come in any number of segments and is answered when the last byte has
+// come.
 TEST_F(HTTPServerTest, AnswersOnceTheLastSegmentHasCome) {
   Client client;
   for (const char* segment : {"PO", "ST /x HTTP/1.1\r", "\nContent-Length: 5\r\n\r\nab", "cd"}) {
@@ -36,6 +39,7 @@ TEST_F(HTTPServerTest, AnswersOnceTheLastSegmentHasCome) {
   EXPECT_EQ(gateway.asked, std::vector<std::string>{"POST|/x|abcde"});
 }
 
+// Promise [slow-client]: Many clients are served at a time, and a slow one delays no other.
 TEST_F(HTTPServerTest, ServesManyClientsAtATime) {
   Client slow;
   slow.send("GET /slow HTTP/1.1\r\n");
@@ -48,6 +52,7 @@ TEST_F(HTTPServerTest, ServesManyClientsAtATime) {
   EXPECT_EQ(gateway.asked, (std::vector<std::string>{"GET|/quick|", "GET|/slow|"}));
 }
 
+// Promise: Of two requests on one connection the first is answered and the second is not looked at.
 TEST_F(HTTPServerTest, AnswersOnlyTheFirstOfTwoRequests) {
   Client client;
   client.send("GET /1 HTTP/1.1\r\n\r\nGET /2 HTTP/1.1\r\n\r\n");
@@ -56,6 +61,7 @@ TEST_F(HTTPServerTest, AnswersOnlyTheFirstOfTwoRequests) {
   EXPECT_EQ(gateway.asked, std::vector<std::string>{"GET|/1|GET /2 HTTP/1.1\r\n\r\n"});
 }
 
+// Promise: A reply arrives whole although the client has sent bytes that are never read.
 TEST_F(HTTPServerTest, DeliversTheReplyAlthoughBytesAreLeftUnread) {
   Client client;
   client.send("GET /1 HTTP/1.1\r\n\r\n");
@@ -65,6 +71,8 @@ TEST_F(HTTPServerTest, DeliversTheReplyAlthoughBytesAreLeftUnread) {
   EXPECT_NE(client.error, ECONNRESET);
 }
 
+// Promise [request-too-long]: A body one byte longer than its `CONTENT-LENGTH` is never answered
+// and times out.
 TEST_F(HTTPServerTest, NeverAnswersABodyThatIsTooLong) {
   Client client;
   client.send("POST /x HTTP/1.1\r\nContent-Length: 4\r\n\r\nabcde");
@@ -88,6 +96,9 @@ TEST_F(HTTPServerTest, NeverAnswersBehindALineWithoutAColon) {
   EXPECT_TRUE(gateway.asked.empty());
 }
 
+// Promise [request-time]: A whole request has ten seconds from the moment the connection is
+// accepted; then the connection is closed without a reply and `http request timeout` is logged.
+// Also proves [request-time-fixed].
 TEST_F(HTTPServerTest, GivesARequestTenSecondsFromTheAccept) {
   Client client;
   accept();
@@ -115,6 +126,7 @@ TEST_F(HTTPServerTest, AnswersARequestThatArrivedWhileAnotherOneTookTenSeconds) 
   EXPECT_EQ(quick.received, reply);
 }
 
+// Promise: An answered request never times out.
 TEST_F(HTTPServerTest, ForgetsTheTimeLimitOfAnAnsweredRequest) {
   Client client;
   client.send("GET /x HTTP/1.1\r\n\r\n");
@@ -122,6 +134,7 @@ TEST_F(HTTPServerTest, ForgetsTheTimeLimitOfAnAnsweredRequest) {
   EXPECT_EQ(logged([&] { pass(20s); }), "");
 }
 
+// Promise: A client that closes or resets its connection is dropped without a line in the log.
 TEST_F(HTTPServerTest, DropsAClientThatClosesOrResetsWithoutAWord) {
   Client closing;
   Client resetting;
@@ -158,6 +171,7 @@ TEST_F(HTTPServerTest, AcceptsNothingWhenItMightHaveToWait) {
   EXPECT_EQ(client.received, reply);
 }
 
+// Also proves [loop-idle-listener].
 TEST_F(HTTPServerTest, RestsWhileItHasNoDescriptorForAClient) {
   const Client client;
   EXPECT_EQ(logged([&] {
@@ -169,6 +183,8 @@ TEST_F(HTTPServerTest, RestsWhileItHasNoDescriptorForAClient) {
   EXPECT_EQ(loop.nextDue(), clock.now() + 100);
 }
 
+// Promise: A connection on a listening socket that belongs to no interface is the line `oo jeaaa`
+// and the end of the process with status 1.
 TEST_F(HTTPServerTest, EndsTheProcessForAListenerOfNobody) {
   const Client client;
   gateway.listener = -1;
@@ -180,11 +196,14 @@ TEST_F(HTTPServerTest, EndsTheProcessForAListenerOfNobody) {
       testing::ExitedWithCode(1), "^oo jeaaa\n$");
 }
 
+// Promise: When an accept fails, it does not matter whose the listening socket was.
 TEST_F(HTTPServerTest, AcceptsBeforeItLooksForTheInterface) {
   gateway.listener = -1;
   EXPECT_EQ(logged([&] { server.acceptHttp(listener.get()); }), "accept failed\n");
 }
 
+// Promise: A readable socket that is no connection is the line `fatal error: could not find http
+// conn` and the end of the process with status 1.
 TEST_F(HTTPServerTest, EndsTheProcessForAConnectionOfNobody) {
   EXPECT_EXIT(
       {
@@ -194,6 +213,9 @@ TEST_F(HTTPServerTest, EndsTheProcessForAConnectionOfNobody) {
       testing::ExitedWithCode(1), "^fatal error: could not find http conn\n$");
 }
 
+// Promise: A reply is written once: when the client does not take all of it, `write error` is
+// logged and the connection is closed.
+// Promise: A client that does not read does not delay the others.
 TEST_F(HTTPServerTest, DoesNotWaitForAClientThatDoesNotRead) {
   gateway.body = std::string(12UL << 20, 'x');
   Client client(4096);
@@ -218,6 +240,9 @@ TEST_F(HTTPServerTest, WritesAReplyOnceOnly) {
   EXPECT_EQ(client.received, "");
 }
 
+// Promise: Nothing is written to a connection whose send buffer or time limit cannot be set: the
+// line `setsockopt SO_SNDBUF: ` or `setsockopt SO_SNDTIMEO: ` and the error text, then `write
+// error`.
 TEST_F(HTTPServerTest, DoesNotWriteWhereItCouldHaveToWait) {
   Client client;
   client.send("GET /x HTTP/1.1\r\n\r\n");
@@ -229,6 +254,7 @@ TEST_F(HTTPServerTest, DoesNotWriteWhereItCouldHaveToWait) {
   EXPECT_EQ(client.received, "");
 }
 
+// Promise: A long description reaches a client with a small receive buffer whole.
 TEST_F(HTTPServerTest, WritesALargeDescriptionAtOnceToAClientThatDoesNotRead) {
   // Connections inherit the listener's buffer, which is far too small for the reply.
   const int buffer = 4096;
@@ -241,6 +267,7 @@ TEST_F(HTTPServerTest, WritesALargeDescriptionAtOnceToAClientThatDoesNotRead) {
   EXPECT_EQ(client.received.size(), 19 + gateway.body.size());
 }
 
+// Promise: A client that is gone before its reply does no harm to others.
 TEST_F(HTTPServerTest, SurvivesAClientThatIsGoneBeforeTheReply) {
   Client client;
   accept();
@@ -250,6 +277,8 @@ TEST_F(HTTPServerTest, SurvivesAClientThatIsGoneBeforeTheReply) {
   EXPECT_EQ(gateway.asked.size(), 1U);
 }
 
+// Promise: A connection outlives its interface: what it asks for is answered with the address that
+// the interface has, or had last.
 TEST_F(HTTPServerTest, KeepsTheInterfaceAsLongAsTheConnection) {
   Client client;
   accept();
@@ -269,6 +298,7 @@ TEST_F(HTTPServerTest, ClosesItsConnectionsOnExec) {
   EXPECT_EQ(fcntl(lowestFree, F_GETFD), FD_CLOEXEC);
 }
 
+// Promise: When the daemon ends, every connection is closed.
 TEST_F(HTTPServerTest, ClosesEveryConnectionAtItsEnd) {
   Client client;
   {
@@ -281,6 +311,7 @@ TEST_F(HTTPServerTest, ClosesEveryConnectionAtItsEnd) {
   EXPECT_EQ(logged([&] { pass(20s); }), "");
 }
 
+// Promise: Noise gets no reply, and the next request is answered.
 TEST_F(HTTPServerTest, DropsRandomBytesAndAnswersTheNextRequest) {
   std::string noise;
   for (unsigned i = 0; i < 5000; ++i) noise.push_back(static_cast<char>(i * 7919U % 251));

@@ -45,6 +45,8 @@ class HTTPStoreTest : public testing::Test {
   }
 };
 
+// Promise [document-fields]: A reply with a document has the fields `CONTENT-TYPE`,
+// `CONTENT-LENGTH`, `DATE`, `SERVER` and `CONNECTION: close`, in this order.
 TEST_F(HTTPStoreTest, ServesAFile) {
   write("osinfo.xml", "<scpd></scpd>");
   store.addUrl("/osinfo.xml", "osinfo.xml");
@@ -56,6 +58,8 @@ TEST_F(HTTPStoreTest, ServesAFile) {
   EXPECT_EQ(reply.getField("DATE").size(), 29U);
 }
 
+// Promise: `CONTENT-LANGUAGE: en-us` comes first when the request has an `ACCEPT-LANGUAGE`,
+// whatever that says, and not otherwise.
 TEST_F(HTTPStoreTest, SaysTheLanguageToWhoAsksForOne) {
   write("a.xml", "1");
   store.addUrl("/a", "a.xml");
@@ -66,6 +70,7 @@ TEST_F(HTTPStoreTest, SaysTheLanguageToWhoAsksForOne) {
   EXPECT_EQ(reply.fieldNames.size(), 6U);
 }
 
+// Promise: The description is `text/xml`, and needs no file.
 TEST_F(HTTPStoreTest, ServesContentInsteadOfAFile) {
   const HTTPMessage reply = store.get(HTTPMessage("GET /not-registered HTTP/1.1\r\n\r\n"), "<a/>");
   EXPECT_EQ(reply.startLine, "HTTP/1.1 200 OK");
@@ -74,6 +79,8 @@ TEST_F(HTTPStoreTest, ServesContentInsteadOfAFile) {
   EXPECT_EQ(reply.body, "<a/>");
 }
 
+// Promise: A file whose name ends in `.gif`, or is `gif`, is `image/gif`; every other one is
+// `text/xml`.
 TEST_F(HTTPStoreTest, TellsPicturesByTheFileName) {
   const struct {
     const char* file;
@@ -90,6 +97,8 @@ TEST_F(HTTPStoreTest, TellsPicturesByTheFileName) {
   }
 }
 
+// Promise: Icons and service descriptions are served byte for byte as the files under
+// `/lumen/etc/upnp/` have them.
 TEST_F(HTTPStoreTest, ServesBytesAsTheyAre) {
   const std::string bytes("\0\r\n\xff", 4);
   write("logo16.gif", bytes);
@@ -97,6 +106,8 @@ TEST_F(HTTPStoreTest, ServesBytesAsTheyAre) {
   EXPECT_EQ(get("/logo16.gif").body, bytes);
 }
 
+// Promise: A file is served under the URL that was registered for it, the last one of several, and
+// no other file can be requested.
 TEST_F(HTTPStoreTest, ServesTheFileThatWasRegisteredLast) {
   write("a", "1");
   write("b", "2");
@@ -105,6 +116,7 @@ TEST_F(HTTPStoreTest, ServesTheFileThatWasRegisteredLast) {
   EXPECT_EQ(get("/x").body, "2");
 }
 
+// Promise: An empty file is served as one of 0 bytes.
 TEST_F(HTTPStoreTest, ServesAnEmptyFile) {
   write("a", "");
   store.addUrl("/a", "a");
@@ -113,6 +125,7 @@ TEST_F(HTTPStoreTest, ServesAnEmptyFile) {
   EXPECT_EQ(reply.getField("CONTENT-LENGTH"), "0");
 }
 
+// Promise [file-size]: Of a file 16384 bytes are served, and `CONTENT-LENGTH` says what is served.
 TEST_F(HTTPStoreTest, CutsALargeFile) {
   write("whole", std::string(16384, 'x'));
   write("cut", std::string(16385, 'x'));
@@ -123,6 +136,10 @@ TEST_F(HTTPStoreTest, CutsALargeFile) {
   EXPECT_EQ(get("/cut").getField("CONTENT-LENGTH"), "16384");
 }
 
+// Promise [unknown-url]: A URL that is not registered is answered with a bare `404 Not Found` and
+// no line in the log.
+// Promise [url-exact]: URLs are compared byte for byte: another case, a query string, an absolute
+// URL and a path with `..` are not found.
 TEST_F(HTTPStoreTest, DoesNotFindWhatIsNotRegistered) {
   write("a.xml", "1");
   store.addUrl("/a.xml", "a.xml");
@@ -134,6 +151,8 @@ TEST_F(HTTPStoreTest, DoesNotFindWhatIsNotRegistered) {
   }
 }
 
+// Promise: A file that cannot be opened is a bare `404 Not Found` and the line `open file `, its
+// path, `: ` and the error text.
 TEST_F(HTTPStoreTest, LogsAFileThatCannotBeOpened) {
   store.addUrl("/a.xml", "a.xml");
   std::string log;
@@ -141,6 +160,8 @@ TEST_F(HTTPStoreTest, LogsAFileThatCannotBeOpened) {
   EXPECT_EQ(log, "open file " + directory + "/a.xml: No such file or directory\n");
 }
 
+// Promise: A file that cannot be read is a bare `404 Not Found` and the line `read file `, its
+// path, `: ` and the error text.
 TEST_F(HTTPStoreTest, LogsAFileThatCannotBeReadAndClosesIt) {
   fs::create_directory(directory + "/a.xml");
   store.addUrl("/a.xml", "a.xml");

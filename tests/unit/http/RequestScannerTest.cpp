@@ -74,6 +74,7 @@ const std::vector<std::string> requests = {
 
 }  // namespace
 
+// Promise: Whether a request is complete does not depend on the pieces in which it comes.
 TEST(RequestScanner, SaysAfterEachByteWhatParsingAllSays) {
   for (const std::string& text : requests) expectTheSameAsParsing(text, everyByte(text));
 }
@@ -103,6 +104,7 @@ TEST(RequestScanner, SaysWhatParsingSaysForRandomTextInRandomPieces) {
   }
 }
 
+// Promise: A request that has once had a byte too many stays incomplete.
 TEST(RequestScanner, CompletesOnlyWhenAReadEndsWithTheBody) {
   const std::string head = "POST / HTTP/1.1\r\nContent-Length: 3\r\n\r\n";
   RequestScanner exact;
@@ -114,6 +116,7 @@ TEST(RequestScanner, CompletesOnlyWhenAReadEndsWithTheBody) {
   EXPECT_FALSE(past.complete(head + "abcde"));
 }
 
+// Also proves [request-size], [request-rest].
 TEST(RequestScanner, TellsTheSizeOfACompleteRequest) {
   const struct {
     std::string request;
@@ -132,6 +135,8 @@ TEST(RequestScanner, TellsTheSizeOfACompleteRequest) {
   }
 }
 
+// Promise: The time to read a request grows with its bytes and not with the pieces in which they
+// come.
 TEST(RequestScanner, TakesTimeInProportionToTheBytes) {
   constexpr size_t size = 128UL * 1024;
   const std::string head = "POST / HTTP/1.1\r\nContent-Length: 131072\r\n\r\n";

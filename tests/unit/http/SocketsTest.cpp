@@ -97,6 +97,9 @@ class SocketsTest : public testing::Test {
   PrivateNetwork network;
 };
 
+// Promise [device-bound]: Every socket is bound to one network device before it is used: the daemon
+// hears and answers on its internal interfaces and on no other.
+// Promise: Every socket is closed on exec.
 TEST_F(SocketsTest, MakesAUdpSocketOfOneDevice) {
   const lm::Fd fd = make(udp);
   ASSERT_TRUE(fd.valid());
@@ -106,6 +109,10 @@ TEST_F(SocketsTest, MakesAUdpSocketOfOneDevice) {
   EXPECT_EQ(log, "");
 }
 
+// Promise [ssdp-port]: SSDP is heard on UDP port 1900 of any address of the interface.
+// Promise [ssdp-ttl]: Multicast datagrams go out with a time to live of 4, through the interface
+// that the socket is bound to, and loop back to this host.
+// Also proves [device-bound], [ssdp-port-shared].
 TEST_F(SocketsTest, MakesADiscoverySocket) {
   const lm::Fd fd = make(discovery);
   ASSERT_TRUE(fd.valid());
@@ -120,6 +127,8 @@ TEST_F(SocketsTest, MakesADiscoverySocket) {
   EXPECT_EQ(log, "");
 }
 
+// Promise [ssdp-group]: SSDP is heard in the multicast group `239.255.255.250`, joined on the
+// interface of the index given.
 TEST_F(SocketsTest, JoinsTheGroupOfSsdp) {
   const lm::Fd fd = make(discovery);
   const lm::Fd sender = make(udp);
@@ -132,12 +141,17 @@ TEST_F(SocketsTest, JoinsTheGroupOfSsdp) {
   EXPECT_EQ(recv(fd.get(), bytes.data(), bytes.size(), MSG_DONTWAIT), 2);
 }
 
+// Promise [ssdp-port-shared]: The SSDP port is shared with other programs that share it.
 TEST_F(SocketsTest, SharesTheSsdpPort) {
   const lm::Fd one = make(discovery);
   const lm::Fd other = make(discovery);
   EXPECT_TRUE(one.valid() && other.valid());
 }
 
+// Promise [http-port]: HTTP is served on TCP port 2828 of any address of the interface.
+// Promise: A port that is still in use by closed connections is served again at once.
+// Promise [backlog]: One connection waits while another is accepted: the backlog is 1.
+// Also proves [device-bound].
 TEST_F(SocketsTest, MakesAListeningSocket) {
   const lm::Fd fd = make(tcp);
   ASSERT_TRUE(fd.valid());
@@ -166,6 +180,8 @@ TEST_F(SocketsTest, FailsOnADeviceThatIsNotThere) {
                 "setsockopt SO_BINDTODEVICE: No such device");
 }
 
+// Promise [link-name]: An interface name of 16 characters or more is handed to the system without
+// its end and shows as a failure to bind to the device.
 TEST_F(SocketsTest, LetsTheSystemRefuseALongName) {
   // 16 bytes and more leave no room for the zero; the kernel cuts such a name to 15 bytes.
   expectFailure([] { return makeUdpSocket("abcdefghijklmnop"); },
@@ -174,6 +190,7 @@ TEST_F(SocketsTest, LetsTheSystemRefuseALongName) {
                 "setsockopt SO_BINDTODEVICE: No such device");
 }
 
+// Promise: An empty interface name is handed to the system as it is.
 TEST_F(SocketsTest, HandsAnEmptyNameToTheSystem) {
   // Which takes it for "no device".
   const lm::Fd fd = make([] { return makeUdpSocket(""); });
@@ -181,6 +198,8 @@ TEST_F(SocketsTest, HandsAnEmptyNameToTheSystem) {
   EXPECT_EQ(device(fd), "");
 }
 
+// Promise: A socket that the system does not give is a line in the log, `udp socket: ` or `tcp
+// socket: ` and the system's error text, and no socket.
 TEST_F(SocketsTest, FailsWhenTheSystemHasNoSocket) {
   const RefusedCall call{SCMP_SYS(socket)};
   expectFailureWhileRefused(call, udp, "udp socket");
@@ -188,6 +207,10 @@ TEST_F(SocketsTest, FailsWhenTheSystemHasNoSocket) {
   expectFailureWhileRefused(call, tcp, "tcp socket");
 }
 
+// Promise: A device that cannot be bound to is a line in the log, `udp setsockopt SO_BINDTODEVICE:
+// ` or, for TCP, `setsockopt SO_BINDTODEVICE: ` and the error text, and no socket.
+// Promise: Without the right to bind to a device there is no socket: an unbound one is never used
+// in its place.
 TEST_F(SocketsTest, FailsWhenItMayNotBindToADevice) {
   const RefusedCall call{SCMP_SYS(setsockopt), SOL_SOCKET, SO_BINDTODEVICE};
   expectFailureWhileRefused(call, udp, "udp setsockopt SO_BINDTODEVICE");
@@ -195,27 +218,39 @@ TEST_F(SocketsTest, FailsWhenItMayNotBindToADevice) {
   expectFailureWhileRefused(call, tcp, "setsockopt SO_BINDTODEVICE");
 }
 
+// Promise: An address that cannot be shared is the line `setsockopt SO_REUSEADDR: ` and the error
+// text, and no socket.
+// Promise: A socket that fails half-way is closed again.
 TEST_F(SocketsTest, FailsWhenTheAddressCannotBeReused) {
   const RefusedCall call{SCMP_SYS(setsockopt), SOL_SOCKET, SO_REUSEADDR};
   expectFailureWhileRefused(call, discovery, "setsockopt SO_REUSEADDR");
   expectFailureWhileRefused(call, tcp, "setsockopt SO_REUSEADDR");
 }
 
+// Promise: A port that cannot be had is the line `udp bind: ` or `tcp bind: ` and the error text,
+// and no socket.
 TEST_F(SocketsTest, FailsWhenItCannotBind) {
   const RefusedCall call{SCMP_SYS(bind)};
   expectFailureWhileRefused(call, discovery, "udp bind");
   expectFailureWhileRefused(call, tcp, "tcp bind");
 }
 
+// Promise: A time to live that cannot be set is the line `setsockopt IP_MULTICAST_TTL: ` and the
+// error text, and no socket.
 TEST_F(SocketsTest, FailsWhenTheTimeToLiveCannotBeSet) {
   expectFailureWhileRefused({SCMP_SYS(setsockopt), IPPROTO_IP, IP_MULTICAST_TTL}, discovery,
                             "setsockopt IP_MULTICAST_TTL");
 }
 
+// Promise: A port that cannot be listened on is the line `tcp listen: ` and the error text, and no
+// socket.
 TEST_F(SocketsTest, FailsWhenItCannotListen) {
   expectFailureWhileRefused({SCMP_SYS(listen)}, tcp, "tcp listen");
 }
 
+// Promise: A multicast group that cannot be joined is the line `setsockopt IP_ADD_MEMBERSHIP: ` and
+// the error text, and no socket.
+// Also proves [ssdp-group].
 TEST_F(SocketsTest, FailsOnAnInterfaceIndexThatIsNotThere) {
   expectFailure([] { return makeDiscoverySocket("lo", 4711, 0); },
                 "setsockopt IP_ADD_MEMBERSHIP: No such device");

@@ -200,18 +200,26 @@ class DescriptionFiles : public Router {
   }
 };
 
+// Promise [scpd-complete]: The service descriptions that are served list exactly the variables and
+// actions that the services have, in both directions: types, evented flags, allowed values,
+// arguments, directions, related variables and order.
+// Also proves [ip-variables], [ip-actions].
 TEST_F(DescriptionFiles, DescribeTheIpConnection) {
   std::optional<WANIPConnection> connection;
   (void)logOf([&] { connection.emplace(7U, 0U); });
   expectDescribed("wanipconn.xml", *connection);
 }
 
+// Also proves [scpd-complete], [common-variables].
 TEST_F(DescriptionFiles, DescribeTheCommonInterfaceConfig) {
   expectDescribed("wancommonifcfg.xml", WANCommonInterfaceConfig(lm::message()));
 }
 
+// Also proves [scpd-complete], [osinfo].
 TEST_F(DescriptionFiles, DescribeTheOsInfo) { expectDescribed("osinfo.xml", OSInfo()); }
 
+// Promise [file-fits]: The description files that are installed fit into one read and begin with
+// the XML declaration.
 TEST_F(DescriptionFiles, FitIntoOneRead) {
   for (const char* name : {"wanipconn.xml", "wancommonifcfg.xml", "osinfo.xml", "logo16.gif",
                            "logo32.gif", "logo48.gif"}) {
@@ -219,12 +227,15 @@ TEST_F(DescriptionFiles, FitIntoOneRead) {
   }
 }
 
+// Also proves [file-fits].
 TEST_F(DescriptionFiles, StartWithTheXmlDeclaration) {
   for (const char* name : {"wanipconn.xml", "wancommonifcfg.xml", "osinfo.xml"}) {
     EXPECT_TRUE(readFile(name).starts_with("<?xml version=\"1.0\" encoding=\"utf-8\"?>\n")) << name;
   }
 }
 
+// Promise [icon-colours]: The icons that are installed are GIFs of 256 colours and 16, 32 and 48
+// pixels.
 TEST_F(DescriptionFiles, IconsAreGifsOf256ColoursInTheirSizes) {
   for (const unsigned size : {16U, 32U, 48U}) {
     const std::string icon = readFile("logo" + std::to_string(size) + ".gif");

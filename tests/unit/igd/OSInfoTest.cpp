@@ -39,6 +39,8 @@ std::string machineName(const std::string& host, OSInfo::HostName read) {
   return OSInfo(read).getVar("OSMachineName");
 }
 
+// Promise [osinfo]: OSInfo has four evented variables, `OSMajorVersion` `2`, `OSMinorVersion` `9`,
+// `OSBuildNumber` `1234` and `OSMachineName`, and no actions.
 TEST(OsInfo, HasFourEventedVariablesAndNoActions) {
   hostName = "ap";
   const OSInfo info(refusing);
@@ -63,6 +65,7 @@ TEST(OsInfo, HasFourEventedVariablesAndNoActions) {
   EXPECT_TRUE(info.getActions().empty());
 }
 
+// Promise [osinfo-name]: `OSMachineName` is the host's name when that has at most three characters.
 TEST(OsInfo, TakesANameOfAtMostThreeCharacters) {
   for (const auto read : {refusing, cutting, cuttingWithZero}) {
     EXPECT_EQ(machineName("a", read), "a");
@@ -71,6 +74,8 @@ TEST(OsInfo, TakesANameOfAtMostThreeCharacters) {
   }
 }
 
+// Promise: A host name of more than three characters is left out: `OSMachineName` is then empty,
+// whatever the C library does with such a name.
 TEST(OsInfo, LeavesALongerNameOutWhateverTheCLibraryDoes) {
   for (const auto read : {refusing, cutting, cuttingWithZero}) {
     EXPECT_EQ(machineName("gate", read), "");
@@ -79,6 +84,7 @@ TEST(OsInfo, LeavesALongerNameOutWhateverTheCLibraryDoes) {
   }
 }
 
+// Promise: A host without a name has an empty `OSMachineName`.
 TEST(OsInfo, HasAnEmptyNameWhenTheHostHasNone) { EXPECT_EQ(machineName("", refusing), ""); }
 
 TEST(OsInfo, ReadsTheNameOfThisHost) {
@@ -88,6 +94,7 @@ TEST(OsInfo, ReadsTheNameOfThisHost) {
   EXPECT_EQ(OSInfo().getVar("OSMachineName"), whole.size() <= 3 ? whole : "");
 }
 
+// Promise: The host's name is read once, when the daemon starts.
 TEST(OsInfo, ReadsTheNameOnce) {
   hostName = "ap";
   const OSInfo info(refusing);

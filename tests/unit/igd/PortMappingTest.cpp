@@ -170,6 +170,13 @@ class PortMapping : public Router {
   uint32_t lastRule = 500;
 };
 
+// Promise [mapping-dummy-first]: At first the list has the dummy at index 0 and nothing at index 1.
+// Promise [mapping-dummy]: The dummy is: no remote host, external port `0`, `TCP`, internal port
+// `0`, client `0.0.0.0`, enabled `0`, description `Dummy inactive rule for windows to work`, lease
+// `0`.
+// Promise [mapping-count]: PortMappingNumberOfEntries is `0` at first, and from the first change on
+// the number of mappings and one for the dummy, while that is listed.
+// Also proves [fault-713].
 TEST_F(PortMapping, FreshConnectionListsTheDummyOnly) {
   EXPECT_EQ(entryAt("0"), listed(dummy));
   EXPECT_EQ(entryAt("1"), noSuchIndex);
@@ -177,12 +184,26 @@ TEST_F(PortMapping, FreshConnectionListsTheDummyOnly) {
   EXPECT_EQ(entries(), "0") << "until the entries are first counted";
 }
 
+// Also proves [mapping-index].
 TEST_F(PortMapping, WithoutTheDummyAFreshConnectionListsNothing) {
   connection->setShowDummyRule(false);
   EXPECT_EQ(entryAt("0"), noSuchIndex);
   EXPECT_EQ(entryAt("1"), noSuchIndex);
 }
 
+// Promise [mapping-open]: AddPortMapping for a new port asks the NAT rule table for a rule: command
+// 0xfe0005 to service 20, handler 5, with 18 fields in their order.
+// Promise [rule-fields]: The rule is dynamic, in the chain `dstnat`, matches the external address,
+// the external port and the protocol (6 for TCP, 17 for UDP), has action 22, and leads to the
+// internal client and port.
+// Promise: The description stays in the daemon; the platform does not get it.
+// Promise: A mapping that is opened logs `add map <external port>-><internal port>, <internal
+// client>`, as they were sent.
+// Promise: A listed entry is: no remote host, the external port, the protocol, the internal port,
+// the client, `1` or `0` for enabled, the description and the lease `0`.
+// Promise: GetSpecificPortMappingEntry finds a mapping by external port and protocol and answers
+// its internal port, client, enabled flag, description and lease.
+// Also proves [mapping-count].
 TEST_F(PortMapping, OpensATcpPort) {
   EXPECT_EQ(open({}), opened());
   EXPECT_EQ(ownLog(), "add map 8080->80, 192.168.88.10\n");
@@ -194,6 +215,8 @@ TEST_F(PortMapping, OpensATcpPort) {
   EXPECT_EQ(entryOf("8080", "TCP"), found({}));
 }
 
+// Promise [mapping-protocol]: TCP and UDP of one port are two mappings.
+// Also proves [rule-fields], [fault-714].
 TEST_F(PortMapping, OpensAUdpPort) {
   EXPECT_EQ(open({.protocol = "UDP"}), opened());
   EXPECT_EQ(requests(lm::cmd::addObject),
@@ -202,6 +225,12 @@ TEST_F(PortMapping, OpensAUdpPort) {
   EXPECT_EQ(entryOf("8080", "TCP"), noSuchEntry);
 }
 
+// Promise [mapping-order]: Mappings are listed by port, and TCP before UDP.
+// Promise [mapping-index]: With the dummy the mappings have the indexes from 1 on, without it from
+// 0 on.
+// Promise [fault-713]: An index after the last entry is a fault 713, without its own line in the
+// log.
+// Also proves [mapping-protocol].
 TEST_F(PortMapping, ListsMappingsByPortAndTcpBeforeUdp) {
   open({.port = "9000"});
   open({.port = "8080", .protocol = "UDP"});
@@ -225,6 +254,8 @@ TEST_F(PortMapping, ListsMappingsByPortAndTcpBeforeUdp) {
   EXPECT_EQ(entryAt("4"), noSuchIndex);
 }
 
+// Promise [mapping-index-range]: An index that is no number, or is above 65535, is a fault 402; an
+// empty one is 0.
 TEST_F(PortMapping, ListsByANumberOf16Bits) {
   for (const char* index : {"65536", "-1", "first", "0x1"}) {
     EXPECT_EQ(entryAt(index), fault(402, "Invalid Args")) << index;
@@ -232,6 +263,14 @@ TEST_F(PortMapping, ListsByANumberOf16Bits) {
   EXPECT_EQ(entryAt(""), listed(dummy));
 }
 
+// Promise [fault-726]: An address as remote host is a fault 726 and logs `addPortMapping:
+// REMOTE_ONLY_WILDCARD: '<text>'`; 0.0.0.0 is an address too.
+// Promise [fault-716]: An empty external port is a fault 716 and logs `addPortMapping:
+// EXT_PORT_NO_WILDCARD`; `0` is taken.
+// Promise [fault-725]: A lease that is not 0 is a fault 725 and logs `addPortMapping:
+// ONLY_PERM_LEASES`.
+// Promise: The remote host is judged before the port, and the port before the lease.
+// Promise: What is refused asks the platform for nothing and changes nothing.
 TEST_F(PortMapping, RefusesWhatItDoesNotMap) {
   struct Refused {
     Wish wish;
@@ -269,6 +308,8 @@ TEST_F(PortMapping, RefusesWhatItDoesNotMap) {
   EXPECT_EQ(open({}), opened()) << "the next right one works";
 }
 
+// Promise [mapping-arguments]: Ports above 65535, protocols other than `TCP` and `UDP`, and values
+// that are no boolean or no number are faults 402.
 TEST_F(PortMapping, RefusesArgumentsOfAWrongType) {
   const std::vector<Wish> wrong = {
       {.port = "65536"}, {.port = "-1"},        {.port = "http"},          {.protocol = "tcp"},
@@ -278,6 +319,8 @@ TEST_F(PortMapping, RefusesArgumentsOfAWrongType) {
   EXPECT_TRUE(platform.sent().empty());
 }
 
+// Promise [mapping-wildcard]: Any remote host that is no address counts as the wildcard, `*` for
+// instance.
 TEST_F(PortMapping, TakesAnyRemoteHostThatIsNoAddressForAWildcard) {
   for (const char* host : {"*", "any.example", "255.255.255.255"}) {
     EXPECT_EQ(open({.remoteHost = host}), opened()) << host;
@@ -286,6 +329,9 @@ TEST_F(PortMapping, TakesAnyRemoteHostThatIsNoAddressForAWildcard) {
   EXPECT_EQ(requests(lm::cmd::setObject).size(), 2U);
 }
 
+// Promise [mapping-client]: An internal client that is no address is sent as 255.255.255.255, for
+// the platform to judge; an empty internal port as 0.
+// Also proves [fault-716].
 TEST_F(PortMapping, SendsWhatItCannotJudgeToTheNatTable) {
   EXPECT_EQ(open({.port = "0", .internalPort = "", .internalClient = "nobody"}), opened());
   EXPECT_EQ(ownLog(), "add map 0->, nobody\n");
@@ -295,6 +341,8 @@ TEST_F(PortMapping, SendsWhatItCannotJudgeToTheNatTable) {
             listed({.port = "0", .internalPort = "0", .internalClient = "255.255.255.255"}));
 }
 
+// Promise [mapping-enabled]: `1`, `yes` and `true` enable a mapping; one that is not enabled has a
+// disabled rule.
 TEST_F(PortMapping, MakesARuleThatIsDisabledWhileTheMappingIs) {
   struct Spelling {
     std::string text;
@@ -316,6 +364,11 @@ TEST_F(PortMapping, MakesARuleThatIsDisabledWhileTheMappingIs) {
   }
 }
 
+// Promise [mapping-change]: The same client may change internal port, enabled flag and description
+// of its mapping: command 0xfe0003 with the rule's id, the disabled flag, the client and the
+// internal port, each range by its two ends, in this order.
+// Promise: A change logs `set map <external port>-><internal port>, <internal client>` and leaves
+// the number of entries alone.
 TEST_F(PortMapping, ChangesTheMappingOfTheSameClient) {
   open({});
   platform.forgetSent();
@@ -343,6 +396,8 @@ TEST_F(PortMapping, DoesNotCountTheEntriesWhenAMappingOnlyChanges) {
   EXPECT_EQ(entries(), "77");
 }
 
+// Promise [fault-718]: Another client cannot take a mapping over: fault 718, logged as
+// `addPortMapping: CONFLICT_IN_ENTRY` after the `set map ` line; the platform is not asked.
 TEST_F(PortMapping, KeepsAMappingFromAnotherClient) {
   open({});
   platform.forgetSent();
@@ -352,6 +407,8 @@ TEST_F(PortMapping, KeepsAMappingFromAnotherClient) {
   EXPECT_EQ(entryAt("1"), listed({}));
 }
 
+// Promise [fault-501]: A rule that the platform refuses logs `add nat failed: ` with the platform's
+// text and is a fault 501; nothing is recorded.
 TEST_F(PortMapping, RecordsNothingWhenTheRuleIsRefused) {
   platform.refuse(natTable, lm::cmd::addObject, "already in use");
   EXPECT_EQ(open({}), failed);
@@ -360,6 +417,8 @@ TEST_F(PortMapping, RecordsNothingWhenTheRuleIsRefused) {
   EXPECT_EQ(entries(), "0");
 }
 
+// Promise [mapping-timeout]: A platform that does not answer within six seconds counts as one that
+// refuses the rule.
 TEST_F(PortMapping, RecordsNothingWhenTheNatTableDoesNotAnswer) {
   platform.ignore(natTable, lm::cmd::addObject);
   const uint64_t before = platform.clock().now();
@@ -368,6 +427,8 @@ TEST_F(PortMapping, RecordsNothingWhenTheNatTableDoesNotAnswer) {
   EXPECT_EQ(entryAt("1"), noSuchIndex);
 }
 
+// Promise [fault-501-change]: A change that the platform refuses logs `set nat failed: ` with its
+// text and is a fault 501; the mapping stays as it was.
 TEST_F(PortMapping, KeepsTheMappingAsItWasWhenTheChangeIsRefused) {
   open({});
   platform.refuse(natTable, lm::cmd::setObject, "port not allowed");
@@ -376,6 +437,9 @@ TEST_F(PortMapping, KeepsTheMappingAsItWasWhenTheChangeIsRefused) {
   EXPECT_EQ(entryAt("1"), listed({}));
 }
 
+// Promise [mapping-delete]: DeletePortMapping logs `del map <external port>` and sends command
+// 0xfe0006 with the rule's id, and nothing else.
+// Also proves [mapping-protocol].
 TEST_F(PortMapping, ClosesAPort) {
   open({});
   open({.protocol = "UDP"});
@@ -389,11 +453,14 @@ TEST_F(PortMapping, ClosesAPort) {
   EXPECT_EQ(entryOf("8080", "UDP"), found({.protocol = "UDP"}));
 }
 
+// Promise [mapping-delete-remote]: DeletePortMapping does not look at the remote host.
 TEST_F(PortMapping, ClosesAPortWhateverTheRemoteHost) {
   open({});
   EXPECT_EQ(close("8080", "TCP", "45.45.45.77"), closed());
 }
 
+// Promise [fault-714-delete]: DeletePortMapping of an unknown mapping is a fault 714 and logs
+// `deletePortMapping: NO_SUCH_ENTRY`; the platform is not asked.
 TEST_F(PortMapping, DoesNotCloseWhatIsNotOpen) {
   open({});
   platform.forgetSent();
@@ -405,6 +472,8 @@ TEST_F(PortMapping, DoesNotCloseWhatIsNotOpen) {
   EXPECT_EQ(close("8080", "TCP"), noSuchEntry) << "a second time";
 }
 
+// Promise [fault-501-close]: A rule that the platform does not remove logs `remove nat failed: `
+// with its text and is a fault 501; the mapping stays listed.
 TEST_F(PortMapping, KeepsAMappingWhoseRuleStays) {
   open({});
   platform.refuse(natTable, lm::cmd::removeObject, "not permitted");
@@ -414,6 +483,8 @@ TEST_F(PortMapping, KeepsAMappingWhoseRuleStays) {
   EXPECT_EQ(entries(), "2");
 }
 
+// Promise [mapping-dummy-found]: The dummy is found under no remote host, port `0` as it is written
+// and `TCP`, whether it is listed or not.
 TEST_F(PortMapping, FindsTheDummyWhetherItIsListedOrNot) {
   EXPECT_EQ(entryOf("0", "TCP"), found(dummy));
   connection->setShowDummyRule(false);
@@ -423,6 +494,8 @@ TEST_F(PortMapping, FindsTheDummyWhetherItIsListedOrNot) {
   EXPECT_EQ(entryOf("0", "TCP", "*"), noSuchEntry);
 }
 
+// Promise [fault-714]: GetSpecificPortMappingEntry of an unknown mapping, or with a remote host, is
+// a fault 714, without its own line in the log.
 TEST_F(PortMapping, FindsNoMappingForARemoteHost) {
   open({});
   EXPECT_EQ(entryOf("8080", "TCP", "*"), noSuchEntry);
@@ -430,6 +503,7 @@ TEST_F(PortMapping, FindsNoMappingForARemoteHost) {
   EXPECT_EQ(ownLog(), "");
 }
 
+// Promise [mapping-empty-port]: Where a mapping is looked up, an empty external port is 0.
 TEST_F(PortMapping, ReadsAnEmptyPortAsZeroWhereItLooksAMappingUp) {
   open({.port = "0"});
   EXPECT_EQ(entryOf("", "TCP"), found({.port = "0"}));
@@ -437,6 +511,9 @@ TEST_F(PortMapping, ReadsAnEmptyPortAsZeroWhereItLooksAMappingUp) {
   EXPECT_EQ(ownLog(), "del map \n");
 }
 
+// Promise: Hiding and showing the dummy changes the number by one each time; setting the switch as
+// it is changes nothing.
+// Also proves [mapping-count].
 TEST_F(PortMapping, CountsTheDummyAsLongAsItIsListed) {
   open({});
   EXPECT_EQ(entries(), "2");
@@ -462,6 +539,8 @@ TEST_F(PortMapping, DoesNotCountAnewWhenTheDummyStaysAsItIs) {
   EXPECT_EQ(entries(), "77");
 }
 
+// Promise [mapping-address]: A new external address touches no open port: mappings keep the address
+// that they were made with, also through a change, and only new ones get the new address.
 TEST_F(PortMapping, LeavesOpenPortsAtTheAddressTheyWereMadeWith) {
   open({.port = "1000"});
   platform.forgetSent();
@@ -475,6 +554,8 @@ TEST_F(PortMapping, LeavesOpenPortsAtTheAddressTheyWereMadeWith) {
             std::vector<lm::message>{addRequest(6, 2000, client, 80, false, "45.45.45.9")});
 }
 
+// Promise [mapping-interface]: When the interface stops, the rules of all its mappings are removed,
+// by port and TCP before UDP.
 TEST_F(PortMapping, RemovesEveryRuleWhenItGoes) {
   open({.port = "9000"});
   open({.port = "80", .protocol = "UDP"});
@@ -486,6 +567,8 @@ TEST_F(PortMapping, RemovesEveryRuleWhenItGoes) {
   EXPECT_EQ(platform.sent().size(), 3U);
 }
 
+// Promise: A rule that is not removed then logs `on cleanup remove nat failed: ` with the
+// platform's text, and the next one follows.
 TEST_F(PortMapping, GoesOnRemovingWhenARuleStays) {
   open({.port = "80"});
   open({.port = "81"});
@@ -499,6 +582,9 @@ TEST_F(PortMapping, GoesOnRemovingWhenARuleStays) {
   EXPECT_EQ(requests(lm::cmd::removeObject).size(), 3U);
 }
 
+// Promise: A rule that was not added, changed or removed within six seconds is given up, and the
+// platform undoes what it does later; only the removals of an interface that stops are carried out
+// however late.
 TEST_F(PortMapping, GivesUpARuleThatIsNotRemovedInTime) {
   open({});
   platform.forgetSent();
@@ -523,6 +609,7 @@ TEST_F(PortMapping, LetsALateRemovalStandWhenItGoes) {
   EXPECT_TRUE(platform.notified(cancel).empty());
 }
 
+// Promise: A reply without a rule id means rule 0.
 TEST_F(PortMapping, RemembersRuleZeroWhenTheNatTableNamesNone) {
   platform.answer(natTable, lm::cmd::addObject, {});
   open({});
@@ -531,12 +618,19 @@ TEST_F(PortMapping, RemembersRuleZeroWhenTheNatTableNamesNone) {
   EXPECT_EQ(requests(lm::cmd::removeObject), std::vector<lm::message>{removeRequest(0)});
 }
 
+// Promise [mapping-description]: A description comes back as it was given.
 TEST_F(PortMapping, GivesADescriptionBackAsItWas) {
   const Wish wish{.description = "a 'quoted' name; (x) = 1"};
   open(wish);
   EXPECT_EQ(entryOf("8080", "TCP"), found(wish));
 }
 
+// Promise [mapping-descriptions]: The descriptions of all mappings of an interface have at most 4
+// MiB together, and those of one internal client 256 KiB: one that goes beyond either is refused
+// with 501 and the line `addPortMapping: no room for the description`, and the platform is not
+// asked.
+// Promise [mapping-description-room]: A description of up to 256 bytes, or one that is not longer
+// than the one it replaces, always has room.
 TEST_F(PortMapping, KeepsFourMebibytesOfDescriptionsAtMost) {
   fillDescriptions(4096 * kibibyte);
   platform.forgetSent();
@@ -556,6 +650,7 @@ TEST_F(PortMapping, KeepsFourMebibytesOfDescriptionsAtMost) {
   EXPECT_EQ(open({.port = "2001", .internalClient = other, .description = text(257)}), opened());
 }
 
+// Also proves [mapping-descriptions], [mapping-description-room].
 TEST_F(PortMapping, Keeps256KibibytesOfDescriptionsForEachClient) {
   for (const std::string port : {"2000", "2001", "2002", "2003"}) {
     ASSERT_EQ(open({.port = port, .description = text(64 * kibibyte)}), opened()) << port;
@@ -579,6 +674,7 @@ TEST_F(PortMapping, Keeps256KibibytesOfDescriptionsForEachClient) {
       << "the room of a closed port is free";
 }
 
+// Promise: A description that is replaced does not count against its successor.
 TEST_F(PortMapping, CountsADescriptionThatIsReplacedNoMore) {
   for (const std::string port : {"2000", "2001", "2002", "2003"}) {
     ASSERT_EQ(open({.port = port, .description = text(63 * kibibyte)}), opened()) << port;
@@ -593,6 +689,7 @@ TEST_F(PortMapping, CountsADescriptionThatIsReplacedNoMore) {
   EXPECT_EQ(open({.port = "2001", .description = text(64 * kibibyte)}), opened());
 }
 
+// Also proves [mapping-description-room].
 TEST_F(PortMapping, ChangesAMappingWhoseDescriptionDoesNotGrowThoughThereIsNoRoom) {
   for (const std::string port : {"2000", "2001", "2002", "2003"}) {
     ASSERT_EQ(open({.port = port, .description = text(64 * kibibyte)}), opened()) << port;
@@ -604,6 +701,8 @@ TEST_F(PortMapping, ChangesAMappingWhoseDescriptionDoesNotGrowThoughThereIsNoRoo
   EXPECT_EQ(open({.port = "2000", .description = text(64 * kibibyte)}), failed);
 }
 
+// Promise: The line `set map` or `add map`, and the conflict with another client, come before the
+// room for the description.
 TEST_F(PortMapping, DecidesAConflictBeforeTheRoomForTheDescription) {
   fillDescriptions(4096 * kibibyte);
   platform.forgetSent();
@@ -615,6 +714,7 @@ TEST_F(PortMapping, DecidesAConflictBeforeTheRoomForTheDescription) {
   EXPECT_TRUE(platform.sent().empty());
 }
 
+// Also proves [mapping-order].
 TEST(PortMapId, OrdersByPortThenByProtocol) {
   const std::vector<Id> order = {{80, Id::tcp}, {80, Id::udp}, {81, Id::tcp}, {65535, Id::udp}};
   EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));

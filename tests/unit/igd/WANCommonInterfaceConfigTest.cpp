@@ -48,6 +48,8 @@ class WanCommonInterfaceConfig : public Router {
   WANCommonInterfaceConfig config{record()};
 };
 
+// Promise [common-variables]: WANCommonInterfaceConfig has nine variables with their types, allowed
+// values and evented flags; only `PhysicalLinkStatus` is evented.
 TEST_F(WanCommonInterfaceConfig, HasTheVariablesOfALink) {
   platform.refuse(interfaceTable, lm::cmd::readObject, "x");
   struct Row {
@@ -80,10 +82,13 @@ TEST_F(WanCommonInterfaceConfig, HasTheVariablesOfALink) {
   }
 }
 
+// Promise: The service asks the platform for nothing until a counter is read.
 TEST_F(WanCommonInterfaceConfig, AsksThePlatformForNothingUntilItIsRead) {
   EXPECT_TRUE(platform.sentTo(interfaceTable, lm::cmd::readObject).empty());
 }
 
+// Promise [common-access]: `WANAccessType` is `Ethernet` for an interface of hardware type 1, and
+// `Other`, which is not among its allowed values, for every other and for an unknown type.
 TEST_F(WanCommonInterfaceConfig, KnowsEthernetAndCallsTheRestOther) {
   EXPECT_EQ(value("WANAccessType"), "Ethernet");
   for (const std::optional<uint32_t> other : {std::optional<uint32_t>(0), {512}, {65534}, {}}) {
@@ -91,6 +96,8 @@ TEST_F(WanCommonInterfaceConfig, KnowsEthernetAndCallsTheRestOther) {
   }
 }
 
+// Promise [common-link]: GetCommonLinkProperties answers the access type, `10000000`, `10000000`
+// and `Up`, whatever the real speed.
 TEST_F(WanCommonInterfaceConfig, AnswersTheProperties) {
   const Arguments common = {{"NewLayer1UpstreamMaxBitRate", "10000000"},
                             {"NewLayer1DownstreamMaxBitRate", "10000000"},
@@ -105,6 +112,12 @@ TEST_F(WanCommonInterfaceConfig, AnswersTheProperties) {
   EXPECT_EQ(reads(), 0U);
 }
 
+// Promise [counter-request]: Each read of a counter is one request: command 0xfe0002 to service 20,
+// handler 0, with the interface's id and option 0xfe000c = 256.
+// Promise [counter-fields]: Bytes received are field 0x100fc of the reply, bytes sent 0x100fd,
+// packets received 0x100fe and packets sent 0x100ff.
+// Promise [common-counters]: GetTotalBytesSent, GetTotalBytesReceived, GetTotalPacketsSent and
+// GetTotalPacketsReceived each answer one counter, read from the kernel at each request.
 TEST_F(WanCommonInterfaceConfig, ReadsACounterAnewEachTime) {
   lm::message request;
   request.insert_u32(0xfe0001, wan);
@@ -129,6 +142,7 @@ TEST_F(WanCommonInterfaceConfig, ReadsACounterAnewEachTime) {
   EXPECT_EQ(value("TotalBytesReceived"), "11");
 }
 
+// Promise [common-modulo]: Counters are reported modulo 2^32: 4294967301 bytes sent are `5`.
 TEST_F(WanCommonInterfaceConfig, CountsModulo32Bits) {
   constexpr uint64_t turn = 4294967296;
   count(turn - 1, turn + 5, 3 * turn, 7 * turn + 6);
@@ -138,6 +152,8 @@ TEST_F(WanCommonInterfaceConfig, CountsModulo32Bits) {
   EXPECT_EQ(value("TotalPacketsSent"), "6");
 }
 
+// Promise [common-refused]: When the platform refuses a counter, the log has `get device stats: `
+// with its text, and the action succeeds with `0`.
 TEST_F(WanCommonInterfaceConfig, CountsNothingWhenThePlatformRefuses) {
   platform.refuse(interfaceTable, lm::cmd::readObject, "no such object");
   EXPECT_EQ(invoke(config, "GetTotalBytesReceived"),
@@ -147,6 +163,8 @@ TEST_F(WanCommonInterfaceConfig, CountsNothingWhenThePlatformRefuses) {
             "ret: NewTotalBytesReceived, val: 0\n");
 }
 
+// Promise [common-timeout]: A platform that does not answer is waited for for six seconds, and the
+// counter is `0`.
 TEST_F(WanCommonInterfaceConfig, CountsNothingWhenThePlatformDoesNotAnswer) {
   platform.ignore(interfaceTable, lm::cmd::readObject);
   const uint64_t before = platform.clock().now();
@@ -155,12 +173,16 @@ TEST_F(WanCommonInterfaceConfig, CountsNothingWhenThePlatformDoesNotAnswer) {
   EXPECT_EQ(ownLog().substr(0, 18), "get device stats: ");
 }
 
+// Promise: A reply without a counter is `0`, without a line in the log.
 TEST_F(WanCommonInterfaceConfig, CountsNothingWhereTheReplyHasNoCounter) {
   platform.answer(interfaceTable, lm::cmd::readObject, record());
   EXPECT_EQ(value("TotalBytesSent"), "0");
   EXPECT_EQ(log, "");
 }
 
+// Promise [common-ics]: X_GetICSStatistics answers `TotalBytesSent`, `TotalBytesReceived`,
+// `TotalPacketsSent`, `TotalPacketsReceived`, `Layer1DownstreamMaxBitRate` and `Uptime`, under
+// these names, the last being the router's uptime.
 TEST_F(WanCommonInterfaceConfig, AnswersTheStatisticsWithFourReads) {
   count(1, 2, 3, 4);
   platform.clock().advance(5000);
@@ -174,6 +196,8 @@ TEST_F(WanCommonInterfaceConfig, AnswersTheStatisticsWithFourReads) {
   EXPECT_EQ(reads(), 4U);
 }
 
+// Promise: X_GetICSStatistics reads the four counters one after the other, in the order of the
+// answer.
 TEST_F(WanCommonInterfaceConfig, ReadsTheStatisticsInTheOrderOfTheAnswer) {
   uint64_t read = 0;
   platform.onRequest(interfaceTable, lm::cmd::readObject, [&read](const lm::message&) {

@@ -37,6 +37,8 @@ class WanIpConnection : public Router {
   std::optional<WANIPConnection> connection;
 };
 
+// Promise: A service that is made logs `initial external addr: ` with its address, and asks the
+// platform for nothing.
 TEST_F(WanIpConnection, LogsItsFirstAddress) {
   EXPECT_EQ(log, "initial external addr: 45.45.45.2\n");
 }
@@ -45,6 +47,16 @@ TEST_F(WanIpConnection, AsksThePlatformForNothingWhenItIsMade) {
   EXPECT_TRUE(platform.sent().empty());
 }
 
+// Promise [ip-variables]: WANIPConnection has the 18 variables of a routed connection with their
+// types, allowed values and evented flags; `PossibleConnectionTypes`, `ConnectionStatus`,
+// `ExternalIPAddress` and `PortMappingNumberOfEntries` are evented.
+// Promise: At first `ConnectionType` and `PossibleConnectionTypes` are `IP_Routed`,
+// `ConnectionStatus` is `Unconfigured`, `X_Name` is `Local Area Connection`, `LastConnectionError`
+// is `ERROR_NONE`, `RSIPAvailable` is `0`, `NATEnabled` is `1` and `PortMappingNumberOfEntries` is
+// `0`.
+// Promise: The eight variables that only type the arguments of port mappings never have a value: a
+// query of them is a fault.
+// Promise: The uptime is not evented.
 TEST_F(WanIpConnection, HasTheVariablesOfARoutedConnection) {
   struct Row {
     std::string name;
@@ -96,6 +108,8 @@ TEST_F(WanIpConnection, HasTheVariablesOfARoutedConnection) {
   }
 }
 
+// Promise [ip-actions]: WANIPConnection has eleven actions, with the arguments that its description
+// lists.
 TEST_F(WanIpConnection, HasTheActionsOfARoutedConnection) {
   std::vector<std::string> names;
   for (const auto& [name, action] : connection->getActions()) names.push_back(name);
@@ -107,6 +121,8 @@ TEST_F(WanIpConnection, HasTheActionsOfARoutedConnection) {
                                       "RequestConnection", "SetConnectionType"}));
 }
 
+// Promise [ip-type]: GetConnectionTypeInfo answers `IP_Routed` and `IP_Routed`.
+// Promise [ip-rsip]: GetNATRSIPStatus answers `0` and `1`.
 TEST_F(WanIpConnection, AnswersItsTypeAndNatState) {
   EXPECT_EQ(invoke(*connection, "GetConnectionTypeInfo"),
             ok("GetConnectionTypeInfo",
@@ -115,6 +131,10 @@ TEST_F(WanIpConnection, AnswersItsTypeAndNatState) {
             ok("GetNATRSIPStatus", {{"NewRSIPAvailable", "0"}, {"NewNATEnabled", "1"}}));
 }
 
+// Promise [ip-uptime]: GetStatusInfo answers the status, `ERROR_NONE` and the router's uptime in
+// seconds.
+// Promise: The uptime is that of the router at the moment of the read; a change of the status does
+// not reset it.
 TEST_F(WanIpConnection, AnswersItsStatusWithTheUptimeOfThisMoment) {
   const auto statusInfo = [](const std::string& status, const std::string& uptime) {
     return ok("GetStatusInfo", {{"NewConnectionStatus", status},
@@ -128,6 +148,8 @@ TEST_F(WanIpConnection, AnswersItsStatusWithTheUptimeOfThisMoment) {
       << "a status change does not start it anew";
 }
 
+// Promise: The status texts are `Connecting`, `Connected`, `Disconnected` and, for anything else,
+// `Unconfigured`.
 TEST_F(WanIpConnection, NamesEachStatus) {
   const auto named = [this](int status) {
     connection->setStatus(static_cast<WANIPConnection::Status>(status));
@@ -142,6 +164,9 @@ TEST_F(WanIpConnection, NamesEachStatus) {
   EXPECT_EQ(named(-1), "Unconfigured");
 }
 
+// Promise: GetExternalIPAddress answers the interface's address of the moment.
+// Promise: A new external address logs `set external ip ` with the address and is notified to
+// subscribers.
 TEST_F(WanIpConnection, FollowsItsExternalAddress) {
   EXPECT_EQ(invoke(*connection, "GetExternalIPAddress"),
             ok("GetExternalIPAddress", {{"NewExternalIPAddress", "45.45.45.2"}}));
@@ -152,6 +177,8 @@ TEST_F(WanIpConnection, FollowsItsExternalAddress) {
   EXPECT_TRUE(platform.sent().empty());
 }
 
+// Promise [ip-set-type]: SetConnectionType is a fault 501 for every allowed type and 402 for any
+// other; the type stays `IP_Routed`.
 TEST_F(WanIpConnection, NeverChangesItsConnectionType) {
   for (const char* wanted : {"IP_Routed", "IP_Bridged", "Unconfigured"}) {
     EXPECT_EQ(invoke(*connection, "SetConnectionType", {{"NewConnectionType", wanted}}),
@@ -163,6 +190,10 @@ TEST_F(WanIpConnection, NeverChangesItsConnectionType) {
   EXPECT_EQ(connection->getVar("ConnectionType"), "IP_Routed");
 }
 
+// Promise [ip-request]: RequestConnection asks the interface table for `disabled` false and sets
+// the status to `Connecting`.
+// Promise [link-disable]: RequestConnection and ForceTermination send the command 0xfe0003 to
+// service 20, handler 0, with the interface's id and the flag, in this order, and nothing else.
 TEST_F(WanIpConnection, EnablesTheInterfaceOnRequest) {
   platform.answer(interfaceTable, lm::cmd::setObject, {});
   EXPECT_EQ(invoke(*connection, "RequestConnection"), ok("RequestConnection"));
@@ -174,6 +205,9 @@ TEST_F(WanIpConnection, EnablesTheInterfaceOnRequest) {
   EXPECT_EQ(platform.sent().size(), 1U);
 }
 
+// Promise [ip-terminate]: ForceTermination asks the interface table for `disabled` true and sets
+// the status to `Disconnected`.
+// Also proves [link-disable].
 TEST_F(WanIpConnection, DisablesTheInterfaceOnTermination) {
   platform.answer(interfaceTable, lm::cmd::setObject, {});
   EXPECT_EQ(invoke(*connection, "ForceTermination"), ok("ForceTermination"));
@@ -184,6 +218,9 @@ TEST_F(WanIpConnection, DisablesTheInterfaceOnTermination) {
   EXPECT_EQ(lm::test::contentOf(requests[0]), switchRequest(true));
 }
 
+// Promise [fault-501-link]: When the platform refuses, RequestConnection logs `enable device
+// failed: ` and ForceTermination `disable device failed: ` with the platform's text; both are
+// faults 501, and the status stays.
 TEST_F(WanIpConnection, KeepsItsStatusWhenThePlatformRefuses) {
   platform.refuse(interfaceTable, lm::cmd::setObject, "no such object");
   connection->setStatus(WANIPConnection::STATUS_CONNECTED);
@@ -194,6 +231,8 @@ TEST_F(WanIpConnection, KeepsItsStatusWhenThePlatformRefuses) {
   EXPECT_EQ(status(), "Connected");
 }
 
+// Promise [ip-timeout]: A platform that does not answer is waited for for six seconds, and counts
+// as one that refuses.
 TEST_F(WanIpConnection, WaitsSixSecondsForThePlatform) {
   platform.ignore(interfaceTable, lm::cmd::setObject);
   const uint64_t before = platform.clock().now();
@@ -203,6 +242,8 @@ TEST_F(WanIpConnection, WaitsSixSecondsForThePlatform) {
   EXPECT_EQ(status(), "Unconfigured");
 }
 
+// Promise [ip-forbidden]: Where the administrator does not allow it, both actions are faults 501,
+// and the platform is not asked.
 TEST_F(WanIpConnection, LeavesTheInterfaceAloneWhenControlPointsMayNotSwitchIt) {
   platform.answer(interfaceTable, lm::cmd::setObject, {});
   connection->setAllowDisIface(false);
@@ -217,6 +258,7 @@ TEST_F(WanIpConnection, LeavesTheInterfaceAloneWhenControlPointsMayNotSwitchIt) 
   EXPECT_EQ(invoke(*connection, "ForceTermination"), ok("ForceTermination"));
 }
 
+// Also proves [query-any].
 TEST_F(WanIpConnection, AnswersAQueryOfEachOfItsVariables) {
   for (const auto& [name, variable] : connection->getVariables()) {
     HTTPMessage reply;

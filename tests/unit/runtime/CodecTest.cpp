@@ -56,6 +56,15 @@ struct WireForm {
 
 class EveryType : public testing::TestWithParam<WireForm> {};
 
+// Promise [msg-bool]: A bool is one byte, `0` or `1`, after its four-byte key.
+// Promise [msg-numbers]: A u32 is four bytes and a u64 eight, big-endian on every machine.
+// Promise [msg-string]: A string is its length as a u32 and its bytes; it may be empty.
+// Promise [msg-nested]: A message in a message is the length of its encoded fields as a u32 and
+// these fields; it may be empty.
+// Promise [msg-array]: An array is the number of its elements as a u32 and each element in the form
+// of its type; it may be empty.
+// Promise [msg-form]: A message is its fields one after the other, in the order in which they were
+// inserted, with nothing before, between or after them.
 TEST_P(EveryType, HasItsWireForm) {
   const std::string datagram = bytes(GetParam().hex);
   EXPECT_EQ(decodedText(datagram), GetParam().text);
@@ -87,6 +96,8 @@ INSTANTIATE_TEST_SUITE_P(
         WireForm{"SeveralFields", "08000002 00000001 08000001 00000002", "{u32 0x2=1, u32 0x1=2}"}),
     [](const auto& row) { return row.param.name; });
 
+// Promise [msg-address]: An IPv4 address is a u32 field whose four bytes are the address in network
+// order; in memory it is what `inet_addr` gives.
 TEST(Codec, WritesAddressesInNetworkOrder) {
   message m;
   m.insert_be32(0x34, inet_addr("192.168.88.10"));
@@ -103,6 +114,22 @@ struct Reject {
 
 class Invalid : public testing::TestWithParam<Reject> {};
 
+// Promise: An empty datagram is no message: `empty`.
+// Promise: A key that is cut off, or has no value after it, is no message: `truncated`.
+// Promise: A number that is cut off is no message: `truncated`.
+// Promise: A string whose length goes beyond the datagram is refused before memory is taken for it:
+// `truncated`.
+// Promise: An array whose count goes beyond the datagram is refused before memory is taken for it:
+// `truncated`.
+// Promise: A message in a message that is cut off, or whose value goes beyond its end, is refused:
+// `truncated`.
+// Promise: Bytes after the last field make the datagram no message: `truncated`.
+// Promise [msg-bool-value]: A bool of another value than 0 and 1 makes the datagram no message, in
+// an array too: `bool neither 0 nor 1`.
+// Promise [msg-twice]: A key that comes twice makes the datagram no message, at any depth: `key
+// twice: 0x08000001`.
+// Promise [msg-type]: A type that there is not makes the datagram no message: `unknown type:
+// 0x18000001`.
 TEST_P(Invalid, IsRefusedWithItsReason) {
   EXPECT_EQ(decodedText(bytes(GetParam().hex)), std::string("refused: ") + GetParam().reason);
   // The next right one works.
@@ -138,11 +165,14 @@ INSTANTIATE_TEST_SUITE_P(
                     Reject{"ArrayOfTypeFifteen", "f8000001 00000000", "unknown type: 0xf8000001"}),
     [](const auto& row) { return row.param.name; });
 
+// Promise [msg-depth]: Messages nest up to eight deep, arrays of messages counted; a ninth level
+// makes the datagram no message: `nested too deep`.
 TEST(Codec, TakesEightLevelsOfNestingAndRefusesTheNinth) {
   EXPECT_EQ(decodedText(encode(nested(8))), describe(nested(8)));
   EXPECT_EQ(decodedText(encode(nested(9))), "refused: nested too deep");
 }
 
+// Also proves [msg-depth].
 TEST(Codec, CountsNestingInArraysToo) {
   message m;
   m.insert_message_array(1, {nested(7)});
@@ -151,6 +181,8 @@ TEST(Codec, CountsNestingInArraysToo) {
   EXPECT_EQ(decodedText(encode(m)), "refused: nested too deep");
 }
 
+// Promise [msg-size]: A datagram of 131072 bytes (128 KiB) is taken, one byte more makes it no
+// message: `too long`.
 TEST(Codec, TakesTheLongestDatagramAndNoLongerOne) {
   constexpr size_t longest = 131072;
   message m;
@@ -162,6 +194,7 @@ TEST(Codec, TakesTheLongestDatagramAndNoLongerOne) {
   EXPECT_EQ(decodedText(encode(m)), "refused: too long");
 }
 
+// Promise [msg-cut]: A message that is cut anywhere but between two whole fields is refused.
 TEST(Codec, RefusesEveryTruncationOfAMessage) {
   message m = nested(3);
   m.insert_u32_array(3, {1, 2, 3});
@@ -181,6 +214,8 @@ TEST(Codec, RefusesEveryTruncationOfAMessage) {
   EXPECT_EQ(ends, expected);
 }
 
+// Promise: Random bytes are refused with a reason, or are a message that encodes to the same bytes
+// again.
 TEST(Codec, SurvivesRandomBytesAndGivesBackWhatItAccepts) {
   std::mt19937 random(20260);  // the same bytes in every run
   const message valid = nested(4);
@@ -221,6 +256,7 @@ std::chrono::nanoseconds costOfDecoding(uint32_t fields) {
   return best;
 }
 
+// Promise [msg-cost]: Decoding a datagram of many small fields takes little more than linear time.
 TEST(Codec, DecodesManySmallFieldsInLittleMoreThanLinearTime) {
   const uint32_t most = maxDatagram / 5;
   // Comparing each key with each other would take 64 times as long.

@@ -68,6 +68,8 @@ class ConnectionTest : public testing::Test {
   Connection connection_{clock_, std::make_unique<SocketTransport>(std::move(sockets_.ours))};
 };
 
+// Promise [request-fields]: A request carries its destination path (`0x88ff0001`), its own fields,
+// its source path (`0x88ff0002`), its serial (`0x08ff0003`) and its command (`0x08ff0007`).
 TEST_F(ConnectionTest, AnExchangeGivesTheReplyOfItsSerial) {
   platformSends(reply(1, 42));
   EXPECT_EQ(connection_.exchange(request(7), cmd::addObject, 5000, 3).get_u32(1), 42U);
@@ -76,6 +78,7 @@ TEST_F(ConnectionTest, AnExchangeGivesTheReplyOfItsSerial) {
             "u32 0xff0007=16646149}");
 }
 
+// Promise: Serials rise, so that a reply belongs to one request.
 TEST_F(ConnectionTest, SerialsRise) {
   platformSends(reply(1, 1));
   platformSends(reply(2, 2));
@@ -85,6 +88,8 @@ TEST_F(ConnectionTest, SerialsRise) {
   }
 }
 
+// Promise [exchange-limit]: An exchange waits no longer than its limit in milliseconds, then gives
+// the error `no answer in time`.
 TEST_F(ConnectionTest, AnExchangeWaitsNoLongerThanItsLimit) {
   const uint64_t start = clock_.now();
   const message answer = connection_.exchange(request(7), 1, 40);
@@ -92,6 +97,8 @@ TEST_F(ConnectionTest, AnExchangeWaitsNoLongerThanItsLimit) {
   EXPECT_GE(clock_.now() - start, 40U);
 }
 
+// Promise [exchange-late]: A reply that comes after the limit is dropped, and never taken for that
+// of the next request.
 TEST_F(ConnectionTest, AReplyThatComesTooLateIsDropped) {
   EXPECT_TRUE(isError(connection_.exchange(request(7), 1, 1)));
   platformSends(reply(1, 41));
@@ -100,6 +107,7 @@ TEST_F(ConnectionTest, AReplyThatComesTooLateIsDropped) {
   EXPECT_EQ(connection_.arrived(), 0U);
 }
 
+// Promise: A request that is not answered in time is cancelled, unless its sender lets it stand.
 TEST_F(ConnectionTest, ARequestThatIsGivenUpIsCancelled) {
   EXPECT_TRUE(isError(connection_.exchange(request(7), cmd::addObject, 1, 3)));
   EXPECT_NE(platformReceives(), "nothing");
@@ -120,6 +128,8 @@ TEST_F(ConnectionTest, ARequestThatIsAnsweredInTimeIsNotCancelled) {
   EXPECT_EQ(platformReceives(), "nothing");
 }
 
+// Promise: A request that the broker says is cancelled is not dispatched; when it has been, what it
+// changed is undone, once, and a refusal of that is logged.
 TEST_F(ConnectionTest, ARequestThatWasCancelledBeforeItWasTakenIsGone) {
   message first = request(1);
   first.insert_u32(key::serial, 5);
@@ -149,6 +159,8 @@ TEST_F(ConnectionTest, OnlyTheBrokerCancels) {
   EXPECT_EQ(takes(), describe(first));
 }
 
+// Promise: Other messages that arrive while a program waits in an exchange are kept, and dispatched
+// afterwards in their order.
 TEST_F(ConnectionTest, WhatArrivesDuringAnExchangeIsKeptInOrder) {
   platformSends(notification(1));
   platformSends(notification(2));
@@ -162,6 +174,7 @@ TEST_F(ConnectionTest, WhatArrivesDuringAnExchangeIsKeptInOrder) {
   EXPECT_EQ(takes(), "nothing");
 }
 
+// Promise: An exchange fails at once with `connection ended` when the platform is gone.
 TEST_F(ConnectionTest, ExchangesFailAtOnceWhenThePlatformIsGone) {
   sockets_.peer.reset();
   EXPECT_EQ(getError(connection_.exchange(request(7), 1, 60'000)), "connection ended");
@@ -169,6 +182,7 @@ TEST_F(ConnectionTest, ExchangesFailAtOnceWhenThePlatformIsGone) {
   EXPECT_EQ(getError(connection_.exchange(request(7), 1, 60'000)), "connection ended");
 }
 
+// Promise: What the platform sent before it went is still dispatched.
 TEST_F(ConnectionTest, WhatThePlatformSentBeforeItWentIsStillTaken) {
   platformSends(notification(1));
   sockets_.peer.reset();
@@ -176,6 +190,8 @@ TEST_F(ConnectionTest, WhatThePlatformSentBeforeItWentIsStillTaken) {
   EXPECT_EQ(takes(), describe(notification(1)));
 }
 
+// Promise: A datagram from the platform that is no message ends the program in good order, and the
+// log says why: `platform: invalid message: ` and the reason.
 TEST_F(ConnectionTest, ADatagramThatIsNoMessageEndsIt) {
   platformSends(std::string("\x18\0\0\x01", 4));
   platformSends(notification(1));
@@ -195,6 +211,8 @@ TEST_F(ConnectionTest, ADatagramThatIsTooLongEndsIt) {
   EXPECT_TRUE(connection_.ended());
 }
 
+// Promise [exchange-size]: A request that no datagram can hold is not sent and gives the error
+// `message too long`.
 TEST_F(ConnectionTest, ARequestThatIsTooLongIsRefusedHere) {
   message m = request(7);
   m.insert_string(2, std::string(maxDatagram, 'x'));
@@ -203,6 +221,9 @@ TEST_F(ConnectionTest, ARequestThatIsTooLongIsRefusedHere) {
   EXPECT_FALSE(connection_.ended());
 }
 
+// Promise: A request without interest in its reply and a notification that no datagram can hold are
+// not sent, which the log says: `platform: request 16646149 is too long`, `platform: notification
+// 16646155 is too long`.
 TEST_F(ConnectionTest, WhatNobodyWaitsForIsSaidInTheLogWhenItIsTooLong) {
   message m = request(7);
   m.insert_string(2, std::string(maxDatagram, 'x'));
@@ -216,6 +237,9 @@ TEST_F(ConnectionTest, WhatNobodyWaitsForIsSaidInTheLogWhenItIsTooLong) {
   EXPECT_FALSE(connection_.ended());
 }
 
+// Promise: A notification carries its source path and its command, and no serial.
+// Promise: Subscribing, notifying and handing an undo message to the history do not wait, and the
+// replies to them are dropped.
 TEST_F(ConnectionTest, PostingAndNotifyingWaitForNobody) {
   connection_.post(request(7), cmd::addObject, 0);
   connection_.notify(request(8), cmd::changed, 2);
@@ -287,11 +311,14 @@ TEST_F(ConnectionTest, TheReplyToAPostIsDropped) {
   EXPECT_EQ(takes(), "nothing");
 }
 
+// Promise [answer-fields]: An answer carries its own fields, the serial of its request and the
+// reply field (`0x00ff0004`), and no path and no command.
 TEST_F(ConnectionTest, AnswersCarryTheSerialAndNoPath) {
   connection_.reply(77, request(8));
   EXPECT_EQ(platformReceives(), "{u32 0x1=8, u32 0xff0003=77, bool 0xff0004=1}");
 }
 
+// Promise: An answer that no datagram can hold becomes the error `answer too long`.
 TEST_F(ConnectionTest, AnAnswerThatIsTooLongBecomesAnError) {
   message answer;
   answer.insert_string(1, std::string(maxDatagram, 'x'));
@@ -324,6 +351,8 @@ class SlowPlatform : public ConnectionTest {
   }
 };
 
+// Promise: A program queues what a slow platform does not read, and sends it in order once there is
+// room.
 TEST_F(SlowPlatform, GetsEverythingInTheEnd) {
   int sent = fill();
   connection_.notify(message(), cmd::changed, 0);
@@ -333,12 +362,15 @@ TEST_F(SlowPlatform, GetsEverythingInTheEnd) {
   EXPECT_FALSE(connection_.wantsToSend());
 }
 
+// Promise: A request that still waits for room when its sender gives up is never sent.
 TEST_F(SlowPlatform, DoesNotGetARequestWhoseSenderHasGivenUp) {
   const int sent = fill();
   EXPECT_EQ(getError(connection_.exchange(request(8), 1, 20)), "no answer in time");
   EXPECT_EQ(drain(), sent);
 }
 
+// Promise [exchange-unread]: When more than 4 MiB wait for the platform the program gives the
+// connection up: `platform: does not read`.
 TEST_F(SlowPlatform, IsGivenUpWhenTooMuchWaits) {
   fill();
   const test::LogCapture log;
@@ -370,6 +402,7 @@ class PlatformSocket : public testing::Test {
   test::TempDir dir_;
 };
 
+// Promise: A socket is reached however long its path is.
 TEST_F(PlatformSocket, IsConnectedByPath) {
   const Fd listener = listenAt(dir_.path(), "lumen.sock");
   ASSERT_TRUE(listener.valid());
@@ -385,6 +418,7 @@ TEST_F(PlatformSocket, MayHaveALongPath) {
   EXPECT_TRUE(SocketTransport::connect(directory + "/lumen.sock"));
 }
 
+// Promise: When a socket cannot be reached, the system's error text is reported.
 TEST_F(PlatformSocket, ThatIsMissingIsSaidWithItsError) {
   EXPECT_FALSE(SocketTransport::connect(dir_.file("lumen.sock")));
   EXPECT_EQ(errno, ENOENT);

@@ -66,6 +66,7 @@ class Listeners : public test::LoopTest {
   SocketPair b_{SOCK_STREAM};
 };
 
+// Promise [loop-listeners]: Listening sockets are called before all other watches.
 TEST_F(Listeners, AreLookedAtFirst) {
   watch("a", a_.ours.get());
   acceptingWatch();
@@ -75,6 +76,8 @@ TEST_F(Listeners, AreLookedAtFirst) {
   EXPECT_EQ(calls(), (Names{"listener", "a"}));
 }
 
+// Promise [loop-between]: Listening sockets are looked at again between any two other callbacks, of
+// watches and of timers.
 TEST_F(Listeners, AreLookedAtBetweenAnyTwoOtherCallbacks) {
   acceptingWatch();
   for (SocketPair* pair : {&a_, &b_}) {
@@ -89,6 +92,9 @@ TEST_F(Listeners, AreLookedAtBetweenAnyTwoOtherCallbacks) {
   EXPECT_EQ(accepted_.size(), 3U);
 }
 
+// Promise: A listening socket whose callback accepts is called as often as clients wait, between
+// two other callbacks at most 16 times, so that clients who come without end delay the others by a
+// bounded time.
 TEST_F(Listeners, AreNotHeldUpWhileTheirCallbackAccepts) {
   acceptingWatch();
   for (int i = 0; i < 10; ++i) clientConnects();
@@ -127,6 +133,8 @@ TEST_F(Listeners, AreToldThatTheyCanBeRead) {
   EXPECT_EQ(p.flags, watchRead);
 }
 
+// Promise [loop-idle-listener]: A listening socket that stays readable although its callback
+// accepted nothing is called at once the first time, then at most ten times a second.
 TEST_F(Listeners, ThatAcceptNothingAreDispatchedTenTimesASecond) {
   failingWatch();
   clientConnects();
@@ -140,6 +148,7 @@ TEST_F(Listeners, ThatAcceptNothingAreDispatchedTenTimesASecond) {
   EXPECT_EQ(calls().size(), 10U);
 }
 
+// Also proves [loop-idle-listener].
 TEST_F(Listeners, ThatRestAreNotLookedAtBetweenOthers) {
   failingWatch();
   clientConnects();
@@ -153,6 +162,8 @@ TEST_F(Listeners, ThatRestAreNotLookedAtBetweenOthers) {
   EXPECT_EQ(calls(), (Names{"other", "other"}));
 }
 
+// Promise: Beside the wait a turn makes at most one system call of its own, and one for each
+// callback but the first where there are listening sockets.
 TEST_F(Listeners, CostASystemCallForEachCallbackButTheFirst) {
   acceptingWatch();
   const auto pollsInATurn = [this] {
@@ -172,6 +183,7 @@ TEST_F(Listeners, CostASystemCallForEachCallbackButTheFirst) {
   EXPECT_EQ(pollsInATurn(), 1);
 }
 
+// Promise: A listening socket that accepts again is called at full speed again.
 TEST_F(Listeners, AreAtFullSpeedAgainOnceTheyAccept) {
   Probe& p = failingWatch();
   clientConnects();
@@ -188,6 +200,7 @@ TEST_F(Listeners, AreAtFullSpeedAgainOnceTheyAccept) {
   EXPECT_EQ(accepted_.size(), 3U);
 }
 
+// Also proves [loop-idle-listener].
 TEST_F(Listeners, DoNotSpinWhenDescriptorsHaveRunOut) {
   acceptingWatch();
   clientConnects();
@@ -204,6 +217,7 @@ TEST_F(Listeners, DoNotSpinWhenDescriptorsHaveRunOut) {
   EXPECT_EQ(accepted_.size(), 1U);
 }
 
+// Promise: A callback of a listening socket may end another one.
 TEST_F(Listeners, ACallbackMayEndAnotherListener) {
   TcpListener other(16);
   const Fd client = other.connect();
@@ -221,6 +235,9 @@ class Peers : public test::LoopTest {
   SocketPair pair_{SOCK_STREAM};
 };
 
+// Promise [loop-closed-peer]: A watch that its owner keeps although the peer has closed is called
+// at once the first time, then at most ten times a second. Its callback says that there was nothing
+// to take: the loop does not guess.
 TEST_F(Peers, ThatAreGoneDoNotKeepTheLoopBusy) {
   watch("a", pair_.ours.get()).progress = false;
   pair_.peer.reset();
@@ -233,6 +250,7 @@ TEST_F(Peers, ThatAreGoneDoNotKeepTheLoopBusy) {
   EXPECT_EQ(calls().size(), 10U);
 }
 
+// Promise: One call that took nothing does not slow a watch down.
 TEST_F(Peers, AreSeenAtOnceWhileTheirOwnerMakesProgress) {
   Probe& p = watch("a", pair_.ours.get());
   p.then = [&p] { p.progress = !p.progress; };
@@ -241,6 +259,7 @@ TEST_F(Peers, AreSeenAtOnceWhileTheirOwnerMakesProgress) {
   EXPECT_EQ(calls().size(), 50U);
 }
 
+// Promise: A watch that is slowed may be removed or replaced.
 TEST_F(Peers, ThatRestAreForgottenWithTheirWatch) {
   watch("a", pair_.ours.get()).progress = false;
   pair_.peer.reset();
@@ -273,6 +292,7 @@ TEST_F(Peers, DoNotRestAnyMoreOnceTheirWatchIsReplaced) {
   EXPECT_EQ(calls(), Names(5, "b"));
 }
 
+// Also proves [loop-closed-peer].
 TEST_F(Peers, OfAnOwnerWhoSaysNothingAreNotSlowed) {
   struct Silent {
     void ready(int) { ++calls; }
@@ -297,6 +317,8 @@ class ClosedDescriptors : public test::LoopTest {
   SocketPair pair_{SOCK_STREAM};
 };
 
+// Promise: A descriptor that was closed while watched costs nothing and is not called, also if
+// another process holds it open.
 TEST_F(ClosedDescriptors, ThatAreStillWatchedAreQuiet) {
   watch("closed", pair_.ours.get());
   test::writeText(pair_.peer.get(), "x");
@@ -305,6 +327,8 @@ TEST_F(ClosedDescriptors, ThatAreStillWatchedAreQuiet) {
   EXPECT_EQ(calls(), Names{});
 }
 
+// Promise: A descriptor that was closed while watched is reported once: `event loop: descriptor 7
+// was closed while watched`.
 TEST_F(ClosedDescriptors, AreSaidInTheLogOnce) {
   const Fd elsewhere(dup(pair_.ours.get()));
   const std::string number = std::to_string(pair_.ours.get());
@@ -342,6 +366,7 @@ TEST_F(ClosedDescriptors, ThatListenedAreNotAccepted) {
   EXPECT_EQ(log.text(), "event loop: descriptor " + number + " was closed while watched\n");
 }
 
+// Promise: The watch of a closed descriptor may still be removed, and its number watched again.
 TEST_F(ClosedDescriptors, MayBeRemovedAfterwards) {
   const int number = pair_.ours.get();
   watch("closed", number);
@@ -412,6 +437,7 @@ TEST_F(ClosedDescriptors, OfSeveralOwnersDoNoHarmTogether) {
   EXPECT_EQ(calls(), Names{"open"});
 }
 
+// Promise: Watching a descriptor that is closed does nothing.
 TEST_F(ClosedDescriptors, AreRefusedByANewWatch) {
   const int number = pair_.ours.get();
   pair_.ours.reset();

@@ -19,6 +19,8 @@ using test::SocketPair;
 
 class Timers : public test::LoopTest {};
 
+// Promise [timer-unit]: A timer is called once, after its delay in hundredths of a second, in the
+// order in which timers come due.
 TEST_F(Timers, FireOnceAtTheirTimeInOrder) {
   timer("late", 30);
   timer("early", 10);
@@ -34,6 +36,7 @@ TEST_F(Timers, FireOnceAtTheirTimeInOrder) {
   EXPECT_EQ(calls(), Names{"late"});
 }
 
+// Promise: Starting a pending timer replaces its delay.
 TEST_F(Timers, AddingAPendingOneSetsItsDelayAnew) {
   Probe& p = timer("t", 10);
   clock_.advance(90);
@@ -46,6 +49,7 @@ TEST_F(Timers, AddingAPendingOneSetsItsDelayAnew) {
   EXPECT_EQ(calls(), Names{"t"});
 }
 
+// Promise [timer-longest]: The longest delay, 4294967295 hundredths, does not wrap.
 TEST_F(Timers, TheLongestDelayDoesNotWrap) {
   timer("t", 0xFFFFFFFF);
   clock_.advance(0xFFFFFFFFULL * 10 - 1);
@@ -56,6 +60,8 @@ TEST_F(Timers, TheLongestDelayDoesNotWrap) {
   EXPECT_EQ(calls(), Names{"t"});
 }
 
+// Promise: A timer that a callback starts without delay waits for the next turn, so that
+// descriptors are looked at between.
 TEST_F(Timers, OneThatIsStartedByACallbackWaitsForTheNextTurn) {
   Probe& p = timer("t", 0);
   p.then = [&p] { startTimer(p, 0); };
@@ -85,6 +91,8 @@ TEST_F(Timers, EndAWaitThatMayTakeLonger) {
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
 }
 
+// Promise: A timer that falls due while callbacks run waits until descriptors were looked at once
+// more, so that a limit does not end what has arrived in time.
 TEST_F(Timers, ThatFallDueWhileCallbacksRunWaitForALookAtTheDescriptors) {
   const SocketPair quick(SOCK_STREAM);
   const SocketPair slow(SOCK_STREAM);
@@ -125,6 +133,7 @@ struct StoppedClock : ManualClock {
   std::function<void()> then;
 };
 
+// Promise: The same holds when the process was stopped or the machine suspended.
 TEST(StoppedProcess, LooksAtTheDescriptorsBeforeTheTimersThatFellDueMeanwhile) {
   StoppedClock clock;
   EventLoop loop(clock);
@@ -178,6 +187,7 @@ TEST_F(Timers, ACallbackMayDestroyItsOwnerAndOthersThatAreDue) {
   EXPECT_FALSE(third);
 }
 
+// Promise [timer-cost]: Ten thousand timers cost no more each than a hundred.
 TEST_F(Timers, TenThousandCostNoMoreEachThanAHundred) {
   std::vector<Owner> few(100);
   std::vector<Owner> many(10'000);
@@ -210,6 +220,7 @@ class Watches : public test::LoopTest {
   SocketPair b_{SOCK_STREAM};
 };
 
+// Promise: Every ready watch is called once a turn, as long as its descriptor is ready.
 TEST_F(Watches, CallBackOnceATurnAsLongAsTheDescriptorIsReady) {
   watch("a", a_.ours.get());
   turn();
@@ -224,6 +235,7 @@ TEST_F(Watches, CallBackOnceATurnAsLongAsTheDescriptorIsReady) {
   EXPECT_EQ(calls(), Names{});
 }
 
+// Promise: Watches are called in the order in which their descriptors became ready.
 TEST_F(Watches, CallBackInTheOrderInWhichTheirDescriptorsBecameReady) {
   std::vector<std::unique_ptr<SocketPair>> pairs;
   Names names;
@@ -240,6 +252,7 @@ TEST_F(Watches, CallBackInTheOrderInWhichTheirDescriptorsBecameReady) {
   EXPECT_EQ(calls(), names);
 }
 
+// Promise: The callback of a watch gets those of its conditions that are met.
 TEST_F(Watches, TellWhichConditionIsMet) {
   Probe& p = watch("a", a_.ours.get(), watchRead | watchWrite);
   turn();
@@ -255,6 +268,7 @@ TEST_F(Watches, OnlyTheConditionsThatWereAskedForCount) {
   EXPECT_EQ(calls(), Names{});
 }
 
+// Promise: A watch of descriptor -1 is ignored.
 TEST_F(Watches, ADescriptorOfMinusOneIsIgnored) {
   watch("none", -1);
   removeSocket(-1);
@@ -262,6 +276,7 @@ TEST_F(Watches, ADescriptorOfMinusOneIsIgnored) {
   EXPECT_EQ(calls(), Names{});
 }
 
+// Promise: A second watch of a descriptor replaces the first.
 TEST_F(Watches, ANewOneReplacesTheOldOne) {
   watch("old", a_.ours.get());
   watch("new", a_.ours.get());
@@ -270,6 +285,8 @@ TEST_F(Watches, ANewOneReplacesTheOldOne) {
   EXPECT_EQ(calls(), Names{"new"});
 }
 
+// Promise: A watch that was removed is not called, also if its descriptor was found ready in the
+// same turn.
 TEST_F(Watches, ARemovedOneIsNotCalledEvenIfItWasReadyInThisTurn) {
   Probe& a = watch("a", a_.ours.get());
   Probe& b = watch("b", b_.ours.get());
@@ -283,6 +300,7 @@ TEST_F(Watches, ARemovedOneIsNotCalledEvenIfItWasReadyInThisTurn) {
   EXPECT_EQ(Names(3, names.front()), names);
 }
 
+// Promise: A descriptor number that is used again within a turn is not taken for the old one.
 TEST_F(Watches, ADescriptorNumberThatIsUsedAgainInTheSameTurnIsNotTakenForTheOldOne) {
   std::optional<SocketPair> fresh;
   const auto reuse = [&](SocketPair& other) {
@@ -310,6 +328,7 @@ TEST_F(Watches, ADescriptorNumberThatIsUsedAgainInTheSameTurnIsNotTakenForTheOld
   EXPECT_NE(std::find(names.begin(), names.end(), "fresh"), names.end());
 }
 
+// Promise: A callback may destroy its own watch, timer and owner, and others'.
 TEST_F(Watches, ACallbackMayDestroyItsOwner) {
   struct Connection {
     void ready(int) {
@@ -332,6 +351,7 @@ TEST_F(Watches, ACallbackMayDestroyItsOwner) {
   EXPECT_FALSE(connection);
 }
 
+// Promise: Timers that are due are called after the watches of a turn.
 TEST_F(Watches, ATurnEndsWithTheTimersThatAreDue) {
   timer("timer", 0);
   watch("a", a_.ours.get());
@@ -340,6 +360,7 @@ TEST_F(Watches, ATurnEndsWithTheTimersThatAreDue) {
   EXPECT_EQ(calls(), (Names{"a", "timer"}));
 }
 
+// Promise: A wait ends when a descriptor is ready or the next timer is due.
 TEST_F(Watches, EndTheirWaitWhenTheDescriptorIsReady) {
   watch("a", a_.ours.get());
   test::writeText(a_.peer.get(), "x");

@@ -55,6 +55,8 @@ class Leave : public testing::Test {
   uint32_t serial_ = 0;
 };
 
+// Promise [leave-delay]: A program leaves its loop when the leave delay, in milliseconds, has
+// passed, and unregisters before.
 TEST_F(Leave, ComesAfterItsDelayAndUnregisters) {
   looper_.setupLeave(1000);
   platform_.advance(99);
@@ -67,6 +69,7 @@ TEST_F(Leave, ComesAfterItsDelayAndUnregisters) {
   looper_.run();
 }
 
+// Also proves [leave-off].
 TEST_F(Leave, IsCalledOffByADelayOfZero) {
   looper_.setupLeave(1000);
   platform_.advance(99);
@@ -76,6 +79,7 @@ TEST_F(Leave, IsCalledOffByADelayOfZero) {
   EXPECT_EQ(sentCommands(), Commands{});
 }
 
+// Promise [leave-off]: Another leave delay postpones the leave, a delay of 0 cancels it.
 TEST_F(Leave, IsPutOffByANewDelay) {
   looper_.setupLeave(1000);
   platform_.advance(99);
@@ -86,6 +90,8 @@ TEST_F(Leave, IsPutOffByANewDelay) {
   EXPECT_TRUE(platform_.stopped());
 }
 
+// Promise: A request that arrives before the answer to the unregistration is still answered by the
+// program that leaves.
 TEST_F(Leave, AnswersWhatArrivedBeforeTheUnregistrationDid) {
   requestCrossesTheUnregistration();
   looper_.setupLeave(1000);
@@ -96,6 +102,8 @@ TEST_F(Leave, AnswersWhatArrivedBeforeTheUnregistrationDid) {
   EXPECT_EQ(sentCommands(), Commands{unregisterServices});
 }
 
+// Promise: When a request that arrives before the answer to the unregistration cancels the leave,
+// or delays it, the program registers again and stays.
 TEST_F(Leave, StaysAndRegistersAgainWhenSuchARequestCallsItOff) {
   requestCrossesTheUnregistration();
   daemon_.then = [this] { looper_.setupLeave(0); };
@@ -131,6 +139,8 @@ TEST_F(Leave, DoesNotTakeWhatArrivedAfterTheAnswer) {
   EXPECT_EQ(daemon_.commands, Commands{77});
 }
 
+// Promise: A program leaves also when the unregistration is not answered, and says so: `platform:
+// service 40: no answer in time`.
 TEST_F(Leave, HappensEvenIfThePlatformDoesNotAnswer) {
   platform_.ignore({0}, unregisterServices);
   looper_.setupLeave(1000);
@@ -140,6 +150,7 @@ TEST_F(Leave, HappensEvenIfThePlatformDoesNotAnswer) {
   EXPECT_TRUE(platform_.stopped());
 }
 
+// Promise: Exchanges still work after the loop.
 TEST_F(Leave, LetsExchangesGoOnAfterwards) {
   looper_.setupLeave(1000);
   platform_.advance(100);
@@ -150,6 +161,7 @@ TEST_F(Leave, LetsExchangesGoOnAfterwards) {
   EXPECT_FALSE(isError(looper_.exchangeCmd(request, cmd::removeObject, 6000)));
 }
 
+// Also proves [leave-delay].
 TEST(LeaveWithoutHandlers, SendsNothing) {
   test::TestPlatform platform;
   Looper looper(platform.makeRuntime());

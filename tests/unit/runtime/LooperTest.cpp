@@ -67,6 +67,7 @@ class LooperTest : public testing::Test {
   Service service_;
 };
 
+// Promise: A program registers its service number once, with its first handler.
 TEST_F(LooperTest, RegistersItsServiceOnce) {
   Service second;
   looper_.addHandler(1, second);
@@ -81,6 +82,7 @@ TEST_F(LooperTest, AnswersARequestToItsHandler) {
   EXPECT_EQ(service_.heard, Heard{"16646157 {u32 0x1=1}"});
 }
 
+// Promise [path-request]: A request whose path names no handler goes to handler 0.
 TEST_F(LooperTest, AnswersARequestToHandlerZeroWhenThePathNamesNone) {
   message m = number(1);
   m.insert_u32_array(key::destination, {40});
@@ -91,6 +93,8 @@ TEST_F(LooperTest, AnswersARequestToHandlerZeroWhenThePathNamesNone) {
   EXPECT_EQ(platform_.replyTo(9)->get_u32(1), 7U);
 }
 
+// Promise: A request to a handler that there is not, or not any more, is answered with `no such
+// handler`.
 TEST_F(LooperTest, AnswersThatThereIsNoSuchHandler) {
   EXPECT_EQ(getError(platform_.request(5, cmd::get)), "no such handler");
 }
@@ -104,6 +108,7 @@ TEST_F(LooperTest, AHandlerThatHasGoneIsNotAskedAgain) {
   EXPECT_EQ(getError(platform_.request(1, 1)), "no such handler");
 }
 
+// Promise: A command that a handler does not know is answered with `unknown command`.
 TEST_F(LooperTest, AHandlerKnowsNoCommandByItself) {
   service_.answers = false;
   for (uint32_t command : {cmd::list, cmd::get, cmd::set, cmd::addObject, 12345U}) {
@@ -112,6 +117,7 @@ TEST_F(LooperTest, AHandlerKnowsNoCommandByItself) {
   }
 }
 
+// Promise: Requests that arrive before the loop runs are kept for it.
 TEST_F(LooperTest, RequestsThatArriveBeforeTheLoopRunsAreKept) {
   const uint32_t serial = platform_.postRequest(0, 1);
   EXPECT_EQ(service_.heard, Heard{});
@@ -119,6 +125,7 @@ TEST_F(LooperTest, RequestsThatArriveBeforeTheLoopRunsAreKept) {
   EXPECT_TRUE(platform_.replyTo(serial));
 }
 
+// Promise: A handler gets the requests with its number in their path, and sends its own under it.
 TEST_F(LooperTest, ExchangesAsNobodyWhileAHandlerExchangesUnderItsNumber) {
   Service third;
   looper_.addHandler(3, third);
@@ -154,6 +161,7 @@ TEST_F(LooperTest, TheClockMovesToTheReplyThatAnExchangeWaitsFor) {
   EXPECT_EQ(platform_.clock().now() - start, 250U);
 }
 
+// Also proves [exchange-limit], [exchange-late].
 TEST_F(LooperTest, AnExchangeGivesUpAtItsLimitAndDropsTheReplyThatComesLater) {
   const uint64_t start = platform_.clock().now();
   platform_.answer({20, 5}, 1, number(1));
@@ -170,6 +178,8 @@ TEST_F(LooperTest, AnUnscriptedServiceDoesNotExist) {
   EXPECT_EQ(getError(service_.exchangeCmd(requestTo({99}), 1, 6000)), "no such service");
 }
 
+// Promise: A handler that subscribed gets the notifications of that command from that path, and no
+// other handler does.
 TEST_F(LooperTest, DispatchesNotificationsToWhoSubscribed) {
   Service second;
   looper_.addHandler(1, second);
@@ -200,6 +210,8 @@ TEST_F(LooperTest, UnsubscribesOnlyWhatIsSubscribed) {
   EXPECT_EQ(service_.heard, Heard{});
 }
 
+// Promise: The broker gets one subscription, however many handlers of a program subscribe, and its
+// end when the last one has ended.
 TEST_F(LooperTest, TellsTheBrokerOnceForTwoSubscribers) {
   {
     Service second;
@@ -216,6 +228,7 @@ TEST_F(LooperTest, TellsTheBrokerOnceForTwoSubscribers) {
   EXPECT_EQ(platform_.sentTo({0}, 0x12).size(), 1U) << "the second has gone";
 }
 
+// Promise: A handler may end while a notification is dispatched, also by another one's doing.
 TEST_F(LooperTest, ASubscriberMayEndTheOthersWhileANotificationIsDispatched) {
   auto second = std::make_unique<Service>();
   service_.subscribe(1, {20, 1});
@@ -237,6 +250,8 @@ TEST_F(LooperTest, SubscribingDoesNotWaitForTheBroker) {
   EXPECT_EQ(service_.heard, Heard{});
 }
 
+// Promise: A change of settings is notified to subscribers with its fields, without those of the
+// transport.
 TEST_F(LooperTest, NotifiesOfSettingsWithTheirFields) {
   message request = number(3);
   request.insert_u32(key::serial, 9);
@@ -248,6 +263,7 @@ TEST_F(LooperTest, NotifiesOfSettingsWithTheirFields) {
   EXPECT_EQ(describe(notified[0]), "{u32 0x1=3, u32[] 0xff0002=[0 0], u32 0xff0007=16646155}");
 }
 
+// Also proves [object-notify].
 TEST_F(LooperTest, NotifiesOfAnObjectWithItsRecord) {
   message config = number(3);
   config.insert_u32(key::serial, 9);
@@ -257,6 +273,7 @@ TEST_F(LooperTest, NotifiesOfAnObjectWithItsRecord) {
   EXPECT_EQ(describe(contentOf(notified[0])), "{message[] 0xfe0002=[{u32 0xfe0001=5, u32 0x1=3}]}");
 }
 
+// Also proves [object-undo].
 TEST_F(LooperTest, HandsUndoMessagesToTheHistory) {
   message undo;
   undo.insert_u32(key::command, cmd::set);
@@ -295,6 +312,7 @@ TEST_F(LooperTest, LeavesWhenTheOtherSideTalksNonsense) {
   EXPECT_TRUE(platform_.stopped());
 }
 
+// Also proves [timer-unit].
 TEST_F(LooperTest, TimersComeDueInOrderWhileTheClockMoves) {
   struct Beat {
     void due() {
@@ -313,6 +331,7 @@ TEST_F(LooperTest, TimersComeDueInOrderWhileTheClockMoves) {
   EXPECT_EQ(platform_.clock().now(), start + 3500);
 }
 
+// Promise: A program has one looper and one loop, which are found from anywhere in it.
 TEST(LooperAlone, IsTheProcessesLooper) {
   TestPlatform platform;
   Looper looper(platform.makeRuntime());
@@ -320,6 +339,7 @@ TEST(LooperAlone, IsTheProcessesLooper) {
   EXPECT_EQ(&getRunner(), &looper.runtime().loop());
 }
 
+// Also proves [register-wait].
 TEST(Registration, MayTakeSixSeconds) {
   TestPlatform platform;
   platform.delay({0}, 0x10, 5999);
@@ -332,6 +352,8 @@ TEST(Registration, MayTakeSixSeconds) {
 
 using RegistrationDeathTest = testing::Test;
 
+// Promise [register-wait]: A registration waits six seconds for its answer, then the program ends
+// with 1: `platform: service 40: no answer in time`.
 TEST(RegistrationDeathTest, EndsTheProgramWhenItIsNotAnsweredInTime) {
   EXPECT_EXIT(
       {
@@ -345,6 +367,8 @@ TEST(RegistrationDeathTest, EndsTheProgramWhenItIsNotAnsweredInTime) {
       testing::ExitedWithCode(1), "platform: service 40: no answer in time");
 }
 
+// Promise [register-refused]: A program whose registration is refused says so, `platform: service
+// 40: already registered`, and ends with 1.
 TEST(RegistrationDeathTest, EndsTheProgramWhenItIsRefused) {
   EXPECT_EXIT(
       {
@@ -358,6 +382,8 @@ TEST(RegistrationDeathTest, EndsTheProgramWhenItIsRefused) {
       testing::ExitedWithCode(1), "platform: service 40: already registered");
 }
 
+// Promise [handler-twice]: A program that adds two handlers under one number ends with 1:
+// `platform: handler 3 is there already`.
 TEST(RegistrationDeathTest, EndsTheProgramWhenTheNumberIsTaken) {
   EXPECT_EXIT(
       {
@@ -396,6 +422,7 @@ class RealRuntime : public testing::Test {
   sigset_t usual_{};
 };
 
+// Promise: A program leaves its loop on SIGTERM and on SIGINT.
 TEST_F(RealRuntime, EndsOnSigtermAndSigint) {
   platformListens();
   for (int signal : {SIGTERM, SIGINT}) {
@@ -406,12 +433,14 @@ TEST_F(RealRuntime, EndsOnSigtermAndSigint) {
   }
 }
 
+// Promise: SIGPIPE ends neither a service nor lumend.
 TEST_F(RealRuntime, IgnoresSigpipe) {
   platformListens();
   Looper looper(Runtime::connect(path(), 5000));
   raise(SIGPIPE);
 }
 
+// Promise: A program leaves its loop when the platform's connection ends.
 TEST_F(RealRuntime, EndsWhenThePlatformDoes) {
   platformListens();
   Looper looper(Runtime::connect(path(), 5000));
@@ -419,6 +448,7 @@ TEST_F(RealRuntime, EndsWhenThePlatformDoes) {
   looper.run();
 }
 
+// Also proves [socket-wait].
 TEST_F(RealRuntime, WaitsForThePlatformToListen) {
   const pid_t child = fork();
   ASSERT_GE(child, 0);
@@ -477,6 +507,7 @@ TEST(LooperDeathTest, IsThereBeforeItIsUsed) {
 
 using RealRuntimeDeathTest = RealRuntime;
 
+// Also proves [socket-wait].
 TEST_F(RealRuntimeDeathTest, EndsTheProgramWhenThePlatformDoesNotComeUp) {
   EXPECT_EXIT(
       {

@@ -123,6 +123,7 @@ class ObjectMap : public testing::Test {
   Lamps lamps_{dir_.path(), 1, -2};
 };
 
+// Promise [object-id]: A new object gets the lowest free id, and its id is in the reply.
 TEST_F(ObjectMap, AddsUnderTheLowestFreeId) {
   EXPECT_EQ(describe(add("red")), "{u32 0xfe0001=1}");
   EXPECT_EQ(describe(add("green")), "{u32 0xfe0001=2}");
@@ -131,6 +132,7 @@ TEST_F(ObjectMap, AddsUnderTheLowestFreeId) {
   EXPECT_EQ(lamps_.objects().size(), 2U);
 }
 
+// Also proves [object-id].
 TEST_F(ObjectMap, GivesTheHooksReplyWithTheNewId) {
   lamps_.verdict.insert_string(9, "from the hook");
   EXPECT_EQ(describe(add("red")), "{string 0x9=\"from the hook\", u32 0xfe0001=1}");
@@ -138,6 +140,8 @@ TEST_F(ObjectMap, GivesTheHooksReplyWithTheNewId) {
   EXPECT_EQ(describe(remove(1)), "{string 0x9=\"from the hook\"}");
 }
 
+// Promise: A changed object's record is written beside the old one before the change is made, and
+// takes its place afterwards.
 TEST_F(ObjectMap, CallsItsHooksBeforeItChanges) {
   add("red");
   set(1, "blue");
@@ -146,11 +150,14 @@ TEST_F(ObjectMap, CallsItsHooksBeforeItChanges) {
   EXPECT_TRUE(lamps_.objects().empty());
 }
 
+// Promise: Reading an object gives its id, then its fields; listing gives the same of all, page by
+// page.
 TEST_F(ObjectMap, ReadsAnObjectWithItsId) {
   add("red");
   EXPECT_EQ(describe(read(1)), "{u32 0xfe0001=1, string 0x1=\"red\", u32 0x2=10}");
 }
 
+// Promise: Setting an object changes the fields that the request has and no others.
 TEST_F(ObjectMap, SetsOnlyTheFieldsThatTheRequestHas) {
   add("red");
   message dim = withId(1);
@@ -173,6 +180,8 @@ TEST_F(ObjectMap, ListsItsObjectsPageByPage) {
   EXPECT_EQ(answer.get_u32(key::cursor), none);
 }
 
+// Promise: Reading, setting or removing an object that there is not is answered with `no such
+// object`.
 TEST_F(ObjectMap, AnswersThatThereIsNoSuchObject) {
   EXPECT_EQ(getError(read(1)), "no such object");
   EXPECT_EQ(getError(set(1, "red")), "no such object");
@@ -181,11 +190,14 @@ TEST_F(ObjectMap, AnswersThatThereIsNoSuchObject) {
   EXPECT_TRUE(lamps_.hooks.empty());
 }
 
+// Promise: Commands other than those for objects go to the handler that holds the map.
 TEST_F(ObjectMap, LeavesOtherCommandsToTheHandler) {
   EXPECT_EQ(getError(platform_.request(0, cmd::get)), "unknown command");
   EXPECT_EQ(getError(platform_.request(0, cmd::list)), "unknown command");
 }
 
+// Promise [object-refused]: A refused change of an object changes, stores, notifies and undoes
+// nothing.
 TEST_F(ObjectMap, ChangesNothingWhenTheHookRefuses) {
   add("red");
   platform_.forgetSent();
@@ -200,6 +212,9 @@ TEST_F(ObjectMap, ChangesNothingWhenTheHookRefuses) {
   EXPECT_EQ(dir_.names(), Names{"1"});
 }
 
+// Promise: An add request that carries an id gets that id.
+// Promise: An add request with an id that is in use is refused with `object exists already`, with
+// one outside the map's range with `object id out of range`.
 TEST_F(ObjectMap, ARequestThatCarriesAnIdGetsIt) {
   const auto addWithId = [this](uint32_t id) {
     return platform_.request(0, cmd::addObject, withId(id, lamp("red")));
@@ -212,6 +227,9 @@ TEST_F(ObjectMap, ARequestThatCarriesAnIdGetsIt) {
   EXPECT_EQ(lamps_.objects().size(), 2U);
 }
 
+// Promise [object-undo]: Each change of an object is handed to the history with the message that
+// undoes it: remove for an add, the old fields for a set, the whole record with its id for a
+// removal.
 TEST_F(ObjectMap, EveryChangeCanBeTakenBack) {
   add("red");
   EXPECT_EQ(undos(), Names{"lamp added {u32 0xff0007=16646150, u32 0xfe0001=1}"});
@@ -239,6 +257,7 @@ TEST_F(ObjectMap, NobodyHearsOfAnObjectThatTellsNobody) {
   EXPECT_EQ(notifications(), Names{});
 }
 
+// Also proves [object-undo].
 TEST_F(ObjectMap, AnUndoneRemovalComesBackAsItWas) {
   add("red");
   add("green");
@@ -253,6 +272,8 @@ TEST_F(ObjectMap, AnUndoneRemovalComesBackAsItWas) {
       << "so that it can be removed again";
 }
 
+// Promise [object-notify]: Each change of an object is notified to subscribers with its record, a
+// removal with `0xfe0013` = 1 in it.
 TEST_F(ObjectMap, SubscribersHearOfEveryChange) {
   add("red");
   EXPECT_EQ(notifications(),
@@ -265,6 +286,7 @@ TEST_F(ObjectMap, SubscribersHearOfEveryChange) {
                                    "u32 0x2=10, u32 0xfe0013=1}]}"});
 }
 
+// Promise: Objects are there again, under their ids, when the program starts the next time.
 TEST_F(ObjectMap, KeepsItsObjectsForTheNextProgram) {
   add("red");
   add("green");
@@ -310,6 +332,8 @@ TEST_F(ObjectMap, RecordsOutsideItsIdsAreNotLoaded) {
   EXPECT_EQ(next.objects().size(), 1U);
 }
 
+// Promise [object-store]: An object change that cannot be stored is refused with `could not be
+// stored` before anything else has happened.
 TEST_F(ObjectMap, AFullDiskIsRefusedBeforeAnythingHasChanged) {
   add("red");
   platform_.forgetSent();
@@ -338,6 +362,8 @@ TEST_F(ObjectMap, TheRecordIsSafeBeforeTheHookIsAskedAndInPlaceAfterwards) {
   EXPECT_EQ(dir_.names(), Names{"1"});
 }
 
+// Promise: A removed object's record is out of its place before the removal is made, and is back
+// when that is refused.
 TEST_F(ObjectMap, TheRecordIsOutOfItsPlaceBeforeTheHookIsAskedToRemove) {
   add("red");
   const std::string record = dir_.read("1");
@@ -352,6 +378,8 @@ TEST_F(ObjectMap, TheRecordIsOutOfItsPlaceBeforeTheHookIsAskedToRemove) {
   EXPECT_EQ(dir_.names(), Names{});
 }
 
+// Promise: An object whose record cannot be removed is refused with `could not be removed` before
+// anything else has happened; one whose record has gone already is removed.
 TEST_F(ObjectMap, ARecordThatTheDiskKeepsIsRefusedBeforeAnythingHasChanged) {
   add("red");
   platform_.forgetSent();
@@ -419,6 +447,8 @@ TEST_F(ObjectMap, AnUndoThatIsRefusedIsSaidInTheLog) {
   EXPECT_EQ(lamps_.objects().size(), 1U);
 }
 
+// Promise: A record that cannot take its place after the change was made is refused with `could not
+// be stored`, and the change is undone; one that cannot be undone either stands, which is logged.
 TEST_F(ObjectMap, AnAddWhoseRecordDoesNotTakeItsPlaceIsUndone) {
   platform_.forgetSent();
   lamps_.then = [this] { std::filesystem::remove(dir_.file("1.new")); };
@@ -484,6 +514,7 @@ TEST_F(ObjectMap, AnObjectWhoseRecordHasGoneIsRemoved) {
   EXPECT_TRUE(lamps_.objects().empty());
 }
 
+// Promise: An object that is not to be stored leaves no record and no undo.
 TEST_F(ObjectMap, ObjectsThatAreNotStorableLeaveNoRecordAndNoUndo) {
   add("candle");
   EXPECT_EQ(dir_.names(), Names{});
@@ -494,6 +525,7 @@ TEST_F(ObjectMap, ObjectsThatAreNotStorableLeaveNoRecordAndNoUndo) {
   EXPECT_EQ(dir_.names(), Names{});
 }
 
+// Promise: An object more than the map has ids for is refused with `no free object id`.
 TEST_F(ObjectMap, RefusesWhenAllIdsAreTaken) {
   const test::TempDir dir;
   Lamps two(dir.path(), 1, 2);
@@ -504,6 +536,7 @@ TEST_F(ObjectMap, RefusesWhenAllIdsAreTaken) {
   EXPECT_EQ(getError(platform_.request(1, cmd::addObject, lamp("red"))), "no free object id");
 }
 
+// Promise: An object is stored, undone, notified and called `item` unless its class says otherwise.
 TEST(PlainObject, IsAnItemThatIsStoredUndoneAndNotified) {
   struct Plain : Object {
     void getConfig(message&) const override {}

@@ -11,6 +11,8 @@ namespace {
 
 using test::describe;
 
+// Promise: An accessor puts its own type into the key, so that `insert_u32(1, v)` and
+// `insert_u32(0x08000001, v)` set the same field.
 TEST(Message, AccessorsSetTheTypeBitsThemselves) {
   message m;
   m.insert_u32(1, 7);
@@ -20,6 +22,7 @@ TEST(Message, AccessorsSetTheTypeBitsThemselves) {
   EXPECT_EQ(m.get_u32(0x08000001), 8U);
 }
 
+// Promise: Fields of one number and different types are different fields.
 TEST(Message, KeepsFieldsOfOneNumberAndDifferentTypesApart) {
   message m;
   m.insert_bool(1, true);
@@ -35,6 +38,8 @@ TEST(Message, KeepsFieldsOfOneNumberAndDifferentTypesApart) {
   EXPECT_EQ(m.get_u32_array_ref(1), std::vector<uint32_t>{5});
 }
 
+// Promise: Setting a key that is present replaces its value in its place.
+// Also proves [msg-form].
 TEST(Message, KeepsTheOrderOfInsertionAndReplacesInPlace) {
   message m;
   m.insert_u32(3, 1);
@@ -44,6 +49,8 @@ TEST(Message, KeepsTheOrderOfInsertionAndReplacesInPlace) {
   EXPECT_EQ(describe(m), "{u32 0x3=1, u32 0x2=9, u32 0x1=3}");
 }
 
+// Promise: Reading an absent field gives the default that the reader names, else false, 0, an empty
+// text, array or message.
 TEST(Message, GivesTheDefaultOfAnAbsentField) {
   const message m;
   EXPECT_FALSE(m.get_bool(1));
@@ -59,6 +66,7 @@ TEST(Message, GivesTheDefaultOfAnAbsentField) {
   EXPECT_EQ(m.size_message_array(1), 0U);
 }
 
+// Also proves [msg-address].
 TEST(Message, HoldsAddressesAsInetAddrGivesThem) {
   message m;
   m.insert_be32(0x34, inet_addr("192.168.88.10"));
@@ -74,6 +82,7 @@ TEST(Message, WritableReferencesCreateTheField) {
   EXPECT_EQ(describe(m), "{bool 0x2=1, u32 0x1=6}");
 }
 
+// Promise: An array that is present and empty is distinguished from one that is absent.
 TEST(Message, TellsAnEmptyArrayFromAnAbsentOne) {
   message m;
   EXPECT_FALSE(m.has_array(key::records));
@@ -84,12 +93,15 @@ TEST(Message, TellsAnEmptyArrayFromAnAbsentOne) {
   EXPECT_EQ(m.size_message_array(0xfe0002), 0U);
 }
 
+// Promise: The elements of an array of messages are counted without being copied, and a field that
+// is written in place is created when it is absent.
 TEST(Message, CountsTheElementsOfAMessageArray) {
   message m;
   m.insert_message_array(1, {message(), message()});
   EXPECT_EQ(m.size_message_array(1), 2U);
 }
 
+// Promise: A copied message is independent of the first, and a moved one is empty and usable.
 TEST(Message, CopiesAreIndependent) {
   message inner;
   inner.insert_u32(1, 1);
@@ -115,6 +127,8 @@ TEST(Message, IsEmptyAndUsableAfterAMove) {
   EXPECT_EQ(describe(a), "{u32 0x2=2}");
 }
 
+// Promise [error-fields]: An error reply carries the code `0xfe0009` (`0x08ff0008`) and a text
+// (`0x20ff0009`); a reply without the code is no error.
 TEST(ErrorReply, CarriesCodeAndText) {
   const message reply = errorMsg(0xfe0009, "Interface already added");
   EXPECT_TRUE(isError(reply));
@@ -123,6 +137,7 @@ TEST(ErrorReply, CarriesCodeAndText) {
             "{u32 0xff0008=16646153, string 0xff0009=\"Interface already added\"}");
 }
 
+// Also proves [error-fields].
 TEST(ErrorReply, AnyOtherReplyIsNone) {
   message reply;
   EXPECT_FALSE(isError(reply));
@@ -131,6 +146,8 @@ TEST(ErrorReply, AnyOtherReplyIsNone) {
   EXPECT_EQ(getError(reply), "");
 }
 
+// Promise: Paths, serial, reply field, command and error fields are never taken for what a message
+// says.
 TEST(TransportFields, AreLeftOutOfWhatAMessageSays) {
   message m;
   m.insert_u32_array(key::destination, {40, 0});
@@ -145,6 +162,7 @@ TEST(TransportFields, AreLeftOutOfWhatAMessageSays) {
   EXPECT_EQ(describe(withoutTransportFields(m)), "{bool 0x1=1, u32 0xfe0001=3}");
 }
 
+// Promise: A record of an object starts with its id.
 TEST(Record, StartsWithTheId) {
   message config;
   config.insert_bool(key::disabled, true);

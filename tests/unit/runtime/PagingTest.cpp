@@ -43,6 +43,7 @@ class Paging : public testing::Test {
   std::map<uint32_t, std::string> table_;
 };
 
+// Promise: An empty table is one page without records, with its record array present.
 TEST_F(Paging, AnEmptyTableIsOneEmptyPage) {
   const message answer = firstPage();
   EXPECT_TRUE(answer.has_array(key::records));
@@ -50,12 +51,16 @@ TEST_F(Paging, AnEmptyTableIsOneEmptyPage) {
   EXPECT_EQ(cursor(answer), none);
 }
 
+// Also proves [page-size], [page-first].
 TEST_F(Paging, SixtyFourRecordsAreOnePage) {
   tableHas(1, 64);
   EXPECT_EQ(ids(firstPage()).size(), 64U);
   EXPECT_EQ(cursor(firstPage()), none);
 }
 
+// Promise [page-size]: A page of a listing holds at most 64 records, in rising order of id.
+// Promise [page-cursor]: The cursor of a page is the last id in it, and `0xFFFFFFFF` after the last
+// page.
 TEST_F(Paging, TheSixtyFifthComesOnTheNextPage) {
   tableHas(1, 65);
   EXPECT_EQ(ids(firstPage()).size(), 64U);
@@ -64,23 +69,28 @@ TEST_F(Paging, TheSixtyFifthComesOnTheNextPage) {
   EXPECT_EQ(cursor(page(64)), none);
 }
 
+// Promise [page-first]: A request without cursor, or with the cursor `0xFFFFFFFF`, gets the first
+// page.
 TEST_F(Paging, ACursorOfNoneIsTheStart) {
   tableHas(5, 6);
   EXPECT_EQ(ids(page(none)), (std::vector<uint32_t>{5, 6}));
 }
 
+// Promise: A page continues after its cursor also when the record with that id has gone.
 TEST_F(Paging, GoesOnAfterARecordThatHasGone) {
   tableHas(1, 3);
   table_.erase(2);
   EXPECT_EQ(ids(page(2)), std::vector<uint32_t>{3});
 }
 
+// Also proves [page-cursor].
 TEST_F(Paging, HandsOutTheIdZero) {
   tableHas(0, 0);
   EXPECT_EQ(ids(firstPage()), std::vector<uint32_t>{0});
   EXPECT_TRUE(ids(page(0)).empty());
 }
 
+// Promise: A page fits a datagram however long its records are.
 TEST_F(Paging, APageFitsADatagram) {
   for (uint32_t id = 1; id <= 10; ++id) table_[id] = std::string(30000, 'x');
   std::vector<uint32_t> all;

@@ -60,6 +60,7 @@ class PendingReplyTest : public testing::Test {
   std::optional<Service> service_;
 };
 
+// Promise [answer-later]: A handler may answer a request later, once, in any order.
 TEST_F(PendingReplyTest, GoesOutWhenItIsSent) {
   const uint32_t asked = ask(wait);
   platform_.advance(1000);
@@ -68,6 +69,7 @@ TEST_F(PendingReplyTest, GoesOutWhenItIsSent) {
   EXPECT_EQ(answerTo(asked), "{u32 0x1=5}");
 }
 
+// Also proves [answer-later].
 TEST_F(PendingReplyTest, LeavesOtherRequestsAlone) {
   const uint32_t first = ask(wait);
   const uint32_t second = ask(wait);
@@ -80,6 +82,8 @@ TEST_F(PendingReplyTest, LeavesOtherRequestsAlone) {
   EXPECT_EQ(answerTo(first), "{u32 0x1=1}");
 }
 
+// Promise: An answer that was put off and never came is the error `service unavailable`, also when
+// its handler or its program ends.
 TEST_F(PendingReplyTest, IsAnErrorWhenNothingWasSent) {
   const uint32_t asked = ask(wait);
   service_->waiting.clear();
@@ -92,6 +96,7 @@ TEST_F(PendingReplyTest, IsAnErrorWhenTheHandlerGoes) {
   EXPECT_EQ(answerTo(asked), "service unavailable");
 }
 
+// Also proves [answer-later].
 TEST_F(PendingReplyTest, GoesOutOnce) {
   const uint32_t asked = ask(wait);
   service_->waiting[0].send(number(5));
@@ -100,6 +105,7 @@ TEST_F(PendingReplyTest, GoesOutOnce) {
   EXPECT_EQ(answerTo(asked), "{u32 0x1=5}");
 }
 
+// Also proves [answer-later].
 TEST_F(PendingReplyTest, MovesFromHolderToHolder) {
   const uint32_t first = ask(wait);
   const uint32_t second = ask(wait);
@@ -113,6 +119,8 @@ TEST_F(PendingReplyTest, MovesFromHolderToHolder) {
   EXPECT_EQ(answerTo(second), "{u32 0x1=5}");
 }
 
+// Promise: Nothing is sent for a notification that a handler answers later, nor when there is no
+// program left to send it.
 TEST_F(PendingReplyTest, OfANotificationGoesToNobody) {
   service_->subscribe(wait, {20, 1});
   platform_.notify(wait, {20, 1});

@@ -55,6 +55,8 @@ TEST_F(WholeTable, ThatIsEmptyHasNoRecords) {
   EXPECT_FALSE(reget.error());
 }
 
+// Promise: A reader of a whole table asks for a page when the one before is used up, and hands back
+// its cursor unchanged.
 TEST_F(WholeTable, IsReadPageByPage) {
   platform_.serveTable({20, 0}, cmd::list, table(130));
   Reget reget(looper_, request());
@@ -77,6 +79,7 @@ TEST_F(WholeTable, AsksForAPageWhenTheOneBeforeIsUsedUp) {
   EXPECT_EQ(platform_.sent().size(), 2U);
 }
 
+// Promise: A table that answers without a cursor has one page.
 TEST_F(WholeTable, ASourceWithoutCursorHasOnePage) {
   message reply = page({1, 2}, 0);
   message withoutCursor;
@@ -86,6 +89,8 @@ TEST_F(WholeTable, ASourceWithoutCursorHasOnePage) {
   EXPECT_EQ(readAllOf(reget), (std::vector<uint32_t>{1, 2}));
 }
 
+// Promise: A reader of a whole table ends with the error of the page that failed, and keeps what it
+// had read before.
 TEST_F(WholeTable, EndsWithTheErrorOfAPage) {
   platform_.onRequest({20, 0}, cmd::list, [](const message& m) {
     if (m.get_u32(key::cursor, none) == none) return page({1}, 1);
@@ -97,6 +102,7 @@ TEST_F(WholeTable, EndsWithTheErrorOfAPage) {
   EXPECT_EQ(getError(*reget.error()), "service unavailable");
 }
 
+// Promise: A cursor that does not rise ends the reading with the error `cursor does not rise`.
 TEST_F(WholeTable, EndsWithAnErrorWhenTheCursorStands) {
   platform_.answer({20, 0}, cmd::list, page({1}, 1));
   Reget reget(looper_, request());
@@ -114,6 +120,7 @@ TEST_F(WholeTable, EndsWithAnErrorWhenTheCursorFalls) {
   EXPECT_EQ(getError(*reget.error()), "cursor does not rise");
 }
 
+// Promise: The time limit of a reading counts for each page.
 TEST_F(WholeTable, GivesEachPageItsTime) {
   platform_.serveTable({20, 0}, cmd::list, table(130));
   platform_.delay({20, 0}, cmd::list, 900);
@@ -124,6 +131,7 @@ TEST_F(WholeTable, GivesEachPageItsTime) {
   EXPECT_EQ(getError(*hasty.error()), "no answer in time");
 }
 
+// Also proves [commands].
 TEST_F(WholeTable, AFullReadAsksForTheRecordsAsTheyAreKept) {
   platform_.serveTable({20, 0}, cmd::readAll, table(2));
   FullReget reget(looper_, request());

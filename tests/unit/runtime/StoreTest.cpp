@@ -51,6 +51,8 @@ class StoreOnDisk : public testing::Test {
 
 TEST_F(StoreOnDisk, HasNoRecordAtFirst) { EXPECT_FALSE(store_.get(0)); }
 
+// Promise [record-file]: A stored record is a file with the record's number as its name and the
+// encoded message as its content.
 TEST_F(StoreOnDisk, KeepsARecordForTheNextProgram) {
   EXPECT_TRUE(store_.set(0, settings(true)));
   EXPECT_EQ(Store(dir_.path(), 5).get(0), settings(true));
@@ -58,6 +60,8 @@ TEST_F(StoreOnDisk, KeepsARecordForTheNextProgram) {
   EXPECT_EQ(dir_.read("0"), encode(settings(true)));
 }
 
+// Promise [record-replace]: A record is replaced as a whole: on a full disk the old one stays, and
+// the log says why.
 TEST_F(StoreOnDisk, ReplacesARecordAsAWhole) {
   EXPECT_TRUE(store_.set(0, settings(true)));
   message shorter;
@@ -66,6 +70,7 @@ TEST_F(StoreOnDisk, ReplacesARecordAsAWhole) {
   EXPECT_EQ(store_.get(0), shorter);
 }
 
+// Also proves [record-file].
 TEST_F(StoreOnDisk, KeepsRecordsApart) {
   EXPECT_TRUE(store_.set(0, settings(true)));
   EXPECT_TRUE(store_.set(4, settings(false)));
@@ -73,12 +78,15 @@ TEST_F(StoreOnDisk, KeepsRecordsApart) {
   EXPECT_EQ(store_.get(4), settings(false));
 }
 
+// Promise: A record number at or above a store's limit is refused, and one outside a map's ids is
+// not loaded.
 TEST_F(StoreOnDisk, RefusesANumberBeyondItsLimit) {
   EXPECT_FALSE(store_.set(5, settings(true)));
   EXPECT_FALSE(store_.get(5));
   EXPECT_EQ(dir_.names(), Names{});
 }
 
+// Promise: Records hold no transport fields.
 TEST_F(StoreOnDisk, KeepsNoTransportFields) {
   message request = settings(true);
   request.insert_u32_array(key::destination, {40, 0});
@@ -89,11 +97,14 @@ TEST_F(StoreOnDisk, KeepsNoTransportFields) {
   EXPECT_EQ(store_.get(0), settings(true));
 }
 
+// Promise: An empty message is a record like any other, and an absent one is none.
 TEST_F(StoreOnDisk, KeepsAnEmptyMessage) {
   EXPECT_TRUE(store_.set(0, message()));
   EXPECT_EQ(store_.get(0), message());
 }
 
+// Promise: A record that does not decode is set aside as `0.broken`, reported with the reason, and
+// does not stop the start.
 TEST_F(StoreOnDisk, SetsABrokenRecordAsideAndSaysSo) {
   dir_.write("0", "not a message");
   const test::LogCapture log;
@@ -118,6 +129,7 @@ TEST_F(StoreOnDisk, DoesNotWaitForAPipeInPlaceOfARecord) {
   EXPECT_EQ(store_.get(0), message()) << "there is nothing in it";
 }
 
+// Promise: A record longer than a datagram is not written, and set aside when it is found.
 TEST_F(StoreOnDisk, RefusesARecordThatIsTooLong) {
   message m;
   m.insert_string(1, std::string(maxDatagram, 'x'));
@@ -125,6 +137,7 @@ TEST_F(StoreOnDisk, RefusesARecordThatIsTooLong) {
   EXPECT_EQ(dir_.names(), Names{});
 }
 
+// Also proves [record-replace].
 TEST_F(StoreOnDisk, KeepsTheOldRecordWhenTheDiskIsFull) {
   EXPECT_TRUE(store_.set(0, settings(true)));
   {
@@ -137,6 +150,8 @@ TEST_F(StoreOnDisk, KeepsTheOldRecordWhenTheDiskIsFull) {
   EXPECT_EQ(dir_.names(), Names{"0"});
 }
 
+// Promise: A record that cannot be read is set aside as well, so that no later write ends it, and
+// one that cannot be set aside is reported.
 TEST_F(StoreOnDisk, SetsARecordAsideThatItCannotRead) {
   const auto refuses = [this](int call, int error, const std::string& reason) {
     EXPECT_TRUE(store_.set(0, settings(true)));
@@ -159,6 +174,7 @@ TEST_F(StoreOnDisk, OverwritesNothingThatItCannotRead) {
   EXPECT_EQ(dir_.read("0.broken"), encode(settings(true)));
 }
 
+// Also proves [record-replace].
 TEST_F(StoreOnDisk, RefusesARecordThatMightNotSurviveAPowerFailure) {
   const test::LogCapture log;
   whileRefused({SCMP_SYS(fsync)}, EIO, [&] { EXPECT_FALSE(store_.set(0, settings(true))); });
@@ -175,6 +191,7 @@ TEST_F(StoreOnDisk, SaysWhenABrokenRecordCannotBeSetAside) {
   EXPECT_EQ(dir_.names(), Names{"0"});
 }
 
+// Promise: A store whose directory is missing has no records and refuses to write.
 TEST(StoreWithoutDirectory, HasNoRecordsAndRefusesToWrite) {
   const test::TempDir dir;
   Store store(dir.file("missing"), 5);
@@ -194,6 +211,7 @@ class Records : public testing::Test {
   RecordDirectory records_{dir_.path()};
 };
 
+// Also proves [record-replace].
 TEST_F(Records, APreparedOneTakesItsPlaceAtTheCommit) {
   records_.prepare(7, record(1))->commit();
   auto pending = records_.prepare(7, record(2));
@@ -205,6 +223,7 @@ TEST_F(Records, APreparedOneTakesItsPlaceAtTheCommit) {
   EXPECT_EQ(records_.read(7), record(2));
 }
 
+// Also proves [record-replace].
 TEST_F(Records, APreparedOneThatIsNotCommittedLeavesNothing) {
   records_.prepare(7, record(1))->commit();
   records_.prepare(7, record(2)).reset();
@@ -212,6 +231,8 @@ TEST_F(Records, APreparedOneThatIsNotCommittedLeavesNothing) {
   EXPECT_EQ(records_.read(7), record(1));
 }
 
+// Promise: A record that cannot be put in its place or removed is a reported failure; one that is
+// gone already is not.
 TEST_F(Records, ACommitThatFailsSaysSo) {
   auto pending = records_.prepare(7, record(1));
   dir_.makeDirectory("7");
@@ -238,11 +259,14 @@ TEST_F(Records, SayWhenAPreparedOneCannotBeRemoved) {
   EXPECT_EQ(log.text(), "store: " + dir_.file("7.new") + ": Permission denied\n");
 }
 
+// Promise: Records are read in rising order of their numbers.
 TEST_F(Records, AreListedByRisingNumber) {
   for (uint32_t number : {10U, 9U, 4294967294U, 0U}) records_.prepare(number, record(1))->commit();
   EXPECT_EQ(records_.numbers(), (std::vector<uint32_t>{0, 9, 10, 4294967294}));
 }
 
+// Promise: Files in a store's directory that are no records are left alone, and a pipe in place of
+// a record blocks no program.
 TEST_F(Records, OtherFilesAreLeftAlone) {
   for (const char* name : {"readme", "01", "-1", "4294967296", "7.broken", "x.new", "7x"}) {
     dir_.write(name, "x");
@@ -251,6 +275,7 @@ TEST_F(Records, OtherFilesAreLeftAlone) {
   EXPECT_EQ(dir_.names().size(), 7U);
 }
 
+// Promise: What an interrupted write left is removed at the next start.
 TEST_F(Records, WhatAnInterruptedWriteLeftIsRemoved) {
   records_.prepare(7, record(1))->commit();
   dir_.write("7.new", "half");

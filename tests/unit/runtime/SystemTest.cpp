@@ -8,6 +8,7 @@
 
 namespace {
 
+// Promise [uptime-bits]: Uptime is whole seconds of the boot clock, cut to 32 bits.
 TEST(System, UptimeIsWholeSecondsOfTheBootClock) {
   timespec before{};
   clock_gettime(CLOCK_BOOTTIME, &before);
@@ -18,6 +19,7 @@ TEST(System, UptimeIsWholeSecondsOfTheBootClock) {
   EXPECT_LE(uptime, after.tv_sec);
 }
 
+// Also proves [uptime-bits].
 TEST(System, UptimeRunsOnTheClockOfTheEventLoop) {
   lm::test::ManualClock clock;
   clock.moveTo(5'000'000'999);
@@ -29,6 +31,7 @@ TEST(System, UptimeRunsOnTheClockOfTheEventLoop) {
   EXPECT_EQ(lm::getUptime(), 0U) << "cut to 32 bits";
 }
 
+// Promise [clock-unit]: The loop's clock counts milliseconds.
 TEST(System, ClockCountsMilliseconds) {
   const uint64_t before = lm::getUptime();
   const uint64_t now = lm::SystemClock().now();
@@ -37,6 +40,7 @@ TEST(System, ClockCountsMilliseconds) {
   EXPECT_LT(now, (after + 1) * 1000);
 }
 
+// Promise: The version text that programs announce is the version of this software and one blank.
 TEST(System, VersionEndsInOneBlank) { EXPECT_EQ(getOSVersion(), PALINODE_VERSION " "); }
 
 }  // namespace

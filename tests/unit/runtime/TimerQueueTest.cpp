@@ -8,6 +8,7 @@ namespace {
 void callback(void*) {}
 void otherCallback(void*) {}
 
+// Also proves [timer-unit].
 TEST(TimerQueue, GivesTimersInTheOrderInWhichTheyComeDue) {
   int a = 0;
   int b = 0;

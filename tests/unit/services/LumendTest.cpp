@@ -95,6 +95,8 @@ class LumendTest : public testing::Test {
   lm::test::TempDir root_;
 };
 
+// Promise: lumend makes its own stores, for root alone, and with `--root` those of its services,
+// each for its user alone.
 TEST_F(LumendTest, ServesARootThatHasSeenNoInstallation) {
   const auto lumend = start();
   ASSERT_TRUE(lumend->prints("\nready\n"));
@@ -112,6 +114,8 @@ TEST_F(LumendTest, ServesARootThatHasSeenNoInstallation) {
   EXPECT_FALSE(root_.has("run/lumen.sock"));
 }
 
+// Promise: A store of a service that is missing or belongs to another user is reported at the
+// start: `probe: /lumen/store/upnp is missing or belongs to another user`.
 TEST_F(LumendTest, TellsOfStoresThatTheInstallationDidNotMake) {
   for (const char* made : {"run", "store", "store/upnpm"}) root_.makeDirectory(made);
   const auto lumend = startInstalled();
@@ -138,6 +142,8 @@ TEST_F(LumendTest, LeavesTheStoresOfAnInstallationAlone) {
   EXPECT_EQ(lumend->wholeOutput().find("is missing"), std::string::npos);
 }
 
+// Promise: lumend holds no descriptor that its starter left open, and takes `/dev/null` for a
+// standard one that is missing.
 TEST_F(LumendTest, TidiesTheDescriptorsOfItsStarter) {
   constexpr int leak = 77;
   const auto lumend = start([] {
@@ -150,6 +156,8 @@ TEST_F(LumendTest, TidiesTheDescriptorsOfItsStarter) {
   EXPECT_FALSE(fs::is_symlink(descriptors + std::to_string(leak)));
 }
 
+// Promise [one-lumend]: A second lumend for one folder ends with 1 and does not disturb the first:
+// `lumend: another one runs already, process ` and its number.
 TEST_F(LumendTest, IsTheOnlyOneOfARoot) {
   const auto first = start();
   ASSERT_TRUE(first->prints("\nready\n"));
@@ -174,6 +182,7 @@ TEST_F(LumendTest, IsJoinedByItsServices) {
   EXPECT_EQ(resolver->status(), 0) << resolver->wholeOutput();
 }
 
+// Promise: Without `--root` lumend uses the `/lumen` that is there.
 TEST_F(LumendTest, IsFoundWhereAnInstallationHasIt) {
   for (const char* made : {"run", "store"}) root_.makeDirectory(made);
   const auto lumend = startInstalled();
@@ -183,6 +192,7 @@ TEST_F(LumendTest, IsFoundWhereAnInstallationHasIt) {
   EXPECT_EQ(lumenctl->status(), 0);
 }
 
+// Also proves [kernel].
 TEST_F(LumendTest, NeedsAKernelThatLetsItOwnATable) {
   constexpr unsigned long asLinux2 = 0x0020000;  // UNAME26 of linux/personality.h
   EXPECT_TRUE(refusal([] { personality(asLinux2); })
@@ -190,16 +200,21 @@ TEST_F(LumendTest, NeedsAKernelThatLetsItOwnATable) {
                                "change; this is 2.6."));
 }
 
+// Also proves [lumend-root].
 TEST_F(LumendTest, NeedsItsCapabilities) {
   EXPECT_EQ(refusal([] { prctl(PR_CAPBSET_DROP, CAP_KILL, 0, 0, 0); }), "lumend: lacks kill\n");
 }
 
+// Promise [lumend-refuses]: lumend ends with 1 when it cannot give up its privileges, cannot open
+// `/dev/null` or cannot use one of its files, which it names: `lumend: /lumen/run/lumend.lock: Too
+// many levels of symbolic links`.
 TEST_F(LumendTest, DoesNotServeWithMoreThanItNeeds) {
   whileRefused({SCMP_SYS(capset)}, EPERM, [this] {
     EXPECT_EQ(refusal(), "lumend: cannot give up its privileges: Operation not permitted\n");
   });
 }
 
+// Also proves [lumend-refuses].
 TEST_F(LumendTest, NeedsDescriptorsToStandOn) {
   EXPECT_EQ(refusal([] {
               unshare(CLONE_NEWNS);
@@ -209,6 +224,7 @@ TEST_F(LumendTest, NeedsDescriptorsToStandOn) {
             "lumend: /dev/null: No such file or directory\n");
 }
 
+// Also proves [lumend-refuses], [policy-error].
 TEST_F(LumendTest, SaysWhichFileKeepsItFromStarting) {
   root_.makeDirectory("run");
   fs::create_symlink("elsewhere", root_.file("run/lumend.lock"));
@@ -234,6 +250,9 @@ TEST_F(LumendTest, SaysWhichFileKeepsItFromStarting) {
   EXPECT_EQ(refusal(), "lumend: /lumen/store: Not a directory\n");
 }
 
+// Promise: Without its NAT ruleset it ends with 1 before it makes a file: `lumend:
+// /lumen/etc/nat-ruleset.nft: No such file or directory`; where the package is installed it adds
+// that `systemctl start lumend` starts it.
 TEST_F(LumendTest, MakesNoFileWithoutItsConfiguration) {
   for (const char* made : {"run", "store"}) root_.makeDirectory(made);
   fs::remove_all(root_.file("etc"));
@@ -245,6 +264,7 @@ TEST_F(LumendTest, MakesNoFileWithoutItsConfiguration) {
   EXPECT_TRUE(fs::is_empty(root_.file("store")));
 }
 
+// Also proves [lumend-folder].
 TEST_F(LumendTest, SaysWhatIsWrongWithItsArguments) {
   Program nowhere({LUMEND, "--root", "/nowhere"});
   EXPECT_EQ(nowhere.wholeOutput(), "lumend: /nowhere: No such file or directory\n");

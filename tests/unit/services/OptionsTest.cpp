@@ -18,16 +18,20 @@ Options start(std::vector<std::string> arguments) {
   return readOptions(static_cast<int>(arguments.size()), raw.data());
 }
 
+// Also proves [lumend-status].
 TEST(Options, AreNoneForTheRealThing) {
   EXPECT_EQ(start({}).root, "");
   EXPECT_LT(start({}).status, 0);
 }
 
+// Also proves [lumend-status].
 TEST(Options, NameAnotherRoot) {
   EXPECT_EQ(start({"--root", "/tmp/demo"}).root, "/tmp/demo");
   EXPECT_EQ(start({"--root=/tmp/demo"}).root, "/tmp/demo");
 }
 
+// Promise [lumend-status]: `lumend --help` and `lumend --version` end with 0, wrong arguments with
+// 2 and the usage on standard error.
 TEST(Options, AskForHelpAndVersion) {
   testing::internal::CaptureStdout();
   EXPECT_EQ(start({"--version"}).status, 0);
@@ -37,6 +41,7 @@ TEST(Options, AskForHelpAndVersion) {
   EXPECT_TRUE(testing::internal::GetCapturedStdout().starts_with("Usage: lumend [--root DIR]\n"));
 }
 
+// Also proves [lumend-status].
 TEST(Options, EndWithTwoWhenTheyAreWrong) {
   testing::internal::CaptureStderr();
   const std::vector<std::vector<std::string>> wrong = {

@@ -14,6 +14,8 @@
 namespace lumen {
 namespace {
 
+// Promise [numbers]: The numbers of all commands and fields are fixed, so that a program that was
+// built earlier is understood.
 TEST(WireNumbers, OfTheBroker) {
   EXPECT_EQ(brokercmd::registerServices, 0x10U);
   EXPECT_EQ(brokercmd::subscribe, 0x11U);
@@ -40,6 +42,7 @@ TEST(WireNumbers, OfTheBroker) {
   EXPECT_EQ(servicekey::nextStart, 0x10000004U);
 }
 
+// Also proves [numbers].
 TEST(WireNumbers, OfTheBrokerAsProgramsSendThem) {
   EXPECT_EQ(lm::broker::registerServices, brokercmd::registerServices);
   EXPECT_EQ(lm::broker::subscribe, brokercmd::subscribe);
@@ -51,6 +54,7 @@ TEST(WireNumbers, OfTheBrokerAsProgramsSendThem) {
   EXPECT_EQ(lm::broker::topicSource, brokerkey::path);
 }
 
+// Also proves [numbers].
 TEST(WireNumbers, OfAnInterface) {
   EXPECT_EQ(interfaces::key::hardwareType, 0x08010001U);
   EXPECT_EQ(interfaces::key::flags, 0x08010003U);
@@ -68,11 +72,13 @@ TEST(WireNumbers, OfAnInterface) {
   EXPECT_EQ(interfaces::roleInternal, 2U);
 }
 
+// Also proves [numbers].
 TEST(WireNumbers, OfAnAddress) {
   EXPECT_EQ(addresses::key::interface, 0x08000005U);
   EXPECT_EQ(addresses::key::address, 0x08000001U);
 }
 
+// Also proves [numbers].
 TEST(WireNumbers, OfAPort) {
   EXPECT_EQ(nat::key::chain, 0x20000027U);
   EXPECT_EQ(nat::key::matchAddress, 0x000001a3U);
@@ -99,6 +105,7 @@ TEST(WireNumbers, OfAPort) {
   EXPECT_EQ(nat::actionDnat, 22U);
 }
 
+// Also proves [numbers].
 TEST(WireNumbers, OfThePolicy) {
   EXPECT_EQ(nat::key::externalPorts, 0x20010030U);
   EXPECT_EQ(nat::key::internalClients, 0x20010031U);
@@ -108,6 +115,7 @@ TEST(WireNumbers, OfThePolicy) {
   EXPECT_EQ(nat::key::reload, 0x00010035U);
 }
 
+// Also proves [numbers].
 TEST(WireNumbers, OfAChange) {
   EXPECT_EQ(history::key::text, 0x20000001U);
   EXPECT_EQ(history::key::undo, 0x28000002U);
@@ -115,6 +123,7 @@ TEST(WireNumbers, OfAChange) {
   EXPECT_EQ(history::key::time, 0x10000004U);
 }
 
+// Also proves [numbers].
 TEST(WireNumbers, OfTheGatewayAndOtherServices) {
   EXPECT_EQ(lumenctl::gatewaykey::interface, 0x08000001U);
   EXPECT_EQ(lumenctl::gatewaykey::type, 0x08000002U);

@@ -25,6 +25,9 @@ class SilentLan : public SsdpNetwork {
   sockaddr_in host = {};
 };
 
+// Promise: A full send buffer is not waited for.
+// Promise: A host that does not answer ARP delays no other: a reply is sent without waiting for a
+// full buffer.
 TEST_F(SilentLan, IsNotWaitedForWhenTheBufferIsFull) {
   const lm::Fd socket(makeUdpSocket("silent0"));
   const int smallest = 0;

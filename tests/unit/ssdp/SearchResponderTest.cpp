@@ -70,6 +70,10 @@ class SearchResponder : public SsdpNetwork {
   sockaddr_in self = {};
 };
 
+// Promise [search-mx]: MX must be there, but its value is not read: 0, a word and nothing at all
+// are answered, at once.
+// Promise: Field names count in any case, blanks before a value do not count, and the empty line at
+// the end may be missing.
 TEST_F(SearchResponder, TakesAWellFormedSearch) {
   const struct {
     std::string datagram;
@@ -94,6 +98,11 @@ TEST_F(SearchResponder, TakesAWellFormedSearch) {
   }
 }
 
+// Promise [search-line]: The start line must be `M-SEARCH * HTTP/1.1`, byte for byte.
+// Promise [search-host]: HOST must be `239.255.255.250:1900`, byte for byte: not without the port
+// and in no other spelling.
+// Promise [search-man]: MAN must be `"ssdp:discover"` with its double quotes, in lower case.
+// Promise [search-required]: A search without MX or without ST is ignored.
 TEST_F(SearchResponder, DropsAnythingElse) {
   const struct {
     std::string datagram;
@@ -125,6 +134,7 @@ TEST_F(SearchResponder, DropsAnythingElse) {
   }
 }
 
+// Also proves [search-reply-port].
 TEST_F(SearchResponder, ReceivesASearchAndItsSender) {
   lanHostMulticasts(search);
   const auto request = receiveSearch(discovery.get());
@@ -135,6 +145,8 @@ TEST_F(SearchResponder, ReceivesASearchAndItsSender) {
   EXPECT_EQ(request->sender.sin_addr.s_addr, self.sin_addr.s_addr);
 }
 
+// Promise: One datagram is handled at a time; those that wait are answered in the order in which
+// they came.
 TEST_F(SearchResponder, ReceivesOneDatagramACall) {
   lanHostMulticasts(searchWith("upnp:rootdevice", "first"));
   lanHostMulticasts(searchWith("upnp:rootdevice", "second"));
@@ -142,6 +154,7 @@ TEST_F(SearchResponder, ReceivesOneDatagramACall) {
   EXPECT_EQ(receiveSearch(discovery.get())->target, "second");
 }
 
+// Promise [search-size]: Of a datagram the first 4096 bytes are read.
 TEST_F(SearchResponder, ReadsTheFirst4096BytesOfADatagram) {
   const std::string target(4096 - searchWith("upnp:rootdevice", "").size() + 2, 'x');
   const std::string fits = searchWith("upnp:rootdevice", target);
@@ -153,11 +166,14 @@ TEST_F(SearchResponder, ReadsTheFirst4096BytesOfADatagram) {
   EXPECT_FALSE(receiveSearch(discovery.get())) << "the line end of ST is cut off";
 }
 
+// Promise: What is no search for this router is ignored without a line in the log.
 TEST_F(SearchResponder, DropsAStrangersDatagramWithoutAWord) {
   lanHostMulticasts("what is this");
   EXPECT_EQ(logged([&] { EXPECT_FALSE(receiveSearch(discovery.get())); }), "");
 }
 
+// Promise: An empty datagram, or a failure to receive one, logs `search recvfrom failed`, and the
+// next search is answered.
 TEST_F(SearchResponder, LogsAnEmptyDatagramOrNone) {
   lanHostMulticasts("");
   lanHostMulticasts(search);
@@ -169,6 +185,11 @@ TEST_F(SearchResponder, LogsAnEmptyDatagramOrNone) {
   EXPECT_EQ(logged([] { EXPECT_FALSE(receiveSearch(-1)); }), "search recvfrom failed\n");
 }
 
+// Promise [search-reply]: Each search target that matches gets one datagram `HTTP/1.1 200 OK` with
+// the fields `CACHE-CONTROL: max-age=3600`, `EXT` (empty), `LOCATION:
+// http://<address>:2828/gateway.xml`, `SERVER`, `ST` and `USN`, in this order.
+// Promise [search-all]: A search for `ssdp:all` gets a reply for every target of the tree, in the
+// byte order of the targets, each with its own ST and USN.
 TEST_F(SearchResponder, AnswersASearchForEverythingInOrder) {
   EXPECT_EQ(answersTo("ssdp:all"),
             (std::vector<std::string>{answer("upnp:rootdevice", "uuid:1::upnp:rootdevice"),
@@ -176,6 +197,7 @@ TEST_F(SearchResponder, AnswersASearchForEverythingInOrder) {
                                       answer("urn:x", "uuid:1::urn:x")}));
 }
 
+// Promise: A search for one target gets exactly the entries of that target.
 TEST_F(SearchResponder, AnswersWithEachEntryOfTheTarget) {
   EXPECT_EQ(answersTo("upnp:rootdevice"),
             std::vector<std::string>{answer("upnp:rootdevice", "uuid:1::upnp:rootdevice")});
@@ -183,12 +205,16 @@ TEST_F(SearchResponder, AnswersWithEachEntryOfTheTarget) {
                                                           answer("urn:x", "uuid:1::urn:x")}));
 }
 
+// Promise [search-target]: A search for a target that the router does not have, in this spelling
+// and case, gets no reply.
 TEST_F(SearchResponder, DoesNotAnswerForATargetThatItHasNot) {
   for (const char* target : {"urn:y", "URN:X", "urn:", "urn:x ", "", "ssdp:ALL"}) {
     EXPECT_TRUE(answersTo(target).empty()) << target;
   }
 }
 
+// Promise [search-reply-port]: Replies go to the address and port that asked, from a new UDP socket
+// on the same interface, not from port 1900, and the socket is closed again.
 TEST_F(SearchResponder, AnswersFromASocketOfItsOwnWhichItCloses) {
   const auto openDescriptors = [] {
     const std::filesystem::directory_iterator descriptors("/proc/self/fd");
@@ -206,6 +232,8 @@ TEST_F(SearchResponder, AnswersFromASocketOfItsOwnWhichItCloses) {
   EXPECT_NE(ntohs(sender.sin_port), SSDP_PORT);
 }
 
+// Promise: A reply socket that cannot be bound to the interface is reported, even when there is
+// nothing to reply.
 TEST_F(SearchResponder, OpensItsSocketOnTheInterfaceEvenForNoAnswer) {
   EXPECT_EQ(logged([&] {
               answerSearch({"urn:y", self}, "none0", gatewayAddress, targets);
@@ -219,6 +247,8 @@ TEST_F(SearchResponder, OpensItsSocketOnTheInterfaceEvenForNoAnswer) {
             "search sendto failed\n");
 }
 
+// Promise: A reply that cannot be sent logs `search sendto failed`, and the remaining replies are
+// sent.
 TEST_F(SearchResponder, SendsTheOtherAnswersBehindAFailure) {
   SearchTargets some = {{"a", std::string(70000, 'x')}, {"b", "uuid:1"}};
   EXPECT_EQ(logged([&] {

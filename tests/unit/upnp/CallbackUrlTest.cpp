@@ -33,6 +33,10 @@ class CallbackUrl : public testing::Test {
   std::string path;
 };
 
+// Promise [subscribe-port]: A callback without a port means port 80.
+// Promise: The path of a callback is everything from its first `/` on, with its query.
+// Promise [subscribe-port-bits]: The port of a callback is not judged: it is cut to 16 bits, and
+// what is no number is 0.
 TEST_F(CallbackUrl, IsTakenApart) {
   const struct {
     const char* url;
@@ -58,6 +62,8 @@ TEST_F(CallbackUrl, IsTakenApart) {
   EXPECT_TRUE(platform.sentTo({14}, resolve).empty());
 }
 
+// Promise [subscribe-address]: A dotted address in a callback is taken as it is, `0.0.0.0`
+// included, without asking the platform.
 TEST_F(CallbackUrl, TakesTheAddressZeroWithoutAskingTheResolver) {
   platform.refuse({14}, resolve, "no such host");
   for (const char* url :
@@ -72,6 +78,10 @@ TEST_F(CallbackUrl, TakesTheAddressZeroWithoutAskingTheResolver) {
   EXPECT_EQ(log.text(), "");
 }
 
+// Promise [subscribe-url]: A callback must begin with `http://`, in lower case, and have a path;
+// else 412.
+// Promise [subscribe-control]: A callback with control characters, which could break the lines of a
+// NOTIFY, gets 412.
 TEST_F(CallbackUrl, IsRefusedWhenItIsNone) {
   const struct {
     const char* url;
@@ -88,6 +98,8 @@ TEST_F(CallbackUrl, IsRefusedWhenItIsNone) {
   for (const auto& row : rows) EXPECT_FALSE(parse(row.url)) << row.why;
 }
 
+// Promise [subscribe-name]: A host name in a callback is resolved by the platform: command 3 to
+// service 14 with the name as string 3.
 TEST_F(CallbackUrl, HasItsHostNameResolved) {
   resolverKnows("10.0.0.9");
   ASSERT_TRUE(parse("http://player.lan:8000/x"));
@@ -99,18 +111,23 @@ TEST_F(CallbackUrl, HasItsHostNameResolved) {
   EXPECT_EQ(log.text(), "");
 }
 
+// Promise [subscribe-name-unknown]: A name that cannot be resolved gets 412; an error of the
+// resolver logs `resolving failed: ` with its text.
 TEST_F(CallbackUrl, IsRefusedWhenItsHostNameHasNoAddress) {
   platform.refuse({14}, resolve, "no such host");
   EXPECT_FALSE(parse("http://nowhere.lan/x"));
   EXPECT_EQ(log.text(), "resolving failed: no such host\n");
 }
 
+// Promise [subscribe-name-zero]: An answer without an address, or with the address 0.0.0.0, gets
+// 412 without a line in the log.
 TEST_F(CallbackUrl, IsRefusedWhenTheResolverSaysNothing) {
   platform.answer({14}, resolve, {});
   EXPECT_FALSE(parse("http://nowhere.lan/x"));
   EXPECT_EQ(log.text(), "");
 }
 
+// Also proves [subscribe-name-zero].
 TEST_F(CallbackUrl, IsRefusedWhenTheResolverAnswersWithTheAddressZero) {
   resolverKnows("0.0.0.0");
   for (const char* url : {"http://nowhere.lan/x", "http:///x", "http://255.255.255.255/x"}) {
@@ -120,6 +137,7 @@ TEST_F(CallbackUrl, IsRefusedWhenTheResolverAnswersWithTheAddressZero) {
   EXPECT_EQ(log.text(), "");
 }
 
+// Promise: An error of the resolver that carries an address is logged, and the address is used.
 TEST_F(CallbackUrl, UsesTheAddressThatComesWithAnErrorOfTheResolver) {
   lm::message reply = lm::errorMsg(0xfe0009, "from memory");
   reply.insert_be32(0x08000004, strtoip("10.0.0.9"));
@@ -129,6 +147,7 @@ TEST_F(CallbackUrl, UsesTheAddressThatComesWithAnErrorOfTheResolver) {
   EXPECT_EQ(log.text(), "resolving failed: from memory\n");
 }
 
+// Promise [subscribe-name-time]: The daemon waits for the resolver for six seconds at most.
 TEST_F(CallbackUrl, WaitsSixSecondsForTheResolver) {
   platform.ignore({14}, resolve);
   const uint64_t before = platform.clock().now();
@@ -136,6 +155,7 @@ TEST_F(CallbackUrl, WaitsSixSecondsForTheResolver) {
   EXPECT_EQ(platform.clock().now() - before, 6000U);
 }
 
+// Promise: `255.255.255.255` is looked up like a name.
 TEST_F(CallbackUrl, HasTheBroadcastAddressResolvedLikeAName) {
   resolverKnows("10.0.0.9");
   EXPECT_TRUE(parse("http://255.255.255.255/x"));

@@ -83,6 +83,19 @@ const std::string goodArguments = "<NewBrightness>70</NewBrightness><NewColour>g
 const std::string getResponse =
     "\r\n      <NewBrightness>50</NewBrightness>\r\n      <NewColour>red</NewColour>\r\n    ";
 
+// Promise [soap-type]: A request whose CONTENT-TYPE does not contain `text/xml`, in lower case,
+// gets 400 and logs `POST method with bad CONTENT-TYPE: ` with the value.
+// Promise [soap-xml]: A body that is not well-formed XML gets 400 and logs `POST: with bad xml`.
+// Promise [soap-envelope]: A body whose root is no `Envelope` gets 400 and logs `POST: XML bad node
+// name: ` with the root's full name.
+// Promise: An envelope without an `encodingStyle` gets 400 and logs `POST: XML no encoding style`.
+// Promise [soap-encoding]: An `encodingStyle` that is not
+// `http://schemas.xmlsoap.org/soap/encoding/`, byte for byte, gets 400 and logs `POST: XML bad
+// encoding style`; the first of several counts.
+// Promise [soap-body]: An envelope without a `Body` gets 400 and logs `POST: XML no body`.
+// Promise [soap-action]: A request without SOAPACTION, or with an empty one, gets 400 and logs
+// `POST: with no SOAPACTION`.
+// Promise [soap-bare-400]: Refused with 400, a request gets the bare status, without a body.
 TEST_F(Control, RefusesWhatIsNoSoapRequest) {
   const SoapRequest good = actionRequest(lampType, "Get");
   struct Spoiled {
@@ -122,6 +135,8 @@ TEST_F(Control, RefusesWhatIsNoSoapRequest) {
   EXPECT_EQ(post(good), response("Get", getResponse)) << "the next good one is answered";
 }
 
+// Promise [soap-order]: A control request is checked in this order: type, XML, root, encoding
+// style, Body, SOAPACTION; the first that fails is the one that is logged.
 TEST_F(Control, ChecksInTheOrderOfTheMessage) {
   struct Step {
     std::string contentType;
@@ -145,6 +160,7 @@ TEST_F(Control, ChecksInTheOrderOfTheMessage) {
   EXPECT_EQ(post(HTTPMessage()), badRequest) << "neither field is there";
 }
 
+// Promise: `text/xml` may stand anywhere in CONTENT-TYPE, with parameters around it.
 TEST_F(Control, AcceptsTextXmlAnywhereInTheType) {
   SoapRequest request = actionRequest(lampType, "Get");
   for (const char* type : {"text/xml", "text/xml; charset=utf-8", "x/y, text/xml;q=1"}) {
@@ -153,6 +169,8 @@ TEST_F(Control, AcceptsTextXmlAnywhereInTheType) {
   }
 }
 
+// Promise [soap-prefix]: Elements and attributes are matched by their local names: any prefix, or
+// none, and no namespace is checked.
 TEST_F(Control, MatchesElementsByTheirLocalNames) {
   const auto prefixed = [](const std::string& p) {
     return "<" + p + "Envelope " + p +
@@ -166,6 +184,7 @@ TEST_F(Control, MatchesElementsByTheirLocalNames) {
   }
 }
 
+// Promise: The first Body counts.
 TEST_F(Control, UsesTheFirstBody) {
   SoapRequest request = actionRequest(lampType, "Get");
   request.body =
@@ -175,6 +194,11 @@ TEST_F(Control, UsesTheFirstBody) {
   EXPECT_EQ(log, "action: Get\nPOST: XML has no such action\n");
 }
 
+// Promise: When SOAPACTION begins with a double quote, its first and last characters are dropped,
+// whatever the last one is.
+// Promise: The action is what follows the first `#` of SOAPACTION, or all of it when there is no
+// `#`.
+// Promise: The service type in SOAPACTION is not compared with the service that is asked.
 TEST_F(Control, TakesTheActionNameFromSoapaction) {
   struct Named {
     std::string soapAction;
@@ -202,6 +226,8 @@ TEST_F(Control, TakesTheActionNameFromSoapaction) {
   }
 }
 
+// Promise [soap-element]: An action that the body does not name gets a bare 400 and logs `POST: XML
+// has no such action`.
 TEST_F(Control, RefusesAnActionThatTheBodyDoesNotHave) {
   SoapRequest request = actionRequest(lampType, "Get");
   request.soapAction = "Reset";
@@ -210,11 +236,18 @@ TEST_F(Control, RefusesAnActionThatTheBodyDoesNotHave) {
   EXPECT_TRUE(lamp.calls.empty());
 }
 
+// Promise [fault-401]: An action that the service does not have is a fault 401 `Invalid Action` and
+// logs `POST: no such action registered`.
 TEST_F(Control, FaultsAnActionThatIsNotRegistered) {
   EXPECT_EQ(invoke("Explode"), fault(401, "Invalid Action"));
   EXPECT_EQ(log, "action: Explode\nPOST: no such action registered\n");
 }
 
+// Promise: An action logs `action: ` with its name.
+// Promise: A read of variables answers them in the action's order and logs `ret: <argument>, val:
+// <value>` for each.
+// Promise: The answer to an action is the element `u:<action>Response` with the attribute
+// `xmlns:u`, the service type, and one child for each result.
 TEST_F(Control, AnswersAReadActionWithItsVariables) {
   EXPECT_EQ(invoke("Get"), response("Get", getResponse));
   EXPECT_EQ(log, "action: Get\nret: NewBrightness, val: 50\nret: NewColour, val: red\n");
@@ -224,20 +257,27 @@ TEST_F(Control, AnswersAReadActionWithItsVariables) {
                                       "      <Tint>red</Tint>\r\n    "));
 }
 
+// Promise: Arguments sent to an action that takes none are ignored.
 TEST_F(Control, ReadActionIgnoresArguments) {
   EXPECT_EQ(invoke("Get", "<NewColour>blue</NewColour>"), response("Get", getResponse));
 }
 
+// Promise [read-unset]: A read of a variable without a value is a fault 401 and logs `bad val`.
 TEST_F(Control, FaultsAReadActionWhoseVariableHasNoValue) {
   EXPECT_EQ(invoke("GetHours"), fault(401, "Invalid Action"));
   EXPECT_EQ(log, "action: GetHours\nret: NewBrightness, val: 50\nbad val\n");
 }
 
+// Promise [read-unknown]: A read of a variable that the service does not have is a fault 401 and
+// logs `bad var`.
 TEST_F(Control, FaultsAReadActionWhoseVariableIsUnknown) {
   EXPECT_EQ(invoke("GetWeight"), fault(401, "Invalid Action"));
   EXPECT_EQ(log, "action: GetWeight\nret: NewBrightness, val: 50\nbad var\n");
 }
 
+// Promise [soap-arguments]: Arguments are matched by name, in any order; the first of a name
+// counts, and those that the action does not know are ignored.
+// Promise: Each argument logs `arg: <element>, val: <value>`.
 TEST_F(Control, RunsTheHandlerWithTheArgumentsInItsOrder) {
   const std::string reply =
       invoke("Set",
@@ -250,6 +290,7 @@ TEST_F(Control, RunsTheHandlerWithTheArgumentsInItsOrder) {
             "ret: OldBrightness, val: 50\n");
 }
 
+// Promise: An action without results is answered with an empty element.
 TEST_F(Control, RunsAHandlerWithoutArguments) {
   EXPECT_EQ(invoke("Reset"), response("Reset", ""));
   EXPECT_EQ(lamp.calls, std::vector<Values>{{}});
@@ -262,12 +303,15 @@ TEST_F(Control, HandsAnEmptyArgumentThroughAsEmpty) {
   EXPECT_EQ(lamp.calls, (std::vector<Values>{{"", "red"}}));
 }
 
+// Promise: An empty argument has the last text that stands before it in the body, and is empty
+// where there is none.
 TEST_F(Control, GivesAnEmptyArgumentTheLastTextBeforeIt) {
   EXPECT_EQ(invoke("Set", "<NewColour>red</NewColour>\n<Note>70</Note><NewBrightness/>"),
             response("Set", "\r\n      <OldBrightness>50</OldBrightness>\r\n    "));
   EXPECT_EQ(lamp.calls, (std::vector<Values>{{"70", "red"}}));
 }
 
+// Promise: An argument or action name with line ends is one line of the log.
 TEST_F(Control, LogsOneLineForAnActionNameOfSeveral) {
   SoapRequest request = actionRequest(lampType, "Get");
   request.soapAction = "Get\nexit";
@@ -275,12 +319,17 @@ TEST_F(Control, LogsOneLineForAnActionNameOfSeveral) {
   EXPECT_EQ(log, "action: Get?exit\nPOST: XML has no such action\n");
 }
 
+// Promise [argument-unknown]: An argument whose variable the service does not have is a fault 401
+// and logs `POST: bad variable`.
 TEST_F(Control, FaultsAnArgumentWhoseVariableIsUnknown) {
   EXPECT_EQ(invoke("SetWeight", "<NewWeight>1</NewWeight>"), fault(401, "Invalid Action"));
   EXPECT_EQ(log, "action: SetWeight\nPOST: bad variable\n");
   EXPECT_TRUE(lamp.calls.empty());
 }
 
+// Promise [fault-missing]: A missing argument is a fault 402 `Invalid Args` and logs `POST: action
+// xml doesn't have var: ` with its name.
+// Promise [fault-first]: An action is not carried out when one of its arguments is refused.
 TEST_F(Control, FaultsAMissingArgument) {
   EXPECT_EQ(invoke("Set", "<NewBrightness>70</NewBrightness>"), fault(402, "Invalid Args"));
   EXPECT_EQ(log,
@@ -289,6 +338,9 @@ TEST_F(Control, FaultsAMissingArgument) {
   EXPECT_TRUE(lamp.calls.empty());
 }
 
+// Promise [fault-402]: An argument that is not valid for its variable is a fault 402 and logs
+// `POST: action xml bad variable value`.
+// Also proves [fault-first].
 TEST_F(Control, FaultsAnInvalidArgument) {
   EXPECT_EQ(invoke("Set", "<NewBrightness>70</NewBrightness><NewColour>blue</NewColour>"),
             fault(402, "Invalid Args"));
@@ -298,6 +350,7 @@ TEST_F(Control, FaultsAnInvalidArgument) {
   EXPECT_TRUE(lamp.calls.empty());
 }
 
+// Promise: An action that fails is a fault with the code that it gave.
 TEST_F(Control, FaultsWithTheCodeOfTheHandler) {
   lamp.status = UPNP_ACTION_FAILED;
   EXPECT_EQ(invoke("Set", goodArguments), fault(501, "Action Failed"));
@@ -306,6 +359,8 @@ TEST_F(Control, FaultsWithTheCodeOfTheHandler) {
   EXPECT_EQ(log, "action: Reset\n");
 }
 
+// Promise [fault-results]: An action that gives too few or too many results is a fault 401 and logs
+// `bad ret`.
 TEST_F(Control, FaultsAHandlerThatReturnsTooFewOrTooManyValues) {
   for (const Values& answer : {Values{}, Values{"1", "2"}}) {
     lamp.answer = answer;
@@ -315,12 +370,19 @@ TEST_F(Control, FaultsAHandlerThatReturnsTooFewOrTooManyValues) {
   }
 }
 
+// Promise: Results are not judged by their variables.
 TEST_F(Control, DoesNotJudgeOutValues) {
   lamp.answer = {"dazzling"};
   EXPECT_EQ(invoke("Set", goodArguments),
             response("Set", "\r\n      <OldBrightness>dazzling</OldBrightness>\r\n    "));
 }
 
+// Promise: A query is a SOAPACTION of `urn:schemas-upnp-org:control-1-0#QueryStateVariable`, with
+// quotes or without; with another namespace it is an action.
+// Promise [query]: A query logs `query variable: ` with the name and is answered with
+// `u:QueryStateVariableResponse` in the namespace `urn:schemas-upnp-org:control-1-0` and its one
+// child `return`.
+// Promise [query-any]: Every variable can be queried, evented or not.
 TEST_F(Control, AnswersTheValueOfAVariable) {
   const auto value = [](const std::string& text) {
     return wholeReply("200 OK",
@@ -340,6 +402,10 @@ TEST_F(Control, AnswersTheValueOfAVariable) {
   EXPECT_EQ(post(bare), value("50")) << "without quotes";
 }
 
+// Promise [fault-404]: A query of a variable that the service does not have is a fault 404 `Invalid
+// Var` and logs `POST: no such variable name registered`.
+// Promise [query-unset]: A query of a variable without a value is a fault 404 and logs `POST:
+// variable has no value`.
 TEST_F(Control, FaultsAQueryOfAVariableThatIsUnknownOrHasNoValue) {
   EXPECT_EQ(post(variableRequest("Weight")), fault(404, "Invalid Var"));
   EXPECT_EQ(log, "query variable: Weight\nPOST: no such variable name registered\n");
@@ -347,6 +413,8 @@ TEST_F(Control, FaultsAQueryOfAVariableThatIsUnknownOrHasNoValue) {
   EXPECT_EQ(log, "query variable: Hours\nPOST: variable has no value\n");
 }
 
+// Promise [query-form]: A query without its element gets 400 and logs `POST: query variable xml
+// bad`; without `varName` in it, `POST: query variable xml var name bad`.
 TEST_F(Control, RefusesAQueryWithoutItsElements) {
   SoapRequest request = variableRequest("Brightness");
   request.body = envelope("<u:Get/>");

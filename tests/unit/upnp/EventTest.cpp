@@ -30,6 +30,14 @@ std::string setOf(const std::string& name, const std::string& value) {
 
 using Events = LampEvents;
 
+// Promise: A NOTIFY is `NOTIFY <path> HTTP/1.1` with the fields `HOST: <address>:<port>`,
+// `CONTENT-TYPE: text/xml`, `CONTENT-LENGTH`, `NT: upnp:event`, `NTS: upnp:propchange`, `SID` and
+// `SEQ`, in this order.
+// Promise: The body of a NOTIFY is an `e:propertyset` with
+// `xmlns:e="urn:schemas-upnp-org:event-1-0"`, without an XML declaration; each variable stands in
+// an `e:property` for itself.
+// Promise [event-initial]: A new subscriber is sent the initial event: every evented variable that
+// has a value, in the byte order of the names.
 TEST_F(Events, CarryEveryEventedVariableThatHasAValueAtFirst) {
   Subscriber subscriber(platform);
   const std::string sid = subscribe(subscriber);
@@ -60,6 +68,7 @@ TEST_F(Events, CarryEveryEventedVariableThatHasAValueAtFirst) {
   EXPECT_EQ(linesOf("notify: State = 'Off'"), 1);
 }
 
+// Promise: Where no evented variable has a value, the initial event is an empty `e:propertyset`.
 TEST_F(Events, AreEmptyAtFirstWhenNothingHasAValue) {
   class Bare : public Service {
    public:
@@ -72,6 +81,9 @@ TEST_F(Events, AreEmptyAtFirstWhenNothingHasAValue) {
   EXPECT_EQ(subscriber.notify().body, emptySet);
 }
 
+// Promise [event-delay]: The connection for the initial event is opened with the answer to
+// SUBSCRIBE; the event is written some 50 ms later, when the control point has had time to note its
+// SID.
 TEST_F(Events, AreConnectedAtOnceButWrittenAfterTheAnswerHasSettled) {
   Subscriber subscriber(platform);
   subscribe(subscriber);
@@ -82,6 +94,11 @@ TEST_F(Events, AreConnectedAtOnceButWrittenAfterTheAnswerHasSettled) {
   EXPECT_NE(subscriber.receive(), "");
 }
 
+// Promise [event-second]: A change right after SUBSCRIBE waits for the initial event and comes
+// second, with SEQ 1.
+// Promise: Connections that a subscriber takes in the order of the changes bring the changes in
+// that order.
+// Also proves [event-seq].
 TEST_F(Events, OfAChangeRightAfterSubscribingComeSecond) {
   Subscriber subscriber(platform);
   subscribe(subscriber);
@@ -98,6 +115,8 @@ TEST_F(Events, OfAChangeRightAfterSubscribingComeSecond) {
   EXPECT_EQ(state.body, setOf("State", "On"));
 }
 
+// Promise: A NOTIFY that was made but could not be written has used up its SEQ.
+// Promise: When the initial event is dropped, the changes after it are sent.
 TEST_F(Events, GoOnWhenTheInitialOneIsDropped) {
   Subscriber subscriber(platform);
   subscribe(subscriber);
@@ -110,6 +129,9 @@ TEST_F(Events, GoOnWhenTheInitialOneIsDropped) {
       << log.text();
 }
 
+// Promise [event-change]: A change is sent as one property, to the subscribers of that service
+// only.
+// Promise: Each property that is written logs `notify: <name> = '<value>'`.
 TEST_F(Events, TellOfAChangedVariable) {
   Subscriber subscriber(platform);
   subscribeAndHear(subscriber);
@@ -120,6 +142,9 @@ TEST_F(Events, TellOfAChangedVariable) {
   EXPECT_EQ(linesOf("notify: State = 'On'"), 1);
 }
 
+// Promise: Setting a value that a variable has already sends no event.
+// Promise: Setting the empty text where there was no value sends no event.
+// Promise: A variable that is not evented never sends an event.
 TEST_F(Events, TellNothingOfWhatDidNotChangeOrIsNotEvented) {
   Subscriber subscriber(platform);
   subscribeAndHear(subscriber);
@@ -130,6 +155,8 @@ TEST_F(Events, TellNothingOfWhatDidNotChangeOrIsNotEvented) {
   EXPECT_TRUE(subscriber.hearsNothing());
 }
 
+// Promise [event-value]: The value sent is that of the moment of writing: of two quick changes both
+// deliveries carry the second value, with consecutive SEQ.
 TEST_F(Events, CarryTheValueOfTheMomentTheyAreWritten) {
   Subscriber subscriber(platform);
   subscribeAndHear(subscriber);
@@ -143,6 +170,8 @@ TEST_F(Events, CarryTheValueOfTheMomentTheyAreWritten) {
   EXPECT_TRUE(subscriber.hearsNothing());
 }
 
+// Promise: Every change of an evented variable is delivered to every subscriber at once, one
+// delivery each, in the order of their SIDs.
 TEST_F(Events, ReachEverySubscriber) {
   Subscriber one(platform);
   Subscriber other(platform, "127.0.0.2");
@@ -184,6 +213,7 @@ TEST_F(Events, AreStartedInTheOrderOfTheSids) {
   EXPECT_EQ(takeAll(), inOrder);
 }
 
+// Promise: A delivery ends, and its connection is closed, when the subscriber has answered.
 TEST_F(Events, EndWithTheSubscribersReply) {
   Subscriber subscriber(platform);
   subscribe(subscriber);
@@ -196,6 +226,9 @@ TEST_F(Events, EndWithTheSubscribersReply) {
   EXPECT_EQ(log.text().find("bad notify reply"), std::string::npos);
 }
 
+// Promise: An answer whose status is not `200` logs `bad notify reply: ` with its start line; later
+// changes are still sent.
+// Also proves [subscription-failures].
 TEST_F(Events, EndWithABadReplyAndTheNextOneIsStillSent) {
   Subscriber subscriber(platform);
   subscribe(subscriber);
@@ -208,6 +241,8 @@ TEST_F(Events, EndWithABadReplyAndTheNextOneIsStillSent) {
   EXPECT_EQ(subscriber.notify().getField("SEQ"), "1");
 }
 
+// Promise [event-answer]: An answer is judged by its first piece, of at most 4096 bytes; the rest
+// is not waited for.
 TEST_F(Events, JudgeTheReplyByItsFirstPiece) {
   Subscriber subscriber(platform);
   subscribe(subscriber);
@@ -218,6 +253,8 @@ TEST_F(Events, JudgeTheReplyByItsFirstPiece) {
   EXPECT_EQ(linesOf("bad notify reply: "), 1);
 }
 
+// Promise [event-timeout]: A delivery that has no answer 30 seconds after its start is given up and
+// logs `notify timeout`.
 TEST_F(Events, AreGivenUpWhenNobodyAnswersForThirtySeconds) {
   Subscriber subscriber(platform);
   subscribe(subscriber);
@@ -232,6 +269,8 @@ TEST_F(Events, AreGivenUpWhenNobodyAnswersForThirtySeconds) {
   EXPECT_EQ(subscriber.notify().getField("SEQ"), "1");
 }
 
+// Promise [event-connect]: A delivery whose connection is not made within 30 seconds is given up
+// and logs `notify timeout`.
 TEST_F(Events, AreGivenUpWhenTheConnectionIsNotMadeInThirtySeconds) {
   const lm::test::TcpListener full(0);  // its queue holds one client
   const lm::Fd client = full.connect();
@@ -271,6 +310,9 @@ TEST_F(Events, HearAReplyThatArrivedWhileACallbackTookThirtySeconds) {
   EXPECT_EQ(linesOf("notify timeout"), 0);
 }
 
+// Promise [event-reset]: A subscriber that closes or resets without an answer is reported with
+// `notify reply read failed`, at once and then at most ten times a second, until the 30 seconds are
+// over.
 TEST_F(Events, ReportASubscriberThatClosesUnansweredAgainAndAgainUntilTheirTimeIsOver) {
   Subscriber subscriber(platform);
   subscribe(subscriber);
@@ -292,6 +334,8 @@ TEST_F(Events, ReportASubscriberThatClosesUnansweredAgainAndAgainUntilTheirTimeI
   EXPECT_EQ(linesOf("notify reply read failed"), reported);
 }
 
+// Promise: A subscriber that refuses the connection, or is not there, logs `write failed` and
+// `notify timeout`.
 TEST_F(Events, AreDroppedWhenTheSubscriberRefusesTheConnection) {
   Subscriber subscriber(platform);
   subscribeAndHear(subscriber);
@@ -302,6 +346,8 @@ TEST_F(Events, AreDroppedWhenTheSubscriberRefusesTheConnection) {
   EXPECT_EQ(linesOf("notify: Colour = 'blue'"), 1);
 }
 
+// Promise [subscription-failures]: Failed deliveries do not end a subscription.
+// Promise: A connection that fails at once logs `tcp connect: ` with the system's error text.
 TEST_F(Events, ThatCannotBeStartedAreReportedAndTheSubscriptionIsKept) {
   HTTPMessage request;
   request.addField("NT", "upnp:event");
@@ -311,12 +357,15 @@ TEST_F(Events, ThatCannotBeStartedAreReportedAndTheSubscriptionIsKept) {
   EXPECT_EQ(renew(sid).startLine, "HTTP/1.1 200 OK");
 }
 
+// Promise: A socket that cannot be made logs `tcp socket: ` with the error text.
 TEST_F(Events, ReportASocketThatCannotBeMade) {
   Subscriber subscriber(platform);
   whileRefused({SCMP_SYS(socket)}, EMFILE, [&] { subscribe(subscriber); });
   EXPECT_EQ(linesOf("tcp socket: Too many open files"), 1);
 }
 
+// Promise: A socket that cannot be made non-blocking logs `fcntl O_NONBLOCK: ` with the error text,
+// and nothing is delivered.
 TEST_F(Events, ReportASocketThatCannotBeSwitchedToNotBlocking) {
   Subscriber subscriber(platform);
   whileRefused({SCMP_SYS(fcntl), F_SETFL, O_NONBLOCK}, EINVAL, [&] { subscribe(subscriber); });
@@ -324,6 +373,8 @@ TEST_F(Events, ReportASocketThatCannotBeSwitchedToNotBlocking) {
   EXPECT_TRUE(subscriber.hearsNothing());
 }
 
+// Promise: A socket that cannot be made blocking again logs `fcntl 0: ` with the error text and
+// `notify timeout`.
 TEST_F(Events, AreDroppedWhenTheSocketCannotBeSwitchedToBlocking) {
   Subscriber subscriber(platform);
   subscribe(subscriber);
@@ -333,6 +384,8 @@ TEST_F(Events, AreDroppedWhenTheSocketCannotBeSwitchedToBlocking) {
   EXPECT_EQ(linesOf("notify timeout"), 1);
 }
 
+// Promise: A NOTIFY is written once: one that is interrupted before anything was taken logs `write
+// failed` and `notify timeout`.
 TEST_F(Events, AreWrittenOnceOnly) {
   Subscriber subscriber(platform);
   subscribe(subscriber);
@@ -345,6 +398,9 @@ TEST_F(Events, AreWrittenOnceOnly) {
   EXPECT_TRUE(subscriber.closedByService());
 }
 
+// Promise: A NOTIFY whose connection cannot be given a send buffer or a time limit logs `setsockopt
+// SO_SNDBUF: ` or `setsockopt SO_SNDTIMEO: ` with the error text, `write failed` and `notify
+// timeout`.
 TEST_F(Events, AreDroppedWhenTheWriteCouldHaveToWait) {
   Subscriber subscriber(platform);
   subscribe(subscriber);
@@ -356,6 +412,8 @@ TEST_F(Events, AreDroppedWhenTheWriteCouldHaveToWait) {
   EXPECT_TRUE(subscriber.closedByService());
 }
 
+// Promise: A delivery whose subscription has ended meanwhile is dropped with `notify timeout`,
+// before anything is written.
 TEST_F(Events, OfASubscriptionThatEndedMeanwhileAreDropped) {
   Subscriber subscriber(platform);
   const std::string sid = subscribeAndHear(subscriber);
@@ -378,6 +436,8 @@ TEST_F(Events, ThatWaitForTheirTurnAreDroppedWithTheirSubscription) {
   EXPECT_EQ(linesOf("notify timeout"), 2);
 }
 
+// Promise: A delivery whose variable has lost its value logs `variable has no value` and `notify
+// timeout`, and uses up no SEQ.
 TEST_F(Events, OfAVariableThatLostItsValueAreDropped) {
   Subscriber subscriber(platform);
   subscribeAndHear(subscriber);
@@ -391,6 +451,7 @@ TEST_F(Events, OfAVariableThatLostItsValueAreDropped) {
   EXPECT_EQ(subscriber.notify().getField("SEQ"), "1");
 }
 
+// Promise: Whether a variable is evented is not looked at again when its event is written.
 TEST_F(Events, OfAVariableThatIsNoLongerEventedAreSentAllTheSame) {
   Subscriber subscriber(platform);
   subscribeAndHear(subscriber);
@@ -399,6 +460,8 @@ TEST_F(Events, OfAVariableThatIsNoLongerEventedAreSentAllTheSame) {
   EXPECT_EQ(subscriber.notifyAndAnswer().body, setOf("Brightness", "10"));
 }
 
+// Promise [event-room]: A NOTIFY for which the system has no room is waited for 10 ms; then the log
+// has `write failed` and `notify timeout`.
 TEST_F(Events, ToASubscriberThatDoesNotReadStallTheLoopForAMomentOnly) {
   Subscriber subscriber(platform);
   const int smallest = 1;
@@ -413,6 +476,7 @@ TEST_F(Events, ToASubscriberThatDoesNotReadStallTheLoopForAMomentOnly) {
   EXPECT_LT(took, std::chrono::seconds(30));  // without a limit it would take for ever
 }
 
+// Promise: A service that ends closes its deliveries and forgets its subscriptions without a word.
 TEST_F(Events, InFlightEndWithTheirService) {
   Subscriber subscriber(platform);
   subscribe(subscriber);

@@ -64,6 +64,8 @@ class HostileControl : public ::testing::Test {
   std::ptrdiff_t requests = 0;
 };
 
+// Promise: A request that is cut, changed or made of random bytes is answered with 200, 400 or a
+// fault, and the next good one with what it asks for.
 TEST_F(HostileControl, RefusesABodyCutAnywhere) {
   for (size_t length = 0; length < good.body.size(); ++length) {
     SoapRequest request = good;
@@ -115,6 +117,7 @@ TEST_F(HostileControl, SurvivesElementsInAnyOrderAndNumber) {
   stillOpens();
 }
 
+// Promise [xml-depth-400]: A request in which elements are nested deeper than 64 gets 400.
 TEST_F(HostileControl, RefusesElementsNestedWithoutEnd) {
   const auto nested = [this](size_t depth) {
     SoapRequest request = good;
@@ -131,6 +134,7 @@ TEST_F(HostileControl, RefusesElementsNestedWithoutEnd) {
   stillOpens();
 }
 
+// Promise [xml-entities-400]: Entities that grow without bound get 400, and cost little time.
 TEST_F(HostileControl, RefusesEntitiesThatGrow) {
   SoapRequest request = good;
   std::string entities = "<!ENTITY e0 \"0123456789\">";

@@ -32,6 +32,7 @@ TEST(Service, StartsWithEmptyTables) {
   EXPECT_TRUE(lamp.getActions().empty());
 }
 
+// Promise: Reading a variable that is unknown or has no value gives the empty text.
 TEST(Service, GivesEmptyTextForAVariableThatIsUnknownOrHasNoValue) {
   Lamp lamp;
   lamp.addVar("Brightness", {VAR_UI2, true});
@@ -48,6 +49,7 @@ TEST(Service, SetsAVariable) {
   EXPECT_EQ(lamp.getVar("Brightness"), "20");
 }
 
+// Promise: A value that the router itself sets is not judged by the list of allowed values.
 TEST(Service, SetsAVariableWithoutJudgingTheValue) {
   Lamp lamp;
   lamp.addVar("State", {makeContainer("On", "Off"), true});
@@ -55,6 +57,7 @@ TEST(Service, SetsAVariableWithoutJudgingTheValue) {
   EXPECT_EQ(lamp.getVar("State"), "Broken");
 }
 
+// Promise: Setting a variable that a service does not have changes nothing.
 TEST(Service, IgnoresSettingAnUnknownVariable) {
   Lamp lamp;
   lamp.setVar("Colour", "red");
@@ -77,6 +80,7 @@ TEST(Service, ReadsThroughTheGetterUntilTheVariableIsSet) {
   EXPECT_EQ(lamp.getVar("Hours"), "0");
 }
 
+// Promise: A name that is registered twice stands for what was registered last.
 TEST(Service, ReplacesAVariableThatIsRegisteredTwice) {
   Lamp lamp;
   lamp.addVar("State", {VAR_UI4, false}).setValue("1");
@@ -86,6 +90,7 @@ TEST(Service, ReplacesAVariableThatIsRegisteredTwice) {
   EXPECT_EQ(lamp.getVar("State"), "");
 }
 
+// Promise: Variables are listed in the byte order of their names.
 TEST(Service, ListsVariablesInTheOrderOfTheBytesOfTheirNames) {
   Lamp lamp;
   for (const char* name : {"b", "a", "Z", "ab"}) lamp.addVar(name, {VAR_UI4, false});
@@ -94,6 +99,8 @@ TEST(Service, ListsVariablesInTheOrderOfTheBytesOfTheirNames) {
   EXPECT_EQ(names, (Values{"Z", "a", "ab", "b"}));
 }
 
+// Promise: An action's arguments keep the order in which they were registered, each with its
+// variable.
 TEST(Service, KeepsTheArgumentsOfAnActionInTheirOrder) {
   Lamp lamp;
   lamp.addAct("Dim", {"Brightness", "Colour"}, {"NewB", "NewC"}, {"Colour", "Brightness"},
@@ -109,6 +116,7 @@ TEST(Service, KeepsTheArgumentsOfAnActionInTheirOrder) {
   EXPECT_EQ(out, (Values{"5", "red"}));
 }
 
+// Promise: An action without a handler reads the values of its variables.
 TEST(Service, HasNoHandlerWithoutAnOwnerOrAMemberFunction) {
   Lamp lamp;
   lamp.addAct("A", {}, {}, {}, {}, static_cast<Lamp*>(nullptr), &Lamp::dim);
@@ -118,6 +126,7 @@ TEST(Service, HasNoHandlerWithoutAnOwnerOrAMemberFunction) {
   EXPECT_FALSE(lamp.getActions().at("B").callback);
 }
 
+// Promise: An action that only reads names its results `New` and the variable's name.
 TEST(Service, NamesTheArgumentsOfAReadActionAfterItsVariables) {
   Lamp lamp;
   lamp.addAct("GetAll", {"ConnectionType", "Uptime"});
@@ -129,6 +138,7 @@ TEST(Service, NamesTheArgumentsOfAReadActionAfterItsVariables) {
   EXPECT_FALSE(action.callback);
 }
 
+// Promise: An action that only reads uses the names it was given, where it was given some.
 TEST(Service, KeepsTheArgumentNamesThatAReadActionBrings) {
   Lamp lamp;
   lamp.addAct("GetAll", {"X_Uptime"}, {"Uptime"});

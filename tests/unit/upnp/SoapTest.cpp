@@ -8,6 +8,7 @@
 
 namespace {
 
+// Also proves [soap-prefix].
 TEST(Soap, LocalNameIsWhatStandsBehindTheLastColon) {
   EXPECT_EQ(localName("s:Body"), "Body");
   EXPECT_EQ(localName("Body"), "Body");
@@ -17,6 +18,13 @@ TEST(Soap, LocalNameIsWhatStandsBehindTheLastColon) {
   EXPECT_EQ(localName(""), "");
 }
 
+// Promise: A SOAP reply has the fields `CONTENT-LENGTH`, `CONTENT-TYPE: text/xml; charset="utf-8"`,
+// `DATE`, `EXT` (empty) and `SERVER`, in this order.
+// Promise: CONTENT-LENGTH is the length of the whole envelope, in faults too.
+// Promise: The body of a SOAP reply is an `s:Envelope` with
+// `xmlns:s="http://schemas.xmlsoap.org/soap/envelope/"` and
+// `s:encodingStyle="http://schemas.xmlsoap.org/soap/encoding/"` around one `s:Body`, without an XML
+// declaration.
 TEST(Soap, ResponseIsAnEnvelopeWithoutAnXmlDeclaration) {
   XMLNode element("u:SwitchResponse");
   element.addProperty("xmlns:u", "urn:schemas-example:service:Lamp:1");
@@ -30,6 +38,7 @@ TEST(Soap, ResponseIsAnEnvelopeWithoutAnXmlDeclaration) {
                        SERVER_STRING));
 }
 
+// Promise: DATE is the time of the reply.
 TEST(Soap, ResponseSaysWhenItWasMade) {
   const HTTPMessage reply = soapResponse(HTTP_OK, XMLNode("x"));
   const std::string date = reply.getField("DATE");
@@ -37,6 +46,9 @@ TEST(Soap, ResponseSaysWhenItWasMade) {
   EXPECT_GT(date.substr(12, 4), "2020");
 }
 
+// Promise [fault]: A fault is a reply 500 with `s:Fault`: `faultCode` `s:Client`, `faultString`
+// `UPnPError`, in this mixed case, then `detail` with a `UPnPError` in the namespace
+// `urn:schemas-upnp-org:control-1-0` that holds `errorCode` and `errorDescription`.
 TEST(Soap, FaultSaysCodeAndDescription) {
   EXPECT_EQ(bytesOf(soapFault(UPNP_CONFLICT_IN_MAPPING_ENTRY)),
             wholeReply("500 Internal Server Error", faultBody(718, "ConflictInMappingEntry"),

@@ -15,6 +15,13 @@ constexpr uint64_t second = 100;  // in hundredths
 
 using Subscriptions = LampEvents;
 
+// Promise [subscribe-time]: Subscription times from 1801 to 86400 seconds are granted as requested.
+// Promise [subscribe-short]: A time shorter than 1801 seconds, no TIMEOUT, `Second-0` and a TIMEOUT
+// that does not begin with `Second-` are granted 1800 seconds.
+// Promise [subscribe-long]: A time longer than 86400 seconds, `Second-infinite` and a negative
+// number, which wraps, are granted 86400 seconds.
+// Promise [subscribe-digits]: What follows the digits of a TIMEOUT is not read: `Second-3600x` is
+// granted 3600 seconds.
 TEST(GrantedTime, LiesBetweenHalfAnHourAndADay) {
   const struct {
     const char* field;
@@ -41,6 +48,7 @@ TEST(GrantedTime, LiesBetweenHalfAnHourAndADay) {
   for (const auto& row : rows) EXPECT_EQ(grantedTime(row.field), row.granted) << row.field;
 }
 
+// Promise [event-seq-wrap]: SEQ goes from 4294967295 to 1; 0 is used once.
 TEST(SubscriptionSeq, GoesFromTheLargestNumberToOneAndNeverToZeroAgain) {
   EventedLamp lamp;
   Subscription subscription(lamp, "uuid:1");
@@ -52,6 +60,10 @@ TEST(SubscriptionSeq, GoesFromTheLargestNumberToOneAndNeverToZeroAgain) {
   EXPECT_EQ(subscription.takeSeq(), 2U);
 }
 
+// Promise: A new or renewed subscription is answered with `HTTP/1.1 200 OK` and the fields `DATE`,
+// `SERVER`, `SID` and `TIMEOUT: Second-<granted time>`, in this order, without a body.
+// Promise: A new subscription logs `callback addr: <address>, port: <port>, path: <path>` and
+// `subscribe: <service type>`.
 TEST_F(Subscriptions, AnswersWithDateServerSidAndTimeout) {
   const Subscriber subscriber(platform);
   const HTTPMessage reply = lamp->subscribe(subscriber.subscribeRequest("Second-3600"));
@@ -65,6 +77,7 @@ TEST_F(Subscriptions, AnswersWithDateServerSidAndTimeout) {
                 ", path: /event\nsubscribe: urn:schemas-example:service:Lamp:1\n");
 }
 
+// Promise: A SID is `uuid:` and a UUID in lower case, new for each subscription.
 TEST_F(Subscriptions, NamesThemselvesByALowerCaseUuid) {
   const std::string sid = subscribe(Subscriber(platform));
   ASSERT_EQ(sid.size(), 41U);
@@ -75,6 +88,7 @@ TEST_F(Subscriptions, NamesThemselvesByALowerCaseUuid) {
   }
 }
 
+// Promise [subscribe-nt]: An NT that is not `upnp:event` gets 412.
 TEST_F(Subscriptions, RefuseAWrongNt) {
   HTTPMessage request;
   request.addField("NT", "upnp:events");
@@ -83,6 +97,8 @@ TEST_F(Subscriptions, RefuseAWrongNt) {
   EXPECT_EQ(log.text(), "");
 }
 
+// Promise [subscribe-callback]: A CALLBACK that is missing, empty or not in `<` and `>` gets 412.
+// Also proves [subscribe-url], [subscribe-control].
 TEST_F(Subscriptions, RefuseABadCallback) {
   const struct {
     const char* callback;
@@ -111,6 +127,7 @@ TEST_F(Subscriptions, RefuseABadCallback) {
   EXPECT_EQ(linesOf("subscribe: urn:schemas-example:service:Lamp:1"), 0);
 }
 
+// Also proves [subscribe-address].
 TEST_F(Subscriptions, AreGrantedToACallbackAtTheAddressZero) {
   HTTPMessage request;
   request.addField("NT", "upnp:event");
@@ -121,6 +138,7 @@ TEST_F(Subscriptions, AreGrantedToACallbackAtTheAddressZero) {
   EXPECT_EQ(linesOf("subscribe: urn:schemas-example:service:Lamp:1"), 1);
 }
 
+// Promise: The first of several URLs in CALLBACK is the one that is used.
 TEST_F(Subscriptions, TakeTheFirstOfSeveralCallbacks) {
   Subscriber first(platform);
   Subscriber other(platform, "127.0.0.2");
@@ -133,6 +151,10 @@ TEST_F(Subscriptions, TakeTheFirstOfSeveralCallbacks) {
   EXPECT_TRUE(other.hearsNothing());
 }
 
+// Promise [subscription-address]: An address has at most one subscription to a service, whatever
+// the port and path; a second one gets 412 until the first has ended.
+// Promise: One refused for the number or the address has logged its `callback addr: ` line, but no
+// `subscribe: ` line.
 TEST_F(Subscriptions, HoldOnePerAddressWhateverThePortAndPath) {
   const Subscriber subscriber(platform);
   const Subscriber otherPort(platform);
@@ -146,6 +168,7 @@ TEST_F(Subscriptions, HoldOnePerAddressWhateverThePortAndPath) {
   EXPECT_NE(subscribe(otherPort), "");
 }
 
+// Promise [subscription-limit]: A service has at most 100 subscriptions; the 101st gets 500.
 TEST_F(Subscriptions, AreAtMostAHundred) {
   std::vector<std::unique_ptr<Subscriber>> subscribers;
   for (int i = 1; i <= 101; ++i) {
@@ -159,6 +182,8 @@ TEST_F(Subscriptions, AreAtMostAHundred) {
   EXPECT_TRUE(log.text().find("callback addr: 127.0.1.101, ") != std::string::npos);
 }
 
+// Promise [renewal]: A renewal keeps SID, callback and SEQ, sends no event, starts the granted time
+// again and logs `resubscribe: <service type>`.
 TEST_F(Subscriptions, AreRenewedUnderTheSameSidWithoutAnEvent) {
   Subscriber subscriber(platform);
   const std::string sid = subscribeAndHear(subscriber);
@@ -172,11 +197,14 @@ TEST_F(Subscriptions, AreRenewedUnderTheSameSidWithoutAnEvent) {
   EXPECT_EQ(subscriber.notify().getField("SEQ"), "1");
 }
 
+// Promise [renewal-unknown]: A renewal under an unknown SID, or none, gets 412.
 TEST_F(Subscriptions, AreNotRenewedUnderAnUnknownSidOrNone) {
   EXPECT_EQ(renew("uuid:0").get(), refused412);
   EXPECT_EQ(lamp->subscribe(HTTPMessage()).get(), refused412);
 }
 
+// Promise: A request with NT is a new subscription, even when it has a SID too, which is then
+// ignored.
 TEST_F(Subscriptions, AreNewWhenTheRequestHasBothNtAndSid) {
   const std::string sid = subscribe(Subscriber(platform));
   HTTPMessage request = Subscriber(platform, "127.0.0.2").subscribeRequest();
@@ -184,6 +212,9 @@ TEST_F(Subscriptions, AreNewWhenTheRequestHasBothNtAndSid) {
   EXPECT_NE(lamp->subscribe(request).getField("SID"), sid);
 }
 
+// Promise [subscription-end]: A subscription that is not renewed ends when its granted time is over
+// and logs `subscription timeout: <SID>`.
+// Promise [subscription-ended]: Renewal and UNSUBSCRIBE of a subscription that has run out get 412.
 TEST_F(Subscriptions, EndAfterTheGrantedTime) {
   for (const uint32_t time : {1800U, 86400U}) {
     const std::string sid = subscribe(Subscriber(platform), "Second-" + std::to_string(time));
@@ -196,6 +227,7 @@ TEST_F(Subscriptions, EndAfterTheGrantedTime) {
   }
 }
 
+// Also proves [renewal].
 TEST_F(Subscriptions, LiveAnewFromTheirRenewalOn) {
   const std::string sid = subscribe(Subscriber(platform));
   platform.advance(1799 * second);
@@ -206,6 +238,9 @@ TEST_F(Subscriptions, LiveAnewFromTheirRenewalOn) {
   EXPECT_EQ(linesOf("subscription timeout: " + sid), 1);
 }
 
+// Promise [unsubscribe]: UNSUBSCRIBE logs `unsubscribe` and is answered with a bare 200; no event
+// follows.
+// Promise [unsubscribe-unknown]: UNSUBSCRIBE of an unknown SID, or without one, gets 412.
 TEST_F(Subscriptions, EndWhenUnsubscribed) {
   Subscriber subscriber(platform);
   const std::string sid = subscribeAndHear(subscriber);
@@ -219,6 +254,7 @@ TEST_F(Subscriptions, EndWhenUnsubscribed) {
   EXPECT_EQ(linesOf("subscription timeout: " + sid), 0);
 }
 
+// Promise [subscription-off]: Switching the gateway off ends all subscriptions.
 TEST_F(Subscriptions, EndTogetherWhenFlushed) {
   const std::string one = subscribe(Subscriber(platform));
   const std::string other = subscribe(Subscriber(platform, "127.0.0.2"));

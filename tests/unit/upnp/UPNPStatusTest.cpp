@@ -8,6 +8,11 @@
 
 namespace {
 
+// Promise [fault-texts]: The faults' descriptions are `Invalid Action` (401), `Invalid Args` (402),
+// `Out of Sync` (403), `Invalid Var` (404), `Action Failed` (501), `SpecifiedArrayIndexInvalid`
+// (713), `NoSuchEntryInArray` (714), `WildcardNotPermittedInExtPort` (716),
+// `ConflictInMappingEntry` (718), `OnlyPermanentLeasesSupported` (725) and
+// `RemoteHostOnlySupportsWildcard` (726).
 TEST(UpnpStatus, HasTheDescriptionsOfTheUpnpForum) {
   const std::vector<std::pair<int, std::string>> descriptions = {
       {401, "Invalid Action"},
@@ -27,6 +32,7 @@ TEST(UpnpStatus, HasTheDescriptionsOfTheUpnpForum) {
   }
 }
 
+// Promise: A fault of any other code has an empty description.
 TEST(UpnpStatus, DescribesNeitherSuccessNorACodeThatItDoesNotKnow) {
   EXPECT_EQ(upnpStatusText(UPNP_SUCCESS), "");
   for (const int code : {999, 400, 717, -1}) {

@@ -51,6 +51,11 @@ TEST(Variable, ContainerKeepsTheOrderOfItsTexts) {
   EXPECT_TRUE(makeContainer().empty());
 }
 
+// Promise [ui2]: A `ui2` argument is a decimal number from 0 to 65535; 65536 is refused.
+// Promise [empty-number]: An empty number is 0.
+// Promise: Blanks and a sign may stand before a number; any character after it makes it invalid, as
+// in `12a`.
+// Also proves [negative-number].
 TEST(Variable, TakesShortNumbers) {
   expectValidity(Variable(VAR_UI2, false), {
                                                {"0", true, "smallest"},
@@ -76,6 +81,10 @@ TEST(Variable, TakesShortNumbers) {
                                            });
 }
 
+// Promise [ui4]: A `ui4` argument is a decimal number from 0 to 4294967295; a larger one counts as
+// 4294967295, on 64-bit machines too.
+// Promise [negative-number]: A negative number wraps: `-1` is a `ui4` of 4294967295 and no `ui2`.
+// Also proves [empty-number].
 TEST(Variable, TakesLongNumbers) {
   expectValidity(Variable(VAR_UI4, false), {
                                                {"0", true, "smallest"},
@@ -90,6 +99,7 @@ TEST(Variable, TakesLongNumbers) {
                                            });
 }
 
+// Promise: A number outside its variable's range, both ends included, is refused.
 TEST(Variable, KeepsNumbersInItsRange) {
   Variable port(VAR_UI2, false);
   port.hasRange = true;
@@ -112,6 +122,8 @@ TEST(Variable, KeepsNumbersInItsRange) {
                         });
 }
 
+// Promise [boolean]: A boolean argument is `1`, `0`, `true`, `false`, `yes` or `no`, in lower case;
+// nothing else.
 TEST(Variable, TakesTheSixSpellingsOfABoolean) {
   const Variable flag(VAR_BOOLEAN, false);
   for (const char* text : {"1", "0", "true", "false", "yes", "no"}) {
@@ -122,6 +134,8 @@ TEST(Variable, TakesTheSixSpellingsOfABoolean) {
   }
 }
 
+// Promise [allowed-values]: A string argument with a list of allowed values is one of them, case
+// included.
 TEST(Variable, TakesOneOfTheAllowedTexts) {
   expectValidity(Variable(makeContainer("TCP", "UDP"), false), {
                                                                    {"TCP", true, "allowed"},
@@ -132,6 +146,7 @@ TEST(Variable, TakesOneOfTheAllowedTexts) {
                                                                });
 }
 
+// Promise: A string argument without such a list is any text, the empty one too.
 TEST(Variable, TakesAnyTextWhenNoneIsNamed) {
   for (const Variable& text : {Variable(VAR_STRING, false), Variable(makeContainer(), false)}) {
     EXPECT_TRUE(text.isValid(""));
@@ -139,12 +154,15 @@ TEST(Variable, TakesAnyTextWhenNoneIsNamed) {
   }
 }
 
+// Promise: A variable of an unknown type takes nothing.
 TEST(Variable, OfAnUnknownTypeTakesNothing) {
   for (const int type : {-1, 4, 1000}) {
     EXPECT_FALSE(Variable(static_cast<VarType>(type), false).isValid("1")) << type;
   }
 }
 
+// Promise: A variable without a value is left out of events and answers a query with a fault.
+// Promise: An empty text is a value.
 TEST(Variable, GivesNoValueUntilItHasOne) {
   Variable variable(VAR_STRING, false);
   std::string out = "untouched";
@@ -174,6 +192,7 @@ class Meter {
   int reads = 0;
 };
 
+// Promise: A computed variable is computed at every read.
 TEST(Variable, AsksItsGetterAtEveryRead) {
   Meter meter;
   Variable variable(VAR_UI4, false);
@@ -198,6 +217,7 @@ TEST(Variable, ReplacesAGetterByAnother) {
   EXPECT_EQ(meter.reads, 0);
 }
 
+// Promise: A value that is set takes the place of the computation.
 TEST(Variable, DropsItsGetterForAStoredValue) {
   Meter meter;
   Variable variable(VAR_UI4, false);
@@ -211,6 +231,7 @@ TEST(Variable, DropsItsGetterForAStoredValue) {
   EXPECT_EQ(meter.reads, 0);
 }
 
+// Promise: A variable whose value is cleared has neither a value nor a computation.
 TEST(Variable, DropsItsGetterWhenCleared) {
   Meter meter;
   Variable variable(VAR_UI4, false);

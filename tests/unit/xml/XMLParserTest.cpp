@@ -35,6 +35,8 @@ size_t bytesOf(const XMLNode& node) {
 
 }  // namespace
 
+// Promise: A well-formed document gives its tree: `<a><b>1</b><c>2</c></a>` an `a` without a text,
+// with `b` of `1` and `c` of `2`.
 TEST(XMLParser, BuildsTheTreeOfADocument) {
   const XMLParser parser("<a><b>1</b><c>2</c></a>");
   ASSERT_TRUE(parser.ok);
@@ -49,6 +51,8 @@ TEST(XMLParser, BuildsTheTreeOfADocument) {
   EXPECT_EQ(a.subNodes.back().value, "2");
 }
 
+// Promise: Names keep their prefix as written, and attributes their order and values; namespaces
+// are not resolved.
 TEST(XMLParser, KeepsPrefixesAndPropertiesAsWritten) {
   const XMLParser parser("<s:Envelope xmlns:s=\"urn:x\" b='2' a=\"1\"/>");
   ASSERT_TRUE(parser.ok);
@@ -60,6 +64,7 @@ TEST(XMLParser, KeepsPrefixesAndPropertiesAsWritten) {
   EXPECT_EQ(envelope.properties.back().name, "a");
 }
 
+// Promise: What is written is read back as the same tree.
 TEST(XMLParser, ReadsWhatTheNodeWrites) {
   XMLNode root("root");
   root.addProperty("a", "1");
@@ -69,6 +74,8 @@ TEST(XMLParser, ReadsWhatTheNodeWrites) {
   EXPECT_EQ(onlyIn(parser.root).get(), root.get());
 }
 
+// Promise: A text that holds an entity, a character reference or a CDATA section is its last piece
+// alone: `a&amp;b` is `b`.
 TEST(XMLParser, GivesALeafTheLastPieceOfItsText) {
   EXPECT_EQ(onlyIn(XMLParser("<a>a&amp;b</a>").root).value, "b");
   EXPECT_EQ(onlyIn(XMLParser("<a>a&amp;</a>").root).value, "&");
@@ -76,11 +83,13 @@ TEST(XMLParser, GivesALeafTheLastPieceOfItsText) {
   EXPECT_EQ(onlyIn(XMLParser("<a>1<![CDATA[2]]></a>").root).value, "2");
 }
 
+// Promise: A text of several lines is its last line, and a line feed when it ends with a line end.
 TEST(XMLParser, GivesALeafOfSeveralLinesTheLastLineOrItsEnd) {
   EXPECT_EQ(onlyIn(XMLParser("<a>1\n2</a>").root).value, "2");
   EXPECT_EQ(onlyIn(XMLParser("<a>1\r\n</a>").root).value, "\n");
 }
 
+// Promise: An empty element has the last text in front of it: the `b` of `<a> <b/></a>` is a blank.
 TEST(XMLParser, GivesAnEmptyElementTheTextBeforeIt) {
   const XMLParser parser("<a> <b/></a>");
   ASSERT_TRUE(parser.ok);
@@ -91,6 +100,7 @@ TEST(XMLParser, GivesAnEmptyElementTheTextBeforeIt) {
   EXPECT_EQ(onlyIn(XMLParser("<a/>").root).value, "");
 }
 
+// Promise: An element with children has no text, whatever stands beside them.
 TEST(XMLParser, DropsTheTextBesideChildren) {
   const XMLParser parser("<a>before<b>1</b>behind</a>");
   ASSERT_TRUE(parser.ok);
@@ -98,16 +108,21 @@ TEST(XMLParser, DropsTheTextBesideChildren) {
   EXPECT_EQ(onlyIn(onlyIn(parser.root)).value, "1");
 }
 
+// Promise: White space is never trimmed.
 TEST(XMLParser, TrimsNoWhiteSpace) {
   EXPECT_EQ(onlyIn(XMLParser("<a>  1\t </a>").root).value, "  1\t ");
 }
 
+// Promise: A document is read as UTF-8, whatever encoding it declares.
 TEST(XMLParser, TakesUtf8WhateverIsDeclared) {
   const XMLParser parser("<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?><a>\xc3\xa4</a>");
   ASSERT_TRUE(parser.ok);
   EXPECT_EQ(onlyIn(parser.root).value, "\xc3\xa4");
 }
 
+// Promise: A document that is not well-formed is refused: no or two document elements, tags that do
+// not match, text outside, a value without quotes, an attribute twice, an unknown entity or one
+// inside itself, bytes that are no UTF-8, a zero byte.
 TEST(XMLParser, RefusesWhatIsNotWellFormed) {
   const struct {
     std::string_view document;
@@ -133,6 +148,7 @@ TEST(XMLParser, RefusesWhatIsNotWellFormed) {
   }
 }
 
+// Promise: A refused document leaves the tree that was read up to its error.
 TEST(XMLParser, KeepsWhatItReadBeforeTheError) {
   const XMLParser parser("<a><b>1</b><c>");
   ASSERT_FALSE(parser.ok);
@@ -140,6 +156,7 @@ TEST(XMLParser, KeepsWhatItReadBeforeTheError) {
   EXPECT_EQ(onlyIn(parser.root).subNodes.front().value, "1");
 }
 
+// Also proves [xml-depth].
 TEST(XMLParser, AcceptsElementsUpToTheDepthLimit) {
   ASSERT_EQ(XMLParser::maxDepth, 64U);
   const XMLParser parser(nested(64));
@@ -147,6 +164,8 @@ TEST(XMLParser, AcceptsElementsUpToTheDepthLimit) {
   EXPECT_EQ(depthOf(parser.root), 64U);
 }
 
+// Promise [xml-depth]: Elements are read up to a depth of 64, and a deeper one refuses the
+// document, even one a million deep.
 TEST(XMLParser, StopsAtADeeperElement) {
   const XMLParser pairs(nested(XMLParser::maxDepth + 1));
   EXPECT_FALSE(pairs.ok);
@@ -159,12 +178,15 @@ TEST(XMLParser, StopsAtADeeperElement) {
   EXPECT_EQ(depthOf(empty.root), XMLParser::maxDepth);
 }
 
+// Also proves [xml-depth].
 TEST(XMLParser, SurvivesAMillionOpenElements) {
   const XMLParser parser(repeat("<a>", 1000000));
   EXPECT_FALSE(parser.ok);
   EXPECT_EQ(depthOf(parser.root), XMLParser::maxDepth);
 }
 
+// Promise [xml-fits]: Every document that fits into a request is read, as one long text or as
+// 16,000 elements.
 TEST(XMLParser, AcceptsTheLargestTreeOfARequest) {
   const XMLParser elements("<r>" + repeat("<a/>", 16000) + "</r>");
   EXPECT_TRUE(elements.ok);
@@ -178,12 +200,15 @@ TEST(XMLParser, BoundsTheNamesOfElements) {
   EXPECT_LE(bytesOf(parser.root), XMLParser::maxTreeSize + sizeof(XMLNode) + 100);
 }
 
+// Also proves [xml-memory].
 TEST(XMLParser, BoundsTheTextThatEmptyElementsInherit) {
   const XMLParser parser("<r>" + std::string(30000, 'x') + repeat("<a/>", 8000) + "</r>");
   EXPECT_FALSE(parser.ok);
   EXPECT_LE(bytesOf(parser.root), XMLParser::maxTreeSize + sizeof(XMLNode));
 }
 
+// Promise [xml-memory]: A tree has at most 4 MiB of nodes, attributes and texts; a document whose
+// empty elements or default attributes inherit more than that is refused.
 TEST(XMLParser, AcceptsATreeOfAlmost4MiB) {
   const auto accepted = [](size_t elements) {
     return XMLParser("<r>" + std::string(30000, 'x') + repeat("<a/>", elements) + "</r>").ok;
@@ -192,6 +217,7 @@ TEST(XMLParser, AcceptsATreeOfAlmost4MiB) {
   EXPECT_FALSE(accepted(140));
 }
 
+// Also proves [xml-memory].
 TEST(XMLParser, BoundsTheAttributesThatElementsInherit) {
   const XMLParser parser("<!DOCTYPE r [<!ATTLIST a b CDATA \"" + std::string(30000, 'x') +
                          "\">]><r>" + repeat("<a/>", 8000) + "</r>");
@@ -199,12 +225,14 @@ TEST(XMLParser, BoundsTheAttributesThatElementsInherit) {
   EXPECT_LE(bytesOf(parser.root), XMLParser::maxTreeSize + 40000);
 }
 
+// Also proves [xml-entities].
 TEST(XMLParser, ExpandsAnEntityOfTheDocument) {
   const XMLParser parser("<!DOCTYPE a [<!ENTITY b \"1\">]><a>&b;</a>");
   ASSERT_TRUE(parser.ok);
   EXPECT_EQ(onlyIn(parser.root).value, "1");
 }
 
+// Promise [xml-external]: No external entity is fetched.
 TEST(XMLParser, FetchesNoExternalEntity) {
   const XMLParser parser("<!DOCTYPE a [<!ENTITY b SYSTEM \"/etc/passwd\">]><a>x&b;</a>");
   EXPECT_EQ(onlyIn(parser.root).value, "x");
@@ -224,6 +252,7 @@ std::string billionLaughs(const std::string& innermost, int levels) {
 
 }  // namespace
 
+// Also proves [xml-entities].
 TEST(XMLParser, BoundsTheExpansionOfEntities) {
   EXPECT_FALSE(XMLParser(billionLaughs("lol", 9)).ok) << "text";
   EXPECT_FALSE(XMLParser(billionLaughs("", 12)).ok) << "nothing at all";
@@ -233,6 +262,8 @@ TEST(XMLParser, BoundsTheExpansionOfEntities) {
   EXPECT_FALSE(XMLParser(billionLaughs("<a>", 9)).ok) << "open elements";
 }
 
+// Promise [xml-entities]: Entities that a document declares are expanded, to 64 KiB or four times
+// the document's length in all.
 TEST(XMLParser, ExpandsADocumentTo64KiBOrToFourTimesItsLength) {
   const auto expanded = [](const std::string& text, size_t references) {
     return XMLParser("<!DOCTYPE a [<!ENTITY b \"" + std::string(1000, 'x') + "\">]><a>" + text +
@@ -246,6 +277,7 @@ TEST(XMLParser, ExpandsADocumentTo64KiBOrToFourTimesItsLength) {
   EXPECT_FALSE(expanded(text, 170)) << "more than four times its length";
 }
 
+// Promise: Entities that refer to each other in a long chain end neither the process nor the stack.
 TEST(XMLParser, SurvivesALongChainOfEntities) {
   std::string document = "<!DOCTYPE r [<!ENTITY e0 \"\">";
   for (int i = 1; document.size() < 64000; ++i) {
@@ -256,6 +288,7 @@ TEST(XMLParser, SurvivesALongChainOfEntities) {
   (void)XMLParser(document);
 }
 
+// Promise: Any bytes may be posted as a document, and the next one is read correctly.
 TEST(XMLParser, TakesAnyBytesAndThenTheNextDocument) {
   std::mt19937 random(20240601);
   const std::string alphabet = "<>/ab=\"'&;![]-? \r\n:x\xc3\xa4\x01";
@@ -269,6 +302,7 @@ TEST(XMLParser, TakesAnyBytesAndThenTheNextDocument) {
   EXPECT_TRUE(XMLParser("<a/>").ok);
 }
 
+// Promise: A document that ends early is refused at whatever byte.
 TEST(XMLParser, TakesEveryBeginningOfADocument) {
   const std::string document =
       "<?xml version=\"1.0\"?>\r\n<s:Envelope xmlns:s=\"urn:x\"><s:Body><u:Get "

@@ -77,6 +77,10 @@ struct CheckCommand : testing::Test {
   FakePlatform router;
 };
 
+// Promise [ctl-check]: `upnp check` says `Nothing is wrong.` and ends with 0, or lists each fault
+// with its effect and its remedy, in the order in which to fix them, and ends with 1.
+// Promise [ctl-check-safe]: `upnp check` changes nothing and never starts a gateway that does not
+// run.
 TEST_F(CheckCommand, FindsNothingAndEndsWith0) {
   const auto result = check();
   EXPECT_EQ(result.status, 0);
@@ -85,6 +89,7 @@ TEST_F(CheckCommand, FindsNothingAndEndsWith0) {
   EXPECT_EQ(router.changes(), Lines{});
 }
 
+// Also proves [ctl-check].
 TEST_F(CheckCommand, NumbersWhatItFindsAndEndsWith1) {
   writes(routeTablePath, "");
   writes("/proc/sys/net/ipv4/conf/wan0/forwarding", "0\n");
@@ -103,6 +108,7 @@ TEST_F(CheckCommand, NumbersWhatItFindsAndEndsWith1) {
   EXPECT_EQ(result.err, "");
 }
 
+// Also proves [ctl-check], [ctl-check-kernel].
 TEST_F(CheckCommand, AnswersInJson) {
   EXPECT_EQ(router.lumenctl({"upnp", "check", "--json"}).out,
             "{\n  \"findings\": [],\n  \"not_checked\": []\n}\n");
@@ -119,6 +125,8 @@ TEST_F(CheckCommand, AnswersInJson) {
             "  \"not_checked\": [\n    \"the firewall, which takes root to read\"\n  ]\n}\n");
 }
 
+// Promise: `upnp check` by a user who may not read the firewall says `Not checked: the firewall,
+// which takes root to read.`
 TEST_F(CheckCommand, SaysWhatItCouldNotCheck) {
   router.machine().chains.reset();
   const auto result = check();
@@ -127,6 +135,8 @@ TEST_F(CheckCommand, SaysWhatItCouldNotCheck) {
             "Nothing is wrong.\nNot checked: the firewall, which takes root to read.\n");
 }
 
+// Promise: `upnp check` finds that lumend does not run or refuses to answer, and then still looks
+// at the machine.
 TEST_F(CheckCommand, LooksAtTheMachineWithoutAPlatformToo) {
   router.cannotBeReached();
   writes("/proc/sys/net/ipv4/ip_forward", "0\n");
@@ -141,6 +151,7 @@ TEST_F(CheckCommand, SaysThatThePlatformRefuses) {
             "   Mend it: sudo lumenctl upnp check\n\n");
 }
 
+// Also proves [ctl-check-safe].
 TEST_F(CheckCommand, NeverWakesAGatewayThatDoesNotRun) {
   for (const char* const state : {lumen::servicestate::stopped, lumen::servicestate::leaving}) {
     router.gatewayIs(state);
@@ -194,6 +205,7 @@ TEST_F(CheckCommand, FindsStalePorts) {
   EXPECT_EQ(found(), Lines{"stale-ports"});
 }
 
+// Also proves [ctl-check-ports].
 TEST_F(CheckCommand, FindsOtherProgramsAtThePortsOfTheGateway) {
   writes("/proc/net/udp", socketLine("076C", "07", 0, 1) + socketLine("1234", "07", 0, 2));
   writes("/proc/net/tcp6", socketLine("0B0C", "0A", 0, 3));
@@ -210,12 +222,14 @@ TEST_F(CheckCommand, NamesAProgramWithSeveralSocketsOnce) {
   EXPECT_EQ(found(), Lines{"port-in-use"});
 }
 
+// Also proves [ctl-check-ports].
 TEST_F(CheckCommand, KnowsTheGatewaysOwnSockets) {
   writes("/proc/net/tcp", socketLine("0B0C", "0A", 64040, 1));
   router.machine().owners[1] = {gatewayProcess, "palinode-igd"};
   EXPECT_EQ(found(), Lines{});
 }
 
+// Also proves [ctl-check-ports].
 TEST_F(CheckCommand, KnowsTheGatewaysSocketsByItsUserWhenItCannotSeeTheProgram) {
   writes("/proc/net/tcp", socketLine("0B0C", "0A", 64040, 1));
   writes("/proc/4711/status", "Name:\tpalinode-igd\nUid:\t64040\t64040\t64040\t64040\n");
@@ -224,12 +238,16 @@ TEST_F(CheckCommand, KnowsTheGatewaysSocketsByItsUserWhenItCannotSeeTheProgram) 
   EXPECT_EQ(found(), Lines{"port-in-use"});
 }
 
+// Also proves [ctl-check-ports].
 TEST_F(CheckCommand, DoesNotTakeTheGatewayForAnotherProgramWhenThePlatformRefuses) {
   writes("/proc/net/tcp", socketLine("0B0C", "0A", 64040, 1));
   router.refuses({0}, lumen::brokercmd::services, "not permitted");
   EXPECT_EQ(found(), Lines{"platform-refuses"});
 }
 
+// Promise [ctl-check-listens]: `upnp check` finds that the gateway does not listen at 1900/udp or
+// 2828/tcp on an internal interface that has a link and an address, and the command that it names
+// makes it listen there and leaves open ports open.
 TEST_F(CheckCommand, FindsAGatewayThatDoesNotListen) {
   listensAt({1}, {2});
   EXPECT_EQ(found(), Lines{});
@@ -245,6 +263,7 @@ TEST_F(CheckCommand, FindsAGatewayThatDoesNotListen) {
             std::string::npos);
 }
 
+// Also proves [ctl-check-listens].
 TEST_F(CheckCommand, TakesOnlyTheSocketsOfTheGateway) {
   listensAt({1}, {2});
   writes("/proc/4711/net/tcp", socketLine("0B0C", "0A", 7, 2) + socketLine("0B0D", "0A", 64040, 3) +
@@ -253,6 +272,7 @@ TEST_F(CheckCommand, TakesOnlyTheSocketsOfTheGateway) {
       << "of another user, at another port, a connection";
 }
 
+// Also proves [ctl-check-listens].
 TEST_F(CheckCommand, LooksForTheGatewaysSocketsOnEachInternalInterface) {
   router.hasLink("br-guest", 2);
   router.gatewayUses("br-guest", 2);
@@ -271,6 +291,7 @@ TEST_F(CheckCommand, LooksForTheGatewaysSocketsOnEachInternalInterface) {
   EXPECT_EQ(found(), Lines{}) << "the links of sockets cannot be seen";
 }
 
+// Also proves [ctl-check-listens].
 TEST_F(CheckCommand, MissesNoSocketWhereTheGatewayHasNothingToServe) {
   listensAt({}, {});
   router.link("br-lan").insert_bool(lumen::interfaces::key::running, false);
@@ -280,6 +301,7 @@ TEST_F(CheckCommand, MissesNoSocketWhereTheGatewayHasNothingToServe) {
   EXPECT_EQ(found(), Lines{"gateway-off"});
 }
 
+// Also proves [ctl-check-listens].
 TEST_F(CheckCommand, MissesNoSocketThatItCannotSee) {
   listensAt({}, {});
   router.machine().files.erase("/proc/4711/net/udp");
@@ -333,6 +355,8 @@ TEST_F(CheckCommand, TellsAServiceFileThatIsWrongFromOneThatIsMissing) {
   }
 }
 
+// Promise: `upnp check` finds a policy that allows no open port, or none to the hosts of an
+// internal interface, and the command that it names allows them.
 TEST_F(CheckCommand, FindsAPolicyThatAllowsNoPort) {
   namespace key = lumen::nat::key;
   router.policy().insert_u32(key::maxRules, 0);

@@ -44,6 +44,7 @@ TEST(Check, FindsNothingOnARouterThatIsWell) {
   EXPECT_EQ(notChecked(wellRouter()), Ids{});
 }
 
+// Also proves [ctl-check].
 TEST(Check, FindsAllThatIsWrongInTheOrderOfMending) {
   Observation seen = wellRouter();
   seen.kernel = "5.10.0";
@@ -92,6 +93,8 @@ TEST(Check, TakesASilentPlatformForOneFinding) {
                        "What depends on it was not checked.", "sudo lumenctl upnp check"}}));
 }
 
+// Promise: `upnp check` finds a gateway that is switched off, has crashed, does not answer, is not
+// installed or is not set up.
 TEST(Check, TellsTheStatesOfTheGatewayApart) {
   using Kind = GatewayState::Kind;
   for (const auto& [kind, ids] :
@@ -106,6 +109,7 @@ TEST(Check, TellsTheStatesOfTheGatewayApart) {
   }
 }
 
+// Promise: `upnp check` finds that no interface is internal or none external.
 TEST(Check, TellsWhichRoleIsMissing) {
   for (const auto& [without, ids] :
        std::vector<std::pair<Role, Ids>>{{Role::internal, {"no-internal-interface"}},
@@ -127,6 +131,8 @@ TEST(Check, TakesAGatewayWithoutInterfacesForOneThatIsNotSetUp) {
   }
 }
 
+// Promise: `upnp check` finds an interface that is away, switched off or without a link, and an
+// internal one without an address or marked as one without multicast.
 TEST(Check, LooksAtTheLinkOfEachInterface) {
   for (const auto& [state, id] :
        std::vector<std::pair<std::string, std::string>>{{"away", "interface-away"},
@@ -166,6 +172,8 @@ TEST(Check, MissesMulticastOnInternalLinksOnly) {
   EXPECT_EQ(idsOf(checkLinks({used})), Ids{});
 }
 
+// Promise [ctl-check-address]: `upnp check` finds an external interface without an address, or with
+// none but private (RFC 1918), carrier-grade (100.64.0.0/10) or link-local ones.
 TEST(Check, KnowsWhichAddressesTheInternetReaches) {
   for (const auto& [address, ids] : std::vector<std::pair<std::string, Ids>>{
            {"45.45.45.1", {}},
@@ -193,12 +201,14 @@ TEST(Check, KnowsWhichAddressesTheInternetReaches) {
   }
 }
 
+// Also proves [ctl-check-address].
 TEST(Check, IsContentWithOnePublicAddressAmongOthers) {
   UsedInterface used = interface("wan0", Role::external, "192.168.1.2");
   used.addresses.push_back(inet_addr("45.45.45.1"));
   EXPECT_EQ(checkExternalAddress({used}), Findings{});
 }
 
+// Also proves [ctl-check-address].
 TEST(Check, LooksAtTheAddressesOfExternalLinksThatRun) {
   EXPECT_EQ(checkExternalAddress({interface("br-lan", Role::internal, "192.168.88.1")}),
             Findings{});
@@ -217,6 +227,8 @@ NatRule rule(bool stale, uint32_t port = 8080, uint32_t protocol = IPPROTO_TCP) 
   return result;
 }
 
+// Promise: `upnp check` lists the open ports whose address has left the router, and no longer once
+// they are closed.
 TEST(Check, CountsOnlyPortsThatAreStaleAndNotClosed) {
   NatRule closed = rule(true);
   closed.closed = true;
@@ -239,6 +251,9 @@ GatewayFile file(bool present, const std::string& error, bool packaged = true) {
   return {"/etc/lumen/services/upnp.ini", present, error, packaged};
 }
 
+// Promise: `upnp check` of a platform that knows no gateway tells a service file that is missing
+// from one that is wrong, one that is right by now, and a missing user, and names for each what
+// brings the gateway back.
 TEST(Check, TellsWhyThePlatformKnowsNoGateway) {
   for (const auto& [gatewayFile, id, mend] :
        std::vector<std::tuple<GatewayFile, std::string, std::string>>{

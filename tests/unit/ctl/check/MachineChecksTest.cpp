@@ -20,6 +20,7 @@ UsedInterface interface(const std::string& name, Role role, std::optional<bool> 
   return used;
 }
 
+// Promise [ctl-check-kernel]: `upnp check` finds a kernel older than 5.12.
 TEST(CheckKernel, WantsFiveTwelve) {
   for (const std::string release :
        {"5.12", "5.12.0-rc1", "5.100.1", "6.0", "6.1.0-18-amd64", "10.2", "", "unknown"}) {
@@ -45,6 +46,8 @@ std::string forwarding(std::optional<bool> all, std::optional<bool> wan, std::op
   return ids;
 }
 
+// Promise: `upnp check` finds that the kernel does not forward what arrives on an interface that
+// the gateway uses, and names the switch for all of them when that is off.
 TEST(CheckForwarding, LooksAtEachInterface) {
   EXPECT_EQ(forwarding(true, true, true), "");
   EXPECT_EQ(forwarding(true, false, true), "no-forwarding-on-interface ");
@@ -82,6 +85,7 @@ TEST(CheckForwarding, WritesANameWithADotSoThatSysctlTakesIt) {
                        "sysctl -w net/ipv4/conf/eth0.7/forwarding=1"}}));
 }
 
+// Promise: `upnp check` finds that the main routing table has no default route.
 TEST(CheckDefaultRoute, IsMissedWhileAnExternalInterfaceWorks) {
   UsedInterface wan = interface("wan0", Role::external, true);
   EXPECT_EQ(checkDefaultRoute(true, {wan}), Findings{});
@@ -95,6 +99,9 @@ TEST(CheckDefaultRoute, IsMissedWhileAnExternalInterfaceWorks) {
   EXPECT_EQ(checkDefaultRoute(false, {wan}), Findings{}) << "it has no routes then";
 }
 
+// Promise [ctl-check-firewall]: `upnp check` finds each firewall that drops forwarded packets and
+// has no rule for those of open ports, of nftables, iptables and legacy iptables, and the rule that
+// it names lets them pass.
 TEST(CheckFirewall, TellsTheRuleOfEachTool) {
   using Tool = ForwardChain::Tool;
   for (const auto& [tool, chain, mend] : std::vector<std::tuple<Tool, std::string, std::string>>{
@@ -120,6 +127,8 @@ TEST(CheckFirewall, TellsTheRuleOfEachTool) {
   }
 }
 
+// Promise: `upnp check` names, where ufw or firewalld keeps the rules, what outlives a reload of
+// theirs.
 TEST(CheckFirewall, TellsTheProgramThatKeepsTheRules) {
   ForwardChain stops;
   stops.dropsAtEnd = true;
@@ -137,6 +146,8 @@ TEST(CheckFirewall, TellsTheProgramThatKeepsTheRules) {
             "--reload");
 }
 
+// Promise [ctl-check-ports]: `upnp check` names another program that uses port 1900/udp or
+// 2828/tcp, and does not take the gateway for one.
 TEST(CheckPortUsers, NamesAProgramThatCanBeSeen) {
   EXPECT_EQ(checkPortUsers({{1900, IPPROTO_UDP, 812, "minidlnad"}}),
             (Findings{{"port-in-use",
@@ -145,6 +156,7 @@ TEST(CheckPortUsers, NamesAProgramThatCanBeSeen) {
                        "stop it: systemctl status 812 tells what started it"}}));
 }
 
+// Also proves [ctl-check-ports].
 TEST(CheckPortUsers, TellsHowToSeeAProgramThatCannotBeSeen) {
   EXPECT_EQ(
       checkPortUsers({{2828, IPPROTO_TCP, 0, ""}}),
@@ -157,6 +169,8 @@ TEST(CheckPortUsers, TellsHowToSeeAProgramThatCannotBeSeen) {
             std::string::npos);
 }
 
+// Promise: `upnp check` finds that the packet filter takes what crosses an internal bridge for
+// forwarded (br_netfilter).
 TEST(CheckBridgedTraffic, MattersOnInternalBridgesOnly) {
   UsedInterface used = interface("br-lan", Role::internal, true);
   EXPECT_EQ(checkBridgedTraffic(true, {used}), Findings{}) << "no bridge";

@@ -26,6 +26,8 @@ struct History : testing::Test {
   FakePlatform router;
 };
 
+// Promise: `history` shows the newest change first with its local time and the program that made
+// it, or `Nothing was changed.`
 TEST_F(History, ShowsTheNewestChangeFirst) {
   router.wasChanged("upnp interface changed", lm::cmd::set, {});
   router.wasChanged("upnp config\x1b changed", lm::cmd::set, {});  // to what it was
@@ -125,6 +127,8 @@ struct Changed : History {
   }
 };
 
+// Promise: `history` shows of each change of the gateway the interface, the setting and the value
+// before and after, in JSON in an array `changed`.
 TEST_F(Changed, IsShownAsARowForEachValue) {
   settingsWere(true, false, false);
   EXPECT_EQ(router.lumenctl({"history"}).out,
@@ -181,6 +185,9 @@ TEST_F(Changed, OfAnObjectThatGotAnotherInterfaceNamesBoth) {
                            "br-lan interface br-lan interface 77"}));
 }
 
+// Promise [ctl-history-wait]: `history` shows `?`, or `null`, for a value that only a gateway could
+// tell that does not answer, after five seconds at most, and leaves changes of other programs to
+// their text.
 TEST_F(Changed, HasNoValueAfterItWhenTheGatewayDoesNotAnswer) {
   objectWasNotThere();
   objectWas(lm::cmd::setObject, 2, 1, true);
@@ -193,6 +200,7 @@ TEST_F(Changed, HasNoValueAfterItWhenTheGatewayDoesNotAnswer) {
   EXPECT_LE(router.patienceWith({40, 0}), 5000U);
 }
 
+// Promise: What `history` shows of older changes stays the same when later ones are undone.
 TEST_F(Changed, StaysTheSameWhenALaterChangeWasUndoneAnyNumberOfTimes) {
   settingsWere(true, true, false);  // show-dummy-rule is on since
   router.settings().insert_bool(2, false);
@@ -211,6 +219,7 @@ TEST_F(Changed, StaysTheSameWhenALaterChangeWasUndoneAnyNumberOfTimes) {
   }
 }
 
+// Also proves [ctl-history-wait].
 TEST_F(Changed, OfAProgramThatIsNotKnownIsLeftToItsText) {
   lm::message undo;
   undo.insert_bool(1, true);
@@ -218,6 +227,7 @@ TEST_F(Changed, OfAProgramThatIsNotKnownIsLeftToItsText) {
   EXPECT_EQ(rows(), Lines{""});
 }
 
+// Also proves [ctl-history-wait].
 TEST_F(Changed, IsNotAskedForWhenThereIsNoChange) {
   EXPECT_EQ(router.lumenctl({"history"}).out, "Nothing was changed.\n");
   EXPECT_FALSE(router.wasAsked("[40,0]"));
@@ -234,6 +244,8 @@ struct Undo : History {
   }
 };
 
+// Promise [ctl-undo]: `undo` sends the newest change's undo message, without transport fields, back
+// to its origin, and then removes the change from the history.
 TEST_F(Undo, SendsTheNewestBackToWhereItCameFromAndRemovesIt) {
   lm::message settings;
   settings.insert_bool(1, false);
@@ -254,11 +266,14 @@ TEST_F(Undo, SendsTheNewestBackToWhereItCameFromAndRemovesIt) {
   EXPECT_EQ(router.lumenctl({"history"}).out, "Nothing was changed.\n");
 }
 
+// Also proves [ctl-undo].
 TEST_F(Undo, AnswersInJson) {
   EXPECT_EQ(router.lumenctl({"--json", "undo"}).out,
             "{\n  \"done\": [\n    \"undone: upnp interface changed\"\n  ]\n}\n");
 }
 
+// Promise: An undo that is refused stays the newest; of one that was done but stays in the history
+// both are reported.
 TEST_F(Undo, ThatIsRefusedStaysTheNewest) {
   router.refuses({40, 0}, lm::cmd::setObject, "Interface already added");
   for (int i = 0; i < 2; ++i) {
@@ -279,6 +294,7 @@ TEST_F(Undo, ThatStaysInTheHistoryIsToldBoth) {
   EXPECT_EQ(result.err, "lumenctl: the entry could not be removed\n");
 }
 
+// Also proves [ctl-undo].
 TEST_F(Undo, SendsNoTransportFieldsOfWhoMadeTheChange) {
   lm::message forged;
   forged.insert_u32_array(lm::key::destination, {20, 0});
@@ -289,6 +305,7 @@ TEST_F(Undo, SendsNoTransportFieldsOfWhoMadeTheChange) {
   EXPECT_EQ(router.changes().at(0), "[40,0] fe000e 00000001=true");
 }
 
+// Promise: With nothing to undo `undo` is refused: `lumenctl: there is nothing to undo`.
 TEST_F(Undo, OfNothingIsRefused) {
   EXPECT_EQ(router.lumenctl({"undo"}).status, 0);
   router.forgetRequests();

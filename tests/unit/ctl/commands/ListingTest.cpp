@@ -22,6 +22,7 @@ struct Listing : testing::Test {
   FakePlatform router;
 };
 
+// Promise: `interface list` shows every interface with role, state, addresses and amounts.
 TEST_F(Listing, ShowsInterfacesWithRoleStateAddressesAndCounters) {
   router.hasLink("br-lan", 2);
   router.hasLink("wan0", 1);
@@ -49,6 +50,8 @@ TEST_F(Listing, ShowsInterfacesInJson) {
             "    \"packets_received\": 0,\n    \"packets_sent\": 0\n  }\n]\n");
 }
 
+// Promise: `interface forget` takes the interface from the gateway first, and forgets nothing when
+// that refuses.
 TEST_F(Listing, ForgetsAnInterfaceAfterTheGatewayDid) {
   router.hasLink("wan0", 1);
   router.gatewayUses("wan0", 1);
@@ -68,6 +71,7 @@ TEST_F(Listing, DoesNotForgetAnInterfaceThatTheGatewayWouldNotLetGo) {
   EXPECT_EQ(router.changes(), Lines{"[40,0] fe0006 08fe0001=2"});
 }
 
+// Promise: `address list` shows every address with its interface, or `The router has no address.`
 TEST_F(Listing, ShowsAddresses) {
   router.hasLink("br-lan");
   router.hasAddress("br-lan", "192.168.88.1");
@@ -91,6 +95,9 @@ TEST_F(Listing, SaysThatThereIsNoAddressAndNoService) {
   EXPECT_EQ(router.lumenctl({"service", "list", "--json"}).out, "[]\n");
 }
 
+// Promise: `nat list` shows the ports in their order as open, closed, stale or disabled, each with
+// its external address, the client, how long it is open, the connections through it now and since
+// it was opened, and the service that opened it, or `No port is open.`
 TEST_F(Listing, ShowsPortsInTheirOrderWithTheirState) {
   router.hasPort(9000, udp, "192.168.88.11", 9000);
   router.lastPort().insert_bool(lumen::nat::key::stale, true);
@@ -139,6 +146,9 @@ TEST_F(Listing, SaysThatNoPortIsOpen) {
   EXPECT_EQ(router.lumenctl({"nat", "list", "--json"}).out, "[]\n");
 }
 
+// Promise [ctl-close]: `nat close 8080/tcp` closes that port of that protocol on every address that
+// has it, and a closed one stays as it is: `8080/tcp: already closed; listed until the program that
+// opened it lets go`.
 TEST_F(Listing, ClosesThePortOfThatProtocolOnly) {
   router.hasPort(8080, udp, "192.168.88.10", 80);
   router.hasPort(8080, tcp, "192.168.88.10", 80);
@@ -149,6 +159,7 @@ TEST_F(Listing, ClosesThePortOfThatProtocolOnly) {
   EXPECT_EQ(router.changes(), Lines{"[20,5] fe0003 08fe0001=2 00010024=true"});
 }
 
+// Also proves [ctl-close].
 TEST_F(Listing, ClosesAPortOnEveryAddressThatHasIt) {
   router.hasPort(8080, tcp, "192.168.88.10", 80);
   router.hasPort(8080, tcp, "192.168.88.10", 80);
@@ -161,6 +172,7 @@ TEST_F(Listing, ClosesAPortOnEveryAddressThatHasIt) {
   EXPECT_EQ(router.changes().size(), 4U);
 }
 
+// Also proves [ctl-close].
 TEST_F(Listing, LeavesAPortAloneThatIsClosedAlready) {
   router.hasPort(8080, tcp, "192.168.88.10", 80);
   EXPECT_EQ(router.lumenctl({"nat", "close", "8080/tcp"}).status, 0);
@@ -173,6 +185,8 @@ TEST_F(Listing, LeavesAPortAloneThatIsClosedAlready) {
   EXPECT_EQ(router.changes(), Lines{});
 }
 
+// Promise: Closing a port that is not open is a refusal, `port 8080/tcp is not open`; what is no
+// port is wrong usage: `a port is written like 8080/tcp or 5060/udp, not '8080'`.
 TEST_F(Listing, SaysThatAPortWasNotOpen) {
   const auto result = router.lumenctl({"nat", "close", "8080/tcp"});
   EXPECT_EQ(result.status, 1);
@@ -189,6 +203,8 @@ TEST_F(Listing, RefusesWhatIsNoPortBeforeItAsksAnybody) {
   EXPECT_EQ(router.requests(), Lines{});
 }
 
+// Promise: `nat policy` shows the policy, `nat policy set` writes what is named and nothing else,
+// `nat policy reset` goes back to the file.
 TEST_F(Listing, ShowsThePolicy) {
   EXPECT_EQ(router.lumenctl({"nat", "policy"}).out,
             "SETTING               VALUE       MEANING\n"
@@ -223,15 +239,20 @@ TEST_F(Listing, ResetsThePolicy) {
   EXPECT_EQ(router.requests(), Lines{"[20,5] fe000e 00010034=true"});
 }
 
+// Promise: `nat policy show` is the same as `nat policy`.
 TEST_F(Listing, ShowsThePolicyByItsOwnNameToo) {
   EXPECT_EQ(router.lumenctl({"nat", "policy", "show"}).out, router.lumenctl({"nat", "policy"}).out);
 }
 
+// Promise [ctl-reload]: `nat policy reload` reads `/lumen/etc/nat-policy` again, for ports that are
+// opened from then on; what was set by command still wins.
 TEST_F(Listing, LetsThePolicyFileBeReadAgain) {
   EXPECT_EQ(router.lumenctl({"nat", "policy", "reload"}).out, "policy file: read again\n");
   EXPECT_EQ(router.requests(), Lines{"[20,5] fe000e 00010035=true"});
 }
 
+// Promise: A policy that no router takes is wrong usage, in the words of the policy file:
+// `max-rules: "99999999999" is not a number from 0 to 65536`.
 TEST_F(Listing, RefusesAWrongPolicyBeforeItAsksAnybody) {
   const std::string limit = " is not a number from 0 to 65536\n";
   const std::string port = " is neither a port from 1 to 65535 nor a range of ports\n";
@@ -269,6 +290,8 @@ TEST_F(Listing, SaysWhyThePolicyWasRefused) {
   EXPECT_EQ(result.err, "lumenctl: the policy could not be stored\n");
 }
 
+// Promise: `service list` shows number, name, state, process, restarts and when a crashed service
+// starts again, or `No service is installed.`
 TEST_F(Listing, ShowsServices) {
   for (const uint64_t nextStart : {3001U, 4000U}) {
     router.gatewayIs(lumen::servicestate::waiting, 0, nextStart);
@@ -283,11 +306,14 @@ TEST_F(Listing, ShowsServices) {
             "    \"starts_in_ms\": 0\n  }\n]\n");
 }
 
+// Promise: `identity` prints the identity.
 TEST_F(Listing, ShowsTheIdentity) {
   EXPECT_EQ(router.lumenctl({"identity"}).out, "0c5e9a51\n");
   EXPECT_EQ(router.lumenctl({"identity", "--json"}).out, "{\n  \"identity\": \"0c5e9a51\"\n}\n");
 }
 
+// Promise: Tables of many pages are read to the end; one whose cursor does not rise is given up:
+// `the table's pages do not end`.
 TEST_F(Listing, ReadsATableOfManyPages) {
   router.sendsShortPages();
   for (uint32_t port = 1; port <= 3; ++port) router.hasPort(port, tcp, "192.168.88.10", 80);
@@ -307,6 +333,7 @@ TEST_F(Listing, GivesUpOnATableWhoseCursorDoesNotRise) {
   EXPECT_EQ(result.err, "lumenctl: the table's pages do not end\n");
 }
 
+// Also proves [ctl-escape].
 TEST_F(Listing, ShowsHostileTextEscaped) {
   router.hasLink("x\x1b[2J", 2);
   router.gatewayIs("run\nning", 1);
@@ -318,6 +345,7 @@ TEST_F(Listing, ShowsHostileTextEscaped) {
   EXPECT_EQ(router.lumenctl({"nat", "list"}).err, "lumenctl: no\\x1b]0;owned\\x07\n");
 }
 
+// Also proves [ctl-escape].
 TEST_F(Listing, ShowsJsonOfTextThatIsNoUtf8) {
   router.hasLink("x\xff\xc2\x9b");
   const std::string out = router.lumenctl({"interface", "list", "--json"}).out;

@@ -36,6 +36,7 @@ TEST_F(Upnp, ShowsTheSettings) {
   EXPECT_EQ(router.requests(), Lines{"[40,0] fe000d"});
 }
 
+// Promise: `upnp settings`, and `upnp settings show`, shows the three settings with what they mean.
 TEST_F(Upnp, ShowsTheSettingsByTheirOwnNameToo) {
   for (const Lines& options : {Lines{}, Lines{"--json"}}) {
     Lines bare = {"upnp", "settings"};
@@ -54,6 +55,8 @@ TEST_F(Upnp, ShowsTheSettingsInJson) {
             "  \"show-dummy-rule\": true\n}\n");
 }
 
+// Promise: `upnp settings set` writes all three settings at once, those that it does not name as
+// they are.
 TEST_F(Upnp, WritesAllThreeSettingsWhenOneIsSet) {
   router.settings().insert_bool(3, false);
   const auto result = router.lumenctl({"upnp", "settings", "set", "allow-disable-external=off"});
@@ -71,6 +74,8 @@ TEST_F(Upnp, SetsSeveralSettingsWithOneWrite) {
   EXPECT_EQ(router.changes(), Lines{"[40,0] fe000e 00000001=false 00000002=true 00000003=false"});
 }
 
+// Promise: A setting that is unknown, given twice or neither on nor off is wrong usage: `enabled is
+// 'on' or 'off', not 'true'`.
 TEST_F(Upnp, RefusesAWrongSettingBeforeItAsksAnybody) {
   const std::vector<std::pair<Lines, std::string>> wrong = {
       {{"enabld=on"},
@@ -90,6 +95,7 @@ TEST_F(Upnp, RefusesAWrongSettingBeforeItAsksAnybody) {
   EXPECT_EQ(router.requests(), Lines{});
 }
 
+// Also proves [ctl-status].
 TEST_F(Upnp, SaysWhyTheGatewayRefusedTheSettings) {
   router.refuses({40, 0}, lm::cmd::set, "not permitted");
   const auto result = router.lumenctl({"upnp", "settings", "set", "enabled=off"});
@@ -98,6 +104,8 @@ TEST_F(Upnp, SaysWhyTheGatewayRefusedTheSettings) {
   EXPECT_EQ(result.err, "lumenctl: not permitted\n");
 }
 
+// Promise: `upnp interface list` shows which interfaces the gateway uses, with role and state, or
+// `The gateway uses no interface.`
 TEST_F(Upnp, ListsTheInterfacesThatTheGatewayUses) {
   router.hasLink("br-guest");
   router.gatewayUses("br-guest", 2, true);
@@ -124,6 +132,8 @@ TEST_F(Upnp, SaysThatTheGatewayUsesNoInterface) {
   EXPECT_EQ(fresh.lumenctl({"upnp", "interface", "list", "--json"}).out, "[]\n");
 }
 
+// Promise: `upnp interface add` keeps the name first, and may add an interface that is not used
+// yet.
 TEST_F(Upnp, KeepsTheNameOfAnInterfaceBeforeItAddsIt) {
   const auto result = router.lumenctl({"upnp", "interface", "add", "ppp0", "--role", "external"});
   EXPECT_EQ(result.status, 0) << result.err;
@@ -139,6 +149,8 @@ TEST_F(Upnp, AddsAnInterfaceThatIsNotUsedYet) {
   EXPECT_EQ(router.changes()[1], "[40,0] fe0005 00fe000a=true 08000001=5 08000002=2");
 }
 
+// Promise: `upnp interface set` changes the role in both tables, or disables and enables the
+// interface.
 TEST_F(Upnp, ChangesTheRoleOfAnInterfaceInBothTables) {
   const auto result = router.lumenctl({"upnp", "interface", "set", "wan0", "--role", "internal"});
   EXPECT_EQ(result.status, 0) << result.err;
@@ -157,12 +169,15 @@ TEST_F(Upnp, DisablesAndEnablesAnInterface) {
                    "[40,0] fe0003 08fe0001=4 00fe000a=false 08000001=2 08000002=1"}));
 }
 
+// Promise: `upnp interface remove` takes an interface from the gateway and keeps its name.
 TEST_F(Upnp, RemovesAnInterfaceButKeepsItsName) {
   const auto result = router.lumenctl({"upnp", "interface", "remove", "wan0"});
   EXPECT_EQ(result.out, "wan0: no longer used by the gateway\n");
   EXPECT_EQ(router.changes(), Lines{"[40,0] fe0006 08fe0001=4"});
 }
 
+// Promise: An interface that there is not, or that the gateway does not use, is a refusal: `there
+// is no interface 'eth9'`, `the gateway does not use interface 'eth7'`.
 TEST_F(Upnp, SaysThatAnInterfaceIsUnknownOrUnused) {
   router.hasLink("eth7");
   for (const Lines& command : {Lines{"remove"}, Lines{"set", "--disable"}}) {

@@ -25,6 +25,7 @@ void append(Bytes& bytes, const T& value) {
   bytes.insert(bytes.end(), first, first + sizeof value);
 }
 
+// Also proves [ctl-check-firewall].
 TEST(ForwardChain, StopsOpenPortsWhenTheFirstRuleThatCountsOrTheEndDrops) {
   using enum RuleEffect;
   for (const auto& [rules, drops, stops] :
@@ -146,6 +147,7 @@ TEST(LegacyTable, GivesTheForwardChainAlone) {
   EXPECT_FALSE(guarded(LegacyTable::accept).read().dropsAtEnd);
 }
 
+// Also proves [ctl-check-firewall].
 TEST(LegacyTable, KnowsWhatARuleDoes) {
   const std::vector<std::tuple<int32_t, std::string, Bytes, std::string, RuleEffect>> rules = {
       {LegacyTable::accept, "", match(XT_CONNTRACK_STATE_DNAT), "", RuleEffect::acceptsOpenPorts},

@@ -144,6 +144,7 @@ TEST_F(Nft, FindsTheChainsAtTheForwardHookOfIpv4) {
   EXPECT_FALSE(chains[1].dropsAtEnd);
 }
 
+// Also proves [ctl-check-firewall].
 TEST_F(Nft, KnowsWhatARuleDoes) {
   EXPECT_EQ(effectOf([](Writer& w) { w.statusDnat().counter().verdict(NF_ACCEPT); }),
             RuleEffect::acceptsOpenPorts);
@@ -192,6 +193,8 @@ TEST_F(Nft, KeepsTheOrderOfRules) {
             (Effects{RuleEffect::dropsAll, RuleEffect::acceptsOpenPorts}));
 }
 
+// Promise: `upnp check` is content with a rule for open ports in a chain that is jumped to, and
+// with a firewall that drops only what it names.
 TEST_F(Nft, FindsARuleForOpenPortsInAnotherChainOfTheTable) {
   take(rule("other", [](Writer& w) { w.verdict(NF_ACCEPT); }));
   take(rule("elsewhere", [](Writer& w) { w.statusDnat().verdict(NF_ACCEPT); }));

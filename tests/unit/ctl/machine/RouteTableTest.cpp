@@ -27,6 +27,7 @@ TEST(RouteTable, FindsTheDefaultRouteAmongOthers) {
             Names{"wan0"});
 }
 
+// Also proves [ctl-propose].
 TEST(RouteTable, PutsTheDefaultRouteThatIsUsedFirst) {
   EXPECT_EQ(defaultsOf("lte0\t00000000\t00000000\t0001\t0\t0\t700\t00000000\t0\t0\t0\n"
                        "wan0\t00000000\t022D2D2D\t0003\t0\t0\t100\t00000000\t0\t0\t0\n"

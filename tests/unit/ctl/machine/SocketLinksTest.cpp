@@ -40,6 +40,7 @@ lm::Fd listener(int kind, uint16_t port, const std::string& link) {
   return fd;
 }
 
+// Also proves [ctl-check-listens].
 TEST(SocketLinksTest, ReadsTheLinkThatEachSocketIsBoundTo) {
   const PrivateNetwork network;
   ASSERT_EQ(system("ip link add br-home type bridge && ip link add br-guest type bridge"), 0);

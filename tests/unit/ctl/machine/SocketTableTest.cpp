@@ -27,6 +27,7 @@ TEST(SocketTable, ReadsPortUserAndInode) {
   EXPECT_EQ(sockets[0].inode, 4711U);
 }
 
+// Also proves [ctl-check-ports].
 TEST(SocketTable, TakesSocketsThatHearAnybody) {
   const std::string unspecified(32, '0');
   for (const auto& [local, state, counts, reason] :

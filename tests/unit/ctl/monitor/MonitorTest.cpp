@@ -64,6 +64,8 @@ struct Monitoring : testing::Test {
   FakePlatform router;
 };
 
+// Promise [ctl-monitor-end]: `monitor` ends with 0 on SIGINT and SIGTERM, with 1 when the platform
+// ends or refuses.
 TEST_F(Monitoring, SwitchesItOnAndEndsWith0WhenAskedToEnd) {
   const auto result = router.lumenctl({"monitor"});
   EXPECT_EQ(result.status, 0);
@@ -72,6 +74,7 @@ TEST_F(Monitoring, SwitchesItOnAndEndsWith0WhenAskedToEnd) {
   EXPECT_EQ(router.requests(), (Lines{"[0] 14", "[0] 15 00000001=true"}));
 }
 
+// Also proves [ctl-monitor-end].
 TEST_F(Monitoring, EndsWith1WhenThePlatformEnds) {
   router.passes(20, everybody, notification({20, 1}, lm::cmd::changed));
   router.ends();
@@ -81,6 +84,7 @@ TEST_F(Monitoring, EndsWith1WhenThePlatformEnds) {
   EXPECT_EQ(result.err, "lumenctl: the platform has ended\n");
 }
 
+// Also proves [ctl-monitor-end].
 TEST_F(Monitoring, EndsWith1WhenItIsNotPermitted) {
   router.refuses({0}, lumen::brokercmd::monitor, "not permitted");
   const auto result = router.lumenctl({"monitor"});
@@ -88,6 +92,8 @@ TEST_F(Monitoring, EndsWith1WhenItIsNotPermitted) {
   EXPECT_EQ(result.err, "lumenctl: not permitted\n");
 }
 
+// Promise: `monitor` prints each message that passes the broker as one line with the time of day,
+// its sender, its receiver, what it is and its fields by name.
 TEST_F(Monitoring, ShowsARequestWithNamesForItsFields) {
   namespace key = lumen::nat::key;
   lm::message rule;
@@ -103,6 +109,7 @@ TEST_F(Monitoring, ShowsARequestWithNamesForItsFields) {
                            "dynamic=true"});
 }
 
+// Promise: `monitor` says of a reply and of an error what it answers, and which program refused.
 TEST_F(Monitoring, TellsWhatAReplyAnswers) {
   lm::message done;
   done.insert_u32(lm::key::objectId, 9);
@@ -136,6 +143,8 @@ TEST_F(Monitoring, ShowsANotificationWithItsRecords) {
                            "records=[{id=1 name=wan0}, {id=1 name=wan0}]"});
 }
 
+// Promise: `monitor` shows what it does not know by number, and text that is not one word in
+// quotes.
 TEST_F(Monitoring, ShowsWhatItDoesNotKnowByNumber) {
   lm::message fields;
   fields.insert_bool(0x77, true);
@@ -174,6 +183,7 @@ TEST_F(Monitoring, NamesWhatAnUndoIsAbout) {
                    "changed\" undo={command=set-settings bool 0x00000001=false} path=[20, 5]}]"}));
 }
 
+// Promise: `monitor` says when a message is `not shown whole`.
 TEST_F(Monitoring, ShowsThatSomethingIsNotShownWhole) {
   router.passes(gateway, everybody, notification({gateway, 0}, lm::cmd::changed), true);
   router.passes(gateway, everybody, {}, true);
@@ -183,6 +193,7 @@ TEST_F(Monitoring, ShowsThatSomethingIsNotShownWhole) {
                             "palinode-igd -> interfaces: message (not shown whole)"}));
 }
 
+// Promise: `monitor --json` prints an object on each line.
 TEST_F(Monitoring, PrintsAnObjectOnEachLineInJson) {
   lm::message rule;
   rule.insert_be32(lumen::nat::key::addressFirst, inet_addr("45.45.45.1"));
@@ -235,6 +246,8 @@ TEST_F(Monitoring, IsNotHeldUpByAMessageOfManyFields) {
   EXPECT_LT(std::clock() - start, 5 * CLOCKS_PER_SEC);
 }
 
+// Promise: `monitor` needs no more memory for requests that are never answered, and is not held up
+// by a message of many fields.
 TEST(MonitorOf, RequestsThatAreNeverAnsweredDoesNotGrow) {
   Monitor monitor({});
   lm::message shown;

@@ -100,6 +100,7 @@ TEST_F(SocketClientTest, SaysWhereNobodyAnswers) {
   EXPECT_EQ(why_, "lumend does not answer (" + path_ + ": Connection refused)");
 }
 
+// Also proves [ctl-wait].
 TEST_F(SocketClientTest, TakesTheReplyToItsRequest) {
   const auto client = connects();
   lm::message request;
@@ -129,6 +130,7 @@ TEST_F(SocketClientTest, TakesAPlatformThatEndsLaterForOneThatEnded) {
   EXPECT_EQ(lm::getError(client->exchange({20, 5}, lm::cmd::list, {}, 15000)), "connection ended");
 }
 
+// Also proves [ctl-monitor-end].
 TEST_F(SocketClientTest, TakesNotificationsInOrderUntilThePlatformEnds) {
   const auto client = connects();
   notifies(1);
@@ -141,6 +143,7 @@ TEST_F(SocketClientTest, TakesNotificationsInOrderUntilThePlatformEnds) {
   EXPECT_EQ(last->get_string(lm::key::errorText), "the platform has ended the connection");
 }
 
+// Also proves [ctl-monitor-end].
 TEST_F(SocketClientTest, EndsWhenItIsTold) {
   for (const int signal : {SIGTERM, SIGINT}) {
     const auto client = connects();
@@ -154,6 +157,7 @@ TEST_F(SocketClientTest, EndsWhenItIsTold) {
   }
 }
 
+// Also proves [ctl-monitor-output].
 TEST_F(SocketClientTest, EndsWhenNobodyReadsItsOutput) {
   const auto client = connects();
   int ends[2] = {-1, -1};

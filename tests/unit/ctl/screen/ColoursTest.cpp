@@ -11,6 +11,8 @@
 namespace lumenctl {
 namespace {
 
+// Promise: There are no colours in a file or a pipe, with `NO_COLOR` set to anything, on a terminal
+// that is `dumb` or unnamed, and with `--json`.
 TEST(Colours, AreForTerminalsThatWantThem) {
   struct Row {
     bool terminal;

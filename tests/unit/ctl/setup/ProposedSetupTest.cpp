@@ -46,6 +46,8 @@ struct ProposedSetup : testing::Test {
   NewRouter router;
 };
 
+// Promise [ctl-ask]: `upnp setup` asks on a terminal before it does what it proposes, and `y` or
+// `yes` does it; anything else changes nothing: `lumenctl: nothing was changed`, exit status 1.
 TEST_F(ProposedSetup, IsDoneWhenSomebodySaysYes) {
   for (const std::string yes : {"y", "Y", "yes"}) {
     NewRouter fresh;
@@ -56,6 +58,7 @@ TEST_F(ProposedSetup, IsDoneWhenSomebodySaysYes) {
   }
 }
 
+// Also proves [ctl-ask].
 TEST_F(ProposedSetup, ChangesNothingWhenSomebodySaysAnythingElse) {
   for (const std::string no : {"n", "", "no", "yn", " y", "what?"}) {
     router.machine().somebodyTypes(no);
@@ -67,6 +70,7 @@ TEST_F(ProposedSetup, ChangesNothingWhenSomebodySaysAnythingElse) {
   EXPECT_EQ(router.changes(), Lines{});
 }
 
+// Also proves [ctl-ask].
 TEST_F(ProposedSetup, ChangesNothingWhenTheInputEnds) {
   router.machine().terminal = true;
   const auto result = router.lumenctl({"upnp", "setup"});
@@ -75,12 +79,16 @@ TEST_F(ProposedSetup, ChangesNothingWhenTheInputEnds) {
   EXPECT_EQ(router.changes(), Lines{});
 }
 
+// Also proves [ctl-yes].
 TEST_F(ProposedSetup, AsksNobodyWhenTheCommandSaysYes) {
   const auto result = router.lumenctl({"upnp", "setup", "--yes"});
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(result.out, std::string(proposal) + done);
 }
 
+// Promise [ctl-yes]: Without a terminal, and with `--json`, `upnp setup` without roles changes
+// nothing, ends with 1 and says the command line that would do what it proposes; with `--yes` it
+// does it at once.
 TEST_F(ProposedSetup, SaysWithoutATerminalWhatWouldDoIt) {
   const auto result = router.lumenctl({"upnp", "setup"});
   EXPECT_EQ(result.status, 1);
@@ -91,6 +99,7 @@ TEST_F(ProposedSetup, SaysWithoutATerminalWhatWouldDoIt) {
   EXPECT_EQ(router.changes(), Lines{});
 }
 
+// Also proves [ctl-setup-missing].
 TEST_F(ProposedSetup, SaysWithoutATerminalThatAMissingInterfaceIsAllowed) {
   const auto result = router.lumenctl({"upnp", "setup", "--external", "ppp0", "--allow-missing"});
   EXPECT_NE(result.err.find(" --internal br-lan --external ppp0 --allow-missing\n"),
@@ -98,6 +107,7 @@ TEST_F(ProposedSetup, SaysWithoutATerminalThatAMissingInterfaceIsAllowed) {
       << result.err;
 }
 
+// Also proves [ctl-yes].
 TEST_F(ProposedSetup, AsksNobodyWhenTheAnswerIsForPrograms) {
   router.machine().somebodyTypes("y");
   const auto result = router.lumenctl({"--json", "--root", "/tmp/r", "upnp", "setup"});
@@ -109,6 +119,7 @@ TEST_F(ProposedSetup, AsksNobodyWhenTheAnswerIsForPrograms) {
   EXPECT_EQ(router.changes(), Lines{});
 }
 
+// Also proves [ctl-yes].
 TEST_F(ProposedSetup, AnswersProgramsThatSayYesWithWhatWasDone) {
   const auto result = router.lumenctl({"--json", "upnp", "setup", "--yes"});
   EXPECT_EQ(result.status, 0) << result.err;
@@ -145,6 +156,7 @@ TEST_F(ProposedSetup, AsksNobodyWhenEverythingIsSaid) {
   EXPECT_EQ(result.out, done);
 }
 
+// Also proves [ctl-nothing-proposed].
 TEST_F(ProposedSetup, SaysWhyItHasNothingToPropose) {
   router.machine().files.clear();
   router.machine().somebodyTypes("y");

@@ -50,12 +50,16 @@ std::string propose(const std::vector<Candidate>& candidates,
 const std::vector<Candidate> homeRouter = {bridge("br-lan", {"192.168.88.1"}), ethernet("lan0", {}),
                                            ethernet("wan0", {"45.45.45.1"})};
 
+// Promise [ctl-propose]: `upnp setup` without roles proposes them: the interface of the default
+// route as external, Ethernet links with an address of a private network and bridges with an
+// address as internal, with the reason for each; another way out and a tunnel are neither.
 TEST(SetupProposal, TakesTheInterfaceOfTheDefaultRouteAsExternal) {
   EXPECT_EQ(
       propose(homeRouter, {{"wan0", 0}}),
       "br-lan: bridge, private network (192.168.88.1) | wan0: the default route leaves by it");
 }
 
+// Also proves [ctl-propose].
 TEST(SetupProposal, TakesALinkWithAPrivateAddressAsInternal) {
   for (const std::string address : {"10.0.0.1", "172.16.0.1", "172.31.255.1", "192.168.0.1"}) {
     EXPECT_EQ(propose({ethernet("wan0", {}), ethernet("eth1", {address})}, {{"wan0", 0}}),
@@ -63,6 +67,7 @@ TEST(SetupProposal, TakesALinkWithAPrivateAddressAsInternal) {
   }
 }
 
+// Also proves [ctl-propose].
 TEST(SetupProposal, TakesABridgeWithAnyAddressAsInternal) {
   EXPECT_EQ(propose({ethernet("wan0", {}), bridge("br0", {"45.46.0.1"})}, {{"wan0", 0}}),
             "br0: bridge (45.46.0.1) | wan0: the default route leaves by it");
@@ -80,6 +85,7 @@ TEST(SetupProposal, TakesAPrivateNetworkWithTheDefaultRouteAsExternal) {
       "eth1: private network (10.0.0.1) | eth0: the default route leaves by it");
 }
 
+// Also proves [ctl-propose].
 TEST(SetupProposal, LeavesOutWhatHasNoHostsOfAHome) {
   const std::vector<std::pair<Candidate, const char*>> others = {
       {ethernet("eth1", {}), "no address: a port of a bridge"},
@@ -99,6 +105,8 @@ TEST(SetupProposal, LeavesOutWhatHasNoHostsOfAHome) {
   }
 }
 
+// Promise: `upnp setup` with only `--internal` or only `--external` proposes the rest, and says
+// which roles would end.
 TEST(SetupProposal, ProposesOnlyWhatWasNotSaid) {
   EXPECT_EQ(propose(homeRouter, {{"wan0", 0}}, {"lan0", "br-x"}),
             "lan0: you said so, br-x: you said so | wan0: the default route leaves by it");
@@ -115,6 +123,9 @@ TEST(SetupProposal, TakesTheNextDefaultRouteWhenTheFirstIsToBeInternal) {
       "eth0: you said so | lte0: the default route leaves by it");
 }
 
+// Promise [ctl-nothing-proposed]: When no interface looks like an external or an internal one,
+// `upnp setup` says why and ends with 1: `no interface looks like the external one: there is no
+// default route. Say which one it is: --external IF`.
 TEST(SetupProposal, SaysWhyNothingCanBeExternal) {
   EXPECT_EQ(propose(homeRouter, {}),
             "no interface looks like the external one: there is no default route. Say which one it "
@@ -128,6 +139,7 @@ TEST(SetupProposal, PassesOverADefaultRouteByALinkThatThePlatformDoesNotKnow) {
   EXPECT_EQ(propose(homeRouter, {{"elsewhere", 0}}), propose(homeRouter, {}));
 }
 
+// Also proves [ctl-nothing-proposed].
 TEST(SetupProposal, SaysWhyNothingCanBeInternal) {
   EXPECT_EQ(propose({ethernet("wan0", {"192.168.1.2"}), ethernet("eth1", {})}, {{"wan0", 0}}),
             "no interface looks like an internal one: besides wan0 none is an Ethernet link that "

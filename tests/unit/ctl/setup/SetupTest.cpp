@@ -24,6 +24,8 @@ struct Setup : testing::Test {
   FakePlatform router;
 };
 
+// Promise: `upnp setup` keeps the names, then configures the gateway with them, then switches it
+// on.
 TEST_F(Setup, KeepsTheNamesThenTellsTheGatewayThenSwitchesItOn) {
   const auto result = router.lumenctl(setUp);
   EXPECT_EQ(result.status, 0) << result.err;
@@ -34,6 +36,8 @@ TEST_F(Setup, KeepsTheNamesThenTellsTheGatewayThenSwitchesItOn) {
                                      "[40,0] fe000e 00000001=true 00000002=true 00000003=true"}));
 }
 
+// Promise: `upnp setup` says each thing that it did, in JSON too, also when something later is
+// refused.
 TEST_F(Setup, SaysWhatItDid) {
   EXPECT_EQ(router.lumenctl(setUp).out,
             "br-lan: kept as internal\n"
@@ -59,6 +63,7 @@ TEST_F(Setup, SaysWhatItDidInJson) {
             "}\n");
 }
 
+// Promise [ctl-setup]: A second `upnp setup` changes nothing.
 TEST_F(Setup, ChangesNothingTheSecondTime) {
   EXPECT_EQ(router.lumenctl(setUp).status, 0);
   router.forgetRequests();
@@ -77,6 +82,8 @@ TEST_F(Setup, ServesSeveralInternalInterfaces) {
   EXPECT_EQ(router.changes()[1], R"([20,0] fe0005 20010005="br-guest" 08010010=2)");
 }
 
+// Promise: `upnp setup` changes roles, enables interfaces that were disabled and leaves the other
+// settings.
 TEST_F(Setup, ChangesRolesThatWereTheOtherWayRound) {
   EXPECT_EQ(router.lumenctl(setUp).status, 0);
   router.forgetRequests();
@@ -90,6 +97,8 @@ TEST_F(Setup, ChangesRolesThatWereTheOtherWayRound) {
                    "[40,0] fe0003 08fe0001=3 00fe000a=false 08000001=1 08000002=1"}));
 }
 
+// Promise: `upnp setup` removes the interfaces that it does not name from the gateway, also those
+// that do not exist any more.
 TEST_F(Setup, TakesInterfacesThatAreNotNamedFromTheGateway) {
   router.hasLink("br-old", 2);
   router.gatewayUses("br-old", 2);
@@ -123,6 +132,10 @@ TEST_F(Setup, KeepsTheNameOfALinkThatIsStillAwayWhenThatIsAllowed) {
   EXPECT_EQ(router.changes()[3], "[40,0] fe0005 00fe000a=false 08000001=3 08000002=1");
 }
 
+// Promise [ctl-setup-missing]: `upnp setup` refuses an interface that is not there now, names those
+// that are and changes nothing, unless `--allow-missing` is given: `there is no interface 'nosuch'
+// now, only br-lan, wan0. Nothing was changed; --allow-missing sets up an interface that comes
+// later`.
 TEST_F(Setup, RefusesInterfacesThatAreNotThereBeforeItChangesAnything) {
   router.hasLink("ppp0", 1);
   router.link("ppp0").insert_u32(lumen::interfaces::key::index, 0);
@@ -152,6 +165,7 @@ TEST_F(Setup, LeavesTheOtherSettingsAsTheyAre) {
   EXPECT_EQ(router.changes().back(), "[40,0] fe000e 00000001=true 00000002=false 00000003=true");
 }
 
+// Promise: `upnp setup` leaves the gateway off when that refuses an interface.
 TEST_F(Setup, LeavesTheGatewayOffWhenItRefusesAnInterface) {
   router.refuses({40, 0}, lm::cmd::addObject, "Interface already added");
   const auto result = router.lumenctl(setUp);
@@ -179,6 +193,8 @@ TEST_F(Setup, SaysInJsonWhatWasDoneBeforeItWasRefused) {
             "    \"wan0: kept as external\"\n  ]\n}\n");
 }
 
+// Promise: An interface that `upnp setup` is given twice is wrong usage: `interface 'wan0' is named
+// twice`.
 TEST_F(Setup, RefusesAnInterfaceThatIsNamedTwiceBeforeItChangesAnything) {
   const auto result =
       router.lumenctl({"upnp", "setup", "--internal", "br-lan", "wan0", "--external", "wan0"});

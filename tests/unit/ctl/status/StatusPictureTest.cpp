@@ -78,6 +78,7 @@ struct Picture : testing::Test {
   std::map<uint32_t, Traffic> traffic;
 };
 
+// Also proves [ctl-watch].
 TEST_F(Picture, ShowsTheRouterWithItsTraffic) {
   carries(1, {{100, 0}, {800, 400}});
   carries(2, {{0, 0}, {1'200'000, 0}});
@@ -94,6 +95,8 @@ TEST_F(Picture, ShowsTheRouterWithItsTraffic) {
           "8080/tcp  45.45.45.1  192.168.88.10:80  open   3 min 5 s            2      17  upnp"}));
 }
 
+// Promise: Where the locale is not UTF-8 the graphs of `status --watch` are ASCII, where there is
+// no room there are none.
 TEST_F(Picture, DrawsGraphsInAsciiWhereThereIsNothingElse) {
   carries(1, {{1, 0}, {200, 0}, {400, 0}, {600, 0}, {800, 0}});
   const std::string line = draw(100, 24, false, false)[3];
@@ -116,6 +119,7 @@ TEST_F(Picture, LeavesGraphsOutWhereThereIsNoRoom) {
   EXPECT_EQ(lines[3], "br-lan     internal  running  192.168.88.1       800 B     800 B");
 }
 
+// Also proves [ctl-watch].
 TEST_F(Picture, FitsEveryScreen) {
   for (uint32_t port = 1; port < 30; ++port) opens(port);
   carries(1, {{800, 400}});
@@ -135,6 +139,7 @@ TEST_F(Picture, FitsEveryScreen) {
   }
 }
 
+// Also proves [ctl-watch].
 TEST_F(Picture, TellsHowMuchDoesNotFit) {
   for (uint32_t port = 1; port < 30; ++port) opens(port);
   const Lines lines = draw(96, 10);

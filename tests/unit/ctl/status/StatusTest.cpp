@@ -51,6 +51,8 @@ struct Status : testing::Test {
   FakePlatform router;
 };
 
+// Promise: `status` shows on one screen whether the gateway is on, its interfaces with role, state
+// and addresses, and the open ports.
 TEST_F(Status, ShowsTheRouterOnOneScreen) {
   const auto result = router.lumenctl({"status"});
   EXPECT_EQ(result.status, 0) << result.err;
@@ -83,6 +85,8 @@ TEST_F(Status, ShowsTheRouterInJson) {
             "      \"connections\": 2,\n      \"connections_so_far\": 17\n    }\n  ]\n}\n");
 }
 
+// Promise [ctl-passive]: `status` never starts a gateway that does not run, and then shows the kept
+// roles.
 TEST_F(Status, NeverWakesAGatewayThatDoesNotRun) {
   for (const char* state : {lumen::servicestate::stopped, lumen::servicestate::starting,
                             lumen::servicestate::leaving, lumen::servicestate::waiting}) {
@@ -93,6 +97,7 @@ TEST_F(Status, NeverWakesAGatewayThatDoesNotRun) {
   EXPECT_FALSE(router.wasAsked("[40,0]"));
 }
 
+// Also proves [ctl-passive].
 TEST_F(Status, ShowsTheKeptRolesWhileTheGatewayIsOff) {
   router.gatewayIs(lumen::servicestate::stopped);
   EXPECT_TRUE(router.lumenctl({"status"})
@@ -103,6 +108,8 @@ TEST_F(Status, ShowsTheKeptRolesWhileTheGatewayIsOff) {
                                    "wan0       external  running  45.45.45.1\n"));
 }
 
+// Promise [ctl-partial]: `status` says `off`, `starting`, `crashed (starts again in 12 s)`, `not
+// installed` or `not answering` with the reason, and shows the rest in any case.
 TEST_F(Status, SaysInWhichStateTheGatewayIs) {
   router.settings().insert_bool(1, false);
   EXPECT_EQ(firstLine(), "Gateway: off (process 4711)");
@@ -116,6 +123,7 @@ TEST_F(Status, SaysInWhichStateTheGatewayIs) {
   EXPECT_EQ(firstLine(), "Gateway: not installed");
 }
 
+// Also proves [ctl-partial].
 TEST_F(Status, ShowsTheRestWhenTheGatewayDoesNotAnswer) {
   router.refuses({40, 0}, lm::cmd::get, "timed out");
   const auto result = router.lumenctl({"status"});
@@ -125,6 +133,8 @@ TEST_F(Status, ShowsTheRestWhenTheGatewayDoesNotAnswer) {
   EXPECT_NE(result.out.find("8080/tcp"), std::string::npos);
 }
 
+// Promise: `status` says `not reachable` of a gateway that is switched on and listens on no
+// internal interface, and names the interfaces when it listens on some only.
 TEST_F(Status, DoesNotCallAGatewayOnThatNoHostCanReach) {
   gatewayListensAt(1900, 2828);
   EXPECT_EQ(firstLine(), "Gateway: on (process 4711)");
@@ -150,6 +160,8 @@ TEST_F(Status, SaysOnWhichInterfacesTheGatewayCannotBeReached) {
             "Gateway: on (process 4711; not reachable on br-guest, lumenctl upnp check tells why)");
 }
 
+// Promise: `status` marks an interface that the gateway is told not to use, and says how to set up
+// a fresh router.
 TEST_F(Status, MarksAnInterfaceThatTheGatewayDoesNotUse) {
   router.hasLink("br-guest", 2);
   router.gatewayUses("br-guest", 2, true);
@@ -204,6 +216,9 @@ struct Watch : Status {
   FakeScreen::Pictures shown;
 };
 
+// Promise [ctl-watch]: `status --watch` draws the status each second in place, on a terminal's
+// other screen, with the traffic of each second as bar graphs; what does not fit the terminal is
+// left out and counted.
 TEST_F(Watch, DrawsTheRouterAnewEachSecond) {
   looksFor({Screen::Event::timeOver, Screen::Event::timeOver});
   const auto result = router.lumenctl({"status", "--watch"});
@@ -214,6 +229,7 @@ TEST_F(Watch, DrawsTheRouterAnewEachSecond) {
   EXPECT_EQ(readings(), 3U);
 }
 
+// Promise: The screen of `status --watch` follows the size of the terminal.
 TEST_F(Watch, DrawsTheSameOnceMoreWhenTheScreenHasAnotherSize) {
   looksFor({Screen::Event::resized, Screen::Event::resized});
   EXPECT_EQ(router.lumenctl({"status", "--watch"}).status, 0);
@@ -221,6 +237,8 @@ TEST_F(Watch, DrawsTheSameOnceMoreWhenTheScreenHasAnotherSize) {
   EXPECT_EQ(readings(), 1U);
 }
 
+// Promise [ctl-silent]: While the gateway does not answer, `status --watch` says so within two
+// seconds, and goes on.
 TEST_F(Watch, ShowsSoonThatTheGatewayHangs) {
   looksFor({});
   router.refuses({40, 0}, lm::cmd::get, "no answer in time");
@@ -230,6 +248,8 @@ TEST_F(Watch, ShowsSoonThatTheGatewayHangs) {
   EXPECT_TRUE(shown.at(0).at(0).starts_with("Gateway: not answering (no answer in time)"));
 }
 
+// Promise [ctl-watch-lost]: When the platform ends, `status --watch` ends with 1, leaves the
+// terminal as it was and says why.
 TEST_F(Watch, EndsWithThePlatform) {
   looksFor({Screen::Event::timeOver});
   router.refuses({20, 5}, lm::cmd::readAll, "connection ended");
@@ -246,12 +266,15 @@ TEST_F(Watch, ShowsNoTrafficOfAnInterfaceThatHasGone) {
   EXPECT_EQ(shown.size(), 2U);
 }
 
+// Promise [ctl-watch-plain]: Without a terminal `status --watch` prints a status each second, with
+// `--json` an object on its own line, until `SIGINT`, `SIGTERM` or until its reader ends.
 TEST_F(Watch, PrintsOneStatusBelowTheOtherElsewhere) {
   router.machine().pauses = 1;
   const std::string once = router.lumenctl({"status"}).out;
   EXPECT_EQ(router.lumenctl({"status", "--watch"}).out, once + "\n" + once + "\n");
 }
 
+// Also proves [ctl-watch-plain].
 TEST_F(Watch, PrintsAnObjectOnEachLineForPrograms) {
   looksFor({});
   router.machine().pauses = 1;

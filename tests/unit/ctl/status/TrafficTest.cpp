@@ -32,6 +32,8 @@ TEST(TrafficTest, IsOfFullSpeedToo) {
   EXPECT_EQ(traffic.rates().back().sent, 12'500'000'000U);
 }
 
+// Promise: An interface that loses its counters between two readings, or is another one of the same
+// name, shows no traffic of that second.
 TEST(TrafficTest, HasNoRateBetweenTwoInterfacesOfOneName) {
   Traffic traffic;
   traffic.add(counted(5000, 5000), 1000);

@@ -11,12 +11,14 @@
 namespace lumenctl {
 namespace {
 
+// Also proves [ctl-escape].
 TEST(Printable, LeavesOrdinaryTextAlone) {
   for (const char* text : {"", "br-lan", "a b", "Gerät", "日本", "\xf0\x9f\x90\xa7"}) {
     EXPECT_EQ(printable(text), text);
   }
 }
 
+// Also proves [ctl-escape].
 TEST(Printable, LeavesTheFirstAndTheLastCharacterOfEachLengthAlone) {
   for (const char* text :
        {" ", "~", "\xc2\xa0", "\xdf\xbf", "\xe0\xa0\x80", "\xed\x9f\xbf", "\xee\x80\x80",
@@ -25,6 +27,8 @@ TEST(Printable, LeavesTheFirstAndTheLastCharacterOfEachLengthAlone) {
   }
 }
 
+// Promise [ctl-escape]: What a terminal would obey, what is no UTF-8 and what has no width is shown
+// escaped, in output, errors and JSON.
 TEST(Printable, EscapesWhatATerminalWouldObey) {
   const std::vector<std::pair<std::string, std::string>> cases = {
       {"\x1b[2J", "\\x1b[2J"},
@@ -49,6 +53,7 @@ TEST(Printable, EscapesWhatATerminalWouldObey) {
   for (const auto& [text, escaped] : cases) EXPECT_EQ(printable(text), escaped);
 }
 
+// Also proves [ctl-escape].
 TEST(Printable, EscapesWhatIsNoUtf8) {
   const std::vector<std::pair<std::string, std::string>> cases = {
       {"\xff", "\\xff"},
@@ -69,11 +74,14 @@ TEST(Text, CountsCharactersNotBytes) {
   EXPECT_EQ(columns("Gerät"), 5U);
 }
 
+// Also proves [ctl-units].
 TEST(Text, WritesAddressesInNetworkByteOrder) {
   EXPECT_EQ(dotted(inet_addr("192.168.88.1")), "192.168.88.1");
   EXPECT_EQ(dotted(0), "0.0.0.0");
 }
 
+// Promise [ctl-units]: Times come in their two largest units, `3 min 5 s`, amounts in decimal
+// units, `1.2 MB`, addresses dotted.
 TEST(Text, WritesTimesInTheirTwoLargestUnits) {
   EXPECT_EQ(duration(0), "0 s");
   EXPECT_EQ(duration(59), "59 s");
@@ -85,6 +93,7 @@ TEST(Text, WritesTimesInTheirTwoLargestUnits) {
   EXPECT_EQ(duration(86400 * 2 + 3600 * 4 + 1), "2 d 4 h");
 }
 
+// Also proves [ctl-units].
 TEST(Text, WritesAmountsInDecimalUnits) {
   EXPECT_EQ(amount(0), "0 B");
   EXPECT_EQ(amount(999), "999 B");
@@ -106,12 +115,15 @@ Table table() {
   return result;
 }
 
+// Promise: Tables are aligned by characters, not bytes, and numbers to the right.
 TEST(TableTest, AlignsColumnsByCharacters) {
   EXPECT_EQ(table().lines(false), (Lines{"NAME   COUNT  STATE",    //
                                          "Gerät      7  running",  //
                                          "a       1000"}));
 }
 
+// Promise: On a terminal headings are bold and the words for states coloured: green works, yellow
+// does not work on purpose, red should work and does not.
 TEST(TableTest, ColoursHeadingsAndStates) {
   EXPECT_EQ(table().lines(true),
             (Lines{"\x1b[1mNAME\x1b[0m   \x1b[1mCOUNT\x1b[0m  \x1b[1mSTATE\x1b[0m",

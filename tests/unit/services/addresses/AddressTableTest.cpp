@@ -23,6 +23,9 @@ class AddressTableTest : public Router {
   Lines listsAddresses() { return recordTexts(asksAddresses(lm::cmd::list)); }
 };
 
+// Promise [table-addresses]: There is one object for each IPv4 address of an interface, in these
+// keys and this order: id, interface id, address, `disabled`.
+// Promise: An address is disabled while its interface is not running.
 TEST_F(AddressTableTest, ListsOneObjectForEachAddress) {
   kernel.getsAddress("lan", "192.168.1.1/24");
   kernel.getsAddress("wan", "45.45.45.2/24");
@@ -31,6 +34,7 @@ TEST_F(AddressTableTest, ListsOneObjectForEachAddress) {
   EXPECT_EQ(recordTexts(asksAddresses(lm::cmd::readAll)), listsAddresses());
 }
 
+// Also proves [table-addresses], [address-removed].
 TEST_F(AddressTableTest, WritesItsRecordsWithTheseKeysAndBytes) {
   kernel.getsAddress("lan", "192.168.1.1/24");
   lm::message record;
@@ -49,6 +53,7 @@ TEST_F(AddressTableTest, WritesItsRecordsWithTheseKeysAndBytes) {
   EXPECT_EQ(lm::encode(notifier.messages[1]), lm::encode(removed));
 }
 
+// Promise: The ids of addresses rise and are not used twice in one run.
 TEST_F(AddressTableTest, NeverUsesAnIdTwice) {
   kernel.getsAddress("lan", "192.168.1.1/24");
   kernel.losesAddress("lan", "192.168.1.1/24");
@@ -56,6 +61,8 @@ TEST_F(AddressTableTest, NeverUsesAnIdTwice) {
   EXPECT_EQ(listsAddresses(), Lines{"id=2 interface=1 address=192.168.1.1 disabled=0"});
 }
 
+// Promise [address-removed]: The notification of a removed address carries `0xfe0013` = 1 and
+// `disabled` = false, also when its interface is not running.
 TEST_F(AddressTableTest, SaysThatARemovedOneIsNotDisabledEvenOnAnInterfaceThatDoesNotRun) {
   kernel.getsAddress("wan", "45.45.45.2/24");
   kernel.losesAddress("wan", "45.45.45.2/24");
@@ -65,6 +72,8 @@ TEST_F(AddressTableTest, SaysThatARemovedOneIsNotDisabledEvenOnAnInterfaceThatDo
              "address records=[{id=1 interface=2 address=45.45.45.2 disabled=0 removed=1}]"}));
 }
 
+// Promise: An address is notified once however often the kernel reports it, and its removal only if
+// it was there.
 TEST_F(AddressTableTest, TellsOfAnAddressOnceHoweverOftenTheKernelDoes) {
   kernel.getsAddress("lan", "192.168.1.1/24");
   (void)notified();
@@ -77,6 +86,7 @@ TEST_F(AddressTableTest, IgnoresTheRemovalOfAnAddressThatItDoesNotHave) {
   EXPECT_EQ(notified(), Lines{});
 }
 
+// Promise: Addresses of the loopback are not listed.
 TEST_F(AddressTableTest, IgnoresTheAddressesOfTheLoopback) {
   kernel.appears("lo", true, true, 772);
   kernel.getsAddress("lo", "127.0.0.1/8");
@@ -84,6 +94,8 @@ TEST_F(AddressTableTest, IgnoresTheAddressesOfTheLoopback) {
   EXPECT_EQ(listsAddresses(), Lines{});
 }
 
+// Promise: An address that an interface has in several networks is one object until the last of
+// them has gone.
 TEST_F(AddressTableTest, KeepsAnAddressUntilTheLastOfItsNetworksHasGone) {
   kernel.getsAddress("lan", "10.0.0.1/24");
   (void)notified();
@@ -106,6 +118,7 @@ TEST_F(AddressTableTest, DoesNotRemoveAnAddressWhoseNetworkChangedWhileChangesWe
   EXPECT_EQ(addressTable->interfaceTowards(inet_addr("10.0.9.9")), 1U);
 }
 
+// Promise [address-notify]: A notification of addresses holds at most 64 records.
 TEST_F(AddressTableTest, SendsAtMost64RecordsInOneNotification) {
   for (int i = 1; i <= 130; ++i) kernel.getsAddress("wan", "10.0.0." + std::to_string(i) + "/24");
   (void)notified();
@@ -123,6 +136,9 @@ TEST_F(AddressTableTest, SendsAtMost64RecordsInOneNotification) {
       130U);
 }
 
+// Promise [address-pages]: Addresses are listed in pages of 64 and read one by one; one that there
+// is not is answered with `no such object`.
+// Also proves [rights-tables].
 TEST_F(AddressTableTest, ListsPageByPage) {
   for (int i = 1; i <= 70; ++i) kernel.getsAddress("lan", "10.0.0." + std::to_string(i) + "/24");
   const lm::message first = asksAddresses(lm::cmd::list);
@@ -135,6 +151,7 @@ TEST_F(AddressTableTest, ListsPageByPage) {
   EXPECT_EQ(second.get_u32(lm::key::cursor), lm::none);
 }
 
+// Also proves [address-pages].
 TEST_F(AddressTableTest, ReadsOneAddress) {
   kernel.getsAddress("lan", "192.168.1.1/24");
   lm::message request;
@@ -146,6 +163,8 @@ TEST_F(AddressTableTest, ReadsOneAddress) {
             "error=16646153 text=no such object");
 }
 
+// Promise [table-addresses-fixed]: Addresses cannot be added, set or removed by a message: `unknown
+// command`.
 TEST_F(AddressTableTest, RefusesEveryOtherCommand) {
   for (const uint32_t command : {lm::cmd::setObject, lm::cmd::addObject, lm::cmd::removeObject}) {
     EXPECT_EQ(text(asksAddresses(command)), "error=16646153 text=unknown command");

@@ -42,6 +42,8 @@ TEST_F(LocalNetworksTest, KnowTheInterfaceThatHoldsAnAddress) {
   EXPECT_EQ(holderOf("0.0.0.0"), std::nullopt);
 }
 
+// Promise: An address counts as the router's while its interface is not running, and until it is
+// removed; of several interfaces with one address the lowest counts.
 TEST_F(LocalNetworksTest, CountAnAddressWhoseInterfaceIsNotRunning) {
   has(wan, "45.45.45.2/24", false);
   EXPECT_EQ(holderOf("45.45.45.2"), wan);
@@ -61,6 +63,8 @@ TEST_F(LocalNetworksTest, NameTheLowestOfSeveralInterfacesWithOneAddress) {
   EXPECT_EQ(holderOf("10.0.0.1"), lan);
 }
 
+// Promise: A host is directly connected when it is in the network of one of the router's addresses,
+// the longest prefix counting, or is the other end of a point-to-point link.
 TEST_F(LocalNetworksTest, HoldTheHostsOfASubnet) {
   has(lan, "192.168.1.1/24");
   EXPECT_EQ(towards("192.168.1.2"), lan);
@@ -69,6 +73,8 @@ TEST_F(LocalNetworksTest, HoldTheHostsOfASubnet) {
   EXPECT_EQ(towards("8.8.8.8"), std::nullopt);
 }
 
+// Promise: A network's own address, its broadcast address and the router's own addresses are no
+// connected hosts.
 TEST_F(LocalNetworksTest, DoNotHoldTheNetworksOwnAndItsBroadcastAddress) {
   has(lan, "192.168.1.1/24");
   EXPECT_EQ(towards("192.168.1.0"), std::nullopt);
@@ -107,6 +113,8 @@ TEST_F(LocalNetworksTest, DoNotHoldTheRoutersOwnAddresses) {
   EXPECT_FALSE(own("192.168.1.3"));
 }
 
+// Promise: What the loopback holds counts as the router's, a whole network if it holds one, is not
+// listed, and is no external address.
 TEST_F(LocalNetworksTest, TakeWhatTheLoopbackHoldsForTheRouters) {
   has(lan, "192.168.1.1/24");
   table.addLoopback(linkAddress("192.168.1.53/32"));

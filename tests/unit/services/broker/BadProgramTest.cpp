@@ -34,6 +34,9 @@ lm::message rightRequest() {
   return request;
 }
 
+// Promise [broker-garbage]: A program that sends what is no message is disconnected, nothing after
+// it is read, and the log names it and the reason: `connection 1 (process 1, user 0): sent no
+// message: ` and the reason.
 TEST_F(BadProgram, IsDisconnectedForWhatIsNoMessage) {
   const std::string right = lm::encode(rightRequest());
   std::string unknownType = right;
@@ -66,6 +69,7 @@ TEST_F(BadProgram, IsDisconnectedForWhatIsNoMessage) {
   }
 }
 
+// Promise: A program that sends an empty datagram is disconnected: `sent an empty datagram`.
 TEST_F(BadProgram, IsDisconnectedForAnEmptyDatagram) {
   testing::internal::CaptureStdout();
   Program program = connectAdministrator();
@@ -76,6 +80,7 @@ TEST_F(BadProgram, IsDisconnectedForAnEmptyDatagram) {
             "connection 1 (process 1, user 0): sent an empty datagram\n");
 }
 
+// Promise: The orderly end of a program is not logged.
 TEST_F(BadProgram, IsNotReportedForItsEnd) {
   testing::internal::CaptureStdout();
   Program program = connectAdministrator();
@@ -84,6 +89,8 @@ TEST_F(BadProgram, IsNotReportedForItsEnd) {
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
 }
 
+// Promise: A message that is neither request, notification nor reply disconnects its sender: `sent
+// neither request, notification nor reply`.
 TEST_F(BadProgram, IsDisconnectedForAMessageThatIsNothing) {
   struct Case {
     const char* what;
@@ -117,6 +124,8 @@ TEST_F(BadProgram, IsDisconnectedForAMessageThatIsNothing) {
 }
 
 // Whoever gets it would carry it out as a request.
+// Promise: A notification with a destination, even an empty one, is not delivered: its receiver
+// would carry it out as a request. Its sender is disconnected.
 TEST_F(BadProgram, IsDisconnectedForANotificationWithAnEmptyDestination) {
   Program victim = connectAdministrator();
   subscribe(victim, lm::cmd::set, {gateway, 0});
@@ -132,6 +141,7 @@ TEST_F(BadProgram, IsDisconnectedForANotificationWithAnEmptyDestination) {
   EXPECT_FALSE(victim.receive());
 }
 
+// Promise: Random bytes from a program do no harm to others.
 TEST_F(BadProgram, WhoseBytesAreRandomHarmsNobody) {
   testing::internal::CaptureStdout();
   std::mt19937 random(1);
@@ -151,6 +161,8 @@ TEST_F(BadProgram, WhoseBytesAreRandomHarmsNobody) {
   expectThatOthersAreServed();
 }
 
+// Promise [broker-unread]: A program that does not read is disconnected when more than 4 MiB wait
+// for it, `does not read what it is sent`, and no other program waits for it.
 TEST_F(BadProgram, WhoDoesNotReadIsDisconnectedAndNobodyWaits) {
   testing::internal::CaptureStdout();
   Program deaf = connectAdministrator();
@@ -179,6 +191,7 @@ TEST_F(BadProgram, WhoDoesNotReadIsDisconnectedAndNobodyWaits) {
             "connection 1 (process 1, user 0): does not read what it is sent\n");
 }
 
+// Promise: A program that reads late gets everything in order.
 TEST_F(BadProgram, WhoReadsLateGetsEverythingInOrder) {
   Program late = connectAdministrator();
   subscribe(late, lm::cmd::changed, {20, 0});
@@ -201,6 +214,8 @@ TEST_F(BadProgram, WhoReadsLateGetsEverythingInOrder) {
   }
 }
 
+// Promise: What a program sent before it ended without reading is handled, and its end is not
+// reported.
 TEST_F(BadProgram, WhoEndsWithoutReadingIsHeardOutAndForgotten) {
   testing::internal::CaptureStdout();
   Program deaf = connectAdministrator();
@@ -215,6 +230,8 @@ TEST_F(BadProgram, WhoEndsWithoutReadingIsHeardOutAndForgotten) {
   EXPECT_EQ(rules.ended, std::vector<uint64_t>{1});
 }
 
+// Promise: A program whose socket fails is disconnected with the system's error text, and the
+// others are served.
 TEST_F(BadProgram, IsDisconnectedWhenItsSocketFails) {
   Program program = connectAdministrator();
   program.send(rightRequest());
@@ -239,6 +256,7 @@ TEST_F(BadProgram, GetsLongMessagesAlsoWithoutPrivilege) {
   }
 }
 
+// Also proves [broker-unread].
 TEST_F(BadProgram, WhichIsAServiceThatDoesNotReadKeepsNobodyWaiting) {
   testing::internal::CaptureStdout();
   Program deaf = connect(gatewayUser);

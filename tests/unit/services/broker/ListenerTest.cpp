@@ -44,6 +44,8 @@ class ListenerTest : public BrokerTest {
   std::string folder_ = testing::TempDir() + "runXXXXXX";
 };
 
+// Promise: The socket may be opened by every user, replaces one that was left behind, and goes when
+// lumend ends in good order.
 TEST_F(ListenerTest, IsOpenToEverybodyAndGoesAtItsEnd) {
   {
     Listener listener(broker);
@@ -63,6 +65,7 @@ TEST_F(ListenerTest, TakesThePlaceOfASocketThatWasLeft) {
   EXPECT_TRUE(connectTo().valid());
 }
 
+// Promise: When the socket cannot be made, its path and the system's error text are reported.
 TEST_F(ListenerTest, SaysWhyItCannot) {
   Listener listener(broker);
   EXPECT_EQ(listener.listen("/nowhere/lumen.sock"),
@@ -80,6 +83,8 @@ TEST_F(ListenerTest, SaysWhatTheSystemRefuses) {
   }
 }
 
+// Promise: A program that cannot be accepted waits, one whose user the kernel does not tell is
+// refused, and others are let in.
 TEST_F(ListenerTest, GoesOnWhenSomebodyCouldNotBeAccepted) {
   Listener listener(broker);
   ASSERT_EQ(listener.listen(path()), "");
@@ -95,6 +100,7 @@ TEST_F(ListenerTest, GoesOnWhenSomebodyCouldNotBeAccepted) {
   EXPECT_EQ(second.isDisconnected(), getuid() != 0);
 }
 
+// Promise: All programs that wait to be connected are let in, or refused, at once.
 TEST_F(ListenerTest, AcceptsAllThatWait) {
   Listener listener(broker);
   ASSERT_EQ(listener.listen(path()), "");
@@ -109,6 +115,7 @@ TEST_F(ListenerTest, AcceptsAllThatWait) {
   EXPECT_EQ(refused, getuid() != 0);
 }
 
+// Promise: A user who is refused again and again does not block the platform's socket.
 TEST_F(ListenerTest, DoesNotRestWhileItRefuses) {
   Listener listener(broker);
   ASSERT_EQ(listener.listen(path()), "");
@@ -133,6 +140,8 @@ TEST_F(ListenerTest, RestsWhileNobodyCanBeAccepted) {
   EXPECT_EQ(loop.nextDue(), clock.now() + 100);
 }
 
+// Promise: A connection belongs to the process, the user, the primary group and all other groups of
+// the program that made it.
 TEST(PeerTest, IsWhoConnected) {
   int ends[2] = {-1, -1};
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);

@@ -81,6 +81,7 @@ TEST_F(Lives, AreSeenInTheListOfServices) {
   EXPECT_EQ(stateInList(), "stopped");
 }
 
+// Also proves [broker-start-wait].
 TEST_F(Lives, BeginWithARequestThatWaitsForThem) {
   Program client = connectAdministrator();
   client.ask({gateway, 0}, someCommand, fields("one"));
@@ -102,6 +103,10 @@ TEST_F(Lives, BeginWithARequestThatWaitsForThem) {
   EXPECT_TRUE(client.receive());
 }
 
+// Promise [broker-start-wait]: A request for a service that is not up waits for it, in order, up to
+// five seconds, then `service unavailable`.
+// Promise: A request that was answered because its service came too late is not carried out
+// afterwards.
 TEST_F(Lives, AreWaitedForFiveSeconds) {
   Program client = connectAdministrator();
   client.ask({gateway, 0}, someCommand);
@@ -121,6 +126,8 @@ TEST_F(Lives, AreWaitedForFiveSeconds) {
   EXPECT_FALSE(service.receive()) << "what is answered is not carried out";
 }
 
+// Promise: A service that ends before it registered is answered for at once with `service
+// unavailable`.
 TEST_F(Lives, ThatEndBeforeTheyRegisterAreNotWaitedFor) {
   Program client = connectAdministrator();
   client.ask({gateway, 0}, someCommand);
@@ -130,6 +137,8 @@ TEST_F(Lives, ThatEndBeforeTheyRegisterAreNotWaitedFor) {
   EXPECT_EQ(client.error(), "service unavailable");
 }
 
+// Promise: A request for a service in back-off is answered with `service unavailable` at once, an
+// administrator's starts the service.
 TEST_F(Lives, AreNotBegunDuringABackOffForAService) {
   Program client = connectAdministrator();
   client.ask({resolver, 0}, someCommand);
@@ -156,6 +165,8 @@ TEST_F(Lives, AreBegunDuringABackOffForAnAdministrator) {
   EXPECT_TRUE(service.receive());
 }
 
+// Promise: A request that arrives before a service has unregistered goes to this life, one that
+// arrives later to the next; none is lost and none answered twice.
 TEST_F(Lives, FollowEachOtherWithoutLosingARequest) {
   Program client = connectAdministrator();
   client.ask({gateway, 0}, someCommand, fields("wake"));
@@ -191,6 +202,7 @@ TEST_F(Lives, FollowEachOtherWithoutLosingARequest) {
   EXPECT_FALSE(client.receive());
 }
 
+// Promise: A service that registers again instead of ending gets what waited.
 TEST_F(Lives, GoOnWhenTheSameConnectionRegistersAgain) {
   Program client = connectAdministrator();
   client.ask({gateway, 0}, someCommand);
@@ -226,6 +238,7 @@ TEST_F(Lives, AreEndedOnlyByTheirOwnConnection) {
   registerAs(service, gateway);
 }
 
+// Promise: How a process ended is judged after everything that it had sent.
 TEST_F(Lives, AreJudgedAfterTheirLastWords) {
   Program client = connectAdministrator();
   client.ask({gateway, 0}, someCommand);
@@ -242,6 +255,8 @@ TEST_F(Lives, AreJudgedAfterTheirLastWords) {
   EXPECT_EQ(processes.started.size(), 1U) << "it was not needed any more";
 }
 
+// Promise: The connection of a service ends with its process, even if another process has inherited
+// it and goes on sending.
 TEST_F(Lives, EndAlthoughAnotherProcessHoldsTheirConnection) {
   connectAdministrator().ask({gateway, 0}, someCommand);
   settle();
@@ -265,6 +280,7 @@ TEST_F(Lives, EndAlthoughAnotherProcessGoesOnSending) {
   EXPECT_TRUE(sender.isEnded);
 }
 
+// Promise: A service that crashed has its number back in its next life.
 TEST_F(Lives, MakeRoomForTheNextOneWhenTheyCrash) {
   Program client = connectAdministrator();
   client.ask({gateway, 0}, someCommand);
@@ -292,6 +308,8 @@ TEST_F(Lives, DeliverARequestWhoseSenderHasEnded) {
   EXPECT_EQ(arrived->get_string(7), "undo");
 }
 
+// Promise [broker-waiting]: Requests of 4 MiB in all, from all senders, may wait for services, in
+// their wire form; the next one is refused with `too many requests at a time`.
 TEST_F(Lives, BoundWhatWaitsForThem) {
   Program one = connectAdministrator();
   Program other = connectAdministrator();
@@ -319,6 +337,7 @@ TEST_F(Lives, BoundWhatWaitsForThem) {
   fill();
 }
 
+// Promise: A service that is started by hand is served without a process of lumend's.
 TEST_F(Lives, OfAServiceThatIsRunByHandNeedNoProcess) {
   Program service = connect(gatewayUser);
   registerAs(service, gateway);
@@ -329,6 +348,8 @@ TEST_F(Lives, OfAServiceThatIsRunByHandNeedNoProcess) {
   EXPECT_TRUE(processes.started.empty());
 }
 
+// Promise: While lumend ends, what runs is served and what does not run is answered for with
+// `service unavailable`.
 TEST_F(Lives, AreOverWhileLumendEnds) {
   Program client = connectAdministrator();
   client.ask({gateway, 0}, someCommand);

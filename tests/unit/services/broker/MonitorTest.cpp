@@ -65,6 +65,8 @@ lm::message nested(int levels) {
   return m;
 }
 
+// Promise: A monitor is shown each request when it arrives and each reply when it leaves, both
+// under the requester's serial, with its sender and its receiver.
 TEST_F(Monitoring, ShowsARequestToThisProcessAndItsReply) {
   rules.reply = fields("done");
   Program administrator = connectAdministrator();
@@ -88,6 +90,7 @@ TEST_F(Monitoring, ShowsARequestToThisProcessAndItsReply) {
   EXPECT_FALSE(isShown());
 }
 
+// Promise: Monitoring changes nothing of what passes.
 TEST_F(Monitoring, ChangesNothingOfWhatIsAsked) {
   Program administrator = connectAdministrator();
   administrator.ask({20, 5}, someCommand, fields("do"));
@@ -138,6 +141,7 @@ TEST_F(Monitoring, ShowsARequestWhenItArrivesAlsoIfItMustWait) {
   EXPECT_FALSE(isShown());
 }
 
+// Promise: A monitor is shown what the broker itself refuses or answers for.
 TEST_F(Monitoring, ShowsWhatTheBrokerRefuses) {
   struct Case {
     const char* text;
@@ -174,6 +178,7 @@ TEST_F(Monitoring, ShowsThatAServiceDidNotComeUp) {
   EXPECT_EQ(lm::getError(message), "service unavailable");
 }
 
+// Promise: A monitor is shown a notification once, however many programs subscribed.
 TEST_F(Monitoring, ShowsANotificationOnceWhoeverSubscribed) {
   broker.notify(lm::cmd::changed, {20, 1}, fields("to nobody"));
   Program first = connect(gatewayUser);
@@ -205,6 +210,8 @@ TEST_F(Monitoring, ShowsTheNotificationOfAProgram) {
   EXPECT_EQ(message.get_u32_array_ref(lm::key::source), (Path{gateway, 2}));
 }
 
+// Promise: Monitoring is for administrators, others get `not permitted`; a request that says
+// neither on nor off gets `neither on nor off`.
 TEST_F(Monitoring, IsForAdministratorsOnly) {
   Program service = connect(gatewayUser);
   EXPECT_EQ(errorOfWatching(service, true), "not permitted");
@@ -219,6 +226,7 @@ TEST_F(Monitoring, IsEitherOnOrOff) {
   EXPECT_FALSE(administrator.receive());
 }
 
+// Promise: Monitoring ends when it is switched off and when the monitor ends.
 TEST_F(Monitoring, EndsWhenItIsSwitchedOff) {
   broker.notify(lm::cmd::changed, {20, 1}, {});
   ASSERT_TRUE(isShown());
@@ -253,6 +261,7 @@ TEST_F(Monitoring, SurvivesThatTheMonitorServedWhoIsWaitedFor) {
   EXPECT_EQ(administrator.error(), "service unavailable");
 }
 
+// Promise: What a monitor is shown is not shown to monitors.
 TEST_F(Monitoring, IsNotShownItself) {
   Program other = connectAdministrator();
   watch(other);
@@ -267,6 +276,8 @@ TEST_F(Monitoring, IsNotShownItself) {
   }
 }
 
+// Promise: A message that would be too long or too deep inside another one is shown with its
+// transport fields only, or without any, and marked as cut.
 TEST_F(Monitoring, ShowsOnlyTheTransportOfWhatIsTooLong) {
   Program service = connect(gatewayUser);
   lm::message longest = fields({});
@@ -349,6 +360,7 @@ TEST_F(Monitoring, ShowsNothingOfWhatHasTooLongATransport) {
   EXPECT_EQ(message, lm::message());
 }
 
+// Promise: A monitor that does not read is disconnected and delays no other.
 TEST_F(Monitoring, ByAProgramThatDoesNotReadEndsAndKeepsNobodyElse) {
   testing::internal::CaptureStdout();
   Program other = connectAdministrator();

@@ -11,6 +11,8 @@ namespace {
 
 class Notifications : public BrokerTest {};
 
+// Promise [broker-notify]: A notification goes to every connection that subscribed to its command
+// and its path, once, and to no other.
 TEST_F(Notifications, GoFromAProgramToItsSubscribers) {
   Program service = connect(gatewayUser);
   registerAs(service, gateway);
@@ -28,6 +30,7 @@ TEST_F(Notifications, GoFromAProgramToItsSubscribers) {
   EXPECT_FALSE(service.receive());
 }
 
+// Also proves [broker-notify].
 TEST_F(Notifications, GoFromAHandlerOfThisProcessToItsSubscribers) {
   Program subscriber = connect(gatewayUser);
   subscribe(subscriber, lm::cmd::interfaceChanged, {20, 0});
@@ -39,6 +42,7 @@ TEST_F(Notifications, GoFromAHandlerOfThisProcessToItsSubscribers) {
   EXPECT_EQ(news->get_u32_array_ref(lm::key::source), (std::vector<uint32_t>{20, 0}));
 }
 
+// Also proves [broker-notify].
 TEST_F(Notifications, AreSentOnlyForTheirCommandAndPath) {
   Program subscriber = connect(gatewayUser);
   subscribe(subscriber, lm::cmd::changed, {20, 1});
@@ -48,6 +52,8 @@ TEST_F(Notifications, AreSentOnlyForTheirCommandAndPath) {
   EXPECT_FALSE(subscriber.receive());
 }
 
+// Promise [path-subscription]: A path that names no handler means handler 0 in subscriptions and
+// notifications.
 TEST_F(Notifications, TakeAPathWithoutHandlerForHandlerZero) {
   Program subscriber = connect(gatewayUser);
   subscribe(subscriber, lm::cmd::changed, {20});
@@ -55,6 +61,8 @@ TEST_F(Notifications, TakeAPathWithoutHandlerForHandlerZero) {
   EXPECT_TRUE(subscriber.receive());
 }
 
+// Promise: A subscription ends when it is withdrawn and when its connection ends.
+// Also proves [broker-notify].
 TEST_F(Notifications, StopAfterUnsubscribing) {
   Program subscriber = connect(gatewayUser);
   subscribe(subscriber, lm::cmd::changed, {20, 0});
@@ -93,6 +101,7 @@ TEST_F(Notifications, CarryTheNameOfWhoSendsThem) {
   EXPECT_FALSE(subscriber.receive());
 }
 
+// Promise: A connection that serves several numbers is known by the one that it names.
 TEST_F(Notifications, CarryTheServiceThatTheSenderNamesIfItIsItsOwn) {
   Program service = connectAdministrator();
   registerAs(service, 50);
@@ -125,6 +134,8 @@ TEST_F(Notifications, ThatTheSystemHasNoRoomForComeLater) {
   }
 }
 
+// Promise: A notification that no datagram can hold is not delivered, which the log says: `a
+// notification of 20/5 is too long`.
 TEST_F(Notifications, ThatNoDatagramHoldsReachNobody) {
   Program subscriber = connectAdministrator();
   subscribe(subscriber, lm::cmd::changed, {20, 5});
@@ -150,6 +161,8 @@ TEST_F(Notifications, GoOnWhenSomebodyElseUnsubscribes) {
   EXPECT_TRUE(subscriber.receive());
 }
 
+// Promise [broker-subscriptions]: A connection may have 256 subscriptions; the next one is refused
+// with `too many subscriptions`.
 TEST_F(Notifications, AreBoundedInTopicsForEachProgram) {
   Program subscriber = connect(gatewayUser);
   for (uint32_t i = 0; i < 256; ++i) {
@@ -163,6 +176,7 @@ TEST_F(Notifications, AreBoundedInTopicsForEachProgram) {
   EXPECT_EQ(subscriber.error(), "too many subscriptions");
 }
 
+// Promise: A subscription without command or without path is refused with `no command or path`.
 TEST_F(Notifications, AreNotSubscribedWithoutCommandOrPath) {
   Program subscriber = connect(gatewayUser);
   lm::message onlyPath;

@@ -18,6 +18,9 @@ class RightsTest : public BrokerTest {
   }
 };
 
+// Promise [rights-others]: A user who is neither an administrator nor the user of a service is
+// refused at connect, members of root's group and of a service's group too.
+// Also proves [rights-admin].
 TEST_F(RightsTest, RefuseAStrangerAtConnect) {
   struct Case {
     const char* who;
@@ -41,6 +44,7 @@ TEST_F(RightsTest, RefuseAStrangerAtConnect) {
   }
 }
 
+// Also proves [rights-admin].
 TEST_F(RightsTest, OfAnAdministratorAreWhole) {
   Program service = connect(gatewayUser);
   registerAs(service, gateway);
@@ -53,6 +57,9 @@ TEST_F(RightsTest, OfAnAdministratorAreWhole) {
   EXPECT_TRUE(service.receive());
 }
 
+// Promise [register-own]: A service may register its own number and no other: `not permitted`.
+// Promise [rights-services]: A service may call the resolver, the identity and the history, and no
+// other program: `not permitted`.
 TEST_F(RightsTest, OfAServiceAreItsOwnNumberAndWhatItLivesOn) {
   Program service = connect(gatewayUser);
   EXPECT_EQ(errorOf(service, {0}, brokercmd::registerServices, services({resolver})),
@@ -71,6 +78,8 @@ TEST_F(RightsTest, OfAServiceAreItsOwnNumberAndWhatItLivesOn) {
   EXPECT_EQ(processes.started.size(), 1U) << "the resolver is on its way";
 }
 
+// Promise [rights-answers]: A service that only answers is refused every request and every
+// subscription, and may still register and unregister its number.
 TEST_F(RightsTest, OfAServiceThatAnswersOnlyAreItsOwnNumberAlone) {
   Program names = connect(resolverUser);
   registerAs(names, resolver);
@@ -85,6 +94,7 @@ TEST_F(RightsTest, OfAServiceThatAnswersOnlyAreItsOwnNumberAlone) {
   unregister(names, resolver);
 }
 
+// Promise: A service may not unregister another's number: `service 14 is not registered here`.
 TEST_F(RightsTest, DoNotLetAServiceUnregisterAnother) {
   Program names = connect(resolverUser);
   registerAs(names, resolver);
@@ -93,6 +103,8 @@ TEST_F(RightsTest, DoNotLetAServiceUnregisterAnother) {
             "service 14 is not registered here");
 }
 
+// Promise [broker-connections]: A user of services may hold 16 connections; the next one is refused
+// and logged: `refused process 1 of user 200, which has too many connections`.
 TEST_F(RightsTest, BoundTheConnectionsOfAUser) {
   std::vector<Program> programs;
   for (size_t i = 0; i < 16; ++i) {
@@ -110,6 +122,8 @@ TEST_F(RightsTest, BoundTheConnectionsOfAUser) {
   EXPECT_FALSE(connect(gatewayUser).isDisconnected());
 }
 
+// Promise: A refusal at connect is logged, `refused process 1 of user 1000, which has no rights
+// here`, once for a user who tries again and again.
 TEST_F(RightsTest, DoNotFillTheLogWithAStrangerWhoTriesAgain) {
   testing::internal::CaptureStdout();
   for (int i = 0; i < 3; ++i) connect(stranger);
@@ -117,6 +131,11 @@ TEST_F(RightsTest, DoNotFillTheLogWithAStrangerWhoTriesAgain) {
             "refused process 1 of user 1000, which has no rights here\n");
 }
 
+// Promise [register-range]: Registering nothing is refused with `no service numbers`, a number
+// outside 1 to 65535 with `65536 is no service number`.
+// Promise: Registering a number that another connection or lumend itself has is refused with
+// `service 77 is already registered`, and then none of the request's numbers is registered.
+// Promise: A number is free again when the connection that had it has ended.
 TEST_F(RightsTest, RegisterOnlyWhatIsFree) {
   Program administrator = connectAdministrator();
   Program other = connectAdministrator();
@@ -144,11 +163,13 @@ TEST_F(RightsTest, RegisterOnlyWhatIsFree) {
   EXPECT_EQ(errorOf(administrator, {0}, brokercmd::registerServices, services({77})), "");
 }
 
+// Promise: A command that the broker does not know is answered with `unknown command`.
 TEST_F(RightsTest, DoNotKnowOtherCommands) {
   Program administrator = connectAdministrator();
   EXPECT_EQ(errorOf(administrator, {0}, 0x99), "unknown command");
 }
 
+// Promise: Only administrators read the list of services with their states.
 TEST_F(RightsTest, LetAnAdministratorListTheServices) {
   Program administrator = connectAdministrator();
   administrator.ask({0}, brokercmd::services);

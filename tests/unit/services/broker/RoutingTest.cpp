@@ -10,6 +10,9 @@ constexpr uint32_t someCommand = 3;
 
 class Routing : public BrokerTest {};
 
+// Promise: A request goes to the connection that has its service number, and the reply back to the
+// requester under the requester's serial.
+// Also proves [broker-sender].
 TEST_F(Routing, CarriesARequestToItsServiceAndTheReplyBack) {
   Program service = connect(gatewayUser);
   registerAs(service, gateway);
@@ -36,6 +39,8 @@ TEST_F(Routing, CarriesARequestToItsServiceAndTheReplyBack) {
   EXPECT_EQ(reply->get_u32(lm::key::serial), serial);
 }
 
+// Promise: While a request is under way it has a serial of the broker's, so that requesters with
+// equal serials get each their own reply.
 TEST_F(Routing, PutsASerialOfItsOwnInPlace) {
   Program service = connect(gatewayUser);
   registerAs(service, gateway);
@@ -57,6 +62,8 @@ TEST_F(Routing, PutsASerialOfItsOwnInPlace) {
   EXPECT_EQ(second.receive()->get_string(7), "for the second");
 }
 
+// Promise [broker-sender]: The broker writes who sends: the sender's service number, or `0x10000` +
+// connection number for one that has none.
 TEST_F(Routing, NamesTheSenderByItsServiceNumber) {
   Program service = connect(gatewayUser);
   registerAs(service, gateway);
@@ -71,6 +78,8 @@ TEST_F(Routing, NamesTheSenderByItsServiceNumber) {
   EXPECT_EQ(arrived->get_u32_array_ref(lm::key::source), (std::vector<uint32_t>{gateway, 0}));
 }
 
+// Promise: A sender that claims another's service number in a request or a notification is not
+// believed.
 TEST_F(Routing, DoesNotBelieveASenderWhoItIs) {
   Program service = connect(gatewayUser);
   registerAs(service, gateway);
@@ -105,6 +114,7 @@ TEST_F(Routing, DoesNotBelieveWhoAnswersWhoItIs) {
   EXPECT_EQ(reply->get_u32_array_ref(lm::key::source), (std::vector<uint32_t>{gateway, 5}));
 }
 
+// Promise: A reply to no pending request is ignored, and a second reply to one request too.
 TEST_F(Routing, IgnoresAReplyThatNobodyWaitsFor) {
   Program service = connect(gatewayUser);
   registerAs(service, gateway);
@@ -124,6 +134,7 @@ TEST_F(Routing, IgnoresAReplyThatNobodyWaitsFor) {
   EXPECT_FALSE(service.isDisconnected());
 }
 
+// Promise: A reply from another connection than the one that was asked is ignored.
 TEST_F(Routing, IgnoresAReplyFromAnotherThanWhoWasAsked) {
   Program service = connect(gatewayUser);
   registerAs(service, gateway);
@@ -138,6 +149,8 @@ TEST_F(Routing, IgnoresAReplyFromAnotherThanWhoWasAsked) {
   EXPECT_FALSE(client.receive());
 }
 
+// Promise [broker-unavailable]: A service that ends before it answered is answered for with
+// `service unavailable`.
 TEST_F(Routing, AnswersForAServiceThatEndsBeforeItDid) {
   Program service = connect(gatewayUser);
   registerAs(service, gateway);
@@ -150,6 +163,7 @@ TEST_F(Routing, AnswersForAServiceThatEndsBeforeItDid) {
   EXPECT_FALSE(client.receive());
 }
 
+// Promise: What a service sent before it ended is still passed on.
 TEST_F(Routing, PassesOnTheReplyThatAServiceLeavesBehind) {
   Program service = connect(gatewayUser);
   registerAs(service, gateway);
@@ -164,6 +178,7 @@ TEST_F(Routing, PassesOnTheReplyThatAServiceLeavesBehind) {
   EXPECT_EQ(client.error(), "service unavailable");
 }
 
+// Promise: The requests of a program that ends at once are still delivered.
 TEST_F(Routing, DeliversTheRequestOfAProgramThatEndsAtOnce) {
   Program service = connect(gatewayUser);
   registerAs(service, gateway);
@@ -182,6 +197,7 @@ TEST_F(Routing, DeliversTheRequestOfAProgramThatEndsAtOnce) {
   EXPECT_FALSE(service.isDisconnected());
 }
 
+// Promise: A request to a number that no service has is answered with `no such service`.
 TEST_F(Routing, SaysThatNobodyDefinesAService) {
   Program client = connectAdministrator();
   client.ask({66}, someCommand);
@@ -189,6 +205,8 @@ TEST_F(Routing, SaysThatNobodyDefinesAService) {
   EXPECT_EQ(client.error(), "no such service");
 }
 
+// Promise: A request to a path in lumend where there is no handler is answered with `no such
+// handler`.
 TEST_F(Routing, SaysThatThereIsNoSuchHandlerInThisProcess) {
   Program client = connectAdministrator();
   client.ask({20, 6}, someCommand);
@@ -198,6 +216,8 @@ TEST_F(Routing, SaysThatThereIsNoSuchHandlerInThisProcess) {
   EXPECT_EQ(client.error(), "no such handler");
 }
 
+// Promise: lumend's own handlers answer without another process, know the sender, and learn when a
+// connection has ended after what it sent.
 TEST_F(Routing, AnswersForAHandlerOfThisProcess) {
   rules.reply = fields("rule");
   Program client = connectAdministrator();
@@ -243,6 +263,7 @@ TEST_F(Routing, TellsAHandlerOfThisProcessThatAConnectionHasEnded) {
   EXPECT_EQ(rules.ended, std::vector<uint64_t>{rules.callers[0].connection});
 }
 
+// Promise: An answer that no datagram can hold becomes the error `the answer is too long`.
 TEST_F(Routing, CutsAnAnswerThatNoDatagramHolds) {
   rules.reply = fields(std::string(lm::maxDatagram, 'x'));
   Program client = connectAdministrator();
@@ -255,6 +276,8 @@ TEST_F(Routing, CutsAnAnswerThatNoDatagramHolds) {
   EXPECT_EQ(answer->get_u32(lm::key::serial), serial);
 }
 
+// Promise: A datagram of full length is carried; a request that grows beyond it by the path that
+// the broker writes is refused with `the request is too long`.
 TEST_F(Routing, CarriesTheLongestDatagram) {
   Program service = connect(gatewayUser);
   registerAs(service, gateway);
@@ -288,6 +311,8 @@ TEST_F(Routing, RefusesARequestThatGrowsTooLongOnItsWay) {
   EXPECT_FALSE(service.receive());
 }
 
+// Promise [broker-requests]: A connection may have 1024 requests under way; the next one is refused
+// with `too many requests at a time`.
 TEST_F(Routing, BoundsTheRequestsOfAProgramThatAreUnderWay) {
   Program service = connect(gatewayUser);
   registerAs(service, gateway);
@@ -309,6 +334,8 @@ TEST_F(Routing, BoundsTheRequestsOfAProgramThatAreUnderWay) {
 }
 
 // What each program sends is handled in the order of sending, whoever else sends.
+// Promise [broker-order]: What a connection sends is handled strictly in its order, whatever other
+// connections send.
 TEST_F(Routing, KeepsTheOrderOfAProgram) {
   Program service = connect(gatewayUser);
   registerAs(service, gateway);

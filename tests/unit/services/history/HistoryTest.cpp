@@ -69,6 +69,8 @@ class HistoryTest : public testing::Test {
   std::optional<History> history{std::in_place, store.path(), [] { return uint64_t{1700000000}; }};
 };
 
+// Promise [history-entry]: A change in the history has its text, the path that made it, the time in
+// seconds since 1970 and the message that undoes it.
 TEST_F(HistoryTest, KeepsWhatWasChangedByWhomAndWhen) {
   const lm::message reply = add(changed("upnp config changed"));
   EXPECT_EQ(reply.get_u32(lm::key::objectId), 1U);
@@ -81,6 +83,7 @@ TEST_F(HistoryTest, KeepsWhatWasChangedByWhomAndWhen) {
   EXPECT_EQ(entry.get_message(key::undo), changed("").get_message(key::undo));
 }
 
+// Promise: The history is listed from the oldest to the newest change.
 TEST_F(HistoryTest, ListsTheOldestFirst) {
   add(changed("one"));
   add(changed("two"));
@@ -93,6 +96,7 @@ TEST_F(HistoryTest, IsReadWholeByEitherCommand) {
             history->handle(administrator(), lm::cmd::list, {}));
 }
 
+// Promise: A change whose path names no handler goes back to handler 0.
 TEST_F(HistoryTest, TakesBackAtHandlerZeroWhatNamesNoHandler) {
   lm::message request = changed("one");
   request.insert_u32_array(lm::key::source, {40});
@@ -103,6 +107,7 @@ TEST_F(HistoryTest, TakesBackAtHandlerZeroWhatNamesNoHandler) {
   EXPECT_EQ(entry.get_u32_array_ref(key::path), (std::vector<uint32_t>{40, 0}));
 }
 
+// Also proves [history-size].
 TEST_F(HistoryTest, SurvivesARestart) {
   add(changed("one"));
   add(changed("two"));
@@ -111,6 +116,8 @@ TEST_F(HistoryTest, SurvivesARestart) {
   EXPECT_EQ(texts(), (std::vector<std::string>{"one", "two", "three"}));
 }
 
+// Promise [history-size]: The newest 100 changes are kept, across restarts and however lumend
+// ended.
 TEST_F(HistoryTest, KeepsTheNewestHundredAcrossRestarts) {
   for (int i = 1; i <= 103; ++i) add(changed(std::to_string(i)));
   restart();
@@ -121,6 +128,7 @@ TEST_F(HistoryTest, KeepsTheNewestHundredAcrossRestarts) {
   EXPECT_EQ(store.names().size(), 100U);
 }
 
+// Promise: An undone change leaves the history, once.
 TEST_F(HistoryTest, ForgetsWhatWasTakenBack) {
   add(changed("one"));
   add(changed("two"));
@@ -138,6 +146,11 @@ TEST_F(HistoryTest, KeepsAnEntryWhoseRemovalWasGivenUp) {
   EXPECT_EQ(texts(), (std::vector<std::string>{"one", "two"}));
 }
 
+// Promise [history-undo]: A change whose undo message has no command, or more than 64 KiB, is
+// refused: `an undo message without a command`, `the undo message is too long`.
+// Promise: A change from a program that is no service is refused: `only a service can take its
+// changes back`.
+// Also proves [history-text].
 TEST_F(HistoryTest, RefusesWhatNobodyCouldTakeBack) {
   lm::message withoutCommand = changed("x");
   withoutCommand.insert_message(key::undo, {});
@@ -162,6 +175,9 @@ TEST_F(HistoryTest, RefusesWhatNobodyCouldTakeBack) {
   EXPECT_TRUE(texts().empty());
 }
 
+// Promise [history-text]: A change without text or with one of more than 200 bytes is refused: `no
+// text, or too long a one`.
+// Also proves [history-undo].
 TEST_F(HistoryTest, TakesTheLongestTextAndTheLongestUndoMessage) {
   lm::message longest = changed(std::string(200, 'x'));
   lm::message undo;
@@ -172,6 +188,8 @@ TEST_F(HistoryTest, TakesTheLongestTextAndTheLongestUndoMessage) {
   EXPECT_EQ(texts(), std::vector<std::string>{std::string(200, 'x')});
 }
 
+// Promise [history-rights]: The history is read and shortened by administrators only: `not
+// permitted`.
 TEST_F(HistoryTest, ShowsAndForgetsForAdministratorsOnly) {
   add(changed("one"));
   for (const uint32_t command :
@@ -183,12 +201,15 @@ TEST_F(HistoryTest, ShowsAndForgetsForAdministratorsOnly) {
   EXPECT_EQ(texts(), std::vector<std::string>{"one"});
 }
 
+// Promise: An entry that there is not is answered with `no such object`, another command with
+// `unknown command`.
 TEST_F(HistoryTest, AnswersWhatItDoesNotKnowWithAnError) {
   EXPECT_EQ(lm::getError(history->handle(administrator(), 99, {})), "unknown command");
   EXPECT_EQ(lm::getError(history->handle(administrator(), lm::cmd::readObject, {})),
             "no such object");
 }
 
+// Promise: An entry that does not decode does not stop the start.
 TEST_F(HistoryTest, StartsWithoutAnEntryThatIsBroken) {
   add(changed("one"));
   add(changed("two"));
@@ -198,6 +219,7 @@ TEST_F(HistoryTest, StartsWithoutAnEntryThatIsBroken) {
   EXPECT_EQ(texts(), std::vector<std::string>{"two"});
 }
 
+// Promise: A change that cannot be stored is refused: `the change could not be stored`.
 TEST_F(HistoryTest, RefusesAChangeThatCannotBeStored) {
   lm::test::LogCapture log;
   history.emplace(store.path() + "/nowhere", [] { return uint64_t{0}; });
@@ -206,6 +228,7 @@ TEST_F(HistoryTest, RefusesAChangeThatCannotBeStored) {
   EXPECT_NE(log.text(), "");
 }
 
+// Promise: An entry that cannot be removed stays: `the entry could not be removed`.
 TEST_F(HistoryTest, KeepsWhatCannotBeRemoved) {
   add(changed("one"));
   std::filesystem::remove(store.file("1"));
@@ -224,6 +247,7 @@ TEST_F(HistoryTest, RefusesAChangeWhoseFileCannotTakeItsPlace) {
   EXPECT_NE(log.text(), "");
 }
 
+// Also proves [history-entry].
 TEST(HistoryClock, IsTheTimeOfDay) {
   const lm::test::TempDir store;
   History history(store.path());

@@ -31,17 +31,21 @@ class IdentityTest : public testing::Test {
   std::string store_ = testing::TempDir() + "identityXXXXXX";
 };
 
+// Promise [identity-form]: The identity is 32 hexadecimal digits in small letters.
 TEST_F(IdentityTest, IsThirtyTwoHexadecimalDigits) {
   const std::string identity = readAfterStart();
   EXPECT_EQ(identity.size(), 32U);
   EXPECT_EQ(identity.find_first_not_of("0123456789abcdef"), std::string::npos) << identity;
 }
 
+// Promise [identity-stays]: The identity stays for the life of an installation and differs between
+// routers.
 TEST_F(IdentityTest, StaysTheSameFromStartToStart) {
   const std::string identity = readAfterStart();
   EXPECT_EQ(readAfterStart(), identity);
 }
 
+// Also proves [identity-stays].
 TEST_F(IdentityTest, DiffersBetweenRouters) {
   const std::string identity = readAfterStart();
   std::filesystem::remove(store_ + "/0");
@@ -59,6 +63,8 @@ TEST_F(IdentityTest, IsMadeAnewWhenTheStoredOneIsBroken) {
   EXPECT_NE(testing::internal::GetCapturedStdout(), "") << "that is reported";
 }
 
+// Promise: A stored identity that is broken is reported and replaced, one that cannot be read is
+// set aside, one that cannot be stored lasts as long as lumend.
 TEST_F(IdentityTest, IsMadeAnewAndTheStoredOneKeptWhenThatCannotBeRead) {
   testing::internal::CaptureStdout();
   const std::string identity = readAfterStart();
@@ -91,6 +97,7 @@ TEST_F(IdentityTest, LastsAsLongAsTheProcessWhenItCannotBeStored) {
   EXPECT_NE(testing::internal::GetCapturedStdout(), "");
 }
 
+// Promise: The identity cannot be written: `unknown command`.
 TEST_F(IdentityTest, CannotBeWritten) {
   Identity identity(store_);
   EXPECT_EQ(lm::getError(identity.handle(Caller{}, lm::cmd::set, {})), "unknown command");

@@ -5,6 +5,7 @@
 namespace lumen {
 namespace {
 
+// Also proves [link-numbers].
 TEST(InterfaceIds, RiseFromOne) {
   InterfaceIds ids;
   EXPECT_EQ(ids.take("a"), 1U);
@@ -12,6 +13,7 @@ TEST(InterfaceIds, RiseFromOne) {
   EXPECT_EQ(ids.take("a"), 1U);
 }
 
+// Also proves [link-numbers].
 TEST(InterfaceIds, StayAboveThoseOfEarlierRuns) {
   InterfaceIds ids;
   ids.restore("kept", 7);
@@ -19,6 +21,7 @@ TEST(InterfaceIds, StayAboveThoseOfEarlierRuns) {
   EXPECT_EQ(ids.take("kept"), 7U);
 }
 
+// Also proves [link-numbers].
 TEST(InterfaceIds, BelongToANameThatComesBack) {
   InterfaceIds ids;
   (void)ids.take("a");
@@ -27,6 +30,8 @@ TEST(InterfaceIds, BelongToANameThatComesBack) {
   EXPECT_EQ(ids.take("a"), 1U);
 }
 
+// Promise [remembered-names]: The ids of the latest 4096 names that went are remembered; a name
+// that was forgotten gets a new one.
 TEST(InterfaceIds, AreForgottenOfTheNameThatIsLongestGone) {
   InterfaceIds ids;
   (void)ids.take("used");       // 1
@@ -58,6 +63,7 @@ TEST(InterfaceIds, OfEarlierRunsAreForgottenLikeOthers) {
   EXPECT_EQ(ids.take("kept"), 7U + 4096U + 1U);
 }
 
+// Also proves [link-numbers].
 TEST(InterfaceIds, AreReleasedOnce) {
   InterfaceIds ids;
   ids.release("nobody");

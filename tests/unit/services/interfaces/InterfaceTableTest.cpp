@@ -12,6 +12,8 @@ namespace {
 using InterfaceTableTest = Router;
 using Lines = std::vector<std::string>;
 
+// Promise [table-links]: Every link but the loopback is listed, with its id, hardware type, flags,
+// kernel index, name, display name, `disabled` and `running`, in these keys and this order.
 TEST_F(InterfaceTableTest, ListsEveryLinkButTheLoopback) {
   kernel.appears("lo", true, true, 772);
   kernel.appears("br-lan");
@@ -23,6 +25,9 @@ TEST_F(InterfaceTableTest, ListsEveryLinkButTheLoopback) {
                             record(3, 5, "spare", "disabled=1 running=0")}));
 }
 
+// Promise [link-flags]: The flags of an interface are 0, or `0x80` when it has gone, and never the
+// kernel's own.
+// Also proves [table-links].
 TEST_F(InterfaceTableTest, WritesItsRecordsWithTheseKeysAndBytes) {
   kernel.appears("wan0");
   starts();
@@ -41,6 +46,9 @@ TEST_F(InterfaceTableTest, WritesItsRecordsWithTheseKeysAndBytes) {
   EXPECT_EQ(answer.get_u32(0x08fe0003), 0xFFFFFFFF);
 }
 
+// Promise [rights-tables]: A service may read the interface and address tables.
+// Promise [link-pages]: Both list commands give the table in pages of 64.
+// Also proves [commands].
 TEST_F(InterfaceTableTest, ListsPageByPageWithBothListCommands) {
   for (int i = 0; i < 70; ++i) kernel.appears("veth" + std::to_string(i));
   starts();
@@ -56,6 +64,7 @@ TEST_F(InterfaceTableTest, ListsPageByPageWithBothListCommands) {
   }
 }
 
+// Promise: A new link is notified by an interface notification, then its state, then its addresses.
 TEST_F(InterfaceTableTest, TellsOfANewLinkThenItsStateThenItsAddresses) {
   starts();
   kernel.appears("wan0");
@@ -66,6 +75,7 @@ TEST_F(InterfaceTableTest, TellsOfANewLinkThenItsStateThenItsAddresses) {
                    "address records=[{id=1 interface=1 address=45.45.45.2 disabled=0}]"}));
 }
 
+// Promise: A link that starts or stops running is notified by its state, then its addresses.
 TEST_F(InterfaceTableTest, TellsTheStateWhenALinkStopsRunningThenItsAddresses) {
   kernel.appears("wan0");
   starts();
@@ -81,6 +91,7 @@ TEST_F(InterfaceTableTest, TellsTheStateWhenALinkStopsRunningThenItsAddresses) {
                    "address records=[{id=1 interface=1 address=45.45.45.2 disabled=0}]"}));
 }
 
+// Promise: A link that does not run and is taken down is notified by its state alone.
 TEST_F(InterfaceTableTest, TellsTheStateAloneWhenALinkThatDoesNotRunIsTakenDown) {
   kernel.appears("wan0", true, false);
   starts();
@@ -90,6 +101,7 @@ TEST_F(InterfaceTableTest, TellsTheStateAloneWhenALinkThatDoesNotRunIsTakenDown)
   EXPECT_EQ(notified(), (Lines{stateOf(record(1, 2, "wan0", "disabled=1 running=0"))}));
 }
 
+// Promise: Nothing is notified when nothing that the table shows has changed.
 TEST_F(InterfaceTableTest, TellsNothingWhenNothingThatItShowsHasChanged) {
   kernel.appears("wan0");
   starts();
@@ -97,6 +109,7 @@ TEST_F(InterfaceTableTest, TellsNothingWhenNothingThatItShowsHasChanged) {
   EXPECT_EQ(notified(), Lines{});
 }
 
+// Promise: A changed hardware type is notified like a new link.
 TEST_F(InterfaceTableTest, TellsOfAChangedHardwareTypeThenTheStateThenTheAddresses) {
   kernel.appears("tun0", true, true, 65534);
   starts();
@@ -109,6 +122,10 @@ TEST_F(InterfaceTableTest, TellsOfAChangedHardwareTypeThenTheStateThenTheAddress
                    "address records=[{id=1 interface=1 address=10.8.0.1 disabled=0}]"}));
 }
 
+// Promise: When a link goes its addresses are notified as removed first, then the interface as
+// gone, then its state.
+// Promise: An interface that is not kept leaves the table with its link.
+// Also proves [link-flags].
 TEST_F(InterfaceTableTest, RemovesTheAddressesFirstWhenALinkThatIsNotKeptLeaves) {
   kernel.appears("wan0");
   starts();
@@ -135,6 +152,8 @@ TEST_F(InterfaceTableTest, RemovesAddressesThatTheKernelHadNotRemovedWhenALinkLe
             "address records=[{id=1 interface=1 address=45.45.45.2 disabled=0 removed=1}]");
 }
 
+// Promise [link-index]: A kept name stays in the table, not running and with kernel index 0, while
+// its link is away, and has its id when the link comes back.
 TEST_F(InterfaceTableTest, KeepsAKeptNameWhileItsLinkIsAwayAndItsIdWhenItComesBack) {
   kernel.appears("eth0");
   kernel.appears("ppp0", true, true, 512);
@@ -157,6 +176,7 @@ TEST_F(InterfaceTableTest, KeepsAKeptNameWhileItsLinkIsAwayAndItsIdWhenItComesBa
                    "address records=[{id=2 interface=2 address=45.45.45.3 disabled=0}]"}));
 }
 
+// Promise: A renamed link is one name that goes and another that comes, with its addresses.
 TEST_F(InterfaceTableTest, TreatsARenameAsOneNameGoingAndAnotherComing) {
   kernel.appears("eth0");
   starts();
@@ -172,6 +192,8 @@ TEST_F(InterfaceTableTest, TreatsARenameAsOneNameGoingAndAnotherComing) {
                    "address records=[{id=2 interface=2 address=45.45.45.2 disabled=0}]"}));
 }
 
+// Promise: An id belongs to a name: a link that takes a known name gets that name's id, also when
+// two links swap theirs.
 TEST_F(InterfaceTableTest, GivesALinkTheIdOfTheKeptNameThatItIsRenamedTo) {
   kernel.appears("eth0");
   starts();
@@ -192,6 +214,7 @@ TEST_F(InterfaceTableTest, KeepsIdsWithTheNamesWhenTwoLinksSwapTheirs) {
                             record(2, 2, "b", "disabled=0 running=1")}));
 }
 
+// Promise [link-numbers]: The id of a name is never given to another name.
 TEST_F(InterfaceTableTest, NeverGivesTheIdOfANameToAnotherName) {
   kernel.appears("veth1");
   starts();
@@ -202,6 +225,8 @@ TEST_F(InterfaceTableTest, NeverGivesTheIdOfANameToAnotherName) {
   EXPECT_EQ(idOf("veth1"), 1U);
 }
 
+// Promise: When the kernel had to drop changes everything is read again and the differences are
+// notified, if there are any.
 TEST_F(InterfaceTableTest, NotifiesTheDifferencesWhenChangesWereLost) {
   kernel.appears("stays");
   kernel.appears("goes");
@@ -241,6 +266,8 @@ TEST_F(InterfaceTableTest, NotifiesNothingWhenWhatWasLostLeftNoDifference) {
   EXPECT_EQ(notified(), Lines{});
 }
 
+// Promise: A link that was replaced by one of its name, and names that were swapped, while changes
+// were lost are noticed.
 TEST_F(InterfaceTableTest, NoticesALinkThatWasReplacedByOneOfTheSameNameWhileChangesWereLost) {
   kernel.appears("ppp0", true, true, 512);
   starts();
@@ -297,6 +324,8 @@ TEST_F(InterfaceTableTest, KeepsTheIdsOfSwappedNamesHoweverManyOthersComeAndGo) 
                             record(2, 2, "b", "disabled=0 running=0")}));
 }
 
+// Promise [link-counters]: Reading one interface adds the bytes and packets that it received and
+// sent; they are 0 while its link is away.
 TEST_F(InterfaceTableTest, ReadsOneInterfaceWithItsCounters) {
   kernel.appears("wan0");
   kernel.counters = {4294967301, 426, 5, 3};
@@ -309,6 +338,7 @@ TEST_F(InterfaceTableTest, ReadsOneInterfaceWithItsCounters) {
                 " rxbytes=4294967301 txbytes=426 rxpackets=5 txpackets=3");
 }
 
+// Also proves [link-counters].
 TEST_F(InterfaceTableTest, ReadsZeroCountersOfALinkThatIsAway) {
   starts();
   EXPECT_EQ(text(administratorKeeps("ppp0", 1)), "id=1");
@@ -319,6 +349,7 @@ TEST_F(InterfaceTableTest, ReadsZeroCountersOfALinkThatIsAway) {
                 " rxbytes=0 txbytes=0 rxpackets=0 txpackets=0");
 }
 
+// Also proves [link-counters].
 TEST_F(InterfaceTableTest, ReadsZeroCountersOfALinkThatHasJustLeft) {
   kernel.appears("wan0");
   kernel.counters = {1, 2, 3, 4};
@@ -332,6 +363,7 @@ TEST_F(InterfaceTableTest, ReadsZeroCountersOfALinkThatHasJustLeft) {
                 " rxbytes=0 txbytes=0 rxpackets=0 txpackets=0");
 }
 
+// Also proves [table-links].
 TEST_F(InterfaceTableTest, TellsNothingOfTheLoopback) {
   starts();
   kernel.appears("lo", true, true, 772);
@@ -362,6 +394,8 @@ TEST_F(InterfaceTableTest, KnowsWhatTheLoopbackHolds) {
   EXPECT_EQ(notified(), Lines{});
 }
 
+// Promise: An interface that there is not is answered with `no such object`, another command with
+// `unknown command`.
 TEST_F(InterfaceTableTest, RefusesAnUnknownObjectAndAnUnknownCommand) {
   starts();
   lm::message request;

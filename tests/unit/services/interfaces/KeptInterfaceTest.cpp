@@ -21,6 +21,7 @@ lm::message kept(const std::string& name, uint32_t id, uint32_t role) {
   return m;
 }
 
+// Promise: Keeping a name gives it an id, also while there is no link of that name.
 TEST_F(KeptInterface, GivesAnIdToALinkThatDoesNotExistYet) {
   starts();
   EXPECT_EQ(text(administratorKeeps("wan0", 1)), "id=1");
@@ -30,6 +31,7 @@ TEST_F(KeptInterface, GivesAnIdToALinkThatDoesNotExistYet) {
   EXPECT_EQ(lists(), (Lines{record(1, 2, "wan0", "disabled=0 running=1")}));
 }
 
+// Promise: Keeping the name of a link that is there keeps its id and notifies no subscriber.
 TEST_F(KeptInterface, KeepsTheIdOfALinkThatIsThereAndTellsNobody) {
   kernel.appears("br-lan");
   kernel.appears("wan0");
@@ -38,6 +40,7 @@ TEST_F(KeptInterface, KeepsTheIdOfALinkThatIsThereAndTellsNobody) {
   EXPECT_EQ(notified(), Lines{});
 }
 
+// Promise: Keeping a kept name changes its role and nothing else.
 TEST_F(KeptInterface, ChangesTheRoleWhenKeptAgainAndKeepsTheId) {
   starts();
   EXPECT_EQ(text(administratorKeeps("wan0", 1)), "id=1");
@@ -46,6 +49,7 @@ TEST_F(KeptInterface, ChangesTheRoleWhenKeptAgainAndKeepsTheId) {
             (Lines{record(1, 0, "wan0", "disabled=1 running=0", 0) + " role=2"}));
 }
 
+// Promise: The role of an interface is shown to administrators only.
 TEST_F(KeptInterface, ShowsTheRoleToAdministratorsOnly) {
   kernel.appears("br-lan");
   kernel.appears("other");
@@ -62,6 +66,7 @@ TEST_F(KeptInterface, ShowsTheRoleToAdministratorsOnly) {
                 " rxbytes=0 txbytes=0 rxpackets=0 txpackets=0 role=2");
 }
 
+// Promise: A kept name has its id and its role again after a restart.
 TEST_F(KeptInterface, SurvivesARestartWithItsIdAndRole) {
   kernel.appears("a");
   kernel.appears("b");
@@ -77,6 +82,7 @@ TEST_F(KeptInterface, SurvivesARestartWithItsIdAndRole) {
                    record(5, 3, "b", "disabled=0 running=1")}));
 }
 
+// Promise: A forgotten name leaves at once when its link is away, else with its link.
 TEST_F(KeptInterface, LeavesAtOnceWhenForgottenWhileItsLinkIsAway) {
   starts();
   EXPECT_EQ(text(administratorKeeps("ppp0", 1)), "id=1");
@@ -100,6 +106,7 @@ TEST_F(KeptInterface, StaysUntilItsLinkLeavesWhenForgottenWhileItIsThere) {
   EXPECT_EQ(lists(), Lines{});
 }
 
+// Promise: A forgotten name gets the same id when it comes back in this run.
 TEST_F(KeptInterface, KeepsTheIdForTheNameAfterItWasForgotten) {
   starts();
   EXPECT_EQ(text(administratorKeeps("ppp0", 1)), "id=1");
@@ -110,12 +117,15 @@ TEST_F(KeptInterface, KeepsTheIdForTheNameAfterItWasForgotten) {
   EXPECT_EQ(idOf("ppp0"), 1U);
 }
 
+// Promise: Forgetting what is not kept is refused: `the name is not kept`.
 TEST_F(KeptInterface, IsRefusedToBeForgottenWhenItIsNotKept) {
   kernel.appears("wan0");
   starts();
   EXPECT_EQ(text(administratorForgets("wan0")), std::string(refused) + "the name is not kept");
 }
 
+// Promise [link-role]: A name that the kernel would not take, and `lo`, are refused with the name,
+// `bad interface name 'a b'`, another role than 1 and 2 with `bad role`.
 TEST_F(KeptInterface, HasANameThatTheKernelWouldTake) {
   starts();
   const std::pair<std::string, const char*> bad[] = {
@@ -146,6 +156,7 @@ TEST_F(KeptInterface, HasANameThatTheKernelWouldTake) {
   }
 }
 
+// Also proves [link-role].
 TEST_F(KeptInterface, HasOneOfTwoRoles) {
   starts();
   for (const uint32_t role : {0U, 3U, lm::none}) {
@@ -153,6 +164,7 @@ TEST_F(KeptInterface, HasOneOfTwoRoles) {
   }
 }
 
+// Promise [kept-names]: 256 names are kept; one more is refused with `too many kept names`.
 TEST_F(KeptInterface, IsOneOfAtMost256) {
   std::vector<lm::message> names;
   for (uint32_t id = 1; id <= 255; ++id) names.push_back(kept("n" + std::to_string(id), id, 1));
@@ -167,6 +179,8 @@ TEST_F(KeptInterface, IsOneOfAtMost256) {
   EXPECT_EQ(idOf("n256"), 256U);
 }
 
+// Promise: A name that cannot be stored is neither kept, changed nor forgotten: `the name could not
+// be stored`.
 TEST_F(KeptInterface, ChangesNothingWhenItCannotBeStored) {
   kernel.appears("wan0");
   starts();
@@ -181,6 +195,8 @@ TEST_F(KeptInterface, ChangesNothingWhenItCannotBeStored) {
   EXPECT_EQ(notified(), Lines{});
 }
 
+// Promise: A stored name that is wrong is left out of the start and reported: `interfaces: a stored
+// name is wrong and left out`.
 TEST(KeptNamesTest, LeaveOutWhatIsWrongInTheStore) {
   const lm::test::TempDir dir;
   lm::Store store(dir.path(), 1);
@@ -231,6 +247,7 @@ TEST_F(KeptInterface, KeepsTheIdOfItsLinkWhenItCannotBeStored) {
   EXPECT_EQ(idOf("wan0"), 1U);
 }
 
+// Promise: Keeping and forgetting are for administrators: `not permitted`.
 TEST_F(KeptInterface, IsKeptAndForgottenByAdministratorsOnly) {
   starts();
   lm::message keep;
@@ -244,6 +261,7 @@ TEST_F(KeptInterface, IsKeptAndForgottenByAdministratorsOnly) {
             std::string(refused) + "not permitted");
 }
 
+// Promise: A name whose keeping or forgetting was given up has its role and id of before.
 TEST_F(KeptInterface, AKeepingThatWasGivenUpIsUndone) {
   starts();
   EXPECT_EQ(text(administratorKeeps("ppp0", 1)), "id=1");

@@ -37,12 +37,16 @@ class LinkSwitch : public Router {
   }
 };
 
+// Promise [rights-link]: A service may take an interface that is kept as external down and up, and
+// no other: `not permitted`.
 TEST_F(LinkSwitch, TakesAnExternalInterfaceDownAndUpForAService) {
   EXPECT_EQ(setsDisabled(daemon, "wan0", true), "");
   EXPECT_EQ(setsDisabled(daemon, "wan0", false), "");
   EXPECT_EQ(kernel.takeCalls(), (Lines{"wan0 down", "wan0 up"}));
 }
 
+// Promise: RequestConnection for an interface that is up and running is notified at once, so the
+// status is `Connected` again.
 TEST_F(LinkSwitch, TellsTheStateOfALinkThatIsAsAskedAlready) {
   (void)notified();
   EXPECT_EQ(setsDisabled(daemon, "wan0", false), "");
@@ -58,6 +62,7 @@ TEST_F(LinkSwitch, TellsTheStateOfALinkThatIsAsAskedAlready) {
   EXPECT_EQ(notified(), Lines{});
 }
 
+// Promise: An administrator may take every interface down and up.
 TEST_F(LinkSwitch, TakesAnyInterfaceDownAndUpForAnAdministrator) {
   EXPECT_EQ(setsDisabled(administrator, "br-lan", true), "");
   EXPECT_EQ(setsDisabled(administrator, "other", true), "");
@@ -65,6 +70,7 @@ TEST_F(LinkSwitch, TakesAnyInterfaceDownAndUpForAnAdministrator) {
   EXPECT_EQ(kernel.takeCalls(), (Lines{"br-lan down", "other down", "other up"}));
 }
 
+// Also proves [rights-link].
 TEST_F(LinkSwitch, RefusesAServiceEveryOtherInterface) {
   EXPECT_EQ(setsDisabled(daemon, "br-lan", true), std::string(refused) + "not permitted");
   EXPECT_EQ(setsDisabled(daemon, "other", true), std::string(refused) + "not permitted");
@@ -73,6 +79,8 @@ TEST_F(LinkSwitch, RefusesAServiceEveryOtherInterface) {
   EXPECT_EQ(kernel.takeCalls(), Lines{});
 }
 
+// Promise: Nothing but `disabled` can be set: `only "disabled" can be set`, for a service `not
+// permitted`.
 TEST_F(LinkSwitch, RefusesAServiceEveryOtherField) {
   lm::message request;
   request.insert_u32(lm::key::objectId, 2);
@@ -104,18 +112,22 @@ TEST_F(LinkSwitch, DoesNotTakeTransportFieldsForFieldsToSet) {
   EXPECT_EQ(kernel.takeCalls(), Lines{"wan0 down"});
 }
 
+// Promise: A link that is away cannot be taken down or up: `the link is away`.
 TEST_F(LinkSwitch, RefusesALinkThatIsAway) {
   kernel.leaves("wan0");
   EXPECT_EQ(setsDisabled(daemon, "wan0", false), std::string(refused) + "the link is away");
   EXPECT_EQ(kernel.takeCalls(), Lines{});
 }
 
+// Promise: When the kernel refuses to take a link down or up its error text is the answer.
 TEST_F(LinkSwitch, PassesOnWhyTheKernelRefused) {
   kernel.setUpError = ENODEV;
   EXPECT_EQ(setsDisabled(daemon, "wan0", true), std::string(refused) + "No such device");
   EXPECT_EQ(setsDisabled(daemon, "wan0", false), std::string(refused) + "No such device");
 }
 
+// Promise [routes-back]: The routes of a link that is taken down, of all tables and both families
+// but those that the kernel makes itself, are back when it runs again.
 TEST_F(LinkSwitch, PutsTheRoutesBackWhenTheLinkRunsAgain) {
   kernel.getsRoute("wan0", "default", true);
   kernel.getsRoute("wan0", "on-link");
@@ -130,6 +142,9 @@ TEST_F(LinkSwitch, PutsTheRoutesBackWhenTheLinkRunsAgain) {
   EXPECT_EQ(kernel.takeCalls(), Lines{}) << "once is enough";
 }
 
+// Promise [routes-unsaved]: Routes are saved before the link goes down: one whose routes cannot be
+// read or saved stays up, `the link's routes could not be read`, `the link's routes could not be
+// saved`.
 TEST_F(LinkSwitch, SavesTheRoutesBeforeItTakesTheLinkDown) {
   kernel.getsRoute("wan0", "default", true);
   kernel.routesAreReadable = false;
@@ -142,6 +157,7 @@ TEST_F(LinkSwitch, SavesTheRoutesBeforeItTakesTheLinkDown) {
   EXPECT_EQ(kernel.takeCalls(), Lines{});
 }
 
+// Promise: Nothing stays saved when the kernel refuses to take the link down.
 TEST_F(LinkSwitch, SavesNothingWhenTheKernelRefusesToTakeTheLinkDown) {
   kernel.getsRoute("wan0", "default", true);
   kernel.setUpError = EBUSY;
@@ -152,6 +168,8 @@ TEST_F(LinkSwitch, SavesNothingWhenTheKernelRefusesToTakeTheLinkDown) {
   EXPECT_EQ(kernel.takeCalls(), Lines{});
 }
 
+// Promise [routes-restart]: Saved routes survive a restart of lumend, and are put back also when
+// the link came up while lumend was away.
 TEST_F(LinkSwitch, PutsTheRoutesBackAfterARestart) {
   kernel.getsRoute("wan0", "default", true);
   wanGoesDown();
@@ -162,6 +180,7 @@ TEST_F(LinkSwitch, PutsTheRoutesBackAfterARestart) {
   EXPECT_EQ(kernel.takeCalls(), Lines{}) << "they are saved no more";
 }
 
+// Also proves [routes-restart].
 TEST_F(LinkSwitch, PutsTheRoutesBackWhenTheLinkCameUpWhileLumendWasAway) {
   kernel.getsRoute("wan0", "default", true);
   wanGoesDown();
@@ -172,6 +191,8 @@ TEST_F(LinkSwitch, PutsTheRoutesBackWhenTheLinkCameUpWhileLumendWasAway) {
   EXPECT_EQ(kernel.takeCalls(), Lines{"route default by 3"});
 }
 
+// Promise: Saved routes are put back also when the messages of going down and up were lost, and not
+// because of an old message.
 TEST_F(LinkSwitch, PutsTheRoutesBackWhenGoingDownAndUpWasLost) {
   kernel.getsRoute("wan0", "default", true);
   EXPECT_EQ(setsDisabled(daemon, "wan0", true), "");
@@ -195,6 +216,7 @@ TEST_F(LinkSwitch, KeepsTheRoutesWhenAnOldMessageSaysThatTheLinkRuns) {
   EXPECT_EQ(kernel.takeCalls(), Lines{"route default by 3"});
 }
 
+// Promise: Routes that are not back yet when the link is taken down again stay saved.
 TEST_F(LinkSwitch, KeepsRoutesThatAreNotBackYetWhenItIsTakenDownAgain) {
   kernel.getsRoute("wan0", "first", true);
   wanGoesDown();
@@ -205,6 +227,7 @@ TEST_F(LinkSwitch, KeepsRoutesThatAreNotBackYetWhenItIsTakenDownAgain) {
   EXPECT_EQ(kernel.takeCalls(), (Lines{"route second by 3", "route first by 3"}));
 }
 
+// Promise: The routes of a kept name are put back by the next link of that name.
 TEST_F(LinkSwitch, PutsTheRoutesOfAKeptNameBackByItsNextLink) {
   kernel.getsRoute("wan0", "default", true);
   wanGoesDown();
@@ -213,6 +236,8 @@ TEST_F(LinkSwitch, PutsTheRoutesOfAKeptNameBackByItsNextLink) {
   EXPECT_EQ(kernel.takeCalls(), Lines{"route default by 5"});
 }
 
+// Promise: The routes of a name that leaves for good are dropped, also when it left while lumend
+// was away.
 TEST_F(LinkSwitch, DropsTheRoutesOfANameThatLeavesForGood) {
   kernel.getsRoute("other", "default", true);
   EXPECT_EQ(setsDisabled(administrator, "other", true), "");
@@ -236,6 +261,8 @@ TEST_F(LinkSwitch, DropsTheRoutesOfANameThatLeftWhileLumendWasAway) {
   EXPECT_EQ(kernel.takeCalls(), Lines{});
 }
 
+// Promise: Routes that need each other are put back in the order that works; a route that is there
+// already counts as put back.
 TEST_F(LinkSwitch, TriesRoutesThatNeedEachOtherAgain) {
   kernel.getsRoute("wan0", "behind", true);
   kernel.getsRoute("wan0", "nearer", true);
@@ -250,6 +277,8 @@ TEST_F(LinkSwitch, TriesRoutesThatNeedEachOtherAgain) {
             (Lines{"route behind by 3 refused", "route nearer by 3", "route behind by 3"}));
 }
 
+// Promise: Routes that the kernel does not take back are logged, `interface wan0: 1 saved routes
+// not put back: Network is unreachable`, and not tried forever.
 TEST_F(LinkSwitch, LogsTheRoutesThatTheKernelDoesNotTakeBack) {
   kernel.getsRoute("wan0", "lost", true);
   kernel.getsRoute("wan0", "there", true);
@@ -267,6 +296,8 @@ TEST_F(LinkSwitch, LogsTheRoutesThatTheKernelDoesNotTakeBack) {
   EXPECT_EQ(kernel.takeCalls(), Lines{}) << "they are not tried for ever";
 }
 
+// Promise: Saved routes stay saved when the link stops while they are put back, and those that the
+// kernel could not be asked for.
 TEST_F(LinkSwitch, KeepsTheRoutesWhenTheLinkStopsWhileTheyArePutBack) {
   kernel.getsRoute("wan0", "on-link");
   kernel.getsRoute("wan0", "default", true);
@@ -300,6 +331,8 @@ TEST_F(LinkSwitch, KeepsTheRoutesThatTheKernelCouldNotBeAskedFor) {
   EXPECT_EQ(kernel.takeCalls(), Lines{"route default by 3"});
 }
 
+// Promise [saved-routes]: Of a link's routes 96 KiB are saved, and the log says how many were too
+// many: `interface wan0: 1017 routes too many to save`.
 TEST_F(LinkSwitch, SavesAsManyRoutesAsARecordHolds) {
   for (int i = 0; i < 2000; ++i) kernel.getsRoute("wan0", std::string(68, 'r'));
   testing::internal::CaptureStdout();
@@ -311,6 +344,8 @@ TEST_F(LinkSwitch, SavesAsManyRoutesAsARecordHolds) {
   EXPECT_EQ(kernel.takeCalls().size(), 983U);
 }
 
+// Promise [saved-links]: 255 links may have saved routes at a time; the next one stays up:
+// `interfaces: too many links with saved routes`.
 TEST_F(LinkSwitch, SavesTheRoutesOf255LinksAtMost) {
   const auto name = [](uint32_t record) { return "tun" + std::to_string(record); };
   for (uint32_t record = 1; record <= 254; ++record) {
@@ -351,6 +386,7 @@ lm::message savedRoute(const std::string& name) {
   return record;
 }
 
+// Also proves [routes-restart].
 TEST(RouteKeeperTest, ReadsARecordOnlyForALinkThatHasNone) {
   const lm::test::TempDir dir;
   lm::message other = savedRoute("wan0");
@@ -391,6 +427,8 @@ TEST_F(LinkSwitch, KeepsTheRoutesOfALinkThatIsGoneAgain) {
   EXPECT_EQ(kernel.takeCalls(), Lines{"route default by 5"});
 }
 
+// Promise: A link that was taken down or up too late for its requester is switched back, with a
+// line in the log.
 TEST_F(LinkSwitch, ASwitchThatWasGivenUpIsUndone) {
   EXPECT_EQ(setsDisabled(daemon, "wan0", true), "");
   kernel.becomes("wan0", false, false);
@@ -416,6 +454,8 @@ TEST_F(LinkSwitch, ASwitchThatChangedNothingHasNothingToUndo) {
   EXPECT_FALSE(interfaceTable->takeUndo());
 }
 
+// Promise: The log says which program took a link down or up: `interface wan0 down for upnp`,
+// `interface wan0 up for the administrator`.
 TEST_F(LinkSwitch, SaysInTheLogWhoTookALinkDown) {
   testing::internal::CaptureStdout();
   EXPECT_EQ(setsDisabled(daemon, "wan0", true), "");
@@ -424,6 +464,7 @@ TEST_F(LinkSwitch, SaysInTheLogWhoTookALinkDown) {
             "interface wan0 down for upnp\ninterface wan0 up for the administrator\n");
 }
 
+// Also proves [log-safe].
 TEST_F(LinkSwitch, ALinkNameThatIsATerminalCommandIsShownHarmless) {
   kernel.appears("\x1b[2J\xff");
   const lm::test::LogCapture log;

@@ -24,6 +24,8 @@ class FlowCleanerTest : public NatFixture {
   }
 };
 
+// Promise [flows-end]: Closing a UDP port ends its flows after the reply, also when it is disabled,
+// changed, closed by the administrator or its owner ends.
 TEST_F(FlowCleanerTest, EndsTheFlowsOfAClosedUdpPortOffTheReplyPath) {
   uint32_t id = opens({.protocol = "udp"});
   sweepRuns();
@@ -37,6 +39,7 @@ TEST_F(FlowCleanerTest, EndsTheFlowsOfAClosedUdpPortOffTheReplyPath) {
   EXPECT_EQ(flows.flows[0].destination.port, 9000);
 }
 
+// Promise: Opening a UDP port frees flows that began before it was open.
 TEST_F(FlowCleanerTest, FreesAUdpFlowThatWasStuckBeforeItsPortWasOpened) {
   flows.flows = {udp(8080, "45.45.45.1", 8080)};
   opens({.protocol = "udp"});
@@ -45,6 +48,7 @@ TEST_F(FlowCleanerTest, FreesAUdpFlowThatWasStuckBeforeItsPortWasOpened) {
   EXPECT_TRUE(flows.flows.empty());
 }
 
+// Promise: Flows that go where they should, and those of other ports, are left alone.
 TEST_F(FlowCleanerTest, LeavesAFlowThatGoesWhereItShould) {
   opens({.protocol = "udp"});
   flows.flows = {udp(8080, "192.168.88.10", 80)};
@@ -52,6 +56,7 @@ TEST_F(FlowCleanerTest, LeavesAFlowThatGoesWhereItShould) {
   EXPECT_EQ(flows.flows.size(), 1U);
 }
 
+// Also proves [flows-end].
 TEST_F(FlowCleanerTest, EndsTheFlowsToTheOldClientPortOfAChangedRule) {
   uint32_t id = opens({.protocol = "udp"});
   sweepRuns();
@@ -65,6 +70,7 @@ TEST_F(FlowCleanerTest, EndsTheFlowsToTheOldClientPortOfAChangedRule) {
   EXPECT_EQ(flows.flows[0].responder.port, 81);
 }
 
+// Also proves [flows-end].
 TEST_F(FlowCleanerTest, EndsFlowsWhenAPortIsDisabledOrClosedOrItsOwnerEnds) {
   uint32_t disabled = opens({.protocol = "udp", .port = 5000});
   uint32_t closed = opens({.protocol = "udp", .port = 5001});
@@ -83,12 +89,14 @@ TEST_F(FlowCleanerTest, EndsFlowsWhenAPortIsDisabledOrClosedOrItsOwnerEnds) {
   EXPECT_TRUE(flows.flows.empty());
 }
 
+// Promise [flows-tcp]: TCP connections outlive the port that they came by.
 TEST_F(FlowCleanerTest, LeavesTcpConnectionsOpen) {
   removes(opens({}));
   passes(1000);
   EXPECT_TRUE(flows.sweeps.empty());
 }
 
+// Also proves [flows-sweep].
 TEST_F(FlowCleanerTest, SweepsOnceForPortsThatOpenInARow) {
   for (uint32_t i = 0; i < 2000; ++i) {
     opens({.protocol = "udp",
@@ -100,6 +108,8 @@ TEST_F(FlowCleanerTest, SweepsOnceForPortsThatOpenInARow) {
   EXPECT_EQ(flows.sweeps[0].size(), 2000U);
 }
 
+// Promise [flows-sweep]: Flows are swept at most ten times a second and for at most a tenth of the
+// time, once for ports that change in a row.
 TEST_F(FlowCleanerTest, SweepsAtMostTenTimesASecond) {
   opens({.protocol = "udp", .port = 5000});
   sweepRuns();
@@ -110,6 +120,7 @@ TEST_F(FlowCleanerTest, SweepsAtMostTenTimesASecond) {
   EXPECT_TRUE(flows.sweeping());
 }
 
+// Also proves [flows-sweep].
 TEST_F(FlowCleanerTest, SweepsForAtMostATenthOfTheTime) {
   opens({.protocol = "udp", .port = 5000});
   sweepRuns(50);
@@ -120,6 +131,7 @@ TEST_F(FlowCleanerTest, SweepsForAtMostATenthOfTheTime) {
   EXPECT_TRUE(flows.sweeping());
 }
 
+// Also proves [flows-sweep].
 TEST_F(FlowCleanerTest, KeepsWhatChangesDuringASweepForTheNext) {
   opens({.protocol = "udp", .port = 5000});
   passes(0);
@@ -133,6 +145,8 @@ TEST_F(FlowCleanerTest, KeepsWhatChangesDuringASweepForTheNext) {
   EXPECT_EQ(flows.sweeps[1], std::set<Endpoint>{at("45.45.45.1", 5001)});
 }
 
+// Promise [flows-files]: A UDP port has a file in `/lumen/run/udp`, named like `45.45.45.1:5060`,
+// from before it opens until its flows have been ended after it closed.
 TEST_F(FlowCleanerTest, MarksAUdpPortBeforeItOpensUntilItsFlowsHaveBeenSweptAfterItClosed) {
   const std::set<Endpoint> marked = {at("45.45.45.1", 8080)};
   uint32_t id = opens({.protocol = "udp"});
@@ -146,18 +160,21 @@ TEST_F(FlowCleanerTest, MarksAUdpPortBeforeItOpensUntilItsFlowsHaveBeenSweptAfte
   EXPECT_EQ(marks.all(), std::set<Endpoint>());
 }
 
+// Promise: A TCP port, a disabled rule and a rule that the kernel refused leave no such file.
 TEST_F(FlowCleanerTest, MarksNeitherATcpPortNorADisabledOne) {
   opens({});
   opens({.protocol = "udp", .disabled = true});
   EXPECT_EQ(marks.all(), std::set<Endpoint>());
 }
 
+// Also proves [flows-files].
 TEST_F(FlowCleanerTest, MarksAPortThatIsEnabledLater) {
   uint32_t id = opens({.protocol = "udp", .disabled = true});
   EXPECT_EQ(sets(setRequest(id, "192.168.88.10", 80, false)), "");
   EXPECT_EQ(marks.all(), std::set<Endpoint>{at("45.45.45.1", 8080)});
 }
 
+// Also proves [flows-files].
 TEST_F(FlowCleanerTest, KeepsTheMarkOfAPortThatWasOpenAgainDuringASweep) {
   uint32_t id = opens({.protocol = "udp"});
   passes(0);
@@ -179,6 +196,8 @@ TEST_F(FlowCleanerTest, KeepsNoMarkOfAPortThatTheKernelRefused) {
   EXPECT_EQ(marks.all(), std::set<Endpoint>());
 }
 
+// Promise [flows-killed]: The UDP flows of a lumend that was killed are ended by the next one, but
+// those of ports that are open again.
 TEST_F(FlowCleanerTest, EndsTheFlowsThatAKilledLumendHasLeft) {
   flows.flows = {udp(8080, "192.168.88.10", 80), udp(8081, "192.168.88.10", 81),
                  udp(9000, "192.168.88.10", 90)};
@@ -195,6 +214,8 @@ TEST_F(FlowCleanerTest, EndsTheFlowsThatAKilledLumendHasLeft) {
   EXPECT_EQ(marks.all(), std::set<Endpoint>{at("45.45.45.1", 8081)});
 }
 
+// Promise: The ports of a sweep that failed keep their files and are swept again with the next
+// ports that change, or by the next lumend.
 TEST_F(FlowCleanerTest, SweepsThePortsOfAFailedSweepAgainWithTheNext) {
   const std::set<Endpoint> both = {at("45.45.45.1", 5000), at("45.45.45.1", 5001)};
   uint32_t id = opens({.protocol = "udp", .port = 5000});
@@ -217,6 +238,7 @@ TEST_F(FlowCleanerTest, SweepsThePortsOfAFailedSweepAgainWithTheNext) {
   EXPECT_EQ(flows.sweeps.back(), std::set<Endpoint>{at("45.45.45.1", 5002)});
 }
 
+// Promise: lumend ends when the flows of the ports that it closed have been ended.
 TEST_F(FlowCleanerTest, IsIdleOnceAllFlowsHaveBeenLookedAt) {
   EXPECT_TRUE(rules.flowsEnded());
   opens({.protocol = "udp", .port = 5000});

@@ -21,6 +21,7 @@ class FlowMarksTest : public ::testing::Test {
   FlowMarks marks{folder.path()};
 };
 
+// Also proves [flows-files].
 TEST_F(FlowMarksTest, AreFilesThatTheNextLifeFinds) {
   EXPECT_EQ(marks.all(), std::set<Endpoint>());
   marks.set(phone);
@@ -30,6 +31,7 @@ TEST_F(FlowMarksTest, AreFilesThatTheNextLifeFinds) {
   EXPECT_EQ(FlowMarks(folder.path()).all(), (std::set<Endpoint>{phone, last}));
 }
 
+// Also proves [flows-files].
 TEST_F(FlowMarksTest, AreGoneOnceCleared) {
   marks.set(phone);
   marks.set(last);
@@ -40,6 +42,8 @@ TEST_F(FlowMarksTest, AreGoneOnceCleared) {
   EXPECT_EQ(log.text(), "") << "cleared twice";
 }
 
+// Promise: Files of other names in that folder are left alone, and a missing folder is reported:
+// `flow mark /lumen/run/udp: No such file or directory`.
 TEST_F(FlowMarksTest, LeavesFilesOfOtherNamesAlone) {
   for (const char* name : {"45.45.45.1", "45.45.45.1:", "45.45.45.1:05060", "45.45.45.1:65536",
                            "45.45.45.1:-1", "45.45.45.1:5060 ", "45.45.45:5060", ":5060",

@@ -62,6 +62,7 @@ void withoutPrivilege(const std::function<void()>& work) {
 
 constexpr const char* listMap = "list map ip lumen forwards";
 
+// Also proves [kernel-element].
 TEST_F(NatKernelTest, HoldsAnElementForEachOpenPort) {
   opensTable();
   EXPECT_EQ(map->add(key, client), std::nullopt);
@@ -106,6 +107,8 @@ TEST_F(NatKernelTest, TellsHowOftenAPortWasUsed) {
   EXPECT_EQ(map->uses(key), 7U);
 }
 
+// Promise [kernel-owned]: No other program can change or flush the table, and `nft flush ruleset`
+// leaves it out.
 TEST_F(NatKernelTest, KeepsTheTableFromEverybodyElse) {
   opensTable();
   EXPECT_EQ(map->add(key, client), std::nullopt);
@@ -120,6 +123,7 @@ TEST_F(NatKernelTest, KeepsTheTableFromEverybodyElse) {
   EXPECT_EQ(map->remove({key}), std::nullopt);
 }
 
+// Also proves [one-table].
 TEST_F(NatKernelTest, RefusesASecondTableInTheSameNamespace) {
   opensTable();
   LibNftables other;
@@ -128,6 +132,7 @@ TEST_F(NatKernelTest, RefusesASecondTableInTheSameNamespace) {
             "namespace, or somebody else made it");
 }
 
+// Promise [kernel-gone]: The table goes with lumend, however that ends.
 TEST_F(NatKernelTest, RemovesTheTableAtItsEnd) {
   opensTable();
   EXPECT_EQ(map->add(key, client), std::nullopt);
@@ -135,6 +140,7 @@ TEST_F(NatKernelTest, RemovesTheTableAtItsEnd) {
   EXPECT_TRUE(comesToHold([] { return seenBySomebodyElse("list tables ip").empty(); }));
 }
 
+// Also proves [kernel-gone].
 TEST_F(NatKernelTest, RemovesTheTableWhenItsProcessIsKilled) {
   nftables.reset();
   pid_t child = fork();
@@ -150,6 +156,7 @@ TEST_F(NatKernelTest, RemovesTheTableWhenItsProcessIsKilled) {
   EXPECT_TRUE(comesToHold([] { return seenBySomebodyElse("list tables ip").empty(); }));
 }
 
+// Also proves [kernel-gone].
 TEST_F(NatKernelTest, KeepsItsSocketFromChildren) {
   int sockets = 0;
   for (int fd = 3; fd < 1024; ++fd) {
@@ -162,6 +169,8 @@ TEST_F(NatKernelTest, KeepsItsSocketFromChildren) {
   EXPECT_EQ(sockets, 1);
 }
 
+// Promise: lumend uses no NAT table whose socket its services would inherit: `nftables socket: not
+// found: Operation not permitted`.
 TEST_F(NatKernelTest, IsNotUsedWhenChildrenWouldKeepItsSocket) {
   lm::test::LogCapture log;
   whileRefused({SCMP_SYS(getsockopt), SOL_SOCKET, SO_PROTOCOL}, EPERM, [] {
@@ -190,6 +199,8 @@ TEST_F(NatKernelTest, SaysWhatIsWrongWithTheRulesetFile) {
   opensTable();
 }
 
+// Promise [port-cost]: Opening a port costs the same with a hundred open ports and with five
+// thousand.
 TEST_F(NatKernelTest, ChangesCostTheSameWith5000Elements) {
   opensTable();
   // The fastest of a hundred, so that another program's work does not count.
@@ -303,6 +314,8 @@ TEST_F(NatFlowsTest, FreesAFlowThatWasStuckAndEndsItWhenThePortIsClosed) {
   EXPECT_EQ(translated(), 1);
 }
 
+// Promise: An element counts the first packet of each flow, and a flow to it is one of the port's
+// connections.
 TEST_F(NatFlowsTest, CountsTheFirstPacketOfEachFlow) {
   opens(8080);
   for (uint16_t port = 4000; port < 4003; ++port) knocks(host.udpSocket(port, 8080));
@@ -312,6 +325,7 @@ TEST_F(NatFlowsTest, CountsTheFirstPacketOfEachFlow) {
   EXPECT_NE(seen.find("45.45.45.1 . udp . 8080 counter packets 3 "), std::string::npos) << seen;
 }
 
+// Also proves [flows-end].
 TEST_F(NatFlowsTest, EndsManyFlowsOfManyPorts) {
   std::vector<lm::Fd> sockets;
   for (uint16_t port = 5000; port < 5010; ++port) {
@@ -330,6 +344,7 @@ TEST_F(NatFlowsTest, EndsManyFlowsOfManyPorts) {
   EXPECT_TRUE(turnsUntil([&] { return translated() == 50; }));
 }
 
+// Also proves [flows-end].
 TEST_F(NatFlowsTest, EndsFlowsToTwoAddressesInOneSweep) {
   const lm::Fd first = host.udpSocket(4000, 8080);
   const lm::Fd second = host.udpSocket(4001, 9090, "45.45.45.2");
@@ -346,6 +361,8 @@ TEST_F(NatFlowsTest, EndsFlowsToTwoAddressesInOneSweep) {
   EXPECT_TRUE(turnsUntil([&] { return translated() == 1; }));
 }
 
+// Promise: Flows that cannot be read or ended are logged, `conntrack dump: Operation not
+// permitted`, and delay no request.
 TEST_F(NatFlowsTest, SaysWhyFlowsCannotBeRead) {
   const auto visits = [this] { return flows.visitTranslated([](const Flow&) {}); };
   lm::test::LogCapture log;
@@ -417,6 +434,7 @@ TEST_F(NatFlowsTest, SaysWhenAFlowCannotBeEnded) {
   EXPECT_EQ(translated(), 0);
 }
 
+// Promise: lumend may end while flows are being swept.
 TEST_F(NatFlowsTest, LeavesASweepThatIsUnderWayBehindAtItsEnd) {
   class Nobody : public Flows::Sweeper {
     bool ends(const Flow&) override { return false; }

@@ -22,6 +22,9 @@ std::string mapWith(const std::string& elements) {
          elements + " }\n\t}\n}\n";
 }
 
+// Promise [table-rules]: A listed rule has the fields of its add request in their order, then id,
+// owner, seconds open, connections now, `stale`, `closed` and connections since it was added.
+// Promise: The owner of a rule is the name of the service that added it, or `administrator`.
 TEST_F(NatListTest, ListsTheFieldsOfTheAddRequestThenTheOthers) {
   opens({});
   clock.advance(61'999);
@@ -48,6 +51,8 @@ TEST_F(NatListTest, NamesTheAdministratorAsOwner) {
   EXPECT_EQ(lists()[0].get_string(nat::key::owner), "administrator");
 }
 
+// Promise [port-stale]: A rule whose external address has left the router is kept, listed as stale,
+// may be changed, and works again when the address is back.
 TEST_F(NatListTest, MarksARuleWhoseAddressHasLeftTheRouter) {
   opens({});
   kernelTexts();
@@ -72,6 +77,8 @@ TEST_F(NatListTest, TellsForHowManySecondsAPortHasBeenOpen) {
   EXPECT_EQ(lists()[0].get_u64(nat::key::seconds), 3601U);
 }
 
+// Promise [rule-pages]: Rules are listed in pages of 64, and connections are counted once for a
+// listing, for each reader.
 TEST_F(NatListTest, ListsInRisingOrderOfIdBy64AndCountsTheConnectionsOnce) {
   for (uint32_t i = 0; i < 130; ++i) opens({.port = 2000 + i});
   flows.flows = {flow(6, 2129)};
@@ -95,6 +102,7 @@ TEST_F(NatListTest, ListsInRisingOrderOfIdBy64AndCountsTheConnectionsOnce) {
   EXPECT_EQ(listings(), 2);
 }
 
+// Also proves [rule-pages].
 TEST_F(NatListTest, GivesNoReaderWhatAnotherCounted) {
   for (uint32_t i = 0; i < 100; ++i) opens({.port = 2000 + i});
   Caller other = admin;
@@ -107,6 +115,7 @@ TEST_F(NatListTest, GivesNoReaderWhatAnotherCounted) {
   EXPECT_EQ(page.get_message_array_ref(lm::key::records).back().get_u64(nat::key::connections), 1U);
 }
 
+// Also proves [rule-pages].
 TEST_F(NatListTest, ForgetsTheCountOfAReaderThatEnded) {
   for (uint32_t i = 0; i < 100; ++i) opens({.port = 2000 + i});
   lm::message second;
@@ -125,6 +134,8 @@ TEST_F(NatListTest, CountsNothingForAnEmptyTable) {
 
 uint64_t usesOf(const lm::message& record) { return record.get_u64(nat::key::uses, 12345); }
 
+// Promise: The number of connections since a port was opened is known for a port that was changed
+// or closed too, and a flow of UDP is one of them.
 TEST_F(NatListTest, KnowsTheUsesOfAPortThatWasTakenOutOfTheKernel) {
   uint32_t id = opens({});
   const char* get = "get element ip lumen forwards { 45.45.45.1 . tcp . 8080 }";
@@ -153,6 +164,8 @@ TEST_F(NatListTest, LeavesOutUsesThatTheKernelDoesNotTell) {
   EXPECT_EQ(usesOf(records[1]), 0U) << "it never was in the kernel";
 }
 
+// Promise: When the kernel does not report the current connections, or their number since the port
+// was opened, or not all of them, the rest is listed, with `?` or `null` in their place.
 TEST_F(NatListTest, LeavesOutConnectionsThatCouldNotAllBeCounted) {
   opens({});
   flows.flows = {flow(6, 8080)};
@@ -161,6 +174,8 @@ TEST_F(NatListTest, LeavesOutConnectionsThatCouldNotAllBeCounted) {
   EXPECT_EQ(usesOf(lists()[0]), 0U) << "the rest is told";
 }
 
+// Promise: An unknown cursor gives an empty last page, and an empty table costs no query of the
+// kernel.
 TEST_F(NatListTest, TakesACursorThatNobodyGaveOut) {
   opens({});
   lm::message request;

@@ -28,6 +28,8 @@ class NatMapTest : public ::testing::Test {
   NatMap map{nftables};
 };
 
+// Promise: The base ruleset is read from a file; one that is missing, wrong or makes another table
+// than lumend needs is refused with the reason and leaves no table.
 TEST_F(NatMapTest, LoadsTheRulesetOnceItIsSureThatNobodyElseHasTheTable) {
   nftables.prints("list tables ip", "table ip lumen2\ntable ip filter\n");
   nftables.prints("list table ip lumen", ownTable);
@@ -35,6 +37,8 @@ TEST_F(NatMapTest, LoadsTheRulesetOnceItIsSureThatNobodyElseHasTheTable) {
   EXPECT_EQ(nftables.texts, (Texts{"list tables ip", "file /r.nft", "list table ip lumen"}));
 }
 
+// Promise [one-table]: A second lumend in one network namespace is refused: `nftables table ip
+// lumen exists already: another lumend runs in this network namespace, or somebody else made it`.
 TEST_F(NatMapTest, RefusesToShareTheTable) {
   nftables.prints("list tables ip", "table ip filter\ntable ip lumen\n");
   EXPECT_EQ(map.open("/r.nft"),
@@ -77,6 +81,7 @@ TEST_F(NatMapTest, LeavesNoTableBehindThatIsNotWhatItNeeds) {
   }
 }
 
+// Promise: What the kernel gets consists of checked numbers only, whatever a request holds.
 TEST_F(NatMapTest, WritesAddressesAndPortsAsNumbers) {
   RuleKey key{.external = {.address = inet_addr("1.2.3.255"), .port = 65535},
               .protocol = IPPROTO_UDP};
@@ -98,6 +103,8 @@ TEST_F(NatMapTest, ReadsHowOftenEachPortWasUsed) {
   EXPECT_EQ(map.uses(), (Uses{{tcp, UINT64_MAX}, {udp, 0}}));
 }
 
+// Promise: How many connections used a port is known also where the kernel's protocols have no
+// names, without `/etc/protocols`.
 TEST_F(NatMapTest, KnowsTheProtocolsByTheirNumbersToo) {
   nftables.prints("list map ip lumen forwards",
                   "elements = { 45.45.45.1 . 6 . 80 counter packets 3 bytes 180 : 10.0.0.1 . 1,\n"
@@ -118,6 +125,7 @@ TEST_F(NatMapTest, PassesOverElementsThatItDidNotMake) {
   }
 }
 
+// Promise: Removing nothing asks the kernel for nothing.
 TEST_F(NatMapTest, AsksTheKernelForNothingWhenThereIsNothingToRemove) {
   EXPECT_EQ(map.remove({}), std::nullopt);
   EXPECT_EQ(nftables.texts, Texts{});

@@ -10,6 +10,19 @@ namespace {
 
 using NatRefusalTest = NatFixture;
 
+// Promise: A rule that is not dynamic is refused: `only dynamic rules are kept`.
+// Promise [rule-chain]: A rule of another chain or action is refused: `chain must be "dstnat"`,
+// `action must be 22`.
+// Promise: A rule that does not match address, port and protocol or does not translate address and
+// port is refused: `the external address must be matched`, `the external port must be matched`,
+// `the protocol must be matched`, `the address must be translated`, `the port must be translated`.
+// Promise [rule-range]: A range is refused: `external address must be one, not a range`, and
+// likewise for `external port`, `internal client` and `internal port`.
+// Promise [rule-protocol]: Another protocol than TCP and UDP is refused: `protocol must be 6 (TCP)
+// or 17 (UDP)`.
+// Promise [rule-ports]: A port outside 1 to 65535 is refused: `external port must be from 1 to
+// 65535`, `internal port must be from 1 to 65535`.
+// Promise: A field that a rule does not have is refused: `field 0x08000030 is not known here`.
 TEST_F(NatRefusalTest, SaysWhatIsWrongWithARequest) {
   struct Row {
     std::function<void(lm::message&)> spoil;
@@ -70,6 +83,18 @@ TEST_F(NatRefusalTest, SaysWhatIsWrongWithARequest) {
   opens({});
 }
 
+// Promise [external-own]: An external address that this router does not have is refused: `external
+// address 45.45.45.2 is not one of this router`.
+// Promise: A port outside the policy is refused: `external port 80 is not allowed by the policy`.
+// Promise [client-unicast]: An internal client that is no unicast host is refused whatever the
+// policy says: `internal client 224.0.0.1 is not the address of a host`.
+// Promise [client-router]: An internal client that is this router is refused whatever the policy
+// says: `internal client 192.168.88.1 is this router`.
+// Promise [client-side]: An internal client in a network of the external address's interface is
+// refused whatever the policy says: `internal client 45.45.45.7 is on the side of the external
+// address`.
+// Promise: An internal client outside the policy is refused: `internal client 8.8.8.8 is not
+// allowed by the policy: it is not directly connected`.
 TEST_F(NatRefusalTest, SaysWhatIsWrongWithAPort) {
   struct Row {
     Port port;
@@ -101,11 +126,14 @@ TEST_F(NatRefusalTest, SaysWhatIsWrongWithAPort) {
   EXPECT_EQ(kernelTexts(), Texts{});
 }
 
+// Also proves [rule-ports].
 TEST_F(NatRefusalTest, TakesTheFirstAndTheLastPort) {
   opens({.port = 1024, .clientPort = 1});
   opens({.port = 65535, .clientPort = 65535});
 }
 
+// Promise [port-taken]: A port that has a rule, enabled or disabled, is refused to all but the
+// connection that added it: `tcp port 8080 of 45.45.45.1 is already in use`.
 TEST_F(NatRefusalTest, RefusesAKeyThatIsInUseEnabledOrDisabled) {
   opensAs(admin, {});
   opensAs(admin, {.port = 8081, .disabled = true});
@@ -115,6 +143,8 @@ TEST_F(NatRefusalTest, RefusesAKeyThatIsInUseEnabledOrDisabled) {
             "tcp port 8081 of 45.45.45.1 is already in use");
 }
 
+// Promise: A changed rule is checked against the policy like a new one.
+// Also proves [rule-range].
 TEST_F(NatRefusalTest, ChecksAChangeAgainstThePolicy) {
   uint32_t id = opens({});
   kernelTexts();
@@ -148,6 +178,8 @@ TEST_F(NatRefusalTest, ChecksAChangeAgainstThePolicy) {
   EXPECT_EQ(kernelTexts(), Texts{});
 }
 
+// Promise: An owner may disable its rule, and change nothing else, whatever the policy says by
+// then.
 TEST_F(NatRefusalTest, LetsAnOwnerDisableARuleThatThePolicyWouldRefuseNow) {
   uint32_t id = opens({});
   lm::message policy;
@@ -163,12 +195,15 @@ TEST_F(NatRefusalTest, LetsAnOwnerDisableARuleThatThePolicyWouldRefuseNow) {
             "external port 8080 is not allowed by the policy");
 }
 
+// Also proves [port-stale].
 TEST_F(NatRefusalTest, ChangesAStaleRule) {
   uint32_t id = opens({.disabled = true});
   networks.addresses.erase(inet_addr("45.45.45.1"));
   EXPECT_EQ(sets(setRequest(id, "192.168.88.11", 81)), "");
 }
 
+// Promise: The limits of the policy count enabled and disabled rules, and a rule that moves to
+// another client.
 TEST_F(NatRefusalTest, HoldsTheLimits) {
   lm::message policy;
   policy.insert_u32(nat::key::maxRules, 4);
@@ -189,6 +224,10 @@ TEST_F(NatRefusalTest, HoldsTheLimits) {
   opens({.port = 5005});
 }
 
+// Promise [mapping-limit]: By default 4096 rules are kept: `there are 4096 rules already, the
+// policy allows 4096`.
+// Promise [mapping-client-limit]: By default 1024 rules lead to one client: `internal client
+// 192.168.88.10 has all the rules that the policy allows it, 1024`.
 TEST_F(NatRefusalTest, HoldsTheDefaultLimits) {
   for (uint32_t i = 0; i < 4096; ++i) {
     std::string client = "192.168.88." + std::to_string(10 + i / 1024);

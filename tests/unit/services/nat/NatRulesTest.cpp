@@ -11,12 +11,15 @@ using NatRulesTest = NatFixture;
 
 constexpr const char* getTcp = "get element ip lumen forwards { 45.45.45.1 . tcp . 8080 }";
 
+// Promise [kernel-element]: An open port is one element of the map `forwards` of table `ip lumen`:
+// external address, protocol and port to internal client and port, with a counter.
 TEST_F(NatRulesTest, PutsAnOpenedPortIntoTheKernelAsOneElement) {
   EXPECT_EQ(opens({}), 1U);
   EXPECT_EQ(kernelTexts(), Texts{"add element ip lumen forwards "
                                  "{ 45.45.45.1 . tcp . 8080 : 192.168.88.10 . 80 }"});
 }
 
+// Promise: TCP and UDP ports of one number are two ports.
 TEST_F(NatRulesTest, KeepsTcpAndUdpOfAPortApart) {
   EXPECT_EQ(opens({}), 1U);
   EXPECT_EQ(opens({.protocol = "udp"}), 2U);
@@ -25,6 +28,7 @@ TEST_F(NatRulesTest, KeepsTcpAndUdpOfAPortApart) {
             "{ 45.45.45.1 . udp . 8080 : 192.168.88.10 . 80 }");
 }
 
+// Promise: A disabled rule is kept out of the kernel until it is enabled.
 TEST_F(NatRulesTest, KeepsADisabledRuleOutOfTheKernel) {
   uint32_t id = opens({.disabled = true});
   EXPECT_EQ(kernelTexts(), Texts{});
@@ -46,6 +50,7 @@ TEST_F(NatRulesTest, DisablesAnEnabledRule) {
   EXPECT_EQ(kernelTexts().back(), "delete element ip lumen forwards { 45.45.45.1 . tcp . 8080 }");
 }
 
+// Promise: A changed rule is one transaction that keeps the element's counter.
 TEST_F(NatRulesTest, ChangesARuleInOneTransactionThatKeepsItsCounter) {
   uint32_t id = opens({});
   kernelTexts();
@@ -60,6 +65,8 @@ TEST_F(NatRulesTest, ChangesARuleInOneTransactionThatKeepsItsCounter) {
   EXPECT_EQ(lists()[0].get_u32(nat::key::clientPortFirst), 81U);
 }
 
+// Promise: A set that changes nothing leaves the kernel alone, and fields that it does not have
+// stay as they are.
 TEST_F(NatRulesTest, LeavesTheKernelAloneWhenASetChangesNothing) {
   uint32_t id = opens({});
   kernelTexts();
@@ -79,6 +86,7 @@ TEST_F(NatRulesTest, KeepsTheFieldsThatASetDoesNotHave) {
   EXPECT_TRUE(record.get_bool(lm::key::disabled));
 }
 
+// Promise: A removed rule leaves the kernel at once.
 TEST_F(NatRulesTest, RemovesARuleFromTheKernel) {
   uint32_t id = opens({});
   kernelTexts();
@@ -87,12 +95,15 @@ TEST_F(NatRulesTest, RemovesARuleFromTheKernel) {
   EXPECT_TRUE(lists().empty());
 }
 
+// Promise: The reply to an add request carries the new rule's id; ids rise and are not used twice.
 TEST_F(NatRulesTest, NeverGivesAnIdTwice) {
   EXPECT_EQ(removes(opens({})), "");
   EXPECT_EQ(opens({}), 2U);
 }
 
 // A reply that was lost must not leave the daemon with a mapping that it cannot get rid of.
+// Promise: Removing a rule that this connection once had and that is gone succeeds; any other
+// sender gets `no such object`.
 TEST_F(NatRulesTest, RemovingARuleThatThisConnectionOnceHadSucceeds) {
   uint32_t id = opens({});
   EXPECT_EQ(removes(id), "");
@@ -101,11 +112,15 @@ TEST_F(NatRulesTest, RemovingARuleThatThisConnectionOnceHadSucceeds) {
   EXPECT_EQ(removes(id + 1), "no such object");
 }
 
+// Promise: Adding a port that is open already is refused, to its owner too.
 TEST_F(NatRulesTest, AddingWhatThisConnectionHasIsRefused) {
   opens({});
   EXPECT_EQ(refusedToOpen({}), "tcp port 8080 of 45.45.45.1 is already in use");
 }
 
+// Promise: A change of the rules that its requester gave up is undone: an added rule goes, a
+// changed or closed one is as before, a removed one comes back with its id, whatever the policy
+// says by then.
 TEST_F(NatRulesTest, AnAddThatWasGivenUpLeavesNoRule) {
   uint32_t id = opens({});
   kernelTexts();
@@ -137,6 +152,9 @@ TEST_F(NatRulesTest, AChangeThatWasGivenUpLeavesTheRuleAsItWas) {
   }
 }
 
+// Promise: What others have done to the rule meanwhile wins over that: a port that the
+// administrator closed stays closed, and one that another program has taken stays with it, which is
+// logged.
 TEST_F(NatRulesTest, AChangeThatWasGivenUpDoesNotOpenWhatWasClosedMeanwhile) {
   uint32_t id = opens({});
   EXPECT_EQ(sets(setRequest(id, "192.168.88.10", 80, true)), "");
@@ -203,6 +221,7 @@ TEST_F(NatRulesTest, WhatChangedNothingHasNothingToUndo) {
   EXPECT_FALSE(rules.takeUndo());
 }
 
+// Promise: A policy whose writing was given up is the one of before, after a restart as well.
 TEST_F(NatRulesTest, APolicyThatWasGivenUpIsTheOneOfBefore) {
   const lm::message before = rules.handle(admin, lm::cmd::get, {});
   lm::message policy;
@@ -227,6 +246,7 @@ TEST_F(NatRulesTest, RemovingARuleThatTheAdministratorRemovedSucceeds) {
   EXPECT_EQ(removes(foreign), "no such object");
 }
 
+// Promise [rules-die]: The rules of a connection go with it, in one transaction, however it ends.
 TEST_F(NatRulesTest, RemovesTheRulesOfAConnectionThatEndedInOneTransaction) {
   opens({});
   opens({.protocol = "udp", .port = 5000});
@@ -241,6 +261,7 @@ TEST_F(NatRulesTest, RemovesTheRulesOfAConnectionThatEndedInOneTransaction) {
   EXPECT_EQ(left[0].get_u32(nat::key::portFirst), 6000U);
 }
 
+// Also proves [rules-die].
 TEST_F(NatRulesTest, LeavesTheKernelAloneWhenAConnectionWithoutRulesEnds) {
   removes(opens({}));
   kernelTexts();
@@ -249,6 +270,8 @@ TEST_F(NatRulesTest, LeavesTheKernelAloneWhenAConnectionWithoutRulesEnds) {
   EXPECT_EQ(kernelTexts(), Texts{});
 }
 
+// Promise: Rules that the kernel does not remove together are removed one by one, and the log says
+// why: `nat remove of 2 rules failed: ` and the kernel's text.
 TEST_F(NatRulesTest, RemovesRulesOneByOneWhenTheyDoNotGoTogether) {
   opens({});
   opens({.port = 8081});
@@ -282,6 +305,8 @@ TEST_F(NatRulesTest, SaysWhichRuleTheKernelDoesNotRemove) {
   opens({});
 }
 
+// Promise: What the kernel refuses is answered with `the kernel refused it: ` and its text, is
+// logged with port and address, and leaves nothing.
 TEST_F(NatRulesTest, RefusesWhatTheKernelRefusesAndKeepsNothingOfIt) {
   nftables.refuses("add element ip lumen forwards { 45.45.45.1 . tcp . 8080 : 192.168.88.10 . 80 }",
                    "Error: Could not process rule: Cannot allocate memory\nadd element\n^^^\n");
@@ -295,6 +320,7 @@ TEST_F(NatRulesTest, RefusesWhatTheKernelRefusesAndKeepsNothingOfIt) {
   opens({.clientPort = 81});
 }
 
+// Promise: A rule whose change or removal the kernel refuses stays as it was.
 TEST_F(NatRulesTest, KeepsARuleAsItWasWhenTheKernelRefusesItsChange) {
   uint32_t id = opens({});
   for (const char* answer : {"", "table ip lumen {}", "x counter packets z bytes 3",
@@ -321,6 +347,8 @@ TEST_F(NatRulesTest, KeepsARuleThatTheKernelDoesNotRemove) {
   EXPECT_EQ(removes(id), "");
 }
 
+// Promise [port-closed]: A port that the administrator closes leaves the kernel, is listed as
+// closed, and stays so until its owner removes it.
 TEST_F(NatRulesTest, ClosesAPortUntilItsOwnerRemovesIt) {
   uint32_t id = opens({});
   kernelTexts();
@@ -339,6 +367,8 @@ TEST_F(NatRulesTest, ClosesAPortUntilItsOwnerRemovesIt) {
   opens({});
 }
 
+// Promise: Closing says nothing else: `closing a port changes nothing else`; a closed port is not
+// opened again: `a closed port stays closed`.
 TEST_F(NatRulesTest, ClosingSaysNothingElse) {
   uint32_t id = opens({});
   lm::message reopen = idOnly(id);
@@ -349,6 +379,7 @@ TEST_F(NatRulesTest, ClosingSaysNothingElse) {
   EXPECT_EQ(asks(admin, lm::cmd::setObject, both), "closing a port changes nothing else");
 }
 
+// Promise: A port can be closed that the policy would refuse now.
 TEST_F(NatRulesTest, ClosesAPortThatThePolicyWouldRefuseNow) {
   uint32_t id = opens({});
   lm::message policy;
@@ -357,6 +388,8 @@ TEST_F(NatRulesTest, ClosesAPortThatThePolicyWouldRefuseNow) {
   EXPECT_EQ(closes(id), "");
 }
 
+// Promise: A command that no rule table has is answered with `unknown command`, an id that there is
+// not with `no such object`.
 TEST_F(NatRulesTest, AnswersOnlyTheCommandsOfARuleTable) {
   for (uint32_t command : {0U, 2U, 0xfe0001U, 0xfe000bU, 0x10004U, 0xFFFFFFFFU}) {
     EXPECT_EQ(asks(admin, command, {}), "unknown command");
@@ -366,6 +399,8 @@ TEST_F(NatRulesTest, AnswersOnlyTheCommandsOfARuleTable) {
   EXPECT_EQ(sets(setRequest(1, "192.168.88.10", 80)), "no such object");
 }
 
+// Promise [rights-rules]: A service may add, set and remove its own rules and nothing else here:
+// `not permitted`.
 TEST_F(NatRulesTest, LetsAServiceChangeItsOwnRulesOnly) {
   uint32_t id = opens({});
   EXPECT_EQ(asks(stranger, lm::cmd::setObject, setRequest(id, "192.168.88.10", 81)),
@@ -379,6 +414,7 @@ TEST_F(NatRulesTest, LetsAServiceChangeItsOwnRulesOnly) {
   EXPECT_EQ(removes(id), "");
 }
 
+// Promise: An administrator may change and remove all rules.
 TEST_F(NatRulesTest, LetsTheAdministratorChangeEverybodysRules) {
   uint32_t id = opens({.disabled = true});
   EXPECT_EQ(asks(admin, lm::cmd::setObject, setRequest(id, "192.168.88.11", 81)), "");

@@ -6,6 +6,8 @@ namespace lumen::test {
 
 namespace {
 
+// Promise [policy-default]: By default ports 1024 to 65535 may be opened and every directly
+// connected host may be reached.
 TEST(Policy, HasTheDefaultsThatAreDocumented) {
   Policy policy;
   EXPECT_EQ(policy.externalPorts.text(), "1024-65535");
@@ -14,6 +16,9 @@ TEST(Policy, HasTheDefaultsThatAreDocumented) {
   EXPECT_EQ(policy.maxRulesPerClient, 1024U);
 }
 
+// Promise [policy-ports]: Allowed ports are ports and ranges of ports, at most 64: `external-ports:
+// "0" is neither a port from 1 to 65535 nor a range of ports`, `external-ports: more than 64 ranges
+// of ports`.
 TEST(Policy, TakesPortsAndRangesOfPorts) {
   Policy policy;
   EXPECT_EQ(policy.set("external-ports", "80,443 , 6000-6999, 65535"), std::nullopt);
@@ -26,6 +31,10 @@ TEST(Policy, TakesPortsAndRangesOfPorts) {
   }
 }
 
+// Promise [policy-clients]: Allowed clients are `connected`, addresses and networks, at most 64:
+// `internal-clients: "::1" is neither "connected", an address nor a network like 192.168.88.0/24`,
+// `internal-clients: "10.0.0.1/24" has bits set behind its prefix`, `internal-clients: more than 64
+// networks`.
 TEST(Policy, TakesNetworksAndHosts) {
   Policy policy;
   EXPECT_EQ(policy.set("internal-clients", "10.1.2.3, connected,192.168.88.0/24"), std::nullopt);
@@ -50,6 +59,7 @@ TEST(Policy, LetsANetworkBeNarrowerThanWhatIsConnected) {
             "internal client 192.168.88.127 is not allowed by the policy");
 }
 
+// Also proves [client-unicast], [client-router], [client-side].
 TEST(Policy, NeverAllowsTheRouterNorTheSideOfTheExternalAddress) {
   FakeNetworks networks;
   Policy policy;
@@ -66,6 +76,9 @@ TEST(Policy, NeverAllowsTheRouterNorTheSideOfTheExternalAddress) {
             "internal client 192.168.88.53 is this router");
 }
 
+// Promise [client-broadcast]: An address that reaches many hosts of a connected network, its
+// broadcast address or its own, is refused whatever the policy says: `internal client
+// 192.168.88.255 is not the address of a host`.
 TEST(Policy, NeverAllowsAnAddressThatTheRouterHearsTogetherWithOthers) {
   FakeNetworks networks;
   Policy policy;
@@ -78,6 +91,9 @@ TEST(Policy, NeverAllowsAnAddressThatTheRouterHearsTogetherWithOthers) {
   }
 }
 
+// Promise [policy-maxima]: `max-rules` and `max-rules-per-client` are from 0 to 65536: `max-rules:
+// "65537" is not a number from 0 to 65536`.
+// Also proves [policy-ports], [policy-clients].
 TEST(Policy, SaysWhatIsWrongWithAValueAndKeepsTheOldOne) {
   struct Row {
     const char* name;
@@ -159,6 +175,9 @@ class PolicyBookTest : public ::testing::Test {
   PolicyBook book{filePath, directory.path()};
 };
 
+// Promise [policy-error]: The policy file has lines `name = value`; anything else in it is refused
+// with its line, and lumend does not start: `lumend: NAT policy: /lumen/etc/nat-policy:1: ` and the
+// reason.
 TEST_F(PolicyBookTest, ReadsTheFile) {
   EXPECT_EQ(loads("; comment\nexternal-ports = 80 ; web\ninternal-clients = 10.0.0.0/8\n"
                   "max-rules = 7\nmax-rules-per-client = 0\n"),
@@ -171,11 +190,13 @@ TEST_F(PolicyBookTest, ReadsTheFile) {
   EXPECT_EQ(book.settings(), expected);
 }
 
+// Also proves [policy-default].
 TEST_F(PolicyBookTest, UsesTheDefaultsWithoutAFile) {
   EXPECT_EQ(book.load(), std::nullopt);
   EXPECT_EQ(ports(), "1024-65535");
 }
 
+// Also proves [policy-default].
 TEST_F(PolicyBookTest, ReadsTheFileThatIsInstalled) {
   PolicyBook installed(NAT_POLICY_FILE, directory.path());
   EXPECT_EQ(installed.load(), std::nullopt);
@@ -184,6 +205,9 @@ TEST_F(PolicyBookTest, ReadsTheFileThatIsInstalled) {
   EXPECT_EQ(installed.settings(), defaults.settings());
 }
 
+// Promise [policy-file]: A policy file of more than 16384 bytes, or that is no text, is refused:
+// `is too long`, `is no text`.
+// Also proves [policy-error].
 TEST_F(PolicyBookTest, RefusesAFileThatItDoesNotUnderstandWhole) {
   struct Row {
     const char* content;
@@ -203,6 +227,8 @@ TEST_F(PolicyBookTest, RefusesAFileThatItDoesNotUnderstandWhole) {
   EXPECT_EQ(loads(std::string(16385, '\n')), filePath + ": is too long");
 }
 
+// Promise [policy-line]: A line of the policy file of more than 190 bytes is refused, so that the
+// end of a comment is no setting: `:2: the line is too long`.
 TEST_F(PolicyBookTest, RefusesALineThatItsParserWouldCutInTwo) {
   const std::string tooLong = filePath + ":2: the line is too long";
   EXPECT_EQ(loads("\nexternal-ports = 80" + std::string(172, ' ') + "\n"), tooLong);
@@ -213,11 +239,14 @@ TEST_F(PolicyBookTest, RefusesALineThatItsParserWouldCutInTwo) {
   EXPECT_EQ(ports(), "80");
 }
 
+// Also proves [policy-error].
 TEST_F(PolicyBookTest, RefusesAFileThatItCannotRead) {
   std::filesystem::create_directory(filePath);
   EXPECT_EQ(book.load(), filePath + ": is no plain file");
 }
 
+// Promise [policy-set]: What an administrator sets wins over the file and survives restarts; what
+// was not set comes from the file.
 TEST_F(PolicyBookTest, KeepsWhatIsSetByCommandOverTheFile) {
   ASSERT_EQ(loads("external-ports = 80\nmax-rules = 7\n"), std::nullopt);
   EXPECT_EQ(book.write(portsOnly("2000-3000")), std::nullopt);
@@ -230,6 +259,8 @@ TEST_F(PolicyBookTest, KeepsWhatIsSetByCommandOverTheFile) {
   EXPECT_EQ(later.policy().maxRules, 8U) << "what was not set still comes from the file";
 }
 
+// Promise: A stored policy that lumend does not understand is not guessed at: `stored NAT policy: `
+// and what is wrong.
 TEST_F(PolicyBookTest, RefusesAStoredSettingThatItDoesNotUnderstand) {
   EXPECT_TRUE(lm::Store(directory.path(), 1).set(0, portsOnly("http")));
   EXPECT_EQ(book.load(),
@@ -242,6 +273,7 @@ TEST_F(PolicyBookTest, SaysTheFirstThingThatIsWrong) {
             filePath + ":1: max-rules: \"many\" is not a number from 0 to 65536");
 }
 
+// Promise: A reset forgets all that was set.
 TEST_F(PolicyBookTest, ForgetsWhatWasSetOnAReset) {
   ASSERT_EQ(loads("external-ports = 80\n"), std::nullopt);
   ASSERT_EQ(book.write(portsOnly("2000")), std::nullopt);
@@ -252,6 +284,7 @@ TEST_F(PolicyBookTest, ForgetsWhatWasSetOnAReset) {
   EXPECT_EQ(later.policy().externalPorts.text(), "80");
 }
 
+// Also proves [ctl-reload].
 TEST_F(PolicyBookTest, ReadsTheFileAgainOnAReload) {
   ASSERT_EQ(loads("external-ports = 80\nmax-rules = 7\n"), std::nullopt);
   lm::message limit;
@@ -270,6 +303,8 @@ TEST_F(PolicyBookTest, ReadsTheFileAgainOnAReload) {
   EXPECT_EQ(book.policy().maxRules, 8U);
 }
 
+// Promise [policy-reload]: A policy file with anything wrong in it is refused at a reload, with its
+// line, and the old policy stays.
 TEST_F(PolicyBookTest, KeepsThePolicyWhenTheFileIsWrongOnAReload) {
   ASSERT_EQ(loads("external-ports = 80\n"), std::nullopt);
   static_cast<void>(directory.file("nat-policy", "max-rules = 8\nexternal-ports = all\n"));
@@ -288,6 +323,7 @@ TEST_F(PolicyBookTest, KeepsThePolicyWhenTheFileIsWrongOnAReload) {
   EXPECT_EQ(ports(), "80");
 }
 
+// Also proves [ctl-reload].
 TEST_F(PolicyBookTest, TakesTheDefaultsWhenTheFileIsGoneOnAReload) {
   ASSERT_EQ(loads("external-ports = 80\n"), std::nullopt);
   std::filesystem::remove(filePath);
@@ -295,6 +331,7 @@ TEST_F(PolicyBookTest, TakesTheDefaultsWhenTheFileIsGoneOnAReload) {
   EXPECT_EQ(ports(), "1024-65535");
 }
 
+// Promise [ctl-reload-disk]: A reload needs no room on the disk.
 TEST_F(PolicyBookTest, NeedsNoRoomOnTheDiskForAReload) {
   PolicyBook lost(filePath, directory.path() + "/missing");
   ASSERT_EQ(lost.load(), std::nullopt);
@@ -303,6 +340,9 @@ TEST_F(PolicyBookTest, NeedsNoRoomOnTheDiskForAReload) {
   EXPECT_EQ(lost.policy().externalPorts.text(), "81");
 }
 
+// Promise: A policy write with a wrong value or an unknown field changes nothing, nor does one that
+// cannot be stored: `the policy could not be stored`.
+// Also proves [policy-maxima].
 TEST_F(PolicyBookTest, ChangesNothingWhenAValueIsWrong) {
   ASSERT_EQ(book.load(), std::nullopt);
   lm::message request = portsOnly("2000");
@@ -323,6 +363,8 @@ TEST_F(PolicyBookTest, ChangesNothingWhenItCannotBeStored) {
 
 using NatPolicyCommandTest = NatFixture;
 
+// Promise [policy-later]: The policy is read and written by administrators only, counts for ports
+// that are opened or changed from then on, and leaves open ports alone.
 TEST_F(NatPolicyCommandTest, IsReadAndWrittenByTheAdministratorOnly) {
   lm::message request;
   request.insert_string(nat::key::externalPorts, "5000-5999");
@@ -334,6 +376,7 @@ TEST_F(NatPolicyCommandTest, IsReadAndWrittenByTheAdministratorOnly) {
   opens({.port = 5000});
 }
 
+// Also proves [policy-later].
 TEST_F(NatPolicyCommandTest, LeavesPortsThatAreOpenAlone) {
   uint32_t id = opens({});
   kernelTexts();

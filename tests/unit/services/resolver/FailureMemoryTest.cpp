@@ -14,6 +14,7 @@ class FailureMemoryTest : public testing::Test {
   FailureMemory memory_{clock_};
 };
 
+// Also proves [resolver-failed].
 TEST_F(FailureMemoryTest, RemembersWhyANameFailed) {
   memory_.remember("nowhere.lan", "no such host");
   memory_.remember("silent.lan", "name server does not answer");
@@ -22,6 +23,7 @@ TEST_F(FailureMemoryTest, RemembersWhyANameFailed) {
   EXPECT_FALSE(memory_.find("player.lan"));
 }
 
+// Also proves [resolver-failed].
 TEST_F(FailureMemoryTest, ForgetsAfterAMinute) {
   memory_.remember("nowhere.lan", "no such host");
   clock_.advance(59'999);
@@ -30,6 +32,7 @@ TEST_F(FailureMemoryTest, ForgetsAfterAMinute) {
   EXPECT_FALSE(memory_.find("nowhere.lan"));
 }
 
+// Also proves [resolver-failed].
 TEST_F(FailureMemoryTest, StartsTheMinuteAnewWhenANameFailsAgain) {
   memory_.remember("nowhere.lan", "no such host");
   clock_.advance(59'999);
@@ -39,6 +42,7 @@ TEST_F(FailureMemoryTest, StartsTheMinuteAnewWhenANameFailsAgain) {
   EXPECT_EQ(memory_.find("nowhere.lan"), "no name server can tell");
 }
 
+// Also proves [resolver-memory].
 TEST_F(FailureMemoryTest, HoldsNothingThatItHasForgotten) {
   for (int i = 0; i < 100; ++i) memory_.remember("host" + std::to_string(i), "no such host");
   clock_.advance(60'000);
@@ -46,6 +50,8 @@ TEST_F(FailureMemoryTest, HoldsNothingThatItHasForgotten) {
   EXPECT_EQ(memory_.size(), 1U);
 }
 
+// Promise [resolver-memory]: 1024 failed names are remembered, the oldest is forgotten when one
+// more comes, and what is over takes no memory.
 TEST_F(FailureMemoryTest, ForgetsTheOldestWhenThereAreTooMany) {
   constexpr size_t most = 1024;
   for (size_t i = 0; i <= most; ++i) {

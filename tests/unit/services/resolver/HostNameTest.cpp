@@ -16,6 +16,7 @@ std::string repeat(const std::string& text, size_t times) {
 /// Three labels of 63, each with its dot, and one of 61.
 const std::string longestName = repeat(std::string(63, 'a') + ".", 3) + std::string(61, 'b');
 
+// Also proves [resolver-command], [resolver-names].
 TEST(HostName, IsTakenInSmallLetters) {
   const struct {
     std::string text;
@@ -36,6 +37,7 @@ TEST(HostName, IsTakenInSmallLetters) {
   for (const auto& row : rows) EXPECT_EQ(toHostName(row.text), row.name) << row.text;
 }
 
+// Also proves [resolver-names].
 TEST(HostName, IsRefusedWhenNoHostCanHaveIt) {
   const struct {
     std::string text;

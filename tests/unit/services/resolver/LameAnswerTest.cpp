@@ -30,6 +30,7 @@ std::string changed(std::string answer, size_t place) {
   return answer;
 }
 
+// Promise: An answer to something else, or from somewhere else, is passed over.
 TEST_F(LameAnswerTest, AnAnswerToSomethingElseIsPassedOver) {
   const struct {
     const char* what;
@@ -63,6 +64,8 @@ TEST_F(LameAnswerTest, AnAnswerFromSomewhereElseIsPassedOver) {
   EXPECT_EQ(lookUpNext(), "10.0.0.7");
 }
 
+// Promise: The reason why a name failed is given in clear text: `no such host`, `host has no IPv4
+// address`, `no name server can tell`, `lookup failed: ` and what the library says.
 TEST_F(LameAnswerTest, AFailureIsToldInClearText) {
   const struct {
     unsigned code;
@@ -82,6 +85,8 @@ TEST_F(LameAnswerTest, AFailureIsToldInClearText) {
   }
 }
 
+// Promise [resolver-usable]: The addresses 0.0.0.0 and 255.255.255.255 are passed over, and a name
+// with no other one fails: `host has no usable address`.
 TEST_F(LameAnswerTest, AnAddressThatNoHostHasIsRefused) {
   for (const char* address : {"0.0.0.0", "255.255.255.255"}) {
     serverAnswers(
@@ -94,6 +99,8 @@ TEST_F(LameAnswerTest, AnAddressThatNoHostHasIsRefused) {
   EXPECT_EQ(lookUpNext(), "10.0.0.7");
 }
 
+// Promise: Aliases are followed; one that leads nowhere or in a circle is no address: `host has no
+// IPv4 address`.
 TEST_F(LameAnswerTest, AnAliasIsFollowed) {
   serverAnswers([&](const DnsQuestion& question) {
     return Answers{dns::head(question, 0, 3) + dns::aliasRecord("", "second.lan") +
@@ -115,6 +122,8 @@ TEST_F(LameAnswerTest, AnAliasThatLeadsNowhereOrInACircleIsNoAddress) {
   EXPECT_EQ(lookUpNext(), "host has no IPv4 address");
 }
 
+// Promise [resolver-tcp]: A truncated answer is requested over TCP, and a server that is silent
+// there costs no more than a second.
 TEST_F(LameAnswerTest, ATruncatedAnswerIsAskedForOverTcp) {
   serverAnswers(
       [&](const DnsQuestion& question) { return Answers{dns::head(question, 0, 0, true)}; });
@@ -124,6 +133,7 @@ TEST_F(LameAnswerTest, ATruncatedAnswerIsAskedForOverTcp) {
   EXPECT_EQ(lookUpNext(), "10.0.0.7");
 }
 
+// Also proves [resolver-tcp].
 TEST_F(LameAnswerTest, ServersThatAreSilentOverTcpCostNoMoreThanASecond) {
   serverAnswers(
       [&](const DnsQuestion& question) { return Answers{dns::head(question, 0, 0, true)}; });
@@ -135,6 +145,7 @@ TEST_F(LameAnswerTest, ServersThatAreSilentOverTcpCostNoMoreThanASecond) {
 }
 
 /// What follows a right header and question, and is to be read.
+// Promise: A broken record is an error at once, and random ones do no harm.
 TEST_F(LameAnswerTest, ABrokenRecordIsAnErrorAtOnce) {
   const std::string record = dns::addressRecord("10.0.0.7");
   struct Row {

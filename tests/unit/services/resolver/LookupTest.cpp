@@ -21,11 +21,13 @@ class LookupTest : public ResolverTest {
   }
 };
 
+// Also proves [resolver-command].
 TEST_F(LookupTest, GivesTheAddressOfAHost) {
   EXPECT_EQ(lookUp("player.lan"), "192.168.88.10");
   EXPECT_EQ(questions(), 1U);
 }
 
+// Promise: The domains of the configuration are searched.
 TEST_F(LookupTest, SearchesTheDomainsOfTheConfiguration) {
   etc_.write("resolv.conf", "search home lan\nnameserver 127.0.0.1\n");
   EXPECT_EQ(lookUp("player"), "192.168.88.10");
@@ -36,6 +38,7 @@ TEST_F(LookupTest, SearchesTheDomainsOfTheConfiguration) {
   EXPECT_EQ(server_.asked[2].name, "player.lan");
 }
 
+// Also proves [resolver-file].
 TEST_F(LookupTest, ReadsTheConfigurationAnewEachTime) {
   NameServer other("127.0.0.2");
   other.hosts["player.lan"] = "10.0.0.7";
@@ -44,6 +47,8 @@ TEST_F(LookupTest, ReadsTheConfigurationAnewEachTime) {
   EXPECT_EQ(lookUp("player.lan"), "10.0.0.7");
 }
 
+// Promise [resolver-file]: The name servers are those of `/lumen/etc/resolv.conf` if there is one,
+// else those of `/etc/resolv.conf`, read for each lookup.
 TEST_F(LookupTest, PrefersTheConfigurationOfItsOwn) {
   NameServer other("127.0.0.2");
   other.hosts["player.lan"] = "10.0.0.7";
@@ -52,6 +57,7 @@ TEST_F(LookupTest, PrefersTheConfigurationOfItsOwn) {
   EXPECT_EQ(questions(), 0U);
 }
 
+// Promise: Without a configuration, or with one that is none, this host is asked.
 TEST_F(LookupTest, AsksThisHostWhenThereIsNoConfiguration) {
   std::filesystem::remove(etc_.file("resolv.conf"));
   EXPECT_EQ(lookUp("player.lan"), "192.168.88.10");
@@ -62,6 +68,8 @@ TEST_F(LookupTest, SurvivesAConfigurationThatIsNone) {
   EXPECT_EQ(lookUp("player.lan"), "192.168.88.10");
 }
 
+// Promise: The next name server is asked when one is not there or cannot tell, and a question that
+// was lost is asked again.
 TEST_F(LookupTest, AsksTheNextServerWhenOneIsNotThere) {
   etc_.write("resolv.conf", "nameserver 127.0.0.3\nnameserver 127.0.0.1\n");
   EXPECT_EQ(lookUp("player.lan"), "192.168.88.10");
@@ -94,6 +102,7 @@ TEST_F(LookupTest, AsksAgainWhenADatagramIsLost) {
   EXPECT_EQ(questions(), 2U);
 }
 
+// Promise: Each question comes from another port and under another number.
 TEST_F(LookupTest, AsksFromAnotherPortUnderAnotherNumberEachTime) {
   server_.answer = [](const DnsQuestion& question) {
     return std::vector{dns::addresses(question, {"10.0.0.7"})};
@@ -110,6 +119,7 @@ TEST_F(LookupTest, AsksFromAnotherPortUnderAnotherNumberEachTime) {
   EXPECT_GT(ports.size(), 5U);
 }
 
+// Promise: A lookup leaves no descriptor open.
 TEST_F(LookupTest, LeavesNoDescriptorOpen) {
   const std::ptrdiff_t before = openDescriptors();
   EXPECT_EQ(lookUp("player.lan"), "192.168.88.10");

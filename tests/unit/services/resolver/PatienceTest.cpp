@@ -12,8 +12,10 @@ class PatienceTest : public testing::Test {
   Patience patience_{clock_};
 };
 
+// Also proves [resolver-budget].
 TEST_F(PatienceTest, IsWholeAtFirst) { EXPECT_EQ(patience_.left(), 950U); }
 
+// Also proves [resolver-budget].
 TEST_F(PatienceTest, ShrinksByWhatWasWaited) {
   patience_.spend(300);
   EXPECT_EQ(patience_.left(), 650U);
@@ -21,6 +23,7 @@ TEST_F(PatienceTest, ShrinksByWhatWasWaited) {
   EXPECT_EQ(patience_.left(), 150U);
 }
 
+// Also proves [resolver-budget].
 TEST_F(PatienceTest, DoesNotShrinkBelowTheLeast) {
   patience_.spend(900);
   EXPECT_EQ(patience_.left(), 100U);
@@ -28,6 +31,7 @@ TEST_F(PatienceTest, DoesNotShrinkBelowTheLeast) {
   EXPECT_EQ(patience_.left(), 100U);
 }
 
+// Also proves [resolver-budget].
 TEST_F(PatienceTest, IsWholeAgainAMinuteAfterItBeganToShrink) {
   patience_.spend(10);
   clock_.advance(59'999);

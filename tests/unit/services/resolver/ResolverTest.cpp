@@ -11,6 +11,8 @@ namespace {
 
 constexpr uint32_t minute = 6000;  // hundredths of a second
 
+// Promise [resolver-command]: A host name is answered with its address in field 4, in whatever
+// letters it is written.
 TEST_F(ResolverTest, AnswersWithTheAddress) {
   server_.hosts["player.lan"] = "192.168.88.10";
   const uint32_t request = ask("Player.LAN");
@@ -20,6 +22,9 @@ TEST_F(ResolverTest, AnswersWithTheAddress) {
   EXPECT_EQ(log_.text(), "");
 }
 
+// Promise [resolver-names]: What can be no host name is answered with `not a host name` without
+// asking a name server: names of more than 253 bytes or with a label of more than 63, empty labels,
+// other bytes than letters, digits, `-` and `_`, addresses in any form.
 TEST_F(ResolverTest, RefusesWhatIsNoHostNameWithoutAskingAnybody) {
   const std::string longName(70'000, 'a');
   for (const std::string& name :
@@ -31,12 +36,18 @@ TEST_F(ResolverTest, RefusesWhatIsNoHostNameWithoutAskingAnybody) {
   EXPECT_EQ(log_.text(), "");
 }
 
+// Promise [resolver-only]: The resolver knows one command, 3; others are answered with `unknown
+// command`.
 TEST_F(ResolverTest, KnowsNoOtherCommand) {
   for (const uint32_t command : {lm::cmd::list, lm::cmd::get, lm::cmd::set, lm::cmd::addObject}) {
     EXPECT_EQ(lm::getError(platform_.request(0, command)), "unknown command");
   }
 }
 
+// Promise [resolver-wait]: A name server that does not answer costs a requester 950 ms, then `name
+// server does not answer`.
+// Promise: A failed lookup is one line of the log: `resolver: silent.lan: name server does not
+// answer`.
 TEST_F(ResolverTest, GivesUpWithinASecond) {
   serverIsSilent();
   const uint32_t request = ask("silent.lan");
@@ -47,6 +58,8 @@ TEST_F(ResolverTest, GivesUpWithinASecond) {
   EXPECT_EQ(log_.text(), "resolver: silent.lan: name server does not answer\n");
 }
 
+// Promise [resolver-failed]: A failed name is answered from memory for 60 s, counted from its last
+// failure.
 TEST_F(ResolverTest, AnswersAFailedNameFromMemoryForAMinute) {
   EXPECT_EQ(lookUp("nowhere.lan"), "no such host");
   EXPECT_EQ(questions(), 1U);
@@ -59,6 +72,7 @@ TEST_F(ResolverTest, AnswersAFailedNameFromMemoryForAMinute) {
   EXPECT_EQ(lookUp("nowhere.lan"), "10.0.0.7");
 }
 
+// Also proves [resolver-failed].
 TEST_F(ResolverTest, ASilentNameServerCostsNothingForAMinute) {
   serverIsSilent();
   EXPECT_EQ(lookUpInVain("silent.lan"), "name server does not answer");
@@ -70,6 +84,7 @@ TEST_F(ResolverTest, ASilentNameServerCostsNothingForAMinute) {
   EXPECT_EQ(questions(), 1U);
 }
 
+// Promise [resolver-fresh]: Addresses are not remembered.
 TEST_F(ResolverTest, DoesNotRememberAddresses) {
   server_.hosts["player.lan"] = "10.0.0.7";
   EXPECT_EQ(lookUp("player.lan"), "10.0.0.7");
@@ -77,6 +92,8 @@ TEST_F(ResolverTest, DoesNotRememberAddresses) {
   EXPECT_EQ(lookUp("player.lan"), "10.0.0.8");
 }
 
+// Promise [resolver-budget]: All requesters of a minute together wait 950 ms for silent name
+// servers, and 100 ms for each further name, however many names are invented.
 TEST_F(ResolverTest, WaitsAShortTimeOnlyWhenASecondWasWaitedInThisMinute) {
   serverIsSilent();
   lookUpInVain("silent.lan");
@@ -92,6 +109,7 @@ TEST_F(ResolverTest, WaitsAShortTimeOnlyWhenASecondWasWaitedInThisMinute) {
   EXPECT_EQ(answerTo(later), "none yet");
 }
 
+// Promise: A lookup continues after its requester gave up: a name that was only slow is no failure.
 TEST_F(ResolverTest, ANameThatWasOnlySlowIsNoFailure) {
   serverIsSilent();
   lookUpInVain("silent.lan");
@@ -117,6 +135,7 @@ TEST_F(ResolverTest, HasTheNumbersThatProgramsOfAnotherBuildSend) {
   EXPECT_EQ(Resolver::address, 0x08000004U);
 }
 
+// Also proves [resolver-budget].
 TEST_F(ResolverTest, SpendsThePatienceOfAMinuteOnWhatWasWaited) {
   serverIsSilent();
   platform_.advance(minute / 2);
@@ -131,6 +150,8 @@ TEST_F(ResolverTest, SpendsThePatienceOfAMinuteOnWhatWasWaited) {
   EXPECT_EQ(answerTo(silent), "name server does not answer");
 }
 
+// Promise [resolver-lookups]: 128 names are looked up at once, each answered in its own time; one
+// more is refused with `too many lookups at a time`, which is not remembered.
 TEST_F(ResolverTest, AnswersManyAtOnceEachInItsTime) {
   serverIsSilent();
   std::vector<uint32_t> requests;
@@ -151,6 +172,7 @@ TEST_F(ResolverTest, AnswersManyAtOnceEachInItsTime) {
   EXPECT_EQ(lookUp("one-more.lan"), "no such host") << "a refusal is not remembered";
 }
 
+// Promise: Requests for a name that is being looked up get the same answer from the same lookup.
 TEST_F(ResolverTest, ForgetsNobodyWhoAsksForTheSameName) {
   serverIsSilent();
   const uint32_t first = ask("player.lan");
@@ -166,6 +188,7 @@ TEST_F(ResolverTest, ForgetsNobodyWhoAsksForTheSameName) {
   for (const uint32_t other : others) EXPECT_EQ(answerTo(other), "10.0.0.7");
 }
 
+// Promise: Requests that wait when the resolver ends are answered with `service unavailable`.
 TEST_F(ResolverTest, TellsThoseWhoWaitWhenItEnds) {
   serverIsSilent();
   const uint32_t request = ask("silent.lan");
@@ -173,6 +196,8 @@ TEST_F(ResolverTest, TellsThoseWhoWaitWhenItEnds) {
   EXPECT_EQ(answerTo(request), "service unavailable");
 }
 
+// Promise [resolver-leaves]: The resolver leaves a minute after its last lookup, when it remembers
+// no failure any more, and stays for a request that comes meanwhile.
 TEST_F(ResolverTest, LeavesAMinuteAfterItsLastLookup) {
   server_.hosts["player.lan"] = "10.0.0.7";
   platform_.advance(minute - 1);
@@ -184,11 +209,13 @@ TEST_F(ResolverTest, LeavesAMinuteAfterItsLastLookup) {
   EXPECT_EQ(platform_.sentTo({0}, 0x13).size(), 1U) << "unregistered";
 }
 
+// Also proves [resolver-leaves].
 TEST_F(ResolverTest, LeavesWhenNobodyAsksAtAll) {
   platform_.advance(minute);
   EXPECT_TRUE(platform_.stopped());
 }
 
+// Also proves [resolver-leaves].
 TEST_F(ResolverTest, StaysAsLongAsItRemembersAFailure) {
   serverIsSilent();
   const uint32_t request = ask("silent.lan");
@@ -200,6 +227,7 @@ TEST_F(ResolverTest, StaysAsLongAsItRemembersAFailure) {
   EXPECT_EQ(questions(), 1U);
 }
 
+// Also proves [resolver-leaves].
 TEST_F(ResolverTest, StaysForARequestThatComesWhileItIsAboutToLeave) {
   server_.hosts["player.lan"] = "10.0.0.7";
   uint32_t request = 0;

@@ -63,6 +63,8 @@ TEST(SystemUsers, AreThoseOfThisMachine) {
   EXPECT_FALSE(users.group("nobody-of-that-name"));
 }
 
+// Promise [service-file]: A service file gives name, number, executable and user, and may give
+// group, `boot`, `answers-only` and stores.
 TEST(ServiceFile, DescribesAService) {
   const auto service = parse(
       "; The gateway daemon.\n"
@@ -86,6 +88,7 @@ TEST(ServiceFile, DescribesAService) {
   EXPECT_EQ(service->stores, (std::vector<std::string>{"upnp", "upnpm", "more"}));
 }
 
+// Also proves [service-file].
 TEST(ServiceFile, HasDefaultsForWhatIsLeftOut) {
   const auto service = parse(serviceFile());
   ASSERT_TRUE(service);
@@ -102,6 +105,8 @@ TEST(ServiceFile, TakesBlanksAndNoForAnAnswer) {
   EXPECT_FALSE(service->boot);
 }
 
+// Promise: A service's user is a name or a number that need not exist in the user database; its
+// group is the user's own unless one is given.
 TEST(ServiceFile, NamesAUserByNumberThatNobodyKnows) {
   const auto service = parse(serviceFile("user", "user = 12345"));
   ASSERT_TRUE(service);
@@ -110,6 +115,7 @@ TEST(ServiceFile, NamesAUserByNumberThatNobodyKnows) {
   EXPECT_EQ(parse(serviceFile("user", "user = 12345\ngroup = 7"))->group, 7U);
 }
 
+// Also proves [service-name], [service-file-line], [service-file-size].
 TEST(ServiceFile, TakesTheLongestNameLineAndFile) {
   const std::string name(32, 'a');
   std::string text = serviceFile("name", "name = " + name) + ";" + std::string(189, 'x') + "\n";
@@ -118,6 +124,23 @@ TEST(ServiceFile, TakesTheLongestNameLineAndFile) {
   EXPECT_EQ(parse(text)->name, name);
 }
 
+// Promise: A setting that is missing, unknown, given twice or outside the section is refused:
+// `"name" is missing`, `unknown setting "colour"`, `"number" is given twice`, `settings belong
+// below [service]`.
+// Promise [service-name]: A service name has 1 to 32 small letters, digits and dashes and does not
+// begin with a dash: `"-x" is no name`.
+// Promise [service-number]: A service number is from 1 to 65535: `"65536" is no number`.
+// Promise: A service's executable is an absolute path: `"bin/igd" is no executable`.
+// Promise [service-root]: No service runs as root or in root's group: `may not run as root`, `may
+// not run in root's group`.
+// Promise: An unknown user or group is refused: `there is no user "nobody-knows"`, `there is no
+// group "wheel"`.
+// Promise: A switch of a service file is `yes` or `no`: `"boot" is neither yes nor no`.
+// Promise: A store of a service is a name, not a path: `"../x" is no name of a store`.
+// Promise [service-file-line]: A line of a service file that is no setting, has more than 190
+// bytes, or a byte that is no printable ASCII is refused with its number: `line 6: is too long`.
+// Promise [service-file-size]: A service file of more than 16384 bytes is refused: `is too long`.
+// Also proves [service-file-wrong].
 TEST(ServiceFile, IsRefusedWithAReason) {
   struct Case {
     const char* replaced;
@@ -213,6 +236,8 @@ TEST_F(ServiceFolderTest, GivesTheServicesInRisingOrder) {
   EXPECT_EQ(log_, "");
 }
 
+// Promise [service-file-wrong]: A wrong service file is left out and reported with its path and the
+// reason, the others count.
 TEST_F(ServiceFolderTest, LeavesOutAWrongFileAndSaysWhy) {
   put("a.ini", serviceFile("user", "user = root"));
   put("b.ini", serviceFile());
@@ -220,6 +245,8 @@ TEST_F(ServiceFolderTest, LeavesOutAWrongFileAndSaysWhy) {
   EXPECT_EQ(log_, folder_ + "/a.ini: may not run as root\n");
 }
 
+// Promise [service-twice]: Of two files with one number or one name the second is left out, and so
+// is one with a number of lumend's own.
 TEST_F(ServiceFolderTest, LeavesOutTheSecondOfTwoWithOneNumberOrName) {
   put("a.ini", serviceFile());
   put("b.ini", serviceFile("name", "name = other"));
@@ -229,12 +256,15 @@ TEST_F(ServiceFolderTest, LeavesOutTheSecondOfTwoWithOneNumberOrName) {
                       "/c.ini: there is another service upnp\n");
 }
 
+// Also proves [service-twice].
 TEST_F(ServiceFolderTest, LeavesOutANumberOfItsOwn) {
   put("a.ini", serviceFile("number", "number = 20"));
   EXPECT_EQ(read(), Names{});
   EXPECT_EQ(log_, folder_ + "/a.ini: number 20 is lumend's own\n");
 }
 
+// Promise: What is no plain file ending in `.ini` is no service file; a folder, a pipe and a broken
+// link with that ending are reported.
 TEST_F(ServiceFolderTest, LeavesOutWhatIsNoPlainFile) {
   std::filesystem::create_directory(folder_ + "/a.ini");
   ASSERT_EQ(mkfifo((folder_ + "/b.ini").c_str(), 0600), 0);
@@ -254,6 +284,7 @@ TEST_F(ServiceFolderTest, LeavesOutWhatCannotBeRead) {
   EXPECT_EQ(log.text(), folder_ + "/a.ini: Input/output error\n");
 }
 
+// Promise: A missing folder of service files is reported and means no services.
 TEST_F(ServiceFolderTest, SaysThatTheFolderIsMissing) {
   std::filesystem::remove_all(folder_);
   EXPECT_EQ(read(), Names{});

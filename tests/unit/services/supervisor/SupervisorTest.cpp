@@ -88,6 +88,8 @@ class SupervisorTest : public testing::Test {
   Supervisor supervisor{twoServices(), processes, clock, "/run"};
 };
 
+// Promise [service-start]: A service starts at boot if its file says so, any other with the first
+// request for it.
 TEST_F(SupervisorTest, StartsAtBootWhatIsToStartThen) {
   supervisor.boot();
   ASSERT_EQ(starts(), 1U);
@@ -97,6 +99,7 @@ TEST_F(SupervisorTest, StartsAtBootWhatIsToStartThen) {
   EXPECT_EQ(processes.started[0].lockFile, gatewayLock);
 }
 
+// Also proves [service-start].
 TEST_F(SupervisorTest, DoesNotStartAgainAtBootWhatWasNeededBefore) {
   EXPECT_TRUE(supervisor.need(gateway, false));
   supervisor.boot();
@@ -113,6 +116,7 @@ TEST_F(SupervisorTest, DoesNotStartAgainWhatWasNeededWhileItServed) {
   EXPECT_EQ(starts(), 1U);
 }
 
+// Also proves [service-start].
 TEST_F(SupervisorTest, StartsTheOthersAtTheFirstRequest) {
   supervisor.boot();
   EXPECT_EQ(state(resolver), servicestate::stopped);
@@ -122,6 +126,8 @@ TEST_F(SupervisorTest, StartsTheOthersAtTheFirstRequest) {
   EXPECT_EQ(state(resolver), servicestate::starting);
 }
 
+// Promise [service-one]: A service has one process at a time; the next life starts when the last
+// one is reaped.
 TEST_F(SupervisorTest, NeverRunsTwoProcessesOfAService) {
   supervisor.boot();
   EXPECT_TRUE(supervisor.need(gateway, false));
@@ -133,6 +139,8 @@ TEST_F(SupervisorTest, NeverRunsTwoProcessesOfAService) {
   EXPECT_EQ(starts(), 1U);
 }
 
+// Promise [service-leave]: A service that had unregistered and exits with 0 was not needed, and is
+// not started again until it is needed.
 TEST_F(SupervisorTest, LeavesAServiceAloneThatWasNotNeeded) {
   supervisor.boot();
   supervisor.registered(gateway);
@@ -144,6 +152,8 @@ TEST_F(SupervisorTest, LeavesAServiceAloneThatWasNotNeeded) {
   EXPECT_EQ(starts(), 1U);
 }
 
+// Promise: A request that arrives while a service leaves starts its next life at once.
+// Also proves [service-one].
 TEST_F(SupervisorTest, StartsAgainAtOnceWhenNeededWhileLeaving) {
   supervisor.boot();
   supervisor.registered(gateway);
@@ -156,6 +166,7 @@ TEST_F(SupervisorTest, StartsAgainAtOnceWhenNeededWhileLeaving) {
   EXPECT_EQ(record(gateway).get_u32(servicekey::restarts), 0U) << "it had not crashed";
 }
 
+// Also proves [service-leave].
 TEST_F(SupervisorTest, DoesNotStartAgainWhatRegisteredAgain) {
   supervisor.boot();
   supervisor.registered(gateway);
@@ -167,6 +178,8 @@ TEST_F(SupervisorTest, DoesNotStartAgainWhatRegisteredAgain) {
   EXPECT_EQ(starts(), 1U) << "whoever needed it was served by the first life";
 }
 
+// Promise [service-crash]: Every other end of a service is a crash: never registered, still
+// registered, registered again, another exit status, a signal.
 TEST_F(SupervisorTest, TakesEveryOtherEndForACrash) {
   struct Case {
     const char* why;
@@ -198,6 +211,7 @@ TEST_F(SupervisorTest, TakesEveryOtherEndForACrash) {
   }
 }
 
+// Also proves [service-crash].
 TEST_F(SupervisorTest, HearsTheLastWordsBeforeItJudgesTheEnd) {
   supervisor.boot();
   supervisor.registered(gateway);
@@ -207,6 +221,9 @@ TEST_F(SupervisorTest, HearsTheLastWordsBeforeItJudgesTheEnd) {
   EXPECT_EQ(state(gateway), servicestate::stopped);
 }
 
+// Promise [restart]: A crashed service starts again after 1 s, after 2, 4, 8, 16 and 32 s when it
+// crashes again, and then after 60 s each time.
+// Also proves [service-list].
 TEST_F(SupervisorTest, DoublesTheBackOffUpToAMinute) {
   supervisor.boot();
   for (const uint64_t expected : {1000U, 2000U, 4000U, 8000U, 16000U, 32000U, 60000U, 60000U}) {
@@ -221,6 +238,8 @@ TEST_F(SupervisorTest, DoublesTheBackOffUpToAMinute) {
   EXPECT_EQ(record(gateway).get_u32(servicekey::restarts), 8U);
 }
 
+// Promise [restart-reset]: A service that crashes after a life of 60 s, this one or one before it
+// that ended well, starts again after 1 s; a shorter life that ended well does not count.
 TEST_F(SupervisorTest, CountsAfreshAfterAMinuteOfRunning) {
   supervisor.boot();
   crashUntilDelayIs(8000);
@@ -234,6 +253,7 @@ TEST_F(SupervisorTest, CountsAfreshAfterAMinuteOfRunning) {
   EXPECT_EQ(delay(), 1000U);
 }
 
+// Also proves [restart-reset].
 TEST_F(SupervisorTest, CountsAfreshAfterAMinuteOfRunningThatEndedWell) {
   supervisor.boot();
   crashUntilDelayIs(8000);
@@ -248,6 +268,7 @@ TEST_F(SupervisorTest, CountsAfreshAfterAMinuteOfRunningThatEndedWell) {
   EXPECT_EQ(delay(), 1000U);
 }
 
+// Also proves [restart-reset].
 TEST_F(SupervisorTest, GoesOnCountingAfterAShortLifeThatEndedWell) {
   supervisor.boot();
   crashUntilDelayIs(8000);
@@ -260,6 +281,8 @@ TEST_F(SupervisorTest, GoesOnCountingAfterAShortLifeThatEndedWell) {
   EXPECT_EQ(delay(), 16000U);
 }
 
+// Promise [restart-admin]: During back-off a request is refused, and an administrator's starts the
+// service at once.
 TEST_F(SupervisorTest, RefusesARequestDuringTheBackOff) {
   supervisor.boot();
   crash();
@@ -268,6 +291,7 @@ TEST_F(SupervisorTest, RefusesARequestDuringTheBackOff) {
   EXPECT_EQ(state(gateway), servicestate::waiting);
 }
 
+// Also proves [restart-admin].
 TEST_F(SupervisorTest, StartsAtOnceForAnAdministratorDuringTheBackOff) {
   supervisor.boot();
   crashUntilDelayIs(4000);
@@ -287,6 +311,8 @@ TEST_F(SupervisorTest, TellsWhoWaitsThatACrashedServiceStaysAway) {
   EXPECT_EQ(listener.refused, std::vector<uint32_t>{gateway});
 }
 
+// Promise: When a service crashes while requests wait, it starts at once if an administrator sent
+// one, and the other requests are answered with `service unavailable`.
 TEST_F(SupervisorTest, StartsAtOnceForAnAdministratorWhoAskedWhileItCrashed) {
   supervisor.boot();
   supervisor.registered(gateway);
@@ -307,6 +333,7 @@ TEST_F(SupervisorTest, PutsOffTheStartForOthersWhoAskedWhileItCrashed) {
   EXPECT_EQ(listener.refused, std::vector<uint32_t>{gateway});
 }
 
+// Promise: A start that fails counts as a crash.
 TEST_F(SupervisorTest, TakesAStartThatFailsForACrash) {
   processes.failToStart = true;
   EXPECT_FALSE(supervisor.need(resolver, false));
@@ -317,6 +344,7 @@ TEST_F(SupervisorTest, TakesAStartThatFailsForACrash) {
   EXPECT_EQ(state(resolver), servicestate::starting);
 }
 
+// Also proves [leftover].
 TEST_F(SupervisorTest, WaitsForTheProcessThatAnEarlierLumendHasLeft) {
   processes.holders[gatewayLock] = 77;
   supervisor.boot();
@@ -330,6 +358,8 @@ TEST_F(SupervisorTest, WaitsForTheProcessThatAnEarlierLumendHasLeft) {
   EXPECT_TRUE(processes.killed.empty());
 }
 
+// Promise [leftover]: A process that an earlier lumend has left is waited for up to 10 s, then
+// killed, and the service starts when it is gone.
 TEST_F(SupervisorTest, KillsTheProcessThatAnEarlierLumendHasLeftAfterTenSeconds) {
   processes.holders[gatewayLock] = 77;
   supervisor.boot();
@@ -343,6 +373,7 @@ TEST_F(SupervisorTest, KillsTheProcessThatAnEarlierLumendHasLeftAfterTenSeconds)
   EXPECT_EQ(starts(), 1U);
 }
 
+// Promise [lock-holders]: A service's lock that has further holders is freed of one every 10 s.
 TEST_F(SupervisorTest, KillsOneHolderOfALockAfterTheOther) {
   processes.holders[gatewayLock] = 77;
   supervisor.boot();
@@ -358,6 +389,7 @@ TEST_F(SupervisorTest, KillsOneHolderOfALockAfterTheOther) {
   EXPECT_EQ(starts(), 1U);
 }
 
+// Promise: At its end lumend asks every service with SIGTERM to end and waits until all are reaped.
 TEST_F(SupervisorTest, AsksEveryServiceToEndAndWaitsForIt) {
   supervisor.boot();
   EXPECT_TRUE(supervisor.need(resolver, false));
@@ -395,6 +427,7 @@ TEST_F(SupervisorTest, EndsAtOnceWhenNothingRuns) {
   EXPECT_TRUE(supervisor.isShutDown());
 }
 
+// Promise: Nothing is started while lumend ends.
 TEST_F(SupervisorTest, StartsNothingWhileItShutsDown) {
   supervisor.boot();
   crash();
@@ -405,6 +438,8 @@ TEST_F(SupervisorTest, StartsNothingWhileItShutsDown) {
   EXPECT_EQ(starts(), 1U);
 }
 
+// Promise [end-kill]: A service that does not end within 5 s of lumend's SIGTERM is killed, and
+// lumend ends a second later in any case.
 TEST_F(SupervisorTest, KillsAfterFiveSecondsWhatDoesNotEnd) {
   supervisor.boot();
   supervisor.shutDown();
@@ -418,6 +453,7 @@ TEST_F(SupervisorTest, KillsAfterFiveSecondsWhatDoesNotEnd) {
   EXPECT_TRUE(supervisor.isShutDown());
 }
 
+// Also proves [end-kill].
 TEST_F(SupervisorTest, EndsAllTheSameWhenNotEvenKillingHelps) {
   supervisor.boot();
   supervisor.shutDown();
@@ -425,6 +461,9 @@ TEST_F(SupervisorTest, EndsAllTheSameWhenNotEvenKillingHelps) {
   EXPECT_TRUE(supervisor.isShutDown());
 }
 
+// Promise [service-list]: The list of services has their number, name, state (`stopped`,
+// `starting`, `running`, `leaving` or `waiting`), process, restarts and the milliseconds to the
+// next start.
 TEST_F(SupervisorTest, ListsWhatItRuns) {
   supervisor.boot();
   supervisor.registered(gateway);
@@ -441,6 +480,7 @@ TEST_F(SupervisorTest, ListsWhatItRuns) {
   EXPECT_EQ(busy.get_u64(servicekey::nextStart), 0U);
 }
 
+// Also proves [service-list].
 TEST_F(SupervisorTest, TellsInOneWordWhatAServiceDoes) {
   EXPECT_EQ(state(gateway), "stopped");
   supervisor.boot();
@@ -456,6 +496,10 @@ TEST_F(SupervisorTest, TellsInOneWordWhatAServiceDoes) {
   EXPECT_EQ(state(gateway), "starting") << "once the earlier process has gone";
 }
 
+// Promise: Each event in the life of a service is one line of the log: `upnp: started, process
+// 1000`, `upnp: ended by signal 11, starts again in 1 s`, `upnp: ended with exit status 3, starts
+// again in 2 s`, `upnp: ended by signal 11, starts again at once`, `upnp: ended, not needed now`,
+// `upnp: cannot be started, starts again in 8 s`.
 TEST_F(SupervisorTest, SaysInTheLogWhatBecomesOfAService) {
   testing::internal::CaptureStdout();
   supervisor.boot();
@@ -484,6 +528,9 @@ TEST_F(SupervisorTest, SaysInTheLogWhatBecomesOfAService) {
             "upnp: cannot be started, starts again in 8 s\n");
 }
 
+// Promise: The log says which process lumend waits for and which it kills: `upnp: waits for the
+// process that an earlier lumend has left`, `upnp: kills the process that an earlier lumend has
+// left`, `upnp: is killed, since it does not end`.
 TEST_F(SupervisorTest, SaysInTheLogWhomItWaitsForAndWhomItKills) {
   testing::internal::CaptureStdout();
   processes.holders[gatewayLock] = 77;
@@ -502,6 +549,7 @@ TEST_F(SupervisorTest, SaysInTheLogWhomItWaitsForAndWhomItKills) {
             "upnp: ended by signal 9\n");
 }
 
+// Promise: A service is known by its number and by its user.
 TEST_F(SupervisorTest, KnowsItsServicesByNumberAndByUser) {
   EXPECT_TRUE(supervisor.isDefined(gateway));
   EXPECT_FALSE(supervisor.isDefined(66));

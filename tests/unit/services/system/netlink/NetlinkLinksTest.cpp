@@ -161,6 +161,7 @@ class NetlinkLinksTest : public testing::Test {
   std::unique_ptr<InterfaceTable> table;
 };
 
+// Also proves [table-links].
 TEST_F(NetlinkLinksTest, FindsTheLinksAndAddressesThatAreThere) {
   ip("link set lo up");
   hasPair("wan0");
@@ -175,6 +176,8 @@ TEST_F(NetlinkLinksTest, FindsTheLinksAndAddressesThatAreThere) {
   EXPECT_EQ(addresses(), "wan0=45.45.45.2 disabled=0, lan0=192.168.1.1 disabled=1, ");
 }
 
+// Promise: An interface is disabled when its link is not up, and running when the link is up and
+// running.
 TEST_F(NetlinkLinksTest, FollowsALinkFromItsBeginningToItsEnd) {
   starts();
   ip("link add wan0 type veth peer name far0");
@@ -203,6 +206,7 @@ TEST_F(NetlinkLinksTest, FollowsARenamedLinkWithItsAddresses) {
   EXPECT_EQ(addresses(), "wan0=45.45.45.2 disabled=0, ");
 }
 
+// Promise: A link that moves to another network namespace leaves the table.
 TEST_F(NetlinkLinksTest, FollowsALinkThatMovesToAnotherNamespace) {
   hasPair("wan0");
   starts();
@@ -219,6 +223,7 @@ TEST_F(NetlinkLinksTest, FollowsALinkThatMovesToAnotherNamespace) {
   EXPECT_EQ(waitpid(other, &status, 0), other);
 }
 
+// Also proves [table-addresses].
 TEST_F(NetlinkLinksTest, FollowsAddresses) {
   hasPair("wan0");
   starts();
@@ -258,6 +263,7 @@ TEST_F(NetlinkLinksTest, KeepsAPortThatLeavesItsBridge) {
   }
 }
 
+// Also proves [link-counters].
 TEST_F(NetlinkLinksTest, ReadsTheCountersOfALink) {
   hasPair("wan0");
   ip("addr add 45.45.45.2/24 dev wan0");
@@ -291,6 +297,7 @@ TEST_F(NetlinkLinksTest, ReadsTheCountersOfALink) {
   EXPECT_GE(numbers[9], 3U);
 }
 
+// Also proves [routes-back].
 TEST_F(NetlinkLinksTest, PutsTheRoutesBackThatWentDownWithTheLink) {
   hasPair("wan0");
   hasPair("lan0");
@@ -352,6 +359,8 @@ TEST_F(NetlinkLinksTest, RefusesARouteThatIsThereAndOneThatIsNone) {
   EXPECT_EQ(links->routes(index)->size(), 1U) << "and answers go on fitting their requests";
 }
 
+// Promise: Changes that the kernel had to drop are logged: `interfaces: changes were lost, reading
+// everything again: No buffer space available`.
 TEST_F(NetlinkLinksTest, ReadsEverythingAgainWhenTheKernelHadToDropChanges) {
   hasPair("wan0");
   ip("addr add 10.0.0.1/16 dev wan0");
@@ -400,6 +409,8 @@ class Reading : public Links::Listener {
   std::optional<LinkSnapshot> all;
 };
 
+// Promise: Tables that cannot be read are read again until they can, and the log says why:
+// `interfaces: could not read the kernel's tables, trying again`.
 TEST_F(NetlinkLinksTest, TriesAgainUntilTheTablesCanBeRead) {
   struct Case {
     RefusedCall call;
@@ -436,6 +447,8 @@ TEST_F(NetlinkLinksTest, TriesAgainUntilTheTablesCanBeRead) {
   }
 }
 
+// Promise: A question that the kernel cannot be asked is answered without it, and the next one
+// works.
 TEST_F(NetlinkLinksTest, AnswersWhenTheKernelCannotBeAsked) {
   hasPair("wan0");
   starts();
@@ -479,6 +492,7 @@ TEST_F(NetlinkLinksTest, KnowsThePortOfItsSocket) {
   EXPECT_EQ(portsOfSubscribers(), std::set<uint32_t>{socket.port()});
 }
 
+// Promise: What other programs send to lumend's netlink socket is ignored.
 TEST_F(NetlinkLinksTest, BelievesNobodyButTheKernel) {
   hasPair("wan0");
   hasPair("lan0");
@@ -502,6 +516,7 @@ TEST_F(NetlinkLinksTest, BelievesNobodyButTheKernel) {
   EXPECT_EQ(stateOf("wan0"), "running");
 }
 
+// Promise: A table that changes while it is read is read again until it is whole.
 TEST_F(NetlinkLinksTest, ReadsWholeTablesWhileTheyChange) {
   hasPair("wan0");
   // The kernel counts addresses in the order of their making while it dumps them: each one that

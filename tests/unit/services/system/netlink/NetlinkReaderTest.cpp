@@ -34,6 +34,8 @@ What as(const NetlinkMessage& m) {
   return what ? *what : What{};
 }
 
+// Promise: Links, addresses, routes, refusals and ends of listings are read from the kernel's
+// bytes, several from one datagram.
 TEST(NetlinkReader, ReadsALinkWithItsCounters) {
   const NetlinkMessage m = read(linkWithCounters);
   EXPECT_EQ(m.sequence, 9U);
@@ -63,6 +65,7 @@ TEST(NetlinkReader, ReadsADeletedLink) {
   EXPECT_EQ(as<NetlinkMessage::LinkGone>(read(linkDeleted)).index, 5U);
 }
 
+// Promise: A port that leaves its bridge is not taken for a link that leaves.
 TEST(NetlinkReader, DoesNotTakeAPortThatLeavesItsBridgeForADeletedLink) {
   std::string reason;
   const auto messages = readNetlink(portLeftBridge.span(), reason);
@@ -94,6 +97,7 @@ TEST(NetlinkReader, ReadsARouteWithAGateway) {
   EXPECT_EQ(std::memcmp(is.content.data(), body.data(), body.size()), 0);
 }
 
+// Also proves [routes-back].
 TEST(NetlinkReader, KnowsARouteThatTheKernelMakesItself) {
   const auto is = as<NetlinkMessage::RouteIs>(read(networkRoute));
   EXPECT_TRUE(is.kernelMade);
@@ -176,6 +180,8 @@ const Wrong wrongBytes[] = {
     {"error number", &noSuchDevice, 18, 0x7f},    // beyond every errno
 };
 
+// Promise: A malformed netlink message is refused as a whole, whatever its bytes, and nothing is
+// read beyond its end.
 TEST(NetlinkReader, RefusesWhatIsMalformed) {
   for (const Wrong& wrong : wrongBytes) {
     NetlinkBytes bytes = *wrong.good;

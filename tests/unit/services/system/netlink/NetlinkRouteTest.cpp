@@ -19,6 +19,8 @@ std::vector<std::byte> bytesOf(const NetlinkBytes& bytes) {
   return {bytes.span().begin(), bytes.span().end()};
 }
 
+// Promise: A saved route names the link and what an administrator or a program set, and leaves out
+// what the kernel only reports.
 TEST(NetlinkRoute, PutsARouteBackByTheLinkItLeftBy) {
   EXPECT_EQ(
       makeRouteRequest(routeOf(defaultRoute, 3), 3),
@@ -61,6 +63,7 @@ TEST(NetlinkRoute, LeavesOutWhatTheKernelOnlyTells) {
                "08 00 0f 00 fe 00 00 00", "08 00 05 00 2d 2d 2d 01", "08 00 04 00 03 00 00 00"}));
 }
 
+// Promise: A saved record that is no route is refused before the kernel sees it.
 TEST(NetlinkRoute, RefusesAContentThatIsNoRoute) {
   const std::string whole = routeOf(multipathRoute, 3).content;
   for (size_t length = 0; length < whole.size(); ++length) {

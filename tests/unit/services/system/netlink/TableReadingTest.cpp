@@ -47,6 +47,8 @@ TEST_F(TableReadingTest, HoldsWhatWasAnsweredAndTold) {
   EXPECT_EQ(all.addresses.at(2), (std::set<LinkAddress>{at("10.0.0.1"), at("10.0.0.2")}));
 }
 
+// Promise: What the kernel reports while its tables are read wins over an answer that comes later
+// and does not know it yet.
 TEST_F(TableReadingTest, DoesNotHoldAnAddressThatWasToldGoneBeforeAnAnswerThatStillListsIt) {
   tells(loses("10.0.0.1"));
   answers(has("10.0.0.1"));

@@ -23,6 +23,7 @@ class EndSignalsTest : public testing::Test {
   lm::EventLoop loop_{clock_};
 };
 
+// Also proves [lumend-end].
 TEST_F(EndSignalsTest, AreEventsOfTheLoop) {
   EndSignals signals;
   raise(SIGTERM);  // before anybody watches

@@ -34,6 +34,7 @@ class JournalTest : public testing::Test {
   lm::Fd listener;
 };
 
+// Promise: The lines of each program bear its name in the journal.
 TEST_F(JournalTest, KeepsWhatIsWrittenUnderTheIdentifier) {
   journalListens();
   const lm::Fd stream = journal::open("palinode-igd", folder.file("stdout"));

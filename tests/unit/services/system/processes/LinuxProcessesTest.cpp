@@ -138,6 +138,14 @@ std::multiset<std::string> values(const std::string& output, const std::string& 
 
 using Values = std::multiset<std::string>;
 
+// Promise [service-privileges]: A service starts as its user and in its group alone, without any
+// capability and with no_new_privs set.
+// Promise [service-descriptors]: A service starts with descriptors 0 to 2 open, its input at its
+// end, and no others but its lock.
+// Promise [service-environment]: A service starts with an empty signal mask, default dispositions,
+// umask 077, in `/`, in its own session and with `PATH` as its only variable.
+// Promise [service-term]: A service gets SIGTERM from the kernel when lumend ends, however that
+// ends.
 TEST_F(LinuxProcessesTest, StartsAProcessWithNothingThatItShouldNotHave) {
   // What must not reach it.
   const lm::Fd leak(open("/dev/null", O_RDONLY));
@@ -181,6 +189,8 @@ TEST_F(LinuxProcessesTest, StartsAProcessWithNothingThatItShouldNotHave) {
   EXPECT_EQ(WTERMSIG(endedStatus), SIGTERM);
 }
 
+// Promise: How a service's process ended is known, whatever signal dispositions lumend was started
+// with, and starting one leaves no descriptor.
 TEST_F(LinuxProcessesTest, TellsTheExitStatus) {
   ASSERT_TRUE(start("/bin/false"));
   ASSERT_TRUE(hasEnded());
@@ -188,6 +198,8 @@ TEST_F(LinuxProcessesTest, TellsTheExitStatus) {
   EXPECT_EQ(WEXITSTATUS(endedStatus), 1);
 }
 
+// Promise [service-lock]: A service holds its lock file as long as it lives; a second process under
+// that lock ends with 126 before it is the service.
 TEST_F(LinuxProcessesTest, HoldsTheLockAsLongAsTheProcessLives) {
   const std::string lock = program("").lockFile;
   EXPECT_EQ(processes.lockHolder(lock), 0);
@@ -201,6 +213,7 @@ TEST_F(LinuxProcessesTest, HoldsTheLockAsLongAsTheProcessLives) {
   EXPECT_EQ(processes.lockHolder(lock), 0);
 }
 
+// Also proves [service-lock].
 TEST_F(LinuxProcessesTest, DoesNotRunASecondProcessUnderOneLock) {
   const std::optional<pid_t> first = start(SERVICE_PROBE);
   ASSERT_TRUE(first && isReady());
@@ -215,6 +228,7 @@ TEST_F(LinuxProcessesTest, DoesNotRunASecondProcessUnderOneLock) {
   EXPECT_TRUE(hasEnded());
 }
 
+// Promise: An executable runs also where its user cannot look.
 TEST_F(LinuxProcessesTest, RunsAnExecutableThatTheUserCannotReach) {
   const std::string hidden = folder_ + "/hidden";
   std::filesystem::create_directory(hidden);
@@ -235,6 +249,7 @@ TEST_F(LinuxProcessesTest, TellsTheEndAlsoWhereItsOwnStarterIgnoredThose) {
   EXPECT_EQ(WEXITSTATUS(endedStatus), 1);
 }
 
+// Promise: When an executable cannot be run, the report has its path and the system's error text.
 TEST_F(LinuxProcessesTest, SaysWhatCannotBeRun) {
   testing::internal::CaptureStdout();
   EXPECT_FALSE(processes.start(program("/nowhere/program")));
@@ -249,6 +264,7 @@ TEST_F(LinuxProcessesTest, SaysWhatCannotBeRun) {
   EXPECT_EQ(output(), folder_ + "/text: cannot be run: Permission denied\n");
 }
 
+// Promise: What keeps a process from starting is logged, and leaves no child.
 TEST_F(LinuxProcessesTest, SaysWhatKeepsAProcessFromStarting) {
   Program nowhere = program("/bin/true");
   nowhere.lockFile = folder_ + "/missing/service.lock";
@@ -265,6 +281,8 @@ TEST_F(LinuxProcessesTest, SaysWhatKeepsAProcessFromStarting) {
   EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child is left";
 }
 
+// Promise: A service that cannot be cut off from lumend in every way is not run: `/bin/true:
+// capabilities: Operation not permitted`.
 TEST_F(LinuxProcessesTest, RunsNoProgramThatIsNotCutOffFromItsStarter) {
   struct Case {
     int call;
@@ -310,6 +328,7 @@ TEST_F(LinuxProcessesTest, SharesItsOutputWhenTheJournalTakesNoStream) {
   EXPECT_EQ(output(), "\n");
 }
 
+// Promise: lumend signals only what it has started, and kills only the holder of a service's lock.
 TEST_F(LinuxProcessesTest, SignalsOnlyWhatItHasStarted) {
   std::array<int, 2> ends{};
   ASSERT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);

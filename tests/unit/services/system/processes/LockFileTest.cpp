@@ -50,6 +50,8 @@ class LockFileTest : public testing::Test {
   std::string folder_ = testing::TempDir() + "lockXXXXXX";
 };
 
+// Promise: A lock file names its holder, is free when that has ended, is for root alone and no link
+// to another file.
 TEST_F(LockFileTest, NamesItsHolder) {
   const pid_t pid = holder();
   const lm::Fd lock = openLockFile(path());

@@ -66,6 +66,8 @@ class PrivateRootTest : public testing::Test {
   std::string directory_ = testing::TempDir() + "rootXXXXXX";
 };
 
+// Promise: `lumend --root DIR` sees DIR at `/lumen`, and no other program does, whether or not
+// there is a `/lumen`.
 TEST_F(PrivateRootTest, ShowsTheDirectoryInPlaceAndNothingOutside) {
   const std::set<std::string> before = namesIn("/");
   EXPECT_EQ(inAChild([&] {
@@ -112,6 +114,8 @@ TEST_F(PrivateRootTest, CoversALumenThatIsThere) {
             "");
 }
 
+// Promise [lumend-folder]: A DIR that is missing, is no directory or that services cannot look into
+// is refused with the reason: `services run as other users and cannot look into it (chmod 755)`.
 TEST_F(PrivateRootTest, SaysWhatIsWrongWithTheDirectory) {
   EXPECT_EQ(inAChild([&] { return enterPrivateRoot("/nowhere"); }),
             "/nowhere: No such file or directory");
@@ -122,6 +126,7 @@ TEST_F(PrivateRootTest, SaysWhatIsWrongWithTheDirectory) {
             directory_ + ": services run as other users and cannot look into it (chmod 755)");
 }
 
+// Also proves [lumend-folder].
 TEST_F(PrivateRootTest, SaysWhatTheSystemDoesNotLetItDo) {
   struct Case {
     int call;
@@ -157,6 +162,8 @@ TEST_F(PrivateRootTest, SaysWhenADirectoryCannotBeGivenAway) {
   }
 }
 
+// Promise: Directories that lumend makes have their owner and mode whatever the umask, and are
+// never made through a link.
 TEST_F(PrivateRootTest, MakesDirectoriesWhateverTheUmask) {
   const std::string made = directory_ + "/store";
   const mode_t before = umask(077);

@@ -15,6 +15,8 @@
 namespace lumen {
 namespace {
 
+// Promise [kernel]: On a kernel before 5.12 lumend ends with 1: `lumend: needs Linux 5.12 for a NAT
+// table that nobody else can change; this is ` and its release.
 TEST(Kernel, IsOldEnoughOrNot) {
   struct Case {
     const char* release;
@@ -62,6 +64,7 @@ class PrivilegesTest : public testing::Test {
   void SetUp() override { ASSERT_EQ(geteuid(), 0U) << "these tests must be run by root"; }
 };
 
+// Also proves [capabilities].
 TEST_F(PrivilegesTest, AreTheNeededOnesAndNoOther) {
   // CAP_KILL 5, CAP_SETGID 6, CAP_SETUID 7, CAP_NET_ADMIN 12.
   EXPECT_TRUE(inAChild([] {
@@ -72,6 +75,7 @@ TEST_F(PrivilegesTest, AreTheNeededOnesAndNoOther) {
   }));
 }
 
+// Also proves [capabilities].
 TEST_F(PrivilegesTest, CanBeGivenUpInTwoSteps) {
   EXPECT_TRUE(inAChild([] {
     return keepCapabilities(capabilitiesForPrivateRoot()) &&
@@ -80,6 +84,7 @@ TEST_F(PrivilegesTest, CanBeGivenUpInTwoSteps) {
   }));
 }
 
+// Also proves [lumend-refuses].
 TEST_F(PrivilegesTest, AreNotHeldForGivenUpWhenTheyWereNot) {
   for (const int call : {SCMP_SYS(capset), SCMP_SYS(prctl)}) {
     whileRefused({call}, EPERM, [] {
@@ -88,6 +93,8 @@ TEST_F(PrivilegesTest, AreNotHeldForGivenUpWhenTheyWereNot) {
   }
 }
 
+// Promise [lumend-root]: lumend started by another user than root says that it `must be started by
+// root`, and one that lacks a capability names it, `lumend: lacks kill`, and ends with 1.
 TEST_F(PrivilegesTest, AreNamedWhenTheyAreMissing) {
   EXPECT_EQ(missingPrivileges(neededCapabilities()), "");
   EXPECT_TRUE(inAChild([] {

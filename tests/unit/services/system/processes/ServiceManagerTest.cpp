@@ -60,6 +60,10 @@ class ServiceManagerTest : public testing::Test {
   lm::Fd manager;
 };
 
+// Promise [ready]: The program that started lumend hears `READY=1` when the start is done, at the
+// socket that `NOTIFY_SOCKET` names, a path or an abstract name.
+// Promise: lumend reports to systemd that it is ready, and twice in each watchdog interval that its
+// loop turns.
 TEST_F(ServiceManagerTest, HearsThatTheStartIsDone) {
   managerListensAt(folder.file("notify"));
   ServiceManager ours(folder.file("notify"), 0);
@@ -70,6 +74,8 @@ TEST_F(ServiceManagerTest, HearsThatTheStartIsDone) {
   EXPECT_EQ(told(), Messages()) << "nobody waits for a sign of life";
 }
 
+// Promise [watchdog]: The program that started lumend hears `WATCHDOG=1` twice in the time that
+// `WATCHDOG_USEC` gives, unless `WATCHDOG_PID` is another process.
 TEST_F(ServiceManagerTest, HearsASignOfLifeTwiceInTheTimeThatItWaits) {
   managerListensAt(folder.file("notify"));
   ServiceManager ours(folder.file("notify"), 30'000'000);
@@ -83,6 +89,7 @@ TEST_F(ServiceManagerTest, HearsASignOfLifeTwiceInTheTimeThatItWaits) {
   EXPECT_EQ(told(), Messages{"WATCHDOG=1"});
 }
 
+// Also proves [ready].
 TEST_F(ServiceManagerTest, MayListenAtAnAbstractName) {
   const std::string name = "@palinode-test-" + std::to_string(getpid());
   managerListensAt(name);
@@ -91,6 +98,7 @@ TEST_F(ServiceManagerTest, MayListenAtAnAbstractName) {
   EXPECT_EQ(told(), Messages{"READY=1"});
 }
 
+// Also proves [ready].
 TEST_F(ServiceManagerTest, IsFoundInTheEnvironment) {
   managerListensAt(folder.file("notify"));
   setenv("NOTIFY_SOCKET", folder.file("notify").c_str(), 1);
@@ -102,6 +110,7 @@ TEST_F(ServiceManagerTest, IsFoundInTheEnvironment) {
   EXPECT_EQ(told(), (Messages{"READY=1", "WATCHDOG=1", "WATCHDOG=1"}));
 }
 
+// Also proves [watchdog].
 TEST_F(ServiceManagerTest, MayWatchOverAnotherProcessOfTheService) {
   managerListensAt(folder.file("notify"));
   setenv("NOTIFY_SOCKET", folder.file("notify").c_str(), 1);
@@ -112,6 +121,8 @@ TEST_F(ServiceManagerTest, MayWatchOverAnotherProcessOfTheService) {
   EXPECT_EQ(told(), Messages{"READY=1"});
 }
 
+// Promise: lumend works the same without such a program, and with one that has gone or does not
+// read.
 TEST_F(ServiceManagerTest, IsNotNeeded) {
   ServiceManager none = ServiceManager::ofThisProcess();
   none.ready();
@@ -123,6 +134,7 @@ TEST_F(ServiceManagerTest, IsNotNeeded) {
   EXPECT_EQ(loop.nextDue(), clock.now() + 1000) << "tries again";
 }
 
+// Promise: A service manager that does not read blocks nothing.
 TEST_F(ServiceManagerTest, ThatDoesNotReadHoldsNobodyUp) {
   managerListensAt(folder.file("notify"));
   ServiceManager ours(folder.file("notify"), 20'000);
