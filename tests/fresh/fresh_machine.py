@@ -90,7 +90,8 @@ class FreshMachine:
         return [package for package in packages if not self._used(package, since)]
 
     def _used(self, package, since):
-        depends = self._ask("dpkg-query", "-W", "-f", "${Depends}", package)
+        depends = self._ask("dpkg-query", "-W", "-f", "${Pre-Depends}, ${Depends}",
+                            package)
         parts = re.findall(rf"(?:^|, )({re.escape(package)}[a-z0-9.+-]*)", depends)
         return any(os.stat(path).st_atime > since
                    for name in (package, *parts) for path in self._files(name))
