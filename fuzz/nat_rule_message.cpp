@@ -8,14 +8,14 @@
 #include "fuzz/Fuzz.h"
 #include "lumen/runtime/Codec.h"
 #include "lumen/runtime/Fields.h"
-#include "lumen/services/nat/NatKeys.h"
 #include "lumen/services/nat/RuleMessage.h"
 #include "platform/Keys.h"
+#include "platform/wire/NatRules.h"
 
 namespace {
 
 using fuzz::require;
-namespace key = lumen::nat::key;
+namespace key = lm::nat::key;
 
 constexpr uint32_t recordOnly[] = {lm::key::objectId, key::owner, key::seconds,
                                    key::connections,  key::stale, key::closed};

@@ -16,16 +16,16 @@
 #include "lumen/runtime/Codec.h"
 #include "lumen/runtime/EventLoop.h"
 #include "lumen/runtime/Fields.h"
-#include "lumen/services/nat/NatKeys.h"
 #include "lumen/services/nat/NatRules.h"
 #include "platform/Keys.h"
+#include "platform/wire/NatRules.h"
 #include "services/nat/FakeKernel.h"
 #include "support/ManualClock.h"
 
 namespace {
 
 using fuzz::require;
-namespace key = lumen::nat::key;
+namespace key = lm::nat::key;
 
 const std::array<lumen::Caller, 4> callers = {{
     {.connection = 1, .service = 40, .name = "upnp", .administrator = false},
@@ -103,7 +103,7 @@ lm::message addRequest(Input& in) {
   request.insert_u32(key::portLast, port);
   request.insert_bool(key::matchProtocol, true);
   request.insert_u32(key::protocol, how % 2 == 0 ? IPPROTO_TCP : IPPROTO_UDP);
-  request.insert_u32(key::action, lumen::nat::actionDnat);
+  request.insert_u32(key::action, lm::nat::actionDnat);
   request.insert_bool(key::translateAddress, true);
   request.insert_bool(key::translatePort, true);
   insertClient(request, in);

@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <utility>
 
-#include "lumen/runtime/Broker.h"
 #include "lumen/runtime/Codec.h"
 #include "lumen/runtime/Fields.h"
 #include "lumen/runtime/Log.h"
+#include "platform/wire/Broker.h"
 
 namespace lm {
 namespace {
@@ -47,7 +47,7 @@ message Connection::exchange(message request, uint32_t command, uint32_t limit, 
   } else if (late == GivenUp::undone) {
     message cancel;
     cancel.insert_u32(key::serial, serial);
-    notify(std::move(cancel), broker::cancel, sender);
+    notify(std::move(cancel), broker::cmd::cancel, sender);
   }
   return failure("no answer in time");
 }

@@ -6,12 +6,10 @@
 #include "lumen/runtime/HandlerState.h"
 #include "lumen/runtime/Log.h"
 #include "lumen/runtime/Runtime.h"
+#include "platform/wire/History.h"
 
 namespace lm {
 namespace {
-
-constexpr uint32_t undoText = 0x20000001;
-constexpr uint32_t undoMessage = 0x28000002;
 
 Runtime& runtime() {
   Runtime* current = currentRuntime();
@@ -73,8 +71,8 @@ void Handler::notifyChange(uint32_t id, const message& config) {
 void Handler::sendUndo(const message& /*request*/, const message& undo, const std::string& text) {
   message entry;
   entry.insert_u32_array(key::destination, {service::history});
-  entry.insert_string(undoText, text);
-  entry.insert_message(undoMessage, undo);
+  entry.insert_string(history::key::text, text);
+  entry.insert_message(history::key::undo, undo);
   runtime().connection().post(std::move(entry), cmd::addObject, state_->number);
   runtime().handlers().noteUndo(state_->number, undo);
 }

@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <utility>
 
-#include "lumen/runtime/Broker.h"
 #include "lumen/runtime/HandlerState.h"
 #include "lumen/runtime/Log.h"
 #include "platform/Keys.h"
+#include "platform/wire/Broker.h"
 
 namespace lm {
 
@@ -31,7 +31,7 @@ void HandlerTable::subscribe(Handler& handler, uint32_t command,
   std::vector<Handler*>& subscribers = subscribers_[topic];
   if (std::find(subscribers.begin(), subscribers.end(), &handler) != subscribers.end()) return;
   subscribers.push_back(&handler);
-  if (subscribers.size() == 1) tellBroker(broker::subscribe, topic, handler);
+  if (subscribers.size() == 1) tellBroker(broker::cmd::subscribe, topic, handler);
 }
 
 void HandlerTable::unsubscribe(Handler& handler, uint32_t command,
@@ -41,7 +41,7 @@ void HandlerTable::unsubscribe(Handler& handler, uint32_t command,
   if (found == subscribers_.end() || std::erase(found->second, &handler) == 0) return;
   if (!found->second.empty()) return;
   subscribers_.erase(found);
-  tellBroker(broker::unsubscribe, topic, handler);
+  tellBroker(broker::cmd::unsubscribe, topic, handler);
 }
 
 void HandlerTable::dispatch(const message& m) {
@@ -106,8 +106,8 @@ message HandlerTable::answer(const message& request) {
 void HandlerTable::tellBroker(uint32_t command, const Topic& topic, Handler& handler) {
   message request;
   request.insert_u32_array(key::destination, {service::broker});
-  request.insert_u32(broker::topicCommand, topic.first);
-  request.insert_u32_array(broker::topicSource, topic.second);
+  request.insert_u32(broker::key::topicCommand, topic.first);
+  request.insert_u32_array(broker::key::topicSource, topic.second);
   connection_.post(request, command, handler.state().number);
 }
 

@@ -9,11 +9,11 @@
 #include <cstring>
 #include <utility>
 
-#include "lumen/runtime/Broker.h"
 #include "lumen/runtime/Log.h"
 #include "lumen/runtime/SocketTransport.h"
 #include "platform/Keys.h"
 #include "platform/Looper.h"
+#include "platform/wire/Broker.h"
 
 namespace lm {
 namespace {
@@ -24,7 +24,7 @@ constexpr uint32_t registrationLimit = 6000;
 message registration() {
   message request;
   request.insert_u32_array(key::destination, {service::broker});
-  request.insert_u32_array(broker::services, {serviceNumber});
+  request.insert_u32_array(broker::key::services, {serviceNumber});
   return request;
 }
 
@@ -106,7 +106,7 @@ void Runtime::turn(std::optional<uint64_t> limit) {
 
 void Runtime::registerService() {
   const message reply =
-      connection_.exchange(registration(), broker::registerServices, registrationLimit);
+      connection_.exchange(registration(), broker::cmd::registerServices, registrationLimit);
   if (isError(reply)) fatal("platform: service ", serviceNumber, ": ", getError(reply));
   registered_ = true;
 }
@@ -114,7 +114,7 @@ void Runtime::registerService() {
 void Runtime::leave() {
   if (registered_) {
     const message reply =
-        connection_.exchange(registration(), broker::unregisterServices, registrationLimit);
+        connection_.exchange(registration(), broker::cmd::unregisterServices, registrationLimit);
     if (isError(reply)) logLine("platform: service ", serviceNumber, ": ", getError(reply));
     registered_ = false;
     for (size_t left = connection_.arrived(); left > 0; --left) {

@@ -1,15 +1,15 @@
 #include "core/Device.h"
 
 #include "core/Gateway.h"
-#include "core/PlatformTables.h"
 #include "http/Server.h"
 #include "http/Sockets.h"
 #include "platform/Keys.h"
+#include "platform/wire/Interfaces.h"
 #include "ssdp/Advertiser.h"
 
 void Device::openSockets(Gateway& gateway) {
   discoverySocket.reset(
-      makeDiscoverySocket(interfaceName(), record.get_u32(interface_table::index), address));
+      makeDiscoverySocket(interfaceName(), record.get_u32(lm::interfaces::key::index), address));
   discoveryWatch.start<&Gateway::handleSearch>(discoverySocket.get(), gateway, lm::watchRead);
   listenSocket.reset(makeTcpSocket(interfaceName(), HTTP_PORT));
   listenWatch.start<&Gateway::acceptHttp>(listenSocket.get(), gateway, lm::watchAccept);
@@ -36,9 +36,11 @@ WANIPConnection::Status Device::connectionStatus() const {
 
 uint32_t Device::id() const { return record.get_u32(lm::key::objectId); }
 
-std::string Device::displayName() const { return record.get_string(interface_table::displayName); }
+std::string Device::displayName() const {
+  return record.get_string(lm::interfaces::key::displayName);
+}
 
-std::string Device::interfaceName() const { return record.get_string(interface_table::name); }
+std::string Device::interfaceName() const { return record.get_string(lm::interfaces::key::name); }
 
 void Device::advertTimer() {
   theGateway->advertise(*this);

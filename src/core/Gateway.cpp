@@ -3,9 +3,12 @@
 #include <vector>
 
 #include "base/Log.h"
-#include "core/PlatformTables.h"
 #include "platform/Keys.h"
 #include "platform/Looper.h"
+#include "platform/wire/Addresses.h"
+#include "platform/wire/Gateway.h"
+#include "platform/wire/Identity.h"
+#include "platform/wire/Interfaces.h"
 
 Gateway* theGateway = nullptr;
 
@@ -13,12 +16,8 @@ namespace {
 
 constexpr uint32_t leaveDelay = 1000;  // milliseconds
 constexpr uint32_t settingsRecord = 0;
-constexpr uint32_t identityKey = 0x20000001;
 
 // The settings, all bool.
-constexpr uint32_t enabledKey = 1;
-constexpr uint32_t allowDisableKey = 2;
-constexpr uint32_t showDummyRuleKey = 3;
 
 }  // namespace
 
@@ -33,7 +32,8 @@ Gateway::~Gateway() {
 void Gateway::init() {
   lm::message request;
   request.insert_u32_array(lm::key::destination, {lm::service::identity});
-  identity = exchangeCmd(request, lm::cmd::get, lm::exchangeLimit).get_string(identityKey);
+  identity =
+      exchangeCmd(request, lm::cmd::get, lm::exchangeLimit).get_string(lm::identity::key::text);
 
   describeRoot();
   rebuildSearchTargets();
@@ -69,8 +69,8 @@ void Gateway::describeRoot() {
 void Gateway::enable() {
   logLine("enable");
   lm::getLooper().setupLeave(0);
-  subscribe(lm::cmd::changed, interface_table::path);
-  subscribe(lm::cmd::changed, address_table::path);
+  subscribe(lm::cmd::changed, lm::interfaces::path());
+  subscribe(lm::cmd::changed, lm::addresses::path());
   devicesStatus({});
   addrsChanged({});
   for (const DevObj* object : objects()) {
@@ -84,8 +84,8 @@ void Gateway::enable() {
 void Gateway::disable() {
   logLine("disable");
   lm::getLooper().setupLeave(leaveDelay);
-  unsubscribe(lm::cmd::changed, interface_table::path);
-  unsubscribe(lm::cmd::changed, address_table::path);
+  unsubscribe(lm::cmd::changed, lm::interfaces::path());
+  unsubscribe(lm::cmd::changed, lm::addresses::path());
   for (const DevObj* object : objects()) {
     Device* device = knownDevice(object->interface);
     if (device == nullptr) continue;
@@ -100,15 +100,16 @@ void Gateway::disable() {
 }
 
 void Gateway::readSettings(const lm::message& from) {
-  enabled = from.get_bool(enabledKey, enabled);
-  allowDisableExternalInterface = from.get_bool(allowDisableKey, allowDisableExternalInterface);
-  showDummyRule = from.get_bool(showDummyRuleKey, showDummyRule);
+  enabled = from.get_bool(lm::gateway::settings::enabled, enabled);
+  allowDisableExternalInterface =
+      from.get_bool(lm::gateway::settings::allowDisableExternal, allowDisableExternalInterface);
+  showDummyRule = from.get_bool(lm::gateway::settings::showDummyRule, showDummyRule);
 }
 
 void Gateway::writeSettings(lm::message& to) const {
-  to.insert_bool(enabledKey, enabled);
-  to.insert_bool(allowDisableKey, allowDisableExternalInterface);
-  to.insert_bool(showDummyRuleKey, showDummyRule);
+  to.insert_bool(lm::gateway::settings::enabled, enabled);
+  to.insert_bool(lm::gateway::settings::allowDisableExternal, allowDisableExternalInterface);
+  to.insert_bool(lm::gateway::settings::showDummyRule, showDummyRule);
 }
 
 lm::message Gateway::getObject(uint32_t id) {
@@ -159,9 +160,9 @@ lm::message Gateway::cmdUnknown(const lm::message& request, uint32_t command) {
       return {};
     case lm::cmd::changed: {
       const std::vector<uint32_t>& source = request.get_u32_array_ref(lm::key::source);
-      if (source == interface_table::path) {
+      if (source == lm::interfaces::path()) {
         devicesStatus(request);
-      } else if (source == address_table::path) {
+      } else if (source == lm::addresses::path()) {
         addrsChanged(request);
       }
       return {};

@@ -5,9 +5,10 @@
 
 #include "base/Log.h"
 #include "core/Gateway.h"
-#include "core/PlatformTables.h"
 #include "platform/Keys.h"
 #include "platform/Reget.h"
+#include "platform/wire/Addresses.h"
+#include "platform/wire/Interfaces.h"
 
 namespace {
 
@@ -28,15 +29,15 @@ void logFailure(const lm::Reget& table) {
 
 void Gateway::refreshDevices() {
   if (!enabled) {
-    unsubscribe(lm::cmd::interfaceChanged, interface_table::path);
+    unsubscribe(lm::cmd::interfaceChanged, lm::interfaces::path());
     return;
   }
   devices.clear();
-  subscribe(lm::cmd::interfaceChanged, interface_table::path);
+  subscribe(lm::cmd::interfaceChanged, lm::interfaces::path());
   uint32_t cursor = lm::none;
   do {
     lm::message request;
-    request.insert_u32_array(lm::key::destination, interface_table::path);
+    request.insert_u32_array(lm::key::destination, lm::interfaces::path());
     if (cursor != lm::none) request.insert_u32(lm::key::cursor, cursor);
     const lm::message reply = exchangeCmd(request, lm::cmd::list, lm::exchangeLimit);
     if (!reply.has_array(lm::key::records)) {
@@ -56,9 +57,9 @@ void Gateway::refreshDevices() {
 
 void Gateway::deviceChanged(const lm::message& record) {
   const uint32_t id = record.get_u32(lm::key::objectId);
-  const std::string name = record.get_string(interface_table::displayName);
+  const std::string name = record.get_string(lm::interfaces::key::displayName);
   const auto known = devices.find(id);
-  if ((record.get_u32(interface_table::flags) & interface_table::goneFlags) != 0) {
+  if ((record.get_u32(lm::interfaces::key::flags) & lm::interfaces::goneFlags) != 0) {
     logLine("rem dev: ", name);
     if (known == devices.end()) return;
     if (known->second->started) departed[id] = std::move(known->second);
@@ -101,7 +102,7 @@ void Gateway::devicesStatus(const lm::message& change) {
     }
     return;
   }
-  lm::FullReget table(*this, fullRead(interface_table::path), statusLimit);
+  lm::FullReget table(*this, fullRead(lm::interfaces::path()), statusLimit);
   while (const std::optional<lm::message> record = table.pop()) deviceStatus(*record);
   logFailure(table);
 }
@@ -111,7 +112,7 @@ void Gateway::deviceStatus(const lm::message& record) {
   Device* device = knownDevice(id);
   if (device == nullptr) return;
   device->disabled = record.get_bool(lm::key::disabled, device->disabled);
-  device->running = record.get_bool(interface_table::running, device->running);
+  device->running = record.get_bool(lm::interfaces::key::running, device->running);
   logLine("dev: ", id, " disabled: ", device->disabled, " running: ", device->running);
   if (device->ipConn) device->ipConn->setStatus(device->connectionStatus());
 }
@@ -124,7 +125,7 @@ void Gateway::addrsChanged(const lm::message& change) {
     return;
   }
   for (auto& [id, addr] : addrs) addr.stale = true;
-  lm::FullReget table(*this, fullRead(address_table::path));
+  lm::FullReget table(*this, fullRead(lm::addresses::path()));
   while (const std::optional<lm::message> record = table.pop()) addrChanged(*record);
   logFailure(table);
   std::erase_if(addrs, [](const auto& entry) { return entry.second.stale; });
@@ -132,8 +133,8 @@ void Gateway::addrsChanged(const lm::message& change) {
 
 void Gateway::addrChanged(const lm::message& record) {
   const uint32_t id = record.get_u32(lm::key::objectId);
-  const uint32_t interface =
-      record.get_u32(address_table::interface, record.get_u32(address_table::otherInterface));
+  const uint32_t interface = record.get_u32(lm::addresses::key::interface,
+                                            record.get_u32(lm::addresses::key::otherInterface));
   const bool active = !record.get_bool(lm::key::disabled);
   const auto known = addrs.find(id);
 
@@ -146,7 +147,7 @@ void Gateway::addrChanged(const lm::message& record) {
     addrs.erase(known);
   } else if (known != addrs.end()) {
     Addr& addr = known->second;
-    const uint32_t newAddress = record.get_be32(address_table::address, addr.address);
+    const uint32_t newAddress = record.get_be32(lm::addresses::key::address, addr.address);
     const uint32_t newInterface = interface != 0 ? interface : addr.interface;
     logLine("dev: ", newInterface, " set address: ", iptostr(newAddress), " (", id, ")");
     setDevAddr(newInterface, newAddress, active);
@@ -155,7 +156,7 @@ void Gateway::addrChanged(const lm::message& record) {
     }
     addr = {newAddress, newInterface, false};
   } else {
-    const Addr& addr = addrs[id] = {record.get_be32(address_table::address), interface, false};
+    const Addr& addr = addrs[id] = {record.get_be32(lm::addresses::key::address), interface, false};
     logLine("dev: ", interface, " add address: ", iptostr(addr.address), " (", id, ")");
     setDevAddr(interface, addr.address, active);
   }

@@ -1,8 +1,9 @@
 #include "base/ProgramUsage.h"
 #include "core/Gateway.h"
+#include "platform/Keys.h"
 #include "platform/Looper.h"
 
-const uint32_t lm::serviceNumber = 40;
+const uint32_t lm::serviceNumber = lm::service::gateway;
 
 namespace {
 

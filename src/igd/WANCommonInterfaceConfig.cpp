@@ -4,21 +4,16 @@
 #include "igd/DeviceStats.h"
 #include "platform/Keys.h"
 #include "platform/System.h"
-
-namespace {
-
-// Field of an interface's record, u32, and its value for Ethernet.
-constexpr uint32_t hardwareType = 0x08010001;
-constexpr uint32_t ethernet = 1;
-
-}  // namespace
+#include "platform/wire/Interfaces.h"
 
 WANCommonInterfaceConfig::WANCommonInterfaceConfig(const lm::message& record)
     : Service("urn:schemas-upnp-org:service:WANCommonInterfaceConfig:1") {
   using Self = WANCommonInterfaceConfig;
 
   addVar("WANAccessType", {makeContainer("DSL", "POTS", "Cable", "Ethernet"), false})
-      .setValue(record.get_u32(hardwareType) == ethernet ? "Ethernet" : "Other");
+      .setValue(record.get_u32(lm::interfaces::key::hardwareType) == lm::interfaces::ethernet
+                    ? "Ethernet"
+                    : "Other");
   addVar("Layer1UpstreamMaxBitRate", {VAR_UI4, false});
   addVar("Layer1DownstreamMaxBitRate", {VAR_UI4, false});
   addVar("PhysicalLinkStatus", {makeContainer("Up", "Down"), true}).setValue("Up");

@@ -42,6 +42,7 @@ namespace service {
 inline constexpr uint32_t broker = 0;
 inline constexpr uint32_t resolver = 14;
 inline constexpr uint32_t interfaces = 20;
+inline constexpr uint32_t gateway = 40;
 inline constexpr uint32_t identity = 65;
 inline constexpr uint32_t history = 66;
 }  // namespace service

@@ -10,21 +10,19 @@
 #include "http/Text.h"
 #include "platform/Keys.h"
 #include "platform/Looper.h"
+#include "platform/wire/Resolver.h"
 
 namespace {
-
-constexpr uint32_t resolveCommand = 3;
-constexpr uint32_t hostNameKey = 0x20000003;
-constexpr uint32_t addressKey = 0x08000004;
 
 /// 0 when there is none.
 uint32_t resolve(const std::string& host) {
   lm::message request;
   request.insert_u32_array(lm::key::destination, {lm::service::resolver});
-  request.insert_string(hostNameKey, host);
-  const lm::message reply = lm::getLooper().exchangeCmd(request, resolveCommand, lm::exchangeLimit);
+  request.insert_string(lm::resolver::key::hostName, host);
+  const lm::message reply =
+      lm::getLooper().exchangeCmd(request, lm::resolver::cmd::resolve, lm::exchangeLimit);
   if (lm::isError(reply)) logLine("resolving failed: ", lm::getError(reply));
-  return reply.get_be32(addressKey);
+  return reply.get_be32(lm::resolver::key::address);
 }
 
 bool isControl(char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }

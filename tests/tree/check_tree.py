@@ -20,12 +20,13 @@ LAYERS = {
     "src/ssdp": ("description", "http", "xml", "base", "platform"),
     "src/igd": ("upnp", "http", "xml", "base", "platform"),
     "src/core": ("ssdp", "igd", "upnp", "description", "http", "xml", "base", "platform"),
-    "lumen/runtime": ("base", "platform"),
-    "lumen/services/system/processes": ("lumen/runtime", "base", "platform"),
-    "lumen/services/system/netlink": ("lumen/runtime", "base", "platform"),
-    "lumen/services/system/netfilter": ("lumen/runtime", "base", "platform"),
-    "lumen/services": ("lumen/runtime", "base", "platform"),
-    "lumen/ctl": ("lumen/services", "lumen/runtime", "base", "platform"),
+    "lumen/values": (),
+    "lumen/runtime": ("lumen/values", "base", "platform"),
+    "lumen/services/system/processes": ("lumen/runtime", "lumen/values", "base", "platform"),
+    "lumen/services/system/netlink": ("lumen/runtime", "lumen/values", "base", "platform"),
+    "lumen/services/system/netfilter": ("lumen/runtime", "lumen/values", "base", "platform"),
+    "lumen/services": ("lumen/runtime", "lumen/values", "base", "platform"),
+    "lumen/ctl": ("lumen/services", "lumen/runtime", "lumen/values", "base", "platform"),
 }
 
 # What needs a package that scripts/lib.sh lists for tests alone: a file, and the word in it. What it

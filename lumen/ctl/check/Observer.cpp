@@ -14,8 +14,8 @@
 #include "lumen/ctl/machine/RouteTable.h"
 #include "lumen/ctl/machine/SocketTable.h"
 #include "lumen/ctl/text/Errors.h"
-#include "lumen/services/broker/BrokerKeys.h"
 #include "lumen/services/supervisor/ServiceFile.h"
+#include "platform/wire/Broker.h"
 
 namespace lumenctl {
 
@@ -36,11 +36,11 @@ GatewayState readGateway(Router& router, std::optional<Objects>& objects) {
   using Kind = GatewayState::Kind;
   const std::vector<Service> services = router.services();
   const auto it = std::find_if(services.begin(), services.end(), [](const Service& service) {
-    return service.number == Router::gatewayService;
+    return service.number == lm::service::gateway;
   });
   if (it == services.end()) return {Kind::notInstalled, {}, 0, {}};
-  if (it->state == lumen::servicestate::waiting) return {Kind::crashed, {}, 0, {}};
-  if (it->state == lumen::servicestate::stopped || it->state == lumen::servicestate::leaving) {
+  if (it->state == lm::broker::state::waiting) return {Kind::crashed, {}, 0, {}};
+  if (it->state == lm::broker::state::stopped || it->state == lm::broker::state::leaving) {
     return {Kind::off, {}, 0, {}};
   }
   try {
@@ -70,8 +70,8 @@ GatewayFile readGatewayFile(Machine& machine, const std::string& root) {
   file.present = failure != ENOENT;
   if (text) {
     const auto definition = lumen::parseServiceFile(*text, lumen::SystemUsers(), file.error);
-    if (definition && definition->number != Router::gatewayService) {
-      file.error = "number is not " + std::to_string(Router::gatewayService);
+    if (definition && definition->number != lm::service::gateway) {
+      file.error = "number is not " + std::to_string(lm::service::gateway);
     }
   } else {
     file.error = std::strerror(failure);

@@ -41,7 +41,7 @@ class Explainer {
   /// What `change` changed, which left the gateway as `state` says. Goes back to the state before
   /// it.
   std::vector<Difference> explain(const Change& change, Knowledge& state) const {
-    if (change.service != Router::gatewayService || change.handler != 0) return {};
+    if (change.service != lm::service::gateway || change.handler != 0) return {};
     if (change.undoCommand == lm::cmd::set) return explainSettings(change, state);
     const uint32_t id = change.undo.get_u32(lm::key::objectId, lm::none);
     const auto after = state.object(id);

@@ -5,14 +5,17 @@
 #include <cstdio>
 #include <span>
 
-#include "lumen/ctl/router/Keys.h"
 #include "lumen/ctl/router/Router.h"
-#include "lumen/services/addresses/AddressKeys.h"
-#include "lumen/services/broker/BrokerKeys.h"
-#include "lumen/services/history/HistoryKeys.h"
-#include "lumen/services/interfaces/InterfaceKeys.h"
-#include "lumen/services/nat/NatKeys.h"
 #include "platform/Keys.h"
+#include "platform/wire/Addresses.h"
+#include "platform/wire/Broker.h"
+#include "platform/wire/Gateway.h"
+#include "platform/wire/History.h"
+#include "platform/wire/Identity.h"
+#include "platform/wire/Interfaces.h"
+#include "platform/wire/Monitor.h"
+#include "platform/wire/NatRules.h"
+#include "platform/wire/Resolver.h"
 
 namespace lumenctl {
 
@@ -42,101 +45,101 @@ constexpr FieldName everybodysFields[] = {
 };
 
 constexpr CommandName brokerCommands[] = {
-    {"register", lumen::brokercmd::registerServices},
-    {"unregister", lumen::brokercmd::unregisterServices},
-    {"subscribe", lumen::brokercmd::subscribe},
-    {"unsubscribe", lumen::brokercmd::unsubscribe},
-    {"services", lumen::brokercmd::services},
-    {"monitor", lumen::brokercmd::monitor},
-    {"cancel", lumen::brokercmd::cancel},
+    {"register", lm::broker::cmd::registerServices},
+    {"unregister", lm::broker::cmd::unregisterServices},
+    {"subscribe", lm::broker::cmd::subscribe},
+    {"unsubscribe", lm::broker::cmd::unsubscribe},
+    {"services", lm::broker::cmd::services},
+    {"monitor", lm::broker::cmd::monitor},
+    {"cancel", lm::broker::cmd::cancel},
 };
 
 // A request to the broker and a service in its list use different keys, but for one.
 constexpr FieldName brokerFields[] = {
-    {"services", lumen::brokerkey::services},
-    {"command", lumen::brokerkey::command, Meaning::command},
-    {"path", lumen::brokerkey::path},
-    {"on", lumen::monitorkey::on},
-    {"number", lumen::servicekey::number},
-    {"name", lumen::servicekey::name},
-    {"state", lumen::servicekey::state},
-    {"process", lumen::servicekey::pid},
-    {"restarts", lumen::servicekey::restarts},
-    {"starts-in-ms", lumen::servicekey::nextStart},
+    {"services", lm::broker::key::services},
+    {"command", lm::broker::key::topicCommand, Meaning::command},
+    {"path", lm::broker::key::topicSource},
+    {"on", lm::monitor::key::on},
+    {"number", lm::broker::listed::number},
+    {"name", lm::broker::listed::name},
+    {"state", lm::broker::listed::state},
+    {"process", lm::broker::listed::pid},
+    {"restarts", lm::broker::listed::restarts},
+    {"starts-in-ms", lm::broker::listed::nextStart},
 };
 
-constexpr CommandName resolverCommands[] = {{"resolve", resolvercmd::resolve}};
+constexpr CommandName resolverCommands[] = {{"resolve", lm::resolver::cmd::resolve}};
 
 constexpr FieldName resolverFields[] = {
-    {"name", resolverkey::name},
-    {"address", resolverkey::address, Meaning::address},
+    {"name", lm::resolver::key::hostName},
+    {"address", lm::resolver::key::address, Meaning::address},
 };
 
 constexpr FieldName interfaceFields[] = {
-    {"hardware-type", lumen::interfaces::key::hardwareType},
-    {"flags", lumen::interfaces::key::flags},
-    {"index", lumen::interfaces::key::index},
-    {"name", lumen::interfaces::key::name},
-    {"display-name", lumen::interfaces::key::displayName},
-    {"running", lumen::interfaces::key::running},
-    {"role", lumen::interfaces::key::role},
-    {"bytes-received", lumen::interfaces::key::bytesReceived},
-    {"bytes-sent", lumen::interfaces::key::bytesSent},
-    {"packets-received", lumen::interfaces::key::packetsReceived},
-    {"packets-sent", lumen::interfaces::key::packetsSent},
+    {"hardware-type", lm::interfaces::key::hardwareType},
+    {"flags", lm::interfaces::key::flags},
+    {"index", lm::interfaces::key::index},
+    {"name", lm::interfaces::key::name},
+    {"display-name", lm::interfaces::key::displayName},
+    {"running", lm::interfaces::key::running},
+    {"role", lm::interfaces::key::role},
+    {"bytes-received", lm::interfaces::key::bytesReceived},
+    {"bytes-sent", lm::interfaces::key::bytesSent},
+    {"packets-received", lm::interfaces::key::packetsReceived},
+    {"packets-sent", lm::interfaces::key::packetsSent},
 };
 
 constexpr FieldName addressFields[] = {
-    {"interface", lumen::addresses::key::interface},
-    {"address", lumen::addresses::key::address, Meaning::address},
+    {"interface", lm::addresses::key::interface},
+    {"address", lm::addresses::key::address, Meaning::address},
 };
 
 constexpr FieldName natFields[] = {
-    {"chain", lumen::nat::key::chain},
-    {"match-address", lumen::nat::key::matchAddress},
-    {"address-first", lumen::nat::key::addressFirst, Meaning::address},
-    {"address-last", lumen::nat::key::addressLast, Meaning::address},
-    {"match-port", lumen::nat::key::matchPort},
-    {"port-first", lumen::nat::key::portFirst},
-    {"port-last", lumen::nat::key::portLast},
-    {"match-protocol", lumen::nat::key::matchProtocol},
-    {"protocol", lumen::nat::key::protocol},
-    {"action", lumen::nat::key::action},
-    {"translate-address", lumen::nat::key::translateAddress},
-    {"client-first", lumen::nat::key::clientFirst, Meaning::address},
-    {"client-last", lumen::nat::key::clientLast, Meaning::address},
-    {"translate-port", lumen::nat::key::translatePort},
-    {"client-port-first", lumen::nat::key::clientPortFirst},
-    {"client-port-last", lumen::nat::key::clientPortLast},
-    {"owner", lumen::nat::key::owner},
-    {"seconds", lumen::nat::key::seconds},
-    {"connections", lumen::nat::key::connections},
-    {"uses", lumen::nat::key::uses},
-    {"stale", lumen::nat::key::stale},
-    {"closed", lumen::nat::key::closed},
-    {"external-ports", lumen::nat::key::externalPorts},
-    {"internal-clients", lumen::nat::key::internalClients},
-    {"max-rules", lumen::nat::key::maxRules},
-    {"max-rules-per-client", lumen::nat::key::maxRulesPerClient},
-    {"reset", lumen::nat::key::reset},
-    {"reload", lumen::nat::key::reload},
+    {"chain", lm::nat::key::chain},
+    {"match-address", lm::nat::key::matchAddress},
+    {"address-first", lm::nat::key::addressFirst, Meaning::address},
+    {"address-last", lm::nat::key::addressLast, Meaning::address},
+    {"match-port", lm::nat::key::matchPort},
+    {"port-first", lm::nat::key::portFirst},
+    {"port-last", lm::nat::key::portLast},
+    {"match-protocol", lm::nat::key::matchProtocol},
+    {"protocol", lm::nat::key::protocol},
+    {"action", lm::nat::key::action},
+    {"translate-address", lm::nat::key::translateAddress},
+    {"client-first", lm::nat::key::clientFirst, Meaning::address},
+    {"client-last", lm::nat::key::clientLast, Meaning::address},
+    {"translate-port", lm::nat::key::translatePort},
+    {"client-port-first", lm::nat::key::clientPortFirst},
+    {"client-port-last", lm::nat::key::clientPortLast},
+    {"owner", lm::nat::key::owner},
+    {"seconds", lm::nat::key::seconds},
+    {"connections", lm::nat::key::connections},
+    {"uses", lm::nat::key::uses},
+    {"stale", lm::nat::key::stale},
+    {"closed", lm::nat::key::closed},
+    {"external-ports", lm::nat::key::externalPorts},
+    {"internal-clients", lm::nat::key::internalClients},
+    {"max-rules", lm::nat::key::maxRules},
+    {"max-rules-per-client", lm::nat::key::maxRulesPerClient},
+    {"reset", lm::nat::key::reset},
+    {"reload", lm::nat::key::reload},
 };
 
 constexpr FieldName gatewayFields[] = {
-    {"interface", gatewaykey::interface},
-    {"type", gatewaykey::type},
-    {"enabled", settingskey::enabled},
-    {"allow-disable-external", settingskey::allowDisableExternal},
-    {"show-dummy-rule", settingskey::showDummyRule},
+    {"interface", lm::gateway::key::interface},
+    {"type", lm::gateway::key::type},
+    {"enabled", lm::gateway::settings::enabled},
+    {"allow-disable-external", lm::gateway::settings::allowDisableExternal},
+    {"show-dummy-rule", lm::gateway::settings::showDummyRule},
 };
 
-constexpr FieldName identityFields[] = {{"identity", identitykey::text}};
+constexpr FieldName identityFields[] = {{"identity", lm::identity::key::text}};
 
 constexpr FieldName historyFields[] = {
-    {"text", lumen::history::key::text},
-    {"undo", lumen::history::key::undo, Meaning::undo},
-    {"path", lumen::history::key::path},
-    {"time", lumen::history::key::time},
+    {"text", lm::history::key::text},
+    {"undo", lm::history::key::undo, Meaning::undo},
+    {"path", lm::history::key::path},
+    {"time", lm::history::key::time},
 };
 
 struct Vocabulary {
@@ -151,7 +154,7 @@ constexpr Vocabulary vocabularies[] = {
     {{lm::service::interfaces, lm::handler::interfaces}, interfaceFields},
     {{lm::service::interfaces, lm::handler::addresses}, addressFields},
     {{lm::service::interfaces, lm::handler::natRules}, natFields},
-    {{Router::gatewayService, 0}, gatewayFields},
+    {{lm::service::gateway, 0}, gatewayFields},
     {{lm::service::identity, 0}, identityFields},
     {{lm::service::history, 0}, historyFields},
 };

@@ -11,8 +11,8 @@
 
 #include "lumen/ctl/text/Text.h"
 #include "lumen/runtime/Fields.h"
-#include "lumen/services/history/HistoryKeys.h"
 #include "platform/Keys.h"
+#include "platform/wire/History.h"
 
 namespace lumenctl {
 
@@ -44,7 +44,7 @@ std::string label(uint32_t key) {
 
 /// Whom a change in the history is about: in a record its path says it, in a request its sender.
 Subject changed(const lm::message& change) {
-  const auto& path = change.get_u32_array_ref(lumen::history::key::path);
+  const auto& path = change.get_u32_array_ref(lm::history::key::path);
   return Subject::of(path.empty() ? change.get_u32_array_ref(lm::key::source) : path);
 }
 

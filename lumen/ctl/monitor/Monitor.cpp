@@ -3,8 +3,8 @@
 #include "lumen/ctl/monitor/MessageText.h"
 #include "lumen/ctl/text/Text.h"
 #include "lumen/runtime/Fields.h"
-#include "lumen/services/broker/BrokerKeys.h"
 #include "platform/Keys.h"
+#include "platform/wire/Monitor.h"
 
 namespace lumenctl {
 
@@ -53,7 +53,7 @@ Monitor::Monitor(const std::vector<Service>& services)
     : names_{{lm::service::broker, "broker"},
              {lm::service::identity, "identity"},
              {lm::service::history, "history"},
-             {lumen::monitor::everybody, "all"}} {
+             {lm::monitor::everybody, "all"}} {
   for (const Service& service : services) names_.emplace(service.number, service.name);
 }
 
@@ -65,8 +65,8 @@ std::string Monitor::nameOf(uint32_t number, uint32_t handler) const {
   const auto known = names_.find(number);
   if (known != names_.end()) {
     name = known->second;
-  } else if (number > lumen::monitor::anonymous) {
-    name = "connection " + std::to_string(number - lumen::monitor::anonymous);
+  } else if (number > lm::monitor::anonymous) {
+    name = "connection " + std::to_string(number - lm::monitor::anonymous);
   } else {
     name = "service " + std::to_string(number);
   }
@@ -74,12 +74,12 @@ std::string Monitor::nameOf(uint32_t number, uint32_t handler) const {
 }
 
 Passed Monitor::read(const lm::message& shown, uint64_t time) {
-  const uint32_t from = shown.get_u32(lumen::monitorkey::from);
-  const uint32_t to = shown.get_u32(lumen::monitorkey::to);
+  const uint32_t from = shown.get_u32(lm::monitor::key::from);
+  const uint32_t to = shown.get_u32(lm::monitor::key::to);
   Passed passed;
   passed.time = time;
-  passed.message = shown.get_message(lumen::monitorkey::message);
-  passed.cut = shown.get_bool(lumen::monitorkey::cut);
+  passed.message = shown.get_message(lm::monitor::key::message);
+  passed.cut = shown.get_bool(lm::monitor::key::cut);
   passed.from = nameOf(from);
   passed.to = nameOf(to);
   const lm::message& m = passed.message;
@@ -97,7 +97,7 @@ Passed Monitor::read(const lm::message& shown, uint64_t time) {
       if (from == subject.service) passed.from = nameOf(from, subject.handler);
       underWay_.erase(request);
     }
-  } else if (to == lumen::monitor::everybody) {
+  } else if (to == lm::monitor::everybody) {
     passed.kind = "notification";
     subject = Subject::of(m.get_u32_array_ref(lm::key::source));
     passed.from = nameOf(from, subject.handler);

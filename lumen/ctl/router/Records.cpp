@@ -2,15 +2,15 @@
 
 #include <netinet/in.h>
 
-#include "lumen/ctl/router/Keys.h"
 #include "lumen/ctl/text/Text.h"
 #include "lumen/runtime/Fields.h"
-#include "lumen/services/addresses/AddressKeys.h"
-#include "lumen/services/broker/BrokerKeys.h"
-#include "lumen/services/history/HistoryKeys.h"
-#include "lumen/services/interfaces/InterfaceKeys.h"
-#include "lumen/services/nat/NatKeys.h"
 #include "platform/Keys.h"
+#include "platform/wire/Addresses.h"
+#include "platform/wire/Broker.h"
+#include "platform/wire/Gateway.h"
+#include "platform/wire/History.h"
+#include "platform/wire/Interfaces.h"
+#include "platform/wire/NatRules.h"
 
 namespace lumenctl {
 
@@ -48,12 +48,12 @@ std::string roleName(Role role) {
 
 Interface::Interface(const lm::message& record)
     : id(record.get_u32(lm::key::objectId)),
-      name(record.get_string(lumen::interfaces::key::name)),
-      role(toRole(record.get_u32(lumen::interfaces::key::role))),
-      hardwareType(record.get_u32(lumen::interfaces::key::hardwareType)),
-      index(record.get_u32(lumen::interfaces::key::index)),
+      name(record.get_string(lm::interfaces::key::name)),
+      role(toRole(record.get_u32(lm::interfaces::key::role))),
+      hardwareType(record.get_u32(lm::interfaces::key::hardwareType)),
+      index(record.get_u32(lm::interfaces::key::index)),
       disabled(record.get_bool(lm::key::disabled)),
-      running(record.get_bool(lumen::interfaces::key::running)) {}
+      running(record.get_bool(lm::interfaces::key::running)) {}
 
 std::string Interface::state() const {
   if (isAway()) return "away";
@@ -62,15 +62,15 @@ std::string Interface::state() const {
 }
 
 Counters::Counters(const lm::message& record)
-    : bytesReceived(record.get_u64(lumen::interfaces::key::bytesReceived)),
-      bytesSent(record.get_u64(lumen::interfaces::key::bytesSent)),
-      packetsReceived(record.get_u64(lumen::interfaces::key::packetsReceived)),
-      packetsSent(record.get_u64(lumen::interfaces::key::packetsSent)) {}
+    : bytesReceived(record.get_u64(lm::interfaces::key::bytesReceived)),
+      bytesSent(record.get_u64(lm::interfaces::key::bytesSent)),
+      packetsReceived(record.get_u64(lm::interfaces::key::packetsReceived)),
+      packetsSent(record.get_u64(lm::interfaces::key::packetsSent)) {}
 
 Address::Address(const lm::message& record)
     : id(record.get_u32(lm::key::objectId)),
-      interfaceId(record.get_u32(lumen::addresses::key::interface)),
-      address(record.get_be32(lumen::addresses::key::address)),
+      interfaceId(record.get_u32(lm::addresses::key::interface)),
+      address(record.get_be32(lm::addresses::key::address)),
       disabled(record.get_bool(lm::key::disabled)) {}
 
 std::vector<std::string> addressesOf(uint32_t interfaceId, const std::vector<Address>& addresses) {
@@ -83,18 +83,18 @@ std::vector<std::string> addressesOf(uint32_t interfaceId, const std::vector<Add
 
 NatRule::NatRule(const lm::message& record)
     : id(record.get_u32(lm::key::objectId)),
-      externalAddress(record.get_be32(lumen::nat::key::addressFirst)),
-      externalPort(record.get_u32(lumen::nat::key::portFirst)),
-      protocol(record.get_u32(lumen::nat::key::protocol)),
-      internalClient(record.get_be32(lumen::nat::key::clientFirst)),
-      internalPort(record.get_u32(lumen::nat::key::clientPortFirst)),
+      externalAddress(record.get_be32(lm::nat::key::addressFirst)),
+      externalPort(record.get_u32(lm::nat::key::portFirst)),
+      protocol(record.get_u32(lm::nat::key::protocol)),
+      internalClient(record.get_be32(lm::nat::key::clientFirst)),
+      internalPort(record.get_u32(lm::nat::key::clientPortFirst)),
       disabled(record.get_bool(lm::key::disabled)),
-      closed(record.get_bool(lumen::nat::key::closed)),
-      stale(record.get_bool(lumen::nat::key::stale)),
-      owner(record.get_string(lumen::nat::key::owner)),
-      secondsOpen(record.get_u64(lumen::nat::key::seconds)),
-      connections(numberIfTold(record, lumen::nat::key::connections)),
-      uses(numberIfTold(record, lumen::nat::key::uses)) {}
+      closed(record.get_bool(lm::nat::key::closed)),
+      stale(record.get_bool(lm::nat::key::stale)),
+      owner(record.get_string(lm::nat::key::owner)),
+      secondsOpen(record.get_u64(lm::nat::key::seconds)),
+      connections(numberIfTold(record, lm::nat::key::connections)),
+      uses(numberIfTold(record, lm::nat::key::uses)) {}
 
 std::string NatRule::protocolName() const {
   if (protocol == IPPROTO_TCP) return "tcp";
@@ -109,30 +109,30 @@ std::string NatRule::state() const {
 }
 
 NatPolicy::NatPolicy(const lm::message& record)
-    : externalPorts(record.get_string(lumen::nat::key::externalPorts)),
-      internalClients(record.get_string(lumen::nat::key::internalClients)),
-      maxRules(record.get_u32(lumen::nat::key::maxRules)),
-      maxRulesPerClient(record.get_u32(lumen::nat::key::maxRulesPerClient)) {}
+    : externalPorts(record.get_string(lm::nat::key::externalPorts)),
+      internalClients(record.get_string(lm::nat::key::internalClients)),
+      maxRules(record.get_u32(lm::nat::key::maxRules)),
+      maxRulesPerClient(record.get_u32(lm::nat::key::maxRulesPerClient)) {}
 
 Change::Change(const lm::message& record)
     : id(record.get_u32(lm::key::objectId)),
-      time(record.get_u64(lumen::history::key::time)),
-      text(record.get_string(lumen::history::key::text)) {
-  const std::vector<uint32_t>& path = record.get_u32_array_ref(lumen::history::key::path);
+      time(record.get_u64(lm::history::key::time)),
+      text(record.get_string(lm::history::key::text)) {
+  const std::vector<uint32_t>& path = record.get_u32_array_ref(lm::history::key::path);
   if (!path.empty()) service = path[0];
   if (path.size() > 1) handler = path[1];
-  const lm::message message = record.get_message(lumen::history::key::undo);
+  const lm::message message = record.get_message(lm::history::key::undo);
   undoCommand = message.get_u32(lm::key::command);
   undo = lm::withoutTransportFields(message);
 }
 
 Service::Service(const lm::message& record)
-    : number(record.get_u32(lumen::servicekey::number)),
-      name(record.get_string(lumen::servicekey::name)),
-      state(record.get_string(lumen::servicekey::state)),
-      pid(record.get_u32(lumen::servicekey::pid)),
-      restarts(record.get_u32(lumen::servicekey::restarts)),
-      nextStart(record.get_u64(lumen::servicekey::nextStart)) {}
+    : number(record.get_u32(lm::broker::listed::number)),
+      name(record.get_string(lm::broker::listed::name)),
+      state(record.get_string(lm::broker::listed::state)),
+      pid(record.get_u32(lm::broker::listed::pid)),
+      restarts(record.get_u32(lm::broker::listed::restarts)),
+      nextStart(record.get_u64(lm::broker::listed::nextStart)) {}
 
 GatewayObject::GatewayObject(const lm::message& record) : id(record.get_u32(lm::key::objectId)) {
   apply(record);
@@ -140,14 +140,15 @@ GatewayObject::GatewayObject(const lm::message& record) : id(record.get_u32(lm::
 
 void GatewayObject::apply(const lm::message& record) {
   disabled = record.get_bool(lm::key::disabled, disabled);
-  interfaceId = record.get_u32(gatewaykey::interface, interfaceId);
-  role = toRole(record.get_u32(gatewaykey::type, static_cast<uint32_t>(role)));
+  interfaceId = record.get_u32(lm::gateway::key::interface, interfaceId);
+  role = toRole(record.get_u32(lm::gateway::key::type, static_cast<uint32_t>(role)));
 }
 
 void Settings::apply(const lm::message& record) {
-  enabled = record.get_bool(settingskey::enabled, enabled);
-  allowDisableExternal = record.get_bool(settingskey::allowDisableExternal, allowDisableExternal);
-  showDummyRule = record.get_bool(settingskey::showDummyRule, showDummyRule);
+  enabled = record.get_bool(lm::gateway::settings::enabled, enabled);
+  allowDisableExternal =
+      record.get_bool(lm::gateway::settings::allowDisableExternal, allowDisableExternal);
+  showDummyRule = record.get_bool(lm::gateway::settings::showDummyRule, showDummyRule);
 }
 
 }  // namespace lumenctl

@@ -2,12 +2,14 @@
 
 #include <utility>
 
-#include "lumen/ctl/router/Keys.h"
 #include "lumen/ctl/text/Errors.h"
-#include "lumen/services/broker/BrokerKeys.h"
-#include "lumen/services/interfaces/InterfaceKeys.h"
-#include "lumen/services/nat/NatKeys.h"
 #include "platform/Keys.h"
+#include "platform/wire/Broker.h"
+#include "platform/wire/Gateway.h"
+#include "platform/wire/Identity.h"
+#include "platform/wire/Interfaces.h"
+#include "platform/wire/Monitor.h"
+#include "platform/wire/NatRules.h"
 
 namespace lumenctl {
 
@@ -21,7 +23,7 @@ const Path addressesPath = {lm::service::interfaces, lm::handler::addresses};
 const Path natRulesPath = {lm::service::interfaces, lm::handler::natRules};
 const Path identityPath = {lm::service::identity};
 const Path historyPath = {lm::service::history};
-const Path gatewayPath = {Router::gatewayService, 0};
+const Path gatewayPath = {lm::service::gateway, 0};
 
 template <typename T>
 std::vector<T> decoded(const std::vector<lm::message>& records) {
@@ -36,8 +38,8 @@ lm::message withId(uint32_t id) {
 
 void insertFields(lm::message& request, const GatewayObject& object) {
   request.insert_bool(lm::key::disabled, object.disabled);
-  request.insert_u32(gatewaykey::interface, object.interfaceId);
-  request.insert_u32(gatewaykey::type, static_cast<uint32_t>(object.role));
+  request.insert_u32(lm::gateway::key::interface, object.interfaceId);
+  request.insert_u32(lm::gateway::key::type, static_cast<uint32_t>(object.role));
 }
 
 /// What a client that has no answer gives in place of one.
@@ -93,8 +95,8 @@ Counters Router::counters(uint32_t interfaceId) {
 
 uint32_t Router::keep(const std::string& name, Role role) {
   lm::message request;
-  request.insert_string(lumen::interfaces::key::name, name);
-  request.insert_u32(lumen::interfaces::key::role, static_cast<uint32_t>(role));
+  request.insert_string(lm::interfaces::key::name, name);
+  request.insert_u32(lm::interfaces::key::role, static_cast<uint32_t>(role));
   const lm::message reply = exchange(interfacesPath, lm::cmd::addObject, std::move(request));
   return reply.get_u32(lm::key::objectId);
 }
@@ -113,14 +115,14 @@ std::vector<NatRule> Router::rules() {
 
 void Router::closeRule(uint32_t id) {
   lm::message request = withId(id);
-  request.insert_bool(lumen::nat::key::closed, true);
+  request.insert_bool(lm::nat::key::closed, true);
   exchange(natRulesPath, lm::cmd::setObject, std::move(request));
 }
 
 NatPolicy Router::policy() { return NatPolicy(exchange(natRulesPath, lm::cmd::get)); }
 
 void Router::changePolicy(const NatPolicyChange& change) {
-  namespace key = lumen::nat::key;
+  namespace key = lm::nat::key;
   lm::message request;
   if (change.reset) request.insert_bool(key::reset, true);
   if (change.reload) request.insert_bool(key::reload, true);
@@ -134,12 +136,12 @@ void Router::changePolicy(const NatPolicyChange& change) {
 }
 
 std::vector<Service> Router::services() {
-  const lm::message reply = exchange(brokerPath, lumen::brokercmd::services);
+  const lm::message reply = exchange(brokerPath, lm::broker::cmd::services);
   return decoded<Service>(reply.get_message_array_ref(lm::key::records));
 }
 
 std::string Router::identity() {
-  return exchange(identityPath, lm::cmd::get).get_string(identitykey::text);
+  return exchange(identityPath, lm::cmd::get).get_string(lm::identity::key::text);
 }
 
 std::vector<Change> Router::history() {
@@ -156,15 +158,15 @@ void Router::removeFromHistory(uint32_t id) {
 
 void Router::startMonitoring() {
   lm::message request;
-  request.insert_bool(lumen::monitorkey::on, true);
-  exchange(brokerPath, lumen::brokercmd::monitor, std::move(request));
+  request.insert_bool(lm::monitor::key::on, true);
+  exchange(brokerPath, lm::broker::cmd::monitor, std::move(request));
 }
 
 std::optional<lm::message> Router::nextShown() {
   while (true) {
     std::optional<lm::message> next = client_.notification();
     if (next && lm::isError(*next)) throw Refused(lm::getError(*next));
-    if (!next || next->get_u32(lm::key::command) == lumen::brokercmd::monitor) return next;
+    if (!next || next->get_u32(lm::key::command) == lm::broker::cmd::monitor) return next;
   }
 }
 
@@ -172,9 +174,9 @@ Settings Router::settings() { return Settings(exchange(gatewayPath, lm::cmd::get
 
 void Router::writeSettings(const Settings& settings) {
   lm::message request;
-  request.insert_bool(settingskey::enabled, settings.enabled);
-  request.insert_bool(settingskey::allowDisableExternal, settings.allowDisableExternal);
-  request.insert_bool(settingskey::showDummyRule, settings.showDummyRule);
+  request.insert_bool(lm::gateway::settings::enabled, settings.enabled);
+  request.insert_bool(lm::gateway::settings::allowDisableExternal, settings.allowDisableExternal);
+  request.insert_bool(lm::gateway::settings::showDummyRule, settings.showDummyRule);
   exchange(gatewayPath, lm::cmd::set, std::move(request));
 }
 

@@ -14,9 +14,6 @@ namespace lumenctl {
 /// answers with an error.
 class Router {
  public:
-  /// The service number of the gateway daemon.
-  static constexpr uint32_t gatewayService = 40;
-
   /// `client` must outlive this.
   explicit Router(Client& client) : client_(client) {}
 

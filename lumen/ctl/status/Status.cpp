@@ -7,7 +7,7 @@
 #include "lumen/ctl/router/Ports.h"
 #include "lumen/ctl/text/Errors.h"
 #include "lumen/ctl/text/Text.h"
-#include "lumen/services/broker/BrokerKeys.h"
+#include "platform/wire/Broker.h"
 
 namespace lumenctl {
 
@@ -22,8 +22,8 @@ struct Gateway {
 };
 
 Gateway notRunning(const Service& service) {
-  if (service.state == lumen::servicestate::starting) return {"starting", {}};
-  if (service.state == lumen::servicestate::waiting) {
+  if (service.state == lm::broker::state::starting) return {"starting", {}};
+  if (service.state == lm::broker::state::waiting) {
     return {"crashed", "starts again in " + duration((service.nextStart + 999) / 1000)};
   }
   return {"off", {}};
@@ -33,10 +33,10 @@ Gateway notRunning(const Service& service) {
 Gateway readGateway(Router& router) {
   const std::vector<Service> services = router.services();
   const auto it = std::find_if(services.begin(), services.end(), [](const Service& service) {
-    return service.number == Router::gatewayService;
+    return service.number == lm::service::gateway;
   });
   if (it == services.end()) return {"not installed", {}};
-  if (it->state != lumen::servicestate::running) return notRunning(*it);
+  if (it->state != lm::broker::state::running) return notRunning(*it);
   try {
     Gateway gateway;
     gateway.state = onOrOff(router.settings().enabled);

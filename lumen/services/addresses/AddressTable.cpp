@@ -6,13 +6,13 @@
 #include <iterator>
 
 #include "lumen/runtime/Paging.h"
-#include "lumen/services/addresses/AddressKeys.h"
 #include "platform/Keys.h"
+#include "platform/wire/Addresses.h"
 
 namespace lumen {
 namespace {
 
-namespace key = addresses::key;
+namespace key = lm::addresses::key;
 
 enum class Place { outside, host, reserved };
 

@@ -6,9 +6,10 @@
 #include "lumen/runtime/Codec.h"
 #include "lumen/runtime/Fields.h"
 #include "lumen/runtime/Log.h"
-#include "lumen/services/broker/BrokerKeys.h"
 #include "lumen/services/broker/Shown.h"
 #include "platform/Keys.h"
+#include "platform/wire/Broker.h"
+#include "platform/wire/Monitor.h"
 
 namespace lumen {
 
@@ -123,7 +124,7 @@ void Broker::notification(Connection& from, lm::message notification) {
   writeSource(from, notification);
   const Path source = Path::of(notification.get_u32_array_ref(lm::key::source));
   const uint32_t command = notification.get_u32(lm::key::command);
-  if (command != brokercmd::cancel) return publish(command, source, notification);
+  if (command != lm::broker::cmd::cancel) return publish(command, source, notification);
   if (!monitors_.empty()) show(source.service, lm::service::broker, notification);
   cancel(from, notification.get_u32(lm::key::serial));
 }
@@ -161,7 +162,7 @@ void Broker::passCancellation(SentRequest request) {
   Connection* const service = find(request.to);
   if (service == nullptr) return;
   lm::message cancellation;
-  cancellation.insert_u32(lm::key::command, brokercmd::cancel);
+  cancellation.insert_u32(lm::key::command, lm::broker::cmd::cancel);
   cancellation.insert_u32_array(lm::key::source, {lm::service::broker, 0});
   cancellation.insert_u32(lm::key::serial, request.serial);
   service->send(lm::encode(cancellation));
@@ -171,17 +172,17 @@ void Broker::passCancellation(SentRequest request) {
 void Broker::own(Connection& from, const lm::message& request) {
   const Requester to = requester(from, request);
   switch (request.get_u32(lm::key::command)) {
-    case brokercmd::registerServices:
+    case lm::broker::cmd::registerServices:
       return registerServices(from, request);
-    case brokercmd::unregisterServices:
+    case lm::broker::cmd::unregisterServices:
       return unregisterServices(from, request);
-    case brokercmd::subscribe:
+    case lm::broker::cmd::subscribe:
       return answer(lm::service::broker, to, subscribe(from, request));
-    case brokercmd::unsubscribe:
+    case lm::broker::cmd::unsubscribe:
       return answer(lm::service::broker, to, unsubscribe(from, request));
-    case brokercmd::services:
+    case lm::broker::cmd::services:
       return answer(lm::service::broker, to, listServices(from));
-    case brokercmd::monitor:
+    case lm::broker::cmd::monitor:
       return monitor(from, request);
     default:
       return refuse(to, "unknown command");
@@ -207,7 +208,7 @@ std::string Broker::whyNotRegistered(const Connection& from,
 
 void Broker::registerServices(Connection& from, const lm::message& request) {
   const Requester to = requester(from, request);
-  const std::vector<uint32_t>& numbers = request.get_u32_array_ref(brokerkey::services);
+  const std::vector<uint32_t>& numbers = request.get_u32_array_ref(lm::broker::key::services);
   const std::string error = whyNotRegistered(from, numbers);
   if (!error.empty()) return refuse(to, error);
   answer(lm::service::broker, to, {});
@@ -224,7 +225,7 @@ void Broker::registerServices(Connection& from, const lm::message& request) {
 
 void Broker::unregisterServices(Connection& from, const lm::message& request) {
   const Requester to = requester(from, request);
-  const std::vector<uint32_t>& numbers = request.get_u32_array_ref(brokerkey::services);
+  const std::vector<uint32_t>& numbers = request.get_u32_array_ref(lm::broker::key::services);
   for (const uint32_t number : numbers) {
     const auto holder = registrations_.find(number);
     if (holder == registrations_.end() || holder->second != from.number()) {
@@ -240,18 +241,19 @@ void Broker::unregisterServices(Connection& from, const lm::message& request) {
 }
 
 lm::message Broker::subscribe(Connection& from, const lm::message& request) {
-  const std::vector<uint32_t>& source = request.get_u32_array_ref(brokerkey::path);
+  const std::vector<uint32_t>& source = request.get_u32_array_ref(lm::broker::key::topicSource);
   if (!from.rights().mayAsk()) return refusal(notPermitted);
-  if (!has(request, brokerkey::command) || source.empty()) return refusal("no command or path");
+  if (!has(request, lm::broker::key::topicCommand) || source.empty())
+    return refusal("no command or path");
   if (from.subscriptions >= maxSubscriptions) return refusal("too many subscriptions");
-  const uint32_t command = request.get_u32(brokerkey::command);
+  const uint32_t command = request.get_u32(lm::broker::key::topicCommand);
   if (subscriptions_.add(from.number(), command, Path::of(source))) ++from.subscriptions;
   return {};
 }
 
 lm::message Broker::unsubscribe(Connection& from, const lm::message& request) {
-  const uint32_t command = request.get_u32(brokerkey::command);
-  const Path source = Path::of(request.get_u32_array_ref(brokerkey::path));
+  const uint32_t command = request.get_u32(lm::broker::key::topicCommand);
+  const Path source = Path::of(request.get_u32_array_ref(lm::broker::key::topicSource));
   if (subscriptions_.remove(from.number(), command, source)) --from.subscriptions;
   return {};
 }
@@ -267,10 +269,10 @@ lm::message Broker::listServices(const Connection& from) const {
 void Broker::monitor(Connection& from, const lm::message& request) {
   const Requester to = requester(from, request);
   if (!from.rights().administrator()) return refuse(to, notPermitted);
-  if (!has(request, monitorkey::on)) return refuse(to, "neither on nor off");
+  if (!has(request, lm::monitor::key::on)) return refuse(to, "neither on nor off");
   monitors_.erase(from.number());
   answer(lm::service::broker, to, {});
-  if (request.get_bool(monitorkey::on)) monitors_.insert(from.number());
+  if (request.get_bool(lm::monitor::key::on)) monitors_.insert(from.number());
 }
 
 void Broker::local(Connection& from, Path to, const lm::message& request) {
@@ -362,7 +364,7 @@ void Broker::notify(uint32_t command, const std::vector<uint32_t>& source,
 }
 
 void Broker::publish(uint32_t command, Path source, const lm::message& notification) {
-  if (!monitors_.empty()) show(source.service, monitor::everybody, notification);
+  if (!monitors_.empty()) show(source.service, lm::monitor::everybody, notification);
   const std::set<uint64_t>& subscribers = subscriptions_.subscribers(command, source);
   if (subscribers.empty()) return;
   const std::string datagram = lm::encode(notification);
@@ -415,7 +417,7 @@ uint32_t Broker::serviceOf(const Connection& connection) const {
 uint32_t Broker::numberOf(const Connection& connection) const {
   const uint32_t service = serviceOf(connection);
   if (service != 0) return service;
-  return monitor::anonymous + static_cast<uint32_t>(connection.number());
+  return lm::monitor::anonymous + static_cast<uint32_t>(connection.number());
 }
 
 void Broker::writeSource(const Connection& from, lm::message& message) const {

@@ -7,8 +7,9 @@
 
 #include "lumen/runtime/Codec.h"
 #include "lumen/runtime/Fields.h"
-#include "lumen/services/broker/BrokerKeys.h"
 #include "platform/Keys.h"
+#include "platform/wire/Broker.h"
+#include "platform/wire/Monitor.h"
 
 namespace lumen {
 
@@ -35,11 +36,11 @@ bool fits(const std::string& datagram, const lm::message& m) {
 
 lm::message wrapping(uint32_t from, uint32_t to, lm::message passing) {
   lm::message m;
-  m.insert_u32(lm::key::command, brokercmd::monitor);
+  m.insert_u32(lm::key::command, lm::broker::cmd::monitor);
   m.insert_u32_array(lm::key::source, {lm::service::broker, 0});
-  m.insert_u32(monitorkey::from, from);
-  m.insert_u32(monitorkey::to, to);
-  m.insert_message(monitorkey::message, std::move(passing));
+  m.insert_u32(lm::monitor::key::from, from);
+  m.insert_u32(lm::monitor::key::to, to);
+  m.insert_message(lm::monitor::key::message, std::move(passing));
   return m;
 }
 
@@ -60,7 +61,7 @@ std::string shown(uint32_t from, uint32_t to, const lm::message& passing) {
   // Even a path or the text of an error may be that long.
   for (const lm::message& rest : {transportFields(passing), lm::message()}) {
     lm::message cut = wrapping(from, to, rest);
-    cut.insert_bool(monitorkey::cut, true);
+    cut.insert_bool(lm::monitor::key::cut, true);
     datagram = lm::encode(cut);
     if (fits(datagram, cut)) break;
   }

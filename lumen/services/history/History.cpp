@@ -8,12 +8,12 @@
 #include "lumen/runtime/Codec.h"
 #include "lumen/runtime/Fields.h"
 #include "lumen/runtime/Paging.h"
-#include "lumen/services/history/HistoryKeys.h"
 #include "platform/Keys.h"
+#include "platform/wire/History.h"
 
 namespace lumen {
 
-namespace key = history::key;
+namespace key = lm::history::key;
 
 namespace {
 

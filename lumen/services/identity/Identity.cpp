@@ -8,6 +8,7 @@
 
 #include "platform/Keys.h"
 #include "platform/Store.h"
+#include "platform/wire/Identity.h"
 
 namespace lumen {
 
@@ -38,12 +39,12 @@ std::string makeIdentity() {
 Identity::Identity(const std::string& storePath) {
   lm::Store store(storePath, 1);
   if (const std::optional<lm::message> stored = store.get(0)) {
-    identity_ = stored->get_string(text);
+    identity_ = stored->get_string(lm::identity::key::text);
   }
   if (isIdentity(identity_)) return;
   identity_ = makeIdentity();
   lm::message record;
-  record.insert_string(text, identity_);
+  record.insert_string(lm::identity::key::text, identity_);
   store.set(0, record);
 }
 
@@ -51,7 +52,7 @@ lm::message Identity::handle(const Caller& /*caller*/, uint32_t command,
                              const lm::message& /*request*/) {
   if (command != lm::cmd::get) return lm::errorMsg(lm::errorRefused, "unknown command");
   lm::message reply;
-  reply.insert_string(text, identity_);
+  reply.insert_string(lm::identity::key::text, identity_);
   return reply;
 }
 

@@ -4,16 +4,15 @@
 
 #include "lumen/services/LocalHandler.h"
 #include "platform/message.h"
+#include "platform/wire/Identity.h"
 
 namespace lumen {
 
 /// Who this router is: a text of 32 hexadecimal digits, made at random when the platform runs for
-/// the first time, and kept from then on. Every caller that may ask may read it.
+/// the first time, and kept from then on. Every caller that may ask may read it, as
+/// lm::identity::key::text of the answer to lm::cmd::get; the stored record holds the same field.
 class Identity : public LocalHandler {
  public:
-  /// Key of the text in the answer to lm::cmd::get, and in the stored record.
-  static constexpr uint32_t text = 0x20000001;
-
   /// `storePath` is a store directory that belongs to this program's user. When the identity cannot
   /// be stored, which is then in the log, it lasts as long as this process.
   explicit Identity(const std::string& storePath);

@@ -8,13 +8,13 @@
 #include "lumen/runtime/Fields.h"
 #include "lumen/runtime/Log.h"
 #include "lumen/runtime/Paging.h"
-#include "lumen/services/interfaces/InterfaceKeys.h"
 #include "platform/Keys.h"
+#include "platform/wire/Interfaces.h"
 
 namespace lumen {
 namespace {
 
-namespace key = interfaces::key;
+namespace key = lm::interfaces::key;
 
 // Of a name that is refused; more of it would only fill the answer.
 constexpr size_t longestShownName = 32;
@@ -99,7 +99,7 @@ lm::message InterfaceTable::read(const Caller& caller, uint32_t id, const Interf
 lm::message InterfaceTable::set(const Caller& caller, uint32_t id, const lm::message& request) {
   const Interface& interface = interfaces_[id];
   const bool others = setsMore(request);
-  if (!caller.administrator && (others || interface.role != interfaces::roleExternal)) {
+  if (!caller.administrator && (others || interface.role != lm::interfaces::roleExternal)) {
     return notPermitted();
   }
   if (others || !request.fields().find(lm::key::disabled)) {
@@ -141,7 +141,7 @@ lm::message InterfaceTable::keep(const lm::message& request) {
   const uint32_t role = request.get_u32(key::role);
   if (!KeptNames::isName(name))
     return refuse("bad interface name '" + name.substr(0, longestShownName) + "'");
-  if (role != interfaces::roleExternal && role != interfaces::roleInternal) {
+  if (role != lm::interfaces::roleExternal && role != lm::interfaces::roleInternal) {
     return refuse("bad role");
   }
   const auto kept = kept_.all().find(name);
@@ -290,7 +290,7 @@ void InterfaceTable::leave(uint32_t id) {
   routes_.forget(it->second.name);
   ids_.release(it->second.name);
   lm::message gone = record(id, it->second);
-  gone.insert_u32(key::flags, interfaces::flagGone);
+  gone.insert_u32(key::flags, lm::interfaces::flagGone);
   interfaces_.erase(it);
   notifier_.notify(lm::cmd::interfaceChanged, {lm::service::interfaces, lm::handler::interfaces},
                    gone);

@@ -8,13 +8,13 @@
 #include <vector>
 
 #include "lumen/runtime/Log.h"
-#include "lumen/services/interfaces/InterfaceKeys.h"
 #include "platform/Keys.h"
+#include "platform/wire/Interfaces.h"
 
 namespace lumen {
 namespace {
 
-namespace key = interfaces::key;
+namespace key = lm::interfaces::key;
 
 constexpr uint32_t recordNumber = 0;
 
@@ -41,7 +41,7 @@ KeptNames::KeptNames(lm::Store& store) : store_(store) {
     const std::string name = m.get_string(key::name);
     const Kept kept{m.get_u32(lm::key::objectId), m.get_u32(key::role)};
     const bool hasRole =
-        kept.role == interfaces::roleExternal || kept.role == interfaces::roleInternal;
+        kept.role == lm::interfaces::roleExternal || kept.role == lm::interfaces::roleInternal;
     const bool hasId = kept.id != 0 && kept.id != lm::none;
     if (!isName(name) || !hasRole || !hasId || names_.contains(name) ||
         !ids.insert(kept.id).second) {

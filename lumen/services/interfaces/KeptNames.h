@@ -6,6 +6,7 @@
 #include <string>
 
 #include "platform/Store.h"
+#include "platform/wire/Interfaces.h"
 
 namespace lumen {
 
@@ -18,7 +19,7 @@ class KeptNames {
 
   struct Kept {
     uint32_t id = 0;
-    uint32_t role = 0;  ///< interfaces::roleExternal or roleInternal
+    uint32_t role = 0;  ///< lm::interfaces::roleExternal or roleInternal
   };
 
   /// Whether the kernel can have a link of that name, which is not its loopback's.

@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "lumen/runtime/Log.h"
-#include "lumen/services/interfaces/InterfaceKeys.h"
+#include "platform/wire/Interfaces.h"
 
 namespace lumen {
 namespace {
@@ -128,7 +128,7 @@ bool RouteKeeper::save(const std::string& name, std::vector<Route> routes) {
   list.reserve(routes.size());
   for (const Route& route : routes) list.push_back(toMessage(route));
   lm::message m;
-  m.insert_string(interfaces::key::name, list.empty() ? std::string() : name);
+  m.insert_string(lm::interfaces::key::name, list.empty() ? std::string() : name);
   m.insert_message_array(routesKey, std::move(list));
   const bool stored = store_.set(record, m);
   if (routes.empty()) {
@@ -151,7 +151,7 @@ uint32_t RouteKeeper::freeRecord() const {
 void RouteKeeper::load(uint32_t record) {
   const auto stored = store_.get(record);
   if (!stored) return;
-  const std::string name = stored->get_string(interfaces::key::name);
+  const std::string name = stored->get_string(lm::interfaces::key::name);
   if (name.empty() || saved_.contains(name)) return;
   Saved saved{record, {}};
   for (const lm::message& m : stored->get_message_array_ref(routesKey)) {

@@ -6,15 +6,15 @@
 
 #include "lumen/runtime/Fields.h"
 #include "lumen/services/nat/KnownFields.h"
-#include "lumen/services/nat/NatKeys.h"
 #include "lumen/services/nat/PolicyFile.h"
 #include "lumen/services/system/processes/PlainFile.h"
+#include "platform/wire/NatRules.h"
 
 namespace lumen {
 
 namespace {
 
-namespace key = nat::key;
+namespace key = lm::nat::key;
 
 struct Setting {
   uint32_t field;

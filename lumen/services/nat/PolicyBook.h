@@ -6,6 +6,7 @@
 #include "lumen/services/nat/Policy.h"
 #include "platform/Store.h"
 #include "platform/message.h"
+#include "platform/wire/NatRules.h"
 
 namespace lumen {
 
@@ -32,10 +33,10 @@ class PolicyBook {
   /// The policy in force.
   [[nodiscard]] const Policy& policy() const { return state_.policy; }
 
-  /// The policy in force as the fields of nat::key.
+  /// The policy in force as the fields of lm::nat::key.
   [[nodiscard]] lm::message settings() const;
 
-  /// Changes the fields that `request` has, for good, as nat::key says. Returns why not, if so;
+  /// Changes the fields that `request` has, for good, as lm::nat::key says. Returns why not, if so;
   /// nothing changed then.
   [[nodiscard]] std::optional<std::string> write(const lm::message& request);
 

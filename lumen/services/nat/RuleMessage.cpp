@@ -6,14 +6,14 @@
 
 #include "lumen/runtime/Fields.h"
 #include "lumen/services/nat/KnownFields.h"
-#include "lumen/services/nat/NatKeys.h"
 #include "platform/Keys.h"
+#include "platform/wire/NatRules.h"
 
 namespace lumen {
 
 namespace {
 
-namespace key = nat::key;
+namespace key = lm::nat::key;
 
 constexpr std::array addFields = {
     lm::key::dynamic,      lm::key::disabled,   key::chain,      key::matchAddress,
@@ -61,7 +61,7 @@ std::string ruleRefusal(const lm::message& request) {
 
   if (auto text = unknownField(request, addFields); !text.empty()) return text;
   if (request.get_string(key::chain) != "dstnat") return "chain must be \"dstnat\"";
-  if (request.get_u32(key::action) != nat::actionDnat) return "action must be 22";
+  if (request.get_u32(key::action) != lm::nat::actionDnat) return "action must be 22";
   for (const Flag& flag : flags) {
     if (!request.get_bool(flag.field)) return flag.refusal;
   }
@@ -143,7 +143,7 @@ lm::message ruleRecord(uint32_t id, const Rule& rule, const RuleStatus& status) 
   record.insert_u32(key::portLast, rule.key.external.port);
   record.insert_bool(key::matchProtocol, true);
   record.insert_u32(key::protocol, rule.key.protocol);
-  record.insert_u32(key::action, nat::actionDnat);
+  record.insert_u32(key::action, lm::nat::actionDnat);
   record.insert_bool(key::translateAddress, true);
   record.insert_be32(key::clientFirst, rule.client.address);
   record.insert_be32(key::clientLast, rule.client.address);

@@ -9,6 +9,7 @@
 #include "lumen/services/resolver/HostName.h"
 #include "platform/Keys.h"
 #include "platform/Looper.h"
+#include "platform/wire/Resolver.h"
 
 namespace lumen {
 
@@ -69,8 +70,9 @@ Resolver::Resolver(const lm::Clock& clock, std::vector<std::string> configuratio
 Resolver::~Resolver() = default;
 
 lm::message Resolver::cmdUnknown(const lm::message& request, uint32_t command) {
-  if (command != resolve) return Handler::cmdUnknown(request, command);
-  const std::optional<std::string> name = toHostName(request.get_string(hostName));
+  if (command != lm::resolver::cmd::resolve) return Handler::cmdUnknown(request, command);
+  const std::optional<std::string> name =
+      toHostName(request.get_string(lm::resolver::key::hostName));
   if (!name) return refusal("not a host name");
   if (const auto error = failures_.find(*name)) return refusal(*error);
   const auto asked = questions_.find(*name);
@@ -95,7 +97,7 @@ void Resolver::lookedUp(const std::string& name, const Lookup::Result& result) {
   const auto ended = questions_.extract(name);
   if (result.address != 0) {
     lm::message reply;
-    reply.insert_be32(address, result.address);
+    reply.insert_be32(lm::resolver::key::address, result.address);
     ended.mapped()->answer(reply);
   } else {
     lm::logLine("resolver: ", name, ": ", result.error);

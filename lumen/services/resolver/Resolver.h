@@ -25,10 +25,7 @@ namespace lumen {
 /// every failure, so that its next life knows as much.
 class Resolver : public lm::Handler, private Lookup::Owner {
  public:
-  static constexpr uint32_t resolve = 3;            ///< command
-  static constexpr uint32_t hostName = 0x20000003;  ///< string in the request
-  static constexpr uint32_t address = 0x08000004;   ///< be32 in the reply
-  static constexpr uint32_t idleLife = 60'000;      ///< milliseconds
+  static constexpr uint32_t idleLife = 60'000;  ///< milliseconds
   /// Each can hold several sockets. Who comes beyond is refused at once: in a queue it would wait
   /// longer than the second that it has.
   static constexpr size_t maxLookups = 128;

@@ -1,9 +1,10 @@
 #include "base/ProgramUsage.h"
 #include "lumen/runtime/EventLoop.h"
 #include "lumen/services/resolver/Resolver.h"
+#include "platform/Keys.h"
 #include "platform/Looper.h"
 
-const uint32_t lm::serviceNumber = 14;
+const uint32_t lm::serviceNumber = lm::service::resolver;
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "lumen/runtime/Log.h"
-#include "lumen/services/broker/BrokerKeys.h"
+#include "platform/wire/Broker.h"
 
 namespace lumen {
 
@@ -164,30 +164,30 @@ void Service::kill() {
 }
 
 std::string Service::state() const {
-  if (registered_) return servicestate::running;
+  if (registered_) return lm::broker::state::running;
   switch (phase_) {
     case Phase::stopped:
-      return servicestate::stopped;
+      return lm::broker::state::stopped;
     case Phase::backOff:
-      return servicestate::waiting;
+      return lm::broker::state::waiting;
     case Phase::waitingForLock:
-      return servicestate::starting;
+      return lm::broker::state::starting;
     case Phase::up:
       break;
   }
-  return leaving_ ? servicestate::leaving : servicestate::starting;
+  return leaving_ ? lm::broker::state::leaving : lm::broker::state::starting;
 }
 
 lm::message Service::record() const {
   const uint64_t now = clock_.now();
   const uint64_t wait = nextStart_ > now ? nextStart_ - now : 1;
   lm::message record;
-  record.insert_u32(servicekey::number, definition_.number);
-  record.insert_string(servicekey::name, definition_.name);
-  record.insert_string(servicekey::state, state());
-  record.insert_u32(servicekey::pid, static_cast<uint32_t>(pid_));
-  record.insert_u32(servicekey::restarts, restarts_);
-  record.insert_u64(servicekey::nextStart, phase_ == Phase::backOff ? wait : 0);
+  record.insert_u32(lm::broker::listed::number, definition_.number);
+  record.insert_string(lm::broker::listed::name, definition_.name);
+  record.insert_string(lm::broker::listed::state, state());
+  record.insert_u32(lm::broker::listed::pid, static_cast<uint32_t>(pid_));
+  record.insert_u32(lm::broker::listed::restarts, restarts_);
+  record.insert_u64(lm::broker::listed::nextStart, phase_ == Phase::backOff ? wait : 0);
   return record;
 }
 

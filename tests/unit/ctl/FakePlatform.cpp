@@ -8,19 +8,20 @@
 
 #include "lumen/ctl/CommandLine.h"
 #include "lumen/runtime/Fields.h"
-#include "lumen/services/addresses/AddressKeys.h"
-#include "lumen/services/broker/BrokerKeys.h"
-#include "lumen/services/history/HistoryKeys.h"
-#include "lumen/services/interfaces/InterfaceKeys.h"
-#include "lumen/services/nat/NatKeys.h"
 #include "platform/Keys.h"
+#include "platform/wire/Addresses.h"
+#include "platform/wire/Broker.h"
+#include "platform/wire/History.h"
+#include "platform/wire/Interfaces.h"
+#include "platform/wire/Monitor.h"
+#include "platform/wire/NatRules.h"
 
 namespace lumenctl {
 
 namespace {
 
-namespace ifkey = lumen::interfaces::key;
-namespace natkey = lumen::nat::key;
+namespace ifkey = lm::interfaces::key;
+namespace natkey = lm::nat::key;
 
 constexpr uint32_t gatewayNumber = 40;
 
@@ -78,7 +79,7 @@ class FakePlatform::Connection : public Client {
 };
 
 FakePlatform::FakePlatform() {
-  gatewayIs(lumen::servicestate::running, 4711);
+  gatewayIs(lm::broker::state::running, 4711);
   settings_.insert_bool(1, true);
   settings_.insert_bool(2, true);
   settings_.insert_bool(3, true);
@@ -126,8 +127,8 @@ void FakePlatform::hasAddress(const std::string& linkName, const std::string& ad
                               bool disabled) {
   lm::message record;
   record.insert_u32(lm::key::objectId, nextId_++);
-  record.insert_u32(lumen::addresses::key::interface, link(linkName).get_u32(lm::key::objectId));
-  record.insert_be32(lumen::addresses::key::address, inet_addr(address.c_str()));
+  record.insert_u32(lm::addresses::key::interface, link(linkName).get_u32(lm::key::objectId));
+  record.insert_be32(lm::addresses::key::address, inet_addr(address.c_str()));
   record.insert_bool(lm::key::disabled, disabled);
   addresses_.push_back(record);
 }
@@ -160,17 +161,17 @@ void FakePlatform::gatewayUses(const std::string& linkName, uint32_t role, bool 
 
 void FakePlatform::gatewayIs(const std::string& state, uint32_t pid, uint64_t nextStart) {
   lm::message record;
-  record.insert_u32(lumen::servicekey::number, gatewayNumber);
-  record.insert_string(lumen::servicekey::name, "palinode-igd");
-  record.insert_string(lumen::servicekey::state, state);
-  record.insert_u32(lumen::servicekey::pid, pid);
-  record.insert_u32(lumen::servicekey::restarts, 3);
-  record.insert_u64(lumen::servicekey::nextStart, nextStart);
+  record.insert_u32(lm::broker::listed::number, gatewayNumber);
+  record.insert_string(lm::broker::listed::name, "palinode-igd");
+  record.insert_string(lm::broker::listed::state, state);
+  record.insert_u32(lm::broker::listed::pid, pid);
+  record.insert_u32(lm::broker::listed::restarts, 3);
+  record.insert_u64(lm::broker::listed::nextStart, nextStart);
   services_ = {record};
 }
 
 uint32_t FakePlatform::wasChanged(const std::string& text, uint32_t undoCommand, lm::message undo) {
-  namespace key = lumen::history::key;
+  namespace key = lm::history::key;
   lm::message record;
   record.insert_u32(lm::key::objectId, nextId_++);
   record.insert_string(key::text, text);
@@ -184,11 +185,11 @@ uint32_t FakePlatform::wasChanged(const std::string& text, uint32_t undoCommand,
 
 void FakePlatform::passes(uint32_t from, uint32_t to, lm::message m, bool cut) {
   lm::message shown;
-  shown.insert_u32(lm::key::command, lumen::brokercmd::monitor);
-  shown.insert_u32(lumen::monitorkey::from, from);
-  shown.insert_u32(lumen::monitorkey::to, to);
-  shown.insert_message(lumen::monitorkey::message, std::move(m));
-  if (cut) shown.insert_bool(lumen::monitorkey::cut, true);
+  shown.insert_u32(lm::key::command, lm::broker::cmd::monitor);
+  shown.insert_u32(lm::monitor::key::from, from);
+  shown.insert_u32(lm::monitor::key::to, to);
+  shown.insert_message(lm::monitor::key::message, std::move(m));
+  if (cut) shown.insert_bool(lm::monitor::key::cut, true);
   shown_.push_back(std::move(shown));
 }
 
@@ -227,11 +228,11 @@ lm::message FakePlatform::answer(const Path& destination, uint32_t command,
   if (refusal != refusals_.end()) return lm::errorMsg(lm::errorRefused, refusal->second);
 
   lm::message reply;
-  if (destination == Path{0} && command == lumen::brokercmd::services) {
+  if (destination == Path{0} && command == lm::broker::cmd::services) {
     reply.insert_message_array(lm::key::records, services_);
     return reply;
   }
-  if (destination == Path{0} && command == lumen::brokercmd::monitor) return reply;
+  if (destination == Path{0} && command == lm::broker::cmd::monitor) return reply;
   if (destination == Path{65} && command == lm::cmd::get) {
     reply.insert_string(1, "0c5e9a51");
     return reply;

@@ -5,10 +5,10 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include "lumen/runtime/Broker.h"
 #include "lumen/runtime/Codec.h"
 #include "lumen/runtime/Connection.h"
 #include "lumen/runtime/SocketTransport.h"
+#include "platform/wire/Broker.h"
 #include "support/Describe.h"
 #include "support/LogCapture.h"
 #include "support/ManualClock.h"
@@ -136,7 +136,7 @@ TEST_F(ConnectionTest, ARequestThatWasCancelledBeforeItWasTakenIsGone) {
   message second = request(2);
   second.insert_u32(key::serial, 6);
   message cancellation;
-  cancellation.insert_u32(key::command, broker::cancel);
+  cancellation.insert_u32(key::command, broker::cmd::cancel);
   cancellation.insert_u32_array(key::source, {service::broker, 0});
   cancellation.insert_u32(key::serial, 5);
   platformSends(first);
@@ -151,7 +151,7 @@ TEST_F(ConnectionTest, OnlyTheBrokerCancels) {
   message first = request(1);
   first.insert_u32(key::serial, 5);
   message cancellation;
-  cancellation.insert_u32(key::command, broker::cancel);
+  cancellation.insert_u32(key::command, broker::cmd::cancel);
   cancellation.insert_u32_array(key::source, {20, 0});
   cancellation.insert_u32(key::serial, 5);
   platformSends(first);

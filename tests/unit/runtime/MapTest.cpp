@@ -5,11 +5,11 @@
 #include <filesystem>
 #include <functional>
 
-#include "lumen/runtime/Broker.h"
 #include "lumen/runtime/Codec.h"
 #include "platform/Keys.h"
 #include "platform/Looper.h"
 #include "platform/Map.h"
+#include "platform/wire/Broker.h"
 #include "support/Describe.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
@@ -96,7 +96,7 @@ class ObjectMap : public testing::Test {
   void giveUp(uint32_t serial) {
     message cancellation;
     cancellation.insert_u32(key::serial, serial);
-    platform_.notify(broker::cancel, {0, 0}, cancellation);
+    platform_.notify(broker::cmd::cancel, {0, 0}, cancellation);
   }
 
   /// The texts and messages that went to the history, since the last call.

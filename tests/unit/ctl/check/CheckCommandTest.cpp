@@ -5,10 +5,10 @@
 
 #include "ctl/FakePlatform.h"
 #include "lumen/ctl/machine/RouteTable.h"
-#include "lumen/services/broker/BrokerKeys.h"
-#include "lumen/services/interfaces/InterfaceKeys.h"
-#include "lumen/services/nat/NatKeys.h"
 #include "platform/Keys.h"
+#include "platform/wire/Broker.h"
+#include "platform/wire/Interfaces.h"
+#include "platform/wire/NatRules.h"
 
 namespace lumenctl {
 namespace {
@@ -68,7 +68,7 @@ struct CheckCommand : testing::Test {
     writes("/proc/4711/net/tcp", tcpTable);
   }
   uint32_t indexOf(const std::string& link) {
-    return router.link(link).get_u32(lumen::interfaces::key::index);
+    return router.link(link).get_u32(lm::interfaces::key::index);
   }
   void writes(const std::string& file, const std::string& text) {
     router.machine().files[file] = text;
@@ -153,11 +153,11 @@ TEST_F(CheckCommand, SaysThatThePlatformRefuses) {
 
 // Also proves [ctl-check-safe].
 TEST_F(CheckCommand, NeverWakesAGatewayThatDoesNotRun) {
-  for (const char* const state : {lumen::servicestate::stopped, lumen::servicestate::leaving}) {
+  for (const char* const state : {lm::broker::state::stopped, lm::broker::state::leaving}) {
     router.gatewayIs(state);
     EXPECT_EQ(found(), Lines{"gateway-off"});
   }
-  router.gatewayIs(lumen::servicestate::waiting, 0, 12000);
+  router.gatewayIs(lm::broker::state::waiting, 0, 12000);
   EXPECT_EQ(found(), Lines{"gateway-crashed"});
   router.gatewayIsNotInstalled();
   EXPECT_EQ(found(), Lines{"gateway-not-installed"});
@@ -175,7 +175,7 @@ TEST_F(CheckCommand, TellsAGatewayThatIsOffFromOneThatIsSilent) {
 }
 
 TEST_F(CheckCommand, CountsTheRolesThatTheGatewayUses) {
-  router.link("br-lan").insert_u32(lumen::interfaces::key::role, 1);
+  router.link("br-lan").insert_u32(lm::interfaces::key::role, 1);
   EXPECT_EQ(found(), Lines{}) << "what the platform keeps does not count";
   FakePlatform unused;
   unused.hasLink("wan0", 1);
@@ -188,7 +188,7 @@ TEST_F(CheckCommand, LooksAtTheLinksOfTheMachine) {
   router.machine().unicastOnly = {"br-lan"};
   writes("/proc/sys/net/bridge/bridge-nf-call-iptables", "1\n");
   EXPECT_EQ(found(), (Lines{"no-multicast", "bridged-traffic-filtered"}));
-  router.link("br-lan").insert_u32(lumen::interfaces::key::index, 0);
+  router.link("br-lan").insert_u32(lm::interfaces::key::index, 0);
   EXPECT_EQ(found(), Lines{"interface-away"}) << "a link that is not there has no marks";
 }
 
@@ -201,7 +201,7 @@ TEST_F(CheckCommand, FindsAFirewallThatDropsOpenPorts) {
 TEST_F(CheckCommand, FindsStalePorts) {
   router.hasPort(8080, 6, "192.168.88.10", 80);
   EXPECT_EQ(found(), Lines{});
-  router.lastPort().insert_bool(lumen::nat::key::stale, true);
+  router.lastPort().insert_bool(lm::nat::key::stale, true);
   EXPECT_EQ(found(), Lines{"stale-ports"});
 }
 
@@ -241,7 +241,7 @@ TEST_F(CheckCommand, KnowsTheGatewaysSocketsByItsUserWhenItCannotSeeTheProgram) 
 // Also proves [ctl-check-ports].
 TEST_F(CheckCommand, DoesNotTakeTheGatewayForAnotherProgramWhenThePlatformRefuses) {
   writes("/proc/net/tcp", socketLine("0B0C", "0A", 64040, 1));
-  router.refuses({0}, lumen::brokercmd::services, "not permitted");
+  router.refuses({0}, lm::broker::cmd::services, "not permitted");
   EXPECT_EQ(found(), Lines{"platform-refuses"});
 }
 
@@ -294,9 +294,9 @@ TEST_F(CheckCommand, LooksForTheGatewaysSocketsOnEachInternalInterface) {
 // Also proves [ctl-check-listens].
 TEST_F(CheckCommand, MissesNoSocketWhereTheGatewayHasNothingToServe) {
   listensAt({}, {});
-  router.link("br-lan").insert_bool(lumen::interfaces::key::running, false);
+  router.link("br-lan").insert_bool(lm::interfaces::key::running, false);
   EXPECT_EQ(found(), Lines{"interface-no-link"});
-  router.link("br-lan").insert_bool(lumen::interfaces::key::running, true);
+  router.link("br-lan").insert_bool(lm::interfaces::key::running, true);
   router.settings().insert_bool(1, false);
   EXPECT_EQ(found(), Lines{"gateway-off"});
 }
@@ -358,7 +358,7 @@ TEST_F(CheckCommand, TellsAServiceFileThatIsWrongFromOneThatIsMissing) {
 // Promise: `upnp check` finds a policy that allows no open port, or none to the hosts of an
 // internal interface, and the command that it names allows them.
 TEST_F(CheckCommand, FindsAPolicyThatAllowsNoPort) {
-  namespace key = lumen::nat::key;
+  namespace key = lm::nat::key;
   router.policy().insert_u32(key::maxRules, 0);
   EXPECT_EQ(check().out,
             "1. The policy allows no open port: max-rules is 0.\n"
@@ -375,16 +375,16 @@ TEST_F(CheckCommand, FindsAPolicyThatExcludesTheHostsOfAnInterface) {
   writes(routeTablePath, std::string(defaultRoute) +
                              "br-lan\t0058A8C0\t00000000\t0001\t0\t0\t0\t00FFFFFF\t0\t0\t0\n"
                              "wan0\t002D2D2D\t00000000\t0001\t0\t0\t0\t00FFFFFF\t0\t0\t0\n");
-  router.policy().insert_string(lumen::nat::key::internalClients, "10.0.0.0/8, 10.1.2.3");
+  router.policy().insert_string(lm::nat::key::internalClients, "10.0.0.0/8, 10.1.2.3");
   EXPECT_EQ(check().out,
             "1. The policy allows no port to the hosts of br-lan: internal-clients is 10.0.0.0/8, "
             "10.1.2.3.\n"
             "   Every program there that asks for a port is refused.\n"
             "   Mend it: lumenctl nat policy set "
             "internal-clients=10.0.0.0/8,10.1.2.3,192.168.88.0/24\n\n");
-  router.policy().insert_string(lumen::nat::key::internalClients, "10.0.0.0/8, connected");
+  router.policy().insert_string(lm::nat::key::internalClients, "10.0.0.0/8, connected");
   EXPECT_EQ(found(), Lines{});
-  router.policy().insert_string(lumen::nat::key::internalClients, "10.0.0.0/8, 192.168.88.7");
+  router.policy().insert_string(lm::nat::key::internalClients, "10.0.0.0/8, 192.168.88.7");
   EXPECT_EQ(found(), Lines{});
 }
 

@@ -9,8 +9,8 @@
 
 #include "ctl/FakePlatform.h"
 #include "lumen/ctl/router/Records.h"
-#include "lumen/services/history/HistoryKeys.h"
 #include "platform/Keys.h"
+#include "platform/wire/History.h"
 
 namespace lumenctl {
 namespace {
@@ -43,7 +43,7 @@ TEST_F(History, ShowsTheNewestChangeFirst) {
 TEST_F(History, OfAProgramWithoutHandlersIsOfItsFirst) {
   lm::message record;
   EXPECT_EQ(Change(record).service, 0U);
-  record.insert_u32_array(lumen::history::key::path, {40});
+  record.insert_u32_array(lm::history::key::path, {40});
   EXPECT_EQ(Change(record).service, 40U);
   EXPECT_EQ(Change(record).handler, 0U);
 }

@@ -5,10 +5,10 @@
 
 #include "ctl/FakePlatform.h"
 #include "lumen/runtime/Fields.h"
-#include "lumen/services/broker/BrokerKeys.h"
-#include "lumen/services/interfaces/InterfaceKeys.h"
-#include "lumen/services/nat/NatKeys.h"
 #include "platform/Keys.h"
+#include "platform/wire/Broker.h"
+#include "platform/wire/Interfaces.h"
+#include "platform/wire/NatRules.h"
 
 namespace lumenctl {
 namespace {
@@ -29,8 +29,8 @@ TEST_F(Listing, ShowsInterfacesWithRoleStateAddressesAndCounters) {
   router.hasLink("eth9");
   router.hasAddress("br-lan", "192.168.88.1");
   router.hasAddress("br-lan", "10.0.0.1");
-  router.link("eth9").insert_bool(lumen::interfaces::key::running, false);
-  router.link("wan0").insert_u32(lumen::interfaces::key::index, 0);
+  router.link("eth9").insert_bool(lm::interfaces::key::running, false);
+  router.link("wan0").insert_u32(lm::interfaces::key::index, 0);
   const auto result = router.lumenctl({"interface", "list"});
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(result.out,
@@ -100,14 +100,14 @@ TEST_F(Listing, SaysThatThereIsNoAddressAndNoService) {
 // it was opened, and the service that opened it, or `No port is open.`
 TEST_F(Listing, ShowsPortsInTheirOrderWithTheirState) {
   router.hasPort(9000, udp, "192.168.88.11", 9000);
-  router.lastPort().insert_bool(lumen::nat::key::stale, true);
+  router.lastPort().insert_bool(lm::nat::key::stale, true);
   router.hasPort(8080, udp, "192.168.88.10", 80);
-  router.lastPort().insert_bool(lumen::nat::key::closed, true);
+  router.lastPort().insert_bool(lm::nat::key::closed, true);
   router.hasPort(8080, tcp, "192.168.88.10", 80);
   router.hasPort(9001, tcp, "192.168.88.10", 1);
   router.lastPort().insert_bool(lm::key::disabled, true);
-  router.lastPort().fields().erase(lumen::nat::key::connections);
-  router.lastPort().fields().erase(lumen::nat::key::uses);
+  router.lastPort().fields().erase(lm::nat::key::connections);
+  router.lastPort().fields().erase(lm::nat::key::uses);
   EXPECT_EQ(router.lumenctl({"nat", "list"}).out,
             "PORT      ON ADDRESS  TO                  STATE     OPEN FOR   CONNECTIONS  SO FAR  "
             "OPENED BY\n"
@@ -134,8 +134,8 @@ TEST_F(Listing, ShowsPortsInJson) {
             "    \"client_port\": 80,\n    \"state\": \"open\",\n    \"stale\": false,\n"
             "    \"owner\": \"palinode-igd\",\n    \"seconds\": 185,\n"
             "    \"connections\": 2,\n    \"connections_so_far\": 17\n  }\n]\n");
-  router.lastPort().fields().erase(lumen::nat::key::connections);
-  router.lastPort().fields().erase(lumen::nat::key::uses);
+  router.lastPort().fields().erase(lm::nat::key::connections);
+  router.lastPort().fields().erase(lm::nat::key::uses);
   EXPECT_TRUE(router.lumenctl({"nat", "list", "--json"})
                   .out.ends_with(",\n    \"connections\": null,\n"
                                  "    \"connections_so_far\": null\n  }\n]\n"));
@@ -294,12 +294,12 @@ TEST_F(Listing, SaysWhyThePolicyWasRefused) {
 // starts again, or `No service is installed.`
 TEST_F(Listing, ShowsServices) {
   for (const uint64_t nextStart : {3001U, 4000U}) {
-    router.gatewayIs(lumen::servicestate::waiting, 0, nextStart);
+    router.gatewayIs(lm::broker::state::waiting, 0, nextStart);
     EXPECT_EQ(router.lumenctl({"service", "list"}).out,
               "NUMBER  NAME          STATE    PROCESS  RESTARTS  STARTS AGAIN\n"
               "    40  palinode-igd  waiting                  3  in 4 s\n");
   }
-  router.gatewayIs(lumen::servicestate::running, 4711);
+  router.gatewayIs(lm::broker::state::running, 4711);
   EXPECT_EQ(router.lumenctl({"service", "list", "--json"}).out,
             "[\n  {\n    \"number\": 40,\n    \"name\": \"palinode-igd\",\n"
             "    \"state\": \"running\",\n    \"process\": 4711,\n    \"restarts\": 3,\n"

@@ -11,11 +11,12 @@
 #include "lumen/ctl/monitor/Monitor.h"
 #include "lumen/ctl/text/Text.h"
 #include "lumen/runtime/Fields.h"
-#include "lumen/services/broker/BrokerKeys.h"
-#include "lumen/services/history/HistoryKeys.h"
-#include "lumen/services/interfaces/InterfaceKeys.h"
-#include "lumen/services/nat/NatKeys.h"
 #include "platform/Keys.h"
+#include "platform/wire/Broker.h"
+#include "platform/wire/History.h"
+#include "platform/wire/Interfaces.h"
+#include "platform/wire/Monitor.h"
+#include "platform/wire/NatRules.h"
 
 namespace lumenctl {
 namespace {
@@ -23,9 +24,9 @@ namespace {
 using Path = std::vector<uint32_t>;
 using Lines = std::vector<std::string>;
 
-constexpr uint32_t everybody = lumen::monitor::everybody;
+constexpr uint32_t everybody = lm::monitor::everybody;
 constexpr uint32_t gateway = 40;
-constexpr uint32_t administrator = lumen::monitor::anonymous + 5;
+constexpr uint32_t administrator = lm::monitor::anonymous + 5;
 
 lm::message request(const Path& to, uint32_t command, uint32_t serial, lm::message fields = {}) {
   fields.insert_u32_array(lm::key::destination, to);
@@ -86,7 +87,7 @@ TEST_F(Monitoring, EndsWith1WhenThePlatformEnds) {
 
 // Also proves [ctl-monitor-end].
 TEST_F(Monitoring, EndsWith1WhenItIsNotPermitted) {
-  router.refuses({0}, lumen::brokercmd::monitor, "not permitted");
+  router.refuses({0}, lm::broker::cmd::monitor, "not permitted");
   const auto result = router.lumenctl({"monitor"});
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.err, "lumenctl: not permitted\n");
@@ -95,7 +96,7 @@ TEST_F(Monitoring, EndsWith1WhenItIsNotPermitted) {
 // Promise: `monitor` prints each message that passes the broker as one line with the time of day,
 // its sender, its receiver, what it is and its fields by name.
 TEST_F(Monitoring, ShowsARequestWithNamesForItsFields) {
-  namespace key = lumen::nat::key;
+  namespace key = lm::nat::key;
   lm::message rule;
   rule.insert_string(key::chain, "dstnat");
   rule.insert_bool(key::matchAddress, true);
@@ -135,7 +136,7 @@ TEST_F(Monitoring, TellsWhoRefusedARequest) {
 TEST_F(Monitoring, ShowsANotificationWithItsRecords) {
   lm::message record;
   record.insert_u32(lm::key::objectId, 1);
-  record.insert_string(lumen::interfaces::key::name, "wan0");
+  record.insert_string(lm::interfaces::key::name, "wan0");
   lm::message fields;
   fields.insert_message_array(lm::key::records, {record, record});
   router.passes(20, everybody, notification({20, 0}, lm::cmd::interfaceChanged, fields));
@@ -166,11 +167,11 @@ TEST_F(Monitoring, NamesWhatAnUndoIsAbout) {
   undo.insert_u32(lm::key::command, lm::cmd::set);
   undo.insert_bool(1, false);
   lm::message change;
-  change.insert_string(lumen::history::key::text, "upnp config changed");
-  change.insert_message(lumen::history::key::undo, undo);
+  change.insert_string(lm::history::key::text, "upnp config changed");
+  change.insert_message(lm::history::key::undo, undo);
   router.passes(gateway, 66, request({66}, lm::cmd::addObject, 3, change));
   lm::message record = change;
-  record.insert_u32_array(lumen::history::key::path, {20, 5});
+  record.insert_u32_array(lm::history::key::path, {20, 5});
   lm::message page;
   page.insert_message_array(lm::key::records, {record});
   router.passes(administrator, 66, request({66}, lm::cmd::readAll, 1));
@@ -196,7 +197,7 @@ TEST_F(Monitoring, ShowsThatSomethingIsNotShownWhole) {
 // Promise: `monitor --json` prints an object on each line.
 TEST_F(Monitoring, PrintsAnObjectOnEachLineInJson) {
   lm::message rule;
-  rule.insert_be32(lumen::nat::key::addressFirst, inet_addr("45.45.45.1"));
+  rule.insert_be32(lm::nat::key::addressFirst, inet_addr("45.45.45.1"));
   rule.insert_u32(0x77, 5);
   router.passes(gateway, 20, request({20, 5}, lm::cmd::addObject, 3, rule));
   router.passes(20, gateway, reply(3, lm::errorMsg(lm::errorRefused, "two\nlines\xff")), true);
@@ -231,7 +232,7 @@ TEST_F(Monitoring, PutsTextInQuotesUnlessItIsOneWord) {
                                                         {"\x7f", "\"\\x7f\""},
                                                         {"\xe2\x80\xae", "\"\\xe2\\x80\\xae\""}}) {
     lm::message fields;
-    fields.insert_string(lumen::interfaces::key::name, value);
+    fields.insert_string(lm::interfaces::key::name, value);
     router.passes(20, everybody, notification({20, 0}, lm::cmd::changed, fields));
     EXPECT_EQ(lines(), Lines{"interfaces -> all: notification changed name=" + shown});
   }
@@ -251,10 +252,10 @@ TEST_F(Monitoring, IsNotHeldUpByAMessageOfManyFields) {
 TEST(MonitorOf, RequestsThatAreNeverAnsweredDoesNotGrow) {
   Monitor monitor({});
   lm::message shown;
-  shown.insert_u32(lumen::monitorkey::from, gateway);
-  shown.insert_u32(lumen::monitorkey::to, 20);
+  shown.insert_u32(lm::monitor::key::from, gateway);
+  shown.insert_u32(lm::monitor::key::to, 20);
   for (uint32_t serial = 0; serial < 5'000; ++serial) {
-    shown.insert_message(lumen::monitorkey::message, request({20, 0}, lm::cmd::list, serial));
+    shown.insert_message(lm::monitor::key::message, request({20, 0}, lm::cmd::list, serial));
     EXPECT_EQ(monitor.read(shown, 0).kind, "request");
     ASSERT_LE(monitor.underWay(), 4096U);
   }

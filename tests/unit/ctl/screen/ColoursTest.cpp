@@ -6,7 +6,7 @@
 
 #include "ctl/FakePlatform.h"
 #include "lumen/ctl/screen/Colours.h"
-#include "lumen/services/nat/NatKeys.h"
+#include "platform/wire/NatRules.h"
 
 namespace lumenctl {
 namespace {
@@ -64,7 +64,7 @@ struct ColouredRouter : testing::Test {
     router.gatewayUses("br-lan", 2);
     router.hasPort(8080, 6, "192.168.88.10", 80);
     router.hasPort(8081, 6, "192.168.88.10", 80);
-    router.lastPort().insert_bool(lumen::nat::key::stale, true);
+    router.lastPort().insert_bool(lm::nat::key::stale, true);
   }
   FakePlatform router;
 };

@@ -4,8 +4,8 @@
 #include <vector>
 
 #include "ctl/FakePlatform.h"
-#include "lumen/services/interfaces/InterfaceKeys.h"
 #include "platform/Keys.h"
+#include "platform/wire/Interfaces.h"
 
 namespace lumenctl {
 namespace {
@@ -138,7 +138,7 @@ TEST_F(Setup, KeepsTheNameOfALinkThatIsStillAwayWhenThatIsAllowed) {
 // later`.
 TEST_F(Setup, RefusesInterfacesThatAreNotThereBeforeItChangesAnything) {
   router.hasLink("ppp0", 1);
-  router.link("ppp0").insert_u32(lumen::interfaces::key::index, 0);
+  router.link("ppp0").insert_u32(lm::interfaces::key::index, 0);
   const std::vector<std::pair<Lines, std::string>> missing = {
       {{"--internal", "nosuch", "--external", "wan0"}, "'nosuch'"},
       {{"--internal", "br-lan", "--external", "ppp0"}, "'ppp0'"},

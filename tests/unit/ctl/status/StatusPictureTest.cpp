@@ -6,9 +6,9 @@
 
 #include "lumen/ctl/status/StatusPicture.h"
 #include "lumen/ctl/text/Text.h"
-#include "lumen/services/interfaces/InterfaceKeys.h"
-#include "lumen/services/nat/NatKeys.h"
 #include "platform/Keys.h"
+#include "platform/wire/Interfaces.h"
+#include "platform/wire/NatRules.h"
 
 namespace lumenctl {
 namespace {
@@ -28,9 +28,9 @@ struct Picture : testing::Test {
   void uses(uint32_t id, const std::string& name, Role role, const std::string& address) {
     lm::message record;
     record.insert_u32(lm::key::objectId, id);
-    record.insert_u32(lumen::interfaces::key::index, id);
-    record.insert_string(lumen::interfaces::key::name, name);
-    record.insert_bool(lumen::interfaces::key::running, true);
+    record.insert_u32(lm::interfaces::key::index, id);
+    record.insert_string(lm::interfaces::key::name, name);
+    record.insert_bool(lm::interfaces::key::running, true);
     GatewayObject object;
     object.role = role;
     status.interfaces.push_back({Interface(record), object, {address}});
@@ -38,15 +38,15 @@ struct Picture : testing::Test {
 
   void opens(uint32_t port) {
     lm::message record;
-    record.insert_be32(lumen::nat::key::addressFirst, inet_addr("45.45.45.1"));
-    record.insert_u32(lumen::nat::key::portFirst, port);
-    record.insert_u32(lumen::nat::key::protocol, 6);
-    record.insert_be32(lumen::nat::key::clientFirst, inet_addr("192.168.88.10"));
-    record.insert_u32(lumen::nat::key::clientPortFirst, 80);
-    record.insert_string(lumen::nat::key::owner, "upnp");
-    record.insert_u64(lumen::nat::key::seconds, 185);
-    record.insert_u64(lumen::nat::key::connections, 2);
-    record.insert_u64(lumen::nat::key::uses, 17);
+    record.insert_be32(lm::nat::key::addressFirst, inet_addr("45.45.45.1"));
+    record.insert_u32(lm::nat::key::portFirst, port);
+    record.insert_u32(lm::nat::key::protocol, 6);
+    record.insert_be32(lm::nat::key::clientFirst, inet_addr("192.168.88.10"));
+    record.insert_u32(lm::nat::key::clientPortFirst, 80);
+    record.insert_string(lm::nat::key::owner, "upnp");
+    record.insert_u64(lm::nat::key::seconds, 185);
+    record.insert_u64(lm::nat::key::connections, 2);
+    record.insert_u64(lm::nat::key::uses, 17);
     status.rules.emplace_back(record);
   }
 
@@ -57,8 +57,8 @@ struct Picture : testing::Test {
     uint64_t now = 0;
     const auto reading = [&] {
       lm::message record;
-      record.insert_u64(lumen::interfaces::key::bytesReceived, received);
-      record.insert_u64(lumen::interfaces::key::bytesSent, sent);
+      record.insert_u64(lm::interfaces::key::bytesReceived, received);
+      record.insert_u64(lm::interfaces::key::bytesSent, sent);
       traffic[id].add(Counters(record), now);
       now += 1000;
     };

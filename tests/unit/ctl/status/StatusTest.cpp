@@ -10,9 +10,9 @@
 #include <vector>
 
 #include "ctl/FakePlatform.h"
-#include "lumen/services/broker/BrokerKeys.h"
-#include "lumen/services/interfaces/InterfaceKeys.h"
 #include "platform/Keys.h"
+#include "platform/wire/Broker.h"
+#include "platform/wire/Interfaces.h"
 
 namespace lumenctl {
 namespace {
@@ -88,8 +88,8 @@ TEST_F(Status, ShowsTheRouterInJson) {
 // Promise [ctl-passive]: `status` never starts a gateway that does not run, and then shows the kept
 // roles.
 TEST_F(Status, NeverWakesAGatewayThatDoesNotRun) {
-  for (const char* state : {lumen::servicestate::stopped, lumen::servicestate::starting,
-                            lumen::servicestate::leaving, lumen::servicestate::waiting}) {
+  for (const char* state : {lm::broker::state::stopped, lm::broker::state::starting,
+                            lm::broker::state::leaving, lm::broker::state::waiting}) {
     router.gatewayIs(state);
     EXPECT_EQ(router.lumenctl({"status"}).status, 0);
     EXPECT_EQ(router.lumenctl({"status", "--json"}).status, 0);
@@ -99,7 +99,7 @@ TEST_F(Status, NeverWakesAGatewayThatDoesNotRun) {
 
 // Also proves [ctl-passive].
 TEST_F(Status, ShowsTheKeptRolesWhileTheGatewayIsOff) {
-  router.gatewayIs(lumen::servicestate::stopped);
+  router.gatewayIs(lm::broker::state::stopped);
   EXPECT_TRUE(router.lumenctl({"status"})
                   .out.starts_with("Gateway: off\n"
                                    "\n"
@@ -113,11 +113,11 @@ TEST_F(Status, ShowsTheKeptRolesWhileTheGatewayIsOff) {
 TEST_F(Status, SaysInWhichStateTheGatewayIs) {
   router.settings().insert_bool(1, false);
   EXPECT_EQ(firstLine(), "Gateway: off (process 4711)");
-  router.gatewayIs(lumen::servicestate::leaving, 4711);
+  router.gatewayIs(lm::broker::state::leaving, 4711);
   EXPECT_EQ(firstLine(), "Gateway: off");
-  router.gatewayIs(lumen::servicestate::starting, 4711);
+  router.gatewayIs(lm::broker::state::starting, 4711);
   EXPECT_EQ(firstLine(), "Gateway: starting");
-  router.gatewayIs(lumen::servicestate::waiting, 0, 12000);
+  router.gatewayIs(lm::broker::state::waiting, 0, 12000);
   EXPECT_EQ(firstLine(), "Gateway: crashed (starts again in 12 s)");
   router.gatewayIsNotInstalled();
   EXPECT_EQ(firstLine(), "Gateway: not installed");
@@ -145,7 +145,7 @@ TEST_F(Status, DoesNotCallAGatewayOnThatNoHostCanReach) {
                     .out.starts_with("{\n  \"gateway\": \"not reachable\",\n"));
   }
   gatewayListensAt(1900, 2828);
-  router.link("br-lan").insert_bool(lumen::interfaces::key::running, false);
+  router.link("br-lan").insert_bool(lm::interfaces::key::running, false);
   EXPECT_EQ(firstLine(), "Gateway: not reachable (process 4711; lumenctl upnp check tells why)")
       << "its only internal interface is away";
 }
@@ -155,7 +155,7 @@ TEST_F(Status, SaysOnWhichInterfacesTheGatewayCannotBeReached) {
   router.gatewayUses("br-guest", 2);
   router.hasAddress("br-guest", "192.168.99.1");
   gatewayListensAt(1900, 2828);
-  router.machine().links[2] = router.link("br-lan").get_u32(lumen::interfaces::key::index);
+  router.machine().links[2] = router.link("br-lan").get_u32(lm::interfaces::key::index);
   EXPECT_EQ(firstLine(),
             "Gateway: on (process 4711; not reachable on br-guest, lumenctl upnp check tells why)");
 }
@@ -171,7 +171,7 @@ TEST_F(Status, MarksAnInterfaceThatTheGatewayDoesNotUse) {
 
 TEST(StatusOfAFreshRouter, TellsHowToSetItUp) {
   FakePlatform router;
-  router.gatewayIs(lumen::servicestate::stopped);
+  router.gatewayIs(lm::broker::state::stopped);
   EXPECT_EQ(router.lumenctl({"status"}).out,
             "Gateway: off\n"
             "\n"

@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
 #include "lumen/ctl/status/Traffic.h"
-#include "lumen/services/interfaces/InterfaceKeys.h"
 #include "platform/message.h"
+#include "platform/wire/Interfaces.h"
 
 namespace lumenctl {
 namespace {
@@ -11,8 +11,8 @@ using Rates = std::deque<Traffic::Rate>;
 
 Counters counted(uint64_t received, uint64_t sent) {
   lm::message record;
-  record.insert_u64(lumen::interfaces::key::bytesReceived, received);
-  record.insert_u64(lumen::interfaces::key::bytesSent, sent);
+  record.insert_u64(lm::interfaces::key::bytesReceived, received);
+  record.insert_u64(lm::interfaces::key::bytesSent, sent);
   return Counters(record);
 }
 

@@ -5,7 +5,6 @@
 #include <random>
 
 #include "lumen/runtime/Codec.h"
-#include "lumen/services/broker/BrokerKeys.h"
 #include "platform/Keys.h"
 #include "services/broker/BrokerFixture.h"
 #include "support/RefusedCall.h"

@@ -6,8 +6,8 @@
 #include <utility>
 
 #include "lumen/runtime/Codec.h"
-#include "lumen/services/broker/BrokerKeys.h"
 #include "platform/Keys.h"
+#include "platform/wire/Broker.h"
 
 namespace lumen::test {
 
@@ -36,7 +36,7 @@ lm::message fields(const std::string& text) {
 
 lm::message services(const std::vector<uint32_t>& numbers) {
   lm::message m;
-  m.insert_u32_array(brokerkey::services, numbers);
+  m.insert_u32_array(lm::broker::key::services, numbers);
   return m;
 }
 
@@ -65,7 +65,7 @@ void Program::answer(const lm::message& request, lm::message fields) {
 void Program::cancel(uint32_t serial) {
   lm::message cancellation;
   cancellation.insert_u32(lm::key::serial, serial);
-  notify(brokercmd::cancel, lm::none, cancellation);
+  notify(lm::broker::cmd::cancel, lm::none, cancellation);
 }
 
 void Program::notify(uint32_t command, uint32_t handler, lm::message fields) {
@@ -115,7 +115,7 @@ Program BrokerTest::connect(uid_t user, std::vector<gid_t> groups, pid_t pid) {
 }
 
 void BrokerTest::registerAs(Program& program, uint32_t service) {
-  program.ask({0}, brokercmd::registerServices, services({service}));
+  program.ask({0}, lm::broker::cmd::registerServices, services({service}));
   settle();
   const std::optional<lm::message> reply = program.receive();
   ASSERT_TRUE(reply);
@@ -123,7 +123,7 @@ void BrokerTest::registerAs(Program& program, uint32_t service) {
 }
 
 void BrokerTest::unregister(Program& program, uint32_t service) {
-  program.ask({0}, brokercmd::unregisterServices, services({service}));
+  program.ask({0}, lm::broker::cmd::unregisterServices, services({service}));
   settle();
   const std::optional<lm::message> reply = program.receive();
   ASSERT_TRUE(reply);
@@ -132,9 +132,9 @@ void BrokerTest::unregister(Program& program, uint32_t service) {
 
 void BrokerTest::subscribe(Program& program, uint32_t command, std::vector<uint32_t> path) {
   lm::message topic;
-  topic.insert_u32(brokerkey::command, command);
-  topic.insert_u32_array(brokerkey::path, std::move(path));
-  program.ask({0}, brokercmd::subscribe, topic);
+  topic.insert_u32(lm::broker::key::topicCommand, command);
+  topic.insert_u32_array(lm::broker::key::topicSource, std::move(path));
+  program.ask({0}, lm::broker::cmd::subscribe, topic);
   settle();
   const std::optional<lm::message> reply = program.receive();
   ASSERT_TRUE(reply);

@@ -1,7 +1,8 @@
 // A program does not wait for an answer any longer.
 
-#include "lumen/services/broker/BrokerKeys.h"
 #include "platform/Keys.h"
+#include "platform/wire/Broker.h"
+#include "platform/wire/Monitor.h"
 #include "services/broker/BrokerFixture.h"
 #include "support/LogCapture.h"
 
@@ -16,7 +17,7 @@ class Cancelling : public BrokerTest {
   /// else, or nothing.
   static std::optional<uint32_t> cancelled(Program& service) {
     const auto m = service.receive();
-    const bool is = m && m->get_u32(lm::key::command) == brokercmd::cancel &&
+    const bool is = m && m->get_u32(lm::key::command) == lm::broker::cmd::cancel &&
                     m->get_u32_array_ref(lm::key::source) == std::vector<uint32_t>{0, 0} &&
                     !m->has_array(lm::key::destination);
     return is ? std::optional(m->get_u32(lm::key::serial)) : std::nullopt;
@@ -64,7 +65,7 @@ TEST_F(Cancelling, LeavesTheRequestsOfOthers) {
   Program other = connectAdministrator();
   const uint32_t serial = client.ask({20, 5}, someCommand);
   settle();
-  EXPECT_EQ(other.ask({0}, brokercmd::services), serial);
+  EXPECT_EQ(other.ask({0}, lm::broker::cmd::services), serial);
   other.cancel(serial);
   settle();
   EXPECT_EQ(rules.undone, std::vector<uint32_t>{});
@@ -176,16 +177,17 @@ TEST_F(Cancelling, IsShownToWhoMonitors) {
   settle();
   Program monitor = connectAdministrator();
   lm::message on;
-  on.insert_bool(monitorkey::on, true);
-  monitor.ask({0}, brokercmd::monitor, on);
+  on.insert_bool(lm::monitor::key::on, true);
+  monitor.ask({0}, lm::broker::cmd::monitor, on);
   settle();
   (void)monitor.receive();
   client.cancel(serial);
   settle();
   std::vector<std::pair<uint32_t, uint32_t>> ways;
   while (const auto seen = monitor.receive()) {
-    if (seen->get_message(monitorkey::message).get_u32(lm::key::command) == brokercmd::cancel) {
-      ways.emplace_back(seen->get_u32(monitorkey::from), seen->get_u32(monitorkey::to));
+    if (seen->get_message(lm::monitor::key::message).get_u32(lm::key::command) ==
+        lm::broker::cmd::cancel) {
+      ways.emplace_back(seen->get_u32(lm::monitor::key::from), seen->get_u32(lm::monitor::key::to));
     }
   }
   const std::vector<std::pair<uint32_t, uint32_t>> expected = {{0x10002, 0}, {0, gateway}};

@@ -3,8 +3,8 @@
 #include <csignal>
 
 #include "lumen/runtime/Codec.h"
-#include "lumen/services/broker/BrokerKeys.h"
 #include "platform/Keys.h"
+#include "platform/wire/Broker.h"
 #include "services/broker/BrokerFixture.h"
 
 namespace lumen::test {
@@ -60,11 +60,13 @@ class Lives : public BrokerTest {
   /// Of the gateway daemon, in the list of services.
   std::string stateInList() {
     Program administrator = connectAdministrator();
-    administrator.ask({0}, brokercmd::services);
+    administrator.ask({0}, lm::broker::cmd::services);
     settle();
     const auto reply = administrator.receive();
     if (!reply) return "no answer";
-    return reply->get_message_array_ref(lm::key::records).at(1).get_string(servicekey::state);
+    return reply->get_message_array_ref(lm::key::records)
+        .at(1)
+        .get_string(lm::broker::listed::state);
   }
 };
 
@@ -174,7 +176,7 @@ TEST_F(Lives, FollowEachOtherWithoutLosingARequest) {
   Program first = startedGateway();
   first.answer(*first.receive());
   client.ask({gateway, 0}, someCommand, fields("before"));
-  first.ask({0}, brokercmd::unregisterServices, services({gateway}));
+  first.ask({0}, lm::broker::cmd::unregisterServices, services({gateway}));
   settle();
   // The one before the answer belongs to this life, the one after it to the next.
   client.ask({gateway, 0}, someCommand, fields("after"));
@@ -223,7 +225,7 @@ TEST_F(Lives, GoOnWhenTheSameConnectionRegistersAgain) {
 TEST_F(Lives, AreEndedOnlyByTheirOwnConnection) {
   Program service = connect(gatewayUser);
   const auto unregisters = [&](const std::vector<uint32_t>& numbers) {
-    service.ask({0}, brokercmd::unregisterServices, services(numbers));
+    service.ask({0}, lm::broker::cmd::unregisterServices, services(numbers));
     settle();
     return service.error();
   };
@@ -245,7 +247,7 @@ TEST_F(Lives, AreJudgedAfterTheirLastWords) {
   settle();
   Program service = startedGateway();
   service.answer(*service.receive(), fields("done"));
-  service.ask({0}, brokercmd::unregisterServices, services({gateway}));
+  service.ask({0}, lm::broker::cmd::unregisterServices, services({gateway}));
   service.close();
   // Its end is known before anything that it sent was looked at.
   processes.exit(processes.last(), 0);

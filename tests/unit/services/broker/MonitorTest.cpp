@@ -1,6 +1,7 @@
 #include "lumen/runtime/Codec.h"
-#include "lumen/services/broker/BrokerKeys.h"
 #include "platform/Keys.h"
+#include "platform/wire/Broker.h"
+#include "platform/wire/Monitor.h"
 #include "services/broker/BrokerFixture.h"
 
 namespace lumen::test {
@@ -20,8 +21,8 @@ class Monitoring : public BrokerTest {
   /// Switches monitoring on or off for a program that does not monitor yet.
   std::string errorOfWatching(Program& program, std::optional<bool> on) {
     lm::message request;
-    if (on) request.insert_bool(monitorkey::on, *on);
-    program.ask({0}, brokercmd::monitor, request);
+    if (on) request.insert_bool(lm::monitor::key::on, *on);
+    program.ask({0}, lm::broker::cmd::monitor, request);
     settle();
     const std::optional<lm::message> reply = program.receive();
     return !reply ? "no answer" : lm::getError(*reply);
@@ -33,12 +34,12 @@ class Monitoring : public BrokerTest {
   [[nodiscard]] bool isShown(Program& program) {
     const std::optional<lm::message> shown = program.receive();
     if (!shown) return false;
-    EXPECT_EQ(shown->get_u32(lm::key::command), brokercmd::monitor);
+    EXPECT_EQ(shown->get_u32(lm::key::command), lm::broker::cmd::monitor);
     EXPECT_EQ(shown->get_u32_array_ref(lm::key::source), (Path{0, 0}));
-    from = shown->get_u32(monitorkey::from, 77);
-    to = shown->get_u32(monitorkey::to, 77);
-    message = shown->get_message(monitorkey::message);
-    cut = shown->get_bool(monitorkey::cut);
+    from = shown->get_u32(lm::monitor::key::from, 77);
+    to = shown->get_u32(lm::monitor::key::to, 77);
+    message = shown->get_message(lm::monitor::key::message);
+    cut = shown->get_bool(lm::monitor::key::cut);
     return true;
   }
 
@@ -206,7 +207,7 @@ TEST_F(Monitoring, ShowsTheNotificationOfAProgram) {
   settle();
   ASSERT_TRUE(isShown());
   EXPECT_EQ(from, gateway);
-  EXPECT_EQ(to, monitor::everybody);
+  EXPECT_EQ(to, lm::monitor::everybody);
   EXPECT_EQ(message.get_u32_array_ref(lm::key::source), (Path{gateway, 2}));
 }
 
@@ -232,8 +233,8 @@ TEST_F(Monitoring, EndsWhenItIsSwitchedOff) {
   ASSERT_TRUE(isShown());
 
   lm::message off;
-  off.insert_bool(monitorkey::on, false);
-  monitor.ask({0}, brokercmd::monitor, off);
+  off.insert_bool(lm::monitor::key::on, false);
+  monitor.ask({0}, lm::broker::cmd::monitor, off);
   settle();
   ASSERT_TRUE(isShown()) << "the request that switches it off";
   EXPECT_EQ(monitor.error(), "");
@@ -252,7 +253,7 @@ TEST_F(Monitoring, EndsWithTheConnection) {
 }
 
 TEST_F(Monitoring, SurvivesThatTheMonitorServedWhoIsWaitedFor) {
-  monitor.ask({0}, brokercmd::registerServices, services({77}));
+  monitor.ask({0}, lm::broker::cmd::registerServices, services({77}));
   Program administrator = connectAdministrator();
   administrator.ask({77, 0}, someCommand);
   settle();
@@ -308,11 +309,11 @@ TEST_F(Monitoring, ShowsTheLongestThatFitsIntoADatagramWhole) {
     passing.insert_u32_array(lm::key::source, {gateway, 2});
     passing.insert_string(7, "");
     lm::message shown;
-    shown.insert_u32(lm::key::command, brokercmd::monitor);
+    shown.insert_u32(lm::key::command, lm::broker::cmd::monitor);
     shown.insert_u32_array(lm::key::source, {0, 0});
-    shown.insert_u32(monitorkey::from, gateway);
-    shown.insert_u32(monitorkey::to, lumen::monitor::everybody);
-    shown.insert_message(monitorkey::message, passing);
+    shown.insert_u32(lm::monitor::key::from, gateway);
+    shown.insert_u32(lm::monitor::key::to, lm::monitor::everybody);
+    shown.insert_message(lm::monitor::key::message, passing);
     const size_t room = lm::maxDatagram - lm::encode(shown).size();
     passing.insert_string(7, std::string(room + tooMany, 'x'));
     service.send(passing);

@@ -1,8 +1,8 @@
 #include <cerrno>
 
 #include "lumen/runtime/Codec.h"
-#include "lumen/services/broker/BrokerKeys.h"
 #include "platform/Keys.h"
+#include "platform/wire/Broker.h"
 #include "services/broker/BrokerFixture.h"
 #include "support/RefusedCall.h"
 
@@ -68,12 +68,12 @@ TEST_F(Notifications, StopAfterUnsubscribing) {
   subscribe(subscriber, lm::cmd::changed, {20, 0});
   subscribe(subscriber, lm::cmd::changed, {20, 0});
   lm::message topic;
-  topic.insert_u32(brokerkey::command, lm::cmd::changed);
-  topic.insert_u32_array(brokerkey::path, {20, 0});
+  topic.insert_u32(lm::broker::key::topicCommand, lm::cmd::changed);
+  topic.insert_u32_array(lm::broker::key::topicSource, {20, 0});
   broker.notify(lm::cmd::changed, {20, 0}, {});
   EXPECT_TRUE(subscriber.receive());
   EXPECT_FALSE(subscriber.receive()) << "subscribed twice, notified once";
-  subscriber.ask({0}, brokercmd::unsubscribe, topic);
+  subscriber.ask({0}, lm::broker::cmd::unsubscribe, topic);
   settle();
   EXPECT_EQ(subscriber.error(), "");
   broker.notify(lm::cmd::changed, {20, 0}, {});
@@ -150,10 +150,10 @@ TEST_F(Notifications, GoOnWhenSomebodyElseUnsubscribes) {
   subscribe(subscriber, lm::cmd::changed, {20, 0});
   Program other = connect(gatewayUser);
   lm::message topic;
-  topic.insert_u32(brokerkey::command, lm::cmd::changed);
+  topic.insert_u32(lm::broker::key::topicCommand, lm::cmd::changed);
   for (const uint32_t handler : {0U, 1U}) {
-    topic.insert_u32_array(brokerkey::path, {20, handler});
-    other.ask({0}, brokercmd::unsubscribe, topic);
+    topic.insert_u32_array(lm::broker::key::topicSource, {20, handler});
+    other.ask({0}, lm::broker::cmd::unsubscribe, topic);
     settle();
     EXPECT_EQ(other.error(), "");
   }
@@ -169,9 +169,9 @@ TEST_F(Notifications, AreBoundedInTopicsForEachProgram) {
     subscribe(subscriber, i, {20, 0});
   }
   lm::message topic;
-  topic.insert_u32(brokerkey::command, 100'000);
-  topic.insert_u32_array(brokerkey::path, {20, 0});
-  subscriber.ask({0}, brokercmd::subscribe, topic);
+  topic.insert_u32(lm::broker::key::topicCommand, 100'000);
+  topic.insert_u32_array(lm::broker::key::topicSource, {20, 0});
+  subscriber.ask({0}, lm::broker::cmd::subscribe, topic);
   settle();
   EXPECT_EQ(subscriber.error(), "too many subscriptions");
 }
@@ -180,11 +180,11 @@ TEST_F(Notifications, AreBoundedInTopicsForEachProgram) {
 TEST_F(Notifications, AreNotSubscribedWithoutCommandOrPath) {
   Program subscriber = connect(gatewayUser);
   lm::message onlyPath;
-  onlyPath.insert_u32_array(brokerkey::path, {20, 0});
+  onlyPath.insert_u32_array(lm::broker::key::topicSource, {20, 0});
   lm::message onlyCommand;
-  onlyCommand.insert_u32(brokerkey::command, lm::cmd::changed);
+  onlyCommand.insert_u32(lm::broker::key::topicCommand, lm::cmd::changed);
   for (const lm::message& topic : {onlyPath, onlyCommand}) {
-    subscriber.ask({0}, brokercmd::subscribe, topic);
+    subscriber.ask({0}, lm::broker::cmd::subscribe, topic);
     settle();
     EXPECT_EQ(subscriber.error(), "no command or path");
   }

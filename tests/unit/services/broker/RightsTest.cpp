@@ -1,5 +1,5 @@
-#include "lumen/services/broker/BrokerKeys.h"
 #include "platform/Keys.h"
+#include "platform/wire/Broker.h"
 #include "services/broker/BrokerFixture.h"
 
 namespace lumen::test {
@@ -49,8 +49,8 @@ TEST_F(RightsTest, OfAnAdministratorAreWhole) {
   Program service = connect(gatewayUser);
   registerAs(service, gateway);
   Program administrator = connect(stranger, {100, administrators});
-  EXPECT_EQ(errorOf(administrator, {0}, brokercmd::services), "");
-  EXPECT_EQ(errorOf(administrator, {0}, brokercmd::registerServices, services({77})), "");
+  EXPECT_EQ(errorOf(administrator, {0}, lm::broker::cmd::services), "");
+  EXPECT_EQ(errorOf(administrator, {0}, lm::broker::cmd::registerServices, services({77})), "");
   EXPECT_EQ(errorOf(administrator, {20, 5}, lm::cmd::list), "");
   administrator.ask({gateway, 0}, someCommand);
   settle();
@@ -62,12 +62,13 @@ TEST_F(RightsTest, OfAnAdministratorAreWhole) {
 // other program: `not permitted`.
 TEST_F(RightsTest, OfAServiceAreItsOwnNumberAndWhatItLivesOn) {
   Program service = connect(gatewayUser);
-  EXPECT_EQ(errorOf(service, {0}, brokercmd::registerServices, services({resolver})),
+  EXPECT_EQ(errorOf(service, {0}, lm::broker::cmd::registerServices, services({resolver})),
             "not permitted");
-  EXPECT_EQ(errorOf(service, {0}, brokercmd::registerServices, services({gateway, resolver})),
+  EXPECT_EQ(errorOf(service, {0}, lm::broker::cmd::registerServices, services({gateway, resolver})),
             "not permitted");
-  EXPECT_EQ(errorOf(service, {0}, brokercmd::registerServices, services({77})), "not permitted");
-  EXPECT_EQ(errorOf(service, {0}, brokercmd::services), "not permitted");
+  EXPECT_EQ(errorOf(service, {0}, lm::broker::cmd::registerServices, services({77})),
+            "not permitted");
+  EXPECT_EQ(errorOf(service, {0}, lm::broker::cmd::services), "not permitted");
   EXPECT_EQ(errorOf(service, {gateway, 0}, someCommand), "not permitted");
   EXPECT_EQ(errorOf(service, {77}, someCommand), "not permitted");
   EXPECT_EQ(errorOf(service, {65}, lm::cmd::get), "no such service") << "nobody is there";
@@ -87,9 +88,9 @@ TEST_F(RightsTest, OfAServiceThatAnswersOnlyAreItsOwnNumberAlone) {
   EXPECT_EQ(errorOf(names, {66}, lm::cmd::addObject), "not permitted");
   EXPECT_EQ(errorOf(names, {gateway}, someCommand), "not permitted");
   lm::message topic;
-  topic.insert_u32(brokerkey::command, someCommand);
-  topic.insert_u32_array(brokerkey::path, {20, 5});
-  EXPECT_EQ(errorOf(names, {0}, brokercmd::subscribe, topic), "not permitted");
+  topic.insert_u32(lm::broker::key::topicCommand, someCommand);
+  topic.insert_u32_array(lm::broker::key::topicSource, {20, 5});
+  EXPECT_EQ(errorOf(names, {0}, lm::broker::cmd::subscribe, topic), "not permitted");
   EXPECT_TRUE(rules.commands.empty());
   unregister(names, resolver);
 }
@@ -99,7 +100,7 @@ TEST_F(RightsTest, DoNotLetAServiceUnregisterAnother) {
   Program names = connect(resolverUser);
   registerAs(names, resolver);
   Program service = connect(gatewayUser);
-  EXPECT_EQ(errorOf(service, {0}, brokercmd::unregisterServices, services({resolver})),
+  EXPECT_EQ(errorOf(service, {0}, lm::broker::cmd::unregisterServices, services({resolver})),
             "service 14 is not registered here");
 }
 
@@ -139,7 +140,7 @@ TEST_F(RightsTest, DoNotFillTheLogWithAStrangerWhoTriesAgain) {
 TEST_F(RightsTest, RegisterOnlyWhatIsFree) {
   Program administrator = connectAdministrator();
   Program other = connectAdministrator();
-  EXPECT_EQ(errorOf(other, {0}, brokercmd::registerServices, services({77})), "");
+  EXPECT_EQ(errorOf(other, {0}, lm::broker::cmd::registerServices, services({77})), "");
   struct Case {
     std::vector<uint32_t> numbers;
     const char* error;
@@ -153,14 +154,14 @@ TEST_F(RightsTest, RegisterOnlyWhatIsFree) {
       {{78, 77}, "service 77 is already registered"},
   };
   for (const Case& c : cases) {
-    EXPECT_EQ(errorOf(administrator, {0}, brokercmd::registerServices, services(c.numbers)),
+    EXPECT_EQ(errorOf(administrator, {0}, lm::broker::cmd::registerServices, services(c.numbers)),
               c.error);
   }
   EXPECT_EQ(errorOf(administrator, {78}, someCommand), "no such service") << "all of them or none";
-  EXPECT_EQ(errorOf(other, {0}, brokercmd::registerServices, services({77, 77})), "");
+  EXPECT_EQ(errorOf(other, {0}, lm::broker::cmd::registerServices, services({77, 77})), "");
   other.close();
   settle();
-  EXPECT_EQ(errorOf(administrator, {0}, brokercmd::registerServices, services({77})), "");
+  EXPECT_EQ(errorOf(administrator, {0}, lm::broker::cmd::registerServices, services({77})), "");
 }
 
 // Promise: A command that the broker does not know is answered with `unknown command`.
@@ -172,14 +173,14 @@ TEST_F(RightsTest, DoNotKnowOtherCommands) {
 // Promise: Only administrators read the list of services with their states.
 TEST_F(RightsTest, LetAnAdministratorListTheServices) {
   Program administrator = connectAdministrator();
-  administrator.ask({0}, brokercmd::services);
+  administrator.ask({0}, lm::broker::cmd::services);
   settle();
   const auto reply = administrator.receive();
   ASSERT_TRUE(reply);
   const auto& records = reply->get_message_array_ref(lm::key::records);
   ASSERT_EQ(records.size(), 2U);
-  EXPECT_EQ(records[1].get_string(servicekey::name), "upnp");
-  EXPECT_EQ(records[1].get_string(servicekey::state), "stopped");
+  EXPECT_EQ(records[1].get_string(lm::broker::listed::name), "upnp");
+  EXPECT_EQ(records[1].get_string(lm::broker::listed::state), "stopped");
 }
 
 }  // namespace

@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "lumen/services/history/History.h"
-#include "lumen/services/history/HistoryKeys.h"
 #include "platform/Keys.h"
+#include "platform/wire/History.h"
 #include "support/Describe.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
@@ -16,7 +16,7 @@
 namespace lumen {
 namespace {
 
-namespace key = history::key;
+namespace key = lm::history::key;
 
 class HistoryTest : public testing::Test {
  protected:

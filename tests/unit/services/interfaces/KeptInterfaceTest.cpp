@@ -2,6 +2,7 @@
 
 #include "lumen/services/interfaces/InterfaceIds.h"
 #include "platform/Keys.h"
+#include "platform/wire/Interfaces.h"
 #include "services/interfaces/Router.h"
 
 namespace lumen {
@@ -16,8 +17,8 @@ constexpr const char* refused = "error=16646153 text=";
 lm::message kept(const std::string& name, uint32_t id, uint32_t role) {
   lm::message m;
   m.insert_u32(lm::key::objectId, id);
-  m.insert_string(interfaces::key::name, name);
-  m.insert_u32(interfaces::key::role, role);
+  m.insert_string(lm::interfaces::key::name, name);
+  m.insert_u32(lm::interfaces::key::role, role);
   return m;
 }
 
@@ -211,9 +212,9 @@ TEST(KeptNamesTest, LeaveOutWhatIsWrongInTheStore) {
   std::vector<lm::message> records;
   for (const Row& row : rows) {
     lm::message m;
-    m.insert_string(interfaces::key::name, row.name);
+    m.insert_string(lm::interfaces::key::name, row.name);
     m.insert_u32(lm::key::objectId, row.id);
-    m.insert_u32(interfaces::key::role, row.role);
+    m.insert_u32(lm::interfaces::key::role, row.role);
     records.push_back(m);
   }
   lm::message all;
@@ -251,8 +252,8 @@ TEST_F(KeptInterface, KeepsTheIdOfItsLinkWhenItCannotBeStored) {
 TEST_F(KeptInterface, IsKeptAndForgottenByAdministratorsOnly) {
   starts();
   lm::message keep;
-  keep.insert_string(interfaces::key::name, "wan0");
-  keep.insert_u32(interfaces::key::role, 1);
+  keep.insert_string(lm::interfaces::key::name, "wan0");
+  keep.insert_u32(lm::interfaces::key::role, 1);
   EXPECT_EQ(text(asks(daemon, lm::cmd::addObject, keep)), std::string(refused) + "not permitted");
   EXPECT_EQ(text(administratorKeeps("wan0", 1)), "id=1");
   lm::message forget;
@@ -272,7 +273,7 @@ TEST_F(KeptInterface, AKeepingThatWasGivenUpIsUndone) {
   EXPECT_EQ(lists().size(), 1U);
   EXPECT_EQ(asks(administrator, lm::cmd::list)
                 .get_message_array_ref(lm::key::records)[0]
-                .get_u32(interfaces::key::role),
+                .get_u32(lm::interfaces::key::role),
             1U);
   restarts();
   EXPECT_EQ(lists().size(), 1U);

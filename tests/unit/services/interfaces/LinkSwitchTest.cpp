@@ -8,6 +8,7 @@
 #include "lumen/services/interfaces/RouteKeeper.h"
 #include "platform/Keys.h"
 #include "platform/Store.h"
+#include "platform/wire/Interfaces.h"
 #include "services/interfaces/Router.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
@@ -85,7 +86,7 @@ TEST_F(LinkSwitch, RefusesAServiceEveryOtherField) {
   lm::message request;
   request.insert_u32(lm::key::objectId, 2);
   request.insert_bool(lm::key::disabled, true);
-  request.insert_u32(interfaces::key::role, 2);
+  request.insert_u32(lm::interfaces::key::role, 2);
   EXPECT_EQ(text(asks(daemon, lm::cmd::setObject, request)),
             std::string(refused) + "not permitted");
   EXPECT_EQ(text(asks(administrator, lm::cmd::setObject, request)),
@@ -353,7 +354,7 @@ TEST_F(LinkSwitch, SavesTheRoutesOf255LinksAtMost) {
     route.insert_u32(1, 100);
     route.insert_string(3, "default");
     lm::message saved;
-    saved.insert_string(interfaces::key::name, name(record));
+    saved.insert_string(lm::interfaces::key::name, name(record));
     saved.insert_message_array(1, {route});
     storeHolds(record, saved);
     kernel.appears(name(record), false, false);
@@ -381,7 +382,7 @@ lm::message savedRoute(const std::string& name) {
   route.insert_bool(2, false);
   route.insert_string(3, "route of " + name);
   lm::message record;
-  record.insert_string(interfaces::key::name, name);
+  record.insert_string(lm::interfaces::key::name, name);
   record.insert_message_array(1, {route});
   return record;
 }

@@ -6,9 +6,9 @@
 #include <map>
 
 #include "lumen/runtime/Fields.h"
-#include "lumen/services/addresses/AddressKeys.h"
-#include "lumen/services/interfaces/InterfaceKeys.h"
 #include "platform/Keys.h"
+#include "platform/wire/Addresses.h"
+#include "platform/wire/Interfaces.h"
 
 namespace lumen {
 namespace {
@@ -22,19 +22,19 @@ std::string nameOf(uint32_t key) {
       {lm::key::removed, "removed"},
       {lm::key::errorCode, "error"},
       {lm::key::errorText, "text"},
-      {interfaces::key::hardwareType, "type"},
-      {interfaces::key::flags, "flags"},
-      {interfaces::key::index, "index"},
-      {interfaces::key::name, "name"},
-      {interfaces::key::displayName, "display"},
-      {interfaces::key::running, "running"},
-      {interfaces::key::role, "role"},
-      {interfaces::key::bytesReceived, "rxbytes"},
-      {interfaces::key::bytesSent, "txbytes"},
-      {interfaces::key::packetsReceived, "rxpackets"},
-      {interfaces::key::packetsSent, "txpackets"},
-      {addresses::key::interface, "interface"},
-      {addresses::key::address, "address"},
+      {lm::interfaces::key::hardwareType, "type"},
+      {lm::interfaces::key::flags, "flags"},
+      {lm::interfaces::key::index, "index"},
+      {lm::interfaces::key::name, "name"},
+      {lm::interfaces::key::displayName, "display"},
+      {lm::interfaces::key::running, "running"},
+      {lm::interfaces::key::role, "role"},
+      {lm::interfaces::key::bytesReceived, "rxbytes"},
+      {lm::interfaces::key::bytesSent, "txbytes"},
+      {lm::interfaces::key::packetsReceived, "rxpackets"},
+      {lm::interfaces::key::packetsSent, "txpackets"},
+      {lm::addresses::key::interface, "interface"},
+      {lm::addresses::key::address, "address"},
   };
   const auto it = names.find(key);
   if (it != names.end()) return it->second;
@@ -53,7 +53,7 @@ class Writer {
   std::string operator()(const std::string& value) const { return value; }
   std::string operator()(const lm::message& value) const { return "{" + text(value) + "}"; }
   std::string operator()(uint32_t value) const {
-    if (key_ != addresses::key::address) return std::to_string(value);
+    if (key_ != lm::addresses::key::address) return std::to_string(value);
     // A field holds the number that the address makes in network order.
     const in_addr address{htonl(value)};
     char dotted[INET_ADDRSTRLEN];

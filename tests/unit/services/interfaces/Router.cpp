@@ -2,6 +2,7 @@
 
 #include "lumen/runtime/Codec.h"
 #include "platform/Keys.h"
+#include "platform/wire/Interfaces.h"
 
 namespace lumen {
 
@@ -38,8 +39,8 @@ lm::message Router::asksAddresses(uint32_t command, const lm::message& request) 
 
 lm::message Router::administratorKeeps(const std::string& name, uint32_t role) {
   lm::message request;
-  request.insert_string(interfaces::key::name, name);
-  request.insert_u32(interfaces::key::role, role);
+  request.insert_string(lm::interfaces::key::name, name);
+  request.insert_u32(lm::interfaces::key::role, role);
   return asks(administrator, lm::cmd::addObject, request);
 }
 
@@ -64,7 +65,7 @@ uint32_t Router::idOf(const std::string& name) {
     request.insert_u32(lm::key::cursor, cursor);
     const lm::message page = asks(administrator, lm::cmd::list, request);
     for (const lm::message& m : page.get_message_array_ref(lm::key::records)) {
-      if (m.get_string(interfaces::key::name) == name) return m.get_u32(lm::key::objectId);
+      if (m.get_string(lm::interfaces::key::name) == name) return m.get_u32(lm::key::objectId);
     }
     cursor = page.get_u32(lm::key::cursor, lm::none);
   }

@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "lumen/services/addresses/AddressTable.h"
-#include "lumen/services/interfaces/InterfaceKeys.h"
 #include "lumen/services/interfaces/InterfaceTable.h"
 #include "services/interfaces/FakeLinks.h"
 #include "services/interfaces/RecordingNotifier.h"

@@ -10,9 +10,9 @@
 #include <vector>
 
 #include "lumen/runtime/EventLoop.h"
-#include "lumen/services/nat/NatKeys.h"
 #include "lumen/services/nat/NatRules.h"
 #include "platform/Keys.h"
+#include "platform/wire/NatRules.h"
 #include "services/nat/FakeKernel.h"
 #include "support/Describe.h"
 #include "support/ManualClock.h"
@@ -149,7 +149,7 @@ class NatFixture : public ::testing::Test {
   }
   static lm::message closeRequest(uint32_t id) {
     lm::message request = idOnly(id);
-    request.insert_bool(nat::key::closed, true);
+    request.insert_bool(lm::nat::key::closed, true);
     return request;
   }
 

@@ -1,4 +1,5 @@
 #include "lumen/runtime/Fields.h"
+#include "platform/wire/NatRules.h"
 #include "services/nat/NatFixture.h"
 #include "support/TestPlatform.h"
 
@@ -48,7 +49,7 @@ TEST_F(NatListTest, ListsTheFieldsOfTheAddRequestThenTheOthers) {
 
 TEST_F(NatListTest, NamesTheAdministratorAsOwner) {
   opensAs(admin, {});
-  EXPECT_EQ(lists()[0].get_string(nat::key::owner), "administrator");
+  EXPECT_EQ(lists()[0].get_string(lm::nat::key::owner), "administrator");
 }
 
 // Promise [port-stale]: A rule whose external address has left the router is kept, listed as stale,
@@ -60,21 +61,21 @@ TEST_F(NatListTest, MarksARuleWhoseAddressHasLeftTheRouter) {
   opens({.external = "45.45.45.2"});
   auto records = lists();
   ASSERT_EQ(records.size(), 2U);
-  EXPECT_TRUE(records[0].get_bool(nat::key::stale));
-  EXPECT_FALSE(records[1].get_bool(nat::key::stale));
+  EXPECT_TRUE(records[0].get_bool(lm::nat::key::stale));
+  EXPECT_FALSE(records[1].get_bool(lm::nat::key::stale));
   EXPECT_EQ(kernelTexts().size(), 1U) << "the old one stays in the kernel";
   networks.addresses = {{inet_addr("45.45.45.1"), 1}};
-  EXPECT_FALSE(lists()[0].get_bool(nat::key::stale));
+  EXPECT_FALSE(lists()[0].get_bool(lm::nat::key::stale));
 }
 
 TEST_F(NatListTest, TellsForHowManySecondsAPortHasBeenOpen) {
   opens({});
   passes(999);
-  EXPECT_EQ(lists()[0].get_u64(nat::key::seconds), 0U);
+  EXPECT_EQ(lists()[0].get_u64(lm::nat::key::seconds), 0U);
   passes(1);
-  EXPECT_EQ(lists()[0].get_u64(nat::key::seconds), 1U);
+  EXPECT_EQ(lists()[0].get_u64(lm::nat::key::seconds), 1U);
   passes(3'600'000);
-  EXPECT_EQ(lists()[0].get_u64(nat::key::seconds), 3601U);
+  EXPECT_EQ(lists()[0].get_u64(lm::nat::key::seconds), 3601U);
 }
 
 // Promise [rule-pages]: Rules are listed in pages of 64, and connections are counted once for a
@@ -93,7 +94,7 @@ TEST_F(NatListTest, ListsInRisingOrderOfIdBy64AndCountsTheConnectionsOnce) {
   page = rules.handle(admin, lm::cmd::readAll, request);
   ASSERT_EQ(page.size_message_array(lm::key::records), 2U);
   EXPECT_EQ(page.get_u32(lm::key::cursor, lm::none), lm::none);
-  EXPECT_EQ(page.get_message_array_ref(lm::key::records)[1].get_u64(nat::key::connections), 1U);
+  EXPECT_EQ(page.get_message_array_ref(lm::key::records)[1].get_u64(lm::nat::key::connections), 1U);
   EXPECT_EQ(flows.visits, 1);
   EXPECT_EQ(listings(), 1);
 
@@ -112,7 +113,8 @@ TEST_F(NatListTest, GivesNoReaderWhatAnotherCounted) {
   static_cast<void>(rules.handle(other, lm::cmd::list, {}));
   flows.flows = {flow(6, 2099)};
   const lm::message page = rules.handle(admin, lm::cmd::list, second);
-  EXPECT_EQ(page.get_message_array_ref(lm::key::records).back().get_u64(nat::key::connections), 1U);
+  EXPECT_EQ(page.get_message_array_ref(lm::key::records).back().get_u64(lm::nat::key::connections),
+            1U);
 }
 
 // Also proves [rule-pages].
@@ -132,7 +134,7 @@ TEST_F(NatListTest, CountsNothingForAnEmptyTable) {
   EXPECT_EQ(listings(), 0);
 }
 
-uint64_t usesOf(const lm::message& record) { return record.get_u64(nat::key::uses, 12345); }
+uint64_t usesOf(const lm::message& record) { return record.get_u64(lm::nat::key::uses, 12345); }
 
 // Promise: The number of connections since a port was opened is known for a port that was changed
 // or closed too, and a flow of UDP is one of them.
@@ -160,7 +162,7 @@ TEST_F(NatListTest, LeavesOutUsesThatTheKernelDoesNotTell) {
   EXPECT_EQ(::testing::internal::GetCapturedStdout(),
             "nat uses failed: Error: Too many open files\n");
   ASSERT_EQ(records.size(), 2U);
-  EXPECT_EQ(records[0].fields().find(nat::key::uses), nullptr);
+  EXPECT_EQ(records[0].fields().find(lm::nat::key::uses), nullptr);
   EXPECT_EQ(usesOf(records[1]), 0U) << "it never was in the kernel";
 }
 
@@ -170,7 +172,7 @@ TEST_F(NatListTest, LeavesOutConnectionsThatCouldNotAllBeCounted) {
   opens({});
   flows.flows = {flow(6, 8080)};
   flows.readable = false;
-  EXPECT_EQ(lists()[0].fields().find(nat::key::connections), nullptr);
+  EXPECT_EQ(lists()[0].fields().find(lm::nat::key::connections), nullptr);
   EXPECT_EQ(usesOf(lists()[0]), 0U) << "the rest is told";
 }
 

@@ -2,6 +2,7 @@
 #include <random>
 
 #include "lumen/runtime/Codec.h"
+#include "platform/wire/NatRules.h"
 #include "services/nat/NatFixture.h"
 
 namespace lumen::test {
@@ -183,7 +184,7 @@ TEST_F(NatRefusalTest, ChecksAChangeAgainstThePolicy) {
 TEST_F(NatRefusalTest, LetsAnOwnerDisableARuleThatThePolicyWouldRefuseNow) {
   uint32_t id = opens({});
   lm::message policy;
-  policy.insert_string(nat::key::externalPorts, "9000-9999");
+  policy.insert_string(lm::nat::key::externalPorts, "9000-9999");
   EXPECT_EQ(asks(admin, lm::cmd::set, policy), "");
   kernelTexts();
   EXPECT_NE(sets(setRequest(id, "192.168.88.11", 80, true)), "") << "that is more than disabling";
@@ -206,8 +207,8 @@ TEST_F(NatRefusalTest, ChangesAStaleRule) {
 // another client.
 TEST_F(NatRefusalTest, HoldsTheLimits) {
   lm::message policy;
-  policy.insert_u32(nat::key::maxRules, 4);
-  policy.insert_u32(nat::key::maxRulesPerClient, 2);
+  policy.insert_u32(lm::nat::key::maxRules, 4);
+  policy.insert_u32(lm::nat::key::maxRulesPerClient, 2);
   ASSERT_EQ(asks(admin, lm::cmd::set, policy), "");
   opens({.port = 5000});
   opens({.port = 5001, .disabled = true});

@@ -1,5 +1,6 @@
 #include "lumen/runtime/Fields.h"
 #include "lumen/services/nat/NatRules.h"
+#include "platform/wire/NatRules.h"
 #include "services/nat/NatFixture.h"
 #include "support/LogCapture.h"
 
@@ -62,7 +63,7 @@ TEST_F(NatRulesTest, ChangesARuleInOneTransactionThatKeepsItsCounter) {
                                   "delete element ip lumen forwards { 45.45.45.1 . tcp . 8080 }\n"
                                   "add element ip lumen forwards { 45.45.45.1 . tcp . 8080 counter "
                                   "packets 7 bytes 900 : 192.168.88.10 . 81 }"}));
-  EXPECT_EQ(lists()[0].get_u32(nat::key::clientPortFirst), 81U);
+  EXPECT_EQ(lists()[0].get_u32(lm::nat::key::clientPortFirst), 81U);
 }
 
 // Promise: A set that changes nothing leaves the kernel alone, and fields that it does not have
@@ -81,8 +82,8 @@ TEST_F(NatRulesTest, KeepsTheFieldsThatASetDoesNotHave) {
   onlyPort.insert_u32(0x3eb, 81);
   EXPECT_EQ(sets(onlyPort), "");
   lm::message record = lists()[0];
-  EXPECT_EQ(record.get_u32(nat::key::clientPortFirst), 81U);
-  EXPECT_EQ(record.get_be32(nat::key::clientFirst), inet_addr("192.168.88.10"));
+  EXPECT_EQ(record.get_u32(lm::nat::key::clientPortFirst), 81U);
+  EXPECT_EQ(record.get_be32(lm::nat::key::clientFirst), inet_addr("192.168.88.10"));
   EXPECT_TRUE(record.get_bool(lm::key::disabled));
 }
 
@@ -163,7 +164,7 @@ TEST_F(NatRulesTest, AChangeThatWasGivenUpDoesNotOpenWhatWasClosedMeanwhile) {
   kernelTexts();
   undo();
   EXPECT_EQ(kernelTexts(), Texts{});
-  EXPECT_TRUE(lists()[0].get_bool(nat::key::closed));
+  EXPECT_TRUE(lists()[0].get_bool(lm::nat::key::closed));
   EXPECT_FALSE(lists()[0].get_bool(lm::key::disabled));
 }
 
@@ -173,7 +174,7 @@ TEST_F(NatRulesTest, AClosingThatWasGivenUpLeavesThePortOpen) {
   givesUp();
   EXPECT_EQ(kernelTexts().back(),
             "add element ip lumen forwards { 45.45.45.1 . tcp . 8080 : 192.168.88.10 . 80 }");
-  EXPECT_FALSE(lists()[0].get_bool(nat::key::closed));
+  EXPECT_FALSE(lists()[0].get_bool(lm::nat::key::closed));
 }
 
 TEST_F(NatRulesTest, ARemovalThatWasGivenUpLeavesTheRuleWithItsId) {
@@ -184,7 +185,7 @@ TEST_F(NatRulesTest, ARemovalThatWasGivenUpLeavesTheRuleWithItsId) {
   EXPECT_EQ(kernelTexts().back(),
             "add element ip lumen forwards { 45.45.45.1 . tcp . 8080 : 192.168.88.10 . 80 }");
   ASSERT_EQ(lists().size(), 1U);
-  before.fields().erase(nat::key::uses);  // went with the element's counter
+  before.fields().erase(lm::nat::key::uses);  // went with the element's counter
   EXPECT_EQ(lists()[0], before);
   EXPECT_EQ(sets(setRequest(id, "192.168.88.10", 80, true)), "") << "it is still its owner's";
 }
@@ -192,7 +193,7 @@ TEST_F(NatRulesTest, ARemovalThatWasGivenUpLeavesTheRuleWithItsId) {
 TEST_F(NatRulesTest, ARemovalThatWasGivenUpIsUndoneWhateverThePolicySaysNow) {
   uint32_t id = opens({});
   lm::message policy;
-  policy.insert_string(nat::key::externalPorts, "9000-9999");
+  policy.insert_string(lm::nat::key::externalPorts, "9000-9999");
   EXPECT_EQ(asks(admin, lm::cmd::set, policy), "");
   EXPECT_EQ(removes(id), "");
   givesUp();
@@ -225,7 +226,7 @@ TEST_F(NatRulesTest, WhatChangedNothingHasNothingToUndo) {
 TEST_F(NatRulesTest, APolicyThatWasGivenUpIsTheOneOfBefore) {
   const lm::message before = rules.handle(admin, lm::cmd::get, {});
   lm::message policy;
-  policy.insert_string(nat::key::externalPorts, "9000-9999");
+  policy.insert_string(lm::nat::key::externalPorts, "9000-9999");
   EXPECT_EQ(asks(admin, lm::cmd::set, policy), "");
   givesUp();
   EXPECT_EQ(rules.handle(admin, lm::cmd::get, {}), before);
@@ -258,7 +259,7 @@ TEST_F(NatRulesTest, RemovesTheRulesOfAConnectionThatEndedInOneTransaction) {
                                  "{ 45.45.45.1 . tcp . 8080, 45.45.45.1 . udp . 5000 }"});
   auto left = lists();
   ASSERT_EQ(left.size(), 1U);
-  EXPECT_EQ(left[0].get_u32(nat::key::portFirst), 6000U);
+  EXPECT_EQ(left[0].get_u32(lm::nat::key::portFirst), 6000U);
 }
 
 // Also proves [rules-die].
@@ -331,7 +332,7 @@ TEST_F(NatRulesTest, KeepsARuleAsItWasWhenTheKernelRefusesItsChange) {
   }
   nftables.refuses(getTcp, "Error: gone\n");
   EXPECT_EQ(sets(setRequest(id, "192.168.88.10", 81)), "the kernel refused it: Error: gone");
-  EXPECT_EQ(lists()[0].get_u32(nat::key::clientPortFirst), 80U);
+  EXPECT_EQ(lists()[0].get_u32(lm::nat::key::clientPortFirst), 80U);
 }
 
 TEST_F(NatRulesTest, KeepsARuleThatTheKernelDoesNotRemove) {
@@ -354,12 +355,12 @@ TEST_F(NatRulesTest, ClosesAPortUntilItsOwnerRemovesIt) {
   kernelTexts();
   EXPECT_EQ(closes(id), "");
   EXPECT_EQ(kernelTexts().back(), "delete element ip lumen forwards { 45.45.45.1 . tcp . 8080 }");
-  EXPECT_TRUE(lists()[0].get_bool(nat::key::closed));
+  EXPECT_TRUE(lists()[0].get_bool(lm::nat::key::closed));
 
   EXPECT_EQ(closes(id), "");
   EXPECT_EQ(sets(setRequest(id, "192.168.88.10", 81)), "");
   EXPECT_EQ(kernelTexts(), Texts{}) << "its owner does not open it again";
-  EXPECT_TRUE(lists()[0].get_bool(nat::key::closed));
+  EXPECT_TRUE(lists()[0].get_bool(lm::nat::key::closed));
   EXPECT_EQ(refusedToOpen({}), "tcp port 8080 of 45.45.45.1 is already in use");
 
   EXPECT_EQ(removes(id), "");
@@ -372,7 +373,7 @@ TEST_F(NatRulesTest, ClosesAPortUntilItsOwnerRemovesIt) {
 TEST_F(NatRulesTest, ClosingSaysNothingElse) {
   uint32_t id = opens({});
   lm::message reopen = idOnly(id);
-  reopen.insert_bool(nat::key::closed, false);
+  reopen.insert_bool(lm::nat::key::closed, false);
   EXPECT_EQ(asks(admin, lm::cmd::setObject, reopen), "a closed port stays closed");
   lm::message both = closeRequest(id);
   both.insert_bool(lm::key::disabled, false);
@@ -383,7 +384,7 @@ TEST_F(NatRulesTest, ClosingSaysNothingElse) {
 TEST_F(NatRulesTest, ClosesAPortThatThePolicyWouldRefuseNow) {
   uint32_t id = opens({});
   lm::message policy;
-  policy.insert_string(nat::key::externalPorts, "9000-9999");
+  policy.insert_string(lm::nat::key::externalPorts, "9000-9999");
   EXPECT_EQ(asks(admin, lm::cmd::set, policy), "");
   EXPECT_EQ(closes(id), "");
 }
@@ -418,7 +419,7 @@ TEST_F(NatRulesTest, LetsAServiceChangeItsOwnRulesOnly) {
 TEST_F(NatRulesTest, LetsTheAdministratorChangeEverybodysRules) {
   uint32_t id = opens({.disabled = true});
   EXPECT_EQ(asks(admin, lm::cmd::setObject, setRequest(id, "192.168.88.11", 81)), "");
-  EXPECT_EQ(lists()[0].get_string(nat::key::owner), "upnp");
+  EXPECT_EQ(lists()[0].get_string(lm::nat::key::owner), "upnp");
   EXPECT_EQ(asks(admin, lm::cmd::removeObject, idOnly(id)), "");
   EXPECT_TRUE(lists().empty());
 }

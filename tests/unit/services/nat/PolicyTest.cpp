@@ -1,5 +1,6 @@
 #include "lumen/services/nat/Policy.h"
 #include "platform/Store.h"
+#include "platform/wire/NatRules.h"
 #include "services/nat/NatFixture.h"
 
 namespace lumen::test {
@@ -153,17 +154,17 @@ class PolicyBookTest : public ::testing::Test {
     return book.load();
   }
   [[nodiscard]] std::string ports() const {
-    return book.settings().get_string(nat::key::externalPorts);
+    return book.settings().get_string(lm::nat::key::externalPorts);
   }
   static lm::message portsOnly(const std::string& ports) {
     lm::message request;
     request.insert_u32(lm::key::serial, 12);
-    request.insert_string(nat::key::externalPorts, ports);
+    request.insert_string(lm::nat::key::externalPorts, ports);
     return request;
   }
 
-  static lm::message reset() { return flagOnly(nat::key::reset); }
-  static lm::message reload() { return flagOnly(nat::key::reload); }
+  static lm::message reset() { return flagOnly(lm::nat::key::reset); }
+  static lm::message reload() { return flagOnly(lm::nat::key::reload); }
   static lm::message flagOnly(uint32_t field) {
     lm::message request;
     request.insert_bool(field, true);
@@ -288,7 +289,7 @@ TEST_F(PolicyBookTest, ForgetsWhatWasSetOnAReset) {
 TEST_F(PolicyBookTest, ReadsTheFileAgainOnAReload) {
   ASSERT_EQ(loads("external-ports = 80\nmax-rules = 7\n"), std::nullopt);
   lm::message limit;
-  limit.insert_u32(nat::key::maxRules, 5);
+  limit.insert_u32(lm::nat::key::maxRules, 5);
   ASSERT_EQ(book.write(limit), std::nullopt);
   static_cast<void>(directory.file("nat-policy", "external-ports = 81\nmax-rules = 8\n"));
   EXPECT_EQ(book.write(portsOnly("82")), std::nullopt);
@@ -315,7 +316,7 @@ TEST_F(PolicyBookTest, KeepsThePolicyWhenTheFileIsWrongOnAReload) {
   EXPECT_EQ(ports(), "80");
   EXPECT_EQ(book.policy().maxRules, 4096U);
   lm::message both = reset();
-  both.insert_bool(nat::key::reload, true);
+  both.insert_bool(lm::nat::key::reload, true);
   EXPECT_TRUE(book.write(both).has_value());
   std::filesystem::remove(filePath);
   std::filesystem::create_directory(filePath);
@@ -346,7 +347,7 @@ TEST_F(PolicyBookTest, NeedsNoRoomOnTheDiskForAReload) {
 TEST_F(PolicyBookTest, ChangesNothingWhenAValueIsWrong) {
   ASSERT_EQ(book.load(), std::nullopt);
   lm::message request = portsOnly("2000");
-  request.insert_u32(nat::key::maxRules, 70000);
+  request.insert_u32(lm::nat::key::maxRules, 70000);
   EXPECT_EQ(book.write(request), "max-rules: \"70000\" is not a number from 0 to 65536");
   lm::message unknown = portsOnly("2000");
   unknown.insert_u32(0x10099, 1);
@@ -367,11 +368,12 @@ using NatPolicyCommandTest = NatFixture;
 // that are opened or changed from then on, and leaves open ports alone.
 TEST_F(NatPolicyCommandTest, IsReadAndWrittenByTheAdministratorOnly) {
   lm::message request;
-  request.insert_string(nat::key::externalPorts, "5000-5999");
+  request.insert_string(lm::nat::key::externalPorts, "5000-5999");
   EXPECT_EQ(asks(daemon, lm::cmd::set, request), "not permitted");
   EXPECT_EQ(asks(daemon, lm::cmd::get, {}), "not permitted");
   EXPECT_EQ(asks(admin, lm::cmd::set, request), "");
-  EXPECT_EQ(rules.handle(admin, lm::cmd::get, {}).get_string(nat::key::externalPorts), "5000-5999");
+  EXPECT_EQ(rules.handle(admin, lm::cmd::get, {}).get_string(lm::nat::key::externalPorts),
+            "5000-5999");
   EXPECT_EQ(refusedToOpen({.port = 4999}), "external port 4999 is not allowed by the policy");
   opens({.port = 5000});
 }
@@ -381,7 +383,7 @@ TEST_F(NatPolicyCommandTest, LeavesPortsThatAreOpenAlone) {
   uint32_t id = opens({});
   kernelTexts();
   lm::message request;
-  request.insert_string(nat::key::externalPorts, "9000");
+  request.insert_string(lm::nat::key::externalPorts, "9000");
   EXPECT_EQ(asks(admin, lm::cmd::set, request), "");
   EXPECT_EQ(kernelTexts(), Texts{});
   EXPECT_EQ(sets(setRequest(id, "192.168.88.10", 81)),

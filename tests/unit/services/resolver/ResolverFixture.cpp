@@ -2,11 +2,13 @@
 
 #include <arpa/inet.h>
 
+#include "platform/wire/Resolver.h"
+
 namespace lumen::test {
 
 lm::message nameOf(const std::string& host) {
   lm::message request;
-  request.insert_string(Resolver::hostName, host);
+  request.insert_string(lm::resolver::key::hostName, host);
   return request;
 }
 
@@ -19,14 +21,14 @@ ResolverTest::ResolverTest() {
 }
 
 std::string ResolverTest::lookUp(const std::string& name) {
-  const uint32_t request = platform_.postRequest(0, Resolver::resolve, nameOf(name));
+  const uint32_t request = platform_.postRequest(0, lm::resolver::cmd::resolve, nameOf(name));
   EXPECT_TRUE(platform_.turnUntil([&] { return platform_.replyTo(request).has_value(); })) << name;
   return answerTo(request);
 }
 
 uint32_t ResolverTest::ask(const std::string& name) {
   const size_t before = questions();
-  const uint32_t request = platform_.postRequest(0, Resolver::resolve, nameOf(name));
+  const uint32_t request = platform_.postRequest(0, lm::resolver::cmd::resolve, nameOf(name));
   EXPECT_TRUE(platform_.turnUntil([&] { return questions() > before; })) << name;
   return request;
 }
@@ -36,7 +38,7 @@ std::string ResolverTest::answerTo(uint32_t request) {
   if (!reply) return "none yet";
   if (lm::isError(*reply)) return lm::getError(*reply);
   in_addr address = {};
-  address.s_addr = reply->get_be32(Resolver::address);
+  address.s_addr = reply->get_be32(lm::resolver::key::address);
   return inet_ntoa(address);
 }
 

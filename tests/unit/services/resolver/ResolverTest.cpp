@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/Keys.h"
+#include "platform/wire/Resolver.h"
 #include "services/resolver/ResolverFixture.h"
 #include "support/Describe.h"
 
@@ -31,7 +32,7 @@ TEST_F(ResolverTest, RefusesWhatIsNoHostNameWithoutAskingAnybody) {
        {std::string(), std::string("a b"), std::string("a\nb"), longName, std::string("1.2.3.4")}) {
     EXPECT_EQ(lookUp(name), "not a host name");
   }
-  EXPECT_EQ(lm::getError(platform_.request(0, Resolver::resolve)), "not a host name");
+  EXPECT_EQ(lm::getError(platform_.request(0, lm::resolver::cmd::resolve)), "not a host name");
   EXPECT_EQ(questions(), 0U);
   EXPECT_EQ(log_.text(), "");
 }
@@ -130,9 +131,9 @@ TEST_F(ResolverTest, AnswersAtOnceWhatNeedsNoNameServer) {
 }
 
 TEST_F(ResolverTest, HasTheNumbersThatProgramsOfAnotherBuildSend) {
-  EXPECT_EQ(Resolver::resolve, 3U);
-  EXPECT_EQ(Resolver::hostName, 0x20000003U);
-  EXPECT_EQ(Resolver::address, 0x08000004U);
+  EXPECT_EQ(lm::resolver::cmd::resolve, 3U);
+  EXPECT_EQ(lm::resolver::key::hostName, 0x20000003U);
+  EXPECT_EQ(lm::resolver::key::address, 0x08000004U);
 }
 
 // Also proves [resolver-budget].
@@ -178,7 +179,7 @@ TEST_F(ResolverTest, ForgetsNobodyWhoAsksForTheSameName) {
   const uint32_t first = ask("player.lan");
   std::vector<uint32_t> others(20);
   for (uint32_t& other : others) {
-    other = platform_.postRequest(0, Resolver::resolve, nameOf("player.lan"));
+    other = platform_.postRequest(0, lm::resolver::cmd::resolve, nameOf("player.lan"));
   }
   platform_.turn();
   EXPECT_EQ(questions(), 1U);
@@ -232,7 +233,7 @@ TEST_F(ResolverTest, StaysForARequestThatComesWhileItIsAboutToLeave) {
   server_.hosts["player.lan"] = "10.0.0.7";
   uint32_t request = 0;
   platform_.onRequest({0}, 0x13, [&](const lm::message&) {
-    request = platform_.postRequest(0, Resolver::resolve, nameOf("player.lan"));
+    request = platform_.postRequest(0, lm::resolver::cmd::resolve, nameOf("player.lan"));
     return lm::message();
   });
   platform_.advance(minute);

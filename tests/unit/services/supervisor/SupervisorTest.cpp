@@ -4,8 +4,8 @@
 #include <functional>
 
 #include "lumen/runtime/EventLoop.h"
-#include "lumen/services/broker/BrokerKeys.h"
 #include "lumen/services/supervisor/Supervisor.h"
+#include "platform/wire/Broker.h"
 #include "services/supervisor/FakeProcesses.h"
 #include "support/ManualClock.h"
 
@@ -74,12 +74,14 @@ class SupervisorTest : public testing::Test {
 
   lm::message record(uint32_t number) {
     for (const lm::message& record : supervisor.list()) {
-      if (record.get_u32(servicekey::number) == number) return record;
+      if (record.get_u32(lm::broker::listed::number) == number) return record;
     }
     return {};
   }
-  std::string state(uint32_t number) { return record(number).get_string(servicekey::state); }
-  uint64_t delay() { return record(gateway).get_u64(servicekey::nextStart); }
+  std::string state(uint32_t number) {
+    return record(number).get_string(lm::broker::listed::state);
+  }
+  uint64_t delay() { return record(gateway).get_u64(lm::broker::listed::nextStart); }
 
   lm::test::ManualClock clock;
   lm::EventLoop loop{clock};
@@ -112,18 +114,18 @@ TEST_F(SupervisorTest, DoesNotStartAgainWhatWasNeededWhileItServed) {
   EXPECT_TRUE(supervisor.need(gateway, false));
   supervisor.unregistered(gateway);
   processes.exit(processes.last(), 0);
-  EXPECT_EQ(state(gateway), servicestate::stopped);
+  EXPECT_EQ(state(gateway), lm::broker::state::stopped);
   EXPECT_EQ(starts(), 1U);
 }
 
 // Also proves [service-start].
 TEST_F(SupervisorTest, StartsTheOthersAtTheFirstRequest) {
   supervisor.boot();
-  EXPECT_EQ(state(resolver), servicestate::stopped);
+  EXPECT_EQ(state(resolver), lm::broker::state::stopped);
   EXPECT_TRUE(supervisor.need(resolver, false));
   ASSERT_EQ(starts(), 2U);
   EXPECT_EQ(processes.started[1].executable, "/usr/bin/lumen-resolver");
-  EXPECT_EQ(state(resolver), servicestate::starting);
+  EXPECT_EQ(state(resolver), lm::broker::state::starting);
 }
 
 // Promise [service-one]: A service has one process at a time; the next life starts when the last
@@ -133,7 +135,7 @@ TEST_F(SupervisorTest, NeverRunsTwoProcessesOfAService) {
   EXPECT_TRUE(supervisor.need(gateway, false));
   EXPECT_TRUE(supervisor.need(gateway, true));
   supervisor.registered(gateway);
-  EXPECT_EQ(state(gateway), servicestate::running);
+  EXPECT_EQ(state(gateway), lm::broker::state::running);
   supervisor.unregistered(gateway);
   EXPECT_TRUE(supervisor.need(gateway, true));
   EXPECT_EQ(starts(), 1U);
@@ -145,9 +147,9 @@ TEST_F(SupervisorTest, LeavesAServiceAloneThatWasNotNeeded) {
   supervisor.boot();
   supervisor.registered(gateway);
   supervisor.unregistered(gateway);
-  EXPECT_EQ(state(gateway), servicestate::leaving);
+  EXPECT_EQ(state(gateway), lm::broker::state::leaving);
   processes.exit(processes.last(), 0);
-  EXPECT_EQ(state(gateway), servicestate::stopped);
+  EXPECT_EQ(state(gateway), lm::broker::state::stopped);
   pass(120'000);
   EXPECT_EQ(starts(), 1U);
 }
@@ -163,7 +165,7 @@ TEST_F(SupervisorTest, StartsAgainAtOnceWhenNeededWhileLeaving) {
   processes.exit(processes.last(), 0);
   EXPECT_EQ(starts(), 2U);
   EXPECT_TRUE(listener.refused.empty());
-  EXPECT_EQ(record(gateway).get_u32(servicekey::restarts), 0U) << "it had not crashed";
+  EXPECT_EQ(record(gateway).get_u32(lm::broker::listed::restarts), 0U) << "it had not crashed";
 }
 
 // Also proves [service-leave].
@@ -206,8 +208,8 @@ TEST_F(SupervisorTest, TakesEveryOtherEndForACrash) {
     if (end.registersAgain) one.registered(gateway);
     one.lost(gateway);
     one.processEnded(fresh.last(), end.status);
-    EXPECT_EQ(one.list()[1].get_string(servicekey::state), servicestate::waiting);
-    EXPECT_EQ(one.list()[1].get_u64(servicekey::nextStart), 1000U);
+    EXPECT_EQ(one.list()[1].get_string(lm::broker::listed::state), lm::broker::state::waiting);
+    EXPECT_EQ(one.list()[1].get_u64(lm::broker::listed::nextStart), 1000U);
   }
 }
 
@@ -218,7 +220,7 @@ TEST_F(SupervisorTest, HearsTheLastWordsBeforeItJudgesTheEnd) {
   listener.lastWords = [&] { supervisor.unregistered(gateway); };
   processes.exit(processes.last(), 0);
   EXPECT_EQ(listener.heardOut, std::vector<pid_t>{1000});
-  EXPECT_EQ(state(gateway), servicestate::stopped);
+  EXPECT_EQ(state(gateway), lm::broker::state::stopped);
 }
 
 // Promise [restart]: A crashed service starts again after 1 s, after 2, 4, 8, 16 and 32 s when it
@@ -235,7 +237,7 @@ TEST_F(SupervisorTest, DoublesTheBackOffUpToAMinute) {
     pass(100);
     EXPECT_EQ(starts(), before + 1);
   }
-  EXPECT_EQ(record(gateway).get_u32(servicekey::restarts), 8U);
+  EXPECT_EQ(record(gateway).get_u32(lm::broker::listed::restarts), 8U);
 }
 
 // Promise [restart-reset]: A service that crashes after a life of 60 s, this one or one before it
@@ -288,7 +290,7 @@ TEST_F(SupervisorTest, RefusesARequestDuringTheBackOff) {
   crash();
   EXPECT_FALSE(supervisor.need(gateway, false));
   EXPECT_EQ(starts(), 1U);
-  EXPECT_EQ(state(gateway), servicestate::waiting);
+  EXPECT_EQ(state(gateway), lm::broker::state::waiting);
 }
 
 // Also proves [restart-admin].
@@ -337,11 +339,11 @@ TEST_F(SupervisorTest, PutsOffTheStartForOthersWhoAskedWhileItCrashed) {
 TEST_F(SupervisorTest, TakesAStartThatFailsForACrash) {
   processes.failToStart = true;
   EXPECT_FALSE(supervisor.need(resolver, false));
-  EXPECT_EQ(state(resolver), servicestate::waiting);
+  EXPECT_EQ(state(resolver), lm::broker::state::waiting);
   processes.failToStart = false;
   pass(1000);
   EXPECT_EQ(starts(), 1U);
-  EXPECT_EQ(state(resolver), servicestate::starting);
+  EXPECT_EQ(state(resolver), lm::broker::state::starting);
 }
 
 // Also proves [leftover].
@@ -349,7 +351,7 @@ TEST_F(SupervisorTest, WaitsForTheProcessThatAnEarlierLumendHasLeft) {
   processes.holders[gatewayLock] = 77;
   supervisor.boot();
   EXPECT_TRUE(supervisor.need(gateway, false)) << "it is on its way";
-  EXPECT_EQ(state(gateway), servicestate::starting);
+  EXPECT_EQ(state(gateway), lm::broker::state::starting);
   pass(9'000);
   EXPECT_EQ(starts(), 0U);
   processes.holders.clear();
@@ -417,7 +419,7 @@ TEST_F(SupervisorTest, KnowsNothingOfOtherServicesAndProcesses) {
   supervisor.unregistered(66);
   supervisor.lost(66);
   supervisor.processEnded(4711, 0);
-  EXPECT_EQ(state(gateway), servicestate::starting);
+  EXPECT_EQ(state(gateway), lm::broker::state::starting);
   EXPECT_EQ(starts(), 1U);
 }
 
@@ -469,15 +471,15 @@ TEST_F(SupervisorTest, ListsWhatItRuns) {
   supervisor.registered(gateway);
   ASSERT_EQ(supervisor.list().size(), 2U);
   const lm::message idle = supervisor.list()[0];
-  EXPECT_EQ(idle.get_u32(servicekey::number), resolver);
-  EXPECT_EQ(idle.get_string(servicekey::name), "resolver");
-  EXPECT_EQ(idle.get_string(servicekey::state), "stopped");
-  EXPECT_EQ(idle.get_u32(servicekey::pid), 0U);
+  EXPECT_EQ(idle.get_u32(lm::broker::listed::number), resolver);
+  EXPECT_EQ(idle.get_string(lm::broker::listed::name), "resolver");
+  EXPECT_EQ(idle.get_string(lm::broker::listed::state), "stopped");
+  EXPECT_EQ(idle.get_u32(lm::broker::listed::pid), 0U);
   const lm::message busy = supervisor.list()[1];
-  EXPECT_EQ(busy.get_u32(servicekey::number), gateway);
-  EXPECT_EQ(busy.get_string(servicekey::state), "running");
-  EXPECT_EQ(busy.get_u32(servicekey::pid), 1000U);
-  EXPECT_EQ(busy.get_u64(servicekey::nextStart), 0U);
+  EXPECT_EQ(busy.get_u32(lm::broker::listed::number), gateway);
+  EXPECT_EQ(busy.get_string(lm::broker::listed::state), "running");
+  EXPECT_EQ(busy.get_u32(lm::broker::listed::pid), 1000U);
+  EXPECT_EQ(busy.get_u64(lm::broker::listed::nextStart), 0U);
 }
 
 // Also proves [service-list].

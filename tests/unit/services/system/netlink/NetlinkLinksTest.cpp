@@ -26,11 +26,11 @@
 
 #include "lumen/runtime/EventLoop.h"
 #include "lumen/services/addresses/AddressTable.h"
-#include "lumen/services/interfaces/InterfaceKeys.h"
 #include "lumen/services/interfaces/InterfaceTable.h"
 #include "lumen/services/system/netlink/NetlinkLinks.h"
 #include "platform/Fd.h"
 #include "platform/Keys.h"
+#include "platform/wire/Interfaces.h"
 #include "services/interfaces/RecordingNotifier.h"
 #include "support/RefusedCall.h"
 #include "support/TempDir.h"
@@ -97,7 +97,7 @@ class NetlinkLinksTest : public testing::Test {
   lm::message recordOf(const std::string& name) {
     const lm::message page = asks(lm::cmd::list, {});
     for (const lm::message& m : page.get_message_array_ref(lm::key::records)) {
-      if (m.get_string(interfaces::key::name) == name) return m;
+      if (m.get_string(lm::interfaces::key::name) == name) return m;
     }
     return {};
   }
@@ -105,9 +105,9 @@ class NetlinkLinksTest : public testing::Test {
   std::string stateOf(const std::string& name) {
     const lm::message m = recordOf(name);
     if (m.get_u32(lm::key::objectId) == 0) return "unlisted";
-    if (m.get_u32(interfaces::key::index) == 0) return "away";
+    if (m.get_u32(lm::interfaces::key::index) == 0) return "away";
     if (m.get_bool(lm::key::disabled)) return "down";
-    return m.get_bool(interfaces::key::running) ? "running" : "up";
+    return m.get_bool(lm::interfaces::key::running) ? "running" : "up";
   }
   [[nodiscard]] bool becomes(const std::string& name, const std::string& state) {
     return waitFor([&] { return stateOf(name) == state; });
@@ -130,12 +130,12 @@ class NetlinkLinksTest : public testing::Test {
   std::string nameOf(uint32_t id) {
     lm::message request;
     request.insert_u32(lm::key::objectId, id);
-    return asks(lm::cmd::readObject, request).get_string(interfaces::key::name);
+    return asks(lm::cmd::readObject, request).get_string(lm::interfaces::key::name);
   }
   void keeps(const std::string& name) {
     lm::message request;
-    request.insert_string(interfaces::key::name, name);
-    request.insert_u32(interfaces::key::role, interfaces::roleExternal);
+    request.insert_string(lm::interfaces::key::name, name);
+    request.insert_u32(lm::interfaces::key::role, lm::interfaces::roleExternal);
     EXPECT_FALSE(lm::isError(asks(lm::cmd::addObject, request)));
   }
   std::string setsDisabled(const std::string& name, bool disabled) {
@@ -172,7 +172,7 @@ TEST_F(NetlinkLinksTest, FindsTheLinksAndAddressesThatAreThere) {
   EXPECT_EQ(stateOf("lo"), "unlisted");
   EXPECT_TRUE(becomes("wan0", "running"));
   EXPECT_EQ(stateOf("lan0"), "down");
-  EXPECT_EQ(recordOf("wan0").get_u32(interfaces::key::hardwareType), 1U);
+  EXPECT_EQ(recordOf("wan0").get_u32(lm::interfaces::key::hardwareType), 1U);
   EXPECT_EQ(addresses(), "wan0=45.45.45.2 disabled=0, lan0=192.168.1.1 disabled=1, ");
 }
 
@@ -290,10 +290,10 @@ TEST_F(NetlinkLinksTest, ReadsTheCountersOfALink) {
   std::istringstream columns(before.substr(before.find("wan0:") + 5));
   std::array<uint64_t, 16> numbers{};
   for (uint64_t& number : numbers) columns >> number;
-  EXPECT_EQ(read.get_u64(interfaces::key::bytesReceived), numbers[0]);
-  EXPECT_EQ(read.get_u64(interfaces::key::packetsReceived), numbers[1]);
-  EXPECT_EQ(read.get_u64(interfaces::key::bytesSent), numbers[8]);
-  EXPECT_EQ(read.get_u64(interfaces::key::packetsSent), numbers[9]);
+  EXPECT_EQ(read.get_u64(lm::interfaces::key::bytesReceived), numbers[0]);
+  EXPECT_EQ(read.get_u64(lm::interfaces::key::packetsReceived), numbers[1]);
+  EXPECT_EQ(read.get_u64(lm::interfaces::key::bytesSent), numbers[8]);
+  EXPECT_EQ(read.get_u64(lm::interfaces::key::packetsSent), numbers[9]);
   EXPECT_GE(numbers[9], 3U);
 }
 
@@ -350,7 +350,7 @@ TEST_F(NetlinkLinksTest, RefusesARouteThatIsThereAndOneThatIsNone) {
   hasPair("wan0");
   ip("route add 47.0.0.0/8 dev wan0 proto static");
   starts();
-  const uint32_t index = recordOf("wan0").get_u32(interfaces::key::index);
+  const uint32_t index = recordOf("wan0").get_u32(lm::interfaces::key::index);
   const auto routes = links->routes(index);
   ASSERT_TRUE(routes);
   ASSERT_EQ(routes->size(), 1U);
@@ -452,7 +452,7 @@ TEST_F(NetlinkLinksTest, TriesAgainUntilTheTablesCanBeRead) {
 TEST_F(NetlinkLinksTest, AnswersWhenTheKernelCannotBeAsked) {
   hasPair("wan0");
   starts();
-  const uint32_t index = recordOf("wan0").get_u32(interfaces::key::index);
+  const uint32_t index = recordOf("wan0").get_u32(lm::interfaces::key::index);
   testing::internal::CaptureStdout();
   whileRefused({SCMP_SYS(socket)}, EMFILE, [&] { EXPECT_FALSE(links->read(index)); });
   whileRefused({SCMP_SYS(recvmsg)}, EIO, [&] {
@@ -501,7 +501,7 @@ TEST_F(NetlinkLinksTest, BelievesNobodyButTheKernel) {
     nlmsghdr header{sizeof(nlmsghdr) + sizeof(ifinfomsg), RTM_DELLINK, 0, 0, 0};
     ifinfomsg link{};
   } gone;
-  gone.link.ifi_index = static_cast<int>(recordOf("wan0").get_u32(interfaces::key::index));
+  gone.link.ifi_index = static_cast<int>(recordOf("wan0").get_u32(lm::interfaces::key::index));
   const lm::Fd liar(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
   const std::set<uint32_t> ports = portsOfSubscribers();
   ASSERT_EQ(ports.size(), 1U);

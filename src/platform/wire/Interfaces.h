@@ -1,6 +1,9 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
+
+#include "platform/Keys.h"
 
 /// Field keys of the interface table, handler [20, 0], besides those that every table shares.
 ///
@@ -13,7 +16,7 @@
 /// A record: lm::key::objectId, hardwareType, flags, index, name, displayName, lm::key::disabled,
 /// running; in the answer to readObject then the four counters; in an answer to an administrator
 /// then the role, if the interface is kept.
-namespace lumen::interfaces {
+namespace lm::interfaces {
 
 namespace key {
 inline constexpr uint32_t hardwareType = 0x08010001;  ///< u32: ARPHRD_*, 1 is Ethernet
@@ -24,16 +27,30 @@ inline constexpr uint32_t displayName = 0x20010006;   ///< string
 inline constexpr uint32_t running = 0x0001000e;       ///< bool: IFF_UP and IFF_RUNNING
 inline constexpr uint32_t role = 0x08010010;          ///< u32: roleExternal or roleInternal
 
+/// u32, in a request to read an object: what it is to hold besides.
+inline constexpr uint32_t readOptions = 0x08fe000c;
+
 inline constexpr uint32_t bytesReceived = 0x100100fc;    ///< u64
 inline constexpr uint32_t bytesSent = 0x100100fd;        ///< u64
 inline constexpr uint32_t packetsReceived = 0x100100fe;  ///< u64
 inline constexpr uint32_t packetsSent = 0x100100ff;      ///< u64
 }  // namespace key
 
+/// A value of key::readOptions: the counters.
+inline constexpr uint32_t withCounters = 256;
+
+/// A value of key::hardwareType (ARPHRD_ETHER of linux/if_arp.h).
+inline constexpr uint32_t ethernet = 1;
+
 /// The interface has left the table.
 inline constexpr uint32_t flagGone = 0x80;
+/// Any of these says so to the gateway.
+inline constexpr uint32_t goneFlags = 0x82;
 
 inline constexpr uint32_t roleExternal = 1;
 inline constexpr uint32_t roleInternal = 2;
 
-}  // namespace lumen::interfaces
+/// Where the table is.
+inline std::vector<uint32_t> path() { return {service::interfaces, handler::interfaces}; }
+
+}  // namespace lm::interfaces

@@ -1,6 +1,9 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
+
+#include "platform/Keys.h"
 
 /// Field keys of the NAT rule table, handler [20, 5], besides those that every table shares.
 ///
@@ -12,7 +15,7 @@
 /// and nothing else: the rule leaves the kernel and stays listed until its owner removes it. There
 /// is no way back. A port and protocol are found in the list; two external addresses of the router
 /// give two rules, with an id each.
-namespace lumen::nat {
+namespace lm::nat {
 
 namespace key {
 // A rule, in the order of a record. Ports and addresses are ranges whose ends must be equal.
@@ -58,4 +61,7 @@ inline constexpr uint32_t reload = 0x00010035;
 /// The action of every rule: translate the destination.
 inline constexpr uint32_t actionDnat = 22;
 
-}  // namespace lumen::nat
+/// Where the table is.
+inline std::vector<uint32_t> path() { return {service::interfaces, handler::natRules}; }
+
+}  // namespace lm::nat
