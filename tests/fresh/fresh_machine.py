@@ -33,11 +33,17 @@ class FreshMachine:
         try:
             subprocess.run(["tar", "--numeric-owner", "-C", self._folder, "-xf", archive],
                            check=True)
+            self._finish_installation()
             self._add_user()
             self._add_checkout()
         except BaseException:
             self.close()
             raise
+
+    def _finish_installation(self):
+        """What the installer of Debian writes, and debootstrap does not."""
+        etc = pathlib.Path(self._folder) / "etc"
+        (etc / "hosts").write_text("127.0.0.1\tlocalhost\n127.0.1.1\tfresh\n", encoding="utf-8")
 
     def _add_user(self):
         """Ann has the number of who owns this checkout, so that what is kept stays his."""
