@@ -8,12 +8,10 @@ import subprocess
 import tempfile
 import time
 
-from support.debian import make_archive
+from support.debian import give_to_owner, kept, make_archive
 
 TOP = pathlib.Path(__file__).resolve().parents[2]
 ENTER = pathlib.Path(__file__).with_name("enter.sh")
-# Archives of the machines, what was downloaded and compiled: kept between runs.
-KEPT = TOP / "build-machines"
 CHECKOUT = "/home/ann/palinode"
 # In seconds, for one command of the user.
 LIMIT = 1500
@@ -23,10 +21,9 @@ class FreshMachine:
     """Exists on the disk until close."""
 
     def __init__(self, suite):
-        archive = KEPT / f"{suite}.tar"
-        make_archive(archive, suite)
-        self._downloads = KEPT / f"downloads-{suite}"
-        self._cache = KEPT / f"ccache-{suite}"
+        archive = make_archive(suite, suite)
+        self._downloads = kept() / f"downloads-{suite}"
+        self._cache = kept() / f"ccache-{suite}"
         for folder in (self._downloads, self._cache):
             folder.mkdir(exist_ok=True)
         self._folder = tempfile.mkdtemp(prefix="palinode-fresh-", dir="/var/tmp")
@@ -116,6 +113,7 @@ class FreshMachine:
 
     def close(self):
         shutil.rmtree(self._folder)
+        give_to_owner(self._downloads, *self._downloads.rglob("*"))
 
     def __enter__(self):
         return self

@@ -9,12 +9,13 @@ import subprocess
 import unittest
 
 from machine import CommandFailed, Machine
+from support.debian import kept
 from support.network import (LAN_ADDRESS, LAN_BRIDGE, WAN_ADDRESS, WAN_LINK, Network, exchange_tcp,
                              wait_until)
 
 VERSION = os.environ["PALINODE_VERSION"]
 PACKAGES = pathlib.Path(os.environ["PALINODE_PACKAGES"])
-BASE = pathlib.Path(os.environ["PALINODE_MACHINE"])
+BASE = kept() / "systemd.tar"
 
 PORT = 8080
 # Where the package has files, and what belongs to it nowhere else.

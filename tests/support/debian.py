@@ -1,16 +1,18 @@
 """The smallest Debian, as a tar archive, from the package source that this machine uses.
 
-    python3 -m support.debian ARCHIVE [--suite SUITE] [--include PACKAGE,...]
+    python3 -m support.debian NAME [--suite SUITE] [--include PACKAGE,...]
 """
 
 import argparse
 import os
 import pathlib
+import pwd
 import subprocess
 import sys
 import tempfile
 import time
 
+TOP = pathlib.Path(__file__).resolve().parents[2]
 # In seconds; it reads from the package source.
 MAKE_LIMIT = 900
 
@@ -38,12 +40,30 @@ def package_source():
     raise NoPackageSource(f"this machine knows no package source of {suite}")
 
 
-def make_archive(archive, suite, include=""):
-    """Makes the archive, unless it is there and less than a day old: after that the package source
-    may no longer have what its lists name."""
+def kept():
+    """The folder for what is kept between runs, whatever becomes of the checkout: in the cache of
+    the checkout's owner, to whom it belongs."""
+    owner = pwd.getpwuid(os.stat(TOP).st_uid)
+    folder = pathlib.Path(owner.pw_dir) / ".cache" / "palinode-igd"
+    folder.mkdir(parents=True, exist_ok=True)
+    give_to_owner(folder.parent, folder)
+    return folder
+
+
+def give_to_owner(*paths):
+    """Gives what root has made to the owner of the checkout."""
+    owner = os.stat(TOP)
+    for path in paths:
+        if os.lstat(path).st_uid == 0:
+            os.chown(path, owner.st_uid, owner.st_gid, follow_symlinks=False)
+
+
+def make_archive(name, suite, include=""):
+    """Makes the archive of that name among what is kept, unless it is there and less than a day
+    old: after that the package source may no longer have what its lists name. Returns its path."""
+    archive = kept() / f"{name}.tar"
     if archive.exists() and time.time() < archive.stat().st_mtime + 86400:
-        return
-    archive.parent.mkdir(exist_ok=True)
+        return archive
     with tempfile.TemporaryDirectory(prefix="palinode-debian-", dir="/var/tmp") as root:
         os.chmod(root, 0o755)
         options = [f"--include={include}"] if include else []
@@ -57,16 +77,18 @@ def make_archive(archive, suite, include=""):
         subprocess.run(["chroot", root, "apt-get", "clean"], check=True)
         unfinished = archive.with_name(archive.name + ".unfinished")
         subprocess.run(["tar", "--numeric-owner", "-C", root, "-cf", unfinished, "."], check=True)
+        give_to_owner(unfinished)
         unfinished.rename(archive)
+    return archive
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("archive", type=pathlib.Path)
+    parser.add_argument("name")
     parser.add_argument("--suite", default=this_suite())
     parser.add_argument("--include", default="")
     arguments = parser.parse_args()
-    make_archive(arguments.archive, arguments.suite, arguments.include)
+    make_archive(arguments.name, arguments.suite, arguments.include)
 
 
 if __name__ == "__main__":
