@@ -29,6 +29,9 @@ if(PALINODE_LINKER)
   add_link_options(-fuse-ld=${PALINODE_LINKER})
 endif()
 
+# No path of the machine that builds gets into the programs.
+add_compile_options(-ffile-prefix-map=${CMAKE_SOURCE_DIR}/=)
+
 add_library(palinode_warnings INTERFACE)
 target_compile_options(palinode_warnings INTERFACE
   -Wall -Wextra -Wconversion -Wsign-conversion -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual

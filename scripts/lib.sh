@@ -92,7 +92,8 @@ build() {
   shift
   # A compiler cache, where there is one, saves time and changes nothing that is built.
   command -v ccache >/dev/null && cache=ccache
-  export CCACHE_SLOPPINESS=pch_defines,time_macros
+  # It serves another checkout as well.
+  export CCACHE_SLOPPINESS=pch_defines,time_macros CCACHE_BASEDIR=$top
   step "configured the $preset build" as_owner cmake --preset "$preset" \
     -DCMAKE_CXX_COMPILER_LAUNCHER="$cache" "$@"
   started=$(now)
