@@ -82,7 +82,7 @@ void checkUrl(Router& router, const std::string& url) {
   require(!asked || *asked == host, "the host is resolved");
   if (!taken) return;
 
-  require(address != 0, "a subscriber has an address");
+  require(address != 0 || !asked, "0 from the resolver is a failure");
   require(path == url.substr(slash), "the path is what follows the authority");
   require(ntohs(port) == portOf(authority), "the port is what follows the colon");
   if (address == noAddress) return;
