@@ -35,11 +35,7 @@ int wrongUsage(std::ostream& err, const CLI::App& app, const WrongUsage& error) 
 
 }  // namespace
 
-int run(const std::vector<std::string>& arguments, const Connect& connect, Machine& machine,
-        std::ostream& out, std::ostream& err) {
-  Session session(connect, machine, out);
-  CLI::App app("Shows and changes what this router's platform and its Internet gateway do.",
-               "lumenctl");
+void addCommandLine(CLI::App& app, Session& session) {
   setHelpFormat(app);
   app.set_version_flag("--version", "lumenctl " PALINODE_VERSION, "tell its version");
   app.add_option("--root", session.root, "talk to the platform that lumend --root DIR runs")
@@ -65,6 +61,14 @@ int run(const std::vector<std::string>& arguments, const Connect& connect, Machi
   addServiceCommands(app, session);
   addIdentityCommand(app, session);
   addHelpCommand(app, session);
+}
+
+int run(const std::vector<std::string>& arguments, const Connect& connect, Machine& machine,
+        std::ostream& out, std::ostream& err) {
+  Session session(connect, machine, out);
+  CLI::App app("Shows and changes what this router's platform and its Internet gateway do.",
+               "lumenctl");
+  addCommandLine(app, session);
 
   try {
     app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));

@@ -5,9 +5,12 @@
 
 #include "lumen/ctl/Session.h"
 
-/// The groups of commands, a file for each. Every function here adds its commands to `app`; their
-/// callbacks run them on `session`, which must outlive `app`.
+/// The command line: all of it, and the groups of commands, a file for each. Every function here
+/// adds its commands to `app`; their callbacks run them on `session`, which must outlive `app`.
 namespace lumenctl {
+
+/// Makes `app` lumenctl: every option and every group of commands.
+void addCommandLine(CLI::App& app, Session& session);
 
 void addStatusCommand(CLI::App& app, Session& session);
 void addUpnpCommands(CLI::App& app, Session& session);

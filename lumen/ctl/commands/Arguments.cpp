@@ -5,11 +5,18 @@
 
 #include <algorithm>
 #include <charconv>
+#include <sstream>
 
 #include "lumen/ctl/text/Errors.h"
 #include "lumen/ctl/text/Text.h"
 
 namespace lumenctl {
+
+namespace {
+
+const std::string settingsHeading = "settings: ";
+
+}  // namespace
 
 const CLI::Validator& interfaceName() {
   static const CLI::Validator validator(
@@ -38,6 +45,20 @@ bool parseSwitch(const std::string& what, const std::string& text) {
   if (text == "on") return true;
   if (text == "off") return false;
   throw WrongUsage(what + " is 'on' or 'off', not '" + text + "'");
+}
+
+std::string describeSettings(const std::vector<std::string>& names) {
+  return settingsHeading + joined(names);
+}
+
+std::vector<std::string> settingsIn(const std::string& description) {
+  std::istringstream text(description.substr(settingsHeading.size()));
+  std::vector<std::string> names;
+  for (std::string name; text >> name;) {
+    if (name.back() == ',') name.pop_back();
+    names.push_back(name);
+  }
+  return names;
 }
 
 std::vector<Assignment> parseAssignments(const std::vector<std::string>& texts,

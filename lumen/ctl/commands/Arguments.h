@@ -31,6 +31,10 @@ struct Assignment {
   std::string value;
 };
 
+/// The description of an argument that sets some of `names`, and the names in such a description.
+[[nodiscard]] std::string describeSettings(const std::vector<std::string>& names);
+[[nodiscard]] std::vector<std::string> settingsIn(const std::string& description);
+
 /// Throws WrongUsage for what has no '=', for a name that is not in `names` and for one that is
 /// there twice.
 [[nodiscard]] std::vector<Assignment> parseAssignments(const std::vector<std::string>& texts,

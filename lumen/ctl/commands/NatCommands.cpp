@@ -145,7 +145,7 @@ void addPolicy(CLI::App& group, Session& session) {
                      {"nat policy set internal-clients=192.168.88.0/24 max-rules=100",
                       "fewer, to one network"}});
   auto assignments = std::make_shared<std::vector<std::string>>();
-  set->add_option("settings", *assignments, "settings: " + joined(policyNames()))
+  set->add_option("settings", *assignments, describeSettings(policyNames()))
       ->required()
       ->type_name("NAME=VALUE...");
   set->callback([&session, assignments] {

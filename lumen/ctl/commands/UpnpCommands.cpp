@@ -149,7 +149,7 @@ void addSettings(CLI::App& upnp, Session& session) {
       *set, {{"upnp settings set enabled=off", "switch the gateway off"},
              {"upnp settings set allow-disable-external=off show-dummy-rule=off", "two at once"}});
   auto assignments = std::make_shared<std::vector<std::string>>();
-  set->add_option("settings", *assignments, "settings: " + joined(settingNames()))
+  set->add_option("settings", *assignments, describeSettings(settingNames()))
       ->required()
       ->type_name("NAME=on|off...");
   set->callback([&session, assignments] {
