@@ -31,9 +31,10 @@ class LumenctlTest(RouterCase):
         self.assertEqual(said, self.router.lumenctl("identity"))
         self.assertRegex(said, r"^\S{8,}\n$")
 
-    # Promise: lumenctl asks `/run/lumen/lumen.sock`, then `/lumen/run/lumen.sock`; when neither
-    # answers it names both with their errors: `lumend does not answer (/run/lumen/lumen.sock: No
-    # such file or directory; /lumen/run/lumen.sock: No such file or directory)`.
+    # Promise [ctl-socket]: lumenctl asks `/run/lumen/lumen.sock`, then `/lumen/run/lumen.sock`;
+    # when neither answers it names both with their errors: `lumend does not answer
+    # (/run/lumen/lumen.sock: No such file or directory; /lumen/run/lumen.sock: No such file or
+    # directory)`.
     def test_it_looks_in_two_places(self):
         identity = self.router.lumenctl("identity")
         root = self.router.root

@@ -56,9 +56,9 @@ class StallTest(RouterCase):
         self.assertEqual(self.in_lumend(), set(ports))
         self.assertEqual(self.in_gateway(), set(ports))
 
-    # Promise: After lumend stood still for longer than the gateway waits, the kernel, `lumenctl nat
-    # list` and the gateway list the same ports: none whose opening failed, and every one whose
-    # closing or change failed as it was.
+    # Promise [mapping-agrees]: After lumend stood still for longer than the gateway waits, the
+    # kernel, `lumenctl nat list` and the gateway list the same ports: none whose opening failed,
+    # and every one whose closing or change failed as it was.
     def test_a_port_that_a_stalled_lumend_opens_too_late_is_closed_again(self):
         host = self.lan[0]
         with self.stall():

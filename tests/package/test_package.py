@@ -155,8 +155,9 @@ class InstallationTest(unittest.TestCase):
                        "another lumend runs")
         wait_until(lambda: self.unit_state() == "active", "lumend serves")
 
-    # Promise: A lumend that cannot start because of its configuration starts by itself when that is
-    # corrected; until then `lumenctl` names its log, which root and the group `adm` can read.
+    # Promise [lumend-corrected]: A lumend that cannot start because of its configuration starts by
+    # itself when that is corrected; until then `lumenctl` names its log, which root and the group
+    # `adm` can read.
     def test_starts_by_itself_when_its_ruleset_was_broken_and_is_corrected(self):
         self.install()
         self.change_unit("RestartSec=100ms")
@@ -174,8 +175,8 @@ class InstallationTest(unittest.TestCase):
         self.machine.run("cp", "/root/good", ruleset)
         wait_until(lambda: self.unit_state() == "active", "lumend serves")
 
-    # Promise: A configuration file that was deleted stays deleted, and comes back with
-    # `--force-confmiss`
+    # Promise [configuration-deleted]: A configuration file that was deleted stays deleted, and
+    # comes back with `--force-confmiss`
     def test_a_deleted_configuration_file_comes_back_when_dpkg_is_told_so(self):
         self.install()
         deleted = ("/etc/lumen/nat-policy", "/etc/lumen/services/upnp.ini")

@@ -74,8 +74,9 @@ class SourceInstallationTest(unittest.TestCase):
                  "private", "sh", "-c", IN_A_COPY, "sh", folder, str(TOP), script],
                 stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=120, check=False)
 
-    # Promise: From source, without systemd, the commands of `docs/install.md` make the users, the
-    # stores with their owner and a lumend that starts the gateway, and remove it all again.
+    # Promise [source-install]: From source, without systemd, the commands of `docs/install.md` make
+    # the users, the stores with their owner and a lumend that starts the gateway, and remove it all
+    # again.
     def test_the_documented_commands_make_it_and_remove_it(self):
         script = "\n".join([
             "set -e", "umask 077", 'sudo() { "$@"; }', f"cd {TOP}", "touch /tmp/begin",
@@ -94,8 +95,8 @@ class SourceInstallationTest(unittest.TestCase):
 
 
 class StoreOwnerTest(unittest.TestCase):
-    # Promise: An installation that cannot give the stores to the gateway's user prints the command
-    # that does, to be pasted into a shell.
+    # Promise [source-stores]: An installation that cannot give the stores to the gateway's user
+    # prints the command that does, to be pasted into a shell.
     def test_what_is_left_to_do_without_the_user_can_be_pasted_into_a_shell(self):
         with tempfile.TemporaryDirectory(prefix="palinode-chown-") as folder:
             # In place of the real one: it is called, and fails.

@@ -102,8 +102,8 @@ TEST(Programs, ThatServeTakeOneArgumentAtMost) {
   }
 }
 
-// Promise: An answer to `--version` or `--help` that cannot be written ends the program with 1:
-// `palinode-igd: standard output cannot be written`.
+// Promise [program-output]: An answer to `--version` or `--help` that cannot be written ends the
+// program with 1: `palinode-igd: standard output cannot be written`.
 TEST(Programs, SayThatTheirAnswerCannotBeWritten) {
   for (const Started& program : programs) {
     for (const char* question : {"--help", "--version"}) {

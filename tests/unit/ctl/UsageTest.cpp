@@ -68,9 +68,9 @@ TEST_F(Usage, EndsWith2WhenTheArgumentsAreWrong) {
   EXPECT_EQ(router.requests(), Lines{});
 }
 
-// Promise: A word that is no command, or an option that there is not, is named, with the one that
-// was likely meant and where the right ones are listed: `there is no command 'statsu'; did you mean
-// 'status'?`, `lumenctl --help lists the commands.`
+// Promise [ctl-word]: A word that is no command, or an option that there is not, is named, with the
+// one that was likely meant and where the right ones are listed: `there is no command 'statsu'; did
+// you mean 'status'?`, `lumenctl --help lists the commands.`
 TEST_F(Usage, NamesTheWordThatItDidNotUnderstandAndTheLikelyOne) {
   const std::string toldBy = " --help tells how it is used.\n";
   const std::string listedBy = " --help lists the commands.\n";
@@ -136,7 +136,8 @@ TEST_F(Usage, HelpsWithoutAPlatform) {
   }
 }
 
-// Promise: `help COMMAND` says the same as `COMMAND --help`, and `help` the same as `--help`.
+// Promise [ctl-help-command]: `help COMMAND` says the same as `COMMAND --help`, and `help` the same
+// as `--help`.
 TEST_F(Usage, HelpsTheSameWithTheCommandAndWithTheOption) {
   EXPECT_EQ(router.lumenctl({"help"}).out, router.lumenctl({"--help"}).out);
   EXPECT_EQ(router.lumenctl({"help", "nat"}).out, router.lumenctl({"nat", "--help"}).out);
@@ -144,8 +145,8 @@ TEST_F(Usage, HelpsTheSameWithTheCommandAndWithTheOption) {
             router.lumenctl({"nat", "policy", "set", "--help"}).out);
 }
 
-// Promise: `interface`, `address`, `service`, `nat` and `upnp interface` alone do what they do with
-// `list`.
+// Promise [ctl-bare]: `interface`, `address`, `service`, `nat` and `upnp interface` alone do what
+// they do with `list`.
 TEST_F(Usage, ListsWhenAGroupOfCommandsStandsAlone) {
   router.hasLink("wan0", 1);
   router.hasAddress("wan0", "45.45.45.1");
@@ -181,9 +182,9 @@ TEST_F(Usage, EndsWith1WhenThePlatformCannotBeReached) {
   EXPECT_EQ(result.err, "lumenctl: nobody answers\nlumend logs to its standard output.\n");
 }
 
-// Promise: When lumend cannot be reached, has ended or does not answer in time, a second line names
-// its log: under systemd `To see its log: journalctl -u lumend (root, and members of adm or
-// systemd-journal).`, elsewhere its standard output.
+// Promise [ctl-log]: When lumend cannot be reached, has ended or does not answer in time, a second
+// line names its log: under systemd `To see its log: journalctl -u lumend (root, and members of adm
+// or systemd-journal).`, elsewhere its standard output.
 TEST_F(Usage, NamesTheLogOfAPlatformThatIsSilent) {
   const std::string journal =
       "To see its log: journalctl -u lumend (root, and members of adm or systemd-journal).\n";
@@ -269,8 +270,8 @@ TEST_F(Usage, EndsWith1WhenItsAnswerCannotBeWritten) {
   }
 }
 
-// Promise: With `--root DIR`, before or after the command, lumenctl asks `DIR/run/lumen.sock`,
-// however long DIR is.
+// Promise [ctl-root]: With `--root DIR`, before or after the command, lumenctl asks
+// `DIR/run/lumen.sock`, however long DIR is.
 TEST_F(Usage, TakesTheRootBeforeOrBehindTheCommand) {
   EXPECT_EQ(router.lumenctl({"--root", "/tmp/a", "identity"}).status, 0);
   EXPECT_EQ(router.root(), "/tmp/a");

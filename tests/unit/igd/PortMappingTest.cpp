@@ -582,9 +582,9 @@ TEST_F(PortMapping, GoesOnRemovingWhenARuleStays) {
   EXPECT_EQ(requests(lm::cmd::removeObject).size(), 3U);
 }
 
-// Promise: A rule that was not added, changed or removed within six seconds is given up, and the
-// platform undoes what it does later; only the removals of an interface that stops are carried out
-// however late.
+// Promise [mapping-given-up]: A rule that was not added, changed or removed within six seconds is
+// given up, and the platform undoes what it does later; only the removals of an interface that
+// stops are carried out however late.
 TEST_F(PortMapping, GivesUpARuleThatIsNotRemovedInTime) {
   open({});
   platform.forgetSent();

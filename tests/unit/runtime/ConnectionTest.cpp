@@ -107,7 +107,8 @@ TEST_F(ConnectionTest, AReplyThatComesTooLateIsDropped) {
   EXPECT_EQ(connection_.arrived(), 0U);
 }
 
-// Promise: A request that is not answered in time is cancelled, unless its sender lets it stand.
+// Promise [cancel-late]: A request that is not answered in time is cancelled, unless its sender
+// lets it stand.
 TEST_F(ConnectionTest, ARequestThatIsGivenUpIsCancelled) {
   EXPECT_TRUE(isError(connection_.exchange(request(7), cmd::addObject, 1, 3)));
   EXPECT_NE(platformReceives(), "nothing");
@@ -128,8 +129,8 @@ TEST_F(ConnectionTest, ARequestThatIsAnsweredInTimeIsNotCancelled) {
   EXPECT_EQ(platformReceives(), "nothing");
 }
 
-// Promise: A request that the broker says is cancelled is not dispatched; when it has been, what it
-// changed is undone, once, and a refusal of that is logged.
+// Promise [cancel-program]: A request that the broker says is cancelled is not dispatched; when it
+// has been, what it changed is undone, once, and a refusal of that is logged.
 TEST_F(ConnectionTest, ARequestThatWasCancelledBeforeItWasTakenIsGone) {
   message first = request(1);
   first.insert_u32(key::serial, 5);

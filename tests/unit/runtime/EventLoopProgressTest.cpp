@@ -92,9 +92,9 @@ TEST_F(Listeners, AreLookedAtBetweenAnyTwoOtherCallbacks) {
   EXPECT_EQ(accepted_.size(), 3U);
 }
 
-// Promise: A listening socket whose callback accepts is called as often as clients wait, between
-// two other callbacks at most 16 times, so that clients who come without end delay the others by a
-// bounded time.
+// Promise [loop-accepts]: A listening socket whose callback accepts is called as often as clients
+// wait, between two other callbacks at most 16 times, so that clients who come without end delay
+// the others by a bounded time.
 TEST_F(Listeners, AreNotHeldUpWhileTheirCallbackAccepts) {
   acceptingWatch();
   for (int i = 0; i < 10; ++i) clientConnects();
@@ -327,8 +327,8 @@ TEST_F(ClosedDescriptors, ThatAreStillWatchedAreQuiet) {
   EXPECT_EQ(calls(), Names{});
 }
 
-// Promise: A descriptor that was closed while watched is reported once: `event loop: descriptor 7
-// was closed while watched`.
+// Promise [loop-closed]: A descriptor that was closed while watched is reported once: `event loop:
+// descriptor 7 was closed while watched`.
 TEST_F(ClosedDescriptors, AreSaidInTheLogOnce) {
   const Fd elsewhere(dup(pair_.ours.get()));
   const std::string number = std::to_string(pair_.ours.get());

@@ -91,8 +91,8 @@ TEST_F(Timers, EndAWaitThatMayTakeLonger) {
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
 }
 
-// Promise: A timer that falls due while callbacks run waits until descriptors were looked at once
-// more, so that a limit does not end what has arrived in time.
+// Promise [timer-look]: A timer that falls due while callbacks run waits until descriptors were
+// looked at once more, so that a limit does not end what has arrived in time.
 TEST_F(Timers, ThatFallDueWhileCallbacksRunWaitForALookAtTheDescriptors) {
   const SocketPair quick(SOCK_STREAM);
   const SocketPair slow(SOCK_STREAM);

@@ -447,8 +447,9 @@ TEST_F(ObjectMap, AnUndoThatIsRefusedIsSaidInTheLog) {
   EXPECT_EQ(lamps_.objects().size(), 1U);
 }
 
-// Promise: A record that cannot take its place after the change was made is refused with `could not
-// be stored`, and the change is undone; one that cannot be undone either stands, which is logged.
+// Promise [object-replace]: A record that cannot take its place after the change was made is
+// refused with `could not be stored`, and the change is undone; one that cannot be undone either
+// stands, which is logged.
 TEST_F(ObjectMap, AnAddWhoseRecordDoesNotTakeItsPlaceIsUndone) {
   platform_.forgetSent();
   lamps_.then = [this] { std::filesystem::remove(dir_.file("1.new")); };

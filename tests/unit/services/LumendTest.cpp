@@ -250,7 +250,7 @@ TEST_F(LumendTest, SaysWhichFileKeepsItFromStarting) {
   EXPECT_EQ(refusal(), "lumend: /lumen/store: Not a directory\n");
 }
 
-// Promise: Without its NAT ruleset it ends with 1 before it makes a file: `lumend:
+// Promise [lumend-ruleset]: Without its NAT ruleset it ends with 1 before it makes a file: `lumend:
 // /lumen/etc/nat-ruleset.nft: No such file or directory`; where the package is installed it adds
 // that `systemctl start lumend` starts it.
 TEST_F(LumendTest, MakesNoFileWithoutItsConfiguration) {

@@ -125,8 +125,8 @@ TEST_F(CheckCommand, AnswersInJson) {
             "  \"not_checked\": [\n    \"the firewall, which takes root to read\"\n  ]\n}\n");
 }
 
-// Promise: `upnp check` by a user who may not read the firewall says `Not checked: the firewall,
-// which takes root to read.`
+// Promise [ctl-check-unread]: `upnp check` by a user who may not read the firewall says `Not
+// checked: the firewall, which takes root to read.`
 TEST_F(CheckCommand, SaysWhatItCouldNotCheck) {
   router.machine().chains.reset();
   const auto result = check();
@@ -355,8 +355,8 @@ TEST_F(CheckCommand, TellsAServiceFileThatIsWrongFromOneThatIsMissing) {
   }
 }
 
-// Promise: `upnp check` finds a policy that allows no open port, or none to the hosts of an
-// internal interface, and the command that it names allows them.
+// Promise [ctl-check-policy]: `upnp check` finds a policy that allows no open port, or none to the
+// hosts of an internal interface, and the command that it names allows them.
 TEST_F(CheckCommand, FindsAPolicyThatAllowsNoPort) {
   namespace key = lm::nat::key;
   router.policy().insert_u32(key::maxRules, 0);

@@ -251,9 +251,9 @@ GatewayFile file(bool present, const std::string& error, bool packaged = true) {
   return {"/etc/lumen/services/upnp.ini", present, error, packaged};
 }
 
-// Promise: `upnp check` of a platform that knows no gateway tells a service file that is missing
-// from one that is wrong, one that is right by now, and a missing user, and names for each what
-// brings the gateway back.
+// Promise [ctl-check-service]: `upnp check` of a platform that knows no gateway tells a service
+// file that is missing from one that is wrong, one that is right by now, and a missing user, and
+// names for each what brings the gateway back.
 TEST(Check, TellsWhyThePlatformKnowsNoGateway) {
   for (const auto& [gatewayFile, id, mend] :
        std::vector<std::tuple<GatewayFile, std::string, std::string>>{

@@ -127,8 +127,8 @@ TEST(CheckFirewall, TellsTheRuleOfEachTool) {
   }
 }
 
-// Promise: `upnp check` names, where ufw or firewalld keeps the rules, what outlives a reload of
-// theirs.
+// Promise [ctl-check-reload]: `upnp check` names, where ufw or firewalld keeps the rules, what
+// outlives a reload of theirs.
 TEST(CheckFirewall, TellsTheProgramThatKeepsTheRules) {
   ForwardChain stops;
   stops.dropsAtEnd = true;

@@ -26,8 +26,8 @@ struct History : testing::Test {
   FakePlatform router;
 };
 
-// Promise: `history` shows the newest change first with its local time and the program that made
-// it, or `Nothing was changed.`
+// Promise [ctl-history]: `history` shows the newest change first with its local time and the
+// program that made it, or `Nothing was changed.`
 TEST_F(History, ShowsTheNewestChangeFirst) {
   router.wasChanged("upnp interface changed", lm::cmd::set, {});
   router.wasChanged("upnp config\x1b changed", lm::cmd::set, {});  // to what it was
@@ -127,8 +127,8 @@ struct Changed : History {
   }
 };
 
-// Promise: `history` shows of each change of the gateway the interface, the setting and the value
-// before and after, in JSON in an array `changed`.
+// Promise [ctl-history-values]: `history` shows of each change of the gateway the interface, the
+// setting and the value before and after, in JSON in an array `changed`.
 TEST_F(Changed, IsShownAsARowForEachValue) {
   settingsWere(true, false, false);
   EXPECT_EQ(router.lumenctl({"history"}).out,
@@ -200,7 +200,8 @@ TEST_F(Changed, HasNoValueAfterItWhenTheGatewayDoesNotAnswer) {
   EXPECT_LE(router.patienceWith({40, 0}), 5000U);
 }
 
-// Promise: What `history` shows of older changes stays the same when later ones are undone.
+// Promise [ctl-history-later]: What `history` shows of older changes stays the same when later ones
+// are undone.
 TEST_F(Changed, StaysTheSameWhenALaterChangeWasUndoneAnyNumberOfTimes) {
   settingsWere(true, true, false);  // show-dummy-rule is on since
   router.settings().insert_bool(2, false);
@@ -272,8 +273,8 @@ TEST_F(Undo, AnswersInJson) {
             "{\n  \"done\": [\n    \"undone: upnp interface changed\"\n  ]\n}\n");
 }
 
-// Promise: An undo that is refused stays the newest; of one that was done but stays in the history
-// both are reported.
+// Promise [ctl-undo-refused]: An undo that is refused stays the newest; of one that was done but
+// stays in the history both are reported.
 TEST_F(Undo, ThatIsRefusedStaysTheNewest) {
   router.refuses({40, 0}, lm::cmd::setObject, "Interface already added");
   for (int i = 0; i < 2; ++i) {

@@ -251,8 +251,8 @@ TEST_F(Listing, LetsThePolicyFileBeReadAgain) {
   EXPECT_EQ(router.requests(), Lines{"[20,5] fe000e 00010035=true"});
 }
 
-// Promise: A policy that no router takes is wrong usage, in the words of the policy file:
-// `max-rules: "99999999999" is not a number from 0 to 65536`.
+// Promise [ctl-policy-usage]: A policy that no router takes is wrong usage, in the words of the
+// policy file: `max-rules: "99999999999" is not a number from 0 to 65536`.
 TEST_F(Listing, RefusesAWrongPolicyBeforeItAsksAnybody) {
   const std::string limit = " is not a number from 0 to 65536\n";
   const std::string port = " is neither a port from 1 to 65535 nor a range of ports\n";

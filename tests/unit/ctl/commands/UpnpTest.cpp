@@ -36,7 +36,8 @@ TEST_F(Upnp, ShowsTheSettings) {
   EXPECT_EQ(router.requests(), Lines{"[40,0] fe000d"});
 }
 
-// Promise: `upnp settings`, and `upnp settings show`, shows the three settings with what they mean.
+// Promise [ctl-settings]: `upnp settings`, and `upnp settings show`, shows the three settings with
+// what they mean.
 TEST_F(Upnp, ShowsTheSettingsByTheirOwnNameToo) {
   for (const Lines& options : {Lines{}, Lines{"--json"}}) {
     Lines bare = {"upnp", "settings"};

@@ -105,8 +105,8 @@ TEST(SetupProposal, LeavesOutWhatHasNoHostsOfAHome) {
   }
 }
 
-// Promise: `upnp setup` with only `--internal` or only `--external` proposes the rest, and says
-// which roles would end.
+// Promise [ctl-propose-rest]: `upnp setup` with only `--internal` or only `--external` proposes the
+// rest, and says which roles would end.
 TEST(SetupProposal, ProposesOnlyWhatWasNotSaid) {
   EXPECT_EQ(propose(homeRouter, {{"wan0", 0}}, {"lan0", "br-x"}),
             "lan0: you said so, br-x: you said so | wan0: the default route leaves by it");

@@ -97,8 +97,8 @@ TEST_F(Setup, ChangesRolesThatWereTheOtherWayRound) {
                    "[40,0] fe0003 08fe0001=3 00fe000a=false 08000001=1 08000002=1"}));
 }
 
-// Promise: `upnp setup` removes the interfaces that it does not name from the gateway, also those
-// that do not exist any more.
+// Promise [ctl-setup-others]: `upnp setup` removes the interfaces that it does not name from the
+// gateway, also those that do not exist any more.
 TEST_F(Setup, TakesInterfacesThatAreNotNamedFromTheGateway) {
   router.hasLink("br-old", 2);
   router.gatewayUses("br-old", 2);

@@ -133,8 +133,8 @@ TEST_F(Status, ShowsTheRestWhenTheGatewayDoesNotAnswer) {
   EXPECT_NE(result.out.find("8080/tcp"), std::string::npos);
 }
 
-// Promise: `status` says `not reachable` of a gateway that is switched on and listens on no
-// internal interface, and names the interfaces when it listens on some only.
+// Promise [ctl-unreachable]: `status` says `not reachable` of a gateway that is switched on and
+// listens on no internal interface, and names the interfaces when it listens on some only.
 TEST_F(Status, DoesNotCallAGatewayOnThatNoHostCanReach) {
   gatewayListensAt(1900, 2828);
   EXPECT_EQ(firstLine(), "Gateway: on (process 4711)");

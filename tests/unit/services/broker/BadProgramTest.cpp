@@ -123,8 +123,8 @@ TEST_F(BadProgram, IsDisconnectedForAMessageThatIsNothing) {
 }
 
 // Whoever gets it would carry it out as a request.
-// Promise: A notification with a destination, even an empty one, is not delivered: its receiver
-// would carry it out as a request. Its sender is disconnected.
+// Promise [notify-destination]: A notification with a destination, even an empty one, is not
+// delivered: its receiver would carry it out as a request. Its sender is disconnected.
 TEST_F(BadProgram, IsDisconnectedForANotificationWithAnEmptyDestination) {
   Program victim = connectAdministrator();
   subscribe(victim, lm::cmd::set, {gateway, 0});

@@ -24,8 +24,8 @@ class Cancelling : public BrokerTest {
   }
 };
 
-// Promise: A cancelled request that a handler of lumend has carried out is undone, once, with a
-// line in the log.
+// Promise [cancel-undone]: A cancelled request that a handler of lumend has carried out is undone,
+// once, with a line in the log.
 TEST_F(Cancelling, UndoesWhatAHandlerOfThisProcessHasCarriedOut) {
   Program client = connect(gatewayUser);
   const lm::test::LogCapture log;
@@ -58,8 +58,8 @@ TEST_F(Cancelling, LeavesWhatWasSettledByTheNextRequest) {
   EXPECT_EQ(rules.undone, std::vector<uint32_t>{someCommand + 1});
 }
 
-// Promise: A program cancels its own requests only, and none that it has settled by sending the
-// next one.
+// Promise [cancel-own]: A program cancels its own requests only, and none that it has settled by
+// sending the next one.
 TEST_F(Cancelling, LeavesTheRequestsOfOthers) {
   Program client = connect(gatewayUser);
   Program other = connectAdministrator();
@@ -71,7 +71,8 @@ TEST_F(Cancelling, LeavesTheRequestsOfOthers) {
   EXPECT_EQ(rules.undone, std::vector<uint32_t>{});
 }
 
-// Promise: A service hears that a request was cancelled, whether it has answered or not.
+// Promise [cancel-service]: A service hears that a request was cancelled, whether it has answered
+// or not.
 TEST_F(Cancelling, TellsAServiceThatHasNotAnswered) {
   Program service = connect(gatewayUser);
   registerAs(service, gateway);
@@ -136,7 +137,8 @@ TEST_F(Cancelling, TellsAServiceThatHasEndedNothing) {
   EXPECT_FALSE(client.isDisconnected());
 }
 
-// Promise: A request that its sender cancels is dropped while it waits for its service.
+// Promise [cancel-waiting]: A request that its sender cancels is dropped while it waits for its
+// service.
 TEST_F(Cancelling, DropsARequestThatWaitsForItsService) {
   Program client = connectAdministrator();
   const uint32_t first = client.ask({gateway, 0}, someCommand);
@@ -154,8 +156,8 @@ TEST_F(Cancelling, DropsARequestThatWaitsForItsService) {
 }
 
 // What is given up must not count as a request that is under way.
-// Promise: A cancelled request counts no longer among those under way, and monitors see the
-// cancellation.
+// Promise [cancel-count]: A cancelled request counts no longer among those under way, and monitors
+// see the cancellation.
 TEST_F(Cancelling, MakesRoomForOtherRequests) {
   Program service = connect(gatewayUser);
   registerAs(service, gateway);

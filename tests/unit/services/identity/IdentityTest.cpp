@@ -63,8 +63,8 @@ TEST_F(IdentityTest, IsMadeAnewWhenTheStoredOneIsBroken) {
   EXPECT_NE(testing::internal::GetCapturedStdout(), "") << "that is reported";
 }
 
-// Promise: A stored identity that is broken is reported and replaced, one that cannot be read is
-// set aside, one that cannot be stored lasts as long as lumend.
+// Promise [identity-broken]: A stored identity that is broken is reported and replaced, one that
+// cannot be read is set aside, one that cannot be stored lasts as long as lumend.
 TEST_F(IdentityTest, IsMadeAnewAndTheStoredOneKeptWhenThatCannotBeRead) {
   testing::internal::CaptureStdout();
   const std::string identity = readAfterStart();

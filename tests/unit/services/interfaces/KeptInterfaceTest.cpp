@@ -262,7 +262,8 @@ TEST_F(KeptInterface, IsKeptAndForgottenByAdministratorsOnly) {
             std::string(refused) + "not permitted");
 }
 
-// Promise: A name whose keeping or forgetting was given up has its role and id of before.
+// Promise [cancel-name]: A name whose keeping or forgetting was given up has its role and id of
+// before.
 TEST_F(KeptInterface, AKeepingThatWasGivenUpIsUndone) {
   starts();
   EXPECT_EQ(text(administratorKeeps("ppp0", 1)), "id=1");

@@ -428,8 +428,8 @@ TEST_F(LinkSwitch, KeepsTheRoutesOfALinkThatIsGoneAgain) {
   EXPECT_EQ(kernel.takeCalls(), Lines{"route default by 5"});
 }
 
-// Promise: A link that was taken down or up too late for its requester is switched back, with a
-// line in the log.
+// Promise [cancel-link]: A link that was taken down or up too late for its requester is switched
+// back, with a line in the log.
 TEST_F(LinkSwitch, ASwitchThatWasGivenUpIsUndone) {
   EXPECT_EQ(setsDisabled(daemon, "wan0", true), "");
   kernel.becomes("wan0", false, false);

@@ -179,8 +179,8 @@ TEST_F(NatRefusalTest, ChecksAChangeAgainstThePolicy) {
   EXPECT_EQ(kernelTexts(), Texts{});
 }
 
-// Promise: An owner may disable its rule, and change nothing else, whatever the policy says by
-// then.
+// Promise [rule-disable]: An owner may disable its rule, and change nothing else, whatever the
+// policy says by then.
 TEST_F(NatRefusalTest, LetsAnOwnerDisableARuleThatThePolicyWouldRefuseNow) {
   uint32_t id = opens({});
   lm::message policy;

@@ -119,9 +119,9 @@ TEST_F(NatRulesTest, AddingWhatThisConnectionHasIsRefused) {
   EXPECT_EQ(refusedToOpen({}), "tcp port 8080 of 45.45.45.1 is already in use");
 }
 
-// Promise: A change of the rules that its requester gave up is undone: an added rule goes, a
-// changed or closed one is as before, a removed one comes back with its id, whatever the policy
-// says by then.
+// Promise [cancel-rule]: A change of the rules that its requester gave up is undone: an added rule
+// goes, a changed or closed one is as before, a removed one comes back with its id, whatever the
+// policy says by then.
 TEST_F(NatRulesTest, AnAddThatWasGivenUpLeavesNoRule) {
   uint32_t id = opens({});
   kernelTexts();
@@ -153,9 +153,9 @@ TEST_F(NatRulesTest, AChangeThatWasGivenUpLeavesTheRuleAsItWas) {
   }
 }
 
-// Promise: What others have done to the rule meanwhile wins over that: a port that the
-// administrator closed stays closed, and one that another program has taken stays with it, which is
-// logged.
+// Promise [cancel-rule-others]: What others have done to the rule meanwhile wins over that: a port
+// that the administrator closed stays closed, and one that another program has taken stays with it,
+// which is logged.
 TEST_F(NatRulesTest, AChangeThatWasGivenUpDoesNotOpenWhatWasClosedMeanwhile) {
   uint32_t id = opens({});
   EXPECT_EQ(sets(setRequest(id, "192.168.88.10", 80, true)), "");
@@ -222,7 +222,8 @@ TEST_F(NatRulesTest, WhatChangedNothingHasNothingToUndo) {
   EXPECT_FALSE(rules.takeUndo());
 }
 
-// Promise: A policy whose writing was given up is the one of before, after a restart as well.
+// Promise [cancel-policy]: A policy whose writing was given up is the one of before, after a
+// restart as well.
 TEST_F(NatRulesTest, APolicyThatWasGivenUpIsTheOneOfBefore) {
   const lm::message before = rules.handle(admin, lm::cmd::get, {});
   lm::message policy;
