@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """Checks what compilers do not: that every source is built, that includes run one way, that the
-code is formatted, that every package which the scripts install is needed. Usage: check_tree.py CHECK SOURCE_DIR BUILD_DIR"""
+code is formatted, that every package which the scripts install is needed, that documents name files
+that exist. Usage: check_tree.py CHECK SOURCE_DIR BUILD_DIR"""
 
 import json
 import pathlib
@@ -51,6 +52,9 @@ USERS_OF_PACKAGES = {
     "zsh": ("tests/e2e/test_completion.py", '"zsh"'),
 }
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"', re.MULTILINE)
+# A path from the top of the tree in `code` of a document; /lumen/etc is one of the router.
+CODE = re.compile(r"`([^`\n]+)`")
+PATH = re.compile(r"(?<![\w/.-])(?:src|lumen|tests|fuzz|scripts|packaging|cmake|docs)/[\w./-]*\w")
 
 
 def sources(top, *suffixes):
@@ -109,9 +113,19 @@ def every_package_is_used(top, _build):
     return found
 
 
+def documents_name_existing_files(top, _build):
+    found = []
+    for document in (*sorted((top / "docs").glob("*.md")), *sorted(top.glob("*.md"))):
+        for number, line in enumerate(document.read_text().splitlines(), 1):
+            for path in PATH.findall(" ".join(CODE.findall(line))):
+                if not (top / path).exists():
+                    found.append(f"{document.relative_to(top)}:{number}: there is no {path}")
+    return found
+
+
 CHECKS = {check.__name__: check
           for check in (every_source_is_built, includes_run_one_way, code_is_formatted,
-                        every_package_is_used)}
+                        every_package_is_used, documents_name_existing_files)}
 
 
 def main():
