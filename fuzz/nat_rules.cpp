@@ -91,22 +91,15 @@ lm::message addRequest(Input& in) {
   const uint8_t how = in.byte();
   const uint32_t external = externalOf(how / 4);
   const uint32_t port = portOf(in.byte());
+  const uint32_t client = clientOf(in.byte());
   lm::message request;
-  request.insert_bool(lm::key::dynamic, true);
-  request.insert_bool(lm::key::disabled, how % 4 == 3);
-  request.insert_string(key::chain, "dstnat");
-  request.insert_bool(key::matchAddress, true);
-  request.insert_be32(key::addressFirst, external);
-  request.insert_be32(key::addressLast, external);
-  request.insert_bool(key::matchPort, true);
-  request.insert_u32(key::portFirst, port);
-  request.insert_u32(key::portLast, port);
-  request.insert_bool(key::matchProtocol, true);
-  request.insert_u32(key::protocol, how % 2 == 0 ? IPPROTO_TCP : IPPROTO_UDP);
-  request.insert_u32(key::action, lm::nat::actionDnat);
-  request.insert_bool(key::translateAddress, true);
-  request.insert_bool(key::translatePort, true);
-  insertClient(request, in);
+  lm::nat::write(request, lm::nat::Rule{.disabled = how % 4 == 3,
+                                        .address = external,
+                                        .port = port,
+                                        .protocol = how % 2 == 0 ? uint32_t{IPPROTO_TCP}
+                                                                 : uint32_t{IPPROTO_UDP},
+                                        .client = client,
+                                        .clientPort = portOf(in.byte())});
   return request;
 }
 

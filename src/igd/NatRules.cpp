@@ -35,24 +35,12 @@ lm::message removal(const PortMap& mapping) {
 
 lm::message addRule(const Id& id, const PortMap& mapping, uint32_t externalIP) {
   lm::message request = requestToTable();
-  request.insert_bool(lm::key::dynamic, true);
-  request.insert_bool(lm::key::disabled, !mapping.enabled);
-  request.insert_string(key::chain, "dstnat");
-  request.insert_bool(key::matchAddress, true);
-  request.insert_be32(key::addressFirst, externalIP);
-  request.insert_be32(key::addressLast, externalIP);
-  request.insert_bool(key::matchPort, true);
-  request.insert_u32(key::portFirst, id.externalPort);
-  request.insert_u32(key::portLast, id.externalPort);
-  request.insert_bool(key::matchProtocol, true);
-  request.insert_u32(key::protocol, id.protocol == Id::tcp ? ipTcp : ipUdp);
-  request.insert_u32(key::action, lm::nat::actionDnat);
-  request.insert_bool(key::translateAddress, true);
-  request.insert_be32(key::clientFirst, mapping.internalClient);
-  request.insert_be32(key::clientLast, mapping.internalClient);
-  request.insert_bool(key::translatePort, true);
-  request.insert_u32(key::clientPortFirst, mapping.internalPort);
-  request.insert_u32(key::clientPortLast, mapping.internalPort);
+  lm::nat::write(request, lm::nat::Rule{.disabled = !mapping.enabled,
+                                        .address = externalIP,
+                                        .port = id.externalPort,
+                                        .protocol = id.protocol == Id::tcp ? ipTcp : ipUdp,
+                                        .client = mapping.internalClient,
+                                        .clientPort = mapping.internalPort});
   return exchange(request, lm::cmd::addObject);
 }
 

@@ -2,6 +2,8 @@
 
 #include <netinet/in.h>
 
+#include <utility>
+
 #include "lumen/ctl/text/Text.h"
 #include "lumen/runtime/Fields.h"
 #include "platform/Keys.h"
@@ -25,11 +27,6 @@ Role toRole(uint32_t value) {
     default:
       return Role::none;
   }
-}
-
-std::optional<uint64_t> numberIfTold(const lm::message& record, uint32_t key) {
-  if (record.fields().find(key) == nullptr) return std::nullopt;
-  return record.get_u64(key);
 }
 
 }  // namespace
@@ -67,11 +64,13 @@ Counters::Counters(const lm::message& record)
       packetsReceived(record.get_u64(lm::interfaces::key::packetsReceived)),
       packetsSent(record.get_u64(lm::interfaces::key::packetsSent)) {}
 
-Address::Address(const lm::message& record)
-    : id(record.get_u32(lm::key::objectId)),
-      interfaceId(record.get_u32(lm::addresses::key::interface)),
-      address(record.get_be32(lm::addresses::key::address)),
-      disabled(record.get_bool(lm::key::disabled)) {}
+Address::Address(const lm::message& m) {
+  const lm::addresses::Record record = lm::addresses::readRecord(m);
+  id = record.id;
+  interfaceId = record.interface;
+  address = record.address;
+  disabled = record.disabled;
+}
 
 std::vector<std::string> addressesOf(uint32_t interfaceId, const std::vector<Address>& addresses) {
   std::vector<std::string> result;
@@ -81,20 +80,22 @@ std::vector<std::string> addressesOf(uint32_t interfaceId, const std::vector<Add
   return result;
 }
 
-NatRule::NatRule(const lm::message& record)
-    : id(record.get_u32(lm::key::objectId)),
-      externalAddress(record.get_be32(lm::nat::key::addressFirst)),
-      externalPort(record.get_u32(lm::nat::key::portFirst)),
-      protocol(record.get_u32(lm::nat::key::protocol)),
-      internalClient(record.get_be32(lm::nat::key::clientFirst)),
-      internalPort(record.get_u32(lm::nat::key::clientPortFirst)),
-      disabled(record.get_bool(lm::key::disabled)),
-      closed(record.get_bool(lm::nat::key::closed)),
-      stale(record.get_bool(lm::nat::key::stale)),
-      owner(record.get_string(lm::nat::key::owner)),
-      secondsOpen(record.get_u64(lm::nat::key::seconds)),
-      connections(numberIfTold(record, lm::nat::key::connections)),
-      uses(numberIfTold(record, lm::nat::key::uses)) {}
+NatRule::NatRule(const lm::message& m) {
+  lm::nat::Record record = lm::nat::readRecord(m);
+  id = record.id;
+  externalAddress = record.rule.address;
+  externalPort = record.rule.port;
+  protocol = record.rule.protocol;
+  internalClient = record.rule.client;
+  internalPort = record.rule.clientPort;
+  disabled = record.rule.disabled;
+  closed = record.closed;
+  stale = record.stale;
+  owner = std::move(record.owner);
+  secondsOpen = record.seconds;
+  connections = record.connections;
+  uses = record.uses;
+}
 
 std::string NatRule::protocolName() const {
   if (protocol == IPPROTO_TCP) return "tcp";

@@ -12,8 +12,6 @@
 namespace lumen {
 namespace {
 
-namespace key = lm::addresses::key;
-
 enum class Place { outside, host, reserved };
 
 /// Where `host` lies with regard to the network of an address.
@@ -151,18 +149,21 @@ std::set<LinkAddress> AddressTable::held(uint32_t interface) {
 
 lm::message AddressTable::record(uint32_t id, const Entry& entry) {
   lm::message m;
-  m.insert_u32(lm::key::objectId, id);
-  m.insert_u32(key::interface, entry.interface);
-  m.insert_be32(key::address, entry.address);
-  m.insert_bool(lm::key::disabled, !entry.running);
+  lm::addresses::write(m, {.id = id,
+                           .interface = entry.interface,
+                           .address = entry.address,
+                           .disabled = !entry.running});
   return m;
 }
 
 lm::message AddressTable::removedRecord(uint32_t id, const Entry& entry) {
-  lm::message m = record(id, entry);
+  lm::message m;
   // A removal that says that it is disabled would not be acted on.
-  m.insert_bool(lm::key::disabled, false);
-  m.insert_u32(lm::key::removed, 1);
+  lm::addresses::write(m, {.id = id,
+                           .interface = entry.interface,
+                           .address = entry.address,
+                           .disabled = false,
+                           .removed = true});
   return m;
 }
 
@@ -172,7 +173,7 @@ void AddressTable::notify(std::vector<lm::message> records) {
     lm::message m;
     m.insert_message_array(lm::key::records,
                            {std::make_move_iterator(first), std::make_move_iterator(first + room)});
-    notifier_.notify(lm::cmd::changed, {lm::service::interfaces, lm::handler::addresses}, m);
+    notifier_.notify(lm::cmd::changed, lm::addresses::path(), m);
     first += room;
   }
 }

@@ -3,6 +3,7 @@
 #include <netinet/in.h>
 
 #include <array>
+#include <vector>
 
 #include "lumen/runtime/Fields.h"
 #include "lumen/services/nat/KnownFields.h"
@@ -15,18 +16,19 @@ namespace {
 
 namespace key = lm::nat::key;
 
-constexpr std::array addFields = {
-    lm::key::dynamic,      lm::key::disabled,   key::chain,      key::matchAddress,
-    key::addressFirst,     key::addressLast,    key::matchPort,  key::portFirst,
-    key::portLast,         key::matchProtocol,  key::protocol,   key::action,
-    key::translateAddress, key::clientFirst,    key::clientLast, key::translatePort,
-    key::clientPortFirst,  key::clientPortLast,
-};
-
 constexpr std::array setFields = {
     lm::key::objectId,    lm::key::disabled,   key::clientFirst, key::clientLast,
     key::clientPortFirst, key::clientPortLast, key::closed,
 };
+
+/// The fields that the codec of a rule writes.
+std::vector<uint32_t> addFields() {
+  lm::message rule;
+  lm::nat::write(rule, lm::nat::Rule());
+  std::vector<uint32_t> fields;
+  for (const lm::Field& field : rule.fields()) fields.push_back(field.key);
+  return fields;
+}
 
 bool has(const lm::message& request, uint32_t field) {
   return request.fields().find(field) != nullptr;
@@ -59,8 +61,8 @@ std::string ruleRefusal(const lm::message& request) {
       {key::clientPortFirst, key::clientPortLast, "internal port must be one, not a range"},
   };
 
-  if (auto text = unknownField(request, addFields); !text.empty()) return text;
-  if (request.get_string(key::chain) != "dstnat") return "chain must be \"dstnat\"";
+  if (auto text = unknownField(request, addFields()); !text.empty()) return text;
+  if (request.get_string(key::chain) != lm::nat::chainDstnat) return "chain must be \"dstnat\"";
   if (request.get_u32(key::action) != lm::nat::actionDnat) return "action must be 22";
   for (const Flag& flag : flags) {
     if (!request.get_bool(flag.field)) return flag.refusal;
@@ -68,13 +70,12 @@ std::string ruleRefusal(const lm::message& request) {
   for (const Range& range : ranges) {
     if (request.get_u32(range.first) != request.get_u32(range.last)) return range.refusal;
   }
-  uint32_t protocol = request.get_u32(key::protocol);
-  if (protocol != IPPROTO_TCP && protocol != IPPROTO_UDP) {
+  const lm::nat::Rule rule = lm::nat::readRule(request);
+  if (rule.protocol != IPPROTO_TCP && rule.protocol != IPPROTO_UDP) {
     return "protocol must be 6 (TCP) or 17 (UDP)";
   }
-  if (!isPort(request.get_u32(key::portFirst))) return "external port must be from 1 to 65535";
-  if (!isPort(request.get_u32(key::clientPortFirst)))
-    return "internal port must be from 1 to 65535";
+  if (!isPort(rule.port)) return "external port must be from 1 to 65535";
+  if (!isPort(rule.clientPort)) return "internal port must be from 1 to 65535";
   return {};
 }
 
@@ -107,13 +108,12 @@ std::string changeRefusal(const lm::message& request) {
 std::optional<Rule> readRule(const lm::message& request, std::string& refusal) {
   refusal = ruleRefusal(request);
   if (!refusal.empty()) return std::nullopt;
+  const lm::nat::Rule wire = lm::nat::readRule(request);
   Rule rule;
-  rule.key = {.external = {.address = request.get_be32(key::addressFirst),
-                           .port = static_cast<uint16_t>(request.get_u32(key::portFirst))},
-              .protocol = static_cast<uint8_t>(request.get_u32(key::protocol))};
-  rule.client = {.address = request.get_be32(key::clientFirst),
-                 .port = static_cast<uint16_t>(request.get_u32(key::clientPortFirst))};
-  rule.disabled = request.get_bool(lm::key::disabled);
+  rule.key = {.external = {.address = wire.address, .port = static_cast<uint16_t>(wire.port)},
+              .protocol = static_cast<uint8_t>(wire.protocol)};
+  rule.client = {.address = wire.client, .port = static_cast<uint16_t>(wire.clientPort)};
+  rule.disabled = wire.disabled;
   return rule;
 }
 
@@ -132,31 +132,19 @@ std::optional<RuleChange> readChange(const lm::message& request, std::string& re
 
 lm::message ruleRecord(uint32_t id, const Rule& rule, const RuleStatus& status) {
   lm::message record;
-  record.insert_bool(lm::key::dynamic, true);
-  record.insert_bool(lm::key::disabled, rule.disabled);
-  record.insert_string(key::chain, "dstnat");
-  record.insert_bool(key::matchAddress, true);
-  record.insert_be32(key::addressFirst, rule.key.external.address);
-  record.insert_be32(key::addressLast, rule.key.external.address);
-  record.insert_bool(key::matchPort, true);
-  record.insert_u32(key::portFirst, rule.key.external.port);
-  record.insert_u32(key::portLast, rule.key.external.port);
-  record.insert_bool(key::matchProtocol, true);
-  record.insert_u32(key::protocol, rule.key.protocol);
-  record.insert_u32(key::action, lm::nat::actionDnat);
-  record.insert_bool(key::translateAddress, true);
-  record.insert_be32(key::clientFirst, rule.client.address);
-  record.insert_be32(key::clientLast, rule.client.address);
-  record.insert_bool(key::translatePort, true);
-  record.insert_u32(key::clientPortFirst, rule.client.port);
-  record.insert_u32(key::clientPortLast, rule.client.port);
-  record.insert_u32(lm::key::objectId, id);
-  record.insert_string(key::owner, rule.owner);
-  record.insert_u64(key::seconds, status.seconds);
-  if (status.connections) record.insert_u64(key::connections, *status.connections);
-  record.insert_bool(key::stale, status.stale);
-  record.insert_bool(key::closed, rule.closed);
-  if (status.uses) record.insert_u64(key::uses, *status.uses);
+  lm::nat::write(record, lm::nat::Record{.rule = {.disabled = rule.disabled,
+                                                  .address = rule.key.external.address,
+                                                  .port = rule.key.external.port,
+                                                  .protocol = rule.key.protocol,
+                                                  .client = rule.client.address,
+                                                  .clientPort = rule.client.port},
+                                         .id = id,
+                                         .owner = rule.owner,
+                                         .seconds = status.seconds,
+                                         .connections = status.connections,
+                                         .stale = status.stale,
+                                         .closed = rule.closed,
+                                         .uses = status.uses});
   return record;
 }
 

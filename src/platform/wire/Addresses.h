@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "platform/Keys.h"
+#include "platform/message.h"
 
 /// Field keys of the address table, handler [20, 1], besides those that every table shares.
 ///
@@ -23,5 +24,33 @@ inline constexpr uint32_t otherInterface = 0x0800000a;
 
 /// Where the table is.
 inline std::vector<uint32_t> path() { return {service::interfaces, handler::addresses}; }
+
+struct Record {
+  uint32_t id = 0;
+  uint32_t interface = 0;
+  uint32_t address = 0;  ///< network byte order
+  bool disabled = false;
+  bool removed = false;
+
+  bool operator==(const Record&) const = default;
+};
+
+/// Appends the fields of a record in their order.
+inline void write(message& m, const Record& record) {
+  m.insert_u32(lm::key::objectId, record.id);
+  m.insert_u32(key::interface, record.interface);
+  m.insert_be32(key::address, record.address);
+  m.insert_bool(lm::key::disabled, record.disabled);
+  if (record.removed) m.insert_u32(lm::key::removed, 1);
+}
+
+/// A field that is absent is 0 or false.
+inline Record readRecord(const message& m) {
+  return {.id = m.get_u32(lm::key::objectId),
+          .interface = m.get_u32(key::interface),
+          .address = m.get_be32(key::address),
+          .disabled = m.get_bool(lm::key::disabled),
+          .removed = m.get_u32(lm::key::removed) != 0};
+}
 
 }  // namespace lm::addresses

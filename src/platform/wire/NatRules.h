@@ -1,9 +1,12 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
+#include <string>
 #include <vector>
 
 #include "platform/Keys.h"
+#include "platform/message.h"
 
 /// Field keys of the NAT rule table, handler [20, 5], besides those that every table shares.
 ///
@@ -61,7 +64,97 @@ inline constexpr uint32_t reload = 0x00010035;
 /// The action of every rule: translate the destination.
 inline constexpr uint32_t actionDnat = 22;
 
+/// The chain of every rule.
+inline constexpr const char* chainDstnat = "dstnat";
+
 /// Where the table is.
 inline std::vector<uint32_t> path() { return {service::interfaces, handler::natRules}; }
+
+/// What an add request asks for. Addresses are in network byte order; ports and the protocol have
+/// the width of their fields, so that a reader sees a number that is too large.
+struct Rule {
+  bool disabled = false;
+  uint32_t address = 0;  ///< external
+  uint32_t port = 0;     ///< external
+  uint32_t protocol = 0;
+  uint32_t client = 0;
+  uint32_t clientPort = 0;
+
+  bool operator==(const Rule&) const = default;
+};
+
+/// A rule as it is listed.
+struct Record {
+  Rule rule;
+  uint32_t id = 0;
+  std::string owner;
+  uint64_t seconds = 0;
+  std::optional<uint64_t> connections = std::nullopt;  ///< none: not known
+  bool stale = false;
+  bool closed = false;
+  std::optional<uint64_t> uses = std::nullopt;  ///< none: not known
+
+  bool operator==(const Record&) const = default;
+};
+
+/// Appends the fields of an add request in their order.
+inline void write(message& m, const Rule& rule) {
+  m.insert_bool(lm::key::dynamic, true);
+  m.insert_bool(lm::key::disabled, rule.disabled);
+  m.insert_string(key::chain, chainDstnat);
+  m.insert_bool(key::matchAddress, true);
+  m.insert_be32(key::addressFirst, rule.address);
+  m.insert_be32(key::addressLast, rule.address);
+  m.insert_bool(key::matchPort, true);
+  m.insert_u32(key::portFirst, rule.port);
+  m.insert_u32(key::portLast, rule.port);
+  m.insert_bool(key::matchProtocol, true);
+  m.insert_u32(key::protocol, rule.protocol);
+  m.insert_u32(key::action, actionDnat);
+  m.insert_bool(key::translateAddress, true);
+  m.insert_be32(key::clientFirst, rule.client);
+  m.insert_be32(key::clientLast, rule.client);
+  m.insert_bool(key::translatePort, true);
+  m.insert_u32(key::clientPortFirst, rule.clientPort);
+  m.insert_u32(key::clientPortLast, rule.clientPort);
+}
+
+/// Of a range its first end. A field that is absent is 0 or false.
+inline Rule readRule(const message& m) {
+  return {.disabled = m.get_bool(lm::key::disabled),
+          .address = m.get_be32(key::addressFirst),
+          .port = m.get_u32(key::portFirst),
+          .protocol = m.get_u32(key::protocol),
+          .client = m.get_be32(key::clientFirst),
+          .clientPort = m.get_u32(key::clientPortFirst)};
+}
+
+/// Appends the fields of the add request, then the others.
+inline void write(message& m, const Record& record) {
+  write(m, record.rule);
+  m.insert_u32(lm::key::objectId, record.id);
+  m.insert_string(key::owner, record.owner);
+  m.insert_u64(key::seconds, record.seconds);
+  if (record.connections) m.insert_u64(key::connections, *record.connections);
+  m.insert_bool(key::stale, record.stale);
+  m.insert_bool(key::closed, record.closed);
+  if (record.uses) m.insert_u64(key::uses, *record.uses);
+}
+
+inline Record readRecord(const message& m) {
+  const auto numberIfPresent = [&m](uint32_t field) -> std::optional<uint64_t> {
+    const uint64_t number = m.get_u64(field, 0);
+    // An absent field is whatever the caller takes for it.
+    return number == m.get_u64(field, 1) ? std::optional(number) : std::nullopt;
+  };
+  return {.rule = readRule(m),
+          .id = m.get_u32(lm::key::objectId),
+          .owner = m.get_string(key::owner),
+          .seconds = m.get_u64(key::seconds),
+          .connections = numberIfPresent(key::connections),
+          .stale = m.get_bool(key::stale),
+          .closed = m.get_bool(key::closed),
+          .uses = numberIfPresent(key::uses)};
+}
 
 }  // namespace lm::nat

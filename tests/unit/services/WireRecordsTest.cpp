@@ -1,0 +1,114 @@
+// The records that go both ways: what is written is read back the same.
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "lumen/runtime/Fields.h"
+#include "platform/wire/Addresses.h"
+#include "platform/wire/NatRules.h"
+
+namespace lumen {
+namespace {
+
+std::vector<uint32_t> keysOf(const lm::message& m) {
+  std::vector<uint32_t> keys;
+  for (const lm::Field& field : m.fields()) keys.push_back(field.key);
+  return keys;
+}
+
+template <typename T>
+lm::message written(const T& value) {
+  lm::message m;
+  write(m, value);
+  return m;
+}
+
+const lm::nat::Rule rule = {.disabled = true,
+                            .address = 0x012d2d2d,
+                            .port = 8080,
+                            .protocol = 17,
+                            .client = 0x0a58a8c0,
+                            .clientPort = 80};
+
+const std::vector<uint32_t> ruleKeys = {0x00fe0007, 0x00fe000a, 0x20000027, 0x000001a3, 0x08000034,
+                                        0x08000035, 0x00000196, 0x08000009, 0x0800000a, 0x00000194,
+                                        0x0800000b, 0x08000028, 0x000003ee, 0x080003e8, 0x080003e9,
+                                        0x000003ef, 0x080003ea, 0x080003eb};
+
+TEST(WireRecords, ReadARuleAsItWasWritten) {
+  EXPECT_EQ(lm::nat::readRule(written(rule)), rule);
+  EXPECT_EQ(lm::nat::readRule(written(lm::nat::Rule())), lm::nat::Rule());
+}
+
+TEST(WireRecords, KeepPortsAndProtocolsThatAreTooLarge) {
+  const lm::nat::Rule large = {.port = 65536 + 80, .protocol = 256 + 6, .clientPort = UINT32_MAX};
+  EXPECT_EQ(lm::nat::readRule(written(large)), large);
+}
+
+// Also proves [table-rules].
+TEST(WireRecords, WriteTheFieldsOfARuleInTheirOrder) { EXPECT_EQ(keysOf(written(rule)), ruleKeys); }
+
+// Also proves [table-rules].
+TEST(WireRecords, WriteBothEndsOfEachRangeOfARuleAndItsConditions) {
+  const lm::message m = written(rule);
+  for (const auto& [first, last] : {std::pair(0x34U, 0x35U), std::pair(9U, 10U),
+                                    std::pair(0x3e8U, 0x3e9U), std::pair(0x3eaU, 0x3ebU)}) {
+    EXPECT_EQ(m.get_u32(first), m.get_u32(last)) << first;
+  }
+  for (const uint32_t flag : {0xfe0007U, 0x1a3U, 0x196U, 0x194U, 0x3eeU, 0x3efU}) {
+    EXPECT_TRUE(m.get_bool(flag)) << flag;
+  }
+  EXPECT_EQ(m.get_string(0x27), "dstnat");
+  EXPECT_EQ(m.get_u32(0x28), 22U);
+}
+
+TEST(WireRecords, ReadAListedRuleAsItWasWritten) {
+  const lm::nat::Record plain = {.rule = rule, .id = 7, .owner = "upnp"};
+  EXPECT_EQ(lm::nat::readRecord(written(plain)), plain);
+  for (const uint64_t number : {uint64_t{0}, uint64_t{1}, UINT64_MAX}) {
+    const lm::nat::Record full = {.rule = rule,
+                                  .id = UINT32_MAX,
+                                  .owner = "administrator",
+                                  .seconds = 61,
+                                  .connections = number,
+                                  .stale = true,
+                                  .closed = true,
+                                  .uses = number};
+    EXPECT_EQ(lm::nat::readRecord(written(full)), full);
+  }
+}
+
+// Also proves [table-rules].
+TEST(WireRecords, WriteTheFieldsOfAListedRuleInTheirOrder) {
+  std::vector<uint32_t> keys = ruleKeys;
+  keys.insert(keys.end(), {0x08fe0001, 0x20010020, 0x10010021, 0x00010023, 0x00010024});
+  lm::nat::Record record;
+  EXPECT_EQ(keysOf(written(record)), keys) << "what is not known is absent";
+  keys.insert(keys.end() - 2, 0x10010022);
+  keys.push_back(0x10010025);
+  record.connections = 0;
+  record.uses = 0;
+  EXPECT_EQ(keysOf(written(record)), keys);
+}
+
+TEST(WireRecords, ReadAnAddressAsItWasWritten) {
+  const lm::addresses::Record removed = {
+      .id = 3, .interface = 2, .address = 0x012d2d2d, .disabled = false, .removed = true};
+  EXPECT_EQ(lm::addresses::readRecord(written(removed)), removed);
+  const lm::addresses::Record disabled = {.id = 3, .interface = 2, .disabled = true};
+  EXPECT_EQ(lm::addresses::readRecord(written(disabled)), disabled);
+}
+
+// Also proves [table-addresses], [address-removed].
+TEST(WireRecords, WriteTheFieldsOfAnAddressInTheirOrder) {
+  std::vector<uint32_t> keys = {0x08fe0001, 0x08000005, 0x08000001, 0x00fe000a};
+  EXPECT_EQ(keysOf(written(lm::addresses::Record())), keys);
+  keys.push_back(0x08fe0013);
+  EXPECT_EQ(keysOf(written(lm::addresses::Record{.removed = true})), keys);
+}
+
+}  // namespace
+}  // namespace lumen
