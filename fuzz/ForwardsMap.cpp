@@ -1,12 +1,10 @@
 #include "fuzz/ForwardsMap.h"
 
-#include <arpa/inet.h>
-
 #include <charconv>
 #include <utility>
 
 #include "fuzz/Fuzz.h"
-#include "lumen/services/nat/Rule.h"
+#include "lumen/values/Ipv4.h"
 
 namespace fuzz {
 
@@ -20,13 +18,6 @@ std::string_view takeUpTo(std::string_view& text, std::string_view end) {
   return part;
 }
 
-bool isAddress(std::string_view text) {
-  in_addr address{};
-  const std::string dotted(text);
-  return inet_pton(AF_INET, dotted.c_str(), &address) == 1 &&
-         lumen::addressText(address.s_addr) == dotted;
-}
-
 bool isPort(std::string_view text) {
   uint16_t port = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
@@ -36,13 +27,15 @@ bool isPort(std::string_view text) {
 void checkKey(std::string_view key) {
   const std::string_view address = takeUpTo(key, " . ");
   const std::string_view protocol = takeUpTo(key, " . ");
-  require(isAddress(address) && (protocol == "tcp" || protocol == "udp") && isPort(key),
-          "a key is an address, a protocol and a port");
+  require(
+      lumen::Ipv4Address::parse(address) && (protocol == "tcp" || protocol == "udp") && isPort(key),
+      "a key is an address, a protocol and a port");
 }
 
 void checkClient(std::string_view client) {
   const std::string_view address = takeUpTo(client, " . ");
-  require(isAddress(address) && isPort(client), "a client is an address and a port");
+  require(lumen::Ipv4Address::parse(address) && isPort(client),
+          "a client is an address and a port");
 }
 
 std::string counterOf(const ForwardsMap::Element& element) {

@@ -158,7 +158,7 @@ class Router {
 
   void checkTables() {
     std::map<std::string, std::string> open;
-    std::map<uint32_t, uint32_t> ofClient;
+    std::map<lumen::Ipv4Address, uint32_t> ofClient;
     std::set<lumen::RuleKey> keys;
     uint32_t count = 0;
     lm::message request;
@@ -202,20 +202,22 @@ class Router {
   }
 
   static lumen::RuleKey keyOf(const lm::message& record) {
-    return {.external = {.address = record.get_be32(key::addressFirst),
-                         .port = static_cast<uint16_t>(record.get_u32(key::portFirst))},
-            .protocol = static_cast<uint8_t>(record.get_u32(key::protocol))};
+    const lm::nat::Rule rule = lm::nat::readRule(record);
+    return {.external = {.address = lumen::Ipv4Address::fromBytes(rule.address),
+                         .port = static_cast<uint16_t>(rule.port)},
+            .protocol = static_cast<uint8_t>(rule.protocol)};
   }
   static lumen::Endpoint clientOf(const lm::message& record) {
-    return {.address = record.get_be32(key::clientFirst),
-            .port = static_cast<uint16_t>(record.get_u32(key::clientPortFirst))};
+    const lm::nat::Rule rule = lm::nat::readRule(record);
+    return {.address = lumen::Ipv4Address::fromBytes(rule.client),
+            .port = static_cast<uint16_t>(rule.clientPort)};
   }
   static std::string textOf(const lumen::RuleKey& rule) {
-    return lumen::addressText(rule.external.address) + " . " + lumen::protocolText(rule.protocol) +
-           " . " + std::to_string(rule.external.port);
+    return rule.external.address.text() + " . " + lumen::protocolText(rule.protocol) + " . " +
+           std::to_string(rule.external.port);
   }
   static std::string textOf(const lumen::Endpoint& client) {
-    return lumen::addressText(client.address) + " . " + std::to_string(client.port);
+    return client.address.text() + " . " + std::to_string(client.port);
   }
 
   void asks(const lumen::Caller& caller, uint32_t command, lm::message request, Input& in) {

@@ -1,8 +1,6 @@
 // Policy files: a policy that is taken obeys its limits, is the same when its settings are written
 // down plainly, and owes nothing to a comment.
 
-#include <arpa/inet.h>
-
 #include <algorithm>
 #include <charconv>
 #include <optional>
@@ -73,10 +71,12 @@ void checkAgreement(const lumen::Policy& a, const lumen::Policy& b, std::string_
             "the same ports are allowed");
   }
   require(!a.externalPorts.contains(0), "port 0 is not allowed");
-  for (const char* host : {"0.0.0.0", "10.0.0.1", "192.168.88.10", "255.255.255.255"}) {
+  using lumen::Ipv4Address;
+  for (const Ipv4Address host : {Ipv4Address(), Ipv4Address(10, 0, 0, 1),
+                                 Ipv4Address(192, 168, 88, 10), Ipv4Address(255, 255, 255, 255)}) {
     for (const bool connected : {false, true}) {
-      require(a.internalClients.contains(inet_addr(host), connected) ==
-                  b.internalClients.contains(inet_addr(host), connected),
+      require(a.internalClients.contains(host, connected) ==
+                  b.internalClients.contains(host, connected),
               "the same clients are allowed");
     }
   }

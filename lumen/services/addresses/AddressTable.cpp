@@ -1,7 +1,5 @@
 #include "lumen/services/addresses/AddressTable.h"
 
-#include <arpa/inet.h>
-
 #include <algorithm>
 #include <iterator>
 
@@ -14,16 +12,15 @@ namespace {
 
 enum class Place { outside, host, reserved };
 
+Ipv4Address addressOf(const LinkAddress& link) { return Ipv4Address::fromBytes(link.address); }
+
 /// Where `host` lies with regard to the network of an address.
-Place placeIn(const LinkAddress& network, uint32_t host) {
-  if (network.broadcast != 0 && host == network.broadcast) return Place::reserved;
-  if (network.prefixLength == 32) return host == network.network ? Place::host : Place::outside;
-  const auto hostBits = static_cast<uint32_t>((uint64_t{1} << (32 - network.prefixLength)) - 1);
-  const uint32_t number = ntohl(host);
-  if (((number ^ ntohl(network.network)) & ~hostBits) != 0) return Place::outside;
-  if (network.prefixLength == 31) return Place::host;
-  const uint32_t hostPart = number & hostBits;
-  return hostPart == 0 || hostPart == hostBits ? Place::reserved : Place::host;
+Place placeIn(const LinkAddress& link, Ipv4Address host) {
+  if (link.broadcast != 0 && host.bytes() == link.broadcast) return Place::reserved;
+  const Ipv4Network network(Ipv4Address::fromBytes(link.network), link.prefixLength);
+  if (!network.holds(host)) return Place::outside;
+  if (network.prefix() >= 31) return Place::host;
+  return host == network.first() || host == network.last() ? Place::reserved : Place::host;
 }
 
 }  // namespace
@@ -45,19 +42,19 @@ lm::message AddressTable::handle(const Caller& /*caller*/, uint32_t command,
 }
 
 void AddressTable::add(uint32_t interface, bool running, const LinkAddress& address) {
-  const auto [place, isNew] = places_.try_emplace({address.address, interface}, lastId_ + 1);
+  const auto [place, isNew] = places_.try_emplace({addressOf(address), interface}, lastId_ + 1);
   Entry& entry = entries_[place->second];
   entry.networks.insert(address);
   if (!isNew) return;
   ++lastId_;
   entry.interface = interface;
-  entry.address = address.address;
+  entry.address = addressOf(address);
   entry.running = running;
   notify({record(place->second, entry)});
 }
 
 void AddressTable::remove(uint32_t interface, const LinkAddress& address) {
-  const auto place = places_.find({address.address, interface});
+  const auto place = places_.find({addressOf(address), interface});
   if (place == places_.end()) return;
   const auto it = entries_.find(place->second);
   it->second.networks.erase(address);
@@ -98,19 +95,19 @@ void AddressTable::announce(uint32_t interface, bool running) {
   notify(std::move(records));
 }
 
-std::optional<uint32_t> AddressTable::interfaceOf(uint32_t address) const {
+std::optional<uint32_t> AddressTable::interfaceOf(Ipv4Address address) const {
   const auto place = places_.lower_bound({address, 0});
   if (place == places_.end() || place->first.first != address) return std::nullopt;
   return place->first.second;
 }
 
-bool AddressTable::isOwn(uint32_t address) const {
+bool AddressTable::isOwn(Ipv4Address address) const {
   return interfaceOf(address) || std::ranges::any_of(loopback_, [address](const auto& network) {
            return placeIn(network, address) != Place::outside;
          });
 }
 
-bool AddressTable::isReserved(uint32_t address) const {
+bool AddressTable::isReserved(Ipv4Address address) const {
   return std::ranges::any_of(entries_, [address](const auto& item) {
     return std::ranges::any_of(item.second.networks, [address](const LinkAddress& network) {
       return placeIn(network, address) == Place::reserved;
@@ -118,7 +115,7 @@ bool AddressTable::isReserved(uint32_t address) const {
   });
 }
 
-std::optional<uint32_t> AddressTable::interfaceTowards(uint32_t host) const {
+std::optional<uint32_t> AddressTable::interfaceTowards(Ipv4Address host) const {
   if (isOwn(host) || isReserved(host)) return std::nullopt;
   std::optional<std::pair<uint32_t, uint32_t>> best;  // what the prefix lacks to 32, interface
   for (const auto& [id, entry] : entries_) {
@@ -151,7 +148,7 @@ lm::message AddressTable::record(uint32_t id, const Entry& entry) {
   lm::message m;
   lm::addresses::write(m, {.id = id,
                            .interface = entry.interface,
-                           .address = entry.address,
+                           .address = entry.address.bytes(),
                            .disabled = !entry.running});
   return m;
 }
@@ -161,7 +158,7 @@ lm::message AddressTable::removedRecord(uint32_t id, const Entry& entry) {
   // A removal that says that it is disabled would not be acted on.
   lm::addresses::write(m, {.id = id,
                            .interface = entry.interface,
-                           .address = entry.address,
+                           .address = entry.address.bytes(),
                            .disabled = false,
                            .removed = true});
   return m;

@@ -10,6 +10,7 @@
 #include "lumen/services/LocalHandler.h"
 #include "lumen/services/nat/LocalNetworks.h"
 #include "lumen/services/system/netlink/Links.h"
+#include "lumen/values/Ipv4.h"
 
 namespace lumen {
 
@@ -46,19 +47,19 @@ class AddressTable : public LocalHandler, public LocalNetworks {
   void replaceLoopback(const std::set<LinkAddress>& addresses) { loopback_ = addresses; }
 
   /// Of several interfaces with the same address the one with the lowest id.
-  [[nodiscard]] std::optional<uint32_t> interfaceOf(uint32_t address) const override;
+  [[nodiscard]] std::optional<uint32_t> interfaceOf(Ipv4Address address) const override;
   /// The kernel takes the whole network of an address of the loopback for its own.
-  [[nodiscard]] bool isOwn(uint32_t address) const override;
-  [[nodiscard]] bool isReserved(uint32_t address) const override;
+  [[nodiscard]] bool isOwn(Ipv4Address address) const override;
+  [[nodiscard]] bool isReserved(Ipv4Address address) const override;
   /// Of several networks the one with the longest prefix, then the one whose interface has the
   /// lowest id. A network of a single address holds the
   /// peer of a point-to-point link or nobody; one of two addresses holds both (RFC 3021).
-  [[nodiscard]] std::optional<uint32_t> interfaceTowards(uint32_t host) const override;
+  [[nodiscard]] std::optional<uint32_t> interfaceTowards(Ipv4Address host) const override;
 
  private:
   struct Entry {
     uint32_t interface = 0;
-    uint32_t address = 0;  // network byte order
+    Ipv4Address address;
     bool running = false;  // the interface
     std::set<LinkAddress> networks;
   };
@@ -74,8 +75,8 @@ class AddressTable : public LocalHandler, public LocalNetworks {
 
   Notifier& notifier_;
   uint32_t lastId_ = 0;
-  std::map<uint32_t, Entry> entries_;                         // by id
-  std::map<std::pair<uint32_t, uint32_t>, uint32_t> places_;  // address, interface -> id
+  std::map<uint32_t, Entry> entries_;                            // by id
+  std::map<std::pair<Ipv4Address, uint32_t>, uint32_t> places_;  // address, interface -> id
   std::set<LinkAddress> loopback_;
 };
 

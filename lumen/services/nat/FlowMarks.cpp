@@ -1,6 +1,5 @@
 #include "lumen/services/nat/FlowMarks.h"
 
-#include <arpa/inet.h>
 #include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -13,7 +12,6 @@
 #include <string_view>
 
 #include "lumen/runtime/Log.h"
-#include "lumen/services/nat/Rule.h"
 #include "platform/Fd.h"
 
 namespace lumen {
@@ -22,19 +20,14 @@ namespace {
 
 constexpr mode_t forOwner = 0600;
 
-std::string nameOf(const Endpoint& external) {
-  return addressText(external.address) + ":" + std::to_string(external.port);
-}
-
-std::optional<Endpoint> endpointOf(const std::string& name) {
+std::optional<Endpoint> endpointOf(std::string_view name) {
   const size_t colon = name.find(':');
-  if (colon == std::string::npos) return std::nullopt;
-  Endpoint external;
-  if (inet_pton(AF_INET, name.substr(0, colon).c_str(), &external.address) != 1) {
-    return std::nullopt;
-  }
+  if (colon == std::string_view::npos) return std::nullopt;
+  const auto address = Ipv4Address::parse(name.substr(0, colon));
+  if (!address) return std::nullopt;
+  Endpoint external{.address = *address};
   std::from_chars(name.data() + colon + 1, name.data() + name.size(), external.port);
-  if (nameOf(external) != name) return std::nullopt;
+  if (external.text() != name) return std::nullopt;
   return external;
 }
 
@@ -69,7 +62,7 @@ void FlowMarks::clear(const Endpoint& external) const {
 }
 
 std::string FlowMarks::fileOf(const Endpoint& external) const {
-  return folder_ + "/" + nameOf(external);
+  return folder_ + "/" + external.text();
 }
 
 }  // namespace lumen

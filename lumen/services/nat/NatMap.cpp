@@ -1,6 +1,5 @@
 #include "lumen/services/nat/NatMap.h"
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 
 #include <algorithm>
@@ -17,13 +16,13 @@ constexpr const char* tableName = "table ip lumen";
 
 // "45.45.45.1 . tcp . 8080"
 std::string keyElement(const RuleKey& key) {
-  return addressText(key.external.address) + " . " + protocolText(key.protocol) + " . " +
+  return key.external.address.text() + " . " + protocolText(key.protocol) + " . " +
          std::to_string(key.external.port);
 }
 
 // "192.168.88.10 . 80"
 std::string clientElement(const Endpoint& client) {
-  return addressText(client.address) + " . " + std::to_string(client.port);
+  return client.address.text() + " . " + std::to_string(client.port);
 }
 
 std::string addCommand(const RuleKey& key, const std::string& counter, const Endpoint& client) {
@@ -74,21 +73,17 @@ std::string_view upTo(std::string_view& text, std::string_view separator) {
 
 // The other way round than keyElement.
 std::optional<RuleKey> readKey(std::string_view element) {
-  const std::string address(upTo(element, " . "));
+  const auto address = Ipv4Address::parse(upTo(element, " . "));
   const std::string_view protocol = upTo(element, " . ");
   RuleKey key;
   // A number where /etc/protocols is missing, as on a small router.
   for (const uint8_t known : {uint8_t{IPPROTO_TCP}, uint8_t{IPPROTO_UDP}}) {
     if (protocol == protocolText(known) || protocol == std::to_string(known)) key.protocol = known;
   }
-  in_addr parsed{};
   const char* const last = element.data() + element.size();
   const auto [end, error] = std::from_chars(element.data(), last, key.external.port);
-  if (inet_pton(AF_INET, address.c_str(), &parsed) != 1 || key.protocol == 0 ||
-      error != std::errc() || end != last) {
-    return std::nullopt;
-  }
-  key.external.address = parsed.s_addr;
+  if (!address || key.protocol == 0 || error != std::errc() || end != last) return std::nullopt;
+  key.external.address = *address;
   return key;
 }
 

@@ -229,8 +229,7 @@ lm::message NatRules::writePolicy(const lm::message& request) {
 std::string NatRules::addRefusal(const Rule& rule) const {
   const Policy& policy = policies_.policy();
   if (!networks_.interfaceOf(rule.key.external.address)) {
-    return "external address " + addressText(rule.key.external.address) +
-           " is not one of this router";
+    return "external address " + rule.key.external.address.text() + " is not one of this router";
   }
   if (auto text = policy.refusal(rule.key, rule.client, networks_); !text.empty()) return text;
   if (ids_.contains(rule.key)) return keyText(rule.key) + " is already in use";
@@ -239,7 +238,7 @@ std::string NatRules::addRefusal(const Rule& rule) const {
            std::to_string(policy.maxRules);
   }
   if (clientIsFull(rule.client.address)) {
-    return "internal client " + addressText(rule.client.address) +
+    return "internal client " + rule.client.address.text() +
            " has all the rules that the policy allows it, " +
            std::to_string(policy.maxRulesPerClient);
   }
@@ -253,14 +252,14 @@ std::string NatRules::setRefusal(const Rule& before, const Rule& after) const {
   const Policy& policy = policies_.policy();
   if (auto text = policy.refusal(after.key, after.client, networks_); !text.empty()) return text;
   if (after.client.address != before.client.address && clientIsFull(after.client.address)) {
-    return "internal client " + addressText(after.client.address) +
+    return "internal client " + after.client.address.text() +
            " has all the rules that the policy allows it, " +
            std::to_string(policy.maxRulesPerClient);
   }
   return {};
 }
 
-bool NatRules::clientIsFull(uint32_t client) const {
+bool NatRules::clientIsFull(Ipv4Address client) const {
   auto it = clientRules_.find(client);
   uint32_t count = it == clientRules_.end() ? 0 : it->second;
   return count >= policies_.policy().maxRulesPerClient;

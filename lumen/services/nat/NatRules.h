@@ -65,7 +65,7 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts {
 
   [[nodiscard]] std::string addRefusal(const Rule& rule) const;
   [[nodiscard]] std::string setRefusal(const Rule& before, const Rule& after) const;
-  [[nodiscard]] bool clientIsFull(uint32_t client) const;
+  [[nodiscard]] bool clientIsFull(Ipv4Address client) const;
   /// Puts `after` in the place of a rule with the same key, in the kernel too. Returns an error or
   /// an empty reply.
   [[nodiscard]] lm::message replace(Rules::iterator it, Rule after);
@@ -98,10 +98,10 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts {
   PolicyBook& policies_;
   const lm::Clock& clock_;
 
-  Rules rules_;                               // by id
-  std::map<RuleKey, uint32_t> ids_;           // of all rules, those outside the kernel too
-  std::map<uint32_t, uint32_t> clientRules_;  // how many rules a client has, by its address
-  std::map<uint64_t, IdHistory> everAdded_;   // by connections that have not ended
+  Rules rules_;                                  // by id
+  std::map<RuleKey, uint32_t> ids_;              // of all rules, those outside the kernel too
+  std::map<Ipv4Address, uint32_t> clientRules_;  // how many rules a client has
+  std::map<uint64_t, IdHistory> everAdded_;      // by connections that have not ended
   uint32_t lastId_ = 0;
   std::optional<Listing> listing_;
   FlowCleaner cleaner_;

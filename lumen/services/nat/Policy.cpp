@@ -1,7 +1,5 @@
 #include "lumen/services/nat/Policy.h"
 
-#include <arpa/inet.h>
-
 #include <algorithm>
 #include <charconv>
 
@@ -45,11 +43,9 @@ std::optional<uint32_t> number(std::string_view text, uint32_t lowest, uint32_t 
 
 std::string quoted(std::string_view text) { return "\"" + std::string(text) + "\""; }
 
-uint32_t maskOf(uint32_t length) { return length == 0 ? 0 : ~uint32_t{0} << (32 - length); }
-
 // RFC 1122 section 3.2.1.3: neither "this" network, loopback, multicast, reserved nor broadcast.
-bool isUnicastHost(uint32_t address) {
-  uint32_t network = ntohl(address) >> 24;
+bool isUnicastHost(Ipv4Address address) {
+  uint32_t network = address.number() >> 24;
   return network != 0 && network != 127 && network < 224;
 }
 
@@ -99,22 +95,21 @@ std::optional<ClientNetworks> ClientNetworks::parse(std::string_view text, std::
       continue;
     }
     size_t slash = entry.find('/');
-    std::string dotted(entry.substr(0, slash));
-    in_addr address{};
-    auto length =
+    auto address = Ipv4Address::parse(entry.substr(0, slash));
+    auto prefix =
         slash == std::string_view::npos ? uint32_t{32} : number(entry.substr(slash + 1), 0, 32);
-    if (!length || inet_pton(AF_INET, dotted.c_str(), &address) != 1) {
+    if (!address || !prefix) {
       reason = quoted(entry) +
                " is neither \"connected\", an address nor a network like "
                "192.168.88.0/24";
       return std::nullopt;
     }
-    uint32_t host = ntohl(address.s_addr);
-    if ((host & ~maskOf(*length)) != 0) {
+    const Ipv4Network network(*address, *prefix);
+    if (network.first() != *address) {
       reason = quoted(entry) + " has bits set behind its prefix";
       return std::nullopt;
     }
-    clients.networks_.push_back({.address = host, .length = *length});
+    clients.networks_.push_back(network);
   }
   if (clients.networks_.size() > maxEntries) {
     reason = "more than 64 networks";
@@ -123,19 +118,17 @@ std::optional<ClientNetworks> ClientNetworks::parse(std::string_view text, std::
   return clients;
 }
 
-bool ClientNetworks::contains(uint32_t host, bool connected) const {
+bool ClientNetworks::contains(Ipv4Address host, bool connected) const {
   if (connected && connected_) return true;
-  return std::ranges::any_of(networks_, [host](const Network& network) {
-    return (ntohl(host) & maskOf(network.length)) == network.address;
-  });
+  return std::ranges::any_of(networks_,
+                             [host](const Ipv4Network& network) { return network.holds(host); });
 }
 
 std::string ClientNetworks::text() const {
   std::string result = connected_ ? std::string(connectedWord) : "";
-  for (const Network& network : networks_) {
+  for (const Ipv4Network& network : networks_) {
     if (!result.empty()) result += ", ";
-    result += addressText(htonl(network.address));
-    if (network.length != 32) result += "/" + std::to_string(network.length);
+    result += network.prefix() == 32 ? network.first().text() : network.text();
   }
   return result;
 }
@@ -173,7 +166,7 @@ std::string Policy::refusal(const RuleKey& key, const Endpoint& client,
   if (!externalPorts.contains(key.external.port)) {
     return "external port " + std::to_string(key.external.port) + " is not allowed by the policy";
   }
-  std::string host = "internal client " + addressText(client.address);
+  std::string host = "internal client " + client.address.text();
   if (!isUnicastHost(client.address)) return host + " is not the address of a host";
   if (networks.isOwn(client.address)) return host + " is this router";
   auto side = networks.interfaceTowards(client.address);

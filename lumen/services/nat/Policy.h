@@ -8,6 +8,7 @@
 
 #include "lumen/services/nat/LocalNetworks.h"
 #include "lumen/services/nat/Rule.h"
+#include "lumen/values/Ipv4.h"
 
 namespace lumen {
 
@@ -36,17 +37,13 @@ class ClientNetworks {
   [[nodiscard]] static std::optional<ClientNetworks> parse(std::string_view text,
                                                            std::string& reason);
 
-  /// `host` is in network byte order; `connected`: it is directly connected.
-  [[nodiscard]] bool contains(uint32_t host, bool connected) const;
+  /// `connected`: the host is directly connected.
+  [[nodiscard]] bool contains(Ipv4Address host, bool connected) const;
   [[nodiscard]] std::string text() const;
 
  private:
-  struct Network {
-    uint32_t address = 0;  // host byte order
-    uint32_t length = 0;   // of the prefix
-  };
   bool connected_ = false;
-  std::vector<Network> networks_;  // as they were written
+  std::vector<Ipv4Network> networks_;  // as they were written
 };
 
 /// Which ports may be opened, to whom, and how many.

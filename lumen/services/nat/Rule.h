@@ -1,10 +1,11 @@
 #pragma once
 
+#include <compare>
 #include <cstdint>
 #include <optional>
 #include <string>
 
-#include "lumen/services/system/netfilter/Flows.h"
+#include "lumen/values/Ipv4.h"
 
 namespace lumen {
 
@@ -31,8 +32,6 @@ struct Rule {
   [[nodiscard]] bool inKernel() const { return !disabled && !closed; }
 };
 
-/// "45.45.45.1". `address` is in network byte order.
-[[nodiscard]] std::string addressText(uint32_t address);
 /// "tcp" or "udp".
 [[nodiscard]] const char* protocolText(uint8_t protocol);
 /// "tcp port 8080 of 45.45.45.1".

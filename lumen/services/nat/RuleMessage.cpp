@@ -110,9 +110,11 @@ std::optional<Rule> readRule(const lm::message& request, std::string& refusal) {
   if (!refusal.empty()) return std::nullopt;
   const lm::nat::Rule wire = lm::nat::readRule(request);
   Rule rule;
-  rule.key = {.external = {.address = wire.address, .port = static_cast<uint16_t>(wire.port)},
+  rule.key = {.external = {.address = Ipv4Address::fromBytes(wire.address),
+                           .port = static_cast<uint16_t>(wire.port)},
               .protocol = static_cast<uint8_t>(wire.protocol)};
-  rule.client = {.address = wire.client, .port = static_cast<uint16_t>(wire.clientPort)};
+  rule.client = {.address = Ipv4Address::fromBytes(wire.client),
+                 .port = static_cast<uint16_t>(wire.clientPort)};
   rule.disabled = wire.disabled;
   return rule;
 }
@@ -122,7 +124,9 @@ std::optional<RuleChange> readChange(const lm::message& request, std::string& re
   if (!refusal.empty()) return std::nullopt;
   RuleChange change;
   if (has(request, lm::key::disabled)) change.disabled = request.get_bool(lm::key::disabled);
-  if (has(request, key::clientFirst)) change.clientAddress = request.get_be32(key::clientFirst);
+  if (has(request, key::clientFirst)) {
+    change.clientAddress = Ipv4Address::fromBytes(request.get_be32(key::clientFirst));
+  }
   if (has(request, key::clientPortFirst)) {
     change.clientPort = static_cast<uint16_t>(request.get_u32(key::clientPortFirst));
   }
@@ -133,10 +137,10 @@ std::optional<RuleChange> readChange(const lm::message& request, std::string& re
 lm::message ruleRecord(uint32_t id, const Rule& rule, const RuleStatus& status) {
   lm::message record;
   lm::nat::write(record, lm::nat::Record{.rule = {.disabled = rule.disabled,
-                                                  .address = rule.key.external.address,
+                                                  .address = rule.key.external.address.bytes(),
                                                   .port = rule.key.external.port,
                                                   .protocol = rule.key.protocol,
-                                                  .client = rule.client.address,
+                                                  .client = rule.client.address.bytes(),
                                                   .clientPort = rule.client.port},
                                          .id = id,
                                          .owner = rule.owner,

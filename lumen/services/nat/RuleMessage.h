@@ -16,7 +16,7 @@ namespace lumen {
 /// What a set request changes. A field that is absent stays as it is.
 struct RuleChange {
   std::optional<bool> disabled;
-  std::optional<uint32_t> clientAddress;  ///< network byte order
+  std::optional<Ipv4Address> clientAddress;
   std::optional<uint16_t> clientPort;
   bool close = false;  ///< then nothing else is present
 };

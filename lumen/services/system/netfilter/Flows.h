@@ -1,19 +1,12 @@
 #pragma once
 
-#include <compare>
 #include <cstdint>
 #include <functional>
 #include <set>
 
+#include "lumen/values/Ipv4.h"
+
 namespace lumen {
-
-/// One end of a TCP or UDP flow.
-struct Endpoint {
-  uint32_t address = 0;  ///< network byte order
-  uint16_t port = 0;     ///< host byte order
-
-  auto operator<=>(const Endpoint&) const = default;
-};
 
 /// An IPv4 flow of TCP or UDP that the kernel tracks.
 struct Flow {

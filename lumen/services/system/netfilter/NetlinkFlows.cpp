@@ -90,7 +90,7 @@ void filterUdp(const Request& request, const std::set<Endpoint>& destinations) {
 
   nlattr* tuple = mnl_attr_nest_start(header, CTA_TUPLE_ORIG);
   nlattr* ip = mnl_attr_nest_start(header, CTA_TUPLE_IP);
-  mnl_attr_put_u32(header, CTA_IP_V4_DST, first.address);
+  mnl_attr_put_u32(header, CTA_IP_V4_DST, first.address.bytes());
   mnl_attr_nest_end(header, ip);
   nlattr* transport = mnl_attr_nest_start(header, CTA_TUPLE_PROTO);
   mnl_attr_put_u8(header, CTA_PROTO_NUM, IPPROTO_UDP);
@@ -99,13 +99,17 @@ void filterUdp(const Request& request, const std::set<Endpoint>& destinations) {
   mnl_attr_nest_end(header, tuple);
 }
 
+Endpoint endpointOf(const nf_conntrack* conntrack, nf_conntrack_attr address,
+                    nf_conntrack_attr port) {
+  return {.address = Ipv4Address::fromBytes(nfct_get_attr_u32(conntrack, address)),
+          .port = ntohs(nfct_get_attr_u16(conntrack, port))};
+}
+
 Flow flowOf(const nf_conntrack* conntrack) {
   return {
       .protocol = nfct_get_attr_u8(conntrack, ATTR_ORIG_L4PROTO),
-      .destination = {.address = nfct_get_attr_u32(conntrack, ATTR_ORIG_IPV4_DST),
-                      .port = ntohs(nfct_get_attr_u16(conntrack, ATTR_ORIG_PORT_DST))},
-      .responder = {.address = nfct_get_attr_u32(conntrack, ATTR_REPL_IPV4_SRC),
-                    .port = ntohs(nfct_get_attr_u16(conntrack, ATTR_REPL_PORT_SRC))},
+      .destination = endpointOf(conntrack, ATTR_ORIG_IPV4_DST, ATTR_ORIG_PORT_DST),
+      .responder = endpointOf(conntrack, ATTR_REPL_IPV4_SRC, ATTR_REPL_PORT_SRC),
   };
 }
 

@@ -5,6 +5,7 @@
 #include "lumen/services/addresses/AddressTable.h"
 #include "platform/Keys.h"
 #include "services/interfaces/Router.h"
+#include "support/Ipv4Text.h"
 
 namespace lumen {
 namespace {
@@ -115,7 +116,7 @@ TEST_F(AddressTableTest, DoesNotRemoveAnAddressWhoseNetworkChangedWhileChangesWe
   kernel.getsAddress("lan", "10.0.0.1/16");
   kernel.readsEverything();
   EXPECT_EQ(notified(), Lines{});
-  EXPECT_EQ(addressTable->interfaceTowards(inet_addr("10.0.9.9")), 1U);
+  EXPECT_EQ(addressTable->interfaceTowards(test::ip("10.0.9.9")), 1U);
 }
 
 // Promise [address-notify]: A notification of addresses holds at most 64 records.

@@ -8,6 +8,7 @@
 #include "lumen/services/addresses/AddressTable.h"
 #include "services/interfaces/FakeLinks.h"
 #include "services/interfaces/RecordingNotifier.h"
+#include "support/Ipv4Text.h"
 
 namespace lumen {
 namespace {
@@ -21,13 +22,13 @@ class LocalNetworksTest : public testing::Test {
     table.add(interface, running, linkAddress(words));
   }
   std::optional<uint32_t> holderOf(const char* address) const {
-    return table.interfaceOf(inet_addr(address));
+    return table.interfaceOf(test::ip(address));
   }
   std::optional<uint32_t> towards(const char* host) const {
-    return table.interfaceTowards(inet_addr(host));
+    return table.interfaceTowards(test::ip(host));
   }
-  bool own(const char* address) const { return table.isOwn(inet_addr(address)); }
-  bool reserved(const char* address) const { return table.isReserved(inet_addr(address)); }
+  bool own(const char* address) const { return table.isOwn(test::ip(address)); }
+  bool reserved(const char* address) const { return table.isReserved(test::ip(address)); }
 
   RecordingNotifier notifier;
   AddressTable table{notifier};

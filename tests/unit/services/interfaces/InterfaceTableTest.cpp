@@ -1,10 +1,10 @@
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include "lumen/runtime/Codec.h"
 #include "lumen/services/interfaces/InterfaceTable.h"
 #include "platform/Keys.h"
 #include "services/interfaces/Router.h"
+#include "support/Ipv4Text.h"
 
 namespace lumen {
 namespace {
@@ -374,7 +374,7 @@ TEST_F(InterfaceTableTest, TellsNothingOfTheLoopback) {
 }
 
 TEST_F(InterfaceTableTest, KnowsWhatTheLoopbackHolds) {
-  const auto own = [this](const char* address) { return addressTable->isOwn(inet_addr(address)); };
+  const auto own = [this](const char* address) { return addressTable->isOwn(test::ip(address)); };
   kernel.appears("lo", true, true, 772);
   kernel.getsAddress("lo", "192.168.1.53/32");
   starts();

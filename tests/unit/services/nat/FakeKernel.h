@@ -1,7 +1,5 @@
 #pragma once
 
-#include <arpa/inet.h>
-
 #include <functional>
 #include <map>
 #include <optional>
@@ -13,6 +11,7 @@
 #include "lumen/services/nat/LocalNetworks.h"
 #include "lumen/services/system/netfilter/Flows.h"
 #include "lumen/services/system/netfilter/Nftables.h"
+#include "lumen/values/Ipv4.h"
 
 namespace lumen::test {
 
@@ -82,35 +81,38 @@ class FakeFlows : public Flows {
 /// A router with an external interface, 1, and an internal one, 2, with 192.168.88.0/24.
 class FakeNetworks : public LocalNetworks {
  public:
-  [[nodiscard]] std::optional<uint32_t> interfaceOf(uint32_t address) const override {
+  [[nodiscard]] std::optional<uint32_t> interfaceOf(Ipv4Address address) const override {
     auto it = addresses.find(address);
     if (it == addresses.end()) return std::nullopt;
     return it->second;
   }
 
-  [[nodiscard]] std::optional<uint32_t> interfaceTowards(uint32_t host) const override {
+  [[nodiscard]] std::optional<uint32_t> interfaceTowards(Ipv4Address host) const override {
     if (isOwn(host) || isReserved(host)) return std::nullopt;
     return interfaceWith(host);
   }
 
-  [[nodiscard]] bool isOwn(uint32_t address) const override {
+  [[nodiscard]] bool isOwn(Ipv4Address address) const override {
     return addresses.contains(address) || loopback.contains(address);
   }
 
-  [[nodiscard]] bool isReserved(uint32_t address) const override {
-    uint32_t last = ntohl(address) & 0xFF;
-    return interfaceWith(address) && (last == 0 || last == 255);
+  [[nodiscard]] bool isReserved(Ipv4Address address) const override {
+    const auto in = [address](const Ipv4Network& network) {
+      return address == network.first() || address == network.last();
+    };
+    return in(wan) || in(lan);
   }
 
-  std::map<uint32_t, uint32_t> addresses = {{inet_addr("45.45.45.1"), 1},
-                                            {inet_addr("192.168.88.1"), 2}};
-  std::set<uint32_t> loopback;
+  std::map<Ipv4Address, uint32_t> addresses = {{{45, 45, 45, 1}, 1}, {{192, 168, 88, 1}, 2}};
+  std::set<Ipv4Address> loopback;
 
  private:
-  static std::optional<uint32_t> interfaceWith(uint32_t address) {
-    uint32_t network = ntohl(address) & 0xFFFFFF00;
-    if (network == 0x2D2D2D00) return 1;
-    if (network == 0xC0A85800) return 2;
+  static constexpr Ipv4Network wan{{45, 45, 45, 0}, 24};
+  static constexpr Ipv4Network lan{{192, 168, 88, 0}, 24};
+
+  static std::optional<uint32_t> interfaceWith(Ipv4Address address) {
+    if (wan.holds(address)) return 1;
+    if (lan.holds(address)) return 2;
     return std::nullopt;
   }
 };

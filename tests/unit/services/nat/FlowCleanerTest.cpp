@@ -5,7 +5,7 @@ namespace lumen::test {
 
 namespace {
 
-Endpoint at(const char* address, uint16_t port) { return {inet_addr(address), port}; }
+Endpoint at(const char* address, uint16_t port) { return {ip(address), port}; }
 
 class FlowCleanerTest : public NatFixture {
  protected:

@@ -1,10 +1,10 @@
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <set>
 #include <string>
 
 #include "lumen/services/nat/FlowMarks.h"
+#include "support/Ipv4Text.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 
@@ -12,8 +12,8 @@ namespace lumen::test {
 
 namespace {
 
-const Endpoint phone = {inet_addr("45.45.45.1"), 5060};
-const Endpoint last = {inet_addr("45.45.45.9"), 65535};
+const Endpoint phone = {ip("45.45.45.1"), 5060};
+const Endpoint last = {ip("45.45.45.9"), 65535};
 
 class FlowMarksTest : public ::testing::Test {
  protected:

@@ -48,8 +48,8 @@ class NatKernelTest : public ::testing::Test {
   FreshNetwork network;
   std::unique_ptr<LibNftables> nftables = std::make_unique<LibNftables>();
   std::unique_ptr<NatMap> map = std::make_unique<NatMap>(*nftables);
-  const RuleKey key{.external = {.address = inet_addr("45.45.45.1"), .port = 8080}, .protocol = 6};
-  const Endpoint client{.address = inet_addr("192.168.88.10"), .port = 80};
+  const RuleKey key{.external = {.address = ip("45.45.45.1"), .port = 8080}, .protocol = 6};
+  const Endpoint client{.address = ip("192.168.88.10"), .port = 80};
 };
 
 /// Runs `work` in a thread that may do nothing to the network.
@@ -283,7 +283,7 @@ class NatFlowsTest : public NatKernelTest, private FlowCleaner::OpenPorts {
     });
   }
   static RuleKey udpKey(uint16_t port, const char* address = "45.45.45.1") {
-    return {.external = {.address = inet_addr(address), .port = port}, .protocol = 17};
+    return {.external = {.address = ip(address), .port = port}, .protocol = 17};
   }
 
   std::set<Endpoint> open;

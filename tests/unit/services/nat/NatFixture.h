@@ -1,5 +1,6 @@
 #pragma once
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
@@ -15,6 +16,7 @@
 #include "platform/wire/NatRules.h"
 #include "services/nat/FakeKernel.h"
 #include "support/Describe.h"
+#include "support/Ipv4Text.h"
 #include "support/ManualClock.h"
 
 namespace lumen::test {

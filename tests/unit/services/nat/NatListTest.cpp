@@ -9,7 +9,7 @@ namespace {
 
 using NatListTest = NatFixture;
 
-Endpoint at(const char* address, uint16_t port) { return {inet_addr(address), port}; }
+Endpoint at(const char* address, uint16_t port) { return {ip(address), port}; }
 
 Flow flow(uint8_t protocol, uint16_t port) {
   return {.protocol = protocol,
@@ -57,14 +57,14 @@ TEST_F(NatListTest, NamesTheAdministratorAsOwner) {
 TEST_F(NatListTest, MarksARuleWhoseAddressHasLeftTheRouter) {
   opens({});
   kernelTexts();
-  networks.addresses = {{inet_addr("45.45.45.2"), 1}};
+  networks.addresses = {{ip("45.45.45.2"), 1}};
   opens({.external = "45.45.45.2"});
   auto records = lists();
   ASSERT_EQ(records.size(), 2U);
   EXPECT_TRUE(records[0].get_bool(lm::nat::key::stale));
   EXPECT_FALSE(records[1].get_bool(lm::nat::key::stale));
   EXPECT_EQ(kernelTexts().size(), 1U) << "the old one stays in the kernel";
-  networks.addresses = {{inet_addr("45.45.45.1"), 1}};
+  networks.addresses = {{ip("45.45.45.1"), 1}};
   EXPECT_FALSE(lists()[0].get_bool(lm::nat::key::stale));
 }
 

@@ -83,17 +83,16 @@ TEST_F(NatMapTest, LeavesNoTableBehindThatIsNotWhatItNeeds) {
 
 // Promise: What the kernel gets consists of checked numbers only, whatever a request holds.
 TEST_F(NatMapTest, WritesAddressesAndPortsAsNumbers) {
-  RuleKey key{.external = {.address = inet_addr("1.2.3.255"), .port = 65535},
-              .protocol = IPPROTO_UDP};
-  EXPECT_EQ(map.add(key, {inet_addr("10.20.30.40"), 1}), std::nullopt);
+  RuleKey key{.external = {.address = ip("1.2.3.255"), .port = 65535}, .protocol = IPPROTO_UDP};
+  EXPECT_EQ(map.add(key, {ip("10.20.30.40"), 1}), std::nullopt);
   EXPECT_EQ(nftables.texts, Texts{"add element ip lumen forwards "
                                   "{ 1.2.3.255 . udp . 65535 : 10.20.30.40 . 1 }"});
 }
 
 TEST_F(NatMapTest, ReadsHowOftenEachPortWasUsed) {
   const char* list = "list map ip lumen forwards";
-  const RuleKey tcp{.external = {.address = inet_addr("45.45.45.1"), .port = 80}, .protocol = 6};
-  const RuleKey udp{.external = {.address = inet_addr("1.2.3.4"), .port = 65535}, .protocol = 17};
+  const RuleKey tcp{.external = {.address = ip("45.45.45.1"), .port = 80}, .protocol = 6};
+  const RuleKey udp{.external = {.address = ip("1.2.3.4"), .port = 65535}, .protocol = 17};
   using Uses = std::map<RuleKey, uint64_t>;
   EXPECT_EQ(map.uses(), Uses{});
   nftables.prints(list,
@@ -109,7 +108,7 @@ TEST_F(NatMapTest, KnowsTheProtocolsByTheirNumbersToo) {
   nftables.prints("list map ip lumen forwards",
                   "elements = { 45.45.45.1 . 6 . 80 counter packets 3 bytes 180 : 10.0.0.1 . 1,\n"
                   "45.45.45.1 . 17 . 80 counter packets 4 bytes 180 : 10.0.0.1 . 1 }");
-  const Endpoint external{.address = inet_addr("45.45.45.1"), .port = 80};
+  const Endpoint external{.address = ip("45.45.45.1"), .port = 80};
   using Uses = std::map<RuleKey, uint64_t>;
   EXPECT_EQ(map.uses(), (Uses{{{.external = external, .protocol = 6}, 3},
                               {{.external = external, .protocol = 17}, 4}}));

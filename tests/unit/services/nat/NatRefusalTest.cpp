@@ -199,7 +199,7 @@ TEST_F(NatRefusalTest, LetsAnOwnerDisableARuleThatThePolicyWouldRefuseNow) {
 // Also proves [port-stale].
 TEST_F(NatRefusalTest, ChangesAStaleRule) {
   uint32_t id = opens({.disabled = true});
-  networks.addresses.erase(inet_addr("45.45.45.1"));
+  networks.addresses.erase(ip("45.45.45.1"));
   EXPECT_EQ(sets(setRequest(id, "192.168.88.11", 81)), "");
 }
 

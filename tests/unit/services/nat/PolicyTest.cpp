@@ -40,23 +40,23 @@ TEST(Policy, TakesNetworksAndHosts) {
   Policy policy;
   EXPECT_EQ(policy.set("internal-clients", "10.1.2.3, connected,192.168.88.0/24"), std::nullopt);
   EXPECT_EQ(policy.internalClients.text(), "connected, 10.1.2.3, 192.168.88.0/24");
-  EXPECT_TRUE(policy.internalClients.contains(inet_addr("8.8.8.8"), true));
-  EXPECT_FALSE(policy.internalClients.contains(inet_addr("8.8.8.8"), false));
-  EXPECT_TRUE(policy.internalClients.contains(inet_addr("10.1.2.3"), false));
-  EXPECT_FALSE(policy.internalClients.contains(inet_addr("10.1.2.4"), false));
-  EXPECT_TRUE(policy.internalClients.contains(inet_addr("192.168.88.200"), false));
+  EXPECT_TRUE(policy.internalClients.contains(ip("8.8.8.8"), true));
+  EXPECT_FALSE(policy.internalClients.contains(ip("8.8.8.8"), false));
+  EXPECT_TRUE(policy.internalClients.contains(ip("10.1.2.3"), false));
+  EXPECT_FALSE(policy.internalClients.contains(ip("10.1.2.4"), false));
+  EXPECT_TRUE(policy.internalClients.contains(ip("192.168.88.200"), false));
   EXPECT_EQ(policy.set("internal-clients", "0.0.0.0/0"), std::nullopt);
-  EXPECT_TRUE(policy.internalClients.contains(inet_addr("10.1.2.4"), false));
+  EXPECT_TRUE(policy.internalClients.contains(ip("10.1.2.4"), false));
 }
 
 TEST(Policy, LetsANetworkBeNarrowerThanWhatIsConnected) {
   FakeNetworks networks;
   Policy policy;
-  RuleKey key{.external = {.address = inet_addr("45.45.45.1"), .port = 8080}, .protocol = 6};
+  RuleKey key{.external = {.address = ip("45.45.45.1"), .port = 8080}, .protocol = 6};
   ASSERT_EQ(policy.set("internal-clients", "192.168.88.128/25, 10.0.0.0/8"), std::nullopt);
-  EXPECT_EQ(policy.refusal(key, {inet_addr("192.168.88.129"), 80}, networks), "");
-  EXPECT_EQ(policy.refusal(key, {inet_addr("10.9.9.9"), 80}, networks), "");
-  EXPECT_EQ(policy.refusal(key, {inet_addr("192.168.88.127"), 80}, networks),
+  EXPECT_EQ(policy.refusal(key, {ip("192.168.88.129"), 80}, networks), "");
+  EXPECT_EQ(policy.refusal(key, {ip("10.9.9.9"), 80}, networks), "");
+  EXPECT_EQ(policy.refusal(key, {ip("192.168.88.127"), 80}, networks),
             "internal client 192.168.88.127 is not allowed by the policy");
 }
 
@@ -64,16 +64,16 @@ TEST(Policy, LetsANetworkBeNarrowerThanWhatIsConnected) {
 TEST(Policy, NeverAllowsTheRouterNorTheSideOfTheExternalAddress) {
   FakeNetworks networks;
   Policy policy;
-  RuleKey key{.external = {.address = inet_addr("45.45.45.1"), .port = 8080}, .protocol = 6};
+  RuleKey key{.external = {.address = ip("45.45.45.1"), .port = 8080}, .protocol = 6};
   ASSERT_EQ(policy.set("internal-clients", "0.0.0.0/0"), std::nullopt);
-  EXPECT_EQ(policy.refusal(key, {inet_addr("45.45.45.9"), 80}, networks),
+  EXPECT_EQ(policy.refusal(key, {ip("45.45.45.9"), 80}, networks),
             "internal client 45.45.45.9 is on the side of the external address");
-  EXPECT_EQ(policy.refusal(key, {inet_addr("192.168.88.1"), 80}, networks),
+  EXPECT_EQ(policy.refusal(key, {ip("192.168.88.1"), 80}, networks),
             "internal client 192.168.88.1 is this router");
-  EXPECT_EQ(policy.refusal(key, {inet_addr("239.255.255.250"), 80}, networks),
+  EXPECT_EQ(policy.refusal(key, {ip("239.255.255.250"), 80}, networks),
             "internal client 239.255.255.250 is not the address of a host");
-  networks.loopback = {inet_addr("192.168.88.53")};
-  EXPECT_EQ(policy.refusal(key, {inet_addr("192.168.88.53"), 80}, networks),
+  networks.loopback = {ip("192.168.88.53")};
+  EXPECT_EQ(policy.refusal(key, {ip("192.168.88.53"), 80}, networks),
             "internal client 192.168.88.53 is this router");
 }
 
@@ -83,11 +83,11 @@ TEST(Policy, NeverAllowsTheRouterNorTheSideOfTheExternalAddress) {
 TEST(Policy, NeverAllowsAnAddressThatTheRouterHearsTogetherWithOthers) {
   FakeNetworks networks;
   Policy policy;
-  RuleKey key{.external = {.address = inet_addr("45.45.45.1"), .port = 8080}, .protocol = 17};
+  RuleKey key{.external = {.address = ip("45.45.45.1"), .port = 8080}, .protocol = 17};
   ASSERT_EQ(policy.set("internal-clients", "192.168.88.0/24, 45.45.45.0/24"), std::nullopt);
   for (const std::string address :
        {"192.168.88.255", "192.168.88.0", "45.45.45.255", "45.45.45.0"}) {
-    EXPECT_EQ(policy.refusal(key, {inet_addr(address.c_str()), 53}, networks),
+    EXPECT_EQ(policy.refusal(key, {ip(address), 53}, networks),
               "internal client " + address + " is not the address of a host");
   }
 }
@@ -128,6 +128,7 @@ TEST(Policy, SaysWhatIsWrongWithAValueAndKeepsTheOldOne) {
       {"internal-clients", "10.0.0", "internal-clients: \"10.0.0\"" NO_NETWORK},
       {"internal-clients", "10.0.0.0/33", "internal-clients: \"10.0.0.0/33\"" NO_NETWORK},
       {"internal-clients", "10.0.0.0/", "internal-clients: \"10.0.0.0/\"" NO_NETWORK},
+      {"internal-clients", "010.0.0.0/8", "internal-clients: \"010.0.0.0/8\"" NO_NETWORK},
       {"internal-clients", "::1", "internal-clients: \"::1\"" NO_NETWORK},
       {"internal-clients", "10.0.0.1/24",
        "internal-clients: \"10.0.0.1/24\" has bits set behind its prefix"},
@@ -142,6 +143,7 @@ TEST(Policy, SaysWhatIsWrongWithAValueAndKeepsTheOldOne) {
 #undef NO_NETWORK
   Policy policy;
   for (const Row& row : rows) EXPECT_EQ(policy.set(row.name, row.value), row.reason);
+  EXPECT_NE(policy.set("internal-clients", std::string("10.0.0.1\0x", 10)), std::nullopt);
   EXPECT_EQ(policy.externalPorts.text(), "1024-65535");
   EXPECT_EQ(policy.internalClients.text(), "connected");
   EXPECT_EQ(policy.maxRules, 4096U);

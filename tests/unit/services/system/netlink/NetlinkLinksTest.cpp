@@ -32,6 +32,7 @@
 #include "platform/Keys.h"
 #include "platform/wire/Interfaces.h"
 #include "services/interfaces/RecordingNotifier.h"
+#include "support/Ipv4Text.h"
 #include "support/RefusedCall.h"
 #include "support/TempDir.h"
 
@@ -231,13 +232,13 @@ TEST_F(NetlinkLinksTest, FollowsAddresses) {
   ip("addr add 10.0.0.1 peer 10.0.0.2/32 dev wan0");
   EXPECT_TRUE(waitFor(
       [&] { return addresses() == "wan0=45.45.45.2 disabled=0, wan0=10.0.0.1 disabled=0, "; }));
-  EXPECT_EQ(addressTable->interfaceTowards(inet_addr("10.0.0.2")), idOf("wan0"));
+  EXPECT_EQ(addressTable->interfaceTowards(test::ip("10.0.0.2")), idOf("wan0"));
   ip("addr del 45.45.45.2/24 dev wan0");
   EXPECT_TRUE(waitFor([&] { return addresses() == "wan0=10.0.0.1 disabled=0, "; }));
 }
 
 TEST_F(NetlinkLinksTest, FollowsTheAddressesOfTheLoopbackWithoutListingThem) {
-  const auto own = [this](const char* address) { return addressTable->isOwn(inet_addr(address)); };
+  const auto own = [this](const char* address) { return addressTable->isOwn(test::ip(address)); };
   ip("addr add 192.168.88.53/32 dev lo");
   starts();
   EXPECT_TRUE(waitFor([&] { return own("192.168.88.53"); }));
@@ -388,13 +389,12 @@ TEST_F(NetlinkLinksTest, ReadsEverythingAgainWhenTheKernelHadToDropChanges) {
   }
   EXPECT_EQ(removed, 1U);
   EXPECT_GE(added, 300U);
-  EXPECT_EQ(addressTable->interfaceOf(inet_addr("10.1.2.100")), idOf("wan0"));
-  EXPECT_EQ(addressTable->interfaceOf(inet_addr("10.0.0.2")), std::nullopt);
+  EXPECT_EQ(addressTable->interfaceOf(test::ip("10.1.2.100")), idOf("wan0"));
+  EXPECT_EQ(addressTable->interfaceOf(test::ip("10.0.0.2")), std::nullopt);
 
   // And changes are heard of again.
   ip("addr add 10.2.0.1/16 dev wan0");
-  EXPECT_TRUE(
-      waitFor([&] { return addressTable->interfaceOf(inet_addr("10.2.0.1")).has_value(); }));
+  EXPECT_TRUE(waitFor([&] { return addressTable->interfaceOf(test::ip("10.2.0.1")).has_value(); }));
 }
 
 /// Takes the tables as they are read, and no change.
