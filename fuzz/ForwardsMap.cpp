@@ -66,20 +66,20 @@ std::optional<std::string_view> argumentOf(std::string_view line, std::string_vi
 
 }  // namespace
 
-lumen::Nftables::Result ForwardsMap::run(const std::string& commands) {
-  if (commands == "list map ip lumen forwards") return {true, text()};
-  if (refuses()) return {false, "Error: refused\nsecond line"};
+lumen::Result<std::string> ForwardsMap::run(const std::string& commands) {
+  if (commands == "list map ip lumen forwards") return text();
+  if (refuses()) return lumen::Failure{"Error: refused\nsecond line"};
   if (const auto key = argumentOf(commands, "get element ip lumen forwards { ")) {
     return get(std::string(*key));
   }
   removed_.reset();
   for (std::string_view rest = commands; !rest.empty();) runLine(takeUpTo(rest, "\n"));
-  return {true, ""};
+  return std::string();
 }
 
-lumen::Nftables::Result ForwardsMap::runFile(const std::string& /*path*/) {
+lumen::Result<std::string> ForwardsMap::runFile(const std::string& /*path*/) {
   require(false, "the ruleset is loaded at the start only");
-  return {};
+  return std::string();
 }
 
 bool ForwardsMap::refuses() {
@@ -124,11 +124,11 @@ void ForwardsMap::remove(std::string_view keys) {
   }
 }
 
-lumen::Nftables::Result ForwardsMap::get(const std::string& key) const {
+std::string ForwardsMap::get(const std::string& key) const {
   checkKey(key);
   const auto element = elements_.find(key);
   require(element != elements_.end(), "what is not there is not looked for");
-  return {true, tableOf(textOf(*element))};
+  return tableOf(textOf(*element));
 }
 
 std::string ForwardsMap::text() const {

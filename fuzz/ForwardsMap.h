@@ -21,8 +21,8 @@ class ForwardsMap : public lumen::Nftables {
     bool operator==(const Element&) const = default;
   };
 
-  Result run(const std::string& commands) override;
-  Result runFile(const std::string& path) override;
+  lumen::Result<std::string> run(const std::string& commands) override;
+  lumen::Result<std::string> runFile(const std::string& path) override;
 
   /// Refuses one command about elements: the one after the next `commands`.
   void refuseAfter(unsigned commands) { refusal_ = commands; }
@@ -35,7 +35,7 @@ class ForwardsMap : public lumen::Nftables {
   void runLine(std::string_view line);
   void add(std::string_view element);
   void remove(std::string_view keys);
-  [[nodiscard]] Result get(const std::string& key) const;
+  [[nodiscard]] std::string get(const std::string& key) const;
   [[nodiscard]] std::string text() const;
 
   std::map<std::string, Element> elements_;

@@ -32,9 +32,8 @@ NatTable::NatTable(lm::test::TestPlatform& platform) {
 }
 
 lm::message NatTable::add(const lm::message& request) {
-  std::string refusal;
-  const auto rule = lumen::readRule(request, refusal);
-  if (!rule) return refuse(refusal);
+  const auto rule = lumen::readRule(request);
+  if (!rule) return refuse(rule.why());
   require(
       std::ranges::none_of(rules_, [&](const auto& one) { return one.second.key == rule->key; }),
       "a port is opened once");
@@ -47,9 +46,8 @@ lm::message NatTable::add(const lm::message& request) {
 lm::message NatTable::set(const lm::message& request) {
   const auto rule = rules_.find(request.get_u32(lm::key::objectId));
   require(rule != rules_.end(), "only rules that are there are changed");
-  std::string refusal;
-  const auto change = lumen::readChange(request, refusal);
-  if (!change) return refuse(refusal);
+  const auto change = lumen::readChange(request);
+  if (!change) return refuse(change.why());
   require(change->disabled && change->clientAddress && change->clientPort && !change->close,
           "a rule is changed as a whole");
   require(*change->clientAddress == rule->second.client.address, "a mapping keeps its client");

@@ -28,11 +28,11 @@ void checkRule(const lumen::Rule& rule) {
           "nobody but the table says whose a rule is");
 
   lm::message record = lumen::ruleRecord(7, rule, {});
-  std::string refusal;
-  require(!lumen::readRule(record, refusal) && refusal.find("not known") != std::string::npos,
+  const auto refused = lumen::readRule(record);
+  require(!refused && refused.why().find("not known") != std::string::npos,
           "a record is no request");
   for (const uint32_t field : recordOnly) record.fields().erase(field);
-  const auto again = lumen::readRule(record, refusal);
+  const auto again = lumen::readRule(record);
   require(again && again->key == rule.key && again->client == rule.client &&
               again->disabled == rule.disabled,
           "the record of a rule asks for that rule");
@@ -49,14 +49,14 @@ void checkChange(const lumen::RuleChange& change, const lm::message& request) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  std::string refusal;
-  const auto request = lm::decode(fuzz::text(data, size), refusal);
+  std::string reason;
+  const auto request = lm::decode(fuzz::text(data, size), reason);
   if (!request) return 0;
-  const auto rule = lumen::readRule(*request, refusal);
-  require(rule.has_value() == refusal.empty(), "a refused rule has a reason");
+  const auto rule = lumen::readRule(*request);
+  require(rule || !rule.why().empty(), "a refused rule has a reason");
   if (rule) checkRule(*rule);
-  const auto change = lumen::readChange(*request, refusal);
-  require(change.has_value() == refusal.empty(), "a refused change has a reason");
+  const auto change = lumen::readChange(*request);
+  require(change || !change.why().empty(), "a refused change has a reason");
   if (change) checkChange(*change, *request);
   return 0;
 }

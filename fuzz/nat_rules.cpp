@@ -171,7 +171,7 @@ class Router {
         require(keys.insert(rule).second, "no port is open twice");
         require(++ofClient[client.address] <= policies_.policy().maxRulesPerClient,
                 "a client has no more rules than the policy allows");
-        require(policies_.policy().refusal(rule, client, networks_).empty(),
+        require(policies_.policy().allows(rule, client, networks_).ok(),
                 "no rule is against the policy");
         if (!record.get_bool(lm::key::disabled) && !record.get_bool(key::closed)) {
           open.emplace(textOf(rule), textOf(client));
@@ -260,7 +260,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static lm::EventLoop loop(clock);
   // Without a store a policy can be judged and not be changed.
   static lumen::PolicyBook policies(NAT_POLICY_FILE, nowhere);
-  static const bool loaded = !policies.load();
+  static const bool loaded = policies.load().ok();
   require(loaded, "the policy is good");
 
   Router router(policies, clock, loop);

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -25,7 +24,7 @@ bool same(const lumen::Policy& a, const lumen::Policy& b) {
 lumen::Policy written(const lumen::Policy& policy) {
   lumen::Policy again;
   const auto set = [&again](std::string_view name, const std::string& value) {
-    require(!again.set(name, value), "a setting is taken as it is written");
+    require(again.set(name, value).ok(), "a setting is taken as it is written");
   };
   set("external-ports", policy.externalPorts.text());
   set("internal-clients", policy.internalClients.text());
@@ -86,9 +85,8 @@ void checkAgreement(const lumen::Policy& a, const lumen::Policy& b, std::string_
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string_view text = fuzz::text(data, size);
-  std::string error;
-  const auto policy = lumen::parsePolicyFile(text, error);
-  require(policy.has_value() == error.empty(), "a refusal has a reason");
+  const auto policy = lumen::parsePolicyFile(text);
+  require(policy || !policy.why().empty(), "a refusal has a reason");
   if (!policy) return 0;
   require(policy->maxRules <= 65536 && policy->maxRulesPerClient <= 65536,
           "a table fits in a small router");
@@ -96,7 +94,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   require(same(*policy, again), "settings are written as they were read");
   checkAgreement(*policy, again, text);
 
-  const auto bare = lumen::parsePolicyFile(withoutComments(text), error);
+  const auto bare = lumen::parsePolicyFile(withoutComments(text));
   require(bare && same(*policy, *bare), "a comment means nothing");
   return 0;
 }

@@ -43,8 +43,8 @@ Platform::Platform(const lm::EventLoop& loop, Processes& processes,
 }
 
 std::string Platform::start() {
-  if (const auto error = policies_.load()) return "NAT policy: " + *error;
-  if (const auto error = natMap_.open(path::natRuleset)) return "NAT table: " + *error;
+  if (const auto loaded = policies_.load(); !loaded) return "NAT policy: " + loaded.why();
+  if (const auto open = natMap_.open(path::natRuleset); !open) return "NAT table: " + open.why();
   natRules_.endOldFlows();
   interfaces_.start();
   std::string error = listener_.listen(path::socket);

@@ -98,7 +98,8 @@ void setPolicy(Session& session, const std::vector<std::string>& texts) {
   lumen::Policy wanted;
   for (const Assignment& assignment : assignments) {
     // The platform would refuse it in the same words; wrong usage is found without it.
-    if (auto wrong = wanted.set(assignment.name, assignment.value)) throw WrongUsage(*wrong);
+    const auto set = wanted.set(assignment.name, assignment.value);
+    if (!set) throw WrongUsage(set.why());
   }
   NatPolicyChange change;
   for (const Assignment& assignment : assignments) {

@@ -15,7 +15,8 @@
 namespace lumen {
 
 /// The handler [20, 1]: the IPv4 addresses of this router's interfaces, one object per interface
-/// and address. Ids rise and are never used twice. AddressKeys.h says what a record holds.
+/// and address. Ids rise and are never used twice. platform/wire/Addresses.h says what a record
+/// holds.
 ///
 /// The interface table tells it what changes and when to notify, so that an interface is known
 /// before its addresses and its addresses leave before it does.

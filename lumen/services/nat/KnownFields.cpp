@@ -8,12 +8,12 @@
 
 namespace lumen {
 
-std::string unknownField(const lm::message& request, std::span<const uint32_t> known) {
+Result<void> checkFields(const lm::message& request, std::span<const uint32_t> known) {
   for (const lm::Field& field : request.fields()) {
     if (lm::isTransportField(field.key) || std::ranges::count(known, field.key) > 0) continue;
     char text[64];
     std::snprintf(text, sizeof text, "field 0x%08" PRIx32 " is not known here", field.key);
-    return text;
+    return Failure{text};
   }
   return {};
 }

@@ -97,61 +97,61 @@ std::optional<std::string> counterOf(std::string_view element) {
 
 }  // namespace
 
-std::optional<std::string> NatMap::open(const std::string& path) {
-  Nftables::Result tables = nftables_.run("list tables ip");
-  if (!tables.done) return "cannot read the nftables tables: " + firstLine(tables.text);
-  if ((tables.text + "\n").find(std::string(tableName) + "\n") != std::string::npos) {
-    return std::string(
+Result<void> NatMap::open(const std::string& path) {
+  const Result<std::string> tables = nftables_.run("list tables ip");
+  if (!tables) return Failure{"cannot read the nftables tables: " + firstLine(tables.why())};
+  if ((*tables + "\n").find(std::string(tableName) + "\n") != std::string::npos) {
+    return Failure{
         "nftables table ip lumen exists already: another lumend runs in this "
-        "network namespace, or somebody else made it");
+        "network namespace, or somebody else made it"};
   }
-  Nftables::Result loaded = nftables_.runFile(path);
-  if (!loaded.done) {
-    return "cannot load the NAT ruleset " + path +
-           " (it needs Linux 5.12 or later): " + firstLine(loaded.text);
+  const Result<std::string> loaded = nftables_.runFile(path);
+  if (!loaded) {
+    return Failure{"cannot load the NAT ruleset " + path +
+                   " (it needs Linux 5.12 or later): " + firstLine(loaded.why())};
   }
-  Nftables::Result table = nftables_.run("list table ip lumen");
+  const Result<std::string> table = nftables_.run("list table ip lumen");
   for (const char* part :
        {"\tflags owner\n", "\tmap forwards {\n",
         "\t\ttype ipv4_addr . inet_proto . inet_service : ipv4_addr . inet_service\n",
         "\t\tcounter\n", " map @forwards\n"}) {
-    if (table.done && table.text.find(part) != std::string::npos) continue;
+    if (table && table->find(part) != std::string::npos) continue;
     // A table without an owner would stay behind.
     static_cast<void>(nftables_.run("delete table ip lumen"));
     std::string_view words(part);
     words = words.substr(words.find_first_not_of("\t "));
     words.remove_suffix(1);
-    return "the NAT ruleset " + path + " does not make a table ip lumen with \"" +
-           std::string(words) + "\"";
+    return Failure{"the NAT ruleset " + path + " does not make a table ip lumen with \"" +
+                   std::string(words) + "\""};
   }
-  return std::nullopt;
+  return {};
 }
 
-std::optional<std::string> NatMap::add(const RuleKey& key, const Endpoint& client) {
+Result<void> NatMap::add(const RuleKey& key, const Endpoint& client) {
   return run(addCommand(key, "", client));
 }
 
-std::optional<std::string> NatMap::remove(const std::vector<RuleKey>& keys) {
-  if (keys.empty()) return std::nullopt;
+Result<void> NatMap::remove(const std::vector<RuleKey>& keys) {
+  if (keys.empty()) return {};
   return run(deleteCommand(keys));
 }
 
-std::optional<std::string> NatMap::change(const RuleKey& key, const Endpoint& client) {
-  Nftables::Result element = nftables_.run(getCommand(key));
-  if (!element.done) return firstLine(element.text);
-  auto counter = counterOf(element.text);
-  if (!counter) return "the element has no counter";
+Result<void> NatMap::change(const RuleKey& key, const Endpoint& client) {
+  const Result<std::string> element = nftables_.run(getCommand(key));
+  if (!element) return Failure{firstLine(element.why())};
+  auto counter = counterOf(*element);
+  if (!counter) return Failure{"the element has no counter"};
   return run(deleteCommand({key}) + "\n" + addCommand(key, *counter, client));
 }
 
 std::optional<std::map<RuleKey, uint64_t>> NatMap::uses() {
-  const Nftables::Result listed = nftables_.run("list map ip lumen forwards");
-  if (!listed.done) {
-    lm::logLine("nat uses failed: ", firstLine(listed.text));
+  const Result<std::string> listed = nftables_.run("list map ip lumen forwards");
+  if (!listed) {
+    lm::logLine("nat uses failed: ", firstLine(listed.why()));
     return std::nullopt;
   }
   std::map<RuleKey, uint64_t> result;
-  std::string_view rest = listed.text;
+  std::string_view rest = *listed;
   while (true) {
     std::string_view element = rest.substr(0, rest.find(packetsWord));
     element.remove_prefix(std::min(element.find_last_of("{,") + 1, element.size()));
@@ -163,15 +163,16 @@ std::optional<std::map<RuleKey, uint64_t>> NatMap::uses() {
 }
 
 std::optional<uint64_t> NatMap::uses(const RuleKey& key) {
-  const Nftables::Result element = nftables_.run(getCommand(key));
-  std::string_view text = element.text;
-  return element.done ? numberAfter(text, packetsWord) : std::nullopt;
+  const Result<std::string> element = nftables_.run(getCommand(key));
+  if (!element) return std::nullopt;
+  std::string_view text = *element;
+  return numberAfter(text, packetsWord);
 }
 
-std::optional<std::string> NatMap::run(const std::string& commands) {
-  Nftables::Result result = nftables_.run(commands);
-  if (result.done) return std::nullopt;
-  return firstLine(result.text);
+Result<void> NatMap::run(const std::string& commands) {
+  const Result<std::string> result = nftables_.run(commands);
+  if (!result) return Failure{firstLine(result.why())};
+  return {};
 }
 
 }  // namespace lumen

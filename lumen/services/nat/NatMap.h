@@ -8,14 +8,14 @@
 
 #include "lumen/services/nat/Rule.h"
 #include "lumen/services/system/netfilter/Nftables.h"
+#include "lumen/values/Result.h"
 
 namespace lumen {
 
 /// The open ports as the kernel has them: the elements of the map `forwards` in the nftables table
 /// `ip lumen`. Each change is one transaction, and one port costs the same however many are open.
 ///
-/// add(), remove() and change() return nothing when done, else why not, in one line; then nothing
-/// changed.
+/// What open(), add(), remove() and change() fail with is one line; then nothing changed.
 class NatMap {
  public:
   /// `nftables` must outlive this.
@@ -24,13 +24,13 @@ class NatMap {
   NatMap& operator=(const NatMap&) = delete;
 
   /// Makes the table from the ruleset file at `path`. It must not exist yet; afterwards it is this
-  /// process's own. Returns nothing, or why there is no table.
-  [[nodiscard]] std::optional<std::string> open(const std::string& path);
+  /// process's own.
+  [[nodiscard]] Result<void> open(const std::string& path);
 
-  [[nodiscard]] std::optional<std::string> add(const RuleKey& key, const Endpoint& client);
-  [[nodiscard]] std::optional<std::string> remove(const std::vector<RuleKey>& keys);
+  [[nodiscard]] Result<void> add(const RuleKey& key, const Endpoint& client);
+  [[nodiscard]] Result<void> remove(const std::vector<RuleKey>& keys);
   /// Sends what comes for `key` to `client` from now on. The element keeps its counter.
-  [[nodiscard]] std::optional<std::string> change(const RuleKey& key, const Endpoint& client);
+  [[nodiscard]] Result<void> change(const RuleKey& key, const Endpoint& client);
 
   /// How many connections came through each port since it was added: its element counts packets,
   /// and a NAT chain sees the first packet of a connection only. None when the kernel does not
@@ -40,7 +40,7 @@ class NatMap {
   [[nodiscard]] std::optional<uint64_t> uses(const RuleKey& key);
 
  private:
-  [[nodiscard]] std::optional<std::string> run(const std::string& commands);
+  [[nodiscard]] Result<void> run(const std::string& commands);
 
   Nftables& nftables_;
 };

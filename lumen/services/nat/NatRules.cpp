@@ -15,9 +15,9 @@ namespace {
 
 lm::message refuse(const std::string& text) { return lm::errorMsg(lm::errorRefused, text); }
 
-lm::message refuseByKernel(const std::string& what, const RuleKey& key, const std::string& text) {
-  lm::logLine("nat ", what, " failed: ", keyText(key), ": ", text);
-  return refuse("the kernel refused it: " + text);
+lm::message refuseByKernel(const std::string& what, const RuleKey& key, const Failure& failure) {
+  lm::logLine("nat ", what, " failed: ", keyText(key), ": ", failure.text);
+  return refuse("the kernel refused it: " + failure.text);
 }
 
 }  // namespace
@@ -77,16 +77,16 @@ void NatRules::connectionEnded(uint64_t connection) {
 }
 
 lm::message NatRules::add(const Caller& caller, const lm::message& request) {
-  std::string refusal;
-  auto rule = readRule(request, refusal);
-  if (rule) refusal = addRefusal(*rule);
-  if (!rule || !refusal.empty()) return refuse(refusal);
+  auto rule = readRule(request);
+  if (!rule) return refuse(rule.why());
+  if (const auto allowed = checkAdd(*rule); !allowed) return refuse(allowed.why());
 
   rule->connection = caller.connection;
   rule->owner = caller.name.empty() ? "administrator" : caller.name;
   rule->addedAt = clock_.now();
   if (rule->inKernel()) {
-    if (auto error = addToKernel(*rule)) return refuseByKernel("add", rule->key, *error);
+    const auto added = addToKernel(*rule);
+    if (!added) return refuseByKernel("add", rule->key, added.failure());
   }
   uint32_t id = nextId();
   insert(id, *rule);
@@ -108,9 +108,8 @@ lm::message NatRules::set(const Caller& caller, const lm::message& request) {
   if (before.connection != caller.connection && !caller.administrator) {
     return refuse("not permitted");
   }
-  std::string refusal;
-  auto change = readChange(request, refusal);
-  if (!change) return refuse(refusal);
+  const auto change = readChange(request);
+  if (!change) return refuse(change.why());
   if (change->close && !caller.administrator) return refuse("not permitted");
 
   Rule after = before;
@@ -118,8 +117,9 @@ lm::message NatRules::set(const Caller& caller, const lm::message& request) {
   after.disabled = change->disabled.value_or(before.disabled);
   after.client.address = change->clientAddress.value_or(before.client.address);
   after.client.port = change->clientPort.value_or(before.client.port);
-  if (!change->close) refusal = setRefusal(before, after);
-  if (!refusal.empty()) return refuse(refusal);
+  if (!change->close) {
+    if (const auto allowed = checkSet(before, after); !allowed) return refuse(allowed.why());
+  }
   const Rule replaced = before;
   lm::message reply = replace(it, after);
   if (!lm::isError(reply)) {
@@ -149,7 +149,8 @@ lm::message NatRules::replace(Rules::iterator it, Rule after) {
   if (it->second.inKernel() && !after.inKernel()) {
     if (after.earlierUses) *after.earlierUses += map_.uses(after.key).value_or(0);
   }
-  if (auto error = apply(it->second, after)) return refuseByKernel("change", after.key, *error);
+  const auto applied = apply(it->second, after);
+  if (!applied) return refuseByKernel("change", after.key, applied.failure());
   uint32_t id = it->first;
   erase(it);
   insert(id, after);
@@ -178,7 +179,8 @@ lm::message NatRules::remove(const Caller& caller, const lm::message& request) {
 lm::message NatRules::drop(Rules::iterator it) {
   const Rule& rule = it->second;
   if (rule.inKernel()) {
-    if (auto error = map_.remove({rule.key})) return refuseByKernel("remove", rule.key, *error);
+    const auto removed = map_.remove({rule.key});
+    if (!removed) return refuseByKernel("remove", rule.key, removed.failure());
     flowsMayDiffer(rule.key);
   }
   erase(it);
@@ -193,8 +195,8 @@ void NatRules::undoRemove(uint32_t id, const Rule& removed) {
   Rule rule = removed;
   if (rule.inKernel()) {
     rule.earlierUses.reset();  // its counter has gone with its element
-    if (auto error = addToKernel(rule)) {
-      (void)refuseByKernel("add", rule.key, *error);
+    if (const auto added = addToKernel(rule); !added) {
+      (void)refuseByKernel("add", rule.key, added.failure());
       return;
     }
   }
@@ -221,78 +223,68 @@ lm::message NatRules::read(const lm::message& request) {
 
 lm::message NatRules::writePolicy(const lm::message& request) {
   const PolicyBook::State before = policies_.state();
-  if (auto error = policies_.write(request)) return refuse(*error);
+  if (const auto written = policies_.write(request); !written) return refuse(written.why());
   undoWith([this, before] { policies_.restore(before); });
   return {};
 }
 
-std::string NatRules::addRefusal(const Rule& rule) const {
+Result<void> NatRules::checkAdd(const Rule& rule) const {
   const Policy& policy = policies_.policy();
   if (!networks_.interfaceOf(rule.key.external.address)) {
-    return "external address " + rule.key.external.address.text() + " is not one of this router";
+    return Failure{"external address " + rule.key.external.address.text() +
+                   " is not one of this router"};
   }
-  if (auto text = policy.refusal(rule.key, rule.client, networks_); !text.empty()) return text;
-  if (ids_.contains(rule.key)) return keyText(rule.key) + " is already in use";
+  if (auto allowed = policy.allows(rule.key, rule.client, networks_); !allowed) return allowed;
+  if (ids_.contains(rule.key)) return Failure{keyText(rule.key) + " is already in use"};
   if (rules_.size() >= policy.maxRules) {
-    return "there are " + std::to_string(rules_.size()) + " rules already, the policy allows " +
-           std::to_string(policy.maxRules);
+    return Failure{"there are " + std::to_string(rules_.size()) +
+                   " rules already, the policy allows " + std::to_string(policy.maxRules)};
   }
-  if (clientIsFull(rule.client.address)) {
-    return "internal client " + rule.client.address.text() +
-           " has all the rules that the policy allows it, " +
-           std::to_string(policy.maxRulesPerClient);
-  }
-  return {};
+  return checkRoomOf(rule.client.address);
 }
 
 // The external address may have left the router since: such a rule keeps working when it is back.
-std::string NatRules::setRefusal(const Rule& before, const Rule& after) const {
+Result<void> NatRules::checkSet(const Rule& before, const Rule& after) const {
   // An owner may close its port whatever the policy allows now.
   if (after.disabled && after.client == before.client) return {};
-  const Policy& policy = policies_.policy();
-  if (auto text = policy.refusal(after.key, after.client, networks_); !text.empty()) return text;
-  if (after.client.address != before.client.address && clientIsFull(after.client.address)) {
-    return "internal client " + after.client.address.text() +
-           " has all the rules that the policy allows it, " +
-           std::to_string(policy.maxRulesPerClient);
+  if (auto allowed = policies_.policy().allows(after.key, after.client, networks_); !allowed) {
+    return allowed;
   }
-  return {};
+  if (after.client.address == before.client.address) return {};
+  return checkRoomOf(after.client.address);
 }
 
-bool NatRules::clientIsFull(Ipv4Address client) const {
-  auto it = clientRules_.find(client);
-  uint32_t count = it == clientRules_.end() ? 0 : it->second;
-  return count >= policies_.policy().maxRulesPerClient;
+Result<void> NatRules::checkRoomOf(Ipv4Address client) const {
+  const auto it = clientRules_.find(client);
+  const uint32_t count = it == clientRules_.end() ? 0 : it->second;
+  const uint32_t limit = policies_.policy().maxRulesPerClient;
+  if (count < limit) return {};
+  return Failure{"internal client " + client.text() +
+                 " has all the rules that the policy allows it, " + std::to_string(limit)};
 }
 
-std::optional<std::string> NatRules::apply(const Rule& before, const Rule& after) {
-  std::optional<std::string> error;
-  if (!before.inKernel() && !after.inKernel()) return error;
+Result<void> NatRules::apply(const Rule& before, const Rule& after) {
+  if (!before.inKernel() && !after.inKernel()) return {};
   if (!before.inKernel()) return addToKernel(after);
-  if (!after.inKernel()) {
-    error = map_.remove({after.key});
-  } else if (before.client != after.client) {
-    error = map_.change(after.key, after.client);
-  } else {
-    return error;
-  }
-  if (!error) flowsMayDiffer(after.key);
-  return error;
+  if (after.inKernel() && before.client == after.client) return {};
+  auto applied = after.inKernel() ? map_.change(after.key, after.client) : map_.remove({after.key});
+  if (applied) flowsMayDiffer(after.key);
+  return applied;
 }
 
-std::optional<std::string> NatRules::addToKernel(const Rule& rule) {
+Result<void> NatRules::addToKernel(const Rule& rule) {
   if (rule.key.protocol == IPPROTO_UDP) cleaner_.opens(rule.key.external);
-  auto error = map_.add(rule.key, rule.client);
+  auto added = map_.add(rule.key, rule.client);
   flowsMayDiffer(rule.key);
-  return error;
+  return added;
 }
 
 void NatRules::removeFromKernel(const std::vector<RuleKey>& keys) {
-  if (auto error = map_.remove(keys)) {
-    lm::logLine("nat remove of ", keys.size(), " rules failed: ", *error);
+  if (const auto removed = map_.remove(keys); !removed) {
+    lm::logLine("nat remove of ", keys.size(), " rules failed: ", removed.why());
     for (const RuleKey& key : keys) {
-      if (auto one = map_.remove({key})) {
-        lm::logLine("nat remove failed: ", keyText(key), ": ", *one);
+      if (const auto one = map_.remove({key}); !one) {
+        lm::logLine("nat remove failed: ", keyText(key), ": ", one.why());
       }
     }
   }

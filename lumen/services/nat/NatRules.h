@@ -14,11 +14,12 @@
 #include "lumen/services/nat/PolicyBook.h"
 #include "lumen/services/nat/Rule.h"
 #include "lumen/services/nat/RuleMessage.h"
+#include "lumen/values/Result.h"
 
 namespace lumen {
 
-/// The NAT rule table, handler [20, 5]: the ports that programs have opened. NatKeys.h tells how to
-/// talk to it.
+/// The NAT rule table, handler [20, 5]: the ports that programs have opened.
+/// platform/wire/NatRules.h says how to talk to it.
 ///
 /// A rule is added, changed or removed in the kernel first and in the table only when that is done.
 /// It belongs to the connection that added it, and goes with it.
@@ -63,9 +64,9 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts {
   [[nodiscard]] lm::message read(const lm::message& request);
   [[nodiscard]] lm::message writePolicy(const lm::message& request);
 
-  [[nodiscard]] std::string addRefusal(const Rule& rule) const;
-  [[nodiscard]] std::string setRefusal(const Rule& before, const Rule& after) const;
-  [[nodiscard]] bool clientIsFull(Ipv4Address client) const;
+  [[nodiscard]] Result<void> checkAdd(const Rule& rule) const;
+  [[nodiscard]] Result<void> checkSet(const Rule& before, const Rule& after) const;
+  [[nodiscard]] Result<void> checkRoomOf(Ipv4Address client) const;
   /// Puts `after` in the place of a rule with the same key, in the kernel too. Returns an error or
   /// an empty reply.
   [[nodiscard]] lm::message replace(Rules::iterator it, Rule after);
@@ -78,9 +79,9 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts {
   void undoSet(uint32_t id, const Rule& before, bool closing);
   void undoRemove(uint32_t id, const Rule& removed);
 
-  /// Brings the kernel from `before` to `after`. Returns why not, if so.
-  [[nodiscard]] std::optional<std::string> apply(const Rule& before, const Rule& after);
-  [[nodiscard]] std::optional<std::string> addToKernel(const Rule& rule);
+  /// Brings the kernel from `before` to `after`.
+  [[nodiscard]] Result<void> apply(const Rule& before, const Rule& after);
+  [[nodiscard]] Result<void> addToKernel(const Rule& rule);
   void removeFromKernel(const std::vector<RuleKey>& keys);
   void flowsMayDiffer(const RuleKey& key);
 

@@ -51,7 +51,7 @@ bool isUnicastHost(Ipv4Address address) {
 
 }  // namespace
 
-std::optional<PortRanges> PortRanges::parse(std::string_view text, std::string& reason) {
+Result<PortRanges> PortRanges::parse(std::string_view text) {
   PortRanges ports;
   for (std::string_view entry : splitList(text)) {
     size_t dash = entry.find('-');
@@ -59,16 +59,12 @@ std::optional<PortRanges> PortRanges::parse(std::string_view text, std::string& 
     auto last =
         dash == std::string_view::npos ? first : number(trim(entry.substr(dash + 1)), 1, 65535);
     if (!first || !last || *first > *last) {
-      reason = quoted(entry) + " is neither a port from 1 to 65535 nor a range of ports";
-      return std::nullopt;
+      return Failure{quoted(entry) + " is neither a port from 1 to 65535 nor a range of ports"};
     }
     ports.ranges_.push_back(
         {.first = static_cast<uint16_t>(*first), .last = static_cast<uint16_t>(*last)});
   }
-  if (ports.ranges_.size() > maxEntries) {
-    reason = "more than 64 ranges of ports";
-    return std::nullopt;
-  }
+  if (ports.ranges_.size() > maxEntries) return Failure{"more than 64 ranges of ports"};
   return ports;
 }
 
@@ -87,7 +83,7 @@ std::string PortRanges::text() const {
   return result;
 }
 
-std::optional<ClientNetworks> ClientNetworks::parse(std::string_view text, std::string& reason) {
+Result<ClientNetworks> ClientNetworks::parse(std::string_view text) {
   ClientNetworks clients;
   for (std::string_view entry : splitList(text)) {
     if (entry == connectedWord) {
@@ -99,22 +95,17 @@ std::optional<ClientNetworks> ClientNetworks::parse(std::string_view text, std::
     auto prefix =
         slash == std::string_view::npos ? uint32_t{32} : number(entry.substr(slash + 1), 0, 32);
     if (!address || !prefix) {
-      reason = quoted(entry) +
-               " is neither \"connected\", an address nor a network like "
-               "192.168.88.0/24";
-      return std::nullopt;
+      return Failure{quoted(entry) +
+                     " is neither \"connected\", an address nor a network like "
+                     "192.168.88.0/24"};
     }
     const Ipv4Network network(*address, *prefix);
     if (network.first() != *address) {
-      reason = quoted(entry) + " has bits set behind its prefix";
-      return std::nullopt;
+      return Failure{quoted(entry) + " has bits set behind its prefix"};
     }
     clients.networks_.push_back(network);
   }
-  if (clients.networks_.size() > maxEntries) {
-    reason = "more than 64 networks";
-    return std::nullopt;
-  }
+  if (clients.networks_.size() > maxEntries) return Failure{"more than 64 networks"};
   return clients;
 }
 
@@ -133,50 +124,49 @@ std::string ClientNetworks::text() const {
   return result;
 }
 
-Policy::Policy() {
-  std::string reason;
-  externalPorts = PortRanges::parse("1024-65535", reason).value_or(PortRanges());
-  internalClients = ClientNetworks::parse(connectedWord, reason).value_or(ClientNetworks());
-}
+Policy::Policy()
+    : externalPorts(*PortRanges::parse("1024-65535")),
+      internalClients(*ClientNetworks::parse(connectedWord)) {}
 
-std::optional<std::string> Policy::set(std::string_view name, std::string_view value) {
-  std::string reason;
+Result<void> Policy::set(std::string_view name, std::string_view value) {
   if (name == "external-ports") {
-    auto ports = PortRanges::parse(value, reason);
-    if (!ports) return "external-ports: " + reason;
+    const auto ports = PortRanges::parse(value);
+    if (!ports) return Failure{"external-ports: " + ports.why()};
     externalPorts = *ports;
   } else if (name == "internal-clients") {
-    auto clients = ClientNetworks::parse(value, reason);
-    if (!clients) return "internal-clients: " + reason;
+    const auto clients = ClientNetworks::parse(value);
+    if (!clients) return Failure{"internal-clients: " + clients.why()};
     internalClients = *clients;
   } else if (name == "max-rules" || name == "max-rules-per-client") {
     auto limit = number(value, 0, highestLimit);
     if (!limit) {
-      return std::string(name) + ": " + quoted(value) + " is not a number from 0 to 65536";
+      return Failure{std::string(name) + ": " + quoted(value) + " is not a number from 0 to 65536"};
     }
     (name == "max-rules" ? maxRules : maxRulesPerClient) = *limit;
   } else {
-    return quoted(name) + " is not a setting";
+    return Failure{quoted(name) + " is not a setting"};
   }
-  return std::nullopt;
+  return {};
 }
 
-std::string Policy::refusal(const RuleKey& key, const Endpoint& client,
+Result<void> Policy::allows(const RuleKey& key, const Endpoint& client,
                             const LocalNetworks& networks) const {
   if (!externalPorts.contains(key.external.port)) {
-    return "external port " + std::to_string(key.external.port) + " is not allowed by the policy";
+    return Failure{"external port " + std::to_string(key.external.port) +
+                   " is not allowed by the policy"};
   }
   std::string host = "internal client " + client.address.text();
-  if (!isUnicastHost(client.address)) return host + " is not the address of a host";
-  if (networks.isOwn(client.address)) return host + " is this router";
+  if (!isUnicastHost(client.address)) return Failure{host + " is not the address of a host"};
+  if (networks.isOwn(client.address)) return Failure{host + " is this router"};
   auto side = networks.interfaceTowards(client.address);
   if (side && side == networks.interfaceOf(key.external.address)) {
-    return host + " is on the side of the external address";
+    return Failure{host + " is on the side of the external address"};
   }
   if (!internalClients.contains(client.address, side.has_value())) {
-    return host + " is not allowed by the policy" + (side ? "" : ": it is not directly connected");
+    return Failure{host + " is not allowed by the policy" +
+                   (side ? "" : ": it is not directly connected")};
   }
-  if (networks.isReserved(client.address)) return host + " is not the address of a host";
+  if (networks.isReserved(client.address)) return Failure{host + " is not the address of a host"};
   return {};
 }
 

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -9,14 +8,15 @@
 #include "lumen/services/nat/LocalNetworks.h"
 #include "lumen/services/nat/Rule.h"
 #include "lumen/values/Ipv4.h"
+#include "lumen/values/Result.h"
 
 namespace lumen {
 
 /// External ports, written "1024-65535" or "80, 443, 6000-6999".
 class PortRanges {
  public:
-  /// None when the text is anything else; `reason` then says what is wrong.
-  [[nodiscard]] static std::optional<PortRanges> parse(std::string_view text, std::string& reason);
+  /// Fails when the text is anything else.
+  [[nodiscard]] static Result<PortRanges> parse(std::string_view text);
 
   [[nodiscard]] bool contains(uint16_t port) const;
   [[nodiscard]] std::string text() const;
@@ -33,9 +33,8 @@ class PortRanges {
 /// "192.168.88.0/24, 10.1.2.3"; both may be mixed.
 class ClientNetworks {
  public:
-  /// None when the text is anything else; `reason` then says what is wrong.
-  [[nodiscard]] static std::optional<ClientNetworks> parse(std::string_view text,
-                                                           std::string& reason);
+  /// Fails when the text is anything else.
+  [[nodiscard]] static Result<ClientNetworks> parse(std::string_view text);
 
   /// `connected`: the host is directly connected.
   [[nodiscard]] bool contains(Ipv4Address host, bool connected) const;
@@ -55,13 +54,13 @@ struct Policy {
   uint32_t maxRules = 4096;
   uint32_t maxRulesPerClient = 1024;
 
-  /// The values by the names that they have in the policy file. None when the value is good, else
-  /// what is wrong; nothing changed then.
-  [[nodiscard]] std::optional<std::string> set(std::string_view name, std::string_view value);
+  /// The values by the names that they have in the policy file. After a failure nothing has
+  /// changed.
+  [[nodiscard]] Result<void> set(std::string_view name, std::string_view value);
 
-  /// Why the rule may not be opened; empty when it may. A client is never the router itself, nor
-  /// in a network on the side of the external address.
-  [[nodiscard]] std::string refusal(const RuleKey& key, const Endpoint& client,
+  /// Whether the rule may be opened. A client is never the router itself, nor in a network on the
+  /// side of the external address.
+  [[nodiscard]] Result<void> allows(const RuleKey& key, const Endpoint& client,
                                     const LocalNetworks& networks) const;
 };
 

@@ -27,19 +27,19 @@ constexpr Setting settingsByField[] = {
     {key::maxRulesPerClient, "max-rules-per-client"},
 };
 
-// Applies the fields of `written` to `policy`. Returns what is wrong, if anything is.
-std::optional<std::string> apply(const lm::message& written, Policy& policy) {
+// Applies the fields of `written` to `policy`.
+Result<void> apply(const lm::message& written, Policy& policy) {
   for (const Setting& setting : settingsByField) {
     const lm::Value* value = written.fields().find(setting.field);
     if (value == nullptr) continue;
     const auto* number = std::get_if<uint32_t>(value);
     const auto* text = std::get_if<std::string>(value);
-    auto wrong = policy.set(setting.name, number != nullptr ? std::to_string(*number)
-                                          : text != nullptr ? *text
-                                                            : std::string());
-    if (wrong) return wrong;
+    auto set = policy.set(setting.name, number != nullptr ? std::to_string(*number)
+                                        : text != nullptr ? *text
+                                                          : std::string());
+    if (!set) return set;
   }
-  return std::nullopt;
+  return {};
 }
 
 }  // namespace
@@ -47,28 +47,25 @@ std::optional<std::string> apply(const lm::message& written, Policy& policy) {
 PolicyBook::PolicyBook(std::string filePath, std::string storeDirectory)
     : filePath_(std::move(filePath)), store_(std::move(storeDirectory), 1) {}
 
-std::optional<Policy> PolicyBook::readFile(std::string& error) const {
+Result<Policy> PolicyBook::readFile() const {
   // One byte more than is allowed is read, so that a file that is too long shows.
   const PlainFile file = readPlainFile(filePath_, maxPolicyFile + 1);
-  std::optional<Policy> policy;
-  if (!file.error.empty() && !file.missing) {
-    error = ": " + file.error;
-  } else {
-    policy = parsePolicyFile(file.text, error);
-  }
-  if (!policy) error = filePath_ + error;
+  if (!file.error.empty() && !file.missing) return Failure{filePath_ + ": " + file.error};
+  auto policy = parsePolicyFile(file.text);
+  if (!policy) return Failure{filePath_ + policy.why()};
   return policy;
 }
 
-std::optional<std::string> PolicyBook::load() {
-  std::string error;
-  const auto policy = readFile(error);
-  if (!policy) return error;
+Result<void> PolicyBook::load() {
+  const auto policy = readFile();
+  if (!policy) return policy.failure();
   state_.fromFile = *policy;
   state_.policy = state_.fromFile;
   state_.written = store_.get(0).value_or(lm::message());
-  if (auto wrong = apply(state_.written, state_.policy)) return "stored NAT policy: " + *wrong;
-  return std::nullopt;
+  if (const auto applied = apply(state_.written, state_.policy); !applied) {
+    return Failure{"stored NAT policy: " + applied.why()};
+  }
+  return {};
 }
 
 lm::message PolicyBook::settings() const {
@@ -80,10 +77,10 @@ lm::message PolicyBook::settings() const {
   return result;
 }
 
-std::optional<std::string> PolicyBook::write(const lm::message& request) {
+Result<void> PolicyBook::write(const lm::message& request) {
   static constexpr std::array fields = {key::externalPorts,     key::internalClients, key::maxRules,
                                         key::maxRulesPerClient, key::reset,           key::reload};
-  if (auto text = unknownField(request, fields); !text.empty()) return text;
+  if (auto known = checkFields(request, fields); !known) return known;
   bool writes = request.get_bool(key::reset);
   lm::message written = writes ? lm::message() : state_.written;
   for (const Setting& setting : settingsByField) {
@@ -94,18 +91,17 @@ std::optional<std::string> PolicyBook::write(const lm::message& request) {
   }
   Policy fromFile = state_.fromFile;
   if (request.get_bool(key::reload)) {
-    std::string error;
-    const auto read = readFile(error);
-    if (!read) return error;
+    const auto read = readFile();
+    if (!read) return read.failure();
     fromFile = *read;
   }
   Policy policy = fromFile;
-  if (auto wrong = apply(written, policy)) return wrong;
-  if (writes && !store_.set(0, written)) return "the policy could not be stored";
+  if (auto applied = apply(written, policy); !applied) return applied;
+  if (writes && !store_.set(0, written)) return Failure{"the policy could not be stored"};
   state_.written = std::move(written);
   state_.fromFile = std::move(fromFile);
   state_.policy = std::move(policy);
-  return std::nullopt;
+  return {};
 }
 
 void PolicyBook::restore(const State& state) {

@@ -1,9 +1,9 @@
 #pragma once
 
-#include <optional>
 #include <string>
 
 #include "lumen/services/nat/Policy.h"
+#include "lumen/values/Result.h"
 #include "platform/Store.h"
 #include "platform/message.h"
 #include "platform/wire/NatRules.h"
@@ -26,9 +26,9 @@ class PolicyBook {
     Policy policy;        ///< in force
   };
 
-  /// Reads both. A file that does not exist leaves the defaults. Returns what is wrong, if anything
-  /// is: a policy that is half understood may open more than it was written to allow.
-  [[nodiscard]] std::optional<std::string> load();
+  /// Reads both. A file that does not exist leaves the defaults. Fails when anything is
+  /// wrong: a policy that is half understood may open more than it was written to allow.
+  [[nodiscard]] Result<void> load();
 
   /// The policy in force.
   [[nodiscard]] const Policy& policy() const { return state_.policy; }
@@ -36,9 +36,9 @@ class PolicyBook {
   /// The policy in force as the fields of lm::nat::key.
   [[nodiscard]] lm::message settings() const;
 
-  /// Changes the fields that `request` has, for good, as lm::nat::key says. Returns why not, if so;
-  /// nothing changed then.
-  [[nodiscard]] std::optional<std::string> write(const lm::message& request);
+  /// Changes the fields that `request` has, for good, as lm::nat::key says. After a failure nothing
+  /// has changed.
+  [[nodiscard]] Result<void> write(const lm::message& request);
 
   [[nodiscard]] const State& state() const { return state_; }
   /// Makes `state`, of before a write, hold again. What cannot be stored is logged by the store and
@@ -46,8 +46,8 @@ class PolicyBook {
   void restore(const State& state);
 
  private:
-  /// What the file says. None when anything is wrong with it; `error` then says where and what.
-  [[nodiscard]] std::optional<Policy> readFile(std::string& error) const;
+  /// What the file says. Fails with where and what is wrong in it.
+  [[nodiscard]] Result<Policy> readFile() const;
 
   std::string filePath_;
   lm::Store store_;

@@ -37,33 +37,25 @@ int takeLine(void* user, const char* section, const char* name, const char* valu
     reading.error = "sections are not used";
   } else if (!reading.seen.insert(name).second) {
     reading.error = "\"" + std::string(name) + "\" is set twice";
-  } else if (auto wrong = reading.policy.set(name, value)) {
-    reading.error = *wrong;
+  } else if (const auto set = reading.policy.set(name, value); !set) {
+    reading.error = set.why();
   }
   return reading.error.empty() ? 1 : 0;
 }
 
 }  // namespace
 
-std::optional<Policy> parsePolicyFile(std::string_view text, std::string& error) {
-  if (text.size() > maxPolicyFile) {
-    error = ": is too long";
-    return std::nullopt;
-  }
-  if (text.find('\0') != std::string_view::npos) {
-    error = ": is no text";
-    return std::nullopt;
-  }
+Result<Policy> parsePolicyFile(std::string_view text) {
+  if (text.size() > maxPolicyFile) return Failure{": is too long"};
+  if (text.find('\0') != std::string_view::npos) return Failure{": is no text"};
   if (const size_t number = findLongLine(text); number > 0) {
-    error = ":" + std::to_string(number) + ": the line is too long";
-    return std::nullopt;
+    return Failure{":" + std::to_string(number) + ": the line is too long"};
   }
   Reading reading;
   const int line = ini_parse_string(std::string(text).c_str(), takeLine, &reading);
   if (line > 0) {
-    error = ":" + std::to_string(line) + ": " +
-            (reading.error.empty() ? "not a line of the form name = value" : reading.error);
-    return std::nullopt;
+    return Failure{":" + std::to_string(line) + ": " +
+                   (reading.error.empty() ? "not a line of the form name = value" : reading.error)};
   }
   return reading.policy;
 }

@@ -1,11 +1,10 @@
 #pragma once
 
 #include <cstddef>
-#include <optional>
-#include <string>
 #include <string_view>
 
 #include "lumen/services/nat/Policy.h"
+#include "lumen/values/Result.h"
 
 namespace lumen {
 
@@ -13,9 +12,8 @@ namespace lumen {
 inline constexpr size_t maxPolicyFile = 16384;
 
 /// The policy that `text` sets, a line "name = value" for each setting that has not its default and
-/// comments behind ";", no line longer than 190 bytes. None when anything in it is not understood;
-/// `error` then says what, as it follows the file's name: ": is too long", ":2: sections are not
-/// used".
-[[nodiscard]] std::optional<Policy> parsePolicyFile(std::string_view text, std::string& error);
+/// comments behind ";", no line longer than 190 bytes. Fails when anything in it is not understood,
+/// with the words that follow the file's name: ": is too long", ":2: sections are not used".
+[[nodiscard]] Result<Policy> parsePolicyFile(std::string_view text);
 
 }  // namespace lumen

@@ -36,7 +36,7 @@ bool has(const lm::message& request, uint32_t field) {
 
 bool isPort(uint32_t number) { return number >= 1 && number <= 65535; }
 
-std::string ruleRefusal(const lm::message& request) {
+Result<void> checkRule(const lm::message& request) {
   struct Flag {
     uint32_t field;
     const char* refusal;
@@ -61,53 +61,54 @@ std::string ruleRefusal(const lm::message& request) {
       {key::clientPortFirst, key::clientPortLast, "internal port must be one, not a range"},
   };
 
-  if (auto text = unknownField(request, addFields()); !text.empty()) return text;
-  if (request.get_string(key::chain) != lm::nat::chainDstnat) return "chain must be \"dstnat\"";
-  if (request.get_u32(key::action) != lm::nat::actionDnat) return "action must be 22";
+  if (auto known = checkFields(request, addFields()); !known) return known;
+  if (request.get_string(key::chain) != lm::nat::chainDstnat) {
+    return Failure{"chain must be \"dstnat\""};
+  }
+  if (request.get_u32(key::action) != lm::nat::actionDnat) return Failure{"action must be 22"};
   for (const Flag& flag : flags) {
-    if (!request.get_bool(flag.field)) return flag.refusal;
+    if (!request.get_bool(flag.field)) return Failure{flag.refusal};
   }
   for (const Range& range : ranges) {
-    if (request.get_u32(range.first) != request.get_u32(range.last)) return range.refusal;
+    if (request.get_u32(range.first) != request.get_u32(range.last)) return Failure{range.refusal};
   }
   const lm::nat::Rule rule = lm::nat::readRule(request);
   if (rule.protocol != IPPROTO_TCP && rule.protocol != IPPROTO_UDP) {
-    return "protocol must be 6 (TCP) or 17 (UDP)";
+    return Failure{"protocol must be 6 (TCP) or 17 (UDP)"};
   }
-  if (!isPort(rule.port)) return "external port must be from 1 to 65535";
-  if (!isPort(rule.clientPort)) return "internal port must be from 1 to 65535";
+  if (!isPort(rule.port)) return Failure{"external port must be from 1 to 65535"};
+  if (!isPort(rule.clientPort)) return Failure{"internal port must be from 1 to 65535"};
   return {};
 }
 
-std::string changeRefusal(const lm::message& request) {
-  if (auto text = unknownField(request, setFields); !text.empty()) return text;
+Result<void> checkChange(const lm::message& request) {
+  if (auto known = checkFields(request, setFields); !known) return known;
   if (has(request, key::closed)) {
-    if (!request.get_bool(key::closed)) return "a closed port stays closed";
+    if (!request.get_bool(key::closed)) return Failure{"a closed port stays closed"};
     for (uint32_t field : setFields) {
       if (field == lm::key::objectId || field == key::closed) continue;
-      if (has(request, field)) return "closing a port changes nothing else";
+      if (has(request, field)) return Failure{"closing a port changes nothing else"};
     }
   }
   // An absent end is not the same as an end of 0.
   if (has(request, key::clientFirst) != has(request, key::clientLast) ||
       request.get_u32(key::clientFirst) != request.get_u32(key::clientLast)) {
-    return "internal client must be one, not a range";
+    return Failure{"internal client must be one, not a range"};
   }
   if (has(request, key::clientPortFirst) != has(request, key::clientPortLast) ||
       request.get_u32(key::clientPortFirst) != request.get_u32(key::clientPortLast)) {
-    return "internal port must be one, not a range";
+    return Failure{"internal port must be one, not a range"};
   }
   if (has(request, key::clientPortFirst) && !isPort(request.get_u32(key::clientPortFirst))) {
-    return "internal port must be from 1 to 65535";
+    return Failure{"internal port must be from 1 to 65535"};
   }
   return {};
 }
 
 }  // namespace
 
-std::optional<Rule> readRule(const lm::message& request, std::string& refusal) {
-  refusal = ruleRefusal(request);
-  if (!refusal.empty()) return std::nullopt;
+Result<Rule> readRule(const lm::message& request) {
+  if (const auto valid = checkRule(request); !valid) return valid.failure();
   const lm::nat::Rule wire = lm::nat::readRule(request);
   Rule rule;
   rule.key = {.external = {.address = Ipv4Address::fromBytes(wire.address),
@@ -119,9 +120,8 @@ std::optional<Rule> readRule(const lm::message& request, std::string& refusal) {
   return rule;
 }
 
-std::optional<RuleChange> readChange(const lm::message& request, std::string& refusal) {
-  refusal = changeRefusal(request);
-  if (!refusal.empty()) return std::nullopt;
+Result<RuleChange> readChange(const lm::message& request) {
+  if (const auto valid = checkChange(request); !valid) return valid.failure();
   RuleChange change;
   if (has(request, lm::key::disabled)) change.disabled = request.get_bool(lm::key::disabled);
   if (has(request, key::clientFirst)) {

@@ -1,17 +1,17 @@
 #pragma once
 
 #include <optional>
-#include <string>
 
 #include "lumen/services/nat/Rule.h"
+#include "lumen/values/Result.h"
 #include "platform/message.h"
 
 namespace lumen {
 
-/// The rule that an add request asks for: its key, client and disabled flag. None when it is not
-/// one that the table can hold; `refusal` then says why. Whether the router has the address and
-/// the policy allows it is not looked at.
-[[nodiscard]] std::optional<Rule> readRule(const lm::message& request, std::string& refusal);
+/// The rule that an add request asks for: its key, client and disabled flag. Fails when it is
+/// not one that the table can hold. Whether the router has the address and the policy allows it is
+/// not looked at.
+[[nodiscard]] Result<Rule> readRule(const lm::message& request);
 
 /// What a set request changes. A field that is absent stays as it is.
 struct RuleChange {
@@ -21,9 +21,8 @@ struct RuleChange {
   bool close = false;  ///< then nothing else is present
 };
 
-/// None, and why in `refusal`, when the request says something else.
-[[nodiscard]] std::optional<RuleChange> readChange(const lm::message& request,
-                                                   std::string& refusal);
+/// Fails when the request says something else.
+[[nodiscard]] Result<RuleChange> readChange(const lm::message& request);
 
 /// What a record tells of a rule beside the rule itself.
 struct RuleStatus {

@@ -49,21 +49,22 @@ LibNftables::LibNftables() {
 
 LibNftables::~LibNftables() = default;
 
-Nftables::Result LibNftables::run(const std::string& commands) {
-  if (!context_) return {false, "libnftables cannot be used"};
+Result<std::string> LibNftables::run(const std::string& commands) {
+  if (!context_) return Failure{"libnftables cannot be used"};
   return result(nft_run_cmd_from_buffer(context_.get(), commands.c_str()));
 }
 
-Nftables::Result LibNftables::runFile(const std::string& path) {
-  if (!context_) return {false, "libnftables cannot be used"};
+Result<std::string> LibNftables::runFile(const std::string& path) {
+  if (!context_) return Failure{"libnftables cannot be used"};
   return result(nft_run_cmd_from_filename(context_.get(), path.c_str()));
 }
 
-Nftables::Result LibNftables::result(int status) {
+Result<std::string> LibNftables::result(int status) {
   // Reading a buffer is also what empties it.
   std::string output = nft_ctx_get_output_buffer(context_.get());
   std::string error = nft_ctx_get_error_buffer(context_.get());
-  return status == 0 ? Result{true, std::move(output)} : Result{false, std::move(error)};
+  if (status != 0) return Failure{std::move(error)};
+  return output;
 }
 
 }  // namespace lumen

@@ -20,11 +20,11 @@ class LibNftables : public Nftables {
   LibNftables& operator=(const LibNftables&) = delete;
   ~LibNftables() override;
 
-  [[nodiscard]] Result run(const std::string& commands) override;
-  [[nodiscard]] Result runFile(const std::string& path) override;
+  [[nodiscard]] Result<std::string> run(const std::string& commands) override;
+  [[nodiscard]] Result<std::string> runFile(const std::string& path) override;
 
  private:
-  [[nodiscard]] Result result(int status);
+  [[nodiscard]] Result<std::string> result(int status);
 
   struct Free {
     void operator()(nft_ctx* context) const;

@@ -2,23 +2,21 @@
 
 #include <string>
 
+#include "lumen/values/Result.h"
+
 namespace lumen {
 
 /// The kernel's packet filter rules, in the language of nft(8).
 class Nftables {
  public:
-  struct Result {
-    bool done = false;
-    std::string text;  ///< what the commands print; when they were refused, why
-  };
-
   virtual ~Nftables() = default;
 
-  /// Does all commands in one transaction, or none of them.
-  [[nodiscard]] virtual Result run(const std::string& commands) = 0;
+  /// Does all commands in one transaction, or none of them. Returns what they print; a failure is
+  /// in the words of nft, of several lines.
+  [[nodiscard]] virtual Result<std::string> run(const std::string& commands) = 0;
 
   /// The same with the commands of the file `path`.
-  [[nodiscard]] virtual Result runFile(const std::string& path) = 0;
+  [[nodiscard]] virtual Result<std::string> runFile(const std::string& path) = 0;
 };
 
 }  // namespace lumen

@@ -12,25 +12,26 @@
 #include "lumen/services/system/netfilter/Flows.h"
 #include "lumen/services/system/netfilter/Nftables.h"
 #include "lumen/values/Ipv4.h"
+#include "lumen/values/Result.h"
 
 namespace lumen::test {
 
 /// Keeps the texts that it is given. It does all of them, unless a test scripts another result.
 class FakeNftables : public Nftables {
  public:
-  Result run(const std::string& commands) override {
+  Result<std::string> run(const std::string& commands) override {
     texts.push_back(commands);
     auto script = scripts_.find(commands);
-    return script == scripts_.end() ? Result{true, ""} : script->second;
+    return script == scripts_.end() ? Result<std::string>(std::string()) : script->second;
   }
 
-  Result runFile(const std::string& path) override { return run("file " + path); }
+  Result<std::string> runFile(const std::string& path) override { return run("file " + path); }
 
   void prints(const std::string& commands, const std::string& text) {
-    scripts_[commands] = {true, text};
+    scripts_.insert_or_assign(commands, text);
   }
   void refuses(const std::string& commands, const std::string& text) {
-    scripts_[commands] = {false, text};
+    scripts_.insert_or_assign(commands, Failure{text});
   }
 
   /// What came since the last call.
@@ -39,7 +40,7 @@ class FakeNftables : public Nftables {
   std::vector<std::string> texts;
 
  private:
-  std::map<std::string, Result> scripts_;
+  std::map<std::string, Result<std::string>> scripts_;
 };
 
 /// Flows that a test writes down. A sweep is over when the test says so.

@@ -28,12 +28,13 @@ using namespace std::chrono_literals;
 /// The real kernel in a network namespace of the test's own.
 class NatKernelTest : public ::testing::Test {
  protected:
-  void opensTable() { ASSERT_EQ(map->open(NAT_RULESET_FILE), std::nullopt); }
+  void opensTable() { ASSERT_EQ(whyNot(map->open(NAT_RULESET_FILE)), ""); }
 
   /// What another program sees.
   static std::string seenBySomebodyElse(const std::string& command) {
     LibNftables other;
-    return other.run(command).text;
+    const Result<std::string> seen = other.run(command);
+    return seen ? *seen : seen.why();
   }
 
   static bool comesToHold(const std::function<bool()>& condition) {
@@ -73,20 +74,21 @@ std::string listed(int protocol) {
 // Also proves [kernel-element].
 TEST_F(NatKernelTest, HoldsAnElementForEachOpenPort) {
   opensTable();
-  EXPECT_EQ(map->add(key, client), std::nullopt);
+  EXPECT_EQ(whyNot(map->add(key, client)), "");
   EXPECT_NE(
       seenBySomebodyElse(listMap).find("45.45.45.1 . " + listed(IPPROTO_TCP) +
                                        " . 8080 counter packets 0 bytes 0 : 192.168.88.10 . 80"),
       std::string::npos);
-  EXPECT_EQ(map->remove({key}), std::nullopt);
+  EXPECT_EQ(whyNot(map->remove({key})), "");
   EXPECT_EQ(seenBySomebodyElse(listMap).find("45.45.45.1"), std::string::npos);
 }
 
 TEST_F(NatKernelTest, SaysWhyItRefuses) {
   opensTable();
-  EXPECT_EQ(map->add(key, client), std::nullopt);
-  EXPECT_EQ(map->add(key, {client.address, 81}), "Error: Could not process rule: File exists");
-  EXPECT_EQ(map->remove({key, {key.external, 17}}),
+  EXPECT_EQ(whyNot(map->add(key, client)), "");
+  EXPECT_EQ(whyNot(map->add(key, {client.address, 81})),
+            "Error: Could not process rule: File exists");
+  EXPECT_EQ(whyNot(map->remove({key, {key.external, 17}})),
             "Error: Could not process rule: No such file or directory");
   EXPECT_NE(seenBySomebodyElse(listMap).find("192.168.88.10 . 80"), std::string::npos)
       << "the transaction did nothing";
@@ -97,8 +99,8 @@ TEST_F(NatKernelTest, KeepsTheCounterOverAChange) {
   ASSERT_TRUE(nftables
                   ->run("add element ip lumen forwards { 45.45.45.1 . tcp . 8080 counter packets 7 "
                         "bytes 900 : 192.168.88.10 . 80 }")
-                  .done);
-  EXPECT_EQ(map->change(key, {client.address, 81}), std::nullopt);
+                  .ok());
+  EXPECT_EQ(whyNot(map->change(key, {client.address, 81})), "");
   EXPECT_NE(
       seenBySomebodyElse(listMap).find("45.45.45.1 . " + listed(IPPROTO_TCP) +
                                        " . 8080 counter packets 7 bytes 900 : 192.168.88.10 . 81"),
@@ -108,11 +110,11 @@ TEST_F(NatKernelTest, KeepsTheCounterOverAChange) {
 TEST_F(NatKernelTest, TellsHowOftenAPortWasUsed) {
   opensTable();
   const RuleKey udp{.external = key.external, .protocol = 17};
-  ASSERT_EQ(map->add(udp, client), std::nullopt);
+  ASSERT_EQ(whyNot(map->add(udp, client)), "");
   ASSERT_TRUE(nftables
                   ->run("add element ip lumen forwards { 45.45.45.1 . tcp . 8080 counter packets 7 "
                         "bytes 900 : 192.168.88.10 . 80 }")
-                  .done);
+                  .ok());
   EXPECT_EQ(map->uses(), (std::map<RuleKey, uint64_t>{{key, 7}, {udp, 0}}));
   EXPECT_EQ(map->uses(key), 7U);
 }
@@ -121,23 +123,23 @@ TEST_F(NatKernelTest, TellsHowOftenAPortWasUsed) {
 // leaves it out.
 TEST_F(NatKernelTest, KeepsTheTableFromEverybodyElse) {
   opensTable();
-  EXPECT_EQ(map->add(key, client), std::nullopt);
+  EXPECT_EQ(whyNot(map->add(key, client)), "");
   LibNftables other;
-  EXPECT_TRUE(other.run("flush ruleset").done);
+  EXPECT_TRUE(other.run("flush ruleset").ok());
   for (const char* command :
        {"delete table ip lumen", "flush map ip lumen forwards", "flush chain ip lumen dstnat",
         "delete element ip lumen forwards { 45.45.45.1 . tcp . 8080 }"}) {
-    EXPECT_FALSE(other.run(command).done) << command;
+    EXPECT_FALSE(other.run(command).ok()) << command;
   }
-  EXPECT_NE(other.run(listMap).text.find("192.168.88.10 . 80"), std::string::npos);
-  EXPECT_EQ(map->remove({key}), std::nullopt);
+  EXPECT_NE(seenBySomebodyElse(listMap).find("192.168.88.10 . 80"), std::string::npos);
+  EXPECT_EQ(whyNot(map->remove({key})), "");
 }
 
 // Also proves [one-table].
 TEST_F(NatKernelTest, RefusesASecondTableInTheSameNamespace) {
   opensTable();
   LibNftables other;
-  EXPECT_EQ(NatMap(other).open(NAT_RULESET_FILE),
+  EXPECT_EQ(whyNot(NatMap(other).open(NAT_RULESET_FILE)),
             "nftables table ip lumen exists already: another lumend runs in this network "
             "namespace, or somebody else made it");
 }
@@ -145,7 +147,7 @@ TEST_F(NatKernelTest, RefusesASecondTableInTheSameNamespace) {
 // Promise [kernel-gone]: The table goes with lumend, however that ends.
 TEST_F(NatKernelTest, RemovesTheTableAtItsEnd) {
   opensTable();
-  EXPECT_EQ(map->add(key, client), std::nullopt);
+  EXPECT_EQ(whyNot(map->add(key, client)), "");
   nftables.reset();
   EXPECT_TRUE(comesToHold([] { return seenBySomebodyElse("list tables ip").empty(); }));
 }
@@ -156,7 +158,7 @@ TEST_F(NatKernelTest, RemovesTheTableWhenItsProcessIsKilled) {
   pid_t child = fork();
   if (child == 0) {
     LibNftables childs;
-    if (NatMap(childs).open(NAT_RULESET_FILE)) _exit(1);
+    if (!NatMap(childs).open(NAT_RULESET_FILE)) _exit(1);
     for (;;) pause();
   }
   EXPECT_TRUE(
@@ -185,8 +187,8 @@ TEST_F(NatKernelTest, IsNotUsedWhenChildrenWouldKeepItsSocket) {
   lm::test::LogCapture log;
   whileRefused({SCMP_SYS(getsockopt), SOL_SOCKET, SO_PROTOCOL}, EPERM, [] {
     LibNftables unusable;
-    EXPECT_FALSE(unusable.run("list tables").done);
-    EXPECT_EQ(unusable.runFile(NAT_RULESET_FILE).text, "libnftables cannot be used");
+    EXPECT_FALSE(unusable.run("list tables").ok());
+    EXPECT_EQ(whyNot(unusable.runFile(NAT_RULESET_FILE)), "libnftables cannot be used");
   });
   EXPECT_EQ(log.text(), "nftables socket: not found: Operation not permitted\n");
 }
@@ -194,16 +196,16 @@ TEST_F(NatKernelTest, IsNotUsedWhenChildrenWouldKeepItsSocket) {
 TEST_F(NatKernelTest, SaysWhatIsWrongWithTheRulesetFile) {
   TemporaryDirectory directory;
   std::string missing = directory.path() + "/missing.nft";
-  std::string error = map->open(missing).value_or("");
+  std::string error = whyNot(map->open(missing));
   EXPECT_NE(error.find("Could not open file \"" + missing + "\": No such file or directory"),
             std::string::npos)
       << error;
   std::string broken =
       directory.file("broken.nft", "table ip lumen {\n\tflags owner\n\tmop x\n}\n");
-  error = map->open(broken).value_or("");
+  error = whyNot(map->open(broken));
   EXPECT_NE(error.find(broken + ":3:2-4: Error: syntax error"), std::string::npos) << error;
   std::string unowned = directory.file("unowned.nft", "table ip lumen { }\n");
-  EXPECT_EQ(map->open(unowned),
+  EXPECT_EQ(whyNot(map->open(unowned)),
             "the NAT ruleset " + unowned + " does not make a table ip lumen with \"flags owner\"");
   EXPECT_EQ(seenBySomebodyElse("list tables ip"), "");
   opensTable();
@@ -219,7 +221,7 @@ TEST_F(NatKernelTest, ChangesCostTheSameWith5000Elements) {
     for (uint16_t port = first; port < first + 100; ++port) {
       RuleKey one{.external = {.address = key.external.address, .port = port}, .protocol = 17};
       auto begin = std::chrono::steady_clock::now();
-      EXPECT_EQ(map->add(one, client), std::nullopt);
+      EXPECT_EQ(whyNot(map->add(one, client)), "");
       fastest =
           std::min<std::chrono::nanoseconds>(fastest, std::chrono::steady_clock::now() - begin);
     }
@@ -230,7 +232,7 @@ TEST_F(NatKernelTest, ChangesCostTheSameWith5000Elements) {
   for (int port = 10100; port < 14900; ++port) {
     most += "45.45.45.1 . udp . " + std::to_string(port) + " : 192.168.88.10 . 80, ";
   }
-  ASSERT_TRUE(nftables->run(most + " }").done);
+  ASSERT_TRUE(nftables->run(most + " }").ok());
   auto late = fastestAdd(14900);
   RecordProperty("first_ns", std::to_string(early.count()));
   RecordProperty("last_ns", std::to_string(late.count()));
@@ -240,7 +242,7 @@ TEST_F(NatKernelTest, ChangesCostTheSameWith5000Elements) {
   for (uint16_t port = 10000; port < 15000; ++port) {
     all.push_back({.external = {.address = key.external.address, .port = port}, .protocol = 17});
   }
-  EXPECT_EQ(map->remove(all), std::nullopt) << "in one transaction";
+  EXPECT_EQ(whyNot(map->remove(all)), "") << "in one transaction";
   EXPECT_EQ(seenBySomebodyElse(listMap).find("45.45.45.1"), std::string::npos);
 }
 
@@ -251,13 +253,13 @@ class NatFlowsTest : public NatKernelTest, private FlowCleaner::OpenPorts {
 
   void opens(uint16_t port, const char* address = "45.45.45.1") {
     const RuleKey rule = udpKey(port, address);
-    EXPECT_EQ(map->add(rule, client), std::nullopt);
+    EXPECT_EQ(whyNot(map->add(rule, client)), "");
     open.insert(rule.external);
     cleaner.changed(rule.external);
   }
   void closes(uint16_t port, const char* address = "45.45.45.1") {
     const RuleKey rule = udpKey(port, address);
-    EXPECT_EQ(map->remove({rule}), std::nullopt);
+    EXPECT_EQ(whyNot(map->remove({rule})), "");
     open.erase(rule.external);
     cleaner.changed(rule.external);
   }
@@ -330,7 +332,7 @@ TEST_F(NatFlowsTest, CountsTheFirstPacketOfEachFlow) {
   opens(8080);
   for (uint16_t port = 4000; port < 4003; ++port) knocks(host.udpSocket(port, 8080));
   EXPECT_TRUE(comesToHold([&] { return translated() == 3; }));
-  EXPECT_EQ(map->change(udpKey(8080), client), std::nullopt);
+  EXPECT_EQ(whyNot(map->change(udpKey(8080), client)), "");
   std::string seen = seenBySomebodyElse(listMap);
   EXPECT_NE(seen.find("45.45.45.1 . " + listed(IPPROTO_UDP) + " . 8080 counter packets 3 "),
             std::string::npos)

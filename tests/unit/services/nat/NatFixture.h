@@ -18,6 +18,7 @@
 #include "support/Describe.h"
 #include "support/Ipv4Text.h"
 #include "support/ManualClock.h"
+#include "support/WhyNot.h"
 
 namespace lumen::test {
 
@@ -100,7 +101,7 @@ inline lm::message idOnly(uint32_t id) {
 /// The whole table on a recorded kernel and a clock that stands still.
 class NatFixture : public ::testing::Test {
  protected:
-  NatFixture() { EXPECT_EQ(policies.load(), std::nullopt); }
+  NatFixture() { EXPECT_EQ(whyNot(policies.load()), ""); }
 
   // What the daemon does.
 
