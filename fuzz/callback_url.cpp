@@ -7,8 +7,9 @@
 #include <optional>
 #include <string>
 
+#include "base/Text.h"
 #include "fuzz/Fuzz.h"
-#include "http/Text.h"
+#include "net/Address.h"
 #include "platform/Keys.h"
 #include "platform/Looper.h"
 #include "support/TestPlatform.h"

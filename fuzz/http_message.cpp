@@ -4,11 +4,11 @@
 #include <algorithm>
 #include <string>
 
+#include "base/Text.h"
 #include "fuzz/Fuzz.h"
 #include "http/HTTPMessage.h"
 #include "http/RequestLine.h"
 #include "http/RequestScanner.h"
-#include "http/Text.h"
 
 namespace {
 

@@ -4,11 +4,12 @@
 
 #include <string>
 
+#include "base/Text.h"
 #include "fuzz/Fuzz.h"
 #include "fuzz/NatTable.h"
 #include "fuzz/XmlChecks.h"
-#include "http/Text.h"
 #include "igd/WANIPConnection.h"
+#include "net/Address.h"
 #include "platform/Keys.h"
 #include "platform/Looper.h"
 #include "support/TestPlatform.h"

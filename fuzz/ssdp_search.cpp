@@ -6,7 +6,7 @@
 #include "core/WANTree.h"
 #include "description/UpnpRootDevice.h"
 #include "fuzz/Fuzz.h"
-#include "http/Text.h"
+#include "net/Address.h"
 #include "ssdp/SearchResponder.h"
 
 namespace {

@@ -2,7 +2,7 @@
 
 #include "core/Gateway.h"
 #include "http/Server.h"
-#include "http/Sockets.h"
+#include "net/Sockets.h"
 #include "platform/Keys.h"
 #include "platform/wire/Interfaces.h"
 #include "ssdp/Advertiser.h"

@@ -7,9 +7,9 @@
 
 #include "core/DevObj.h"
 #include "http/ServedInterface.h"
-#include "http/Text.h"
 #include "igd/WANCommonInterfaceConfig.h"
 #include "igd/WANIPConnection.h"
+#include "net/Address.h"
 #include "platform/Fd.h"
 #include "platform/Timer.h"
 #include "platform/Watch.h"

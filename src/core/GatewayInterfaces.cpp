@@ -6,6 +6,7 @@
 #include "base/Log.h"
 #include "core/Gateway.h"
 #include "core/WANTree.h"
+#include "net/Address.h"
 #include "ssdp/Advertiser.h"
 
 void Gateway::startInternal(Device& device) {

@@ -3,8 +3,10 @@
 #include <cstdlib>
 
 #include "base/Log.h"
+#include "base/Text.h"
 #include "core/Gateway.h"
 #include "http/Server.h"
+#include "net/Address.h"
 #include "ssdp/SearchResponder.h"
 
 void Gateway::handleSearch(int socket) {

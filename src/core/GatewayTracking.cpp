@@ -5,6 +5,7 @@
 
 #include "base/Log.h"
 #include "core/Gateway.h"
+#include "net/Address.h"
 #include "platform/Keys.h"
 #include "platform/Reget.h"
 #include "platform/wire/Addresses.h"

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "http/Text.h"
+#include "base/Text.h"
 
 WANTree::WANTree(const std::string& identity, uint32_t interfaceId)
     : commonIfc("upnp-org", "WANCommonInterfaceConfig:1", "WANCommonIFC1",

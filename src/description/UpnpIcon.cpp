@@ -1,6 +1,6 @@
 #include "description/UpnpIcon.h"
 
-#include "http/Text.h"
+#include "base/Text.h"
 
 XMLNode UpnpIcon::getDescription() const {
   XMLNode icon("icon");

@@ -5,9 +5,9 @@
 #include <ctime>
 #include <optional>
 
+#include "base/CRLF.h"
+#include "base/Text.h"
 #include "http/HeaderLine.h"
-#include "http/Text.h"
-#include "xml/CRLF.h"
 
 namespace {
 

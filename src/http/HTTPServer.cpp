@@ -12,8 +12,7 @@
 
 #include "base/Log.h"
 #include "http/RequestLine.h"
-#include "http/Server.h"
-#include "http/Sockets.h"
+#include "net/Sockets.h"
 
 namespace {
 

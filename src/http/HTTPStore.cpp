@@ -9,9 +9,9 @@
 #include <optional>
 
 #include "base/Log.h"
+#include "base/Text.h"
 #include "http/RequestLine.h"
 #include "http/Server.h"
-#include "http/Text.h"
 #include "platform/Fd.h"
 
 namespace {

@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
+#include "base/Text.h"
 #include "http/HeaderLine.h"
-#include "http/Text.h"
 
 bool RequestScanner::complete(std::string_view received) {
   while ((state == State::startLine || state == State::headers) && takeLine(received)) {

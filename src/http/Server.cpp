@@ -1,6 +1,7 @@
 #include "http/Server.h"
 
-#include "http/Text.h"
+#include "base/Text.h"
+#include "net/Address.h"
 #include "platform/System.h"
 
 // The platform's text ends in the blank that separates the tokens.

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -15,9 +14,6 @@ inline constexpr uint16_t HTTP_PORT = 2828;
 
 /// The path of the root device's description.
 inline constexpr const char* DESCRIPTION_URL = "/gateway.xml";
-
-/// The most bytes that one read takes from a socket.
-inline constexpr size_t BUFLEN = 4096;
 
 /// "http://<address>:2828" for an address in network byte order.
 [[nodiscard]] std::string serverUrl(uint32_t address);

@@ -1,6 +1,6 @@
 #include "igd/WANCommonInterfaceConfig.h"
 
-#include "http/Text.h"
+#include "base/Text.h"
 #include "igd/DeviceStats.h"
 #include "platform/Keys.h"
 #include "platform/System.h"

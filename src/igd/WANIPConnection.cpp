@@ -4,8 +4,9 @@
 #include <iterator>
 
 #include "base/Log.h"
-#include "http/Text.h"
+#include "base/Text.h"
 #include "igd/NatRules.h"
+#include "net/Address.h"
 #include "platform/Keys.h"
 #include "platform/Looper.h"
 #include "platform/System.h"

@@ -6,7 +6,7 @@
 
 #include "base/Log.h"
 #include "http/Server.h"
-#include "http/Sockets.h"
+#include "net/Sockets.h"
 #include "ssdp/Datagram.h"
 
 HTTPMessage advert(uint32_t address, const std::string& target, const std::string& usn,

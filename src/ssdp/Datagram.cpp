@@ -5,9 +5,9 @@
 #include <cerrno>
 #include <cstddef>
 
+#include "base/Text.h"
 #include "http/Server.h"
-#include "http/Sockets.h"
-#include "http/Text.h"
+#include "net/Sockets.h"
 #include "ssdp/Advertiser.h"
 
 std::string ssdpHost() { return SSDP_IP + (":" + uinttostr(SSDP_PORT)); }

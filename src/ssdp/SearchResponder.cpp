@@ -6,7 +6,7 @@
 
 #include "base/Log.h"
 #include "http/Server.h"
-#include "http/Sockets.h"
+#include "net/Sockets.h"
 #include "platform/Fd.h"
 #include "ssdp/Datagram.h"
 

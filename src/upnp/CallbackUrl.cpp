@@ -6,8 +6,9 @@
 #include <string_view>
 
 #include "base/Log.h"
-#include "http/Sockets.h"
-#include "http/Text.h"
+#include "base/Text.h"
+#include "net/Address.h"
+#include "net/Sockets.h"
 #include "platform/Keys.h"
 #include "platform/Looper.h"
 #include "platform/wire/Resolver.h"

@@ -11,8 +11,7 @@
 
 #include "base/Log.h"
 #include "http/HTTPMessage.h"
-#include "http/Server.h"
-#include "http/Sockets.h"
+#include "net/Sockets.h"
 
 Service::Event::Event(Service& owner, lm::Fd connection, uint64_t number, std::string sidText,
                       std::string variableName)

@@ -12,8 +12,9 @@
 #include <vector>
 
 #include "base/Log.h"
+#include "base/Text.h"
 #include "http/Server.h"
-#include "http/Text.h"
+#include "net/Address.h"
 #include "upnp/CallbackUrl.h"
 #include "upnp/Event.h"
 #include "upnp/Service.h"

@@ -3,8 +3,8 @@
 #include <string>
 #include <utility>
 
+#include "base/Text.h"
 #include "http/Server.h"
-#include "http/Text.h"
 
 std::string_view localName(std::string_view name) {
   const size_t colon = name.rfind(':');

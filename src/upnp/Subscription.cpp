@@ -4,7 +4,7 @@
 #include <limits>
 #include <string_view>
 
-#include "http/Text.h"
+#include "base/Text.h"
 #include "upnp/Service.h"
 
 void Subscription::grant(uint32_t time) { timer.start<&Subscription::timeout>(*this, time * 100); }

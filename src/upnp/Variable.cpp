@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <optional>
 
-#include "http/Text.h"
+#include "base/Text.h"
 
 Variable::Variable(VarType variableType, bool sendsEvents)
     : evented(sendsEvents), type(variableType) {}

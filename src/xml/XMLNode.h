@@ -3,7 +3,7 @@
 #include <list>
 #include <string>
 
-#include "xml/CRLF.h"
+#include "base/CRLF.h"
 
 /// Blanks before the elements that are being written: 0 unless XMLNode::get is running.
 extern unsigned xmlIndent;

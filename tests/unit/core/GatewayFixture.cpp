@@ -10,7 +10,7 @@
 #include <array>
 #include <sstream>
 
-#include "http/Text.h"
+#include "net/Address.h"
 #include "platform/Keys.h"
 
 namespace {

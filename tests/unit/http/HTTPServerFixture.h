@@ -15,9 +15,9 @@
 
 #include "http/HTTPServer.h"
 #include "http/Server.h"
-#include "http/Sockets.h"
-#include "http/Text.h"
 #include "lumen/runtime/EventLoop.h"
+#include "net/Address.h"
+#include "net/Sockets.h"
 #include "platform/Fd.h"
 #include "platform/Watch.h"
 #include "support/ManualClock.h"

@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "http/Server.h"
-#include "http/Text.h"
 #include "platform/Keys.h"
 #include "platform/Looper.h"
 #include "support/Describe.h"

@@ -6,6 +6,7 @@
 
 #include "igd/Router.h"
 #include "igd/WANIPConnection.h"
+#include "net/Address.h"
 
 namespace {
 

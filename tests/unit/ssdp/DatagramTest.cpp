@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "net/Address.h"
 #include "ssdp/Datagram.h"
 #include "ssdp/SsdpNetwork.h"
 

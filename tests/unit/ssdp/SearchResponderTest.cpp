@@ -3,6 +3,7 @@
 #include <filesystem>
 
 #include "http/Server.h"
+#include "net/Address.h"
 #include "ssdp/SearchResponder.h"
 #include "ssdp/SsdpNetwork.h"
 

@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "http/Sockets.h"
-#include "http/Text.h"
+#include "net/Address.h"
+#include "net/Sockets.h"
 #include "platform/Fd.h"
 #include "support/PrivateNetwork.h"
 

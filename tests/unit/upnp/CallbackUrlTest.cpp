@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "http/Text.h"
+#include "net/Address.h"
 #include "platform/Keys.h"
 #include "platform/Looper.h"
 #include "support/Describe.h"

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "http/Text.h"
+#include "net/Address.h"
 #include "support/RefusedCall.h"
 #include "upnp/Event.h"
 #include "upnp/EventedLamp.h"

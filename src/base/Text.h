@@ -5,18 +5,7 @@
 #include <string>
 #include <string_view>
 
-// Conversions between texts, numbers and IPv4 addresses. Addresses are in network byte order, as
-// inet_addr gives them and inet_ntoa takes them.
-
-/// What strtoip gives for a text that writes no address.
-inline constexpr uint32_t noAddress = 0xFFFFFFFF;
-
-/// The address that `text` writes in dotted form; noAddress when it writes none.
-[[nodiscard]] uint32_t strtoip(const std::string& text);
-[[nodiscard]] std::string iptostr(uint32_t address);
-/// The address as the number that a big-endian machine sees, which is what it is sorted and logged
-/// by on every machine.
-[[nodiscard]] uint32_t iptonumber(uint32_t address);
+// Conversions between texts and numbers.
 
 /// What strtoul of base 10 gives where unsigned long has 32 bits, on every machine: leading white
 /// space and one sign are accepted, anything behind the digits is ignored, no digits give 0, a

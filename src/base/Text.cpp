@@ -1,15 +1,7 @@
-#include "http/Text.h"
-
-#include <arpa/inet.h>
+#include "base/Text.h"
 
 #include <algorithm>
 #include <limits>
-
-uint32_t strtoip(const std::string& text) { return inet_addr(text.c_str()); }
-
-std::string iptostr(uint32_t address) { return inet_ntoa(in_addr{address}); }
-
-uint32_t iptonumber(uint32_t address) { return ntohl(address); }
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "http/Sockets.h"
+#include "net/Sockets.h"
 
 #include <arpa/inet.h>
 #include <net/if.h>

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -10,6 +11,9 @@ inline constexpr uint16_t SSDP_PORT = 1900;
 
 /// The port of an HTTP URL that names none. Not the port of our server.
 inline constexpr uint16_t DEFAULT_HTTP_PORT = 80;
+
+/// The most bytes that one read takes from a socket.
+inline constexpr size_t BUFLEN = 4096;
 
 // Every socket is bound to one network device before it is used, and closed on exec. On failure the
 // makers log one line and return -1. The caller owns the socket.

@@ -13,8 +13,9 @@
 #include <string>
 #include <string_view>
 
-#include "http/Sockets.h"
-#include "http/Text.h"
+#include "base/Text.h"
+#include "net/Address.h"
+#include "net/Sockets.h"
 #include "platform/Fd.h"
 #include "support/PrivateNetwork.h"
 #include "support/RefusedCall.h"
