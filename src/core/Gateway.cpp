@@ -17,8 +17,6 @@ namespace {
 constexpr uint32_t leaveDelay = 1000;  // milliseconds
 constexpr uint32_t settingsRecord = 0;
 
-// The settings, all bool.
-
 }  // namespace
 
 Gateway::Gateway() : lm::Map<DevObj>("/lumen/store/upnp", 1, -2) {}
@@ -74,10 +72,7 @@ void Gateway::enable() {
   devicesStatus({});
   addrsChanged({});
   for (const DevObj* object : objects()) {
-    Device* device = knownDevice(object->interface);
-    if (device == nullptr) continue;
-    if (device->type == interface_type::external) startExternal(*device);
-    if (device->type == interface_type::internal) startInternal(*device);
+    if (Device* device = knownDevice(object->interface)) start(*device);
   }
 }
 
@@ -87,10 +82,7 @@ void Gateway::disable() {
   unsubscribe(lm::cmd::changed, lm::interfaces::path());
   unsubscribe(lm::cmd::changed, lm::addresses::path());
   for (const DevObj* object : objects()) {
-    Device* device = knownDevice(object->interface);
-    if (device == nullptr) continue;
-    if (device->type == interface_type::external) stopExternal(*device);
-    if (device->type == interface_type::internal) stopInternal(*device);
+    if (Device* device = knownDevice(object->interface)) stop(*device);
   }
   // What is still in use has no object any more that could stop it.
   for (const auto& [id, device] : devices) retire(*device);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <list>
 #include <map>
 #include <memory>
 #include <string>
@@ -83,6 +84,10 @@ class Gateway : public lm::Map<DevObj>, public UpnpRootDevice, private RequestHa
   [[nodiscard]] Device* knownDevice(uint32_t interface) const;
 
   // GatewayInterfaces.cpp: start and stop of an interface, on the LAN side and on the WAN side.
+  /// Starts what the interface's type asks for, unless it is started.
+  void start(Device& device);
+  /// Ends what start began.
+  void stop(Device& device);
   void startInternal(Device& device);
   void stopInternal(Device& device);
   void startExternal(Device& device);
@@ -91,6 +96,8 @@ class Gateway : public lm::Map<DevObj>, public UpnpRootDevice, private RequestHa
   void retire(Device& device);
   void registerService(Service& service, const UpnpServiceDescr& urls);
   void unregisterService(const Service* service);
+  /// The interface's sub-tree among the embedded devices, or their end when it has none.
+  [[nodiscard]] std::list<UpnpDevice>::iterator findWanDevice(const Device& device);
   void destroyServices(Device& device);
   void rebuildSearchTargets();
   /// On every internal interface that is started.

@@ -9,6 +9,25 @@
 #include "net/Address.h"
 #include "ssdp/Advertiser.h"
 
+namespace {
+
+/// One burst on an internal interface that is started.
+void announce(const Device& device, const SearchTargets& targets, bool byebye) {
+  sendAdverts(device.discoverySocket.get(), device.address, targets, byebye);
+}
+
+}  // namespace
+
+void Gateway::start(Device& device) {
+  if (device.type == interface_type::external) startExternal(device);
+  if (device.type == interface_type::internal) startInternal(device);
+}
+
+void Gateway::stop(Device& device) {
+  if (device.type == interface_type::external) stopExternal(device);
+  if (device.type == interface_type::internal) stopInternal(device);
+}
+
 void Gateway::startInternal(Device& device) {
   logLine("intr: ", device.started, " ", iptonumber(device.address));
   if (device.started || device.address == 0) return;
@@ -21,7 +40,7 @@ void Gateway::startInternal(Device& device) {
 void Gateway::stopInternal(Device& device) {
   if (!device.started) return;
   logLine("stop int: ", device.displayName());
-  sendAdverts(device.discoverySocket.get(), device.address, searchTargets, true);
+  announce(device, searchTargets, true);
   device.closeSockets();
   device.started = false;
 }
@@ -53,18 +72,14 @@ void Gateway::startExternal(Device& device) {
 void Gateway::stopExternal(Device& device) {
   if (!device.started) return;
   logLine("stop ext: ", device.displayName());
-  std::list<UpnpDevice>& embedded = UpnpRootDevice::devices;
-  const auto wanDevice = std::find_if(
-      embedded.begin(), embedded.end(),
-      [udn = WANTree::udn(identity, device.id())](const auto& d) { return d.descr.UDN == udn; });
-  if (wanDevice != embedded.end()) {
+  const auto wanDevice = findWanDevice(device);
+  if (wanDevice != UpnpRootDevice::devices.end()) {
     SearchTargets withdrawn;
     wanDevice->getSearchTargets(withdrawn);
     sendAdvertsEverywhere(withdrawn, true);
-    // The tree is read while the device is still in it: whoever searches for the device is answered
-    // until the targets are made anew.
+    // In this order searches for the device are answered until the next rebuild.
     rebuildSearchTargets();
-    embedded.erase(wanDevice);
+    UpnpRootDevice::devices.erase(wanDevice);
   }
   destroyServices(device);
   device.started = false;
@@ -73,14 +88,19 @@ void Gateway::stopExternal(Device& device) {
 void Gateway::retire(Device& device) {
   device.closeSockets();
   if (device.commonIfc) {
-    std::erase_if(UpnpRootDevice::devices,
-                  [udn = WANTree::udn(identity, device.id())](const UpnpDevice& embedded) {
-                    return embedded.descr.UDN == udn;
-                  });
+    const auto wanDevice = findWanDevice(device);
+    if (wanDevice != UpnpRootDevice::devices.end()) UpnpRootDevice::devices.erase(wanDevice);
     rebuildSearchTargets();
     destroyServices(device);
   }
   device.started = false;
+}
+
+std::list<UpnpDevice>::iterator Gateway::findWanDevice(const Device& device) {
+  const std::string udn = WANTree::udn(identity, device.id());
+  return std::ranges::find_if(UpnpRootDevice::devices, [&udn](const UpnpDevice& embedded) {
+    return embedded.descr.UDN == udn;
+  });
 }
 
 void Gateway::registerService(Service& service, const UpnpServiceDescr& urls) {
@@ -106,13 +126,11 @@ void Gateway::rebuildSearchTargets() {
   getSearchTargets(searchTargets);
 }
 
-void Gateway::advertise(const Device& device) const {
-  sendAdverts(device.discoverySocket.get(), device.address, searchTargets, false);
-}
+void Gateway::advertise(const Device& device) const { announce(device, searchTargets, false); }
 
 void Gateway::sendAdvertsEverywhere(const SearchTargets& targets, bool byebye) const {
   for (const auto& [id, device] : devices) {
     if (!device->isStarted(interface_type::internal)) continue;
-    sendAdverts(device->discoverySocket.get(), device->address, targets, byebye);
+    announce(*device, targets, byebye);
   }
 }

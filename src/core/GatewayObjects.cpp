@@ -35,15 +35,12 @@ void Gateway::applyObject(const DevObj& object) {
   Device* device = knownDevice(object.interface);
   if (device == nullptr || object.disabled) return;
   device->type = object.type;
-  if (!enabled) return;
-  if (device->type == interface_type::external) startExternal(*device);
-  if (device->type == interface_type::internal) startInternal(*device);
+  if (enabled) start(*device);
 }
 
 void Gateway::withdrawObject(const DevObj& object) {
   Device* device = knownDevice(object.interface);
   if (device == nullptr) return;
-  if (device->type == interface_type::internal) stopInternal(*device);
-  if (device->type == interface_type::external) stopExternal(*device);
+  stop(*device);
   device->type = interface_type::none;
 }

@@ -89,9 +89,7 @@ void Gateway::addDevice(const lm::message& record) {
     if (object->interface != id) continue;
     device->type = object->type;
     logLine("set type: ", device->type, " ", id);
-    if (!enabled) continue;
-    if (device->type == interface_type::external) startExternal(*device);
-    if (device->type == interface_type::internal) startInternal(*device);
+    if (enabled) start(*device);
   }
   devices[id] = device;
 }

@@ -10,6 +10,7 @@
 #include "platform/Keys.h"
 #include "platform/Looper.h"
 #include "platform/System.h"
+#include "platform/wire/Interfaces.h"
 
 namespace {
 
@@ -64,16 +65,6 @@ void appendEntry(const Id& id, const PortMap& mapping, std::vector<std::string>&
   out.push_back(uinttostr(id.externalPort));
   out.push_back(id.protocol == Id::tcp ? "TCP" : "UDP");
   appendMapping(mapping, out);
-}
-
-/// Enables or disables the interface with this object id.
-lm::message setDisabled(uint32_t interfaceId, bool disabled) {
-  lm::message request;
-  request.insert_u32_array(lm::key::destination,
-                           {lm::service::interfaces, lm::handler::interfaces});
-  request.insert_u32(lm::key::objectId, interfaceId);
-  request.insert_bool(lm::key::disabled, disabled);
-  return lm::getLooper().exchangeCmd(request, lm::cmd::setObject, lm::exchangeLimit);
 }
 
 }  // namespace
@@ -194,25 +185,27 @@ UPNPStatus WANIPConnection::setConnectionType(const Values& /*in*/, Values& /*ou
 }
 
 UPNPStatus WANIPConnection::requestConnection(const Values& /*in*/, Values& /*out*/) {
-  if (!allowDisIface) return UPNP_ACTION_FAILED;
-  const lm::message reply = setDisabled(deviceId, false);
-  if (lm::isError(reply)) {
-    logLine("enable device failed: ", lm::getError(reply));
-    return UPNP_ACTION_FAILED;
-  }
-  // It is connected when the platform says that the interface runs.
-  setStatus(STATUS_CONNECTING);
-  return UPNP_SUCCESS;
+  // The status becomes "Connected" when the platform reports that the interface runs.
+  return switchInterface(false, STATUS_CONNECTING);
 }
 
 UPNPStatus WANIPConnection::forceTermination(const Values& /*in*/, Values& /*out*/) {
+  return switchInterface(true, STATUS_DISCONNECTED);
+}
+
+UPNPStatus WANIPConnection::switchInterface(bool disabled, Status next) {
   if (!allowDisIface) return UPNP_ACTION_FAILED;
-  const lm::message reply = setDisabled(deviceId, true);
+  lm::message request;
+  request.insert_u32_array(lm::key::destination, lm::interfaces::path());
+  request.insert_u32(lm::key::objectId, deviceId);
+  request.insert_bool(lm::key::disabled, disabled);
+  const lm::message reply =
+      lm::getLooper().exchangeCmd(request, lm::cmd::setObject, lm::exchangeLimit);
   if (lm::isError(reply)) {
-    logLine("disable device failed: ", lm::getError(reply));
+    logLine(disabled ? "disable" : "enable", " device failed: ", lm::getError(reply));
     return UPNP_ACTION_FAILED;
   }
-  setStatus(STATUS_DISCONNECTED);
+  setStatus(next);
   return UPNP_SUCCESS;
 }
 

@@ -50,6 +50,8 @@ class WANIPConnection : public Service {
   UPNPStatus addPortMapping(const Values& in, Values& out);
   UPNPStatus deletePortMapping(const Values& in, Values& out);
 
+  /// Enables or disables the interface; the status becomes `next` when the platform has done it.
+  UPNPStatus switchInterface(bool disabled, Status next);
   /// Gives `mapping` what `wanted` has, once its rule has it.
   UPNPStatus changeMapping(PortMap& mapping, PortMap wanted);
   /// Sets PortMappingNumberOfEntries.
