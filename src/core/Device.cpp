@@ -10,16 +10,16 @@
 void Device::openSockets(Gateway& gateway) {
   discoverySocket.reset(
       makeDiscoverySocket(interfaceName(), record.get_u32(lm::interfaces::key::index), address));
-  discoveryWatch.start<&Gateway::handleSearch>(discoverySocket.get(), gateway, lm::watchRead);
+  discoveryWatch_.start<&Gateway::handleSearch>(discoverySocket.get(), gateway, lm::watchRead);
   listenSocket.reset(makeTcpSocket(interfaceName(), HTTP_PORT));
-  listenWatch.start<&Gateway::acceptHttp>(listenSocket.get(), gateway, lm::watchAccept);
-  timer.start<&Device::advertTimer>(*this, ADVERT_INTERVAL);
+  listenWatch_.start<&Gateway::acceptHttp>(listenSocket.get(), gateway, lm::watchAccept);
+  timer_.start<&Device::advertTimer>(*this, ADVERT_INTERVAL);
 }
 
 void Device::closeSockets() {
-  timer.stop();
-  discoveryWatch.stop();
-  listenWatch.stop();
+  timer_.stop();
+  discoveryWatch_.stop();
+  listenWatch_.stop();
   discoverySocket.reset();
   listenSocket.reset();
 }
@@ -44,5 +44,5 @@ std::string Device::interfaceName() const { return record.get_string(lm::interfa
 
 void Device::advertTimer() {
   theGateway->advertise(*this);
-  timer.start<&Device::advertTimer>(*this, ADVERT_INTERVAL);
+  timer_.start<&Device::advertTimer>(*this, ADVERT_INTERVAL);
 }

@@ -67,7 +67,7 @@ class Device : public ServedInterface {
  private:
   void advertTimer();
 
-  lm::Watch discoveryWatch;
-  lm::Watch listenWatch;
-  lm::Timer timer;
+  lm::Watch discoveryWatch_;
+  lm::Watch listenWatch_;
+  lm::Timer timer_;
 };

@@ -86,8 +86,8 @@ void Gateway::disable() {
   }
   // What is still in use has no object any more that could stop it.
   for (const auto& [id, device] : devices) retire(*device);
-  for (const auto& [id, device] : departed) retire(*device);
-  departed.clear();
+  for (const auto& [id, device] : departed_) retire(*device);
+  departed_.clear();
   osInfo.flushSubscriptions();
 }
 

@@ -49,7 +49,7 @@ class Gateway : public lm::Map<DevObj>, public UpnpRootDevice, private RequestHa
   /// Answers a search on a discovery socket that is ready.
   void handleSearch(int socket);
   /// Takes a connection from a listening socket that is ready. Returns whether there was one.
-  bool acceptHttp(int listenFd) { return httpServer.acceptHttp(listenFd); }
+  bool acceptHttp(int listenFd) { return httpServer_.acceptHttp(listenFd); }
   /// Announces the whole tree on an internal interface.
   void advertise(const Device& device) const;
 
@@ -112,13 +112,13 @@ class Gateway : public lm::Map<DevObj>, public UpnpRootDevice, private RequestHa
                                               const std::string& url) override;
   [[nodiscard]] HTTPMessage describe(const ServedInterface& device, const HTTPMessage& request);
 
-  lm::Store store{"/lumen/store/upnpm", 5};              ///< record 0: the settings
-  std::map<uint32_t, std::shared_ptr<Device>> devices;   ///< by interface id; never null
-  std::map<uint32_t, std::shared_ptr<Device>> departed;  ///< forgotten, but still in use
-  std::map<uint32_t, Addr> addrs;                        ///< by address object id
-  SearchTargets searchTargets;                           ///< of the whole tree
+  lm::Store store{"/lumen/store/upnpm", 5};               ///< record 0: the settings
+  std::map<uint32_t, std::shared_ptr<Device>> devices;    ///< by interface id; never null
+  std::map<uint32_t, std::shared_ptr<Device>> departed_;  ///< forgotten, but still in use
+  std::map<uint32_t, Addr> addrs;                         ///< by address object id
+  SearchTargets searchTargets;                            ///< of the whole tree
   HTTPStore httpStore{"/lumen/etc/upnp/"};
-  HTTPServer httpServer{*this};
+  HTTPServer httpServer_{*this};
   std::map<std::string, Service*> eventServices;    ///< by eventSubURL
   std::map<std::string, Service*> controlServices;  ///< by controlURL
   OSInfo osInfo;

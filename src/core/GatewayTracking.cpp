@@ -63,7 +63,7 @@ void Gateway::deviceChanged(const lm::message& record) {
   if ((record.get_u32(lm::interfaces::key::flags) & lm::interfaces::goneFlags) != 0) {
     logLine("rem dev: ", name);
     if (known == devices.end()) return;
-    if (known->second->started) departed[id] = std::move(known->second);
+    if (known->second->started) departed_[id] = std::move(known->second);
     devices.erase(known);
   } else if (known != devices.end()) {
     logLine("set dev: ", name, " (", id, ")");
@@ -77,9 +77,9 @@ void Gateway::deviceChanged(const lm::message& record) {
 void Gateway::addDevice(const lm::message& record) {
   const auto device = std::make_shared<Device>(record);
   const uint32_t id = device->id();
-  if (const auto former = departed.find(id); former != departed.end()) {
+  if (const auto former = departed_.find(id); former != departed_.end()) {
     retire(*former->second);
-    departed.erase(former);
+    departed_.erase(former);
   }
   for (const auto& [addrId, addr] : addrs) {
     if (addr.interface == id) device->addresses.insert(addr.address);

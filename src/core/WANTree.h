@@ -23,6 +23,6 @@ class WANTree {
   const UpnpServiceDescr ipConn;
 
  private:
-  UpnpDeviceDescr wanDevice;
-  UpnpDeviceDescr connectionDevice;
+  UpnpDeviceDescr wanDevice_;
+  UpnpDeviceDescr connectionDevice_;
 };

@@ -7,12 +7,12 @@
 
 HTTPConn::HTTPConn(lm::Fd socket, std::shared_ptr<ServedInterface> servedInterface,
                    HTTPServer& owner)
-    : fd(std::move(socket)), device(std::move(servedInterface)), server(owner) {
-  watch.start<&HTTPServer::readHttp>(fd.get(), server, lm::watchRead);
-  timer.start<&HTTPConn::timeout>(*this, timeLimit);
+    : fd(std::move(socket)), device(std::move(servedInterface)), server_(owner) {
+  watch_.start<&HTTPServer::readHttp>(fd.get(), server_, lm::watchRead);
+  timer_.start<&HTTPConn::timeout>(*this, timeLimit);
 }
 
 void HTTPConn::timeout() {
-  server.drop(fd.get());  // destroys *this
+  server_.drop(fd.get());  // destroys *this
   logLine("http request timeout");
 }

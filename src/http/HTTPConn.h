@@ -27,9 +27,9 @@ class HTTPConn {
   void append(std::string_view bytes) { buffer.append(bytes); }
   /// Whether what was received by now is one whole request. To be asked after each read, since one
   /// byte too many makes a request incomplete for good.
-  [[nodiscard]] bool requestComplete() { return scanner.complete(buffer); }
+  [[nodiscard]] bool requestComplete() { return scanner_.complete(buffer); }
   /// The bytes of the request, once it is complete.
-  [[nodiscard]] size_t requestSize() const { return scanner.size(); }
+  [[nodiscard]] size_t requestSize() const { return scanner_.size(); }
 
   lm::Fd fd;
   std::shared_ptr<ServedInterface> device;  ///< never null
@@ -38,8 +38,8 @@ class HTTPConn {
  private:
   void timeout();
 
-  HTTPServer& server;
-  RequestScanner scanner;
-  lm::Watch watch;
-  lm::Timer timer;
+  HTTPServer& server_;
+  RequestScanner scanner_;
+  lm::Watch watch_;
+  lm::Timer timer_;
 };

@@ -36,7 +36,7 @@ bool HTTPServer::acceptHttp(int listenFd) {
     logLine("accept failed");
     return false;
   }
-  auto device = handler.findListener(listenFd);
+  auto device = handler_.findListener(listenFd);
   if (!device) {
     logLine("oo jeaaa");
     exit(1);
@@ -70,7 +70,7 @@ void HTTPServer::readHttp(int fd) {
 void HTTPServer::reply(HTTPConn& conn) {
   const HTTPMessage request(conn.buffer);
   const auto [method, url] = parseRequestLine(request.startLine);
-  const std::string text = handler.handleHttpRequest(*conn.device, request, method, url).get();
+  const std::string text = handler_.handleHttpRequest(*conn.device, request, method, url).get();
   if (!writeOnce(conn.fd.get(), text)) logLine("write error");
   discardReceived(conn.fd.get());
 }

@@ -16,7 +16,7 @@ class HTTPServer {
   static constexpr size_t maxRequest = 64UL * 1024;
 
   /// `requestHandler` must outlive the server.
-  explicit HTTPServer(RequestHandler& requestHandler) : handler(requestHandler) {}
+  explicit HTTPServer(RequestHandler& requestHandler) : handler_(requestHandler) {}
   HTTPServer(const HTTPServer&) = delete;
   HTTPServer& operator=(const HTTPServer&) = delete;
 
@@ -36,6 +36,6 @@ class HTTPServer {
  private:
   void reply(HTTPConn& conn);
 
-  RequestHandler& handler;
+  RequestHandler& handler_;
   std::map<int, std::unique_ptr<HTTPConn>> conns;  ///< by socket; never null
 };

@@ -6,31 +6,31 @@
 #include "http/HeaderLine.h"
 
 bool RequestScanner::complete(std::string_view received) {
-  while ((state == State::startLine || state == State::headers) && takeLine(received)) {
+  while ((state_ == State::startLine || state_ == State::headers) && takeLine(received)) {
   }
-  if (state != State::body) return false;
-  const size_t bodySize = received.size() > lineStart ? received.size() - lineStart : 0;
-  return !length || *length == bodySize;
+  if (state_ != State::body) return false;
+  const size_t bodySize = received.size() > lineStart_ ? received.size() - lineStart_ : 0;
+  return !length_ || *length_ == bodySize;
 }
 
 bool RequestScanner::takeLine(std::string_view received) {
-  const size_t end = received.find('\r', scanned);
+  const size_t end = received.find('\r', scanned_);
   if (end == std::string_view::npos) {
-    scanned = std::max(scanned, received.size());
+    scanned_ = std::max(scanned_, received.size());
     return false;
   }
-  const std::string_view line = received.substr(lineStart, end - lineStart);
-  const bool first = state == State::startLine;
+  const std::string_view line = received.substr(lineStart_, end - lineStart_);
+  const bool first = state_ == State::startLine;
   // Behind a carriage return one byte is dropped, which may be still to come.
-  lineStart = scanned = end + 2;
+  lineStart_ = scanned_ = end + 2;
   if (first) {
-    state = State::headers;
+    state_ = State::headers;
   } else if (line.empty()) {
-    state = State::body;
+    state_ = State::body;
   } else if (const auto header = parseHeaderLine(line); !header) {
-    state = State::never;
-  } else if (!length && toUpper(header->name) == "CONTENT-LENGTH") {
-    length = strtouint(header->value);
+    state_ = State::never;
+  } else if (!length_ && toUpper(header->name) == "CONTENT-LENGTH") {
+    length_ = strtouint(header->value);
   }
   return true;
 }

@@ -16,7 +16,7 @@ class RequestScanner {
   /// The bytes of a request that is complete: its header and, when it has a CONTENT-LENGTH, its
   /// body. Without one, what was received after the header is not counted: it may belong to the
   /// next request, and how much of it is there depends on the pieces.
-  [[nodiscard]] size_t size() const { return lineStart + length.value_or(0); }
+  [[nodiscard]] size_t size() const { return lineStart_ + length_.value_or(0); }
 
  private:
   enum class State { startLine, headers, body, never };
@@ -24,8 +24,8 @@ class RequestScanner {
   /// Takes the next line if all of it is there.
   [[nodiscard]] bool takeLine(std::string_view received);
 
-  State state = State::startLine;
-  size_t lineStart = 0;            ///< start of the line, or body, that is being received
-  size_t scanned = 0;              ///< where to look for the next carriage return
-  std::optional<uint32_t> length;  ///< the first CONTENT-LENGTH
+  State state_ = State::startLine;
+  size_t lineStart_ = 0;            ///< start of the line, or body, that is being received
+  size_t scanned_ = 0;              ///< where to look for the next carriage return
+  std::optional<uint32_t> length_;  ///< the first CONTENT-LENGTH
 };

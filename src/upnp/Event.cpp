@@ -20,12 +20,12 @@ Service::Event::Event(Service& owner, lm::Fd connection, uint64_t number, std::s
       serial(number),
       sid(std::move(sidText)),
       variable(std::move(variableName)) {
-  watch.start<&Event::send>(socket.get(), *this, lm::watchWrite);
-  timer.start<&Event::timeout>(*this, NOTIFY_TIMEOUT);
+  watch_.start<&Event::send>(socket.get(), *this, lm::watchWrite);
+  timer_.start<&Event::timeout>(*this, NOTIFY_TIMEOUT);
 }
 
 void Service::Event::send(int /*fd*/, unsigned /*flags*/) {
-  watch.stop();
+  watch_.stop();
   service.deliver(*this);
 }
 
@@ -39,7 +39,7 @@ bool Service::Event::write(const std::string& notify) {
     logLine("write failed");
     return false;
   }
-  watch.start<&Event::readReply>(socket.get(), *this, lm::watchRead);
+  watch_.start<&Event::readReply>(socket.get(), *this, lm::watchRead);
   return true;
 }
 

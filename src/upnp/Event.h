@@ -43,6 +43,6 @@ class Service::Event {
   bool waiting = false;  ///< connected, but not its turn yet
 
  private:
-  lm::Watch watch;
-  lm::Timer timer;
+  lm::Watch watch_;
+  lm::Timer timer_;
 };

@@ -115,7 +115,7 @@ class Service {
   std::map<std::string, Action> actions;
   std::map<std::string, std::unique_ptr<Subscription>> subscriptions;  ///< by SID; never null
   std::map<int, std::unique_ptr<Event>> events;  ///< deliveries by socket; never null
-  uint64_t lastEvent = 0;                        ///< number of deliveries ever started
+  uint64_t lastEvent_ = 0;                       ///< number of deliveries ever started
 };
 
 template <typename Owner>

@@ -162,7 +162,7 @@ int Service::sendEvent(const Subscription& subscription, const std::string& vari
   lm::Fd connection = connectTo(subscription);
   const int fd = connection.get();
   if (fd < 0) return -1;
-  events[fd] = std::make_unique<Event>(*this, std::move(connection), ++lastEvent, subscription.sid,
+  events[fd] = std::make_unique<Event>(*this, std::move(connection), ++lastEvent_, subscription.sid,
                                        variableName);
   return fd;
 }

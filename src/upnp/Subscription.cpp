@@ -7,10 +7,10 @@
 #include "base/Text.h"
 #include "upnp/Service.h"
 
-void Subscription::grant(uint32_t time) { timer.start<&Subscription::timeout>(*this, time * 100); }
+void Subscription::grant(uint32_t time) { timer_.start<&Subscription::timeout>(*this, time * 100); }
 
 void Subscription::holdBackInitialEvent() {
-  holdBack.start<&Subscription::holdBackOver>(*this, holdBackTime);
+  holdBack_.start<&Subscription::holdBackOver>(*this, holdBackTime);
 }
 
 uint32_t Subscription::takeSeq() {

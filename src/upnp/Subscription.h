@@ -28,7 +28,7 @@ class Subscription {
   /// Starts the time anew, in seconds.
   void grant(uint32_t time);
   void holdBackInitialEvent();
-  [[nodiscard]] bool initialEventIsHeldBack() const { return holdBack.pending(); }
+  [[nodiscard]] bool initialEventIsHeldBack() const { return holdBack_.pending(); }
 
   /// The SEQ of the next NOTIFY: 0, 1, ..., 4294967295, 1, ...
   [[nodiscard]] uint32_t takeSeq();
@@ -45,8 +45,8 @@ class Subscription {
   void timeout();
   void holdBackOver();
 
-  lm::Timer timer;
-  lm::Timer holdBack;
+  lm::Timer timer_;
+  lm::Timer holdBack_;
 };
 
 /// The time that a TIMEOUT field is granted, in seconds.

@@ -36,7 +36,7 @@ class Parse {
   }
   static void XMLCALL characterData(void* parse, const XML_Char* data, int length) {
     auto* self = static_cast<Parse*>(parse);
-    if (!self->stopped) self->text.assign(data, static_cast<size_t>(length));
+    if (!self->stopped_) self->text.assign(data, static_cast<size_t>(length));
   }
 
   void start(const XML_Char* name, const XML_Char** attributes);
@@ -45,27 +45,27 @@ class Parse {
   bool grow(size_t bytes);
   void stop();
 
-  ParserHandle expat{XML_ParserCreate("UTF-8")};
+  ParserHandle expat_{XML_ParserCreate("UTF-8")};
   std::vector<XMLNode*> stack;  // open elements, the innermost last, on top of the root
   bool textPending = false;     // a start tag was seen and its text is not stored yet
   std::string text;             // the last piece of character data
-  size_t treeSize = 0;
-  bool stopped = false;  // expat may still report an end tag after it was stopped
+  size_t treeSize_ = 0;
+  bool stopped_ = false;  // expat may still report an end tag after it was stopped
 };
 
 bool Parse::run(std::string_view document) {
-  if (!expat || document.size() > std::numeric_limits<int>::max()) return false;
-  XML_SetUserData(expat.get(), this);
-  XML_SetElementHandler(expat.get(), startTag, endTag);
-  XML_SetCharacterDataHandler(expat.get(), characterData);
-  XML_SetBillionLaughsAttackProtectionActivationThreshold(expat.get(), freeExpansion);
-  XML_SetBillionLaughsAttackProtectionMaximumAmplification(expat.get(), maxExpansion);
-  return XML_Parse(expat.get(), document.data(), static_cast<int>(document.size()), XML_TRUE) ==
+  if (!expat_ || document.size() > std::numeric_limits<int>::max()) return false;
+  XML_SetUserData(expat_.get(), this);
+  XML_SetElementHandler(expat_.get(), startTag, endTag);
+  XML_SetCharacterDataHandler(expat_.get(), characterData);
+  XML_SetBillionLaughsAttackProtectionActivationThreshold(expat_.get(), freeExpansion);
+  XML_SetBillionLaughsAttackProtectionMaximumAmplification(expat_.get(), maxExpansion);
+  return XML_Parse(expat_.get(), document.data(), static_cast<int>(document.size()), XML_TRUE) ==
          XML_STATUS_OK;
 }
 
 void Parse::start(const XML_Char* name, const XML_Char** attributes) {
-  if (stopped) return;
+  if (stopped_) return;
   if (stack.size() > XMLParser::maxDepth) {
     stop();
     return;
@@ -82,7 +82,7 @@ void Parse::start(const XML_Char* name, const XML_Char** attributes) {
 }
 
 void Parse::end() {
-  if (stopped) return;
+  if (stopped_) return;
   if (textPending) {
     // The same text goes to every empty element behind it, so it may not be small in the end.
     if (!grow(text.size())) return;
@@ -93,14 +93,14 @@ void Parse::end() {
 }
 
 bool Parse::grow(size_t bytes) {
-  treeSize += bytes;
-  if (treeSize > XMLParser::maxTreeSize) stop();
-  return !stopped;
+  treeSize_ += bytes;
+  if (treeSize_ > XMLParser::maxTreeSize) stop();
+  return !stopped_;
 }
 
 void Parse::stop() {
-  stopped = true;
-  XML_StopParser(expat.get(), XML_FALSE);
+  stopped_ = true;
+  XML_StopParser(expat_.get(), XML_FALSE);
 }
 
 }  // namespace
