@@ -2,5 +2,5 @@
 
 #include <string>
 
-/// The line end of HTTP (RFC 9112 section 2.2) and of every document that is served.
+/// The line end of HTTP (RFC 9112 section 2.2) and of every document served.
 inline const std::string CRLF = "\r\n";

@@ -8,7 +8,8 @@
 
 namespace {
 
-/// Strangers choose what is logged, and the journal limits the number of lines only. In bytes.
+/// In bytes. LAN hosts choose part of what is logged, and the journal limits only the number of
+/// lines.
 constexpr size_t maxLine = 1024;
 
 }  // namespace

@@ -5,11 +5,11 @@
 #include <type_traits>
 
 /// Writes `line` and a line end to standard output and flushes it. Each byte of a control character
-/// and of what is no UTF-8 is written as '?', and what is too long is cut, so that an event is one
-/// line, which any terminal shows, whatever a stranger put into it.
+/// or of invalid UTF-8 is written as '?', and an overlong line is cut. So an event is always one
+/// line that any terminal can show, even when a LAN host chose its text.
 void writeLog(std::string line);
 
-/// Writes one line that is made of texts and integers (in decimal, a bool as 0 or 1):
+/// Writes one line made of texts and integers (in decimal, a bool as 0 or 1):
 /// `logLine("start int: ", name, " ", iptostr(address))`.
 template <typename... Parts>
 void logLine(const Parts&... parts) {

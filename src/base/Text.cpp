@@ -5,7 +5,8 @@
 
 namespace {
 
-/// Converts the number at the front of `text` and takes it off; without digits nothing goes.
+/// Converts the number at the front of `text` and removes it from there. Without digits it returns
+/// 0 and removes nothing.
 uint32_t takeUint(std::string_view& text) {
   constexpr uint32_t largest = std::numeric_limits<uint32_t>::max();
   std::string_view rest = text;

@@ -6,10 +6,10 @@
 
 namespace lm {
 
-/// A character of a text in UTF-8, and how many bytes it takes.
+/// A UTF-8 character and its length in bytes.
 struct Character {
   char32_t code = 0;
-  size_t length = 0;  ///< 0: the text does not begin with a character
+  size_t length = 0;  ///< 0: the text does not start with a valid character
 };
 
 /// The first character of `text`, which must not be empty. RFC 3629 section 4: the shortest form
@@ -31,7 +31,7 @@ inline Character firstCharacter(std::string_view text) {
   return {code, length};
 }
 
-/// Whether a terminal may take the character for a command: C0, DEL and C1 (ISO/IEC 6429).
+/// Whether a terminal may interpret the character as a command: C0, DEL and C1 (ISO/IEC 6429).
 inline bool isControl(char32_t code) { return code < 0x20 || (code >= 0x7F && code <= 0x9F); }
 
 }  // namespace lm
