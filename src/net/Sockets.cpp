@@ -21,17 +21,17 @@ constexpr uint8_t multicastTtl = 4;
 constexpr int backlog = 1;
 constexpr timeval writeLimit = {0, 10000};  // seconds, microseconds
 
-/// Logs `what` and the system's error text.
+/// Logs `what` with the text of errno.
 void logError(const char* what) { logLine(what, ": ", strerror(errno)); }
 
-/// The same, and returns the makers' failure.
+/// Does the same and returns the failure value of the makers.
 int failed(const char* what) {
   logError(what);
   return -1;
 }
 
 bool bindToDevice(int fd, const std::string& ifname) {
-  // A name that fills the buffer reaches the kernel without its zero, and is refused there.
+  // The kernel refuses a name that fills the buffer, which leaves no room for the final zero.
   std::array<char, IFNAMSIZ> name = {};
   ifname.copy(name.data(), name.size());
   return setsockopt(fd, SOL_SOCKET, SO_BINDTODEVICE, name.data(), name.size()) == 0;
@@ -89,10 +89,10 @@ int makeTcpSocket(const std::string& ifname, unsigned int port) {
 }
 
 bool writeOnce(int fd, std::string_view text) {
-  // A peer with a small window makes segments small, and each is charged several hundred bytes
-  // more.
+  // A peer with a small window causes small segments, and the kernel charges several hundred bytes
+  // of overhead for each.
   constexpr size_t overhead = 4;
-  constexpr size_t most = 64UL * 1024 * 1024;  // more than the system allows
+  constexpr size_t most = 64UL * 1024 * 1024;  // above the system's own limit
   const auto room = static_cast<int>(std::min(overhead * text.size(), most));
   if (setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &room, sizeof room) != 0) {
     logError("setsockopt SO_SNDBUF");
