@@ -1,6 +1,6 @@
 #include "xml/XMLParser.h"
 
-// expat declares its limits of entity expansion only to those who say that it was built with DTDs.
+// expat declares its limits on entity expansion only when XML_DTD is defined.
 #define XML_DTD
 #include <expat.h>
 
@@ -11,7 +11,7 @@
 
 namespace {
 
-/// A document with its entities expanded may be this long, or this many times its own length.
+/// A document may expand to this many bytes, or to this many times its own length.
 constexpr unsigned long long freeExpansion = 64ULL * 1024;
 constexpr float maxExpansion = 4;
 
@@ -41,13 +41,13 @@ class Parse {
 
   void start(const XML_Char* name, const XML_Char** attributes);
   void end();
-  /// Adds to the size of the tree; false, and the parse ends, when it is too large.
+  /// Adds to the size of the tree. When the tree is too large, stops the parse and returns false.
   bool grow(size_t bytes);
   void stop();
 
   ParserHandle expat_{XML_ParserCreate("UTF-8")};
   std::vector<XMLNode*> stack;  // open elements, the innermost last, on top of the root
-  bool textPending = false;     // a start tag was seen and its text is not stored yet
+  bool textPending = false;     // a start tag was seen, and its text is not stored yet
   std::string text;             // the last piece of character data
   size_t treeSize_ = 0;
   bool stopped_ = false;  // expat may still report an end tag after it was stopped
@@ -84,7 +84,7 @@ void Parse::start(const XML_Char* name, const XML_Char** attributes) {
 void Parse::end() {
   if (stopped_) return;
   if (textPending) {
-    // The same text goes to every empty element behind it, so it may not be small in the end.
+    // Every empty element after this one inherits the text, so its copies can add up.
     if (!grow(text.size())) return;
     stack.back()->value = text;
     textPending = false;
