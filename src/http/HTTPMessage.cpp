@@ -33,8 +33,8 @@ void drop(std::string_view& text, size_t bytes) {
   text.remove_prefix(std::min(bytes, text.size()));
 }
 
-/// Takes the next line and its two line end bytes from the front of `text`; none when there is no
-/// line end.
+/// Removes the next line and the two bytes of its end from the front of `text`. None when there is
+/// no line end.
 std::optional<std::string_view> takeLine(std::string_view& text) {
   const size_t end = text.find('\r');
   if (end == std::string_view::npos) return std::nullopt;

@@ -6,29 +6,29 @@
 
 #include "http/HTTPStatus.h"
 
-/// Every HTTP-shaped message: requests and replies over TCP, datagrams of SSDP, NOTIFY requests of
-/// GENA. A value; it does no input or output.
+/// An HTTP-shaped message: a request or reply over TCP, an SSDP datagram or a GENA NOTIFY request.
+/// A value; it does no I/O.
 class HTTPMessage {
  public:
   /// No start line, no fields, no body, not complete.
   HTTPMessage() = default;
-  /// Parses `text`, which may be anything. Only a carriage return ends a line; the byte behind it
-  /// is dropped, whatever it is. `complete` says whether the text was one whole message; what was
-  /// read up to the point where it was not is kept.
+  /// Parses `text`, which may be any bytes. Only a carriage return ends a line; the byte after it
+  /// is dropped, whatever it is. `complete` says whether `text` was one whole message; otherwise
+  /// everything read before the fault is kept.
   explicit HTTPMessage(std::string_view text);
-  /// A complete reply with that status, without fields and body.
+  /// A complete reply with this status, without fields or body.
   explicit HTTPMessage(HTTPStatus status);
 
-  /// Appends a field under its upper-cased name; a field of the same name stays where it is.
+  /// Appends a field under its name in upper case, even if a field of that name exists.
   void addField(std::string_view name, std::string value);
   /// Appends "DATE" with the time `t` in seconds since 1970 (RFC 9110 section 5.6.7); 0 means now.
   void addDate(long t);
 
-  /// The value of the first field of that name in any case; empty when there is none.
+  /// The value of the first field of that name, case ignored; empty when there is none.
   [[nodiscard]] std::string getField(std::string_view name) const;
   [[nodiscard]] bool hasField(std::string_view name) const;
 
-  /// The message as it goes over the wire. No "CONTENT-LENGTH" is added.
+  /// The message as sent on the wire. It adds no "CONTENT-LENGTH".
   [[nodiscard]] std::string get() const;
 
   std::string startLine;                 ///< without its line end

@@ -16,8 +16,9 @@
 
 namespace {
 
-/// Reads what else the client has sent, up to the size of a request. A socket that is closed with
-/// unread bytes resets the connection (RFC 9293 section 3.6.1), which can take back the reply.
+/// Discards further bytes from the client, up to the size of a request. Closing a socket with
+/// unread bytes resets the connection (RFC 9293 section 3.6.1), which can destroy the reply in
+/// transit.
 void discardReceived(int fd) {
   std::array<char, BUFLEN> bytes;
   for (size_t read = 0; read < HTTPServer::maxRequest; read += bytes.size()) {
@@ -28,8 +29,8 @@ void discardReceived(int fd) {
 }  // namespace
 
 bool HTTPServer::acceptHttp(int listenFd) {
-  // The client may have gone since the socket became ready, and the loop must not wait for the
-  // next.
+  // The client may have left since the socket became ready, and the loop must not block until the
+  // next one arrives.
   const bool ready = fcntl(listenFd, F_SETFL, O_NONBLOCK) == 0;
   lm::Fd accepted(ready ? accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC) : -1);
   if (!accepted.valid()) {

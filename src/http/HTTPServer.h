@@ -7,12 +7,12 @@
 #include "http/HTTPConn.h"
 #include "http/RequestHandler.h"
 
-/// The HTTP side of the gateway: takes connections from the listening sockets, collects one request
-/// on each, has it handled, writes one reply and closes. It owns the connections.
+/// The gateway's HTTP server: accepts connections from the listening sockets, collects one request
+/// on each, passes it to the handler, writes one reply and closes. It owns the connections.
 class HTTPServer {
  public:
-  /// The most bytes that a request may have. A longer one gets no reply, whatever the pieces in
-  /// which it arrives.
+  /// The largest request in bytes. A longer one gets no reply, no matter in which pieces it
+  /// arrives.
   static constexpr size_t maxRequest = 64UL * 1024;
 
   /// `requestHandler` must outlive the server.
@@ -20,12 +20,12 @@ class HTTPServer {
   HTTPServer(const HTTPServer&) = delete;
   HTTPServer& operator=(const HTTPServer&) = delete;
 
-  /// To be called when a listening socket is ready. A listening socket that the handler does not
-  /// know ends the process with exit status 1. Returns whether it accepted a connection.
+  /// To be called when a listening socket is ready. A socket unknown to the handler ends the
+  /// process with exit status 1. Returns whether a connection was accepted.
   bool acceptHttp(int listenFd);
 
-  /// To be called when a connection is ready. One that is not ours ends the process with exit
-  /// status 1.
+  /// To be called when a connection is ready. A descriptor that is none of ours ends the process
+  /// with exit status 1.
   void readHttp(int fd);
 
   /// Closes and frees a connection.

@@ -1,6 +1,6 @@
 #pragma once
 
-/// Status codes (RFC 9110 section 15; 412 as GENA uses it). Any other number may be held too.
+/// Status codes (RFC 9110 section 15; 412 as GENA uses it). The type can hold other numbers too.
 enum HTTPStatus : int {
   HTTP_OK = 200,
   HTTP_BAD_REQUEST = 400,

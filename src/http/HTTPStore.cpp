@@ -17,11 +17,11 @@
 namespace {
 
 bool isGif(const std::string& file) {
-  // Without a dot the search's npos + 1 is 0: the whole name.
+  // Without a dot, npos + 1 is 0 and selects the whole name.
   return file.substr(file.rfind('.') + 1) == "gif";
 }
 
-/// What one read of the file gives; none, and a log line, when it cannot be opened or read.
+/// The result of one read of the file. None, after a log line, when it cannot be opened or read.
 std::optional<std::string> readFile(const std::string& path) {
   const lm::Fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
   if (!fd.valid()) {

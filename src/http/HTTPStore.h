@@ -5,22 +5,22 @@
 
 #include "http/HTTPMessage.h"
 
-/// The files that are served: icons and service descriptions. A URL names a file only if it was
-/// registered, so no request reaches outside of the directory.
+/// The files to serve: icons and service descriptions. Only registered URLs name files, so no
+/// request can reach outside the directory.
 class HTTPStore {
  public:
-  /// The longest file that is served whole, in bytes; a longer one is cut.
+  /// The largest file in bytes; of a larger one only this much is served.
   static constexpr size_t maxFile = 16384;
 
-  /// `directory` with its trailing "/".
+  /// `directory` includes its trailing "/".
   explicit HTTPStore(std::string directory) : dir(std::move(directory)) {}
 
-  /// Serves `file` of the directory under `url`, in place of an earlier one.
+  /// Serves `file` of the directory under `url`, replacing any earlier file.
   void addUrl(const std::string& url, const std::string& file) { urls[url] = file; }
 
-  /// A 200 reply to `request` that carries `content` as XML or, when that is empty, the file that
-  /// is registered for the request's URL. A bare 404 when there is none or it cannot be read, which
-  /// is logged.
+  /// A 200 reply to `request` with `content` as XML or, when that is empty, with the file
+  /// registered for the request's URL. A bare 404 when none is registered, or when the file cannot
+  /// be read, which is logged.
   [[nodiscard]] HTTPMessage get(const HTTPMessage& request, const std::string& content) const;
 
  private:

@@ -3,11 +3,11 @@
 #include <optional>
 #include <string_view>
 
-/// One header line in two: views into the line.
+/// The two parts of a header line, as views into it.
 struct HeaderLine {
-  std::string_view name;   ///< before the first colon, as it is
-  std::string_view value;  ///< behind it and the blanks that follow; trailing blanks stay
+  std::string_view name;   ///< before the first colon, unchanged
+  std::string_view value;  ///< after the colon and its blanks; trailing blanks stay
 };
 
-/// None when the line has no colon.
+/// None when `line` has no colon.
 [[nodiscard]] std::optional<HeaderLine> parseHeaderLine(std::string_view line);

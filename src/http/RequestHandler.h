@@ -6,17 +6,17 @@
 #include "http/HTTPMessage.h"
 #include "http/ServedInterface.h"
 
-/// What the HTTP server asks of the gateway behind it.
+/// What the HTTP server needs from the gateway.
 class RequestHandler {
  public:
   virtual ~RequestHandler() = default;
 
-  /// The interface whose listening socket `listenFd` is; null when there is none, which ends the
-  /// process.
+  /// The interface that owns the listening socket `listenFd`. Null when there is none, which ends
+  /// the process.
   [[nodiscard]] virtual std::shared_ptr<ServedInterface> findListener(int listenFd) = 0;
 
-  /// The whole reply to a request that came in on `device`. `method` and `url` are the parts of its
-  /// start line, as they are.
+  /// The complete reply to a request received on `device`. `method` and `url` are the unchanged
+  /// parts of its start line.
   [[nodiscard]] virtual HTTPMessage handleHttpRequest(const ServedInterface& device,
                                                       const HTTPMessage& request,
                                                       const std::string& method,

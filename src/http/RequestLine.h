@@ -3,10 +3,10 @@
 #include <string>
 #include <string_view>
 
-/// What a request's start line asks for.
+/// The method and the URL of a request's start line.
 struct RequestLine {
   std::string method;  ///< up to the first blank
-  std::string url;     ///< from there to the first " HTTP/", or to the end when there is none
+  std::string url;     ///< from there to the first " HTTP/" or the end of the line
 };
 
 [[nodiscard]] RequestLine parseRequestLine(std::string_view startLine);

@@ -21,7 +21,7 @@ bool RequestScanner::takeLine(std::string_view received) {
   }
   const std::string_view line = received.substr(lineStart_, end - lineStart_);
   const bool first = state_ == State::startLine;
-  // Behind a carriage return one byte is dropped, which may be still to come.
+  // The byte after the carriage return is dropped, even if it has not arrived yet.
   lineStart_ = scanned_ = end + 2;
   if (first) {
     state_ = State::headers;

@@ -3,13 +3,13 @@
 #include <cstdint>
 #include <string>
 
-// What the gateway says about its server, over HTTP and in every announcement of it.
+// How the gateway identifies its server in HTTP messages and announcements.
 
-/// The SERVER field of every message (UPnP Device Architecture 1.0 section 1.1.2). Built before
-/// main runs.
+/// The SERVER field of every message (UPnP Device Architecture 1.0 section 1.1.2). Initialised
+/// before main runs.
 extern const std::string SERVER_STRING;
 
-/// The TCP port that is served, advertised, and accepted in HOST fields.
+/// The TCP port that is served, advertised and accepted in HOST fields.
 inline constexpr uint16_t HTTP_PORT = 2828;
 
 /// The path of the root device's description.
