@@ -8,11 +8,11 @@
 #include "description/UpnpServiceDescr.h"
 #include "xml/XMLNode.h"
 
-/// Search targets (what SSDP calls NT and ST) to unique service names, ordered byte by byte; equal
-/// targets keep the order in which they were inserted.
+/// Maps search targets (NT and ST in SSDP) to unique service names, in byte order of the targets;
+/// equal targets keep their order of insertion.
 using SearchTargets = std::multimap<std::string, std::string>;
 
-/// A device with everything under it, held by value.
+/// A device with its services and embedded devices, held by value.
 class UpnpDevice {
  public:
   explicit UpnpDevice(UpnpDeviceDescr deviceDescr) : descr(std::move(deviceDescr)) {}
@@ -24,7 +24,7 @@ class UpnpDevice {
 
   /// The device's element of the description document (UPnP Device Architecture 1.0 section 2.1).
   [[nodiscard]] virtual XMLNode getDescription() const;
-  /// Inserts what this device, its services and its embedded devices are found under (section
+  /// Inserts the search targets of this device, its services and its embedded devices (section
   /// 1.1.2).
   virtual void getSearchTargets(SearchTargets& targets) const;
 

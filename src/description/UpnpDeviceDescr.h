@@ -5,8 +5,8 @@
 
 #include "description/UpnpIcon.h"
 
-/// What a description document says about one device itself. A field that is called optional is
-/// left out of the document when it is empty.
+/// A device's own part of a description document. An optional field is left out of the document
+/// when it is empty.
 struct UpnpDeviceDescr {
   std::string deviceType;  ///< without "urn:": "schemas-upnp-org:device:WANDevice:1"
   std::string friendlyName;

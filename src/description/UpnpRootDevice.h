@@ -2,10 +2,10 @@
 
 #include "description/UpnpDevice.h"
 
-/// The device at the top of the tree, which is found as "upnp:rootdevice" as well.
+/// The root of the device tree, which also has the search target "upnp:rootdevice".
 class UpnpRootDevice : public UpnpDevice {
  public:
-  /// A default record, no embedded devices, no services.
+  /// With default fields, no embedded devices and no services.
   UpnpRootDevice() : UpnpDevice(UpnpDeviceDescr()) {}
 
   /// The root element of the description document.

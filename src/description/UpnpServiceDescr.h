@@ -4,10 +4,10 @@
 
 #include "xml/XMLNode.h"
 
-/// What a description document says about one service.
+/// A service's part of a description document.
 struct UpnpServiceDescr {
-  /// `domain` is that of the schema ("upnp-org"), `type` has its version ("OSInfo:1"), `id` is the
-  /// short service id ("OSInfo1"), `stem` names the service's URLs ("osinfo").
+  /// `domain` is the schema's ("upnp-org"), `type` includes the version ("OSInfo:1"), `id` is the
+  /// short service id ("OSInfo1"), and `stem` is the name in the service's URLs ("osinfo").
   UpnpServiceDescr(const std::string& domain, const std::string& type, const std::string& id,
                    const std::string& stem);
 
