@@ -6,8 +6,8 @@
 
 #include "upnp/UPNPStatus.h"
 
-/// Carries an action out: takes the checked in values in the order of `Action::inArgs` and appends
-/// the out values in the order of `Action::outArgs`. They are sent only with UPNP_SUCCESS.
+/// Carries out an action: takes the checked in values in the order of `Action::inArgs` and appends
+/// the out values in the order of `Action::outArgs`, which are sent only with UPNP_SUCCESS.
 using ActionCallback =
     std::function<UPNPStatus(const std::vector<std::string>& in, std::vector<std::string>& out)>;
 

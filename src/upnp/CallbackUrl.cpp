@@ -15,7 +15,7 @@
 
 namespace {
 
-/// 0 when there is none.
+/// The address of `host`; 0 when there is none.
 uint32_t resolve(const std::string& host) {
   lm::message request;
   request.insert_u32_array(lm::key::destination, {lm::service::resolver});

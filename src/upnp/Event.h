@@ -8,31 +8,30 @@
 #include "platform/Watch.h"
 #include "upnp/Service.h"
 
-/// One delivery: a connection to a subscriber that carries one NOTIFY, until the reply. Its end
+/// One delivery: a connection to a subscriber that carries one NOTIFY and its reply. Its destructor
 /// closes the connection.
 class Service::Event {
  public:
-  /// The life of a delivery from its start, in hundredths of a second.
+  /// The time limit of a delivery from its start, in hundredths of a second.
   static constexpr uint32_t NOTIFY_TIMEOUT = 3000;
 
-  /// `connection` is on its way to the subscriber. `number` rises from delivery to delivery. An
-  /// empty `variableName` means every evented variable: the initial event. `owner` must outlive
-  /// this.
+  /// `connection` is being established. `number` increases from delivery to delivery. An empty
+  /// `variableName` selects every evented variable: the initial event. `owner` must outlive this.
   Event(Service& owner, lm::Fd connection, uint64_t number, std::string sidText,
         std::string variableName);
   Event(const Event&) = delete;
   Event& operator=(const Event&) = delete;
 
-  /// The connection is ready for the NOTIFY, or has failed.
+  /// The connection is established or has failed.
   void send(int fd, unsigned flags);
-  /// The subscriber has answered, or closed: then it returns false, and the delivery goes on until
-  /// its time is over.
+  /// Reads the subscriber's reply. Returns false when the subscriber closed the connection; the
+  /// delivery then continues until its time limit.
   bool readReply(int fd, unsigned flags);
-  /// Drops the delivery, whatever the cause. Destroys this.
+  /// Gives the delivery up, for any reason. Destroys this.
   void timeout();
 
-  /// Writes the NOTIFY, for which the subscriber gets a moment to make room, and waits for the
-  /// reply. False, after a log line, when it could not be written as a whole.
+  /// Writes the NOTIFY, briefly waiting for room in the send buffer, and starts to wait for the
+  /// reply. Returns false, after a log line, when not all of it could be written.
   [[nodiscard]] bool write(const std::string& notify);
 
   Service& service;
@@ -40,7 +39,7 @@ class Service::Event {
   const uint64_t serial;
   const std::string sid;
   const std::string variable;
-  bool waiting = false;  ///< connected, but not its turn yet
+  bool waiting = false;  ///< connected, but waiting for its turn
 
  private:
   lm::Watch watch_;

@@ -16,10 +16,10 @@
 class Subscription;
 class XMLNode;
 
-/// The engine behind every UPnP service: it answers control requests (SOAP) from two tables, the
-/// state variables and the actions, and tells its subscribers of changes (GENA). A concrete service
-/// derives from it, fills the tables in its constructor and afterwards only calls `setVar`. What
-/// the tables hold must agree with the service's description file in etc/upnp.
+/// The base of every UPnP service. It answers control requests (SOAP) from two tables, the state
+/// variables and the actions, and notifies subscribers of changes (GENA). A concrete service
+/// derives from it, fills the tables in its constructor and afterwards only calls `setVar`. The
+/// tables must agree with the service's description file in etc/upnp.
 class Service {
  public:
   /// `typeName` is the service type URN, "urn:schemas-upnp-org:service:WANIPConnection:1".
@@ -29,27 +29,27 @@ class Service {
   virtual ~Service();
 
   /// Answers a POST to the control URL: runs an action or answers QueryStateVariable (UPnP Device
-  /// Architecture 1.0, section 3). A request that is no SOAP request gets a bare 400, one that
-  /// cannot be carried out a SOAP fault.
+  /// Architecture 1.0, section 3). The reply is a bare 400 when the request is no SOAP request, and
+  /// a SOAP fault when it cannot be carried out.
   [[nodiscard]] HTTPMessage post(const HTTPMessage& request);
 
-  /// Answers SUBSCRIBE at the event URL: makes a subscription, whose initial event is sent from a
-  /// later turn of the loop, or renews one (section 4.1). What is refused gets a bare 412, or 500
-  /// when there are too many.
+  /// Answers SUBSCRIBE at the event URL: creates a subscription, whose initial event is sent in a
+  /// later turn of the loop, or renews one (section 4.1). The reply to a refused request is a bare
+  /// 412, or 500 when there are too many subscriptions.
   [[nodiscard]] HTTPMessage subscribe(const HTTPMessage& request);
   /// Answers UNSUBSCRIBE at the event URL: 200, or 412 when there is no such subscription.
   [[nodiscard]] HTTPMessage unsubscribe(const HTTPMessage& request);
-  /// Ends every subscription without a word.
+  /// Ends every subscription without notice.
   void flushSubscriptions();
-  /// The subscription's time is over.
+  /// Ends a subscription whose time is over.
   void expireSubscription(const std::string& sid);
-  /// Lets the deliveries to this subscription go on that waited for their turn.
+  /// Resumes the deliveries to this subscription that wait for their turn.
   void resumeEvents(const std::string& sid);
 
-  /// Sets the value of a variable, and drops its getter. An unknown name is ignored. When an
-  /// evented variable has changed, a delivery to each subscriber is started at once.
+  /// Sets the value of a variable and drops its getter. An unknown name is ignored. If the value of
+  /// an evented variable changed, a delivery to each subscriber starts at once.
   void setVar(const std::string& variableName, const std::string& value);
-  /// The value of a variable; empty when it is unknown or has none.
+  /// The value of a variable; empty when the variable is unknown or has no value.
   [[nodiscard]] std::string getVar(const std::string& variableName) const;
 
   /// The tables, by name.
@@ -57,13 +57,13 @@ class Service {
   [[nodiscard]] const std::map<std::string, Action>& getActions() const { return actions; }
 
  protected:
-  /// Registers a state variable in place of an earlier one of that name. The result stays valid
+  /// Registers a state variable, replacing an earlier one of that name. The reference stays valid
   /// for the life of the service or until the name is registered again.
   Variable& addVar(std::string variableName, Variable variable);
 
-  /// Registers an action that `(owner->*handler)(in, out)` carries out, in place of an earlier one
-  /// of that name. Without owner or handler it returns the values of `outVars`. `owner` must
-  /// outlive the service's last request.
+  /// Registers an action that `(owner->*handler)(in, out)` carries out, replacing an earlier one of
+  /// that name. Without an owner or a handler, the action returns the values of `outVars`. `owner`
+  /// must outlive the service's last request.
   template <typename Owner>
   void addAct(std::string actionName, const std::vector<std::string>& inVars,
               const std::vector<std::string>& inArgs, const std::vector<std::string>& outVars,
@@ -78,7 +78,7 @@ class Service {
  private:
   class Event;
 
-  /// Subscriptions of one service.
+  /// The most subscriptions of one service.
   static constexpr size_t SUBSCRIPTION_LIMIT = 100;
 
   void addAction(std::string actionName, Action action);
@@ -94,17 +94,18 @@ class Service {
 
   [[nodiscard]] HTTPMessage newSubscription(const HTTPMessage& request, uint32_t granted);
   [[nodiscard]] HTTPMessage renewSubscription(const HTTPMessage& request, uint32_t granted);
-  /// Grants the time, in seconds, and tells so.
+  /// Grants the time, in seconds. Returns the reply that states it.
   [[nodiscard]] static HTTPMessage confirm(Subscription& subscription, uint32_t granted);
   void removeSubscription(const std::string& sid);
 
-  /// Starts a delivery; returns its socket, or -1 when it failed at once. An empty name means every
-  /// evented variable.
+  /// Starts a delivery and returns its socket, or -1 when it failed at once. An empty name selects
+  /// every evented variable.
   int sendEvent(const Subscription& subscription, const std::string& variableName);
   void sendInitialEvent(Subscription& subscription);
-  /// Writes the NOTIFY of a delivery that is connected, if it is its turn. May destroy it.
+  /// Writes the NOTIFY of a connected delivery if it is its turn. May destroy it.
   void deliver(Event& event);
-  /// False, after a log line, when there is nothing to tell.
+  /// Adds the variable, or every evented one for an empty name. Returns false, after a log line,
+  /// when there is no value to send.
   [[nodiscard]] bool addProperties(XMLNode& set, const std::string& variableName) const;
   /// Destroys the delivery.
   void endEvent(const Event& event);
@@ -115,7 +116,7 @@ class Service {
   std::map<std::string, Action> actions;
   std::map<std::string, std::unique_ptr<Subscription>> subscriptions;  ///< by SID; never null
   std::map<int, std::unique_ptr<Event>> events;  ///< deliveries by socket; never null
-  uint64_t lastEvent_ = 0;                       ///< number of deliveries ever started
+  uint64_t lastEvent_ = 0;                       ///< number of deliveries started
 };
 
 template <typename Owner>

@@ -1,4 +1,4 @@
-// The services' event side: who is told of changes, and how.
+// The event side of a service: its subscriptions and the deliveries to them.
 
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -33,7 +33,8 @@ std::string newSid() {
   return std::string("uuid:") + text;
 }
 
-/// A connection to the callback that is under way. None, after a log line, when it fails at once.
+/// A connection to the callback that is being established. None, after a log line, when that fails
+/// at once.
 lm::Fd connectTo(const Subscription& subscription) {
   lm::Fd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (!fd.valid()) {
@@ -84,7 +85,7 @@ HTTPMessage makeNotify(Subscription& subscription, std::string body) {
 
 HTTPMessage Service::subscribe(const HTTPMessage& request) {
   const uint32_t granted = grantedTime(request.getField("TIMEOUT"));
-  // A request that carries both a NT and a SID makes a new subscription.
+  // A request with both NT and SID creates a new subscription.
   return request.hasField("NT") ? newSubscription(request, granted)
                                 : renewSubscription(request, granted);
 }
@@ -148,14 +149,14 @@ void Service::flushSubscriptions() {
 }
 
 void Service::removeSubscription(const std::string& sid) {
-  const auto removed = subscriptions.extract(sid);  // `sid` may be its own
-  // Those that wait for their turn find out that it will not come.
+  const auto removed = subscriptions.extract(sid);  // `sid` may refer into it
+  // Deliveries waiting for their turn end now.
   resumeEvents(sid);
 }
 
 void Service::sendInitialEvent(Subscription& subscription) {
   subscription.initialEvent = sendEvent(subscription, "");
-  if (subscription.initialEvent >= 0) subscription.holdBackInitialEvent();
+  if (subscription.initialEvent >= 0) subscription.delayInitialEvent();
 }
 
 int Service::sendEvent(const Subscription& subscription, const std::string& variableName) {
@@ -175,7 +176,7 @@ void Service::deliver(Event& event) {
   }
   Subscription& subscription = *found->second;
   const bool initial = subscription.initialEvent == event.socket.get();
-  event.waiting = initial ? subscription.initialEventIsHeldBack() : subscription.initialEvent >= 0;
+  event.waiting = initial ? subscription.initialEventIsDelayed() : subscription.initialEvent >= 0;
   if (event.waiting) return;
 
   XMLNode set("e:propertyset");
@@ -224,14 +225,14 @@ void Service::initialEventEnded(Subscription& subscription) {
 }
 
 void Service::resumeEvents(const std::string& sid) {
-  std::map<uint64_t, int> waiting;  // in the order of their start
+  std::map<uint64_t, int> waiting;  // in the order in which they started
   for (const auto& [fd, event] : events) {
     if (event->waiting && event->sid == sid) waiting[event->serial] = fd;
   }
   for (const auto& [serial, fd] : waiting) {
     const auto found = events.find(fd);
     if (found == events.end() || found->second->serial != serial) continue;
-    // The one before may have been the initial event, whose end has let all others go on.
+    // The previous one may have been the initial event, whose end resumed all others.
     if (found->second->waiting) deliver(*found->second);
   }
 }

@@ -38,7 +38,7 @@ HTTPMessage soapFault(UPNPStatus status) {
   detail.addSubNode(std::move(error));
 
   XMLNode fault("s:Fault");
-  // Control points of this gateway know these two names in mixed case.
+  // Control points of this gateway expect these two names in mixed case.
   fault.addSubNode("faultCode", "s:Client");
   fault.addSubNode("faultString", "UPnPError");
   fault.addSubNode(std::move(detail));

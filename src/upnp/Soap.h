@@ -6,17 +6,17 @@
 #include "upnp/UPNPStatus.h"
 #include "xml/XMLNode.h"
 
-/// The encodingStyle of every SOAP 1.1 envelope that UPnP knows.
+/// The encodingStyle of every SOAP 1.1 envelope in UPnP.
 inline constexpr std::string_view soapEncoding = "http://schemas.xmlsoap.org/soap/encoding/";
 
 /// The namespace of QueryStateVariable and of faults (UPnP Device Architecture 1.0, section 3).
 inline constexpr std::string_view controlNamespace = "urn:schemas-upnp-org:control-1-0";
 
-/// The part of a qualified XML name behind its last colon, or the whole name. A view into `name`.
+/// The part of a qualified XML name after its last colon, or all of it. A view into `name`.
 [[nodiscard]] std::string_view localName(std::string_view name);
 
 /// A reply that carries `element` in a SOAP envelope.
 [[nodiscard]] HTTPMessage soapResponse(HTTPStatus status, XMLNode element);
 
-/// The reply 500 that tells a control point why its request was not carried out.
+/// The reply 500 with the reason why a request was not carried out.
 [[nodiscard]] HTTPMessage soapFault(UPNPStatus status);

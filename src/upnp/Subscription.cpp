@@ -9,8 +9,8 @@
 
 void Subscription::grant(uint32_t time) { timer_.start<&Subscription::timeout>(*this, time * 100); }
 
-void Subscription::holdBackInitialEvent() {
-  holdBack_.start<&Subscription::holdBackOver>(*this, holdBackTime);
+void Subscription::delayInitialEvent() {
+  initialDelay_.start<&Subscription::initialDelayOver>(*this, initialEventDelay);
 }
 
 uint32_t Subscription::takeSeq() {
@@ -21,7 +21,7 @@ uint32_t Subscription::takeSeq() {
 
 void Subscription::timeout() { service.expireSubscription(sid); }
 
-void Subscription::holdBackOver() { service.resumeEvents(sid); }
+void Subscription::initialDelayOver() { service.resumeEvents(sid); }
 
 uint32_t grantedTime(const std::string& timeout) {
   constexpr std::string_view unit = "Second-";

@@ -7,28 +7,28 @@
 
 class Service;
 
-/// A control point that is told of changes (GENA, UPnP Device Architecture 1.0 section 4), until it
-/// unsubscribes or its time is over.
+/// A control point's subscription to changes (GENA, UPnP Device Architecture 1.0 section 4), until
+/// it unsubscribes or its time is over.
 class Subscription {
  public:
-  /// Bounds of the time that is granted, in seconds; the lower one is the default.
+  /// The bounds of the granted time, in seconds; the lower one is the default.
   static constexpr uint32_t shortestTime = 1800;
   static constexpr uint32_t longestTime = 86400;
 
-  /// How long the initial event is held back, in hundredths of a second. A control point may need
-  /// that long to take note of the SID that the answer to its SUBSCRIBE carries, and drops an event
-  /// with a SID that it does not know.
-  static constexpr uint32_t holdBackTime = 5;
+  /// How long the initial event is delayed, in hundredths of a second. A control point may need
+  /// this long to record the SID from the reply to its SUBSCRIBE, and drops an event with an
+  /// unknown SID.
+  static constexpr uint32_t initialEventDelay = 5;
 
   /// `owner` must outlive the subscription.
   Subscription(Service& owner, std::string sidText) : service(owner), sid(std::move(sidText)) {}
   Subscription(const Subscription&) = delete;
   Subscription& operator=(const Subscription&) = delete;
 
-  /// Starts the time anew, in seconds.
+  /// Restarts the subscription's time, in seconds.
   void grant(uint32_t time);
-  void holdBackInitialEvent();
-  [[nodiscard]] bool initialEventIsHeldBack() const { return holdBack_.pending(); }
+  void delayInitialEvent();
+  [[nodiscard]] bool initialEventIsDelayed() const { return initialDelay_.pending(); }
 
   /// The SEQ of the next NOTIFY: 0, 1, ..., 4294967295, 1, ...
   [[nodiscard]] uint32_t takeSeq();
@@ -39,15 +39,15 @@ class Subscription {
   uint16_t port = 0;      ///< of the callback, network byte order
   std::string path;       ///< of the callback, begins with "/"
   uint32_t seq = 0;       ///< of the next NOTIFY
-  int initialEvent = -1;  ///< socket of the initial event while that is neither written nor dropped
+  int initialEvent = -1;  ///< socket of the initial event until that is written or dropped
 
  private:
   void timeout();
-  void holdBackOver();
+  void initialDelayOver();
 
   lm::Timer timer_;
-  lm::Timer holdBack_;
+  lm::Timer initialDelay_;
 };
 
-/// The time that a TIMEOUT field is granted, in seconds.
+/// The time granted for a TIMEOUT field, in seconds.
 [[nodiscard]] uint32_t grantedTime(const std::string& timeout);

@@ -2,8 +2,8 @@
 
 #include <string>
 
-/// The result of an action: 0 or a UPnP error code, which the control point gets in a SOAP fault.
-/// 401 to 501 come from the UPnP Device Architecture 1.0, section 3.2.2, the 700s from
+/// The result of an action: 0, or a UPnP error code, which the control point receives in a SOAP
+/// fault. 401 to 501 come from the UPnP Device Architecture 1.0, section 3.2.2, the 700s from
 /// WANIPConnection:1, section 2.4.
 enum UPNPStatus : int {
   UPNP_SUCCESS = 0,
@@ -20,5 +20,5 @@ enum UPNPStatus : int {
   UPNP_REMOTE_HOST_ONLY_SUPPORTS_WILDCARD = 726,
 };
 
-/// The errorDescription of a code; empty for success and for a code that is not listed above.
+/// The errorDescription of a code; empty for success and for a code not listed above.
 [[nodiscard]] std::string upnpStatusText(UPNPStatus status);

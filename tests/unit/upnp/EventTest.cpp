@@ -41,7 +41,7 @@ using Events = LampEvents;
 TEST_F(Events, CarryEveryEventedVariableThatHasAValueAtFirst) {
   Subscriber subscriber(platform);
   const std::string sid = subscribe(subscriber);
-  passHoldBack();
+  passInitialDelay();
   ASSERT_TRUE(subscriber.accept());
   const std::string body =
       "<e:propertyset xmlns:e=\"urn:schemas-upnp-org:event-1-0\">\r\n"
@@ -77,7 +77,7 @@ TEST_F(Events, AreEmptyAtFirstWhenNothingHasAValue) {
   Bare bare;
   Subscriber subscriber(platform);
   ASSERT_EQ(bare.subscribe(subscriber.subscribeRequest()).startLine, "HTTP/1.1 200 OK");
-  passHoldBack();
+  passInitialDelay();
   EXPECT_EQ(subscriber.notify().body, emptySet);
 }
 
@@ -88,7 +88,7 @@ TEST_F(Events, AreConnectedAtOnceButWrittenAfterTheAnswerHasSettled) {
   Subscriber subscriber(platform);
   subscribe(subscriber);
   ASSERT_TRUE(subscriber.accept());
-  platform.advance(Subscription::holdBackTime - 1);
+  platform.advance(Subscription::initialEventDelay - 1);
   EXPECT_EQ(lm::test::readAvailable(subscriber.connection.get()), "");
   platform.advance(1);
   EXPECT_NE(subscriber.receive(), "");
@@ -105,7 +105,7 @@ TEST_F(Events, OfAChangeRightAfterSubscribingComeSecond) {
   lamp->setVar("Colour", "blue");
   lamp->setVar("State", "On");
   platform.turn();
-  passHoldBack();
+  passInitialDelay();
   EXPECT_EQ(subscriber.notifyAndAnswer().getField("SEQ"), "0");
   const HTTPMessage colour = subscriber.notifyAndAnswer();
   EXPECT_EQ(colour.getField("SEQ"), "1");
@@ -123,7 +123,7 @@ TEST_F(Events, GoOnWhenTheInitialOneIsDropped) {
   ASSERT_TRUE(subscriber.accept());
   subscriber.reset();
   lamp->setVar("Colour", "blue");
-  passHoldBack();
+  passInitialDelay();
   EXPECT_EQ(subscriber.notify().getField("SEQ"), "1");
   EXPECT_TRUE(log.text().ends_with("write failed\nnotify timeout\nnotify: Colour = 'blue'\n"))
       << log.text();
@@ -217,7 +217,7 @@ TEST_F(Events, AreStartedInTheOrderOfTheSids) {
 TEST_F(Events, EndWithTheSubscribersReply) {
   Subscriber subscriber(platform);
   subscribe(subscriber);
-  passHoldBack();
+  passInitialDelay();
   EXPECT_EQ(subscriber.notify().getField("SEQ"), "0");
   subscriber.answer();
   EXPECT_TRUE(subscriber.closedByService());
@@ -232,7 +232,7 @@ TEST_F(Events, EndWithTheSubscribersReply) {
 TEST_F(Events, EndWithABadReplyAndTheNextOneIsStillSent) {
   Subscriber subscriber(platform);
   subscribe(subscriber);
-  passHoldBack();
+  passInitialDelay();
   EXPECT_EQ(subscriber.notify().getField("SEQ"), "0");
   subscriber.answer("HTTP/1.1 412 Precondition Failed\r\n\r\n");
   EXPECT_TRUE(subscriber.closedByService());
@@ -246,7 +246,7 @@ TEST_F(Events, EndWithABadReplyAndTheNextOneIsStillSent) {
 TEST_F(Events, JudgeTheReplyByItsFirstPiece) {
   Subscriber subscriber(platform);
   subscribe(subscriber);
-  passHoldBack();
+  passInitialDelay();
   EXPECT_EQ(subscriber.notify().getField("SEQ"), "0");
   subscriber.answer("H");
   EXPECT_TRUE(subscriber.closedByService());
@@ -258,9 +258,9 @@ TEST_F(Events, JudgeTheReplyByItsFirstPiece) {
 TEST_F(Events, AreGivenUpWhenNobodyAnswersForThirtySeconds) {
   Subscriber subscriber(platform);
   subscribe(subscriber);
-  passHoldBack();
+  passInitialDelay();
   EXPECT_EQ(subscriber.notify().getField("SEQ"), "0");
-  platform.advance(30 * second - Subscription::holdBackTime - 1);
+  platform.advance(30 * second - Subscription::initialEventDelay - 1);
   EXPECT_EQ(linesOf("notify timeout"), 0);
   platform.advance(1);
   EXPECT_EQ(linesOf("notify timeout"), 1);
@@ -299,7 +299,7 @@ TEST_F(Events, HearAReplyThatArrivedWhileACallbackTookThirtySeconds) {
   };
   Subscriber subscriber(platform);
   subscribe(subscriber);
-  passHoldBack();
+  passInitialDelay();
   ASSERT_EQ(subscriber.notify().getField("SEQ"), "0");
   Busy busy{platform, subscriber};
   const lm::test::SocketPair pair(SOCK_STREAM);
@@ -316,7 +316,7 @@ TEST_F(Events, HearAReplyThatArrivedWhileACallbackTookThirtySeconds) {
 TEST_F(Events, ReportASubscriberThatClosesUnansweredAgainAndAgainUntilTheirTimeIsOver) {
   Subscriber subscriber(platform);
   subscribe(subscriber);
-  passHoldBack();
+  passInitialDelay();
   EXPECT_EQ(subscriber.notify().getField("SEQ"), "0");
   subscriber.connection.reset();
   ASSERT_TRUE(platform.turnUntil([&] { return linesOf("notify reply read failed") >= 2; }));
@@ -379,7 +379,7 @@ TEST_F(Events, AreDroppedWhenTheSocketCannotBeSwitchedToBlocking) {
   Subscriber subscriber(platform);
   subscribe(subscriber);
   platform.turn();
-  whileRefused({SCMP_SYS(fcntl), F_SETFL, O_RDWR}, EINVAL, [&] { passHoldBack(); });
+  whileRefused({SCMP_SYS(fcntl), F_SETFL, O_RDWR}, EINVAL, [&] { passInitialDelay(); });
   EXPECT_EQ(linesOf("fcntl 0: Invalid argument"), 1);
   EXPECT_EQ(linesOf("notify timeout"), 1);
 }
@@ -391,7 +391,7 @@ TEST_F(Events, AreWrittenOnceOnly) {
   subscribe(subscriber);
   ASSERT_TRUE(subscriber.accept());
   alarm(10);  // ends the test if it tries again and again
-  whileRefused({SCMP_SYS(sendto)}, EINTR, [&] { passHoldBack(); });
+  whileRefused({SCMP_SYS(sendto)}, EINTR, [&] { passInitialDelay(); });
   alarm(0);
   EXPECT_EQ(linesOf("write failed"), 1);
   EXPECT_EQ(linesOf("notify timeout"), 1);
@@ -405,7 +405,7 @@ TEST_F(Events, AreDroppedWhenTheWriteCouldHaveToWait) {
   Subscriber subscriber(platform);
   subscribe(subscriber);
   ASSERT_TRUE(subscriber.accept());
-  whileRefused({SCMP_SYS(setsockopt), SOL_SOCKET, SO_SNDTIMEO}, EPERM, [&] { passHoldBack(); });
+  whileRefused({SCMP_SYS(setsockopt), SOL_SOCKET, SO_SNDTIMEO}, EPERM, [&] { passInitialDelay(); });
   EXPECT_EQ(linesOf("setsockopt SO_SNDTIMEO: Operation not permitted"), 1);
   EXPECT_EQ(linesOf("write failed"), 1);
   EXPECT_EQ(linesOf("notify timeout"), 1);
@@ -432,7 +432,7 @@ TEST_F(Events, ThatWaitForTheirTurnAreDroppedWithTheirSubscription) {
   platform.turn();
   unsubscribe(sid);
   EXPECT_EQ(linesOf("notify timeout"), 2);
-  passHoldBack();
+  passInitialDelay();
   EXPECT_EQ(linesOf("notify timeout"), 2);
 }
 
@@ -470,7 +470,7 @@ TEST_F(Events, ToASubscriberThatDoesNotReadStallTheLoopForAMomentOnly) {
   subscribe(subscriber);
   ASSERT_TRUE(subscriber.accept());
   const auto before = std::chrono::steady_clock::now();
-  passHoldBack();
+  passInitialDelay();
   const auto took = std::chrono::steady_clock::now() - before;
   EXPECT_EQ(linesOf("write failed"), 1);
   EXPECT_LT(took, std::chrono::seconds(30));  // without a limit it would take for ever

@@ -38,7 +38,7 @@ class LampEvents : public testing::Test {
   /// Subscribes, and takes and answers the initial event.
   std::string subscribeAndHear(Subscriber& who) {
     std::string sid = subscribe(who);
-    passHoldBack();
+    passInitialDelay();
     who.notifyAndAnswer();
     return sid;
   }
@@ -53,7 +53,7 @@ class LampEvents : public testing::Test {
     request.addField("SID", sid);
     return lamp->unsubscribe(request);
   }
-  void passHoldBack() { platform.advance(Subscription::holdBackTime); }
+  void passInitialDelay() { platform.advance(Subscription::initialEventDelay); }
   [[nodiscard]] int linesOf(const std::string& line) {
     const std::string text = log.text();
     int count = 0;

@@ -146,7 +146,7 @@ TEST_F(Subscriptions, TakeTheFirstOfSeveralCallbacks) {
   request.addField("NT", "upnp:event");
   request.addField("CALLBACK", first.callback() + other.callback());
   EXPECT_EQ(lamp->subscribe(request).startLine, "HTTP/1.1 200 OK");
-  passHoldBack();
+  passInitialDelay();
   EXPECT_EQ(first.notify().getField("SEQ"), "0");
   EXPECT_TRUE(other.hearsNothing());
 }
