@@ -14,7 +14,7 @@ DeviceStats getDeviceStats(uint32_t interfaceId) {
       lm::getLooper().exchangeCmd(request, lm::cmd::readObject, lm::exchangeLimit);
   if (lm::isError(reply)) logLine("get device stats: ", lm::getError(reply));
 
-  // Control points expect counters of 32 bits that wrap.
+  // Control points expect 32-bit counters that wrap.
   const auto counter = [&reply](uint32_t key) { return static_cast<uint32_t>(reply.get_u64(key)); };
   return {counter(lm::interfaces::key::packetsReceived), counter(lm::interfaces::key::packetsSent),
           counter(lm::interfaces::key::bytesReceived), counter(lm::interfaces::key::bytesSent)};

@@ -6,7 +6,7 @@
 
 namespace {
 
-// What gethostname may write, the zero included: names are at most three characters long here.
+// The buffer size for gethostname, including the zero: a name has at most three characters here.
 constexpr size_t nameLimit = 4;
 
 std::string readName(OSInfo::HostName hostName, size_t limit) {
@@ -17,8 +17,8 @@ std::string readName(OSInfo::HostName hostName, size_t limit) {
 
 std::string machineName(OSInfo::HostName hostName) {
   const std::string name = readName(hostName, nameLimit);
-  // Some C libraries cut a long name and report success: without a zero, or so that more comes
-  // when there is more room.
+  // Some C libraries truncate a long name and report success: without a final zero, or so that a
+  // larger buffer returns more.
   const bool whole = name.size() < nameLimit && name == readName(hostName, nameLimit + 1);
   return whole ? name : std::string();
 }

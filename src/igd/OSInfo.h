@@ -7,12 +7,12 @@
 #include "upnp/Service.h"
 
 /// OSInfo:1: the version and the name of the router, which some control points look for. It has
-/// variables only.
+/// state variables but no actions.
 class OSInfo : public Service {
  public:
-  /// Reads the host's name, as `gethostname` does.
+  /// Reads the host name, with the signature of `gethostname`.
   using HostName = int (*)(char* name, size_t length);
 
-  /// The name is read here once. One of more than three characters is left out.
+  /// Reads the name once. A name of more than three characters is left empty.
   explicit OSInfo(HostName hostName = gethostname);
 };

@@ -4,7 +4,7 @@
 #include <string>
 #include <tuple>
 
-/// What a port mapping is known by. The order is by port, then TCP before UDP.
+/// The key of a port mapping, ordered by port, then TCP before UDP.
 struct Id {
   static constexpr uint32_t tcp = 0;
   static constexpr uint32_t udp = 1;
@@ -17,7 +17,8 @@ struct Id {
   }
 };
 
-/// A port mapping: where the connections to an external port go. Its NAT rule exists as long as it.
+/// A port mapping: the destination of traffic to an external port. Its NAT rule exists as long as
+/// it does.
 struct PortMap {
   uint16_t internalPort = 0;
   uint32_t internalClient = 0;  ///< IPv4 address, network byte order

@@ -29,7 +29,7 @@ WANCommonInterfaceConfig::WANCommonInterfaceConfig(const lm::message& record)
   addAct("GetTotalBytesReceived", {"TotalBytesReceived"});
   addAct("GetTotalPacketsSent", {"TotalPacketsSent"});
   addAct("GetTotalPacketsReceived", {"TotalPacketsReceived"});
-  // Windows' Internet Connection Sharing names these arguments as they are here.
+  // These are the argument names of Windows' Internet Connection Sharing.
   addAct("X_GetICSStatistics",
          {"TotalBytesSent", "TotalBytesReceived", "TotalPacketsSent", "TotalPacketsReceived",
           "Layer1DownstreamMaxBitRate", "X_Uptime"},

@@ -7,13 +7,13 @@
 #include "upnp/Service.h"
 
 /// WANCommonInterfaceConfig:1: the link of one external interface and its traffic counters, which
-/// are fetched from the platform at every read.
+/// each read fetches from the platform.
 class WANCommonInterfaceConfig : public Service {
  public:
   /// `record` is the interface's record in the platform's interface table.
   explicit WANCommonInterfaceConfig(const lm::message& record);
 
-  /// Takes the record and sets the bit rates.
+  /// Stores the record and sets the bit rates.
   void setInterface(const lm::message& record);
 
  private:

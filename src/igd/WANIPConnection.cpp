@@ -14,16 +14,16 @@
 
 namespace {
 
-/// What the descriptions of all mappings may take together, in bytes, so that LAN hosts cannot use
-/// up the router's memory with them. Short ones are never refused: the platform bounds their
+/// The most bytes that the descriptions of all mappings may take together, so that LAN hosts cannot
+/// exhaust the router's memory. Short descriptions are never refused: the platform bounds their
 /// number.
 constexpr size_t descriptionsLimit = 4UL * 1024 * 1024;
 constexpr size_t shortDescription = 256;
-/// What the descriptions of one internal client may take of it: as much as short ones of the 1,024
-/// mappings that the platform allows it by default.
+/// The share of one internal client: enough for short descriptions of the 1,024 mappings that the
+/// platform allows it by default.
 constexpr size_t clientDescriptionsLimit = 1024 * shortDescription;
 
-/// The entry that is listed first for clients that refuse to work with an empty list.
+/// The entry listed first, for clients that do not work with an empty list.
 PortMap dummyMapping() {
   PortMap dummy;
   dummy.description = "Dummy inactive rule for windows to work";
@@ -34,8 +34,8 @@ Id idOf(const std::string& externalPort, const std::string& protocol) {
   return {static_cast<uint16_t>(strtouint(externalPort)), protocol == "TCP" ? Id::tcp : Id::udp};
 }
 
-/// Whether the description of `wanted` may be kept in place of one of `replaced` bytes, 0 for a new
-/// mapping. One that is not longer than what it replaces always may. False after a log line.
+/// Whether the description of `wanted` may replace one of `replaced` bytes, 0 for a new mapping. A
+/// description no longer than the one it replaces always may. Returns false after a log line.
 bool hasRoomFor(const PortMap& wanted, size_t replaced, const std::map<Id, PortMap>& portMaps) {
   const size_t length = wanted.description.size();
   if (length <= std::max(shortDescription, replaced)) return true;
@@ -50,7 +50,8 @@ bool hasRoomFor(const PortMap& wanted, size_t replaced, const std::map<Id, PortM
   return false;
 }
 
-/// Appends what both entry actions end with: internal port and client, enabled, description, lease.
+/// Appends the common end of both entry actions: internal port and client, enabled, description,
+/// lease.
 void appendMapping(const PortMap& mapping, std::vector<std::string>& out) {
   out.push_back(uinttostr(mapping.internalPort));
   out.push_back(iptostr(mapping.internalClient));
@@ -99,7 +100,7 @@ void WANIPConnection::registerVariables() {
   addVar("NATEnabled", {VAR_BOOLEAN, false}).setValue("1");
   addVar("ExternalIPAddress", {VAR_STRING, true}).setValue(iptostr(externalIP));
   addVar("PortMappingNumberOfEntries", {VAR_UI2, true}).setValue("0");
-  // The rest only give the arguments of the mapping actions their types.
+  // The rest only define the types of the mapping actions' arguments.
   addVar("PortMappingEnabled", {VAR_BOOLEAN, false});
   addVar("PortMappingLeaseDuration", {VAR_UI4, false});
   addVar("RemoteHost", {VAR_STRING, false});
@@ -113,7 +114,7 @@ void WANIPConnection::registerVariables() {
 void WANIPConnection::registerActions() {
   using Self = WANIPConnection;
 
-  // A mapping's key and what it maps to: related variables and argument names.
+  // The key and the target of a mapping: related variables and argument names.
   const Values keyVars{"RemoteHost", "ExternalPort", "PortMappingProtocol"};
   const Values keyArgs{"NewRemoteHost", "NewExternalPort", "NewProtocol"};
   const Values targetVars{"InternalPort", "InternalClient", "PortMappingEnabled",
@@ -228,7 +229,7 @@ UPNPStatus WANIPConnection::getSpecificPortMappingEntry(const Values& in, Values
   const std::string& remoteHost = in[0];
   const std::string& externalPort = in[1];
   const std::string& protocol = in[2];
-  // Whether it is listed or not: who found the dummy can always read it back.
+  // A client that has seen the dummy can read it again even when it is no longer listed.
   if (remoteHost.empty() && externalPort == "0" && protocol == "TCP") {
     appendMapping(dummyMapping(), out);
     return UPNP_SUCCESS;
@@ -257,7 +258,7 @@ UPNPStatus WANIPConnection::addPortMapping(const Values& in, Values& /*out*/) {
   const Id id = idOf(externalPort, in[2]);
   PortMap mapping;
   mapping.internalPort = static_cast<uint16_t>(strtouint(internalPort));
-  // Text that is no address becomes 255.255.255.255, which the NAT rule table judges.
+  // A text that is no address becomes 255.255.255.255, and the NAT rule table decides on that.
   mapping.internalClient = strtoip(internalClient);
   mapping.enabled = enabled == "yes" || enabled == "1" || enabled == "true";
   mapping.description = in[6];

@@ -9,8 +9,8 @@
 #include "upnp/Service.h"
 
 /// WANIPConnection:1: the state of one external interface, and the port mappings that control
-/// points make on it. Behind each mapping stands a rule of the platform's NAT rule table: the rule
-/// is made before the mapping is recorded and removed before the mapping is forgotten.
+/// points create on it. Each mapping has a rule in the platform's NAT rule table: the rule is added
+/// before the mapping is recorded, and removed before the mapping is erased.
 class WANIPConnection : public Service {
  public:
   /// The value of ConnectionStatus.
@@ -24,16 +24,17 @@ class WANIPConnection : public Service {
   /// `interfaceId` is the interface's object id in the platform's interface table, `address` its
   /// IPv4 address in network byte order.
   WANIPConnection(uint32_t interfaceId, uint32_t address);
-  /// Removes every rule that it made, with one exchange each.
+  /// Removes the rule of every mapping, with one exchange each.
   ~WANIPConnection() override;
 
   void setStatus(Status status);
-  /// `address` is in network byte order. Mappings that exist keep the address they were made with.
+  /// `address` is in network byte order. Existing mappings keep the address with which they were
+  /// added.
   void setExternalIP(uint32_t address);
-  /// Whether control points may enable and disable the interface; at first they may.
+  /// Whether control points may enable and disable the interface; initially they may.
   void setAllowDisIface(bool allow);
-  /// Whether the list of mappings starts with a dummy, for clients that refuse to work with an
-  /// empty one; at first it does.
+  /// Whether the list of mappings starts with a dummy entry, for clients that do not work with an
+  /// empty list; initially it does.
   void setShowDummyRule(bool show);
 
  private:
@@ -52,7 +53,7 @@ class WANIPConnection : public Service {
 
   /// Enables or disables the interface; the status becomes `next` when the platform has done it.
   UPNPStatus switchInterface(bool disabled, Status next);
-  /// Gives `mapping` what `wanted` has, once its rule has it.
+  /// Updates the rule of `mapping`, then `mapping` itself, to `wanted`.
   UPNPStatus changeMapping(PortMap& mapping, PortMap wanted);
   /// Sets PortMappingNumberOfEntries.
   void countEntries();
