@@ -5,7 +5,7 @@
 
 #include "platform/Object.h"
 
-/// What an interface is to the gateway.
+/// The role of an interface in the gateway.
 namespace interface_type {
 inline constexpr uint32_t none = 0;      ///< not configured
 inline constexpr uint32_t external = 1;  ///< the WAN side
@@ -21,5 +21,5 @@ class DevObj : public lm::Object {
 
   bool disabled = false;   ///< configured but inactive
   uint32_t interface = 0;  ///< id in the platform's interface table
-  uint32_t type = 0;       ///< of interface_type; any other value starts nothing
+  uint32_t type = 0;       ///< one of interface_type; any other value starts nothing
 };

@@ -17,12 +17,12 @@
 
 class Gateway;
 
-/// One interface of the platform, with what the gateway has started on it: sockets and a timer on
-/// a LAN side, two services on the WAN side. HTTP connections share it, so it may outlive its
+/// An interface of the platform, with what the gateway has started on it: sockets and a timer on a
+/// LAN side, two services on the WAN side. HTTP connections share ownership, so it may outlive its
 /// interface.
 class Device : public ServedInterface {
  public:
-  /// Addresses in the order of the numbers that a big-endian machine sees.
+  /// Orders addresses by the number that a big-endian machine reads.
   struct ByNumber {
     bool operator()(uint32_t a, uint32_t b) const { return iptonumber(a) < iptonumber(b); }
   };
@@ -31,31 +31,31 @@ class Device : public ServedInterface {
   Device(const Device&) = delete;
   Device& operator=(const Device&) = delete;
 
-  /// Opens and watches both sockets for `gateway`, which must outlive them, and starts the
-  /// advertisement timer. A socket that cannot be opened is missing, which is logged.
+  /// Opens both sockets, watches them for `gateway`, which must outlive them, and starts the
+  /// advertisement timer. A socket that cannot be opened stays absent, which the maker logs.
   void openSockets(Gateway& gateway);
-  /// Ends the timer and closes both sockets. Does nothing when they are not open.
+  /// Stops the timer and closes both sockets. Does nothing when they are closed.
   void closeSockets();
 
-  /// Which of `addresses` is to be `address`: it stays as long as it is one of them, then the
-  /// smallest takes its place, and 0 when there is none.
+  /// The address to use: `address` as long as it is one of `addresses`, then the smallest of them,
+  /// or 0 when there is none.
   [[nodiscard]] uint32_t currentAddress() const;
 
-  /// The state of the connection that this interface is.
+  /// The connection state of this interface.
   [[nodiscard]] WANIPConnection::Status connectionStatus() const;
 
   [[nodiscard]] uint32_t ipAddress() const override { return address; }
   [[nodiscard]] uint32_t id() const;
   [[nodiscard]] std::string displayName() const;
-  /// The name that sockets are bound to.
+  /// The device name for binding sockets.
   [[nodiscard]] std::string interfaceName() const;
 
   [[nodiscard]] bool isStarted(uint32_t as) const { return started && type == as; }
 
   lm::message record;                      ///< as last received
   uint32_t type = interface_type::none;    ///< as configured
-  bool disabled = false;                   ///< says the platform
-  bool running = false;                    ///< says the platform
+  bool disabled = false;                   ///< as reported by the platform
+  bool running = false;                    ///< as reported by the platform
   std::set<uint32_t, ByNumber> addresses;  ///< all its IPv4 addresses, network byte order
   uint32_t address = 0;                    ///< the current one of them, 0 for none
   bool started = false;                    ///< the LAN side serves, or the WAN services exist

@@ -84,7 +84,7 @@ void Gateway::disable() {
   for (const DevObj* object : objects()) {
     if (Device* device = knownDevice(object->interface)) stop(*device);
   }
-  // What is still in use has no object any more that could stop it.
+  // Interfaces that are no longer configured were not stopped above.
   for (const auto& [id, device] : devices) retire(*device);
   for (const auto& [id, device] : departed_) retire(*device);
   departed_.clear();

@@ -17,27 +17,26 @@
 #include "platform/Map.h"
 #include "platform/Store.h"
 
-/// The Internet Gateway Device: the platform's handler of the configured interfaces and of the
+/// The Internet Gateway Device: the platform's handler for the configured interfaces and the
 /// settings, the root of the device tree, and the owner of everything that serves it.
 ///
-/// It follows the platform's interfaces and addresses while it is enabled. Each configured internal
-/// interface that has an address is served; each configured external interface adds a sub-tree with
+/// While enabled, it follows the platform's interfaces and addresses. Each configured internal
+/// interface that has an address is served. Each configured external interface adds a sub-tree with
 /// two services to the root device.
 ///
-/// An interface that disappears is forgotten, not stopped: what it had started stays as it is until
-/// the same interface comes back, which retires it silently before it starts anything itself, or
-/// until the gateway is disabled. A search or a connection that still reaches its sockets ends the
-/// process.
+/// An interface that disappears is forgotten but not stopped. What it had started remains until the
+/// same interface returns, which retires it silently before starting anything itself, or until the
+/// gateway is disabled. A search or a connection that still reaches its sockets ends the process.
 class Gateway : public lm::Map<DevObj>, public UpnpRootDevice, private RequestHandler {
  public:
   Gateway();
   Gateway(const Gateway&) = delete;
   Gateway& operator=(const Gateway&) = delete;
-  /// Disables the gateway if it is enabled.
+  /// Disables an enabled gateway.
   ~Gateway() override;
 
-  /// Reads the router's identity, the configured interfaces and the settings, and starts what they
-  /// say. A gateway that is not enabled asks the loop to leave.
+  /// Reads the router's identity, the configured interfaces and the settings, and starts
+  /// accordingly. A gateway that is not enabled asks the loop to end.
   void init();
 
   [[nodiscard]] lm::message cmdGet(const lm::message& request) override;
@@ -48,7 +47,7 @@ class Gateway : public lm::Map<DevObj>, public UpnpRootDevice, private RequestHa
 
   /// Answers a search on a discovery socket that is ready.
   void handleSearch(int socket);
-  /// Takes a connection from a listening socket that is ready. Returns whether there was one.
+  /// Accepts a connection from a listening socket that is ready. Returns whether there was one.
   bool acceptHttp(int listenFd) { return httpServer_.acceptHttp(listenFd); }
   /// Announces the whole tree on an internal interface.
   void advertise(const Device& device) const;
@@ -63,7 +62,7 @@ class Gateway : public lm::Map<DevObj>, public UpnpRootDevice, private RequestHa
   void describeRoot();
   void enable();
   void disable();
-  /// Takes the settings that the message has; the others keep their values.
+  /// Takes the settings present in the message; the others keep their values.
   void readSettings(const lm::message& from);
   void writeSettings(lm::message& to) const;
 
@@ -80,11 +79,11 @@ class Gateway : public lm::Map<DevObj>, public UpnpRootDevice, private RequestHa
   void addrsChanged(const lm::message& change);
   void addrChanged(const lm::message& record);
   void setDevAddr(uint32_t interface, uint32_t address, bool add);
-  /// Null when the platform has not told of such an interface, or told that it is gone.
+  /// Null when the platform has not reported such an interface, or has reported it gone.
   [[nodiscard]] Device* knownDevice(uint32_t interface) const;
 
-  // GatewayInterfaces.cpp: start and stop of an interface, on the LAN side and on the WAN side.
-  /// Starts what the interface's type asks for, unless it is started.
+  // GatewayInterfaces.cpp: starting and stopping an interface, on the LAN side and the WAN side.
+  /// Starts what the interface's type requires, unless it is started.
   void start(Device& device);
   /// Ends what start began.
   void stop(Device& device);
@@ -92,7 +91,7 @@ class Gateway : public lm::Map<DevObj>, public UpnpRootDevice, private RequestHa
   void stopInternal(Device& device);
   void startExternal(Device& device);
   void stopExternal(Device& device);
-  /// Ends whatever hangs on the interface without a word to anybody on the LAN.
+  /// Ends everything started on the interface, without notice to the LAN.
   void retire(Device& device);
   void registerService(Service& service, const UpnpServiceDescr& urls);
   void unregisterService(const Service* service);
@@ -104,7 +103,8 @@ class Gateway : public lm::Map<DevObj>, public UpnpRootDevice, private RequestHa
   void sendAdvertsEverywhere(const SearchTargets& targets, bool byebye) const;
 
   // GatewayRequests.cpp: searches and requests from the LAN.
-  /// Ends the process with exit status 1 when no interface has this discovery socket.
+  /// The interface that owns this discovery socket; ends the process with exit status 1 when none
+  /// does.
   [[nodiscard]] const Device& findDevice(int socket) const;
   [[nodiscard]] std::shared_ptr<ServedInterface> findListener(int listenFd) override;
   [[nodiscard]] HTTPMessage handleHttpRequest(const ServedInterface& device,
@@ -114,7 +114,7 @@ class Gateway : public lm::Map<DevObj>, public UpnpRootDevice, private RequestHa
 
   lm::Store store{"/lumen/store/upnpm", 5};               ///< record 0: the settings
   std::map<uint32_t, std::shared_ptr<Device>> devices;    ///< by interface id; never null
-  std::map<uint32_t, std::shared_ptr<Device>> departed_;  ///< forgotten, but still in use
+  std::map<uint32_t, std::shared_ptr<Device>> departed_;  ///< gone, with something still started
   std::map<uint32_t, Addr> addrs;                         ///< by address object id
   SearchTargets searchTargets;                            ///< of the whole tree
   HTTPStore httpStore{"/lumen/etc/upnp/"};
@@ -128,5 +128,5 @@ class Gateway : public lm::Map<DevObj>, public UpnpRootDevice, private RequestHa
   std::string identity;  ///< the router's, part of every UDN and USN
 };
 
-/// The process's gateway; null while there is none. For callbacks that carry only their own record.
+/// The process's gateway; null when there is none. For callbacks that only have their own record.
 extern Gateway* theGateway;

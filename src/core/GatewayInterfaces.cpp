@@ -1,5 +1,5 @@
-// Start and stop of an interface: sockets and adverts on the LAN side, a sub-tree with two services
-// on the WAN side.
+// Starting and stopping an interface: sockets and adverts on the LAN side, a sub-tree with two
+// services on the WAN side.
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-// The configured interfaces: what happens when the administrator adds, changes or removes one.
+// The configured interfaces: adding, changing and removing one.
 
 #include "core/Gateway.h"
 #include "platform/Keys.h"

@@ -1,4 +1,4 @@
-// Searches and requests from the LAN: who answers them.
+// Searches and requests from the LAN, and what answers them.
 
 #include <cstdlib>
 
@@ -46,7 +46,7 @@ HTTPMessage Gateway::handleHttpRequest(const ServedInterface& device, const HTTP
   const auto found = byUrl.find(url);
   if (found == byUrl.end()) return HTTPMessage(HTTP_NOT_FOUND);
 
-  // A name that resolves to this router would let a web page's script talk to it (DNS rebinding).
+  // Accepting host names would let a web page's script reach the router by DNS rebinding.
   const std::string host = request.getField("HOST");
   const std::string address = iptostr(device.ipAddress());
   if (host != address && host != address + ":" + uinttostr(HTTP_PORT)) {

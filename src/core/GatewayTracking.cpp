@@ -1,4 +1,4 @@
-// The platform's interfaces and their addresses, as far as the gateway mirrors them.
+// The gateway's mirror of the platform's interfaces and addresses.
 
 #include <algorithm>
 #include <utility>
