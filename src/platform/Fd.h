@@ -6,7 +6,7 @@
 
 namespace lm {
 
-/// The owner of a file descriptor, which it closes at its end. Below 0: none.
+/// Owns a file descriptor and closes it on destruction. Below 0: none.
 class Fd {
  public:
   Fd() = default;
@@ -22,7 +22,7 @@ class Fd {
 
   [[nodiscard]] int get() const { return fd_; }
   [[nodiscard]] bool valid() const { return fd_ >= 0; }
-  /// Gives the descriptor away; the caller closes it.
+  /// Transfers the descriptor to the caller, which closes it.
   [[nodiscard]] int release() { return std::exchange(fd_, -1); }
   void reset(int fd = -1) {
     if (fd_ >= 0) close(fd_);

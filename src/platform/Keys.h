@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-/// Numbers of the platform's messages that every program shares: field keys, commands, services.
+/// Numbers in the platform's messages that all programs share: field keys, commands, services.
 namespace lm {
 
 namespace key {
@@ -19,7 +19,7 @@ inline constexpr uint32_t errorText = 0x20ff0009;    ///< string, in an error re
 inline constexpr uint32_t objectId = 0x08fe0001;  ///< u32
 inline constexpr uint32_t records = 0xa8fe0002;   ///< message array: one page
 inline constexpr uint32_t cursor = 0x08fe0003;    ///< u32: last id of this page
-inline constexpr uint32_t dynamic = 0x00fe0007;   ///< bool: lives as long as its maker's connection
+inline constexpr uint32_t dynamic = 0x00fe0007;   ///< bool: ends with its owner's connection
 inline constexpr uint32_t disabled = 0x00fe000a;  ///< bool
 inline constexpr uint32_t removed =
     0x08fe0013;  ///< u32: non-zero in the record of a removed object
@@ -57,7 +57,7 @@ inline constexpr uint32_t natRules = 5;
 /// The code of every error reply that a handler makes.
 inline constexpr uint32_t errorRefused = 0xfe0009;
 
-/// A cursor that says that no page follows; also the id of a handler's settings.
+/// The cursor of the last page; also the id of a handler's settings.
 inline constexpr uint32_t none = 0xFFFFFFFF;
 
 }  // namespace lm

@@ -11,13 +11,13 @@
 namespace lm {
 
 /// A handler that keeps numbered, persisted objects and answers the object commands: list, read,
-/// add, set, remove. Every change is offered to a hook first, and done only when the hook's reply
-/// is no error; the hook's reply is the answer. When the change cannot be stored after that, the
-/// hook of the reverse change is called and the request is refused. Use it through Map<T>.
+/// add, set, remove. Every change is first offered to a hook and made only when the hook's reply is
+/// no error; the hook's reply is the answer. If the change then cannot be stored, the hook of the
+/// reverse change is called and the request is refused. Use it through Map<T>.
 class AMap : public Handler {
  public:
-  /// Objects are kept in the store directory `storePath`, under ids from `lowest` to `highest`,
-  /// the latter as a signed number: -2 is 0xFFFFFFFE.
+  /// Objects are kept in the store directory `storePath`, with ids from `lowest` to `highest`,
+  /// which is given as a signed number: -2 is 0xFFFFFFFE.
   AMap(std::string storePath, uint32_t lowest, int32_t highest);
   ~AMap() override;
 

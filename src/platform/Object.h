@@ -15,21 +15,21 @@ class Object {
   Object& operator=(const Object&) = delete;
   virtual ~Object() = default;
 
-  /// Whether the object survives the end of the program.
+  /// Whether the object is persisted.
   [[nodiscard]] virtual bool isStorable() const { return true; }
-  /// Whether the administrator can take changes of it back.
+  /// Whether the administrator can undo changes of it.
   [[nodiscard]] virtual bool isUndoable() const { return isStorable(); }
-  /// Whether subscribers are told of changes.
+  /// Whether subscribers are notified of changes.
   [[nodiscard]] virtual bool needNotify() const { return true; }
-  /// What an administrator calls such an object.
+  /// The administrator's name for this kind of object.
   [[nodiscard]] virtual std::string getName() const { return "item"; }
 
   /// Appends the object's fields to `config`.
   virtual void getConfig(message& config) const = 0;
-  /// Takes the fields that `config` has; the others keep their values.
+  /// Takes the fields present in `config`; the others keep their values.
   virtual void setConfig(const message& config) = 0;
 
-  uint32_t id = 0;  ///< given by the map; 0 before
+  uint32_t id = 0;  ///< assigned by the map; 0 until then
 };
 
 }  // namespace lm

@@ -8,8 +8,8 @@
 
 namespace lm {
 
-/// Reads a whole table page by page and hands out its records one by one. A page is asked for when
-/// the one before is used up.
+/// Reads a whole table page by page and returns its records one by one. Each page is requested when
+/// the previous one is used up.
 class Reget {
  public:
   /// `request` holds the destination path and the command (key::command). Each exchange may take
@@ -19,11 +19,11 @@ class Reget {
   Reget& operator=(const Reget&) = delete;
   ~Reget();
 
-  /// The next record; none after the last one and after an error: an error reply, or a cursor
-  /// that does not rise.
+  /// The next record. None after the last one and after an error, which is an error reply or a
+  /// cursor that does not increase.
   [[nodiscard]] std::optional<message> pop();
 
-  /// The error reply that ended the reading, if one did.
+  /// The error reply that ended the read, if any.
   [[nodiscard]] const std::optional<message>& error() const;
 
  private:
@@ -31,7 +31,7 @@ class Reget {
   std::unique_ptr<State> state_;  // never null
 };
 
-/// The same for the records as they are kept (cmd::readAll), whatever command `request` carries.
+/// Reads the stored records (cmd::readAll), whatever command `request` carries.
 class FullReget : public Reget {
  public:
   FullReget(Handler& handler, message request, uint32_t limit = exchangeLimit);

@@ -6,7 +6,7 @@
 
 namespace lm {
 
-/// A timer that ends with its holder. Neither copied nor moved: its address is its name.
+/// A timer that is cancelled on destruction. Neither copied nor moved: its address identifies it.
 class Timer {
  public:
   Timer() = default;
@@ -14,9 +14,9 @@ class Timer {
   Timer& operator=(const Timer&) = delete;
   ~Timer() { stop(); }
 
-  /// Calls the member function of `owner` once, after `delay` hundredths of a second. A pending
-  /// call is replaced. `owner` must live until the timer has fired or is stopped. The callback may
-  /// start the timer again or destroy it.
+  /// Calls the member function of `owner` once, after `delay` hundredths of a second, replacing a
+  /// pending call. `owner` must live until the timer has fired or is stopped. The callback may
+  /// restart the timer or destroy it.
   template <auto Method, typename Owner>
   void start(Owner& owner, uint32_t delay) {
     stop();

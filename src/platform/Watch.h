@@ -4,8 +4,8 @@
 
 namespace lm {
 
-/// A watch of a descriptor that ends with its holder. To be declared after the descriptor, so that
-/// it ends first.
+/// A watch of a descriptor that ends on destruction. Declare it after the descriptor, so that the
+/// watch is destroyed first.
 class Watch {
  public:
   Watch() = default;
@@ -13,8 +13,8 @@ class Watch {
   Watch& operator=(const Watch&) = delete;
   ~Watch() { stop(); }
 
-  /// Calls the member function of `owner` with the descriptor whenever it is ready, until stopped.
-  /// A watch that runs is replaced. `owner` and `fd` must outlive the watch.
+  /// Calls the member function of `owner` with the descriptor whenever it is ready, until stopped,
+  /// replacing a running watch. `owner` and `fd` must outlive the watch.
   template <auto Method, typename Owner>
   void start(int fd, Owner& owner, unsigned flags) {
     stop();

@@ -8,17 +8,17 @@
 
 namespace lm {
 
-/// A list of typed fields in insertion order, the unit of everything that programs of this router
-/// say to each other.
+/// A list of typed fields in insertion order, the unit of communication between this router's
+/// programs.
 ///
 /// A key is 32 bits: the top five bits are the type, the low 27 the field number. Every accessor
-/// sets the type bits itself, so `insert_u32(1, v)` and `insert_u32(0x08000001, v)` are the same
-/// call. Inserting a key that is present replaces its value in place.
+/// sets the type bits itself, so `insert_u32(1, v)` and `insert_u32(0x08000001, v)` are equivalent.
+/// Inserting a key that is present replaces its value in place.
 ///
 /// A message is a value: copying it copies every field. A moved-from message is empty.
 class message {
  public:
-  /// The fields; only the platform's own code knows their form.
+  /// The fields; only the platform's own code knows their layout.
   class Fields;
 
   message() noexcept;
@@ -62,11 +62,11 @@ class message {
   /// The number of elements of a message array, 0 when it is absent.
   [[nodiscard]] size_t size_message_array(uint32_t key) const;
 
-  /// Whether the array field is present, empty or not. Other than the accessors it takes the
-  /// element type from the key and sets the array flag only.
+  /// Whether the array field is present, even if empty. Unlike the accessors, it takes the element
+  /// type from the key and sets only the array flag.
   [[nodiscard]] bool has_array(uint32_t key) const;
 
-  /// For the platform's own code: the fields, to walk, encode and decode them.
+  /// For the platform's own code: the fields, for iterating, encoding and decoding.
   [[nodiscard]] const Fields& fields() const;
   [[nodiscard]] Fields& fields();
 
@@ -80,7 +80,7 @@ class message {
 /// Whether `reply` is an error reply.
 [[nodiscard]] bool isError(const message& reply);
 
-/// The text of an error reply, for the log; empty when `reply` is none.
+/// The text of an error reply, for the log; empty for any other reply.
 [[nodiscard]] std::string getError(const message& reply);
 
 }  // namespace lm

@@ -6,23 +6,24 @@
 #include "platform/Keys.h"
 #include "platform/message.h"
 
-/// Field keys of the address table, handler [20, 1], besides those that every table shares.
+/// Field keys of the address table, handler [20, 1], in addition to the shared ones.
 ///
-/// Every caller that may ask reads: lm::cmd::list and readAll (paged), readObject.
+/// Any permitted caller reads: lm::cmd::list and readAll (paged), readObject.
 ///
 /// A record: lm::key::objectId, interface, address, lm::key::disabled (the interface is not
-/// running); in the notification of a removed one disabled is false and lm::key::removed follows.
+/// running). In the notification of a removed address, disabled is false and lm::key::removed
+/// follows.
 namespace lm::addresses {
 
 namespace key {
 inline constexpr uint32_t interface = 0x08000005;  ///< u32: id of the interface that holds it
 inline constexpr uint32_t address = 0x08000001;    ///< be32
 
-/// u32: the same, where `interface` is absent.
+/// u32: replaces `interface` where that is absent.
 inline constexpr uint32_t otherInterface = 0x0800000a;
 }  // namespace key
 
-/// Where the table is.
+/// The path of the table.
 inline std::vector<uint32_t> path() { return {service::interfaces, handler::addresses}; }
 
 struct Record {

@@ -10,24 +10,26 @@
 namespace lm::broker {
 
 namespace cmd {
-/// Requests to key::services come to this connection from now on.
+/// From now on, requests to key::services come to this connection.
 inline constexpr uint32_t registerServices = 0x10;
-/// Notifications key::topicCommand from path key::topicSource come to this connection, or no more.
+/// Notifications key::topicCommand from path key::topicSource come to this connection, or no longer
+/// do.
 inline constexpr uint32_t subscribe = 0x11;
 inline constexpr uint32_t unsubscribe = 0x12;
-/// From the answer on, requests to key::services wait for the service's next start.
+/// After the reply, requests to key::services wait for the service's next start.
 inline constexpr uint32_t unregisterServices = 0x13;
-/// Every service that has a service file, in rising order of number: one message in
+/// Every service with a service file, in increasing order of number: one message in
 /// lm::key::records for each, all in one reply, with the fields of `listed`.
 inline constexpr uint32_t services = 0x14;
-/// lm::monitor::key::on: from the answer on, each message that passes the broker comes to this
-/// connection as well, or no more. Administrators only.
+/// lm::monitor::key::on: after the reply, each message that passes the broker also comes to this
+/// connection, or no longer does. Administrators only.
 inline constexpr uint32_t monitor = 0x15;
-/// A notification to the broker: its sender does not wait any longer for the reply to the request
-/// with the serial lm::key::serial. When that is not carried out yet, it is dropped, else undone,
-/// unless the sender has sent another request meanwhile: then it had its answer. The broker's own
-/// commands stay. From path [0, 0] it tells a service the same about a request that was sent there,
-/// with the serial that it had there.
+/// A notification to the broker: its sender has stopped waiting for the reply to the request with
+/// the serial lm::key::serial. If the request has not been carried out yet, it is dropped;
+/// otherwise it is undone, unless the sender has sent another request since, which means that it
+/// had received the reply. The broker's own commands are not undone. From path [0, 0], this
+/// notifies a service of the same about a request that was sent to it, with the serial under which
+/// it arrived there.
 inline constexpr uint32_t cancel = 0x16;
 }  // namespace cmd
 
@@ -39,11 +41,11 @@ inline constexpr uint32_t topicSource = 0x88000002;   ///< u32 array: the source
 
 /// A record of the list of services.
 namespace listed {
-inline constexpr uint32_t number = 0x08fe0001;    ///< u32: service number
-inline constexpr uint32_t name = 0x20010005;      ///< string, as in the service file
-inline constexpr uint32_t state = 0x20000001;     ///< string: one of `state`
-inline constexpr uint32_t pid = 0x08000002;       ///< u32: 0 when there is no process
-inline constexpr uint32_t restarts = 0x08000003;  ///< u32: starts after a crash, since lumend began
+inline constexpr uint32_t number = 0x08fe0001;     ///< u32: service number
+inline constexpr uint32_t name = 0x20010005;       ///< string, as in the service file
+inline constexpr uint32_t state = 0x20000001;      ///< string: one of `state`
+inline constexpr uint32_t pid = 0x08000002;        ///< u32: 0 when there is no process
+inline constexpr uint32_t restarts = 0x08000003;   ///< u32: after crashes, since lumend started
 inline constexpr uint32_t nextStart = 0x10000004;  ///< u64: milliseconds from now; 0: none planned
 }  // namespace listed
 
@@ -56,7 +58,7 @@ inline constexpr const char* leaving =
 inline constexpr const char* waiting = "waiting";  ///< crashed; starts again at nextStart
 }  // namespace state
 
-/// Whether `m` says that a request which the broker sent here has been cancelled.
+/// Whether `m` is the broker's notification that a request sent here has been cancelled.
 [[nodiscard]] inline bool isCancellation(const message& m) {
   return !m.has_array(lm::key::destination) && m.get_u32(lm::key::command) == cmd::cancel &&
          m.get_u32_array_ref(lm::key::source) == std::vector<uint32_t>{service::broker, 0};

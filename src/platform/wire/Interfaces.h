@@ -5,17 +5,17 @@
 
 #include "platform/Keys.h"
 
-/// Field keys of the interface table, handler [20, 0], besides those that every table shares.
+/// Field keys of the interface table, handler [20, 0], in addition to the shared ones.
 ///
-/// Every caller that may ask reads: lm::cmd::list and readAll (paged), readObject (which adds the
+/// Any permitted caller reads: lm::cmd::list and readAll (paged), readObject (which adds the
 /// counters). lm::cmd::setObject with lm::key::disabled takes the link down or up: an administrator
-/// any, a service only one that is kept as external. An administrator keeps a name with
+/// may switch any link, a service only one kept as external. An administrator keeps a name with
 /// lm::cmd::addObject, fields `name` and `role`; the reply carries its id (lm::key::objectId).
 /// Keeping a kept name changes its role. lm::cmd::removeObject with the id ends the keeping.
 ///
 /// A record: lm::key::objectId, hardwareType, flags, index, name, displayName, lm::key::disabled,
-/// running; in the answer to readObject then the four counters; in an answer to an administrator
-/// then the role, if the interface is kept.
+/// running; then, in the answer to readObject, the four counters; then, in an answer to an
+/// administrator, the role if the interface is kept.
 namespace lm::interfaces {
 
 namespace key {
@@ -27,7 +27,7 @@ inline constexpr uint32_t displayName = 0x20010006;   ///< string
 inline constexpr uint32_t running = 0x0001000e;       ///< bool: IFF_UP and IFF_RUNNING
 inline constexpr uint32_t role = 0x08010010;          ///< u32: roleExternal or roleInternal
 
-/// u32, in a request to read an object: what it is to hold besides.
+/// u32, in a request to read an object: what to include in addition.
 inline constexpr uint32_t readOptions = 0x08fe000c;
 
 inline constexpr uint32_t bytesReceived = 0x100100fc;    ///< u64
@@ -36,21 +36,21 @@ inline constexpr uint32_t packetsReceived = 0x100100fe;  ///< u64
 inline constexpr uint32_t packetsSent = 0x100100ff;      ///< u64
 }  // namespace key
 
-/// A value of key::readOptions: the counters.
+/// A value of key::readOptions: include the counters.
 inline constexpr uint32_t withCounters = 256;
 
 /// A value of key::hardwareType (ARPHRD_ETHER of linux/if_arp.h).
 inline constexpr uint32_t ethernet = 1;
 
-/// The interface has left the table.
+/// A value of key::flags: the interface has left the table.
 inline constexpr uint32_t flagGone = 0x80;
-/// Any of these says so to the gateway.
+/// For the gateway, any of these means that.
 inline constexpr uint32_t goneFlags = 0x82;
 
 inline constexpr uint32_t roleExternal = 1;
 inline constexpr uint32_t roleInternal = 2;
 
-/// Where the table is.
+/// The path of the table.
 inline std::vector<uint32_t> path() { return {service::interfaces, handler::interfaces}; }
 
 }  // namespace lm::interfaces

@@ -8,16 +8,16 @@
 #include "platform/Keys.h"
 #include "platform/message.h"
 
-/// Field keys of the NAT rule table, handler [20, 5], besides those that every table shares.
+/// Field keys of the NAT rule table, handler [20, 5], in addition to the shared ones.
 ///
 /// Commands: lm::cmd::addObject, setObject and removeObject for the owner of a rule; for an
-/// administrator also list (paged, also as readAll), readObject, get and set (the policy). Only
+/// administrator also list (paged, also as readAll), readObject, and get and set (the policy). Only
 /// dynamic rules exist: a rule ends with the connection that added it.
 ///
 /// An administrator closes a port with lm::cmd::setObject on the rule's id with bool `closed` true
-/// and nothing else: the rule leaves the kernel and stays listed until its owner removes it. There
-/// is no way back. A port and protocol are found in the list; two external addresses of the router
-/// give two rules, with an id each.
+/// and no other field: the rule leaves the kernel but stays listed until its owner removes it.
+/// Closing cannot be undone. The list gives the port and protocol of each rule; with two external
+/// addresses, one port and protocol can have two rules, each with its own id.
 namespace lm::nat {
 
 namespace key {
@@ -39,25 +39,24 @@ inline constexpr uint32_t translatePort = 0x000003ef;     ///< bool true
 inline constexpr uint32_t clientPortFirst = 0x080003ea;   ///< u32: internal port, 1 to 65535
 inline constexpr uint32_t clientPortLast = 0x080003eb;    ///< u32
 
-// What a record adds, after the rule's id.
+// A record's additional fields, after the rule's id.
 inline constexpr uint32_t owner = 0x20010020;    ///< string: service name
 inline constexpr uint32_t seconds = 0x10010021;  ///< u64: since the rule was added
-/// u64: flows of TCP or UDP through it now; absent when not all could be counted.
+/// u64: current TCP or UDP flows through it; absent when not all could be counted.
 inline constexpr uint32_t connections = 0x10010022;
 inline constexpr uint32_t stale = 0x00010023;   ///< bool: external address has left the router
 inline constexpr uint32_t closed = 0x00010024;  ///< bool: closed by the administrator
-/// u64: flows that came through it since the rule was added; absent when the kernel does not tell.
+/// u64: flows through it since the rule was added; absent when the kernel does not report them.
 inline constexpr uint32_t uses = 0x10010025;
 
-// The policy (get and set). A write changes the fields that it has; they win over the file.
+// The policy (get and set). A write changes the fields it contains; they override the file.
 inline constexpr uint32_t externalPorts = 0x20010030;      ///< string, as in the policy file
 inline constexpr uint32_t internalClients = 0x20010031;    ///< string, as in the policy file
 inline constexpr uint32_t maxRules = 0x08010032;           ///< u32
 inline constexpr uint32_t maxRulesPerClient = 0x08010033;  ///< u32
-/// bool, in a write only: first forgets what was written before, so that the file counts again.
+/// bool, in a write only: first discards earlier writes, so that the file applies again.
 inline constexpr uint32_t reset = 0x00010034;
-/// bool, in a write only: first reads the file again; when anything in it is wrong, nothing
-/// changes.
+/// bool, in a write only: first reads the file again; an error in the file changes nothing.
 inline constexpr uint32_t reload = 0x00010035;
 }  // namespace key
 
@@ -67,7 +66,7 @@ inline constexpr uint32_t actionDnat = 22;
 /// The chain of every rule.
 inline constexpr const char* chainDstnat = "dstnat";
 
-/// Where the table is.
+/// The path of the table.
 inline std::vector<uint32_t> path() { return {service::interfaces, handler::natRules}; }
 
 /// What an add request asks for. Addresses are in network byte order; ports and the protocol have
