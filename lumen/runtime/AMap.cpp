@@ -6,6 +6,7 @@
 #include "lumen/runtime/Log.h"
 #include "lumen/runtime/Paging.h"
 #include "lumen/runtime/RecordDirectory.h"
+#include "lumen/runtime/Refusal.h"
 #include "platform/Keys.h"
 #include "platform/Map.h"
 
@@ -13,8 +14,6 @@ namespace lm {
 namespace {
 
 using Objects = std::map<uint32_t, std::unique_ptr<Object>>;
-
-message refusal(const char* text) { return errorMsg(errorRefused, text); }
 
 message configOf(const Object& object) {
   message config;

@@ -6,6 +6,7 @@
 #include "lumen/runtime/Codec.h"
 #include "lumen/runtime/Fields.h"
 #include "lumen/runtime/Log.h"
+#include "lumen/runtime/Refusal.h"
 #include "platform/wire/Broker.h"
 
 namespace lm {
@@ -13,8 +14,6 @@ namespace {
 
 /// What may wait for a platform that does not read, in bytes.
 constexpr size_t maxOutgoing = 4UL * 1024 * 1024;
-
-message failure(const char* text) { return errorMsg(errorRefused, text); }
 
 }  // namespace
 
@@ -29,7 +28,7 @@ message Connection::exchange(message request, uint32_t command, uint32_t limit, 
   reply_.reset();
   if (!send(request)) {
     awaited_.reset();
-    return failure(ended_ ? "connection ended" : "message too long");
+    return refusal(ended_ ? "connection ended" : "message too long");
   }
   while (true) {
     progress();
@@ -39,7 +38,7 @@ message Connection::exchange(message request, uint32_t command, uint32_t limit, 
   }
   awaited_.reset();
   if (reply_) return *std::exchange(reply_, std::nullopt);
-  if (ended_) return failure("connection ended");
+  if (ended_) return refusal("connection ended");
   if (wantsToSend()) {
     // Nobody may act on it after its sender was told that it failed.
     outgoingBytes_ -= outgoing_.back().size();
@@ -49,7 +48,7 @@ message Connection::exchange(message request, uint32_t command, uint32_t limit, 
     cancel.insert_u32(key::serial, serial);
     notify(std::move(cancel), broker::cmd::cancel, sender);
   }
-  return failure("no answer in time");
+  return refusal("no answer in time");
 }
 
 void Connection::post(message request, uint32_t command, uint32_t sender) {
@@ -67,7 +66,7 @@ void Connection::reply(uint32_t serial, message answer) {
   for (uint32_t key : {key::destination, key::source, key::command}) answer.fields().erase(key);
   answer.insert_u32(key::serial, serial);
   answer.insert_bool(key::isReply, true);
-  if (!send(answer) && !ended_) reply(serial, failure("answer too long"));
+  if (!send(answer) && !ended_) reply(serial, refusal("answer too long"));
 }
 
 void Connection::progress() {

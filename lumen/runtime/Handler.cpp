@@ -5,6 +5,7 @@
 #include "lumen/runtime/Fields.h"
 #include "lumen/runtime/HandlerState.h"
 #include "lumen/runtime/Log.h"
+#include "lumen/runtime/Refusal.h"
 #include "lumen/runtime/Runtime.h"
 #include "platform/wire/History.h"
 
@@ -36,13 +37,11 @@ message Handler::dispatch(const message& request, uint32_t command) {
   }
 }
 
-message Handler::cmdGet(const message&) { return errorMsg(errorRefused, "unknown command"); }
+message Handler::cmdGet(const message&) { return refusal("unknown command"); }
 
-message Handler::cmdSet(const message&) { return errorMsg(errorRefused, "unknown command"); }
+message Handler::cmdSet(const message&) { return refusal("unknown command"); }
 
-message Handler::cmdUnknown(const message&, uint32_t) {
-  return errorMsg(errorRefused, "unknown command");
-}
+message Handler::cmdUnknown(const message&, uint32_t) { return refusal("unknown command"); }
 
 message Handler::exchangeCmd(const message& request, uint32_t command, uint32_t limit,
                              GivenUp late) {

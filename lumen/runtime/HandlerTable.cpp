@@ -5,6 +5,7 @@
 
 #include "lumen/runtime/HandlerState.h"
 #include "lumen/runtime/Log.h"
+#include "lumen/runtime/Refusal.h"
 #include "platform/Keys.h"
 #include "platform/wire/Broker.h"
 
@@ -99,7 +100,7 @@ void HandlerTable::undo(uint32_t serial) {
 message HandlerTable::answer(const message& request) {
   const std::vector<uint32_t>& path = request.get_u32_array_ref(key::destination);
   const auto found = handlers_.find(path.size() > 1 ? path[1] : 0);
-  if (found == handlers_.end()) return errorMsg(errorRefused, "no such handler");
+  if (found == handlers_.end()) return refusal("no such handler");
   return found->second->dispatch(request, request.get_u32(key::command));
 }
 

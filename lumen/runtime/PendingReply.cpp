@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "lumen/runtime/Log.h"
+#include "lumen/runtime/Refusal.h"
 #include "lumen/runtime/Runtime.h"
 #include "platform/Keys.h"
 
@@ -33,6 +34,6 @@ void PendingReply::send(message reply) {
 }
 
 /// The platform says the same to those whom a program that has ended did not answer.
-void PendingReply::fail() { send(errorMsg(errorRefused, "service unavailable")); }
+void PendingReply::fail() { send(refusal("service unavailable")); }
 
 }  // namespace lm

@@ -3,6 +3,7 @@
 #include <utility>
 #include <vector>
 
+#include "lumen/runtime/Refusal.h"
 #include "platform/Keys.h"
 
 namespace lm {
@@ -40,7 +41,7 @@ void Reget::State::readPage() {
   if (isError(reply)) {
     error = std::move(reply);
   } else if (following != none && cursor != none && following <= cursor) {
-    error = errorMsg(errorRefused, "cursor does not rise");
+    error = refusal("cursor does not rise");
   } else {
     page = reply.get_message_array_ref(key::records);
   }

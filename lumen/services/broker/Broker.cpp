@@ -6,6 +6,7 @@
 #include "lumen/runtime/Codec.h"
 #include "lumen/runtime/Fields.h"
 #include "lumen/runtime/Log.h"
+#include "lumen/runtime/Refusal.h"
 #include "lumen/services/broker/Shown.h"
 #include "platform/Keys.h"
 #include "platform/wire/Broker.h"
@@ -22,8 +23,6 @@ constexpr const char* givenUp = "given up";
 constexpr uint32_t highestService = 0xFFFF;
 
 bool has(const lm::message& m, uint32_t key) { return m.fields().find(key) != nullptr; }
-
-lm::message refusal(const std::string& text) { return lm::errorMsg(lm::errorRefused, text); }
 
 std::string who(const Connection& connection) {
   return "connection " + std::to_string(connection.number()) + " (process " +
@@ -242,10 +241,10 @@ void Broker::unregisterServices(Connection& from, const lm::message& request) {
 
 lm::message Broker::subscribe(Connection& from, const lm::message& request) {
   const std::vector<uint32_t>& source = request.get_u32_array_ref(lm::broker::key::topicSource);
-  if (!from.rights().mayAsk()) return refusal(notPermitted);
+  if (!from.rights().mayAsk()) return lm::refusal(notPermitted);
   if (!has(request, lm::broker::key::topicCommand) || source.empty())
-    return refusal("no command or path");
-  if (from.subscriptions >= maxSubscriptions) return refusal("too many subscriptions");
+    return lm::refusal("no command or path");
+  if (from.subscriptions >= maxSubscriptions) return lm::refusal("too many subscriptions");
   const uint32_t command = request.get_u32(lm::broker::key::topicCommand);
   if (subscriptions_.add(from.number(), command, Path::of(source))) ++from.subscriptions;
   return {};
@@ -259,7 +258,7 @@ lm::message Broker::unsubscribe(Connection& from, const lm::message& request) {
 }
 
 lm::message Broker::listServices(const Connection& from) const {
-  if (!from.rights().administrator()) return refusal(notPermitted);
+  if (!from.rights().administrator()) return lm::refusal(notPermitted);
   lm::message reply;
   reply.insert_message_array(lm::key::records, services_.list());
   return reply;
@@ -389,7 +388,7 @@ void Broker::answer(uint32_t from, Requester to, lm::message reply) {
   reply.insert_u32(lm::key::serial, to.serial);
   std::string datagram = lm::encode(reply);
   if (datagram.size() > lm::maxDatagram) {
-    reply = refusal("the answer is too long");
+    reply = lm::refusal("the answer is too long");
     reply.insert_bool(lm::key::isReply, true);
     reply.insert_u32(lm::key::serial, to.serial);
     datagram = lm::encode(reply);
@@ -399,7 +398,7 @@ void Broker::answer(uint32_t from, Requester to, lm::message reply) {
 }
 
 void Broker::refuse(Requester to, const std::string& text) {
-  answer(lm::service::broker, to, refusal(text));
+  answer(lm::service::broker, to, lm::refusal(text));
 }
 
 Connection* Broker::find(uint64_t connection) const {

@@ -8,18 +8,13 @@
 #include "lumen/runtime/Codec.h"
 #include "lumen/runtime/Fields.h"
 #include "lumen/runtime/Paging.h"
+#include "lumen/runtime/Refusal.h"
 #include "platform/Keys.h"
 #include "platform/wire/History.h"
 
 namespace lumen {
 
 namespace key = lm::history::key;
-
-namespace {
-
-lm::message refusal(const std::string& text) { return lm::errorMsg(lm::errorRefused, text); }
-
-}  // namespace
 
 History::History(std::string storePath, WallClock clock)
     : store_(std::move(storePath)), clock_(clock) {
@@ -35,7 +30,7 @@ uint64_t History::systemTime() { return static_cast<uint64_t>(std::time(nullptr)
 
 lm::message History::handle(const Caller& caller, uint32_t command, const lm::message& request) {
   if (command == lm::cmd::addObject) return add(caller, request);
-  if (!caller.administrator) return refusal("not permitted");
+  if (!caller.administrator) return lm::refusal("not permitted");
   switch (command) {
     case lm::cmd::list:
     case lm::cmd::readAll:
@@ -46,19 +41,19 @@ lm::message History::handle(const Caller& caller, uint32_t command, const lm::me
     case lm::cmd::removeObject:
       return remove(request);
     default:
-      return refusal("unknown command");
+      return lm::refusal("unknown command");
   }
 }
 
 lm::message History::add(const Caller& caller, const lm::message& request) {
   const std::string text = request.get_string(key::text);
   const lm::message undo = request.get_message(key::undo);
-  if (caller.service == 0) return refusal("only a service can take its changes back");
-  if (text.empty() || text.size() > longestText) return refusal("no text, or too long a one");
+  if (caller.service == 0) return lm::refusal("only a service can take its changes back");
+  if (text.empty() || text.size() > longestText) return lm::refusal("no text, or too long a one");
   if (undo.fields().find(lm::key::command) == nullptr) {
-    return refusal("an undo message without a command");
+    return lm::refusal("an undo message without a command");
   }
-  if (lm::encode(undo).size() > longestUndo) return refusal("the undo message is too long");
+  if (lm::encode(undo).size() > longestUndo) return lm::refusal("the undo message is too long");
 
   const std::vector<uint32_t>& source = request.get_u32_array_ref(lm::key::source);
   const uint32_t id = lastId_ + 1;
@@ -69,7 +64,7 @@ lm::message History::add(const Caller& caller, const lm::message& request) {
   entry.insert_u64(key::time, clock_());
   entry.insert_message(key::undo, undo);
   const auto pending = store_.prepare(id, entry);
-  if (!pending || !pending->commit()) return refusal("the change could not be stored");
+  if (!pending || !pending->commit()) return lm::refusal("the change could not be stored");
   entries_.emplace(id, std::move(entry));
   lastId_ = id;
   while (entries_.size() > capacity) {
@@ -83,13 +78,13 @@ lm::message History::add(const Caller& caller, const lm::message& request) {
 
 lm::message History::read(const lm::message& request) const {
   const auto found = entries_.find(request.get_u32(lm::key::objectId));
-  return found == entries_.end() ? refusal("no such object") : found->second;
+  return found == entries_.end() ? lm::refusal("no such object") : found->second;
 }
 
 lm::message History::remove(const lm::message& request) {
   const uint32_t id = request.get_u32(lm::key::objectId);
-  if (!entries_.contains(id)) return refusal("no such object");
-  if (!store_.remove(id)) return refusal("the entry could not be removed");
+  if (!entries_.contains(id)) return lm::refusal("no such object");
+  if (!store_.remove(id)) return lm::refusal("the entry could not be removed");
   undoWith([this, id, entry = std::move(entries_.extract(id).mapped())] {
     const auto pending = store_.prepare(id, entry);
     if (pending && pending->commit()) entries_.emplace(id, entry);

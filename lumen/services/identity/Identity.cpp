@@ -6,6 +6,7 @@
 #include <array>
 #include <optional>
 
+#include "lumen/runtime/Refusal.h"
 #include "platform/Keys.h"
 #include "platform/Store.h"
 #include "platform/wire/Identity.h"
@@ -50,7 +51,7 @@ Identity::Identity(const std::string& storePath) {
 
 lm::message Identity::handle(const Caller& /*caller*/, uint32_t command,
                              const lm::message& /*request*/) {
-  if (command != lm::cmd::get) return lm::errorMsg(lm::errorRefused, "unknown command");
+  if (command != lm::cmd::get) return lm::refusal("unknown command");
   lm::message reply;
   reply.insert_string(lm::identity::key::text, identity_);
   return reply;

@@ -8,6 +8,7 @@
 #include "lumen/runtime/Fields.h"
 #include "lumen/runtime/Log.h"
 #include "lumen/runtime/Paging.h"
+#include "lumen/runtime/Refusal.h"
 #include "platform/Keys.h"
 #include "platform/wire/Interfaces.h"
 
@@ -19,9 +20,7 @@ namespace key = lm::interfaces::key;
 // Of a name that is refused; more of it would only fill the answer.
 constexpr size_t longestShownName = 32;
 
-lm::message refuse(const std::string& text) { return lm::errorMsg(lm::errorRefused, text); }
-
-lm::message notPermitted() { return refuse("not permitted"); }
+lm::message notPermitted() { return lm::refusal("not permitted"); }
 
 /// Whether a request to set fields names others than `disabled`.
 bool setsMore(const lm::message& request) {
@@ -71,14 +70,14 @@ lm::message InterfaceTable::handle(const Caller& caller, uint32_t command,
   const auto it = interfaces_.find(id);
   switch (command) {
     case lm::cmd::readObject:
-      return it == interfaces_.end() ? refuse("no such object") : read(caller, id, it->second);
+      return it == interfaces_.end() ? lm::refusal("no such object") : read(caller, id, it->second);
     case lm::cmd::setObject:
-      return it == interfaces_.end() ? refuse("no such object") : set(caller, id, request);
+      return it == interfaces_.end() ? lm::refusal("no such object") : set(caller, id, request);
     case lm::cmd::removeObject:
       if (!caller.administrator) return notPermitted();
-      return it == interfaces_.end() ? refuse("no such object") : forget(it->second);
+      return it == interfaces_.end() ? lm::refusal("no such object") : forget(it->second);
     default:
-      return refuse("unknown command");
+      return lm::refusal("unknown command");
   }
 }
 
@@ -103,16 +102,16 @@ lm::message InterfaceTable::set(const Caller& caller, uint32_t id, const lm::mes
     return notPermitted();
   }
   if (others || !request.fields().find(lm::key::disabled)) {
-    return refuse("only \"disabled\" can be set");
+    return lm::refusal("only \"disabled\" can be set");
   }
-  if (interface.link.index == 0) return refuse("the link is away");
+  if (interface.link.index == 0) return lm::refusal("the link is away");
 
   const bool disabled = request.get_bool(lm::key::disabled);
   const std::string failure = switchLink(interface, disabled);
   lm::logLine("interface ", interface.name, disabled ? " down" : " up", " for ",
               caller.name.empty() ? "the administrator" : caller.name,
               failure.empty() ? "" : " failed: ", failure);
-  if (!failure.empty()) return refuse(failure);
+  if (!failure.empty()) return lm::refusal(failure);
   // The kernel tells of no change when it is so already, and whoever asked waits to hear of it.
   if (interface.link.up == !disabled) {
     tellState(record(id, interface));
@@ -140,17 +139,17 @@ lm::message InterfaceTable::keep(const lm::message& request) {
   const std::string name = request.get_string(key::name);
   const uint32_t role = request.get_u32(key::role);
   if (!KeptNames::isName(name))
-    return refuse("bad interface name '" + name.substr(0, longestShownName) + "'");
+    return lm::refusal("bad interface name '" + name.substr(0, longestShownName) + "'");
   if (role != lm::interfaces::roleExternal && role != lm::interfaces::roleInternal) {
-    return refuse("bad role");
+    return lm::refusal("bad role");
   }
   const auto kept = kept_.all().find(name);
   const uint32_t before = kept == kept_.all().end() ? 0 : kept->second.role;
   if (before == 0 && kept_.all().size() >= KeptNames::limit) {
-    return refuse("too many kept names");
+    return lm::refusal("too many kept names");
   }
   const auto id = keepName(name, role);
-  if (!id) return refuse("the name could not be stored");
+  if (!id) return lm::refusal("the name could not be stored");
   undoWith([this, name, before] { undoRole(name, before); });
   lm::message reply;
   reply.insert_u32(lm::key::objectId, *id);
@@ -174,10 +173,10 @@ std::optional<uint32_t> InterfaceTable::keepName(const std::string& name, uint32
 }
 
 lm::message InterfaceTable::forget(const Interface& interface) {
-  if (interface.role == 0) return refuse("the name is not kept");
+  if (interface.role == 0) return lm::refusal("the name is not kept");
   const std::string name = interface.name;
   const uint32_t before = interface.role;
-  if (!forgetName(name)) return refuse("the name could not be stored");
+  if (!forgetName(name)) return lm::refusal("the name could not be stored");
   undoWith([this, name, before] { undoRole(name, before); });
   return {};
 }

@@ -6,18 +6,13 @@
 #include <utility>
 
 #include "lumen/runtime/Log.h"
+#include "lumen/runtime/Refusal.h"
 #include "lumen/services/resolver/HostName.h"
 #include "platform/Keys.h"
 #include "platform/Looper.h"
 #include "platform/wire/Resolver.h"
 
 namespace lumen {
-
-namespace {
-
-lm::message refusal(const std::string& text) { return lm::errorMsg(lm::errorRefused, text); }
-
-}  // namespace
 
 /// A name that is being looked up, and who waits for its address. When they have waited long enough
 /// they are told that there is none, but the lookup goes on: a name server that was slow will know
@@ -31,7 +26,7 @@ class Resolver::Question {
 
   /// Takes over the request that is being dispatched.
   void add() {
-    if (!waiting_) return lm::PendingReply::take().send(refusal(Lookup::noAnswer));
+    if (!waiting_) return lm::PendingReply::take().send(lm::refusal(Lookup::noAnswer));
     requesters_.push_back(lm::PendingReply::take());
   }
 
@@ -49,7 +44,7 @@ class Resolver::Question {
   }
 
  private:
-  void giveUp() { answer(refusal(Lookup::noAnswer)); }
+  void giveUp() { answer(lm::refusal(Lookup::noAnswer)); }
 
   const uint64_t started_;  // on the clock
   Resolver& resolver_;
@@ -73,13 +68,13 @@ lm::message Resolver::cmdUnknown(const lm::message& request, uint32_t command) {
   if (command != lm::resolver::cmd::resolve) return Handler::cmdUnknown(request, command);
   const std::optional<std::string> name =
       toHostName(request.get_string(lm::resolver::key::hostName));
-  if (!name) return refusal("not a host name");
-  if (const auto error = failures_.find(*name)) return refusal(*error);
+  if (!name) return lm::refusal("not a host name");
+  if (const auto error = failures_.find(*name)) return lm::refusal(*error);
   const auto asked = questions_.find(*name);
   if (asked != questions_.end()) {
     asked->second->add();
   } else if (questions_.size() >= maxLookups) {
-    return refusal("too many lookups at a time");
+    return lm::refusal("too many lookups at a time");
   } else {
     ask(*name);
   }
@@ -102,7 +97,7 @@ void Resolver::lookedUp(const std::string& name, const Lookup::Result& result) {
   } else {
     lm::logLine("resolver: ", name, ": ", result.error);
     failures_.remember(name, result.error);
-    ended.mapped()->answer(refusal(result.error));
+    ended.mapped()->answer(lm::refusal(result.error));
   }
   lm::getLooper().setupLeave(idleLife);
 }
