@@ -49,8 +49,7 @@ void checkChange(const lumen::RuleChange& change, const lm::message& request) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  std::string reason;
-  const auto request = lm::decode(fuzz::text(data, size), reason);
+  const auto request = lm::decode(fuzz::text(data, size));
   if (!request) return 0;
   const auto rule = lumen::readRule(*request);
   require(rule || !rule.why().empty(), "a refused rule has a reason");

@@ -118,8 +118,7 @@ lm::message setRequest(Input& in) {
 
 /// Puts the fields of an encoded message, if it is one, over those of `request`.
 void spoil(lm::message& request, std::string_view encoded) {
-  std::string reason;
-  const auto fields = lm::decode(encoded, reason);
+  const auto fields = lm::decode(encoded);
   if (!fields) return;
   for (const lm::Field& field : fields->fields()) request.fields().set(field.key, field.value);
 }

@@ -49,10 +49,10 @@ class Writer {
   }
 };
 
-/// Reads from the front of its bytes. The first failure sets the reason, which sticks.
+/// Reads from the front of its bytes, up to the first failure.
 class Reader {
  public:
-  Reader(std::string_view bytes, std::string& reason) : bytes_(bytes), reason_(reason) {}
+  Reader(std::string_view bytes, lumen::Failure& failure) : bytes_(bytes), failure_(failure) {}
 
   bool fields(message& m, int depth) {
     if (depth > maxNesting) return fail("nested too deep");
@@ -126,7 +126,7 @@ class Reader {
   }
   bool read(message& value, int depth) {
     std::string_view content;
-    return sized(content) && Reader(content, reason_).fields(value, depth + 1);
+    return sized(content) && Reader(content, failure_).fields(value, depth + 1);
   }
 
   /// A u32 length and as many bytes.
@@ -156,18 +156,18 @@ class Reader {
   }
 
   bool fail(const char* reason) {
-    reason_ = reason;
+    failure_.text = reason;
     return false;
   }
   bool fail(const char* reason, uint32_t key) {
     char text[64];
     std::snprintf(text, sizeof text, "%s: 0x%08x", reason, static_cast<unsigned>(key));
-    reason_ = text;
+    failure_.text = text;
     return false;
   }
 
   std::string_view bytes_;
-  std::string& reason_;
+  lumen::Failure& failure_;
 };
 
 }  // namespace
@@ -178,17 +178,12 @@ std::string encode(const message& m) {
   return std::move(writer.bytes);
 }
 
-std::optional<message> decode(std::string_view datagram, std::string& reason) {
-  if (datagram.empty()) {
-    reason = "empty";
-    return std::nullopt;
-  }
-  if (datagram.size() > maxDatagram) {
-    reason = "too long";
-    return std::nullopt;
-  }
+lumen::Result<message> decode(std::string_view datagram) {
+  if (datagram.empty()) return lumen::Failure{"empty"};
+  if (datagram.size() > maxDatagram) return lumen::Failure{"too long"};
   message result;
-  if (!Reader(datagram, reason).fields(result, 0)) return std::nullopt;
+  lumen::Failure failure;
+  if (!Reader(datagram, failure).fields(result, 0)) return failure;
   return result;
 }
 

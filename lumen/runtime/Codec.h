@@ -1,10 +1,10 @@
 #pragma once
 
 #include <cstddef>
-#include <optional>
 #include <string>
 #include <string_view>
 
+#include "lumen/values/Result.h"
 #include "platform/message.h"
 
 namespace lm {
@@ -19,9 +19,9 @@ inline constexpr int maxNesting = 8;
 /// The result may be longer than a datagram can be; whoever sends it checks.
 [[nodiscard]] std::string encode(const message& m);
 
-/// The message that `datagram` is the wire form of. None when it is anything else: empty,
-/// too long, truncated, with an unknown type, a bool that is neither 0 nor 1, a key twice, nested
-/// too deep; `reason` then says what is wrong, in a few words for the log.
-[[nodiscard]] std::optional<message> decode(std::string_view datagram, std::string& reason);
+/// The message that `datagram` is the wire form of. Fails, with a few words for the log, when it is
+/// anything else: empty, too long, truncated, with an unknown type, a bool that is neither 0 nor 1,
+/// a key twice, nested too deep.
+[[nodiscard]] lumen::Result<message> decode(std::string_view datagram);
 
 }  // namespace lm

@@ -131,15 +131,14 @@ void Connection::receive() {
       ended_ = true;
       return;
     }
-    std::string reason;
-    std::optional<message> m = decode(datagram, reason);
+    lumen::Result<message> m = decode(datagram);
     if (!m) {
-      logLine("platform: invalid message: ", reason);
+      logLine("platform: invalid message: ", m.why());
       ended_ = true;
     } else if (!m->get_bool(key::isReply)) {
       if (!withdraw(*m)) arrived_.push_back(std::move(*m));
     } else if (awaited_ && m->get_u32(key::serial) == *awaited_) {
-      reply_ = std::move(m);
+      reply_ = std::move(*m);
     }
   }
 }

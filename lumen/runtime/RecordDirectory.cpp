@@ -131,10 +131,10 @@ std::optional<message> RecordDirectory::read(uint32_t number) const {
     return std::nullopt;
   }
   if (bytes.empty()) return message();
-  std::string reason;
-  std::optional<message> record = decode(bytes, reason);
-  if (!record) setAside(file, reason);
-  return record;
+  lumen::Result<message> record = decode(bytes);
+  if (record) return std::move(*record);
+  setAside(file, record.why());
+  return std::nullopt;
 }
 
 std::unique_ptr<RecordDirectory::Pending> RecordDirectory::prepare(uint32_t number,

@@ -66,9 +66,8 @@ void Broker::admit(lm::Fd socket, const Peer& peer) {
 }
 
 void Broker::received(Connection& from, std::string_view datagram) {
-  std::string reason;
-  std::optional<lm::message> message = lm::decode(datagram, reason);
-  if (!message) return from.drop("sent no message: " + reason);
+  Result<lm::message> message = lm::decode(datagram);
+  if (!message) return from.drop("sent no message: " + message.why());
   const bool hasCommand = has(*message, lm::key::command);
   const bool hasSerial = has(*message, lm::key::serial);
   if (has(*message, lm::key::isReply)) {

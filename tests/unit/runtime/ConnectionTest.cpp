@@ -53,9 +53,8 @@ class ConnectionTest : public testing::Test {
     std::string datagram(maxDatagram, '\0');
     const ssize_t got = read(sockets_.peer.get(), datagram.data(), datagram.size());
     if (got < 0) return "nothing";
-    std::string reason;
-    const auto m = decode(std::string_view(datagram).substr(0, static_cast<size_t>(got)), reason);
-    return m ? describe(*m) : reason;
+    const auto m = decode(std::string_view(datagram).substr(0, static_cast<size_t>(got)));
+    return m ? describe(*m) : m.why();
   }
   std::string takes() {
     connection_.progress();

@@ -17,14 +17,13 @@
 namespace lm::test {
 namespace {
 
-std::optional<message> decoded(std::string_view datagram) {
-  std::string reason;
-  auto m = decode(datagram, reason);
+message decoded(std::string_view datagram) {
+  auto m = decode(datagram);
   if (!m) {
-    std::cerr << "the program sent an invalid message: " << reason << std::endl;
+    std::cerr << "the program sent an invalid message: " << m.why() << std::endl;
     std::abort();
   }
-  return m;
+  return std::move(*m);
 }
 
 }  // namespace
@@ -37,7 +36,7 @@ class TestPlatform::Wire : public Transport {
 
   Status send(std::string_view datagram) override {
     if (platform_.ended_) return Status::ended;
-    platform_.received(*decoded(datagram));
+    platform_.received(decoded(datagram));
     return Status::done;
   }
 

@@ -57,9 +57,8 @@ class SocketClientTest : public testing::Test {
   [[nodiscard]] lm::message hears() const {
     std::string bytes(lm::maxDatagram, '\0');
     const ssize_t length = recv(platform_.get(), bytes.data(), bytes.size(), 0);
-    std::string reason;
-    return lm::decode(std::string_view(bytes).substr(0, static_cast<size_t>(length)), reason)
-        .value_or(lm::message());
+    const auto m = lm::decode(std::string_view(bytes).substr(0, static_cast<size_t>(length)));
+    return m ? *m : lm::message();
   }
 
   /// With 7 in field 1.

@@ -79,10 +79,10 @@ std::optional<lm::message> Program::receive() {
   const ssize_t length = recv(socket_.get(), buffer.data(), buffer.size(), MSG_DONTWAIT);
   if (length <= 0) return std::nullopt;
   buffer.resize(static_cast<size_t>(length));
-  std::string reason;
-  std::optional<lm::message> m = lm::decode(buffer, reason);
-  EXPECT_EQ(reason, "");
-  return m;
+  Result<lm::message> m = lm::decode(buffer);
+  if (m) return std::move(*m);
+  ADD_FAILURE() << m.why();
+  return std::nullopt;
 }
 
 std::string Program::error() {

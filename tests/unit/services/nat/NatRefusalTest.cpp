@@ -256,8 +256,7 @@ TEST_F(NatRefusalTest, SurvivesRandomRequests) {
       bytes[random() % bytes.size()] = static_cast<char>(random());
     }
     if (random() % 4 == 0) bytes.resize(random() % bytes.size());
-    std::string reason;
-    auto request = lm::decode(bytes, reason);
+    auto request = lm::decode(bytes);
     if (!request) continue;
     ++decoded;
     const Caller& caller = random() % 2 == 0 ? daemon : admin;
