@@ -52,10 +52,11 @@ std::string written(const lumen::ServiceDefinition& service) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  std::string error;
-  const auto service = lumen::parseServiceFile(fuzz::text(data, size), OneUser(), error);
-  require(service.has_value() == error.empty(), "a refusal has a reason");
-  if (!service) return 0;
+  const auto service = lumen::parseServiceFile(fuzz::text(data, size), OneUser());
+  if (!service) {
+    require(!service.why().empty(), "a refusal has a reason");
+    return 0;
+  }
   require(isName(service->name), "a service has a name");
   require(service->number >= 1 && service->number <= 0xFFFF, "a number is from 1 to 65535");
   require(service->executable.starts_with('/'), "a path is absolute");
@@ -64,7 +65,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   require(std::ranges::all_of(service->stores, isName), "a store has a name");
 
   const std::string text = written(*service);
-  const auto again = lumen::parseServiceFile(text, OneUser(), error);
+  const auto again = lumen::parseServiceFile(text, OneUser());
   require(again && written(*again) == text, "what is written down means the same");
   return 0;
 }

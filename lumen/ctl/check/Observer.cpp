@@ -69,8 +69,10 @@ GatewayFile readGatewayFile(Machine& machine, const std::string& root) {
   const int failure = text ? 0 : errno;
   file.present = failure != ENOENT;
   if (text) {
-    const auto definition = lumen::parseServiceFile(*text, lumen::SystemUsers(), file.error);
-    if (definition && definition->number != lm::service::gateway) {
+    const auto definition = lumen::parseServiceFile(*text, lumen::SystemUsers());
+    if (!definition) {
+      file.error = definition.why();
+    } else if (definition->number != lm::service::gateway) {
       file.error = "number is not " + std::to_string(lm::service::gateway);
     }
   } else {

@@ -40,27 +40,31 @@ std::optional<Number> toNumber(std::string_view text) {
 /// What the parser has found so far.
 struct Reading {
   Settings settings;
-  std::string error;
+  Result<void> outcome;
 };
 
 int takeSetting(void* context, const char* section, const char* name, const char* value) {
   static constexpr std::string_view known[] = {"name",  "number", "executable", "user",
                                                "group", "boot",   "stores",     "answers-only"};
   auto& reading = *static_cast<Reading*>(context);
-  if (!reading.error.empty()) return 1;
+  if (!reading.outcome) return 1;
   const std::string_view setting = name;
   if (std::string_view(section) != "service") {
-    reading.error = "settings belong below [service]";
+    reading.outcome = Failure{"settings belong below [service]"};
   } else if (std::find(std::begin(known), std::end(known), setting) == std::end(known)) {
-    reading.error = "unknown setting \"" + std::string(setting) + "\"";
+    reading.outcome = Failure{"unknown setting \"" + std::string(setting) + "\""};
   } else if (!reading.settings.emplace(setting, value).second) {
-    reading.error = "\"" + std::string(setting) + "\" is given twice";
+    reading.outcome = Failure{"\"" + std::string(setting) + "\" is given twice"};
   }
   return 1;
 }
 
-std::string checkText(std::string_view text) {
-  if (text.size() > maxServiceFile) return "is too long";
+Failure inLine(size_t line, const std::string& what) {
+  return {"line " + std::to_string(line) + ": " + what};
+}
+
+Result<void> checkText(std::string_view text) {
+  if (text.size() > maxServiceFile) return Failure{"is too long"};
   size_t line = 1;
   size_t length = 0;
   for (const char c : text) {
@@ -70,19 +74,19 @@ std::string checkText(std::string_view text) {
       continue;
     }
     const bool printable = (c >= ' ' && c <= '~') || c == '\t' || c == '\r';
-    if (!printable) return "line " + std::to_string(line) + ": a byte that is no printable ASCII";
-    if (++length > maxLine) return "line " + std::to_string(line) + ": is too long";
+    if (!printable) return inLine(line, "a byte that is no printable ASCII");
+    if (++length > maxLine) return inLine(line, "is too long");
   }
   return {};
 }
 
-/// Turns the settings into a definition; the first thing that is wrong stays in `error`.
+/// Turns the settings into a definition, up to the first thing that is wrong.
 class Builder {
  public:
   Builder(const Settings& settings, const UserDatabase& users)
       : settings_(settings), users_(users) {}
 
-  ServiceDefinition build() {
+  Result<ServiceDefinition> build() {
     definition_.name = required("name");
     check(isName(definition_.name), "name");
     const auto number = toNumber<uint32_t>(required("number"));
@@ -95,10 +99,9 @@ class Builder {
     definition_.boot = yesOrNo("boot");
     definition_.answersOnly = yesOrNo("answers-only");
     takeStores();
+    if (!outcome_) return outcome_.failure();
     return definition_;
   }
-
-  [[nodiscard]] const std::string& error() const { return error_; }
 
  private:
   std::string optional(std::string_view setting) const {
@@ -111,8 +114,8 @@ class Builder {
     return optional(setting);
   }
 
-  void fail(const std::string& error) {
-    if (error_.empty()) error_ = error;
+  void fail(const std::string& why) {
+    if (outcome_) outcome_ = Failure{why};
   }
 
   void check(bool right, std::string_view setting) {
@@ -171,7 +174,7 @@ class Builder {
   const Settings& settings_;
   const UserDatabase& users_;
   ServiceDefinition definition_;
-  std::string error_;
+  Result<void> outcome_;
 };
 
 }  // namespace
@@ -188,20 +191,13 @@ std::optional<gid_t> SystemUsers::group(const std::string& name) const {
   return found->gr_gid;
 }
 
-std::optional<ServiceDefinition> parseServiceFile(std::string_view text, const UserDatabase& users,
-                                                  std::string& error) {
-  error = checkText(text);
-  if (!error.empty()) return std::nullopt;
+Result<ServiceDefinition> parseServiceFile(std::string_view text, const UserDatabase& users) {
+  if (const Result<void> plain = checkText(text); !plain) return plain.failure();
   Reading reading;
   const int wrongLine = ini_parse_string(std::string(text).c_str(), takeSetting, &reading);
-  error = reading.error;
-  if (wrongLine > 0) error = "line " + std::to_string(wrongLine) + ": is no setting";
-  if (!error.empty()) return std::nullopt;
-  Builder builder(reading.settings, users);
-  ServiceDefinition definition = builder.build();
-  error = builder.error();
-  if (!error.empty()) return std::nullopt;
-  return definition;
+  if (wrongLine > 0) return inLine(static_cast<size_t>(wrongLine), "is no setting");
+  if (!reading.outcome) return reading.outcome.failure();
+  return Builder(reading.settings, users).build();
 }
 
 }  // namespace lumen

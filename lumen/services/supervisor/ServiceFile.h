@@ -9,6 +9,8 @@
 #include <utility>
 #include <vector>
 
+#include "lumen/values/Result.h"
+
 namespace lumen {
 
 /// A program that runs as a service, as its service file describes it:
@@ -56,9 +58,8 @@ class SystemUsers : public UserDatabase {
 /// The longest service file, in bytes.
 inline constexpr size_t maxServiceFile = 16384;
 
-/// The service that `text` describes. None when it is wrong in any way; `error` says how.
-[[nodiscard]] std::optional<ServiceDefinition> parseServiceFile(std::string_view text,
-                                                                const UserDatabase& users,
-                                                                std::string& error);
+/// The service that `text` describes. Fails when it is wrong in any way.
+[[nodiscard]] Result<ServiceDefinition> parseServiceFile(std::string_view text,
+                                                         const UserDatabase& users);
 
 }  // namespace lumen

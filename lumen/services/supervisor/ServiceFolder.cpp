@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <optional>
 
 #include "lumen/runtime/Log.h"
 #include "lumen/services/system/processes/PlainFile.h"
@@ -25,18 +24,27 @@ std::vector<std::string> serviceFiles(const std::string& folder) {
   return files;
 }
 
-std::string clash(const ServiceDefinition& found, const std::vector<ServiceDefinition>& others,
-                  const std::set<uint32_t>& taken) {
+/// Whether `found` can be a service beside `others`.
+Result<void> checkUnique(const ServiceDefinition& found,
+                         const std::vector<ServiceDefinition>& others,
+                         const std::set<uint32_t>& taken) {
   if (taken.contains(found.number)) {
-    return "number " + std::to_string(found.number) + " is lumend's own";
+    return Failure{"number " + std::to_string(found.number) + " is lumend's own"};
   }
   for (const ServiceDefinition& other : others) {
     if (other.number == found.number) {
-      return "number " + std::to_string(found.number) + " is that of " + other.name;
+      return Failure{"number " + std::to_string(found.number) + " is that of " + other.name};
     }
-    if (other.name == found.name) return "there is another service " + found.name;
+    if (other.name == found.name) return Failure{"there is another service " + found.name};
   }
   return {};
+}
+
+Result<ServiceDefinition> readServiceFile(const std::string& path, const UserDatabase& users) {
+  // One byte more than is allowed is read, so that a file that is too long shows.
+  const PlainFile file = readPlainFile(path, maxServiceFile + 1);
+  if (!file.error.empty()) return Failure{file.error};
+  return parseServiceFile(file.text, users);
 }
 
 }  // namespace
@@ -46,17 +54,13 @@ std::vector<ServiceDefinition> readServiceFolder(const std::string& folder,
                                                  const std::set<uint32_t>& taken) {
   std::vector<ServiceDefinition> services;
   for (const std::string& path : serviceFiles(folder)) {
-    // One byte more than is allowed is read, so that a file that is too long shows.
-    const PlainFile file = readPlainFile(path, maxServiceFile + 1);
-    std::string error = file.error;
-    std::optional<ServiceDefinition> found;
-    if (error.empty()) found = parseServiceFile(file.text, users, error);
-    if (found) error = clash(*found, services, taken);
-    if (!error.empty()) {
-      lm::logLine(path, ": ", error);
-      continue;
+    Result<ServiceDefinition> found = readServiceFile(path, users);
+    const Result<void> unique = found ? checkUnique(*found, services, taken) : found.failure();
+    if (unique) {
+      services.push_back(std::move(*found));
+    } else {
+      lm::logLine(path, ": ", unique.why());
     }
-    services.push_back(std::move(*found));
   }
   const auto byNumber = [](const ServiceDefinition& a, const ServiceDefinition& b) {
     return a.number < b.number;

@@ -10,6 +10,7 @@
 #include "lumen/services/supervisor/ServiceFile.h"
 #include "lumen/services/supervisor/ServiceFolder.h"
 #include "support/LogCapture.h"
+#include "support/Outcome.h"
 #include "support/RefusedCall.h"
 
 namespace lumen {
@@ -41,16 +42,11 @@ std::string serviceFile(const std::string& name = "", const std::string& line = 
   return text + line + "\n";
 }
 
-std::optional<ServiceDefinition> parse(const std::string& text) {
-  std::string error;
-  return parseServiceFile(text, TwoUsers(), error);
+Result<ServiceDefinition> parse(const std::string& text) {
+  return parseServiceFile(text, TwoUsers());
 }
 
-std::string whyNot(const std::string& text) {
-  std::string error;
-  const auto definition = parseServiceFile(text, TwoUsers(), error);
-  return definition ? "" : error;
-}
+std::string whyNot(const std::string& text) { return whyNot(parse(text)); }
 
 TEST(SystemUsers, AreThoseOfThisMachine) {
   const SystemUsers users;

@@ -1,0 +1,15 @@
+#pragma once
+
+#include <string>
+
+#include "lumen/values/Result.h"
+
+namespace lumen {
+
+/// Why it could not be done; empty when it was.
+template <typename T>
+std::string whyNot(const Result<T>& result) {
+  return result ? std::string() : result.why();
+}
+
+}  // namespace lumen
