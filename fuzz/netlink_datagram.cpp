@@ -56,8 +56,7 @@ class Checks {
   /// Puts the route back by the new link where it left by `link`.
   static void checkPutBack(const NetlinkMessage::RouteIs& was, uint32_t link) {
     const auto request = lumen::makeRouteRequest({link, was.gateway, was.content}, newLink);
-    std::string reason;
-    const auto messages = lumen::readNetlink(request, reason);
+    const auto messages = lumen::readNetlink(request);
     require(messages && messages->size() == 1, "a request is one message");
     require(std::holds_alternative<NetlinkMessage::RouteIs>(messages->front().what),
             "a request for a route is a route");
@@ -80,10 +79,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // A copy that is aligned, and ends where the datagram does.
   const auto* first = reinterpret_cast<const std::byte*>(data);
   const std::vector<std::byte> datagram(first, first + size);
-  std::string reason;
-  const auto messages = lumen::readNetlink(datagram, reason);
-  require(messages.has_value() == reason.empty(), "a refusal has a reason");
-  if (!messages) return 0;
+  const auto messages = lumen::readNetlink(datagram);
+  if (!messages) {
+    require(!messages.why().empty(), "a refusal has a reason");
+    return 0;
+  }
   require(messages->size() <= size / sizeof(nlmsghdr), "messages are not made up");
   for (const NetlinkMessage& m : *messages) std::visit(Checks(size), m.what);
   return 0;

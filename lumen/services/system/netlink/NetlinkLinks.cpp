@@ -147,10 +147,9 @@ void NetlinkLinks::readChanges(int /*fd*/) {
         logFailure("changes were lost, reading everything again");
         return readTables();
     }
-    std::string reason;
-    const auto messages = readNetlink(datagram, reason);
+    const auto messages = readNetlink(datagram);
     if (!messages) {
-      lm::logLine("interfaces: malformed change (", reason, "), reading everything again");
+      lm::logLine("interfaces: malformed change (", messages.why(), "), reading everything again");
       return readTables();
     }
     for (const NetlinkMessage& change : *messages) tell(change);
@@ -189,10 +188,9 @@ NetlinkLinks::Answer NetlinkLinks::exchange(NetlinkSocket& socket, nlmsghdr& req
         logFailure("netlink answer");
         return Answer::failed;
     }
-    std::string reason;
-    auto messages = readNetlink(datagram, reason);
+    auto messages = readNetlink(datagram);
     if (!messages) {
-      lm::logLine("interfaces: malformed netlink answer: ", reason);
+      lm::logLine("interfaces: malformed netlink answer: ", messages.why());
       return Answer::failed;
     }
     for (NetlinkMessage& m : *messages) {

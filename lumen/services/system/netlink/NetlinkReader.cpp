@@ -17,9 +17,9 @@ constexpr int maxErrno = 4095;  // MAX_ERRNO, linux/err.h
 /// Reads the messages of one datagram; keeps the first thing that is wrong.
 class Reader {
  public:
-  std::optional<std::vector<NetlinkMessage>> read(std::span<const std::byte> datagram) {
+  Result<std::vector<NetlinkMessage>> read(std::span<const std::byte> datagram) {
     if (datagram.empty()) fail("empty datagram");
-    while (reason_.empty() && !datagram.empty()) {
+    while (outcome_ && !datagram.empty()) {
       const auto header = readStruct<nlmsghdr>(datagram);
       if (!header || header->nlmsg_len < sizeof(nlmsghdr) || header->nlmsg_len > datagram.size()) {
         fail("message length");
@@ -29,11 +29,9 @@ class Reader {
       const size_t step = netlinkAligned(header->nlmsg_len);
       datagram = step < datagram.size() ? datagram.subspan(step) : std::span<const std::byte>();
     }
-    if (!reason_.empty()) return std::nullopt;
+    if (!outcome_) return outcome_.failure();
     return std::move(messages_);
   }
-
-  [[nodiscard]] const std::string& reason() const { return reason_; }
 
  private:
   void message(const nlmsghdr& header, std::span<const std::byte> body) {
@@ -198,7 +196,7 @@ class Reader {
   }
 
   void fail(const char* reason) {
-    if (reason_.empty()) reason_ = reason;
+    if (outcome_) outcome_ = Failure{reason};
   }
 
   /// The beginning of a struct rtnl_link_stats64, which newer kernels lengthen.
@@ -211,17 +209,13 @@ class Reader {
 
   nlmsghdr header_{};
   std::vector<NetlinkMessage> messages_;
-  std::string reason_;
+  Result<void> outcome_;
 };
 
 }  // namespace
 
-std::optional<std::vector<NetlinkMessage>> readNetlink(std::span<const std::byte> datagram,
-                                                       std::string& reason) {
-  Reader reader;
-  auto messages = reader.read(datagram);
-  if (!messages) reason = reader.reason();
-  return messages;
+Result<std::vector<NetlinkMessage>> readNetlink(std::span<const std::byte> datagram) {
+  return Reader().read(datagram);
 }
 
 }  // namespace lumen

@@ -2,13 +2,13 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <optional>
 #include <span>
 #include <string>
 #include <variant>
 #include <vector>
 
 #include "lumen/services/system/netlink/Links.h"
+#include "lumen/values/Result.h"
 
 namespace lumen {
 
@@ -47,11 +47,10 @@ struct NetlinkMessage {
 };
 
 /// The messages in one datagram from rtnetlink (linux/netlink.h, linux/rtnetlink.h). Messages of
-/// other kinds and families, such as the bridge's own messages about its ports, are left out. None
-/// when the datagram is no such thing: a length that does not fit, a fixed part or an attribute
-/// that is too short, a missing attribute; `reason` then says what is wrong, in a few words for the
-/// log. `datagram` must be aligned as a nlmsghdr is.
-[[nodiscard]] std::optional<std::vector<NetlinkMessage>> readNetlink(
-    std::span<const std::byte> datagram, std::string& reason);
+/// other kinds and families, such as the bridge's own messages about its ports, are left out.
+/// Fails, with a few words for the log, when the datagram is no such thing: a length that does not
+/// fit, a fixed part or an attribute that is too short, a missing attribute. `datagram` must be
+/// aligned as a nlmsghdr is.
+[[nodiscard]] Result<std::vector<NetlinkMessage>> readNetlink(std::span<const std::byte> datagram);
 
 }  // namespace lumen

@@ -10,6 +10,7 @@
 
 #include "lumen/services/system/netlink/NetlinkReader.h"
 #include "services/system/netlink/NetlinkBytes.h"
+#include "support/Outcome.h"
 
 namespace lumen {
 namespace {
@@ -18,10 +19,9 @@ uint32_t address(const char* dotted) { return inet_addr(dotted); }
 
 /// The one message that the datagram must hold.
 NetlinkMessage read(const NetlinkBytes& datagram) {
-  std::string reason;
-  const auto messages = readNetlink(datagram.span(), reason);
+  const auto messages = readNetlink(datagram.span());
   if (!messages || messages->size() != 1) {
-    ADD_FAILURE() << "not one message: " << reason;
+    ADD_FAILURE() << "not one message: " << whyNot(messages);
     return {};
   }
   return messages->front();
@@ -67,9 +67,8 @@ TEST(NetlinkReader, ReadsADeletedLink) {
 
 // Promise: A port that leaves its bridge is not taken for a link that leaves.
 TEST(NetlinkReader, DoesNotTakeAPortThatLeavesItsBridgeForADeletedLink) {
-  std::string reason;
-  const auto messages = readNetlink(portLeftBridge.span(), reason);
-  ASSERT_TRUE(messages) << reason;
+  const auto messages = readNetlink(portLeftBridge.span());
+  ASSERT_EQ(whyNot(messages), "");
   EXPECT_TRUE(messages->empty());
 }
 
@@ -108,9 +107,8 @@ TEST(NetlinkReader, KnowsARouteThatARouterHasAnnounced) {
   for (const int protocol : {RTPROT_REDIRECT, RTPROT_RA}) {
     std::vector<std::byte> bytes(defaultRoute.span().begin(), defaultRoute.span().end());
     bytes[sizeof(nlmsghdr) + offsetof(rtmsg, rtm_protocol)] = static_cast<std::byte>(protocol);
-    std::string reason;
-    const auto messages = readNetlink(bytes, reason);
-    ASSERT_TRUE(messages) << reason;
+    const auto messages = readNetlink(bytes);
+    ASSERT_EQ(whyNot(messages), "");
     EXPECT_TRUE(std::get<NetlinkMessage::RouteIs>(messages->at(0).what).kernelMade);
   }
 }
@@ -143,9 +141,8 @@ TEST(NetlinkReader, ReadsSeveralMessagesInOneDatagram) {
   NetlinkBytes bytes = addressAdded;
   const auto done = dumpDone.span();
   bytes.bytes().insert(bytes.bytes().end(), done.begin(), done.end());
-  std::string reason;
-  const auto messages = readNetlink(bytes.span(), reason);
-  ASSERT_TRUE(messages) << reason;
+  const auto messages = readNetlink(bytes.span());
+  ASSERT_EQ(whyNot(messages), "");
   ASSERT_EQ(messages->size(), 2U);
   EXPECT_TRUE(std::holds_alternative<NetlinkMessage::AddressIs>(messages->at(0).what));
   EXPECT_TRUE(std::holds_alternative<NetlinkMessage::Answered>(messages->at(1).what));
@@ -186,9 +183,7 @@ TEST(NetlinkReader, RefusesWhatIsMalformed) {
   for (const Wrong& wrong : wrongBytes) {
     NetlinkBytes bytes = *wrong.good;
     bytes.bytes()[wrong.at] = static_cast<std::byte>(wrong.value);
-    std::string reason;
-    EXPECT_FALSE(readNetlink(bytes.span(), reason)) << wrong.reason << " at " << wrong.at;
-    EXPECT_EQ(reason, wrong.reason) << "at " << wrong.at;
+    EXPECT_EQ(whyNot(readNetlink(bytes.span())), wrong.reason) << "at " << wrong.at;
   }
 }
 
@@ -202,24 +197,18 @@ TEST(NetlinkReader, RefusesFixedPartsThatAreTooShort) {
     NetlinkBytes bytes = *good;
     bytes.bytes().resize(16);
     bytes.bytes()[0] = std::byte{16};
-    std::string reason;
-    EXPECT_FALSE(readNetlink(bytes.span(), reason));
-    EXPECT_EQ(reason, expected);
+    EXPECT_EQ(whyNot(readNetlink(bytes.span())), expected);
   }
 }
 
 TEST(NetlinkReader, RefusesAnAddressMessageWithoutAnAddress) {
   const NetlinkBytes bytes{"18 00 00 00 14 00 00 00 00 00 00 00 00 00 00 00",
                            "02 18 80 00 03 00 00 00"};
-  std::string reason;
-  EXPECT_FALSE(readNetlink(bytes.span(), reason));
-  EXPECT_EQ(reason, "address without an address");
+  EXPECT_EQ(whyNot(readNetlink(bytes.span())), "address without an address");
 }
 
 TEST(NetlinkReader, RefusesAnEmptyDatagram) {
-  std::string reason;
-  EXPECT_FALSE(readNetlink({}, reason));
-  EXPECT_EQ(reason, "empty datagram");
+  EXPECT_EQ(whyNot(readNetlink({})), "empty datagram");
 }
 
 const NetlinkBytes* const captured[] = {&linkWithCounters,   &linkDeleted,  &addressAdded,
@@ -232,9 +221,7 @@ TEST(NetlinkReader, RefusesEveryTruncatedMessage) {
       // A buffer of its own, so that the sanitizer sees every byte that is read behind its end.
       const std::vector<std::byte> cut(whole->span().begin(),
                                        whole->span().begin() + static_cast<std::ptrdiff_t>(length));
-      std::string reason;
-      EXPECT_FALSE(readNetlink(cut, reason)) << length;
-      EXPECT_FALSE(reason.empty());
+      EXPECT_NE(whyNot(readNetlink(cut)), "") << length;
     }
   }
 }
@@ -247,9 +234,8 @@ TEST(NetlinkReader, SurvivesRandomBytesInEveryPlace) {
     for (auto changes = 1 + random() % 8; changes > 0; --changes) {
       bytes[random() % bytes.size()] = static_cast<std::byte>(random());
     }
-    std::string reason;
-    const auto messages = readNetlink(bytes, reason);
-    EXPECT_NE(messages.has_value(), !reason.empty());
+    const auto messages = readNetlink(bytes);
+    EXPECT_TRUE(messages || !messages.why().empty());
   }
 }
 
