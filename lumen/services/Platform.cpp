@@ -42,14 +42,16 @@ Platform::Platform(const lm::EventLoop& loop, Processes& processes,
   broker_.addLocal(lm::service::interfaces, lm::handler::natRules, natRules_);
 }
 
-std::string Platform::start() {
-  if (const auto loaded = policies_.load(); !loaded) return "NAT policy: " + loaded.why();
-  if (const auto open = natMap_.open(path::natRuleset); !open) return "NAT table: " + open.why();
+Result<void> Platform::start() {
+  if (const auto loaded = policies_.load(); !loaded) return Failure{"NAT policy: " + loaded.why()};
+  if (const auto open = natMap_.open(path::natRuleset); !open) {
+    return Failure{"NAT table: " + open.why()};
+  }
   natRules_.endOldFlows();
   interfaces_.start();
-  std::string error = listener_.listen(path::socket);
-  if (error.empty()) supervisor_.boot();
-  return error;
+  if (auto listening = listener_.listen(path::socket); !listening) return listening;
+  supervisor_.boot();
+  return {};
 }
 
 }  // namespace lumen

@@ -19,6 +19,7 @@
 #include "lumen/services/system/netfilter/NetlinkFlows.h"
 #include "lumen/services/system/netlink/NetlinkLinks.h"
 #include "lumen/services/system/processes/Processes.h"
+#include "lumen/values/Result.h"
 
 namespace lumen {
 
@@ -51,8 +52,8 @@ class Platform {
   Platform(const Platform&) = delete;
   Platform& operator=(const Platform&) = delete;
 
-  /// Starts to serve, then the services. Empty on success, else what failed.
-  [[nodiscard]] std::string start();
+  /// Starts to serve, then the services.
+  [[nodiscard]] Result<void> start();
 
   /// Ends the services, then this.
   void shutDown() { supervisor_.shutDown(); }

@@ -41,8 +41,8 @@ constexpr const char* packagedRuleset = "/etc/lumen/nat-ruleset.nft";
 constexpr unsigned forAll = 0755;
 constexpr unsigned forOwner = 0700;
 
-void demand(const std::string& error) {
-  if (!error.empty()) lm::fatal("lumend: ", error);
+void demand(const lumen::Result<void>& done) {
+  if (!done) lm::fatal("lumend: ", done.why());
 }
 
 void checkKernel() {
@@ -127,8 +127,8 @@ int main(int argc, char** argv) {
   if (options.status >= 0) return options.status;
   const bool privateRoot = !options.root.empty();
   checkKernel();
-  demand(lumen::missingPrivileges(privateRoot ? lumen::capabilitiesForPrivateRoot()
-                                              : lumen::neededCapabilities()));
+  demand(lumen::checkPrivileges(privateRoot ? lumen::capabilitiesForPrivateRoot()
+                                            : lumen::neededCapabilities()));
   tidyDescriptors();
   umask(077);
   if (privateRoot) {

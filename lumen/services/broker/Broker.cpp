@@ -187,18 +187,18 @@ void Broker::own(Connection& from, const lm::message& request) {
   }
 }
 
-std::string Broker::whyNotRegistered(const Connection& from,
-                                     const std::vector<uint32_t>& numbers) const {
-  if (numbers.empty()) return "no service numbers";
+Result<void> Broker::checkRegistration(const Connection& from,
+                                       const std::vector<uint32_t>& numbers) const {
+  if (numbers.empty()) return Failure{"no service numbers"};
   for (const uint32_t number : numbers) {
-    if (!from.rights().mayServe(number)) return notPermitted;
+    if (!from.rights().mayServe(number)) return Failure{notPermitted};
     if (number == lm::service::broker || number > highestService) {
-      return std::to_string(number) + " is no service number";
+      return Failure{std::to_string(number) + " is no service number"};
     }
     const auto holder = registrations_.find(number);
     const bool taken = holder != registrations_.end() && holder->second != from.number();
     if (isLocal(number) || taken) {
-      return "service " + std::to_string(number) + " is already registered";
+      return Failure{"service " + std::to_string(number) + " is already registered"};
     }
   }
   return {};
@@ -207,8 +207,7 @@ std::string Broker::whyNotRegistered(const Connection& from,
 void Broker::registerServices(Connection& from, const lm::message& request) {
   const Requester to = requester(from, request);
   const std::vector<uint32_t>& numbers = request.get_u32_array_ref(lm::broker::key::services);
-  const std::string error = whyNotRegistered(from, numbers);
-  if (!error.empty()) return refuse(to, error);
+  if (const auto free = checkRegistration(from, numbers); !free) return refuse(to, free.why());
   answer(lm::service::broker, to, {});
   for (const uint32_t number : numbers) {
     if (!registrations_.emplace(number, from.number()).second) continue;

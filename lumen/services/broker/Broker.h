@@ -18,6 +18,7 @@
 #include "lumen/services/broker/Requests.h"
 #include "lumen/services/broker/Services.h"
 #include "lumen/services/broker/Subscriptions.h"
+#include "lumen/values/Result.h"
 #include "platform/Fd.h"
 #include "platform/Timer.h"
 #include "platform/message.h"
@@ -79,8 +80,8 @@ class Broker : public Notifier, public Services::Observer, public Connection::Ow
   [[nodiscard]] lm::message unsubscribe(Connection& from, const lm::message& request);
   [[nodiscard]] lm::message listServices(const Connection& from) const;
   void monitor(Connection& from, const lm::message& request);
-  [[nodiscard]] std::string whyNotRegistered(const Connection& from,
-                                             const std::vector<uint32_t>& numbers) const;
+  [[nodiscard]] Result<void> checkRegistration(const Connection& from,
+                                               const std::vector<uint32_t>& numbers) const;
 
   void local(Connection& from, Path to, const lm::message& request);
   void forward(Connection& from, uint32_t service, lm::message request);

@@ -24,11 +24,11 @@ Listener::~Listener() {
   if (!path_.empty()) unlink(path_.c_str());
 }
 
-std::string Listener::listen(const std::string& path) {
+Result<void> Listener::listen(const std::string& path) {
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;
   if (path.size() >= sizeof address.sun_path) {
-    return path + ": " + strerror(ENAMETOOLONG);
+    return Failure{path + ": " + strerror(ENAMETOOLONG)};
   }
   memcpy(address.sun_path, path.c_str(), path.size() + 1);
   unlink(path.c_str());
@@ -37,7 +37,7 @@ std::string Listener::listen(const std::string& path) {
   if (!socket_.valid() ||
       bind(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
       chmod(path.c_str(), everybody) != 0 || ::listen(socket_.get(), backlog) != 0) {
-    return path + ": " + strerror(errno);
+    return Failure{path + ": " + strerror(errno)};
   }
   path_ = path;
   watch_.start<&Listener::ready>(socket_.get(), *this, lm::watchAccept);

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "lumen/services/broker/Broker.h"
+#include "lumen/values/Result.h"
 #include "platform/Fd.h"
 #include "platform/Watch.h"
 
@@ -18,9 +19,8 @@ class Listener {
   /// Removes the socket.
   ~Listener();
 
-  /// Starts to listen at `path`; a socket that an earlier process has left there goes. Empty on
-  /// success, else what failed.
-  [[nodiscard]] std::string listen(const std::string& path);
+  /// Starts to listen at `path`; a socket that an earlier process has left there goes.
+  [[nodiscard]] Result<void> listen(const std::string& path);
 
  private:
   bool ready(int fd);

@@ -60,7 +60,7 @@ class LumendTest : public testing::Test {
   /// A program to which the folder is /lumen.
   [[nodiscard]] std::unique_ptr<Program> inPlace(const std::vector<std::string>& command) const {
     return std::make_unique<Program>(command, [this] {
-      if (!enterPrivateRoot(root_.path()).empty()) _exit(127);
+      if (!enterPrivateRoot(root_.path())) _exit(127);
     });
   }
 

@@ -27,7 +27,7 @@ constexpr const char* mountPoint = "/lumen";
 // Where the new root is put together; every system has it, and no program's files lie there.
 constexpr const char* workplace = "/dev";
 
-std::string failed(const std::string& what) { return what + ": " + strerror(errno); }
+Failure failed(const std::string& what) { return {what + ": " + strerror(errno)}; }
 
 /// An entry of "/", to be made again under the same name.
 struct Entry {
@@ -37,7 +37,7 @@ struct Entry {
   lm::Fd tree;       // everything else: the mounts from there on, cloned
 };
 
-std::string readEntry(const std::string& name, std::vector<Entry>& entries) {
+Result<Entry> readEntry(const std::string& name) {
   const std::string path = "/" + name;
   struct stat info = {};
   if (lstat(path.c_str(), &info) != 0) return failed(path);
@@ -54,27 +54,29 @@ std::string readEntry(const std::string& name, std::vector<Entry>& entries) {
         open_tree(AT_FDCWD, path.c_str(), OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_RECURSIVE));
     if (!entry.tree.valid()) return failed(path);
   }
-  entries.push_back(std::move(entry));
-  return {};
+  return entry;
 }
 
-std::string readRoot(std::vector<Entry>& entries) {
+Result<std::vector<Entry>> readRoot() {
   const std::unique_ptr<DIR, int (*)(DIR*)> root(opendir("/"), closedir);
   if (root == nullptr) return failed("/");
+  std::vector<Entry> entries;
   while (const dirent* found = readdir(root.get())) {
     const std::string_view name = found->d_name;
     if (name == "." || name == "..") continue;
-    std::string error = readEntry(std::string(name), entries);
-    if (!error.empty()) return error;
+    Result<Entry> entry = readEntry(std::string(name));
+    if (!entry) return entry.failure();
+    entries.push_back(std::move(*entry));
   }
-  return {};
+  return entries;
 }
 
 // The working directory is the new root.
-std::string placeEntry(const Entry& entry) {
+Result<void> placeEntry(const Entry& entry) {
   const char* const name = entry.name.c_str();
   if (S_ISLNK(entry.mode)) {
-    return symlink(entry.link.c_str(), name) == 0 ? std::string() : failed(entry.name);
+    if (symlink(entry.link.c_str(), name) != 0) return failed(entry.name);
+    return {};
   }
   if (S_ISDIR(entry.mode)) {
     if (mkdir(name, 0755) != 0) return failed(entry.name);
@@ -89,17 +91,15 @@ std::string placeEntry(const Entry& entry) {
 }
 
 // A new root with the entries of the old one and a mount point.
-std::string makeRootWithMountPoint() {
-  std::vector<Entry> entries;
-  std::string error = readRoot(entries);
-  if (!error.empty()) return error;
+Result<void> makeRootWithMountPoint() {
+  const Result<std::vector<Entry>> entries = readRoot();
+  if (!entries) return entries.failure();
   if (mount("tmpfs", workplace, "tmpfs", MS_NOSUID | MS_NODEV, "mode=755") != 0) {
     return failed("tmpfs");
   }
   if (chdir(workplace) != 0) return failed(workplace);
-  for (const Entry& entry : entries) {
-    error = placeEntry(entry);
-    if (!error.empty()) return error;
+  for (const Entry& entry : *entries) {
+    if (auto placed = placeEntry(entry); !placed) return placed;
   }
   if (mkdir(mountPoint + 1, 0755) != 0) return failed(mountPoint);
   // The old root comes to lie above the new one, then goes.
@@ -110,20 +110,19 @@ std::string makeRootWithMountPoint() {
 
 }  // namespace
 
-std::string enterPrivateRoot(const std::string& directory) {
+Result<void> enterPrivateRoot(const std::string& directory) {
   const std::unique_ptr<char, void (*)(void*)> whole(realpath(directory.c_str(), nullptr), free);
   if (whole == nullptr) return failed(directory);
   struct stat info = {};
   if (stat(whole.get(), &info) != 0) return failed(directory);
-  if (!S_ISDIR(info.st_mode)) return directory + ": is no directory";
+  if (!S_ISDIR(info.st_mode)) return Failure{directory + ": is no directory"};
   if ((info.st_mode & S_IXOTH) == 0) {
-    return directory + ": services run as other users and cannot look into it (chmod 755)";
+    return Failure{directory + ": services run as other users and cannot look into it (chmod 755)"};
   }
   if (unshare(CLONE_NEWNS) != 0) return failed("mount namespace");
   if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return failed("/");
   if (access(mountPoint, F_OK) != 0) {
-    std::string error = makeRootWithMountPoint();
-    if (!error.empty()) return error;
+    if (auto made = makeRootWithMountPoint(); !made) return made;
   }
   if (mount(whole.get(), mountPoint, nullptr, MS_BIND | MS_REC, nullptr) != 0) {
     return failed(mountPoint);
@@ -131,7 +130,7 @@ std::string enterPrivateRoot(const std::string& directory) {
   return {};
 }
 
-std::string makeDirectory(const std::string& path, unsigned user, unsigned group, unsigned mode) {
+Result<void> makeDirectory(const std::string& path, unsigned user, unsigned group, unsigned mode) {
   if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) return failed(path);
   const lm::Fd made(open(path.c_str(), O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW));
   if (!made.valid() || fchown(made.get(), user, group) != 0 || fchmod(made.get(), mode) != 0) {

@@ -6,6 +6,7 @@
 #include <array>
 #include <cap-ng.h>
 #include <charconv>
+#include <string>
 #include <utility>
 
 namespace lumen {
@@ -22,16 +23,17 @@ std::span<const unsigned> capabilitiesForPrivateRoot() {
   return needed;
 }
 
-std::string missingPrivileges(std::span<const unsigned> capabilities) {
-  if (geteuid() != 0) return "must be started by root";
-  if (capng_get_caps_process() != 0) return "cannot read its own capabilities";
+Result<void> checkPrivileges(std::span<const unsigned> capabilities) {
+  if (geteuid() != 0) return Failure{"must be started by root"};
+  if (capng_get_caps_process() != 0) return Failure{"cannot read its own capabilities"};
   std::string missing;
   for (const unsigned capability : capabilities) {
     if (capng_have_capability(CAPNG_PERMITTED, capability) != 0) continue;
     missing += missing.empty() ? "lacks " : ", ";
     missing += capng_capability_to_name(capability);
   }
-  return missing;
+  if (!missing.empty()) return Failure{missing};
+  return {};
 }
 
 bool keepCapabilities(std::span<const unsigned> capabilities) {

@@ -1,8 +1,9 @@
 #pragma once
 
 #include <span>
-#include <string>
 #include <string_view>
+
+#include "lumen/values/Result.h"
 
 namespace lumen {
 
@@ -13,8 +14,8 @@ namespace lumen {
 /// What a root directory of its own takes in addition, until it is set up.
 [[nodiscard]] std::span<const unsigned> capabilitiesForPrivateRoot();
 
-/// Says which of `capabilities` this process does not have; empty when it has all and is root.
-[[nodiscard]] std::string missingPrivileges(std::span<const unsigned> capabilities);
+/// Fails unless this process is root and has all `capabilities`; says which it lacks.
+[[nodiscard]] Result<void> checkPrivileges(std::span<const unsigned> capabilities);
 
 /// Gives up every other capability for good, here and in every process that comes from this one.
 /// False when the kernel refuses.

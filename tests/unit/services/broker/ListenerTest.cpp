@@ -16,6 +16,7 @@
 #include "lumen/services/broker/Listener.h"
 #include "lumen/services/broker/Peer.h"
 #include "services/broker/BrokerFixture.h"
+#include "support/Outcome.h"
 #include "support/RefusedCall.h"
 
 namespace lumen::test {
@@ -49,7 +50,7 @@ class ListenerTest : public BrokerTest {
 TEST_F(ListenerTest, IsOpenToEverybodyAndGoesAtItsEnd) {
   {
     Listener listener(broker);
-    ASSERT_EQ(listener.listen(path()), "");
+    ASSERT_EQ(whyNot(listener.listen(path())), "");
     struct stat info = {};
     ASSERT_EQ(stat(path().c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 0777U, 0666U);
@@ -61,24 +62,24 @@ TEST_F(ListenerTest, IsOpenToEverybodyAndGoesAtItsEnd) {
 TEST_F(ListenerTest, TakesThePlaceOfASocketThatWasLeft) {
   std::ofstream(path()) << "left";
   Listener listener(broker);
-  ASSERT_EQ(listener.listen(path()), "");
+  ASSERT_EQ(whyNot(listener.listen(path())), "");
   EXPECT_TRUE(connectTo().valid());
 }
 
 // Promise: When the socket cannot be made, its path and the system's error text are reported.
 TEST_F(ListenerTest, SaysWhyItCannot) {
   Listener listener(broker);
-  EXPECT_EQ(listener.listen("/nowhere/lumen.sock"),
+  EXPECT_EQ(whyNot(listener.listen("/nowhere/lumen.sock")),
             "/nowhere/lumen.sock: No such file or directory");
   const std::string tooLong = "/" + std::string(200, 'x');
-  EXPECT_EQ(listener.listen(tooLong), tooLong + ": File name too long");
+  EXPECT_EQ(whyNot(listener.listen(tooLong)), tooLong + ": File name too long");
 }
 
 TEST_F(ListenerTest, SaysWhatTheSystemRefuses) {
   for (const int call : {SCMP_SYS(socket), SCMP_SYS(bind), SCMP_SYS(chmod), SCMP_SYS(listen)}) {
     whileRefused({call}, EACCES, [&] {
       Listener listener(broker);
-      EXPECT_EQ(listener.listen(path()), path() + ": Permission denied");
+      EXPECT_EQ(whyNot(listener.listen(path())), path() + ": Permission denied");
     });
   }
 }
@@ -87,7 +88,7 @@ TEST_F(ListenerTest, SaysWhatTheSystemRefuses) {
 // refused, and others are let in.
 TEST_F(ListenerTest, GoesOnWhenSomebodyCouldNotBeAccepted) {
   Listener listener(broker);
-  ASSERT_EQ(listener.listen(path()), "");
+  ASSERT_EQ(whyNot(listener.listen(path())), "");
   Program first(connectTo());
   testing::internal::CaptureStdout();
   whileRefused({SCMP_SYS(accept4)}, EMFILE, [&] { settle(1); });
@@ -103,7 +104,7 @@ TEST_F(ListenerTest, GoesOnWhenSomebodyCouldNotBeAccepted) {
 // Promise: All programs that wait to be connected are let in, or refused, at once.
 TEST_F(ListenerTest, AcceptsAllThatWait) {
   Listener listener(broker);
-  ASSERT_EQ(listener.listen(path()), "");
+  ASSERT_EQ(whyNot(listener.listen(path())), "");
   std::vector<Program> programs;
   constexpr size_t many = 20;
   programs.reserve(many);
@@ -118,7 +119,7 @@ TEST_F(ListenerTest, AcceptsAllThatWait) {
 // Promise: A user who is refused again and again does not block the platform's socket.
 TEST_F(ListenerTest, DoesNotRestWhileItRefuses) {
   Listener listener(broker);
-  ASSERT_EQ(listener.listen(path()), "");
+  ASSERT_EQ(whyNot(listener.listen(path())), "");
   whileRefused({SCMP_SYS(getsockopt), SOL_SOCKET, SO_PEERCRED}, EPERM, [&] {
     std::deque<Program> waiting;
     for (int i = 0; i < 20; ++i) waiting.emplace_back(connectTo());
@@ -131,7 +132,7 @@ TEST_F(ListenerTest, DoesNotRestWhileItRefuses) {
 
 TEST_F(ListenerTest, RestsWhileNobodyCanBeAccepted) {
   Listener listener(broker);
-  ASSERT_EQ(listener.listen(path()), "");
+  ASSERT_EQ(whyNot(listener.listen(path())), "");
   Program program(connectTo());
   testing::internal::CaptureStdout();
   whileRefused({SCMP_SYS(accept4)}, EMFILE, [&] { settle(20); });

@@ -14,6 +14,7 @@
 #include <string>
 
 #include "lumen/services/system/processes/PrivateRoot.h"
+#include "support/Outcome.h"
 #include "support/RefusedCall.h"
 
 namespace lumen {
@@ -71,7 +72,7 @@ class PrivateRootTest : public testing::Test {
 TEST_F(PrivateRootTest, ShowsTheDirectoryInPlaceAndNothingOutside) {
   const std::set<std::string> before = namesIn("/");
   EXPECT_EQ(inAChild([&] {
-              std::string error = enterPrivateRoot(directory_);
+              std::string error = whyNot(enterPrivateRoot(directory_));
               if (error.empty() && !fs::exists("/lumen/here")) error = "it is not there";
               std::ofstream("/lumen/made") << "inside";
               return error;
@@ -86,7 +87,7 @@ TEST_F(PrivateRootTest, LeavesEverythingElseWhereItIs) {
   before.insert("lumen");
   const std::string work = fs::current_path();
   EXPECT_EQ(inAChild([&]() -> std::string {
-              std::string error = enterPrivateRoot(directory_);
+              std::string error = whyNot(enterPrivateRoot(directory_));
               if (!error.empty()) return error;
               if (namesIn("/") != before) return "other names in /";
               if (!fs::exists("/proc/self/status")) return "no /proc";
@@ -102,12 +103,12 @@ TEST_F(PrivateRootTest, LeavesEverythingElseWhereItIs) {
 TEST_F(PrivateRootTest, CoversALumenThatIsThere) {
   EXPECT_EQ(inAChild([&]() -> std::string {
               // A root in which /lumen is there, made the same way.
-              std::string error = enterPrivateRoot(directory_);
+              std::string error = whyNot(enterPrivateRoot(directory_));
               if (!error.empty()) return error;
               fs::create_directory(directory_ + "/other");
               chmod((directory_ + "/other").c_str(), 0755);
               std::ofstream(directory_ + "/other/there") << "yes";
-              error = enterPrivateRoot(directory_ + "/other");
+              error = whyNot(enterPrivateRoot(directory_ + "/other"));
               if (!error.empty()) return error;
               return namesIn("/lumen") == std::set<std::string>{"there"} ? "" : "another one";
             }),
@@ -117,12 +118,12 @@ TEST_F(PrivateRootTest, CoversALumenThatIsThere) {
 // Promise [lumend-folder]: A DIR that is missing, is no directory or that services cannot look into
 // is refused with the reason: `services run as other users and cannot look into it (chmod 755)`.
 TEST_F(PrivateRootTest, SaysWhatIsWrongWithTheDirectory) {
-  EXPECT_EQ(inAChild([&] { return enterPrivateRoot("/nowhere"); }),
+  EXPECT_EQ(inAChild([&] { return whyNot(enterPrivateRoot("/nowhere")); }),
             "/nowhere: No such file or directory");
-  EXPECT_EQ(inAChild([&] { return enterPrivateRoot(directory_ + "/here"); }),
+  EXPECT_EQ(inAChild([&] { return whyNot(enterPrivateRoot(directory_ + "/here")); }),
             directory_ + "/here: is no directory");
   chmod(directory_.c_str(), 0700);
-  EXPECT_EQ(inAChild([&] { return enterPrivateRoot(directory_); }),
+  EXPECT_EQ(inAChild([&] { return whyNot(enterPrivateRoot(directory_)); }),
             directory_ + ": services run as other users and cannot look into it (chmod 755)");
 }
 
@@ -139,7 +140,7 @@ TEST_F(PrivateRootTest, SaysWhatTheSystemDoesNotLetItDo) {
                                     {SCMP_SYS(umount2), "/"}};
   const auto expectRefusal = [this](const Case& c) {
     whileRefused({c.call}, EPERM, [&] {
-      const std::string error = inAChild([this] { return enterPrivateRoot(directory_); });
+      const std::string error = inAChild([this] { return whyNot(enterPrivateRoot(directory_)); });
       const std::string reason = std::string(c.what) + ": Operation not permitted";
       if (*c.what == '\0') {
         EXPECT_TRUE(error.ends_with(reason)) << error;
@@ -156,7 +157,7 @@ TEST_F(PrivateRootTest, SaysWhatTheSystemDoesNotLetItDo) {
 TEST_F(PrivateRootTest, SaysWhenADirectoryCannotBeGivenAway) {
   for (const int call : {SCMP_SYS(fchown), SCMP_SYS(fchmod)}) {
     whileRefused({call}, EPERM, [&] {
-      EXPECT_EQ(makeDirectory(directory_ + "/store", 54321, 54322, 0700),
+      EXPECT_EQ(whyNot(makeDirectory(directory_ + "/store", 54321, 54322, 0700)),
                 directory_ + "/store: Operation not permitted");
     });
   }
@@ -167,8 +168,8 @@ TEST_F(PrivateRootTest, SaysWhenADirectoryCannotBeGivenAway) {
 TEST_F(PrivateRootTest, MakesDirectoriesWhateverTheUmask) {
   const std::string made = directory_ + "/store";
   const mode_t before = umask(077);
-  EXPECT_EQ(makeDirectory(made, 54321, 54322, 0755), "");
-  EXPECT_EQ(makeDirectory(made, 54321, 54322, 0755), "") << "it is there already";
+  EXPECT_EQ(whyNot(makeDirectory(made, 54321, 54322, 0755)), "");
+  EXPECT_EQ(whyNot(makeDirectory(made, 54321, 54322, 0755)), "") << "it is there already";
   umask(before);
   struct stat info = {};
   ASSERT_EQ(stat(made.c_str(), &info), 0);
@@ -180,11 +181,11 @@ TEST_F(PrivateRootTest, MakesDirectoriesWhateverTheUmask) {
 TEST_F(PrivateRootTest, DoesNotFollowALinkToMakeADirectory) {
   fs::create_directory(directory_ + "/target");
   fs::create_symlink(directory_ + "/target", directory_ + "/link");
-  EXPECT_EQ(makeDirectory(directory_ + "/link", 54321, 54322, 0700),
+  EXPECT_EQ(whyNot(makeDirectory(directory_ + "/link", 54321, 54322, 0700)),
             directory_ + "/link: Not a directory");
-  EXPECT_EQ(makeDirectory(directory_ + "/here", 54321, 54322, 0700),
+  EXPECT_EQ(whyNot(makeDirectory(directory_ + "/here", 54321, 54322, 0700)),
             directory_ + "/here: Not a directory");
-  EXPECT_EQ(makeDirectory("/nowhere/store", 0, 0, 0700),
+  EXPECT_EQ(whyNot(makeDirectory("/nowhere/store", 0, 0, 0700)),
             "/nowhere/store: No such file or directory");
 }
 

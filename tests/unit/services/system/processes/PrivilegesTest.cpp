@@ -10,6 +10,7 @@
 #include <string>
 
 #include "lumen/services/system/processes/Privileges.h"
+#include "support/Outcome.h"
 #include "support/RefusedCall.h"
 
 namespace lumen {
@@ -79,7 +80,7 @@ TEST_F(PrivilegesTest, AreTheNeededOnesAndNoOther) {
 TEST_F(PrivilegesTest, CanBeGivenUpInTwoSteps) {
   EXPECT_TRUE(inAChild([] {
     return keepCapabilities(capabilitiesForPrivateRoot()) &&
-           missingPrivileges(capabilitiesForPrivateRoot()).empty() &&
+           checkPrivileges(capabilitiesForPrivateRoot()).ok() &&
            keepCapabilities(neededCapabilities()) && statusHas("CapPrm:\t00000000000010e0");
   }));
 }
@@ -96,15 +97,15 @@ TEST_F(PrivilegesTest, AreNotHeldForGivenUpWhenTheyWereNot) {
 // Promise [lumend-root]: lumend started by another user than root says that it `must be started by
 // root`, and one that lacks a capability names it, `lumend: lacks kill`, and ends with 1.
 TEST_F(PrivilegesTest, AreNamedWhenTheyAreMissing) {
-  EXPECT_EQ(missingPrivileges(neededCapabilities()), "");
+  EXPECT_EQ(whyNot(checkPrivileges(neededCapabilities())), "");
   EXPECT_TRUE(inAChild([] {
     const std::array<unsigned, 2> two = {CAP_SETUID, CAP_SETGID};
     return keepCapabilities(two) &&
-           missingPrivileges(neededCapabilities()) == "lacks net_admin, kill";
+           whyNot(checkPrivileges(neededCapabilities())) == "lacks net_admin, kill";
   }));
   EXPECT_TRUE(inAChild([] {
     return setuid(54321) == 0 &&
-           missingPrivileges(neededCapabilities()) == "must be started by root";
+           whyNot(checkPrivileges(neededCapabilities())) == "must be started by root";
   }));
 }
 
