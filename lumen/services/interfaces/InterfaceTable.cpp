@@ -20,6 +20,11 @@ namespace key = lm::interfaces::key;
 // Of a name that is refused; more of it would only fill the answer.
 constexpr size_t longestShownName = 32;
 
+constexpr const char* notStored = "the name could not be stored";
+
+/// What a line of the log says after an action.
+std::string whyFailed(const Result<void>& done) { return done ? "" : " failed: " + done.why(); }
+
 lm::message notPermitted() { return lm::refusal("not permitted"); }
 
 /// Whether a request to set fields names others than `disabled`.
@@ -107,11 +112,10 @@ lm::message InterfaceTable::set(const Caller& caller, uint32_t id, const lm::mes
   if (interface.link.index == 0) return lm::refusal("the link is away");
 
   const bool disabled = request.get_bool(lm::key::disabled);
-  const std::string failure = switchLink(interface, disabled);
+  const Result<void> switched = switchLink(interface, disabled);
   lm::logLine("interface ", interface.name, disabled ? " down" : " up", " for ",
-              caller.name.empty() ? "the administrator" : caller.name,
-              failure.empty() ? "" : " failed: ", failure);
-  if (!failure.empty()) return lm::refusal(failure);
+              caller.name.empty() ? "the administrator" : caller.name, whyFailed(switched));
+  if (!switched) return lm::refusal(switched.failure());
   // The kernel tells of no change when it is so already, and whoever asked waits to hear of it.
   if (interface.link.up == !disabled) {
     tellState(record(id, interface));
@@ -121,18 +125,19 @@ lm::message InterfaceTable::set(const Caller& caller, uint32_t id, const lm::mes
   return {};
 }
 
-std::string InterfaceTable::switchLink(const Interface& interface, bool disabled) {
+Result<void> InterfaceTable::switchLink(const Interface& interface, bool disabled) {
   if (disabled) return routes_.takeDown(interface.name, interface.link.index);
   const int error = links_.setUp(interface.link.index, true);
-  return error == 0 ? std::string() : strerror(error);
+  if (error != 0) return Failure{strerror(error)};
+  return {};
 }
 
 void InterfaceTable::undoSet(uint32_t id, bool disabled) {
   const auto it = interfaces_.find(id);
   if (it == interfaces_.end() || it->second.link.index == 0) return;
-  const std::string failure = switchLink(it->second, disabled);
+  const Result<void> switched = switchLink(it->second, disabled);
   lm::logLine("interface ", it->second.name, disabled ? " down" : " up", " again",
-              failure.empty() ? "" : " failed: ", failure);
+              whyFailed(switched));
 }
 
 lm::message InterfaceTable::keep(const lm::message& request) {
@@ -149,19 +154,19 @@ lm::message InterfaceTable::keep(const lm::message& request) {
     return lm::refusal("too many kept names");
   }
   const auto id = keepName(name, role);
-  if (!id) return lm::refusal("the name could not be stored");
+  if (!id) return lm::refusal(id.failure());
   undoWith([this, name, before] { undoRole(name, before); });
   lm::message reply;
   reply.insert_u32(lm::key::objectId, *id);
   return reply;
 }
 
-std::optional<uint32_t> InterfaceTable::keepName(const std::string& name, uint32_t role) {
+Result<uint32_t> InterfaceTable::keepName(const std::string& name, uint32_t role) {
   const uint32_t id = ids_.take(name);
   const bool known = interfaces_.contains(id);
   if (!kept_.keep(name, {id, role})) {
     if (!known) ids_.release(name);
-    return std::nullopt;
+    return Failure{notStored};
   }
   if (known) {
     interfaces_[id].role = role;
@@ -176,23 +181,23 @@ lm::message InterfaceTable::forget(const Interface& interface) {
   if (interface.role == 0) return lm::refusal("the name is not kept");
   const std::string name = interface.name;
   const uint32_t before = interface.role;
-  if (!forgetName(name)) return lm::refusal("the name could not be stored");
+  if (const auto done = forgetName(name); !done) return lm::refusal(done.failure());
   undoWith([this, name, before] { undoRole(name, before); });
   return {};
 }
 
-bool InterfaceTable::forgetName(const std::string& name) {
+Result<void> InterfaceTable::forgetName(const std::string& name) {
   const uint32_t id = kept_.all().at(name).id;
-  if (!kept_.forget(name)) return false;
+  if (!kept_.forget(name)) return Failure{notStored};
   Interface& interface = interfaces_[id];
   interface.role = 0;
   if (interface.link.index == 0) leave(id);
-  return true;
+  return {};
 }
 
 void InterfaceTable::undoRole(const std::string& name, uint32_t role) {
   const bool kept = kept_.all().contains(name);
-  const bool done = role != 0 ? keepName(name, role).has_value() : !kept || forgetName(name);
+  const bool done = role != 0 ? keepName(name, role).ok() : !kept || forgetName(name).ok();
   if (!done) lm::logLine("interface ", name, ": its role of before could not be stored");
 }
 

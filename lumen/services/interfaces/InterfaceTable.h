@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <map>
-#include <optional>
 #include <set>
 #include <string>
 
@@ -12,6 +11,7 @@
 #include "lumen/services/interfaces/KeptNames.h"
 #include "lumen/services/interfaces/RouteKeeper.h"
 #include "lumen/services/system/netlink/Links.h"
+#include "lumen/values/Result.h"
 #include "platform/Store.h"
 
 namespace lumen {
@@ -49,12 +49,12 @@ class InterfaceTable : public LocalHandler, private Links::Listener {
   [[nodiscard]] lm::message set(const Caller& caller, uint32_t id, const lm::message& request);
   [[nodiscard]] lm::message keep(const lm::message& request);
   [[nodiscard]] lm::message forget(const Interface& interface);
-  /// Takes the link down or up. Returns why not, or an empty text.
-  [[nodiscard]] std::string switchLink(const Interface& interface, bool disabled);
-  /// Keeps the name with this role; its id, or none when it could not be stored.
-  [[nodiscard]] std::optional<uint32_t> keepName(const std::string& name, uint32_t role);
-  /// Ends the keeping of a kept name; false when that could not be stored.
-  [[nodiscard]] bool forgetName(const std::string& name);
+  /// Takes the link down or up.
+  [[nodiscard]] Result<void> switchLink(const Interface& interface, bool disabled);
+  /// Keeps the name with this role. Returns its id; fails when it could not be stored.
+  [[nodiscard]] Result<uint32_t> keepName(const std::string& name, uint32_t role);
+  /// Ends the keeping of a kept name; fails when that could not be stored.
+  [[nodiscard]] Result<void> forgetName(const std::string& name);
 
   // What undoes a change that its requester has given up; a failure is logged.
   void undoSet(uint32_t id, bool disabled);

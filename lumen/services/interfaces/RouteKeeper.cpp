@@ -51,9 +51,9 @@ RouteKeeper::RouteKeeper(Links& links, lm::Store& store) : links_(links), store_
   for (uint32_t record = 1; record < records; ++record) load(record);
 }
 
-std::string RouteKeeper::takeDown(const std::string& name, uint32_t index) {
+Result<void> RouteKeeper::takeDown(const std::string& name, uint32_t index) {
   auto now = links_.routes(index);
-  if (!now) return "the link's routes could not be read";
+  if (!now) return Failure{"the link's routes could not be read"};
   // Those of an earlier time that are not back yet remain: the link may be up without running.
   const auto earlier = saved_.find(name);
   const std::vector<Route> before =
@@ -64,11 +64,11 @@ std::string RouteKeeper::takeDown(const std::string& name, uint32_t index) {
   // Put back in this order: a gateway is reached by a route without one.
   std::stable_partition(now->begin(), now->end(), [](const Route& r) { return !r.gateway; });
   const size_t lost = cutToRecord(*now);
-  if (!save(name, std::move(*now))) return "the link's routes could not be saved";
+  if (!save(name, std::move(*now))) return Failure{"the link's routes could not be saved"};
   const int error = links_.setUp(index, false);
   if (error != 0) {
     (void)save(name, before);
-    return strerror(error);
+    return Failure{strerror(error)};
   }
   if (lost > 0) lm::logLine("interface ", name, ": ", lost, " routes too many to save");
   return {};

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "lumen/services/system/netlink/Links.h"
+#include "lumen/values/Result.h"
 #include "platform/Store.h"
 
 namespace lumen {
@@ -26,9 +27,8 @@ class RouteKeeper {
   RouteKeeper(const RouteKeeper&) = delete;
   RouteKeeper& operator=(const RouteKeeper&) = delete;
 
-  /// Saves the routes of the link and takes it down, both or nothing. Returns why it could not, or
-  /// an empty text.
-  [[nodiscard]] std::string takeDown(const std::string& name, uint32_t index);
+  /// Saves the routes of the link and takes it down, both or nothing.
+  [[nodiscard]] Result<void> takeDown(const std::string& name, uint32_t index);
 
   /// Puts the saved routes back if the link really runs now; they are then saved no more, unless
   /// the link stopped meanwhile or the kernel could not be asked. One that the kernel refuses is
