@@ -5,19 +5,19 @@
 
 namespace lumen {
 
-void FailureMemory::remember(const std::string& name, std::string error) {
+void FailureMemory::remember(const std::string& name, Failure failure) {
   const uint64_t now = clock_.now();
-  std::erase_if(failures_, [&](const Failure& f) { return f.end <= now || f.name == name; });
+  std::erase_if(failures_, [&](const Entry& f) { return f.end <= now || f.name == name; });
   if (failures_.size() >= capacity) failures_.pop_front();
-  failures_.push_back({name, std::move(error), now + life});
+  failures_.push_back({name, std::move(failure), now + life});
 }
 
-std::optional<std::string> FailureMemory::find(const std::string& name) const {
+std::optional<Failure> FailureMemory::find(const std::string& name) const {
   const uint64_t now = clock_.now();
   const auto found = std::ranges::find_if(
-      failures_, [&](const Failure& f) { return f.end > now && f.name == name; });
+      failures_, [&](const Entry& f) { return f.end > now && f.name == name; });
   if (found == failures_.end()) return std::nullopt;
-  return found->error;
+  return found->failure;
 }
 
 }  // namespace lumen

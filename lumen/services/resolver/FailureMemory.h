@@ -7,6 +7,7 @@
 #include <string>
 
 #include "lumen/runtime/Clock.h"
+#include "lumen/values/Result.h"
 
 namespace lumen {
 
@@ -22,20 +23,20 @@ class FailureMemory {
   explicit FailureMemory(const lm::Clock& clock) : clock_(clock) {}
 
   /// From now on for `life`. What was remembered of the name is replaced.
-  void remember(const std::string& name, std::string error);
+  void remember(const std::string& name, Failure failure);
   /// Why the lookup of the name failed; none when that is not remembered.
-  [[nodiscard]] std::optional<std::string> find(const std::string& name) const;
+  [[nodiscard]] std::optional<Failure> find(const std::string& name) const;
   [[nodiscard]] size_t size() const { return failures_.size(); }
 
  private:
-  struct Failure {
+  struct Entry {
     std::string name;
-    std::string error;
+    Failure failure;
     uint64_t end = 0;  // on the clock
   };
 
   const lm::Clock& clock_;
-  std::deque<Failure> failures_;  // the oldest first
+  std::deque<Entry> failures_;  // the oldest first
 };
 
 }  // namespace lumen

@@ -15,31 +15,31 @@ namespace {
 constexpr int firstTry = 300;
 constexpr int tries = 2;
 
-std::string describe(int status) {
+Failure describe(int status) {
   switch (status) {
     case ARES_ENOTFOUND:
-      return "no such host";
+      return {"no such host"};
     case ARES_ENODATA:
-      return "host has no IPv4 address";
+      return {"host has no IPv4 address"};
     case ARES_ETIMEOUT:
-      return Lookup::noAnswer;
+      return {Lookup::noAnswer};
     case ARES_ECONNREFUSED:  // also when every name server has answered that it cannot tell
-      return "no name server can tell";
+      return {"no name server can tell"};
     default:
-      return std::string("lookup failed: ") + ares_strerror(status);
+      return {std::string("lookup failed: ") + ares_strerror(status)};
   }
 }
 
-/// The first address that a host can have; 0 when there is none.
-uint32_t usableAddress(const ares_addrinfo& found) {
+/// The first address that a host can have.
+Result<Ipv4Address> usableAddress(const ares_addrinfo& found) {
   for (const ares_addrinfo_node* node = found.nodes; node != nullptr; node = node->ai_next) {
     sockaddr_in address = {};
     if (node->ai_family != AF_INET || node->ai_addrlen < sizeof address) continue;
     memcpy(&address, node->ai_addr, sizeof address);
-    const uint32_t number = address.sin_addr.s_addr;
-    if (number != INADDR_ANY && number != INADDR_BROADCAST) return number;
+    const Ipv4Address usable = Ipv4Address::fromBytes(address.sin_addr.s_addr);
+    if (usable.number() != INADDR_ANY && usable.number() != INADDR_BROADCAST) return usable;
   }
-  return 0;
+  return Failure{"host has no usable address"};
 }
 
 }  // namespace
@@ -71,7 +71,7 @@ void Lookup::start() {
     hints.ai_flags = ARES_AI_NOSORT;
     ares_getaddrinfo(channel, name_.c_str(), nullptr, &hints, &Lookup::answered, this);
   } else {
-    result_ = Result{0, describe(status)};
+    result_ = describe(status);
   }
   goOn();
 }
@@ -89,14 +89,13 @@ void Lookup::socketChanged(void* lookup, int fd, int readable, int writable) {
 /// Called from inside of c-ares, where a channel must not be destroyed: goOn ends the lookup.
 void Lookup::answered(void* lookup, int status, int /*timeouts*/, ares_addrinfo* found) {
   const std::unique_ptr<ares_addrinfo, void (*)(ares_addrinfo*)> owned(found, ares_freeaddrinfo);
-  std::optional<Result>& result = static_cast<Lookup*>(lookup)->result_;
+  std::optional<Result<Ipv4Address>>& result = static_cast<Lookup*>(lookup)->result_;
   if (status == ARES_EDESTRUCTION) return;
-  if (status != ARES_SUCCESS) {
-    result = Result{0, describe(status)};
-    return;
+  if (status == ARES_SUCCESS) {
+    result = usableAddress(*found);
+  } else {
+    result = describe(status);
   }
-  result = Result{usableAddress(*found), {}};
-  if (result->address == 0) result->error = "host has no usable address";
 }
 
 void Lookup::socketReady(int fd, unsigned flags) {
@@ -111,7 +110,7 @@ void Lookup::askAgain() {
 }
 
 void Lookup::late() {
-  result_ = Result{0, noAnswer};
+  result_ = Failure{noAnswer};
   goOn();
 }
 

@@ -6,6 +6,8 @@
 #include <optional>
 #include <string>
 
+#include "lumen/values/Ipv4.h"
+#include "lumen/values/Result.h"
 #include "platform/Timer.h"
 #include "platform/Watch.h"
 
@@ -24,16 +26,11 @@ class Lookup {
   /// The error after that.
   static constexpr const char* noAnswer = "name server does not answer";
 
-  struct Result {
-    uint32_t address = 0;  ///< in network byte order; 0: none
-    std::string error;     ///< why there is none
-  };
-
   class Owner {
    public:
     virtual ~Owner() = default;
     /// The lookup of `name` has ended; it may be destroyed, and the references end with it.
-    virtual void lookedUp(const std::string& name, const Result& result) = 0;
+    virtual void lookedUp(const std::string& name, const Result<Ipv4Address>& result) = 0;
   };
 
   /// `configuration` is the path of the resolv.conf; without one, 127.0.0.1 is asked. `owner` must
@@ -61,7 +58,7 @@ class Lookup {
   Owner& owner_;
   const std::string name_;
   std::string configuration_;
-  std::optional<Result> result_;
+  std::optional<Result<Ipv4Address>> result_;
   lm::Timer limitTimer_;
   lm::Timer askAgainTimer_;
   std::map<int, lm::Watch> watches_;  // of the sockets that the channel opens and closes

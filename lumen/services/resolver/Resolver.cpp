@@ -69,7 +69,7 @@ lm::message Resolver::cmdUnknown(const lm::message& request, uint32_t command) {
   const std::optional<std::string> name =
       toHostName(request.get_string(lm::resolver::key::hostName));
   if (!name) return lm::refusal("not a host name");
-  if (const auto error = failures_.find(*name)) return lm::refusal(*error);
+  if (const auto failure = failures_.find(*name)) return lm::refusal(*failure);
   const auto asked = questions_.find(*name);
   if (asked != questions_.end()) {
     asked->second->add();
@@ -88,16 +88,16 @@ void Resolver::ask(const std::string& name) {
   question->second->start(patience_.left());
 }
 
-void Resolver::lookedUp(const std::string& name, const Lookup::Result& result) {
+void Resolver::lookedUp(const std::string& name, const Result<Ipv4Address>& result) {
   const auto ended = questions_.extract(name);
-  if (result.address != 0) {
+  if (result) {
     lm::message reply;
-    reply.insert_be32(lm::resolver::key::address, result.address);
+    reply.insert_be32(lm::resolver::key::address, result->bytes());
     ended.mapped()->answer(reply);
   } else {
-    lm::logLine("resolver: ", name, ": ", result.error);
-    failures_.remember(name, result.error);
-    ended.mapped()->answer(lm::refusal(result.error));
+    lm::logLine("resolver: ", name, ": ", result.why());
+    failures_.remember(name, result.failure());
+    ended.mapped()->answer(lm::refusal(result.failure()));
   }
   lm::getLooper().setupLeave(idleLife);
 }

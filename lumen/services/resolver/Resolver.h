@@ -41,7 +41,7 @@ class Resolver : public lm::Handler, private Lookup::Owner {
   class Question;
 
   void ask(const std::string& name);
-  void lookedUp(const std::string& name, const Lookup::Result& result) override;
+  void lookedUp(const std::string& name, const Result<Ipv4Address>& result) override;
   [[nodiscard]] const std::string& configuration() const;
 
   const lm::Clock& clock_;

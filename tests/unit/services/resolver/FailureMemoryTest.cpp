@@ -10,22 +10,26 @@ namespace {
 
 class FailureMemoryTest : public testing::Test {
  protected:
+  [[nodiscard]] std::string whyFailed(const std::string& name) const {
+    return memory_.find(name).value_or(Failure{"not remembered"}).text;
+  }
+
   lm::test::ManualClock clock_;
   FailureMemory memory_{clock_};
 };
 
 // Also proves [resolver-failed].
 TEST_F(FailureMemoryTest, RemembersWhyANameFailed) {
-  memory_.remember("nowhere.lan", "no such host");
-  memory_.remember("silent.lan", "name server does not answer");
-  EXPECT_EQ(memory_.find("nowhere.lan"), "no such host");
-  EXPECT_EQ(memory_.find("silent.lan"), "name server does not answer");
+  memory_.remember("nowhere.lan", {"no such host"});
+  memory_.remember("silent.lan", {"name server does not answer"});
+  EXPECT_EQ(whyFailed("nowhere.lan"), "no such host");
+  EXPECT_EQ(whyFailed("silent.lan"), "name server does not answer");
   EXPECT_FALSE(memory_.find("player.lan"));
 }
 
 // Also proves [resolver-failed].
 TEST_F(FailureMemoryTest, ForgetsAfterAMinute) {
-  memory_.remember("nowhere.lan", "no such host");
+  memory_.remember("nowhere.lan", {"no such host"});
   clock_.advance(59'999);
   EXPECT_TRUE(memory_.find("nowhere.lan"));
   clock_.advance(1);
@@ -34,19 +38,19 @@ TEST_F(FailureMemoryTest, ForgetsAfterAMinute) {
 
 // Also proves [resolver-failed].
 TEST_F(FailureMemoryTest, StartsTheMinuteAnewWhenANameFailsAgain) {
-  memory_.remember("nowhere.lan", "no such host");
+  memory_.remember("nowhere.lan", {"no such host"});
   clock_.advance(59'999);
-  memory_.remember("nowhere.lan", "no name server can tell");
+  memory_.remember("nowhere.lan", {"no name server can tell"});
   EXPECT_EQ(memory_.size(), 1U);
   clock_.advance(59'999);
-  EXPECT_EQ(memory_.find("nowhere.lan"), "no name server can tell");
+  EXPECT_EQ(whyFailed("nowhere.lan"), "no name server can tell");
 }
 
 // Also proves [resolver-memory].
 TEST_F(FailureMemoryTest, HoldsNothingThatItHasForgotten) {
-  for (int i = 0; i < 100; ++i) memory_.remember("host" + std::to_string(i), "no such host");
+  for (int i = 0; i < 100; ++i) memory_.remember("host" + std::to_string(i), {"no such host"});
   clock_.advance(60'000);
-  memory_.remember("nowhere.lan", "no such host");
+  memory_.remember("nowhere.lan", {"no such host"});
   EXPECT_EQ(memory_.size(), 1U);
 }
 
@@ -55,7 +59,7 @@ TEST_F(FailureMemoryTest, HoldsNothingThatItHasForgotten) {
 TEST_F(FailureMemoryTest, ForgetsTheOldestWhenThereAreTooMany) {
   constexpr size_t most = 1024;
   for (size_t i = 0; i <= most; ++i) {
-    memory_.remember("host" + std::to_string(i), "no such host");
+    memory_.remember("host" + std::to_string(i), {"no such host"});
   }
   EXPECT_EQ(memory_.size(), most);
   EXPECT_FALSE(memory_.find("host0"));
