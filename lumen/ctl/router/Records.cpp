@@ -43,14 +43,16 @@ std::string roleName(Role role) {
   return {};
 }
 
-Interface::Interface(const lm::message& record)
-    : id(record.get_u32(lm::key::objectId)),
-      name(record.get_string(lm::interfaces::key::name)),
-      role(toRole(record.get_u32(lm::interfaces::key::role))),
-      hardwareType(record.get_u32(lm::interfaces::key::hardwareType)),
-      index(record.get_u32(lm::interfaces::key::index)),
-      disabled(record.get_bool(lm::key::disabled)),
-      running(record.get_bool(lm::interfaces::key::running)) {}
+Interface::Interface(const lm::message& m) {
+  const lm::interfaces::Record record = lm::interfaces::readRecord(m);
+  id = record.id;
+  name = record.name;
+  role = toRole(record.role);
+  hardwareType = record.hardwareType;
+  index = record.index;
+  disabled = record.disabled;
+  running = record.running;
+}
 
 std::string Interface::state() const {
   if (isAway()) return "away";

@@ -25,6 +25,12 @@ constexpr const char* notStored = "the name could not be stored";
 /// What a line of the log says after an action.
 std::string whyFailed(const Result<void>& done) { return done ? "" : " failed: " + done.why(); }
 
+lm::message toMessage(const lm::interfaces::Record& record) {
+  lm::message m;
+  lm::interfaces::write(m, record);
+  return m;
+}
+
 lm::message notPermitted() { return lm::refusal("not permitted"); }
 
 /// Whether a request to set fields names others than `disabled`.
@@ -66,7 +72,9 @@ lm::message InterfaceTable::handle(const Caller& caller, uint32_t command,
                                    const lm::message& request) {
   if (command == lm::cmd::list || command == lm::cmd::readAll) {
     return lm::pagedAnswer(request, interfaces_, [&](uint32_t id, const Interface& interface) {
-      return record(id, interface, caller.administrator);
+      lm::interfaces::Record seen = record(id, interface);
+      if (caller.administrator) seen.role = interface.role;
+      return toMessage(seen);
     });
   }
   if (command == lm::cmd::addObject) return caller.administrator ? keep(request) : notPermitted();
@@ -91,13 +99,13 @@ lm::message InterfaceTable::read(const Caller& caller, uint32_t id, const Interf
   if (interface.link.index != 0) {
     if (const auto now = links_.read(interface.link.index)) counters = now->counters;
   }
-  lm::message m = record(id, interface);
-  m.insert_u64(key::bytesReceived, counters.bytesReceived);
-  m.insert_u64(key::bytesSent, counters.bytesSent);
-  m.insert_u64(key::packetsReceived, counters.packetsReceived);
-  m.insert_u64(key::packetsSent, counters.packetsSent);
-  if (caller.administrator && interface.role != 0) m.insert_u32(key::role, interface.role);
-  return m;
+  lm::interfaces::Record seen = record(id, interface);
+  seen.counters = lm::interfaces::Counters{.bytesReceived = counters.bytesReceived,
+                                           .bytesSent = counters.bytesSent,
+                                           .packetsReceived = counters.packetsReceived,
+                                           .packetsSent = counters.packetsSent};
+  if (caller.administrator) seen.role = interface.role;
+  return toMessage(seen);
 }
 
 lm::message InterfaceTable::set(const Caller& caller, uint32_t id, const lm::message& request) {
@@ -293,41 +301,37 @@ void InterfaceTable::leave(uint32_t id) {
   const auto it = interfaces_.find(id);
   routes_.forget(it->second.name);
   ids_.release(it->second.name);
-  lm::message gone = record(id, it->second);
-  gone.insert_u32(key::flags, lm::interfaces::flagGone);
+  lm::interfaces::Record gone = record(id, it->second);
+  gone.flags = lm::interfaces::flagGone;
   interfaces_.erase(it);
-  notifier_.notify(lm::cmd::interfaceChanged, {lm::service::interfaces, lm::handler::interfaces},
-                   gone);
-  tellState(gone);
+  tell(gone);
 }
 
 void InterfaceTable::tell(uint32_t id) {
   const Interface& interface = interfaces_[id];
-  const lm::message m = record(id, interface);
-  notifier_.notify(lm::cmd::interfaceChanged, {lm::service::interfaces, lm::handler::interfaces},
-                   m);
-  tellState(m);
+  tell(record(id, interface));
   addresses_.announce(id, interface.link.running);
 }
 
-void InterfaceTable::tellState(const lm::message& record) {
-  lm::message m;
-  m.insert_message_array(lm::key::records, {record});
-  notifier_.notify(lm::cmd::changed, {lm::service::interfaces, lm::handler::interfaces}, m);
+void InterfaceTable::tell(const lm::interfaces::Record& record) {
+  notifier_.notify(lm::cmd::interfaceChanged, lm::interfaces::path(), toMessage(record));
+  tellState(record);
 }
 
-lm::message InterfaceTable::record(uint32_t id, const Interface& interface, bool withRole) {
+void InterfaceTable::tellState(const lm::interfaces::Record& record) {
   lm::message m;
-  m.insert_u32(lm::key::objectId, id);
-  m.insert_u32(key::hardwareType, interface.link.hardwareType);
-  m.insert_u32(key::flags, 0);
-  m.insert_u32(key::index, interface.link.index);
-  m.insert_string(key::name, interface.name);
-  m.insert_string(key::displayName, interface.name);
-  m.insert_bool(lm::key::disabled, !interface.link.up);
-  m.insert_bool(key::running, interface.link.running);
-  if (withRole && interface.role != 0) m.insert_u32(key::role, interface.role);
-  return m;
+  m.insert_message_array(lm::key::records, {toMessage(record)});
+  notifier_.notify(lm::cmd::changed, lm::interfaces::path(), m);
+}
+
+lm::interfaces::Record InterfaceTable::record(uint32_t id, const Interface& interface) {
+  return {.id = id,
+          .hardwareType = interface.link.hardwareType,
+          .index = interface.link.index,
+          .name = interface.name,
+          .displayName = interface.name,
+          .disabled = !interface.link.up,
+          .running = interface.link.running};
 }
 
 }  // namespace lumen

@@ -13,6 +13,7 @@
 #include "lumen/services/system/netlink/Links.h"
 #include "lumen/values/Result.h"
 #include "platform/Store.h"
+#include "platform/wire/Interfaces.h"
 
 namespace lumen {
 
@@ -72,11 +73,12 @@ class InterfaceTable : public LocalHandler, private Links::Listener {
   void leave(uint32_t id);
   /// Tells that it is new or another than before, then its state, then its addresses.
   void tell(uint32_t id);
-  void tellState(const lm::message& record);
+  void tellState(const lm::interfaces::Record& record);
+  /// Tells that it is new, or another than before, or gone; then its state.
+  void tell(const lm::interfaces::Record& record);
 
-  /// Without role: what everybody sees.
-  [[nodiscard]] static lm::message record(uint32_t id, const Interface& interface,
-                                          bool withRole = false);
+  /// What every caller may see: without the role.
+  [[nodiscard]] static lm::interfaces::Record record(uint32_t id, const Interface& interface);
 
   Links& links_;
   AddressTable& addresses_;

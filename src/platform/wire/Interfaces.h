@@ -1,9 +1,12 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
+#include <string>
 #include <vector>
 
 #include "platform/Keys.h"
+#include "platform/message.h"
 
 /// Field keys of the interface table, handler [20, 0], in addition to the shared ones.
 ///
@@ -52,5 +55,70 @@ inline constexpr uint32_t roleInternal = 2;
 
 /// The path of the table.
 inline std::vector<uint32_t> path() { return {service::interfaces, handler::interfaces}; }
+
+/// What an interface has carried since it was made.
+struct Counters {
+  uint64_t bytesReceived = 0;
+  uint64_t bytesSent = 0;
+  uint64_t packetsReceived = 0;
+  uint64_t packetsSent = 0;
+
+  bool operator==(const Counters&) const = default;
+};
+
+struct Record {
+  uint32_t id = 0;
+  uint32_t hardwareType = 0;
+  uint32_t flags = 0;
+  uint32_t index = 0;  ///< 0: the link is away
+  std::string name;
+  std::string displayName;
+  bool disabled = false;
+  bool running = false;
+  std::optional<Counters> counters = std::nullopt;
+  uint32_t role = 0;  ///< 0: not told, or the name is not kept
+
+  bool operator==(const Record&) const = default;
+};
+
+/// Appends the fields of a record in their order.
+inline void write(message& m, const Record& record) {
+  m.insert_u32(lm::key::objectId, record.id);
+  m.insert_u32(key::hardwareType, record.hardwareType);
+  m.insert_u32(key::flags, record.flags);
+  m.insert_u32(key::index, record.index);
+  m.insert_string(key::name, record.name);
+  m.insert_string(key::displayName, record.displayName);
+  m.insert_bool(lm::key::disabled, record.disabled);
+  m.insert_bool(key::running, record.running);
+  if (record.counters) {
+    m.insert_u64(key::bytesReceived, record.counters->bytesReceived);
+    m.insert_u64(key::bytesSent, record.counters->bytesSent);
+    m.insert_u64(key::packetsReceived, record.counters->packetsReceived);
+    m.insert_u64(key::packetsSent, record.counters->packetsSent);
+  }
+  if (record.role != 0) m.insert_u32(key::role, record.role);
+}
+
+/// A field that is absent is 0, false or empty; without the first counter there are none.
+inline Record readRecord(const message& m) {
+  Record record{.id = m.get_u32(lm::key::objectId),
+                .hardwareType = m.get_u32(key::hardwareType),
+                .flags = m.get_u32(key::flags),
+                .index = m.get_u32(key::index),
+                .name = m.get_string(key::name),
+                .displayName = m.get_string(key::displayName),
+                .disabled = m.get_bool(lm::key::disabled),
+                .running = m.get_bool(key::running),
+                .role = m.get_u32(key::role)};
+  // An absent field has the value that its reader gives it.
+  if (m.get_u64(key::bytesReceived, 0) == m.get_u64(key::bytesReceived, 1)) {
+    record.counters = Counters{.bytesReceived = m.get_u64(key::bytesReceived),
+                               .bytesSent = m.get_u64(key::bytesSent),
+                               .packetsReceived = m.get_u64(key::packetsReceived),
+                               .packetsSent = m.get_u64(key::packetsSent)};
+  }
+  return record;
+}
 
 }  // namespace lm::interfaces
