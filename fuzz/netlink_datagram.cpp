@@ -50,7 +50,7 @@ class Checks {
 
  private:
   static void check(const lumen::LinkAddress& address) {
-    require(address.prefixLength <= 32, "a prefix has at most 32 bits");
+    require(address.network.prefix() <= 32, "a prefix has at most 32 bits");
   }
 
   /// Puts the route back by the new link where it left by `link`.

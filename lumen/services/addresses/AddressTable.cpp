@@ -12,12 +12,10 @@ namespace {
 
 enum class Place { outside, host, reserved };
 
-Ipv4Address addressOf(const LinkAddress& link) { return Ipv4Address::fromBytes(link.address); }
-
 /// Where `host` lies with regard to the network of an address.
 Place placeIn(const LinkAddress& link, Ipv4Address host) {
-  if (link.broadcast != 0 && host.bytes() == link.broadcast) return Place::reserved;
-  const Ipv4Network network(Ipv4Address::fromBytes(link.network), link.prefixLength);
+  if (link.broadcast == host) return Place::reserved;
+  const Ipv4Network& network = link.network;
   if (!network.holds(host)) return Place::outside;
   if (network.prefix() >= 31) return Place::host;
   return host == network.first() || host == network.last() ? Place::reserved : Place::host;
@@ -42,19 +40,19 @@ lm::message AddressTable::handle(const Caller& /*caller*/, uint32_t command,
 }
 
 void AddressTable::add(uint32_t interface, bool running, const LinkAddress& address) {
-  const auto [place, isNew] = places_.try_emplace({addressOf(address), interface}, lastId_ + 1);
+  const auto [place, isNew] = places_.try_emplace({address.address, interface}, lastId_ + 1);
   Entry& entry = entries_[place->second];
   entry.networks.insert(address);
   if (!isNew) return;
   ++lastId_;
   entry.interface = interface;
-  entry.address = addressOf(address);
+  entry.address = address.address;
   entry.running = running;
   notify({record(place->second, entry)});
 }
 
 void AddressTable::remove(uint32_t interface, const LinkAddress& address) {
-  const auto place = places_.find({addressOf(address), interface});
+  const auto place = places_.find({address.address, interface});
   if (place == places_.end()) return;
   const auto it = entries_.find(place->second);
   it->second.networks.erase(address);
@@ -121,7 +119,7 @@ std::optional<uint32_t> AddressTable::interfaceTowards(Ipv4Address host) const {
   for (const auto& [id, entry] : entries_) {
     for (const LinkAddress& network : entry.networks) {
       if (placeIn(network, host) != Place::host) continue;
-      const std::pair candidate(32 - network.prefixLength, entry.interface);
+      const std::pair candidate(32 - network.network.prefix(), entry.interface);
       best = best ? std::min(*best, candidate) : candidate;
     }
   }

@@ -1,12 +1,14 @@
 #pragma once
 
+#include <compare>
 #include <cstdint>
 #include <map>
 #include <optional>
 #include <set>
 #include <string>
-#include <tuple>
 #include <vector>
+
+#include "lumen/values/Ipv4.h"
 
 namespace lumen {
 
@@ -32,19 +34,14 @@ struct LinkStatus {
   LinkCounters counters;
 };
 
-/// An IPv4 address of a link, and the network that it reaches there. Addresses are in network byte
-/// order. A link may hold the same address more than once, with different networks.
+/// An IPv4 address of a link, and the network that it reaches there. A link may hold the same
+/// address more than once, with different networks.
 struct LinkAddress {
-  uint32_t address = 0;
-  uint32_t network = 0;       ///< an address of the network: the peer's on a point-to-point link
-  uint32_t broadcast = 0;     ///< 0: none
-  uint32_t prefixLength = 0;  ///< of the network, 0 to 32
+  Ipv4Address address;
+  Ipv4Network network;  ///< on a point-to-point link the peer's
+  std::optional<Ipv4Address> broadcast;
 
-  bool operator==(const LinkAddress&) const = default;
-  bool operator<(const LinkAddress& other) const {
-    return std::tie(address, network, broadcast, prefixLength) <
-           std::tie(other.address, other.network, other.broadcast, other.prefixLength);
-  }
+  auto operator<=>(const LinkAddress&) const = default;
 };
 
 /// All links and their IPv4 addresses, by kernel index.

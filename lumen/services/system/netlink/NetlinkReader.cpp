@@ -106,23 +106,24 @@ class Reader {
     if (!fixed) return fail("address message too short");
     if (fixed->ifa_family != AF_INET) return;
     if (fixed->ifa_prefixlen > 32) return fail("address prefix length");
-    std::optional<uint32_t> local;
-    std::optional<uint32_t> network;
-    uint32_t broadcast = 0;
+    std::optional<Ipv4Address> local;
+    std::optional<Ipv4Address> network;
+    std::optional<Ipv4Address> broadcast;
     const bool whole = attributes(body, sizeof(ifaddrmsg), [&](const nlattr& attribute) {
       const uint16_t type = mnl_attr_get_type(&attribute);
       if (type != IFA_LOCAL && type != IFA_ADDRESS && type != IFA_BROADCAST) return;
       const auto value = readStruct<uint32_t>(payload(attribute));
       if (!value) return fail("address too short");
-      if (type == IFA_LOCAL) local = *value;
-      if (type == IFA_ADDRESS) network = *value;
-      if (type == IFA_BROADCAST) broadcast = *value;
+      const Ipv4Address told = Ipv4Address::fromBytes(*value);
+      if (type == IFA_LOCAL) local = told;
+      if (type == IFA_ADDRESS) network = told;
+      if (type == IFA_BROADCAST && !told.isUnspecified()) broadcast = told;
     });
     if (!whole) return fail("address attribute length");
     if (!local) local = network;
     if (!network) network = local;
     if (!local) return fail("address without an address");
-    const LinkAddress is{*local, *network, broadcast, fixed->ifa_prefixlen};
+    const LinkAddress is{*local, Ipv4Network(*network, fixed->ifa_prefixlen), broadcast};
     if (header_.nlmsg_type == RTM_NEWADDR) {
       add(NetlinkMessage::AddressIs{fixed->ifa_index, is});
     } else {

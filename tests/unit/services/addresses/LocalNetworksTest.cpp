@@ -1,6 +1,5 @@
 // What the NAT rules are told of this router's addresses and the networks on them.
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <optional>
@@ -89,7 +88,7 @@ TEST_F(LocalNetworksTest, DoNotHoldTheNetworksOwnAndItsBroadcastAddress) {
 
 TEST_F(LocalNetworksTest, DoNotHoldABroadcastAddressOfAnotherForm) {
   LinkAddress address = linkAddress("192.168.1.1/24");
-  address.broadcast = inet_addr("192.168.1.127");
+  address.broadcast = test::ip("192.168.1.127");
   table.add(lan, true, address);
   EXPECT_EQ(towards("192.168.1.127"), std::nullopt);
   EXPECT_EQ(towards("192.168.1.126"), lan);
@@ -98,7 +97,7 @@ TEST_F(LocalNetworksTest, DoNotHoldABroadcastAddressOfAnotherForm) {
 
 TEST_F(LocalNetworksTest, DoNotHoldABroadcastAddressOutsideTheNetwork) {
   LinkAddress address = linkAddress("192.168.1.1/25");
-  address.broadcast = inet_addr("192.168.1.255");
+  address.broadcast = test::ip("192.168.1.255");
   table.add(lan, true, address);
   has(wan, "192.168.0.1/16");
   EXPECT_EQ(towards("192.168.1.255"), std::nullopt);

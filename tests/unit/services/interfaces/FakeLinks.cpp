@@ -1,26 +1,21 @@
 #include "services/interfaces/FakeLinks.h"
 
-#include <arpa/inet.h>
-
 #include <algorithm>
 #include <cerrno>
+
+#include "support/Ipv4Text.h"
 
 namespace lumen {
 
 LinkAddress linkAddress(const std::string& words) {
   const size_t slash = words.find('/');
   const size_t peer = words.find(" peer ");
-  LinkAddress result;
-  result.prefixLength = static_cast<uint32_t>(std::stoul(words.substr(slash + 1)));
-  result.address = inet_addr(words.substr(0, std::min(slash, peer)).c_str());
-  result.network = peer == std::string::npos
-                       ? result.address
-                       : inet_addr(words.substr(peer + 6, slash - peer - 6).c_str());
-  if (result.prefixLength < 31) {
-    result.broadcast =
-        result.network |
-        htonl(static_cast<uint32_t>((uint64_t{1} << (32 - result.prefixLength)) - 1));
-  }
+  const Ipv4Address address = test::ip(words.substr(0, std::min(slash, peer)));
+  const Ipv4Address other =
+      peer == std::string::npos ? address : test::ip(words.substr(peer + 6, slash - peer - 6));
+  const Ipv4Network network(other, static_cast<unsigned>(std::stoul(words.substr(slash + 1))));
+  LinkAddress result{address, network, std::nullopt};
+  if (network.prefix() < 31) result.broadcast = network.last();
   return result;
 }
 

@@ -530,11 +530,11 @@ TEST_F(NetlinkLinksTest, ReadsWholeTablesWhileTheyChange) {
     additions += "addr add 10.1." + hostOf(i);
     removals += "addr del 10.1." + hostOf(i);
   }
-  std::set<uint32_t> stable;
+  std::set<Ipv4Address> stable;
   for (int i = 0; i < 1000; ++i) {
     additions += "addr add 10.2." + hostOf(i);
     const std::string address = "10.2." + hostOf(i);
-    stable.insert(inet_addr(address.substr(0, address.find('/')).c_str()));
+    stable.insert(test::ip(address.substr(0, address.find('/'))));
   }
   ipBatch(additions);
   store.write("removals", removals);
@@ -551,7 +551,7 @@ TEST_F(NetlinkLinksTest, ReadsWholeTablesWhileTheyChange) {
     Reading reading;
     reader.start(reading);
     ASSERT_TRUE(waitFor([&] { return reading.all.has_value(); }));
-    std::set<uint32_t> missing = stable;
+    std::set<Ipv4Address> missing = stable;
     for (const auto& [index, held] : reading.all->addresses) {
       for (const LinkAddress& address : held) missing.erase(address.address);
     }

@@ -1,21 +1,23 @@
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
+#include <optional>
 #include <random>
 
 #include "lumen/services/system/netlink/NetlinkReader.h"
 #include "services/system/netlink/NetlinkBytes.h"
+#include "support/Ipv4Text.h"
 #include "support/Outcome.h"
 
 namespace lumen {
 namespace {
 
-uint32_t address(const char* dotted) { return inet_addr(dotted); }
+using test::ip;
 
 /// The one message that the datagram must hold.
 NetlinkMessage read(const NetlinkBytes& datagram) {
@@ -75,14 +77,21 @@ TEST(NetlinkReader, DoesNotTakeAPortThatLeavesItsBridgeForADeletedLink) {
 TEST(NetlinkReader, ReadsAnAddressWithItsNetwork) {
   const auto is = as<NetlinkMessage::AddressIs>(read(addressAdded));
   EXPECT_EQ(is.index, 3U);
-  EXPECT_EQ(is.address, (LinkAddress{address("45.45.45.2"), address("45.45.45.2"),
-                                     address("45.45.45.255"), 24}));
+  EXPECT_EQ(is.address,
+            (LinkAddress{ip("45.45.45.2"), Ipv4Network(ip("45.45.45.0"), 24), ip("45.45.45.255")}));
 }
 
 TEST(NetlinkReader, KeepsThePeerOfAPointToPointAddressAsItsNetwork) {
   const auto gone = as<NetlinkMessage::AddressGone>(read(peerAddressRemoved));
   EXPECT_EQ(gone.index, 3U);
-  EXPECT_EQ(gone.address, (LinkAddress{address("10.0.0.1"), address("10.0.0.2"), 0, 32}));
+  EXPECT_EQ(gone.address,
+            (LinkAddress{ip("10.0.0.1"), Ipv4Network(ip("10.0.0.2"), 32), std::nullopt}));
+}
+
+TEST(NetlinkReader, TakesABroadcastAddressOfZerosForNone) {
+  NetlinkBytes bytes = addressAdded;
+  std::fill_n(bytes.bytes().begin() + 44, 4, std::byte{0});
+  EXPECT_EQ(as<NetlinkMessage::AddressIs>(read(bytes)).address.broadcast, std::nullopt);
 }
 
 TEST(NetlinkReader, ReadsARouteWithAGateway) {

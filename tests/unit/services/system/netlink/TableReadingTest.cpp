@@ -1,12 +1,12 @@
 // The kernel's answers and the changes that it tells meanwhile, in every order that they can have.
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <set>
 #include <utility>
 
 #include "lumen/services/system/netlink/TableReading.h"
+#include "support/Ipv4Text.h"
 
 namespace lumen {
 namespace {
@@ -32,7 +32,7 @@ class TableReadingTest : public testing::Test {
   static NetlinkMessage::AddressIs has(const char* address) { return {2, at(address)}; }
   static NetlinkMessage::AddressGone loses(const char* address) { return {2, at(address)}; }
   static LinkAddress at(const char* address) {
-    return {inet_addr(address), inet_addr(address), 0, 32};
+    return {test::ip(address), Ipv4Network(test::ip(address), 32), std::nullopt};
   }
 
   TableReading reading{ourPort};
