@@ -4,6 +4,7 @@
 #include <iterator>
 
 #include "lumen/runtime/Paging.h"
+#include "lumen/runtime/Refusal.h"
 #include "platform/Keys.h"
 #include "platform/wire/Addresses.h"
 
@@ -31,11 +32,11 @@ lm::message AddressTable::handle(const Caller& /*caller*/, uint32_t command,
       return lm::pagedAnswer(request, entries_, &AddressTable::record);
     case lm::cmd::readObject: {
       const auto it = entries_.find(request.get_u32(lm::key::objectId));
-      if (it == entries_.end()) return lm::errorMsg(lm::errorRefused, "no such object");
+      if (it == entries_.end()) return lm::refusal("no such object");
       return record(it->first, it->second);
     }
     default:
-      return lm::errorMsg(lm::errorRefused, "unknown command");
+      return lm::refusal("unknown command");
   }
 }
 

@@ -7,17 +7,16 @@
 
 #include "lumen/runtime/Log.h"
 #include "lumen/runtime/Paging.h"
+#include "lumen/runtime/Refusal.h"
 #include "platform/Keys.h"
 
 namespace lumen {
 
 namespace {
 
-lm::message refuse(const std::string& text) { return lm::errorMsg(lm::errorRefused, text); }
-
 lm::message refuseByKernel(const std::string& what, const RuleKey& key, const Failure& failure) {
   lm::logLine("nat ", what, " failed: ", keyText(key), ": ", failure.text);
-  return refuse("the kernel refused it: " + failure.text);
+  return lm::refusal("the kernel refused it: " + failure.text);
 }
 
 }  // namespace
@@ -46,9 +45,9 @@ lm::message NatRules::handle(const Caller& caller, uint32_t command, const lm::m
     case lm::cmd::set:
       break;
     default:
-      return refuse("unknown command");
+      return lm::refusal("unknown command");
   }
-  if (!caller.administrator) return refuse("not permitted");
+  if (!caller.administrator) return lm::refusal("not permitted");
   switch (command) {
     case lm::cmd::readObject:
       return read(request);
@@ -78,8 +77,8 @@ void NatRules::connectionEnded(uint64_t connection) {
 
 lm::message NatRules::add(const Caller& caller, const lm::message& request) {
   auto rule = readRule(request);
-  if (!rule) return refuse(rule.why());
-  if (const auto allowed = checkAdd(*rule); !allowed) return refuse(allowed.why());
+  if (!rule) return lm::refusal(rule.failure());
+  if (const auto allowed = checkAdd(*rule); !allowed) return lm::refusal(allowed.failure());
 
   rule->connection = caller.connection;
   rule->owner = caller.name.empty() ? "administrator" : caller.name;
@@ -103,14 +102,14 @@ void NatRules::undoAdd(uint32_t id) {
 
 lm::message NatRules::set(const Caller& caller, const lm::message& request) {
   auto it = rules_.find(request.get_u32(lm::key::objectId));
-  if (it == rules_.end()) return refuse("no such object");
+  if (it == rules_.end()) return lm::refusal("no such object");
   const Rule& before = it->second;
   if (before.connection != caller.connection && !caller.administrator) {
-    return refuse("not permitted");
+    return lm::refusal("not permitted");
   }
   const auto change = readChange(request);
-  if (!change) return refuse(change.why());
-  if (change->close && !caller.administrator) return refuse("not permitted");
+  if (!change) return lm::refusal(change.failure());
+  if (change->close && !caller.administrator) return lm::refusal("not permitted");
 
   Rule after = before;
   after.closed = before.closed || change->close;
@@ -118,7 +117,8 @@ lm::message NatRules::set(const Caller& caller, const lm::message& request) {
   after.client.address = change->clientAddress.value_or(before.client.address);
   after.client.port = change->clientPort.value_or(before.client.port);
   if (!change->close) {
-    if (const auto allowed = checkSet(before, after); !allowed) return refuse(allowed.why());
+    if (const auto allowed = checkSet(before, after); !allowed)
+      return lm::refusal(allowed.failure());
   }
   const Rule replaced = before;
   lm::message reply = replace(it, after);
@@ -164,11 +164,11 @@ lm::message NatRules::remove(const Caller& caller, const lm::message& request) {
     // A reply that was lost must not leave its owner with a rule that it cannot get rid of.
     auto history = everAdded_.find(caller.connection);
     bool had = history != everAdded_.end() && history->second.contains(id);
-    return had ? lm::message() : refuse("no such object");
+    return had ? lm::message() : lm::refusal("no such object");
   }
   const Rule& rule = it->second;
   if (rule.connection != caller.connection && !caller.administrator) {
-    return refuse("not permitted");
+    return lm::refusal("not permitted");
   }
   const Rule removed = rule;
   lm::message reply = drop(it);
@@ -217,13 +217,14 @@ lm::message NatRules::list(const Caller& caller, const lm::message& request) {
 
 lm::message NatRules::read(const lm::message& request) {
   auto it = rules_.find(request.get_u32(lm::key::objectId));
-  if (it == rules_.end()) return refuse("no such object");
+  if (it == rules_.end()) return lm::refusal("no such object");
   return record(it->first, it->second, count());
 }
 
 lm::message NatRules::writePolicy(const lm::message& request) {
   const PolicyBook::State before = policies_.state();
-  if (const auto written = policies_.write(request); !written) return refuse(written.why());
+  if (const auto written = policies_.write(request); !written)
+    return lm::refusal(written.failure());
   undoWith([this, before] { policies_.restore(before); });
   return {};
 }
