@@ -49,9 +49,9 @@ PolicyBook::PolicyBook(std::string filePath, std::string storeDirectory)
 
 Result<Policy> PolicyBook::readFile() const {
   // One byte more than is allowed is read, so that a file that is too long shows.
-  const PlainFile file = readPlainFile(filePath_, maxPolicyFile + 1);
-  if (!file.error.empty() && !file.missing) return Failure{filePath_ + ": " + file.error};
-  auto policy = parsePolicyFile(file.text);
+  const auto text = readPlainFile(filePath_, maxPolicyFile + 1);
+  if (!text) return Failure{filePath_ + ": " + text.why()};
+  auto policy = parsePolicyFile(text->value_or(""));
   if (!policy) return Failure{filePath_ + policy.why()};
   return policy;
 }

@@ -1,6 +1,8 @@
 #include "lumen/services/supervisor/ServiceFolder.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 
 #include "lumen/runtime/Log.h"
@@ -42,9 +44,10 @@ Result<void> checkUnique(const ServiceDefinition& found,
 
 Result<ServiceDefinition> readServiceFile(const std::string& path, const UserDatabase& users) {
   // One byte more than is allowed is read, so that a file that is too long shows.
-  const PlainFile file = readPlainFile(path, maxServiceFile + 1);
-  if (!file.error.empty()) return Failure{file.error};
-  return parseServiceFile(file.text, users);
+  const auto text = readPlainFile(path, maxServiceFile + 1);
+  if (!text) return text.failure();
+  if (!*text) return Failure{strerror(ENOENT)};
+  return parseServiceFile(**text, users);
 }
 
 }  // namespace

@@ -6,29 +6,25 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "platform/Fd.h"
 
 namespace lumen {
 
-PlainFile readPlainFile(const std::string& path, size_t limit) {
-  PlainFile result;
+Result<std::optional<std::string>> readPlainFile(const std::string& path, size_t limit) {
   const lm::Fd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   struct stat info = {};
   if (!file.valid() || fstat(file.get(), &info) != 0) {
-    result.missing = errno == ENOENT;
-    result.error = strerror(errno);
-    return result;
+    if (errno == ENOENT) return std::optional<std::string>();
+    return Failure{strerror(errno)};
   }
-  if (!S_ISREG(info.st_mode)) {
-    result.error = "is no plain file";
-    return result;
-  }
-  result.text.resize(limit);
-  const ssize_t length = read(file.get(), result.text.data(), limit);
-  if (length < 0) result.error = strerror(errno);
-  result.text.resize(length < 0 ? 0 : static_cast<size_t>(length));
-  return result;
+  if (!S_ISREG(info.st_mode)) return Failure{"is no plain file"};
+  std::string text(limit, '\0');
+  const ssize_t length = read(file.get(), text.data(), limit);
+  if (length < 0) return Failure{strerror(errno)};
+  text.resize(static_cast<size_t>(length));
+  return std::optional(std::move(text));
 }
 
 }  // namespace lumen
