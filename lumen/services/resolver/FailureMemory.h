@@ -1,7 +1,7 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
-#include <cstdint>
 #include <deque>
 #include <optional>
 #include <string>
@@ -14,8 +14,8 @@ namespace lumen {
 /// The names whose lookup has failed lately, each with the reason.
 class FailureMemory {
  public:
-  /// How long a failure is remembered, in milliseconds.
-  static constexpr uint64_t life = 60'000;
+  /// How long a failure is remembered.
+  static constexpr std::chrono::minutes life{1};
   /// Beyond it the oldest are forgotten: names come from strangers.
   static constexpr size_t capacity = 1024;
 
@@ -32,7 +32,7 @@ class FailureMemory {
   struct Entry {
     std::string name;
     Failure failure;
-    uint64_t end = 0;  // on the clock
+    std::chrono::milliseconds end{};  // on the clock
   };
 
   const lm::Clock& clock_;

@@ -7,12 +7,14 @@
 #include <cstring>
 #include <utility>
 
+#include "lumen/runtime/Time.h"
+
 namespace lumen {
 
 namespace {
 
-// The first try of a name server, in milliseconds; the second, after all others, has twice as long.
-constexpr int firstTry = 300;
+// The first try of a name server; the second, after all others, has twice as long.
+constexpr std::chrono::duration<int, std::milli> firstTry{300};
 constexpr int tries = 2;
 
 Failure describe(int status) {
@@ -53,7 +55,7 @@ Lookup::~Lookup() = default;
 
 void Lookup::start() {
   ares_options options = {};
-  options.timeout = firstTry;
+  options.timeout = firstTry.count();
   options.tries = tries;
   options.sock_state_cb = &Lookup::socketChanged;
   options.sock_state_cb_data = this;
@@ -64,7 +66,7 @@ void Lookup::start() {
       ARES_OPT_TIMEOUTMS | ARES_OPT_TRIES | ARES_OPT_SOCK_STATE_CB | ARES_OPT_RESOLVCONF);
   if (status == ARES_SUCCESS) {
     channel_.reset(channel);
-    limitTimer_.start<&Lookup::late>(*this, limit);
+    limitTimer_.start<&Lookup::late>(*this, timerDelay(limit));
     // Sorting would open a socket to each address.
     ares_addrinfo_hints hints = {};
     hints.ai_family = AF_INET;
@@ -123,8 +125,9 @@ void Lookup::goOn() {
   timeval storage = {};
   const timeval* const wait = ares_timeout(channel_.get(), nullptr, &storage);
   if (wait == nullptr) return;
-  const auto hundredths = static_cast<uint32_t>(wait->tv_sec * 100 + wait->tv_usec / 10'000);
-  askAgainTimer_.start<&Lookup::askAgain>(*this, hundredths + 1);
+  const auto due = std::chrono::seconds(wait->tv_sec) + std::chrono::microseconds(wait->tv_usec);
+  const TimerTicks delay = std::chrono::floor<TimerTicks>(due) + TimerTicks(1);
+  askAgainTimer_.start<&Lookup::askAgain>(*this, delay.count());
 }
 
 }  // namespace lumen

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <cstdint>
+#include <chrono>
 #include <map>
 #include <memory>
 #include <optional>
@@ -21,8 +21,7 @@ namespace lumen {
 /// and go with the WAN side. It ends within `limit`, and with its destruction.
 class Lookup {
  public:
-  /// In hundredths of a second.
-  static constexpr uint32_t limit = 95;
+  static constexpr std::chrono::milliseconds limit{950};
   /// The error after that.
   static constexpr const char* noAnswer = "name server does not answer";
 

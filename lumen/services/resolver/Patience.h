@@ -1,45 +1,46 @@
 #pragma once
 
 #include <algorithm>
-#include <cstdint>
+#include <chrono>
 
 #include "lumen/runtime/Clock.h"
+#include "lumen/runtime/Time.h"
 
 namespace lumen {
 
 /// How long requesters wait for name servers. Their programs may stand still meanwhile, and the
 /// names come from strangers, who can think of a new one each time: so all requesters of one minute
 /// wait `whole` together, and who comes after that `least`, which is plenty for a name server that
-/// knows the answer. All times are in milliseconds.
+/// knows the answer.
 class Patience {
  public:
   /// A little less than the second within which every requester has its answer.
-  static constexpr uint64_t whole = 950;
-  static constexpr uint64_t least = 100;
-  static constexpr uint64_t period = 60'000;
+  static constexpr std::chrono::milliseconds whole{950};
+  static constexpr std::chrono::milliseconds least{100};
+  static constexpr std::chrono::minutes period{1};
 
   /// `clock` must outlive this.
   explicit Patience(const lm::Clock& clock) : clock_(clock) {}
 
   /// How long the next requester may wait.
-  [[nodiscard]] uint64_t left() const {
-    if (clock_.now() >= end_) return whole;
+  [[nodiscard]] std::chrono::milliseconds left() const {
+    if (timeOn(clock_) >= end_) return whole;
     return std::max(least, whole - std::min(whole, spent_));
   }
 
   /// A requester has waited so long.
-  void spend(uint64_t waited) {
-    if (clock_.now() >= end_) {
-      end_ = clock_.now() + period;
-      spent_ = 0;
+  void spend(std::chrono::milliseconds waited) {
+    if (timeOn(clock_) >= end_) {
+      end_ = timeOn(clock_) + period;
+      spent_ = {};
     }
     spent_ += waited;
   }
 
  private:
   const lm::Clock& clock_;
-  uint64_t end_ = 0;  // of the period, on the clock
-  uint64_t spent_ = 0;
+  std::chrono::milliseconds end_{};  // of the period, on the clock
+  std::chrono::milliseconds spent_{};
 };
 
 }  // namespace lumen

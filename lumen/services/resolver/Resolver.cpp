@@ -7,6 +7,7 @@
 
 #include "lumen/runtime/Log.h"
 #include "lumen/runtime/Refusal.h"
+#include "lumen/runtime/Time.h"
 #include "lumen/services/resolver/HostName.h"
 #include "platform/Keys.h"
 #include "platform/Looper.h"
@@ -14,13 +15,22 @@
 
 namespace lumen {
 
+namespace {
+
+void leaveWhenIdle() {
+  lm::getLooper().setupLeave(
+      std::chrono::duration<uint32_t, std::milli>(Resolver::idleLife).count());
+}
+
+}  // namespace
+
 /// A name that is being looked up, and who waits for its address. When they have waited long enough
 /// they are told that there is none, but the lookup goes on: a name server that was slow will know
 /// the answer by the next request, and one that stays silent is a failure to be remembered.
 class Resolver::Question {
  public:
   Question(Resolver& resolver, const std::string& name)
-      : started_(resolver.clock_.now()),
+      : started_(timeOn(resolver.clock_)),
         resolver_(resolver),
         lookup_(resolver, name, resolver.configuration()) {}
 
@@ -31,13 +41,13 @@ class Resolver::Question {
   }
 
   /// May end the question.
-  void start(uint64_t patience) {
-    patience_.start<&Question::giveUp>(*this, static_cast<uint32_t>((patience + 9) / 10));
+  void start(std::chrono::milliseconds patience) {
+    patience_.start<&Question::giveUp>(*this, timerDelay(patience));
     lookup_.start();
   }
 
   void answer(const lm::message& reply) {
-    if (waiting_) resolver_.patience_.spend(resolver_.clock_.now() - started_);
+    if (waiting_) resolver_.patience_.spend(timeOn(resolver_.clock_) - started_);
     waiting_ = false;
     for (lm::PendingReply& requester : requesters_) requester.send(reply);
     requesters_.clear();
@@ -46,7 +56,7 @@ class Resolver::Question {
  private:
   void giveUp() { answer(lm::refusal(Lookup::noAnswer)); }
 
-  const uint64_t started_;  // on the clock
+  const std::chrono::milliseconds started_;  // on the clock
   Resolver& resolver_;
   std::vector<lm::PendingReply> requesters_;
   bool waiting_ = true;
@@ -59,7 +69,7 @@ Resolver::Resolver(const lm::Clock& clock, std::vector<std::string> configuratio
       configurations_(std::move(configurations)),
       failures_(clock),
       patience_(clock) {
-  lm::getLooper().setupLeave(idleLife);
+  leaveWhenIdle();
 }
 
 Resolver::~Resolver() = default;
@@ -82,7 +92,7 @@ lm::message Resolver::cmdUnknown(const lm::message& request, uint32_t command) {
 }
 
 void Resolver::ask(const std::string& name) {
-  lm::getLooper().setupLeave(idleLife);
+  leaveWhenIdle();
   const auto question = questions_.emplace(name, std::make_unique<Question>(*this, name)).first;
   question->second->add();
   question->second->start(patience_.left());
@@ -99,7 +109,7 @@ void Resolver::lookedUp(const std::string& name, const Result<Ipv4Address>& resu
     failures_.remember(name, result.failure());
     ended.mapped()->answer(lm::refusal(result.failure()));
   }
-  lm::getLooper().setupLeave(idleLife);
+  leaveWhenIdle();
 }
 
 const std::string& Resolver::configuration() const {

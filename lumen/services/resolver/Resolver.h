@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -25,7 +26,7 @@ namespace lumen {
 /// every failure, so that its next life knows as much.
 class Resolver : public lm::Handler, private Lookup::Owner {
  public:
-  static constexpr uint32_t idleLife = 60'000;  ///< milliseconds
+  static constexpr std::chrono::minutes idleLife{1};
   /// Each can hold several sockets. Who comes beyond is refused at once: in a queue it would wait
   /// longer than the second that it has.
   static constexpr size_t maxLookups = 128;

@@ -7,6 +7,7 @@
 #include <iterator>
 #include <set>
 
+#include "lumen/runtime/Time.h"
 #include "services/resolver/ResolverFixture.h"
 
 namespace lumen::test {
@@ -127,7 +128,7 @@ TEST_F(LookupTest, LeavesNoDescriptorOpen) {
   serverIsSilent();
   const uint32_t request = ask("silent.lan");
   EXPECT_GT(openDescriptors(), before);
-  platform_.advance(Lookup::limit);
+  platform_.advance(timerDelay(Lookup::limit));
   EXPECT_EQ(answerTo(request), "name server does not answer");
   EXPECT_EQ(openDescriptors(), before);
   ask("other.lan");

@@ -6,6 +6,8 @@
 namespace lumen {
 namespace {
 
+using namespace std::chrono_literals;
+
 class PatienceTest : public testing::Test {
  protected:
   lm::test::ManualClock clock_;
@@ -13,34 +15,34 @@ class PatienceTest : public testing::Test {
 };
 
 // Also proves [resolver-budget].
-TEST_F(PatienceTest, IsWholeAtFirst) { EXPECT_EQ(patience_.left(), 950U); }
+TEST_F(PatienceTest, IsWholeAtFirst) { EXPECT_EQ(patience_.left(), 950ms); }
 
 // Also proves [resolver-budget].
 TEST_F(PatienceTest, ShrinksByWhatWasWaited) {
-  patience_.spend(300);
-  EXPECT_EQ(patience_.left(), 650U);
-  patience_.spend(500);
-  EXPECT_EQ(patience_.left(), 150U);
+  patience_.spend(300ms);
+  EXPECT_EQ(patience_.left(), 650ms);
+  patience_.spend(500ms);
+  EXPECT_EQ(patience_.left(), 150ms);
 }
 
 // Also proves [resolver-budget].
 TEST_F(PatienceTest, DoesNotShrinkBelowTheLeast) {
-  patience_.spend(900);
-  EXPECT_EQ(patience_.left(), 100U);
-  for (int i = 0; i < 1000; ++i) patience_.spend(100);
-  EXPECT_EQ(patience_.left(), 100U);
+  patience_.spend(900ms);
+  EXPECT_EQ(patience_.left(), 100ms);
+  for (int i = 0; i < 1000; ++i) patience_.spend(100ms);
+  EXPECT_EQ(patience_.left(), 100ms);
 }
 
 // Also proves [resolver-budget].
 TEST_F(PatienceTest, IsWholeAgainAMinuteAfterItBeganToShrink) {
-  patience_.spend(10);
+  patience_.spend(10ms);
   clock_.advance(59'999);
-  patience_.spend(950);
-  EXPECT_EQ(patience_.left(), 100U);
+  patience_.spend(950ms);
+  EXPECT_EQ(patience_.left(), 100ms);
   clock_.advance(1);
-  EXPECT_EQ(patience_.left(), 950U);
-  patience_.spend(50);
-  EXPECT_EQ(patience_.left(), 900U);
+  EXPECT_EQ(patience_.left(), 950ms);
+  patience_.spend(50ms);
+  EXPECT_EQ(patience_.left(), 900ms);
 }
 
 }  // namespace
