@@ -115,7 +115,7 @@ class Tables {
     std::string keys;
     for (std::string& name : names) {
       name += "=";
-      keys += (keys.empty() ? "'" : " | '") + path + " " + name + "'";
+      keys.append(keys.empty() ? "'" : " | '").append(path).append(" ").append(name).append("'");
     }
     values_.add("'" + path + "'", names);
     if (choices.find('|') == choices.npos) return;

@@ -4,6 +4,7 @@
 #include <CLI/Config.hpp>
 #include <CLI/Formatter.hpp>
 #include <cstdio>
+#include <exception>
 #include <fstream>
 #include <iostream>
 #include <string>
@@ -13,30 +14,42 @@
 #include "lumen/ctl/machine/LinuxMachine.h"
 #include "lumen/ctl/router/SocketClient.h"
 
-int main(int argc, char** argv) {
-  if (argc != 3) {
-    std::cerr << "usage: lumenctl_completion TEMPLATE OUTPUT\n";
-    return 2;
-  }
+namespace {
+
+/// False when the files cannot be read or written, or the template has no such line.
+bool complete(const std::string& path, const std::string& output) {
   lumenctl::LinuxMachine machine;
   lumenctl::Session session(lumenctl::SocketClient::connect, machine, std::cout);
   CLI::App app("", "lumenctl");
   lumenctl::addCommandLine(app, session);
 
-  std::ifstream frame(argv[1]);
-  std::ofstream output(argv[2]);
-  bool complete = false;
+  std::ifstream frame(path);
+  std::ofstream file(output);
+  bool found = false;
   for (std::string line; std::getline(frame, line);) {
     if (line == "@TABLES@") {
-      output << lumenctl::completionTables(app);
-      complete = true;
+      file << lumenctl::completionTables(app);
+      found = true;
     } else {
-      output << line << '\n';
+      file << line << '\n';
     }
   }
-  if (!complete || !output.flush()) {
-    std::cerr << argv[1] << ": cannot be made into " << argv[2] << '\n';
-    std::remove(argv[2]);
-    return 1;
+  return found && file.flush();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 3) {
+    std::cerr << "usage: lumenctl_completion TEMPLATE OUTPUT\n";
+    return 2;
   }
+  try {
+    if (complete(argv[1], argv[2])) return 0;
+    std::cerr << argv[1] << ": cannot be made into " << argv[2] << '\n';
+  } catch (const std::exception& error) {
+    std::cerr << argv[1] << ": " << error.what() << '\n';
+  }
+  std::remove(argv[2]);
+  return 1;
 }
