@@ -8,6 +8,7 @@ import subprocess
 import tempfile
 import time
 
+from support.closing import Closing
 from support.debian import give_to_owner, kept, make_archive
 
 TOP = pathlib.Path(__file__).resolve().parents[2]
@@ -17,7 +18,7 @@ CHECKOUT = "/home/ann/palinode"
 LIMIT = 1500
 
 
-class FreshMachine:
+class FreshMachine(Closing):
     """Exists on the disk until close."""
 
     def __init__(self, suite):
@@ -114,9 +115,3 @@ class FreshMachine:
     def close(self):
         shutil.rmtree(self._folder)
         give_to_owner(self._downloads, *self._downloads.rglob("*"))
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self.close()

@@ -7,6 +7,7 @@ import shutil
 import subprocess
 import tempfile
 
+from support.closing import Closing
 from support.network import wait_until
 
 BOOT = pathlib.Path(__file__).with_name("boot.sh")
@@ -20,7 +21,7 @@ class CommandFailed(Exception):
     """A command on the machine ended with another status than 0."""
 
 
-class Machine:
+class Machine(Closing):
     """Runs until close, or until this process ends. Its network is `namespace`; `base` is an
     archive of the root that it starts with."""
 
@@ -86,12 +87,6 @@ class Machine:
             for folder, _, _ in os.walk(self._group, topdown=False):
                 os.rmdir(folder)
         return not self._group.exists()
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self.close()
 
 
 def process_groups():

@@ -8,6 +8,9 @@ from gateway_case import (ALLOW_DISABLE, ENABLED, EXTERNAL, INTERNAL, LAN, SHOW_
 from scripted_platform import BROKER, HISTORY, IDENTITY
 from support import lm
 
+# The last lines of a daemon that serves one internal and one external interface.
+FAREWELL = ["disable", "stop int: LAN", "sendAdverts", "stop ext: WAN", "exit"]
+
 
 class Start(GatewayCase):
     # Also proves [settings], [disabled-exit].
@@ -49,8 +52,7 @@ class Start(GatewayCase):
         self.serve()
         self.daemon.terminate()
         self.assertEqual(self.daemon.wait(), 0)
-        self.assertEqual(self.daemon.log()[-5:],
-                         ["disable", "stop int: LAN", "sendAdverts", "stop ext: WAN", "exit"])
+        self.assertEqual(self.daemon.log()[-5:], FAREWELL)
         self.start_daemon()
         self.daemon.wait_for_line("sendAdverts")
         self.assertEqual(len(self.lan.search("ssdp:all")), len(all_targets()))
@@ -93,8 +95,7 @@ class Settings(GatewayCase):
         self.serve()
         self.set_settings(enabled=False)
         self.assertEqual(self.daemon.wait(), 0)
-        self.assertEqual(self.daemon.log()[-5:],
-                         ["disable", "stop int: LAN", "sendAdverts", "stop ext: WAN", "exit"])
+        self.assertEqual(self.daemon.log()[-5:], FAREWELL)
 
     # Also proves [commands].
     def test_a_write_is_told_and_can_be_taken_back(self):
@@ -194,8 +195,7 @@ class End(GatewayCase):
         self.serve()
         self.platform.hang_up()
         self.assertEqual(self.daemon.wait(), 0)
-        self.assertEqual(self.daemon.log()[-5:],
-                         ["disable", "stop int: LAN", "sendAdverts", "stop ext: WAN", "exit"])
+        self.assertEqual(self.daemon.log()[-5:], FAREWELL)
 
     def test_it_leaves_when_the_platform_talks_nonsense(self):
         self.serve()

@@ -4,6 +4,8 @@ import socket
 import struct
 import threading
 
+from support.closing import Closing
+
 _HEADER = struct.Struct("!6H")
 _RESPONSE = 0x8180  # with recursion
 _SERVER_FAILURE = 2
@@ -13,7 +15,7 @@ _INTERNET = 1
 _NAME_OF_THE_QUESTION = 0xC00C
 
 
-class NameServer:
+class NameServer(Closing):
     """Knows `hosts`, from names to addresses, and that there are no others. Names in `silent` get
     no answer, those in `lame` answers that are none, and then the right one if there is one. Runs
     in a thread from its making to close."""
@@ -56,12 +58,6 @@ class NameServer:
         self._socket.sendto(b"", self._socket.getsockname())
         self._thread.join()
         self._socket.close()
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self.close()
 
 
 def _name(question):

@@ -15,6 +15,7 @@ import time
 import urllib.parse
 import xml.etree.ElementTree
 
+from support.closing import Closing
 from support.lan import LanHost
 from support.netns import Namespace
 
@@ -162,7 +163,7 @@ def service_path(description, service_type, which):
     return None
 
 
-class Network:
+class Network(Closing):
     """The hosts and cables of the picture above. Everything of it ends with close, or with the
     process."""
 
@@ -212,12 +213,6 @@ class Network:
 
     def close(self):
         self._undo.close()
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self.close()
 
 
 def exchange_tcp(sender, address, port, receiver, receiver_port, seen_as=None):

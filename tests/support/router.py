@@ -10,6 +10,7 @@ import signal
 import subprocess
 import tempfile
 
+from support.closing import Closing
 from support.network import LAN_BRIDGE, WAN_LINK, wait_until
 
 TOP = pathlib.Path(__file__).resolve().parents[2]
@@ -31,7 +32,7 @@ class CommandFailed(Exception):
         self.error = error
 
 
-class Router:
+class Router(Closing):
     """lumend in a network's router; starts at once, ends with close or with the process."""
 
     def __init__(self, network, service_user=SERVICE_USER, verbose=False, private=None):
@@ -156,12 +157,6 @@ class Router:
         if self._log:
             self._log.close()
         shutil.rmtree(self.root)
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self.close()
 
 
 def make_root(root, service_user):

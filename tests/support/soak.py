@@ -4,6 +4,7 @@ descriptors, as much memory."""
 import os
 import time
 
+from support.closing import Closing
 from support.heap import allocated
 from support.network import wait_until
 from support.traffic import DELIVERY_LIMIT, Traffic
@@ -76,7 +77,7 @@ class Figures:
         return text if self.allocated is None else f"{text}, {self.allocated} bytes allocated"
 
 
-class Soak:
+class Soak(Closing):
     """Traffic on a router that is set up, with figures before and after."""
 
     def __init__(self, router, seed):
@@ -127,12 +128,6 @@ class Soak:
 
     def close(self):
         self.traffic.close()
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self.close()
 
     def _work(self, seconds, say):
         """Traffic for so long, and what the programs need when it has ended."""

@@ -7,12 +7,13 @@ import socket
 import struct
 import xml.etree.ElementTree
 
+from support.closing import Closing
 from support.lan import HTTP_PORT, Text
 
 OK = b"HTTP/1.1 200 OK\r\nCONTENT-LENGTH: 0\r\n\r\n"
 
 
-class Delivery:
+class Delivery(Closing):
     """A connection on which the gateway delivers."""
 
     def __init__(self, connection):
@@ -45,12 +46,6 @@ class Delivery:
         self._connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
         self._connection.close()
 
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self.close()
-
 
 class Notify(Text):
     """A NOTIFY; `properties` are the variables that it names, with their values."""
@@ -65,7 +60,7 @@ class Notify(Text):
         return int(self["SEQ"])
 
 
-class Subscriber:
+class Subscriber(Closing):
     """Listens from its making to close. Subscribes to one event URL at a time."""
 
     def __init__(self, host, path="/events", port=0, queue=256):
@@ -141,12 +136,6 @@ class Subscriber:
         self._listener.close()
 
     close = stop_listening
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self.close()
 
 
 def _complete(data):

@@ -1,16 +1,9 @@
 #include <gtest/gtest.h>
 
 #include "base/Log.h"
+#include "support/Logged.h"
 
-namespace {
-
-std::string logged(const std::function<void()>& log) {
-  testing::internal::CaptureStdout();
-  log();
-  return testing::internal::GetCapturedStdout();
-}
-
-}  // namespace
+using lm::test::logged;
 
 // Promise [log-line]: An event in the log is one line on standard output, written at once: texts,
 // numbers in decimal, and 0 or 1 for no or yes.

@@ -150,8 +150,7 @@ TEST_F(GatewayDeparted, AConnectionOutlivesItsInterface) {
   const lm::Fd client = connectToGateway();
   send(client, "GET /gateway.xml HTTP/1.1\r\n");
   platform.turn();
-  tellOfInterface(goneRecord(lan));
-  tellOfInterface(interfaceRecord(lan));
+  goesAndComesBack(lan);
   disable();
   enable();
   send(client, "\r\n");
@@ -164,8 +163,7 @@ TEST_F(GatewayDeparted, AConnectionThatTimesOutOutlivesItsInterface) {
   const lm::Fd client = connectToGateway();
   send(client, "GET");
   platform.turn();
-  tellOfInterface(goneRecord(lan));
-  tellOfInterface(interfaceRecord(lan));
+  goesAndComesBack(lan);
   (void)log();
   platform.advance(1000);
   EXPECT_EQ(log(), Lines{"http request timeout"});
@@ -204,10 +202,8 @@ TEST_F(GatewayDeparted, InterfacesComeAndGoManyTimes) {
   serve();
   for (int i = 0; i < 20; ++i) {
     openPort(wan);
-    tellOfInterface(goneRecord(wan));
-    tellOfInterface(interfaceRecord(wan));
-    tellOfInterface(goneRecord(lan));
-    tellOfInterface(interfaceRecord(lan));
+    goesAndComesBack(wan);
+    goesAndComesBack(lan);
   }
   EXPECT_EQ(rulesRemoved(), 20U);
   EXPECT_EQ(found("ssdp:all"), allTargets(wan));

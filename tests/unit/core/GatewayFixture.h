@@ -44,6 +44,11 @@ class GatewayTest : public testing::Test {
   /// As interfaceRecord, with the flags of an interface that is gone.
   [[nodiscard]] lm::message goneRecord(uint32_t id) const;
   void tellOfInterface(const lm::message& record);
+  /// The platform reports that the interface is gone, and then that it is there.
+  void goesAndComesBack(uint32_t interface) {
+    tellOfInterface(goneRecord(interface));
+    tellOfInterface(interfaceRecord(interface));
+  }
   void tellStates(const std::vector<lm::message>& records);
   void tellAddresses(const std::vector<lm::message>& records);
 

@@ -1,10 +1,10 @@
 // Start and stop of an interface, on the LAN side and on the WAN side.
 
 #include <algorithm>
-#include <filesystem>
 
 #include "core/GatewayFixture.h"
 #include "platform/Keys.h"
+#include "support/Descriptors.h"
 
 namespace {
 
@@ -72,17 +72,13 @@ TEST_F(GatewayInterfaces, ANewStartCountsFromItsOwnTime) {
 
 // Also proves [goodbye].
 TEST_F(GatewayInterfaces, ALanSideHasTwoSocketsUntilItStops) {
-  const auto openDescriptors = [] {
-    const std::filesystem::directory_iterator descriptors("/proc/self/fd");
-    return std::distance(begin(descriptors), end(descriptors));
-  };
   start();
   enable();
-  const auto before = openDescriptors();
+  const size_t before = lm::test::openDescriptors();
   addObject(lan, internal);
-  EXPECT_EQ(openDescriptors(), before + 2);
+  EXPECT_EQ(lm::test::openDescriptors(), before + 2);
   removeObject(1);
-  EXPECT_EQ(openDescriptors(), before);
+  EXPECT_EQ(lm::test::openDescriptors(), before);
 }
 
 // Promise: Sockets are bound to an interface's name, string `0x10005`, and the log shows its

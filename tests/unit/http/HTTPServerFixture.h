@@ -20,8 +20,11 @@
 #include "net/Sockets.h"
 #include "platform/Fd.h"
 #include "platform/Watch.h"
+#include "support/Logged.h"
 #include "support/ManualClock.h"
 #include "support/PrivateNetwork.h"
+
+using lm::test::logged;
 
 class FakeInterface : public ServedInterface {
  public:
@@ -141,10 +144,18 @@ class HTTPServerTest : public testing::Test {
     loop.turn(0);
   }
 
-  std::string logged(const std::function<void()>& work) {
-    testing::internal::CaptureStdout();
-    work();
-    return testing::internal::GetCapturedStdout();
+  /// Sends `request` on a connection of its own, on which no reply comes: the request is never
+  /// complete and times out.
+  void expectNoAnswer(std::string_view request) {
+    Client client;
+    client.send(request);
+    accept();
+    readAll();
+    EXPECT_EQ(server.openConnections(), 1U);
+    EXPECT_EQ(logged([&] { pass(std::chrono::seconds(10)); }), "http request timeout\n");
+    EXPECT_TRUE(client.receive());
+    EXPECT_EQ(client.received, "");
+    EXPECT_TRUE(gateway.asked.empty());
   }
 
   PrivateNetwork network;

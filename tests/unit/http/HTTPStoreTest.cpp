@@ -1,54 +1,35 @@
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
-
 #include "http/HTTPStore.h"
 #include "http/Server.h"
+#include "support/Descriptors.h"
+#include "support/Logged.h"
+#include "support/TempDir.h"
 
-namespace fs = std::filesystem;
+using lm::test::openDescriptors;
 
 /// A store over a directory of its own.
 class HTTPStoreTest : public testing::Test {
  protected:
-  HTTPStoreTest() : directory(makeDirectory()), store(directory + "/") {}
-  void TearDown() override { fs::remove_all(directory); }
-
-  void write(const std::string& file, const std::string& content) const {
-    std::ofstream(directory + "/" + file, std::ios::binary) << content;
-  }
-
   HTTPMessage get(const std::string& url) {
     return store.get(HTTPMessage("GET " + url + " HTTP/1.1\r\n\r\n"), "");
   }
 
   /// The reply, and what was logged meanwhile.
   HTTPMessage getAndLog(const std::string& url, std::string& log) {
-    testing::internal::CaptureStdout();
-    HTTPMessage reply = get(url);
-    log = testing::internal::GetCapturedStdout();
+    HTTPMessage reply;
+    log = lm::test::logged([&] { reply = get(url); });
     return reply;
   }
 
-  static size_t openDescriptors() {
-    const fs::directory_iterator descriptors("/proc/self/fd");
-    return static_cast<size_t>(std::distance(begin(descriptors), end(descriptors)));
-  }
-
-  const std::string directory;
-  HTTPStore store;
-
- private:
-  static std::string makeDirectory() {
-    std::string path = fs::temp_directory_path() / "palinode-store-XXXXXX";
-    return mkdtemp(path.data());
-  }
+  const lm::test::TempDir directory;
+  HTTPStore store{directory.file("")};
 };
 
 // Promise [document-fields]: A reply with a document has the fields `CONTENT-TYPE`,
 // `CONTENT-LENGTH`, `DATE`, `SERVER` and `CONNECTION: close`, in this order.
 TEST_F(HTTPStoreTest, ServesAFile) {
-  write("osinfo.xml", "<scpd></scpd>");
+  directory.write("osinfo.xml", "<scpd></scpd>");
   store.addUrl("/osinfo.xml", "osinfo.xml");
   const HTTPMessage reply = get("/osinfo.xml");
   EXPECT_EQ(reply.get(),
@@ -61,7 +42,7 @@ TEST_F(HTTPStoreTest, ServesAFile) {
 // Promise: `CONTENT-LANGUAGE: en-us` comes first when the request has an `ACCEPT-LANGUAGE`,
 // whatever that says, and not otherwise.
 TEST_F(HTTPStoreTest, SaysTheLanguageToWhoAsksForOne) {
-  write("a.xml", "1");
+  directory.write("a.xml", "1");
   store.addUrl("/a", "a.xml");
   const HTTPMessage request("GET /a HTTP/1.1\r\nAccept-Language:\r\n\r\n");
   const HTTPMessage reply = store.get(request, "");
@@ -91,7 +72,7 @@ TEST_F(HTTPStoreTest, TellsPicturesByTheFileName) {
       {"a.gif.", "text/xml"},
   };
   for (const auto& [file, type] : files) {
-    write(file, "GIF89a");
+    directory.write(file, "GIF89a");
     store.addUrl("/url.xml", file);
     EXPECT_EQ(get("/url.xml").getField("CONTENT-TYPE"), type) << file;
   }
@@ -101,7 +82,7 @@ TEST_F(HTTPStoreTest, TellsPicturesByTheFileName) {
 // `/lumen/etc/upnp/` have them.
 TEST_F(HTTPStoreTest, ServesBytesAsTheyAre) {
   const std::string bytes("\0\r\n\xff", 4);
-  write("logo16.gif", bytes);
+  directory.write("logo16.gif", bytes);
   store.addUrl("/logo16.gif", "logo16.gif");
   EXPECT_EQ(get("/logo16.gif").body, bytes);
 }
@@ -109,8 +90,8 @@ TEST_F(HTTPStoreTest, ServesBytesAsTheyAre) {
 // Promise: A file is served under the URL that was registered for it, the last one of several, and
 // no other file can be requested.
 TEST_F(HTTPStoreTest, ServesTheFileThatWasRegisteredLast) {
-  write("a", "1");
-  write("b", "2");
+  directory.write("a", "1");
+  directory.write("b", "2");
   store.addUrl("/x", "a");
   store.addUrl("/x", "b");
   EXPECT_EQ(get("/x").body, "2");
@@ -118,7 +99,7 @@ TEST_F(HTTPStoreTest, ServesTheFileThatWasRegisteredLast) {
 
 // Promise: An empty file is served as one of 0 bytes.
 TEST_F(HTTPStoreTest, ServesAnEmptyFile) {
-  write("a", "");
+  directory.write("a", "");
   store.addUrl("/a", "a");
   const HTTPMessage reply = get("/a");
   EXPECT_EQ(reply.startLine, "HTTP/1.1 200 OK");
@@ -127,8 +108,8 @@ TEST_F(HTTPStoreTest, ServesAnEmptyFile) {
 
 // Promise [file-size]: Of a file 16384 bytes are served, and `CONTENT-LENGTH` says what is served.
 TEST_F(HTTPStoreTest, CutsALargeFile) {
-  write("whole", std::string(16384, 'x'));
-  write("cut", std::string(16385, 'x'));
+  directory.write("whole", std::string(16384, 'x'));
+  directory.write("cut", std::string(16385, 'x'));
   store.addUrl("/whole", "whole");
   store.addUrl("/cut", "cut");
   EXPECT_EQ(get("/whole").body.size(), 16384U);
@@ -141,7 +122,7 @@ TEST_F(HTTPStoreTest, CutsALargeFile) {
 // Promise [url-exact]: URLs are compared byte for byte: another case, a query string, an absolute
 // URL and a path with `..` are not found.
 TEST_F(HTTPStoreTest, DoesNotFindWhatIsNotRegistered) {
-  write("a.xml", "1");
+  directory.write("a.xml", "1");
   store.addUrl("/a.xml", "a.xml");
   for (const char* url : {"/b.xml", "a.xml", "/a.xml?x=1", "/A.xml", "/../a.xml", "/a.xml/", "",
                           "http://10.0.0.1:2828/a.xml"}) {
@@ -157,17 +138,17 @@ TEST_F(HTTPStoreTest, LogsAFileThatCannotBeOpened) {
   store.addUrl("/a.xml", "a.xml");
   std::string log;
   EXPECT_EQ(getAndLog("/a.xml", log).get(), "HTTP/1.1 404 Not Found\r\n\r\n");
-  EXPECT_EQ(log, "open file " + directory + "/a.xml: No such file or directory\n");
+  EXPECT_EQ(log, "open file " + directory.file("a.xml") + ": No such file or directory\n");
 }
 
 // Promise: A file that cannot be read is a bare `404 Not Found` and the line `read file `, its
 // path, `: ` and the error text.
 TEST_F(HTTPStoreTest, LogsAFileThatCannotBeReadAndClosesIt) {
-  fs::create_directory(directory + "/a.xml");
+  directory.makeDirectory("a.xml");
   store.addUrl("/a.xml", "a.xml");
   const size_t before = openDescriptors();
   std::string log;
   EXPECT_EQ(getAndLog("/a.xml", log).get(), "HTTP/1.1 404 Not Found\r\n\r\n");
-  EXPECT_EQ(log, "read file " + directory + "/a.xml: Is a directory\n");
+  EXPECT_EQ(log, "read file " + directory.file("a.xml") + ": Is a directory\n");
   EXPECT_EQ(openDescriptors(), before);
 }

@@ -206,7 +206,7 @@ class DescriptionFiles : public Router {
 // Also proves [ip-variables], [ip-actions].
 TEST_F(DescriptionFiles, DescribeTheIpConnection) {
   std::optional<WANIPConnection> connection;
-  (void)logOf([&] { connection.emplace(7U, 0U); });
+  (void)logged([&] { connection.emplace(7U, 0U); });
   expectDescribed("wanipconn.xml", *connection);
 }
 

@@ -38,11 +38,11 @@ class PortMapping : public Router {
     });
     platform.answer(natTable, lm::cmd::setObject, {});
     platform.answer(natTable, lm::cmd::removeObject, {});
-    (void)logOf([this] { connection.emplace(7U, strtoip("45.45.45.2")); });
+    (void)logged([this] { connection.emplace(7U, strtoip("45.45.45.2")); });
     platform.forgetSent();
   }
   void TearDown() override {
-    (void)logOf([this] { connection.reset(); });
+    (void)logged([this] { connection.reset(); });
   }
 
   std::string open(const Wish& wish) {
@@ -545,7 +545,7 @@ TEST_F(PortMapping, DoesNotCountAnewWhenTheDummyStaysAsItIs) {
 TEST_F(PortMapping, LeavesOpenPortsAtTheAddressTheyWereMadeWith) {
   open({.port = "1000"});
   platform.forgetSent();
-  (void)logOf([this] { connection->setExternalIP(strtoip("45.45.45.9")); });
+  (void)logged([this] { connection->setExternalIP(strtoip("45.45.45.9")); });
   EXPECT_TRUE(platform.sent().empty());
   open({.port = "1000", .internalPort = "81"});
   EXPECT_EQ(requests(lm::cmd::setObject),
@@ -562,7 +562,7 @@ TEST_F(PortMapping, RemovesEveryRuleWhenItGoes) {
   open({.port = "80", .protocol = "UDP"});
   open({.port = "80"});
   platform.forgetSent();
-  EXPECT_EQ(logOf([this] { connection.reset(); }), "");
+  EXPECT_EQ(logged([this] { connection.reset(); }), "");
   EXPECT_EQ(requests(lm::cmd::removeObject),
             (std::vector<lm::message>{removeRequest(503), removeRequest(502), removeRequest(501)}));
   EXPECT_EQ(platform.sent().size(), 3U);
@@ -579,7 +579,8 @@ TEST_F(PortMapping, GoesOnRemovingWhenARuleStays) {
     return request.get_u32(0xfe0001) == 502 ? lm::errorMsg(0xfe0009, "not permitted")
                                             : lm::message();
   });
-  EXPECT_EQ(logOf([this] { connection.reset(); }), "on cleanup remove nat failed: not permitted\n");
+  EXPECT_EQ(logged([this] { connection.reset(); }),
+            "on cleanup remove nat failed: not permitted\n");
   EXPECT_EQ(requests(lm::cmd::removeObject).size(), 3U);
 }
 
@@ -604,7 +605,7 @@ TEST_F(PortMapping, LetsALateRemovalStandWhenItGoes) {
   open({});
   platform.forgetSent();
   platform.ignore(natTable, lm::cmd::removeObject);
-  EXPECT_EQ(logOf([this] { connection.reset(); }),
+  EXPECT_EQ(logged([this] { connection.reset(); }),
             "on cleanup remove nat failed: no answer in time\n");
   EXPECT_EQ(requests(lm::cmd::removeObject).size(), 1U);
   EXPECT_TRUE(platform.notified(cancel).empty());

@@ -12,9 +12,12 @@
 #include "platform/Keys.h"
 #include "platform/Looper.h"
 #include "support/Describe.h"
+#include "support/Logged.h"
 #include "support/TestPlatform.h"
 #include "upnp/Service.h"
 #include "upnp/SoapRequest.h"
+
+using lm::test::logged;
 
 /// A router whose other programs the test plays, and a control point on its LAN.
 class Router : public ::testing::Test {
@@ -25,13 +28,6 @@ class Router : public ::testing::Test {
   static inline const lm::test::Path interfaceTable{20, 0};
   static inline const lm::test::Path natTable{20, 5};
 
-  /// What is logged while `act` runs.
-  static std::string logOf(const std::function<void()>& act) {
-    testing::internal::CaptureStdout();
-    act();
-    return testing::internal::GetCapturedStdout();
-  }
-
   /// The whole reply to a control point that asks for an action; `log` has what was logged.
   std::string invoke(Service& service, const std::string& action, const Arguments& in = {}) {
     // The parser gives an empty element the text before it, so those come first.
@@ -41,7 +37,7 @@ class Router : public ::testing::Test {
       (value.empty() ? empty : others) += leaf(name, value);
     }
     std::string reply;
-    log = logOf(
+    log = logged(
         [&] { reply = bytesOf(service.post(actionRequest("urn:x", action, empty + others))); });
     return reply;
   }

@@ -35,7 +35,7 @@ class WanCommonInterfaceConfig : public Router {
 
   std::string value(const std::string& name) {
     std::string result;
-    log = logOf([&] { result = config.getVar(name); });
+    log = logged([&] { result = config.getVar(name); });
     return result;
   }
 

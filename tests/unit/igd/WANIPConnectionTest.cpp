@@ -16,11 +16,11 @@ constexpr uint32_t wan = 7;  // its interface's object id
 class WanIpConnection : public Router {
  protected:
   void SetUp() override {
-    log = logOf([this] { connection.emplace(wan, strtoip("45.45.45.2")); });
+    log = logged([this] { connection.emplace(wan, strtoip("45.45.45.2")); });
     platform.forgetSent();
   }
   void TearDown() override {
-    EXPECT_EQ(logOf([this] { connection.reset(); }), "");
+    EXPECT_EQ(logged([this] { connection.reset(); }), "");
   }
 
   static std::string ok(const std::string& action, const Arguments& out = {}) {
@@ -28,11 +28,18 @@ class WanIpConnection : public Router {
   }
   std::string status() { return connection->getVar("ConnectionStatus"); }
 
-  static lm::message switchRequest(bool disabled) {
-    lm::message request;
-    request.insert_u32(0xfe0001, wan);
-    request.insert_bool(0xfe000a, disabled);
-    return request;
+  /// The action succeeds, with exactly one request that disables or enables the interface.
+  void expectSwitch(const std::string& action, bool disabled) {
+    platform.answer(interfaceTable, lm::cmd::setObject, {});
+    EXPECT_EQ(invoke(*connection, action), ok(action));
+    EXPECT_EQ(log, "action: " + action + "\n");
+    lm::message wanted;
+    wanted.insert_u32(0xfe0001, wan);
+    wanted.insert_bool(0xfe000a, disabled);
+    const auto requests = platform.sentTo(interfaceTable, lm::cmd::setObject);
+    ASSERT_EQ(requests.size(), 1U);
+    EXPECT_EQ(lm::test::contentOf(requests[0]), wanted);
+    EXPECT_EQ(platform.sent().size(), 1U);
   }
 
   std::optional<WANIPConnection> connection;
@@ -171,7 +178,7 @@ TEST_F(WanIpConnection, NamesEachStatus) {
 TEST_F(WanIpConnection, FollowsItsExternalAddress) {
   EXPECT_EQ(invoke(*connection, "GetExternalIPAddress"),
             ok("GetExternalIPAddress", {{"NewExternalIPAddress", "45.45.45.2"}}));
-  EXPECT_EQ(logOf([this] { connection->setExternalIP(strtoip("45.45.45.9")); }),
+  EXPECT_EQ(logged([this] { connection->setExternalIP(strtoip("45.45.45.9")); }),
             "set external ip 45.45.45.9\n");
   EXPECT_EQ(invoke(*connection, "GetExternalIPAddress"),
             ok("GetExternalIPAddress", {{"NewExternalIPAddress", "45.45.45.9"}}));
@@ -196,27 +203,16 @@ TEST_F(WanIpConnection, NeverChangesItsConnectionType) {
 // Promise [link-disable]: RequestConnection and ForceTermination send the command 0xfe0003 to
 // service 20, handler 0, with the interface's id and the flag, in this order, and nothing else.
 TEST_F(WanIpConnection, EnablesTheInterfaceOnRequest) {
-  platform.answer(interfaceTable, lm::cmd::setObject, {});
-  EXPECT_EQ(invoke(*connection, "RequestConnection"), ok("RequestConnection"));
-  EXPECT_EQ(log, "action: RequestConnection\n");
+  expectSwitch("RequestConnection", false);
   EXPECT_EQ(status(), "Connecting");
-  const auto requests = platform.sentTo(interfaceTable, lm::cmd::setObject);
-  ASSERT_EQ(requests.size(), 1U);
-  EXPECT_EQ(lm::test::contentOf(requests[0]), switchRequest(false));
-  EXPECT_EQ(platform.sent().size(), 1U);
 }
 
 // Promise [ip-terminate]: ForceTermination asks the interface table for `disabled` true and sets
 // the status to `Disconnected`.
 // Also proves [link-disable].
 TEST_F(WanIpConnection, DisablesTheInterfaceOnTermination) {
-  platform.answer(interfaceTable, lm::cmd::setObject, {});
-  EXPECT_EQ(invoke(*connection, "ForceTermination"), ok("ForceTermination"));
-  EXPECT_EQ(log, "action: ForceTermination\n");
+  expectSwitch("ForceTermination", true);
   EXPECT_EQ(status(), "Disconnected");
-  const auto requests = platform.sentTo(interfaceTable, lm::cmd::setObject);
-  ASSERT_EQ(requests.size(), 1U);
-  EXPECT_EQ(lm::test::contentOf(requests[0]), switchRequest(true));
 }
 
 // Promise [fault-501-link]: When the platform refuses, RequestConnection logs `enable device
@@ -264,7 +260,7 @@ TEST_F(WanIpConnection, AnswersAQueryOfEachOfItsVariables) {
   for (const auto& [name, variable] : connection->getVariables()) {
     HTTPMessage reply;
     const HTTPMessage request = variableRequest(name);
-    (void)logOf([&] { reply = connection->post(request); });
+    (void)logged([&] { reply = connection->post(request); });
     EXPECT_EQ(reply.startLine,
               variable.hasValue ? "HTTP/1.1 200 OK" : "HTTP/1.1 500 Internal Server Error")
         << name;

@@ -9,7 +9,6 @@
 
 #include <array>
 #include <cerrno>
-#include <filesystem>
 #include <string>
 #include <string_view>
 
@@ -17,8 +16,12 @@
 #include "net/Address.h"
 #include "net/Sockets.h"
 #include "platform/Fd.h"
+#include "support/Descriptors.h"
+#include "support/Logged.h"
 #include "support/PrivateNetwork.h"
 #include "support/RefusedCall.h"
+
+using lm::test::openDescriptors;
 
 /// Makes sockets on "lo" and looks at them from outside.
 class SocketsTest : public testing::Test {
@@ -29,9 +32,8 @@ class SocketsTest : public testing::Test {
   using Maker = std::function<int()>;
 
   lm::Fd make(const Maker& maker) {
-    testing::internal::CaptureStdout();
-    lm::Fd fd(maker());
-    log = testing::internal::GetCapturedStdout();
+    lm::Fd fd;
+    log = lm::test::logged([&] { fd.reset(maker()); });
     return fd;
   }
 
@@ -88,11 +90,6 @@ class SocketsTest : public testing::Test {
     return (fcntl(fd.get(), F_GETFD) & FD_CLOEXEC) != 0;
   }
   static bool blocks(const lm::Fd& fd) { return (fcntl(fd.get(), F_GETFL) & O_NONBLOCK) == 0; }
-
-  static size_t openDescriptors() {
-    const std::filesystem::directory_iterator descriptors("/proc/self/fd");
-    return static_cast<size_t>(std::distance(begin(descriptors), end(descriptors)));
-  }
 
  private:
   PrivateNetwork network;
@@ -272,9 +269,8 @@ class WriteOnceTest : public SocketsTest {
 
   /// The result of one writeOnce; `log` has what it logged.
   bool writes(std::string_view text) {
-    testing::internal::CaptureStdout();
-    const bool all = writeOnce(connection.get(), text);
-    log = testing::internal::GetCapturedStdout();
+    bool all = false;
+    log = lm::test::logged([&] { all = writeOnce(connection.get(), text); });
     return all;
   }
 

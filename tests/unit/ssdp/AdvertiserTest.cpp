@@ -74,13 +74,7 @@ TEST_F(Advertiser, HasNothingToSayWithoutTargets) { EXPECT_TRUE(announced({}, fa
 // Promise: Announcements leave from the interface's discovery socket, so from port 1900.
 TEST_F(Advertiser, SendsFromTheDiscoverySocket) {
   sendAdverts(discovery.get(), gatewayAddress, {{"urn:x", "uuid:1"}}, false);
-  std::array<char, 2048> bytes;
-  sockaddr_in sender = {};
-  socklen_t length = sizeof sender;
-  EXPECT_GT(recvfrom(discovery.get(), bytes.data(), bytes.size(), MSG_DONTWAIT,
-                     reinterpret_cast<sockaddr*>(&sender), &length),
-            0);
-  EXPECT_EQ(ntohs(sender.sin_port), SSDP_PORT);
+  EXPECT_EQ(senderPortAt(discovery), SSDP_PORT);
 }
 
 // Promise: A datagram that cannot be sent logs `advert sendto failed: ` with the system's error

@@ -1,11 +1,10 @@
 #include <netinet/in.h>
 
-#include <filesystem>
-
 #include "http/Server.h"
 #include "net/Address.h"
 #include "ssdp/SearchResponder.h"
 #include "ssdp/SsdpNetwork.h"
+#include "support/Descriptors.h"
 
 namespace {
 
@@ -217,20 +216,10 @@ TEST_F(SearchResponder, DoesNotAnswerForATargetThatItHasNot) {
 // Promise [search-reply-port]: Replies go to the address and port that asked, from a new UDP socket
 // on the same interface, not from port 1900, and the socket is closed again.
 TEST_F(SearchResponder, AnswersFromASocketOfItsOwnWhichItCloses) {
-  const auto openDescriptors = [] {
-    const std::filesystem::directory_iterator descriptors("/proc/self/fd");
-    return std::distance(begin(descriptors), end(descriptors));
-  };
-  const auto before = openDescriptors();
+  const size_t before = lm::test::openDescriptors();
   answerSearch({"upnp:rootdevice", self}, "lo", gatewayAddress, targets);
-  EXPECT_EQ(openDescriptors(), before);
-  std::array<char, 2048> bytes;
-  sockaddr_in sender = {};
-  socklen_t length = sizeof sender;
-  EXPECT_GT(recvfrom(controlPoint.get(), bytes.data(), bytes.size(), MSG_DONTWAIT,
-                     reinterpret_cast<sockaddr*>(&sender), &length),
-            0);
-  EXPECT_NE(ntohs(sender.sin_port), SSDP_PORT);
+  EXPECT_EQ(lm::test::openDescriptors(), before);
+  EXPECT_NE(senderPortAt(controlPoint), SSDP_PORT);
 }
 
 // Promise: A reply socket that cannot be bound to the interface is reported, even when there is

@@ -6,13 +6,17 @@
 #include <sys/socket.h>
 
 #include <array>
+#include <cstdint>
 #include <string>
 #include <vector>
 
 #include "net/Address.h"
 #include "net/Sockets.h"
 #include "platform/Fd.h"
+#include "support/Logged.h"
 #include "support/PrivateNetwork.h"
+
+using lm::test::logged;
 
 /// A LAN on which the gateway is 10.0.0.1, with its discovery socket.
 class SsdpNetwork : public testing::Test {
@@ -30,10 +34,15 @@ class SsdpNetwork : public testing::Test {
     }
   }
 
-  static std::string logged(const std::function<void()>& work) {
-    testing::internal::CaptureStdout();
-    work();
-    return testing::internal::GetCapturedStdout();
+  /// The port from which the datagram that waits at `fd` was sent, in host byte order.
+  static uint16_t senderPortAt(const lm::Fd& fd) {
+    std::array<char, 2048> bytes;
+    sockaddr_in sender = {};
+    socklen_t length = sizeof sender;
+    EXPECT_GT(recvfrom(fd.get(), bytes.data(), bytes.size(), MSG_DONTWAIT,
+                       reinterpret_cast<sockaddr*>(&sender), &length),
+              0);
+    return ntohs(sender.sin_port);
   }
 
   PrivateNetwork network;

@@ -216,9 +216,7 @@ TEST_F(Events, AreStartedInTheOrderOfTheSids) {
 // Promise: A delivery ends, and its connection is closed, when the subscriber has answered.
 TEST_F(Events, EndWithTheSubscribersReply) {
   Subscriber subscriber(platform);
-  subscribe(subscriber);
-  passInitialDelay();
-  EXPECT_EQ(subscriber.notify().getField("SEQ"), "0");
+  takeInitialEvent(subscriber);
   subscriber.answer();
   EXPECT_TRUE(subscriber.closedByService());
   platform.advance(30 * second);
@@ -231,9 +229,7 @@ TEST_F(Events, EndWithTheSubscribersReply) {
 // Also proves [subscription-failures].
 TEST_F(Events, EndWithABadReplyAndTheNextOneIsStillSent) {
   Subscriber subscriber(platform);
-  subscribe(subscriber);
-  passInitialDelay();
-  EXPECT_EQ(subscriber.notify().getField("SEQ"), "0");
+  takeInitialEvent(subscriber);
   subscriber.answer("HTTP/1.1 412 Precondition Failed\r\n\r\n");
   EXPECT_TRUE(subscriber.closedByService());
   EXPECT_EQ(linesOf("bad notify reply: HTTP/1.1 412 Precondition Failed"), 1);
@@ -245,9 +241,7 @@ TEST_F(Events, EndWithABadReplyAndTheNextOneIsStillSent) {
 // is not waited for.
 TEST_F(Events, JudgeTheReplyByItsFirstPiece) {
   Subscriber subscriber(platform);
-  subscribe(subscriber);
-  passInitialDelay();
-  EXPECT_EQ(subscriber.notify().getField("SEQ"), "0");
+  takeInitialEvent(subscriber);
   subscriber.answer("H");
   EXPECT_TRUE(subscriber.closedByService());
   EXPECT_EQ(linesOf("bad notify reply: "), 1);
@@ -257,9 +251,7 @@ TEST_F(Events, JudgeTheReplyByItsFirstPiece) {
 // logs `notify timeout`.
 TEST_F(Events, AreGivenUpWhenNobodyAnswersForThirtySeconds) {
   Subscriber subscriber(platform);
-  subscribe(subscriber);
-  passInitialDelay();
-  EXPECT_EQ(subscriber.notify().getField("SEQ"), "0");
+  takeInitialEvent(subscriber);
   platform.advance(30 * second - Subscription::initialEventDelay - 1);
   EXPECT_EQ(linesOf("notify timeout"), 0);
   platform.advance(1);
@@ -298,9 +290,7 @@ TEST_F(Events, HearAReplyThatArrivedWhileACallbackTookThirtySeconds) {
     Subscriber& subscriber;
   };
   Subscriber subscriber(platform);
-  subscribe(subscriber);
-  passInitialDelay();
-  ASSERT_EQ(subscriber.notify().getField("SEQ"), "0");
+  takeInitialEvent(subscriber);
   Busy busy{platform, subscriber};
   const lm::test::SocketPair pair(SOCK_STREAM);
   lm::Watch watch;
@@ -315,9 +305,7 @@ TEST_F(Events, HearAReplyThatArrivedWhileACallbackTookThirtySeconds) {
 // over.
 TEST_F(Events, ReportASubscriberThatClosesUnansweredAgainAndAgainUntilTheirTimeIsOver) {
   Subscriber subscriber(platform);
-  subscribe(subscriber);
-  passInitialDelay();
-  EXPECT_EQ(subscriber.notify().getField("SEQ"), "0");
+  takeInitialEvent(subscriber);
   subscriber.connection.reset();
   ASSERT_TRUE(platform.turnUntil([&] { return linesOf("notify reply read failed") >= 2; }));
   for (int i = 0; i < 10; ++i) {

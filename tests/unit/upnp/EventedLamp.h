@@ -42,6 +42,12 @@ class LampEvents : public testing::Test {
     who.notifyAndAnswer();
     return sid;
   }
+  /// Subscribes and takes the initial event, which is not answered.
+  void takeInitialEvent(Subscriber& who) {
+    subscribe(who);
+    passInitialDelay();
+    EXPECT_EQ(who.notify().getField("SEQ"), "0");
+  }
   HTTPMessage renew(const std::string& sid, const std::string& timeout = "Second-1800") {
     HTTPMessage request;
     request.addField("SID", sid);
