@@ -154,6 +154,12 @@ class CheckTest(CheckCase):
             self.lan[0].open_port(8080, "TCP")
         self.assertEqual(refused.exception.code, 501)
 
+    def assert_remedied(self, command):
+        self.router.lumenctl(*command.split()[1:])
+        self.assert_well()
+        self.lan[0].open_port(8080, "TCP")
+        self.lan[0].close_port(8080, "TCP")
+
     def test_the_policy_allows_no_port(self):
         for limit, usual in (("max-rules", 4096), ("max-rules-per-client", 1024)):
             with self.subTest(limit=limit):
@@ -162,10 +168,7 @@ class CheckTest(CheckCase):
                 mend = f"lumenctl nat policy set {limit}={usual}"
                 self.assert_found(f"The policy allows no open port: {limit} is 0.",
                                   "Every program that asks for a port is refused.", mend)
-                self.router.lumenctl(*mend.split()[1:])
-                self.assert_well()
-                self.lan[0].open_port(8080, "TCP")
-                self.lan[0].close_port(8080, "TCP")
+                self.assert_remedied(mend)
 
     def test_the_policy_excludes_the_lan(self):
         for clients in ("10.0.0.0/8,10.1.2.3", LAN_ADDRESS):
@@ -176,10 +179,7 @@ class CheckTest(CheckCase):
                 self.assert_found(f"The policy allows no port to the hosts of {LAN_BRIDGE}: "
                                   f"internal-clients is {clients.replace(',', ', ')}.",
                                   "Every program there that asks for a port is refused.", mend)
-                self.router.lumenctl(*mend.split()[1:])
-                self.assert_well()
-                self.lan[0].open_port(8080, "TCP")
-                self.lan[0].close_port(8080, "TCP")
+                self.assert_remedied(mend)
 
     def test_the_gateway_does_not_answer(self):
         pid = self.router.gateway_pid()

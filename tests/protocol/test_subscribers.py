@@ -197,19 +197,22 @@ class Patience(SubscriberCase):
         self.assertEqual(reader.event().seq, 1)
         self.assertEqual(sleeper.event().seq, 1)
 
-    def test_one_that_is_not_there(self):
+    def subscribe_nobody(self):
+        """A subscriber whose callback nothing answers, and the log's mark before its request."""
         subscriber = self.subscriber()
         since = self.log_mark()
         subscriber.subscribe(CONNECTION, callback=NOBODY)
+        return subscriber, since
+
+    def test_one_that_is_not_there(self):
+        subscriber, since = self.subscribe_nobody()
         self.assert_everybody_is_served()
         self.daemon.wait_for_line("notify timeout", since, limit=40)
         self.assertIn("write failed", self.lines_since(since))
         self.assertEqual(subscriber.renew().status, 200)
 
     def test_one_that_is_not_there_and_no_longer_subscribed(self):
-        subscriber = self.subscriber()
-        since = self.log_mark()
-        subscriber.subscribe(CONNECTION, callback=NOBODY)
+        subscriber, since = self.subscribe_nobody()
         subscriber.unsubscribe()
         self.daemon.wait_for_line("notify timeout", since, limit=40)
         self.assertEqual(self.lines_since(since)[2:], ["unsubscribe", "notify timeout"])
