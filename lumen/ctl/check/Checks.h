@@ -15,22 +15,22 @@ namespace lumenctl {
 // The platform and the gateway.
 [[nodiscard]] Findings checkPlatform(const Observation& seen);
 [[nodiscard]] Findings checkGateway(const Observation& seen);
-[[nodiscard]] Findings checkLinks(const std::vector<UsedInterface>& interfaces);
-[[nodiscard]] Findings checkSockets(const std::vector<UsedInterface>& interfaces);
-[[nodiscard]] Findings checkExternalAddress(const std::vector<UsedInterface>& interfaces);
+[[nodiscard]] Findings checkLinks(const std::vector<CheckedInterface>& interfaces);
+[[nodiscard]] Findings checkSockets(const std::vector<CheckedInterface>& interfaces);
+[[nodiscard]] Findings checkExternalAddress(const std::vector<CheckedInterface>& interfaces);
 [[nodiscard]] Findings checkStalePorts(const std::vector<NatRule>& rules);
 [[nodiscard]] Findings checkPolicy(const std::optional<NatPolicy>& policy,
-                                   const std::vector<UsedInterface>& interfaces);
+                                   const std::vector<CheckedInterface>& interfaces);
 
 // The machine beside them.
 [[nodiscard]] Findings checkKernel(const std::string& release);
 [[nodiscard]] Findings checkForwarding(const std::optional<bool>& all,
-                                       const std::vector<UsedInterface>& interfaces);
+                                       const std::vector<CheckedInterface>& interfaces);
 [[nodiscard]] Findings checkDefaultRoute(bool present,
-                                         const std::vector<UsedInterface>& interfaces);
+                                         const std::vector<CheckedInterface>& interfaces);
 [[nodiscard]] Findings checkFirewall(const std::vector<ForwardChain>& chains);
 [[nodiscard]] Findings checkPortUsers(const std::vector<PortUser>& users);
 [[nodiscard]] Findings checkBridgedTraffic(bool filtered,
-                                           const std::vector<UsedInterface>& interfaces);
+                                           const std::vector<CheckedInterface>& interfaces);
 
 }  // namespace lumenctl

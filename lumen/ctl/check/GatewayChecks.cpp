@@ -10,23 +10,23 @@ namespace lumenctl {
 
 namespace {
 
-bool hasRole(const std::vector<UsedInterface>& interfaces, Role role) {
+bool hasRole(const std::vector<CheckedInterface>& interfaces, Role role) {
   return std::any_of(interfaces.begin(), interfaces.end(),
-                     [role](const UsedInterface& interface) { return interface.role == role; });
+                     [role](const CheckedInterface& interface) { return interface.role == role; });
 }
 
 /// "wan0, the external interface,"
-std::string called(const UsedInterface& interface) {
+std::string called(const CheckedInterface& interface) {
   const char* const article = interface.role == Role::external ? "the " : "an ";
   return interface.name + ", " + article + roleName(interface.role) + " interface,";
 }
 
-std::string withoutIt(const UsedInterface& interface) {
+std::string withoutIt(const CheckedInterface& interface) {
   return interface.role == Role::external ? "No port can be opened on it."
                                           : "Its hosts find no gateway.";
 }
 
-Findings checkRoles(const std::vector<UsedInterface>& interfaces) {
+Findings checkRoles(const std::vector<CheckedInterface>& interfaces) {
   const bool external = hasRole(interfaces, Role::external);
   const bool internal = hasRole(interfaces, Role::internal);
   if (!external && !internal) {
@@ -130,40 +130,44 @@ Findings checkPlatform(const Observation& seen) {
 Findings checkGateway(const Observation& seen) {
   if (!seen.unreachable.empty() || !seen.refused.empty()) return {};
   const char* const nobodyFindsIt = "Nobody finds a gateway, and no port can be opened.";
-  switch (seen.gateway.kind) {
-    case GatewayState::Kind::notInstalled:
-      return {notInstalled(seen.gateway.file, nobodyFindsIt)};
-    case GatewayState::Kind::crashed:
+  switch (seen.gateway.state) {
+    case GatewayState::notInstalled:
+      return {notInstalled(seen.gatewayFile, nobodyFindsIt)};
+    case GatewayState::crashed:
       return {{"gateway-crashed", "The gateway has crashed; lumend starts it again in a while.",
                nobodyFindsIt, "journalctl -u lumend, which shows why"}};
-    case GatewayState::Kind::silent:
-      return {{"gateway-silent", "The gateway does not answer: " + seen.gateway.detail + ".",
+    case GatewayState::notAnswering:
+      return {{"gateway-silent",
+               "The gateway does not answer: " +
+                   (seen.gateway.answer ? seen.gateway.answer->why() : "") + ".",
                nobodyFindsIt, "systemctl restart lumend, which closes the open ports"}};
-    case GatewayState::Kind::off:
-    case GatewayState::Kind::on:
+    case GatewayState::starting:
+    case GatewayState::notReachable:
+    case GatewayState::off:
+    case GatewayState::on:
       break;
   }
   Findings findings = checkRoles(seen.interfaces);
-  if (seen.gateway.kind == GatewayState::Kind::off && !seen.interfaces.empty()) {
+  if (seen.gateway.state == GatewayState::off && !seen.interfaces.empty()) {
     findings.insert(findings.begin(), {"gateway-off", "The gateway is switched off.", nobodyFindsIt,
                                        "lumenctl upnp settings set enabled=on"});
   }
   return findings;
 }
 
-Findings checkLinks(const std::vector<UsedInterface>& interfaces) {
+Findings checkLinks(const std::vector<CheckedInterface>& interfaces) {
   Findings findings;
-  for (const UsedInterface& interface : interfaces) {
-    if (interface.state == "away") {
+  for (const CheckedInterface& interface : interfaces) {
+    if (interface.state == LinkState::away) {
       findings.push_back({"interface-away",
                           called(interface) + " is away: there is no link of that name.",
                           withoutIt(interface),
                           "see why it is not there, or give another one its role: lumenctl upnp "
                           "setup"});
-    } else if (interface.state == "down") {
+    } else if (interface.state == LinkState::down) {
       findings.push_back({"interface-down", called(interface) + " is switched off.",
                           withoutIt(interface), "ip link set " + interface.name + " up"});
-    } else if (interface.state == "no link") {
+    } else if (interface.state == LinkState::noLink) {
       findings.push_back({"interface-no-link", called(interface) + " has no link.",
                           withoutIt(interface),
                           interface.bridge ? "connect one of the bridge's ports: bridge link"
@@ -182,9 +186,9 @@ Findings checkLinks(const std::vector<UsedInterface>& interfaces) {
   return findings;
 }
 
-Findings checkSockets(const std::vector<UsedInterface>& interfaces) {
+Findings checkSockets(const std::vector<CheckedInterface>& interfaces) {
   Findings findings;
-  for (const UsedInterface& interface : interfaces) {
+  for (const CheckedInterface& interface : interfaces) {
     if (interface.silentPorts.empty()) continue;
     findings.push_back({"gateway-not-listening",
                         "The gateway does not listen at " + joined(interface.silentPorts) + " on " +
@@ -196,10 +200,10 @@ Findings checkSockets(const std::vector<UsedInterface>& interfaces) {
   return findings;
 }
 
-Findings checkExternalAddress(const std::vector<UsedInterface>& interfaces) {
+Findings checkExternalAddress(const std::vector<CheckedInterface>& interfaces) {
   Findings findings;
-  for (const UsedInterface& interface : interfaces) {
-    if (interface.role != Role::external || interface.state != "running") continue;
+  for (const CheckedInterface& interface : interfaces) {
+    if (interface.role != Role::external || interface.state != LinkState::running) continue;
     if (interface.addresses.empty()) {
       findings.push_back({"external-address-none", called(interface) + " has no IPv4 address.",
                           "There is no address that ports can be opened on.",
@@ -222,7 +226,7 @@ Findings checkStalePorts(const std::vector<NatRule>& rules) {
   std::vector<std::string> ports;
   std::vector<std::string> addresses;
   for (const NatRule& rule : rules) {
-    if (rule.state() != "stale") continue;
+    if (rule.state() != PortState::stale) continue;
     ports.push_back(std::to_string(rule.externalPort) + "/" + rule.protocolName());
     const std::string address = dotted(rule.externalAddress);
     if (std::find(addresses.begin(), addresses.end(), address) == addresses.end()) {

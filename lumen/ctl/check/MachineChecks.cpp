@@ -81,10 +81,10 @@ Findings checkKernel(const std::string& release) {
 }
 
 Findings checkForwarding(const std::optional<bool>& all,
-                         const std::vector<UsedInterface>& interfaces) {
-  std::vector<UsedInterface> stopped;
+                         const std::vector<CheckedInterface>& interfaces) {
+  std::vector<CheckedInterface> stopped;
   std::copy_if(interfaces.begin(), interfaces.end(), std::back_inserter(stopped),
-               [](const UsedInterface& interface) { return interface.forwards == false; });
+               [](const CheckedInterface& interface) { return interface.forwards == false; });
   // The one for all sets each interface's own when it is written, and those are what counts.
   if (all == false && (!stopped.empty() || interfaces.empty())) {
     return {
@@ -93,7 +93,7 @@ Findings checkForwarding(const std::optional<bool>& all,
          "sysctl -w net.ipv4.ip_forward=1 (a file in /etc/sysctl.d sets it at the next start)"}};
   }
   Findings findings;
-  for (const UsedInterface& interface : stopped) {
+  for (const CheckedInterface& interface : stopped) {
     const std::string variable = "net/ipv4/conf/" + interface.name + "/forwarding";
     findings.push_back(
         {"no-forwarding-on-interface",
@@ -106,10 +106,10 @@ Findings checkForwarding(const std::optional<bool>& all,
   return findings;
 }
 
-Findings checkDefaultRoute(bool present, const std::vector<UsedInterface>& interfaces) {
+Findings checkDefaultRoute(bool present, const std::vector<CheckedInterface>& interfaces) {
   const auto external =
-      std::find_if(interfaces.begin(), interfaces.end(), [](const UsedInterface& interface) {
-        return interface.role == Role::external && interface.state == "running" &&
+      std::find_if(interfaces.begin(), interfaces.end(), [](const CheckedInterface& interface) {
+        return interface.role == Role::external && interface.state == LinkState::running &&
                !interface.addresses.empty();
       });
   if (present || external == interfaces.end()) return {};
@@ -139,9 +139,9 @@ Findings checkPortUsers(const std::vector<PortUser>& users) {
   return findings;
 }
 
-Findings checkBridgedTraffic(bool filtered, const std::vector<UsedInterface>& interfaces) {
+Findings checkBridgedTraffic(bool filtered, const std::vector<CheckedInterface>& interfaces) {
   Findings findings;
-  for (const UsedInterface& interface : interfaces) {
+  for (const CheckedInterface& interface : interfaces) {
     if (!filtered || interface.role != Role::internal || !interface.bridge) continue;
     findings.push_back({"bridged-traffic-filtered",
                         "The packet filter takes what only crosses the bridge " + interface.name +

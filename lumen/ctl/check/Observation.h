@@ -7,7 +7,7 @@
 
 #include "lumen/ctl/machine/PacketFilter.h"
 #include "lumen/ctl/machine/RouteTable.h"
-#include "lumen/ctl/router/Records.h"
+#include "lumen/ctl/router/Snapshot.h"
 
 namespace lumenctl {
 
@@ -19,21 +19,11 @@ struct GatewayFile {
   bool packaged = false;  ///< it came with Debian's package
 };
 
-/// The gateway daemon, as the platform and it itself say.
-struct GatewayState {
-  enum class Kind { on, off, crashed, notInstalled, silent };
-
-  Kind kind = Kind::on;
-  std::string detail;    ///< of silent: why
-  uint32_t process = 0;  ///< 0: none
-  GatewayFile file;      ///< of notInstalled
-};
-
 /// An interface that has a role.
-struct UsedInterface {
+struct CheckedInterface {
   std::string name;
   Role role = Role::none;
-  std::string state;                ///< Interface::state()
+  LinkState state = LinkState::running;
   std::vector<uint32_t> addresses;  ///< IPv4, in network byte order
   std::vector<ConnectedNetwork> networks;
   bool bridge = false;
@@ -60,8 +50,9 @@ struct Observation {
   bool systemd = false;     ///< systemd is what starts lumend
   std::string refused;      ///< what lumend refused, and why; empty: nothing
   // What follows up to the rules is empty when lumend did not answer.
-  GatewayState gateway;
-  std::vector<UsedInterface> interfaces;
+  GatewayReport gateway;
+  GatewayFile gatewayFile;  ///< of a gateway that is not installed
+  std::vector<CheckedInterface> interfaces;
   std::vector<NatRule> rules;
   std::optional<NatPolicy> policy;
 

@@ -6,7 +6,6 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <map>
 
 #include "lumen/ctl/check/GatewaySockets.h"
 #include "lumen/ctl/machine/LogHint.h"
@@ -15,7 +14,7 @@
 #include "lumen/ctl/machine/SocketTable.h"
 #include "lumen/ctl/text/Errors.h"
 #include "lumen/services/supervisor/ServiceFile.h"
-#include "platform/wire/Broker.h"
+#include "platform/Keys.h"
 
 namespace lumenctl {
 
@@ -26,34 +25,6 @@ std::optional<bool> readSwitch(Machine& machine, const std::string& setting) {
   const std::optional<std::string> text = machine.read("/proc/sys/net/" + setting);
   if (!text) return std::nullopt;
   return !text->starts_with('0');
-}
-
-using Objects = std::map<uint32_t, GatewayObject>;  // by interface id
-
-/// The gateway's state, and when it answers what it uses. A request would start one that is
-/// switched off, so it is asked only while it runs.
-GatewayState readGateway(Router& router, std::optional<Objects>& objects) {
-  using Kind = GatewayState::Kind;
-  const std::vector<Service> services = router.services();
-  const auto it = std::find_if(services.begin(), services.end(), [](const Service& service) {
-    return service.number == lm::service::gateway;
-  });
-  if (it == services.end()) return {Kind::notInstalled, {}, 0, {}};
-  if (it->state == lm::broker::state::waiting) return {Kind::crashed, {}, 0, {}};
-  if (it->state == lm::broker::state::stopped || it->state == lm::broker::state::leaving) {
-    return {Kind::off, {}, 0, {}};
-  }
-  try {
-    const Kind kind = router.settings().enabled ? Kind::on : Kind::off;
-    Objects found;
-    for (const GatewayObject& object : router.gatewayObjects()) {
-      found.emplace(object.interfaceId, object);
-    }
-    objects = std::move(found);
-    return {kind, {}, it->pid, {}};
-  } catch (const Refused& refused) {
-    return {Kind::silent, refused.what(), it->pid, {}};
-  }
 }
 
 /// The file that lumend should have found when it started. With `root` it is not the system's.
@@ -81,45 +52,34 @@ GatewayFile readGatewayFile(Machine& machine, const std::string& root) {
   return file;
 }
 
-/// How the gateway uses the interface; when it did not say, as what the platform keeps it.
-Role roleOf(const Interface& interface, const std::optional<Objects>& objects) {
-  if (!objects) return interface.role;
-  const auto it = objects->find(interface.id);
-  return it == objects->end() || it->second.disabled ? Role::none : it->second.role;
-}
-
 void readPlatform(Session& session, Observation& seen) {
   Router& router = session.router();
   Machine& machine = session.machine();
-  seen.rules = router.rules();
+  Snapshot snapshot = readSnapshot(router, Starting::isAwaited);
   seen.policy = router.policy();
+  seen.rules = std::move(snapshot.rules);
+  seen.gateway = std::move(snapshot.gateway);
+  if (seen.gateway.state == GatewayState::notInstalled) {
+    seen.gatewayFile = readGatewayFile(machine, session.root);
+  }
   const std::vector<ConnectedNetwork> networks =
       connectedNetworks(machine.read(routeTablePath).value_or(""));
-  const std::vector<Address> addresses = router.addresses();
-  const std::vector<Interface> interfaces = router.interfaces();
-  // Asked after these, and looked at after its answer, the gateway has heard of them.
-  std::optional<Objects> objects;
-  seen.gateway = readGateway(router, objects);
-  if (seen.gateway.kind == GatewayState::Kind::notInstalled) {
-    seen.gateway.file = readGatewayFile(machine, session.root);
-  }
   const GatewaySockets sockets(machine, seen.gateway.process);
-  for (const Interface& interface : interfaces) {
-    UsedInterface used;
-    used.role = roleOf(interface, objects);
-    if (used.role == Role::none) continue;
+  for (UsedInterface& read : snapshot.interfaces) {
+    if (read.use.disabled) continue;
+    const Interface& interface = read.interface;
+    CheckedInterface used;
     used.name = interface.name;
+    used.role = read.use.role;
     used.state = interface.state();
-    for (const Address& address : addresses) {
-      if (address.interfaceId == interface.id) used.addresses.push_back(address.address);
-    }
+    used.addresses = std::move(read.addresses);
     for (const ConnectedNetwork& network : networks) {
       if (network.interface == interface.name) used.networks.push_back(network);
     }
-    const bool present = interface.index != 0;
+    const bool present = !interface.isAway();
     used.bridge = present && machine.isBridge(interface.name);
     used.multicast = !present || machine.carriesMulticast(interface.name);
-    const bool served = seen.gateway.kind == GatewayState::Kind::on && interface.running &&
+    const bool served = seen.gateway.state == GatewayState::on && interface.running &&
                         used.role == Role::internal && !used.addresses.empty();
     if (served) used.silentPorts = sockets.missingOn(interface.index);
     used.forwards = readSwitch(machine, "ipv4/conf/" + interface.name + "/forwarding");

@@ -48,7 +48,7 @@ Range hostsOf(const ConnectedNetwork& network) {
 }
 
 /// Whether a host of the interface's networks that is not this router is listed.
-bool isListed(const UsedInterface& interface, const std::vector<Range>& listed) {
+bool isListed(const CheckedInterface& interface, const std::vector<Range>& listed) {
   for (const ConnectedNetwork& network : interface.networks) {
     const Range hosts = hostsOf(network);
     for (const Range& range : listed) {
@@ -77,7 +77,7 @@ Finding allowsNone(const std::string& limit, const std::string& usual) {
 }  // namespace
 
 Findings checkPolicy(const std::optional<NatPolicy>& policy,
-                     const std::vector<UsedInterface>& interfaces) {
+                     const std::vector<CheckedInterface>& interfaces) {
   Findings findings;
   if (!policy) return findings;
   if (policy->maxRules == 0) findings.push_back(allowsNone("max-rules", "4096"));
@@ -89,7 +89,7 @@ Findings checkPolicy(const std::optional<NatPolicy>& policy,
   const std::vector<Range> listed = rangesIn(clients);
   std::string all = clients;
   std::erase(all, ' ');
-  for (const UsedInterface& interface : interfaces) {
+  for (const CheckedInterface& interface : interfaces) {
     if (interface.role != Role::internal || interface.networks.empty() ||
         isListed(interface, listed)) {
       continue;

@@ -11,6 +11,9 @@ namespace lumenctl {
 
 namespace {
 
+constexpr StateWord inUse = {"in use", Colour::good};
+constexpr StateWord notRunning = {"interface not running", Colour::none};
+
 void list(Session& session) {
   std::map<uint32_t, std::string> names;
   for (const Interface& interface : session.router().interfaces()) {
@@ -22,8 +25,7 @@ void list(Session& session) {
     const std::string& name = names[address.interfaceId];
     result.push_back(
         {{"address", dotted(address.address)}, {"interface", name}, {"in_use", !address.disabled}});
-    table.add({dotted(address.address), name,
-               Table::state(address.disabled ? "interface not running" : "in use")});
+    table.add({dotted(address.address), name, address.disabled ? notRunning : inUse});
   }
   if (session.json) {
     session.print(result);

@@ -110,7 +110,7 @@ class Explainer {
 }  // namespace
 
 std::vector<std::vector<Difference>> differences(const std::vector<Change>& history,
-                                                 const std::optional<GatewayState>& now,
+                                                 const std::optional<GatewayConfiguration>& now,
                                                  const std::vector<Interface>& interfaces) {
   Knowledge state;
   if (now) {

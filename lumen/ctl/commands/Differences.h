@@ -18,18 +18,12 @@ struct Difference {
   nlohmann::ordered_json after;   ///< the same; null: not known
 };
 
-/// The gateway as it is now.
-struct GatewayState {
-  Settings settings;
-  std::vector<GatewayObject> objects;
-};
-
 /// What each change of `history`, the oldest first, changed. A change is kept as the message that
 /// takes it back, which has the values before it; those after it are the values before the next
 /// change of the same thing, or those of `now` (none: not known). Changes of other services than
 /// the gateway are not understood, and have no differences.
 [[nodiscard]] std::vector<std::vector<Difference>> differences(
-    const std::vector<Change>& history, const std::optional<GatewayState>& now,
+    const std::vector<Change>& history, const std::optional<GatewayConfiguration>& now,
     const std::vector<Interface>& interfaces);
 
 /// A value of `difference` as a table shows it.

@@ -25,12 +25,11 @@ std::string nameOf(uint32_t number, const std::vector<Service>& services) {
   return "service " + std::to_string(number);
 }
 
-/// The gateway as it is now; none when it does not answer.
-std::optional<GatewayState> gatewayState(Router& router) {
+/// None when the gateway does not answer.
+std::optional<GatewayConfiguration> presentConfiguration(Router& router) {
   router.waitForGateway(gatewayLimit);
   try {
-    const Settings settings = router.settings();
-    return GatewayState{settings, router.gatewayObjects()};
+    return router.gatewayConfiguration();
   } catch (const Refused&) {
     return std::nullopt;
   }
@@ -67,7 +66,8 @@ void show(Session& session) {
   const std::vector<Change> history = router.history();
   const std::vector<Service> services = router.services();
   std::vector<std::vector<Difference>> changed;
-  if (!history.empty()) changed = differences(history, gatewayState(router), router.interfaces());
+  if (!history.empty())
+    changed = differences(history, presentConfiguration(router), router.interfaces());
   Json result = Json::array();
   Table table({">ID", "WHEN", "WHO", "CHANGE", "INTERFACE", "SETTING", "BEFORE", "AFTER"});
   for (size_t i = history.size(); i-- > 0;) {

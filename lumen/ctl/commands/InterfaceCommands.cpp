@@ -18,18 +18,18 @@ void list(Session& session) {
   Table table({"NAME", "ROLE", "STATE", "ADDRESS", ">RECEIVED", ">SENT"});
   for (const Interface& interface : session.router().interfaces()) {
     const Counters counters = session.router().counters(interface.id);
-    const std::vector<std::string> own = addressesOf(interface.id, addresses);
+    const std::vector<std::string> own = dotted(addressesOf(interface.id, addresses));
     result.push_back({{"id", interface.id},
                       {"name", interface.name},
                       {"role", roleName(interface.role)},
-                      {"state", interface.state()},
+                      {"state", wordFor(interface.state()).text},
                       {"addresses", own},
                       {"bytes_received", counters.bytesReceived},
                       {"bytes_sent", counters.bytesSent},
                       {"packets_received", counters.packetsReceived},
                       {"packets_sent", counters.packetsSent}});
-    table.add({interface.name, roleName(interface.role), Table::state(interface.state()),
-               joined(own), amount(counters.bytesReceived), amount(counters.bytesSent)});
+    table.add({interface.name, roleName(interface.role), wordFor(interface.state()), joined(own),
+               amount(counters.bytesReceived), amount(counters.bytesSent)});
   }
   if (session.json) {
     session.print(result);

@@ -16,14 +16,16 @@ void list(Session& session) {
   for (const Service& service : session.router().services()) {
     result.push_back({{"number", service.number},
                       {"name", service.name},
-                      {"state", service.state},
+                      {"state", wordFor(service.state).text},
                       {"process", service.pid},
                       {"restarts", service.restarts},
-                      {"starts_in_ms", service.nextStart}});
-    table.add({std::to_string(service.number), service.name, Table::state(service.state),
+                      {"starts_in_ms", service.nextStart.count()}});
+    table.add({std::to_string(service.number), service.name, wordFor(service.state),
                service.pid == 0 ? "" : std::to_string(service.pid),
                std::to_string(service.restarts),
-               service.nextStart == 0 ? "" : "in " + duration((service.nextStart + 999) / 1000)});
+               service.nextStart.count() == 0
+                   ? ""
+                   : "in " + duration(std::chrono::ceil<std::chrono::seconds>(service.nextStart))});
   }
   if (session.json) {
     session.print(result);

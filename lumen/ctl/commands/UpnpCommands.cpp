@@ -69,12 +69,12 @@ void listInterfaces(Session& session) {
                                  [&](const Interface& i) { return i.id == object.interfaceId; });
     const bool known = it != interfaces.end();
     const std::string name = known ? it->name : "interface " + std::to_string(object.interfaceId);
-    const std::string state = known ? it->state() : "unknown";
+    const StateWord state = known ? wordFor(it->state()) : StateWord{"unknown", Colour::none};
     result.push_back({{"interface", name},
                       {"role", roleName(object.role)},
                       {"used", !object.disabled},
-                      {"state", state}});
-    table.add({name, roleName(object.role), yesOrNo(!object.disabled), Table::state(state)});
+                      {"state", state.text}});
+    table.add({name, roleName(object.role), yesOrNo(!object.disabled), state});
   }
   if (session.json) {
     session.print(result);

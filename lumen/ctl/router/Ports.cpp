@@ -27,10 +27,10 @@ Json portsAsJson(std::vector<NatRule> rules) {
                       {"address", dotted(rule.externalAddress)},
                       {"client", dotted(rule.internalClient)},
                       {"client_port", rule.internalPort},
-                      {"state", rule.state()},
+                      {"state", wordFor(rule.state()).text},
                       {"stale", rule.stale},
                       {"owner", rule.owner},
-                      {"seconds", rule.secondsOpen},
+                      {"seconds", rule.openFor.count()},
                       {"connections", rule.connections ? Json(*rule.connections) : Json()},
                       {"connections_so_far", rule.uses ? Json(*rule.uses) : Json()}});
   }
@@ -45,7 +45,7 @@ Table portsAsTable(std::vector<NatRule> rules) {
     table.add({std::to_string(rule.externalPort) + "/" + rule.protocolName(),
                dotted(rule.externalAddress),
                dotted(rule.internalClient) + ":" + std::to_string(rule.internalPort),
-               Table::state(rule.state()), duration(rule.secondsOpen),
+               wordFor(rule.state()), duration(rule.openFor),
                rule.connections ? std::to_string(*rule.connections) : "?",
                rule.uses ? std::to_string(*rule.uses) : "?", rule.owner});
   }

@@ -54,10 +54,10 @@ Interface::Interface(const lm::message& m) {
   running = record.running;
 }
 
-std::string Interface::state() const {
-  if (isAway()) return "away";
-  if (disabled) return "down";
-  return running ? "running" : "no link";
+LinkState Interface::state() const {
+  if (isAway()) return LinkState::away;
+  if (disabled) return LinkState::down;
+  return running ? LinkState::running : LinkState::noLink;
 }
 
 Counters::Counters(const lm::message& record)
@@ -74,10 +74,10 @@ Address::Address(const lm::message& m) {
   disabled = record.disabled;
 }
 
-std::vector<std::string> addressesOf(uint32_t interfaceId, const std::vector<Address>& addresses) {
-  std::vector<std::string> result;
+std::vector<uint32_t> addressesOf(uint32_t interfaceId, const std::vector<Address>& addresses) {
+  std::vector<uint32_t> result;
   for (const Address& address : addresses) {
-    if (address.interfaceId == interfaceId) result.push_back(dotted(address.address));
+    if (address.interfaceId == interfaceId) result.push_back(address.address);
   }
   return result;
 }
@@ -94,7 +94,7 @@ NatRule::NatRule(const lm::message& m) {
   closed = record.closed;
   stale = record.stale;
   owner = std::move(record.owner);
-  secondsOpen = record.seconds;
+  openFor = std::chrono::seconds(record.seconds);
   connections = record.connections;
   uses = record.uses;
 }
@@ -105,10 +105,10 @@ std::string NatRule::protocolName() const {
   return std::to_string(protocol);
 }
 
-std::string NatRule::state() const {
-  if (closed) return "closed";
-  if (disabled) return "disabled";
-  return stale ? "stale" : "open";
+PortState NatRule::state() const {
+  if (closed) return PortState::closed;
+  if (disabled) return PortState::disabled;
+  return stale ? PortState::stale : PortState::open;
 }
 
 NatPolicy::NatPolicy(const lm::message& record)
@@ -132,7 +132,7 @@ Change::Change(const lm::message& record)
 Service::Service(const lm::message& record)
     : number(record.get_u32(lm::broker::listed::number)),
       name(record.get_string(lm::broker::listed::name)),
-      state(record.get_string(lm::broker::listed::state)),
+      state(serviceState(record.get_string(lm::broker::listed::state))),
       pid(record.get_u32(lm::broker::listed::pid)),
       restarts(record.get_u32(lm::broker::listed::restarts)),
       nextStart(record.get_u64(lm::broker::listed::nextStart)) {}

@@ -1,17 +1,24 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "lumen/ctl/router/States.h"
 #include "platform/message.h"
+#include "platform/wire/Interfaces.h"
 
 /// What the platform's services and the gateway list, as typed values. A field that a record lacks
 /// has the value that stands here. IPv4 addresses are in network byte order.
 namespace lumenctl {
 
-enum class Role : uint32_t { none = 0, external = 1, internal = 2 };
+enum class Role : uint32_t {
+  none = 0,
+  external = lm::interfaces::roleExternal,
+  internal = lm::interfaces::roleInternal,
+};
 
 /// "external", "internal"; empty for none.
 [[nodiscard]] std::string roleName(Role role);
@@ -19,8 +26,7 @@ enum class Role : uint32_t { none = 0, external = 1, internal = 2 };
 /// An interface of the router, or the kept name of one that is away.
 struct Interface {
   explicit Interface(const lm::message& record);
-  /// "running", "no link", "down" or "away".
-  [[nodiscard]] std::string state() const;
+  [[nodiscard]] LinkState state() const;
   /// Its name is kept, and there is no link of that name.
   [[nodiscard]] bool isAway() const { return index == 0; }
 
@@ -52,18 +58,16 @@ struct Address {
   bool disabled = false;  ///< its interface is not running
 };
 
-/// The addresses of one interface, in dotted form.
-[[nodiscard]] std::vector<std::string> addressesOf(uint32_t interfaceId,
-                                                   const std::vector<Address>& addresses);
+/// The addresses of one interface, in network byte order.
+[[nodiscard]] std::vector<uint32_t> addressesOf(uint32_t interfaceId,
+                                                const std::vector<Address>& addresses);
 
 /// An open port.
 struct NatRule {
   explicit NatRule(const lm::message& record);
   /// "tcp", "udp", or the number of another protocol.
   [[nodiscard]] std::string protocolName() const;
-  /// "open", "disabled" by who made it, "closed" by an administrator, "stale" when its external
-  /// address has left the router.
-  [[nodiscard]] std::string state() const;
+  [[nodiscard]] PortState state() const;
 
   uint32_t id = 0;
   uint32_t externalAddress = 0;
@@ -75,7 +79,7 @@ struct NatRule {
   bool closed = false;
   bool stale = false;
   std::string owner;  ///< name of the service that made it
-  uint64_t secondsOpen = 0;
+  std::chrono::seconds openFor{0};
   std::optional<uint64_t> connections;  ///< open now; none: not known
   std::optional<uint64_t> uses;         ///< connections since it was opened; none: not known
 };
@@ -119,10 +123,10 @@ struct Service {
 
   uint32_t number = 0;
   std::string name;
-  std::string state;       ///< one of lumen::servicestate
-  uint32_t pid = 0;        ///< 0: no process
-  uint32_t restarts = 0;   ///< after crashes
-  uint64_t nextStart = 0;  ///< in milliseconds; 0: none planned
+  ServiceState state = ServiceState::unknown;
+  uint32_t pid = 0;                        ///< 0: no process
+  uint32_t restarts = 0;                   ///< after crashes
+  std::chrono::milliseconds nextStart{0};  ///< from now; 0: none planned
 };
 
 /// One interface as the gateway was told to use it.
@@ -150,6 +154,12 @@ struct Settings {
   bool enabled = false;
   bool allowDisableExternal = true;  ///< control points may take the external interface down and up
   bool showDummyRule = true;         ///< an inactive entry stands in the list of open ports
+};
+
+/// What the gateway is set to do.
+struct GatewayConfiguration {
+  Settings settings;
+  std::vector<GatewayObject> objects;
 };
 
 }  // namespace lumenctl

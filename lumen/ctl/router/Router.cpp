@@ -184,6 +184,11 @@ std::vector<GatewayObject> Router::gatewayObjects() {
   return decoded<GatewayObject>(table(gatewayPath, lm::cmd::readAll));
 }
 
+GatewayConfiguration Router::gatewayConfiguration() {
+  Settings current = settings();
+  return {current, gatewayObjects()};
+}
+
 void Router::addGatewayObject(const GatewayObject& object) {
   lm::message request;
   insertFields(request, object);

@@ -56,6 +56,7 @@ class Router {
   [[nodiscard]] Settings settings();
   void writeSettings(const Settings& settings);
   [[nodiscard]] std::vector<GatewayObject> gatewayObjects();
+  [[nodiscard]] GatewayConfiguration gatewayConfiguration();
   void addGatewayObject(const GatewayObject& object);
   void setGatewayObject(const GatewayObject& object);
   void removeGatewayObject(uint32_t id);

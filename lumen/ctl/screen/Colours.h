@@ -15,8 +15,10 @@ enum class Colour { none, heading, good, warning, bad };
 /// `text` between the control sequences (ECMA-48, SGR) that set its colour and take it back.
 [[nodiscard]] std::string coloured(std::string_view text, Colour colour);
 
-/// What the word for a state of the gateway, of a service, an interface or a port means: good when
-/// it works, a warning when somebody made it not work, bad when it ought to work.
-[[nodiscard]] Colour colourOfState(std::string_view state);
+/// A word for a state in the colour that shows what it means.
+struct StateWord {
+  const char* text = "";
+  Colour colour = Colour::none;
+};
 
 }  // namespace lumenctl

@@ -18,8 +18,6 @@ namespace lumenctl {
 
 namespace {
 
-constexpr uint32_t ethernetType = 1;  // ARPHRD_ETHER
-
 struct Arguments {
   std::vector<std::string> internal;  ///< empty: to be proposed
   std::string external;               ///< the same
@@ -39,11 +37,9 @@ std::vector<Candidate> readCandidates(Session& session, const std::vector<Interf
   for (const Interface& interface : interfaces) {
     Candidate candidate;
     candidate.name = interface.name;
-    candidate.ethernet = interface.hardwareType == ethernetType;
+    candidate.ethernet = interface.hardwareType == lm::interfaces::ethernet;
     candidate.bridge = session.machine().isBridge(interface.name);
-    for (const Address& address : addresses) {
-      if (address.interfaceId == interface.id) candidate.addresses.push_back(address.address);
-    }
+    candidate.addresses = addressesOf(interface.id, addresses);
     candidates.push_back(std::move(candidate));
   }
   return candidates;

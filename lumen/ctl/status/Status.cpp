@@ -1,107 +1,55 @@
 #include "lumen/ctl/status/Status.h"
 
-#include <algorithm>
-#include <map>
-#include <optional>
+#include <chrono>
 
 #include "lumen/ctl/router/Ports.h"
-#include "lumen/ctl/text/Errors.h"
 #include "lumen/ctl/text/Text.h"
-#include "platform/wire/Broker.h"
 
 namespace lumenctl {
 
 namespace {
 
-struct Gateway {
-  std::string state;
-  std::string detail = {};
-  uint32_t process = 0;
-  /// What it uses, by interface id; none when it did not say.
-  std::optional<std::map<uint32_t, GatewayObject>> objects = {};
-};
-
-Gateway notRunning(const Service& service) {
-  if (service.state == lm::broker::state::starting) return {"starting", {}};
-  if (service.state == lm::broker::state::waiting) {
-    return {"crashed", "starts again in " + duration((service.nextStart + 999) / 1000)};
+std::string detailOf(const GatewayReport& gateway) {
+  if (gateway.state == GatewayState::crashed) {
+    return "starts again in " + duration(std::chrono::ceil<std::chrono::seconds>(gateway.startsIn));
   }
-  return {"off", {}};
+  if (!gateway.answer) return {};
+  return gateway.answer->ok() ? "process " + std::to_string(gateway.process)
+                              : gateway.answer->why();
 }
 
-/// A request would start a gateway that is switched off, so it is asked only while it runs.
-Gateway readGateway(Router& router) {
-  const std::vector<Service> services = router.services();
-  const auto it = std::find_if(services.begin(), services.end(), [](const Service& service) {
-    return service.number == lm::service::gateway;
-  });
-  if (it == services.end()) return {"not installed", {}};
-  if (it->state != lm::broker::state::running) return notRunning(*it);
-  try {
-    Gateway gateway;
-    gateway.state = onOrOff(router.settings().enabled);
-    gateway.detail = "process " + std::to_string(it->pid);
-    gateway.process = it->pid;
-    gateway.objects.emplace();
-    for (const GatewayObject& object : router.gatewayObjects()) {
-      gateway.objects->emplace(object.interfaceId, object);
-    }
-    return gateway;
-  } catch (const Refused& refused) {
-    return {"not answering", refused.what()};
-  }
-}
-
-GatewayObject useOf(const Interface& interface, const Gateway& gateway) {
-  GatewayObject use;
-  if (!gateway.objects) {
-    use.role = interface.role;
-  } else if (const auto it = gateway.objects->find(interface.id); it != gateway.objects->end()) {
-    use = it->second;
-  }
-  return use;
+/// Whether a gateway that is switched on has sockets there.
+bool shouldServe(const UsedInterface& used) {
+  return used.use.role == Role::internal && !used.use.disabled && used.interface.running &&
+         !used.addresses.empty();
 }
 
 }  // namespace
 
-std::string Status::Use::role() const {
-  return roleName(object.role) + (object.disabled ? ", not used" : "");
-}
-
-bool Status::Use::shouldServe() const {
-  return object.role == Role::internal && !object.disabled && interface.running &&
-         !addresses.empty();
-}
-
 Status::Status(Router& router, Machine& machine) {
-  const std::vector<Address> addresses = router.addresses();
-  rules = router.rules();
-  const std::vector<Interface> all = router.interfaces();
-  // Asked after these, and looked at after its answer, the gateway has heard of them.
-  const Gateway answer = readGateway(router);
-  gateway = answer.state;
-  detail = answer.detail;
-  for (const Interface& interface : all) {
-    const GatewayObject object = useOf(interface, answer);
-    if (object.role == Role::none) continue;
-    interfaces.push_back({interface, object, addressesOf(interface.id, addresses)});
+  Snapshot snapshot = readSnapshot(router, Starting::isReported);
+  gateway = snapshot.gateway.state;
+  detail = detailOf(snapshot.gateway);
+  interfaces = std::move(snapshot.interfaces);
+  rules = std::move(snapshot.rules);
+  if (gateway == GatewayState::on) {
+    findUnreachable(GatewaySockets(machine, snapshot.gateway.process));
   }
-  if (gateway == onOrOff(true)) lookFor(GatewaySockets(machine, answer.process));
 }
 
-void Status::lookFor(const GatewaySockets& sockets) {
+void Status::findUnreachable(const GatewaySockets& sockets) {
   bool reachable = false;
   std::vector<std::string> silent;
-  for (const Use& use : interfaces) {
-    if (!use.shouldServe()) continue;
-    if (sockets.missingOn(use.interface.index).empty()) {
+  for (const UsedInterface& used : interfaces) {
+    if (!shouldServe(used)) continue;
+    if (sockets.missingOn(used.interface.index).empty()) {
       reachable = true;
     } else {
-      silent.push_back(use.interface.name);
+      silent.push_back(used.interface.name);
     }
   }
   if (!reachable) {
-    gateway = "not reachable";
+    gateway = GatewayState::notReachable;
     detail += "; lumenctl upnp check tells why";
   } else if (!silent.empty()) {
     detail += "; not reachable on " + joined(silent) + ", lumenctl upnp check tells why";
@@ -110,14 +58,18 @@ void Status::lookFor(const GatewaySockets& sockets) {
 
 Json Status::json() const {
   Json uses = Json::array();
-  for (const Use& use : interfaces) {
-    uses.push_back({{"name", use.interface.name},
-                    {"role", roleName(use.object.role)},
-                    {"used", !use.object.disabled},
-                    {"state", use.interface.state()},
-                    {"addresses", use.addresses}});
+  for (const UsedInterface& used : interfaces) {
+    uses.push_back({{"name", used.interface.name},
+                    {"role", roleName(used.use.role)},
+                    {"used", !used.use.disabled},
+                    {"state", wordFor(used.interface.state()).text},
+                    {"addresses", dotted(used.addresses)}});
   }
-  return {{"gateway", gateway}, {"interfaces", uses}, {"ports", portsAsJson(rules)}};
+  return {{"gateway", wordFor(gateway).text}, {"interfaces", uses}, {"ports", portsAsJson(rules)}};
+}
+
+std::string roleText(const UsedInterface& interface) {
+  return roleName(interface.use.role) + (interface.use.disabled ? ", not used" : "");
 }
 
 }  // namespace lumenctl

@@ -6,24 +6,12 @@
 #include "lumen/ctl/Session.h"
 #include "lumen/ctl/check/GatewaySockets.h"
 #include "lumen/ctl/machine/Machine.h"
-#include "lumen/ctl/router/Router.h"
+#include "lumen/ctl/router/Snapshot.h"
 
 namespace lumenctl {
 
 /// The router at one moment: whether the gateway works, what it works with, and the open ports.
 struct Status {
-  /// An interface that has a role.
-  struct Use {
-    Interface interface;
-    /// How the gateway uses it; when it did not say, what the platform keeps of it.
-    GatewayObject object;
-    std::vector<std::string> addresses;  ///< dotted
-
-    [[nodiscard]] std::string role() const;  ///< in words
-    /// Whether a gateway that is switched on has sockets there.
-    [[nodiscard]] bool shouldServe() const;
-  };
-
   Status() = default;
   /// Never starts a gateway that does not run.
   Status(Router& router, Machine& machine);
@@ -31,16 +19,18 @@ struct Status {
   /// An object of the state, the interfaces and the ports.
   [[nodiscard]] Json json() const;
 
-  std::string gateway;  ///< its state in a few words
-  std::string detail;   ///< what else people want to know of it; may be empty
-  std::vector<Use> interfaces;
+  GatewayState gateway = GatewayState::on;
+  std::string detail;  ///< more about the gateway, for people; may be empty
+  std::vector<UsedInterface> interfaces;
   std::vector<NatRule> rules;
 
  private:
-  /// Says so of a gateway that is switched on and that no host of some or any internal interface
-  /// can reach.
-  void lookFor(const GatewaySockets& sockets);
+  /// Notes on which internal interfaces no host can reach a gateway that is switched on.
+  void findUnreachable(const GatewaySockets& sockets);
 };
+
+/// How the gateway uses the interface, in words: "internal, not used".
+[[nodiscard]] std::string roleText(const UsedInterface& interface);
 
 /// What people read where there is no interface, and no open port.
 inline constexpr const char* noInterfaceText = "No interface is set up: lumenctl upnp setup";

@@ -23,13 +23,14 @@ constexpr uint32_t gatewayPatience = 2000;  // one that hangs is seen to hang
 
 void show(Session& session, const Status& status) {
   std::ostream& out = session.out();
-  out << "Gateway: " << session.coloured(status.gateway, colourOfState(status.gateway));
+  const StateWord gateway = wordFor(status.gateway);
+  out << "Gateway: " << session.coloured(gateway.text, gateway.colour);
   if (!status.detail.empty()) out << " (" << printable(status.detail) << ')';
   out << "\n\n";
   Table interfaces({"INTERFACE", "ROLE", "STATE", "ADDRESS"});
-  for (const Status::Use& use : status.interfaces) {
-    interfaces.add({use.interface.name, use.role(), Table::state(use.interface.state()),
-                    joined(use.addresses)});
+  for (const UsedInterface& used : status.interfaces) {
+    interfaces.add({used.interface.name, roleText(used), wordFor(used.interface.state()),
+                    joined(dotted(used.addresses))});
   }
   if (interfaces.empty()) out << noInterfaceText << '\n';
   session.print(interfaces);
@@ -45,11 +46,12 @@ uint64_t milliseconds() {
 }
 
 void addTraffic(Router& router, const Status& status, std::map<uint32_t, Traffic>& traffic) {
-  for (const Status::Use& use : status.interfaces) {
+  for (const UsedInterface& used : status.interfaces) {
+    const uint32_t id = used.interface.id;
     try {
-      traffic[use.interface.id].add(router.counters(use.interface.id), milliseconds());
+      traffic[id].add(router.counters(id), milliseconds());
     } catch (const Refused&) {  // it has gone since
-      traffic.erase(use.interface.id);
+      traffic.erase(id);
     }
   }
 }

@@ -48,10 +48,11 @@ uint64_t highest(const Rates& rates, size_t width) {
 Table interfaceTable(const Status& status, const std::map<uint32_t, Traffic>& traffic, size_t width,
                      bool utf8) {
   Table table({"INTERFACE", "ROLE", "STATE", "ADDRESS", ">RECEIVED/S", "", ">SENT/S", ""});
-  for (const Status::Use& use : status.interfaces) {
-    std::vector<Table::Cell> row = {use.interface.name, use.role(),
-                                    Table::state(use.interface.state()), joined(use.addresses)};
-    const auto it = traffic.find(use.interface.id);
+  for (const UsedInterface& used : status.interfaces) {
+    std::vector<Table::Cell> row = {used.interface.name, roleText(used),
+                                    wordFor(used.interface.state()),
+                                    joined(dotted(used.addresses))};
+    const auto it = traffic.find(used.interface.id);
     if (it != traffic.end() && !it->second.rates().empty()) {
       const Rates& rates = it->second.rates();
       const uint64_t top = highest(rates, width);
@@ -82,12 +83,11 @@ std::string headLine(const Status& status, const Look& look) {
   const std::string end = status.detail.empty() ? "" : " (" + printable(status.detail) + ")";
   const std::string hint = "q ends";
   const size_t width = look.size.width;
-  const std::string plain = begin + status.gateway + end;
+  const StateWord gateway = wordFor(status.gateway);
+  const std::string plain = begin + gateway.text + end;
   if (columns(plain) > width) return cut(plain, width);
   std::string line =
-      begin +
-      (look.colours ? coloured(status.gateway, colourOfState(status.gateway)) : status.gateway) +
-      end;
+      begin + (look.colours ? coloured(gateway.text, gateway.colour) : gateway.text) + end;
   if (columns(plain) + 2 + hint.size() <= width) {
     line += std::string(width - columns(plain) - hint.size(), ' ') + hint;
   }

@@ -15,12 +15,11 @@ class Table {
   struct Cell {
     Cell(std::string t, Colour c = Colour::none) : text(std::move(t)), colour(c) {}
     Cell(const char* t) : text(t) {}
+    Cell(const StateWord& word) : text(word.text), colour(word.colour) {}
 
     std::string text;
     Colour colour = Colour::none;
   };
-  /// A cell with the word for a state, in the colour that it means.
-  [[nodiscard]] static Cell state(const std::string& word) { return {word, colourOfState(word)}; }
 
   /// A heading that begins with '>' makes a column of numbers, set to the right.
   explicit Table(std::vector<std::string> headings);

@@ -77,7 +77,15 @@ std::string dotted(uint32_t address) {
   return text.data();
 }
 
-std::string duration(uint64_t seconds) {
+std::vector<std::string> dotted(const std::vector<uint32_t>& addresses) {
+  std::vector<std::string> texts;
+  texts.reserve(addresses.size());
+  for (const uint32_t address : addresses) texts.push_back(dotted(address));
+  return texts;
+}
+
+std::string duration(std::chrono::seconds time) {
+  const auto seconds = static_cast<uint64_t>(time.count());
   struct Unit {
     uint64_t seconds;
     const char* name;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -22,9 +23,10 @@ namespace lumenctl {
 
 /// The dotted form of an IPv4 address in network byte order.
 [[nodiscard]] std::string dotted(uint32_t address);
+[[nodiscard]] std::vector<std::string> dotted(const std::vector<uint32_t>& addresses);
 
 /// A time in its two largest units: "45 s", "3 min 5 s", "2 d 4 h".
-[[nodiscard]] std::string duration(uint64_t seconds);
+[[nodiscard]] std::string duration(std::chrono::seconds time);
 
 /// A moment in this machine's time zone: "2024-02-29 23:59:58". `time` is in seconds since 1970.
 [[nodiscard]] std::string localTime(uint64_t time);

@@ -18,11 +18,11 @@ Ids idsOf(const Findings& findings) {
   return ids;
 }
 
-UsedInterface interface(const std::string& name, Role role, const std::string& address) {
-  UsedInterface used;
+CheckedInterface interface(const std::string& name, Role role, const std::string& address) {
+  CheckedInterface used;
   used.name = name;
   used.role = role;
-  used.state = "running";
+  used.state = LinkState::running;
   if (!address.empty()) used.addresses.push_back(inet_addr(address.c_str()));
   return used;
 }
@@ -48,9 +48,9 @@ TEST(Check, FindsNothingOnARouterThatIsWell) {
 TEST(Check, FindsAllThatIsWrongInTheOrderOfMending) {
   Observation seen = wellRouter();
   seen.kernel = "5.10.0";
-  seen.gateway.kind = GatewayState::Kind::off;
+  seen.gateway.state = GatewayState::off;
   seen.interfaces[0].bridge = true;
-  seen.interfaces[0].state = "down";
+  seen.interfaces[0].state = LinkState::down;
   seen.interfaces[1].addresses = {inet_addr("10.0.0.2")};
   seen.defaultRoute = false;
   seen.interfaces[1].forwards = false;
@@ -96,15 +96,14 @@ TEST(Check, TakesASilentPlatformForOneFinding) {
 // Promise: `upnp check` finds a gateway that is switched off, has crashed, does not answer, is not
 // installed or is not set up.
 TEST(Check, TellsTheStatesOfTheGatewayApart) {
-  using Kind = GatewayState::Kind;
-  for (const auto& [kind, ids] :
-       std::vector<std::pair<Kind, Ids>>{{Kind::on, {}},
-                                         {Kind::off, {"gateway-off"}},
-                                         {Kind::crashed, {"gateway-crashed"}},
-                                         {Kind::notInstalled, {"gateway-not-installed"}},
-                                         {Kind::silent, {"gateway-silent"}}}) {
+  for (const auto& [state, ids] : std::vector<std::pair<GatewayState, Ids>>{
+           {GatewayState::on, {}},
+           {GatewayState::off, {"gateway-off"}},
+           {GatewayState::crashed, {"gateway-crashed"}},
+           {GatewayState::notInstalled, {"gateway-not-installed"}},
+           {GatewayState::notAnswering, {"gateway-silent"}}}) {
     Observation seen = wellRouter();
-    seen.gateway.kind = kind;
+    seen.gateway.state = state;
     EXPECT_EQ(idsOf(checkGateway(seen)), ids);
   }
 }
@@ -117,15 +116,15 @@ TEST(Check, TellsWhichRoleIsMissing) {
     Observation seen = wellRouter();
     std::erase_if(seen.interfaces, [role = without](const auto& i) { return i.role == role; });
     EXPECT_EQ(idsOf(checkGateway(seen)), ids);
-    seen.gateway.kind = GatewayState::Kind::off;
+    seen.gateway.state = GatewayState::off;
     EXPECT_EQ(idsOf(checkGateway(seen)).front(), "gateway-off");
   }
 }
 
 TEST(Check, TakesAGatewayWithoutInterfacesForOneThatIsNotSetUp) {
-  for (const auto kind : {GatewayState::Kind::on, GatewayState::Kind::off}) {
+  for (const auto state : {GatewayState::on, GatewayState::off}) {
     Observation seen = wellRouter();
-    seen.gateway.kind = kind;
+    seen.gateway.state = state;
     seen.interfaces.clear();
     EXPECT_EQ(idsOf(checkGateway(seen)), Ids{"not-set-up"});
   }
@@ -135,11 +134,11 @@ TEST(Check, TakesAGatewayWithoutInterfacesForOneThatIsNotSetUp) {
 // internal one without an address or marked as one without multicast.
 TEST(Check, LooksAtTheLinkOfEachInterface) {
   for (const auto& [state, id] :
-       std::vector<std::pair<std::string, std::string>>{{"away", "interface-away"},
-                                                        {"down", "interface-down"},
-                                                        {"no link", "interface-no-link"}}) {
+       std::vector<std::pair<LinkState, std::string>>{{LinkState::away, "interface-away"},
+                                                      {LinkState::down, "interface-down"},
+                                                      {LinkState::noLink, "interface-no-link"}}) {
     for (const Role role : {Role::internal, Role::external}) {
-      UsedInterface used = interface("eth0", role, "");
+      CheckedInterface used = interface("eth0", role, "");
       used.state = state;
       EXPECT_EQ(idsOf(checkLinks({used})), Ids{id});
     }
@@ -147,8 +146,8 @@ TEST(Check, LooksAtTheLinkOfEachInterface) {
 }
 
 TEST(Check, TellsWhoIsCutOffByALink) {
-  UsedInterface used = interface("eth0", Role::internal, "");
-  used.state = "down";
+  CheckedInterface used = interface("eth0", Role::internal, "");
+  used.state = LinkState::down;
   EXPECT_EQ(checkLinks({used}),
             (Findings{{"interface-down", "eth0, an internal interface, is switched off.",
                        "Its hosts find no gateway.", "ip link set eth0 up"}}));
@@ -165,7 +164,7 @@ TEST(Check, MissesAnAddressOnAnInternalLinkThatRuns) {
 }
 
 TEST(Check, MissesMulticastOnInternalLinksOnly) {
-  UsedInterface used = interface("br-lan", Role::internal, "192.168.88.1");
+  CheckedInterface used = interface("br-lan", Role::internal, "192.168.88.1");
   used.multicast = false;
   EXPECT_EQ(idsOf(checkLinks({used})), Ids{"no-multicast"});
   used.role = Role::external;
@@ -203,7 +202,7 @@ TEST(Check, KnowsWhichAddressesTheInternetReaches) {
 
 // Also proves [ctl-check-address].
 TEST(Check, IsContentWithOnePublicAddressAmongOthers) {
-  UsedInterface used = interface("wan0", Role::external, "192.168.1.2");
+  CheckedInterface used = interface("wan0", Role::external, "192.168.1.2");
   used.addresses.push_back(inet_addr("45.45.45.1"));
   EXPECT_EQ(checkExternalAddress({used}), Findings{});
 }
@@ -212,8 +211,8 @@ TEST(Check, IsContentWithOnePublicAddressAmongOthers) {
 TEST(Check, LooksAtTheAddressesOfExternalLinksThatRun) {
   EXPECT_EQ(checkExternalAddress({interface("br-lan", Role::internal, "192.168.88.1")}),
             Findings{});
-  UsedInterface used = interface("wan0", Role::external, "192.168.1.2");
-  used.state = "no link";
+  CheckedInterface used = interface("wan0", Role::external, "192.168.1.2");
+  used.state = LinkState::noLink;
   EXPECT_EQ(checkExternalAddress({used}), Findings{});
 }
 
@@ -274,8 +273,8 @@ TEST(Check, TellsWhyThePlatformKnowsNoGateway) {
             "systemctl restart lumend; when that does not help, journalctl -u lumend tells why it "
             "does not take it"}}) {
     Observation seen = wellRouter();
-    seen.gateway.kind = GatewayState::Kind::notInstalled;
-    seen.gateway.file = gatewayFile;
+    seen.gateway.state = GatewayState::notInstalled;
+    seen.gatewayFile = gatewayFile;
     const Findings findings = checkGateway(seen);
     ASSERT_EQ(idsOf(findings), Ids{id});
     EXPECT_EQ(findings.front().mend, mend);
@@ -285,7 +284,7 @@ TEST(Check, TellsWhyThePlatformKnowsNoGateway) {
 /// Whether the clients listed are taken for none of 192.168.88.0/24, this router's 192.168.88.1.
 bool excludesTheLan(const std::string& clients, const std::string& address = "192.168.88.0",
                     const std::string& mask = "255.255.255.0") {
-  UsedInterface lan = interface("br-lan", Role::internal, "192.168.88.1");
+  CheckedInterface lan = interface("br-lan", Role::internal, "192.168.88.1");
   lan.networks = {{"br-lan", inet_addr(address.c_str()), inet_addr(mask.c_str())}};
   NatPolicy policy{lm::message()};
   policy.maxRules = policy.maxRulesPerClient = 1;
@@ -324,7 +323,7 @@ TEST(CheckPolicy, LooksAtInternalInterfacesWhoseNetworksAreKnown) {
   policy.internalClients = "10.0.0.0/8";
   EXPECT_EQ(checkPolicy(policy, wellRouter().interfaces), Findings{});
   EXPECT_EQ(checkPolicy(std::nullopt, wellRouter().interfaces), Findings{});
-  UsedInterface wan = interface("wan0", Role::external, "45.45.45.1");
+  CheckedInterface wan = interface("wan0", Role::external, "45.45.45.1");
   wan.networks = {{"wan0", inet_addr("45.45.45.0"), inet_addr("255.255.255.0")}};
   EXPECT_EQ(checkPolicy(policy, {wan}), Findings{});
 }
@@ -333,9 +332,9 @@ TEST(CheckPolicy, NamesCommandsThatCanFollowEachOther) {
   NatPolicy policy{lm::message()};
   policy.maxRules = policy.maxRulesPerClient = 1;
   policy.internalClients = "10.0.0.0/8";
-  UsedInterface lan = interface("br-lan", Role::internal, "192.168.88.1");
+  CheckedInterface lan = interface("br-lan", Role::internal, "192.168.88.1");
   lan.networks = {{"br-lan", inet_addr("192.168.88.0"), inet_addr("255.255.255.0")}};
-  UsedInterface guest = interface("br-guest", Role::internal, "192.168.99.1");
+  CheckedInterface guest = interface("br-guest", Role::internal, "192.168.99.1");
   guest.networks = {{"br-guest", inet_addr("192.168.99.0"), inet_addr("255.255.255.0")}};
   const Findings findings = checkPolicy(policy, {lan, guest});
   ASSERT_EQ(findings.size(), 2U);

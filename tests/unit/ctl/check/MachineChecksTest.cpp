@@ -10,11 +10,11 @@
 namespace lumenctl {
 namespace {
 
-UsedInterface interface(const std::string& name, Role role, std::optional<bool> forwards) {
-  UsedInterface used;
+CheckedInterface interface(const std::string& name, Role role, std::optional<bool> forwards) {
+  CheckedInterface used;
   used.name = name;
   used.role = role;
-  used.state = "running";
+  used.state = LinkState::running;
   used.addresses = {inet_addr("45.45.45.1")};
   used.forwards = forwards;
   return used;
@@ -87,7 +87,7 @@ TEST(CheckForwarding, WritesANameWithADotSoThatSysctlTakesIt) {
 
 // Promise: `upnp check` finds that the main routing table has no default route.
 TEST(CheckDefaultRoute, IsMissedWhileAnExternalInterfaceWorks) {
-  UsedInterface wan = interface("wan0", Role::external, true);
+  CheckedInterface wan = interface("wan0", Role::external, true);
   EXPECT_EQ(checkDefaultRoute(true, {wan}), Findings{});
   EXPECT_EQ(checkDefaultRoute(false, {wan}).size(), 1U);
   EXPECT_EQ(checkDefaultRoute(false, {}), Findings{});
@@ -95,7 +95,7 @@ TEST(CheckDefaultRoute, IsMissedWhileAnExternalInterfaceWorks) {
   wan.addresses.clear();
   EXPECT_EQ(checkDefaultRoute(false, {wan}), Findings{}) << "it has no address yet";
   wan = interface("wan0", Role::external, true);
-  wan.state = "away";
+  wan.state = LinkState::away;
   EXPECT_EQ(checkDefaultRoute(false, {wan}), Findings{}) << "it has no routes then";
 }
 
@@ -172,7 +172,7 @@ TEST(CheckPortUsers, TellsHowToSeeAProgramThatCannotBeSeen) {
 // Promise: `upnp check` finds that the packet filter takes what crosses an internal bridge for
 // forwarded (br_netfilter).
 TEST(CheckBridgedTraffic, MattersOnInternalBridgesOnly) {
-  UsedInterface used = interface("br-lan", Role::internal, true);
+  CheckedInterface used = interface("br-lan", Role::internal, true);
   EXPECT_EQ(checkBridgedTraffic(true, {used}), Findings{}) << "no bridge";
   used.bridge = true;
   EXPECT_EQ(checkBridgedTraffic(false, {used}), Findings{}) << "not filtered";

@@ -42,20 +42,6 @@ TEST(Colours, EndWhereTheTextEnds) {
   EXPECT_EQ(coloured("", Colour::bad), "");
 }
 
-TEST(Colours, TellGoodStatesFromBadOnes) {
-  const std::pair<Colour, std::vector<const char*>> states[] = {
-      {Colour::good, {"on", "running", "open", "in use"}},
-      {Colour::warning, {"starting", "leaving", "off", "down", "disabled", "closed", "stale"}},
-      {Colour::bad,
-       {"away", "no link", "waiting", "crashed", "not answering", "not installed",
-        "not reachable"}},
-      {Colour::none, {"stopped", "unknown", ""}},
-  };
-  for (const auto& [colour, words] : states) {
-    for (const char* word : words) EXPECT_EQ(colourOfState(word), colour) << word;
-  }
-}
-
 struct ColouredRouter : testing::Test {
   ColouredRouter() {
     router.machine().colours = true;

@@ -18,7 +18,7 @@ using Lines = std::vector<std::string>;
 /// A router with two interfaces and one open port.
 struct Picture : testing::Test {
   Picture() {
-    status.gateway = "on";
+    status.gateway = GatewayState::on;
     status.detail = "process 4711";
     uses(1, "br-lan", Role::internal, "192.168.88.1");
     uses(2, "wan0", Role::external, "45.45.45.1");
@@ -33,7 +33,7 @@ struct Picture : testing::Test {
     record.insert_bool(lm::interfaces::key::running, true);
     GatewayObject object;
     object.role = role;
-    status.interfaces.push_back({Interface(record), object, {address}});
+    status.interfaces.push_back({Interface(record), object, {inet_addr(address.c_str())}});
   }
 
   void opens(uint32_t port) {

@@ -11,6 +11,8 @@
 namespace lumenctl {
 namespace {
 
+using namespace std::chrono_literals;
+
 // Also proves [ctl-escape].
 TEST(Printable, LeavesOrdinaryTextAlone) {
   for (const char* text : {"", "br-lan", "a b", "Gerät", "日本", "\xf0\x9f\x90\xa7"}) {
@@ -83,14 +85,14 @@ TEST(Text, WritesAddressesInNetworkByteOrder) {
 // Promise [ctl-units]: Times come in their two largest units, `3 min 5 s`, amounts in decimal
 // units, `1.2 MB`, addresses dotted.
 TEST(Text, WritesTimesInTheirTwoLargestUnits) {
-  EXPECT_EQ(duration(0), "0 s");
-  EXPECT_EQ(duration(59), "59 s");
-  EXPECT_EQ(duration(60), "1 min");
-  EXPECT_EQ(duration(185), "3 min 5 s");
-  EXPECT_EQ(duration(3600), "1 h");
-  EXPECT_EQ(duration(3659), "1 h");
-  EXPECT_EQ(duration(7380), "2 h 3 min");
-  EXPECT_EQ(duration(86400 * 2 + 3600 * 4 + 1), "2 d 4 h");
+  EXPECT_EQ(duration(0s), "0 s");
+  EXPECT_EQ(duration(59s), "59 s");
+  EXPECT_EQ(duration(60s), "1 min");
+  EXPECT_EQ(duration(185s), "3 min 5 s");
+  EXPECT_EQ(duration(3600s), "1 h");
+  EXPECT_EQ(duration(3659s), "1 h");
+  EXPECT_EQ(duration(7380s), "2 h 3 min");
+  EXPECT_EQ(duration(52h + 1s), "2 d 4 h");
 }
 
 // Also proves [ctl-units].
@@ -110,7 +112,7 @@ using Lines = std::vector<std::string>;
 
 Table table() {
   Table result({"NAME", ">COUNT", "STATE"});
-  result.add({"Gerät", "7", Table::state("running")});
+  result.add({"Gerät", "7", StateWord{"running", Colour::good}});
   result.add({"a", "1000", ""});
   return result;
 }
