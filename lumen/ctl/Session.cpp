@@ -44,9 +44,9 @@ void Session::finish() {
 
 Router& Session::router() {
   if (!router_) {
-    std::string why;
-    client_ = connect_(root, why);
-    if (!client_) throw PlatformSilent(why);
+    lumen::Result<std::unique_ptr<Client>> connected = connect_(root);
+    if (!connected) throw PlatformSilent(connected.why());
+    client_ = std::move(*connected);
     router_.emplace(*client_);
   }
   return *router_;

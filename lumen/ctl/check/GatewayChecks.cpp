@@ -75,13 +75,13 @@ Finding notInstalled(const GatewayFile& file, const std::string& consequence) {
     return {"gateway-not-installed", subject + "its service file " + file.path + " is missing.",
             consequence, fileRemedy(file, restart)};
   }
-  if (file.error == "there is no user \"palinode\"") {
+  if (!file.accepted && file.accepted.why() == "there is no user \"palinode\"") {
     return {"gateway-user-missing", subject + "the user palinode, as whom it runs, is missing.",
             consequence, userRemedy(file, restart)};
   }
-  if (!file.error.empty()) {
+  if (!file.accepted) {
     return {"gateway-file-wrong",
-            subject + "its service file " + file.path + " is wrong: " + file.error + ".",
+            subject + "its service file " + file.path + " is wrong: " + file.accepted.why() + ".",
             consequence, "correct the file, then " + restart};
   }
   return {
@@ -117,18 +117,18 @@ Finding unreachable(const std::string& interface, uint32_t address) {
 }  // namespace
 
 Findings checkPlatform(const Observation& seen) {
-  if (!seen.unreachable.empty()) {
-    return {{"no-platform", seen.unreachable + ".",
+  if (!seen.reached) {
+    return {{"no-platform", seen.reached.why() + ".",
              "Without it no port is open, and what depends on it was not checked. " + seen.logHint,
              seen.systemd ? "systemctl start lumend" : "start lumend"}};
   }
-  if (seen.refused.empty()) return {};
-  return {{"platform-refuses", "lumend does not answer: " + seen.refused + ".",
+  if (seen.answered) return {};
+  return {{"platform-refuses", "lumend does not answer: " + seen.answered.why() + ".",
            "What depends on it was not checked.", "sudo lumenctl upnp check"}};
 }
 
 Findings checkGateway(const Observation& seen) {
-  if (!seen.unreachable.empty() || !seen.refused.empty()) return {};
+  if (!seen.reached || !seen.answered) return {};
   const char* const nobodyFindsIt = "Nobody finds a gateway, and no port can be opened.";
   switch (seen.gateway.state) {
     case GatewayState::notInstalled:

@@ -8,6 +8,7 @@
 #include "lumen/ctl/machine/PacketFilter.h"
 #include "lumen/ctl/machine/RouteTable.h"
 #include "lumen/ctl/router/Snapshot.h"
+#include "lumen/values/Result.h"
 
 namespace lumenctl {
 
@@ -15,8 +16,8 @@ namespace lumenctl {
 struct GatewayFile {
   std::string path;
   bool present = false;
-  std::string error;      ///< why lumend does not take it; empty: it does when it starts
-  bool packaged = false;  ///< it came with Debian's package
+  lumen::Result<void> accepted;  ///< lumend takes it when it starts
+  bool packaged = false;         ///< it came with Debian's package
 };
 
 /// An interface that has a role.
@@ -45,11 +46,11 @@ struct PortUser {
 
 /// What `upnp check` looks at, as it was read. Parts that could not be read are as they stand here.
 struct Observation {
-  std::string unreachable;  ///< how lumend cannot be reached; empty: it can be
-  std::string logHint;      ///< where lumend's log is; empty: lumend can be reached
-  bool systemd = false;     ///< systemd is what starts lumend
-  std::string refused;      ///< what lumend refused, and why; empty: nothing
-  // What follows up to the rules is empty when lumend did not answer.
+  lumen::Result<void> reached;   ///< lumend takes connections
+  std::string logHint;           ///< where lumend's log is; empty: lumend can be reached
+  bool systemd = false;          ///< systemd is what starts lumend
+  lumen::Result<void> answered;  ///< lumend refused nothing
+  // What follows up to the policy is empty when lumend did not answer.
   GatewayReport gateway;
   GatewayFile gatewayFile;  ///< of a gateway that is not installed
   std::vector<CheckedInterface> interfaces;

@@ -42,12 +42,12 @@ GatewayFile readGatewayFile(Machine& machine, const std::string& root) {
   if (text) {
     const auto definition = lumen::parseServiceFile(*text, lumen::SystemUsers());
     if (!definition) {
-      file.error = definition.why();
+      file.accepted = definition.failure();
     } else if (definition->number != lm::service::gateway) {
-      file.error = "number is not " + std::to_string(lm::service::gateway);
+      file.accepted = lumen::Failure{"number is not " + std::to_string(lm::service::gateway)};
     }
   } else {
-    file.error = std::strerror(failure);
+    file.accepted = lumen::Failure{std::strerror(failure)};
   }
   return file;
 }
@@ -121,14 +121,14 @@ Observation observe(Session& session) {
   try {
     (void)session.router();
   } catch (const Refused& refused) {
-    seen.unreachable = refused.what();
+    seen.reached = lumen::Failure{refused.what()};
     seen.logHint = logHint(machine, session.root);
     seen.systemd = session.root.empty() && hasSystemd(machine);
   }
   try {
-    if (seen.unreachable.empty()) readPlatform(session, seen);
+    if (seen.reached) readPlatform(session, seen);
   } catch (const Refused& refused) {
-    seen.refused = refused.what();
+    seen.answered = lumen::Failure{refused.what()};
   }
   seen.kernel = machine.read("/proc/sys/kernel/osrelease").value_or("");
   while (seen.kernel.ends_with('\n')) seen.kernel.pop_back();
@@ -138,7 +138,7 @@ Observation observe(Session& session) {
   seen.chains = machine.forwardChains();
   // Without an answer the gateway could not be told from other programs; without lumend there is
   // none.
-  if (seen.refused.empty()) seen.portUsers = readPortUsers(machine, seen.gateway.process);
+  if (seen.answered) seen.portUsers = readPortUsers(machine, seen.gateway.process);
   return seen;
 }
 

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "lumen/values/Result.h"
 #include "platform/message.h"
 
 namespace lumenctl {
@@ -23,12 +24,11 @@ class Client {
                                              uint32_t limit) = 0;
 
   /// Waits for the next notification. None when the program is asked to end (SIGINT, SIGTERM) or
-  /// when nobody reads its standard output any more; an error reply when the platform has ended.
-  [[nodiscard]] virtual std::optional<lm::message> notification() = 0;
+  /// its standard output has lost its reader; a failure when the platform has ended.
+  [[nodiscard]] virtual lumen::Result<std::optional<lm::message>> notification() = 0;
 };
 
-/// Connects to the platform whose root folder is `root`; empty: the machine's own. Null when that
-/// is not possible, and then `why` says why.
-using Connect = std::function<std::unique_ptr<Client>(const std::string& root, std::string& why)>;
+/// Connects to the platform whose root folder is `root`; empty: the machine's own.
+using Connect = std::function<lumen::Result<std::unique_ptr<Client>>(const std::string& root)>;
 
 }  // namespace lumenctl

@@ -164,9 +164,10 @@ void Router::startMonitoring() {
 
 std::optional<lm::message> Router::nextShown() {
   while (true) {
-    std::optional<lm::message> next = client_.notification();
-    if (next && lm::isError(*next)) throw Refused(lm::getError(*next));
-    if (!next || next->get_u32(lm::key::command) == lm::broker::cmd::monitor) return next;
+    lumen::Result<std::optional<lm::message>> next = client_.notification();
+    if (!next) throw Refused(next.why());
+    const bool shown = !*next || (*next)->get_u32(lm::key::command) == lm::broker::cmd::monitor;
+    if (shown) return std::move(*next);
   }
 }
 

@@ -17,18 +17,20 @@ constexpr std::array<const char*, 2> ownSockets = {"/run/lumen/lumen.sock", lm::
 
 }  // namespace
 
-std::unique_ptr<Client> SocketClient::connect(const std::string& root, std::string& why) {
+lumen::Result<std::unique_ptr<Client>> SocketClient::connect(const std::string& root) {
   std::vector<std::string> paths(ownSockets.begin(), ownSockets.end());
   if (!root.empty()) paths = {root + "/run/lumen.sock"};
+  std::string why;
   for (const std::string& path : paths) {
     auto transport = lm::SocketTransport::connect(path);
-    if (transport) return std::make_unique<SocketClient>(std::move(transport));
     const int error = errno;
+    if (transport) {
+      return std::unique_ptr<Client>(std::make_unique<SocketClient>(std::move(transport)));
+    }
     if (!why.empty()) why += "; ";
     why += path + ": " + std::strerror(error);
   }
-  why = "lumend does not answer (" + why + ")";
-  return nullptr;
+  return lumen::Failure{"lumend does not answer (" + why + ")"};
 }
 
 SocketClient::SocketClient(std::unique_ptr<lm::Transport> transport)
@@ -48,15 +50,16 @@ lm::message SocketClient::exchange(const std::vector<uint32_t>& destination, uin
   return reply;
 }
 
-std::optional<lm::message> SocketClient::notification() {
+lumen::Result<std::optional<lm::message>> SocketClient::notification() {
   if (!interruption_) interruption_.emplace();
   while (true) {
     connection_.progress();
     const bool ready = connection_.arrived() > 0 || connection_.ended();
-    if (interruption_->wait(connection_.fd(), ready ? 0 : -1)) return std::nullopt;
+    if (interruption_->wait(connection_.fd(), ready ? 0 : -1)) {
+      return std::optional<lm::message>();
+    }
     if (auto arrived = connection_.take()) return arrived;
-    if (connection_.ended())
-      return lm::errorMsg(lm::errorRefused, "the platform has ended the connection");
+    if (connection_.ended()) return lumen::Failure{"the platform has ended the connection"};
   }
 }
 

@@ -14,15 +14,14 @@ namespace lumenctl {
 /// The platform at the other end of its socket.
 class SocketClient : public Client {
  public:
-  /// Connects to the platform that lumend --root `root` runs; empty: to the machine's own. Null
-  /// when nobody answers there, and then `why` says so.
-  [[nodiscard]] static std::unique_ptr<Client> connect(const std::string& root, std::string& why);
+  /// Connects to the platform that lumend --root `root` runs; empty: to the machine's own.
+  [[nodiscard]] static lumen::Result<std::unique_ptr<Client>> connect(const std::string& root);
 
   explicit SocketClient(std::unique_ptr<lm::Transport> transport);
 
   [[nodiscard]] lm::message exchange(const std::vector<uint32_t>& destination, uint32_t command,
                                      lm::message request, uint32_t limit) override;
-  [[nodiscard]] std::optional<lm::message> notification() override;
+  [[nodiscard]] lumen::Result<std::optional<lm::message>> notification() override;
 
  private:
   lm::SystemClock clock_;

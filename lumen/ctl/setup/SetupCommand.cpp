@@ -88,9 +88,11 @@ void complete(Session& session, Arguments& arguments) {
   const std::vector<Interface> interfaces = session.router().interfaces();
   if (!arguments.allowMissing) requirePresent(namesIn(arguments), interfaces);
   const std::string routes = session.machine().read(routeTablePath).value_or("");
-  const Proposal proposal = proposeRoles(readCandidates(session, interfaces), defaultRoutes(routes),
-                                         arguments.internal, arguments.external);
-  if (!proposal.refusal.empty()) throw Refused(proposal.refusal);
+  const lumen::Result<Proposal> proposed =
+      proposeRoles(readCandidates(session, interfaces), defaultRoutes(routes), arguments.internal,
+                   arguments.external);
+  if (!proposed) throw Refused(proposed.why());
+  const Proposal& proposal = *proposed;
   if (!arguments.yes && (session.json || !session.machine().hasTerminal())) {
     throw Refused(std::string("roles are missing, and ") +
                   (session.json ? "with --json" : "without a terminal") +

@@ -1,6 +1,7 @@
 #include "lumen/ctl/setup/SetupProposal.h"
 
 #include <algorithm>
+#include <optional>
 
 #include "lumen/ctl/router/Networks.h"
 #include "lumen/ctl/text/Text.h"
@@ -15,9 +16,9 @@ bool contains(const std::vector<std::string>& names, const std::string& name) {
   return std::find(names.begin(), names.end(), name) != names.end();
 }
 
-void proposeExternal(Proposal& proposal, const std::vector<Candidate>& candidates,
-                     const std::vector<DefaultRoute>& routes,
-                     const std::vector<std::string>& internal) {
+lumen::Result<Proposal::Part> proposeExternal(const std::vector<Candidate>& candidates,
+                                              const std::vector<DefaultRoute>& routes,
+                                              const std::vector<std::string>& internal) {
   std::string taken;
   for (const DefaultRoute& route : routes) {
     if (std::none_of(candidates.begin(), candidates.end(),
@@ -25,47 +26,47 @@ void proposeExternal(Proposal& proposal, const std::vector<Candidate>& candidate
       continue;
     }
     if (!contains(internal, route.interface)) {
-      proposal.external = {route.interface, "the default route leaves by it"};
-      return;
+      return Proposal::Part{route.interface, "the default route leaves by it"};
     }
     if (taken.empty()) taken = route.interface;
   }
-  proposal.refusal =
+  return lumen::Failure{
       "no interface looks like the external one: " +
       (taken.empty() ? "there is no default route"
                      : "the default route leaves by " + taken + ", which is to be internal") +
-      ". Say which one it is: --external IF";
+      ". Say which one it is: --external IF"};
 }
 
-/// Empty when the interface does not look like an internal one.
-std::string reasonForInternal(const Candidate& candidate) {
-  if (!candidate.ethernet) return {};
+/// Why the interface looks like an internal one; none when it does not.
+std::optional<std::string> reasonForInternal(const Candidate& candidate) {
+  if (!candidate.ethernet) return std::nullopt;
   for (const uint32_t address : candidate.addresses) {
     if (isPrivate(address)) {
       return (candidate.bridge ? "bridge, private network (" : "private network (") +
              dotted(address) + ")";
     }
   }
-  if (!candidate.bridge || candidate.addresses.empty()) return {};
+  if (!candidate.bridge || candidate.addresses.empty()) return std::nullopt;
   return "bridge (" + dotted(candidate.addresses.front()) + ")";
 }
 
-void proposeInternal(Proposal& proposal, const std::vector<Candidate>& candidates,
-                     const std::vector<DefaultRoute>& routes) {
-  const std::string& external = proposal.external.name;
+lumen::Result<std::vector<Proposal::Part>> proposeInternal(const std::vector<Candidate>& candidates,
+                                                           const std::vector<DefaultRoute>& routes,
+                                                           const std::string& external) {
+  std::vector<Proposal::Part> internal;
   for (const Candidate& candidate : candidates) {
     const bool outwards = candidate.name == external ||
                           std::any_of(routes.begin(), routes.end(), [&](const DefaultRoute& r) {
                             return r.interface == candidate.name;
                           });
     if (outwards) continue;
-    const std::string reason = reasonForInternal(candidate);
-    if (!reason.empty()) proposal.internal.push_back({candidate.name, reason});
+    const std::optional<std::string> reason = reasonForInternal(candidate);
+    if (reason) internal.push_back({candidate.name, *reason});
   }
-  if (!proposal.internal.empty()) return;
-  proposal.refusal = "no interface looks like an internal one: besides " + external +
-                     " none is an Ethernet link that has an address of a private network, or a "
-                     "bridge that has an address. Say which ones they are: --internal IF...";
+  if (!internal.empty()) return internal;
+  return lumen::Failure{"no interface looks like an internal one: besides " + external +
+                        " none is an Ethernet link that has an address of a private network, or a "
+                        "bridge that has an address. Say which ones they are: --internal IF..."};
 }
 
 }  // namespace
@@ -77,14 +78,23 @@ std::vector<std::string> Proposal::internalNames() const {
   return names;
 }
 
-Proposal proposeRoles(const std::vector<Candidate>& candidates,
-                      const std::vector<DefaultRoute>& routes,
-                      const std::vector<std::string>& internal, const std::string& external) {
+lumen::Result<Proposal> proposeRoles(const std::vector<Candidate>& candidates,
+                                     const std::vector<DefaultRoute>& routes,
+                                     const std::vector<std::string>& internal,
+                                     const std::string& external) {
   Proposal proposal;
   proposal.external = {external, given};
   for (const std::string& name : internal) proposal.internal.push_back({name, given});
-  if (external.empty()) proposeExternal(proposal, candidates, routes, internal);
-  if (internal.empty() && proposal.refusal.empty()) proposeInternal(proposal, candidates, routes);
+  if (external.empty()) {
+    const auto found = proposeExternal(candidates, routes, internal);
+    if (!found) return found.failure();
+    proposal.external = *found;
+  }
+  if (internal.empty()) {
+    const auto found = proposeInternal(candidates, routes, proposal.external.name);
+    if (!found) return found.failure();
+    proposal.internal = *found;
+  }
   return proposal;
 }
 

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "lumen/ctl/machine/RouteTable.h"
+#include "lumen/values/Result.h"
 
 namespace lumenctl {
 
@@ -26,16 +27,15 @@ struct Proposal {
 
   std::vector<Part> internal;  ///< in the order of the candidates
   Part external;
-  std::string refusal;  ///< why there is no proposal; empty: there is one
 };
 
 /// The interface of the default route is external; bridges that have an address, and what has an
 /// address of a private network (RFC 1918), are internal. Interfaces with another default route are
 /// neither. What the administrator has said (`internal`, `external`; empty: not said) stands, and
 /// only the rest is proposed.
-[[nodiscard]] Proposal proposeRoles(const std::vector<Candidate>& candidates,
-                                    const std::vector<DefaultRoute>& routes,
-                                    const std::vector<std::string>& internal,
-                                    const std::string& external);
+[[nodiscard]] lumen::Result<Proposal> proposeRoles(const std::vector<Candidate>& candidates,
+                                                   const std::vector<DefaultRoute>& routes,
+                                                   const std::vector<std::string>& internal,
+                                                   const std::string& external);
 
 }  // namespace lumenctl

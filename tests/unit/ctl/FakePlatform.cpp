@@ -72,7 +72,9 @@ class FakePlatform::Connection : public Client {
     platform_.patience_[destination] = limit;
     return platform_.answer(destination, command, request);
   }
-  std::optional<lm::message> notification() override { return platform_.nextShown(); }
+  lumen::Result<std::optional<lm::message>> notification() override {
+    return platform_.nextShown();
+  }
 
  private:
   FakePlatform& platform_;
@@ -93,12 +95,10 @@ FakePlatform::Result FakePlatform::lumenctl(const std::vector<std::string>& argu
   std::ostringstream out;
   std::ostringstream err;
   if (outputIsFull_) out.setstate(std::ios::badbit);
-  const auto connect = [this](const std::string& root,
-                              std::string& why) -> std::unique_ptr<Client> {
+  const auto connect = [this](const std::string& root) -> lumen::Result<std::unique_ptr<Client>> {
     root_ = root;
-    if (reachable_) return std::make_unique<Connection>(*this);
-    why = "nobody answers";
-    return nullptr;
+    if (!reachable_) return lumen::Failure{"lumend does not answer"};
+    return std::unique_ptr<Client>(std::make_unique<Connection>(*this));
   };
   const int status = run(arguments, connect, machine_, out, err);
   return {status, out.str(), err.str()};
@@ -213,9 +213,9 @@ bool FakePlatform::wasAsked(const std::string& destination) const {
                      [&](const std::string& request) { return request.starts_with(destination); });
 }
 
-std::optional<lm::message> FakePlatform::nextShown() {
-  if (shown_.empty() && ends_) return lm::errorMsg(lm::errorRefused, "the platform has ended");
-  if (shown_.empty()) return std::nullopt;
+lumen::Result<std::optional<lm::message>> FakePlatform::nextShown() {
+  if (shown_.empty() && ends_) return lumen::Failure{"the platform has ended"};
+  if (shown_.empty()) return std::optional<lm::message>();
   std::optional<lm::message> next = std::move(shown_.front());
   shown_.pop_front();
   return next;

@@ -80,7 +80,7 @@ class FakePlatform {
  private:
   class Connection;
 
-  std::optional<lm::message> nextShown();
+  lumen::Result<std::optional<lm::message>> nextShown();
   lm::message answer(const Path& destination, uint32_t command, const lm::message& request);
   lm::message page(const std::vector<lm::message>& table, const lm::message& request) const;
   lm::message changeTable(std::vector<lm::message>& table, uint32_t command,

@@ -179,7 +179,7 @@ TEST_F(Usage, EndsWith1WhenThePlatformCannotBeReached) {
   router.cannotBeReached();
   const auto result = router.lumenctl({"status"});
   EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.err, "lumenctl: nobody answers\nlumend logs to its standard output.\n");
+  EXPECT_EQ(result.err, "lumenctl: lumend does not answer\nlumend logs to its standard output.\n");
 }
 
 // Promise [ctl-log]: When lumend cannot be reached, has ended or does not answer in time, a second
@@ -197,12 +197,13 @@ TEST_F(Usage, NamesTheLogOfAPlatformThatIsSilent) {
   EXPECT_EQ(router.lumenctl({"identity"}).err, "lumenctl: not permitted\n");
 
   router.cannotBeReached();
-  EXPECT_EQ(router.lumenctl({"status"}).err, "lumenctl: nobody answers\n" + journal);
-  EXPECT_EQ(router.lumenctl({"--root", "/d\x1b", "status"}).err,
-            "lumenctl: nobody answers\nlumend --root /d\\x1b logs to its standard output.\n");
+  EXPECT_EQ(router.lumenctl({"status"}).err, "lumenctl: lumend does not answer\n" + journal);
+  EXPECT_EQ(
+      router.lumenctl({"--root", "/d\x1b", "status"}).err,
+      "lumenctl: lumend does not answer\nlumend --root /d\\x1b logs to its standard output.\n");
   router.machine().files["/proc/1/comm"] = "runit\n";
   EXPECT_EQ(router.lumenctl({"status"}).err,
-            "lumenctl: nobody answers\nlumend logs to its standard output.\n");
+            "lumenctl: lumend does not answer\nlumend logs to its standard output.\n");
 }
 
 /// Every command that changes something, on a router where it has something to change.

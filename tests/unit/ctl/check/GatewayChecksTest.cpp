@@ -78,7 +78,7 @@ TEST(Check, SaysThatTheFirewallWasNotChecked) {
 TEST(Check, TakesASilentPlatformForOneFinding) {
   Observation seen;
   seen.kernel = "6.1.0";
-  seen.unreachable = "lumend does not answer (/run/x: No such file or directory)";
+  seen.reached = lumen::Failure{"lumend does not answer (/run/x: No such file or directory)"};
   seen.logHint = "Log.";
   EXPECT_EQ(findProblems(seen),
             (Findings{{"no-platform", "lumend does not answer (/run/x: No such file or directory).",
@@ -86,8 +86,8 @@ TEST(Check, TakesASilentPlatformForOneFinding) {
                        "start lumend"}}));
   seen.systemd = true;
   EXPECT_EQ(findProblems(seen).at(0).mend, "systemctl start lumend");
-  seen.unreachable.clear();
-  seen.refused = "not permitted";
+  seen.reached = {};
+  seen.answered = lumen::Failure{"not permitted"};
   EXPECT_EQ(findProblems(seen),
             (Findings{{"platform-refuses", "lumend does not answer: not permitted.",
                        "What depends on it was not checked.", "sudo lumenctl upnp check"}}));
@@ -246,8 +246,11 @@ TEST(Check, NamesFiveStalePortsAndCountsTheOthers) {
             "2000/udp, 2001/udp, 2002/udp, 2003/udp, 2004/udp and 2 more.");
 }
 
+/// `error`: why lumend does not take it; empty: it does.
 GatewayFile file(bool present, const std::string& error, bool packaged = true) {
-  return {"/etc/lumen/services/upnp.ini", present, error, packaged};
+  lumen::Result<void> accepted;
+  if (!error.empty()) accepted = lumen::Failure{error};
+  return {"/etc/lumen/services/upnp.ini", present, accepted, packaged};
 }
 
 // Promise [ctl-check-service]: `upnp check` of a platform that knows no gateway tells a service

@@ -175,7 +175,7 @@ TEST_F(ProposedSetup, NeedsThePlatform) {
   router.cannotBeReached();
   const auto result = router.lumenctl({"upnp", "setup", "--yes"});
   EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.err, "lumenctl: nobody answers\nlumend logs to its standard output.\n");
+  EXPECT_EQ(result.err, "lumenctl: lumend does not answer\nlumend logs to its standard output.\n");
 }
 
 }  // namespace

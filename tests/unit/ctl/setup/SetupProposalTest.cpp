@@ -38,8 +38,9 @@ Candidate tunnel(const std::string& name, const Names& addresses) {
 std::string propose(const std::vector<Candidate>& candidates,
                     const std::vector<DefaultRoute>& routes, const Names& internal = {},
                     const std::string& external = {}) {
-  const Proposal proposal = proposeRoles(candidates, routes, internal, external);
-  if (!proposal.refusal.empty()) return proposal.refusal;
+  const lumen::Result<Proposal> proposed = proposeRoles(candidates, routes, internal, external);
+  if (!proposed) return proposed.why();
+  const Proposal& proposal = *proposed;
   std::string text;
   for (const Proposal::Part& part : proposal.internal) {
     text += (text.empty() ? "" : ", ") + part.name + ": " + part.reason;
