@@ -1,4 +1,5 @@
 #include <CLI/App.hpp>
+#include <chrono>
 #include <optional>
 #include <ostream>
 #include <utility>
@@ -14,8 +15,8 @@ namespace lumenctl {
 
 namespace {
 
-// In milliseconds; the history of a gateway that hangs is shown without its present state.
-constexpr uint32_t gatewayLimit = 5000;
+// The history of a gateway that hangs is shown without its present state.
+constexpr std::chrono::seconds gatewayLimit{5};
 
 /// The name of the service with this number.
 std::string nameOf(uint32_t number, const std::vector<Service>& services) {
@@ -74,7 +75,7 @@ void show(Session& session) {
     const Change& change = history[i];
     const std::string who = nameOf(change.service, services);
     result.push_back({{"id", change.id},
-                      {"time", change.time},
+                      {"time", change.time.time_since_epoch().count()},
                       {"service", who},
                       {"text", change.text},
                       {"changed", asJson(changed[i])}});

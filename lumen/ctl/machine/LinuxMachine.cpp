@@ -100,9 +100,9 @@ std::unique_ptr<Screen> LinuxMachine::screen() {
   return std::make_unique<TerminalScreen>();
 }
 
-bool LinuxMachine::pause(uint64_t limit) {
+bool LinuxMachine::pause(std::chrono::milliseconds limit) {
   if (!interruption_) interruption_.emplace();
-  return !interruption_->wait(-1, static_cast<int>(limit));
+  return !interruption_->wait(-1, limit);
 }
 
 std::optional<std::string> LinuxMachine::typedLine() {

@@ -22,7 +22,7 @@ class LinuxMachine : public Machine {
   [[nodiscard]] bool hasTerminal() override;
   [[nodiscard]] bool showsColours() override;
   [[nodiscard]] std::unique_ptr<Screen> screen() override;
-  [[nodiscard]] bool pause(uint64_t limit) override;
+  [[nodiscard]] bool pause(std::chrono::milliseconds limit) override;
   [[nodiscard]] std::optional<std::string> typedLine() override;
 
  private:

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -45,9 +46,9 @@ class Machine {
   [[nodiscard]] virtual bool showsColours() = 0;
   /// The terminal to draw on; null when standard output is none, or one that cannot be drawn on.
   [[nodiscard]] virtual std::unique_ptr<Screen> screen() = 0;
-  /// Waits `limit` milliseconds. False when the program is asked to end (SIGINT, SIGTERM), or when
-  /// nobody reads its standard output any more.
-  [[nodiscard]] virtual bool pause(uint64_t limit) = 0;
+  /// Waits for `limit`. False when the program is asked to end (SIGINT, SIGTERM), or its standard
+  /// output has lost its reader.
+  [[nodiscard]] virtual bool pause(std::chrono::milliseconds limit) = 0;
   /// Waits for the next line that is typed there; none at the end of the input.
   [[nodiscard]] virtual std::optional<std::string> typedLine() = 0;
 };

@@ -26,13 +26,30 @@ const char* routerHandlerName(uint32_t handler) {
   }
 }
 
+const char* nameOf(Passed::Kind kind) {
+  switch (kind) {
+    case Passed::Kind::request:
+      return "request";
+    case Passed::Kind::reply:
+      return "reply";
+    case Passed::Kind::error:
+      return "error";
+    case Passed::Kind::notification:
+      return "notification";
+    case Passed::Kind::message:
+      break;
+  }
+  return "message";
+}
+
 }  // namespace
 
 std::string Passed::line() const {
   std::string result =
-      localTimeOfDay(time) + " " + printable(from) + " -> " + printable(to) + ": " + kind;
-  if (!command.empty()) result += (kind == "reply" || kind == "error" ? " to " : " ") + command;
-  if (kind == "error") result += ": " + quoted(error);
+      localTimeOfDay(time) + " " + printable(from) + " -> " + printable(to) + ": " + nameOf(kind);
+  if (!command.empty())
+    result += (kind == Kind::reply || kind == Kind::error ? " to " : " ") + command;
+  if (kind == Kind::error) result += ": " + quoted(error);
   const std::string fields = onOneLine(decoded(message, subject));
   if (!fields.empty()) result += " " + fields;
   if (cut) result += " (not shown whole)";
@@ -40,10 +57,12 @@ std::string Passed::line() const {
 }
 
 Json Passed::json() const {
-  Json result = {
-      {"time", static_cast<double>(time) / 1000}, {"from", from}, {"to", to}, {"kind", kind}};
+  Json result = {{"time", static_cast<double>(time.time_since_epoch().count()) / 1000},
+                 {"from", from},
+                 {"to", to},
+                 {"kind", nameOf(kind)}};
   if (!command.empty()) result["command"] = command;
-  if (kind == "error") result["error"] = error;
+  if (kind == Kind::error) result["error"] = error;
   result["fields"] = decoded(message, subject);
   if (cut) result["cut"] = true;
   return result;
@@ -73,7 +92,7 @@ std::string Monitor::nameOf(uint32_t number, uint32_t handler) const {
   return handler == 0 ? name : name + "/" + std::to_string(handler);
 }
 
-Passed Monitor::read(const lm::message& shown, uint64_t time) {
+Passed Monitor::read(const lm::message& shown, Passed::Time time) {
   const uint32_t from = shown.get_u32(lm::monitor::key::from);
   const uint32_t to = shown.get_u32(lm::monitor::key::to);
   Passed passed;
@@ -88,7 +107,7 @@ Passed Monitor::read(const lm::message& shown, uint64_t time) {
   Subject& subject = passed.subject;
   subject.service = from;
   if (m.get_bool(lm::key::isReply)) {
-    passed.kind = lm::isError(m) ? "error" : "reply";
+    passed.kind = lm::isError(m) ? Passed::Kind::error : Passed::Kind::reply;
     passed.error = lm::getError(m);
     const auto request = underWay_.find({to, serial});
     if (request != underWay_.end()) {
@@ -98,14 +117,14 @@ Passed Monitor::read(const lm::message& shown, uint64_t time) {
       underWay_.erase(request);
     }
   } else if (to == lm::monitor::everybody) {
-    passed.kind = "notification";
+    passed.kind = Passed::Kind::notification;
     subject = Subject::of(m.get_u32_array_ref(lm::key::source));
     passed.from = nameOf(from, subject.handler);
     if (command != 0) passed.command = commandName(subject, command);
   } else if (m.get_u32_array_ref(lm::key::destination).empty()) {
-    passed.kind = "message";
+    passed.kind = Passed::Kind::message;
   } else {
-    passed.kind = "request";
+    passed.kind = Passed::Kind::request;
     subject = Subject::of(m.get_u32_array_ref(lm::key::destination));
     passed.to = nameOf(to, subject.handler);
     if (command != 0) passed.command = commandName(subject, command);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -16,14 +17,23 @@ namespace lumenctl {
 
 /// A message that passed between programs, in words.
 struct Passed {
+  using Time = std::chrono::sys_time<std::chrono::milliseconds>;
+  enum class Kind {
+    request,
+    reply,
+    error,
+    notification,
+    message,  ///< none of these
+  };
+
   /// On one line, behind the time of day.
   [[nodiscard]] std::string line() const;
   [[nodiscard]] Json json() const;
 
-  uint64_t time = 0;  ///< milliseconds since 1970
+  Time time;
   std::string from;
   std::string to;
-  std::string kind;     ///< "request", "reply", "error", "notification"; "message": not known
+  Kind kind = Kind::message;
   std::string command;  ///< of a reply that of its request; empty: not known
   Subject subject;      ///< what it is about
   lm::message message;
@@ -37,8 +47,8 @@ class Monitor {
  public:
   explicit Monitor(const std::vector<Service>& services);
 
-  /// `shown` has the fields of lumen::monitorkey; `time` is in milliseconds since 1970.
-  [[nodiscard]] Passed read(const lm::message& shown, uint64_t time);
+  /// `shown` has the fields of lm::monitor::key.
+  [[nodiscard]] Passed read(const lm::message& shown, Passed::Time time);
 
   /// How many requests it remembers.
   [[nodiscard]] size_t underWay() const { return underWay_.size(); }

@@ -11,10 +11,8 @@ namespace lumenctl {
 
 namespace {
 
-uint64_t millisecondsSince1970() {
-  using std::chrono::duration_cast, std::chrono::milliseconds, std::chrono::system_clock;
-  const auto now = system_clock::now().time_since_epoch();
-  return static_cast<uint64_t>(duration_cast<milliseconds>(now).count());
+Passed::Time now() {
+  return std::chrono::floor<std::chrono::milliseconds>(std::chrono::system_clock::now());
 }
 
 void monitor(Session& session) {
@@ -22,7 +20,7 @@ void monitor(Session& session) {
   Monitor monitor(router.services());
   router.startMonitoring();
   while (const std::optional<lm::message> shown = router.nextShown()) {
-    const Passed passed = monitor.read(*shown, millisecondsSince1970());
+    const Passed passed = monitor.read(*shown, now());
     if (session.json) {
       session.printLine(passed.json());
     } else {

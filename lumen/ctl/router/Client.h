@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -18,10 +19,10 @@ class Client {
   virtual ~Client() = default;
 
   /// Sends `request` as `command` to the path `destination` (service, handler) and waits at
-  /// most `limit` milliseconds for the reply. A request that is not answered gives an error reply.
+  /// most `limit` for the reply. A request that is not answered gives an error reply.
   [[nodiscard]] virtual lm::message exchange(const std::vector<uint32_t>& destination,
                                              uint32_t command, lm::message request,
-                                             uint32_t limit) = 0;
+                                             std::chrono::milliseconds limit) = 0;
 
   /// Waits for the next notification. None when the program is asked to end (SIGINT, SIGTERM) or
   /// its standard output has lost its reader; a failure when the platform has ended.

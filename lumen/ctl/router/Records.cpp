@@ -119,7 +119,7 @@ NatPolicy::NatPolicy(const lm::message& record)
 
 Change::Change(const lm::message& record)
     : id(record.get_u32(lm::key::objectId)),
-      time(record.get_u64(lm::history::key::time)),
+      time(std::chrono::seconds(record.get_u64(lm::history::key::time))),
       text(record.get_string(lm::history::key::text)) {
   const std::vector<uint32_t>& path = record.get_u32_array_ref(lm::history::key::path);
   if (!path.empty()) service = path[0];

@@ -108,8 +108,8 @@ struct NatPolicyChange {
 struct Change {
   explicit Change(const lm::message& record);
 
-  uint32_t id = 0;       ///< higher than those of earlier changes
-  uint64_t time = 0;     ///< seconds since 1970
+  uint32_t id = 0;  ///< higher than those of earlier changes
+  std::chrono::sys_seconds time;
   uint32_t service = 0;  ///< the number of the service that made it, and of its handler
   uint32_t handler = 0;
   std::string text;

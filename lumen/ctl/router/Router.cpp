@@ -56,7 +56,7 @@ bool isSilence(const std::string& error) {
 }  // namespace
 
 lm::message Router::exchange(const Path& destination, uint32_t command, lm::message request) {
-  const uint32_t limit = destination == gatewayPath ? gatewayLimit_ : usualLimit;
+  const std::chrono::milliseconds limit = destination == gatewayPath ? gatewayLimit_ : usualLimit;
   lm::message reply = client_.exchange(destination, command, std::move(request), limit);
   if (lm::isError(reply)) refuse(reply);
   return reply;

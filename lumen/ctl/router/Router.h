@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -51,8 +52,8 @@ class Router {
   [[nodiscard]] std::optional<lm::message> nextShown();
 
   // The gateway; each of these starts it when it does not run.
-  /// From now on they wait no longer than `limit` milliseconds for an answer.
-  void waitForGateway(uint32_t limit) { gatewayLimit_ = limit; }
+  /// From now on they wait no longer than `limit` for an answer.
+  void waitForGateway(std::chrono::milliseconds limit) { gatewayLimit_ = limit; }
   [[nodiscard]] Settings settings();
   void writeSettings(const Settings& settings);
   [[nodiscard]] std::vector<GatewayObject> gatewayObjects();
@@ -67,12 +68,12 @@ class Router {
   /// Every record of a table, page by page.
   std::vector<lm::message> table(const std::vector<uint32_t>& destination, uint32_t command);
 
-  /// How long an answer may take, in milliseconds: the gateway may have to be started first (5 s),
-  /// and may itself wait for the platform (6 s).
-  static constexpr uint32_t usualLimit = 15000;
+  /// How long an answer may take: the gateway may have to be started first (5 s), and may itself
+  /// wait for the platform (6 s).
+  static constexpr std::chrono::seconds usualLimit{15};
 
   Client& client_;
-  uint32_t gatewayLimit_ = usualLimit;
+  std::chrono::milliseconds gatewayLimit_ = usualLimit;
 };
 
 }  // namespace lumenctl

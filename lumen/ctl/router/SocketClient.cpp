@@ -37,9 +37,10 @@ SocketClient::SocketClient(std::unique_ptr<lm::Transport> transport)
     : connection_(clock_, std::move(transport)) {}
 
 lm::message SocketClient::exchange(const std::vector<uint32_t>& destination, uint32_t command,
-                                   lm::message request, uint32_t limit) {
+                                   lm::message request, std::chrono::milliseconds limit) {
   request.insert_u32_array(lm::key::destination, destination);
-  lm::message reply = connection_.exchange(std::move(request), command, limit);
+  lm::message reply =
+      connection_.exchange(std::move(request), command, static_cast<uint32_t>(limit.count()));
   const bool refused = connection_.ended() && !lm::getError(reply).empty();
   if (refused && !answered_) {
     // What lumend does with whoever has no rights.
@@ -55,7 +56,9 @@ lumen::Result<std::optional<lm::message>> SocketClient::notification() {
   while (true) {
     connection_.progress();
     const bool ready = connection_.arrived() > 0 || connection_.ended();
-    if (interruption_->wait(connection_.fd(), ready ? 0 : -1)) {
+    const std::optional<std::chrono::milliseconds> limit =
+        ready ? std::optional(std::chrono::milliseconds(0)) : std::nullopt;
+    if (interruption_->wait(connection_.fd(), limit)) {
       return std::optional<lm::message>();
     }
     if (auto arrived = connection_.take()) return arrived;

@@ -24,11 +24,12 @@ Interruption::Interruption() {
   sigprocmask(SIG_BLOCK, &ending, nullptr);
 }
 
-bool Interruption::wait(int fd, int limit) const {
+bool Interruption::wait(int fd, std::optional<std::chrono::milliseconds> limit) const {
   // A pipe that nobody reads any more reports an error without being asked for events.
   std::array<pollfd, 3> watched = {
       {{signals_.get(), POLLIN, 0}, {STDOUT_FILENO, 0, 0}, {fd, POLLIN, 0}}};
-  if (poll(watched.data(), watched.size(), limit) <= 0) return false;
+  const int timeout = limit ? static_cast<int>(limit->count()) : -1;
+  if (poll(watched.data(), watched.size(), timeout) <= 0) return false;
   return watched[0].revents != 0 || watched[1].revents != 0;
 }
 

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <chrono>
+#include <optional>
+
 #include "platform/Fd.h"
 
 namespace lumenctl {
@@ -11,9 +14,9 @@ class Interruption {
   /// From now on the signals do not end the program.
   Interruption();
 
-  /// Waits at most `limit` milliseconds, -1 for ever, for it or until `fd` can be read. True when
-  /// it has come.
-  [[nodiscard]] bool wait(int fd, int limit) const;
+  /// Waits at most `limit`, without one for ever, for it or until `fd` can be read. True when it
+  /// has come.
+  [[nodiscard]] bool wait(int fd, std::optional<std::chrono::milliseconds> limit) const;
 
  private:
   lm::Fd signals_;

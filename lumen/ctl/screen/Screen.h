@@ -1,7 +1,7 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
-#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -25,8 +25,8 @@ class Screen {
   [[nodiscard]] virtual bool showsUtf8() = 0;
   /// Shows these lines, which fit, instead of what was shown before.
   virtual void draw(const std::vector<std::string>& lines) = 0;
-  /// Waits `limit` milliseconds, or until it has another size, or somebody wants to see no more.
-  [[nodiscard]] virtual Event wait(uint64_t limit) = 0;
+  /// Waits for `limit`, or until it has another size, or the user wants to see no more.
+  [[nodiscard]] virtual Event wait(std::chrono::milliseconds limit) = 0;
 };
 
 }  // namespace lumenctl

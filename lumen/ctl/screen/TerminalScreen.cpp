@@ -20,7 +20,6 @@ namespace lumenctl {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using std::chrono::milliseconds;
 
 // Other screen, no cursor, no new line behind the last column; and back (xterm's control
 // sequences).
@@ -111,8 +110,8 @@ void TerminalScreen::draw(const std::vector<std::string>& lines) {
   if (!writeAll(text)) throw Refused("standard output cannot be written");
 }
 
-Screen::Event TerminalScreen::wait(uint64_t limit) {
-  const Clock::time_point end = Clock::now() + milliseconds(limit);
+Screen::Event TerminalScreen::wait(std::chrono::milliseconds limit) {
+  const Clock::time_point end = Clock::now() + limit;
   while (true) {
     const auto left = std::max(end - Clock::now(), Clock::duration::zero());
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);

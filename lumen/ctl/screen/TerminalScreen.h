@@ -21,7 +21,7 @@ class TerminalScreen : public Screen {
   [[nodiscard]] bool showsUtf8() override;
   void draw(const std::vector<std::string>& lines) override;
   /// Somebody wants to see no more when q is typed.
-  [[nodiscard]] Event wait(uint64_t limit) override;
+  [[nodiscard]] Event wait(std::chrono::milliseconds limit) override;
 
  private:
   [[nodiscard]] bool endTyped();

@@ -17,9 +17,8 @@ namespace lumenctl {
 
 namespace {
 
-// In milliseconds.
-constexpr uint64_t watchPeriod = 1000;
-constexpr uint32_t gatewayPatience = 2000;  // one that hangs is seen to hang
+constexpr std::chrono::seconds watchPeriod{1};
+constexpr std::chrono::seconds gatewayLimit{2};  // soon enough to see that it hangs
 
 void show(Session& session, const Status& status) {
   std::ostream& out = session.out();
@@ -39,17 +38,11 @@ void show(Session& session, const Status& status) {
   session.print(portsAsTable(status.rules));
 }
 
-uint64_t milliseconds() {
-  using std::chrono::duration_cast;
-  const auto now = std::chrono::steady_clock::now().time_since_epoch();
-  return static_cast<uint64_t>(duration_cast<std::chrono::milliseconds>(now).count());
-}
-
 void addTraffic(Router& router, const Status& status, std::map<uint32_t, Traffic>& traffic) {
   for (const UsedInterface& used : status.interfaces) {
     const uint32_t id = used.interface.id;
     try {
-      traffic[id].add(router.counters(id), milliseconds());
+      traffic[id].add(router.counters(id), std::chrono::steady_clock::now());
     } catch (const Refused&) {  // it has gone since
       traffic.erase(id);
     }
@@ -57,7 +50,7 @@ void addTraffic(Router& router, const Status& status, std::map<uint32_t, Traffic
 }
 
 void watch(Session& session, Screen& screen) {
-  session.router().waitForGateway(gatewayPatience);
+  session.router().waitForGateway(gatewayLimit);
   std::map<uint32_t, Traffic> traffic;
   Screen::Event event = Screen::Event::timeOver;
   while (event != Screen::Event::end) {

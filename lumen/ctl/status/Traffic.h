@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -12,6 +13,8 @@ namespace lumenctl {
 /// How much an interface carried lately, out of what its counters said now and then.
 class Traffic {
  public:
+  using Time = std::chrono::steady_clock::time_point;
+
   /// In bytes per second.
   struct Rate {
     uint64_t received = 0;
@@ -19,8 +22,8 @@ class Traffic {
     [[nodiscard]] bool operator==(const Rate&) const = default;
   };
 
-  /// What the counters said at the moment `now`, in milliseconds of a clock that only goes forward.
-  void add(const Counters& counters, uint64_t now);
+  /// What the counters said at the moment `now`.
+  void add(const Counters& counters, Time now);
 
   /// Between one reading and the next, the newest last, of a minute at one reading a second. There
   /// is none between two of which the later counts less: those are of two interfaces.
@@ -29,7 +32,7 @@ class Traffic {
  private:
   struct Reading {
     Counters counters;
-    uint64_t time;
+    Time time;
   };
   std::optional<Reading> last_;
   std::deque<Rate> rates_;

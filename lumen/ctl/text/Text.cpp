@@ -29,8 +29,8 @@ bool isPrintable(char32_t code) {
 bool beginsCharacter(char byte) { return (static_cast<unsigned char>(byte) & 0xC0U) != 0x80; }
 
 /// A moment in this machine's time zone, as strftime writes it.
-std::string formatted(uint64_t secondsSince1970, const char* format) {
-  const auto seconds = static_cast<time_t>(secondsSince1970);
+std::string formatted(std::chrono::sys_seconds time, const char* format) {
+  const auto seconds = static_cast<time_t>(time.time_since_epoch().count());
   tm parts{};
   std::array<char, 32> text{};
   if (localtime_r(&seconds, &parts) == nullptr) return "?";
@@ -100,11 +100,14 @@ std::string duration(std::chrono::seconds time) {
   return result;
 }
 
-std::string localTime(uint64_t time) { return formatted(time, "%Y-%m-%d %H:%M:%S"); }
+std::string localTime(std::chrono::sys_seconds time) {
+  return formatted(time, "%Y-%m-%d %H:%M:%S");
+}
 
-std::string localTimeOfDay(uint64_t time) {
-  const std::string milliseconds = std::to_string(1000 + time % 1000).substr(1);
-  return formatted(time / 1000, "%H:%M:%S") + "." + milliseconds;
+std::string localTimeOfDay(std::chrono::sys_time<std::chrono::milliseconds> time) {
+  const auto seconds = std::chrono::floor<std::chrono::seconds>(time);
+  const std::string milliseconds = std::to_string(1000 + (time - seconds).count()).substr(1);
+  return formatted(seconds, "%H:%M:%S") + "." + milliseconds;
 }
 
 std::string amount(uint64_t bytes) {

@@ -28,11 +28,11 @@ namespace lumenctl {
 /// A time in its two largest units: "45 s", "3 min 5 s", "2 d 4 h".
 [[nodiscard]] std::string duration(std::chrono::seconds time);
 
-/// A moment in this machine's time zone: "2024-02-29 23:59:58". `time` is in seconds since 1970.
-[[nodiscard]] std::string localTime(uint64_t time);
+/// A moment in this machine's time zone: "2024-02-29 23:59:58".
+[[nodiscard]] std::string localTime(std::chrono::sys_seconds time);
 
-/// The time of day of such a moment: "23:59:58.007". `time` is in milliseconds since 1970.
-[[nodiscard]] std::string localTimeOfDay(uint64_t time);
+/// The time of day of such a moment: "23:59:58.007".
+[[nodiscard]] std::string localTimeOfDay(std::chrono::sys_time<std::chrono::milliseconds> time);
 
 /// An amount of data in decimal units: "999 B", "1.2 MB".
 [[nodiscard]] std::string amount(uint64_t bytes);

@@ -34,7 +34,7 @@ struct FakeMachine : Machine {
   bool hasTerminal() override { return terminal; }
   bool showsColours() override { return colours; }
   std::unique_ptr<Screen> screen() override { return std::move(drawable); }
-  bool pause(uint64_t) override { return pauses-- > 0; }
+  bool pause(std::chrono::milliseconds) override { return pauses-- > 0; }
   std::optional<std::string> typedLine() override {
     if (typed.empty()) return std::nullopt;
     std::string line = typed.front();

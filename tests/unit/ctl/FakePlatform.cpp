@@ -68,8 +68,8 @@ class FakePlatform::Connection : public Client {
  public:
   explicit Connection(FakePlatform& platform) : platform_(platform) {}
   lm::message exchange(const Path& destination, uint32_t command, lm::message request,
-                       uint32_t limit) override {
-    platform_.patience_[destination] = limit;
+                       std::chrono::milliseconds limit) override {
+    platform_.limits_[destination] = limit;
     return platform_.answer(destination, command, request);
   }
   lumen::Result<std::optional<lm::message>> notification() override {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -72,8 +73,10 @@ class FakePlatform {
   [[nodiscard]] std::vector<std::string> changes() const;
   [[nodiscard]] bool wasAsked(const std::string& destination) const;
   void forgetRequests() { requests_.clear(); }
-  /// How many milliseconds lumenctl waits for an answer from there.
-  [[nodiscard]] uint32_t patienceWith(const Path& destination) { return patience_[destination]; }
+  /// How long lumenctl waits for an answer from there.
+  [[nodiscard]] std::chrono::milliseconds limitOf(const Path& destination) {
+    return limits_[destination];
+  }
   /// The argument of --root.
   [[nodiscard]] const std::string& root() const { return root_; }
 
@@ -101,7 +104,7 @@ class FakePlatform {
   std::map<std::pair<Path, uint32_t>, std::string> refusals_;
   std::vector<std::string> requests_;
   std::string root_;
-  std::map<Path, uint32_t> patience_;
+  std::map<Path, std::chrono::milliseconds> limits_;
   uint32_t nextId_ = 1;
   size_t pageSize_ = 64;
   bool endless_ = false;

@@ -197,7 +197,7 @@ TEST_F(Changed, HasNoValueAfterItWhenTheGatewayDoesNotAnswer) {
   EXPECT_EQ(rows(), (Lines{"enabled on ?", "allow-disable-external on ?", "show-dummy-rule on ?",
                            "enabled off on", "wan0 role external ?", "wan0 used no ?",
                            "wan0 role none external"}));
-  EXPECT_LE(router.patienceWith({40, 0}), 5000U);
+  EXPECT_LE(router.limitOf({40, 0}), std::chrono::seconds(5));
 }
 
 // Promise [ctl-history-later]: What `history` shows of older changes stays the same when later ones

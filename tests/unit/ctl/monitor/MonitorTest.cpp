@@ -256,7 +256,7 @@ TEST(MonitorOf, RequestsThatAreNeverAnsweredDoesNotGrow) {
   shown.insert_u32(lm::monitor::key::to, 20);
   for (uint32_t serial = 0; serial < 5'000; ++serial) {
     shown.insert_message(lm::monitor::key::message, request({20, 0}, lm::cmd::list, serial));
-    EXPECT_EQ(monitor.read(shown, 0).kind, "request");
+    EXPECT_EQ(monitor.read(shown, {}).kind, Passed::Kind::request);
     ASSERT_LE(monitor.underWay(), 4096U);
   }
 }
@@ -264,8 +264,8 @@ TEST(MonitorOf, RequestsThatAreNeverAnsweredDoesNotGrow) {
 TEST(MonitorTime, IsTheTimeOfDayHere) {
   setenv("TZ", "CET-1", 1);
   tzset();
-  EXPECT_EQ(localTimeOfDay(1709251198007), "00:59:58.007");
-  EXPECT_EQ(localTimeOfDay(0), "01:00:00.000");
+  EXPECT_EQ(localTimeOfDay(Passed::Time(std::chrono::milliseconds(1709251198007))), "00:59:58.007");
+  EXPECT_EQ(localTimeOfDay({}), "01:00:00.000");
 }
 
 }  // namespace

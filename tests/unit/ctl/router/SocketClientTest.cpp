@@ -18,6 +18,8 @@
 namespace lumenctl {
 namespace {
 
+using namespace std::chrono_literals;
+
 /// A platform that listens in a folder of its own, as lumend --root does.
 class SocketClientTest : public testing::Test {
  protected:
@@ -116,7 +118,7 @@ TEST_F(SocketClientTest, TakesTheReplyToItsRequest) {
     request = hears();
     answers(request);
   });
-  EXPECT_EQ(client->exchange({20, 5}, lm::cmd::list, {}, 15000).get_u32(1), 7U);
+  EXPECT_EQ(client->exchange({20, 5}, lm::cmd::list, {}, 15s).get_u32(1), 7U);
   platform.join();
   EXPECT_EQ(request.get_u32_array_ref(lm::key::destination), (std::vector<uint32_t>{20, 5}));
   EXPECT_EQ(request.get_u32(lm::key::command), lm::cmd::list);
@@ -125,17 +127,17 @@ TEST_F(SocketClientTest, TakesTheReplyToItsRequest) {
 TEST_F(SocketClientTest, SaysWhomThePlatformAnswersWhenItEndsTheConnectionUnanswered) {
   const auto client = connects();
   platform_.reset();
-  EXPECT_EQ(lm::getError(client->exchange({20, 5}, lm::cmd::list, {}, 15000)),
+  EXPECT_EQ(lm::getError(client->exchange({20, 5}, lm::cmd::list, {}, 15s)),
             "connection ended: lumend answers root and the group lumen only");
 }
 
 TEST_F(SocketClientTest, TakesAPlatformThatEndsLaterForOneThatEnded) {
   const auto client = connects();
   std::thread platform([&] { answers(hears()); });
-  EXPECT_EQ(client->exchange({20, 5}, lm::cmd::list, {}, 15000).get_u32(1), 7U);
+  EXPECT_EQ(client->exchange({20, 5}, lm::cmd::list, {}, 15s).get_u32(1), 7U);
   platform.join();
   platform_.reset();
-  EXPECT_EQ(lm::getError(client->exchange({20, 5}, lm::cmd::list, {}, 15000)), "connection ended");
+  EXPECT_EQ(lm::getError(client->exchange({20, 5}, lm::cmd::list, {}, 15s)), "connection ended");
 }
 
 // Also proves [ctl-monitor-end].

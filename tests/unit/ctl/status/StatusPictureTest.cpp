@@ -54,13 +54,13 @@ struct Picture : testing::Test {
   void carries(uint32_t id, const std::vector<Traffic::Rate>& rates) {
     uint64_t received = 0;
     uint64_t sent = 0;
-    uint64_t now = 0;
+    Traffic::Time now;
     const auto reading = [&] {
       lm::message record;
       record.insert_u64(lm::interfaces::key::bytesReceived, received);
       record.insert_u64(lm::interfaces::key::bytesSent, sent);
       traffic[id].add(Counters(record), now);
-      now += 1000;
+      now += std::chrono::seconds(1);
     };
     reading();
     for (const Traffic::Rate& rate : rates) {

@@ -17,6 +17,8 @@
 namespace lumenctl {
 namespace {
 
+using namespace std::chrono_literals;
+
 using Lines = std::vector<std::string>;
 
 /// A router at work, with one open port.
@@ -190,8 +192,8 @@ class FakeScreen : public Screen {
   Size size() override { return {80, 24}; }
   bool showsUtf8() override { return false; }
   void draw(const std::vector<std::string>& lines) override { shown_.push_back(lines); }
-  Event wait(uint64_t limit) override {
-    EXPECT_EQ(limit, 1000U);
+  Event wait(std::chrono::milliseconds limit) override {
+    EXPECT_EQ(limit, 1s);
     if (events_.empty()) return Event::end;
     const Event event = events_.front();
     events_.pop_front();
@@ -243,8 +245,8 @@ TEST_F(Watch, ShowsSoonThatTheGatewayHangs) {
   looksFor({});
   router.refuses({40, 0}, lm::cmd::get, "no answer in time");
   EXPECT_EQ(router.lumenctl({"status", "--watch"}).status, 0);
-  EXPECT_EQ(router.patienceWith({40, 0}), 2000U);
-  EXPECT_EQ(router.patienceWith({20, 5}), 15000U);
+  EXPECT_EQ(router.limitOf({40, 0}), 2s);
+  EXPECT_EQ(router.limitOf({20, 5}), 15s);
   EXPECT_TRUE(shown.at(0).at(0).starts_with("Gateway: not answering (no answer in time)"));
 }
 
