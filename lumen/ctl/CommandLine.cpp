@@ -37,19 +37,19 @@ int wrongUsage(std::ostream& err, const CLI::App& app, const WrongUsage& error) 
 
 void addCommandLine(CLI::App& app, Session& session) {
   setHelpFormat(app);
-  app.set_version_flag("--version", "lumenctl " PALINODE_VERSION, "tell its version");
+  app.set_version_flag("--version", "lumenctl " PALINODE_VERSION, "show the version");
   app.add_option("--root", session.root, "talk to the platform that lumend --root DIR runs")
       ->type_name("DIR");
   app.add_flag("--json", session.json, "answer in JSON");
   app.require_subcommand(1);
-  app.fallthrough();  // --root and --json may stand behind the command
+  app.fallthrough();  // --root and --json may follow the command
   addExamples(app,
               {{"upnp setup --internal br-lan --external wan0", "make this router a gateway"},
                {"status", "see what it does"},
                {"nat close 8080/tcp", "close a port"},
                {"nat list --json", "the open ports, for a program"}},
               "Exit status: 0 done; 1 refused, with the reason on standard error; 2 wrong usage.\n"
-              "help COMMAND, and COMMAND --help, tell more of a command.");
+              "help COMMAND and COMMAND --help say more about a command.");
 
   addStatusCommand(app, session);
   addUpnpCommands(app, session);

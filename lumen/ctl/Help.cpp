@@ -53,7 +53,7 @@ void addExamples(CLI::App& command, std::initializer_list<Example> examples, con
 
 void setHelpFormat(CLI::App& app) {
   app.formatter(std::make_shared<HelpFormat>());
-  app.set_help_flag("-h,--help", "tell how it is used");
+  app.set_help_flag("-h,--help", "show this help");
 }
 
 }  // namespace lumenctl

@@ -6,13 +6,13 @@
 /// What --help says beside the commands and options themselves.
 namespace lumenctl {
 
-/// A command line as somebody would type it.
+/// A command line to type.
 struct Example {
-  const char* arguments;  ///< behind the program's name
+  const char* arguments;  ///< after the program's name
   const char* meaning;
 };
 
-/// Gives `command` the part "Examples:" at the end of its help, with the text `note` behind it.
+/// Gives `command` the part "Examples:" at the end of its help, followed by the text `note`.
 void addExamples(CLI::App& command, std::initializer_list<Example> examples, const char* note = "");
 
 /// Lets `app`, and the commands that are added to it from then on, show their help as it shall

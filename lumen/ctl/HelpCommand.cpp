@@ -31,7 +31,8 @@ void show(const CLI::App& app, Session& session, const std::vector<std::string>&
 }  // namespace
 
 void addHelpCommand(CLI::App& app, Session& session) {
-  CLI::App* command = app.add_subcommand("help", "tell how a command is used, or what there is");
+  CLI::App* command =
+      app.add_subcommand("help", "show how a command is used, or list the commands");
   addExamples(*command, {{"help", "the commands"}, {"help upnp setup", "one of them"}});
   auto words = std::make_shared<std::vector<std::string>>();
   command->add_option("command", *words, "such as nat close")->type_name("COMMAND...");

@@ -62,7 +62,7 @@ std::string pathOf(const CLI::App& command) {
 }
 
 std::string usageAdvice(const CLI::App& app) {
-  return pathOf(parsedCommand(app)) + " --help tells how it is used.";
+  return pathOf(parsedCommand(app)) + " --help shows its usage.";
 }
 
 WrongUsage unknownCommand(const CLI::App& command, const std::string& word) {

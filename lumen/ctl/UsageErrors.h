@@ -18,7 +18,7 @@ namespace lumenctl {
 /// that was likely meant, and where the right ones are listed.
 [[nodiscard]] WrongUsage explained(const CLI::App& app, const CLI::ParseError& error);
 
-/// Which --help tells more of the command that was being parsed.
+/// Names the --help of the command that was being parsed.
 [[nodiscard]] std::string usageAdvice(const CLI::App& app);
 
 }  // namespace lumenctl

@@ -21,12 +21,12 @@ DNAT = "-m conntrack --ctstate DNAT -j ACCEPT"
 NOT_LISTENING = (
     f"The gateway does not listen at 2828/tcp on {LAN_BRIDGE}.",
     "Its hosts cannot reach the gateway, which tries to listen only when it starts there "
-    "(journalctl -t palinode-igd tells why it could not).",
+    "(journalctl -t palinode-igd shows why it failed).",
     f"lumenctl upnp interface set {LAN_BRIDGE} --enable")
 
 
-def finding(what, why, mend, number=1):
-    return f"{number}. {what}\n   {why}\n   Mend it: {mend}\n\n"
+def finding(what, why, remedy, number=1):
+    return f"{number}. {what}\n   {why}\n   Fix it: {remedy}\n\n"
 
 
 class CheckCase(RouterCase):
@@ -79,7 +79,7 @@ class CheckTest(CheckCase):
             "id": "no-default-route",
             "what": "The main routing table has no default route.",
             "why": "Answers to the Internet may not leave this router.",
-            "mend": "ip route add default via GATEWAY dev wan0"}], "not_checked": []})
+            "remedy": "ip route add default via GATEWAY dev wan0"}], "not_checked": []})
 
     # The platform and the gateway.
 
@@ -94,15 +94,15 @@ class CheckTest(CheckCase):
 
     def test_the_gateway_is_switched_off(self):
         self.router.lumenctl("upnp", "settings", "set", "enabled=off")
-        mend = "lumenctl upnp settings set enabled=on"
+        remedy = "lumenctl upnp settings set enabled=on"
         self.assert_found("The gateway is switched off.",
-                          "Nobody finds a gateway, and no port can be opened.", mend)
-        self.router.lumenctl(*mend.split()[1:])
+                          "No host finds a gateway, and no port can be opened.", remedy)
+        self.router.lumenctl(*remedy.split()[1:])
         self.assert_well()
 
     def test_the_gateway_has_crashed(self):
         crashed = finding("The gateway has crashed; lumend starts it again in a while.",
-                          "Nobody finds a gateway, and no port can be opened.",
+                          "No host finds a gateway, and no port can be opened.",
                           "journalctl -u lumend, which shows why")
 
         def is_seen():
@@ -122,7 +122,7 @@ class CheckTest(CheckCase):
         self.router.start()
         place = self.router.root / "etc" / "services" / "upnp.ini"
         self.assert_found(f"lumend knows no gateway: its service file {place} is missing.",
-                          "Nobody finds a gateway, and no port can be opened.",
+                          "No host finds a gateway, and no port can be opened.",
                           "where Palinode was built: cp build/etc/services/upnp.ini "
                           f"{place}, then start lumend again")
 
@@ -134,15 +134,15 @@ class CheckTest(CheckCase):
         place.write_text(right.replace(f"user = {SERVICE_USER}", "user = palinode"))
         self.router.start()
         self.assert_found("lumend knows no gateway: the user palinode, as whom it runs, is missing.",
-                          "Nobody finds a gateway, and no port can be opened.",
+                          "No host finds a gateway, and no port can be opened.",
                           "systemd-sysusers palinode.conf && chown -R palinode: /lumen/store/upnp "
                           "/lumen/store/upnpm, then start lumend again")
         place.write_text(right)
-        self.assert_found(f"lumend knows no gateway: it has not taken the service file {place}, "
-                          "which is right now.",
-                          "Nobody finds a gateway, and no port can be opened.",
-                          "start lumend again; when that does not help, journalctl -u lumend tells "
-                          "why it does not take it")
+        self.assert_found(f"lumend knows no gateway: it has not read the service file {place}, "
+                          "which is correct now.",
+                          "No host finds a gateway, and no port can be opened.",
+                          "start lumend again; when that does not help, journalctl -u lumend shows "
+                          "why lumend rejects it")
         self.router.stop()
         self.router.start()
         self.assert_well()
@@ -165,21 +165,21 @@ class CheckTest(CheckCase):
             with self.subTest(limit=limit):
                 self.router.lumenctl("nat", "policy", "set", f"{limit}=0")
                 self.assert_refused()
-                mend = f"lumenctl nat policy set {limit}={usual}"
+                remedy = f"lumenctl nat policy set {limit}={usual}"
                 self.assert_found(f"The policy allows no open port: {limit} is 0.",
-                                  "Every program that asks for a port is refused.", mend)
-                self.assert_remedied(mend)
+                                  "Every program that asks for a port is refused.", remedy)
+                self.assert_remedied(remedy)
 
     def test_the_policy_excludes_the_lan(self):
         for clients in ("10.0.0.0/8,10.1.2.3", LAN_ADDRESS):
             with self.subTest(clients=clients):
                 self.router.lumenctl("nat", "policy", "set", f"internal-clients={clients}")
                 self.assert_refused()
-                mend = f"lumenctl nat policy set internal-clients={clients},192.168.88.0/24"
+                remedy = f"lumenctl nat policy set internal-clients={clients},192.168.88.0/24"
                 self.assert_found(f"The policy allows no port to the hosts of {LAN_BRIDGE}: "
                                   f"internal-clients is {clients.replace(',', ', ')}.",
-                                  "Every program there that asks for a port is refused.", mend)
-                self.assert_remedied(mend)
+                                  "Every program there that asks for a port is refused.", remedy)
+                self.assert_remedied(remedy)
 
     def test_the_gateway_does_not_answer(self):
         pid = self.router.gateway_pid()
@@ -190,12 +190,12 @@ class CheckTest(CheckCase):
             self.network.router.run("kill", "-CONT", str(pid))
         self.assertEqual((status, printed), (1, finding(
             "The gateway does not answer: no answer in time.",
-            "Nobody finds a gateway, and no port can be opened.",
+            "No host finds a gateway, and no port can be opened.",
             "systemctl restart lumend, which closes the open ports")))
 
     def test_there_is_no_internal_interface(self):
         self.router.lumenctl("upnp", "interface", "remove", LAN_BRIDGE)
-        self.assert_found("The gateway has no internal interface.", "Nobody finds it.",
+        self.assert_found("The gateway has no internal interface.", "No host finds it.",
                           "lumenctl upnp setup")
 
     def test_there_is_no_external_interface(self):
@@ -215,10 +215,10 @@ class CheckTest(CheckCase):
 
     def test_an_interface_is_switched_off(self):
         self.ip("link", "set", LAN_BRIDGE, "down")
-        mend = "ip link set br-lan up"
+        remedy = "ip link set br-lan up"
         self.assert_found("br-lan, an internal interface, is switched off.",
-                          "Its hosts find no gateway.", mend)
-        self.run_inside(mend)
+                          "Its hosts find no gateway.", remedy)
+        self.run_inside(remedy)
         self.assert_well()
 
     def test_an_interface_has_no_link(self):
@@ -241,11 +241,11 @@ class CheckTest(CheckCase):
 
     def test_a_link_is_marked_as_one_without_multicast(self):
         self.ip("link", "set", LAN_BRIDGE, "multicast", "off")
-        mend = "ip link set br-lan multicast on"
+        remedy = "ip link set br-lan multicast on"
         self.assert_found("br-lan, an internal interface, is marked as one without multicast.",
                           "Its hosts may not find the gateway, which they search by multicast.",
-                          mend)
-        self.run_inside(mend)
+                          remedy)
+        self.run_inside(remedy)
         self.assert_well()
 
     # Also proves [ctl-check-address].
@@ -258,22 +258,22 @@ class CheckTest(CheckCase):
 
     # Also proves [ctl-check-address].
     def test_hosts_on_the_internet_cannot_reach_the_external_address(self):
-        nobody = "Nobody on the Internet reaches a port that is opened here"
+        nobody = "No host on the Internet reaches a port that is opened here"
         subject = "The external address {} of wan0"
-        for address, what, why, mend in (
+        for address, what, why, remedy in (
                 ("192.168.1.2", "is private: another router stands between this one and the "
                  "Internet.", f"{nobody}, and many programs do not even try to open one.",
                  "on that router, forward all ports to 192.168.1.2, or let it pass its public "
                  "address on (bridge mode)"),
                 ("100.64.0.9", "belongs to the provider's own address translation.", f"{nobody}.",
                  "ask the provider for a public IPv4 address"),
-                ("169.254.7.7", "is one that wan0 gave itself: nobody else gave it any.",
+                ("169.254.7.7", "is one that wan0 gave itself, since no DHCP server gave it one.",
                  f"{nobody}.", "see why no DHCP server answers on wan0")):
             with self.subTest(address=address):
                 self.ip("address", "flush", "dev", WAN_LINK)
                 self.ip("address", "add", f"{address}/24", "dev", WAN_LINK)
                 self.ip("route", "add", "default", "dev", WAN_LINK)
-                self.assert_found(f"{subject.format(address)} {what}", why, mend)
+                self.assert_found(f"{subject.format(address)} {what}", why, remedy)
 
     def test_ports_are_stale(self):
         self.lan[0].open_port(8080, "TCP")
@@ -281,14 +281,14 @@ class CheckTest(CheckCase):
         self.ip("address", "flush", "dev", WAN_LINK)
         self.ip("address", "add", "45.45.45.9/24", "dev", WAN_LINK)
         self.ip("route", "add", "default", "via", WAN_HOST)
-        why = ("Nobody reaches them until the programs that opened them close and open them again, "
+        why = ("No host reaches them until the programs that opened them close and open them again, "
                "or the address is back.")
         what = "This router no longer has the address of some open ports (45.45.45.1): "
-        mend = ("restart these programs; for ports that stay, lumenctl upnp settings set "
+        remedy = ("restart these programs; for ports that stay, lumenctl upnp settings set "
                 "enabled=off, then enabled=on, closes all")
-        self.assert_found(f"{what}8080/tcp, 8081/udp.", why, mend)
+        self.assert_found(f"{what}8080/tcp, 8081/udp.", why, remedy)
         self.lan[0].close_port(8080, "TCP")
-        self.assert_found(f"{what}8081/udp.", why, mend)
+        self.assert_found(f"{what}8081/udp.", why, remedy)
         self.router.lumenctl("upnp", "settings", "set", "enabled=off")
         self.router.lumenctl("upnp", "settings", "set", "enabled=on")
         self.wait_until(lambda: self.router.gateway_pid() != 0, "the gateway is back")
@@ -298,11 +298,11 @@ class CheckTest(CheckCase):
 
     def test_packets_are_not_forwarded(self):
         self.run_inside("echo 0 > /proc/sys/net/ipv4/ip_forward")
-        mend = "sysctl -w net.ipv4.ip_forward=1"
+        remedy = "sysctl -w net.ipv4.ip_forward=1"
         self.assert_found("This router forwards no packets: net.ipv4.ip_forward is 0.",
                           "What arrives at an open port does not reach its host.",
-                          f"{mend} (a file in /etc/sysctl.d sets it at the next start)")
-        self.run_inside(mend)
+                          f"{remedy} (a file in /etc/sysctl.d sets it at the next start)")
+        self.run_inside(remedy)
         self.assert_well()
 
     def test_packets_of_one_interface_are_not_forwarded(self):
@@ -312,30 +312,30 @@ class CheckTest(CheckCase):
             with self.subTest(link=link):
                 variable = f"net/ipv4/conf/{link}/forwarding"
                 self.run_inside(f"echo 0 > /proc/sys/{variable}")
-                mend = f"sysctl -w {variable}=1"
+                remedy = f"sysctl -w {variable}=1"
                 self.assert_found(f"Packets that arrive on {link} are not forwarded: {variable} "
-                                  "is 0.", why, mend)
-                self.run_inside(mend)
+                                  "is 0.", why, remedy)
+                self.run_inside(remedy)
                 self.assert_well()
 
     def test_there_is_no_default_route(self):
         self.ip("route", "delete", "default")
-        mend = "ip route add default via GATEWAY dev wan0"
+        remedy = "ip route add default via GATEWAY dev wan0"
         self.assert_found("The main routing table has no default route.",
-                          "Answers to the Internet may not leave this router.", mend)
-        self.run_inside(mend.replace("GATEWAY", WAN_HOST))
+                          "Answers to the Internet may not leave this router.", remedy)
+        self.run_inside(remedy.replace("GATEWAY", WAN_HOST))
         self.assert_well()
 
     def test_the_packet_filter_takes_bridged_packets_for_forwarded(self):
         if not os.path.exists(BRIDGE_FILTER):
             self.skipTest("br_netfilter is not loaded, and to load it would change this machine")
         self.run_inside(f"echo 1 > {BRIDGE_FILTER}")
-        mend = "sysctl -w net.bridge.bridge-nf-call-iptables=0"
+        remedy = "sysctl -w net.bridge.bridge-nf-call-iptables=0"
         self.assert_found("The packet filter takes what only crosses the bridge br-lan for "
                           "forwarded: net.bridge.bridge-nf-call-iptables is 1.",
                           "A host there does not reach its own open port by the external address.",
-                          mend)
-        self.run_inside(mend)
+                          remedy)
+        self.run_inside(remedy)
         self.assert_well()
 
     # Other programs.
@@ -366,7 +366,7 @@ class CheckTest(CheckCase):
                 sock = self.listen(kind, int(port.split("/")[0]))
                 self.router.lumenctl("upnp", "settings", "set", "enabled=on")
                 expected = finding(f"{this} uses port {port}, which the gateway needs.", why,
-                                   f"stop it: systemctl status {os.getpid()} tells what started "
+                                   f"stop it: systemctl status {os.getpid()} shows what started "
                                    "it")
                 if kind == socket.SOCK_STREAM:
                     expected += finding(*NOT_LISTENING, number=2)
@@ -391,7 +391,7 @@ class CheckTest(CheckCase):
             printed = (self.router.lumenctl("status") if where == "outside" else
                        run_inside(self.router, "status")[1])
             self.assertRegex(printed, r"\AGateway: not reachable \(process \d+; lumenctl upnp check "
-                             r"tells why\)\n")
+                             r"shows why\)\n")
         self.assertEqual(self.router.status()["gateway"], "not reachable")
         with self.assertRaises(ConnectionRefusedError):
             self.lan[0].connect(LAN_ADDRESS, 2828)
@@ -424,12 +424,12 @@ class CheckTest(CheckCase):
         self.wait_until(lambda: "tcp bind: Address already in use" in self.router.log(),
                         "the gateway misses its port")
         taken.close()
-        mend = "lumenctl upnp interface set br-guest --enable"
-        self.assert_found(NOT_LISTENING[0].replace(LAN_BRIDGE, "br-guest"), NOT_LISTENING[1], mend)
+        remedy = "lumenctl upnp interface set br-guest --enable"
+        self.assert_found(NOT_LISTENING[0].replace(LAN_BRIDGE, "br-guest"), NOT_LISTENING[1], remedy)
         self.assertRegex(run_inside(self.router, "status")[1],
                          r"\AGateway: on \(process \d+; not reachable on br-guest, lumenctl upnp "
-                         r"check tells why\)\n")
-        self.router.lumenctl(*mend.split()[1:])
+                         r"check shows why\)\n")
+        self.router.lumenctl(*remedy.split()[1:])
         self.assert_well()
 
     def test_somebody_without_rights_is_told_so(self):
@@ -451,15 +451,15 @@ class FirewallTest(CheckCase):
         self.server = self.lan[0]
         self.server.open_port(8080, "TCP", internal_port=80)
 
-    def assert_stopped(self, chain, mend):
-        """The check finds that the chain stops open ports, it does, and `mend` mends it."""
+    def assert_stopped(self, chain, remedy):
+        """The check finds that the chain stops open ports, it does, and `remedy` fixes it."""
         self.assert_found("The firewall drops forwarded packets, and does not let those of open "
                           f"ports pass (chain {chain}).",
-                          "What arrives at an open port may not reach its host.", mend)
+                          "What arrives at an open port may not reach its host.", remedy)
         self.wan.namespace.run("sh", "-c", "echo 1 > /proc/sys/net/ipv4/tcp_syn_retries")
         with self.assertRaises(TimeoutError):
             self.reach()
-        self.run_inside(mend)
+        self.run_inside(remedy)
         self.assert_well()
         self.reach()
 
@@ -601,7 +601,7 @@ class FreshRouterTest(CheckCase):
 
     def test_the_gateway_is_not_set_up(self):
         self.assert_found("The gateway is not set up: it uses no interface.",
-                          "Nobody finds a gateway, and no port can be opened.",
+                          "No host finds a gateway, and no port can be opened.",
                           "lumenctl upnp setup")
 
 

@@ -63,8 +63,8 @@ class SetupTest(RouterCase):
         line = (f"lumenctl --root {self.router.root} upnp setup --internal br-lan --external wan0")
         self.assertEqual(
             run_inside(self.router, "upnp", "setup"),
-            (1, "", "lumenctl: roles are missing, and without a terminal nobody can be asked. "
-                    f"What would be proposed: {line}\n"))
+            (1, "", "lumenctl: roles are missing, and without a terminal there is no way to ask. "
+                    f"The proposal: {line}\n"))
         self.assert_not_set_up()
         self.assertEqual(run_inside(self.router, *line.split()[3:]), (0, DONE, ""))
 

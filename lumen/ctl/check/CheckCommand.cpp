@@ -19,7 +19,7 @@ void print(Session& session, const Findings& findings, const std::vector<std::st
     const std::string indent(counter.size(), ' ');
     out << counter << printable(finding.what) << '\n'
         << indent << printable(finding.why) << '\n'
-        << indent << "Mend it: " << printable(finding.mend) << "\n\n";
+        << indent << "Fix it: " << printable(finding.remedy) << "\n\n";
   }
   if (findings.empty()) out << "Nothing is wrong.\n";
   for (const std::string& part : unchecked) out << "Not checked: " << part << ".\n";
@@ -29,8 +29,10 @@ void printJson(Session& session, const Findings& findings,
                const std::vector<std::string>& unchecked) {
   Json list = Json::array();
   for (const Finding& finding : findings) {
-    list.push_back(
-        {{"id", finding.id}, {"what", finding.what}, {"why", finding.why}, {"mend", finding.mend}});
+    list.push_back({{"id", finding.id},
+                    {"what", finding.what},
+                    {"why", finding.why},
+                    {"remedy", finding.remedy}});
   }
   session.print({{"findings", list}, {"not_checked", unchecked}});
 }
@@ -50,7 +52,7 @@ void check(Session& session) {
 
 void addCheckCommand(CLI::App& upnp, Session& session) {
   CLI::App* command =
-      upnp.add_subcommand("check", "tell what keeps the gateway from working, and how to mend it");
+      upnp.add_subcommand("check", "show what keeps the gateway from working, and how to fix it");
   addExamples(*command, {{"upnp check", "what is wrong; as root it sees more"}},
               "Exit status: 0 nothing is wrong; 1 something is.");
   command->callback([&session] { check(session); });

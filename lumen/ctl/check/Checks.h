@@ -6,10 +6,10 @@
 /// The checks of `upnp check`, each a function of what was read.
 namespace lumenctl {
 
-/// What is wrong, in the order in which it should be mended.
+/// What is wrong, in the order in which to fix it.
 [[nodiscard]] Findings findProblems(const Observation& seen);
 
-/// What could not be looked at, and what that needs.
+/// What could not be checked, and what that needs.
 [[nodiscard]] std::vector<std::string> notChecked(const Observation& seen);
 
 // The platform and the gateway.

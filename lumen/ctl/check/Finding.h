@@ -5,12 +5,12 @@
 
 namespace lumenctl {
 
-/// Something that keeps the gateway from doing its work, in words for whoever runs the router.
+/// Something that keeps the gateway from doing its work, in words for the administrator.
 struct Finding {
-  std::string id;    ///< for programs: the same whatever the rest says
-  std::string what;  ///< what is wrong
-  std::string why;   ///< what comes of it
-  std::string mend;  ///< the command, or else the deed, that mends it
+  std::string id;      ///< for programs; stays the same when the texts change
+  std::string what;    ///< what is wrong
+  std::string why;     ///< its effect
+  std::string remedy;  ///< the command that fixes it, or else what to do
 
   [[nodiscard]] bool operator==(const Finding&) const = default;
 };

@@ -31,10 +31,10 @@ Findings checkRoles(const std::vector<CheckedInterface>& interfaces) {
   const bool internal = hasRole(interfaces, Role::internal);
   if (!external && !internal) {
     return {{"not-set-up", "The gateway is not set up: it uses no interface.",
-             "Nobody finds a gateway, and no port can be opened.", "lumenctl upnp setup"}};
+             "No host finds a gateway, and no port can be opened.", "lumenctl upnp setup"}};
   }
   if (!internal) {
-    return {{"no-internal-interface", "The gateway has no internal interface.", "Nobody finds it.",
+    return {{"no-internal-interface", "The gateway has no internal interface.", "No host finds it.",
              "lumenctl upnp setup"}};
   }
   if (!external) {
@@ -44,9 +44,9 @@ Findings checkRoles(const std::vector<CheckedInterface>& interfaces) {
   return {};
 }
 
-/// What brings back a service file that is missing.
+/// What restores a service file that is missing.
 std::string fileRemedy(const GatewayFile& file, const std::string& restart) {
-  // dpkg leaves a configuration file that was deleted away, unless it is told otherwise.
+  // dpkg does not restore a deleted configuration file unless it is told to.
   if (file.packaged) {
     return "where the file of the package lies: apt-get install --reinstall --option "
            "Dpkg::Options::=--force-confmiss ./palinode-igd_*.deb && " +
@@ -84,11 +84,10 @@ Finding notInstalled(const GatewayFile& file, const std::string& consequence) {
             subject + "its service file " + file.path + " is wrong: " + file.accepted.why() + ".",
             consequence, "correct the file, then " + restart};
   }
-  return {
-      "gateway-file-not-read",
-      subject + "it has not taken the service file " + file.path + ", which is right now.",
-      consequence,
-      restart + "; when that does not help, journalctl -u lumend tells why it does not take it"};
+  return {"gateway-file-not-read",
+          subject + "it has not read the service file " + file.path + ", which is correct now.",
+          consequence,
+          restart + "; when that does not help, journalctl -u lumend shows why lumend rejects it"};
 }
 
 /// An external address that hosts on the Internet cannot reach.
@@ -97,18 +96,19 @@ Finding unreachable(const std::string& interface, uint32_t address) {
   if (isCarrierGrade(address)) {
     return {"external-address-carrier-grade",
             subject + " belongs to the provider's own address translation.",
-            "Nobody on the Internet reaches a port that is opened here.",
+            "No host on the Internet reaches a port that is opened here.",
             "ask the provider for a public IPv4 address"};
   }
   if (isLinkLocal(address)) {
-    return {"external-address-link-local",
-            subject + " is one that " + interface + " gave itself: nobody else gave it any.",
-            "Nobody on the Internet reaches a port that is opened here.",
-            "see why no DHCP server answers on " + interface};
+    return {
+        "external-address-link-local",
+        subject + " is one that " + interface + " gave itself, since no DHCP server gave it one.",
+        "No host on the Internet reaches a port that is opened here.",
+        "see why no DHCP server answers on " + interface};
   }
   return {"external-address-private",
           subject + " is private: another router stands between this one and the Internet.",
-          "Nobody on the Internet reaches a port that is opened here, and many programs do not "
+          "No host on the Internet reaches a port that is opened here, and many programs do not "
           "even try to open one.",
           "on that router, forward all ports to " + dotted(address) +
               ", or let it pass its public address on (bridge mode)"};
@@ -129,18 +129,18 @@ Findings checkPlatform(const Observation& seen) {
 
 Findings checkGateway(const Observation& seen) {
   if (!seen.reached || !seen.answered) return {};
-  const char* const nobodyFindsIt = "Nobody finds a gateway, and no port can be opened.";
+  const char* const noGateway = "No host finds a gateway, and no port can be opened.";
   switch (seen.gateway.state) {
     case GatewayState::notInstalled:
-      return {notInstalled(seen.gatewayFile, nobodyFindsIt)};
+      return {notInstalled(seen.gatewayFile, noGateway)};
     case GatewayState::crashed:
       return {{"gateway-crashed", "The gateway has crashed; lumend starts it again in a while.",
-               nobodyFindsIt, "journalctl -u lumend, which shows why"}};
+               noGateway, "journalctl -u lumend, which shows why"}};
     case GatewayState::notAnswering:
       return {{"gateway-silent",
                "The gateway does not answer: " +
                    (seen.gateway.answer ? seen.gateway.answer->why() : "") + ".",
-               nobodyFindsIt, "systemctl restart lumend, which closes the open ports"}};
+               noGateway, "systemctl restart lumend, which closes the open ports"}};
     case GatewayState::starting:
     case GatewayState::notReachable:
     case GatewayState::off:
@@ -149,7 +149,7 @@ Findings checkGateway(const Observation& seen) {
   }
   Findings findings = checkRoles(seen.interfaces);
   if (seen.gateway.state == GatewayState::off && !seen.interfaces.empty()) {
-    findings.insert(findings.begin(), {"gateway-off", "The gateway is switched off.", nobodyFindsIt,
+    findings.insert(findings.begin(), {"gateway-off", "The gateway is switched off.", noGateway,
                                        "lumenctl upnp settings set enabled=on"});
   }
   return findings;
@@ -194,7 +194,7 @@ Findings checkSockets(const std::vector<CheckedInterface>& interfaces) {
                         "The gateway does not listen at " + joined(interface.silentPorts) + " on " +
                             interface.name + ".",
                         "Its hosts cannot reach the gateway, which tries to listen only when it "
-                        "starts there (journalctl -t palinode-igd tells why it could not).",
+                        "starts there (journalctl -t palinode-igd shows why it failed).",
                         "lumenctl upnp interface set " + interface.name + " --enable"});
   }
   return findings;
@@ -241,7 +241,7 @@ Findings checkStalePorts(const std::vector<NatRule>& rules) {
   return {{"stale-ports",
            "This router no longer has the address of some open ports (" + joined(addresses) +
                "): " + list + ".",
-           "Nobody reaches them until the programs that opened them close and open them again, or "
+           "No host reaches them until the programs that opened them close and open them again, or "
            "the address is back.",
            "restart these programs; for ports that stay, lumenctl upnp settings set enabled=off, "
            "then enabled=on, closes all"}};

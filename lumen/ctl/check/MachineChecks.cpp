@@ -64,9 +64,9 @@ Finding portInUse(const PortUser& user) {
               " uses port " + port + (tcp ? "/tcp" : "/udp") + ", which the gateway needs.",
           tcp ? "The gateway may not be able to serve the description that programs read first."
               : "The gateway may not hear the programs that search for it.",
-          known ? "stop it: systemctl status " + process + " tells what started it"
+          known ? "stop it: systemctl status " + process + " shows what started it"
                 : "stop it: ss --" + std::string(tcp ? "tcp" : "udp") +
-                      " --listening --processes sport = :" + port + ", as root, tells what it is"};
+                      " --listening --processes sport = :" + port + ", as root, shows what it is"};
 }
 
 }  // namespace

@@ -22,7 +22,7 @@ const CLI::Validator& interfaceName() {
   static const CLI::Validator validator(
       [](const std::string& name) -> std::string {
         // What the kernel takes (net/core/dev.c, dev_valid_name), less the control characters and
-        // what is an option behind one that lacks its name.
+        // what looks like an option after one that lacks its name.
         const bool valid = !name.empty() && name.size() < IFNAMSIZ && name != "." && name != ".." &&
                            name.front() != '-' &&
                            std::all_of(name.begin(), name.end(), [](unsigned char c) {

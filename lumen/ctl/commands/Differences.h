@@ -19,7 +19,7 @@ struct Difference {
 };
 
 /// What each change of `history`, the oldest first, changed. A change is kept as the message that
-/// takes it back, which has the values before it; those after it are the values before the next
+/// undoes it, which has the values before it; those after it are the values before the next
 /// change of the same thing, or those of `now` (none: not known). Changes of other services than
 /// the gateway are not understood, and have no differences.
 [[nodiscard]] std::vector<std::vector<Difference>> differences(

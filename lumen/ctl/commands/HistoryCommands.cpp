@@ -91,8 +91,8 @@ void show(Session& session) {
   }
 }
 
-/// What takes a change back adds itself to the history, as a change like any other. The undone one
-/// leaves it last: a refused undo stays the newest.
+/// Undoing adds a change to the history like any other. The undone one leaves it last: a refused
+/// undo stays the newest.
 void undo(Session& session) {
   const std::vector<Change> history = session.router().history();
   if (history.empty()) throw Refused("there is nothing to undo");
@@ -112,8 +112,8 @@ void addHistoryCommands(CLI::App& app, Session& session) {
   history->callback([&session] { show(session); });
 
   CLI::App* undoing =
-      app.add_subcommand("undo", "take the newest change back; once more brings it back");
-  addExamples(*undoing, {{"undo", "take back what lumenctl history shows first"}});
+      app.add_subcommand("undo", "undo the newest change; undoing again makes it again");
+  addExamples(*undoing, {{"undo", "undo what lumenctl history shows first"}});
   undoing->callback([&session] {
     session.changes = true;
     undo(session);

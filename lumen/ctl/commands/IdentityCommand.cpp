@@ -8,7 +8,7 @@
 namespace lumenctl {
 
 void addIdentityCommand(CLI::App& app, Session& session) {
-  CLI::App* command = app.add_subcommand("identity", "what tells this router from every other");
+  CLI::App* command = app.add_subcommand("identity", "the unique identity of this router");
   addExamples(*command, {{"identity", "what its UPnP device names end in"}});
   command->callback([&session] {
     const std::string identity = session.router().identity();

@@ -141,7 +141,7 @@ void addPolicy(CLI::App& group, Session& session) {
               {{"nat policy show", "in a table"}, {"nat policy show --json", "for a program"}});
   show->callback([&session] { showPolicy(session); });
 
-  CLI::App* set = policy->add_subcommand("set", "set some of it, the rest stays as it is");
+  CLI::App* set = policy->add_subcommand("set", "set some of it; the rest stays unchanged");
   addExamples(*set, {{"nat policy set external-ports=1024-65535", "no port below 1024"},
                      {"nat policy set internal-clients=192.168.88.0/24 max-rules=100",
                       "fewer, to one network"}});
@@ -186,7 +186,7 @@ void addNatCommands(CLI::App& app, Session& session) {
 
   CLI::App* closing = group->add_subcommand(
       "close", "close a port at once; it stays listed until the program that opened it lets go");
-  addExamples(*closing, {{"nat close 8080/tcp", "nobody gets in by it any more"}});
+  addExamples(*closing, {{"nat close 8080/tcp", "no host gets in through it from then on"}});
   auto port = std::make_shared<std::string>();
   closing->add_option("port", *port, "such as 8080/tcp")->required()->type_name("PORT/PROTOCOL");
   closing->callback([&session, port] {

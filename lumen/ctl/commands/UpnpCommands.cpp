@@ -95,7 +95,7 @@ GatewayObject objectOf(Session& session, const Interface& interface) {
 
 struct InterfaceArguments {
   std::string name;
-  std::string role;  // empty: as it is
+  std::string role;  // empty: unchanged
   bool disable = false;
   bool enable = false;
 };

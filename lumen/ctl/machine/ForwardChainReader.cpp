@@ -6,7 +6,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
-// Behind netinet/in.h, whose types it uses.
+// After netinet/in.h, whose types it uses.
 #include <linux/netfilter_ipv4/ip_tables.h>
 
 #include <algorithm>

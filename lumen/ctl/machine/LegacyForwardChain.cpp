@@ -1,7 +1,7 @@
 #include "lumen/ctl/machine/LegacyForwardChain.h"
 
 #include <netinet/in.h>
-// Behind netinet/in.h, whose types it uses.
+// After netinet/in.h, whose types it uses.
 #include <linux/netfilter_ipv4/ip_tables.h>
 
 #include <array>

@@ -10,7 +10,7 @@
 
 namespace lumenctl {
 
-/// The machine as it is.
+/// The real machine.
 class LinuxMachine : public Machine {
  public:
   [[nodiscard]] std::optional<std::string> read(const std::string& path) override;
@@ -26,7 +26,7 @@ class LinuxMachine : public Machine {
   [[nodiscard]] std::optional<std::string> typedLine() override;
 
  private:
-  std::optional<Interruption> interruption_;  // none until somebody waits
+  std::optional<Interruption> interruption_;  // none until the first pause
 };
 
 }  // namespace lumenctl

@@ -16,12 +16,11 @@ namespace lumenctl {
 /// A program at work.
 struct Process {
   uint32_t id = 0;   ///< 0: not to be seen
-  std::string name;  ///< as the kernel has it, cut to 15 bytes
+  std::string name;  ///< the kernel's, cut to 15 bytes
 };
 
-/// The machine that lumenctl runs on, as far as it looks at it itself instead of asking the
-/// platform: in the network namespace that it was started in, with the rights of whoever started
-/// it.
+/// What lumenctl reads from the machine itself instead of asking the platform: in its own network
+/// namespace, with the rights of its user.
 class Machine {
  public:
   virtual ~Machine() = default;
@@ -40,7 +39,7 @@ class Machine {
   /// CAP_NET_ADMIN.
   [[nodiscard]] virtual std::optional<std::vector<ForwardChain>> forwardChains() = 0;
 
-  /// Whether somebody sits at a terminal and can be asked.
+  /// Whether there is a terminal at which the user can be asked.
   [[nodiscard]] virtual bool hasTerminal() = 0;
   /// Whether what is printed may have colours.
   [[nodiscard]] virtual bool showsColours() = 0;

@@ -5,7 +5,7 @@
 #include <linux/netfilter/nf_tables_compat.h>
 #include <linux/netfilter/nfnetlink.h>
 #include <netinet/in.h>
-// Behind netinet/in.h, whose types it uses.
+// After netinet/in.h, whose types it uses.
 #include <linux/netfilter.h>
 
 #include <algorithm>

@@ -14,7 +14,7 @@
 
 namespace lumenctl {
 
-/// Collects the forward chains from what nf_tables tells of its chains and rules
+/// Collects the forward chains from the dumps of nf_tables' chains and rules
 /// (linux/netfilter/nf_tables.h).
 class NftForwardChains {
  public:

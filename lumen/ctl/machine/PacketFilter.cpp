@@ -1,7 +1,7 @@
 #include "lumen/ctl/machine/PacketFilter.h"
 
 #include <netinet/in.h>
-// Behind netinet/in.h, whose types it uses.
+// After netinet/in.h, whose types it uses.
 #include <linux/netfilter/nf_conntrack_common.h>
 #include <linux/netfilter/xt_conntrack.h>
 

@@ -7,13 +7,12 @@
 #include <string_view>
 #include <vector>
 
-/// The chains that other programs' firewalls have for forwarded IPv4 packets, as far as it matters
-/// for open ports.
+/// The chains of other programs' firewalls for forwarded IPv4 packets: what matters for open ports.
 namespace lumenctl {
 
 /// What a rule does to the first packet that comes from the Internet for an open port.
 enum class RuleEffect {
-  unknown,           ///< nothing, or it depends on what nobody here can tell
+  unknown,           ///< none, or it depends on what cannot be seen here
   acceptsOpenPorts,  ///< lets pass what was translated to another destination
   acceptsAll,
   dropsAll,
@@ -24,7 +23,7 @@ struct ForwardChain {
   enum class Tool { nft, iptables, iptablesLegacy };  ///< what its rules are changed with
   enum class Manager { none, ufw, firewalld };        ///< the program that keeps them
 
-  /// Whether the packets for open ports do not pass it, as far as can be told.
+  /// Whether it seems to stop the packets for open ports.
   [[nodiscard]] bool stopsOpenPorts() const;
 
   Tool tool = Tool::nft;

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-/// The names of what programs say to each other, as far as this program knows them.
+/// The known names of the commands and fields of messages.
 namespace lumenctl {
 
 /// The service and the handler that a message is about: where a request goes, and where its reply
@@ -20,7 +20,7 @@ struct Subject {
 };
 
 enum class Meaning {
-  plain,    ///< the value as it is
+  plain,    ///< the plain value
   address,  ///< an IPv4 address
   command,  ///< a command of the subject
   undo,     ///< a message to the one that a change in the history is about

@@ -8,8 +8,8 @@
 
 namespace lumenctl {
 
-/// What a message about `subject` says, with names for its fields and their values as far as they
-/// are known, and "u32 0x08000077" for a key that is not. The fields of its transport are left out.
+/// What a message about `subject` says, with the known names of its fields and values, and "u32
+/// 0x08000077" for a key that is not. The fields of its transport are left out.
 [[nodiscard]] nlohmann::ordered_json decoded(const lm::message& m, Subject subject);
 
 /// A decoded value on one line that any terminal can show: `id=3 address=45.45.45.1

@@ -26,7 +26,7 @@ struct Passed {
     message,  ///< none of these
   };
 
-  /// On one line, behind the time of day.
+  /// On one line, after the time of day.
   [[nodiscard]] std::string line() const;
   [[nodiscard]] Json json() const;
 

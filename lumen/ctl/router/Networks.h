@@ -23,7 +23,7 @@ namespace lumenctl {
   return isWithin(address, 100, 64, 10);
 }
 
-/// RFC 3927: what a host gives itself when nobody else does.
+/// RFC 3927: what a host gives itself when no server gives it an address.
 [[nodiscard]] inline bool isLinkLocal(uint32_t address) { return isWithin(address, 169, 254, 16); }
 
 }  // namespace lumenctl

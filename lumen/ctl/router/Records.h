@@ -104,7 +104,7 @@ struct NatPolicyChange {
   std::optional<uint32_t> maxRulesPerClient;
 };
 
-/// A change of the router that can be taken back.
+/// A change of the router that can be undone.
 struct Change {
   explicit Change(const lm::message& record);
 
@@ -114,7 +114,7 @@ struct Change {
   uint32_t handler = 0;
   std::string text;
   uint32_t undoCommand = 0;
-  lm::message undo;  ///< what takes it back, without the fields of its transport
+  lm::message undo;  ///< the request that undoes it, without the fields of its transport
 };
 
 /// A program that the platform starts.

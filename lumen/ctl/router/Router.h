@@ -41,7 +41,7 @@ class Router {
 
   // What was changed, the newest last.
   [[nodiscard]] std::vector<Change> history();
-  /// Takes the change back. It stays in the history.
+  /// Undoes the change. It stays in the history.
   void undo(const Change& change);
   void removeFromHistory(uint32_t id);
 

@@ -43,7 +43,7 @@ lm::message SocketClient::exchange(const std::vector<uint32_t>& destination, uin
       connection_.exchange(std::move(request), command, static_cast<uint32_t>(limit.count()));
   const bool refused = connection_.ended() && !lm::getError(reply).empty();
   if (refused && !answered_) {
-    // What lumend does with whoever has no rights.
+    // lumend ends the connection of a user without rights so.
     return lm::errorMsg(lm::errorRefused,
                         "connection ended: lumend answers root and the group lumen only");
   }

@@ -12,7 +12,7 @@ enum class Colour { none, heading, good, warning, bad };
 /// variables NO_COLOR, see no-color.org, and TERM; null: not set.
 [[nodiscard]] bool wantsColours(bool terminal, const char* noColor, const char* term);
 
-/// `text` between the control sequences (ECMA-48, SGR) that set its colour and take it back.
+/// `text` between the control sequences (ECMA-48, SGR) that set its colour and reset it.
 [[nodiscard]] std::string coloured(std::string_view text, Colour colour);
 
 /// A word for a state in the colour that shows what it means.

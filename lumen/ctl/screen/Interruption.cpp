@@ -25,7 +25,7 @@ Interruption::Interruption() {
 }
 
 bool Interruption::wait(int fd, std::optional<std::chrono::milliseconds> limit) const {
-  // A pipe that nobody reads any more reports an error without being asked for events.
+  // A pipe without a reader reports an error without being asked for events.
   std::array<pollfd, 3> watched = {
       {{signals_.get(), POLLIN, 0}, {STDOUT_FILENO, 0, 0}, {fd, POLLIN, 0}}};
   const int timeout = limit ? static_cast<int>(limit->count()) : -1;

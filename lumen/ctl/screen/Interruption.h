@@ -7,8 +7,8 @@
 
 namespace lumenctl {
 
-/// What ends a command that would go on for ever: SIGINT, SIGTERM, or that nobody reads the
-/// standard output any more.
+/// What ends a command that would go on for ever: SIGINT, SIGTERM, or a standard output
+/// that has lost its reader.
 class Interruption {
  public:
   /// From now on the signals do not end the program.

@@ -21,7 +21,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Other screen, no cursor, no new line behind the last column; and back (xterm's control
+// Other screen, no cursor, no new line after the last column; and back (xterm's control
 // sequences).
 constexpr std::string_view enter = "\x1b[?1049h\x1b[?25l\x1b[?7l";
 constexpr std::string_view leave = "\x1b[?7h\x1b[?25h\x1b[?1049l";
@@ -73,7 +73,7 @@ TerminalScreen::TerminalScreen() : hasKeys_(isatty(STDIN_FILENO) != 0) {
   settings.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
   settings.c_cc[VMIN] = 0;
   settings.c_cc[VTIME] = 0;
-  // Stopped, it would leave its screen behind.
+  // Stopped, it would leave its screen on the terminal.
   settings.c_cc[VSUSP] = _POSIX_VDISABLE;
   tcsetattr(STDOUT_FILENO, TCSAFLUSH, &settings);
   writeAll(enter);
@@ -104,7 +104,7 @@ void TerminalScreen::draw(const std::vector<std::string>& lines) {
   std::string text = "\x1b[H";  // to the first column of the first line
   for (const std::string& line : lines) {
     if (&line != &lines.front()) text += "\r\n";
-    text += line + "\x1b[K";  // what was shown behind it goes
+    text += line + "\x1b[K";  // clear the rest of the line
   }
   text += "\x1b[J";
   if (!writeAll(text)) throw Refused("standard output cannot be written");

@@ -20,7 +20,7 @@ class TerminalScreen : public Screen {
   /// As the locale in the environment says.
   [[nodiscard]] bool showsUtf8() override;
   void draw(const std::vector<std::string>& lines) override;
-  /// Somebody wants to see no more when q is typed.
+  /// The user ends it with q.
   [[nodiscard]] Event wait(std::chrono::milliseconds limit) override;
 
  private:

@@ -69,7 +69,7 @@ void show(Session& session, const Proposal& proposal, const std::vector<Interfac
   for (const Interface& interface : interfaces) {
     if (interface.role == Role::none) continue;
     if (std::find(named.begin(), named.end(), interface.name) != named.end()) continue;
-    table.add({interface.name, "none", roleName(interface.role) + " so far"});
+    table.add({interface.name, "none", roleName(interface.role) + " until now"});
   }
   session.print(table);
   out << '\n';
@@ -82,8 +82,8 @@ bool agrees(Session& session) {
   return answer == "y" || answer == "Y" || answer == "yes";
 }
 
-/// Puts what is proposed for the missing roles into `arguments`; throws Refused when it is not
-/// wanted or nobody can be asked.
+/// Puts what is proposed for the missing roles into `arguments`; throws Refused when the user
+/// declines it or cannot be asked.
 void complete(Session& session, Arguments& arguments) {
   const std::vector<Interface> interfaces = session.router().interfaces();
   if (!arguments.allowMissing) requirePresent(namesIn(arguments), interfaces);
@@ -94,10 +94,10 @@ void complete(Session& session, Arguments& arguments) {
   if (!proposed) throw Refused(proposed.why());
   const Proposal& proposal = *proposed;
   if (!arguments.yes && (session.json || !session.machine().hasTerminal())) {
-    throw Refused(std::string("roles are missing, and ") +
-                  (session.json ? "with --json" : "without a terminal") +
-                  " nobody can be asked. What would be proposed: " +
-                  commandLine(session, arguments, proposal));
+    throw Refused(
+        std::string("roles are missing, and ") +
+        (session.json ? "with --json" : "without a terminal") +
+        " there is no way to ask. The proposal: " + commandLine(session, arguments, proposal));
   }
   if (!session.json) show(session, proposal, interfaces);
   if (!arguments.yes && !agrees(session)) throw Refused("nothing was changed");
@@ -110,7 +110,7 @@ void complete(Session& session, Arguments& arguments) {
 void addSetupCommand(CLI::App& upnp, Session& session) {
   auto arguments = std::make_shared<Arguments>();
   CLI::App* setup = upnp.add_subcommand(
-      "setup", "make this router an Internet gateway; what is not said is proposed first");
+      "setup", "make this router an Internet gateway; roles that are not given are proposed first");
   addExamples(*setup, {{"upnp setup", "propose the roles, ask, and do it"},
                        {"upnp setup --internal br-lan --external wan0", "one network at home"},
                        {"upnp setup --internal br-lan br-guest --external ppp0", "two of them"},

@@ -50,9 +50,9 @@ void Status::findUnreachable(const GatewaySockets& sockets) {
   }
   if (!reachable) {
     gateway = GatewayState::notReachable;
-    detail += "; lumenctl upnp check tells why";
+    detail += "; lumenctl upnp check shows why";
   } else if (!silent.empty()) {
-    detail += "; not reachable on " + joined(silent) + ", lumenctl upnp check tells why";
+    detail += "; not reachable on " + joined(silent) + ", lumenctl upnp check shows why";
   }
 }
 

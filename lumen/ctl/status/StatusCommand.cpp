@@ -83,7 +83,7 @@ void repeat(Session& session) {
 
 void run(Session& session, bool again) {
   if (again) {
-    // Whether anybody answers is known before there is another screen.
+    // Fails before the screen is switched when lumend does not answer.
     static_cast<void>(session.router());
     const std::unique_ptr<Screen> screen = session.json ? nullptr : session.machine().screen();
     if (screen) {
@@ -112,7 +112,7 @@ void addStatusCommand(CLI::App& app, Session& session) {
   auto again = std::make_shared<bool>(false);
   command->add_flag(
       "--watch", *again,
-      "show it anew each second until q or Ctrl-C; without a terminal one below the other");
+      "redraw it each second until q or Ctrl-C; without a terminal, print it each second");
   command->callback([&session, again] { run(session, *again); });
 }
 

@@ -6,7 +6,7 @@
 
 namespace lumenctl {
 
-/// What was asked for could not be done; the text says why. Ends the program with status 1.
+/// The request could not be carried out; the text says why. Ends the program with status 1.
 class Refused : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -21,7 +21,7 @@ class PlatformSilent : public Refused {
 /// The command line is wrong, whatever the state of the router. Ends the program with status 2.
 class WrongUsage : public std::runtime_error {
  public:
-  /// `advice` is a sentence that tells where to read on; empty: at the command's --help.
+  /// `advice` is a sentence that names where to read on; empty: the command's --help.
   WrongUsage(const std::string& text, std::string advice = "")
       : std::runtime_error(text), advice_(std::move(advice)) {}
 

@@ -15,7 +15,7 @@
 
 namespace lumenctl {
 
-/// A machine with the files that a test writes, and nobody at a terminal until something is typed.
+/// A machine with the files that a test writes, and no terminal until the user types something.
 struct FakeMachine : Machine {
   std::optional<std::string> read(const std::string& path) override {
     const auto it = files.find(path);
@@ -42,8 +42,8 @@ struct FakeMachine : Machine {
     return line;
   }
 
-  /// Somebody sits at a terminal and will type that.
-  void somebodyTypes(const std::string& line) {
+  /// The user sits at a terminal and will type that.
+  void userTypes(const std::string& line) {
     terminal = true;
     typed.push_back(line);
   }

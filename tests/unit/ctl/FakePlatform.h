@@ -43,7 +43,7 @@ class FakePlatform {
   [[nodiscard]] lm::message& lastPort() { return rules_.back(); }
   void gatewayUses(const std::string& link, uint32_t role, bool disabled = false);
   void gatewayIs(const std::string& state, uint32_t pid = 0, uint64_t nextStart = 0);
-  /// A change that the gateway's handler 0 made, and the command that takes it back. Returns its
+  /// A change that the gateway's handler 0 made, and the command that undoes it. Returns its
   /// id.
   uint32_t wasChanged(const std::string& text, uint32_t undoCommand, lm::message undo);
   /// While it is monitored, `m` passes from one number to another.
@@ -67,7 +67,7 @@ class FakePlatform {
   void sendsShortPages(bool endless = false);
 
   // What happened.
-  /// Every request so far: "[20,0] fe0005 20010005="wan0" 08010010=1".
+  /// Every request since forgetRequests(): "[20,0] fe0005 20010005="wan0" 08010010=1".
   [[nodiscard]] const std::vector<std::string>& requests() const { return requests_; }
   /// Those of them that change something.
   [[nodiscard]] std::vector<std::string> changes() const;

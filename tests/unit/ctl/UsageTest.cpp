@@ -18,7 +18,7 @@ struct Usage : testing::Test {
 // Promise [ctl-status]: lumenctl ends with 0 when all was done, with 1 and `lumenctl: ` and the
 // reason on standard error when the platform refused, and with 2 when it was called wrongly.
 // Promise: Wrong arguments are refused before anybody is asked, with the reason and which `--help`
-// tells more: `lumenctl nat close --help tells how it is used.`
+// says more: `lumenctl nat close --help shows its usage.`
 TEST_F(Usage, EndsWith2WhenTheArgumentsAreWrong) {
   const std::vector<std::pair<Lines, const char*>> wrong = {
       {{}, "no command"},
@@ -61,7 +61,7 @@ TEST_F(Usage, EndsWith2WhenTheArgumentsAreWrong) {
     EXPECT_TRUE(result.err.starts_with("lumenctl: ")) << reason << ": " << result.err;
     const std::string advice = result.err.substr(result.err.find('\n') + 1);
     EXPECT_TRUE(advice.starts_with("lumenctl ")) << result.err;
-    EXPECT_TRUE(advice.ends_with(" --help tells how it is used.\n") ||
+    EXPECT_TRUE(advice.ends_with(" --help shows its usage.\n") ||
                 advice.ends_with(" --help lists the commands.\n"))
         << result.err;
   }
@@ -72,7 +72,7 @@ TEST_F(Usage, EndsWith2WhenTheArgumentsAreWrong) {
 // one that was likely meant and where the right ones are listed: `there is no command 'statsu'; did
 // you mean 'status'?`, `lumenctl --help lists the commands.`
 TEST_F(Usage, NamesTheWordThatItDidNotUnderstandAndTheLikelyOne) {
-  const std::string toldBy = " --help tells how it is used.\n";
+  const std::string toldBy = " --help shows its usage.\n";
   const std::string listedBy = " --help lists the commands.\n";
   const std::vector<std::pair<Lines, std::string>> wrong = {
       {{"statsu"}, "there is no command 'statsu'; did you mean 'status'?\nlumenctl" + listedBy},

@@ -98,12 +98,12 @@ TEST_F(CheckCommand, NumbersWhatItFindsAndEndsWith1) {
   EXPECT_EQ(result.out,
             "1. The main routing table has no default route.\n"
             "   Answers to the Internet may not leave this router.\n"
-            "   Mend it: ip route add default via GATEWAY dev wan0\n"
+            "   Fix it: ip route add default via GATEWAY dev wan0\n"
             "\n"
             "2. Packets that arrive on wan0 are not forwarded: net/ipv4/conf/wan0/forwarding is "
             "0.\n"
             "   What arrives there for an open port does not reach its host.\n"
-            "   Mend it: sysctl -w net/ipv4/conf/wan0/forwarding=1\n"
+            "   Fix it: sysctl -w net/ipv4/conf/wan0/forwarding=1\n"
             "\n");
   EXPECT_EQ(result.err, "");
 }
@@ -121,7 +121,7 @@ TEST_F(CheckCommand, AnswersInJson) {
             "      \"what\": \"The kernel, 5.4.0, is older than 5.12.\",\n"
             "      \"why\": \"lumend does not start: the kernel cannot keep other programs out of "
             "its table of open ports.\",\n"
-            "      \"mend\": \"install a newer kernel and start it\"\n    }\n  ],\n"
+            "      \"remedy\": \"install a newer kernel and start it\"\n    }\n  ],\n"
             "  \"not_checked\": [\n    \"the firewall, which takes root to read\"\n  ]\n}\n");
 }
 
@@ -148,7 +148,7 @@ TEST_F(CheckCommand, SaysThatThePlatformRefuses) {
   EXPECT_EQ(check().out,
             "1. lumend does not answer: not permitted.\n"
             "   What depends on it was not checked.\n"
-            "   Mend it: sudo lumenctl upnp check\n\n");
+            "   Fix it: sudo lumenctl upnp check\n\n");
 }
 
 // Also proves [ctl-check-safe].
@@ -170,8 +170,8 @@ TEST_F(CheckCommand, TellsAGatewayThatIsOffFromOneThatIsSilent) {
   router.refuses({40, 0}, lm::cmd::get, "no answer in time");
   EXPECT_EQ(check().out,
             "1. The gateway does not answer: no answer in time.\n"
-            "   Nobody finds a gateway, and no port can be opened.\n"
-            "   Mend it: systemctl restart lumend, which closes the open ports\n\n");
+            "   No host finds a gateway, and no port can be opened.\n"
+            "   Fix it: systemctl restart lumend, which closes the open ports\n\n");
 }
 
 TEST_F(CheckCommand, CountsTheRolesThatTheGatewayUses) {
@@ -256,8 +256,8 @@ TEST_F(CheckCommand, FindsAGatewayThatDoesNotListen) {
       check().out,
       "1. The gateway does not listen at 2828/tcp on br-lan.\n"
       "   Its hosts cannot reach the gateway, which tries to listen only when it starts there "
-      "(journalctl -t palinode-igd tells why it could not).\n"
-      "   Mend it: lumenctl upnp interface set br-lan --enable\n\n");
+      "(journalctl -t palinode-igd shows why it failed).\n"
+      "   Fix it: lumenctl upnp interface set br-lan --enable\n\n");
   listensAt({}, {});
   EXPECT_NE(check().out.find("does not listen at 1900/udp, 2828/tcp on br-lan."),
             std::string::npos);
@@ -320,15 +320,15 @@ TEST_F(CheckCommand, FindsThatTheServiceFileIsMissing) {
   EXPECT_EQ(
       check().out,
       "1. lumend knows no gateway: its service file /lumen/etc/services/upnp.ini is missing.\n"
-      "   Nobody finds a gateway, and no port can be opened.\n"
-      "   Mend it: where Palinode was built: cp build/etc/services/upnp.ini "
+      "   No host finds a gateway, and no port can be opened.\n"
+      "   Fix it: where Palinode was built: cp build/etc/services/upnp.ini "
       "/lumen/etc/services/upnp.ini, then start lumend again\n\n");
   writes(packageRecord, "/.\n");
   EXPECT_EQ(
       check().out,
       "1. lumend knows no gateway: its service file /etc/lumen/services/upnp.ini is missing.\n"
-      "   Nobody finds a gateway, and no port can be opened.\n"
-      "   Mend it: where the file of the package lies: apt-get install --reinstall --option "
+      "   No host finds a gateway, and no port can be opened.\n"
+      "   Fix it: where the file of the package lies: apt-get install --reinstall --option "
       "Dpkg::Options::=--force-confmiss ./palinode-igd_*.deb && systemctl restart lumend\n\n");
   EXPECT_NE(router.lumenctl({"--root", "/srv/x", "upnp", "check"})
                 .out.find("service file /srv/x/etc/services/upnp.ini is missing"),
@@ -350,8 +350,8 @@ TEST_F(CheckCommand, TellsAServiceFileThatIsWrongFromOneThatIsMissing) {
               "/lumen/etc/services/upnp.ini is wrong: " +
                   error +
                   ".\n"
-                  "   Nobody finds a gateway, and no port can be opened.\n"
-                  "   Mend it: correct the file, then start lumend again\n\n");
+                  "   No host finds a gateway, and no port can be opened.\n"
+                  "   Fix it: correct the file, then start lumend again\n\n");
   }
 }
 
@@ -363,7 +363,7 @@ TEST_F(CheckCommand, FindsAPolicyThatAllowsNoPort) {
   EXPECT_EQ(check().out,
             "1. The policy allows no open port: max-rules is 0.\n"
             "   Every program that asks for a port is refused.\n"
-            "   Mend it: lumenctl nat policy set max-rules=4096\n\n");
+            "   Fix it: lumenctl nat policy set max-rules=4096\n\n");
   router.policy().insert_u32(key::maxRulesPerClient, 0);
   EXPECT_EQ(found(), (Lines{"policy-allows-no-port", "policy-allows-no-port"}));
   router.policy().insert_u32(key::maxRules, 1);
@@ -380,7 +380,7 @@ TEST_F(CheckCommand, FindsAPolicyThatExcludesTheHostsOfAnInterface) {
             "1. The policy allows no port to the hosts of br-lan: internal-clients is 10.0.0.0/8, "
             "10.1.2.3.\n"
             "   Every program there that asks for a port is refused.\n"
-            "   Mend it: lumenctl nat policy set "
+            "   Fix it: lumenctl nat policy set "
             "internal-clients=10.0.0.0/8,10.1.2.3,192.168.88.0/24\n\n");
   router.policy().insert_string(lm::nat::key::internalClients, "10.0.0.0/8, connected");
   EXPECT_EQ(found(), Lines{});

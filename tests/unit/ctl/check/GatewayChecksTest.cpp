@@ -45,7 +45,7 @@ TEST(Check, FindsNothingOnARouterThatIsWell) {
 }
 
 // Also proves [ctl-check].
-TEST(Check, FindsAllThatIsWrongInTheOrderOfMending) {
+TEST(Check, FindsAllThatIsWrongInTheOrderInWhichToFixIt) {
   Observation seen = wellRouter();
   seen.kernel = "5.10.0";
   seen.gateway.state = GatewayState::off;
@@ -85,7 +85,7 @@ TEST(Check, TakesASilentPlatformForOneFinding) {
                        "Without it no port is open, and what depends on it was not checked. Log.",
                        "start lumend"}}));
   seen.systemd = true;
-  EXPECT_EQ(findProblems(seen).at(0).mend, "systemctl start lumend");
+  EXPECT_EQ(findProblems(seen).at(0).remedy, "systemctl start lumend");
   seen.reached = {};
   seen.answered = lumen::Failure{"not permitted"};
   EXPECT_EQ(findProblems(seen),
@@ -257,7 +257,7 @@ GatewayFile file(bool present, const std::string& error, bool packaged = true) {
 // file that is missing from one that is wrong, one that is right by now, and a missing user, and
 // names for each what brings the gateway back.
 TEST(Check, TellsWhyThePlatformKnowsNoGateway) {
-  for (const auto& [gatewayFile, id, mend] :
+  for (const auto& [gatewayFile, id, remedy] :
        std::vector<std::tuple<GatewayFile, std::string, std::string>>{
            {file(false, "No such file or directory"), "gateway-not-installed",
             "where the file of the package lies: apt-get install --reinstall --option "
@@ -273,14 +273,14 @@ TEST(Check, TellsWhyThePlatformKnowsNoGateway) {
            {file(true, "Permission denied"), "gateway-file-wrong",
             "correct the file, then systemctl restart lumend"},
            {file(true, ""), "gateway-file-not-read",
-            "systemctl restart lumend; when that does not help, journalctl -u lumend tells why it "
-            "does not take it"}}) {
+            "systemctl restart lumend; when that does not help, journalctl -u lumend shows why "
+            "lumend rejects it"}}) {
     Observation seen = wellRouter();
     seen.gateway.state = GatewayState::notInstalled;
     seen.gatewayFile = gatewayFile;
     const Findings findings = checkGateway(seen);
     ASSERT_EQ(idsOf(findings), Ids{id});
-    EXPECT_EQ(findings.front().mend, mend);
+    EXPECT_EQ(findings.front().remedy, remedy);
   }
 }
 
@@ -341,7 +341,7 @@ TEST(CheckPolicy, NamesCommandsThatCanFollowEachOther) {
   guest.networks = {{"br-guest", inet_addr("192.168.99.0"), inet_addr("255.255.255.0")}};
   const Findings findings = checkPolicy(policy, {lan, guest});
   ASSERT_EQ(findings.size(), 2U);
-  EXPECT_EQ(findings[1].mend,
+  EXPECT_EQ(findings[1].remedy,
             "lumenctl nat policy set "
             "internal-clients=10.0.0.0/8,192.168.88.0/24,192.168.99.0/24");
 }

@@ -104,7 +104,7 @@ TEST(CheckDefaultRoute, IsMissedWhileAnExternalInterfaceWorks) {
 // it names lets them pass.
 TEST(CheckFirewall, TellsTheRuleOfEachTool) {
   using Tool = ForwardChain::Tool;
-  for (const auto& [tool, chain, mend] : std::vector<std::tuple<Tool, std::string, std::string>>{
+  for (const auto& [tool, chain, remedy] : std::vector<std::tuple<Tool, std::string, std::string>>{
            {Tool::nft, "forward of the nftables table inet filter",
             "nft insert rule inet filter forward ct status dnat accept"},
            {Tool::iptables, "forward of iptables",
@@ -123,7 +123,7 @@ TEST(CheckFirewall, TellsTheRuleOfEachTool) {
                          "The firewall drops forwarded packets, and does not let those of open "
                          "ports pass (chain " +
                              chain + ").",
-                         "What arrives at an open port may not reach its host.", mend}}));
+                         "What arrives at an open port may not reach its host.", remedy}}));
   }
 }
 
@@ -135,13 +135,13 @@ TEST(CheckFirewall, TellsTheProgramThatKeepsTheRules) {
   stops.manager = ForwardChain::Manager::ufw;
   for (const auto tool : {ForwardChain::Tool::iptables, ForwardChain::Tool::iptablesLegacy}) {
     stops.tool = tool;
-    EXPECT_EQ(checkFirewall({stops}).front().mend,
+    EXPECT_EQ(checkFirewall({stops}).front().remedy,
               "sed -i -e '/^[*]filter/,/^COMMIT/{/^COMMIT/i -A ufw-before-forward -m conntrack "
               "--ctstate DNAT -j ACCEPT' -e '}' /etc/ufw/before.rules && ufw reload");
   }
   stops.tool = ForwardChain::Tool::nft;
   stops.manager = ForwardChain::Manager::firewalld;
-  EXPECT_EQ(checkFirewall({stops}).front().mend,
+  EXPECT_EQ(checkFirewall({stops}).front().remedy,
             "set StrictForwardPorts=no in /etc/firewalld/firewalld.conf, then firewall-cmd "
             "--reload");
 }
@@ -153,7 +153,7 @@ TEST(CheckPortUsers, NamesAProgramThatCanBeSeen) {
             (Findings{{"port-in-use",
                        "minidlnad (process 812) uses port 1900/udp, which the gateway needs.",
                        "The gateway may not hear the programs that search for it.",
-                       "stop it: systemctl status 812 tells what started it"}}));
+                       "stop it: systemctl status 812 shows what started it"}}));
 }
 
 // Also proves [ctl-check-ports].
@@ -163,9 +163,9 @@ TEST(CheckPortUsers, TellsHowToSeeAProgramThatCannotBeSeen) {
       (Findings{{"port-in-use", "Another program uses port 2828/tcp, which the gateway needs.",
                  "The gateway may not be able to serve the description that programs read "
                  "first.",
-                 "stop it: ss --tcp --listening --processes sport = :2828, as root, tells "
+                 "stop it: ss --tcp --listening --processes sport = :2828, as root, shows "
                  "what it is"}}));
-  EXPECT_NE(checkPortUsers({{1900, IPPROTO_UDP, 0, ""}}).front().mend.find("ss --udp"),
+  EXPECT_NE(checkPortUsers({{1900, IPPROTO_UDP, 0, ""}}).front().remedy.find("ss --udp"),
             std::string::npos);
 }
 

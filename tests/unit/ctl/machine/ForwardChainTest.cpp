@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
-// Behind netinet/in.h, whose types they use.
+// After netinet/in.h, whose types they use.
 #include <linux/netfilter/nf_conntrack_common.h>
 #include <linux/netfilter/xt_conntrack.h>
 #include <linux/netfilter_ipv4/ip_tables.h>

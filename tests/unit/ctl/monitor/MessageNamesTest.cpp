@@ -22,7 +22,7 @@ constexpr Subject natRules = {20, 5};
 constexpr Subject gateway = {40, 0};
 constexpr Subject identity = {65, 0};
 constexpr Subject history = {66, 0};
-constexpr Subject stranger = {77, 3};
+constexpr Subject unknownService = {77, 3};
 
 void expectFields(Subject subject, const Names& names) {
   for (const auto& [key, name] : names) {
@@ -40,8 +40,8 @@ TEST(MessageNames, OfFieldsThatEverybodyHas) {
   const Names names = {{0x08ff0007, "command"}, {0x08fe0001, "id"},      {0xa8fe0002, "records"},
                        {0x08fe0003, "cursor"},  {0x00fe0007, "dynamic"}, {0x00fe000a, "disabled"},
                        {0x08fe0013, "removed"}};
-  for (const Subject subject : {stranger, natRules, history}) expectFields(subject, names);
-  EXPECT_EQ(findField(stranger, 1), nullptr);
+  for (const Subject subject : {unknownService, natRules, history}) expectFields(subject, names);
+  EXPECT_EQ(findField(unknownService, 1), nullptr);
   EXPECT_EQ(findField({20, 2}, 0x20010005), nullptr) << "another handler";
 }
 
@@ -130,7 +130,8 @@ TEST(MessageNames, OfCommands) {
                             {0xfe000d, "get-settings"},
                             {0xfe000e, "set-settings"},
                             {0x10004, "interface-changed"}};
-  for (const Subject subject : {stranger, broker, natRules}) expectCommands(subject, everybodys);
+  for (const Subject subject : {unknownService, broker, natRules})
+    expectCommands(subject, everybodys);
   expectCommands(broker, {{0x10, "register"},
                           {0x11, "subscribe"},
                           {0x12, "unsubscribe"},
@@ -138,7 +139,7 @@ TEST(MessageNames, OfCommands) {
                           {0x14, "services"},
                           {0x15, "monitor"}});
   expectCommands(resolver, {{3, "resolve"}});
-  EXPECT_EQ(commandName(stranger, 0x10), "command 0x10");
+  EXPECT_EQ(commandName(unknownService, 0x10), "command 0x10");
 }
 
 }  // namespace

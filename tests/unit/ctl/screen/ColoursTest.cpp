@@ -28,8 +28,8 @@ TEST(Colours, AreForTerminalsThatWantThem) {
       {true, "1", "xterm", false, "NO_COLOR, whatever its value"},
       {true, "0", "xterm", false, "NO_COLOR, whatever its value"},
       {true, nullptr, "dumb", false, "a terminal that knows no sequences"},
-      {true, nullptr, nullptr, false, "nobody knows what it knows"},
-      {true, nullptr, "", false, "nobody knows what it knows"},
+      {true, nullptr, nullptr, false, "it is not known what it can do"},
+      {true, nullptr, "", false, "it is not known what it can do"},
   };
   for (const Row& row : rows) {
     EXPECT_EQ(wantsColours(row.terminal, row.noColor, row.term), row.wanted) << row.reason;

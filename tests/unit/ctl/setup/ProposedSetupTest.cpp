@@ -51,7 +51,7 @@ struct ProposedSetup : testing::Test {
 TEST_F(ProposedSetup, IsDoneWhenSomebodySaysYes) {
   for (const std::string yes : {"y", "Y", "yes"}) {
     NewRouter fresh;
-    fresh.machine().somebodyTypes(yes);
+    fresh.machine().userTypes(yes);
     const auto result = fresh.lumenctl({"upnp", "setup"});
     EXPECT_EQ(result.status, 0) << result.err;
     EXPECT_EQ(result.out, std::string(proposal) + question + done);
@@ -61,7 +61,7 @@ TEST_F(ProposedSetup, IsDoneWhenSomebodySaysYes) {
 // Also proves [ctl-ask].
 TEST_F(ProposedSetup, ChangesNothingWhenSomebodySaysAnythingElse) {
   for (const std::string no : {"n", "", "no", "yn", " y", "what?"}) {
-    router.machine().somebodyTypes(no);
+    router.machine().userTypes(no);
     const auto result = router.lumenctl({"upnp", "setup"});
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.out, std::string(proposal) + question);
@@ -94,8 +94,8 @@ TEST_F(ProposedSetup, SaysWithoutATerminalWhatWouldDoIt) {
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.out, "");
   EXPECT_EQ(result.err,
-            "lumenctl: roles are missing, and without a terminal nobody can be asked. What would "
-            "be proposed: lumenctl upnp setup --internal br-lan --external wan0\n");
+            "lumenctl: roles are missing, and without a terminal there is no way to ask. The "
+            "proposal: lumenctl upnp setup --internal br-lan --external wan0\n");
   EXPECT_EQ(router.changes(), Lines{});
 }
 
@@ -109,13 +109,13 @@ TEST_F(ProposedSetup, SaysWithoutATerminalThatAMissingInterfaceIsAllowed) {
 
 // Also proves [ctl-yes].
 TEST_F(ProposedSetup, AsksNobodyWhenTheAnswerIsForPrograms) {
-  router.machine().somebodyTypes("y");
+  router.machine().userTypes("y");
   const auto result = router.lumenctl({"--json", "--root", "/tmp/r", "upnp", "setup"});
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.out, "{\n  \"done\": []\n}\n");
   EXPECT_EQ(result.err,
-            "lumenctl: roles are missing, and with --json nobody can be asked. What would be "
-            "proposed: lumenctl --root /tmp/r upnp setup --internal br-lan --external wan0\n");
+            "lumenctl: roles are missing, and with --json there is no way to ask. The "
+            "proposal: lumenctl --root /tmp/r upnp setup --internal br-lan --external wan0\n");
   EXPECT_EQ(router.changes(), Lines{});
 }
 
@@ -132,7 +132,7 @@ TEST_F(ProposedSetup, CompletesWhatWasSaidInPart) {
     NewRouter fresh;
     Lines arguments = {"upnp", "setup"};
     arguments.insert(arguments.end(), said.begin(), said.end());
-    fresh.machine().somebodyTypes("y");
+    fresh.machine().userTypes("y");
     const auto result = fresh.lumenctl(arguments);
     EXPECT_EQ(result.status, 0) << result.err;
     EXPECT_NE(result.out.find("you said so\n"), std::string::npos) << result.out;
@@ -142,14 +142,14 @@ TEST_F(ProposedSetup, CompletesWhatWasSaidInPart) {
 
 TEST_F(ProposedSetup, TellsWhichRolesWouldEnd) {
   router.hasLink("ppp0", 1);
-  router.machine().somebodyTypes("n");
+  router.machine().userTypes("n");
   const auto result = router.lumenctl({"upnp", "setup"});
-  EXPECT_NE(result.out.find("ppp0       none      external so far\n"), std::string::npos)
+  EXPECT_NE(result.out.find("ppp0       none      external until now\n"), std::string::npos)
       << result.out;
 }
 
 TEST_F(ProposedSetup, AsksNobodyWhenEverythingIsSaid) {
-  router.machine().somebodyTypes("n");
+  router.machine().userTypes("n");
   const auto result =
       router.lumenctl({"upnp", "setup", "--internal", "br-lan", "--external", "wan0"});
   EXPECT_EQ(result.status, 0) << result.err;
@@ -159,7 +159,7 @@ TEST_F(ProposedSetup, AsksNobodyWhenEverythingIsSaid) {
 // Also proves [ctl-nothing-proposed].
 TEST_F(ProposedSetup, SaysWhyItHasNothingToPropose) {
   router.machine().files.clear();
-  router.machine().somebodyTypes("y");
+  router.machine().userTypes("y");
   for (const Lines& command : {Lines{"upnp", "setup"}, Lines{"upnp", "setup", "--yes"},
                                Lines{"--json", "upnp", "setup", "--yes"}}) {
     const auto result = router.lumenctl(command);

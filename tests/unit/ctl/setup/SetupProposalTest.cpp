@@ -74,7 +74,7 @@ TEST(SetupProposal, TakesABridgeWithAnyAddressAsInternal) {
             "br0: bridge (45.46.0.1) | wan0: the default route leaves by it");
 }
 
-TEST(SetupProposal, FindsAPrivateAddressBehindAnother) {
+TEST(SetupProposal, FindsAPrivateAddressAfterAnother) {
   EXPECT_EQ(
       propose({ethernet("wan0", {}), ethernet("eth1", {"45.46.0.1", "10.1.0.1"})}, {{"wan0", 0}}),
       "eth1: private network (10.1.0.1) | wan0: the default route leaves by it");
@@ -92,7 +92,7 @@ TEST(SetupProposal, LeavesOutWhatHasNoHostsOfAHome) {
       {ethernet("eth1", {}), "no address: a port of a bridge"},
       {bridge("br1", {}), "no address"},
       {ethernet("dmz", {"45.46.0.1"}), "public and no bridge"},
-      {ethernet("eth1", {"172.32.0.1"}), "behind the end of 172.16.0.0/12"},
+      {ethernet("eth1", {"172.32.0.1"}), "after the end of 172.16.0.0/12"},
       {ethernet("eth1", {"100.64.0.1"}), "carrier-grade, not private"},
       {tunnel("wg0", {"10.9.0.1"}), "a tunnel"},
       {ethernet("lte0", {"192.168.8.100"}), "another way out"},

@@ -14,7 +14,7 @@ using Lines = std::vector<std::string>;
 
 const Lines setUp = {"upnp", "setup", "--internal", "br-lan", "--external", "wan0"};
 
-/// A router fresh from the box: two links that nobody has given a role, the gateway off.
+/// A router fresh from the box: two links without a role, the gateway off.
 struct Setup : testing::Test {
   Setup() {
     router.hasLink("br-lan");

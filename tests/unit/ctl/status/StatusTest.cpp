@@ -142,13 +142,13 @@ TEST_F(Status, DoesNotCallAGatewayOnThatNoHostCanReach) {
   EXPECT_EQ(firstLine(), "Gateway: on (process 4711)");
   for (const auto& [udp, tcp] : {std::pair(1900, 0), std::pair(0, 2828), std::pair(0, 0)}) {
     gatewayListensAt(udp, tcp);
-    EXPECT_EQ(firstLine(), "Gateway: not reachable (process 4711; lumenctl upnp check tells why)");
+    EXPECT_EQ(firstLine(), "Gateway: not reachable (process 4711; lumenctl upnp check shows why)");
     EXPECT_TRUE(router.lumenctl({"status", "--json"})
                     .out.starts_with("{\n  \"gateway\": \"not reachable\",\n"));
   }
   gatewayListensAt(1900, 2828);
   router.link("br-lan").insert_bool(lm::interfaces::key::running, false);
-  EXPECT_EQ(firstLine(), "Gateway: not reachable (process 4711; lumenctl upnp check tells why)")
+  EXPECT_EQ(firstLine(), "Gateway: not reachable (process 4711; lumenctl upnp check shows why)")
       << "its only internal interface is away";
 }
 
@@ -159,7 +159,7 @@ TEST_F(Status, SaysOnWhichInterfacesTheGatewayCannotBeReached) {
   gatewayListensAt(1900, 2828);
   router.machine().links[2] = router.link("br-lan").get_u32(lm::interfaces::key::index);
   EXPECT_EQ(firstLine(),
-            "Gateway: on (process 4711; not reachable on br-guest, lumenctl upnp check tells why)");
+            "Gateway: on (process 4711; not reachable on br-guest, lumenctl upnp check shows why)");
 }
 
 // Promise: `status` marks an interface that the gateway is told not to use, and says how to set up
@@ -221,7 +221,7 @@ struct Watch : Status {
 // Promise [ctl-watch]: `status --watch` draws the status each second in place, on a terminal's
 // other screen, with the traffic of each second as bar graphs; what does not fit the terminal is
 // left out and counted.
-TEST_F(Watch, DrawsTheRouterAnewEachSecond) {
+TEST_F(Watch, RedrawsTheRouterEachSecond) {
   looksFor({Screen::Event::timeOver, Screen::Event::timeOver});
   const auto result = router.lumenctl({"status", "--watch"});
   EXPECT_EQ(result.status, 0);

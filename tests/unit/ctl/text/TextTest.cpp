@@ -138,7 +138,7 @@ TEST(TableTest, CutsItsLines) {
   EXPECT_EQ(table().lines(false, 16),
             (Lines{"NAME   COUNT  ST", "Gerät      7  ru", "a       1000"}));
   EXPECT_EQ(table().lines(true, 4), (Lines{"\x1b[1mNAME\x1b[0m", "Gerä", "a"}));
-  EXPECT_EQ(table().lines(false, 5), (Lines{"NAME", "Gerät", "a"})) << "nor what is behind";
+  EXPECT_EQ(table().lines(false, 5), (Lines{"NAME", "Gerät", "a"})) << "nor the columns after it";
   EXPECT_EQ(table().lines(false, 0), (Lines{"", "", ""}));
 }
 
