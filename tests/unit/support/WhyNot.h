@@ -4,12 +4,12 @@
 
 #include "lumen/values/Result.h"
 
-namespace lumen::test {
+namespace lumen {
 
-/// Why it failed; empty: it did not.
+/// Why it failed; empty when it did not.
 template <typename T>
 std::string whyNot(const Result<T>& result) {
   return result ? std::string() : result.why();
 }
 
-}  // namespace lumen::test
+}  // namespace lumen

@@ -16,8 +16,8 @@
 #include "lumen/services/broker/Listener.h"
 #include "lumen/services/broker/Peer.h"
 #include "services/broker/BrokerFixture.h"
-#include "support/Outcome.h"
 #include "support/RefusedCall.h"
+#include "support/WhyNot.h"
 
 namespace lumen::test {
 namespace {

@@ -10,8 +10,8 @@
 #include "lumen/services/supervisor/ServiceFile.h"
 #include "lumen/services/supervisor/ServiceFolder.h"
 #include "support/LogCapture.h"
-#include "support/Outcome.h"
 #include "support/RefusedCall.h"
+#include "support/WhyNot.h"
 
 namespace lumen {
 namespace {

@@ -12,7 +12,7 @@
 #include "lumen/services/system/netlink/NetlinkReader.h"
 #include "services/system/netlink/NetlinkBytes.h"
 #include "support/Ipv4Text.h"
-#include "support/Outcome.h"
+#include "support/WhyNot.h"
 
 namespace lumen {
 namespace {

@@ -14,8 +14,8 @@
 #include <string>
 
 #include "lumen/services/system/processes/PrivateRoot.h"
-#include "support/Outcome.h"
 #include "support/RefusedCall.h"
+#include "support/WhyNot.h"
 
 namespace lumen {
 namespace {

@@ -10,8 +10,8 @@
 #include <string>
 
 #include "lumen/services/system/processes/Privileges.h"
-#include "support/Outcome.h"
 #include "support/RefusedCall.h"
+#include "support/WhyNot.h"
 
 namespace lumen {
 namespace {
