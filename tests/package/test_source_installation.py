@@ -21,10 +21,10 @@ cover() {
 }
 mkdir "$1/root"
 cover / "$1/root" "$1/machine"
+for folder in run tmp; do mount -t tmpfs -o mode=1777 tmpfs "$1/root/$folder"; done
 cover "$2" "$1/root$2" "$1/checkout"
 mount --rbind /dev "$1/root/dev"
 mount -t proc proc "$1/root/proc"
-for folder in run tmp; do mount -t tmpfs -o mode=1777 tmpfs "$1/root/$folder"; done
 exec env -i PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin LC_ALL=C.UTF-8 \\
   chroot "$1/root" sh -c "$3"
 """
