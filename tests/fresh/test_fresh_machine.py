@@ -1,4 +1,4 @@
-"""The README's promise, on machines that nobody has prepared."""
+"""The README's promise, on machines on which nothing is installed."""
 
 import time
 import unittest
