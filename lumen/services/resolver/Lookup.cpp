@@ -25,7 +25,10 @@ Failure describe(int status) {
       return {"host has no IPv4 address"};
     case ARES_ETIMEOUT:
       return {Lookup::noAnswer};
-    case ARES_ECONNREFUSED:  // also when every name server has answered that it cannot tell
+    case ARES_ECONNREFUSED:  // of an older c-ares also for the next three
+    case ARES_ESERVFAIL:
+    case ARES_ENOTIMP:
+    case ARES_EREFUSED:
       return {"no name server can tell"};
     default:
       return {std::string("lookup failed: ") + ares_strerror(status)};

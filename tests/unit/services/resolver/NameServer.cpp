@@ -57,13 +57,15 @@ DnsQuestion readQuestion(const std::string& datagram) {
   EXPECT_GT(datagram.size(), headerSize);
   if (datagram.size() <= headerSize) return question;
   question.id = static_cast<uint16_t>(readBe16(datagram, 0));
-  question.bytes = datagram.substr(headerSize);
-  for (size_t place = 0; question.bytes[place] != '\0';) {
-    const auto length = static_cast<unsigned char>(question.bytes[place]);
-    if (place > 0) question.name += '.';
-    question.name += question.bytes.substr(place + 1, length);
+  size_t place = headerSize;
+  while (const auto length = static_cast<unsigned char>(datagram.at(place))) {
+    if (place > headerSize) question.name += '.';
+    question.name += datagram.substr(place + 1, length);
     place += length + 1U;
   }
+  // A newer c-ares adds a record of options, which an answer must not repeat among its records.
+  constexpr size_t endAndTypeAndClass = 5;
+  question.bytes = datagram.substr(headerSize, place - headerSize + endAndTypeAndClass);
   std::ranges::transform(question.name, question.name.begin(),
                          [](char c) { return static_cast<char>(tolower(c)); });
   return question;
