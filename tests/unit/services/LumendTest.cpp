@@ -40,8 +40,10 @@ class LumendTest : public testing::Test {
     root_.makeDirectory("etc/services");
     fs::copy(ETC "/nat-ruleset.nft", root_.file("etc/nat-ruleset.nft"));
     fs::copy(ETC "/nat-policy", root_.file("etc/nat-policy"));
+    // The checkout may lie where the service's user cannot look.
+    fs::copy(SERVICE_PROBE, root_.file("probe"));
     root_.write("etc/services/probe.ini",
-                "[service]\nname = probe\nnumber = 40\nexecutable = " SERVICE_PROBE
+                "[service]\nname = probe\nnumber = 40\nexecutable = /lumen/probe"
                 "\nuser = 54321\nboot = yes\nstores = upnp upnpm\n");
   }
 
