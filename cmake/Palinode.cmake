@@ -9,7 +9,7 @@ set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
-# Small, for routers with little memory.
+# CMake's own choice, -O3, makes the programs larger.
 set(CMAKE_CXX_FLAGS_RELEASE "-O2 -DNDEBUG")
 if(NOT CMAKE_BUILD_TYPE)
   set(CMAKE_BUILD_TYPE Release)
@@ -36,7 +36,7 @@ add_library(palinode_warnings INTERFACE)
 target_compile_options(palinode_warnings INTERFACE
   -Wall -Wextra -Wconversion -Wsign-conversion -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual
   -Wold-style-cast)
-# With the compilers of Debian 12 only: what a newer one warns of must not keep a user from building.
+# With the compilers of Debian 12 only: a newer compiler's warning must not keep a user from building.
 if(PALINODE_WERROR AND
    ((CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13) OR
     (CMAKE_CXX_COMPILER_ID MATCHES "Clang" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 15)))
@@ -103,7 +103,8 @@ function(palinode_unit_test name)
   cmake_parse_arguments(ARG "" "NEEDS" "SOURCES;LINK" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
   target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests/unit)
-  target_link_libraries(${name} PRIVATE palinode_flags palinode_test_flags test_service_number ${ARG_LINK} GTest::gtest GTest::gtest_main)
+  target_link_libraries(${name} PRIVATE palinode_flags palinode_test_flags test_service_number
+                        ${ARG_LINK} GTest::gtest GTest::gtest_main)
   if(NOT PALINODE_TIDY)
     target_precompile_headers(${name} REUSE_FROM test_headers)
   endif()
