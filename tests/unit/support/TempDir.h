@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -10,19 +9,14 @@
 
 namespace lm::test {
 
-/// An empty directory of its own for a test, removed with all that is in it.
+/// An empty directory for one test, removed with everything in it. A test program that cannot make
+/// one ends at once: a path without it would name a file of the machine.
 class TempDir {
  public:
-  TempDir() {
-    std::string name = (std::filesystem::temp_directory_path() / "palinode-test-XXXXXX").string();
-    if (mkdtemp(name.data())) path_ = name;
-  }
+  TempDir();
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;
-  ~TempDir() {
-    std::error_code ignored;
-    if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
-  }
+  ~TempDir();
 
   [[nodiscard]] const std::string& path() const { return path_; }
   [[nodiscard]] std::string file(const std::string& name) const { return path_ + "/" + name; }

@@ -9,7 +9,6 @@
 #include <cstring>
 #include <deque>
 #include <filesystem>
-#include <fstream>
 #include <iterator>
 #include <thread>
 
@@ -17,19 +16,15 @@
 #include "lumen/services/broker/Peer.h"
 #include "services/broker/BrokerFixture.h"
 #include "support/RefusedCall.h"
+#include "support/TempDir.h"
 #include "support/WhyNot.h"
 
 namespace lumen::test {
 namespace {
 
 class ListenerTest : public BrokerTest {
- public:
-  ~ListenerTest() override { std::filesystem::remove_all(folder_); }
-
  protected:
-  ListenerTest() { EXPECT_NE(mkdtemp(folder_.data()), nullptr); }
-
-  [[nodiscard]] std::string path() const { return folder_ + "/lumen.sock"; }
+  [[nodiscard]] std::string path() const { return folder_.file("lumen.sock"); }
 
   [[nodiscard]] lm::Fd connectTo() const {
     lm::Fd client(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
@@ -42,7 +37,7 @@ class ListenerTest : public BrokerTest {
     return client;
   }
 
-  std::string folder_ = testing::TempDir() + "runXXXXXX";
+  lm::test::TempDir folder_;
 };
 
 // Promise: The socket may be opened by every user, replaces one that was left behind, and goes when
@@ -60,7 +55,7 @@ TEST_F(ListenerTest, IsOpenToEverybodyAndGoesAtItsEnd) {
 }
 
 TEST_F(ListenerTest, TakesThePlaceOfASocketThatWasLeft) {
-  std::ofstream(path()) << "left";
+  folder_.write("lumen.sock", "left");
   Listener listener(broker);
   ASSERT_EQ(whyNot(listener.listen(path())), "");
   EXPECT_TRUE(connectTo().valid());

@@ -1,34 +1,28 @@
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <cerrno>
 #include <filesystem>
-#include <fstream>
 
 #include "lumen/services/identity/Identity.h"
 #include "platform/Keys.h"
 #include "platform/Store.h"
 #include "support/RefusedCall.h"
+#include "support/TempDir.h"
 
 namespace lumen {
 namespace {
 
 class IdentityTest : public testing::Test {
- public:
-  ~IdentityTest() override { std::filesystem::remove_all(store_); }
-
  protected:
-  IdentityTest() { EXPECT_NE(mkdtemp(store_.data()), nullptr); }
-
   static std::string read(Identity& identity) {
     return identity.handle(Caller{}, lm::cmd::get, {}).get_string(0x20000001);
   }
   std::string readAfterStart() {
-    Identity identity(store_);
+    Identity identity(store_.path());
     return read(identity);
   }
 
-  std::string store_ = testing::TempDir() + "identityXXXXXX";
+  lm::test::TempDir store_;
 };
 
 // Promise [identity-form]: The identity is 32 hexadecimal digits in small letters.
@@ -48,14 +42,14 @@ TEST_F(IdentityTest, StaysTheSameFromStartToStart) {
 // Also proves [identity-stays].
 TEST_F(IdentityTest, DiffersBetweenRouters) {
   const std::string identity = readAfterStart();
-  std::filesystem::remove(store_ + "/0");
+  std::filesystem::remove(store_.file("0"));
   EXPECT_NE(readAfterStart(), identity);
 }
 
 TEST_F(IdentityTest, IsMadeAnewWhenTheStoredOneIsBroken) {
   testing::internal::CaptureStdout();
   const std::string identity = readAfterStart();
-  std::ofstream(store_ + "/0") << "broken";
+  store_.write("0", "broken");
   const std::string second = readAfterStart();
   EXPECT_EQ(second.size(), 32U);
   EXPECT_NE(second, identity);
@@ -72,7 +66,7 @@ TEST_F(IdentityTest, IsMadeAnewAndTheStoredOneKeptWhenThatCannotBeRead) {
   whileRefused({SCMP_SYS(read)}, EIO, [&] { second = readAfterStart(); });
   EXPECT_NE(second, identity);
   EXPECT_EQ(readAfterStart(), second);
-  std::filesystem::rename(store_ + "/0.broken", store_ + "/0");
+  std::filesystem::rename(store_.file("0.broken"), store_.file("0"));
   EXPECT_EQ(readAfterStart(), identity);
   EXPECT_NE(testing::internal::GetCapturedStdout(), "") << "that is reported";
 }
@@ -81,7 +75,7 @@ TEST_F(IdentityTest, IsMadeAnewWhenTheStoredOneIsNone) {
   for (const char* wrong : {"", "0c5e9a51", "0123456789ABCDEF0123456789ABCDEF"}) {
     lm::message record;
     record.insert_string(0x20000001, wrong);
-    lm::Store(store_, 1).set(0, record);
+    lm::Store(store_.path(), 1).set(0, record);
     const std::string identity = readAfterStart();
     EXPECT_EQ(identity.size(), 32U);
     EXPECT_NE(identity, wrong);
@@ -91,7 +85,7 @@ TEST_F(IdentityTest, IsMadeAnewWhenTheStoredOneIsNone) {
 
 TEST_F(IdentityTest, LastsAsLongAsTheProcessWhenItCannotBeStored) {
   testing::internal::CaptureStdout();
-  Identity identity(store_ + "/nowhere");
+  Identity identity(store_.file("nowhere"));
   EXPECT_EQ(read(identity).size(), 32U);
   EXPECT_EQ(read(identity), read(identity));
   EXPECT_NE(testing::internal::GetCapturedStdout(), "");
@@ -99,7 +93,7 @@ TEST_F(IdentityTest, LastsAsLongAsTheProcessWhenItCannotBeStored) {
 
 // Promise: The identity cannot be written: `unknown command`.
 TEST_F(IdentityTest, CannotBeWritten) {
-  Identity identity(store_);
+  Identity identity(store_.path());
   EXPECT_EQ(lm::getError(identity.handle(Caller{}, lm::cmd::set, {})), "unknown command");
 }
 

@@ -194,17 +194,18 @@ TEST_F(NatKernelTest, IsNotUsedWhenChildrenWouldKeepItsSocket) {
 }
 
 TEST_F(NatKernelTest, SaysWhatIsWrongWithTheRulesetFile) {
-  TemporaryDirectory directory;
-  std::string missing = directory.path() + "/missing.nft";
+  lm::test::TempDir directory;
+  std::string missing = directory.file("missing.nft");
   std::string error = whyNot(map->open(missing));
   EXPECT_NE(error.find("Could not open file \"" + missing + "\": No such file or directory"),
             std::string::npos)
       << error;
-  std::string broken =
-      directory.file("broken.nft", "table ip lumen {\n\tflags owner\n\tmop x\n}\n");
+  std::string broken = directory.file("broken.nft");
+  directory.write("broken.nft", "table ip lumen {\n\tflags owner\n\tmop x\n}\n");
   error = whyNot(map->open(broken));
   EXPECT_NE(error.find(broken + ":3:2-4: Error: syntax error"), std::string::npos) << error;
-  std::string unowned = directory.file("unowned.nft", "table ip lumen { }\n");
+  std::string unowned = directory.file("unowned.nft");
+  directory.write("unowned.nft", "table ip lumen { }\n");
   EXPECT_EQ(whyNot(map->open(unowned)),
             "the NAT ruleset " + unowned + " does not make a table ip lumen with \"flags owner\"");
   EXPECT_EQ(seenBySomebodyElse("list tables ip"), "");
@@ -293,7 +294,7 @@ class NatFlowsTest : public NatKernelTest, private FlowCleaner::OpenPorts {
   lm::SystemClock clock;
   lm::EventLoop loop{clock};
   NetlinkFlows flows;
-  TemporaryDirectory directory;
+  lm::test::TempDir directory;
   FlowMarks marks{directory.path()};
   FlowCleaner cleaner{flows, *this, marks, clock};
 

@@ -2,11 +2,8 @@
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -18,30 +15,10 @@
 #include "support/Describe.h"
 #include "support/Ipv4Text.h"
 #include "support/ManualClock.h"
+#include "support/TempDir.h"
 #include "support/WhyNot.h"
 
 namespace lumen::test {
-
-/// A directory that goes with its holder.
-class TemporaryDirectory {
- public:
-  TemporaryDirectory() {
-    std::string pattern = std::filesystem::temp_directory_path() / "nat-XXXXXX";
-    path_ = mkdtemp(pattern.data());
-  }
-  TemporaryDirectory(const TemporaryDirectory&) = delete;
-  TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
-  ~TemporaryDirectory() { std::filesystem::remove_all(path_); }
-
-  [[nodiscard]] std::string path() const { return path_; }
-  [[nodiscard]] std::string file(const std::string& name, const std::string& content) const {
-    std::ofstream(path_ + "/" + name) << content;
-    return path_ + "/" + name;
-  }
-
- private:
-  std::string path_;
-};
 
 /// A port that a program wants open.
 struct Port {
@@ -182,8 +159,8 @@ class NatFixture : public ::testing::Test {
   FakeNftables nftables;
   FakeFlows flows;
   FakeNetworks networks;
-  TemporaryDirectory directory;
-  PolicyBook policies{directory.path() + "/nat-policy", directory.path()};
+  lm::test::TempDir directory;
+  PolicyBook policies{directory.file("nat-policy"), directory.path()};
   NatMap map{nftables};
   FlowMarks marks{directory.path()};
   NatRules rules{map, flows, marks, networks, policies, clock};

@@ -231,7 +231,7 @@ TEST_F(NatRulesTest, APolicyThatWasGivenUpIsTheOneOfBefore) {
   EXPECT_EQ(asks(admin, lm::cmd::set, policy), "");
   givesUp();
   EXPECT_EQ(rules.handle(admin, lm::cmd::get, {}), before);
-  PolicyBook next(directory.path() + "/nat-policy", directory.path());
+  PolicyBook next(directory.file("nat-policy"), directory.path());
   EXPECT_EQ(whyNot(next.load()), "");
   EXPECT_EQ(next.settings(), before) << "after a restart as well";
 }

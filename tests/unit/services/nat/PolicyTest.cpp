@@ -152,7 +152,7 @@ TEST(Policy, SaysWhatIsWrongWithAValueAndKeepsTheOldOne) {
 class PolicyBookTest : public ::testing::Test {
  protected:
   std::string loads(const std::string& content) {
-    static_cast<void>(directory.file("nat-policy", content));
+    directory.write("nat-policy", content);
     return whyNot(book.load());
   }
   [[nodiscard]] std::string ports() const {
@@ -173,8 +173,8 @@ class PolicyBookTest : public ::testing::Test {
     return request;
   }
 
-  TemporaryDirectory directory;
-  std::string filePath = directory.path() + "/nat-policy";
+  lm::test::TempDir directory;
+  std::string filePath = directory.file("nat-policy");
   PolicyBook book{filePath, directory.path()};
 };
 
@@ -255,7 +255,7 @@ TEST_F(PolicyBookTest, KeepsWhatIsSetByCommandOverTheFile) {
   EXPECT_EQ(whyNot(book.write(portsOnly("2000-3000"))), "");
   EXPECT_EQ(ports(), "2000-3000");
 
-  static_cast<void>(directory.file("nat-policy", "external-ports = 81\nmax-rules = 8\n"));
+  directory.write("nat-policy", "external-ports = 81\nmax-rules = 8\n");
   PolicyBook later(filePath, directory.path());
   EXPECT_EQ(whyNot(later.load()), "");
   EXPECT_EQ(later.policy().externalPorts.text(), "2000-3000");
@@ -293,7 +293,7 @@ TEST_F(PolicyBookTest, ReadsTheFileAgainOnAReload) {
   lm::message limit;
   limit.insert_u32(lm::nat::key::maxRules, 5);
   ASSERT_EQ(whyNot(book.write(limit)), "");
-  static_cast<void>(directory.file("nat-policy", "external-ports = 81\nmax-rules = 8\n"));
+  directory.write("nat-policy", "external-ports = 81\nmax-rules = 8\n");
   EXPECT_EQ(whyNot(book.write(portsOnly("82"))), "");
   EXPECT_EQ(ports(), "82");
   EXPECT_EQ(whyNot(book.write(reset())), "");
@@ -310,7 +310,7 @@ TEST_F(PolicyBookTest, ReadsTheFileAgainOnAReload) {
 // line, and the old policy stays.
 TEST_F(PolicyBookTest, KeepsThePolicyWhenTheFileIsWrongOnAReload) {
   ASSERT_EQ(loads("external-ports = 80\n"), "");
-  static_cast<void>(directory.file("nat-policy", "max-rules = 8\nexternal-ports = all\n"));
+  directory.write("nat-policy", "max-rules = 8\nexternal-ports = all\n");
   EXPECT_EQ(whyNot(book.write(reload())),
             filePath +
                 ":2: external-ports: \"all\" is neither a port from 1 to 65535 "
@@ -336,9 +336,9 @@ TEST_F(PolicyBookTest, TakesTheDefaultsWhenTheFileIsGoneOnAReload) {
 
 // Promise [ctl-reload-disk]: A reload needs no room on the disk.
 TEST_F(PolicyBookTest, NeedsNoRoomOnTheDiskForAReload) {
-  PolicyBook lost(filePath, directory.path() + "/missing");
+  PolicyBook lost(filePath, directory.file("missing"));
   ASSERT_EQ(whyNot(lost.load()), "");
-  static_cast<void>(directory.file("nat-policy", "external-ports = 81\n"));
+  directory.write("nat-policy", "external-ports = 81\n");
   EXPECT_EQ(whyNot(lost.write(reload())), "");
   EXPECT_EQ(lost.policy().externalPorts.text(), "81");
 }
@@ -358,7 +358,7 @@ TEST_F(PolicyBookTest, ChangesNothingWhenAValueIsWrong) {
 }
 
 TEST_F(PolicyBookTest, ChangesNothingWhenItCannotBeStored) {
-  PolicyBook lost(filePath, directory.path() + "/missing");
+  PolicyBook lost(filePath, directory.file("missing"));
   ASSERT_EQ(whyNot(lost.load()), "");
   EXPECT_EQ(whyNot(lost.write(portsOnly("2000"))), "the policy could not be stored");
   EXPECT_EQ(lost.policy().externalPorts.text(), "1024-65535");

@@ -1,16 +1,15 @@
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 
 #include <cerrno>
 #include <filesystem>
-#include <fstream>
 #include <limits>
 
 #include "lumen/services/supervisor/ServiceFile.h"
 #include "lumen/services/supervisor/ServiceFolder.h"
 #include "support/LogCapture.h"
 #include "support/RefusedCall.h"
+#include "support/TempDir.h"
 #include "support/WhyNot.h"
 
 namespace lumen {
@@ -197,27 +196,20 @@ TEST(ServiceFile, IsRefusedWithAReason) {
 }
 
 class ServiceFolderTest : public testing::Test {
- public:
-  ~ServiceFolderTest() override { std::filesystem::remove_all(folder_); }
-
  protected:
-  ServiceFolderTest() { EXPECT_NE(mkdtemp(folder_.data()), nullptr); }
-
-  void put(const std::string& name, const std::string& text) {
-    std::ofstream(folder_ + "/" + name) << text;
-  }
+  void put(const std::string& name, const std::string& text) { folder_.write(name, text); }
 
   std::vector<std::string> read() {
     testing::internal::CaptureStdout();
     std::vector<std::string> names;
-    for (const auto& service : readServiceFolder(folder_, TwoUsers(), {20, 65})) {
+    for (const auto& service : readServiceFolder(folder_.path(), TwoUsers(), {20, 65})) {
       names.push_back(service.name);
     }
     log_ = testing::internal::GetCapturedStdout();
     return names;
   }
 
-  std::string folder_ = testing::TempDir() + "servicesXXXXXX";
+  lm::test::TempDir folder_;
   std::string log_;
 };
 
@@ -238,7 +230,7 @@ TEST_F(ServiceFolderTest, LeavesOutAWrongFileAndSaysWhy) {
   put("a.ini", serviceFile("user", "user = root"));
   put("b.ini", serviceFile());
   EXPECT_EQ(read(), Names{"upnp"});
-  EXPECT_EQ(log_, folder_ + "/a.ini: may not run as root\n");
+  EXPECT_EQ(log_, folder_.file("a.ini") + ": may not run as root\n");
 }
 
 // Promise [service-twice]: Of two files with one number or one name the second is left out, and so
@@ -248,43 +240,43 @@ TEST_F(ServiceFolderTest, LeavesOutTheSecondOfTwoWithOneNumberOrName) {
   put("b.ini", serviceFile("name", "name = other"));
   put("c.ini", serviceFile("number", "number = 41"));
   EXPECT_EQ(read(), Names{"upnp"});
-  EXPECT_EQ(log_, folder_ + "/b.ini: number 40 is that of upnp\n" + folder_ +
-                      "/c.ini: there is another service upnp\n");
+  EXPECT_EQ(log_, folder_.file("b.ini") + ": number 40 is that of upnp\n" + folder_.file("c.ini") +
+                      ": there is another service upnp\n");
 }
 
 // Also proves [service-twice].
 TEST_F(ServiceFolderTest, LeavesOutANumberOfItsOwn) {
   put("a.ini", serviceFile("number", "number = 20"));
   EXPECT_EQ(read(), Names{});
-  EXPECT_EQ(log_, folder_ + "/a.ini: number 20 is lumend's own\n");
+  EXPECT_EQ(log_, folder_.file("a.ini") + ": number 20 is lumend's own\n");
 }
 
 // Promise: What is no plain file ending in `.ini` is no service file; a folder, a pipe and a broken
 // link with that ending are reported.
 TEST_F(ServiceFolderTest, LeavesOutWhatIsNoPlainFile) {
-  std::filesystem::create_directory(folder_ + "/a.ini");
-  ASSERT_EQ(mkfifo((folder_ + "/b.ini").c_str(), 0600), 0);
-  std::filesystem::create_symlink("/nowhere", folder_ + "/c.ini");
+  std::filesystem::create_directory(folder_.file("a.ini"));
+  ASSERT_EQ(mkfifo(folder_.file("b.ini").c_str(), 0600), 0);
+  std::filesystem::create_symlink("/nowhere", folder_.file("c.ini"));
   put("d.ini", std::string(16385, '\n'));
   EXPECT_EQ(read(), Names{});
-  EXPECT_EQ(log_, folder_ + "/a.ini: is no plain file\n" + folder_ + "/b.ini: is no plain file\n" +
-                      folder_ + "/c.ini: No such file or directory\n" + folder_ +
-                      "/d.ini: is too long\n");
+  EXPECT_EQ(log_, folder_.file("a.ini") + ": is no plain file\n" + folder_.file("b.ini") +
+                      ": is no plain file\n" + folder_.file("c.ini") +
+                      ": No such file or directory\n" + folder_.file("d.ini") + ": is too long\n");
 }
 
 TEST_F(ServiceFolderTest, LeavesOutWhatCannotBeRead) {
   put("a.ini", serviceFile());
   const lm::test::LogCapture log;
   whileRefused({SCMP_SYS(read)}, EIO,
-               [this] { EXPECT_TRUE(readServiceFolder(folder_, TwoUsers(), {}).empty()); });
-  EXPECT_EQ(log.text(), folder_ + "/a.ini: Input/output error\n");
+               [this] { EXPECT_TRUE(readServiceFolder(folder_.path(), TwoUsers(), {}).empty()); });
+  EXPECT_EQ(log.text(), folder_.file("a.ini") + ": Input/output error\n");
 }
 
 // Promise: A missing folder of service files is reported and means no services.
 TEST_F(ServiceFolderTest, SaysThatTheFolderIsMissing) {
-  std::filesystem::remove_all(folder_);
+  std::filesystem::remove_all(folder_.path());
   EXPECT_EQ(read(), Names{});
-  EXPECT_EQ(log_, folder_ + ": No such file or directory\n");
+  EXPECT_EQ(log_, folder_.path() + ": No such file or directory\n");
 }
 
 }  // namespace

@@ -13,7 +13,6 @@
 #include <chrono>
 #include <csignal>
 #include <filesystem>
-#include <fstream>
 #include <set>
 #include <sstream>
 #include <string>
@@ -25,6 +24,7 @@
 #include "lumen/services/system/processes/LockFile.h"
 #include "support/LogCapture.h"
 #include "support/RefusedCall.h"
+#include "support/TempDir.h"
 
 namespace lumen {
 namespace {
@@ -34,13 +34,9 @@ constexpr gid_t group = 54322;
 
 /// Starts real processes as another user, which takes root.
 class LinuxProcessesTest : public testing::Test, public Processes::Observer {
- public:
-  ~LinuxProcessesTest() override { std::filesystem::remove_all(folder_); }
-
  protected:
   LinuxProcessesTest() {
-    EXPECT_NE(mkdtemp(folder_.data()), nullptr);
-    chmod(folder_.c_str(), 0755);
+    chmod(folder_.path().c_str(), 0755);
     processes.setObserver(*this);
   }
 
@@ -56,7 +52,7 @@ class LinuxProcessesTest : public testing::Test, public Processes::Observer {
     program.executable = executable;
     program.user = user;
     program.group = group;
-    program.lockFile = folder_ + "/service.lock";
+    program.lockFile = folder_.file("service.lock");
     return program;
   }
 
@@ -86,7 +82,7 @@ class LinuxProcessesTest : public testing::Test, public Processes::Observer {
   }
   /// As systemd says to whom it starts, of the file that start() puts in place of the output.
   void writesToTheJournal() const {
-    std::ofstream(outputFile()).flush();
+    folder_.write("output", "");
     struct stat info = {};
     ASSERT_EQ(stat(outputFile().c_str(), &info), 0);
     const std::string named = std::to_string(info.st_dev) + ":" + std::to_string(info.st_ino);
@@ -103,11 +99,8 @@ class LinuxProcessesTest : public testing::Test, public Processes::Observer {
     return true;
   }
 
-  [[nodiscard]] std::string outputFile() const { return folder_ + "/output"; }
-  [[nodiscard]] std::string output() const {
-    std::ifstream file(outputFile());
-    return {std::istreambuf_iterator<char>(file), {}};
-  }
+  [[nodiscard]] std::string outputFile() const { return folder_.file("output"); }
+  [[nodiscard]] std::string output() const { return folder_.read("output"); }
   [[nodiscard]] bool hasEnded() {
     return waitUntil([&] { return endedPid != 0; });
   }
@@ -115,7 +108,7 @@ class LinuxProcessesTest : public testing::Test, public Processes::Observer {
     return waitUntil([&] { return output().find("\nready\n") != std::string::npos; });
   }
 
-  std::string folder_ = testing::TempDir() + "processesXXXXXX";
+  lm::test::TempDir folder_;
   lm::SystemClock clock;
   lm::EventLoop loop{clock};
   LinuxProcesses processes;
@@ -230,7 +223,7 @@ TEST_F(LinuxProcessesTest, DoesNotRunASecondProcessUnderOneLock) {
 
 // Promise: An executable runs also where its user cannot look.
 TEST_F(LinuxProcessesTest, RunsAnExecutableThatTheUserCannotReach) {
-  const std::string hidden = folder_ + "/hidden";
+  const std::string hidden = folder_.file("hidden");
   std::filesystem::create_directory(hidden);
   chmod(hidden.c_str(), 0700);
   std::filesystem::copy_file("/bin/true", hidden + "/true");
@@ -257,17 +250,17 @@ TEST_F(LinuxProcessesTest, SaysWhatCannotBeRun) {
   EXPECT_EQ(testing::internal::GetCapturedStdout(),
             "/nowhere/program: No such file or directory\n"
             "/nowhere/program: No such file or directory\n");
-  std::ofstream(folder_ + "/text") << "no program";
-  ASSERT_TRUE(start(folder_ + "/text"));
+  folder_.write("text", "no program");
+  ASSERT_TRUE(start(folder_.file("text")));
   ASSERT_TRUE(hasEnded());
   EXPECT_EQ(WEXITSTATUS(endedStatus), 126);
-  EXPECT_EQ(output(), folder_ + "/text: cannot be run: Permission denied\n");
+  EXPECT_EQ(output(), folder_.file("text") + ": cannot be run: Permission denied\n");
 }
 
 // Promise: What keeps a process from starting is logged, and leaves no child.
 TEST_F(LinuxProcessesTest, SaysWhatKeepsAProcessFromStarting) {
   Program nowhere = program("/bin/true");
-  nowhere.lockFile = folder_ + "/missing/service.lock";
+  nowhere.lockFile = folder_.file("missing/service.lock");
   lm::test::LogCapture log;
   EXPECT_FALSE(processes.start(nowhere));
   whileRefused({SCMP_SYS(clone)}, EAGAIN,
@@ -348,7 +341,7 @@ TEST_F(LinuxProcessesTest, SignalsOnlyWhatItHasStarted) {
 }
 
 TEST_F(LinuxProcessesTest, FindsNoHolderOfALockThatNobodyHas) {
-  const std::string missing = folder_ + "/missing/service.lock";
+  const std::string missing = folder_.file("missing/service.lock");
   EXPECT_EQ(processes.lockHolder(missing), 0);
   processes.killLockHolder(missing);
   const std::string lock = program("").lockFile;

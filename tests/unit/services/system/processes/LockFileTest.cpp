@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -10,18 +9,14 @@
 
 #include "lumen/services/system/processes/LockFile.h"
 #include "support/RefusedCall.h"
+#include "support/TempDir.h"
 
 namespace lumen {
 namespace {
 
 class LockFileTest : public testing::Test {
- public:
-  ~LockFileTest() override { std::filesystem::remove_all(folder_); }
-
  protected:
-  LockFileTest() { EXPECT_NE(mkdtemp(folder_.data()), nullptr); }
-
-  [[nodiscard]] std::string path() const { return folder_ + "/lock"; }
+  [[nodiscard]] std::string path() const { return folder_.file("lock"); }
 
   /// Another process that takes the lock and waits for its end; its exit status if it cannot.
   [[nodiscard]] pid_t holder() {
@@ -47,7 +42,7 @@ class LockFileTest : public testing::Test {
     waitpid(pid, nullptr, 0);
   }
 
-  std::string folder_ = testing::TempDir() + "lockXXXXXX";
+  lm::test::TempDir folder_;
 };
 
 // Promise: A lock file names its holder, is free when that has ended, is for root alone and no link

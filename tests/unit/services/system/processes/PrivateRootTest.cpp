@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 #include <sched.h>
-#include <stdlib.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -15,6 +14,7 @@
 
 #include "lumen/services/system/processes/PrivateRoot.h"
 #include "support/RefusedCall.h"
+#include "support/TempDir.h"
 #include "support/WhyNot.h"
 
 namespace lumen {
@@ -24,14 +24,10 @@ namespace fs = std::filesystem;
 
 /// Everything happens in a child, whose view of the file system is its own.
 class PrivateRootTest : public testing::Test {
- public:
-  ~PrivateRootTest() override { fs::remove_all(directory_); }
-
  protected:
   PrivateRootTest() {
-    EXPECT_NE(mkdtemp(directory_.data()), nullptr);
-    chmod(directory_.c_str(), 0755);
-    std::ofstream(directory_ + "/here") << "yes";
+    chmod(directory_.path().c_str(), 0755);
+    directory_.write("here", "yes");
   }
 
   void SetUp() override { ASSERT_EQ(geteuid(), 0U) << "these tests must be run by root"; }
@@ -64,7 +60,7 @@ class PrivateRootTest : public testing::Test {
     return names;
   }
 
-  std::string directory_ = testing::TempDir() + "rootXXXXXX";
+  lm::test::TempDir directory_;
 };
 
 // Promise: `lumend --root DIR` sees DIR at `/lumen`, and no other program does, whether or not
@@ -72,14 +68,14 @@ class PrivateRootTest : public testing::Test {
 TEST_F(PrivateRootTest, ShowsTheDirectoryInPlaceAndNothingOutside) {
   const std::set<std::string> before = namesIn("/");
   EXPECT_EQ(inAChild([&] {
-              std::string error = whyNot(enterPrivateRoot(directory_));
+              std::string error = whyNot(enterPrivateRoot(directory_.path()));
               if (error.empty() && !fs::exists("/lumen/here")) error = "it is not there";
               std::ofstream("/lumen/made") << "inside";
               return error;
             }),
             "");
   EXPECT_EQ(namesIn("/"), before);
-  EXPECT_TRUE(fs::exists(directory_ + "/made"));
+  EXPECT_TRUE(directory_.has("made"));
 }
 
 TEST_F(PrivateRootTest, LeavesEverythingElseWhereItIs) {
@@ -87,13 +83,13 @@ TEST_F(PrivateRootTest, LeavesEverythingElseWhereItIs) {
   before.insert("lumen");
   const std::string work = fs::current_path();
   EXPECT_EQ(inAChild([&]() -> std::string {
-              std::string error = whyNot(enterPrivateRoot(directory_));
+              std::string error = whyNot(enterPrivateRoot(directory_.path()));
               if (!error.empty()) return error;
               if (namesIn("/") != before) return "other names in /";
               if (!fs::exists("/proc/self/status")) return "no /proc";
               if (!fs::exists("/dev/null")) return "no /dev";
               if (!fs::exists(work)) return "no " + work;
-              if (!fs::exists(directory_ + "/here")) return "no " + directory_;
+              if (!directory_.has("here")) return "no " + directory_.path();
               if (system("/bin/true") != 0) return "programs do not run";
               return {};
             }),
@@ -103,12 +99,12 @@ TEST_F(PrivateRootTest, LeavesEverythingElseWhereItIs) {
 TEST_F(PrivateRootTest, CoversALumenThatIsThere) {
   EXPECT_EQ(inAChild([&]() -> std::string {
               // A root in which /lumen is there, made the same way.
-              std::string error = whyNot(enterPrivateRoot(directory_));
+              std::string error = whyNot(enterPrivateRoot(directory_.path()));
               if (!error.empty()) return error;
-              fs::create_directory(directory_ + "/other");
-              chmod((directory_ + "/other").c_str(), 0755);
-              std::ofstream(directory_ + "/other/there") << "yes";
-              error = whyNot(enterPrivateRoot(directory_ + "/other"));
+              directory_.makeDirectory("other");
+              chmod(directory_.file("other").c_str(), 0755);
+              directory_.write("other/there", "yes");
+              error = whyNot(enterPrivateRoot(directory_.file("other")));
               if (!error.empty()) return error;
               return namesIn("/lumen") == std::set<std::string>{"there"} ? "" : "another one";
             }),
@@ -120,11 +116,12 @@ TEST_F(PrivateRootTest, CoversALumenThatIsThere) {
 TEST_F(PrivateRootTest, SaysWhatIsWrongWithTheDirectory) {
   EXPECT_EQ(inAChild([&] { return whyNot(enterPrivateRoot("/nowhere")); }),
             "/nowhere: No such file or directory");
-  EXPECT_EQ(inAChild([&] { return whyNot(enterPrivateRoot(directory_ + "/here")); }),
-            directory_ + "/here: is no directory");
-  chmod(directory_.c_str(), 0700);
-  EXPECT_EQ(inAChild([&] { return whyNot(enterPrivateRoot(directory_)); }),
-            directory_ + ": services run as other users and cannot look into it (chmod 755)");
+  EXPECT_EQ(inAChild([&] { return whyNot(enterPrivateRoot(directory_.file("here"))); }),
+            directory_.file("here") + ": is no directory");
+  chmod(directory_.path().c_str(), 0700);
+  EXPECT_EQ(
+      inAChild([&] { return whyNot(enterPrivateRoot(directory_.path())); }),
+      directory_.path() + ": services run as other users and cannot look into it (chmod 755)");
 }
 
 // Also proves [lumend-folder].
@@ -140,7 +137,8 @@ TEST_F(PrivateRootTest, SaysWhatTheSystemDoesNotLetItDo) {
                                     {SCMP_SYS(umount2), "/"}};
   const auto expectRefusal = [this](const Case& c) {
     whileRefused({c.call}, EPERM, [&] {
-      const std::string error = inAChild([this] { return whyNot(enterPrivateRoot(directory_)); });
+      const std::string error =
+          inAChild([this] { return whyNot(enterPrivateRoot(directory_.path())); });
       const std::string reason = std::string(c.what) + ": Operation not permitted";
       if (*c.what == '\0') {
         EXPECT_TRUE(error.ends_with(reason)) << error;
@@ -157,8 +155,8 @@ TEST_F(PrivateRootTest, SaysWhatTheSystemDoesNotLetItDo) {
 TEST_F(PrivateRootTest, SaysWhenADirectoryCannotBeGivenAway) {
   for (const int call : {SCMP_SYS(fchown), SCMP_SYS(fchmod)}) {
     whileRefused({call}, EPERM, [&] {
-      EXPECT_EQ(whyNot(makeDirectory(directory_ + "/store", 54321, 54322, 0700)),
-                directory_ + "/store: Operation not permitted");
+      EXPECT_EQ(whyNot(makeDirectory(directory_.file("store"), 54321, 54322, 0700)),
+                directory_.file("store") + ": Operation not permitted");
     });
   }
 }
@@ -166,7 +164,7 @@ TEST_F(PrivateRootTest, SaysWhenADirectoryCannotBeGivenAway) {
 // Promise: Directories that lumend makes have their owner and mode whatever the umask, and are
 // never made through a link.
 TEST_F(PrivateRootTest, MakesDirectoriesWhateverTheUmask) {
-  const std::string made = directory_ + "/store";
+  const std::string made = directory_.file("store");
   const mode_t before = umask(077);
   EXPECT_EQ(whyNot(makeDirectory(made, 54321, 54322, 0755)), "");
   EXPECT_EQ(whyNot(makeDirectory(made, 54321, 54322, 0755)), "") << "it is there already";
@@ -179,12 +177,12 @@ TEST_F(PrivateRootTest, MakesDirectoriesWhateverTheUmask) {
 }
 
 TEST_F(PrivateRootTest, DoesNotFollowALinkToMakeADirectory) {
-  fs::create_directory(directory_ + "/target");
-  fs::create_symlink(directory_ + "/target", directory_ + "/link");
-  EXPECT_EQ(whyNot(makeDirectory(directory_ + "/link", 54321, 54322, 0700)),
-            directory_ + "/link: Not a directory");
-  EXPECT_EQ(whyNot(makeDirectory(directory_ + "/here", 54321, 54322, 0700)),
-            directory_ + "/here: Not a directory");
+  directory_.makeDirectory("target");
+  fs::create_symlink(directory_.file("target"), directory_.file("link"));
+  EXPECT_EQ(whyNot(makeDirectory(directory_.file("link"), 54321, 54322, 0700)),
+            directory_.file("link") + ": Not a directory");
+  EXPECT_EQ(whyNot(makeDirectory(directory_.file("here"), 54321, 54322, 0700)),
+            directory_.file("here") + ": Not a directory");
   EXPECT_EQ(whyNot(makeDirectory("/nowhere/store", 0, 0, 0700)),
             "/nowhere/store: No such file or directory");
 }
