@@ -12,8 +12,6 @@
 namespace lumen::test {
 namespace {
 
-constexpr uint32_t someCommand = 3;
-
 /// Programs that do not keep to the rules, and what they do to others: nothing.
 class BadProgram : public BrokerTest {
  protected:
@@ -25,13 +23,7 @@ class BadProgram : public BrokerTest {
   }
 };
 
-lm::message rightRequest() {
-  lm::message request;
-  request.insert_u32_array(lm::key::destination, {20, 5});
-  request.insert_u32(lm::key::command, lm::cmd::list);
-  request.insert_u32(lm::key::serial, 1);
-  return request;
-}
+lm::message rightRequest() { return requestTo({20, 5}, lm::cmd::list); }
 
 // Promise [broker-garbage]: A program that sends what is no message is disconnected, nothing after
 // it is read, and the log names it and the reason: `connection 1 (process 1, user 0): sent no
@@ -258,8 +250,7 @@ TEST_F(BadProgram, GetsLongMessagesAlsoWithoutPrivilege) {
 // Also proves [broker-unread].
 TEST_F(BadProgram, WhichIsAServiceThatDoesNotReadKeepsNobodyWaiting) {
   testing::internal::CaptureStdout();
-  Program deaf = connect(gatewayUser);
-  registerAs(deaf, gateway);
+  Program deaf = connectGateway();
   Program client = connectAdministrator();
   const lm::message large = fields(std::string(100'000, 'x'));
   std::string error;

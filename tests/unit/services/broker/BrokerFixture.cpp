@@ -34,6 +34,21 @@ lm::message fields(const std::string& text) {
   return m;
 }
 
+lm::message requestTo(const std::vector<uint32_t>& path, uint32_t command) {
+  lm::message m;
+  m.insert_u32_array(lm::key::destination, path);
+  m.insert_u32(lm::key::command, command);
+  m.insert_u32(lm::key::serial, 1);
+  return m;
+}
+
+lm::message topic(uint32_t command, std::vector<uint32_t> path) {
+  lm::message m;
+  m.insert_u32(lm::broker::key::topicCommand, command);
+  m.insert_u32_array(lm::broker::key::topicSource, std::move(path));
+  return m;
+}
+
 lm::message services(const std::vector<uint32_t>& numbers) {
   lm::message m;
   m.insert_u32_array(lm::broker::key::services, numbers);
@@ -85,6 +100,12 @@ std::optional<lm::message> Program::receive() {
   return std::nullopt;
 }
 
+lm::message Program::next() {
+  std::optional<lm::message> m = receive();
+  EXPECT_TRUE(m) << "nothing has arrived";
+  return m ? std::move(*m) : lm::message();
+}
+
 std::string Program::error() {
   const std::optional<lm::message> reply = receive();
   return reply ? lm::getError(*reply) : std::string();
@@ -114,31 +135,57 @@ Program BrokerTest::connect(uid_t user, std::vector<gid_t> groups, pid_t pid) {
   return Program(lm::Fd(ends[1]));
 }
 
-void BrokerTest::registerAs(Program& program, uint32_t service) {
-  program.ask({0}, lm::broker::cmd::registerServices, services({service}));
+Program BrokerTest::connectGateway() {
+  Program service = connect(gatewayUser);
+  registerAs(service, gateway);
+  return service;
+}
+
+Program BrokerTest::connectResolver() {
+  Program service = connect(resolverUser);
+  registerAs(service, resolver);
+  return service;
+}
+
+Program BrokerTest::startedGateway() {
+  Program service = connect(gatewayUser, {100}, processes.last());
+  registerAs(service, gateway);
+  return service;
+}
+
+std::string BrokerTest::errorOf(Program& program, const std::vector<uint32_t>& path,
+                                uint32_t command, lm::message fields) {
+  program.ask(path, command, std::move(fields));
   settle();
-  const std::optional<lm::message> reply = program.receive();
-  ASSERT_TRUE(reply);
-  EXPECT_EQ(lm::getError(*reply), "");
+  return lm::getError(program.next());
+}
+
+void BrokerTest::registerAs(Program& program, uint32_t service) {
+  EXPECT_EQ(errorOf(program, {0}, lm::broker::cmd::registerServices, services({service})), "");
 }
 
 void BrokerTest::unregister(Program& program, uint32_t service) {
-  program.ask({0}, lm::broker::cmd::unregisterServices, services({service}));
-  settle();
-  const std::optional<lm::message> reply = program.receive();
-  ASSERT_TRUE(reply);
-  EXPECT_EQ(lm::getError(*reply), "");
+  EXPECT_EQ(errorOf(program, {0}, lm::broker::cmd::unregisterServices, services({service})), "");
 }
 
 void BrokerTest::subscribe(Program& program, uint32_t command, std::vector<uint32_t> path) {
-  lm::message topic;
-  topic.insert_u32(lm::broker::key::topicCommand, command);
-  topic.insert_u32_array(lm::broker::key::topicSource, std::move(path));
-  program.ask({0}, lm::broker::cmd::subscribe, topic);
+  EXPECT_EQ(errorOf(program, {0}, lm::broker::cmd::subscribe, topic(command, std::move(path))), "");
+}
+
+uint32_t BrokerTest::asksGateway(Program& client, lm::message fields) {
+  const uint32_t serial = client.ask({gateway, 0}, someCommand, std::move(fields));
   settle();
-  const std::optional<lm::message> reply = program.receive();
-  ASSERT_TRUE(reply);
-  EXPECT_EQ(lm::getError(*reply), "");
+  return serial;
+}
+
+void BrokerTest::answers(Program& service, const lm::message& request, lm::message fields) {
+  service.answer(request, std::move(fields));
+  settle();
+}
+
+void BrokerTest::givesUp(Program& client, uint32_t serial) {
+  client.cancel(serial);
+  settle();
 }
 
 void BrokerTest::settle(int turns) {

@@ -18,6 +18,8 @@
 
 namespace lumen::test {
 
+inline constexpr uint32_t someCommand = 3;
+
 /// A program at the other end of a connection.
 class Program {
  public:
@@ -36,6 +38,8 @@ class Program {
 
   /// The next message that has arrived; none: there is none.
   std::optional<lm::message> receive();
+  /// The next message, which must have arrived; empty: the test fails.
+  lm::message next();
   /// The text of the error reply that has arrived; "" when it is no error, or there is none.
   std::string error();
   /// Whether the broker has ended the connection and everything is read.
@@ -82,13 +86,23 @@ class BrokerTest : public testing::Test {
 
   Program connect(uid_t user, std::vector<gid_t> groups = {100}, pid_t pid = 1);
   Program connectAdministrator() { return connect(0); }
-  /// The process of a service that was started last.
-  Program connectLast(uid_t user) { return connect(user, {100}, processes.last()); }
+  /// Services that were started by hand and have registered.
+  Program connectGateway();
+  Program connectResolver();
+  /// The gateway daemon as the process that was started last; it has registered.
+  Program startedGateway();
 
-  /// Registers and reads the answer.
+  /// Sends a request and reads the answer: the text of the error, "" when it is none.
+  std::string errorOf(Program& program, const std::vector<uint32_t>& path, uint32_t command,
+                      lm::message fields = {});
   void registerAs(Program& program, uint32_t service);
   void unregister(Program& program, uint32_t service);
   void subscribe(Program& program, uint32_t command, std::vector<uint32_t> path);
+
+  /// Each of these lets the broker handle what was sent.
+  uint32_t asksGateway(Program& client, lm::message fields = {});
+  void answers(Program& service, const lm::message& request, lm::message fields = {});
+  void givesUp(Program& client, uint32_t serial);
 
   /// Lets the broker handle everything that was sent.
   void settle(int turns = 40);
@@ -103,6 +117,9 @@ class BrokerTest : public testing::Test {
 };
 
 [[nodiscard]] lm::message fields(const std::string& text);
+/// A complete request, with serial 1.
+[[nodiscard]] lm::message requestTo(const std::vector<uint32_t>& path, uint32_t command);
+[[nodiscard]] lm::message topic(uint32_t command, std::vector<uint32_t> path);
 [[nodiscard]] lm::message services(const std::vector<uint32_t>& numbers);
 
 }  // namespace lumen::test

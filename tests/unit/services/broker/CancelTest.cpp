@@ -9,8 +9,6 @@
 namespace lumen::test {
 namespace {
 
-constexpr uint32_t someCommand = 3;
-
 class Cancelling : public BrokerTest {
  protected:
   /// The serial of the request that the broker says was cancelled; none: it has sent something
@@ -41,8 +39,7 @@ TEST_F(Cancelling, UndoesOnce) {
   Program client = connect(gatewayUser);
   const uint32_t serial = client.ask({20, 5}, someCommand);
   client.cancel(serial);
-  client.cancel(serial);
-  settle();
+  givesUp(client, serial);
   EXPECT_EQ(rules.undone.size(), 1U);
 }
 
@@ -50,11 +47,9 @@ TEST_F(Cancelling, LeavesWhatWasSettledByTheNextRequest) {
   Program client = connect(gatewayUser);
   const uint32_t first = client.ask({20, 5}, someCommand);
   const uint32_t second = client.ask({20, 5}, someCommand + 1);
-  client.cancel(first);
-  settle();
+  givesUp(client, first);
   EXPECT_EQ(rules.undone, std::vector<uint32_t>{});
-  client.cancel(second);
-  settle();
+  givesUp(client, second);
   EXPECT_EQ(rules.undone, std::vector<uint32_t>{someCommand + 1});
 }
 
@@ -66,57 +61,42 @@ TEST_F(Cancelling, LeavesTheRequestsOfOthers) {
   const uint32_t serial = client.ask({20, 5}, someCommand);
   settle();
   EXPECT_EQ(other.ask({0}, lm::broker::cmd::services), serial);
-  other.cancel(serial);
-  settle();
+  givesUp(other, serial);
   EXPECT_EQ(rules.undone, std::vector<uint32_t>{});
 }
 
 // Promise [cancel-service]: A service hears that a request was cancelled, whether it has answered
 // or not.
 TEST_F(Cancelling, TellsAServiceThatHasNotAnswered) {
-  Program service = connect(gatewayUser);
-  registerAs(service, gateway);
+  Program service = connectGateway();
   Program client = connectAdministrator();
-  const uint32_t serial = client.ask({gateway, 0}, someCommand);
-  settle();
-  const auto request = service.receive();
-  ASSERT_TRUE(request);
-  client.cancel(serial);
-  settle();
-  EXPECT_EQ(cancelled(service), request->get_u32(lm::key::serial));
+  const uint32_t serial = asksGateway(client);
+  const lm::message request = service.next();
+  givesUp(client, serial);
+  EXPECT_EQ(cancelled(service), request.get_u32(lm::key::serial));
   EXPECT_EQ(client.error(), "given up");
 
-  service.answer(*request, fields("late"));
-  settle();
+  answers(service, request, fields("late"));
   EXPECT_FALSE(client.receive());
 }
 
 TEST_F(Cancelling, TellsAServiceWhoseAnswerCrossedTheCancellation) {
-  Program service = connect(gatewayUser);
-  registerAs(service, gateway);
+  Program service = connectGateway();
   Program client = connectAdministrator();
-  const uint32_t serial = client.ask({gateway, 0}, someCommand);
-  settle();
-  const auto request = service.receive();
-  ASSERT_TRUE(request);
-  service.answer(*request);
-  settle();
-  client.cancel(serial);
-  settle();
-  EXPECT_EQ(cancelled(service), request->get_u32(lm::key::serial));
+  const uint32_t serial = asksGateway(client);
+  const lm::message request = service.next();
+  answers(service, request);
+  givesUp(client, serial);
+  EXPECT_EQ(cancelled(service), request.get_u32(lm::key::serial));
 }
 
 TEST_F(Cancelling, TellsNoServiceOfARequestThatWasSettled) {
-  Program service = connect(gatewayUser);
-  registerAs(service, gateway);
+  Program service = connectGateway();
   Program client = connectAdministrator();
-  const uint32_t serial = client.ask({gateway, 0}, someCommand);
-  settle();
-  service.answer(*service.receive());
-  settle();
+  const uint32_t serial = asksGateway(client);
+  answers(service, service.next());
   client.ask({20, 5}, someCommand);
-  client.cancel(serial);
-  settle();
+  givesUp(client, serial);
   EXPECT_FALSE(service.receive());
 }
 
@@ -124,16 +104,12 @@ TEST_F(Cancelling, TellsAServiceThatHasEndedNothing) {
   Program client = connectAdministrator();
   uint32_t serial = 0;
   {
-    Program service = connect(gatewayUser);
-    registerAs(service, gateway);
-    serial = client.ask({gateway, 0}, someCommand);
-    settle();
-    service.answer(*service.receive());
-    settle();
+    Program service = connectGateway();
+    serial = asksGateway(client);
+    answers(service, service.next());
   }
   settle();
-  client.cancel(serial);
-  settle();
+  givesUp(client, serial);
   EXPECT_FALSE(client.isDisconnected());
 }
 
@@ -143,15 +119,11 @@ TEST_F(Cancelling, DropsARequestThatWaitsForItsService) {
   Program client = connectAdministrator();
   const uint32_t first = client.ask({gateway, 0}, someCommand);
   client.ask({gateway, 0}, someCommand + 1);
-  client.cancel(first);
-  settle();
+  givesUp(client, first);
   EXPECT_EQ(client.error(), "given up");
-  Program service = connectLast(gatewayUser);
-  registerAs(service, gateway);
-  settle();
-  const auto request = service.receive();
-  ASSERT_TRUE(request);
-  EXPECT_EQ(request->get_u32(lm::key::command), someCommand + 1);
+  Program service = startedGateway();
+  const lm::message request = service.next();
+  EXPECT_EQ(request.get_u32(lm::key::command), someCommand + 1);
   EXPECT_FALSE(service.receive());
 }
 
@@ -159,8 +131,7 @@ TEST_F(Cancelling, DropsARequestThatWaitsForItsService) {
 // Promise [cancel-count]: A cancelled request counts no longer among those under way, and monitors
 // see the cancellation.
 TEST_F(Cancelling, MakesRoomForOtherRequests) {
-  Program service = connect(gatewayUser);
-  registerAs(service, gateway);
+  Program service = connectGateway();
   Program client = connectAdministrator();
   for (size_t i = 0; i < Broker::maxRequests + 1; ++i) {
     client.cancel(client.ask({gateway, 0}, someCommand));
@@ -172,19 +143,16 @@ TEST_F(Cancelling, MakesRoomForOtherRequests) {
 }
 
 TEST_F(Cancelling, IsShownToWhoMonitors) {
-  Program service = connect(gatewayUser);
-  registerAs(service, gateway);
+  Program service = connectGateway();
   Program client = connectAdministrator();
-  const uint32_t serial = client.ask({gateway, 0}, someCommand);
-  settle();
+  const uint32_t serial = asksGateway(client);
   Program monitor = connectAdministrator();
   lm::message on;
   on.insert_bool(lm::monitor::key::on, true);
   monitor.ask({0}, lm::broker::cmd::monitor, on);
   settle();
   (void)monitor.receive();
-  client.cancel(serial);
-  settle();
+  givesUp(client, serial);
   std::vector<std::pair<uint32_t, uint32_t>> ways;
   while (const auto seen = monitor.receive()) {
     if (seen->get_message(lm::monitor::key::message).get_u32(lm::key::command) ==

@@ -10,8 +10,6 @@
 namespace lumen::test {
 namespace {
 
-constexpr uint32_t someCommand = 3;
-
 /// Sends a request, and the next one whenever a request is heard.
 class EndlessSender : public LocalHandler {
  public:
@@ -31,11 +29,7 @@ class EndlessSender : public LocalHandler {
   }
   /// Whether or not the broker still takes it.
   void send() {
-    lm::message request;
-    request.insert_u32_array(lm::key::destination, {20, 6});
-    request.insert_u32(lm::key::command, someCommand);
-    request.insert_u32(lm::key::serial, 1);
-    const std::string datagram = lm::encode(request);
+    const std::string datagram = lm::encode(requestTo({20, 6}, someCommand));
     (void)::send(socket_.get(), datagram.data(), datagram.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
   }
 
@@ -51,12 +45,6 @@ class EndlessSender : public LocalHandler {
 /// Requests to a service that comes and goes.
 class Lives : public BrokerTest {
  protected:
-  /// The next life of the gateway daemon, which has just been started.
-  Program startedGateway() {
-    Program service = connectLast(gatewayUser);
-    registerAs(service, gateway);
-    return service;
-  }
   /// Of the gateway daemon, in the list of services.
   std::string stateInList() {
     Program administrator = connectAdministrator();
@@ -87,8 +75,7 @@ TEST_F(Lives, AreSeenInTheListOfServices) {
 TEST_F(Lives, BeginWithARequestThatWaitsForThem) {
   Program client = connectAdministrator();
   client.ask({gateway, 0}, someCommand, fields("one"));
-  client.ask({gateway, 0}, someCommand, fields("two"));
-  settle();
+  asksGateway(client, fields("two"));
   EXPECT_EQ(processes.started.size(), 1U);
   EXPECT_FALSE(client.receive());
 
@@ -99,8 +86,7 @@ TEST_F(Lives, BeginWithARequestThatWaitsForThem) {
   EXPECT_EQ(first->get_string(7), "one");
   EXPECT_EQ(second->get_string(7), "two");
   service.answer(*first);
-  service.answer(*second);
-  settle();
+  answers(service, *second);
   EXPECT_TRUE(client.receive());
   EXPECT_TRUE(client.receive());
 }
@@ -111,12 +97,10 @@ TEST_F(Lives, BeginWithARequestThatWaitsForThem) {
 // afterwards.
 TEST_F(Lives, AreWaitedForFiveSeconds) {
   Program client = connectAdministrator();
-  client.ask({gateway, 0}, someCommand);
-  settle();
+  asksGateway(client);
   EXPECT_EQ(loop.nextDue(), clock.now() + 5'000) << "nothing runs before that";
   pass(1'000);
-  client.ask({gateway, 0}, someCommand);
-  settle();
+  asksGateway(client);
   pass(3'900);
   EXPECT_FALSE(client.receive());
   pass(100);
@@ -132,8 +116,7 @@ TEST_F(Lives, AreWaitedForFiveSeconds) {
 // unavailable`.
 TEST_F(Lives, ThatEndBeforeTheyRegisterAreNotWaitedFor) {
   Program client = connectAdministrator();
-  client.ask({gateway, 0}, someCommand);
-  settle();
+  asksGateway(client);
   processes.exit(processes.last(), 1);
   settle();
   EXPECT_EQ(client.error(), "service unavailable");
@@ -155,13 +138,11 @@ TEST_F(Lives, AreNotBegunDuringABackOffForAService) {
 
 TEST_F(Lives, AreBegunDuringABackOffForAnAdministrator) {
   Program client = connectAdministrator();
-  client.ask({gateway, 0}, someCommand);
-  settle();
+  asksGateway(client);
   processes.exit(processes.last(), 1);
   settle();
   EXPECT_EQ(client.error(), "service unavailable");
-  client.ask({gateway, 0}, someCommand);
-  settle();
+  asksGateway(client);
   EXPECT_EQ(processes.started.size(), 2U);
   Program service = startedGateway();
   EXPECT_TRUE(service.receive());
@@ -171,21 +152,18 @@ TEST_F(Lives, AreBegunDuringABackOffForAnAdministrator) {
 // arrives later to the next; none is lost and none answered twice.
 TEST_F(Lives, FollowEachOtherWithoutLosingARequest) {
   Program client = connectAdministrator();
-  client.ask({gateway, 0}, someCommand, fields("wake"));
-  settle();
+  asksGateway(client, fields("wake"));
   Program first = startedGateway();
-  first.answer(*first.receive());
+  first.answer(first.next());
   client.ask({gateway, 0}, someCommand, fields("before"));
   first.ask({0}, lm::broker::cmd::unregisterServices, services({gateway}));
   settle();
   // The one before the answer belongs to this life, the one after it to the next.
-  client.ask({gateway, 0}, someCommand, fields("after"));
-  settle();
-  const auto before = first.receive();
-  ASSERT_TRUE(before);
-  EXPECT_EQ(before->get_string(7), "before");
-  first.answer(*before, fields("by the first"));
-  EXPECT_TRUE(first.receive()->get_bool(lm::key::isReply));
+  asksGateway(client, fields("after"));
+  const lm::message before = first.next();
+  EXPECT_EQ(before.get_string(7), "before");
+  first.answer(before, fields("by the first"));
+  EXPECT_TRUE(first.next().get_bool(lm::key::isReply));
   EXPECT_FALSE(first.receive());
   EXPECT_EQ(processes.started.size(), 1U) << "one life at a time";
 
@@ -193,45 +171,37 @@ TEST_F(Lives, FollowEachOtherWithoutLosingARequest) {
   processes.exit(processes.last(), 0);
   EXPECT_EQ(processes.started.size(), 2U);
   Program second = startedGateway();
-  const auto after = second.receive();
-  ASSERT_TRUE(after);
-  EXPECT_EQ(after->get_string(7), "after");
-  second.answer(*after, fields("by the second"));
-  settle();
+  const lm::message after = second.next();
+  EXPECT_EQ(after.get_string(7), "after");
+  answers(second, after, fields("by the second"));
   EXPECT_TRUE(client.receive());
-  EXPECT_EQ(client.receive()->get_string(7), "by the first");
-  EXPECT_EQ(client.receive()->get_string(7), "by the second");
+  EXPECT_EQ(client.next().get_string(7), "by the first");
+  EXPECT_EQ(client.next().get_string(7), "by the second");
   EXPECT_FALSE(client.receive());
 }
 
 // Promise: A service that registers again instead of ending gets what waited.
 TEST_F(Lives, GoOnWhenTheSameConnectionRegistersAgain) {
   Program client = connectAdministrator();
-  client.ask({gateway, 0}, someCommand);
-  settle();
+  asksGateway(client);
   Program service = startedGateway();
-  service.answer(*service.receive());
+  service.answer(service.next());
   unregister(service, gateway);
-  client.ask({gateway, 0}, someCommand, fields("waits"));
-  settle();
+  asksGateway(client, fields("waits"));
   EXPECT_FALSE(service.receive());
   registerAs(service, gateway);
-  const auto arrived = service.receive();
-  ASSERT_TRUE(arrived);
-  EXPECT_EQ(arrived->get_string(7), "waits");
+  const lm::message arrived = service.next();
+  EXPECT_EQ(arrived.get_string(7), "waits");
   EXPECT_EQ(processes.started.size(), 1U);
 }
 
 TEST_F(Lives, AreEndedOnlyByTheirOwnConnection) {
   Program service = connect(gatewayUser);
   const auto unregisters = [&](const std::vector<uint32_t>& numbers) {
-    service.ask({0}, lm::broker::cmd::unregisterServices, services(numbers));
-    settle();
-    return service.error();
+    return errorOf(service, {0}, lm::broker::cmd::unregisterServices, services(numbers));
   };
   EXPECT_EQ(unregisters({gateway}), "service 40 is not registered here");
-  Program other = connect(gatewayUser);
-  registerAs(other, gateway);
+  Program other = connectGateway();
   EXPECT_EQ(unregisters({gateway}), "service 40 is not registered here");
   other.close();
   settle();
@@ -243,16 +213,15 @@ TEST_F(Lives, AreEndedOnlyByTheirOwnConnection) {
 // Promise: How a process ended is judged after everything that it had sent.
 TEST_F(Lives, AreJudgedAfterTheirLastWords) {
   Program client = connectAdministrator();
-  client.ask({gateway, 0}, someCommand);
-  settle();
+  asksGateway(client);
   Program service = startedGateway();
-  service.answer(*service.receive(), fields("done"));
+  service.answer(service.next(), fields("done"));
   service.ask({0}, lm::broker::cmd::unregisterServices, services({gateway}));
   service.close();
   // Its end is known before anything that it sent was looked at.
   processes.exit(processes.last(), 0);
   settle();
-  EXPECT_EQ(client.receive()->get_string(7), "done");
+  EXPECT_EQ(client.next().get_string(7), "done");
   pass(120'000);
   EXPECT_EQ(processes.started.size(), 1U) << "it was not needed any more";
 }
@@ -285,8 +254,7 @@ TEST_F(Lives, EndAlthoughAnotherProcessGoesOnSending) {
 // Promise: A service that crashed has its number back in its next life.
 TEST_F(Lives, MakeRoomForTheNextOneWhenTheyCrash) {
   Program client = connectAdministrator();
-  client.ask({gateway, 0}, someCommand);
-  settle();
+  asksGateway(client);
   Program first = startedGateway();
   first.close();
   processes.dieBySignal(processes.last(), SIGKILL);
@@ -294,8 +262,7 @@ TEST_F(Lives, MakeRoomForTheNextOneWhenTheyCrash) {
   pass(1'000);
   EXPECT_EQ(processes.started.size(), 2U);
   Program second = startedGateway();
-  client.ask({gateway, 0}, someCommand);
-  settle();
+  asksGateway(client);
   EXPECT_TRUE(second.receive());
 }
 
@@ -305,9 +272,8 @@ TEST_F(Lives, DeliverARequestWhoseSenderHasEnded) {
   client.close();
   settle();
   Program service = startedGateway();
-  const auto arrived = service.receive();
-  ASSERT_TRUE(arrived);
-  EXPECT_EQ(arrived->get_string(7), "undo");
+  const lm::message arrived = service.next();
+  EXPECT_EQ(arrived.get_string(7), "undo");
 }
 
 // Promise [broker-waiting]: Requests of 4 MiB in all, from all senders, may wait for services, in
@@ -341,11 +307,9 @@ TEST_F(Lives, BoundWhatWaitsForThem) {
 
 // Promise: A service that is started by hand is served without a process of lumend's.
 TEST_F(Lives, OfAServiceThatIsRunByHandNeedNoProcess) {
-  Program service = connect(gatewayUser);
-  registerAs(service, gateway);
+  Program service = connectGateway();
   Program client = connectAdministrator();
-  client.ask({gateway, 0}, someCommand);
-  settle();
+  asksGateway(client);
   EXPECT_TRUE(service.receive());
   EXPECT_TRUE(processes.started.empty());
 }
@@ -354,8 +318,7 @@ TEST_F(Lives, OfAServiceThatIsRunByHandNeedNoProcess) {
 // `service unavailable`.
 TEST_F(Lives, AreOverWhileLumendEnds) {
   Program client = connectAdministrator();
-  client.ask({gateway, 0}, someCommand);
-  settle();
+  asksGateway(client);
   Program service = startedGateway();
   supervisor.shutDown();
   EXPECT_TRUE(service.receive());

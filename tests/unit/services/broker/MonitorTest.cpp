@@ -9,8 +9,6 @@ namespace {
 
 using Path = std::vector<uint32_t>;
 
-constexpr uint32_t someCommand = 3;
-
 class Monitoring : public BrokerTest {
  protected:
   Monitoring() { watch(monitor); }
@@ -22,10 +20,7 @@ class Monitoring : public BrokerTest {
   std::string errorOfWatching(Program& program, std::optional<bool> on) {
     lm::message request;
     if (on) request.insert_bool(lm::monitor::key::on, *on);
-    program.ask({0}, lm::broker::cmd::monitor, request);
-    settle();
-    const std::optional<lm::message> reply = program.receive();
-    return !reply ? "no answer" : lm::getError(*reply);
+    return errorOf(program, {0}, lm::broker::cmd::monitor, request);
   }
 
   /// The next message that the monitor is shown, unwrapped into `from`, `to` and `message`; false
@@ -101,8 +96,7 @@ TEST_F(Monitoring, ChangesNothingOfWhatIsAsked) {
 }
 
 TEST_F(Monitoring, ShowsARequestToAProgramAndItsReplyUnderOneSerial) {
-  Program service = connect(gatewayUser);
-  registerAs(service, gateway);
+  Program service = connectGateway();
   ASSERT_TRUE(isShown());
   EXPECT_EQ(from, gateway) << "the user's service";
   EXPECT_EQ(to, 0U);
@@ -112,8 +106,7 @@ TEST_F(Monitoring, ShowsARequestToAProgramAndItsReplyUnderOneSerial) {
 
   Program administrator = connectAdministrator();
   administrator.ask({20, 5}, someCommand);
-  const uint32_t serial = administrator.ask({gateway, 0}, someCommand, fields("do"));
-  settle();
+  const uint32_t serial = asksGateway(administrator, fields("do"));
   ASSERT_TRUE(isShown() && isShown() && isShown());
   EXPECT_EQ(from, 0x10003U);
   EXPECT_EQ(to, gateway);
@@ -121,8 +114,7 @@ TEST_F(Monitoring, ShowsARequestToAProgramAndItsReplyUnderOneSerial) {
   EXPECT_EQ(message.get_u32(lm::key::serial), serial);
   EXPECT_EQ(message.get_u32_array_ref(lm::key::source), (Path{0x10003, 0}));
 
-  service.answer(*service.receive(), fields("done"));
-  settle();
+  answers(service, service.next(), fields("done"));
   ASSERT_TRUE(isShown());
   EXPECT_EQ(from, gateway);
   EXPECT_EQ(to, 0x10003U);
@@ -132,12 +124,10 @@ TEST_F(Monitoring, ShowsARequestToAProgramAndItsReplyUnderOneSerial) {
 
 TEST_F(Monitoring, ShowsARequestWhenItArrivesAlsoIfItMustWait) {
   Program administrator = connectAdministrator();
-  administrator.ask({gateway, 0}, someCommand);
-  settle();
+  asksGateway(administrator);
   ASSERT_TRUE(isShown());
   EXPECT_EQ(to, gateway);
-  Program service = connectLast(gatewayUser);
-  registerAs(service, gateway);
+  Program service = startedGateway();
   ASSERT_TRUE(isShown() && isShown()) << "registering";
   EXPECT_FALSE(isShown());
 }
@@ -170,8 +160,7 @@ TEST_F(Monitoring, ShowsWhatTheBrokerRefuses) {
 
 TEST_F(Monitoring, ShowsThatAServiceDidNotComeUp) {
   Program administrator = connectAdministrator();
-  administrator.ask({gateway, 0}, someCommand);
-  settle();
+  asksGateway(administrator);
   ASSERT_TRUE(isShown());
   pass(Broker::startLimit);
   ASSERT_TRUE(isShown());

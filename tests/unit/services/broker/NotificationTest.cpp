@@ -14,18 +14,16 @@ class Notifications : public BrokerTest {};
 // Promise [broker-notify]: A notification goes to every connection that subscribed to its command
 // and its path, once, and to no other.
 TEST_F(Notifications, GoFromAProgramToItsSubscribers) {
-  Program service = connect(gatewayUser);
-  registerAs(service, gateway);
+  Program service = connectGateway();
   Program subscriber = connectAdministrator();
   subscribe(subscriber, lm::cmd::changed, {gateway, 2});
   Program other = connectAdministrator();
   service.notify(lm::cmd::changed, 2, fields("news"));
   settle();
-  const auto news = subscriber.receive();
-  ASSERT_TRUE(news);
-  EXPECT_EQ(news->get_string(7), "news");
-  EXPECT_EQ(news->get_u32(lm::key::command), lm::cmd::changed);
-  EXPECT_EQ(news->get_u32_array_ref(lm::key::source), (std::vector<uint32_t>{gateway, 2}));
+  const lm::message news = subscriber.next();
+  EXPECT_EQ(news.get_string(7), "news");
+  EXPECT_EQ(news.get_u32(lm::key::command), lm::cmd::changed);
+  EXPECT_EQ(news.get_u32_array_ref(lm::key::source), (std::vector<uint32_t>{gateway, 2}));
   EXPECT_FALSE(other.receive());
   EXPECT_FALSE(service.receive());
 }
@@ -35,11 +33,10 @@ TEST_F(Notifications, GoFromAHandlerOfThisProcessToItsSubscribers) {
   Program subscriber = connect(gatewayUser);
   subscribe(subscriber, lm::cmd::interfaceChanged, {20, 0});
   broker.notify(lm::cmd::interfaceChanged, {20, 0}, fields("link"));
-  const auto news = subscriber.receive();
-  ASSERT_TRUE(news);
-  EXPECT_EQ(news->get_string(7), "link");
-  EXPECT_EQ(news->get_u32(lm::key::command), lm::cmd::interfaceChanged);
-  EXPECT_EQ(news->get_u32_array_ref(lm::key::source), (std::vector<uint32_t>{20, 0}));
+  const lm::message news = subscriber.next();
+  EXPECT_EQ(news.get_string(7), "link");
+  EXPECT_EQ(news.get_u32(lm::key::command), lm::cmd::interfaceChanged);
+  EXPECT_EQ(news.get_u32_array_ref(lm::key::source), (std::vector<uint32_t>{20, 0}));
 }
 
 // Also proves [broker-notify].
@@ -67,15 +64,11 @@ TEST_F(Notifications, StopAfterUnsubscribing) {
   Program subscriber = connect(gatewayUser);
   subscribe(subscriber, lm::cmd::changed, {20, 0});
   subscribe(subscriber, lm::cmd::changed, {20, 0});
-  lm::message topic;
-  topic.insert_u32(lm::broker::key::topicCommand, lm::cmd::changed);
-  topic.insert_u32_array(lm::broker::key::topicSource, {20, 0});
   broker.notify(lm::cmd::changed, {20, 0}, {});
   EXPECT_TRUE(subscriber.receive());
   EXPECT_FALSE(subscriber.receive()) << "subscribed twice, notified once";
-  subscriber.ask({0}, lm::broker::cmd::unsubscribe, topic);
-  settle();
-  EXPECT_EQ(subscriber.error(), "");
+  EXPECT_EQ(
+      errorOf(subscriber, {0}, lm::broker::cmd::unsubscribe, topic(lm::cmd::changed, {20, 0})), "");
   broker.notify(lm::cmd::changed, {20, 0}, {});
   EXPECT_FALSE(subscriber.receive());
 }
@@ -89,8 +82,7 @@ TEST_F(Notifications, FindNobodyWhenTheSubscriberHasEnded) {
 }
 
 TEST_F(Notifications, CarryTheNameOfWhoSendsThem) {
-  Program service = connect(gatewayUser);
-  registerAs(service, gateway);
+  Program service = connectGateway();
   Program subscriber = connectAdministrator();
   subscribe(subscriber, lm::cmd::changed, {20, 0});
   lm::message forged = fields("forged");
@@ -113,9 +105,8 @@ TEST_F(Notifications, CarryTheServiceThatTheSenderNamesIfItIsItsOwn) {
   news.insert_u32_array(lm::key::source, {51, 2});
   service.send(news);
   settle();
-  const auto heard = subscriber.receive();
-  ASSERT_TRUE(heard);
-  EXPECT_EQ(heard->get_u32_array_ref(lm::key::source), (std::vector<uint32_t>{51, 2}));
+  const lm::message heard = subscriber.next();
+  EXPECT_EQ(heard.get_u32_array_ref(lm::key::source), (std::vector<uint32_t>{51, 2}));
 }
 
 TEST_F(Notifications, ThatTheSystemHasNoRoomForComeLater) {
@@ -128,9 +119,8 @@ TEST_F(Notifications, ThatTheSystemHasNoRoomForComeLater) {
   EXPECT_FALSE(subscriber.receive());
   settle();
   for (const char* text : {"one", "two"}) {
-    const auto news = subscriber.receive();
-    ASSERT_TRUE(news) << text;
-    EXPECT_EQ(news->get_string(7), text);
+    const lm::message news = subscriber.next();
+    EXPECT_EQ(news.get_string(7), text);
   }
 }
 
@@ -149,13 +139,10 @@ TEST_F(Notifications, GoOnWhenSomebodyElseUnsubscribes) {
   Program subscriber = connect(gatewayUser);
   subscribe(subscriber, lm::cmd::changed, {20, 0});
   Program other = connect(gatewayUser);
-  lm::message topic;
-  topic.insert_u32(lm::broker::key::topicCommand, lm::cmd::changed);
   for (const uint32_t handler : {0U, 1U}) {
-    topic.insert_u32_array(lm::broker::key::topicSource, {20, handler});
-    other.ask({0}, lm::broker::cmd::unsubscribe, topic);
-    settle();
-    EXPECT_EQ(other.error(), "");
+    EXPECT_EQ(
+        errorOf(other, {0}, lm::broker::cmd::unsubscribe, topic(lm::cmd::changed, {20, handler})),
+        "");
   }
   broker.notify(lm::cmd::changed, {20, 0}, {});
   EXPECT_TRUE(subscriber.receive());
@@ -168,12 +155,8 @@ TEST_F(Notifications, AreBoundedInTopicsForEachProgram) {
   for (uint32_t i = 0; i < 256; ++i) {
     subscribe(subscriber, i, {20, 0});
   }
-  lm::message topic;
-  topic.insert_u32(lm::broker::key::topicCommand, 100'000);
-  topic.insert_u32_array(lm::broker::key::topicSource, {20, 0});
-  subscriber.ask({0}, lm::broker::cmd::subscribe, topic);
-  settle();
-  EXPECT_EQ(subscriber.error(), "too many subscriptions");
+  EXPECT_EQ(errorOf(subscriber, {0}, lm::broker::cmd::subscribe, topic(100'000, {20, 0})),
+            "too many subscriptions");
 }
 
 // Promise: A subscription without command or without path is refused with `no command or path`.
@@ -183,10 +166,9 @@ TEST_F(Notifications, AreNotSubscribedWithoutCommandOrPath) {
   onlyPath.insert_u32_array(lm::broker::key::topicSource, {20, 0});
   lm::message onlyCommand;
   onlyCommand.insert_u32(lm::broker::key::topicCommand, lm::cmd::changed);
-  for (const lm::message& topic : {onlyPath, onlyCommand}) {
-    subscriber.ask({0}, lm::broker::cmd::subscribe, topic);
-    settle();
-    EXPECT_EQ(subscriber.error(), "no command or path");
+  for (const lm::message& incomplete : {onlyPath, onlyCommand}) {
+    EXPECT_EQ(errorOf(subscriber, {0}, lm::broker::cmd::subscribe, incomplete),
+              "no command or path");
   }
 }
 

@@ -5,18 +5,7 @@
 namespace lumen::test {
 namespace {
 
-constexpr uint32_t someCommand = 3;
-
-class RightsTest : public BrokerTest {
- protected:
-  std::string errorOf(Program& program, const std::vector<uint32_t>& path, uint32_t command,
-                      const lm::message& request = {}) {
-    program.ask(path, command, request);
-    settle();
-    const auto reply = program.receive();
-    return reply ? lm::getError(*reply) : "no answer";
-  }
-};
+class RightsTest : public BrokerTest {};
 
 // Promise [rights-others]: A user who is neither an administrator nor the user of a service is
 // refused at connect, members of root's group and of a service's group too.
@@ -46,14 +35,12 @@ TEST_F(RightsTest, RefuseAStrangerAtConnect) {
 
 // Also proves [rights-admin].
 TEST_F(RightsTest, OfAnAdministratorAreWhole) {
-  Program service = connect(gatewayUser);
-  registerAs(service, gateway);
+  Program service = connectGateway();
   Program administrator = connect(stranger, {100, administrators});
   EXPECT_EQ(errorOf(administrator, {0}, lm::broker::cmd::services), "");
   EXPECT_EQ(errorOf(administrator, {0}, lm::broker::cmd::registerServices, services({77})), "");
   EXPECT_EQ(errorOf(administrator, {20, 5}, lm::cmd::list), "");
-  administrator.ask({gateway, 0}, someCommand);
-  settle();
+  asksGateway(administrator);
   EXPECT_TRUE(service.receive());
 }
 
@@ -82,23 +69,19 @@ TEST_F(RightsTest, OfAServiceAreItsOwnNumberAndWhatItLivesOn) {
 // Promise [rights-answers]: A service that only answers is refused every request and every
 // subscription, and may still register and unregister its number.
 TEST_F(RightsTest, OfAServiceThatAnswersOnlyAreItsOwnNumberAlone) {
-  Program names = connect(resolverUser);
-  registerAs(names, resolver);
+  Program names = connectResolver();
   EXPECT_EQ(errorOf(names, {20, 5}, lm::cmd::addObject), "not permitted");
   EXPECT_EQ(errorOf(names, {66}, lm::cmd::addObject), "not permitted");
   EXPECT_EQ(errorOf(names, {gateway}, someCommand), "not permitted");
-  lm::message topic;
-  topic.insert_u32(lm::broker::key::topicCommand, someCommand);
-  topic.insert_u32_array(lm::broker::key::topicSource, {20, 5});
-  EXPECT_EQ(errorOf(names, {0}, lm::broker::cmd::subscribe, topic), "not permitted");
+  EXPECT_EQ(errorOf(names, {0}, lm::broker::cmd::subscribe, topic(someCommand, {20, 5})),
+            "not permitted");
   EXPECT_TRUE(rules.commands.empty());
   unregister(names, resolver);
 }
 
 // Promise: A service may not unregister another's number: `service 14 is not registered here`.
 TEST_F(RightsTest, DoNotLetAServiceUnregisterAnother) {
-  Program names = connect(resolverUser);
-  registerAs(names, resolver);
+  Program names = connectResolver();
   Program service = connect(gatewayUser);
   EXPECT_EQ(errorOf(service, {0}, lm::broker::cmd::unregisterServices, services({resolver})),
             "service 14 is not registered here");
@@ -175,9 +158,8 @@ TEST_F(RightsTest, LetAnAdministratorListTheServices) {
   Program administrator = connectAdministrator();
   administrator.ask({0}, lm::broker::cmd::services);
   settle();
-  const auto reply = administrator.receive();
-  ASSERT_TRUE(reply);
-  const auto& records = reply->get_message_array_ref(lm::key::records);
+  const lm::message reply = administrator.next();
+  const auto& records = reply.get_message_array_ref(lm::key::records);
   ASSERT_EQ(records.size(), 2U);
   EXPECT_EQ(records[1].get_string(lm::broker::listed::name), "upnp");
   EXPECT_EQ(records[1].get_string(lm::broker::listed::state), "stopped");

@@ -5,48 +5,39 @@
 namespace lumen::test {
 namespace {
 
-constexpr uint32_t someCommand = 3;
-
 class Routing : public BrokerTest {};
 
 // Promise: A request goes to the connection that has its service number, and the reply back to the
 // requester under the requester's serial.
 // Also proves [broker-sender].
 TEST_F(Routing, CarriesARequestToItsServiceAndTheReplyBack) {
-  Program service = connect(gatewayUser);
-  registerAs(service, gateway);
+  Program service = connectGateway();
   Program client = connectAdministrator();
   lm::message request = fields("question");
   request.insert_u32_array(lm::key::source, {77, 3});
-  const uint32_t serial = client.ask({gateway, 0}, someCommand, request);
-  settle();
+  const uint32_t serial = asksGateway(client, request);
 
-  const auto arrived = service.receive();
-  ASSERT_TRUE(arrived);
-  EXPECT_EQ(arrived->get_string(7), "question");
-  EXPECT_EQ(arrived->get_u32(lm::key::command), someCommand);
-  EXPECT_EQ(arrived->get_u32_array_ref(lm::key::destination), (std::vector<uint32_t>{gateway, 0}));
+  const lm::message arrived = service.next();
+  EXPECT_EQ(arrived.get_string(7), "question");
+  EXPECT_EQ(arrived.get_u32(lm::key::command), someCommand);
+  EXPECT_EQ(arrived.get_u32_array_ref(lm::key::destination), (std::vector<uint32_t>{gateway, 0}));
   // Element 0 is the broker's: the second connection, which has no service number.
-  EXPECT_EQ(arrived->get_u32_array_ref(lm::key::source), (std::vector<uint32_t>{0x10002, 3}));
+  EXPECT_EQ(arrived.get_u32_array_ref(lm::key::source), (std::vector<uint32_t>{0x10002, 3}));
 
-  service.answer(*arrived, fields("answer"));
-  settle();
-  const auto reply = client.receive();
-  ASSERT_TRUE(reply);
-  EXPECT_EQ(reply->get_string(7), "answer");
-  EXPECT_TRUE(reply->get_bool(lm::key::isReply));
-  EXPECT_EQ(reply->get_u32(lm::key::serial), serial);
+  answers(service, arrived, fields("answer"));
+  const lm::message reply = client.next();
+  EXPECT_EQ(reply.get_string(7), "answer");
+  EXPECT_TRUE(reply.get_bool(lm::key::isReply));
+  EXPECT_EQ(reply.get_u32(lm::key::serial), serial);
 }
 
 // Promise: While a request is under way it has a serial of the broker's, so that requesters with
 // equal serials get each their own reply.
 TEST_F(Routing, PutsASerialOfItsOwnInPlace) {
-  Program service = connect(gatewayUser);
-  registerAs(service, gateway);
+  Program service = connectGateway();
   Program first = connectAdministrator();
   Program second = connectAdministrator();
-  const uint32_t serial = first.ask({gateway, 0}, someCommand);
-  settle();
+  const uint32_t serial = asksGateway(first);
   EXPECT_EQ(second.ask({gateway, 0}, someCommand), serial);
   settle();
   const auto a = service.receive();
@@ -55,79 +46,65 @@ TEST_F(Routing, PutsASerialOfItsOwnInPlace) {
   EXPECT_NE(a->get_u32(lm::key::serial), b->get_u32(lm::key::serial));
 
   service.answer(*b, fields("for the second"));
-  service.answer(*a, fields("for the first"));
-  settle();
-  EXPECT_EQ(first.receive()->get_string(7), "for the first");
-  EXPECT_EQ(second.receive()->get_string(7), "for the second");
+  answers(service, *a, fields("for the first"));
+  EXPECT_EQ(first.next().get_string(7), "for the first");
+  EXPECT_EQ(second.next().get_string(7), "for the second");
 }
 
 // Promise [broker-sender]: The broker writes who sends: the sender's service number, or `0x10000` +
 // connection number for one that has none.
 TEST_F(Routing, NamesTheSenderByItsServiceNumber) {
-  Program service = connect(gatewayUser);
-  registerAs(service, gateway);
-  Program names = connect(resolverUser);
-  registerAs(names, resolver);
+  Program service = connectGateway();
+  Program names = connectResolver();
   lm::message request;
   request.insert_u32_array(lm::key::source, {0, 0});
   service.ask({resolver, 0}, someCommand, request);
   settle();
-  const auto arrived = names.receive();
-  ASSERT_TRUE(arrived);
-  EXPECT_EQ(arrived->get_u32_array_ref(lm::key::source), (std::vector<uint32_t>{gateway, 0}));
+  const lm::message arrived = names.next();
+  EXPECT_EQ(arrived.get_u32_array_ref(lm::key::source), (std::vector<uint32_t>{gateway, 0}));
 }
 
 // Promise: A sender that claims another's service number in a request or a notification is not
 // believed.
 TEST_F(Routing, DoesNotBelieveASenderWhoItIs) {
-  Program service = connect(gatewayUser);
-  registerAs(service, gateway);
-  Program names = connect(resolverUser);
-  registerAs(names, resolver);
+  Program service = connectGateway();
+  Program names = connectResolver();
   for (const std::vector<uint32_t>& claimed :
        {std::vector<uint32_t>{20, 5}, {}, {20}, {20, 5, 1}}) {
     lm::message request;
     request.insert_u32_array(lm::key::source, claimed);
     service.ask({resolver, 0}, someCommand, request);
     settle();
-    const auto arrived = names.receive();
-    ASSERT_TRUE(arrived);
-    EXPECT_EQ(arrived->get_u32_array_ref(lm::key::source)[0], gateway);
+    const lm::message arrived = names.next();
+    const std::vector<uint32_t>& source = arrived.get_u32_array_ref(lm::key::source);
+    ASSERT_FALSE(source.empty());
+    EXPECT_EQ(source[0], gateway);
   }
 }
 
 TEST_F(Routing, DoesNotBelieveWhoAnswersWhoItIs) {
-  Program service = connect(gatewayUser);
-  registerAs(service, gateway);
+  Program service = connectGateway();
   Program client = connectAdministrator();
-  client.ask({gateway, 0}, someCommand);
-  settle();
-  const auto request = service.receive();
-  ASSERT_TRUE(request);
+  asksGateway(client);
+  const lm::message request = service.next();
   lm::message forged;
   forged.insert_u32_array(lm::key::source, {20, 5});
-  service.answer(*request, forged);
-  settle();
-  const auto reply = client.receive();
-  ASSERT_TRUE(reply);
-  EXPECT_EQ(reply->get_u32_array_ref(lm::key::source), (std::vector<uint32_t>{gateway, 5}));
+  answers(service, request, forged);
+  const lm::message reply = client.next();
+  EXPECT_EQ(reply.get_u32_array_ref(lm::key::source), (std::vector<uint32_t>{gateway, 5}));
 }
 
 // Promise: A reply to no pending request is ignored, and a second reply to one request too.
 TEST_F(Routing, IgnoresAReplyThatNobodyWaitsFor) {
-  Program service = connect(gatewayUser);
-  registerAs(service, gateway);
+  Program service = connectGateway();
   Program client = connectAdministrator();
-  client.ask({gateway, 0}, someCommand);
-  settle();
-  const auto arrived = service.receive();
-  ASSERT_TRUE(arrived);
-  lm::message unknown = *arrived;
-  unknown.insert_u32(lm::key::serial, arrived->get_u32(lm::key::serial) + 1);
+  asksGateway(client);
+  const lm::message arrived = service.next();
+  lm::message unknown = arrived;
+  unknown.insert_u32(lm::key::serial, arrived.get_u32(lm::key::serial) + 1);
   service.answer(unknown);
-  service.answer(*arrived);
-  service.answer(*arrived);
-  settle();
+  service.answer(arrived);
+  answers(service, arrived);
   EXPECT_TRUE(client.receive());
   EXPECT_FALSE(client.receive()) << "one request, one answer";
   EXPECT_FALSE(service.isDisconnected());
@@ -135,27 +112,21 @@ TEST_F(Routing, IgnoresAReplyThatNobodyWaitsFor) {
 
 // Promise: A reply from another connection than the one that was asked is ignored.
 TEST_F(Routing, IgnoresAReplyFromAnotherThanWhoWasAsked) {
-  Program service = connect(gatewayUser);
-  registerAs(service, gateway);
+  Program service = connectGateway();
   Program client = connectAdministrator();
-  client.ask({gateway, 0}, someCommand);
-  settle();
-  const auto arrived = service.receive();
-  ASSERT_TRUE(arrived);
+  asksGateway(client);
+  const lm::message arrived = service.next();
   Program forger = connect(resolverUser);
-  forger.answer(*arrived, fields("forged"));
-  settle();
+  answers(forger, arrived, fields("forged"));
   EXPECT_FALSE(client.receive());
 }
 
 // Promise [broker-unavailable]: A service that ends before it answered is answered for with
 // `service unavailable`.
 TEST_F(Routing, AnswersForAServiceThatEndsBeforeItDid) {
-  Program service = connect(gatewayUser);
-  registerAs(service, gateway);
+  Program service = connectGateway();
   Program client = connectAdministrator();
-  client.ask({gateway, 0}, someCommand);
-  settle();
+  asksGateway(client);
   service.close();
   settle();
   EXPECT_EQ(client.error(), "service unavailable");
@@ -164,35 +135,30 @@ TEST_F(Routing, AnswersForAServiceThatEndsBeforeItDid) {
 
 // Promise: What a service sent before it ended is still passed on.
 TEST_F(Routing, PassesOnTheReplyThatAServiceLeavesBehind) {
-  Program service = connect(gatewayUser);
-  registerAs(service, gateway);
+  Program service = connectGateway();
   Program client = connectAdministrator();
   client.ask({gateway, 0}, someCommand);
-  client.ask({gateway, 0}, someCommand);
-  settle();
-  service.answer(*service.receive(), fields("last words"));
+  asksGateway(client);
+  service.answer(service.next(), fields("last words"));
   service.close();  // with a request unread
   settle();
-  EXPECT_EQ(client.receive()->get_string(7), "last words");
+  EXPECT_EQ(client.next().get_string(7), "last words");
   EXPECT_EQ(client.error(), "service unavailable");
 }
 
 // Promise: The requests of a program that ends at once are still delivered.
 TEST_F(Routing, DeliversTheRequestOfAProgramThatEndsAtOnce) {
-  Program service = connect(gatewayUser);
-  registerAs(service, gateway);
+  Program service = connectGateway();
   Program client = connectAdministrator();
   client.ask({gateway, 0}, someCommand, fields("one"));
   client.ask({66}, someCommand);
   client.ask({gateway, 0}, someCommand, fields("two"));
   client.close();
   settle();
-  EXPECT_EQ(service.receive()->get_string(7), "one");
-  const auto second = service.receive();
-  ASSERT_TRUE(second) << "also when an answer has found nobody";
-  EXPECT_EQ(second->get_string(7), "two");
-  service.answer(*second);
-  settle();
+  EXPECT_EQ(service.next().get_string(7), "one");
+  const lm::message second = service.next();
+  EXPECT_EQ(second.get_string(7), "two");
+  answers(service, second);
   EXPECT_FALSE(service.isDisconnected());
 }
 
@@ -222,11 +188,10 @@ TEST_F(Routing, AnswersForAHandlerOfThisProcess) {
   Program client = connectAdministrator();
   const uint32_t serial = client.ask({20, 5}, lm::cmd::list, fields("filter"));
   settle();
-  const auto reply = client.receive();
-  ASSERT_TRUE(reply);
-  EXPECT_EQ(reply->get_string(7), "rule");
-  EXPECT_TRUE(reply->get_bool(lm::key::isReply));
-  EXPECT_EQ(reply->get_u32(lm::key::serial), serial);
+  const lm::message reply = client.next();
+  EXPECT_EQ(reply.get_string(7), "rule");
+  EXPECT_TRUE(reply.get_bool(lm::key::isReply));
+  EXPECT_EQ(reply.get_u32(lm::key::serial), serial);
   ASSERT_EQ(rules.requests.size(), 1U);
   EXPECT_EQ(rules.commands[0], lm::cmd::list);
   EXPECT_EQ(rules.requests[0].get_string(7), "filter");
@@ -268,41 +233,33 @@ TEST_F(Routing, CutsAnAnswerThatNoDatagramHolds) {
   Program client = connectAdministrator();
   const uint32_t serial = client.ask({20, 5}, lm::cmd::list);
   settle();
-  const auto answer = client.receive();
-  ASSERT_TRUE(answer);
-  EXPECT_EQ(lm::getError(*answer), "the answer is too long");
-  EXPECT_TRUE(answer->get_bool(lm::key::isReply));
-  EXPECT_EQ(answer->get_u32(lm::key::serial), serial);
+  const lm::message answer = client.next();
+  EXPECT_EQ(lm::getError(answer), "the answer is too long");
+  EXPECT_TRUE(answer.get_bool(lm::key::isReply));
+  EXPECT_EQ(answer.get_u32(lm::key::serial), serial);
 }
 
 // Promise: A datagram of full length is carried; a request that grows beyond it by the path that
 // the broker writes is refused with `the request is too long`.
 TEST_F(Routing, CarriesTheLongestDatagram) {
-  Program service = connect(gatewayUser);
-  registerAs(service, gateway);
+  Program service = connectGateway();
   Program client = connectAdministrator();
-  lm::message request = fields("");
+  lm::message request = requestTo({gateway, 0}, someCommand);
   request.insert_u32_array(lm::key::source, {0, 0});
-  request.insert_u32_array(lm::key::destination, {gateway, 0});
-  request.insert_u32(lm::key::command, someCommand);
-  request.insert_u32(lm::key::serial, 1);
+  request.insert_string(7, "");
   const size_t room = lm::maxDatagram - lm::encode(request).size();
   request.insert_string(7, std::string(room, 'x'));
   client.send(request);
   settle();
-  const auto arrived = service.receive();
-  ASSERT_TRUE(arrived);
-  EXPECT_EQ(arrived->get_string(7).size(), room);
+  const lm::message arrived = service.next();
+  EXPECT_EQ(arrived.get_string(7).size(), room);
 }
 
 TEST_F(Routing, RefusesARequestThatGrowsTooLongOnItsWay) {
-  Program service = connect(gatewayUser);
-  registerAs(service, gateway);
+  Program service = connectGateway();
   Program client = connectAdministrator();
-  lm::message request = fields("");
-  request.insert_u32_array(lm::key::destination, {gateway, 0});
-  request.insert_u32(lm::key::command, someCommand);
-  request.insert_u32(lm::key::serial, 1);
+  lm::message request = requestTo({gateway, 0}, someCommand);
+  request.insert_string(7, "");
   request.insert_string(7, std::string(lm::maxDatagram - lm::encode(request).size(), 'x'));
   client.send(request);
   settle();
@@ -313,22 +270,18 @@ TEST_F(Routing, RefusesARequestThatGrowsTooLongOnItsWay) {
 // Promise [broker-requests]: A connection may have 1024 requests under way; the next one is refused
 // with `too many requests at a time`.
 TEST_F(Routing, BoundsTheRequestsOfAProgramThatAreUnderWay) {
-  Program service = connect(gatewayUser);
-  registerAs(service, gateway);
+  Program service = connectGateway();
   Program client = connectAdministrator();
   for (size_t i = 0; i < 1024; ++i) {
     client.ask({gateway, 0}, someCommand);
     settle(2);
   }
   EXPECT_FALSE(client.receive());
-  client.ask({gateway, 0}, someCommand);
-  settle();
+  asksGateway(client);
   EXPECT_EQ(client.error(), "too many requests at a time");
-  service.answer(*service.receive());
-  settle();
+  answers(service, service.next());
   EXPECT_TRUE(client.receive());
-  client.ask({gateway, 0}, someCommand);
-  settle();
+  asksGateway(client);
   EXPECT_FALSE(client.receive()) << "there is room for one more";
 }
 
@@ -336,8 +289,7 @@ TEST_F(Routing, BoundsTheRequestsOfAProgramThatAreUnderWay) {
 // Promise [broker-order]: What a connection sends is handled strictly in its order, whatever other
 // connections send.
 TEST_F(Routing, KeepsTheOrderOfAProgram) {
-  Program service = connect(gatewayUser);
-  registerAs(service, gateway);
+  Program service = connectGateway();
   Program client = connectAdministrator();
   Program other = connectAdministrator();
   for (int i = 0; i < 20; ++i) {
@@ -345,7 +297,7 @@ TEST_F(Routing, KeepsTheOrderOfAProgram) {
     other.ask({20, 5}, lm::cmd::list);
   }
   settle();
-  for (int i = 0; i < 20; ++i) EXPECT_EQ(service.receive()->get_string(7), std::to_string(i));
+  for (int i = 0; i < 20; ++i) EXPECT_EQ(service.next().get_string(7), std::to_string(i));
 }
 
 }  // namespace
