@@ -1,6 +1,5 @@
 #pragma once
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -15,6 +14,7 @@
 #include "support/Describe.h"
 #include "support/Ipv4Text.h"
 #include "support/ManualClock.h"
+#include "support/NatRequests.h"
 #include "support/TempDir.h"
 #include "support/WhyNot.h"
 
@@ -30,50 +30,28 @@ struct Port {
   const char* external = "45.45.45.1";
 };
 
-/// The request for it, field by field as the gateway daemon sends it.
+/// The request for it, as the gateway daemon sends it.
 inline lm::message addRequest(const Port& port) {
-  lm::message request;
+  lm::message request =
+      lm::test::addRuleRequest({.protocol = std::string(port.protocol) == "tcp" ? 6U : 17U,
+                                .port = port.port,
+                                .client = port.client,
+                                .clientPort = port.clientPort,
+                                .disabled = port.disabled,
+                                .external = port.external});
   request.insert_u32_array(lm::key::destination, {20, 5});
-  request.insert_bool(0xfe0007, true);
-  request.insert_bool(0xfe000a, port.disabled);
-  request.insert_string(0x27, "dstnat");
-  request.insert_bool(0x1a3, true);
-  request.insert_be32(0x34, inet_addr(port.external));
-  request.insert_be32(0x35, inet_addr(port.external));
-  request.insert_bool(0x196, true);
-  request.insert_u32(9, port.port);
-  request.insert_u32(10, port.port);
-  request.insert_bool(0x194, true);
-  request.insert_u32(11, std::string(port.protocol) == "tcp" ? 6 : 17);
-  request.insert_u32(0x28, 22);
-  request.insert_bool(0x3ee, true);
-  request.insert_be32(0x3e8, inet_addr(port.client));
-  request.insert_be32(0x3e9, inet_addr(port.client));
-  request.insert_bool(0x3ef, true);
-  request.insert_u32(0x3ea, port.clientPort);
-  request.insert_u32(0x3eb, port.clientPort);
   return request;
 }
 
 /// The change of a rule, as the gateway daemon sends it.
 inline lm::message setRequest(uint32_t id, const char* client, uint32_t clientPort,
                               bool disabled = false) {
-  lm::message request;
+  lm::message request = lm::test::setRuleRequest(id, client, clientPort, disabled);
   request.insert_u32_array(lm::key::destination, {20, 5});
-  request.insert_u32(0xfe0001, id);
-  request.insert_bool(0xfe000a, disabled);
-  request.insert_be32(0x3e8, inet_addr(client));
-  request.insert_be32(0x3e9, inet_addr(client));
-  request.insert_u32(0x3ea, clientPort);
-  request.insert_u32(0x3eb, clientPort);
   return request;
 }
 
-inline lm::message idOnly(uint32_t id) {
-  lm::message request;
-  request.insert_u32(0xfe0001, id);
-  return request;
-}
+inline lm::message idOnly(uint32_t id) { return lm::test::removeRuleRequest(id); }
 
 /// The whole table on a recorded kernel and a clock that stands still.
 class NatFixture : public ::testing::Test {

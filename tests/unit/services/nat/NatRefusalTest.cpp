@@ -1,3 +1,5 @@
+#include <arpa/inet.h>
+
 #include <functional>
 #include <random>
 

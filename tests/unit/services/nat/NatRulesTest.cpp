@@ -1,3 +1,5 @@
+#include <arpa/inet.h>
+
 #include "lumen/runtime/Fields.h"
 #include "lumen/services/nat/NatRules.h"
 #include "platform/wire/NatRules.h"
