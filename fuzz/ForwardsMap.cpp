@@ -10,14 +10,6 @@ namespace fuzz {
 
 namespace {
 
-/// Takes what is before `end`, and `end`, from the front of `text`; all of it without an `end`.
-std::string_view takeUpTo(std::string_view& text, std::string_view end) {
-  const size_t at = text.find(end);
-  const std::string_view part = text.substr(0, at);
-  text.remove_prefix(at == std::string_view::npos ? text.size() : at + end.size());
-  return part;
-}
-
 bool isPort(std::string_view text) {
   uint16_t port = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);

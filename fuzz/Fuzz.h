@@ -23,4 +23,12 @@ inline std::string_view text(const uint8_t* data, size_t size) {
   return {reinterpret_cast<const char*>(data), size};
 }
 
+/// Takes what is before `end`, and `end`, from the front of `text`; all of it without an `end`.
+inline std::string_view takeUpTo(std::string_view& text, std::string_view end) {
+  const size_t at = text.find(end);
+  const std::string_view part = text.substr(0, at);
+  text.remove_prefix(at == std::string_view::npos ? text.size() : at + end.size());
+  return part;
+}
+
 }  // namespace fuzz

@@ -30,18 +30,10 @@ struct Router {
   fuzz::NatTable natTable{platform};
 };
 
-/// Takes what is before `end`, and `end`, from the front of `text`; all of it without an `end`.
-std::string_view takeUpTo(std::string_view& text, std::string_view end) {
-  const size_t at = text.find(end);
-  const std::string_view part = text.substr(0, at);
-  text.remove_prefix(at == std::string_view::npos ? text.size() : at + end.size());
-  return part;
-}
-
 HTTPMessage controlRequest(std::string_view text) {
   HTTPMessage request;
   request.startLine = "POST /upnp/control/wanipconn-7 HTTP/1.1";
-  request.addField("SOAPACTION", std::string(takeUpTo(text, "\n")));
+  request.addField("SOAPACTION", std::string(fuzz::takeUpTo(text, "\n")));
   request.addField("CONTENT-TYPE", "text/xml; charset=\"utf-8\"");
   request.body = text;
   request.complete = true;
@@ -87,7 +79,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     WANIPConnection connection(7, strtoip("45.45.45.2"));
     std::string_view rest = fuzz::text(data, size);
     do {
-      const HTTPMessage request = controlRequest(takeUpTo(rest, separator));
+      const HTTPMessage request = controlRequest(fuzz::takeUpTo(rest, separator));
       fuzz::checkDocument(XMLParser(request.body));
       checkReply(connection.post(request));
       checkTable(router, connection);

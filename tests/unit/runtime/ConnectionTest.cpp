@@ -250,18 +250,6 @@ TEST_F(ConnectionTest, PostingAndNotifyingWaitForNobody) {
             "{u32[] 0xff0001=[20 5], u32 0x1=8, u32[] 0xff0002=[0 2], u32 0xff0007=16646155}");
 }
 
-TEST_F(ConnectionTest, SaysWhatIsTooLongToBeSent) {
-  message m = request(7);
-  m.insert_string(2, std::string(maxDatagram, 'x'));
-  const test::LogCapture log;
-  connection_.post(m, cmd::addObject, 0);
-  connection_.notify(m, cmd::changed, 2);
-  EXPECT_EQ(log.text(),
-            "platform: request 16646149 is too long\n"
-            "platform: notification 16646155 is too long\n");
-  EXPECT_EQ(platformReceives(), "nothing");
-}
-
 TEST_F(ConnectionTest, SaysNothingToAPlatformThatIsGone) {
   sockets_.peer.reset();
   connection_.progress();

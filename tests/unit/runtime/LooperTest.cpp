@@ -352,34 +352,29 @@ TEST(Registration, MayTakeSixSeconds) {
 
 using RegistrationDeathTest = testing::Test;
 
+void registersAt(TestPlatform& platform) {
+  Looper looper(platform.makeRuntime());
+  Service service;
+  showLog();
+  looper.addHandler(0, service);
+}
+
 // Promise [register-wait]: A registration waits six seconds for its answer, then the program ends
 // with 1: `platform: service 40: no answer in time`.
 TEST(RegistrationDeathTest, EndsTheProgramWhenItIsNotAnsweredInTime) {
-  EXPECT_EXIT(
-      {
-        TestPlatform platform;
-        platform.delay({0}, 0x10, 6001);
-        Looper looper(platform.makeRuntime());
-        Service service;
-        showLog();
-        looper.addHandler(0, service);
-      },
-      testing::ExitedWithCode(1), "platform: service 40: no answer in time");
+  TestPlatform platform;
+  platform.delay({0}, 0x10, 6001);
+  EXPECT_EXIT(registersAt(platform), testing::ExitedWithCode(1),
+              "platform: service 40: no answer in time");
 }
 
 // Promise [register-refused]: A program whose registration is refused says so, `platform: service
 // 40: already registered`, and ends with 1.
 TEST(RegistrationDeathTest, EndsTheProgramWhenItIsRefused) {
-  EXPECT_EXIT(
-      {
-        TestPlatform platform;
-        platform.refuse({0}, 0x10, "already registered");
-        Looper looper(platform.makeRuntime());
-        Service service;
-        showLog();
-        looper.addHandler(0, service);
-      },
-      testing::ExitedWithCode(1), "platform: service 40: already registered");
+  TestPlatform platform;
+  platform.refuse({0}, 0x10, "already registered");
+  EXPECT_EXIT(registersAt(platform), testing::ExitedWithCode(1),
+              "platform: service 40: already registered");
 }
 
 // Promise [handler-twice]: A program that adds two handlers under one number ends with 1:

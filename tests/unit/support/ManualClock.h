@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 
 #include "lumen/runtime/Clock.h"
@@ -16,6 +17,13 @@ class ManualClock : public Clock {
     if (time > now_) now_ = time;
   }
   void advance(uint64_t milliseconds) { now_ += milliseconds; }
+  /// In steps of a tenth of a second, as a busy loop sees it; `turn` is called after each.
+  template <typename Turn>
+  void advanceInSteps(uint64_t milliseconds, Turn turn) {
+    for (const uint64_t end = now_ + milliseconds; now_ < end; turn()) {
+      advance(std::min<uint64_t>(100, end - now_));
+    }
+  }
 
  private:
   uint64_t now_ = 1'000'000;  // a router that has been up for a while

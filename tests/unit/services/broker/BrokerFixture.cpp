@@ -193,11 +193,7 @@ void BrokerTest::settle(int turns) {
 }
 
 void BrokerTest::pass(uint64_t milliseconds) {
-  const uint64_t end = clock.now() + milliseconds;
-  while (clock.now() < end) {
-    clock.advance(std::min<uint64_t>(100, end - clock.now()));
-    settle(3);
-  }
+  clock.advanceInSteps(milliseconds, [this] { settle(3); });
 }
 
 }  // namespace lumen::test

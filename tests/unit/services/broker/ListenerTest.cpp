@@ -26,6 +26,8 @@ class ListenerTest : public BrokerTest {
  protected:
   [[nodiscard]] std::string path() const { return folder_.file("lumen.sock"); }
 
+  void listens() { ASSERT_EQ(whyNot(listener_.listen(path())), ""); }
+
   [[nodiscard]] lm::Fd connectTo() const {
     lm::Fd client(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     sockaddr_un address = {};
@@ -38,6 +40,7 @@ class ListenerTest : public BrokerTest {
   }
 
   lm::test::TempDir folder_;
+  Listener listener_{broker};
 };
 
 // Promise: The socket may be opened by every user, replaces one that was left behind, and goes when
@@ -56,8 +59,7 @@ TEST_F(ListenerTest, IsOpenToEverybodyAndGoesAtItsEnd) {
 
 TEST_F(ListenerTest, TakesThePlaceOfASocketThatWasLeft) {
   folder_.write("lumen.sock", "left");
-  Listener listener(broker);
-  ASSERT_EQ(whyNot(listener.listen(path())), "");
+  listens();
   EXPECT_TRUE(connectTo().valid());
 }
 
@@ -82,8 +84,7 @@ TEST_F(ListenerTest, SaysWhatTheSystemRefuses) {
 // Promise: A program that cannot be accepted waits, one whose user the kernel does not tell is
 // refused, and others are let in.
 TEST_F(ListenerTest, GoesOnWhenSomebodyCouldNotBeAccepted) {
-  Listener listener(broker);
-  ASSERT_EQ(whyNot(listener.listen(path())), "");
+  listens();
   Program first(connectTo());
   testing::internal::CaptureStdout();
   whileRefused({SCMP_SYS(accept4)}, EMFILE, [&] { settle(1); });
@@ -98,8 +99,7 @@ TEST_F(ListenerTest, GoesOnWhenSomebodyCouldNotBeAccepted) {
 
 // Promise: All programs that wait to be connected are let in, or refused, at once.
 TEST_F(ListenerTest, AcceptsAllThatWait) {
-  Listener listener(broker);
-  ASSERT_EQ(whyNot(listener.listen(path())), "");
+  listens();
   std::vector<Program> programs;
   constexpr size_t many = 20;
   programs.reserve(many);
@@ -113,8 +113,7 @@ TEST_F(ListenerTest, AcceptsAllThatWait) {
 
 // Promise: A user who is refused again and again does not block the platform's socket.
 TEST_F(ListenerTest, DoesNotRestWhileItRefuses) {
-  Listener listener(broker);
-  ASSERT_EQ(whyNot(listener.listen(path())), "");
+  listens();
   whileRefused({SCMP_SYS(getsockopt), SOL_SOCKET, SO_PEERCRED}, EPERM, [&] {
     std::deque<Program> waiting;
     for (int i = 0; i < 20; ++i) waiting.emplace_back(connectTo());
@@ -126,8 +125,7 @@ TEST_F(ListenerTest, DoesNotRestWhileItRefuses) {
 }
 
 TEST_F(ListenerTest, RestsWhileNobodyCanBeAccepted) {
-  Listener listener(broker);
-  ASSERT_EQ(whyNot(listener.listen(path())), "");
+  listens();
   Program program(connectTo());
   testing::internal::CaptureStdout();
   whileRefused({SCMP_SYS(accept4)}, EMFILE, [&] { settle(20); });

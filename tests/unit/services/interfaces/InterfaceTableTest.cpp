@@ -77,10 +77,7 @@ TEST_F(InterfaceTableTest, TellsOfANewLinkThenItsStateThenItsAddresses) {
 
 // Promise: A link that starts or stops running is notified by its state, then its addresses.
 TEST_F(InterfaceTableTest, TellsTheStateWhenALinkStopsRunningThenItsAddresses) {
-  kernel.appears("wan0");
-  starts();
-  kernel.getsAddress("wan0", "45.45.45.2/24");
-  (void)notified();
+  startsWithWan();
   kernel.becomes("wan0", true, false);
   EXPECT_EQ(notified(),
             (Lines{stateOf(record(1, 2, "wan0", "disabled=0 running=0")),
@@ -93,10 +90,7 @@ TEST_F(InterfaceTableTest, TellsTheStateWhenALinkStopsRunningThenItsAddresses) {
 
 // Promise: A link that does not run and is taken down is notified by its state alone.
 TEST_F(InterfaceTableTest, TellsTheStateAloneWhenALinkThatDoesNotRunIsTakenDown) {
-  kernel.appears("wan0", true, false);
-  starts();
-  kernel.getsAddress("wan0", "45.45.45.2/24");
-  (void)notified();
+  startsWithWan(false);
   kernel.becomes("wan0", false, false);
   EXPECT_EQ(notified(), (Lines{stateOf(record(1, 2, "wan0", "disabled=1 running=0"))}));
 }
@@ -127,10 +121,7 @@ TEST_F(InterfaceTableTest, TellsOfAChangedHardwareTypeThenTheStateThenTheAddress
 // Promise: An interface that is not kept leaves the table with its link.
 // Also proves [link-flags].
 TEST_F(InterfaceTableTest, RemovesTheAddressesFirstWhenALinkThatIsNotKeptLeaves) {
-  kernel.appears("wan0");
-  starts();
-  kernel.getsAddress("wan0", "45.45.45.2/24");
-  (void)notified();
+  startsWithWan();
   kernel.leaves("wan0");
   EXPECT_EQ(notified(),
             (Lines{"address records=[{id=1 interface=1 address=45.45.45.2 disabled=0 removed=1}]",
@@ -140,10 +131,7 @@ TEST_F(InterfaceTableTest, RemovesTheAddressesFirstWhenALinkThatIsNotKeptLeaves)
 }
 
 TEST_F(InterfaceTableTest, RemovesAddressesThatTheKernelHadNotRemovedWhenALinkLeaves) {
-  kernel.appears("wan0");
-  starts();
-  kernel.getsAddress("wan0", "45.45.45.2/24");
-  (void)notified();
+  startsWithWan();
   kernel.all.addresses.clear();
   kernel.leaves("wan0");
   const Lines lines = notified();
@@ -330,8 +318,7 @@ TEST_F(InterfaceTableTest, ReadsOneInterfaceWithItsCounters) {
   kernel.appears("wan0");
   kernel.counters = {4294967301, 426, 5, 3};
   starts();
-  lm::message request;
-  request.insert_u32(lm::key::objectId, 1);
+  lm::message request = object(1);
   request.insert_u32(0xfe000c, 256);
   EXPECT_EQ(text(asks(daemon, 0xfe0002, request)),
             record(1, 2, "wan0", "disabled=0 running=1") +
@@ -342,9 +329,7 @@ TEST_F(InterfaceTableTest, ReadsOneInterfaceWithItsCounters) {
 TEST_F(InterfaceTableTest, ReadsZeroCountersOfALinkThatIsAway) {
   starts();
   EXPECT_EQ(text(administratorKeeps("ppp0", 1)), "id=1");
-  lm::message request;
-  request.insert_u32(lm::key::objectId, 1);
-  EXPECT_EQ(text(asks(daemon, 0xfe0002, request)),
+  EXPECT_EQ(text(asks(daemon, 0xfe0002, object(1))),
             record(1, 0, "ppp0", "disabled=1 running=0", 0) +
                 " rxbytes=0 txbytes=0 rxpackets=0 txpackets=0");
 }
@@ -356,9 +341,7 @@ TEST_F(InterfaceTableTest, ReadsZeroCountersOfALinkThatHasJustLeft) {
   starts();
   kernel.silent = true;
   kernel.leaves("wan0");
-  lm::message request;
-  request.insert_u32(lm::key::objectId, 1);
-  EXPECT_EQ(text(asks(daemon, lm::cmd::readObject, request)),
+  EXPECT_EQ(text(asks(daemon, lm::cmd::readObject, object(1))),
             record(1, 2, "wan0", "disabled=0 running=1") +
                 " rxbytes=0 txbytes=0 rxpackets=0 txpackets=0");
 }
@@ -398,10 +381,8 @@ TEST_F(InterfaceTableTest, KnowsWhatTheLoopbackHolds) {
 // `unknown command`.
 TEST_F(InterfaceTableTest, RefusesAnUnknownObjectAndAnUnknownCommand) {
   starts();
-  lm::message request;
-  request.insert_u32(lm::key::objectId, 7);
   for (const uint32_t command : {0xfe0002U, 0xfe0003U, 0xfe0006U}) {
-    EXPECT_EQ(text(asks(administrator, command, request)), "error=16646153 text=no such object");
+    EXPECT_EQ(text(asks(administrator, command, object(7))), "error=16646153 text=no such object");
   }
   EXPECT_EQ(text(asks(administrator, 0xfe000d)), "error=16646153 text=unknown command");
 }

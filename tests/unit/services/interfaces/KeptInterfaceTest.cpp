@@ -60,9 +60,7 @@ TEST_F(KeptInterface, ShowsTheRoleToAdministratorsOnly) {
             (Lines{record(1, 2, "br-lan", "disabled=0 running=1") + " role=2",
                    record(2, 3, "other", "disabled=0 running=1")}));
   EXPECT_EQ(lists()[0], record(1, 2, "br-lan", "disabled=0 running=1"));
-  lm::message request;
-  request.insert_u32(lm::key::objectId, 1);
-  EXPECT_EQ(text(asks(administrator, lm::cmd::readObject, request)),
+  EXPECT_EQ(text(asks(administrator, lm::cmd::readObject, object(1))),
             record(1, 2, "br-lan", "disabled=0 running=1") +
                 " rxbytes=0 txbytes=0 rxpackets=0 txpackets=0 role=2");
 }

@@ -83,8 +83,7 @@ TEST_F(LinkSwitch, RefusesAServiceEveryOtherInterface) {
 // Promise: Nothing but `disabled` can be set: `only "disabled" can be set`, for a service `not
 // permitted`.
 TEST_F(LinkSwitch, RefusesAServiceEveryOtherField) {
-  lm::message request;
-  request.insert_u32(lm::key::objectId, 2);
+  lm::message request = object(2);
   request.insert_bool(lm::key::disabled, true);
   request.insert_u32(lm::interfaces::key::role, 2);
   EXPECT_EQ(text(asks(daemon, lm::cmd::setObject, request)),
@@ -95,9 +94,7 @@ TEST_F(LinkSwitch, RefusesAServiceEveryOtherField) {
 }
 
 TEST_F(LinkSwitch, RefusesARequestThatSetsNothing) {
-  lm::message request;
-  request.insert_u32(lm::key::objectId, 2);
-  EXPECT_EQ(text(asks(daemon, lm::cmd::setObject, request)),
+  EXPECT_EQ(text(asks(daemon, lm::cmd::setObject, object(2))),
             std::string(refused) + "only \"disabled\" can be set");
 }
 

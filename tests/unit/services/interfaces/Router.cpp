@@ -25,8 +25,21 @@ void Router::restarts() {
   starts();
 }
 
+void Router::startsWithWan(bool running) {
+  kernel.appears("wan0", true, running);
+  starts();
+  kernel.getsAddress("wan0", "45.45.45.2/24");
+  (void)notified();
+}
+
 void Router::storeHolds(uint32_t record, const lm::message& content) {
   store_.write(std::to_string(record), lm::encode(content));
+}
+
+lm::message Router::object(uint32_t id) {
+  lm::message request;
+  request.insert_u32(lm::key::objectId, id);
+  return request;
 }
 
 lm::message Router::asks(const Caller& caller, uint32_t command, const lm::message& request) {
@@ -45,14 +58,11 @@ lm::message Router::administratorKeeps(const std::string& name, uint32_t role) {
 }
 
 lm::message Router::administratorForgets(const std::string& name) {
-  lm::message request;
-  request.insert_u32(lm::key::objectId, idOf(name));
-  return asks(administrator, lm::cmd::removeObject, request);
+  return asks(administrator, lm::cmd::removeObject, object(idOf(name)));
 }
 
 std::string Router::setsDisabled(const Caller& caller, const std::string& name, bool disabled) {
-  lm::message request;
-  request.insert_u32(lm::key::objectId, idOf(name));
+  lm::message request = object(idOf(name));
   request.insert_bool(lm::key::disabled, disabled);
   return text(asks(caller, lm::cmd::setObject, request));
 }

@@ -33,11 +33,15 @@ class Router : public testing::Test {
   void starts();
   /// lumend ends and starts again on the same store; the kernel goes on.
   void restarts();
+  /// Starts with the link wan0, which then gets 45.45.45.2/24. Those notifications are taken.
+  void startsWithWan(bool running = true);
   /// What an earlier life has left in the store.
   void storeHolds(uint32_t record, const lm::message& content);
   /// Nothing can be stored from now on.
   void storeBecomesUnwritable() { std::filesystem::remove_all(store_.path()); }
 
+  /// The fields of a request about one object: its id.
+  [[nodiscard]] static lm::message object(uint32_t id);
   [[nodiscard]] lm::message asks(const Caller& caller, uint32_t command,
                                  const lm::message& request = {});
   [[nodiscard]] lm::message asksAddresses(uint32_t command, const lm::message& request = {});

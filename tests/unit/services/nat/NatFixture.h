@@ -101,6 +101,12 @@ class NatFixture : public ::testing::Test {
     }
   }
 
+  void restrictsPortsTo(const std::string& ports) {
+    lm::message policy;
+    policy.insert_string(lm::nat::key::externalPorts, ports);
+    EXPECT_EQ(asks(admin, lm::cmd::set, policy), "");
+  }
+
   /// The text of the error, empty when there is none.
   std::string asks(const Caller& caller, uint32_t command, const lm::message& request) {
     return lm::getError(rules.handle(caller, command, request));

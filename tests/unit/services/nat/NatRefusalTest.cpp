@@ -185,9 +185,7 @@ TEST_F(NatRefusalTest, ChecksAChangeAgainstThePolicy) {
 // policy says by then.
 TEST_F(NatRefusalTest, LetsAnOwnerDisableARuleThatThePolicyWouldRefuseNow) {
   uint32_t id = opens({});
-  lm::message policy;
-  policy.insert_string(lm::nat::key::externalPorts, "9000-9999");
-  EXPECT_EQ(asks(admin, lm::cmd::set, policy), "");
+  restrictsPortsTo("9000-9999");
   kernelTexts();
   EXPECT_NE(sets(setRequest(id, "192.168.88.11", 80, true)), "") << "that is more than disabling";
   EXPECT_NE(sets(setRequest(id, "192.168.88.10", 81, true)), "");

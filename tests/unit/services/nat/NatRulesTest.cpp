@@ -194,9 +194,7 @@ TEST_F(NatRulesTest, ARemovalThatWasGivenUpLeavesTheRuleWithItsId) {
 
 TEST_F(NatRulesTest, ARemovalThatWasGivenUpIsUndoneWhateverThePolicySaysNow) {
   uint32_t id = opens({});
-  lm::message policy;
-  policy.insert_string(lm::nat::key::externalPorts, "9000-9999");
-  EXPECT_EQ(asks(admin, lm::cmd::set, policy), "");
+  restrictsPortsTo("9000-9999");
   EXPECT_EQ(removes(id), "");
   givesUp();
   EXPECT_EQ(lists().size(), 1U);
@@ -228,9 +226,7 @@ TEST_F(NatRulesTest, WhatChangedNothingHasNothingToUndo) {
 // restart as well.
 TEST_F(NatRulesTest, APolicyThatWasGivenUpIsTheOneOfBefore) {
   const lm::message before = rules.handle(admin, lm::cmd::get, {});
-  lm::message policy;
-  policy.insert_string(lm::nat::key::externalPorts, "9000-9999");
-  EXPECT_EQ(asks(admin, lm::cmd::set, policy), "");
+  restrictsPortsTo("9000-9999");
   givesUp();
   EXPECT_EQ(rules.handle(admin, lm::cmd::get, {}), before);
   PolicyBook next(directory.file("nat-policy"), directory.path());
@@ -386,9 +382,7 @@ TEST_F(NatRulesTest, ClosingSaysNothingElse) {
 // Promise: A port can be closed that the policy would refuse now.
 TEST_F(NatRulesTest, ClosesAPortThatThePolicyWouldRefuseNow) {
   uint32_t id = opens({});
-  lm::message policy;
-  policy.insert_string(lm::nat::key::externalPorts, "9000-9999");
-  EXPECT_EQ(asks(admin, lm::cmd::set, policy), "");
+  restrictsPortsTo("9000-9999");
   EXPECT_EQ(closes(id), "");
 }
 

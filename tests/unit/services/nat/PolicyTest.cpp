@@ -49,46 +49,49 @@ TEST(Policy, TakesNetworksAndHosts) {
   EXPECT_TRUE(policy.internalClients.contains(ip("10.1.2.4"), false));
 }
 
-TEST(Policy, LetsANetworkBeNarrowerThanWhatIsConnected) {
+/// Whether a client of UDP port 8080 of 45.45.45.1 is allowed.
+class PolicyForClients : public ::testing::Test {
+ protected:
+  void allowNetworks(const std::string& text) {
+    ASSERT_EQ(whyNot(policy.set("internal-clients", text)), "");
+  }
+  std::string refusalOf(const std::string& client) {
+    const RuleKey key{.external = {.address = ip("45.45.45.1"), .port = 8080}, .protocol = 17};
+    return whyNot(policy.allows(key, {ip(client), 53}, networks));
+  }
+
   FakeNetworks networks;
   Policy policy;
-  RuleKey key{.external = {.address = ip("45.45.45.1"), .port = 8080}, .protocol = 6};
-  ASSERT_EQ(whyNot(policy.set("internal-clients", "192.168.88.128/25, 10.0.0.0/8")), "");
-  EXPECT_EQ(whyNot(policy.allows(key, {ip("192.168.88.129"), 80}, networks)), "");
-  EXPECT_EQ(whyNot(policy.allows(key, {ip("10.9.9.9"), 80}, networks)), "");
-  EXPECT_EQ(whyNot(policy.allows(key, {ip("192.168.88.127"), 80}, networks)),
+};
+
+TEST_F(PolicyForClients, LetsANetworkBeNarrowerThanWhatIsConnected) {
+  allowNetworks("192.168.88.128/25, 10.0.0.0/8");
+  EXPECT_EQ(refusalOf("192.168.88.129"), "");
+  EXPECT_EQ(refusalOf("10.9.9.9"), "");
+  EXPECT_EQ(refusalOf("192.168.88.127"),
             "internal client 192.168.88.127 is not allowed by the policy");
 }
 
 // Also proves [client-unicast], [client-router], [client-side].
-TEST(Policy, NeverAllowsTheRouterNorTheSideOfTheExternalAddress) {
-  FakeNetworks networks;
-  Policy policy;
-  RuleKey key{.external = {.address = ip("45.45.45.1"), .port = 8080}, .protocol = 6};
-  ASSERT_EQ(whyNot(policy.set("internal-clients", "0.0.0.0/0")), "");
-  EXPECT_EQ(whyNot(policy.allows(key, {ip("45.45.45.9"), 80}, networks)),
+TEST_F(PolicyForClients, NeverAllowsTheRouterNorTheSideOfTheExternalAddress) {
+  allowNetworks("0.0.0.0/0");
+  EXPECT_EQ(refusalOf("45.45.45.9"),
             "internal client 45.45.45.9 is on the side of the external address");
-  EXPECT_EQ(whyNot(policy.allows(key, {ip("192.168.88.1"), 80}, networks)),
-            "internal client 192.168.88.1 is this router");
-  EXPECT_EQ(whyNot(policy.allows(key, {ip("239.255.255.250"), 80}, networks)),
+  EXPECT_EQ(refusalOf("192.168.88.1"), "internal client 192.168.88.1 is this router");
+  EXPECT_EQ(refusalOf("239.255.255.250"),
             "internal client 239.255.255.250 is not the address of a host");
   networks.loopback = {ip("192.168.88.53")};
-  EXPECT_EQ(whyNot(policy.allows(key, {ip("192.168.88.53"), 80}, networks)),
-            "internal client 192.168.88.53 is this router");
+  EXPECT_EQ(refusalOf("192.168.88.53"), "internal client 192.168.88.53 is this router");
 }
 
 // Promise [client-broadcast]: An address that reaches many hosts of a connected network, its
 // broadcast address or its own, is refused whatever the policy says: `internal client
 // 192.168.88.255 is not the address of a host`.
-TEST(Policy, NeverAllowsAnAddressThatTheRouterHearsTogetherWithOthers) {
-  FakeNetworks networks;
-  Policy policy;
-  RuleKey key{.external = {.address = ip("45.45.45.1"), .port = 8080}, .protocol = 17};
-  ASSERT_EQ(whyNot(policy.set("internal-clients", "192.168.88.0/24, 45.45.45.0/24")), "");
+TEST_F(PolicyForClients, NeverAllowsAnAddressThatTheRouterHearsTogetherWithOthers) {
+  allowNetworks("192.168.88.0/24, 45.45.45.0/24");
   for (const std::string address :
        {"192.168.88.255", "192.168.88.0", "45.45.45.255", "45.45.45.0"}) {
-    EXPECT_EQ(whyNot(policy.allows(key, {ip(address), 53}, networks)),
-              "internal client " + address + " is not the address of a host");
+    EXPECT_EQ(refusalOf(address), "internal client " + address + " is not the address of a host");
   }
 }
 
@@ -384,9 +387,7 @@ TEST_F(NatPolicyCommandTest, IsReadAndWrittenByTheAdministratorOnly) {
 TEST_F(NatPolicyCommandTest, LeavesPortsThatAreOpenAlone) {
   uint32_t id = opens({});
   kernelTexts();
-  lm::message request;
-  request.insert_string(lm::nat::key::externalPorts, "9000");
-  EXPECT_EQ(asks(admin, lm::cmd::set, request), "");
+  restrictsPortsTo("9000");
   EXPECT_EQ(kernelTexts(), Texts{});
   EXPECT_EQ(sets(setRequest(id, "192.168.88.10", 81)),
             "external port 8080 is not allowed by the policy");

@@ -31,20 +31,19 @@ class Listener : public Services::Observer {
 };
 
 std::vector<ServiceDefinition> twoServices() {
-  ServiceDefinition names;
-  names.name = "resolver";
-  names.number = resolver;
-  names.executable = "/usr/bin/lumen-resolver";
-  names.user = 201;
-  names.group = 201;
-  ServiceDefinition upnp;
-  upnp.name = "upnp";
-  upnp.number = gateway;
-  upnp.executable = "/usr/bin/palinode-igd";
-  upnp.user = 200;
-  upnp.group = 300;
-  upnp.boot = true;
-  return {names, upnp};
+  return {{.name = "resolver",
+           .number = resolver,
+           .executable = "/usr/bin/lumen-resolver",
+           .user = 201,
+           .group = 201,
+           .stores = {}},
+          {.name = "upnp",
+           .number = gateway,
+           .executable = "/usr/bin/palinode-igd",
+           .user = 200,
+           .group = 300,
+           .boot = true,
+           .stores = {}}};
 }
 
 class SupervisorTest : public testing::Test {
@@ -52,11 +51,7 @@ class SupervisorTest : public testing::Test {
   SupervisorTest() { supervisor.setObserver(listener); }
 
   void pass(uint64_t milliseconds) {
-    const uint64_t end = clock.now() + milliseconds;
-    while (clock.now() < end) {
-      clock.advance(std::min<uint64_t>(100, end - clock.now()));
-      loop.turn(0);
-    }
+    clock.advanceInSteps(milliseconds, [this] { loop.turn(0); });
   }
 
   [[nodiscard]] size_t starts() const { return processes.started.size(); }
