@@ -46,7 +46,7 @@ class Services {
   /// It does no more, since the connection has ended.
   virtual void lost(uint32_t number) = 0;
 
-  /// A record with the fields of servicekey for each service, in rising order of number.
+  /// A record with the fields of lm::broker::listed for each service, in rising order of number.
   [[nodiscard]] virtual std::vector<lm::message> list() const = 0;
 };
 

@@ -18,7 +18,7 @@
 namespace lumen {
 
 /// The handler [20, 0]: this router's network interfaces, the kernel's links but for its loopback.
-/// InterfaceKeys.h says what a record holds and what may be asked.
+/// platform/wire/Interfaces.h says what a record holds and what may be asked.
 ///
 /// An id belongs to a name: a renamed link leaves as one interface and comes as another. A kept
 /// name stays in the table while its link is away, not running and with kernel index 0; another

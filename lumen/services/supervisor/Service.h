@@ -45,7 +45,7 @@ class Service {
   [[nodiscard]] const ServiceDefinition& definition() const { return definition_; }
   /// 0: it has no process.
   [[nodiscard]] pid_t pid() const { return pid_; }
-  /// With the fields of servicekey.
+  /// With the fields of lm::broker::listed.
   [[nodiscard]] lm::message record() const;
 
  private:
@@ -55,7 +55,6 @@ class Service {
   [[nodiscard]] std::string state() const;
   void start();
   void launch();
-  void lockHeld();
   void retry();
   void endedAsWished();
   void crashed(const std::string& how, bool startAtOnce);

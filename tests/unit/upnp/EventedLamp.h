@@ -29,8 +29,6 @@ class EventedLamp : public Service {
 /// A lamp, its control points, and the time between them.
 class LampEvents : public testing::Test {
  protected:
-  [[nodiscard]] std::string sidOf(const HTTPMessage& reply) { return reply.getField("SID"); }
-
   /// Subscribes; returns the SID, empty when it was refused.
   std::string subscribe(const Subscriber& who, const std::string& timeout = "Second-1800") {
     return lamp->subscribe(who.subscribeRequest(timeout)).getField("SID");
