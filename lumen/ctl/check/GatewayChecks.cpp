@@ -91,8 +91,8 @@ Finding notInstalled(const GatewayFile& file, const std::string& consequence) {
 }
 
 /// An external address that hosts on the Internet cannot reach.
-Finding unreachable(const std::string& interface, uint32_t address) {
-  const std::string subject = "The external address " + dotted(address) + " of " + interface;
+Finding unreachable(const std::string& interface, lumen::Ipv4Address address) {
+  const std::string subject = "The external address " + address.text() + " of " + interface;
   if (isCarrierGrade(address)) {
     return {"external-address-carrier-grade",
             subject + " belongs to the provider's own address translation.",
@@ -110,7 +110,7 @@ Finding unreachable(const std::string& interface, uint32_t address) {
           subject + " is private: another router stands between this one and the Internet.",
           "No host on the Internet reaches a port that is opened here, and many programs do not "
           "even try to open one.",
-          "on that router, forward all ports to " + dotted(address) +
+          "on that router, forward all ports to " + address.text() +
               ", or let it pass its public address on (bridge mode)"};
 }
 
@@ -212,8 +212,8 @@ Findings checkExternalAddress(const std::vector<CheckedInterface>& interfaces) {
                               interface.name});
       continue;
     }
-    const bool reachable =
-        std::any_of(interface.addresses.begin(), interface.addresses.end(), [](uint32_t address) {
+    const bool reachable = std::any_of(
+        interface.addresses.begin(), interface.addresses.end(), [](lumen::Ipv4Address address) {
           return !isPrivate(address) && !isCarrierGrade(address) && !isLinkLocal(address);
         });
     if (!reachable) findings.push_back(unreachable(interface.name, interface.addresses.front()));
@@ -227,8 +227,8 @@ Findings checkStalePorts(const std::vector<NatRule>& rules) {
   std::vector<std::string> addresses;
   for (const NatRule& rule : rules) {
     if (rule.state() != PortState::stale) continue;
-    ports.push_back(std::to_string(rule.externalPort) + "/" + rule.protocolName());
-    const std::string address = dotted(rule.externalAddress);
+    ports.push_back(std::to_string(rule.external.port) + "/" + rule.protocolName());
+    const std::string address = rule.external.address.text();
     if (std::find(addresses.begin(), addresses.end(), address) == addresses.end()) {
       addresses.push_back(address);
     }

@@ -25,7 +25,7 @@ struct CheckedInterface {
   std::string name;
   Role role = Role::none;
   LinkState state = LinkState::running;
-  std::vector<uint32_t> addresses;  ///< IPv4, in network byte order
+  std::vector<lumen::Ipv4Address> addresses;
   std::vector<ConnectedNetwork> networks;
   bool bridge = false;
   bool multicast = true;  ///< the link may carry it

@@ -1,71 +1,49 @@
-#include <arpa/inet.h>
-
 #include <algorithm>
-#include <bit>
-#include <charconv>
-#include <sstream>
+#include <cstdint>
 
 #include "lumen/ctl/check/Checks.h"
-#include "lumen/ctl/text/Text.h"
+#include "lumen/services/nat/Policy.h"
 
 namespace lumenctl {
 
 namespace {
 
-/// Addresses in host byte order, both ends included.
+/// Addresses, both ends included.
 struct Range {
-  uint64_t first = 0;
-  uint64_t last = 0;
+  lumen::Ipv4Address first;
+  lumen::Ipv4Address last;
+
+  [[nodiscard]] bool holds(lumen::Ipv4Address address) const {
+    return first <= address && address <= last;
+  }
+  [[nodiscard]] uint64_t size() const {
+    return last < first ? 0 : uint64_t{last.number()} - first.number() + 1;
+  }
 };
 
-Range rangeOf(uint32_t address, uint32_t mask) { return {address & mask, address | ~mask}; }
-
-/// The policy's list of clients as lumend prints it: "192.168.88.0/24, 10.1.2.3".
-std::vector<Range> rangesIn(const std::string& clients) {
-  std::vector<Range> ranges;
-  std::istringstream entries(clients);
-  for (std::string entry; std::getline(entries >> std::ws, entry, ',');) {
-    const size_t slash = entry.find('/');
-    uint32_t prefix = 32;
-    if (slash != std::string::npos) {
-      std::from_chars(entry.data() + slash + 1, entry.data() + entry.size(), prefix);
-    }
-    in_addr address{};
-    if (inet_pton(AF_INET, entry.substr(0, slash).c_str(), &address) != 1 || prefix > 32) continue;
-    ranges.push_back(rangeOf(ntohl(address.s_addr), prefix == 0 ? 0 : ~0U << (32 - prefix)));
-  }
-  return ranges;
-}
-
-/// The hosts of a network: its own address and its broadcast address are none.
-Range hostsOf(const ConnectedNetwork& network) {
-  Range hosts = rangeOf(ntohl(network.address), ntohl(network.mask));
-  if (hosts.last - hosts.first >= 3) {
-    ++hosts.first;
-    --hosts.last;
-  }
-  return hosts;
+/// The network's own address and its broadcast address belong to no host, but both addresses of a
+/// network of two do (RFC 3021).
+Range hostsOf(lumen::Ipv4Network network) {
+  const Range all = {network.first(), network.last()};
+  if (network.prefix() > 30) return all;
+  return {lumen::Ipv4Address::fromNumber(all.first.number() + 1),
+          lumen::Ipv4Address::fromNumber(all.last.number() - 1)};
 }
 
 /// Whether a host of the interface's networks that is not this router is listed.
-bool isListed(const CheckedInterface& interface, const std::vector<Range>& listed) {
-  for (const ConnectedNetwork& network : interface.networks) {
-    const Range hosts = hostsOf(network);
-    for (const Range& range : listed) {
-      const uint64_t first = std::max(hosts.first, range.first);
-      const uint64_t last = std::min(hosts.last, range.last);
-      if (first > last) continue;
-      const auto own = std::count_if(
-          interface.addresses.begin(), interface.addresses.end(),
-          [&](uint32_t address) { return first <= ntohl(address) && ntohl(address) <= last; });
-      if (last - first + 1 > static_cast<uint64_t>(own)) return true;
+bool isListed(const CheckedInterface& interface, const std::vector<lumen::Ipv4Network>& listed) {
+  for (const ConnectedNetwork& connected : interface.networks) {
+    const Range hosts = hostsOf(connected.network);
+    for (const lumen::Ipv4Network& network : listed) {
+      const Range both = {std::max(hosts.first, network.first()),
+                          std::min(hosts.last, network.last())};
+      const auto own =
+          std::count_if(interface.addresses.begin(), interface.addresses.end(),
+                        [&](lumen::Ipv4Address address) { return both.holds(address); });
+      if (both.size() > static_cast<uint64_t>(own)) return true;
     }
   }
   return false;
-}
-
-std::string named(const ConnectedNetwork& network) {
-  return dotted(network.address) + "/" + std::to_string(std::popcount(network.mask));
 }
 
 Finding allowsNone(const std::string& limit, const std::string& usual) {
@@ -84,21 +62,22 @@ Findings checkPolicy(const std::optional<NatPolicy>& policy,
   if (policy->maxRulesPerClient == 0) {
     findings.push_back(allowsNone("max-rules-per-client", "1024"));
   }
-  const std::string& clients = policy->internalClients;
-  if (clients.find("connected") != std::string::npos) return findings;
-  const std::vector<Range> listed = rangesIn(clients);
-  std::string all = clients;
+  const auto clients = lumen::ClientNetworks::parse(policy->internalClients);
+  if (!clients || clients->containsConnected()) return findings;
+  std::string all = policy->internalClients;
   std::erase(all, ' ');
   for (const CheckedInterface& interface : interfaces) {
     if (interface.role != Role::internal || interface.networks.empty() ||
-        isListed(interface, listed)) {
+        isListed(interface, clients->networks())) {
       continue;
     }
     // Each command keeps what those before it have added.
-    for (const ConnectedNetwork& network : interface.networks) all += "," + named(network);
+    for (const ConnectedNetwork& connected : interface.networks) {
+      all += "," + connected.network.text();
+    }
     findings.push_back({"policy-excludes-network",
                         "The policy allows no port to the hosts of " + interface.name +
-                            ": internal-clients is " + clients + ".",
+                            ": internal-clients is " + policy->internalClients + ".",
                         "Every program there that asks for a port is refused.",
                         "lumenctl nat policy set internal-clients=" + all});
   }

@@ -24,8 +24,8 @@ void list(Session& session) {
   for (const Address& address : session.router().addresses()) {
     const std::string& name = names[address.interfaceId];
     result.push_back(
-        {{"address", dotted(address.address)}, {"interface", name}, {"in_use", !address.disabled}});
-    table.add({dotted(address.address), name, address.disabled ? notRunning : inUse});
+        {{"address", address.address.text()}, {"interface", name}, {"in_use", !address.disabled}});
+    table.add({address.address.text(), name, address.disabled ? notRunning : inUse});
   }
   if (session.json) {
     session.print(result);

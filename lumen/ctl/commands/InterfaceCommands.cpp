@@ -18,7 +18,7 @@ void list(Session& session) {
   Table table({"NAME", "ROLE", "STATE", "ADDRESS", ">RECEIVED", ">SENT"});
   for (const Interface& interface : session.router().interfaces()) {
     const Counters counters = session.router().counters(interface.id);
-    const std::vector<std::string> own = dotted(addressesOf(interface.id, addresses));
+    const std::vector<std::string> own = textsOf(addressesOf(interface.id, addresses));
     result.push_back({{"id", interface.id},
                       {"name", interface.name},
                       {"role", roleName(interface.role)},

@@ -33,7 +33,7 @@ void close(Session& session, const std::string& text) {
   bool found = false;
   bool closes = false;
   for (const NatRule& rule : session.router().rules()) {
-    if (rule.externalPort != port.number || rule.protocol != port.protocol) continue;
+    if (rule.external.port != port.number || rule.protocol != port.protocol) continue;
     found = true;
     if (rule.closed) continue;
     session.router().closeRule(rule.id);

@@ -3,6 +3,7 @@
 #include <linux/route.h>
 
 #include <algorithm>
+#include <bit>
 #include <ios>
 #include <sstream>
 
@@ -12,8 +13,7 @@ namespace {
 
 struct Route {
   std::string interface;
-  uint32_t destination = 0;
-  uint32_t mask = 0;
+  lumen::Ipv4Network destination;
   uint32_t flags = 0;
   uint32_t metric = 0;
 };
@@ -25,12 +25,17 @@ std::vector<Route> routesIn(std::string_view table) {
   for (std::string line; std::getline(lines, line);) {
     std::istringstream columns(line);
     Route route;
+    // The kernel prints addresses as the numbers that its own byte order makes of their bytes.
+    uint32_t destination = 0;
+    uint32_t mask = 0;
     uint32_t gateway = 0;
     uint32_t references = 0;
     uint32_t uses = 0;
-    columns >> route.interface >> std::hex >> route.destination >> gateway >> route.flags;
-    columns >> std::dec >> references >> uses >> route.metric >> std::hex >> route.mask;
+    columns >> route.interface >> std::hex >> destination >> gateway >> route.flags;
+    columns >> std::dec >> references >> uses >> route.metric >> std::hex >> mask;
     if (!columns || (route.flags & RTF_UP) == 0 || (route.flags & RTF_REJECT) != 0) continue;
+    route.destination = lumen::Ipv4Network(lumen::Ipv4Address::fromBytes(destination),
+                                           static_cast<unsigned>(std::popcount(mask)));
     routes.push_back(route);
   }
   return routes;
@@ -41,8 +46,9 @@ std::vector<Route> routesIn(std::string_view table) {
 std::vector<DefaultRoute> defaultRoutes(std::string_view table) {
   std::vector<DefaultRoute> routes;
   for (const Route& route : routesIn(table)) {
-    if (route.destination == 0 && route.mask == 0)
+    if (route.destination == lumen::Ipv4Network()) {
       routes.push_back({route.interface, route.metric});
+    }
   }
   std::stable_sort(routes.begin(), routes.end(), [](const DefaultRoute& a, const DefaultRoute& b) {
     return a.metric < b.metric;
@@ -53,8 +59,8 @@ std::vector<DefaultRoute> defaultRoutes(std::string_view table) {
 std::vector<ConnectedNetwork> connectedNetworks(std::string_view table) {
   std::vector<ConnectedNetwork> networks;
   for (const Route& route : routesIn(table)) {
-    if (route.mask == 0 || (route.flags & RTF_GATEWAY) != 0) continue;
-    networks.push_back({route.interface, route.destination, route.mask});
+    if (route.destination.prefix() == 0 || (route.flags & RTF_GATEWAY) != 0) continue;
+    networks.push_back({route.interface, route.destination});
   }
   return networks;
 }

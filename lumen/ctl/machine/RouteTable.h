@@ -5,6 +5,8 @@
 #include <string_view>
 #include <vector>
 
+#include "lumen/values/Ipv4.h"
+
 namespace lumenctl {
 
 /// The kernel's main IPv4 routing table in this network namespace.
@@ -19,11 +21,10 @@ struct DefaultRoute {
 /// what they match, and lines that are none, are left out.
 [[nodiscard]] std::vector<DefaultRoute> defaultRoutes(std::string_view table);
 
-/// A network whose hosts an interface reaches without a router. Numbers are in network byte order.
+/// A network whose hosts an interface reaches without a router.
 struct ConnectedNetwork {
   std::string interface;
-  uint32_t address = 0;
-  uint32_t mask = 0;
+  lumen::Ipv4Network network;
 
   [[nodiscard]] bool operator==(const ConnectedNetwork&) const = default;
 };

@@ -1,7 +1,5 @@
 #include "lumen/ctl/monitor/MessageText.h"
 
-#include <arpa/inet.h>
-
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -11,6 +9,7 @@
 
 #include "lumen/ctl/text/Text.h"
 #include "lumen/runtime/Fields.h"
+#include "lumen/values/Ipv4.h"
 #include "platform/Keys.h"
 #include "platform/wire/History.h"
 
@@ -57,7 +56,7 @@ class Decoder {
     return value;
   }
   Json operator()(uint32_t value) const {
-    if (meaning_ == Meaning::address) return dotted(htonl(value));
+    if (meaning_ == Meaning::address) return lumen::Ipv4Address::fromNumber(value).text();
     if (meaning_ == Meaning::command) return commandName(subject_, value);
     return value;
   }

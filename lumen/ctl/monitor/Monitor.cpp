@@ -57,7 +57,7 @@ std::string Passed::line() const {
 }
 
 Json Passed::json() const {
-  Json result = {{"time", static_cast<double>(time.time_since_epoch().count()) / 1000},
+  Json result = {{"time", std::chrono::duration<double>(time.time_since_epoch()).count()},
                  {"from", from},
                  {"to", to},
                  {"kind", nameOf(kind)}};

@@ -11,8 +11,8 @@ namespace {
 
 void sortByPort(std::vector<NatRule>& rules) {
   std::sort(rules.begin(), rules.end(), [](const NatRule& a, const NatRule& b) {
-    return std::tuple(a.externalPort, a.protocol, a.id) <
-           std::tuple(b.externalPort, b.protocol, b.id);
+    return std::tuple(a.external.port, a.protocol, a.id) <
+           std::tuple(b.external.port, b.protocol, b.id);
   });
 }
 
@@ -22,11 +22,11 @@ Json portsAsJson(std::vector<NatRule> rules) {
   sortByPort(rules);
   Json result = Json::array();
   for (const NatRule& rule : rules) {
-    result.push_back({{"port", rule.externalPort},
+    result.push_back({{"port", rule.external.port},
                       {"protocol", rule.protocolName()},
-                      {"address", dotted(rule.externalAddress)},
-                      {"client", dotted(rule.internalClient)},
-                      {"client_port", rule.internalPort},
+                      {"address", rule.external.address.text()},
+                      {"client", rule.client.address.text()},
+                      {"client_port", rule.client.port},
                       {"state", wordFor(rule.state()).text},
                       {"stale", rule.stale},
                       {"owner", rule.owner},
@@ -42,11 +42,9 @@ Table portsAsTable(std::vector<NatRule> rules) {
   Table table(
       {"PORT", "ON ADDRESS", "TO", "STATE", "OPEN FOR", ">CONNECTIONS", ">SO FAR", "OPENED BY"});
   for (const NatRule& rule : rules) {
-    table.add({std::to_string(rule.externalPort) + "/" + rule.protocolName(),
-               dotted(rule.externalAddress),
-               dotted(rule.internalClient) + ":" + std::to_string(rule.internalPort),
-               wordFor(rule.state()), duration(rule.openFor),
-               rule.connections ? std::to_string(*rule.connections) : "?",
+    table.add({std::to_string(rule.external.port) + "/" + rule.protocolName(),
+               rule.external.address.text(), rule.client.text(), wordFor(rule.state()),
+               duration(rule.openFor), rule.connections ? std::to_string(*rule.connections) : "?",
                rule.uses ? std::to_string(*rule.uses) : "?", rule.owner});
   }
   return table;

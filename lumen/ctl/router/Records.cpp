@@ -29,6 +29,11 @@ Role toRole(uint32_t value) {
   }
 }
 
+/// lumend lists no port above 65535.
+lumen::Endpoint endpoint(uint32_t addressBytes, uint32_t port) {
+  return {lumen::Ipv4Address::fromBytes(addressBytes), static_cast<uint16_t>(port)};
+}
+
 }  // namespace
 
 std::string roleName(Role role) {
@@ -70,12 +75,13 @@ Address::Address(const lm::message& m) {
   const lm::addresses::Record record = lm::addresses::readRecord(m);
   id = record.id;
   interfaceId = record.interface;
-  address = record.address;
+  address = lumen::Ipv4Address::fromBytes(record.address);
   disabled = record.disabled;
 }
 
-std::vector<uint32_t> addressesOf(uint32_t interfaceId, const std::vector<Address>& addresses) {
-  std::vector<uint32_t> result;
+std::vector<lumen::Ipv4Address> addressesOf(uint32_t interfaceId,
+                                            const std::vector<Address>& addresses) {
+  std::vector<lumen::Ipv4Address> result;
   for (const Address& address : addresses) {
     if (address.interfaceId == interfaceId) result.push_back(address.address);
   }
@@ -85,11 +91,9 @@ std::vector<uint32_t> addressesOf(uint32_t interfaceId, const std::vector<Addres
 NatRule::NatRule(const lm::message& m) {
   lm::nat::Record record = lm::nat::readRecord(m);
   id = record.id;
-  externalAddress = record.rule.address;
-  externalPort = record.rule.port;
+  external = endpoint(record.rule.address, record.rule.port);
   protocol = record.rule.protocol;
-  internalClient = record.rule.client;
-  internalPort = record.rule.clientPort;
+  client = endpoint(record.rule.client, record.rule.clientPort);
   disabled = record.rule.disabled;
   closed = record.closed;
   stale = record.stale;

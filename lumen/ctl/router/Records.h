@@ -7,11 +7,12 @@
 #include <vector>
 
 #include "lumen/ctl/router/States.h"
+#include "lumen/values/Ipv4.h"
 #include "platform/message.h"
 #include "platform/wire/Interfaces.h"
 
 /// What the platform's services and the gateway list, as typed values. A field that a record lacks
-/// has the value that stands here. IPv4 addresses are in network byte order.
+/// has the value that stands here.
 namespace lumenctl {
 
 enum class Role : uint32_t {
@@ -54,13 +55,12 @@ struct Address {
 
   uint32_t id = 0;
   uint32_t interfaceId = 0;
-  uint32_t address = 0;
+  lumen::Ipv4Address address;
   bool disabled = false;  ///< its interface is not running
 };
 
-/// The addresses of one interface, in network byte order.
-[[nodiscard]] std::vector<uint32_t> addressesOf(uint32_t interfaceId,
-                                                const std::vector<Address>& addresses);
+[[nodiscard]] std::vector<lumen::Ipv4Address> addressesOf(uint32_t interfaceId,
+                                                          const std::vector<Address>& addresses);
 
 /// An open port.
 struct NatRule {
@@ -70,11 +70,9 @@ struct NatRule {
   [[nodiscard]] PortState state() const;
 
   uint32_t id = 0;
-  uint32_t externalAddress = 0;
-  uint32_t externalPort = 0;
-  uint32_t protocol = 0;  ///< IP protocol number
-  uint32_t internalClient = 0;
-  uint32_t internalPort = 0;
+  lumen::Endpoint external;
+  uint32_t protocol = 0;   ///< IP protocol number
+  lumen::Endpoint client;  ///< where its packets go
   bool disabled = false;
   bool closed = false;
   bool stale = false;

@@ -25,7 +25,7 @@ struct UsedInterface {
   Interface interface;
   /// How the gateway uses it; when it did not say, the role that the platform keeps.
   GatewayObject use;
-  std::vector<uint32_t> addresses;  ///< IPv4, in network byte order
+  std::vector<lumen::Ipv4Address> addresses;
 };
 
 /// The router at one moment.

@@ -40,14 +40,14 @@ lumen::Result<Proposal::Part> proposeExternal(const std::vector<Candidate>& cand
 /// Why the interface looks like an internal one; none when it does not.
 std::optional<std::string> reasonForInternal(const Candidate& candidate) {
   if (!candidate.ethernet) return std::nullopt;
-  for (const uint32_t address : candidate.addresses) {
+  for (const lumen::Ipv4Address address : candidate.addresses) {
     if (isPrivate(address)) {
       return (candidate.bridge ? "bridge, private network (" : "private network (") +
-             dotted(address) + ")";
+             address.text() + ")";
     }
   }
   if (!candidate.bridge || candidate.addresses.empty()) return std::nullopt;
-  return "bridge (" + dotted(candidate.addresses.front()) + ")";
+  return "bridge (" + candidate.addresses.front().text() + ")";
 }
 
 lumen::Result<std::vector<Proposal::Part>> proposeInternal(const std::vector<Candidate>& candidates,

@@ -1,10 +1,10 @@
 #pragma once
 
-#include <cstdint>
 #include <string>
 #include <vector>
 
 #include "lumen/ctl/machine/RouteTable.h"
+#include "lumen/values/Ipv4.h"
 #include "lumen/values/Result.h"
 
 namespace lumenctl {
@@ -14,7 +14,7 @@ struct Candidate {
   std::string name;
   bool ethernet = false;  ///< hosts on it can search by multicast; no tunnel and no dial-up link
   bool bridge = false;
-  std::vector<uint32_t> addresses;  ///< IPv4, in network byte order
+  std::vector<lumen::Ipv4Address> addresses;
 };
 
 /// Which interfaces of a router are what, and why it looks like that.

@@ -63,7 +63,7 @@ Json Status::json() const {
                     {"role", roleName(used.use.role)},
                     {"used", !used.use.disabled},
                     {"state", wordFor(used.interface.state()).text},
-                    {"addresses", dotted(used.addresses)}});
+                    {"addresses", textsOf(used.addresses)}});
   }
   return {{"gateway", wordFor(gateway).text}, {"interfaces", uses}, {"ports", portsAsJson(rules)}};
 }

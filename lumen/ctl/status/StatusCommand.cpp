@@ -29,7 +29,7 @@ void show(Session& session, const Status& status) {
   Table interfaces({"INTERFACE", "ROLE", "STATE", "ADDRESS"});
   for (const UsedInterface& used : status.interfaces) {
     interfaces.add({used.interface.name, roleText(used), wordFor(used.interface.state()),
-                    joined(dotted(used.addresses))});
+                    joined(textsOf(used.addresses))});
   }
   if (interfaces.empty()) out << noInterfaceText << '\n';
   session.print(interfaces);

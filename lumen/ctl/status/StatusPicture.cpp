@@ -51,7 +51,7 @@ Table interfaceTable(const Status& status, const std::map<uint32_t, Traffic>& tr
   for (const UsedInterface& used : status.interfaces) {
     std::vector<Table::Cell> row = {used.interface.name, roleText(used),
                                     wordFor(used.interface.state()),
-                                    joined(dotted(used.addresses))};
+                                    joined(textsOf(used.addresses))};
     const auto it = traffic.find(used.interface.id);
     if (it != traffic.end() && !it->second.rates().empty()) {
       const Rates& rates = it->second.rates();

@@ -1,7 +1,5 @@
 #include "lumen/ctl/text/Text.h"
 
-#include <arpa/inet.h>
-
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -71,31 +69,28 @@ std::string cut(std::string_view text, size_t width) {
   return {text.begin(), end};
 }
 
-std::string dotted(uint32_t address) {
-  std::array<char, INET_ADDRSTRLEN> text{};
-  inet_ntop(AF_INET, &address, text.data(), text.size());
-  return text.data();
-}
-
-std::vector<std::string> dotted(const std::vector<uint32_t>& addresses) {
+std::vector<std::string> textsOf(const std::vector<lumen::Ipv4Address>& addresses) {
   std::vector<std::string> texts;
   texts.reserve(addresses.size());
-  for (const uint32_t address : addresses) texts.push_back(dotted(address));
+  for (const lumen::Ipv4Address address : addresses) texts.push_back(address.text());
   return texts;
 }
 
 std::string duration(std::chrono::seconds time) {
-  const auto seconds = static_cast<uint64_t>(time.count());
+  using std::chrono::seconds;
   struct Unit {
-    uint64_t seconds;
+    seconds length;
     const char* name;
   };
-  constexpr std::array<Unit, 4> units = {{{86400, " d"}, {3600, " h"}, {60, " min"}, {1, " s"}}};
+  constexpr std::array<Unit, 4> units = {{{std::chrono::days(1), " d"},
+                                          {std::chrono::hours(1), " h"},
+                                          {std::chrono::minutes(1), " min"},
+                                          {seconds(1), " s"}}};
   size_t largest = 0;
-  while (largest + 1 < units.size() && seconds < units[largest].seconds) ++largest;
-  std::string result = std::to_string(seconds / units[largest].seconds) + units[largest].name;
+  while (largest + 1 < units.size() && time < units[largest].length) ++largest;
+  std::string result = std::to_string(time / units[largest].length) + units[largest].name;
   if (largest + 1 == units.size()) return result;
-  const uint64_t rest = seconds % units[largest].seconds / units[largest + 1].seconds;
+  const seconds::rep rest = time % units[largest].length / units[largest + 1].length;
   if (rest != 0) result += " " + std::to_string(rest) + units[largest + 1].name;
   return result;
 }

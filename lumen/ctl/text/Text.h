@@ -7,6 +7,8 @@
 #include <string_view>
 #include <vector>
 
+#include "lumen/values/Ipv4.h"
+
 /// Values as an administrator reads them.
 namespace lumenctl {
 
@@ -21,9 +23,7 @@ namespace lumenctl {
 /// As much of the beginning of `text` as takes at most `width` columns.
 [[nodiscard]] std::string cut(std::string_view text, size_t width);
 
-/// The dotted form of an IPv4 address in network byte order.
-[[nodiscard]] std::string dotted(uint32_t address);
-[[nodiscard]] std::vector<std::string> dotted(const std::vector<uint32_t>& addresses);
+[[nodiscard]] std::vector<std::string> textsOf(const std::vector<lumen::Ipv4Address>& addresses);
 
 /// A time in its two largest units: "45 s", "3 min 5 s", "2 d 4 h".
 [[nodiscard]] std::string duration(std::chrono::seconds time);

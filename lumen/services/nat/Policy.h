@@ -38,6 +38,8 @@ class ClientNetworks {
 
   /// `connected`: the host is directly connected.
   [[nodiscard]] bool contains(Ipv4Address host, bool connected) const;
+  [[nodiscard]] bool containsConnected() const { return connected_; }
+  [[nodiscard]] const std::vector<Ipv4Network>& networks() const { return networks_; }
   [[nodiscard]] std::string text() const;
 
  private:

@@ -1,13 +1,12 @@
 #include "ctl/FakePlatform.h"
 
-#include <arpa/inet.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <sstream>
 
 #include "lumen/ctl/CommandLine.h"
 #include "lumen/runtime/Fields.h"
+#include "lumen/values/Ipv4.h"
 #include "platform/Keys.h"
 #include "platform/wire/Addresses.h"
 #include "platform/wire/Broker.h"
@@ -128,7 +127,7 @@ void FakePlatform::hasAddress(const std::string& linkName, const std::string& ad
   lm::message record;
   record.insert_u32(lm::key::objectId, nextId_++);
   record.insert_u32(lm::addresses::key::interface, link(linkName).get_u32(lm::key::objectId));
-  record.insert_be32(lm::addresses::key::address, inet_addr(address.c_str()));
+  record.insert_be32(lm::addresses::key::address, lumen::Ipv4Address::parse(address)->bytes());
   record.insert_bool(lm::key::disabled, disabled);
   addresses_.push_back(record);
 }
@@ -138,10 +137,10 @@ void FakePlatform::hasPort(uint32_t port, uint32_t protocol, const std::string& 
   lm::message record;
   record.insert_u32(lm::key::objectId, nextId_++);
   record.insert_bool(lm::key::disabled, false);
-  record.insert_be32(natkey::addressFirst, inet_addr("45.45.45.1"));
+  record.insert_be32(natkey::addressFirst, lumen::Ipv4Address(45, 45, 45, 1).bytes());
   record.insert_u32(natkey::portFirst, port);
   record.insert_u32(natkey::protocol, protocol);
-  record.insert_be32(natkey::clientFirst, inet_addr(client.c_str()));
+  record.insert_be32(natkey::clientFirst, lumen::Ipv4Address::parse(client)->bytes());
   record.insert_u32(natkey::clientPortFirst, clientPort);
   record.insert_string(natkey::owner, "palinode-igd");
   record.insert_u64(natkey::seconds, 185);

@@ -1,4 +1,3 @@
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 
@@ -23,7 +22,7 @@ CheckedInterface interface(const std::string& name, Role role, const std::string
   used.name = name;
   used.role = role;
   used.state = LinkState::running;
-  if (!address.empty()) used.addresses.push_back(inet_addr(address.c_str()));
+  if (!address.empty()) used.addresses.push_back(*lumen::Ipv4Address::parse(address));
   return used;
 }
 
@@ -51,7 +50,7 @@ TEST(Check, FindsAllThatIsWrongInTheOrderInWhichToFixIt) {
   seen.gateway.state = GatewayState::off;
   seen.interfaces[0].bridge = true;
   seen.interfaces[0].state = LinkState::down;
-  seen.interfaces[1].addresses = {inet_addr("10.0.0.2")};
+  seen.interfaces[1].addresses = {{10, 0, 0, 2}};
   seen.defaultRoute = false;
   seen.interfaces[1].forwards = false;
   seen.bridgedIsFiltered = true;
@@ -203,7 +202,7 @@ TEST(Check, KnowsWhichAddressesTheInternetReaches) {
 // Also proves [ctl-check-address].
 TEST(Check, IsContentWithOnePublicAddressAmongOthers) {
   CheckedInterface used = interface("wan0", Role::external, "192.168.1.2");
-  used.addresses.push_back(inet_addr("45.45.45.1"));
+  used.addresses.emplace_back(45, 45, 45, 1);
   EXPECT_EQ(checkExternalAddress({used}), Findings{});
 }
 
@@ -217,10 +216,9 @@ TEST(Check, LooksAtTheAddressesOfExternalLinksThatRun) {
 }
 
 /// A rule for 8080/tcp on 45.45.45.1.
-NatRule rule(bool stale, uint32_t port = 8080, uint32_t protocol = IPPROTO_TCP) {
+NatRule rule(bool stale, uint16_t port = 8080, uint32_t protocol = IPPROTO_TCP) {
   NatRule result{lm::message()};
-  result.externalAddress = inet_addr("45.45.45.1");
-  result.externalPort = port;
+  result.external = {{45, 45, 45, 1}, port};
   result.protocol = protocol;
   result.stale = stale;
   return result;
@@ -239,8 +237,8 @@ TEST(Check, CountsOnlyPortsThatAreStaleAndNotClosed) {
 
 TEST(Check, NamesFiveStalePortsAndCountsTheOthers) {
   std::vector<NatRule> rules;
-  for (uint32_t port = 2000; port < 2007; ++port) rules.push_back(rule(true, port, IPPROTO_UDP));
-  rules.back().externalAddress = inet_addr("45.45.45.2");
+  for (uint16_t port = 2000; port < 2007; ++port) rules.push_back(rule(true, port, IPPROTO_UDP));
+  rules.back().external.address = {45, 45, 45, 2};
   EXPECT_EQ(checkStalePorts(rules).front().what,
             "This router no longer has the address of some open ports (45.45.45.1, 45.45.45.2): "
             "2000/udp, 2001/udp, 2002/udp, 2003/udp, 2004/udp and 2 more.");
@@ -285,10 +283,10 @@ TEST(Check, TellsWhyThePlatformKnowsNoGateway) {
 }
 
 /// Whether the clients listed are taken for none of 192.168.88.0/24, this router's 192.168.88.1.
-bool excludesTheLan(const std::string& clients, const std::string& address = "192.168.88.0",
-                    const std::string& mask = "255.255.255.0") {
+bool excludesTheLan(const std::string& clients,
+                    lumen::Ipv4Network network = {{192, 168, 88, 0}, 24}) {
   CheckedInterface lan = interface("br-lan", Role::internal, "192.168.88.1");
-  lan.networks = {{"br-lan", inet_addr(address.c_str()), inet_addr(mask.c_str())}};
+  lan.networks = {{"br-lan", network}};
   NatPolicy policy{lm::message()};
   policy.maxRules = policy.maxRulesPerClient = 1;
   policy.internalClients = clients;
@@ -313,10 +311,11 @@ TEST(CheckPolicy, KnowsWhichListsHaveNoHostOfTheNetwork) {
            {"192.168.88.1", true, "the router only"},
            {"192.168.88.0", true, "the network's own address"},
            {"192.168.88.255", true, "its broadcast address"},
-           {"192.168.88.1, 192.168.88.1", true, "the router twice"}}) {
+           {"192.168.88.1, 192.168.88.1", true, "the router twice"},
+           {"10.0.0.0/8, guests", false, "a word that may mean any network"}}) {
     EXPECT_EQ(excludesTheLan(clients), excludes) << clients << ": " << reason;
   }
-  EXPECT_FALSE(excludesTheLan("192.168.88.0", "192.168.88.0", "255.255.255.254"))
+  EXPECT_FALSE(excludesTheLan("192.168.88.0", {{192, 168, 88, 0}, 31}))
       << "both addresses of a network of two are hosts";
 }
 
@@ -327,7 +326,7 @@ TEST(CheckPolicy, LooksAtInternalInterfacesWhoseNetworksAreKnown) {
   EXPECT_EQ(checkPolicy(policy, wellRouter().interfaces), Findings{});
   EXPECT_EQ(checkPolicy(std::nullopt, wellRouter().interfaces), Findings{});
   CheckedInterface wan = interface("wan0", Role::external, "45.45.45.1");
-  wan.networks = {{"wan0", inet_addr("45.45.45.0"), inet_addr("255.255.255.0")}};
+  wan.networks = {{"wan0", {{45, 45, 45, 0}, 24}}};
   EXPECT_EQ(checkPolicy(policy, {wan}), Findings{});
 }
 
@@ -336,9 +335,9 @@ TEST(CheckPolicy, NamesCommandsThatCanFollowEachOther) {
   policy.maxRules = policy.maxRulesPerClient = 1;
   policy.internalClients = "10.0.0.0/8";
   CheckedInterface lan = interface("br-lan", Role::internal, "192.168.88.1");
-  lan.networks = {{"br-lan", inet_addr("192.168.88.0"), inet_addr("255.255.255.0")}};
+  lan.networks = {{"br-lan", {{192, 168, 88, 0}, 24}}};
   CheckedInterface guest = interface("br-guest", Role::internal, "192.168.99.1");
-  guest.networks = {{"br-guest", inet_addr("192.168.99.0"), inet_addr("255.255.255.0")}};
+  guest.networks = {{"br-guest", {{192, 168, 99, 0}, 24}}};
   const Findings findings = checkPolicy(policy, {lan, guest});
   ASSERT_EQ(findings.size(), 2U);
   EXPECT_EQ(findings[1].remedy,

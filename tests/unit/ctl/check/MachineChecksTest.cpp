@@ -1,4 +1,3 @@
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 
@@ -15,7 +14,7 @@ CheckedInterface interface(const std::string& name, Role role, std::optional<boo
   used.name = name;
   used.role = role;
   used.state = LinkState::running;
-  used.addresses = {inet_addr("45.45.45.1")};
+  used.addresses = {{45, 45, 45, 1}};
   used.forwards = forwards;
   return used;
 }

@@ -57,7 +57,7 @@ TEST(RouteTable, FindsTheNetworksThatAreReachedWithoutARouter) {
       "lte0\t00000000\t00000000\t0001\t0\t0\t700\t00000000\t0\t0\t0\n"
       "wan0\t002D2D2D\t00000000\t0001\n";
   EXPECT_EQ(connectedNetworks(heading + table),
-            (std::vector<ConnectedNetwork>{{"br-lan", 0x0058A8C0, 0x00FFFFFF}}));
+            (std::vector<ConnectedNetwork>{{"br-lan", {{192, 168, 88, 0}, 24}}}));
 }
 
 }  // namespace

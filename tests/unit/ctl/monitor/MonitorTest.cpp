@@ -1,4 +1,3 @@
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -11,6 +10,7 @@
 #include "lumen/ctl/monitor/Monitor.h"
 #include "lumen/ctl/text/Text.h"
 #include "lumen/runtime/Fields.h"
+#include "lumen/values/Ipv4.h"
 #include "platform/Keys.h"
 #include "platform/wire/Broker.h"
 #include "platform/wire/History.h"
@@ -100,9 +100,9 @@ TEST_F(Monitoring, ShowsARequestWithNamesForItsFields) {
   lm::message rule;
   rule.insert_string(key::chain, "dstnat");
   rule.insert_bool(key::matchAddress, true);
-  rule.insert_be32(key::addressFirst, inet_addr("45.45.45.1"));
+  rule.insert_be32(key::addressFirst, lumen::Ipv4Address(45, 45, 45, 1).bytes());
   rule.insert_u32(key::portFirst, 8080);
-  rule.insert_be32(key::clientFirst, inet_addr("192.168.88.10"));
+  rule.insert_be32(key::clientFirst, lumen::Ipv4Address(192, 168, 88, 10).bytes());
   rule.insert_bool(lm::key::dynamic, true);
   router.passes(gateway, 20, request({20, 5}, lm::cmd::addObject, 3, rule));
   EXPECT_EQ(lines(), Lines{"palinode-igd -> nat: request add chain=dstnat match-address=true "
@@ -197,7 +197,7 @@ TEST_F(Monitoring, ShowsThatSomethingIsNotShownWhole) {
 // Promise: `monitor --json` prints an object on each line.
 TEST_F(Monitoring, PrintsAnObjectOnEachLineInJson) {
   lm::message rule;
-  rule.insert_be32(lm::nat::key::addressFirst, inet_addr("45.45.45.1"));
+  rule.insert_be32(lm::nat::key::addressFirst, lumen::Ipv4Address(45, 45, 45, 1).bytes());
   rule.insert_u32(0x77, 5);
   router.passes(gateway, 20, request({20, 5}, lm::cmd::addObject, 3, rule));
   router.passes(20, gateway, reply(3, lm::errorMsg(lm::errorRefused, "two\nlines\xff")), true);

@@ -1,4 +1,3 @@
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -17,7 +16,7 @@ Candidate ethernet(const std::string& name, const Names& addresses) {
   candidate.name = name;
   candidate.ethernet = true;
   for (const std::string& address : addresses) {
-    candidate.addresses.push_back(inet_addr(address.c_str()));
+    candidate.addresses.push_back(*lumen::Ipv4Address::parse(address));
   }
   return candidate;
 }

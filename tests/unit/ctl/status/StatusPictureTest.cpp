@@ -1,4 +1,3 @@
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -33,15 +32,15 @@ struct Picture : testing::Test {
     record.insert_bool(lm::interfaces::key::running, true);
     GatewayObject object;
     object.role = role;
-    status.interfaces.push_back({Interface(record), object, {inet_addr(address.c_str())}});
+    status.interfaces.push_back({Interface(record), object, {*lumen::Ipv4Address::parse(address)}});
   }
 
   void opens(uint32_t port) {
     lm::message record;
-    record.insert_be32(lm::nat::key::addressFirst, inet_addr("45.45.45.1"));
+    record.insert_be32(lm::nat::key::addressFirst, lumen::Ipv4Address(45, 45, 45, 1).bytes());
     record.insert_u32(lm::nat::key::portFirst, port);
     record.insert_u32(lm::nat::key::protocol, 6);
-    record.insert_be32(lm::nat::key::clientFirst, inet_addr("192.168.88.10"));
+    record.insert_be32(lm::nat::key::clientFirst, lumen::Ipv4Address(192, 168, 88, 10).bytes());
     record.insert_u32(lm::nat::key::clientPortFirst, 80);
     record.insert_string(lm::nat::key::owner, "upnp");
     record.insert_u64(lm::nat::key::seconds, 185);

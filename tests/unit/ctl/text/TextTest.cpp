@@ -1,4 +1,3 @@
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -77,9 +76,9 @@ TEST(Text, CountsCharactersNotBytes) {
 }
 
 // Also proves [ctl-units].
-TEST(Text, WritesAddressesInNetworkByteOrder) {
-  EXPECT_EQ(dotted(inet_addr("192.168.88.1")), "192.168.88.1");
-  EXPECT_EQ(dotted(0), "0.0.0.0");
+TEST(Text, WritesAddressesDotted) {
+  EXPECT_EQ(textsOf({{192, 168, 88, 1}, {}}),
+            (std::vector<std::string>{"192.168.88.1", "0.0.0.0"}));
 }
 
 // Promise [ctl-units]: Times come in their two largest units, `3 min 5 s`, amounts in decimal
