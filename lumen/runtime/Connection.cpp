@@ -20,15 +20,18 @@ constexpr size_t maxOutgoing = 4UL * 1024 * 1024;
 Connection::Connection(const Clock& clock, std::unique_ptr<Transport> transport)
     : clock_(clock), transport_(std::move(transport)) {}
 
-message Connection::exchange(message request, uint32_t command, uint32_t limit, uint32_t sender,
-                             GivenUp late) {
-  const uint64_t deadline = clock_.now() + limit;
+lumen::Result<message> Connection::call(message request, uint32_t command,
+                                        std::chrono::milliseconds limit, uint32_t sender,
+                                        GivenUp late) {
+  const lumen::Failure connectionEnded{"connection ended"};
+  const uint64_t deadline = clock_.now() + static_cast<uint64_t>(limit.count());
   const uint32_t serial = address(request, command, sender);
   awaited_ = serial;
   reply_.reset();
   if (!send(request)) {
     awaited_.reset();
-    return refusal(ended_ ? "connection ended" : "message too long");
+    if (ended_) return connectionEnded;
+    return refusal("message too long");
   }
   while (true) {
     progress();
@@ -38,7 +41,7 @@ message Connection::exchange(message request, uint32_t command, uint32_t limit, 
   }
   awaited_.reset();
   if (reply_) return *std::exchange(reply_, std::nullopt);
-  if (ended_) return refusal("connection ended");
+  if (ended_) return connectionEnded;
   if (wantsToSend()) {
     // Nobody may act on it after its sender was told that it failed.
     outgoingBytes_ -= outgoing_.back().size();
@@ -48,7 +51,14 @@ message Connection::exchange(message request, uint32_t command, uint32_t limit, 
     cancel.insert_u32(key::serial, serial);
     notify(std::move(cancel), broker::cmd::cancel, sender);
   }
-  return refusal("no answer in time");
+  return lumen::Failure{"no answer in time"};
+}
+
+message Connection::exchange(message request, uint32_t command, uint32_t limit, uint32_t sender,
+                             GivenUp late) {
+  lumen::Result<message> reply =
+      call(std::move(request), command, std::chrono::milliseconds(limit), sender, late);
+  return reply ? std::move(*reply) : refusal(reply.failure());
 }
 
 void Connection::post(message request, uint32_t command, uint32_t sender) {

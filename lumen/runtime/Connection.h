@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -9,6 +10,7 @@
 
 #include "lumen/runtime/Clock.h"
 #include "lumen/runtime/Transport.h"
+#include "lumen/values/Result.h"
 #include "platform/Handler.h"
 #include "platform/Keys.h"
 #include "platform/message.h"
@@ -24,9 +26,13 @@ class Connection {
   Connection(const Clock& clock, std::unique_ptr<Transport> transport);
 
   /// Sends `request` to the destination path in it, from handler number `sender`, and waits at most
-  /// `limit` milliseconds for the reply. What else arrives is kept. An error reply when it cannot
-  /// be sent, is not answered in time, or the connection has ended; the last fails at once. A
-  /// request that is not answered in time is cancelled unless `late` lets it stand.
+  /// `limit` for the reply. What else arrives is kept. Fails when there is no reply: not in time,
+  /// or, at once, because the connection has ended. A request that is too long to be sent gets an
+  /// error reply. One that is not answered in time is cancelled unless `late` lets it stand.
+  [[nodiscard]] lumen::Result<message> call(message request, uint32_t command,
+                                            std::chrono::milliseconds limit, uint32_t sender = none,
+                                            GivenUp late = GivenUp::undone);
+  /// The same with `limit` in milliseconds and an error reply in place of a failure.
   [[nodiscard]] message exchange(message request, uint32_t command, uint32_t limit,
                                  uint32_t sender = none, GivenUp late = GivenUp::undone);
   /// Sends a request whose reply nobody wants. Waits for nobody, like the next two.

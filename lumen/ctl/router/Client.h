@@ -19,10 +19,11 @@ class Client {
   virtual ~Client() = default;
 
   /// Sends `request` as `command` to the path `destination` (service, handler) and waits at
-  /// most `limit` for the reply. A request that is not answered gives an error reply.
-  [[nodiscard]] virtual lm::message exchange(const std::vector<uint32_t>& destination,
-                                             uint32_t command, lm::message request,
-                                             std::chrono::milliseconds limit) = 0;
+  /// most `limit` for the reply. Fails when there is none: not in time, or because the connection
+  /// has ended.
+  [[nodiscard]] virtual lumen::Result<lm::message> exchange(
+      const std::vector<uint32_t>& destination, uint32_t command, lm::message request,
+      std::chrono::milliseconds limit) = 0;
 
   /// Waits for the next notification. None when the program is asked to end (SIGINT, SIGTERM) or
   /// its standard output has lost its reader; a failure when the platform has ended.

@@ -42,24 +42,15 @@ void insertFields(lm::message& request, const GatewayObject& object) {
   request.insert_u32(lm::gateway::key::type, static_cast<uint32_t>(object.role));
 }
 
-/// What a client that has no answer gives in place of one.
-bool isSilence(const std::string& error) {
-  return error == "no answer in time" || error == "connection ended";
-}
-
-[[noreturn]] void refuse(const lm::message& reply) {
-  const std::string error = lm::getError(reply);
-  if (isSilence(error)) throw PlatformSilent(error);
-  throw Refused(error);
-}
-
 }  // namespace
 
 lm::message Router::exchange(const Path& destination, uint32_t command, lm::message request) {
   const std::chrono::milliseconds limit = destination == gatewayPath ? gatewayLimit_ : usualLimit;
-  lm::message reply = client_.exchange(destination, command, std::move(request), limit);
-  if (lm::isError(reply)) refuse(reply);
-  return reply;
+  lumen::Result<lm::message> reply =
+      client_.exchange(destination, command, std::move(request), limit);
+  if (!reply) throw PlatformSilent(reply.why());
+  if (lm::isError(*reply)) throw Refused(lm::getError(*reply));
+  return std::move(*reply);
 }
 
 std::vector<lm::message> Router::table(const Path& destination, uint32_t command) {

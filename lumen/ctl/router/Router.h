@@ -12,7 +12,7 @@
 namespace lumenctl {
 
 /// The router's services as calls. Each throws Refused with the platform's text when the platform
-/// answers with an error.
+/// answers with an error, and PlatformSilent when there is no answer.
 class Router {
  public:
   /// `client` must outlive this.

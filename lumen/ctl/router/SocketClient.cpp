@@ -36,12 +36,12 @@ lumen::Result<std::unique_ptr<Client>> SocketClient::connect(const std::string& 
 SocketClient::SocketClient(std::unique_ptr<lm::Transport> transport)
     : connection_(clock_, std::move(transport)) {}
 
-lm::message SocketClient::exchange(const std::vector<uint32_t>& destination, uint32_t command,
-                                   lm::message request, std::chrono::milliseconds limit) {
+lumen::Result<lm::message> SocketClient::exchange(const std::vector<uint32_t>& destination,
+                                                  uint32_t command, lm::message request,
+                                                  std::chrono::milliseconds limit) {
   request.insert_u32_array(lm::key::destination, destination);
-  lm::message reply =
-      connection_.exchange(std::move(request), command, static_cast<uint32_t>(limit.count()));
-  const bool refused = connection_.ended() && !lm::getError(reply).empty();
+  lumen::Result<lm::message> reply = connection_.call(std::move(request), command, limit);
+  const bool refused = connection_.ended() && (!reply || lm::isError(*reply));
   if (refused && !answered_) {
     // lumend ends the connection of a user without rights so.
     return lm::errorMsg(lm::errorRefused,

@@ -19,8 +19,9 @@ class SocketClient : public Client {
 
   explicit SocketClient(std::unique_ptr<lm::Transport> transport);
 
-  [[nodiscard]] lm::message exchange(const std::vector<uint32_t>& destination, uint32_t command,
-                                     lm::message request, std::chrono::milliseconds limit) override;
+  [[nodiscard]] lumen::Result<lm::message> exchange(const std::vector<uint32_t>& destination,
+                                                    uint32_t command, lm::message request,
+                                                    std::chrono::milliseconds limit) override;
   [[nodiscard]] lumen::Result<std::optional<lm::message>> notification() override;
 
  private:

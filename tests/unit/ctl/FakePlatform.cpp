@@ -66,8 +66,9 @@ std::vector<lm::message>::iterator withId(std::vector<lm::message>& table, uint3
 class FakePlatform::Connection : public Client {
  public:
   explicit Connection(FakePlatform& platform) : platform_(platform) {}
-  lm::message exchange(const Path& destination, uint32_t command, lm::message request,
-                       std::chrono::milliseconds limit) override {
+  lumen::Result<lm::message> exchange(const Path& destination, uint32_t command,
+                                      lm::message request,
+                                      std::chrono::milliseconds limit) override {
     platform_.limits_[destination] = limit;
     return platform_.answer(destination, command, request);
   }
@@ -196,6 +197,11 @@ void FakePlatform::refuses(const Path& destination, uint32_t command, const std:
   refusals_[{destination, command}] = text;
 }
 
+void FakePlatform::leavesUnanswered(const Path& destination, uint32_t command,
+                                    const std::string& why) {
+  silences_[{destination, command}] = why;
+}
+
 void FakePlatform::sendsShortPages(bool endless) {
   pageSize_ = 1;
   endless_ = endless;
@@ -220,9 +226,11 @@ lumen::Result<std::optional<lm::message>> FakePlatform::nextShown() {
   return next;
 }
 
-lm::message FakePlatform::answer(const Path& destination, uint32_t command,
-                                 const lm::message& request) {
+lumen::Result<lm::message> FakePlatform::answer(const Path& destination, uint32_t command,
+                                                const lm::message& request) {
   requests_.push_back(describe(destination) + " " + hex(command, "%x") + describe(request));
+  const auto silence = silences_.find({destination, command});
+  if (silence != silences_.end()) return lumen::Failure{silence->second};
   const auto refusal = refusals_.find({destination, command});
   if (refusal != refusals_.end()) return lm::errorMsg(lm::errorRefused, refusal->second);
 

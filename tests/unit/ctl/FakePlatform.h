@@ -61,6 +61,8 @@ class FakePlatform {
   // What goes wrong.
   /// Every such request is refused from now on.
   void refuses(const Path& destination, uint32_t command, const std::string& text);
+  /// No such request is answered from now on, for the reason `why`.
+  void leavesUnanswered(const Path& destination, uint32_t command, const std::string& why);
   void cannotBeReached() { reachable_ = false; }
   void standardOutputIsFull() { outputIsFull_ = true; }
   /// A table's pages hold one record each; with `endless` the cursor does not rise.
@@ -84,7 +86,8 @@ class FakePlatform {
   class Connection;
 
   lumen::Result<std::optional<lm::message>> nextShown();
-  lm::message answer(const Path& destination, uint32_t command, const lm::message& request);
+  lumen::Result<lm::message> answer(const Path& destination, uint32_t command,
+                                    const lm::message& request);
   lm::message page(const std::vector<lm::message>& table, const lm::message& request) const;
   lm::message changeTable(std::vector<lm::message>& table, uint32_t command,
                           const lm::message& request);
@@ -102,6 +105,7 @@ class FakePlatform {
   lm::message settings_;
   lm::message policy_;
   std::map<std::pair<Path, uint32_t>, std::string> refusals_;
+  std::map<std::pair<Path, uint32_t>, std::string> silences_;
   std::vector<std::string> requests_;
   std::string root_;
   std::map<Path, std::chrono::milliseconds> limits_;

@@ -190,11 +190,9 @@ TEST_F(Usage, NamesTheLogOfAPlatformThatIsSilent) {
       "To see its log: journalctl -u lumend (root, and members of adm or systemd-journal).\n";
   router.machine().files["/proc/1/comm"] = "systemd\n";
   for (const std::string why : {"no answer in time", "connection ended"}) {
-    router.refuses({65}, lm::cmd::get, why);
+    router.leavesUnanswered({65}, lm::cmd::get, why);
     EXPECT_EQ(router.lumenctl({"identity"}).err, "lumenctl: " + why + "\n" + journal);
   }
-  router.refuses({65}, lm::cmd::get, "not permitted");
-  EXPECT_EQ(router.lumenctl({"identity"}).err, "lumenctl: not permitted\n");
 
   router.cannotBeReached();
   EXPECT_EQ(router.lumenctl({"status"}).err, "lumenctl: lumend does not answer\n" + journal);
@@ -204,6 +202,14 @@ TEST_F(Usage, NamesTheLogOfAPlatformThatIsSilent) {
   router.machine().files["/proc/1/comm"] = "runit\n";
   EXPECT_EQ(router.lumenctl({"status"}).err,
             "lumenctl: lumend does not answer\nlumend logs to its standard output.\n");
+}
+
+// Also proves [ctl-log].
+TEST_F(Usage, NamesNoLogOfAPlatformThatRefuses) {
+  for (const std::string why : {"not permitted", "no answer in time"}) {
+    router.refuses({65}, lm::cmd::get, why);
+    EXPECT_EQ(router.lumenctl({"identity"}).err, "lumenctl: " + why + "\n");
+  }
 }
 
 /// Every command that changes something, on a router where it has something to change.

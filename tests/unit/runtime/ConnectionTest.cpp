@@ -15,6 +15,7 @@
 #include "support/RefusedCall.h"
 #include "support/Sockets.h"
 #include "support/TempDir.h"
+#include "support/WhyNot.h"
 
 namespace lm {
 namespace {
@@ -94,6 +95,23 @@ TEST_F(ConnectionTest, AnExchangeWaitsNoLongerThanItsLimit) {
   const message answer = connection_.exchange(request(7), 1, 40);
   EXPECT_EQ(getError(answer), "no answer in time");
   EXPECT_GE(clock_.now() - start, 40U);
+}
+
+TEST_F(ConnectionTest, ACallFailsOnlyWhenThereIsNoReply) {
+  using namespace std::chrono_literals;
+  EXPECT_EQ(lumen::whyNot(connection_.call(request(7), 1, 1ms)), "no answer in time");
+  message refused = errorMsg(errorRefused, "no answer in time");
+  refused.insert_u32(key::serial, 2);
+  refused.insert_bool(key::isReply, true);
+  platformSends(refused);
+  const lumen::Result<message> reply = connection_.call(request(7), 1, 5s);
+  ASSERT_TRUE(reply) << "the platform has answered";
+  EXPECT_EQ(getError(*reply), "no answer in time");
+  message large = request(7);
+  large.insert_string(2, std::string(maxDatagram, 'x'));
+  EXPECT_EQ(lumen::whyNot(connection_.call(large, 1, 5s)), "") << "it is refused here";
+  sockets_.peer.reset();
+  EXPECT_EQ(lumen::whyNot(connection_.call(request(7), 1, 60s)), "connection ended");
 }
 
 // Promise [exchange-late]: A reply that comes after the limit is dropped, and never taken for that

@@ -167,7 +167,7 @@ TEST_F(CheckCommand, NeverWakesAGatewayThatDoesNotRun) {
 TEST_F(CheckCommand, TellsAGatewayThatIsOffFromOneThatIsSilent) {
   router.settings().insert_bool(1, false);
   EXPECT_EQ(found(), Lines{"gateway-off"});
-  router.refuses({40, 0}, lm::cmd::get, "no answer in time");
+  router.leavesUnanswered({40, 0}, lm::cmd::get, "no answer in time");
   EXPECT_EQ(check().out,
             "1. The gateway does not answer: no answer in time.\n"
             "   No host finds a gateway, and no port can be opened.\n"

@@ -4,6 +4,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
 #include <memory>
 #include <string>
@@ -14,6 +15,7 @@
 #include "platform/Fd.h"
 #include "platform/Keys.h"
 #include "support/TempDir.h"
+#include "support/WhyNot.h"
 
 namespace lumenctl {
 namespace {
@@ -81,6 +83,9 @@ class SocketClientTest : public testing::Test {
   lm::Fd platform_;
 };
 
+/// What answers() puts in field 1; 0: there is no reply.
+uint32_t valueIn(const lumen::Result<lm::message>& reply) { return reply ? reply->get_u32(1) : 0; }
+
 /// 0: there was none.
 uint32_t commandOf(const lumen::Result<std::optional<lm::message>>& notification) {
   return notification && *notification ? (*notification)->get_u32(lm::key::command) : 0;
@@ -118,7 +123,7 @@ TEST_F(SocketClientTest, TakesTheReplyToItsRequest) {
     request = hears();
     answers(request);
   });
-  EXPECT_EQ(client->exchange({20, 5}, lm::cmd::list, {}, 15s).get_u32(1), 7U);
+  EXPECT_EQ(valueIn(client->exchange({20, 5}, lm::cmd::list, {}, 15s)), 7U);
   platform.join();
   EXPECT_EQ(request.get_u32_array_ref(lm::key::destination), (std::vector<uint32_t>{20, 5}));
   EXPECT_EQ(request.get_u32(lm::key::command), lm::cmd::list);
@@ -127,17 +132,23 @@ TEST_F(SocketClientTest, TakesTheReplyToItsRequest) {
 TEST_F(SocketClientTest, SaysWhomThePlatformAnswersWhenItEndsTheConnectionUnanswered) {
   const auto client = connects();
   platform_.reset();
-  EXPECT_EQ(lm::getError(client->exchange({20, 5}, lm::cmd::list, {}, 15s)),
-            "connection ended: lumend answers root and the group lumen only");
+  const auto reply = client->exchange({20, 5}, lm::cmd::list, {}, 15s);
+  ASSERT_TRUE(reply) << "a refusal";
+  EXPECT_EQ(lm::getError(*reply), "connection ended: lumend answers root and the group lumen only");
 }
 
 TEST_F(SocketClientTest, TakesAPlatformThatEndsLaterForOneThatEnded) {
   const auto client = connects();
   std::thread platform([&] { answers(hears()); });
-  EXPECT_EQ(client->exchange({20, 5}, lm::cmd::list, {}, 15s).get_u32(1), 7U);
+  EXPECT_EQ(valueIn(client->exchange({20, 5}, lm::cmd::list, {}, 15s)), 7U);
   platform.join();
   platform_.reset();
-  EXPECT_EQ(lm::getError(client->exchange({20, 5}, lm::cmd::list, {}, 15s)), "connection ended");
+  EXPECT_EQ(lumen::whyNot(client->exchange({20, 5}, lm::cmd::list, {}, 15s)), "connection ended");
+}
+
+TEST_F(SocketClientTest, WaitsNoLongerThanItsLimit) {
+  const auto client = connects();
+  EXPECT_EQ(lumen::whyNot(client->exchange({20, 5}, lm::cmd::list, {}, 1ms)), "no answer in time");
 }
 
 // Also proves [ctl-monitor-end].

@@ -243,7 +243,7 @@ TEST_F(Watch, DrawsTheSameOnceMoreWhenTheScreenHasAnotherSize) {
 // seconds, and goes on.
 TEST_F(Watch, ShowsSoonThatTheGatewayHangs) {
   looksFor({});
-  router.refuses({40, 0}, lm::cmd::get, "no answer in time");
+  router.leavesUnanswered({40, 0}, lm::cmd::get, "no answer in time");
   EXPECT_EQ(router.lumenctl({"status", "--watch"}).status, 0);
   EXPECT_EQ(router.limitOf({40, 0}), 2s);
   EXPECT_EQ(router.limitOf({20, 5}), 15s);
@@ -254,7 +254,7 @@ TEST_F(Watch, ShowsSoonThatTheGatewayHangs) {
 // terminal as it was and says why.
 TEST_F(Watch, EndsWithThePlatform) {
   looksFor({Screen::Event::timeOver});
-  router.refuses({20, 5}, lm::cmd::readAll, "connection ended");
+  router.leavesUnanswered({20, 5}, lm::cmd::readAll, "connection ended");
   const auto result = router.lumenctl({"status", "--watch"});
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.err, "lumenctl: connection ended\nlumend logs to its standard output.\n");
