@@ -71,18 +71,19 @@ std::string userRemedy(const GatewayFile& file, const std::string& restart) {
 Finding notInstalled(const GatewayFile& file, const std::string& consequence) {
   const std::string restart = file.packaged ? "systemctl restart lumend" : "start lumend again";
   const std::string subject = "lumend knows no gateway: ";
-  if (!file.present) {
-    return {"gateway-not-installed", subject + "its service file " + file.path + " is missing.",
-            consequence, fileRemedy(file, restart)};
-  }
-  if (!file.accepted && file.accepted.why() == "there is no user \"palinode\"") {
-    return {"gateway-user-missing", subject + "the user palinode, as whom it runs, is missing.",
-            consequence, userRemedy(file, restart)};
-  }
-  if (!file.accepted) {
-    return {"gateway-file-wrong",
-            subject + "its service file " + file.path + " is wrong: " + file.accepted.why() + ".",
-            consequence, "correct the file, then " + restart};
+  switch (file.state) {
+    case GatewayFile::State::missing:
+      return {"gateway-not-installed", subject + "its service file " + file.path + " is missing.",
+              consequence, fileRemedy(file, restart)};
+    case GatewayFile::State::userMissing:
+      return {"gateway-user-missing", subject + "the user palinode, as whom it runs, is missing.",
+              consequence, userRemedy(file, restart)};
+    case GatewayFile::State::wrong:
+      return {"gateway-file-wrong",
+              subject + "its service file " + file.path + " is wrong: " + file.error + ".",
+              consequence, "correct the file, then " + restart};
+    case GatewayFile::State::right:
+      break;
   }
   return {"gateway-file-not-read",
           subject + "it has not read the service file " + file.path + ", which is correct now.",

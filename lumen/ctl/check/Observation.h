@@ -14,10 +14,17 @@ namespace lumenctl {
 
 /// The gateway's service file, which tells why lumend knows no gateway.
 struct GatewayFile {
+  enum class State {
+    missing,
+    wrong,        ///< lumend rejects it, or it cannot be read
+    userMissing,  ///< it is right, but the user that it names was never created
+    right,        ///< lumend takes it when it starts
+  };
+
   std::string path;
-  bool present = false;
-  lumen::Result<void> accepted;  ///< lumend takes it when it starts
-  bool packaged = false;         ///< it came with Debian's package
+  State state = State::missing;
+  std::string error;      ///< of a wrong one
+  bool packaged = false;  ///< it came with Debian's package
 };
 
 /// An interface that has a role.

@@ -27,6 +27,29 @@ std::optional<bool> readSwitch(Machine& machine, const std::string& setting) {
   return !text->starts_with('0');
 }
 
+/// The users of a machine where the installation has created the gateway's.
+class InstalledUsers : public lumen::UserDatabase {
+ public:
+  [[nodiscard]] std::optional<User> user(const std::string& name) const override {
+    if (name == "palinode") return User{1, 1};
+    return system_.user(name);
+  }
+  [[nodiscard]] std::optional<gid_t> group(const std::string& name) const override {
+    return system_.group(name);
+  }
+
+ private:
+  lumen::SystemUsers system_;
+};
+
+/// What keeps lumend from starting the gateway by the file.
+lumen::Result<void> checkGatewayFile(const std::string& text, const lumen::UserDatabase& users) {
+  const auto definition = lumen::parseServiceFile(text, users);
+  if (!definition) return definition.failure();
+  if (definition->number == lm::service::gateway) return {};
+  return lumen::Failure{"number is not " + std::to_string(lm::service::gateway)};
+}
+
 /// The file that lumend should have found when it started. With `root` it is not the system's.
 GatewayFile readGatewayFile(Machine& machine, const std::string& root) {
   // A package binds the first over the second for lumend only.
@@ -37,17 +60,16 @@ GatewayFile readGatewayFile(Machine& machine, const std::string& root) {
   if (!file.packaged) folders.erase(folders.begin(), folders.end() - 1);
   file.path = folders.front() + "/services/upnp.ini";
   const std::optional<std::string> text = machine.read(file.path);
-  const int failure = text ? 0 : errno;
-  file.present = failure != ENOENT;
-  if (text) {
-    const auto definition = lumen::parseServiceFile(*text, lumen::SystemUsers());
-    if (!definition) {
-      file.accepted = definition.failure();
-    } else if (definition->number != lm::service::gateway) {
-      file.accepted = lumen::Failure{"number is not " + std::to_string(lm::service::gateway)};
-    }
+  if (!text) {
+    file.state = errno == ENOENT ? GatewayFile::State::missing : GatewayFile::State::wrong;
+    file.error = std::strerror(errno);
+  } else if (const auto checked = checkGatewayFile(*text, lumen::SystemUsers()); checked) {
+    file.state = GatewayFile::State::right;
+  } else if (checkGatewayFile(*text, InstalledUsers())) {
+    file.state = GatewayFile::State::userMissing;
   } else {
-    file.accepted = lumen::Failure{std::strerror(failure)};
+    file.state = GatewayFile::State::wrong;
+    file.error = checked.why();
   }
   return file;
 }

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <pwd.h>
 
 #include <string>
 #include <vector>
@@ -353,6 +354,16 @@ TEST_F(CheckCommand, TellsAServiceFileThatIsWrongFromOneThatIsMissing) {
                   "   No host finds a gateway, and no port can be opened.\n"
                   "   Fix it: correct the file, then start lumend again\n\n");
   }
+}
+
+// Also proves [ctl-check-service].
+TEST_F(CheckCommand, FindsThatTheInstallationHasNotCreatedTheGatewaysUser) {
+  const bool isInstalled = getpwnam("palinode") != nullptr;
+  router.gatewayIsNotInstalled();
+  writes("/lumen/etc/services/upnp.ini", std::string(serviceFile) + "palinode\n");
+  EXPECT_EQ(found(), Lines{isInstalled ? "gateway-file-not-read" : "gateway-user-missing"});
+  writes("/lumen/etc/services/upnp.ini", std::string(serviceFile) + "palinode\nboot = maybe\n");
+  EXPECT_EQ(found(), Lines{"gateway-file-wrong"}) << "which the user does not fix";
 }
 
 // Promise [ctl-check-policy]: `upnp check` finds a policy that allows no open port, or none to the

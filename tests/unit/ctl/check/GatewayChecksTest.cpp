@@ -244,33 +244,29 @@ TEST(Check, NamesFiveStalePortsAndCountsTheOthers) {
             "2000/udp, 2001/udp, 2002/udp, 2003/udp, 2004/udp and 2 more.");
 }
 
-/// `error`: why lumend does not take it; empty: it does.
-GatewayFile file(bool present, const std::string& error, bool packaged = true) {
-  lumen::Result<void> accepted;
-  if (!error.empty()) accepted = lumen::Failure{error};
-  return {"/etc/lumen/services/upnp.ini", present, accepted, packaged};
+GatewayFile file(GatewayFile::State state, bool packaged = true) {
+  return {"/etc/lumen/services/upnp.ini", state, "unknown setting \"speed\"", packaged};
 }
 
 // Promise [ctl-check-service]: `upnp check` of a platform that knows no gateway tells a service
 // file that is missing from one that is wrong, one that is right by now, and a missing user, and
 // names for each what brings the gateway back.
 TEST(Check, TellsWhyThePlatformKnowsNoGateway) {
+  using State = GatewayFile::State;
   for (const auto& [gatewayFile, id, remedy] :
        std::vector<std::tuple<GatewayFile, std::string, std::string>>{
-           {file(false, "No such file or directory"), "gateway-not-installed",
+           {file(State::missing), "gateway-not-installed",
             "where the file of the package lies: apt-get install --reinstall --option "
             "Dpkg::Options::=--force-confmiss ./palinode-igd_*.deb && systemctl restart lumend"},
-           {file(true, "there is no user \"palinode\""), "gateway-user-missing",
+           {file(State::userMissing), "gateway-user-missing",
             "systemd-sysusers palinode.conf && systemd-tmpfiles --create palinode.conf && chown -R "
             "palinode: /var/lib/lumen/upnp /var/lib/lumen/upnpm && systemctl restart lumend"},
-           {file(true, "there is no user \"palinode\"", false), "gateway-user-missing",
+           {file(State::userMissing, false), "gateway-user-missing",
             "systemd-sysusers palinode.conf && chown -R palinode: /lumen/store/upnp "
             "/lumen/store/upnpm, then start lumend again"},
-           {file(true, "there is no user \"other\""), "gateway-file-wrong",
+           {file(State::wrong), "gateway-file-wrong",
             "correct the file, then systemctl restart lumend"},
-           {file(true, "Permission denied"), "gateway-file-wrong",
-            "correct the file, then systemctl restart lumend"},
-           {file(true, ""), "gateway-file-not-read",
+           {file(State::right), "gateway-file-not-read",
             "systemctl restart lumend; when that does not help, journalctl -u lumend shows why "
             "lumend rejects it"}}) {
     Observation seen = wellRouter();
