@@ -23,6 +23,7 @@
 #include "lumen/services/system/processes/PrivateRoot.h"
 #include "lumen/services/system/processes/Privileges.h"
 #include "lumen/services/system/processes/ServiceManager.h"
+#include "lumen/values/KernelVersion.h"
 #include "platform/Keys.h"
 
 namespace {
@@ -30,10 +31,6 @@ namespace {
 using lumen::Platform;
 using lumen::ServiceDefinition;
 namespace path = lumen::path;
-
-// The owned nftables table.
-constexpr unsigned kernelMajor = 5;
-constexpr unsigned kernelMinor = 12;
 
 // Where a package keeps the ruleset, which its unit shows to lumend as path::natRuleset.
 constexpr const char* packagedRuleset = "/etc/lumen/nat-ruleset.nft";
@@ -48,8 +45,9 @@ void demand(const lumen::Result<void>& done) {
 void checkKernel() {
   utsname system = {};
   uname(&system);
-  if (lumen::kernelIsAtLeast(system.release, kernelMajor, kernelMinor)) return;
-  lm::fatal("lumend: needs Linux ", kernelMajor, ".", kernelMinor,
+  const auto version = lumen::KernelVersion::parse(system.release);
+  if (version && *version >= lumen::oldestKernel) return;
+  lm::fatal("lumend: needs Linux ", lumen::oldestKernel.text(),
             " for a NAT table that nobody else can change; this is ", system.release);
 }
 

@@ -1,25 +1,14 @@
 #include <netinet/in.h>
 
 #include <algorithm>
-#include <charconv>
-#include <utility>
+#include <iterator>
 
 #include "lumen/ctl/check/Checks.h"
+#include "lumen/values/KernelVersion.h"
 
 namespace lumenctl {
 
 namespace {
-
-/// The first two numbers of a kernel's release; 0 for what is none.
-std::pair<uint32_t, uint32_t> versionOf(const std::string& release) {
-  std::pair<uint32_t, uint32_t> version;
-  const char* const end = release.data() + release.size();
-  const auto major = std::from_chars(release.data(), end, version.first);
-  if (major.ec == std::errc() && major.ptr != end) {
-    std::from_chars(major.ptr + 1, end, version.second);
-  }
-  return version;
-}
 
 std::string ruleFor(const ForwardChain& chain) {
   switch (chain.manager) {
@@ -72,9 +61,10 @@ Finding portInUse(const PortUser& user) {
 }  // namespace
 
 Findings checkKernel(const std::string& release) {
-  const std::pair<uint32_t, uint32_t> version = versionOf(release);
-  if (version.first == 0 || version >= std::pair(5U, 12U)) return {};
-  return {{"kernel-too-old", "The kernel, " + release + ", is older than 5.12.",
+  const auto version = lumen::KernelVersion::parse(release);
+  if (!version || *version >= lumen::oldestKernel) return {};
+  return {{"kernel-too-old",
+           "The kernel, " + release + ", is older than " + lumen::oldestKernel.text() + ".",
            "lumend does not start: the kernel cannot keep other programs out of its table of open "
            "ports.",
            "install a newer kernel and start it"}};

@@ -5,9 +5,7 @@
 
 #include <array>
 #include <cap-ng.h>
-#include <charconv>
 #include <string>
-#include <utility>
 
 namespace lumen {
 
@@ -47,15 +45,6 @@ bool keepCapabilities(std::span<const unsigned> capabilities) {
   if (mayBound && capng_apply(CAPNG_SELECT_BOUNDS) != 0) return false;
   return capng_apply(CAPNG_SELECT_AMBIENT) == 0 && capng_apply(CAPNG_SELECT_CAPS) == 0 &&
          prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0;
-}
-
-bool kernelIsAtLeast(std::string_view release, unsigned major, unsigned minor) {
-  std::pair<unsigned, unsigned> found;
-  const char* const end = release.data() + release.size();
-  const auto first = std::from_chars(release.data(), end, found.first);
-  if (first.ec != std::errc() || first.ptr == end || *first.ptr != '.') return false;
-  const auto second = std::from_chars(first.ptr + 1, end, found.second);
-  return second.ec == std::errc() && found >= std::pair(major, minor);
 }
 
 }  // namespace lumen

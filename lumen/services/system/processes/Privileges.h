@@ -1,7 +1,6 @@
 #pragma once
 
 #include <span>
-#include <string_view>
 
 #include "lumen/values/Result.h"
 
@@ -20,8 +19,5 @@ namespace lumen {
 /// Gives up every other capability for good, here and in every process that comes from this one.
 /// False when the kernel refuses.
 [[nodiscard]] bool keepCapabilities(std::span<const unsigned> capabilities);
-
-/// Whether the kernel release `release` ("6.1.0-28-amd64") is at least major.minor.
-[[nodiscard]] bool kernelIsAtLeast(std::string_view release, unsigned major, unsigned minor);
 
 }  // namespace lumen

@@ -16,33 +16,6 @@
 namespace lumen {
 namespace {
 
-// Promise [kernel]: On a kernel before 5.12 lumend ends with 1: `lumend: needs Linux 5.12 for a NAT
-// table that nobody else can change; this is ` and its release.
-TEST(Kernel, IsOldEnoughOrNot) {
-  struct Case {
-    const char* release;
-    bool enough;
-  };
-  const Case cases[] = {{"5.12", true},
-                        {"5.12.0", true},
-                        {"5.12-rc1", true},
-                        {"6.1.0-28-amd64", true},
-                        {"6.0", true},
-                        {"10.0.1", true},
-                        {"5.100", true},
-                        {"5.11.22", false},
-                        {"4.19.0-custom", false},
-                        {"5.1", false},
-                        {"5.", false},
-                        {"5", false},
-                        {"", false},
-                        {"unknown", false},
-                        {"-6.1", false},
-                        {"6x1", false},
-                        {"99999999999.1", false}};
-  for (const Case& c : cases) EXPECT_EQ(kernelIsAtLeast(c.release, 5, 12), c.enough) << c.release;
-}
-
 /// Runs `check` in a process of its own, since there is no way back. Returns what it returned.
 bool inAChild(const std::function<bool()>& check) {
   const pid_t pid = fork();
