@@ -5,6 +5,7 @@
 #include <optional>
 #include <utility>
 
+#include "lumen/runtime/SocketTransport.h"
 #include "platform/Keys.h"
 
 namespace lumen {
@@ -49,7 +50,7 @@ Result<void> Platform::start() {
   }
   natRules_.endOldFlows();
   interfaces_.start();
-  if (auto listening = listener_.listen(path::socket); !listening) return listening;
+  if (auto listening = listener_.listen(lm::socketPath); !listening) return listening;
   supervisor_.boot();
   return {};
 }

@@ -30,7 +30,6 @@ inline const std::string natRuleset = "/lumen/etc/nat-ruleset.nft";
 inline const std::string natPolicy = "/lumen/etc/nat-policy";
 inline const std::string storeFolder = "/lumen/store";
 inline const std::string runFolder = "/lumen/run";
-inline const std::string socket = "/lumen/run/lumen.sock";
 inline const std::string lock = "/lumen/run/lumend.lock";
 
 /// Which UDP ports flows may go through.
