@@ -11,6 +11,7 @@
 
 #include "lumen/runtime/Log.h"
 #include "lumen/runtime/SocketTransport.h"
+#include "lumen/runtime/StopSignals.h"
 #include "platform/Keys.h"
 #include "platform/Looper.h"
 #include "platform/wire/Broker.h"
@@ -42,18 +43,6 @@ std::unique_ptr<Transport> connectInTime(const Clock& clock, const std::string& 
   }
 }
 
-/// From here on the signals that end a program are read from a descriptor.
-Fd takeStopSignals() {
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGTERM);
-  sigaddset(&signals, SIGINT);
-  sigprocmask(SIG_BLOCK, &signals, nullptr);
-  Fd fd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
-  if (!fd.valid()) fatal("platform: signalfd: ", strerror(errno));
-  return fd;
-}
-
 }  // namespace
 
 Runtime::Runtime(const Clock& clock, std::unique_ptr<Transport> transport, Fd stopSignals)
@@ -69,6 +58,7 @@ Runtime::~Runtime() = default;
 std::unique_ptr<Runtime> Runtime::connect(const std::string& path, uint64_t limit) {
   static const SystemClock clock;
   Fd stopSignals = takeStopSignals();
+  if (!stopSignals.valid()) fatal("platform: signalfd: ", strerror(errno));
   return std::make_unique<Runtime>(clock, connectInTime(clock, path, limit),
                                    std::move(stopSignals));
 }

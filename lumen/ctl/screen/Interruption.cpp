@@ -1,27 +1,20 @@
 #include "lumen/ctl/screen/Interruption.h"
 
 #include <poll.h>
-#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 #include <string>
 
 #include "lumen/ctl/text/Errors.h"
+#include "lumen/runtime/StopSignals.h"
 
 namespace lumenctl {
 
-Interruption::Interruption() {
-  sigset_t ending;
-  sigemptyset(&ending);
-  sigaddset(&ending, SIGINT);
-  sigaddset(&ending, SIGTERM);
-  signals_.reset(signalfd(-1, &ending, SFD_CLOEXEC));
+Interruption::Interruption() : signals_(lm::takeStopSignals()) {
   if (!signals_.valid()) throw Refused(std::string("signalfd: ") + strerror(errno));
-  sigprocmask(SIG_BLOCK, &ending, nullptr);
 }
 
 bool Interruption::wait(int fd, std::optional<std::chrono::milliseconds> limit) const {

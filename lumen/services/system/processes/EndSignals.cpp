@@ -5,17 +5,11 @@
 
 #include <csignal>
 
+#include "lumen/runtime/StopSignals.h"
+
 namespace lumen {
 
-EndSignals::EndSignals() {
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGTERM);
-  sigaddset(&signals, SIGINT);
-  sigprocmask(SIG_BLOCK, &signals, nullptr);
-  signal(SIGPIPE, SIG_IGN);
-  signals_.reset(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
-}
+EndSignals::EndSignals() : signals_(lm::takeStopSignals()) { signal(SIGPIPE, SIG_IGN); }
 
 void EndSignals::ready(int fd) {
   signalfd_siginfo info = {};
