@@ -26,7 +26,7 @@ struct CommandName {
   uint32_t command = 0;
 };
 
-constexpr CommandName everybodysCommands[] = {
+constexpr CommandName sharedCommands[] = {
     {"list", lm::cmd::list},        {"read", lm::cmd::readObject},
     {"set", lm::cmd::setObject},    {"read-all", lm::cmd::readAll},
     {"add", lm::cmd::addObject},    {"remove", lm::cmd::removeObject},
@@ -34,7 +34,7 @@ constexpr CommandName everybodysCommands[] = {
     {"set-settings", lm::cmd::set}, {"interface-changed", lm::cmd::interfaceChanged},
 };
 
-constexpr FieldName everybodysFields[] = {
+constexpr FieldName sharedFields[] = {
     {"command", lm::key::command, Meaning::command},
     {"id", lm::key::objectId},
     {"records", lm::key::records},
@@ -187,13 +187,13 @@ const CommandName* findIn(std::span<const CommandName> commands, uint32_t comman
 const FieldName* findField(Subject subject, uint32_t key) {
   const Vocabulary* const own = vocabularyOf(subject);
   const FieldName* const found = own == nullptr ? nullptr : findIn(own->fields, key);
-  return found != nullptr ? found : findIn(everybodysFields, key);
+  return found != nullptr ? found : findIn(sharedFields, key);
 }
 
 std::string commandName(Subject subject, uint32_t command) {
   const Vocabulary* const own = vocabularyOf(subject);
   const CommandName* found = own == nullptr ? nullptr : findIn(own->commands, command);
-  if (found == nullptr) found = findIn(everybodysCommands, command);
+  if (found == nullptr) found = findIn(sharedCommands, command);
   if (found != nullptr) return found->name;
   std::array<char, 32> text{};
   std::snprintf(text.data(), text.size(), "command 0x%x", static_cast<unsigned>(command));

@@ -72,7 +72,7 @@ Monitor::Monitor(const std::vector<Service>& services)
     : names_{{lm::service::broker, "broker"},
              {lm::service::identity, "identity"},
              {lm::service::history, "history"},
-             {lm::monitor::everybody, "all"}} {
+             {lm::monitor::subscribers, "all"}} {
   for (const Service& service : services) names_.emplace(service.number, service.name);
 }
 
@@ -116,7 +116,7 @@ Passed Monitor::read(const lm::message& shown, Passed::Time time) {
       if (from == subject.service) passed.from = nameOf(from, subject.handler);
       underWay_.erase(request);
     }
-  } else if (to == lm::monitor::everybody) {
+  } else if (to == lm::monitor::subscribers) {
     passed.kind = Passed::Kind::notification;
     subject = Subject::of(m.get_u32_array_ref(lm::key::source));
     passed.from = nameOf(from, subject.handler);

@@ -361,7 +361,7 @@ void Broker::notify(uint32_t command, const std::vector<uint32_t>& source,
 }
 
 void Broker::publish(uint32_t command, Path source, const lm::message& notification) {
-  if (!monitors_.empty()) show(source.service, lm::monitor::everybody, notification);
+  if (!monitors_.empty()) show(source.service, lm::monitor::subscribers, notification);
   const std::set<uint64_t>& subscribers = subscriptions_.subscribers(command, source);
   if (subscribers.empty()) return;
   const std::string datagram = lm::encode(notification);

@@ -35,7 +35,7 @@ TEST(WireNumbers, OfTheBroker) {
   EXPECT_EQ(lm::monitor::key::to, 0x08000003U);
   EXPECT_EQ(lm::monitor::key::cut, 0x00000004U);
   EXPECT_EQ(lm::monitor::anonymous, 0x10000U);
-  EXPECT_EQ(lm::monitor::everybody, 0xFFFFFFFFU);
+  EXPECT_EQ(lm::monitor::subscribers, 0xFFFFFFFFU);
   EXPECT_EQ(lm::broker::listed::number, 0x08fe0001U);
   EXPECT_EQ(lm::broker::listed::name, 0x20010005U);
   EXPECT_EQ(lm::broker::listed::state, 0x20000001U);

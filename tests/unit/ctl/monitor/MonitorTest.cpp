@@ -24,7 +24,7 @@ namespace {
 using Path = std::vector<uint32_t>;
 using Lines = std::vector<std::string>;
 
-constexpr uint32_t everybody = lm::monitor::everybody;
+constexpr uint32_t subscribers = lm::monitor::subscribers;
 constexpr uint32_t gateway = 40;
 constexpr uint32_t administrator = lm::monitor::anonymous + 5;
 
@@ -77,7 +77,7 @@ TEST_F(Monitoring, SwitchesItOnAndEndsWith0WhenAskedToEnd) {
 
 // Also proves [ctl-monitor-end].
 TEST_F(Monitoring, EndsWith1WhenThePlatformEnds) {
-  router.passes(20, everybody, notification({20, 1}, lm::cmd::changed));
+  router.passes(20, subscribers, notification({20, 1}, lm::cmd::changed));
   router.ends();
   const auto result = router.lumenctl({"monitor"});
   EXPECT_EQ(result.status, 1);
@@ -139,7 +139,7 @@ TEST_F(Monitoring, ShowsANotificationWithItsRecords) {
   record.insert_string(lm::interfaces::key::name, "wan0");
   lm::message fields;
   fields.insert_message_array(lm::key::records, {record, record});
-  router.passes(20, everybody, notification({20, 0}, lm::cmd::interfaceChanged, fields));
+  router.passes(20, subscribers, notification({20, 0}, lm::cmd::interfaceChanged, fields));
   EXPECT_EQ(lines(), Lines{"interfaces -> all: notification interface-changed "
                            "records=[{id=1 name=wan0}, {id=1 name=wan0}]"});
 }
@@ -186,8 +186,8 @@ TEST_F(Monitoring, NamesWhatAnUndoIsAbout) {
 
 // Promise: `monitor` says when a message is `not shown whole`.
 TEST_F(Monitoring, ShowsThatSomethingIsNotShownWhole) {
-  router.passes(gateway, everybody, notification({gateway, 0}, lm::cmd::changed), true);
-  router.passes(gateway, everybody, {}, true);
+  router.passes(gateway, subscribers, notification({gateway, 0}, lm::cmd::changed), true);
+  router.passes(gateway, subscribers, {}, true);
   router.passes(gateway, 20, {}, true);
   EXPECT_EQ(lines(), (Lines{"palinode-igd -> all: notification changed (not shown whole)",
                             "palinode-igd -> all: notification (not shown whole)",
@@ -233,7 +233,7 @@ TEST_F(Monitoring, PutsTextInQuotesUnlessItIsOneWord) {
                                                         {"\xe2\x80\xae", "\"\\xe2\\x80\\xae\""}}) {
     lm::message fields;
     fields.insert_string(lm::interfaces::key::name, value);
-    router.passes(20, everybody, notification({20, 0}, lm::cmd::changed, fields));
+    router.passes(20, subscribers, notification({20, 0}, lm::cmd::changed, fields));
     EXPECT_EQ(lines(), Lines{"interfaces -> all: notification changed name=" + shown});
   }
 }
@@ -241,7 +241,7 @@ TEST_F(Monitoring, PutsTextInQuotesUnlessItIsOneWord) {
 TEST_F(Monitoring, IsNotHeldUpByAMessageOfManyFields) {
   lm::message fields;
   for (uint32_t key = 0; key < 20'000; ++key) fields.fields().append(0x1000 + key, true);
-  router.passes(gateway, everybody, notification({gateway, 0}, lm::cmd::changed, fields));
+  router.passes(gateway, subscribers, notification({gateway, 0}, lm::cmd::changed, fields));
   const std::clock_t start = std::clock();
   EXPECT_EQ(lines().size(), 1U);
   EXPECT_LT(std::clock() - start, 5 * CLOCKS_PER_SEC);

@@ -196,7 +196,7 @@ TEST_F(Monitoring, ShowsTheNotificationOfAProgram) {
   settle();
   ASSERT_TRUE(isShown());
   EXPECT_EQ(from, gateway);
-  EXPECT_EQ(to, lm::monitor::everybody);
+  EXPECT_EQ(to, lm::monitor::subscribers);
   EXPECT_EQ(message.get_u32_array_ref(lm::key::source), (Path{gateway, 2}));
 }
 
@@ -301,7 +301,7 @@ TEST_F(Monitoring, ShowsTheLongestThatFitsIntoADatagramWhole) {
     shown.insert_u32(lm::key::command, lm::broker::cmd::monitor);
     shown.insert_u32_array(lm::key::source, {0, 0});
     shown.insert_u32(lm::monitor::key::from, gateway);
-    shown.insert_u32(lm::monitor::key::to, lm::monitor::everybody);
+    shown.insert_u32(lm::monitor::key::to, lm::monitor::subscribers);
     shown.insert_message(lm::monitor::key::message, passing);
     const size_t room = lm::maxDatagram - lm::encode(shown).size();
     passing.insert_string(7, std::string(room + tooMany, 'x'));
