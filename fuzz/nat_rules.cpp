@@ -7,6 +7,7 @@
 #include <arpa/inet.h>
 
 #include <array>
+#include <chrono>
 #include <map>
 #include <set>
 #include <string>
@@ -23,6 +24,8 @@
 #include "support/ManualClock.h"
 
 namespace {
+
+using namespace std::chrono_literals;
 
 using fuzz::require;
 namespace key = lm::nat::key;
@@ -151,7 +154,7 @@ class Router {
       case 8:
         return kernel_.refuseAfter(in.byte() % 4);
       default:
-        return passes(in.byte() * uint64_t{10});
+        return passes(10ms * in.byte());
     }
   }
 
@@ -235,10 +238,10 @@ class Router {
     require(record.get_u64(key::uses) >= element->second.packets, "no connection is forgotten");
   }
 
-  void passes(uint64_t milliseconds) {
+  void passes(std::chrono::milliseconds time) {
     if (flows_.sweeping()) flows_.finishSweep();
-    clock_.advance(milliseconds);
-    loop_.turn(0);
+    clock_.advance(time);
+    loop_.turn(0ms);
   }
 
   lumen::PolicyBook& policies_;

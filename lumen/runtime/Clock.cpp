@@ -2,12 +2,15 @@
 
 #include <time.h>
 
+#include <chrono>
+
 namespace lm {
 
-uint64_t SystemClock::now() const {
+Clock::Time SystemClock::now() const {
   timespec time{};
   clock_gettime(CLOCK_BOOTTIME, &time);
-  return static_cast<uint64_t>(time.tv_sec) * 1000 + static_cast<uint64_t>(time.tv_nsec) / 1000000;
+  return Time(std::chrono::seconds(time.tv_sec) + std::chrono::floor<std::chrono::milliseconds>(
+                                                      std::chrono::nanoseconds(time.tv_nsec)));
 }
 
 }  // namespace lm

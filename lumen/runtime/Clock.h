@@ -1,21 +1,24 @@
 #pragma once
 
-#include <cstdint>
+#include <chrono>
 
 namespace lm {
 
 /// The time that timers, limits and the uptime run on. Tests bring their own, which they move.
 class Clock {
  public:
+  /// Counts from the start of the system, suspended time included.
+  using Time = std::chrono::time_point<Clock, std::chrono::milliseconds>;
+
   virtual ~Clock() = default;
-  /// Milliseconds since the system started, times of suspension included. Never falls.
-  [[nodiscard]] virtual uint64_t now() const = 0;
+  /// Never goes back.
+  [[nodiscard]] virtual Time now() const = 0;
 };
 
 /// CLOCK_BOOTTIME.
 class SystemClock : public Clock {
  public:
-  [[nodiscard]] uint64_t now() const override;
+  [[nodiscard]] Time now() const override;
 };
 
 }  // namespace lm

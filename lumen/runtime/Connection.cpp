@@ -24,7 +24,7 @@ lumen::Result<message> Connection::call(message request, uint32_t command,
                                         std::chrono::milliseconds limit, uint32_t sender,
                                         GivenUp late) {
   const lumen::Failure connectionEnded{"connection ended"};
-  const uint64_t deadline = clock_.now() + static_cast<uint64_t>(limit.count());
+  const Clock::Time deadline = clock_.now() + limit;
   const uint32_t serial = address(request, command, sender);
   awaited_ = serial;
   reply_.reset();
@@ -35,7 +35,7 @@ lumen::Result<message> Connection::call(message request, uint32_t command,
   }
   while (true) {
     progress();
-    const uint64_t now = clock_.now();
+    const Clock::Time now = clock_.now();
     if (reply_ || ended_ || now >= deadline) break;
     transport_->wait(deadline - now, wantsToSend());
   }
@@ -54,10 +54,9 @@ lumen::Result<message> Connection::call(message request, uint32_t command,
   return lumen::Failure{"no answer in time"};
 }
 
-message Connection::exchange(message request, uint32_t command, uint32_t limit, uint32_t sender,
-                             GivenUp late) {
-  lumen::Result<message> reply =
-      call(std::move(request), command, std::chrono::milliseconds(limit), sender, late);
+message Connection::exchange(message request, uint32_t command, std::chrono::milliseconds limit,
+                             uint32_t sender, GivenUp late) {
+  lumen::Result<message> reply = call(std::move(request), command, limit, sender, late);
   return reply ? std::move(*reply) : refusal(reply.failure());
 }
 

@@ -32,8 +32,8 @@ class Connection {
   [[nodiscard]] lumen::Result<message> call(message request, uint32_t command,
                                             std::chrono::milliseconds limit, uint32_t sender = none,
                                             GivenUp late = GivenUp::undone);
-  /// The same with `limit` in milliseconds and an error reply in place of a failure.
-  [[nodiscard]] message exchange(message request, uint32_t command, uint32_t limit,
+  /// The same with an error reply in place of a failure.
+  [[nodiscard]] message exchange(message request, uint32_t command, std::chrono::milliseconds limit,
                                  uint32_t sender = none, GivenUp late = GivenUp::undone);
   /// Sends a request whose reply nobody wants. Waits for nobody, like the next two.
   void post(message request, uint32_t command, uint32_t sender);

@@ -5,16 +5,20 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <utility>
 
 #include "lumen/runtime/Log.h"
 
 namespace lm {
+
+using namespace std::chrono_literals;
+
 namespace {
 
-/// How long a watch rests that makes no progress, in milliseconds.
-constexpr uint64_t rest = 100;
+/// How long a watch rests that makes no progress.
+constexpr auto rest = 100ms;
 
 /// How often each listening socket is dispatched between two other callbacks.
 constexpr int mostAccepts = 16;
@@ -98,8 +102,8 @@ void EventLoop::resume(void* watch) {
   theLoop->start(theLoop->watches_.at(static_cast<Watch*>(watch)->io.fd));
 }
 
-void EventLoop::turn(std::optional<uint64_t> limit) {
-  const uint64_t now = clock_.now();
+void EventLoop::turn(std::optional<std::chrono::milliseconds> limit) {
+  const Clock::Time now = clock_.now();
   const uint64_t added = timers_.added();
   wait(now, limit);
   for (const Ready& ready : ready_) {
@@ -115,19 +119,19 @@ void EventLoop::turn(std::optional<uint64_t> limit) {
   }
 }
 
-void EventLoop::wait(uint64_t now, std::optional<uint64_t> limit) {
+void EventLoop::wait(Clock::Time now, std::optional<std::chrono::milliseconds> limit) {
   if (const auto due = nextDue()) {
-    const uint64_t left = *due > now ? *due - now : 0;
+    const std::chrono::milliseconds left = std::max(*due, now) - now;
     limit = std::min(limit.value_or(left), left);
   }
   dropClosed();
   ready_.clear();
-  if (limit && *limit > 0) {
+  if (limit && *limit > 0ms) {
     ev_now_update(libev_->loop);
-    ev_timer_set(&libev_->limit, static_cast<double>(*limit) / 1000, 0.);
+    ev_timer_set(&libev_->limit, std::chrono::duration<double>(*limit).count(), 0.);
     ev_timer_start(libev_->loop, &libev_->limit);
   }
-  ev_run(libev_->loop, limit == 0 ? EVRUN_NOWAIT : EVRUN_ONCE);
+  ev_run(libev_->loop, limit == 0ms ? EVRUN_NOWAIT : EVRUN_ONCE);
   ev_timer_stop(libev_->loop, &libev_->limit);
   // libev calls back in the reverse order of that in which the kernel reports.
   std::ranges::reverse(ready_);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -7,6 +8,7 @@
 #include <vector>
 
 #include "lumen/runtime/Clock.h"
+#include "lumen/runtime/Time.h"
 #include "lumen/runtime/TimerQueue.h"
 #include "platform/ThinRunner.h"
 
@@ -38,7 +40,7 @@ class EventLoop : public ThinRunner {
   ~EventLoop() override;
 
   void addTimer(void* owner, TimerCallback callback, uint32_t delay) override {
-    timers_.add({owner, callback}, clock_.now() + uint64_t{delay} * 10);
+    timers_.add({owner, callback}, clock_.now() + lumen::Centiseconds(delay));
   }
   void removeTimer(void* owner, TimerCallback callback) override {
     timers_.remove({owner, callback});
@@ -46,12 +48,12 @@ class EventLoop : public ThinRunner {
   void addSocket(int fd, void* owner, SocketCallback callback, unsigned flags) override;
   void removeSocket(int fd) override;
 
-  /// Waits until something is ready or due, at most `limit` milliseconds (none: for ever), and
-  /// dispatches it. With a limit of 0 it dispatches what is ready now.
-  void turn(std::optional<uint64_t> limit);
+  /// Waits until something is ready or due, at most `limit` (none: for ever), and dispatches it.
+  /// With a limit of 0 it dispatches what is ready now.
+  void turn(std::optional<std::chrono::milliseconds> limit);
 
-  /// When there is something to do even if no descriptor becomes ready: a time of the clock.
-  [[nodiscard]] std::optional<uint64_t> nextDue() const { return timers_.nextDue(); }
+  /// When there is something to do even if no descriptor becomes ready.
+  [[nodiscard]] std::optional<Clock::Time> nextDue() const { return timers_.nextDue(); }
 
   [[nodiscard]] const Clock& clock() const { return clock_; }
 
@@ -68,7 +70,7 @@ class EventLoop : public ThinRunner {
   void start(const WatchPtr& watch);
   void stop(Watch& watch);
   static void resume(void* watch);
-  void wait(uint64_t now, std::optional<uint64_t> limit);
+  void wait(Clock::Time now, std::optional<std::chrono::milliseconds> limit);
   void dispatch(const Ready& ready);
   void dropClosed();
   void acceptWaiting();

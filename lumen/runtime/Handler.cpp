@@ -1,5 +1,6 @@
 #include "platform/Handler.h"
 
+#include <chrono>
 #include <utility>
 
 #include "lumen/runtime/Fields.h"
@@ -45,7 +46,8 @@ message Handler::cmdUnknown(const message&, uint32_t) { return refusal("unknown 
 
 message Handler::exchangeCmd(const message& request, uint32_t command, uint32_t limit,
                              GivenUp late) {
-  return runtime().connection().exchange(request, command, limit, state_->number, late);
+  return runtime().connection().exchange(request, command, std::chrono::milliseconds(limit),
+                                         state_->number, late);
 }
 
 void Handler::subscribe(uint32_t command, const std::vector<uint32_t>& source) {

@@ -1,5 +1,6 @@
 #include "platform/Looper.h"
 
+#include <chrono>
 #include <csignal>
 #include <utility>
 
@@ -28,7 +29,7 @@ void Looper::addHandler(uint32_t id, Handler& handler) { runtime_->addHandler(id
 
 void Looper::run() { runtime_->run(); }
 
-void Looper::setupLeave(uint32_t delay) { runtime_->setupLeave(delay); }
+void Looper::setupLeave(uint32_t delay) { runtime_->setupLeave(std::chrono::milliseconds(delay)); }
 
 Looper& getLooper() {
   if (!theLooper) fatal("platform: no looper");

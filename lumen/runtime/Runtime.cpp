@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <utility>
@@ -12,15 +13,19 @@
 #include "lumen/runtime/Log.h"
 #include "lumen/runtime/SocketTransport.h"
 #include "lumen/runtime/StopSignals.h"
+#include "lumen/runtime/Time.h"
 #include "platform/Keys.h"
 #include "platform/Looper.h"
 #include "platform/wire/Broker.h"
 
 namespace lm {
+
+using namespace std::chrono_literals;
+
 namespace {
 
-/// How long the platform may take to answer a registration, in milliseconds.
-constexpr uint32_t registrationLimit = 6000;
+/// How long the platform may take to answer a registration.
+constexpr auto registrationLimit = 6s;
 
 message registration() {
   message request;
@@ -30,8 +35,8 @@ message registration() {
 }
 
 std::unique_ptr<Transport> connectInTime(const Clock& clock, const std::string& path,
-                                         uint64_t limit) {
-  const uint64_t deadline = clock.now() + limit;
+                                         std::chrono::milliseconds limit) {
+  const Clock::Time deadline = clock.now() + limit;
   while (true) {
     if (auto transport = SocketTransport::connect(path)) return transport;
     const int error = errno;
@@ -55,7 +60,8 @@ Runtime::Runtime(const Clock& clock, std::unique_ptr<Transport> transport, Fd st
 
 Runtime::~Runtime() = default;
 
-std::unique_ptr<Runtime> Runtime::connect(const std::string& path, uint64_t limit) {
+std::unique_ptr<Runtime> Runtime::connect(const std::string& path,
+                                          std::chrono::milliseconds limit) {
   static const SystemClock clock;
   Fd stopSignals = takeStopSignals();
   if (!stopSignals.valid()) fatal("platform: signalfd: ", strerror(errno));
@@ -73,19 +79,19 @@ void Runtime::run() {
   while (!stopped_) turn(std::nullopt);
 }
 
-void Runtime::setupLeave(uint32_t delay) {
+void Runtime::setupLeave(std::chrono::milliseconds delay) {
   leaveDue_ = false;
-  if (delay > 0) {
-    leaveTimer_.start<&Runtime::leaveDelayPassed>(*this, (delay - 1) / 10 + 1);
+  if (delay > 0ms) {
+    leaveTimer_.start<&Runtime::leaveDelayPassed>(*this, lumen::timerDelay(delay));
   } else {
     leaveTimer_.stop();
   }
 }
 
-void Runtime::turn(std::optional<uint64_t> limit) {
+void Runtime::turn(std::optional<std::chrono::milliseconds> limit) {
   watchConnection();
   // Nothing wakes the loop for an end that an exchange has seen before it.
-  loop_.turn(busy() || connection_.ended() ? 0 : limit);
+  loop_.turn(busy() || connection_.ended() ? 0ms : limit);
   if (const std::optional<message> m = connection_.take()) handlers_.dispatch(*m);
   if (leaveDue_) leave();
   if (connection_.ended() && !stopped_) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -27,19 +28,19 @@ class Runtime {
   ~Runtime();
 
   /// The real one: the system's clock and the platform's socket at `path`, which it waits for up to
-  /// `limit` milliseconds. Takes over SIGTERM and SIGINT. When it cannot connect it logs why and
-  /// exits with 1.
-  [[nodiscard]] static std::unique_ptr<Runtime> connect(const std::string& path = socketPath,
-                                                        uint64_t limit = 5000);
+  /// `limit`. Takes over SIGTERM and SIGINT. When it cannot connect it logs why and exits with 1.
+  [[nodiscard]] static std::unique_ptr<Runtime> connect(
+      const std::string& path = socketPath,
+      std::chrono::milliseconds limit = std::chrono::seconds(5));
 
   /// As Looper has them. A registration that is refused or not possible is fatal.
   void addHandler(uint32_t number, Handler& handler);
   void run();
-  void setupLeave(uint32_t delay);
+  void setupLeave(std::chrono::milliseconds delay);
 
-  /// One round of the loop: waits at most `limit` milliseconds (none: for ever) for something to
-  /// do, dispatches descriptors and timers, then at most one message.
-  void turn(std::optional<uint64_t> limit);
+  /// One turn of the loop: waits at most `limit` (none: for ever) for something to do, dispatches
+  /// descriptors and timers, then at most one message.
+  void turn(std::optional<std::chrono::milliseconds> limit);
   /// Whether `turn` has more messages to dispatch at once.
   [[nodiscard]] bool busy() const { return connection_.arrived() > 0; }
   /// Whether `run` has ended or is to end.

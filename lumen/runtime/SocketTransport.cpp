@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cstring>
 #include <utility>
@@ -17,8 +18,8 @@
 namespace lm {
 namespace {
 
-/// How long the platform may leave a connection waiting in its queue, in seconds.
-constexpr time_t connectLimit = 5;
+/// How long the platform may leave a connection waiting in its queue.
+constexpr std::chrono::seconds connectLimit(5);
 
 /// Fills in `address`. A path that is too long for it is reached through its folder, `directory`,
 /// which the caller keeps open as long as it uses the address.
@@ -49,7 +50,7 @@ std::unique_ptr<SocketTransport> SocketTransport::connect(const std::string& pat
   if (!makeAddress(path, address, directory)) return nullptr;
   Fd socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
   if (!socket.valid()) return nullptr;
-  const timeval limit{connectLimit, 0};
+  const timeval limit{connectLimit.count(), 0};
   setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
   if (::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
     return nullptr;
@@ -81,9 +82,9 @@ Transport::Status SocketTransport::receive(std::string& datagram) {
   return Status::done;
 }
 
-void SocketTransport::wait(uint64_t limit, bool toSend) {
+void SocketTransport::wait(std::chrono::milliseconds limit, bool toSend) {
   pollfd look{socket_.get(), static_cast<short>(toSend ? POLLIN | POLLOUT : POLLIN), 0};
-  poll(&look, 1, static_cast<int>(std::min<uint64_t>(limit, INT_MAX)));
+  poll(&look, 1, static_cast<int>(std::min<int64_t>(limit.count(), INT_MAX)));
 }
 
 }  // namespace lm

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -22,7 +23,7 @@ class SocketTransport : public Transport {
 
   [[nodiscard]] Status send(std::string_view datagram) override;
   [[nodiscard]] Status receive(std::string& datagram) override;
-  void wait(uint64_t limit, bool toSend) override;
+  void wait(std::chrono::milliseconds limit, bool toSend) override;
   [[nodiscard]] int fd() const override { return socket_.get(); }
 
  private:

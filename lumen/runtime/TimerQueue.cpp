@@ -2,7 +2,7 @@
 
 namespace lm {
 
-void TimerQueue::add(Timer timer, uint64_t due) {
+void TimerQueue::add(Timer timer, Clock::Time due) {
   remove(timer);
   const Place place{due, added_++};
   byPlace_.emplace(place, timer);
@@ -16,12 +16,12 @@ void TimerQueue::remove(Timer timer) {
   byTimer_.erase(found);
 }
 
-std::optional<uint64_t> TimerQueue::nextDue() const {
+std::optional<Clock::Time> TimerQueue::nextDue() const {
   if (byPlace_.empty()) return std::nullopt;
   return byPlace_.begin()->first.first;
 }
 
-std::optional<TimerQueue::Timer> TimerQueue::takeDue(uint64_t now, uint64_t added) {
+std::optional<TimerQueue::Timer> TimerQueue::takeDue(Clock::Time now, uint64_t added) {
   if (byPlace_.empty()) return std::nullopt;
   const auto& [place, timer] = *byPlace_.begin();
   if (place.first > now || place.second >= added) return std::nullopt;

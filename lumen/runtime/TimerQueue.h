@@ -5,6 +5,7 @@
 #include <optional>
 #include <utility>
 
+#include "lumen/runtime/Clock.h"
 #include "platform/ThinRunner.h"
 
 namespace lm {
@@ -16,21 +17,21 @@ class TimerQueue {
   /// A timer's owner and callback, which name it.
   using Timer = std::pair<void*, ThinRunner::TimerCallback>;
 
-  /// `due` is a time of the clock, in milliseconds. A pending timer is replaced.
-  void add(Timer timer, uint64_t due);
+  /// A pending timer is replaced.
+  void add(Timer timer, Clock::Time due);
   /// Does nothing when the timer is not pending.
   void remove(Timer timer);
 
   /// When the next timer comes due.
-  [[nodiscard]] std::optional<uint64_t> nextDue() const;
+  [[nodiscard]] std::optional<Clock::Time> nextDue() const;
 
   /// The number of timers added so far, to tell those that were added later.
   [[nodiscard]] uint64_t added() const { return added_; }
   /// Takes the first timer that is due at `now`, unless it was added after `added` was read.
-  [[nodiscard]] std::optional<Timer> takeDue(uint64_t now, uint64_t added);
+  [[nodiscard]] std::optional<Timer> takeDue(Clock::Time now, uint64_t added);
 
  private:
-  using Place = std::pair<uint64_t, uint64_t>;  // when due, which one added
+  using Place = std::pair<Clock::Time, uint64_t>;  // when due, which one added
 
   std::map<Place, Timer> byPlace_;
   std::map<Timer, Place> byTimer_;

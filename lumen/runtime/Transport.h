@@ -1,6 +1,6 @@
 #pragma once
 
-#include <cstdint>
+#include <chrono>
 #include <string>
 #include <string_view>
 
@@ -26,9 +26,9 @@ class Transport {
   /// Takes the next datagram; one that is longer than maxDatagram comes cut, but still too long.
   /// Never waits.
   [[nodiscard]] virtual Status receive(std::string& datagram) = 0;
-  /// Waits at most `limit` milliseconds until there is something to receive, or, if `toSend`, room
-  /// to send. May return before.
-  virtual void wait(uint64_t limit, bool toSend) = 0;
+  /// Waits at most `limit` until there is something to receive, or, if `toSend`, room to send. May
+  /// return before.
+  virtual void wait(std::chrono::milliseconds limit, bool toSend) = 0;
   /// To be watched by an event loop; -1: none.
   [[nodiscard]] virtual int fd() const = 0;
 };

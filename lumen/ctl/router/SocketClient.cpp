@@ -5,6 +5,7 @@
 #include <cstring>
 #include <utility>
 
+#include "lumen/runtime/Refusal.h"
 #include "lumen/runtime/SocketTransport.h"
 #include "platform/Keys.h"
 
@@ -44,8 +45,7 @@ lumen::Result<lm::message> SocketClient::exchange(const std::vector<uint32_t>& d
   const bool refused = connection_.ended() && (!reply || lm::isError(*reply));
   if (refused && !answered_) {
     // lumend ends the connection of a user without rights so.
-    return lm::errorMsg(lm::errorRefused,
-                        "connection ended: lumend answers root and the group lumen only");
+    return lm::refusal("connection ended: lumend answers root and the group lumen only");
   }
   answered_ = true;
   return reply;

@@ -7,6 +7,7 @@
 #include "lumen/runtime/Fields.h"
 #include "lumen/runtime/Log.h"
 #include "lumen/runtime/Refusal.h"
+#include "lumen/runtime/Time.h"
 #include "lumen/services/broker/Shown.h"
 #include "platform/Keys.h"
 #include "platform/wire/Broker.h"
@@ -322,10 +323,10 @@ void Broker::startWaiting(Requester from, uint32_t service, std::string datagram
 
 void Broker::watchDeadlines() {
   deadline_.stop();
-  const std::optional<uint64_t> next = requests_.nextDeadline();
+  const std::optional<lm::Clock::Time> next = requests_.nextDeadline();
   if (!next) return;
-  const uint64_t wait = *next - std::min(*next, clock_.now());
-  deadline_.start<&Broker::late>(*this, static_cast<uint32_t>((wait + 9) / 10));
+  const lm::Clock::Time now = clock_.now();
+  deadline_.start<&Broker::late>(*this, timerDelay(std::max(*next, now) - now));
 }
 
 void Broker::late() {

@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -30,8 +31,8 @@ namespace lumen {
 /// program whose bytes are no message, or no request, notification or reply, is disconnected.
 class Broker : public Notifier, public Services::Observer, public Connection::Owner {
  public:
-  /// How long a request waits for its service to come up, in milliseconds.
-  static constexpr uint64_t startLimit = 5000;
+  /// How long a request waits for its service to come up.
+  static constexpr std::chrono::seconds startLimit{5};
   /// Per connection.
   static constexpr size_t maxRequests = 1024;
   static constexpr size_t maxSubscriptions = 256;

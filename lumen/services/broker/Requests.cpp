@@ -65,7 +65,7 @@ std::vector<WaitingRequest> Requests::takeWaitingFor(uint32_t service) {
   return taken;
 }
 
-std::vector<WaitingRequest> Requests::takeLate(uint64_t now) {
+std::vector<WaitingRequest> Requests::takeLate(lm::Clock::Time now) {
   std::vector<WaitingRequest> taken;
   while (!waiting_.empty() && waiting_.front().deadline <= now) {
     waitingBytes_ -= waiting_.front().datagram.size();
@@ -75,7 +75,7 @@ std::vector<WaitingRequest> Requests::takeLate(uint64_t now) {
   return taken;
 }
 
-std::optional<uint64_t> Requests::nextDeadline() const {
+std::optional<lm::Clock::Time> Requests::nextDeadline() const {
   if (waiting_.empty()) return std::nullopt;
   return waiting_.front().deadline;
 }

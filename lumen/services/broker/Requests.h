@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "lumen/runtime/Clock.h"
+
 namespace lumen {
 
 /// Who waits for an answer, and under which serial.
@@ -28,8 +30,8 @@ struct SentRequest {
 struct WaitingRequest {
   Requester from;
   uint32_t service = 0;
-  uint64_t deadline = 0;  ///< on the clock
-  std::string datagram;   ///< the request without serial: far smaller than its message
+  lm::Clock::Time deadline;
+  std::string datagram;  ///< the request without serial: far smaller than its message
 };
 
 /// The requests that are not answered yet. Each is answered once: whoever takes one out answers it.
@@ -53,8 +55,8 @@ class Requests {
   /// Those that wait for `service`, in the order of asking.
   [[nodiscard]] std::vector<WaitingRequest> takeWaitingFor(uint32_t service);
   /// Those whose deadline is reached.
-  [[nodiscard]] std::vector<WaitingRequest> takeLate(uint64_t now);
-  [[nodiscard]] std::optional<uint64_t> nextDeadline() const;
+  [[nodiscard]] std::vector<WaitingRequest> takeLate(lm::Clock::Time now);
+  [[nodiscard]] std::optional<lm::Clock::Time> nextDeadline() const;
 
  private:
   struct Sent {

@@ -1,6 +1,5 @@
 #include "lumen/services/history/History.h"
 
-#include <ctime>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -26,7 +25,9 @@ History::History(std::string storePath, WallClock clock)
   }
 }
 
-uint64_t History::systemTime() { return static_cast<uint64_t>(std::time(nullptr)); }
+std::chrono::sys_seconds History::systemTime() {
+  return std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now());
+}
 
 lm::message History::handle(const Caller& caller, uint32_t command, const lm::message& request) {
   if (command == lm::cmd::addObject) return add(caller, request);
@@ -61,7 +62,7 @@ lm::message History::add(const Caller& caller, const lm::message& request) {
   entry.insert_u32(lm::key::objectId, id);
   entry.insert_string(key::text, text);
   entry.insert_u32_array(key::path, {caller.service, source.size() < 2 ? 0 : source[1]});
-  entry.insert_u64(key::time, clock_());
+  entry.insert_u64(key::time, static_cast<uint64_t>(clock_().time_since_epoch().count()));
   entry.insert_message(key::undo, undo);
   const auto pending = store_.prepare(id, entry);
   if (!pending || !pending->commit()) return lm::refusal("the change could not be stored");

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -21,8 +22,7 @@ class History : public LocalHandler {
   static constexpr size_t longestText = 200;          ///< in bytes
   static constexpr size_t longestUndo = 64UL * 1024;  ///< in bytes on the wire
 
-  /// Seconds since 1970.
-  using WallClock = uint64_t (*)();
+  using WallClock = std::chrono::sys_seconds (*)();
 
   /// `storePath` is a store directory that belongs to this program's user.
   explicit History(std::string storePath, WallClock clock = systemTime);
@@ -31,7 +31,7 @@ class History : public LocalHandler {
                                    const lm::message& request) override;
 
  private:
-  static uint64_t systemTime();
+  static std::chrono::sys_seconds systemTime();
 
   [[nodiscard]] lm::message add(const Caller& caller, const lm::message& request);
   [[nodiscard]] lm::message read(const lm::message& request) const;

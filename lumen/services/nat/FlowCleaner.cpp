@@ -1,17 +1,20 @@
 #include "lumen/services/nat/FlowCleaner.h"
 
 #include <algorithm>
+#include <chrono>
 #include <utility>
+
+#include "lumen/runtime/Time.h"
 
 namespace lumen {
 
 namespace {
 
-// Milliseconds. Even when a sweep costs nothing, there are at most ten a second.
-constexpr uint64_t leastRest = 100;
+// Even when a sweep costs nothing, there are at most ten a second.
+constexpr std::chrono::milliseconds leastRest(100);
 
 // A sweep of 20 ms is followed by a rest of 180 ms.
-constexpr uint64_t restPerSweep = 9;
+constexpr int restPerSweep = 9;
 
 }  // namespace
 
@@ -29,9 +32,8 @@ void FlowCleaner::changed(const Endpoint& external) {
 }
 
 void FlowCleaner::schedule() {
-  uint64_t now = clock_.now();
-  uint64_t wait = rest_ > now ? rest_ - now : 0;
-  timer_.start<&FlowCleaner::sweep>(*this, static_cast<uint32_t>((wait + 9) / 10));
+  const lm::Clock::Time now = clock_.now();
+  timer_.start<&FlowCleaner::sweep>(*this, timerDelay(std::max(rest_, now) - now));
 }
 
 void FlowCleaner::sweep() {
@@ -52,7 +54,7 @@ void FlowCleaner::swept(bool complete) {
   for (const Endpoint& external : std::exchange(swept_, {})) {
     if (!ports_.udpClient(external) && !pending_.contains(external)) marks_.clear(external);
   }
-  uint64_t now = clock_.now();
+  const lm::Clock::Time now = clock_.now();
   rest_ = now + std::max(leastRest, restPerSweep * (now - began_));
   if (!pending_.empty()) schedule();
 }

@@ -63,8 +63,8 @@ class FlowCleaner : private Flows::Sweeper {
   std::set<Endpoint> swept_;    // by the sweep that is under way
   std::set<Endpoint> missed_;   // by a sweep that was not complete; the next one looks at them too
   bool sweeping_ = false;
-  uint64_t began_ = 0;  // of the sweep that is under way or was the last, milliseconds
-  uint64_t rest_ = 0;   // no sweep before this time, milliseconds
+  lm::Clock::Time began_;  // of the sweep that is under way or was the last
+  lm::Clock::Time rest_;   // no sweep before this time
   lm::Timer timer_;
 };
 

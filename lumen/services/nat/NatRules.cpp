@@ -2,6 +2,7 @@
 
 #include <netinet/in.h>
 
+#include <chrono>
 #include <utility>
 #include <vector>
 
@@ -336,7 +337,7 @@ lm::message NatRules::record(uint32_t id, const Rule& rule, const Counts& counts
     auto it = numbers->find(rule.key);
     return it == numbers->end() ? 0 : it->second;
   };
-  RuleStatus status{.seconds = (clock_.now() - rule.addedAt) / 1000,
+  RuleStatus status{.age = std::chrono::floor<std::chrono::seconds>(clock_.now() - rule.addedAt),
                     .connections = of(counts.connections),
                     .stale = !networks_.interfaceOf(rule.key.external.address)};
   std::optional<uint64_t> latest = 0;

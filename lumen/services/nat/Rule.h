@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "lumen/runtime/Clock.h"
 #include "lumen/values/Ipv4.h"
 
 namespace lumen {
@@ -25,7 +26,7 @@ struct Rule {
   bool closed = false;      ///< by the administrator, for good
   uint64_t connection = 0;  ///< of its owner
   std::string owner;        ///< service name
-  uint64_t addedAt = 0;     ///< milliseconds of the clock
+  lm::Clock::Time addedAt;
   /// Connections that came before it last left the kernel; none: not known.
   std::optional<uint64_t> earlierUses = 0;
 

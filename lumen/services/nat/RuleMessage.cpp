@@ -144,7 +144,7 @@ lm::message ruleRecord(uint32_t id, const Rule& rule, const RuleStatus& status) 
                                                   .clientPort = rule.client.port},
                                          .id = id,
                                          .owner = rule.owner,
-                                         .seconds = status.seconds,
+                                         .seconds = static_cast<uint64_t>(status.age.count()),
                                          .connections = status.connections,
                                          .stale = status.stale,
                                          .closed = rule.closed,

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <optional>
 
 #include "lumen/services/nat/Rule.h"
@@ -26,7 +27,7 @@ struct RuleChange {
 
 /// What a record tells of a rule beside the rule itself.
 struct RuleStatus {
-  uint64_t seconds = 0;
+  std::chrono::seconds age{0};
   std::optional<uint64_t> connections = std::nullopt;  ///< none: not known
   bool stale = false;
   std::optional<uint64_t> uses = std::nullopt;  ///< none: not known

@@ -3,19 +3,17 @@
 #include <algorithm>
 #include <utility>
 
-#include "lumen/runtime/Time.h"
-
 namespace lumen {
 
 void FailureMemory::remember(const std::string& name, Failure failure) {
-  const std::chrono::milliseconds now = timeOn(clock_);
+  const lm::Clock::Time now = clock_.now();
   std::erase_if(failures_, [&](const Entry& f) { return f.end <= now || f.name == name; });
   if (failures_.size() >= capacity) failures_.pop_front();
   failures_.push_back({name, std::move(failure), now + life});
 }
 
 std::optional<Failure> FailureMemory::find(const std::string& name) const {
-  const std::chrono::milliseconds now = timeOn(clock_);
+  const lm::Clock::Time now = clock_.now();
   const auto found = std::ranges::find_if(
       failures_, [&](const Entry& f) { return f.end > now && f.name == name; });
   if (found == failures_.end()) return std::nullopt;

@@ -32,7 +32,7 @@ class FailureMemory {
   struct Entry {
     std::string name;
     Failure failure;
-    std::chrono::milliseconds end{};  // on the clock
+    lm::Clock::Time end;
   };
 
   const lm::Clock& clock_;

@@ -129,7 +129,7 @@ void Lookup::goOn() {
   const timeval* const wait = ares_timeout(channel_.get(), nullptr, &storage);
   if (wait == nullptr) return;
   const auto due = std::chrono::seconds(wait->tv_sec) + std::chrono::microseconds(wait->tv_usec);
-  const TimerTicks delay = std::chrono::floor<TimerTicks>(due) + TimerTicks(1);
+  const Centiseconds delay = std::chrono::floor<Centiseconds>(due) + Centiseconds(1);
   askAgainTimer_.start<&Lookup::askAgain>(*this, delay.count());
 }
 

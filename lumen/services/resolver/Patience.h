@@ -4,7 +4,6 @@
 #include <chrono>
 
 #include "lumen/runtime/Clock.h"
-#include "lumen/runtime/Time.h"
 
 namespace lumen {
 
@@ -24,14 +23,14 @@ class Patience {
 
   /// How long the next requester may wait.
   [[nodiscard]] std::chrono::milliseconds left() const {
-    if (timeOn(clock_) >= end_) return whole;
+    if (clock_.now() >= end_) return whole;
     return std::max(least, whole - std::min(whole, spent_));
   }
 
   /// A requester has waited so long.
   void spend(std::chrono::milliseconds waited) {
-    if (timeOn(clock_) >= end_) {
-      end_ = timeOn(clock_) + period;
+    if (clock_.now() >= end_) {
+      end_ = clock_.now() + period;
       spent_ = {};
     }
     spent_ += waited;
@@ -39,7 +38,7 @@ class Patience {
 
  private:
   const lm::Clock& clock_;
-  std::chrono::milliseconds end_{};  // of the period, on the clock
+  lm::Clock::Time end_;  // of the period
   std::chrono::milliseconds spent_{};
 };
 

@@ -30,7 +30,7 @@ void leaveWhenIdle() {
 class Resolver::Question {
  public:
   Question(Resolver& resolver, const std::string& name)
-      : started_(timeOn(resolver.clock_)),
+      : started_(resolver.clock_.now()),
         resolver_(resolver),
         lookup_(resolver, name, resolver.configuration()) {}
 
@@ -47,7 +47,7 @@ class Resolver::Question {
   }
 
   void answer(const lm::message& reply) {
-    if (waiting_) resolver_.patience_.spend(timeOn(resolver_.clock_) - started_);
+    if (waiting_) resolver_.patience_.spend(resolver_.clock_.now() - started_);
     waiting_ = false;
     for (lm::PendingReply& requester : requesters_) requester.send(reply);
     requesters_.clear();
@@ -56,7 +56,7 @@ class Resolver::Question {
  private:
   void giveUp() { answer(lm::refusal(Lookup::noAnswer)); }
 
-  const std::chrono::milliseconds started_;  // on the clock
+  const lm::Clock::Time started_;
   Resolver& resolver_;
   std::vector<lm::PendingReply> requesters_;
   bool waiting_ = true;

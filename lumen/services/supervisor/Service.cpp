@@ -3,24 +3,23 @@
 #include <sys/wait.h>
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <utility>
 
 #include "lumen/runtime/Log.h"
+#include "lumen/runtime/Time.h"
 #include "platform/wire/Broker.h"
 
 namespace lumen {
 
 namespace {
 
-// All in milliseconds.
-constexpr uint32_t firstDelay = 1000;
-constexpr uint32_t longestDelay = 60000;
-constexpr uint64_t goodLife = 60000;
-constexpr uint32_t lockPoll = 100;
-constexpr uint64_t lockLimit = 10000;
-
-constexpr uint32_t hundredths(uint32_t milliseconds) { return milliseconds / 10; }
+constexpr std::chrono::seconds firstDelay(1);
+constexpr std::chrono::seconds longestDelay(60);
+constexpr std::chrono::seconds goodLife(60);
+constexpr std::chrono::milliseconds lockPoll(100);
+constexpr std::chrono::seconds lockLimit(10);
 
 std::string describe(int status) {
   if (WIFSIGNALED(status)) return "ended by signal " + std::to_string(WTERMSIG(status));
@@ -83,7 +82,7 @@ void Service::start() {
   log("waits for the process that an earlier lumend has left");
   phase_ = Phase::waitingForLock;
   lockDeadline_ = clock_.now() + lockLimit;
-  timer_.start<&Service::retry>(*this, hundredths(lockPoll));
+  timer_.start<&Service::retry>(*this, timerDelay(lockPoll));
 }
 
 void Service::retry() {
@@ -95,7 +94,7 @@ void Service::retry() {
     // The lock may have another holder, whom only now anybody can see.
     lockDeadline_ = clock_.now() + lockLimit;
   }
-  timer_.start<&Service::retry>(*this, hundredths(lockPoll));
+  timer_.start<&Service::retry>(*this, timerDelay(lockPoll));
 }
 
 void Service::launch() {
@@ -114,7 +113,7 @@ void Service::launch() {
 
 void Service::ended(int status) {
   pid_ = 0;
-  if (clock_.now() - startedAt_ >= goodLife) delay_ = 0;
+  if (clock_.now() - startedAt_ >= goodLife) delay_ = {};
   if (shuttingDown_) {
     log(describe(status));
     phase_ = Phase::stopped;
@@ -133,16 +132,16 @@ void Service::endedAsWished() {
 }
 
 void Service::crashed(const std::string& how, bool startAtOnce) {
-  delay_ = delay_ == 0 ? firstDelay : std::min(2 * delay_, longestDelay);
+  delay_ = delay_ == delay_.zero() ? firstDelay : std::min(2 * delay_, longestDelay);
   afterCrash_ = true;
   if (startAtOnce) {
     log(how + ", starts again at once");
     return start();
   }
-  log(how + ", starts again in " + std::to_string(delay_ / 1000) + " s");
+  log(how + ", starts again in " + std::to_string(delay_.count()) + " s");
   phase_ = Phase::backOff;
   nextStart_ = clock_.now() + delay_;
-  timer_.start<&Service::retry>(*this, hundredths(delay_));
+  timer_.start<&Service::retry>(*this, timerDelay(delay_));
   observer_->unavailable(definition_.number);
 }
 
@@ -179,15 +178,17 @@ std::string Service::state() const {
 }
 
 lm::message Service::record() const {
-  const uint64_t now = clock_.now();
-  const uint64_t wait = nextStart_ > now ? nextStart_ - now : 1;
+  // At least 1 while the timer of a back-off has not run: 0 would say that there is none.
+  const auto wait = std::max(nextStart_ - clock_.now(), std::chrono::milliseconds(1));
+  const bool backsOff = phase_ == Phase::backOff;
   lm::message record;
   record.insert_u32(lm::broker::listed::number, definition_.number);
   record.insert_string(lm::broker::listed::name, definition_.name);
   record.insert_string(lm::broker::listed::state, state());
   record.insert_u32(lm::broker::listed::pid, static_cast<uint32_t>(pid_));
   record.insert_u32(lm::broker::listed::restarts, restarts_);
-  record.insert_u64(lm::broker::listed::nextStart, phase_ == Phase::backOff ? wait : 0);
+  record.insert_u64(lm::broker::listed::nextStart,
+                    backsOff ? static_cast<uint64_t>(wait.count()) : 0);
   return record;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 
@@ -75,10 +76,10 @@ class Service {
   bool shuttingDown_ = false;
   bool afterCrash_ = false;
   uint32_t restarts_ = 0;
-  uint64_t startedAt_ = 0;     // on the clock
-  uint64_t lockDeadline_ = 0;  // on the clock; then the holder is killed
-  uint64_t nextStart_ = 0;     // on the clock
-  uint32_t delay_ = 0;         // of the last back-off, in milliseconds; 0: the count starts anew
+  lm::Clock::Time startedAt_;
+  lm::Clock::Time lockDeadline_;   // then the holder is killed
+  lm::Clock::Time nextStart_;      // after a back-off
+  std::chrono::seconds delay_{0};  // the last back-off; 0: the next one is the first
   lm::Timer timer_;
 };
 

@@ -1,15 +1,17 @@
 #include "lumen/services/supervisor/Supervisor.h"
 
 #include <algorithm>
+#include <chrono>
 #include <utility>
+
+#include "lumen/runtime/Time.h"
 
 namespace lumen {
 
 namespace {
 
-// In hundredths of a second.
-constexpr uint32_t shutDownLimit = 500;
-constexpr uint32_t killLimit = 100;
+constexpr std::chrono::seconds shutDownLimit(5);
+constexpr std::chrono::seconds killLimit(1);
 
 }  // namespace
 
@@ -37,12 +39,12 @@ void Supervisor::shutDown() {
   if (shuttingDown_) return;
   shuttingDown_ = true;
   for (const auto& service : services_) service->shutDown();
-  shutDownTimer_.start<&Supervisor::lateAtShutDown>(*this, shutDownLimit);
+  shutDownTimer_.start<&Supervisor::lateAtShutDown>(*this, timerDelay(shutDownLimit));
 }
 
 void Supervisor::lateAtShutDown() {
   for (const auto& service : services_) service->kill();
-  shutDownTimer_.start<&Supervisor::stuckAtShutDown>(*this, killLimit);
+  shutDownTimer_.start<&Supervisor::stuckAtShutDown>(*this, timerDelay(killLimit));
 }
 
 void Supervisor::stuckAtShutDown() { stuck_ = true; }

@@ -1,10 +1,14 @@
 // Interfaces that disappear: they are forgotten, but nothing of theirs is used after it is gone,
 // and nothing is lost. Run it under AddressSanitizer.
 
+#include <chrono>
+
 #include "core/GatewayFixture.h"
 #include "platform/Keys.h"
 
 namespace {
+
+using namespace std::chrono_literals;
 
 class GatewayDeparted : public GatewayTest {
  protected:
@@ -123,13 +127,13 @@ TEST_F(GatewayDeparted, ALanThatDisappearsStaysOpenAndGoesOnAdvertising) {
   tellOfInterface(goneRecord(lan));
   EXPECT_EQ(log(), Lines{"rem dev: LAN"});
   EXPECT_EQ(announced(), Lines{});
-  platform.advance(357000);
+  platform.advance(3570s);
   EXPECT_EQ(announced(), marked("ssdp:alive", allTargets(wan)));
 }
 
 TEST_F(GatewayDeparted, ALanThatComesBackStartsAnewWithoutAGoodbye) {
   serve();
-  platform.advance(300000);
+  platform.advance(3000s);
   tellOfInterface(goneRecord(lan));
   (void)log();
   listen();
@@ -141,7 +145,7 @@ TEST_F(GatewayDeparted, ALanThatComesBackStartsAnewWithoutAGoodbye) {
   EXPECT_EQ(status("GET /gateway.xml"), "HTTP/1.1 200 OK");
   // The timer of the old record is gone with it.
   (void)announced();
-  platform.advance(57000);
+  platform.advance(570s);
   EXPECT_EQ(announced(), Lines{});
 }
 
@@ -165,7 +169,7 @@ TEST_F(GatewayDeparted, AConnectionThatTimesOutOutlivesItsInterface) {
   platform.turn();
   goesAndComesBack(lan);
   (void)log();
-  platform.advance(1000);
+  platform.advance(10s);
   EXPECT_EQ(log(), Lines{"http request timeout"});
   EXPECT_EQ(readToEnd(client), "");
 }

@@ -1,12 +1,15 @@
 // Start and stop of an interface, on the LAN side and on the WAN side.
 
 #include <algorithm>
+#include <chrono>
 
 #include "core/GatewayFixture.h"
 #include "platform/Keys.h"
 #include "support/Descriptors.h"
 
 namespace {
+
+using namespace std::chrono_literals;
 
 class GatewayInterfaces : public GatewayTest {};
 
@@ -46,27 +49,27 @@ TEST_F(GatewayInterfaces, TheRootAloneIsAnnouncedWithFourTargets) {
 TEST_F(GatewayInterfaces, EverythingIsAnnouncedAgainBeforeItRunsOut) {
   serve();
   listen();
-  platform.advance(356999);
+  platform.advance(3570s - 10ms);
   EXPECT_EQ(announced(), Lines{});
-  platform.advance(1);
+  platform.advance(10ms);
   EXPECT_EQ(announced(), marked("ssdp:alive", allTargets(wan)));
-  platform.advance(357000);
+  platform.advance(3570s);
   EXPECT_EQ(announced(), marked("ssdp:alive", allTargets(wan)));
   removeObject(1);
   (void)announced();
-  platform.advance(3570000);
+  platform.advance(35'700s);
   EXPECT_EQ(announced(), Lines{});
 }
 
 // Promise [advert-count]: The 3570 seconds count from the interface's last start.
 TEST_F(GatewayInterfaces, ANewStartCountsFromItsOwnTime) {
   serve();
-  platform.advance(350000);
+  platform.advance(3500s);
   setObject(1, {});
   listen();
-  platform.advance(7000);
+  platform.advance(70s);
   EXPECT_EQ(announced(), Lines{});
-  platform.advance(350000);
+  platform.advance(3500s);
   EXPECT_EQ(announced(), marked("ssdp:alive", allTargets(wan)));
 }
 

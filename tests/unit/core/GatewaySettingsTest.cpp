@@ -1,10 +1,14 @@
 // Start, settings and end of the gateway.
 
+#include <chrono>
+
 #include "core/GatewayFixture.h"
 #include "platform/Keys.h"
 #include "platform/Store.h"
 
 namespace {
+
+using namespace std::chrono_literals;
 
 using lm::test::contentOf;
 using lm::test::describe;
@@ -36,9 +40,9 @@ TEST_F(GatewaySettings, AsksForTheIdentityFirst) {
 TEST_F(GatewaySettings, StartsDisabledWithoutASavedRecordAndLeavesAfterASecond) {
   start();
   EXPECT_EQ(describe(platform.request(0, lm::cmd::get)), "{bool 0x1=0, bool 0x2=1, bool 0x3=1}");
-  platform.advance(99);
+  platform.advance(990ms);
   EXPECT_FALSE(platform.stopped());
-  platform.advance(1);
+  platform.advance(10ms);
   EXPECT_TRUE(platform.stopped());
   stop();
   EXPECT_EQ(log(), Lines{"exit"});
@@ -50,7 +54,7 @@ TEST_F(GatewaySettings, StaysDisabledWhenTheRecordSaysSo) {
   start();
   EXPECT_EQ(describe(platform.request(0, lm::cmd::get)), "{bool 0x1=0, bool 0x2=0, bool 0x3=0}");
   EXPECT_TRUE(platform.sentTo({20, 0}, lm::cmd::list).empty());
-  platform.advance(100);
+  platform.advance(1s);
   EXPECT_TRUE(platform.stopped());
 }
 
@@ -96,7 +100,7 @@ TEST_F(GatewaySettings, ServesAtOnceWhenTheRecordSaysSo) {
                        "intr: 1 3232258049",
                    }));
   EXPECT_EQ(announced(), marked("ssdp:alive", allTargets(wan)));
-  platform.advance(100000);
+  platform.advance(1000s);
   EXPECT_FALSE(platform.stopped());
 }
 
@@ -113,9 +117,9 @@ TEST_F(GatewaySettings, WorksWithoutAnIdentity) {
 // router's identity, string `0x20000001`, and waits for it no longer than six seconds.
 TEST_F(GatewaySettings, WaitsNoLongerThanSixSecondsForTheIdentity) {
   platform.ignore({65}, 0xfe000d);
-  const uint64_t before = platform.clock().now();
+  const auto before = platform.clock().now();
   start();
-  EXPECT_EQ(platform.clock().now() - before, 6000U);
+  EXPECT_EQ(platform.clock().now() - before, 6s);
 }
 
 // Promise [gateway-record]: A write is saved as it came, as record 0 of `/lumen/store/upnpm`, in
@@ -252,9 +256,9 @@ TEST_F(GatewaySettings, EnablingReadsTheTablesAndSubscribes) {
 // Promise: Switching on cancels the pending end of the daemon.
 TEST_F(GatewaySettings, EnablingCancelsTheLeave) {
   start();
-  platform.advance(99);
+  platform.advance(990ms);
   enable();
-  platform.advance(1000);
+  platform.advance(10s);
   EXPECT_FALSE(platform.stopped());
 }
 
@@ -275,7 +279,7 @@ TEST_F(GatewaySettings, DisablingStopsEverythingUnsubscribesAndLeaves) {
   EXPECT_EQ(describe(contentOf(ended[1])), "{u32 0x1=16646155, u32[] 0x2=[20 0]}");
   EXPECT_EQ(describe(contentOf(ended[2])), "{u32 0x1=16646155, u32[] 0x2=[20 1]}");
 
-  platform.advance(100);
+  platform.advance(1s);
   EXPECT_TRUE(platform.stopped());
   stop();
   EXPECT_EQ(log(), Lines{"exit"});
@@ -301,14 +305,14 @@ TEST_F(GatewaySettings, DisablingEndsTheSubscriptionsOfTheSystem) {
 TEST_F(GatewaySettings, CanBeSwitchedOffAndOnBeforeItLeaves) {
   serve();
   disable();
-  platform.advance(50);
+  platform.advance(500ms);
   listen();
   enable();
   // The LAN side starts first: with the targets as they were, then with those of the new WAN side.
   Lines expected = marked("ssdp:alive", allTargets(wan));
   for (const std::string& line : marked("ssdp:alive", wanTargets(wan))) expected.push_back(line);
   EXPECT_EQ(announced(), expected);
-  platform.advance(1000);
+  platform.advance(10s);
   EXPECT_FALSE(platform.stopped());
   EXPECT_EQ(status("GET /gateway.xml"), "HTTP/1.1 200 OK");
 }

@@ -1,9 +1,13 @@
 // What the platform tells of its interfaces and addresses.
 
+#include <chrono>
+
 #include "core/GatewayFixture.h"
 #include "platform/Keys.h"
 
 namespace {
+
+using namespace std::chrono_literals;
 
 using lm::test::contentOf;
 using lm::test::describe;
@@ -398,9 +402,9 @@ TEST_F(GatewayTracking, TheFullReadsWaitAsLongAsEachMay) {
   platform.ignore({20, 0}, lm::cmd::list);
   platform.ignore({20, 0}, lm::cmd::readAll);
   platform.ignore({20, 1}, lm::cmd::readAll);
-  const uint64_t before = platform.clock().now();
+  const auto before = platform.clock().now();
   enable();
-  EXPECT_EQ(platform.clock().now() - before, 6000U + 3000U + 6000U);
+  EXPECT_EQ(platform.clock().now() - before, 6s + 3s + 6s);
 }
 
 // Promise: The states and the addresses are read as whole tables with command `0xfe0004` from `[20,

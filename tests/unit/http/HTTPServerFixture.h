@@ -121,7 +121,7 @@ class HTTPServerTest : public testing::Test {
   void turnUntil(const std::function<bool()>& condition) {
     for (int turn = 0; turn < 500; ++turn) {
       if (condition()) return;
-      loop.turn(10);
+      loop.turn(std::chrono::milliseconds(10));
     }
     ADD_FAILURE() << "did not happen";
   }
@@ -132,7 +132,7 @@ class HTTPServerTest : public testing::Test {
 
   /// Everything that the client sent has been read.
   void readAll() {
-    for (int turn = 0; turn < 5; ++turn) loop.turn(1);
+    for (int turn = 0; turn < 5; ++turn) loop.turn(std::chrono::milliseconds(1));
   }
 
   void untilClosed(Client& client) {
@@ -140,8 +140,8 @@ class HTTPServerTest : public testing::Test {
   }
 
   void pass(std::chrono::milliseconds time) {
-    clock.advance(static_cast<uint64_t>(time.count()));
-    loop.turn(0);
+    clock.advance(time);
+    loop.turn(std::chrono::milliseconds(0));
   }
 
   /// Sends `request` on a connection of its own, on which no reply comes: the request is never

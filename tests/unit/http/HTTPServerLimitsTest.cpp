@@ -41,7 +41,7 @@ class HTTPServerLimits : public HTTPServerTest {
         const size_t size = std::min(BUFLEN, std::min(end, text.size()) - sent);
         client.send(text.substr(sent, size));
         sent += size;
-        for (int turn = 0; turn < 3; ++turn) loop.turn(0);
+        for (int turn = 0; turn < 3; ++turn) loop.turn(0ms);
       }
     }
     untilClosed(client);

@@ -105,7 +105,7 @@ TEST_F(HTTPServerTest, AnswersARequestThatArrivedWhileAnotherOneTookTenSeconds) 
   gateway.work = [&] {
     gateway.work = {};
     quick.send("GET /quick HTTP/1.1\r\n\r\n");
-    clock.advance(10'000);
+    clock.advance(10s);
   };
   EXPECT_EQ(logged([&] { untilClosed(quick); }), "");
   EXPECT_EQ(quick.received, reply);
@@ -161,11 +161,11 @@ TEST_F(HTTPServerTest, RestsWhileItHasNoDescriptorForAClient) {
   const Client client;
   EXPECT_EQ(logged([&] {
               whileRefused({SCMP_SYS(accept4)}, EMFILE, [&] {
-                for (int turn = 0; turn < 20; ++turn) loop.turn(0);
+                for (int turn = 0; turn < 20; ++turn) loop.turn(0ms);
               });
             }),
             "accept failed\naccept failed\n");
-  EXPECT_EQ(loop.nextDue(), clock.now() + 100);
+  EXPECT_EQ(loop.nextDue(), clock.now() + 100ms);
 }
 
 // Promise: A connection on a listening socket that belongs to no interface is the line `oo jeaaa`

@@ -189,9 +189,9 @@ TEST_F(PortMapping, RecordsNothingWhenTheRuleIsRefused) {
 // refuses the rule.
 TEST_F(PortMapping, RecordsNothingWhenTheNatTableDoesNotAnswer) {
   platform.ignore(natTable, lm::cmd::addObject);
-  const uint64_t before = platform.clock().now();
+  const auto before = platform.clock().now();
   EXPECT_EQ(open({}), failed);
-  EXPECT_EQ(platform.clock().now() - before, 6000U);
+  EXPECT_EQ(platform.clock().now() - before, 6s);
   EXPECT_EQ(entryAt("1"), noSuchIndex);
 }
 

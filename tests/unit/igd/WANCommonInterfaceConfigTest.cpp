@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <optional>
 #include <string>
 #include <vector>
@@ -9,6 +10,8 @@
 #include "igd/WANCommonInterfaceConfig.h"
 
 namespace {
+
+using namespace std::chrono_literals;
 
 const std::string type = "urn:schemas-upnp-org:service:WANCommonInterfaceConfig:1";
 constexpr uint32_t wan = 7;  // its interface's object id
@@ -167,9 +170,9 @@ TEST_F(WanCommonInterfaceConfig, CountsNothingWhenThePlatformRefuses) {
 // counter is `0`.
 TEST_F(WanCommonInterfaceConfig, CountsNothingWhenThePlatformDoesNotAnswer) {
   platform.ignore(interfaceTable, lm::cmd::readObject);
-  const uint64_t before = platform.clock().now();
+  const auto before = platform.clock().now();
   EXPECT_EQ(value("TotalPacketsSent"), "0");
-  EXPECT_EQ(platform.clock().now() - before, 6000U);
+  EXPECT_EQ(platform.clock().now() - before, 6s);
   EXPECT_EQ(ownLog().substr(0, 18), "get device stats: ");
 }
 
@@ -185,7 +188,7 @@ TEST_F(WanCommonInterfaceConfig, CountsNothingWhereTheReplyHasNoCounter) {
 // these names, the last being the router's uptime.
 TEST_F(WanCommonInterfaceConfig, AnswersTheStatisticsWithFourReads) {
   count(1, 2, 3, 4);
-  platform.clock().advance(5000);
+  platform.clock().advance(5s);
   EXPECT_EQ(invoke(config, "X_GetICSStatistics"),
             ok("X_GetICSStatistics", {{"TotalBytesSent", "2"},
                                       {"TotalBytesReceived", "1"},

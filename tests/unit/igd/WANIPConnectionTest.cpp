@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <optional>
 #include <string>
 #include <vector>
@@ -9,6 +10,8 @@
 #include "net/Address.h"
 
 namespace {
+
+using namespace std::chrono_literals;
 
 const std::string type = "urn:schemas-upnp-org:service:WANIPConnection:1";
 constexpr uint32_t wan = 7;  // its interface's object id
@@ -150,7 +153,7 @@ TEST_F(WanIpConnection, AnswersItsStatusWithTheUptimeOfThisMoment) {
                                 {"NewUptime", uptime}});
   };
   EXPECT_EQ(invoke(*connection, "GetStatusInfo"), statusInfo("Unconfigured", "1000"));
-  platform.clock().advance(61'999);
+  platform.clock().advance(61'999ms);
   connection->setStatus(WANIPConnection::STATUS_CONNECTED);
   EXPECT_EQ(invoke(*connection, "GetStatusInfo"), statusInfo("Connected", "1061"))
       << "a status change does not start it anew";
@@ -232,9 +235,9 @@ TEST_F(WanIpConnection, KeepsItsStatusWhenThePlatformRefuses) {
 // as one that refuses.
 TEST_F(WanIpConnection, WaitsSixSecondsForThePlatform) {
   platform.ignore(interfaceTable, lm::cmd::setObject);
-  const uint64_t before = platform.clock().now();
+  const auto before = platform.clock().now();
   EXPECT_EQ(invoke(*connection, "RequestConnection"), fault(501, "Action Failed"));
-  EXPECT_EQ(platform.clock().now() - before, 6000U);
+  EXPECT_EQ(platform.clock().now() - before, 6s);
   EXPECT_EQ(ownLog().substr(0, 22), "enable device failed: ");
   EXPECT_EQ(status(), "Unconfigured");
 }

@@ -5,6 +5,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <chrono>
+
 #include "lumen/runtime/Codec.h"
 #include "lumen/runtime/Connection.h"
 #include "lumen/runtime/SocketTransport.h"
@@ -19,6 +21,8 @@
 
 namespace lm {
 namespace {
+
+using namespace std::chrono_literals;
 
 using test::describe;
 
@@ -72,7 +76,7 @@ class ConnectionTest : public testing::Test {
 // its source path (`0x88ff0002`), its serial (`0x08ff0003`) and its command (`0x08ff0007`).
 TEST_F(ConnectionTest, AnExchangeGivesTheReplyOfItsSerial) {
   platformSends(reply(1, 42));
-  EXPECT_EQ(connection_.exchange(request(7), cmd::addObject, 5000, 3).get_u32(1), 42U);
+  EXPECT_EQ(connection_.exchange(request(7), cmd::addObject, 5s, 3).get_u32(1), 42U);
   EXPECT_EQ(platformReceives(),
             "{u32[] 0xff0001=[20 5], u32 0x1=7, u32[] 0xff0002=[0 3], u32 0xff0003=1, "
             "u32 0xff0007=16646149}");
@@ -84,17 +88,17 @@ TEST_F(ConnectionTest, SerialsRise) {
   platformSends(reply(2, 2));
   platformSends(reply(3, 3));
   for (uint32_t i = 1; i <= 3; ++i) {
-    EXPECT_EQ(connection_.exchange(request(7), 1, 5000).get_u32(1), i);
+    EXPECT_EQ(connection_.exchange(request(7), 1, 5s).get_u32(1), i);
   }
 }
 
 // Promise [exchange-limit]: An exchange waits no longer than its limit in milliseconds, then gives
 // the error `no answer in time`.
 TEST_F(ConnectionTest, AnExchangeWaitsNoLongerThanItsLimit) {
-  const uint64_t start = clock_.now();
-  const message answer = connection_.exchange(request(7), 1, 40);
+  const auto start = clock_.now();
+  const message answer = connection_.exchange(request(7), 1, 40ms);
   EXPECT_EQ(getError(answer), "no answer in time");
-  EXPECT_GE(clock_.now() - start, 40U);
+  EXPECT_GE(clock_.now() - start, 40ms);
 }
 
 TEST_F(ConnectionTest, ACallFailsOnlyWhenThereIsNoReply) {
@@ -117,31 +121,31 @@ TEST_F(ConnectionTest, ACallFailsOnlyWhenThereIsNoReply) {
 // Promise [exchange-late]: A reply that comes after the limit is dropped, and never taken for that
 // of the next request.
 TEST_F(ConnectionTest, AReplyThatComesTooLateIsDropped) {
-  EXPECT_TRUE(isError(connection_.exchange(request(7), 1, 1)));
+  EXPECT_TRUE(isError(connection_.exchange(request(7), 1, 1ms)));
   platformSends(reply(1, 41));
   platformSends(reply(2, 42));
-  EXPECT_EQ(connection_.exchange(request(7), 1, 5000).get_u32(1), 42U);
+  EXPECT_EQ(connection_.exchange(request(7), 1, 5s).get_u32(1), 42U);
   EXPECT_EQ(connection_.arrived(), 0U);
 }
 
 // Promise [cancel-late]: A request that is not answered in time is cancelled, unless its sender
 // lets it stand.
 TEST_F(ConnectionTest, ARequestThatIsGivenUpIsCancelled) {
-  EXPECT_TRUE(isError(connection_.exchange(request(7), cmd::addObject, 1, 3)));
+  EXPECT_TRUE(isError(connection_.exchange(request(7), cmd::addObject, 1ms, 3)));
   EXPECT_NE(platformReceives(), "nothing");
   EXPECT_EQ(platformReceives(), "{u32 0xff0003=1, u32[] 0xff0002=[0 3], u32 0xff0007=22}");
   EXPECT_EQ(platformReceives(), "nothing");
 }
 
 TEST_F(ConnectionTest, ARequestThatStandsIsNotCancelled) {
-  EXPECT_TRUE(isError(connection_.exchange(request(7), cmd::addObject, 1, 3, GivenUp::stands)));
+  EXPECT_TRUE(isError(connection_.exchange(request(7), cmd::addObject, 1ms, 3, GivenUp::stands)));
   EXPECT_NE(platformReceives(), "nothing");
   EXPECT_EQ(platformReceives(), "nothing");
 }
 
 TEST_F(ConnectionTest, ARequestThatIsAnsweredInTimeIsNotCancelled) {
   platformSends(reply(1, 42));
-  EXPECT_EQ(connection_.exchange(request(7), cmd::addObject, 0).get_u32(1), 42U);
+  EXPECT_EQ(connection_.exchange(request(7), cmd::addObject, 0ms).get_u32(1), 42U);
   EXPECT_NE(platformReceives(), "nothing");
   EXPECT_EQ(platformReceives(), "nothing");
 }
@@ -184,7 +188,7 @@ TEST_F(ConnectionTest, WhatArrivesDuringAnExchangeIsKeptInOrder) {
   platformSends(notification(2));
   platformSends(reply(1, 42));
   platformSends(notification(3));
-  EXPECT_EQ(connection_.exchange(request(7), 1, 5000).get_u32(1), 42U);
+  EXPECT_EQ(connection_.exchange(request(7), 1, 5s).get_u32(1), 42U);
   EXPECT_EQ(connection_.arrived(), 2U) << "the third came after the reply";
   EXPECT_EQ(takes(), describe(notification(1)));
   EXPECT_EQ(takes(), describe(notification(2)));
@@ -195,16 +199,16 @@ TEST_F(ConnectionTest, WhatArrivesDuringAnExchangeIsKeptInOrder) {
 // Promise: An exchange fails at once with `connection ended` when the platform is gone.
 TEST_F(ConnectionTest, ExchangesFailAtOnceWhenThePlatformIsGone) {
   sockets_.peer.reset();
-  EXPECT_EQ(getError(connection_.exchange(request(7), 1, 60'000)), "connection ended");
+  EXPECT_EQ(getError(connection_.exchange(request(7), 1, 60s)), "connection ended");
   EXPECT_TRUE(connection_.ended());
-  EXPECT_EQ(getError(connection_.exchange(request(7), 1, 60'000)), "connection ended");
+  EXPECT_EQ(getError(connection_.exchange(request(7), 1, 60s)), "connection ended");
 }
 
 // Promise: What the platform sent before it went is still dispatched.
 TEST_F(ConnectionTest, WhatThePlatformSentBeforeItWentIsStillTaken) {
   platformSends(notification(1));
   sockets_.peer.reset();
-  EXPECT_TRUE(isError(connection_.exchange(request(7), 1, 60'000)));
+  EXPECT_TRUE(isError(connection_.exchange(request(7), 1, 60s)));
   EXPECT_EQ(takes(), describe(notification(1)));
 }
 
@@ -234,7 +238,7 @@ TEST_F(ConnectionTest, ADatagramThatIsTooLongEndsIt) {
 TEST_F(ConnectionTest, ARequestThatIsTooLongIsRefusedHere) {
   message m = request(7);
   m.insert_string(2, std::string(maxDatagram, 'x'));
-  EXPECT_EQ(getError(connection_.exchange(m, 1, 60'000)), "message too long");
+  EXPECT_EQ(getError(connection_.exchange(m, 1, 60s)), "message too long");
   EXPECT_EQ(platformReceives(), "nothing");
   EXPECT_FALSE(connection_.ended());
 }
@@ -297,7 +301,7 @@ TEST_F(ConnectionTest, WhatWasNotSentInTimeTakesNoRoom) {
   whileRefused({SCMP_SYS(sendto)}, ENOBUFS, [&] {
     // More than 4 MiB together, which may not wait.
     for (int i = 0; i < 50; ++i) {
-      EXPECT_EQ(getError(connection_.exchange(large, 1, 0)), "no answer in time");
+      EXPECT_EQ(getError(connection_.exchange(large, 1, 0ms)), "no answer in time");
     }
   });
   EXPECT_FALSE(connection_.ended());
@@ -371,7 +375,7 @@ TEST_F(SlowPlatform, GetsEverythingInTheEnd) {
 // Promise: A request that still waits for room when its sender gives up is never sent.
 TEST_F(SlowPlatform, DoesNotGetARequestWhoseSenderHasGivenUp) {
   const int sent = fill();
-  EXPECT_EQ(getError(connection_.exchange(request(8), 1, 20)), "no answer in time");
+  EXPECT_EQ(getError(connection_.exchange(request(8), 1, 20ms)), "no answer in time");
   EXPECT_EQ(drain(), sent);
 }
 

@@ -15,6 +15,8 @@
 
 namespace {
 
+using namespace std::chrono_literals;
+
 int polls = 0;  // of this program
 
 }  // namespace
@@ -140,9 +142,9 @@ TEST_F(Listeners, ThatAcceptNothingAreDispatchedTenTimesASecond) {
   clientConnects();
   turns(50);
   EXPECT_EQ(calls().size(), 2U) << "at once the first time that nothing was accepted";
-  EXPECT_EQ(loop_.nextDue(), clock_.now() + 100);
+  EXPECT_EQ(loop_.nextDue(), clock_.now() + 100ms);
   for (int i = 0; i < 10; ++i) {
-    clock_.advance(100);
+    clock_.advance(100ms);
     turns(50);
   }
   EXPECT_EQ(calls().size(), 10U);
@@ -190,7 +192,7 @@ TEST_F(Listeners, AreAtFullSpeedAgainOnceTheyAccept) {
   turns(5);
   calls();
   p.then = [this, &p] { acceptOne(p); };
-  clock_.advance(100);
+  clock_.advance(100ms);
   turns(2);
   EXPECT_EQ(accepted_.size(), 1U);
   clientConnects();
@@ -212,7 +214,7 @@ TEST_F(Listeners, DoNotSpinWhenDescriptorsHaveRunOut) {
   turns(50);
   EXPECT_EQ(calls().size(), 2U);
   ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &usual), 0);
-  clock_.advance(100);
+  clock_.advance(100ms);
   turns(2);
   EXPECT_EQ(accepted_.size(), 1U);
 }
@@ -244,7 +246,7 @@ TEST_F(Peers, ThatAreGoneDoNotKeepTheLoopBusy) {
   turns(50);
   EXPECT_EQ(calls().size(), 2U);
   for (int i = 0; i < 10; ++i) {
-    clock_.advance(100);
+    clock_.advance(100ms);
     turns(50);
   }
   EXPECT_EQ(calls().size(), 10U);
@@ -266,7 +268,7 @@ TEST_F(Peers, ThatRestAreForgottenWithTheirWatch) {
   turns(5);
   removeSocket(pair_.ours.get());
   EXPECT_EQ(loop_.nextDue(), std::nullopt);
-  clock_.advance(100);
+  clock_.advance(100ms);
   calls();
   turns(5);
   EXPECT_EQ(calls(), Names{});
@@ -308,9 +310,9 @@ class ClosedDescriptors : public test::LoopTest {
  protected:
   /// Whether a turn waits as long as it may, which it cannot when the kernel reports something.
   bool isQuiet() {
-    loop_.turn(0);
+    loop_.turn(0ms);
     const auto start = std::chrono::steady_clock::now();
-    loop_.turn(30);
+    loop_.turn(30ms);
     return std::chrono::steady_clock::now() - start >= std::chrono::milliseconds(25);
   }
 
@@ -398,7 +400,7 @@ TEST_F(ClosedDescriptors, ThatSomebodyElseHoldsOpenDoNotKeepTheLoopBusy) {
   pair_.ours.reset();
   for (int i = 0; i < 10; ++i) {
     turns(10);
-    clock_.advance(100);
+    clock_.advance(100ms);
   }
   EXPECT_LE(calls().size(), 3U);
   EXPECT_TRUE(isQuiet());

@@ -15,6 +15,8 @@
 namespace lm {
 namespace {
 
+using namespace std::chrono_literals;
+
 using test::ManualClock;
 using test::SocketPair;
 
@@ -26,13 +28,13 @@ TEST_F(Timers, FireOnceAtTheirTimeInOrder) {
   timer("late", 30);
   timer("early", 10);
   timer("early too", 10);
-  clock_.advance(99);
+  clock_.advance(99ms);
   turn();
   EXPECT_EQ(calls(), Names{});
-  clock_.advance(1);
+  clock_.advance(1ms);
   turn();
   EXPECT_EQ(calls(), (Names{"early", "early too"}));
-  clock_.advance(100'000);
+  clock_.advance(100s);
   turns(2);
   EXPECT_EQ(calls(), Names{"late"});
 }
@@ -40,12 +42,12 @@ TEST_F(Timers, FireOnceAtTheirTimeInOrder) {
 // Promise: Starting a pending timer replaces its delay.
 TEST_F(Timers, AddingAPendingOneSetsItsDelayAnew) {
   Probe& p = timer("t", 10);
-  clock_.advance(90);
+  clock_.advance(90ms);
   startTimer(p, 10);
-  clock_.advance(90);
+  clock_.advance(90ms);
   turn();
   EXPECT_EQ(calls(), Names{});
-  clock_.advance(10);
+  clock_.advance(10ms);
   turn();
   EXPECT_EQ(calls(), Names{"t"});
 }
@@ -53,10 +55,10 @@ TEST_F(Timers, AddingAPendingOneSetsItsDelayAnew) {
 // Promise [timer-longest]: The longest delay, 4294967295 hundredths, does not wrap.
 TEST_F(Timers, TheLongestDelayDoesNotWrap) {
   timer("t", 0xFFFFFFFF);
-  clock_.advance(0xFFFFFFFFULL * 10 - 1);
+  clock_.advance(lumen::Centiseconds::max() - 1ms);
   turn();
   EXPECT_EQ(calls(), Names{});
-  clock_.advance(1);
+  clock_.advance(1ms);
   turn();
   EXPECT_EQ(calls(), Names{"t"});
 }
@@ -88,7 +90,7 @@ TEST_F(Timers, OneThatIsStartedByAWatchWaitsForTheNextTurn) {
 TEST_F(Timers, EndAWaitThatMayTakeLonger) {
   timer("t", 1);
   const auto start = std::chrono::steady_clock::now();
-  loop_.turn(10'000);
+  loop_.turn(10s);
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
 }
 
@@ -100,7 +102,7 @@ TEST_F(Timers, ThatFallDueWhileCallbacksRunWaitForALookAtTheDescriptors) {
   Probe& limit = timer("limit", 1000);
   watch("slow", slow.ours.get()).then = [&] {
     test::readAvailable(slow.ours.get());
-    clock_.advance(10'000);
+    clock_.advance(10s);
     test::writeText(quick.peer.get(), "request");
   };
   watch("quick", quick.ours.get()).then = [&] {
@@ -115,7 +117,7 @@ TEST_F(Timers, ThatFallDueWhileCallbacksRunWaitForALookAtTheDescriptors) {
 TEST_F(Timers, ThatFallDueWhileTimersRunWaitForALookAtTheDescriptors) {
   const SocketPair quick(SOCK_STREAM);
   timer("slow", 0).then = [&] {
-    clock_.advance(10'000);
+    clock_.advance(10s);
     test::writeText(quick.peer.get(), "request");
   };
   timer("limit", 1000);
@@ -126,7 +128,7 @@ TEST_F(Timers, ThatFallDueWhileTimersRunWaitForALookAtTheDescriptors) {
 
 /// Time passes when it is read for the second time, as it does for a process that was stopped.
 struct StoppedClock : ManualClock {
-  [[nodiscard]] uint64_t now() const override {
+  [[nodiscard]] Time now() const override {
     if (++reads == 2 && then) then();
     return ManualClock::now();
   }
@@ -151,10 +153,10 @@ TEST(StoppedProcess, LooksAtTheDescriptorsBeforeTheTimersThatFellDueMeanwhile) {
   clock.reads = 0;
   clock.then = [&] {
     test::writeText(pair.peer.get(), "x");
-    clock.advance(10'000);
+    clock.advance(10s);
   };
-  loop.turn(0);
-  loop.turn(0);
+  loop.turn(0ms);
+  loop.turn(0ms);
   EXPECT_FALSE(owner.timer.pending());
   EXPECT_FALSE(owner.late);
 }
@@ -181,7 +183,7 @@ TEST_F(Timers, ACallbackMayDestroyItsOwnerAndOthersThatAreDue) {
   first->timer.start<&Owner::due>(*first, 1);
   second->timer.start<&Owner::due>(*second, 1);
   third->timer.start<&Owner::due>(*third, 1);
-  clock_.advance(10);
+  clock_.advance(10ms);
   turn();
   EXPECT_EQ(fired, 2);
   EXPECT_FALSE(second);
@@ -209,8 +211,8 @@ TEST_F(Timers, AWaitEndsWhenTheNextOneIsDue) {
   const auto start = std::chrono::steady_clock::now();
   loop_.turn(std::nullopt);  // the clock that the test moves stands still meanwhile
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(25));
-  EXPECT_EQ(loop_.nextDue(), clock_.now() + 30);
-  clock_.advance(30);
+  EXPECT_EQ(loop_.nextDue(), clock_.now() + 30ms);
+  clock_.advance(30ms);
   turn();
   EXPECT_EQ(calls(), Names{"t"});
 }

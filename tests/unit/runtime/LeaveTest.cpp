@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <functional>
 
 #include "platform/Handler.h"
@@ -11,6 +12,8 @@
 
 namespace lm {
 namespace {
+
+using namespace std::chrono_literals;
 
 constexpr uint32_t registerServices = 0x10;
 constexpr uint32_t unregisterServices = 0x13;
@@ -59,10 +62,10 @@ class Leave : public testing::Test {
 // passed, and unregisters before.
 TEST_F(Leave, ComesAfterItsDelayAndUnregisters) {
   looper_.setupLeave(1000);
-  platform_.advance(99);
+  platform_.advance(990ms);
   EXPECT_FALSE(platform_.stopped());
   EXPECT_EQ(sentCommands(), Commands{});
-  platform_.advance(1);
+  platform_.advance(10ms);
   EXPECT_TRUE(platform_.stopped());
   ASSERT_EQ(sentCommands(), Commands{unregisterServices});
   EXPECT_EQ(test::describe(test::contentOf(platform_.sent()[0])), "{u32[] 0x1=[40]}");
@@ -72,9 +75,9 @@ TEST_F(Leave, ComesAfterItsDelayAndUnregisters) {
 // Also proves [leave-off].
 TEST_F(Leave, IsCalledOffByADelayOfZero) {
   looper_.setupLeave(1000);
-  platform_.advance(99);
+  platform_.advance(990ms);
   looper_.setupLeave(0);
-  platform_.advance(100'000);
+  platform_.advance(1000s);
   EXPECT_FALSE(platform_.stopped());
   EXPECT_EQ(sentCommands(), Commands{});
 }
@@ -82,11 +85,11 @@ TEST_F(Leave, IsCalledOffByADelayOfZero) {
 // Promise [leave-off]: Another leave delay postpones the leave, a delay of 0 cancels it.
 TEST_F(Leave, IsPutOffByANewDelay) {
   looper_.setupLeave(1000);
-  platform_.advance(99);
+  platform_.advance(990ms);
   looper_.setupLeave(1000);
-  platform_.advance(99);
+  platform_.advance(990ms);
   EXPECT_FALSE(platform_.stopped());
-  platform_.advance(1);
+  platform_.advance(10ms);
   EXPECT_TRUE(platform_.stopped());
 }
 
@@ -95,7 +98,7 @@ TEST_F(Leave, IsPutOffByANewDelay) {
 TEST_F(Leave, AnswersWhatArrivedBeforeTheUnregistrationDid) {
   requestCrossesTheUnregistration();
   looper_.setupLeave(1000);
-  platform_.advance(100);
+  platform_.advance(1s);
   EXPECT_TRUE(platform_.stopped());
   EXPECT_EQ(daemon_.commands, Commands{77});
   EXPECT_TRUE(platform_.replyTo(serial_));
@@ -108,7 +111,7 @@ TEST_F(Leave, StaysAndRegistersAgainWhenSuchARequestCallsItOff) {
   requestCrossesTheUnregistration();
   daemon_.then = [this] { looper_.setupLeave(0); };
   looper_.setupLeave(1000);
-  platform_.advance(100'000);
+  platform_.advance(1000s);
   EXPECT_FALSE(platform_.stopped());
   EXPECT_EQ(sentCommands(), (Commands{unregisterServices, registerServices}));
   EXPECT_TRUE(platform_.replyTo(serial_));
@@ -118,10 +121,10 @@ TEST_F(Leave, ThatSuchARequestPutsOffComesLater) {
   requestCrossesTheUnregistration();
   daemon_.then = [this] { looper_.setupLeave(500); };
   looper_.setupLeave(1000);
-  platform_.advance(100);
+  platform_.advance(1s);
   EXPECT_FALSE(platform_.stopped());
   daemon_.then = nullptr;
-  platform_.advance(50);
+  platform_.advance(500ms);
   EXPECT_TRUE(platform_.stopped());
   EXPECT_EQ(sentCommands(), (Commands{unregisterServices, registerServices, unregisterServices}));
 }
@@ -132,9 +135,9 @@ TEST_F(Leave, DoesNotTakeWhatArrivedAfterTheAnswer) {
     return message();
   });
   looper_.setupLeave(1000);
-  platform_.advance(99);
+  platform_.advance(990ms);
   daemon_.then = [this] { platform_.postRequest(0, 78); };
-  platform_.advance(1);
+  platform_.advance(10ms);
   EXPECT_TRUE(platform_.stopped());
   EXPECT_EQ(daemon_.commands, Commands{77});
 }
@@ -145,7 +148,7 @@ TEST_F(Leave, HappensEvenIfThePlatformDoesNotAnswer) {
   platform_.ignore({0}, unregisterServices);
   looper_.setupLeave(1000);
   const test::LogCapture log;
-  platform_.advance(100);
+  platform_.advance(1s);
   EXPECT_EQ(log.text(), "platform: service 40: no answer in time\n");
   EXPECT_TRUE(platform_.stopped());
 }
@@ -153,7 +156,7 @@ TEST_F(Leave, HappensEvenIfThePlatformDoesNotAnswer) {
 // Promise: Exchanges still work after the loop.
 TEST_F(Leave, LetsExchangesGoOnAfterwards) {
   looper_.setupLeave(1000);
-  platform_.advance(100);
+  platform_.advance(1s);
   looper_.run();
   platform_.answer({20, 5}, cmd::removeObject, message());
   message request;
@@ -166,7 +169,7 @@ TEST(LeaveWithoutHandlers, SendsNothing) {
   test::TestPlatform platform;
   Looper looper(platform.makeRuntime());
   looper.setupLeave(1);
-  platform.advance(1);
+  platform.advance(10ms);
   EXPECT_TRUE(platform.stopped());
   EXPECT_TRUE(platform.sent().empty());
 }

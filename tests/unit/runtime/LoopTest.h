@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -60,7 +61,7 @@ class LoopTest : public testing::Test {
     return p;
   }
 
-  void turn() { loop_.turn(0); }
+  void turn() { loop_.turn(std::chrono::milliseconds(0)); }
   void turns(int count) {
     while (count-- > 0) turn();
   }

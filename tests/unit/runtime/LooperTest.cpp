@@ -23,6 +23,8 @@
 namespace lm {
 namespace {
 
+using namespace std::chrono_literals;
+
 using test::contentOf;
 using test::describe;
 using test::TestPlatform;
@@ -154,23 +156,23 @@ TEST_F(LooperTest, NothingIsDispatchedFromInsideAnExchange) {
 }
 
 TEST_F(LooperTest, TheClockMovesToTheReplyThatAnExchangeWaitsFor) {
-  const uint64_t start = platform_.clock().now();
+  const auto start = platform_.clock().now();
   platform_.answer({20, 5}, 1, number(1));
-  platform_.delay({20, 5}, 1, 250);
+  platform_.delay({20, 5}, 1, 250ms);
   EXPECT_FALSE(isError(service_.exchangeCmd(requestTo({20, 5}), 1, 6000)));
-  EXPECT_EQ(platform_.clock().now() - start, 250U);
+  EXPECT_EQ(platform_.clock().now() - start, 250ms);
 }
 
 // Also proves [exchange-limit], [exchange-late].
 TEST_F(LooperTest, AnExchangeGivesUpAtItsLimitAndDropsTheReplyThatComesLater) {
-  const uint64_t start = platform_.clock().now();
+  const auto start = platform_.clock().now();
   platform_.answer({20, 5}, 1, number(1));
-  platform_.delay({20, 5}, 1, 7000);
+  platform_.delay({20, 5}, 1, 7s);
   EXPECT_EQ(getError(service_.exchangeCmd(requestTo({20, 5}), 1, 6000)), "no answer in time");
-  EXPECT_EQ(platform_.clock().now() - start, 6000U);
-  platform_.delay({20, 5}, 1, 0);
+  EXPECT_EQ(platform_.clock().now() - start, 6s);
+  platform_.delay({20, 5}, 1, 0ms);
   platform_.answer({20, 5}, 1, number(2));
-  platform_.advance(200);
+  platform_.advance(2s);
   EXPECT_EQ(service_.exchangeCmd(requestTo({20, 5}), 1, 6000).get_u32(1), 2U);
 }
 
@@ -240,7 +242,7 @@ TEST_F(LooperTest, ASubscriberMayEndTheOthersWhileANotificationIsDispatched) {
 }
 
 TEST_F(LooperTest, SubscribingDoesNotWaitForTheBroker) {
-  const uint64_t start = platform_.clock().now();
+  const auto start = platform_.clock().now();
   platform_.ignore({0}, 0x11);
   service_.subscribe(1, {20, 1});
   platform_.refuse({0}, 0x11, "not permitted");
@@ -320,15 +322,15 @@ TEST_F(LooperTest, TimersComeDueInOrderWhileTheClockMoves) {
       timer.start<&Beat::due>(*this, 100);
     }
     TestPlatform* platform;
-    std::vector<uint64_t> times;
+    std::vector<Clock::Time> times;
     Timer timer;
   };
   Beat beat{&platform_, {}, {}};
-  const uint64_t start = platform_.clock().now();
+  const auto start = platform_.clock().now();
   beat.timer.start<&Beat::due>(beat, 100);
-  platform_.advance(350);
-  EXPECT_EQ(beat.times, (std::vector<uint64_t>{start + 1000, start + 2000, start + 3000}));
-  EXPECT_EQ(platform_.clock().now(), start + 3500);
+  platform_.advance(3500ms);
+  EXPECT_EQ(beat.times, (std::vector<Clock::Time>{start + 1s, start + 2s, start + 3s}));
+  EXPECT_EQ(platform_.clock().now(), start + 3500ms);
 }
 
 // Promise: A program has one looper and one loop, which are found from anywhere in it.
@@ -342,12 +344,12 @@ TEST(LooperAlone, IsTheProcessesLooper) {
 // Also proves [register-wait].
 TEST(Registration, MayTakeSixSeconds) {
   TestPlatform platform;
-  platform.delay({0}, 0x10, 5999);
-  const uint64_t start = platform.clock().now();
+  platform.delay({0}, 0x10, 5999ms);
+  const auto start = platform.clock().now();
   Looper looper(platform.makeRuntime());
   Service service;
   looper.addHandler(0, service);
-  EXPECT_EQ(platform.clock().now() - start, 5999U);
+  EXPECT_EQ(platform.clock().now() - start, 5999ms);
 }
 
 using RegistrationDeathTest = testing::Test;
@@ -363,7 +365,7 @@ void registersAt(TestPlatform& platform) {
 // with 1: `platform: service 40: no answer in time`.
 TEST(RegistrationDeathTest, EndsTheProgramWhenItIsNotAnsweredInTime) {
   TestPlatform platform;
-  platform.delay({0}, 0x10, 6001);
+  platform.delay({0}, 0x10, 6001ms);
   EXPECT_EXIT(registersAt(platform), testing::ExitedWithCode(1),
               "platform: service 40: no answer in time");
 }
@@ -421,7 +423,7 @@ class RealRuntime : public testing::Test {
 TEST_F(RealRuntime, EndsOnSigtermAndSigint) {
   platformListens();
   for (int signal : {SIGTERM, SIGINT}) {
-    Looper looper(Runtime::connect(path(), 5000));
+    Looper looper(Runtime::connect(path(), 5s));
     raise(signal);
     looper.run();
     EXPECT_TRUE(looper.runtime().stopped());
@@ -431,14 +433,14 @@ TEST_F(RealRuntime, EndsOnSigtermAndSigint) {
 // Promise: SIGPIPE ends neither a service nor lumend.
 TEST_F(RealRuntime, IgnoresSigpipe) {
   platformListens();
-  Looper looper(Runtime::connect(path(), 5000));
+  Looper looper(Runtime::connect(path(), 5s));
   raise(SIGPIPE);
 }
 
 // Promise: A program leaves its loop when the platform's connection ends.
 TEST_F(RealRuntime, EndsWhenThePlatformDoes) {
   platformListens();
-  Looper looper(Runtime::connect(path(), 5000));
+  Looper looper(Runtime::connect(path(), 5s));
   listener_.reset();
   looper.run();
 }
@@ -455,7 +457,7 @@ TEST_F(RealRuntime, WaitsForThePlatformToListen) {
     const Fd client(accept(listener_.get(), nullptr, nullptr));
     _exit(client.valid() ? 0 : 1);
   }
-  Looper looper(Runtime::connect(path(), 5000));
+  Looper looper(Runtime::connect(path(), 5s));
   looper.run();
   int status = -1;
   EXPECT_EQ(waitpid(child, &status, 0), child);
@@ -507,7 +509,7 @@ TEST_F(RealRuntimeDeathTest, EndsTheProgramWhenThePlatformDoesNotComeUp) {
   EXPECT_EXIT(
       {
         showLog();
-        (void)Runtime::connect(path(), 60);
+        (void)Runtime::connect(path(), 60ms);
       },
       testing::ExitedWithCode(1), "platform: .*lumen.sock: No such file or directory");
 }

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <optional>
 #include <string>
 #include <utility>
@@ -14,6 +15,8 @@
 
 namespace lm {
 namespace {
+
+using namespace std::chrono_literals;
 
 constexpr uint32_t wait = 7;
 constexpr uint32_t answerAtOnce = 8;
@@ -63,7 +66,7 @@ class PendingReplyTest : public testing::Test {
 // Promise [answer-later]: A handler may answer a request later, once, in any order.
 TEST_F(PendingReplyTest, GoesOutWhenItIsSent) {
   const uint32_t asked = ask(wait);
-  platform_.advance(1000);
+  platform_.advance(10s);
   EXPECT_EQ(answerTo(asked), "none");
   service_->waiting[0].send(number(5));
   EXPECT_EQ(answerTo(asked), "{u32 0x1=5}");
@@ -133,7 +136,7 @@ TEST_F(PendingReplyTest, OfANotificationGoesToNobody) {
 TEST_F(PendingReplyTest, StillGoesOutWhenTheProgramHasLeftItsLoop) {
   const uint32_t asked = ask(wait);
   looper_.setupLeave(1000);
-  platform_.advance(100);
+  platform_.advance(1s);
   ASSERT_TRUE(platform_.stopped());
   EXPECT_EQ(answerTo(asked), "none");
   service_.reset();

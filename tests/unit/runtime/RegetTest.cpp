@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
+
 #include "platform/Keys.h"
 #include "platform/Looper.h"
 #include "platform/Reget.h"
@@ -8,6 +10,8 @@
 
 namespace lm {
 namespace {
+
+using namespace std::chrono_literals;
 
 class WholeTable : public testing::Test {
  protected:
@@ -123,7 +127,7 @@ TEST_F(WholeTable, EndsWithAnErrorWhenTheCursorFalls) {
 // Promise: The time limit of a reading counts for each page.
 TEST_F(WholeTable, GivesEachPageItsTime) {
   platform_.serveTable({20, 0}, cmd::list, table(130));
-  platform_.delay({20, 0}, cmd::list, 900);
+  platform_.delay({20, 0}, cmd::list, 900ms);
   Reget patient(looper_, request(), 1000);
   EXPECT_EQ(readAllOf(patient).size(), 130U);
   Reget hasty(looper_, request(), 800);

@@ -1,7 +1,7 @@
 #pragma once
 
 #include <algorithm>
-#include <cstdint>
+#include <chrono>
 
 #include "lumen/runtime/Clock.h"
 
@@ -10,23 +10,20 @@ namespace lm::test {
 /// A clock that stands still unless a test moves it.
 class ManualClock : public Clock {
  public:
-  [[nodiscard]] uint64_t now() const override { return now_; }
+  [[nodiscard]] Time now() const override { return now_; }
 
   /// To a time that has passed already it does not move.
-  void moveTo(uint64_t time) {
-    if (time > now_) now_ = time;
-  }
-  void advance(uint64_t milliseconds) { now_ += milliseconds; }
+  void moveTo(Time time) { now_ = std::max(now_, time); }
+  void advance(std::chrono::milliseconds time) { now_ += time; }
   /// In steps of a tenth of a second, as a busy loop sees it; `turn` is called after each.
   template <typename Turn>
-  void advanceInSteps(uint64_t milliseconds, Turn turn) {
-    for (const uint64_t end = now_ + milliseconds; now_ < end; turn()) {
-      advance(std::min<uint64_t>(100, end - now_));
-    }
+  void advanceInSteps(std::chrono::milliseconds time, Turn turn) {
+    constexpr std::chrono::milliseconds step(100);
+    for (const Time end = now_ + time; now_ < end; turn()) advance(std::min(step, end - now_));
   }
 
  private:
-  uint64_t now_ = 1'000'000;  // a router that has been up for a while
+  Time now_{std::chrono::seconds(1000)};  // a router that has been up for a while
 };
 
 }  // namespace lm::test

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <iostream>
 
@@ -15,6 +16,9 @@
 #include "platform/Looper.h"
 
 namespace lm::test {
+
+using namespace std::chrono_literals;
+
 namespace {
 
 message decoded(std::string_view datagram) {
@@ -54,8 +58,8 @@ class TestPlatform::Wire : public Transport {
     return Status::done;
   }
 
-  void wait(uint64_t limit, bool) override {
-    uint64_t until = platform_.clock_.now() + limit;
+  void wait(std::chrono::milliseconds limit, bool) override {
+    Clock::Time until = platform_.clock_.now() + limit;
     if (!platform_.inbox_.empty()) until = std::min(until, platform_.inbox_.begin()->first);
     platform_.clock_.moveTo(until);
   }
@@ -97,8 +101,8 @@ void TestPlatform::serveTable(const Path& path, uint32_t command,
 
 void TestPlatform::ignore(const Path& path, uint32_t command) { onRequest(path, command, {}); }
 
-void TestPlatform::delay(const Path& path, uint32_t command, uint64_t milliseconds) {
-  reactionTo(path, command).delay = milliseconds;
+void TestPlatform::delay(const Path& path, uint32_t command, std::chrono::milliseconds time) {
+  reactionTo(path, command).delay = time;
 }
 
 void TestPlatform::endConnection() {
@@ -167,26 +171,27 @@ void TestPlatform::turn() {
   if (!runtime_) return;
   do {
     wake();
-    runtime_->turn(0);
+    runtime_->turn(0ms);
   } while (runtime_ && !runtime_->stopped() &&
            (runtime_->busy() || (!inbox_.empty() && inbox_.begin()->first <= clock_.now())));
 }
 
-bool TestPlatform::turnUntil(const std::function<bool()>& condition, uint64_t limit) {
+bool TestPlatform::turnUntil(const std::function<bool()>& condition,
+                             std::chrono::milliseconds limit) {
   const SystemClock real;
-  const uint64_t deadline = real.now() + limit;
+  const Clock::Time deadline = real.now() + limit;
   while (!condition()) {
     if (!runtime_ || real.now() >= deadline) return false;
     wake();
-    runtime_->turn(10);
+    runtime_->turn(10ms);
   }
   return true;
 }
 
-void TestPlatform::advance(uint64_t hundredths) {
-  const uint64_t target = clock_.now() + hundredths * 10;
+void TestPlatform::advance(std::chrono::milliseconds time) {
+  const Clock::Time target = clock_.now() + time;
   while (runtime_) {
-    uint64_t next = runtime_->loop().nextDue().value_or(target);
+    Clock::Time next = runtime_->loop().nextDue().value_or(target);
     if (!inbox_.empty()) next = std::min(next, inbox_.begin()->first);
     clock_.moveTo(std::min(next, target));
     turn();
@@ -213,7 +218,7 @@ void TestPlatform::received(const message& m) {
   deliver(clock_.now() + reaction.delay, reply);
 }
 
-void TestPlatform::deliver(uint64_t time, const message& m) {
+void TestPlatform::deliver(Clock::Time time, const message& m) {
   inbox_.emplace(time, encode(m));
   wake();
 }
@@ -229,7 +234,7 @@ TestPlatform::Reaction& TestPlatform::reactionTo(const Path& path, uint32_t comm
   Reaction unscripted{[isBroker](const message&) {
                         return isBroker ? message() : errorMsg(errorRefused, "no such service");
                       },
-                      0};
+                      0ms};
   return reactions_.try_emplace({path, command}, std::move(unscripted)).first->second;
 }
 

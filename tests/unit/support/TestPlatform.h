@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -26,7 +27,7 @@ using Path = std::vector<uint32_t>;
 ///     Looper looper(platform.makeRuntime());
 ///     Gateway gateway;
 ///     looper.addHandler(0, gateway);
-///     platform.advance(100);
+///     platform.advance(1s);
 ///     EXPECT_EQ(platform.sentTo({20, 5}, cmd::addObject).size(), 1U);
 ///
 /// The broker, path [0], accepts everything unless told otherwise; any other request that has no
@@ -55,8 +56,8 @@ class TestPlatform {
   void serveTable(const Path& path, uint32_t command, std::map<uint32_t, message> records);
   /// No reply at all.
   void ignore(const Path& path, uint32_t command);
-  /// From now on replies to it come this many milliseconds later.
-  void delay(const Path& path, uint32_t command, uint64_t milliseconds);
+  /// From now on replies to it come so much later.
+  void delay(const Path& path, uint32_t command, std::chrono::milliseconds time);
   /// The connection is over, after what the program has not received yet.
   void endConnection();
   /// Bytes that need not be a message.
@@ -91,11 +92,12 @@ class TestPlatform {
   [[nodiscard]] ManualClock& clock() { return clock_; }
   /// Dispatches what is ready now: descriptors, due timers, messages.
   void turn();
-  /// Turns until `condition` holds; waits for descriptors up to `limit` milliseconds of real time
-  /// in all. False when it does not come to hold.
-  [[nodiscard]] bool turnUntil(const std::function<bool()>& condition, uint64_t limit = 5000);
+  /// Turns until `condition` holds; waits for descriptors up to `limit` of real time in all. False
+  /// when it does not come to hold.
+  [[nodiscard]] bool turnUntil(const std::function<bool()>& condition,
+                               std::chrono::milliseconds limit = std::chrono::seconds(5));
   /// Moves the clock on. Timers run at the times when they come due, in order.
-  void advance(uint64_t hundredths);
+  void advance(std::chrono::milliseconds time);
   /// Whether the looper's `run` would return.
   [[nodiscard]] bool stopped() const;
 
@@ -103,17 +105,17 @@ class TestPlatform {
   class Wire;
   struct Reaction {
     Script script;  // empty: never answers
-    uint64_t delay = 0;
+    std::chrono::milliseconds delay{0};
   };
 
   void received(const message& m);
-  void deliver(uint64_t time, const message& m);
+  void deliver(Clock::Time time, const message& m);
   void wake();
   [[nodiscard]] Reaction& reactionTo(const Path& path, uint32_t command);
 
   ManualClock clock_;
-  Fd event_;                                    // readable when something is there for the program
-  std::multimap<uint64_t, std::string> inbox_;  // datagrams to the program by time of arrival
+  Fd event_;  // readable when something is there for the program
+  std::multimap<Clock::Time, std::string> inbox_;  // datagrams to the program by time of arrival
   bool ended_ = false;
   std::map<std::pair<Path, uint32_t>, Reaction> reactions_;
   std::vector<message> sent_;

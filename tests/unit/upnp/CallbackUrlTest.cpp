@@ -1,6 +1,7 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <string>
 
 #include "net/Address.h"
@@ -12,6 +13,8 @@
 #include "upnp/CallbackUrl.h"
 
 namespace {
+
+using namespace std::chrono_literals;
 
 constexpr uint32_t resolve = 3;
 
@@ -150,9 +153,9 @@ TEST_F(CallbackUrl, UsesTheAddressThatComesWithAnErrorOfTheResolver) {
 // Promise [subscribe-name-time]: The daemon waits for the resolver for six seconds at most.
 TEST_F(CallbackUrl, WaitsSixSecondsForTheResolver) {
   platform.ignore({14}, resolve);
-  const uint64_t before = platform.clock().now();
+  const auto before = platform.clock().now();
   EXPECT_FALSE(parse("http://nowhere.lan/x"));
-  EXPECT_EQ(platform.clock().now() - before, 6000U);
+  EXPECT_EQ(platform.clock().now() - before, 6s);
 }
 
 // Promise: `255.255.255.255` is looked up like a name.

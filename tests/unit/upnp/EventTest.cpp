@@ -19,7 +19,8 @@
 
 namespace {
 
-constexpr uint64_t second = 100;  // in hundredths
+using namespace std::chrono_literals;
+
 constexpr const char* emptySet =
     "<e:propertyset xmlns:e=\"urn:schemas-upnp-org:event-1-0\"></e:propertyset>\r\n";
 
@@ -88,9 +89,9 @@ TEST_F(Events, AreConnectedAtOnceButWrittenAfterTheAnswerHasSettled) {
   Subscriber subscriber(platform);
   subscribe(subscriber);
   ASSERT_TRUE(subscriber.accept());
-  platform.advance(Subscription::initialEventDelay - 1);
+  platform.advance(initialDelay - 10ms);
   EXPECT_EQ(lm::test::readAvailable(subscriber.connection.get()), "");
-  platform.advance(1);
+  platform.advance(10ms);
   EXPECT_NE(subscriber.receive(), "");
 }
 
@@ -219,7 +220,7 @@ TEST_F(Events, EndWithTheSubscribersReply) {
   takeInitialEvent(subscriber);
   subscriber.answer();
   EXPECT_TRUE(subscriber.closedByService());
-  platform.advance(30 * second);
+  platform.advance(30s);
   EXPECT_EQ(linesOf("notify timeout"), 0);
   EXPECT_EQ(log.text().find("bad notify reply"), std::string::npos);
 }
@@ -252,9 +253,9 @@ TEST_F(Events, JudgeTheReplyByItsFirstPiece) {
 TEST_F(Events, AreGivenUpWhenNobodyAnswersForThirtySeconds) {
   Subscriber subscriber(platform);
   takeInitialEvent(subscriber);
-  platform.advance(30 * second - Subscription::initialEventDelay - 1);
+  platform.advance(30s - initialDelay - 10ms);
   EXPECT_EQ(linesOf("notify timeout"), 0);
-  platform.advance(1);
+  platform.advance(10ms);
   EXPECT_EQ(linesOf("notify timeout"), 1);
   EXPECT_TRUE(subscriber.closedByService());
   lamp->setVar("Colour", "blue");
@@ -271,9 +272,9 @@ TEST_F(Events, AreGivenUpWhenTheConnectionIsNotMadeInThirtySeconds) {
   request.addField("NT", "upnp:event");
   request.addField("CALLBACK", "<http://127.0.0.1:" + std::to_string(full.port) + "/e>");
   const std::string sid = lamp->subscribe(request).getField("SID");
-  platform.advance(30 * second - 1);
+  platform.advance(30s - 10ms);
   EXPECT_EQ(linesOf("notify timeout"), 0);
-  platform.advance(1);
+  platform.advance(10ms);
   EXPECT_EQ(linesOf("notify timeout"), 1);
   EXPECT_EQ(linesOf("notify: Colour = 'red'"), 0) << "nothing was written";
   EXPECT_EQ(renew(sid).startLine, "HTTP/1.1 200 OK");
@@ -283,7 +284,7 @@ TEST_F(Events, HearAReplyThatArrivedWhileACallbackTookThirtySeconds) {
   struct Busy {
     void ready(int fd) {
       lm::test::readAvailable(fd);
-      platform.clock().advance(30'000);
+      platform.clock().advance(30s);
       subscriber.answer();
     }
     lm::test::TestPlatform& platform;
@@ -309,15 +310,15 @@ TEST_F(Events, ReportASubscriberThatClosesUnansweredAgainAndAgainUntilTheirTimeI
   subscriber.connection.reset();
   ASSERT_TRUE(platform.turnUntil([&] { return linesOf("notify reply read failed") >= 2; }));
   for (int i = 0; i < 10; ++i) {
-    platform.advance(10);
+    platform.advance(100ms);
     platform.turn();
   }
   EXPECT_GE(linesOf("notify reply read failed"), 10);
   EXPECT_LE(linesOf("notify reply read failed"), 13);
-  platform.advance(30 * second);
+  platform.advance(30s);
   EXPECT_EQ(linesOf("notify timeout"), 1);
   const int reported = linesOf("notify reply read failed");
-  platform.advance(10 * second);
+  platform.advance(10s);
   platform.turn();
   EXPECT_EQ(linesOf("notify reply read failed"), reported);
 }
@@ -472,7 +473,7 @@ TEST_F(Events, InFlightEndWithTheirService) {
   ASSERT_TRUE(subscriber.accept());
   lamp.reset();
   EXPECT_TRUE(subscriber.closedByService());
-  platform.advance(30 * second);
+  platform.advance(30s);
   EXPECT_EQ(linesOf("notify timeout"), 0);
 }
 

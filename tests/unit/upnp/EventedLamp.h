@@ -2,9 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <optional>
 #include <string>
 
+#include "lumen/runtime/Time.h"
 #include "platform/Looper.h"
 #include "support/LogCapture.h"
 #include "support/PrivateNetwork.h"
@@ -57,7 +59,10 @@ class LampEvents : public testing::Test {
     request.addField("SID", sid);
     return lamp->unsubscribe(request);
   }
-  void passInitialDelay() { platform.advance(Subscription::initialEventDelay); }
+  static constexpr std::chrono::milliseconds initialDelay =
+      lumen::Centiseconds(Subscription::initialEventDelay);
+
+  void passInitialDelay() { platform.advance(initialDelay); }
   [[nodiscard]] int linesOf(const std::string& line) {
     const std::string text = log.text();
     int count = 0;

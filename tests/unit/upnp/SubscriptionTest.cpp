@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
@@ -10,8 +11,9 @@
 
 namespace {
 
+using namespace std::chrono_literals;
+
 constexpr const char* refused412 = "HTTP/1.1 412 Precondition Failed\r\n\r\n";
-constexpr uint64_t second = 100;  // in hundredths
 
 using Subscriptions = LampEvents;
 
@@ -218,9 +220,9 @@ TEST_F(Subscriptions, AreNewWhenTheRequestHasBothNtAndSid) {
 TEST_F(Subscriptions, EndAfterTheGrantedTime) {
   for (const uint32_t time : {1800U, 86400U}) {
     const std::string sid = subscribe(Subscriber(platform), "Second-" + std::to_string(time));
-    platform.advance(time * second - 1);
+    platform.advance(std::chrono::seconds(time) - 10ms);
     EXPECT_EQ(linesOf("subscription timeout: " + sid), 0);
-    platform.advance(1);
+    platform.advance(10ms);
     EXPECT_EQ(linesOf("subscription timeout: " + sid), 1);
     EXPECT_EQ(renew(sid).get(), refused412);
     EXPECT_EQ(unsubscribe(sid).get(), refused412);
@@ -230,11 +232,11 @@ TEST_F(Subscriptions, EndAfterTheGrantedTime) {
 // Also proves [renewal].
 TEST_F(Subscriptions, LiveAnewFromTheirRenewalOn) {
   const std::string sid = subscribe(Subscriber(platform));
-  platform.advance(1799 * second);
+  platform.advance(1799s);
   renew(sid, "Second-3600");
-  platform.advance(3600 * second - 1);
+  platform.advance(3600s - 10ms);
   EXPECT_EQ(linesOf("subscription timeout: " + sid), 0);
-  platform.advance(1);
+  platform.advance(10ms);
   EXPECT_EQ(linesOf("subscription timeout: " + sid), 1);
 }
 
@@ -250,7 +252,7 @@ TEST_F(Subscriptions, EndWhenUnsubscribed) {
   EXPECT_EQ(linesOf("unsubscribe"), 1);
   lamp->setVar("Colour", "blue");
   EXPECT_TRUE(subscriber.hearsNothing());
-  platform.advance(1800 * second);
+  platform.advance(1800s);
   EXPECT_EQ(linesOf("subscription timeout: " + sid), 0);
 }
 
@@ -261,14 +263,14 @@ TEST_F(Subscriptions, EndTogetherWhenFlushed) {
   lamp->flushSubscriptions();
   EXPECT_EQ(renew(one).get(), refused412);
   EXPECT_EQ(renew(other).get(), refused412);
-  platform.advance(1800 * second);
+  platform.advance(1800s);
   EXPECT_EQ(log.text().find("subscription timeout"), std::string::npos);
 }
 
 TEST_F(Subscriptions, EndWithTheirService) {
   const std::string sid = subscribe(Subscriber(platform));
   lamp.reset();
-  platform.advance(86400 * second);
+  platform.advance(86400s);
   EXPECT_EQ(linesOf("subscription timeout: " + sid), 0);
 }
 

@@ -7,12 +7,14 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <iterator>
 #include <string>
 #include <utility>
 
 #include "lumen/runtime/Log.h"
+#include "lumen/runtime/Time.h"
 #include "lumen/services/system/netlink/NetlinkRoute.h"
 #include "lumen/services/system/netlink/TableReading.h"
 
@@ -22,7 +24,7 @@ namespace {
 // A table that changes while it is read is read again at once, up to this often, then after a
 // pause that lets the other work of the loop go on.
 constexpr int tries = 10;
-constexpr uint32_t pause = 10;  // hundredths of a second
+constexpr std::chrono::milliseconds pause(100);
 
 // More come from a routing daemon, which puts them back itself.
 constexpr size_t maxRoutes = 4096;  // of one family
@@ -106,7 +108,7 @@ void NetlinkLinks::readTables() {
   for (int i = 0; i < tries && answer == Answer::interrupted; ++i) answer = tryReadTables(all);
   if (answer != Answer::complete) {
     lm::logLine("interfaces: could not read the kernel's tables, trying again");
-    retry_.start<&NetlinkLinks::readTables>(*this, pause);
+    retry_.start<&NetlinkLinks::readTables>(*this, timerDelay(pause));
     return;
   }
   watch_.start<&NetlinkLinks::readChanges>(changes_.fd(), *this, lm::watchRead);

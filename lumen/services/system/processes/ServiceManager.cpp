@@ -6,15 +6,15 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <limits>
+#include <ratio>
 #include <utility>
 
 namespace lumen {
 
 namespace {
-
-constexpr uint64_t microsecondsInAHundredth = 10000;
 
 std::string variable(const char* name) {
   const char* const value = getenv(name);
@@ -22,16 +22,20 @@ std::string variable(const char* name) {
 }
 
 // The watchdog may be meant for another process of the same service.
-uint64_t watchdogOfThisProcess() {
+std::chrono::microseconds watchdogOfThisProcess() {
   const std::string process = variable("WATCHDOG_PID");
-  if (!process.empty() && process != std::to_string(getpid())) return 0;
-  return strtoull(variable("WATCHDOG_USEC").c_str(), nullptr, 10);
+  if (!process.empty() && process != std::to_string(getpid())) return {};
+  constexpr auto longest = static_cast<uint64_t>(std::chrono::microseconds::max().count());
+  const uint64_t given = strtoull(variable("WATCHDOG_USEC").c_str(), nullptr, 10);
+  return std::chrono::microseconds(std::min<uint64_t>(given, longest));
 }
 
-uint32_t hundredths(uint64_t microseconds) {
-  constexpr uint64_t longest = std::numeric_limits<uint32_t>::max();
-  return static_cast<uint32_t>(
-      std::min(longest, std::max<uint64_t>(1, microseconds / microsecondsInAHundredth)));
+// Rounded down to what a timer can wait, so that two signs of life fit into `watchdog`.
+Centiseconds halfOf(std::chrono::microseconds watchdog) {
+  if (watchdog == watchdog.zero()) return {};
+  const auto half = std::chrono::floor<std::chrono::duration<int64_t, std::centi>>(watchdog / 2);
+  constexpr int64_t longest = std::numeric_limits<uint32_t>::max();
+  return Centiseconds(static_cast<uint32_t>(std::clamp<int64_t>(half.count(), 1, longest)));
 }
 
 }  // namespace
@@ -40,19 +44,19 @@ ServiceManager ServiceManager::ofThisProcess() {
   return {variable("NOTIFY_SOCKET"), watchdogOfThisProcess()};
 }
 
-ServiceManager::ServiceManager(std::string socket, uint64_t watchdog)
-    : socket_(std::move(socket)), interval_(watchdog == 0 ? 0 : hundredths(watchdog / 2)) {
+ServiceManager::ServiceManager(std::string socket, std::chrono::microseconds watchdog)
+    : socket_(std::move(socket)), interval_(halfOf(watchdog)) {
   if (!socket_.empty()) sender_.reset(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
 }
 
 void ServiceManager::ready() {
   send("READY=1");
-  if (interval_ != 0 && sender_.valid()) keepAlive();
+  if (interval_ != interval_.zero() && sender_.valid()) keepAlive();
 }
 
 void ServiceManager::keepAlive() {
   send("WATCHDOG=1");
-  timer_.start<&ServiceManager::keepAlive>(*this, interval_);
+  timer_.start<&ServiceManager::keepAlive>(*this, interval_.count());
 }
 
 void ServiceManager::send(const std::string& text) const {

@@ -1,8 +1,10 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 
+#include "lumen/runtime/Time.h"
 #include "platform/Fd.h"
 #include "platform/Timer.h"
 
@@ -16,9 +18,8 @@ class ServiceManager {
   static ServiceManager ofThisProcess();
 
   /// `socket`: path of its datagram socket, or "@" and an abstract name; empty: none.
-  /// `watchdog`: it gives this process up after so many microseconds without a sign of life; 0: it
-  /// never does.
-  ServiceManager(std::string socket, uint64_t watchdog);
+  /// `watchdog`: it gives this process up after so long without a sign of life; 0: it never does.
+  ServiceManager(std::string socket, std::chrono::microseconds watchdog);
   ServiceManager(const ServiceManager&) = delete;
   ServiceManager& operator=(const ServiceManager&) = delete;
 
@@ -31,7 +32,7 @@ class ServiceManager {
   void send(const std::string& text) const;
 
   std::string socket_;
-  uint32_t interval_;  // hundredths of a second; 0: no watchdog
+  Centiseconds interval_;  // between two signs of life; 0: no watchdog
   lm::Fd sender_;
   lm::Timer timer_;
 };

@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <chrono>
 #include <utility>
 
 #include "lumen/runtime/Codec.h"
@@ -12,6 +13,8 @@
 namespace lumen::test {
 
 namespace {
+
+using namespace std::chrono_literals;
 
 std::vector<ServiceDefinition> twoServices() {
   ServiceDefinition names;
@@ -189,11 +192,11 @@ void BrokerTest::givesUp(Program& client, uint32_t serial) {
 }
 
 void BrokerTest::settle(int turns) {
-  for (int i = 0; i < turns; ++i) loop.turn(0);
+  for (int i = 0; i < turns; ++i) loop.turn(0ms);
 }
 
-void BrokerTest::pass(uint64_t milliseconds) {
-  clock.advanceInSteps(milliseconds, [this] { settle(3); });
+void BrokerTest::pass(std::chrono::milliseconds time) {
+  clock.advanceInSteps(time, [this] { settle(3); });
 }
 
 }  // namespace lumen::test

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
@@ -106,7 +107,7 @@ class BrokerTest : public testing::Test {
 
   /// Lets the broker handle everything that was sent.
   void settle(int turns = 40);
-  void pass(uint64_t milliseconds);
+  void pass(std::chrono::milliseconds time);
 
   lm::test::ManualClock clock;
   lm::EventLoop loop{clock};

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <deque>
 #include <filesystem>
@@ -21,6 +22,8 @@
 
 namespace lumen::test {
 namespace {
+
+using namespace std::chrono_literals;
 
 class ListenerTest : public BrokerTest {
  protected:
@@ -131,7 +134,7 @@ TEST_F(ListenerTest, RestsWhileNobodyCanBeAccepted) {
   whileRefused({SCMP_SYS(accept4)}, EMFILE, [&] { settle(20); });
   EXPECT_EQ(testing::internal::GetCapturedStdout(),
             "accept: Too many open files\naccept: Too many open files\n");
-  EXPECT_EQ(loop.nextDue(), clock.now() + 100);
+  EXPECT_EQ(loop.nextDue(), clock.now() + 100ms);
 }
 
 // Promise: A connection belongs to the process, the user, the primary group and all other groups of

@@ -1,5 +1,6 @@
 #include <sys/socket.h>
 
+#include <chrono>
 #include <csignal>
 
 #include "lumen/runtime/Codec.h"
@@ -9,6 +10,8 @@
 
 namespace lumen::test {
 namespace {
+
+using namespace std::chrono_literals;
 
 /// Sends a request, and the next one whenever a request is heard.
 class EndlessSender : public LocalHandler {
@@ -98,15 +101,15 @@ TEST_F(Lives, BeginWithARequestThatWaitsForThem) {
 TEST_F(Lives, AreWaitedForFiveSeconds) {
   Program client = connectAdministrator();
   asksGateway(client);
-  EXPECT_EQ(loop.nextDue(), clock.now() + 5'000) << "nothing runs before that";
-  pass(1'000);
+  EXPECT_EQ(loop.nextDue(), clock.now() + 5s) << "nothing runs before that";
+  pass(1s);
   asksGateway(client);
-  pass(3'900);
+  pass(3900ms);
   EXPECT_FALSE(client.receive());
-  pass(100);
+  pass(100ms);
   EXPECT_EQ(client.error(), "service unavailable");
   EXPECT_FALSE(client.receive()) << "the second has a second left";
-  pass(1'000);
+  pass(1s);
   EXPECT_EQ(client.error(), "service unavailable");
   Program service = startedGateway();
   EXPECT_FALSE(service.receive()) << "what is answered is not carried out";
@@ -222,7 +225,7 @@ TEST_F(Lives, AreJudgedAfterTheirLastWords) {
   processes.exit(processes.last(), 0);
   settle();
   EXPECT_EQ(client.next().get_string(7), "done");
-  pass(120'000);
+  pass(120s);
   EXPECT_EQ(processes.started.size(), 1U) << "it was not needed any more";
 }
 
@@ -236,7 +239,7 @@ TEST_F(Lives, EndAlthoughAnotherProcessHoldsTheirConnection) {
   EXPECT_TRUE(inherited.receive());
   EXPECT_TRUE(inherited.isDisconnected());
   EXPECT_EQ(stateInList(), "waiting");
-  pass(1'000);
+  pass(1s);
   const Program next = startedGateway();
   EXPECT_EQ(stateInList(), "running");
 }
@@ -259,7 +262,7 @@ TEST_F(Lives, MakeRoomForTheNextOneWhenTheyCrash) {
   first.close();
   processes.dieBySignal(processes.last(), SIGKILL);
   EXPECT_EQ(client.error(), "service unavailable");
-  pass(1'000);
+  pass(1s);
   EXPECT_EQ(processes.started.size(), 2U);
   Program second = startedGateway();
   asksGateway(client);
@@ -294,7 +297,7 @@ TEST_F(Lives, BoundWhatWaitsForThem) {
     EXPECT_EQ(one.error(), "too many requests at a time");
   };
   fill();
-  pass(5'000);
+  pass(5s);
   for (size_t i = 0; i < room; ++i) {
     EXPECT_EQ((i % 2 == 0 ? one : other).error(), "service unavailable");
   }

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <ctime>
+#include <chrono>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -15,6 +15,8 @@
 
 namespace lumen {
 namespace {
+
+using namespace std::chrono_literals;
 
 namespace key = lm::history::key;
 
@@ -62,11 +64,12 @@ class HistoryTest : public testing::Test {
     return lm::getError(history->handle(caller, lm::cmd::removeObject, request));
   }
   void restart() {
-    history.emplace(store.path(), [] { return uint64_t{1700000000}; });
+    history.emplace(store.path(), [] { return std::chrono::sys_seconds(1'700'000'000s); });
   }
 
   lm::test::TempDir store;
-  std::optional<History> history{std::in_place, store.path(), [] { return uint64_t{1700000000}; }};
+  std::optional<History> history{std::in_place, store.path(),
+                                 [] { return std::chrono::sys_seconds(1'700'000'000s); }};
 };
 
 // Promise [history-entry]: A change in the history has its text, the path that made it, the time in
@@ -222,7 +225,7 @@ TEST_F(HistoryTest, StartsWithoutAnEntryThatIsBroken) {
 // Promise: A change that cannot be stored is refused: `the change could not be stored`.
 TEST_F(HistoryTest, RefusesAChangeThatCannotBeStored) {
   lm::test::LogCapture log;
-  history.emplace(store.path() + "/nowhere", [] { return uint64_t{0}; });
+  history.emplace(store.path() + "/nowhere", [] { return std::chrono::sys_seconds(); });
   EXPECT_EQ(lm::getError(add(changed("one"))), "the change could not be stored");
   EXPECT_TRUE(texts().empty());
   EXPECT_NE(log.text(), "");
@@ -258,15 +261,16 @@ TEST(HistoryClock, IsTheTimeOfDay) {
   lm::message request;
   request.insert_string(key::text, "one");
   request.insert_message(key::undo, undo);
-  const auto before = static_cast<uint64_t>(std::time(nullptr));
+  const auto before = std::chrono::system_clock::now();
   (void)history.handle(gateway, lm::cmd::addObject, request);
-  const auto after = static_cast<uint64_t>(std::time(nullptr));
+  const auto after = std::chrono::system_clock::now();
   Caller administrator;
   administrator.administrator = true;
   const lm::message page = history.handle(administrator, lm::cmd::list, {});
   ASSERT_EQ(page.size_message_array(lm::key::records), 1U);
-  const uint64_t time = page.get_message_array_ref(lm::key::records)[0].get_u64(key::time);
-  EXPECT_GE(time, before);
+  const std::chrono::sys_seconds time(
+      std::chrono::seconds(page.get_message_array_ref(lm::key::records)[0].get_u64(key::time)));
+  EXPECT_GE(time, std::chrono::floor<std::chrono::seconds>(before));
   EXPECT_LE(time, after);
 }
 

@@ -1,9 +1,13 @@
+#include <chrono>
+
 #include "lumen/services/nat/FlowCleaner.h"
 #include "services/nat/NatFixture.h"
 
 namespace lumen::test {
 
 namespace {
+
+using namespace std::chrono_literals;
 
 Endpoint at(const char* address, uint16_t port) { return {ip(address), port}; }
 
@@ -16,10 +20,10 @@ class FlowCleanerTest : public NatFixture {
   }
 
   /// Lets the sweep that is due run, the kernel taking this long for it.
-  void sweepRuns(uint64_t milliseconds = 0) {
-    passes(0);
+  void sweepRuns(std::chrono::milliseconds time = 0ms) {
+    passes(0ms);
     ASSERT_TRUE(flows.sweeping());
-    clock.advance(milliseconds);
+    clock.advance(time);
     flows.finishSweep();
   }
 };
@@ -32,7 +36,7 @@ TEST_F(FlowCleanerTest, EndsTheFlowsOfAClosedUdpPortOffTheReplyPath) {
   flows.flows = {udp(8080, "192.168.88.10", 80), udp(9000, "192.168.88.10", 90)};
   EXPECT_EQ(removes(id), "");
   EXPECT_EQ(flows.sweeps.size(), 1U) << "not before the reply";
-  passes(100);
+  passes(100ms);
   flows.finishSweep();
   EXPECT_EQ(flows.sweeps.back(), std::set<Endpoint>{at("45.45.45.1", 8080)});
   ASSERT_EQ(flows.flows.size(), 1U);
@@ -64,7 +68,7 @@ TEST_F(FlowCleanerTest, EndsTheFlowsToTheOldClientPortOfAChangedRule) {
   nftables.prints("get element ip lumen forwards { 45.45.45.1 . udp . 8080 }",
                   " counter packets 1 bytes 2 ");
   EXPECT_EQ(sets(setRequest(id, "192.168.88.10", 81)), "");
-  passes(100);
+  passes(100ms);
   flows.finishSweep();
   ASSERT_EQ(flows.flows.size(), 1U);
   EXPECT_EQ(flows.flows[0].responder.port, 81);
@@ -80,11 +84,11 @@ TEST_F(FlowCleanerTest, EndsFlowsWhenAPortIsDisabledOrClosedOrItsOwnerEnds) {
                  udp(5002, "192.168.88.10", 80)};
   EXPECT_EQ(sets(setRequest(disabled, "192.168.88.10", 80, true)), "");
   EXPECT_EQ(closes(closed), "");
-  passes(100);
+  passes(100ms);
   flows.finishSweep();
   EXPECT_EQ(flows.flows.size(), 1U);
   rules.connectionEnded(daemon.connection);
-  passes(100);
+  passes(100ms);
   flows.finishSweep();
   EXPECT_TRUE(flows.flows.empty());
 }
@@ -92,7 +96,7 @@ TEST_F(FlowCleanerTest, EndsFlowsWhenAPortIsDisabledOrClosedOrItsOwnerEnds) {
 // Promise [flows-tcp]: TCP connections outlive the port that they came by.
 TEST_F(FlowCleanerTest, LeavesTcpConnectionsOpen) {
   removes(opens({}));
-  passes(1000);
+  passes(1s);
   EXPECT_TRUE(flows.sweeps.empty());
 }
 
@@ -114,33 +118,33 @@ TEST_F(FlowCleanerTest, SweepsAtMostTenTimesASecond) {
   opens({.protocol = "udp", .port = 5000});
   sweepRuns();
   opens({.protocol = "udp", .port = 5001});
-  passes(90);
+  passes(90ms);
   EXPECT_FALSE(flows.sweeping());
-  passes(10);
+  passes(10ms);
   EXPECT_TRUE(flows.sweeping());
 }
 
 // Also proves [flows-sweep].
 TEST_F(FlowCleanerTest, SweepsForAtMostATenthOfTheTime) {
   opens({.protocol = "udp", .port = 5000});
-  sweepRuns(50);
+  sweepRuns(50ms);
   opens({.protocol = "udp", .port = 5001});
-  passes(440);
+  passes(440ms);
   EXPECT_FALSE(flows.sweeping());
-  passes(10);
+  passes(10ms);
   EXPECT_TRUE(flows.sweeping());
 }
 
 // Also proves [flows-sweep].
 TEST_F(FlowCleanerTest, KeepsWhatChangesDuringASweepForTheNext) {
   opens({.protocol = "udp", .port = 5000});
-  passes(0);
+  passes(0ms);
   ASSERT_TRUE(flows.sweeping());
   opens({.protocol = "udp", .port = 5001});
-  passes(1000);
+  passes(1s);
   EXPECT_EQ(flows.sweeps.size(), 1U) << "one at a time";
   flows.finishSweep();
-  passes(9000);
+  passes(9s);
   ASSERT_EQ(flows.sweeps.size(), 2U);
   EXPECT_EQ(flows.sweeps[1], std::set<Endpoint>{at("45.45.45.1", 5001)});
 }
@@ -154,7 +158,7 @@ TEST_F(FlowCleanerTest, MarksAUdpPortBeforeItOpensUntilItsFlowsHaveBeenSweptAfte
   sweepRuns();
   EXPECT_EQ(marks.all(), marked);
   EXPECT_EQ(removes(id), "");
-  passes(100);
+  passes(100ms);
   EXPECT_EQ(marks.all(), marked) << "while it is being swept";
   flows.finishSweep();
   EXPECT_EQ(marks.all(), std::set<Endpoint>());
@@ -177,13 +181,13 @@ TEST_F(FlowCleanerTest, MarksAPortThatIsEnabledLater) {
 // Also proves [flows-files].
 TEST_F(FlowCleanerTest, KeepsTheMarkOfAPortThatWasOpenAgainDuringASweep) {
   uint32_t id = opens({.protocol = "udp"});
-  passes(0);
+  passes(0ms);
   ASSERT_TRUE(flows.sweeping());
   EXPECT_EQ(removes(id), "");
   EXPECT_EQ(removes(opens({.protocol = "udp"})), "");
   flows.finishSweep();
   EXPECT_EQ(marks.all().size(), 1U) << "what came through it meanwhile has not been looked at";
-  passes(100);
+  passes(100ms);
   flows.finishSweep();
   EXPECT_EQ(marks.all(), std::set<Endpoint>());
 }
@@ -222,10 +226,10 @@ TEST_F(FlowCleanerTest, SweepsThePortsOfAFailedSweepAgainWithTheNext) {
   sweepRuns();
   flows.flows = {udp(5000, "192.168.88.10", 80)};
   EXPECT_EQ(removes(id), "");
-  passes(100);
+  passes(100ms);
   flows.failSweep();
   EXPECT_TRUE(rules.flowsEnded()) << "nothing waits for what fails";
-  passes(10000);
+  passes(10s);
   EXPECT_FALSE(flows.sweeping()) << "until a port changes";
   opens({.protocol = "udp", .port = 5001});
   EXPECT_EQ(marks.all(), both);
@@ -234,7 +238,7 @@ TEST_F(FlowCleanerTest, SweepsThePortsOfAFailedSweepAgainWithTheNext) {
   EXPECT_TRUE(flows.flows.empty());
   EXPECT_EQ(marks.all(), std::set<Endpoint>{at("45.45.45.1", 5001)});
   opens({.protocol = "udp", .port = 5002});
-  passes(100);
+  passes(100ms);
   EXPECT_EQ(flows.sweeps.back(), std::set<Endpoint>{at("45.45.45.1", 5002)});
 }
 
@@ -243,7 +247,7 @@ TEST_F(FlowCleanerTest, IsIdleOnceAllFlowsHaveBeenLookedAt) {
   EXPECT_TRUE(rules.flowsEnded());
   opens({.protocol = "udp", .port = 5000});
   EXPECT_FALSE(rules.flowsEnded()) << "a sweep is due";
-  passes(0);
+  passes(0ms);
   EXPECT_FALSE(rules.flowsEnded()) << "under way";
   flows.finishSweep();
   EXPECT_TRUE(rules.flowsEnded());

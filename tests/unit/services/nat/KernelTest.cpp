@@ -281,7 +281,7 @@ class NatFlowsTest : public NatKernelTest, private FlowCleaner::OpenPorts {
   }
   bool turnsUntil(const std::function<bool()>& condition) {
     return comesToHold([&] {
-      loop.turn(10);
+      loop.turn(10ms);
       return condition();
     });
   }

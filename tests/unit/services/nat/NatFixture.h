@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -129,9 +130,9 @@ class NatFixture : public ::testing::Test {
 
   static constexpr const char* listMap = "list map ip lumen forwards";
 
-  void passes(uint64_t milliseconds) {
-    clock.advance(milliseconds);
-    loop.turn(0);
+  void passes(std::chrono::milliseconds time) {
+    clock.advance(time);
+    loop.turn(std::chrono::milliseconds(0));
   }
 
   Caller daemon{.connection = 7, .service = 40, .name = "upnp", .administrator = false};

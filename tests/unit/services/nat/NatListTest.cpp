@@ -1,3 +1,5 @@
+#include <chrono>
+
 #include "lumen/runtime/Fields.h"
 #include "platform/wire/NatRules.h"
 #include "services/nat/NatFixture.h"
@@ -6,6 +8,8 @@
 namespace lumen::test {
 
 namespace {
+
+using namespace std::chrono_literals;
 
 using NatListTest = NatFixture;
 
@@ -28,7 +32,7 @@ std::string mapWith(const std::string& elements) {
 // Promise: The owner of a rule is the name of the service that added it, or `administrator`.
 TEST_F(NatListTest, ListsTheFieldsOfTheAddRequestThenTheOthers) {
   opens({});
-  clock.advance(61'999);
+  clock.advance(61'999ms);
   flows.flows = {flow(6, 8080), flow(6, 8080), flow(17, 8080), flow(6, 9999)};
   lm::message expected = lm::test::contentOf(addRequest({}));
   expected.insert_u32(0xfe0001, 1);
@@ -70,11 +74,11 @@ TEST_F(NatListTest, MarksARuleWhoseAddressHasLeftTheRouter) {
 
 TEST_F(NatListTest, TellsForHowManySecondsAPortHasBeenOpen) {
   opens({});
-  passes(999);
+  passes(999ms);
   EXPECT_EQ(lists()[0].get_u64(lm::nat::key::seconds), 0U);
-  passes(1);
+  passes(1ms);
   EXPECT_EQ(lists()[0].get_u64(lm::nat::key::seconds), 1U);
-  passes(3'600'000);
+  passes(3600s);
   EXPECT_EQ(lists()[0].get_u64(lm::nat::key::seconds), 3601U);
 }
 

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <string>
 
 #include "lumen/services/resolver/FailureMemory.h"
@@ -7,6 +8,8 @@
 
 namespace lumen {
 namespace {
+
+using namespace std::chrono_literals;
 
 class FailureMemoryTest : public testing::Test {
  protected:
@@ -30,26 +33,26 @@ TEST_F(FailureMemoryTest, RemembersWhyANameFailed) {
 // Also proves [resolver-failed].
 TEST_F(FailureMemoryTest, ForgetsAfterAMinute) {
   memory_.remember("nowhere.lan", {"no such host"});
-  clock_.advance(59'999);
+  clock_.advance(59'999ms);
   EXPECT_TRUE(memory_.find("nowhere.lan"));
-  clock_.advance(1);
+  clock_.advance(1ms);
   EXPECT_FALSE(memory_.find("nowhere.lan"));
 }
 
 // Also proves [resolver-failed].
 TEST_F(FailureMemoryTest, StartsTheMinuteAnewWhenANameFailsAgain) {
   memory_.remember("nowhere.lan", {"no such host"});
-  clock_.advance(59'999);
+  clock_.advance(59'999ms);
   memory_.remember("nowhere.lan", {"no name server can tell"});
   EXPECT_EQ(memory_.size(), 1U);
-  clock_.advance(59'999);
+  clock_.advance(59'999ms);
   EXPECT_EQ(whyFailed("nowhere.lan"), "no name server can tell");
 }
 
 // Also proves [resolver-memory].
 TEST_F(FailureMemoryTest, HoldsNothingThatItHasForgotten) {
   for (int i = 0; i < 100; ++i) memory_.remember("host" + std::to_string(i), {"no such host"});
-  clock_.advance(60'000);
+  clock_.advance(60s);
   memory_.remember("nowhere.lan", {"no such host"});
   EXPECT_EQ(memory_.size(), 1U);
 }

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <random>
 
 #include "lumen/runtime/Time.h"
@@ -9,6 +10,8 @@
 
 namespace lumen::test {
 namespace {
+
+using namespace std::chrono_literals;
 
 using Answers = std::vector<std::string>;
 
@@ -164,7 +167,7 @@ TEST_F(LameAnswerTest, ServersThatAreSilentOverTcpCostNoMoreThanASecond) {
   server_.answerByTcp = [](const DnsQuestion&) { return Answers(); };
   const uint32_t request = ask("player.lan");
   platform_.turn();
-  platform_.advance(95);
+  platform_.advance(950ms);
   EXPECT_EQ(answerTo(request), "name server does not answer");
 }
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
 #include <iterator>
 #include <set>
@@ -12,6 +13,8 @@
 
 namespace lumen::test {
 namespace {
+
+using namespace std::chrono_literals;
 
 class LookupTest : public ResolverTest {
  protected:
@@ -96,7 +99,7 @@ TEST_F(LookupTest, AsksAgainWhenADatagramIsLost) {
   const uint32_t request = ask("player.lan");
   // Its own clock runs beside ours, which is not ahead of it: each turn waits in real time.
   EXPECT_TRUE(platform_.turnUntil([&] {
-    platform_.advance(1);
+    platform_.advance(10ms);
     return answerTo(request) != "none yet";
   }));
   EXPECT_EQ(answerTo(request), "10.0.0.7");
@@ -128,7 +131,7 @@ TEST_F(LookupTest, LeavesNoDescriptorOpen) {
   serverIsSilent();
   const uint32_t request = ask("silent.lan");
   EXPECT_GT(openDescriptors(), before);
-  platform_.advance(timerDelay(Lookup::limit));
+  platform_.advance(Lookup::limit);
   EXPECT_EQ(answerTo(request), "name server does not answer");
   EXPECT_EQ(openDescriptors(), before);
   ask("other.lan");

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
+
 #include "lumen/services/resolver/Patience.h"
 #include "support/ManualClock.h"
 
@@ -36,10 +38,10 @@ TEST_F(PatienceTest, DoesNotShrinkBelowTheLeast) {
 // Also proves [resolver-budget].
 TEST_F(PatienceTest, IsWholeAgainAMinuteAfterItBeganToShrink) {
   patience_.spend(10ms);
-  clock_.advance(59'999);
+  clock_.advance(59'999ms);
   patience_.spend(950ms);
   EXPECT_EQ(patience_.left(), 100ms);
-  clock_.advance(1);
+  clock_.advance(1ms);
   EXPECT_EQ(patience_.left(), 950ms);
   patience_.spend(50ms);
   EXPECT_EQ(patience_.left(), 900ms);

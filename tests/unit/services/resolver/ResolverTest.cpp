@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+
 #include "platform/Keys.h"
 #include "platform/wire/Resolver.h"
 #include "services/resolver/ResolverFixture.h"
@@ -10,7 +12,7 @@
 namespace lumen::test {
 namespace {
 
-constexpr uint32_t minute = 6000;  // hundredths of a second
+using namespace std::chrono_literals;
 
 // Promise [resolver-command]: A host name is answered with its address in field 4, in whatever
 // letters it is written.
@@ -52,9 +54,9 @@ TEST_F(ResolverTest, KnowsNoOtherCommand) {
 TEST_F(ResolverTest, GivesUpWithinASecond) {
   serverIsSilent();
   const uint32_t request = ask("silent.lan");
-  platform_.advance(94);
+  platform_.advance(940ms);
   EXPECT_EQ(answerTo(request), "none yet");
-  platform_.advance(1);
+  platform_.advance(10ms);
   EXPECT_EQ(answerTo(request), "name server does not answer");
   EXPECT_EQ(log_.text(), "resolver: silent.lan: name server does not answer\n");
 }
@@ -65,10 +67,10 @@ TEST_F(ResolverTest, AnswersAFailedNameFromMemoryForAMinute) {
   EXPECT_EQ(lookUp("nowhere.lan"), "no such host");
   EXPECT_EQ(questions(), 1U);
   EXPECT_EQ(lookUp("NOWHERE.lan"), "no such host");
-  platform_.advance(minute - 1);
+  platform_.advance(1min - 10ms);
   EXPECT_EQ(lookUp("nowhere.lan"), "no such host");
   EXPECT_EQ(questions(), 1U);
-  platform_.advance(1);
+  platform_.advance(10ms);
   server_.hosts["nowhere.lan"] = "10.0.0.7";
   EXPECT_EQ(lookUp("nowhere.lan"), "10.0.0.7");
 }
@@ -78,7 +80,7 @@ TEST_F(ResolverTest, ASilentNameServerCostsNothingForAMinute) {
   serverIsSilent();
   EXPECT_EQ(lookUpInVain("silent.lan"), "name server does not answer");
   for (int i = 0; i < 10; ++i) {
-    const uint64_t before = platform_.clock().now();
+    const auto before = platform_.clock().now();
     EXPECT_EQ(lookUp("silent.lan"), "name server does not answer");
     EXPECT_EQ(platform_.clock().now(), before);
   }
@@ -99,14 +101,14 @@ TEST_F(ResolverTest, WaitsAShortTimeOnlyWhenASecondWasWaitedInThisMinute) {
   serverIsSilent();
   lookUpInVain("silent.lan");
   const uint32_t request = ask("other.lan");
-  platform_.advance(9);
+  platform_.advance(90ms);
   EXPECT_EQ(answerTo(request), "none yet");
-  platform_.advance(1);
+  platform_.advance(10ms);
   EXPECT_EQ(answerTo(request), "name server does not answer");
   EXPECT_EQ(lookUp("other.lan"), "name server does not answer") << "it is being looked up";
-  platform_.advance(minute);
+  platform_.advance(1min);
   const uint32_t later = ask("third.lan");
-  platform_.advance(94);
+  platform_.advance(940ms);
   EXPECT_EQ(answerTo(later), "none yet");
 }
 
@@ -115,7 +117,7 @@ TEST_F(ResolverTest, ANameThatWasOnlySlowIsNoFailure) {
   serverIsSilent();
   lookUpInVain("silent.lan");
   const uint32_t request = ask("slow.lan");
-  platform_.advance(10);
+  platform_.advance(100ms);
   EXPECT_EQ(answerTo(request), "name server does not answer");
   server_.send(server_.asked.back(), dns::addresses(server_.asked.back(), {"10.0.0.7"}));
   platform_.turn();
@@ -139,15 +141,15 @@ TEST_F(ResolverTest, HasTheNumbersThatProgramsOfAnotherBuildSend) {
 // Also proves [resolver-budget].
 TEST_F(ResolverTest, SpendsThePatienceOfAMinuteOnWhatWasWaited) {
   serverIsSilent();
-  platform_.advance(minute / 2);
+  platform_.advance(30s);
   const uint32_t slow = ask("slow.lan");
-  platform_.advance(30);
+  platform_.advance(300ms);
   server_.send(server_.asked.back(), dns::addresses(server_.asked.back(), {"10.0.0.7"}));
   ASSERT_TRUE(platform_.turnUntil([&] { return answerTo(slow) == "10.0.0.7"; }));
   const uint32_t silent = ask("silent.lan");
-  platform_.advance(64);
+  platform_.advance(640ms);
   EXPECT_EQ(answerTo(silent), "none yet");
-  platform_.advance(1);
+  platform_.advance(10ms);
   EXPECT_EQ(answerTo(silent), "name server does not answer");
 }
 
@@ -201,18 +203,18 @@ TEST_F(ResolverTest, TellsThoseWhoWaitWhenItEnds) {
 // no failure any more, and stays for a request that comes meanwhile.
 TEST_F(ResolverTest, LeavesAMinuteAfterItsLastLookup) {
   server_.hosts["player.lan"] = "10.0.0.7";
-  platform_.advance(minute - 1);
+  platform_.advance(1min - 10ms);
   lookUp("player.lan");
-  platform_.advance(minute - 1);
+  platform_.advance(1min - 10ms);
   EXPECT_FALSE(platform_.stopped());
-  platform_.advance(1);
+  platform_.advance(10ms);
   EXPECT_TRUE(platform_.stopped());
   EXPECT_EQ(platform_.sentTo({0}, 0x13).size(), 1U) << "unregistered";
 }
 
 // Also proves [resolver-leaves].
 TEST_F(ResolverTest, LeavesWhenNobodyAsksAtAll) {
-  platform_.advance(minute);
+  platform_.advance(1min);
   EXPECT_TRUE(platform_.stopped());
 }
 
@@ -220,9 +222,9 @@ TEST_F(ResolverTest, LeavesWhenNobodyAsksAtAll) {
 TEST_F(ResolverTest, StaysAsLongAsItRemembersAFailure) {
   serverIsSilent();
   const uint32_t request = ask("silent.lan");
-  platform_.advance(95);
+  platform_.advance(950ms);
   EXPECT_EQ(answerTo(request), "name server does not answer");
-  platform_.advance(minute - 1);
+  platform_.advance(1min - 10ms);
   EXPECT_FALSE(platform_.stopped());
   EXPECT_EQ(lookUp("silent.lan"), "name server does not answer");
   EXPECT_EQ(questions(), 1U);
@@ -236,7 +238,7 @@ TEST_F(ResolverTest, StaysForARequestThatComesWhileItIsAboutToLeave) {
     request = platform_.postRequest(0, lm::resolver::cmd::resolve, nameOf("player.lan"));
     return lm::message();
   });
-  platform_.advance(minute);
+  platform_.advance(1min);
   EXPECT_FALSE(platform_.stopped());
   ASSERT_TRUE(platform_.turnUntil([&] { return platform_.replyTo(request).has_value(); }));
   EXPECT_EQ(answerTo(request), "10.0.0.7");

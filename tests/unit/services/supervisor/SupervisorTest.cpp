@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <csignal>
 #include <functional>
 
@@ -11,6 +12,8 @@
 
 namespace lumen {
 namespace {
+
+using namespace std::chrono_literals;
 
 constexpr uint32_t gateway = 40;
 constexpr uint32_t resolver = 14;
@@ -50,8 +53,8 @@ class SupervisorTest : public testing::Test {
  protected:
   SupervisorTest() { supervisor.setObserver(listener); }
 
-  void pass(uint64_t milliseconds) {
-    clock.advanceInSteps(milliseconds, [this] { loop.turn(0); });
+  void pass(std::chrono::milliseconds time) {
+    clock.advanceInSteps(time, [this] { loop.turn(0ms); });
   }
 
   [[nodiscard]] size_t starts() const { return processes.started.size(); }
@@ -59,9 +62,9 @@ class SupervisorTest : public testing::Test {
   void crash() { processes.dieBySignal(processes.last(), SIGSEGV); }
 
   /// Crashes until the back-off before the next start is this long.
-  void crashUntilDelayIs(uint64_t milliseconds) {
+  void crashUntilDelayIs(std::chrono::milliseconds wanted) {
     crash();
-    while (delay() < milliseconds) {
+    while (delay() < wanted) {
       pass(delay());
       crash();
     }
@@ -76,7 +79,9 @@ class SupervisorTest : public testing::Test {
   std::string state(uint32_t number) {
     return record(number).get_string(lm::broker::listed::state);
   }
-  uint64_t delay() { return record(gateway).get_u64(lm::broker::listed::nextStart); }
+  std::chrono::milliseconds delay() {
+    return std::chrono::milliseconds(record(gateway).get_u64(lm::broker::listed::nextStart));
+  }
 
   lm::test::ManualClock clock;
   lm::EventLoop loop{clock};
@@ -145,7 +150,7 @@ TEST_F(SupervisorTest, LeavesAServiceAloneThatWasNotNeeded) {
   EXPECT_EQ(state(gateway), lm::broker::state::leaving);
   processes.exit(processes.last(), 0);
   EXPECT_EQ(state(gateway), lm::broker::state::stopped);
-  pass(120'000);
+  pass(120s);
   EXPECT_EQ(starts(), 1U);
 }
 
@@ -223,13 +228,13 @@ TEST_F(SupervisorTest, HearsTheLastWordsBeforeItJudgesTheEnd) {
 // Also proves [service-list].
 TEST_F(SupervisorTest, DoublesTheBackOffUpToAMinute) {
   supervisor.boot();
-  for (const uint64_t expected : {1000U, 2000U, 4000U, 8000U, 16000U, 32000U, 60000U, 60000U}) {
+  for (const auto expected : {1s, 2s, 4s, 8s, 16s, 32s, 60s, 60s}) {
     const size_t before = starts();
     crash();
     EXPECT_EQ(delay(), expected);
-    pass(expected - 100);
+    pass(expected - 100ms);
     EXPECT_EQ(starts(), before);
-    pass(100);
+    pass(100ms);
     EXPECT_EQ(starts(), before + 1);
   }
   EXPECT_EQ(record(gateway).get_u32(lm::broker::listed::restarts), 8U);
@@ -239,43 +244,43 @@ TEST_F(SupervisorTest, DoublesTheBackOffUpToAMinute) {
 // that ended well, starts again after 1 s; a shorter life that ended well does not count.
 TEST_F(SupervisorTest, CountsAfreshAfterAMinuteOfRunning) {
   supervisor.boot();
-  crashUntilDelayIs(8000);
-  pass(8000);
-  pass(59'900);
+  crashUntilDelayIs(8s);
+  pass(8s);
+  pass(59'900ms);
   crash();
-  EXPECT_EQ(delay(), 16000U);
-  pass(16000);
-  pass(60'000);
+  EXPECT_EQ(delay(), 16s);
+  pass(16s);
+  pass(60s);
   crash();
-  EXPECT_EQ(delay(), 1000U);
+  EXPECT_EQ(delay(), 1s);
 }
 
 // Also proves [restart-reset].
 TEST_F(SupervisorTest, CountsAfreshAfterAMinuteOfRunningThatEndedWell) {
   supervisor.boot();
-  crashUntilDelayIs(8000);
-  pass(8000);
-  pass(60'000);
+  crashUntilDelayIs(8s);
+  pass(8s);
+  pass(60s);
   supervisor.registered(gateway);
   supervisor.unregistered(gateway);
   processes.exit(processes.last(), 0);
   EXPECT_TRUE(supervisor.need(gateway, false));
-  pass(2000);
+  pass(2s);
   crash();
-  EXPECT_EQ(delay(), 1000U);
+  EXPECT_EQ(delay(), 1s);
 }
 
 // Also proves [restart-reset].
 TEST_F(SupervisorTest, GoesOnCountingAfterAShortLifeThatEndedWell) {
   supervisor.boot();
-  crashUntilDelayIs(8000);
-  pass(8000);
+  crashUntilDelayIs(8s);
+  pass(8s);
   supervisor.registered(gateway);
   supervisor.unregistered(gateway);
   processes.exit(processes.last(), 0);
   EXPECT_TRUE(supervisor.need(gateway, false));
   crash();
-  EXPECT_EQ(delay(), 16000U);
+  EXPECT_EQ(delay(), 16s);
 }
 
 // Promise [restart-admin]: During back-off a request is refused, and an administrator's starts the
@@ -291,15 +296,15 @@ TEST_F(SupervisorTest, RefusesARequestDuringTheBackOff) {
 // Also proves [restart-admin].
 TEST_F(SupervisorTest, StartsAtOnceForAnAdministratorDuringTheBackOff) {
   supervisor.boot();
-  crashUntilDelayIs(4000);
+  crashUntilDelayIs(4s);
   const size_t before = starts();
   EXPECT_TRUE(supervisor.need(gateway, true));
   EXPECT_EQ(starts(), before + 1);
-  EXPECT_EQ(delay(), 0U);
-  pass(60'000 - 100);
+  EXPECT_EQ(delay(), 0ms);
+  pass(60s - 100ms);
   EXPECT_EQ(starts(), before + 1) << "the start that was put off does not come on top";
   crash();
-  EXPECT_EQ(delay(), 8000U) << "the count goes on";
+  EXPECT_EQ(delay(), 8s) << "the count goes on";
 }
 
 TEST_F(SupervisorTest, TellsWhoWaitsThatACrashedServiceStaysAway) {
@@ -336,7 +341,7 @@ TEST_F(SupervisorTest, TakesAStartThatFailsForACrash) {
   EXPECT_FALSE(supervisor.need(resolver, false));
   EXPECT_EQ(state(resolver), lm::broker::state::waiting);
   processes.failToStart = false;
-  pass(1000);
+  pass(1s);
   EXPECT_EQ(starts(), 1U);
   EXPECT_EQ(state(resolver), lm::broker::state::starting);
 }
@@ -347,10 +352,10 @@ TEST_F(SupervisorTest, WaitsForTheProcessThatAnEarlierLumendHasLeft) {
   supervisor.boot();
   EXPECT_TRUE(supervisor.need(gateway, false)) << "it is on its way";
   EXPECT_EQ(state(gateway), lm::broker::state::starting);
-  pass(9'000);
+  pass(9s);
   EXPECT_EQ(starts(), 0U);
   processes.holders.clear();
-  pass(100);
+  pass(100ms);
   EXPECT_EQ(starts(), 1U);
   EXPECT_TRUE(processes.killed.empty());
 }
@@ -360,13 +365,13 @@ TEST_F(SupervisorTest, WaitsForTheProcessThatAnEarlierLumendHasLeft) {
 TEST_F(SupervisorTest, KillsTheProcessThatAnEarlierLumendHasLeftAfterTenSeconds) {
   processes.holders[gatewayLock] = 77;
   supervisor.boot();
-  pass(9'900);
+  pass(9900ms);
   EXPECT_TRUE(processes.killed.empty());
-  pass(5'000);
+  pass(5s);
   EXPECT_EQ(processes.killed, std::vector<std::string>{gatewayLock});
   EXPECT_EQ(starts(), 0U) << "it is not gone yet";
   processes.holders.clear();
-  pass(100);
+  pass(100ms);
   EXPECT_EQ(starts(), 1U);
 }
 
@@ -374,15 +379,15 @@ TEST_F(SupervisorTest, KillsTheProcessThatAnEarlierLumendHasLeftAfterTenSeconds)
 TEST_F(SupervisorTest, KillsOneHolderOfALockAfterTheOther) {
   processes.holders[gatewayLock] = 77;
   supervisor.boot();
-  pass(10'000);
+  pass(10s);
   processes.holders[gatewayLock] = 78;
-  pass(9'900);
+  pass(9900ms);
   EXPECT_EQ(processes.killed.size(), 1U);
-  pass(100);
+  pass(100ms);
   EXPECT_EQ(processes.killed.size(), 2U);
   EXPECT_EQ(starts(), 0U);
   processes.holders.clear();
-  pass(100);
+  pass(100ms);
   EXPECT_EQ(starts(), 1U);
 }
 
@@ -431,7 +436,7 @@ TEST_F(SupervisorTest, StartsNothingWhileItShutsDown) {
   supervisor.shutDown();
   EXPECT_FALSE(supervisor.need(gateway, true));
   EXPECT_FALSE(supervisor.need(resolver, true));
-  pass(10'000);
+  pass(10s);
   EXPECT_EQ(starts(), 1U);
 }
 
@@ -440,9 +445,9 @@ TEST_F(SupervisorTest, StartsNothingWhileItShutsDown) {
 TEST_F(SupervisorTest, KillsAfterFiveSecondsWhatDoesNotEnd) {
   supervisor.boot();
   supervisor.shutDown();
-  pass(4'900);
+  pass(4900ms);
   ASSERT_EQ(processes.signals.size(), 1U);
-  pass(100);
+  pass(100ms);
   ASSERT_EQ(processes.signals.size(), 2U);
   EXPECT_EQ(processes.signals[1], std::pair(1000, SIGKILL));
   EXPECT_FALSE(supervisor.isShutDown());
@@ -454,7 +459,7 @@ TEST_F(SupervisorTest, KillsAfterFiveSecondsWhatDoesNotEnd) {
 TEST_F(SupervisorTest, EndsAllTheSameWhenNotEvenKillingHelps) {
   supervisor.boot();
   supervisor.shutDown();
-  pass(6'000);
+  pass(6s);
   EXPECT_TRUE(supervisor.isShutDown());
 }
 
@@ -489,7 +494,7 @@ TEST_F(SupervisorTest, TellsInOneWordWhatAServiceDoes) {
   crash();
   EXPECT_EQ(state(gateway), "waiting");
   processes.holders[gatewayLock] = 77;
-  pass(1000);
+  pass(1s);
   EXPECT_EQ(state(gateway), "starting") << "once the earlier process has gone";
 }
 
@@ -501,7 +506,7 @@ TEST_F(SupervisorTest, SaysInTheLogWhatBecomesOfAService) {
   testing::internal::CaptureStdout();
   supervisor.boot();
   crash();
-  pass(1000);
+  pass(1s);
   processes.exit(processes.last(), 3);
   EXPECT_TRUE(supervisor.need(gateway, true));
   supervisor.registered(gateway);
@@ -532,11 +537,11 @@ TEST_F(SupervisorTest, SaysInTheLogWhomItWaitsForAndWhomItKills) {
   testing::internal::CaptureStdout();
   processes.holders[gatewayLock] = 77;
   supervisor.boot();
-  pass(10'000);
+  pass(10s);
   processes.holders.clear();
-  pass(100);
+  pass(100ms);
   supervisor.shutDown();
-  pass(5'000);
+  pass(5s);
   processes.dieBySignal(processes.last(), SIGKILL);
   EXPECT_EQ(testing::internal::GetCapturedStdout(),
             "upnp: waits for the process that an earlier lumend has left\n"

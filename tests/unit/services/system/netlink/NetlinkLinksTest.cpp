@@ -13,6 +13,7 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -38,6 +39,8 @@
 
 namespace lumen {
 namespace {
+
+using namespace std::chrono_literals;
 
 class NetlinkLinksTest : public testing::Test {
  protected:
@@ -83,10 +86,10 @@ class NetlinkLinksTest : public testing::Test {
 
   /// Turns the loop until `condition` holds, at most five seconds.
   [[nodiscard]] bool waitFor(const std::function<bool()>& condition) {
-    const uint64_t end = clock.now() + 5000;
+    const auto end = clock.now() + 5s;
     while (!condition()) {
       if (clock.now() >= end) return false;
-      loop->turn(50);
+      loop->turn(50ms);
     }
     return true;
   }

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <csignal>
 
 #include "lumen/runtime/Clock.h"
@@ -8,6 +9,8 @@
 
 namespace lumen {
 namespace {
+
+using namespace std::chrono_literals;
 
 class EndSignalsTest : public testing::Test {
  public:
@@ -28,12 +31,12 @@ TEST_F(EndSignalsTest, AreEventsOfTheLoop) {
   EndSignals signals;
   raise(SIGTERM);  // before anybody watches
   signals.watch<&EndSignalsTest::asked>(*this);
-  loop_.turn(1000);
+  loop_.turn(1s);
   EXPECT_EQ(times_, 1);
   raise(SIGINT);
-  loop_.turn(1000);
+  loop_.turn(1s);
   EXPECT_EQ(times_, 2);
-  loop_.turn(0);
+  loop_.turn(0ms);
   EXPECT_EQ(times_, 2);
 }
 

@@ -29,6 +29,8 @@
 namespace lumen {
 namespace {
 
+using namespace std::chrono_literals;
+
 constexpr uid_t user = 54321;
 constexpr gid_t group = 54322;
 
@@ -91,10 +93,10 @@ class LinuxProcessesTest : public testing::Test, public Processes::Observer {
 
   template <typename Condition>
   [[nodiscard]] bool waitUntil(Condition condition) {
-    const uint64_t limit = clock.now() + 20'000;
+    const auto limit = clock.now() + 20s;
     while (!condition()) {
       if (clock.now() > limit) return false;
-      loop.turn(20);
+      loop.turn(20ms);
     }
     return true;
   }

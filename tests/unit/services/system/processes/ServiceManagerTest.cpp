@@ -3,6 +3,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdlib>
 #include <string>
@@ -15,6 +16,8 @@
 
 namespace lumen {
 namespace {
+
+using namespace std::chrono_literals;
 
 using Messages = std::vector<std::string>;
 
@@ -49,9 +52,9 @@ class ServiceManagerTest : public testing::Test {
     return found;
   }
 
-  void pass(uint64_t milliseconds) {
-    clock.advance(milliseconds);
-    loop.turn(0);
+  void pass(std::chrono::milliseconds time) {
+    clock.advance(time);
+    loop.turn(0ms);
   }
 
   lm::test::TempDir folder;
@@ -66,11 +69,11 @@ class ServiceManagerTest : public testing::Test {
 // loop turns.
 TEST_F(ServiceManagerTest, HearsThatTheStartIsDone) {
   managerListensAt(folder.file("notify"));
-  ServiceManager ours(folder.file("notify"), 0);
+  ServiceManager ours(folder.file("notify"), 0s);
   EXPECT_EQ(told(), Messages());
   ours.ready();
   EXPECT_EQ(told(), Messages{"READY=1"});
-  pass(3'600'000);
+  pass(3600s);
   EXPECT_EQ(told(), Messages()) << "nobody waits for a sign of life";
 }
 
@@ -78,14 +81,14 @@ TEST_F(ServiceManagerTest, HearsThatTheStartIsDone) {
 // `WATCHDOG_USEC` gives, unless `WATCHDOG_PID` is another process.
 TEST_F(ServiceManagerTest, HearsASignOfLifeTwiceInTheTimeThatItWaits) {
   managerListensAt(folder.file("notify"));
-  ServiceManager ours(folder.file("notify"), 30'000'000);
+  ServiceManager ours(folder.file("notify"), 30s);
   ours.ready();
   EXPECT_EQ(told(), (Messages{"READY=1", "WATCHDOG=1"}));
-  pass(14'990);
+  pass(14'990ms);
   EXPECT_EQ(told(), Messages());
-  pass(10);
+  pass(10ms);
   EXPECT_EQ(told(), Messages{"WATCHDOG=1"});
-  pass(15'000);
+  pass(15s);
   EXPECT_EQ(told(), Messages{"WATCHDOG=1"});
 }
 
@@ -93,7 +96,7 @@ TEST_F(ServiceManagerTest, HearsASignOfLifeTwiceInTheTimeThatItWaits) {
 TEST_F(ServiceManagerTest, MayListenAtAnAbstractName) {
   const std::string name = "@palinode-test-" + std::to_string(getpid());
   managerListensAt(name);
-  ServiceManager ours(name, 0);
+  ServiceManager ours(name, 0s);
   ours.ready();
   EXPECT_EQ(told(), Messages{"READY=1"});
 }
@@ -106,7 +109,7 @@ TEST_F(ServiceManagerTest, IsFoundInTheEnvironment) {
   setenv("WATCHDOG_PID", std::to_string(getpid()).c_str(), 1);
   ServiceManager ours = ServiceManager::ofThisProcess();
   ours.ready();
-  pass(1000);
+  pass(1s);
   EXPECT_EQ(told(), (Messages{"READY=1", "WATCHDOG=1", "WATCHDOG=1"}));
 }
 
@@ -126,20 +129,20 @@ TEST_F(ServiceManagerTest, MayWatchOverAnotherProcessOfTheService) {
 TEST_F(ServiceManagerTest, IsNotNeeded) {
   ServiceManager none = ServiceManager::ofThisProcess();
   none.ready();
-  ServiceManager gone(folder.file("nobody"), 2'000'000);
+  ServiceManager gone(folder.file("nobody"), 2s);
   gone.ready();
-  ServiceManager unreachable(std::string(200, 'x'), 2'000'000);
+  ServiceManager unreachable(std::string(200, 'x'), 2s);
   unreachable.ready();
-  pass(1000);
-  EXPECT_EQ(loop.nextDue(), clock.now() + 1000) << "tries again";
+  pass(1s);
+  EXPECT_EQ(loop.nextDue(), clock.now() + 1s) << "tries again";
 }
 
 // Promise: A service manager that does not read blocks nothing.
 TEST_F(ServiceManagerTest, ThatDoesNotReadHoldsNobodyUp) {
   managerListensAt(folder.file("notify"));
-  ServiceManager ours(folder.file("notify"), 20'000);
+  ServiceManager ours(folder.file("notify"), 20ms);
   ours.ready();
-  for (int times = 0; times < 2000; ++times) pass(10);
+  for (int times = 0; times < 2000; ++times) pass(10ms);
   const Messages heard = told();
   ASSERT_FALSE(heard.empty());
   EXPECT_LT(heard.size(), 2000U) << "its queue was never full";
