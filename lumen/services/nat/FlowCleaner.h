@@ -10,20 +10,20 @@
 
 namespace lumen {
 
-/// Ends UDP flows that go elsewhere than the open ports say. The kernel decides about translation
-/// at a flow's first packet only: without this a flow through a port that was closed lives on as
-/// long as it has packets, and one that knocked at a port before it was opened never gets in. TCP
+/// Ends UDP flows that do not go where the open ports say. The kernel decides about translation at
+/// a flow's first packet only: otherwise a flow through a port that was closed would live as long
+/// as packets pass, and a flow that began before its port was opened would never be translated. TCP
 /// connections are left alone.
 ///
 /// A port is marked from before it opens until its flows have been swept after it closed, so that
 /// the flows of a lumend that was killed are ended by the next one.
 ///
-/// A sweep walks the kernel's whole table, so that a row of changes shares one; sweeps take at most
-/// a tenth of the time. The ports of one that failed are swept again with the next, which a change
-/// or the next lumend brings about.
+/// A sweep walks the kernel's whole table, so changes in quick succession share one; sweeps take at
+/// most a tenth of the time. The ports of a sweep that failed are swept again with the next one,
+/// which the next change or the next lumend starts.
 class FlowCleaner : private Flows::Sweeper {
  public:
-  /// What the cleaner must know of the open ports.
+  /// What the cleaner needs to know about the open ports.
   class OpenPorts {
    public:
     virtual ~OpenPorts() = default;
@@ -36,17 +36,16 @@ class FlowCleaner : private Flows::Sweeper {
   FlowCleaner(const FlowCleaner&) = delete;
   FlowCleaner& operator=(const FlowCleaner&) = delete;
 
-  /// The flows through the ports of an earlier life are looked at soon.
+  /// Schedules a sweep of the ports that an earlier lumend had open.
   void resume();
 
   /// The UDP port `external` is about to be opened; changed() must follow.
   void opens(const Endpoint& external) { marks_.set(external); }
 
-  /// The UDP port `external` was opened, closed or changed. Its flows are looked at soon, from the
-  /// event loop.
+  /// The UDP port `external` was opened, closed or changed. Schedules a sweep of its flows.
   void changed(const Endpoint& external);
 
-  /// Whether all flows have been looked at, as far as that could be done.
+  /// Whether no sweep is under way or scheduled.
   [[nodiscard]] bool idle() const { return !sweeping_ && pending_.empty(); }
 
  private:

@@ -8,18 +8,20 @@
 
 namespace lumen {
 
-/// The UDP ports through which flows may go, for the next lumend to know should this one be killed:
-/// the kernel takes the NAT table away then, but a flow that it has translated once goes on as soon
-/// as any program loads a table of NAT. An empty file for each port, named like "45.45.45.1:5060".
+/// Persists which UDP ports may have flows, so that the next lumend can end these if this one is
+/// killed: the kernel then removes the NAT table, but a flow that it once translated continues as
+/// soon as any program loads a NAT table. An empty file for each port, named like
+/// "45.45.45.1:5060".
 class FlowMarks {
  public:
-  /// `folder` must exist, and need not outlive the kernel.
+  /// `folder` must exist; it need not survive a reboot.
   explicit FlowMarks(std::string folder) : folder_(std::move(folder)) {}
 
-  /// All that are set, by an earlier life too. A file of another name is none.
+  /// All marked ports, those of an earlier lumend too. Files with other names are ignored.
   [[nodiscard]] std::set<Endpoint> all() const;
 
-  /// A failure is in the log.
+  // Failures are logged.
+
   void set(const Endpoint& external) const;
   void clear(const Endpoint& external) const;
 

@@ -6,8 +6,7 @@
 
 namespace lumen {
 
-/// Ids that were given out one after the other, as runs: it stays small when they follow each
-/// other, however many there were.
+/// A set of ids, stored as runs of consecutive ones: it stays small while ids are added in order.
 class IdHistory {
  public:
   void add(uint32_t id) {

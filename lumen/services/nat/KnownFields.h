@@ -8,9 +8,9 @@
 
 namespace lumen {
 
-/// Fails with the first field of `request` that is none of `known`. Transport fields are left out.
-/// A field that is not understood may be a condition: a rule without it would open more than the
-/// request means.
+/// Fails, naming the field, if `request` has a field that is not in `known`. Transport fields are
+/// ignored. An unknown field may be a condition: a rule without it would open more than the
+/// requester intended.
 [[nodiscard]] Result<void> checkFields(const lm::message& request, std::span<const uint32_t> known);
 
 }  // namespace lumen

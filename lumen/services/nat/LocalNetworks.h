@@ -7,7 +7,7 @@
 
 namespace lumen {
 
-/// What the NAT rules must know of this router's addresses.
+/// What the NAT rules need to know about this router's addresses.
 class LocalNetworks {
  public:
   virtual ~LocalNetworks() = default;
@@ -16,15 +16,14 @@ class LocalNetworks {
   /// whose interface is not running counts.
   [[nodiscard]] virtual std::optional<uint32_t> interfaceOf(Ipv4Address address) const = 0;
 
-  /// Whether what is sent to `address` stays on this router: an interface holds it, or the
-  /// loopback.
+  /// Whether packets to `address` stay on this router: an interface or the loopback holds it.
   [[nodiscard]] virtual bool isOwn(Ipv4Address address) const = 0;
 
-  /// Whether `address` is the own address of a directly connected network or its broadcast address.
-  /// What is sent there reaches many, this router among them.
+  /// Whether `address` is the network address or the broadcast address of a directly connected
+  /// network. Packets to it reach many hosts, this router among them.
   [[nodiscard]] virtual bool isReserved(Ipv4Address address) const = 0;
 
-  /// The id of the interface whose own network `host` lies in; none when it is not directly
+  /// The id of the interface whose network contains `host`; none when it is not directly
   /// connected, isOwn() or isReserved().
   [[nodiscard]] virtual std::optional<uint32_t> interfaceTowards(Ipv4Address host) const = 0;
 };

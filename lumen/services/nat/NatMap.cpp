@@ -6,8 +6,6 @@
 #include <charconv>
 #include <string_view>
 
-#include "lumen/runtime/Log.h"
-
 namespace lumen {
 
 namespace {
@@ -49,7 +47,7 @@ std::string firstLine(const std::string& text) {
   return line.empty() ? "no reason given" : line;
 }
 
-// The number that follows `word` in `text`, moving `text` behind it.
+// The number after `word` in `text`, which is cut to what follows the number.
 std::optional<uint64_t> numberAfter(std::string_view& text, std::string_view word) {
   size_t at = text.find(word);
   if (at == std::string_view::npos) return std::nullopt;
@@ -61,9 +59,11 @@ std::optional<uint64_t> numberAfter(std::string_view& text, std::string_view wor
   return number;
 }
 
+constexpr const char* noCounter = "the element has no counter";
+
 constexpr std::string_view packetsWord = " counter packets ";
 
-// What is left of `text` before `separator`, moving `text` behind that.
+// The part of `text` before `separator`, which is cut to what follows the separator.
 std::string_view upTo(std::string_view& text, std::string_view separator) {
   const size_t at = std::min(text.find(separator), text.size());
   const std::string_view part = text.substr(0, at);
@@ -71,7 +71,7 @@ std::string_view upTo(std::string_view& text, std::string_view separator) {
   return part;
 }
 
-// The other way round than keyElement.
+// The inverse of keyElement.
 std::optional<RuleKey> readKey(std::string_view element) {
   const auto address = Ipv4Address::parse(upTo(element, " . "));
   const std::string_view protocol = upTo(element, " . ");
@@ -103,7 +103,7 @@ Result<void> NatMap::open(const std::string& path) {
   if ((*tables + "\n").find(std::string(tableName) + "\n") != std::string::npos) {
     return Failure{
         "nftables table ip lumen exists already: another lumend runs in this "
-        "network namespace, or somebody else made it"};
+        "network namespace, or another program made it"};
   }
   const Result<std::string> loaded = nftables_.runFile(path);
   if (!loaded) {
@@ -116,7 +116,7 @@ Result<void> NatMap::open(const std::string& path) {
         "\t\ttype ipv4_addr . inet_proto . inet_service : ipv4_addr . inet_service\n",
         "\t\tcounter\n", " map @forwards\n"}) {
     if (table && table->find(part) != std::string::npos) continue;
-    // A table without an owner would stay behind.
+    // A table without an owner would outlive this process.
     static_cast<void>(nftables_.run("delete table ip lumen"));
     std::string_view words(part);
     words = words.substr(words.find_first_not_of("\t "));
@@ -140,16 +140,13 @@ Result<void> NatMap::change(const RuleKey& key, const Endpoint& client) {
   const Result<std::string> element = nftables_.run(getCommand(key));
   if (!element) return Failure{firstLine(element.why())};
   auto counter = counterOf(*element);
-  if (!counter) return Failure{"the element has no counter"};
+  if (!counter) return Failure{noCounter};
   return run(deleteCommand({key}) + "\n" + addCommand(key, *counter, client));
 }
 
-std::optional<std::map<RuleKey, uint64_t>> NatMap::uses() {
+Result<std::map<RuleKey, uint64_t>> NatMap::uses() {
   const Result<std::string> listed = nftables_.run("list map ip lumen forwards");
-  if (!listed) {
-    lm::logLine("nat uses failed: ", firstLine(listed.why()));
-    return std::nullopt;
-  }
+  if (!listed) return Failure{firstLine(listed.why())};
   std::map<RuleKey, uint64_t> result;
   std::string_view rest = *listed;
   while (true) {
@@ -162,11 +159,13 @@ std::optional<std::map<RuleKey, uint64_t>> NatMap::uses() {
   }
 }
 
-std::optional<uint64_t> NatMap::uses(const RuleKey& key) {
+Result<uint64_t> NatMap::uses(const RuleKey& key) {
   const Result<std::string> element = nftables_.run(getCommand(key));
-  if (!element) return std::nullopt;
+  if (!element) return Failure{firstLine(element.why())};
   std::string_view text = *element;
-  return numberAfter(text, packetsWord);
+  const auto packets = numberAfter(text, packetsWord);
+  if (!packets) return Failure{noCounter};
+  return *packets;
 }
 
 Result<void> NatMap::run(const std::string& commands) {

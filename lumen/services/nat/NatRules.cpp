@@ -15,9 +15,10 @@ namespace lumen {
 
 namespace {
 
-lm::message refuseByKernel(const std::string& what, const RuleKey& key, const Failure& failure) {
+/// Logs that the kernel refused to do `what`; returns what its requester is told.
+Failure kernelRefusal(const std::string& what, const RuleKey& key, const Failure& failure) {
   lm::logLine("nat ", what, " failed: ", keyText(key), ": ", failure.text);
-  return lm::refusal("the kernel refused it: " + failure.text);
+  return {"the kernel refused it: " + failure.text};
 }
 
 }  // namespace
@@ -86,7 +87,7 @@ lm::message NatRules::add(const Caller& caller, const lm::message& request) {
   rule->addedAt = clock_.now();
   if (rule->inKernel()) {
     const auto added = addToKernel(*rule);
-    if (!added) return refuseByKernel("add", rule->key, added.failure());
+    if (!added) return lm::refusal(kernelRefusal("add", rule->key, added.failure()));
   }
   uint32_t id = nextId();
   insert(id, *rule);
@@ -122,14 +123,12 @@ lm::message NatRules::set(const Caller& caller, const lm::message& request) {
       return lm::refusal(allowed.failure());
   }
   const Rule replaced = before;
-  lm::message reply = replace(it, after);
-  if (!lm::isError(reply)) {
-    const bool closing = after.closed && !replaced.closed;
-    undoWith([this, id = request.get_u32(lm::key::objectId), replaced, closing] {
-      undoSet(id, replaced, closing);
-    });
-  }
-  return reply;
+  if (const auto done = replace(it, after); !done) return lm::refusal(done.failure());
+  const bool closing = after.closed && !replaced.closed;
+  undoWith([this, id = request.get_u32(lm::key::objectId), replaced, closing] {
+    undoSet(id, replaced, closing);
+  });
+  return {};
 }
 
 // Another requester can have changed the rest of the rule meanwhile.
@@ -146,12 +145,15 @@ void NatRules::undoSet(uint32_t id, const Rule& before, bool closing) {
   (void)replace(it, after);
 }
 
-lm::message NatRules::replace(Rules::iterator it, Rule after) {
+Result<void> NatRules::replace(Rules::iterator it, Rule after) {
   if (it->second.inKernel() && !after.inKernel()) {
-    if (after.earlierUses) *after.earlierUses += map_.uses(after.key).value_or(0);
+    if (after.earlierUses) {
+      const auto uses = map_.uses(after.key);
+      if (uses) *after.earlierUses += *uses;
+    }
   }
   const auto applied = apply(it->second, after);
-  if (!applied) return refuseByKernel("change", after.key, applied.failure());
+  if (!applied) return kernelRefusal("change", after.key, applied.failure());
   uint32_t id = it->first;
   erase(it);
   insert(id, after);
@@ -172,16 +174,16 @@ lm::message NatRules::remove(const Caller& caller, const lm::message& request) {
     return lm::refusal("not permitted");
   }
   const Rule removed = rule;
-  lm::message reply = drop(it);
-  if (!lm::isError(reply)) undoWith([this, id, removed] { undoRemove(id, removed); });
-  return reply;
+  if (const auto done = drop(it); !done) return lm::refusal(done.failure());
+  undoWith([this, id, removed] { undoRemove(id, removed); });
+  return {};
 }
 
-lm::message NatRules::drop(Rules::iterator it) {
+Result<void> NatRules::drop(Rules::iterator it) {
   const Rule& rule = it->second;
   if (rule.inKernel()) {
     const auto removed = map_.remove({rule.key});
-    if (!removed) return refuseByKernel("remove", rule.key, removed.failure());
+    if (!removed) return kernelRefusal("remove", rule.key, removed.failure());
     flowsMayDiffer(rule.key);
   }
   erase(it);
@@ -197,7 +199,7 @@ void NatRules::undoRemove(uint32_t id, const Rule& removed) {
   if (rule.inKernel()) {
     rule.earlierUses.reset();  // its counter has gone with its element
     if (const auto added = addToKernel(rule); !added) {
-      (void)refuseByKernel("add", rule.key, added.failure());
+      (void)kernelRefusal("add", rule.key, added.failure());
       return;
     }
   }
@@ -321,7 +323,11 @@ uint32_t NatRules::nextId() {
 NatRules::Counts NatRules::count() {
   Counts counts;
   if (rules_.empty()) return counts;
-  counts.uses = map_.uses();
+  if (auto uses = map_.uses()) {
+    counts.uses = std::move(*uses);
+  } else {
+    lm::logLine("nat uses failed: ", uses.why());
+  }
   Numbers connections;
   const bool complete = flows_.visitTranslated([&](const Flow& flow) {
     RuleKey key{.external = flow.destination, .protocol = flow.protocol};

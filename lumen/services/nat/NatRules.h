@@ -21,8 +21,8 @@ namespace lumen {
 /// The NAT rule table, handler [20, 5]: the ports that programs have opened.
 /// platform/wire/NatRules.h says how to talk to it.
 ///
-/// A rule is added, changed or removed in the kernel first and in the table only when that is done.
-/// It belongs to the connection that added it, and goes with it.
+/// Every change is made in the kernel first, and in the table once the kernel has accepted it. A
+/// rule belongs to the connection that added it and ends with that connection.
 class NatRules : public LocalHandler, private FlowCleaner::OpenPorts {
  public:
   /// All must outlive this; `policies` is loaded and `map` open.
@@ -31,7 +31,7 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts {
   NatRules(const NatRules&) = delete;
   NatRules& operator=(const NatRules&) = delete;
 
-  /// Ends, soon, the UDP flows through the ports that an earlier lumend had open.
+  /// Schedules the end of the UDP flows through ports that an earlier lumend had open.
   void endOldFlows() { cleaner_.resume(); }
   /// Whether no flow through a closed port is left.
   [[nodiscard]] bool flowsEnded() const { return cleaner_.idle(); }
@@ -45,13 +45,13 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts {
 
   using Numbers = std::map<RuleKey, uint64_t>;
 
-  /// The connections of all rules; none: not known.
+  /// The connections of all rules; none: unknown.
   struct Counts {
     std::optional<Numbers> connections;  // open now
-    std::optional<Numbers> uses;         // so far
+    std::optional<Numbers> uses;         // since the rule was added
   };
 
-  /// They are counted once for as long as one reader pages through the rules.
+  /// A reader that pages through the rules: the connections are counted once for all its pages.
   struct Listing {
     uint64_t reader = 0;
     Counts counts;
@@ -67,14 +67,13 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts {
   [[nodiscard]] Result<void> checkAdd(const Rule& rule) const;
   [[nodiscard]] Result<void> checkSet(const Rule& before, const Rule& after) const;
   [[nodiscard]] Result<void> checkRoomOf(Ipv4Address client) const;
-  /// Puts `after` in the place of a rule with the same key, in the kernel too. Returns an error or
-  /// an empty reply.
-  [[nodiscard]] lm::message replace(Rules::iterator it, Rule after);
-  /// Removes a rule, from the kernel too. Returns an error or an empty reply.
-  [[nodiscard]] lm::message drop(Rules::iterator it);
+  /// Puts `after` in the place of a rule with the same key, in the kernel too.
+  [[nodiscard]] Result<void> replace(Rules::iterator it, Rule after);
+  /// Removes a rule, from the kernel too.
+  [[nodiscard]] Result<void> drop(Rules::iterator it);
 
-  // What undoes a change that its requester has given up. The policy is not asked: the rules are
-  // to be as they were.
+  // Undo a change whose requester gave up. The policy is not consulted: the rules become what they
+  // were.
   void undoAdd(uint32_t id);
   void undoSet(uint32_t id, const Rule& before, bool closing);
   void undoRemove(uint32_t id, const Rule& removed);

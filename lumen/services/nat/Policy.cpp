@@ -101,7 +101,7 @@ Result<ClientNetworks> ClientNetworks::parse(std::string_view text) {
     }
     const Ipv4Network network(*address, *prefix);
     if (network.first() != *address) {
-      return Failure{quoted(entry) + " has bits set behind its prefix"};
+      return Failure{quoted(entry) + " has bits set after its prefix"};
     }
     clients.networks_.push_back(network);
   }

@@ -10,8 +10,8 @@
 
 namespace lumen {
 
-/// Where the policy is written down: the file of the installation, and over it what an
-/// administrator set by command, which lies in the store.
+/// The NAT policy: the defaults, changed by the installed file, changed by what an administrator
+/// has set by command, which is kept in the store.
 class PolicyBook {
  public:
   /// `storeDirectory` must exist.
@@ -27,7 +27,7 @@ class PolicyBook {
   };
 
   /// Reads both. A file that does not exist leaves the defaults. Fails when anything is
-  /// wrong: a policy that is half understood may open more than it was written to allow.
+  /// wrong: a policy that is half understood may open more than its author intended.
   [[nodiscard]] Result<void> load();
 
   /// The policy in force.
@@ -36,13 +36,13 @@ class PolicyBook {
   /// The policy in force as the fields of lm::nat::key.
   [[nodiscard]] lm::message settings() const;
 
-  /// Changes the fields that `request` has, for good, as lm::nat::key says. After a failure nothing
+  /// Sets the fields of `request` permanently; lm::nat::key describes them. After a failure nothing
   /// has changed.
   [[nodiscard]] Result<void> write(const lm::message& request);
 
   [[nodiscard]] const State& state() const { return state_; }
-  /// Makes `state`, of before a write, hold again. What cannot be stored is logged by the store and
-  /// holds until the end of the process.
+  /// Restores `state`, which was read before a write. If it cannot be stored, the store logs why
+  /// and it holds until this process ends.
   void restore(const State& state);
 
  private:

@@ -27,20 +27,20 @@ size_t findLongLine(std::string_view text) {
 struct Reading {
   Policy policy;
   std::set<std::string, std::less<>> seen;
-  std::string error;  // the first
+  Result<void> outcome;
 };
 
 int takeLine(void* user, const char* section, const char* name, const char* value) {
   auto& reading = *static_cast<Reading*>(user);
-  if (!reading.error.empty()) return 0;
+  if (!reading.outcome) return 0;
   if (*section != '\0') {
-    reading.error = "sections are not used";
+    reading.outcome = Failure{"sections are not used"};
   } else if (!reading.seen.insert(name).second) {
-    reading.error = "\"" + std::string(name) + "\" is set twice";
-  } else if (const auto set = reading.policy.set(name, value); !set) {
-    reading.error = set.why();
+    reading.outcome = Failure{"\"" + std::string(name) + "\" is set twice"};
+  } else {
+    reading.outcome = reading.policy.set(name, value);
   }
-  return reading.error.empty() ? 1 : 0;
+  return reading.outcome ? 1 : 0;
 }
 
 }  // namespace
@@ -54,8 +54,9 @@ Result<Policy> parsePolicyFile(std::string_view text) {
   Reading reading;
   const int line = ini_parse_string(std::string(text).c_str(), takeLine, &reading);
   if (line > 0) {
-    return Failure{":" + std::to_string(line) + ": " +
-                   (reading.error.empty() ? "not a line of the form name = value" : reading.error)};
+    return Failure{
+        ":" + std::to_string(line) + ": " +
+        (reading.outcome ? "not a line of the form name = value" : reading.outcome.why())};
   }
   return reading.policy;
 }

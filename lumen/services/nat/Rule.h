@@ -10,7 +10,7 @@
 
 namespace lumen {
 
-/// What a rule is known by in the kernel: one protocol's packets to one external endpoint.
+/// What identifies a rule in the kernel: one protocol's packets to one external endpoint.
 struct RuleKey {
   Endpoint external;
   uint8_t protocol = 0;  ///< IPPROTO_TCP or IPPROTO_UDP
@@ -27,7 +27,7 @@ struct Rule {
   uint64_t connection = 0;  ///< of its owner
   std::string owner;        ///< service name
   lm::Clock::Time addedAt;
-  /// Connections that came before it last left the kernel; none: not known.
+  /// Connections counted before the rule last left the kernel; none: unknown.
   std::optional<uint64_t> earlierUses = 0;
 
   [[nodiscard]] bool inKernel() const { return !disabled && !closed; }

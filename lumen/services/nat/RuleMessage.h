@@ -9,9 +9,9 @@
 
 namespace lumen {
 
-/// The rule that an add request asks for: its key, client and disabled flag. Fails when it is
-/// not one that the table can hold. Whether the router has the address and the policy allows it is
-/// not looked at.
+/// The rule that an add request describes: its key, client and disabled flag. Fails when the table
+/// cannot hold such a rule. Whether the router has the address and the policy allows the rule is
+/// not checked.
 [[nodiscard]] Result<Rule> readRule(const lm::message& request);
 
 /// What a set request changes. A field that is absent stays as it is.
@@ -25,12 +25,12 @@ struct RuleChange {
 /// Fails when the request says something else.
 [[nodiscard]] Result<RuleChange> readChange(const lm::message& request);
 
-/// What a record tells of a rule beside the rule itself.
+/// What a record shows beside the rule itself.
 struct RuleStatus {
   std::chrono::seconds age{0};
-  std::optional<uint64_t> connections = std::nullopt;  ///< none: not known
+  std::optional<uint64_t> connections = std::nullopt;  ///< none: unknown
   bool stale = false;
-  std::optional<uint64_t> uses = std::nullopt;  ///< none: not known
+  std::optional<uint64_t> uses = std::nullopt;  ///< none: unknown
 };
 
 /// The rule as it is listed: the fields of the add request in their order, then the others.

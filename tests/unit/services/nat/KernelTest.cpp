@@ -115,8 +115,8 @@ TEST_F(NatKernelTest, TellsHowOftenAPortWasUsed) {
                   ->run("add element ip lumen forwards { 45.45.45.1 . tcp . 8080 counter packets 7 "
                         "bytes 900 : 192.168.88.10 . 80 }")
                   .ok());
-  EXPECT_EQ(map->uses(), (std::map<RuleKey, uint64_t>{{key, 7}, {udp, 0}}));
-  EXPECT_EQ(map->uses(key), 7U);
+  EXPECT_EQ(*map->uses(), (std::map<RuleKey, uint64_t>{{key, 7}, {udp, 0}}));
+  EXPECT_EQ(*map->uses(key), 7U);
 }
 
 // Promise [kernel-owned]: No other program can change or flush the table, and `nft flush ruleset`
@@ -141,7 +141,7 @@ TEST_F(NatKernelTest, RefusesASecondTableInTheSameNamespace) {
   LibNftables other;
   EXPECT_EQ(whyNot(NatMap(other).open(NAT_RULESET_FILE)),
             "nftables table ip lumen exists already: another lumend runs in this network "
-            "namespace, or somebody else made it");
+            "namespace, or another program made it");
 }
 
 // Promise [kernel-gone]: The table goes with lumend, however that ends.

@@ -38,12 +38,12 @@ TEST_F(NatMapTest, LoadsTheRulesetOnceItIsSureThatNobodyElseHasTheTable) {
 }
 
 // Promise [one-table]: A second lumend in one network namespace is refused: `nftables table ip
-// lumen exists already: another lumend runs in this network namespace, or somebody else made it`.
+// lumen exists already: another lumend runs in this network namespace, or another program made it`.
 TEST_F(NatMapTest, RefusesToShareTheTable) {
   nftables.prints("list tables ip", "table ip filter\ntable ip lumen\n");
   EXPECT_EQ(whyNot(map.open("/r.nft")),
             "nftables table ip lumen exists already: another lumend runs in this network "
-            "namespace, or somebody else made it");
+            "namespace, or another program made it");
   EXPECT_EQ(nftables.texts, Texts{"list tables ip"});
 }
 
@@ -95,12 +95,12 @@ TEST_F(NatMapTest, ReadsHowOftenEachPortWasUsed) {
   const RuleKey tcp{.external = {.address = ip("45.45.45.1"), .port = 80}, .protocol = 6};
   const RuleKey udp{.external = {.address = ip("1.2.3.4"), .port = 65535}, .protocol = 17};
   using Uses = std::map<RuleKey, uint64_t>;
-  EXPECT_EQ(map.uses(), Uses{});
+  EXPECT_EQ(*map.uses(), Uses{});
   nftables.prints(list,
                   "table ip lumen {\n\tmap forwards {\n\t\tcounter\n\t\telements = { 45.45.45.1 . "
                   "tcp . 80 counter packets 18446744073709551615 bytes 1 : 192.168.88.10 . 80,\n"
                   "\t\t\t     1.2.3.4 . udp . 65535 counter packets 0 bytes 0 : 10.0.0.1 . 1 }\n");
-  EXPECT_EQ(map.uses(), (Uses{{tcp, UINT64_MAX}, {udp, 0}}));
+  EXPECT_EQ(*map.uses(), (Uses{{tcp, UINT64_MAX}, {udp, 0}}));
 }
 
 // Promise: How many connections used a port is known also where the kernel's protocols have no
@@ -111,8 +111,8 @@ TEST_F(NatMapTest, KnowsTheProtocolsByTheirNumbersToo) {
                   "45.45.45.1 . 17 . 80 counter packets 4 bytes 180 : 10.0.0.1 . 1 }");
   const Endpoint external{.address = ip("45.45.45.1"), .port = 80};
   using Uses = std::map<RuleKey, uint64_t>;
-  EXPECT_EQ(map.uses(), (Uses{{{.external = external, .protocol = 6}, 3},
-                              {{.external = external, .protocol = 17}, 4}}));
+  EXPECT_EQ(*map.uses(), (Uses{{{.external = external, .protocol = 6}, 3},
+                               {{.external = external, .protocol = 17}, 4}}));
 }
 
 TEST_F(NatMapTest, PassesOverElementsThatItDidNotMake) {

@@ -34,7 +34,7 @@ TEST(Policy, TakesPortsAndRangesOfPorts) {
 
 // Promise [policy-clients]: Allowed clients are `connected`, addresses and networks, at most 64:
 // `internal-clients: "::1" is neither "connected", an address nor a network like 192.168.88.0/24`,
-// `internal-clients: "10.0.0.1/24" has bits set behind its prefix`, `internal-clients: more than 64
+// `internal-clients: "10.0.0.1/24" has bits set after its prefix`, `internal-clients: more than 64
 // networks`.
 TEST(Policy, TakesNetworksAndHosts) {
   Policy policy;
@@ -134,7 +134,7 @@ TEST(Policy, SaysWhatIsWrongWithAValueAndKeepsTheOldOne) {
       {"internal-clients", "010.0.0.0/8", "internal-clients: \"010.0.0.0/8\"" NO_NETWORK},
       {"internal-clients", "::1", "internal-clients: \"::1\"" NO_NETWORK},
       {"internal-clients", "10.0.0.1/24",
-       "internal-clients: \"10.0.0.1/24\" has bits set behind its prefix"},
+       "internal-clients: \"10.0.0.1/24\" has bits set after its prefix"},
       {"internal-clients", manyClients, "internal-clients: more than 64 networks"},
       {"max-rules", "", "max-rules: \"\" is not a number from 0 to 65536"},
       {"max-rules", "65537", "max-rules: \"65537\" is not a number from 0 to 65536"},
