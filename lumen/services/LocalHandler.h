@@ -10,7 +10,7 @@
 
 namespace lumen {
 
-/// Who sent a request, as the kernel told when it connected.
+/// The sender of a request, as the kernel identified it at connect.
 struct Caller {
   uint64_t connection = 0;     ///< never used twice in one run
   uint32_t service = 0;        ///< its service number: registered, or that of its user; 0: none
@@ -24,8 +24,8 @@ class LocalHandler {
  public:
   virtual ~LocalHandler() = default;
 
-  /// Answers one request. What the caller may not do gets the error "not permitted", a command that
-  /// the handler does not have "unknown command".
+  /// Answers one request: with the error "not permitted" what the caller may not do, with "unknown
+  /// command" a command that the handler does not have.
   [[nodiscard]] virtual lm::message handle(const Caller& caller, uint32_t command,
                                            const lm::message& request) = 0;
 
@@ -35,23 +35,23 @@ class LocalHandler {
   /// stays where that is possible.
   [[nodiscard]] std::function<void()> takeUndo() { return std::exchange(undo_, nullptr); }
 
-  /// The connection has ended, however it did: what depends on it goes.
+  /// The connection has ended, for whatever reason: removes what depends on it.
   virtual void connectionEnded(uint64_t connection) { (void)connection; }
 
  protected:
-  /// The change that `handle` makes is undone by `undo`, should its caller give it up.
+  /// To be called from `handle`: `undo` undoes the change if its caller gives up.
   void undoWith(std::function<void()> undo) { undo_ = std::move(undo); }
 
  private:
   std::function<void()> undo_;
 };
 
-/// Sends notifications to whoever subscribed to them.
+/// Sends notifications to their subscribers.
 class Notifier {
  public:
   virtual ~Notifier() = default;
-  /// Sends `fields` as notification `command` from path `source`. Waits for nobody and dispatches
-  /// nothing before it returns.
+  /// Sends `fields` as notification `command` from path `source`. Neither blocks nor dispatches
+  /// anything.
   virtual void notify(uint32_t command, const std::vector<uint32_t>& source,
                       const lm::message& fields) = 0;
 };

@@ -16,7 +16,8 @@ constexpr ProgramUsage usage(
     "The platform of this router: passes messages between its programs, runs its services, and\n"
     "changes links, addresses and NAT for them. Must be started by root.\n"
     "\n"
-    "  --root DIR  use DIR as /lumen, for a test or a demonstration; nobody else sees it there\n"
+    "  --root DIR  use DIR as /lumen, for a test or a demonstration; no other program sees it "
+    "there\n"
     "  --help      show this\n"
     "  --version   show the version\n");
 

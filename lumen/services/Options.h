@@ -7,10 +7,10 @@ namespace lumen {
 /// What lumend was started with.
 struct Options {
   std::string root;  ///< the directory that is to be /lumen; empty: the real one
-  int status = -1;   ///< 0 or more: there is nothing to do but to end with it
+  int status = -1;   ///< 0 or more: the program is to exit with it at once
 };
 
-/// Reads the command line; help, version and complaints are printed here.
+/// Reads the command line; prints help, version and errors.
 [[nodiscard]] Options readOptions(int argc, char** argv);
 
 }  // namespace lumen

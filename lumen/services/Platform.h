@@ -42,7 +42,7 @@ inline std::string store(const std::string& name) { return storeFolder + "/" + n
 /// Everything that lumend does, on the real kernel.
 class Platform {
  public:
-  /// The stores of lumend's own, directories in the store folder that must exist.
+  /// The names of lumend's own stores, directories in the store folder that must exist.
   static std::vector<std::string> stores() { return {"history", "identity", "interfaces", "nat"}; }
 
   /// `loop` and `processes` must outlive this.

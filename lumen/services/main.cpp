@@ -38,7 +38,7 @@ constexpr const char* packagedRuleset = "/etc/lumen/nat-ruleset.nft";
 constexpr unsigned forAll = 0755;
 constexpr unsigned forOwner = 0700;
 
-void demand(const lumen::Result<void>& done) {
+void exitOnError(const lumen::Result<void>& done) {
   if (!done) lm::fatal("lumend: ", done.why());
 }
 
@@ -48,11 +48,11 @@ void checkKernel() {
   const auto version = lumen::KernelVersion::parse(system.release);
   if (version && *version >= lumen::oldestKernel) return;
   lm::fatal("lumend: needs Linux ", lumen::oldestKernel.text(),
-            " for a NAT table that nobody else can change; this is ", system.release);
+            " for a NAT table that no other program can change; this is ", system.release);
 }
 
-// Before any file is made: outside of its unit a packaged lumend sees an empty /lumen, and what it
-// made there no removal of the package would find.
+// To be called before any file is made: outside its unit a packaged lumend sees an empty /lumen,
+// and removing the package would not remove what it made there.
 void checkConfiguration() {
   if (access(path::natRuleset.c_str(), F_OK) == 0) return;
   const int error = errno;
@@ -61,9 +61,9 @@ void checkConfiguration() {
             packaged ? "; to start the lumend of the package: systemctl start lumend" : "");
 }
 
-// What the starter left open is none of ours; and a missing standard descriptor would become one of
-// the first files that are opened.
-void tidyDescriptors() {
+// Also opens the standard descriptors that are missing: the first files opened would get their
+// numbers.
+void closeInheritedDescriptors() {
   close_range(STDERR_FILENO + 1, ~0U, 0);
   while (true) {
     lm::Fd null(open("/dev/null", O_RDWR | O_CLOEXEC));
@@ -75,9 +75,7 @@ void tidyDescriptors() {
 }
 
 void keepOnly(std::span<const unsigned> capabilities) {
-  if (!lumen::keepCapabilities(capabilities)) {
-    lm::fatal("lumend: cannot give up its privileges: ", strerror(errno));
-  }
+  exitOnError(lumen::keepCapabilities(capabilities));
 }
 
 std::vector<ServiceDefinition> readServices() {
@@ -86,15 +84,16 @@ std::vector<ServiceDefinition> readServices() {
   return lumen::readServiceFolder(path::serviceFolder, lumen::SystemUsers(), own);
 }
 
-// What an installation does, for a directory that has not seen one.
+// Does what an installation would do, for a directory without one.
 void prepareRoot(const std::vector<ServiceDefinition>& services, lumen::LinuxProcesses& processes) {
-  demand(lumen::makeDirectory(path::runFolder, 0, 0, forAll));
-  demand(lumen::makeDirectory(path::storeFolder, 0, 0, forAll));
+  exitOnError(lumen::makeDirectory(path::runFolder, 0, 0, forAll));
+  exitOnError(lumen::makeDirectory(path::storeFolder, 0, 0, forAll));
   for (const ServiceDefinition& service : services) {
     for (const std::string& store : service.stores) {
-      demand(lumen::makeDirectory(path::store(store), service.user, service.group, forOwner));
+      exitOnError(lumen::makeDirectory(path::store(store), service.user, service.group, forOwner));
     }
-    processes.open(service.executable);
+    const lumen::Result<void> opened = processes.open(service.executable);
+    if (!opened) lm::logLine(service.name, ": ", opened.why());
   }
 }
 
@@ -109,11 +108,11 @@ void reportMissingStores(const std::vector<ServiceDefinition>& services) {
   }
 }
 
-lm::Fd becomeTheOnlyOne() {
+lm::Fd acquireInstanceLock() {
   lm::Fd lock = lumen::openLockFile(path::lock);
   if (!lock.valid()) lm::fatal("lumend: ", path::lock, ": ", strerror(errno));
   if (!lumen::takeLock(lock.get())) {
-    lm::fatal("lumend: another one runs already, process ", lumen::holderOf(lock.get()));
+    lm::fatal("lumend: another lumend is running, process ", lumen::holderOf(lock.get()));
   }
   return lock;
 }
@@ -125,12 +124,12 @@ int main(int argc, char** argv) {
   if (options.status >= 0) return options.status;
   const bool privateRoot = !options.root.empty();
   checkKernel();
-  demand(lumen::checkPrivileges(privateRoot ? lumen::capabilitiesForPrivateRoot()
-                                            : lumen::neededCapabilities()));
-  tidyDescriptors();
+  exitOnError(lumen::checkPrivileges(privateRoot ? lumen::capabilitiesForPrivateRoot()
+                                                 : lumen::neededCapabilities()));
+  closeInheritedDescriptors();
   umask(077);
   if (privateRoot) {
-    demand(lumen::enterPrivateRoot(options.root));
+    exitOnError(lumen::enterPrivateRoot(options.root));
     keepOnly(lumen::capabilitiesForPrivateRoot());
   } else {
     keepOnly(lumen::neededCapabilities());
@@ -148,15 +147,15 @@ int main(int argc, char** argv) {
     keepOnly(lumen::neededCapabilities());
   }
   for (const std::string& store : Platform::stores()) {
-    demand(lumen::makeDirectory(path::store(store), 0, 0, forOwner));
+    exitOnError(lumen::makeDirectory(path::store(store), 0, 0, forOwner));
   }
-  demand(lumen::makeDirectory(path::flowMarks, 0, 0, forOwner));
+  exitOnError(lumen::makeDirectory(path::flowMarks, 0, 0, forOwner));
   reportMissingStores(services);
-  const lm::Fd lock = becomeTheOnlyOne();
+  const lm::Fd lock = acquireInstanceLock();
 
   Platform platform(loop, processes, std::move(services));
   signals.watch<&Platform::shutDown>(platform);
-  demand(platform.start());
+  exitOnError(platform.start());
   lumen::ServiceManager manager = lumen::ServiceManager::ofThisProcess();
   manager.ready();
   while (!platform.isShutDown()) loop.turn(std::nullopt);

@@ -8,7 +8,7 @@
 #include "lumen/runtime/Log.h"
 #include "lumen/runtime/Refusal.h"
 #include "lumen/runtime/Time.h"
-#include "lumen/services/broker/Shown.h"
+#include "lumen/services/broker/MonitorEvent.h"
 #include "platform/Keys.h"
 #include "platform/wire/Broker.h"
 #include "platform/wire/Monitor.h"
@@ -139,7 +139,7 @@ void Broker::reply(Connection& from, lm::message reply) {
   answer(numberOf(from), *to, std::move(reply));
 }
 
-// An answer that has been sent came too late: the program drops it, as it does the one from here.
+// An answer that was sent already came too late: the requester drops it, and this refusal too.
 void Broker::cancel(Connection& from, uint32_t serial) {
   const Requester requester{from.number(), serial};
   if (requests_.dropWaiting(requester)) {
@@ -263,7 +263,7 @@ lm::message Broker::listServices(const Connection& from) const {
   return reply;
 }
 
-// Who starts to watch, or stops, is not shown the answer to that.
+// A monitor is not shown the answer to its own request.
 void Broker::monitor(Connection& from, const lm::message& request) {
   const Requester to = requester(from, request);
   if (!from.rights().administrator()) return refuse(to, notPermitted);
@@ -343,13 +343,13 @@ void Broker::unavailable(uint32_t number) {
   watchDeadlines();
 }
 
-void Broker::hearOut(pid_t pid) {
+void Broker::drainConnections(pid_t pid) {
   std::vector<uint64_t> ofProcess;
   for (const auto& [number, connection] : connections_) {
     if (connection->peer().pid == pid) ofProcess.push_back(number);
   }
   for (const uint64_t number : ofProcess) {
-    if (Connection* const connection = find(number)) connection->hearOut();
+    if (Connection* const connection = find(number)) connection->drain();
   }
 }
 
@@ -374,11 +374,11 @@ void Broker::publish(uint32_t command, Path source, const lm::message& notificat
 }
 
 void Broker::show(uint32_t from, uint32_t to, const lm::message& message) const {
-  const std::string datagram = shown(from, to, message);
+  const std::string datagram = encodeMonitorEvent(from, to, message);
   for (const uint64_t monitor : monitors_) find(monitor)->send(datagram);
 }
 
-// Every request comes by here exactly once.
+// Every request passes through here exactly once.
 void Broker::answer(uint32_t from, Requester to, lm::message reply) {
   Connection* const connection = find(to.connection);
   if (connection == nullptr) return;
@@ -405,7 +405,7 @@ Connection* Broker::find(uint64_t connection) const {
   return found == connections_.end() ? nullptr : found->second.get();
 }
 
-// Between two registrations a service is still known by the user that it runs as.
+// Between two registrations a service is still identified by its user.
 uint32_t Broker::serviceOf(const Connection& connection) const {
   if (!connection.serves.empty()) return connection.serves.front();
   const std::vector<uint32_t>& services = connection.rights().services();

@@ -28,7 +28,7 @@ namespace lumen {
 
 /// Passes messages between the programs of this router, and between them and the handlers of this
 /// process. It handles what each program sends strictly in order and waits for none of them. A
-/// program whose bytes are no message, or no request, notification or reply, is disconnected.
+/// program that sends anything but a request, a notification or a reply is disconnected.
 class Broker : public Notifier, public Services::Observer, public Connection::Owner {
  public:
   /// How long a request waits for its service to come up.
@@ -52,13 +52,13 @@ class Broker : public Notifier, public Services::Observer, public Connection::Ow
   /// the first connection.
   void addLocal(uint32_t service, uint32_t number, LocalHandler& handler);
 
-  /// A program has connected. Who has no right to anything is disconnected at once.
+  /// A program has connected. One that has no rights is disconnected at once.
   void admit(lm::Fd socket, const Peer& peer);
 
   void notify(uint32_t command, const std::vector<uint32_t>& source,
               const lm::message& fields) override;
 
-  void hearOut(pid_t pid) override;
+  void drainConnections(pid_t pid) override;
   void unavailable(uint32_t number) override;
 
  private:
@@ -68,12 +68,12 @@ class Broker : public Notifier, public Services::Observer, public Connection::Ow
   void request(Connection& from, lm::message request);
   void notification(Connection& from, lm::message notification);
   void reply(Connection& from, lm::message reply);
-  /// `from` waits no longer for the answer to its request with that serial.
+  /// `from` no longer waits for the answer to its request with that serial.
   void cancel(Connection& from, uint32_t serial);
-  /// The service at that connection is told so, if it is still there.
+  /// Notifies the service at that connection, if it is still connected.
   void passCancellation(SentRequest request);
 
-  // The broker's own commands. Each answers by itself.
+  // The broker's own commands.
   void own(Connection& from, const lm::message& request);
   void registerServices(Connection& from, const lm::message& request);
   void unregisterServices(Connection& from, const lm::message& request);
@@ -92,7 +92,7 @@ class Broker : public Notifier, public Services::Observer, public Connection::Ow
   void late();
   void watchDeadlines();
 
-  /// `from` is the number of who answers, for those who monitor.
+  /// `from` is the number of the service that answers, as monitors see it.
   void answer(uint32_t from, Requester to, lm::message reply);
   void refuse(Requester to, const std::string& text);
   void publish(uint32_t command, Path source, const lm::message& notification);
@@ -112,7 +112,7 @@ class Broker : public Notifier, public Services::Observer, public Connection::Ow
   std::set<uint32_t> localServices_;
 
   uint64_t lastConnection_ = 0;
-  uid_t lastRefused_ = 0;  // so that a stranger who tries again and again does not fill the log
+  uid_t lastRefused_ = 0;  // logged once: repeated attempts must not fill the log
   std::map<uint64_t, std::unique_ptr<Connection>> connections_;
   std::map<uint32_t, uint64_t> registrations_;  // from service to connection
   Subscriptions subscriptions_;

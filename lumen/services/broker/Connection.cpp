@@ -70,9 +70,9 @@ Connection::Received Connection::receive() {
   return Received::nothing;
 }
 
-void Connection::hearOut() {
-  // Another process may have inherited the other end: what it sends from now on the kernel refuses,
-  // so that what is there comes to an end.
+void Connection::drain() {
+  // Another process may have inherited the other end. From now on the kernel refuses what it sends,
+  // so that the backlog is finite.
   shutdown(socket_.get(), SHUT_RD);
   while (!dropped_ && receive() == Received::datagram) {
   }
@@ -88,11 +88,11 @@ Connection::Sent Connection::trySend(const std::string& datagram) {
 }
 
 void Connection::send(std::string datagram) {
-  if (deaf_) return;
+  if (sendClosed_) return;
   if (queue_.empty()) {
     const Sent sent = trySend(datagram);
-    // Its end shows to receive, after everything that it has sent.
-    if (sent == Sent::never) deaf_ = true;
+    // receive() sees its end, after everything that it has sent.
+    if (sent == Sent::never) sendClosed_ = true;
     if (sent != Sent::notNow) return;
   }
   queued_ += datagram.size();
@@ -106,7 +106,7 @@ void Connection::sendQueue() {
     const Sent sent = trySend(queue_.front());
     if (sent == Sent::notNow) return;
     if (sent == Sent::never) {
-      deaf_ = true;
+      sendClosed_ = true;
       queue_.clear();
       break;
     }
@@ -119,7 +119,7 @@ void Connection::sendQueue() {
 void Connection::drop(std::string why) {
   if (dropped_) return;
   dropped_ = true;
-  deaf_ = true;
+  sendClosed_ = true;
   why_ = std::move(why);
   watch_.stop();
   queue_.clear();

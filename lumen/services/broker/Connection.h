@@ -16,8 +16,8 @@
 
 namespace lumen {
 
-/// The broker's end of one program's socket. It never waits for the program: what that does not
-/// read is queued up to a limit.
+/// The broker's end of one program's socket. It never waits for the program: what the program does
+/// not read is queued up to a limit.
 class Connection {
  public:
   class Owner {
@@ -25,8 +25,8 @@ class Connection {
     virtual ~Owner() = default;
     /// The program has sent a datagram. `from` must not be destroyed before this returns.
     virtual void received(Connection& from, std::string_view datagram) = 0;
-    /// The connection is to be destroyed; `why` says what ended it, empty: the program has. It is
-    /// called from the event loop or from hearOut, never from inside another operation.
+    /// The connection is to be destroyed; `why` says why the broker ended it, empty: the program
+    /// did. Called from the event loop or from drain, never from inside another operation.
     virtual void ended(Connection& connection, const std::string& why) = 0;
   };
 
@@ -41,9 +41,9 @@ class Connection {
   void send(std::string datagram);
   /// Ends the connection in the next turn of the loop; nothing is sent or received any more.
   void drop(std::string why);
-  /// The program has ended: handles what it has sent so far, then ends the connection, whoever else
-  /// still holds the other end.
-  void hearOut();
+  /// The program has ended: handles everything that it has sent, then ends the connection, even if
+  /// another process still holds the other end.
+  void drain();
 
   [[nodiscard]] uint64_t number() const { return number_; }
   [[nodiscard]] const Peer& peer() const { return peer_; }
@@ -77,8 +77,8 @@ class Connection {
   lm::Fd socket_;
   lm::Watch watch_;
   std::deque<std::string> queue_;
-  size_t queued_ = 0;  // bytes in queue_
-  bool deaf_ = false;  // the program reads no more, but may have sent something
+  size_t queued_ = 0;        // bytes in queue_
+  bool sendClosed_ = false;  // the program reads no more, but may have sent something
   bool dropped_ = false;
   std::string why_;
   lm::Timer finish_;

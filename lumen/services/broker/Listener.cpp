@@ -33,10 +33,10 @@ Result<void> Listener::listen(const std::string& path) {
   memcpy(address.sun_path, path.c_str(), path.size() + 1);
   unlink(path.c_str());
   socket_.reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  constexpr mode_t everybody = 0666;
+  constexpr mode_t allUsers = 0666;
   if (!socket_.valid() ||
       bind(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-      chmod(path.c_str(), everybody) != 0 || ::listen(socket_.get(), backlog) != 0) {
+      chmod(path.c_str(), allUsers) != 0 || ::listen(socket_.get(), backlog) != 0) {
     return Failure{path + ": " + strerror(errno)};
   }
   path_ = path;

@@ -19,7 +19,7 @@ class Listener {
   /// Removes the socket.
   ~Listener();
 
-  /// Starts to listen at `path`; a socket that an earlier process has left there goes.
+  /// Starts to listen at `path`; removes a socket that an earlier process has left there.
   [[nodiscard]] Result<void> listen(const std::string& path);
 
  private:

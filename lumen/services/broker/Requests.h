@@ -12,7 +12,7 @@
 
 namespace lumen {
 
-/// Who waits for an answer, and under which serial.
+/// The connection that waits for an answer, and the serial of its request.
 struct Requester {
   uint64_t connection = 0;
   uint32_t serial = 0;
@@ -20,7 +20,7 @@ struct Requester {
   bool operator==(const Requester&) const = default;
 };
 
-/// A request as the connection knows it that it was sent to.
+/// A request under the serial by which its receiver knows it.
 struct SentRequest {
   uint64_t to = 0;
   uint32_t serial = 0;
@@ -34,14 +34,16 @@ struct WaitingRequest {
   std::string datagram;  ///< the request without serial: far smaller than its message
 };
 
-/// The requests that are not answered yet. Each is answered once: whoever takes one out answers it.
+/// The requests that are not answered yet. Each is answered once: the caller that takes one out
+/// answers it.
 class Requests {
  public:
   /// Notes a request that is sent to the connection `to`; returns its serial there.
   [[nodiscard]] uint32_t sent(Requester from, uint64_t to);
-  /// The reply with this serial has come from the connection `to`. None when nobody waits for it.
+  /// The reply with this serial has come from the connection `to`. None when no requester waits for
+  /// it.
   [[nodiscard]] std::optional<Requester> answered(uint32_t serial, uint64_t to);
-  /// The connection `to` has ended: everybody who still waits for it.
+  /// The connection `to` has ended: the requesters that still wait for it.
   [[nodiscard]] std::vector<Requester> takeSentTo(uint64_t to);
 
   /// The requester has given up. Where the request was sent to; none: it was not, or is answered.

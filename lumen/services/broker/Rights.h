@@ -11,7 +11,8 @@
 
 namespace lumen {
 
-/// What a connection may do, decided when it is made. A local handler decides about itself.
+/// What a connection may do, decided when it is made. Local handlers check the rights to their own
+/// commands.
 class Rights {
  public:
   /// `administrators` is the group whose members may do everything, if there is one.
@@ -23,7 +24,7 @@ class Rights {
   /// The services whose user this is, in rising order.
   [[nodiscard]] const std::vector<uint32_t>& services() const { return services_; }
 
-  /// Whether it may ask others for anything at all.
+  /// Whether it may send requests to services at all.
   [[nodiscard]] bool mayAsk() const { return mayAsk_; }
   [[nodiscard]] bool mayServe(uint32_t number) const;
   /// Whether it may send requests to another program.

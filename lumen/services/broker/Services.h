@@ -10,16 +10,17 @@
 
 namespace lumen {
 
-/// What the broker must know of the services that have a service file.
+/// What the broker needs to know about the services that have a service file.
 class Services {
  public:
-  /// The one that must know what became of a service.
+  /// Is notified of what becomes of a service.
   class Observer {
    public:
     virtual ~Observer() = default;
-    /// The process has ended: what it sent before is to be handled now, before its end is judged.
-    virtual void hearOut(pid_t pid) = 0;
-    /// The service does not come up soon; who waits for it waits in vain.
+    /// The process has ended. Handle everything that it has sent before this returns: whether it
+    /// unregistered decides what its end means.
+    virtual void drainConnections(pid_t pid) = 0;
+    /// The service will not come up soon: refuse the requests that wait for it.
     virtual void unavailable(uint32_t number) = 0;
   };
 
@@ -31,19 +32,19 @@ class Services {
   /// The services that run as this user, in rising order.
   [[nodiscard]] virtual std::vector<uint32_t> servicesOf(uid_t user) const = 0;
 
-  /// Whether it may ask other services for something.
+  /// Whether it may send requests to other services.
   [[nodiscard]] virtual bool mayAsk(uint32_t number) const = 0;
 
   /// A request for this service, which is defined, has arrived and no connection serves it. Starts
-  /// it if that is possible; an administrator's request ends a back-off. True when a process that
-  /// will serve it is on its way.
+  /// it if that is possible; an administrator's request ends a back-off. True when a process is
+  /// about to serve it.
   virtual bool need(uint32_t number, bool administrator) = 0;
 
   /// A connection serves the number.
   virtual void registered(uint32_t number) = 0;
-  /// It does no more, by its own will.
+  /// The connection has unregistered the number.
   virtual void unregistered(uint32_t number) = 0;
-  /// It does no more, since the connection has ended.
+  /// The connection that served the number has ended.
   virtual void lost(uint32_t number) = 0;
 
   /// A record with the fields of lm::broker::listed for each service, in rising order of number.

@@ -23,9 +23,9 @@ void Subscriptions::removeAll(uint64_t connection) {
 }
 
 const std::set<uint64_t>& Subscriptions::subscribers(uint32_t command, Path source) const {
-  static const std::set<uint64_t> nobody;
+  static const std::set<uint64_t> none;
   const auto found = topics_.find(topic(command, source));
-  return found == topics_.end() ? nobody : found->second;
+  return found == topics_.end() ? none : found->second;
 }
 
 }  // namespace lumen

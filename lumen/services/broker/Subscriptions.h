@@ -13,7 +13,7 @@ struct Path {
   uint32_t service = 0;
   uint32_t handler = 0;
 
-  /// A missing handler is number 0; elements after the second do not count.
+  /// A missing handler is number 0; elements after the second are ignored.
   static Path of(const std::vector<uint32_t>& elements) {
     return {elements.empty() ? 0 : elements[0], elements.size() < 2 ? 0 : elements[1]};
   }

@@ -17,7 +17,7 @@ namespace {
 
 constexpr std::chrono::seconds firstDelay(1);
 constexpr std::chrono::seconds longestDelay(60);
-constexpr std::chrono::seconds goodLife(60);
+constexpr std::chrono::seconds stableRuntime(60);
 constexpr std::chrono::milliseconds lockPoll(100);
 constexpr std::chrono::seconds lockLimit(10);
 
@@ -91,7 +91,7 @@ void Service::retry() {
   if (clock_.now() >= lockDeadline_) {
     log("kills the process that an earlier lumend has left");
     processes_.killLockHolder(program_.lockFile);
-    // The lock may have another holder, whom only now anybody can see.
+    // The lock may have another holder, which was not visible before.
     lockDeadline_ = clock_.now() + lockLimit;
   }
   timer_.start<&Service::retry>(*this, timerDelay(lockPoll));
@@ -104,8 +104,8 @@ void Service::launch() {
   released_ = false;
   nextLife_ = NextLife::notWanted;
   startedAt_ = clock_.now();
-  const std::optional<pid_t> pid = processes_.start(program_);
-  if (!pid) return crashed("cannot be started", false);
+  const Result<pid_t> pid = processes_.start(program_);
+  if (!pid) return crashed("cannot be started (" + pid.why() + ")", false);
   pid_ = *pid;
   phase_ = Phase::up;
   log("started, process " + std::to_string(pid_));
@@ -113,19 +113,19 @@ void Service::launch() {
 
 void Service::ended(int status) {
   pid_ = 0;
-  if (clock_.now() - startedAt_ >= goodLife) delay_ = {};
+  if (clock_.now() - startedAt_ >= stableRuntime) delay_ = {};
   if (shuttingDown_) {
     log(describe(status));
     phase_ = Phase::stopped;
     observer_->unavailable(definition_.number);
   } else if (released_ && status == 0) {
-    endedAsWished();
+    endedCleanly();
   } else {
     crashed(describe(status), nextLife_ == NextLife::wantedByAdministrator);
   }
 }
 
-void Service::endedAsWished() {
+void Service::endedCleanly() {
   log("ended, not needed now");
   phase_ = Phase::stopped;
   if (nextLife_ != NextLife::notWanted) start();

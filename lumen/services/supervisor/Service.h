@@ -17,8 +17,8 @@ namespace lumen {
 ///
 /// A process that has unregistered and exits with 0 was not needed any more; every other end is a
 /// crash, after which the next start is put off by a second, and by twice as long after each
-/// further crash, up to a minute. A process that ran for a minute, however it ended, starts the
-/// count anew.
+/// further crash, up to a minute. A process that ran for a minute, however it ended, resets
+/// the back-off.
 class Service {
  public:
   /// `processes` and `clock` must outlive this. `runDirectory` holds the lock file.
@@ -57,7 +57,7 @@ class Service {
   void start();
   void launch();
   void retry();
-  void endedAsWished();
+  void endedCleanly();
   void crashed(const std::string& how, bool startAtOnce);
   void log(const std::string& text) const;
 
@@ -70,8 +70,8 @@ class Service {
   Phase phase_ = Phase::stopped;
   pid_t pid_ = 0;
   bool registered_ = false;
-  bool leaving_ = false;   // the process was registered and is no more
-  bool released_ = false;  // ... by its own will
+  bool leaving_ = false;   // the process was registered and is not any more
+  bool released_ = false;  // ... since it has unregistered
   NextLife nextLife_ = NextLife::notWanted;
   bool shuttingDown_ = false;
   bool afterCrash_ = false;

@@ -39,15 +39,15 @@ void Supervisor::shutDown() {
   if (shuttingDown_) return;
   shuttingDown_ = true;
   for (const auto& service : services_) service->shutDown();
-  shutDownTimer_.start<&Supervisor::lateAtShutDown>(*this, timerDelay(shutDownLimit));
+  shutDownTimer_.start<&Supervisor::killRemaining>(*this, timerDelay(shutDownLimit));
 }
 
-void Supervisor::lateAtShutDown() {
+void Supervisor::killRemaining() {
   for (const auto& service : services_) service->kill();
-  shutDownTimer_.start<&Supervisor::stuckAtShutDown>(*this, timerDelay(killLimit));
+  shutDownTimer_.start<&Supervisor::giveUpRemaining>(*this, timerDelay(killLimit));
 }
 
-void Supervisor::stuckAtShutDown() { stuck_ = true; }
+void Supervisor::giveUpRemaining() { stuck_ = true; }
 
 bool Supervisor::isShutDown() const {
   const auto hasProcess = [](const auto& service) { return service->pid() != 0; };
@@ -104,7 +104,7 @@ std::vector<lm::message> Supervisor::list() const {
 }
 
 void Supervisor::processEnded(pid_t pid, int status) {
-  observer_->hearOut(pid);
+  observer_->drainConnections(pid);
   for (const auto& service : services_) {
     if (service->pid() == pid) return service->ended(status);
   }

@@ -25,10 +25,9 @@ class Supervisor : public Services, public Processes::Observer {
 
   /// Starts what starts at boot.
   void boot();
-  /// Asks every process to end; what has not after 5 seconds is killed. Nothing is started any
-  /// more.
+  /// Asks every process to end and kills those that are left after 5 seconds. Starts no more.
   void shutDown();
-  /// Whether the shutting down is over.
+  /// Whether the shutdown is complete.
   [[nodiscard]] bool isShutDown() const;
 
   [[nodiscard]] bool isDefined(uint32_t number) const override;
@@ -45,8 +44,8 @@ class Supervisor : public Services, public Processes::Observer {
 
  private:
   [[nodiscard]] Service* find(uint32_t number) const;
-  void lateAtShutDown();
-  void stuckAtShutDown();
+  void killRemaining();
+  void giveUpRemaining();
 
   std::vector<std::unique_ptr<Service>> services_;
   Services::Observer* observer_ = nullptr;

@@ -159,12 +159,12 @@ TEST_F(LumendTest, TidiesTheDescriptorsOfItsStarter) {
 }
 
 // Promise [one-lumend]: A second lumend for one folder ends with 1 and does not disturb the first:
-// `lumend: another one runs already, process ` and its number.
+// `lumend: another lumend is running, process ` and its number.
 TEST_F(LumendTest, IsTheOnlyOneOfARoot) {
   const auto first = start();
   ASSERT_TRUE(first->prints("\nready\n"));
   EXPECT_EQ(refusal(),
-            "lumend: another one runs already, process " + std::to_string(first->pid()) + "\n");
+            "lumend: another lumend is running, process " + std::to_string(first->pid()) + "\n");
   first->terminate();
   EXPECT_EQ(first->status(), 0);
 }
@@ -199,7 +199,7 @@ TEST_F(LumendTest, IsFoundWhereAnInstallationHasIt) {
 TEST_F(LumendTest, NeedsAKernelThatLetsItOwnATable) {
   constexpr unsigned long asLinux2 = 0x0020000;  // UNAME26 of linux/personality.h
   EXPECT_TRUE(refusal([] { personality(asLinux2); })
-                  .starts_with("lumend: needs Linux 5.12 for a NAT table that nobody else can "
+                  .starts_with("lumend: needs Linux 5.12 for a NAT table that no other program can "
                                "change; this is 2.6."));
 }
 

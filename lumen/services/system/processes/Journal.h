@@ -6,7 +6,7 @@
 
 namespace lumen {
 
-/// The system's journal, as far as this process's own output goes there.
+/// The system's journal, if this process's own output goes there.
 namespace journal {
 
 inline const std::string socket = "/run/systemd/journal/stdout";

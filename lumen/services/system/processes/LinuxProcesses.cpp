@@ -14,7 +14,6 @@ extern "C" {
 #include <sys/pidfd.h>
 }
 
-#include "lumen/runtime/Log.h"
 #include "lumen/services/system/processes/ChildStart.h"
 #include "lumen/services/system/processes/Journal.h"
 #include "lumen/services/system/processes/LockFile.h"
@@ -24,11 +23,11 @@ namespace lumen {
 
 namespace {
 
+Failure failed(const std::string& what) { return {what + ": " + strerror(errno)}; }
+
 // A descriptor that only names the file: it needs no right to read it.
 lm::Fd openExecutable(const std::string& path) {
-  lm::Fd fd(::open(path.c_str(), O_PATH | O_CLOEXEC));
-  if (!fd.valid()) lm::logLine(path, ": ", strerror(errno));
-  return fd;
+  return lm::Fd(::open(path.c_str(), O_PATH | O_CLOEXEC));
 }
 
 // Where this process's output goes to the journal, each program gets a stream of its own there, so
@@ -38,7 +37,7 @@ lm::Fd openOutput(const std::string& executable) {
   return journal::open(executable.substr(executable.rfind('/') + 1));
 }
 
-// Comes back in this process only.
+// Returns in this process only.
 pid_t startProcess(const ChildStart& start) {
   const pid_t pid = fork();
   if (pid == 0) becomeProgram(start);
@@ -76,33 +75,31 @@ class LinuxProcesses::Child {
 };
 
 LinuxProcesses::LinuxProcesses() {
-  // Were it ignored, as whoever started this process may have left it, the kernel would reap the
-  // children itself, and how they ended would be lost.
+  // If the signal were ignored, as it may be inherited, the kernel would reap the children itself
+  // and their exit status would be lost.
   ::signal(SIGCHLD, SIG_DFL);
 }
 
 LinuxProcesses::~LinuxProcesses() = default;
 
-bool LinuxProcesses::open(const std::string& executable) {
+Result<void> LinuxProcesses::open(const std::string& executable) {
   lm::Fd fd = openExecutable(executable);
-  if (!fd.valid()) return false;
+  if (!fd.valid()) return failed(executable);
   opened_[executable] = std::move(fd);
-  return true;
+  return {};
 }
 
 void LinuxProcesses::setObserver(Observer& observer) { observer_ = &observer; }
 
-std::optional<pid_t> LinuxProcesses::start(const Program& program) {
+Result<pid_t> LinuxProcesses::start(const Program& program) {
   const auto known = opened_.find(program.executable);
   const lm::Fd fresh = known == opened_.end() ? openExecutable(program.executable) : lm::Fd();
   const int executable = known == opened_.end() ? fresh.get() : known->second.get();
-  if (executable < 0) return std::nullopt;
+  if (executable < 0) return failed(program.executable);
   const lm::Fd lock = openLockFile(program.lockFile);
+  if (!lock.valid()) return failed(program.lockFile);
   const lm::Fd null(::open("/dev/null", O_RDWR | O_CLOEXEC));
-  if (!lock.valid() || !null.valid()) {
-    lm::logLine(lock.valid() ? "/dev/null" : program.lockFile, ": ", strerror(errno));
-    return std::nullopt;
-  }
+  if (!null.valid()) return failed("/dev/null");
   const lm::Fd output = openOutput(program.executable);
   ChildStart childStart;
   childStart.path = program.executable.c_str();
@@ -115,16 +112,13 @@ std::optional<pid_t> LinuxProcesses::start(const Program& program) {
   childStart.parent = getpid();
 
   const pid_t pid = startProcess(childStart);
-  if (pid < 0) {
-    lm::logLine("fork: ", strerror(errno));
-    return std::nullopt;
-  }
+  if (pid < 0) return failed("fork");
   lm::Fd handle(pidfd_open(pid, 0));
   if (!handle.valid()) {
-    lm::logLine("pidfd_open: ", strerror(errno));
+    Failure failure = failed("pidfd_open");
     kill(pid, SIGKILL);
     waitpid(pid, nullptr, 0);
-    return std::nullopt;
+    return failure;
   }
   children_.emplace(pid, std::make_unique<Child>(*this, pid, std::move(handle)));
   return pid;
@@ -146,7 +140,7 @@ void LinuxProcesses::killLockHolder(const std::string& lockFile) {
   const pid_t holder = holderOf(lock.get());
   if (holder <= 0) return;
   const lm::Fd handle(pidfd_open(holder, 0));
-  // Asked again, since the number may have gone to another process before the descriptor was made.
+  // Checked again: another process may have got the number before the descriptor was opened.
   if (handle.valid() && holderOf(lock.get()) == holder) {
     pidfd_send_signal(handle.get(), SIGKILL, nullptr, 0);
   }

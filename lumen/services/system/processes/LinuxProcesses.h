@@ -2,7 +2,6 @@
 
 #include <map>
 #include <memory>
-#include <optional>
 #include <string>
 
 #include "lumen/services/system/processes/Processes.h"
@@ -20,12 +19,11 @@ class LinuxProcesses : public Processes {
   LinuxProcesses& operator=(const LinuxProcesses&) = delete;
   ~LinuxProcesses() override;
 
-  /// Opens an executable that is started later, when this process may no longer be able to. False
-  /// when it cannot be opened, which is then in the log.
-  bool open(const std::string& executable);
+  /// Opens an executable that is started later, when this process may no longer be able to open it.
+  [[nodiscard]] Result<void> open(const std::string& executable);
 
   void setObserver(Observer& observer) override;
-  [[nodiscard]] std::optional<pid_t> start(const Program& program) override;
+  [[nodiscard]] Result<pid_t> start(const Program& program) override;
   void signal(pid_t pid, int signal) override;
   [[nodiscard]] pid_t lockHolder(const std::string& lockFile) override;
   void killLockHolder(const std::string& lockFile) override;

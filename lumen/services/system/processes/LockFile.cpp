@@ -6,8 +6,8 @@ namespace lumen {
 
 namespace {
 
-// What is held is a shared lock, which needs no right to write: who holds it cannot fill the file.
-// It counts only when nobody else has one.
+// The lock is shared, which needs no write access: its holder cannot fill the file. It counts only
+// while no other process has one.
 struct flock wholeFile(short type) {
   struct flock lock = {};
   lock.l_type = type;

@@ -8,8 +8,8 @@
 
 namespace lumen {
 
-/// A file that tells which process does a job: a POSIX record lock, which the kernel releases when
-/// that process ends, is kept over execve and names its holder. It is also released when the
+/// A file that names the process that does a job: a POSIX record lock, which the kernel releases
+/// when that process ends, survives execve and names its holder. It is also released when the
 /// process closes any descriptor of the file, so a holder opens it once.
 
 /// Opens the lock file, made when missing and for root only. Invalid when that failed; errno says
@@ -19,10 +19,10 @@ namespace lumen {
 /// Makes the calling process the holder. False when another process is. Safe between fork and exec.
 [[nodiscard]] bool takeLock(int lockFile);
 
-/// What holderOf gives for a process that has no number here, since it is in another container.
+/// What holderOf returns for a process in another container, which has no number here.
 inline constexpr pid_t unseenHolder = -1;
 
-/// The process that holds the lock, other than the calling one; 0: nobody.
+/// The process that holds the lock, other than the calling one; 0: none.
 [[nodiscard]] pid_t holderOf(int lockFile);
 
 }  // namespace lumen

@@ -24,7 +24,7 @@ namespace {
 
 constexpr const char* mountPoint = "/lumen";
 
-// Where the new root is put together; every system has it, and no program's files lie there.
+// Where the new root is assembled: every system has it, and no program lies there.
 constexpr const char* workplace = "/dev";
 
 Failure failed(const std::string& what) { return {what + ": " + strerror(errno)}; }
@@ -102,7 +102,7 @@ Result<void> makeRootWithMountPoint() {
     if (auto placed = placeEntry(entry); !placed) return placed;
   }
   if (mkdir(mountPoint + 1, 0755) != 0) return failed(mountPoint);
-  // The old root comes to lie above the new one, then goes.
+  // The old root now lies on top of the new one; detach it.
   if (syscall(SYS_pivot_root, ".", ".") != 0) return failed("pivot_root");
   if (umount2(".", MNT_DETACH) != 0 || chdir("/") != 0) return failed("/");
   return {};

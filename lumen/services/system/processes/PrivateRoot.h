@@ -7,13 +7,13 @@
 namespace lumen {
 
 /// Gives this process and its children a view of the file system of their own, in which `directory`
-/// is /lumen. Everything else is where it was, and nobody outside sees a difference: when /lumen is
-/// missing it is made in that view only. Ends with the last process of the view, however that ends.
+/// is /lumen. Everything else is where it was, and no other process sees a difference: a missing
+/// /lumen is made in that view only. The view ends with its last process.
 ///
-/// Takes CAP_SYS_ADMIN. When it fails the process is to end.
+/// Needs CAP_SYS_ADMIN. After a failure the process must end.
 [[nodiscard]] Result<void> enterPrivateRoot(const std::string& directory);
 
-/// Makes the directory when it is missing, whatever the umask is, and gives it owner and mode.
+/// Makes the directory if it is missing, and sets its owner and mode whatever the umask is.
 [[nodiscard]] Result<void> makeDirectory(const std::string& path, unsigned user, unsigned group,
                                          unsigned mode);
 

@@ -5,6 +5,8 @@
 
 #include <array>
 #include <cap-ng.h>
+#include <cerrno>
+#include <cstring>
 #include <string>
 
 namespace lumen {
@@ -34,17 +36,23 @@ Result<void> checkPrivileges(std::span<const unsigned> capabilities) {
   return {};
 }
 
-bool keepCapabilities(std::span<const unsigned> capabilities) {
-  if (capng_get_caps_process() != 0) return false;
+Result<void> keepCapabilities(std::span<const unsigned> capabilities) {
+  const auto refused = [] {
+    return Failure{std::string("cannot give up its privileges: ") + strerror(errno)};
+  };
+  if (capng_get_caps_process() != 0) return refused();
   const bool mayBound = capng_have_capability(CAPNG_EFFECTIVE, CAP_SETPCAP) != 0;
   capng_clear(CAPNG_SELECT_ALL);
   for (const unsigned capability : capabilities) {
     const auto sets = static_cast<capng_type_t>(CAPNG_EFFECTIVE | CAPNG_PERMITTED);
-    if (capng_update(CAPNG_ADD, sets, capability) != 0) return false;
+    if (capng_update(CAPNG_ADD, sets, capability) != 0) return refused();
   }
-  if (mayBound && capng_apply(CAPNG_SELECT_BOUNDS) != 0) return false;
-  return capng_apply(CAPNG_SELECT_AMBIENT) == 0 && capng_apply(CAPNG_SELECT_CAPS) == 0 &&
-         prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0;
+  if (mayBound && capng_apply(CAPNG_SELECT_BOUNDS) != 0) return refused();
+  if (capng_apply(CAPNG_SELECT_AMBIENT) != 0 || capng_apply(CAPNG_SELECT_CAPS) != 0 ||
+      prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) {
+    return refused();
+  }
+  return {};
 }
 
 }  // namespace lumen

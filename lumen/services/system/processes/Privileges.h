@@ -10,14 +10,13 @@ namespace lumen {
 /// CAP_KILL for its services.
 [[nodiscard]] std::span<const unsigned> neededCapabilities();
 
-/// What a root directory of its own takes in addition, until it is set up.
+/// The same and what it takes to set up a private root directory.
 [[nodiscard]] std::span<const unsigned> capabilitiesForPrivateRoot();
 
 /// Fails unless this process is root and has all `capabilities`; says which it lacks.
 [[nodiscard]] Result<void> checkPrivileges(std::span<const unsigned> capabilities);
 
-/// Gives up every other capability for good, here and in every process that comes from this one.
-/// False when the kernel refuses.
-[[nodiscard]] bool keepCapabilities(std::span<const unsigned> capabilities);
+/// Permanently gives up every other capability, in this process and all its descendants.
+[[nodiscard]] Result<void> keepCapabilities(std::span<const unsigned> capabilities);
 
 }  // namespace lumen

@@ -2,8 +2,9 @@
 
 #include <sys/types.h>
 
-#include <optional>
 #include <string>
+
+#include "lumen/values/Result.h"
 
 namespace lumen {
 
@@ -18,7 +19,7 @@ struct Program {
 /// The processes of this system, as far as the supervisor touches them.
 class Processes {
  public:
-  /// Whoever must know that a process has ended.
+  /// Is notified of the end of processes.
   class Observer {
    public:
     virtual ~Observer() = default;
@@ -31,15 +32,15 @@ class Processes {
   /// The one observer; it must live until the last call.
   virtual void setObserver(Observer& observer) = 0;
 
-  /// Starts `program` without privileges; it gets SIGTERM when this process ends. None when that
-  /// failed, which is then in the log. Whether the program itself can be run shows in its exit
-  /// status only. Does not call the observer before it returns.
-  [[nodiscard]] virtual std::optional<pid_t> start(const Program& program) = 0;
+  /// Starts `program` without privileges; it gets SIGTERM when this process ends. Whether the
+  /// program itself can be run shows in its exit status only. Does not call the observer before it
+  /// returns.
+  [[nodiscard]] virtual Result<pid_t> start(const Program& program) = 0;
 
   /// Sends a signal to a process that was started here and is not reaped yet.
   virtual void signal(pid_t pid, int signal) = 0;
 
-  /// The process that holds `lockFile`; 0: nobody; below 0: one that cannot be named.
+  /// The process that holds `lockFile`; 0: none; below 0: one without a number here.
   [[nodiscard]] virtual pid_t lockHolder(const std::string& lockFile) = 0;
 
   /// Kills the process that holds `lockFile`, if one does.

@@ -10,21 +10,21 @@
 
 namespace lumen {
 
-/// The program that started this one and watches over it, told in the way of sd_notify(3). Without
-/// one nothing is sent. What cannot be sent is lost: the manager draws its own conclusion.
+/// Notifies the service manager that started this process, by the protocol of sd_notify(3). Without
+/// one nothing is sent. What cannot be sent is dropped: the manager draws its own conclusion.
 class ServiceManager {
  public:
-  /// What the manager of this process has put into its environment.
+  /// The manager that this process's environment names.
   static ServiceManager ofThisProcess();
 
   /// `socket`: path of its datagram socket, or "@" and an abstract name; empty: none.
-  /// `watchdog`: it gives this process up after so long without a sign of life; 0: it never does.
+  /// `watchdog`: after so long without a sign of life it restarts this process; 0: never.
   ServiceManager(std::string socket, std::chrono::microseconds watchdog);
   ServiceManager(const ServiceManager&) = delete;
   ServiceManager& operator=(const ServiceManager&) = delete;
 
-  /// Says that the start is done, and from now on that the loop still turns, twice in the time that
-  /// the manager waits.
+  /// Reports that the start is done, and from now on, twice in each watchdog interval, that the
+  /// loop still turns.
   void ready();
 
  private:

@@ -15,8 +15,8 @@ class FakeProcesses : public Processes {
  public:
   void setObserver(Observer& observer) override { observer_ = &observer; }
 
-  std::optional<pid_t> start(const Program& program) override {
-    if (failToStart) return std::nullopt;
+  Result<pid_t> start(const Program& program) override {
+    if (failToStart) return Failure{"fork: Out of memory"};
     started.push_back(program);
     running_.push_back(nextPid_);
     return nextPid_++;

@@ -22,13 +22,13 @@ constexpr const char* gatewayLock = "/run/upnp.lock";
 /// What the broker is told, and what it would have heard from a process that has ended.
 class Listener : public Services::Observer {
  public:
-  void hearOut(pid_t pid) override {
-    heardOut.push_back(pid);
+  void drainConnections(pid_t pid) override {
+    drained.push_back(pid);
     if (lastWords) lastWords();
   }
   void unavailable(uint32_t number) override { refused.push_back(number); }
 
-  std::vector<pid_t> heardOut;
+  std::vector<pid_t> drained;
   std::vector<uint32_t> refused;
   std::function<void()> lastWords;
 };
@@ -219,7 +219,7 @@ TEST_F(SupervisorTest, HearsTheLastWordsBeforeItJudgesTheEnd) {
   supervisor.registered(gateway);
   listener.lastWords = [&] { supervisor.unregistered(gateway); };
   processes.exit(processes.last(), 0);
-  EXPECT_EQ(listener.heardOut, std::vector<pid_t>{1000});
+  EXPECT_EQ(listener.drained, std::vector<pid_t>{1000});
   EXPECT_EQ(state(gateway), lm::broker::state::stopped);
 }
 
@@ -501,7 +501,7 @@ TEST_F(SupervisorTest, TellsInOneWordWhatAServiceDoes) {
 // Promise: Each event in the life of a service is one line of the log: `upnp: started, process
 // 1000`, `upnp: ended by signal 11, starts again in 1 s`, `upnp: ended with exit status 3, starts
 // again in 2 s`, `upnp: ended by signal 11, starts again at once`, `upnp: ended, not needed now`,
-// `upnp: cannot be started, starts again in 8 s`.
+// `upnp: cannot be started (fork: Out of memory), starts again in 8 s`.
 TEST_F(SupervisorTest, SaysInTheLogWhatBecomesOfAService) {
   testing::internal::CaptureStdout();
   supervisor.boot();
@@ -527,7 +527,7 @@ TEST_F(SupervisorTest, SaysInTheLogWhatBecomesOfAService) {
             "upnp: ended by signal 11, starts again at once\n"
             "upnp: started, process 1003\n"
             "upnp: ended, not needed now\n"
-            "upnp: cannot be started, starts again in 8 s\n");
+            "upnp: cannot be started (fork: Out of memory), starts again in 8 s\n");
 }
 
 // Promise: The log says which process lumend waits for and which it kills: `upnp: waits for the

@@ -22,9 +22,9 @@
 #include "lumen/runtime/EventLoop.h"
 #include "lumen/services/system/processes/LinuxProcesses.h"
 #include "lumen/services/system/processes/LockFile.h"
-#include "support/LogCapture.h"
 #include "support/RefusedCall.h"
 #include "support/TempDir.h"
+#include "support/WhyNot.h"
 
 namespace lumen {
 namespace {
@@ -59,13 +59,13 @@ class LinuxProcessesTest : public testing::Test, public Processes::Observer {
   }
 
   /// Starts a program whose output goes to a file.
-  std::optional<pid_t> start(const std::string& executable) {
+  Result<pid_t> start(const std::string& executable) {
     fflush(stdout);
     const lm::Fd kept(dup(STDOUT_FILENO));
     const lm::Fd file(
         open(outputFile().c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644));
     dup2(file.get(), STDOUT_FILENO);
-    const std::optional<pid_t> pid = processes.start(program(executable));
+    const Result<pid_t> pid = processes.start(program(executable));
     dup2(kept.get(), STDOUT_FILENO);
     return pid;
   }
@@ -151,7 +151,7 @@ TEST_F(LinuxProcessesTest, StartsAProcessWithNothingThatItShouldNotHave) {
   sigprocmask(SIG_BLOCK, &blocked, nullptr);
   setenv("SECRET", "of the starter", 1);
 
-  const std::optional<pid_t> pid = start(SERVICE_PROBE);
+  const Result<pid_t> pid = start(SERVICE_PROBE);
   sigprocmask(SIG_UNBLOCK, &blocked, nullptr);
   signal(SIGPIPE, SIG_DFL);
   ASSERT_TRUE(pid);
@@ -198,7 +198,7 @@ TEST_F(LinuxProcessesTest, TellsTheExitStatus) {
 TEST_F(LinuxProcessesTest, HoldsTheLockAsLongAsTheProcessLives) {
   const std::string lock = program("").lockFile;
   EXPECT_EQ(processes.lockHolder(lock), 0);
-  const std::optional<pid_t> pid = start(SERVICE_PROBE);
+  const Result<pid_t> pid = start(SERVICE_PROBE);
   ASSERT_TRUE(pid);
   ASSERT_TRUE(isReady());
   EXPECT_EQ(processes.lockHolder(lock), *pid);
@@ -210,9 +210,9 @@ TEST_F(LinuxProcessesTest, HoldsTheLockAsLongAsTheProcessLives) {
 
 // Also proves [service-lock].
 TEST_F(LinuxProcessesTest, DoesNotRunASecondProcessUnderOneLock) {
-  const std::optional<pid_t> first = start(SERVICE_PROBE);
+  const Result<pid_t> first = start(SERVICE_PROBE);
   ASSERT_TRUE(first && isReady());
-  const std::optional<pid_t> second = start(SERVICE_PROBE);
+  const Result<pid_t> second = start(SERVICE_PROBE);
   ASSERT_TRUE(second && hasEnded());
   EXPECT_EQ(endedPid, *second);
   EXPECT_EQ(WEXITSTATUS(endedStatus), 126);
@@ -246,12 +246,9 @@ TEST_F(LinuxProcessesTest, TellsTheEndAlsoWhereItsOwnStarterIgnoredThose) {
 
 // Promise: When an executable cannot be run, the report has its path and the system's error text.
 TEST_F(LinuxProcessesTest, SaysWhatCannotBeRun) {
-  testing::internal::CaptureStdout();
-  EXPECT_FALSE(processes.start(program("/nowhere/program")));
-  EXPECT_FALSE(processes.open("/nowhere/program"));
-  EXPECT_EQ(testing::internal::GetCapturedStdout(),
-            "/nowhere/program: No such file or directory\n"
-            "/nowhere/program: No such file or directory\n");
+  const std::string missing = "/nowhere/program: No such file or directory";
+  EXPECT_EQ(whyNot(processes.start(program("/nowhere/program"))), missing);
+  EXPECT_EQ(whyNot(processes.open("/nowhere/program")), missing);
   folder_.write("text", "no program");
   ASSERT_TRUE(start(folder_.file("text")));
   ASSERT_TRUE(hasEnded());
@@ -259,20 +256,16 @@ TEST_F(LinuxProcessesTest, SaysWhatCannotBeRun) {
   EXPECT_EQ(output(), folder_.file("text") + ": cannot be run: Permission denied\n");
 }
 
-// Promise: What keeps a process from starting is logged, and leaves no child.
+// Promise: What keeps a process from starting is reported, and leaves no child.
 TEST_F(LinuxProcessesTest, SaysWhatKeepsAProcessFromStarting) {
   Program nowhere = program("/bin/true");
   nowhere.lockFile = folder_.file("missing/service.lock");
-  lm::test::LogCapture log;
-  EXPECT_FALSE(processes.start(nowhere));
+  EXPECT_EQ(whyNot(processes.start(nowhere)), nowhere.lockFile + ": No such file or directory");
+  const auto failure = [&] { return whyNot(processes.start(program("/bin/true"))); };
   whileRefused({SCMP_SYS(clone)}, EAGAIN,
-               [&] { EXPECT_FALSE(processes.start(program("/bin/true"))); });
+               [&] { EXPECT_EQ(failure(), "fork: Resource temporarily unavailable"); });
   whileRefused({SCMP_SYS(pidfd_open)}, EMFILE,
-               [&] { EXPECT_FALSE(processes.start(program("/bin/true"))); });
-  EXPECT_EQ(log.text(), nowhere.lockFile +
-                            ": No such file or directory\n"
-                            "fork: Resource temporarily unavailable\n"
-                            "pidfd_open: Too many open files\n");
+               [&] { EXPECT_EQ(failure(), "pidfd_open: Too many open files"); });
   EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child is left";
 }
 
@@ -300,7 +293,7 @@ TEST_F(LinuxProcessesTest, RunsNoProgramThatIsNotCutOffFromItsStarter) {
 TEST_F(LinuxProcessesTest, GivesEachProgramAStreamOfItsOwnInTheJournal) {
   const lm::Fd journal = journalListens();
   writesToTheJournal();
-  const std::optional<pid_t> pid = start(SERVICE_PROBE);
+  const Result<pid_t> pid = start(SERVICE_PROBE);
   ASSERT_TRUE(pid);
   const lm::Fd stream(accept(journal.get(), nullptr, nullptr));
   std::string kept;

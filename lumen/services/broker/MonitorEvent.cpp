@@ -1,4 +1,4 @@
-#include "lumen/services/broker/Shown.h"
+#include "lumen/services/broker/MonitorEvent.h"
 
 #include <algorithm>
 #include <utility>
@@ -54,7 +54,7 @@ lm::message transportFields(const lm::message& m) {
 
 }  // namespace
 
-std::string shown(uint32_t from, uint32_t to, const lm::message& passing) {
+std::string encodeMonitorEvent(uint32_t from, uint32_t to, const lm::message& passing) {
   const lm::message whole = wrapping(from, to, passing);
   std::string datagram = lm::encode(whole);
   if (fits(datagram, whole)) return datagram;
