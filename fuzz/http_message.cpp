@@ -7,7 +7,7 @@
 #include "base/Text.h"
 #include "fuzz/Fuzz.h"
 #include "http/HTTPMessage.h"
-#include "http/RequestLine.h"
+#include "http/MessageLines.h"
 #include "http/RequestScanner.h"
 
 namespace {

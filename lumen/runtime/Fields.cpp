@@ -1,6 +1,8 @@
 #include "lumen/runtime/Fields.h"
 
 #include <algorithm>
+#include <cinttypes>
+#include <cstdio>
 
 #include "platform/Keys.h"
 
@@ -38,6 +40,16 @@ message withoutTransportFields(const message& m) {
     if (!isTransportField(field.key)) result.fields().append(field.key, field.value);
   }
   return result;
+}
+
+lumen::Result<void> checkFields(const message& request, std::span<const uint32_t> known) {
+  for (const Field& field : request.fields()) {
+    if (isTransportField(field.key) || std::ranges::count(known, field.key) > 0) continue;
+    char text[64];
+    std::snprintf(text, sizeof text, "field 0x%08" PRIx32 " is not known here", field.key);
+    return lumen::Failure{text};
+  }
+  return {};
 }
 
 message makeRecord(uint32_t id, const message& config) {

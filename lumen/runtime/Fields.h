@@ -1,11 +1,13 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string>
 #include <utility>
 #include <variant>
 #include <vector>
 
+#include "lumen/values/Result.h"
 #include "platform/message.h"
 
 namespace lm {
@@ -60,6 +62,12 @@ class message::Fields {
 
 /// What `m` says: its fields but those of the transport.
 [[nodiscard]] message withoutTransportFields(const message& m);
+
+/// Fails, naming the field, if `request` has a field that is not in `known`. Transport fields are
+/// ignored. An unknown field may be a condition: a rule without it would open more than the
+/// requester intended.
+[[nodiscard]] lumen::Result<void> checkFields(const message& request,
+                                              std::span<const uint32_t> known);
 
 /// The record of the object `id`: its id, then the fields of `config`.
 [[nodiscard]] message makeRecord(uint32_t id, const message& config);

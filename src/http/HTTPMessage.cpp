@@ -7,7 +7,7 @@
 
 #include "base/CRLF.h"
 #include "base/Text.h"
-#include "http/HeaderLine.h"
+#include "http/MessageLines.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include <utility>
 
 #include "base/Log.h"
-#include "http/RequestLine.h"
+#include "http/MessageLines.h"
 #include "net/Sockets.h"
 
 namespace {

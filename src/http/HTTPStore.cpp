@@ -10,7 +10,7 @@
 
 #include "base/Log.h"
 #include "base/Text.h"
-#include "http/RequestLine.h"
+#include "http/MessageLines.h"
 #include "http/Server.h"
 #include "platform/Fd.h"
 

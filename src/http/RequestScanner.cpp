@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "base/Text.h"
-#include "http/HeaderLine.h"
+#include "http/MessageLines.h"
 
 bool RequestScanner::complete(std::string_view received) {
   while ((state_ == State::startLine || state_ == State::headers) && takeLine(received)) {

@@ -13,8 +13,7 @@
 namespace lumen {
 
 /// What was changed on this router lately, each with the message that takes it back. It survives
-/// the end of the process. The fields are in
-/// platform/wire/History.h.
+/// the end of the process. The fields are in platform/wire/History.h.
 class History : public LocalHandler {
  public:
   /// How many changes are kept; the oldest goes when one more comes.

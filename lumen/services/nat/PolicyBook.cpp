@@ -5,7 +5,6 @@
 #include <variant>
 
 #include "lumen/runtime/Fields.h"
-#include "lumen/services/nat/KnownFields.h"
 #include "lumen/services/nat/PolicyFile.h"
 #include "lumen/services/system/processes/PlainFile.h"
 #include "platform/wire/NatRules.h"
@@ -80,7 +79,7 @@ lm::message PolicyBook::settings() const {
 Result<void> PolicyBook::write(const lm::message& request) {
   static constexpr std::array fields = {key::externalPorts,     key::internalClients, key::maxRules,
                                         key::maxRulesPerClient, key::reset,           key::reload};
-  if (auto known = checkFields(request, fields); !known) return known;
+  if (auto known = lm::checkFields(request, fields); !known) return known;
   bool writes = request.get_bool(key::reset);
   lm::message written = writes ? lm::message() : state_.written;
   for (const Setting& setting : settingsByField) {

@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "lumen/runtime/Fields.h"
-#include "lumen/services/nat/KnownFields.h"
 #include "platform/Keys.h"
 #include "platform/wire/NatRules.h"
 
@@ -61,7 +60,7 @@ Result<void> checkRule(const lm::message& request) {
       {key::clientPortFirst, key::clientPortLast, "internal port must be one, not a range"},
   };
 
-  if (auto known = checkFields(request, addFields()); !known) return known;
+  if (auto known = lm::checkFields(request, addFields()); !known) return known;
   if (request.get_string(key::chain) != lm::nat::chainDstnat) {
     return Failure{"chain must be \"dstnat\""};
   }
@@ -82,7 +81,7 @@ Result<void> checkRule(const lm::message& request) {
 }
 
 Result<void> checkChange(const lm::message& request) {
-  if (auto known = checkFields(request, setFields); !known) return known;
+  if (auto known = lm::checkFields(request, setFields); !known) return known;
   if (has(request, key::closed)) {
     if (!request.get_bool(key::closed)) return Failure{"a closed port stays closed"};
     for (uint32_t field : setFields) {

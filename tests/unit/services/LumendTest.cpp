@@ -195,7 +195,7 @@ TEST_F(LumendTest, IsFoundWhereAnInstallationHasIt) {
 }
 
 // Promise [kernel]: On a kernel before 5.12 lumend ends with 1: `lumend: needs Linux 5.12 for a NAT
-// table that nobody else can change; this is ` and its release.
+// table that no other program can change; this is ` and its release.
 TEST_F(LumendTest, NeedsAKernelThatLetsItOwnATable) {
   constexpr unsigned long asLinux2 = 0x0020000;  // UNAME26 of linux/personality.h
   EXPECT_TRUE(refusal([] { personality(asLinux2); })

@@ -1,7 +1,18 @@
 #pragma once
 
 #include <optional>
+#include <string>
 #include <string_view>
+
+// The lines of an HTTP message, without their ends.
+
+/// The method and the URL of a request's start line.
+struct RequestLine {
+  std::string method;  ///< up to the first blank
+  std::string url;     ///< from there to the first " HTTP/" or the end of the line
+};
+
+[[nodiscard]] RequestLine parseRequestLine(std::string_view startLine);
 
 /// The two parts of a header line, as views into it.
 struct HeaderLine {

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "http/HeaderLine.h"
-#include "http/RequestLine.h"
+#include "http/MessageLines.h"
 
 TEST(HeaderLine, NeedsAColon) {
   EXPECT_FALSE(parseHeaderLine(""));
