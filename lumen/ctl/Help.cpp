@@ -16,7 +16,7 @@ class HelpFormat : public CLI::Formatter {
   [[nodiscard]] std::string make_option_opts(const CLI::Option* option) const override {
     std::string text;
     if (!option->get_type_name().empty()) text = " " + option->get_type_name();
-    if (option->get_required() && option->nonpositional()) text += " (needed)";
+    if (option->get_required() && option->nonpositional()) text += " (required)";
     return text;
   }
 

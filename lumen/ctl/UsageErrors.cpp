@@ -89,7 +89,7 @@ WrongUsage explained(const CLI::App& app, const CLI::ParseError& error) {
   for (const std::string& word : app.remaining(true)) {
     if (word.size() > 1 && word.front() == '-') return unknownOption(command, word);
     if (!commands.empty()) return unknownCommand(command, word);
-    return {"'" + word + "' is an argument too many", usageAdvice(app)};
+    return {"unexpected argument '" + word + "'", usageAdvice(app)};
   }
   if (lacksArgument && !commands.empty()) {
     return {"a command is missing: " + joined(namesOf(commands)),

@@ -50,7 +50,7 @@ class CheckTest(CheckCase):
         self.assert_well()
 
     def test_the_gateway_has_crashed(self):
-        crashed = finding("The gateway has crashed; lumend starts it again in a while.",
+        crashed = finding("The gateway has crashed; lumend will start it again.",
                           "No host finds a gateway, and no port can be opened.",
                           "journalctl -u lumend, which shows why")
 
@@ -82,7 +82,7 @@ class CheckTest(CheckCase):
         # No machine that runs these tests has the gateway installed.
         place.write_text(right.replace(f"user = {SERVICE_USER}", "user = palinode"))
         self.router.start()
-        self.assert_found("lumend knows no gateway: the user palinode, as whom it runs, is missing.",
+        self.assert_found("lumend knows no gateway: its user palinode does not exist.",
                           "No host finds a gateway, and no port can be opened.",
                           "systemd-sysusers palinode.conf && chown -R palinode: /lumen/store/upnp "
                           "/lumen/store/upnpm, then start lumend again")

@@ -44,8 +44,8 @@ class CheckLinksTest(CheckCase):
     def test_a_link_is_marked_as_one_without_multicast(self):
         self.ip("link", "set", LAN_BRIDGE, "multicast", "off")
         remedy = "ip link set br-lan multicast on"
-        self.assert_found("br-lan, an internal interface, is marked as one without multicast.",
-                          "Its hosts may not find the gateway, which they search by multicast.",
+        self.assert_found("br-lan, an internal interface, has multicast switched off.",
+                          "Its hosts may not find the gateway, which they search for by multicast.",
                           remedy)
         self.run_inside(remedy)
         self.assert_well()
@@ -56,21 +56,21 @@ class CheckLinksTest(CheckCase):
         self.assert_found(
             "wan0, the external interface, has no IPv4 address.",
             "There is no address that ports can be opened on.",
-            "see whether what gives it one is at work (a DHCP client, PPP): ip address show wan0")
+            "see whether its DHCP client or PPP is running: ip address show wan0")
 
     # Also proves [ctl-check-address].
     def test_hosts_on_the_internet_cannot_reach_the_external_address(self):
-        nobody = "No host on the Internet reaches a port that is opened here"
+        unreachable = "No host on the Internet can reach a port that is opened here"
         subject = "The external address {} of wan0"
         for address, what, why, remedy in (
                 ("192.168.1.2", "is private: another router stands between this one and the "
-                 "Internet.", f"{nobody}, and many programs do not even try to open one.",
-                 "on that router, forward all ports to 192.168.1.2, or let it pass its public "
-                 "address on (bridge mode)"),
-                ("100.64.0.9", "belongs to the provider's own address translation.", f"{nobody}.",
-                 "ask the provider for a public IPv4 address"),
-                ("169.254.7.7", "is one that wan0 gave itself, since no DHCP server gave it one.",
-                 f"{nobody}.", "see why no DHCP server answers on wan0")):
+                 "Internet.", f"{unreachable}, and many programs do not even try to open one.",
+                 "on that router, forward all ports to 192.168.1.2, or let it pass on its "
+                 "public address (bridge mode)"),
+                ("100.64.0.9", "is inside the provider's own NAT (carrier-grade NAT).",
+                 f"{unreachable}.", "ask the provider for a public IPv4 address"),
+                ("169.254.7.7", "is link-local: wan0 gave it to itself, because no DHCP server "
+                 "answered.", f"{unreachable}.", "see why no DHCP server answers on wan0")):
             with self.subTest(address=address):
                 self.ip("address", "flush", "dev", WAN_LINK)
                 self.ip("address", "add", f"{address}/24", "dev", WAN_LINK)
@@ -114,10 +114,10 @@ class CheckKernelTest(CheckCase):
             self.skipTest("br_netfilter is not loaded, and to load it would change this machine")
         self.run_inside(f"echo 1 > {BRIDGE_FILTER}")
         remedy = "sysctl -w net.bridge.bridge-nf-call-iptables=0"
-        self.assert_found("The packet filter takes what only crosses the bridge br-lan for "
+        self.assert_found("The packet filter treats traffic within the bridge br-lan as "
                           "forwarded: net.bridge.bridge-nf-call-iptables is 1.",
-                          "A host there does not reach its own open port by the external address.",
-                          remedy)
+                          "A host there cannot reach its own open port through the external "
+                          "address.", remedy)
         self.run_inside(remedy)
         self.assert_well()
 

@@ -124,7 +124,7 @@ class AdministratorsTest(RouterCase):
                 for said, arguments in (
                         ("upnp ", ("service", "list")),
                         ("max-rules: 7\n", ("nat", "policy", "set", "max-rules=7")),
-                        ("policy: as in its file\n", ("nat", "policy", "reset")),
+                        ("policy: reset to its file\n", ("nat", "policy", "reset")),
                         ("show-dummy-rule: off\n",
                          ("upnp", "settings", "set", "show-dummy-rule=off")),
                         ("undone: upnp config changed\n", ("undo",)),

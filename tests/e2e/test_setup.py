@@ -10,7 +10,7 @@ PROPOSAL = f"""As this router's routes and addresses look:
 
 INTERFACE  ROLE      WHY
 br-lan     internal  bridge, private network ({LAN_ADDRESS})
-wan0       external  the default route leaves by it
+wan0       external  default route
 
 """
 QUESTION = "Set the gateway up like that? [y/N] "
@@ -76,8 +76,8 @@ class SetupTest(RouterCase):
     def test_the_rest_of_what_was_said_is_proposed(self):
         status, shown = self.at_terminal("y\n", "--internal", "lan0")
         self.assertEqual(status, 0)
-        self.assertIn("lan0       internal  you said so\n"
-                      "wan0       external  the default route leaves by it\n", shown)
+        self.assertIn("lan0       internal  as given\n"
+                      "wan0       external  default route\n", shown)
 
     # Also proves [ctl-nothing-proposed].
     def test_it_says_why_it_proposes_nothing(self):

@@ -76,8 +76,8 @@ Finding notInstalled(const GatewayFile& file, const std::string& consequence) {
       return {"gateway-not-installed", subject + "its service file " + file.path + " is missing.",
               consequence, fileRemedy(file, restart)};
     case GatewayFile::State::userMissing:
-      return {"gateway-user-missing", subject + "the user palinode, as whom it runs, is missing.",
-              consequence, userRemedy(file, restart)};
+      return {"gateway-user-missing", subject + "its user palinode does not exist.", consequence,
+              userRemedy(file, restart)};
     case GatewayFile::State::wrong:
       return {"gateway-file-wrong",
               subject + "its service file " + file.path + " is wrong: " + file.error + ".",
@@ -96,23 +96,23 @@ Finding unreachable(const std::string& interface, lumen::Ipv4Address address) {
   const std::string subject = "The external address " + address.text() + " of " + interface;
   if (isCarrierGrade(address)) {
     return {"external-address-carrier-grade",
-            subject + " belongs to the provider's own address translation.",
-            "No host on the Internet reaches a port that is opened here.",
+            subject + " is inside the provider's own NAT (carrier-grade NAT).",
+            "No host on the Internet can reach a port that is opened here.",
             "ask the provider for a public IPv4 address"};
   }
   if (isLinkLocal(address)) {
-    return {
-        "external-address-link-local",
-        subject + " is one that " + interface + " gave itself, since no DHCP server gave it one.",
-        "No host on the Internet reaches a port that is opened here.",
-        "see why no DHCP server answers on " + interface};
+    return {"external-address-link-local",
+            subject + " is link-local: " + interface +
+                " gave it to itself, because no DHCP server answered.",
+            "No host on the Internet can reach a port that is opened here.",
+            "see why no DHCP server answers on " + interface};
   }
   return {"external-address-private",
           subject + " is private: another router stands between this one and the Internet.",
-          "No host on the Internet reaches a port that is opened here, and many programs do not "
+          "No host on the Internet can reach a port that is opened here, and many programs do not "
           "even try to open one.",
           "on that router, forward all ports to " + address.text() +
-              ", or let it pass its public address on (bridge mode)"};
+              ", or let it pass on its public address (bridge mode)"};
 }
 
 }  // namespace
@@ -135,8 +135,8 @@ Findings checkGateway(const Observation& seen) {
     case GatewayState::notInstalled:
       return {notInstalled(seen.gatewayFile, noGateway)};
     case GatewayState::crashed:
-      return {{"gateway-crashed", "The gateway has crashed; lumend starts it again in a while.",
-               noGateway, "journalctl -u lumend, which shows why"}};
+      return {{"gateway-crashed", "The gateway has crashed; lumend will start it again.", noGateway,
+               "journalctl -u lumend, which shows why"}};
     case GatewayState::notAnswering:
       return {{"gateway-silent",
                "The gateway does not answer: " +
@@ -178,9 +178,8 @@ Findings checkLinks(const std::vector<CheckedInterface>& interfaces) {
                           withoutIt(interface), "ip address add ADDRESS/24 dev " + interface.name});
     }
     if (interface.role == Role::internal && !interface.multicast) {
-      findings.push_back({"no-multicast",
-                          called(interface) + " is marked as one without multicast.",
-                          "Its hosts may not find the gateway, which they search by multicast.",
+      findings.push_back({"no-multicast", called(interface) + " has multicast switched off.",
+                          "Its hosts may not find the gateway, which they search for by multicast.",
                           "ip link set " + interface.name + " multicast on"});
     }
   }
@@ -206,11 +205,10 @@ Findings checkExternalAddress(const std::vector<CheckedInterface>& interfaces) {
   for (const CheckedInterface& interface : interfaces) {
     if (interface.role != Role::external || interface.state != LinkState::running) continue;
     if (interface.addresses.empty()) {
-      findings.push_back({"external-address-none", called(interface) + " has no IPv4 address.",
-                          "There is no address that ports can be opened on.",
-                          "see whether what gives it one is at work (a DHCP client, PPP): ip "
-                          "address show " +
-                              interface.name});
+      findings.push_back(
+          {"external-address-none", called(interface) + " has no IPv4 address.",
+           "There is no address that ports can be opened on.",
+           "see whether its DHCP client or PPP is running: ip address show " + interface.name});
       continue;
     }
     const bool reachable = std::any_of(

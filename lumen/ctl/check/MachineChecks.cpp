@@ -134,9 +134,9 @@ Findings checkBridgedTraffic(bool filtered, const std::vector<CheckedInterface>&
   for (const CheckedInterface& interface : interfaces) {
     if (!filtered || interface.role != Role::internal || !interface.bridge) continue;
     findings.push_back({"bridged-traffic-filtered",
-                        "The packet filter takes what only crosses the bridge " + interface.name +
-                            " for forwarded: net.bridge.bridge-nf-call-iptables is 1.",
-                        "A host there does not reach its own open port by the external address.",
+                        "The packet filter treats traffic within the bridge " + interface.name +
+                            " as forwarded: net.bridge.bridge-nf-call-iptables is 1.",
+                        "A host there cannot reach its own open port through the external address.",
                         "sysctl -w net.bridge.bridge-nf-call-iptables=0"});
   }
   return findings;

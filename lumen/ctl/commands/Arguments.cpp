@@ -28,7 +28,7 @@ const CLI::Validator& interfaceName() {
                            std::all_of(name.begin(), name.end(), [](unsigned char c) {
                              return c > ' ' && c != 0x7F && c != '/' && c != ':';
                            });
-        return valid ? "" : "'" + name + "' is no name of an interface";
+        return valid ? "" : "'" + name + "' is not a valid interface name";
       },
       "", "interface name");
   return validator;

@@ -105,14 +105,13 @@ void undo(Session& session) {
 }  // namespace
 
 void addHistoryCommands(CLI::App& app, Session& session) {
-  CLI::App* history =
-      app.add_subcommand("history", "what was changed lately, the newest change first");
+  CLI::App* history = app.add_subcommand("history", "recent changes, the newest first");
   addExamples(*history, {{"history", "who changed what, when, and from what to what"},
                          {"history --json", "for a program"}});
   history->callback([&session] { show(session); });
 
   CLI::App* undoing =
-      app.add_subcommand("undo", "undo the newest change; undoing again makes it again");
+      app.add_subcommand("undo", "undo the newest change; a second undo makes it again");
   addExamples(*undoing, {{"undo", "undo what lumenctl history shows first"}});
   undoing->callback([&session] {
     session.changes = true;

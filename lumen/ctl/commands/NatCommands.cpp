@@ -42,7 +42,8 @@ void close(Session& session, const std::string& text) {
   }
   if (!found) throw Refused("port " + text + " is not open");
   if (!closes && !session.json) {
-    session.out() << text << ": already closed; listed until the program that opened it lets go\n";
+    session.out() << text
+                  << ": already closed; listed until the program that opened it removes it\n";
   }
 }
 
@@ -57,7 +58,7 @@ constexpr std::array<Limit, 4> policyTable = {{
     {"external-ports", "ports that may be opened",
      [](const NatPolicy& p) { return p.externalPorts; },
      [](NatPolicyChange& c, const lumen::Policy& p) { c.externalPorts = p.externalPorts.text(); }},
-    {"internal-clients", "hosts that they may lead to",
+    {"internal-clients", "hosts that they may be opened to",
      [](const NatPolicy& p) { return p.internalClients; },
      [](NatPolicyChange& c, const lumen::Policy& p) {
        c.internalClients = p.internalClients.text();
@@ -65,7 +66,7 @@ constexpr std::array<Limit, 4> policyTable = {{
     {"max-rules", "how many may be open at once",
      [](const NatPolicy& p) { return std::to_string(p.maxRules); },
      [](NatPolicyChange& c, const lumen::Policy& p) { c.maxRules = p.maxRules; }},
-    {"max-rules-per-client", "how many of them to one host",
+    {"max-rules-per-client", "how many of them to each host",
      [](const NatPolicy& p) { return std::to_string(p.maxRulesPerClient); },
      [](NatPolicyChange& c, const lumen::Policy& p) { c.maxRulesPerClient = p.maxRulesPerClient; }},
 }};
@@ -118,14 +119,14 @@ void resetPolicy(Session& session) {
   NatPolicyChange change;
   change.reset = true;
   session.router().changePolicy(change);
-  session.done("policy: as in its file");
+  session.done("policy: reset to its file");
 }
 
 void reloadPolicy(Session& session) {
   NatPolicyChange change;
   change.reload = true;
   session.router().changePolicy(change);
-  session.done("policy file: read again");
+  session.done("policy file: reloaded");
 }
 
 void addPolicy(CLI::App& group, Session& session) {
@@ -173,11 +174,10 @@ void addPolicy(CLI::App& group, Session& session) {
 }  // namespace
 
 void addNatCommands(CLI::App& app, Session& session) {
-  CLI::App* group =
-      app.add_subcommand("nat", "the ports that are open to the Internet, and which may be");
+  CLI::App* group = app.add_subcommand("nat", "open ports, and the policy for them");
   addExamples(*group, {{"nat list", "the open ports"},
                        {"nat close 8080/tcp", "close one of them"},
-                       {"nat policy", "what programs may open"}});
+                       {"nat policy", "which ports programs may open"}});
   runWhenBare(*group, [&session] { list(session); });
   CLI::App* listing = group->add_subcommand("list", "show them");
   addExamples(*listing, {{"nat list", "who opened them, how long ago, and how much they are used"},
@@ -185,8 +185,8 @@ void addNatCommands(CLI::App& app, Session& session) {
   listing->callback([&session] { list(session); });
 
   CLI::App* closing = group->add_subcommand(
-      "close", "close a port at once; it stays listed until the program that opened it lets go");
-  addExamples(*closing, {{"nat close 8080/tcp", "no host gets in through it from then on"}});
+      "close", "close a port at once; it stays listed until the program that opened it removes it");
+  addExamples(*closing, {{"nat close 8080/tcp", "no host can connect through it any more"}});
   auto port = std::make_shared<std::string>();
   closing->add_option("port", *port, "such as 8080/tcp")->required()->type_name("PORT/PROTOCOL");
   closing->callback([&session, port] {

@@ -144,7 +144,7 @@ void addSettings(CLI::App& upnp, Session& session) {
                       {"upnp settings show --json", "for a program"}});
   show->callback([&session] { showSettings(session); });
 
-  CLI::App* set = settings->add_subcommand("set", "set some of them, the others stay as they are");
+  CLI::App* set = settings->add_subcommand("set", "set some of them; the rest stays unchanged");
   addExamples(
       *set, {{"upnp settings set enabled=off", "switch the gateway off"},
              {"upnp settings set allow-disable-external=off show-dummy-rule=off", "two at once"}});
@@ -162,7 +162,7 @@ void addInterfaces(CLI::App& upnp, Session& session) {
   CLI::App* group = upnp.add_subcommand("interface", "the interfaces that the gateway uses");
   addExamples(*group, {{"upnp interface list", "show them"},
                        {"upnp interface add br-guest --role internal", "one more network at home"},
-                       {"upnp interface remove br-guest", "not any more"}});
+                       {"upnp interface remove br-guest", "stop using it"}});
   runWhenBare(*group, [&session] { listInterfaces(session); });
   CLI::App* listing = group->add_subcommand("list", "show them");
   addExamples(*listing, {{"upnp interface list", "with the role of each"}});
@@ -205,7 +205,7 @@ void addInterfaces(CLI::App& upnp, Session& session) {
 
 void addUpnpCommands(CLI::App& app, Session& session) {
   CLI::App* upnp = app.add_subcommand("upnp", "the Internet gateway: set-up, settings, interfaces");
-  addExamples(*upnp, {{"upnp setup", "become a gateway, after a question"},
+  addExamples(*upnp, {{"upnp setup", "become a gateway; it asks before it changes anything"},
                       {"upnp check", "what keeps it from working"},
                       {"upnp settings", "how it is set"},
                       {"upnp interface list", "what it uses"}});

@@ -52,7 +52,7 @@ std::string Passed::line() const {
   if (kind == Kind::error) result += ": " + quoted(error);
   const std::string fields = onOneLine(decoded(message, subject));
   if (!fields.empty()) result += " " + fields;
-  if (cut) result += " (not shown whole)";
+  if (cut) result += " (truncated)";
   return result;
 }
 

@@ -60,7 +60,7 @@ void handle(int signal, void (*handler)(int)) {
 }  // namespace
 
 TerminalScreen::TerminalScreen() : hasKeys_(isatty(STDIN_FILENO) != 0) {
-  if (tcgetattr(STDOUT_FILENO, &before) != 0) throw Refused("standard output is no terminal");
+  if (tcgetattr(STDOUT_FILENO, &before) != 0) throw Refused("standard output is not a terminal");
   sigset_t resize;
   sigemptyset(&resize);
   sigaddset(&resize, SIGWINCH);

@@ -114,17 +114,17 @@ void addSetupCommand(CLI::App& upnp, Session& session) {
   addExamples(*setup, {{"upnp setup", "propose the roles, ask, and do it"},
                        {"upnp setup --internal br-lan --external wan0", "one network at home"},
                        {"upnp setup --internal br-lan br-guest --external ppp0", "two of them"},
-                       {"upnp setup --external ppp0 --yes", "the rest as it would be proposed"},
-                       {"upnp setup --external ppp0 --allow-missing", "before the first dial-in"}});
-  setup->add_option("--internal", arguments->internal, "interfaces towards the hosts at home")
+                       {"upnp setup --external ppp0 --yes", "accept the proposal for the rest"},
+                       {"upnp setup --external ppp0 --allow-missing", "before the first dial-up"}});
+  setup->add_option("--internal", arguments->internal, "interfaces to the hosts at home")
       ->check(interfaceName())
       ->type_name("IF...");
-  setup->add_option("--external", arguments->external, "interface towards the Internet")
+  setup->add_option("--external", arguments->external, "interface to the Internet")
       ->check(interfaceName())
       ->type_name("IF");
-  setup->add_flag("--yes", arguments->yes, "take what is proposed, without a question");
+  setup->add_flag("--yes", arguments->yes, "accept the proposal without asking");
   setup->add_flag("--allow-missing", arguments->allowMissing,
-                  "take the name of an interface that is not there now, for when it comes");
+                  "accept an interface that does not exist yet");
   setup->callback([&session, arguments] {
     session.changes = true;
     if (arguments->internal.empty() || arguments->external.empty()) complete(session, *arguments);

@@ -10,7 +10,7 @@ namespace lumenctl {
 
 namespace {
 
-constexpr const char* given = "you said so";
+constexpr const char* given = "as given";
 
 bool contains(const std::vector<std::string>& names, const std::string& name) {
   return std::find(names.begin(), names.end(), name) != names.end();
@@ -26,14 +26,14 @@ lumen::Result<Proposal::Part> proposeExternal(const std::vector<Candidate>& cand
       continue;
     }
     if (!contains(internal, route.interface)) {
-      return Proposal::Part{route.interface, "the default route leaves by it"};
+      return Proposal::Part{route.interface, "default route"};
     }
     if (taken.empty()) taken = route.interface;
   }
   return lumen::Failure{
       "no interface looks like the external one: " +
       (taken.empty() ? "there is no default route"
-                     : "the default route leaves by " + taken + ", which is to be internal") +
+                     : "the default route goes through " + taken + ", which is to be internal") +
       ". Say which one it is: --external IF"};
 }
 

@@ -63,7 +63,7 @@ TEST_F(Help, KnowsEveryCommand) { EXPECT_GT(helps.size(), 25U); }
 TEST_F(Help, SaysWhatAnArgumentTakesAndWhetherItIsNeeded) {
   const std::string add = router.lumenctl({"upnp", "interface", "add", "--help"}).out;
   EXPECT_NE(add.find("\n  interface IF "), std::string::npos) << add;
-  EXPECT_NE(add.find("\n  --role ROLE (needed) "), std::string::npos) << add;
+  EXPECT_NE(add.find("\n  --role ROLE (required) "), std::string::npos) << add;
   EXPECT_NE(add.find("\n  --disable "), std::string::npos) << add;
 }
 

@@ -23,7 +23,7 @@ TEST_F(Usage, EndsWith2WhenTheArgumentsAreWrong) {
   const std::vector<std::pair<Lines, const char*>> wrong = {
       {{}, "no command"},
       {{"frobnicate"}, "no such command"},
-      {{"status", "now"}, "an argument too many"},
+      {{"status", "now"}, "an unexpected argument"},
       {{"status", "--jsn"}, "no such option"},
       {{"status", "identity"}, "two commands"},
       {{"upnp"}, "half a command"},
@@ -49,9 +49,9 @@ TEST_F(Usage, EndsWith2WhenTheArgumentsAreWrong) {
       {{"upnp", "interface", "remove", ""}, "no name of an interface"},
       {{"interface", "forget"}, "no interface"},
       {{"nat", "close"}, "no port"},
-      {{"history", "upnp"}, "an argument too many"},
-      {{"undo", "2"}, "an argument too many"},
-      {{"monitor", "upnp"}, "an argument too many"},
+      {{"history", "upnp"}, "an unexpected argument"},
+      {{"undo", "2"}, "an unexpected argument"},
+      {{"monitor", "upnp"}, "an unexpected argument"},
       {{"--root"}, "no folder"},
   };
   for (const auto& [arguments, reason] : wrong) {
@@ -92,7 +92,7 @@ TEST_F(Usage, NamesTheWordThatItDidNotUnderstandAndTheLikelyOne) {
        "there is no option '--wacth'; did you mean '--watch'?\nlumenctl status" + toldBy},
       {{"nat", "list", "--jsn=1"},
        "there is no option '--jsn'; did you mean '--json'?\nlumenctl nat list" + toldBy},
-      {{"status", "now"}, "'now' is an argument too many\nlumenctl status" + toldBy},
+      {{"status", "now"}, "unexpected argument 'now'\nlumenctl status" + toldBy},
       {{"upnp"},
        "a command is missing: setup, check, settings, interface\nlumenctl upnp" + listedBy},
       {{"nat", "close"}, "port is required\nlumenctl nat close" + toldBy},

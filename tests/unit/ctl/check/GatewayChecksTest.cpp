@@ -130,7 +130,7 @@ TEST(Check, TakesAGatewayWithoutInterfacesForOneThatIsNotSetUp) {
 }
 
 // Promise: `upnp check` finds an interface that is away, switched off or without a link, and an
-// internal one without an address or marked as one without multicast.
+// internal one without an address or with multicast switched off.
 TEST(Check, LooksAtTheLinkOfEachInterface) {
   for (const auto& [state, id] :
        std::vector<std::pair<LinkState, std::string>>{{LinkState::away, "interface-away"},

@@ -148,7 +148,7 @@ TEST_F(Listing, SaysThatNoPortIsOpen) {
 
 // Promise [ctl-close]: `nat close 8080/tcp` closes that port of that protocol on every address that
 // has it, and a closed one stays as it is: `8080/tcp: already closed; listed until the program that
-// opened it lets go`.
+// opened it removes it`.
 TEST_F(Listing, ClosesThePortOfThatProtocolOnly) {
   router.hasPort(8080, udp, "192.168.88.10", 80);
   router.hasPort(8080, tcp, "192.168.88.10", 80);
@@ -180,7 +180,7 @@ TEST_F(Listing, LeavesAPortAloneThatIsClosedAlready) {
   const auto again = router.lumenctl({"nat", "close", "8080/tcp"});
   EXPECT_EQ(again.status, 0);
   EXPECT_EQ(again.out,
-            "8080/tcp: already closed; listed until the program that opened it lets go\n");
+            "8080/tcp: already closed; listed until the program that opened it removes it\n");
   EXPECT_EQ(router.lumenctl({"nat", "close", "8080/tcp", "--json"}).out, "{\n  \"done\": []\n}\n");
   EXPECT_EQ(router.changes(), Lines{});
 }
@@ -209,9 +209,9 @@ TEST_F(Listing, ShowsThePolicy) {
   EXPECT_EQ(router.lumenctl({"nat", "policy"}).out,
             "SETTING               VALUE       MEANING\n"
             "external-ports        1024-65535  ports that may be opened\n"
-            "internal-clients      connected   hosts that they may lead to\n"
+            "internal-clients      connected   hosts that they may be opened to\n"
             "max-rules             4096        how many may be open at once\n"
-            "max-rules-per-client  1024        how many of them to one host\n");
+            "max-rules-per-client  1024        how many of them to each host\n");
   EXPECT_EQ(router.lumenctl({"nat", "policy", "--json"}).out,
             "{\n  \"external-ports\": \"1024-65535\",\n  \"internal-clients\": \"connected\",\n"
             "  \"max-rules\": 4096,\n  \"max-rules-per-client\": 1024\n}\n");
@@ -235,7 +235,7 @@ TEST_F(Listing, WritesAllOfThePolicyWhenAllIsSet) {
 }
 
 TEST_F(Listing, ResetsThePolicy) {
-  EXPECT_EQ(router.lumenctl({"nat", "policy", "reset"}).out, "policy: as in its file\n");
+  EXPECT_EQ(router.lumenctl({"nat", "policy", "reset"}).out, "policy: reset to its file\n");
   EXPECT_EQ(router.requests(), Lines{"[20,5] fe000e 00010034=true"});
 }
 
@@ -247,7 +247,7 @@ TEST_F(Listing, ShowsThePolicyByItsOwnNameToo) {
 // Promise [ctl-reload]: `nat policy reload` reads `/lumen/etc/nat-policy` again, for ports that are
 // opened from then on; what was set by command still wins.
 TEST_F(Listing, LetsThePolicyFileBeReadAgain) {
-  EXPECT_EQ(router.lumenctl({"nat", "policy", "reload"}).out, "policy file: read again\n");
+  EXPECT_EQ(router.lumenctl({"nat", "policy", "reload"}).out, "policy file: reloaded\n");
   EXPECT_EQ(router.requests(), Lines{"[20,5] fe000e 00010035=true"});
 }
 

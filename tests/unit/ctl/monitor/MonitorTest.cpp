@@ -184,14 +184,14 @@ TEST_F(Monitoring, NamesWhatAnUndoIsAbout) {
                    "changed\" undo={command=set-settings bool 0x00000001=false} path=[20, 5]}]"}));
 }
 
-// Promise: `monitor` says when a message is `not shown whole`.
+// Promise: `monitor` says when a message is `truncated`.
 TEST_F(Monitoring, ShowsThatSomethingIsNotShownWhole) {
   router.passes(gateway, subscribers, notification({gateway, 0}, lm::cmd::changed), true);
   router.passes(gateway, subscribers, {}, true);
   router.passes(gateway, 20, {}, true);
-  EXPECT_EQ(lines(), (Lines{"palinode-igd -> all: notification changed (not shown whole)",
-                            "palinode-igd -> all: notification (not shown whole)",
-                            "palinode-igd -> interfaces: message (not shown whole)"}));
+  EXPECT_EQ(lines(), (Lines{"palinode-igd -> all: notification changed (truncated)",
+                            "palinode-igd -> all: notification (truncated)",
+                            "palinode-igd -> interfaces: message (truncated)"}));
 }
 
 // Promise: `monitor --json` prints an object on each line.

@@ -54,35 +54,34 @@ const std::vector<Candidate> homeRouter = {bridge("br-lan", {"192.168.88.1"}), e
 // route as external, Ethernet links with an address of a private network and bridges with an
 // address as internal, with the reason for each; another way out and a tunnel are neither.
 TEST(SetupProposal, TakesTheInterfaceOfTheDefaultRouteAsExternal) {
-  EXPECT_EQ(
-      propose(homeRouter, {{"wan0", 0}}),
-      "br-lan: bridge, private network (192.168.88.1) | wan0: the default route leaves by it");
+  EXPECT_EQ(propose(homeRouter, {{"wan0", 0}}),
+            "br-lan: bridge, private network (192.168.88.1) | wan0: default route");
 }
 
 // Also proves [ctl-propose].
 TEST(SetupProposal, TakesALinkWithAPrivateAddressAsInternal) {
   for (const std::string address : {"10.0.0.1", "172.16.0.1", "172.31.255.1", "192.168.0.1"}) {
     EXPECT_EQ(propose({ethernet("wan0", {}), ethernet("eth1", {address})}, {{"wan0", 0}}),
-              "eth1: private network (" + address + ") | wan0: the default route leaves by it");
+              "eth1: private network (" + address + ") | wan0: default route");
   }
 }
 
 // Also proves [ctl-propose].
 TEST(SetupProposal, TakesABridgeWithAnyAddressAsInternal) {
   EXPECT_EQ(propose({ethernet("wan0", {}), bridge("br0", {"45.46.0.1"})}, {{"wan0", 0}}),
-            "br0: bridge (45.46.0.1) | wan0: the default route leaves by it");
+            "br0: bridge (45.46.0.1) | wan0: default route");
 }
 
 TEST(SetupProposal, FindsAPrivateAddressAfterAnother) {
   EXPECT_EQ(
       propose({ethernet("wan0", {}), ethernet("eth1", {"45.46.0.1", "10.1.0.1"})}, {{"wan0", 0}}),
-      "eth1: private network (10.1.0.1) | wan0: the default route leaves by it");
+      "eth1: private network (10.1.0.1) | wan0: default route");
 }
 
 TEST(SetupProposal, TakesAPrivateNetworkWithTheDefaultRouteAsExternal) {
   EXPECT_EQ(
       propose({ethernet("eth0", {"192.168.1.2"}), ethernet("eth1", {"10.0.0.1"})}, {{"eth0", 0}}),
-      "eth1: private network (10.0.0.1) | eth0: the default route leaves by it");
+      "eth1: private network (10.0.0.1) | eth0: default route");
 }
 
 // Also proves [ctl-propose].
@@ -99,8 +98,7 @@ TEST(SetupProposal, LeavesOutWhatHasNoHostsOfAHome) {
   for (const auto& [other, reason] : others) {
     EXPECT_EQ(propose({bridge("br-lan", {"192.168.88.1"}), other, tunnel("ppp0", {"45.45.45.1"})},
                       {{"ppp0", 0}, {"lte0", 700}}),
-              "br-lan: bridge, private network (192.168.88.1) | ppp0: the default route leaves by "
-              "it")
+              "br-lan: bridge, private network (192.168.88.1) | ppp0: default route")
         << reason;
   }
 }
@@ -109,18 +107,18 @@ TEST(SetupProposal, LeavesOutWhatHasNoHostsOfAHome) {
 // rest, and says which roles would end.
 TEST(SetupProposal, ProposesOnlyWhatWasNotSaid) {
   EXPECT_EQ(propose(homeRouter, {{"wan0", 0}}, {"lan0", "br-x"}),
-            "lan0: you said so, br-x: you said so | wan0: the default route leaves by it");
+            "lan0: as given, br-x: as given | wan0: default route");
   EXPECT_EQ(propose(homeRouter, {{"wan0", 0}}, {}, "ppp0"),
-            "br-lan: bridge, private network (192.168.88.1) | ppp0: you said so");
+            "br-lan: bridge, private network (192.168.88.1) | ppp0: as given");
   EXPECT_EQ(
       propose({ethernet("eth1", {"10.0.0.1"}), ethernet("eth2", {"10.0.1.1"})}, {}, {}, "eth1"),
-      "eth2: private network (10.0.1.1) | eth1: you said so");
+      "eth2: private network (10.0.1.1) | eth1: as given");
 }
 
 TEST(SetupProposal, TakesTheNextDefaultRouteWhenTheFirstIsToBeInternal) {
   EXPECT_EQ(
       propose({ethernet("eth0", {}), ethernet("lte0", {})}, {{"eth0", 0}, {"lte0", 700}}, {"eth0"}),
-      "eth0: you said so | lte0: the default route leaves by it");
+      "eth0: as given | lte0: default route");
 }
 
 // Promise [ctl-nothing-proposed]: When no interface looks like an external or an internal one,
@@ -131,8 +129,8 @@ TEST(SetupProposal, SaysWhyNothingCanBeExternal) {
             "no interface looks like the external one: there is no default route. Say which one it "
             "is: --external IF");
   EXPECT_EQ(propose(homeRouter, {{"wan0", 0}}, {"wan0"}),
-            "no interface looks like the external one: the default route leaves by wan0, which is "
-            "to be internal. Say which one it is: --external IF");
+            "no interface looks like the external one: the default route goes through wan0, "
+            "which is to be internal. Say which one it is: --external IF");
 }
 
 TEST(SetupProposal, PassesOverADefaultRouteByALinkThatThePlatformDoesNotKnow) {
