@@ -42,6 +42,20 @@ std::string written(const lumen::ServiceDefinition& service) {
       "\ngroup=" + std::to_string(service.group) + "\n";
   if (service.boot) text += "boot=yes\n";
   if (service.answersOnly) text += "answers-only=yes\n";
+  if (service.network) {
+    text += "network=";
+    switch (*service.network) {
+      case lumen::NetworkGrant::none:
+        text += "none\n";
+        break;
+      case lumen::NetworkGrant::internal:
+        text += "internal\n";
+        break;
+      case lumen::NetworkGrant::nameServers:
+        text += "name-servers\n";
+        break;
+    }
+  }
   if (service.stores.empty()) return text;
   text += "stores=";
   for (const std::string& store : service.stores) text += store + " ";

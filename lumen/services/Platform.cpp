@@ -24,18 +24,21 @@ std::optional<gid_t> administratorGroup() {
 
 Platform::Platform(const lm::EventLoop& loop, Processes& processes,
                    std::vector<ServiceDefinition> services)
-    : supervisor_(std::move(services), processes, loop.clock(), path::runFolder),
+    : fence_(nftables_, services, path::nameServers),
+      supervisor_(std::move(services), processes, loop.clock(), path::runFolder),
       broker_(supervisor_, loop.clock(), administratorGroup()),
       identity_(path::store("identity")),
       history_(path::store("history")),
+      linksOfTables_(links_, fence_),
       addresses_(broker_),
-      interfaces_(links_, addresses_, broker_, path::store("interfaces")),
+      interfaces_(linksOfTables_, addresses_, broker_, fence_, path::store("interfaces")),
       natMap_(nftables_),
       flowMarks_(path::flowMarks),
       policies_(path::natPolicy, path::store("nat")),
       natRules_(natMap_, flows_, flowMarks_, addresses_, policies_, loop.clock()),
       listener_(broker_) {
   supervisor_.setObserver(broker_);
+  supervisor_.listenToRequests(*this);
   broker_.addLocal(lm::service::identity, 0, identity_);
   broker_.addLocal(lm::service::history, 0, history_);
   broker_.addLocal(lm::service::interfaces, lm::handler::interfaces, interfaces_);
@@ -48,11 +51,16 @@ Result<void> Platform::start() {
   if (const auto open = natMap_.open(path::natRuleset); !open) {
     return Failure{"NAT table: " + open.why()};
   }
+  if (const auto fenced = fence_.open(); !fenced) return Failure{"fence: " + fenced.why()};
   natRules_.endOldFlows();
   interfaces_.start();
   if (auto listening = listener_.listen(lm::socketPath); !listening) return listening;
   supervisor_.boot();
   return {};
+}
+
+void Platform::asked(const ServiceDefinition& service) {
+  if (service.network == NetworkGrant::nameServers) fence_.readNameServers();
 }
 
 }  // namespace lumen

@@ -7,6 +7,7 @@
 #include "lumen/services/addresses/AddressTable.h"
 #include "lumen/services/broker/Broker.h"
 #include "lumen/services/broker/Listener.h"
+#include "lumen/services/fence/Fence.h"
 #include "lumen/services/history/History.h"
 #include "lumen/services/identity/Identity.h"
 #include "lumen/services/interfaces/InterfaceTable.h"
@@ -17,6 +18,7 @@
 #include "lumen/services/supervisor/Supervisor.h"
 #include "lumen/services/system/netfilter/LibNftables.h"
 #include "lumen/services/system/netfilter/NetlinkFlows.h"
+#include "lumen/services/system/netlink/LinkRelay.h"
 #include "lumen/services/system/netlink/NetlinkLinks.h"
 #include "lumen/services/system/processes/Processes.h"
 #include "lumen/values/Result.h"
@@ -30,6 +32,8 @@ inline const std::string natRuleset = "/lumen/etc/nat-ruleset.nft";
 inline const std::string natPolicy = "/lumen/etc/nat-policy";
 inline const std::string storeFolder = "/lumen/store";
 inline const std::string runFolder = "/lumen/run";
+/// In the order in which the resolver looks for them.
+inline const std::vector<std::string> nameServers = {"/lumen/etc/resolv.conf", "/etc/resolv.conf"};
 inline const std::string lock = "/lumen/run/lumend.lock";
 
 /// Which UDP ports flows may go through.
@@ -40,7 +44,7 @@ inline std::string store(const std::string& name) { return storeFolder + "/" + n
 }  // namespace path
 
 /// Everything that lumend does, on the real kernel.
-class Platform {
+class Platform : private Supervisor::RequestListener {
  public:
   /// The names of lumend's own stores, directories in the store folder that must exist.
   static std::vector<std::string> stores() { return {"history", "identity", "interfaces", "nat"}; }
@@ -61,14 +65,18 @@ class Platform {
   }
 
  private:
+  void asked(const ServiceDefinition& service) override;
+
+  LibNftables nftables_;
+  Fence fence_;
   Supervisor supervisor_;
   Broker broker_;
   Identity identity_;
   History history_;
   NetlinkLinks links_;
+  LinkRelay linksOfTables_;  // the fence hears of a change first
   AddressTable addresses_;
   InterfaceTable interfaces_;
-  LibNftables nftables_;
   NatMap natMap_;
   NetlinkFlows flows_;
   FlowMarks flowMarks_;

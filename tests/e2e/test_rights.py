@@ -11,28 +11,7 @@ import unittest
 from support import lm
 from support.router import PROGRAMS, SERVICE_USER
 from support.router_case import RouterCase
-
-NOBODY = 65534
-
-
-def as_user(user, action):
-    """Runs `action` in a process of that user; returns what it returns, True or False."""
-    child = os.fork()
-    if child == 0:
-        status = 2
-        try:
-            os.setgroups([])
-            os.setgid(user)
-            os.setuid(user)
-            status = 0 if action() else 1
-        finally:
-            os._exit(status)
-    _, status = os.waitpid(child, 0)
-    status = os.waitstatus_to_exitcode(status)
-    if status not in (0, 1):
-        raise AssertionError(f"the process of user {user} ended with {status}")
-    return status == 0
-
+from support.users import NOBODY, as_user
 
 class RightsTest(RouterCase):
     def answered(self, path, command, **fields):

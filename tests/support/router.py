@@ -173,6 +173,7 @@ executable = {PROGRAMS / "palinode-igd"}
 user = {service_user}
 boot = yes
 stores = upnp upnpm
+network = internal
 """)
     (services / "resolver.ini").write_text(f"""[service]
 name = resolver
@@ -180,6 +181,7 @@ number = 14
 executable = {PROGRAMS / "lumen-resolver"}
 user = {RESOLVER_USER}
 answers-only = yes
+network = name-servers
 """)
     for name in ("run", "store"):
         (root / name).mkdir()

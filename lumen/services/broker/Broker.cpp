@@ -292,6 +292,7 @@ void Broker::forward(Connection& from, uint32_t service, lm::message request) {
   writeSource(from, request);
   request.fields().erase(lm::key::serial);
   std::string datagram = lm::encode(request);
+  services_.asked(service);
   const auto holder = registrations_.find(service);
   if (holder != registrations_.end()) {
     return send(asking, *find(holder->second), std::move(datagram));

@@ -35,6 +35,9 @@ class Services {
   /// Whether it may send requests to other services.
   [[nodiscard]] virtual bool mayAsk(uint32_t number) const = 0;
 
+  /// A request for this service, defined or not, is about to be passed on.
+  virtual void asked(uint32_t number) = 0;
+
   /// A request for this service, which is defined, has arrived and no connection serves it. Starts
   /// it if that is possible; an administrator's request ends a back-off. True when a process is
   /// about to serve it.

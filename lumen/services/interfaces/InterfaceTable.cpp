@@ -53,12 +53,12 @@ bool setsMore(const lm::message& request) {
 }  // namespace
 
 InterfaceTable::InterfaceTable(Links& links, AddressTable& addresses, Notifier& notifier,
-                               const std::string& storeDirectory)
+                               KeptNames::Listener& names, const std::string& storeDirectory)
     : links_(links),
       addresses_(addresses),
       notifier_(notifier),
       store_(storeDirectory, RouteKeeper::records),
-      kept_(store_),
+      kept_(store_, names),
       routes_(links, store_) {
   for (const auto& [name, kept] : kept_.all()) {
     ids_.restore(name, kept.id);

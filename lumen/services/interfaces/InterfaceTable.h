@@ -28,7 +28,7 @@ class InterfaceTable : public LocalHandler, private Links::Listener {
   /// Loads the kept names and saved routes from `storeDirectory`. What is given by reference must
   /// outlive this.
   InterfaceTable(Links& links, AddressTable& addresses, Notifier& notifier,
-                 const std::string& storeDirectory);
+                 KeptNames::Listener& names, const std::string& storeDirectory);
   InterfaceTable(const InterfaceTable&) = delete;
   InterfaceTable& operator=(const InterfaceTable&) = delete;
 

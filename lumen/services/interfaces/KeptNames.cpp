@@ -33,7 +33,12 @@ bool KeptNames::isName(const std::string& name) {
   });
 }
 
-KeptNames::KeptNames(lm::Store& store) : store_(store) {
+KeptNames::KeptNames(lm::Store& store, Listener& listener) : store_(store), listener_(listener) {
+  load();
+  tellInternal();
+}
+
+void KeptNames::load() {
   const auto stored = store_.get(recordNumber);
   if (!stored) return;
   std::set<uint32_t> ids;
@@ -77,7 +82,16 @@ bool KeptNames::change(Names names) {
   all.insert_message_array(lm::key::records, std::move(records));
   if (!store_.set(recordNumber, all)) return false;
   names_ = std::move(names);
+  tellInternal();
   return true;
+}
+
+void KeptNames::tellInternal() {
+  std::set<std::string> internal;
+  for (const auto& [name, kept] : names_) {
+    if (kept.role == lm::interfaces::roleInternal) internal.insert(name);
+  }
+  listener_.internalNames(std::move(internal));
 }
 
 }  // namespace lumen

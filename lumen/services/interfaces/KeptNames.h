@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
 
 #include "platform/Store.h"
@@ -22,11 +23,19 @@ class KeptNames {
     uint32_t role = 0;  ///< lm::interfaces::roleExternal or roleInternal
   };
 
+  class Listener {
+   public:
+    virtual ~Listener() = default;
+    /// Exactly these names are kept as internal. Called from the constructor, and after each change
+    /// before it returns; may not call back.
+    virtual void internalNames(std::set<std::string> names) = 0;
+  };
+
   /// Whether the kernel can have a link of that name, which is not its loopback's.
   [[nodiscard]] static bool isName(const std::string& name);
 
-  /// Loads what is stored. `store` must outlive this.
-  explicit KeptNames(lm::Store& store);
+  /// Loads what is stored. Both must outlive this.
+  KeptNames(lm::Store& store, Listener& listener);
   KeptNames(const KeptNames&) = delete;
   KeptNames& operator=(const KeptNames&) = delete;
 
@@ -39,9 +48,12 @@ class KeptNames {
  private:
   using Names = std::map<std::string, Kept>;
 
+  void load();
   [[nodiscard]] bool change(Names names);
+  void tellInternal();
 
   lm::Store& store_;
+  Listener& listener_;
   Names names_;
 };
 

@@ -44,8 +44,8 @@ struct Reading {
 };
 
 int takeSetting(void* context, const char* section, const char* name, const char* value) {
-  static constexpr std::string_view known[] = {"name",  "number", "executable", "user",
-                                               "group", "boot",   "stores",     "answers-only"};
+  static constexpr std::string_view known[] = {"name", "number", "executable",   "user",   "group",
+                                               "boot", "stores", "answers-only", "network"};
   auto& reading = *static_cast<Reading*>(context);
   if (!reading.outcome) return 1;
   const std::string_view setting = name;
@@ -99,6 +99,7 @@ class Builder {
     definition_.boot = yesOrNo("boot");
     definition_.answersOnly = yesOrNo("answers-only");
     takeStores();
+    takeNetwork();
     if (!outcome_) return outcome_.failure();
     return definition_;
   }
@@ -168,6 +169,19 @@ class Builder {
       if (!isName(store)) fail("\"" + store + "\" is no name of a store");
       definition_.stores.push_back(std::move(store));
       begin = stores.find_first_not_of(' ', end);
+    }
+  }
+
+  void takeNetwork() {
+    const std::string network = optional("network");
+    if (network == "internal") {
+      definition_.network = NetworkGrant::internal;
+    } else if (network == "name-servers") {
+      definition_.network = NetworkGrant::nameServers;
+    } else if (network == "none") {
+      definition_.network = NetworkGrant::none;
+    } else if (settings_.contains("network")) {
+      fail("\"network\" is none of internal, name-servers and none");
     }
   }
 

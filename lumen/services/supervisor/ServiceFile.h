@@ -13,6 +13,13 @@
 
 namespace lumen {
 
+/// Which hosts a service may send packets to.
+enum class NetworkGrant {
+  none,         ///< no host
+  internal,     ///< those in the networks of internal interfaces, and the discovery group there
+  nameServers,  ///< the resolver's name servers, port 53
+};
+
 /// A program that runs as a service, as its service file describes it:
 ///
 ///     [service]
@@ -24,6 +31,7 @@ namespace lumen {
 ///     boot = yes                           ; left out or no: starts when it is first needed
 ///     answers-only = yes                   ; left out or no: may ask other services for something
 ///     stores = upnp upnpm                  ; left out: none; directories below /lumen/store
+///     network = internal                   ; or name-servers or none; left out: none
 struct ServiceDefinition {
   std::string name;
   uint32_t number = 0;
@@ -33,6 +41,7 @@ struct ServiceDefinition {
   bool boot = false;
   bool answersOnly = false;
   std::vector<std::string> stores;
+  std::optional<NetworkGrant> network;  // none: the file does not say, which grants nothing
 };
 
 /// Where the names of users and groups come from.

@@ -80,6 +80,11 @@ bool Supervisor::mayAsk(uint32_t number) const {
   return service != nullptr && !service->definition().answersOnly;
 }
 
+void Supervisor::asked(uint32_t number) {
+  const Service* const service = find(number);
+  if (service != nullptr && requests_ != nullptr) requests_->asked(service->definition());
+}
+
 bool Supervisor::need(uint32_t number, bool administrator) {
   Service* const service = find(number);
   return service != nullptr && service->need(administrator);

@@ -16,12 +16,21 @@ namespace lumen {
 /// Starts the services, waits for their ends and starts them again.
 class Supervisor : public Services, public Processes::Observer {
  public:
+  class RequestListener {
+   public:
+    virtual ~RequestListener() = default;
+    /// A request for the service is about to be passed on to it.
+    virtual void asked(const ServiceDefinition& service) = 0;
+  };
+
   /// `definitions` come in rising order of number. `processes` and `clock` must outlive this.
   Supervisor(std::vector<ServiceDefinition> definitions, Processes& processes,
              const lm::Clock& clock, const std::string& runDirectory);
 
   /// Must be called before anything else; the observer must live until the last call.
   void setObserver(Services::Observer& observer);
+  /// `listener` must outlive this.
+  void listenToRequests(RequestListener& listener) { requests_ = &listener; }
 
   /// Starts what starts at boot.
   void boot();
@@ -34,6 +43,7 @@ class Supervisor : public Services, public Processes::Observer {
   [[nodiscard]] std::string nameOf(uint32_t number) const override;
   [[nodiscard]] std::vector<uint32_t> servicesOf(uid_t user) const override;
   [[nodiscard]] bool mayAsk(uint32_t number) const override;
+  void asked(uint32_t number) override;
   bool need(uint32_t number, bool administrator) override;
   void registered(uint32_t number) override;
   void unregistered(uint32_t number) override;
@@ -49,6 +59,7 @@ class Supervisor : public Services, public Processes::Observer {
 
   std::vector<std::unique_ptr<Service>> services_;
   Services::Observer* observer_ = nullptr;
+  RequestListener* requests_ = nullptr;  // not owned; may be missing
   bool shuttingDown_ = false;
   bool stuck_ = false;  // not even killing has ended a process
   lm::Timer shutDownTimer_;

@@ -44,7 +44,7 @@ class LumendTest : public testing::Test {
     fs::copy(SERVICE_PROBE, root_.file("probe"));
     root_.write("etc/services/probe.ini",
                 "[service]\nname = probe\nnumber = 40\nexecutable = /lumen/probe"
-                "\nuser = 54321\nboot = yes\nstores = upnp upnpm\n");
+                "\nuser = 54321\nboot = yes\nstores = upnp upnpm\nnetwork = none\n");
   }
 
   void SetUp() override { ASSERT_EQ(geteuid(), 0U) << "these tests must be run by root"; }

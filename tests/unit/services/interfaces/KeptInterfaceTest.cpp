@@ -50,6 +50,22 @@ TEST_F(KeptInterface, ChangesTheRoleWhenKeptAgainAndKeepsTheId) {
             (Lines{record(1, 0, "wan0", "disabled=1 running=0", 0) + " role=2"}));
 }
 
+TEST_F(KeptInterface, IsKnownAsInternalBeforeAnyServiceHearsOfIt) {
+  using Names = std::set<std::string>;
+  starts();
+  EXPECT_EQ(text(administratorKeeps("wan0", 1)), "id=1");
+  EXPECT_EQ(keptNames.internal, Names{});
+  notifier.onNotify = [this] { EXPECT_EQ(keptNames.internal, Names{"br-lan"}); };
+  EXPECT_EQ(text(administratorKeeps("br-lan", 2)), "id=2");
+  notifier.onNotify = nullptr;
+  restarts();
+  EXPECT_EQ(keptNames.internal, Names{"br-lan"});
+  EXPECT_EQ(text(administratorKeeps("wan0", 2)), "id=1");
+  EXPECT_EQ(keptNames.internal, (Names{"br-lan", "wan0"}));
+  EXPECT_EQ(text(administratorForgets("br-lan")), "");
+  EXPECT_EQ(keptNames.internal, Names{"wan0"});
+}
+
 // Promise: The role of an interface is shown to administrators only.
 TEST_F(KeptInterface, ShowsTheRoleToAdministratorsOnly) {
   kernel.appears("br-lan");
@@ -219,7 +235,8 @@ TEST(KeptNamesTest, LeaveOutWhatIsWrongInTheStore) {
   all.insert_message_array(lm::key::records, records);
   ASSERT_TRUE(store.set(0, all));
   testing::internal::CaptureStdout();
-  const KeptNames kept(store);
+  RecordingNames names;
+  const KeptNames kept(store, names);
   std::string line = "interfaces: a stored name is wrong and left out\n";
   std::string log;
   for (int i = 0; i < 7; ++i) log += line;
@@ -228,6 +245,7 @@ TEST(KeptNamesTest, LeaveOutWhatIsWrongInTheStore) {
   EXPECT_EQ(kept.all().at("wan0").id, 1U);
   EXPECT_EQ(kept.all().at("wan0").role, 1U);
   EXPECT_EQ(kept.all().at("lan0").id, 6U);
+  EXPECT_EQ(names.internal, std::set<std::string>{"lan0"});
 }
 
 TEST_F(KeptInterface, KeepsTheIdOfItsLinkWhenItCannotBeStored) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -15,6 +16,7 @@ class RecordingNotifier : public Notifier {
  public:
   void notify(uint32_t command, const std::vector<uint32_t>& source,
               const lm::message& fields) override {
+    if (onNotify) onNotify();
     messages.push_back(fields);
     lines.push_back(kind(command, source) + " " + text(fields));
   }
@@ -27,6 +29,7 @@ class RecordingNotifier : public Notifier {
 
   std::vector<std::string> lines;
   std::vector<lm::message> messages;
+  std::function<void()> onNotify;
 
  private:
   static std::string kind(uint32_t command, const std::vector<uint32_t>& source) {

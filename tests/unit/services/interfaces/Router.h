@@ -10,6 +10,7 @@
 #include "lumen/services/addresses/AddressTable.h"
 #include "lumen/services/interfaces/InterfaceTable.h"
 #include "services/interfaces/FakeLinks.h"
+#include "services/interfaces/RecordingNames.h"
 #include "services/interfaces/RecordingNotifier.h"
 #include "support/TempDir.h"
 
@@ -60,6 +61,7 @@ class Router : public testing::Test {
 
   FakeLinks kernel;
   RecordingNotifier notifier;
+  RecordingNames keptNames;
 
  private:
   lm::test::TempDir store_;

@@ -71,7 +71,8 @@ TEST(ServiceFile, DescribesAService) {
       "group = net\n"
       "boot = yes\n"
       "answers-only = yes\n"
-      "stores = upnp  upnpm more\n");
+      "stores = upnp  upnpm more\n"
+      "network = internal\n");
   ASSERT_TRUE(service);
   EXPECT_EQ(service->name, "upnp");
   EXPECT_EQ(service->number, 40U);
@@ -81,6 +82,15 @@ TEST(ServiceFile, DescribesAService) {
   EXPECT_TRUE(service->boot);
   EXPECT_TRUE(service->answersOnly);
   EXPECT_EQ(service->stores, (std::vector<std::string>{"upnp", "upnpm", "more"}));
+  EXPECT_EQ(service->network, NetworkGrant::internal);
+}
+
+// Promise: A service file says by `network` where the service may send packets: `internal`,
+// `name-servers` or `none`.
+TEST(ServiceFile, SaysWhereTheServiceMaySend) {
+  EXPECT_EQ(parse(serviceFile("", "network = name-servers"))->network, NetworkGrant::nameServers);
+  EXPECT_EQ(parse(serviceFile("", "network = none"))->network, NetworkGrant::none);
+  EXPECT_EQ(parse(serviceFile())->network, std::nullopt);
 }
 
 // Also proves [service-file].
@@ -172,6 +182,8 @@ TEST(ServiceFile, IsRefusedWithAReason) {
       {"", "boot = maybe", "\"boot\" is neither yes nor no"},
       {"", "answers-only = 1", "\"answers-only\" is neither yes nor no"},
       {"", "stores = upnp ../x", "\"../x\" is no name of a store"},
+      {"", "network = all", "\"network\" is none of internal, name-servers and none"},
+      {"", "network =", "\"network\" is none of internal, name-servers and none"},
       {"", "colour = red", "unknown setting \"colour\""},
       {"", "colour = red\nnumber = 41", "unknown setting \"colour\""},
       {"", "number = 41", "\"number\" is given twice"},

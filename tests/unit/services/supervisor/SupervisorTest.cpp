@@ -552,6 +552,18 @@ TEST_F(SupervisorTest, SaysInTheLogWhomItWaitsForAndWhomItKills) {
 }
 
 // Promise: A service is known by its number and by its user.
+TEST_F(SupervisorTest, TellsOfRequestsToItsServices) {
+  struct Requests : Supervisor::RequestListener {
+    void asked(const ServiceDefinition& service) override { names.push_back(service.name); }
+    std::vector<std::string> names;
+  };
+  Requests requests;
+  supervisor.asked(resolver);
+  supervisor.listenToRequests(requests);
+  for (const uint32_t number : {resolver, gateway, 99U}) supervisor.asked(number);
+  EXPECT_EQ(requests.names, (std::vector<std::string>{"resolver", "upnp"}));
+}
+
 TEST_F(SupervisorTest, KnowsItsServicesByNumberAndByUser) {
   EXPECT_TRUE(supervisor.isDefined(gateway));
   EXPECT_FALSE(supervisor.isDefined(66));

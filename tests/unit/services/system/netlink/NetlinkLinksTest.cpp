@@ -32,6 +32,7 @@
 #include "platform/Fd.h"
 #include "platform/Keys.h"
 #include "platform/wire/Interfaces.h"
+#include "services/interfaces/RecordingNames.h"
 #include "services/interfaces/RecordingNotifier.h"
 #include "support/Ipv4Text.h"
 #include "support/RefusedCall.h"
@@ -54,7 +55,7 @@ class NetlinkLinksTest : public testing::Test {
     table.reset();
     links = std::make_unique<NetlinkLinks>(receiveBuffer);
     addressTable = std::make_unique<AddressTable>(notifier);
-    table = std::make_unique<InterfaceTable>(*links, *addressTable, notifier, store.path());
+    table = std::make_unique<InterfaceTable>(*links, *addressTable, notifier, names, store.path());
     table->start();
     (void)notifier.take();
   }
@@ -160,6 +161,7 @@ class NetlinkLinksTest : public testing::Test {
   std::unique_ptr<lm::EventLoop> loop;
   lm::test::TempDir store;
   RecordingNotifier notifier;
+  RecordingNames names;
   std::unique_ptr<NetlinkLinks> links;
   std::unique_ptr<AddressTable> addressTable;
   std::unique_ptr<InterfaceTable> table;
