@@ -166,7 +166,7 @@ class FenceTest(FenceCase):
         for host in self.lan:
             self.listen(host.namespace, host.address)
 
-    # Promise [fence-internal]: The gateway's user sends to hosts in the networks of internal
+    # Promise [fence]: The gateway's user sends to hosts in the networks of internal
     # interfaces and to the discovery group there, and nowhere else: not to the router itself, not
     # by IPv6. What it may not send is refused at once.
     def test_the_gateways_user_reaches_internal_hosts_only(self):
@@ -195,7 +195,7 @@ class FenceTest(FenceCase):
         self.assertEqual(self.daemon_sends(*(packet for _, packet in sent)),
                          [result for result, _ in sent])
 
-    # Promise [fence-others]: The packets of other users pass, whatever their service files grant.
+    # Promise: The packets of other users pass, whatever their service files grant.
     def test_other_users_are_not_fenced(self):
         self.listen(self.wan.namespace, WAN_HOST)
         self.listen(self.network.router, "127.0.0.1")
@@ -208,7 +208,7 @@ class FenceTest(FenceCase):
             self.assertEqual(self.as_user_of_router(user, *reached), [OPEN] * len(reached))
         self.assertEqual(self.refused(), 0)
 
-    # Promise [fence-follows]: The fence follows interfaces, their addresses and their roles.
+    # Promise: The fence follows interfaces, their addresses and their roles.
     def test_it_follows_addresses_and_roles(self):
         def reached(address):
             return self.daemon_sends(lambda: udp(address)) == [OPEN]
@@ -234,7 +234,7 @@ class FenceTest(FenceCase):
         self.assertFalse(reached(guest))
         self.assertTrue(reached(self.lan[0].address))
 
-    # Promise [fence-end]: The fence goes with lumend, however that ends, and nobody else can change
+    # Promise: The fence goes with lumend, however that ends, and nobody else can change
     # it meanwhile.
     def test_it_goes_with_lumend(self):
         for table in ("ip", "ip6"):
@@ -246,7 +246,7 @@ class FenceTest(FenceCase):
         wait_until(lambda: self.daemon_sends(lambda: udp(WAN_HOST)) == [OPEN], "it has gone")
         self.assertEqual(self.network.router.run("nft", "list", "tables"), "")
 
-    # Promise [fence-listen]: What listens as the gateway's user on another than an internal
+    # Promise: What listens as the gateway's user on another than an internal
     # interface gets no connection: its answers are refused.
     def test_a_listener_on_the_wan_side_answers_nobody(self):
         listener = self.listener_of(SERVICE_USER, LAN_ADDRESS)

@@ -127,7 +127,7 @@ TEST_F(FenceTest, ReadsTheFirstFileOfNameServersThatThereIs) {
             (Texts{fence::grantNameServers(own), fence::grantIpv6NameServers(own)}));
 }
 
-// Promise [fence-retry]: A change of the fence that the kernel refuses is logged and tried again a
+// Promise: A change of the fence that the kernel refuses is logged and tried again a
 // second later; what was granted before stays.
 TEST_F(FenceTest, TriesAgainWhatTheKernelRefused) {
   opens();
@@ -147,7 +147,7 @@ TEST_F(FenceTest, TriesAgainWhatTheKernelRefused) {
   EXPECT_EQ(kernel_.takeTexts(), Texts{});
 }
 
-// Promise [fence-shared]: Services that run as one user may each send where one of them may, since
+// Promise: Services that run as one user may each send where one of them may, since
 // the kernel tells only users apart; the log says so at the start.
 TEST_F(FenceTest, SaysWhichServicesShareAUser) {
   services_.push_back(service("probe", 200, NetworkGrant::none));
@@ -160,7 +160,7 @@ TEST_F(FenceTest, SaysWhichServicesShareAUser) {
             "fence: upnp, probe share user 200: each may send where one of them may\n");
 }
 
-// Promise [fence-limit]: At most 256 networks of internal interfaces are reached, and none of an
+// Promise: At most 256 networks of internal interfaces are reached, and none of an
 // interface with a blank, a quotation mark, a backslash or a star in its name; the log says so.
 TEST_F(FenceTest, SaysWhatItLeavesOut) {
   opens();
