@@ -75,6 +75,21 @@ class CheckTest(CheckCase):
                           "where Palinode was built: cp build/etc/services/upnp.ini "
                           f"{place}, then start lumend again")
 
+    def test_the_service_file_lets_the_gateway_send_nothing(self):
+        place = self.router.root / "etc" / "services" / "upnp.ini"
+        text = place.read_text()
+        self.router.stop()
+        place.write_text(text.replace("network = internal\n", ""))
+        self.router.start()
+        self.assert_found(f"The service file {place} does not let the gateway send to hosts.",
+                          "No host finds a gateway, and no port can be opened.",
+                          "add the line \"network = internal\" to it, then start lumend again")
+        self.router.stop()
+        place.write_text(text)
+        self.router.start()
+        self.router.wait_until_controllable()
+        self.assert_well()
+
     def test_the_user_of_the_gateway_is_missing(self):
         place = self.router.root / "etc" / "services" / "upnp.ini"
         right = place.read_text()

@@ -54,6 +54,7 @@ def udp(address, port=PORT, device=None):
     with socket.socket(family, socket.SOCK_DGRAM) as sock:
         if device:
             sock.setsockopt(socket.SOL_SOCKET, socket.SO_BINDTODEVICE, device.encode())
+        sock.setsockopt(socket.SOL_SOCKET, socket.SO_BROADCAST, 1)
         sock.sendto(b"x", (address, port))
 
 
@@ -177,6 +178,7 @@ class FenceTest(FenceCase):
             (OPEN, lambda: tcp(lan)),
             (OPEN, lambda: udp(lan)),
             (OPEN, lambda: udp(GROUP, 1900, LAN_BRIDGE)),
+            (REFUSED, lambda: udp("192.168.88.255")),
             (REFUSED, lambda: udp(GROUP, 1901, LAN_BRIDGE)),
             (REFUSED, lambda: udp(OTHER_GROUP, 1900, LAN_BRIDGE)),
             (REFUSED, lambda: udp(GROUP, 1900, WAN_LINK)),

@@ -44,6 +44,10 @@ Findings checkRoles(const std::vector<CheckedInterface>& interfaces) {
   return {};
 }
 
+std::string restartOf(const GatewayFile& file) {
+  return file.packaged ? "systemctl restart lumend" : "start lumend again";
+}
+
 /// What restores a service file that is missing.
 std::string fileRemedy(const GatewayFile& file, const std::string& restart) {
   // dpkg does not restore a deleted configuration file unless it is told to.
@@ -69,7 +73,7 @@ std::string userRemedy(const GatewayFile& file, const std::string& restart) {
 }
 
 Finding notInstalled(const GatewayFile& file, const std::string& consequence) {
-  const std::string restart = file.packaged ? "systemctl restart lumend" : "start lumend again";
+  const std::string restart = restartOf(file);
   const std::string subject = "lumend knows no gateway: ";
   switch (file.state) {
     case GatewayFile::State::missing:
@@ -82,6 +86,7 @@ Finding notInstalled(const GatewayFile& file, const std::string& consequence) {
       return {"gateway-file-wrong",
               subject + "its service file " + file.path + " is wrong: " + file.error + ".",
               consequence, "correct the file, then " + restart};
+    case GatewayFile::State::fenced:
     case GatewayFile::State::right:
       break;
   }
@@ -89,6 +94,13 @@ Finding notInstalled(const GatewayFile& file, const std::string& consequence) {
           subject + "it has not read the service file " + file.path + ", which is correct now.",
           consequence,
           restart + "; when that does not help, journalctl -u lumend shows why lumend rejects it"};
+}
+
+/// As after an upgrade that kept the service file of a version without the setting.
+Finding fenced(const GatewayFile& file, const std::string& consequence) {
+  return {"gateway-fenced",
+          "The service file " + file.path + " does not let the gateway send to hosts.", consequence,
+          "add the line \"network = internal\" to it, then " + restartOf(file)};
 }
 
 /// An external address that hosts on the Internet cannot reach.
@@ -149,6 +161,9 @@ Findings checkGateway(const Observation& seen) {
       break;
   }
   Findings findings = checkRoles(seen.interfaces);
+  if (seen.gatewayFile.state == GatewayFile::State::fenced) {
+    findings.insert(findings.begin(), fenced(seen.gatewayFile, noGateway));
+  }
   if (seen.gateway.state == GatewayState::off && !seen.interfaces.empty()) {
     findings.insert(findings.begin(), {"gateway-off", "The gateway is switched off.", noGateway,
                                        "lumenctl upnp settings set enabled=on"});

@@ -12,12 +12,13 @@
 
 namespace lumenctl {
 
-/// The gateway's service file, which tells why lumend knows no gateway.
+/// The gateway's service file, which tells why lumend knows no gateway, or refuses its packets.
 struct GatewayFile {
   enum class State {
     missing,
     wrong,        ///< lumend rejects it, or it cannot be read
     userMissing,  ///< it is right, but the user that it names was never created
+    fenced,       ///< it does not let the gateway send to internal hosts
     right,        ///< lumend takes it when it starts
   };
 
@@ -59,7 +60,7 @@ struct Observation {
   lumen::Result<void> answered;  ///< lumend refused nothing
   // What follows up to the policy is empty when lumend did not answer.
   GatewayReport gateway;
-  GatewayFile gatewayFile;  ///< of a gateway that is not installed
+  GatewayFile gatewayFile;
   std::vector<CheckedInterface> interfaces;
   std::vector<NatRule> rules;
   std::optional<NatPolicy> policy;

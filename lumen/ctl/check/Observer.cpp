@@ -42,11 +42,11 @@ class InstalledUsers : public lumen::UserDatabase {
   lumen::SystemUsers system_;
 };
 
-/// What keeps lumend from starting the gateway by the file.
-lumen::Result<void> checkGatewayFile(const std::string& text, const lumen::UserDatabase& users) {
-  const auto definition = lumen::parseServiceFile(text, users);
-  if (!definition) return definition.failure();
-  if (definition->number == lm::service::gateway) return {};
+/// What lumend starts the gateway by, or what keeps it from that.
+lumen::Result<lumen::ServiceDefinition> checkGatewayFile(const std::string& text,
+                                                         const lumen::UserDatabase& users) {
+  auto definition = lumen::parseServiceFile(text, users);
+  if (!definition || definition->number == lm::service::gateway) return definition;
   return lumen::Failure{"number is not " + std::to_string(lm::service::gateway)};
 }
 
@@ -64,7 +64,8 @@ GatewayFile readGatewayFile(Machine& machine, const std::string& root) {
     file.state = errno == ENOENT ? GatewayFile::State::missing : GatewayFile::State::wrong;
     file.error = std::strerror(errno);
   } else if (const auto checked = checkGatewayFile(*text, lumen::SystemUsers()); checked) {
-    file.state = GatewayFile::State::right;
+    file.state = checked->network == lumen::NetworkGrant::internal ? GatewayFile::State::right
+                                                                   : GatewayFile::State::fenced;
   } else if (checkGatewayFile(*text, InstalledUsers())) {
     file.state = GatewayFile::State::userMissing;
   } else {
@@ -81,9 +82,7 @@ void readPlatform(Session& session, Observation& seen) {
   seen.policy = router.policy();
   seen.rules = std::move(snapshot.rules);
   seen.gateway = std::move(snapshot.gateway);
-  if (seen.gateway.state == GatewayState::notInstalled) {
-    seen.gatewayFile = readGatewayFile(machine, session.root);
-  }
+  seen.gatewayFile = readGatewayFile(machine, session.root);
   const std::vector<ConnectedNetwork> networks =
       connectedNetworks(machine.read(routeTablePath).value_or(""));
   const GatewaySockets sockets(machine, seen.gateway.process);

@@ -278,6 +278,19 @@ TEST(Check, TellsWhyThePlatformKnowsNoGateway) {
   }
 }
 
+// Promise: `upnp check` says when the gateway's service file does not let it send to hosts, as
+// after an upgrade that kept an old file.
+TEST(Check, FindsAServiceFileThatFencesTheGatewayIn) {
+  Observation seen = wellRouter();
+  seen.gatewayFile = file(GatewayFile::State::right);
+  EXPECT_EQ(checkGateway(seen), Findings{});
+  seen.gatewayFile = file(GatewayFile::State::fenced);
+  const Findings findings = checkGateway(seen);
+  ASSERT_EQ(idsOf(findings), Ids{"gateway-fenced"});
+  EXPECT_EQ(findings.front().remedy,
+            "add the line \"network = internal\" to it, then systemctl restart lumend");
+}
+
 /// Whether the clients listed are taken for none of 192.168.88.0/24, this router's 192.168.88.1.
 bool excludesTheLan(const std::string& clients,
                     lumen::Ipv4Network network = {{192, 168, 88, 0}, 24}) {
