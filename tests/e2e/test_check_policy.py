@@ -19,7 +19,7 @@ class CheckPolicyTest(CheckCase):
         self.lan[0].close_port(8080, "TCP")
 
     def test_the_policy_allows_no_port(self):
-        for limit, usual in (("max-rules", 4096), ("max-rules-per-client", 1024)):
+        for limit, usual in (("max-rules", 4096), ("max-rules-per-client", 128)):
             with self.subTest(limit=limit):
                 self.router.lumenctl("nat", "policy", "set", f"{limit}=0")
                 self.assert_refused()

@@ -148,6 +148,28 @@ class PortTest(RouterCase):
             host.open_port(8080, "UDP", client="192.168.88.255")
         self.assertEqual(self.router.ports(), {})
 
+    def open_all(self, host, first, most):
+        """Opens ports from `first` on for the host until one is refused, at most `most`; returns how
+        many are open."""
+        control = host.connection_control()
+        for count in range(most):
+            try:
+                host.open_port(first + count, "TCP", control=control)
+            except SoapError as refused:
+                self.assertEqual(refused.code, 501)
+                return count
+        return most
+
+    # Also proves [mapping-client-limit], [mapping-kept-places].
+    def test_a_host_that_takes_all_it_gets_leaves_places_for_others(self):
+        greedy, other = self.lan
+        self.assertEqual(self.open_all(greedy, 10000, 200), 128)
+        self.router.lumenctl("nat", "policy", "set", "max-rules=172")
+        self.assertEqual(self.open_all(other, 20000, 200), 8)
+        self.assertEqual(self.open_all(other, 30000, 200), 0)
+        self.assertIn("the last 43 places are kept for clients that have fewer than 8",
+                      self.router.log())
+
     # Also proves [port-closed], [ctl-close].
     def test_the_administrator_closes_a_port(self):
         host = self.lan[0]

@@ -60,7 +60,7 @@ Findings checkPolicy(const std::optional<NatPolicy>& policy,
   if (!policy) return findings;
   if (policy->maxRules == 0) findings.push_back(allowsNone("max-rules", "4096"));
   if (policy->maxRulesPerClient == 0) {
-    findings.push_back(allowsNone("max-rules-per-client", "1024"));
+    findings.push_back(allowsNone("max-rules-per-client", "128"));
   }
   const auto clients = lumen::ClientNetworks::parse(policy->internalClients);
   if (!clients || clients->containsConnected()) return findings;

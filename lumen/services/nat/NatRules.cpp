@@ -244,7 +244,7 @@ Result<void> NatRules::checkAdd(const Rule& rule) const {
     return Failure{"there are " + std::to_string(rules_.size()) +
                    " rules already, the policy allows " + std::to_string(policy.maxRules)};
   }
-  return checkRoomOf(rule.client.address);
+  return checkRoomOf(rule.client.address, rules_.size());
 }
 
 // The external address may have left the router since: such a rule keeps working when it is back.
@@ -255,16 +255,25 @@ Result<void> NatRules::checkSet(const Rule& before, const Rule& after) const {
     return allowed;
   }
   if (after.client.address == before.client.address) return {};
-  return checkRoomOf(after.client.address);
+  return checkRoomOf(after.client.address, rules_.size() - 1);
 }
 
-Result<void> NatRules::checkRoomOf(Ipv4Address client) const {
+Result<void> NatRules::checkRoomOf(Ipv4Address client, size_t others) const {
   const auto it = clientRules_.find(client);
   const uint32_t count = it == clientRules_.end() ? 0 : it->second;
-  const uint32_t limit = policies_.policy().maxRulesPerClient;
-  if (count < limit) return {};
-  return Failure{"internal client " + client.text() +
-                 " has all the rules that the policy allows it, " + std::to_string(limit)};
+  const Policy& policy = policies_.policy();
+  if (count >= policy.maxRulesPerClient) {
+    return Failure{"internal client " + client.text() +
+                   " has all the rules that the policy allows it, " +
+                   std::to_string(policy.maxRulesPerClient)};
+  }
+  if (count >= Policy::fewRules && others >= policy.maxRules - policy.keptPlaces()) {
+    return Failure{"internal client " + client.text() + " has " + std::to_string(count) +
+                   " rules, and the last " + std::to_string(policy.keptPlaces()) +
+                   " places are kept for clients that have fewer than " +
+                   std::to_string(Policy::fewRules)};
+  }
+  return {};
 }
 
 Result<void> NatRules::apply(const Rule& before, const Rule& after) {

@@ -66,7 +66,8 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts {
 
   [[nodiscard]] Result<void> checkAdd(const Rule& rule) const;
   [[nodiscard]] Result<void> checkSet(const Rule& before, const Rule& after) const;
-  [[nodiscard]] Result<void> checkRoomOf(Ipv4Address client) const;
+  /// Whether `client` may have one rule more, while there are `others` in all.
+  [[nodiscard]] Result<void> checkRoomOf(Ipv4Address client, size_t others) const;
   /// Puts `after` in the place of a rule with the same key, in the kernel too.
   [[nodiscard]] Result<void> replace(Rules::iterator it, Rule after);
   /// Removes a rule, from the kernel too.

@@ -54,7 +54,12 @@ struct Policy {
   PortRanges externalPorts;        ///< by default 1024-65535
   ClientNetworks internalClients;  ///< by default connected
   uint32_t maxRules = 4096;
-  uint32_t maxRulesPerClient = 1024;
+  uint32_t maxRulesPerClient = 128;
+
+  /// A quarter of all places is kept for clients that have fewer rules than this: a few clients
+  /// cannot take the places of all others.
+  static constexpr uint32_t fewRules = 8;
+  [[nodiscard]] uint32_t keptPlaces() const { return maxRules / 4; }
 
   /// The values by the names that they have in the policy file. After a failure nothing has
   /// changed.

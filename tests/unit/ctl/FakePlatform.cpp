@@ -88,7 +88,7 @@ FakePlatform::FakePlatform() {
   policy_.insert_string(natkey::externalPorts, "1024-65535");
   policy_.insert_string(natkey::internalClients, "connected");
   policy_.insert_u32(natkey::maxRules, 4096);
-  policy_.insert_u32(natkey::maxRulesPerClient, 1024);
+  policy_.insert_u32(natkey::maxRulesPerClient, 128);
 }
 
 FakePlatform::Result FakePlatform::lumenctl(const std::vector<std::string>& arguments) {

@@ -211,10 +211,10 @@ TEST_F(Listing, ShowsThePolicy) {
             "external-ports        1024-65535  ports that may be opened\n"
             "internal-clients      connected   hosts that they may be opened to\n"
             "max-rules             4096        how many may be open at once\n"
-            "max-rules-per-client  1024        how many of them to each host\n");
+            "max-rules-per-client  128         how many of them to each host\n");
   EXPECT_EQ(router.lumenctl({"nat", "policy", "--json"}).out,
             "{\n  \"external-ports\": \"1024-65535\",\n  \"internal-clients\": \"connected\",\n"
-            "  \"max-rules\": 4096,\n  \"max-rules-per-client\": 1024\n}\n");
+            "  \"max-rules\": 4096,\n  \"max-rules-per-client\": 128\n}\n");
 }
 
 TEST_F(Listing, WritesOnlyThePolicyThatIsSet) {

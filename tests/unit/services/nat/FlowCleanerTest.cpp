@@ -103,9 +103,8 @@ TEST_F(FlowCleanerTest, LeavesTcpConnectionsOpen) {
 // Also proves [flows-sweep].
 TEST_F(FlowCleanerTest, SweepsOnceForPortsThatOpenInARow) {
   for (uint32_t i = 0; i < 2000; ++i) {
-    opens({.protocol = "udp",
-           .port = 2000 + i,
-           .client = i < 1000 ? "192.168.88.10" : "192.168.88.11"});
+    const std::string client = "192.168.88." + std::to_string(10 + i / 100);
+    opens({.protocol = "udp", .port = 2000 + i, .client = client.c_str()});
   }
   sweepRuns();
   ASSERT_EQ(flows.sweeps.size(), 1U);

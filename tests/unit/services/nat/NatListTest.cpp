@@ -85,7 +85,9 @@ TEST_F(NatListTest, TellsForHowManySecondsAPortHasBeenOpen) {
 // Promise [rule-pages]: Rules are listed in pages of 64, and connections are counted once for a
 // listing, for each reader.
 TEST_F(NatListTest, ListsInRisingOrderOfIdBy64AndCountsTheConnectionsOnce) {
-  for (uint32_t i = 0; i < 130; ++i) opens({.port = 2000 + i});
+  for (uint32_t i = 0; i < 130; ++i) {
+    opens({.port = 2000 + i, .client = i < 65 ? "192.168.88.11" : "192.168.88.10"});
+  }
   flows.flows = {flow(6, 2129)};
   lm::message request;
   lm::message page = rules.handle(admin, lm::cmd::readAll, request);

@@ -227,19 +227,47 @@ TEST_F(NatRefusalTest, HoldsTheLimits) {
 
 // Promise [mapping-limit]: By default 4096 rules are kept: `there are 4096 rules already, the
 // policy allows 4096`.
-// Promise [mapping-client-limit]: By default 1024 rules lead to one client: `internal client
-// 192.168.88.10 has all the rules that the policy allows it, 1024`.
+// Promise [mapping-client-limit]: By default 128 rules lead to one client: `internal client
+// 192.168.88.10 has all the rules that the policy allows it, 128`.
+// Promise [mapping-kept-places]: A quarter of all places is kept for clients that have fewer than
+// eight rules: `internal client 192.168.88.50 has 8 rules, and the last 1024 places are kept for
+// clients that have fewer than 8`.
 TEST_F(NatRefusalTest, HoldsTheDefaultLimits) {
   for (uint32_t i = 0; i < 4096; ++i) {
-    std::string client = "192.168.88." + std::to_string(10 + i / 1024);
+    // Some clients take all that they may have, then many take a few.
+    const uint32_t host = i < 3072 ? 10 + i / 128 : 50 + (i - 3072) / 8;
+    const std::string client = "192.168.88." + std::to_string(host);
     opens({.port = 2000 + i, .client = client.c_str()});
-    if (i == 1023) {
+    if (i == 127) {
       EXPECT_EQ(refusedToOpen({.port = 60000}),
-                "internal client 192.168.88.10 has all the rules that the policy allows it, 1024");
+                "internal client 192.168.88.10 has all the rules that the policy allows it, 128");
+    }
+    if (i == 3072 + 7) {
+      EXPECT_EQ(refusedToOpen({.port = 60000, .client = "192.168.88.50"}),
+                "internal client 192.168.88.50 has 8 rules, and the last 1024 places are kept for "
+                "clients that have fewer than 8");
     }
   }
   EXPECT_EQ(refusedToOpen({.port = 60000, .client = "192.168.88.20"}),
             "there are 4096 rules already, the policy allows 4096");
+}
+
+// Also proves [mapping-kept-places].
+TEST_F(NatRefusalTest, KeepsNoPlaceFromAClientThatAnotherOneLeavesItsRule) {
+  lm::message policy;
+  policy.insert_u32(lm::nat::key::maxRules, 12);
+  ASSERT_EQ(asks(admin, lm::cmd::set, policy), "");
+  for (uint32_t port = 5000; port < 5008; ++port) opens({.port = port});
+  const uint32_t moved = opens({.port = 5008, .client = "192.168.88.11", .disabled = true});
+  EXPECT_EQ(sets(setRequest(moved, "192.168.88.10", 80, true)), "") << "eight others are open";
+  EXPECT_EQ(refusedToOpen({.port = 5010}),
+            "internal client 192.168.88.10 has 9 rules, and the last 3 places are kept for clients "
+            "that have fewer than 8");
+  for (uint32_t port = 5010; port < 5013; ++port) {
+    opens({.port = port, .client = "192.168.88.11"});
+  }
+  EXPECT_EQ(refusedToOpen({.port = 5013, .client = "192.168.88.11"}),
+            "there are 12 rules already, the policy allows 12");
 }
 
 /// Whatever comes, the texts for the kernel are made of checked numbers only.

@@ -14,7 +14,7 @@ TEST(Policy, HasTheDefaultsThatAreDocumented) {
   EXPECT_EQ(policy.externalPorts.text(), "1024-65535");
   EXPECT_EQ(policy.internalClients.text(), "connected");
   EXPECT_EQ(policy.maxRules, 4096U);
-  EXPECT_EQ(policy.maxRulesPerClient, 1024U);
+  EXPECT_EQ(policy.maxRulesPerClient, 128U);
 }
 
 // Promise [policy-ports]: Allowed ports are ports and ranges of ports, at most 64: `external-ports:
