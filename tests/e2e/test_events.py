@@ -8,6 +8,8 @@ from support.subscriber import Subscriber
 
 
 class EventTest(RouterCase):
+    SET_UP_OPTIONS = ("--allow-disconnect",)
+
     def setUp(self):
         super().setUp()
         self.ip = self.network.router.ip

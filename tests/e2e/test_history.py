@@ -47,7 +47,8 @@ class HistoryTest(RouterCase):
 
     # Also proves [history-entry].
     def test_set_up_is_in_it_step_by_step(self):
-        self.assertEqual(self.history(), [CONFIG_CHANGED] + 2 * ["upnp interface added"])
+        self.assertEqual(self.history(), [CONFIG_CHANGED, *2 * ["upnp interface added"],
+                                          CONFIG_CHANGED])
         for change in self.router.ask("history"):
             self.assertEqual(change["service"], "upnp")
             self.assertLess(abs(change["time"] - time.time()), 60)
@@ -61,7 +62,7 @@ class HistoryTest(RouterCase):
         before = self.settings()
         self.assertTrue(self.lists_dummy_rule())
         self.router.lumenctl("upnp", "settings", "set", "show-dummy-rule=off",
-                             "allow-disable-external=off")
+                             "allow-disable-external=on")
         self.assertEqual(self.history()[0], CONFIG_CHANGED)
         self.assertFalse(self.lists_dummy_rule())
         self.assertEqual(self.undo(), f"undone: {CONFIG_CHANGED}\n")
@@ -78,7 +79,8 @@ class HistoryTest(RouterCase):
             return [(name, "role", "none", role), (name, "used", False, True)]
 
         set_up = [[(None, "enabled", False, True)], added(WAN_LINK, "external"),
-                  added(LAN_BRIDGE, "internal")]
+                  added(LAN_BRIDGE, "internal"),
+                  [(None, "allow-disable-external", True, False)]]
         self.assertEqual(self.changed(), set_up)
         self.router.lumenctl("upnp", "interface", "set", LAN_BRIDGE, "--disable")
         disabled = [(LAN_BRIDGE, "used", True, False)]

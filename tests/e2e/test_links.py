@@ -9,6 +9,8 @@ from support.router_case import RouterCase
 
 
 class LinkTest(RouterCase):
+    SET_UP_OPTIONS = ("--allow-disconnect",)
+
     def setUp(self):
         super().setUp()
         self.control = self.router.wait_until_controllable()

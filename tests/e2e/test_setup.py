@@ -3,7 +3,7 @@
 import unittest
 
 from support.administrator import run_at_terminal, run_inside
-from support.network import LAN_ADDRESS, WAN_HOST
+from support.network import LAN_ADDRESS, WAN_HOST, WAN_LINK, SoapError
 from support.router_case import RouterCase
 
 PROPOSAL = f"""As this router's routes and addresses look:
@@ -14,7 +14,8 @@ wan0       external  default route
 
 """
 QUESTION = "Set the gateway up like that? [y/N] "
-DONE = """br-lan: kept as internal
+DONE = """allow-disable-external: off; no program on the LAN can take wan0 down (--allow-disconnect permits it)
+br-lan: kept as internal
 wan0: kept as external
 br-lan: used by the gateway as internal
 wan0: used by the gateway as external
@@ -72,6 +73,33 @@ class SetupTest(RouterCase):
     def test_a_command_that_says_yes_is_asked_nothing(self):
         self.assertEqual(run_inside(self.router, "upnp", "setup", "--yes"),
                          (0, PROPOSAL + DONE, ""))
+
+    # Promise: On a new gateway no LAN host can take the external interface down, until the
+    # administrator allows it.
+    # Also proves [ctl-disconnect].
+    def test_no_host_disconnects_a_new_gateway(self):
+        run_inside(self.router, "upnp", "setup", "--yes")
+        self.router.wait_until_controllable()
+        for action in ("ForceTermination", "RequestConnection"):
+            with self.subTest(action=action), self.assertRaises(SoapError) as refused:
+                self.lan[0].invoke(action)
+            self.assertEqual(refused.exception.code, 501)
+        self.assertEqual(self.router.interface(WAN_LINK)["state"], "running")
+        self.router.set_up("--allow-disconnect")
+        self.lan[0].invoke("ForceTermination")
+        self.wait_until(lambda: self.router.interface(WAN_LINK)["state"] == "down",
+                        "the link is down")
+
+    # Also proves [ctl-disconnect].
+    def test_a_gateway_that_is_set_up_already_keeps_what_it_allows(self):
+        for setting in ("on", "off"):
+            with self.subTest(setting=setting):
+                self.router.set_up()
+                self.router.lumenctl("upnp", "settings", "set",
+                                     f"allow-disable-external={setting}")
+                self.router.set_up()
+                self.assertEqual(self.router.ask("upnp", "settings")["allow-disable-external"],
+                                 setting == "on")
 
     def test_the_rest_of_what_was_said_is_proposed(self):
         status, shown = self.at_terminal("y\n", "--internal", "lan0")

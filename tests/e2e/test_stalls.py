@@ -14,6 +14,8 @@ ELEMENT = re.compile(r"45\.45\.45\.\d+ \. (tcp|udp) \. (\d+) counter .*? : ([\d.
 
 
 class StallTest(RouterCase):
+    SET_UP_OPTIONS = ("--allow-disconnect",)
+
     @contextlib.contextmanager
     def stall(self):
         """lumend stands still; afterwards it undoes one request that was given up meanwhile."""

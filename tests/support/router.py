@@ -87,9 +87,9 @@ class Router(Closing):
         """What lumenctl answers in JSON."""
         return json.loads(self.lumenctl("--json", *arguments))
 
-    def set_up(self):
+    def set_up(self, *options):
         """Makes the router a gateway and waits until a LAN host can control it."""
-        self.lumenctl("upnp", "setup", "--internal", LAN_BRIDGE, "--external", WAN_LINK)
+        self.lumenctl("upnp", "setup", "--internal", LAN_BRIDGE, "--external", WAN_LINK, *options)
         self.wait_until_controllable()
 
     def wait_until_controllable(self, **where):

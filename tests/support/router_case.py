@@ -14,6 +14,7 @@ class RouterCase(unittest.TestCase):
     """Each test starts with a router that is set up, or only runs when `SET_UP` is false."""
 
     SET_UP = True
+    SET_UP_OPTIONS = ()
     PRIVATE = None  # see Router
 
     def setUp(self):
@@ -29,7 +30,7 @@ class RouterCase(unittest.TestCase):
         router = Router(network, private=self.PRIVATE)
         self.addCleanup(self._close_router, router)
         if self.SET_UP:
-            router.set_up()
+            router.set_up(*self.SET_UP_OPTIONS)
         return router
 
     def wan_udp(self, port, address=WAN_ADDRESS):

@@ -23,6 +23,7 @@ struct Arguments {
   std::string external;               ///< the same
   bool yes = false;                   ///< do not ask
   bool allowMissing = false;          ///< of interfaces that are not there now too
+  bool allowDisconnect = false;       ///< programs on the LAN may take the external one down
 };
 
 std::vector<std::string> namesIn(const Arguments& arguments) {
@@ -53,7 +54,9 @@ std::string commandLine(const Session& session, const Arguments& arguments,
   line += " upnp setup --internal";
   for (const std::string& name : proposal.internalNames()) line += " " + name;
   line += " --external " + proposal.external.name;
-  return arguments.allowMissing ? line + " --allow-missing" : line;
+  if (arguments.allowMissing) line += " --allow-missing";
+  if (arguments.allowDisconnect) line += " --allow-disconnect";
+  return line;
 }
 
 void show(Session& session, const Proposal& proposal, const std::vector<Interface>& interfaces) {
@@ -125,11 +128,15 @@ void addSetupCommand(CLI::App& upnp, Session& session) {
   setup->add_flag("--yes", arguments->yes, "accept the proposal without asking");
   setup->add_flag("--allow-missing", arguments->allowMissing,
                   "accept an interface that does not exist yet");
+  setup->add_flag("--allow-disconnect", arguments->allowDisconnect,
+                  "let programs on the LAN take the external interface down and up; a new gateway "
+                  "does not");
   setup->callback([&session, arguments] {
     session.changes = true;
     if (arguments->internal.empty() || arguments->external.empty()) complete(session, *arguments);
     setUpGateway(session, arguments->internal, arguments->external,
-                 arguments->allowMissing ? Missing::allowed : Missing::refused);
+                 arguments->allowMissing ? Missing::allowed : Missing::refused,
+                 arguments->allowDisconnect ? Disconnect::allowed : Disconnect::asBefore);
   });
 }
 

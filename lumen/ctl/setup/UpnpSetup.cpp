@@ -79,6 +79,16 @@ void addOrSet(Session& session, const std::vector<GatewayObject>& objects, const
   session.done(wanted.name + ": used by the gateway as " + roleName(wanted.role));
 }
 
+void writeDisconnect(Session& session, Settings& settings, const std::string& external,
+                     bool allowed) {
+  settings.allowDisableExternal = allowed;
+  session.router().writeSettings(settings);
+  session.done("allow-disable-external: " +
+               (allowed ? "on; programs on the LAN can take " + external + " down and up"
+                        : "off; no program on the LAN can take " + external +
+                              " down (--allow-disconnect permits it)"));
+}
+
 std::vector<std::string> namesOf(const std::vector<Wanted>& wanted) {
   std::vector<std::string> names;
   names.reserve(wanted.size());
@@ -107,24 +117,37 @@ void requirePresent(const std::vector<std::string>& names,
 }
 
 void setUpGateway(Session& session, const std::vector<std::string>& internal,
-                  const std::string& external, Missing missing) {
+                  const std::string& external, Missing missing, Disconnect disconnect) {
   std::vector<Wanted> wanted = listOf(internal, external);
   Router& router = session.router();
   const std::vector<Interface> present = router.interfaces();
   if (missing == Missing::refused) requirePresent(namesOf(wanted), present);
-  keepNames(session, present, wanted);
 
   const std::vector<GatewayObject> objects = router.gatewayObjects();
+  Settings settings = router.settings();
+  const bool isNew = !settings.enabled && objects.empty();
+  if (isNew && settings.allowDisableExternal && disconnect != Disconnect::allowed) {
+    writeDisconnect(session, settings, external, false);
+  }
+  keepNames(session, present, wanted);
   removeOthers(session, present, objects, wanted);
   for (const Wanted& w : wanted) addOrSet(session, objects, w);
 
-  Settings settings = router.settings();
+  if (!settings.allowDisableExternal && disconnect == Disconnect::allowed) {
+    writeDisconnect(session, settings, external, true);
+  }
   if (!settings.enabled) {
     settings.enabled = true;
     router.writeSettings(settings);
     session.done("gateway: switched on");
   }
-  if (!session.json) session.out() << "The gateway is set up. See it work: lumenctl status\n";
+  if (session.json) return;
+  if (settings.allowDisableExternal && disconnect != Disconnect::allowed) {
+    session.out() << "As before, programs on the LAN can take " << external
+                  << " down and up. To end that: lumenctl upnp settings set "
+                     "allow-disable-external=off\n";
+  }
+  session.out() << "The gateway is set up. See it work: lumenctl status\n";
 }
 
 }  // namespace lumenctl

@@ -10,6 +10,10 @@ namespace lumenctl {
 /// What happens to the name of an interface that is not there now.
 enum class Missing { refused, allowed };
 
+/// Whether programs on the LAN may take the external interface down and up: for a new gateway not,
+/// for one that is set up already as before; or in any case.
+enum class Disconnect { asBefore, allowed };
+
 /// Makes this router an Internet gateway for the hosts on the interfaces `internal`, with
 /// `external` towards the Internet, and switches the gateway on. Interfaces that are not named are
 /// taken from it. What is already so is left alone, so that nothing restarts needlessly.
@@ -19,8 +23,9 @@ enum class Missing { refused, allowed };
 /// of the interface that it would replace lose their gateway.
 ///
 /// The gateway is switched on last: what is refused half-way leaves a gateway that was off off.
+/// What a new gateway must not allow is ended first.
 void setUpGateway(Session& session, const std::vector<std::string>& internal,
-                  const std::string& external, Missing missing);
+                  const std::string& external, Missing missing, Disconnect disconnect);
 
 /// Throws Refused when one of the interfaces `names` is not there now; the text names those that
 /// are.

@@ -21,6 +21,8 @@ constexpr const char* proposal =
     "\n";
 constexpr const char* question = "Set the gateway up like that? [y/N] ";
 constexpr const char* done =
+    "allow-disable-external: off; no program on the LAN can take wan0 down "
+    "(--allow-disconnect permits it)\n"
     "br-lan: kept as internal\n"
     "wan0: kept as external\n"
     "br-lan: used by the gateway as internal\n"
@@ -107,6 +109,11 @@ TEST_F(ProposedSetup, SaysWithoutATerminalThatAMissingInterfaceIsAllowed) {
       << result.err;
 }
 
+TEST_F(ProposedSetup, SaysWithoutATerminalThatDisconnectingIsAllowed) {
+  const auto result = router.lumenctl({"upnp", "setup", "--allow-disconnect"});
+  EXPECT_TRUE(result.err.ends_with(" --external wan0 --allow-disconnect\n")) << result.err;
+}
+
 // Also proves [ctl-yes].
 TEST_F(ProposedSetup, AsksNobodyWhenTheAnswerIsForPrograms) {
   router.machine().userTypes("y");
@@ -123,7 +130,7 @@ TEST_F(ProposedSetup, AsksNobodyWhenTheAnswerIsForPrograms) {
 TEST_F(ProposedSetup, AnswersProgramsThatSayYesWithWhatWasDone) {
   const auto result = router.lumenctl({"--json", "upnp", "setup", "--yes"});
   EXPECT_EQ(result.status, 0) << result.err;
-  EXPECT_TRUE(result.out.starts_with("{\n  \"done\": [\n    \"br-lan: kept as internal\",\n"))
+  EXPECT_TRUE(result.out.starts_with("{\n  \"done\": [\n    \"allow-disable-external: off;"))
       << result.out;
 }
 

@@ -24,22 +24,25 @@ struct Setup : testing::Test {
   FakePlatform router;
 };
 
-// Promise: `upnp setup` keeps the names, then configures the gateway with them, then switches it
-// on.
+// Promise: `upnp setup` forbids a new gateway to disconnect, keeps the names, then configures the
+// gateway with them, then switches it on.
 TEST_F(Setup, KeepsTheNamesThenTellsTheGatewayThenSwitchesItOn) {
   const auto result = router.lumenctl(setUp);
   EXPECT_EQ(result.status, 0) << result.err;
-  EXPECT_EQ(router.changes(), (Lines{R"([20,0] fe0005 20010005="br-lan" 08010010=2)",
+  EXPECT_EQ(router.changes(), (Lines{"[40,0] fe000e 00000001=false 00000002=false 00000003=true",
+                                     R"([20,0] fe0005 20010005="br-lan" 08010010=2)",
                                      R"([20,0] fe0005 20010005="wan0" 08010010=1)",
                                      "[40,0] fe0005 00fe000a=false 08000001=1 08000002=2",
                                      "[40,0] fe0005 00fe000a=false 08000001=2 08000002=1",
-                                     "[40,0] fe000e 00000001=true 00000002=true 00000003=true"}));
+                                     "[40,0] fe000e 00000001=true 00000002=false 00000003=true"}));
 }
 
 // Promise: `upnp setup` says each thing that it did, in JSON too, also when something later is
 // refused.
 TEST_F(Setup, SaysWhatItDid) {
   EXPECT_EQ(router.lumenctl(setUp).out,
+            "allow-disable-external: off; no program on the LAN can take wan0 down "
+            "(--allow-disconnect permits it)\n"
             "br-lan: kept as internal\n"
             "wan0: kept as external\n"
             "br-lan: used by the gateway as internal\n"
@@ -54,6 +57,8 @@ TEST_F(Setup, SaysWhatItDidInJson) {
   EXPECT_EQ(router.lumenctl(arguments).out,
             "{\n"
             "  \"done\": [\n"
+            "    \"allow-disable-external: off; no program on the LAN can take wan0 down "
+            "(--allow-disconnect permits it)\",\n"
             "    \"br-lan: kept as internal\",\n"
             "    \"wan0: kept as external\",\n"
             "    \"br-lan: used by the gateway as internal\",\n"
@@ -78,8 +83,8 @@ TEST_F(Setup, ServesSeveralInternalInterfaces) {
   const auto result =
       router.lumenctl({"upnp", "setup", "--external", "wan0", "--internal", "br-lan", "br-guest"});
   EXPECT_EQ(result.status, 0) << result.err;
-  EXPECT_EQ(router.changes().size(), 7U);
-  EXPECT_EQ(router.changes()[1], R"([20,0] fe0005 20010005="br-guest" 08010010=2)");
+  EXPECT_EQ(router.changes().size(), 8U);
+  EXPECT_EQ(router.changes()[2], R"([20,0] fe0005 20010005="br-guest" 08010010=2)");
 }
 
 // Promise: `upnp setup` changes roles, enables interfaces that were disabled and leaves the other
@@ -129,7 +134,7 @@ TEST_F(Setup, KeepsTheNameOfALinkThatIsStillAwayWhenThatIsAllowed) {
   const auto result = router.lumenctl(
       {"upnp", "setup", "--internal", "br-lan", "--external", "ppp0", "--allow-missing"});
   EXPECT_EQ(result.status, 0) << result.err;
-  EXPECT_EQ(router.changes()[3], "[40,0] fe0005 00fe000a=false 08000001=3 08000002=1");
+  EXPECT_EQ(router.changes()[4], "[40,0] fe0005 00fe000a=false 08000001=3 08000002=1");
 }
 
 // Promise [ctl-setup-missing]: `upnp setup` refuses an interface that is not there now, names those
@@ -161,8 +166,63 @@ TEST_F(Setup, RefusesInterfacesThatAreNotThereBeforeItChangesAnything) {
 
 TEST_F(Setup, LeavesTheOtherSettingsAsTheyAre) {
   router.settings().insert_bool(2, false);
+  router.settings().insert_bool(3, false);
   EXPECT_EQ(router.lumenctl(setUp).status, 0);
-  EXPECT_EQ(router.changes().back(), "[40,0] fe000e 00000001=true 00000002=false 00000003=true");
+  EXPECT_EQ(router.changes().back(), "[40,0] fe000e 00000001=true 00000002=false 00000003=false");
+  EXPECT_EQ(router.changes().size(), 5U);
+}
+
+// Promise [ctl-disconnect]: `upnp setup` sets `allow-disable-external` of a new gateway to off and
+// says so, unless `--allow-disconnect` is given; a gateway that is on or has interfaces keeps it,
+// and what stays on is said.
+TEST_F(Setup, LetsProgramsTakeTheExternalInterfaceDownOnlyWhenItIsTold) {
+  Lines arguments = setUp;
+  arguments.push_back("--allow-disconnect");
+  EXPECT_EQ(router.lumenctl(arguments).out,
+            "br-lan: kept as internal\n"
+            "wan0: kept as external\n"
+            "br-lan: used by the gateway as internal\n"
+            "wan0: used by the gateway as external\n"
+            "gateway: switched on\n"
+            "The gateway is set up. See it work: lumenctl status\n");
+  EXPECT_EQ(router.changes().back(), "[40,0] fe000e 00000001=true 00000002=true 00000003=true");
+}
+
+// Also proves [ctl-disconnect].
+TEST_F(Setup, KeepsWhatAConfiguredGatewayAllows) {
+  constexpr const char* asBefore =
+      "As before, programs on the LAN can take wan0 down and up. To end that: lumenctl upnp "
+      "settings set allow-disable-external=off\n"
+      "The gateway is set up. See it work: lumenctl status\n";
+  Lines allowing = setUp;
+  allowing.push_back("--allow-disconnect");
+  EXPECT_EQ(router.lumenctl(allowing).status, 0);
+  router.forgetRequests();
+  EXPECT_EQ(router.lumenctl(setUp).out, asBefore);
+  EXPECT_EQ(router.changes(), Lines{});
+
+  router.settings().insert_bool(1, false);  // it is off, but has its interfaces
+  EXPECT_EQ(router.lumenctl(setUp).out, std::string("gateway: switched on\n") + asBefore);
+  EXPECT_TRUE(router.settings().get_bool(2));
+}
+
+// Also proves [ctl-disconnect].
+TEST_F(Setup, LetsProgramsOfAConfiguredGatewayTakeItDownWhenItIsTold) {
+  EXPECT_EQ(router.lumenctl(setUp).status, 0);
+  router.forgetRequests();
+  Lines arguments = setUp;
+  arguments.push_back("--allow-disconnect");
+  EXPECT_EQ(router.lumenctl(arguments).out,
+            "allow-disable-external: on; programs on the LAN can take wan0 down and up\n"
+            "The gateway is set up. See it work: lumenctl status\n");
+  EXPECT_EQ(router.changes(), Lines{"[40,0] fe000e 00000001=true 00000002=true 00000003=true"});
+}
+
+// What failed half-way must not become a gateway that was configured already, and allows it.
+TEST_F(Setup, ForbidsItBeforeTheFirstInterfaceIsAdded) {
+  router.refuses({40, 0}, lm::cmd::addObject, "Interface already added");
+  EXPECT_EQ(router.lumenctl(setUp).status, 1);
+  EXPECT_FALSE(router.settings().get_bool(2, true));
 }
 
 // Promise: `upnp setup` leaves the gateway off when that refuses an interface.
@@ -171,7 +231,10 @@ TEST_F(Setup, LeavesTheGatewayOffWhenItRefusesAnInterface) {
   const auto result = router.lumenctl(setUp);
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.err, "lumenctl: Interface already added\n");
-  EXPECT_EQ(result.out, "br-lan: kept as internal\nwan0: kept as external\n");
+  EXPECT_EQ(result.out,
+            "allow-disable-external: off; no program on the LAN can take wan0 down "
+            "(--allow-disconnect permits it)\n"
+            "br-lan: kept as internal\nwan0: kept as external\n");
   EXPECT_FALSE(router.settings().get_bool(1));
 }
 
@@ -189,7 +252,8 @@ TEST_F(Setup, SaysInJsonWhatWasDoneBeforeItWasRefused) {
   const auto result = router.lumenctl(arguments);
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.out,
-            "{\n  \"done\": [\n    \"br-lan: kept as internal\",\n"
+            "{\n  \"done\": [\n    \"allow-disable-external: off; no program on the LAN can take "
+            "wan0 down (--allow-disconnect permits it)\",\n    \"br-lan: kept as internal\",\n"
             "    \"wan0: kept as external\"\n  ]\n}\n");
 }
 
