@@ -120,6 +120,36 @@ class LinkTest(RouterCase):
         self.assertEqual(refused.exception.code, 501)
         self.assertEqual(self.connection(), "Connected")
 
+    # Promise: A host that has the WAN side taken down in a row is refused the fourth time in a
+    # minute with error 501; the link stays up, its routes are written once, and lumend says it once.
+    # Also proves [link-limit].
+    def test_a_host_takes_the_wan_side_down_three_times_a_minute(self):
+        host = self.lan[0]
+        self.ip("route", "add", "default", "via", WAN_HOST)
+        saved = self.router.root / "store" / "interfaces" / "1"
+        versions = set()
+        for _ in range(3):
+            host.invoke("ForceTermination", control=self.control)
+            self.wait_for_connection("Disconnected")
+            version = saved.stat()
+            versions.add((version.st_ino, version.st_mtime_ns))
+            host.invoke("RequestConnection", control=self.control)
+            self.wait_for_connection("Connected")
+            self.wait_until(lambda: self.ip("route", "show", "default"), "the route is back")
+        self.assertEqual(len(versions), 1)
+        for _ in range(50):
+            with self.assertRaises(SoapError) as refused:
+                host.invoke("ForceTermination", control=self.control)
+            self.assertEqual(refused.exception.code, 501)
+            host.invoke("RequestConnection", control=self.control)
+        self.assertEqual(self.connection(), "Connected")
+        self.assertEqual(self.router.interface(WAN_LINK)["state"], "running")
+        lines = self.router.log().splitlines()
+        self.assertEqual(len([line for line in lines if "interface wan0:" in line]), 1, lines)
+        self.assertEqual(len([line for line in lines if "interface wan0 up" in line]), 3, lines)
+        self.assertIn("disable device failed: the link was taken down 3 times in a minute, which "
+                      "is as often as a service may", lines)
+
     # Also proves [link-index].
     def test_a_wan_link_that_is_deleted_and_made_again(self):
         host = self.lan[0]

@@ -53,13 +53,15 @@ bool setsMore(const lm::message& request) {
 }  // namespace
 
 InterfaceTable::InterfaceTable(Links& links, AddressTable& addresses, Notifier& notifier,
-                               KeptNames::Listener& names, const std::string& storeDirectory)
+                               KeptNames::Listener& names, const std::string& storeDirectory,
+                               const lm::Clock& clock)
     : links_(links),
       addresses_(addresses),
       notifier_(notifier),
+      clock_(clock),
       store_(storeDirectory, RouteKeeper::records),
       kept_(store_, names),
-      routes_(links, store_) {
+      routes_(links, store_, clock) {
   for (const auto& [name, kept] : kept_.all()) {
     ids_.restore(name, kept.id);
     interfaces_[kept.id] = {name, kept.role, {}};
@@ -109,7 +111,7 @@ lm::message InterfaceTable::read(const Caller& caller, uint32_t id, const Interf
 }
 
 lm::message InterfaceTable::set(const Caller& caller, uint32_t id, const lm::message& request) {
-  const Interface& interface = interfaces_[id];
+  Interface& interface = interfaces_[id];
   const bool others = setsMore(request);
   if (!caller.administrator && (others || interface.role != lm::interfaces::roleExternal)) {
     return notPermitted();
@@ -120,9 +122,20 @@ lm::message InterfaceTable::set(const Caller& caller, uint32_t id, const lm::mes
   if (interface.link.index == 0) return lm::refusal("the link is away");
 
   const bool disabled = request.get_bool(lm::key::disabled);
+  // The table learns of a change a moment after it. What changes nothing costs a service nothing
+  // and leaves no line: a LAN host could fill the log with it.
+  const auto now = caller.administrator ? std::nullopt : links_.read(interface.link.index);
+  const bool changes = !now || now->link.up == disabled;
+  if (!caller.administrator && disabled && changes) {
+    if (const auto allowed = takeSwitch(caller, interface); !allowed) {
+      return lm::refusal(allowed.failure());
+    }
+  }
   const Result<void> switched = switchLink(interface, disabled);
-  lm::logLine("interface ", interface.name, disabled ? " down" : " up", " for ",
-              caller.name.empty() ? "the administrator" : caller.name, whyFailed(switched));
+  if (changes) {
+    lm::logLine("interface ", interface.name, disabled ? " down" : " up", " for ",
+                caller.name.empty() ? "the administrator" : caller.name, whyFailed(switched));
+  }
   if (!switched) return lm::refusal(switched.failure());
   // The kernel tells of no change when it is so already, and whoever asked waits to hear of it.
   if (interface.link.up == !disabled) {
@@ -131,6 +144,18 @@ lm::message InterfaceTable::set(const Caller& caller, uint32_t id, const lm::mes
     undoWith([this, id, disabled] { undoSet(id, !disabled); });
   }
   return {};
+}
+
+Result<void> InterfaceTable::takeSwitch(const Caller& service, Interface& interface) {
+  const lm::Clock::Time now = clock_.now();
+  if (interface.switches.take(now)) return {};
+  const std::string often =
+      "taken down " + std::to_string(SwitchBudget::most) + " times in a minute";
+  if (interface.switches.takeLogLine(now)) {
+    lm::logLine("interface ", interface.name, ": ", often, ", ", service.name,
+                " may not take it down again now");
+  }
+  return Failure{"the link was " + often + ", which is as often as a service may"};
 }
 
 Result<void> InterfaceTable::switchLink(const Interface& interface, bool disabled) {

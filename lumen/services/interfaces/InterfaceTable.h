@@ -5,11 +5,13 @@
 #include <set>
 #include <string>
 
+#include "lumen/runtime/Clock.h"
 #include "lumen/services/LocalHandler.h"
 #include "lumen/services/addresses/AddressTable.h"
 #include "lumen/services/interfaces/InterfaceIds.h"
 #include "lumen/services/interfaces/KeptNames.h"
 #include "lumen/services/interfaces/RouteKeeper.h"
+#include "lumen/services/interfaces/SwitchBudget.h"
 #include "lumen/services/system/netlink/Links.h"
 #include "lumen/values/Result.h"
 #include "platform/Store.h"
@@ -28,7 +30,8 @@ class InterfaceTable : public LocalHandler, private Links::Listener {
   /// Loads the kept names and saved routes from `storeDirectory`. What is given by reference must
   /// outlive this.
   InterfaceTable(Links& links, AddressTable& addresses, Notifier& notifier,
-                 KeptNames::Listener& names, const std::string& storeDirectory);
+                 KeptNames::Listener& names, const std::string& storeDirectory,
+                 const lm::Clock& clock);
   InterfaceTable(const InterfaceTable&) = delete;
   InterfaceTable& operator=(const InterfaceTable&) = delete;
 
@@ -43,11 +46,14 @@ class InterfaceTable : public LocalHandler, private Links::Listener {
     std::string name;
     uint32_t role = 0;  // 0: not kept
     Link link;          // index 0: away
+    SwitchBudget switches{};
   };
   using Interfaces = std::map<uint32_t, Interface>;
 
   [[nodiscard]] lm::message read(const Caller& caller, uint32_t id, const Interface& interface);
   [[nodiscard]] lm::message set(const Caller& caller, uint32_t id, const lm::message& request);
+  /// Whether the service may take the link down now; what it may not is logged now and then.
+  [[nodiscard]] Result<void> takeSwitch(const Caller& service, Interface& interface);
   [[nodiscard]] lm::message keep(const lm::message& request);
   [[nodiscard]] lm::message forget(const Interface& interface);
   /// Takes the link down or up.
@@ -83,6 +89,7 @@ class InterfaceTable : public LocalHandler, private Links::Listener {
   Links& links_;
   AddressTable& addresses_;
   Notifier& notifier_;
+  const lm::Clock& clock_;
   lm::Store store_;
   KeptNames kept_;
   RouteKeeper routes_;

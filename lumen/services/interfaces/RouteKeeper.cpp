@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "lumen/runtime/Log.h"
+#include "lumen/runtime/Time.h"
 #include "platform/wire/Interfaces.h"
 
 namespace lumen {
@@ -47,17 +48,18 @@ size_t cutToRecord(std::vector<Route>& routes) {
 
 }  // namespace
 
-RouteKeeper::RouteKeeper(Links& links, lm::Store& store) : links_(links), store_(store) {
+RouteKeeper::RouteKeeper(Links& links, lm::Store& store, const lm::Clock& clock)
+    : links_(links), store_(store), clock_(clock) {
   for (uint32_t record = 1; record < records; ++record) load(record);
 }
+
+RouteKeeper::~RouteKeeper() { clearSettled(clock_.now()); }
 
 Result<void> RouteKeeper::takeDown(const std::string& name, uint32_t index) {
   auto now = links_.routes(index);
   if (!now) return Failure{"the link's routes could not be read"};
   // Those of an earlier time that are not back yet remain: the link may be up without running.
-  const auto earlier = saved_.find(name);
-  const std::vector<Route> before =
-      earlier == saved_.end() ? std::vector<Route>() : earlier->second.routes;
+  std::vector<Route> before = missing(name);
   for (const Route& route : before) {
     if (std::find(now->begin(), now->end(), route) == now->end()) now->push_back(route);
   }
@@ -67,7 +69,11 @@ Result<void> RouteKeeper::takeDown(const std::string& name, uint32_t index) {
   if (!save(name, std::move(*now))) return Failure{"the link's routes could not be saved"};
   const int error = links_.setUp(index, false);
   if (error != 0) {
-    (void)save(name, before);
+    if (before.empty()) {
+      settle(name);
+    } else {
+      (void)save(name, std::move(before));
+    }
     return Failure{strerror(error)};
   }
   if (lost > 0) lm::logLine("interface ", name, ": ", lost, " routes too many to save");
@@ -75,14 +81,13 @@ Result<void> RouteKeeper::takeDown(const std::string& name, uint32_t index) {
 }
 
 void RouteKeeper::putBack(const std::string& name, uint32_t index) {
-  const auto saved = saved_.find(name);
-  if (saved == saved_.end()) return;
+  std::vector<Route> open = missing(name);
+  if (open.empty()) return;
   const auto runs = [&] {
     const auto now = links_.read(index);
     return now && now->link.running && now->link.name == name;
   };
   if (!runs()) return;
-  std::vector<Route> open = saved->second.routes;
   // A route can need any other one; each round that put one back gives the rest another chance.
   std::map<int, size_t> refused;  // errno -> routes
   for (bool progress = true; progress && !open.empty();) {
@@ -101,7 +106,11 @@ void RouteKeeper::putBack(const std::string& name, uint32_t index) {
   for (const auto& [error, count] : refused) {
     lm::logLine("interface ", name, ": ", count, " saved routes not put back: ", strerror(error));
   }
-  (void)save(name, refused.contains(EIO) ? std::move(open) : std::vector<Route>());
+  if (refused.contains(EIO)) {
+    (void)save(name, std::move(open));
+  } else {
+    settle(name);
+  }
 }
 
 void RouteKeeper::forget(const std::string& name) {
@@ -119,6 +128,10 @@ void RouteKeeper::forgetAllBut(const std::function<bool(const std::string& name)
 bool RouteKeeper::save(const std::string& name, std::vector<Route> routes) {
   const auto saved = saved_.find(name);
   if (saved == saved_.end() && routes.empty()) return true;
+  if (saved != saved_.end() && saved->second.routes == routes) {
+    saved->second.backSince.reset();
+    return true;
+  }
   const uint32_t record = saved == saved_.end() ? freeRecord() : saved->second.record;
   if (record == 0) {
     lm::logLine("interfaces: too many links with saved routes");
@@ -134,18 +147,60 @@ bool RouteKeeper::save(const std::string& name, std::vector<Route> routes) {
   if (routes.empty()) {
     saved_.erase(saved);
   } else if (stored) {
-    saved_[name] = {record, std::move(routes)};
+    saved_[name] = {record, std::move(routes), std::nullopt};
   }
   return stored;
 }
 
-uint32_t RouteKeeper::freeRecord() const {
+void RouteKeeper::settle(const std::string& name) {
+  const auto saved = saved_.find(name);
+  if (saved == saved_.end()) return;
+  saved->second.backSince = clock_.now();
+  if (!clearing_.pending()) scheduleClearing();
+}
+
+std::vector<Route> RouteKeeper::missing(const std::string& name) const {
+  const auto saved = saved_.find(name);
+  if (saved == saved_.end() || saved->second.backSince) return {};
+  return saved->second.routes;
+}
+
+void RouteKeeper::clearSettled(lm::Clock::Time time) {
+  std::vector<std::string> settled;
+  for (const auto& [name, saved] : saved_) {
+    if (saved.backSince && *saved.backSince <= time) settled.push_back(name);
+  }
+  for (const std::string& name : settled) (void)save(name, {});
+}
+
+void RouteKeeper::clearOld() {
+  clearSettled(clock_.now() - afterlife);
+  scheduleClearing();
+}
+
+void RouteKeeper::scheduleClearing() {
+  std::optional<lm::Clock::Time> first;
+  for (const auto& [name, saved] : saved_) {
+    if (saved.backSince) first = std::min(first.value_or(*saved.backSince), *saved.backSince);
+  }
+  if (!first) return;
+  const lm::Clock::Time now = clock_.now();
+  clearing_.start<&RouteKeeper::clearOld>(*this,
+                                          timerDelay(std::max(*first + afterlife, now) - now));
+}
+
+uint32_t RouteKeeper::freeRecord() {
   std::set<uint32_t> used;
   for (const auto& [name, saved] : saved_) used.insert(saved.record);
   for (uint32_t record = 1; record < records; ++record) {
     if (!used.contains(record)) return record;
   }
-  return 0;
+  const auto settled = std::find_if(saved_.begin(), saved_.end(),
+                                    [](const auto& item) { return item.second.backSince; });
+  if (settled == saved_.end()) return 0;
+  const uint32_t record = settled->second.record;
+  saved_.erase(settled);
+  return record;
 }
 
 void RouteKeeper::load(uint32_t record) {
@@ -153,7 +208,7 @@ void RouteKeeper::load(uint32_t record) {
   if (!stored) return;
   const std::string name = stored->get_string(lm::interfaces::key::name);
   if (name.empty() || saved_.contains(name)) return;
-  Saved saved{record, {}};
+  Saved saved{record, {}, std::nullopt};
   for (const lm::message& m : stored->get_message_array_ref(routesKey)) {
     saved.routes.push_back(toRoute(m));
   }

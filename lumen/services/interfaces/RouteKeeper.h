@@ -1,31 +1,42 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "lumen/runtime/Clock.h"
 #include "lumen/services/system/netlink/Links.h"
 #include "lumen/values/Result.h"
 #include "platform/Store.h"
+#include "platform/Timer.h"
 
 namespace lumen {
 
 /// Takes links down without losing their routes, which the kernel drops without a message: they are
 /// saved first, survive a restart, and are put back when the link runs again. A record of the store
 /// for each link, from 1.
+///
+/// Routes that are back stay in the store for a minute: a link that goes down and up again and
+/// again with the same routes costs no further write. They are not put back again, unless lumend is
+/// killed within that minute.
 class RouteKeeper {
  public:
   /// How many links can have saved routes at a time. Record 0 belongs to the kept names.
   static constexpr uint32_t records = 256;
   /// Of one link, more are not saved and said so in the log: they would not fit into a record.
   static constexpr size_t maxBytes = 96UL * 1024;
+  /// How long routes that are back stay in the store.
+  static constexpr std::chrono::minutes afterlife{1};
 
-  /// Loads what is stored. Both must outlive this.
-  RouteKeeper(Links& links, lm::Store& store);
+  /// Loads what is stored. All must outlive this.
+  RouteKeeper(Links& links, lm::Store& store, const lm::Clock& clock);
   RouteKeeper(const RouteKeeper&) = delete;
   RouteKeeper& operator=(const RouteKeeper&) = delete;
+  ~RouteKeeper();
 
   /// Saves the routes of the link and takes it down, both or nothing.
   [[nodiscard]] Result<void> takeDown(const std::string& name, uint32_t index);
@@ -40,21 +51,34 @@ class RouteKeeper {
   void forgetAllBut(const std::function<bool(const std::string& name)>& remains);
 
  private:
+  /// What a record of the store holds.
   struct Saved {
     uint32_t record = 0;
     std::vector<Route> routes;
+    std::optional<lm::Clock::Time> backSince;  // none: they are still to be put back
   };
+  using SavedByName = std::map<std::string, Saved>;
 
-  /// False when it could not be stored; then nothing has changed, but that an empty list always
-  /// ends the link's record in memory.
+  /// From now on these are to be put back. False when it could not be stored; then nothing has
+  /// changed, but that an empty list always ends the link's record in memory.
   [[nodiscard]] bool save(const std::string& name, std::vector<Route> routes);
-  /// 0: none.
-  [[nodiscard]] uint32_t freeRecord() const;
+  /// The routes of the link are back, or have never left.
+  void settle(const std::string& name);
+  /// Those that are still to be put back.
+  [[nodiscard]] std::vector<Route> missing(const std::string& name) const;
+  /// Takes the record of routes that are back if there is no other. 0: none.
+  [[nodiscard]] uint32_t freeRecord();
   void load(uint32_t record);
+  /// Clears the records of routes that were back by `time`.
+  void clearSettled(lm::Clock::Time time);
+  void clearOld();
+  void scheduleClearing();
 
   Links& links_;
   lm::Store& store_;
-  std::map<std::string, Saved> saved_;  // by name of the link; none is empty
+  const lm::Clock& clock_;
+  SavedByName saved_;  // by name of the link; none is empty
+  lm::Timer clearing_;
 };
 
 }  // namespace lumen

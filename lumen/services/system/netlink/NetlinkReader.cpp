@@ -137,10 +137,12 @@ class Reader {
     if (fixed->rtm_family != AF_INET && fixed->rtm_family != AF_INET6) return;
     NetlinkMessage::RouteIs is;
     is.family = fixed->rtm_family;
-    is.content.assign(reinterpret_cast<const char*>(body.data()), body.size());
+    append(is.content, body.first(sizeof(rtmsg)));
     uint32_t table = fixed->rtm_table;
     const bool whole = attributes(body, sizeof(rtmsg), [&](const nlattr& attribute) {
       const auto value = payload(attribute);
+      // It changes with each look at the same route.
+      if (mnl_attr_get_type(&attribute) != RTA_CACHEINFO) append(is.content, attribute);
       switch (mnl_attr_get_type(&attribute)) {
         case RTA_TABLE:
           table = number(value);
@@ -163,6 +165,14 @@ class Reader {
                     fixed->rtm_protocol == RTPROT_KERNEL ||
                     fixed->rtm_protocol == RTPROT_REDIRECT || fixed->rtm_protocol == RTPROT_RA;
     add(std::move(is));
+  }
+
+  static void append(std::string& content, std::span<const std::byte> bytes) {
+    content.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    content.append(netlinkAligned(bytes.size()) - bytes.size(), '\0');
+  }
+  static void append(std::string& content, const nlattr& attribute) {
+    append(content, {reinterpret_cast<const std::byte*>(&attribute), attribute.nla_len});
   }
 
   void nextHops(std::span<const std::byte> bytes, NetlinkMessage::RouteIs& is) {

@@ -395,7 +395,9 @@ TEST(RouteKeeperTest, ReadsARecordOnlyForALinkThatHasNone) {
   lm::Store store(dir.path(), RouteKeeper::records);
   FakeLinks kernel;
   kernel.appears("wan0");
-  RouteKeeper keeper(kernel, store);
+  const lm::test::ManualClock clock;
+  const lm::EventLoop loop(clock);
+  RouteKeeper keeper(kernel, store, clock);
   keeper.putBack("wan0", kernel.indexOf("wan0"));
   EXPECT_EQ(kernel.takeCalls(), Lines{"route route of wan0 by 2"});
 }

@@ -2,16 +2,19 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "lumen/runtime/EventLoop.h"
 #include "lumen/services/addresses/AddressTable.h"
 #include "lumen/services/interfaces/InterfaceTable.h"
 #include "services/interfaces/FakeLinks.h"
 #include "services/interfaces/RecordingNames.h"
 #include "services/interfaces/RecordingNotifier.h"
+#include "support/ManualClock.h"
 #include "support/TempDir.h"
 
 namespace lumen {
@@ -36,6 +39,10 @@ class Router : public testing::Test {
   void restarts();
   /// Starts with the link wan0, which then gets 45.45.45.2/24. Those notifications are taken.
   void startsWithWan(bool running = true);
+  /// The content of a record's file.
+  [[nodiscard]] std::string stored(uint32_t record) const {
+    return store_.read(std::to_string(record));
+  }
   /// What an earlier life has left in the store.
   void storeHolds(uint32_t record, const lm::message& content);
   /// Nothing can be stored from now on.
@@ -48,6 +55,10 @@ class Router : public testing::Test {
   [[nodiscard]] lm::message asksAddresses(uint32_t command, const lm::message& request = {});
   [[nodiscard]] lm::message administratorKeeps(const std::string& name, uint32_t role);
   [[nodiscard]] lm::message administratorForgets(const std::string& name);
+  void passes(std::chrono::milliseconds time) {
+    clock.advance(time);
+    loop.turn(std::chrono::milliseconds(0));
+  }
   /// The answer as text.
   [[nodiscard]] std::string setsDisabled(const Caller& caller, const std::string& name,
                                          bool disabled);
@@ -67,6 +78,8 @@ class Router : public testing::Test {
   lm::test::TempDir store_;
 
  protected:
+  lm::test::ManualClock clock;
+  lm::EventLoop loop{clock};
   std::unique_ptr<AddressTable> addressTable;
   std::unique_ptr<InterfaceTable> interfaceTable;
 };

@@ -55,7 +55,8 @@ class NetlinkLinksTest : public testing::Test {
     table.reset();
     links = std::make_unique<NetlinkLinks>(receiveBuffer);
     addressTable = std::make_unique<AddressTable>(notifier);
-    table = std::make_unique<InterfaceTable>(*links, *addressTable, notifier, names, store.path());
+    table = std::make_unique<InterfaceTable>(*links, *addressTable, notifier, names, store.path(),
+                                             clock);
     table->start();
     (void)notifier.take();
   }

@@ -105,6 +105,21 @@ TEST(NetlinkReader, ReadsARouteWithAGateway) {
   EXPECT_EQ(std::memcmp(is.content.data(), body.data(), body.size()), 0);
 }
 
+// The same route must look the same each time it is saved.
+TEST(NetlinkReader, LeavesOutWhatChangesWithEachLookAtARoute) {
+  const auto withAge = [](const char* age) {
+    return as<NetlinkMessage::RouteIs>(read(
+        NetlinkBytes{"38 00 00 00 18 00 02 00 00 00 00 00 00 00 00 00",
+                     "02 00 00 00 fe 03 00 01 00 00 00 00",  // AF_INET, RT_TABLE_MAIN, RTPROT_BOOT
+                     "07 00 07 00 2d 2d 2d 00", age,         // three bytes, padded
+                     "08 00 04 00 03 00 00 00"}));
+  };
+  const auto young = withAge("0c 00 0c 00 01 00 00 00 00 00 00 00");  // RTA_CACHEINFO
+  EXPECT_EQ(young.content, withAge("0c 00 0c 00 02 00 00 00 00 00 00 00").content);
+  EXPECT_EQ(young.content.size(), 28U);
+  EXPECT_EQ(young.links, std::vector<uint32_t>{3});
+}
+
 // Also proves [routes-back].
 TEST(NetlinkReader, KnowsARouteThatTheKernelMakesItself) {
   const auto is = as<NetlinkMessage::RouteIs>(read(networkRoute));
