@@ -32,6 +32,22 @@ endif()
 # No path of the machine that builds gets into the programs.
 add_compile_options(-ffile-prefix-map=${CMAKE_SOURCE_DIR}/=)
 
+# What makes a memory error harder to use, where the target knows it: programs at a random address
+# with their tables of addresses read-only from the start, marked targets of indirect jumps, a stack
+# that cannot grow past its guard page, checked indexes of the C++ library. tests/support/elf.py shows
+# which of it a program has.
+include(CheckCXXCompilerFlag)
+add_compile_options(-fPIE -fstack-protector-strong)
+add_link_options(-pie LINKER:-z,relro LINKER:-z,now)
+add_compile_definitions(_GLIBCXX_ASSERTIONS)
+foreach(flag -fcf-protection -mbranch-protection=standard -fstack-clash-protection)
+  string(MAKE_C_IDENTIFIER "PALINODE_HAS${flag}" known)
+  check_cxx_compiler_flag(${flag} ${known})
+  if(${known})
+    add_compile_options(${flag})
+  endif()
+endforeach()
+
 add_library(palinode_warnings INTERFACE)
 target_compile_options(palinode_warnings INTERFACE
   -Wall -Wextra -Wconversion -Wsign-conversion -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual
@@ -49,8 +65,8 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_L
 endif()
 target_compile_definitions(palinode_warnings INTERFACE PALINODE_VERSION="${PROJECT_VERSION}")
 if(CMAKE_BUILD_TYPE STREQUAL "Release")
+  # It needs an optimising compiler.
   target_compile_definitions(palinode_warnings INTERFACE _FORTIFY_SOURCE=2)
-  target_compile_options(palinode_warnings INTERFACE -fstack-protector-strong)
 endif()
 
 if(PALINODE_SANITIZE)

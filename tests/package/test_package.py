@@ -6,10 +6,12 @@ import os
 import pathlib
 import re
 import subprocess
+import tempfile
 import unittest
 
 from machine import CommandFailed, Machine
 from support.debian import kept
+from support.elf import Elf, table
 from support.network import (LAN_ADDRESS, LAN_BRIDGE, WAN_ADDRESS, WAN_LINK, Network, exchange_tcp,
                              wait_until)
 
@@ -45,6 +47,16 @@ class PackageTest(unittest.TestCase):
         fields = subprocess.run(["dpkg-deb", "--field", package(), "Package", "Version"], text=True,
                                 capture_output=True, check=True).stdout
         self.assertEqual(fields, f"Package: palinode-igd\nVersion: {VERSION}\n")
+
+    # Promise: The packaged programs have every protection that the compiler and the linker offer.
+    def test_its_programs_are_hardened(self):
+        with tempfile.TemporaryDirectory() as folder:
+            subprocess.run(["dpkg-deb", "--extract", package(), folder], check=True)
+            paths = [path for path in pathlib.Path(folder).glob("usr/*bin/*") if path.is_file()]
+            self.assertEqual(len(paths), 4, paths)
+            print(table(paths))
+            self.assertEqual({path.name: Elf(path).lacks() for path in paths if Elf(path).lacks()},
+                             {})
 
 
 class InstallationTest(unittest.TestCase):
