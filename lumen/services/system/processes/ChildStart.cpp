@@ -5,10 +5,12 @@
 #include <linux/capability.h>
 #include <linux/close_range.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -75,6 +77,37 @@ void dropPrivileges(const ChildStart& start) {
   }
 }
 
+// Never raises what this process itself was given.
+void lower(const ChildStart& start, decltype(RLIMIT_CORE) resource, rlim_t most) {
+  rlimit limit = {};
+  if (getrlimit(resource, &limit) != 0) fail(start, "limits");
+  limit.rlim_max = std::min(limit.rlim_max, most);
+  limit.rlim_cur = std::min(limit.rlim_cur, limit.rlim_max);
+  if (setrlimit(resource, &limit) != 0) fail(start, "limits");
+}
+
+bool isFile(int descriptor) {
+  struct stat info = {};
+  return fstat(descriptor, &info) == 0 && S_ISREG(info.st_mode);
+}
+
+// After the change of user, which the kernel would refuse the program to run after. With a bound of
+// 0 the user's other processes do not count.
+void limitResources(const ChildStart& start) {
+  lower(start, RLIMIT_NPROC, 0);
+  lower(start, RLIMIT_CORE, 0);
+  lower(start, RLIMIT_NOFILE, ChildStart::mostDescriptors);
+  lower(start, RLIMIT_MEMLOCK, 0);
+  lower(start, RLIMIT_MSGQUEUE, 0);
+#if PALINODE_CONFINEMENT
+  lower(start, RLIMIT_AS, ChildStart::mostAddressSpace);
+  // A log that is a file may grow longer.
+  if (!isFile(STDOUT_FILENO) && !isFile(STDERR_FILENO)) {
+    lower(start, RLIMIT_FSIZE, ChildStart::longestFile);
+  }
+#endif
+}
+
 // After the change of user, which clears the setting.
 void endWithParent(const ChildStart& start) {
   if (prctl(PR_SET_PDEATHSIG, SIGTERM) != 0) fail(start, "parent's end");
@@ -91,6 +124,7 @@ void becomeProgram(const ChildStart& start) {
   if (setsid() < 0 || chdir("/") != 0) fail(start, "session");
   umask(077);
   dropPrivileges(start);
+  limitResources(start);
   endWithParent(start);
   const char* const arguments[] = {start.path, nullptr};
   const char* const environment[] = {

@@ -1,11 +1,18 @@
 #pragma once
 
+#include <sys/resource.h>
 #include <sys/types.h>
 
 namespace lumen {
 
 /// Everything that the new process needs, made before the fork.
 struct ChildStart {
+  // What the program may use at most, in bytes: some times what the gateway needs under attack.
+  // It may start neither processes nor threads.
+  static constexpr rlim_t mostDescriptors = 1024;
+  static constexpr rlim_t mostAddressSpace = 256 << 20;
+  static constexpr rlim_t longestFile = 1 << 20;  ///< a record has 128 KiB at most
+
   const char* path = nullptr;  ///< for its own argv[0] and the log
   int executable = -1;
   int lock = -1;

@@ -11,7 +11,7 @@ namespace lumen {
 
 /// Real processes. A child has descriptors 0 to 2 (0 is /dev/null) and 3, its lock, and no other;
 /// an empty signal mask, default dispositions, a session of its own, no capability and no way to
-/// get one, umask 077, directory "/" and no environment but PATH.
+/// get one, the limits of ChildStart.h, umask 077, directory "/" and no environment but PATH.
 class LinuxProcesses : public Processes {
  public:
   LinuxProcesses();

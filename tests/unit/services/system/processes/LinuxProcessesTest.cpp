@@ -184,6 +184,57 @@ TEST_F(LinuxProcessesTest, StartsAProcessWithNothingThatItShouldNotHave) {
   EXPECT_EQ(WTERMSIG(endedStatus), SIGTERM);
 }
 
+// Promise: A service can start no process, whatever else runs under its user, dumps
+// no core, and has at most 1,024 descriptors, 256 MiB of address space and 1 MiB in each file that
+// it writes.
+TEST_F(LinuxProcessesTest, BoundsWhatAProcessCanUse) {
+  std::array<int, 2> ends{};
+  ASSERT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+  const lm::Fd reading(ends[0]);
+  lm::Fd writing(ends[1]);
+  fflush(stdout);
+  const lm::Fd keptOutput(dup(STDOUT_FILENO));
+  const lm::Fd keptError(dup(STDERR_FILENO));
+  dup2(writing.get(), STDOUT_FILENO);
+  dup2(writing.get(), STDERR_FILENO);
+  const std::optional<pid_t> pid = processes.start(program(SERVICE_PROBE));
+  dup2(keptOutput.get(), STDOUT_FILENO);
+  dup2(keptError.get(), STDERR_FILENO);
+  writing.reset();
+  ASSERT_TRUE(pid);
+
+  std::string seen;
+  while (seen.find("\nready\n") == std::string::npos) {
+    std::array<char, 4096> part{};
+    const ssize_t got = read(reading.get(), part.data(), part.size());
+    ASSERT_GT(got, 0) << seen;
+    seen.append(part.data(), static_cast<size_t>(got));
+  }
+  EXPECT_EQ(values(seen, "fork"), Values{"Resource temporarily unavailable"});
+  EXPECT_EQ(values(seen, "longest core"), Values{"0"});
+  EXPECT_EQ(values(seen, "most descriptors"), Values{"1024"});
+#if PALINODE_CONFINEMENT
+  EXPECT_EQ(values(seen, "most address space"), Values{std::to_string(256 << 20)});
+  EXPECT_EQ(values(seen, "longest file"), Values{std::to_string(1 << 20)});
+#endif
+}
+
+// Promise: A service whose output goes to a file is not bound in the length of files, since its log
+// may be longer.
+TEST_F(LinuxProcessesTest, LetsALogThatIsAFileGrow) {
+  ASSERT_TRUE(start(SERVICE_PROBE) && isReady()) << output();
+  EXPECT_EQ(values(output(), "longest file"), Values{"unlimited"});
+}
+
+// Promise: Services may share a user.
+TEST_F(LinuxProcessesTest, StartsTwoServicesThatShareAUser) {
+  ASSERT_TRUE(start(SERVICE_PROBE) && isReady()) << output();
+  Program other = program("/bin/true");
+  other.lockFile = folder_ + "/other.lock";
+  ASSERT_TRUE(processes.start(other) && hasEnded());
+  EXPECT_EQ(endedStatus, 0);
+}
+
 // Promise: How a service's process ended is known, whatever signal dispositions lumend was started
 // with, and starting one leaves no descriptor.
 TEST_F(LinuxProcessesTest, TellsTheExitStatus) {

@@ -2,13 +2,37 @@
 
 #include <dirent.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <iostream>
 #include <memory>
 #include <string>
+
+namespace {
+
+void showLimit(const char* name, decltype(RLIMIT_CORE) resource) {
+  rlimit limit = {};
+  getrlimit(resource, &limit);
+  std::cout << name << ": ";
+  if (limit.rlim_max == RLIM_INFINITY) {
+    std::cout << "unlimited\n";
+  } else {
+    std::cout << limit.rlim_max << '\n';
+  }
+}
+
+void showFork() {
+  const pid_t child = fork();
+  if (child == 0) _exit(0);
+  std::cout << "fork: " << (child < 0 ? strerror(errno) : "done") << '\n';
+}
+
+}  // namespace
 
 int main(int, char** argv) {
   std::ifstream status("/proc/self/status");
@@ -23,6 +47,11 @@ int main(int, char** argv) {
   for (char** variable = environ; *variable != nullptr; ++variable) {
     std::cout << "variable: " << *variable << '\n';
   }
+  showLimit("longest core", RLIMIT_CORE);
+  showLimit("most descriptors", RLIMIT_NOFILE);
+  showLimit("most address space", RLIMIT_AS);
+  showLimit("longest file", RLIMIT_FSIZE);
+  showFork();
   int atParentsEnd = 0;
   prctl(PR_GET_PDEATHSIG, &atParentsEnd);
   char directory[256] = "";
