@@ -9,14 +9,14 @@ cd "$top"
 build_packages=(
   g++ cmake ninja-build pkgconf
   libexpat1-dev uuid-dev libev-dev libmnl-dev libnftables-dev libnetfilter-conntrack-dev
-  libinih-dev libcap-ng-dev libc-ares-dev libcli11-dev nlohmann-json3-dev
+  libinih-dev libcap-ng-dev libseccomp-dev libc-ares-dev libcli11-dev nlohmann-json3-dev
 )
 # What makes a package of them.
 package_packages=(dpkg-dev file)
 # What the demonstration needs besides: hosts in namespaces and a client that is not ours.
 run_packages=(python3 iproute2 nftables miniupnpc)
 # What the unit tests need besides the programs.
-unit_packages=(libgtest-dev libseccomp-dev)
+unit_packages=(libgtest-dev)
 # What a user's tests need besides those: without root, and so without hosts to be tested.
 user_packages=("${unit_packages[@]}" python3 iproute2 clang-format lld mold)
 # What all tests need besides; ccache since the package builds the same sources again.

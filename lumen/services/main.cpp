@@ -14,6 +14,7 @@
 #include "lumen/runtime/Clock.h"
 #include "lumen/runtime/EventLoop.h"
 #include "lumen/runtime/Log.h"
+#include "lumen/services/Confinement.h"
 #include "lumen/services/Options.h"
 #include "lumen/services/Platform.h"
 #include "lumen/services/supervisor/ServiceFolder.h"
@@ -146,6 +147,7 @@ int main(int argc, char** argv) {
     prepareRoot(services, processes);
     keepOnly(lumen::neededCapabilities());
   }
+  lumen::confinePlatform();
   for (const std::string& store : Platform::stores()) {
     exitOnError(lumen::makeDirectory(path::store(store), 0, 0, forOwner));
   }

@@ -1,4 +1,5 @@
 #include "base/ProgramUsage.h"
+#include "core/Confinement.h"
 #include "core/Gateway.h"
 #include "platform/Keys.h"
 #include "platform/Looper.h"
@@ -20,6 +21,7 @@ constexpr ProgramUsage usage(
 int main(int argc, char** argv) {
   if (const std::optional<int> status = usage.answer(argc, argv)) return *status;
   lm::Looper looper;
+  confineGateway();
   Gateway gateway;
   theGateway = &gateway;
   looper.addHandler(0, gateway);

@@ -1,5 +1,6 @@
 #include "base/ProgramUsage.h"
 #include "lumen/runtime/EventLoop.h"
+#include "lumen/services/resolver/Confinement.h"
 #include "lumen/services/resolver/Resolver.h"
 #include "platform/Keys.h"
 #include "platform/Looper.h"
@@ -21,6 +22,7 @@ constexpr ProgramUsage usage(
 int main(int argc, char** argv) {
   if (const std::optional<int> status = usage.answer(argc, argv)) return *status;
   lm::Looper looper;
+  lumen::confineResolver();
   // The second is everybody's; the first is for a router whose LAN has name servers of its own.
   lumen::Resolver resolver(lm::currentClock(), {"/lumen/etc/resolv.conf", "/etc/resolv.conf"});
   looper.addHandler(0, resolver);

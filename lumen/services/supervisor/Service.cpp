@@ -22,7 +22,11 @@ constexpr std::chrono::milliseconds lockPoll(100);
 constexpr std::chrono::seconds lockLimit(10);
 
 std::string describe(int status) {
-  if (WIFSIGNALED(status)) return "ended by signal " + std::to_string(WTERMSIG(status));
+  if (WIFSIGNALED(status)) {
+    // Signal 31 or 12 by the machine.
+    const std::string why = WTERMSIG(status) == SIGSYS ? ", for a forbidden system call" : "";
+    return "ended by signal " + std::to_string(WTERMSIG(status)) + why;
+  }
   return "ended with exit status " + std::to_string(WEXITSTATUS(status));
 }
 

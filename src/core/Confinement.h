@@ -1,0 +1,6 @@
+#pragma once
+
+/// Gives up what palinode-igd does not need from its platform's connection on: a process that is
+/// taken over by what it reads can then do little more than the daemon itself. See allowOnly. To be
+/// called before the first byte of a LAN host is read.
+void confineGateway();

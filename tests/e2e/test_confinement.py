@@ -1,0 +1,54 @@
+"""What the programs of a running router may still do."""
+
+import pathlib
+import unittest
+
+from support.router_case import RouterCase
+from support.subscriber import Subscriber
+
+FILTERED = "2"  # SECCOMP_MODE_FILTER of linux/seccomp.h
+
+
+def status(pid):
+    """The fields of proc(5)'s status."""
+    lines = pathlib.Path(f"/proc/{pid}/status").read_text(encoding="ascii").splitlines()
+    return {name: value.strip() for name, _, value in (line.partition(":") for line in lines)}
+
+
+def limits(pid):
+    """The hard limits of proc(5)'s limits."""
+    lines = pathlib.Path(f"/proc/{pid}/limits").read_text(encoding="ascii").splitlines()
+    return {line[:26].strip(): line[47:68].strip() for line in lines[1:]}
+
+
+class ConfinementTest(RouterCase):
+    def programs(self):
+        """The processes by name; that of the resolver exists once something was asked."""
+        return {"lumend": self.router.lumend.pid,
+                **{record["name"]: record["process"] for record in self.router.ask("service", "list")
+                   if record["process"]}}
+
+    # Promise: Each program runs with `no_new_privs` and with a list of system calls; services have
+    # lumend's list besides their own.
+    def test_every_program_has_its_list_of_system_calls(self):
+        self.router.ask_name_server("127.0.0.1")
+        subscriber = Subscriber(self.lan[0].speak_to())
+        self.addCleanup(subscriber.close)
+        reply = subscriber.ask(self.lan[0].connection_events(), callback="http://nowhere.lan/")
+        self.assertEqual(reply.status, 412)
+        seen = {}
+        for name, pid in self.programs().items():
+            fields = status(pid)
+            self.assertEqual((fields["NoNewPrivs"], fields["Seccomp"]), ("1", FILTERED), name)
+            seen[name] = fields["Seccomp_filters"]
+        self.assertEqual(seen, {"lumend": "1", "upnp": "2", "resolver": "2"})
+
+    def test_every_service_has_its_limits(self):
+        found = limits(self.router.gateway_pid())
+        self.assertEqual((found["Max processes"], found["Max core file size"],
+                          found["Max open files"], found["Max address space"]),
+                         ("0", "0", "1024", str(256 << 20)))
+
+
+if __name__ == "__main__":
+    unittest.main()
