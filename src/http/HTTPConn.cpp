@@ -5,9 +5,13 @@
 #include "base/Log.h"
 #include "http/HTTPServer.h"
 
-HTTPConn::HTTPConn(lm::Fd socket, std::shared_ptr<ServedInterface> servedInterface,
-                   HTTPServer& owner)
-    : fd(std::move(socket)), device(std::move(servedInterface)), server_(owner) {
+HTTPConn::HTTPConn(lm::Fd socket, uint32_t clientAddress, uint64_t number,
+                   std::shared_ptr<ServedInterface> servedInterface, HTTPServer& owner)
+    : fd(std::move(socket)),
+      client(clientAddress),
+      serial(number),
+      device(std::move(servedInterface)),
+      server_(owner) {
   watch_.start<&HTTPServer::readHttp>(fd.get(), server_, lm::watchRead);
   timer_.start<&HTTPConn::timeout>(*this, timeLimit);
 }

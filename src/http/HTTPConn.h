@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -18,8 +19,10 @@ class HTTPConn {
   static constexpr uint32_t timeLimit = 1000;
 
   /// Watches `socket` on behalf of `owner`, which owns this connection and outlives it, and starts
-  /// the time limit.
-  HTTPConn(lm::Fd socket, std::shared_ptr<ServedInterface> servedInterface, HTTPServer& owner);
+  /// the time limit. `clientAddress` is in network byte order; `number` increases from connection
+  /// to connection.
+  HTTPConn(lm::Fd socket, uint32_t clientAddress, uint64_t number,
+           std::shared_ptr<ServedInterface> servedInterface, HTTPServer& owner);
   HTTPConn(const HTTPConn&) = delete;
   HTTPConn& operator=(const HTTPConn&) = delete;
 
@@ -32,6 +35,8 @@ class HTTPConn {
   [[nodiscard]] size_t requestSize() const { return scanner_.size(); }
 
   lm::Fd fd;
+  const uint32_t client;  ///< its address, network byte order
+  const uint64_t serial;
   std::shared_ptr<ServedInterface> device;  ///< never null
   std::string buffer;                       ///< all bytes received
 

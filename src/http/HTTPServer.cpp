@@ -1,12 +1,15 @@
 #include "http/HTTPServer.h"
 
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
+#include <numeric>
 #include <string>
 #include <utility>
 
@@ -32,7 +35,10 @@ bool HTTPServer::acceptHttp(int listenFd) {
   // The client may have left since the socket became ready, and the loop must not block until the
   // next one arrives.
   const bool ready = fcntl(listenFd, F_SETFL, O_NONBLOCK) == 0;
-  lm::Fd accepted(ready ? accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC) : -1);
+  sockaddr_in client = {};
+  socklen_t length = sizeof client;
+  lm::Fd accepted(
+      ready ? accept4(listenFd, reinterpret_cast<sockaddr*>(&client), &length, SOCK_CLOEXEC) : -1);
   if (!accepted.valid()) {
     logLine("accept failed");
     return false;
@@ -43,7 +49,9 @@ bool HTTPServer::acceptHttp(int listenFd) {
     exit(1);
   }
   const int fd = accepted.get();
-  conns[fd] = std::make_unique<HTTPConn>(std::move(accepted), std::move(device), *this);
+  conns[fd] = std::make_unique<HTTPConn>(std::move(accepted), client.sin_addr.s_addr, ++accepted_,
+                                         std::move(device), *this);
+  if (conns.size() > maxConnections) dropFromLargest([](const HTTPConn&) { return size_t{1}; });
   return true;
 }
 
@@ -65,7 +73,32 @@ void HTTPServer::readHttp(int fd) {
   const bool complete = conn.requestComplete();
   const bool tooLong = (complete ? conn.requestSize() : conn.buffer.size()) > maxRequest;
   if (complete && !tooLong) reply(conn);
-  if (complete || tooLong) drop(fd);
+  if (complete || tooLong) {
+    drop(fd);
+  } else {
+    boundReceived();
+  }
+}
+
+void HTTPServer::boundReceived() {
+  const auto memory = [](const HTTPConn& conn) { return conn.buffer.capacity(); };
+  const auto received = [&] {
+    return std::accumulate(
+        conns.begin(), conns.end(), size_t{0},
+        [&](size_t sum, const auto& entry) { return sum + memory(*entry.second); });
+  };
+  while (received() > maxReceived) dropFromLargest(memory);
+}
+
+void HTTPServer::dropFromLargest(size_t (*weigh)(const HTTPConn&)) {
+  std::map<uint32_t, size_t> shares;  // by address
+  for (const auto& [fd, conn] : conns) shares[conn->client] += weigh(*conn);
+  const auto comesFirst = [&](const auto& a, const auto& b) {
+    const size_t shareOfA = shares[a.second->client];
+    const size_t shareOfB = shares[b.second->client];
+    return shareOfA != shareOfB ? shareOfA > shareOfB : a.second->serial < b.second->serial;
+  };
+  conns.erase(std::ranges::min_element(conns, comesFirst));
 }
 
 void HTTPServer::reply(HTTPConn& conn) {

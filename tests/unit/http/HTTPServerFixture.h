@@ -59,8 +59,13 @@ class FakeGateway : public RequestHandler {
 /// A control point with one connection.
 class Client {
  public:
-  /// `receiveBuffer` in bytes; 0: the system's choice.
-  explicit Client(int receiveBuffer = 0) : fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  /// `receiveBuffer` in bytes; 0: the system's choice. `from` is an address of "lo".
+  explicit Client(int receiveBuffer = 0, const char* from = "127.0.0.1")
+      : fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_in own = {};
+    own.sin_family = AF_INET;
+    own.sin_addr.s_addr = strtoip(from);
+    EXPECT_EQ(bind(fd.get(), reinterpret_cast<sockaddr*>(&own), sizeof own), 0);
     if (receiveBuffer > 0) {
       setsockopt(fd.get(), SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
     }

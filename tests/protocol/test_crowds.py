@@ -1,0 +1,98 @@
+"""One host that takes as much as it can get, beside another that only asks."""
+
+import resource
+import select
+import time
+
+from event_case import EventCase
+from gateway_case import GATEWAY
+from support.lan import LanHost, Text, read_to_end
+from support.network import wait_until
+from support.processes import descriptors
+
+LISTENING = "0A"  # TCP_LISTEN of linux/include/net/tcp_states.h
+REQUEST = b"GET /gateway.xml HTTP/1.1\r\n\r\n"
+
+
+class CrowdCase(EventCase):
+    """The daemon has few descriptors. The hostile host has its own address, the other one the first
+    of the crowd's."""
+
+    DESCRIPTORS = 128
+
+    def setUp(self):
+        usual = resource.getrlimit(resource.RLIMIT_NOFILE)
+        resource.setrlimit(resource.RLIMIT_NOFILE, (self.DESCRIPTORS, usual[1]))
+        try:
+            super().setUp()  # starts the daemon, which inherits it
+        finally:
+            resource.setrlimit(resource.RLIMIT_NOFILE, usual)
+        self.other = LanHost(self.lan.namespace, self.lan.link, "192.168.88.128", GATEWAY)
+        self.assertEqual(self.other.get("/gateway.xml").status, 200)
+        self.before = len(descriptors(self.daemon.pid))
+
+    def connect(self, host):
+        """A connection that the daemon has accepted: the queue has room for the next one."""
+        client = host.connect()
+        self.addCleanup(client.close)
+        wait_until(lambda: self.queue() == 0, "the connection is accepted")
+        return client
+
+    def queue(self):
+        """How many connections wait to be accepted, by proc(5)."""
+        with open(f"/proc/{self.daemon.pid}/net/tcp", encoding="ascii") as sockets:
+            next(sockets)
+            rows = [line.split() for line in sockets]
+        waiting, = (row[4].partition(":")[2] for row in rows if row[3] == LISTENING)
+        return int(waiting, 16)
+
+    def held(self):
+        """How many descriptors the daemon has for its clients."""
+        return len(descriptors(self.daemon.pid)) - self.before
+
+    def assert_other_is_answered(self):
+        before = time.monotonic()
+        self.assertEqual(self.other.get("/gateway.xml").status, 200)
+        self.assertLess(time.monotonic() - before, 0.9)
+
+
+class Connections(CrowdCase):
+    # Also proves [connections-limit].
+    def test_a_host_that_holds_connections_keeps_no_other_out(self):
+        waiting = self.connect(self.other)
+        since = self.log_mark()
+        held = [self.connect(self.lan) for _ in range(200)]
+        self.assert_other_is_answered()
+        self.assertLessEqual(self.held(), 64)
+        # There was room for 62 beside the two of the other host.
+        self.assertTrue(closed_of(held) == held[:138], "the oldest are closed")
+        # The other host's are not, however old they are.
+        waiting.sendall(REQUEST)
+        self.assertEqual(Text(read_to_end(waiting)).status, 200)
+        self.assert_logged(since)
+
+    # Also proves [request-memory].
+    def test_a_host_with_large_requests_displaces_its_own(self):
+        waiting = self.connect(self.other)
+        waiting.sendall(REQUEST[:10])
+        since = self.log_mark()
+        head = b"POST / HTTP/1.1\r\nCONTENT-LENGTH: 65450\r\n\r\n"
+        large = []
+        for _ in range(60):
+            large.append(self.connect(self.lan))
+            large[-1].sendall(head + b"x" * (65536 - 4096))
+        self.assert_other_is_answered()
+        self.assertGreaterEqual(len(closed_of(large)), 60 - 33)
+        self.assertLessEqual(self.held(), 34)
+        waiting.sendall(REQUEST[10:])
+        self.assertEqual(Text(read_to_end(waiting)).status, 200)
+        self.assert_logged(since)
+
+
+def closed_of(clients):
+    """Those whose connection the daemon has closed."""
+    poller = select.poll()
+    for client in clients:
+        poller.register(client, select.POLLIN)
+    closed = {fd for fd, _ in poller.poll(0)}
+    return [client for client in clients if client.fileno() in closed]
