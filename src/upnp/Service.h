@@ -10,10 +10,10 @@
 
 #include "http/HTTPMessage.h"
 #include "upnp/Action.h"
+#include "upnp/Subscription.h"
 #include "upnp/UPNPStatus.h"
 #include "upnp/Variable.h"
 
-class Subscription;
 class XMLNode;
 
 /// The base of every UPnP service. It answers control requests (SOAP) from two tables, the state
@@ -47,7 +47,8 @@ class Service {
   void resumeEvents(const std::string& sid);
 
   /// Sets the value of a variable and drops its getter. An unknown name is ignored. If the value of
-  /// an evented variable changed, a delivery to each subscriber starts at once.
+  /// an evented variable changed, a delivery to each subscriber starts at once, within the limits
+  /// of deliveries under way.
   void setVar(const std::string& variableName, const std::string& value);
   /// The value of a variable; empty when the variable is unknown or has no value.
   [[nodiscard]] std::string getVar(const std::string& variableName) const;
@@ -80,6 +81,11 @@ class Service {
 
   /// The most subscriptions of one service.
   static constexpr size_t SUBSCRIPTION_LIMIT = 100;
+  /// With so many deliveries under way each subscription has only one at a time. There is always a
+  /// place for that one: a subscriber waits for its own answers, never for those of others.
+  static constexpr size_t SHARED_DELIVERIES = 64;
+  /// The most deliveries under way of one service.
+  static constexpr size_t DELIVERY_LIMIT = SHARED_DELIVERIES + SUBSCRIPTION_LIMIT;
 
   void addAction(std::string actionName, Action action);
 
@@ -98,10 +104,19 @@ class Service {
   [[nodiscard]] static HTTPMessage confirm(Subscription& subscription, uint32_t granted);
   void removeSubscription(const std::string& sid);
 
-  /// Starts a delivery and returns its socket, or -1 when it failed at once. An empty name selects
-  /// every evented variable.
-  int sendEvent(const Subscription& subscription, const std::string& variableName);
   void sendInitialEvent(Subscription& subscription);
+  /// Starts a delivery of the variable, or lets it wait until earlier ones have ended.
+  void sendEvent(Subscription& subscription, const std::string& variableName);
+  /// Starts a delivery and returns its socket, or -1 when it failed at once.
+  int startDelivery(Subscription& subscription, const Subscription::Change& change);
+  /// Starts the deliveries that have waited and need not any longer.
+  void startPending();
+  /// The subscription with the change that has waited longest of those that may start; null when
+  /// there is none.
+  [[nodiscard]] Subscription* longestPending() const;
+  [[nodiscard]] bool mayStart(const Subscription& subscription) const;
+  /// Drops the oldest delivery whose subscription has ended, if there is one.
+  void dropOldestOrphan();
   /// Writes the NOTIFY of a connected delivery if it is its turn. May destroy it.
   void deliver(Event& event);
   /// Adds the variable, or every evented one for an empty name. Returns false, after a log line,
@@ -116,7 +131,7 @@ class Service {
   std::map<std::string, Action> actions;
   std::map<std::string, std::unique_ptr<Subscription>> subscriptions;  ///< by SID; never null
   std::map<int, std::unique_ptr<Event>> events;  ///< deliveries by socket; never null
-  uint64_t lastEvent_ = 0;                       ///< number of deliveries started
+  uint64_t lastChange_ = 0;                      ///< number of the newest one to be delivered
 };
 
 template <typename Owner>

@@ -69,17 +69,65 @@ HTTPMessage makeNotify(Subscription& subscription, std::string body) {
 }  // namespace
 
 void Service::sendInitialEvent(Subscription& subscription) {
-  subscription.initialEvent = sendEvent(subscription, "");
+  subscription.initialEvent = startDelivery(subscription, {++lastChange_, ""});
   if (subscription.initialEvent >= 0) subscription.delayInitialEvent();
 }
 
-int Service::sendEvent(const Subscription& subscription, const std::string& variableName) {
+void Service::sendEvent(Subscription& subscription, const std::string& variableName) {
+  const Subscription::Change change{++lastChange_, variableName};
+  if (subscription.pending.empty() && mayStart(subscription)) {
+    startDelivery(subscription, change);
+    return;
+  }
+  subscription.pending.push_back(change);
+  if (subscription.pending.size() > Subscription::mostPending) {
+    logLine("notify dropped: ", subscription.pending.front().variable);
+    subscription.pending.pop_front();
+    subscription.skipSeq();
+  }
+}
+
+bool Service::mayStart(const Subscription& subscription) const {
+  return subscription.underWay == 0 ||
+         (subscription.underWay < Subscription::mostUnderWay && events.size() < SHARED_DELIVERIES);
+}
+
+int Service::startDelivery(Subscription& subscription, const Subscription::Change& change) {
+  // Deliveries without a subscription are not counted by any.
+  if (events.size() >= DELIVERY_LIMIT) dropOldestOrphan();
   lm::Fd connection = connectTo(subscription);
   const int fd = connection.get();
   if (fd < 0) return -1;
-  events[fd] = std::make_unique<Event>(*this, std::move(connection), ++lastEvent_, subscription.sid,
-                                       variableName);
+  events[fd] = std::make_unique<Event>(*this, std::move(connection), change.number,
+                                       subscription.sid, change.variable);
+  ++subscription.underWay;
   return fd;
+}
+
+void Service::startPending() {
+  while (Subscription* const next = longestPending()) {
+    const Subscription::Change change = next->pending.front();
+    next->pending.pop_front();
+    startDelivery(*next, change);
+  }
+}
+
+Subscription* Service::longestPending() const {
+  Subscription* found = nullptr;
+  for (const auto& [sid, each] : subscriptions) {
+    if (each->pending.empty() || !mayStart(*each)) continue;
+    if (!found || each->pending.front().number < found->pending.front().number) found = each.get();
+  }
+  return found;
+}
+
+void Service::dropOldestOrphan() {
+  Event* oldest = nullptr;
+  for (const auto& [fd, event] : events) {
+    if (subscriptions.contains(event->sid)) continue;
+    if (!oldest || event->serial < oldest->serial) oldest = event.get();
+  }
+  if (oldest) oldest->timeout();
 }
 
 void Service::deliver(Event& event) {
@@ -128,13 +176,15 @@ void Service::endEvent(const Event& event) {
   const int fd = event.socket.get();
   const auto ended = events.extract(fd);
   const auto found = subscriptions.find(ended.mapped()->sid);
-  if (found != subscriptions.end() && found->second->initialEvent == fd) {
-    initialEventEnded(*found->second);
+  if (found != subscriptions.end()) {
+    --found->second->underWay;
+    if (found->second->initialEvent == fd) initialEventEnded(*found->second);
   }
+  startPending();
 }
 
 void Service::initialEventEnded(Subscription& subscription) {
-  subscription.initialEvent = -1;
+  subscription.endInitialEvent();
   resumeEvents(subscription.sid);
 }
 

@@ -19,6 +19,19 @@ uint32_t Subscription::takeSeq() {
   return taken;
 }
 
+void Subscription::skipSeq() {
+  if (initialEvent >= 0) {
+    ++skipped_;
+  } else {
+    (void)takeSeq();
+  }
+}
+
+void Subscription::endInitialEvent() {
+  initialEvent = -1;
+  for (; skipped_ > 0; --skipped_) (void)takeSeq();
+}
+
 void Subscription::timeout() { service.expireSubscription(sid); }
 
 void Subscription::initialDelayOver() { service.resumeEvents(sid); }

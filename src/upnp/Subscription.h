@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <string>
 
 #include "platform/Timer.h"
@@ -20,6 +22,17 @@ class Subscription {
   /// unknown SID.
   static constexpr uint32_t initialEventDelay = 5;
 
+  /// The most deliveries under way at a time to a subscriber that does not answer them, and the
+  /// most changes that wait for one of them to end. Changes usually come a second or more apart.
+  static constexpr size_t mostUnderWay = 16;
+  static constexpr size_t mostPending = 32;
+
+  /// A change that is to be delivered. `number` increases from change to change.
+  struct Change {
+    uint64_t number = 0;
+    std::string variable;  ///< empty for every evented one: the initial event
+  };
+
   /// `owner` must outlive the subscription.
   Subscription(Service& owner, std::string sidText) : service(owner), sid(std::move(sidText)) {}
   Subscription(const Subscription&) = delete;
@@ -32,19 +45,27 @@ class Subscription {
 
   /// The SEQ of the next NOTIFY: 0, 1, ..., 4294967295, 1, ...
   [[nodiscard]] uint32_t takeSeq();
+  /// Uses up a SEQ for a change that is not delivered, so that the subscriber sees that it missed
+  /// one. The initial event keeps SEQ 0.
+  void skipSeq();
+  /// The initial event was written or dropped.
+  void endInitialEvent();
 
   Service& service;
-  const std::string sid;  ///< "uuid:" and a UUID
-  uint32_t address = 0;   ///< of the callback, network byte order
-  uint16_t port = 0;      ///< of the callback, network byte order
-  std::string path;       ///< of the callback, begins with "/"
-  uint32_t seq = 0;       ///< of the next NOTIFY
-  int initialEvent = -1;  ///< socket of the initial event until that is written or dropped
+  const std::string sid;       ///< "uuid:" and a UUID
+  uint32_t address = 0;        ///< of the callback, network byte order
+  uint16_t port = 0;           ///< of the callback, network byte order
+  std::string path;            ///< of the callback, begins with "/"
+  uint32_t seq = 0;            ///< of the next NOTIFY
+  int initialEvent = -1;       ///< socket of the initial event until that is written or dropped
+  size_t underWay = 0;         ///< deliveries that have started and not ended
+  std::deque<Change> pending;  ///< changes whose delivery has to wait, the oldest first
 
  private:
   void timeout();
   void initialDelayOver();
 
+  uint32_t skipped_ = 0;  ///< SEQs to use up after the initial event
   lm::Timer timer_;
   lm::Timer initialDelay_;
 };

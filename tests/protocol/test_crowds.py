@@ -4,7 +4,7 @@ import resource
 import select
 import time
 
-from event_case import EventCase
+from event_case import CONNECTION, EventCase
 from gateway_case import GATEWAY
 from support.lan import LanHost, Text, read_to_end
 from support.network import wait_until
@@ -87,6 +87,28 @@ class Connections(CrowdCase):
         waiting.sendall(REQUEST[10:])
         self.assertEqual(Text(read_to_end(waiting)).status, 200)
         self.assert_logged(since)
+
+
+class Subscribers(CrowdCase):
+    DESCRIPTORS = 256
+
+    # Also proves [event-limit], [event-places], [event-dropped].
+    def test_subscribers_that_take_nothing_keep_no_other_out(self):
+        good = self.informed(99)
+        since = self.log_mark()
+        for number in range(1, 99):
+            self.subscriber(number).subscribe(CONNECTION)
+        for seq in range(1, 61):
+            self.change_address(f"45.45.45.{100 + seq}")
+            event = good.event()
+            self.assertEqual((event.seq, event.properties),
+                             (seq, {"ExternalIPAddress": f"45.45.45.{100 + seq}"}))
+            self.assertLessEqual(self.held(), 164)
+        self.assert_other_is_answered()
+        said = self.daemon.log()[since:self.log_mark()]
+        self.assertNotIn("accept failed", said)
+        self.assertFalse([line for line in said if line.startswith("tcp socket: ")])
+        self.assertIn("notify dropped: ExternalIPAddress", said)
 
 
 def closed_of(clients):
