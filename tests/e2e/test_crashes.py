@@ -45,7 +45,7 @@ class CrashTest(RouterCase):
 
     # Promise [kill-consistent]: When either program is killed in the middle of mapping operations
     # the kernel's map holds exactly what the daemon lists afterwards.
-    def test_nothing_is_left_of_programs_that_are_killed_during_mapping_operations(self):
+    def test_programs_killed_during_mapping_operations_leave_nothing(self):
         for number in range(ROUNDS):
             strikes = self.plan()
             for operation in range(OPERATIONS):

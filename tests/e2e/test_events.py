@@ -33,7 +33,7 @@ class EventTest(RouterCase):
                 if changes.get(variable) == value:
                     del changes[variable]
 
-    def test_the_first_event_tells_the_state(self):
+    def test_the_first_event_has_the_state(self):
         self.assertEqual(self.events[0].properties, {
             "ConnectionStatus": "Connected", "ExternalIPAddress": WAN_ADDRESS,
             "PortMappingNumberOfEntries": "0", "PossibleConnectionTypes": "IP_Routed"})
@@ -63,7 +63,7 @@ class EventTest(RouterCase):
         self.assert_told(ConnectionStatus="Connected")
         self.assertEqual(self.router.interface(WAN_LINK)["state"], "running")
 
-    def test_a_control_point_asks_for_the_wan_side_that_is_up(self):
+    def test_a_control_point_requests_a_connection_that_is_up(self):
         self.lan[0].invoke("RequestConnection")
         self.assert_told(ConnectionStatus="Connected")
 
@@ -77,7 +77,7 @@ class EventTest(RouterCase):
         host.upnpc("-d", "8080", "tcp")
         self.assert_told(PortMappingNumberOfEntries="2")
 
-    def test_a_subscriber_that_leaves_is_told_no_more(self):
+    def test_a_subscriber_that_leaves_gets_no_more_events(self):
         self.subscriber.unsubscribe()
         self.lan[0].open_port(8080, "TCP")
         self.lan[0].close_port(8080, "TCP")

@@ -63,7 +63,7 @@ class LostChangesTest(RouterCase):
         batch.write_text("\n".join(lines))
         self.network.router.ip("-batch", str(batch))
 
-    def test_the_tables_are_exactly_the_kernels_after_an_overrun(self):
+    def test_the_tables_match_the_kernel_after_an_overrun(self):
         self.router.lumend.send_signal(signal.SIGSTOP)
         self.wait_until(lambda: is_stopped(self.router.lumend.pid), "lumend stands still")
         flood = [f"address {change} 10.9.0.{n}/32 dev {LAN_BRIDGE}"
@@ -162,7 +162,7 @@ class DescriptorTest(RouterCase):
         """The process has no more descriptors than before it had the clients."""
         self.wait_until(lambda: len(descriptors(pid)) <= before, "nothing is left of the clients")
 
-    def test_a_gateway_that_ran_out_of_descriptors_serves_when_it_has_some_again(self):
+    def test_a_gateway_that_ran_out_of_descriptors_serves_again_when_some_are_free(self):
         gateway = self.router.gateway_pid()
         before = len(descriptors(gateway))
         self.lan[1].open_port(8080, "TCP", control=self.control)
@@ -180,7 +180,7 @@ class DescriptorTest(RouterCase):
 
     # Promise [descriptors]: A lumend that ran out of descriptors serves, and starts services, when
     # it has some again.
-    def test_a_lumend_that_ran_out_of_descriptors_serves_when_it_has_some_again(self):
+    def test_a_lumend_that_ran_out_of_descriptors_serves_again_when_some_are_free(self):
         lumend = self.router.lumend.pid
         before = len(descriptors(lumend))
         self.use_up(lumend, self.connect_to_lumend, NO_DESCRIPTORS)
@@ -195,7 +195,7 @@ class DescriptorTest(RouterCase):
         self.assert_let_go(lumend, before)
 
     # Also proves [descriptors].
-    def test_a_gateway_that_ends_meanwhile_is_started_when_there_are_descriptors_again(self):
+    def test_a_gateway_that_ends_meanwhile_is_started_when_descriptors_are_free_again(self):
         gateway = self.router.gateway_pid()
         self.use_up(self.router.lumend.pid, self.connect_to_lumend, NO_DESCRIPTORS)
         # It leaves one descriptor to the client that waits, and none to those after it.

@@ -50,7 +50,7 @@ class FailureTest(RouterCase):
         exchange_tcp(self.wan, WAN_ADDRESS, 8080, host, 8080)
 
     # Promise [lumend-end]: lumend ends in good order on SIGTERM and SIGINT, with 0.
-    def test_lumend_ends_in_good_order(self):
+    def test_lumend_leaves_nothing_when_it_ends_in_order(self):
         self.lan[0].open_port(8080, "TCP")
         gateway = self.router.gateway_pid()
         with self.lan[1].speak_to().hear_adverts() as adverts:
@@ -62,7 +62,7 @@ class FailureTest(RouterCase):
         self.assertFalse((self.router.root / "run" / "lumen.sock").exists())
 
     # Also proves [kernel-owned].
-    def test_nobody_else_can_touch_the_open_ports(self):
+    def test_no_other_program_can_change_the_open_ports(self):
         host = self.lan[0]
         host.open_port(8080, "TCP")
         nft = self.router.namespace.run
@@ -113,7 +113,7 @@ class SwitchTest(RouterCase):
                 self.assertEqual(sockets.splitlines()[1:], [])
 
     # Also proves [service-leave], [ctl-passive].
-    def test_a_gateway_that_is_off_sleeps_until_it_is_switched_on(self):
+    def test_a_gateway_that_is_off_does_not_run_until_it_is_switched_on(self):
         self.wait_until(lambda: self.router.gateway_pid() == 0, "the gateway ends by itself")
         for _ in range(3):
             self.assertEqual(self.router.status()["gateway"], "off")

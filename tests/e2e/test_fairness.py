@@ -22,7 +22,7 @@ DURATION = 20.0  # seconds at most: the deliveries that fail end after thirty
 class FairnessTest(RouterCase):
     # Promise [event-reset-cost]: While subscribers close unanswered, control requests take at most
     # half as long again as without them.
-    def test_subscribers_that_close_slow_nobody_down(self):
+    def test_subscribers_that_close_delay_no_other(self):
         loaded, idle = self.router, self.make_router()
         self.make_deliveries_fail(loaded)
         failures = loaded.log().count(FAILED)

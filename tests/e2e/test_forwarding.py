@@ -65,7 +65,7 @@ class HairpinTest(RouterCase):
 
     # Promise: What another table redirects on its way to an address that is not the router's keeps
     # its source address.
-    def test_what_others_redirect_is_left_alone(self):
+    def test_redirections_of_others_are_left_alone(self):
         self.network.router.run("nft", f"""
             table ip interceptor {{
               chain prerouting {{
@@ -80,7 +80,7 @@ class HairpinTest(RouterCase):
 
     # Promise: Without the chains `addressed`, `hairpin` and `srcnat` in `nat-ruleset.nft`
     # everything else works.
-    def test_an_administrator_can_leave_it_out(self):
+    def test_the_rest_works_without_the_hairpin_chains(self):
         ruleset = self.router.root / "etc" / "nat-ruleset.nft"
         text = ruleset.read_text()
         without = text[:text.index("\n\t# A host that reaches")] + "}\n"

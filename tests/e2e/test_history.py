@@ -46,7 +46,7 @@ class HistoryTest(RouterCase):
             return False
 
     # Also proves [history-entry].
-    def test_set_up_is_in_it_step_by_step(self):
+    def test_it_lists_the_steps_of_a_setup(self):
         self.assertEqual(self.history(), [CONFIG_CHANGED, *2 * ["upnp interface added"],
                                           CONFIG_CHANGED])
         for change in self.router.ask("history"):
@@ -58,7 +58,7 @@ class HistoryTest(RouterCase):
 
     # Promise: Settings, added, changed and removed interfaces are restored by an undo, including
     # their numbers.
-    def test_a_change_of_the_settings_is_taken_back(self):
+    def test_a_change_of_the_settings_is_undone(self):
         before = self.settings()
         self.assertTrue(self.lists_dummy_rule())
         self.router.lumenctl("upnp", "settings", "set", "show-dummy-rule=off",
@@ -74,7 +74,7 @@ class HistoryTest(RouterCase):
         return [[(d["interface"], d["setting"], d["before"], d["after"]) for d in change["changed"]]
                 for change in self.router.ask("history")]
 
-    def test_it_tells_what_an_undo_would_take_back(self):
+    def test_it_shows_what_an_undo_would_change(self):
         def added(name, role):
             return [(name, "role", "none", role), (name, "used", False, True)]
 
@@ -142,7 +142,7 @@ class HistoryTest(RouterCase):
         self.undo()
         self.assertEqual(self.objects(), [])
 
-    def test_an_added_interface_goes_again(self):
+    def test_an_added_interface_is_removed_again(self):
         self.router.lumenctl("upnp", "interface", "remove", WAN_LINK)
         before = self.interfaces()
         self.router.lumenctl("upnp", "interface", "add", WAN_LINK, "--role", "external")
@@ -172,7 +172,7 @@ class HistoryTest(RouterCase):
         self.assertFalse(self.lists_dummy_rule())
 
     # Also proves [history-size].
-    def test_it_outlives_lumend_however_that_ends(self):
+    def test_it_survives_every_end_of_lumend(self):
         before = self.settings()
         for end in (self.router.stop, self.router.kill):
             with self.subTest(end=end.__name__):

@@ -74,7 +74,7 @@ class LinkTest(RouterCase):
         self.lan[0].close_port(8080, "TCP", gateway=new)
         self.assertEqual(self.router.ports(), {})
 
-    def test_a_wan_side_that_loses_its_link_and_gets_it_back(self):
+    def test_a_wan_side_whose_link_returns_works_again(self):
         host = self.lan[0]
         host.open_port(8080, "TCP")
         self.wait_for_connection("Connected")
@@ -151,7 +151,7 @@ class LinkTest(RouterCase):
                       "is as often as a service may", lines)
 
     # Also proves [link-index].
-    def test_a_wan_link_that_is_deleted_and_made_again(self):
+    def test_a_wan_link_that_is_deleted_and_created_again_works_again(self):
         host = self.lan[0]
         host.open_port(8080, "TCP")
         number = {i["name"]: i["id"] for i in self.router.ask("interface", "list")}[WAN_LINK]

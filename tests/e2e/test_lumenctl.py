@@ -75,7 +75,7 @@ class LumenctlTest(RouterCase):
         self.assertEqual(list(self.router.ports()), ["8080/tcp"])
         self.assertEqual(self.router.log().count("start ext"), before)
 
-    def test_set_up_takes_the_gateway_from_interfaces_that_are_not_named(self):
+    def test_set_up_removes_interfaces_that_it_does_not_name(self):
         self.router.lumenctl("upnp", "setup", "--internal", WAN_LINK, "--external", LAN_BRIDGE)
         uses = {i["name"]: i["role"] for i in self.router.status()["interfaces"]}
         self.assertEqual(uses, {WAN_LINK: "internal", LAN_BRIDGE: "external"})
@@ -168,7 +168,7 @@ class LumenctlTest(RouterCase):
                 self.assertEqual(self.refused(*arguments)[0], status)
                 self.assertIn(said, self.refused(*arguments)[1])
 
-    def test_it_says_that_nobody_answers(self):
+    def test_it_reports_that_the_platform_does_not_answer(self):
         self.router.stop()
         status, said = self.refused("status")
         self.assertEqual(status, 1)
@@ -178,7 +178,7 @@ class LumenctlTest(RouterCase):
         self.assertIn("Connection refused", self.refused("status")[1])
 
     # Also proves [ctl-output].
-    def test_it_says_that_its_answer_cannot_be_written(self):
+    def test_it_reports_that_its_answer_cannot_be_written(self):
         with open("/dev/full", "wb") as full:
             done = subprocess.run([PROGRAMS / "lumenctl", "--root", self.router.root, "status"],
                                   stdout=full, stderr=subprocess.PIPE, timeout=30, check=False)
@@ -186,7 +186,7 @@ class LumenctlTest(RouterCase):
                          (1, b"lumenctl: standard output cannot be written\n"))
 
     # Also proves [identity-stays].
-    def test_the_identity_stays_and_tells_routers_apart(self):
+    def test_the_identity_stays_and_differs_between_routers(self):
         identity = self.router.lumenctl("identity")
         self.router.stop()
         self.router.start()

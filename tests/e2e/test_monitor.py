@@ -41,7 +41,7 @@ class MonitorTest(RouterCase):
         """The exit status and what was said on standard error."""
         return process.wait(timeout=10), self.said.read_text()
 
-    def test_a_control_points_request_is_seen_all_the_way(self):
+    def test_a_control_points_request_is_shown_at_every_step(self):
         self.monitor("--json")
         host = self.lan[0]
         host.open_port(8080, "TCP", 80)
@@ -109,7 +109,7 @@ class MonitorTest(RouterCase):
 
     # Promise [ctl-monitor-output]: `monitor` ends when its reader ends, with 1 when its lines
     # cannot be written.
-    def test_it_ends_when_nobody_reads_it(self):
+    def test_it_ends_when_its_reader_does(self):
         process = self.popen(subprocess.PIPE)
 
         def shows():
@@ -124,7 +124,7 @@ class MonitorTest(RouterCase):
         self.assertEqual(process.stderr.read(), b"")
 
     # Also proves [ctl-output], [ctl-monitor-output].
-    def test_it_says_that_its_lines_cannot_be_written(self):
+    def test_it_reports_that_its_lines_cannot_be_written(self):
         with open("/dev/full", "wb") as full:
             process = self.popen(full)
 

@@ -48,14 +48,14 @@ class NameTest(RouterCase):
         self.assertEqual(self.resolver()["state"], "running")
 
     # Also proves [resolver-failed].
-    def test_a_name_that_nobody_has_is_refused(self):
+    def test_an_unknown_name_is_refused(self):
         self.assertEqual(self.ask("nowhere.lan")[0], 412)
         self.assertEqual(self.ask("nowhere.lan")[0], 412)
         self.assertEqual(self.server.asked, ["nowhere.lan"])
         self.assertIn("resolving failed: no such host", self.router.log())
 
     # Also proves [resolver-names].
-    def test_what_is_no_name_is_refused_without_asking_anybody(self):
+    def test_an_invalid_name_is_refused_without_a_query(self):
         for name in ("a b", "-x", "a..b", "x" * 64, "b\u00fccher", "255.255.255.255"):
             with self.subTest(name=name):
                 self.assertEqual(self.ask(name)[0], 412)
@@ -64,7 +64,7 @@ class NameTest(RouterCase):
     # Promise [subscribe-name-failed]: A name server that never answers costs a host that subscribes
     # by name a second once, and nothing for the minute after it.
     # Also proves [resolver-wait], [resolver-budget].
-    def test_a_silent_name_server_costs_a_second_once_and_then_nothing(self):
+    def test_a_silent_name_server_costs_a_second_only_once(self):
         self.server.hosts["player.lan"] = self.lan[1].address
         self.server.silent.add("silent.lan")
         self.assertEqual(self.ask("player.lan")[0], 200)  # the resolver has started

@@ -58,7 +58,7 @@ class PortTest(RouterCase):
         self.assertEqual(self.router.ports(), {})
         self.assertNotIn("192.168.88.10", self.router.kernel_map())
 
-    def test_a_flow_that_began_before_its_port_was_opened_gets_through(self):
+    def test_a_flow_that_began_before_its_port_was_opened_is_forwarded(self):
         client = self.wan_udp(5060)
         self.assertTrue(udp_refused(client, self.lan[0], 5060))
         self.lan[0].open_port(5060, "UDP")

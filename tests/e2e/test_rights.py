@@ -118,7 +118,7 @@ class AdministratorsTest(RouterCase):
                          (0, "8080/tcp: closed\n", ""))
 
     # Also proves [rights-others].
-    def test_everybody_else_is_refused(self):
+    def test_every_other_user_is_refused(self):
         # Neither root's group nor the number of a service's user is worth anything.
         for group, groups in ((NOBODY, []), (0, [0]), (SERVICE_USER, [SERVICE_USER])):
             with self.subTest(group=group, groups=groups):

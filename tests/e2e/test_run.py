@@ -11,7 +11,7 @@ from support.router_case import RouterCase
 class RunTest(RouterCase):
     SET_UP = False
 
-    def test_it_says_that_lumend_ended_and_where_the_reason_stands(self):
+    def test_it_reports_that_lumend_ended_and_where_the_reason_is(self):
         """Another lumend runs in this network namespace."""
         command = ("python3", "-B", str(TOP / "scripts" / "demo.py"), "--internal", LAN_BRIDGE,
                    "--external", WAN_LINK)

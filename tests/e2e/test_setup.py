@@ -39,13 +39,13 @@ class SetupTest(RouterCase):
         self.assertEqual(self.router.status()["interfaces"], [])
 
     # Also proves [ctl-ask].
-    def test_somebody_at_a_terminal_agrees(self):
+    def test_the_user_of_a_terminal_agrees(self):
         self.assertEqual(self.at_terminal("y\n"), (0, f"{PROPOSAL}{QUESTION}y\n{DONE}"))
         self.router.wait_until_controllable()
         self.lan[0].open_port(8080, "TCP")
 
     # Also proves [ctl-ask].
-    def test_somebody_at_a_terminal_does_not_agree(self):
+    def test_the_user_of_a_terminal_does_not_agree(self):
         for answer in ("n\n", "\n"):
             with self.subTest(answer=answer):
                 self.assertEqual(
@@ -60,7 +60,7 @@ class SetupTest(RouterCase):
         self.assert_not_set_up()
 
     # Also proves [ctl-yes].
-    def test_nobody_is_asked_without_a_terminal(self):
+    def test_it_asks_nothing_without_a_terminal(self):
         line = (f"lumenctl --root {self.router.root} upnp setup --internal br-lan --external wan0")
         self.assertEqual(
             run_inside(self.router, "upnp", "setup"),
@@ -70,7 +70,7 @@ class SetupTest(RouterCase):
         self.assertEqual(run_inside(self.router, *line.split()[3:]), (0, DONE, ""))
 
     # Also proves [ctl-yes].
-    def test_a_command_that_says_yes_is_asked_nothing(self):
+    def test_it_asks_nothing_when_the_command_says_yes(self):
         self.assertEqual(run_inside(self.router, "upnp", "setup", "--yes"),
                          (0, PROPOSAL + DONE, ""))
 
@@ -101,7 +101,7 @@ class SetupTest(RouterCase):
                 self.assertEqual(self.router.ask("upnp", "settings")["allow-disable-external"],
                                  setting == "on")
 
-    def test_the_rest_of_what_was_said_is_proposed(self):
+    def test_it_proposes_what_the_command_does_not_name(self):
         status, shown = self.at_terminal("y\n", "--internal", "lan0")
         self.assertEqual(status, 0)
         self.assertIn("lan0       internal  as given\n"

@@ -14,7 +14,7 @@ class SoakTest(RouterCase):
     # Promise [no-leak]: After traffic of every kind, good and bad, the gateway, lumend and the
     # resolver are the same processes, with as many descriptors and as much allocated memory as
     # before it.
-    def test_a_router_needs_after_a_minute_of_traffic_what_it_needed_before(self):
+    def test_a_minute_of_traffic_leaks_nothing(self):
         print(f"PALINODE_SEED={SEED}")
         with Soak(self.router, SEED) as soak:
             soak.warm_up(WARM_UP)

@@ -52,7 +52,7 @@ class WatchTest(TerminalCase):
         self.assertEqual(terminal.settings(), terminal.before)
 
     # Also proves [ctl-watch].
-    def test_it_draws_in_place_what_happens(self):
+    def test_it_updates_the_screen_in_place(self):
         terminal = self.watch()
         terminal.see(HOME + r".*wan0 .*No port is open\.\x1b\[K\x1b\[J")
         self.lan[0].open_port(8080, "TCP")
@@ -79,7 +79,7 @@ class WatchTest(TerminalCase):
 
         self.wait_until(is_seen, "traffic is seen", limit=30.0)
 
-    def test_it_is_ascii_where_the_locale_is(self):
+    def test_it_uses_ascii_where_the_locale_does(self):
         terminal = self.watch(LC_ALL="C")
         terminal.see("(" + HOME + ".*){3}")
         self.assertTrue(terminal.shown.isascii())
@@ -155,7 +155,7 @@ class WatchTest(TerminalCase):
         self.assertRegex(terminal.shown, r"1049llumenctl: .+\r\n(lumend --root .+\r\n)?$")
 
     # Also proves [ctl-watch-plain].
-    def test_elsewhere_it_prints_one_status_below_the_other(self):
+    def test_without_a_terminal_it_prints_one_status_after_another(self):
         command = [PROGRAMS / "lumenctl", "--root", self.router.root, "status", "--watch"]
         with subprocess.Popen(command, stdout=subprocess.PIPE, text=True) as plain:
             lines = [plain.stdout.readline() for _ in range(12)]
@@ -171,7 +171,7 @@ class WatchTest(TerminalCase):
             self.assertIn(program.wait(timeout=30), (0, 1))
 
     # Also proves [ctl-watch-lost].
-    def test_a_platform_that_is_not_there_is_said_on_this_screen(self):
+    def test_a_missing_platform_is_reported_on_the_normal_screen(self):
         self.router.stop()
         terminal = self.at_terminal("status", "--watch")
         self.assertEqual(terminal.end(), 1)

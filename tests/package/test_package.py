@@ -148,7 +148,7 @@ class InstallationTest(unittest.TestCase):
         self.assertLess(float(exposure.group(1)), 3.0)
 
     # Promise: The unit has nothing that `systemd-analyze verify` complains about.
-    def test_systemd_has_nothing_to_say_about_the_unit(self):
+    def test_systemd_finds_nothing_wrong_with_the_unit(self):
         self.install()
         self.assertEqual(self.machine.run("systemd-analyze", "verify", "--man=no",
                                           "lumend.service"), "")

@@ -97,7 +97,7 @@ class SourceInstallationTest(unittest.TestCase):
 class StoreOwnerTest(unittest.TestCase):
     # Promise [source-stores]: An installation that cannot give the stores to the gateway's user
     # prints the command that does, to be pasted into a shell.
-    def test_what_is_left_to_do_without_the_user_can_be_pasted_into_a_shell(self):
+    def test_the_remaining_steps_without_the_user_can_be_pasted_into_a_shell(self):
         with tempfile.TemporaryDirectory(prefix="palinode-chown-") as folder:
             # In place of the real one: it is called, and fails.
             chown = pathlib.Path(folder) / "chown"

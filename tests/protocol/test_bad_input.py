@@ -18,7 +18,7 @@ class BadInput(GatewayCase):
 
     # Promise: Datagrams of noise and mutilated searches change nothing: the next search is
     # answered.
-    def test_datagrams(self):
+    def test_mutilated_searches_change_nothing(self):
         group = ("239.255.255.250", 1900)
         with self.lan.namespace.socket(socket.SOCK_DGRAM) as sender:
             sender.bind((self.lan.address, 0))
@@ -30,7 +30,7 @@ class BadInput(GatewayCase):
                     self.lan.search("upnp:rootdevice")  # the socket's buffer is not the subject
         self.assert_serves()
 
-    def test_datagrams_of_noise(self):
+    def test_datagrams_of_noise_change_nothing(self):
         choose = random.Random(2)
         for size in (1, 2, 3, 10, 100, 1472, 4096, 4097, 60000):
             self.lan.send_search(choose.randbytes(size)).close()
@@ -48,7 +48,7 @@ class BadInput(GatewayCase):
 
     # Promise: SUBSCRIBE requests that are cut, changed or made of random bytes are refused or
     # dropped, and the next good request is answered.
-    def test_requests(self):
+    def test_mutilated_requests_change_nothing(self):
         good = (b"SUBSCRIBE /upnp/event/osinfo HTTP/1.1\r\nHost: 192.168.88.1:2828\r\n"
                 b"Accept-Language: en\r\nContent-Length: 4\r\n\r\nbody")
         for data in mutations(good, 150, 3):
@@ -57,7 +57,7 @@ class BadInput(GatewayCase):
                 self.assertRegex(reply, rb"^HTTP/1\.1 (400|404|412|501) ", data)
         self.assert_serves()
 
-    def test_control_requests(self):
+    def test_mutilated_control_requests_are_answered(self):
         body = soap_envelope("AddPortMapping", mapping(), IP_CONNECTION).encode()
         head = (f"POST {CONTROL} HTTP/1.1\r\nHOST: 192.168.88.1:2828\r\nCONTENT-TYPE: text/xml\r\n"
                 f'SOAPACTION: "{IP_CONNECTION}#AddPortMapping"\r\n').encode()
@@ -69,7 +69,7 @@ class BadInput(GatewayCase):
         self.assert_serves()
 
     # Also proves [xml-entities], [xml-entities-400].
-    def test_documents_that_expand(self):
+    def test_documents_that_expand_cost_little_time(self):
         entities = '<!ENTITY a0 "lol">' + "".join(
             f'<!ENTITY a{n} "{f"&a{n - 1};" * 10}">' for n in range(1, 10))
         bomb = f"<!DOCTYPE x [{entities}]>" + soap_envelope(
@@ -85,7 +85,7 @@ class BadInput(GatewayCase):
         self.assert_serves()
 
     # Promise: Platform messages that make no sense change nothing and end nothing.
-    def test_messages_that_say_nothing_useful(self):
+    def test_meaningless_platform_messages_change_nothing(self):
         records = [{}, {lm.OBJECT_ID: 0}, {lm.OBJECT_ID: lm.NONE, 0x08000002: 9},
                    {0x20000001: "x" * 1000, 0x90000005: [1] * 100}]
         for command in (lm.CMD_ADD, lm.CMD_SET, lm.CMD_REMOVE, lm.CMD_READ, lm.CMD_READ_ALL,
@@ -102,14 +102,14 @@ class BadInput(GatewayCase):
         self.assert_serves()
 
     # Promise: A message that is nested as deep as messages may be is answered.
-    def test_a_message_that_is_nested_as_deep_as_it_may_be(self):
+    def test_a_message_of_the_greatest_depth_is_answered(self):
         fields = {}
         for _ in range(lm.MAX_NESTING):
             fields = {0x28000007: fields}
         self.assertTrue(self.platform.request(lm.CMD_GET_SETTINGS, fields)[ENABLED])
         self.assert_serves()
 
-    def test_objects_of_no_known_type(self):
+    def test_objects_of_unknown_types_start_nothing(self):
         for kind in (0, 3, lm.NONE):
             self.platform.request(lm.CMD_SET, {lm.OBJECT_ID: 2, 0x08000002: kind})
             self.platform.request(lm.CMD_SET, {lm.OBJECT_ID: 2, 0x08000002: kind,

@@ -93,7 +93,7 @@ class PortMappings(ControlCase):
         self.assertEqual(self.rules(), [(lm.CMD_ADD, add_rule(8080, 6, HOST, 80))])
 
     # Also proves [rule-fields], [mapping-enabled].
-    def test_a_udp_mapping_that_is_not_enabled(self):
+    def test_a_udp_mapping_that_is_not_enabled_has_a_disabled_rule(self):
         self.open_port(port="53", protocol="UDP", internal="5353", enabled="0")
         self.assertEqual(self.rules(),
                          [(lm.CMD_ADD, add_rule(53, 17, HOST, 5353, disabled=True))])
@@ -124,7 +124,7 @@ class PortMappings(ControlCase):
                          fault(714, "NoSuchEntryInArray"))
 
     # Also proves [mapping-order], [mapping-dummy], [fault-713].
-    def test_mappings_are_listed_behind_the_dummy(self):
+    def test_mappings_are_listed_after_the_dummy(self):
         self.open_port(protocol="UDP")
         self.open_port()
         names = ("NewRemoteHost", "NewExternalPort", "NewProtocol", "NewInternalPort",
@@ -207,7 +207,7 @@ class PortMappings(ControlCase):
         self.add_object(WAN, EXTERNAL)
         self.assertEqual(self.entry(1), fault(713, "SpecifiedArrayIndexInvalid"))
 
-    def test_a_cleanup_that_fails_goes_on(self):
+    def test_the_cleanup_goes_on_when_a_removal_fails(self):
         self.open_port(port="8080")
         self.open_port(port="8081")
         self.platform.answer(NAT_RULES, lm.CMD_REMOVE, lambda _: error("no"))
@@ -268,7 +268,7 @@ class Connection(ControlCase):
                              [[(0x08FE0001, WAN), (0x08FE000C, 256)]])
 
     # Also proves [common-refused].
-    def test_counters_that_cannot_be_had_are_zero(self):
+    def test_counters_that_the_platform_refuses_are_zero(self):
         self.platform.answer(INTERFACES, lm.CMD_READ, lambda _: error("no such object"))
         self.assertEqual(self.invoke("GetTotalBytesSent", (), LINK_CONTROL, LINK),
                          result("GetTotalBytesSent", ("NewTotalBytesSent", 0), service=LINK))
@@ -284,7 +284,7 @@ class Connection(ControlCase):
 
     # Promise: The link stays described as it was when the service started: `Up`, with the access
     # type of then.
-    def test_the_link_stays_described_as_it_was_at_its_start(self):
+    def test_the_description_of_the_link_does_not_change_after_its_start(self):
         before = self.invoke("GetCommonLinkProperties", (), LINK_CONTROL, LINK)
         self.notify_interface(interface(WAN, "wan0", kind=512))
         self.notify_states(interface(WAN, "wan0", running=False))
@@ -318,7 +318,7 @@ class Requests(ControlCase):
 
     # Also proves [soap-type], [soap-xml], [soap-envelope], [soap-encoding], [soap-body],
     # [soap-action], [soap-bare-400], [soap-element], [xml-depth-400].
-    def test_what_is_no_soap_request_is_a_bad_request(self):
+    def test_a_post_that_is_no_soap_request_is_a_bad_request(self):
         good = soap_envelope("GetExternalIPAddress", (), IP_CONNECTION)
         deep = "<a>" * 100 + "</a>" * 100
         for reason, body, fields, line in (

@@ -52,7 +52,7 @@ class Adverts(GatewayCase):
         self.hear_nothing_more()
 
     # Also proves [goodbye-rules], [goodbye-end].
-    def test_the_end_takes_every_target_back_once(self):
+    def test_the_end_withdraws_every_target_once(self):
         self.serve()
         self.hear([alive(*entry) for entry in all_targets()])
         self.daemon.terminate()
@@ -76,7 +76,7 @@ class Adverts(GatewayCase):
 
     # Promise [goodbye-address]: A LAN interface whose address changes says goodbye with everything
     # and announces everything again with the new address in LOCATION.
-    def test_a_new_address_takes_the_old_one_back(self):
+    def test_a_new_address_withdraws_the_old_one(self):
         self.serve(wan=False)
         self.hear([alive(*entry) for entry in root_targets()])
         self.router.ip("addr", "add", "192.168.88.2/24", "dev", "lan0")
@@ -88,7 +88,7 @@ class Adverts(GatewayCase):
     # Promise: A LAN interface that loses its last address says goodbye and refuses connections
     # until it has one again.
     # Also proves [address-last], [goodbye].
-    def test_an_address_that_goes_stops_the_lan_side(self):
+    def test_the_lan_side_stops_when_its_address_goes(self):
         self.serve(wan=False)
         self.hear([alive(*entry) for entry in root_targets()])
         self.notify_addresses(address(LAN_ADDRESS_ID, LAN, GATEWAY, disabled=True))
@@ -98,7 +98,7 @@ class Adverts(GatewayCase):
 
     # Promise [advert-address]: Each LAN hears the address of the interface that it is on, and
     # nothing of the other LANs.
-    def test_each_lan_hears_of_its_own_address(self):
+    def test_each_lan_gets_only_its_own_address(self):
         other = self.join_lan("lan1", "192.168.99.1", "192.168.99.10")
         group = other.hear_adverts()
         self.addCleanup(group.close)
@@ -122,7 +122,7 @@ class Searches(GatewayCase):
         self.assertEqual([reply.raw for reply in replies],
                          [found(*entry) for entry in all_targets()])
 
-    def test_a_search_gets_what_it_asks_for(self):
+    def test_a_search_gets_the_target_that_it_names(self):
         self.serve()
         for target, usn in all_targets():
             with self.subTest(target=target):
@@ -140,7 +140,7 @@ class Searches(GatewayCase):
         self.assertEqual([reply.raw for reply in self.lan.search(kind)],
                          [found(*entry) for entry in expected])
 
-    def test_a_wan_that_was_withdrawn_is_found_until_the_targets_are_made_anew(self):
+    def test_a_wan_that_was_withdrawn_is_found_until_the_targets_are_rebuilt(self):
         self.platform.interfaces[7] = interface(7, "wan1")
         self.serve()
         wan = f"uuid:UUID-KESTRAVA-WAN-DEVICE-TEST-{WAN}"
@@ -150,7 +150,7 @@ class Searches(GatewayCase):
         self.assertEqual(self.lan.search(wan), [])
 
     # Also proves [search-target], [search-line], [search-host], [search-man], [search-required].
-    def test_what_is_no_search_is_ignored(self):
+    def test_a_datagram_that_is_no_search_is_ignored(self):
         self.serve()
         good = search_request("ssdp:all").decode()
         for reason, datagram in (
@@ -176,7 +176,7 @@ class Searches(GatewayCase):
         self.assert_serves()
 
     # Also proves [search-mx].
-    def test_a_search_need_not_be_tidy(self):
+    def test_a_search_may_be_written_loosely(self):
         self.serve()
         good = search_request("upnp:rootdevice").decode()
         for reason, datagram in (

@@ -31,7 +31,7 @@ class Contents(EventCase):
                          notify(subscriber, 0, OSBuildNumber="1234", OSMachineName="ap",
                                 OSMajorVersion="2", OSMinorVersion="9"))
 
-    def test_a_subscriber_is_told_of_a_new_address(self):
+    def test_a_subscriber_is_notified_of_a_new_address(self):
         subscriber = self.informed()
         self.change_address("45.45.45.9")
         self.assertEqual(subscriber.event().raw,
@@ -42,7 +42,7 @@ class Contents(EventCase):
                          notify(subscriber, 2, ExternalIPAddress="45.45.45.10"))
 
     # Promise: Subscribers are notified of a change of the connection's status.
-    def test_a_subscriber_is_told_of_the_state_of_the_wan(self):
+    def test_a_subscriber_is_notified_of_the_state_of_the_wan(self):
         subscriber = self.informed()
         for seq, (disabled, running, status) in enumerate(((True, False, "Disconnected"),
                                                            (False, False, "Connecting"),
@@ -51,7 +51,7 @@ class Contents(EventCase):
             self.assertEqual(subscriber.event().raw,
                              notify(subscriber, seq, ConnectionStatus=status))
 
-    def test_a_subscriber_is_told_what_a_control_point_does_with_the_wan(self):
+    def test_a_subscriber_is_notified_when_a_control_point_switches_the_wan(self):
         subscriber = self.informed()
         for seq, (action, status) in enumerate((("ForceTermination", "Disconnected"),
                                                 ("RequestConnection", "Connecting")), 1):
@@ -60,7 +60,7 @@ class Contents(EventCase):
                              notify(subscriber, seq, ConnectionStatus=status))
 
     # Promise: Subscribers are notified of a change of PortMappingNumberOfEntries.
-    def test_a_subscriber_is_told_the_number_of_mappings(self):
+    def test_a_subscriber_is_notified_of_the_number_of_mappings(self):
         subscriber = self.informed()
         self.open_port(8080)
         self.assertEqual(subscriber.event().raw,
@@ -74,7 +74,7 @@ class Contents(EventCase):
         self.assertEqual(subscriber.event().properties, {"PortMappingNumberOfEntries": "1"})
 
     # Also proves [event-initial].
-    def test_who_subscribes_later_learns_the_state_of_then(self):
+    def test_a_later_subscriber_gets_the_state_at_that_time(self):
         self.change_address("45.45.45.9")
         self.open_port(8080)
         subscriber = self.subscriber()
@@ -83,7 +83,7 @@ class Contents(EventCase):
             **INITIAL, "ExternalIPAddress": "45.45.45.9", "PortMappingNumberOfEntries": "2"}))
 
     # Also proves [event-change].
-    def test_a_service_tells_its_own_subscribers_only(self):
+    def test_a_service_notifies_only_its_own_subscribers(self):
         self.informed(1, OS_INFO)
         others = [self.informed(2, OS_INFO), self.informed(3, LINK)]
         subscriber = self.informed()

@@ -174,7 +174,7 @@ class Documents(GatewayCase):
             self.assertEqual(undated(lan.exchange(b"GET /gateway.xml HTTP/1.1\r\n\r\n")),
                              document(content))
 
-    def test_a_request_that_names_a_language_is_told_ours(self):
+    def test_a_request_that_names_a_language_gets_ours_named(self):
         self.serve()
         self.assertEqual(
             self.exchange("GET /gateway.xml HTTP/1.1\r\nAccept-Language: de\r\n\r\n"),
@@ -298,14 +298,14 @@ class Clients(GatewayCase):
                 client.send(bytes([byte]))
             self.assertEqual(Text(read_to_end(client)).status, 200)
 
-    def test_of_two_requests_in_one_segment_the_first_is_answered(self):
+    def test_only_the_first_of_two_requests_in_one_segment_is_answered(self):
         self.serve()
         # The second one is a body to a request without a length.
         reply = Text(self.lan.exchange(self.REQUEST + b"HEAD / HTTP/1.1\r\n\r\n"))
         self.assertEqual(reply.status, 200)
         self.assertEqual(len(reply.body), int(reply["CONTENT-LENGTH"]))
 
-    def test_a_client_that_closes_is_forgotten_without_a_word(self):
+    def test_a_client_that_closes_is_forgotten_silently(self):
         self.serve()
         since = self.log_mark()
         for sent in (b"", b"GET /gateway.xml"):
@@ -339,7 +339,7 @@ class Clients(GatewayCase):
         self.assert_logged(since, *["http request timeout"] * 5)
 
     # Promise [request-time-fixed]: Bytes that arrive do not extend the ten seconds.
-    def test_time_runs_from_the_connection_and_is_not_extended(self):
+    def test_the_time_limit_runs_from_the_connection_and_is_not_extended(self):
         self.serve()
         started = time.monotonic()
         with self.lan.connect(limit=15) as client:
@@ -387,7 +387,7 @@ class Clients(GatewayCase):
         self.assert_serves()
         self.assert_logged(since)
 
-    def test_64_kib_byte_by_byte_cost_little(self):
+    def test_64_kib_byte_by_byte_cost_little_time(self):
         self.serve()
         before = self.daemon.processor_time()
         with self.lan.connect(limit=20) as client:
@@ -399,7 +399,7 @@ class Clients(GatewayCase):
         # Parsing it all again after each read would take minutes.
         self.assertLess(self.daemon.processor_time() - before, 20.0)
 
-    def test_a_client_that_does_not_read_holds_nobody_up(self):
+    def test_a_client_that_does_not_read_delays_no_other(self):
         self.serve()
         with open(f"{self.folder}/etc/upnp/osinfo.xml", "wb") as file:
             file.write(b"x" * 16384)
@@ -412,7 +412,7 @@ class Clients(GatewayCase):
         self.assertEqual(len(self.lan.search("upnp:rootdevice")), 1)
         self.assertLess(time.monotonic() - started, 3.0)
 
-    def test_a_client_that_resets_costs_only_itself(self):
+    def test_a_client_that_resets_disturbs_no_other(self):
         self.serve()
         for _ in range(5):
             client = self.lan.connect()
@@ -433,7 +433,7 @@ class Clients(GatewayCase):
             client.close()
 
     # Also proves [device-bound].
-    def test_the_server_listens_on_the_lan_only(self):
+    def test_the_server_listens_only_on_the_lan(self):
         other = self.join_lan("lan1", "192.168.99.1", "192.168.99.10")
         self.serve()
         with self.assertRaises(ConnectionRefusedError):

@@ -59,7 +59,7 @@ class Start(GatewayCase):
 
     # Promise [broken-record]: A saved record that cannot be decoded is kept as `NAME.broken`, which
     # is logged, and does not stop the start.
-    def test_a_record_that_does_not_decode_stops_nobody(self):
+    def test_a_record_that_does_not_decode_does_not_stop_the_start(self):
         self.serve()
         self.daemon.terminate()
         self.daemon.wait()
@@ -91,14 +91,14 @@ class Start(GatewayCase):
 
 class Settings(GatewayCase):
     # Also proves [switch-off].
-    def test_switching_on_keeps_the_daemon_and_switching_off_lets_it_go(self):
+    def test_the_daemon_stays_when_switched_on_and_leaves_when_switched_off(self):
         self.serve()
         self.set_settings(enabled=False)
         self.assertEqual(self.daemon.wait(), 0)
         self.assertEqual(self.daemon.log()[-5:], FAREWELL)
 
     # Also proves [commands].
-    def test_a_write_is_told_and_can_be_taken_back(self):
+    def test_a_write_is_notified_and_can_be_undone(self):
         self.serve()
         self.set_settings(enabled=True, allow_disable=False, show_dummy=False)
         undo = self.platform.wait_for(lambda: self.platform.requests(HISTORY))
@@ -112,7 +112,7 @@ class Settings(GatewayCase):
         self.assertEqual(self.platform.request(lm.CMD_GET_SETTINGS),
                          {ENABLED: True, ALLOW_DISABLE: False, SHOW_DUMMY: False})
 
-    def test_a_part_is_a_write_too(self):
+    def test_a_write_of_one_setting_keeps_the_others(self):
         self.serve()
         self.set_settings(show_dummy=False)
         self.assertEqual(self.platform.request(lm.CMD_GET_SETTINGS),
@@ -167,7 +167,7 @@ class Objects(GatewayCase):
     # interface added`, `upnp interface changed`, `upnp interface removed`.
     # Promise: The texts of changes to the gateway's interfaces are `upnp interface added`, `upnp
     # interface changed`, `upnp interface removed`.
-    def test_changes_can_be_taken_back(self):
+    def test_changes_can_be_undone(self):
         self.serve(wan=False)
         self.add_object(WAN, EXTERNAL)
         self.platform.request(lm.CMD_SET, {lm.OBJECT_ID: 2, lm.DISABLED: True})
@@ -184,7 +184,7 @@ class Objects(GatewayCase):
             self.assertIsNone(self.platform.request(command, inverse).error())
         self.assertEqual(len(self.platform.request(lm.CMD_READ_ALL)[lm.RECORDS]), 1)
 
-    def test_a_strange_command_is_refused(self):
+    def test_an_unknown_command_is_refused(self):
         self.serve()
         self.assertEqual(self.platform.request(0x4711).error(), "unknown command")
         self.assert_serves()
@@ -197,7 +197,7 @@ class End(GatewayCase):
         self.assertEqual(self.daemon.wait(), 0)
         self.assertEqual(self.daemon.log()[-5:], FAREWELL)
 
-    def test_it_leaves_when_the_platform_talks_nonsense(self):
+    def test_it_leaves_when_the_platform_sends_garbage(self):
         self.serve()
         self.platform.send_raw(b"\x00\xff\x00\x04\x02")
         self.assertEqual(self.daemon.wait(), 0)

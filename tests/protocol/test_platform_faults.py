@@ -53,7 +53,7 @@ class SilentPlatform(ControlCase):
     # Promise: A reply that comes after its time is dropped, and not taken for that of the next
     # request.
     # Also proves [mapping-timeout], [exchange-late].
-    def test_a_rule_that_comes_too_late_is_not_the_next_ones(self):
+    def test_a_late_reply_is_not_taken_for_that_of_the_next_request(self):
         silent = SilentOnce(self.platform, NAT_RULES, lm.CMD_ADD, {lm.OBJECT_ID: 666},
                             {lm.OBJECT_ID: 102})
         self.assertEqual(self.invoke("AddPortMapping", mapping(port="8080")),
@@ -99,7 +99,7 @@ class SilentPlatform(ControlCase):
 
     # Promise: States that are not told within their limit stay as they were, and an answer that
     # comes after it is not taken for the next one's.
-    def test_states_that_are_not_told_stay_as_they_were(self):
+    def test_states_that_are_not_answered_in_time_stay_as_they_were(self):
         silent = SilentOnce(self.platform, INTERFACES, lm.CMD_READ_ALL,
                             {lm.RECORDS: [interface(WAN, "wan0", disabled=True)]},
                             {lm.RECORDS: [interface(WAN, "wan0", running=False)]})
@@ -152,7 +152,7 @@ class StrayReplies(ControlCase):
     # Promise: Replies to no pending request are dropped without a line in the log: of an unknown
     # serial, without one, or a second one to the same request.
     # Promise: A reply under a serial that no exchange waits for is dropped.
-    def test_replies_that_nobody_waits_for_are_dropped(self):
+    def test_replies_to_no_pending_request_are_dropped(self):
         self.platform.reply(4711, error("never"))
 
         def surrounded(request):
@@ -212,7 +212,7 @@ class MissingFields(ControlCase):
                              result(action, (f"New{action[3:]}", value), service=LINK))
 
     # Promise: A record whose fields are missing stands for what is known, or for 0 and nothing.
-    def test_records_with_fields_that_are_missing(self):
+    def test_missing_fields_of_records_mean_what_is_known_or_zero(self):
         since = self.log_mark()
         wan_state = interface(WAN, "wan0", running=False)
         self.notify_states({lm.OBJECT_ID: WAN}, wan_state, {lm.OBJECT_ID: LAN})
@@ -257,7 +257,7 @@ class Tables(GatewayCase):
 
     # Promise: When a table is refused or has no records, the notifications that follow supply its
     # contents.
-    def test_tables_that_are_refused_are_made_up_for_by_notifications(self):
+    def test_notifications_supply_what_a_refused_table_lacks(self):
         tables = ((INTERFACES, lm.CMD_LIST, "device::CMD_GETDEVS failed: not now"),
                   (INTERFACES, lm.CMD_READ_ALL, "device::CMD_GETALL failed: not yet"),
                   (ADDRESSES, lm.CMD_READ_ALL, "device::CMD_GETALL failed: too early"))
@@ -271,7 +271,7 @@ class Tables(GatewayCase):
         self.tell_everything()
         self.assert_complete()
 
-    def test_tables_without_records_are_made_up_for_by_notifications(self):
+    def test_notifications_supply_what_an_empty_table_lacks(self):
         for path, command in ((INTERFACES, lm.CMD_LIST), (INTERFACES, lm.CMD_READ_ALL),
                               (ADDRESSES, lm.CMD_READ_ALL)):
             self.platform.answer(path, command, lambda _: {})
@@ -282,7 +282,7 @@ class Tables(GatewayCase):
         self.log_mark()
         self.assertNotIn("device::CMD_GETALL failed: ", " ".join(self.daemon.log()))
 
-    def test_pages_that_never_end_are_read_until_their_cursor_falls_back(self):
+    def test_endless_pages_are_read_until_their_cursor_falls_back(self):
         tables = ((INTERFACES, lm.CMD_LIST, self.platform.interfaces, "CMD_GETDEVS"),
                   (INTERFACES, lm.CMD_READ_ALL, self.platform.interfaces, "CMD_GETALL"),
                   (ADDRESSES, lm.CMD_READ_ALL, self.platform.addresses, "CMD_GETALL"))
@@ -320,7 +320,7 @@ class DyingPlatform(ControlCase):
 
     # Promise: A LAN host whose request the platform dies in has its answer before the daemon
     # leaves.
-    def test_a_lan_host_whose_request_it_dies_in_has_its_answer(self):
+    def test_a_lan_host_gets_its_answer_when_the_platform_dies_meanwhile(self):
         self.platform.answer(NAT_RULES, lm.CMD_ADD, lambda _: self.platform.hang_up())
         self.assertEqual(self.invoke("AddPortMapping", mapping()), fault(501, "Action Failed"))
         self.daemon.wait_for_line("add nat failed: connection ended")
@@ -328,7 +328,7 @@ class DyingPlatform(ControlCase):
 
     # Promise [platform-back]: A platform that comes back finds the gateway as it was configured,
     # without a port that was open in its last life.
-    def test_one_that_comes_back_finds_the_gateway_as_it_was_configured(self):
+    def test_a_platform_that_comes_back_finds_the_gateway_as_it_was_configured(self):
         self.open_port()
         self.platform.close()
         self.assert_left("on cleanup remove nat failed: connection ended")
@@ -342,7 +342,7 @@ class DyingPlatform(ControlCase):
         self.assert_serves()
 
     # Promise: A platform that dies during the start ends the daemon in order.
-    def test_one_that_dies_at_the_start_of_the_daemon_ends_it(self):
+    def test_a_platform_that_dies_during_the_start_ends_the_daemon(self):
         self.daemon.terminate()
         self.assertEqual(self.daemon.wait(), 0)
         self.platform.answer(IDENTITY, lm.CMD_GET_SETTINGS, lambda _: self.platform.hang_up())
@@ -355,7 +355,7 @@ class DyingPlatform(ControlCase):
 
     # Promise [platform-late]: A platform that starts a moment after the daemon is waited for.
     # Also proves [socket-wait].
-    def test_one_that_starts_after_the_daemon_is_waited_for(self):
+    def test_the_daemon_waits_for_a_platform_that_starts_later(self):
         self.daemon.terminate()
         self.assertEqual(self.daemon.wait(), 0)
         self.platform.close()
@@ -433,7 +433,7 @@ class FullDisk(StoreCase):
         self.assert_restarts_as_before()
 
     # Also proves [disk-full].
-    def test_what_was_refused_is_taken_when_there_is_room_again(self):
+    def test_a_refused_change_is_accepted_when_there_is_room_again(self):
         self.assert_refused(self.platform.request(
             lm.CMD_SET, {lm.OBJECT_ID: 2, lm.DISABLED: True}), "upnp/2")
         self.disk.free()
@@ -444,7 +444,7 @@ class FullDisk(StoreCase):
         self.assertEqual(self.records().keys(), self.before.keys())
 
     # Promise: A configured interface can be removed without room on the disk.
-    def test_an_object_is_removed_without_room(self):
+    def test_an_object_can_be_removed_without_room_on_the_disk(self):
         self.assertEqual(self.platform.request(lm.CMD_REMOVE, {lm.OBJECT_ID: 2}), {})
         self.daemon.wait_for_line("stop ext: WAN", self.since)
         self.restart()
@@ -453,7 +453,7 @@ class FullDisk(StoreCase):
 
     # Promise: A configured interface whose record the disk does not give up stays, serves on, and
     # is refused with `could not be removed`.
-    def test_an_object_is_not_removed_from_a_disk_that_takes_no_change(self):
+    def test_an_object_stays_when_the_disk_does_not_remove_its_record(self):
         self.disk.protect()
         reply = self.platform.request(lm.CMD_REMOVE, {lm.OBJECT_ID: 2})
         self.assertEqual(reply.error(), "could not be removed")
@@ -464,7 +464,7 @@ class FullDisk(StoreCase):
 
     # Promise [disk-full-settings]: Settings that find no room on the disk hold until the end of the
     # daemon, which is logged.
-    def test_settings_that_cannot_be_stored_hold_until_the_end_of_the_daemon(self):
+    def test_settings_that_cannot_be_stored_last_until_the_end_of_the_daemon(self):
         self.set_settings(show_dummy=False)
         self.assert_logged(self.since, "store: /lumen/store/upnpm/0.new: No space left on device")
         self.assertFalse(self.platform.request(lm.CMD_GET_SETTINGS)[3])
@@ -488,7 +488,7 @@ class TornRecord(StoreCase):
     # Promise: An interface whose record was broken can be configured again, and settings whose
     # record was broken are those of a fresh daemon.
     # Also proves [broken-record].
-    def test_an_object_whose_record_is_torn_is_configured_anew(self):
+    def test_an_object_whose_record_is_torn_can_be_configured_again(self):
         self.tear("upnp", "2")
         self.start_daemon()
         self.daemon.wait_for_line("sendAdverts")

@@ -43,7 +43,7 @@ class SubscriberCase(EventCase):
 class Failures(SubscriberCase):
     # Promise [event-once]: Nothing that failed is sent again.
     # Also proves [subscription-failures].
-    def test_one_that_refuses_misses_what_it_refuses_only(self):
+    def test_a_subscriber_that_refuses_an_event_misses_only_that_one(self):
         subscriber = self.informed(1)
         port = subscriber.port
         subscriber.stop_listening()
@@ -61,7 +61,7 @@ class Failures(SubscriberCase):
         self.assertEqual(event.properties, {"ExternalIPAddress": text})
         self.assertEqual(event.seq, 4)  # those that could not be written are counted
 
-    def test_one_that_refuses_the_initial_event_gets_the_next(self):
+    def test_a_subscriber_that_refuses_the_initial_event_gets_the_next(self):
         subscriber = self.subscriber(1)
         port = subscriber.port
         subscriber.stop_listening()
@@ -76,7 +76,7 @@ class Failures(SubscriberCase):
         event = again.event()
         self.assertEqual((event.seq, event.properties), (1, {"ExternalIPAddress": text}))
 
-    def test_one_in_a_network_without_a_route(self):
+    def test_a_subscriber_without_a_route_delays_no_other(self):
         subscriber = self.subscriber()
         since = self.log_mark()
         subscriber.subscribe(CONNECTION, callback="http://203.0.113.1:5000/")
@@ -92,7 +92,7 @@ class Failures(SubscriberCase):
     # Promise [event-status]: The status is read at characters 10 to 12 of the start line, whatever
     # else stands there.
     # Also proves [event-answer].
-    def test_one_that_answers_something_else(self):
+    def test_an_answer_other_than_200_is_logged(self):
         answers = {
             b"HTTP/1.1 412 Precondition Failed\r\n\r\n": "HTTP/1.1 412 Precondition Failed",
             b"HTTP/1.1 2000\r\n\r\n": None, b"HTTP/1.0 200 OK\r\n\r\n": None,
@@ -115,7 +115,7 @@ class Failures(SubscriberCase):
                                  [] if shown is None else [f"bad notify reply: {shown}"])
 
     # Also proves [event-answer].
-    def test_one_that_answers_byte_by_byte_is_not_waited_for(self):
+    def test_an_answer_byte_by_byte_is_judged_by_its_first_piece(self):
         subscriber = self.informed(1)
         self.change()
         self.good.event()
@@ -129,7 +129,7 @@ class Failures(SubscriberCase):
         self.assertEqual(subscriber.event().seq, 2)
 
     # Promise: An answer that comes before the NOTIFY counts.
-    def test_one_that_answers_before_it_is_asked(self):
+    def test_an_answer_before_the_notify_counts(self):
         subscriber = self.subscriber(1)
         subscriber.subscribe(CONNECTION)
         with subscriber.take() as delivery:
@@ -138,7 +138,7 @@ class Failures(SubscriberCase):
             delivery.wait_for_end(5.0)
 
     # Promise: A subscriber that reads byte by byte gets its whole event.
-    def test_one_that_reads_byte_by_byte(self):
+    def test_a_subscriber_that_reads_byte_by_byte_gets_its_whole_event(self):
         subscriber = self.subscriber(1)
         subscriber.make_window_small()
         subscriber.subscribe(CONNECTION)
@@ -153,7 +153,7 @@ class Failures(SubscriberCase):
 
     # Promise [event-slow]: A subscriber that does not read delays no other: a NOTIFY is written
     # into a send buffer that is made large enough for it.
-    def test_those_that_do_not_read_hold_nobody_up(self):
+    def test_subscribers_that_do_not_read_delay_no_other(self):
         sleepers = [self.subscriber(number, path="/" + "x" * 60000) for number in range(1, 21)]
         since = self.log_mark()
         for sleeper in sleepers:
@@ -178,7 +178,7 @@ class Patience(SubscriberCase):
     FAILED = "notify reply read failed"
 
     # Also proves [event-timeout].
-    def test_those_that_never_answer(self):
+    def test_subscribers_that_never_answer_time_out(self):
         reader, sleeper = self.subscriber(1), self.subscriber(2)
         started = time.monotonic()
         reader.subscribe(CONNECTION)
@@ -204,25 +204,25 @@ class Patience(SubscriberCase):
         subscriber.subscribe(CONNECTION, callback=NOBODY)
         return subscriber, since
 
-    def test_one_that_is_not_there(self):
+    def test_an_absent_subscriber_times_out(self):
         subscriber, since = self.subscribe_nobody()
         self.assert_everybody_is_served()
         self.daemon.wait_for_line("notify timeout", since, limit=40)
         self.assertIn("write failed", self.lines_since(since))
         self.assertEqual(subscriber.renew().status, 200)
 
-    def test_one_that_is_not_there_and_no_longer_subscribed(self):
+    def test_a_delivery_to_an_absent_subscriber_outlives_its_subscription(self):
         subscriber, since = self.subscribe_nobody()
         subscriber.unsubscribe()
         self.daemon.wait_for_line("notify timeout", since, limit=40)
         self.assertEqual(self.lines_since(since)[2:], ["unsubscribe", "notify timeout"])
 
     # Also proves [event-reset].
-    def test_one_that_closes_without_an_answer(self):
+    def test_a_subscriber_that_closes_without_an_answer_is_reported(self):
         self.check_pace(lambda delivery: delivery.close())
 
     # Also proves [event-reset].
-    def test_one_that_resets(self):
+    def test_a_subscriber_that_resets_is_reported(self):
         self.check_pace(lambda delivery: delivery.reset())
 
     def check_pace(self, end):

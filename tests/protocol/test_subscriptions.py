@@ -47,7 +47,7 @@ class Replies(EventCase):
         self.assertEqual(len(ids), 4)
 
     # Also proves [subscribe-time], [subscribe-short], [subscribe-long], [subscribe-digits].
-    def test_granted_times(self):
+    def test_the_granted_time_lies_between_the_limits(self):
         subscriber = self.subscriber()
         subscriber.subscribe(CONNECTION)
         for field, time in ((None, 1800), ("", 1800), ("Second-0", 1800), ("Second-300", 1800),
@@ -73,14 +73,14 @@ class Replies(EventCase):
         self.change_address("45.45.45.9")
         self.assertEqual(subscriber.event().properties, {"ExternalIPAddress": "45.45.45.9"})
 
-    def test_a_request_with_nt_and_sid_is_a_new_one(self):
+    def test_a_request_with_nt_and_sid_is_a_new_subscription(self):
         subscriber = self.informed()
         first = subscriber.sid
         self.assertEqual(subscriber.ask(OS_INFO, f"SID: {first}").status, 200)
         self.assertNotEqual(subscriber.sid, first)
 
     # Promise: A SID is known to its own service only.
-    def test_an_id_is_known_to_its_service_only(self):
+    def test_an_id_is_known_only_to_its_service(self):
         subscriber = self.subscriber()
         subscriber.subscribe(CONNECTION)
         subscriber.url = OS_INFO
@@ -91,7 +91,7 @@ class Replies(EventCase):
 class Refusals(EventCase):
     # Also proves [subscribe-nt], [subscribe-callback], [subscribe-url], [renewal-unknown],
     # [unsubscribe-unknown].
-    def test_requests_that_are_not_as_they_must_be(self):
+    def test_invalid_requests_are_refused(self):
         subscriber = self.subscriber()
         good = subscriber.callback
         cases = {
@@ -131,7 +131,7 @@ class Refusals(EventCase):
         self.assertEqual(subscriber.renew().status, 200)
 
     # Promise: SUBSCRIBE at a URL that is no event URL gets 404.
-    def test_a_url_that_no_service_has(self):
+    def test_a_url_that_no_service_has_is_not_found(self):
         subscriber = self.subscriber()
         for url in ("/upnp/event/wanipconn-7", f"/upnp/control/wanipconn-{WAN}", f"{CONNECTION}/",
                     f"{BASE}{CONNECTION}"):
@@ -151,7 +151,7 @@ class Refusals(EventCase):
     # Promise [subscription-limit-first]: The number of subscriptions is checked before the address:
     # with 100 subscriptions a second one of the same address gets 500 too.
     # Also proves [subscription-limit].
-    def test_the_hundred_and_first_is_refused(self):
+    def test_the_hundred_and_first_subscription_is_refused(self):
         subscribers = [self.subscriber(number) for number in range(100)]
         for subscriber in subscribers:
             subscriber.subscribe(CONNECTION)
@@ -180,19 +180,19 @@ class Refusals(EventCase):
 class Callbacks(EventCase):
     RESOLVER, RESOLVE = (14,), 3
 
-    def test_the_first_of_several_is_used(self):
+    def test_the_first_of_several_callbacks_is_used(self):
         first, second = self.subscriber(1, path="/first"), self.subscriber(2)
         first.subscribe(CONNECTION, callback=f"{first.callback}><{second.callback}")
         self.assertEqual(first.event().start_line, "NOTIFY /first HTTP/1.1")
         self.assertFalse(second.is_called())
 
     # Also proves [subscribe-port].
-    def test_a_callback_without_a_port(self):
+    def test_a_callback_without_a_port_means_port_80(self):
         subscriber = self.subscriber(port=80, path="/")
         subscriber.subscribe(CONNECTION, callback=f"http://{HOST}/")
         self.assertEqual(subscriber.event()["HOST"], f"{HOST}:80")
 
-    def test_a_callback_with_a_query(self):
+    def test_a_callback_keeps_its_query(self):
         subscriber = self.subscriber(path="/a/b?c=http://d:1/e&f#g")
         subscriber.subscribe(CONNECTION)
         self.assertEqual(subscriber.event().start_line,
@@ -211,7 +211,7 @@ class Callbacks(EventCase):
                          [[(0x20000003, "laptop.lan")]])
 
     # Also proves [subscribe-address].
-    def test_a_callback_at_the_address_zero_is_taken_as_it_is(self):
+    def test_a_callback_at_the_address_zero_is_accepted(self):
         subscriber = self.subscriber()
         since = self.log_mark()
         self.assertEqual(subscriber.ask(CONNECTION, callback="http://0.0.0.0:80/e").status, 200)
@@ -219,7 +219,7 @@ class Callbacks(EventCase):
         self.assertEqual(self.platform.requests(self.RESOLVER, self.RESOLVE), [])
 
     # Also proves [subscribe-name-unknown], [subscribe-name-zero].
-    def test_a_name_that_cannot_be_resolved(self):
+    def test_a_callback_whose_name_cannot_be_resolved_is_refused(self):
         subscriber = self.subscriber()
         for why, answer, logged in (
                 ("refused", error("no such host"), ["resolving failed: no such host"]),

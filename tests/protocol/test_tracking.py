@@ -64,7 +64,7 @@ class Interfaces(TrackingCase):
         self.assertEqual(len(self.lan.search("ssdp:all")), len(all_targets()))
         self.assertEqual(self.lan.get("/gateway.xml").body.count(b"WANDevice:1"), 1)
 
-    def test_a_lan_that_is_deleted_and_made_again_is_served_again(self):
+    def test_a_lan_that_is_deleted_and_created_again_is_served_again(self):
         self.serve()
         self.router.ip("link", "del", "lan0")
         self.notify_interface(interface(LAN, "lan0", display="LAN", flags=0x80))
@@ -106,7 +106,7 @@ class Interfaces(TrackingCase):
 
 
 class Addresses(TrackingCase):
-    def test_a_new_external_address_is_told(self):
+    def test_a_new_external_address_is_reported(self):
         self.serve()
         self.invoke("AddPortMapping", mapping())
         self.notify_addresses(address(WAN_ADDRESS_ID, WAN, "45.45.45.7"))
@@ -138,7 +138,7 @@ class Addresses(TrackingCase):
         self.assert_serves()
         self.assert_logged(since)
 
-    def test_records_of_nobody_are_ignored(self):
+    def test_records_of_unknown_objects_are_ignored(self):
         self.serve()
         self.notify_addresses(address(50, 4711, "10.9.9.9"))
         self.notify_addresses({lm.REMOVED: 1, lm.OBJECT_ID: 51})

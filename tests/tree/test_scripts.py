@@ -68,7 +68,7 @@ class RunTest(unittest.TestCase):
                                  (2, "", f"scripts/run: {reason}, see scripts/run --help\n"))
                 self.assertEqual(self.called(), [])
 
-    def test_an_interface_that_there_is_not_is_refused_before_anything_is_installed_or_built(self):
+    def test_an_unknown_interface_is_refused_before_anything_is_installed_or_built(self):
         self.assertEqual(self.run_script("--internal", "nosuch", "--external", "lo"),
                          (1, "", "run: there is no interface 'nosuch'\n"))
         self.assertEqual(self.called(), [])

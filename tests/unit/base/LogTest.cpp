@@ -15,13 +15,13 @@ TEST(Log, WritesTextsAndNumbersAsOneLine) {
 
 // Promise [log-safe]: Each byte of a control character, C1 included, and of what is no UTF-8 is a
 // `?` in the log of every program, so no remote host can forge a line or control a terminal.
-TEST(Log, WritesOneLineWhateverAStrangerSent) {
+TEST(Log, WritesOneLineWhateverARemoteHostSent) {
   const std::string hostile("a\r\nenable\n\x1b[2J\0\x7f\xc3\xa4", 18);
   EXPECT_EQ(logged([&] { logLine("host '", hostile, "'"); }), "host 'a??enable??[2J??\xc3\xa4'\n");
 }
 
 // Also proves [log-safe].
-TEST(Log, ShowsATerminalNothingThatItTakesForACommand) {
+TEST(Log, ReplacesBytesThatATerminalTakesForACommand) {
   const std::vector<std::pair<std::string, std::string>> texts = {
       {"\xc2\x9b"
        "2J",

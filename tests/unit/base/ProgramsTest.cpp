@@ -58,7 +58,7 @@ void outputOnFullDisk() {
 // Promise [program-status]: `palinode-igd`, `lumend`, `lumen-resolver` and `lumenctl` answer
 // `--version` and `--help` at once, without a platform, and end with 2 when they do not know an
 // argument.
-TEST(Programs, TellTheirVersionWithoutAPlatform) {
+TEST(Programs, ShowTheirVersionWithoutAPlatform) {
   for (const Started& program : programs) {
     const Answer answer = run(program, {"--version"}, discardErrors);
     EXPECT_EQ(answer.text, program.name + " " PALINODE_VERSION "\n");
@@ -67,7 +67,7 @@ TEST(Programs, TellTheirVersionWithoutAPlatform) {
 }
 
 // Also proves [program-status].
-TEST(Programs, TellHowTheyAreUsedWithoutAPlatform) {
+TEST(Programs, ShowTheirUsageWithoutAPlatform) {
   for (const Started& program : programs) {
     const Answer answer = run(program, {"--help"}, discardErrors);
     EXPECT_NE(answer.text.find("Usage: " + program.name + " ["), std::string::npos) << answer.text;
@@ -77,7 +77,7 @@ TEST(Programs, TellHowTheyAreUsedWithoutAPlatform) {
 }
 
 // Also proves [program-status].
-TEST(Programs, RefuseArgumentsThatTheyDoNotKnow) {
+TEST(Programs, RefuseUnknownArguments) {
   for (const Started& program : programs) {
     for (const char* unknown : {"--unknown", "-x", "unknown", ""}) {
       const Answer answer = run(program, {unknown}, discardOutput);
@@ -89,7 +89,7 @@ TEST(Programs, RefuseArgumentsThatTheyDoNotKnow) {
 
 // Promise: `palinode-igd` and `lumen-resolver` take no other argument, and show their usage on
 // standard error when they get one.
-TEST(Programs, ThatServeTakeOneArgumentAtMost) {
+TEST(Programs, ThatServeTakeAtMostOneArgument) {
   const std::vector<std::vector<std::string>> wrong = {
       {"--version", "more"}, {"--help", "--version"}, {"more", "--help"}, {"--vers"}, {"--help="}};
   for (const Started& service : services) {
@@ -104,7 +104,7 @@ TEST(Programs, ThatServeTakeOneArgumentAtMost) {
 
 // Promise [program-output]: An answer to `--version` or `--help` that cannot be written ends the
 // program with 1: `palinode-igd: standard output cannot be written`.
-TEST(Programs, SayThatTheirAnswerCannotBeWritten) {
+TEST(Programs, ReportThatTheirAnswerCannotBeWritten) {
   for (const Started& program : programs) {
     for (const char* question : {"--help", "--version"}) {
       const Answer answer = run(program, {question}, outputOnFullDisk);

@@ -18,7 +18,7 @@ TEST(DevObj, WritesItsThreeFieldsInOrder) {
   EXPECT_EQ(lm::test::describe(config), "{bool 0xfe000a=1, u32 0x1=7, u32 0x2=2}");
 }
 
-TEST(DevObj, IsEnabledAndStartsNothingUnlessItsFieldsSaySo) {
+TEST(DevObj, IsEnabledAndStartsNothingByDefault) {
   DevObj object;
   object.setConfig({});
   lm::message config;
@@ -27,7 +27,7 @@ TEST(DevObj, IsEnabledAndStartsNothingUnlessItsFieldsSaySo) {
 }
 
 // Promise: A change of a configured interface may leave out what stays.
-TEST(DevObj, TakesTheFieldsThatAreThereAndKeepsTheOthers) {
+TEST(DevObj, TakesTheFieldsThatArePresentAndKeepsTheOthers) {
   DevObj object;
   object.interface = 7;
   object.type = interface_type::external;
@@ -49,7 +49,7 @@ TEST(DevObj, TakesTheFieldsThatAreThereAndKeepsTheOthers) {
 
 // Promise: A configured interface is saved, its changes are notified, and it is called `upnp
 // interface`.
-TEST(DevObj, IsStoredUndoableAndToldOf) {
+TEST(DevObj, IsStoredUndoableAndNotified) {
   const DevObj object;
   EXPECT_TRUE(object.isStorable());
   EXPECT_TRUE(object.isUndoable());

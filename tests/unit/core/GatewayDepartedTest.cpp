@@ -17,7 +17,7 @@ class GatewayDeparted : public GatewayTest {
 
 // Promise [external-gone]: An external interface that is gone keeps its services, its search
 // targets and its open ports until it is back.
-TEST_F(GatewayDeparted, AWanThatDisappearsSaysNothingAndStaysReachable) {
+TEST_F(GatewayDeparted, AWanThatDisappearsSendsNothingAndStaysReachable) {
   serve();
   openPort(wan);
   (void)log();
@@ -50,7 +50,7 @@ TEST_F(GatewayDeparted, EitherFlagSaysThatAnInterfaceIsGone) {
 
 // Promise: An interface that comes back is started in place of what it had left, without its old
 // rules and without a goodbye.
-TEST_F(GatewayDeparted, AWanThatComesBackStartsAnewWithoutItsOldRules) {
+TEST_F(GatewayDeparted, AWanThatComesBackRestartsWithoutItsOldRules) {
   serve();
   openPort(wan);
   tellOfInterface(goneRecord(wan));
@@ -131,7 +131,7 @@ TEST_F(GatewayDeparted, ALanThatDisappearsStaysOpenAndGoesOnAdvertising) {
   EXPECT_EQ(announced(), marked("ssdp:alive", allTargets(wan)));
 }
 
-TEST_F(GatewayDeparted, ALanThatComesBackStartsAnewWithoutAGoodbye) {
+TEST_F(GatewayDeparted, ALanThatComesBackRestartsWithoutAGoodbye) {
   serve();
   platform.advance(3000s);
   tellOfInterface(goneRecord(lan));

@@ -23,7 +23,7 @@ TEST_F(GatewayInterfaces, AnInterfaceWithoutAnAddressOpensNothing) {
 }
 
 // Promise: Stopping an interface that never started says nothing, in the log or on the network.
-TEST_F(GatewayInterfaces, AnInterfaceThatNeverStartedStopsWithoutAWord) {
+TEST_F(GatewayInterfaces, AnInterfaceThatNeverStartedStopsSilently) {
   platformForgetsAddress(lanAddress);
   serve();
   listen();
@@ -169,7 +169,7 @@ TEST_F(GatewayInterfaces, InterfacesStopInTheOrderOfTheirObjects) {
 // built again, although the description does not have it any more.
 // Promise: An external interface that was withdrawn is still found until another one starts or
 // stops.
-TEST_F(GatewayInterfaces, AWanThatWasWithdrawnIsFoundUntilTheTargetsAreMadeAnew) {
+TEST_F(GatewayInterfaces, AWanThatWasWithdrawnIsFoundUntilTheTargetsAreRebuilt) {
   platformHasInterface(7, {});
   serve();
   const std::string udn = "uuid:UUID-KESTRAVA-WAN-DEVICE-TEST-3";

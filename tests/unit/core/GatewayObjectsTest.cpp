@@ -63,7 +63,7 @@ TEST_F(GatewayObjects, AnInterfaceIsAddedOnce) {
 // Promise [interface-early]: An interface that the platform does not know yet may be configured,
 // changed to and removed; it starts when it appears.
 // Also proves [interface-once].
-TEST_F(GatewayObjects, AnInterfaceNotSeenYetIsAddedAllTheSame) {
+TEST_F(GatewayObjects, AnInterfaceNotSeenYetCanBeAdded) {
   serve();
   EXPECT_EQ(describe(addObject(4711, internal)), "{u32 0xfe0001=3}");
   EXPECT_EQ(lm::getError(addObject(4711, internal)), "Interface already added");
@@ -179,7 +179,7 @@ TEST_F(GatewayObjects, AnObjectThatChangesItsTypeChangesSides) {
 }
 
 // Also proves [interface-early].
-TEST_F(GatewayObjects, AnObjectThatMovesToAnInterfaceNotSeenStopsTheOld) {
+TEST_F(GatewayObjects, AnObjectThatMovesToAnInterfaceNotSeenStopsTheOldOne) {
   serve();
   EXPECT_EQ(describe(setObject(1, interfaceField(4711))), "{}");
   EXPECT_EQ(log(), (Lines{"stop int: LAN", "sendAdverts"}));
@@ -205,7 +205,7 @@ TEST_F(GatewayObjects, AnObjectThatIsRemovedStopsItsInterface) {
 }
 
 // Also proves [interface-early].
-TEST_F(GatewayObjects, AnObjectOfAnInterfaceNotSeenIsRemovedAllTheSame) {
+TEST_F(GatewayObjects, AnObjectOfAnInterfaceNotSeenCanBeRemoved) {
   serve();
   addObject(4711, internal);
   EXPECT_EQ(describe(removeObject(3)), "{}");

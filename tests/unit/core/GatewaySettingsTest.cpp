@@ -59,7 +59,7 @@ TEST_F(GatewaySettings, StaysDisabledWhenTheRecordSaysSo) {
 }
 
 // Promise: A saved record that leaves a setting out leaves it at its default.
-TEST_F(GatewaySettings, KeepsTheDefaultOfWhatTheRecordDoesNotSay) {
+TEST_F(GatewaySettings, KeepsTheDefaultsOfFieldsThatTheRecordLacks) {
   store(settings({}, false));
   start();
   EXPECT_EQ(describe(platform.request(0, lm::cmd::get)), "{bool 0x1=0, bool 0x2=0, bool 0x3=1}");
@@ -128,7 +128,7 @@ TEST_F(GatewaySettings, WaitsNoLongerThanSixSecondsForTheIdentity) {
 // fields.
 // Promise: A write can be undone: the undo `upnp config changed` carries command `0xfe000e` and the
 // three settings as they were.
-TEST_F(GatewaySettings, AWriteIsStoredToldAndUndoable) {
+TEST_F(GatewaySettings, AWriteIsStoredNotifiedAndUndoable) {
   start();
   platform.forgetSent();
   const lm::message reply = write(settings({}, false, true));
@@ -200,7 +200,7 @@ TEST_F(GatewaySettings, ANewAllowanceReachesTheConnection) {
   EXPECT_EQ(platform.sentTo({20, 0}, lm::cmd::setObject).size(), 1U);
 }
 
-TEST_F(GatewaySettings, ANewAllowancePassesByAnObjectWhoseInterfaceIsAway) {
+TEST_F(GatewaySettings, ANewAllowanceSkipsAnObjectWhoseInterfaceIsAway) {
   serve();
   addObject(99, external);
   write(settings({}, false));
@@ -343,14 +343,14 @@ TEST_F(GatewaySettings, LeavesWithoutAPlatform) {
 }
 
 // Promise: A command that the daemon does not know is answered with the error `unknown command`.
-TEST_F(GatewaySettings, AnswersAStrangeCommandWithAnError) {
+TEST_F(GatewaySettings, AnswersAnUnknownCommandWithAnError) {
   start();
   EXPECT_EQ(lm::getError(platform.request(0, 0x4711)), "unknown command");
 }
 
 // Promise: A change that another source than the two tables notifies is answered with an empty
 // message and ignored.
-TEST_F(GatewaySettings, IgnoresChangesOfStrangers) {
+TEST_F(GatewaySettings, IgnoresChangesFromOtherSources) {
   serve();
   lm::message change;
   change.insert_message_array(lm::key::records, {addressRecord(99, lan, "10.0.0.1")});
@@ -366,7 +366,7 @@ TEST_F(GatewaySettings, IgnoresChangesOfStrangers) {
 // Promise: A read of the settings answers the three of them and never a configured interface.
 // Promise: The object with the id of all ones is the settings; any other id is a configured
 // interface or the error `no such object`.
-TEST_F(GatewaySettings, ObjectAllOnesIsTheSettings) {
+TEST_F(GatewaySettings, TheObjectWithTheIdOfAllOnesIsTheSettings) {
   start();
   EXPECT_EQ(describe(gateway->getObject(0xFFFFFFFF)), "{bool 0x1=0, bool 0x2=1, bool 0x3=1}");
   addObject(lan, internal);

@@ -153,7 +153,7 @@ TEST_F(GatewayTracking, TheStateOfAnInterfaceIsTheStatusOfItsConnection) {
 
 // Promise: The state of an interface is the line `dev: ID disabled: 0 running: 1`, and a record may
 // leave out what has not changed.
-TEST_F(GatewayTracking, AStateRecordSaysWhatHasChangedOnly) {
+TEST_F(GatewayTracking, AStateRecordMayOmitWhatHasNotChanged) {
   serve();
   tellStates({stateRecord(wan, true, true)});
   (void)log();
@@ -203,7 +203,7 @@ TEST_F(GatewayTracking, AnEmptyStateChangeReadsTheWholeTable) {
 }
 
 // Promise: Records of unknown interfaces and address objects are ignored.
-TEST_F(GatewayTracking, RecordsOfNobodyAreIgnored) {
+TEST_F(GatewayTracking, RecordsOfUnknownObjectsAreIgnored) {
   serve();
   tellStates({stateRecord(4711, true, true), lm::message()});
   tellOfInterface(goneRecord(4711));
@@ -248,7 +248,7 @@ TEST_F(GatewayTracking, TheSmallestAddressIsTheFirstToServe) {
 // Promise: When the current address goes, an internal interface says goodbye and announces itself
 // from the smallest of those that remain.
 // Also proves [goodbye-address].
-TEST_F(GatewayTracking, TheCurrentAddressThatGoesLeavesItsPlaceToTheRemaining) {
+TEST_F(GatewayTracking, AnotherAddressReplacesTheCurrentOneWhenThatGoes) {
   serve();
   tellAddresses({addressRecord(20, lan, "192.168.88.2"), addressRecord(21, lan, "10.0.0.1")});
   (void)log();
@@ -264,7 +264,7 @@ TEST_F(GatewayTracking, TheCurrentAddressThatGoesLeavesItsPlaceToTheRemaining) {
 
 // Promise [address-last]: When its last address goes, an internal interface says goodbye and
 // closes; the next address opens it again.
-TEST_F(GatewayTracking, TheLastAddressThatGoesStopsTheLanSide) {
+TEST_F(GatewayTracking, TheLanSideStopsWhenItsLastAddressGoes) {
   serve();
   listen();
   tellAddresses({removedRecord(lanAddress, lan, "192.168.88.1")});
@@ -312,7 +312,7 @@ TEST_F(GatewayTracking, AnAddressThatChangesIsOneChange) {
 }
 
 // Promise: An address record may leave out what is known of its address.
-TEST_F(GatewayTracking, AnAddressRecordMayLeaveOutWhatIsKnown) {
+TEST_F(GatewayTracking, AnAddressRecordMayOmitKnownFields) {
   serve();
   lm::message record;
   record.insert_u32(lm::key::objectId, wanAddress);
@@ -321,7 +321,7 @@ TEST_F(GatewayTracking, AnAddressRecordMayLeaveOutWhatIsKnown) {
 }
 
 // Promise: A new address record without an address is one of `0.0.0.0`.
-TEST_F(GatewayTracking, AnAddressRecordThatSaysNoAddressSaysZero) {
+TEST_F(GatewayTracking, AnAddressRecordWithoutAnAddressMeansZero) {
   serve();
   lm::message record;
   record.insert_u32(lm::key::objectId, 60);
@@ -332,7 +332,7 @@ TEST_F(GatewayTracking, AnAddressRecordThatSaysNoAddressSaysZero) {
 
 // Promise [address-interface]: The interface of an address is u32 5 of its record or, without that,
 // u32 10.
-TEST_F(GatewayTracking, TheInterfaceOfAnAddressMayStandInTheOtherField) {
+TEST_F(GatewayTracking, TheInterfaceOfAnAddressMayBeInTheOtherField) {
   serve();
   lm::message record = addressRecord(40, 0, "45.45.45.1");
   lm::message other;
@@ -365,7 +365,7 @@ TEST_F(GatewayTracking, ARemovalThatSaysDisabledIsIgnored) {
 
 // Promise: A whole read forgets the address objects that are no longer listed, but leaves the
 // interfaces the addresses that they had.
-TEST_F(GatewayTracking, AFullReadForgetsAddressObjectsButLeavesTheInterfacesTheirs) {
+TEST_F(GatewayTracking, AFullReadForgetsAddressObjectsButNotTheAddressesOfInterfaces) {
   serve();
   platformForgetsAddress(wanAddress);
   platform.notify(lm::cmd::changed, {20, 1});
@@ -397,7 +397,7 @@ TEST_F(GatewayTracking, AFullReadThatFailsIsLogged) {
 }
 
 // Promise [table-waits]: A list is waited for six seconds, the states three and the addresses six.
-TEST_F(GatewayTracking, TheFullReadsWaitAsLongAsEachMay) {
+TEST_F(GatewayTracking, EachFullReadHasItsOwnTimeLimit) {
   start();
   platform.ignore({20, 0}, lm::cmd::list);
   platform.ignore({20, 0}, lm::cmd::readAll);
@@ -409,7 +409,7 @@ TEST_F(GatewayTracking, TheFullReadsWaitAsLongAsEachMay) {
 
 // Promise: The states and the addresses are read as whole tables with command `0xfe0004` from `[20,
 // 0]` and `[20, 1]`.
-TEST_F(GatewayTracking, AFullReadAsksForTheTableAsItIsKept) {
+TEST_F(GatewayTracking, AFullReadAsksForTheWholeTable) {
   start();
   platform.forgetSent();
   enable();

@@ -78,7 +78,7 @@ TEST(UpnpIcon, WritesAnIconElement) {
 
 // Promise: By default a device is made by `Kestrava`, `http://www.kestrava.example/`, and is a
 // `Palinode`.
-TEST(UpnpDeviceDescr, KnowsItsMaker) {
+TEST(UpnpDeviceDescr, NamesItsManufacturer) {
   const UpnpDeviceDescr descr;
   EXPECT_EQ(descr.manufacturer, "Kestrava");
   EXPECT_EQ(descr.manufacturerURL, "http://www.kestrava.example/");
@@ -200,7 +200,7 @@ TEST(UpnpDevice, KeepsEqualTargetsInTheOrderOfTheTree) {
   EXPECT_EQ(targets.count("urn:schemas-upnp-org:device:WANDevice:1"), 3U);
 }
 
-TEST(UpnpDevice, AddsToTheTargetsThatAreThere) {
+TEST(UpnpDevice, AppendsToExistingTargets) {
   SearchTargets targets = {{"uuid:1", "earlier"}};
   deviceNamed("1").getSearchTargets(targets);
   EXPECT_EQ(Entries(targets.lower_bound("uuid:1"), targets.end()),

@@ -96,7 +96,7 @@ TEST(HTTPMessage, KeepsWhatItReadBeforeTheTextStopped) {
 }
 
 // Promise: A header line without a colon leaves the message incomplete for good, whatever follows.
-TEST(HTTPMessage, NeverCompletesBehindALineWithoutAColon) {
+TEST(HTTPMessage, NeverCompletesAfterALineWithoutAColon) {
   const std::string text = "GET / HTTP/1.1\r\nHost: a\r\nnonsense\r\nAccept: b\r\n\r\n";
   const HTTPMessage message(text);
   EXPECT_FALSE(message.complete);
@@ -114,7 +114,7 @@ TEST(HTTPMessage, HasNoLineEndsInATextOfLineFeeds) {
 }
 
 // Promise: The byte after a carriage return is dropped, whatever it is.
-TEST(HTTPMessage, DropsTheByteBehindACarriageReturn) {
+TEST(HTTPMessage, DropsTheByteAfterACarriageReturn) {
   const HTTPMessage message("GET / HTTP/1.1\rxHost: a\ry\rzbody");
   EXPECT_TRUE(message.complete);
   EXPECT_EQ(message.startLine, "GET / HTTP/1.1");
@@ -171,7 +171,7 @@ TEST(HTTPMessage, FindsAFieldInAnyCase) {
 }
 
 // Promise: Two fields of one name are both kept, and the first is found.
-TEST(HTTPMessage, KeepsEveryFieldOfAName) {
+TEST(HTTPMessage, KeepsRepeatedFields) {
   HTTPMessage message;
   message.addField("X", "1");
   message.addField("x", "2");
@@ -181,7 +181,7 @@ TEST(HTTPMessage, KeepsEveryFieldOfAName) {
 }
 
 // Promise: A field that is absent reads like one that is empty.
-TEST(HTTPMessage, TellsAnEmptyFieldFromAnAbsentOneByHasField) {
+TEST(HTTPMessage, DistinguishesAnEmptyFieldFromAnAbsentOneByHasField) {
   HTTPMessage message;
   message.addField("EXT", "");
   EXPECT_EQ(message.getField("EXT"), "");
@@ -240,7 +240,7 @@ TEST(HTTPMessage, AddsADate) {
 }
 
 // Promise: The date of a reply is that of now.
-TEST(HTTPMessage, AddsTheDateOfNow) {
+TEST(HTTPMessage, AddsTheCurrentDate) {
   const time_t before = time(nullptr);
   HTTPMessage message;
   message.addDate(0);

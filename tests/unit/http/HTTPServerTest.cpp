@@ -77,7 +77,7 @@ TEST_F(HTTPServerTest, NeverAnswersABodyThatIsTooLong) {
   expectNoAnswer("POST /x HTTP/1.1\r\nContent-Length: 4\r\n\r\nabcde");
 }
 
-TEST_F(HTTPServerTest, NeverAnswersBehindALineWithoutAColon) {
+TEST_F(HTTPServerTest, NeverAnswersAfterALineWithoutAColon) {
   expectNoAnswer("GET /x HTTP/1.1\r\nnonsense\r\n\r\n");
 }
 
@@ -120,7 +120,7 @@ TEST_F(HTTPServerTest, ForgetsTheTimeLimitOfAnAnsweredRequest) {
 }
 
 // Promise: A client that closes or resets its connection is dropped without a line in the log.
-TEST_F(HTTPServerTest, DropsAClientThatClosesOrResetsWithoutAWord) {
+TEST_F(HTTPServerTest, SilentlyDropsAClientThatClosesOrResets) {
   Client closing;
   Client resetting;
   accept(2);
@@ -136,7 +136,7 @@ TEST_F(HTTPServerTest, DropsAClientThatClosesOrResetsWithoutAWord) {
   EXPECT_TRUE(gateway.asked.empty());
 }
 
-TEST_F(HTTPServerTest, AcceptsNothingWhenNobodyIsThereAndDoesNotWait) {
+TEST_F(HTTPServerTest, AcceptsNothingAndDoesNotBlockWhenNoClientWaits) {
   EXPECT_EQ(logged([&] { server.acceptHttp(listener.get()); }), "accept failed\n");
   Client client;
   client.send("GET /x HTTP/1.1\r\n\r\n");
@@ -144,7 +144,7 @@ TEST_F(HTTPServerTest, AcceptsNothingWhenNobodyIsThereAndDoesNotWait) {
   EXPECT_EQ(client.received, reply);
 }
 
-TEST_F(HTTPServerTest, AcceptsNothingWhenItMightHaveToWait) {
+TEST_F(HTTPServerTest, AcceptsNothingWhenAcceptCouldBlock) {
   Client client;
   client.send("GET /x HTTP/1.1\r\n\r\n");
   std::string log;
@@ -157,7 +157,7 @@ TEST_F(HTTPServerTest, AcceptsNothingWhenItMightHaveToWait) {
 }
 
 // Also proves [loop-idle-listener].
-TEST_F(HTTPServerTest, RestsWhileItHasNoDescriptorForAClient) {
+TEST_F(HTTPServerTest, PausesWhileItHasNoDescriptorForAClient) {
   const Client client;
   EXPECT_EQ(logged([&] {
               whileRefused({SCMP_SYS(accept4)}, EMFILE, [&] {
@@ -170,7 +170,7 @@ TEST_F(HTTPServerTest, RestsWhileItHasNoDescriptorForAClient) {
 
 // Promise: A connection on a listening socket that belongs to no interface is the line `oo jeaaa`
 // and the end of the process with status 1.
-TEST_F(HTTPServerTest, EndsTheProcessForAListenerOfNobody) {
+TEST_F(HTTPServerTest, EndsTheProcessForAListenerThatBelongsToNoInterface) {
   const Client client;
   gateway.listener = -1;
   EXPECT_EXIT(
@@ -189,7 +189,7 @@ TEST_F(HTTPServerTest, AcceptsBeforeItLooksForTheInterface) {
 
 // Promise: A readable socket that is no connection is the line `fatal error: could not find http
 // conn` and the end of the process with status 1.
-TEST_F(HTTPServerTest, EndsTheProcessForAConnectionOfNobody) {
+TEST_F(HTTPServerTest, EndsTheProcessForAnUnknownConnection) {
   EXPECT_EXIT(
       {
         dup2(STDERR_FILENO, STDOUT_FILENO);
@@ -212,7 +212,7 @@ TEST_F(HTTPServerTest, DoesNotWaitForAClientThatDoesNotRead) {
   EXPECT_EQ(server.openConnections(), 0U);
 }
 
-TEST_F(HTTPServerTest, WritesAReplyOnceOnly) {
+TEST_F(HTTPServerTest, WritesAReplyOnlyOnce) {
   Client client;
   client.send("GET /x HTTP/1.1\r\n\r\n");
   std::string log;
@@ -228,7 +228,7 @@ TEST_F(HTTPServerTest, WritesAReplyOnceOnly) {
 // Promise: Nothing is written to a connection whose send buffer or time limit cannot be set: the
 // line `setsockopt SO_SNDBUF: ` or `setsockopt SO_SNDTIMEO: ` and the error text, then `write
 // error`.
-TEST_F(HTTPServerTest, DoesNotWriteWhereItCouldHaveToWait) {
+TEST_F(HTTPServerTest, DoesNotWriteWhenTheWriteCouldBlock) {
   Client client;
   client.send("GET /x HTTP/1.1\r\n\r\n");
   std::string log;
@@ -253,7 +253,7 @@ TEST_F(HTTPServerTest, WritesALargeDescriptionAtOnceToAClientThatDoesNotRead) {
 }
 
 // Promise: A client that is gone before its reply does no harm to others.
-TEST_F(HTTPServerTest, SurvivesAClientThatIsGoneBeforeTheReply) {
+TEST_F(HTTPServerTest, SurvivesAClientThatLeavesBeforeTheReply) {
   Client client;
   accept();
   client.send("GET /x HTTP/1.1\r\n\r\n");

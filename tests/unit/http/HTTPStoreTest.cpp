@@ -41,7 +41,7 @@ TEST_F(HTTPStoreTest, ServesAFile) {
 
 // Promise: `CONTENT-LANGUAGE: en-us` comes first when the request has an `ACCEPT-LANGUAGE`,
 // whatever that says, and not otherwise.
-TEST_F(HTTPStoreTest, SaysTheLanguageToWhoAsksForOne) {
+TEST_F(HTTPStoreTest, SendsItsLanguageWhenTheRequestNamesOne) {
   directory.write("a.xml", "1");
   store.addUrl("/a", "a.xml");
   const HTTPMessage request("GET /a HTTP/1.1\r\nAccept-Language:\r\n\r\n");
@@ -62,7 +62,7 @@ TEST_F(HTTPStoreTest, ServesContentInsteadOfAFile) {
 
 // Promise: A file whose name ends in `.gif`, or is `gif`, is `image/gif`; every other one is
 // `text/xml`.
-TEST_F(HTTPStoreTest, TellsPicturesByTheFileName) {
+TEST_F(HTTPStoreTest, RecognisesImagesByTheFileName) {
   const struct {
     const char* file;
     const char* type;

@@ -75,11 +75,11 @@ const std::vector<std::string> requests = {
 }  // namespace
 
 // Promise: Whether a request is complete does not depend on the pieces in which it comes.
-TEST(RequestScanner, SaysAfterEachByteWhatParsingAllSays) {
+TEST(RequestScanner, AgreesWithTheParserAfterEachByte) {
   for (const std::string& text : requests) expectTheSameAsParsing(text, everyByte(text));
 }
 
-TEST(RequestScanner, SaysAfterEachPairOfPiecesWhatParsingAllSays) {
+TEST(RequestScanner, AgreesWithTheParserAfterEachPairOfPieces) {
   for (const std::string& text : requests) {
     for (size_t cut = 1; cut < text.size(); ++cut) {
       expectTheSameAsParsing(text, {cut, text.size()});
@@ -88,7 +88,7 @@ TEST(RequestScanner, SaysAfterEachPairOfPiecesWhatParsingAllSays) {
   }
 }
 
-TEST(RequestScanner, SaysWhatParsingSaysForRandomTextInRandomPieces) {
+TEST(RequestScanner, AgreesWithTheParserOnRandomTextInRandomPieces) {
   std::mt19937 random(20240603);
   const std::vector<std::string> words = {
       "\r\n", "\r", "\n", ":", " ", "a", "Content-Length:", "1", "2", "3", "\r\n\r\n", "x: y\r\n"};
@@ -117,7 +117,7 @@ TEST(RequestScanner, CompletesOnlyWhenAReadEndsWithTheBody) {
 }
 
 // Also proves [request-size], [request-rest].
-TEST(RequestScanner, TellsTheSizeOfACompleteRequest) {
+TEST(RequestScanner, KnowsTheSizeOfACompleteRequest) {
   const struct {
     std::string request;
     std::string after;
@@ -137,7 +137,7 @@ TEST(RequestScanner, TellsTheSizeOfACompleteRequest) {
 
 // Promise: The time to read a request grows with its bytes and not with the pieces in which they
 // come.
-TEST(RequestScanner, TakesTimeInProportionToTheBytes) {
+TEST(RequestScanner, TakesTimeProportionalToTheBytes) {
   constexpr size_t size = 128UL * 1024;
   const std::string head = "POST / HTTP/1.1\r\nContent-Length: 131072\r\n\r\n";
   std::string manyLines = "GET / HTTP/1.1\r\n";

@@ -76,7 +76,7 @@ TEST(OsInfo, TakesANameOfAtMostThreeCharacters) {
 
 // Promise: A host name of more than three characters is left out: `OSMachineName` is then empty,
 // whatever the C library does with such a name.
-TEST(OsInfo, LeavesALongerNameOutWhateverTheCLibraryDoes) {
+TEST(OsInfo, LeavesOutALongerNameWhateverTheCLibraryDoes) {
   for (const auto read : {refusing, cutting, cuttingWithZero}) {
     EXPECT_EQ(machineName("gate", read), "");
     EXPECT_EQ(machineName("router", read), "");

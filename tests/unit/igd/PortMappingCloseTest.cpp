@@ -41,7 +41,7 @@ TEST_F(PortMapping, DoesNotCloseWhatIsNotOpen) {
 
 // Promise [fault-501-close]: A rule that the platform does not remove logs `remove nat failed: `
 // with its text and is a fault 501; the mapping stays listed.
-TEST_F(PortMapping, KeepsAMappingWhoseRuleStays) {
+TEST_F(PortMapping, KeepsAMappingWhoseRuleIsNotRemoved) {
   open({});
   platform.refuse(natTable, lm::cmd::removeObject, "not permitted");
   EXPECT_EQ(close("8080", "TCP"), failed);
@@ -66,7 +66,7 @@ TEST_F(PortMapping, RemovesEveryRuleWhenItGoes) {
 
 // Promise: A rule that is not removed then logs `on cleanup remove nat failed: ` with the
 // platform's text, and the next one follows.
-TEST_F(PortMapping, GoesOnRemovingWhenARuleStays) {
+TEST_F(PortMapping, GoesOnWhenARuleIsNotRemoved) {
   open({.port = "80"});
   open({.port = "81"});
   open({.port = "82"});

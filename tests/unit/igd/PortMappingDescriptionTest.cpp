@@ -3,7 +3,7 @@
 namespace {
 
 // Promise [mapping-description]: A description comes back as it was given.
-TEST_F(PortMapping, GivesADescriptionBackAsItWas) {
+TEST_F(PortMapping, ReturnsADescriptionUnchanged) {
   const Wish wish{.description = "a 'quoted' name; (x) = 1"};
   open(wish);
   EXPECT_EQ(entryOf("8080", "TCP"), found(wish));
@@ -15,7 +15,7 @@ TEST_F(PortMapping, GivesADescriptionBackAsItWas) {
 // asked.
 // Promise [mapping-description-room]: A description of up to 256 bytes, or one that is not longer
 // than the one it replaces, always has room.
-TEST_F(PortMapping, KeepsFourMebibytesOfDescriptionsAtMost) {
+TEST_F(PortMapping, KeepsAtMostFourMebibytesOfDescriptions) {
   fillDescriptions(4096 * kibibyte);
   platform.forgetSent();
   const std::string other = "192.168.88.200";
@@ -59,7 +59,7 @@ TEST_F(PortMapping, Keeps256KibibytesOfDescriptionsForEachClient) {
 }
 
 // Promise: A description that is replaced does not count against its successor.
-TEST_F(PortMapping, CountsADescriptionThatIsReplacedNoMore) {
+TEST_F(PortMapping, DoesNotCountAReplacedDescription) {
   for (const std::string port : {"2000", "2001", "2002", "2003"}) {
     ASSERT_EQ(open({.port = port, .description = text(63 * kibibyte)}), opened()) << port;
   }
@@ -74,7 +74,7 @@ TEST_F(PortMapping, CountsADescriptionThatIsReplacedNoMore) {
 }
 
 // Also proves [mapping-description-room].
-TEST_F(PortMapping, ChangesAMappingWhoseDescriptionDoesNotGrowThoughThereIsNoRoom) {
+TEST_F(PortMapping, ChangesAMappingWithoutRoomIfItsDescriptionDoesNotGrow) {
   for (const std::string port : {"2000", "2001", "2002", "2003"}) {
     ASSERT_EQ(open({.port = port, .description = text(64 * kibibyte)}), opened()) << port;
   }
@@ -87,7 +87,7 @@ TEST_F(PortMapping, ChangesAMappingWhoseDescriptionDoesNotGrowThoughThereIsNoRoo
 
 // Promise: The line `set map` or `add map`, and the conflict with another client, come before the
 // room for the description.
-TEST_F(PortMapping, DecidesAConflictBeforeTheRoomForTheDescription) {
+TEST_F(PortMapping, ChecksForAConflictBeforeTheRoomForTheDescription) {
   fillDescriptions(4096 * kibibyte);
   platform.forgetSent();
   EXPECT_EQ(

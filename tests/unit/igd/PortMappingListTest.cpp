@@ -56,7 +56,7 @@ TEST_F(PortMapping, ListsMappingsByPortAndTcpBeforeUdp) {
 
 // Promise [mapping-index-range]: An index that is no number, or is above 65535, is a fault 402; an
 // empty one is 0.
-TEST_F(PortMapping, ListsByANumberOf16Bits) {
+TEST_F(PortMapping, TakesAnIndexOf16Bits) {
   for (const char* index : {"65536", "-1", "first", "0x1"}) {
     EXPECT_EQ(entryAt(index), fault(402, "Invalid Args")) << index;
   }
@@ -91,7 +91,7 @@ TEST_F(PortMapping, FindsNoMappingForARemoteHost) {
 }
 
 // Promise [mapping-empty-port]: Where a mapping is looked up, an empty external port is 0.
-TEST_F(PortMapping, ReadsAnEmptyPortAsZeroWhereItLooksAMappingUp) {
+TEST_F(PortMapping, TreatsAnEmptyPortAsZeroWhenItLooksUpAMapping) {
   open({.port = "0"});
   EXPECT_EQ(entryOf("", "TCP"), found({.port = "0"}));
   EXPECT_EQ(close("", "TCP"), closed());
@@ -116,7 +116,7 @@ TEST_F(PortMapping, CountsTheDummyAsLongAsItIsListed) {
   EXPECT_EQ(entries(), "1");
 }
 
-TEST_F(PortMapping, DoesNotCountAnewWhenTheDummyStaysAsItIs) {
+TEST_F(PortMapping, DoesNotCountAgainWhenTheDummyIsUnchanged) {
   connection->setShowDummyRule(true);
   EXPECT_EQ(entries(), "0");
   connection->setShowDummyRule(false);

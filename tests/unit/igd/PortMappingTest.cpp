@@ -85,7 +85,7 @@ TEST_F(PortMapping, RefusesWhatItDoesNotMap) {
 
 // Promise [mapping-arguments]: Ports above 65535, protocols other than `TCP` and `UDP`, and values
 // that are no boolean or no number are faults 402.
-TEST_F(PortMapping, RefusesArgumentsOfAWrongType) {
+TEST_F(PortMapping, RefusesArgumentsOfTheWrongType) {
   const std::vector<Wish> wrong = {
       {.port = "65536"}, {.port = "-1"},        {.port = "http"},          {.protocol = "tcp"},
       {.protocol = ""},  {.internalPort = "x"}, {.internalPort = "65536"}, {.enabled = "True"},
@@ -96,7 +96,7 @@ TEST_F(PortMapping, RefusesArgumentsOfAWrongType) {
 
 // Promise [mapping-wildcard]: Any remote host that is no address counts as the wildcard, `*` for
 // instance.
-TEST_F(PortMapping, TakesAnyRemoteHostThatIsNoAddressForAWildcard) {
+TEST_F(PortMapping, TreatsARemoteHostThatIsNoAddressAsTheWildcard) {
   for (const char* host : {"*", "any.example", "255.255.255.255"}) {
     EXPECT_EQ(open({.remoteHost = host}), opened()) << host;
   }
@@ -107,7 +107,7 @@ TEST_F(PortMapping, TakesAnyRemoteHostThatIsNoAddressForAWildcard) {
 // Promise [mapping-client]: An internal client that is no address is sent as 255.255.255.255, for
 // the platform to judge; an empty internal port as 0.
 // Also proves [fault-716].
-TEST_F(PortMapping, SendsWhatItCannotJudgeToTheNatTable) {
+TEST_F(PortMapping, LeavesWhatItCannotJudgeToTheNatTable) {
   EXPECT_EQ(open({.port = "0", .internalPort = "", .internalClient = "nobody"}), opened());
   EXPECT_EQ(ownLog(), "add map 0->, nobody\n");
   EXPECT_EQ(requests(lm::cmd::addObject),
@@ -119,7 +119,7 @@ TEST_F(PortMapping, SendsWhatItCannotJudgeToTheNatTable) {
 
 // Promise [mapping-enabled]: `1`, `yes` and `true` enable a mapping; one that is not enabled has a
 // disabled rule.
-TEST_F(PortMapping, MakesARuleThatIsDisabledWhileTheMappingIs) {
+TEST_F(PortMapping, DisablesTheRuleOfADisabledMapping) {
   struct Spelling {
     std::string text;
     bool enabled;

@@ -121,7 +121,7 @@ TEST_F(WanCommonInterfaceConfig, AnswersTheProperties) {
 // packets received 0x100fe and packets sent 0x100ff.
 // Promise [common-counters]: GetTotalBytesSent, GetTotalBytesReceived, GetTotalPacketsSent and
 // GetTotalPacketsReceived each answer one counter, read from the kernel at each request.
-TEST_F(WanCommonInterfaceConfig, ReadsACounterAnewEachTime) {
+TEST_F(WanCommonInterfaceConfig, ReadsACounterEachTime) {
   lm::message request;
   request.insert_u32(0xfe0001, wan);
   request.insert_u32(0xfe000c, 256);
@@ -157,7 +157,7 @@ TEST_F(WanCommonInterfaceConfig, CountsModulo32Bits) {
 
 // Promise [common-refused]: When the platform refuses a counter, the log has `get device stats: `
 // with its text, and the action succeeds with `0`.
-TEST_F(WanCommonInterfaceConfig, CountsNothingWhenThePlatformRefuses) {
+TEST_F(WanCommonInterfaceConfig, ReportsZeroWhenThePlatformRefuses) {
   platform.refuse(interfaceTable, lm::cmd::readObject, "no such object");
   EXPECT_EQ(invoke(config, "GetTotalBytesReceived"),
             ok("GetTotalBytesReceived", {{"NewTotalBytesReceived", "0"}}));
@@ -168,7 +168,7 @@ TEST_F(WanCommonInterfaceConfig, CountsNothingWhenThePlatformRefuses) {
 
 // Promise [common-timeout]: A platform that does not answer is waited for for six seconds, and the
 // counter is `0`.
-TEST_F(WanCommonInterfaceConfig, CountsNothingWhenThePlatformDoesNotAnswer) {
+TEST_F(WanCommonInterfaceConfig, ReportsZeroWhenThePlatformDoesNotAnswer) {
   platform.ignore(interfaceTable, lm::cmd::readObject);
   const auto before = platform.clock().now();
   EXPECT_EQ(value("TotalPacketsSent"), "0");
@@ -177,7 +177,7 @@ TEST_F(WanCommonInterfaceConfig, CountsNothingWhenThePlatformDoesNotAnswer) {
 }
 
 // Promise: A reply without a counter is `0`, without a line in the log.
-TEST_F(WanCommonInterfaceConfig, CountsNothingWhereTheReplyHasNoCounter) {
+TEST_F(WanCommonInterfaceConfig, ReportsZeroWhenTheReplyHasNoCounter) {
   platform.answer(interfaceTable, lm::cmd::readObject, record());
   EXPECT_EQ(value("TotalBytesSent"), "0");
   EXPECT_EQ(log, "");
@@ -220,7 +220,7 @@ TEST_F(WanCommonInterfaceConfig, ReadsTheStatisticsInTheOrderOfTheAnswer) {
                                       {"Uptime", "1000"}}));
 }
 
-TEST_F(WanCommonInterfaceConfig, TakesAnotherRecord) {
+TEST_F(WanCommonInterfaceConfig, UsesTheRecordThatItIsGivenLater) {
   count(1, 2, 3, 4);
   lm::message other;
   other.insert_u32(0xfe0001, 9);

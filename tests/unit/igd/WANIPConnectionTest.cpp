@@ -146,7 +146,7 @@ TEST_F(WanIpConnection, AnswersItsTypeAndNatState) {
 // seconds.
 // Promise: The uptime is that of the router at the moment of the read; a change of the status does
 // not reset it.
-TEST_F(WanIpConnection, AnswersItsStatusWithTheUptimeOfThisMoment) {
+TEST_F(WanIpConnection, AnswersItsStatusWithTheCurrentUptime) {
   const auto statusInfo = [](const std::string& status, const std::string& uptime) {
     return ok("GetStatusInfo", {{"NewConnectionStatus", status},
                                 {"NewLastConnectionError", "ERROR_NONE"},

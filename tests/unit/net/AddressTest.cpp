@@ -12,7 +12,7 @@ TEST(Address, ReadsAndWritesAddressesInNetworkByteOrder) {
 }
 
 // Promise: A text that is no address, the empty one too, reads as all ones.
-TEST(Address, GivesAllOnesForNoAddress) {
+TEST(Address, ReturnsAllOnesForTextThatIsNoAddress) {
   for (const char* text : {"", "x", "256.0.0.1", "1.2.3.4.5", "10.0.0.1x"}) {
     EXPECT_EQ(strtoip(text), 0xFFFFFFFF) << text;
   }

@@ -169,7 +169,7 @@ TEST_F(SocketsTest, ServesThePortOfTheArgument) {
   EXPECT_EQ(boundTo(fd), "0.0.0.0:80");
 }
 
-TEST_F(SocketsTest, FailsOnADeviceThatIsNotThere) {
+TEST_F(SocketsTest, FailsOnADeviceThatDoesNotExist) {
   expectFailure([] { return makeUdpSocket("none0"); },
                 "udp setsockopt SO_BINDTODEVICE: No such device");
   expectFailure([] { return makeDiscoverySocket("none0", 1, 0); },
@@ -189,7 +189,7 @@ TEST_F(SocketsTest, LetsTheSystemRefuseALongName) {
 }
 
 // Promise: An empty interface name is handed to the system as it is.
-TEST_F(SocketsTest, HandsAnEmptyNameToTheSystem) {
+TEST_F(SocketsTest, PassesAnEmptyNameToTheSystem) {
   // Which takes it for "no device".
   const lm::Fd fd = make([] { return makeUdpSocket(""); });
   EXPECT_TRUE(fd.valid());
@@ -249,7 +249,7 @@ TEST_F(SocketsTest, FailsWhenItCannotListen) {
 // Promise: A multicast group that cannot be joined is the line `setsockopt IP_ADD_MEMBERSHIP: ` and
 // the error text, and no socket.
 // Also proves [ssdp-group].
-TEST_F(SocketsTest, FailsOnAnInterfaceIndexThatIsNotThere) {
+TEST_F(SocketsTest, FailsOnAnInterfaceIndexThatDoesNotExist) {
   expectFailure([] { return makeDiscoverySocket("lo", 4711, 0); },
                 "setsockopt IP_ADD_MEMBERSHIP: No such device");
 }

@@ -50,7 +50,7 @@ TEST_F(Advertiser, AnnouncesEachTargetInOrder) {
 // Promise: A goodbye is the datagram `NOTIFY * HTTP/1.1` with the fields `HOST:
 // 239.255.255.250:1900`, `NT`, `NTS: ssdp:byebye` and `USN`, in this order: neither `CACHE-CONTROL`
 // nor `LOCATION` nor `SERVER`.
-TEST_F(Advertiser, TakesBackWithoutSayingWhere) {
+TEST_F(Advertiser, SaysGoodbyeWithoutALocation) {
   EXPECT_EQ(announced({{"upnp:rootdevice", "uuid:1::upnp:rootdevice"}}, true),
             (std::vector<std::string>{"NOTIFY * HTTP/1.1\r\n"
                                       "HOST: 239.255.255.250:1900\r\n"
@@ -69,7 +69,7 @@ TEST_F(Advertiser, AnnouncesEqualTargetsOnceEach) {
 }
 
 // Promise: Where there is no target there is no datagram.
-TEST_F(Advertiser, HasNothingToSayWithoutTargets) { EXPECT_TRUE(announced({}, false).empty()); }
+TEST_F(Advertiser, SendsNothingWithoutTargets) { EXPECT_TRUE(announced({}, false).empty()); }
 
 // Promise: Announcements leave from the interface's discovery socket, so from port 1900.
 TEST_F(Advertiser, SendsFromTheDiscoverySocket) {
@@ -94,7 +94,7 @@ TEST_F(Advertiser, LogsEachFailureAndGoesOn) {
 }
 
 // Also proves [advert-period].
-TEST(AdvertInterval, IsThirtySecondsShortOfTheMaxAge) {
+TEST(AdvertInterval, IsThirtySecondsLessThanTheMaxAge) {
   EXPECT_EQ(MAX_AGE, 3600U);            // seconds
   EXPECT_EQ(ADVERT_INTERVAL, 357000U);  // hundredths of a second
 }

@@ -147,7 +147,7 @@ TEST_F(SearchResponder, ReceivesASearchAndItsSender) {
 
 // Promise: One datagram is handled at a time; those that wait are answered in the order in which
 // they came.
-TEST_F(SearchResponder, ReceivesOneDatagramACall) {
+TEST_F(SearchResponder, ReceivesOneDatagramPerCall) {
   lanHostMulticasts(searchWith("upnp:rootdevice", "first"));
   lanHostMulticasts(searchWith("upnp:rootdevice", "second"));
   EXPECT_EQ(receiveSearch(discovery.get())->target, "first");
@@ -167,14 +167,14 @@ TEST_F(SearchResponder, ReadsTheFirst4096BytesOfADatagram) {
 }
 
 // Promise: What is no search for this router is ignored without a line in the log.
-TEST_F(SearchResponder, DropsAStrangersDatagramWithoutAWord) {
+TEST_F(SearchResponder, SilentlyDropsADatagramThatIsNoSearch) {
   lanHostMulticasts("what is this");
   EXPECT_EQ(logged([&] { EXPECT_FALSE(receiveSearch(discovery.get())); }), "");
 }
 
 // Promise: An empty datagram, or a failure to receive one, logs `search recvfrom failed`, and the
 // next search is answered.
-TEST_F(SearchResponder, LogsAnEmptyDatagramOrNone) {
+TEST_F(SearchResponder, LogsAnEmptyDatagramAndAFailureToReceive) {
   lanHostMulticasts("");
   lanHostMulticasts(search);
   EXPECT_EQ(logged([&] { EXPECT_FALSE(receiveSearch(discovery.get())); }),
@@ -207,7 +207,7 @@ TEST_F(SearchResponder, AnswersWithEachEntryOfTheTarget) {
 
 // Promise [search-target]: A search for a target that the router does not have, in this spelling
 // and case, gets no reply.
-TEST_F(SearchResponder, DoesNotAnswerForATargetThatItHasNot) {
+TEST_F(SearchResponder, DoesNotAnswerForAnUnknownTarget) {
   for (const char* target : {"urn:y", "URN:X", "urn:", "urn:x ", "", "ssdp:ALL"}) {
     EXPECT_TRUE(answersTo(target).empty()) << target;
   }
@@ -215,7 +215,7 @@ TEST_F(SearchResponder, DoesNotAnswerForATargetThatItHasNot) {
 
 // Promise [search-reply-port]: Replies go to the address and port that asked, from a new UDP socket
 // on the same interface, not from port 1900, and the socket is closed again.
-TEST_F(SearchResponder, AnswersFromASocketOfItsOwnWhichItCloses) {
+TEST_F(SearchResponder, AnswersFromItsOwnSocketAndClosesIt) {
   const size_t before = lm::test::openDescriptors();
   answerSearch({"upnp:rootdevice", self}, "lo", gatewayAddress, targets);
   EXPECT_EQ(lm::test::openDescriptors(), before);
@@ -224,7 +224,7 @@ TEST_F(SearchResponder, AnswersFromASocketOfItsOwnWhichItCloses) {
 
 // Promise: A reply socket that cannot be bound to the interface is reported, even when there is
 // nothing to reply.
-TEST_F(SearchResponder, OpensItsSocketOnTheInterfaceEvenForNoAnswer) {
+TEST_F(SearchResponder, OpensItsSocketOnTheInterfaceEvenWithoutAnAnswer) {
   EXPECT_EQ(logged([&] {
               answerSearch({"urn:y", self}, "none0", gatewayAddress, targets);
             }),
@@ -239,7 +239,7 @@ TEST_F(SearchResponder, OpensItsSocketOnTheInterfaceEvenForNoAnswer) {
 
 // Promise: A reply that cannot be sent logs `search sendto failed`, and the remaining replies are
 // sent.
-TEST_F(SearchResponder, SendsTheOtherAnswersBehindAFailure) {
+TEST_F(SearchResponder, SendsTheOtherAnswersAfterAFailure) {
   SearchTargets some = {{"a", std::string(70000, 'x')}, {"b", "uuid:1"}};
   EXPECT_EQ(logged([&] {
               answerSearch({"ssdp:all", self}, "lo", gatewayAddress, some);

@@ -40,7 +40,7 @@ class CallbackUrl : public testing::Test {
 // Promise: The path of a callback is everything from its first `/` on, with its query.
 // Promise [subscribe-port-bits]: The port of a callback is not judged: it is cut to 16 bits, and
 // what is no number is 0.
-TEST_F(CallbackUrl, IsTakenApart) {
+TEST_F(CallbackUrl, IsSplitIntoAddressPortAndPath) {
   const struct {
     const char* url;
     uint16_t port;
@@ -85,7 +85,7 @@ TEST_F(CallbackUrl, TakesTheAddressZeroWithoutAskingTheResolver) {
 // else 412.
 // Promise [subscribe-control]: A callback with control characters, which could break the lines of a
 // NOTIFY, gets 412.
-TEST_F(CallbackUrl, IsRefusedWhenItIsNone) {
+TEST_F(CallbackUrl, IsRefusedWhenItIsInvalid) {
   const struct {
     const char* url;
     const char* why;
@@ -124,7 +124,7 @@ TEST_F(CallbackUrl, IsRefusedWhenItsHostNameHasNoAddress) {
 
 // Promise [subscribe-name-zero]: An answer without an address, or with the address 0.0.0.0, gets
 // 412 without a line in the log.
-TEST_F(CallbackUrl, IsRefusedWhenTheResolverSaysNothing) {
+TEST_F(CallbackUrl, IsRefusedWhenTheResolverAnswersWithoutAnAddress) {
   platform.answer({14}, resolve, {});
   EXPECT_FALSE(parse("http://nowhere.lan/x"));
   EXPECT_EQ(log.text(), "");

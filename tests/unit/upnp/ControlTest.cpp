@@ -297,7 +297,7 @@ TEST_F(Control, RunsAHandlerWithoutArguments) {
   EXPECT_EQ(log, "action: Reset\n");
 }
 
-TEST_F(Control, HandsAnEmptyArgumentThroughAsEmpty) {
+TEST_F(Control, PassesAnEmptyArgumentAsEmpty) {
   EXPECT_EQ(invoke("Set", "<NewBrightness></NewBrightness><NewColour>red</NewColour>"),
             response("Set", "\r\n      <OldBrightness>50</OldBrightness>\r\n    "));
   EXPECT_EQ(lamp.calls, (std::vector<Values>{{"", "red"}}));
@@ -312,7 +312,7 @@ TEST_F(Control, GivesAnEmptyArgumentTheLastTextBeforeIt) {
 }
 
 // Promise: An argument or action name with line ends is one line of the log.
-TEST_F(Control, LogsOneLineForAnActionNameOfSeveral) {
+TEST_F(Control, LogsOneLineForAnActionNameOfSeveralLines) {
   SoapRequest request = actionRequest(lampType, "Get");
   request.soapAction = "Get\nexit";
   EXPECT_EQ(post(request), badRequest);
@@ -371,7 +371,7 @@ TEST_F(Control, FaultsAHandlerThatReturnsTooFewOrTooManyValues) {
 }
 
 // Promise: Results are not judged by their variables.
-TEST_F(Control, DoesNotJudgeOutValues) {
+TEST_F(Control, DoesNotCheckOutValues) {
   lamp.answer = {"dazzling"};
   EXPECT_EQ(invoke("Set", goodArguments),
             response("Set", "\r\n      <OldBrightness>dazzling</OldBrightness>\r\n    "));
@@ -425,7 +425,7 @@ TEST_F(Control, RefusesAQueryWithoutItsElements) {
   EXPECT_EQ(log, "POST: query variable xml var name bad\n");
 }
 
-TEST_F(Control, TakesAQueryOfAnotherNamespaceForAnAction) {
+TEST_F(Control, TreatsAQueryOfAnotherNamespaceAsAnAction) {
   SoapRequest request = variableRequest("Brightness");
   request.soapAction = "\"" + lampType + "#QueryStateVariable\"";
   EXPECT_EQ(post(request), fault(401, "Invalid Action"));

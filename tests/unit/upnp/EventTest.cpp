@@ -133,7 +133,7 @@ TEST_F(Events, GoOnWhenTheInitialOneIsDropped) {
 // Promise [event-change]: A change is sent as one property, to the subscribers of that service
 // only.
 // Promise: Each property that is written logs `notify: <name> = '<value>'`.
-TEST_F(Events, TellOfAChangedVariable) {
+TEST_F(Events, ReportAChangedVariable) {
   Subscriber subscriber(platform);
   subscribeAndHear(subscriber);
   lamp->setVar("State", "On");
@@ -146,7 +146,7 @@ TEST_F(Events, TellOfAChangedVariable) {
 // Promise: Setting a value that a variable has already sends no event.
 // Promise: Setting the empty text where there was no value sends no event.
 // Promise: A variable that is not evented never sends an event.
-TEST_F(Events, TellNothingOfWhatDidNotChangeOrIsNotEvented) {
+TEST_F(Events, LeaveOutWhatDidNotChangeOrIsNotEvented) {
   Subscriber subscriber(platform);
   subscribeAndHear(subscriber);
   lamp->setVar("State", "Off");
@@ -158,7 +158,7 @@ TEST_F(Events, TellNothingOfWhatDidNotChangeOrIsNotEvented) {
 
 // Promise [event-value]: The value sent is that of the moment of writing: of two quick changes both
 // deliveries carry the second value, with consecutive SEQ.
-TEST_F(Events, CarryTheValueOfTheMomentTheyAreWritten) {
+TEST_F(Events, CarryTheValueAtTheTimeTheyAreWritten) {
   Subscriber subscriber(platform);
   subscribeAndHear(subscriber);
   lamp->setVar("Colour", "blue");
@@ -250,7 +250,7 @@ TEST_F(Events, JudgeTheReplyByItsFirstPiece) {
 
 // Promise [event-timeout]: A delivery that has no answer 30 seconds after its start is given up and
 // logs `notify timeout`.
-TEST_F(Events, AreGivenUpWhenNobodyAnswersForThirtySeconds) {
+TEST_F(Events, AreGivenUpWhenTheSubscriberDoesNotAnswerForThirtySeconds) {
   Subscriber subscriber(platform);
   takeInitialEvent(subscriber);
   platform.advance(30s - initialDelay - 10ms);
@@ -280,7 +280,7 @@ TEST_F(Events, AreGivenUpWhenTheConnectionIsNotMadeInThirtySeconds) {
   EXPECT_EQ(renew(sid).startLine, "HTTP/1.1 200 OK");
 }
 
-TEST_F(Events, HearAReplyThatArrivedWhileACallbackTookThirtySeconds) {
+TEST_F(Events, AcceptAReplyThatArrivedWhileACallbackTookThirtySeconds) {
   struct Busy {
     void ready(int fd) {
       lm::test::readAvailable(fd);
@@ -304,7 +304,7 @@ TEST_F(Events, HearAReplyThatArrivedWhileACallbackTookThirtySeconds) {
 // Promise [event-reset]: A subscriber that closes or resets without an answer is reported with
 // `notify reply read failed`, at once and then at most ten times a second, until the 30 seconds are
 // over.
-TEST_F(Events, ReportASubscriberThatClosesUnansweredAgainAndAgainUntilTheirTimeIsOver) {
+TEST_F(Events, ReportASubscriberThatClosesUnansweredUntilTheTimeLimit) {
   Subscriber subscriber(platform);
   takeInitialEvent(subscriber);
   subscriber.connection.reset();
@@ -355,7 +355,7 @@ TEST_F(Events, ReportASocketThatCannotBeMade) {
 
 // Promise: A socket that cannot be made non-blocking logs `fcntl O_NONBLOCK: ` with the error text,
 // and nothing is delivered.
-TEST_F(Events, ReportASocketThatCannotBeSwitchedToNotBlocking) {
+TEST_F(Events, ReportASocketThatCannotBeMadeNonBlocking) {
   Subscriber subscriber(platform);
   whileRefused({SCMP_SYS(fcntl), F_SETFL, O_NONBLOCK}, EINVAL, [&] { subscribe(subscriber); });
   EXPECT_EQ(linesOf("fcntl O_NONBLOCK: Invalid argument"), 1);
@@ -364,7 +364,7 @@ TEST_F(Events, ReportASocketThatCannotBeSwitchedToNotBlocking) {
 
 // Promise: A socket that cannot be made blocking again logs `fcntl 0: ` with the error text and
 // `notify timeout`.
-TEST_F(Events, AreDroppedWhenTheSocketCannotBeSwitchedToBlocking) {
+TEST_F(Events, AreDroppedWhenTheSocketCannotBeMadeBlocking) {
   Subscriber subscriber(platform);
   subscribe(subscriber);
   platform.turn();
@@ -375,7 +375,7 @@ TEST_F(Events, AreDroppedWhenTheSocketCannotBeSwitchedToBlocking) {
 
 // Promise: A NOTIFY is written once: one that is interrupted before anything was taken logs `write
 // failed` and `notify timeout`.
-TEST_F(Events, AreWrittenOnceOnly) {
+TEST_F(Events, AreWrittenOnlyOnce) {
   Subscriber subscriber(platform);
   subscribe(subscriber);
   ASSERT_TRUE(subscriber.accept());
@@ -390,7 +390,7 @@ TEST_F(Events, AreWrittenOnceOnly) {
 // Promise: A NOTIFY whose connection cannot be given a send buffer or a time limit logs `setsockopt
 // SO_SNDBUF: ` or `setsockopt SO_SNDTIMEO: ` with the error text, `write failed` and `notify
 // timeout`.
-TEST_F(Events, AreDroppedWhenTheWriteCouldHaveToWait) {
+TEST_F(Events, AreDroppedWhenTheWriteCouldBlock) {
   Subscriber subscriber(platform);
   subscribe(subscriber);
   ASSERT_TRUE(subscriber.accept());
@@ -441,7 +441,7 @@ TEST_F(Events, OfAVariableThatLostItsValueAreDropped) {
 }
 
 // Promise: Whether a variable is evented is not looked at again when its event is written.
-TEST_F(Events, OfAVariableThatIsNoLongerEventedAreSentAllTheSame) {
+TEST_F(Events, OfAVariableThatIsNoLongerEventedAreStillSent) {
   Subscriber subscriber(platform);
   subscribeAndHear(subscriber);
   lamp->setVar("Brightness", "10");

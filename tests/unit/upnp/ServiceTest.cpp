@@ -33,7 +33,7 @@ TEST(Service, StartsWithEmptyTables) {
 }
 
 // Promise: Reading a variable that is unknown or has no value gives the empty text.
-TEST(Service, GivesEmptyTextForAVariableThatIsUnknownOrHasNoValue) {
+TEST(Service, ReturnsEmptyTextForAVariableThatIsUnknownOrHasNoValue) {
   Lamp lamp;
   lamp.addVar("Brightness", {VAR_UI2, true});
   EXPECT_EQ(lamp.getVar("Brightness"), "");
@@ -50,7 +50,7 @@ TEST(Service, SetsAVariable) {
 }
 
 // Promise: A value that the router itself sets is not judged by the list of allowed values.
-TEST(Service, SetsAVariableWithoutJudgingTheValue) {
+TEST(Service, SetsAVariableWithoutCheckingTheValue) {
   Lamp lamp;
   lamp.addVar("State", {makeContainer("On", "Off"), true});
   lamp.setVar("State", "Broken");
@@ -91,7 +91,7 @@ TEST(Service, ReplacesAVariableThatIsRegisteredTwice) {
 }
 
 // Promise: Variables are listed in the byte order of their names.
-TEST(Service, ListsVariablesInTheOrderOfTheBytesOfTheirNames) {
+TEST(Service, SortsVariablesByTheBytesOfTheirNames) {
   Lamp lamp;
   for (const char* name : {"b", "a", "Z", "ab"}) lamp.addVar(name, {VAR_UI4, false});
   Values names;
@@ -139,7 +139,7 @@ TEST(Service, NamesTheArgumentsOfAReadActionAfterItsVariables) {
 }
 
 // Promise: An action that only reads uses the names it was given, where it was given some.
-TEST(Service, KeepsTheArgumentNamesThatAReadActionBrings) {
+TEST(Service, KeepsTheArgumentNamesGivenForAReadAction) {
   Lamp lamp;
   lamp.addAct("GetAll", {"X_Uptime"}, {"Uptime"});
   EXPECT_EQ(lamp.getActions().at("GetAll").outArgs, Values{"Uptime"});

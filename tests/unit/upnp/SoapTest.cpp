@@ -9,7 +9,7 @@
 namespace {
 
 // Also proves [soap-prefix].
-TEST(Soap, LocalNameIsWhatStandsBehindTheLastColon) {
+TEST(Soap, LocalNameIsWhatFollowsTheLastColon) {
   EXPECT_EQ(localName("s:Body"), "Body");
   EXPECT_EQ(localName("Body"), "Body");
   EXPECT_EQ(localName("a:b:Body"), "Body");
@@ -39,7 +39,7 @@ TEST(Soap, ResponseIsAnEnvelopeWithoutAnXmlDeclaration) {
 }
 
 // Promise: DATE is the time of the reply.
-TEST(Soap, ResponseSaysWhenItWasMade) {
+TEST(Soap, ResponseHasItsDate) {
   const HTTPMessage reply = soapResponse(HTTP_OK, XMLNode("x"));
   const std::string date = reply.getField("DATE");
   EXPECT_EQ(date.size(), std::string("Fri, 02 Jan 1970 00:00:00 GMT").size()) << date;
@@ -49,7 +49,7 @@ TEST(Soap, ResponseSaysWhenItWasMade) {
 // Promise [fault]: A fault is a reply 500 with `s:Fault`: `faultCode` `s:Client`, `faultString`
 // `UPnPError`, in this mixed case, then `detail` with a `UPnPError` in the namespace
 // `urn:schemas-upnp-org:control-1-0` that holds `errorCode` and `errorDescription`.
-TEST(Soap, FaultSaysCodeAndDescription) {
+TEST(Soap, FaultHasCodeAndDescription) {
   EXPECT_EQ(bytesOf(soapFault(UPNP_CONFLICT_IN_MAPPING_ENTRY)),
             wholeReply("500 Internal Server Error", faultBody(718, "ConflictInMappingEntry"),
                        SERVER_STRING));

@@ -51,7 +51,7 @@ TEST(GrantedTime, LiesBetweenHalfAnHourAndADay) {
 }
 
 // Promise [event-seq-wrap]: SEQ goes from 4294967295 to 1; 0 is used once.
-TEST(SubscriptionSeq, GoesFromTheLargestNumberToOneAndNeverToZeroAgain) {
+TEST(SubscriptionSeq, WrapsToOneAndNeverToZero) {
   EventedLamp lamp;
   Subscription subscription(lamp, "uuid:1");
   EXPECT_EQ(subscription.takeSeq(), 0U);
@@ -157,7 +157,7 @@ TEST_F(Subscriptions, TakeTheFirstOfSeveralCallbacks) {
 // the port and path; a second one gets 412 until the first has ended.
 // Promise: One refused for the number or the address has logged its `callback addr: ` line, but no
 // `subscribe: ` line.
-TEST_F(Subscriptions, HoldOnePerAddressWhateverThePortAndPath) {
+TEST_F(Subscriptions, AreOnePerAddressWhateverThePortAndPath) {
   const Subscriber subscriber(platform);
   const Subscriber otherPort(platform);
   const std::string sid = subscribe(subscriber);
@@ -230,7 +230,7 @@ TEST_F(Subscriptions, EndAfterTheGrantedTime) {
 }
 
 // Also proves [renewal].
-TEST_F(Subscriptions, LiveAnewFromTheirRenewalOn) {
+TEST_F(Subscriptions, LastTheirWholeTimeFromTheRenewalOn) {
   const std::string sid = subscribe(Subscriber(platform));
   platform.advance(1799s);
   renew(sid, "Second-3600");

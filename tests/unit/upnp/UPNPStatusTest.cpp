@@ -33,7 +33,7 @@ TEST(UpnpStatus, HasTheDescriptionsOfTheUpnpForum) {
 }
 
 // Promise: A fault of any other code has an empty description.
-TEST(UpnpStatus, DescribesNeitherSuccessNorACodeThatItDoesNotKnow) {
+TEST(UpnpStatus, DescribesNeitherSuccessNorAnUnknownCode) {
   EXPECT_EQ(upnpStatusText(UPNP_SUCCESS), "");
   for (const int code : {999, 400, 717, -1}) {
     EXPECT_EQ(upnpStatusText(static_cast<UPNPStatus>(code)), "") << code;

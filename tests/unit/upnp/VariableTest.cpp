@@ -20,7 +20,7 @@ void expectValidity(const Variable& variable, const std::vector<Sample>& samples
   }
 }
 
-TEST(Variable, HasNothingWhenItIsMade) {
+TEST(Variable, StartsWithoutValueOrRange) {
   const Variable number(VAR_UI2, true);
   EXPECT_TRUE(number.evented);
   EXPECT_EQ(number.type, VAR_UI2);
@@ -147,7 +147,7 @@ TEST(Variable, TakesOneOfTheAllowedTexts) {
 }
 
 // Promise: A string argument without such a list is any text, the empty one too.
-TEST(Variable, TakesAnyTextWhenNoneIsNamed) {
+TEST(Variable, TakesAnyTextWithoutAllowedTexts) {
   for (const Variable& text : {Variable(VAR_STRING, false), Variable(makeContainer(), false)}) {
     EXPECT_TRUE(text.isValid(""));
     EXPECT_TRUE(text.isValid("<any> & \"thing\""));
@@ -163,7 +163,7 @@ TEST(Variable, OfAnUnknownTypeTakesNothing) {
 
 // Promise: A variable without a value is left out of events and answers a query with a fault.
 // Promise: An empty text is a value.
-TEST(Variable, GivesNoValueUntilItHasOne) {
+TEST(Variable, HasNoValueUntilOneIsSet) {
   Variable variable(VAR_STRING, false);
   std::string out = "untouched";
   EXPECT_FALSE(variable.getValue(out));

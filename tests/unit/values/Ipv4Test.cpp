@@ -25,7 +25,7 @@ TEST(Ipv4AddressTest, IsWrittenAsItIsRead) {
   }
 }
 
-TEST(Ipv4AddressTest, IsReadFromNothingElse) {
+TEST(Ipv4AddressTest, IsReadFromNoOtherText) {
   for (const char* text :
        {"", "1", "1.2.3", "1.2.3.", "1.2.3.4.", "1.2.3.4.5", "1.2.3.256", "1.2.3.04", "1.2.3.-4",
         "+1.2.3.4", " 1.2.3.4", "1.2.3.4 ", "0x1.2.3.4", "1..2.3", "1.2.3.99999999999"}) {
@@ -62,7 +62,7 @@ TEST(Ipv4NetworkTest, IsWrittenAsItIsRead) {
   EXPECT_EQ(Ipv4Network::parse("10.0.0.1"), Ipv4Network(Ipv4Address(10, 0, 0, 1), 32));
 }
 
-TEST(Ipv4NetworkTest, IsReadFromNothingElse) {
+TEST(Ipv4NetworkTest, IsReadFromNoOtherText) {
   for (const char* text : {"", "10.0.0.0/", "10.0.0.0/33", "10.0.0.0/024", "10.0.0/8",
                            "10.0.0.0/8 ", "10.0.0.0/8/8", "/8"}) {
     EXPECT_FALSE(Ipv4Network::parse(text)) << text;

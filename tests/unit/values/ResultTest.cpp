@@ -42,7 +42,7 @@ TEST(ResultTest, OfNothingIsSuccessUnlessThereIsAReason) {
   EXPECT_EQ(failed.why(), "no room");
 }
 
-TEST(ResultTest, OfTextTellsAValueFromAReason) {
+TEST(ResultTest, OfTextDistinguishesAValueFromAReason) {
   EXPECT_TRUE(Result<std::string>(std::string("text")));
   EXPECT_FALSE(Result<std::string>(Failure{"text"}));
 }
