@@ -10,8 +10,7 @@ from support.administrator import run_inside
 from support.check_case import CheckCase, finding
 from support.network import LAN_BRIDGE, WAN_LINK
 from support.router import PROGRAMS, SERVICE_USER
-
-NOBODY = 65534
+from support.users import NOBODY
 
 
 class CheckTest(CheckCase):

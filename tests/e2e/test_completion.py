@@ -14,7 +14,7 @@ BASH = PROGRAMS.parent / "packaging" / "lumenctl.bash"
 ZSH = PROGRAMS.parent / "packaging" / "lumenctl.zsh"
 LIMIT = 60
 
-# compopt works in a shell that completes for somebody only.
+# compopt works only in a shell that completes interactively.
 ASK_BASH = """
 compopt() { :; }
 . "$1"

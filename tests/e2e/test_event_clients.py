@@ -1,4 +1,4 @@
-"""Control points that nobody here wrote subscribe to the gateway's events and miss none."""
+"""Third-party control points subscribe to the gateway's events and miss none."""
 
 import contextlib
 import os
@@ -19,7 +19,7 @@ LIMIT = 20.0
 
 
 class EventClient:
-    """A running program that prints what it is told."""
+    """A running program that prints the events that it receives."""
 
     def __init__(self, namespace, *command):
         self._process = namespace.popen(*command, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
@@ -27,7 +27,7 @@ class EventClient:
         self._output = b""
 
     def heard(self):
-        """The variables and values so far, in order."""
+        """The variables and values received, in order."""
         self._output += self._process.stdout.read() or b""
         lines = self._output.decode().split("\n")[:-1]
         return [tuple(line.split(" ", 1)) for line in lines]
@@ -86,7 +86,7 @@ class EventClientTest(RouterCase):
         self.wait_until(lambda: count() > before, f"the gateway says {line!r}", limit=20.0)
 
     def missed_by(self, client, run):
-        """What the client should hear and does not, when a port is opened and closed."""
+        """The events that the client misses when a port is opened and closed."""
         expected = [("ConnectionStatus", "Connected"), ("ExternalIPAddress", WAN_ADDRESS),
                     (PORTS, "1" if run else "0"), ("PossibleConnectionTypes", "IP_Routed")]
         missed = []
@@ -107,7 +107,7 @@ class EventClientTest(RouterCase):
         return missed
 
     def wait_briefly(self, condition):
-        with contextlib.suppress(AssertionError):  # what was missed is told at the end
+        with contextlib.suppress(AssertionError):  # what was missed is reported at the end
             self.wait_until(condition, "an event", LIMIT)
 
 

@@ -1,4 +1,4 @@
-"""What a subscriber on the LAN is told when the router's links, addresses and ports change."""
+"""The events that a LAN host gets when the router's links, addresses and ports change."""
 
 import unittest
 
@@ -24,8 +24,8 @@ class EventTest(RouterCase):
     def assert_nothing_was_missed(self):
         self.assertEqual([event.seq for event in self.events], list(range(len(self.events))))
 
-    def assert_told(self, **changes):
-        """The subscriber is told all these values."""
+    def assert_notified(self, **changes):
+        """The subscriber gets all these values."""
         while changes:
             event = self.subscriber.event(limit=10.0)
             self.events.append(event)
@@ -42,40 +42,40 @@ class EventTest(RouterCase):
     # of mappings change, because the kernel changed.
     def test_the_external_address_changes(self):
         self.ip("address", "delete", f"{WAN_ADDRESS}/24", "dev", WAN_LINK)
-        self.assert_told(ExternalIPAddress="0.0.0.0")
+        self.assert_notified(ExternalIPAddress="0.0.0.0")
         self.ip("address", "add", "45.45.45.9/24", "dev", WAN_LINK)
-        self.assert_told(ExternalIPAddress="45.45.45.9")
+        self.assert_notified(ExternalIPAddress="45.45.45.9")
 
     def test_the_link_goes_down_and_up(self):
         for _ in range(2):
             self.wan.namespace.ip("link", "set", "eth0", "down")
-            self.assert_told(ConnectionStatus="Connecting", ExternalIPAddress="0.0.0.0")
+            self.assert_notified(ConnectionStatus="Connecting", ExternalIPAddress="0.0.0.0")
             self.wan.namespace.ip("link", "set", "eth0", "up")
-            self.assert_told(ConnectionStatus="Connected", ExternalIPAddress=WAN_ADDRESS)
+            self.assert_notified(ConnectionStatus="Connected", ExternalIPAddress=WAN_ADDRESS)
 
     # Promise: After RequestConnection the status becomes `Connected` when the platform says that
     # the interface runs.
     def test_a_control_point_takes_the_wan_side_down_and_up(self):
         self.lan[0].invoke("ForceTermination")
-        self.assert_told(ConnectionStatus="Disconnected")
+        self.assert_notified(ConnectionStatus="Disconnected")
         self.assertEqual(self.router.interface(WAN_LINK)["state"], "down")
         self.lan[0].invoke("RequestConnection")
-        self.assert_told(ConnectionStatus="Connected")
+        self.assert_notified(ConnectionStatus="Connected")
         self.assertEqual(self.router.interface(WAN_LINK)["state"], "running")
 
     def test_a_control_point_requests_a_connection_that_is_up(self):
         self.lan[0].invoke("RequestConnection")
-        self.assert_told(ConnectionStatus="Connected")
+        self.assert_notified(ConnectionStatus="Connected")
 
     def test_ports_are_opened_and_closed(self):
         host = self.lan[0]
         host.upnpc("-a", host.address, "80", "8080", "tcp")
-        self.assert_told(PortMappingNumberOfEntries="2")  # with the dummy
+        self.assert_notified(PortMappingNumberOfEntries="2")  # with the dummy
         exchange_tcp(self.wan, WAN_ADDRESS, 8080, host, 80)
         host.upnpc("-a", host.address, "81", "8081", "tcp")
-        self.assert_told(PortMappingNumberOfEntries="3")
+        self.assert_notified(PortMappingNumberOfEntries="3")
         host.upnpc("-d", "8080", "tcp")
-        self.assert_told(PortMappingNumberOfEntries="2")
+        self.assert_notified(PortMappingNumberOfEntries="2")
 
     def test_a_subscriber_that_leaves_gets_no_more_events(self):
         self.subscriber.unsubscribe()

@@ -23,12 +23,12 @@ OVERRUN = "interfaces: changes were lost, reading everything again: No buffer sp
 
 NO_DESCRIPTORS = "accept: Too many open files"
 
-# Netlink groups (linux/rtnetlink.h) of links and IPv4 addresses: the socket that hears of changes.
+# Netlink groups (linux/rtnetlink.h) of links and IPv4 addresses: the socket that receives changes.
 CHANGES = 0x1 | 0x10
 
 
 class LostChangesTest(RouterCase):
-    """lumend stands still until the kernel has to drop what it tells of links and addresses."""
+    """lumend is stopped until the kernel has to drop changes of links and addresses."""
 
     def setUp(self):
         super().setUp()
@@ -70,7 +70,7 @@ class LostChangesTest(RouterCase):
                  for change in ("add", "del") for n in range(1, 251)] * 4
         while not self.drops():
             self.ip_batch(*flood)
-        # From here on lumend is told of nothing.
+        # From here on the kernel drops every change.
         self.ip_batch(
             f"address del {WAN_ADDRESS}/24 dev {WAN_LINK}",
             f"address add {NEW_WAN_ADDRESS}/24 dev {WAN_LINK}",
@@ -89,7 +89,7 @@ class LostChangesTest(RouterCase):
         self.assertEqual(sorted(a["address"] for a in self.router.ask("address", "list")),
                          sorted(sum(expected.values(), [])))
 
-        # The gateway has heard of what matters to it, and serves at its old address.
+        # The gateway was notified of what matters to it, and serves at its old address.
         host = self.lan[0]
         self.wait_until(lambda: host.invoke("GetExternalIPAddress")["NewExternalIPAddress"] ==
                         NEW_WAN_ADDRESS, "the gateway has the new external address")
@@ -98,7 +98,7 @@ class LostChangesTest(RouterCase):
         host.open_port(8081, "TCP")
         exchange_tcp(self.wan, NEW_WAN_ADDRESS, 8081, host, 8081)
 
-        # Changes are heard of one by one again.
+        # Changes arrive one by one again.
         self.network.router.ip("address", "del", "10.9.2.1/24", "dev", "new0")
         self.wait_until(lambda: self.links()["new0"] == [], "the change is seen")
         self.assertEqual(self.router.log().count("changes were lost"), 1)
@@ -159,7 +159,7 @@ class DescriptorTest(RouterCase):
         self.assertLess(processor_time(pid) - computed, self.SHARE * elapsed)
 
     def assert_let_go(self, pid, before):
-        """The process has no more descriptors than before it had the clients."""
+        """The process has no more descriptors than before the clients came."""
         self.wait_until(lambda: len(descriptors(pid)) <= before, "nothing is left of the clients")
 
     def test_a_gateway_that_ran_out_of_descriptors_serves_again_when_some_are_free(self):

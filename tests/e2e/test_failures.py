@@ -1,4 +1,4 @@
-"""What is left when a program of the router ends otherwise than it should, or somebody meddles."""
+"""What is left when a program of the router dies, or another program interferes."""
 
 import os
 import select

@@ -60,7 +60,7 @@ class FairnessTest(RouterCase):
         wait_until(lambda: router.log().count(FAILED) >= 3, "all three fail")
 
     def asker(self, router):
-        """A function that asks the router over a connection of its own, and returns how long that
+        """A function that asks the router over its own connection, and returns how long that
         took in seconds."""
         host = router.network.lan[0]
         body = soap_envelope(ACTION, service=CONNECTION_SERVICE)

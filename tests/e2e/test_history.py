@@ -1,4 +1,4 @@
-"""What was changed on the router, and how it is taken back."""
+"""What was changed on the router, and how it is undone."""
 
 import socket
 import time

@@ -50,7 +50,7 @@ class LumenctlTest(RouterCase):
                 out, err = process.communicate(timeout=30)
             return process.returncode, out, err
 
-        # Where nobody ever answers, so that it must not ask there first.
+        # No program answers there, so lumenctl must not ask there first.
         with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as listener:
             listener.bind(str(root / "deaf/run/lumen.sock"))
             listener.listen(8)

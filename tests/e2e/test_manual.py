@@ -14,7 +14,7 @@ OF_ALL = {"--help", "--json", "--root", "--version"}
 class ManualTest(unittest.TestCase):
     def setUp(self):
         self.page = PAGE.read_text()
-        # "nat policy show" to what stands behind it, of lines like ".It Cm nat list , nat show".
+        # "nat policy show" to what follows it, of lines like ".It Cm nat list , nat show".
         self.items = {}
         for line in re.findall(r"^\.It Cm (.+)$", self.page, re.M):
             for item in line.split(" , "):

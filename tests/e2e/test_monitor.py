@@ -34,7 +34,7 @@ class MonitorTest(RouterCase):
         return process
 
     def lines(self):
-        """The whole lines so far."""
+        """The complete lines printed since the start."""
         return self.printed.read_text().split("\n")[:-1]
 
     def ended(self, process):

@@ -197,8 +197,8 @@ class PortTest(RouterCase):
         self.assertIn("Server: Palinode/", seen)
         self.assertIn("Location: http://192.168.88.1:2828/gateway.xml", seen)
         self.assertIn("Name: Kestrava Router", seen)
-        # The script for one host hears answers from port 1900 only; ours come from another.
-        # All that it can see is that somebody listens.
+        # The script for one host takes answers only from port 1900; ours come from another.
+        # All that it can see is that a program listens.
         seen = nmap("nmap", "-sU", "-p", "1900", "-Pn", "-n", "--script", "upnp-info",
                     "192.168.88.1")
         self.assertRegex(seen, r"1900/udp open\|filtered upnp")

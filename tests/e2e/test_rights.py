@@ -88,7 +88,7 @@ class AdministratorsTest(RouterCase):
         super().setUp()
 
     def run_as(self, group, groups, *arguments):
-        """lumenctl of a user whom nobody knows: exit status, output and errors."""
+        """lumenctl of an unknown user: exit status, output and errors."""
         done = subprocess.run([self.lumenctl, "--root", self.router.root, *arguments], user=NOBODY,
                               group=group, extra_groups=groups, stdin=subprocess.DEVNULL,
                               capture_output=True, text=True, timeout=30, check=False)

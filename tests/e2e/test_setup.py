@@ -1,4 +1,4 @@
-"""lumenctl upnp setup, which is not told the roles of the interfaces."""
+"""lumenctl upnp setup without the roles of the interfaces."""
 
 import unittest
 

@@ -167,7 +167,7 @@ class WatchTest(TerminalCase):
         with subprocess.Popen([*command, "--json"], stdout=subprocess.PIPE, text=True) as program:
             for _ in range(2):
                 self.assertEqual(json.loads(program.stdout.readline())["gateway"], "on")
-            program.stdout.close()  # nobody reads it any more
+            program.stdout.close()  # its reader has gone
             self.assertIn(program.wait(timeout=30), (0, 1))
 
     # Also proves [ctl-watch-lost].

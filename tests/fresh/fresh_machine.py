@@ -1,4 +1,4 @@
-"""A machine that has nothing: the smallest Debian, a user, and a checkout of his."""
+"""A machine that has nothing: the smallest Debian, a user, and a checkout."""
 
 import os
 import pathlib
@@ -50,7 +50,7 @@ class FreshMachine(Closing):
         os.chown(self._cache, self._uid, -1)
 
     def _add_checkout(self):
-        """As it is here, without what was built."""
+        """Copies this checkout, without what was built."""
         target = pathlib.Path(self._folder + CHECKOUT)
         target.mkdir()
         with subprocess.Popen(["tar", "-C", TOP, "--exclude=./build", "--exclude=./build-*",

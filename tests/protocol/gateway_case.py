@@ -1,4 +1,4 @@
-"""The stage of every protocol test: a router and a LAN host, each in a namespace of its own, the
+"""The stage of every protocol test: a router and a LAN host, each in its own namespace, the
 scripted platform, and the real daemon between them."""
 
 import os
@@ -118,7 +118,7 @@ class Daemon:
         self._process.send_signal(signal.SIGTERM)
 
     def processor_time(self):
-        """Seconds that the daemon has computed so far."""
+        """Seconds of processor time that the daemon has used."""
         return processes.processor_time(self.pid)
 
     def wait(self, limit=15.0):
@@ -176,7 +176,7 @@ class GatewayCase(unittest.TestCase):
         return platform
 
     def join_lan(self, link, gateway, host):
-        """Connects a host in a namespace of its own to the router's link `link`."""
+        """Connects a host in its own namespace to the router's link `link`."""
         namespace = self.make_namespace()
         self.router.link(link, namespace, "eth0")
         self.router.ip("addr", "add", f"{gateway}/24", "dev", link)
@@ -224,7 +224,7 @@ class GatewayCase(unittest.TestCase):
         self.platform.forget_requests()
 
     def notify(self, command, source, fields):
-        """Tells the daemon, and returns when it has heard."""
+        """Notifies the daemon, and returns when it has handled that."""
         self.platform.notify(command, source, fields)
         self.platform.request(lm.CMD_GET_SETTINGS)
 
@@ -238,7 +238,7 @@ class GatewayCase(unittest.TestCase):
         self.notify(lm.CMD_INTERFACE, (20, 0), record)
 
     def log_mark(self):
-        """The index in the log behind all that the daemon has done by now. Needs a LAN side that
+        """The index in the log after everything that the daemon has done. Needs a LAN side that
         serves: it is an empty datagram that makes the mark."""
         self.lan.send_search(b"").close()
         self._mark = self.daemon.wait_for_line("search recvfrom failed", self._mark)

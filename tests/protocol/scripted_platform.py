@@ -90,7 +90,7 @@ class ScriptedPlatform:
             self._answers[tuple(path), command] = answer
 
     def requests(self, path=None, command=None):
-        """What the daemon has asked or told so far, in order, without the broker's business."""
+        """The daemon's requests and notifications in order, without those to the broker."""
         with self._changed:
             return [r for r in self._requests
                     if (r.path != BROKER if path is None else r.path == tuple(path))
@@ -137,7 +137,7 @@ class ScriptedPlatform:
         self.send_raw(lm.encode(message))
 
     def reply(self, serial, fields):
-        """Sends the daemon a reply, be it to a request of long ago or to none at all."""
+        """Sends the daemon a reply, even to an old request or to none at all."""
         self.send_raw(encode_reply(serial, fields))
 
     def send_raw(self, datagram):

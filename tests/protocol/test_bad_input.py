@@ -1,4 +1,4 @@
-"""Input of every kind that no well-behaved peer sends. What follows it is served as ever, and the
+"""Input of every kind that no well-behaved peer sends. What follows it is served as usual, and the
 sanitizers, where they are built in, have nothing to say."""
 
 import random

@@ -1,4 +1,4 @@
-"""What subscribers are told: NOTIFY byte for byte, in which order, and to how many."""
+"""What subscribers receive: NOTIFY byte for byte, in which order, and how many."""
 
 import time
 
@@ -120,7 +120,7 @@ class Order(EventCase):
             subscriber = self.subscriber(attempt)
             subscriber.subscribe(CONNECTION)
             self.change_address(f"45.45.45.{100 + attempt}")
-            # Both connections stand at once, the later one without a word.
+            # Both connections are open at once; nothing was sent on the later one.
             first, second = subscriber.take(), subscriber.take()
             with first, second:
                 initial = first.read()
@@ -166,7 +166,7 @@ class Order(EventCase):
 
 
 class Crowd(EventCase):
-    """A hundred subscribers, each on an address of its own."""
+    """A hundred subscribers, each on its own address."""
 
     def setUp(self):
         super().setUp()

@@ -259,7 +259,7 @@ class Refusals(GatewayCase):
     # Also proves [host-match], [host-mismatch].
     def test_requests_to_services_must_name_this_interface(self):
         self.serve()
-        # Behind the check, each of them lacks something else.
+        # The HOST check passes; then each of them lacks something else.
         for method, url, refused, logged in (
                 ("POST", "/upnp/control/osinfo", BAD_REQUEST,
                  ["POST method with bad CONTENT-TYPE: "]),

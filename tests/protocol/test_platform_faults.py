@@ -241,8 +241,8 @@ class RefusedSwitch(ControlCase):
 
 
 class Tables(GatewayCase):
-    def tell_everything(self):
-        """The platform tells of all that its tables have."""
+    def notify_everything(self):
+        """The platform notifies everything in its tables."""
         for record in self.platform.interfaces.values():
             self.notify_interface(record)
         self.notify_states(*self.platform.interfaces.values())
@@ -268,7 +268,7 @@ class Tables(GatewayCase):
             self.daemon.wait_for_line(line)
         with self.assertRaises(ConnectionRefusedError):
             self.lan.connect()
-        self.tell_everything()
+        self.notify_everything()
         self.assert_complete()
 
     def test_notifications_supply_what_an_empty_table_lacks(self):
@@ -277,7 +277,7 @@ class Tables(GatewayCase):
             self.platform.answer(path, command, lambda _: {})
         self.serve()
         self.daemon.wait_for_line("device::CMD_GETDEVS failed: ")
-        self.tell_everything()
+        self.notify_everything()
         self.assert_complete()
         self.log_mark()
         self.assertNotIn("device::CMD_GETALL failed: ", " ".join(self.daemon.log()))
@@ -406,7 +406,7 @@ class FullDisk(StoreCase):
         self.since = self.log_mark()
 
     def assert_refused(self, reply, record):
-        """The change was refused with a reason, and neither made nor told nor half written."""
+        """The change was refused with a reason, and neither made nor notified nor half written."""
         self.assertEqual(reply.error(), "could not be stored")
         self.assert_logged(self.since, f"store: /lumen/store/{record}.new: No space left on device")
         self.since = self.log_mark()

@@ -1,4 +1,4 @@
-"""Subscribers that fail in every way they can, while everybody else is served."""
+"""Subscribers that fail in every way they can, while all others are served."""
 
 import itertools
 import time
@@ -7,7 +7,7 @@ from event_case import CONNECTION, INITIAL, OS_INFO, EventCase
 from support.subscriber import OK
 
 # On the LAN, but no host has the address.
-NOBODY = "http://192.168.88.99:5000/"
+ABSENT = "http://192.168.88.99:5000/"
 
 
 def initial_lines():
@@ -28,7 +28,7 @@ class SubscriberCase(EventCase):
         self.change_address(text)
         return text
 
-    def assert_everybody_is_served(self):
+    def assert_all_are_served(self):
         self.assert_serves()
         text = self.change()
         self.assertEqual(self.good.event().properties, {"ExternalIPAddress": text})
@@ -86,7 +86,7 @@ class Failures(SubscriberCase):
             "tcp connect: Network is unreachable"])
         self.assertEqual(subscriber.renew().status, 200)
         since = self.log_mark()
-        self.assert_everybody_is_served()
+        self.assert_all_are_served()
         self.assertEqual(self.lines_since(since)[0], "tcp connect: Network is unreachable")
 
     # Promise [event-status]: The status is read at characters 10 to 12 of the start line, whatever
@@ -144,7 +144,7 @@ class Failures(SubscriberCase):
         subscriber.subscribe(CONNECTION)
         since = self.log_mark()
         with subscriber.take() as delivery:
-            self.assert_everybody_is_served()
+            self.assert_all_are_served()
             self.assertEqual(delivery.read(at_once=1).seq, 0)
             delivery.answer()
             delivery.wait_for_end(5.0)
@@ -193,26 +193,26 @@ class Patience(SubscriberCase):
             delivery.wait_for_end(10)
         self.assertEqual(self.lines_since(since)[2:],
                          [*initial_lines(), *["notify timeout"] * 2])
-        self.assert_everybody_is_served()
+        self.assert_all_are_served()
         self.assertEqual(reader.event().seq, 1)
         self.assertEqual(sleeper.event().seq, 1)
 
-    def subscribe_nobody(self):
+    def subscribe_absent_host(self):
         """A subscriber whose callback nothing answers, and the log's mark before its request."""
         subscriber = self.subscriber()
         since = self.log_mark()
-        subscriber.subscribe(CONNECTION, callback=NOBODY)
+        subscriber.subscribe(CONNECTION, callback=ABSENT)
         return subscriber, since
 
     def test_an_absent_subscriber_times_out(self):
-        subscriber, since = self.subscribe_nobody()
-        self.assert_everybody_is_served()
+        subscriber, since = self.subscribe_absent_host()
+        self.assert_all_are_served()
         self.daemon.wait_for_line("notify timeout", since, limit=40)
         self.assertIn("write failed", self.lines_since(since))
         self.assertEqual(subscriber.renew().status, 200)
 
     def test_a_delivery_to_an_absent_subscriber_outlives_its_subscription(self):
-        subscriber, since = self.subscribe_nobody()
+        subscriber, since = self.subscribe_absent_host()
         subscriber.unsubscribe()
         self.daemon.wait_for_line("notify timeout", since, limit=40)
         self.assertEqual(self.lines_since(since)[2:], ["unsubscribe", "notify timeout"])
@@ -226,7 +226,7 @@ class Patience(SubscriberCase):
         self.check_pace(lambda delivery: delivery.reset())
 
     def check_pace(self, end):
-        """Told at once, then at most ten times a second, until the delivery's time is over."""
+        """Logged at once, then at most ten times a second, until the delivery times out."""
         subscriber = self.subscriber(1)
         since = self.log_mark()
         started = time.monotonic()
@@ -242,7 +242,7 @@ class Patience(SubscriberCase):
             following = self.daemon.wait_for_line(self.FAILED, following)
         self.assertGreater(time.monotonic() - ended, 2.3)
         for _ in range(10):
-            self.assert_everybody_is_served()
+            self.assert_all_are_served()
         self.daemon.wait_for_line("notify timeout", following, limit=40)
         self.assert_lasted_thirty_seconds(started)
         self.assertLess(self.daemon.processor_time() - before, 2.0)

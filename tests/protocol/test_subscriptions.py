@@ -1,4 +1,4 @@
-"""SUBSCRIBE, renewal and UNSUBSCRIBE: replies byte for byte, limits, and who is refused."""
+"""SUBSCRIBE, renewal and UNSUBSCRIBE: replies byte for byte, limits, and refusals."""
 
 from event_case import CONNECTION, INITIAL, LINK, OS_INFO, EventCase
 from gateway_case import BASE, EXTERNAL, GATEWAY, HOST, SERVER, WAN, undated

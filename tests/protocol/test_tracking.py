@@ -1,4 +1,4 @@
-"""What the platform tells of its interfaces and addresses."""
+"""What the platform notifies about its interfaces and addresses."""
 
 from gateway_case import (GATEWAY, LAN, LAN_ADDRESS_ID, WAN, WAN_ADDRESS_ID, GatewayCase,
                           all_targets, root_targets)

@@ -26,7 +26,7 @@ def run_inside(router, *arguments):
 
 
 def run_at_terminal(router, *arguments, question, answer):
-    """Runs lumenctl at a terminal where somebody types `answer` when it has printed `question`.
+    """Runs lumenctl at a terminal where its user types `answer` when it has printed `question`.
     Returns its exit status and all that the terminal then shows, which has no colours."""
     here, there = pty.openpty()
     try:
@@ -50,7 +50,7 @@ def _read(terminal, until=None):
             raise AssertionError(f"waited in vain for {until or 'the end'}: {shown}")
         try:
             part = os.read(terminal, 65536)
-        except OSError:  # EIO: nobody has the other side open any more
+        except OSError:  # EIO: the other side is closed everywhere
             part = b""
         if not part:
             if until is None:

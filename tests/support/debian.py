@@ -41,7 +41,7 @@ def package_source():
 
 
 def kept():
-    """The folder for what is kept between runs, whatever becomes of the checkout: in the cache of
+    """The folder for what is kept between runs, outside of the checkout: in the cache of
     the checkout's owner, to whom it belongs."""
     owner = pwd.getpwuid(os.stat(TOP).st_uid)
     folder = pathlib.Path(owner.pw_dir) / ".cache" / "palinode-igd"

@@ -96,7 +96,7 @@ class Mappings:
                          mapping.out_arguments() if mapping else 714)
 
     def refused(self):
-        """A port that nobody may open like that."""
+        """A port that no host may open like that."""
         free = (1024 + self._random.randrange(900), self._random.choice(PROTOCOLS))
         client = self._clients[0]
         key, changes, code = self._random.choice((
@@ -112,7 +112,7 @@ class Mappings:
         return Operation("AddPortMapping", list(arguments.items()), code)
 
     def entry(self, index):
-        """What is listed at the index, with the dummy before the others; None behind the end."""
+        """What is listed at the index, with the dummy before the others; None after the end."""
         if index == 0:
             return DUMMY
         keys = sorted(self.table)

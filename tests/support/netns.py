@@ -29,7 +29,7 @@ class Namespace:
 
     def __init__(self):
         made = []
-        # In a thread of its own, so that this one stays where it is.
+        # In another thread, so that this one stays in its namespace.
         thread = threading.Thread(target=lambda: made.append(_make_namespace()))
         thread.start()
         thread.join()
@@ -40,7 +40,7 @@ class Namespace:
 
     @classmethod
     def current(cls):
-        """The namespace that the calling thread is in, as it is."""
+        """The namespace that the calling thread is in."""
         namespace = cls.__new__(cls)
         namespace._fd = os.open("/proc/thread-self/ns/net", os.O_RDONLY | os.O_CLOEXEC)
         return namespace
@@ -126,7 +126,7 @@ class Namespace:
             return bool(flags & _IFF_RUNNING)
 
     def close(self):
-        """Lets go of the namespace; it ends when no program and no socket is in it any more."""
+        """Releases the namespace; it ends with the last program and socket in it."""
         if self._fd >= 0:
             os.close(self._fd)
             self._fd = -1

@@ -75,7 +75,7 @@ class Host:
         return listener
 
     def udp(self, port=0, to=None):
-        """A UDP socket. With `to`, an address and a port, it is connected, so that it hears when
+        """A UDP socket. With `to`, an address and a port, it is connected, so that it learns when
         the other side refuses what it sent."""
         sock = self.namespace.socket(socket.SOCK_DGRAM)
         sock.settimeout(ANSWER_LIMIT)
@@ -85,7 +85,7 @@ class Host:
         return sock
 
     def connect(self, address, port):
-        """A TCP connection. Raises ConnectionRefusedError, or TimeoutError when nobody answers."""
+        """A TCP connection. Raises ConnectionRefusedError, or TimeoutError without an answer."""
         sock = self.namespace.socket()
         sock.settimeout(ANSWER_LIMIT)
         try:
@@ -105,7 +105,7 @@ class ControlPoint(Host):
     LINK = "eth0"
 
     def upnpc(self, *arguments, gateway=LAN_ADDRESS, discover=False):
-        """Runs upnpc, a control point that nobody here wrote; returns what it printed. With
+        """Runs upnpc, a third-party control point; returns what it printed. With
         `discover` it looks for the gateway by multicast, which takes it two seconds."""
         where = [] if discover else ["-u", f"http://{gateway}:2828{DESCRIPTION}"]
         return self.namespace.run("upnpc", "-m", self.LINK, *where, *arguments)

@@ -4,7 +4,7 @@ import os
 
 
 def processor_time(pid):
-    """Seconds that it has computed so far."""
+    """Seconds of processor time that it has used."""
     return sum(int(ticks) for ticks in _stat(pid)[11:13]) / os.sysconf("SC_CLK_TCK")
 
 
@@ -19,6 +19,6 @@ def descriptors(pid):
 
 
 def _stat(pid):
-    """The fields of proc(5)'s stat behind the name, which may have blanks in it."""
+    """The fields of proc(5)'s stat after the name, which may have blanks in it."""
     with open(f"/proc/{pid}/stat", encoding="ascii") as stat:
         return stat.read().rpartition(")")[2].split()

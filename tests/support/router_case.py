@@ -24,7 +24,7 @@ class RouterCase(unittest.TestCase):
         self.lan = self.network.lan
 
     def make_router(self):
-        """A router in a network of its own, until the end of the test."""
+        """A router in its own network, until the end of the test."""
         network = Network()
         self.addCleanup(self._close_network, network)
         router = Router(network, private=self.PRIVATE)

@@ -27,7 +27,7 @@ class SmallDisk:
                     raise
 
     def free(self):
-        """Takes back what fill did."""
+        """Undoes fill."""
         os.remove(self._filler)
 
     def protect(self):

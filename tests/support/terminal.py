@@ -1,4 +1,4 @@
-"""A program at a pseudo terminal, and what somebody who sits there sees and types."""
+"""A program at a pseudo terminal, and what its user sees and types."""
 
 import contextlib
 import fcntl

@@ -32,7 +32,7 @@ MANY_ADDRESSES = "192.168.88.128/25"
 FIRST_OF_MANY = 128
 SUBSCRIPTION_LIMIT = 100
 TERMINATIONS = 3  # in a minute
-NOBODY = "192.168.88.99"
+ABSENT = "192.168.88.99"
 OTHER_WAN_ADDRESS = "45.45.45.9"
 OTHER_LAN_ADDRESS = "192.168.88.2"
 
@@ -103,7 +103,7 @@ class Traffic:
         for operation in self._mappings.all_openings():
             operation.invoke(self.lan[0], self.control)
         for method in (self.say_nothing, self.keep_an_event_waiting, self.hang_up_on_an_event,
-                       self.be_nobody):
+                       self.subscribe_from_an_absent_host):
             for _ in range(self._most):
                 method()
         self.lap()
@@ -260,7 +260,7 @@ class Traffic:
 
     @kind(4)
     def send_noise_to_the_platform(self):
-        """As somebody who may speak to it."""
+        """As a user with rights."""
         with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as client:
             client.settimeout(5.0)
             client.connect(str(self.router.root / "run" / "lumen.sock"))
@@ -344,12 +344,12 @@ class Traffic:
             subscriber.unsubscribe()
 
     @kind(1)
-    def be_nobody(self):
+    def subscribe_from_an_absent_host(self):
         """The callback's host does not exist."""
         if not self._one_more(self._unreachable, SEARCH_LIMIT):
             return
         with self._another_subscriber() as subscriber:
-            subscriber.subscribe(self.events, callback=f"http://{NOBODY}/")
+            subscriber.subscribe(self.events, callback=f"http://{ABSENT}/")
             subscriber.unsubscribe()
 
     @kind(1)
@@ -469,7 +469,7 @@ class Traffic:
     # Helpers.
 
     def _another_subscriber(self):
-        """One at an address that was not used lately."""
+        """One at an address that was not used recently."""
         self._numbers += 1
         number = FIRST_OF_MANY + self._numbers % (254 - FIRST_OF_MANY)
         host = self.lan[1]

@@ -1,4 +1,4 @@
-"""The check of the promises, on a small source tree with a ctest of its own."""
+"""The check of the promises, on a small source tree with its own ctest."""
 
 import pathlib
 import subprocess

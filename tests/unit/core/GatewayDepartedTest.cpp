@@ -28,7 +28,7 @@ TEST_F(GatewayDeparted, AWanThatDisappearsSendsNothingAndStaysReachable) {
   EXPECT_EQ(rulesRemoved(), 0U);
   EXPECT_NE(invoke("/upnp/control/wanipconn-3", "GetStatusInfo").find("200 OK"), std::string::npos);
   EXPECT_EQ(found("uuid:UUID-KESTRAVA-WAN-DEVICE-TEST-3").size(), 1U);
-  // What is told of it reaches nobody.
+  // Its notifications change nothing.
   (void)log();
   tellAddresses({addressRecord(wanAddress, wan, "45.45.45.9")});
   EXPECT_EQ(log(), Lines{"dev: 3 set address: 45.45.45.9 (12)"});

@@ -88,7 +88,7 @@ class GatewayTest : public testing::Test {
   [[nodiscard]] static lm::Fd connectToGateway();
   static void send(const lm::Fd& client, const std::string& bytes);
   [[nodiscard]] std::string readToEnd(const lm::Fd& client);
-  /// The reply to a request on a connection of its own; "refused" when there is no server.
+  /// The reply to a request on its own connection; "refused" when there is no server.
   [[nodiscard]] std::string exchange(const std::string& request);
   /// The status line of the reply.
   [[nodiscard]] std::string status(const std::string& requestLine, const std::string& fields = {});

@@ -166,7 +166,7 @@ TEST_F(GatewayInterfaces, InterfacesStopInTheOrderOfTheirObjects) {
 }
 
 // Promise: The targets of an external interface that stopped are still found until the targets are
-// built again, although the description does not have it any more.
+// built again, although the description no longer has it.
 // Promise: An external interface that was withdrawn is still found until another one starts or
 // stops.
 TEST_F(GatewayInterfaces, AWanThatWasWithdrawnIsFoundUntilTheTargetsAreRebuilt) {

@@ -189,7 +189,7 @@ TEST_F(GatewayObjects, AnObjectThatMovesToAnInterfaceNotSeenStopsTheOldOne) {
 // Promise: An internal interface that stops is the line `stop int: NAME`, and no line when it was
 // not started.
 // Promise [targets-withdrawn]: An external interface that stops withdraws its six targets, ends its
-// subscriptions, removes its rules, and its services are not found any more.
+// subscriptions, removes its rules, and its services are no longer found.
 // Promise [goodbye]: An interface that stops logs `stop int: <name>`, withdraws every target and
 // closes both sockets.
 // Also proves [advert-external].

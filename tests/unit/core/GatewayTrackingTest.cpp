@@ -1,4 +1,4 @@
-// What the platform tells of its interfaces and addresses.
+// What the platform notifies about its interfaces and addresses.
 
 #include <chrono>
 

@@ -137,7 +137,7 @@ lm::Fd PrivateRouter::hostListener() const {
 }
 
 std::vector<std::string> PrivateRouter::received(const lm::Fd& socket) const {
-  // Datagrams of one cable overtake nobody: what was sent before the last one is here before it.
+  // A cable keeps the order of datagrams: what was sent before the last one arrives before it.
   static const std::string last = "the last one";
   sockaddr_in to = {};
   socklen_t length = sizeof to;

@@ -149,7 +149,7 @@ class HTTPServerTest : public testing::Test {
     loop.turn(std::chrono::milliseconds(0));
   }
 
-  /// Sends `request` on a connection of its own, on which no reply comes: the request is never
+  /// Sends `request` on its own connection, on which no reply comes: the request is never
   /// complete and times out.
   void expectNoAnswer(std::string_view request) {
     Client client;

@@ -8,7 +8,7 @@
 
 using lm::test::openDescriptors;
 
-/// A store over a directory of its own.
+/// A store over its own directory.
 class HTTPStoreTest : public testing::Test {
  protected:
   HTTPMessage get(const std::string& url) {

@@ -247,7 +247,7 @@ TEST_F(DescriptionFiles, IconsAreGifsOf256ColoursInTheirSizes) {
     EXPECT_EQ(number(8), size);
     EXPECT_EQ(byte(10) & 0x80U, 0x80U) << "a global colour table";
     EXPECT_EQ(byte(10) & 0x07U, 7U) << "of 256 entries";
-    // Behind the header, the table and the extension with the transparent colour: the image.
+    // After the header, the table and the extension with the transparent colour: the image.
     const size_t image = 13 + 256 * 3 + 8;
     EXPECT_EQ(byte(image), 0x2C) << size;
     EXPECT_EQ(number(image + 5), size);

@@ -51,7 +51,7 @@ TEST_F(PortMapping, Keeps256KibibytesOfDescriptionsForEachClient) {
       << "a short one always has room";
   const Wish ofAnother{
       .port = "2005", .internalClient = "192.168.88.11", .description = text(64 * kibibyte)};
-  EXPECT_EQ(open(ofAnother), opened()) << "another client has room of its own";
+  EXPECT_EQ(open(ofAnother), opened()) << "another client has its own room";
   EXPECT_EQ(entryOf("2005", "TCP"), found(ofAnother));
   close("2003", "TCP");
   EXPECT_EQ(open({.port = "2003", .description = text(63 * kibibyte)}), opened())
@@ -78,7 +78,7 @@ TEST_F(PortMapping, ChangesAMappingWithoutRoomIfItsDescriptionDoesNotGrow) {
   for (const std::string port : {"2000", "2001", "2002", "2003"}) {
     ASSERT_EQ(open({.port = port, .description = text(64 * kibibyte)}), opened()) << port;
   }
-  // A short one is kept all the same: more than the limit is in use.
+  // A short one is stored nevertheless: more than the limit is in use.
   ASSERT_EQ(open({.port = "2004", .description = text(256)}), opened());
   EXPECT_EQ(open({.port = "2000", .enabled = "0", .description = text(64 * kibibyte)}), opened());
   EXPECT_EQ(open({.port = "2000", .description = text(64 * kibibyte - 1)}), opened());

@@ -76,7 +76,7 @@ TEST_F(PortMapping, FindsTheDummyWhetherItIsListedOrNot) {
   EXPECT_EQ(entryOf("0", "TCP"), found(dummy));
   connection->setShowDummyRule(false);
   EXPECT_EQ(entryOf("0", "TCP"), found(dummy));
-  EXPECT_EQ(entryOf("00", "TCP"), noSuchEntry) << "only as it is written";
+  EXPECT_EQ(entryOf("00", "TCP"), noSuchEntry) << "only in this spelling";
   EXPECT_EQ(entryOf("0", "UDP"), noSuchEntry);
   EXPECT_EQ(entryOf("0", "TCP", "*"), noSuchEntry);
 }

@@ -42,7 +42,7 @@ class Router : public ::testing::Test {
     return reply;
   }
 
-  /// The same without the lines that every action logs: what it logs of its own.
+  /// The log without the lines that every action writes.
   [[nodiscard]] std::string ownLog() const {
     std::string own;
     for (size_t at = 0; at < log.size();) {

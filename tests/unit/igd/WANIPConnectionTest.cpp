@@ -156,7 +156,7 @@ TEST_F(WanIpConnection, AnswersItsStatusWithTheCurrentUptime) {
   platform.clock().advance(61'999ms);
   connection->setStatus(WANIPConnection::STATUS_CONNECTED);
   EXPECT_EQ(invoke(*connection, "GetStatusInfo"), statusInfo("Connected", "1061"))
-      << "a status change does not start it anew";
+      << "a status change does not restart it";
 }
 
 // Promise: The status texts are `Connecting`, `Connected`, `Disconnected` and, for anything else,

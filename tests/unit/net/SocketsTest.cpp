@@ -96,7 +96,7 @@ class SocketsTest : public testing::Test {
 };
 
 // Promise [device-bound]: Every socket is bound to one network device before it is used: the daemon
-// hears and answers on its internal interfaces and on no other.
+// receives and answers on its internal interfaces and on no other.
 // Promise: Every socket is closed on exec.
 TEST_F(SocketsTest, MakesAUdpSocketOfOneDevice) {
   const lm::Fd fd = make(udp);

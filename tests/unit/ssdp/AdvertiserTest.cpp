@@ -4,7 +4,7 @@
 #include "ssdp/Advertiser.h"
 #include "ssdp/SsdpNetwork.h"
 
-/// The gateway announces itself, and hears itself, since the group loops back.
+/// The gateway announces itself and receives its own announcements: the group loops back.
 class Advertiser : public SsdpNetwork {
  protected:
   std::vector<std::string> announced(const SearchTargets& targets, bool byebye) {

@@ -11,7 +11,7 @@
 
 namespace lm::test {
 
-/// One of our programs, running as a process of its own, with what it and its children print. It
+/// One of our programs, running as its own process, with what it and its children print. It
 /// is killed at the end.
 class Program {
  public:

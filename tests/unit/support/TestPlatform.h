@@ -71,7 +71,7 @@ class TestPlatform {
   [[nodiscard]] std::vector<message> notified(uint32_t command) const;
   void forgetSent() { sent_.clear(); }
 
-  // What the other programs ask and tell. It is dispatched before the call returns.
+  // Requests and notifications of the other programs, dispatched before the call returns.
 
   /// A request to the program's handler `number` and its reply, without transport fields but an
   /// error's. `from` is the source path as the broker writes it.

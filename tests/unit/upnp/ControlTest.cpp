@@ -215,7 +215,7 @@ TEST_F(Control, TakesTheActionNameFromSoapaction) {
       {"a#Get#Get", "Get#Get", "only the first # counts"},
       {"\"", "", "a quote alone"},
       {"\"\"", "", "nothing in quotes"},
-      {"#", "", "nothing behind #"},
+      {"#", "", "nothing after #"},
       {" Get", " Get", "blanks stay"},
   };
   for (const auto& [soapAction, action, reason] : table) {

@@ -28,7 +28,7 @@ class Door : public Service {
   }
 };
 
-/// A stranger on the LAN; every reply must be one that a control point understands, and every
+/// An untrusted LAN host; every reply must be one that a control point understands, and every
 /// request leaves a line in the log.
 class HostileControl : public ::testing::Test {
  protected:

@@ -71,7 +71,7 @@ class Subscriber {
     lm::Fd taken(accept4(listener.fd.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     return !taken.valid();
   }
-  /// Nobody listens any more: connections are refused.
+  /// Stops listening: connections are refused.
   void leave() { listener.fd.reset(); }
   /// Ends `connection` with a reset.
   void reset() {

@@ -172,7 +172,7 @@ TEST(XMLParser, StopsAtADeeperElement) {
   EXPECT_FALSE(pairs.ok);
   EXPECT_EQ(depthOf(pairs.root), XMLParser::maxDepth);
 
-  // expat reports the end of an empty element after it was told to stop at its start.
+  // expat reports the end of an empty element after it was stopped at its start.
   const XMLParser empty(repeat("<a>", XMLParser::maxDepth) + "<a/>" +
                         repeat("</a>", XMLParser::maxDepth));
   EXPECT_FALSE(empty.ok);
