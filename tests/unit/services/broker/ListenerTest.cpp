@@ -137,14 +137,19 @@ TEST_F(ListenerTest, RestsWhileNobodyCanBeAccepted) {
   EXPECT_EQ(loop.nextDue(), clock.now() + 100ms);
 }
 
+/// Who is at the other end of a connection that the calling thread has made.
+std::optional<Peer> connectedPeer() {
+  int ends[2] = {-1, -1};
+  EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
+  const lm::Fd one(ends[0]);
+  const lm::Fd other(ends[1]);
+  return readPeer(one.get());
+}
+
 // Promise: A connection belongs to the process, the user, the primary group and all other groups of
 // the program that made it.
 TEST(PeerTest, IsWhoConnected) {
-  int ends[2] = {-1, -1};
-  ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
-  const lm::Fd one(ends[0]);
-  const lm::Fd other(ends[1]);
-  const std::optional<Peer> peer = readPeer(one.get());
+  const std::optional<Peer> peer = connectedPeer();
   ASSERT_TRUE(peer);
   EXPECT_EQ(peer->pid, getpid());
   EXPECT_EQ(peer->user, getuid());
@@ -162,11 +167,7 @@ TEST(PeerTest, HasAllItsGroups) {
     if (syscall(SYS_setgroups, std::size(groups), groups) != 0) {
       GTEST_SKIP() << "needs the right to change groups: run it as root";
     }
-    int ends[2] = {-1, -1};
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
-    const lm::Fd one(ends[0]);
-    const lm::Fd other(ends[1]);
-    const std::optional<Peer> peer = readPeer(one.get());
+    const std::optional<Peer> peer = connectedPeer();
     ASSERT_TRUE(peer);
     std::vector<gid_t> found = peer->groups;
     std::sort(found.begin(), found.end());

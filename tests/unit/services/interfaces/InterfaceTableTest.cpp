@@ -9,7 +9,22 @@
 namespace lumen {
 namespace {
 
-using InterfaceTableTest = Router;
+class InterfaceTableTest : public Router {
+ protected:
+  /// The names of the links "a" and "b" are swapped while the kernel drops its messages.
+  void losesTheSwapOfTwoNames() {
+    kernel.appears("a");
+    kernel.appears("b");
+    starts();
+    kernel.silent = true;
+    kernel.isRenamed("a", "tmp");
+    kernel.isRenamed("b", "a");
+    kernel.isRenamed("tmp", "b");
+    kernel.silent = false;
+    kernel.readsEverything();
+  }
+};
+
 using Lines = std::vector<std::string>;
 
 // Promise [table-links]: Every link but the loopback is listed, with its id, hardware type, flags,
@@ -278,29 +293,13 @@ TEST_F(InterfaceTableTest, NoticesALinkThatWasReplacedByOneOfTheSameNameWhileCha
 }
 
 TEST_F(InterfaceTableTest, FollowsNamesThatWereSwappedWhileChangesWereLost) {
-  kernel.appears("a");
-  kernel.appears("b");
-  starts();
-  kernel.silent = true;
-  kernel.isRenamed("a", "tmp");
-  kernel.isRenamed("b", "a");
-  kernel.isRenamed("tmp", "b");
-  kernel.silent = false;
-  kernel.readsEverything();
+  losesTheSwapOfTwoNames();
   EXPECT_EQ(lists(), (Lines{record(1, 3, "a", "disabled=0 running=1"),
                             record(2, 2, "b", "disabled=0 running=1")}));
 }
 
 TEST_F(InterfaceTableTest, KeepsTheIdsOfSwappedNamesHoweverManyOthersComeAndGo) {
-  kernel.appears("a");
-  kernel.appears("b");
-  starts();
-  kernel.silent = true;
-  kernel.isRenamed("a", "tmp");
-  kernel.isRenamed("b", "a");
-  kernel.isRenamed("tmp", "b");
-  kernel.silent = false;
-  kernel.readsEverything();
+  losesTheSwapOfTwoNames();
   for (size_t i = 0; i < InterfaceIds::rememberedNames; ++i) {
     const std::string name = "veth" + std::to_string(i);
     kernel.appears(name);
