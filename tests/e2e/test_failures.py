@@ -5,8 +5,8 @@ import select
 import signal
 import unittest
 
-from support.network import (LAN_BRIDGE, WAN_ADDRESS, WAN_LINK, exchange_tcp, exchange_udp,
-                             tcp_refused, udp_refused)
+from support.network import (LAN_BRIDGE, WAN_ADDRESS, WAN_LINK, exchange_tcp, tcp_refused,
+                             udp_refused)
 from support.router import PROGRAMS
 from support.router_case import RouterCase
 
@@ -15,10 +15,7 @@ class FailureTest(RouterCase):
     # Also proves [restart], [rules-die].
     def test_a_killed_gateway_leaves_no_port_open_and_is_started_again(self):
         host = self.lan[0]
-        host.open_port(8080, "TCP")
-        host.open_port(5060, "UDP")
-        client = self.wan_udp(5060)
-        exchange_udp(client, host, 5060)
+        client = self.open_ports_with_a_flow(host)
         killed = self.router.gateway_pid()
         os.kill(killed, signal.SIGKILL)
         self.wait_until(lambda: not self.router.ports(), "no port is open")

@@ -173,10 +173,7 @@ class PortTest(RouterCase):
     # Also proves [port-closed], [ctl-close].
     def test_the_administrator_closes_a_port(self):
         host = self.lan[0]
-        host.open_port(8080, "TCP")
-        host.open_port(5060, "UDP")
-        client = self.wan_udp(5060)
-        exchange_udp(client, host, 5060)
+        client = self.open_ports_with_a_flow(host)
         self.router.lumenctl("nat", "close", "8080/tcp")
         self.router.lumenctl("nat", "close", "5060/udp")
         self.assertTrue(tcp_refused(self.wan, WAN_ADDRESS, 8080, host, 8080))

@@ -6,7 +6,7 @@ import os
 import sys
 import unittest
 
-from support.network import WAN_ADDRESS, Network, wait_until
+from support.network import WAN_ADDRESS, Network, exchange_udp, wait_until
 from support.router import Router
 
 
@@ -39,6 +39,15 @@ class RouterCase(unittest.TestCase):
         sock = self.wan.udp(to=(address, port))
         self.addCleanup(sock.close)
         return sock
+
+    def open_ports_with_a_flow(self, host):
+        """Opens TCP port 8080 and UDP port 5060 for the host. Returns the WAN side's socket of a flow
+        through the second, until the end of the test."""
+        host.open_port(8080, "TCP")
+        host.open_port(5060, "UDP")
+        client = self.wan_udp(5060)
+        exchange_udp(client, host, 5060)
+        return client
 
     def assert_powerless(self, pid, name, user):
         """The process is that program, and has no right but to be that user."""
