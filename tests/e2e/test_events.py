@@ -53,7 +53,7 @@ class EventTest(RouterCase):
             self.wan.namespace.ip("link", "set", "eth0", "up")
             self.assert_notified(ConnectionStatus="Connected", ExternalIPAddress=WAN_ADDRESS)
 
-    # Promise: After RequestConnection the status becomes `Connected` when the platform says that
+    # Promise: After RequestConnection the status becomes `Connected` when the platform reports that
     # the interface runs.
     def test_a_control_point_takes_the_wan_side_down_and_up(self):
         self.lan[0].invoke("ForceTermination")

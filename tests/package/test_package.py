@@ -198,7 +198,7 @@ class InstallationTest(unittest.TestCase):
         self.install("--reinstall", "-o", "Dpkg::Options::=--force-confmiss")
         self.assertEqual(self.there(*deleted), list(deleted))
 
-    # Promise [watchdog-restart]: A lumend whose loop stands still is started again.
+    # Promise [watchdog-restart]: A lumend whose loop hangs is restarted.
     def test_is_restarted_when_it_no_longer_answers(self):
         self.install()
         self.change_unit("WatchdogSec=5")

@@ -96,8 +96,8 @@ class Adverts(GatewayCase):
         with self.assertRaises(ConnectionRefusedError):
             self.lan.connect()
 
-    # Promise [advert-address]: Each LAN hears the address of the interface that it is on, and
-    # nothing of the other LANs.
+    # Promise [advert-address]: Each LAN gets the address of its own interface, and no announcement
+    # of the other LANs.
     def test_each_lan_gets_only_its_own_address(self):
         other = self.join_lan("lan1", "192.168.99.1", "192.168.99.10")
         group = other.hear_adverts()

@@ -97,8 +97,8 @@ class SilentPlatform(ControlCase):
             subscriber.subscribe(CONNECTION, callback=callback)
             self.assertEqual(subscriber.event()["HOST"], f"{HOST}:{subscriber.port}")
 
-    # Promise: States that are not told within their limit stay as they were, and an answer that
-    # comes after it is not taken for the next one's.
+    # Promise: States that are not answered within their limit stay as they were, and a later answer
+    # is not taken for that to the next request.
     def test_states_that_are_not_answered_in_time_stay_as_they_were(self):
         silent = SilentOnce(self.platform, INTERFACES, lm.CMD_READ_ALL,
                             {lm.RECORDS: [interface(WAN, "wan0", disabled=True)]},
@@ -211,7 +211,8 @@ class MissingFields(ControlCase):
             self.assertEqual(self.invoke(action, (), LINK_CONTROL, LINK),
                              result(action, (f"New{action[3:]}", value), service=LINK))
 
-    # Promise: A record whose fields are missing stands for what is known, or for 0 and nothing.
+    # Promise: A missing field of a record means the value that is known, or else 0 or an empty
+    # text.
     def test_missing_fields_of_records_mean_what_is_known_or_zero(self):
         since = self.log_mark()
         wan_state = interface(WAN, "wan0", running=False)

@@ -90,7 +90,7 @@ class Failures(SubscriberCase):
         self.assertEqual(self.lines_since(since)[0], "tcp connect: Network is unreachable")
 
     # Promise [event-status]: The status is read at characters 10 to 12 of the start line, whatever
-    # else stands there.
+    # the rest of it is.
     # Also proves [event-answer].
     def test_an_answer_other_than_200_is_logged(self):
         answers = {

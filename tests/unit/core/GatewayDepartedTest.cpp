@@ -176,8 +176,8 @@ TEST_F(GatewayDeparted, AConnectionThatTimesOutOutlivesItsInterface) {
 
 // Promise: A search on the socket of an interface that is gone is the line `findDevice fatal error`
 // and the end of the process with status 1.
-// Promise: A search on a discovery socket that no interface has any more logs `findDevice fatal
-// error` and ends the process with status 1.
+// Promise: A search on a discovery socket without an interface logs `findDevice fatal error` and
+// ends the process with status 1.
 TEST_F(GatewayDeparted, ASearchOnADepartedInterfaceIsFatal) {
   serve();
   tellOfInterface(goneRecord(lan));

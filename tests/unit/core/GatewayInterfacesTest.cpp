@@ -22,7 +22,7 @@ TEST_F(GatewayInterfaces, AnInterfaceWithoutAnAddressOpensNothing) {
   EXPECT_EQ(exchange("GET / HTTP/1.1\r\n\r\n"), "refused");
 }
 
-// Promise: Stopping an interface that never started says nothing, in the log or on the network.
+// Promise: Stopping an interface that never started neither logs nor sends anything.
 TEST_F(GatewayInterfaces, AnInterfaceThatNeverStartedStopsSilently) {
   platformForgetsAddress(lanAddress);
   serve();

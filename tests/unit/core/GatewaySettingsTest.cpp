@@ -67,8 +67,8 @@ TEST_F(GatewaySettings, KeepsTheDefaultsOfFieldsThatTheRecordLacks) {
 
 // Promise: A daemon whose saved record says so starts enabled: it serves at once and stays.
 // Promise: Switching on starts the configured interfaces, and each step is a line in the log.
-// Promise: What runs is not started again: for an internal interface the line is `intr: 1 NUMBER`
-// alone, for an external one there is none.
+// Promise: An interface that runs is not started again: an internal one logs only `intr: 1 NUMBER`,
+// an external one nothing.
 TEST_F(GatewaySettings, ServesAtOnceWhenTheRecordSaysSo) {
   start();
   addObject(lan, internal);

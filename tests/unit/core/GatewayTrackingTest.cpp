@@ -62,7 +62,7 @@ TEST_F(GatewayTracking, TheListIsReadPageByPage) {
 }
 
 // Promise: A list that fails, or has no records, is the line `device::CMD_GETDEVS failed: ` and the
-// error text, and the start goes on with what there is.
+// error text, and the start continues with what was read.
 TEST_F(GatewayTracking, AListThatFailsIsLoggedAndTheStartGoesOn) {
   platform.refuse({20, 0}, lm::cmd::list, "no such service");
   start();
@@ -106,8 +106,8 @@ TEST_F(GatewayTracking, AKnownInterfaceTakesItsNewRecord) {
 
 // Promise: An interface that appears is the line `add dev: NAME`, and what is configured for it the
 // line `set type: TYPE ID` and its start.
-// Promise: An interface that appears has the addresses that were told before it, and the smallest
-// of them is its own.
+// Promise: An interface that appears has the addresses that were notified before it, and uses the
+// smallest of them.
 TEST_F(GatewayTracking, AnInterfaceThatAppearsTakesTheAddressesThatCameBefore) {
   serve();
   addObject(7, external);
@@ -191,8 +191,8 @@ TEST_F(GatewayTracking, AConnectionThatStartsKnowsTheState) {
   }
 }
 
-// Promise: A change of states or of addresses without a record stands for the whole table, which is
-// read.
+// Promise: A notification of states or addresses without a record means that any may have changed:
+// the whole table is read.
 TEST_F(GatewayTracking, AnEmptyStateChangeReadsTheWholeTable) {
   serve();
   platformHasInterface(wan, stateRecord(wan, false, false));
@@ -354,7 +354,7 @@ TEST_F(GatewayTracking, AnAddressThatMovesLeavesItsOldInterface) {
   EXPECT_EQ(log()[1], "dev: 2 ip: 0.0.0.0");
 }
 
-// Promise: The removal of an address that says disabled is ignored.
+// Promise: The removal of an address is ignored when its record is disabled.
 TEST_F(GatewayTracking, ARemovalThatSaysDisabledIsIgnored) {
   serve();
   tellAddresses({removedRecord(lanAddress, lan, "192.168.88.1", true)});

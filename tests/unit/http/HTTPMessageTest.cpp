@@ -41,7 +41,7 @@ TEST(HTTPMessage, ParsesARequestWithoutFields) {
 
 // Promise: Blanks between the colon and a value are skipped and nothing else is: tabs and trailing
 // blanks stay, and a value may be empty.
-// Promise: A field's name is what stands before the first colon, blanks included, in upper case; it
+// Promise: A field's name is the text before the first colon, blanks included, in upper case; it
 // may be empty.
 TEST(HTTPMessage, SkipsBlanksBeforeAValueAndNothingElse) {
   const struct {
@@ -200,7 +200,7 @@ TEST(HTTPMessage, UpperCasesAsciiLettersOnly) {
 // Promise: A reply that is a status alone is its status line and an empty line: `HTTP/1.1 200 OK`,
 // `400 Bad Request`, `404 Not Found`, `412 Precondition Failed`, `500 Internal Server Error`, `501
 // Not Implemented`.
-// Promise: A status without a phrase of its own keeps the blank before the phrase: `HTTP/1.1 503 `.
+// Promise: A status without a reason phrase keeps the blank before the phrase: `HTTP/1.1 503 `.
 TEST(HTTPMessage, MakesAReplyFromAStatus) {
   const struct {
     HTTPStatus status;

@@ -7,7 +7,7 @@ TEST(HeaderLine, NeedsAColon) {
   EXPECT_FALSE(parseHeaderLine("Host a"));
 }
 
-// Promise: The method of a request is what stands before the first blank of its start line, and the
+// Promise: The method of a request is the text before the first blank of its start line, and the
 // URL what follows it up to the first ` HTTP/` or the end.
 // Promise: A start line of one word is a method without a URL.
 TEST(RequestLine, SplitsAtTheFirstBlankAndTheVersion) {

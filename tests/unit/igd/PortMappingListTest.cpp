@@ -70,8 +70,8 @@ TEST_F(PortMapping, DoesNotCountTheEntriesWhenAMappingOnlyChanges) {
   EXPECT_EQ(entries(), "77");
 }
 
-// Promise [mapping-dummy-found]: The dummy is found under no remote host, port `0` as it is written
-// and `TCP`, whether it is listed or not.
+// Promise [mapping-dummy-found]: The dummy is found under no remote host, port `0` in exactly this
+// spelling and `TCP`, whether it is listed or not.
 TEST_F(PortMapping, FindsTheDummyWhetherItIsListedOrNot) {
   EXPECT_EQ(entryOf("0", "TCP"), found(dummy));
   connection->setShowDummyRule(false);

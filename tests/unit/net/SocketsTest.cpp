@@ -107,7 +107,7 @@ TEST_F(SocketsTest, MakesAUdpSocketOfOneDevice) {
   EXPECT_EQ(log, "");
 }
 
-// Promise [ssdp-port]: SSDP is heard on UDP port 1900 of any address of the interface.
+// Promise [ssdp-port]: SSDP is received on UDP port 1900 of any address of the interface.
 // Promise [ssdp-ttl]: Multicast datagrams go out with a time to live of 4, through the interface
 // that the socket is bound to, and loop back to this host.
 // Also proves [device-bound], [ssdp-port-shared].
@@ -125,8 +125,8 @@ TEST_F(SocketsTest, MakesADiscoverySocket) {
   EXPECT_EQ(log, "");
 }
 
-// Promise [ssdp-group]: SSDP is heard in the multicast group `239.255.255.250`, joined on the
-// interface of the index given.
+// Promise [ssdp-group]: SSDP is received in the multicast group `239.255.255.250`, which is joined
+// on the interface of the given index.
 TEST_F(SocketsTest, JoinsTheGroupOfSsdp) {
   const lm::Fd fd = make(discovery);
   const lm::Fd sender = make(udp);
@@ -188,7 +188,7 @@ TEST_F(SocketsTest, LetsTheSystemRefuseALongName) {
                 "setsockopt SO_BINDTODEVICE: No such device");
 }
 
-// Promise: An empty interface name is handed to the system as it is.
+// Promise: An empty interface name is passed to the system unchanged.
 TEST_F(SocketsTest, PassesAnEmptyNameToTheSystem) {
   // Which takes it for "no device".
   const lm::Fd fd = make([] { return makeUdpSocket(""); });

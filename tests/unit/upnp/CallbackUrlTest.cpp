@@ -65,8 +65,8 @@ TEST_F(CallbackUrl, IsSplitIntoAddressPortAndPath) {
   EXPECT_TRUE(platform.sentTo({14}, resolve).empty());
 }
 
-// Promise [subscribe-address]: A dotted address in a callback is taken as it is, `0.0.0.0`
-// included, without asking the platform.
+// Promise [subscribe-address]: A dotted address in a callback is used directly, `0.0.0.0` included,
+// without asking the platform.
 TEST_F(CallbackUrl, TakesTheAddressZeroWithoutAskingTheResolver) {
   platform.refuse({14}, resolve, "no such host");
   for (const char* url :

@@ -303,8 +303,8 @@ TEST_F(Control, PassesAnEmptyArgumentAsEmpty) {
   EXPECT_EQ(lamp.calls, (std::vector<Values>{{"", "red"}}));
 }
 
-// Promise: An empty argument has the last text that stands before it in the body, and is empty
-// where there is none.
+// Promise: An empty argument has the last text before it in the body, and is empty where there is
+// none.
 TEST_F(Control, GivesAnEmptyArgumentTheLastTextBeforeIt) {
   EXPECT_EQ(invoke("Set", "<NewColour>red</NewColour>\n<Note>70</Note><NewBrightness/>"),
             response("Set", "\r\n      <OldBrightness>50</OldBrightness>\r\n    "));

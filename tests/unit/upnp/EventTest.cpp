@@ -35,8 +35,8 @@ using Events = LampEvents;
 // `CONTENT-TYPE: text/xml`, `CONTENT-LENGTH`, `NT: upnp:event`, `NTS: upnp:propchange`, `SID` and
 // `SEQ`, in this order.
 // Promise: The body of a NOTIFY is an `e:propertyset` with
-// `xmlns:e="urn:schemas-upnp-org:event-1-0"`, without an XML declaration; each variable stands in
-// an `e:property` for itself.
+// `xmlns:e="urn:schemas-upnp-org:event-1-0"`, without an XML declaration; each variable has its own
+// `e:property`.
 // Promise [event-initial]: A new subscriber is sent the initial event: every evented variable that
 // has a value, in the byte order of the names.
 TEST_F(Events, CarryEveryEventedVariableThatHasAValueAtFirst) {

@@ -80,7 +80,7 @@ TEST(Service, ReadsThroughTheGetterUntilTheVariableIsSet) {
   EXPECT_EQ(lamp.getVar("Hours"), "0");
 }
 
-// Promise: A name that is registered twice stands for what was registered last.
+// Promise: A name that is registered twice means what was registered last.
 TEST(Service, ReplacesAVariableThatIsRegisteredTwice) {
   Lamp lamp;
   lamp.addVar("State", {VAR_UI4, false}).setValue("1");

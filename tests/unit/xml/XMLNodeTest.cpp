@@ -19,7 +19,7 @@ TEST(XMLNode, WritesPropertiesInTheOrderAdded) {
   EXPECT_EQ(node.get(), "<x a=\"1\" a=\"<\"&\"></x>\r\n");
 }
 
-// Promise: Each child stands on its own line, two blanks deeper than its parent, and the outermost
+// Promise: Each child is on its own line, two blanks deeper than its parent, and the outermost
 // element in column 0.
 TEST(XMLNode, IndentsChildrenByTwoBlanks) {
   XMLNode root("root");

@@ -101,7 +101,7 @@ TEST(XMLParser, GivesAnEmptyElementTheTextBeforeIt) {
   EXPECT_EQ(onlyIn(XMLParser("<a/>").root).value, "");
 }
 
-// Promise: An element with children has no text, whatever stands beside them.
+// Promise: An element with children has no text, even if there is text beside them.
 TEST(XMLParser, DropsTheTextBesideChildren) {
   const XMLParser parser("<a>before<b>1</b>behind</a>");
   ASSERT_TRUE(parser.ok);
@@ -303,7 +303,7 @@ TEST(XMLParser, TakesAnyBytesAndThenTheNextDocument) {
   EXPECT_TRUE(XMLParser("<a/>").ok);
 }
 
-// Promise: A document that ends early is refused at whatever byte.
+// Promise: A document that ends early is refused, at whichever byte it ends.
 TEST(XMLParser, TakesEveryBeginningOfADocument) {
   const std::string document =
       "<?xml version=\"1.0\"?>\r\n<s:Envelope xmlns:s=\"urn:x\"><s:Body><u:Get "
