@@ -25,7 +25,7 @@ void addMonitorCommand(CLI::App& app, Session& session);
 void addIdentityCommand(CLI::App& app, Session& session);
 void addHelpCommand(CLI::App& app, Session& session);
 
-/// Lets a group of commands that is named alone do what its command "list" or "show" does.
+/// Makes `group`, when it is named without a subcommand, call `shows`.
 void runWhenBare(CLI::App& group, std::function<void()> shows);
 
 }  // namespace lumenctl

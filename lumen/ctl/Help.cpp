@@ -20,7 +20,7 @@ class HelpFormat : public CLI::Formatter {
     return text;
   }
 
-  /// What every command takes is listed with each of them, before its own commands.
+  /// Lists the options of every command with each command, before its subcommands.
   [[nodiscard]] std::string make_subcommands(const CLI::App* app,
                                              CLI::AppFormatMode mode) const override {
     const std::string commands = CLI::Formatter::make_subcommands(app, mode);

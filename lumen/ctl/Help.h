@@ -3,7 +3,7 @@
 #include <CLI/App.hpp>
 #include <initializer_list>
 
-/// What --help says beside the commands and options themselves.
+/// What --help shows besides the commands and options themselves.
 namespace lumenctl {
 
 /// A command line to type.
@@ -15,8 +15,7 @@ struct Example {
 /// Gives `command` the part "Examples:" at the end of its help, followed by the text `note`.
 void addExamples(CLI::App& command, std::initializer_list<Example> examples, const char* note = "");
 
-/// Lets `app`, and the commands that are added to it from then on, show their help as it shall
-/// look.
+/// Sets the layout of --help for `app` and for the commands that are added to it afterwards.
 void setHelpFormat(CLI::App& app);
 
 }  // namespace lumenctl

@@ -34,8 +34,8 @@ class Session {
   void print(const Json& value);
   /// Prints `value` as JSON on a line of its own, at once.
   void printLine(const Json& value);
-  /// Prints what was done, if that is still to be printed. A command that changes nothing although
-  /// it could have calls done() never.
+  /// Prints the changes that are still to be printed: an empty list of them for a command that
+  /// found nothing to change.
   void finish();
 
   /// Connects when first called; throws PlatformSilent when that is not possible.

@@ -16,7 +16,7 @@ from support.users import NOBODY
 class CheckTest(CheckCase):
     # Also proves [ctl-check].
     def test_nothing_is_wrong(self):
-        self.assert_well()
+        self.assert_nothing_wrong()
         status, printed, _ = run_inside(self.router, "--json", "upnp", "check")
         self.assertEqual((status, json.loads(printed)), (0, {"findings": [], "not_checked": []}))
 
@@ -46,7 +46,7 @@ class CheckTest(CheckCase):
         self.assert_found("The gateway is switched off.",
                           "No host finds a gateway, and no port can be opened.", remedy)
         self.router.lumenctl(*remedy.split()[1:])
-        self.assert_well()
+        self.assert_nothing_wrong()
 
     def test_the_gateway_has_crashed(self):
         crashed = finding("The gateway has crashed; lumend will start it again.",
@@ -62,7 +62,7 @@ class CheckTest(CheckCase):
 
         self.wait_until(is_seen, "it is seen as crashed", limit=30)
         self.router.lumenctl("upnp", "settings")  # which starts it at once
-        self.assert_well()
+        self.assert_nothing_wrong()
 
     def test_the_gateway_is_not_installed(self):
         self.router.stop()
@@ -108,7 +108,7 @@ class CheckTest(CheckCase):
                           "why lumend rejects it")
         self.router.stop()
         self.router.start()
-        self.assert_well()
+        self.assert_nothing_wrong()
 
     def test_the_gateway_does_not_answer(self):
         pid = self.router.gateway_pid()
@@ -133,8 +133,8 @@ class CheckTest(CheckCase):
                           "There is no address that ports can be opened on.",
                           "lumenctl upnp setup")
 
-    def test_somebody_without_rights_is_told_so(self):
-        # Opened before the rights are gone: the program may lie where nobody else may look.
+    def test_a_user_without_rights_is_refused(self):
+        # Opened before the rights are gone: the program may lie where other users may not look.
         printed = self.run_inside(
             f"exec 3< {PROGRAMS / 'lumenctl'}; setpriv --reuid={NOBODY} --regid={NOBODY} "
             f"--clear-groups /proc/self/fd/3 --root {self.router.root} upnp check; true")

@@ -9,7 +9,7 @@ DNAT = "-m conntrack --ctstate DNAT -j ACCEPT"
 
 
 class CheckFirewallTest(CheckCase):
-    """Routers whose firewall drops what nobody asked for."""
+    """Routers whose firewall drops forwarded packets."""
 
     def setUp(self):
         super().setUp()
@@ -25,7 +25,7 @@ class CheckFirewallTest(CheckCase):
         with self.assertRaises(TimeoutError):
             self.reach()
         self.run_inside(remedy)
-        self.assert_well()
+        self.assert_nothing_wrong()
         self.reach()
 
     def reach(self):
@@ -74,7 +74,7 @@ class CheckFirewallTest(CheckCase):
                 iifname vmap {{ "{WAN_LINK}" : jump from_outside, "{LAN_BRIDGE}" : accept }}
               }}
             }}'""")
-        self.assert_well()
+        self.assert_nothing_wrong()
         self.reach()
 
     def test_a_chain_that_only_drops_what_it_names(self):
@@ -89,7 +89,7 @@ class CheckFirewallTest(CheckCase):
                 type filter hook input priority filter; policy accept;
               }
             }'""")
-        self.assert_well()
+        self.assert_nothing_wrong()
 
     # Also proves [ctl-check-firewall].
     def test_the_chain_of_iptables(self):
@@ -107,7 +107,7 @@ class CheckFirewallTest(CheckCase):
                 self.guard_with(command)
                 self.run_inside(f"{command} -N outside; {command} -A outside {DNAT}; "
                                 f"{command} -A FORWARD -i {WAN_LINK} -j outside")
-                self.assert_well()
+                self.assert_nothing_wrong()
                 self.reach()
 
     def test_the_chains_of_ufw(self):
@@ -133,7 +133,7 @@ class CheckFirewallTest(CheckCase):
                 self.run_inside(edit.replace("/etc/ufw/before.rules", str(rules)))
                 for _ in range(2):
                     self.run_inside(reload)
-                    self.assert_well()
+                    self.assert_nothing_wrong()
                     self.reach()
                 self.run_inside(f"{command} -P FORWARD ACCEPT; {command} -F FORWARD; "
                                 f"{command} -F ufw-before-forward; "

@@ -21,7 +21,7 @@ class CheckLinksTest(CheckCase):
         self.assert_found("br-lan, an internal interface, is switched off.",
                           "Its hosts find no gateway.", remedy)
         self.run_inside(remedy)
-        self.assert_well()
+        self.assert_nothing_wrong()
 
     def test_an_interface_has_no_link(self):
         self.wan.namespace.ip("link", "set", "eth0", "down")
@@ -48,7 +48,7 @@ class CheckLinksTest(CheckCase):
                           "Its hosts may not find the gateway, which they search for by multicast.",
                           remedy)
         self.run_inside(remedy)
-        self.assert_well()
+        self.assert_nothing_wrong()
 
     # Also proves [ctl-check-address].
     def test_there_is_no_external_address(self):
@@ -86,7 +86,7 @@ class CheckKernelTest(CheckCase):
                           "What arrives at an open port does not reach its host.",
                           f"{remedy} (a file in /etc/sysctl.d sets it at the next start)")
         self.run_inside(remedy)
-        self.assert_well()
+        self.assert_nothing_wrong()
 
     def test_packets_of_one_interface_are_not_forwarded(self):
         for link, why in ((WAN_LINK, "What arrives there for an open port does not reach its "
@@ -99,7 +99,7 @@ class CheckKernelTest(CheckCase):
                 self.assert_found(f"Packets that arrive on {link} are not forwarded: {variable} "
                                   "is 0.", why, remedy)
                 self.run_inside(remedy)
-                self.assert_well()
+                self.assert_nothing_wrong()
 
     def test_there_is_no_default_route(self):
         self.ip("route", "delete", "default")
@@ -107,7 +107,7 @@ class CheckKernelTest(CheckCase):
         self.assert_found("The main routing table has no default route.",
                           "Answers to the Internet may not leave this router.", remedy)
         self.run_inside(remedy.replace("GATEWAY", WAN_HOST))
-        self.assert_well()
+        self.assert_nothing_wrong()
 
     def test_the_packet_filter_takes_bridged_packets_for_forwarded(self):
         if not os.path.exists(BRIDGE_FILTER):
@@ -119,7 +119,7 @@ class CheckKernelTest(CheckCase):
                           "A host there cannot reach its own open port through the external "
                           "address.", remedy)
         self.run_inside(remedy)
-        self.assert_well()
+        self.assert_nothing_wrong()
 
 
 if __name__ == "__main__":

@@ -14,7 +14,7 @@ class CheckPolicyTest(CheckCase):
 
     def assert_remedied(self, command):
         self.router.lumenctl(*command.split()[1:])
-        self.assert_well()
+        self.assert_nothing_wrong()
         self.lan[0].open_port(8080, "TCP")
         self.lan[0].close_port(8080, "TCP")
 

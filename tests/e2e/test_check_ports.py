@@ -51,7 +51,7 @@ class CheckPortsTest(CheckCase):
                 if kind == socket.SOCK_STREAM:
                     self.assert_found(*NOT_LISTENING)
                     self.router.lumenctl(*NOT_LISTENING[2].split()[1:])
-                self.assert_well()
+                self.assert_nothing_wrong()
 
     # Also proves [ctl-check-listens].
     def test_a_gateway_that_found_its_port_taken_listens_again_by_the_command_that_is_named(self):
@@ -72,7 +72,7 @@ class CheckPortsTest(CheckCase):
         with self.assertRaises(ConnectionRefusedError):
             self.lan[0].connect(LAN_ADDRESS, 2828)
         self.router.lumenctl(*NOT_LISTENING[2].split()[1:])
-        self.assert_well()
+        self.assert_nothing_wrong()
         self.assertEqual(self.router.status()["gateway"], "on")
         self.lan[0].open_port(8081, "TCP")
 
@@ -106,7 +106,7 @@ class CheckPortsTest(CheckCase):
                          r"\AGateway: on \(process \d+; not reachable on br-guest, lumenctl upnp "
                          r"check shows why\)\n")
         self.router.lumenctl(*remedy.split()[1:])
-        self.assert_well()
+        self.assert_nothing_wrong()
 
     def test_ports_are_stale(self):
         self.lan[0].open_port(8080, "TCP")
@@ -125,7 +125,7 @@ class CheckPortsTest(CheckCase):
         self.router.lumenctl("upnp", "settings", "set", "enabled=off")
         self.router.lumenctl("upnp", "settings", "set", "enabled=on")
         self.wait_until(lambda: self.router.gateway_pid() != 0, "the gateway is back")
-        self.assert_well()
+        self.assert_nothing_wrong()
 
 
 if __name__ == "__main__":

@@ -1,5 +1,5 @@
-"""What the tests of lumenctl upnp check share: each does something to a router, sees that the check
-finds it, and undoes it by what the check says."""
+"""What the tests of lumenctl upnp check share: each breaks something on a router, sees that the
+check finds it, and fixes it with the remedy that the check names."""
 
 import time
 
@@ -7,7 +7,7 @@ from support.administrator import run_inside
 from support.network import WAN_HOST
 from support.router_case import RouterCase
 
-ALL_IS_WELL = "Nothing is wrong.\n"
+NOTHING_WRONG = "Nothing is wrong.\n"
 
 
 def finding(what, why, remedy, number=1):
@@ -25,16 +25,16 @@ class CheckCase(RouterCase):
         """What the check prints; its exit status says whether that is a finding."""
         status, printed, said = run_inside(self.router, "upnp", "check")
         self.assertEqual(said, "")
-        self.assertEqual(status, 0 if printed.startswith(ALL_IS_WELL) else 1, printed)
+        self.assertEqual(status, 0 if printed.startswith(NOTHING_WRONG) else 1, printed)
         return printed
 
     def assert_found(self, *words):
-        """The check finds that and nothing else, as soon as the platform has heard of it."""
+        """The check finds that and nothing else, as soon as the platform knows of it."""
         expected = finding(*words)
         self.assertEqual(self.last_of_checks(expected), expected)
 
-    def assert_well(self):
-        self.assertEqual(self.last_of_checks(ALL_IS_WELL), ALL_IS_WELL)
+    def assert_nothing_wrong(self):
+        self.assertEqual(self.last_of_checks(NOTHING_WRONG), NOTHING_WRONG)
 
     def last_of_checks(self, expected, limit=10.0):
         """Checks until `expected` is printed, or for some time; returns what was printed last."""

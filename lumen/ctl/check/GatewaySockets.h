@@ -21,18 +21,18 @@ struct GatewayPort {
 inline constexpr std::array<GatewayPort, 2> gatewayPorts = {
     {{17, 1900, "1900/udp"}, {6, 2828, "2828/tcp"}}};
 
-/// The user that a process runs as. None when it cannot be seen.
+/// The user that a process runs as. None when that is not visible.
 [[nodiscard]] std::optional<uint32_t> userOf(Machine& machine, uint32_t process);
 
-/// The sockets that the gateway listens on. They are read in its own network namespace; the links
-/// that they are bound to can be seen only when that is also lumenctl's.
+/// The sockets that the gateway listens on, read in its own network namespace. The links that they
+/// are bound to are visible only when that is also lumenctl's.
 class GatewaySockets {
  public:
   /// `process` is the gateway's.
   GatewaySockets(Machine& machine, uint32_t process);
 
-  /// The ports that the gateway does not listen at on the link with this kernel index. None is
-  /// missing when that cannot be seen. A socket whose link cannot be seen counts for every link.
+  /// The ports on which the gateway does not listen on the link with this kernel index; none when
+  /// its sockets are not visible. A socket whose link is not visible counts for every link.
   [[nodiscard]] std::vector<std::string> missingOn(uint32_t link) const;
 
  private:

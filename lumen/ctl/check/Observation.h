@@ -37,7 +37,7 @@ struct CheckedInterface {
   std::vector<ConnectedNetwork> networks;
   bool bridge = false;
   bool multicast = true;  ///< the link may carry it
-  /// The ports that the gateway should listen at there and does not: "2828/tcp".
+  /// The ports on which the gateway should listen there and does not: "2828/tcp".
   std::vector<std::string> silentPorts;
   std::optional<bool> forwards;  ///< packets that arrive there; none: not known
 };
@@ -46,8 +46,8 @@ struct CheckedInterface {
 struct PortUser {
   uint32_t port = 0;
   uint32_t protocol = 0;  ///< IP protocol number: TCP or UDP
-  uint32_t process = 0;   ///< 0: not to be seen
-  std::string program;    ///< empty: not to be seen
+  uint32_t process = 0;   ///< 0: not visible
+  std::string program;    ///< empty: not visible
 
   [[nodiscard]] bool operator==(const PortUser&) const = default;
 };

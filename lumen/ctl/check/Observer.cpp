@@ -52,7 +52,7 @@ lumen::Result<lumen::ServiceDefinition> checkGatewayFile(const std::string& text
 
 /// The file that lumend should have found when it started. With `root` it is not the system's.
 GatewayFile readGatewayFile(Machine& machine, const std::string& root) {
-  // A package binds the first over the second for lumend only.
+  // A package bind-mounts the first at the second, for lumend only.
   std::vector<std::string> folders = {"/etc/lumen", "/lumen/etc"};
   if (!root.empty()) folders = {root + "/etc"};
   GatewayFile file;
@@ -157,8 +157,8 @@ Observation observe(Session& session) {
   seen.defaultRoute = !defaultRoutes(machine.read(routeTablePath).value_or("")).empty();
   seen.bridgedIsFiltered = readSwitch(machine, "bridge/bridge-nf-call-iptables").value_or(false);
   seen.chains = machine.forwardChains();
-  // Without an answer the gateway could not be told from other programs; without lumend there is
-  // none.
+  // Without an answer the gateway could not be distinguished from other programs; without lumend
+  // there is no gateway.
   if (seen.answered) seen.portUsers = readPortUsers(machine, seen.gateway.process);
   return seen;
 }

@@ -48,7 +48,7 @@ Json asJson(const std::vector<Difference>& differences) {
   return result;
 }
 
-/// A row for each difference, the first of them with what is said of the whole change.
+/// A row for each difference; only the first has the cells of the change itself.
 void addRows(Table& table, std::vector<Table::Cell> change,
              const std::vector<Difference>& differences) {
   const size_t described = change.size();
@@ -91,8 +91,8 @@ void show(Session& session) {
   }
 }
 
-/// Undoing adds a change to the history like any other. The undone one leaves it last: a refused
-/// undo stays the newest.
+/// Undoing adds a change to the history like any other. The undone one is removed last, so that it
+/// stays the newest when the undo is refused.
 void undo(Session& session) {
   const std::vector<Change> history = session.router().history();
   if (history.empty()) throw Refused("there is nothing to undo");

@@ -97,7 +97,7 @@ class Tables {
     std::string key = option.nonpositional()
                           ? "'" + path + " --" + option.get_lnames().front() + "'"
                           : "'" + path + "'";
-    // An option of the program itself stands behind any command.
+    // An option of the program itself may follow any command.
     if (path.empty() && option.nonpositional()) key = "*" + key;
     if (type == "COMMAND...") return;  // in the table of commands
     if (type == "ROLE") {

@@ -12,7 +12,7 @@ namespace lumenctl {
 ///     _lumenctl_options COMMAND            its options and those of every command
 ///     _lumenctl_values COMMAND             what it takes
 ///     _lumenctl_values "COMMAND OPTION"    what its option takes
-///     _lumenctl_values "COMMAND NAME="     what a setting takes that it sets
+///     _lumenctl_values "COMMAND NAME="     what a setting of it takes
 ///
 /// COMMAND is empty for the program itself. Values are words, those of settings with '=' at their
 /// end, or, where the router knows them, the name that --help has for them, such as IF.

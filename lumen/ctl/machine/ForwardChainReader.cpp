@@ -35,7 +35,8 @@ int takeMessage(const nlmsghdr* message, void* chains) {
   return MNL_CB_OK;
 }
 
-/// Reads a whole table of nf_tables. False, with errno; EINTR: it has changed meanwhile.
+/// Dumps a table of nf_tables. False, with errno, when that fails; EINTR: it changed during the
+/// dump.
 bool dump(mnl_socket* socket, uint16_t kind, NftForwardChains& chains) {
   alignas(nlmsghdr) std::array<char, 64> request{};
   nlmsghdr* header = mnl_nlmsg_put_header(request.data());
@@ -69,7 +70,7 @@ std::optional<std::vector<ForwardChain>> readNft() {
   return std::nullopt;
 }
 
-/// Whether the legacy iptables have made their table "filter" here. To ask for it would make it.
+/// Whether legacy iptables have created their table "filter" here. Asking for it would create it.
 bool hasLegacyTable() {
   std::ifstream names("/proc/net/ip_tables_names");
   for (std::string name; std::getline(names, name);) {

@@ -30,8 +30,8 @@ struct Extension {
 static_assert(sizeof(Extension) <= sizeof(xt_entry_match) &&
               offsetof(Extension, revision) == offsetof(xt_entry_match, u.user.revision));
 
-/// An entry that looks at neither addresses nor interfaces nor the protocol.
-bool takesEverything(const ipt_ip& ip) {
+/// An entry that checks neither addresses nor interfaces nor the protocol.
+bool matchesEverything(const ipt_ip& ip) {
   ipt_ip nothing{};
   nothing.flags = ip.flags & IPT_F_GOTO;
   return std::memcmp(&ip, &nothing, sizeof nothing) == 0;
@@ -69,7 +69,7 @@ RuleEffect effectOf(const ipt_entry& head, Bytes entry) {
   if (!title || target.size() < sizeof(xt_entry_target)) return RuleEffect::unknown;
   bool openPorts = false;
   Bytes matches = entry.subspan(sizeof(ipt_entry), head.target_offset - sizeof(ipt_entry));
-  const bool always = takesEverything(head.ip) && matches.empty();
+  const bool always = matchesEverything(head.ip) && matches.empty();
   while (const auto match = lumen::readStruct<Extension>(matches)) {
     if (match->size < sizeof(xt_entry_match) || match->size > matches.size()) break;
     openPorts |= matchesOpenPorts(

@@ -16,8 +16,8 @@ struct LegacyLayout {
   uint32_t builtInEnd = 0;  ///< the last one of the last built-in chain; other chains follow
 };
 
-/// The chain FORWARD in `rules` (struct ipt_entry one after the other). What does not fit its
-/// lengths ends the reading.
+/// The chain FORWARD in `rules` (struct ipt_entry one after the other). Reading stops at an entry
+/// whose lengths do not fit.
 [[nodiscard]] ForwardChain readLegacyForwardChain(std::span<const std::byte> rules,
                                                   const LegacyLayout& layout);
 

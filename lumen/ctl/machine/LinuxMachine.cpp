@@ -25,7 +25,7 @@ namespace lumenctl {
 
 namespace {
 
-/// Goes on with an error_code: what ends while it is looked at is passed over.
+/// Used with an error_code: processes that end while they are looked at are skipped.
 using Directory = std::filesystem::directory_iterator;
 
 bool ask(unsigned long what, const std::string& link, ifreq& request) {

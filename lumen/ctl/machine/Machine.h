@@ -13,9 +13,9 @@
 
 namespace lumenctl {
 
-/// A program at work.
+/// A running process.
 struct Process {
-  uint32_t id = 0;   ///< 0: not to be seen
+  uint32_t id = 0;   ///< 0: not visible
   std::string name;  ///< the kernel's, cut to 15 bytes
 };
 

@@ -125,7 +125,7 @@ void NftForwardChains::takeChain(uint32_t family, Bytes attributes) {
     return;
   }
   if (number(attributesOf(fields[NFTA_CHAIN_HOOK])[NFTA_HOOK_HOOKNUM]) != NF_INET_FORWARD) return;
-  // iptables on top of nf_tables calls its chains so, and does not bear rules that nft has made.
+  // iptables-nft names its chains like this, and cannot handle rules that nft has added.
   if (chain.family == "ip" && chain.table == "filter" && chain.name == "FORWARD") {
     chain.tool = ForwardChain::Tool::iptables;
   }

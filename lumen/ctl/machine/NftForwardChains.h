@@ -18,8 +18,8 @@ namespace lumenctl {
 /// (linux/netfilter/nf_tables.h).
 class NftForwardChains {
  public:
-  /// A message of a dump of all chains, or then of all rules, in the kernel's order. What is
-  /// neither, or no valid one, is passed over.
+  /// Takes a message of a dump of all chains, and later of all rules, in the kernel's order. Other
+  /// and invalid messages are ignored.
   void take(const nlmsghdr& message);
 
   [[nodiscard]] std::vector<ForwardChain> chains() const;

@@ -18,7 +18,7 @@ struct Route {
   uint32_t metric = 0;
 };
 
-/// The routes that are up and refuse nothing.
+/// The routes that are up, without unreachable ones.
 std::vector<Route> routesIn(std::string_view table) {
   std::vector<Route> routes;
   std::istringstream lines{std::string(table)};

@@ -17,8 +17,8 @@ struct DefaultRoute {
   uint32_t metric = 0;  ///< the lowest wins
 };
 
-/// The default routes in the text of routeTablePath, the one that is used first. Routes that refuse
-/// what they match, and lines that are none, are left out.
+/// The default routes in the text of routeTablePath, the one that is used first. Unreachable routes
+/// and invalid lines are left out.
 [[nodiscard]] std::vector<DefaultRoute> defaultRoutes(std::string_view table);
 
 /// A network whose hosts an interface reaches without a router.

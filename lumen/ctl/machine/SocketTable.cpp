@@ -12,8 +12,8 @@ namespace {
 constexpr uint32_t listening = 0x0A;
 constexpr uint32_t unconnectedUdp = 0x07;
 
-/// Of an address as /proc/net writes it: an IPv4 one, the unspecified IPv6 one, and one that stands
-/// for an IPv4 address (RFC 4291, section 2.5.5.2).
+/// Of an address as /proc/net writes it: an IPv4 one, the unspecified IPv6 one, or an IPv4-mapped
+/// one (RFC 4291, section 2.5.5.2).
 bool takesIpv4(const std::string& address) {
   constexpr size_t ipv4Digits = 8;
   const bool mapped = address.starts_with("0000000000000000FFFF0000");

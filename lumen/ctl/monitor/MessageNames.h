@@ -23,7 +23,7 @@ enum class Meaning {
   plain,    ///< the plain value
   address,  ///< an IPv4 address
   command,  ///< a command of the subject
-  undo,     ///< a message to the one that a change in the history is about
+  undo,     ///< a message about the subject of a change in the history
 };
 
 struct FieldName {

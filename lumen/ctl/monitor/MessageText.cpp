@@ -41,7 +41,7 @@ std::string label(uint32_t key) {
   return text.data();
 }
 
-/// Whom a change in the history is about: in a record its path says it, in a request its sender.
+/// What a change in the history is about: in a record its path, in a request its source.
 Subject changed(const lm::message& change) {
   const auto& path = change.get_u32_array_ref(lm::history::key::path);
   return Subject::of(path.empty() ? change.get_u32_array_ref(lm::key::source) : path);
@@ -76,7 +76,7 @@ class Decoder {
       const FieldName* const known = findField(subject_, key);
       const Meaning meaning = known == nullptr ? Meaning::plain : known->meaning;
       const Decoder inner(meaning == Meaning::undo ? changed(m) : subject_, meaning);
-      // No key is there twice: to look for each name would take quadratic time.
+      // No key occurs twice; a lookup of each name would take quadratic time.
       result.get_ref<Json::object_t&>().emplace_back(known == nullptr ? label(key) : known->name,
                                                      std::visit(inner, value));
     }

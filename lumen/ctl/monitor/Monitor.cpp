@@ -10,8 +10,8 @@ namespace lumenctl {
 
 namespace {
 
-/// Requests of programs that ended before they were answered stay; so many are kept.
-constexpr size_t mostUnderWay = 4096;
+/// A bound, because requests of programs that ended before they were answered stay.
+constexpr size_t maxPending = 4096;
 
 const char* routerHandlerName(uint32_t handler) {
   switch (handler) {
@@ -26,17 +26,17 @@ const char* routerHandlerName(uint32_t handler) {
   }
 }
 
-const char* nameOf(Passed::Kind kind) {
+const char* nameOf(TracedMessage::Kind kind) {
   switch (kind) {
-    case Passed::Kind::request:
+    case TracedMessage::Kind::request:
       return "request";
-    case Passed::Kind::reply:
+    case TracedMessage::Kind::reply:
       return "reply";
-    case Passed::Kind::error:
+    case TracedMessage::Kind::error:
       return "error";
-    case Passed::Kind::notification:
+    case TracedMessage::Kind::notification:
       return "notification";
-    case Passed::Kind::message:
+    case TracedMessage::Kind::message:
       break;
   }
   return "message";
@@ -44,7 +44,7 @@ const char* nameOf(Passed::Kind kind) {
 
 }  // namespace
 
-std::string Passed::line() const {
+std::string TracedMessage::line() const {
   std::string result =
       localTimeOfDay(time) + " " + printable(from) + " -> " + printable(to) + ": " + nameOf(kind);
   if (!command.empty())
@@ -56,7 +56,7 @@ std::string Passed::line() const {
   return result;
 }
 
-Json Passed::json() const {
+Json TracedMessage::json() const {
   Json result = {{"time", std::chrono::duration<double>(time.time_since_epoch()).count()},
                  {"from", from},
                  {"to", to},
@@ -92,46 +92,46 @@ std::string Monitor::nameOf(uint32_t number, uint32_t handler) const {
   return handler == 0 ? name : name + "/" + std::to_string(handler);
 }
 
-Passed Monitor::read(const lm::message& shown, Passed::Time time) {
+TracedMessage Monitor::read(const lm::message& shown, TracedMessage::Time time) {
   const uint32_t from = shown.get_u32(lm::monitor::key::from);
   const uint32_t to = shown.get_u32(lm::monitor::key::to);
-  Passed passed;
-  passed.time = time;
-  passed.message = shown.get_message(lm::monitor::key::message);
-  passed.cut = shown.get_bool(lm::monitor::key::cut);
-  passed.from = nameOf(from);
-  passed.to = nameOf(to);
-  const lm::message& m = passed.message;
+  TracedMessage traced;
+  traced.time = time;
+  traced.message = shown.get_message(lm::monitor::key::message);
+  traced.cut = shown.get_bool(lm::monitor::key::cut);
+  traced.from = nameOf(from);
+  traced.to = nameOf(to);
+  const lm::message& m = traced.message;
   const uint32_t serial = m.get_u32(lm::key::serial);
   const uint32_t command = m.get_u32(lm::key::command);
-  Subject& subject = passed.subject;
+  Subject& subject = traced.subject;
   subject.service = from;
   if (m.get_bool(lm::key::isReply)) {
-    passed.kind = lm::isError(m) ? Passed::Kind::error : Passed::Kind::reply;
-    passed.error = lm::getError(m);
-    const auto request = underWay_.find({to, serial});
-    if (request != underWay_.end()) {
+    traced.kind = lm::isError(m) ? TracedMessage::Kind::error : TracedMessage::Kind::reply;
+    traced.error = lm::getError(m);
+    const auto request = pending_.find({to, serial});
+    if (request != pending_.end()) {
       subject = request->second.subject;
-      passed.command = commandName(subject, request->second.command);
-      if (from == subject.service) passed.from = nameOf(from, subject.handler);
-      underWay_.erase(request);
+      traced.command = commandName(subject, request->second.command);
+      if (from == subject.service) traced.from = nameOf(from, subject.handler);
+      pending_.erase(request);
     }
   } else if (to == lm::monitor::subscribers) {
-    passed.kind = Passed::Kind::notification;
+    traced.kind = TracedMessage::Kind::notification;
     subject = Subject::of(m.get_u32_array_ref(lm::key::source));
-    passed.from = nameOf(from, subject.handler);
-    if (command != 0) passed.command = commandName(subject, command);
+    traced.from = nameOf(from, subject.handler);
+    if (command != 0) traced.command = commandName(subject, command);
   } else if (m.get_u32_array_ref(lm::key::destination).empty()) {
-    passed.kind = Passed::Kind::message;
+    traced.kind = TracedMessage::Kind::message;
   } else {
-    passed.kind = Passed::Kind::request;
+    traced.kind = TracedMessage::Kind::request;
     subject = Subject::of(m.get_u32_array_ref(lm::key::destination));
-    passed.to = nameOf(to, subject.handler);
-    if (command != 0) passed.command = commandName(subject, command);
-    if (underWay_.size() >= mostUnderWay) underWay_.clear();
-    underWay_[{from, serial}] = {subject, command};
+    traced.to = nameOf(to, subject.handler);
+    if (command != 0) traced.command = commandName(subject, command);
+    if (pending_.size() >= maxPending) pending_.clear();
+    pending_[{from, serial}] = {subject, command};
   }
-  return passed;
+  return traced;
 }
 
 }  // namespace lumenctl

@@ -16,7 +16,7 @@
 namespace lumenctl {
 
 /// A message that passed between programs, in words.
-struct Passed {
+struct TracedMessage {
   using Time = std::chrono::sys_time<std::chrono::milliseconds>;
   enum class Kind {
     request,
@@ -48,10 +48,10 @@ class Monitor {
   explicit Monitor(const std::vector<Service>& services);
 
   /// `shown` has the fields of lm::monitor::key.
-  [[nodiscard]] Passed read(const lm::message& shown, Passed::Time time);
+  [[nodiscard]] TracedMessage read(const lm::message& shown, TracedMessage::Time time);
 
   /// How many requests it remembers.
-  [[nodiscard]] size_t underWay() const { return underWay_.size(); }
+  [[nodiscard]] size_t pending() const { return pending_.size(); }
 
  private:
   struct Request {
@@ -63,7 +63,7 @@ class Monitor {
 
   std::map<uint32_t, std::string> names_;  // of services
   /// By the number of the requester and its serial.
-  std::map<std::pair<uint32_t, uint32_t>, Request> underWay_;
+  std::map<std::pair<uint32_t, uint32_t>, Request> pending_;
 };
 
 }  // namespace lumenctl

@@ -11,7 +11,7 @@ namespace lumenctl {
 
 namespace {
 
-Passed::Time now() {
+TracedMessage::Time now() {
   return std::chrono::floor<std::chrono::milliseconds>(std::chrono::system_clock::now());
 }
 
@@ -19,12 +19,12 @@ void monitor(Session& session) {
   Router& router = session.router();
   Monitor monitor(router.services());
   router.startMonitoring();
-  while (const std::optional<lm::message> shown = router.nextShown()) {
-    const Passed passed = monitor.read(*shown, now());
+  while (const std::optional<lm::message> shown = router.nextMonitored()) {
+    const TracedMessage traced = monitor.read(*shown, now());
     if (session.json) {
-      session.printLine(passed.json());
+      session.printLine(traced.json());
     } else {
-      session.out() << passed.line() << '\n' << std::flush;
+      session.out() << traced.line() << '\n' << std::flush;
     }
     if (!session.out()) throw Refused("standard output cannot be written");
   }

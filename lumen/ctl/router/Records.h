@@ -127,7 +127,7 @@ struct Service {
   std::chrono::milliseconds nextStart{0};  ///< from now; 0: none planned
 };
 
-/// One interface as the gateway was told to use it.
+/// An interface that the gateway is configured to use.
 struct GatewayObject {
   GatewayObject() = default;
   explicit GatewayObject(const lm::message& record);

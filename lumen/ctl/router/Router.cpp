@@ -153,7 +153,7 @@ void Router::startMonitoring() {
   exchange(brokerPath, lm::broker::cmd::monitor, std::move(request));
 }
 
-std::optional<lm::message> Router::nextShown() {
+std::optional<lm::message> Router::nextMonitored() {
   while (true) {
     lumen::Result<std::optional<lm::message>> next = client_.notification();
     if (!next) throw Refused(next.why());

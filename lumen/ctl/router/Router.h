@@ -47,9 +47,9 @@ class Router {
 
   // What programs say to each other.
   void startMonitoring();
-  /// Waits for the next message that passes; it has the fields of lumen::monitorkey. None
+  /// Waits for the next message that passes; it has the fields of lm::monitor::key. None
   /// when Client::notification gives none.
-  [[nodiscard]] std::optional<lm::message> nextShown();
+  [[nodiscard]] std::optional<lm::message> nextMonitored();
 
   // The gateway; each of these starts it when it does not run.
   /// From now on they wait no longer than `limit` for an answer.

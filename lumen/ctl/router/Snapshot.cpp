@@ -61,7 +61,7 @@ Snapshot readSnapshot(Router& router, Starting starting) {
   snapshot.rules = router.rules();
   const std::vector<Address> addresses = router.addresses();
   const std::vector<Interface> interfaces = router.interfaces();
-  // Asked last: it has then heard of these interfaces and addresses.
+  // Asked last, when it knows of these interfaces and addresses.
   snapshot.gateway = readGateway(router, starting);
   for (const Interface& interface : interfaces) {
     const GatewayObject use = useOf(interface, snapshot.gateway);

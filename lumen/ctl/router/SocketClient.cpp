@@ -13,7 +13,7 @@ namespace lumenctl {
 
 namespace {
 
-/// A package binds the first over the second for its services only.
+/// A package bind-mounts the first at the second, for its services only.
 constexpr std::array<const char*, 2> ownSockets = {"/run/lumen/lumen.sock", lm::socketPath};
 
 }  // namespace
@@ -44,7 +44,7 @@ lumen::Result<lm::message> SocketClient::exchange(const std::vector<uint32_t>& d
   lumen::Result<lm::message> reply = connection_.call(std::move(request), command, limit);
   const bool refused = connection_.ended() && (!reply || lm::isError(*reply));
   if (refused && !answered_) {
-    // lumend ends the connection of a user without rights so.
+    // This is how lumend refuses a user without rights.
     return lm::refusal("connection ended: lumend answers root and the group lumen only");
   }
   answered_ = true;

@@ -8,8 +8,8 @@ namespace lumenctl {
 
 enum class Colour { none, heading, good, warning, bad };
 
-/// Whether output to a `terminal`, or not, shall have them. The others are the environment
-/// variables NO_COLOR, see no-color.org, and TERM; null: not set.
+/// Whether output is coloured. `terminal`: it goes to one. `noColor` and `term` are the environment
+/// variables NO_COLOR (no-color.org) and TERM; null: not set.
 [[nodiscard]] bool wantsColours(bool terminal, const char* noColor, const char* term);
 
 /// `text` between the control sequences (ECMA-48, SGR) that set its colour and reset it.

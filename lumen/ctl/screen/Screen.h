@@ -7,8 +7,7 @@
 
 namespace lumenctl {
 
-/// A terminal as one picture, which is drawn again and again. It is as it was before when this
-/// ends.
+/// A terminal that is redrawn as a whole. Its previous content comes back when this ends.
 class Screen {
  public:
   struct Size {
@@ -25,7 +24,7 @@ class Screen {
   [[nodiscard]] virtual bool showsUtf8() = 0;
   /// Shows these lines, which fit, instead of what was shown before.
   virtual void draw(const std::vector<std::string>& lines) = 0;
-  /// Waits for `limit`, or until it has another size, or the user wants to see no more.
+  /// Waits for `limit`, or until it has another size, or the user quits.
   [[nodiscard]] virtual Event wait(std::chrono::milliseconds limit) = 0;
 };
 

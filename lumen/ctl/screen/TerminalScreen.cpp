@@ -21,8 +21,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Other screen, no cursor, no new line after the last column; and back (xterm's control
-// sequences).
+// Alternate screen, no cursor, no line wrap; and back (xterm's control sequences).
 constexpr std::string_view enter = "\x1b[?1049h\x1b[?25l\x1b[?7l";
 constexpr std::string_view leave = "\x1b[?7h\x1b[?25h\x1b[?1049l";
 
@@ -73,7 +72,7 @@ TerminalScreen::TerminalScreen() : hasKeys_(isatty(STDIN_FILENO) != 0) {
   settings.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
   settings.c_cc[VMIN] = 0;
   settings.c_cc[VTIME] = 0;
-  // Stopped, it would leave its screen on the terminal.
+  // A stopped program would leave its screen on the terminal.
   settings.c_cc[VSUSP] = _POSIX_VDISABLE;
   tcsetattr(STDOUT_FILENO, TCSAFLUSH, &settings);
   writeAll(enter);

@@ -6,8 +6,8 @@
 
 namespace lumenctl {
 
-/// The terminal at standard output, its other screen. There is one of these at a time. A signal
-/// that asks the program to end ends it at once, with status 0, and leaves the terminal as it was.
+/// The alternate screen of the terminal at standard output. Only one of these may exist at a time.
+/// A signal that asks the program to end ends it at once, with status 0, and restores the terminal.
 class TerminalScreen : public Screen {
  public:
   TerminalScreen();
@@ -20,7 +20,7 @@ class TerminalScreen : public Screen {
   /// As the locale in the environment says.
   [[nodiscard]] bool showsUtf8() override;
   void draw(const std::vector<std::string>& lines) override;
-  /// The user ends it with q.
+  /// The user quits with q.
   [[nodiscard]] Event wait(std::chrono::milliseconds limit) override;
 
  private:

@@ -22,7 +22,7 @@ struct Arguments {
   std::vector<std::string> internal;  ///< empty: to be proposed
   std::string external;               ///< the same
   bool yes = false;                   ///< do not ask
-  bool allowMissing = false;          ///< of interfaces that are not there now too
+  bool allowMissing = false;          ///< interfaces may be named that do not exist now
   bool allowDisconnect = false;       ///< programs on the LAN may take the external one down
 };
 

@@ -17,7 +17,7 @@ struct Candidate {
   std::vector<lumen::Ipv4Address> addresses;
 };
 
-/// Which interfaces of a router are what, and why it looks like that.
+/// A role for each interface that should have one, with the reason.
 struct Proposal {
   struct Part {
     std::string name;
@@ -31,7 +31,7 @@ struct Proposal {
 
 /// The interface of the default route is external; bridges that have an address, and what has an
 /// address of a private network (RFC 1918), are internal. Interfaces with another default route are
-/// neither. What the administrator has said (`internal`, `external`; empty: not said) stands, and
+/// neither. What the administrator has given (`internal`, `external`; empty: not given) stands, and
 /// only the rest is proposed.
 [[nodiscard]] lumen::Result<Proposal> proposeRoles(const std::vector<Candidate>& candidates,
                                                    const std::vector<DefaultRoute>& routes,

@@ -18,8 +18,8 @@ struct Look {
   bool utf8 = false;
 };
 
-/// The router, with the traffic of its interfaces by their ids, as lines that fit `look`: what does
-/// not fit is left out, and told so.
+/// The router, with the traffic of its interfaces by their ids, as lines that fit `look`. When
+/// lines are left out, the last one says how many.
 [[nodiscard]] std::vector<std::string> picture(const Status& status,
                                                const std::map<uint32_t, Traffic>& traffic,
                                                const Look& look);

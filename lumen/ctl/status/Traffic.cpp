@@ -6,7 +6,7 @@ namespace lumenctl {
 
 namespace {
 
-constexpr size_t mostRates = 60;
+constexpr size_t maxRates = 60;
 
 uint64_t perSecond(uint64_t bytes, std::chrono::duration<double> time) {
   return static_cast<uint64_t>(static_cast<double>(bytes) / time.count());
@@ -24,7 +24,7 @@ void Traffic::add(const Counters& counters, Time now) {
   const Time::duration time = now - before->time;
   rates_.push_back({perSecond(counters.bytesReceived - before->counters.bytesReceived, time),
                     perSecond(counters.bytesSent - before->counters.bytesSent, time)});
-  if (rates_.size() > mostRates) rates_.pop_front();
+  if (rates_.size() > maxRates) rates_.pop_front();
 }
 
 }  // namespace lumenctl

@@ -10,7 +10,7 @@
 
 namespace lumenctl {
 
-/// How much an interface carried lately, out of what its counters said now and then.
+/// The recent traffic of an interface, computed from readings of its counters.
 class Traffic {
  public:
   using Time = std::chrono::steady_clock::time_point;
@@ -22,11 +22,11 @@ class Traffic {
     [[nodiscard]] bool operator==(const Rate&) const = default;
   };
 
-  /// What the counters said at the moment `now`.
+  /// Adds a reading of the counters at the time `now`.
   void add(const Counters& counters, Time now);
 
-  /// Between one reading and the next, the newest last, of a minute at one reading a second. There
-  /// is none between two of which the later counts less: those are of two interfaces.
+  /// The rate between each two successive readings, the newest last; with a reading a second, of a
+  /// minute. A counter that has fallen belongs to another interface of the same name: no rate.
   [[nodiscard]] const std::deque<Rate>& rates() const { return rates_; }
 
  private:

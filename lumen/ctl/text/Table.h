@@ -8,8 +8,8 @@
 
 namespace lumenctl {
 
-/// Rows of text in aligned columns under headings. Cells are made printable here, so that callers
-/// need not think of it.
+/// Rows of text in aligned columns under headings. Cells are made printable here, not by
+/// callers.
 class Table {
  public:
   struct Cell {

@@ -16,8 +16,8 @@ bool isPrintable(char32_t code) {
     return code >= first && code <= last;
   };
   if (lm::isControl(code)) return false;
-  // What has no shape of its own or moves what stands beside it: zero width, line and paragraph
-  // ends, direction marks, embeddings, overrides and isolates.
+  // Characters without a glyph and those that move their neighbours: zero width, line and paragraph
+  // separators, direction marks, embeddings, overrides and isolates.
   return !(code == 0xAD || code == 0x61C || within(0x200B, 0x200F) || within(0x2028, 0x202E) ||
            within(0x2060, 0x206F) || code == 0xFEFF || within(0xFFF9, 0xFFFB) ||
            within(0xE0000, 0xE0FFF));

@@ -13,8 +13,8 @@
 namespace lumenctl {
 
 /// `text` made safe for a terminal: whatever is not a printable character of valid UTF-8 comes out
-/// as its bytes, \xNN, and a backslash doubled. That includes the characters that turn the
-/// direction of writing around. Names and error texts may come from anywhere.
+/// as its bytes, \xNN, and a backslash doubled. That includes the characters that change the
+/// writing direction. Names and error texts may come from anywhere.
 [[nodiscard]] std::string printable(std::string_view text);
 
 /// How many columns the UTF-8 text `text` takes, if no character is wider than one.

@@ -60,7 +60,7 @@ struct Help : testing::Test {
 // Also proves [ctl-help].
 TEST_F(Help, KnowsEveryCommand) { EXPECT_GT(helps.size(), 25U); }
 
-TEST_F(Help, SaysWhatAnArgumentTakesAndWhetherItIsNeeded) {
+TEST_F(Help, SaysWhatAnArgumentTakesAndWhetherItIsRequired) {
   const std::string add = router.lumenctl({"upnp", "interface", "add", "--help"}).out;
   EXPECT_NE(add.find("\n  interface IF "), std::string::npos) << add;
   EXPECT_NE(add.find("\n  --role ROLE (required) "), std::string::npos) << add;

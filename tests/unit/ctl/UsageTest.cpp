@@ -17,8 +17,8 @@ struct Usage : testing::Test {
 
 // Promise [ctl-status]: lumenctl ends with 0 when all was done, with 1 and `lumenctl: ` and the
 // reason on standard error when the platform refused, and with 2 when it was called wrongly.
-// Promise: Wrong arguments are refused before anybody is asked, with the reason and which `--help`
-// says more: `lumenctl nat close --help shows its usage.`
+// Promise: Wrong arguments are refused before any request is sent, with the reason and which
+// `--help` says more: `lumenctl nat close --help shows its usage.`
 TEST_F(Usage, EndsWith2WhenTheArgumentsAreWrong) {
   const std::vector<std::pair<Lines, const char*>> wrong = {
       {{}, "no command"},
@@ -71,7 +71,7 @@ TEST_F(Usage, EndsWith2WhenTheArgumentsAreWrong) {
 // Promise [ctl-word]: A word that is no command, or an option that there is not, is named, with the
 // one that was likely meant and where the right ones are listed: `there is no command 'statsu'; did
 // you mean 'status'?`, `lumenctl --help lists the commands.`
-TEST_F(Usage, NamesTheWordThatItDidNotUnderstandAndTheLikelyOne) {
+TEST_F(Usage, NamesAnUnknownWordAndTheLikelyOne) {
   const std::string toldBy = " --help shows its usage.\n";
   const std::string listedBy = " --help lists the commands.\n";
   const std::vector<std::pair<Lines, std::string>> wrong = {
@@ -107,7 +107,7 @@ TEST_F(Usage, NamesTheWordThatItDidNotUnderstandAndTheLikelyOne) {
   EXPECT_EQ(router.requests(), Lines{});
 }
 
-TEST_F(Usage, SuggestsNothingForAWordOfAnyLength) {
+TEST_F(Usage, SuggestsNothingForAVeryLongWord) {
   for (const std::string& word : {std::string("s"), std::string(100000, 's')}) {
     const auto result = router.lumenctl({word});
     EXPECT_EQ(result.status, 2);
@@ -279,7 +279,7 @@ TEST_F(Usage, EndsWith1WhenItsAnswerCannotBeWritten) {
 
 // Promise [ctl-root]: With `--root DIR`, before or after the command, lumenctl asks
 // `DIR/run/lumen.sock`, however long DIR is.
-TEST_F(Usage, TakesTheRootBeforeOrBehindTheCommand) {
+TEST_F(Usage, TakesTheRootBeforeOrAfterTheCommand) {
   EXPECT_EQ(router.lumenctl({"--root", "/tmp/a", "identity"}).status, 0);
   EXPECT_EQ(router.root(), "/tmp/a");
   EXPECT_EQ(router.lumenctl({"identity", "--root", "/tmp/b"}).status, 0);

@@ -153,7 +153,7 @@ TEST_F(CheckCommand, SaysThatThePlatformRefuses) {
 }
 
 // Also proves [ctl-check-safe].
-TEST_F(CheckCommand, NeverWakesAGatewayThatDoesNotRun) {
+TEST_F(CheckCommand, NeverStartsAGatewayThatDoesNotRun) {
   for (const char* const state : {lm::broker::state::stopped, lm::broker::state::leaving}) {
     router.gatewayIs(state);
     EXPECT_EQ(found(), Lines{"gateway-off"});
@@ -165,7 +165,7 @@ TEST_F(CheckCommand, NeverWakesAGatewayThatDoesNotRun) {
   EXPECT_FALSE(router.wasAsked("[40,0]"));
 }
 
-TEST_F(CheckCommand, TellsAGatewayThatIsOffFromOneThatIsSilent) {
+TEST_F(CheckCommand, DistinguishesAGatewayThatIsOffFromOneThatIsSilent) {
   router.settings().insert_bool(1, false);
   EXPECT_EQ(found(), Lines{"gateway-off"});
   router.leavesUnanswered({40, 0}, lm::cmd::get, "no answer in time");
@@ -336,7 +336,7 @@ TEST_F(CheckCommand, FindsThatTheServiceFileIsMissing) {
             std::string::npos);
 }
 
-TEST_F(CheckCommand, TellsAServiceFileThatIsWrongFromOneThatIsMissing) {
+TEST_F(CheckCommand, DistinguishesAWrongServiceFileFromAMissingOne) {
   router.gatewayIsNotInstalled();
   writes("/lumen/etc/services/upnp.ini", std::string(serviceFile) + "64040\n");
   EXPECT_EQ(found(), Lines{"gateway-file-not-read"});

@@ -27,7 +27,7 @@ CheckedInterface interface(const std::string& name, Role role, const std::string
 }
 
 /// A router on which nothing is wrong.
-Observation wellRouter() {
+Observation healthyRouter() {
   Observation seen;
   seen.interfaces = {interface("br-lan", Role::internal, "192.168.88.1"),
                      interface("wan0", Role::external, "45.45.45.1")};
@@ -38,14 +38,14 @@ Observation wellRouter() {
   return seen;
 }
 
-TEST(Check, FindsNothingOnARouterThatIsWell) {
-  EXPECT_EQ(findProblems(wellRouter()), Findings{});
-  EXPECT_EQ(notChecked(wellRouter()), Ids{});
+TEST(Check, FindsNothingOnAHealthyRouter) {
+  EXPECT_EQ(findProblems(healthyRouter()), Findings{});
+  EXPECT_EQ(notChecked(healthyRouter()), Ids{});
 }
 
 // Also proves [ctl-check].
-TEST(Check, FindsAllThatIsWrongInTheOrderInWhichToFixIt) {
-  Observation seen = wellRouter();
+TEST(Check, ListsFindingsInTheOrderInWhichToFixThem) {
+  Observation seen = healthyRouter();
   seen.kernel = "5.10.0";
   seen.gateway.state = GatewayState::off;
   seen.interfaces[0].bridge = true;
@@ -68,7 +68,7 @@ TEST(Check, FindsAllThatIsWrongInTheOrderInWhichToFixIt) {
 }
 
 TEST(Check, SaysThatTheFirewallWasNotChecked) {
-  Observation seen = wellRouter();
+  Observation seen = healthyRouter();
   seen.chains.reset();
   EXPECT_EQ(findProblems(seen), Findings{});
   EXPECT_EQ(notChecked(seen), Ids{"the firewall, which takes root to read"});
@@ -94,14 +94,14 @@ TEST(Check, TakesASilentPlatformForOneFinding) {
 
 // Promise: `upnp check` finds a gateway that is switched off, has crashed, does not answer, is not
 // installed or is not set up.
-TEST(Check, TellsTheStatesOfTheGatewayApart) {
+TEST(Check, DistinguishesTheStatesOfTheGateway) {
   for (const auto& [state, ids] : std::vector<std::pair<GatewayState, Ids>>{
            {GatewayState::on, {}},
            {GatewayState::off, {"gateway-off"}},
            {GatewayState::crashed, {"gateway-crashed"}},
            {GatewayState::notInstalled, {"gateway-not-installed"}},
            {GatewayState::notAnswering, {"gateway-silent"}}}) {
-    Observation seen = wellRouter();
+    Observation seen = healthyRouter();
     seen.gateway.state = state;
     EXPECT_EQ(idsOf(checkGateway(seen)), ids);
   }
@@ -112,7 +112,7 @@ TEST(Check, TellsWhichRoleIsMissing) {
   for (const auto& [without, ids] :
        std::vector<std::pair<Role, Ids>>{{Role::internal, {"no-internal-interface"}},
                                          {Role::external, {"no-external-interface"}}}) {
-    Observation seen = wellRouter();
+    Observation seen = healthyRouter();
     std::erase_if(seen.interfaces, [role = without](const auto& i) { return i.role == role; });
     EXPECT_EQ(idsOf(checkGateway(seen)), ids);
     seen.gateway.state = GatewayState::off;
@@ -122,7 +122,7 @@ TEST(Check, TellsWhichRoleIsMissing) {
 
 TEST(Check, TakesAGatewayWithoutInterfacesForOneThatIsNotSetUp) {
   for (const auto state : {GatewayState::on, GatewayState::off}) {
-    Observation seen = wellRouter();
+    Observation seen = healthyRouter();
     seen.gateway.state = state;
     seen.interfaces.clear();
     EXPECT_EQ(idsOf(checkGateway(seen)), Ids{"not-set-up"});
@@ -144,7 +144,7 @@ TEST(Check, LooksAtTheLinkOfEachInterface) {
   }
 }
 
-TEST(Check, TellsWhoIsCutOffByALink) {
+TEST(Check, SaysWhoIsAffectedByALink) {
   CheckedInterface used = interface("eth0", Role::internal, "");
   used.state = LinkState::down;
   EXPECT_EQ(checkLinks({used}),
@@ -200,7 +200,7 @@ TEST(Check, KnowsWhichAddressesTheInternetReaches) {
 }
 
 // Also proves [ctl-check-address].
-TEST(Check, IsContentWithOnePublicAddressAmongOthers) {
+TEST(Check, AcceptsOnePublicAddressAmongOthers) {
   CheckedInterface used = interface("wan0", Role::external, "192.168.1.2");
   used.addresses.emplace_back(45, 45, 45, 1);
   EXPECT_EQ(checkExternalAddress({used}), Findings{});
@@ -249,9 +249,9 @@ GatewayFile file(GatewayFile::State state, bool packaged = true) {
 }
 
 // Promise [ctl-check-service]: `upnp check` of a platform that knows no gateway tells a service
-// file that is missing from one that is wrong, one that is right by now, and a missing user, and
+// file that is missing from one that is wrong, one that is now right, and a missing user, and
 // names for each what brings the gateway back.
-TEST(Check, TellsWhyThePlatformKnowsNoGateway) {
+TEST(Check, SaysWhyThePlatformKnowsNoGateway) {
   using State = GatewayFile::State;
   for (const auto& [gatewayFile, id, remedy] :
        std::vector<std::tuple<GatewayFile, std::string, std::string>>{
@@ -269,7 +269,7 @@ TEST(Check, TellsWhyThePlatformKnowsNoGateway) {
            {file(State::right), "gateway-file-not-read",
             "systemctl restart lumend; when that does not help, journalctl -u lumend shows why "
             "lumend rejects it"}}) {
-    Observation seen = wellRouter();
+    Observation seen = healthyRouter();
     seen.gateway.state = GatewayState::notInstalled;
     seen.gatewayFile = gatewayFile;
     const Findings findings = checkGateway(seen);
@@ -332,8 +332,8 @@ TEST(CheckPolicy, LooksAtInternalInterfacesWhoseNetworksAreKnown) {
   NatPolicy policy{lm::message()};
   policy.maxRules = policy.maxRulesPerClient = 1;
   policy.internalClients = "10.0.0.0/8";
-  EXPECT_EQ(checkPolicy(policy, wellRouter().interfaces), Findings{});
-  EXPECT_EQ(checkPolicy(std::nullopt, wellRouter().interfaces), Findings{});
+  EXPECT_EQ(checkPolicy(policy, healthyRouter().interfaces), Findings{});
+  EXPECT_EQ(checkPolicy(std::nullopt, healthyRouter().interfaces), Findings{});
   CheckedInterface wan = interface("wan0", Role::external, "45.45.45.1");
   wan.networks = {{"wan0", {{45, 45, 45, 0}, 24}}};
   EXPECT_EQ(checkPolicy(policy, {wan}), Findings{});

@@ -59,11 +59,11 @@ TEST(CheckForwarding, NamesTheSwitchForAllWhenThatIsOff) {
   EXPECT_EQ(forwarding(false, false, true), "no-forwarding ");
 }
 
-TEST(CheckForwarding, DoesNotCareForTheSwitchForAllWhenEachInterfaceForwards) {
+TEST(CheckForwarding, IgnoresTheSwitchForAllWhenEachInterfaceForwards) {
   EXPECT_EQ(forwarding(false, true, true), "");
 }
 
-TEST(CheckForwarding, SaysNothingOfWhatItDoesNotKnow) {
+TEST(CheckForwarding, SaysNothingAboutUnknownSwitches) {
   EXPECT_EQ(forwarding(std::nullopt, std::nullopt, std::nullopt), "");
   EXPECT_EQ(forwarding(false, std::nullopt, std::nullopt), "");
   EXPECT_EQ(checkForwarding(std::nullopt, {}), Findings{});
@@ -100,7 +100,7 @@ TEST(CheckDefaultRoute, IsMissedWhileAnExternalInterfaceWorks) {
 // Promise [ctl-check-firewall]: `upnp check` finds each firewall that drops forwarded packets and
 // has no rule for those of open ports, of nftables, iptables and legacy iptables, and the rule that
 // it names lets them pass.
-TEST(CheckFirewall, TellsTheRuleOfEachTool) {
+TEST(CheckFirewall, NamesTheRuleForEachTool) {
   using Tool = ForwardChain::Tool;
   for (const auto& [tool, chain, remedy] : std::vector<std::tuple<Tool, std::string, std::string>>{
            {Tool::nft, "forward of the nftables table inet filter",
@@ -127,7 +127,7 @@ TEST(CheckFirewall, TellsTheRuleOfEachTool) {
 
 // Promise [ctl-check-reload]: `upnp check` names, where ufw or firewalld keeps the rules, what
 // outlives a reload of theirs.
-TEST(CheckFirewall, TellsTheProgramThatKeepsTheRules) {
+TEST(CheckFirewall, NamesWhatOutlivesAReloadOfUfwAndFirewalld) {
   ForwardChain stops;
   stops.dropsAtEnd = true;
   stops.manager = ForwardChain::Manager::ufw;
@@ -146,7 +146,7 @@ TEST(CheckFirewall, TellsTheProgramThatKeepsTheRules) {
 
 // Promise [ctl-check-ports]: `upnp check` names another program that uses port 1900/udp or
 // 2828/tcp, and does not take the gateway for one.
-TEST(CheckPortUsers, NamesAProgramThatCanBeSeen) {
+TEST(CheckPortUsers, NamesAProgramThatIsVisible) {
   EXPECT_EQ(checkPortUsers({{1900, IPPROTO_UDP, 812, "minidlnad"}}),
             (Findings{{"port-in-use",
                        "minidlnad (process 812) uses port 1900/udp, which the gateway needs.",
@@ -155,7 +155,7 @@ TEST(CheckPortUsers, NamesAProgramThatCanBeSeen) {
 }
 
 // Also proves [ctl-check-ports].
-TEST(CheckPortUsers, TellsHowToSeeAProgramThatCannotBeSeen) {
+TEST(CheckPortUsers, SaysHowToFindAProgramThatIsNotVisible) {
   EXPECT_EQ(
       checkPortUsers({{2828, IPPROTO_TCP, 0, ""}}),
       (Findings{{"port-in-use", "Another program uses port 2828/tcp, which the gateway needs.",

@@ -62,7 +62,7 @@ TEST_F(History, NamesAServiceThatIsNotInstalledByItsNumber) {
   EXPECT_NE(router.lumenctl({"history"}).out.find("  service 40  "), std::string::npos);
 }
 
-TEST_F(History, OfNothingIsSaidInWords) {
+TEST_F(History, SaysThatItIsEmpty) {
   EXPECT_EQ(router.lumenctl({"history"}).out, "Nothing was changed.\n");
   EXPECT_EQ(router.lumenctl({"history", "--json"}).out, "[]\n");
 }
@@ -79,7 +79,7 @@ TEST_F(History, IsReadToItsLastPage) {
 }
 
 /// Changes of the gateway as it records them. The rows are those of the table, from the newest
-/// change on, without what is said of each change as a whole.
+/// change on, without the cells of each change as a whole.
 struct Changed : History {
   Changed() {
     router.hasLink("br-lan", 2);
@@ -221,7 +221,7 @@ TEST_F(Changed, StaysTheSameWhenALaterChangeWasUndoneAnyNumberOfTimes) {
 }
 
 // Also proves [ctl-history-wait].
-TEST_F(Changed, OfAProgramThatIsNotKnownIsLeftToItsText) {
+TEST_F(Changed, OfAnUnknownProgramHasOnlyItsText) {
   lm::message undo;
   undo.insert_bool(1, true);
   router.wasChanged("something else", 0x77, undo);
@@ -287,7 +287,7 @@ TEST_F(Undo, ThatIsRefusedStaysTheNewest) {
   }
 }
 
-TEST_F(Undo, ThatStaysInTheHistoryIsToldBoth) {
+TEST_F(Undo, ThatCannotLeaveTheHistoryReportsBoth) {
   router.refuses({66}, lm::cmd::removeObject, "the entry could not be removed");
   const auto result = router.lumenctl({"undo"});
   EXPECT_EQ(result.status, 1);
@@ -296,7 +296,7 @@ TEST_F(Undo, ThatStaysInTheHistoryIsToldBoth) {
 }
 
 // Also proves [ctl-undo].
-TEST_F(Undo, SendsNoTransportFieldsOfWhoMadeTheChange) {
+TEST_F(Undo, SendsNoTransportFieldsOfTheChange) {
   lm::message forged;
   forged.insert_u32_array(lm::key::destination, {20, 0});
   forged.insert_bool(lm::key::isReply, true);

@@ -60,7 +60,7 @@ TEST_F(Listing, ForgetsAnInterfaceAfterTheGatewayDid) {
   EXPECT_EQ(router.changes(), (Lines{"[40,0] fe0006 08fe0001=2", "[20,0] fe0006 08fe0001=1"}));
 }
 
-TEST_F(Listing, DoesNotForgetAnInterfaceThatTheGatewayWouldNotLetGo) {
+TEST_F(Listing, DoesNotForgetAnInterfaceThatTheGatewayDoesNotRelease) {
   router.hasLink("wan0", 1);
   router.gatewayUses("wan0", 1);
   router.refuses({40, 0}, lm::cmd::removeObject, "service unavailable");
@@ -193,7 +193,7 @@ TEST_F(Listing, SaysThatAPortWasNotOpen) {
   EXPECT_EQ(result.err, "lumenctl: port 8080/tcp is not open\n");
 }
 
-TEST_F(Listing, RefusesWhatIsNoPortBeforeItAsksAnybody) {
+TEST_F(Listing, RefusesAnInvalidPortBeforeAnyRequest) {
   for (const char* wrong : {"", "8080", "8080/", "/tcp", "0/tcp", "65536/tcp", "99999999999/tcp",
                             "80 /tcp", "+80/tcp", "8080/icmp", "8080/tcp/udp", "tcp/8080"}) {
     const auto result = router.lumenctl({"nat", "close", wrong});
@@ -253,7 +253,7 @@ TEST_F(Listing, LetsThePolicyFileBeReadAgain) {
 
 // Promise [ctl-policy-usage]: A policy that no router takes is wrong usage, in the words of the
 // policy file: `max-rules: "99999999999" is not a number from 0 to 65536`.
-TEST_F(Listing, RefusesAWrongPolicyBeforeItAsksAnybody) {
+TEST_F(Listing, RefusesAnInvalidPolicyBeforeAnyRequest) {
   const std::string limit = " is not a number from 0 to 65536\n";
   const std::string port = " is neither a port from 1 to 65535 nor a range of ports\n";
   const std::string client =

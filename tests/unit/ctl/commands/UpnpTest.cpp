@@ -77,7 +77,7 @@ TEST_F(Upnp, SetsSeveralSettingsWithOneWrite) {
 
 // Promise: A setting that is unknown, given twice or neither on nor off is wrong usage: `enabled is
 // 'on' or 'off', not 'true'`.
-TEST_F(Upnp, RefusesAWrongSettingBeforeItAsksAnybody) {
+TEST_F(Upnp, RefusesAnInvalidSettingBeforeAnyRequest) {
   const std::vector<std::pair<Lines, std::string>> wrong = {
       {{"enabld=on"},
        "there is no setting 'enabld', only enabled, allow-disable-external, show-dummy-rule"},

@@ -79,7 +79,7 @@ class StandardStreams {
   lm::Fd output_;
 };
 
-TEST(LinuxMachineTest, KnowsWhetherSomebodyCanBeAsked) {
+TEST(LinuxMachineTest, HasATerminalWhenInputAndOutputAreOne) {
   LinuxMachine machine;
   const lm::Fd keyboard(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
   ASSERT_EQ(grantpt(keyboard.get()) + unlockpt(keyboard.get()), 0);

@@ -207,7 +207,7 @@ TEST_F(Nft, FindsARuleForOpenPortsInAnotherChainOfTheTable) {
   EXPECT_EQ(found.chains().front().rules, Effects{});
 }
 
-TEST_F(Nft, KnowsTheProgramThatKeepsAChain) {
+TEST_F(Nft, KnowsTheFirewallThatManagesAChain) {
   using Manager = ForwardChain::Manager;
   take(chain("firewalld", "filter_FORWARD", NFPROTO_INET, NF_INET_FORWARD, NF_ACCEPT));
   take(chain("filter", "FORWARD", NFPROTO_IPV4, NF_INET_FORWARD, NF_DROP));
@@ -228,7 +228,7 @@ TEST_F(Nft, KnowsTheProgramThatKeepsAChain) {
   EXPECT_EQ(managers()["firewalld"], Manager::firewalld);
 }
 
-TEST_F(Nft, PassesOverWhatItDoesNotUnderstand) {
+TEST_F(Nft, IgnoresOtherAndInvalidMessages) {
   Writer whole = rule("forward", [](Writer& w) { w.statusDnat().verdict(NF_ACCEPT); });
   const uint32_t length = whole.message().nlmsg_len;
   for (uint32_t cut = sizeof(nlmsghdr); cut < length; ++cut) {

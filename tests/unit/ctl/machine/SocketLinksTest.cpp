@@ -51,7 +51,7 @@ TEST(SocketLinksTest, ReadsTheLinkThatEachSocketIsBoundTo) {
                                             {inodeOf(udp.get()), if_nametoindex("br-guest")}}));
 }
 
-TEST(SocketLinksTest, PassesOverWhatIsNoSocket) {
+TEST(SocketLinksTest, IgnoresOtherMessages) {
   alignas(nlmsghdr) std::array<char, 128> buffer{};
   nlmsghdr* message = mnl_nlmsg_put_header(buffer.data());
   message->nlmsg_type = SOCK_DIAG_BY_FAMILY;

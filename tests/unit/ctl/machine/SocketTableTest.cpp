@@ -28,7 +28,7 @@ TEST(SocketTable, ReadsPortUserAndInode) {
 }
 
 // Also proves [ctl-check-ports].
-TEST(SocketTable, TakesSocketsThatHearAnybody) {
+TEST(SocketTable, TakesSocketsThatReceiveFromAnySender) {
   const std::string unspecified(32, '0');
   for (const auto& [local, state, counts, reason] :
        std::vector<std::tuple<std::string, std::string, bool, const char*>>{
@@ -44,7 +44,7 @@ TEST(SocketTable, TakesSocketsThatHearAnybody) {
   }
 }
 
-TEST(SocketTable, LeavesOutWhatIsNoLine) {
+TEST(SocketTable, IgnoresInvalidLines) {
   for (const std::string text : {"", "\n", "   0: 00000000:076C 00000000:0000 07\n",
                                  "   0: 000000000076C 00000000:0000 07 0:0 0:0 0 0 0 1 0\n"}) {
     EXPECT_TRUE(boundSockets(heading + text).empty()) << text;

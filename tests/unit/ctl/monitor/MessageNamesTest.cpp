@@ -36,7 +36,7 @@ void expectCommands(Subject subject, const Names& names) {
   for (const auto& [command, name] : names) EXPECT_EQ(commandName(subject, command), name);
 }
 
-TEST(MessageNames, OfFieldsThatEverybodyHas) {
+TEST(MessageNames, OfSharedFields) {
   const Names names = {{0x08ff0007, "command"}, {0x08fe0001, "id"},      {0xa8fe0002, "records"},
                        {0x08fe0003, "cursor"},  {0x00fe0007, "dynamic"}, {0x00fe000a, "disabled"},
                        {0x08fe0013, "removed"}};

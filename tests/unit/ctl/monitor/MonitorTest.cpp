@@ -256,15 +256,16 @@ TEST(MonitorOf, RequestsThatAreNeverAnsweredDoesNotGrow) {
   shown.insert_u32(lm::monitor::key::to, 20);
   for (uint32_t serial = 0; serial < 5'000; ++serial) {
     shown.insert_message(lm::monitor::key::message, request({20, 0}, lm::cmd::list, serial));
-    EXPECT_EQ(monitor.read(shown, {}).kind, Passed::Kind::request);
-    ASSERT_LE(monitor.underWay(), 4096U);
+    EXPECT_EQ(monitor.read(shown, {}).kind, TracedMessage::Kind::request);
+    ASSERT_LE(monitor.pending(), 4096U);
   }
 }
 
 TEST(MonitorTime, IsTheTimeOfDayHere) {
   setenv("TZ", "CET-1", 1);
   tzset();
-  EXPECT_EQ(localTimeOfDay(Passed::Time(std::chrono::milliseconds(1709251198007))), "00:59:58.007");
+  EXPECT_EQ(localTimeOfDay(TracedMessage::Time(std::chrono::milliseconds(1709251198007))),
+            "00:59:58.007");
   EXPECT_EQ(localTimeOfDay({}), "01:00:00.000");
 }
 

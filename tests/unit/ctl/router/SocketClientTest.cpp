@@ -129,7 +129,7 @@ TEST_F(SocketClientTest, TakesTheReplyToItsRequest) {
   EXPECT_EQ(request.get_u32(lm::key::command), lm::cmd::list);
 }
 
-TEST_F(SocketClientTest, SaysWhomThePlatformAnswersWhenItEndsTheConnectionUnanswered) {
+TEST_F(SocketClientTest, SaysWhoMayConnectWhenTheConnectionEndsUnanswered) {
   const auto client = connects();
   platform_.reset();
   const auto reply = client->exchange({20, 5}, lm::cmd::list, {}, 15s);
@@ -137,7 +137,7 @@ TEST_F(SocketClientTest, SaysWhomThePlatformAnswersWhenItEndsTheConnectionUnansw
   EXPECT_EQ(lm::getError(*reply), "connection ended: lumend answers root and the group lumen only");
 }
 
-TEST_F(SocketClientTest, TakesAPlatformThatEndsLaterForOneThatEnded) {
+TEST_F(SocketClientTest, FailsWhenThePlatformEndsAfterAnAnswer) {
   const auto client = connects();
   std::thread platform([&] { answers(hears()); });
   EXPECT_EQ(valueIn(client->exchange({20, 5}, lm::cmd::list, {}, 15s)), 7U);
@@ -165,7 +165,7 @@ TEST_F(SocketClientTest, TakesNotificationsInOrderUntilThePlatformEnds) {
 }
 
 // Also proves [ctl-monitor-end].
-TEST_F(SocketClientTest, EndsWhenItIsTold) {
+TEST_F(SocketClientTest, StopsWaitingOnASignalToEnd) {
   for (const int signal : {SIGTERM, SIGINT}) {
     const auto client = connects();
     notifies(1);
@@ -179,7 +179,7 @@ TEST_F(SocketClientTest, EndsWhenItIsTold) {
 }
 
 // Also proves [ctl-monitor-output].
-TEST_F(SocketClientTest, EndsWhenItsOutputHasNoReader) {
+TEST_F(SocketClientTest, StopsWaitingWhenItsOutputHasNoReader) {
   const auto client = connects();
   int ends[2] = {-1, -1};
   ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);

@@ -50,7 +50,7 @@ struct ProposedSetup : testing::Test {
 
 // Promise [ctl-ask]: `upnp setup` asks on a terminal before it does what it proposes, and `y` or
 // `yes` does it; anything else changes nothing: `lumenctl: nothing was changed`, exit status 1.
-TEST_F(ProposedSetup, IsDoneWhenSomebodySaysYes) {
+TEST_F(ProposedSetup, IsDoneWhenTheUserSaysYes) {
   for (const std::string yes : {"y", "Y", "yes"}) {
     NewRouter fresh;
     fresh.machine().userTypes(yes);
@@ -61,7 +61,7 @@ TEST_F(ProposedSetup, IsDoneWhenSomebodySaysYes) {
 }
 
 // Also proves [ctl-ask].
-TEST_F(ProposedSetup, ChangesNothingWhenSomebodySaysAnythingElse) {
+TEST_F(ProposedSetup, ChangesNothingWhenTheUserSaysAnythingElse) {
   for (const std::string no : {"n", "", "no", "yn", " y", "what?"}) {
     router.machine().userTypes(no);
     const auto result = router.lumenctl({"upnp", "setup"});
@@ -82,7 +82,7 @@ TEST_F(ProposedSetup, ChangesNothingWhenTheInputEnds) {
 }
 
 // Also proves [ctl-yes].
-TEST_F(ProposedSetup, AsksNobodyWhenTheCommandSaysYes) {
+TEST_F(ProposedSetup, DoesNotAskWhenTheCommandSaysYes) {
   const auto result = router.lumenctl({"upnp", "setup", "--yes"});
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(result.out, std::string(proposal) + done);
@@ -115,7 +115,7 @@ TEST_F(ProposedSetup, SaysWithoutATerminalThatDisconnectingIsAllowed) {
 }
 
 // Also proves [ctl-yes].
-TEST_F(ProposedSetup, AsksNobodyWhenTheAnswerIsForPrograms) {
+TEST_F(ProposedSetup, DoesNotAskWhenTheAnswerIsForPrograms) {
   router.machine().userTypes("y");
   const auto result = router.lumenctl({"--json", "--root", "/tmp/r", "upnp", "setup"});
   EXPECT_EQ(result.status, 1);
@@ -134,7 +134,7 @@ TEST_F(ProposedSetup, AnswersProgramsThatSayYesWithWhatWasDone) {
       << result.out;
 }
 
-TEST_F(ProposedSetup, CompletesWhatWasSaidInPart) {
+TEST_F(ProposedSetup, CompletesRolesThatAreGivenInPart) {
   for (const Lines& said : {Lines{"--internal", "br-lan"}, Lines{"--external", "wan0"}}) {
     NewRouter fresh;
     Lines arguments = {"upnp", "setup"};
@@ -155,7 +155,7 @@ TEST_F(ProposedSetup, TellsWhichRolesWouldEnd) {
       << result.out;
 }
 
-TEST_F(ProposedSetup, AsksNobodyWhenEverythingIsSaid) {
+TEST_F(ProposedSetup, DoesNotAskWhenAllRolesAreGiven) {
   router.machine().userTypes("n");
   const auto result =
       router.lumenctl({"upnp", "setup", "--internal", "br-lan", "--external", "wan0"});

@@ -85,7 +85,7 @@ TEST(SetupProposal, TakesAPrivateNetworkWithTheDefaultRouteAsExternal) {
 }
 
 // Also proves [ctl-propose].
-TEST(SetupProposal, LeavesOutWhatHasNoHostsOfAHome) {
+TEST(SetupProposal, LeavesOutLinksWithoutHomeHosts) {
   const std::vector<std::pair<Candidate, const char*>> others = {
       {ethernet("eth1", {}), "no address: a port of a bridge"},
       {bridge("br1", {}), "no address"},
@@ -105,7 +105,7 @@ TEST(SetupProposal, LeavesOutWhatHasNoHostsOfAHome) {
 
 // Promise [ctl-propose-rest]: `upnp setup` with only `--internal` or only `--external` proposes the
 // rest, and says which roles would end.
-TEST(SetupProposal, ProposesOnlyWhatWasNotSaid) {
+TEST(SetupProposal, ProposesOnlyWhatIsNotGiven) {
   EXPECT_EQ(propose(homeRouter, {{"wan0", 0}}, {"lan0", "br-x"}),
             "lan0: as given, br-x: as given | wan0: default route");
   EXPECT_EQ(propose(homeRouter, {{"wan0", 0}}, {}, "ppp0"),
@@ -133,7 +133,7 @@ TEST(SetupProposal, SaysWhyNothingCanBeExternal) {
             "which is to be internal. Say which one it is: --external IF");
 }
 
-TEST(SetupProposal, PassesOverADefaultRouteByALinkThatThePlatformDoesNotKnow) {
+TEST(SetupProposal, IgnoresADefaultRouteThroughAnUnknownLink) {
   EXPECT_EQ(propose(homeRouter, {{"elsewhere", 0}}), propose(homeRouter, {}));
 }
 

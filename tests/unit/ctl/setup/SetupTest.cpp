@@ -26,7 +26,7 @@ struct Setup : testing::Test {
 
 // Promise: `upnp setup` forbids a new gateway to disconnect, keeps the names, then configures the
 // gateway with them, then switches it on.
-TEST_F(Setup, KeepsTheNamesThenTellsTheGatewayThenSwitchesItOn) {
+TEST_F(Setup, KeepsTheNamesThenConfiguresTheGatewayThenSwitchesItOn) {
   const auto result = router.lumenctl(setUp);
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(router.changes(), (Lines{"[40,0] fe000e 00000001=false 00000002=false 00000003=true",
@@ -104,7 +104,7 @@ TEST_F(Setup, ChangesRolesThatWereTheOtherWayRound) {
 
 // Promise [ctl-setup-others]: `upnp setup` removes the interfaces that it does not name from the
 // gateway, also those that do not exist any more.
-TEST_F(Setup, TakesInterfacesThatAreNotNamedFromTheGateway) {
+TEST_F(Setup, RemovesInterfacesThatAreNotNamedFromTheGateway) {
   router.hasLink("br-old", 2);
   router.gatewayUses("br-old", 2);
   const auto result = router.lumenctl(setUp);
@@ -112,7 +112,7 @@ TEST_F(Setup, TakesInterfacesThatAreNotNamedFromTheGateway) {
   EXPECT_NE(result.out.find("br-old: no longer used by the gateway\n"), std::string::npos);
 }
 
-TEST_F(Setup, TakesAnInterfaceThatNobodyKnowsAnyMoreFromTheGateway) {
+TEST_F(Setup, RemovesAnInterfaceThatNoLongerExistsFromTheGateway) {
   router.hasLink("gone");
   router.gatewayUses("gone", 2);
   router.link("gone").insert_u32(lm::key::objectId, 99);

@@ -139,7 +139,7 @@ TEST_F(Picture, FitsEveryScreen) {
 }
 
 // Also proves [ctl-watch].
-TEST_F(Picture, TellsHowMuchDoesNotFit) {
+TEST_F(Picture, SaysHowManyLinesDoNotFit) {
   for (uint32_t port = 1; port < 30; ++port) opens(port);
   const Lines lines = draw(96, 10);
   ASSERT_EQ(lines.size(), 10U);
@@ -147,7 +147,7 @@ TEST_F(Picture, TellsHowMuchDoesNotFit) {
   EXPECT_EQ(lines[9], "and 28 more lines");
 }
 
-TEST_F(Picture, SaysWhatThereIsNot) {
+TEST_F(Picture, SaysThatThereIsNoInterfaceAndNoPort) {
   const Lines lines = picture(Status{}, {}, {{80, 24}, false, true});
   EXPECT_EQ(lines[2], "No interface is set up: lumenctl upnp setup");
   EXPECT_EQ(lines[4], "No port is open.");

@@ -89,7 +89,7 @@ TEST_F(Status, ShowsTheRouterInJson) {
 
 // Promise [ctl-passive]: `status` never starts a gateway that does not run, and then shows the kept
 // roles.
-TEST_F(Status, NeverWakesAGatewayThatDoesNotRun) {
+TEST_F(Status, NeverStartsAGatewayThatDoesNotRun) {
   for (const char* state : {lm::broker::state::stopped, lm::broker::state::starting,
                             lm::broker::state::leaving, lm::broker::state::waiting}) {
     router.gatewayIs(state);
@@ -162,7 +162,7 @@ TEST_F(Status, SaysOnWhichInterfacesTheGatewayCannotBeReached) {
             "Gateway: on (process 4711; not reachable on br-guest, lumenctl upnp check shows why)");
 }
 
-// Promise: `status` marks an interface that the gateway is told not to use, and says how to set up
+// Promise: `status` marks an interface that the gateway is set not to use, and says how to set up
 // a fresh router.
 TEST_F(Status, MarksAnInterfaceThatTheGatewayDoesNotUse) {
   router.hasLink("br-guest", 2);
@@ -232,7 +232,7 @@ TEST_F(Watch, RedrawsTheRouterEachSecond) {
 }
 
 // Promise: The screen of `status --watch` follows the size of the terminal.
-TEST_F(Watch, DrawsTheSameOnceMoreWhenTheScreenHasAnotherSize) {
+TEST_F(Watch, RedrawsWhenTheScreenSizeChanges) {
   looksFor({Screen::Event::resized, Screen::Event::resized});
   EXPECT_EQ(router.lumenctl({"status", "--watch"}).status, 0);
   EXPECT_EQ(shown.size(), 3U);

@@ -29,7 +29,7 @@ TEST(TrafficTest, IsWhatWasCountedBetweenTwoReadings) {
   EXPECT_EQ(traffic.rates(), (Rates{{2000, 0}, {2000, 200}}));
 }
 
-TEST(TrafficTest, IsOfFullSpeedToo) {
+TEST(TrafficTest, HandlesFullSpeed) {
   Traffic traffic;
   traffic.add(counted(0, 0), at(0s));
   traffic.add(counted(UINT64_MAX / 2, 12'500'000'000), at(1s));
@@ -49,7 +49,7 @@ TEST(TrafficTest, HasNoRateBetweenTwoInterfacesOfOneName) {
   EXPECT_EQ(traffic.rates().size(), 1U);
 }
 
-TEST(TrafficTest, HasNoRateInNoTime) {
+TEST(TrafficTest, HasNoRateBetweenReadingsAtTheSameTime) {
   Traffic traffic;
   traffic.add(counted(0, 0), at(1s));
   traffic.add(counted(10, 10), at(1s));
