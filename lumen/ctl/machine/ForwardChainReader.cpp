@@ -11,13 +11,12 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstring>
 #include <fstream>
-#include <memory>
 #include <string>
 
 #include "lumen/ctl/machine/LegacyForwardChain.h"
+#include "lumen/ctl/machine/NetlinkDump.h"
 #include "lumen/ctl/machine/NftForwardChains.h"
 #include "platform/Fd.h"
 
@@ -25,47 +24,26 @@ namespace lumenctl {
 
 namespace {
 
-struct Closer {
-  void operator()(mnl_socket* socket) const { mnl_socket_close(socket); }
-};
-using Socket = std::unique_ptr<mnl_socket, Closer>;
-
-int takeMessage(const nlmsghdr* message, void* chains) {
-  static_cast<NftForwardChains*>(chains)->take(*message);
-  return MNL_CB_OK;
-}
-
-/// Dumps a table of nf_tables. False, with errno, when that fails; EINTR: it changed during the
-/// dump.
-bool dump(mnl_socket* socket, uint16_t kind, NftForwardChains& chains) {
+/// Adds what a dump of all chains, or of all rules, of nf_tables says.
+Dumped dump(uint16_t kind, NftForwardChains& chains) {
   alignas(nlmsghdr) std::array<char, 64> request{};
   nlmsghdr* header = mnl_nlmsg_put_header(request.data());
   header->nlmsg_type = static_cast<uint16_t>(NFNL_SUBSYS_NFTABLES << 8 | kind);
   header->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
   auto* family = static_cast<nfgenmsg*>(mnl_nlmsg_put_extra_header(header, sizeof(nfgenmsg)));
   family->version = NFNETLINK_V0;
-  if (mnl_socket_sendto(socket, header, header->nlmsg_len) < 0) return false;
-  alignas(nlmsghdr) std::array<char, 32768> answer{};
-  while (true) {
-    const ssize_t length = mnl_socket_recvfrom(socket, answer.data(), answer.size());
-    if (length < 0) return false;
-    const int result = mnl_cb_run(answer.data(), static_cast<size_t>(length), 0,
-                                  mnl_socket_get_portid(socket), takeMessage, &chains);
-    if (result != MNL_CB_OK) return result == MNL_CB_STOP;
-  }
+  return dumpNetlink(NETLINK_NETFILTER, *header,
+                     [&](const nlmsghdr& message) { chains.take(message); });
 }
 
 std::optional<std::vector<ForwardChain>> readNft() {
   constexpr int attempts = 5;
   for (int i = 0; i < attempts; ++i) {
-    const Socket socket(mnl_socket_open2(NETLINK_NETFILTER, SOCK_CLOEXEC));
-    if (!socket || mnl_socket_bind(socket.get(), 0, MNL_SOCKET_AUTOPID) != 0) return std::nullopt;
     NftForwardChains chains;
-    if (dump(socket.get(), NFT_MSG_GETCHAIN, chains) &&
-        dump(socket.get(), NFT_MSG_GETRULE, chains)) {
-      return chains.chains();
-    }
-    if (errno != EINTR) return std::nullopt;
+    Dumped dumped = dump(NFT_MSG_GETCHAIN, chains);
+    if (dumped == Dumped::completely) dumped = dump(NFT_MSG_GETRULE, chains);
+    if (dumped == Dumped::completely) return chains.chains();
+    if (dumped == Dumped::failed) return std::nullopt;
   }
   return std::nullopt;
 }
