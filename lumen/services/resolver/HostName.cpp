@@ -6,14 +6,14 @@ namespace lumen {
 
 namespace {
 
-// RFC 1035, section 2.3.4, as they come to in text.
+// RFC 1035, section 2.3.4, for names in text form.
 constexpr size_t maxName = 253;
 constexpr size_t maxLabel = 63;
 
-// Not those of <cctype>, which ask the locale.
+// Unlike those of <cctype>, independent of the locale.
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
-char toSmall(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
+char toLower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 
 bool isAllowed(char c) { return (c >= 'a' && c <= 'z') || isDigit(c) || c == '-' || c == '_'; }
 
@@ -26,7 +26,7 @@ bool isLabel(std::string_view text) {
 
 std::optional<std::string> toHostName(std::string_view text) {
   std::string name(text.substr(0, maxName + 2));
-  std::ranges::transform(name, name.begin(), toSmall);
+  std::ranges::transform(name, name.begin(), toLower);
   std::string_view rest = name;
   if (rest.ends_with('.')) rest.remove_suffix(1);
   if (rest.size() > maxName) return std::nullopt;

@@ -13,7 +13,8 @@ namespace lumen {
 
 namespace {
 
-// The first try of a name server; the second, after all others, has twice as long.
+// For the first query to a name server; the second, after all others were asked, gets twice as
+// long.
 constexpr std::chrono::duration<int, std::milli> firstTry{300};
 constexpr int tries = 2;
 
@@ -25,7 +26,8 @@ Failure describe(int status) {
       return {"host has no IPv4 address"};
     case ARES_ETIMEOUT:
       return {Lookup::noAnswer};
-    case ARES_ECONNREFUSED:  // of an older c-ares also for the next three
+    // An older c-ares reports the next three as this one.
+    case ARES_ECONNREFUSED:
     case ARES_ESERVFAIL:
     case ARES_ENOTIMP:
     case ARES_EREFUSED:
@@ -78,7 +80,7 @@ void Lookup::start() {
   } else {
     result_ = describe(status);
   }
-  goOn();
+  proceed();
 }
 
 void Lookup::socketChanged(void* lookup, int fd, int readable, int writable) {
@@ -91,7 +93,7 @@ void Lookup::socketChanged(void* lookup, int fd, int readable, int writable) {
   }
 }
 
-/// Called from inside of c-ares, where a channel must not be destroyed: goOn ends the lookup.
+/// Called from inside of c-ares, where a channel must not be destroyed: proceed ends the lookup.
 void Lookup::answered(void* lookup, int status, int /*timeouts*/, ares_addrinfo* found) {
   const std::unique_ptr<ares_addrinfo, void (*)(ares_addrinfo*)> owned(found, ares_freeaddrinfo);
   std::optional<Result<Ipv4Address>>& result = static_cast<Lookup*>(lookup)->result_;
@@ -106,21 +108,21 @@ void Lookup::answered(void* lookup, int status, int /*timeouts*/, ares_addrinfo*
 void Lookup::socketReady(int fd, unsigned flags) {
   ares_process_fd(channel_.get(), (flags & lm::watchRead) != 0 ? fd : ARES_SOCKET_BAD,
                   (flags & lm::watchWrite) != 0 ? fd : ARES_SOCKET_BAD);
-  goOn();
+  proceed();
 }
 
 void Lookup::askAgain() {
   ares_process_fd(channel_.get(), ARES_SOCKET_BAD, ARES_SOCKET_BAD);
-  goOn();
+  proceed();
 }
 
 void Lookup::late() {
   result_ = Failure{noAnswer};
-  goOn();
+  proceed();
 }
 
-/// The last call of whoever calls it, since the owner may destroy *this.
-void Lookup::goOn() {
+/// Callers must return at once: the owner may destroy *this.
+void Lookup::proceed() {
   if (result_) {
     owner_.lookedUp(name_, *result_);
     return;

@@ -16,9 +16,9 @@ struct ares_channeldata;
 
 namespace lumen {
 
-/// One question for the IPv4 address of a host, to the name servers of a resolv.conf(5). Each asks
-/// from sockets, and so from a random port, of its own, and reads the file anew: name servers come
-/// and go with the WAN side. It ends within `limit`, and with its destruction.
+/// One query for the IPv4 address of a host, to the name servers of a resolv.conf(5). Each opens
+/// its own sockets, and so uses its own random port, and reads the file again: name servers come
+/// and go with the WAN side. It ends within `limit`, or when it is destroyed.
 class Lookup {
  public:
   static constexpr std::chrono::milliseconds limit{950};
@@ -52,7 +52,7 @@ class Lookup {
   void socketReady(int fd, unsigned flags);
   void askAgain();
   void late();
-  void goOn();
+  void proceed();
 
   Owner& owner_;
   const std::string name_;

@@ -19,14 +19,14 @@ namespace {
 
 void leaveWhenIdle() {
   lm::getLooper().setupLeave(
-      std::chrono::duration<uint32_t, std::milli>(Resolver::idleLife).count());
+      std::chrono::duration<uint32_t, std::milli>(Resolver::idleTime).count());
 }
 
 }  // namespace
 
-/// A name that is being looked up, and who waits for its address. When they have waited long enough
-/// they are told that there is none, but the lookup goes on: a name server that was slow will know
-/// the answer by the next request, and one that stays silent is a failure to be remembered.
+/// A name that is being looked up, and the requesters that wait for its address. When their time is
+/// up they get an error, but the lookup goes on: a slow name server will know the answer by the
+/// next request, and the failure of a silent one goes into the negative cache.
 class Resolver::Question {
  public:
   Question(Resolver& resolver, const std::string& name)
@@ -41,13 +41,13 @@ class Resolver::Question {
   }
 
   /// May end the question.
-  void start(std::chrono::milliseconds patience) {
-    patience_.start<&Question::giveUp>(*this, timerDelay(patience));
+  void start(std::chrono::milliseconds limit) {
+    limitTimer_.start<&Question::giveUp>(*this, timerDelay(limit));
     lookup_.start();
   }
 
   void answer(const lm::message& reply) {
-    if (waiting_) resolver_.patience_.spend(resolver_.clock_.now() - started_);
+    if (waiting_) resolver_.waitBudget_.spend(resolver_.clock_.now() - started_);
     waiting_ = false;
     for (lm::PendingReply& requester : requesters_) requester.send(reply);
     requesters_.clear();
@@ -60,7 +60,7 @@ class Resolver::Question {
   Resolver& resolver_;
   std::vector<lm::PendingReply> requesters_;
   bool waiting_ = true;
-  lm::Timer patience_;
+  lm::Timer limitTimer_;
   Lookup lookup_;
 };
 
@@ -68,7 +68,7 @@ Resolver::Resolver(const lm::Clock& clock, std::vector<std::string> configuratio
     : clock_(clock),
       configurations_(std::move(configurations)),
       failures_(clock),
-      patience_(clock) {
+      waitBudget_(clock) {
   leaveWhenIdle();
 }
 
@@ -95,7 +95,7 @@ void Resolver::ask(const std::string& name) {
   leaveWhenIdle();
   const auto question = questions_.emplace(name, std::make_unique<Question>(*this, name)).first;
   question->second->add();
-  question->second->start(patience_.left());
+  question->second->start(waitBudget_.left());
 }
 
 void Resolver::lookedUp(const std::string& name, const Result<Ipv4Address>& result) {
@@ -106,7 +106,7 @@ void Resolver::lookedUp(const std::string& name, const Result<Ipv4Address>& resu
     ended.mapped()->answer(reply);
   } else {
     lm::logLine("resolver: ", name, ": ", result.why());
-    failures_.remember(name, result.failure());
+    failures_.add(name, result.failure());
     ended.mapped()->answer(lm::refusal(result.failure()));
   }
   leaveWhenIdle();

@@ -10,25 +10,25 @@
 
 #include "lumen/runtime/Clock.h"
 #include "lumen/runtime/PendingReply.h"
-#include "lumen/services/resolver/FailureMemory.h"
 #include "lumen/services/resolver/Lookup.h"
-#include "lumen/services/resolver/Patience.h"
+#include "lumen/services/resolver/NegativeCache.h"
+#include "lumen/services/resolver/WaitBudget.h"
 #include "platform/Handler.h"
 #include "platform/Timer.h"
 
 namespace lumen {
 
 /// Answers which IPv4 address a host has, for many requesters at a time and each within a second.
-/// A lookup that failed is answered from memory for a minute, without another question to a name
-/// server; addresses are not remembered, since the name servers do that.
+/// A failed lookup is answered from a negative cache for a minute, without another query to a name
+/// server; addresses are not cached, since the name servers do that.
 ///
-/// The program leaves when it has not looked anything up for a minute: by then it has forgotten
-/// every failure, so that its next life knows as much.
+/// The program leaves when it has not looked anything up for a minute: by then every cached failure
+/// has expired, so that the next process knows as much.
 class Resolver : public lm::Handler, private Lookup::Owner {
  public:
-  static constexpr std::chrono::minutes idleLife{1};
-  /// Each can hold several sockets. Who comes beyond is refused at once: in a queue it would wait
-  /// longer than the second that it has.
+  static constexpr std::chrono::minutes idleTime{1};
+  /// Each can hold several sockets. Further requests are refused at once: in a queue they would
+  /// wait longer than their second.
   static constexpr size_t maxLookups = 128;
 
   /// The first of the `configurations`, paths of resolv.conf files, that exists is used, the last
@@ -47,8 +47,8 @@ class Resolver : public lm::Handler, private Lookup::Owner {
 
   const lm::Clock& clock_;
   const std::vector<std::string> configurations_;  // at least one
-  FailureMemory failures_;
-  Patience patience_;
+  NegativeCache failures_;
+  WaitBudget waitBudget_;
   std::map<std::string, std::unique_ptr<Question>> questions_;  // by name
 };
 

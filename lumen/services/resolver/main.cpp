@@ -23,7 +23,7 @@ int main(int argc, char** argv) {
   if (const std::optional<int> status = usage.answer(argc, argv)) return *status;
   lm::Looper looper;
   lumen::confineResolver();
-  // The second is everybody's; the first is for a router whose LAN has name servers of its own.
+  // The second is the system's; the first is for a router whose LAN has its own name servers.
   lumen::Resolver resolver(lm::currentClock(), {"/lumen/etc/resolv.conf", "/etc/resolv.conf"});
   looper.addHandler(0, resolver);
   looper.run();

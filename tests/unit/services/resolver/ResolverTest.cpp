@@ -139,7 +139,7 @@ TEST_F(ResolverTest, HasTheNumbersThatProgramsOfAnotherBuildSend) {
 }
 
 // Also proves [resolver-budget].
-TEST_F(ResolverTest, SpendsThePatienceOfAMinuteOnWhatWasWaited) {
+TEST_F(ResolverTest, SpendsTheBudgetOfAMinuteOnActualWaiting) {
   serverIsSilent();
   platform_.advance(30s);
   const uint32_t slow = ask("slow.lan");

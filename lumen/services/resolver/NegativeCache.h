@@ -11,20 +11,20 @@
 
 namespace lumen {
 
-/// The names whose lookup has failed lately, each with the reason.
-class FailureMemory {
+/// The names whose lookup has recently failed, each with the reason.
+class NegativeCache {
  public:
-  /// How long a failure is remembered.
-  static constexpr std::chrono::minutes life{1};
-  /// Beyond it the oldest are forgotten: names come from strangers.
+  /// How long a failure is kept.
+  static constexpr std::chrono::minutes lifetime{1};
+  /// In entries. One more replaces the oldest: the names come from remote hosts.
   static constexpr size_t capacity = 1024;
 
   /// `clock` must outlive this.
-  explicit FailureMemory(const lm::Clock& clock) : clock_(clock) {}
+  explicit NegativeCache(const lm::Clock& clock) : clock_(clock) {}
 
-  /// From now on for `life`. What was remembered of the name is replaced.
-  void remember(const std::string& name, Failure failure);
-  /// Why the lookup of the name failed; none when that is not remembered.
+  /// Keeps the failure for `lifetime` from now on. Replaces an earlier one of the name.
+  void add(const std::string& name, Failure failure);
+  /// Why the lookup of the name failed; none when it is not in the cache.
   [[nodiscard]] std::optional<Failure> find(const std::string& name) const;
   [[nodiscard]] size_t size() const { return failures_.size(); }
 

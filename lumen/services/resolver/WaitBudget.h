@@ -7,11 +7,11 @@
 
 namespace lumen {
 
-/// How long requesters wait for name servers. Their programs may stand still meanwhile, and the
-/// names come from strangers, who can think of a new one each time: so all requesters of one minute
-/// wait `whole` together, and who comes after that `least`, which is plenty for a name server that
-/// knows the answer.
-class Patience {
+/// How long requesters wait for name servers. Their programs may block meanwhile, and the names
+/// come from remote hosts, which can invent a new one each time. So all requesters of one minute
+/// share `whole`; after that each waits `least`, which is plenty for a name server that knows the
+/// answer.
+class WaitBudget {
  public:
   /// A little less than the second within which every requester has its answer.
   static constexpr std::chrono::milliseconds whole{950};
@@ -19,7 +19,7 @@ class Patience {
   static constexpr std::chrono::minutes period{1};
 
   /// `clock` must outlive this.
-  explicit Patience(const lm::Clock& clock) : clock_(clock) {}
+  explicit WaitBudget(const lm::Clock& clock) : clock_(clock) {}
 
   /// How long the next requester may wait.
   [[nodiscard]] std::chrono::milliseconds left() const {
