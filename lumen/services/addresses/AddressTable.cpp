@@ -13,7 +13,7 @@ namespace {
 
 enum class Place { outside, host, reserved };
 
-/// Where `host` lies with regard to the network of an address.
+/// Where `host` is relative to the network of an address.
 Place placeIn(const LinkAddress& link, Ipv4Address host) {
   if (link.broadcast == host) return Place::reserved;
   const Ipv4Network& network = link.network;
@@ -66,7 +66,7 @@ void AddressTable::remove(uint32_t interface, const LinkAddress& address) {
 
 void AddressTable::replace(uint32_t interface, bool running,
                            const std::set<LinkAddress>& addresses) {
-  // What stays is added first: an address whose network changes is not removed in between.
+  // Add first: an address whose network changes is not removed in between.
   for (const LinkAddress& address : addresses) add(interface, running, address);
   for (const LinkAddress& address : held(interface)) {
     if (!addresses.contains(address)) remove(interface, address);

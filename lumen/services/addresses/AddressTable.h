@@ -18,8 +18,8 @@ namespace lumen {
 /// and address. Ids rise and are never used twice. platform/wire/Addresses.h says what a record
 /// holds.
 ///
-/// The interface table tells it what changes and when to notify, so that an interface is known
-/// before its addresses and its addresses leave before it does.
+/// The interface table reports the changes and decides when to notify, so that an interface appears
+/// before its addresses and leaves after them.
 class AddressTable : public LocalHandler, public LocalNetworks {
  public:
   /// `notifier` must outlive this.
@@ -27,7 +27,7 @@ class AddressTable : public LocalHandler, public LocalNetworks {
   AddressTable(const AddressTable&) = delete;
   AddressTable& operator=(const AddressTable&) = delete;
 
-  /// Answers list, readAll and readObject, to everybody.
+  /// Answers list, readAll and readObject, to every caller.
   [[nodiscard]] lm::message handle(const Caller& caller, uint32_t command,
                                    const lm::message& request) override;
 
@@ -37,24 +37,24 @@ class AddressTable : public LocalHandler, public LocalNetworks {
   void remove(uint32_t interface, const LinkAddress& address);
   /// The interface holds exactly `addresses`: adds and removes what differs.
   void replace(uint32_t interface, bool running, const std::set<LinkAddress>& addresses);
-  /// The interface holds no address any more; notifies of each. Returns what it held.
+  /// The interface holds no address any more; notifies of each. Returns the addresses that it held.
   std::set<LinkAddress> removeAll(uint32_t interface);
-  /// Tells all addresses of the interface, which is or is not running.
+  /// Notifies of all addresses of the interface, which is or is not running.
   void announce(uint32_t interface, bool running);
 
-  // The addresses of the loopback. They are no objects: nobody is told of them.
+  // The addresses of the loopback. They are not objects: no program is notified of them.
   void addLoopback(const LinkAddress& address) { loopback_.insert(address); }
   void removeLoopback(const LinkAddress& address) { loopback_.erase(address); }
   void replaceLoopback(const std::set<LinkAddress>& addresses) { loopback_ = addresses; }
 
   /// Of several interfaces with the same address the one with the lowest id.
   [[nodiscard]] std::optional<uint32_t> interfaceOf(Ipv4Address address) const override;
-  /// The kernel takes the whole network of an address of the loopback for its own.
+  /// The kernel treats the whole network of a loopback address as local.
   [[nodiscard]] bool isOwn(Ipv4Address address) const override;
   [[nodiscard]] bool isReserved(Ipv4Address address) const override;
   /// Of several networks the one with the longest prefix, then the one whose interface has the
-  /// lowest id. A network of a single address holds the
-  /// peer of a point-to-point link or nobody; one of two addresses holds both (RFC 3021).
+  /// lowest id. A network of a single address holds the peer of a point-to-point link or no host; a
+  /// network of two addresses holds both (RFC 3021).
   [[nodiscard]] std::optional<uint32_t> interfaceTowards(Ipv4Address host) const override;
 
  private:

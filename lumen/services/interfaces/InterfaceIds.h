@@ -7,10 +7,9 @@
 
 namespace lumen {
 
-/// Gives each interface name an id that is its own for the run: it gets the same one again when it
-/// comes back, and no other name ever gets it. Of the names that went, only the latest are
-/// remembered, since short-lived links (containers, tunnels) have ever new names; one that was
-/// forgotten gets a new id.
+/// Gives each interface name an id of its own: a name that returns gets the same id, and no other
+/// name ever gets it. Of the names out of use only the latest are remembered, since short-lived
+/// links (containers, tunnels) always have new names; one that was forgotten gets a new id.
 class InterfaceIds {
  public:
   static constexpr size_t rememberedNames = 4096;

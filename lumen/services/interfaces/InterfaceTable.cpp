@@ -1,7 +1,6 @@
 #include "lumen/services/interfaces/InterfaceTable.h"
 
 #include <algorithm>
-#include <cstring>
 #include <utility>
 #include <vector>
 
@@ -20,9 +19,7 @@ namespace key = lm::interfaces::key;
 // Of a name that is refused; more of it would only fill the answer.
 constexpr size_t longestShownName = 32;
 
-constexpr const char* notStored = "the name could not be stored";
-
-/// What a line of the log says after an action.
+/// The end of a log line about an action.
 std::string whyFailed(const Result<void>& done) { return done ? "" : " failed: " + done.why(); }
 
 lm::message toMessage(const lm::interfaces::Record& record) {
@@ -137,9 +134,9 @@ lm::message InterfaceTable::set(const Caller& caller, uint32_t id, const lm::mes
                 caller.name.empty() ? "the administrator" : caller.name, whyFailed(switched));
   }
   if (!switched) return lm::refusal(switched.failure());
-  // The kernel tells of no change when it is so already, and whoever asked waits to hear of it.
+  // When nothing changes, the kernel reports nothing, but the caller waits for a notification.
   if (interface.link.up == !disabled) {
-    tellState(record(id, interface));
+    notifyState(record(id, interface));
   } else {
     undoWith([this, id, disabled] { undoSet(id, !disabled); });
   }
@@ -160,9 +157,7 @@ Result<void> InterfaceTable::takeSwitch(const Caller& service, Interface& interf
 
 Result<void> InterfaceTable::switchLink(const Interface& interface, bool disabled) {
   if (disabled) return routes_.takeDown(interface.name, interface.link.index);
-  const int error = links_.setUp(interface.link.index, true);
-  if (error != 0) return Failure{strerror(error)};
-  return {};
+  return links_.setUp(interface.link.index, true);
 }
 
 void InterfaceTable::undoSet(uint32_t id, bool disabled) {
@@ -197,15 +192,15 @@ lm::message InterfaceTable::keep(const lm::message& request) {
 Result<uint32_t> InterfaceTable::keepName(const std::string& name, uint32_t role) {
   const uint32_t id = ids_.take(name);
   const bool known = interfaces_.contains(id);
-  if (!kept_.keep(name, {id, role})) {
+  if (const auto kept = kept_.keep(name, {id, role}); !kept) {
     if (!known) ids_.release(name);
-    return Failure{notStored};
+    return kept.failure();
   }
   if (known) {
     interfaces_[id].role = role;
   } else {
     interfaces_[id] = {name, role, {}};
-    tell(id);
+    notify(id);
   }
   return id;
 }
@@ -221,7 +216,7 @@ lm::message InterfaceTable::forget(const Interface& interface) {
 
 Result<void> InterfaceTable::forgetName(const std::string& name) {
   const uint32_t id = kept_.all().at(name).id;
-  if (!kept_.forget(name)) return Failure{notStored};
+  if (auto forgotten = kept_.forget(name); !forgotten) return forgotten;
   Interface& interface = interfaces_[id];
   interface.role = 0;
   if (interface.link.index == 0) leave(id);
@@ -266,7 +261,7 @@ void InterfaceTable::linkChanged(const Link& link) {
     carried = depart(known->second);
   }
   const uint32_t id = ids_.take(link.name);
-  // A change of it was lost: another link has the name now.
+  // A notification was lost: another link has the name now.
   const auto same = interfaces_.find(id);
   if (same != interfaces_.end() && same->second.link.index != 0 &&
       same->second.link.index != link.index) {
@@ -279,13 +274,13 @@ void InterfaceTable::linkChanged(const Link& link) {
   interface.name = link.name;
   byIndex_[link.index] = id;
   if (before.index == 0 || before.hardwareType != link.hardwareType) {
-    tell(id);
+    notify(id);
   } else if (before.up != link.up || before.running != link.running) {
-    tellState(record(id, interface));
+    notifyState(record(id, interface));
     if (before.running != link.running) addresses_.announce(id, link.running);
   }
   for (const LinkAddress& address : carried) addresses_.add(id, link.running, address);
-  if (link.running) routes_.putBack(link.name, link.index);
+  if (link.running) routes_.restore(link.name, link.index);
 }
 
 void InterfaceTable::linkGone(uint32_t index) {
@@ -315,7 +310,7 @@ std::set<LinkAddress> InterfaceTable::depart(uint32_t id) {
   away.hardwareType = interface.link.hardwareType;
   interface.link = away;
   if (interface.role != 0) {
-    tell(id);
+    notify(id);
   } else {
     leave(id);
   }
@@ -329,21 +324,21 @@ void InterfaceTable::leave(uint32_t id) {
   lm::interfaces::Record gone = record(id, it->second);
   gone.flags = lm::interfaces::flagGone;
   interfaces_.erase(it);
-  tell(gone);
+  notify(gone);
 }
 
-void InterfaceTable::tell(uint32_t id) {
+void InterfaceTable::notify(uint32_t id) {
   const Interface& interface = interfaces_[id];
-  tell(record(id, interface));
+  notify(record(id, interface));
   addresses_.announce(id, interface.link.running);
 }
 
-void InterfaceTable::tell(const lm::interfaces::Record& record) {
+void InterfaceTable::notify(const lm::interfaces::Record& record) {
   notifier_.notify(lm::cmd::interfaceChanged, lm::interfaces::path(), toMessage(record));
-  tellState(record);
+  notifyState(record);
 }
 
-void InterfaceTable::tellState(const lm::interfaces::Record& record) {
+void InterfaceTable::notifyState(const lm::interfaces::Record& record) {
   lm::message m;
   m.insert_message_array(lm::key::records, {toMessage(record)});
   notifier_.notify(lm::cmd::changed, lm::interfaces::path(), m);

@@ -20,15 +20,15 @@
 namespace lumen {
 
 /// The handler [20, 0]: this router's network interfaces, the kernel's links but for its loopback.
-/// platform/wire/Interfaces.h says what a record holds and what may be asked.
+/// platform/wire/Interfaces.h describes its records and commands.
 ///
-/// An id belongs to a name: a renamed link leaves as one interface and comes as another. A kept
-/// name stays in the table while its link is away, not running and with kernel index 0; another
-/// leaves with its link.
+/// An id belongs to a name: a renamed link leaves as one interface and appears as another. A kept
+/// name stays in the table while its link is away, not running and with kernel index 0; a name that
+/// is not kept leaves with its link.
 class InterfaceTable : public LocalHandler, private Links::Listener {
  public:
-  /// Loads the kept names and saved routes from `storeDirectory`. What is given by reference must
-  /// outlive this.
+  /// Loads the kept names and saved routes from `storeDirectory`. What is given by reference
+  /// must outlive this.
   InterfaceTable(Links& links, AddressTable& addresses, Notifier& notifier,
                  KeptNames::Listener& names, const std::string& storeDirectory,
                  const lm::Clock& clock);
@@ -63,7 +63,7 @@ class InterfaceTable : public LocalHandler, private Links::Listener {
   /// Ends the keeping of a kept name; fails when that could not be stored.
   [[nodiscard]] Result<void> forgetName(const std::string& name);
 
-  // What undoes a change that its requester has given up; a failure is logged.
+  // Undo a change whose requester gave up. Failures are logged.
   void undoSet(uint32_t id, bool disabled);
   void undoRole(const std::string& name, uint32_t role);
 
@@ -77,11 +77,11 @@ class InterfaceTable : public LocalHandler, private Links::Listener {
   std::set<LinkAddress> depart(uint32_t id);
   /// An interface without a link leaves the table.
   void leave(uint32_t id);
-  /// Tells that it is new or another than before, then its state, then its addresses.
-  void tell(uint32_t id);
-  void tellState(const lm::interfaces::Record& record);
-  /// Tells that it is new, or another than before, or gone; then its state.
-  void tell(const lm::interfaces::Record& record);
+  /// Notifies that the interface is new or has changed, then of its state, then of its addresses.
+  void notify(uint32_t id);
+  void notifyState(const lm::interfaces::Record& record);
+  /// Notifies that the interface is new, has changed or is gone, then of its state.
+  void notify(const lm::interfaces::Record& record);
 
   /// What every caller may see: without the role.
   [[nodiscard]] static lm::interfaces::Record record(uint32_t id, const Interface& interface);

@@ -57,19 +57,19 @@ void KeptNames::load() {
   }
 }
 
-bool KeptNames::keep(const std::string& name, const Kept& kept) {
+Result<void> KeptNames::keep(const std::string& name, const Kept& kept) {
   Names names = names_;
   names[name] = kept;
   return change(std::move(names));
 }
 
-bool KeptNames::forget(const std::string& name) {
+Result<void> KeptNames::forget(const std::string& name) {
   Names names = names_;
   names.erase(name);
   return change(std::move(names));
 }
 
-bool KeptNames::change(Names names) {
+Result<void> KeptNames::change(Names names) {
   std::vector<lm::message> records;
   for (const auto& [name, kept] : names) {
     lm::message m;
@@ -80,10 +80,10 @@ bool KeptNames::change(Names names) {
   }
   lm::message all;
   all.insert_message_array(lm::key::records, std::move(records));
-  if (!store_.set(recordNumber, all)) return false;
+  if (!store_.set(recordNumber, all)) return Failure{"the name could not be stored"};
   names_ = std::move(names);
   tellInternal();
-  return true;
+  return {};
 }
 
 void KeptNames::tellInternal() {

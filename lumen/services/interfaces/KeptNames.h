@@ -6,13 +6,14 @@
 #include <set>
 #include <string>
 
+#include "lumen/values/Result.h"
 #include "platform/Store.h"
 #include "platform/wire/Interfaces.h"
 
 namespace lumen {
 
-/// The interface names that the administrator has given a role, with the ids that they keep for
-/// good. Record 0 of the store.
+/// The interface names that the administrator has given a role, with their permanent ids. Record 0
+/// of the store.
 class KeptNames {
  public:
   /// Far more than routers have links; every write stores them all.
@@ -31,7 +32,7 @@ class KeptNames {
     virtual void internalNames(std::set<std::string> names) = 0;
   };
 
-  /// Whether the kernel can have a link of that name, which is not its loopback's.
+  /// Whether the kernel can have a link of that name other than the loopback.
   [[nodiscard]] static bool isName(const std::string& name);
 
   /// Loads what is stored. Both must outlive this.
@@ -39,9 +40,10 @@ class KeptNames {
   KeptNames(const KeptNames&) = delete;
   KeptNames& operator=(const KeptNames&) = delete;
 
-  /// False when it could not be stored; then nothing has changed.
-  [[nodiscard]] bool keep(const std::string& name, const Kept& kept);
-  [[nodiscard]] bool forget(const std::string& name);
+  // Fail when the change could not be stored; then nothing has changed.
+
+  [[nodiscard]] Result<void> keep(const std::string& name, const Kept& kept);
+  [[nodiscard]] Result<void> forget(const std::string& name);
 
   [[nodiscard]] const std::map<std::string, Kept>& all() const { return names_; }
 
@@ -49,7 +51,7 @@ class KeptNames {
   using Names = std::map<std::string, Kept>;
 
   void load();
-  [[nodiscard]] bool change(Names names);
+  [[nodiscard]] Result<void> change(Names names);
   void tellInternal();
 
   lm::Store& store_;

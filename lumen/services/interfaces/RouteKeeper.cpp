@@ -13,6 +13,8 @@
 namespace lumen {
 namespace {
 
+constexpr const char* notSaved = "the link's routes could not be saved";
+
 constexpr uint32_t routesKey = 0xa8000001;  // message array
 constexpr uint32_t linkKey = 0x08000001;
 constexpr uint32_t gatewayKey = 0x00000002;
@@ -57,30 +59,29 @@ RouteKeeper::~RouteKeeper() { clearSettled(clock_.now()); }
 
 Result<void> RouteKeeper::takeDown(const std::string& name, uint32_t index) {
   auto now = links_.routes(index);
-  if (!now) return Failure{"the link's routes could not be read"};
+  if (!now) return now.failure();
   // Those of an earlier time that are not back yet remain: the link may be up without running.
   std::vector<Route> before = missing(name);
   for (const Route& route : before) {
     if (std::find(now->begin(), now->end(), route) == now->end()) now->push_back(route);
   }
-  // Put back in this order: a gateway is reached by a route without one.
+  // They are restored in this order: a gateway is reached by a route without one.
   std::stable_partition(now->begin(), now->end(), [](const Route& r) { return !r.gateway; });
   const size_t lost = cutToRecord(*now);
-  if (!save(name, std::move(*now))) return Failure{"the link's routes could not be saved"};
-  const int error = links_.setUp(index, false);
-  if (error != 0) {
+  if (auto saved = save(name, std::move(*now)); !saved) return saved;
+  if (auto down = links_.setUp(index, false); !down) {
     if (before.empty()) {
       settle(name);
     } else {
       (void)save(name, std::move(before));
     }
-    return Failure{strerror(error)};
+    return down;
   }
   if (lost > 0) lm::logLine("interface ", name, ": ", lost, " routes too many to save");
   return {};
 }
 
-void RouteKeeper::putBack(const std::string& name, uint32_t index) {
+void RouteKeeper::restore(const std::string& name, uint32_t index) {
   std::vector<Route> open = missing(name);
   if (open.empty()) return;
   const auto runs = [&] {
@@ -88,7 +89,7 @@ void RouteKeeper::putBack(const std::string& name, uint32_t index) {
     return now && now->link.running && now->link.name == name;
   };
   if (!runs()) return;
-  // A route can need any other one; each round that put one back gives the rest another chance.
+  // A route may need any other one: each round that restored one gives the rest another chance.
   std::map<int, size_t> refused;  // errno -> routes
   for (bool progress = true; progress && !open.empty();) {
     refused.clear();
@@ -100,8 +101,8 @@ void RouteKeeper::putBack(const std::string& name, uint32_t index) {
     };
     progress = std::erase_if(open, settled) > 0;
   }
-  // It stopped meanwhile: the kernel has dropped also what was put back. Its next start tries
-  // again.
+  // The link stopped meanwhile: the kernel has dropped the restored routes too. They are tried
+  // again when it next runs.
   if (!runs()) return;
   for (const auto& [error, count] : refused) {
     lm::logLine("interface ", name, ": ", count, " saved routes not put back: ", strerror(error));
@@ -125,17 +126,17 @@ void RouteKeeper::forgetAllBut(const std::function<bool(const std::string& name)
   for (const std::string& name : gone) forget(name);
 }
 
-bool RouteKeeper::save(const std::string& name, std::vector<Route> routes) {
+Result<void> RouteKeeper::save(const std::string& name, std::vector<Route> routes) {
   const auto saved = saved_.find(name);
-  if (saved == saved_.end() && routes.empty()) return true;
+  if (saved == saved_.end() && routes.empty()) return {};
   if (saved != saved_.end() && saved->second.routes == routes) {
     saved->second.backSince.reset();
-    return true;
+    return {};
   }
   const uint32_t record = saved == saved_.end() ? freeRecord() : saved->second.record;
   if (record == 0) {
     lm::logLine("interfaces: too many links with saved routes");
-    return false;
+    return Failure{notSaved};
   }
   std::vector<lm::message> list;
   list.reserve(routes.size());
@@ -149,7 +150,8 @@ bool RouteKeeper::save(const std::string& name, std::vector<Route> routes) {
   } else if (stored) {
     saved_[name] = {record, std::move(routes), std::nullopt};
   }
-  return stored;
+  if (!stored) return Failure{notSaved};
+  return {};
 }
 
 void RouteKeeper::settle(const std::string& name) {

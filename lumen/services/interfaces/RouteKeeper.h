@@ -16,18 +16,18 @@
 
 namespace lumen {
 
-/// Takes links down without losing their routes, which the kernel drops without a message: they are
-/// saved first, survive a restart, and are put back when the link runs again. A record of the store
-/// for each link, from 1.
+/// Takes links down without losing their routes, which the kernel drops silently: they are saved
+/// first, survive a restart, and are restored when the link runs again. Each link has a record of
+/// the store, from 1.
 ///
-/// Routes that are back stay in the store for a minute: a link that goes down and up again and
-/// again with the same routes costs no further write. They are not put back again, unless lumend is
-/// killed within that minute.
+/// Restored routes stay in the store for a minute: a link that goes down and up repeatedly with the
+/// same routes costs no further write. They are not restored again, unless lumend is killed within
+/// that minute.
 class RouteKeeper {
  public:
   /// How many links can have saved routes at a time. Record 0 belongs to the kept names.
   static constexpr uint32_t records = 256;
-  /// Of one link, more are not saved and said so in the log: they would not fit into a record.
+  /// Of one link. More would not fit into a record: the rest are not saved, which is logged.
   static constexpr size_t maxBytes = 96UL * 1024;
   /// How long routes that are back stay in the store.
   static constexpr std::chrono::minutes afterlife{1};
@@ -41,12 +41,12 @@ class RouteKeeper {
   /// Saves the routes of the link and takes it down, both or nothing.
   [[nodiscard]] Result<void> takeDown(const std::string& name, uint32_t index);
 
-  /// Puts the saved routes back if the link really runs now; they are then saved no more, unless
-  /// the link stopped meanwhile or the kernel could not be asked. One that the kernel refuses is
-  /// logged.
-  void putBack(const std::string& name, uint32_t index);
+  /// Restores the saved routes if the link really runs now. They are then no longer saved, unless
+  /// the link stopped meanwhile or the kernel could not be asked. Routes that the kernel refuses
+  /// are logged.
+  void restore(const std::string& name, uint32_t index);
 
-  /// Drops the saved routes of a link that has left for good.
+  /// Drops the saved routes of a link that has left permanently.
   void forget(const std::string& name);
   void forgetAllBut(const std::function<bool(const std::string& name)>& remains);
 
@@ -59,12 +59,12 @@ class RouteKeeper {
   };
   using SavedByName = std::map<std::string, Saved>;
 
-  /// From now on these are to be put back. False when it could not be stored; then nothing has
-  /// changed, but that an empty list always ends the link's record in memory.
-  [[nodiscard]] bool save(const std::string& name, std::vector<Route> routes);
+  /// From now on these are to be restored. After a failure nothing has changed, except that an empty
+  /// list always ends the link's record in memory.
+  [[nodiscard]] Result<void> save(const std::string& name, std::vector<Route> routes);
   /// The routes of the link are back, or have never left.
   void settle(const std::string& name);
-  /// Those that are still to be put back.
+  /// Those that are still to be restored.
   [[nodiscard]] std::vector<Route> missing(const std::string& name) const;
   /// Takes the record of routes that are back if there is no other. 0: none.
   [[nodiscard]] uint32_t freeRecord();

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "lumen/values/Ipv4.h"
+#include "lumen/values/Result.h"
 
 namespace lumen {
 
@@ -50,7 +51,7 @@ struct LinkSnapshot {
   std::map<uint32_t, std::set<LinkAddress>> addresses;
 };
 
-/// A route as the kernel told it, so that it can be put back as it was.
+/// A route as the kernel reported it, so that it can be restored as it was.
 struct Route {
   uint32_t link = 0;     ///< kernel index of the link by which it leaves
   bool gateway = false;  ///< its next hop is a host that another route must reach
@@ -63,7 +64,7 @@ struct Route {
 /// The kernel's links, addresses and routes.
 class Links {
  public:
-  /// Is told of every change, in the kernel's order, from the event loop and never from inside
+  /// Is notified of every change, in the kernel's order, from the event loop and never from inside
   /// another call of Links but start.
   class Listener {
    public:
@@ -73,32 +74,31 @@ class Links {
     /// A link is new, or something about it may have changed, its name included.
     virtual void linkChanged(const Link& link) = 0;
     virtual void linkGone(uint32_t index) = 0;
-    /// May be told of an address that it knows.
+    /// May be repeated for an address that is known already.
     virtual void addressAdded(uint32_t index, const LinkAddress& address) = 0;
     virtual void addressRemoved(uint32_t index, const LinkAddress& address) = 0;
   };
 
   virtual ~Links() = default;
 
-  /// Reads the tables and tells `listener`, then of each change. `listener` must outlive this.
+  /// Reads the tables and notifies `listener`, then of each change. `listener` must outlive this.
   virtual void start(Listener& listener) = 0;
 
-  /// The link as it is now, changes that the listener has not been told of yet included. None when
-  /// there is no such link.
+  /// The link as it is now, even if the listener has not been notified yet. None when there is no
+  /// such link.
   [[nodiscard]] virtual std::optional<LinkStatus> read(uint32_t index) = 0;
 
-  /// Takes a link up or down. Returns 0 or the kernel's errno. The change is told to the listener
-  /// later.
-  [[nodiscard]] virtual int setUp(uint32_t index, bool up) = 0;
+  /// Takes a link up or down. The listener is notified of the change later.
+  [[nodiscard]] virtual Result<void> setUp(uint32_t index, bool up) = 0;
 
-  /// The IPv4 and IPv6 routes by that link that somebody made: neither those of the table "local"
-  /// nor those that the kernel makes itself, and not more than somebody can have typed. None when
-  /// they could not be read.
-  [[nodiscard]] virtual std::optional<std::vector<Route>> routes(uint32_t index) = 0;
+  /// The IPv4 and IPv6 routes by that link that an administrator or a program made: neither those
+  /// of the table "local" nor those that the kernel makes itself, and no more than an administrator
+  /// would type.
+  [[nodiscard]] virtual Result<std::vector<Route>> routes(uint32_t index) = 0;
 
-  /// Puts a route back, by the link `index` where it left by `route.link`. Returns 0 or the
-  /// kernel's errno, which is EEXIST when there is such a route, EINVAL for a content that is no
-  /// route, and EIO when the kernel could not be asked.
+  /// Restores a route, by the link `index` where it left by `route.link`. Returns 0 or the kernel's
+  /// errno, which decides about the next try: EEXIST when there is such a route, EINVAL for a
+  /// content that is no route, EIO when the kernel could not be asked.
   [[nodiscard]] virtual int addRoute(const Route& route, uint32_t index) = 0;
 };
 

@@ -9,7 +9,7 @@
 
 namespace lumen {
 
-/// Where the next part begins after one of `length` bytes: messages, attributes and next hops are
+/// The offset of the next part after one of `length` bytes: messages, attributes and next hops are
 /// all aligned to four bytes.
 [[nodiscard]] constexpr size_t netlinkAligned(size_t length) { return (length + 3) & ~size_t{3}; }
 
@@ -32,7 +32,7 @@ template <typename Visit>
           mnl_attr_get_payload_len(&attribute)};
 }
 
-/// The value that `bytes` begin with; none when they are too few.
+/// The value at the start of `bytes`; none when they are too few.
 template <typename T>
 [[nodiscard]] std::optional<T> readStruct(std::span<const std::byte> bytes) {
   if (bytes.size() < sizeof(T)) return std::nullopt;

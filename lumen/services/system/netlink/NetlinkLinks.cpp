@@ -26,10 +26,10 @@ namespace {
 constexpr int tries = 10;
 constexpr std::chrono::milliseconds pause(100);
 
-// More come from a routing daemon, which puts them back itself.
+// More come from a routing daemon, which restores them itself.
 constexpr size_t maxRoutes = 4096;  // of one family
 
-// So that a flood of changes does not keep the loop from its other work.
+// A flood of changes must not starve the rest of the loop.
 constexpr int datagramsInOneTurn = 64;
 
 /// A request with a fixed part and room for a few attributes.
@@ -72,15 +72,17 @@ std::optional<LinkStatus> NetlinkLinks::read(uint32_t index) {
   return error == 0 ? found : std::nullopt;
 }
 
-int NetlinkLinks::setUp(uint32_t index, bool up) {
+Result<void> NetlinkLinks::setUp(uint32_t index, bool up) {
   Request<ifinfomsg> change(RTM_NEWLINK, NLM_F_ACK);
   change.fixed().ifi_index = static_cast<int>(index);
   change.fixed().ifi_change = IFF_UP;
   change.fixed().ifi_flags = up ? IFF_UP : 0;
-  return command(change.header(), [](NetlinkMessage&) {});
+  const int error = command(change.header(), [](NetlinkMessage&) {});
+  if (error != 0) return Failure{strerror(error)};
+  return {};
 }
 
-std::optional<std::vector<Route>> NetlinkLinks::routes(uint32_t index) {
+Result<std::vector<Route>> NetlinkLinks::routes(uint32_t index) {
   std::vector<Route> all;
   for (const int family : {AF_INET, AF_INET6}) {
     std::vector<Route> found;
@@ -89,7 +91,7 @@ std::optional<std::vector<Route>> NetlinkLinks::routes(uint32_t index) {
       found.clear();
       answer = dumpRoutes(family, index, found);
     }
-    if (answer != Answer::complete) return std::nullopt;
+    if (answer != Answer::complete) return Failure{"the link's routes could not be read"};
     std::move(found.begin(), found.end(), std::back_inserter(all));
   }
   return all;
@@ -154,11 +156,11 @@ void NetlinkLinks::readChanges(int /*fd*/) {
       lm::logLine("interfaces: malformed change (", messages.why(), "), reading everything again");
       return readTables();
     }
-    for (const NetlinkMessage& change : *messages) tell(change);
+    for (const NetlinkMessage& change : *messages) notifyListener(change);
   }
 }
 
-void NetlinkLinks::tell(const NetlinkMessage& change) {
+void NetlinkLinks::notifyListener(const NetlinkMessage& change) {
   if (const auto* is = std::get_if<NetlinkMessage::LinkIs>(&change.what)) {
     listener_->linkChanged(is->status.link);
   } else if (const auto* gone = std::get_if<NetlinkMessage::LinkGone>(&change.what)) {
@@ -214,7 +216,8 @@ NetlinkLinks::Answer NetlinkLinks::request(nlmsghdr& request, int& error, const 
     return Answer::failed;
   }
   const Answer answer = exchange(requests_, request, error, sink);
-  if (answer != Answer::complete) requests_.close();  // what is left of it must answer no other
+  if (answer != Answer::complete)
+    requests_.close();  // the rest of the answer must not be taken for the next one
   return answer;
 }
 

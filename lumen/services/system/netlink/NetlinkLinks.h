@@ -16,10 +16,10 @@ namespace lumen {
 
 /// The links, addresses and routes of the network namespace in which it was made.
 ///
-/// One socket hears of every change. It is subscribed before the tables are read through it, so
-/// that what changes meanwhile lies between the answers and is applied to what was read. When the
-/// kernel had to drop changes, a new socket starts over. A second socket carries requests and their
-/// answers, which therefore never mix with changes.
+/// One socket receives every change. It is subscribed before the tables are read through it, so
+/// that changes arrive between the answers and are applied to them. After the kernel had to drop
+/// changes, a new socket starts over. A second socket carries requests and their answers, which
+/// therefore never mix with changes.
 class NetlinkLinks : public Links {
  public:
   /// The socket of changes has room for `receiveBuffer` bytes that wait.
@@ -29,19 +29,19 @@ class NetlinkLinks : public Links {
 
   void start(Listener& listener) override;
   [[nodiscard]] std::optional<LinkStatus> read(uint32_t index) override;
-  [[nodiscard]] int setUp(uint32_t index, bool up) override;
-  [[nodiscard]] std::optional<std::vector<Route>> routes(uint32_t index) override;
+  [[nodiscard]] Result<void> setUp(uint32_t index, bool up) override;
+  [[nodiscard]] Result<std::vector<Route>> routes(uint32_t index) override;
   [[nodiscard]] int addRoute(const Route& route, uint32_t index) override;
 
  private:
   enum class Answer { complete, interrupted, failed };
   using Sink = std::function<void(NetlinkMessage&)>;
 
-  /// Reads the tables until that succeeds, now and then by timer.
+  /// Reads the tables; retries by timer until that succeeds.
   void readTables();
   [[nodiscard]] Answer tryReadTables(LinkSnapshot& all);
   void readChanges(int fd);
-  void tell(const NetlinkMessage& change);
+  void notifyListener(const NetlinkMessage& change);
 
   /// Sends `request` and hands every message that arrives to `sink`, until the answer is complete.
   /// `error` gets the errno of the kernel's answer, 0 if it did what was asked.
@@ -49,7 +49,8 @@ class NetlinkLinks : public Links {
                                 const Sink& sink);
   /// The same on the socket for requests, which it opens when necessary.
   [[nodiscard]] Answer request(nlmsghdr& request, int& error, const Sink& sink);
-  /// The same, of a request that cannot be interrupted. Returns the errno.
+  /// The same, of a request that cannot be interrupted. Returns the errno; EIO when the kernel
+  /// could not be asked.
   [[nodiscard]] int command(nlmsghdr& message, const Sink& sink);
   [[nodiscard]] Answer dumpRoutes(int family, uint32_t index, std::vector<Route>& found);
 

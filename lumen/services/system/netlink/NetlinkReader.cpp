@@ -14,7 +14,7 @@ namespace {
 
 constexpr int maxErrno = 4095;  // MAX_ERRNO, linux/err.h
 
-/// Reads the messages of one datagram; keeps the first thing that is wrong.
+/// Reads the messages of one datagram; keeps the first error.
 class Reader {
  public:
   Result<std::vector<NetlinkMessage>> read(std::span<const std::byte> datagram) {
@@ -64,8 +64,8 @@ class Reader {
   void link(std::span<const std::byte> body) {
     const auto fixed = readStruct<ifinfomsg>(body);
     if (!fixed) return fail("link message too short");
-    // A bridge tells of its ports with the same message types: a port that leaves the bridge is a
-    // deleted link of the family AF_BRIDGE, although the link stays.
+    // A bridge reports its ports with the same message types: a port that leaves the bridge is a
+    // deleted link of the family AF_BRIDGE, although the link remains.
     if (fixed->ifi_family != AF_UNSPEC) return;
     if (fixed->ifi_index <= 0) return fail("link without an index");
     const auto index = static_cast<uint32_t>(fixed->ifi_index);

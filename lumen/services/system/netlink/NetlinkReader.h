@@ -12,7 +12,7 @@
 
 namespace lumen {
 
-/// One message of rtnetlink that means something to us.
+/// An rtnetlink message of a kind that we use.
 struct NetlinkMessage {
   struct LinkIs {
     LinkStatus status;
@@ -30,7 +30,7 @@ struct NetlinkMessage {
   };
   struct RouteIs {
     uint32_t family = 0;          ///< AF_INET or AF_INET6
-    bool kernelMade = false;      ///< comes and goes by itself
+    bool kernelMade = false;      ///< the kernel adds and removes it itself
     bool gateway = false;         ///< as Route::gateway
     std::vector<uint32_t> links;  ///< kernel indexes of the links of its next hops
     std::string content;          ///< as Route::content
@@ -42,13 +42,13 @@ struct NetlinkMessage {
 
   uint32_t sequence = 0;     ///< of the request that this answers, or that made this change
   uint32_t port = 0;         ///< of the socket that sent that request; 0: none
-  bool interrupted = false;  ///< the dump that this belongs to has missed changes
+  bool interrupted = false;  ///< the dump that it belongs to has missed changes
   std::variant<LinkIs, LinkGone, AddressIs, AddressGone, RouteIs, Answered> what;
 };
 
 /// The messages in one datagram from rtnetlink (linux/netlink.h, linux/rtnetlink.h). Messages of
-/// other kinds and families, such as the bridge's own messages about its ports, are left out.
-/// Fails, with a few words for the log, when the datagram is no such thing: a length that does not
+/// other kinds and families, such as the bridge's own messages about its ports, are skipped.
+/// Fails, with a few words for the log, when the datagram is malformed: a length that does not
 /// fit, a fixed part or an attribute that is too short, a missing attribute. `datagram` must be
 /// aligned as a nlmsghdr is.
 [[nodiscard]] Result<std::vector<NetlinkMessage>> readNetlink(std::span<const std::byte> datagram);

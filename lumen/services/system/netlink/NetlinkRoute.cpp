@@ -11,8 +11,8 @@
 namespace lumen {
 namespace {
 
-/// Names the new link in every next hop by the old one and clears the state flags. False when the
-/// lengths do not fit.
+/// Replaces the old link by the new one in every next hop and clears the state flags. False when
+/// the lengths do not fit.
 bool moveNextHops(std::vector<std::byte>& hops, uint32_t from, uint32_t to) {
   for (size_t at = 0; at < hops.size();) {
     auto hop = readStruct<rtnexthop>(std::span<const std::byte>(hops).subspan(at));

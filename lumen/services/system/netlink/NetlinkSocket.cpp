@@ -21,8 +21,7 @@ bool NetlinkSocket::open(unsigned groups, int receiveBuffer) {
   socket_.reset(mnl_socket_open2(NETLINK_ROUTE, SOCK_CLOEXEC));
   if (!socket_) return false;
   if (receiveBuffer > 0) {
-    // Needs CAP_NET_ADMIN; without it the system's limit holds, and losses are noticed all the
-    // same.
+    // Needs CAP_NET_ADMIN; without it the system's limit holds. Losses are noticed either way.
     (void)setsockopt(fd(), SOL_SOCKET, SO_RCVBUFFORCE, &receiveBuffer, sizeof receiveBuffer);
   }
   // Lets a request for routes name the link: the kernel then leaves out the others itself.

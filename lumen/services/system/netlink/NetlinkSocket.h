@@ -22,8 +22,8 @@ class NetlinkSocket {
 
   NetlinkSocket() = default;
 
-  /// Opens it, subscribed to `groups` (RTMGRP_*), with room for `receiveBuffer` bytes that wait (0:
-  /// the system's default). False, with errno, when that fails; the socket is then closed.
+  /// Opens it, subscribed to `groups` (RTMGRP_*), with a receive buffer of `receiveBuffer` bytes
+  /// (0: the system's default). False, with errno, when that fails; the socket is then closed.
   [[nodiscard]] bool open(unsigned groups, int receiveBuffer);
   void close() { socket_.reset(); }
 
@@ -33,7 +33,7 @@ class NetlinkSocket {
   /// The number by which the kernel addresses it, while it is open.
   [[nodiscard]] uint32_t port() const { return mnl_socket_get_portid(socket_.get()); }
 
-  /// The kernel answers requests while they are sent. False, with errno, when it takes none.
+  /// The kernel answers a request while it is sent. False, with errno, when it refuses the request.
   [[nodiscard]] bool send(const nlmsghdr& request);
 
   /// The next datagram from the kernel, valid until the next call. `wait`: for at most five

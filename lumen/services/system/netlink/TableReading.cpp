@@ -23,22 +23,22 @@ void apply(const NetlinkMessage& message, LinkSnapshot& all) {
 }  // namespace
 
 void TableReading::take(NetlinkMessage& message, uint32_t request) {
-  // A change names the port and the sequence number of whoever asked for it, or 0.
+  // A change carries the port and the sequence number of the request that made it, or 0.
   if (message.port == port_ && message.sequence == request) {
     apply(message, all_);
   } else {
-    told_.push_back(std::move(message));
+    reported_.push_back(std::move(message));
   }
 }
 
 bool TableReading::lostAddress() const {
-  return std::any_of(told_.begin(), told_.end(), [](const NetlinkMessage& message) {
+  return std::any_of(reported_.begin(), reported_.end(), [](const NetlinkMessage& message) {
     return std::holds_alternative<NetlinkMessage::AddressGone>(message.what);
   });
 }
 
 LinkSnapshot TableReading::finish() {
-  for (const NetlinkMessage& message : told_) apply(message, all_);
+  for (const NetlinkMessage& message : reported_) apply(message, all_);
   return std::move(all_);
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 
 #include "support/Ipv4Text.h"
 
@@ -93,15 +94,16 @@ std::optional<LinkStatus> FakeLinks::read(uint32_t index) {
   return LinkStatus{it->second, counters};
 }
 
-int FakeLinks::setUp(uint32_t index, bool up) {
+Result<void> FakeLinks::setUp(uint32_t index, bool up) {
   const auto it = all.links.find(index);
-  if (it == all.links.end()) return ENODEV;
+  if (it == all.links.end()) return Failure{strerror(ENODEV)};
   calls.push_back(it->second.name + (up ? " up" : " down"));
-  return setUpError;
+  if (setUpError != 0) return Failure{strerror(setUpError)};
+  return {};
 }
 
-std::optional<std::vector<Route>> FakeLinks::routes(uint32_t index) {
-  if (!routesAreReadable) return std::nullopt;
+Result<std::vector<Route>> FakeLinks::routes(uint32_t index) {
+  if (!routesAreReadable) return Failure{"the link's routes could not be read"};
   return routeTable[index];
 }
 

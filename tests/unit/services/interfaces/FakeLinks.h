@@ -40,8 +40,8 @@ class FakeLinks : public Links {
 
   void start(Listener& listener) override;
   [[nodiscard]] std::optional<LinkStatus> read(uint32_t index) override;
-  [[nodiscard]] int setUp(uint32_t index, bool up) override;
-  [[nodiscard]] std::optional<std::vector<Route>> routes(uint32_t index) override;
+  [[nodiscard]] Result<void> setUp(uint32_t index, bool up) override;
+  [[nodiscard]] Result<std::vector<Route>> routes(uint32_t index) override;
   [[nodiscard]] int addRoute(const Route& route, uint32_t index) override;
 
   [[nodiscard]] std::vector<std::string> takeCalls() { return std::exchange(calls, {}); }

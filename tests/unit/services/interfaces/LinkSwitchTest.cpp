@@ -398,7 +398,7 @@ TEST(RouteKeeperTest, ReadsARecordOnlyForALinkThatHasNone) {
   const lm::test::ManualClock clock;
   const lm::EventLoop loop(clock);
   RouteKeeper keeper(kernel, store, clock);
-  keeper.putBack("wan0", kernel.indexOf("wan0"));
+  keeper.restore("wan0", kernel.indexOf("wan0"));
   EXPECT_EQ(kernel.takeCalls(), Lines{"route route of wan0 by 2"});
 }
 

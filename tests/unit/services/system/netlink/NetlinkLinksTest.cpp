@@ -17,6 +17,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <functional>
 #include <memory>
@@ -37,6 +38,7 @@
 #include "support/Ipv4Text.h"
 #include "support/RefusedCall.h"
 #include "support/TempDir.h"
+#include "support/WhyNot.h"
 
 namespace lumen {
 namespace {
@@ -348,7 +350,7 @@ TEST_F(NetlinkLinksTest, PutsTheRoutesOfAKeptNameBackByItsNextLink) {
 
 TEST_F(NetlinkLinksTest, RefusesALinkThatIsNotThere) {
   starts();
-  EXPECT_EQ(links->setUp(4711, true), ENODEV);
+  EXPECT_EQ(whyNot(links->setUp(4711, true)), strerror(ENODEV));
   EXPECT_FALSE(links->read(4711));
   EXPECT_FALSE(links->routes(4711));
 }
@@ -462,8 +464,8 @@ TEST_F(NetlinkLinksTest, AnswersWhenTheKernelCannotBeAsked) {
   testing::internal::CaptureStdout();
   whileRefused({SCMP_SYS(socket)}, EMFILE, [&] { EXPECT_FALSE(links->read(index)); });
   whileRefused({SCMP_SYS(recvmsg)}, EIO, [&] {
-    EXPECT_EQ(links->setUp(index, true), EIO);
-    EXPECT_FALSE(links->routes(index));
+    EXPECT_EQ(whyNot(links->setUp(index, true)), strerror(EIO));
+    EXPECT_EQ(whyNot(links->routes(index)), "the link's routes could not be read");
   });
   EXPECT_EQ(testing::internal::GetCapturedStdout(),
             "interfaces: netlink socket: Too many open files\n"
