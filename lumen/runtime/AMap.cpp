@@ -23,7 +23,7 @@ message configOf(const Object& object) {
 
 message recordOf(const Object& object) { return makeRecord(object.id, configOf(object)); }
 
-/// What takes a change back: `command` on the object, with the fields of `config`.
+/// What undoes a change: `command` on the object, with the fields of `config`.
 message undoOf(uint32_t command, uint32_t id, const message& config) {
   message undo;
   undo.insert_u32(key::command, command);
@@ -170,7 +170,8 @@ message AMap::set(const message& request) {
   if (isError(reply)) return reply;
   Object& object = *after;
   std::swap(mapState_->objects[id], after);
-  // A record that is to go has gone already: its file has another name, whatever becomes of it.
+  // A record that is to be removed is gone already: its file has another name, and is not read
+  // again even if it cannot be deleted.
   const bool stored = !record || record->commit() || !object.isStorable();
   if (!stored && isDone(hookSet(object, *before))) {
     std::swap(mapState_->objects[id], after);
@@ -195,7 +196,7 @@ message AMap::remove(const message& request) {
   }
   message reply = hookRemoved(*object);
   if (isError(reply)) return reply;
-  if (record) record->commit();  // the record has gone already, as in set()
+  if (record) record->commit();  // the record is gone already, as in set()
 
   const auto removed = std::move(mapState_->objects.extract(id).mapped());
   const message config = configOf(*removed);

@@ -12,7 +12,7 @@
 namespace lm {
 namespace {
 
-/// What may wait for a platform that does not read, in bytes.
+/// The most that is queued for a platform that does not read, in bytes.
 constexpr size_t maxOutgoing = 4UL * 1024 * 1024;
 
 }  // namespace
@@ -25,7 +25,7 @@ lumen::Result<message> Connection::call(message request, uint32_t command,
                                         GivenUp late) {
   const lumen::Failure connectionEnded{"connection ended"};
   const Clock::Time deadline = clock_.now() + limit;
-  const uint32_t serial = address(request, command, sender);
+  const uint32_t serial = addressRequest(request, command, sender);
   awaited_ = serial;
   reply_.reset();
   if (!send(request)) {
@@ -43,7 +43,7 @@ lumen::Result<message> Connection::call(message request, uint32_t command,
   if (reply_) return *std::exchange(reply_, std::nullopt);
   if (ended_) return connectionEnded;
   if (wantsToSend()) {
-    // Nobody may act on it after its sender was told that it failed.
+    // No program may act on it once its sender has been told that it failed.
     outgoingBytes_ -= outgoing_.back().size();
     outgoing_.pop_back();
   } else if (late == GivenUp::undone) {
@@ -61,7 +61,7 @@ message Connection::exchange(message request, uint32_t command, std::chrono::mil
 }
 
 void Connection::post(message request, uint32_t command, uint32_t sender) {
-  address(request, command, sender);
+  addressRequest(request, command, sender);
   if (!send(request) && !ended_) logLine("platform: request ", command, " is too long");
 }
 
@@ -90,8 +90,8 @@ std::optional<message> Connection::take() {
   return first;
 }
 
-/// Makes a request of `request` and returns its serial.
-uint32_t Connection::address(message& request, uint32_t command, uint32_t sender) {
+/// Writes the fields that make `request` a request; returns its serial.
+uint32_t Connection::addressRequest(message& request, uint32_t command, uint32_t sender) {
   request.fields().erase(key::isReply);
   // The platform knows who we are and writes element 0 itself.
   request.insert_u32_array(key::source, {0, sender});
@@ -120,7 +120,7 @@ void Connection::flush() {
     const Transport::Status status = transport_->send(outgoing_.front());
     if (status == Transport::Status::wouldBlock) return;
     if (status == Transport::Status::ended) {
-      // What it sent before it went is still to be taken.
+      // Receive what it sent before it closed.
       receive();
       ended_ = true;
       return;
@@ -130,7 +130,7 @@ void Connection::flush() {
   }
 }
 
-/// Stops at the awaited reply: who waits for it must be able to tell what came before.
+/// Stops at the awaited reply, so that its caller can tell what arrived before it.
 void Connection::receive() {
   while (!ended_ && !reply_) {
     std::string datagram;
@@ -145,16 +145,16 @@ void Connection::receive() {
       logLine("platform: invalid message: ", m.why());
       ended_ = true;
     } else if (!m->get_bool(key::isReply)) {
-      if (!withdraw(*m)) arrived_.push_back(std::move(*m));
+      if (!dropCancelled(*m)) arrived_.push_back(std::move(*m));
     } else if (awaited_ && m->get_u32(key::serial) == *awaited_) {
       reply_ = std::move(*m);
     }
   }
 }
 
-/// Whether `m` cancels a request that has not been taken yet, which is then gone without an answer:
-/// the broker has given one.
-bool Connection::withdraw(const message& m) {
+/// Whether `m` cancels a queued request. Removes that request without an answer, since the broker
+/// has answered it.
+bool Connection::dropCancelled(const message& m) {
   if (!broker::isCancellation(m)) return false;
   const auto cancelled = std::find_if(arrived_.begin(), arrived_.end(), [&m](const message& one) {
     return one.has_array(key::destination) && one.get_u32(key::serial) == m.get_u32(key::serial);

@@ -18,50 +18,50 @@
 namespace lm {
 
 /// The connection to the other programs: requests go out and their replies come back; requests and
-/// notifications that arrive are kept in order until somebody takes them. A reply that nobody
-/// awaits, or not any more, is dropped. Programs without handlers use it by itself.
+/// notifications that arrive are queued until they are taken. A reply that no exchange awaits, or
+/// none any longer, is dropped. Programs without handlers use it alone.
 class Connection {
  public:
   /// `clock` must outlive the connection.
   Connection(const Clock& clock, std::unique_ptr<Transport> transport);
 
   /// Sends `request` to the destination path in it, from handler number `sender`, and waits at most
-  /// `limit` for the reply. What else arrives is kept. Fails when there is no reply: not in time,
-  /// or, at once, because the connection has ended. A request that is too long to be sent gets an
-  /// error reply. One that is not answered in time is cancelled unless `late` lets it stand.
+  /// `limit` for the reply. Whatever else arrives is queued. Fails when there is no reply: not in
+  /// time, or, at once, because the connection has ended. A request that is too long to be sent gets
+  /// an error reply. One that is not answered in time is cancelled unless `late` lets it stand.
   [[nodiscard]] lumen::Result<message> call(message request, uint32_t command,
                                             std::chrono::milliseconds limit, uint32_t sender = none,
                                             GivenUp late = GivenUp::undone);
   /// The same with an error reply in place of a failure.
   [[nodiscard]] message exchange(message request, uint32_t command, std::chrono::milliseconds limit,
                                  uint32_t sender = none, GivenUp late = GivenUp::undone);
-  /// Sends a request whose reply nobody wants. Waits for nobody, like the next two.
+  /// Sends a request and ignores the reply. Never blocks, like the next two.
   void post(message request, uint32_t command, uint32_t sender);
   /// Sends a notification about `sender`.
   void notify(message notification, uint32_t command, uint32_t sender);
   /// Sends the answer to the request that has arrived with this serial.
   void reply(uint32_t serial, message answer);
 
-  /// Takes in what has arrived and sends on what waits for room. Waits for nobody.
+  /// Receives what has arrived and sends what is queued. Never blocks.
   void progress();
-  /// The number of requests and notifications that are there for `take`.
+  /// The number of requests and notifications that are queued for `take`.
   [[nodiscard]] size_t arrived() const { return arrived_.size(); }
-  /// The first request or notification that has arrived, if any. A request that its sender has
-  /// cancelled before is left out.
+  /// The first request or notification in the queue, if any. Requests that their senders have
+  /// cancelled are no longer there.
   [[nodiscard]] std::optional<message> take();
 
-  /// Whether the other side is gone, or has sent what is no message, which was logged.
+  /// Whether the other side has closed the connection or sent an invalid message, which was logged.
   [[nodiscard]] bool ended() const { return ended_; }
-  /// Whether something waits for room to be sent.
+  /// Whether something is queued for sending.
   [[nodiscard]] bool wantsToSend() const { return !outgoing_.empty(); }
   [[nodiscard]] int fd() const { return transport_->fd(); }
 
  private:
-  uint32_t address(message& request, uint32_t command, uint32_t sender);
+  uint32_t addressRequest(message& request, uint32_t command, uint32_t sender);
   bool send(const message& m);
   void flush();
   void receive();
-  bool withdraw(const message& m);
+  bool dropCancelled(const message& m);
 
   const Clock& clock_;
   std::unique_ptr<Transport> transport_;

@@ -17,11 +17,11 @@ using namespace std::chrono_literals;
 
 namespace {
 
-/// How long a watch rests that makes no progress.
-constexpr auto rest = 100ms;
+/// How long a watch without progress is paused.
+constexpr auto pause = 100ms;
 
 /// How often each listening socket is dispatched between two other callbacks.
-constexpr int mostAccepts = 16;
+constexpr int maxAccepts = 16;
 
 EventLoop* theLoop = nullptr;
 
@@ -113,7 +113,7 @@ void EventLoop::turn(std::optional<std::chrono::milliseconds> limit) {
   }
   while (const auto timer = timers_.takeDue(now, added)) {
     acceptWaiting();
-    looked_ = false;
+    polled_ = false;
     const auto [owner, callback] = *timer;
     callback(owner);
   }
@@ -133,41 +133,41 @@ void EventLoop::wait(Clock::Time now, std::optional<std::chrono::milliseconds> l
   }
   ev_run(libev_->loop, limit == 0ms ? EVRUN_NOWAIT : EVRUN_ONCE);
   ev_timer_stop(libev_->loop, &libev_->limit);
-  // libev calls back in the reverse order of that in which the kernel reports.
+  // libev calls back in the reverse of the kernel's order.
   std::ranges::reverse(ready_);
   std::stable_partition(ready_.begin(), ready_.end(),
                         [](const Ready& ready) { return ready.watch->accepts; });
-  looked_ = true;
+  polled_ = true;
 }
 
 void EventLoop::dispatch(const Ready& ready) {
   Watch& watch = *ready.watch;
   if (watch.removed) return;
-  looked_ = false;
+  polled_ = false;
   const bool progress = watch.callback(watch.owner, watch.io.fd, ready.flags);
   if (watch.removed) return;
   if (!progress && watch.stuck) {
     stop(watch);
-    timers_.add({&watch, &EventLoop::resume}, clock_.now() + rest);
+    timers_.add({&watch, &EventLoop::resume}, clock_.now() + pause);
   }
   watch.stuck = !progress;
 }
 
-/// libev aborts when it is to register a descriptor that is closed, and reports one that is open
-/// elsewhere for ever.
-void EventLoop::dropClosed() { look(std::exchange(unchecked_, {})); }
+/// libev aborts when it registers a closed descriptor, and keeps reporting one that another process
+/// holds open.
+void EventLoop::dropClosed() { pollNow(std::exchange(unchecked_, {})); }
 
 /// Dispatches the listening sockets while clients wait.
 void EventLoop::acceptWaiting() {
-  for (int i = 0; i < mostAccepts && !looked_; ++i) {
-    const std::vector<Ready> waiting = look(listeners_);
-    looked_ = waiting.empty();
+  for (int i = 0; i < maxAccepts && !polled_; ++i) {
+    const std::vector<Ready> waiting = pollNow(listeners_);
+    polled_ = waiting.empty();
     for (const Ready& ready : waiting) dispatch(ready);
   }
 }
 
 /// Those of `watches` that have something to read. Removes those whose descriptor was closed.
-std::vector<EventLoop::Ready> EventLoop::look(std::vector<WatchPtr> watches) {
+std::vector<EventLoop::Ready> EventLoop::pollNow(std::vector<WatchPtr> watches) {
   std::erase_if(watches, [](const WatchPtr& watch) { return watch->removed; });
   std::vector<pollfd> seen;
   seen.reserve(watches.size());

@@ -14,23 +14,21 @@
 
 namespace lm {
 
-/// One thread's descriptors and timers. Descriptors are waited for by libev; timers are a queue of
-/// its own on the injected clock. While it lives it is what getRunner() gives; there is at most
-/// one.
+/// One thread's descriptors and timers. libev waits for descriptors; timers are the loop's own
+/// queue on the injected clock. getRunner() returns the loop while it lives; there is at most one.
 ///
 /// In a turn every ready watch is dispatched once, then every timer that was due when the turn
-/// began. A timer that falls due while callbacks run thus waits until the descriptors were looked
-/// at once more: what has arrived in time comes before the limit that waits for it.
+/// began. A timer that falls due while callbacks run thus waits until the descriptors have been
+/// polled again: data that arrived in time comes before the timeout that guards it.
 ///
-/// A listening socket holds one waiting client only, and a full queue costs the next one a whole
-/// second: listening sockets are dispatched first. Between any two other callbacks they are looked
-/// at again and dispatched until no client waits, at most 16 times each, so that clients who come
-/// faster than they are accepted delay the others by a bounded time only. The wait is the look
-/// before a turn's first callback; each further one costs one system call, where there are
-/// listening sockets.
+/// A listening socket queues only one client, and a full queue costs the next one a whole second:
+/// listening sockets are dispatched first. Between any two other callbacks they are polled again
+/// and dispatched until no client waits, at most 16 times each, so that clients that connect faster
+/// than they are accepted delay the others by a bounded time only. The wait of a turn is its first
+/// poll; each further one costs one system call, if there are listening sockets.
 ///
-/// Nothing that stays ready without progress may eat the processor: a watch whose callback returned
-/// false twice in a row rests for 100 ms each time.
+/// A descriptor that stays ready without progress must not use up the processor: a watch whose
+/// callback returned false twice in a row is paused for 100 ms each time.
 class EventLoop : public ThinRunner {
  public:
   /// `clock` must outlive the loop.
@@ -61,7 +59,7 @@ class EventLoop : public ThinRunner {
   struct Libev;
   struct Watch;
   using WatchPtr = std::shared_ptr<Watch>;  // never null
-  /// A watch that was ready when it was looked at; it may have been removed since.
+  /// A watch that was ready when it was polled; it may have been removed since.
   struct Ready {
     WatchPtr watch;
     unsigned flags;
@@ -74,16 +72,16 @@ class EventLoop : public ThinRunner {
   void dispatch(const Ready& ready);
   void dropClosed();
   void acceptWaiting();
-  std::vector<Ready> look(std::vector<WatchPtr> watches);
+  std::vector<Ready> pollNow(std::vector<WatchPtr> watches);
 
   const Clock& clock_;
-  TimerQueue timers_;  // those that end a rest included
+  TimerQueue timers_;  // including those that end a pause
   const std::unique_ptr<Libev> libev_;
   std::map<int, WatchPtr> watches_;
-  std::vector<WatchPtr> listeners_;  // those that do not rest
+  std::vector<WatchPtr> listeners_;  // those that are not paused
   std::vector<WatchPtr> unchecked_;  // started or dispatched since it was known to be open
   std::vector<Ready> ready_;         // found by the last wait, listeners first
-  bool looked_ = false;              // at the listeners since the last callback
+  bool polled_ = false;              // the listeners, since the last callback
 };
 
 /// The clock of the process's event loop; the system's while there is none.

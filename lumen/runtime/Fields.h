@@ -34,7 +34,7 @@ struct Field {
   Value value;
 };
 
-/// The fields of a message in insertion order. Keys are whole, type bits included.
+/// The fields of a message in insertion order. Keys are complete, type bits included.
 class message::Fields {
  public:
   using const_iterator = std::vector<Field>::const_iterator;
@@ -56,11 +56,11 @@ class message::Fields {
   std::vector<Field> fields_;
 };
 
-/// Whether a field serves the transport of a message and is no part of what the message says: the
-/// paths, the serial, the command, the error.
+/// Whether a field belongs to the transport of a message and not to its content: the paths, the
+/// serial, the command, the error.
 [[nodiscard]] bool isTransportField(uint32_t key);
 
-/// What `m` says: its fields but those of the transport.
+/// The content of `m`: its fields without those of the transport.
 [[nodiscard]] message withoutTransportFields(const message& m);
 
 /// Fails, naming the field, if `request` has a field that is not in `known`. Transport fields are

@@ -68,7 +68,7 @@ void Handler::notifyChange(uint32_t id, const message& config) {
   runtime().connection().notify(std::move(notification), cmd::changed, state_->number);
 }
 
-// A change that takes one back is told like any other: undoing it does the first again.
+// An undo is recorded like any other change: undoing it repeats the first one.
 void Handler::sendUndo(const message& /*request*/, const message& undo, const std::string& text) {
   message entry;
   entry.insert_u32_array(key::destination, {service::history});

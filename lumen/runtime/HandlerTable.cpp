@@ -32,7 +32,7 @@ void HandlerTable::subscribe(Handler& handler, uint32_t command,
   std::vector<Handler*>& subscribers = subscribers_[topic];
   if (std::find(subscribers.begin(), subscribers.end(), &handler) != subscribers.end()) return;
   subscribers.push_back(&handler);
-  if (subscribers.size() == 1) tellBroker(broker::cmd::subscribe, topic, handler);
+  if (subscribers.size() == 1) sendToBroker(broker::cmd::subscribe, topic, handler);
 }
 
 void HandlerTable::unsubscribe(Handler& handler, uint32_t command,
@@ -42,7 +42,7 @@ void HandlerTable::unsubscribe(Handler& handler, uint32_t command,
   if (found == subscribers_.end() || std::erase(found->second, &handler) == 0) return;
   if (!found->second.empty()) return;
   subscribers_.erase(found);
-  tellBroker(broker::cmd::unsubscribe, topic, handler);
+  sendToBroker(broker::cmd::unsubscribe, topic, handler);
 }
 
 void HandlerTable::dispatch(const message& m) {
@@ -59,7 +59,7 @@ void HandlerTable::dispatch(const message& m) {
   if (found == subscribers_.end()) return;
   const std::vector<Handler*> subscribers = found->second;
   for (Handler* handler : subscribers) {
-    // One that was called before may have ended this one's subscription, or its life.
+    // A handler called before may have ended this one's subscription, or destroyed it.
     const auto now = subscribers_.find(topic);
     if (now == subscribers_.end()) return;
     if (std::find(now->second.begin(), now->second.end(), handler) == now->second.end()) continue;
@@ -72,7 +72,7 @@ std::optional<uint32_t> HandlerTable::takeAnswer() {
 }
 
 void HandlerTable::noteUndo(uint32_t number, const message& undo) {
-  // What is changed for another reason than a request, an undo among them, is waited for by none.
+  // No requester waits for a change that has another reason, such as an undo.
   if (!current_) return;
   undos_.push_back({*current_, number, undo});
   if (undos_.size() > maxUndos) undos_.pop_front();
@@ -85,7 +85,7 @@ void HandlerTable::undo(uint32_t serial) {
     changes.push_back(std::move(change));
     return true;
   });
-  // In reverse: the one before was made on the state that the next one found.
+  // In reverse order: each change was made on top of the ones before it.
   for (auto change = changes.rbegin(); change != changes.rend(); ++change) {
     const auto found = handlers_.find(change->number);
     if (found == handlers_.end()) continue;
@@ -104,7 +104,7 @@ message HandlerTable::answer(const message& request) {
   return found->second->dispatch(request, request.get_u32(key::command));
 }
 
-void HandlerTable::tellBroker(uint32_t command, const Topic& topic, Handler& handler) {
+void HandlerTable::sendToBroker(uint32_t command, const Topic& topic, Handler& handler) {
   message request;
   request.insert_u32_array(key::destination, {service::broker});
   request.insert_u32(broker::key::topicCommand, topic.first);

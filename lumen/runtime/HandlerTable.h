@@ -13,11 +13,11 @@
 
 namespace lm {
 
-/// A program's handlers by number and their subscriptions: where a message that arrives goes.
+/// A program's handlers by number, and their subscriptions. Dispatches the messages that arrive.
 class HandlerTable {
  public:
-  /// Of so many changes, the newest, it is known how to undo them. Only administrators change the
-  /// settings of programs, and each of them waits for one change at a time.
+  /// How many of the latest changes can be undone. Only administrators change the settings of
+  /// programs, and each of them waits for one change at a time.
   static constexpr size_t maxUndos = 64;
 
   /// `connection` must outlive the table.
@@ -32,16 +32,16 @@ class HandlerTable {
   void unsubscribe(Handler& handler, uint32_t command, const std::vector<uint32_t>& source);
 
   /// Calls the handler of a request and answers it, or the subscribers of a notification. Handlers
-  /// may come and go meanwhile. The broker's word that a request was cancelled after it had been
-  /// carried out undoes what that changed.
+  /// may come and go meanwhile. Undoes the changes of a request that the broker reports as
+  /// cancelled after it was carried out.
   void dispatch(const message& m);
 
   /// The request that is being dispatched has made a change in handler `number` that `undo`
   /// undoes; it carries its own command.
   void noteUndo(uint32_t number, const message& undo);
 
-  /// Leaves the answer to the request that is being dispatched to the caller. Returns the serial of
-  /// the request; none when it has been taken before, or a notification is dispatched.
+  /// Hands the answer to the request that is being dispatched over to the caller. Returns the
+  /// serial of the request; none when it has been taken before, or a notification is dispatched.
   [[nodiscard]] std::optional<uint32_t> takeAnswer();
 
  private:
@@ -53,7 +53,7 @@ class HandlerTable {
   };
 
   void undo(uint32_t serial);
-  void tellBroker(uint32_t command, const Topic& topic, Handler& handler);
+  void sendToBroker(uint32_t command, const Topic& topic, Handler& handler);
   [[nodiscard]] message answer(const message& request);
 
   Connection& connection_;

@@ -8,7 +8,7 @@
 namespace lm {
 namespace {
 
-/// What the transport fields, the cursor and the array's own key may take of a datagram.
+/// Room in a datagram for the transport fields, the cursor and the array's own key, in bytes.
 constexpr size_t roomForRest = 1024;
 
 }  // namespace

@@ -33,7 +33,7 @@ void PendingReply::send(message reply) {
   if (serial && runtime) runtime->connection().reply(*serial, std::move(reply));
 }
 
-/// The platform says the same to those whom a program that has ended did not answer.
+/// The broker sends the same error for a program that has ended.
 void PendingReply::fail() { send(refusal("service unavailable")); }
 
 }  // namespace lm

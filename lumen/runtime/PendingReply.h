@@ -7,21 +7,21 @@
 
 namespace lm {
 
-/// The answer to a request that is given after its dispatch has returned. Exactly one goes out:
-/// what `send` is given, or the error "service unavailable" when nothing was sent before the end.
-/// A handler that keeps some must be destroyed before the Looper: then whoever still waits is told.
+/// The answer to a request, to be sent after its dispatch has returned. Exactly one is sent: the
+/// argument of `send`, or the error "service unavailable" when this is destroyed before. A handler
+/// that holds some must be destroyed before the Looper, so that requesters still get that error.
 class PendingReply {
  public:
   /// Takes over the answer to the request that is being dispatched; what dispatch returns is
   /// dropped. To be called from inside dispatch, once. A notification has no answer: what is sent
-  /// then goes to nobody.
+  /// then is dropped.
   [[nodiscard]] static PendingReply take();
 
   PendingReply(PendingReply&& other) noexcept;
   PendingReply& operator=(PendingReply&& other) noexcept;
   ~PendingReply();
 
-  /// Answers. Does nothing when that has happened before. Waits for nobody.
+  /// Sends the answer, unless one was sent before. Never blocks.
   void send(message reply);
 
  private:

@@ -33,18 +33,26 @@ bool writeAll(int fd, std::string_view bytes) {
 }
 
 /// Reads at most one byte more than a record can have.
-bool readAll(int fd, std::string& bytes) {
-  bytes.resize(maxDatagram + 1);
+lumen::Result<std::string> readAll(int fd) {
+  std::string bytes(maxDatagram + 1, '\0');
   size_t length = 0;
   while (length < bytes.size()) {
     const ssize_t got = ::read(fd, bytes.data() + length, bytes.size() - length);
     if (got < 0 && errno == EINTR) continue;
-    if (got < 0) return false;
+    if (got < 0) return lumen::Failure{strerror(errno)};
     if (got == 0) break;
     length += static_cast<size_t>(got);
   }
   bytes.resize(length);
-  return true;
+  return bytes;
+}
+
+/// An empty file holds an empty message.
+lumen::Result<message> readRecord(int fd) {
+  const lumen::Result<std::string> bytes = readAll(fd);
+  if (!bytes) return bytes.failure();
+  if (bytes->empty()) return message();
+  return decode(*bytes);
 }
 
 /// Makes renames and removals in the directory survive a power failure.
@@ -123,15 +131,11 @@ std::vector<uint32_t> RecordDirectory::numbers() const {
 
 std::optional<message> RecordDirectory::read(uint32_t number) const {
   const std::string file = fileOf(number);
-  // Not to wait for ever should somebody have put a pipe there.
+  // O_NONBLOCK: a pipe in its place must not block.
   const Fd fd(open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-  std::string bytes;
-  if (!fd.valid() || !readAll(fd.get(), bytes)) {
-    if (errno != ENOENT) setAside(file, strerror(errno));
-    return std::nullopt;
-  }
-  if (bytes.empty()) return message();
-  lumen::Result<message> record = decode(bytes);
+  if (!fd.valid() && errno == ENOENT) return std::nullopt;
+  lumen::Result<message> record =
+      fd.valid() ? readRecord(fd.get()) : lumen::Failure{strerror(errno)};
   if (record) return std::move(*record);
   setAside(file, record.why());
   return std::nullopt;

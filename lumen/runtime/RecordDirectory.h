@@ -16,11 +16,11 @@ namespace lm {
 class RecordDirectory {
  public:
   /// The second half of a write or a removal: a record under a temporary name, where the next start
-  /// would remove it. What was not committed is taken back at the end of this object.
+  /// would remove it. Its destruction undoes what was not committed.
   class Pending {
    public:
-    /// The file `temporary`, if that is not empty, gets the name `committed` at `commit` and the
-    /// name `otherwise` without; no name: it is removed.
+    /// `commit` renames the file `temporary`, if that is not empty, to `committed`; destruction
+    /// without it renames it to `otherwise`. An empty name removes the file.
     Pending(std::string temporary, std::string committed, std::string otherwise,
             std::string directory);
     Pending(const Pending&) = delete;
@@ -45,7 +45,7 @@ class RecordDirectory {
   [[nodiscard]] std::vector<uint32_t> numbers() const;
 
   /// The record, or none. One that cannot be read or does not decode is renamed to
-  /// "<number>.broken", so that the next write of this number does not end it, and reported.
+  /// "<number>.broken", so that the next write of this number does not overwrite it, and logged.
   [[nodiscard]] std::optional<message> read(uint32_t number) const;
 
   /// The first half of a write; null when it failed, then nothing is left of it. There is at most

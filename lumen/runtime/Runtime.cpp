@@ -90,7 +90,7 @@ void Runtime::setupLeave(std::chrono::milliseconds delay) {
 
 void Runtime::turn(std::optional<std::chrono::milliseconds> limit) {
   watchConnection();
-  // Nothing wakes the loop for an end that an exchange has seen before it.
+  // The end of the connection wakes the loop only once, and an exchange may have seen it.
   loop_.turn(busy() || connection_.ended() ? 0ms : limit);
   if (const std::optional<message> m = connection_.take()) handlers_.dispatch(*m);
   if (leaveDue_) leave();
@@ -114,7 +114,7 @@ void Runtime::leave() {
     if (isError(reply)) logLine("platform: service ", serviceNumber, ": ", getError(reply));
     registered_ = false;
     for (size_t left = connection_.arrived(); left > 0; --left) {
-      // A request that is cancelled meanwhile leaves the row.
+      // A request that is cancelled meanwhile leaves the queue.
       if (const std::optional<message> m = connection_.take()) handlers_.dispatch(*m);
     }
   }
@@ -125,7 +125,7 @@ void Runtime::leave() {
   }
 }
 
-/// Watches for room to send only while something waits for it.
+/// Watches for room to send only while something is queued.
 void Runtime::watchConnection() {
   const unsigned wanted =
       connection_.ended() ? 0 : watchRead | (connection_.wantsToSend() ? watchWrite : 0);

@@ -17,7 +17,7 @@
 
 namespace lm {
 
-/// What stands behind a Looper: a clock, an event loop on it, and a connection to the other
+/// The implementation of a Looper: an event loop on a clock, and a connection to the other
 /// programs.
 class Runtime {
  public:
@@ -27,13 +27,14 @@ class Runtime {
   Runtime& operator=(const Runtime&) = delete;
   ~Runtime();
 
-  /// The real one: the system's clock and the platform's socket at `path`, which it waits for up to
-  /// `limit`. Takes over SIGTERM and SIGINT. When it cannot connect it logs why and exits with 1.
+  /// The runtime of a program: the system's clock and the platform's socket at `path`, which it
+  /// waits for up to `limit`. Takes over SIGTERM and SIGINT. When it cannot connect it logs why and
+  /// exits with 1.
   [[nodiscard]] static std::unique_ptr<Runtime> connect(
       const std::string& path = socketPath,
       std::chrono::milliseconds limit = std::chrono::seconds(5));
 
-  /// As Looper has them. A registration that is refused or not possible is fatal.
+  /// See Looper. A registration that fails is fatal.
   void addHandler(uint32_t number, Handler& handler);
   void run();
   void setupLeave(std::chrono::milliseconds delay);

@@ -18,7 +18,7 @@
 namespace lm {
 namespace {
 
-/// How long the platform may leave a connection waiting in its queue.
+/// How long a connection may wait in the platform's backlog.
 constexpr std::chrono::seconds connectLimit(5);
 
 /// Fills in `address`. A path that is too long for it is reached through its folder, `directory`,
@@ -76,7 +76,7 @@ Transport::Status SocketTransport::receive(std::string& datagram) {
     received = recv(socket_.get(), datagram.data(), datagram.size(), 0);
   } while (received < 0 && errno == EINTR);
   if (received < 0 && errno == EAGAIN) return Status::wouldBlock;
-  // Nobody sends an empty datagram, so 0 is the end.
+  // No program sends an empty datagram, so 0 is the end.
   if (received <= 0) return Status::ended;
   datagram.resize(static_cast<size_t>(received));
   return Status::done;

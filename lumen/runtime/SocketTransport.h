@@ -18,7 +18,7 @@ class SocketTransport : public Transport {
   /// `socket` is connected and does not block.
   explicit SocketTransport(Fd socket);
 
-  /// Connects to the socket at `path`, however long that is. Null, with errno set, when it cannot.
+  /// Connects to the socket at `path`, of any length. Null, with errno set, when that fails.
   [[nodiscard]] static std::unique_ptr<SocketTransport> connect(const std::string& path);
 
   [[nodiscard]] Status send(std::string_view datagram) override;

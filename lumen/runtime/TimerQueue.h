@@ -25,7 +25,7 @@ class TimerQueue {
   /// When the next timer comes due.
   [[nodiscard]] std::optional<Clock::Time> nextDue() const;
 
-  /// The number of timers added so far, to tell those that were added later.
+  /// The number of timers ever added, to recognise those that are added later.
   [[nodiscard]] uint64_t added() const { return added_; }
   /// Takes the first timer that is due at `now`, unless it was added after `added` was read.
   [[nodiscard]] std::optional<Timer> takeDue(Clock::Time now, uint64_t added);

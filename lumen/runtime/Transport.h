@@ -13,7 +13,7 @@ class Transport {
   enum class Status {
     done,
     wouldBlock,
-    ended,  ///< the connection is over, now and for ever
+    ended,  ///< the connection is over, permanently
   };
 
   Transport() = default;
@@ -23,7 +23,7 @@ class Transport {
 
   /// Sends one datagram as a whole. Never waits.
   [[nodiscard]] virtual Status send(std::string_view datagram) = 0;
-  /// Takes the next datagram; one that is longer than maxDatagram comes cut, but still too long.
+  /// Takes the next datagram; one that is longer than maxDatagram is cut, but stays too long.
   /// Never waits.
   [[nodiscard]] virtual Status receive(std::string& datagram) = 0;
   /// Waits at most `limit` until there is something to receive, or, if `toSend`, room to send. May
