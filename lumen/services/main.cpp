@@ -33,7 +33,7 @@ using lumen::Platform;
 using lumen::ServiceDefinition;
 namespace path = lumen::path;
 
-// Where a package keeps the ruleset, which its unit shows to lumend as path::natRuleset.
+// Where a package keeps the ruleset, which its unit binds to path::natRuleset.
 constexpr const char* packagedRuleset = "/etc/lumen/nat-ruleset.nft";
 
 constexpr unsigned forAll = 0755;

@@ -12,11 +12,11 @@
 
 namespace lumen {
 
-/// What was changed on this router lately, each with the message that takes it back. It survives
-/// the end of the process. The fields are in platform/wire/History.h.
+/// The latest changes of this router, each with the message that undoes it. They survive the end of
+/// the process. platform/wire/History.h describes the fields.
 class History : public LocalHandler {
  public:
-  /// How many changes are kept; the oldest goes when one more comes.
+  /// How many changes are kept; one more replaces the oldest.
   static constexpr size_t capacity = 100;
   static constexpr size_t longestText = 200;          ///< in bytes
   static constexpr size_t longestUndo = 64UL * 1024;  ///< in bytes on the wire

@@ -24,7 +24,7 @@ bool isIdentity(const std::string& text) {
 
 std::string makeIdentity() {
   std::array<unsigned char, digits / 2> bytes = {};
-  // So few bytes come whole, once the kernel has gathered enough randomness.
+  // The kernel returns so few bytes at once, after it has gathered enough entropy.
   while (getrandom(bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) {
   }
   std::string text;

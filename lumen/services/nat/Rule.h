@@ -23,7 +23,7 @@ struct Rule {
   RuleKey key;
   Endpoint client;          ///< where its packets go
   bool disabled = false;    ///< by its owner
-  bool closed = false;      ///< by the administrator, for good
+  bool closed = false;      ///< by the administrator, permanently
   uint64_t connection = 0;  ///< of its owner
   std::string owner;        ///< service name
   lm::Clock::Time addedAt;

@@ -37,7 +37,7 @@ std::optional<Number> toNumber(std::string_view text) {
   return number;
 }
 
-/// What the parser has found so far.
+/// What the parser collects.
 struct Reading {
   Settings settings;
   Result<void> outcome;

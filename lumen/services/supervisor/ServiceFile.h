@@ -44,7 +44,7 @@ struct ServiceDefinition {
   std::optional<NetworkGrant> network;  // none: the file does not say, which grants nothing
 };
 
-/// Where the names of users and groups come from.
+/// Looks up users and groups by name.
 class UserDatabase {
  public:
   struct User {

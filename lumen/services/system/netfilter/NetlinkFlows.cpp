@@ -167,7 +167,7 @@ class Dump {
 
 }  // namespace
 
-/// A sweep under way. It ends by telling its sweeper, which may start the next one from there.
+/// A sweep under way. At its end it notifies its sweeper, which may start the next one from there.
 class NetlinkFlows::Sweep {
  public:
   Sweep(NetlinkFlows& flows, const Request& request, std::set<Endpoint> destinations,
@@ -202,7 +202,7 @@ class NetlinkFlows::Sweep {
     nfct_copy(name.get(), conntrack, NFCT_CP_ORIG);
     Request request(IPCTNL_MSG_CT_DELETE, NLM_F_ACK);
     nfct_nlmsg_build(request.header(), name.get());
-    // Not another flow between the same ends that began meanwhile.
+    // Not another flow between the same endpoints that began meanwhile.
     mnl_attr_put_u32(request.header(), CTA_ID, htonl(nfct_get_attr_u32(conntrack, ATTR_ID)));
 
     alignas(nlmsghdr) char answer[1024];

@@ -15,7 +15,7 @@ class NetlinkFlows : public Flows {
   NetlinkFlows();
   NetlinkFlows(const NetlinkFlows&) = delete;
   NetlinkFlows& operator=(const NetlinkFlows&) = delete;
-  /// Ends a sweep that is under way, without telling its sweeper.
+  /// Ends a sweep that is under way, without notifying its sweeper.
   ~NetlinkFlows() override;
 
   void sweepUdp(const std::set<Endpoint>& destinations, Sweeper& sweeper) override;

@@ -11,8 +11,8 @@ class Nftables {
  public:
   virtual ~Nftables() = default;
 
-  /// Does all commands in one transaction, or none of them. Returns what they print; a failure is
-  /// in the words of nft, of several lines.
+  /// Runs all commands in one transaction, or none of them. Returns what they print; a failure is
+  /// nft's own text of several lines.
   [[nodiscard]] virtual Result<std::string> run(const std::string& commands) = 0;
 
   /// The same with the commands of the file `path`.

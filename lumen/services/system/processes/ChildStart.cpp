@@ -49,7 +49,7 @@ void resetSignals(const ChildStart& start) {
   if (sigprocmask(SIG_SETMASK, &none, nullptr) != 0) fail(start, "signal mask");
 }
 
-// Moves first what lies where the other one belongs.
+// Duplicates both first: one may lie where the other belongs.
 void arrangeDescriptors(const ChildStart& start) {
   if (start.output >= 0 &&
       (dup2(start.output, STDOUT_FILENO) < 0 || dup2(start.output, STDERR_FILENO) < 0)) {

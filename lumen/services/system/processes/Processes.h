@@ -16,7 +16,7 @@ struct Program {
   std::string lockFile;    ///< held by the process as long as it lives, made when missing
 };
 
-/// The processes of this system, as far as the supervisor touches them.
+/// Starts and ends processes, for the supervisor.
 class Processes {
  public:
   /// Is notified of the end of processes.
