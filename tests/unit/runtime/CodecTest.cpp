@@ -115,10 +115,10 @@ class Invalid : public testing::TestWithParam<Reject> {};
 // Promise: An empty datagram is no message: `empty`.
 // Promise: A key that is cut off, or has no value after it, is no message: `truncated`.
 // Promise: A number that is cut off is no message: `truncated`.
-// Promise: A string whose length goes beyond the datagram is refused before memory is taken for it:
-// `truncated`.
-// Promise: An array whose count goes beyond the datagram is refused before memory is taken for it:
-// `truncated`.
+// Promise: A string whose length goes beyond the datagram is refused before memory is allocated for
+// it: `truncated`.
+// Promise: An array whose count goes beyond the datagram is refused before memory is allocated for
+// it: `truncated`.
 // Promise: A message in a message that is cut off, or whose value goes beyond its end, is refused:
 // `truncated`.
 // Promise: Bytes after the last field make the datagram no message: `truncated`.
@@ -126,11 +126,10 @@ class Invalid : public testing::TestWithParam<Reject> {};
 // an array too: `bool neither 0 nor 1`.
 // Promise [msg-twice]: A key that comes twice makes the datagram no message, at any depth: `key
 // twice: 0x08000001`.
-// Promise [msg-type]: A type that there is not makes the datagram no message: `unknown type:
-// 0x18000001`.
+// Promise [msg-type]: An unknown type makes the datagram no message: `unknown type: 0x18000001`.
 TEST_P(Invalid, IsRefusedWithItsReason) {
   EXPECT_EQ(decodedText(bytes(GetParam().hex)), std::string("refused: ") + GetParam().reason);
-  // The next right one works.
+  // The next valid one works.
   EXPECT_EQ(decodedText(bytes("08000001 00000007")), "{u32 0x1=7}");
 }
 
@@ -255,7 +254,7 @@ std::chrono::nanoseconds costOfDecoding(uint32_t fields) {
 // Promise [msg-cost]: Decoding a datagram of many small fields takes little more than linear time.
 TEST(Codec, DecodesManySmallFieldsInLittleMoreThanLinearTime) {
   const uint32_t most = maxDatagram / 5;
-  // Comparing each key with each other would take 64 times as long.
+  // Comparing every pair of keys would take 64 times as long.
   EXPECT_LT(costOfDecoding(most), 24 * costOfDecoding(most / 8) + std::chrono::milliseconds(1));
 }
 

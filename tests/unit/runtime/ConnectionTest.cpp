@@ -118,8 +118,8 @@ TEST_F(ConnectionTest, ACallFailsOnlyWhenThereIsNoReply) {
   EXPECT_EQ(lumen::whyNot(connection_.call(request(7), 1, 60s)), "connection ended");
 }
 
-// Promise [exchange-late]: A reply that comes after the limit is dropped, and never taken for that
-// of the next request.
+// Promise [exchange-late]: A reply that comes after the limit is dropped, and never taken for the
+// reply to the next request.
 TEST_F(ConnectionTest, AReplyThatComesTooLateIsDropped) {
   EXPECT_TRUE(isError(connection_.exchange(request(7), 1, 1ms)));
   platformSends(reply(1, 41));
@@ -181,9 +181,9 @@ TEST_F(ConnectionTest, OnlyTheBrokerCancels) {
   EXPECT_EQ(takes(), describe(first));
 }
 
-// Promise: Other messages that arrive while a program waits in an exchange are kept, and dispatched
-// afterwards in their order.
-TEST_F(ConnectionTest, WhatArrivesDuringAnExchangeIsKeptInOrder) {
+// Promise: Other messages that arrive while a program waits in an exchange are queued, and
+// dispatched afterwards in their order.
+TEST_F(ConnectionTest, WhatArrivesDuringAnExchangeIsQueuedInOrder) {
   platformSends(notification(1));
   platformSends(notification(2));
   platformSends(reply(1, 42));
@@ -204,16 +204,16 @@ TEST_F(ConnectionTest, ExchangesFailAtOnceWhenThePlatformIsGone) {
   EXPECT_EQ(getError(connection_.exchange(request(7), 1, 60s)), "connection ended");
 }
 
-// Promise: What the platform sent before it went is still dispatched.
-TEST_F(ConnectionTest, WhatThePlatformSentBeforeItWentIsStillTaken) {
+// Promise: What the platform sent before it ended is still dispatched.
+TEST_F(ConnectionTest, WhatThePlatformSentBeforeItEndedIsStillReceived) {
   platformSends(notification(1));
   sockets_.peer.reset();
   EXPECT_TRUE(isError(connection_.exchange(request(7), 1, 60s)));
   EXPECT_EQ(takes(), describe(notification(1)));
 }
 
-// Promise: A datagram from the platform that is no message ends the program in good order, and the
-// log says why: `platform: invalid message: ` and the reason.
+// Promise: An invalid message from the platform ends the program normally, and the reason is
+// logged: `platform: invalid message: ` and the reason.
 TEST_F(ConnectionTest, ADatagramThatIsNoMessageEndsIt) {
   platformSends(std::string("\x18\0\0\x01", 4));
   platformSends(notification(1));
@@ -243,10 +243,9 @@ TEST_F(ConnectionTest, ARequestThatIsTooLongIsRefusedHere) {
   EXPECT_FALSE(connection_.ended());
 }
 
-// Promise: A request without interest in its reply and a notification that no datagram can hold are
-// not sent, which the log says: `platform: request 16646149 is too long`, `platform: notification
-// 16646155 is too long`.
-TEST_F(ConnectionTest, WhatNobodyWaitsForIsSaidInTheLogWhenItIsTooLong) {
+// Promise: A posted request and a notification that no datagram can hold are not sent, which is
+// logged: `platform: request 16646149 is too long`, `platform: notification 16646155 is too long`.
+TEST_F(ConnectionTest, APostOrNotificationThatIsTooLongIsLogged) {
   message m = request(7);
   m.insert_string(2, std::string(maxDatagram, 'x'));
   const test::LogCapture log;
@@ -262,7 +261,7 @@ TEST_F(ConnectionTest, WhatNobodyWaitsForIsSaidInTheLogWhenItIsTooLong) {
 // Promise: A notification carries its source path and its command, and no serial.
 // Promise: Subscribing, notifying and handing an undo message to the history do not wait, and the
 // replies to them are dropped.
-TEST_F(ConnectionTest, PostingAndNotifyingWaitForNobody) {
+TEST_F(ConnectionTest, PostingAndNotifyingNeverBlock) {
   connection_.post(request(7), cmd::addObject, 0);
   connection_.notify(request(8), cmd::changed, 2);
   EXPECT_EQ(platformReceives(),
@@ -272,7 +271,7 @@ TEST_F(ConnectionTest, PostingAndNotifyingWaitForNobody) {
             "{u32[] 0xff0001=[20 5], u32 0x1=8, u32[] 0xff0002=[0 2], u32 0xff0007=16646155}");
 }
 
-TEST_F(ConnectionTest, SaysNothingToAPlatformThatIsGone) {
+TEST_F(ConnectionTest, SendsNothingToAPlatformThatIsGone) {
   sockets_.peer.reset();
   connection_.progress();
   const test::LogCapture log;
@@ -283,7 +282,7 @@ TEST_F(ConnectionTest, SaysNothingToAPlatformThatIsGone) {
   EXPECT_FALSE(connection_.wantsToSend());
 }
 
-TEST_F(ConnectionTest, SendsLaterWhatTheSystemHasNoRoomForNow) {
+TEST_F(ConnectionTest, QueuesWhatTheSystemHasNoRoomFor) {
   for (const int error : {ENOBUFS, ENOMEM}) {
     whileRefused({SCMP_SYS(sendto)}, error,
                  [this] { connection_.notify(request(8), cmd::changed, 2); });
@@ -299,7 +298,7 @@ TEST_F(ConnectionTest, WhatWasNotSentInTimeTakesNoRoom) {
   message large = request(7);
   large.insert_string(2, std::string(100'000, 'x'));
   whileRefused({SCMP_SYS(sendto)}, ENOBUFS, [&] {
-    // More than 4 MiB together, which may not wait.
+    // More than 4 MiB together, which may not be queued.
     for (int i = 0; i < 50; ++i) {
       EXPECT_EQ(getError(connection_.exchange(large, 1, 0ms)), "no answer in time");
     }
@@ -340,7 +339,7 @@ TEST_F(ConnectionTest, AnAnswerThatIsTooLongBecomesAnError) {
 
 class SlowPlatform : public ConnectionTest {
  protected:
-  /// Fills the socket until something has to wait.
+  /// Fills the socket until something is queued.
   int fill() {
     message m = request(7);
     m.insert_string(2, std::string(50'000, 'x'));
@@ -363,7 +362,7 @@ class SlowPlatform : public ConnectionTest {
 
 // Promise: A program queues what a slow platform does not read, and sends it in order once there is
 // room.
-TEST_F(SlowPlatform, GetsEverythingInTheEnd) {
+TEST_F(SlowPlatform, EventuallyGetsEverything) {
   int sent = fill();
   connection_.notify(message(), cmd::changed, 0);
   ++sent;
@@ -372,14 +371,14 @@ TEST_F(SlowPlatform, GetsEverythingInTheEnd) {
   EXPECT_FALSE(connection_.wantsToSend());
 }
 
-// Promise: A request that still waits for room when its sender gives up is never sent.
+// Promise: A request that is still queued when its sender gives up is never sent.
 TEST_F(SlowPlatform, DoesNotGetARequestWhoseSenderHasGivenUp) {
   const int sent = fill();
   EXPECT_EQ(getError(connection_.exchange(request(8), 1, 20ms)), "no answer in time");
   EXPECT_EQ(drain(), sent);
 }
 
-// Promise [exchange-unread]: When more than 4 MiB wait for the platform the program gives the
+// Promise [exchange-unread]: When more than 4 MiB are queued for the platform the program gives the
 // connection up: `platform: does not read`.
 TEST_F(SlowPlatform, IsGivenUpWhenTooMuchWaits) {
   fill();
@@ -395,7 +394,7 @@ TEST_F(SlowPlatform, IsGivenUpWhenTooMuchWaits) {
 
 class PlatformSocket : public testing::Test {
  protected:
-  /// Listens at `name` in `directory`, however long its path is.
+  /// Listens at `name` in `directory`, whose path may have any length.
   static Fd listenAt(const std::string& directory, const std::string& name) {
     Fd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
     sockaddr_un address{};
@@ -412,7 +411,7 @@ class PlatformSocket : public testing::Test {
   test::TempDir dir_;
 };
 
-// Promise: A socket is reached however long its path is.
+// Promise: A socket is reached whatever the length of its path.
 TEST_F(PlatformSocket, IsConnectedByPath) {
   const Fd listener = listenAt(dir_.path(), "lumen.sock");
   ASSERT_TRUE(listener.valid());
@@ -429,7 +428,7 @@ TEST_F(PlatformSocket, MayHaveALongPath) {
 }
 
 // Promise: When a socket cannot be reached, the system's error text is reported.
-TEST_F(PlatformSocket, ThatIsMissingIsSaidWithItsError) {
+TEST_F(PlatformSocket, ThatIsMissingIsReportedWithItsError) {
   EXPECT_FALSE(SocketTransport::connect(dir_.file("lumen.sock")));
   EXPECT_EQ(errno, ENOENT);
   EXPECT_FALSE(SocketTransport::connect(dir_.file(std::string(200, 'd') + "/lumen.sock")));
@@ -438,7 +437,7 @@ TEST_F(PlatformSocket, ThatIsMissingIsSaidWithItsError) {
   EXPECT_EQ(errno, ENAMETOOLONG);
 }
 
-TEST_F(PlatformSocket, ThatTheSystemRefusesIsSaidWithItsError) {
+TEST_F(PlatformSocket, ThatTheSystemRefusesIsReportedWithItsError) {
   const Fd listener = listenAt(dir_.path(), "lumen.sock");
   for (const RefusedCall& call :
        {RefusedCall{SCMP_SYS(socket)}, RefusedCall{SCMP_SYS(fcntl), F_SETFL, O_NONBLOCK}}) {
@@ -449,7 +448,7 @@ TEST_F(PlatformSocket, ThatTheSystemRefusesIsSaidWithItsError) {
   }
 }
 
-TEST_F(PlatformSocket, ThatNobodyListensAtIsSaidWithItsError) {
+TEST_F(PlatformSocket, WithoutAListenerIsReportedWithItsError) {
   (void)listenAt(dir_.path(), "lumen.sock");
   EXPECT_FALSE(SocketTransport::connect(dir_.file("lumen.sock")));
   EXPECT_EQ(errno, ECONNREFUSED);

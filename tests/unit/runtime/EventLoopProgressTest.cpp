@@ -69,7 +69,7 @@ class Listeners : public test::LoopTest {
 };
 
 // Promise [loop-listeners]: Listening sockets are called before all other watches.
-TEST_F(Listeners, AreLookedAtFirst) {
+TEST_F(Listeners, AreDispatchedFirst) {
   watch("a", a_.ours.get());
   acceptingWatch();
   test::writeText(a_.peer.get(), "x");
@@ -78,9 +78,9 @@ TEST_F(Listeners, AreLookedAtFirst) {
   EXPECT_EQ(calls(), (Names{"listener", "a"}));
 }
 
-// Promise [loop-between]: Listening sockets are looked at again between any two other callbacks, of
+// Promise [loop-between]: Listening sockets are polled again between any two other callbacks, of
 // watches and of timers.
-TEST_F(Listeners, AreLookedAtBetweenAnyTwoOtherCallbacks) {
+TEST_F(Listeners, ArePolledBetweenAnyTwoOtherCallbacks) {
   acceptingWatch();
   for (SocketPair* pair : {&a_, &b_}) {
     watch("other", pair->ours.get()).then = [this] { clientConnects(); };
@@ -95,9 +95,9 @@ TEST_F(Listeners, AreLookedAtBetweenAnyTwoOtherCallbacks) {
 }
 
 // Promise [loop-accepts]: A listening socket whose callback accepts is called as often as clients
-// wait, between two other callbacks at most 16 times, so that clients who come without end delay
+// wait, between two other callbacks at most 16 times, so that an endless stream of clients delays
 // the others by a bounded time.
-TEST_F(Listeners, AreNotHeldUpWhileTheirCallbackAccepts) {
+TEST_F(Listeners, AreNotSlowedWhileTheirCallbackAccepts) {
   acceptingWatch();
   for (int i = 0; i < 10; ++i) clientConnects();
   turns(10);
@@ -128,7 +128,7 @@ TEST_F(Listeners, DelayOthersByABoundedNumberOfClients) {
   EXPECT_EQ(calls(), (Names{"listener", "other"}));
 }
 
-TEST_F(Listeners, AreToldThatTheyCanBeRead) {
+TEST_F(Listeners, AreReportedAsReadable) {
   Probe& p = acceptingWatch();
   clientConnects();
   turn();
@@ -151,7 +151,7 @@ TEST_F(Listeners, ThatAcceptNothingAreDispatchedTenTimesASecond) {
 }
 
 // Also proves [loop-idle-listener].
-TEST_F(Listeners, ThatRestAreNotLookedAtBetweenOthers) {
+TEST_F(Listeners, ThatArePausedAreNotPolledBetweenOthers) {
   failingWatch();
   clientConnects();
   turns(2);
@@ -164,8 +164,8 @@ TEST_F(Listeners, ThatRestAreNotLookedAtBetweenOthers) {
   EXPECT_EQ(calls(), (Names{"other", "other"}));
 }
 
-// Promise: Beside the wait a turn makes at most one system call of its own, and one for each
-// callback but the first where there are listening sockets.
+// Promise: Beside the wait a turn makes at most one system call itself, and one for each callback
+// but the first if there are listening sockets.
 TEST_F(Listeners, CostASystemCallForEachCallbackButTheFirst) {
   acceptingWatch();
   const auto pollsInATurn = [this] {
@@ -238,8 +238,8 @@ class Peers : public test::LoopTest {
 };
 
 // Promise [loop-closed-peer]: A watch that its owner keeps although the peer has closed is called
-// at once the first time, then at most ten times a second. Its callback says that there was nothing
-// to take: the loop does not guess.
+// at once the first time, then at most ten times a second. Its callback reports that there was
+// nothing to take: the loop does not guess.
 TEST_F(Peers, ThatAreGoneDoNotKeepTheLoopBusy) {
   watch("a", pair_.ours.get()).progress = false;
   pair_.peer.reset();
@@ -253,7 +253,7 @@ TEST_F(Peers, ThatAreGoneDoNotKeepTheLoopBusy) {
 }
 
 // Promise: One call that took nothing does not slow a watch down.
-TEST_F(Peers, AreSeenAtOnceWhileTheirOwnerMakesProgress) {
+TEST_F(Peers, AreDispatchedAtOnceWhileTheirOwnerMakesProgress) {
   Probe& p = watch("a", pair_.ours.get());
   p.then = [&p] { p.progress = !p.progress; };
   pair_.peer.reset();
@@ -262,7 +262,7 @@ TEST_F(Peers, AreSeenAtOnceWhileTheirOwnerMakesProgress) {
 }
 
 // Promise: A watch that is slowed may be removed or replaced.
-TEST_F(Peers, ThatRestAreForgottenWithTheirWatch) {
+TEST_F(Peers, ThatArePausedAreForgottenWithTheirWatch) {
   watch("a", pair_.ours.get()).progress = false;
   pair_.peer.reset();
   turns(5);
@@ -274,7 +274,7 @@ TEST_F(Peers, ThatRestAreForgottenWithTheirWatch) {
   EXPECT_EQ(calls(), Names{});
 }
 
-TEST_F(Peers, AreForgottenWhenTheirWatchEndsItselfInsteadOfResting) {
+TEST_F(Peers, AreForgottenWhenTheirWatchEndsItselfInsteadOfPausing) {
   Probe& p = watch("a", pair_.ours.get());
   p.progress = false;
   pair_.peer.reset();
@@ -284,7 +284,7 @@ TEST_F(Peers, AreForgottenWhenTheirWatchEndsItselfInsteadOfResting) {
   EXPECT_EQ(loop_.nextDue(), std::nullopt);
 }
 
-TEST_F(Peers, DoNotRestAnyMoreOnceTheirWatchIsReplaced) {
+TEST_F(Peers, AreNoLongerPausedOnceTheirWatchIsReplaced) {
   watch("a", pair_.ours.get()).progress = false;
   pair_.peer.reset();
   turns(5);
@@ -295,7 +295,7 @@ TEST_F(Peers, DoNotRestAnyMoreOnceTheirWatchIsReplaced) {
 }
 
 // Also proves [loop-closed-peer].
-TEST_F(Peers, OfAnOwnerWhoSaysNothingAreNotSlowed) {
+TEST_F(Peers, OfAnOwnerThatReturnsNothingAreNotSlowed) {
   struct Silent {
     void ready(int) { ++calls; }
     int calls = 0;
@@ -308,7 +308,7 @@ TEST_F(Peers, OfAnOwnerWhoSaysNothingAreNotSlowed) {
 
 class ClosedDescriptors : public test::LoopTest {
  protected:
-  /// Whether a turn waits as long as it may, which it cannot when the kernel reports something.
+  /// Whether a turn waits until its limit, which it does not when the kernel reports something.
   bool isQuiet() {
     loop_.turn(0ms);
     const auto start = std::chrono::steady_clock::now();
@@ -331,7 +331,7 @@ TEST_F(ClosedDescriptors, ThatAreStillWatchedAreQuiet) {
 
 // Promise [loop-closed]: A descriptor that was closed while watched is reported once: `event loop:
 // descriptor 7 was closed while watched`.
-TEST_F(ClosedDescriptors, AreSaidInTheLogOnce) {
+TEST_F(ClosedDescriptors, AreLoggedOnce) {
   const Fd elsewhere(dup(pair_.ours.get()));
   const std::string number = std::to_string(pair_.ours.get());
   watch("closed", pair_.ours.get());
@@ -392,7 +392,7 @@ TEST_F(ClosedDescriptors, GiveTheirNumberToOthers) {
   EXPECT_EQ(calls(), Names{"other"});
 }
 
-TEST_F(ClosedDescriptors, ThatSomebodyElseHoldsOpenDoNotKeepTheLoopBusy) {
+TEST_F(ClosedDescriptors, ThatAnotherProcessHoldsOpenDoNotKeepTheLoopBusy) {
   const Fd elsewhere(dup(pair_.ours.get()));  // as a child process would
   watch("closed", pair_.ours.get());
   turn();
@@ -406,7 +406,7 @@ TEST_F(ClosedDescriptors, ThatSomebodyElseHoldsOpenDoNotKeepTheLoopBusy) {
   EXPECT_TRUE(isQuiet());
 }
 
-TEST_F(ClosedDescriptors, ThatSomebodyElseHoldsOpenAreQuietOnceRemoved) {
+TEST_F(ClosedDescriptors, ThatAnotherProcessHoldsOpenAreQuietOnceRemoved) {
   const Fd elsewhere(dup(pair_.ours.get()));
   const int number = pair_.ours.get();
   watch("closed", number);

@@ -40,7 +40,7 @@ TEST_F(Timers, FireOnceAtTheirTimeInOrder) {
 }
 
 // Promise: Starting a pending timer replaces its delay.
-TEST_F(Timers, AddingAPendingOneSetsItsDelayAnew) {
+TEST_F(Timers, AddingAPendingOneRestartsItsDelay) {
   Probe& p = timer("t", 10);
   clock_.advance(90ms);
   startTimer(p, 10);
@@ -96,7 +96,7 @@ TEST_F(Timers, EndAWaitThatMayTakeLonger) {
 
 // Promise [timer-look]: A timer that falls due while callbacks run waits until descriptors were
 // looked at once more, so that a limit does not end what has arrived in time.
-TEST_F(Timers, ThatFallDueWhileCallbacksRunWaitForALookAtTheDescriptors) {
+TEST_F(Timers, ThatFallDueWhileCallbacksRunWaitUntilDescriptorsArePolled) {
   const SocketPair quick(SOCK_STREAM);
   const SocketPair slow(SOCK_STREAM);
   Probe& limit = timer("limit", 1000);
@@ -114,7 +114,7 @@ TEST_F(Timers, ThatFallDueWhileCallbacksRunWaitForALookAtTheDescriptors) {
   EXPECT_EQ(calls(), (Names{"slow", "quick"})) << "the request came in time";
 }
 
-TEST_F(Timers, ThatFallDueWhileTimersRunWaitForALookAtTheDescriptors) {
+TEST_F(Timers, ThatFallDueWhileTimersRunWaitUntilDescriptorsArePolled) {
   const SocketPair quick(SOCK_STREAM);
   timer("slow", 0).then = [&] {
     clock_.advance(10s);
@@ -126,7 +126,7 @@ TEST_F(Timers, ThatFallDueWhileTimersRunWaitForALookAtTheDescriptors) {
   EXPECT_EQ(calls(), (Names{"slow", "quick", "limit"}));
 }
 
-/// Time passes when it is read for the second time, as it does for a process that was stopped.
+/// Time passes when it is read for the second time, as for a process that was stopped.
 struct StoppedClock : ManualClock {
   [[nodiscard]] Time now() const override {
     if (++reads == 2 && then) then();
@@ -137,7 +137,7 @@ struct StoppedClock : ManualClock {
 };
 
 // Promise: The same holds when the process was stopped or the machine suspended.
-TEST(StoppedProcess, LooksAtTheDescriptorsBeforeTheTimersThatFellDueMeanwhile) {
+TEST(StoppedProcess, PollsDescriptorsBeforeTheTimersThatFellDueMeanwhile) {
   StoppedClock clock;
   EventLoop loop(clock);
   const SocketPair pair(SOCK_STREAM);
@@ -256,7 +256,7 @@ TEST_F(Watches, CallBackInTheOrderInWhichTheirDescriptorsBecameReady) {
 }
 
 // Promise: The callback of a watch gets those of its conditions that are met.
-TEST_F(Watches, TellWhichConditionIsMet) {
+TEST_F(Watches, ReportWhichConditionIsMet) {
   Probe& p = watch("a", a_.ours.get(), watchRead | watchWrite);
   turn();
   EXPECT_EQ(p.flags, watchWrite);
@@ -265,7 +265,7 @@ TEST_F(Watches, TellWhichConditionIsMet) {
   EXPECT_EQ(p.flags, watchRead | watchWrite);
 }
 
-TEST_F(Watches, OnlyTheConditionsThatWereAskedForCount) {
+TEST_F(Watches, OnlyTheirOwnConditionsCount) {
   watch("a", a_.ours.get(), watchRead);
   turn();
   EXPECT_EQ(calls(), Names{});

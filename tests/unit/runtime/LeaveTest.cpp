@@ -83,7 +83,7 @@ TEST_F(Leave, IsCalledOffByADelayOfZero) {
 }
 
 // Promise [leave-off]: Another leave delay postpones the leave, a delay of 0 cancels it.
-TEST_F(Leave, IsPutOffByANewDelay) {
+TEST_F(Leave, IsPostponedByANewDelay) {
   looper_.setupLeave(1000);
   platform_.advance(990ms);
   looper_.setupLeave(1000);
@@ -107,7 +107,7 @@ TEST_F(Leave, AnswersWhatArrivedBeforeTheUnregistrationDid) {
 
 // Promise: When a request that arrives before the answer to the unregistration cancels the leave,
 // or delays it, the program registers again and stays.
-TEST_F(Leave, StaysAndRegistersAgainWhenSuchARequestCallsItOff) {
+TEST_F(Leave, IsUndoneByRegisteringAgainWhenSuchARequestCallsItOff) {
   requestCrossesTheUnregistration();
   daemon_.then = [this] { looper_.setupLeave(0); };
   looper_.setupLeave(1000);
@@ -117,7 +117,7 @@ TEST_F(Leave, StaysAndRegistersAgainWhenSuchARequestCallsItOff) {
   EXPECT_TRUE(platform_.replyTo(serial_));
 }
 
-TEST_F(Leave, ThatSuchARequestPutsOffComesLater) {
+TEST_F(Leave, ThatSuchARequestPostponesComesLater) {
   requestCrossesTheUnregistration();
   daemon_.then = [this] { looper_.setupLeave(500); };
   looper_.setupLeave(1000);
@@ -129,7 +129,7 @@ TEST_F(Leave, ThatSuchARequestPutsOffComesLater) {
   EXPECT_EQ(sentCommands(), (Commands{unregisterServices, registerServices, unregisterServices}));
 }
 
-TEST_F(Leave, DoesNotTakeWhatArrivedAfterTheAnswer) {
+TEST_F(Leave, LeavesRequestsThatArriveAfterTheAnswer) {
   platform_.onRequest({0}, unregisterServices, [this](const message&) {
     serial_ = platform_.postRequest(0, 77);
     return message();
@@ -142,7 +142,7 @@ TEST_F(Leave, DoesNotTakeWhatArrivedAfterTheAnswer) {
   EXPECT_EQ(daemon_.commands, Commands{77});
 }
 
-// Promise: A program leaves also when the unregistration is not answered, and says so: `platform:
+// Promise: A program leaves even if the unregistration is not answered, which is logged: `platform:
 // service 40: no answer in time`.
 TEST_F(Leave, HappensEvenIfThePlatformDoesNotAnswer) {
   platform_.ignore({0}, unregisterServices);
@@ -154,7 +154,7 @@ TEST_F(Leave, HappensEvenIfThePlatformDoesNotAnswer) {
 }
 
 // Promise: Exchanges still work after the loop.
-TEST_F(Leave, LetsExchangesGoOnAfterwards) {
+TEST_F(Leave, LetsExchangesContinueAfterwards) {
   looper_.setupLeave(1000);
   platform_.advance(1s);
   looper_.run();

@@ -14,15 +14,15 @@
 
 namespace lm::test {
 
-/// An event loop on a clock that the test moves, with callbacks that note their names.
+/// An event loop on a clock that the test moves, with callbacks that record their names.
 class LoopTest : public testing::Test {
  protected:
-  /// Something that waits for a descriptor or a timer; `then` is done when it is called.
+  /// Waits for a descriptor or a timer; `then` runs when it is called.
   struct Probe {
     std::string name;
     std::vector<std::string>* calls = nullptr;
     std::function<void()> then;
-    bool progress = true;  // what it tells the loop
+    bool progress = true;  // what it returns to the loop
     unsigned flags = 0;    // of the last call
 
     bool ready(int, unsigned readyFlags) {

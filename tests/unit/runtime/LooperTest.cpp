@@ -41,10 +41,10 @@ message requestTo(const test::Path& path) {
   return m;
 }
 
-/// In a death test: what is logged is what the test is matched against.
+/// In a death test the log is matched.
 void showLog() { dup2(STDERR_FILENO, STDOUT_FILENO); }
 
-/// Notes what it is asked and answers with its number.
+/// Records its requests and answers with its number.
 class Service : public Handler {
  public:
   message dispatch(const message& request, uint32_t command) override {
@@ -95,7 +95,7 @@ TEST_F(LooperTest, AnswersARequestToHandlerZeroWhenThePathNamesNone) {
   EXPECT_EQ(platform_.replyTo(9)->get_u32(1), 7U);
 }
 
-// Promise: A request to a handler that there is not, or not any more, is answered with `no such
+// Promise: A request to a handler that does not exist, or no longer, is answered with `no such
 // handler`.
 TEST_F(LooperTest, AnswersThatThereIsNoSuchHandler) {
   EXPECT_EQ(getError(platform_.request(5, cmd::get)), "no such handler");
@@ -111,7 +111,7 @@ TEST_F(LooperTest, AHandlerThatHasGoneIsNotAskedAgain) {
 }
 
 // Promise: A command that a handler does not know is answered with `unknown command`.
-TEST_F(LooperTest, AHandlerKnowsNoCommandByItself) {
+TEST_F(LooperTest, AHandlerRefusesEveryCommandByDefault) {
   service_.answers = false;
   for (uint32_t command : {cmd::list, cmd::get, cmd::set, cmd::addObject, 12345U}) {
     EXPECT_EQ(describe(platform_.request(0, command)),
@@ -128,7 +128,7 @@ TEST_F(LooperTest, RequestsThatArriveBeforeTheLoopRunsAreKept) {
 }
 
 // Promise: A handler gets the requests with its number in their path, and sends its own under it.
-TEST_F(LooperTest, ExchangesAsNobodyWhileAHandlerExchangesUnderItsNumber) {
+TEST_F(LooperTest, AProgramExchangesWithoutAHandlerNumberAndAHandlerUnderItsOwn) {
   Service third;
   looper_.addHandler(3, third);
   platform_.answer({20, 5}, cmd::addObject, number(9));
@@ -182,7 +182,7 @@ TEST_F(LooperTest, AnUnscriptedServiceDoesNotExist) {
 
 // Promise: A handler that subscribed gets the notifications of that command from that path, and no
 // other handler does.
-TEST_F(LooperTest, DispatchesNotificationsToWhoSubscribed) {
+TEST_F(LooperTest, DispatchesNotificationsToSubscribers) {
   Service second;
   looper_.addHandler(1, second);
   platform_.forgetSent();
@@ -214,7 +214,7 @@ TEST_F(LooperTest, UnsubscribesOnlyWhatIsSubscribed) {
 
 // Promise: The broker gets one subscription, however many handlers of a program subscribe, and its
 // end when the last one has ended.
-TEST_F(LooperTest, TellsTheBrokerOnceForTwoSubscribers) {
+TEST_F(LooperTest, SubscribesAtTheBrokerOnceForTwoSubscribers) {
   {
     Service second;
     looper_.addHandler(1, second);
@@ -230,7 +230,7 @@ TEST_F(LooperTest, TellsTheBrokerOnceForTwoSubscribers) {
   EXPECT_EQ(platform_.sentTo({0}, 0x12).size(), 1U) << "the second has gone";
 }
 
-// Promise: A handler may end while a notification is dispatched, also by another one's doing.
+// Promise: A handler may end while a notification is dispatched, even if another one ends it.
 TEST_F(LooperTest, ASubscriberMayEndTheOthersWhileANotificationIsDispatched) {
   auto second = std::make_unique<Service>();
   service_.subscribe(1, {20, 1});
@@ -308,7 +308,7 @@ TEST_F(LooperTest, LeavesWhenTheConnectionEndedBeforeItRan) {
   EXPECT_TRUE(platform_.stopped());
 }
 
-TEST_F(LooperTest, LeavesWhenTheOtherSideTalksNonsense) {
+TEST_F(LooperTest, LeavesWhenTheOtherSideSendsAnInvalidMessage) {
   platform_.deliverRaw("nonsense");
   looper_.run();
   EXPECT_TRUE(platform_.stopped());
@@ -370,8 +370,8 @@ TEST(RegistrationDeathTest, EndsTheProgramWhenItIsNotAnsweredInTime) {
               "platform: service 40: no answer in time");
 }
 
-// Promise [register-refused]: A program whose registration is refused says so, `platform: service
-// 40: already registered`, and ends with 1.
+// Promise [register-refused]: A program whose registration is refused logs `platform: service 40:
+// already registered` and ends with 1.
 TEST(RegistrationDeathTest, EndsTheProgramWhenItIsRefused) {
   TestPlatform platform;
   platform.refuse({0}, 0x10, "already registered");

@@ -92,7 +92,7 @@ class ObjectMap : public testing::Test {
   message read(uint32_t id) { return platform_.request(0, cmd::readObject, withId(id)); }
   message list() { return platform_.request(0, cmd::readAll); }
 
-  /// The sender of the request with that serial waits for it no longer.
+  /// The sender of the request with that serial gives it up.
   void giveUp(uint32_t serial) {
     message cancellation;
     cancellation.insert_u32(key::serial, serial);
@@ -180,8 +180,7 @@ TEST_F(ObjectMap, ListsItsObjectsPageByPage) {
   EXPECT_EQ(answer.get_u32(key::cursor), none);
 }
 
-// Promise: Reading, setting or removing an object that there is not is answered with `no such
-// object`.
+// Promise: Reading, setting or removing an unknown object is answered with `no such object`.
 TEST_F(ObjectMap, AnswersThatThereIsNoSuchObject) {
   EXPECT_EQ(getError(read(1)), "no such object");
   EXPECT_EQ(getError(set(1, "red")), "no such object");
@@ -230,7 +229,7 @@ TEST_F(ObjectMap, ARequestThatCarriesAnIdGetsIt) {
 // Promise [object-undo]: Each change of an object is handed to the history with the message that
 // undoes it: remove for an add, the old fields for a set, the whole record with its id for a
 // removal.
-TEST_F(ObjectMap, EveryChangeCanBeTakenBack) {
+TEST_F(ObjectMap, EveryChangeCanBeUndone) {
   add("red");
   EXPECT_EQ(undos(), Names{"lamp added {u32 0xff0007=16646150, u32 0xfe0001=1}"});
   set(1, "blue");
@@ -241,7 +240,7 @@ TEST_F(ObjectMap, EveryChangeCanBeTakenBack) {
                            "string 0x1=\"blue\", u32 0x2=10}"});
 }
 
-TEST_F(ObjectMap, AnObjectThatIsNotKeptCannotBeTakenBack) {
+TEST_F(ObjectMap, AChangeOfAnObjectThatIsNotStoredCannotBeUndone) {
   add("candle");
   set(1, "candle");
   remove(1);
@@ -250,7 +249,7 @@ TEST_F(ObjectMap, AnObjectThatIsNotKeptCannotBeTakenBack) {
   EXPECT_TRUE(lamps_.objects().empty());
 }
 
-TEST_F(ObjectMap, NobodyHearsOfAnObjectThatTellsNobody) {
+TEST_F(ObjectMap, AnObjectWithoutNotificationsIsNotNotified) {
   add("black");
   set(1, "black");
   remove(1);
@@ -274,7 +273,7 @@ TEST_F(ObjectMap, AnUndoneRemovalComesBackAsItWas) {
 
 // Promise [object-notify]: Each change of an object is notified to subscribers with its record, a
 // removal with `0xfe0013` = 1 in it.
-TEST_F(ObjectMap, SubscribersHearOfEveryChange) {
+TEST_F(ObjectMap, SubscribersAreNotifiedOfEveryChange) {
   add("red");
   EXPECT_EQ(notifications(),
             Names{"{message[] 0xfe0002=[{u32 0xfe0001=1, string 0x1=\"red\", u32 0x2=10}]}"});
@@ -410,7 +409,7 @@ TEST_F(ObjectMap, AChangeThatItsSenderGaveUpIsUndone) {
   add("red");
   const message before = read(1);
   giveUp(platform_.postRequest(0, cmd::setObject, withId(1, lamp("blue"))));
-  EXPECT_EQ(lamps_.hooks, Names{"add 1red of 0"}) << "it was dropped in the row";
+  EXPECT_EQ(lamps_.hooks, Names{"add 1red of 0"}) << "it was dropped from the queue";
   const uint32_t serial = platform_.postRequest(0, cmd::setObject, withId(1, lamp("blue")));
   platform_.turn();
   giveUp(serial);
@@ -436,7 +435,7 @@ TEST_F(ObjectMap, OnlyTheRequestThatWasGivenUpIsUndone) {
   EXPECT_EQ(lamps_.objects()[0]->colour, "green");
 }
 
-TEST_F(ObjectMap, AnUndoThatIsRefusedIsSaidInTheLog) {
+TEST_F(ObjectMap, AnUndoThatIsRefusedIsLogged) {
   const uint32_t serial = platform_.postRequest(0, cmd::addObject, lamp("red"));
   platform_.turn();
   lamps_.verdict = errorMsg(errorRefused, "too late");

@@ -83,7 +83,7 @@ TEST(Message, WritableReferencesCreateTheField) {
 }
 
 // Promise: An array that is present and empty is distinguished from one that is absent.
-TEST(Message, TellsAnEmptyArrayFromAnAbsentOne) {
+TEST(Message, DistinguishesAnEmptyArrayFromAnAbsentOne) {
   message m;
   EXPECT_FALSE(m.has_array(key::records));
   m.insert_message_array(key::records, {});
@@ -138,7 +138,7 @@ TEST(ErrorReply, CarriesCodeAndText) {
 }
 
 // Also proves [error-fields].
-TEST(ErrorReply, AnyOtherReplyIsNone) {
+TEST(ErrorReply, AnyOtherReplyIsNoError) {
   message reply;
   EXPECT_FALSE(isError(reply));
   reply.insert_string(key::errorText, "not an error without a code");
@@ -146,9 +146,9 @@ TEST(ErrorReply, AnyOtherReplyIsNone) {
   EXPECT_EQ(getError(reply), "");
 }
 
-// Promise: Paths, serial, reply field, command and error fields are never taken for what a message
-// says.
-TEST(TransportFields, AreLeftOutOfWhatAMessageSays) {
+// Promise: Paths, serial, reply field, command and error fields are never part of a message's
+// content.
+TEST(TransportFields, AreNoContentOfAMessage) {
   message m;
   m.insert_u32_array(key::destination, {40, 0});
   m.insert_bool(1, true);

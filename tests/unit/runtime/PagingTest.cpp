@@ -77,7 +77,7 @@ TEST_F(Paging, ACursorOfNoneIsTheStart) {
 }
 
 // Promise: A page continues after its cursor also when the record with that id has gone.
-TEST_F(Paging, GoesOnAfterARecordThatHasGone) {
+TEST_F(Paging, ContinuesAfterARecordThatHasGone) {
   tableHas(1, 3);
   table_.erase(2);
   EXPECT_EQ(ids(page(2)), std::vector<uint32_t>{3});

@@ -27,7 +27,7 @@ message number(uint32_t value) {
   return m;
 }
 
-/// Lets those wait who ask for it.
+/// Delays its answers on request.
 class Service : public Handler {
  public:
   message cmdUnknown(const message&, uint32_t command) override {
@@ -45,7 +45,7 @@ class PendingReplyTest : public testing::Test {
     looper_.addHandler(0, *service_);
   }
 
-  /// What the requester got so far.
+  /// What the requester has received.
   std::string answerTo(uint32_t serial) {
     std::optional<message> reply = platform_.replyTo(serial);
     if (!reply) return "none";
@@ -85,7 +85,7 @@ TEST_F(PendingReplyTest, LeavesOtherRequestsAlone) {
   EXPECT_EQ(answerTo(first), "{u32 0x1=1}");
 }
 
-// Promise: An answer that was put off and never came is the error `service unavailable`, also when
+// Promise: A delayed answer that is never sent becomes the error `service unavailable`, also when
 // its handler or its program ends.
 TEST_F(PendingReplyTest, IsAnErrorWhenNothingWasSent) {
   const uint32_t asked = ask(wait);
@@ -124,7 +124,7 @@ TEST_F(PendingReplyTest, MovesFromHolderToHolder) {
 
 // Promise: Nothing is sent for a notification that a handler answers later, nor when there is no
 // program left to send it.
-TEST_F(PendingReplyTest, OfANotificationGoesToNobody) {
+TEST_F(PendingReplyTest, OfANotificationIsDropped) {
   service_->subscribe(wait, {20, 1});
   platform_.notify(wait, {20, 1});
   ASSERT_EQ(service_->waiting.size(), 1U);
@@ -133,7 +133,7 @@ TEST_F(PendingReplyTest, OfANotificationGoesToNobody) {
   EXPECT_EQ(platform_.sent().size(), sent);
 }
 
-TEST_F(PendingReplyTest, StillGoesOutWhenTheProgramHasLeftItsLoop) {
+TEST_F(PendingReplyTest, IsStillSentWhenTheProgramHasLeftItsLoop) {
   const uint32_t asked = ask(wait);
   looper_.setupLeave(1000);
   platform_.advance(1s);
@@ -143,7 +143,7 @@ TEST_F(PendingReplyTest, StillGoesOutWhenTheProgramHasLeftItsLoop) {
   EXPECT_EQ(answerTo(asked), "service unavailable");
 }
 
-TEST(PendingReplyWithoutLooper, GoesToNobody) {
+TEST(PendingReplyWithoutLooper, IsDropped) {
   Service service;
   {
     test::TestPlatform platform;

@@ -44,7 +44,7 @@ class WholeTable : public testing::Test {
   static std::vector<uint32_t> readAllOf(Reget& reget) {
     std::vector<uint32_t> ids;
     while (const auto next = reget.pop()) ids.push_back(next->get_u32(key::objectId));
-    EXPECT_FALSE(reget.pop()) << "the end stays the end";
+    EXPECT_FALSE(reget.pop()) << "the end is permanent";
     return ids;
   }
 
@@ -59,12 +59,12 @@ TEST_F(WholeTable, ThatIsEmptyHasNoRecords) {
   EXPECT_FALSE(reget.error());
 }
 
-// Promise: A reader of a whole table asks for a page when the one before is used up, and hands back
+// Promise: A reader of a whole table requests a page when the previous one is used up, and returns
 // its cursor unchanged.
 TEST_F(WholeTable, IsReadPageByPage) {
   platform_.serveTable({20, 0}, cmd::list, table(130));
   Reget reget(looper_, request());
-  EXPECT_TRUE(platform_.sent().empty()) << "nothing is asked for before the first record";
+  EXPECT_TRUE(platform_.sent().empty()) << "nothing is requested before the first record";
   EXPECT_EQ(readAllOf(reget).size(), 130U);
   EXPECT_FALSE(reget.error());
   const auto sent = platform_.sentTo({20, 0}, cmd::list);

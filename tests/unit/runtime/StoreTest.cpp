@@ -19,7 +19,7 @@ namespace {
 
 using Names = std::vector<std::string>;
 
-/// While it lives, files cannot grow beyond `bytes`: what a full disk looks like.
+/// While it lives, files cannot grow beyond `bytes`: it simulates a full disk.
 class FullDisk {
  public:
   explicit FullDisk(rlim_t bytes) {
@@ -105,7 +105,7 @@ TEST_F(StoreOnDisk, KeepsAnEmptyMessage) {
 
 // Promise: A record that does not decode is set aside as `0.broken`, reported with the reason, and
 // does not stop the start.
-TEST_F(StoreOnDisk, SetsABrokenRecordAsideAndSaysSo) {
+TEST_F(StoreOnDisk, SetsABrokenRecordAsideAndLogsIt) {
   dir_.write("0", "not a message");
   const test::LogCapture log;
   EXPECT_FALSE(store_.get(0));
@@ -124,7 +124,7 @@ TEST_F(StoreOnDisk, SetsARecordThatIsTooLongAside) {
   EXPECT_EQ(dir_.names(), Names{"0.broken"});
 }
 
-TEST_F(StoreOnDisk, DoesNotWaitForAPipeInPlaceOfARecord) {
+TEST_F(StoreOnDisk, DoesNotBlockOnAPipeInPlaceOfARecord) {
   ASSERT_EQ(mkfifo(dir_.file("0").c_str(), 0600), 0);
   EXPECT_EQ(store_.get(0), message()) << "there is nothing in it";
 }
@@ -152,7 +152,7 @@ TEST_F(StoreOnDisk, KeepsTheOldRecordWhenTheDiskIsFull) {
 
 // Promise: A record that cannot be read is set aside as well, so that no later write ends it, and
 // one that cannot be set aside is reported.
-TEST_F(StoreOnDisk, SetsARecordAsideThatItCannotRead) {
+TEST_F(StoreOnDisk, SetsAnUnreadableRecordAside) {
   const auto refuses = [this](int call, int error, const std::string& reason) {
     EXPECT_TRUE(store_.set(0, settings(true)));
     const test::LogCapture log;
@@ -182,7 +182,7 @@ TEST_F(StoreOnDisk, RefusesARecordThatMightNotSurviveAPowerFailure) {
   EXPECT_EQ(dir_.names(), Names{});
 }
 
-TEST_F(StoreOnDisk, SaysWhenABrokenRecordCannotBeSetAside) {
+TEST_F(StoreOnDisk, LogsThatABrokenRecordCannotBeSetAside) {
   dir_.write("0", "not a message");
   const test::LogCapture log;
   whileRefused({SCMP_SYS(rename)}, EACCES, [&] { EXPECT_FALSE(store_.get(0)); });
@@ -233,7 +233,7 @@ TEST_F(Records, APreparedOneThatIsNotCommittedLeavesNothing) {
 
 // Promise: A record that cannot be put in its place or removed is a reported failure; one that is
 // gone already is not.
-TEST_F(Records, ACommitThatFailsSaysSo) {
+TEST_F(Records, ACommitThatFailsIsReported) {
   auto pending = records_.prepare(7, record(1));
   dir_.makeDirectory("7");
   EXPECT_FALSE(pending->commit());
@@ -252,7 +252,7 @@ TEST_F(Records, AreInTheirPlaceAlsoWhenTheDirectoryCannotBeSynced) {
   EXPECT_EQ(log.text(), line + line);
 }
 
-TEST_F(Records, SayWhenAPreparedOneCannotBeRemoved) {
+TEST_F(Records, ReportThatAPreparedOneCannotBeRemoved) {
   auto pending = records_.prepare(7, record(1));
   const test::LogCapture log;
   whileRefused({SCMP_SYS(unlink)}, EACCES, [&] { pending.reset(); });
@@ -283,7 +283,7 @@ TEST_F(Records, WhatAnInterruptedWriteLeftIsRemoved) {
   EXPECT_EQ(dir_.names(), Names{"7"});
 }
 
-TEST_F(Records, APreparedRemovalIsTakenBackWithoutACommit) {
+TEST_F(Records, APreparedRemovalIsUndoneWithoutACommit) {
   records_.prepare(7, record(1))->commit();
   auto pending = records_.prepareRemoval(7);
   ASSERT_TRUE(pending);
@@ -332,7 +332,7 @@ TEST_F(Records, RemovalSucceedsWhenThereIsNone) {
   EXPECT_EQ(dir_.names(), Names{});
 }
 
-TEST_F(Records, RemovalThatFailsSaysSo) {
+TEST_F(Records, ARemovalThatFailsIsReported) {
   dir_.makeDirectory("7");
   EXPECT_FALSE(records_.remove(7));
 }

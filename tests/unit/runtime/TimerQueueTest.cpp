@@ -30,7 +30,7 @@ TEST(TimerQueue, GivesTimersInTheOrderInWhichTheyComeDue) {
   EXPECT_FALSE(queue.nextDue());
 }
 
-TEST(TimerQueue, KnowsATimerByOwnerAndCallback) {
+TEST(TimerQueue, IdentifiesATimerByOwnerAndCallback) {
   int a = 0;
   TimerQueue queue;
   queue.add({&a, callback}, at(10));

@@ -66,7 +66,7 @@ class LumendTest : public testing::Test {
     });
   }
 
-  /// Its last words when it does not start, and ends with 1.
+  /// Its last output when it does not start, and ends with 1.
   [[nodiscard]] std::string refusal(const Preparation& prepare = [] {}) const {
     const auto lumend = start(prepare);
     std::string log = lumend->wholeOutput();
@@ -74,7 +74,7 @@ class LumendTest : public testing::Test {
     return log;
   }
 
-  /// What an administrator is told.
+  /// The output of a command for an administrator.
   [[nodiscard]] std::string services() const {
     Program lumenctl({LUMENCTL, "--root", root_.path(), "service", "list"});
     std::string list = lumenctl.wholeOutput();
@@ -118,7 +118,7 @@ TEST_F(LumendTest, ServesARootThatHasSeenNoInstallation) {
 
 // Promise: A store of a service that is missing or belongs to another user is reported at the
 // start: `probe: /lumen/store/upnp is missing or belongs to another user`.
-TEST_F(LumendTest, TellsOfStoresThatTheInstallationDidNotMake) {
+TEST_F(LumendTest, LogsStoresThatTheInstallationDidNotMake) {
   for (const char* made : {"run", "store", "store/upnpm"}) root_.makeDirectory(made);
   const auto lumend = startInstalled();
   ASSERT_TRUE(lumend->prints("\nready\n"));
@@ -144,9 +144,9 @@ TEST_F(LumendTest, LeavesTheStoresOfAnInstallationAlone) {
   EXPECT_EQ(lumend->wholeOutput().find("is missing"), std::string::npos);
 }
 
-// Promise: lumend holds no descriptor that its starter left open, and takes `/dev/null` for a
-// standard one that is missing.
-TEST_F(LumendTest, TidiesTheDescriptorsOfItsStarter) {
+// Promise: lumend closes the descriptors that it inherits, and opens `/dev/null` for a missing
+// standard one.
+TEST_F(LumendTest, ClosesInheritedDescriptors) {
   constexpr int leak = 77;
   const auto lumend = start([] {
     close(STDIN_FILENO);
@@ -218,7 +218,7 @@ TEST_F(LumendTest, DoesNotServeWithMoreThanItNeeds) {
 }
 
 // Also proves [lumend-refuses].
-TEST_F(LumendTest, NeedsDescriptorsToStandOn) {
+TEST_F(LumendTest, NeedsStandardDescriptors) {
   EXPECT_EQ(refusal([] {
               unshare(CLONE_NEWNS);
               mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
@@ -228,7 +228,7 @@ TEST_F(LumendTest, NeedsDescriptorsToStandOn) {
 }
 
 // Also proves [lumend-refuses], [policy-error].
-TEST_F(LumendTest, SaysWhichFileKeepsItFromStarting) {
+TEST_F(LumendTest, NamesTheFileThatKeepsItFromStarting) {
   root_.makeDirectory("run");
   fs::create_symlink("elsewhere", root_.file("run/lumend.lock"));
   EXPECT_EQ(refusal(), "lumend: /lumen/run/lumend.lock: Too many levels of symbolic links\n");
@@ -268,7 +268,7 @@ TEST_F(LumendTest, MakesNoFileWithoutItsConfiguration) {
 }
 
 // Also proves [lumend-folder].
-TEST_F(LumendTest, SaysWhatIsWrongWithItsArguments) {
+TEST_F(LumendTest, NamesTheErrorInItsArguments) {
   Program nowhere({LUMEND, "--root", "/nowhere"});
   EXPECT_EQ(nowhere.wholeOutput(), "lumend: /nowhere: No such file or directory\n");
   EXPECT_EQ(nowhere.status(), 1);

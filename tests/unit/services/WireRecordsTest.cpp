@@ -86,7 +86,7 @@ TEST(WireRecords, WriteTheFieldsOfAListedRuleInTheirOrder) {
   std::vector<uint32_t> keys = ruleKeys;
   keys.insert(keys.end(), {0x08fe0001, 0x20010020, 0x10010021, 0x00010023, 0x00010024});
   lm::nat::Record record;
-  EXPECT_EQ(keysOf(written(record)), keys) << "what is not known is absent";
+  EXPECT_EQ(keysOf(written(record)), keys) << "an unknown value is absent";
   keys.insert(keys.end() - 2, 0x10010022);
   keys.push_back(0x10010025);
   record.connections = 0;

@@ -64,7 +64,7 @@ TEST_F(AddressTableTest, NeverUsesAnIdTwice) {
 
 // Promise [address-removed]: The notification of a removed address carries `0xfe0013` = 1 and
 // `disabled` = false, also when its interface is not running.
-TEST_F(AddressTableTest, SaysThatARemovedOneIsNotDisabledEvenOnAnInterfaceThatDoesNotRun) {
+TEST_F(AddressTableTest, ReportsARemovedAddressAsNotDisabledEvenIfItsInterfaceDoesNotRun) {
   kernel.getsAddress("wan", "45.45.45.2/24");
   kernel.losesAddress("wan", "45.45.45.2/24");
   EXPECT_EQ(
@@ -75,7 +75,7 @@ TEST_F(AddressTableTest, SaysThatARemovedOneIsNotDisabledEvenOnAnInterfaceThatDo
 
 // Promise: An address is notified once however often the kernel reports it, and its removal only if
 // it was there.
-TEST_F(AddressTableTest, TellsOfAnAddressOnceHoweverOftenTheKernelDoes) {
+TEST_F(AddressTableTest, NotifiesOfAnAddressOnceHoweverOftenTheKernelReportsIt) {
   kernel.getsAddress("lan", "192.168.1.1/24");
   (void)notified();
   kernel.getsAddress("lan", "192.168.1.1/24");
@@ -137,8 +137,8 @@ TEST_F(AddressTableTest, SendsAtMost64RecordsInOneNotification) {
       130U);
 }
 
-// Promise [address-pages]: Addresses are listed in pages of 64 and read one by one; one that there
-// is not is answered with `no such object`.
+// Promise [address-pages]: Addresses are listed in pages of 64 and read one by one; an unknown one
+// is answered with `no such object`.
 // Also proves [rights-tables].
 TEST_F(AddressTableTest, ListsPageByPage) {
   for (int i = 1; i <= 70; ++i) kernel.getsAddress("lan", "10.0.0." + std::to_string(i) + "/24");

@@ -1,4 +1,4 @@
-// What the NAT rules are told of this router's addresses and the networks on them.
+// What the NAT rules learn about this router's addresses and their networks.
 
 #include <gtest/gtest.h>
 
@@ -33,7 +33,7 @@ class LocalNetworksTest : public testing::Test {
   AddressTable table{notifier};
 };
 
-TEST_F(LocalNetworksTest, KnowTheInterfaceThatHoldsAnAddress) {
+TEST_F(LocalNetworksTest, FindTheInterfaceThatHoldsAnAddress) {
   has(lan, "192.168.1.1/24");
   has(wan, "45.45.45.2/24");
   EXPECT_EQ(holderOf("45.45.45.2"), wan);
@@ -73,9 +73,9 @@ TEST_F(LocalNetworksTest, HoldTheHostsOfASubnet) {
   EXPECT_EQ(towards("8.8.8.8"), std::nullopt);
 }
 
-// Promise: A network's own address, its broadcast address and the router's own addresses are no
-// connected hosts.
-TEST_F(LocalNetworksTest, DoNotHoldTheNetworksOwnAndItsBroadcastAddress) {
+// Promise: A network address, a broadcast address and the router's own addresses are not connected
+// hosts.
+TEST_F(LocalNetworksTest, DoNotHoldTheNetworkAddressAndTheBroadcastAddress) {
   has(lan, "192.168.1.1/24");
   EXPECT_EQ(towards("192.168.1.0"), std::nullopt);
   EXPECT_EQ(towards("192.168.1.255"), std::nullopt);
@@ -113,9 +113,9 @@ TEST_F(LocalNetworksTest, DoNotHoldTheRoutersOwnAddresses) {
   EXPECT_FALSE(own("192.168.1.3"));
 }
 
-// Promise: What the loopback holds counts as the router's, a whole network if it holds one, is not
+// Promise: An address of the loopback, and its whole network, counts as the router's, is not
 // listed, and is no external address.
-TEST_F(LocalNetworksTest, TakeWhatTheLoopbackHoldsForTheRouters) {
+TEST_F(LocalNetworksTest, TreatLoopbackAddressesAsTheRouters) {
   has(lan, "192.168.1.1/24");
   table.addLoopback(linkAddress("192.168.1.53/32"));
   EXPECT_TRUE(own("192.168.1.53"));
@@ -127,7 +127,7 @@ TEST_F(LocalNetworksTest, TakeWhatTheLoopbackHoldsForTheRouters) {
   EXPECT_EQ(towards("192.168.1.53"), lan);
 }
 
-TEST_F(LocalNetworksTest, TakeAWholeNetworkOnTheLoopbackForTheRouters) {
+TEST_F(LocalNetworksTest, TreatAWholeNetworkOnTheLoopbackAsTheRouters) {
   table.addLoopback(linkAddress("10.9.0.1/24"));
   EXPECT_TRUE(own("10.9.0.0"));
   EXPECT_TRUE(own("10.9.0.77"));
@@ -149,7 +149,7 @@ TEST_F(LocalNetworksTest, HoldTwoHostsOfANetworkOfFour) {
   EXPECT_EQ(towards("45.45.45.3"), std::nullopt);
 }
 
-TEST_F(LocalNetworksTest, HoldNobodyBesideASingleAddress) {
+TEST_F(LocalNetworksTest, HoldNoHostBesideASingleAddress) {
   has(wan, "45.45.45.2/32");
   EXPECT_EQ(towards("45.45.45.2"), std::nullopt);
   EXPECT_EQ(towards("45.45.45.3"), std::nullopt);

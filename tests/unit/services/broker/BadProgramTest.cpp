@@ -12,7 +12,7 @@
 namespace lumen::test {
 namespace {
 
-/// Programs that do not keep to the rules, and what they do to others: nothing.
+/// Programs that violate the protocol must not harm others.
 class BadProgram : public BrokerTest {
  protected:
   void expectThatOthersAreServed() {
@@ -25,10 +25,10 @@ class BadProgram : public BrokerTest {
 
 lm::message rightRequest() { return requestTo({20, 5}, lm::cmd::list); }
 
-// Promise [broker-garbage]: A program that sends what is no message is disconnected, nothing after
+// Promise [broker-garbage]: A program that sends an invalid message is disconnected, nothing after
 // it is read, and the log names it and the reason: `connection 1 (process 1, user 0): sent no
 // message: ` and the reason.
-TEST_F(BadProgram, IsDisconnectedForWhatIsNoMessage) {
+TEST_F(BadProgram, IsDisconnectedForAnInvalidMessage) {
   const std::string right = lm::encode(rightRequest());
   std::string unknownType = right;
   unknownType[0] = static_cast<char>(0xF8);
@@ -54,7 +54,7 @@ TEST_F(BadProgram, IsDisconnectedForWhatIsNoMessage) {
     EXPECT_TRUE(program.isDisconnected());
     const std::string log = testing::internal::GetCapturedStdout();
     EXPECT_NE(log.find(" (process 1, user 0): sent no message: "), std::string::npos) << log;
-    EXPECT_TRUE(rules.requests.empty()) << "what follows is not looked at";
+    EXPECT_TRUE(rules.requests.empty()) << "what follows is not read";
     expectThatOthersAreServed();
     rules.requests.clear();
   }
@@ -82,7 +82,7 @@ TEST_F(BadProgram, IsNotReportedForItsEnd) {
 
 // Promise: A message that is neither request, notification nor reply disconnects its sender: `sent
 // neither request, notification nor reply`.
-TEST_F(BadProgram, IsDisconnectedForAMessageThatIsNothing) {
+TEST_F(BadProgram, IsDisconnectedForAMessageOfNoKind) {
   struct Case {
     const char* what;
     uint32_t without;
@@ -114,7 +114,7 @@ TEST_F(BadProgram, IsDisconnectedForAMessageThatIsNothing) {
   }
 }
 
-// Whoever gets it would carry it out as a request.
+// Its receiver would carry it out as a request.
 // Promise [notify-destination]: A notification with a destination, even an empty one, is not
 // delivered: its receiver would carry it out as a request. Its sender is disconnected.
 TEST_F(BadProgram, IsDisconnectedForANotificationWithAnEmptyDestination) {
@@ -133,7 +133,7 @@ TEST_F(BadProgram, IsDisconnectedForANotificationWithAnEmptyDestination) {
 }
 
 // Promise: Random bytes from a program do no harm to others.
-TEST_F(BadProgram, WhoseBytesAreRandomHarmsNobody) {
+TEST_F(BadProgram, ThatSendsRandomBytesHarmsNoOtherProgram) {
   testing::internal::CaptureStdout();
   std::mt19937 random(1);
   const std::string right = lm::encode(rightRequest());
@@ -154,7 +154,7 @@ TEST_F(BadProgram, WhoseBytesAreRandomHarmsNobody) {
 
 // Promise [broker-unread]: A program that does not read is disconnected when more than 4 MiB wait
 // for it, `does not read what it is sent`, and no other program waits for it.
-TEST_F(BadProgram, WhoDoesNotReadIsDisconnectedAndNobodyWaits) {
+TEST_F(BadProgram, ThatDoesNotReadIsDisconnectedAndDelaysNoOther) {
   testing::internal::CaptureStdout();
   Program deaf = connectAdministrator();
   subscribe(deaf, lm::cmd::changed, {20, 0});
@@ -183,7 +183,7 @@ TEST_F(BadProgram, WhoDoesNotReadIsDisconnectedAndNobodyWaits) {
 }
 
 // Promise: A program that reads late gets everything in order.
-TEST_F(BadProgram, WhoReadsLateGetsEverythingInOrder) {
+TEST_F(BadProgram, ThatReadsLateGetsEverythingInOrder) {
   Program late = connectAdministrator();
   subscribe(late, lm::cmd::changed, {20, 0});
   constexpr int many = 400;
@@ -207,7 +207,7 @@ TEST_F(BadProgram, WhoReadsLateGetsEverythingInOrder) {
 
 // Promise: What a program sent before it ended without reading is handled, and its end is not
 // reported.
-TEST_F(BadProgram, WhoEndsWithoutReadingIsHeardOutAndForgotten) {
+TEST_F(BadProgram, ThatEndsWithoutReadingIsDrainedAndForgotten) {
   testing::internal::CaptureStdout();
   Program deaf = connectAdministrator();
   subscribe(deaf, lm::cmd::changed, {20, 0});
@@ -248,7 +248,7 @@ TEST_F(BadProgram, GetsLongMessagesAlsoWithoutPrivilege) {
 }
 
 // Also proves [broker-unread].
-TEST_F(BadProgram, WhichIsAServiceThatDoesNotReadKeepsNobodyWaiting) {
+TEST_F(BadProgram, ThatIsAServiceAndDoesNotReadDelaysNoOther) {
   testing::internal::CaptureStdout();
   Program deaf = connectGateway();
   Program client = connectAdministrator();

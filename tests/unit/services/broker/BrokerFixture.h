@@ -33,7 +33,7 @@ class Program {
   /// Answers `request` with `fields`.
   void answer(const lm::message& request, lm::message fields = {});
   void notify(uint32_t command, uint32_t handler, lm::message fields = {});
-  /// Waits no longer for the answer to the request with that serial.
+  /// Gives up the request with that serial.
   void cancel(uint32_t serial);
   void close() { socket_.reset(); }
 
@@ -51,7 +51,7 @@ class Program {
   uint32_t serial_ = 0;
 };
 
-/// A handler of this process that notes what it is asked.
+/// A handler of this process that records its requests.
 class NotingHandler : public LocalHandler {
  public:
   lm::message handle(const Caller& caller, uint32_t command, const lm::message& request) override {
@@ -80,7 +80,7 @@ class BrokerTest : public testing::Test {
   static constexpr uint32_t resolver = 14;
   static constexpr uid_t gatewayUser = 200;
   static constexpr uid_t resolverUser = 201;
-  static constexpr uid_t stranger = 1000;
+  static constexpr uid_t otherUser = 1000;
   static constexpr gid_t administrators = 900;
 
   BrokerTest();

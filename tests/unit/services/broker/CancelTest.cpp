@@ -1,4 +1,4 @@
-// A program does not wait for an answer any longer.
+// A program gives up a request.
 
 #include "platform/Keys.h"
 #include "platform/wire/Broker.h"
@@ -24,7 +24,7 @@ class Cancelling : public BrokerTest {
 
 // Promise [cancel-undone]: A cancelled request that a handler of lumend has carried out is undone,
 // once, with a line in the log.
-TEST_F(Cancelling, UndoesWhatAHandlerOfThisProcessHasCarriedOut) {
+TEST_F(Cancelling, UndoesAChangeByAHandlerOfThisProcess) {
   Program client = connect(gatewayUser);
   const lm::test::LogCapture log;
   client.cancel(client.ask({20, 5}, someCommand));
@@ -43,7 +43,7 @@ TEST_F(Cancelling, UndoesOnce) {
   EXPECT_EQ(rules.undone.size(), 1U);
 }
 
-TEST_F(Cancelling, LeavesWhatWasSettledByTheNextRequest) {
+TEST_F(Cancelling, KeepsAChangeThatWasFollowedByAnotherRequest) {
   Program client = connect(gatewayUser);
   const uint32_t first = client.ask({20, 5}, someCommand);
   const uint32_t second = client.ask({20, 5}, someCommand + 1);
@@ -65,9 +65,9 @@ TEST_F(Cancelling, LeavesTheRequestsOfOthers) {
   EXPECT_EQ(rules.undone, std::vector<uint32_t>{});
 }
 
-// Promise [cancel-service]: A service hears that a request was cancelled, whether it has answered
-// or not.
-TEST_F(Cancelling, TellsAServiceThatHasNotAnswered) {
+// Promise [cancel-service]: A service is notified that a request was cancelled, whether it has
+// answered or not.
+TEST_F(Cancelling, NotifiesAServiceThatHasNotAnswered) {
   Program service = connectGateway();
   Program client = connectAdministrator();
   const uint32_t serial = asksGateway(client);
@@ -80,7 +80,7 @@ TEST_F(Cancelling, TellsAServiceThatHasNotAnswered) {
   EXPECT_FALSE(client.receive());
 }
 
-TEST_F(Cancelling, TellsAServiceWhoseAnswerCrossedTheCancellation) {
+TEST_F(Cancelling, NotifiesAServiceWhoseAnswerCrossedTheCancellation) {
   Program service = connectGateway();
   Program client = connectAdministrator();
   const uint32_t serial = asksGateway(client);
@@ -90,7 +90,7 @@ TEST_F(Cancelling, TellsAServiceWhoseAnswerCrossedTheCancellation) {
   EXPECT_EQ(cancelled(service), request.get_u32(lm::key::serial));
 }
 
-TEST_F(Cancelling, TellsNoServiceOfARequestThatWasSettled) {
+TEST_F(Cancelling, NotifiesNoServiceOfASettledRequest) {
   Program service = connectGateway();
   Program client = connectAdministrator();
   const uint32_t serial = asksGateway(client);
@@ -100,7 +100,7 @@ TEST_F(Cancelling, TellsNoServiceOfARequestThatWasSettled) {
   EXPECT_FALSE(service.receive());
 }
 
-TEST_F(Cancelling, TellsAServiceThatHasEndedNothing) {
+TEST_F(Cancelling, DoesNotNotifyAServiceThatHasEnded) {
   Program client = connectAdministrator();
   uint32_t serial = 0;
   {
@@ -127,9 +127,9 @@ TEST_F(Cancelling, DropsARequestThatWaitsForItsService) {
   EXPECT_FALSE(service.receive());
 }
 
-// What is given up must not count as a request that is under way.
-// Promise [cancel-count]: A cancelled request counts no longer among those under way, and monitors
-// see the cancellation.
+// A request that was given up must not count as under way.
+// Promise [cancel-count]: A cancelled request no longer counts as under way, and monitors see the
+// cancellation.
 TEST_F(Cancelling, MakesRoomForOtherRequests) {
   Program service = connectGateway();
   Program client = connectAdministrator();
@@ -142,7 +142,7 @@ TEST_F(Cancelling, MakesRoomForOtherRequests) {
   }
 }
 
-TEST_F(Cancelling, IsShownToWhoMonitors) {
+TEST_F(Cancelling, IsShownToMonitors) {
   Program service = connectGateway();
   Program client = connectAdministrator();
   const uint32_t serial = asksGateway(client);

@@ -46,9 +46,9 @@ class ListenerTest : public BrokerTest {
   Listener listener_{broker};
 };
 
-// Promise: The socket may be opened by every user, replaces one that was left behind, and goes when
-// lumend ends in good order.
-TEST_F(ListenerTest, IsOpenToEverybodyAndGoesAtItsEnd) {
+// Promise: Every user may open the socket. It replaces one that was left there, and is removed when
+// lumend ends normally.
+TEST_F(ListenerTest, IsOpenToAllUsersAndRemovesItsSocketAtItsEnd) {
   {
     Listener listener(broker);
     ASSERT_EQ(whyNot(listener.listen(path())), "");
@@ -60,14 +60,14 @@ TEST_F(ListenerTest, IsOpenToEverybodyAndGoesAtItsEnd) {
   EXPECT_FALSE(std::filesystem::exists(path()));
 }
 
-TEST_F(ListenerTest, TakesThePlaceOfASocketThatWasLeft) {
+TEST_F(ListenerTest, ReplacesASocketThatWasLeftThere) {
   folder_.write("lumen.sock", "left");
   listens();
   EXPECT_TRUE(connectTo().valid());
 }
 
 // Promise: When the socket cannot be made, its path and the system's error text are reported.
-TEST_F(ListenerTest, SaysWhyItCannot) {
+TEST_F(ListenerTest, ReportsWhyItCannotListen) {
   Listener listener(broker);
   EXPECT_EQ(whyNot(listener.listen("/nowhere/lumen.sock")),
             "/nowhere/lumen.sock: No such file or directory");
@@ -75,7 +75,7 @@ TEST_F(ListenerTest, SaysWhyItCannot) {
   EXPECT_EQ(whyNot(listener.listen(tooLong)), tooLong + ": File name too long");
 }
 
-TEST_F(ListenerTest, SaysWhatTheSystemRefuses) {
+TEST_F(ListenerTest, ReportsWhatTheSystemRefuses) {
   for (const int call : {SCMP_SYS(socket), SCMP_SYS(bind), SCMP_SYS(chmod), SCMP_SYS(listen)}) {
     whileRefused({call}, EACCES, [&] {
       Listener listener(broker);
@@ -84,9 +84,9 @@ TEST_F(ListenerTest, SaysWhatTheSystemRefuses) {
   }
 }
 
-// Promise: A program that cannot be accepted waits, one whose user the kernel does not tell is
-// refused, and others are let in.
-TEST_F(ListenerTest, GoesOnWhenSomebodyCouldNotBeAccepted) {
+// Promise: A program that cannot be accepted waits, one whose user the kernel does not report is
+// refused, and others are accepted.
+TEST_F(ListenerTest, ContinuesAfterAClientThatCouldNotBeAccepted) {
   listens();
   Program first(connectTo());
   testing::internal::CaptureStdout();
@@ -94,28 +94,28 @@ TEST_F(ListenerTest, GoesOnWhenSomebodyCouldNotBeAccepted) {
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "accept: Too many open files\n");
   EXPECT_FALSE(first.isDisconnected()) << "still waits";
   whileRefused({SCMP_SYS(getsockopt), SOL_SOCKET, SO_PEERCRED}, EPERM, [&] { settle(1); });
-  EXPECT_TRUE(first.isDisconnected()) << "nobody knows who it is";
+  EXPECT_TRUE(first.isDisconnected()) << "its user is unknown";
   Program second(connectTo());
   settle(1);
   EXPECT_EQ(second.isDisconnected(), getuid() != 0);
 }
 
-// Promise: All programs that wait to be connected are let in, or refused, at once.
-TEST_F(ListenerTest, AcceptsAllThatWait) {
+// Promise: All programs that wait to be connected are accepted, or refused, at once.
+TEST_F(ListenerTest, AcceptsAllWaitingClients) {
   listens();
   std::vector<Program> programs;
   constexpr size_t many = 20;
   programs.reserve(many);
   for (size_t i = 0; i < many; ++i) programs.emplace_back(connectTo());
   settle(many);
-  // The tests run as somebody who may connect or may not; each is told at once.
+  // The tests may run as a user who may not connect: either way all are answered at once.
   const bool refused = programs[0].isDisconnected();
   for (Program& program : programs) EXPECT_EQ(program.isDisconnected(), refused);
   EXPECT_EQ(refused, getuid() != 0);
 }
 
 // Promise: A user who is refused again and again does not block the platform's socket.
-TEST_F(ListenerTest, DoesNotRestWhileItRefuses) {
+TEST_F(ListenerTest, IsNotPausedWhileItRefusesClients) {
   listens();
   whileRefused({SCMP_SYS(getsockopt), SOL_SOCKET, SO_PEERCRED}, EPERM, [&] {
     std::deque<Program> waiting;
@@ -127,7 +127,7 @@ TEST_F(ListenerTest, DoesNotRestWhileItRefuses) {
   });
 }
 
-TEST_F(ListenerTest, RestsWhileNobodyCanBeAccepted) {
+TEST_F(ListenerTest, IsPausedWhileNoClientCanBeAccepted) {
   listens();
   Program program(connectTo());
   testing::internal::CaptureStdout();
@@ -148,7 +148,7 @@ std::optional<Peer> connectedPeer() {
 
 // Promise: A connection belongs to the process, the user, the primary group and all other groups of
 // the program that made it.
-TEST(PeerTest, IsWhoConnected) {
+TEST(PeerTest, IsTheProcessThatConnected) {
   const std::optional<Peer> peer = connectedPeer();
   ASSERT_TRUE(peer);
   EXPECT_EQ(peer->pid, getpid());
@@ -175,7 +175,7 @@ TEST(PeerTest, HasAllItsGroups) {
   }).join();
 }
 
-TEST(PeerTest, IsNobodyForWhatIsNoSocket) { EXPECT_FALSE(readPeer(-1)); }
+TEST(PeerTest, IsNoneForADescriptorThatIsNoSocket) { EXPECT_FALSE(readPeer(-1)); }
 
 }  // namespace
 }  // namespace lumen::test

@@ -13,7 +13,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/// Sends a request, and the next one whenever a request is heard.
+/// Sends a request, and the next one for each request that the service receives.
 class EndlessSender : public LocalHandler {
  public:
   lm::message handle(const Caller& /*caller*/, uint32_t /*command*/,
@@ -30,7 +30,7 @@ class EndlessSender : public LocalHandler {
     socket_.reset(ends[1]);
     return lm::Fd(ends[0]);
   }
-  /// Whether or not the broker still takes it.
+  /// Whether or not the broker still accepts it.
   void send() {
     const std::string datagram = lm::encode(requestTo({20, 6}, someCommand));
     (void)::send(socket_.get(), datagram.data(), datagram.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
@@ -40,7 +40,7 @@ class EndlessSender : public LocalHandler {
   bool isEnded = false;
 
  private:
-  static constexpr int enough = 1000;  // nobody waits for ever for a test that fails
+  static constexpr int enough = 1000;  // so that a failing test ends
 
   lm::Fd socket_;
 };
@@ -96,8 +96,8 @@ TEST_F(Lives, BeginWithARequestThatWaitsForThem) {
 
 // Promise [broker-start-wait]: A request for a service that is not up waits for it, in order, up to
 // five seconds, then `service unavailable`.
-// Promise: A request that was answered because its service came too late is not carried out
-// afterwards.
+// Promise: A request that was answered because its service started too late is not carried out
+// later.
 TEST_F(Lives, AreWaitedForFiveSeconds) {
   Program client = connectAdministrator();
   asksGateway(client);
@@ -115,7 +115,7 @@ TEST_F(Lives, AreWaitedForFiveSeconds) {
   EXPECT_FALSE(service.receive()) << "what is answered is not carried out";
 }
 
-// Promise: A service that ends before it registered is answered for at once with `service
+// Promise: The broker answers at once for a service that ends before it registered: `service
 // unavailable`.
 TEST_F(Lives, ThatEndBeforeTheyRegisterAreNotWaitedFor) {
   Program client = connectAdministrator();
@@ -151,8 +151,8 @@ TEST_F(Lives, AreBegunDuringABackOffForAnAdministrator) {
   EXPECT_TRUE(service.receive());
 }
 
-// Promise: A request that arrives before a service has unregistered goes to this life, one that
-// arrives later to the next; none is lost and none answered twice.
+// Promise: A request that arrives before a service has unregistered goes to this process, a later
+// one to the next; none is lost and none answered twice.
 TEST_F(Lives, FollowEachOtherWithoutLosingARequest) {
   Program client = connectAdministrator();
   asksGateway(client, fields("wake"));
@@ -161,14 +161,14 @@ TEST_F(Lives, FollowEachOtherWithoutLosingARequest) {
   client.ask({gateway, 0}, someCommand, fields("before"));
   first.ask({0}, lm::broker::cmd::unregisterServices, services({gateway}));
   settle();
-  // The one before the answer belongs to this life, the one after it to the next.
+  // The one before the answer belongs to this process, the one after it to the next.
   asksGateway(client, fields("after"));
   const lm::message before = first.next();
   EXPECT_EQ(before.get_string(7), "before");
   first.answer(before, fields("by the first"));
   EXPECT_TRUE(first.next().get_bool(lm::key::isReply));
   EXPECT_FALSE(first.receive());
-  EXPECT_EQ(processes.started.size(), 1U) << "one life at a time";
+  EXPECT_EQ(processes.started.size(), 1U) << "one process at a time";
 
   first.close();
   processes.exit(processes.last(), 0);
@@ -183,8 +183,8 @@ TEST_F(Lives, FollowEachOtherWithoutLosingARequest) {
   EXPECT_FALSE(client.receive());
 }
 
-// Promise: A service that registers again instead of ending gets what waited.
-TEST_F(Lives, GoOnWhenTheSameConnectionRegistersAgain) {
+// Promise: A service that registers again instead of ending gets the requests that waited.
+TEST_F(Lives, ContinueWhenTheSameConnectionRegistersAgain) {
   Program client = connectAdministrator();
   asksGateway(client);
   Program service = startedGateway();
@@ -213,15 +213,15 @@ TEST_F(Lives, AreEndedOnlyByTheirOwnConnection) {
   registerAs(service, gateway);
 }
 
-// Promise: How a process ended is judged after everything that it had sent.
-TEST_F(Lives, AreJudgedAfterTheirLastWords) {
+// Promise: How a process ended is judged once everything that it sent has been handled.
+TEST_F(Lives, AreJudgedAfterTheirConnectionsAreDrained) {
   Program client = connectAdministrator();
   asksGateway(client);
   Program service = startedGateway();
   service.answer(service.next(), fields("done"));
   service.ask({0}, lm::broker::cmd::unregisterServices, services({gateway}));
   service.close();
-  // Its end is known before anything that it sent was looked at.
+  // Its end is known before anything that it sent was handled.
   processes.exit(processes.last(), 0);
   settle();
   EXPECT_EQ(client.next().get_string(7), "done");
@@ -230,7 +230,7 @@ TEST_F(Lives, AreJudgedAfterTheirLastWords) {
 }
 
 // Promise: The connection of a service ends with its process, even if another process has inherited
-// it and goes on sending.
+// it and keeps sending.
 TEST_F(Lives, EndAlthoughAnotherProcessHoldsTheirConnection) {
   connectAdministrator().ask({gateway, 0}, someCommand);
   settle();
@@ -244,7 +244,7 @@ TEST_F(Lives, EndAlthoughAnotherProcessHoldsTheirConnection) {
   EXPECT_EQ(stateInList(), "running");
 }
 
-TEST_F(Lives, EndAlthoughAnotherProcessGoesOnSending) {
+TEST_F(Lives, EndAlthoughAnotherProcessKeepsSending) {
   EndlessSender sender;
   broker.addLocal(20, 6, sender);
   broker.admit(sender.connect(), {processes.last(), gatewayUser, {100}});
@@ -254,7 +254,7 @@ TEST_F(Lives, EndAlthoughAnotherProcessGoesOnSending) {
   EXPECT_TRUE(sender.isEnded);
 }
 
-// Promise: A service that crashed has its number back in its next life.
+// Promise: A service that crashed gets its number back when it starts again.
 TEST_F(Lives, MakeRoomForTheNextOneWhenTheyCrash) {
   Program client = connectAdministrator();
   asksGateway(client);
@@ -281,7 +281,7 @@ TEST_F(Lives, DeliverARequestWhoseSenderHasEnded) {
 
 // Promise [broker-waiting]: Requests of 4 MiB in all, from all senders, may wait for services, in
 // their wire form; the next one is refused with `too many requests at a time`.
-TEST_F(Lives, BoundWhatWaitsForThem) {
+TEST_F(Lives, BoundTheRequestsThatWaitForThem) {
   Program one = connectAdministrator();
   Program other = connectAdministrator();
   const std::string large(100'000, 'x');
@@ -308,7 +308,7 @@ TEST_F(Lives, BoundWhatWaitsForThem) {
   fill();
 }
 
-// Promise: A service that is started by hand is served without a process of lumend's.
+// Promise: A service that is started by hand is served although lumend did not start it.
 TEST_F(Lives, OfAServiceThatIsRunByHandNeedNoProcess) {
   Program service = connectGateway();
   Program client = connectAdministrator();
@@ -317,8 +317,8 @@ TEST_F(Lives, OfAServiceThatIsRunByHandNeedNoProcess) {
   EXPECT_TRUE(processes.started.empty());
 }
 
-// Promise: While lumend ends, what runs is served and what does not run is answered for with
-// `service unavailable`.
+// Promise: While lumend ends, running services are served; requests to others get `service
+// unavailable`.
 TEST_F(Lives, AreOverWhileLumendEnds) {
   Program client = connectAdministrator();
   asksGateway(client);

@@ -87,7 +87,7 @@ TEST_F(Monitoring, ShowsARequestToThisProcessAndItsReply) {
 }
 
 // Promise: Monitoring changes nothing of what passes.
-TEST_F(Monitoring, ChangesNothingOfWhatIsAsked) {
+TEST_F(Monitoring, DoesNotChangeTheRequest) {
   Program administrator = connectAdministrator();
   administrator.ask({20, 5}, someCommand, fields("do"));
   settle();
@@ -122,7 +122,7 @@ TEST_F(Monitoring, ShowsARequestToAProgramAndItsReplyUnderOneSerial) {
   EXPECT_FALSE(isShown());
 }
 
-TEST_F(Monitoring, ShowsARequestWhenItArrivesAlsoIfItMustWait) {
+TEST_F(Monitoring, ShowsARequestWhenItArrivesEvenIfItMustWait) {
   Program administrator = connectAdministrator();
   asksGateway(administrator);
   ASSERT_TRUE(isShown());
@@ -132,8 +132,8 @@ TEST_F(Monitoring, ShowsARequestWhenItArrivesAlsoIfItMustWait) {
   EXPECT_FALSE(isShown());
 }
 
-// Promise: A monitor is shown what the broker itself refuses or answers for.
-TEST_F(Monitoring, ShowsWhatTheBrokerRefuses) {
+// Promise: A monitor is shown what the broker itself refuses or answers.
+TEST_F(Monitoring, ShowsARequestThatTheBrokerRefuses) {
   struct Case {
     const char* text;
     Path path;
@@ -169,7 +169,7 @@ TEST_F(Monitoring, ShowsThatAServiceDidNotComeUp) {
 }
 
 // Promise: A monitor is shown a notification once, however many programs subscribed.
-TEST_F(Monitoring, ShowsANotificationOnceWhoeverSubscribed) {
+TEST_F(Monitoring, ShowsANotificationOnceWhateverItsSubscribers) {
   broker.notify(lm::cmd::changed, {20, 1}, fields("to nobody"));
   Program first = connect(gatewayUser);
   Program second = connect(gatewayUser);
@@ -200,8 +200,8 @@ TEST_F(Monitoring, ShowsTheNotificationOfAProgram) {
   EXPECT_EQ(message.get_u32_array_ref(lm::key::source), (Path{gateway, 2}));
 }
 
-// Promise: Monitoring is for administrators, others get `not permitted`; a request that says
-// neither on nor off gets `neither on nor off`.
+// Promise: Monitoring is for administrators, others get `not permitted`; a request without a switch
+// gets `neither on nor off`.
 TEST_F(Monitoring, IsForAdministratorsOnly) {
   Program service = connect(gatewayUser);
   EXPECT_EQ(errorOfWatching(service, true), "not permitted");
@@ -241,7 +241,7 @@ TEST_F(Monitoring, EndsWithTheConnection) {
   EXPECT_TRUE(administrator.receive());
 }
 
-TEST_F(Monitoring, SurvivesThatTheMonitorServedWhoIsWaitedFor) {
+TEST_F(Monitoring, SurvivesTheEndOfAMonitorThatServesAnAwaitedService) {
   monitor.ask({0}, lm::broker::cmd::registerServices, services({77}));
   Program administrator = connectAdministrator();
   administrator.ask({77, 0}, someCommand);
@@ -251,7 +251,7 @@ TEST_F(Monitoring, SurvivesThatTheMonitorServedWhoIsWaitedFor) {
   EXPECT_EQ(administrator.error(), "service unavailable");
 }
 
-// Promise: What a monitor is shown is not shown to monitors.
+// Promise: The events of a monitor are not shown to monitors.
 TEST_F(Monitoring, IsNotShownItself) {
   Program other = connectAdministrator();
   watch(other);
@@ -268,7 +268,7 @@ TEST_F(Monitoring, IsNotShownItself) {
 
 // Promise: A message that would be too long or too deep inside another one is shown with its
 // transport fields only, or without any, and marked as cut.
-TEST_F(Monitoring, ShowsOnlyTheTransportOfWhatIsTooLong) {
+TEST_F(Monitoring, ShowsOnlyTheTransportOfAMessageThatIsTooLong) {
   Program service = connect(gatewayUser);
   lm::message longest = fields({});
   longest.insert_u32(lm::key::command, lm::cmd::changed);
@@ -290,7 +290,7 @@ TEST_F(Monitoring, ShowsOnlyTheTransportOfWhatIsTooLong) {
   EXPECT_EQ(message.get_string(7).size(), lm::maxDatagram - 200);
 }
 
-TEST_F(Monitoring, ShowsTheLongestThatFitsIntoADatagramWhole) {
+TEST_F(Monitoring, ShowsAllOfTheLongestMessageThatFits) {
   Program service = connect(gatewayUser);
   for (const size_t tooMany : {0U, 1U}) {
     lm::message passing;
@@ -312,7 +312,7 @@ TEST_F(Monitoring, ShowsTheLongestThatFitsIntoADatagramWhole) {
   }
 }
 
-TEST_F(Monitoring, ShowsOnlyTheTransportOfWhatIsTooDeep) {
+TEST_F(Monitoring, ShowsOnlyTheTransportOfAMessageThatIsTooDeep) {
   for (const int levels : {lm::maxNesting - 1, lm::maxNesting}) {
     Program service = connect(gatewayUser);
     service.notify(lm::cmd::changed, 2, nested(levels));
@@ -324,7 +324,7 @@ TEST_F(Monitoring, ShowsOnlyTheTransportOfWhatIsTooDeep) {
   }
 }
 
-TEST_F(Monitoring, TakesAnArrayOfMessagesForALevel) {
+TEST_F(Monitoring, CountsAnArrayOfMessagesAsALevel) {
   for (const int levels : {lm::maxNesting - 1, lm::maxNesting}) {
     Program service = connect(gatewayUser);
     lm::message deep;
@@ -336,7 +336,7 @@ TEST_F(Monitoring, TakesAnArrayOfMessagesForALevel) {
   }
 }
 
-TEST_F(Monitoring, ShowsNothingOfWhatHasTooLongATransport) {
+TEST_F(Monitoring, ShowsNothingOfAMessageWhoseTransportIsTooLong) {
   Program service = connect(gatewayUser);
   lm::message longest;
   longest.insert_u32(lm::key::command, lm::cmd::changed);
@@ -351,7 +351,7 @@ TEST_F(Monitoring, ShowsNothingOfWhatHasTooLongATransport) {
 }
 
 // Promise: A monitor that does not read is disconnected and delays no other.
-TEST_F(Monitoring, ByAProgramThatDoesNotReadEndsAndKeepsNobodyElse) {
+TEST_F(Monitoring, ByAProgramThatDoesNotReadEndsAndDelaysNoOther) {
   testing::internal::CaptureStdout();
   Program other = connectAdministrator();
   watch(other);

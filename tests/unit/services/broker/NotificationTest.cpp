@@ -58,7 +58,7 @@ TEST_F(Notifications, TakeAPathWithoutHandlerForHandlerZero) {
   EXPECT_TRUE(subscriber.receive());
 }
 
-// Promise: A subscription ends when it is withdrawn and when its connection ends.
+// Promise: A subscription ends when its program unsubscribes and when its connection ends.
 // Also proves [broker-notify].
 TEST_F(Notifications, StopAfterUnsubscribing) {
   Program subscriber = connect(gatewayUser);
@@ -73,7 +73,7 @@ TEST_F(Notifications, StopAfterUnsubscribing) {
   EXPECT_FALSE(subscriber.receive());
 }
 
-TEST_F(Notifications, FindNobodyWhenTheSubscriberHasEnded) {
+TEST_F(Notifications, AreDroppedWhenTheSubscriberHasEnded) {
   Program subscriber = connect(gatewayUser);
   subscribe(subscriber, lm::cmd::changed, {20, 0});
   subscriber.close();
@@ -81,7 +81,7 @@ TEST_F(Notifications, FindNobodyWhenTheSubscriberHasEnded) {
   broker.notify(lm::cmd::changed, {20, 0}, {});
 }
 
-TEST_F(Notifications, CarryTheNameOfWhoSendsThem) {
+TEST_F(Notifications, CarryTheServiceNumberOfTheirSender) {
   Program service = connectGateway();
   Program subscriber = connectAdministrator();
   subscribe(subscriber, lm::cmd::changed, {20, 0});
@@ -93,7 +93,7 @@ TEST_F(Notifications, CarryTheNameOfWhoSendsThem) {
   EXPECT_FALSE(subscriber.receive());
 }
 
-// Promise: A connection that serves several numbers is known by the one that it names.
+// Promise: A connection that serves several numbers is identified by the one that it names.
 TEST_F(Notifications, CarryTheServiceThatTheSenderNamesIfItIsItsOwn) {
   Program service = connectAdministrator();
   registerAs(service, 50);
@@ -109,7 +109,7 @@ TEST_F(Notifications, CarryTheServiceThatTheSenderNamesIfItIsItsOwn) {
   EXPECT_EQ(heard.get_u32_array_ref(lm::key::source), (std::vector<uint32_t>{51, 2}));
 }
 
-TEST_F(Notifications, ThatTheSystemHasNoRoomForComeLater) {
+TEST_F(Notifications, AreQueuedWhileTheSystemHasNoRoom) {
   Program subscriber = connectAdministrator();
   subscribe(subscriber, lm::cmd::changed, {20, 5});
   whileRefused({SCMP_SYS(sendto)}, ENOBUFS, [&] {
@@ -124,9 +124,9 @@ TEST_F(Notifications, ThatTheSystemHasNoRoomForComeLater) {
   }
 }
 
-// Promise: A notification that no datagram can hold is not delivered, which the log says: `a
+// Promise: A notification that no datagram can hold is not delivered, which is logged: `a
 // notification of 20/5 is too long`.
-TEST_F(Notifications, ThatNoDatagramHoldsReachNobody) {
+TEST_F(Notifications, ThatFitNoDatagramAreDropped) {
   Program subscriber = connectAdministrator();
   subscribe(subscriber, lm::cmd::changed, {20, 5});
   testing::internal::CaptureStdout();
@@ -135,7 +135,7 @@ TEST_F(Notifications, ThatNoDatagramHoldsReachNobody) {
   EXPECT_FALSE(subscriber.receive());
 }
 
-TEST_F(Notifications, GoOnWhenSomebodyElseUnsubscribes) {
+TEST_F(Notifications, ContinueWhenAnotherProgramUnsubscribes) {
   Program subscriber = connect(gatewayUser);
   subscribe(subscriber, lm::cmd::changed, {20, 0});
   Program other = connect(gatewayUser);

@@ -10,7 +10,7 @@ class RightsTest : public BrokerTest {};
 // Promise [rights-others]: A user who is neither an administrator nor the user of a service is
 // refused at connect, members of root's group and of a service's group too.
 // Also proves [rights-admin].
-TEST_F(RightsTest, RefuseAStrangerAtConnect) {
+TEST_F(RightsTest, RefuseOtherUsersAtConnect) {
   struct Case {
     const char* who;
     std::vector<gid_t> groups;
@@ -19,12 +19,12 @@ TEST_F(RightsTest, RefuseAStrangerAtConnect) {
   };
   const Case cases[] = {
       {"root", {0}, 0, true},
-      {"a member of the group by its primary group", {administrators}, stranger, true},
-      {"a member of the group by another one", {100, 27, administrators}, stranger, true},
+      {"a member of the group by its primary group", {administrators}, otherUser, true},
+      {"a member of the group by another one", {100, 27, administrators}, otherUser, true},
       {"the user of a service", {100}, gatewayUser, true},
-      {"anyone else", {100, 27}, stranger, false},
-      {"anyone else in root's group", {0}, stranger, false},
-      {"anyone else in a service's group", {gatewayUser}, stranger, false},
+      {"anyone else", {100, 27}, otherUser, false},
+      {"anyone else in root's group", {0}, otherUser, false},
+      {"anyone else in a service's group", {gatewayUser}, otherUser, false},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.who);
@@ -34,7 +34,7 @@ TEST_F(RightsTest, RefuseAStrangerAtConnect) {
 }
 
 // Also proves [rights-admin].
-TEST_F(RightsTest, OfAnAdministratorAreWhole) {
+TEST_F(RightsTest, OfAnAdministratorAreUnlimited) {
   Program service = connectGateway();
   Program administrator = connect(stranger, {100, administrators});
   EXPECT_EQ(errorOf(administrator, {0}, lm::broker::cmd::services), "");
@@ -47,7 +47,7 @@ TEST_F(RightsTest, OfAnAdministratorAreWhole) {
 // Promise [register-own]: A service may register its own number and no other: `not permitted`.
 // Promise [rights-services]: A service may call the resolver, the identity and the history, and no
 // other program: `not permitted`.
-TEST_F(RightsTest, OfAServiceAreItsOwnNumberAndWhatItLivesOn) {
+TEST_F(RightsTest, OfAServiceAreItsOwnNumberAndWhatItDependsOn) {
   Program service = connect(gatewayUser);
   EXPECT_EQ(errorOf(service, {0}, lm::broker::cmd::registerServices, services({resolver})),
             "not permitted");
@@ -58,12 +58,12 @@ TEST_F(RightsTest, OfAServiceAreItsOwnNumberAndWhatItLivesOn) {
   EXPECT_EQ(errorOf(service, {0}, lm::broker::cmd::services), "not permitted");
   EXPECT_EQ(errorOf(service, {gateway, 0}, someCommand), "not permitted");
   EXPECT_EQ(errorOf(service, {77}, someCommand), "not permitted");
-  EXPECT_EQ(errorOf(service, {65}, lm::cmd::get), "no such service") << "nobody is there";
+  EXPECT_EQ(errorOf(service, {65}, lm::cmd::get), "no such service") << "no handler is there";
   EXPECT_EQ(errorOf(service, {66}, lm::cmd::addObject), "no such service");
   EXPECT_EQ(errorOf(service, {20, 5}, lm::cmd::addObject), "") << "the handler decides";
   service.ask({resolver}, someCommand);
   settle();
-  EXPECT_EQ(processes.started.size(), 1U) << "the resolver is on its way";
+  EXPECT_EQ(processes.started.size(), 1U) << "the resolver is starting";
 }
 
 // Promise [rights-answers]: A service that only answers is refused every request and every
@@ -107,10 +107,10 @@ TEST_F(RightsTest, BoundTheConnectionsOfAUser) {
 }
 
 // Promise: A refusal at connect is logged, `refused process 1 of user 1000, which has no rights
-// here`, once for a user who tries again and again.
-TEST_F(RightsTest, DoNotFillTheLogWithAStrangerWhoTriesAgain) {
+// here`, once for a user who keeps trying.
+TEST_F(RightsTest, LogARefusedUserOnlyOnce) {
   testing::internal::CaptureStdout();
-  for (int i = 0; i < 3; ++i) connect(stranger);
+  for (int i = 0; i < 3; ++i) connect(otherUser);
   EXPECT_EQ(testing::internal::GetCapturedStdout(),
             "refused process 1 of user 1000, which has no rights here\n");
 }
@@ -148,7 +148,7 @@ TEST_F(RightsTest, RegisterOnlyWhatIsFree) {
 }
 
 // Promise: A command that the broker does not know is answered with `unknown command`.
-TEST_F(RightsTest, DoNotKnowOtherCommands) {
+TEST_F(RightsTest, RefuseUnknownCommands) {
   Program administrator = connectAdministrator();
   EXPECT_EQ(errorOf(administrator, {0}, 0x99), "unknown command");
 }

@@ -32,8 +32,8 @@ TEST_F(Routing, CarriesARequestToItsServiceAndTheReplyBack) {
 }
 
 // Promise: While a request is under way it has a serial of the broker's, so that requesters with
-// equal serials get each their own reply.
-TEST_F(Routing, PutsASerialOfItsOwnInPlace) {
+// equal serials each get their own reply.
+TEST_F(Routing, ReplacesTheSerial) {
   Program service = connectGateway();
   Program first = connectAdministrator();
   Program second = connectAdministrator();
@@ -64,9 +64,8 @@ TEST_F(Routing, NamesTheSenderByItsServiceNumber) {
   EXPECT_EQ(arrived.get_u32_array_ref(lm::key::source), (std::vector<uint32_t>{gateway, 0}));
 }
 
-// Promise: A sender that claims another's service number in a request or a notification is not
-// believed.
-TEST_F(Routing, DoesNotBelieveASenderWhoItIs) {
+// Promise: A sender cannot claim another's service number in a request or a notification.
+TEST_F(Routing, WritesTheSourceOfARequestItself) {
   Program service = connectGateway();
   Program names = connectResolver();
   for (const std::vector<uint32_t>& claimed :
@@ -82,7 +81,7 @@ TEST_F(Routing, DoesNotBelieveASenderWhoItIs) {
   }
 }
 
-TEST_F(Routing, DoesNotBelieveWhoAnswersWhoItIs) {
+TEST_F(Routing, WritesTheSourceOfAReplyItself) {
   Program service = connectGateway();
   Program client = connectAdministrator();
   asksGateway(client);
@@ -95,7 +94,7 @@ TEST_F(Routing, DoesNotBelieveWhoAnswersWhoItIs) {
 }
 
 // Promise: A reply to no pending request is ignored, and a second reply to one request too.
-TEST_F(Routing, IgnoresAReplyThatNobodyWaitsFor) {
+TEST_F(Routing, IgnoresAReplyWithoutARequest) {
   Program service = connectGateway();
   Program client = connectAdministrator();
   asksGateway(client);
@@ -111,7 +110,7 @@ TEST_F(Routing, IgnoresAReplyThatNobodyWaitsFor) {
 }
 
 // Promise: A reply from another connection than the one that was asked is ignored.
-TEST_F(Routing, IgnoresAReplyFromAnotherThanWhoWasAsked) {
+TEST_F(Routing, IgnoresAReplyFromAnotherProgramThanTheRecipient) {
   Program service = connectGateway();
   Program client = connectAdministrator();
   asksGateway(client);
@@ -121,9 +120,9 @@ TEST_F(Routing, IgnoresAReplyFromAnotherThanWhoWasAsked) {
   EXPECT_FALSE(client.receive());
 }
 
-// Promise [broker-unavailable]: A service that ends before it answered is answered for with
+// Promise [broker-unavailable]: The broker answers for a service that ends before it answered:
 // `service unavailable`.
-TEST_F(Routing, AnswersForAServiceThatEndsBeforeItDid) {
+TEST_F(Routing, AnswersForAServiceThatEndsWithoutAnswering) {
   Program service = connectGateway();
   Program client = connectAdministrator();
   asksGateway(client);
@@ -133,8 +132,8 @@ TEST_F(Routing, AnswersForAServiceThatEndsBeforeItDid) {
   EXPECT_FALSE(client.receive());
 }
 
-// Promise: What a service sent before it ended is still passed on.
-TEST_F(Routing, PassesOnTheReplyThatAServiceLeavesBehind) {
+// Promise: What a service sent before it ended is still forwarded.
+TEST_F(Routing, ForwardsTheLastReplyOfAServiceThatHasEnded) {
   Program service = connectGateway();
   Program client = connectAdministrator();
   client.ask({gateway, 0}, someCommand);
@@ -163,7 +162,7 @@ TEST_F(Routing, DeliversTheRequestOfAProgramThatEndsAtOnce) {
 }
 
 // Promise: A request to a number that no service has is answered with `no such service`.
-TEST_F(Routing, SaysThatNobodyDefinesAService) {
+TEST_F(Routing, RefusesARequestToAnUndefinedService) {
   Program client = connectAdministrator();
   client.ask({66}, someCommand);
   settle();
@@ -172,7 +171,7 @@ TEST_F(Routing, SaysThatNobodyDefinesAService) {
 
 // Promise: A request to a path in lumend where there is no handler is answered with `no such
 // handler`.
-TEST_F(Routing, SaysThatThereIsNoSuchHandlerInThisProcess) {
+TEST_F(Routing, RefusesARequestToAMissingHandlerOfThisProcess) {
   Program client = connectAdministrator();
   client.ask({20, 6}, someCommand);
   client.ask({20}, someCommand);
@@ -181,8 +180,8 @@ TEST_F(Routing, SaysThatThereIsNoSuchHandlerInThisProcess) {
   EXPECT_EQ(client.error(), "no such handler");
 }
 
-// Promise: lumend's own handlers answer without another process, know the sender, and learn when a
-// connection has ended after what it sent.
+// Promise: lumend's own handlers answer without another process, get the sender, and are notified
+// of the end of a connection after everything that it sent.
 TEST_F(Routing, AnswersForAHandlerOfThisProcess) {
   rules.reply = fields("rule");
   Program client = connectAdministrator();
@@ -197,18 +196,18 @@ TEST_F(Routing, AnswersForAHandlerOfThisProcess) {
   EXPECT_EQ(rules.requests[0].get_string(7), "filter");
 }
 
-TEST_F(Routing, TellsAHandlerOfThisProcessWhoAsks) {
+TEST_F(Routing, IdentifiesTheCallerToAHandlerOfThisProcess) {
   Program service = connect(gatewayUser);
   service.ask({20, 5}, lm::cmd::addObject);
   settle();
   registerAs(service, gateway);
   service.ask({20, 5}, lm::cmd::addObject);
   settle();
-  Program administrator = connect(stranger, {100, administrators});
+  Program administrator = connect(otherUser, {100, administrators});
   administrator.ask({20, 5}, lm::cmd::list);
   settle();
   ASSERT_EQ(rules.callers.size(), 3U);
-  EXPECT_EQ(rules.callers[0].service, gateway) << "known by its user";
+  EXPECT_EQ(rules.callers[0].service, gateway) << "identified by its user";
   EXPECT_EQ(rules.callers[1].service, gateway);
   EXPECT_EQ(rules.callers[1].name, "upnp");
   EXPECT_EQ(rules.callers[1].connection, rules.callers[0].connection);
@@ -218,7 +217,7 @@ TEST_F(Routing, TellsAHandlerOfThisProcessWhoAsks) {
   EXPECT_TRUE(rules.callers[2].administrator);
 }
 
-TEST_F(Routing, TellsAHandlerOfThisProcessThatAConnectionHasEnded) {
+TEST_F(Routing, NotifiesAHandlerOfThisProcessWhenAConnectionEnds) {
   Program service = connect(gatewayUser);
   service.ask({20, 5}, lm::cmd::addObject);
   service.close();
@@ -285,7 +284,7 @@ TEST_F(Routing, BoundsTheRequestsOfAProgramThatAreUnderWay) {
   EXPECT_FALSE(client.receive()) << "there is room for one more";
 }
 
-// What each program sends is handled in the order of sending, whoever else sends.
+// What each program sends is handled in the order of sending, whatever other programs send.
 // Promise [broker-order]: What a connection sends is handled strictly in its order, whatever other
 // connections send.
 TEST_F(Routing, KeepsTheOrderOfAProgram) {

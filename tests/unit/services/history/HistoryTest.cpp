@@ -74,7 +74,7 @@ class HistoryTest : public testing::Test {
 
 // Promise [history-entry]: A change in the history has its text, the path that made it, the time in
 // seconds since 1970 and the message that undoes it.
-TEST_F(HistoryTest, KeepsWhatWasChangedByWhomAndWhen) {
+TEST_F(HistoryTest, RecordsTheChangeItsAuthorAndItsTime) {
   const lm::message reply = add(changed("upnp config changed"));
   EXPECT_EQ(reply.get_u32(lm::key::objectId), 1U);
   lm::message request;
@@ -93,14 +93,14 @@ TEST_F(HistoryTest, ListsTheOldestFirst) {
   EXPECT_EQ(texts(), (std::vector<std::string>{"one", "two"}));
 }
 
-TEST_F(HistoryTest, IsReadWholeByEitherCommand) {
+TEST_F(HistoryTest, IsReadCompletelyByEitherCommand) {
   add(changed("one"));
   EXPECT_EQ(history->handle(administrator(), lm::cmd::readAll, {}),
             history->handle(administrator(), lm::cmd::list, {}));
 }
 
 // Promise: A change whose path names no handler goes back to handler 0.
-TEST_F(HistoryTest, TakesBackAtHandlerZeroWhatNamesNoHandler) {
+TEST_F(HistoryTest, UndoesAtHandlerZeroAChangeThatNamesNoHandler) {
   lm::message request = changed("one");
   request.insert_u32_array(lm::key::source, {40});
   add(request);
@@ -132,7 +132,7 @@ TEST_F(HistoryTest, KeepsTheNewestHundredAcrossRestarts) {
 }
 
 // Promise: An undone change leaves the history, once.
-TEST_F(HistoryTest, ForgetsWhatWasTakenBack) {
+TEST_F(HistoryTest, ForgetsAChangeThatWasUndone) {
   add(changed("one"));
   add(changed("two"));
   EXPECT_EQ(remove(2), "");
@@ -154,7 +154,7 @@ TEST_F(HistoryTest, KeepsAnEntryWhoseRemovalWasGivenUp) {
 // Promise: A change from a program that is no service is refused: `only a service can take its
 // changes back`.
 // Also proves [history-text].
-TEST_F(HistoryTest, RefusesWhatNobodyCouldTakeBack) {
+TEST_F(HistoryTest, RefusesAChangeThatCannotBeUndone) {
   lm::message withoutCommand = changed("x");
   withoutCommand.insert_message(key::undo, {});
   lm::message tooLong = changed("x");
@@ -206,7 +206,7 @@ TEST_F(HistoryTest, ShowsAndForgetsForAdministratorsOnly) {
 
 // Promise: An entry that there is not is answered with `no such object`, another command with
 // `unknown command`.
-TEST_F(HistoryTest, AnswersWhatItDoesNotKnowWithAnError) {
+TEST_F(HistoryTest, RefusesUnknownObjectsAndCommands) {
   EXPECT_EQ(lm::getError(history->handle(administrator(), 99, {})), "unknown command");
   EXPECT_EQ(lm::getError(history->handle(administrator(), lm::cmd::readObject, {})),
             "no such object");
@@ -232,7 +232,7 @@ TEST_F(HistoryTest, RefusesAChangeThatCannotBeStored) {
 }
 
 // Promise: An entry that cannot be removed stays: `the entry could not be removed`.
-TEST_F(HistoryTest, KeepsWhatCannotBeRemoved) {
+TEST_F(HistoryTest, KeepsAnEntryThatCannotBeRemoved) {
   add(changed("one"));
   std::filesystem::remove(store.file("1"));
   store.makeDirectory("1");

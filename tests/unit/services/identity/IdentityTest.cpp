@@ -25,7 +25,7 @@ class IdentityTest : public testing::Test {
   lm::test::TempDir store_;
 };
 
-// Promise [identity-form]: The identity is 32 hexadecimal digits in small letters.
+// Promise [identity-form]: The identity is 32 lower-case hexadecimal digits.
 TEST_F(IdentityTest, IsThirtyTwoHexadecimalDigits) {
   const std::string identity = readAfterStart();
   EXPECT_EQ(identity.size(), 32U);
@@ -46,7 +46,7 @@ TEST_F(IdentityTest, DiffersBetweenRouters) {
   EXPECT_NE(readAfterStart(), identity);
 }
 
-TEST_F(IdentityTest, IsMadeAnewWhenTheStoredOneIsBroken) {
+TEST_F(IdentityTest, IsReplacedWhenTheStoredOneIsBroken) {
   testing::internal::CaptureStdout();
   const std::string identity = readAfterStart();
   store_.write("0", "broken");
@@ -59,7 +59,7 @@ TEST_F(IdentityTest, IsMadeAnewWhenTheStoredOneIsBroken) {
 
 // Promise [identity-broken]: A stored identity that is broken is reported and replaced, one that
 // cannot be read is set aside, one that cannot be stored lasts as long as lumend.
-TEST_F(IdentityTest, IsMadeAnewAndTheStoredOneKeptWhenThatCannotBeRead) {
+TEST_F(IdentityTest, IsReplacedAndTheStoredOneSetAsideWhenThatCannotBeRead) {
   testing::internal::CaptureStdout();
   const std::string identity = readAfterStart();
   std::string second;
@@ -71,7 +71,7 @@ TEST_F(IdentityTest, IsMadeAnewAndTheStoredOneKeptWhenThatCannotBeRead) {
   EXPECT_NE(testing::internal::GetCapturedStdout(), "") << "that is reported";
 }
 
-TEST_F(IdentityTest, IsMadeAnewWhenTheStoredOneIsNone) {
+TEST_F(IdentityTest, IsReplacedWhenTheStoredOneIsInvalid) {
   for (const char* wrong : {"", "0c5e9a51", "0123456789ABCDEF0123456789ABCDEF"}) {
     lm::message record;
     record.insert_string(0x20000001, wrong);

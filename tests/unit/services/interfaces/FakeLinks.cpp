@@ -48,7 +48,7 @@ void FakeLinks::isRenamed(const std::string& name, const std::string& newName) {
 
 void FakeLinks::leaves(const std::string& name) {
   const uint32_t index = indexOf(name);
-  // The kernel tells of the addresses first.
+  // The kernel reports the addresses first.
   const std::set<LinkAddress> held = all.addresses[index];
   for (const LinkAddress& address : held) {
     all.addresses[index].erase(address);

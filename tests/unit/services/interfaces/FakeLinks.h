@@ -16,8 +16,8 @@ namespace lumen {
 /// that has less than four addresses.
 [[nodiscard]] LinkAddress linkAddress(const std::string& words);
 
-/// A kernel in memory, which writes down what is asked of it. Its changes are told at once, but
-/// while `silent`: then they are lost.
+/// A kernel in memory, which records its calls. It reports changes at once; while `silent` they are
+/// lost.
 class FakeLinks : public Links {
  public:
   // What happens to links. Each gets the next index when it appears.
@@ -29,12 +29,12 @@ class FakeLinks : public Links {
   void leaves(const std::string& name);
   void getsAddress(const std::string& name, const std::string& words);
   void losesAddress(const std::string& name, const std::string& words);
-  /// `name` is the link's, `content` what the test calls the route.
+  /// `name` is the link's, `content` the test's name for the route.
   void getsRoute(const std::string& name, const std::string& content, bool gateway = false);
   /// Changes were lost: everything is read again.
   void readsEverything() { listener_->tablesRead(all); }
-  /// Tells a message that has been under way.
-  void tellsOf(const Link& link) { listener_->linkChanged(link); }
+  /// Delivers a notification that was delayed.
+  void deliversLate(const Link& link) { listener_->linkChanged(link); }
 
   [[nodiscard]] uint32_t indexOf(const std::string& name) const;
 
@@ -53,7 +53,7 @@ class FakeLinks : public Links {
   bool silent = false;
   bool routesAreReadable = true;
   int setUpError = 0;
-  /// The errno for a route that is put back.
+  /// The errno for a route that is restored.
   std::function<int(const std::string& content)> refusesRoute = [](const std::string&) {
     return 0;
   };

@@ -22,7 +22,7 @@ TEST(InterfaceIds, StayAboveThoseOfEarlierRuns) {
 }
 
 // Also proves [link-numbers].
-TEST(InterfaceIds, BelongToANameThatComesBack) {
+TEST(InterfaceIds, BelongToANameThatReturns) {
   InterfaceIds ids;
   (void)ids.take("a");
   ids.release("a");
@@ -30,7 +30,7 @@ TEST(InterfaceIds, BelongToANameThatComesBack) {
   EXPECT_EQ(ids.take("a"), 1U);
 }
 
-// Promise [remembered-names]: The ids of the latest 4096 names that went are remembered; a name
+// Promise [remembered-names]: The ids of the latest 4096 names out of use are remembered; a name
 // that was forgotten gets a new one.
 TEST(InterfaceIds, AreForgottenOfTheNameThatIsLongestGone) {
   InterfaceIds ids;

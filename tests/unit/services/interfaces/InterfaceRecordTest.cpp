@@ -31,7 +31,7 @@ lm::message written(const lm::interfaces::Record& record) {
   return m;
 }
 
-/// As it arrives on the other side.
+/// As its receiver decodes it.
 lm::interfaces::Record sent(const lm::interfaces::Record& record) {
   const auto arrived = lm::decode(lm::encode(written(record)));
   return arrived ? lm::interfaces::readRecord(*arrived) : lm::interfaces::Record();

@@ -80,7 +80,7 @@ TEST_F(InterfaceTableTest, ListsPageByPageWithBothListCommands) {
 }
 
 // Promise: A new link is notified by an interface notification, then its state, then its addresses.
-TEST_F(InterfaceTableTest, TellsOfANewLinkThenItsStateThenItsAddresses) {
+TEST_F(InterfaceTableTest, NotifiesOfANewLinkThenItsStateThenItsAddresses) {
   starts();
   kernel.appears("wan0");
   kernel.getsAddress("wan0", "45.45.45.2/24");
@@ -91,7 +91,7 @@ TEST_F(InterfaceTableTest, TellsOfANewLinkThenItsStateThenItsAddresses) {
 }
 
 // Promise: A link that starts or stops running is notified by its state, then its addresses.
-TEST_F(InterfaceTableTest, TellsTheStateWhenALinkStopsRunningThenItsAddresses) {
+TEST_F(InterfaceTableTest, NotifiesOfTheStateWhenALinkStopsRunningThenItsAddresses) {
   startsWithWan();
   kernel.becomes("wan0", true, false);
   EXPECT_EQ(notified(),
@@ -104,14 +104,14 @@ TEST_F(InterfaceTableTest, TellsTheStateWhenALinkStopsRunningThenItsAddresses) {
 }
 
 // Promise: A link that does not run and is taken down is notified by its state alone.
-TEST_F(InterfaceTableTest, TellsTheStateAloneWhenALinkThatDoesNotRunIsTakenDown) {
+TEST_F(InterfaceTableTest, NotifiesOfTheStateAloneWhenALinkThatDoesNotRunIsTakenDown) {
   startsWithWan(false);
   kernel.becomes("wan0", false, false);
   EXPECT_EQ(notified(), (Lines{stateOf(record(1, 2, "wan0", "disabled=1 running=0"))}));
 }
 
 // Promise: Nothing is notified when nothing that the table shows has changed.
-TEST_F(InterfaceTableTest, TellsNothingWhenNothingThatItShowsHasChanged) {
+TEST_F(InterfaceTableTest, NotifiesOfNothingWhenNothingThatItShowsHasChanged) {
   kernel.appears("wan0");
   starts();
   kernel.becomes("wan0", true, true);
@@ -119,7 +119,7 @@ TEST_F(InterfaceTableTest, TellsNothingWhenNothingThatItShowsHasChanged) {
 }
 
 // Promise: A changed hardware type is notified like a new link.
-TEST_F(InterfaceTableTest, TellsOfAChangedHardwareTypeThenTheStateThenTheAddresses) {
+TEST_F(InterfaceTableTest, NotifiesOfAChangedHardwareTypeThenTheStateThenTheAddresses) {
   kernel.appears("tun0", true, true, 65534);
   starts();
   kernel.getsAddress("tun0", "10.8.0.1/24");
@@ -131,7 +131,7 @@ TEST_F(InterfaceTableTest, TellsOfAChangedHardwareTypeThenTheStateThenTheAddress
                    "address records=[{id=1 interface=1 address=10.8.0.1 disabled=0}]"}));
 }
 
-// Promise: When a link goes its addresses are notified as removed first, then the interface as
+// Promise: When a link leaves, its addresses are notified as removed first, then the interface as
 // gone, then its state.
 // Promise: An interface that is not kept leaves the table with its link.
 // Also proves [link-flags].
@@ -260,7 +260,7 @@ TEST_F(InterfaceTableTest, NotifiesTheDifferencesWhenChangesWereLost) {
                    "address records=[{id=2 interface=1 address=10.0.1.1 disabled=0 removed=1}]"}));
 }
 
-TEST_F(InterfaceTableTest, NotifiesNothingWhenWhatWasLostLeftNoDifference) {
+TEST_F(InterfaceTableTest, NotifiesNothingWhenLostChangesLeftNoDifference) {
   kernel.appears("wan0");
   starts();
   kernel.getsAddress("wan0", "10.0.0.1/24");
@@ -346,7 +346,7 @@ TEST_F(InterfaceTableTest, ReadsZeroCountersOfALinkThatHasJustLeft) {
 }
 
 // Also proves [table-links].
-TEST_F(InterfaceTableTest, TellsNothingOfTheLoopback) {
+TEST_F(InterfaceTableTest, NotifiesOfNothingOnTheLoopback) {
   starts();
   kernel.appears("lo", true, true, 772);
   kernel.getsAddress("lo", "127.0.0.1/8");
@@ -355,7 +355,7 @@ TEST_F(InterfaceTableTest, TellsNothingOfTheLoopback) {
   EXPECT_EQ(notified(), Lines{});
 }
 
-TEST_F(InterfaceTableTest, KnowsWhatTheLoopbackHolds) {
+TEST_F(InterfaceTableTest, TracksTheAddressesOfTheLoopback) {
   const auto own = [this](const char* address) { return addressTable->isOwn(test::ip(address)); };
   kernel.appears("lo", true, true, 772);
   kernel.getsAddress("lo", "192.168.1.53/32");
@@ -376,8 +376,8 @@ TEST_F(InterfaceTableTest, KnowsWhatTheLoopbackHolds) {
   EXPECT_EQ(notified(), Lines{});
 }
 
-// Promise: An interface that there is not is answered with `no such object`, another command with
-// `unknown command`.
+// Promise: An unknown interface is answered with `no such object`, another command with `unknown
+// command`.
 TEST_F(InterfaceTableTest, RefusesAnUnknownObjectAndAnUnknownCommand) {
   starts();
   for (const uint32_t command : {0xfe0002U, 0xfe0003U, 0xfe0006U}) {

@@ -33,7 +33,7 @@ TEST_F(KeptInterface, GivesAnIdToALinkThatDoesNotExistYet) {
 }
 
 // Promise: Keeping the name of a link that is there keeps its id and notifies no subscriber.
-TEST_F(KeptInterface, KeepsTheIdOfALinkThatIsThereAndTellsNobody) {
+TEST_F(KeptInterface, KeepsTheIdOfALinkThatIsThereWithoutANotification) {
   kernel.appears("br-lan");
   kernel.appears("wan0");
   starts();
@@ -210,9 +210,9 @@ TEST_F(KeptInterface, ChangesNothingWhenItCannotBeStored) {
   EXPECT_EQ(notified(), Lines{});
 }
 
-// Promise: A stored name that is wrong is left out of the start and reported: `interfaces: a stored
+// Promise: A stored name that is wrong is skipped at the start and reported: `interfaces: a stored
 // name is wrong and left out`.
-TEST(KeptNamesTest, LeaveOutWhatIsWrongInTheStore) {
+TEST(KeptNamesTest, SkipsWrongEntriesOfTheStore) {
   const lm::test::TempDir dir;
   lm::Store store(dir.path(), 1);
   struct Row {
@@ -278,9 +278,9 @@ TEST_F(KeptInterface, IsKeptAndForgottenByAdministratorsOnly) {
             std::string(refused) + "not permitted");
 }
 
-// Promise [cancel-name]: A name whose keeping or forgetting was given up has its role and id of
-// before.
-TEST_F(KeptInterface, AKeepingThatWasGivenUpIsUndone) {
+// Promise [cancel-name]: A name that was kept or forgotten by a request that was given up has its
+// earlier role and id.
+TEST_F(KeptInterface, AnAddThatWasGivenUpIsUndone) {
   starts();
   EXPECT_EQ(text(administratorKeeps("ppp0", 1)), "id=1");
   EXPECT_EQ(text(administratorKeeps("ppp0", 2)), "id=1");
@@ -296,7 +296,7 @@ TEST_F(KeptInterface, AKeepingThatWasGivenUpIsUndone) {
   EXPECT_EQ(lists().size(), 1U);
 }
 
-TEST_F(KeptInterface, AForgettingThatWasGivenUpIsUndoneWithItsId) {
+TEST_F(KeptInterface, ARemovalThatWasGivenUpIsUndoneWithItsId) {
   starts();
   EXPECT_EQ(text(administratorKeeps("ppp0", 1)), "id=1");
   const Lines before = lists();

@@ -48,7 +48,7 @@ TEST_F(LinkSwitch, TakesAnExternalInterfaceDownAndUpForAService) {
 
 // Promise: RequestConnection for an interface that is up and running is notified at once, so the
 // status is `Connected` again.
-TEST_F(LinkSwitch, TellsTheStateOfALinkThatIsAsAskedAlready) {
+TEST_F(LinkSwitch, NotifiesOfTheStateOfALinkThatIsSwitchedAlready) {
   (void)notified();
   EXPECT_EQ(setsDisabled(daemon, "wan0", false), "");
   EXPECT_EQ(notified(), Lines{stateOf(record(2, 3, "wan0", "disabled=0 running=1"))});
@@ -57,7 +57,7 @@ TEST_F(LinkSwitch, TellsTheStateOfALinkThatIsAsAskedAlready) {
   EXPECT_EQ(setsDisabled(daemon, "wan0", true), "");
   EXPECT_EQ(notified(), Lines{stateOf(record(2, 3, "wan0", "disabled=1 running=0"))});
   EXPECT_EQ(setsDisabled(daemon, "wan0", false), "");
-  EXPECT_EQ(notified(), Lines{}) << "the kernel's change tells it";
+  EXPECT_EQ(notified(), Lines{}) << "the kernel's change notifies";
   kernel.setUpError = ENODEV;
   EXPECT_NE(setsDisabled(daemon, "wan0", true), "");
   EXPECT_EQ(notified(), Lines{});
@@ -118,15 +118,15 @@ TEST_F(LinkSwitch, RefusesALinkThatIsAway) {
 }
 
 // Promise: When the kernel refuses to take a link down or up its error text is the answer.
-TEST_F(LinkSwitch, PassesOnWhyTheKernelRefused) {
+TEST_F(LinkSwitch, ReportsWhyTheKernelRefused) {
   kernel.setUpError = ENODEV;
   EXPECT_EQ(setsDisabled(daemon, "wan0", true), std::string(refused) + "No such device");
   EXPECT_EQ(setsDisabled(daemon, "wan0", false), std::string(refused) + "No such device");
 }
 
 // Promise [routes-back]: The routes of a link that is taken down, of all tables and both families
-// but those that the kernel makes itself, are back when it runs again.
-TEST_F(LinkSwitch, PutsTheRoutesBackWhenTheLinkRunsAgain) {
+// but those that the kernel makes itself, are restored when it runs again.
+TEST_F(LinkSwitch, RestoresTheRoutesWhenTheLinkRunsAgain) {
   kernel.getsRoute("wan0", "default", true);
   kernel.getsRoute("wan0", "on-link");
   wanGoesDown();
@@ -166,20 +166,20 @@ TEST_F(LinkSwitch, SavesNothingWhenTheKernelRefusesToTakeTheLinkDown) {
   EXPECT_EQ(kernel.takeCalls(), Lines{});
 }
 
-// Promise [routes-restart]: Saved routes survive a restart of lumend, and are put back also when
-// the link came up while lumend was away.
-TEST_F(LinkSwitch, PutsTheRoutesBackAfterARestart) {
+// Promise [routes-restart]: Saved routes survive a restart of lumend, and are restored even if the
+// link came up while lumend was away.
+TEST_F(LinkSwitch, RestoresTheRoutesAfterARestart) {
   kernel.getsRoute("wan0", "default", true);
   wanGoesDown();
   restarts();
   kernel.becomes("wan0", true, true);
   EXPECT_EQ(kernel.takeCalls(), Lines{"route default by 3"});
   restarts();
-  EXPECT_EQ(kernel.takeCalls(), Lines{}) << "they are saved no more";
+  EXPECT_EQ(kernel.takeCalls(), Lines{}) << "they are no longer saved";
 }
 
 // Also proves [routes-restart].
-TEST_F(LinkSwitch, PutsTheRoutesBackWhenTheLinkCameUpWhileLumendWasAway) {
+TEST_F(LinkSwitch, RestoresTheRoutesWhenTheLinkCameUpWhileLumendWasAway) {
   kernel.getsRoute("wan0", "default", true);
   wanGoesDown();
   kernel.silent = true;
@@ -189,9 +189,9 @@ TEST_F(LinkSwitch, PutsTheRoutesBackWhenTheLinkCameUpWhileLumendWasAway) {
   EXPECT_EQ(kernel.takeCalls(), Lines{"route default by 3"});
 }
 
-// Promise: Saved routes are put back also when the messages of going down and up were lost, and not
-// because of an old message.
-TEST_F(LinkSwitch, PutsTheRoutesBackWhenGoingDownAndUpWasLost) {
+// Promise: Saved routes are restored even if the notifications of going down and up were lost, and
+// not because of an old one.
+TEST_F(LinkSwitch, RestoresTheRoutesWhenGoingDownAndUpWasLost) {
   kernel.getsRoute("wan0", "default", true);
   EXPECT_EQ(setsDisabled(daemon, "wan0", true), "");
   EXPECT_EQ(setsDisabled(daemon, "wan0", false), "");
@@ -200,22 +200,22 @@ TEST_F(LinkSwitch, PutsTheRoutesBackWhenGoingDownAndUpWasLost) {
   EXPECT_EQ(kernel.takeCalls(), Lines{"route default by 3"});
 }
 
-TEST_F(LinkSwitch, KeepsTheRoutesWhenAnOldMessageSaysThatTheLinkRuns) {
+TEST_F(LinkSwitch, KeepsTheRoutesWhenAnOldNotificationHasTheLinkRunning) {
   kernel.getsRoute("wan0", "default", true);
   EXPECT_EQ(setsDisabled(daemon, "wan0", true), "");
   (void)kernel.takeCalls();
-  // The kernel has taken it down, but its earlier message has been under way until now.
+  // The kernel has taken it down, but an earlier notification arrives only now.
   const Link stale = kernel.all.links[3];
   kernel.all.links[3].up = kernel.all.links[3].running = false;
-  kernel.tellsOf(stale);
+  kernel.deliversLate(stale);
   EXPECT_EQ(kernel.takeCalls(), Lines{});
   kernel.becomes("wan0", false, false);
   kernel.becomes("wan0", true, true);
   EXPECT_EQ(kernel.takeCalls(), Lines{"route default by 3"});
 }
 
-// Promise: Routes that are not back yet when the link is taken down again stay saved.
-TEST_F(LinkSwitch, KeepsRoutesThatAreNotBackYetWhenItIsTakenDownAgain) {
+// Promise: Routes that are not restored yet when the link is taken down again stay saved.
+TEST_F(LinkSwitch, KeepsRoutesThatAreNotRestoredYetWhenTheLinkIsTakenDownAgain) {
   kernel.getsRoute("wan0", "first", true);
   wanGoesDown();
   kernel.becomes("wan0", true, false);
@@ -225,8 +225,8 @@ TEST_F(LinkSwitch, KeepsRoutesThatAreNotBackYetWhenItIsTakenDownAgain) {
   EXPECT_EQ(kernel.takeCalls(), (Lines{"route second by 3", "route first by 3"}));
 }
 
-// Promise: The routes of a kept name are put back by the next link of that name.
-TEST_F(LinkSwitch, PutsTheRoutesOfAKeptNameBackByItsNextLink) {
+// Promise: The routes of a kept name are restored on the next link of that name.
+TEST_F(LinkSwitch, RestoresTheRoutesOfAKeptNameByItsNextLink) {
   kernel.getsRoute("wan0", "default", true);
   wanGoesDown();
   kernel.leaves("wan0");
@@ -234,9 +234,9 @@ TEST_F(LinkSwitch, PutsTheRoutesOfAKeptNameBackByItsNextLink) {
   EXPECT_EQ(kernel.takeCalls(), Lines{"route default by 5"});
 }
 
-// Promise: The routes of a name that leaves for good are dropped, also when it left while lumend
-// was away.
-TEST_F(LinkSwitch, DropsTheRoutesOfANameThatLeavesForGood) {
+// Promise: The routes of a name that leaves the table are dropped, even if it left while lumend was
+// away.
+TEST_F(LinkSwitch, DropsTheRoutesOfANameThatLeavesTheTable) {
   kernel.getsRoute("other", "default", true);
   EXPECT_EQ(setsDisabled(administrator, "other", true), "");
   kernel.becomes("other", false, false);
@@ -259,9 +259,9 @@ TEST_F(LinkSwitch, DropsTheRoutesOfANameThatLeftWhileLumendWasAway) {
   EXPECT_EQ(kernel.takeCalls(), Lines{});
 }
 
-// Promise: Routes that need each other are put back in the order that works; a route that is there
-// already counts as put back.
-TEST_F(LinkSwitch, TriesRoutesThatNeedEachOtherAgain) {
+// Promise: Routes that need each other are restored in an order that works; an existing route
+// counts as restored.
+TEST_F(LinkSwitch, RetriesRoutesThatNeedEachOther) {
   kernel.getsRoute("wan0", "behind", true);
   kernel.getsRoute("wan0", "nearer", true);
   bool nearerIsThere = false;
@@ -275,9 +275,9 @@ TEST_F(LinkSwitch, TriesRoutesThatNeedEachOtherAgain) {
             (Lines{"route behind by 3 refused", "route nearer by 3", "route behind by 3"}));
 }
 
-// Promise: Routes that the kernel does not take back are logged, `interface wan0: 1 saved routes
-// not put back: Network is unreachable`, and not tried forever.
-TEST_F(LinkSwitch, LogsTheRoutesThatTheKernelDoesNotTakeBack) {
+// Promise: Routes that the kernel refuses are logged, `interface wan0: 1 saved routes not put back:
+// Network is unreachable`, and not tried forever.
+TEST_F(LinkSwitch, LogsTheRoutesThatTheKernelRefuses) {
   kernel.getsRoute("wan0", "lost", true);
   kernel.getsRoute("wan0", "there", true);
   kernel.refusesRoute = [](const std::string& content) {
@@ -291,12 +291,12 @@ TEST_F(LinkSwitch, LogsTheRoutesThatTheKernelDoesNotTakeBack) {
   (void)kernel.takeCalls();
   kernel.becomes("wan0", true, false);
   kernel.becomes("wan0", true, true);
-  EXPECT_EQ(kernel.takeCalls(), Lines{}) << "they are not tried for ever";
+  EXPECT_EQ(kernel.takeCalls(), Lines{}) << "they are not tried forever";
 }
 
-// Promise: Saved routes stay saved when the link stops while they are put back, and those that the
-// kernel could not be asked for.
-TEST_F(LinkSwitch, KeepsTheRoutesWhenTheLinkStopsWhileTheyArePutBack) {
+// Promise: Saved routes stay saved when the link stops while they are restored, and when the kernel
+// could not be asked.
+TEST_F(LinkSwitch, KeepsTheRoutesWhenTheLinkStopsWhileTheyAreRestored) {
   kernel.getsRoute("wan0", "on-link");
   kernel.getsRoute("wan0", "default", true);
   wanGoesDown();
@@ -329,8 +329,8 @@ TEST_F(LinkSwitch, KeepsTheRoutesThatTheKernelCouldNotBeAskedFor) {
   EXPECT_EQ(kernel.takeCalls(), Lines{"route default by 3"});
 }
 
-// Promise [saved-routes]: Of a link's routes 96 KiB are saved, and the log says how many were too
-// many: `interface wan0: 1017 routes too many to save`.
+// Promise [saved-routes]: Of a link's routes 96 KiB are saved, and the number of the others is
+// logged: `interface wan0: 1017 routes too many to save`.
 TEST_F(LinkSwitch, SavesAsManyRoutesAsARecordHolds) {
   for (int i = 0; i < 2000; ++i) kernel.getsRoute("wan0", std::string(68, 'r'));
   testing::internal::CaptureStdout();
@@ -406,7 +406,7 @@ TEST_F(LinkSwitch, DoesNotSaveARouteTwice) {
   kernel.getsRoute("wan0", "default");
   wanGoesDown();
   kernel.becomes("wan0", true, false);
-  kernel.getsRoute("wan0", "default");  // somebody put it back
+  kernel.getsRoute("wan0", "default");  // restored by an administrator
   wanGoesDown();
   kernel.becomes("wan0", true, true);
   EXPECT_EQ(kernel.takeCalls(), Lines{"route default by 3"});
@@ -420,8 +420,8 @@ TEST_F(LinkSwitch, KeepsTheRoutesOfALinkThatIsGoneAgain) {
   kernel.silent = true;
   kernel.leaves("wan0");
   kernel.silent = false;
-  kernel.tellsOf(late);
-  EXPECT_EQ(kernel.takeCalls(), Lines{}) << "told late";
+  kernel.deliversLate(late);
+  EXPECT_EQ(kernel.takeCalls(), Lines{}) << "reported late";
   kernel.readsEverything();
   kernel.appears("wan0");
   EXPECT_EQ(kernel.takeCalls(), Lines{"route default by 5"});
@@ -456,7 +456,7 @@ TEST_F(LinkSwitch, ASwitchThatChangedNothingHasNothingToUndo) {
 
 // Promise: The log says which program took a link down or up: `interface wan0 down for upnp`,
 // `interface wan0 up for the administrator`.
-TEST_F(LinkSwitch, SaysInTheLogWhoTookALinkDown) {
+TEST_F(LinkSwitch, LogsWhoTookALinkDown) {
   testing::internal::CaptureStdout();
   EXPECT_EQ(setsDisabled(daemon, "wan0", true), "");
   EXPECT_EQ(setsDisabled(administrator, "wan0", false), "");

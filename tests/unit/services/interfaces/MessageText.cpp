@@ -1,11 +1,10 @@
 #include "services/interfaces/MessageText.h"
 
-#include <arpa/inet.h>
-
 #include <cstdio>
 #include <map>
 
 #include "lumen/runtime/Fields.h"
+#include "lumen/values/Ipv4.h"
 #include "platform/Keys.h"
 #include "platform/wire/Addresses.h"
 #include "platform/wire/Interfaces.h"
@@ -54,10 +53,7 @@ class Writer {
   std::string operator()(const lm::message& value) const { return "{" + text(value) + "}"; }
   std::string operator()(uint32_t value) const {
     if (key_ != lm::addresses::key::address) return std::to_string(value);
-    // A field holds the number that the address makes in network order.
-    const in_addr address{htonl(value)};
-    char dotted[INET_ADDRSTRLEN];
-    return inet_ntop(AF_INET, &address, dotted, sizeof dotted);
+    return Ipv4Address::fromNumber(value).text();
   }
   template <typename T>
   std::string operator()(const std::vector<T>& values) const {

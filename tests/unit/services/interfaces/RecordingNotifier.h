@@ -11,7 +11,7 @@
 
 namespace lumen {
 
-/// Writes down every notification as a line: "interface", "state" or "address", then its fields.
+/// Records every notification as a line: "interface", "state" or "address", then its fields.
 class RecordingNotifier : public Notifier {
  public:
   void notify(uint32_t command, const std::vector<uint32_t>& source,

@@ -35,7 +35,7 @@ class Router : public testing::Test {
 
   /// Starts the tables. Links that are there already are not in the recorded notifications.
   void starts();
-  /// lumend ends and starts again on the same store; the kernel goes on.
+  /// lumend ends and starts again on the same store; the kernel keeps running.
   void restarts();
   /// Starts with the link wan0, which then gets 45.45.45.2/24. Those notifications are taken.
   void startsWithWan(bool running = true);
@@ -43,7 +43,7 @@ class Router : public testing::Test {
   [[nodiscard]] std::string stored(uint32_t record) const {
     return store_.read(std::to_string(record));
   }
-  /// What an earlier life has left in the store.
+  /// What an earlier lumend has left in the store.
   void storeHolds(uint32_t record, const lm::message& content);
   /// Nothing can be stored from now on.
   void storeBecomesUnwritable() { std::filesystem::remove_all(store_.path()); }

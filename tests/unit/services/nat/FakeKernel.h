@@ -16,7 +16,7 @@
 
 namespace lumen::test {
 
-/// Keeps the texts that it is given. It does all of them, unless a test scripts another result.
+/// Records the commands. All succeed, unless a test scripts another result.
 class FakeNftables : public Nftables {
  public:
   Result<std::string> run(const std::string& commands) override {
@@ -34,7 +34,7 @@ class FakeNftables : public Nftables {
     scripts_.insert_or_assign(commands, Failure{text});
   }
 
-  /// What came since the last call.
+  /// The commands since the last call.
   std::vector<std::string> takeTexts() { return std::exchange(texts, {}); }
 
   std::vector<std::string> texts;
@@ -43,7 +43,7 @@ class FakeNftables : public Nftables {
   std::map<std::string, Result<std::string>> scripts_;
 };
 
-/// Flows that a test writes down. A sweep is over when the test says so.
+/// Flows that a test lists. A sweep ends when the test decides.
 class FakeFlows : public Flows {
  public:
   void sweepUdp(const std::set<Endpoint>& destinations, Sweeper& sweeper) override {

@@ -53,7 +53,7 @@ TEST_F(FlowCleanerTest, FreesAUdpFlowThatWasStuckBeforeItsPortWasOpened) {
 }
 
 // Promise: Flows that go where they should, and those of other ports, are left alone.
-TEST_F(FlowCleanerTest, LeavesAFlowThatGoesWhereItShould) {
+TEST_F(FlowCleanerTest, KeepsAFlowThatGoesWhereItShould) {
   opens({.protocol = "udp"});
   flows.flows = {udp(8080, "192.168.88.10", 80)};
   sweepRuns();
@@ -93,7 +93,7 @@ TEST_F(FlowCleanerTest, EndsFlowsWhenAPortIsDisabledOrClosedOrItsOwnerEnds) {
   EXPECT_TRUE(flows.flows.empty());
 }
 
-// Promise [flows-tcp]: TCP connections outlive the port that they came by.
+// Promise [flows-tcp]: TCP connections outlive the port through which they came.
 TEST_F(FlowCleanerTest, LeavesTcpConnectionsOpen) {
   removes(opens({}));
   passes(1s);
@@ -101,7 +101,7 @@ TEST_F(FlowCleanerTest, LeavesTcpConnectionsOpen) {
 }
 
 // Also proves [flows-sweep].
-TEST_F(FlowCleanerTest, SweepsOnceForPortsThatOpenInARow) {
+TEST_F(FlowCleanerTest, SweepsOnceForPortsThatOpenInQuickSuccession) {
   for (uint32_t i = 0; i < 2000; ++i) {
     const std::string client = "192.168.88." + std::to_string(10 + i / 100);
     opens({.protocol = "udp", .port = 2000 + i, .client = client.c_str()});
@@ -112,7 +112,7 @@ TEST_F(FlowCleanerTest, SweepsOnceForPortsThatOpenInARow) {
 }
 
 // Promise [flows-sweep]: Flows are swept at most ten times a second and for at most a tenth of the
-// time, once for ports that change in a row.
+// time, once for ports that change in quick succession.
 TEST_F(FlowCleanerTest, SweepsAtMostTenTimesASecond) {
   opens({.protocol = "udp", .port = 5000});
   sweepRuns();
@@ -135,7 +135,7 @@ TEST_F(FlowCleanerTest, SweepsForAtMostATenthOfTheTime) {
 }
 
 // Also proves [flows-sweep].
-TEST_F(FlowCleanerTest, KeepsWhatChangesDuringASweepForTheNext) {
+TEST_F(FlowCleanerTest, KeepsChangesDuringASweepForTheNextOne) {
   opens({.protocol = "udp", .port = 5000});
   passes(0ms);
   ASSERT_TRUE(flows.sweeping());
@@ -185,7 +185,7 @@ TEST_F(FlowCleanerTest, KeepsTheMarkOfAPortThatWasOpenAgainDuringASweep) {
   EXPECT_EQ(removes(id), "");
   EXPECT_EQ(removes(opens({.protocol = "udp"})), "");
   flows.finishSweep();
-  EXPECT_EQ(marks.all().size(), 1U) << "what came through it meanwhile has not been looked at";
+  EXPECT_EQ(marks.all().size(), 1U) << "flows that began meanwhile have not been swept";
   passes(100ms);
   flows.finishSweep();
   EXPECT_EQ(marks.all(), std::set<Endpoint>());
@@ -242,7 +242,7 @@ TEST_F(FlowCleanerTest, SweepsThePortsOfAFailedSweepAgainWithTheNext) {
 }
 
 // Promise: lumend ends when the flows of the ports that it closed have been ended.
-TEST_F(FlowCleanerTest, IsIdleOnceAllFlowsHaveBeenLookedAt) {
+TEST_F(FlowCleanerTest, IsIdleOnceAllFlowsHaveBeenSwept) {
   EXPECT_TRUE(rules.flowsEnded());
   opens({.protocol = "udp", .port = 5000});
   EXPECT_FALSE(rules.flowsEnded()) << "a sweep is due";

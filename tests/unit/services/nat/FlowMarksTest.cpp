@@ -22,7 +22,7 @@ class FlowMarksTest : public ::testing::Test {
 };
 
 // Also proves [flows-files].
-TEST_F(FlowMarksTest, AreFilesThatTheNextLifeFinds) {
+TEST_F(FlowMarksTest, AreFilesThatTheNextProcessFinds) {
   EXPECT_EQ(marks.all(), std::set<Endpoint>());
   marks.set(phone);
   marks.set(last);

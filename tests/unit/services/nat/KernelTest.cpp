@@ -31,7 +31,7 @@ class NatKernelTest : public ::testing::Test {
   void opensTable() { ASSERT_EQ(whyNot(map->open(NAT_RULESET_FILE)), ""); }
 
   /// What another program sees.
-  static std::string seenBySomebodyElse(const std::string& command) {
+  static std::string seenByAnotherProgram(const std::string& command) {
     LibNftables other;
     const Result<std::string> seen = other.run(command);
     return seen ? *seen : seen.why();
@@ -76,21 +76,21 @@ TEST_F(NatKernelTest, HoldsAnElementForEachOpenPort) {
   opensTable();
   EXPECT_EQ(whyNot(map->add(key, client)), "");
   EXPECT_NE(
-      seenBySomebodyElse(listMap).find("45.45.45.1 . " + listed(IPPROTO_TCP) +
-                                       " . 8080 counter packets 0 bytes 0 : 192.168.88.10 . 80"),
+      seenByAnotherProgram(listMap).find("45.45.45.1 . " + listed(IPPROTO_TCP) +
+                                         " . 8080 counter packets 0 bytes 0 : 192.168.88.10 . 80"),
       std::string::npos);
   EXPECT_EQ(whyNot(map->remove({key})), "");
-  EXPECT_EQ(seenBySomebodyElse(listMap).find("45.45.45.1"), std::string::npos);
+  EXPECT_EQ(seenByAnotherProgram(listMap).find("45.45.45.1"), std::string::npos);
 }
 
-TEST_F(NatKernelTest, SaysWhyItRefuses) {
+TEST_F(NatKernelTest, ReportsWhyItRefuses) {
   opensTable();
   EXPECT_EQ(whyNot(map->add(key, client)), "");
   EXPECT_EQ(whyNot(map->add(key, {client.address, 81})),
             "Error: Could not process rule: File exists");
   EXPECT_EQ(whyNot(map->remove({key, {key.external, 17}})),
             "Error: Could not process rule: No such file or directory");
-  EXPECT_NE(seenBySomebodyElse(listMap).find("192.168.88.10 . 80"), std::string::npos)
+  EXPECT_NE(seenByAnotherProgram(listMap).find("192.168.88.10 . 80"), std::string::npos)
       << "the transaction did nothing";
 }
 
@@ -101,13 +101,13 @@ TEST_F(NatKernelTest, KeepsTheCounterOverAChange) {
                         "bytes 900 : 192.168.88.10 . 80 }")
                   .ok());
   EXPECT_EQ(whyNot(map->change(key, {client.address, 81})), "");
-  EXPECT_NE(
-      seenBySomebodyElse(listMap).find("45.45.45.1 . " + listed(IPPROTO_TCP) +
-                                       " . 8080 counter packets 7 bytes 900 : 192.168.88.10 . 81"),
-      std::string::npos);
+  EXPECT_NE(seenByAnotherProgram(listMap).find(
+                "45.45.45.1 . " + listed(IPPROTO_TCP) +
+                " . 8080 counter packets 7 bytes 900 : 192.168.88.10 . 81"),
+            std::string::npos);
 }
 
-TEST_F(NatKernelTest, TellsHowOftenAPortWasUsed) {
+TEST_F(NatKernelTest, ReadsHowOftenAPortWasUsed) {
   opensTable();
   const RuleKey udp{.external = key.external, .protocol = 17};
   ASSERT_EQ(whyNot(map->add(udp, client)), "");
@@ -121,7 +121,7 @@ TEST_F(NatKernelTest, TellsHowOftenAPortWasUsed) {
 
 // Promise [kernel-owned]: No other program can change or flush the table, and `nft flush ruleset`
 // leaves it out.
-TEST_F(NatKernelTest, KeepsTheTableFromEverybodyElse) {
+TEST_F(NatKernelTest, KeepsTheTableFromOtherPrograms) {
   opensTable();
   EXPECT_EQ(whyNot(map->add(key, client)), "");
   LibNftables other;
@@ -131,7 +131,7 @@ TEST_F(NatKernelTest, KeepsTheTableFromEverybodyElse) {
         "delete element ip lumen forwards { 45.45.45.1 . tcp . 8080 }"}) {
     EXPECT_FALSE(other.run(command).ok()) << command;
   }
-  EXPECT_NE(seenBySomebodyElse(listMap).find("192.168.88.10 . 80"), std::string::npos);
+  EXPECT_NE(seenByAnotherProgram(listMap).find("192.168.88.10 . 80"), std::string::npos);
   EXPECT_EQ(whyNot(map->remove({key})), "");
 }
 
@@ -149,7 +149,7 @@ TEST_F(NatKernelTest, RemovesTheTableAtItsEnd) {
   opensTable();
   EXPECT_EQ(whyNot(map->add(key, client)), "");
   nftables.reset();
-  EXPECT_TRUE(comesToHold([] { return seenBySomebodyElse("list tables ip").empty(); }));
+  EXPECT_TRUE(comesToHold([] { return seenByAnotherProgram("list tables ip").empty(); }));
 }
 
 // Also proves [kernel-gone].
@@ -162,10 +162,10 @@ TEST_F(NatKernelTest, RemovesTheTableWhenItsProcessIsKilled) {
     for (;;) pause();
   }
   EXPECT_TRUE(
-      comesToHold([] { return seenBySomebodyElse("list tables ip") == "table ip lumen\n"; }));
+      comesToHold([] { return seenByAnotherProgram("list tables ip") == "table ip lumen\n"; }));
   kill(child, SIGKILL);
   waitpid(child, nullptr, 0);
-  EXPECT_TRUE(comesToHold([] { return seenBySomebodyElse("list tables ip").empty(); }));
+  EXPECT_TRUE(comesToHold([] { return seenByAnotherProgram("list tables ip").empty(); }));
 }
 
 // Also proves [kernel-gone].
@@ -193,7 +193,7 @@ TEST_F(NatKernelTest, IsNotUsedWhenChildrenWouldKeepItsSocket) {
   EXPECT_EQ(log.text(), "nftables socket: not found: Operation not permitted\n");
 }
 
-TEST_F(NatKernelTest, SaysWhatIsWrongWithTheRulesetFile) {
+TEST_F(NatKernelTest, NamesTheErrorInTheRulesetFile) {
   lm::test::TempDir directory;
   std::string missing = directory.file("missing.nft");
   std::string error = whyNot(map->open(missing));
@@ -208,7 +208,7 @@ TEST_F(NatKernelTest, SaysWhatIsWrongWithTheRulesetFile) {
   directory.write("unowned.nft", "table ip lumen { }\n");
   EXPECT_EQ(whyNot(map->open(unowned)),
             "the NAT ruleset " + unowned + " does not make a table ip lumen with \"flags owner\"");
-  EXPECT_EQ(seenBySomebodyElse("list tables ip"), "");
+  EXPECT_EQ(seenByAnotherProgram("list tables ip"), "");
   opensTable();
 }
 
@@ -244,7 +244,7 @@ TEST_F(NatKernelTest, ChangesCostTheSameWith5000Elements) {
     all.push_back({.external = {.address = key.external.address, .port = port}, .protocol = 17});
   }
   EXPECT_EQ(whyNot(map->remove(all)), "") << "in one transaction";
-  EXPECT_EQ(seenBySomebodyElse(listMap).find("45.45.45.1"), std::string::npos);
+  EXPECT_EQ(seenByAnotherProgram(listMap).find("45.45.45.1"), std::string::npos);
 }
 
 /// Real packets from a host on the WAN side.
@@ -265,7 +265,7 @@ class NatFlowsTest : public NatKernelTest, private FlowCleaner::OpenPorts {
     cleaner.changed(rule.external);
   }
   static void knocks(const lm::Fd& socket) {
-    // The error of an earlier packet that nobody took.
+    // The pending error of an earlier packet.
     int error = 0;
     socklen_t size = sizeof error;
     getsockopt(socket.get(), SOL_SOCKET, SO_ERROR, &error, &size);
@@ -334,7 +334,7 @@ TEST_F(NatFlowsTest, CountsTheFirstPacketOfEachFlow) {
   for (uint16_t port = 4000; port < 4003; ++port) knocks(host.udpSocket(port, 8080));
   EXPECT_TRUE(comesToHold([&] { return translated() == 3; }));
   EXPECT_EQ(whyNot(map->change(udpKey(8080), client)), "");
-  std::string seen = seenBySomebodyElse(listMap);
+  std::string seen = seenByAnotherProgram(listMap);
   EXPECT_NE(seen.find("45.45.45.1 . " + listed(IPPROTO_UDP) + " . 8080 counter packets 3 "),
             std::string::npos)
       << seen;
@@ -378,7 +378,7 @@ TEST_F(NatFlowsTest, EndsFlowsToTwoAddressesInOneSweep) {
 
 // Promise: Flows that cannot be read or ended are logged, `conntrack dump: Operation not
 // permitted`, and delay no request.
-TEST_F(NatFlowsTest, SaysWhyFlowsCannotBeRead) {
+TEST_F(NatFlowsTest, LogsWhyFlowsCannotBeRead) {
   const auto visits = [this] { return flows.visitTranslated([](const Flow&) {}); };
   lm::test::LogCapture log;
   for (const int call : {SCMP_SYS(socket), SCMP_SYS(bind), SCMP_SYS(sendto), SCMP_SYS(recvmsg)}) {
@@ -406,7 +406,7 @@ TEST_F(NatFlowsTest, EndsASweepThatCannotBegin) {
   } sweeper;
   lm::test::LogCapture log;
   whileRefused({SCMP_SYS(sendto)}, EIO, [&] { flows.sweepUdp({udpKey(8080).external}, sweeper); });
-  EXPECT_EQ(sweeper.times, 0) << "it is told from the loop";
+  EXPECT_EQ(sweeper.times, 0) << "it is notified from the loop";
   EXPECT_TRUE(turnsUntil([&] { return sweeper.times == 1; }));
   whileRefused({SCMP_SYS(socket)}, EMFILE,
                [&] { flows.sweepUdp({udpKey(8080).external}, sweeper); });
@@ -417,7 +417,7 @@ TEST_F(NatFlowsTest, EndsASweepThatCannotBegin) {
             "conntrack socket: Too many open files\n");
 }
 
-TEST_F(NatFlowsTest, SaysWhenAFlowCannotBeEnded) {
+TEST_F(NatFlowsTest, LogsThatAFlowCannotBeEnded) {
   const lm::Fd socket = host.udpSocket(4000, 8080);
   opens(8080);
   EXPECT_TRUE(turnsUntil([&] {
@@ -450,13 +450,13 @@ TEST_F(NatFlowsTest, SaysWhenAFlowCannotBeEnded) {
 }
 
 // Promise: lumend may end while flows are being swept.
-TEST_F(NatFlowsTest, LeavesASweepThatIsUnderWayBehindAtItsEnd) {
-  class Nobody : public Flows::Sweeper {
+TEST_F(NatFlowsTest, AbandonsASweepWhenItIsDestroyed) {
+  class IdleSweeper : public Flows::Sweeper {
     bool ends(const Flow&) override { return false; }
     void swept(bool) override { ADD_FAILURE(); }
-  } nobody;
+  } idle;
   NetlinkFlows shortLived;
-  shortLived.sweepUdp({udpKey(8080).external}, nobody);
+  shortLived.sweepUdp({udpKey(8080).external}, idle);
 }
 
 }  // namespace

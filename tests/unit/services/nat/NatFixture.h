@@ -77,7 +77,7 @@ class NatFixture : public ::testing::Test {
   std::string sets(const lm::message& request) { return asks(daemon, lm::cmd::setObject, request); }
   std::string removes(uint32_t id) { return asks(daemon, lm::cmd::removeObject, idOnly(id)); }
 
-  /// The requester of the last change has given it up.
+  /// The requester of the last change gives it up.
   void givesUp() {
     const auto undo = rules.takeUndo();
     ASSERT_TRUE(static_cast<bool>(undo));
@@ -118,7 +118,7 @@ class NatFixture : public ::testing::Test {
     return request;
   }
 
-  /// What the kernel was told since the last call, less what only counts.
+  /// The commands to the kernel since the last call, without those that only read counters.
   std::vector<std::string> kernelTexts() {
     std::vector<std::string> texts = nftables.takeTexts();
     std::erase(texts, listMap);
@@ -136,7 +136,7 @@ class NatFixture : public ::testing::Test {
   }
 
   Caller daemon{.connection = 7, .service = 40, .name = "upnp", .administrator = false};
-  Caller stranger{.connection = 8, .service = 0, .name = "", .administrator = false};
+  Caller otherProgram{.connection = 8, .service = 0, .name = "", .administrator = false};
   Caller admin{.connection = 9, .service = 0, .name = "", .administrator = true};
 
   lm::test::ManualClock clock;

@@ -72,7 +72,7 @@ TEST_F(NatListTest, MarksARuleWhoseAddressHasLeftTheRouter) {
   EXPECT_FALSE(lists()[0].get_bool(lm::nat::key::stale));
 }
 
-TEST_F(NatListTest, TellsForHowManySecondsAPortHasBeenOpen) {
+TEST_F(NatListTest, ListsForHowManySecondsAPortHasBeenOpen) {
   opens({});
   passes(999ms);
   EXPECT_EQ(lists()[0].get_u64(lm::nat::key::seconds), 0U);
@@ -105,12 +105,12 @@ TEST_F(NatListTest, ListsInRisingOrderOfIdBy64AndCountsTheConnectionsOnce) {
   EXPECT_EQ(listings(), 1);
 
   EXPECT_EQ(lists().size(), 130U);
-  EXPECT_EQ(flows.visits, 2) << "a new listing counts anew";
+  EXPECT_EQ(flows.visits, 2) << "a new listing counts again";
   EXPECT_EQ(listings(), 2);
 }
 
 // Also proves [rule-pages].
-TEST_F(NatListTest, GivesNoReaderWhatAnotherCounted) {
+TEST_F(NatListTest, DoesNotShareCountsBetweenReaders) {
   for (uint32_t i = 0; i < 100; ++i) opens({.port = 2000 + i});
   Caller other = admin;
   other.connection = 10;
@@ -144,7 +144,7 @@ uint64_t usesOf(const lm::message& record) { return record.get_u64(lm::nat::key:
 
 // Promise: The number of connections since a port was opened is known for a port that was changed
 // or closed too, and a flow of UDP is one of them.
-TEST_F(NatListTest, KnowsTheUsesOfAPortThatWasTakenOutOfTheKernel) {
+TEST_F(NatListTest, KeepsTheUsesOfAPortThatWasTakenOutOfTheKernel) {
   uint32_t id = opens({});
   const char* get = "get element ip lumen forwards { 45.45.45.1 . tcp . 8080 }";
   nftables.prints(get, "elements = { 45.45.45.1 . tcp . 8080 counter packets 3 bytes 180 : x }");
@@ -159,7 +159,7 @@ TEST_F(NatListTest, KnowsTheUsesOfAPortThatWasTakenOutOfTheKernel) {
   EXPECT_EQ(usesOf(lists()[0]), 7U);
 }
 
-TEST_F(NatListTest, LeavesOutUsesThatTheKernelDoesNotTell) {
+TEST_F(NatListTest, LeavesOutUsesThatTheKernelDoesNotReport) {
   opens({});
   opens({.port = 8081, .disabled = true});
   nftables.refuses(listMap, "Error: Too many open files\n");
@@ -179,12 +179,12 @@ TEST_F(NatListTest, LeavesOutConnectionsThatCouldNotAllBeCounted) {
   flows.flows = {flow(6, 8080)};
   flows.readable = false;
   EXPECT_EQ(lists()[0].fields().find(lm::nat::key::connections), nullptr);
-  EXPECT_EQ(usesOf(lists()[0]), 0U) << "the rest is told";
+  EXPECT_EQ(usesOf(lists()[0]), 0U) << "the rest is listed";
 }
 
 // Promise: An unknown cursor gives an empty last page, and an empty table costs no query of the
 // kernel.
-TEST_F(NatListTest, TakesACursorThatNobodyGaveOut) {
+TEST_F(NatListTest, TakesACursorThatWasNeverIssued) {
   opens({});
   lm::message request;
   request.insert_u32(lm::key::cursor, 0xFFFFFFFE);

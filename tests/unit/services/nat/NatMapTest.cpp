@@ -30,7 +30,7 @@ class NatMapTest : public ::testing::Test {
 
 // Promise: The base ruleset is read from a file; one that is missing, wrong or makes another table
 // than lumend needs is refused with the reason and leaves no table.
-TEST_F(NatMapTest, LoadsTheRulesetOnceItIsSureThatNobodyElseHasTheTable) {
+TEST_F(NatMapTest, LoadsTheRulesetOnceNoOtherProgramHasTheTable) {
   nftables.prints("list tables ip", "table ip lumen2\ntable ip filter\n");
   nftables.prints("list table ip lumen", ownTable);
   EXPECT_EQ(whyNot(map.open("/r.nft")), "");
@@ -47,7 +47,7 @@ TEST_F(NatMapTest, RefusesToShareTheTable) {
   EXPECT_EQ(nftables.texts, Texts{"list tables ip"});
 }
 
-TEST_F(NatMapTest, SaysWhyItCannotStart) {
+TEST_F(NatMapTest, ReportsWhyItCannotStart) {
   nftables.refuses("list tables ip", "Error: Operation not permitted\n");
   EXPECT_EQ(whyNot(map.open("/r.nft")),
             "cannot read the nftables tables: Error: Operation not permitted");
@@ -58,7 +58,7 @@ TEST_F(NatMapTest, SaysWhyItCannotStart) {
             "Error: syntax error");
 }
 
-TEST_F(NatMapTest, LeavesNoTableBehindThatIsNotWhatItNeeds) {
+TEST_F(NatMapTest, RemovesATableThatIsNotWhatItNeeds) {
   struct Row {
     std::string part;
     std::string words;
@@ -105,7 +105,7 @@ TEST_F(NatMapTest, ReadsHowOftenEachPortWasUsed) {
 
 // Promise: How many connections used a port is known also where the kernel's protocols have no
 // names, without `/etc/protocols`.
-TEST_F(NatMapTest, KnowsTheProtocolsByTheirNumbersToo) {
+TEST_F(NatMapTest, ReadsProtocolsByNumberToo) {
   nftables.prints("list map ip lumen forwards",
                   "elements = { 45.45.45.1 . 6 . 80 counter packets 3 bytes 180 : 10.0.0.1 . 1,\n"
                   "45.45.45.1 . 17 . 80 counter packets 4 bytes 180 : 10.0.0.1 . 1 }");
@@ -115,7 +115,7 @@ TEST_F(NatMapTest, KnowsTheProtocolsByTheirNumbersToo) {
                                {{.external = external, .protocol = 17}, 4}}));
 }
 
-TEST_F(NatMapTest, PassesOverElementsThatItDidNotMake) {
+TEST_F(NatMapTest, SkipsElementsThatItDidNotMake) {
   for (const char* element :
        {"45.45.45.256 . tcp . 80", "45.45.45.1 . sctp . 80", "45.45.45.1 . tcp . 65536",
         "45.45.45.1 . tcp . http", "45.45.45.1 . tcp", "45.45.45.1", "", "a . b . c . d"}) {

@@ -26,7 +26,7 @@ using NatRefusalTest = NatFixture;
 // Promise [rule-ports]: A port outside 1 to 65535 is refused: `external port must be from 1 to
 // 65535`, `internal port must be from 1 to 65535`.
 // Promise: A field that a rule does not have is refused: `field 0x08000030 is not known here`.
-TEST_F(NatRefusalTest, SaysWhatIsWrongWithARequest) {
+TEST_F(NatRefusalTest, NamesTheErrorInARequest) {
   struct Row {
     std::function<void(lm::message&)> spoil;
     const char* refusal;
@@ -98,7 +98,7 @@ TEST_F(NatRefusalTest, SaysWhatIsWrongWithARequest) {
 // address`.
 // Promise: An internal client outside the policy is refused: `internal client 8.8.8.8 is not
 // allowed by the policy: it is not directly connected`.
-TEST_F(NatRefusalTest, SaysWhatIsWrongWithAPort) {
+TEST_F(NatRefusalTest, NamesTheErrorInAPort) {
   struct Row {
     Port port;
     const char* refusal;
@@ -270,7 +270,7 @@ TEST_F(NatRefusalTest, KeepsNoPlaceFromAClientThatAnotherOneLeavesItsRule) {
             "there are 12 rules already, the policy allows 12");
 }
 
-/// Whatever comes, the texts for the kernel are made of checked numbers only.
+/// Whatever the request, the commands to the kernel consist of checked numbers only.
 TEST_F(NatRefusalTest, SurvivesRandomRequests) {
   std::mt19937 random(20260);
   const std::string good = lm::encode(addRequest({}));

@@ -111,7 +111,7 @@ TEST_F(NatRulesTest, RemovingARuleThatThisConnectionOnceHadSucceeds) {
   uint32_t id = opens({});
   EXPECT_EQ(removes(id), "");
   EXPECT_EQ(removes(id), "");
-  EXPECT_EQ(asks(stranger, lm::cmd::removeObject, idOnly(id)), "no such object");
+  EXPECT_EQ(asks(otherProgram, lm::cmd::removeObject, idOnly(id)), "no such object");
   EXPECT_EQ(removes(id + 1), "no such object");
 }
 
@@ -155,9 +155,9 @@ TEST_F(NatRulesTest, AChangeThatWasGivenUpLeavesTheRuleAsItWas) {
   }
 }
 
-// Promise [cancel-rule-others]: What others have done to the rule meanwhile wins over that: a port
-// that the administrator closed stays closed, and one that another program has taken stays with it,
-// which is logged.
+// Promise [cancel-rule-others]: What others have done to the rule meanwhile takes precedence: a
+// port that the administrator closed stays closed, and one that another program has taken stays
+// with it, which is logged.
 TEST_F(NatRulesTest, AChangeThatWasGivenUpDoesNotOpenWhatWasClosedMeanwhile) {
   uint32_t id = opens({});
   EXPECT_EQ(sets(setRequest(id, "192.168.88.10", 80, true)), "");
@@ -192,7 +192,7 @@ TEST_F(NatRulesTest, ARemovalThatWasGivenUpLeavesTheRuleWithItsId) {
   EXPECT_EQ(sets(setRequest(id, "192.168.88.10", 80, true)), "") << "it is still its owner's";
 }
 
-TEST_F(NatRulesTest, ARemovalThatWasGivenUpIsUndoneWhateverThePolicySaysNow) {
+TEST_F(NatRulesTest, ARemovalThatWasGivenUpIsUndoneWhateverThePolicyIsNow) {
   uint32_t id = opens({});
   restrictsPortsTo("9000-9999");
   EXPECT_EQ(removes(id), "");
@@ -204,7 +204,7 @@ TEST_F(NatRulesTest, ARemovalWhosePortIsTakenMeanwhileStays) {
   uint32_t id = opens({});
   EXPECT_EQ(removes(id), "");
   const auto undo = rules.takeUndo();
-  uint32_t other = opensAs(stranger, {});
+  uint32_t other = opensAs(otherProgram, {});
   const lm::test::LogCapture log;
   undo();
   EXPECT_EQ(log.text(), "nat add failed: tcp port 8080 of 45.45.45.1: in use since its removal\n");
@@ -222,9 +222,8 @@ TEST_F(NatRulesTest, WhatChangedNothingHasNothingToUndo) {
   EXPECT_FALSE(rules.takeUndo());
 }
 
-// Promise [cancel-policy]: A policy whose writing was given up is the one of before, after a
-// restart as well.
-TEST_F(NatRulesTest, APolicyThatWasGivenUpIsTheOneOfBefore) {
+// Promise [cancel-policy]: A policy change that was given up is undone, after a restart as well.
+TEST_F(NatRulesTest, APolicyChangeThatWasGivenUpIsUndone) {
   const lm::message before = rules.handle(admin, lm::cmd::get, {});
   restrictsPortsTo("9000-9999");
   givesUp();
@@ -246,7 +245,7 @@ TEST_F(NatRulesTest, RemovingARuleThatTheAdministratorRemovedSucceeds) {
   EXPECT_EQ(removes(foreign), "no such object");
 }
 
-// Promise [rules-die]: The rules of a connection go with it, in one transaction, however it ends.
+// Promise [rules-die]: The rules of a connection end with it, in one transaction, however it ends.
 TEST_F(NatRulesTest, RemovesTheRulesOfAConnectionThatEndedInOneTransaction) {
   opens({});
   opens({.protocol = "udp", .port = 5000});
@@ -270,8 +269,8 @@ TEST_F(NatRulesTest, LeavesTheKernelAloneWhenAConnectionWithoutRulesEnds) {
   EXPECT_EQ(kernelTexts(), Texts{});
 }
 
-// Promise: Rules that the kernel does not remove together are removed one by one, and the log says
-// why: `nat remove of 2 rules failed: ` and the kernel's text.
+// Promise: Rules that the kernel does not remove together are removed one by one, and the reason is
+// logged: `nat remove of 2 rules failed: ` and the kernel's text.
 TEST_F(NatRulesTest, RemovesRulesOneByOneWhenTheyDoNotGoTogether) {
   opens({});
   opens({.port = 8081});
@@ -289,7 +288,7 @@ TEST_F(NatRulesTest, RemovesRulesOneByOneWhenTheyDoNotGoTogether) {
                    "delete element ip lumen forwards { 45.45.45.1 . tcp . 8081 }"}));
 }
 
-TEST_F(NatRulesTest, SaysWhichRuleTheKernelDoesNotRemove) {
+TEST_F(NatRulesTest, LogsWhichRuleTheKernelDoesNotRemove) {
   opens({});
   kernelTexts();
   nftables.refuses("delete element ip lumen forwards { 45.45.45.1 . tcp . 8080 }",
@@ -307,7 +306,7 @@ TEST_F(NatRulesTest, SaysWhichRuleTheKernelDoesNotRemove) {
 
 // Promise: What the kernel refuses is answered with `the kernel refused it: ` and its text, is
 // logged with port and address, and leaves nothing.
-TEST_F(NatRulesTest, RefusesWhatTheKernelRefusesAndKeepsNothingOfIt) {
+TEST_F(NatRulesTest, ARuleThatTheKernelRefusesIsRefusedAndLeavesNothing) {
   nftables.refuses("add element ip lumen forwards { 45.45.45.1 . tcp . 8080 : 192.168.88.10 . 80 }",
                    "Error: Could not process rule: Cannot allocate memory\nadd element\n^^^\n");
   ::testing::internal::CaptureStdout();
@@ -367,9 +366,9 @@ TEST_F(NatRulesTest, ClosesAPortUntilItsOwnerRemovesIt) {
   opens({});
 }
 
-// Promise: Closing says nothing else: `closing a port changes nothing else`; a closed port is not
-// opened again: `a closed port stays closed`.
-TEST_F(NatRulesTest, ClosingSaysNothingElse) {
+// Promise: A request that closes a port changes nothing else: `closing a port changes nothing
+// else`; a closed port is not opened again: `a closed port stays closed`.
+TEST_F(NatRulesTest, ClosingChangesNothingElse) {
   uint32_t id = opens({});
   lm::message reopen = idOnly(id);
   reopen.insert_bool(lm::nat::key::closed, false);
@@ -386,8 +385,8 @@ TEST_F(NatRulesTest, ClosesAPortThatThePolicyWouldRefuseNow) {
   EXPECT_EQ(closes(id), "");
 }
 
-// Promise: A command that no rule table has is answered with `unknown command`, an id that there is
-// not with `no such object`.
+// Promise: An unknown command is answered with `unknown command`, an unknown id with `no such
+// object`.
 TEST_F(NatRulesTest, AnswersOnlyTheCommandsOfARuleTable) {
   for (uint32_t command : {0U, 2U, 0xfe0001U, 0xfe000bU, 0x10004U, 0xFFFFFFFFU}) {
     EXPECT_EQ(asks(admin, command, {}), "unknown command");
@@ -401,9 +400,9 @@ TEST_F(NatRulesTest, AnswersOnlyTheCommandsOfARuleTable) {
 // `not permitted`.
 TEST_F(NatRulesTest, LetsAServiceChangeItsOwnRulesOnly) {
   uint32_t id = opens({});
-  EXPECT_EQ(asks(stranger, lm::cmd::setObject, setRequest(id, "192.168.88.10", 81)),
+  EXPECT_EQ(asks(otherProgram, lm::cmd::setObject, setRequest(id, "192.168.88.10", 81)),
             "not permitted");
-  EXPECT_EQ(asks(stranger, lm::cmd::removeObject, idOnly(id)), "not permitted");
+  EXPECT_EQ(asks(otherProgram, lm::cmd::removeObject, idOnly(id)), "not permitted");
   EXPECT_EQ(asks(daemon, lm::cmd::setObject, closeRequest(id)), "not permitted");
   for (uint32_t command :
        {lm::cmd::list, lm::cmd::readAll, lm::cmd::readObject, lm::cmd::get, lm::cmd::set}) {
@@ -413,7 +412,7 @@ TEST_F(NatRulesTest, LetsAServiceChangeItsOwnRulesOnly) {
 }
 
 // Promise: An administrator may change and remove all rules.
-TEST_F(NatRulesTest, LetsTheAdministratorChangeEverybodysRules) {
+TEST_F(NatRulesTest, LetsTheAdministratorChangeAllRules) {
   uint32_t id = opens({.disabled = true});
   EXPECT_EQ(asks(admin, lm::cmd::setObject, setRequest(id, "192.168.88.11", 81)), "");
   EXPECT_EQ(lists()[0].get_string(lm::nat::key::owner), "upnp");

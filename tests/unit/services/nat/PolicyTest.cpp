@@ -87,7 +87,7 @@ TEST_F(PolicyForClients, NeverAllowsTheRouterNorTheSideOfTheExternalAddress) {
 // Promise [client-broadcast]: An address that reaches many hosts of a connected network, its
 // broadcast address or its own, is refused whatever the policy says: `internal client
 // 192.168.88.255 is not the address of a host`.
-TEST_F(PolicyForClients, NeverAllowsAnAddressThatTheRouterHearsTogetherWithOthers) {
+TEST_F(PolicyForClients, NeverAllowsAnAddressThatReachesSeveralHosts) {
   allowNetworks("192.168.88.0/24, 45.45.45.0/24");
   for (const std::string address :
        {"192.168.88.255", "192.168.88.0", "45.45.45.255", "45.45.45.0"}) {
@@ -98,7 +98,7 @@ TEST_F(PolicyForClients, NeverAllowsAnAddressThatTheRouterHearsTogetherWithOther
 // Promise [policy-maxima]: `max-rules` and `max-rules-per-client` are from 0 to 65536: `max-rules:
 // "65537" is not a number from 0 to 65536`.
 // Also proves [policy-ports], [policy-clients].
-TEST(Policy, SaysWhatIsWrongWithAValueAndKeepsTheOldOne) {
+TEST(Policy, NamesTheErrorInAValueAndKeepsTheOldOne) {
   struct Row {
     const char* name;
     std::string value;
@@ -214,7 +214,7 @@ TEST_F(PolicyBookTest, ReadsTheFileThatIsInstalled) {
 // Promise [policy-file]: A policy file of more than 16384 bytes, or that is no text, is refused:
 // `is too long`, `is no text`.
 // Also proves [policy-error].
-TEST_F(PolicyBookTest, RefusesAFileThatItDoesNotUnderstandWhole) {
+TEST_F(PolicyBookTest, RefusesAFileThatItDoesNotUnderstandCompletely) {
   struct Row {
     const char* content;
     const char* reason;
@@ -265,8 +265,8 @@ TEST_F(PolicyBookTest, KeepsWhatIsSetByCommandOverTheFile) {
   EXPECT_EQ(later.policy().maxRules, 8U) << "what was not set still comes from the file";
 }
 
-// Promise: A stored policy that lumend does not understand is not guessed at: `stored NAT policy: `
-// and what is wrong.
+// Promise: A stored policy that lumend does not understand is refused: `stored NAT policy: ` and
+// what is wrong.
 TEST_F(PolicyBookTest, RefusesAStoredSettingThatItDoesNotUnderstand) {
   EXPECT_TRUE(lm::Store(directory.path(), 1).set(0, portsOnly("http")));
   EXPECT_EQ(whyNot(book.load()),
@@ -274,7 +274,7 @@ TEST_F(PolicyBookTest, RefusesAStoredSettingThatItDoesNotUnderstand) {
             "range of ports");
 }
 
-TEST_F(PolicyBookTest, SaysTheFirstThingThatIsWrong) {
+TEST_F(PolicyBookTest, ReportsTheFirstError) {
   EXPECT_EQ(loads("max-rules = many\nmax-rule = 5\n"),
             filePath + ":1: max-rules: \"many\" is not a number from 0 to 65536");
 }

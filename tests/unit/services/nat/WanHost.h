@@ -19,7 +19,7 @@
 
 namespace lumen::test {
 
-/// A network namespace that nothing has happened in yet. The test program moves there for good.
+/// A fresh network namespace. The test program moves there permanently.
 class FreshNetwork {
  public:
   FreshNetwork() { EXPECT_EQ(unshare(CLONE_NEWNET), 0); }
@@ -40,7 +40,7 @@ class WanHost {
         "wan0 up");
     run("nsenter -t " + pid + " -n ip addr add 45.45.45.7/24 dev host0");
     run("nsenter -t " + pid + " -n ip link set host0 up");
-    // Nobody is there; it is enough that packets leave.
+    // No host is there; it is enough that packets leave.
     run("ip link add lan0 type veth peer name lan1 && ip link set lan1 up");
     run("ip addr add 192.168.88.1/24 dev lan0 && ip link set lan0 up");
     run("ip neigh add 192.168.88.10 lladdr 02:00:00:00:00:10 dev lan0");

@@ -17,7 +17,7 @@ std::string repeat(const std::string& text, size_t times) {
 const std::string longestName = repeat(std::string(63, 'a') + ".", 3) + std::string(61, 'b');
 
 // Also proves [resolver-command], [resolver-names].
-TEST(HostName, IsTakenInSmallLetters) {
+TEST(HostName, IsConvertedToLowerCase) {
   const struct {
     std::string text;
     std::string name;

@@ -1,4 +1,4 @@
-// What name servers answer, right and wrong.
+// Valid and invalid answers of name servers.
 
 #include <gtest/gtest.h>
 
@@ -17,7 +17,7 @@ using Answers = std::vector<std::string>;
 
 class LameAnswerTest : public ResolverTest {
  protected:
-  /// Each with a name of its own, since failures are remembered.
+  /// Each with its own name, since failures are cached.
   std::string lookUpNext() { return lookUp("host" + std::to_string(++last_) + ".lan"); }
   void serverAnswers(NameServer::Script script) { server_.answer = std::move(script); }
 
@@ -34,8 +34,8 @@ std::string changed(std::string answer, size_t place) {
   return answer;
 }
 
-// Promise: An answer to something else, or from somewhere else, is passed over.
-TEST_F(LameAnswerTest, AnAnswerToSomethingElseIsPassedOver) {
+// Promise: An answer to another query, or from another address, is ignored.
+TEST_F(LameAnswerTest, AnAnswerToAnotherQueryIsIgnored) {
   const struct {
     const char* what;
     std::string (*answer)(const DnsQuestion&);
@@ -83,7 +83,7 @@ TEST_F(LameAnswerTest, AnUnreadableAnswerIsPassedOverOrFailsTheLookup) {
   }
 }
 
-TEST_F(LameAnswerTest, AnAnswerFromSomewhereElseIsPassedOver) {
+TEST_F(LameAnswerTest, AnAnswerFromAnotherAddressIsIgnored) {
   serverAnswers([&](const DnsQuestion& question) {
     NameServer::sendFromElsewhere(question, dns::addresses(question, {"6.6.6.6"}));
     return Answers{dns::addresses(question, {"10.0.0.7"})};
@@ -91,9 +91,9 @@ TEST_F(LameAnswerTest, AnAnswerFromSomewhereElseIsPassedOver) {
   EXPECT_EQ(lookUpNext(), "10.0.0.7");
 }
 
-// Promise: The reason why a name failed is given in clear text: `no such host`, `host has no IPv4
+// Promise: The reason why a name failed is given in words: `no such host`, `host has no IPv4
 // address`, `no name server can tell`, `lookup failed: ` and what the library says.
-TEST_F(LameAnswerTest, AFailureIsToldInClearText) {
+TEST_F(LameAnswerTest, AFailureIsReportedInWords) {
   const struct {
     unsigned code;
     const char* error;
@@ -112,8 +112,8 @@ TEST_F(LameAnswerTest, AFailureIsToldInClearText) {
   }
 }
 
-// Promise [resolver-usable]: The addresses 0.0.0.0 and 255.255.255.255 are passed over, and a name
-// with no other one fails: `host has no usable address`.
+// Promise [resolver-usable]: The addresses 0.0.0.0 and 255.255.255.255 are ignored, and a name with
+// no other one fails: `host has no usable address`.
 TEST_F(LameAnswerTest, AnAddressThatNoHostHasIsRefused) {
   for (const char* address : {"0.0.0.0", "255.255.255.255"}) {
     serverAnswers(
@@ -151,7 +151,7 @@ TEST_F(LameAnswerTest, AnAliasThatLeadsNowhereOrInACircleIsNoAddress) {
 
 // Promise [resolver-tcp]: A truncated answer is requested over TCP, and a server that is silent
 // there costs no more than a second.
-TEST_F(LameAnswerTest, ATruncatedAnswerIsAskedForOverTcp) {
+TEST_F(LameAnswerTest, ATruncatedAnswerIsRequestedAgainOverTcp) {
   serverAnswers(
       [&](const DnsQuestion& question) { return Answers{dns::head(question, 0, 0, true)}; });
   server_.answerByTcp = [](const DnsQuestion& question) {

@@ -43,7 +43,7 @@ TEST_F(LookupTest, SearchesTheDomainsOfTheConfiguration) {
 }
 
 // Also proves [resolver-file].
-TEST_F(LookupTest, ReadsTheConfigurationAnewEachTime) {
+TEST_F(LookupTest, ReadsTheConfigurationEachTime) {
   NameServer other("127.0.0.2");
   other.hosts["player.lan"] = "10.0.0.7";
   EXPECT_EQ(lookUp("player.lan"), "192.168.88.10");
@@ -53,7 +53,7 @@ TEST_F(LookupTest, ReadsTheConfigurationAnewEachTime) {
 
 // Promise [resolver-file]: The name servers are those of `/lumen/etc/resolv.conf` if there is one,
 // else those of `/etc/resolv.conf`, read for each lookup.
-TEST_F(LookupTest, PrefersTheConfigurationOfItsOwn) {
+TEST_F(LookupTest, PrefersItsOwnConfiguration) {
   NameServer other("127.0.0.2");
   other.hosts["player.lan"] = "10.0.0.7";
   etc_.write("own-resolv.conf", "nameserver 127.0.0.2\n");
@@ -61,25 +61,25 @@ TEST_F(LookupTest, PrefersTheConfigurationOfItsOwn) {
   EXPECT_EQ(questions(), 0U);
 }
 
-// Promise: Without a configuration, or with one that is none, this host is asked.
+// Promise: Without a valid configuration this host is asked.
 TEST_F(LookupTest, AsksThisHostWhenThereIsNoConfiguration) {
   std::filesystem::remove(etc_.file("resolv.conf"));
   EXPECT_EQ(lookUp("player.lan"), "192.168.88.10");
 }
 
-TEST_F(LookupTest, SurvivesAConfigurationThatIsNone) {
+TEST_F(LookupTest, SurvivesAnInvalidConfiguration) {
   etc_.write("resolv.conf", std::string(5000, 'x') + "\nnameserver\nnameserver 1.2.3.4.5\n\xff");
   EXPECT_EQ(lookUp("player.lan"), "192.168.88.10");
 }
 
-// Promise: The next name server is asked when one is not there or cannot tell, and a question that
-// was lost is asked again.
-TEST_F(LookupTest, AsksTheNextServerWhenOneIsNotThere) {
+// Promise: The next name server is asked when one is unreachable or answers with a failure, and a
+// lost query is sent again.
+TEST_F(LookupTest, AsksTheNextServerWhenOneIsUnreachable) {
   etc_.write("resolv.conf", "nameserver 127.0.0.3\nnameserver 127.0.0.1\n");
   EXPECT_EQ(lookUp("player.lan"), "192.168.88.10");
 }
 
-TEST_F(LookupTest, AsksTheNextServerWhenOneCannotTell) {
+TEST_F(LookupTest, AsksTheNextServerWhenOneAnswersWithAFailure) {
   etc_.write("resolv.conf", "nameserver 127.0.0.2\nnameserver 127.0.0.1\n");
   NameServer other("127.0.0.2");
   for (const unsigned code : {dns::serverFailure, dns::notImplemented, dns::refused}) {
@@ -97,7 +97,8 @@ TEST_F(LookupTest, AsksAgainWhenADatagramIsLost) {
                             : std::vector{dns::addresses(question, {"10.0.0.7"})};
   };
   const uint32_t request = ask("player.lan");
-  // Its own clock runs beside ours, which is not ahead of it: each turn waits in real time.
+  // The library uses the real clock, which the test's clock does not move: each turn waits in real
+  // time.
   EXPECT_TRUE(platform_.turnUntil([&] {
     platform_.advance(10ms);
     return answerTo(request) != "none yet";
@@ -106,7 +107,7 @@ TEST_F(LookupTest, AsksAgainWhenADatagramIsLost) {
   EXPECT_EQ(questions(), 2U);
 }
 
-// Promise: Each question comes from another port and under another number.
+// Promise: Each query comes from another port and with another id.
 TEST_F(LookupTest, AsksFromAnotherPortUnderAnotherNumberEachTime) {
   server_.answer = [](const DnsQuestion& question) {
     return std::vector{dns::addresses(question, {"10.0.0.7"})};

@@ -40,7 +40,7 @@ std::string wireName(const std::string& name) {
   return wire + '\0';
 }
 
-/// A pointer to the name in the question, or a name of its own.
+/// A pointer to the name in the question, or another name.
 std::string ownerName(const std::string& name) {
   return name.empty() ? be16(0xC000 + headerSize) : wireName(name);
 }

@@ -31,22 +31,22 @@ inline constexpr unsigned refused = 5;
 /// A header and the question, with this many answer records to follow.
 [[nodiscard]] std::string head(const DnsQuestion& question, unsigned code, uint16_t answers,
                                bool truncated = false);
-/// An A record of the name that was asked for, or of `owner`.
+/// An A record of the queried name, or of `owner`.
 [[nodiscard]] std::string addressRecord(const char* dotted, const std::string& owner = "");
 /// A CNAME record.
 [[nodiscard]] std::string aliasRecord(const std::string& owner, const std::string& target);
 
-/// A whole answer with these addresses.
+/// A complete answer with these addresses.
 [[nodiscard]] std::string addresses(const DnsQuestion& question,
                                     const std::vector<const char*>& dotted);
-/// A whole answer without records.
+/// A complete answer without records.
 [[nodiscard]] std::string failure(const DnsQuestion& question, unsigned code);
 
 }  // namespace dns
 
 /// A name server on port 53 of an address of the private network, UDP and TCP, on the loop of the
 /// test. It answers what `answer` gives, datagram by datagram, and stays silent when that is
-/// nothing; without a script it knows `hosts`, and that there are no others.
+/// nothing; without a script it knows `hosts`, and answers that no others exist.
 class NameServer {
  public:
   using Script = std::function<std::vector<std::string>(const DnsQuestion&)>;
@@ -55,14 +55,14 @@ class NameServer {
   NameServer(const NameServer&) = delete;
   NameServer& operator=(const NameServer&) = delete;
 
-  /// Answers by UDP, whenever it likes.
+  /// Sends an answer by UDP at any time.
   void send(const DnsQuestion& to, const std::string& datagram) const;
   /// The same from another port.
   static void sendFromElsewhere(const DnsQuestion& to, const std::string& datagram);
 
   std::map<std::string, const char*> hosts;
   Script answer;
-  /// What it tells over TCP, after its length; the same as by UDP when there is no such script.
+  /// What it answers over TCP, after its length; the same as by UDP when there is no such script.
   Script answerByTcp;
   std::vector<DnsQuestion> asked;  ///< by UDP
 

@@ -22,7 +22,7 @@ class NegativeCacheTest : public testing::Test {
 };
 
 // Also proves [resolver-failed].
-TEST_F(NegativeCacheTest, RemembersWhyANameFailed) {
+TEST_F(NegativeCacheTest, KeepsWhyANameFailed) {
   cache_.add("nowhere.lan", {"no such host"});
   cache_.add("silent.lan", {"name server does not answer"});
   EXPECT_EQ(whyFailed("nowhere.lan"), "no such host");
@@ -31,7 +31,7 @@ TEST_F(NegativeCacheTest, RemembersWhyANameFailed) {
 }
 
 // Also proves [resolver-failed].
-TEST_F(NegativeCacheTest, ForgetsAfterAMinute) {
+TEST_F(NegativeCacheTest, ExpiresAfterAMinute) {
   cache_.add("nowhere.lan", {"no such host"});
   clock_.advance(59'999ms);
   EXPECT_TRUE(cache_.find("nowhere.lan"));
@@ -40,7 +40,7 @@ TEST_F(NegativeCacheTest, ForgetsAfterAMinute) {
 }
 
 // Also proves [resolver-failed].
-TEST_F(NegativeCacheTest, StartsTheMinuteAnewWhenANameFailsAgain) {
+TEST_F(NegativeCacheTest, RestartsTheMinuteWhenANameFailsAgain) {
   cache_.add("nowhere.lan", {"no such host"});
   clock_.advance(59'999ms);
   cache_.add("nowhere.lan", {"no name server can tell"});
@@ -50,16 +50,16 @@ TEST_F(NegativeCacheTest, StartsTheMinuteAnewWhenANameFailsAgain) {
 }
 
 // Also proves [resolver-memory].
-TEST_F(NegativeCacheTest, HoldsNothingThatItHasForgotten) {
+TEST_F(NegativeCacheTest, KeepsNoExpiredEntries) {
   for (int i = 0; i < 100; ++i) cache_.add("host" + std::to_string(i), {"no such host"});
   clock_.advance(60s);
   cache_.add("nowhere.lan", {"no such host"});
   EXPECT_EQ(cache_.size(), 1U);
 }
 
-// Promise [resolver-memory]: 1024 failed names are remembered, the oldest is forgotten when one
-// more comes, and what is over takes no memory.
-TEST_F(NegativeCacheTest, ForgetsTheOldestWhenThereAreTooMany) {
+// Promise [resolver-memory]: The negative cache holds 1024 names; one more replaces the oldest, and
+// expired ones take no memory.
+TEST_F(NegativeCacheTest, ReplacesTheOldestWhenItIsFull) {
   constexpr size_t most = 1024;
   for (size_t i = 0; i <= most; ++i) {
     cache_.add("host" + std::to_string(i), {"no such host"});

@@ -1,7 +1,6 @@
 #include "services/resolver/ResolverFixture.h"
 
-#include <arpa/inet.h>
-
+#include "lumen/values/Ipv4.h"
 #include "platform/wire/Resolver.h"
 
 namespace lumen::test {
@@ -37,12 +36,10 @@ std::string ResolverTest::answerTo(uint32_t request) {
   const std::optional<lm::message> reply = platform_.replyTo(request);
   if (!reply) return "none yet";
   if (lm::isError(*reply)) return lm::getError(*reply);
-  in_addr address = {};
-  address.s_addr = reply->get_be32(lm::resolver::key::address);
-  return inet_ntoa(address);
+  return Ipv4Address::fromBytes(reply->get_be32(lm::resolver::key::address)).text();
 }
 
-std::string ResolverTest::lookUpInVain(const std::string& name) {
+std::string ResolverTest::failToLookUp(const std::string& name) {
   const uint32_t request = ask(name);
   platform_.advance(Lookup::limit);
   return answerTo(request);

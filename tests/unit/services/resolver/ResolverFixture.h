@@ -30,10 +30,10 @@ class ResolverTest : public testing::Test {
 
   /// Asks, and lets the question reach the name server; returns what `answerTo` takes.
   uint32_t ask(const std::string& name);
-  /// What the requester has got by now, or "none yet".
+  /// The answer to the requester, or "none yet".
   std::string answerTo(uint32_t request);
-  /// Asks for a host of which the name server says nothing, until that is an error.
-  std::string lookUpInVain(const std::string& name);
+  /// Asks for a host for which the name server is silent, until that is an error.
+  std::string failToLookUp(const std::string& name);
 
   void serverIsSilent();
   /// How often the name server was asked.

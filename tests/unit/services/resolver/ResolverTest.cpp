@@ -14,8 +14,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Promise [resolver-command]: A host name is answered with its address in field 4, in whatever
-// letters it is written.
+// Promise [resolver-command]: A host name, in any case of letters, is answered with its address in
+// field 4.
 TEST_F(ResolverTest, AnswersWithTheAddress) {
   server_.hosts["player.lan"] = "192.168.88.10";
   const uint32_t request = ask("Player.LAN");
@@ -28,7 +28,7 @@ TEST_F(ResolverTest, AnswersWithTheAddress) {
 // Promise [resolver-names]: What can be no host name is answered with `not a host name` without
 // asking a name server: names of more than 253 bytes or with a label of more than 63, empty labels,
 // other bytes than letters, digits, `-` and `_`, addresses in any form.
-TEST_F(ResolverTest, RefusesWhatIsNoHostNameWithoutAskingAnybody) {
+TEST_F(ResolverTest, RefusesAnInvalidHostNameWithoutAQuery) {
   const std::string longName(70'000, 'a');
   for (const std::string& name :
        {std::string(), std::string("a b"), std::string("a\nb"), longName, std::string("1.2.3.4")}) {
@@ -41,7 +41,7 @@ TEST_F(ResolverTest, RefusesWhatIsNoHostNameWithoutAskingAnybody) {
 
 // Promise [resolver-only]: The resolver knows one command, 3; others are answered with `unknown
 // command`.
-TEST_F(ResolverTest, KnowsNoOtherCommand) {
+TEST_F(ResolverTest, RefusesEveryOtherCommand) {
   for (const uint32_t command : {lm::cmd::list, lm::cmd::get, lm::cmd::set, lm::cmd::addObject}) {
     EXPECT_EQ(lm::getError(platform_.request(0, command)), "unknown command");
   }
@@ -61,9 +61,9 @@ TEST_F(ResolverTest, GivesUpWithinASecond) {
   EXPECT_EQ(log_.text(), "resolver: silent.lan: name server does not answer\n");
 }
 
-// Promise [resolver-failed]: A failed name is answered from memory for 60 s, counted from its last
-// failure.
-TEST_F(ResolverTest, AnswersAFailedNameFromMemoryForAMinute) {
+// Promise [resolver-failed]: A failed name is answered from the negative cache for 60 s, counted
+// from its last failure.
+TEST_F(ResolverTest, AnswersAFailedNameFromTheCacheForAMinute) {
   EXPECT_EQ(lookUp("nowhere.lan"), "no such host");
   EXPECT_EQ(questions(), 1U);
   EXPECT_EQ(lookUp("NOWHERE.lan"), "no such host");
@@ -78,7 +78,7 @@ TEST_F(ResolverTest, AnswersAFailedNameFromMemoryForAMinute) {
 // Also proves [resolver-failed].
 TEST_F(ResolverTest, ASilentNameServerCostsNothingForAMinute) {
   serverIsSilent();
-  EXPECT_EQ(lookUpInVain("silent.lan"), "name server does not answer");
+  EXPECT_EQ(failToLookUp("silent.lan"), "name server does not answer");
   for (int i = 0; i < 10; ++i) {
     const auto before = platform_.clock().now();
     EXPECT_EQ(lookUp("silent.lan"), "name server does not answer");
@@ -87,8 +87,8 @@ TEST_F(ResolverTest, ASilentNameServerCostsNothingForAMinute) {
   EXPECT_EQ(questions(), 1U);
 }
 
-// Promise [resolver-fresh]: Addresses are not remembered.
-TEST_F(ResolverTest, DoesNotRememberAddresses) {
+// Promise [resolver-fresh]: Addresses are not cached.
+TEST_F(ResolverTest, DoesNotCacheAddresses) {
   server_.hosts["player.lan"] = "10.0.0.7";
   EXPECT_EQ(lookUp("player.lan"), "10.0.0.7");
   server_.hosts["player.lan"] = "10.0.0.8";
@@ -97,9 +97,9 @@ TEST_F(ResolverTest, DoesNotRememberAddresses) {
 
 // Promise [resolver-budget]: All requesters of a minute together wait 950 ms for silent name
 // servers, and 100 ms for each further name, however many names are invented.
-TEST_F(ResolverTest, WaitsAShortTimeOnlyWhenASecondWasWaitedInThisMinute) {
+TEST_F(ResolverTest, WaitsBrieflyOnceTheBudgetOfTheMinuteIsSpent) {
   serverIsSilent();
-  lookUpInVain("silent.lan");
+  failToLookUp("silent.lan");
   const uint32_t request = ask("other.lan");
   platform_.advance(90ms);
   EXPECT_EQ(answerTo(request), "none yet");
@@ -113,9 +113,9 @@ TEST_F(ResolverTest, WaitsAShortTimeOnlyWhenASecondWasWaitedInThisMinute) {
 }
 
 // Promise: A lookup continues after its requester gave up: a name that was only slow is no failure.
-TEST_F(ResolverTest, ANameThatWasOnlySlowIsNoFailure) {
+TEST_F(ResolverTest, ASlowAnswerIsNoFailure) {
   serverIsSilent();
-  lookUpInVain("silent.lan");
+  failToLookUp("silent.lan");
   const uint32_t request = ask("slow.lan");
   platform_.advance(100ms);
   EXPECT_EQ(answerTo(request), "name server does not answer");
@@ -154,7 +154,7 @@ TEST_F(ResolverTest, SpendsTheBudgetOfAMinuteOnActualWaiting) {
 }
 
 // Promise [resolver-lookups]: 128 names are looked up at once, each answered in its own time; one
-// more is refused with `too many lookups at a time`, which is not remembered.
+// more is refused with `too many lookups at a time`, which is not cached.
 TEST_F(ResolverTest, AnswersManyAtOnceEachInItsTime) {
   serverIsSilent();
   std::vector<uint32_t> requests;
@@ -172,11 +172,11 @@ TEST_F(ResolverTest, AnswersManyAtOnceEachInItsTime) {
     EXPECT_EQ(answerTo(requests[i]), address);
   }
   server_.answer = nullptr;
-  EXPECT_EQ(lookUp("one-more.lan"), "no such host") << "a refusal is not remembered";
+  EXPECT_EQ(lookUp("one-more.lan"), "no such host") << "a refusal is not cached";
 }
 
 // Promise: Requests for a name that is being looked up get the same answer from the same lookup.
-TEST_F(ResolverTest, ForgetsNobodyWhoAsksForTheSameName) {
+TEST_F(ResolverTest, AnswersEveryRequesterOfTheSameName) {
   serverIsSilent();
   const uint32_t first = ask("player.lan");
   std::vector<uint32_t> others(20);
@@ -192,15 +192,15 @@ TEST_F(ResolverTest, ForgetsNobodyWhoAsksForTheSameName) {
 }
 
 // Promise: Requests that wait when the resolver ends are answered with `service unavailable`.
-TEST_F(ResolverTest, TellsThoseWhoWaitWhenItEnds) {
+TEST_F(ResolverTest, AnswersWaitingRequestersAtItsEnd) {
   serverIsSilent();
   const uint32_t request = ask("silent.lan");
   resolver_.reset();
   EXPECT_EQ(answerTo(request), "service unavailable");
 }
 
-// Promise [resolver-leaves]: The resolver leaves a minute after its last lookup, when it remembers
-// no failure any more, and stays for a request that comes meanwhile.
+// Promise [resolver-leaves]: The resolver leaves a minute after its last lookup, when every cached
+// failure has expired, and stays for a request that comes meanwhile.
 TEST_F(ResolverTest, LeavesAMinuteAfterItsLastLookup) {
   server_.hosts["player.lan"] = "10.0.0.7";
   platform_.advance(1min - 10ms);
@@ -213,7 +213,7 @@ TEST_F(ResolverTest, LeavesAMinuteAfterItsLastLookup) {
 }
 
 // Also proves [resolver-leaves].
-TEST_F(ResolverTest, LeavesWhenNobodyAsksAtAll) {
+TEST_F(ResolverTest, LeavesWhenNoRequestComesAtAll) {
   platform_.advance(1min);
   EXPECT_TRUE(platform_.stopped());
 }

@@ -17,10 +17,10 @@ class WaitBudgetTest : public testing::Test {
 };
 
 // Also proves [resolver-budget].
-TEST_F(WaitBudgetTest, IsWholeAtFirst) { EXPECT_EQ(budget_.left(), 950ms); }
+TEST_F(WaitBudgetTest, IsFullAtFirst) { EXPECT_EQ(budget_.left(), 950ms); }
 
 // Also proves [resolver-budget].
-TEST_F(WaitBudgetTest, ShrinksByWhatWasWaited) {
+TEST_F(WaitBudgetTest, ShrinksByTheTimeWaited) {
   budget_.spend(300ms);
   EXPECT_EQ(budget_.left(), 650ms);
   budget_.spend(500ms);
@@ -28,7 +28,7 @@ TEST_F(WaitBudgetTest, ShrinksByWhatWasWaited) {
 }
 
 // Also proves [resolver-budget].
-TEST_F(WaitBudgetTest, DoesNotShrinkBelowTheLeast) {
+TEST_F(WaitBudgetTest, DoesNotShrinkBelowTheMinimum) {
   budget_.spend(900ms);
   EXPECT_EQ(budget_.left(), 100ms);
   for (int i = 0; i < 1000; ++i) budget_.spend(100ms);
@@ -36,7 +36,7 @@ TEST_F(WaitBudgetTest, DoesNotShrinkBelowTheLeast) {
 }
 
 // Also proves [resolver-budget].
-TEST_F(WaitBudgetTest, IsWholeAgainAMinuteAfterItBeganToShrink) {
+TEST_F(WaitBudgetTest, IsFullAgainAMinuteAfterItBeganToShrink) {
   budget_.spend(10ms);
   clock_.advance(59'999ms);
   budget_.spend(950ms);

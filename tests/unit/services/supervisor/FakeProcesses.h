@@ -10,7 +10,7 @@
 
 namespace lumen::test {
 
-/// Processes that exist only here: a test reads what was started and says how it ends.
+/// Processes that exist only here: a test reads what was started and decides how it ends.
 class FakeProcesses : public Processes {
  public:
   void setObserver(Observer& observer) override { observer_ = &observer; }

@@ -28,7 +28,7 @@ class TwoUsers : public UserDatabase {
   }
 };
 
-/// A right service file with this added; a setting that is given replaces the right one.
+/// A correct service file with this added; a setting that is given replaces the correct one.
 std::string serviceFile(const std::string& name = "", const std::string& line = "") {
   std::string text = "[service]\n";
   const std::pair<const char*, const char*> right[] = {{"name", "name = upnp"},
@@ -112,7 +112,7 @@ TEST(ServiceFile, TakesBlanksAndNoForAnAnswer) {
 
 // Promise: A service's user is a name or a number that need not exist in the user database; its
 // group is the user's own unless one is given.
-TEST(ServiceFile, NamesAUserByNumberThatNobodyKnows) {
+TEST(ServiceFile, TakesANumberForAUserWithoutAName) {
   const auto service = parse(serviceFile("user", "user = 12345"));
   ASSERT_TRUE(service);
   EXPECT_EQ(service->user, 12345U);
@@ -132,8 +132,8 @@ TEST(ServiceFile, TakesTheLongestNameLineAndFile) {
 // Promise: A setting that is missing, unknown, given twice or outside the section is refused:
 // `"name" is missing`, `unknown setting "colour"`, `"number" is given twice`, `settings belong
 // below [service]`.
-// Promise [service-name]: A service name has 1 to 32 small letters, digits and dashes and does not
-// begin with a dash: `"-x" is no name`.
+// Promise [service-name]: A service name has 1 to 32 lower-case letters, digits and dashes and does
+// not begin with a dash: `"-x" is no name`.
 // Promise [service-number]: A service number is from 1 to 65535: `"65536" is no number`.
 // Promise: A service's executable is an absolute path: `"bin/igd" is no executable`.
 // Promise [service-root]: No service runs as root or in root's group: `may not run as root`, `may
@@ -236,18 +236,18 @@ TEST_F(ServiceFolderTest, GivesTheServicesInRisingOrder) {
   EXPECT_EQ(log_, "");
 }
 
-// Promise [service-file-wrong]: A wrong service file is left out and reported with its path and the
-// reason, the others count.
-TEST_F(ServiceFolderTest, LeavesOutAWrongFileAndSaysWhy) {
+// Promise [service-file-wrong]: A wrong service file is skipped and logged with its path and the
+// reason; the others count.
+TEST_F(ServiceFolderTest, SkipsAWrongFileAndLogsWhy) {
   put("a.ini", serviceFile("user", "user = root"));
   put("b.ini", serviceFile());
   EXPECT_EQ(read(), Names{"upnp"});
   EXPECT_EQ(log_, folder_.file("a.ini") + ": may not run as root\n");
 }
 
-// Promise [service-twice]: Of two files with one number or one name the second is left out, and so
+// Promise [service-twice]: Of two files with one number or one name the second is skipped, and so
 // is one with a number of lumend's own.
-TEST_F(ServiceFolderTest, LeavesOutTheSecondOfTwoWithOneNumberOrName) {
+TEST_F(ServiceFolderTest, SkipsTheSecondFileWithANumberOrName) {
   put("a.ini", serviceFile());
   put("b.ini", serviceFile("name", "name = other"));
   put("c.ini", serviceFile("number", "number = 41"));
@@ -257,7 +257,7 @@ TEST_F(ServiceFolderTest, LeavesOutTheSecondOfTwoWithOneNumberOrName) {
 }
 
 // Also proves [service-twice].
-TEST_F(ServiceFolderTest, LeavesOutANumberOfItsOwn) {
+TEST_F(ServiceFolderTest, SkipsANumberOfLumend) {
   put("a.ini", serviceFile("number", "number = 20"));
   EXPECT_EQ(read(), Names{});
   EXPECT_EQ(log_, folder_.file("a.ini") + ": number 20 is lumend's own\n");
@@ -265,7 +265,7 @@ TEST_F(ServiceFolderTest, LeavesOutANumberOfItsOwn) {
 
 // Promise: What is no plain file ending in `.ini` is no service file; a folder, a pipe and a broken
 // link with that ending are reported.
-TEST_F(ServiceFolderTest, LeavesOutWhatIsNoPlainFile) {
+TEST_F(ServiceFolderTest, SkipsAnythingButPlainFiles) {
   std::filesystem::create_directory(folder_.file("a.ini"));
   ASSERT_EQ(mkfifo(folder_.file("b.ini").c_str(), 0600), 0);
   std::filesystem::create_symlink("/nowhere", folder_.file("c.ini"));
@@ -276,7 +276,7 @@ TEST_F(ServiceFolderTest, LeavesOutWhatIsNoPlainFile) {
                       ": No such file or directory\n" + folder_.file("d.ini") + ": is too long\n");
 }
 
-TEST_F(ServiceFolderTest, LeavesOutWhatCannotBeRead) {
+TEST_F(ServiceFolderTest, SkipsAFileThatCannotBeRead) {
   put("a.ini", serviceFile());
   const lm::test::LogCapture log;
   whileRefused({SCMP_SYS(read)}, EIO,
@@ -285,7 +285,7 @@ TEST_F(ServiceFolderTest, LeavesOutWhatCannotBeRead) {
 }
 
 // Promise: A missing folder of service files is reported and means no services.
-TEST_F(ServiceFolderTest, SaysThatTheFolderIsMissing) {
+TEST_F(ServiceFolderTest, LogsThatTheFolderIsMissing) {
   std::filesystem::remove_all(folder_.path());
   EXPECT_EQ(read(), Names{});
   EXPECT_EQ(log_, folder_.path() + ": No such file or directory\n");

@@ -19,18 +19,18 @@ constexpr uint32_t gateway = 40;
 constexpr uint32_t resolver = 14;
 constexpr const char* gatewayLock = "/run/upnp.lock";
 
-/// What the broker is told, and what it would have heard from a process that has ended.
+/// The broker's part: what it is notified of, and what a process that has ended had sent.
 class Listener : public Services::Observer {
  public:
   void drainConnections(pid_t pid) override {
     drained.push_back(pid);
-    if (lastWords) lastWords();
+    if (whenDrained) whenDrained();
   }
   void unavailable(uint32_t number) override { refused.push_back(number); }
 
   std::vector<pid_t> drained;
   std::vector<uint32_t> refused;
-  std::function<void()> lastWords;
+  std::function<void()> whenDrained;
 };
 
 std::vector<ServiceDefinition> twoServices() {
@@ -92,7 +92,7 @@ class SupervisorTest : public testing::Test {
 
 // Promise [service-start]: A service starts at boot if its file says so, any other with the first
 // request for it.
-TEST_F(SupervisorTest, StartsAtBootWhatIsToStartThen) {
+TEST_F(SupervisorTest, StartsTheServicesThatStartAtBoot) {
   supervisor.boot();
   ASSERT_EQ(starts(), 1U);
   EXPECT_EQ(processes.started[0].executable, "/usr/bin/palinode-igd");
@@ -102,13 +102,13 @@ TEST_F(SupervisorTest, StartsAtBootWhatIsToStartThen) {
 }
 
 // Also proves [service-start].
-TEST_F(SupervisorTest, DoesNotStartAgainAtBootWhatWasNeededBefore) {
+TEST_F(SupervisorTest, DoesNotStartAServiceAgainAtBoot) {
   EXPECT_TRUE(supervisor.need(gateway, false));
   supervisor.boot();
   EXPECT_EQ(starts(), 1U);
 }
 
-TEST_F(SupervisorTest, DoesNotStartAgainWhatWasNeededWhileItServed) {
+TEST_F(SupervisorTest, DoesNotStartAServiceAgainThatWasNeededWhileItServed) {
   supervisor.boot();
   supervisor.registered(gateway);
   EXPECT_TRUE(supervisor.need(gateway, false));
@@ -119,7 +119,7 @@ TEST_F(SupervisorTest, DoesNotStartAgainWhatWasNeededWhileItServed) {
 }
 
 // Also proves [service-start].
-TEST_F(SupervisorTest, StartsTheOthersAtTheFirstRequest) {
+TEST_F(SupervisorTest, StartsOtherServicesAtTheFirstRequest) {
   supervisor.boot();
   EXPECT_EQ(state(resolver), lm::broker::state::stopped);
   EXPECT_TRUE(supervisor.need(resolver, false));
@@ -128,8 +128,8 @@ TEST_F(SupervisorTest, StartsTheOthersAtTheFirstRequest) {
   EXPECT_EQ(state(resolver), lm::broker::state::starting);
 }
 
-// Promise [service-one]: A service has one process at a time; the next life starts when the last
-// one is reaped.
+// Promise [service-one]: A service has one process at a time; the next one starts when the last one
+// is reaped.
 TEST_F(SupervisorTest, NeverRunsTwoProcessesOfAService) {
   supervisor.boot();
   EXPECT_TRUE(supervisor.need(gateway, false));
@@ -143,7 +143,7 @@ TEST_F(SupervisorTest, NeverRunsTwoProcessesOfAService) {
 
 // Promise [service-leave]: A service that had unregistered and exits with 0 was not needed, and is
 // not started again until it is needed.
-TEST_F(SupervisorTest, LeavesAServiceAloneThatWasNotNeeded) {
+TEST_F(SupervisorTest, DoesNotRestartAServiceThatWasNotNeeded) {
   supervisor.boot();
   supervisor.registered(gateway);
   supervisor.unregistered(gateway);
@@ -154,14 +154,14 @@ TEST_F(SupervisorTest, LeavesAServiceAloneThatWasNotNeeded) {
   EXPECT_EQ(starts(), 1U);
 }
 
-// Promise: A request that arrives while a service leaves starts its next life at once.
+// Promise: A request that arrives while a service leaves starts it again at once.
 // Also proves [service-one].
 TEST_F(SupervisorTest, StartsAgainAtOnceWhenNeededWhileLeaving) {
   supervisor.boot();
   supervisor.registered(gateway);
   supervisor.unregistered(gateway);
   EXPECT_TRUE(supervisor.need(gateway, false));
-  EXPECT_EQ(starts(), 1U) << "the next life waits until the last one is reaped";
+  EXPECT_EQ(starts(), 1U) << "the next process waits until the last one is reaped";
   processes.exit(processes.last(), 0);
   EXPECT_EQ(starts(), 2U);
   EXPECT_TRUE(listener.refused.empty());
@@ -169,7 +169,7 @@ TEST_F(SupervisorTest, StartsAgainAtOnceWhenNeededWhileLeaving) {
 }
 
 // Also proves [service-leave].
-TEST_F(SupervisorTest, DoesNotStartAgainWhatRegisteredAgain) {
+TEST_F(SupervisorTest, DoesNotRestartAServiceThatRegisteredAgain) {
   supervisor.boot();
   supervisor.registered(gateway);
   supervisor.unregistered(gateway);
@@ -177,12 +177,12 @@ TEST_F(SupervisorTest, DoesNotStartAgainWhatRegisteredAgain) {
   supervisor.registered(gateway);
   supervisor.unregistered(gateway);
   processes.exit(processes.last(), 0);
-  EXPECT_EQ(starts(), 1U) << "whoever needed it was served by the first life";
+  EXPECT_EQ(starts(), 1U) << "the first process served the request";
 }
 
 // Promise [service-crash]: Every other end of a service is a crash: never registered, still
 // registered, registered again, another exit status, a signal.
-TEST_F(SupervisorTest, TakesEveryOtherEndForACrash) {
+TEST_F(SupervisorTest, TreatsEveryOtherEndAsACrash) {
   struct Case {
     const char* why;
     bool registers;
@@ -214,10 +214,10 @@ TEST_F(SupervisorTest, TakesEveryOtherEndForACrash) {
 }
 
 // Also proves [service-crash].
-TEST_F(SupervisorTest, HearsTheLastWordsBeforeItJudgesTheEnd) {
+TEST_F(SupervisorTest, DrainsTheConnectionsBeforeItJudgesTheEnd) {
   supervisor.boot();
   supervisor.registered(gateway);
-  listener.lastWords = [&] { supervisor.unregistered(gateway); };
+  listener.whenDrained = [&] { supervisor.unregistered(gateway); };
   processes.exit(processes.last(), 0);
   EXPECT_EQ(listener.drained, std::vector<pid_t>{1000});
   EXPECT_EQ(state(gateway), lm::broker::state::stopped);
@@ -240,9 +240,10 @@ TEST_F(SupervisorTest, DoublesTheBackOffUpToAMinute) {
   EXPECT_EQ(record(gateway).get_u32(lm::broker::listed::restarts), 8U);
 }
 
-// Promise [restart-reset]: A service that crashes after a life of 60 s, this one or one before it
-// that ended well, starts again after 1 s; a shorter life that ended well does not count.
-TEST_F(SupervisorTest, CountsAfreshAfterAMinuteOfRunning) {
+// Promise [restart-reset]: A service that crashes after it ran for 60 s, in this run or in an
+// earlier one that ended well, starts again after 1 s; a shorter run that ended well does not
+// count.
+TEST_F(SupervisorTest, ResetsTheBackOffAfterAMinuteOfRunning) {
   supervisor.boot();
   crashUntilDelayIs(8s);
   pass(8s);
@@ -256,7 +257,7 @@ TEST_F(SupervisorTest, CountsAfreshAfterAMinuteOfRunning) {
 }
 
 // Also proves [restart-reset].
-TEST_F(SupervisorTest, CountsAfreshAfterAMinuteOfRunningThatEndedWell) {
+TEST_F(SupervisorTest, ResetsTheBackOffAfterAMinuteOfRunningThatEndedWell) {
   supervisor.boot();
   crashUntilDelayIs(8s);
   pass(8s);
@@ -271,7 +272,7 @@ TEST_F(SupervisorTest, CountsAfreshAfterAMinuteOfRunningThatEndedWell) {
 }
 
 // Also proves [restart-reset].
-TEST_F(SupervisorTest, GoesOnCountingAfterAShortLifeThatEndedWell) {
+TEST_F(SupervisorTest, KeepsTheBackOffAfterAShortRunThatEndedWell) {
   supervisor.boot();
   crashUntilDelayIs(8s);
   pass(8s);
@@ -302,12 +303,12 @@ TEST_F(SupervisorTest, StartsAtOnceForAnAdministratorDuringTheBackOff) {
   EXPECT_EQ(starts(), before + 1);
   EXPECT_EQ(delay(), 0ms);
   pass(60s - 100ms);
-  EXPECT_EQ(starts(), before + 1) << "the start that was put off does not come on top";
+  EXPECT_EQ(starts(), before + 1) << "the delayed start is cancelled";
   crash();
-  EXPECT_EQ(delay(), 8s) << "the count goes on";
+  EXPECT_EQ(delay(), 8s) << "the back-off continues";
 }
 
-TEST_F(SupervisorTest, TellsWhoWaitsThatACrashedServiceStaysAway) {
+TEST_F(SupervisorTest, RefusesWaitingRequestsWhenAServiceCrashes) {
   supervisor.boot();
   crash();
   EXPECT_EQ(listener.refused, std::vector<uint32_t>{gateway});
@@ -315,7 +316,7 @@ TEST_F(SupervisorTest, TellsWhoWaitsThatACrashedServiceStaysAway) {
 
 // Promise: When a service crashes while requests wait, it starts at once if an administrator sent
 // one, and the other requests are answered with `service unavailable`.
-TEST_F(SupervisorTest, StartsAtOnceForAnAdministratorWhoAskedWhileItCrashed) {
+TEST_F(SupervisorTest, StartsAtOnceForAnAdministratorsRequestDuringTheCrash) {
   supervisor.boot();
   supervisor.registered(gateway);
   supervisor.lost(gateway);
@@ -325,7 +326,7 @@ TEST_F(SupervisorTest, StartsAtOnceForAnAdministratorWhoAskedWhileItCrashed) {
   EXPECT_TRUE(listener.refused.empty());
 }
 
-TEST_F(SupervisorTest, PutsOffTheStartForOthersWhoAskedWhileItCrashed) {
+TEST_F(SupervisorTest, BacksOffForOtherRequestsDuringTheCrash) {
   supervisor.boot();
   supervisor.registered(gateway);
   supervisor.lost(gateway);
@@ -336,7 +337,7 @@ TEST_F(SupervisorTest, PutsOffTheStartForOthersWhoAskedWhileItCrashed) {
 }
 
 // Promise: A start that fails counts as a crash.
-TEST_F(SupervisorTest, TakesAStartThatFailsForACrash) {
+TEST_F(SupervisorTest, TreatsAFailedStartAsACrash) {
   processes.failToStart = true;
   EXPECT_FALSE(supervisor.need(resolver, false));
   EXPECT_EQ(state(resolver), lm::broker::state::waiting);
@@ -350,7 +351,7 @@ TEST_F(SupervisorTest, TakesAStartThatFailsForACrash) {
 TEST_F(SupervisorTest, WaitsForTheProcessThatAnEarlierLumendHasLeft) {
   processes.holders[gatewayLock] = 77;
   supervisor.boot();
-  EXPECT_TRUE(supervisor.need(gateway, false)) << "it is on its way";
+  EXPECT_TRUE(supervisor.need(gateway, false)) << "it is starting";
   EXPECT_EQ(state(gateway), lm::broker::state::starting);
   pass(9s);
   EXPECT_EQ(starts(), 0U);
@@ -405,14 +406,14 @@ TEST_F(SupervisorTest, AsksEveryServiceToEndAndWaitsForIt) {
   EXPECT_EQ(starts(), 2U);
 }
 
-TEST_F(SupervisorTest, AsksOnceHoweverOftenItIsTold) {
+TEST_F(SupervisorTest, ShutsDownOnceHoweverOftenItIsCalled) {
   supervisor.boot();
   supervisor.shutDown();
   supervisor.shutDown();
   EXPECT_EQ(processes.signals.size(), 1U);
 }
 
-TEST_F(SupervisorTest, KnowsNothingOfOtherServicesAndProcesses) {
+TEST_F(SupervisorTest, IgnoresUnknownServicesAndProcesses) {
   supervisor.boot();
   EXPECT_FALSE(supervisor.need(66, true));
   supervisor.registered(66);
@@ -442,7 +443,7 @@ TEST_F(SupervisorTest, StartsNothingWhileItShutsDown) {
 
 // Promise [end-kill]: A service that does not end within 5 s of lumend's SIGTERM is killed, and
 // lumend ends a second later in any case.
-TEST_F(SupervisorTest, KillsAfterFiveSecondsWhatDoesNotEnd) {
+TEST_F(SupervisorTest, KillsAfterFiveSecondsAServiceThatDoesNotEnd) {
   supervisor.boot();
   supervisor.shutDown();
   pass(4900ms);
@@ -456,7 +457,7 @@ TEST_F(SupervisorTest, KillsAfterFiveSecondsWhatDoesNotEnd) {
 }
 
 // Also proves [end-kill].
-TEST_F(SupervisorTest, EndsAllTheSameWhenNotEvenKillingHelps) {
+TEST_F(SupervisorTest, EndsEvenIfAKilledServiceIsNotReaped) {
   supervisor.boot();
   supervisor.shutDown();
   pass(6s);
@@ -466,7 +467,7 @@ TEST_F(SupervisorTest, EndsAllTheSameWhenNotEvenKillingHelps) {
 // Promise [service-list]: The list of services has their number, name, state (`stopped`,
 // `starting`, `running`, `leaving` or `waiting`), process, restarts and the milliseconds to the
 // next start.
-TEST_F(SupervisorTest, ListsWhatItRuns) {
+TEST_F(SupervisorTest, ListsItsServices) {
   supervisor.boot();
   supervisor.registered(gateway);
   ASSERT_EQ(supervisor.list().size(), 2U);
@@ -483,7 +484,7 @@ TEST_F(SupervisorTest, ListsWhatItRuns) {
 }
 
 // Also proves [service-list].
-TEST_F(SupervisorTest, TellsInOneWordWhatAServiceDoes) {
+TEST_F(SupervisorTest, ListsTheStateOfAServiceInOneWord) {
   EXPECT_EQ(state(gateway), "stopped");
   supervisor.boot();
   EXPECT_EQ(state(gateway), "starting");
@@ -502,7 +503,7 @@ TEST_F(SupervisorTest, TellsInOneWordWhatAServiceDoes) {
 // 1000`, `upnp: ended by signal 11, starts again in 1 s`, `upnp: ended with exit status 3, starts
 // again in 2 s`, `upnp: ended by signal 11, starts again at once`, `upnp: ended, not needed now`,
 // `upnp: cannot be started (fork: Out of memory), starts again in 8 s`.
-TEST_F(SupervisorTest, SaysInTheLogWhatBecomesOfAService) {
+TEST_F(SupervisorTest, LogsTheLifeOfAService) {
   testing::internal::CaptureStdout();
   supervisor.boot();
   crash();
@@ -533,7 +534,7 @@ TEST_F(SupervisorTest, SaysInTheLogWhatBecomesOfAService) {
 // Promise: The log says which process lumend waits for and which it kills: `upnp: waits for the
 // process that an earlier lumend has left`, `upnp: kills the process that an earlier lumend has
 // left`, `upnp: is killed, since it does not end`.
-TEST_F(SupervisorTest, SaysInTheLogWhomItWaitsForAndWhomItKills) {
+TEST_F(SupervisorTest, LogsTheProcessesItWaitsForAndKills) {
   testing::internal::CaptureStdout();
   processes.holders[gatewayLock] = 77;
   supervisor.boot();
@@ -551,7 +552,6 @@ TEST_F(SupervisorTest, SaysInTheLogWhomItWaitsForAndWhomItKills) {
             "upnp: ended by signal 9\n");
 }
 
-// Promise: A service is known by its number and by its user.
 TEST_F(SupervisorTest, TellsOfRequestsToItsServices) {
   struct Requests : Supervisor::RequestListener {
     void asked(const ServiceDefinition& service) override { names.push_back(service.name); }
@@ -564,7 +564,8 @@ TEST_F(SupervisorTest, TellsOfRequestsToItsServices) {
   EXPECT_EQ(requests.names, (std::vector<std::string>{"resolver", "upnp"}));
 }
 
-TEST_F(SupervisorTest, KnowsItsServicesByNumberAndByUser) {
+// Promise: A service is found by its number and by its user.
+TEST_F(SupervisorTest, FindsItsServicesByNumberAndByUser) {
   EXPECT_TRUE(supervisor.isDefined(gateway));
   EXPECT_FALSE(supervisor.isDefined(66));
   EXPECT_EQ(supervisor.nameOf(gateway), "upnp");

@@ -35,7 +35,7 @@ class NetlinkBytes {
   std::vector<std::byte> bytes_;
 };
 
-// What Linux 6.18 sent. Of links, attributes that nobody here reads are left out.
+// What Linux 6.18 sent. Of links, attributes that are not read here are left out.
 
 /// RTM_NEWLINK, the answer to a request for a link that is up and running.
 inline const NetlinkBytes linkWithCounters{

@@ -52,7 +52,7 @@ class NetlinkLinksTest : public testing::Test {
     loop = std::make_unique<lm::EventLoop>(clock);
   }
 
-  /// The tables start with what is there; the socket has room for `receiveBuffer` bytes.
+  /// The tables start with what exists; the socket has a receive buffer of `receiveBuffer` bytes.
   void starts(int receiveBuffer = 4 * 1024 * 1024) {
     table.reset();
     links = std::make_unique<NetlinkLinks>(receiveBuffer);
@@ -81,7 +81,7 @@ class NetlinkLinksTest : public testing::Test {
   }
 
   /// A link and its other end "<name>-peer", both up. They run a little later, when the kernel has
-  /// looked at the cable.
+  /// detected the carrier.
   static void hasPair(const std::string& name) {
     ip("link add " + name + " type veth peer name " + name + "-peer");
     ip("link set " + name + "-peer up");
@@ -153,7 +153,7 @@ class NetlinkLinksTest : public testing::Test {
     return text(asks(lm::cmd::setObject, request));
   }
 
-  /// The routes that somebody made, in all tables.
+  /// The routes that were made by hand, in all tables.
   static std::string staticRoutes() {
     return outputOf("ip -4 route show table all proto static") +
            outputOf("ip -6 route show table all proto static");
@@ -264,7 +264,7 @@ TEST_F(NetlinkLinksTest, KeepsAPortThatLeavesItsBridge) {
   EXPECT_TRUE(becomes("wan0", "running"));
   (void)notifier.take();
   ip("link set wan0 nomaster");
-  ip("link set br0 up");  // so that everything before has been told when this has
+  ip("link set br0 up");  // when this is reported, everything before has been
   EXPECT_TRUE(waitFor([&] { return stateOf("br0") != "down"; }));
   EXPECT_EQ(stateOf("wan0"), "running");
   for (const std::string& line : notifier.lines) {
@@ -365,7 +365,7 @@ TEST_F(NetlinkLinksTest, RefusesARouteThatIsThereAndOneThatIsNone) {
   ASSERT_EQ(routes->size(), 1U);
   EXPECT_EQ(links->addRoute(routes->front(), index), EEXIST);
   EXPECT_EQ(links->addRoute({index, false, "no route"}, index), EINVAL);
-  EXPECT_EQ(links->routes(index)->size(), 1U) << "and answers go on fitting their requests";
+  EXPECT_EQ(links->routes(index)->size(), 1U) << "later answers still match their requests";
 }
 
 // Promise: Changes that the kernel had to drop are logged: `interfaces: changes were lost, reading
@@ -400,7 +400,7 @@ TEST_F(NetlinkLinksTest, ReadsEverythingAgainWhenTheKernelHadToDropChanges) {
   EXPECT_EQ(addressTable->interfaceOf(test::ip("10.1.2.100")), idOf("wan0"));
   EXPECT_EQ(addressTable->interfaceOf(test::ip("10.0.0.2")), std::nullopt);
 
-  // And changes are heard of again.
+  // And changes are received again.
   ip("addr add 10.2.0.1/16 dev wan0");
   EXPECT_TRUE(waitFor([&] { return addressTable->interfaceOf(test::ip("10.2.0.1")).has_value(); }));
 }
@@ -417,8 +417,8 @@ class Reading : public Links::Listener {
   std::optional<LinkSnapshot> all;
 };
 
-// Promise: Tables that cannot be read are read again until they can, and the log says why:
-// `interfaces: could not read the kernel's tables, trying again`.
+// Promise: Reading the tables is retried until it succeeds, and the reason is logged: `interfaces:
+// could not read the kernel's tables, trying again`.
 TEST_F(NetlinkLinksTest, TriesAgainUntilTheTablesCanBeRead) {
   struct Case {
     RefusedCall call;
@@ -455,8 +455,7 @@ TEST_F(NetlinkLinksTest, TriesAgainUntilTheTablesCanBeRead) {
   }
 }
 
-// Promise: A question that the kernel cannot be asked is answered without it, and the next one
-// works.
+// Promise: A query that cannot reach the kernel fails, and the next one works.
 TEST_F(NetlinkLinksTest, AnswersWhenTheKernelCannotBeAsked) {
   hasPair("wan0");
   starts();
@@ -471,10 +470,11 @@ TEST_F(NetlinkLinksTest, AnswersWhenTheKernelCannotBeAsked) {
             "interfaces: netlink socket: Too many open files\n"
             "interfaces: netlink answer: Input/output error\n"
             "interfaces: netlink answer: Input/output error\n");
-  EXPECT_TRUE(links->read(index)) << "answers that nobody has taken are no other's";
+  EXPECT_TRUE(links->read(index)) << "an old answer is not taken for this one";
 }
 
-/// The ports of the netlink sockets in this network namespace that hear of links and addresses.
+/// The ports of the netlink sockets in this network namespace that subscribe to links and
+/// addresses.
 std::set<uint32_t> portsOfSubscribers() {
   std::ifstream table("/proc/net/netlink");
   std::string line;
@@ -501,7 +501,7 @@ TEST_F(NetlinkLinksTest, KnowsThePortOfItsSocket) {
 }
 
 // Promise: What other programs send to lumend's netlink socket is ignored.
-TEST_F(NetlinkLinksTest, BelievesNobodyButTheKernel) {
+TEST_F(NetlinkLinksTest, IgnoresMessagesThatAreNotFromTheKernel) {
   hasPair("wan0");
   hasPair("lan0");
   starts();
@@ -519,16 +519,16 @@ TEST_F(NetlinkLinksTest, BelievesNobodyButTheKernel) {
   ASSERT_EQ(
       sendto(liar.get(), &gone, sizeof gone, 0, reinterpret_cast<const sockaddr*>(&to), sizeof to),
       static_cast<ssize_t>(sizeof gone));
-  ip("link set lan0 down");  // has been told when everything before has
+  ip("link set lan0 down");  // when this is reported, everything before has been
   EXPECT_TRUE(becomes("lan0", "down"));
   EXPECT_EQ(stateOf("wan0"), "running");
 }
 
-// Promise: A table that changes while it is read is read again until it is whole.
+// Promise: A table that changes while it is read is read again until it is complete.
 TEST_F(NetlinkLinksTest, ReadsWholeTablesWhileTheyChange) {
   hasPair("wan0");
-  // The kernel counts addresses in the order of their making while it dumps them: each one that
-  // goes from the beginning makes it skip one later on.
+  // The kernel dumps addresses by position, in the order of their creation: removing one at the
+  // start makes it skip another.
   std::string additions;
   std::string removals;
   const auto hostOf = [](int i) {

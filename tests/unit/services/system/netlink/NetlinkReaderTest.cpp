@@ -121,13 +121,13 @@ TEST(NetlinkReader, LeavesOutWhatChangesWithEachLookAtARoute) {
 }
 
 // Also proves [routes-back].
-TEST(NetlinkReader, KnowsARouteThatTheKernelMakesItself) {
+TEST(NetlinkReader, MarksARouteThatTheKernelMakesItself) {
   const auto is = as<NetlinkMessage::RouteIs>(read(networkRoute));
   EXPECT_TRUE(is.kernelMade);
   EXPECT_FALSE(is.gateway);
 }
 
-TEST(NetlinkReader, KnowsARouteThatARouterHasAnnounced) {
+TEST(NetlinkReader, MarksARouteThatARouterHasAnnounced) {
   for (const int protocol : {RTPROT_REDIRECT, RTPROT_RA}) {
     std::vector<std::byte> bytes(defaultRoute.span().begin(), defaultRoute.span().end());
     bytes[sizeof(nlmsghdr) + offsetof(rtmsg, rtm_protocol)] = static_cast<std::byte>(protocol);
@@ -242,7 +242,7 @@ const NetlinkBytes* const captured[] = {&linkWithCounters,   &linkDeleted,  &add
 TEST(NetlinkReader, RefusesEveryTruncatedMessage) {
   for (const NetlinkBytes* whole : captured) {
     for (size_t length = 0; length < whole->span().size(); ++length) {
-      // A buffer of its own, so that the sanitizer sees every byte that is read behind its end.
+      // Its own buffer, so that the sanitizer sees every byte that is read beyond its end.
       const std::vector<std::byte> cut(whole->span().begin(),
                                        whole->span().begin() + static_cast<std::ptrdiff_t>(length));
       EXPECT_NE(whyNot(readNetlink(cut)), "") << length;

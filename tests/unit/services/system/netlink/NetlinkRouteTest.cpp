@@ -21,7 +21,7 @@ std::vector<std::byte> bytesOf(const NetlinkBytes& bytes) {
 
 // Promise: A saved route names the link and what an administrator or a program set, and leaves out
 // what the kernel only reports.
-TEST(NetlinkRoute, PutsARouteBackByTheLinkItLeftBy) {
+TEST(NetlinkRoute, RestoresARouteByItsLink) {
   EXPECT_EQ(
       makeRouteRequest(routeOf(defaultRoute, 3), 3),
       bytesOf({"3c 00 00 00 18 00 05 06 00 00 00 00 00 00 00 00",  // request, acknowledge, create,
@@ -47,7 +47,7 @@ TEST(NetlinkRoute, NamesTheNewLinkInItsOwnNextHopsOnly) {
   EXPECT_EQ(second[68], std::byte{9});
 }
 
-TEST(NetlinkRoute, LeavesOutWhatTheKernelOnlyTells) {
+TEST(NetlinkRoute, LeavesOutWhatTheKernelOnlyReports) {
   const NetlinkBytes told{
       "50 00 00 00 18 00 02 00 00 00 00 00 00 00 00 00",
       "02 00 00 00 fe 03 00 01 15 00 00 00",  // RTNH_F_DEAD, RTNH_F_ONLINK, RTNH_F_LINKDOWN
@@ -67,7 +67,7 @@ TEST(NetlinkRoute, LeavesOutWhatTheKernelOnlyTells) {
 TEST(NetlinkRoute, RefusesAContentThatIsNoRoute) {
   const std::string whole = routeOf(multipathRoute, 3).content;
   for (size_t length = 0; length < whole.size(); ++length) {
-    // After a whole attribute the rest is a shorter route.
+    // Cut after a complete attribute, it is a shorter route.
     if (length == 12 || length == 20 || length == 28) continue;
     EXPECT_TRUE(makeRouteRequest({3, true, whole.substr(0, length)}, 3).empty()) << length;
   }

@@ -1,4 +1,4 @@
-// The kernel's answers and the changes that it tells meanwhile, in every order that they can have.
+// The kernel's answers and the changes that it reports meanwhile, in every possible order.
 
 #include <gtest/gtest.h>
 
@@ -21,7 +21,7 @@ class TableReadingTest : public testing::Test {
     arrives({request, ourPort, false, std::move(what)});
   }
   template <typename What>
-  void tells(What what) {
+  void reports(What what) {
     arrives({0, 0, false, std::move(what)});
   }
   void arrives(NetlinkMessage message) { reading.take(message, request); }
@@ -38,31 +38,31 @@ class TableReadingTest : public testing::Test {
   TableReading reading{ourPort};
 };
 
-TEST_F(TableReadingTest, HoldsWhatWasAnsweredAndTold) {
+TEST_F(TableReadingTest, MergesAnswersAndReportedChanges) {
   answers(link(true));
   answers(has("10.0.0.1"));
-  tells(has("10.0.0.2"));
+  reports(has("10.0.0.2"));
   const LinkSnapshot all = reading.finish();
   EXPECT_TRUE(all.links.at(2).running);
   EXPECT_EQ(all.addresses.at(2), (std::set<LinkAddress>{at("10.0.0.1"), at("10.0.0.2")}));
 }
 
-// Promise: What the kernel reports while its tables are read wins over an answer that comes later
-// and does not know it yet.
+// Promise: What the kernel reports while its tables are read takes precedence over a later answer
+// that lacks it.
 TEST_F(TableReadingTest, DoesNotHoldAnAddressThatWasToldGoneBeforeAnAnswerThatStillListsIt) {
-  tells(loses("10.0.0.1"));
+  reports(loses("10.0.0.1"));
   answers(has("10.0.0.1"));
   EXPECT_TRUE(reading.finish().addresses[2].empty());
 }
 
 TEST_F(TableReadingTest, HoldsTheLinkAsItWasToldBeforeAnOlderAnswer) {
-  tells(link(false));
+  reports(link(false));
   answers(link(true));
   EXPECT_FALSE(reading.finish().links.at(2).running);
 }
 
 TEST_F(TableReadingTest, DoesNotHoldALinkThatWasToldGone) {
-  tells(NetlinkMessage::LinkGone{2});
+  reports(NetlinkMessage::LinkGone{2});
   answers(link(true));
   answers(has("10.0.0.1"));
   const LinkSnapshot all = reading.finish();
@@ -71,10 +71,10 @@ TEST_F(TableReadingTest, DoesNotHoldALinkThatWasToldGone) {
 }
 
 TEST_F(TableReadingTest, HoldsWhatWasToldLast) {
-  tells(loses("10.0.0.1"));
-  tells(has("10.0.0.1"));
-  tells(has("10.0.0.2"));
-  tells(loses("10.0.0.2"));
+  reports(loses("10.0.0.1"));
+  reports(has("10.0.0.1"));
+  reports(has("10.0.0.2"));
+  reports(loses("10.0.0.2"));
   EXPECT_EQ(reading.finish().addresses.at(2), std::set<LinkAddress>{at("10.0.0.1")});
 }
 
@@ -94,10 +94,10 @@ TEST_F(TableReadingTest, KnowsAChangeOfAnotherNamespacesProgramWithOurPort) {
 TEST_F(TableReadingTest, WantsAnotherLookOnlyWhenAnAddressIsGone) {
   answers(link(true));
   answers(has("10.0.0.1"));
-  tells(link(false));
-  tells(has("10.0.0.2"));
+  reports(link(false));
+  reports(has("10.0.0.2"));
   EXPECT_FALSE(reading.lostAddress());
-  tells(loses("10.0.0.2"));
+  reports(loses("10.0.0.2"));
   EXPECT_TRUE(reading.lostAddress());
 }
 

@@ -34,7 +34,7 @@ using namespace std::chrono_literals;
 constexpr uid_t user = 54321;
 constexpr gid_t group = 54322;
 
-/// Starts real processes as another user, which takes root.
+/// Starts real processes as another user, which needs root.
 class LinuxProcessesTest : public testing::Test, public Processes::Observer {
  protected:
   LinuxProcessesTest() {
@@ -82,7 +82,7 @@ class LinuxProcessesTest : public testing::Test, public Processes::Observer {
     EXPECT_EQ(listen(listener.get(), 1), 0);
     return listener;
   }
-  /// As systemd says to whom it starts, of the file that start() puts in place of the output.
+  /// As systemd announces it, for the file that start() puts in place of the output.
   void writesToTheJournal() const {
     folder_.write("output", "");
     struct stat info = {};
@@ -142,7 +142,7 @@ using Values = std::multiset<std::string>;
 // Promise [service-term]: A service gets SIGTERM from the kernel when lumend ends, however that
 // ends.
 TEST_F(LinuxProcessesTest, StartsAProcessWithNothingThatItShouldNotHave) {
-  // What must not reach it.
+  // What it must not inherit.
   const lm::Fd leak(open("/dev/null", O_RDONLY));
   signal(SIGPIPE, SIG_IGN);
   sigset_t blocked;
@@ -237,7 +237,7 @@ TEST_F(LinuxProcessesTest, StartsTwoServicesThatShareAUser) {
 
 // Promise: How a service's process ended is known, whatever signal dispositions lumend was started
 // with, and starting one leaves no descriptor.
-TEST_F(LinuxProcessesTest, TellsTheExitStatus) {
+TEST_F(LinuxProcessesTest, ReportsTheExitStatus) {
   ASSERT_TRUE(start("/bin/false"));
   ASSERT_TRUE(hasEnded());
   EXPECT_TRUE(WIFEXITED(endedStatus));
@@ -286,7 +286,7 @@ TEST_F(LinuxProcessesTest, RunsAnExecutableThatTheUserCannotReach) {
   EXPECT_EQ(endedStatus, 0) << output();
 }
 
-TEST_F(LinuxProcessesTest, TellsTheEndAlsoWhereItsOwnStarterIgnoredThose) {
+TEST_F(LinuxProcessesTest, ReportsTheEndEvenIfItsParentIgnoredSigchld) {
   ::signal(SIGCHLD, SIG_IGN);
   LinuxProcesses inheriting;
   inheriting.setObserver(*this);
@@ -296,7 +296,7 @@ TEST_F(LinuxProcessesTest, TellsTheEndAlsoWhereItsOwnStarterIgnoredThose) {
 }
 
 // Promise: When an executable cannot be run, the report has its path and the system's error text.
-TEST_F(LinuxProcessesTest, SaysWhatCannotBeRun) {
+TEST_F(LinuxProcessesTest, ReportsWhatCannotBeRun) {
   const std::string missing = "/nowhere/program: No such file or directory";
   EXPECT_EQ(whyNot(processes.start(program("/nowhere/program"))), missing);
   EXPECT_EQ(whyNot(processes.open("/nowhere/program")), missing);
@@ -308,7 +308,7 @@ TEST_F(LinuxProcessesTest, SaysWhatCannotBeRun) {
 }
 
 // Promise: What keeps a process from starting is reported, and leaves no child.
-TEST_F(LinuxProcessesTest, SaysWhatKeepsAProcessFromStarting) {
+TEST_F(LinuxProcessesTest, ReportsWhatKeepsAProcessFromStarting) {
   Program nowhere = program("/bin/true");
   nowhere.lockFile = folder_.file("missing/service.lock");
   EXPECT_EQ(whyNot(processes.start(nowhere)), nowhere.lockFile + ": No such file or directory");
@@ -320,9 +320,9 @@ TEST_F(LinuxProcessesTest, SaysWhatKeepsAProcessFromStarting) {
   EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child is left";
 }
 
-// Promise: A service that cannot be cut off from lumend in every way is not run: `/bin/true:
+// Promise: A service that cannot be isolated from lumend completely is not run: `/bin/true:
 // capabilities: Operation not permitted`.
-TEST_F(LinuxProcessesTest, RunsNoProgramThatIsNotCutOffFromItsStarter) {
+TEST_F(LinuxProcessesTest, RunsNoProgramThatIsNotIsolatedFromItsParent) {
   struct Case {
     int call;
     const char* what;
@@ -341,7 +341,7 @@ TEST_F(LinuxProcessesTest, RunsNoProgramThatIsNotCutOffFromItsStarter) {
   }
 }
 
-TEST_F(LinuxProcessesTest, GivesEachProgramAStreamOfItsOwnInTheJournal) {
+TEST_F(LinuxProcessesTest, GivesEachProgramItsOwnJournalStream) {
   const lm::Fd journal = journalListens();
   writesToTheJournal();
   const Result<pid_t> pid = start(SERVICE_PROBE);
@@ -368,7 +368,7 @@ TEST_F(LinuxProcessesTest, SharesItsOutputWhenTheJournalTakesNoStream) {
 }
 
 // Promise: lumend signals only what it has started, and kills only the holder of a service's lock.
-TEST_F(LinuxProcessesTest, SignalsOnlyWhatItHasStarted) {
+TEST_F(LinuxProcessesTest, SignalsOnlyItsOwnChildren) {
   std::array<int, 2> ends{};
   ASSERT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
   const lm::Fd reading(ends[0]);
@@ -386,7 +386,7 @@ TEST_F(LinuxProcessesTest, SignalsOnlyWhatItHasStarted) {
   EXPECT_TRUE(WIFEXITED(status));
 }
 
-TEST_F(LinuxProcessesTest, FindsNoHolderOfALockThatNobodyHas) {
+TEST_F(LinuxProcessesTest, FindsNoHolderOfAFreeLock) {
   const std::string missing = folder_.file("missing/service.lock");
   EXPECT_EQ(processes.lockHolder(missing), 0);
   processes.killLockHolder(missing);
@@ -395,7 +395,7 @@ TEST_F(LinuxProcessesTest, FindsNoHolderOfALockThatNobodyHas) {
   processes.killLockHolder(lock);
 }
 
-TEST_F(LinuxProcessesTest, LeavesNoDescriptorBehind) {
+TEST_F(LinuxProcessesTest, LeavesNoDescriptorOpen) {
   const auto count = [] {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
   };

@@ -52,7 +52,7 @@ TEST_F(LockFileTest, NamesItsHolder) {
   const lm::Fd lock = openLockFile(path());
   EXPECT_EQ(holderOf(lock.get()), pid);
   EXPECT_FALSE(takeLock(lock.get()));
-  EXPECT_EQ(holderOf(lock.get()), pid) << "the vain attempt has changed nothing";
+  EXPECT_EQ(holderOf(lock.get()), pid) << "the failed attempt has changed nothing";
   end(pid);
 }
 

@@ -113,7 +113,7 @@ TEST_F(PrivateRootTest, CoversALumenThatIsThere) {
 
 // Promise [lumend-folder]: A DIR that is missing, is no directory or that services cannot look into
 // is refused with the reason: `services run as other users and cannot look into it (chmod 755)`.
-TEST_F(PrivateRootTest, SaysWhatIsWrongWithTheDirectory) {
+TEST_F(PrivateRootTest, ReportsWhatIsWrongWithTheDirectory) {
   EXPECT_EQ(inAChild([&] { return whyNot(enterPrivateRoot("/nowhere")); }),
             "/nowhere: No such file or directory");
   EXPECT_EQ(inAChild([&] { return whyNot(enterPrivateRoot(directory_.file("here"))); }),
@@ -125,7 +125,7 @@ TEST_F(PrivateRootTest, SaysWhatIsWrongWithTheDirectory) {
 }
 
 // Also proves [lumend-folder].
-TEST_F(PrivateRootTest, SaysWhatTheSystemDoesNotLetItDo) {
+TEST_F(PrivateRootTest, ReportsWhatTheSystemRefuses) {
   struct Case {
     int call;
     const char* what;  // "" is any entry of the old root
@@ -152,7 +152,7 @@ TEST_F(PrivateRootTest, SaysWhatTheSystemDoesNotLetItDo) {
   for (const Case& c : withoutMountPoint) expectRefusal(c);
 }
 
-TEST_F(PrivateRootTest, SaysWhenADirectoryCannotBeGivenAway) {
+TEST_F(PrivateRootTest, ReportsThatADirectoryCannotChangeItsOwner) {
   for (const int call : {SCMP_SYS(fchown), SCMP_SYS(fchmod)}) {
     whileRefused({call}, EPERM, [&] {
       EXPECT_EQ(whyNot(makeDirectory(directory_.file("store"), 54321, 54322, 0700)),

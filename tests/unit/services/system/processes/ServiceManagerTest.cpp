@@ -43,7 +43,7 @@ class ServiceManagerTest : public testing::Test {
     ASSERT_EQ(bind(manager.get(), reinterpret_cast<const sockaddr*>(&address), length), 0);
   }
 
-  Messages told() {
+  Messages received() {
     Messages found;
     char text[256];
     for (ssize_t size = 0; (size = recv(manager.get(), text, sizeof text, 0)) > 0;) {
@@ -63,33 +63,33 @@ class ServiceManagerTest : public testing::Test {
   lm::Fd manager;
 };
 
-// Promise [ready]: The program that started lumend hears `READY=1` when the start is done, at the
-// socket that `NOTIFY_SOCKET` names, a path or an abstract name.
+// Promise [ready]: The program that started lumend receives `READY=1` when the start is done, at
+// the socket that `NOTIFY_SOCKET` names, a path or an abstract name.
 // Promise: lumend reports to systemd that it is ready, and twice in each watchdog interval that its
 // loop turns.
-TEST_F(ServiceManagerTest, HearsThatTheStartIsDone) {
+TEST_F(ServiceManagerTest, IsNotifiedWhenTheStartIsDone) {
   managerListensAt(folder.file("notify"));
   ServiceManager ours(folder.file("notify"), 0s);
-  EXPECT_EQ(told(), Messages());
+  EXPECT_EQ(received(), Messages());
   ours.ready();
-  EXPECT_EQ(told(), Messages{"READY=1"});
+  EXPECT_EQ(received(), Messages{"READY=1"});
   pass(3600s);
-  EXPECT_EQ(told(), Messages()) << "nobody waits for a sign of life";
+  EXPECT_EQ(received(), Messages()) << "without a watchdog";
 }
 
-// Promise [watchdog]: The program that started lumend hears `WATCHDOG=1` twice in the time that
+// Promise [watchdog]: The program that started lumend receives `WATCHDOG=1` twice in the time that
 // `WATCHDOG_USEC` gives, unless `WATCHDOG_PID` is another process.
-TEST_F(ServiceManagerTest, HearsASignOfLifeTwiceInTheTimeThatItWaits) {
+TEST_F(ServiceManagerTest, GetsASignOfLifeTwiceInEachWatchdogInterval) {
   managerListensAt(folder.file("notify"));
   ServiceManager ours(folder.file("notify"), 30s);
   ours.ready();
-  EXPECT_EQ(told(), (Messages{"READY=1", "WATCHDOG=1"}));
+  EXPECT_EQ(received(), (Messages{"READY=1", "WATCHDOG=1"}));
   pass(14'990ms);
-  EXPECT_EQ(told(), Messages());
+  EXPECT_EQ(received(), Messages());
   pass(10ms);
-  EXPECT_EQ(told(), Messages{"WATCHDOG=1"});
+  EXPECT_EQ(received(), Messages{"WATCHDOG=1"});
   pass(15s);
-  EXPECT_EQ(told(), Messages{"WATCHDOG=1"});
+  EXPECT_EQ(received(), Messages{"WATCHDOG=1"});
 }
 
 // Also proves [ready].
@@ -98,7 +98,7 @@ TEST_F(ServiceManagerTest, MayListenAtAnAbstractName) {
   managerListensAt(name);
   ServiceManager ours(name, 0s);
   ours.ready();
-  EXPECT_EQ(told(), Messages{"READY=1"});
+  EXPECT_EQ(received(), Messages{"READY=1"});
 }
 
 // Also proves [ready].
@@ -110,7 +110,7 @@ TEST_F(ServiceManagerTest, IsFoundInTheEnvironment) {
   ServiceManager ours = ServiceManager::ofThisProcess();
   ours.ready();
   pass(1s);
-  EXPECT_EQ(told(), (Messages{"READY=1", "WATCHDOG=1", "WATCHDOG=1"}));
+  EXPECT_EQ(received(), (Messages{"READY=1", "WATCHDOG=1", "WATCHDOG=1"}));
 }
 
 // Also proves [watchdog].
@@ -121,7 +121,7 @@ TEST_F(ServiceManagerTest, MayWatchOverAnotherProcessOfTheService) {
   setenv("WATCHDOG_PID", "1", 1);
   ServiceManager ours = ServiceManager::ofThisProcess();
   ours.ready();
-  EXPECT_EQ(told(), Messages{"READY=1"});
+  EXPECT_EQ(received(), Messages{"READY=1"});
 }
 
 // Promise: lumend works the same without such a program, and with one that has gone or does not
@@ -138,12 +138,12 @@ TEST_F(ServiceManagerTest, IsNotNeeded) {
 }
 
 // Promise: A service manager that does not read blocks nothing.
-TEST_F(ServiceManagerTest, ThatDoesNotReadHoldsNobodyUp) {
+TEST_F(ServiceManagerTest, ThatDoesNotReadDelaysNothing) {
   managerListensAt(folder.file("notify"));
   ServiceManager ours(folder.file("notify"), 20ms);
   ours.ready();
   for (int times = 0; times < 2000; ++times) pass(10ms);
-  const Messages heard = told();
+  const Messages heard = received();
   ASSERT_FALSE(heard.empty());
   EXPECT_LT(heard.size(), 2000U) << "its queue was never full";
 }

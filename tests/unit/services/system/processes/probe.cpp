@@ -1,4 +1,4 @@
-// A service that writes down how it was started and waits for its end.
+// A service that prints how it was started and waits for its end.
 
 #include <dirent.h>
 #include <sys/prctl.h>
