@@ -25,7 +25,7 @@ constexpr uint32_t highestService = 0xFFFF;
 
 bool has(const lm::message& m, uint32_t key) { return m.fields().find(key) != nullptr; }
 
-std::string who(const Connection& connection) {
+std::string describe(const Connection& connection) {
   return "connection " + std::to_string(connection.number()) + " (process " +
          std::to_string(connection.peer().pid) + ", user " +
          std::to_string(connection.peer().user) + ")";
@@ -72,18 +72,19 @@ void Broker::received(Connection& from, std::string_view datagram) {
   const bool hasCommand = has(*message, lm::key::command);
   const bool hasSerial = has(*message, lm::key::serial);
   if (has(*message, lm::key::isReply)) {
-    if (hasSerial && message->get_bool(lm::key::isReply)) return reply(from, std::move(*message));
+    if (hasSerial && message->get_bool(lm::key::isReply))
+      return handleReply(from, std::move(*message));
   } else if (has(*message, lm::key::destination)) {
     const bool isPath = !message->get_u32_array_ref(lm::key::destination).empty();
-    if (isPath && hasSerial && hasCommand) return request(from, std::move(*message));
+    if (isPath && hasSerial && hasCommand) return handleRequest(from, std::move(*message));
   } else if (hasCommand && has(*message, lm::key::source)) {
-    return notification(from, std::move(*message));
+    return handleNotification(from, std::move(*message));
   }
   from.drop("sent neither request, notification nor reply");
 }
 
 void Broker::ended(Connection& connection, const std::string& why) {
-  if (!why.empty()) lm::logLine(who(connection), ": ", why);
+  if (!why.empty()) lm::logLine(describe(connection), ": ", why);
   const auto found = connections_.find(connection.number());
   const std::unique_ptr<Connection> gone = std::move(found->second);
   connections_.erase(found);
@@ -99,38 +100,38 @@ void Broker::ended(Connection& connection, const std::string& why) {
   for (const auto& [path, handler] : locals_) handler->connectionEnded(gone->number());
 }
 
-void Broker::request(Connection& from, lm::message request) {
+void Broker::handleRequest(Connection& from, lm::message request) {
   const std::vector<uint32_t> destination = request.get_u32_array_ref(lm::key::destination);
   const Path to = Path::of(destination);
   if (!monitors_.empty()) {
     lm::message seen = request;
     writeSource(from, seen);
-    show(numberOf(from), to.service, seen);
+    showToMonitors(numberOf(from), to.service, seen);
   }
   from.latest = request.get_u32(lm::key::serial);
   from.undo = nullptr;
   if (++from.requests > maxRequests) {
     return refuse(requester(from, request), "too many requests at a time");
   }
-  if (to.service == lm::service::broker) return own(from, request);
+  if (to.service == lm::service::broker) return handleOwn(from, request);
   if (!from.rights().mayAsk()) return refuse(requester(from, request), notPermitted);
-  if (isLocal(to.service)) return local(from, to, request);
+  if (isLocal(to.service)) return handleLocal(from, to, request);
   if (!from.rights().mayCall(to.service)) return refuse(requester(from, request), notPermitted);
   forward(from, to.service, std::move(request));
 }
 
-void Broker::notification(Connection& from, lm::message notification) {
+void Broker::handleNotification(Connection& from, lm::message notification) {
   writeSource(from, notification);
   const Path source = Path::of(notification.get_u32_array_ref(lm::key::source));
   const uint32_t command = notification.get_u32(lm::key::command);
   if (command != lm::broker::cmd::cancel) return publish(command, source, notification);
-  if (!monitors_.empty()) show(source.service, lm::service::broker, notification);
+  if (!monitors_.empty()) showToMonitors(source.service, lm::service::broker, notification);
   cancel(from, notification.get_u32(lm::key::serial));
 }
 
-void Broker::reply(Connection& from, lm::message reply) {
+void Broker::handleReply(Connection& from, lm::message reply) {
   const SentRequest answered{from.number(), reply.get_u32(lm::key::serial)};
-  const auto to = requests_.answered(answered.serial, answered.to);
+  const auto to = requests_.takeAnswered(answered.serial, answered.to);
   if (!to) return;
   if (Connection* const asking = find(to->connection); asking && asking->latest == to->serial) {
     asking->undo = [this, answered] { passCancellation(answered); };
@@ -152,7 +153,7 @@ void Broker::cancel(Connection& from, uint32_t serial) {
   }
   if (from.latest != serial) return;
   if (const auto undo = std::exchange(from.undo, nullptr)) {
-    lm::logLine(who(from), " has given up request ", serial, ", which is undone");
+    lm::logLine(describe(from), " has given up request ", serial, ", which is undone");
     undo();
   }
 }
@@ -165,10 +166,10 @@ void Broker::passCancellation(SentRequest request) {
   cancellation.insert_u32_array(lm::key::source, {lm::service::broker, 0});
   cancellation.insert_u32(lm::key::serial, request.serial);
   service->send(lm::encode(cancellation));
-  if (!monitors_.empty()) show(lm::service::broker, numberOf(*service), cancellation);
+  if (!monitors_.empty()) showToMonitors(lm::service::broker, numberOf(*service), cancellation);
 }
 
-void Broker::own(Connection& from, const lm::message& request) {
+void Broker::handleOwn(Connection& from, const lm::message& request) {
   const Requester to = requester(from, request);
   switch (request.get_u32(lm::key::command)) {
     case lm::broker::cmd::registerServices:
@@ -273,7 +274,7 @@ void Broker::monitor(Connection& from, const lm::message& request) {
   if (request.get_bool(lm::monitor::key::on)) monitors_.insert(from.number());
 }
 
-void Broker::local(Connection& from, Path to, const lm::message& request) {
+void Broker::handleLocal(Connection& from, Path to, const lm::message& request) {
   const Requester asking = requester(from, request);
   const auto handler = locals_.find({to.service, to.handler});
   if (handler == locals_.end()) return refuse(asking, "no such handler");
@@ -305,12 +306,12 @@ void Broker::forward(Connection& from, uint32_t service, lm::message request) {
 }
 
 void Broker::send(Requester from, Connection& to, std::string datagram) {
-  const uint32_t serial = requests_.sent(from, to.number());
+  const uint32_t serial = requests_.addSent(from, to.number());
   lm::message last;
   last.insert_u32(lm::key::serial, serial);
   datagram += lm::encode(last);
   if (datagram.size() <= lm::maxDatagram) return to.send(std::move(datagram));
-  (void)requests_.answered(serial, to.number());
+  (void)requests_.takeAnswered(serial, to.number());
   refuse(from, "the request is too long");
 }
 
@@ -318,7 +319,7 @@ void Broker::startWaiting(Requester from, uint32_t service, std::string datagram
   if (requests_.waitingBytes() + datagram.size() > maxWaitingBytes) {
     return refuse(from, "too many requests at a time");
   }
-  requests_.wait({from, service, clock_.now() + startLimit, std::move(datagram)});
+  requests_.addWaiting({from, service, clock_.now() + startLimit, std::move(datagram)});
   watchDeadlines();
 }
 
@@ -327,10 +328,10 @@ void Broker::watchDeadlines() {
   const std::optional<lm::Clock::Time> next = requests_.nextDeadline();
   if (!next) return;
   const lm::Clock::Time now = clock_.now();
-  deadline_.start<&Broker::late>(*this, timerDelay(std::max(*next, now) - now));
+  deadline_.start<&Broker::refuseLate>(*this, timerDelay(std::max(*next, now) - now));
 }
 
-void Broker::late() {
+void Broker::refuseLate() {
   for (const WaitingRequest& waiting : requests_.takeLate(clock_.now())) {
     refuse(waiting.from, serviceUnavailable);
   }
@@ -363,7 +364,7 @@ void Broker::notify(uint32_t command, const std::vector<uint32_t>& source,
 }
 
 void Broker::publish(uint32_t command, Path source, const lm::message& notification) {
-  if (!monitors_.empty()) show(source.service, lm::monitor::subscribers, notification);
+  if (!monitors_.empty()) showToMonitors(source.service, lm::monitor::subscribers, notification);
   const std::set<uint64_t>& subscribers = subscriptions_.subscribers(command, source);
   if (subscribers.empty()) return;
   const std::string datagram = lm::encode(notification);
@@ -374,7 +375,7 @@ void Broker::publish(uint32_t command, Path source, const lm::message& notificat
   for (const uint64_t subscriber : subscribers) find(subscriber)->send(datagram);
 }
 
-void Broker::show(uint32_t from, uint32_t to, const lm::message& message) const {
+void Broker::showToMonitors(uint32_t from, uint32_t to, const lm::message& message) const {
   const std::string datagram = encodeMonitorEvent(from, to, message);
   for (const uint64_t monitor : monitors_) find(monitor)->send(datagram);
 }
@@ -394,7 +395,7 @@ void Broker::answer(uint32_t from, Requester to, lm::message reply) {
     datagram = lm::encode(reply);
   }
   connection->send(std::move(datagram));
-  if (!monitors_.empty()) show(from, numberOf(*connection), reply);
+  if (!monitors_.empty()) showToMonitors(from, numberOf(*connection), reply);
 }
 
 void Broker::refuse(Requester to, const std::string& text) {

@@ -65,16 +65,16 @@ class Broker : public Notifier, public Services::Observer, public Connection::Ow
   void received(Connection& from, std::string_view datagram) override;
   void ended(Connection& connection, const std::string& why) override;
 
-  void request(Connection& from, lm::message request);
-  void notification(Connection& from, lm::message notification);
-  void reply(Connection& from, lm::message reply);
+  void handleRequest(Connection& from, lm::message request);
+  void handleNotification(Connection& from, lm::message notification);
+  void handleReply(Connection& from, lm::message reply);
   /// `from` no longer waits for the answer to its request with that serial.
   void cancel(Connection& from, uint32_t serial);
   /// Notifies the service at that connection, if it is still connected.
   void passCancellation(SentRequest request);
 
   // The broker's own commands.
-  void own(Connection& from, const lm::message& request);
+  void handleOwn(Connection& from, const lm::message& request);
   void registerServices(Connection& from, const lm::message& request);
   void unregisterServices(Connection& from, const lm::message& request);
   [[nodiscard]] lm::message subscribe(Connection& from, const lm::message& request);
@@ -84,19 +84,19 @@ class Broker : public Notifier, public Services::Observer, public Connection::Ow
   [[nodiscard]] Result<void> checkRegistration(const Connection& from,
                                                const std::vector<uint32_t>& numbers) const;
 
-  void local(Connection& from, Path to, const lm::message& request);
+  void handleLocal(Connection& from, Path to, const lm::message& request);
   void forward(Connection& from, uint32_t service, lm::message request);
   /// `datagram` is a request without serial.
   void send(Requester from, Connection& to, std::string datagram);
   void startWaiting(Requester from, uint32_t service, std::string datagram);
-  void late();
+  void refuseLate();
   void watchDeadlines();
 
   /// `from` is the number of the service that answers, as monitors see it.
   void answer(uint32_t from, Requester to, lm::message reply);
   void refuse(Requester to, const std::string& text);
   void publish(uint32_t command, Path source, const lm::message& notification);
-  void show(uint32_t from, uint32_t to, const lm::message& message) const;
+  void showToMonitors(uint32_t from, uint32_t to, const lm::message& message) const;
 
   [[nodiscard]] Connection* find(uint64_t connection) const;
   [[nodiscard]] uint32_t serviceOf(const Connection& connection) const;

@@ -6,7 +6,7 @@
 
 namespace lumen {
 
-uint32_t Requests::sent(Requester from, uint64_t to) {
+uint32_t Requests::addSent(Requester from, uint64_t to) {
   do {
     ++lastSerial_;
   } while (sent_.contains(lastSerial_));
@@ -14,7 +14,7 @@ uint32_t Requests::sent(Requester from, uint64_t to) {
   return lastSerial_;
 }
 
-std::optional<Requester> Requests::answered(uint32_t serial, uint64_t to) {
+std::optional<Requester> Requests::takeAnswered(uint32_t serial, uint64_t to) {
   const auto found = sent_.find(serial);
   if (found == sent_.end() || found->second.to != to) return std::nullopt;
   const Requester from = found->second.from;
@@ -41,7 +41,7 @@ std::optional<SentRequest> Requests::takeSent(Requester from) {
   return request;
 }
 
-void Requests::wait(WaitingRequest request) {
+void Requests::addWaiting(WaitingRequest request) {
   waitingBytes_ += request.datagram.size();
   waiting_.push_back(std::move(request));
 }

@@ -39,10 +39,10 @@ struct WaitingRequest {
 class Requests {
  public:
   /// Notes a request that is sent to the connection `to`; returns its serial there.
-  [[nodiscard]] uint32_t sent(Requester from, uint64_t to);
+  [[nodiscard]] uint32_t addSent(Requester from, uint64_t to);
   /// The reply with this serial has come from the connection `to`. None when no requester waits for
   /// it.
-  [[nodiscard]] std::optional<Requester> answered(uint32_t serial, uint64_t to);
+  [[nodiscard]] std::optional<Requester> takeAnswered(uint32_t serial, uint64_t to);
   /// The connection `to` has ended: the requesters that still wait for it.
   [[nodiscard]] std::vector<Requester> takeSentTo(uint64_t to);
 
@@ -50,7 +50,7 @@ class Requests {
   [[nodiscard]] std::optional<SentRequest> takeSent(Requester from);
 
   /// Deadlines must not fall from one to the next.
-  void wait(WaitingRequest request);
+  void addWaiting(WaitingRequest request);
   [[nodiscard]] size_t waitingBytes() const { return waitingBytes_; }
   /// The requester has given up. False when none of its requests with that serial waits.
   [[nodiscard]] bool dropWaiting(Requester from);
