@@ -20,8 +20,6 @@ namespace {
 constexpr int statusRefused = 1;
 constexpr int statusWrongUsage = 2;
 
-constexpr const char* cannotWrite = "standard output cannot be written";
-
 int refused(std::ostream& err, const std::string& why) {
   err << "lumenctl: " << printable(why) << '\n';
   return statusRefused;
@@ -73,11 +71,11 @@ int run(const std::vector<std::string>& arguments, const Connect& connect, Machi
   try {
     app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
     session.finish();
-    if (!out.flush()) throw Refused(cannotWrite);
+    if (!out.flush()) throw Refused(outputFailed);
     return session.status;
   } catch (const CLI::Success& asked) {  // --help, --version
     const int status = app.exit(asked, out, err);
-    return out.flush() ? status : refused(err, cannotWrite);
+    return out.flush() ? status : refused(err, outputFailed);
   } catch (const CLI::ParseError& error) {
     return wrongUsage(err, app, explained(app, error));
   } catch (const WrongUsage& error) {

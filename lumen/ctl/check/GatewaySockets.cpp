@@ -1,7 +1,5 @@
 #include "lumen/ctl/check/GatewaySockets.h"
 
-#include <netinet/in.h>
-
 #include <algorithm>
 #include <sstream>
 
@@ -38,12 +36,12 @@ std::vector<std::string> GatewaySockets::missingOn(uint32_t link) const {
   std::vector<std::string> missing;
   if (!visible_) return missing;
   for (const GatewayPort& needed : gatewayPorts) {
-    const bool heard =
+    const bool listens =
         std::any_of(listeners_.begin(), listeners_.end(), [&](const Listener& listener) {
           return listener.protocol == needed.protocol && listener.port == needed.port &&
                  (listener.link == 0 || listener.link == link);
         });
-    if (!heard) missing.emplace_back(needed.name);
+    if (!listens) missing.emplace_back(needed.name);
   }
   return missing;
 }

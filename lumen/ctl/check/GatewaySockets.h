@@ -1,5 +1,7 @@
 #pragma once
 
+#include <netinet/in.h>
+
 #include <array>
 #include <cstdint>
 #include <optional>
@@ -19,7 +21,7 @@ struct GatewayPort {
 };
 /// SSDP, and the gateway's HTTP server.
 inline constexpr std::array<GatewayPort, 2> gatewayPorts = {
-    {{17, 1900, "1900/udp"}, {6, 2828, "2828/tcp"}}};
+    {{IPPROTO_UDP, 1900, "1900/udp"}, {IPPROTO_TCP, 2828, "2828/tcp"}}};
 
 /// The user that a process runs as. None when that is not visible.
 [[nodiscard]] std::optional<uint32_t> userOf(Machine& machine, uint32_t process);

@@ -1,9 +1,6 @@
 #include "lumen/ctl/check/Observer.h"
 
-#include <netinet/in.h>
-
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstring>
 
@@ -109,24 +106,18 @@ void readPlatform(Session& session, Observation& seen) {
 }
 
 std::vector<PortUser> readPortUsers(Machine& machine, uint32_t gateway) {
-  struct Table {
-    const char* path;
-    uint32_t protocol;
-    uint32_t port;
-  };
-  // The ports of SSDP and of the gateway's HTTP server.
-  constexpr std::array<Table, 4> tables = {{{"/proc/net/udp", IPPROTO_UDP, 1900},
-                                            {"/proc/net/udp6", IPPROTO_UDP, 1900},
-                                            {"/proc/net/tcp", IPPROTO_TCP, 2828},
-                                            {"/proc/net/tcp6", IPPROTO_TCP, 2828}}};
   const std::optional<uint32_t> gatewaysUser = userOf(machine, gateway);
   std::vector<PortUser> users;
-  for (const Table& table : tables) {
-    for (const BoundSocket& socket : boundSockets(machine.read(table.path).value_or(""))) {
-      if (socket.port != table.port) continue;
+  for (const GatewayPort& needed : gatewayPorts) {
+    const std::string table =
+        std::string("/proc/net/") + (needed.protocol == IPPROTO_TCP ? "tcp" : "udp");
+    // The second is that of IPv6.
+    for (const BoundSocket& socket :
+         boundSockets(machine.read(table).value_or("") + machine.read(table + "6").value_or(""))) {
+      if (socket.port != needed.port) continue;
       const Process owner = machine.ownerOf(socket.inode);
       const bool own = owner.id == 0 ? socket.user == gatewaysUser : owner.id == gateway;
-      const PortUser user{table.port, table.protocol, owner.id, owner.name};
+      const PortUser user{needed.port, needed.protocol, owner.id, owner.name};
       if (own || std::find(users.begin(), users.end(), user) != users.end()) continue;
       users.push_back(user);
     }

@@ -26,7 +26,7 @@ void monitor(Session& session) {
     } else {
       session.out() << traced.line() << '\n' << std::flush;
     }
-    if (!session.out()) throw Refused("standard output cannot be written");
+    if (!session.out()) throw Refused(outputFailed);
   }
 }
 

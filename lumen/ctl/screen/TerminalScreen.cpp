@@ -106,7 +106,7 @@ void TerminalScreen::draw(const std::vector<std::string>& lines) {
     text += line + "\x1b[K";  // clear the rest of the line
   }
   text += "\x1b[J";
-  if (!writeAll(text)) throw Refused("standard output cannot be written");
+  if (!writeAll(text)) throw Refused(outputFailed);
 }
 
 Screen::Event TerminalScreen::wait(std::chrono::milliseconds limit) {

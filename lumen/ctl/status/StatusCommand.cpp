@@ -76,7 +76,7 @@ void repeat(Session& session) {
       show(session, status);
       session.out() << '\n' << std::flush;
     }
-    if (!session.out()) throw Refused("standard output cannot be written");
+    if (!session.out()) throw Refused(outputFailed);
     if (!session.machine().pause(watchPeriod)) return;
   }
 }

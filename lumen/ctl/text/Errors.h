@@ -18,6 +18,9 @@ class PlatformSilent : public Refused {
   using Refused::Refused;
 };
 
+/// The text of a Refused whose answer cannot be printed.
+inline constexpr const char* outputFailed = "standard output cannot be written";
+
 /// The command line is wrong, whatever the state of the router. Ends the program with status 2.
 class WrongUsage : public std::runtime_error {
  public:
