@@ -105,6 +105,7 @@ void HTTPServer::reply(HTTPConn& conn) {
   const HTTPMessage request(conn.buffer);
   const auto [method, url] = parseRequestLine(request.startLine);
   const std::string text = handler_.handleHttpRequest(*conn.device, request, method, url).get();
+  dropWhenUnread(conn.fd.get());
   if (!writeOnce(conn.fd.get(), text)) logLine("write error");
   discardReceived(conn.fd.get());
 }

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <net/if.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 
@@ -19,7 +20,8 @@ namespace {
 
 constexpr uint8_t multicastTtl = 4;
 constexpr int backlog = 1;
-constexpr timeval writeLimit = {0, 10000};  // seconds, microseconds
+constexpr unsigned int unreadLimit = 10000;  // milliseconds
+constexpr timeval writeLimit = {0, 10000};   // seconds, microseconds
 
 /// Logs `what` with the text of errno.
 void logError(const char* what) { logLine(what, ": ", strerror(errno)); }
@@ -86,6 +88,12 @@ int makeTcpSocket(const std::string& ifname, unsigned int port) {
   if (!bindToPort(fd.get(), port)) return failed("tcp bind");
   if (listen(fd.get(), backlog) != 0) return failed("tcp listen");
   return fd.release();
+}
+
+void dropWhenUnread(int fd) {
+  if (setsockopt(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, &unreadLimit, sizeof unreadLimit) != 0) {
+    logError("setsockopt TCP_USER_TIMEOUT");
+  }
 }
 
 bool writeOnce(int fd, std::string_view text) {

@@ -30,6 +30,12 @@ inline constexpr size_t BUFLEN = 4096;
 /// blocks.
 [[nodiscard]] int makeTcpSocket(const std::string& ifname, unsigned int port);
 
+/// The system drops the TCP connection `fd` when its peer does not take what is sent within ten
+/// seconds, even after `fd` was closed. Without this it tries for minutes and keeps the bytes. A
+/// peer with a window below one segment has no longer, although it reads little by little. Logs a
+/// line when that cannot be set.
+void dropWhenUnread(int fd);
+
 /// Writes `text` to the blocking connection `fd` with a single write. First the send buffer is
 /// enlarged to hold all of it, as far as the system allows. For what exceeds the buffer, a peer
 /// that does not read delays the loop by at most a hundredth of a second. Returns false when not

@@ -60,5 +60,6 @@ bool Service::Event::readReply(int fd, unsigned /*flags*/) {
 
 void Service::Event::timeout() {
   logLine("notify timeout");
+  dropWhenUnread(socket.get());
   service.endEvent(*this);  // destroys *this
 }

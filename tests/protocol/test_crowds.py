@@ -2,11 +2,12 @@
 
 import resource
 import select
+import socket
 import time
 
 from event_case import CONNECTION, EventCase
 from gateway_case import GATEWAY
-from support.lan import LanHost, Text, read_to_end
+from support.lan import HTTP_PORT, LanHost, Text, read_to_end
 from support.network import wait_until
 from support.processes import descriptors
 
@@ -40,11 +41,14 @@ class CrowdCase(EventCase):
 
     def queue(self):
         """How many connections wait to be accepted, by proc(5)."""
+        waiting, = (row[4].partition(":")[2] for row in self.sockets() if row[3] == LISTENING)
+        return int(waiting, 16)
+
+    def sockets(self):
+        """The fields of the router's TCP sockets in proc(5)'s net/tcp."""
         with open(f"/proc/{self.daemon.pid}/net/tcp", encoding="ascii") as sockets:
             next(sockets)
-            rows = [line.split() for line in sockets]
-        waiting, = (row[4].partition(":")[2] for row in rows if row[3] == LISTENING)
-        return int(waiting, 16)
+            return [line.split() for line in sockets]
 
     def held(self):
         """How many descriptors the daemon has for its clients."""
@@ -87,6 +91,43 @@ class Connections(CrowdCase):
         waiting.sendall(REQUEST[10:])
         self.assertEqual(Text(read_to_end(waiting)).status, 200)
         self.assert_logged(since)
+
+
+class Replies(CrowdCase):
+    SIZE = 16384
+
+    def setUp(self):
+        super().setUp()
+        with open(f"{self.folder}/etc/upnp/osinfo.xml", "wb") as file:
+            file.write(b"x" * self.SIZE)
+
+    def unread(self):
+        """How many bytes the router keeps for clients that do not take them, by proc(5)."""
+        return sum(int(row[4].partition(":")[0], 16) for row in self.sockets()
+                   if row[3] != LISTENING)
+
+    def connect_with_small_window(self, host):
+        client = host.namespace.socket()
+        self.addCleanup(client.close)
+        client.settimeout(10)
+        client.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1)
+        client.bind((host.address, 0))
+        client.connect((GATEWAY, HTTP_PORT))
+        client.sendall(b"GET /osinfo.xml HTTP/1.1\r\n\r\n")
+        return client
+
+    # Promise [reply-unread]: The memory of a reply that its client does not take is free again ten
+    # seconds later.
+    def test_replies_that_are_not_read_are_given_up_after_ten_seconds(self):
+        clients = [self.connect_with_small_window(self.lan) for _ in range(20)]
+        wait_until(lambda: self.unread() > 15 * (self.SIZE - 5000), "the replies wait")
+        written = time.monotonic()
+        self.assert_other_is_answered()
+        wait_until(lambda: self.unread() == 0, "the memory is free", limit=14)
+        self.assertGreater(time.monotonic() - written, 7)
+        for client in clients:
+            with self.assertRaises(ConnectionError):
+                read_to_end(client)
 
 
 class Subscribers(CrowdCase):

@@ -333,3 +333,13 @@ TEST_F(WriteOnceTest, SurvivesAPeerThatIsGone) {
   EXPECT_FALSE(writes("hello")) << "a reset";
   EXPECT_FALSE(writes("hello")) << "without a signal";
 }
+
+// Also proves [reply-unread].
+TEST_F(WriteOnceTest, DropsAConnectionThatIsNotReadForTenSeconds) {
+  EXPECT_EQ(lm::test::logged([&] { dropWhenUnread(connection.get()); }), "");
+  EXPECT_EQ(option(connection, IPPROTO_TCP, TCP_USER_TIMEOUT), 10000);
+  whileRefused({SCMP_SYS(setsockopt), IPPROTO_TCP, TCP_USER_TIMEOUT}, EPERM, [&] {
+    EXPECT_EQ(lm::test::logged([&] { dropWhenUnread(connection.get()); }),
+              "setsockopt TCP_USER_TIMEOUT: Operation not permitted\n");
+  });
+}
