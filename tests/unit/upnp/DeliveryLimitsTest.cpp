@@ -2,6 +2,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <chrono>
 #include <list>
 #include <string>
 #include <vector>
@@ -12,7 +13,7 @@
 
 namespace {
 
-constexpr uint32_t second = 100;  // in hundredths
+using namespace std::chrono_literals;
 
 /// How many deliveries are under way, and what waits for them.
 class DeliveryLimits : public LampEvents {
@@ -79,7 +80,7 @@ TEST_F(DeliveryLimits, OfOneSubscriberLetTheNextOnesWaitInOrder) {
   answer(taken[4]);
   EXPECT_EQ(takeAll(subscriber), 1U);
   EXPECT_EQ(seqOf(taken.back()), std::to_string(most + 1));
-  platform.advance(30 * second);
+  platform.advance(30s);
   EXPECT_EQ(linesOf("notify timeout"), static_cast<int>(most)) << "30 s from its own start";
   EXPECT_EQ(takeAll(subscriber), 2U);
   EXPECT_EQ(seqOf(taken.back()), std::to_string(most + 3));

@@ -74,8 +74,8 @@ TEST_F(LameAnswerTest, AnUnreadableAnswerIsPassedOverOrFailsTheLookup) {
     });
     const uint32_t request = ask("host-" + std::to_string(&row - rows) + ".lan");
     const bool answered =
-        platform_.turnUntil([&] { return platform_.replyTo(request).has_value(); }, 200);
-    if (!answered) platform_.advance(timerDelay(Lookup::limit));
+        platform_.turnUntil([&] { return platform_.replyTo(request).has_value(); }, 200ms);
+    if (!answered) platform_.advance(Lookup::limit);
     const std::string answer = answerTo(request);
     EXPECT_TRUE(answer == "10.0.0.7" || answer == "lookup failed: Misformatted DNS reply" ||
                 answer == Lookup::noAnswer)
