@@ -17,6 +17,12 @@ namespace lumen {
 
 namespace {
 
+lm::message addressReply(Ipv4Address address) {
+  lm::message reply;
+  reply.insert_be32(lm::resolver::key::address, address.bytes());
+  return reply;
+}
+
 void leaveWhenIdle() {
   lm::getLooper().setupLeave(
       std::chrono::duration<uint32_t, std::milli>(Resolver::idleTime).count());
@@ -25,8 +31,8 @@ void leaveWhenIdle() {
 }  // namespace
 
 /// A name that is being looked up, and the requesters that wait for its address. When their time is
-/// up they get an error, but the lookup goes on: a slow name server will know the answer by the
-/// next request, and the failure of a silent one goes into the negative cache.
+/// up they get an error, but the lookup goes on: an address that comes late is kept for the next
+/// request, and the failure of a silent name server goes into the negative cache.
 class Resolver::Question {
  public:
   Question(Resolver& resolver, const std::string& name)
@@ -42,7 +48,11 @@ class Resolver::Question {
 
   /// May end the question.
   void start(std::chrono::milliseconds limit) {
-    limitTimer_.start<&Question::giveUp>(*this, timerDelay(limit));
+    if (limit > limit.zero()) {
+      limitTimer_.start<&Question::giveUp>(*this, timerDelay(limit));
+    } else {
+      giveUp();
+    }
     lookup_.start();
   }
 
@@ -52,6 +62,9 @@ class Resolver::Question {
     for (lm::PendingReply& requester : requesters_) requester.send(reply);
     requesters_.clear();
   }
+
+  /// Whether a requester waits for the answer.
+  [[nodiscard]] bool isAwaited() const { return waiting_; }
 
  private:
   void giveUp() { answer(lm::refusal(Lookup::noAnswer)); }
@@ -68,6 +81,7 @@ Resolver::Resolver(const lm::Clock& clock, std::vector<std::string> configuratio
     : clock_(clock),
       configurations_(std::move(configurations)),
       failures_(clock),
+      late_(clock),
       waitBudget_(clock) {
   leaveWhenIdle();
 }
@@ -80,6 +94,7 @@ lm::message Resolver::cmdUnknown(const lm::message& request, uint32_t command) {
       toHostName(request.get_string(lm::resolver::key::hostName));
   if (!name) return lm::refusal("not a host name");
   if (const auto failure = failures_.find(*name)) return lm::refusal(*failure);
+  if (const auto address = late_.find(*name)) return addressReply(*address);
   const auto asked = questions_.find(*name);
   if (asked != questions_.end()) {
     asked->second->add();
@@ -101,9 +116,8 @@ void Resolver::ask(const std::string& name) {
 void Resolver::lookedUp(const std::string& name, const Result<Ipv4Address>& result) {
   const auto ended = questions_.extract(name);
   if (result) {
-    lm::message reply;
-    reply.insert_be32(lm::resolver::key::address, result->bytes());
-    ended.mapped()->answer(reply);
+    if (!ended.mapped()->isAwaited()) late_.remember(name, *result);
+    ended.mapped()->answer(addressReply(*result));
   } else {
     lm::logLine("resolver: ", name, ": ", result.why());
     failures_.add(name, result.failure());

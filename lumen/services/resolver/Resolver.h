@@ -10,6 +10,7 @@
 
 #include "lumen/runtime/Clock.h"
 #include "lumen/runtime/PendingReply.h"
+#include "lumen/services/resolver/LateAddresses.h"
 #include "lumen/services/resolver/Lookup.h"
 #include "lumen/services/resolver/NegativeCache.h"
 #include "lumen/services/resolver/WaitBudget.h"
@@ -20,7 +21,8 @@ namespace lumen {
 
 /// Answers which IPv4 address a host has, for many requesters at a time and each within a second.
 /// A failed lookup is answered from a negative cache for a minute, without another query to a name
-/// server; addresses are not cached, since the name servers do that.
+/// server. Addresses are not cached, since the name servers do that, unless they came after their
+/// requester had been refused: it finds them when it asks again.
 ///
 /// The program leaves when it has not looked anything up for a minute: by then every cached failure
 /// has expired, so that the next process knows as much.
@@ -48,6 +50,7 @@ class Resolver : public lm::Handler, private Lookup::Owner {
   const lm::Clock& clock_;
   const std::vector<std::string> configurations_;  // at least one
   NegativeCache failures_;
+  LateAddresses late_;
   WaitBudget waitBudget_;
   std::map<std::string, std::unique_ptr<Question>> questions_;  // by name
 };

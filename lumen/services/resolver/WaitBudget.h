@@ -9,13 +9,11 @@ namespace lumen {
 
 /// How long requesters wait for name servers. Their programs may block meanwhile, and the names
 /// come from remote hosts, which can invent a new one each time. So all requesters of one minute
-/// share `whole`; after that each waits `least`, which is plenty for a name server that knows the
-/// answer.
+/// share `whole`, and later ones do not wait at all.
 class WaitBudget {
  public:
   /// A little less than the second within which every requester has its answer.
   static constexpr std::chrono::milliseconds whole{950};
-  static constexpr std::chrono::milliseconds least{100};
   static constexpr std::chrono::minutes period{1};
 
   /// `clock` must outlive this.
@@ -24,7 +22,7 @@ class WaitBudget {
   /// How long the next requester may wait.
   [[nodiscard]] std::chrono::milliseconds left() const {
     if (clock_.now() >= end_) return whole;
-    return std::max(least, whole - std::min(whole, spent_));
+    return whole - std::min(whole, spent_);
   }
 
   /// A requester has waited so long.
