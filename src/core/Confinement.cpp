@@ -5,7 +5,9 @@
 #include <sys/mman.h>
 #include <sys/socket.h>
 
+#include "base/FileAccess.h"
 #include "base/SystemCalls.h"
+#include "core/Paths.h"
 
 namespace {
 
@@ -124,4 +126,9 @@ constexpr SystemCall allowed[] = {
 
 }  // namespace
 
-void confineGateway() { allowOnly(allowed, {}); }
+void confineGateway() {
+  const FileAccess files[] = {
+      {path::interfaceStore, true}, {path::settingsStore, true}, {path::servedFiles}};
+  allowOnlyFiles(files);
+  allowOnly(allowed, {});
+}

@@ -19,7 +19,7 @@ constexpr uint32_t settingsRecord = 0;
 
 }  // namespace
 
-Gateway::Gateway() : lm::Map<DevObj>("/lumen/store/upnp", 1, -2) {}
+Gateway::Gateway() : lm::Map<DevObj>(path::interfaceStore, 1, -2) {}
 
 Gateway::~Gateway() {
   if (enabled) disable();

@@ -9,6 +9,7 @@
 #include "core/Addr.h"
 #include "core/DevObj.h"
 #include "core/Device.h"
+#include "core/Paths.h"
 #include "description/UpnpRootDevice.h"
 #include "http/HTTPServer.h"
 #include "http/HTTPStore.h"
@@ -112,12 +113,12 @@ class Gateway : public lm::Map<DevObj>, public UpnpRootDevice, private RequestHa
                                               const std::string& url) override;
   [[nodiscard]] HTTPMessage describe(const ServedInterface& device, const HTTPMessage& request);
 
-  lm::Store store{"/lumen/store/upnpm", 5};               ///< record 0: the settings
+  lm::Store store{path::settingsStore, 5};                ///< record 0: the settings
   std::map<uint32_t, std::shared_ptr<Device>> devices;    ///< by interface id; never null
   std::map<uint32_t, std::shared_ptr<Device>> departed_;  ///< gone, with something still started
   std::map<uint32_t, Addr> addrs;                         ///< by address object id
   SearchTargets searchTargets;                            ///< of the whole tree
-  HTTPStore httpStore{"/lumen/etc/upnp/"};
+  HTTPStore httpStore{path::servedFiles};
   HTTPServer httpServer_{*this};
   std::map<std::string, Service*> eventServices;    ///< by eventSubURL
   std::map<std::string, Service*> controlServices;  ///< by controlURL

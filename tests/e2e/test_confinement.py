@@ -5,6 +5,11 @@ import unittest
 
 from support.router_case import RouterCase
 from support.subscriber import Subscriber
+from support.system_calls import libc
+
+# The system call, by its number on all machines but MIPS, and its flag (linux/landlock.h).
+LANDLOCK_CREATE_RULESET = 444
+LANDLOCK_VERSION = 1
 
 FILTERED = "2"  # SECCOMP_MODE_FILTER of linux/seccomp.h
 
@@ -48,6 +53,18 @@ class ConfinementTest(RouterCase):
         self.assertEqual((found["Max processes"], found["Max core file size"],
                           found["Max open files"], found["Max address space"]),
                          ("0", "0", "1024", str(256 << 20)))
+
+    # Promise: Where the kernel has Landlock, the gateway serves no file that its folder only links to.
+    def test_a_link_out_of_the_served_files_is_not_followed(self):
+        if libc.syscall(LANDLOCK_CREATE_RULESET, None, 0, LANDLOCK_VERSION) < 0:
+            self.skipTest("this kernel has no Landlock")
+        icon = self.router.root / "etc" / "upnp" / "logo16.gif"
+        client = self.lan[0].speak_to()
+        self.assertEqual(client.get("/logo16.gif").status, 200)
+        icon.unlink()
+        icon.symlink_to("/lumen/etc/nat-policy")
+        self.assertEqual(client.get("/logo16.gif").status, 404)
+        self.assertIn("open file /lumen/etc/upnp/logo16.gif: Permission denied", self.router.log())
 
 
 if __name__ == "__main__":

@@ -6,7 +6,11 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <cstdlib>
+#include <memory>
+#include <vector>
 
+#include "base/FileAccess.h"
 #include "base/SystemCalls.h"
 
 namespace lumen {
@@ -118,8 +122,19 @@ constexpr RefusedCall refused[] = {
     {{"socket", {0, number, AF_INET6}}, EAFNOSUPPORT},
 };
 
+std::string folderOf(const std::string& path) { return path.substr(0, path.rfind('/') + 1); }
+
 }  // namespace
 
-void confineResolver() { allowOnly(allowed, refused); }
+void confineResolver(std::span<const std::string> configurations) {
+  std::vector<FileAccess> files = {{"/etc"}, {"/dev/urandom"}};
+  for (const std::string& path : configurations) {
+    files.push_back({folderOf(path)});
+    const std::unique_ptr<char, void (*)(void*)> target(realpath(path.c_str(), nullptr), free);
+    if (target != nullptr) files.push_back({folderOf(target.get())});
+  }
+  allowOnlyFiles(files);
+  allowOnly(allowed, refused);
+}
 
 }  // namespace lumen

@@ -1,3 +1,6 @@
+#include <string>
+#include <vector>
+
 #include "base/ProgramUsage.h"
 #include "lumen/runtime/EventLoop.h"
 #include "lumen/services/resolver/Confinement.h"
@@ -22,9 +25,10 @@ constexpr ProgramUsage usage(
 int main(int argc, char** argv) {
   if (const std::optional<int> status = usage.answer(argc, argv)) return *status;
   lm::Looper looper;
-  lumen::confineResolver();
   // The second is the system's; the first is for a router whose LAN has its own name servers.
-  lumen::Resolver resolver(lm::currentClock(), {"/lumen/etc/resolv.conf", "/etc/resolv.conf"});
+  const std::vector<std::string> configurations = {"/lumen/etc/resolv.conf", "/etc/resolv.conf"};
+  lumen::confineResolver(configurations);
+  lumen::Resolver resolver(lm::currentClock(), configurations);
   looper.addHandler(0, resolver);
   looper.run();
   return 0;

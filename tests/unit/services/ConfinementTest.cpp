@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/keyctl.h>
+#include <linux/landlock.h>
 #include <netinet/in.h>
 #include <sched.h>
 #include <sys/mman.h>
@@ -8,6 +9,7 @@
 #include <sys/ptrace.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,18 +17,26 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <functional>
 #include <string>
 #include <vector>
 
+#include "base/FileAccess.h"
 #include "core/Confinement.h"
 #include "lumen/services/Confinement.h"
 #include "lumen/services/resolver/Confinement.h"
 #include "platform/Fd.h"
+#include "support/TempDir.h"
 
 namespace {
 
 using Work = std::function<void()>;
+
+void confineResolver() {
+  const std::string configuration = "/etc/resolv.conf";
+  lumen::confineResolver({&configuration, 1});
+}
 
 /// How a process ended, and what it printed.
 struct End {
@@ -149,15 +159,15 @@ TEST_F(ConfinementTest, EndsAGatewayThatMakesAForbiddenCall) {
 
 // Promise: The same holds for lumen-resolver.
 TEST_F(ConfinementTest, EndsAResolverThatMakesAForbiddenCall) {
-  expectForbidden(lumen::confineResolver, forbiddenToAll());
-  expectForbidden(lumen::confineResolver, forbiddenToServices());
-  expectForbidden(lumen::confineResolver, {{"listen", [] { listen(-1, 1); }},
-                                           {"unlink", [] { syscall(SYS_unlink, "/nowhere"); }}});
+  expectForbidden(confineResolver, forbiddenToAll());
+  expectForbidden(confineResolver, forbiddenToServices());
+  expectForbidden(confineResolver, {{"listen", [] { listen(-1, 1); }},
+                                    {"unlink", [] { syscall(SYS_unlink, "/nowhere"); }}});
 }
 
 // Promise: A name server with an IPv6 address does not end the resolver: it asks the next one.
 TEST_F(ConfinementTest, LetsAResolverTrySocketsThatItCannotHave) {
-  expectAllowed(lumen::confineResolver, [] {
+  expectAllowed(confineResolver, [] {
     if (socket(AF_INET6, SOCK_DGRAM, 0) >= 0 || errno != EAFNOSUPPORT) _exit(1);
   });
 }
@@ -184,11 +194,115 @@ TEST_F(ConfinementTest, HoldsForWhatThePlatformStarts) {
 
 // Promise: A confined program still ends by SIGABRT when it finds an error in itself.
 TEST_F(ConfinementTest, LeavesAbortAsItIs) {
-  for (const Work& confine : {Work(confineGateway), Work(lumen::confineResolver)}) {
+  for (const Work& confine : {Work(confineGateway), Work(confineResolver)}) {
     const End end = endOf(confine, [] { abort(); });
     EXPECT_TRUE(WIFSIGNALED(end.status));
     EXPECT_EQ(WTERMSIG(end.status), SIGABRT) << end.printed;
   }
+}
+
+/// Where the kernel has Landlock.
+class FileAccessTest : public ConfinementTest {
+ protected:
+  void SetUp() override {
+    ConfinementTest::SetUp();
+    if (IsSkipped()) return;
+    if (syscall(SYS_landlock_create_ruleset, nullptr, 0, LANDLOCK_CREATE_RULESET_VERSION) < 0) {
+      GTEST_SKIP() << "this kernel has no Landlock";
+    }
+  }
+
+  /// Ends the process unless the file can be opened, or cannot.
+  static void expectOpens(const std::string& path, int flags) {
+    const lm::Fd file(open(path.c_str(), flags, 0600));
+    if (!file.valid()) stop(path + ": " + strerror(errno));
+  }
+  static void expectRefused(const std::string& path, int flags) {
+    const lm::Fd file(open(path.c_str(), flags, 0600));
+    if (file.valid() || errno != EACCES) stop(path + " is not refused");
+  }
+  static void stop(const std::string& why) {
+    if (write(STDOUT_FILENO, why.data(), why.size()) > 0) _exit(1);
+  }
+};
+
+// Promise: Where the kernel has Landlock, palinode-igd can open its stores and its served files and
+// nothing else.
+TEST_F(FileAccessTest, HidesTheSystemFromAGateway) {
+  expectAllowed(confineGateway, [] {
+    expectRefused("/etc/passwd", O_RDONLY);
+    expectRefused("/proc/self/status", O_RDONLY);
+    expectRefused("/", O_RDONLY | O_DIRECTORY);
+    expectRefused("/tmp/palinode-test", O_WRONLY | O_CREAT);
+  });
+}
+
+TEST_F(FileAccessTest, LetsAStoreBeKept) {
+  const lm::test::TempDir folder;
+  folder.makeDirectory("store");
+  folder.makeDirectory("other");
+  folder.write("read", "text");
+  const std::string store = folder.file("store");
+  const std::vector<FileAccess> files = {
+      {store, true}, {folder.file("read")}, {folder.file("missing")}};
+  expectAllowed([&] { allowOnlyFiles(files); },
+                [&] {
+                  expectOpens(store + "/0.new", O_WRONLY | O_CREAT | O_TRUNC);
+                  expectOpens(store + "/0.new", O_RDONLY);
+                  expectOpens(store, O_RDONLY | O_DIRECTORY);
+                  if (rename((store + "/0.new").c_str(), (store + "/0").c_str()) != 0 ||
+                      unlink((store + "/0").c_str()) != 0) {
+                    stop("a record is not replaced and removed");
+                  }
+                  if (mkdir((store + "/folder").c_str(), 0700) == 0) stop("makes folders");
+                  expectOpens(folder.file("read"), O_RDONLY);
+                  expectRefused(folder.file("read"), O_WRONLY);
+                  expectRefused(folder.file("other"), O_RDONLY);
+                  expectRefused(folder.file("new"), O_WRONLY | O_CREAT);
+                });
+}
+
+// Promise: A resolver that is confined reads a resolv.conf that is a symbolic link, and one that
+// has been replaced since.
+TEST_F(FileAccessTest, FollowsAConfigurationThatIsReplaced) {
+  const lm::test::TempDir folder;
+  for (const char* made : {"etc", "run"}) folder.makeDirectory(made);
+  folder.write("run/resolv.conf", "old");
+  const std::string target = folder.file("run/resolv.conf");
+  const std::string configuration = folder.file("etc/resolv.conf");
+  ASSERT_EQ(symlink(target.c_str(), configuration.c_str()), 0);
+  folder.write("secret", "text");
+
+  std::array<int, 2> go{};
+  std::array<int, 2> done{};
+  ASSERT_EQ(pipe(go.data()), 0);
+  ASSERT_EQ(pipe(done.data()), 0);
+  const pid_t replacer = fork();
+  if (replacer == 0) {
+    char byte = 0;
+    if (read(go[0], &byte, 1) != 1) _exit(1);
+    folder.write("run/new", "new");
+    const bool replaced = rename(folder.file("run/new").c_str(), target.c_str()) == 0;
+    _exit(replaced && write(done[1], "", 1) == 1 ? 0 : 1);
+  }
+  expectAllowed(
+      [&] {
+        lumen::confineResolver({&configuration, 1});
+      },
+      [&] {
+        expectOpens(configuration, O_RDONLY);
+        char byte = 0;
+        if (write(go[1], "", 1) != 1 || read(done[0], &byte, 1) != 1) stop("no answer");
+        expectOpens(configuration, O_RDONLY);
+        expectOpens("/etc/hosts", O_RDONLY);
+        expectRefused(folder.file("secret"), O_RDONLY);
+        expectRefused("/proc/self/status", O_RDONLY);
+        expectRefused(configuration, O_WRONLY);
+      });
+  int status = 0;
+  EXPECT_EQ(waitpid(replacer, &status, 0), replacer);
+  EXPECT_EQ(status, 0);
+  for (const int end : {go[0], go[1], done[0], done[1]}) close(end);
 }
 
 }  // namespace
