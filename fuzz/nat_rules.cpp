@@ -173,7 +173,7 @@ class Router {
         require(keys.insert(rule).second, "no port is open twice");
         require(++ofClient[client.address] <= policies_.policy().maxRulesPerClient,
                 "a client has no more rules than the policy allows");
-        require(policies_.policy().allows(rule, client, networks_).ok(),
+        require(policies_.policy().allows(rule, client, networks_, networks_).ok(),
                 "no rule is against the policy");
         if (!record.get_bool(lm::key::disabled) && !record.get_bool(key::closed)) {
           open.emplace(textOf(rule), textOf(client));
@@ -252,7 +252,7 @@ class Router {
   lumen::test::FakeNetworks networks_;
   lumen::NatMap map_{kernel_};
   lumen::FlowMarks marks_{nowhere};  // which are not kept
-  lumen::NatRules rules_{map_, flows_, marks_, networks_, policies_, clock_};
+  lumen::NatRules rules_{map_, flows_, marks_, networks_, networks_, policies_, clock_};
 };
 
 }  // namespace

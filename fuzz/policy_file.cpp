@@ -73,9 +73,12 @@ void checkAgreement(const lumen::Policy& a, const lumen::Policy& b, std::string_
   using lumen::Ipv4Address;
   for (const Ipv4Address host : {Ipv4Address(), Ipv4Address(10, 0, 0, 1),
                                  Ipv4Address(192, 168, 88, 10), Ipv4Address(255, 255, 255, 255)}) {
-    for (const bool connected : {false, true}) {
-      require(a.internalClients.contains(host, connected) ==
-                  b.internalClients.contains(host, connected),
+    using Known = lumen::KnownInterfaces::Known;
+    for (const std::optional<Known>& interface :
+         {std::optional<Known>(), std::optional(Known{.name = "wan0", .internal = false}),
+          std::optional(Known{.name = "br-lan", .internal = true})}) {
+      require(a.internalClients.contains(host, interface) ==
+                  b.internalClients.contains(host, interface),
               "the same clients are allowed");
     }
   }

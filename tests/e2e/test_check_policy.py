@@ -28,12 +28,21 @@ class CheckPolicyTest(CheckCase):
                                   "Every program that asks for a port is refused.", remedy)
                 self.assert_remedied(remedy)
 
+    def test_the_policy_reaches_every_network(self):
+        self.router.lumenctl("nat", "policy", "set", "internal-clients=connected")
+        remedy = "lumenctl nat policy set internal-clients=internal"
+        self.assert_found("The policy lets ports lead into every network of this router: "
+                          "internal-clients is connected.",
+                          "A host can open a port into a network that the firewall keeps it out "
+                          "of.", remedy)
+        self.assert_remedied(remedy)
+
     def test_the_policy_excludes_the_lan(self):
         for clients in ("10.0.0.0/8,10.1.2.3", LAN_ADDRESS):
             with self.subTest(clients=clients):
                 self.router.lumenctl("nat", "policy", "set", f"internal-clients={clients}")
                 self.assert_refused()
-                remedy = f"lumenctl nat policy set internal-clients={clients},192.168.88.0/24"
+                remedy = f"lumenctl nat policy set internal-clients={clients},{LAN_BRIDGE}"
                 self.assert_found(f"The policy allows no port to the hosts of {LAN_BRIDGE}: "
                                   f"internal-clients is {clients.replace(',', ', ')}.",
                                   "Every program there that asks for a port is refused.", remedy)

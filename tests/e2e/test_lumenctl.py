@@ -127,7 +127,7 @@ class LumenctlTest(RouterCase):
         self.router.stop()
         self.router.start()
         self.assertEqual(self.router.ask("nat", "policy"),
-                         {"external-ports": "80, 2000-2999", "internal-clients": "connected",
+                         {"external-ports": "80, 2000-2999", "internal-clients": "internal",
                           "max-rules": 4096, "max-rules-per-client": 1})
         self.router.lumenctl("nat", "policy", "reset")
         self.assertEqual(self.router.ask("nat", "policy")["external-ports"], "1024-65535")

@@ -148,6 +148,31 @@ class PortTest(RouterCase):
             host.open_port(8080, "UDP", client="192.168.88.255")
         self.assertEqual(self.router.ports(), {})
 
+    def refused(self, **port):
+        with self.assertRaises(SoapError) as refused:
+            self.lan[0].open_port(8080, "TCP", **port)
+        self.assertEqual(refused.exception.code, 501)
+
+    # Also proves [policy-default], [policy-clients].
+    def test_no_port_leads_into_a_network_that_is_not_internal(self):
+        isolated = "192.168.99.10"
+        self.network.router.ip("link", "add", "dmz0", "type", "bridge")
+        self.network.router.ip("link", "set", "dmz0", "up")
+        self.network.router.ip("address", "add", "192.168.99.1/24", "dev", "dmz0")
+        self.wait_until(lambda: self.router.interface("dmz0"), "the platform knows the network")
+        self.refused(client=isolated)
+        self.assertIn(f"internal client {isolated} is not allowed by the policy", self.router.log())
+        for clients in ("dmz0", "internal,dmz0", "connected", "192.168.99.0/24"):
+            with self.subTest(clients=clients):
+                self.router.lumenctl("nat", "policy", "set", f"internal-clients={clients}")
+                self.lan[0].open_port(8080, "TCP", client=isolated)
+                self.lan[0].close_port(8080, "TCP")
+        self.router.lumenctl("nat", "policy", "set", "internal-clients=dmz0")
+        self.refused(client=self.lan[0].address)
+        self.router.lumenctl("nat", "policy", "reset")
+        self.router.lumenctl("upnp", "interface", "add", "dmz0", "--role", "internal")
+        self.lan[0].open_port(8080, "TCP", client=isolated)
+
     def open_all(self, host, first, most):
         """Opens ports from `first` on for the host until one is refused, at most `most`; returns how
         many are open."""

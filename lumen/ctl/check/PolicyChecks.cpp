@@ -63,18 +63,27 @@ Findings checkPolicy(const std::optional<NatPolicy>& policy,
     findings.push_back(allowsNone("max-rules-per-client", "128"));
   }
   const auto clients = lumen::ClientNetworks::parse(policy->internalClients);
-  if (!clients || clients->containsConnected()) return findings;
+  if (!clients) return findings;
+  if (clients->includesConnected()) {
+    findings.push_back({"policy-reaches-all-networks",
+                        "The policy lets ports lead into every network of this router: "
+                        "internal-clients is " +
+                            policy->internalClients + ".",
+                        "A host can open a port into a network that the firewall keeps it out of.",
+                        "lumenctl nat policy set internal-clients=internal"});
+    return findings;
+  }
+  if (clients->includesInternal()) return findings;
   std::string all = policy->internalClients;
   std::erase(all, ' ');
   for (const CheckedInterface& interface : interfaces) {
     if (interface.role != Role::internal || interface.networks.empty() ||
+        std::ranges::count(clients->interfaces(), interface.name) > 0 ||
         isListed(interface, clients->networks())) {
       continue;
     }
     // Each command keeps what those before it have added.
-    for (const ConnectedNetwork& connected : interface.networks) {
-      all += "," + connected.network.text();
-    }
+    all += "," + interface.name;
     findings.push_back({"policy-excludes-network",
                         "The policy allows no port to the hosts of " + interface.name +
                             ": internal-clients is " + policy->internalClients + ".",

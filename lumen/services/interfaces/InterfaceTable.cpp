@@ -67,6 +67,13 @@ InterfaceTable::InterfaceTable(Links& links, AddressTable& addresses, Notifier& 
 
 void InterfaceTable::start() { links_.start(*this); }
 
+std::optional<KnownInterfaces::Known> InterfaceTable::known(uint32_t interface) const {
+  const auto it = interfaces_.find(interface);
+  if (it == interfaces_.end()) return std::nullopt;
+  return Known{.name = it->second.name,
+               .internal = it->second.role == lm::interfaces::roleInternal};
+}
+
 lm::message InterfaceTable::handle(const Caller& caller, uint32_t command,
                                    const lm::message& request) {
   if (command == lm::cmd::list || command == lm::cmd::readAll) {

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 
@@ -12,6 +13,7 @@
 #include "lumen/services/interfaces/KeptNames.h"
 #include "lumen/services/interfaces/RouteKeeper.h"
 #include "lumen/services/interfaces/SwitchBudget.h"
+#include "lumen/services/nat/LocalNetworks.h"
 #include "lumen/services/system/netlink/Links.h"
 #include "lumen/values/Result.h"
 #include "platform/Store.h"
@@ -25,7 +27,7 @@ namespace lumen {
 /// An id belongs to a name: a renamed link leaves as one interface and appears as another. A kept
 /// name stays in the table while its link is away, not running and with kernel index 0; a name that
 /// is not kept leaves with its link.
-class InterfaceTable : public LocalHandler, private Links::Listener {
+class InterfaceTable : public LocalHandler, public KnownInterfaces, private Links::Listener {
  public:
   /// Loads the kept names and saved routes from `storeDirectory`. What is given by reference
   /// must outlive this.
@@ -40,6 +42,8 @@ class InterfaceTable : public LocalHandler, private Links::Listener {
 
   [[nodiscard]] lm::message handle(const Caller& caller, uint32_t command,
                                    const lm::message& request) override;
+
+  [[nodiscard]] std::optional<Known> known(uint32_t interface) const override;
 
  private:
   struct Interface {

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
 
 #include "lumen/values/Ipv4.h"
 
@@ -26,6 +27,20 @@ class LocalNetworks {
   /// The id of the interface whose network contains `host`; none when it is not directly
   /// connected, isOwn() or isReserved().
   [[nodiscard]] virtual std::optional<uint32_t> interfaceTowards(Ipv4Address host) const = 0;
+};
+
+/// What the NAT rules must know of this router's interfaces.
+class KnownInterfaces {
+ public:
+  struct Known {
+    std::string name;
+    bool internal = false;  ///< the administrator has made it so
+  };
+
+  virtual ~KnownInterfaces() = default;
+
+  /// None when there is no interface with this id.
+  [[nodiscard]] virtual std::optional<Known> known(uint32_t interface) const = 0;
 };
 
 }  // namespace lumen

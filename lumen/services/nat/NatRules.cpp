@@ -24,10 +24,11 @@ Failure kernelRefusal(const std::string& what, const RuleKey& key, const Failure
 }  // namespace
 
 NatRules::NatRules(NatMap& map, Flows& flows, const FlowMarks& marks, const LocalNetworks& networks,
-                   PolicyBook& policies, const lm::Clock& clock)
+                   const KnownInterfaces& interfaces, PolicyBook& policies, const lm::Clock& clock)
     : map_(map),
       flows_(flows),
       networks_(networks),
+      interfaces_(interfaces),
       policies_(policies),
       clock_(clock),
       cleaner_(flows, *this, marks, clock) {}
@@ -238,7 +239,8 @@ Result<void> NatRules::checkAdd(const Rule& rule) const {
     return Failure{"external address " + rule.key.external.address.text() +
                    " is not one of this router"};
   }
-  if (auto allowed = policy.allows(rule.key, rule.client, networks_); !allowed) return allowed;
+  if (auto allowed = policy.allows(rule.key, rule.client, networks_, interfaces_); !allowed)
+    return allowed;
   if (ids_.contains(rule.key)) return Failure{keyText(rule.key) + " is already in use"};
   if (rules_.size() >= policy.maxRules) {
     return Failure{"there are " + std::to_string(rules_.size()) +
@@ -251,7 +253,8 @@ Result<void> NatRules::checkAdd(const Rule& rule) const {
 Result<void> NatRules::checkSet(const Rule& before, const Rule& after) const {
   // An owner may close its port whatever the policy allows now.
   if (after.disabled && after.client == before.client) return {};
-  if (auto allowed = policies_.policy().allows(after.key, after.client, networks_); !allowed) {
+  if (auto allowed = policies_.policy().allows(after.key, after.client, networks_, interfaces_);
+      !allowed) {
     return allowed;
   }
   if (after.client.address == before.client.address) return {};

@@ -27,7 +27,7 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts {
  public:
   /// All must outlive this; `policies` is loaded and `map` open.
   NatRules(NatMap& map, Flows& flows, const FlowMarks& marks, const LocalNetworks& networks,
-           PolicyBook& policies, const lm::Clock& clock);
+           const KnownInterfaces& interfaces, PolicyBook& policies, const lm::Clock& clock);
   NatRules(const NatRules&) = delete;
   NatRules& operator=(const NatRules&) = delete;
 
@@ -96,6 +96,7 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts {
   NatMap& map_;
   Flows& flows_;
   const LocalNetworks& networks_;
+  const KnownInterfaces& interfaces_;
   PolicyBook& policies_;
   const lm::Clock& clock_;
 

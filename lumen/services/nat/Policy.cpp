@@ -13,7 +13,10 @@ constexpr size_t maxEntries = 64;
 // Above it the table would no longer fit a small router's memory.
 constexpr uint32_t highestLimit = 65536;
 
+constexpr std::string_view internalWord = "internal";
 constexpr std::string_view connectedWord = "connected";
+
+constexpr size_t longestName = 15;
 
 std::string_view trim(std::string_view text) {
   constexpr std::string_view blanks = " \t";
@@ -47,6 +50,14 @@ std::string quoted(std::string_view text) { return "\"" + std::string(text) + "\
 bool isUnicastHost(Ipv4Address address) {
   uint32_t network = address.number() >> 24;
   return network != 0 && network != 127 && network < 224;
+}
+
+/// Whether an interface can have that name which nobody takes for an address.
+bool isInterfaceName(std::string_view text) {
+  if (text.empty() || text.size() > longestName) return false;
+  const auto wrong = [](char c) { return c <= ' ' || c > '~' || c == '/' || c == ':'; };
+  return std::ranges::none_of(text, wrong) &&
+         text.find_first_not_of("0123456789.") != std::string_view::npos;
 }
 
 }  // namespace
@@ -86,8 +97,12 @@ std::string PortRanges::text() const {
 Result<ClientNetworks> ClientNetworks::parse(std::string_view text) {
   ClientNetworks clients;
   for (std::string_view entry : splitList(text)) {
-    if (entry == connectedWord) {
-      clients.connected_ = true;
+    if (entry == internalWord || entry == connectedWord) {
+      (entry == internalWord ? clients.internal_ : clients.connected_) = true;
+      continue;
+    }
+    if (isInterfaceName(entry)) {
+      clients.names_.emplace_back(entry);
       continue;
     }
     size_t slash = entry.find('/');
@@ -96,8 +111,8 @@ Result<ClientNetworks> ClientNetworks::parse(std::string_view text) {
         slash == std::string_view::npos ? uint32_t{32} : number(entry.substr(slash + 1), 0, 32);
     if (!address || !prefix) {
       return Failure{quoted(entry) +
-                     " is neither \"connected\", an address nor a network like "
-                     "192.168.88.0/24"};
+                     " is neither \"internal\", \"connected\", an interface, an address nor a "
+                     "network like 192.168.88.0/24"};
     }
     const Ipv4Network network(*address, *prefix);
     if (network.first() != *address) {
@@ -105,28 +120,40 @@ Result<ClientNetworks> ClientNetworks::parse(std::string_view text) {
     }
     clients.networks_.push_back(network);
   }
-  if (clients.networks_.size() > maxEntries) return Failure{"more than 64 networks"};
+  if (clients.names_.size() + clients.networks_.size() > maxEntries) {
+    return Failure{"more than 64 interfaces and networks"};
+  }
   return clients;
 }
 
-bool ClientNetworks::contains(Ipv4Address host, bool connected) const {
-  if (connected && connected_) return true;
+bool ClientNetworks::contains(Ipv4Address host,
+                              const std::optional<KnownInterfaces::Known>& interface) const {
+  if (interface && (connected_ || (internal_ && interface->internal) ||
+                    std::ranges::find(names_, interface->name) != names_.end())) {
+    return true;
+  }
   return std::ranges::any_of(networks_,
                              [host](const Ipv4Network& network) { return network.holds(host); });
 }
 
 std::string ClientNetworks::text() const {
-  std::string result = connected_ ? std::string(connectedWord) : "";
-  for (const Ipv4Network& network : networks_) {
+  std::string result;
+  const auto add = [&result](std::string_view entry) {
     if (!result.empty()) result += ", ";
-    result += network.prefix() == 32 ? network.first().text() : network.text();
+    result += entry;
+  };
+  if (internal_) add(internalWord);
+  if (connected_) add(connectedWord);
+  for (const std::string& name : names_) add(name);
+  for (const Ipv4Network& network : networks_) {
+    add(network.prefix() == 32 ? network.first().text() : network.text());
   }
   return result;
 }
 
 Policy::Policy()
     : externalPorts(*PortRanges::parse("1024-65535")),
-      internalClients(*ClientNetworks::parse(connectedWord)) {}
+      internalClients(*ClientNetworks::parse(internalWord)) {}
 
 Result<void> Policy::set(std::string_view name, std::string_view value) {
   if (name == "external-ports") {
@@ -150,7 +177,8 @@ Result<void> Policy::set(std::string_view name, std::string_view value) {
 }
 
 Result<void> Policy::allows(const RuleKey& key, const Endpoint& client,
-                            const LocalNetworks& networks) const {
+                            const LocalNetworks& networks,
+                            const KnownInterfaces& interfaces) const {
   if (!externalPorts.contains(key.external.port)) {
     return Failure{"external port " + std::to_string(key.external.port) +
                    " is not allowed by the policy"};
@@ -162,7 +190,8 @@ Result<void> Policy::allows(const RuleKey& key, const Endpoint& client,
   if (side && side == networks.interfaceOf(key.external.address)) {
     return Failure{host + " is on the side of the external address"};
   }
-  if (!internalClients.contains(client.address, side.has_value())) {
+  const auto interface = side ? interfaces.known(*side) : std::nullopt;
+  if (!internalClients.contains(client.address, interface)) {
     return Failure{host + " is not allowed by the policy" +
                    (side ? "" : ": it is not directly connected")};
   }

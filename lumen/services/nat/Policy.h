@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -29,21 +30,27 @@ class PortRanges {
   std::vector<Range> ranges_;  // as they were written
 };
 
-/// Internal clients, written "connected" (hosts in a network of one of the router's interfaces) or
-/// "192.168.88.0/24, 10.1.2.3"; both may be mixed.
+/// Internal clients: a list of networks and addresses ("192.168.88.0/24, 10.1.2.3"), names of
+/// interfaces (hosts in a network of that interface) and the words "internal" (hosts in a network
+/// of an internal interface) and "connected" (hosts in a network of any interface).
 class ClientNetworks {
  public:
   /// Fails when the text is anything else.
   [[nodiscard]] static Result<ClientNetworks> parse(std::string_view text);
 
-  /// `connected`: the host is directly connected.
-  [[nodiscard]] bool contains(Ipv4Address host, bool connected) const;
-  [[nodiscard]] bool containsConnected() const { return connected_; }
+  /// `interface`: the one whose network the host lies in, none when it is not directly connected.
+  [[nodiscard]] bool contains(Ipv4Address host,
+                              const std::optional<KnownInterfaces::Known>& interface) const;
+  [[nodiscard]] bool includesInternal() const { return internal_; }
+  [[nodiscard]] bool includesConnected() const { return connected_; }
+  [[nodiscard]] const std::vector<std::string>& interfaces() const { return names_; }
   [[nodiscard]] const std::vector<Ipv4Network>& networks() const { return networks_; }
   [[nodiscard]] std::string text() const;
 
  private:
+  bool internal_ = false;
   bool connected_ = false;
+  std::vector<std::string> names_;     // as they were written
   std::vector<Ipv4Network> networks_;  // as they were written
 };
 
@@ -52,7 +59,7 @@ struct Policy {
   Policy();
 
   PortRanges externalPorts;        ///< by default 1024-65535
-  ClientNetworks internalClients;  ///< by default connected
+  ClientNetworks internalClients;  ///< by default internal
   uint32_t maxRules = 4096;
   uint32_t maxRulesPerClient = 128;
 
@@ -68,7 +75,8 @@ struct Policy {
   /// Whether the rule may be opened. A client is never the router itself, nor in a network on the
   /// side of the external address.
   [[nodiscard]] Result<void> allows(const RuleKey& key, const Endpoint& client,
-                                    const LocalNetworks& networks) const;
+                                    const LocalNetworks& networks,
+                                    const KnownInterfaces& interfaces) const;
 };
 
 }  // namespace lumen

@@ -86,7 +86,7 @@ FakePlatform::FakePlatform() {
   settings_.insert_bool(2, true);
   settings_.insert_bool(3, true);
   policy_.insert_string(natkey::externalPorts, "1024-65535");
-  policy_.insert_string(natkey::internalClients, "connected");
+  policy_.insert_string(natkey::internalClients, "internal");
   policy_.insert_u32(natkey::maxRules, 4096);
   policy_.insert_u32(natkey::maxRulesPerClient, 128);
 }

@@ -392,8 +392,8 @@ TEST_F(CheckCommand, FindsAPolicyThatExcludesTheHostsOfAnInterface) {
             "10.1.2.3.\n"
             "   Every program there that asks for a port is refused.\n"
             "   Fix it: lumenctl nat policy set "
-            "internal-clients=10.0.0.0/8,10.1.2.3,192.168.88.0/24\n\n");
-  router.policy().insert_string(lm::nat::key::internalClients, "10.0.0.0/8, connected");
+            "internal-clients=10.0.0.0/8,10.1.2.3,br-lan\n\n");
+  router.policy().insert_string(lm::nat::key::internalClients, "10.0.0.0/8, internal");
   EXPECT_EQ(found(), Lines{});
   router.policy().insert_string(lm::nat::key::internalClients, "10.0.0.0/8, 192.168.88.7");
   EXPECT_EQ(found(), Lines{});

@@ -302,11 +302,24 @@ bool excludesTheLan(const std::string& clients,
   return idsOf(checkPolicy(policy, {lan})) == Ids{"policy-excludes-network"};
 }
 
+TEST(CheckPolicy, WarnsOfPortsIntoEveryNetwork) {
+  NatPolicy policy{lm::message()};
+  policy.maxRules = policy.maxRulesPerClient = 1;
+  policy.internalClients = "connected, 10.0.0.0/8";
+  const Findings findings = checkPolicy(policy, {});
+  ASSERT_EQ(idsOf(findings), Ids{"policy-reaches-all-networks"});
+  EXPECT_EQ(findings.front().remedy, "lumenctl nat policy set internal-clients=internal");
+}
+
 TEST(CheckPolicy, KnowsWhichListsHaveNoHostOfTheNetwork) {
   for (const auto& [clients, excludes, reason] :
        std::vector<std::tuple<std::string, bool, const char*>>{
-           {"connected", false, "every network"},
-           {"10.0.0.0/8, connected", false, "every network too"},
+           {"internal", false, "every internal network"},
+           {"10.0.0.0/8, internal", false, "every internal network too"},
+           {"br-lan", false, "its interface"},
+           {"guest0, br-lan, 10.0.0.0/8", false, "its interface too"},
+           {"guest0", true, "another interface"},
+           {"br-lan2", true, "one with a longer name"},
            {"192.168.88.0/24", false, "the network itself"},
            {"192.168.0.0/16", false, "a larger one"},
            {"0.0.0.0/0", false, "all"},
@@ -351,7 +364,7 @@ TEST(CheckPolicy, NamesCommandsThatCanFollowEachOther) {
   ASSERT_EQ(findings.size(), 2U);
   EXPECT_EQ(findings[1].remedy,
             "lumenctl nat policy set "
-            "internal-clients=10.0.0.0/8,192.168.88.0/24,192.168.99.0/24");
+            "internal-clients=10.0.0.0/8,br-lan,br-guest");
 }
 
 }  // namespace

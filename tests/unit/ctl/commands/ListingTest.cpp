@@ -209,11 +209,11 @@ TEST_F(Listing, ShowsThePolicy) {
   EXPECT_EQ(router.lumenctl({"nat", "policy"}).out,
             "SETTING               VALUE       MEANING\n"
             "external-ports        1024-65535  ports that may be opened\n"
-            "internal-clients      connected   hosts that they may be opened to\n"
+            "internal-clients      internal    hosts that they may be opened to\n"
             "max-rules             4096        how many may be open at once\n"
             "max-rules-per-client  128         how many of them to each host\n");
   EXPECT_EQ(router.lumenctl({"nat", "policy", "--json"}).out,
-            "{\n  \"external-ports\": \"1024-65535\",\n  \"internal-clients\": \"connected\",\n"
+            "{\n  \"external-ports\": \"1024-65535\",\n  \"internal-clients\": \"internal\",\n"
             "  \"max-rules\": 4096,\n  \"max-rules-per-client\": 128\n}\n");
 }
 
@@ -257,7 +257,8 @@ TEST_F(Listing, RefusesAnInvalidPolicyBeforeAnyRequest) {
   const std::string limit = " is not a number from 0 to 65536\n";
   const std::string port = " is neither a port from 1 to 65535 nor a range of ports\n";
   const std::string client =
-      " is neither \"connected\", an address nor a network like 192.168.88.0/24\n";
+      " is neither \"internal\", \"connected\", an interface, an address nor a network like "
+      "192.168.88.0/24\n";
   const std::vector<std::pair<std::string, std::string>> wrong = {
       {"", "there is no setting ''"},
       {"max-rules", "write max-rules=VALUE\n"},
@@ -269,7 +270,7 @@ TEST_F(Listing, RefusesAnInvalidPolicyBeforeAnyRequest) {
       {"max-rules-per-client=99999999999", "max-rules-per-client: \"99999999999\"" + limit},
       {"external-ports=none", "external-ports: \"none\"" + port},
       {"external-ports=0", "external-ports: \"0\"" + port},
-      {"internal-clients=lan", "internal-clients: \"lan\"" + client},
+      {"internal-clients=10.0.0", "internal-clients: \"10.0.0\"" + client},
       {"max-rule=1", "there is no setting 'max-rule'"},
       {"=1", "there is no setting ''"},
   };

@@ -79,8 +79,9 @@ class FakeFlows : public Flows {
   Sweeper* sweeper_ = nullptr;
 };
 
-/// A router with an external interface, 1, and an internal one, 2, with 192.168.88.0/24.
-class FakeNetworks : public LocalNetworks {
+/// A router with an external interface, 1, wan0, and an internal one, 2, br-lan, with
+/// 192.168.88.0/24. A third one, guest0, with 192.168.99.0/24 has no role.
+class FakeNetworks : public LocalNetworks, public KnownInterfaces {
  public:
   [[nodiscard]] std::optional<uint32_t> interfaceOf(Ipv4Address address) const override {
     auto it = addresses.find(address);
@@ -104,16 +105,25 @@ class FakeNetworks : public LocalNetworks {
     return in(wan) || in(lan);
   }
 
+  [[nodiscard]] std::optional<Known> known(uint32_t interface) const override {
+    if (interface == 1) return Known{.name = "wan0", .internal = false};
+    if (interface == 2) return Known{.name = "br-lan", .internal = true};
+    if (interface == 3) return Known{.name = "guest0", .internal = false};
+    return std::nullopt;
+  }
+
   std::map<Ipv4Address, uint32_t> addresses = {{{45, 45, 45, 1}, 1}, {{192, 168, 88, 1}, 2}};
   std::set<Ipv4Address> loopback;
 
  private:
   static constexpr Ipv4Network wan{{45, 45, 45, 0}, 24};
   static constexpr Ipv4Network lan{{192, 168, 88, 0}, 24};
+  static constexpr Ipv4Network guests{{192, 168, 99, 0}, 24};
 
   static std::optional<uint32_t> interfaceWith(Ipv4Address address) {
     if (wan.holds(address)) return 1;
     if (lan.holds(address)) return 2;
+    if (guests.holds(address)) return 3;
     return std::nullopt;
   }
 };

@@ -148,7 +148,7 @@ class NatFixture : public ::testing::Test {
   PolicyBook policies{directory.file("nat-policy"), directory.path()};
   NatMap map{nftables};
   FlowMarks marks{directory.path()};
-  NatRules rules{map, flows, marks, networks, policies, clock};
+  NatRules rules{map, flows, marks, networks, networks, policies, clock};
 };
 
 using Texts = std::vector<std::string>;

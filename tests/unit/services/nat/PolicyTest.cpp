@@ -7,12 +7,12 @@ namespace lumen::test {
 
 namespace {
 
-// Promise [policy-default]: By default ports 1024 to 65535 may be opened and every directly
-// connected host may be reached.
+// Promise [policy-default]: By default ports 1024 to 65535 may be opened, for hosts in networks of
+// internal interfaces.
 TEST(Policy, HasTheDefaultsThatAreDocumented) {
   Policy policy;
   EXPECT_EQ(policy.externalPorts.text(), "1024-65535");
-  EXPECT_EQ(policy.internalClients.text(), "connected");
+  EXPECT_EQ(policy.internalClients.text(), "internal");
   EXPECT_EQ(policy.maxRules, 4096U);
   EXPECT_EQ(policy.maxRulesPerClient, 128U);
 }
@@ -32,21 +32,38 @@ TEST(Policy, TakesPortsAndRangesOfPorts) {
   }
 }
 
-// Promise [policy-clients]: Allowed clients are `connected`, addresses and networks, at most 64:
-// `internal-clients: "::1" is neither "connected", an address nor a network like 192.168.88.0/24`,
-// `internal-clients: "10.0.0.1/24" has bits set after its prefix`, `internal-clients: more than 64
-// networks`.
-TEST(Policy, TakesNetworksAndHosts) {
+// Promise [policy-clients]: Allowed clients are `internal`, `connected`, names of interfaces,
+// addresses and networks, at most 64: `internal-clients: "::1" is neither "internal", "connected",
+// an interface, an address nor a network like 192.168.88.0/24`, `internal-clients: "10.0.0.1/24"
+// has bits set after its prefix`, `internal-clients: more than 64 interfaces and networks`.
+TEST(Policy, TakesWordsInterfacesNetworksAndHosts) {
+  using Known = KnownInterfaces::Known;
+  const Known lan{.name = "br-lan", .internal = true};
+  const Known other{.name = "guest0", .internal = false};
   Policy policy;
+  const auto contains = [&policy](const char* host, const std::optional<Known>& interface) {
+    return policy.internalClients.contains(ip(host), interface);
+  };
   EXPECT_EQ(whyNot(policy.set("internal-clients", "10.1.2.3, connected,192.168.88.0/24")), "");
   EXPECT_EQ(policy.internalClients.text(), "connected, 10.1.2.3, 192.168.88.0/24");
-  EXPECT_TRUE(policy.internalClients.contains(ip("8.8.8.8"), true));
-  EXPECT_FALSE(policy.internalClients.contains(ip("8.8.8.8"), false));
-  EXPECT_TRUE(policy.internalClients.contains(ip("10.1.2.3"), false));
-  EXPECT_FALSE(policy.internalClients.contains(ip("10.1.2.4"), false));
-  EXPECT_TRUE(policy.internalClients.contains(ip("192.168.88.200"), false));
+  EXPECT_TRUE(contains("8.8.8.8", other));
+  EXPECT_FALSE(contains("8.8.8.8", std::nullopt));
+  EXPECT_TRUE(contains("10.1.2.3", std::nullopt));
+  EXPECT_FALSE(contains("10.1.2.4", std::nullopt));
+  EXPECT_TRUE(contains("192.168.88.200", std::nullopt));
   EXPECT_EQ(whyNot(policy.set("internal-clients", "0.0.0.0/0")), "");
-  EXPECT_TRUE(policy.internalClients.contains(ip("10.1.2.4"), false));
+  EXPECT_TRUE(contains("10.1.2.4", std::nullopt));
+
+  EXPECT_EQ(whyNot(policy.set("internal-clients", "internal")), "");
+  EXPECT_TRUE(contains("8.8.8.8", lan));
+  EXPECT_FALSE(contains("8.8.8.8", other));
+  EXPECT_FALSE(contains("8.8.8.8", std::nullopt));
+  EXPECT_EQ(whyNot(policy.set("internal-clients", "guest0, eth0.7, 10.1.2.3, internal")), "");
+  EXPECT_EQ(policy.internalClients.text(), "internal, guest0, eth0.7, 10.1.2.3");
+  EXPECT_TRUE(contains("8.8.8.8", other));
+  EXPECT_TRUE(contains("8.8.8.8", lan));
+  EXPECT_EQ(whyNot(policy.set("internal-clients", "guest0")), "");
+  EXPECT_FALSE(contains("8.8.8.8", lan));
 }
 
 /// Whether a client of UDP port 8080 of 45.45.45.1 is allowed.
@@ -57,12 +74,22 @@ class PolicyForClients : public ::testing::Test {
   }
   std::string refusalOf(const std::string& client) {
     const RuleKey key{.external = {.address = ip("45.45.45.1"), .port = 8080}, .protocol = 17};
-    return whyNot(policy.allows(key, {ip(client), 53}, networks));
+    return whyNot(policy.allows(key, {ip(client), 53}, networks, networks));
   }
 
   FakeNetworks networks;
   Policy policy;
 };
+
+// Promise: By default no port leads to a host in a network that is not internal: `internal client
+// 192.168.99.10 is not allowed by the policy`.
+TEST_F(PolicyForClients, KeepsPortsOutOfOtherNetworks) {
+  EXPECT_EQ(refusalOf("192.168.88.10"), "");
+  EXPECT_EQ(refusalOf("192.168.99.10"),
+            "internal client 192.168.99.10 is not allowed by the policy");
+  allowNetworks("br-lan, guest0");
+  EXPECT_EQ(refusalOf("192.168.99.10"), "");
+}
 
 TEST_F(PolicyForClients, LetsANetworkBeNarrowerThanWhatIsConnected) {
   allowNetworks("192.168.88.128/25, 10.0.0.0/8");
@@ -111,7 +138,9 @@ TEST(Policy, NamesTheErrorInAValueAndKeepsTheOldOne) {
     manyClients += ",10.0.0.1";
   }
 #define NO_PORT " is neither a port from 1 to 65535 nor a range of ports"
-#define NO_NETWORK " is neither \"connected\", an address nor a network like 192.168.88.0/24"
+#define NO_NETWORK                                                                        \
+  " is neither \"internal\", \"connected\", an interface, an address nor a network like " \
+  "192.168.88.0/24"
   const Row rows[] = {
       {"external-ports", "", "external-ports: \"\"" NO_PORT},
       {"external-ports", "0", "external-ports: \"0\"" NO_PORT},
@@ -127,7 +156,9 @@ TEST(Policy, NamesTheErrorInAValueAndKeepsTheOldOne) {
        "external-ports: \"99999999999999999999\"" NO_PORT},
       {"external-ports", manyPorts, "external-ports: more than 64 ranges of ports"},
       {"internal-clients", "", "internal-clients: \"\"" NO_NETWORK},
-      {"internal-clients", "Connected", "internal-clients: \"Connected\"" NO_NETWORK},
+      {"internal-clients", "br lan", "internal-clients: \"br lan\"" NO_NETWORK},
+      {"internal-clients", "br-lan/24", "internal-clients: \"br-lan/24\"" NO_NETWORK},
+      {"internal-clients", "sixteen-letters.", "internal-clients: \"sixteen-letters.\"" NO_NETWORK},
       {"internal-clients", "10.0.0", "internal-clients: \"10.0.0\"" NO_NETWORK},
       {"internal-clients", "10.0.0.0/33", "internal-clients: \"10.0.0.0/33\"" NO_NETWORK},
       {"internal-clients", "10.0.0.0/", "internal-clients: \"10.0.0.0/\"" NO_NETWORK},
@@ -135,7 +166,7 @@ TEST(Policy, NamesTheErrorInAValueAndKeepsTheOldOne) {
       {"internal-clients", "::1", "internal-clients: \"::1\"" NO_NETWORK},
       {"internal-clients", "10.0.0.1/24",
        "internal-clients: \"10.0.0.1/24\" has bits set after its prefix"},
-      {"internal-clients", manyClients, "internal-clients: more than 64 networks"},
+      {"internal-clients", manyClients, "internal-clients: more than 64 interfaces and networks"},
       {"max-rules", "", "max-rules: \"\" is not a number from 0 to 65536"},
       {"max-rules", "65537", "max-rules: \"65537\" is not a number from 0 to 65536"},
       {"max-rules-per-client", "many",
@@ -148,7 +179,7 @@ TEST(Policy, NamesTheErrorInAValueAndKeepsTheOldOne) {
   for (const Row& row : rows) EXPECT_EQ(whyNot(policy.set(row.name, row.value)), row.reason);
   EXPECT_NE(whyNot(policy.set("internal-clients", std::string("10.0.0.1\0x", 10))), "");
   EXPECT_EQ(policy.externalPorts.text(), "1024-65535");
-  EXPECT_EQ(policy.internalClients.text(), "connected");
+  EXPECT_EQ(policy.internalClients.text(), "internal");
   EXPECT_EQ(policy.maxRules, 4096U);
 }
 
