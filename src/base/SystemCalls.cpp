@@ -16,6 +16,8 @@
 
 namespace {
 
+constexpr bool confined = PALINODE_CONFINEMENT;
+
 void put(std::string_view text) {
   if (write(STDOUT_FILENO, text.data(), text.size()) < 0) return;
 }
@@ -78,7 +80,7 @@ class Filter {
 
 void apply(std::span<const SystemCall> calls, uint32_t action, uint32_t otherwise,
            std::span<const RefusedCall> refused) {
-#if PALINODE_CONFINEMENT
+  if (!confined) return;
   if (prctl(PR_GET_SECCOMP) < 0) {
     logLine("this kernel cannot forbid system calls");
     return;
@@ -90,7 +92,6 @@ void apply(std::span<const SystemCall> calls, uint32_t action, uint32_t otherwis
   }
   reportForbiddenCalls();
   filter.load();
-#endif
 }
 
 }  // namespace

@@ -14,6 +14,7 @@ from support.debian import kept
 from support.elf import Elf, table
 from support.network import (LAN_ADDRESS, LAN_BRIDGE, WAN_ADDRESS, WAN_LINK, Network, exchange_tcp,
                              wait_until)
+from support.system_calls import has_landlock
 
 VERSION = os.environ["PALINODE_VERSION"]
 PACKAGES = pathlib.Path(os.environ["PALINODE_PACKAGES"])
@@ -139,13 +140,28 @@ class InstallationTest(unittest.TestCase):
         self.assertIn(f"start int: {LAN_BRIDGE} {LAN_ADDRESS}\n", self.gateway_log())
         self.assertNotIn("upnp: started", self.gateway_log())
 
-    # Promise [unit-rating]: `systemd-analyze security` gives the unit less than 3.0.
+    # Promise [unit-rating]: `systemd-analyze security` gives the unit less than 2.4.
     def test_the_unit_is_hardened(self):
         self.install()
-        found = self.machine.run("systemd-analyze", "security", "--threshold=30", "lumend")
+        found = self.machine.run("systemd-analyze", "security", "--threshold=23", "lumend")
         print(found.splitlines()[-1])
         exposure = re.search(r"Overall exposure level for lumend.service: ([0-9.]+)", found)
-        self.assertLess(float(exposure.group(1)), 3.0)
+        self.assertLess(float(exposure.group(1)), 2.4)
+
+    # Promise: Under systemd the gateway confines and is bounded as without it.
+    def test_the_gateway_confines_itself_under_systemd_too(self):
+        self.install()
+        self.set_up()
+        process = self.machine.run("pidof", "palinode-igd").strip()
+        self.assertIn("Seccomp:\t2\n", self.machine.run("cat", f"/proc/{process}/status"))
+        limits = self.machine.run("cat", f"/proc/{process}/limits")
+        self.assertRegex(limits, r"Max processes +0 +0 ")
+        self.assertRegex(limits, r"Max file size +1048576 +1048576 ")
+        refused = "cannot forbid", "Landlock: "
+        self.assertEqual([line for line in self.gateway_log().splitlines()
+                          if any(word in line for word in refused)], [])
+        if has_landlock():
+            self.assertNotIn("no Landlock", self.gateway_log())
 
     # Promise: The unit has nothing that `systemd-analyze verify` complains about.
     def test_systemd_finds_nothing_wrong_with_the_unit(self):

@@ -13,6 +13,9 @@ MS_REC = 16384
 MS_PRIVATE = 1 << 18
 MNT_DETACH = 2
 PR_SET_PDEATHSIG = 1
+# By its number on all machines but MIPS, and its flag.
+LANDLOCK_CREATE_RULESET = 444
+LANDLOCK_CREATE_RULESET_VERSION = 1
 
 libc = ctypes.CDLL(None, use_errno=True)
 
@@ -22,6 +25,11 @@ def check(result, what):
     if result != 0:
         error = ctypes.get_errno()
         raise OSError(error, f"{what}: {os.strerror(error)}")
+
+
+def has_landlock():
+    """Whether this kernel lets a program give up files."""
+    return libc.syscall(LANDLOCK_CREATE_RULESET, None, 0, LANDLOCK_CREATE_RULESET_VERSION) > 0
 
 
 def enter_own_mounts():

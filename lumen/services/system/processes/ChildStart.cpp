@@ -21,6 +21,8 @@ namespace lumen {
 
 namespace {
 
+constexpr bool confined = PALINODE_CONFINEMENT;
+
 constexpr int lockPlace = 3;
 constexpr int executablePlace = 4;
 constexpr int firstFreePlace = 5;
@@ -99,13 +101,12 @@ void limitResources(const ChildStart& start) {
   lower(start, RLIMIT_NOFILE, ChildStart::mostDescriptors);
   lower(start, RLIMIT_MEMLOCK, 0);
   lower(start, RLIMIT_MSGQUEUE, 0);
-#if PALINODE_CONFINEMENT
+  if (!confined) return;
   lower(start, RLIMIT_AS, ChildStart::mostAddressSpace);
   // A log that is a file may grow longer.
   if (!isFile(STDOUT_FILENO) && !isFile(STDERR_FILENO)) {
     lower(start, RLIMIT_FSIZE, ChildStart::longestFile);
   }
-#endif
 }
 
 // After the change of user, which clears the setting.

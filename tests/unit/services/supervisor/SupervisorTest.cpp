@@ -531,6 +531,16 @@ TEST_F(SupervisorTest, LogsTheLifeOfAService) {
             "upnp: cannot be started (fork: Out of memory), starts again in 8 s\n");
 }
 
+// Promise: The log says when a service ended since it made a system call that it may not make.
+TEST_F(SupervisorTest, SaysThatASystemCallWasForbidden) {
+  supervisor.boot();
+  testing::internal::CaptureStdout();
+  processes.dieBySignal(processes.last(), SIGSYS);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "upnp: ended by signal " + std::to_string(SIGSYS) +
+                ", for a forbidden system call, starts again in 1 s\n");
+}
+
 // Promise: The log says which process lumend waits for and which it kills: `upnp: waits for the
 // process that an earlier lumend has left`, `upnp: kills the process that an earlier lumend has
 // left`, `upnp: is killed, since it does not end`.
