@@ -250,9 +250,10 @@ class Router {
   fuzz::ForwardsMap kernel_;
   lumen::test::FakeFlows flows_;
   lumen::test::FakeNetworks networks_;
+  lumen::test::FakeListeners listeners_;
   lumen::NatMap map_{kernel_};
   lumen::FlowMarks marks_{nowhere};  // which are not kept
-  lumen::NatRules rules_{map_, flows_, marks_, networks_, networks_, policies_, clock_};
+  lumen::NatRules rules_{map_, flows_, marks_, networks_, networks_, listeners_, policies_, clock_};
 };
 
 }  // namespace

@@ -28,6 +28,8 @@ lumen::Policy written(const lumen::Policy& policy) {
   };
   set("external-ports", policy.externalPorts.text());
   set("internal-clients", policy.internalClients.text());
+  set("internal-ports", policy.internalPorts.text());
+  set("router-ports", policy.routerPorts.text());
   set("max-rules", std::to_string(policy.maxRules));
   set("max-rules-per-client", std::to_string(policy.maxRulesPerClient));
   return again;
@@ -75,8 +77,9 @@ void checkAgreement(const lumen::Policy& a, const lumen::Policy& b, std::string_
                                  Ipv4Address(192, 168, 88, 10), Ipv4Address(255, 255, 255, 255)}) {
     using Known = lumen::KnownInterfaces::Known;
     for (const std::optional<Known>& interface :
-         {std::optional<Known>(), std::optional(Known{.name = "wan0", .internal = false}),
-          std::optional(Known{.name = "br-lan", .internal = true})}) {
+         {std::optional<Known>(),
+          std::optional(Known{.name = "wan0", .index = 1, .internal = false}),
+          std::optional(Known{.name = "br-lan", .index = 2, .internal = true})}) {
       require(a.internalClients.contains(host, interface) ==
                   b.internalClients.contains(host, interface),
               "the same clients are allowed");

@@ -36,7 +36,8 @@ Platform::Platform(const lm::EventLoop& loop, Processes& processes,
       natMap_(nftables_),
       flowMarks_(path::flowMarks),
       policies_(path::natPolicy, path::store("nat")),
-      natRules_(natMap_, flows_, flowMarks_, addresses_, interfaces_, policies_, loop.clock()),
+      natRules_(natMap_, flows_, flowMarks_, addresses_, interfaces_, listeners_, policies_,
+                loop.clock()),
       listener_(broker_) {
   supervisor_.setObserver(broker_);
   supervisor_.listenToRequests(*this);

@@ -20,6 +20,7 @@
 #include "lumen/services/system/netfilter/NetlinkFlows.h"
 #include "lumen/services/system/netlink/LinkRelay.h"
 #include "lumen/services/system/netlink/NetlinkLinks.h"
+#include "lumen/services/system/netlink/SocketListeners.h"
 #include "lumen/services/system/processes/Processes.h"
 #include "lumen/values/Result.h"
 
@@ -81,6 +82,7 @@ class Platform : private Supervisor::RequestListener {
   NetlinkFlows flows_;
   FlowMarks flowMarks_;
   PolicyBook policies_;
+  SocketListeners listeners_;
   NatRules natRules_;
   Listener listener_;
 };

@@ -128,6 +128,9 @@ class LumenctlTest(RouterCase):
         self.router.start()
         self.assertEqual(self.router.ask("nat", "policy"),
                          {"external-ports": "80, 2000-2999", "internal-clients": "internal",
+                          "internal-ports": "1-21, 24-134, 136, 140-444, 446-3388, 3390-5899, "
+                                            "5901-65535",
+                          "router-ports": "none",
                           "max-rules": 4096, "max-rules-per-client": 1})
         self.router.lumenctl("nat", "policy", "reset")
         self.assertEqual(self.router.ask("nat", "policy")["external-ports"], "1024-65535")

@@ -2,10 +2,11 @@
 
 import contextlib
 import select
+import socket
 import unittest
 
-from support.network import (WAN_ADDRESS, SoapError, exchange_tcp, exchange_udp, tcp_refused,
-                             udp_refused)
+from support.network import (LAN_ADDRESS, LAN_BRIDGE, WAN_ADDRESS, WAN_LINK, SoapError,
+                             exchange_tcp, exchange_udp, tcp_refused, udp_refused)
 from support.router import CommandFailed
 from support.router_case import RouterCase
 
@@ -172,6 +173,61 @@ class PortTest(RouterCase):
         self.router.lumenctl("nat", "policy", "reset")
         self.router.lumenctl("upnp", "interface", "add", "dmz0", "--role", "internal")
         self.lan[0].open_port(8080, "TCP", client=isolated)
+
+    def listen(self, kind, address, device=None):
+        """A socket of a program of the router at port 8443, until the end of the test."""
+        family = socket.AF_INET6 if ":" in address else socket.AF_INET
+        sock = self.network.router.socket(kind, family)
+        self.addCleanup(sock.close)
+        if device:
+            sock.setsockopt(socket.SOL_SOCKET, socket.SO_BINDTODEVICE, device.encode())
+        sock.bind((address, 8443))
+        if kind == socket.SOCK_STREAM:
+            sock.listen()
+        return sock
+
+    def opens(self, protocol):
+        """Whether the port is opened; it is closed again then."""
+        try:
+            self.lan[0].open_port(8443, protocol, 80)
+        except SoapError as refused:
+            self.assertEqual(refused.code, 501)
+            return False
+        self.lan[0].close_port(8443, protocol)
+        return True
+
+    # Also proves [router-ports].
+    def test_the_routers_own_ports_are_not_taken_from_its_programs(self):
+        tcp, udp = socket.SOCK_STREAM, socket.SOCK_DGRAM
+        for kind, address, device, own in (
+                (tcp, "0.0.0.0", None, True), (tcp, WAN_ADDRESS, None, True), (tcp, "::", None, True),
+                (tcp, f"::ffff:{WAN_ADDRESS}", None, True), (tcp, "0.0.0.0", WAN_LINK, True),
+                (udp, "0.0.0.0", None, True), (udp, WAN_ADDRESS, None, True), (udp, "::", None, True),
+                (tcp, "127.0.0.1", None, False), (tcp, LAN_ADDRESS, None, False),
+                (tcp, "0.0.0.0", LAN_BRIDGE, False), (udp, LAN_ADDRESS, None, False),
+                (udp, "::1", None, False)):
+            protocol, other = ("TCP", "UDP") if kind == tcp else ("UDP", "TCP")
+            with self.subTest(protocol=protocol, address=address, device=device):
+                sock = self.listen(kind, address, device)
+                self.assertEqual(self.opens(protocol), not own)
+                self.assertTrue(self.opens(other))
+                sock.close()
+                self.assertTrue(self.opens(protocol))
+        self.listen(tcp, "0.0.0.0")
+        self.assertFalse(self.opens("TCP"))
+        self.assertRegex(self.router.log(), f"add nat failed: .*tcp port 8443 of {WAN_ADDRESS} is "
+                         "this router's own: .* listens there")
+        self.router.lumenctl("nat", "policy", "set", "router-ports=8443")
+        self.assertTrue(self.opens("TCP"))
+
+    # Also proves [internal-ports].
+    def test_ports_of_administration_stay_closed(self):
+        for port in (22, 445, 3389):
+            with self.assertRaises(SoapError) as refused:
+                self.lan[0].open_port(8080, "TCP", port, client=self.lan[1].address)
+            self.assertEqual(refused.exception.code, 501)
+        self.router.lumenctl("nat", "policy", "set", "internal-ports=22")
+        self.lan[0].open_port(8080, "TCP", 22, client=self.lan[1].address)
 
     def open_all(self, host, first, most):
         """Opens ports from `first` on for the host until one is refused, at most `most`; returns how

@@ -54,7 +54,7 @@ struct Limit {
   void (*assign)(NatPolicyChange& change, const lumen::Policy& wanted);
 };
 
-constexpr std::array<Limit, 4> policyTable = {{
+constexpr std::array<Limit, 6> policyTable = {{
     {"external-ports", "ports that may be opened",
      [](const NatPolicy& p) { return p.externalPorts; },
      [](NatPolicyChange& c, const lumen::Policy& p) { c.externalPorts = p.externalPorts.text(); }},
@@ -63,6 +63,12 @@ constexpr std::array<Limit, 4> policyTable = {{
      [](NatPolicyChange& c, const lumen::Policy& p) {
        c.internalClients = p.internalClients.text();
      }},
+    {"internal-ports", "ports of hosts that they may lead to",
+     [](const NatPolicy& p) { return p.internalPorts; },
+     [](NatPolicyChange& c, const lumen::Policy& p) { c.internalPorts = p.internalPorts.text(); }},
+    {"router-ports", "ports that may be taken from this router's own programs",
+     [](const NatPolicy& p) { return p.routerPorts; },
+     [](NatPolicyChange& c, const lumen::Policy& p) { c.routerPorts = p.routerPorts.text(); }},
     {"max-rules", "how many may be open at once",
      [](const NatPolicy& p) { return std::to_string(p.maxRules); },
      [](NatPolicyChange& c, const lumen::Policy& p) { c.maxRules = p.maxRules; }},
@@ -83,6 +89,8 @@ void showPolicy(Session& session) {
   if (session.json) {
     session.print({{"external-ports", policy.externalPorts},
                    {"internal-clients", policy.internalClients},
+                   {"internal-ports", policy.internalPorts},
+                   {"router-ports", policy.routerPorts},
                    {"max-rules", policy.maxRules},
                    {"max-rules-per-client", policy.maxRulesPerClient}});
     return;

@@ -119,6 +119,8 @@ constexpr FieldName natFields[] = {
     {"closed", lm::nat::key::closed},
     {"external-ports", lm::nat::key::externalPorts},
     {"internal-clients", lm::nat::key::internalClients},
+    {"internal-ports", lm::nat::key::internalPorts},
+    {"router-ports", lm::nat::key::routerPorts},
     {"max-rules", lm::nat::key::maxRules},
     {"max-rules-per-client", lm::nat::key::maxRulesPerClient},
     {"reset", lm::nat::key::reset},

@@ -118,6 +118,8 @@ PortState NatRule::state() const {
 NatPolicy::NatPolicy(const lm::message& record)
     : externalPorts(record.get_string(lm::nat::key::externalPorts)),
       internalClients(record.get_string(lm::nat::key::internalClients)),
+      internalPorts(record.get_string(lm::nat::key::internalPorts)),
+      routerPorts(record.get_string(lm::nat::key::routerPorts)),
       maxRules(record.get_u32(lm::nat::key::maxRules)),
       maxRulesPerClient(record.get_u32(lm::nat::key::maxRulesPerClient)) {}
 

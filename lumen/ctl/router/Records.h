@@ -88,6 +88,8 @@ struct NatPolicy {
 
   std::string externalPorts;
   std::string internalClients;
+  std::string internalPorts;
+  std::string routerPorts;
   uint32_t maxRules = 0;
   uint32_t maxRulesPerClient = 0;
 };
@@ -98,6 +100,8 @@ struct NatPolicyChange {
   bool reload = false;  ///< first reads that file again
   std::optional<std::string> externalPorts;
   std::optional<std::string> internalClients;
+  std::optional<std::string> internalPorts;
+  std::optional<std::string> routerPorts;
   std::optional<uint32_t> maxRules;
   std::optional<uint32_t> maxRulesPerClient;
 };

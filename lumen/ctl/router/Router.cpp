@@ -119,6 +119,8 @@ void Router::changePolicy(const NatPolicyChange& change) {
   if (change.reload) request.insert_bool(key::reload, true);
   if (change.externalPorts) request.insert_string(key::externalPorts, *change.externalPorts);
   if (change.internalClients) request.insert_string(key::internalClients, *change.internalClients);
+  if (change.internalPorts) request.insert_string(key::internalPorts, *change.internalPorts);
+  if (change.routerPorts) request.insert_string(key::routerPorts, *change.routerPorts);
   if (change.maxRules) request.insert_u32(key::maxRules, *change.maxRules);
   if (change.maxRulesPerClient) {
     request.insert_u32(key::maxRulesPerClient, *change.maxRulesPerClient);

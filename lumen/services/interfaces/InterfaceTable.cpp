@@ -71,6 +71,7 @@ std::optional<KnownInterfaces::Known> InterfaceTable::known(uint32_t interface) 
   const auto it = interfaces_.find(interface);
   if (it == interfaces_.end()) return std::nullopt;
   return Known{.name = it->second.name,
+               .index = it->second.link.index,
                .internal = it->second.role == lm::interfaces::roleInternal};
 }
 

@@ -34,6 +34,7 @@ class KnownInterfaces {
  public:
   struct Known {
     std::string name;
+    uint32_t index = 0;     ///< of the kernel; 0: its link is away
     bool internal = false;  ///< the administrator has made it so
   };
 

@@ -24,11 +24,13 @@ Failure kernelRefusal(const std::string& what, const RuleKey& key, const Failure
 }  // namespace
 
 NatRules::NatRules(NatMap& map, Flows& flows, const FlowMarks& marks, const LocalNetworks& networks,
-                   const KnownInterfaces& interfaces, PolicyBook& policies, const lm::Clock& clock)
+                   const KnownInterfaces& interfaces, Listeners& listeners, PolicyBook& policies,
+                   const lm::Clock& clock)
     : map_(map),
       flows_(flows),
       networks_(networks),
       interfaces_(interfaces),
+      listeners_(listeners),
       policies_(policies),
       clock_(clock),
       cleaner_(flows, *this, marks, clock) {}
@@ -246,7 +248,18 @@ Result<void> NatRules::checkAdd(const Rule& rule) const {
     return Failure{"there are " + std::to_string(rules_.size()) +
                    " rules already, the policy allows " + std::to_string(policy.maxRules)};
   }
-  return checkRoomOf(rule.client.address, rules_.size());
+  if (auto room = checkRoomOf(rule.client.address, rules_.size()); !room) return room;
+  return checkFree(rule.key);
+}
+
+Result<void> NatRules::checkFree(const RuleKey& key) const {
+  if (policies_.policy().routerPorts.contains(key.external.port)) return {};
+  const auto holder = networks_.interfaceOf(key.external.address);
+  const auto interface = holder ? interfaces_.known(*holder) : std::nullopt;
+  const auto listener =
+      listeners_.find(key.protocol, key.external, interface ? interface->index : 0);
+  if (!listener) return {};
+  return Failure{keyText(key) + " is this router's own: " + *listener + " listens there"};
 }
 
 // The external address may have left the router since: such a rule keeps working when it is back.
@@ -256,6 +269,9 @@ Result<void> NatRules::checkSet(const Rule& before, const Rule& after) const {
   if (auto allowed = policies_.policy().allows(after.key, after.client, networks_, interfaces_);
       !allowed) {
     return allowed;
+  }
+  if (before.disabled && !after.disabled) {
+    if (auto free = checkFree(after.key); !free) return free;
   }
   if (after.client.address == before.client.address) return {};
   return checkRoomOf(after.client.address, rules_.size() - 1);

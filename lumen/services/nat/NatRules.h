@@ -14,6 +14,7 @@
 #include "lumen/services/nat/PolicyBook.h"
 #include "lumen/services/nat/Rule.h"
 #include "lumen/services/nat/RuleMessage.h"
+#include "lumen/services/system/netlink/Listeners.h"
 #include "lumen/values/Result.h"
 
 namespace lumen {
@@ -27,7 +28,8 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts {
  public:
   /// All must outlive this; `policies` is loaded and `map` open.
   NatRules(NatMap& map, Flows& flows, const FlowMarks& marks, const LocalNetworks& networks,
-           const KnownInterfaces& interfaces, PolicyBook& policies, const lm::Clock& clock);
+           const KnownInterfaces& interfaces, Listeners& listeners, PolicyBook& policies,
+           const lm::Clock& clock);
   NatRules(const NatRules&) = delete;
   NatRules& operator=(const NatRules&) = delete;
 
@@ -66,6 +68,8 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts {
 
   [[nodiscard]] Result<void> checkAdd(const Rule& rule) const;
   [[nodiscard]] Result<void> checkSet(const Rule& before, const Rule& after) const;
+  /// Whether no program of this router listens there, or the policy does not mind.
+  [[nodiscard]] Result<void> checkFree(const RuleKey& key) const;
   /// Whether `client` may have one rule more, while there are `others` in all.
   [[nodiscard]] Result<void> checkRoomOf(Ipv4Address client, size_t others) const;
   /// Puts `after` in the place of a rule with the same key, in the kernel too.
@@ -97,6 +101,7 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts {
   Flows& flows_;
   const LocalNetworks& networks_;
   const KnownInterfaces& interfaces_;
+  Listeners& listeners_;
   PolicyBook& policies_;
   const lm::Clock& clock_;
 

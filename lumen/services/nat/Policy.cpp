@@ -13,6 +13,7 @@ constexpr size_t maxEntries = 64;
 // Above it the table would no longer fit a small router's memory.
 constexpr uint32_t highestLimit = 65536;
 
+constexpr std::string_view noPorts = "none";
 constexpr std::string_view internalWord = "internal";
 constexpr std::string_view connectedWord = "connected";
 
@@ -85,6 +86,7 @@ bool PortRanges::contains(uint16_t port) const {
 }
 
 std::string PortRanges::text() const {
+  if (ranges_.empty()) return std::string(noPorts);
   std::string result;
   for (const Range& range : ranges_) {
     if (!result.empty()) result += ", ";
@@ -153,13 +155,22 @@ std::string ClientNetworks::text() const {
 
 Policy::Policy()
     : externalPorts(*PortRanges::parse("1024-65535")),
-      internalClients(*ClientNetworks::parse(internalWord)) {}
+      internalClients(*ClientNetworks::parse(internalWord)),
+      // Without SSH, Telnet, the remote calls, names and files of Windows, RDP and VNC.
+      internalPorts(
+          *PortRanges::parse("1-21, 24-134, 136, 140-444, 446-3388, 3390-5899, 5901-65535")) {}
 
 Result<void> Policy::set(std::string_view name, std::string_view value) {
   if (name == "external-ports") {
     const auto ports = PortRanges::parse(value);
     if (!ports) return Failure{"external-ports: " + ports.why()};
     externalPorts = *ports;
+  } else if (name == "internal-ports" || name == "router-ports") {
+    const bool router = name == "router-ports";
+    const auto ports =
+        router && value == noPorts ? Result<PortRanges>(PortRanges()) : PortRanges::parse(value);
+    if (!ports) return Failure{std::string(name) + ": " + ports.why()};
+    (router ? routerPorts : internalPorts) = *ports;
   } else if (name == "internal-clients") {
     const auto clients = ClientNetworks::parse(value);
     if (!clients) return Failure{"internal-clients: " + clients.why()};
@@ -194,6 +205,10 @@ Result<void> Policy::allows(const RuleKey& key, const Endpoint& client,
   if (!internalClients.contains(client.address, interface)) {
     return Failure{host + " is not allowed by the policy" +
                    (side ? "" : ": it is not directly connected")};
+  }
+  if (!internalPorts.contains(client.port)) {
+    return Failure{"internal port " + std::to_string(client.port) +
+                   " is not allowed by the policy"};
   }
   if (networks.isReserved(client.address)) return Failure{host + " is not the address of a host"};
   return {};

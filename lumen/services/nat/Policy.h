@@ -13,13 +13,14 @@
 
 namespace lumen {
 
-/// External ports, written "1024-65535" or "80, 443, 6000-6999".
+/// Ports, written "1024-65535" or "80, 443, 6000-6999".
 class PortRanges {
  public:
   /// Fails when the text is anything else.
   [[nodiscard]] static Result<PortRanges> parse(std::string_view text);
 
   [[nodiscard]] bool contains(uint16_t port) const;
+  /// "none" for no ports, which is never parsed.
   [[nodiscard]] std::string text() const;
 
  private:
@@ -60,6 +61,11 @@ struct Policy {
 
   PortRanges externalPorts;        ///< by default 1024-65535
   ClientNetworks internalClients;  ///< by default internal
+  /// Of clients; by default not those by which machines are administered.
+  PortRanges internalPorts;
+  /// External ports that may be opened although a program of this router listens there. By default
+  /// none.
+  PortRanges routerPorts;
   uint32_t maxRules = 4096;
   uint32_t maxRulesPerClient = 128;
 

@@ -20,10 +20,9 @@ struct Setting {
   const char* name;
 };
 constexpr Setting settingsByField[] = {
-    {key::externalPorts, "external-ports"},
-    {key::internalClients, "internal-clients"},
-    {key::maxRules, "max-rules"},
-    {key::maxRulesPerClient, "max-rules-per-client"},
+    {key::externalPorts, "external-ports"}, {key::internalClients, "internal-clients"},
+    {key::internalPorts, "internal-ports"}, {key::routerPorts, "router-ports"},
+    {key::maxRules, "max-rules"},           {key::maxRulesPerClient, "max-rules-per-client"},
 };
 
 // Applies the fields of `written` to `policy`.
@@ -71,6 +70,8 @@ lm::message PolicyBook::settings() const {
   lm::message result;
   result.insert_string(key::externalPorts, state_.policy.externalPorts.text());
   result.insert_string(key::internalClients, state_.policy.internalClients.text());
+  result.insert_string(key::internalPorts, state_.policy.internalPorts.text());
+  result.insert_string(key::routerPorts, state_.policy.routerPorts.text());
   result.insert_u32(key::maxRules, state_.policy.maxRules);
   result.insert_u32(key::maxRulesPerClient, state_.policy.maxRulesPerClient);
   return result;
@@ -78,7 +79,8 @@ lm::message PolicyBook::settings() const {
 
 Result<void> PolicyBook::write(const lm::message& request) {
   static constexpr std::array fields = {key::externalPorts,     key::internalClients, key::maxRules,
-                                        key::maxRulesPerClient, key::reset,           key::reload};
+                                        key::maxRulesPerClient, key::reset,           key::reload,
+                                        key::internalPorts,     key::routerPorts};
   if (auto known = lm::checkFields(request, fields); !known) return known;
   bool writes = request.get_bool(key::reset);
   lm::message written = writes ? lm::message() : state_.written;

@@ -58,6 +58,8 @@ inline constexpr uint32_t maxRulesPerClient = 0x08010033;  ///< u32
 inline constexpr uint32_t reset = 0x00010034;
 /// bool, in a write only: first reads the file again; an error in the file changes nothing.
 inline constexpr uint32_t reload = 0x00010035;
+inline constexpr uint32_t routerPorts = 0x20010036;    ///< string, as in the policy file
+inline constexpr uint32_t internalPorts = 0x20010037;  ///< string, as in the policy file
 }  // namespace key
 
 /// The action of every rule: translate the destination.

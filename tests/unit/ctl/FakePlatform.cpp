@@ -87,6 +87,8 @@ FakePlatform::FakePlatform() {
   settings_.insert_bool(3, true);
   policy_.insert_string(natkey::externalPorts, "1024-65535");
   policy_.insert_string(natkey::internalClients, "internal");
+  policy_.insert_string(natkey::internalPorts, "1-65535");
+  policy_.insert_string(natkey::routerPorts, "none");
   policy_.insert_u32(natkey::maxRules, 4096);
   policy_.insert_u32(natkey::maxRulesPerClient, 128);
 }

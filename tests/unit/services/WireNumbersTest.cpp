@@ -103,6 +103,8 @@ TEST(WireNumbers, OfThePolicy) {
   EXPECT_EQ(lm::nat::key::maxRulesPerClient, 0x08010033U);
   EXPECT_EQ(lm::nat::key::reset, 0x00010034U);
   EXPECT_EQ(lm::nat::key::reload, 0x00010035U);
+  EXPECT_EQ(lm::nat::key::routerPorts, 0x20010036U);
+  EXPECT_EQ(lm::nat::key::internalPorts, 0x20010037U);
 }
 
 // Also proves [numbers].

@@ -20,8 +20,10 @@ class LinkRelay : public Links, private Links::Listener {
   [[nodiscard]] std::optional<LinkStatus> read(uint32_t index) override {
     return links_.read(index);
   }
-  [[nodiscard]] int setUp(uint32_t index, bool up) override { return links_.setUp(index, up); }
-  [[nodiscard]] std::optional<std::vector<Route>> routes(uint32_t index) override {
+  [[nodiscard]] Result<void> setUp(uint32_t index, bool up) override {
+    return links_.setUp(index, up);
+  }
+  [[nodiscard]] Result<std::vector<Route>> routes(uint32_t index) override {
     return links_.routes(index);
   }
   [[nodiscard]] int addRoute(const Route& route, uint32_t index) override {

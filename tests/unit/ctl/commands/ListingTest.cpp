@@ -210,10 +210,14 @@ TEST_F(Listing, ShowsThePolicy) {
             "SETTING               VALUE       MEANING\n"
             "external-ports        1024-65535  ports that may be opened\n"
             "internal-clients      internal    hosts that they may be opened to\n"
+            "internal-ports        1-65535     ports of hosts that they may lead to\n"
+            "router-ports          none        ports that may be taken from this router's own "
+            "programs\n"
             "max-rules             4096        how many may be open at once\n"
             "max-rules-per-client  128         how many of them to each host\n");
   EXPECT_EQ(router.lumenctl({"nat", "policy", "--json"}).out,
             "{\n  \"external-ports\": \"1024-65535\",\n  \"internal-clients\": \"internal\",\n"
+            "  \"internal-ports\": \"1-65535\",\n  \"router-ports\": \"none\",\n"
             "  \"max-rules\": 4096,\n  \"max-rules-per-client\": 128\n}\n");
 }
 

@@ -105,6 +105,8 @@ TEST(MessageNames, OfFieldsOfPortsAndTheirPolicy) {
                           {0x00010024, "closed"},
                           {0x20010030, "external-ports"},
                           {0x20010031, "internal-clients"},
+                          {0x20010037, "internal-ports"},
+                          {0x20010036, "router-ports"},
                           {0x08010032, "max-rules"},
                           {0x08010033, "max-rules-per-client"},
                           {0x00010034, "reset"},

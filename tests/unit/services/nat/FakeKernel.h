@@ -11,6 +11,7 @@
 #include "lumen/services/nat/LocalNetworks.h"
 #include "lumen/services/system/netfilter/Flows.h"
 #include "lumen/services/system/netfilter/Nftables.h"
+#include "lumen/services/system/netlink/Listeners.h"
 #include "lumen/values/Ipv4.h"
 #include "lumen/values/Result.h"
 
@@ -79,6 +80,22 @@ class FakeFlows : public Flows {
   Sweeper* sweeper_ = nullptr;
 };
 
+/// Programs of the router that a test writes down.
+class FakeListeners : public Listeners {
+ public:
+  std::optional<std::string> find(uint8_t protocol, const Endpoint& endpoint,
+                                  uint32_t interface) override {
+    asked.push_back(std::to_string(protocol) + " " + endpoint.text() + " by " +
+                    std::to_string(interface));
+    const auto it = programs.find({protocol, endpoint.port});
+    if (it == programs.end()) return std::nullopt;
+    return it->second;
+  }
+
+  std::map<std::pair<uint8_t, uint16_t>, std::string> programs;
+  std::vector<std::string> asked;
+};
+
 /// A router with an external interface, 1, wan0, and an internal one, 2, br-lan, with
 /// 192.168.88.0/24. A third one, guest0, with 192.168.99.0/24 has no role.
 class FakeNetworks : public LocalNetworks, public KnownInterfaces {
@@ -106,9 +123,9 @@ class FakeNetworks : public LocalNetworks, public KnownInterfaces {
   }
 
   [[nodiscard]] std::optional<Known> known(uint32_t interface) const override {
-    if (interface == 1) return Known{.name = "wan0", .internal = false};
-    if (interface == 2) return Known{.name = "br-lan", .internal = true};
-    if (interface == 3) return Known{.name = "guest0", .internal = false};
+    if (interface == 1) return Known{.name = "wan0", .index = 11, .internal = false};
+    if (interface == 2) return Known{.name = "br-lan", .index = 12, .internal = true};
+    if (interface == 3) return Known{.name = "guest0", .index = 13, .internal = false};
     return std::nullopt;
   }
 

@@ -144,11 +144,12 @@ class NatFixture : public ::testing::Test {
   FakeNftables nftables;
   FakeFlows flows;
   FakeNetworks networks;
+  FakeListeners listeners;
   lm::test::TempDir directory;
   PolicyBook policies{directory.file("nat-policy"), directory.path()};
   NatMap map{nftables};
   FlowMarks marks{directory.path()};
-  NatRules rules{map, flows, marks, networks, networks, policies, clock};
+  NatRules rules{map, flows, marks, networks, networks, listeners, policies, clock};
 };
 
 using Texts = std::vector<std::string>;

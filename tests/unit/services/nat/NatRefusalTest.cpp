@@ -270,6 +270,55 @@ TEST_F(NatRefusalTest, KeepsNoPlaceFromAClientThatAnotherOneLeavesItsRule) {
             "there are 12 rules already, the policy allows 12");
 }
 
+// Promise [router-ports]: A port at which a program of the router listens is refused: `tcp port
+// 8443 of 45.45.45.1 is this router's own: ssh.service listens there`, unless the policy's
+// `router-ports` has it.
+TEST_F(NatRefusalTest, LeavesTheRoutersOwnPortsToItsPrograms) {
+  listeners.programs[{6, 8443}] = "ssh.service";
+  EXPECT_EQ(refusedToOpen({.port = 8443}),
+            "tcp port 8443 of 45.45.45.1 is this router's own: ssh.service listens there");
+  EXPECT_EQ(refusedToOpen({.port = 8443, .disabled = true}),
+            "tcp port 8443 of 45.45.45.1 is this router's own: ssh.service listens there");
+  EXPECT_EQ(listeners.asked.back(), "6 45.45.45.1:8443 by 11") << "where its address is";
+  opens({.protocol = "udp", .port = 8443});
+
+  lm::message policy;
+  policy.insert_string(lm::nat::key::routerPorts, "8000-8999");
+  ASSERT_EQ(asks(admin, lm::cmd::set, policy), "");
+  opens({.port = 8443});
+}
+
+// Also proves [router-ports].
+TEST_F(NatRefusalTest, LeavesAPortToAProgramThatCameBeforeItIsEnabled) {
+  const uint32_t id = opens({.disabled = true});
+  listeners.programs[{6, 8080}] = "ssh.service";
+  EXPECT_EQ(sets(setRequest(id, "192.168.88.10", 80)),
+            "tcp port 8080 of 45.45.45.1 is this router's own: ssh.service listens there");
+  listeners.programs.clear();
+  EXPECT_EQ(sets(setRequest(id, "192.168.88.10", 80)), "");
+  // A program that comes later loses nothing that it had.
+  listeners.programs[{6, 8080}] = "ssh.service";
+  EXPECT_EQ(sets(setRequest(id, "192.168.88.10", 80)), "");
+}
+
+// Promise [internal-ports]: A port leads to the ports of hosts that the policy's `internal-ports`
+// has: `internal port 22 is not allowed by the policy`. By default those are all but 22, 23, 135,
+// 137 to 139, 445, 3389 and 5900.
+TEST_F(NatRefusalTest, KeepsPortsOfAdministrationClosed) {
+  for (const uint32_t port : {22U, 23U, 135U, 137U, 138U, 139U, 445U, 3389U, 5900U}) {
+    EXPECT_EQ(refusedToOpen({.clientPort = port}),
+              "internal port " + std::to_string(port) + " is not allowed by the policy");
+  }
+  for (const uint32_t port : {21U, 24U, 134U, 136U, 140U, 444U, 446U, 3388U, 3390U, 5899U, 5901U}) {
+    opens({.port = 10000 + port, .clientPort = port});
+  }
+  lm::message policy;
+  policy.insert_string(lm::nat::key::internalPorts, "22");
+  ASSERT_EQ(asks(admin, lm::cmd::set, policy), "");
+  opens({.clientPort = 22});
+  EXPECT_EQ(refusedToOpen({.port = 8081}), "internal port 80 is not allowed by the policy");
+}
+
 /// Whatever the request, the commands to the kernel consist of checked numbers only.
 TEST_F(NatRefusalTest, SurvivesRandomRequests) {
   std::mt19937 random(20260);

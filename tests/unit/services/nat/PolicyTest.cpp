@@ -13,6 +13,9 @@ TEST(Policy, HasTheDefaultsThatAreDocumented) {
   Policy policy;
   EXPECT_EQ(policy.externalPorts.text(), "1024-65535");
   EXPECT_EQ(policy.internalClients.text(), "internal");
+  EXPECT_EQ(policy.internalPorts.text(),
+            "1-21, 24-134, 136, 140-444, 446-3388, 3390-5899, 5901-65535");
+  EXPECT_EQ(policy.routerPorts.text(), "none");
   EXPECT_EQ(policy.maxRules, 4096U);
   EXPECT_EQ(policy.maxRulesPerClient, 128U);
 }
@@ -38,8 +41,8 @@ TEST(Policy, TakesPortsAndRangesOfPorts) {
 // has bits set after its prefix`, `internal-clients: more than 64 interfaces and networks`.
 TEST(Policy, TakesWordsInterfacesNetworksAndHosts) {
   using Known = KnownInterfaces::Known;
-  const Known lan{.name = "br-lan", .internal = true};
-  const Known other{.name = "guest0", .internal = false};
+  const Known lan{.name = "br-lan", .index = 2, .internal = true};
+  const Known other{.name = "guest0", .index = 3, .internal = false};
   Policy policy;
   const auto contains = [&policy](const char* host, const std::optional<Known>& interface) {
     return policy.internalClients.contains(ip(host), interface);
@@ -217,11 +220,14 @@ class PolicyBookTest : public ::testing::Test {
 // reason.
 TEST_F(PolicyBookTest, ReadsTheFile) {
   EXPECT_EQ(loads("; comment\nexternal-ports = 80 ; web\ninternal-clients = 10.0.0.0/8\n"
+                  "internal-ports = 80, 443\nrouter-ports = none\n"
                   "max-rules = 7\nmax-rules-per-client = 0\n"),
             "");
   lm::message expected;
   expected.insert_string(0x20010030, "80");
   expected.insert_string(0x20010031, "10.0.0.0/8");
+  expected.insert_string(0x20010037, "80, 443");
+  expected.insert_string(0x20010036, "none");
   expected.insert_u32(0x10032, 7);
   expected.insert_u32(0x10033, 0);
   EXPECT_EQ(book.settings(), expected);
