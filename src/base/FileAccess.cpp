@@ -86,7 +86,7 @@ void allowOnlyFiles(std::span<const FileAccess> files) {
   const long version =
       syscall(SYS_landlock_create_ruleset, nullptr, 0, LANDLOCK_CREATE_RULESET_VERSION);
   if (version < 0) {
-    logLine("this kernel has no Landlock: owners and modes alone protect files");
+    logLine("owners and modes alone protect files, Landlock is missing: ", strerror(errno));
     return;
   }
   Ruleset handled;

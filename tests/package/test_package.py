@@ -157,11 +157,9 @@ class InstallationTest(unittest.TestCase):
         limits = self.machine.run("cat", f"/proc/{process}/limits")
         self.assertRegex(limits, r"Max processes +0 +0 ")
         self.assertRegex(limits, r"Max file size +1048576 +1048576 ")
-        refused = "cannot forbid", "Landlock: "
-        self.assertEqual([line for line in self.gateway_log().splitlines()
-                          if any(word in line for word in refused)], [])
+        self.assertNotIn("system calls", self.gateway_log())
         if has_landlock():
-            self.assertNotIn("no Landlock", self.gateway_log())
+            self.assertNotIn("Landlock", self.gateway_log())
 
     # Promise: The unit has nothing that `systemd-analyze verify` complains about.
     def test_systemd_finds_nothing_wrong_with_the_unit(self):
