@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <memory>
 
 #include "lumen/runtime/EventLoop.h"
@@ -12,6 +13,8 @@
 
 namespace lumen {
 namespace {
+
+using namespace std::chrono_literals;
 
 using Texts = std::vector<std::string>;
 
@@ -139,11 +142,11 @@ TEST_F(FenceTest, TriesAgainWhatTheKernelRefused) {
   EXPECT_EQ(log.text(), "fence: the kernel refused a change: Error: Out of memory\n");
   EXPECT_EQ(kernel_.takeTexts(), Texts{both});
   kernel_.prints(both, "");
-  clock_.advance(1000);
-  loop_.turn(0);
+  clock_.advance(1s);
+  loop_.turn(0ms);
   EXPECT_EQ(kernel_.takeTexts(), Texts{both});
-  clock_.advance(1000);
-  loop_.turn(0);
+  clock_.advance(1s);
+  loop_.turn(0ms);
   EXPECT_EQ(kernel_.takeTexts(), Texts{});
 }
 
