@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "lumen/runtime/SocketTransport.h"
+#include "lumen/services/fence/ClientLimit.h"
 #include "platform/Keys.h"
 
 namespace lumen {
@@ -54,6 +55,7 @@ Result<void> Platform::start() {
     return Failure{"NAT table: " + open.why()};
   }
   if (const auto fenced = fence_.open(); !fenced) return Failure{"fence: " + fenced.why()};
+  limitClients(nftables_);
   natRules_.endOldFlows();
   interfaces_.start();
   if (auto listening = listener_.listen(lm::socketPath); !listening) return listening;

@@ -1,0 +1,129 @@
+"""One hostile host on the LAN, and another that asks the gateway all the while. scripts/siege
+measures the same for longer."""
+
+import contextlib
+import resource
+import time
+import unittest
+
+from support import attacks
+from support.lan import HTTP_PORT
+from support.network import LAN_ADDRESS
+from support.processes import descriptors
+from support.router_case import RouterCase
+from support.siege import DESCRIPTORS, Siege
+
+MOST = 32  # connections of one address
+# What else the machine does makes a wait longer, so the best of some rounds counts.
+ROUNDS, SECONDS = 4, 3
+# In seconds. Less than a SYN that was dropped costs, and more than a busy machine does.
+LONG = 0.7
+
+
+class KernelTest(RouterCase):
+    def connect(self, host):
+        """A connection that the gateway has accepted, or None when it is refused."""
+        before = len(descriptors(self.gateway))
+        try:
+            client = host.connect(LAN_ADDRESS, HTTP_PORT)
+        except ConnectionRefusedError:
+            return None
+        self.addCleanup(client.close)
+        self.wait_until(lambda: len(descriptors(self.gateway)) > before, "it is accepted")
+        return client
+
+    def setUp(self):
+        super().setUp()
+        self.gateway = self.router.gateway_pid()
+
+    # Promise [connections-of-host]: The kernel refuses a host that has 32 connections to the gateway
+    # already, at once and alone.
+    def test_a_host_with_32_connections_is_refused_another(self):
+        hostile, other = self.lan
+        held = [self.connect(hostile) for _ in range(MOST)]
+        self.assertNotIn(None, held)
+        for _ in range(10):
+            self.assertIsNone(self.connect(hostile))
+        self.assertIsNotNone(self.connect(other))
+        self.assertEqual(other.speak_to().get("/gateway.xml").status, 200)
+        for client in held:
+            client.close()
+        self.wait_until(lambda: self.answers(hostile), "it may connect again")
+
+    # Also proves [connections-of-host].
+    def test_connections_one_after_the_other_are_never_refused(self):
+        host = self.lan[0].speak_to()
+        for _ in range(1000):
+            self.assertEqual(host.get("/logo16.gif").status, 200)
+
+    # Also proves [kernel-gone].
+    def test_the_limit_ends_with_lumend(self):
+        table = ("nft", "list", "table", "ip", "lumen_clients")
+        self.network.router.run(*table)
+        self.router.kill()
+        with self.assertRaises(AssertionError):
+            self.network.router.run(*table)
+
+    @staticmethod
+    def answers(host):
+        with contextlib.suppress(ConnectionRefusedError):
+            return host.speak_to().get("/gateway.xml").status == 200
+
+
+class BystanderTest(RouterCase):
+    """The gateway has as many descriptors as a service usually has."""
+
+    def make_router(self):
+        usual = resource.getrlimit(resource.RLIMIT_NOFILE)
+        resource.setrlimit(resource.RLIMIT_NOFILE, (DESCRIPTORS, usual[1]))
+        try:
+            return super().make_router()
+        finally:
+            resource.setrlimit(resource.RLIMIT_NOFILE, usual)
+
+    def setUp(self):
+        super().setUp()
+        self.siege = Siege(self.router)
+        self.addCleanup(self.siege.close)
+
+    def assert_not_kept_out(self, attack, *arguments, once=0):
+        """In one of the rounds beside the attack the other host always has a proper reply soon,
+        with `once` exceptions in the first round."""
+        seen = []
+        for number in range(ROUNDS):
+            figures = self.siege.measure(SECONDS, attack, *arguments)
+            seen.append(str(figures))
+            long = [wait for wait in figures.waits if wait.seconds > LONG]
+            if figures.lost == 0 and len(long) <= (once if number == 0 else 0):
+                return figures
+        self.fail(f"the other host was kept out in each round: {seen}")
+
+    # Promise: Idle connections of one host delay no other.
+    def test_idle_connections_delay_no_other_host(self):
+        figures = self.assert_not_kept_out(attacks.hold_idle_connections)
+        self.assertLess(figures.descriptors, MOST + 20)
+        self.assertNotIn("accept failed", self.router.log())
+
+    # Promise: Subscribers that take no event delay no other host.
+    def test_subscribers_that_take_no_event_delay_no_other_host(self):
+        figures = self.assert_not_kept_out(attacks.take_no_event, self.siege.events,
+                                           self.siege.change)
+        self.assertLess(figures.descriptors, DESCRIPTORS // 2)
+        self.assertNotIn("accept failed", self.router.log())
+
+    # Promise: Subscriptions by names that no name server answers delay other hosts by a second once.
+    def test_subscriptions_by_silent_names_delay_others_once(self):
+        self.siege.silence_name_servers()
+        before = time.monotonic()
+        self.assert_not_kept_out(attacks.subscribe_by_silent_names, self.siege.events, once=2)
+        self.assertLess(time.monotonic() - before, 3 * SECONDS)
+
+    # Promise: Large requests that do not end take 4 MB of the gateway's memory at most, and delay no
+    # other host.
+    def test_large_requests_take_little_memory_and_delay_no_other_host(self):
+        figures = self.assert_not_kept_out(attacks.hold_large_requests)
+        self.assertLess(figures.memory, 4096)  # KiB
+
+
+if __name__ == "__main__":
+    unittest.main()
