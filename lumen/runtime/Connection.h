@@ -27,8 +27,9 @@ class Connection {
 
   /// Sends `request` to the destination path in it, from handler number `sender`, and waits at most
   /// `limit` for the reply. Whatever else arrives is queued. Fails when there is no reply: not in
-  /// time, or, at once, because the connection has ended. A request that is too long to be sent gets
-  /// an error reply. One that is not answered in time is cancelled unless `late` lets it stand.
+  /// time, or, at once, because the connection has ended. A request that is too long to be sent
+  /// gets an error reply. One that is not answered in time is cancelled unless `late` lets it
+  /// stand.
   [[nodiscard]] lumen::Result<message> call(message request, uint32_t command,
                                             std::chrono::milliseconds limit, uint32_t sender = none,
                                             GivenUp late = GivenUp::undone);

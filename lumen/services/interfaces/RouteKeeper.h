@@ -59,8 +59,8 @@ class RouteKeeper {
   };
   using SavedByName = std::map<std::string, Saved>;
 
-  /// From now on these are to be restored. After a failure nothing has changed, except that an empty
-  /// list always ends the link's record in memory.
+  /// From now on these are to be restored. After a failure nothing has changed, except that an
+  /// empty list always ends the link's record in memory.
   [[nodiscard]] Result<void> save(const std::string& name, std::vector<Route> routes);
   /// The routes of the link are back, or have never left.
   void settle(const std::string& name);

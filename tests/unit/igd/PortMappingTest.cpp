@@ -1,6 +1,10 @@
+#include <chrono>
+
 #include "igd/PortMappingFixture.h"
 
 namespace {
+
+using namespace std::chrono_literals;
 
 using lm::test::addRuleRequest;
 using lm::test::setRuleRequest;

@@ -281,7 +281,7 @@ TEST(Check, SaysWhyThePlatformKnowsNoGateway) {
 // Promise: `upnp check` says when the gateway's service file does not let it send to hosts, as
 // after an upgrade that kept an old file.
 TEST(Check, FindsAServiceFileThatFencesTheGatewayIn) {
-  Observation seen = wellRouter();
+  Observation seen = healthyRouter();
   seen.gatewayFile = file(GatewayFile::State::right);
   EXPECT_EQ(checkGateway(seen), Findings{});
   seen.gatewayFile = file(GatewayFile::State::fenced);

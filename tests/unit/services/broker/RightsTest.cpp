@@ -36,7 +36,7 @@ TEST_F(RightsTest, RefuseOtherUsersAtConnect) {
 // Also proves [rights-admin].
 TEST_F(RightsTest, OfAnAdministratorAreUnlimited) {
   Program service = connectGateway();
-  Program administrator = connect(stranger, {100, administrators});
+  Program administrator = connect(otherUser, {100, administrators});
   EXPECT_EQ(errorOf(administrator, {0}, lm::broker::cmd::services), "");
   EXPECT_EQ(errorOf(administrator, {0}, lm::broker::cmd::registerServices, services({77})), "");
   EXPECT_EQ(errorOf(administrator, {20, 5}, lm::cmd::list), "");

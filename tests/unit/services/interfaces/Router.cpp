@@ -15,9 +15,8 @@ std::string Router::record(uint32_t id, uint32_t index, const std::string& name,
 
 void Router::starts() {
   addressTable = std::make_unique<AddressTable>(notifier);
-  interfaceTable =
-      std::make_unique<InterfaceTable>(kernel, *addressTable, notifier, keptNames, store_.path(),
-                                       clock);
+  interfaceTable = std::make_unique<InterfaceTable>(kernel, *addressTable, notifier, keptNames,
+                                                    store_.path(), clock);
   interfaceTable->start();
   (void)notified();
 }

@@ -34,19 +34,20 @@ class Listener : public Services::Observer {
 };
 
 std::vector<ServiceDefinition> twoServices() {
-  return {{.name = "resolver",
-           .number = resolver,
-           .executable = "/usr/bin/lumen-resolver",
-           .user = 201,
-           .group = 201,
-           .stores = {}},
-          {.name = "upnp",
-           .number = gateway,
-           .executable = "/usr/bin/palinode-igd",
-           .user = 200,
-           .group = 300,
-           .boot = true,
-           .stores = {}}};
+  ServiceDefinition names;
+  names.name = "resolver";
+  names.number = resolver;
+  names.executable = "/usr/bin/lumen-resolver";
+  names.user = 201;
+  names.group = 201;
+  ServiceDefinition upnp;
+  upnp.name = "upnp";
+  upnp.number = gateway;
+  upnp.executable = "/usr/bin/palinode-igd";
+  upnp.user = 200;
+  upnp.group = 300;
+  upnp.boot = true;
+  return {names, upnp};
 }
 
 class SupervisorTest : public testing::Test {

@@ -197,7 +197,7 @@ TEST_F(LinuxProcessesTest, BoundsWhatAProcessCanUse) {
   const lm::Fd keptError(dup(STDERR_FILENO));
   dup2(writing.get(), STDOUT_FILENO);
   dup2(writing.get(), STDERR_FILENO);
-  const std::optional<pid_t> pid = processes.start(program(SERVICE_PROBE));
+  const Result<pid_t> pid = processes.start(program(SERVICE_PROBE));
   dup2(keptOutput.get(), STDOUT_FILENO);
   dup2(keptError.get(), STDERR_FILENO);
   writing.reset();
@@ -230,7 +230,7 @@ TEST_F(LinuxProcessesTest, LetsALogThatIsAFileGrow) {
 TEST_F(LinuxProcessesTest, StartsTwoServicesThatShareAUser) {
   ASSERT_TRUE(start(SERVICE_PROBE) && isReady()) << output();
   Program other = program("/bin/true");
-  other.lockFile = folder_ + "/other.lock";
+  other.lockFile = folder_.file("other.lock");
   ASSERT_TRUE(processes.start(other) && hasEnded());
   EXPECT_EQ(endedStatus, 0);
 }
