@@ -36,8 +36,8 @@ class KernelTest(RouterCase):
         super().setUp()
         self.gateway = self.router.gateway_pid()
 
-    # Promise [connections-of-host]: The kernel refuses a host that has 32 connections to the gateway
-    # already, at once and alone.
+    # Promise [connections-of-host]: The kernel refuses a host that has 32 connections to the
+    # gateway already, at once and alone.
     def test_a_host_with_32_connections_is_refused_another(self):
         hostile, other = self.lan
         held = [self.connect(hostile) for _ in range(MOST)]
@@ -86,15 +86,16 @@ class BystanderTest(RouterCase):
         self.siege = Siege(self.router)
         self.addCleanup(self.siege.close)
 
-    def assert_not_kept_out(self, attack, *arguments, once=0):
-        """In one of the rounds beside the attack the other host always has a proper reply soon,
-        with `once` exceptions in the first round."""
+    def assert_not_kept_out(self, attack, *arguments, settle=4, once=0):
+        """In one of the rounds beside the attack, which has settled, the other host always has a
+        proper reply soon, with `once` exceptions of about a second in the first round."""
         seen = []
         for number in range(ROUNDS):
-            figures = self.siege.measure(SECONDS, attack, *arguments)
+            figures = self.siege.measure(SECONDS, attack, *arguments, settle=settle)
             seen.append(str(figures))
-            long = [wait for wait in figures.waits if wait.seconds > LONG]
-            if figures.lost == 0 and len(long) <= (once if number == 0 else 0):
+            long = [wait.seconds for wait in figures.waits if wait.seconds > LONG]
+            allowed = once if number == 0 else 0
+            if figures.lost == 0 and len(long) <= allowed and max(long, default=0) < 1.6:
                 return figures
         self.fail(f"the other host was kept out in each round: {seen}")
 
@@ -111,15 +112,17 @@ class BystanderTest(RouterCase):
         self.assertLess(figures.descriptors, DESCRIPTORS // 2)
         self.assertNotIn("accept failed", self.router.log())
 
-    # Promise: Subscriptions by names that no name server answers delay other hosts by a second once.
+    # Promise: Subscriptions by names that no name server answers delay other hosts by a second
+    # once.
     def test_subscriptions_by_silent_names_delay_others_once(self):
         self.siege.silence_name_servers()
         before = time.monotonic()
-        self.assert_not_kept_out(attacks.subscribe_by_silent_names, self.siege.events, once=2)
+        self.assert_not_kept_out(attacks.subscribe_by_silent_names, self.siege.events,
+                                 settle=0, once=2)
         self.assertLess(time.monotonic() - before, 3 * SECONDS)
 
-    # Promise: Large requests that do not end take 4 MB of the gateway's memory at most, and delay no
-    # other host.
+    # Promise: Large requests that do not end take 4 MB of the gateway's memory at most, and delay
+    # no other host.
     def test_large_requests_take_little_memory_and_delay_no_other_host(self):
         figures = self.assert_not_kept_out(attacks.hold_large_requests)
         self.assertLess(figures.memory, 4096)  # KiB

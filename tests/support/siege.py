@@ -29,21 +29,27 @@ class Siege(contextlib.ExitStack):
         self.events = self.hostile.connection_events()
         self.gateway = router.gateway_pid()
 
-    def measure(self, seconds, attack=None, *arguments):
-        """Lets the other host ask beside the attack for so long."""
+    def measure(self, seconds, attack=None, *arguments, settle=0):
+        """Lets the other host ask beside the attack for so long, from `settle` seconds after its
+        beginning on."""
         figures = Figures()
         before = self._resident()
-        with attacks.Bystander(self.other, self.control) as bystander, contextlib.ExitStack() as end:
+        with contextlib.ExitStack() as attacking:
             if attack:
-                end.enter_context(attacks.Worker(self.hostile, attack, *arguments))
-            limit = time.monotonic() + seconds
-            while time.monotonic() < limit:
-                figures.note(len(os.listdir(self._of_gateway("fd"))), self._resident() - before,
-                             self._unread())
-                time.sleep(0.05)
-            end.close()
-            figures.waits = bystander.waits()
+                attacking.enter_context(attacks.Worker(self.hostile, attack, *arguments))
+            self._watch(figures, before, settle)
+            with attacks.Bystander(self.other, self.control) as bystander:
+                self._watch(figures, before, seconds)
+                attacking.close()
+                figures.waits = bystander.waits()
         return figures
+
+    def _watch(self, figures, before, seconds):
+        end = time.monotonic() + seconds
+        while time.monotonic() < end:
+            figures.note(len(os.listdir(self._of_gateway("fd"))), self._resident() - before,
+                         self._unread())
+            time.sleep(0.05)
 
     def change(self, number):
         """The request that opens a port, or closes it again for every other number."""
@@ -82,8 +88,9 @@ class Siege(contextlib.ExitStack):
 
 
 class Figures:
-    HEAD = (" requests   median      99%    worst  > 50 ms   lost  descriptors   memory  unread     for",
-            "                ms       ms       ms                                  KiB     KiB       s")
+    HEAD = (
+        " requests   median      99%    worst  > 50 ms   lost  descriptors   memory  unread     for",
+        "                ms       ms       ms                                  KiB     KiB       s")
 
     def __init__(self):
         self.waits = []
