@@ -40,6 +40,8 @@ include(CheckCXXCompilerFlag)
 add_compile_options(-fPIE -fstack-protector-strong)
 add_link_options(-pie LINKER:-z,relro LINKER:-z,now)
 add_compile_definitions(_GLIBCXX_ASSERTIONS)
+# clang takes what its target does not know, with a warning.
+set(CMAKE_REQUIRED_FLAGS -Werror)
 foreach(flag -fcf-protection -mbranch-protection=standard -fstack-clash-protection)
   string(MAKE_C_IDENTIFIER "PALINODE_HAS${flag}" known)
   check_cxx_compiler_flag(${flag} ${known})
@@ -47,6 +49,7 @@ foreach(flag -fcf-protection -mbranch-protection=standard -fstack-clash-protecti
     add_compile_options(${flag})
   endif()
 endforeach()
+unset(CMAKE_REQUIRED_FLAGS)
 
 add_library(palinode_warnings INTERFACE)
 target_compile_options(palinode_warnings INTERFACE
