@@ -1,8 +1,10 @@
+#include <ares.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/keyctl.h>
 #include <linux/landlock.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sched.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
@@ -36,6 +38,31 @@ using Work = std::function<void()>;
 void confineResolver() {
   const std::string configuration = "/etc/resolv.conf";
   lumen::confineResolver({&configuration, 1});
+}
+
+/// Asks a port at which no name server listens, until the library gives up.
+void askANameServer() {
+  ares_options options = {};
+  ares_channel channel = nullptr;
+  if (ares_init_options(&channel, &options, 0) != ARES_SUCCESS) _exit(1);
+  if (ares_set_servers_ports_csv(channel, "127.0.0.1:9") != ARES_SUCCESS) _exit(2);
+  bool answered = false;
+  ares_addrinfo_hints hints = {};
+  hints.ai_family = AF_INET;
+  hints.ai_flags = ARES_AI_NOSORT;
+  const auto answer = [](void* done, int, int, ares_addrinfo* found) {
+    *static_cast<bool*>(done) = true;
+    ares_freeaddrinfo(found);
+  };
+  ares_getaddrinfo(channel, "nowhere.lan", nullptr, &hints, answer, &answered);
+  while (!answered) {
+    ares_socket_t socket = ARES_SOCKET_BAD;
+    const bool any = (ares_getsock(channel, &socket, 1) & 1) != 0;
+    pollfd ready = {any ? socket : -1, POLLIN, 0};
+    poll(&ready, 1, 100);
+    ares_process_fd(channel, ready.revents != 0 ? socket : ARES_SOCKET_BAD, ARES_SOCKET_BAD);
+  }
+  ares_destroy(channel);
 }
 
 /// How a process ended, and what it printed.
@@ -171,6 +198,10 @@ TEST_F(ConfinementTest, LetsAResolverTrySocketsThatItCannotHave) {
     if (socket(AF_INET6, SOCK_DGRAM, 0) >= 0 || errno != EAFNOSUPPORT) _exit(1);
   });
 }
+
+// Promise: A confined resolver can ask a name server, whatever its library's version needs for
+// that.
+TEST_F(ConfinementTest, LetsAResolverAsk) { expectAllowed(confineResolver, askANameServer); }
 
 // Promise: lumend can start programs, and ends with the name of the call in its log when it traces
 // another process, mounts, enters a namespace, or uses what else no platform needs.
