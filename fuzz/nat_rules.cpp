@@ -11,6 +11,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "fuzz/ForwardsMap.h"
 #include "fuzz/Fuzz.h"
@@ -18,6 +19,7 @@
 #include "lumen/runtime/EventLoop.h"
 #include "lumen/runtime/Fields.h"
 #include "lumen/services/nat/NatRules.h"
+#include "lumen/services/nat/PortLog.h"
 #include "platform/Keys.h"
 #include "platform/wire/NatRules.h"
 #include "services/nat/FakeKernel.h"
@@ -126,6 +128,33 @@ void spoil(lm::message& request, std::string_view encoded) {
   for (const lm::Field& field : fields->fields()) request.fields().set(field.key, field.value);
 }
 
+lumen::RuleKey keyOf(const lm::nat::Rule& rule) {
+  return {.external = {.address = lumen::Ipv4Address::fromBytes(rule.address),
+                       .port = static_cast<uint16_t>(rule.port)},
+          .protocol = static_cast<uint8_t>(rule.protocol)};
+}
+
+/// Which ports are open, or would be if they were enabled, by what the record of events says.
+class Record : public lumen::Notifier {
+ public:
+  void notify(uint32_t /*command*/, const std::vector<uint32_t>& /*source*/,
+              const lm::message& fields) override {
+    for (const lm::message& m : fields.get_message_array_ref(lm::key::records)) {
+      const lm::nat::LogRecord event = lm::nat::readLogRecord(m);
+      const lumen::RuleKey rule = keyOf(
+          lm::nat::Rule{.address = event.address, .port = event.port, .protocol = event.protocol});
+      require(event.reason.size() <= lumen::PortLog::longestReason, "a reason is short");
+      if (event.event == static_cast<uint32_t>(lm::nat::Event::opened)) open_.insert(rule);
+      if (event.event == static_cast<uint32_t>(lm::nat::Event::closed)) open_.erase(rule);
+    }
+  }
+
+  [[nodiscard]] const std::set<lumen::RuleKey>& open() const { return open_; }
+
+ private:
+  std::set<lumen::RuleKey> open_;
+};
+
 /// The table on a kernel, flows and a clock that are ours.
 class Router {
  public:
@@ -162,15 +191,17 @@ class Router {
     std::map<std::string, std::string> open;
     std::map<lumen::Ipv4Address, uint32_t> ofClient;
     std::set<lumen::RuleKey> keys;
+    std::set<lumen::RuleKey> notClosed;
     uint32_t count = 0;
     lm::message request;
     do {
       const lm::message page = rules_.handle(administrator, lm::cmd::list, request);
       for (const lm::message& record : page.get_message_array_ref(lm::key::records)) {
-        const lumen::RuleKey rule = keyOf(record);
+        const lumen::RuleKey rule = keyOf(lm::nat::readRule(record));
         const lumen::Endpoint client = clientOf(record);
         ++count;
         require(keys.insert(rule).second, "no port is open twice");
+        if (!record.get_bool(key::closed)) notClosed.insert(rule);
         require(++ofClient[client.address] <= policies_.policy().maxRulesPerClient,
                 "a client has no more rules than the policy allows");
         require(policies_.policy().allows(rule, client, networks_, networks_).ok(),
@@ -188,6 +219,7 @@ class Router {
       require(listed != open.end() && listed->second == element.client,
               "what is open in the kernel is listed");
     }
+    require(notClosed == record_.open(), "the record of events says the same");
     require(open.size() == kernel_.elements().size(), "what is listed is open in the kernel");
   }
 
@@ -203,12 +235,6 @@ class Router {
     return request;
   }
 
-  static lumen::RuleKey keyOf(const lm::message& record) {
-    const lm::nat::Rule rule = lm::nat::readRule(record);
-    return {.external = {.address = lumen::Ipv4Address::fromBytes(rule.address),
-                         .port = static_cast<uint16_t>(rule.port)},
-            .protocol = static_cast<uint8_t>(rule.protocol)};
-  }
   static lumen::Endpoint clientOf(const lm::message& record) {
     const lm::nat::Rule rule = lm::nat::readRule(record);
     return {.address = lumen::Ipv4Address::fromBytes(rule.client),
@@ -253,7 +279,10 @@ class Router {
   lumen::test::FakeListeners listeners_;
   lumen::NatMap map_{kernel_};
   lumen::FlowMarks marks_{nowhere};  // which are not kept
-  lumen::NatRules rules_{map_, flows_, marks_, networks_, networks_, listeners_, policies_, clock_};
+  Record record_;
+  lumen::PortLog log_{record_};
+  lumen::NatRules rules_{map_,       flows_,    marks_, networks_, networks_,
+                         listeners_, policies_, log_,   clock_};
 };
 
 }  // namespace

@@ -19,6 +19,7 @@ void addCheckCommand(CLI::App& upnp, Session& session);
 void addInterfaceCommands(CLI::App& app, Session& session);
 void addAddressCommands(CLI::App& app, Session& session);
 void addNatCommands(CLI::App& app, Session& session);
+void addPortLogCommand(CLI::App& nat, Session& session);
 void addServiceCommands(CLI::App& app, Session& session);
 void addHistoryCommands(CLI::App& app, Session& session);
 void addMonitorCommand(CLI::App& app, Session& session);

@@ -16,6 +16,7 @@ struct Caller {
   uint32_t service = 0;        ///< its service number: registered, or that of its user; 0: none
   std::string name;            ///< that service's name; empty: none
   bool administrator = false;  ///< root or a member of the group lumen
+  uint32_t user = 0;           ///< of its process
 };
 
 /// A handler of a service that lives in this process. It checks the caller's rights itself, since
@@ -34,6 +35,9 @@ class LocalHandler {
   /// Afterwards the caller sees what it saw before the change; what others have changed meanwhile
   /// stays where that is possible.
   [[nodiscard]] std::function<void()> takeUndo() { return std::exchange(undo_, nullptr); }
+
+  /// Whether only administrators may subscribe to its notifications.
+  [[nodiscard]] virtual bool isPrivate() const { return false; }
 
   /// The connection has ended, for whatever reason: removes what depends on it.
   virtual void connectionEnded(uint64_t connection) { (void)connection; }

@@ -37,8 +37,9 @@ Platform::Platform(const lm::EventLoop& loop, Processes& processes,
       natMap_(nftables_),
       flowMarks_(path::flowMarks),
       policies_(path::natPolicy, path::store("nat")),
+      portLog_(broker_),
       natRules_(natMap_, flows_, flowMarks_, addresses_, interfaces_, listeners_, policies_,
-                loop.clock()),
+                portLog_, loop.clock()),
       listener_(broker_) {
   supervisor_.setObserver(broker_);
   supervisor_.listenToRequests(*this);
@@ -47,6 +48,7 @@ Platform::Platform(const lm::EventLoop& loop, Processes& processes,
   broker_.addLocal(lm::service::interfaces, lm::handler::interfaces, interfaces_);
   broker_.addLocal(lm::service::interfaces, lm::handler::addresses, addresses_);
   broker_.addLocal(lm::service::interfaces, lm::handler::natRules, natRules_);
+  broker_.addLocal(lm::service::interfaces, lm::handler::portLog, portLog_);
 }
 
 Result<void> Platform::start() {

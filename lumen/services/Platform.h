@@ -14,6 +14,7 @@
 #include "lumen/services/nat/NatMap.h"
 #include "lumen/services/nat/NatRules.h"
 #include "lumen/services/nat/PolicyBook.h"
+#include "lumen/services/nat/PortLog.h"
 #include "lumen/services/supervisor/ServiceFile.h"
 #include "lumen/services/supervisor/Supervisor.h"
 #include "lumen/services/system/netfilter/LibNftables.h"
@@ -83,6 +84,7 @@ class Platform : private Supervisor::RequestListener {
   FlowMarks flowMarks_;
   PolicyBook policies_;
   SocketListeners listeners_;
+  PortLog portLog_;
   NatRules natRules_;
   Listener listener_;
 };

@@ -52,6 +52,7 @@ namespace handler {
 inline constexpr uint32_t interfaces = 0;
 inline constexpr uint32_t addresses = 1;
 inline constexpr uint32_t natRules = 5;
+inline constexpr uint32_t portLog = 6;
 }  // namespace handler
 
 /// The code of every error reply that a handler makes.

@@ -129,7 +129,7 @@ class CompletionTest(unittest.TestCase):
         self.assertEqual(offered("lumenctl", "--root", "nat", ""), offered("lumenctl", ""))
         self.assertEqual(offered("lumenctl", "nat", "policy", "re"), {"reset", "reload"})
         self.assertEqual(offered("lumenctl", "help", "st"), {"status"})
-        self.assertEqual(offered("lumenctl", "help", "nat", ""), {"list", "close", "policy"})
+        self.assertEqual(offered("lumenctl", "help", "nat", ""), {"list", "close", "log", "policy"})
         roles = {"external", "internal"}
         for command in ("add", "set"):
             self.assertEqual(

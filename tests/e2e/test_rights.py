@@ -45,7 +45,7 @@ class RightsTest(RouterCase):
                 return lm.decode(sock.recv(65536)).error() == "not permitted"
 
         self.assertFalse(as_user(SERVICE_USER, lambda: refused([20, 0], lm.CMD_LIST)))
-        for path, command in (([20, 0], lm.CMD_ADD), ([20, 0], lm.CMD_REMOVE),
+        for path, command in (([20, 0], lm.CMD_ADD), ([20, 0], lm.CMD_REMOVE), ([20, 6], lm.CMD_LIST),
                               ([20, 5], lm.CMD_SET_SETTINGS), ([40, 0], lm.CMD_SET_SETTINGS)):
             with self.subTest(path=path, command=hex(command)):
                 self.assertTrue(as_user(SERVICE_USER, lambda p=path, c=command: refused(p, c)))

@@ -185,6 +185,7 @@ void addNatCommands(CLI::App& app, Session& session) {
   CLI::App* group = app.add_subcommand("nat", "open ports, and the policy for them");
   addExamples(*group, {{"nat list", "the open ports"},
                        {"nat close 8080/tcp", "close one of them"},
+                       {"nat log", "what happened to ports"},
                        {"nat policy", "which ports programs may open"}});
   runWhenBare(*group, [&session] { list(session); });
   CLI::App* listing = group->add_subcommand("list", "show them");
@@ -202,6 +203,7 @@ void addNatCommands(CLI::App& app, Session& session) {
     close(session, *port);
   });
 
+  addPortLogCommand(*group, session);
   addPolicy(*group, session);
 }
 

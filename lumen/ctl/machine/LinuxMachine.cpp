@@ -4,6 +4,7 @@
 #include <linux/ethtool.h>
 #include <linux/sockios.h>
 #include <net/if.h>
+#include <pwd.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -62,6 +63,11 @@ bool LinuxMachine::isBridge(const std::string& link) {
 bool LinuxMachine::carriesMulticast(const std::string& link) {
   ifreq request{};
   return ask(SIOCGIFFLAGS, link, request) && (request.ifr_flags & IFF_MULTICAST) != 0;
+}
+
+std::string LinuxMachine::userName(uint32_t number) {
+  const passwd* const known = getpwuid(number);
+  return known == nullptr ? std::to_string(number) : known->pw_name;
 }
 
 Process LinuxMachine::ownerOf(uint64_t inode) {

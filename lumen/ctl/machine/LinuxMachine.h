@@ -16,6 +16,7 @@ class LinuxMachine : public Machine {
   [[nodiscard]] std::optional<std::string> read(const std::string& path) override;
   [[nodiscard]] bool isBridge(const std::string& link) override;
   [[nodiscard]] bool carriesMulticast(const std::string& link) override;
+  [[nodiscard]] std::string userName(uint32_t number) override;
   [[nodiscard]] Process ownerOf(uint64_t inode) override;
   [[nodiscard]] SocketLinks socketLinks() override;
   [[nodiscard]] std::optional<std::vector<ForwardChain>> forwardChains() override;

@@ -31,6 +31,8 @@ class Machine {
   [[nodiscard]] virtual bool isBridge(const std::string& link) = 0;
   /// Whether the link is marked as one that carries multicast (IFF_MULTICAST).
   [[nodiscard]] virtual bool carriesMulticast(const std::string& link) = 0;
+  /// The name of the user with this number, or the number itself.
+  [[nodiscard]] virtual std::string userName(uint32_t number) = 0;
   /// Who has the socket of this inode open.
   [[nodiscard]] virtual Process ownerOf(uint64_t inode) = 0;
   /// The links that listening IPv4 sockets are bound to; see readSocketLinks().

@@ -21,6 +21,8 @@ const char* routerHandlerName(uint32_t handler) {
       return "addresses";
     case lm::handler::natRules:
       return "nat";
+    case lm::handler::portLog:
+      return "port-log";
     default:
       return nullptr;
   }

@@ -110,6 +110,29 @@ void Router::closeRule(uint32_t id) {
   exchange(natRulesPath, lm::cmd::setObject, std::move(request));
 }
 
+std::vector<PortEvent> Router::portEvents() {
+  return decoded<PortEvent>(table(lm::nat::logPath(), lm::cmd::readAll));
+}
+
+void Router::followPortEvents() {
+  lm::message request;
+  request.insert_u32(lm::broker::key::topicCommand, lm::cmd::changed);
+  request.insert_u32_array(lm::broker::key::topicSource, lm::nat::logPath());
+  exchange(brokerPath, lm::broker::cmd::subscribe, std::move(request));
+}
+
+std::optional<std::vector<PortEvent>> Router::nextPortEvents() {
+  while (true) {
+    const lumen::Result<std::optional<lm::message>> next = client_.notification();
+    if (!next) throw Refused(next.why());
+    if (!*next) return std::nullopt;
+    const lm::message& news = **next;
+    if (news.get_u32(lm::key::command) != lm::cmd::changed) continue;
+    if (news.get_u32_array_ref(lm::key::source) != lm::nat::logPath()) continue;
+    return decoded<PortEvent>(news.get_message_array_ref(lm::key::records));
+  }
+}
+
 NatPolicy Router::policy() { return NatPolicy(exchange(natRulesPath, lm::cmd::get)); }
 
 void Router::changePolicy(const NatPolicyChange& change) {

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "lumen/ctl/router/Client.h"
+#include "lumen/ctl/router/PortEvent.h"
 #include "lumen/ctl/router/Records.h"
 
 namespace lumenctl {
@@ -32,6 +33,12 @@ class Router {
   // Open ports.
   [[nodiscard]] std::vector<NatRule> rules();
   void closeRule(uint32_t id);
+  /// What happened to ports, the oldest first.
+  [[nodiscard]] std::vector<PortEvent> portEvents();
+  /// From now on nextPortEvents() has each new event.
+  void followPortEvents();
+  /// Waits for the next ones. None when Client::notification gives none.
+  [[nodiscard]] std::optional<std::vector<PortEvent>> nextPortEvents();
   [[nodiscard]] NatPolicy policy();
   void changePolicy(const NatPolicyChange& change);
 

@@ -244,9 +244,13 @@ lm::message Broker::subscribe(Connection& from, const lm::message& request) {
   if (!from.rights().mayAsk()) return lm::refusal(notPermitted);
   if (!has(request, lm::broker::key::topicCommand) || source.empty())
     return lm::refusal("no command or path");
+  const Path path = Path::of(source);
+  const auto handler = locals_.find({path.service, path.handler});
+  const bool isPrivate = handler != locals_.end() && handler->second->isPrivate();
+  if (isPrivate && !from.rights().administrator()) return lm::refusal(notPermitted);
   if (from.subscriptions >= maxSubscriptions) return lm::refusal("too many subscriptions");
   const uint32_t command = request.get_u32(lm::broker::key::topicCommand);
-  if (subscriptions_.add(from.number(), command, Path::of(source))) ++from.subscriptions;
+  if (subscriptions_.add(from.number(), command, path)) ++from.subscriptions;
   return {};
 }
 
@@ -283,6 +287,7 @@ void Broker::handleLocal(Connection& from, Path to, const lm::message& request) 
   caller.service = serviceOf(from);
   caller.name = services_.nameOf(caller.service);
   caller.administrator = from.rights().administrator();
+  caller.user = from.peer().user;
   lm::message reply = handler->second->handle(caller, request.get_u32(lm::key::command), request);
   from.undo = handler->second->takeUndo();
   answer(to.service, asking, std::move(reply));

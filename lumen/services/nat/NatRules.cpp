@@ -15,6 +15,34 @@ namespace lumen {
 
 namespace {
 
+using lm::nat::Event;
+
+constexpr std::string_view givenUp = "the request was given up";
+
+PortLog::Author authorOf(const Caller& caller) {
+  return {.name = caller.name.empty() ? "administrator" : caller.name, .user = caller.user};
+}
+
+/// As much of the rule as the add request says, for the record.
+Rule outlineOf(const lm::message& request) {
+  const lm::nat::Rule wire = lm::nat::readRule(request);
+  const auto port = [](uint32_t number) {
+    return static_cast<uint16_t>(number <= UINT16_MAX ? number : 0);
+  };
+  Rule rule;
+  rule.key = {
+      .external = {.address = Ipv4Address::fromBytes(wire.address), .port = port(wire.port)},
+      .protocol = static_cast<uint8_t>(wire.protocol <= UINT8_MAX ? wire.protocol : 0)};
+  rule.client = {.address = Ipv4Address::fromBytes(wire.client), .port = port(wire.clientPort)};
+  return rule;
+}
+
+/// What a change of a rule has done to it; empty: nothing.
+std::string describeChange(const Rule& before, const Rule& after) {
+  if (after.disabled != before.disabled) return after.disabled ? "disabled" : "enabled";
+  return before.client == after.client ? "" : "was to " + before.client.text();
+}
+
 /// Logs that the kernel refused to do `what`; returns what its requester is told.
 Failure kernelRefusal(const std::string& what, const RuleKey& key, const Failure& failure) {
   lm::logLine("nat ", what, " failed: ", keyText(key), ": ", failure.text);
@@ -25,24 +53,23 @@ Failure kernelRefusal(const std::string& what, const RuleKey& key, const Failure
 
 NatRules::NatRules(NatMap& map, Flows& flows, const FlowMarks& marks, const LocalNetworks& networks,
                    const KnownInterfaces& interfaces, Listeners& listeners, PolicyBook& policies,
-                   const lm::Clock& clock)
+                   PortLog& log, const lm::Clock& clock)
     : map_(map),
       flows_(flows),
       networks_(networks),
       interfaces_(interfaces),
       listeners_(listeners),
       policies_(policies),
+      log_(log),
       clock_(clock),
       cleaner_(flows, *this, marks, clock) {}
 
 lm::message NatRules::handle(const Caller& caller, uint32_t command, const lm::message& request) {
   switch (command) {
     case lm::cmd::addObject:
-      return add(caller, request);
     case lm::cmd::setObject:
-      return set(caller, request);
     case lm::cmd::removeObject:
-      return remove(caller, request);
+      return change(caller, command, request);
     case lm::cmd::list:
     case lm::cmd::readAll:
     case lm::cmd::readObject:
@@ -73,11 +100,27 @@ void NatRules::connectionEnded(uint64_t connection) {
     auto next = std::next(it);
     if (it->second.connection == connection) {
       if (it->second.inKernel()) inKernel.push_back(it->second.key);
+      note(Event::closed, it->second, "the program that had it ended");
       erase(it);
     }
     it = next;
   }
   removeFromKernel(inKernel);
+}
+
+lm::message NatRules::change(const Caller& caller, uint32_t command, const lm::message& request) {
+  Rule about = outlineOf(request);
+  if (command != lm::cmd::addObject) {
+    const auto known = rules_.find(request.get_u32(lm::key::objectId));
+    about = known == rules_.end() ? Rule() : known->second;
+  }
+  lm::message reply = command == lm::cmd::addObject   ? add(caller, request)
+                      : command == lm::cmd::setObject ? set(caller, request)
+                                                      : remove(caller, request);
+  if (lm::isError(reply)) {
+    note(Event::refused, authorOf(caller), about, lm::getError(reply));
+  }
+  return reply;
 }
 
 lm::message NatRules::add(const Caller& caller, const lm::message& request) {
@@ -86,7 +129,8 @@ lm::message NatRules::add(const Caller& caller, const lm::message& request) {
   if (const auto allowed = checkAdd(*rule); !allowed) return lm::refusal(allowed.failure());
 
   rule->connection = caller.connection;
-  rule->owner = caller.name.empty() ? "administrator" : caller.name;
+  rule->owner = authorOf(caller).name;
+  rule->user = caller.user;
   rule->addedAt = clock_.now();
   if (rule->inKernel()) {
     const auto added = addToKernel(*rule);
@@ -94,6 +138,7 @@ lm::message NatRules::add(const Caller& caller, const lm::message& request) {
   }
   uint32_t id = nextId();
   insert(id, *rule);
+  note(Event::opened, *rule, rule->disabled ? "disabled" : "");
   everAdded_[caller.connection].add(id);
   undoWith([this, id] { undoAdd(id); });
   lm::message reply;
@@ -102,7 +147,10 @@ lm::message NatRules::add(const Caller& caller, const lm::message& request) {
 }
 
 void NatRules::undoAdd(uint32_t id) {
-  if (auto it = rules_.find(id); it != rules_.end()) (void)drop(it);
+  auto it = rules_.find(id);
+  if (it == rules_.end()) return;
+  const Rule added = it->second;
+  if (drop(it)) note(Event::closed, added, givenUp);
 }
 
 lm::message NatRules::set(const Caller& caller, const lm::message& request) {
@@ -128,6 +176,11 @@ lm::message NatRules::set(const Caller& caller, const lm::message& request) {
   const Rule replaced = before;
   if (const auto done = replace(it, after); !done) return lm::refusal(done.failure());
   const bool closing = after.closed && !replaced.closed;
+  if (closing) {
+    note(Event::closed, authorOf(caller), after, "");
+  } else if (const std::string what = describeChange(replaced, after); !what.empty()) {
+    note(Event::changed, authorOf(caller), after, what);
+  }
   undoWith([this, id = request.get_u32(lm::key::objectId), replaced, closing] {
     undoSet(id, replaced, closing);
   });
@@ -145,7 +198,8 @@ void NatRules::undoSet(uint32_t id, const Rule& before, bool closing) {
     after.disabled = before.disabled;
     after.client = before.client;
   }
-  (void)replace(it, after);
+  if (!replace(it, after)) return;
+  note(closing ? Event::opened : Event::changed, after, givenUp);
 }
 
 Result<void> NatRules::replace(Rules::iterator it, Rule after) {
@@ -178,6 +232,7 @@ lm::message NatRules::remove(const Caller& caller, const lm::message& request) {
   }
   const Rule removed = rule;
   if (const auto done = drop(it); !done) return lm::refusal(done.failure());
+  note(Event::closed, authorOf(caller), removed, "");
   undoWith([this, id, removed] { undoRemove(id, removed); });
   return {};
 }
@@ -207,6 +262,7 @@ void NatRules::undoRemove(uint32_t id, const Rule& removed) {
     }
   }
   insert(id, rule);
+  note(Event::opened, rule, givenUp);
 }
 
 lm::message NatRules::list(const Caller& caller, const lm::message& request) {
@@ -325,6 +381,15 @@ void NatRules::removeFromKernel(const std::vector<RuleKey>& keys) {
 
 void NatRules::flowsMayDiffer(const RuleKey& key) {
   if (key.protocol == IPPROTO_UDP) cleaner_.changed(key.external);
+}
+
+void NatRules::note(Event event, const Rule& rule, std::string_view reason) {
+  note(event, {.name = rule.owner, .user = rule.user}, rule, reason);
+}
+
+void NatRules::note(Event event, const PortLog::Author& author, const Rule& rule,
+                    std::string_view reason) {
+  log_.add(event, author, rule.key, rule.client, reason);
 }
 
 void NatRules::insert(uint32_t id, const Rule& rule) {

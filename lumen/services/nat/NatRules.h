@@ -4,6 +4,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "lumen/runtime/Clock.h"
 #include "lumen/services/LocalHandler.h"
@@ -12,6 +13,7 @@
 #include "lumen/services/nat/LocalNetworks.h"
 #include "lumen/services/nat/NatMap.h"
 #include "lumen/services/nat/PolicyBook.h"
+#include "lumen/services/nat/PortLog.h"
 #include "lumen/services/nat/Rule.h"
 #include "lumen/services/nat/RuleMessage.h"
 #include "lumen/services/system/netlink/Listeners.h"
@@ -29,7 +31,7 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts {
   /// All must outlive this; `policies` is loaded and `map` open.
   NatRules(NatMap& map, Flows& flows, const FlowMarks& marks, const LocalNetworks& networks,
            const KnownInterfaces& interfaces, Listeners& listeners, PolicyBook& policies,
-           const lm::Clock& clock);
+           PortLog& log, const lm::Clock& clock);
   NatRules(const NatRules&) = delete;
   NatRules& operator=(const NatRules&) = delete;
 
@@ -59,6 +61,9 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts {
     Counts counts;
   };
 
+  /// Carries out an add, set or remove request, and records it when it is refused.
+  [[nodiscard]] lm::message change(const Caller& caller, uint32_t command,
+                                   const lm::message& request);
   [[nodiscard]] lm::message add(const Caller& caller, const lm::message& request);
   [[nodiscard]] lm::message set(const Caller& caller, const lm::message& request);
   [[nodiscard]] lm::message remove(const Caller& caller, const lm::message& request);
@@ -89,6 +94,11 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts {
   void removeFromKernel(const std::vector<RuleKey>& keys);
   void flowsMayDiffer(const RuleKey& key);
 
+  /// Records what was done to the rule, by its owner unless another `author` is given.
+  void note(lm::nat::Event event, const Rule& rule, std::string_view reason);
+  void note(lm::nat::Event event, const PortLog::Author& author, const Rule& rule,
+            std::string_view reason);
+
   void insert(uint32_t id, const Rule& rule);
   void erase(Rules::iterator it);
   [[nodiscard]] uint32_t nextId();
@@ -103,6 +113,7 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts {
   const KnownInterfaces& interfaces_;
   Listeners& listeners_;
   PolicyBook& policies_;
+  PortLog& log_;
   const lm::Clock& clock_;
 
   Rules rules_;                                  // by id

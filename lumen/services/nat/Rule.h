@@ -26,6 +26,7 @@ struct Rule {
   bool closed = false;      ///< by the administrator, permanently
   uint64_t connection = 0;  ///< of its owner
   std::string owner;        ///< service name
+  uint32_t user = 0;        ///< of the owner's process
   lm::Clock::Time addedAt;
   /// Connections counted before the rule last left the kernel; none: unknown.
   std::optional<uint64_t> earlierUses = 0;

@@ -18,6 +18,10 @@
 /// and no other field: the rule leaves the kernel but stays listed until its owner removes it.
 /// Closing cannot be undone. The list gives the port and protocol of each rule; with two external
 /// addresses, one port and protocol can have two rules, each with its own id.
+///
+/// What happened to ports is recorded at handler [20, 6], for administrators only: list (paged,
+/// also as readAll) gives the events in the order in which they happened, and lm::cmd::changed
+/// notifies each new one as the record of lm::key::records.
 namespace lm::nat {
 
 namespace key {
@@ -60,13 +64,27 @@ inline constexpr uint32_t reset = 0x00010034;
 inline constexpr uint32_t reload = 0x00010035;
 inline constexpr uint32_t routerPorts = 0x20010036;    ///< string, as in the policy file
 inline constexpr uint32_t internalPorts = 0x20010037;  ///< string, as in the policy file
+
+// An event, beside fields of a rule: protocol, addressFirst, portFirst, clientFirst,
+// clientPortFirst and owner.
+inline constexpr uint32_t event = 0x08010040;  ///< u32: a value of Event
+inline constexpr uint32_t time = 0x10010041;   ///< u64: milliseconds since 1970
+inline constexpr uint32_t user = 0x08010042;   ///< u32: the user whose program asked for it
+inline constexpr uint32_t reason =
+    0x20010043;  ///< string: why; absent when there is nothing to say
 }  // namespace key
+
+/// What happened to a port.
+enum class Event : uint32_t { opened = 1, changed = 2, closed = 3, refused = 4 };
 
 /// The action of every rule: translate the destination.
 inline constexpr uint32_t actionDnat = 22;
 
 /// The chain of every rule.
 inline constexpr const char* chainDstnat = "dstnat";
+
+/// The path of the record of events.
+inline std::vector<uint32_t> logPath() { return {service::interfaces, handler::portLog}; }
 
 /// The path of the table.
 inline std::vector<uint32_t> path() { return {service::interfaces, handler::natRules}; }
@@ -156,6 +174,52 @@ inline Record readRecord(const message& m) {
           .stale = m.get_bool(key::stale),
           .closed = m.get_bool(key::closed),
           .uses = numberIfPresent(key::uses)};
+}
+
+/// An event of the record. Of a request that says no valid rule, ports and protocol may be 0.
+struct LogRecord {
+  uint32_t id = 0;  ///< rises
+  uint32_t event = 0;
+  uint64_t time = 0;    ///< milliseconds since 1970
+  std::string owner{};  ///< the service that asked, or "administrator"
+  uint32_t user = 0;    ///< of its process
+  uint32_t protocol = 0;
+  uint32_t address = 0;  ///< external; addresses are in network byte order
+  uint32_t port = 0;     ///< external
+  uint32_t client = 0;
+  uint32_t clientPort = 0;
+  std::string reason{};
+
+  bool operator==(const LogRecord&) const = default;
+};
+
+inline void write(message& m, const LogRecord& record) {
+  m.insert_u32(lm::key::objectId, record.id);
+  m.insert_u32(key::event, record.event);
+  m.insert_u64(key::time, record.time);
+  m.insert_string(key::owner, record.owner);
+  m.insert_u32(key::user, record.user);
+  m.insert_u32(key::protocol, record.protocol);
+  m.insert_be32(key::addressFirst, record.address);
+  m.insert_u32(key::portFirst, record.port);
+  m.insert_be32(key::clientFirst, record.client);
+  m.insert_u32(key::clientPortFirst, record.clientPort);
+  if (!record.reason.empty()) m.insert_string(key::reason, record.reason);
+}
+
+/// A field that is absent is 0 or empty.
+inline LogRecord readLogRecord(const message& m) {
+  return {.id = m.get_u32(lm::key::objectId),
+          .event = m.get_u32(key::event),
+          .time = m.get_u64(key::time),
+          .owner = m.get_string(key::owner),
+          .user = m.get_u32(key::user),
+          .protocol = m.get_u32(key::protocol),
+          .address = m.get_be32(key::addressFirst),
+          .port = m.get_u32(key::portFirst),
+          .client = m.get_be32(key::clientFirst),
+          .clientPort = m.get_u32(key::clientPortFirst),
+          .reason = m.get_string(key::reason)};
 }
 
 }  // namespace lm::nat

@@ -25,6 +25,7 @@ struct FakeMachine : Machine {
   }
   bool isBridge(const std::string& link) override { return bridges.count(link) != 0; }
   bool carriesMulticast(const std::string& link) override { return unicastOnly.count(link) == 0; }
+  std::string userName(uint32_t number) override { return "user" + std::to_string(number); }
   Process ownerOf(uint64_t inode) override {
     const auto it = owners.find(inode);
     return it == owners.end() ? Process{} : it->second;

@@ -185,6 +185,17 @@ uint32_t FakePlatform::wasChanged(const std::string& text, uint32_t undoCommand,
   return record.get_u32(lm::key::objectId);
 }
 
+void FakePlatform::hadPortEvent(const lm::nat::LogRecord& event, bool later) {
+  lm::message record;
+  lm::nat::write(record, event);
+  if (!later) return portEvents_.push_back(record);
+  lm::message news;
+  news.insert_u32(lm::key::command, lm::cmd::changed);
+  news.insert_u32_array(lm::key::source, {20, 6});
+  news.insert_message_array(lm::key::records, {record});
+  shown_.push_back(std::move(news));
+}
+
 void FakePlatform::passes(uint32_t from, uint32_t to, lm::message m, bool cut) {
   lm::message shown;
   shown.insert_u32(lm::key::command, lm::broker::cmd::monitor);
@@ -242,6 +253,7 @@ lumen::Result<lm::message> FakePlatform::answer(const Path& destination, uint32_
     return reply;
   }
   if (destination == Path{0} && command == lm::broker::cmd::monitor) return reply;
+  if (destination == Path{0} && command == lm::broker::cmd::subscribe) return reply;
   if (destination == Path{65} && command == lm::cmd::get) {
     reply.insert_string(1, "0c5e9a51");
     return reply;
@@ -264,6 +276,7 @@ lumen::Result<lm::message> FakePlatform::answer(const Path& destination, uint32_
     if (command == lm::cmd::get) return policy_;
     return changeTable(rules_, command, request);
   }
+  if (destination == Path{20, 6} && command == lm::cmd::readAll) return page(portEvents_, request);
   if (destination == Path{66}) {
     if (command == lm::cmd::readAll) return page(history_, request);
     return changeTable(history_, command, request);

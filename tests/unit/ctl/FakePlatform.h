@@ -13,6 +13,7 @@
 #include "ctl/FakeMachine.h"
 #include "lumen/ctl/router/Client.h"
 #include "platform/message.h"
+#include "platform/wire/NatRules.h"
 
 namespace lumenctl {
 
@@ -46,6 +47,8 @@ class FakePlatform {
   /// A change that the gateway's handler 0 made, and the command that undoes it. Returns its
   /// id.
   uint32_t wasChanged(const std::string& text, uint32_t undoCommand, lm::message undo);
+  /// Something happened to a port; with `later` only while that is followed.
+  void hadPortEvent(const lm::nat::LogRecord& event, bool later = false);
   /// While it is monitored, `m` passes from one number to another.
   void passes(uint32_t from, uint32_t to, lm::message m, bool cut = false);
   /// The platform ends after that; otherwise the user asks lumenctl to end.
@@ -100,6 +103,7 @@ class FakePlatform {
   std::vector<lm::message> services_;
   std::vector<lm::message> objects_;
   std::vector<lm::message> history_;
+  std::vector<lm::message> portEvents_;
   std::deque<lm::message> shown_;
   bool ends_ = false;
   lm::message settings_;

@@ -105,6 +105,15 @@ TEST(WireNumbers, OfThePolicy) {
   EXPECT_EQ(lm::nat::key::reload, 0x00010035U);
   EXPECT_EQ(lm::nat::key::routerPorts, 0x20010036U);
   EXPECT_EQ(lm::nat::key::internalPorts, 0x20010037U);
+  EXPECT_EQ(lm::nat::key::event, 0x08010040U);
+  EXPECT_EQ(lm::nat::key::time, 0x10010041U);
+  EXPECT_EQ(lm::nat::key::user, 0x08010042U);
+  EXPECT_EQ(lm::nat::key::reason, 0x20010043U);
+  EXPECT_EQ(static_cast<uint32_t>(lm::nat::Event::opened), 1U);
+  EXPECT_EQ(static_cast<uint32_t>(lm::nat::Event::changed), 2U);
+  EXPECT_EQ(static_cast<uint32_t>(lm::nat::Event::closed), 3U);
+  EXPECT_EQ(static_cast<uint32_t>(lm::nat::Event::refused), 4U);
+  EXPECT_EQ(lm::nat::logPath(), (std::vector<uint32_t>{20, 6}));
 }
 
 // Also proves [numbers].

@@ -94,6 +94,32 @@ TEST(WireRecords, WriteTheFieldsOfAListedRuleInTheirOrder) {
   EXPECT_EQ(keysOf(written(record)), keys);
 }
 
+TEST(WireRecords, ReadAnEventOfAPortAsItWasWritten) {
+  const lm::nat::LogRecord plain = {.id = 1, .event = 1};
+  EXPECT_EQ(lm::nat::readLogRecord(written(plain)), plain);
+  const lm::nat::LogRecord full = {.id = UINT32_MAX,
+                                   .event = 4,
+                                   .time = UINT64_MAX,
+                                   .owner = "administrator",
+                                   .user = 1000,
+                                   .protocol = 17,
+                                   .address = 0x012d2d2d,
+                                   .port = 8080,
+                                   .client = 0x0a58a8c0,
+                                   .clientPort = 80,
+                                   .reason = "why"};
+  EXPECT_EQ(lm::nat::readLogRecord(written(full)), full);
+}
+
+// Promise: The record of an event has its fields in this order, the reason only if there is one.
+TEST(WireRecords, WriteTheFieldsOfAnEventInTheirOrder) {
+  std::vector<uint32_t> keys = {0x08fe0001, 0x08010040, 0x10010041, 0x20010020, 0x08010042,
+                                0x0800000b, 0x08000034, 0x08000009, 0x080003e8, 0x080003ea};
+  EXPECT_EQ(keysOf(written(lm::nat::LogRecord())), keys);
+  keys.push_back(0x20010043);
+  EXPECT_EQ(keysOf(written(lm::nat::LogRecord{.reason = "why"})), keys);
+}
+
 TEST(WireRecords, ReadAnAddressAsItWasWritten) {
   const lm::addresses::Record removed = {
       .id = 3, .interface = 2, .address = 0x012d2d2d, .disabled = false, .removed = true};

@@ -81,6 +81,7 @@ TEST(MessageNames, OfFieldsOfEachService) {
 }
 
 TEST(MessageNames, OfFieldsOfPortsAndTheirPolicy) {
+  expectFields({20, 6}, {{0x08010040, "event"}, {0x08000034, "address-first"}});
   expectFields(natRules, {{0x20000027, "chain"},
                           {0x000001a3, "match-address"},
                           {0x08000034, "address-first"},
@@ -103,6 +104,10 @@ TEST(MessageNames, OfFieldsOfPortsAndTheirPolicy) {
                           {0x10010025, "uses"},
                           {0x00010023, "stale"},
                           {0x00010024, "closed"},
+                          {0x08010040, "event"},
+                          {0x10010041, "time"},
+                          {0x08010042, "user"},
+                          {0x20010043, "reason"},
                           {0x20010030, "external-ports"},
                           {0x20010031, "internal-clients"},
                           {0x20010037, "internal-ports"},

@@ -62,7 +62,9 @@ class NotingHandler : public LocalHandler {
     return reply;
   }
   void connectionEnded(uint64_t connection) override { ended.push_back(connection); }
+  bool isPrivate() const override { return forAdministrators; }
 
+  bool forAdministrators = false;
   lm::message reply;
   std::vector<Caller> callers;
   std::vector<uint32_t> commands;

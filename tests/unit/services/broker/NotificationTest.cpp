@@ -39,6 +39,25 @@ TEST_F(Notifications, GoFromAHandlerOfThisProcessToItsSubscribers) {
   EXPECT_EQ(news.get_u32_array_ref(lm::key::source), (std::vector<uint32_t>{20, 0}));
 }
 
+// Promise: What is for administrators only is not notified to a service.
+TEST_F(Notifications, OfAPrivateHandlerGoToAdministratorsOnly) {
+  rules.forAdministrators = true;
+  Program service = connect(gatewayUser);
+  lm::message topic;
+  topic.insert_u32(lm::broker::key::topicCommand, lm::cmd::changed);
+  topic.insert_u32_array(lm::broker::key::topicSource, {20, 5});
+  service.ask({0}, lm::broker::cmd::subscribe, topic);
+  settle();
+  const auto reply = service.receive();
+  ASSERT_TRUE(reply);
+  EXPECT_EQ(lm::getError(*reply), "not permitted");
+  Program reader = connectAdministrator();
+  subscribe(reader, lm::cmd::changed, {20, 5});
+  broker.notify(lm::cmd::changed, {20, 5}, fields("news"));
+  EXPECT_TRUE(reader.receive());
+  EXPECT_FALSE(service.receive());
+}
+
 // Also proves [broker-notify].
 TEST_F(Notifications, AreSentOnlyForTheirCommandAndPath) {
   Program subscriber = connect(gatewayUser);

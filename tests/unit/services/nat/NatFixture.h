@@ -54,6 +54,20 @@ inline lm::message setRequest(uint32_t id, const char* client, uint32_t clientPo
 
 inline lm::message idOnly(uint32_t id) { return lm::test::removeRuleRequest(id); }
 
+/// Keeps what is notified.
+struct RecordingNotifier : Notifier {
+  struct Notification {
+    uint32_t command;
+    std::vector<uint32_t> source;
+    lm::message fields;
+  };
+  void notify(uint32_t command, const std::vector<uint32_t>& source,
+              const lm::message& fields) override {
+    notified.push_back({command, source, fields});
+  }
+  std::vector<Notification> notified;
+};
+
 /// The whole table on a recorded kernel and a clock that stands still.
 class NatFixture : public ::testing::Test {
  protected:
@@ -149,7 +163,9 @@ class NatFixture : public ::testing::Test {
   PolicyBook policies{directory.file("nat-policy"), directory.path()};
   NatMap map{nftables};
   FlowMarks marks{directory.path()};
-  NatRules rules{map, flows, marks, networks, networks, listeners, policies, clock};
+  RecordingNotifier notifier;
+  PortLog portLog{notifier, [] { return PortLog::Time(std::chrono::seconds(1709251198)); }};
+  NatRules rules{map, flows, marks, networks, networks, listeners, policies, portLog, clock};
 };
 
 using Texts = std::vector<std::string>;

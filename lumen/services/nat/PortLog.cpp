@@ -1,0 +1,105 @@
+#include "lumen/services/nat/PortLog.h"
+
+#include <iterator>
+#include <vector>
+
+#include "lumen/runtime/Paging.h"
+#include "lumen/runtime/Refusal.h"
+#include "platform/Keys.h"
+
+namespace lumen {
+
+PortLog::PortLog(Notifier& notifier, WallClock clock) : notifier_(notifier), clock_(clock) {}
+
+PortLog::Time PortLog::systemTime() {
+  return std::chrono::floor<std::chrono::milliseconds>(std::chrono::system_clock::now());
+}
+
+void PortLog::add(lm::nat::Event event, const Author& author, const RuleKey& key,
+                  const Endpoint& client, std::string_view reason) {
+  const uint32_t id = nextId();
+  append(id, {.event = event,
+              .user = author.user,
+              .time = clock_(),
+              .key = key,
+              .client = client,
+              .owner = author.name.substr(0, longestOwner),
+              .reason = std::string(reason.substr(0, longestReason))});
+  if (entries_.size() > capacity) dropOne();
+  lm::message news;
+  news.insert_message_array(lm::key::records, {record(id, entries_.at(id))});
+  notifier_.notify(lm::cmd::changed, lm::nat::logPath(), news);
+}
+
+lm::message PortLog::handle(const Caller& caller, uint32_t command, const lm::message& request) {
+  if (!caller.administrator) return lm::refusal("not permitted");
+  if (command != lm::cmd::list && command != lm::cmd::readAll) {
+    return lm::refusal("unknown command");
+  }
+  return lm::pagedAnswer(request, entries_, record);
+}
+
+// Pages need ids that rise: when there is no higher one, all begin again.
+uint32_t PortLog::nextId() {
+  if (lastId_ < lm::none - 1) return ++lastId_;
+  Entries old = std::exchange(entries_, {});
+  groups_.clear();
+  ranks_.clear();
+  lastId_ = 0;
+  for (auto& [id, entry] : old) {
+    entry.next = 0;
+    append(++lastId_, std::move(entry));
+  }
+  return ++lastId_;
+}
+
+void PortLog::append(uint32_t id, Entry entry) {
+  Group& group = groups_[groupOf(entry)];
+  if (group.size == 0) {
+    group.first = id;
+  } else {
+    ranks_.erase(group.rank());
+    entries_.find(group.last)->second.next = id;
+  }
+  group.last = id;
+  ++group.size;
+  ranks_.insert(group.rank());
+  entries_.emplace_hint(entries_.end(), id, std::move(entry));
+}
+
+void PortLog::dropOne() {
+  const auto largest = std::prev(ranks_.end());
+  const auto oldest = entries_.find(~largest->second);
+  const auto group = groups_.find(groupOf(oldest->second));
+  ranks_.erase(largest);
+  group->second.first = oldest->second.next;
+  entries_.erase(oldest);
+  if (--group->second.size == 0) {
+    groups_.erase(group);
+  } else {
+    ranks_.insert(group->second.rank());
+  }
+}
+
+Ipv4Address PortLog::groupOf(const Entry& entry) {
+  return entry.event == lm::nat::Event::refused ? Ipv4Address() : entry.client.address;
+}
+
+lm::message PortLog::record(uint32_t id, const Entry& entry) {
+  lm::message m;
+  lm::nat::write(
+      m, lm::nat::LogRecord{.id = id,
+                            .event = static_cast<uint32_t>(entry.event),
+                            .time = static_cast<uint64_t>(entry.time.time_since_epoch().count()),
+                            .owner = entry.owner,
+                            .user = entry.user,
+                            .protocol = entry.key.protocol,
+                            .address = entry.key.external.address.bytes(),
+                            .port = entry.key.external.port,
+                            .client = entry.client.address.bytes(),
+                            .clientPort = entry.client.port,
+                            .reason = entry.reason});
+  return m;
+}
+
+}  // namespace lumen

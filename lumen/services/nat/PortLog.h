@@ -1,0 +1,93 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "lumen/services/LocalHandler.h"
+#include "lumen/services/nat/Rule.h"
+#include "platform/wire/NatRules.h"
+
+namespace lumen {
+
+/// The record of what happened to ports, handler [20, 6]: who had which one opened, changed, closed
+/// or refused, and when. It lives in memory and depends on nobody's log.
+///
+/// All refusals are one group, and so are the other events of each client. When the record is full,
+/// the oldest event of the largest group makes room: a flood of refusals, or of one client's ports,
+/// displaces its own events first.
+class PortLog : public LocalHandler {
+ public:
+  static constexpr size_t capacity = 10'000;
+  static constexpr size_t longestOwner = 32;    ///< in bytes; more is cut
+  static constexpr size_t longestReason = 120;  ///< in bytes; more is cut
+
+  using Time = std::chrono::sys_time<std::chrono::milliseconds>;
+  using WallClock = Time (*)();
+
+  /// Who had something done.
+  struct Author {
+    std::string name;   ///< a service, or "administrator"
+    uint32_t user = 0;  ///< of its process
+  };
+
+  /// `notifier` must outlive this.
+  explicit PortLog(Notifier& notifier, WallClock clock = systemTime);
+  PortLog(const PortLog&) = delete;
+  PortLog& operator=(const PortLog&) = delete;
+
+  /// `reason` may be empty.
+  void add(lm::nat::Event event, const Author& author, const RuleKey& key, const Endpoint& client,
+           std::string_view reason);
+
+  [[nodiscard]] lm::message handle(const Caller& caller, uint32_t command,
+                                   const lm::message& request) override;
+  [[nodiscard]] bool isPrivate() const override { return true; }
+
+ private:
+  struct Entry {
+    lm::nat::Event event{};
+    uint32_t user = 0;
+    Time time;
+    RuleKey key;
+    Endpoint client;
+    std::string owner;
+    std::string reason;
+    uint32_t next = 0;  // of its group; 0: it is the last
+  };
+  using Entries = std::map<uint32_t, Entry>;  // by id
+
+  /// The events of a group are a chain, from the oldest to the newest.
+  struct Group {
+    uint32_t first = 0;
+    uint32_t last = 0;
+    uint32_t size = 0;
+
+    /// Greater for more events, and of two groups with as many for the one that is older.
+    [[nodiscard]] std::pair<uint32_t, uint32_t> rank() const { return {size, ~first}; }
+  };
+
+  /// The key of its group: a client, or no address for refusals.
+  [[nodiscard]] static Ipv4Address groupOf(const Entry& entry);
+
+  static Time systemTime();
+
+  [[nodiscard]] uint32_t nextId();
+  void append(uint32_t id, Entry entry);
+  void dropOne();
+  [[nodiscard]] static lm::message record(uint32_t id, const Entry& entry);
+
+  Notifier& notifier_;
+  const WallClock clock_;
+  Entries entries_;
+  std::map<Ipv4Address, Group> groups_;            // none is empty
+  std::set<std::pair<uint32_t, uint32_t>> ranks_;  // of groups_
+  uint32_t lastId_ = 0;
+};
+
+}  // namespace lumen
