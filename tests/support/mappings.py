@@ -4,6 +4,8 @@ from support.network import WAN_ADDRESS, SoapError
 
 PORTS = range(2000, 2032)
 PROTOCOLS = ("TCP", "UDP")
+# Ports of clients, by the usual policy.
+NEVER_EXPOSED = {22, 23, 135, 137, 138, 139, 445, 3389, 5900}
 DUMMY = {"NewRemoteHost": "", "NewExternalPort": "0", "NewProtocol": "TCP",
          "NewInternalPort": "0", "NewInternalClient": "0.0.0.0", "NewEnabled": "0",
          "NewPortMappingDescription": "Dummy inactive rule for windows to work",
@@ -64,7 +66,10 @@ class Mappings:
     def opening(self, port=None, protocol=None, enabled=None):
         """Opens or changes a port, of these properties if they are given."""
         key = (port or self._random.choice(PORTS), protocol or self._random.choice(PROTOCOLS))
-        mapping = Mapping(self._random.choice(self._clients), self._random.randrange(1, 65536),
+        internal_port = self._random.randrange(1, 65536)
+        while internal_port in NEVER_EXPOSED:
+            internal_port += 1
+        mapping = Mapping(self._random.choice(self._clients), internal_port,
                           self._random.random() < 0.9 if enabled is None else enabled,
                           f"number {self._random.randrange(1000)}")
         old = self.table.get(key)
@@ -96,7 +101,7 @@ class Mappings:
                          mapping.out_arguments() if mapping else 714)
 
     def refused(self):
-        """A port that no host may open like that."""
+        """A port that nobody may open like that."""
         free = (1024 + self._random.randrange(900), self._random.choice(PROTOCOLS))
         client = self._clients[0]
         key, changes, code = self._random.choice((
@@ -104,6 +109,7 @@ class Mappings:
             (free, {"NewInternalClient": "8.8.8.8"}, 501),
             (free, {"NewInternalClient": WAN_ADDRESS}, 501),
             (free, {"NewInternalPort": "65536"}, 402),
+            (free, {"NewInternalPort": "3389"}, 501),
             (free, {"NewProtocol": "SCTP"}, 402),
             (free, {"NewLeaseDuration": "3600"}, 725),
             (free, {"NewRemoteHost": "8.8.8.8"}, 726),
@@ -112,7 +118,7 @@ class Mappings:
         return Operation("AddPortMapping", list(arguments.items()), code)
 
     def entry(self, index):
-        """What is listed at the index, with the dummy before the others; None after the end."""
+        """What is listed at the index, with the dummy before the others; None behind the end."""
         if index == 0:
             return DUMMY
         keys = sorted(self.table)
