@@ -87,7 +87,7 @@ class CheckTest(CheckCase):
         place.write_text(text)
         self.router.start()
         self.router.wait_until_controllable()
-        self.assert_well()
+        self.assert_nothing_wrong()
 
     def test_the_user_of_the_gateway_is_missing(self):
         place = self.router.root / "etc" / "services" / "upnp.ini"

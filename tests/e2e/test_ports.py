@@ -160,7 +160,9 @@ class PortTest(RouterCase):
         self.network.router.ip("link", "add", "dmz0", "type", "bridge")
         self.network.router.ip("link", "set", "dmz0", "up")
         self.network.router.ip("address", "add", "192.168.99.1/24", "dev", "dmz0")
-        self.wait_until(lambda: self.router.interface("dmz0"), "the platform knows the network")
+        self.wait_until(lambda: any(a["interface"] == "dmz0"
+                                    for a in self.router.ask("address", "list")),
+                        "the platform knows the network")
         self.refused(client=isolated)
         self.assertIn(f"internal client {isolated} is not allowed by the policy", self.router.log())
         for clients in ("dmz0", "internal,dmz0", "connected", "192.168.99.0/24"):
