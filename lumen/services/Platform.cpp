@@ -6,7 +6,6 @@
 #include <utility>
 
 #include "lumen/runtime/SocketTransport.h"
-#include "lumen/services/fence/ClientLimit.h"
 #include "platform/Keys.h"
 
 namespace lumen {
@@ -30,7 +29,9 @@ Platform::Platform(const lm::EventLoop& loop, Processes& processes,
       broker_(supervisor_, loop.clock(), administratorGroup()),
       identity_(path::store("identity")),
       history_(path::store("history")),
-      linksOfTables_(links_, fence_),
+      clientLimit_(nftables_),
+      linksOfFence_(links_, fence_),
+      linksOfTables_(linksOfFence_, clientLimit_),
       addresses_(broker_),
       interfaces_(linksOfTables_, addresses_, broker_, fence_, path::store("interfaces"),
                   loop.clock()),
@@ -57,7 +58,7 @@ Result<void> Platform::start() {
     return Failure{"NAT table: " + open.why()};
   }
   if (const auto fenced = fence_.open(); !fenced) return Failure{"fence: " + fenced.why()};
-  limitClients(nftables_);
+  clientLimit_.open();
   natRules_.endOldFlows();
   interfaces_.start();
   if (auto listening = listener_.listen(lm::socketPath); !listening) return listening;

@@ -7,6 +7,7 @@
 #include "lumen/services/addresses/AddressTable.h"
 #include "lumen/services/broker/Broker.h"
 #include "lumen/services/broker/Listener.h"
+#include "lumen/services/fence/ClientLimit.h"
 #include "lumen/services/fence/Fence.h"
 #include "lumen/services/history/History.h"
 #include "lumen/services/identity/Identity.h"
@@ -76,7 +77,10 @@ class Platform : private Supervisor::RequestListener {
   Identity identity_;
   History history_;
   NetlinkLinks links_;
-  LinkRelay linksOfTables_;  // the fence hears of a change first
+  // These hear of a change before the tables do.
+  ClientLimit clientLimit_;
+  LinkRelay linksOfFence_;
+  LinkRelay linksOfTables_;
   AddressTable addresses_;
   InterfaceTable interfaces_;
   NatMap natMap_;

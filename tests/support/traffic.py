@@ -72,6 +72,7 @@ class Traffic:
         # Deliveries that fail live on for half a minute: there are none when that is too long.
         self.may_linger = True
         self._most = HELD
+        self.refused = 0  # connections
         self._unanswered = collections.deque()  # since when there are deliveries of that kind
         self._unreachable = collections.deque()
         self._held_connections = collections.deque()
@@ -92,6 +93,9 @@ class Traffic:
             for _ in range(times if self.laps % every == 0 else 0):
                 try:
                     method(self)
+                except ConnectionRefusedError:
+                    # This host holds connections that it leaves alone: the kernel may refuse it.
+                    self.refused += 1
                 except (AssertionError, OSError, SoapError, CommandFailed) as error:
                     self.errors.append(f"{method.__name__}: {type(error).__name__}: {error}")
                 self.done[method.__name__] += 1

@@ -8,8 +8,9 @@ namespace lumen {
 
 namespace {
 
-// Connections that both sides have closed are not counted. An address that finds the set full is
-// not limited: it must not take memory without end either.
+// Connections that both sides have closed are not counted, but the kernel clears them from its
+// count only once a tick, nine at a time. An address that finds the set full is not limited: it
+// must not take memory without end either.
 constexpr const char* table =
     "create table ip lumen_clients { flags owner; }\n"
     "table ip lumen_clients {\n"
@@ -28,11 +29,31 @@ constexpr const char* table =
 
 }  // namespace
 
-void limitClients(Nftables& nftables) {
-  const auto made = nftables.run(table);
-  if (made) return;
+void ClientLimit::open() {
+  const auto made = nftables_.run(table);
+  open_ = made.ok();
+  if (open_) return;
   lm::logLine("the kernel does not limit the connections of a host: ",
               made.why().substr(0, made.why().find('\n')));
+}
+
+void ClientLimit::tablesRead(const LinkSnapshot& /*all*/) { countAgain(); }
+
+void ClientLimit::linkChanged(const Link& link) {
+  if (!link.running) countAgain();
+}
+
+void ClientLimit::linkGone(uint32_t /*index*/) { countAgain(); }
+
+void ClientLimit::addressAdded(uint32_t /*index*/, const LinkAddress& /*address*/) {}
+
+void ClientLimit::addressRemoved(uint32_t /*index*/, const LinkAddress& /*address*/) {
+  countAgain();
+}
+
+void ClientLimit::countAgain() {
+  // A refusal leaves the limit stricter for a while, and is no harm.
+  if (open_) (void)nftables_.run("flush set ip lumen_clients addresses\n");
 }
 
 }  // namespace lumen

@@ -271,16 +271,15 @@ TEST_F(FullPortLog, TakesABoundedAmountOfMemory) {
     }
   };
   const size_t before = mallinfo2().uordblks;
+  if (before == 0) GTEST_SKIP() << "the malloc of a sanitizer does not count";
   fill(0x0a000000);
   const size_t full = mallinfo2().uordblks - before;
   std::printf("%zu bytes in %zu events\n", full, PortLog::capacity);
   fill(0x0b000000);
   const size_t later = mallinfo2().uordblks - before;
-#if !defined(__SANITIZE_ADDRESS__)
   EXPECT_GT(full, PortLog::capacity * 152) << "not counted";
   EXPECT_LT(full, 5'000'000U);
   EXPECT_LT(later, full + 10'000);
-#endif
 }
 
 }  // namespace lumen::test
