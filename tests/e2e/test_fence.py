@@ -236,7 +236,7 @@ class FenceTest(FenceCase):
         self.assertFalse(reached(guest))
         self.assertTrue(reached(self.lan[0].address))
 
-    # Promise: The fence goes with lumend, however that ends, and nobody else can change
+    # Promise: The fence goes with lumend, however that ends, and no other program can change
     # it meanwhile.
     def test_it_goes_with_lumend(self):
         for table in ("ip", "ip6"):

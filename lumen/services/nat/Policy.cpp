@@ -53,7 +53,7 @@ bool isUnicastHost(Ipv4Address address) {
   return network != 0 && network != 127 && network < 224;
 }
 
-/// Whether an interface can have that name which nobody takes for an address.
+/// Whether an interface can have that name, and it is not read as an address.
 bool isInterfaceName(std::string_view text) {
   if (text.empty() || text.size() > longestName) return false;
   const auto wrong = [](char c) { return c <= ' ' || c > '~' || c == '/' || c == ':'; };

@@ -16,7 +16,7 @@
 namespace lumen {
 
 /// The record of what happened to ports, handler [20, 6]: who had which one opened, changed, closed
-/// or refused, and when. It lives in memory and depends on nobody's log.
+/// or refused, and when. It lives in memory and does not depend on the journal.
 ///
 /// All refusals are one group, and so are the other events of each client. When the record is full,
 /// the oldest event of the largest group makes room: a flood of refusals, or of one client's ports,
