@@ -45,7 +45,13 @@ class LinuxProcessesTest : public testing::Test, public Processes::Observer {
 
   void SetUp() override { ASSERT_EQ(geteuid(), 0U) << "these tests must be run by root"; }
 
+  void TearDown() override {
+    for (const pid_t pid : running_) processes.signal(pid, SIGKILL);
+    EXPECT_TRUE(waitUntil([&] { return running_.empty(); }));
+  }
+
   void processEnded(pid_t pid, int status) override {
+    running_.erase(pid);
     endedPid = pid;
     endedStatus = status;
   }
@@ -67,6 +73,7 @@ class LinuxProcessesTest : public testing::Test, public Processes::Observer {
         open(outputFile().c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644));
     dup2(file.get(), STDOUT_FILENO);
     const Result<pid_t> pid = processes.start(program(executable));
+    if (pid) running_.insert(*pid);
     dup2(kept.get(), STDOUT_FILENO);
     return pid;
   }
@@ -115,6 +122,7 @@ class LinuxProcessesTest : public testing::Test, public Processes::Observer {
   lm::SystemClock clock;
   lm::EventLoop loop{clock};
   LinuxProcesses processes;
+  std::set<pid_t> running_;
   pid_t endedPid = 0;
   int endedStatus = -1;
 };
@@ -199,6 +207,7 @@ TEST_F(LinuxProcessesTest, BoundsWhatAProcessCanUse) {
   dup2(writing.get(), STDOUT_FILENO);
   dup2(writing.get(), STDERR_FILENO);
   const Result<pid_t> pid = processes.start(program(SERVICE_PROBE));
+  if (pid) running_.insert(*pid);
   dup2(keptOutput.get(), STDOUT_FILENO);
   dup2(keptError.get(), STDERR_FILENO);
   writing.reset();
