@@ -3,8 +3,8 @@
 #include <grp.h>
 
 #include <optional>
-#include <utility>
 
+#include "lumen/runtime/Log.h"
 #include "lumen/runtime/SocketTransport.h"
 #include "platform/Keys.h"
 
@@ -23,9 +23,10 @@ std::optional<gid_t> administratorGroup() {
 }  // namespace
 
 Platform::Platform(const lm::EventLoop& loop, Processes& processes,
-                   std::vector<ServiceDefinition> services)
+                   const std::vector<ServiceDefinition>& services)
     : fence_(nftables_, services, path::nameServers),
-      supervisor_(std::move(services), processes, loop.clock(), path::runFolder),
+      storeWatch_(*this),
+      supervisor_(services, processes, loop.clock(), path::runFolder),
       broker_(supervisor_, loop.clock(), administratorGroup()),
       identity_(path::store("identity")),
       history_(path::store("history")),
@@ -42,6 +43,7 @@ Platform::Platform(const lm::EventLoop& loop, Processes& processes,
       natRules_(natMap_, flows_, flowMarks_, addresses_, interfaces_, listeners_, policies_,
                 portLog_, loop.clock()),
       listener_(broker_) {
+  watchStores(services);
   supervisor_.setObserver(broker_);
   supervisor_.listenToRequests(*this);
   broker_.addLocal(lm::service::identity, 0, identity_);
@@ -66,8 +68,21 @@ Result<void> Platform::start() {
   return {};
 }
 
+void Platform::watchStores(const std::vector<ServiceDefinition>& services) {
+  for (const ServiceDefinition& service : services) {
+    for (const std::string& store : service.stores) {
+      const auto watched = storeWatch_.add(service.number, path::store(store), service.user);
+      if (!watched) lm::logLine(service.name, ": its store is not watched: ", watched.why());
+    }
+  }
+}
+
 void Platform::asked(const ServiceDefinition& service) {
   if (service.network == NetworkGrant::nameServers) fence_.readNameServers();
+}
+
+void Platform::storeExceeded(uint32_t service, const std::string& why) {
+  supervisor_.end(service, why);
 }
 
 }  // namespace lumen

@@ -24,6 +24,7 @@
 #include "lumen/services/system/netlink/NetlinkLinks.h"
 #include "lumen/services/system/netlink/SocketListeners.h"
 #include "lumen/services/system/processes/Processes.h"
+#include "lumen/services/system/processes/StoreWatch.h"
 #include "lumen/values/Result.h"
 
 namespace lumen {
@@ -47,14 +48,14 @@ inline std::string store(const std::string& name) { return storeFolder + "/" + n
 }  // namespace path
 
 /// Everything that lumend does, on the real kernel.
-class Platform : private Supervisor::RequestListener {
+class Platform : private Supervisor::RequestListener, private StoreWatch::Observer {
  public:
   /// The names of lumend's own stores, directories in the store folder that must exist.
   static std::vector<std::string> stores() { return {"history", "identity", "interfaces", "nat"}; }
 
   /// `loop` and `processes` must outlive this.
   Platform(const lm::EventLoop& loop, Processes& processes,
-           std::vector<ServiceDefinition> services);
+           const std::vector<ServiceDefinition>& services);
   Platform(const Platform&) = delete;
   Platform& operator=(const Platform&) = delete;
 
@@ -68,10 +69,14 @@ class Platform : private Supervisor::RequestListener {
   }
 
  private:
+  void watchStores(const std::vector<ServiceDefinition>& services);
+
   void asked(const ServiceDefinition& service) override;
+  void storeExceeded(uint32_t service, const std::string& why) override;
 
   LibNftables nftables_;
   Fence fence_;
+  StoreWatch storeWatch_;
   Supervisor supervisor_;
   Broker broker_;
   Identity identity_;

@@ -142,7 +142,7 @@ int main(int argc, char** argv) {
   lm::EventLoop loop(clock);
   lumen::EndSignals signals;
   lumen::LinuxProcesses processes;
-  std::vector<ServiceDefinition> services = readServices();
+  const std::vector<ServiceDefinition> services = readServices();
   if (privateRoot) {
     prepareRoot(services, processes);
     keepOnly(lumen::neededCapabilities());
@@ -155,7 +155,7 @@ int main(int argc, char** argv) {
   reportMissingStores(services);
   const lm::Fd lock = acquireInstanceLock();
 
-  Platform platform(loop, processes, std::move(services));
+  Platform platform(loop, processes, services);
   signals.watch<&Platform::shutDown>(platform);
   exitOnError(platform.start());
   lumen::ServiceManager manager = lumen::ServiceManager::ofThisProcess();

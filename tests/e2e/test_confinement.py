@@ -1,5 +1,7 @@
 """What the programs of a running router may still do."""
 
+import multiprocessing
+import os
 import pathlib
 import unittest
 
@@ -49,6 +51,40 @@ class ConfinementTest(RouterCase):
         self.assertEqual((found["Max processes"], found["Max core file size"],
                           found["Max open files"], found["Max address space"]),
                          ("0", "0", "1024", str(256 << 20)))
+
+    # Also proves [store-limit].
+    def test_a_service_that_fills_its_store_is_killed(self):
+        store = self.router.root / "store" / "upnp"
+        gateway = self.router.gateway_pid()
+        user = store.stat().st_uid
+
+        def fill():
+            os.setgroups([])
+            os.setresgid(user, user, user)
+            os.setresuid(user, user, user)
+            store.chmod(0)  # does not hide it
+            store.chmod(0o700)
+            for number in range(200):
+                (store / f"waste-{number}").touch()
+
+        filler = multiprocessing.get_context("fork").Process(target=fill)
+        filler.start()
+        filler.join()
+        self.assertEqual(filler.exitcode, 0)
+        self.wait_until(lambda: self.router.gateway_pid() not in (0, gateway),
+                        "another process of the gateway")
+        self.assertIn("upnp: is killed: /lumen/store/upnp holds more than 128 files",
+                      self.router.log())
+        for waste in store.glob("waste-*"):
+            waste.unlink()
+        self.wait_until(self.answers, "an answer")
+
+    def answers(self):
+        """Whether the gateway serves its description."""
+        try:
+            return self.lan[0].speak_to().get("/gateway.xml").status == 200
+        except OSError:
+            return False
 
     # Promise: Where the kernel has Landlock, the gateway serves no file that its folder only links to.
     def test_a_link_out_of_the_served_files_is_not_followed(self):

@@ -166,6 +166,13 @@ void Service::kill() {
   processes_.signal(pid_, SIGKILL);
 }
 
+void Service::end(const std::string& why) {
+  if (pid_ == 0 || pid_ == ended_) return;
+  ended_ = pid_;
+  log("is killed: " + why);
+  processes_.signal(pid_, SIGKILL);
+}
+
 std::string Service::state() const {
   if (registered_) return lm::broker::state::running;
   switch (phase_) {

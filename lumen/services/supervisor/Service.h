@@ -42,6 +42,8 @@ class Service {
   /// No more starts; a process that runs is asked to end.
   void shutDown();
   void kill();
+  /// Kills its process, which counts as a crash. Once for each process.
+  void end(const std::string& why);
 
   [[nodiscard]] const ServiceDefinition& definition() const { return definition_; }
   /// 0: it has no process.
@@ -69,6 +71,7 @@ class Service {
 
   Phase phase_ = Phase::stopped;
   pid_t pid_ = 0;
+  pid_t ended_ = 0;  // the process that end() has killed
   bool registered_ = false;
   bool leaving_ = false;   // the process was registered and is not any more
   bool released_ = false;  // ... since it has unregistered

@@ -35,6 +35,10 @@ void Supervisor::boot() {
   }
 }
 
+void Supervisor::end(uint32_t number, const std::string& why) {
+  if (Service* const service = find(number)) service->end(why);
+}
+
 void Supervisor::shutDown() {
   if (shuttingDown_) return;
   shuttingDown_ = true;

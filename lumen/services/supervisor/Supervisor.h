@@ -34,6 +34,8 @@ class Supervisor : public Services, public Processes::Observer {
 
   /// Starts what starts at boot.
   void boot();
+  /// Kills the service's process, if it has one.
+  void end(uint32_t number, const std::string& why);
   /// Asks every process to end and kills those that are left after 5 seconds. Starts no more.
   void shutDown();
   /// Whether the shutdown is complete.

@@ -11,7 +11,7 @@ struct ChildStart {
   // It may start neither processes nor threads.
   static constexpr rlim_t mostDescriptors = 1024;
   static constexpr rlim_t mostAddressSpace = 256 << 20;
-  static constexpr rlim_t longestFile = 1 << 20;  ///< a record has 128 KiB at most
+  static constexpr rlim_t longestFile = 128 << 10;  ///< a record has no more
 
   const char* path = nullptr;  ///< for its own argv[0] and the log
   int executable = -1;

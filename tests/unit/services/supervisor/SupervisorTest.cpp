@@ -465,6 +465,21 @@ TEST_F(SupervisorTest, EndsEvenIfAKilledServiceIsNotReaped) {
   EXPECT_TRUE(supervisor.isShutDown());
 }
 
+// Also proves [store-limit].
+TEST_F(SupervisorTest, KillsEachProcessOnceWhenItIsToldTo) {
+  supervisor.boot();
+  supervisor.end(gateway, "its store is full");
+  supervisor.end(gateway, "its store is full");
+  EXPECT_EQ(processes.signals, (std::vector<std::pair<pid_t, int>>{{1000, SIGKILL}}));
+  processes.dieBySignal(1000, SIGKILL);
+  supervisor.end(gateway, "its store is full");  // none runs
+  EXPECT_EQ(processes.signals.size(), 1U);
+  pass(1s);
+  ASSERT_EQ(starts(), 2U);
+  supervisor.end(gateway, "its store is full");
+  EXPECT_EQ(processes.signals.size(), 2U);
+}
+
 // Promise [service-list]: The list of services has their number, name, state (`stopped`,
 // `starting`, `running`, `leaving` or `waiting`), process, restarts and the milliseconds to the
 // next start.

@@ -225,7 +225,7 @@ TEST_F(LinuxProcessesTest, BoundsWhatAProcessCanUse) {
   EXPECT_EQ(values(seen, "most descriptors"), Values{"1024"});
 #if PALINODE_CONFINEMENT
   EXPECT_EQ(values(seen, "most address space"), Values{std::to_string(256 << 20)});
-  EXPECT_EQ(values(seen, "longest file"), Values{std::to_string(1 << 20)});
+  EXPECT_EQ(values(seen, "longest file"), Values{std::to_string(128 << 10)});
 #endif
 }
 
