@@ -88,9 +88,9 @@ void EventLoop::removeSocket(int fd) {
 }
 
 void EventLoop::start(const WatchPtr& watch) {
-  ev_io_start(libev_->loop, &watch->io);
   unchecked_.push_back(watch);
   if (watch->accepts) listeners_.push_back(watch);
+  ev_io_start(libev_->loop, &watch->io);
 }
 
 void EventLoop::stop(Watch& watch) {
@@ -126,13 +126,11 @@ void EventLoop::wait(Clock::Time now, std::optional<std::chrono::milliseconds> l
   }
   dropClosed();
   ready_.clear();
-  if (limit && *limit > 0ms) {
-    ev_now_update(libev_->loop);
-    ev_timer_set(&libev_->limit, std::chrono::duration<double>(*limit).count(), 0.);
-    ev_timer_start(libev_->loop, &libev_->limit);
-  }
+  ev_now_update(libev_->loop);
+  // A time of 0 stops the timer of the last wait.
+  libev_->limit.repeat = std::chrono::duration<double>(limit.value_or(0ms)).count();
+  ev_timer_again(libev_->loop, &libev_->limit);
   ev_run(libev_->loop, limit == 0ms ? EVRUN_NOWAIT : EVRUN_ONCE);
-  ev_timer_stop(libev_->loop, &libev_->limit);
   // libev calls back in the reverse of the kernel's order.
   std::ranges::reverse(ready_);
   std::stable_partition(ready_.begin(), ready_.end(),
@@ -172,8 +170,8 @@ std::vector<EventLoop::Ready> EventLoop::pollNow(std::vector<WatchPtr> watches) 
   std::vector<pollfd> seen;
   seen.reserve(watches.size());
   for (const WatchPtr& watch : watches) seen.push_back({watch->io.fd, POLLIN, 0});
+  if (seen.empty() || poll(seen.data(), seen.size(), 0) <= 0) return {};
   std::vector<Ready> ready;
-  if (seen.empty() || poll(seen.data(), seen.size(), 0) <= 0) return ready;
   for (size_t i = 0; i < seen.size(); ++i) {
     if (seen[i].revents & POLLNVAL) {
       logLine("event loop: descriptor ", seen[i].fd, " was closed while watched");

@@ -6,11 +6,13 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <string>
 
 #include "lumen/runtime/EventLoop.h"
 #include "platform/Timer.h"
 #include "platform/Watch.h"
 #include "runtime/LoopTest.h"
+#include "support/Descriptors.h"
 
 namespace lm {
 namespace {
@@ -217,6 +219,13 @@ TEST_F(Timers, AWaitEndsWhenTheNextOneIsDue) {
   EXPECT_EQ(calls(), Names{"t"});
 }
 
+TEST(LoopsEnd, LeavesNoDescriptorOpen) {
+  const ManualClock clock;
+  const size_t before = test::openDescriptors();
+  { const EventLoop loop(clock); }
+  EXPECT_EQ(test::openDescriptors(), before);
+}
+
 class Watches : public test::LoopTest {
  protected:
   SocketPair a_{SOCK_STREAM};
@@ -267,6 +276,16 @@ TEST_F(Watches, ReportWhichConditionIsMet) {
 
 TEST_F(Watches, OnlyTheirOwnConditionsCount) {
   watch("a", a_.ours.get(), watchRead);
+  turn();
+  EXPECT_EQ(calls(), Names{});
+}
+
+TEST_F(Watches, ForWritingAreNotCalledForWhatCanBeRead) {
+  std::string filler(1 << 20, 'x');
+  while (send(a_.ours.get(), filler.data(), filler.size(), MSG_DONTWAIT) > 0) {
+  }
+  test::writeText(a_.peer.get(), "x");
+  watch("a", a_.ours.get(), watchWrite);
   turn();
   EXPECT_EQ(calls(), Names{});
 }
