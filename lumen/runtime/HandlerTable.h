@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "lumen/runtime/Connection.h"
+#include "lumen/values/ElementOrder.h"
 #include "platform/Handler.h"
 
 namespace lm {
@@ -61,7 +62,8 @@ class HandlerTable {
   std::optional<uint32_t> current_;     // the same, answered or not
   std::deque<Undo> undos_;              // the newest last
   std::map<uint32_t, Handler*> handlers_;
-  std::map<Topic, std::vector<Handler*>> subscribers_;  // in the order of subscription
+  // Those of a topic are in the order of subscription.
+  std::map<Topic, std::vector<Handler*>, lumen::ElementOrder> subscribers_;
 };
 
 }  // namespace lm

@@ -1,13 +1,15 @@
 #!/usr/bin/env python3
 """Checks what compilers do not: that every source is built, that includes run one way, that the
 code is formatted, that every package which the scripts install is needed, that documents name files
-that exist. Usage: check_tree.py CHECK SOURCE_DIR BUILD_DIR"""
+that exist, that keys of ordered containers are in order on every machine. Usage: check_tree.py CHECK SOURCE_DIR BUILD_DIR"""
 
 import json
 import pathlib
 import re
 import subprocess
 import sys
+
+import ordered_keys
 
 # What each layer may include besides itself, by the beginning of the path. The daemon knows its
 # platform by src/platform only; what parses or changes the kernel knows nothing of the services.
@@ -124,9 +126,21 @@ def documents_name_existing_files(top, _build):
     return found
 
 
+def keys_are_ordered_alike_everywhere(top, _build):
+    texts, wanted = {}, []
+    for path in sources(top, ".h", ".cpp"):
+        name = str(path.relative_to(top))
+        wanted.append(name)
+        texts[name] = text = path.read_text()
+        # As others include it.
+        texts.setdefault(name.removeprefix("src/").removeprefix("tests/unit/"), text)
+    return ordered_keys.findings(texts, wanted)
+
+
 CHECKS = {check.__name__: check
           for check in (every_source_is_built, includes_run_one_way, code_is_formatted,
-                        every_package_is_used, documents_name_existing_files)}
+                        every_package_is_used, documents_name_existing_files,
+                        keys_are_ordered_alike_everywhere)}
 
 
 def main():

@@ -12,6 +12,7 @@
 
 #include "ctl/FakeMachine.h"
 #include "lumen/ctl/router/Client.h"
+#include "lumen/values/ElementOrder.h"
 #include "platform/message.h"
 #include "platform/wire/NatRules.h"
 
@@ -108,11 +109,11 @@ class FakePlatform {
   bool ends_ = false;
   lm::message settings_;
   lm::message policy_;
-  std::map<std::pair<Path, uint32_t>, std::string> refusals_;
-  std::map<std::pair<Path, uint32_t>, std::string> silences_;
+  std::map<std::pair<Path, uint32_t>, std::string, lumen::ElementOrder> refusals_;
+  std::map<std::pair<Path, uint32_t>, std::string, lumen::ElementOrder> silences_;
   std::vector<std::string> requests_;
   std::string root_;
-  std::map<Path, std::chrono::milliseconds> limits_;
+  std::map<Path, std::chrono::milliseconds, lumen::ElementOrder> limits_;
   uint32_t nextId_ = 1;
   size_t pageSize_ = 64;
   bool endless_ = false;

@@ -198,6 +198,20 @@ TEST_F(LooperTest, DispatchesNotificationsToSubscribers) {
   EXPECT_EQ(second.heard, Heard{});
 }
 
+TEST_F(LooperTest, SubscriptionsToTwoHandlersOfAServiceAreTwo) {
+  Service second;
+  looper_.addHandler(1, second);
+  platform_.forgetSent();
+  service_.subscribe(cmd::changed, {20, 0});
+  second.subscribe(cmd::changed, {20, 1});
+  ASSERT_EQ(platform_.sent().size(), 2U) << "the broker learns of both";
+
+  platform_.notify(cmd::changed, {20, 0}, number(1));
+  platform_.notify(cmd::changed, {20, 1}, number(2));
+  EXPECT_EQ(service_.heard, Heard{"16646155 {u32 0x1=1}"});
+  EXPECT_EQ(second.heard, Heard{"16646155 {u32 0x1=2}"});
+}
+
 TEST_F(LooperTest, UnsubscribesOnlyWhatIsSubscribed) {
   platform_.forgetSent();
   service_.unsubscribe(cmd::changed, {20, 1});

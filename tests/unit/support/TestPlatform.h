@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "lumen/runtime/Runtime.h"
+#include "lumen/values/ElementOrder.h"
 #include "platform/Fd.h"
 #include "platform/message.h"
 #include "support/ManualClock.h"
@@ -117,7 +118,7 @@ class TestPlatform {
   Fd event_;  // readable when something is there for the program
   std::multimap<Clock::Time, std::string> inbox_;  // datagrams to the program by time of arrival
   bool ended_ = false;
-  std::map<std::pair<Path, uint32_t>, Reaction> reactions_;
+  std::map<std::pair<Path, uint32_t>, Reaction, lumen::ElementOrder> reactions_;
   std::vector<message> sent_;
   std::map<uint32_t, message> replies_;  // by serial
   uint32_t lastSerial_ = 0;
