@@ -1,6 +1,9 @@
 """What the kernel knows of a running process."""
 
 import os
+import time
+
+from support.network import wait_until
 
 
 def processor_time(pid):
@@ -11,6 +14,36 @@ def processor_time(pid):
 def is_stopped(pid):
     """Whether a signal has stopped it."""
     return _stat(pid)[0] == "T"
+
+
+def is_asleep(pid):
+    """Whether it waits for something, and a signal could wake it."""
+    return _stat(pid)[0] == "S"
+
+
+def memory(pid):
+    """The fields of its /proc/PID/smaps_rollup, in KiB. They are counted page by page, where
+    /proc/PID/status gives estimates."""
+    with open(f"/proc/{pid}/smaps_rollup", encoding="ascii") as rollup:
+        next(rollup)
+        lines = [line.split() for line in rollup]
+    return {line[0].removesuffix(":"): int(line[1]) for line in lines}
+
+
+def wait_until_at_rest(pids):
+    """Waits until these processes have had nothing to do for a second, and have opened and closed
+    nothing."""
+    pids = list(pids)
+    seen, since = None, 0.0
+
+    def at_rest():
+        nonlocal seen, since
+        now = [(processor_time(pid), descriptors(pid)) for pid in pids]
+        if now != seen:
+            seen, since = now, time.monotonic()
+        return time.monotonic() > since + 1.0
+
+    wait_until(at_rest, "the router is at rest", 30.0)
 
 
 def descriptors(pid):

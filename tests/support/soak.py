@@ -1,12 +1,11 @@
 """Whether the router's programs need after much traffic what they needed before it: as many
 descriptors, as much memory."""
 
-import os
 import time
 
 from support.closing import Closing
 from support.heap import allocated
-from support.network import wait_until
+from support.processes import descriptors, memory, wait_until_at_rest
 from support.traffic import DELIVERY_LIMIT, Traffic
 
 # How many changes can be undone: only then does one more need nothing more.
@@ -35,8 +34,8 @@ class Program:
         self.pid = pid
 
     def figures(self):
-        return Figures(self.pid, self._rollup("Rss"), self._rollup("Anonymous"),
-                       self.descriptors())
+        taken = memory(self.pid)
+        return Figures(self.pid, taken["Rss"], taken["Anonymous"], len(descriptors(self.pid)))
 
     def figures_at_rest(self):
         figures = self.figures()
@@ -44,22 +43,10 @@ class Program:
             figures.allocated = allocated(self.pid)
         return figures
 
-    def descriptors(self):
-        return len(os.listdir(f"/proc/{self.pid}/fd"))
-
-    def processor_time(self):
-        with open(f"/proc/{self.pid}/stat", encoding="ascii") as stat:
-            return stat.read().rpartition(")")[2].split()[11:13]
-
     def is_sanitized(self):
         with open(f"/proc/{self.pid}/status", encoding="ascii") as status:
             return any(int(line.split()[1]) > SANITIZED for line in status
                        if line.startswith("VmSize:"))
-
-    def _rollup(self, what):
-        # Counted page by page, where /proc/PID/status gives estimates.
-        with open(f"/proc/{self.pid}/smaps_rollup", encoding="ascii") as rollup:
-            return next(int(line.split()[1]) for line in rollup if line.startswith(f"{what}:"))
 
 
 class Figures:
@@ -166,16 +153,7 @@ class Soak(Closing):
     def _figures_at_rest(self):
         """What the programs need when they have had nothing to do for a second."""
         programs = self._programs()
-        seen, since = None, 0.0
-
-        def at_rest():
-            nonlocal seen, since
-            now = [(program.processor_time(), program.descriptors()) for program in programs]
-            if now != seen:
-                seen, since = now, time.monotonic()
-            return time.monotonic() > since + 1.0
-
-        wait_until(at_rest, "the router is at rest", 30.0)
+        wait_until_at_rest(program.pid for program in programs)
         return {program.name: program.figures_at_rest() for program in programs}
 
     def _line(self):

@@ -1,0 +1,150 @@
+"""What scripts/footprint does once everything is built."""
+
+import argparse
+import contextlib
+import json
+import os
+import pathlib
+import re
+import signal
+import subprocess
+import sys
+import tempfile
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests"))
+
+from support.name_server import NameServer
+from support.network import Network, SoapError, wait_until
+from support.processes import is_asleep, memory, wait_until_at_rest
+from support.router import PROGRAMS, CommandFailed, Router
+from support.subscriber import Subscriber
+
+NAMES = ("palinode-igd", "lumend", "lumen-resolver", "lumenctl")
+PORTS = range(20000, 21000)
+KB, KIB = 1000, 1024
+
+WAITS = "#include <unistd.h>\nint main(void) { return pause(); }\n"
+REFERENCES = {"C, waits": (), "C, waits, static": ("-static",)}
+
+STATES = ("idle", "1,000 ports", "closed again")
+# What the columns have, by the kernel's names.
+FIGURES = {"resident": ("Rss",), "own": ("Private_Clean", "Private_Dirty"),
+           "dirty": ("Private_Dirty",)}
+COLUMN = 9
+MEANING = ("In kB of 1,000 bytes, without symbols.",
+           "In kB of 1,000 bytes. On disk: without symbols. Resident: the memory in use; own: what of"
+           "\nit no other process shares; dirty: what of that is in no file, and so cannot be dropped.")
+
+
+def stripped_size(program, strip):
+    """In bytes, of the file that an installation has."""
+    with tempfile.NamedTemporaryFile() as copy:
+        subprocess.run([strip, "-o", copy.name, program], check=True)
+        return os.path.getsize(copy.name)
+
+
+def strip_of_build():
+    """The strip that belongs to the compiler of the programs."""
+    with contextlib.suppress(OSError):
+        cache = (PROGRAMS.parent / "CMakeCache.txt").read_text(encoding="utf-8")
+        if found := re.search(r"^CMAKE_STRIP:FILEPATH=(.+)$", cache, re.MULTILINE):
+            return found[1]
+    return "strip"
+
+
+def figures(pid):
+    """The memory of a process in kB of 1,000 bytes, as the sizes of files are told."""
+    counted = memory(pid)
+    return {figure: sum(counted[name] for name in names) * KIB // KB
+            for figure, names in FIGURES.items()}
+
+
+def measure_references():
+    """Programs in C that do nothing but wait, as rows."""
+    rows = {}
+    with tempfile.TemporaryDirectory(prefix="palinode-") as folder:
+        source, program = pathlib.Path(folder, "waits.c"), pathlib.Path(folder, "waits")
+        source.write_text(WAITS, encoding="ascii")
+        for name, options in REFERENCES.items():
+            subprocess.run(["gcc", "-O2", *options, "-o", program, source], check=True)
+            with subprocess.Popen([program]) as process:
+                try:
+                    wait_until(lambda: is_asleep(process.pid), f"'{name}' waits")
+                    rows[name] = {"size": stripped_size(program, "strip"),
+                                  STATES[0]: figures(process.pid)}
+                finally:
+                    process.kill()
+    return rows
+
+
+def measure_router(rows):
+    """Adds the memory of a router's programs to their rows."""
+    with Network() as network, Router(network) as router, NameServer(network.wan) as server, \
+            Subscriber(network.lan[1].speak_to()) as subscriber:
+        router.ask_name_server(network.wan.address)
+        router.set_up()
+        host = network.lan[0]
+        control = host.connection_control()
+        # A subscriber's name starts the resolver.
+        server.hosts["player.lan"] = network.lan[1].address
+        subscriber.subscribe(host.connection_events(),
+                             callback=f"http://player.lan:{subscriber.port}/")
+        subscriber.event()
+        subscriber.unsubscribe()
+
+        def look(state):
+            pids = {"lumend": router.lumend.pid, "palinode-igd": router.gateway_pid(),
+                    "lumen-resolver": router.service("resolver")["process"]}
+            wait_until_at_rest(pids.values())
+            for name, pid in pids.items():
+                rows[name][state] = figures(pid)
+
+        router.lumenctl("nat", "policy", "set", f"max-rules-per-client={len(PORTS)}")
+        look(STATES[0])
+        for port in PORTS:
+            host.open_port(port, "TCP", control=control)
+        look(STATES[1])
+        for port in PORTS:
+            host.close_port(port, "TCP", control=control)
+        look(STATES[2])
+
+
+def table(rows):
+    """The rows as lines of text."""
+    width = max(map(len, rows))
+    states = [state for state in STATES if any(state in row for row in rows.values())]
+    heads = [" " * (width + COLUMN), " " * width + "on disk".rjust(COLUMN)]
+    for state in states:
+        heads[0] += f" | {state:{len(FIGURES) * COLUMN}}"
+        heads[1] += " | " + "".join(figure.rjust(COLUMN) for figure in FIGURES)
+    lines = [head.rstrip() for head in heads if head.strip()]
+    for name, row in rows.items():
+        line = name.ljust(width) + str(row["size"] // KB).rjust(COLUMN)
+        for state in states:
+            line += " | " + "".join(str(row[state][figure] if state in row else "-").rjust(COLUMN)
+                                    for figure in FIGURES)
+        lines.append(line)
+    return "\n".join([*lines, "", MEANING[bool(states)]])
+
+
+def main():
+    parser = argparse.ArgumentParser(prog="scripts/footprint")
+    parser.add_argument("--sizes", action="store_true")
+    parser.add_argument("--json", action="store_true")
+    arguments = parser.parse_args()
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
+    strip = strip_of_build()
+    rows = {name: {"size": stripped_size(PROGRAMS / name, strip)} for name in NAMES}
+    try:
+        if not arguments.sizes:
+            measure_router(rows)
+            rows.update(measure_references())
+    except KeyboardInterrupt:
+        sys.exit("\nended by Ctrl-C; nothing is left behind")
+    except (AssertionError, CommandFailed, SoapError, OSError) as error:
+        sys.exit(f"scripts/footprint: {error}")
+    print(json.dumps(rows, indent=2) if arguments.json else table(rows))
+
+
+if __name__ == "__main__":
+    main()
