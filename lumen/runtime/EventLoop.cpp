@@ -28,7 +28,9 @@ EventLoop* theLoop = nullptr;
 }  // namespace
 
 struct EventLoop::Libev {
-  Libev() = default;
+  Libev() {
+    ev_init(&limit, [](struct ev_loop*, ev_timer*, int) {});
+  }
   Libev(const Libev&) = delete;
   Libev& operator=(const Libev&) = delete;
   ~Libev() { ev_loop_destroy(loop); }
@@ -51,7 +53,6 @@ EventLoop::EventLoop(const Clock& clock) : clock_(clock), libev_(std::make_uniqu
   if (theLoop) fatal("event loop: there is one already");
   if (!libev_->loop) fatal("event loop: ", strerror(errno));
   theLoop = this;
-  ev_init(&libev_->limit, [](struct ev_loop*, ev_timer*, int) {});
   ev_fork_init(&libev_->fork, [](struct ev_loop*, ev_fork*, int) {
     for (const auto& [fd, watch] : theLoop->watches_) theLoop->unchecked_.push_back(watch);
     theLoop->dropClosed();
