@@ -1,9 +1,12 @@
 #include "lumen/services/supervisor/ServiceFolder.h"
 
+#include <dirent.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
+#include <memory>
+#include <string_view>
 
 #include "lumen/runtime/Log.h"
 #include "lumen/services/system/processes/PlainFile.h"
@@ -12,16 +15,18 @@ namespace lumen {
 
 namespace {
 
-namespace fs = std::filesystem;
+constexpr std::string_view extension = ".ini";
 
-std::vector<std::string> serviceFiles(const std::string& folder) {
+std::vector<std::string> serviceFiles(const std::string& path) {
   std::vector<std::string> files;
-  std::error_code error;
-  fs::directory_iterator entry(folder, error);
-  for (; !error && entry != fs::directory_iterator(); entry.increment(error)) {
-    if (entry->path().extension() == ".ini") files.push_back(entry->path().string());
+  const std::unique_ptr<DIR, int (*)(DIR*)> folder(opendir(path.c_str()), closedir);
+  if (!folder) lm::logLine(path, ": ", strerror(errno));
+  while (const dirent* entry = folder ? readdir(folder.get()) : nullptr) {
+    const std::string name = entry->d_name;
+    if (name.size() > extension.size() && name.ends_with(extension)) {
+      files.push_back(path + "/" + name);
+    }
   }
-  if (error) lm::logLine(folder, ": ", error.message());
   std::sort(files.begin(), files.end());
   return files;
 }

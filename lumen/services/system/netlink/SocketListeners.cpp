@@ -5,24 +5,21 @@
 #include <linux/sock_diag.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/time.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
 #include <memory>
 
 #include "lumen/runtime/Log.h"
+#include "lumen/services/system/netlink/ControlGroups.h"
 #include "lumen/services/system/netlink/NetlinkAttributes.h"
 
 namespace lumen {
 
 namespace {
-
-namespace fs = std::filesystem;
 
 // States as bits of the request (net/tcp_states.h).
 constexpr uint32_t listening = 1U << 10;
@@ -30,8 +27,7 @@ constexpr uint32_t unconnectedUdp = 1U << 7;
 
 constexpr timeval answerLimit{1, 0};
 
-// Far more than a router has.
-constexpr int maxGroups = 4096;
+constexpr const char* controlGroups = "/sys/fs/cgroup";
 
 struct Closer {
   void operator()(mnl_socket* socket) const { mnl_socket_close(socket); }
@@ -84,27 +80,9 @@ bool dump(uint8_t family, uint8_t protocol, Search& search) {
   return result == MNL_CB_STOP;
 }
 
-/// The name of the control group with this number, which is the inode of its folder; "" when it
-/// cannot be found or has no name.
-std::string nameOfGroup(uint64_t number) {
-  int left = maxGroups;
-  std::error_code error;
-  fs::recursive_directory_iterator entry("/sys/fs/cgroup", error);
-  for (; !error && entry != fs::recursive_directory_iterator() && left > 0;
-       entry.increment(error)) {
-    std::error_code unreadable;
-    if (!entry->is_directory(unreadable)) continue;
-    --left;
-    struct stat info = {};
-    if (stat(entry->path().c_str(), &info) == 0 && info.st_ino == number) {
-      return entry->path().filename().string();
-    }
-  }
-  return "";
-}
-
 std::string nameOf(const ListeningSocket& socket) {
-  const std::string group = socket.group == 0 ? "" : nameOfGroup(socket.group);
+  const std::string group =
+      socket.group == 0 ? "" : nameOfControlGroup(controlGroups, socket.group);
   // That of a login says nothing of the program.
   if (!group.empty() && !group.ends_with(".scope")) return group;
   return "a program of user " + std::to_string(socket.user);
