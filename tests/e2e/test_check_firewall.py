@@ -6,6 +6,7 @@ from support.check_case import CheckCase
 from support.network import LAN_BRIDGE, WAN_ADDRESS, WAN_LINK, exchange_tcp
 
 DNAT = "-m conntrack --ctstate DNAT -j ACCEPT"
+SECOND_WAN = "wan1"
 
 
 class CheckFirewallTest(CheckCase):
@@ -16,11 +17,14 @@ class CheckFirewallTest(CheckCase):
         self.server = self.lan[0]
         self.server.open_port(8080, "TCP", internal_port=80)
 
-    def assert_stopped(self, chain, remedy):
-        """The check finds that the chain stops open ports, it does, and `remedy` fixes it."""
+    def assert_finds_firewall(self, chain, remedy):
         self.assert_found("The firewall drops forwarded packets, and does not let those of open "
                           f"ports pass (chain {chain}).",
                           "What arrives at an open port may not reach its host.", remedy)
+
+    def assert_stopped(self, chain, remedy):
+        """The check finds that the chain stops open ports, it does, and `remedy` fixes it."""
+        self.assert_finds_firewall(chain, remedy)
         self.wan.namespace.run("sh", "-c", "echo 1 > /proc/sys/net/ipv4/tcp_syn_retries")
         with self.assertRaises(TimeoutError):
             self.reach()
@@ -44,7 +48,8 @@ class CheckFirewallTest(CheckCase):
                       }}
                     }}'""")
                 self.assert_stopped(f"routed of the nftables table {family} guard",
-                                    f"nft insert rule {family} guard routed ct status dnat accept")
+                                    f"nft insert rule {family} guard routed iifname {WAN_LINK} "
+                                    "ct status dnat accept")
                 self.run_inside(f"nft delete table {family} guard")
 
     # Also proves [ctl-check-firewall].
@@ -60,7 +65,8 @@ class CheckFirewallTest(CheckCase):
         self.assert_found("The firewall drops forwarded packets, and does not let those of open "
                           "ports pass (chain routed of the nftables table inet guard).",
                           "What arrives at an open port may not reach its host.",
-                          "nft insert rule inet guard routed ct status dnat accept")
+                          f"nft insert rule inet guard routed iifname {WAN_LINK} "
+                          "ct status dnat accept")
 
     def test_a_rule_for_open_ports_in_a_chain_that_is_jumped_to(self):
         self.run_inside(f"""nft '
@@ -94,12 +100,13 @@ class CheckFirewallTest(CheckCase):
     # Also proves [ctl-check-firewall].
     def test_the_chain_of_iptables(self):
         self.guard_with("iptables")
-        self.assert_stopped("FORWARD of iptables", f"iptables -I FORWARD {DNAT}")
+        self.assert_stopped("FORWARD of iptables", f"iptables -I FORWARD -i {WAN_LINK} {DNAT}")
 
     # Also proves [ctl-check-firewall].
     def test_the_chain_of_legacy_iptables(self):
         self.guard_with("iptables-legacy")
-        self.assert_stopped("FORWARD of iptables-legacy", f"iptables-legacy -I FORWARD {DNAT}")
+        self.assert_stopped("FORWARD of iptables-legacy",
+                            f"iptables-legacy -I FORWARD -i {WAN_LINK} {DNAT}")
 
     def test_a_rule_of_iptables_in_a_chain_that_is_jumped_to(self):
         for command in ("iptables", "iptables-legacy"):
@@ -124,8 +131,8 @@ class CheckFirewallTest(CheckCase):
                 reload = f"{command}-restore -n < {rules}"
                 self.run_inside(f"{command} -P FORWARD DROP; {command} -N ufw-before-forward; "
                                 f"{command} -A FORWARD -j ufw-before-forward; {reload}")
-                edit = ("sed -i -e '/^[*]filter/,/^COMMIT/{/^COMMIT/i -A ufw-before-forward -m "
-                        "conntrack --ctstate DNAT -j ACCEPT' -e '}' /etc/ufw/before.rules")
+                edit = ("sed -i -e '/^[*]filter/,/^COMMIT/{/^COMMIT/i -A ufw-before-forward "
+                        f"-i {WAN_LINK} {DNAT}' -e '}}' /etc/ufw/before.rules")
                 self.assert_found("The firewall drops forwarded packets, and does not let those of "
                                   f"open ports pass (chain FORWARD of {command}).",
                                   "What arrives at an open port may not reach its host.",
@@ -154,6 +161,66 @@ class CheckFirewallTest(CheckCase):
                           "What arrives at an open port may not reach its host.",
                           "set StrictForwardPorts=no in /etc/firewalld/firewalld.conf, then "
                           "firewall-cmd --reload")
+
+    # Promise: `upnp check` takes a rule for open ports that names no interface for sufficient.
+    def test_a_rule_that_names_no_interface(self):
+        for command in ("iptables", "iptables-legacy"):
+            self.guard_with(command)
+            self.run_inside(f"{command} -I FORWARD {DNAT}")
+        self.guard_with_nft("ct status dnat accept")
+        self.assert_nothing_wrong()
+        self.reach()
+
+    # Promise: `upnp check` finds that the rule for open ports names another interface than the
+    # external one.
+    def test_a_rule_that_names_another_interface(self):
+        for rule in ("iifname ppp0 ct status dnat accept",
+                     "iifname { ppp0, ppp1 } ct status dnat accept",
+                     f"iifname {LAN_BRIDGE} oifname {LAN_BRIDGE} ct status dnat accept"):
+            with self.subTest(rule=rule):
+                self.guard_with_nft(rule)
+                self.assert_stopped("routed of the nftables table inet guard",
+                                    f"nft insert rule inet guard routed iifname {WAN_LINK} "
+                                    "ct status dnat accept")
+                self.run_inside("nft delete table inet guard")
+        for command in ("iptables", "iptables-legacy"):
+            with self.subTest(command=command):
+                self.guard_with(command)
+                self.run_inside(f"{command} -I FORWARD -i ppp+ {DNAT}")
+                self.assert_stopped(f"FORWARD of {command}",
+                                    f"{command} -I FORWARD -i {WAN_LINK} {DNAT}")
+                self.run_inside(f"{command} -P FORWARD ACCEPT; {command} -F FORWARD")
+
+    def test_two_external_interfaces(self):
+        self.network.router.link(SECOND_WAN, self.wan.namespace, "eth1")
+        self.ip("address", "add", "46.46.46.1/24", "dev", SECOND_WAN)
+        self.router.lumenctl("upnp", "interface", "add", SECOND_WAN, "--role", "external")
+        both = f"{{ {WAN_LINK}, {SECOND_WAN} }}"
+        stopped = ["routed of the nftables table inet guard",
+                   "nft insert rule inet guard routed iifname {} ct status dnat accept"]
+        self.guard_with_nft()
+        self.assert_stopped(stopped[0], stopped[1].format(both))
+        self.run_inside("nft delete table inet guard")
+        self.guard_with_nft(f"iifname {WAN_LINK} ct status dnat accept")
+        self.assert_finds_firewall(stopped[0], stopped[1].format(SECOND_WAN))
+        self.run_inside(stopped[1].format(SECOND_WAN))
+        self.assert_nothing_wrong()
+        for command in ("iptables", "iptables-legacy"):
+            self.guard_with(command)
+            remedy = " && ".join(f"{command} -I FORWARD -i {link} {DNAT}"
+                                 for link in (WAN_LINK, SECOND_WAN))
+            self.assert_stopped(f"FORWARD of {command}", remedy)
+
+    def guard_with_nft(self, *rules):
+        self.run_inside(f"""nft '
+            table inet guard {{
+              chain routed {{
+                type filter hook forward priority filter; policy drop;
+                ct state established,related accept
+                iifname {LAN_BRIDGE} oifname {WAN_LINK} accept
+                {"; ".join(rules)}
+              }}
+            }}'""")
 
     def guard_with(self, command):
         self.run_inside(f"{command} -P FORWARD DROP; "

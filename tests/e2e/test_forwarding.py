@@ -11,6 +11,20 @@ OTHER_NETWORK = "192.168.89"
 FOREIGN_ADDRESS = "8.8.8.8"
 PORT = 8080
 SERVER_PORT = 80
+# What the documents give for a firewall of nftables.
+RULE = f"insert rule inet filter forward iifname {WAN_LINK} ct status dnat accept"
+
+
+def add_network(case):
+    """A host of another internal network of the router."""
+    other = ControlPoint(f"{OTHER_NETWORK}.10")
+    case.addCleanup(other.close)
+    case.network.router.link("lan9", other.namespace, ControlPoint.LINK)
+    case.network.router.ip("address", "add", f"{OTHER_NETWORK}.1/24", "dev", "lan9")
+    other.namespace.ip("address", "add", f"{other.address}/24", "dev", ControlPoint.LINK)
+    other.namespace.ip("route", "add", "default", "via", f"{OTHER_NETWORK}.1")
+    case.router.lumenctl("upnp", "interface", "add", "lan9", "--role", "internal")
+    return other
 
 
 class HairpinTest(RouterCase):
@@ -41,13 +55,7 @@ class HairpinTest(RouterCase):
     # Promise [hairpin-other]: A host of another internal network that uses the external address is
     # seen by its own address.
     def test_a_host_of_another_internal_network_is_seen_by_its_own_address(self):
-        other = ControlPoint(f"{OTHER_NETWORK}.10")
-        self.addCleanup(other.close)
-        self.network.router.link("lan9", other.namespace, ControlPoint.LINK)
-        self.network.router.ip("address", "add", f"{OTHER_NETWORK}.1/24", "dev", "lan9")
-        other.namespace.ip("address", "add", f"{other.address}/24", "dev", ControlPoint.LINK)
-        other.namespace.ip("route", "add", "default", "via", f"{OTHER_NETWORK}.1")
-        self.router.lumenctl("upnp", "interface", "add", "lan9", "--role", "internal")
+        other = add_network(self)
         self.reach(other, seen_as=other.address)
 
     # Promise [wan-source]: A WAN host is seen by its own address.
@@ -101,7 +109,8 @@ class FirewallTest(RouterCase):
 
     def setUp(self):
         super().setUp()
-        self.server = self.lan[0]
+        self.network.let_bridge_alone()
+        self.server, self.neighbour = self.lan
         self.nft(f"""
             table inet filter {{
               chain forward {{
@@ -115,26 +124,56 @@ class FirewallTest(RouterCase):
     def nft(self, commands):
         self.network.router.run("nft", commands)
 
-    def reach(self):
-        exchange_tcp(self.wan, WAN_ADDRESS, PORT, self.server, SERVER_PORT)
+    def reach(self, host=None, seen_as=None):
+        exchange_tcp(host or self.wan, WAN_ADDRESS, PORT, self.server, SERVER_PORT,
+                     seen_as=seen_as)
+
+    def assert_stopped(self, host):
+        host.namespace.run("sh", "-c", "echo 1 > /proc/sys/net/ipv4/tcp_syn_retries")
+        with self.assertRaises(TimeoutError):
+            self.reach(host)
 
     # Promise [firewall-rule]: On a router that drops forwarded traffic an open port needs one rule,
-    # `ct status dnat accept`
+    # `iifname EXTERNAL ct status dnat accept`.
     def test_an_open_port_needs_one_rule(self):
-        self.wan.namespace.run("sh", "-c", "echo 1 > /proc/sys/net/ipv4/tcp_syn_retries")
-        with self.assertRaises(TimeoutError):
-            self.reach()
-        self.nft("add rule inet filter forward ct status dnat accept")
+        self.assert_stopped(self.wan)
+        self.nft(RULE)
         self.reach()
 
-    # Promise [firewall-only]: The rule `ct status dnat accept` lets in nothing but what open ports
-    # forward.
+    # Promise [firewall-only]: The rule `iifname EXTERNAL ct status dnat accept` lets in nothing but
+    # what open ports forward.
     def test_the_rule_lets_nothing_else_in(self):
-        self.nft("add rule inet filter forward ct status dnat accept")
+        self.nft(RULE)
         self.wan.namespace.run("sh", "-c", "echo 1 > /proc/sys/net/ipv4/tcp_syn_retries")
         self.wan.namespace.ip("route", "add", f"{self.server.address}/32", "via", WAN_ADDRESS)
         with self.server.listen(SERVER_PORT), self.assertRaises(TimeoutError):
             self.wan.connect(self.server.address, SERVER_PORT)
+
+    # Promise [firewall-lan]: That rule lets no LAN host through: a host that uses the external
+    # address is stopped as the firewall stops it otherwise.
+    def test_the_rule_lets_no_host_of_the_lan_through(self):
+        other = add_network(self)
+        self.nft(RULE)
+        self.reach()
+        for host in (other, self.neighbour, self.server):
+            self.assert_stopped(host)
+        self.nft("add rule inet filter forward ct status dnat accept")
+        self.reach(other)
+        for host in (self.neighbour, self.server):
+            self.reach(host, seen_as=LAN_ADDRESS)
+
+    # Promise: With a rule that names an internal interface twice, as the incoming
+    # and as the outgoing one, hosts of its network reach its open ports by the external address, and
+    # hosts of other networks do not.
+    def test_a_second_rule_admits_hosts_of_the_same_network(self):
+        other = add_network(self)
+        self.nft(RULE)
+        self.nft(f"add rule inet filter forward iifname {LAN_BRIDGE} oifname {LAN_BRIDGE} "
+                 "ct status dnat accept")
+        self.reach()
+        self.reach(self.neighbour, seen_as=LAN_ADDRESS)
+        self.reach(self.server, seen_as=LAN_ADDRESS)
+        self.assert_stopped(other)
 
 
 if __name__ == "__main__":

@@ -9,7 +9,7 @@ Findings findProblems(const Observation& seen) {
         checkLinks(seen.interfaces), checkExternalAddress(seen.interfaces),
         checkDefaultRoute(seen.defaultRoute, seen.interfaces),
         checkForwarding(seen.forwards, seen.interfaces),
-        checkFirewall(seen.chains.value_or(std::vector<ForwardChain>())),
+        checkFirewall(seen.chains.value_or(std::vector<ForwardChain>()), seen.interfaces),
         checkBridgedTraffic(seen.bridgedIsFiltered, seen.interfaces),
         checkPortUsers(seen.portUsers), checkSockets(seen.interfaces),
         checkPolicy(seen.policy, seen.interfaces), checkStalePorts(seen.rules)}) {

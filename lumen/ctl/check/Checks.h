@@ -28,7 +28,8 @@ namespace lumenctl {
                                        const std::vector<CheckedInterface>& interfaces);
 [[nodiscard]] Findings checkDefaultRoute(bool present,
                                          const std::vector<CheckedInterface>& interfaces);
-[[nodiscard]] Findings checkFirewall(const std::vector<ForwardChain>& chains);
+[[nodiscard]] Findings checkFirewall(const std::vector<ForwardChain>& chains,
+                                     const std::vector<CheckedInterface>& interfaces);
 [[nodiscard]] Findings checkPortUsers(const std::vector<PortUser>& users);
 [[nodiscard]] Findings checkBridgedTraffic(bool filtered,
                                            const std::vector<CheckedInterface>& interfaces);

@@ -10,29 +10,51 @@ namespace lumenctl {
 
 namespace {
 
-std::string ruleFor(const ForwardChain& chain) {
+/// How a command names an interface. A name that a shell, sed or nft may misread is left to the
+/// administrator.
+std::string inCommand(const std::string& link) {
+  const std::string letters = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ";
+  const bool plain = link.find_first_not_of(letters + "0123456789._-") == std::string::npos &&
+                     link.find_first_of(letters) == 0;
+  return plain ? link : "EXTERNAL";
+}
+
+/// `before`, each of the names and `after`, for each name; with `between` between them.
+std::string forEach(const std::vector<std::string>& names, const std::string& before,
+                    const std::string& after, const std::string& between) {
+  std::string text;
+  for (const std::string& name : names) {
+    text += (text.empty() ? "" : between) + before + name + after;
+  }
+  return text;
+}
+
+/// The commands that let open ports pass which packets come to by these interfaces.
+std::string rulesFor(const ForwardChain& chain, const std::vector<std::string>& links) {
+  const std::string match = " -m conntrack --ctstate DNAT -j ACCEPT";
   switch (chain.manager) {
     case ForwardChain::Manager::ufw:
       // What the commands of ufw write cannot look at the state; the file is of iptables-restore.
-      return "sed -i -e '/^[*]filter/,/^COMMIT/{/^COMMIT/i -A ufw-before-forward -m conntrack "
-             "--ctstate DNAT -j ACCEPT' -e '}' /etc/ufw/before.rules && ufw reload";
+      return "sed -i -e '/^[*]filter/,/^COMMIT/{" +
+             forEach(links, "/^COMMIT/i -A ufw-before-forward -i ", match, "' -e '") +
+             "' -e '}' /etc/ufw/before.rules && ufw reload";
     case ForwardChain::Manager::firewalld:
       return "set StrictForwardPorts=no in /etc/firewalld/firewalld.conf, then firewall-cmd "
              "--reload";
     case ForwardChain::Manager::none:
       break;
   }
-  const std::string iptables = " -I FORWARD -m conntrack --ctstate DNAT -j ACCEPT";
   switch (chain.tool) {
     case ForwardChain::Tool::iptables:
-      return "iptables" + iptables;
+      return forEach(links, "iptables -I FORWARD -i ", match, " && ");
     case ForwardChain::Tool::iptablesLegacy:
-      return "iptables-legacy" + iptables;
+      return forEach(links, "iptables-legacy -I FORWARD -i ", match, " && ");
     case ForwardChain::Tool::nft:
       break;
   }
-  return "nft insert rule " + chain.family + " " + chain.table + " " + chain.name +
-         " ct status dnat accept";
+  const std::string names = forEach(links, "", "", ", ");
+  return "nft insert rule " + chain.family + " " + chain.table + " " + chain.name + " iifname " +
+         (links.size() == 1 ? names : "{ " + names + " }") + " ct status dnat accept";
 }
 
 std::string nameOf(const ForwardChain& chain) {
@@ -108,16 +130,26 @@ Findings checkDefaultRoute(bool present, const std::vector<CheckedInterface>& in
            "ip route add default via GATEWAY dev " + external->name}};
 }
 
-Findings checkFirewall(const std::vector<ForwardChain>& chains) {
+Findings checkFirewall(const std::vector<ForwardChain>& chains,
+                       const std::vector<CheckedInterface>& interfaces) {
+  std::vector<std::string> external;
+  for (const CheckedInterface& interface : interfaces) {
+    if (interface.role == Role::external) external.push_back(interface.name);
+  }
+  if (external.empty()) external.emplace_back();
   Findings findings;
   for (const ForwardChain& chain : chains) {
-    if (!chain.stopsOpenPorts()) continue;
+    std::vector<std::string> stopped;
+    for (const std::string& link : external) {
+      if (chain.stopsOpenPorts(link)) stopped.push_back(inCommand(link));
+    }
+    if (stopped.empty()) continue;
     findings.push_back(
         {"firewall-drops",
          "The firewall drops forwarded packets, and does not let those of open ports "
          "pass (chain " +
              nameOf(chain) + ").",
-         "What arrives at an open port may not reach its host.", ruleFor(chain)});
+         "What arrives at an open port may not reach its host.", rulesFor(chain, stopped)});
   }
   return findings;
 }

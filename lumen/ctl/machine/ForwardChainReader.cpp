@@ -24,24 +24,50 @@ namespace lumenctl {
 
 namespace {
 
-/// Adds what a dump of all chains, or of all rules, of nf_tables says.
-Dumped dump(uint16_t kind, NftForwardChains& chains) {
-  alignas(nlmsghdr) std::array<char, 64> request{};
-  nlmsghdr* header = mnl_nlmsg_put_header(request.data());
+using Buffer = std::array<char, 1024>;
+
+/// Writes the request for a dump of nf_tables.
+nlmsghdr* beginDump(Buffer& buffer, uint16_t kind, uint32_t family) {
+  nlmsghdr* header = mnl_nlmsg_put_header(buffer.data());
   header->nlmsg_type = static_cast<uint16_t>(NFNL_SUBSYS_NFTABLES << 8 | kind);
   header->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
-  auto* family = static_cast<nfgenmsg*>(mnl_nlmsg_put_extra_header(header, sizeof(nfgenmsg)));
-  family->version = NFNETLINK_V0;
-  return dumpNetlink(NETLINK_NETFILTER, *header,
+  auto* body = static_cast<nfgenmsg*>(mnl_nlmsg_put_extra_header(header, sizeof(nfgenmsg)));
+  body->nfgen_family = static_cast<uint8_t>(family);
+  body->version = NFNETLINK_V0;
+  return header;
+}
+
+/// Adds what the dump says.
+Dumped dump(const nlmsghdr& request, NftForwardChains& chains) {
+  return dumpNetlink(NETLINK_NETFILTER, request,
                      [&](const nlmsghdr& message) { chains.take(message); });
+}
+
+/// A dump of all chains, or of all rules.
+Dumped dumpAll(uint16_t kind, NftForwardChains& chains) {
+  alignas(nlmsghdr) Buffer buffer{};
+  return dump(*beginDump(buffer, kind, NFPROTO_UNSPEC), chains);
+}
+
+Dumped dumpLinkSets(NftForwardChains& chains) {
+  for (const auto& [family, table, set] : chains.linkSets()) {
+    alignas(nlmsghdr) Buffer buffer{};
+    nlmsghdr* request = beginDump(buffer, NFT_MSG_GETSETELEM, family);
+    mnl_attr_put_strz(request, NFTA_SET_ELEM_LIST_TABLE, table.c_str());
+    mnl_attr_put_strz(request, NFTA_SET_ELEM_LIST_SET, set.c_str());
+    // The rights were sufficient for the rules, so a set that cannot be read has just gone.
+    if (dump(*request, chains) != Dumped::completely) return Dumped::inconsistently;
+  }
+  return Dumped::completely;
 }
 
 std::optional<std::vector<ForwardChain>> readNft() {
   constexpr int attempts = 5;
   for (int i = 0; i < attempts; ++i) {
     NftForwardChains chains;
-    Dumped dumped = dump(NFT_MSG_GETCHAIN, chains);
-    if (dumped == Dumped::completely) dumped = dump(NFT_MSG_GETRULE, chains);
+    Dumped dumped = dumpAll(NFT_MSG_GETCHAIN, chains);
+    if (dumped == Dumped::completely) dumped = dumpAll(NFT_MSG_GETRULE, chains);
+    if (dumped == Dumped::completely) dumped = dumpLinkSets(chains);
     if (dumped == Dumped::completely) return chains.chains();
     if (dumped == Dumped::failed) return std::nullopt;
   }

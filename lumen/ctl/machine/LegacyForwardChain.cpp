@@ -7,7 +7,10 @@
 #include <array>
 #include <cstddef>
 #include <cstring>
+#include <iterator>
+#include <string>
 #include <string_view>
+#include <vector>
 
 #include "lumen/services/system/netlink/NetlinkAttributes.h"
 
@@ -62,6 +65,14 @@ bool beginsChainOfUfw(const ipt_entry& head, Bytes entry) {
   return isOfUfw({reinterpret_cast<const char*>(name.data()), name.size()});
 }
 
+/// The incoming interface that it names, if it does.
+std::vector<std::string> linksOf(const ipt_ip& ip) {
+  if ((ip.invflags & IPT_INV_VIA_IN) != 0 || ip.iniface_mask[0] == 0) return {};
+  const Bytes name = std::as_bytes(std::span(ip.iniface));
+  return {linkPattern(name.first(
+      strnlen(reinterpret_cast<const char*>(ip.iniface_mask), std::size(ip.iniface_mask))))};
+}
+
 /// Of an entry of at least its own lengths.
 RuleEffect effectOf(const ipt_entry& head, Bytes entry) {
   const Bytes target = entry.subspan(head.target_offset);
@@ -99,13 +110,14 @@ ForwardChain readLegacyForwardChain(Bytes rules, const LegacyLayout& layout) {
     const bool fits = head.target_offset >= sizeof head && head.next_offset >= head.target_offset &&
                       head.next_offset <= rules.size() - offset;
     if (!fits) break;
-    const RuleEffect effect = effectOf(head, rules.subspan(offset, head.next_offset));
+    const ForwardRule rule{effectOf(head, rules.subspan(offset, head.next_offset)),
+                           linksOf(head.ip)};
     if (offset == layout.forwardEnd) {
-      chain.dropsAtEnd = effect == RuleEffect::dropsAll;
+      chain.dropsAtEnd = rule.effect == RuleEffect::dropsAll;
     } else if (offset >= layout.forward && offset < layout.forwardEnd) {
-      chain.rules.push_back(effect);
+      chain.rules.push_back(rule);
     } else if (offset > layout.builtInEnd) {
-      chain.acceptsOpenPortsElsewhere |= effect == RuleEffect::acceptsOpenPorts;
+      if (rule.effect == RuleEffect::acceptsOpenPorts) chain.elsewhere.push_back(rule);
       if (beginsChainOfUfw(head, rules.subspan(offset, head.next_offset))) {
         chain.manager = ForwardChain::Manager::ufw;
       }

@@ -48,16 +48,32 @@ class RuleReader {
     std::map<uint32_t, Bytes> fields = attributesOf(data);
     const bool wasStatus = std::exchange(loadedStatus_, false);
     const bool wasMasked = std::exchange(masked_, false);
+    const uint32_t linkRegister = std::exchange(linkRegister_, 0);
     if (expression == "counter") return;
     if (expression == "immediate") return takeImmediate(fields);
     if (expression == "reject") return decide(NF_DROP);
     if (expression == "target") return takeTarget(fields);
     conditional_ = true;
-    if (expression == "ct") {
+    if (expression == "meta") {
+      if (number(fields[NFTA_META_KEY]) == NFT_META_IIFNAME) {
+        linkRegister_ = number(fields[NFTA_META_DREG]);
+      }
+    } else if (expression == "lookup") {
+      // One with a destination gives a verdict or a value; one with flags holds for what is not
+      // in the set.
+      if (linkRegister != 0 && number(fields[NFTA_LOOKUP_SREG]) == linkRegister &&
+          fields.count(NFTA_LOOKUP_DREG) == 0 && number(fields[NFTA_LOOKUP_FLAGS]) == 0) {
+        linkSet_ = text(fields[NFTA_LOOKUP_SET]);
+      }
+    } else if (expression == "ct") {
       loadedStatus_ = number(fields[NFTA_CT_KEY]) == NFT_CT_STATUS && fields.count(NFTA_CT_DREG);
     } else if (expression == "bitwise") {
       masked_ = wasStatus && (hostValue(fields[NFTA_BITWISE_MASK]) & IPS_DST_NAT) != 0;
     } else if (expression == "cmp") {
+      if (linkRegister != 0 && number(fields[NFTA_CMP_SREG]) == linkRegister &&
+          number(fields[NFTA_CMP_OP]) == NFT_CMP_EQ) {
+        links_ = {linkPattern(attributesOf(fields[NFTA_CMP_DATA])[NFTA_DATA_VALUE])};
+      }
       openPorts_ |= wasMasked && number(fields[NFTA_CMP_OP]) == NFT_CMP_NEQ &&
                     hostValue(fields[NFTA_CMP_DATA]) == 0;
     } else if (expression == "match") {
@@ -66,7 +82,9 @@ class RuleReader {
     }
   }
 
-  [[nodiscard]] RuleEffect effect() const { return effect_; }
+  [[nodiscard]] ForwardRule rule() const { return {effect_, links_}; }
+  /// The set in which the incoming interface must be; empty: none.
+  [[nodiscard]] const std::string& linkSet() const { return linkSet_; }
 
  private:
   void takeImmediate(std::map<uint32_t, Bytes>& fields) {
@@ -94,6 +112,11 @@ class RuleReader {
   bool conditional_ = false;
   bool openPorts_ = false;  // holds for what was translated to another destination
   RuleEffect effect_ = RuleEffect::unknown;
+  // The register into which the expression before this one has loaded the incoming interface's
+  // name.
+  uint32_t linkRegister_ = 0;
+  std::vector<std::string> links_;
+  std::string linkSet_;
 };
 
 }  // namespace
@@ -111,6 +134,7 @@ void NftForwardChains::take(const nlmsghdr& message) {
   const int kind = NFNL_MSG_TYPE(message.nlmsg_type);
   if (kind == NFT_MSG_NEWCHAIN) takeChain(family, attributes);
   if (kind == NFT_MSG_NEWRULE) takeRule(family, attributes);
+  if (kind == NFT_MSG_NEWSETELEM) takeElements(family, attributes);
 }
 
 void NftForwardChains::takeChain(uint32_t family, Bytes attributes) {
@@ -119,9 +143,9 @@ void NftForwardChains::takeChain(uint32_t family, Bytes attributes) {
   chain.family = family == NFPROTO_INET ? "inet" : "ip";
   chain.table = text(fields[NFTA_CHAIN_TABLE]);
   chain.name = text(fields[NFTA_CHAIN_NAME]);
-  const ChainKey key(family, chain.table, chain.name);
+  const Key key(family, chain.table, chain.name);
   if (fields.count(NFTA_CHAIN_HOOK) == 0) {
-    others_[key] = false;
+    others_.insert(key);
     return;
   }
   if (number(attributesOf(fields[NFTA_CHAIN_HOOK])[NFTA_HOOK_HOOKNUM]) != NF_INET_FORWARD) return;
@@ -142,23 +166,57 @@ void NftForwardChains::takeRule(uint32_t family, Bytes attributes) {
     std::map<uint32_t, Bytes> expression = attributesOf(lumen::payload(element));
     reader.take(text(expression[NFTA_EXPR_NAME]), expression[NFTA_EXPR_DATA]);
   });
-  const ChainKey key(family, text(fields[NFTA_RULE_TABLE]), text(fields[NFTA_RULE_CHAIN]));
-  if (const auto it = forward_.find(key); it != forward_.end()) {
-    it->second.rules.push_back(reader.effect());
-  } else if (const auto other = others_.find(key); other != others_.end()) {
-    other->second |= reader.effect() == RuleEffect::acceptsOpenPorts;
+  const Key chain(family, text(fields[NFTA_RULE_TABLE]), text(fields[NFTA_RULE_CHAIN]));
+  rules_[chain].push_back({reader.rule(), reader.linkSet()});
+}
+
+void NftForwardChains::takeElements(uint32_t family, Bytes attributes) {
+  std::map<uint32_t, Bytes> fields = attributesOf(attributes);
+  LinkSet& set = sets_[Key(family, text(fields[NFTA_SET_ELEM_LIST_TABLE]),
+                           text(fields[NFTA_SET_ELEM_LIST_SET]))];
+  (void)lumen::visitAttributes(fields[NFTA_SET_ELEM_LIST_ELEMENTS], [&](const nlattr& element) {
+    std::map<uint32_t, Bytes> parts = attributesOf(lumen::payload(element));
+    set.intervals |= (number(parts[NFTA_SET_ELEM_FLAGS]) & NFT_SET_ELEM_INTERVAL_END) != 0;
+    set.links.push_back(linkPattern(attributesOf(parts[NFTA_SET_ELEM_KEY])[NFTA_DATA_VALUE]));
+  });
+}
+
+std::set<NftForwardChains::Key> NftForwardChains::linkSets() const {
+  std::set<Key> sets;
+  for (const auto& [chain, rules] : rules_) {
+    for (const Rule& rule : rules) {
+      if (rule.known.effect != RuleEffect::acceptsOpenPorts || rule.linkSet.empty()) continue;
+      sets.emplace(std::get<0>(chain), std::get<1>(chain), rule.linkSet);
+    }
   }
+  return sets;
+}
+
+std::vector<ForwardRule> NftForwardChains::rulesOf(const Key& chain) const {
+  std::vector<ForwardRule> result;
+  const auto rules = rules_.find(chain);
+  if (rules == rules_.end()) return result;
+  for (const Rule& rule : rules->second) {
+    result.push_back(rule.known);
+    const auto set = sets_.find(Key(std::get<0>(chain), std::get<1>(chain), rule.linkSet));
+    if (set != sets_.end() && !set->second.intervals) result.back().links = set->second.links;
+  }
+  return result;
 }
 
 std::vector<ForwardChain> NftForwardChains::chains() const {
   std::vector<ForwardChain> result;
   for (const auto& [key, chain] : forward_) {
     result.push_back(chain);
-    for (const auto& [otherKey, accepts] : others_) {
+    result.back().rules = rulesOf(key);
+    for (const Key& otherKey : others_) {
       if (std::get<0>(otherKey) != std::get<0>(key) || std::get<1>(otherKey) != std::get<1>(key)) {
         continue;
       }
-      result.back().acceptsOpenPortsElsewhere |= accepts;
+      for (ForwardRule& rule : rulesOf(otherKey)) {
+        if (rule.effect != RuleEffect::acceptsOpenPorts) continue;
+        result.back().elsewhere.push_back(std::move(rule));
+      }
       if (chain.tool != ForwardChain::Tool::nft && isOfUfw(std::get<2>(otherKey))) {
         result.back().manager = ForwardChain::Manager::ufw;
       }

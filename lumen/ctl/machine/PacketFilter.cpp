@@ -5,17 +5,35 @@
 #include <linux/netfilter/nf_conntrack_common.h>
 #include <linux/netfilter/xt_conntrack.h>
 
+#include <algorithm>
+
 #include "lumen/services/system/netlink/NetlinkAttributes.h"
 
 namespace lumenctl {
 
-bool ForwardChain::stopsOpenPorts() const {
-  if (acceptsOpenPortsElsewhere) return false;
-  for (const RuleEffect effect : rules) {
-    if (effect == RuleEffect::dropsAll) return true;
-    if (effect != RuleEffect::unknown) return false;
+bool ForwardRule::holdsFor(const std::string& link) const {
+  if (links.empty() || link.empty()) return true;
+  const std::string name = link + '\0';
+  return std::any_of(links.begin(), links.end(),
+                     [&](const std::string& pattern) { return name.starts_with(pattern); });
+}
+
+bool ForwardChain::stopsOpenPorts(const std::string& link) const {
+  const auto accepts = [&](const ForwardRule& rule) {
+    return rule.effect == RuleEffect::acceptsOpenPorts && rule.holdsFor(link);
+  };
+  if (std::any_of(elsewhere.begin(), elsewhere.end(), accepts)) return false;
+  for (const ForwardRule& rule : rules) {
+    if (rule.effect == RuleEffect::dropsAll) return true;
+    if (rule.effect == RuleEffect::acceptsAll || accepts(rule)) return false;
   }
   return dropsAtEnd;
+}
+
+std::string linkPattern(std::span<const std::byte> bytes) {
+  const std::string whole(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+  const size_t end = whole.find('\0');
+  return end == std::string::npos ? whole : whole.substr(0, end + 1);
 }
 
 bool matchesOpenPorts(std::string_view match, uint32_t revision, std::span<const std::byte> info) {

@@ -18,24 +18,41 @@ enum class RuleEffect {
   dropsAll,
 };
 
+struct ForwardRule {
+  /// Whether it can hold for packets that come in by this interface; of no name: by some interface.
+  [[nodiscard]] bool holdsFor(const std::string& link) const;
+
+  [[nodiscard]] bool operator==(const ForwardRule&) const = default;
+
+  RuleEffect effect = RuleEffect::unknown;
+  /// The incoming interfaces that it names, as linkPattern gives them. Empty: any, or those cannot
+  /// be seen here.
+  std::vector<std::string> links;
+};
+
 /// A chain that the kernel calls for each forwarded packet.
 struct ForwardChain {
   enum class Tool { nft, iptables, iptablesLegacy };  ///< what its rules are changed with
   enum class Manager { none, ufw, firewalld };        ///< the program that keeps them
 
-  /// Whether it seems to stop the packets for open ports.
-  [[nodiscard]] bool stopsOpenPorts() const;
+  /// Whether it seems to stop the packets for open ports that come in by this interface; of no
+  /// name: by all interfaces.
+  [[nodiscard]] bool stopsOpenPorts(const std::string& link) const;
 
   Tool tool = Tool::nft;
   Manager manager = Manager::none;
   std::string family;  ///< as nft names it: "ip" or "inet"
   std::string table;
   std::string name;
-  bool dropsAtEnd = false;        ///< what no rule decides
-  std::vector<RuleEffect> rules;  ///< in their order
-  /// A chain of the same table, which rules of this one may lead to, has acceptsOpenPorts.
-  bool acceptsOpenPortsElsewhere = false;
+  bool dropsAtEnd = false;         ///< what no rule decides
+  std::vector<ForwardRule> rules;  ///< in their order
+  /// What accepts open ports in chains of the same table, which rules of this one may lead to.
+  std::vector<ForwardRule> elsewhere;
 };
+
+/// `bytes` that the kernel compares with the start of an interface's name: up to its NUL when that
+/// is among them, else the start of many names.
+[[nodiscard]] std::string linkPattern(std::span<const std::byte> bytes);
 
 /// Whether a chain that no hook calls is one of ufw's, by its name.
 [[nodiscard]] inline bool isOfUfw(std::string_view chain) { return chain.starts_with("ufw-"); }

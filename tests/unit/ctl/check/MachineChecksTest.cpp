@@ -97,26 +97,80 @@ TEST(CheckDefaultRoute, IsMissedWhileAnExternalInterfaceWorks) {
   EXPECT_EQ(checkDefaultRoute(false, {wan}), Findings{}) << "it has no routes then";
 }
 
+/// Which interfaces the check names for a chain of this tool that drops all, on a router with these
+/// external interfaces.
+std::string ruleFor(const ForwardChain& chain, const std::vector<std::string>& external) {
+  std::vector<CheckedInterface> interfaces = {interface("br-lan", Role::internal, true)};
+  for (const std::string& name : external) {
+    interfaces.push_back(interface(name, Role::external, true));
+  }
+  const Findings findings = checkFirewall({chain}, interfaces);
+  return findings.empty() ? "" : findings.front().remedy;
+}
+
+ForwardChain droppingChain(ForwardChain::Tool tool) {
+  ForwardChain chain;
+  chain.tool = tool;
+  chain.family = "inet";
+  chain.table = "filter";
+  chain.name = "forward";
+  chain.dropsAtEnd = true;
+  return chain;
+}
+
+// Promise: The rules that `upnp check` names for a firewall let in what comes by the external
+// interfaces only.
+TEST(CheckFirewall, NamesEachExternalInterfaceThatTheChainStops) {
+  using Tool = ForwardChain::Tool;
+  const std::string match = " -m conntrack --ctstate DNAT -j ACCEPT";
+  ForwardChain chain = droppingChain(Tool::nft);
+  EXPECT_EQ(ruleFor(chain, {"wan0", "eth0.7"}),
+            "nft insert rule inet filter forward iifname { wan0, eth0.7 } ct status dnat accept");
+  EXPECT_EQ(ruleFor(droppingChain(Tool::iptables), {"wan0", "ppp0"}),
+            "iptables -I FORWARD -i wan0" + match + " && iptables -I FORWARD -i ppp0" + match);
+  chain.rules = {{RuleEffect::acceptsOpenPorts, {std::string("wan0") + '\0'}}};
+  EXPECT_EQ(ruleFor(chain, {"wan0"}), "");
+  EXPECT_EQ(ruleFor(chain, {"wan0", "ppp0"}),
+            "nft insert rule inet filter forward iifname ppp0 ct status dnat accept");
+  EXPECT_EQ(ruleFor(chain, {}), "") << "what is external is not known";
+  chain.rules = {{RuleEffect::acceptsOpenPorts, {}}};
+  EXPECT_EQ(ruleFor(chain, {"wan0", "ppp0"}), "") << "it names no interface";
+}
+
+// Promise: `upnp check` writes no name of an interface into a command that a shell could misread.
+TEST(CheckFirewall, NamesNoInterfaceThatAShellCouldMisread) {
+  const ForwardChain chain = droppingChain(ForwardChain::Tool::nft);
+  for (const std::string name : {"$(reboot)", "a;b", "6in4", "-i", "a'b", "ppp+", "a\\n"}) {
+    EXPECT_EQ(ruleFor(chain, {name}),
+              "nft insert rule inet filter forward iifname EXTERNAL ct status dnat accept")
+        << name;
+  }
+  EXPECT_EQ(ruleFor(chain, {}),
+            "nft insert rule inet filter forward iifname EXTERNAL ct status dnat accept")
+      << "no external interface yet";
+}
+
 // Promise [ctl-check-firewall]: `upnp check` finds each firewall that drops forwarded packets and
 // has no rule for those of open ports, of nftables, iptables and legacy iptables, and the rule that
 // it names lets them pass.
 TEST(CheckFirewall, NamesTheRuleForEachTool) {
   using Tool = ForwardChain::Tool;
+  const std::vector<CheckedInterface> router = {interface("wan0", Role::external, true)};
   for (const auto& [tool, chain, remedy] : std::vector<std::tuple<Tool, std::string, std::string>>{
            {Tool::nft, "forward of the nftables table inet filter",
-            "nft insert rule inet filter forward ct status dnat accept"},
+            "nft insert rule inet filter forward iifname wan0 ct status dnat accept"},
            {Tool::iptables, "forward of iptables",
-            "iptables -I FORWARD -m conntrack --ctstate DNAT -j ACCEPT"},
+            "iptables -I FORWARD -i wan0 -m conntrack --ctstate DNAT -j ACCEPT"},
            {Tool::iptablesLegacy, "forward of iptables-legacy",
-            "iptables-legacy -I FORWARD -m conntrack --ctstate DNAT -j ACCEPT"}}) {
+            "iptables-legacy -I FORWARD -i wan0 -m conntrack --ctstate DNAT -j ACCEPT"}}) {
     ForwardChain stops;
     stops.tool = tool;
     stops.family = "inet";
     stops.table = "filter";
     stops.name = "forward";
-    EXPECT_EQ(checkFirewall({stops}), Findings{}) << "it drops nothing";
+    EXPECT_EQ(checkFirewall({stops}, router), Findings{}) << "it drops nothing";
     stops.dropsAtEnd = true;
-    EXPECT_EQ(checkFirewall({stops, ForwardChain()}),
+    EXPECT_EQ(checkFirewall({stops, ForwardChain()}, router),
               (Findings{{"firewall-drops",
                          "The firewall drops forwarded packets, and does not let those of open "
                          "ports pass (chain " +
@@ -133,13 +187,17 @@ TEST(CheckFirewall, NamesWhatOutlivesAReloadOfUfwAndFirewalld) {
   stops.manager = ForwardChain::Manager::ufw;
   for (const auto tool : {ForwardChain::Tool::iptables, ForwardChain::Tool::iptablesLegacy}) {
     stops.tool = tool;
-    EXPECT_EQ(checkFirewall({stops}).front().remedy,
-              "sed -i -e '/^[*]filter/,/^COMMIT/{/^COMMIT/i -A ufw-before-forward -m conntrack "
-              "--ctstate DNAT -j ACCEPT' -e '}' /etc/ufw/before.rules && ufw reload");
+    EXPECT_EQ(ruleFor(stops, {"wan0"}),
+              "sed -i -e '/^[*]filter/,/^COMMIT/{/^COMMIT/i -A ufw-before-forward -i wan0 -m "
+              "conntrack --ctstate DNAT -j ACCEPT' -e '}' /etc/ufw/before.rules && ufw reload");
+    EXPECT_EQ(ruleFor(stops, {"wan0", "wan1"}),
+              "sed -i -e '/^[*]filter/,/^COMMIT/{/^COMMIT/i -A ufw-before-forward -i wan0 -m "
+              "conntrack --ctstate DNAT -j ACCEPT' -e '/^COMMIT/i -A ufw-before-forward -i wan1 -m "
+              "conntrack --ctstate DNAT -j ACCEPT' -e '}' /etc/ufw/before.rules && ufw reload");
   }
   stops.tool = ForwardChain::Tool::nft;
   stops.manager = ForwardChain::Manager::firewalld;
-  EXPECT_EQ(checkFirewall({stops}).front().remedy,
+  EXPECT_EQ(ruleFor(stops, {"wan0"}),
             "set StrictForwardPorts=no in /etc/firewalld/firewalld.conf, then firewall-cmd "
             "--reload");
 }

@@ -7,7 +7,10 @@
 
 #include <array>
 #include <cstring>
+#include <span>
 #include <string>
+#include <string_view>
+#include <tuple>
 #include <vector>
 
 #include "lumen/ctl/machine/LegacyForwardChain.h"
@@ -39,12 +42,52 @@ TEST(ForwardChain, StopsOpenPortsWhenTheFirstRuleThatCountsOrTheEndDrops) {
                                                     {{acceptsOpenPorts, dropsAll}, true, false},
                                                     {{unknown, dropsAll}, false, true}}) {
     ForwardChain chain;
-    chain.rules = rules;
+    for (const RuleEffect effect : rules) chain.rules.push_back({effect, {}});
     chain.dropsAtEnd = drops;
-    EXPECT_EQ(chain.stopsOpenPorts(), stops);
-    chain.acceptsOpenPortsElsewhere = true;
-    EXPECT_FALSE(chain.stopsOpenPorts());
+    EXPECT_EQ(chain.stopsOpenPorts("wan0"), stops);
+    chain.elsewhere = {{acceptsOpenPorts, {}}};
+    EXPECT_FALSE(chain.stopsOpenPorts("wan0"));
   }
+}
+
+std::string exactly(const std::string& link) { return link + '\0'; }
+
+TEST(ForwardRule, HoldsForTheInterfacesThatItNames) {
+  const ForwardRule named{RuleEffect::acceptsOpenPorts, {exactly("wan0"), "ppp"}};
+  EXPECT_TRUE(named.holdsFor("wan0"));
+  EXPECT_TRUE(named.holdsFor("ppp7"));
+  EXPECT_FALSE(named.holdsFor("wan01"));
+  EXPECT_FALSE(named.holdsFor("wan"));
+  EXPECT_FALSE(named.holdsFor("pp"));
+  EXPECT_TRUE(named.holdsFor("")) << "by some interface";
+  EXPECT_TRUE((ForwardRule{RuleEffect::acceptsOpenPorts, {}}).holdsFor("br-lan"));
+}
+
+// Promise: `upnp check` finds a firewall whose rules for open ports name other interfaces than the
+// external ones, or not all of them.
+TEST(ForwardChain, StopsOpenPortsOfAnInterfaceThatNoRuleNames) {
+  using enum RuleEffect;
+  ForwardChain chain;
+  chain.dropsAtEnd = true;
+  chain.rules = {{acceptsOpenPorts, {exactly("wan0")}}};
+  EXPECT_FALSE(chain.stopsOpenPorts("wan0"));
+  EXPECT_TRUE(chain.stopsOpenPorts("wan1"));
+  chain.elsewhere = {{acceptsOpenPorts, {exactly("wan2")}}};
+  EXPECT_TRUE(chain.stopsOpenPorts("wan1"));
+  EXPECT_FALSE(chain.stopsOpenPorts("wan2"));
+  chain.rules.push_back({acceptsOpenPorts, {exactly("wan1")}});
+  EXPECT_FALSE(chain.stopsOpenPorts("wan1"));
+  chain.rules.insert(chain.rules.begin() + 1, {dropsAll, {}});
+  EXPECT_TRUE(chain.stopsOpenPorts("wan1"));
+}
+
+TEST(ForwardRule, ReadsTheBytesThatTheKernelComparesWithAName) {
+  const auto pattern = [](std::string_view bytes) {
+    return linkPattern(std::as_bytes(std::span(bytes)));
+  };
+  EXPECT_EQ(pattern({"wan0\0\0\0\0\0\0\0\0\0\0\0\0", 16}), exactly("wan0"));
+  EXPECT_EQ(pattern("ppp"), "ppp");
+  EXPECT_EQ(pattern(""), "");
 }
 
 xt_conntrack_mtinfo3 ctstate(uint16_t states) {
@@ -89,11 +132,15 @@ struct LegacyTable {
 
   /// Returns where the rule begins.
   uint32_t add(int32_t verdict, const std::string& target = "", const Bytes& match = {},
-               const std::string& link = "") {
+               const std::string& link = "", uint8_t inverted = 0) {
     const auto begin = static_cast<uint32_t>(bytes.size());
     ipt_entry entry{};
-    link.copy(entry.ip.iniface, sizeof entry.ip.iniface - 1);
-    std::memset(entry.ip.iniface_mask, link.empty() ? 0 : 0xFF, link.size());
+    // As iptables writes it: "ppp+" names all whose names begin so.
+    const size_t named = link.ends_with('+') ? link.size() - 1 : link.size();
+    link.copy(entry.ip.iniface, named);
+    std::memset(entry.ip.iniface_mask, 0xFF,
+                link.empty() || named < link.size() ? named : named + 1);
+    entry.ip.invflags = inverted;
     entry.target_offset = static_cast<uint16_t>(sizeof entry + match.size());
     entry.next_offset = static_cast<uint16_t>(entry.target_offset + sizeof(xt_standard_target));
     const auto* head = reinterpret_cast<const std::byte*>(&entry);
@@ -124,6 +171,12 @@ Bytes match(uint16_t states) {
   return bytes;
 }
 
+Effects effectsOf(const ForwardChain& chain) {
+  Effects effects;
+  for (const ForwardRule& rule : chain.rules) effects.push_back(rule.effect);
+  return effects;
+}
+
 /// INPUT drops, FORWARD has these two rules and drops, OUTPUT accepts, and a chain of the
 /// administrator's follows.
 LegacyTable guarded(int32_t policy = LegacyTable::drop) {
@@ -141,9 +194,9 @@ LegacyTable guarded(int32_t policy = LegacyTable::drop) {
 TEST(LegacyTable, GivesTheForwardChainAlone) {
   const ForwardChain chain = guarded().read();
   EXPECT_EQ(chain.tool, ForwardChain::Tool::iptablesLegacy);
-  EXPECT_EQ(chain.rules, (Effects{RuleEffect::unknown, RuleEffect::unknown}));
+  EXPECT_EQ(effectsOf(chain), (Effects{RuleEffect::unknown, RuleEffect::unknown}));
   EXPECT_TRUE(chain.dropsAtEnd);
-  EXPECT_TRUE(chain.stopsOpenPorts());
+  EXPECT_TRUE(chain.stopsOpenPorts("wan0"));
   EXPECT_FALSE(guarded(LegacyTable::accept).read().dropsAtEnd);
 }
 
@@ -166,15 +219,33 @@ TEST(LegacyTable, KnowsWhatARuleDoes) {
     LegacyTable table;
     table.layout.forward = table.add(verdict, target, matched, link);
     table.layout.forwardEnd = table.layout.builtInEnd = table.add(LegacyTable::drop);
-    EXPECT_EQ(table.read().rules, Effects{effect}) << target << " " << verdict << " " << link;
+    EXPECT_EQ(effectsOf(table.read()), Effects{effect}) << target << " " << verdict << " " << link;
+  }
+}
+
+TEST(LegacyTable, KnowsTheInterfaceThatARuleNames) {
+  for (const auto& [link, inverted, links] :
+       std::vector<std::tuple<std::string, uint8_t, std::vector<std::string>>>{
+           {"", 0, {}},
+           {"wan0", 0, {exactly("wan0")}},
+           {"fifteen-letters", 0, {exactly("fifteen-letters")}},
+           {"ppp+", 0, {"ppp"}},
+           {"br-lan", IPT_INV_VIA_IN, {}}}) {
+    LegacyTable table;
+    table.layout.forward =
+        table.add(LegacyTable::accept, "", match(XT_CONNTRACK_STATE_DNAT), link, inverted);
+    table.layout.forwardEnd = table.layout.builtInEnd = table.add(LegacyTable::drop);
+    EXPECT_EQ(table.read().rules, (std::vector<ForwardRule>{{RuleEffect::acceptsOpenPorts, links}}))
+        << link;
   }
 }
 
 TEST(LegacyTable, FindsARuleForOpenPortsInAChainOfTheAdministrators) {
   LegacyTable table = guarded();
-  table.add(LegacyTable::accept, "", match(XT_CONNTRACK_STATE_DNAT));
-  EXPECT_TRUE(table.read().acceptsOpenPortsElsewhere);
-  EXPECT_FALSE(guarded().read().acceptsOpenPortsElsewhere);
+  table.add(LegacyTable::accept, "", match(XT_CONNTRACK_STATE_DNAT), "wan0");
+  EXPECT_EQ(table.read().elsewhere,
+            (std::vector<ForwardRule>{{RuleEffect::acceptsOpenPorts, {exactly("wan0")}}}));
+  EXPECT_TRUE(guarded().read().elsewhere.empty());
 }
 
 TEST(LegacyTable, KnowsTheChainsOfUfw) {

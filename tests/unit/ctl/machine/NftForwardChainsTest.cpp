@@ -10,7 +10,9 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "lumen/ctl/machine/NftForwardChains.h"
@@ -18,7 +20,7 @@
 namespace lumenctl {
 namespace {
 
-using Effects = std::vector<RuleEffect>;
+using Rules = std::vector<ForwardRule>;
 
 /// A message of the kernel that is being written.
 class Writer {
@@ -42,6 +44,10 @@ class Writer {
     mnl_attr_put_u32(&message(), type, value);
     return *this;
   }
+  Writer& bytes(uint16_t type, const std::string& value) {
+    mnl_attr_put(&message(), type, value.size(), value.data());
+    return *this;
+  }
   Writer& nest(uint16_t type, const std::function<void(Writer&)>& content) {
     nlattr* nested = mnl_attr_nest_start(&message(), type);
     content(*this);
@@ -59,6 +65,23 @@ class Writer {
   }
   Writer& reject() {
     return expression("reject", [](Writer& w) { w.number(NFTA_REJECT_TYPE, 2); });
+  }
+  Writer& loadsLink(uint32_t into = NFT_REG_1) {
+    return expression("meta", [&](Writer& w) {
+      w.number(NFTA_META_KEY, NFT_META_IIFNAME).number(NFTA_META_DREG, into);
+    });
+  }
+  Writer& comparesName(uint32_t operation, const std::string& bytes) {
+    return expression("cmp", [&](Writer& w) {
+      w.number(NFTA_CMP_SREG, NFT_REG_1).number(NFTA_CMP_OP, operation);
+      w.nest(NFTA_CMP_DATA, [&](Writer& data) { data.bytes(NFTA_DATA_VALUE, bytes); });
+    });
+  }
+  Writer& looksUp(const std::string& set, uint32_t flags = 0) {
+    return expression("lookup", [&](Writer& w) {
+      w.text(NFTA_LOOKUP_SET, set).number(NFTA_LOOKUP_SREG, NFT_REG_1);
+      if (flags != 0) w.number(NFTA_LOOKUP_FLAGS, flags);
+    });
   }
   Writer& someCondition() {
     return expression("meta", [](Writer& w) { w.number(NFTA_META_KEY, NFT_META_IIFNAME); });
@@ -113,6 +136,29 @@ Writer rule(const std::string& chainName, const std::function<void(Writer&)>& ex
   return writer;
 }
 
+/// A name as nft writes it to be compared exactly.
+std::string padded(std::string link) {
+  link.resize(16);
+  return link;
+}
+
+std::string exactly(const std::string& link) { return link + '\0'; }
+
+/// The elements of a set of "inet guard", the last `ends` of them ends of intervals.
+Writer elements(const std::string& set, const std::vector<std::string>& keys, size_t ends = 0) {
+  Writer writer(NFT_MSG_NEWSETELEM, NFPROTO_INET);
+  writer.text(NFTA_SET_ELEM_LIST_TABLE, "guard").text(NFTA_SET_ELEM_LIST_SET, set);
+  writer.nest(NFTA_SET_ELEM_LIST_ELEMENTS, [&](Writer& list) {
+    for (size_t i = 0; i < keys.size(); ++i) {
+      list.nest(NFTA_LIST_ELEM, [&](Writer& element) {
+        element.nest(NFTA_SET_ELEM_KEY, [&](Writer& w) { w.bytes(NFTA_DATA_VALUE, keys[i]); });
+        if (i + ends >= keys.size()) element.number(NFTA_SET_ELEM_FLAGS, NFT_SET_ELEM_INTERVAL_END);
+      });
+    }
+  });
+  return writer;
+}
+
 /// The table "inet guard" with a chain "forward" that drops and a chain "other" at no hook.
 struct Nft : testing::Test {
   Nft() {
@@ -124,7 +170,12 @@ struct Nft : testing::Test {
   /// What the only rule of "forward" does.
   RuleEffect effectOf(const std::function<void(Writer&)>& expressions) {
     take(rule("forward", expressions));
-    return found.chains().front().rules.back();
+    return found.chains().front().rules.back().effect;
+  }
+  /// The interfaces that the only rule of "forward" names.
+  std::vector<std::string> linksOf(const std::function<void(Writer&)>& expressions) {
+    take(rule("forward", expressions));
+    return found.chains().front().rules.back().links;
   }
 
   NftForwardChains found;
@@ -186,11 +237,60 @@ TEST_F(Nft, DoesNotKnowWhatDependsOnSomethingElse) {
   }
 }
 
+TEST_F(Nft, KnowsTheInterfacesThatARuleNames) {
+  const std::string wan = padded("wan0");
+  using Links = std::vector<std::string>;
+  const std::vector<std::tuple<const char*, Links, std::function<void(Writer&)>>> rules = {
+      {"a name", Links{exactly("wan0")},
+       [&](Writer& w) { w.loadsLink().comparesName(NFT_CMP_EQ, wan); }},
+      {"the start of a name", Links{"ppp"},
+       [](Writer& w) { w.loadsLink().comparesName(NFT_CMP_EQ, "ppp"); }},
+      {"a counter between", Links{exactly("wan0")},
+       [&](Writer& w) { w.counter().loadsLink().comparesName(NFT_CMP_EQ, wan); }},
+      {"any but that", Links{}, [&](Writer& w) { w.loadsLink().comparesName(NFT_CMP_NEQ, wan); }},
+      {"something else is compared", Links{},
+       [&](Writer& w) { w.loadsLink().someCondition().comparesName(NFT_CMP_EQ, wan); }},
+      {"another register is compared", Links{},
+       [&](Writer& w) { w.loadsLink(NFT_REG_2).comparesName(NFT_CMP_EQ, wan); }}};
+  for (const auto& [name, links, condition] : rules) {
+    EXPECT_EQ(linksOf([&](Writer& w) {
+                condition(w);
+                w.statusDnat().verdict(NF_ACCEPT);
+              }),
+              links)
+        << name;
+  }
+}
+
+TEST_F(Nft, KnowsTheInterfacesInTheSetOfARule) {
+  const auto accepts = [](const std::string& set, uint32_t flags = 0) {
+    return rule("forward", [&](Writer& w) {
+      w.loadsLink().looksUp(set, flags).statusDnat().verdict(NF_ACCEPT);
+    });
+  };
+  take(accepts("wans"));
+  take(accepts("ranges"));
+  take(accepts("lans", NFT_LOOKUP_F_INV));
+  take(rule("forward", [](Writer& w) { w.loadsLink().looksUp("other").verdict(NF_ACCEPT); }));
+  const auto key = [](const std::string& set) {
+    return NftForwardChains::Key(NFPROTO_INET, "guard", set);
+  };
+  EXPECT_EQ(found.linkSets(), (std::set<NftForwardChains::Key>{key("ranges"), key("wans")}));
+  EXPECT_EQ(found.chains().front().rules[0].links, std::vector<std::string>{}) << "not read yet";
+  take(elements("wans", {padded("wan1")}));
+  take(elements("wans", {padded("wan0")}));
+  take(elements("ranges", {padded("ppp"), padded("ppq")}, 1));
+  const std::vector<ForwardRule> rules = found.chains().front().rules;
+  EXPECT_EQ(rules[0].links, (std::vector<std::string>{exactly("wan1"), exactly("wan0")}));
+  EXPECT_EQ(rules[1].links, std::vector<std::string>{});
+  EXPECT_EQ(rules[2].links, std::vector<std::string>{});
+}
+
 TEST_F(Nft, KeepsTheOrderOfRules) {
   take(rule("forward", [](Writer& w) { w.verdict(NF_DROP); }));
   take(rule("forward", [](Writer& w) { w.statusDnat().verdict(NF_ACCEPT); }));
   EXPECT_EQ(found.chains().front().rules,
-            (Effects{RuleEffect::dropsAll, RuleEffect::acceptsOpenPorts}));
+            (Rules{{RuleEffect::dropsAll, {}}, {RuleEffect::acceptsOpenPorts, {}}}));
 }
 
 // Promise: `upnp check` is content with a rule for open ports in a chain that is jumped to, and
@@ -200,11 +300,11 @@ TEST_F(Nft, FindsARuleForOpenPortsInAnotherChainOfTheTable) {
   take(rule("elsewhere", [](Writer& w) { w.statusDnat().verdict(NF_ACCEPT); }));
   take(rule(
       "other", [](Writer& w) { w.statusDnat().verdict(NF_ACCEPT); }, "another"));
-  EXPECT_FALSE(found.chains().front().acceptsOpenPortsElsewhere);
+  EXPECT_EQ(found.chains().front().elsewhere, Rules{});
   take(rule("other", [](Writer& w) { w.statusDnat().verdict(NF_ACCEPT); }));
   take(rule("other", [](Writer& w) { w.verdict(NF_DROP); }));
-  EXPECT_TRUE(found.chains().front().acceptsOpenPortsElsewhere);
-  EXPECT_EQ(found.chains().front().rules, Effects{});
+  EXPECT_EQ(found.chains().front().elsewhere, (Rules{{RuleEffect::acceptsOpenPorts, {}}}));
+  EXPECT_EQ(found.chains().front().rules, Rules{});
 }
 
 TEST_F(Nft, KnowsTheFirewallThatManagesAChain) {
@@ -238,9 +338,8 @@ TEST_F(Nft, IgnoresOtherAndInvalidMessages) {
   whole.message().nlmsg_len = length;
   whole.message().nlmsg_type = NLMSG_DONE;
   found.take(whole.message());
-  const Effects effects = found.chains().front().rules;
-  for (const RuleEffect effect : effects) {
-    EXPECT_NE(effect, RuleEffect::dropsAll);
+  for (const ForwardRule& each : found.chains().front().rules) {
+    EXPECT_NE(each.effect, RuleEffect::dropsAll);
   }
 }
 
