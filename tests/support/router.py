@@ -35,17 +35,20 @@ class CommandFailed(Exception):
 class Router(Closing):
     """lumend in a network's router; starts at once, ends with close or with the process."""
 
-    def __init__(self, network, service_user=SERVICE_USER, verbose=False, private=None):
+    def __init__(self, network, service_user=SERVICE_USER, verbose=False, private=None, top=TOP,
+                 programs=PROGRAMS):
         """With `verbose` the programs' log goes to this process's standard output. `private` are
-        folders that lumend finds in place of the system's; see Namespace.popen."""
+        folders that lumend finds in place of the system's; see Namespace.popen. Another checkout's
+        `top` and `programs` make a router of that."""
         self.network = network
+        self.programs = programs
         self.namespace = network.router
         self.private = private
         self.lumend = None
         self._log = None
         self.root = pathlib.Path(tempfile.mkdtemp(prefix="palinode-"))
         try:
-            make_root(self.root, service_user)
+            make_root(self.root, service_user, top, programs)
             if not verbose:
                 self._log = open(self.root / "log", "ab", buffering=0)
             self.start()
@@ -60,7 +63,7 @@ class Router(Closing):
 
     def launch(self):
         """Starts lumend and does not wait for it."""
-        self.lumend = self.namespace.popen(str(PROGRAMS / "lumend"), "--root", str(self.root),
+        self.lumend = self.namespace.popen(str(self.programs / "lumend"), "--root", str(self.root),
                                            private=self.private, host_name="router",
                                            stdin=subprocess.DEVNULL, stdout=self._log,
                                            stderr=subprocess.STDOUT if self._log else None)
@@ -76,7 +79,7 @@ class Router(Closing):
 
     def lumenctl(self, *arguments):
         """Runs lumenctl; returns what it printed. Raises CommandFailed."""
-        done = subprocess.run([PROGRAMS / "lumenctl", "--root", self.root, *arguments],
+        done = subprocess.run([self.programs / "lumenctl", "--root", self.root, *arguments],
                               stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=30,
                               check=False)
         if done.returncode != 0:
@@ -159,17 +162,17 @@ class Router(Closing):
         shutil.rmtree(self.root)
 
 
-def make_root(root, service_user):
+def make_root(root, service_user, top=TOP, programs=PROGRAMS):
     """Fills `root` with what an installation has as /lumen, its services run as `service_user`."""
     root.chmod(0o755)
-    shutil.copytree(TOP / "etc", root / "etc", ignore=shutil.ignore_patterns("CMakeLists.txt"))
+    shutil.copytree(top / "etc", root / "etc", ignore=shutil.ignore_patterns("CMakeLists.txt"))
     services = root / "etc" / "services"
     shutil.rmtree(services, ignore_errors=True)
     services.mkdir()
     (services / f"{GATEWAY}.ini").write_text(f"""[service]
 name = {GATEWAY}
 number = 40
-executable = {PROGRAMS / "palinode-igd"}
+executable = {programs / "palinode-igd"}
 user = {service_user}
 boot = yes
 stores = upnp upnpm
@@ -178,7 +181,7 @@ network = internal
     (services / "resolver.ini").write_text(f"""[service]
 name = resolver
 number = 14
-executable = {PROGRAMS / "lumen-resolver"}
+executable = {programs / "lumen-resolver"}
 user = {RESOLVER_USER}
 answers-only = yes
 network = name-servers
