@@ -253,8 +253,8 @@ TEST_F(Nft, KnowsTheInterfacesThatARuleNames) {
       {"another register is compared", Links{},
        [&](Writer& w) { w.loadsLink(NFT_REG_2).comparesName(NFT_CMP_EQ, wan); }}};
   for (const auto& [name, links, condition] : rules) {
-    EXPECT_EQ(linksOf([&](Writer& w) {
-                condition(w);
+    EXPECT_EQ(linksOf([&compares = condition](Writer& w) {
+                compares(w);
                 w.statusDnat().verdict(NF_ACCEPT);
               }),
               links)
@@ -338,7 +338,8 @@ TEST_F(Nft, IgnoresOtherAndInvalidMessages) {
   whole.message().nlmsg_len = length;
   whole.message().nlmsg_type = NLMSG_DONE;
   found.take(whole.message());
-  for (const ForwardRule& each : found.chains().front().rules) {
+  const auto chains = found.chains();
+  for (const ForwardRule& each : chains.front().rules) {
     EXPECT_NE(each.effect, RuleEffect::dropsAll);
   }
 }
