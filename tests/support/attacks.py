@@ -61,13 +61,17 @@ class Wait:
     answered: bool  # by a proper reply
 
 
+def question(host, control):
+    """The request of this host for the external address."""
+    return LanHost(host.namespace, host.LINK, host.address, LAN_ADDRESS).invocation(
+        control, CONNECTION_SERVICE, "GetExternalIPAddress")
+
+
 class Bystander(Worker):
     """A host that asks for the external address all the while."""
 
     def __init__(self, host, control):
-        request = LanHost(host.namespace, host.LINK, host.address, LAN_ADDRESS).invocation(
-            control, CONNECTION_SERVICE, "GetExternalIPAddress")
-        super().__init__(host, self._ask, request)
+        super().__init__(host, self._ask, question(host, control))
 
     @staticmethod
     def _ask(pipe, goes_on, request):
@@ -150,6 +154,15 @@ class Pace:
         return True
 
 
+def connecting(source="0.0.0.0"):
+    """A socket of that address that connects to the gateway, and may be connected already."""
+    one = socket.socket()
+    one.bind((source, 0))
+    one.setblocking(False)
+    one.connect_ex(_GATEWAY)
+    return one
+
+
 # The attacks. Each goes on until it is told to end.
 
 
@@ -163,16 +176,17 @@ def hold_idle_connections(_, goes_on, rate=300):
             connections.go_on(0.002)
 
 
-def connect_again_and_again(_, goes_on, rate=2000):
-    """Opens so many connections a second, one after the other, and closes each at once."""
-    pace = Pace(rate)
+def connect_again_and_again(_, goes_on, source="0.0.0.0", rate=2000):
+    """Opens so many connections a second, one after the other, and closes each at once: one that
+    the gateway's queue has no place for is given up, since waiting would end the attack for a
+    second."""
+    due = time.monotonic()
     while goes_on():
-        if not pace.is_due():
-            time.sleep(0.0002)
-            continue
-        with socket.socket() as one, contextlib.suppress(OSError):
-            one.settimeout(1)
-            one.connect(_GATEWAY)
+        if (early := due - time.monotonic()) > 0:
+            time.sleep(early)
+        due = max(due + 1 / rate, time.monotonic() - 1 / rate)
+        with connecting(source):
+            pass
 
 
 def take_no_event(_, goes_on, events, change, changes=10):

@@ -51,6 +51,12 @@ class Siege(contextlib.ExitStack):
                          self._unread())
             time.sleep(0.05)
 
+    def accepted(self):
+        """How many connections the router's kernel has completed since its start."""
+        with open(self._of_gateway("net/snmp"), encoding="ascii") as counters:
+            names, values = [line.split() for line in counters if line.startswith("Tcp:")]
+        return int(values[names.index("PassiveOpens")])
+
     def change(self, number):
         """The request that opens a port, or closes it again for every other number."""
         host = LanHost(self.hostile.namespace, self.hostile.LINK, self.hostile.address, LAN_ADDRESS)
@@ -113,11 +119,15 @@ class Figures:
         """How many requests had no proper reply."""
         return sum(not wait.answered for wait in self.waits)
 
+    def percentile(self, percent):
+        """Seconds that so many of a hundred requests took at most."""
+        return sorted(wait.seconds for wait in self.waits)[len(self.waits) * percent // 100]
+
     def __str__(self):
         taken = sorted(wait.seconds for wait in self.waits)
         unread_for = self._unread_until - self._unread_since if self._unread_since else 0
         return (f"{len(taken):9} {taken[len(taken) // 2] * MILLISECONDS:8.1f} "
-                f"{taken[len(taken) * 99 // 100] * MILLISECONDS:8.1f} "
+                f"{self.percentile(99) * MILLISECONDS:8.1f} "
                 f"{taken[-1] * MILLISECONDS:8.1f} {sum(wait > 0.05 for wait in taken):8} "
                 f"{self.lost:6} {self.descriptors:12} {self.memory:8} {self.unread // KIB:7} "
                 f"{unread_for:7.1f}")
