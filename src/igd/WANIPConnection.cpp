@@ -1,7 +1,6 @@
 #include "igd/WANIPConnection.h"
 
 #include <algorithm>
-#include <iterator>
 
 #include "base/Log.h"
 #include "base/Text.h"
@@ -36,7 +35,7 @@ Id idOf(const std::string& externalPort, const std::string& protocol) {
 
 /// Whether the description of `wanted` may replace one of `replaced` bytes, 0 for a new mapping. A
 /// description no longer than the one it replaces always may. Returns false after a log line.
-bool hasRoomFor(const PortMap& wanted, size_t replaced, const std::map<Id, PortMap>& portMaps) {
+bool hasRoomFor(const PortMap& wanted, size_t replaced, const PortMaps& portMaps) {
   const size_t length = wanted.description.size();
   if (length <= std::max(shortDescription, replaced)) return true;
   size_t all = length - replaced;
@@ -220,7 +219,7 @@ UPNPStatus WANIPConnection::getGenericPortMappingEntry(const Values& in, Values&
     --index;
   }
   if (index >= portMaps.size()) return UPNP_SPECIFIED_ARRAY_INDEX_INVALID;
-  const auto& [id, mapping] = *std::next(portMaps.begin(), index);
+  const auto& [id, mapping] = portMaps.at(index);
   appendEntry(id, mapping, out);
   return UPNP_SUCCESS;
 }
@@ -235,9 +234,9 @@ UPNPStatus WANIPConnection::getSpecificPortMappingEntry(const Values& in, Values
     return UPNP_SUCCESS;
   }
   if (!remoteHost.empty()) return UPNP_NO_SUCH_ENTRY_IN_ARRAY;
-  const auto found = portMaps.find(idOf(externalPort, protocol));
-  if (found == portMaps.end()) return UPNP_NO_SUCH_ENTRY_IN_ARRAY;
-  appendMapping(found->second, out);
+  const PortMap* found = portMaps.find(idOf(externalPort, protocol));
+  if (found == nullptr) return UPNP_NO_SUCH_ENTRY_IN_ARRAY;
+  appendMapping(*found, out);
   return UPNP_SUCCESS;
 }
 
@@ -268,10 +267,9 @@ UPNPStatus WANIPConnection::addPortMapping(const Values& in, Values& /*out*/) {
     return UPNP_ONLY_PERMANENT_LEASES_SUPPORTED;
   }
 
-  const auto found = portMaps.find(id);
-  const bool known = found != portMaps.end();
+  PortMap* known = portMaps.find(id);
   logLine(known ? "set map " : "add map ", externalPort, "->", internalPort, ", ", internalClient);
-  if (known) return changeMapping(found->second, std::move(mapping));
+  if (known) return changeMapping(*known, std::move(mapping));
   if (!hasRoomFor(mapping, 0, portMaps)) return UPNP_ACTION_FAILED;
 
   const lm::message reply = nat::addRule(id, mapping, externalIP);
@@ -280,7 +278,7 @@ UPNPStatus WANIPConnection::addPortMapping(const Values& in, Values& /*out*/) {
     return UPNP_ACTION_FAILED;
   }
   mapping.ruleId = reply.get_u32(lm::key::objectId);
-  portMaps.emplace(id, std::move(mapping));
+  portMaps.add(id, std::move(mapping));
   countEntries();
   return UPNP_SUCCESS;
 }
@@ -303,18 +301,19 @@ UPNPStatus WANIPConnection::changeMapping(PortMap& mapping, PortMap wanted) {
 
 UPNPStatus WANIPConnection::deletePortMapping(const Values& in, Values& /*out*/) {
   const std::string& externalPort = in[1];
-  const auto found = portMaps.find(idOf(externalPort, in[2]));
-  if (found == portMaps.end()) {
+  const Id id = idOf(externalPort, in[2]);
+  const PortMap* found = portMaps.find(id);
+  if (found == nullptr) {
     logLine("deletePortMapping: NO_SUCH_ENTRY");
     return UPNP_NO_SUCH_ENTRY_IN_ARRAY;
   }
   logLine("del map ", externalPort);
-  const lm::message reply = nat::removeRule(found->second);
+  const lm::message reply = nat::removeRule(*found);
   if (lm::isError(reply)) {
     logLine("remove nat failed: ", lm::getError(reply));
     return UPNP_ACTION_FAILED;
   }
-  portMaps.erase(found);
+  portMaps.erase(id);
   countEntries();
   return UPNP_SUCCESS;
 }

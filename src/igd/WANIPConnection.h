@@ -1,11 +1,10 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <string>
 #include <vector>
 
-#include "igd/PortMap.h"
+#include "igd/PortMaps.h"
 #include "upnp/Service.h"
 
 /// WANIPConnection:1: the state of one external interface, and the port mappings that control
@@ -60,7 +59,7 @@ class WANIPConnection : public Service {
   [[nodiscard]] std::string getUptime();
 
   const uint32_t deviceId;
-  std::map<Id, PortMap> portMaps;
+  PortMaps portMaps;
   uint32_t externalIP;  // network byte order
   bool allowDisIface = true;
   bool showDummyRule = true;
