@@ -33,6 +33,26 @@ class LoadTest(RouterCase):
         self.router.stop()
         self.assertEqual(self.router.kernel_map(), "")
 
+    # Promise: `upnpc` lists a thousand ports in less than a second.
+    def test_upnpc_lists_a_thousand_ports_in_less_than_a_second(self):
+        self.router.lumenctl("nat", "policy", "set", "max-rules-per-client=1000")
+        Ports(self.router, 0).open(0, 1000)
+        rounds = []
+        while not (complete := [taken for taken, ports in rounds if ports == 1000]) or (
+                min(complete) >= 1.0):
+            self.assertLess(len(rounds), MOST_ROUNDS, f"(seconds, ports): {rounds}")
+            before, used = time.monotonic(), self.gateway_seconds()
+            listed = self.lan[1].upnpc("-l")
+            rounds.append((time.monotonic() - before, listed.count("->192.168.88.")))
+            used = self.gateway_seconds() - used
+        print(f"upnpc -l took {min(complete) * 1000:.0f} ms, {used * 1000:.0f} ms of which the "
+              f"gateway worked; (seconds, ports): {rounds}")
+
+    def gateway_seconds(self):
+        """Processor time that the gateway has used."""
+        with open(f"/proc/{self.router.gateway_pid()}/schedstat", encoding="ascii") as spent:
+            return int(spent.read().split()[0]) / 1e9
+
 
 class Ports:
     """The ports of a router from 10000 on, of which the first `count` stay open."""
