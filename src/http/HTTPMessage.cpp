@@ -11,6 +11,11 @@
 
 namespace {
 
+constexpr std::string_view fieldSeparator = ": ";
+
+/// Few messages have more fields.
+constexpr size_t usualFields = 8;
+
 const char* reasonPhrase(HTTPStatus status) {
   switch (status) {
     case HTTP_OK:
@@ -66,6 +71,10 @@ HTTPMessage::HTTPMessage(HTTPStatus status)
     : startLine("HTTP/1.1 " + inttostr(status) + " " + reasonPhrase(status)), complete(true) {}
 
 void HTTPMessage::addField(std::string_view name, std::string value) {
+  if (fieldNames.empty()) {
+    fieldNames.reserve(usualFields);
+    fieldValues.reserve(usualFields);
+  }
   fieldNames.push_back(toUpper(name));
   fieldValues.push_back(std::move(value));
 }
@@ -88,9 +97,15 @@ std::string HTTPMessage::getField(std::string_view name) const {
 bool HTTPMessage::hasField(std::string_view name) const { return find(name) != nullptr; }
 
 std::string HTTPMessage::get() const {
-  std::string text = startLine + CRLF;
+  size_t size = startLine.size() + CRLF.size() + CRLF.size() + body.size();
   for (size_t i = 0; i < fieldNames.size(); ++i) {
-    text.append(fieldNames[i]).append(": ").append(fieldValues[i]).append(CRLF);
+    size += fieldNames[i].size() + fieldSeparator.size() + fieldValues[i].size() + CRLF.size();
+  }
+  std::string text;
+  text.reserve(size);
+  text.append(startLine).append(CRLF);
+  for (size_t i = 0; i < fieldNames.size(); ++i) {
+    text.append(fieldNames[i]).append(fieldSeparator).append(fieldValues[i]).append(CRLF);
   }
   return text.append(CRLF).append(body);
 }

@@ -97,9 +97,7 @@ HTTPMessage Service::post(const HTTPMessage& request) {
     soapAction.erase(0, 1);
     if (!soapAction.empty()) soapAction.pop_back();
   }
-  if (soapAction == std::string(controlNamespace) + "#QueryStateVariable") {
-    return queryStateVariable(*body);
-  }
+  if (soapAction == queryAction) return queryStateVariable(*body);
   return invokeAction(*body, soapAction.substr(soapAction.find('#') + 1));
 }
 

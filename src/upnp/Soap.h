@@ -12,6 +12,10 @@ inline constexpr std::string_view soapEncoding = "http://schemas.xmlsoap.org/soa
 /// The namespace of QueryStateVariable and of faults (UPnP Device Architecture 1.0, section 3).
 inline constexpr std::string_view controlNamespace = "urn:schemas-upnp-org:control-1-0";
 
+/// The SOAPACTION of QueryStateVariable, without its quotes.
+inline constexpr std::string_view queryAction =
+    "urn:schemas-upnp-org:control-1-0#QueryStateVariable";
+
 /// The part of a qualified XML name after its last colon, or all of it. A view into `name`.
 [[nodiscard]] std::string_view localName(std::string_view name);
 

@@ -4,6 +4,13 @@
 
 unsigned xmlIndent = 0;
 
+namespace {
+
+/// Room for the answer to a control request, in bytes.
+constexpr size_t usualSize = 512;
+
+}  // namespace
+
 XMLNode& XMLNode::addSubNode(std::string nodeName, std::string nodeValue) {
   XMLNode& node = subNodes.emplace_back(std::move(nodeName));
   node.value = std::move(nodeValue);
@@ -18,6 +25,7 @@ void XMLNode::addProperty(std::string propName, std::string propValue) {
 
 std::string XMLNode::get() const {
   std::string out;
+  out.reserve(usualSize);
   write(out);
   return out;
 }

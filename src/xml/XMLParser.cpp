@@ -20,10 +20,31 @@ struct FreeParser {
 };
 using ParserHandle = std::unique_ptr<XML_ParserStruct, FreeParser>;
 
+ParserHandle makeParser() { return ParserHandle(XML_ParserCreate("UTF-8")); }
+
+/// A document of at most this many bytes is parsed by the parser of the one before: to make one
+/// costs more than to parse a control request. What expat keeps for the next document then stays
+/// small.
+constexpr size_t smallDocument = 4096;
+
+/// The parser for small documents, ready for the next one; null when there is no memory.
+XML_Parser reusedParser() {
+  static ParserHandle parser;
+  if (!parser) {
+    parser = makeParser();
+  } else {
+    XML_ParserReset(parser.get(), "UTF-8");
+  }
+  return parser.get();
+}
+
 /// The state of one parse; expat's user data.
 class Parse {
  public:
-  explicit Parse(XMLNode& root) : stack{&root} {}
+  explicit Parse(XMLNode& root) {
+    stack.reserve(XMLParser::maxDepth + 1);
+    stack.push_back(&root);
+  }
 
   [[nodiscard]] bool run(std::string_view document);
 
@@ -45,7 +66,7 @@ class Parse {
   bool grow(size_t bytes);
   void stop();
 
-  ParserHandle expat_{XML_ParserCreate("UTF-8")};
+  XML_Parser expat_ = nullptr;
   std::vector<XMLNode*> stack;  // open elements, the innermost last, on top of the root
   bool textPending = false;     // a start tag was seen, and its text is not stored yet
   std::string text;             // the last piece of character data
@@ -54,13 +75,16 @@ class Parse {
 };
 
 bool Parse::run(std::string_view document) {
-  if (!expat_ || document.size() > std::numeric_limits<int>::max()) return false;
-  XML_SetUserData(expat_.get(), this);
-  XML_SetElementHandler(expat_.get(), startTag, endTag);
-  XML_SetCharacterDataHandler(expat_.get(), characterData);
-  XML_SetBillionLaughsAttackProtectionActivationThreshold(expat_.get(), freeExpansion);
-  XML_SetBillionLaughsAttackProtectionMaximumAmplification(expat_.get(), maxExpansion);
-  return XML_Parse(expat_.get(), document.data(), static_cast<int>(document.size()), XML_TRUE) ==
+  const bool small = document.size() <= smallDocument;
+  const ParserHandle own = small ? ParserHandle() : makeParser();
+  expat_ = small ? reusedParser() : own.get();
+  if (expat_ == nullptr || document.size() > std::numeric_limits<int>::max()) return false;
+  XML_SetUserData(expat_, this);
+  XML_SetElementHandler(expat_, startTag, endTag);
+  XML_SetCharacterDataHandler(expat_, characterData);
+  XML_SetBillionLaughsAttackProtectionActivationThreshold(expat_, freeExpansion);
+  XML_SetBillionLaughsAttackProtectionMaximumAmplification(expat_, maxExpansion);
+  return XML_Parse(expat_, document.data(), static_cast<int>(document.size()), XML_TRUE) ==
          XML_STATUS_OK;
 }
 
@@ -100,7 +124,7 @@ bool Parse::grow(size_t bytes) {
 
 void Parse::stop() {
   stopped_ = true;
-  XML_StopParser(expat_.get(), XML_FALSE);
+  XML_StopParser(expat_, XML_FALSE);
 }
 
 }  // namespace

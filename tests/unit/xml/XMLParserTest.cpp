@@ -313,3 +313,26 @@ TEST(XMLParser, TakesEveryBeginningOfADocument) {
   }
   EXPECT_TRUE(XMLParser(document).ok);
 }
+
+TEST(XMLParser, KeepsNothingOfTheDocumentBefore) {
+  const std::string document = "<a><b/></a>";
+  const std::string before[] = {
+      "<x y='1'>text</x>",
+      "<x>text",                                      // ends too early
+      "<x></y>",                                      // no document
+      nested(XMLParser::maxDepth + 1),                // given up
+      "<!DOCTYPE x [<!ENTITY e 'text'>]><x>&e;</x>",  // declares an entity
+      repeat(" ", 5000) + "<x>text</x>",              // too large for the same parser
+      "",
+  };
+  for (const std::string& text : before) {
+    (void)XMLParser(text);
+    const XMLParser parser(document);
+    ASSERT_TRUE(parser.ok) << text;
+    const XMLNode& a = onlyIn(parser.root);
+    EXPECT_EQ(a.name, "a") << text;
+    EXPECT_TRUE(a.properties.empty()) << text;
+    EXPECT_EQ(onlyIn(a).value, "") << text;
+    EXPECT_FALSE(XMLParser("<a>&e;</a>").ok) << text;
+  }
+}
