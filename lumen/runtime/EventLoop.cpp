@@ -76,6 +76,7 @@ void EventLoop::addSocket(int fd, void* owner, SocketCallback callback, unsigned
   };
   ev_io_init(&watch->io, becameReady, fd, events);
   start(watch);
+  if ((flags & watchRead) && !accepts) started_.push_back(watch);
 }
 
 void EventLoop::removeSocket(int fd) {
@@ -107,10 +108,10 @@ void EventLoop::turn(std::optional<std::chrono::milliseconds> limit) {
   const Clock::Time now = clock_.now();
   const uint64_t added = timers_.added();
   wait(now, limit);
-  for (const Ready& ready : ready_) {
-    if (!ready.watch->accepts) acceptWaiting();
-    dispatch(ready);
-    unchecked_.push_back(ready.watch);
+  dispatchReady();
+  if (!started_.empty()) {
+    pollStarted();
+    dispatchReady();
   }
   while (const auto timer = timers_.takeDue(now, added)) {
     acceptWaiting();
@@ -126,6 +127,7 @@ void EventLoop::wait(Clock::Time now, std::optional<std::chrono::milliseconds> l
     limit = std::min(limit.value_or(left), left);
   }
   dropClosed();
+  started_.clear();
   ready_.clear();
   ev_now_update(libev_->loop);
   // A time of 0 stops the timer of the last wait.
@@ -137,6 +139,23 @@ void EventLoop::wait(Clock::Time now, std::optional<std::chrono::milliseconds> l
   std::stable_partition(ready_.begin(), ready_.end(),
                         [](const Ready& ready) { return ready.watch->accepts; });
   polled_ = true;
+}
+
+/// A client has usually sent its request when its connection is accepted: asking at once saves
+/// registering the descriptor and waiting for it.
+void EventLoop::pollStarted() {
+  std::vector<WatchPtr> watches = listeners_;
+  watches.insert(watches.end(), started_.begin(), started_.end());
+  ready_ = pollNow(std::move(watches));
+  polled_ = true;
+}
+
+void EventLoop::dispatchReady() {
+  for (const Ready& ready : ready_) {
+    if (!ready.watch->accepts) acceptWaiting();
+    dispatch(ready);
+    unchecked_.push_back(ready.watch);
+  }
 }
 
 void EventLoop::dispatch(const Ready& ready) {

@@ -17,15 +17,17 @@ namespace lm {
 /// One thread's descriptors and timers. libev waits for descriptors; timers are the loop's own
 /// queue on the injected clock. getRunner() returns the loop while it lives; there is at most one.
 ///
-/// In a turn every ready watch is dispatched once, then every timer that was due when the turn
-/// began. A timer that falls due while callbacks run thus waits until the descriptors have been
-/// polled again: data that arrived in time comes before the timeout that guards it.
+/// In a turn every ready watch is dispatched once, then those that were started meanwhile and have
+/// something to read, then every timer that was due when the turn began. A timer that falls due
+/// while callbacks run thus waits until the descriptors have been polled again: data that arrived
+/// in time comes before the timeout that guards it.
 ///
 /// A listening socket queues only one client, and a full queue costs the next one a whole second:
 /// listening sockets are dispatched first. Between any two other callbacks they are polled again
 /// and dispatched until no client waits, at most 16 times each, so that clients that connect faster
 /// than they are accepted delay the others by a bounded time only. The wait of a turn is its first
-/// poll; each further one costs one system call, if there are listening sockets.
+/// poll; each further one costs one system call, if there are listening sockets. So does the look
+/// at what was started, which polls them as well.
 ///
 /// A descriptor that stays ready without progress must not use up the processor: a watch whose
 /// callback returned false twice in a row is paused for 100 ms each time.
@@ -69,6 +71,8 @@ class EventLoop : public ThinRunner {
   void stop(Watch& watch);
   static void resume(void* watch);
   void wait(Clock::Time now, std::optional<std::chrono::milliseconds> limit);
+  void pollStarted();
+  void dispatchReady();
   void dispatch(const Ready& ready);
   void dropClosed();
   void acceptWaiting();
@@ -79,8 +83,9 @@ class EventLoop : public ThinRunner {
   const std::unique_ptr<Libev> libev_;
   std::map<int, WatchPtr> watches_;
   std::vector<WatchPtr> listeners_;  // those that are not paused
+  std::vector<WatchPtr> started_;    // to read from, since the last wait
   std::vector<WatchPtr> unchecked_;  // started or dispatched since it was known to be open
-  std::vector<Ready> ready_;         // found by the last wait, listeners first
+  std::vector<Ready> ready_;         // found by the last poll of a turn, listeners first
   bool polled_ = false;              // the listeners, since the last callback
 };
 

@@ -100,8 +100,8 @@ TEST_F(HTTPServerTest, AnswersARequestThatArrivedWhileAnotherOneTookTenSeconds) 
   Client quick;
   accept(1);
   Client slow;
-  slow.send("GET /slow HTTP/1.1\r\n\r\n");
   accept(2);
+  slow.send("GET /slow HTTP/1.1\r\n\r\n");
   gateway.work = [&] {
     gateway.work = {};
     quick.send("GET /quick HTTP/1.1\r\n\r\n");

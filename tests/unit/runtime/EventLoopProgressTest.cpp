@@ -94,6 +94,20 @@ TEST_F(Listeners, ArePolledBetweenAnyTwoOtherCallbacks) {
   EXPECT_EQ(accepted_.size(), 3U);
 }
 
+TEST_F(Listeners, AreDrainedBeforeAConnectionThatWasJustAcceptedIsServed) {
+  Probe& p = acceptingWatch();
+  p.then = [this, &p] {
+    acceptOne(p);
+    if (accepted_.size() > 1) return;
+    test::writeText(a_.peer.get(), "x");
+    watch("connection", a_.ours.get());
+    for (int i = 0; i < 2; ++i) clientConnects();
+  };
+  clientConnects();
+  turn();
+  EXPECT_EQ(calls(), (Names{"listener", "listener", "listener", "connection"}));
+}
+
 // Promise [loop-accepts]: A listening socket whose callback accepts is called as often as clients
 // wait, between two other callbacks at most 16 times, so that an endless stream of clients delays
 // the others by a bounded time.

@@ -247,6 +247,30 @@ TEST_F(Watches, CallBackOnceATurnAsLongAsTheDescriptorIsReady) {
   EXPECT_EQ(calls(), Names{});
 }
 
+// Promise: A watch that a callback starts is called in the same turn if there is something to read,
+// once and before the timers.
+TEST_F(Watches, StartedInATurnAreDispatchedInItWhenThereIsSomethingToRead) {
+  watch("a", a_.ours.get()).then = [this] {
+    test::readAvailable(a_.ours.get());
+    watch("b", b_.ours.get());
+    timer("timer", 0);
+  };
+  timer("due", 0);
+  test::writeText(a_.peer.get(), "x");
+  test::writeText(b_.peer.get(), "x");
+  turn();
+  EXPECT_EQ(calls(), (Names{"a", "b", "due"}));
+  turn();
+  EXPECT_EQ(calls(), (Names{"b", "timer"}));
+}
+
+TEST_F(Watches, StartedInATurnWaitForTheNextWhenThereIsNothingToRead) {
+  watch("a", a_.ours.get()).then = [this] { watch("b", b_.ours.get(), watchRead | watchWrite); };
+  test::writeText(a_.peer.get(), "x");
+  turn();
+  EXPECT_EQ(calls(), Names{"a"});
+}
+
 // Promise: Watches are called in the order in which their descriptors became ready.
 TEST_F(Watches, CallBackInTheOrderInWhichTheirDescriptorsBecameReady) {
   std::vector<std::unique_ptr<SocketPair>> pairs;
