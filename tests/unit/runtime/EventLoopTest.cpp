@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -320,6 +321,17 @@ TEST_F(Watches, ADescriptorOfMinusOneIsIgnored) {
   removeSocket(-1);
   turn();
   EXPECT_EQ(calls(), Names{});
+}
+
+TEST_F(Watches, DescriptorZeroIsLikeAnyOther) {
+  const Fd input(dup(STDIN_FILENO));
+  ASSERT_EQ(dup2(a_.ours.get(), STDIN_FILENO), STDIN_FILENO);
+  watch("zero", STDIN_FILENO);
+  test::writeText(a_.peer.get(), "x");
+  turn();
+  EXPECT_EQ(calls(), Names{"zero"});
+  removeSocket(STDIN_FILENO);
+  dup2(input.get(), STDIN_FILENO);
 }
 
 // Promise: A second watch of a descriptor replaces the first.
