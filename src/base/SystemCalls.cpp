@@ -78,15 +78,17 @@ class Filter {
   std::unique_ptr<void, void (*)(scmp_filter_ctx)> context_;
 };
 
-void apply(std::span<const SystemCall> calls, uint32_t action, uint32_t otherwise,
-           std::span<const RefusedCall> refused) {
+void apply(std::initializer_list<std::span<const SystemCall>> lists, uint32_t action,
+           uint32_t otherwise, std::span<const RefusedCall> refused) {
   if (!confined) return;
   if (prctl(PR_GET_SECCOMP) < 0) {
     logLine("this kernel cannot forbid system calls");
     return;
   }
   Filter filter(otherwise);
-  for (const SystemCall& call : calls) filter.add(call, action);
+  for (const std::span<const SystemCall>& calls : lists) {
+    for (const SystemCall& call : calls) filter.add(call, action);
+  }
   for (const RefusedCall& call : refused) {
     filter.add(call.call, SCMP_ACT_ERRNO(static_cast<uint32_t>(call.error)));
   }
@@ -96,10 +98,11 @@ void apply(std::span<const SystemCall> calls, uint32_t action, uint32_t otherwis
 
 }  // namespace
 
-void allowOnly(std::span<const SystemCall> allowed, std::span<const RefusedCall> refused) {
+void allowOnly(std::initializer_list<std::span<const SystemCall>> allowed,
+               std::span<const RefusedCall> refused) {
   apply(allowed, SCMP_ACT_ALLOW, SCMP_ACT_TRAP, refused);
 }
 
 void forbid(std::span<const SystemCall> forbidden, std::span<const RefusedCall> refused) {
-  apply(forbidden, SCMP_ACT_TRAP, SCMP_ACT_ALLOW, refused);
+  apply({forbidden}, SCMP_ACT_TRAP, SCMP_ACT_ALLOW, refused);
 }

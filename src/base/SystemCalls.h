@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
 #include <span>
 
 /// A system call in a list, and what its arguments must be for the entry to mean it: an entry
@@ -28,11 +29,12 @@ struct RefusedCall {
   int error = 0;
 };
 
-/// From here on this process, and every program that it starts, may make only the calls of
-/// `allowed`. Any other ends the process by SIGSYS, after a line in its log that names the call.
-/// Ends the process with exit status 1 when the kernel refuses the list; a kernel without such
-/// lists is logged. Does nothing in a build without confinement. The process has one thread.
-void allowOnly(std::span<const SystemCall> allowed, std::span<const RefusedCall> refused);
+/// From here on this process, and every program that it starts, may make only the calls of the
+/// lists in `allowed`. Any other ends the process by SIGSYS, after a line in its log that names the
+/// call. Ends the process with exit status 1 when the kernel refuses the list; a kernel without
+/// such lists is logged. Does nothing in a build without confinement. The process has one thread.
+void allowOnly(std::initializer_list<std::span<const SystemCall>> allowed,
+               std::span<const RefusedCall> refused);
 
 /// From here on this process, and every program that it starts, may make every call but those of
 /// `forbidden`. As allowOnly otherwise; a started program that makes one ends without the line.
