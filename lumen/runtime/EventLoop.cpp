@@ -154,7 +154,6 @@ void EventLoop::dispatchReady() {
   for (const Ready& ready : ready_) {
     if (!ready.watch->accepts) acceptWaiting();
     dispatch(ready);
-    unchecked_.push_back(ready.watch);
   }
 }
 
@@ -164,6 +163,7 @@ void EventLoop::dispatch(const Ready& ready) {
   polled_ = false;
   const bool progress = watch.callback(watch.owner, watch.io.fd, ready.flags);
   if (watch.removed) return;
+  unchecked_.push_back(ready.watch);
   if (!progress && watch.stuck) {
     stop(watch);
     timers_.add({&watch, &EventLoop::resume}, clock_.now() + pause);
@@ -190,7 +190,8 @@ std::vector<EventLoop::Ready> EventLoop::pollNow(std::vector<WatchPtr> watches) 
   std::vector<pollfd> seen;
   seen.reserve(watches.size());
   for (const WatchPtr& watch : watches) seen.push_back({watch->io.fd, POLLIN, 0});
-  if (seen.empty() || poll(seen.data(), seen.size(), 0) <= 0) return {};
+  // When it fails it leaves all revents 0.
+  if (!seen.empty()) poll(seen.data(), seen.size(), 0);
   std::vector<Ready> ready;
   for (size_t i = 0; i < seen.size(); ++i) {
     if (seen[i].revents & POLLNVAL) {
