@@ -51,6 +51,12 @@ foreach(flag -fcf-protection -mbranch-protection=standard -fstack-clash-protecti
 endforeach()
 unset(CMAKE_REQUIRED_FLAGS)
 
+# Files longer than 2 GiB and times after 2038. The C library's functions then take other types; a
+# library that hands such a type over, as c-ares does, must be built in the same way.
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  add_compile_definitions(_FILE_OFFSET_BITS=64 _TIME_BITS=64)
+endif()
+
 add_library(palinode_warnings INTERFACE)
 target_compile_options(palinode_warnings INTERFACE
   -Wall -Wextra -Wconversion -Wsign-conversion -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual

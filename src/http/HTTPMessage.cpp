@@ -79,7 +79,7 @@ void HTTPMessage::addField(std::string_view name, std::string value) {
   fieldValues.push_back(std::move(value));
 }
 
-void HTTPMessage::addDate(long t) {
+void HTTPMessage::addDate(time_t t) {
   const time_t seconds = t != 0 ? t : time(nullptr);
   std::array<char, 32> text = {};
   tm calendar = {};

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <ctime>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -22,7 +23,7 @@ class HTTPMessage {
   /// Appends a field under its name in upper case, even if a field of that name exists.
   void addField(std::string_view name, std::string value);
   /// Appends "DATE" with the time `t` in seconds since 1970 (RFC 9110 section 5.6.7); 0 means now.
-  void addDate(long t);
+  void addDate(time_t t);
 
   /// The value of the first field of that name, case ignored; empty when there is none.
   [[nodiscard]] std::string getField(std::string_view name) const;
