@@ -23,6 +23,10 @@ user_packages=("${unit_packages[@]}" python3 iproute2 clang-format lld mold)
 test_packages=("${user_packages[@]}" "${run_packages[@]}" "${package_packages[@]}" ccache
   clang libclang-rt-dev nmap gir1.2-gupnp-1.6 python3-gi libupnp-dev
   debootstrap lintian zsh iptables procps)
+# What building for another machine needs besides, but its compiler.
+crossing_packages=(apt dpkg-dev debian-archive-keyring xz-utils bzip2 make gperf flex bison ccache)
+# What running programs of another machine needs besides.
+emulation_packages=(qemu-user-static)
 # What measuring the coverage needs besides.
 coverage_packages=(llvm)
 

@@ -1,0 +1,225 @@
+#!/usr/bin/env bash
+# Builds libraries of the programs for another machine or another C library, static, from Debian's
+# source packages in the table beside this file.
+#   scripts/crossing/libraries.sh HOST PREFIX PACKAGE...
+#     HOST     the target as configure scripts name it: mips-linux-gnu
+#     PREFIX   where include/, lib/, lib/pkgconfig/ and lib/cmake/ end up
+#     PACKAGE  names of the table, what others need first
+#   scripts/crossing/libraries.sh --fetch PACKAGE...
+#     only downloads what is not there yet; status 4, and the names, when the archive lacks some
+# From the environment: CC, CXX, AR, RANLIB (without them HOST-gcc and so on), CFLAGS and CXXFLAGS
+# (-O2). Sources are kept in ~/.cache/palinode-igd/sources. What PREFIX already has, built in the
+# same way from the same version, is left alone.
+# What this needs itself: the list crossing_packages in scripts/lib.sh, without compilers.
+. "$(dirname "$0")/../lib.sh"
+
+table=$top/scripts/crossing/sources
+cache=$HOME/.cache/palinode-igd
+kept=$cache/sources
+wide=(-D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64)  # as the programs are compiled
+
+# of PACKAGE COLUMN: its version (2) or checksum (3).
+of() {
+  local found
+  found=$(awk -v package="$1" -v column="$2" '$1 == package { print $column }' "$table")
+  [ -n "$found" ] || fail "there is no $1 in scripts/crossing/sources"
+  printf '%s' "$found"
+}
+
+# The path of its .dsc. A version's epoch is not part of file names.
+dsc() {
+  local version
+  version=$(of "$1" 2)
+  printf '%s' "$kept/$1_${version#*:}.dsc"
+}
+
+is_kept() { [ -e "$(dsc "$1")" ] && (cd "$kept" && files "$1" | sha256sum --check --quiet --strict); }
+# "checksum  file" of each file that the .dsc names.
+files() { awk '/^[^ ]/ { in_it = /^Checksums-Sha256:/ } /^ / && in_it { print $1 "  " $3 }' "$(dsc "$1")"; }
+
+# apt with nothing of this machine's but the keys: the sources are Debian's, wherever this runs.
+apt() {
+  "apt-$1" -q -o Dir::Etc::SourceList="$cache/apt/sources.list" -o Dir::Etc::SourceParts=- \
+    -o Dir::State::Lists="$cache/apt/lists" -o Dir::Cache="$cache/apt" -o Debug::NoLocking=1 \
+    -o APT::Sandbox::User="$(id -un)" "${@:2}"
+}
+
+read_archive() {
+  local suite
+  mkdir -p "$cache"/apt/{lists,archives}/partial
+  for suite in 'debian bookworm' 'debian bookworm-updates' 'debian-security bookworm-security' \
+    'debian trixie'; do
+    printf 'deb-src [signed-by=/usr/share/keyrings/debian-archive-keyring.gpg] %s/%s main\n' \
+      http://deb.debian.org "$suite"
+  done >"$cache/apt/sources.list"
+  apt get update
+}
+
+download() {
+  mkdir -p "$kept"
+  (cd "$kept" && apt get source --download-only "$1=$(of "$1" 2)") || return
+  printf '%s  %s\n' "$(of "$1" 3)" "$(dsc "$1")" | sha256sum --check --quiet --strict ||
+    fail "$(dsc "$1") is not what scripts/crossing/sources says"
+}
+
+fetch() {
+  local package missing=() lacking=()
+  for package in "$@"; do
+    is_kept "$package" 2>/dev/null || missing+=("$package")
+  done
+  [ "${#missing[@]}" -gt 0 ] || return 0
+  step "read which sources Debian has" read_archive
+  for package in "${missing[@]}"; do
+    step "downloaded the sources of $package $(of "$package" 2)" download "$package" 2>/dev/null ||
+      lacking+=("$package $(of "$package" 2)")
+  done
+  [ "${#lacking[@]}" -eq 0 ] || {
+    printf 'not to be had: %s\n' "${lacking[*]}" >&2
+    return 4
+  }
+}
+
+configured() {
+  ./configure --host="$host" --prefix="$prefix" --enable-static --disable-shared \
+    --disable-dependency-tracking --disable-silent-rules \
+    PKG_CONFIG_LIBDIR="$prefix/lib/pkgconfig" "$@"
+}
+made() { make -j2 "$@"; }
+cmade() {
+  cmake -G Ninja -S "$1" -B built -DCMAKE_BUILD_TYPE=None -DCMAKE_SYSTEM_NAME=Linux \
+    -DCMAKE_INSTALL_PREFIX="$prefix" -DCMAKE_INSTALL_LIBDIR=lib -DBUILD_SHARED_LIBS=OFF \
+    -DCMAKE_C_COMPILER="$CC" -DCMAKE_CXX_COMPILER="$CXX" -DCMAKE_AR="$(command -v "$AR")" \
+    -DCMAKE_RANLIB="$(command -v "$RANLIB")" -DCMAKE_C_FLAGS="$CFLAGS" \
+    -DCMAKE_CXX_FLAGS="$CXXFLAGS" "${@:2}"
+  ninja -C built -j2 install
+}
+
+# archived LIBRARY FLAG... -- SOURCE...: for what is quicker compiled than configured.
+archived() {
+  local library=$1 flags=() source
+  shift
+  while [ "$1" != -- ]; do flags+=("$1") && shift; done
+  shift
+  for source in "$@"; do
+    case $source in
+      *.cc) "$CXX" -std=c++17 $CXXFLAGS "${flags[@]}" -c "$source" ;;
+      *) "$CC" -D_GNU_SOURCE $CFLAGS "${flags[@]}" -c "$source" ;;
+    esac
+  done
+  rm -f "lib$library.a"
+  "$AR" rcs "lib$library.a" *.o
+  rm ./*.o
+  install -D -m 644 -t "$prefix/lib" "lib$library.a"
+}
+# described LIBRARY VERSION: for pkg-config.
+described() {
+  mkdir -p "$prefix/lib/pkgconfig"
+  printf '%s\n' "Name: $1" "Description: $1" "Version: $2" "Libs: -L$prefix/lib -l$1" \
+    "Cflags: -I$prefix/include" >"$prefix/lib/pkgconfig/$1.pc"
+}
+
+build_expat() {
+  cd expat/lib
+  : >expat_config.h
+  archived expat -I. -DXML_NS=1 -DXML_DTD=1 -DXML_CONTEXT_BYTES=1024 -DBYTEORDER=__BYTE_ORDER__ \
+    -DHAVE_GETRANDOM=1 -fno-strict-aliasing -- xmlparse.c xmlrole.c xmltok.c
+  install -D -m 644 -t "$prefix/include" expat.h expat_external.h
+  described expat "$(of expat 2)"
+}
+build_util-linux() {
+  local has=(UNISTD_H STDLIB_H SYS_{TIME,FILE,IOCTL,SOCKET,UN,SYSCALL,SYSMACROS}_H NET_IF_H
+    NETINET_IN_H ERR_H ERR ERRX WARN WARNX GETRANDOM NANOSLEEP USLEEP TLS JRAND48 SRANDOM LOFF_T
+    DECL_DIRFD DIRFD PROGRAM_INVOCATION_SHORT_NAME STRUCT_STAT_ST_MTIM_TV_NSEC)
+  : >include/config.h
+  archived uuid -Iinclude -Ilibuuid/src "${has[@]/#/-DHAVE_}" -- \
+    libuuid/src/{clear,compare,copy,gen_uuid,isnull,pack,parse,unpack,unparse,uuid_time,predefined}.c \
+    lib/{randutils,md5,sha1}.c
+  install -D -m 644 -t "$prefix/include/uuid" libuuid/src/uuid.h
+  described uuid "$(of util-linux 2)"
+  sed -i 's/^Cflags.*/&\/uuid/' "$prefix/lib/pkgconfig/uuid.pc"
+}
+build_libev() {
+  configured
+  made install
+}
+build_libseccomp() {
+  configured
+  made -C include install
+  made -C src install
+  made install-pkgconfDATA
+}
+build_c-ares() { cmade . -DCARES_STATIC=ON -DCARES_SHARED=OFF -DCARES_BUILD_TOOLS=OFF; }
+build_libcap-ng() {
+  configured --without-python --without-python3
+  made -C src install
+}
+build_libinih() {
+  archived inih -- ini.c
+  install -D -m 644 -t "$prefix/include" ini.h
+  described inih "$(of libinih 2)"
+}
+build_googletest() {
+  cd googletest
+  archived gtest -Iinclude -I. -- src/gtest-all.cc
+  archived gtest_main -Iinclude -- src/gtest_main.cc
+  cp -R include/gtest "$prefix/include"
+}
+build_libmnl() {
+  configured
+  made install
+}
+build_libnftnl() { build_libmnl; }
+build_libnfnetlink() { build_libmnl; }
+build_libnetfilter-conntrack() { build_libmnl; }
+build_nftables() {
+  configured --with-mini-gmp --without-cli --disable-man-doc --disable-python
+  made install
+}
+# found_by_cmake PACKAGE TARGET: headers alone.
+found_by_cmake() {
+  mkdir -p "$prefix/lib/cmake/$1"
+  printf '%s\n' "add_library($2 INTERFACE IMPORTED)" \
+    "target_include_directories($2 INTERFACE $prefix/include)" >"$prefix/lib/cmake/$1/$1Config.cmake"
+}
+build_cli11() {
+  cp -R include/CLI "$prefix/include"
+  found_by_cmake CLI11 CLI11::CLI11
+}
+build_nlohmann-json3() {
+  cp -R include/nlohmann "$prefix/include"
+  found_by_cmake nlohmann_json nlohmann_json::nlohmann_json
+}
+
+if [ "${1:-}" = --fetch ]; then
+  shift
+  fetch "$@"
+  exit
+fi
+if [ "${1:-}" = --build ]; then
+  # A process of its own: in a step a failing command would not end it.
+  host=$2 prefix=$3
+  work=$(mktemp -d)
+  trap 'rm -rf "$work"' EXIT
+  dpkg-source --no-check -x "$(dsc "$4")" "$work/source"
+  cd "$work/source"
+  "build_$4"
+  exit
+fi
+[ $# -ge 3 ] || fail "usage: libraries.sh HOST PREFIX PACKAGE..."
+host=$1 prefix=$2
+shift 2
+export CC=${CC:-$host-gcc} CXX=${CXX:-$host-g++} AR=${AR:-$host-ar} RANLIB=${RANLIB:-$host-ranlib}
+export CFLAGS="${CFLAGS:--O2} ${wide[*]}" CXXFLAGS="${CXXFLAGS:--O2} ${wide[*]}"
+mkdir -p "$prefix/built"
+compiler="$CC $("$CC" -dumpfullversion) $CXX $CFLAGS $CXXFLAGS"
+wanted=()
+for package in "$@"; do
+  # Built again when any of this changes.
+  [ "$(cat "$prefix/built/$package" 2>/dev/null)" = "$(of "$package" 2) $compiler" ] ||
+    wanted+=("$package")
+done
+[ "${#wanted[@]}" -eq 0 ] || fetch "${wanted[@]}"
+for package in "${wanted[@]}"; do
+  step "built $package $(of "$package" 2) for $host" "$top/scripts/crossing/libraries.sh" --build "$host" "$prefix" "$package"
+  printf '%s\n' "$(of "$package" 2) $compiler" >"$prefix/built/$package"
+done
