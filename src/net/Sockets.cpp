@@ -44,6 +44,30 @@ bool reuseAddress(int fd) {
   return setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == 0;
 }
 
+/// Lets the connection take a text of this size, and limits the wait for its peer. Returns false
+/// after a log line.
+bool makeRoom(int fd, size_t size) {
+  // A peer with a small window causes small segments, and the kernel charges several hundred bytes
+  // of overhead for each.
+  constexpr size_t overhead = 4;
+  constexpr size_t most = 64UL * 1024 * 1024;  // above the system's own limit
+  const auto room = static_cast<int>(std::min(overhead * size, most));
+  if (setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &room, sizeof room) != 0) {
+    logError("setsockopt SO_SNDBUF");
+    return false;
+  }
+  if (setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &writeLimit, sizeof writeLimit) != 0) {
+    logError("setsockopt SO_SNDTIMEO");
+    return false;
+  }
+  return true;
+}
+
+bool sendAll(int fd, std::string_view text) {
+  const ssize_t sent = send(fd, text.data(), text.size(), MSG_NOSIGNAL);
+  return sent >= 0 && static_cast<size_t>(sent) == text.size();
+}
+
 bool bindToPort(int fd, unsigned int port) {
   sockaddr_in address = {};
   address.sin_family = AF_INET;
@@ -97,19 +121,9 @@ void dropWhenUnread(int fd) {
 }
 
 bool writeOnce(int fd, std::string_view text) {
-  // A peer with a small window causes small segments, and the kernel charges several hundred bytes
-  // of overhead for each.
-  constexpr size_t overhead = 4;
-  constexpr size_t most = 64UL * 1024 * 1024;  // above the system's own limit
-  const auto room = static_cast<int>(std::min(overhead * text.size(), most));
-  if (setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &room, sizeof room) != 0) {
-    logError("setsockopt SO_SNDBUF");
-    return false;
-  }
-  if (setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &writeLimit, sizeof writeLimit) != 0) {
-    logError("setsockopt SO_SNDTIMEO");
-    return false;
-  }
-  const ssize_t written = send(fd, text.data(), text.size(), MSG_NOSIGNAL);
-  return written >= 0 && static_cast<size_t>(written) == text.size();
+  // A new connection takes an answer of usual size at once.
+  const ssize_t sent = send(fd, text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+  if (sent < 0 && errno != EAGAIN) return false;
+  const std::string_view rest = text.substr(static_cast<size_t>(std::max<ssize_t>(sent, 0)));
+  return rest.empty() || (makeRoom(fd, text.size()) && sendAll(fd, rest));
 }

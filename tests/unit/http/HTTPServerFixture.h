@@ -131,6 +131,12 @@ class HTTPServerTest : public testing::Test {
     ADD_FAILURE() << "did not happen";
   }
 
+  /// Far too small for a long reply. Connections inherit the listener's buffer.
+  void makeSendBufferSmall() {
+    const int buffer = 4096;
+    setsockopt(listener.get(), SOL_SOCKET, SO_SNDBUF, &buffer, sizeof buffer);
+  }
+
   void accept(size_t connections = 1) {
     turnUntil([&] { return server.openConnections() == connections; });
   }

@@ -4,6 +4,7 @@
 #include <net/if.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -274,6 +275,11 @@ class WriteOnceTest : public SocketsTest {
     return all;
   }
 
+  void makeBufferSmall() {
+    const int size = 1;
+    EXPECT_EQ(setsockopt(connection.get(), SOL_SOCKET, SO_SNDBUF, &size, sizeof size), 0);
+  }
+
   std::string received() const {
     std::array<char, 65536> bytes;
     const ssize_t size = recv(peer.get(), bytes.data(), bytes.size(), MSG_DONTWAIT);
@@ -310,7 +316,19 @@ TEST_F(WriteOnceTest, DoesNotTryAgainWhenTheWriteIsInterrupted) {
   EXPECT_EQ(log, "");
 }
 
-TEST_F(WriteOnceTest, WritesNothingToASocketThatCannotBePrepared) {
+TEST_F(WriteOnceTest, EnlargesTheBufferForWhatItDoesNotTakeAtOnce) {
+  const std::string text(100'000, 'x');
+  makeBufferSmall();
+  EXPECT_TRUE(writes(text));
+  EXPECT_GE(option(connection, SOL_SOCKET, SO_SNDBUF), 100'000);
+  EXPECT_EQ(log, "");
+  std::string all;
+  pollfd arriving{peer.get(), POLLIN, 0};
+  while (all.size() < text.size() && poll(&arriving, 1, 5000) == 1) all += received();
+  EXPECT_EQ(all, text);
+}
+
+TEST_F(WriteOnceTest, FailsWhenTheBufferCannotBeEnlarged) {
   const struct {
     int option;
     const char* line;
@@ -318,11 +336,11 @@ TEST_F(WriteOnceTest, WritesNothingToASocketThatCannotBePrepared) {
       {SO_SNDBUF, "setsockopt SO_SNDBUF: Operation not permitted\n"},
       {SO_SNDTIMEO, "setsockopt SO_SNDTIMEO: Operation not permitted\n"},
   };
+  makeBufferSmall();
   for (const auto& [name, line] : rows) {
     whileRefused({SCMP_SYS(setsockopt), SOL_SOCKET, name}, EPERM,
-                 [&] { EXPECT_FALSE(writes("hello")); });
+                 [&] { EXPECT_FALSE(writes(std::string(1'000'000, 'x'))); });
     EXPECT_EQ(log, line);
-    EXPECT_EQ(received(), "");
   }
 }
 

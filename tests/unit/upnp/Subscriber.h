@@ -17,6 +17,12 @@ class Subscriber {
   explicit Subscriber(lm::test::TestPlatform& testPlatform, const char* address = "127.0.0.1")
       : platform(testPlatform), host(address), listener(128, address) {}
 
+  /// From now on little of a NOTIFY gets across before it is read.
+  void makeWindowSmall() const {
+    const int smallest = 1;
+    setsockopt(listener.fd.get(), SOL_SOCKET, SO_RCVBUF, &smallest, sizeof smallest);
+  }
+
   [[nodiscard]] std::string callback() const {
     return "<http://" + host + ":" + std::to_string(listener.port) + "/event>";
   }
