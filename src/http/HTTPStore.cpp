@@ -39,25 +39,24 @@ std::optional<std::string> readFile(const std::string& path) {
 
 }  // namespace
 
-HTTPMessage HTTPStore::get(const HTTPMessage& request, const std::string& content) const {
+HTTPMessage HTTPStore::get(const HTTPMessage& request, std::string content) const {
   std::string type = "text/xml";
-  std::string body = content;
   if (content.empty()) {
     const auto file = urls.find(parseRequestLine(request.startLine).url);
     if (file == urls.end()) return HTTPMessage(HTTP_NOT_FOUND);
     if (isGif(file->second)) type = "image/gif";
     auto bytes = readFile(dir + file->second);
     if (!bytes) return HTTPMessage(HTTP_NOT_FOUND);
-    body = std::move(*bytes);
+    content = std::move(*bytes);
   }
 
   HTTPMessage reply(HTTP_OK);
   if (request.hasField("ACCEPT-LANGUAGE")) reply.addField("CONTENT-LANGUAGE", "en-us");
   reply.addField("CONTENT-TYPE", type);
-  reply.addField("CONTENT-LENGTH", inttostr(static_cast<int>(body.size())));
+  reply.addField("CONTENT-LENGTH", inttostr(static_cast<int>(content.size())));
   reply.addDate(0);
   reply.addField("SERVER", SERVER_STRING);
   reply.addField("CONNECTION", "close");
-  reply.body = std::move(body);
+  reply.body = std::move(content);
   return reply;
 }

@@ -21,7 +21,7 @@ class HTTPStore {
   /// A 200 reply to `request` with `content` as XML or, when that is empty, with the file
   /// registered for the request's URL. A bare 404 when none is registered, or when the file cannot
   /// be read, which is logged.
-  [[nodiscard]] HTTPMessage get(const HTTPMessage& request, const std::string& content) const;
+  [[nodiscard]] HTTPMessage get(const HTTPMessage& request, std::string content) const;
 
  private:
   std::string dir;

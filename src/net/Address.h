@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string>
 
-// IPv4 addresses in network byte order, as inet_addr gives them and inet_ntoa takes them.
+// IPv4 addresses in network byte order, as inet_addr gives them.
 
 /// What strtoip returns for a text that is no address.
 inline constexpr uint32_t noAddress = 0xFFFFFFFF;

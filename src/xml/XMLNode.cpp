@@ -6,8 +6,9 @@ unsigned xmlIndent = 0;
 
 namespace {
 
-/// Room for the answer to a control request, in bytes.
-constexpr size_t usualSize = 512;
+/// Room for most answers to control requests, and for most documents, in bytes.
+constexpr size_t usualElement = 512;
+constexpr size_t usualDocument = 6144;
 
 }  // namespace
 
@@ -25,13 +26,15 @@ void XMLNode::addProperty(std::string propName, std::string propValue) {
 
 std::string XMLNode::get() const {
   std::string out;
-  out.reserve(usualSize);
+  out.reserve(usualElement);
   write(out);
   return out;
 }
 
 std::string XMLNode::getXML() const {
-  std::string out = "<?xml version=\"1.0\"?>" + CRLF;
+  std::string out;
+  out.reserve(usualDocument);
+  out.append("<?xml version=\"1.0\"?>").append(CRLF);
   write(out);
   return out;
 }

@@ -3,6 +3,7 @@
 // expat declares its limits on entity expansion only when XML_DTD is defined.
 #define XML_DTD
 #include <expat.h>
+#include <sys/random.h>
 
 #include <limits>
 #include <memory>
@@ -26,6 +27,16 @@ ParserHandle makeParser() { return ParserHandle(XML_ParserCreate("UTF-8")); }
 /// costs more than to parse a control request. What expat keeps for the next document then stays
 /// small.
 constexpr size_t smallDocument = 4096;
+
+/// The secret that keeps the order of expat's hash tables from a client who chooses names. expat
+/// would ask the system for one for each document.
+unsigned long hashSalt() {
+  static const unsigned long salt = [] {
+    unsigned long random = 0;
+    return getrandom(&random, sizeof random, 0) == sizeof random ? random : 0;  // 0: expat's own
+  }();
+  return salt;
+}
 
 /// The parser for small documents, ready for the next one; null when there is no memory.
 XML_Parser reusedParser() {
@@ -79,6 +90,7 @@ bool Parse::run(std::string_view document) {
   const ParserHandle own = small ? ParserHandle() : makeParser();
   expat_ = small ? reusedParser() : own.get();
   if (expat_ == nullptr || document.size() > std::numeric_limits<int>::max()) return false;
+  XML_SetHashSalt(expat_, hashSalt());
   XML_SetUserData(expat_, this);
   XML_SetElementHandler(expat_, startTag, endTag);
   XML_SetCharacterDataHandler(expat_, characterData);

@@ -9,6 +9,7 @@ TEST(Address, ReadsAndWritesAddressesInNetworkByteOrder) {
   EXPECT_EQ(iptostr(htonl(0x0A000001)), "10.0.0.1");
   EXPECT_EQ(iptostr(strtoip("10.0.0.1")), "10.0.0.1");
   EXPECT_EQ(iptostr(0), "0.0.0.0");
+  EXPECT_EQ(iptostr(htonl(0xFF7F0A64)), "255.127.10.100");
 }
 
 // Promise: A text that is no address, the empty one too, reads as all ones.
