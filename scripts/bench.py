@@ -33,9 +33,9 @@ def table(results):
     yield from HEAD
     yield from map(row, results.figures.values())
     yield ""
-    yield "memory, KiB                      ports resident  private"
+    yield "memory, KiB                      ports resident      own"
     for each in results.memory:
-        yield f"{each.program:28} {each.ports:9,} {each.resident:8,} {each.private:8,}"
+        yield f"{each.program:28} {each.ports:9,} {each.resident:8,} {each.own:8,}"
 
 
 def comparison(this, other):
@@ -49,18 +49,22 @@ def comparison(this, other):
 
 
 def charts(results):
-    by_unit = {}
-    for figures in results.figures.values():
-        by_unit.setdefault(figures.unit, {}).setdefault(figures.kind, []).append(figures)
+    """Of one build."""
+    def rows(kind):
+        return [each for each in results.figures.values() if each.kind == kind]
+
+    requests = {each.kind: [row.processor for row in rows(each.kind)]
+                for each in results.figures.values() if each.unit == "ports"}
+    changes = rows("change told to")
     return [
-        plot.Chart(title, tuple(each.size for each in next(iter(by_unit[unit].values()))), unit, {
-            name or kind: [value(each) for each in sizes]
-            for kind, sizes in by_unit[unit].items() for name, value in lines})
-        for title, unit, lines in (
-            ("A request", "ports", (("", lambda each: each.processor),)),
-            ("A change told to subscribers", "subscribers", (
-                ("both programs", lambda each: each.processor),
-                ("bare server", lambda each: each.record()["bare_us"]))))]
+        plot.Chart("A request", ports_of(results), "open ports", requests),
+        plot.Chart("A change", tuple(each.size for each in changes), "subscribers that are told", {
+            "both programs": [each.processor for each in changes],
+            "bare server": [each.record()["bare_us"] for each in changes]}, linear=True)]
+
+
+def ports_of(results):
+    return tuple(sorted({each.size for each in results.figures.values() if each.unit == "ports"}))
 
 
 def parse_arguments():

@@ -59,7 +59,7 @@ class BenchTest(unittest.TestCase):
                              {(program, ports) for program in ("palinode-igd", "lumend")
                               for ports in (0, 10, 100, 1000)})
             for each in build["memory"]:
-                self.assertGreater(each["resident"], each["private"])
+                self.assertGreater(each["resident"], each["own"])
         for kind, _ in ROWS:
             self.assertGreaterEqual(done.stdout.count(f"\n{kind} "), 3, kind)
         lines = [line.text for line in drawn.iter(f"{SVG}text")]

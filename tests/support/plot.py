@@ -12,13 +12,14 @@ COLOURS = ("#1f6feb", "#d1242f", "#1a7f37", "#9a6700", "#8250df", "#57606a")
 
 @dataclasses.dataclass
 class Chart:
-    """`series` has for each name of a line its values, one for each of `steps`, which stand in equal
-    distances below it. Values begin at 0."""
+    """`series` has for each name of a line its values, one for each of `steps`. Values begin at 0;
+    so do the steps when they are `linear`, and stand in equal distances otherwise."""
 
     title: str
     steps: tuple
     unit: str  # of the steps
     series: dict
+    linear: bool = False
 
 
 def draw(charts, note):
@@ -41,6 +42,8 @@ def _draw(chart, note):
     bottom, right = HEIGHT - BOTTOM, WIDTH - RIGHT
 
     def x(position):
+        if chart.linear:
+            return LEFT + chart.steps[position] * (right - LEFT) * 0.95 / max(chart.steps)
         return LEFT + (position + 0.5) * (right - LEFT) / len(chart.steps)
 
     def y(value):
