@@ -155,6 +155,13 @@ class Record : public lumen::Notifier {
   std::set<lumen::RuleKey> open_;
 };
 
+/// Takes the notifications of changed rules.
+class NoReaders : public lumen::Notifier {
+ public:
+  void notify(uint32_t /*command*/, const std::vector<uint32_t>& /*source*/,
+              const lm::message& /*fields*/) override {}
+};
+
 /// The table on a kernel, flows and a clock that are ours.
 class Router {
  public:
@@ -281,8 +288,9 @@ class Router {
   lumen::FlowMarks marks_{nowhere};  // which are not kept
   Record record_;
   lumen::PortLog log_{record_};
+  NoReaders readers_;
   lumen::NatRules rules_{map_,       flows_,    marks_, networks_, networks_,
-                         listeners_, policies_, log_,   clock_};
+                         listeners_, policies_, log_,   readers_,  clock_};
 };
 
 }  // namespace

@@ -42,6 +42,8 @@ std::string written(const lumen::ServiceDefinition& service) {
       "\ngroup=" + std::to_string(service.group) + "\n";
   if (service.boot) text += "boot=yes\n";
   if (service.answersOnly) text += "answers-only=yes\n";
+  if (service.reads) text += "reads=yes\n";
+  if (service.netBindService) text += "capabilities=net-bind-service\n";
   if (service.network) {
     text += "network=";
     switch (*service.network) {
@@ -53,6 +55,9 @@ std::string written(const lumen::ServiceDefinition& service) {
         break;
       case lumen::NetworkGrant::nameServers:
         text += "name-servers\n";
+        break;
+      case lumen::NetworkGrant::answers:
+        text += "answers\n";
         break;
     }
   }

@@ -17,6 +17,9 @@ struct Caller {
   std::string name;            ///< that service's name; empty: none
   bool administrator = false;  ///< root or a member of the group lumen
   uint32_t user = 0;           ///< of its process
+  bool reads = false;          ///< a service that may read what administrators can
+
+  [[nodiscard]] bool mayRead() const { return administrator || reads; }
 };
 
 /// A handler of a service that lives in this process. It checks the caller's rights itself, since
@@ -36,7 +39,7 @@ class LocalHandler {
   /// stays where that is possible.
   [[nodiscard]] std::function<void()> takeUndo() { return std::exchange(undo_, nullptr); }
 
-  /// Whether only administrators may subscribe to its notifications.
+  /// Whether only administrators, and services that may read, may subscribe to its notifications.
   [[nodiscard]] virtual bool isPrivate() const { return false; }
 
   /// The connection has ended, for whatever reason: removes what depends on it.

@@ -29,7 +29,7 @@ Platform::Platform(const lm::EventLoop& loop, Processes& processes,
       supervisor_(services, processes, loop.clock(), path::runFolder),
       broker_(supervisor_, loop.clock(), administratorGroup()),
       identity_(path::store("identity")),
-      history_(path::store("history")),
+      history_(path::store("history"), broker_),
       clientLimit_(nftables_),
       linksOfFence_(links_, fence_),
       linksOfTables_(linksOfFence_, clientLimit_),
@@ -41,7 +41,7 @@ Platform::Platform(const lm::EventLoop& loop, Processes& processes,
       policies_(path::natPolicy, path::store("nat")),
       portLog_(broker_),
       natRules_(natMap_, flows_, flowMarks_, addresses_, interfaces_, listeners_, policies_,
-                portLog_, loop.clock()),
+                portLog_, broker_, loop.clock()),
       listener_(broker_) {
   watchStores(services);
   supervisor_.setObserver(broker_);

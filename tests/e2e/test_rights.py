@@ -59,13 +59,14 @@ class RightsTest(RouterCase):
         for pid in (self.router.gateway_pid(), self.router.lumend.pid):
             self.assertEqual(os.listdir(f"/proc/{pid}/task"), [str(pid)])
 
-    # Promise [capabilities]: lumend keeps CAP_KILL, CAP_SETGID, CAP_SETUID and CAP_NET_ADMIN and no
-    # other capability, in no set.
-    def test_lumend_keeps_four_capabilities(self):
+    # Promise [capabilities]: lumend keeps CAP_KILL, CAP_SETGID, CAP_SETUID, CAP_NET_BIND_SERVICE
+    # and CAP_NET_ADMIN and no other capability, in no set.
+    def test_lumend_keeps_five_capabilities(self):
         with open(f"/proc/{self.router.lumend.pid}/status", encoding="ascii") as status:
             fields = dict(line.rstrip("\n").split(":\t", 1) for line in status)
-        # CAP_KILL, CAP_SETGID, CAP_SETUID, CAP_NET_ADMIN; see linux/capability.h.
-        kept = 1 << 5 | 1 << 6 | 1 << 7 | 1 << 12
+        # CAP_KILL, CAP_SETGID, CAP_SETUID, CAP_NET_BIND_SERVICE, CAP_NET_ADMIN; see
+        # linux/capability.h.
+        kept = 1 << 5 | 1 << 6 | 1 << 7 | 1 << 10 | 1 << 12
         self.assertEqual(int(fields["CapEff"], 16), kept)
         self.assertEqual(int(fields["CapPrm"], 16), kept)
 

@@ -93,6 +93,7 @@ void Broker::ended(Connection& connection, const std::string& why) {
     registrations_.erase(service);
     services_.lost(service);
   }
+  if (!gone->serves.empty()) servicesChanged();
   subscriptions_.removeAll(gone->number());
   for (const Requester waiting : requests_.takeSentTo(gone->number())) {
     refuse(waiting, serviceUnavailable);
@@ -114,9 +115,17 @@ void Broker::handleRequest(Connection& from, lm::message request) {
     return refuse(requester(from, request), "too many requests at a time");
   }
   if (to.service == lm::service::broker) return handleOwn(from, request);
-  if (!from.rights().mayAsk()) return refuse(requester(from, request), notPermitted);
+  const Rights& rights = from.rights();
+  const bool reads = rights.mayRead(to, request.get_u32(lm::key::command));
+  if (!rights.mayAsk() && !reads) return refuse(requester(from, request), notPermitted);
   if (isLocal(to.service)) return handleLocal(from, to, request);
-  if (!from.rights().mayCall(to.service)) return refuse(requester(from, request), notPermitted);
+  if (!rights.mayCall(to.service)) {
+    if (!reads) return refuse(requester(from, request), notPermitted);
+    // Who may only read starts no program.
+    if (!registrations_.contains(to.service)) {
+      return refuse(requester(from, request), serviceUnavailable);
+    }
+  }
   forward(from, to.service, std::move(request));
 }
 
@@ -215,6 +224,7 @@ void Broker::registerServices(Connection& from, const lm::message& request) {
     if (!registrations_.emplace(number, from.number()).second) continue;
     from.serves.push_back(number);
     services_.registered(number);
+    servicesChanged();
     for (WaitingRequest& waiting : requests_.takeWaitingFor(number)) {
       send(waiting.from, from, std::move(waiting.datagram));
     }
@@ -235,19 +245,19 @@ void Broker::unregisterServices(Connection& from, const lm::message& request) {
     if (registrations_.erase(number) == 0) continue;
     std::erase(from.serves, number);
     services_.unregistered(number);
+    servicesChanged();
   }
   answer(lm::service::broker, to, {});
 }
 
 lm::message Broker::subscribe(Connection& from, const lm::message& request) {
   const std::vector<uint32_t>& source = request.get_u32_array_ref(lm::broker::key::topicSource);
-  if (!from.rights().mayAsk()) return lm::refusal(notPermitted);
+  const Path path = Path::of(source);
+  const bool mayRead = from.rights().mayRead(path);
+  if (!from.rights().mayAsk() && !mayRead) return lm::refusal(notPermitted);
   if (!has(request, lm::broker::key::topicCommand) || source.empty())
     return lm::refusal("no command or path");
-  const Path path = Path::of(source);
-  const auto handler = locals_.find({path.service, path.handler});
-  const bool isPrivate = handler != locals_.end() && handler->second->isPrivate();
-  if (isPrivate && !from.rights().administrator()) return lm::refusal(notPermitted);
+  if (isPrivate(path) && !mayRead) return lm::refusal(notPermitted);
   if (from.subscriptions >= maxSubscriptions) return lm::refusal("too many subscriptions");
   const uint32_t command = request.get_u32(lm::broker::key::topicCommand);
   if (subscriptions_.add(from.number(), command, path)) ++from.subscriptions;
@@ -262,7 +272,7 @@ lm::message Broker::unsubscribe(Connection& from, const lm::message& request) {
 }
 
 lm::message Broker::listServices(const Connection& from) const {
-  if (!from.rights().administrator()) return lm::refusal(notPermitted);
+  if (!from.rights().mayRead()) return lm::refusal(notPermitted);
   lm::message reply;
   reply.insert_message_array(lm::key::records, services_.list());
   return reply;
@@ -287,6 +297,7 @@ void Broker::handleLocal(Connection& from, Path to, const lm::message& request) 
   caller.service = serviceOf(from);
   caller.name = services_.nameOf(caller.service);
   caller.administrator = from.rights().administrator();
+  caller.reads = from.rights().mayRead();
   caller.user = from.peer().user;
   lm::message reply = handler->second->handle(caller, request.get_u32(lm::key::command), request);
   from.undo = handler->second->takeUndo();
@@ -348,6 +359,16 @@ void Broker::unavailable(uint32_t number) {
     refuse(waiting.from, serviceUnavailable);
   }
   watchDeadlines();
+  servicesChanged();
+}
+
+// Its readers read the list again: what changes is shown by no message that passes here.
+void Broker::servicesChanged() { notify(lm::cmd::changed, {lm::service::broker, 0}, {}); }
+
+bool Broker::isPrivate(Path path) const {
+  const auto handler = locals_.find({path.service, path.handler});
+  if (handler != locals_.end()) return handler->second->isPrivate();
+  return path.service == lm::service::broker;
 }
 
 void Broker::drainConnections(pid_t pid) {

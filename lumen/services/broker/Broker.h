@@ -96,6 +96,8 @@ class Broker : public Notifier, public Services::Observer, public Connection::Ow
   void answer(uint32_t from, Requester to, lm::message reply);
   void refuse(Requester to, const std::string& text);
   void publish(uint32_t command, Path source, const lm::message& notification);
+  /// Notifies the readers of the list of services.
+  void servicesChanged();
   void showToMonitors(uint32_t from, uint32_t to, const lm::message& message) const;
 
   [[nodiscard]] Connection* find(uint64_t connection) const;
@@ -103,6 +105,8 @@ class Broker : public Notifier, public Services::Observer, public Connection::Ow
   /// The number of a connection for others: serviceOf, or one of its own.
   [[nodiscard]] uint32_t numberOf(const Connection& connection) const;
   void writeSource(const Connection& from, lm::message& message) const;
+  /// Whether only those who may read there may subscribe to notifications of this path.
+  [[nodiscard]] bool isPrivate(Path path) const;
   [[nodiscard]] bool isLocal(uint32_t service) const { return localServices_.contains(service); }
 
   Services& services_;

@@ -8,6 +8,7 @@
 
 #include "lumen/services/broker/Peer.h"
 #include "lumen/services/broker/Services.h"
+#include "lumen/services/broker/Subscriptions.h"
 
 namespace lumen {
 
@@ -24,8 +25,15 @@ class Rights {
   /// The services whose user this is, in rising order.
   [[nodiscard]] const std::vector<uint32_t>& services() const { return services_; }
 
-  /// Whether it may send requests to services at all.
+  /// Whether it may send any kind of request to services.
   [[nodiscard]] bool mayAsk() const { return mayAsk_; }
+  /// Whether it may read what administrators can read: the broker's list of services, and what
+  /// mayRead(path) says.
+  [[nodiscard]] bool mayRead() const { return mayRead_; }
+  /// Whether it may read at this path, and subscribe to its notifications, even if it may not ask.
+  [[nodiscard]] bool mayRead(Path path) const;
+  /// Whether this is a request that only reads there, and it may.
+  [[nodiscard]] bool mayRead(Path path, uint32_t command) const;
   [[nodiscard]] bool mayServe(uint32_t number) const;
   /// Whether it may send requests to another program.
   [[nodiscard]] bool mayCall(uint32_t number) const;
@@ -34,6 +42,7 @@ class Rights {
   bool administrator_ = false;
   std::vector<uint32_t> services_;
   bool mayAsk_ = false;
+  bool mayRead_ = false;
 };
 
 }  // namespace lumen

@@ -34,6 +34,8 @@ class Services {
 
   /// Whether it may send requests to other services.
   [[nodiscard]] virtual bool mayAsk(uint32_t number) const = 0;
+  /// Whether it may read what administrators can read.
+  [[nodiscard]] virtual bool mayRead(uint32_t number) const = 0;
 
   /// A request for this service, defined or not, is about to be passed on.
   virtual void asked(uint32_t number) = 0;

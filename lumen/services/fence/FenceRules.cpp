@@ -68,8 +68,10 @@ bool canName(const std::string& interface) {
 }
 
 std::string makeIpv4Table(const Users& users) {
-  return makeTable("ip", users, "\tchain internal {\n\t}\n\tchain name_servers {\n\t}\n",
+  return makeTable("ip", users,
+                   "\tchain internal {\n\t}\n\tchain answers {\n\t}\n\tchain name_servers {\n\t}\n",
                    judge(users, NetworkGrant::internal, "internal") +
+                       judge(users, NetworkGrant::answers, "answers") +
                        judge(users, NetworkGrant::nameServers, "name_servers"));
 }
 
@@ -80,6 +82,7 @@ std::string makeIpv6Table(const Users& users) {
 
 std::string grantInternal(const Internal& internal) {
   const std::string chain = "ip lumen_fence internal";
+  const std::string answers = "ip lumen_fence answers";
   List names;
   std::string rules;
   for (const auto& [name, networks] : internal) {
@@ -90,12 +93,14 @@ std::string grantInternal(const Internal& internal) {
                " fib daddr type unicast accept\n";
     }
   }
-  if (internal.empty()) return refill(chain, "");
-  const std::string begin = "add rule " + chain + " oifname " + names.text();
+  if (internal.empty()) return refill(chain, "") + refill(answers, "");
+  const std::string interfaces = " oifname " + names.text();
+  const std::string answering = interfaces + " ct state established accept\n";
   // What answers a host that is not in the network itself, but was let in by the interface. Most
   // packets are such: this rule comes first.
-  return refill(chain, begin + " ct state established accept\n" + rules + begin +
-                           " ip daddr 239.255.255.250 udp dport 1900 accept\n");
+  return refill(chain, "add rule " + chain + answering + rules + "add rule " + chain + interfaces +
+                           " ip daddr 239.255.255.250 udp dport 1900 accept\n") +
+         refill(answers, "add rule " + answers + answering);
 }
 
 std::string grantNameServers(const NameServers& servers) {

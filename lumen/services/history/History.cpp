@@ -15,8 +15,8 @@ namespace lumen {
 
 namespace key = lm::history::key;
 
-History::History(std::string storePath, WallClock clock)
-    : store_(std::move(storePath)), clock_(clock) {
+History::History(std::string storePath, Notifier& notifier, WallClock clock)
+    : store_(std::move(storePath)), notifier_(notifier), clock_(clock) {
   for (const uint32_t id : store_.numbers()) {
     std::optional<lm::message> entry = store_.read(id);
     if (!entry) continue;
@@ -31,7 +31,9 @@ std::chrono::sys_seconds History::systemTime() {
 
 lm::message History::handle(const Caller& caller, uint32_t command, const lm::message& request) {
   if (command == lm::cmd::addObject) return add(caller, request);
-  if (!caller.administrator) return lm::refusal("not permitted");
+  if (!(command == lm::cmd::removeObject ? caller.administrator : caller.mayRead())) {
+    return lm::refusal("not permitted");
+  }
   switch (command) {
     case lm::cmd::list:
     case lm::cmd::readAll:
@@ -66,8 +68,11 @@ lm::message History::add(const Caller& caller, const lm::message& request) {
   entry.insert_message(key::undo, undo);
   const auto pending = store_.prepare(id, entry);
   if (!pending || !pending->commit()) return lm::refusal("the change could not be stored");
+  lm::message news;
+  news.insert_message_array(lm::key::records, {entry});
   entries_.emplace(id, std::move(entry));
   lastId_ = id;
+  notifier_.notify(lm::cmd::changed, {lm::service::history, 0}, news);
   while (entries_.size() > capacity) {
     store_.remove(entries_.begin()->first);
     entries_.erase(entries_.begin());

@@ -23,11 +23,13 @@ class History : public LocalHandler {
 
   using WallClock = std::chrono::sys_seconds (*)();
 
-  /// `storePath` is a store directory that belongs to this program's user.
-  explicit History(std::string storePath, WallClock clock = systemTime);
+  /// `storePath` is a store directory that belongs to this program's user. `notifier` must outlive
+  /// this.
+  History(std::string storePath, Notifier& notifier, WallClock clock = systemTime);
 
   [[nodiscard]] lm::message handle(const Caller& caller, uint32_t command,
                                    const lm::message& request) override;
+  [[nodiscard]] bool isPrivate() const override { return true; }
 
  private:
   static std::chrono::sys_seconds systemTime();
@@ -37,6 +39,7 @@ class History : public LocalHandler {
   [[nodiscard]] lm::message remove(const lm::message& request);
 
   lm::RecordDirectory store_;
+  Notifier& notifier_;
   const WallClock clock_;
   std::map<uint32_t, lm::message> entries_;  // by id, which rises
   uint32_t lastId_ = 0;

@@ -80,7 +80,7 @@ lm::message InterfaceTable::handle(const Caller& caller, uint32_t command,
   if (command == lm::cmd::list || command == lm::cmd::readAll) {
     return lm::pagedAnswer(request, interfaces_, [&](uint32_t id, const Interface& interface) {
       lm::interfaces::Record seen = record(id, interface);
-      if (caller.administrator) seen.role = interface.role;
+      if (caller.mayRead()) seen.role = interface.role;
       return toMessage(seen);
     });
   }
@@ -111,7 +111,7 @@ lm::message InterfaceTable::read(const Caller& caller, uint32_t id, const Interf
                                            .bytesSent = counters.bytesSent,
                                            .packetsReceived = counters.packetsReceived,
                                            .packetsSent = counters.packetsSent};
-  if (caller.administrator) seen.role = interface.role;
+  if (caller.mayRead()) seen.role = interface.role;
   return toMessage(seen);
 }
 
@@ -205,7 +205,7 @@ Result<uint32_t> InterfaceTable::keepName(const std::string& name, uint32_t role
     return kept.failure();
   }
   if (known) {
-    interfaces_[id].role = role;
+    setRole(id, role);
   } else {
     interfaces_[id] = {name, role, {}};
     notify(id);
@@ -225,10 +225,15 @@ lm::message InterfaceTable::forget(const Interface& interface) {
 Result<void> InterfaceTable::forgetName(const std::string& name) {
   const uint32_t id = kept_.all().at(name).id;
   if (auto forgotten = kept_.forget(name); !forgotten) return forgotten;
-  Interface& interface = interfaces_[id];
-  interface.role = 0;
-  if (interface.link.index == 0) leave(id);
+  setRole(id, 0);
+  if (interfaces_[id].link.index == 0) leave(id);
   return {};
+}
+
+void InterfaceTable::setRole(uint32_t id, uint32_t role) {
+  Interface& interface = interfaces_[id];
+  if (std::exchange(interface.role, role) == role) return;
+  notifier_.notify(lm::interfaces::roleChanged, lm::interfaces::path(), {});
 }
 
 void InterfaceTable::undoRole(const std::string& name, uint32_t role) {

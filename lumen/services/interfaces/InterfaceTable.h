@@ -69,6 +69,7 @@ class InterfaceTable : public LocalHandler, public KnownInterfaces, private Link
 
   // Undo a change whose requester gave up. Failures are logged.
   void undoSet(uint32_t id, bool disabled);
+  void setRole(uint32_t id, uint32_t role);
   void undoRole(const std::string& name, uint32_t role);
 
   void tablesRead(const LinkSnapshot& all) override;

@@ -53,7 +53,7 @@ Failure kernelRefusal(const std::string& what, const RuleKey& key, const Failure
 
 NatRules::NatRules(NatMap& map, Flows& flows, const FlowMarks& marks, const LocalNetworks& networks,
                    const KnownInterfaces& interfaces, Listeners& listeners, PolicyBook& policies,
-                   PortLog& log, const lm::Clock& clock)
+                   PortLog& log, Notifier& notifier, const lm::Clock& clock)
     : map_(map),
       flows_(flows),
       networks_(networks),
@@ -61,6 +61,7 @@ NatRules::NatRules(NatMap& map, Flows& flows, const FlowMarks& marks, const Loca
       listeners_(listeners),
       policies_(policies),
       log_(log),
+      notifier_(notifier),
       clock_(clock),
       cleaner_(flows, *this, marks, clock) {}
 
@@ -79,7 +80,9 @@ lm::message NatRules::handle(const Caller& caller, uint32_t command, const lm::m
     default:
       return lm::refusal("unknown command");
   }
-  if (!caller.administrator) return lm::refusal("not permitted");
+  if (!(command == lm::cmd::set ? caller.administrator : caller.mayRead())) {
+    return lm::refusal("not permitted");
+  }
   switch (command) {
     case lm::cmd::readObject:
       return read(request);
@@ -101,7 +104,7 @@ void NatRules::connectionEnded(uint64_t connection) {
     if (it->second.connection == connection) {
       if (it->second.inKernel()) inKernel.push_back(it->second.key);
       note(Event::closed, it->second, "the program that had it ended");
-      erase(it);
+      eraseForGood(it);
     }
     it = next;
   }
@@ -244,7 +247,7 @@ Result<void> NatRules::drop(Rules::iterator it) {
     if (!removed) return kernelRefusal("remove", rule.key, removed.failure());
     flowsMayDiffer(rule.key);
   }
-  erase(it);
+  eraseForGood(it);
   return {};
 }
 
@@ -396,6 +399,7 @@ void NatRules::insert(uint32_t id, const Rule& rule) {
   ids_.emplace(rule.key, id);
   ++clientRules_[rule.client.address];
   rules_.emplace(id, rule);
+  notify(record(id, rule, {}));
 }
 
 void NatRules::erase(Rules::iterator it) {
@@ -404,6 +408,20 @@ void NatRules::erase(Rules::iterator it) {
   auto count = clientRules_.find(rule.client.address);
   if (--count->second == 0) clientRules_.erase(count);
   rules_.erase(it);
+}
+
+void NatRules::eraseForGood(Rules::iterator it) {
+  lm::message gone = record(it->first, it->second, {});
+  gone.insert_u32(lm::key::removed, 1);
+  erase(it);
+  notify(gone);
+}
+
+// Counting connections for a notification would cost more than the change.
+void NatRules::notify(const lm::message& record) {
+  lm::message news;
+  news.insert_message_array(lm::key::records, {record});
+  notifier_.notify(lm::cmd::changed, lm::nat::path(), news);
 }
 
 uint32_t NatRules::nextId() {

@@ -31,7 +31,7 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts {
   /// All must outlive this; `policies` is loaded and `map` open.
   NatRules(NatMap& map, Flows& flows, const FlowMarks& marks, const LocalNetworks& networks,
            const KnownInterfaces& interfaces, Listeners& listeners, PolicyBook& policies,
-           PortLog& log, const lm::Clock& clock);
+           PortLog& log, Notifier& notifier, const lm::Clock& clock);
   NatRules(const NatRules&) = delete;
   NatRules& operator=(const NatRules&) = delete;
 
@@ -42,6 +42,7 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts {
 
   [[nodiscard]] lm::message handle(const Caller& caller, uint32_t command,
                                    const lm::message& request) override;
+  [[nodiscard]] bool isPrivate() const override { return true; }
   void connectionEnded(uint64_t connection) override;
 
  private:
@@ -99,8 +100,12 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts {
   void note(lm::nat::Event event, const PortLog::Author& author, const Rule& rule,
             std::string_view reason);
 
+  /// Adds a rule to the table, or one that was changed, and notifies the readers.
   void insert(uint32_t id, const Rule& rule);
   void erase(Rules::iterator it);
+  /// Notifies the readers that the rule has gone, and erases it.
+  void eraseForGood(Rules::iterator it);
+  void notify(const lm::message& record);
   [[nodiscard]] uint32_t nextId();
 
   [[nodiscard]] Counts count();
@@ -114,6 +119,7 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts {
   Listeners& listeners_;
   PolicyBook& policies_;
   PortLog& log_;
+  Notifier& notifier_;
   const lm::Clock& clock_;
 
   Rules rules_;                                  // by id

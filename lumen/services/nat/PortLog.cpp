@@ -32,7 +32,7 @@ void PortLog::add(lm::nat::Event event, const Author& author, const RuleKey& key
 }
 
 lm::message PortLog::handle(const Caller& caller, uint32_t command, const lm::message& request) {
-  if (!caller.administrator) return lm::refusal("not permitted");
+  if (!caller.mayRead()) return lm::refusal("not permitted");
   if (command != lm::cmd::list && command != lm::cmd::readAll) {
     return lm::refusal("unknown command");
   }

@@ -35,6 +35,7 @@ Program programOf(const ServiceDefinition& definition, const std::string& runDir
   program.executable = definition.executable;
   program.user = definition.user;
   program.group = definition.group;
+  program.netBindService = definition.netBindService;
   program.lockFile = runDirectory + "/" + definition.name + ".lock";
   return program;
 }

@@ -44,8 +44,9 @@ struct Reading {
 };
 
 int takeSetting(void* context, const char* section, const char* name, const char* value) {
-  static constexpr std::string_view known[] = {"name", "number", "executable",   "user",   "group",
-                                               "boot", "stores", "answers-only", "network"};
+  static constexpr std::string_view known[] = {"name",  "number",  "executable",  "user",
+                                               "group", "boot",    "stores",      "answers-only",
+                                               "reads", "network", "capabilities"};
   auto& reading = *static_cast<Reading*>(context);
   if (!reading.outcome) return 1;
   const std::string_view setting = name;
@@ -98,8 +99,10 @@ class Builder {
     takeGroup();
     definition_.boot = yesOrNo("boot");
     definition_.answersOnly = yesOrNo("answers-only");
+    definition_.reads = yesOrNo("reads");
     takeStores();
     takeNetwork();
+    takeCapabilities();
     if (!outcome_) return outcome_.failure();
     return definition_;
   }
@@ -176,13 +179,22 @@ class Builder {
     const std::string network = optional("network");
     if (network == "internal") {
       definition_.network = NetworkGrant::internal;
+    } else if (network == "answers") {
+      definition_.network = NetworkGrant::answers;
     } else if (network == "name-servers") {
       definition_.network = NetworkGrant::nameServers;
     } else if (network == "none") {
       definition_.network = NetworkGrant::none;
     } else if (settings_.contains("network")) {
-      fail("\"network\" is none of internal, name-servers and none");
+      fail("\"network\" is none of internal, answers, name-servers and none");
     }
+  }
+
+  void takeCapabilities() {
+    const std::string capabilities = optional("capabilities");
+    definition_.netBindService = capabilities == "net-bind-service";
+    if (capabilities.empty() || definition_.netBindService) return;
+    fail("\"capabilities\" can be net-bind-service and nothing else");
   }
 
   const Settings& settings_;

@@ -18,6 +18,7 @@ enum class NetworkGrant {
   none,         ///< no host
   internal,     ///< those in the networks of internal interfaces, and the discovery group there
   nameServers,  ///< the resolver's name servers, port 53
+  answers,      ///< those that have sent to it first, through internal interfaces
 };
 
 /// A program that runs as a service, as its service file describes it:
@@ -30,8 +31,10 @@ enum class NetworkGrant {
 ///     group = palinode                     ; left out: the user's own, or of the user's number
 ///     boot = yes                           ; left out or no: starts when it is first needed
 ///     answers-only = yes                   ; left out or no: may ask other services for something
+///     reads = yes                          ; left out or no; yes: may read, and ask nothing else
 ///     stores = upnp upnpm                  ; left out: none; directories below /lumen/store
-///     network = internal                   ; or name-servers or none; left out: none
+///     network = internal                   ; or answers, name-servers or none; left out: none
+///     capabilities = net-bind-service      ; left out: none; there is no other
 struct ServiceDefinition {
   std::string name;
   uint32_t number = 0;
@@ -40,6 +43,8 @@ struct ServiceDefinition {
   gid_t group = 0;
   bool boot = false;
   bool answersOnly = false;
+  bool reads = false;           // what administrators can read; it may ask for nothing else
+  bool netBindService = false;  // CAP_NET_BIND_SERVICE: may bind ports below 1024
   std::vector<std::string> stores;
   std::optional<NetworkGrant> network;  // none: the file does not say, which grants nothing
 };

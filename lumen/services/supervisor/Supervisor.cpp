@@ -81,7 +81,12 @@ std::vector<uint32_t> Supervisor::servicesOf(uid_t user) const {
 
 bool Supervisor::mayAsk(uint32_t number) const {
   const Service* const service = find(number);
-  return service != nullptr && !service->definition().answersOnly;
+  return service != nullptr && !service->definition().answersOnly && !service->definition().reads;
+}
+
+bool Supervisor::mayRead(uint32_t number) const {
+  const Service* const service = find(number);
+  return service != nullptr && service->definition().reads;
 }
 
 void Supervisor::asked(uint32_t number) {

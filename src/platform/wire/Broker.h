@@ -19,7 +19,9 @@ inline constexpr uint32_t unsubscribe = 0x12;
 /// After the reply, requests to key::services wait for the service's next start.
 inline constexpr uint32_t unregisterServices = 0x13;
 /// Every service with a service file, in increasing order of number: one message in
-/// lm::key::records for each, all in one reply, with the fields of `listed`.
+/// lm::key::records for each, all in one reply, with the fields of `listed`. For administrators and
+/// services that may read; lm::cmd::changed from path [0, 0] notifies them, without fields, when a
+/// program has registered, unregistered or ended.
 inline constexpr uint32_t services = 0x14;
 /// lm::monitor::key::on: after the reply, each message that passes the broker also comes to this
 /// connection, or no longer does. Administrators only.

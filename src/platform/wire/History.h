@@ -5,7 +5,9 @@
 /// Field keys of the undo history, path [66].
 ///
 /// A program that changed something sends lm::cmd::addObject with `text` and `undo`. The other
-/// commands are for administrators: list (paged, also as readAll), readObject and removeObject. To
+/// commands are for administrators: list (paged, also as readAll), readObject and removeObject;
+/// a service that may read has the first two. lm::cmd::changed notifies these of each new entry, as
+/// the record of lm::key::records. To
 /// undo a change, send `undo` to `path` with the command in it, then remove the entry. The program
 /// that carries out the undo adds an entry for it in turn.
 namespace lm::history::key {

@@ -18,7 +18,8 @@
 ///
 /// A record: lm::key::objectId, hardwareType, flags, index, name, displayName, lm::key::disabled,
 /// running; then, in the answer to readObject, the four counters; then, in an answer to an
-/// administrator, the role if the interface is kept.
+/// administrator or a service that may read, the role if the interface is kept. `roleChanged`
+/// notifies, without fields, that the role of an interface has changed that was listed before.
 namespace lm::interfaces {
 
 namespace key {
@@ -49,6 +50,9 @@ inline constexpr uint32_t ethernet = 1;
 inline constexpr uint32_t flagGone = 0x80;
 /// For the gateway, any of these means that.
 inline constexpr uint32_t goneFlags = 0x82;
+
+/// A notification, beside lm::cmd::changed and lm::cmd::interfaceChanged.
+inline constexpr uint32_t roleChanged = 0x10005;
 
 inline constexpr uint32_t roleExternal = 1;
 inline constexpr uint32_t roleInternal = 2;

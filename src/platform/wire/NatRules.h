@@ -11,15 +11,21 @@
 /// Field keys of the NAT rule table, handler [20, 5], in addition to the shared ones.
 ///
 /// Commands: lm::cmd::addObject, setObject and removeObject for the owner of a rule; for an
-/// administrator also list (paged, also as readAll), readObject, and get and set (the policy). Only
-/// dynamic rules exist: a rule ends with the connection that added it.
+/// administrator also list (paged, also as readAll), readObject, and get and set (the policy); a
+/// service that may read has all of these but set. Only dynamic rules exist: a rule ends with the
+/// connection that added it.
+///
+/// lm::cmd::changed notifies those who may list of each rule that was opened, changed or closed, as
+/// the record of lm::key::records, without the numbers of connections; that of a rule which has
+/// left the table says so with lm::key::removed.
 ///
 /// An administrator closes a port with lm::cmd::setObject on the rule's id with bool `closed` true
 /// and no other field: the rule leaves the kernel but stays listed until its owner removes it.
 /// Closing cannot be undone. The list gives the port and protocol of each rule; with two external
 /// addresses, one port and protocol can have two rules, each with its own id.
 ///
-/// What happened to ports is recorded at handler [20, 6], for administrators only: list (paged,
+/// What happened to ports is recorded at handler [20, 6], for administrators and services that may
+/// read: list (paged,
 /// also as readAll) gives the events in the order in which they happened, and lm::cmd::changed
 /// notifies each new one as the record of lm::key::records.
 namespace lm::nat {

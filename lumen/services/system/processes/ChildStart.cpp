@@ -66,7 +66,20 @@ void arrangeDescriptors(const ChildStart& start) {
   }
 }
 
+// Ambient: the program has it although its file grants none. No program that it starts itself could
+// be given more.
+bool keepNetBindService() {
+  __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct kept[_LINUX_CAPABILITY_U32S_3] = {};
+  constexpr uint32_t bit = 1U << CAP_NET_BIND_SERVICE;
+  kept[0] = {bit, bit, bit};
+  return syscall(SYS_capset, &header, kept) == 0 &&
+         prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_RAISE, CAP_NET_BIND_SERVICE, 0, 0) == 0;
+}
+
 void dropPrivileges(const ChildStart& start) {
+  // Without this the change of user clears what is to be kept. exec ends it.
+  if (start.netBindService && prctl(PR_SET_KEEPCAPS, 1, 0, 0, 0) != 0) fail(start, "capabilities");
   if (setgroups(1, &start.group) != 0 || setresgid(start.group, start.group, start.group) != 0 ||
       setresuid(start.user, start.user, start.user) != 0) {
     fail(start, "user");
@@ -74,7 +87,8 @@ void dropPrivileges(const ChildStart& start) {
   __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
   const __user_cap_data_struct nothing[_LINUX_CAPABILITY_U32S_3] = {};
   if (prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_CLEAR_ALL, 0, 0, 0) != 0 ||
-      syscall(SYS_capset, &header, nothing) != 0 || prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) {
+      (start.netBindService ? !keepNetBindService() : syscall(SYS_capset, &header, nothing) != 0) ||
+      prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) {
     fail(start, "capabilities");
   }
 }

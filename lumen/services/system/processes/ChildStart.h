@@ -17,7 +17,8 @@ struct ChildStart {
   int executable = -1;
   int lock = -1;
   int null = -1;
-  int output = -1;  ///< its standard output and error; below 0: those of this process
+  int output = -1;              ///< its standard output and error; below 0: those of this process
+  bool netBindService = false;  ///< it keeps CAP_NET_BIND_SERVICE
   uid_t user = 0;
   gid_t group = 0;
   pid_t parent = 0;

@@ -107,6 +107,7 @@ Result<pid_t> LinuxProcesses::start(const Program& program) {
   childStart.lock = lock.get();
   childStart.null = null.get();
   childStart.output = output.get();
+  childStart.netBindService = program.netBindService;
   childStart.user = program.user;
   childStart.group = program.group;
   childStart.parent = getpid();

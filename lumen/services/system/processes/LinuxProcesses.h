@@ -10,8 +10,9 @@
 namespace lumen {
 
 /// Real processes. A child has descriptors 0 to 2 (0 is /dev/null) and 3, its lock, and no other;
-/// an empty signal mask, default dispositions, a session of its own, no capability and no way to
-/// get one, the limits of ChildStart.h, umask 077, directory "/" and no environment but PATH.
+/// an empty signal mask, default dispositions, a session of its own, no capability but the one that
+/// Program grants and no way to get one, the limits of ChildStart.h, umask 077, directory "/" and
+/// no environment but PATH.
 class LinuxProcesses : public Processes {
  public:
   LinuxProcesses();

@@ -12,14 +12,15 @@
 namespace lumen {
 
 std::span<const unsigned> neededCapabilities() {
-  static constexpr std::array<unsigned, 4> needed = {CAP_NET_ADMIN, CAP_SETUID, CAP_SETGID,
-                                                     CAP_KILL};
+  static constexpr std::array<unsigned, 5> needed = {CAP_NET_ADMIN, CAP_SETUID, CAP_SETGID,
+                                                     CAP_KILL, CAP_NET_BIND_SERVICE};
   return needed;
 }
 
 std::span<const unsigned> capabilitiesForPrivateRoot() {
-  static constexpr std::array<unsigned, 7> needed = {
-      CAP_NET_ADMIN, CAP_SETUID, CAP_SETGID, CAP_KILL, CAP_CHOWN, CAP_FOWNER, CAP_DAC_OVERRIDE};
+  static constexpr std::array<unsigned, 8> needed = {
+      CAP_NET_ADMIN,        CAP_SETUID, CAP_SETGID, CAP_KILL,
+      CAP_NET_BIND_SERVICE, CAP_CHOWN,  CAP_FOWNER, CAP_DAC_OVERRIDE};
   return needed;
 }
 
@@ -46,6 +47,11 @@ Result<void> keepCapabilities(std::span<const unsigned> capabilities) {
   for (const unsigned capability : capabilities) {
     const auto sets = static_cast<capng_type_t>(CAPNG_EFFECTIVE | CAPNG_PERMITTED);
     if (capng_update(CAPNG_ADD, sets, capability) != 0) return refused();
+    // What a service can be given must be in this set, too.
+    if (capability == CAP_NET_BIND_SERVICE &&
+        capng_update(CAPNG_ADD, CAPNG_BOUNDING_SET, capability) != 0) {
+      return refused();
+    }
   }
   if (mayBound && capng_apply(CAPNG_SELECT_BOUNDS) != 0) return refused();
   if (capng_apply(CAPNG_SELECT_AMBIENT) != 0 || capng_apply(CAPNG_SELECT_CAPS) != 0 ||

@@ -7,7 +7,7 @@
 namespace lumen {
 
 /// What lumend keeps: CAP_NET_ADMIN for links, addresses and NAT; CAP_SETUID, CAP_SETGID and
-/// CAP_KILL for its services.
+/// CAP_KILL for its services, and CAP_NET_BIND_SERVICE for those whose service file grants it.
 [[nodiscard]] std::span<const unsigned> neededCapabilities();
 
 /// The same and what it takes to set up a private root directory.

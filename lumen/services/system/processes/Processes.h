@@ -10,10 +10,11 @@ namespace lumen {
 
 /// What is to be run, and as whom.
 struct Program {
-  std::string executable;  ///< absolute path
-  uid_t user = 0;          ///< never root
-  gid_t group = 0;         ///< its only group
-  std::string lockFile;    ///< held by the process as long as it lives, made when missing
+  std::string executable;       ///< absolute path
+  uid_t user = 0;               ///< never root
+  gid_t group = 0;              ///< its only group
+  bool netBindService = false;  ///< keeps CAP_NET_BIND_SERVICE
+  std::string lockFile;         ///< held by the process as long as it lives, made when missing
 };
 
 /// Starts and ends processes, for the supervisor.
@@ -32,9 +33,9 @@ class Processes {
   /// The one observer; it must live until the last call.
   virtual void setObserver(Observer& observer) = 0;
 
-  /// Starts `program` without privileges; it gets SIGTERM when this process ends. Whether the
-  /// program itself can be run shows in its exit status only. Does not call the observer before it
-  /// returns.
+  /// Starts `program` without privileges but the one that it is to keep; it gets SIGTERM when this
+  /// process ends. Whether the program itself can be run shows in its exit status only. Does not
+  /// call the observer before it returns.
   [[nodiscard]] virtual Result<pid_t> start(const Program& program) = 0;
 
   /// Sends a signal to a process that was started here and is not reaped yet.

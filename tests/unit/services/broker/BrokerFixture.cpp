@@ -16,7 +16,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-std::vector<ServiceDefinition> twoServices() {
+std::vector<ServiceDefinition> threeServices() {
   ServiceDefinition names;
   names.name = "resolver";
   names.number = 14;
@@ -26,7 +26,12 @@ std::vector<ServiceDefinition> twoServices() {
   upnp.name = "upnp";
   upnp.number = 40;
   upnp.user = 200;
-  return {names, upnp};
+  ServiceDefinition web;
+  web.name = "web";
+  web.number = 42;
+  web.user = 202;
+  web.reads = true;
+  return {names, upnp, web};
 }
 
 }  // namespace
@@ -121,10 +126,11 @@ bool Program::isDisconnected() {
 }
 
 BrokerTest::BrokerTest()
-    : supervisor(twoServices(), processes, clock, "/run"),
+    : supervisor(threeServices(), processes, clock, "/run"),
       broker(supervisor, clock, administrators) {
   supervisor.setObserver(broker);
   broker.addLocal(20, 5, rules);
+  broker.addLocal(66, 0, history);
 }
 
 Program BrokerTest::connect(uid_t user, std::vector<gid_t> groups, pid_t pid) {

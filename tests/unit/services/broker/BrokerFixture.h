@@ -73,15 +73,16 @@ class NotingHandler : public LocalHandler {
   std::vector<uint64_t> ended;
 };
 
-/// A broker with two services that are started when needed, "upnp", number 40 of user 200, and
-/// "resolver", number 14 of user 201, which answers only; a handler of this process at [20, 5]; and
-/// programs.
+/// A broker with three services that are started when needed, "upnp", number 40 of user 200,
+/// "resolver", number 14 of user 201, which answers only, and "web", number 42 of user 202, which
+/// reads; handlers of this process at [20, 5] and [66, 0]; and programs.
 class BrokerTest : public testing::Test {
  protected:
   static constexpr uint32_t gateway = 40;
   static constexpr uint32_t resolver = 14;
   static constexpr uid_t gatewayUser = 200;
   static constexpr uid_t resolverUser = 201;
+  static constexpr uid_t readerUser = 202;
   static constexpr uid_t otherUser = 1000;
   static constexpr gid_t administrators = 900;
 
@@ -117,6 +118,7 @@ class BrokerTest : public testing::Test {
   Supervisor supervisor;
   Broker broker;
   NotingHandler rules;
+  NotingHandler history;
 };
 
 [[nodiscard]] lm::message fields(const std::string& text);

@@ -59,11 +59,109 @@ TEST_F(RightsTest, OfAServiceAreItsOwnNumberAndWhatItDependsOn) {
   EXPECT_EQ(errorOf(service, {gateway, 0}, someCommand), "not permitted");
   EXPECT_EQ(errorOf(service, {77}, someCommand), "not permitted");
   EXPECT_EQ(errorOf(service, {65}, lm::cmd::get), "no such service") << "no handler is there";
-  EXPECT_EQ(errorOf(service, {66}, lm::cmd::addObject), "no such service");
+  EXPECT_EQ(errorOf(service, {66}, lm::cmd::addObject), "") << "the handler decides";
   EXPECT_EQ(errorOf(service, {20, 5}, lm::cmd::addObject), "") << "the handler decides";
   service.ask({resolver}, someCommand);
   settle();
   EXPECT_EQ(processes.started.size(), 1U) << "the resolver is starting";
+}
+
+// Promise [rights-reads]: A service that may read lists and reads interfaces, addresses, NAT rules,
+// the record of ports, the history, the services and a gateway that runs. It is refused every other
+// request.
+TEST_F(RightsTest, OfAServiceThatReadsAreToReadAndNoMore) {
+  broker.addLocal(20, 0, rules);
+  broker.addLocal(20, 1, rules);
+  broker.addLocal(20, 6, rules);
+  broker.addLocal(65, 0, rules);
+  Program web = connect(readerUser);
+  registerAs(web, 42);
+  const uint32_t reads[] = {lm::cmd::list, lm::cmd::readObject, lm::cmd::readAll, lm::cmd::get};
+  const uint32_t others[] = {lm::cmd::setObject, lm::cmd::addObject, lm::cmd::removeObject,
+                             lm::cmd::set,       someCommand,        0,
+                             lm::cmd::changed};
+  for (const auto& path : std::vector<std::vector<uint32_t>>{
+           {20}, {20, 0}, {20, 1}, {20, 5}, {20, 6}, {66}, {66, 0}}) {
+    for (const uint32_t command : reads) EXPECT_EQ(errorOf(web, path, command), "") << command;
+    for (const uint32_t command : others) {
+      EXPECT_EQ(errorOf(web, path, command), "not permitted") << path[0] << " " << command;
+    }
+  }
+  for (const Caller& caller : rules.callers) {
+    EXPECT_TRUE(caller.reads);
+    EXPECT_FALSE(caller.administrator);
+  }
+  EXPECT_EQ(rules.commands.size(), 20U);
+  EXPECT_EQ(errorOf(web, {0}, lm::broker::cmd::services), "");
+  for (const auto& path : std::vector<std::vector<uint32_t>>{
+           {65}, {20, 2}, {20, 7}, {66, 1}, {resolver}, {77}, {gateway, 1}}) {
+    for (const uint32_t command : reads) {
+      EXPECT_EQ(errorOf(web, path, command), "not permitted") << path[0] << " " << command;
+    }
+  }
+  lm::message on;
+  on.insert_bool(1, true);
+  EXPECT_EQ(errorOf(web, {0}, lm::broker::cmd::monitor, on), "not permitted");
+  EXPECT_EQ(errorOf(web, {0}, lm::broker::cmd::registerServices, services({gateway})),
+            "not permitted");
+  // One that does not run is not started.
+  EXPECT_EQ(errorOf(web, {gateway, 0}, lm::cmd::get), "service unavailable");
+  EXPECT_TRUE(processes.started.empty());
+  Program upnp = connectGateway();
+  EXPECT_EQ(errorOf(web, {gateway, 0}, lm::cmd::set), "not permitted");
+  EXPECT_EQ(errorOf(web, {gateway, 0}, lm::cmd::addObject), "not permitted");
+  web.ask({gateway, 0}, lm::cmd::get);
+  settle();
+  EXPECT_EQ(upnp.next().get_u32(lm::key::command), lm::cmd::get);
+}
+
+// Also proves [rights-reads].
+TEST_F(RightsTest, OfAServiceThatReadsIncludeNotificationsOfWhatItReads) {
+  rules.forAdministrators = true;
+  Program web = connect(readerUser);
+  registerAs(web, 42);
+  const uint32_t subscribe = lm::broker::cmd::subscribe;
+  for (const auto& path :
+       std::vector<std::vector<uint32_t>>{{20, 0}, {20, 1}, {20, 5}, {20, 6}, {66}, {40, 0}, {0}}) {
+    EXPECT_EQ(errorOf(web, {0}, subscribe, topic(lm::cmd::changed, path)), "") << path[0];
+  }
+  for (const auto& path : std::vector<std::vector<uint32_t>>{{65}, {20, 2}, {14}, {77}, {40, 1}}) {
+    EXPECT_EQ(errorOf(web, {0}, subscribe, topic(lm::cmd::changed, path)), "not permitted");
+  }
+  broker.notify(lm::cmd::changed, {20, 5}, fields("opened"));
+  settle();
+  EXPECT_EQ(web.next().get_string(7), "opened");
+  // What only readers get, another service does not.
+  Program upnp = connectGateway();
+  EXPECT_EQ(errorOf(upnp, {0}, subscribe, topic(lm::cmd::changed, {20, 5})), "not permitted");
+  EXPECT_EQ(errorOf(upnp, {0}, subscribe, topic(lm::cmd::changed, {0})), "not permitted");
+}
+
+// Promise: Who reads the list of services is notified when a program registers, unregisters, ends,
+// or will not come up soon.
+TEST_F(RightsTest, ShowAReaderThatTheServicesChange) {
+  Program web = connect(readerUser);
+  registerAs(web, 42);
+  EXPECT_EQ(errorOf(web, {0}, lm::broker::cmd::subscribe, topic(lm::cmd::changed, {0})), "");
+  const auto isNotified = [&] {
+    settle();
+    const std::optional<lm::message> news = web.receive();
+    while (web.receive()) {
+    }
+    return news && news->get_u32(lm::key::command) == lm::cmd::changed &&
+           news->get_u32_array_ref(lm::key::source) == std::vector<uint32_t>{0, 0};
+  };
+  EXPECT_FALSE(isNotified());
+  Program upnp = connectGateway();
+  EXPECT_TRUE(isNotified());
+  unregister(upnp, gateway);
+  EXPECT_TRUE(isNotified());
+  registerAs(upnp, gateway);
+  EXPECT_TRUE(isNotified());
+  upnp.close();
+  EXPECT_TRUE(isNotified());
+  broker.unavailable(gateway);
+  EXPECT_TRUE(isNotified());
 }
 
 // Promise [rights-answers]: A service that only answers is refused every request and every

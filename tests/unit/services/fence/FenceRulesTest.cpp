@@ -8,7 +8,8 @@ namespace {
 const Users twoServices = {{200, {NetworkGrant::internal}},
                            {201, {NetworkGrant::nameServers}},
                            {202, {NetworkGrant::none}},
-                           {203, {NetworkGrant::internal, NetworkGrant::nameServers}}};
+                           {203, {NetworkGrant::internal, NetworkGrant::nameServers}},
+                           {204, {NetworkGrant::answers}}};
 
 TEST(FenceRules, RefuseWhateverFencedUsersSendAndLetOthersPass) {
   EXPECT_EQ(makeIpv4Table(twoServices),
@@ -16,6 +17,8 @@ TEST(FenceRules, RefuseWhateverFencedUsersSendAndLetOthersPass) {
             "table ip lumen_fence {\n"
             "\tflags owner\n"
             "\tchain internal {\n"
+            "\t}\n"
+            "\tchain answers {\n"
             "\t}\n"
             "\tchain name_servers {\n"
             "\t}\n"
@@ -27,9 +30,10 @@ TEST(FenceRules, RefuseWhateverFencedUsersSendAndLetOthersPass) {
             "\t\ttype filter hook output priority mangle; policy accept;\n"
             "\t\tmeta skuid 200 jump internal\n"
             "\t\tmeta skuid 203 jump internal\n"
+            "\t\tmeta skuid 204 jump answers\n"
             "\t\tmeta skuid 201 jump name_servers\n"
             "\t\tmeta skuid 203 jump name_servers\n"
-            "\t\tmeta skuid { 200, 201, 202, 203 } goto refuse\n"
+            "\t\tmeta skuid { 200, 201, 202, 203, 204 } goto refuse\n"
             "\t}\n"
             "}\n");
 }
@@ -49,7 +53,7 @@ TEST(FenceRules, ReachNoInternalHostsByIpv6) {
             "\t\ttype filter hook output priority mangle; policy accept;\n"
             "\t\tmeta skuid 201 jump name_servers\n"
             "\t\tmeta skuid 203 jump name_servers\n"
-            "\t\tmeta skuid { 200, 201, 202, 203 } goto refuse\n"
+            "\t\tmeta skuid { 200, 201, 202, 203, 204 } goto refuse\n"
             "\t}\n"
             "}\n");
 }
@@ -73,8 +77,12 @@ TEST(FenceRules, GrantTheNetworksOfInternalInterfaces) {
       "add rule ip lumen_fence internal oifname \"br-lan\" ip daddr 192.168.88.0/24 fib daddr type "
       "unicast accept\n"
       "add rule ip lumen_fence internal oifname { \"br-guest\", \"br-lan\" } ip daddr "
-      "239.255.255.250 udp dport 1900 accept\n");
-  EXPECT_EQ(grantInternal({}), "flush chain ip lumen_fence internal\n");
+      "239.255.255.250 udp dport 1900 accept\n"
+      "flush chain ip lumen_fence answers\n"
+      "add rule ip lumen_fence answers oifname { \"br-guest\", \"br-lan\" } ct state established "
+      "accept\n");
+  EXPECT_EQ(grantInternal({}),
+            "flush chain ip lumen_fence internal\nflush chain ip lumen_fence answers\n");
 }
 
 TEST(FenceRules, GrantPort53OfTheNameServers) {

@@ -20,6 +20,19 @@ using namespace std::chrono_literals;
 
 namespace key = lm::history::key;
 
+/// Keeps what is notified.
+struct RecordingNotifier : Notifier {
+  void notify(uint32_t command, const std::vector<uint32_t>& source,
+              const lm::message& fields) override {
+    EXPECT_EQ(command, lm::cmd::changed);
+    EXPECT_EQ(source, (std::vector<uint32_t>{66, 0}));
+    for (const lm::message& entry : fields.get_message_array_ref(lm::key::records)) {
+      entries.push_back(entry);
+    }
+  }
+  std::vector<lm::message> entries;
+};
+
 class HistoryTest : public testing::Test {
  protected:
   static Caller gateway() {
@@ -64,13 +77,33 @@ class HistoryTest : public testing::Test {
     return lm::getError(history->handle(caller, lm::cmd::removeObject, request));
   }
   void restart() {
-    history.emplace(store.path(), [] { return std::chrono::sys_seconds(1'700'000'000s); });
+    history.emplace(store.path(), notifier,
+                    [] { return std::chrono::sys_seconds(1'700'000'000s); });
   }
 
   lm::test::TempDir store;
-  std::optional<History> history{std::in_place, store.path(),
+  RecordingNotifier notifier;
+  std::optional<History> history{std::in_place, store.path(), notifier,
                                  [] { return std::chrono::sys_seconds(1'700'000'000s); }};
 };
+
+// Promise: A service that may read gets the history, and each new change as it is
+// made, and may neither add to it nor remove from it.
+TEST_F(HistoryTest, ShowsAServiceThatMayReadEachChange) {
+  Caller reader;
+  reader.service = 42;
+  reader.reads = true;
+  (void)add(changed("one"));
+  ASSERT_EQ(notifier.entries.size(), 1U);
+  const lm::message page = history->handle(reader, lm::cmd::list, {});
+  ASSERT_EQ(page.size_message_array(lm::key::records), 1U);
+  EXPECT_EQ(lm::test::describe(page.get_message_array_ref(lm::key::records)[0]),
+            lm::test::describe(notifier.entries[0]));
+  EXPECT_EQ(remove(1, reader), "not permitted");
+  EXPECT_EQ(remove(1), "");
+  EXPECT_EQ(notifier.entries.size(), 1U);
+  EXPECT_TRUE(history->isPrivate());
+}
 
 // Promise [history-entry]: A change in the history has its text, the path that made it, the time in
 // seconds since 1970 and the message that undoes it.
@@ -225,7 +258,7 @@ TEST_F(HistoryTest, StartsWithoutAnEntryThatIsBroken) {
 // Promise: A change that cannot be stored is refused: `the change could not be stored`.
 TEST_F(HistoryTest, RefusesAChangeThatCannotBeStored) {
   lm::test::LogCapture log;
-  history.emplace(store.path() + "/nowhere", [] { return std::chrono::sys_seconds(); });
+  history.emplace(store.path() + "/nowhere", notifier, [] { return std::chrono::sys_seconds(); });
   EXPECT_EQ(lm::getError(add(changed("one"))), "the change could not be stored");
   EXPECT_TRUE(texts().empty());
   EXPECT_NE(log.text(), "");
@@ -253,7 +286,8 @@ TEST_F(HistoryTest, RefusesAChangeWhoseFileCannotTakeItsPlace) {
 // Also proves [history-entry].
 TEST(HistoryClock, IsTheTimeOfDay) {
   const lm::test::TempDir store;
-  History history(store.path());
+  RecordingNotifier notifier;
+  History history(store.path(), notifier);
   Caller gateway;
   gateway.service = 40;
   lm::message undo;

@@ -308,5 +308,29 @@ TEST_F(KeptInterface, ARemovalThatWasGivenUpIsUndoneWithItsId) {
   EXPECT_EQ(lists(), before);
 }
 
+// Promise: An administrator and a service that may read are shown the roles of
+// interfaces; they are notified when the role of a listed interface changes.
+TEST_F(KeptInterface, ShowsAReaderTheRolesAndEachChange) {
+  startsWithWan();
+  const Caller reader{.connection = 3, .service = 42, .name = "web", .reads = true};
+  const auto role = [&](const Caller& caller) {
+    return asks(caller, lm::cmd::readObject, object(idOf("wan0")))
+        .get_u32(lm::interfaces::key::role);
+  };
+  (void)notified();
+  EXPECT_EQ(lm::getError(administratorKeeps("wan0", 1)), "");
+  EXPECT_EQ(notified(), Lines{"role "});
+  EXPECT_EQ(role(reader), 1U);
+  EXPECT_EQ(role(daemon), 0U);
+  EXPECT_EQ(lm::getError(administratorKeeps("wan0", 1)), "");
+  EXPECT_EQ(notified(), Lines{});
+  EXPECT_EQ(lm::getError(administratorKeeps("wan0", 2)), "");
+  EXPECT_EQ(lm::getError(administratorForgets("wan0")), "");
+  EXPECT_EQ(notified(), (Lines{"role ", "role "}));
+  EXPECT_EQ(lm::getError(asks(reader, lm::cmd::addObject)), "not permitted");
+  EXPECT_EQ(lm::getError(asks(reader, lm::cmd::removeObject, object(idOf("wan0")))),
+            "not permitted");
+}
+
 }  // namespace
 }  // namespace lumen

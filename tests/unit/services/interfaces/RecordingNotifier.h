@@ -11,7 +11,8 @@
 
 namespace lumen {
 
-/// Records every notification as a line: "interface", "state" or "address", then its fields.
+/// Records every notification as a line: "interface", "state", "address" or "role", then its
+/// fields.
 class RecordingNotifier : public Notifier {
  public:
   void notify(uint32_t command, const std::vector<uint32_t>& source,
@@ -35,6 +36,7 @@ class RecordingNotifier : public Notifier {
   static std::string kind(uint32_t command, const std::vector<uint32_t>& source) {
     if (command == 0x10004 && source == std::vector<uint32_t>{20, 0}) return "interface";
     if (command == 0xfe000b && source == std::vector<uint32_t>{20, 0}) return "state";
+    if (command == 0x10005 && source == std::vector<uint32_t>{20, 0}) return "role";
     if (command == 0xfe000b && source == std::vector<uint32_t>{20, 1}) return "address";
     return "unexpected";
   }

@@ -151,6 +151,7 @@ class NatFixture : public ::testing::Test {
 
   Caller daemon{.connection = 7, .service = 40, .name = "upnp", .administrator = false};
   Caller otherProgram{.connection = 8, .service = 0, .name = "", .administrator = false};
+  Caller reader{.connection = 10, .service = 42, .name = "web", .reads = true};
   Caller admin{.connection = 9, .service = 0, .name = "", .administrator = true};
 
   lm::test::ManualClock clock;
@@ -165,7 +166,9 @@ class NatFixture : public ::testing::Test {
   FlowMarks marks{directory.path()};
   RecordingNotifier notifier;
   PortLog portLog{notifier, [] { return PortLog::Time(std::chrono::seconds(1709251198)); }};
-  NatRules rules{map, flows, marks, networks, networks, listeners, policies, portLog, clock};
+  RecordingNotifier ruleNews;
+  NatRules rules{map,       flows,    marks,   networks, networks,
+                 listeners, policies, portLog, ruleNews, clock};
 };
 
 using Texts = std::vector<std::string>;

@@ -56,6 +56,69 @@ TEST_F(NatListTest, NamesTheAdministratorAsOwner) {
   EXPECT_EQ(lists()[0].get_string(lm::nat::key::owner), "administrator");
 }
 
+// Promise: A service that may read lists the rules and reads the policy; it can change
+// neither.
+TEST_F(NatListTest, ShowsAServiceThatMayReadTheRules) {
+  opens({});
+  const lm::message page = rules.handle(reader, lm::cmd::list, {});
+  EXPECT_EQ(page.size_message_array(lm::key::records), 1U);
+  EXPECT_EQ(rules.handle(reader, lm::cmd::readObject, idOnly(1)).get_u32(lm::nat::key::portFirst),
+            8080U);
+  EXPECT_EQ(lm::getError(rules.handle(reader, lm::cmd::get, {})), "");
+  EXPECT_EQ(lm::getError(rules.handle(reader, lm::cmd::set, {})), "not permitted");
+  EXPECT_EQ(lm::getError(rules.handle(reader, lm::cmd::setObject, idOnly(1))), "not permitted");
+  EXPECT_EQ(lm::getError(rules.handle(reader, lm::cmd::removeObject, idOnly(1))), "not permitted");
+  EXPECT_EQ(portLog.handle(reader, lm::cmd::list, {}).size_message_array(lm::key::records), 3U)
+      << "the port that was opened, and two refusals";
+  EXPECT_EQ(lm::getError(portLog.handle(daemon, lm::cmd::list, {})), "not permitted");
+}
+
+// Promise: Readers are notified of each rule that is opened, changed, closed or ends
+// with its program: the record, without the numbers of connections. That of a rule which has left
+// the table says `removed`.
+TEST_F(NatListTest, NotifiesReadersOfEachChangeOfARule) {
+  const auto news = [&] {
+    std::vector<std::string> seen;
+    for (const auto& notification : ruleNews.notified) {
+      EXPECT_EQ(notification.command, lm::cmd::changed);
+      EXPECT_EQ(notification.source, (std::vector<uint32_t>{20, 5}));
+      for (const lm::message& m : notification.fields.get_message_array_ref(lm::key::records)) {
+        const lm::nat::Record record = lm::nat::readRecord(m);
+        EXPECT_FALSE(record.connections);
+        EXPECT_FALSE(record.uses) << "which would cost a look into the kernel";
+        seen.push_back(std::to_string(record.id) + ":" + std::to_string(record.rule.port) + " to " +
+                       std::to_string(record.rule.clientPort) + (record.closed ? " closed" : "") +
+                       (m.get_u32(lm::key::removed) != 0 ? " removed" : ""));
+      }
+    }
+    ruleNews.notified.clear();
+    return seen;
+  };
+  opens({});
+  EXPECT_EQ(news(), Texts{"1:8080 to 80"});
+  const int before = listings();
+  EXPECT_EQ(
+      lm::getError(rules.handle(daemon, lm::cmd::setObject, setRequest(1, "192.168.88.10", 81))),
+      "");
+  EXPECT_EQ(news(), Texts{"1:8080 to 81"});
+  EXPECT_EQ(listings(), before);
+  EXPECT_EQ(lm::getError(rules.handle(daemon, lm::cmd::addObject, addRequest({}))),
+            "tcp port 8080 of 45.45.45.1 is already in use");
+  EXPECT_EQ(news(), Texts{});
+  lm::message close = idOnly(1);
+  close.insert_bool(lm::nat::key::closed, true);
+  EXPECT_EQ(lm::getError(rules.handle(admin, lm::cmd::setObject, close)), "");
+  EXPECT_EQ(news(), Texts{"1:8080 to 81 closed"});
+  EXPECT_EQ(lm::getError(rules.handle(daemon, lm::cmd::removeObject, idOnly(1))), "");
+  EXPECT_EQ(news(), Texts{"1:8080 to 81 closed removed"});
+  opens({.port = 8081});
+  opens({.port = 8082});
+  rules.connectionEnded(daemon.connection);
+  EXPECT_EQ(news(), (Texts{"2:8081 to 80", "3:8082 to 80", "2:8081 to 80 removed",
+                           "3:8082 to 80 removed"}));
+  EXPECT_TRUE(rules.isPrivate());
+}
+
 // Promise [port-stale]: A rule whose external address has left the router is kept, listed as stale,
 // may be changed, and works again when the address is back.
 TEST_F(NatListTest, MarksARuleWhoseAddressHasLeftTheRouter) {

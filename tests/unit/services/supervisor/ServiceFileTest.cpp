@@ -85,10 +85,29 @@ TEST(ServiceFile, DescribesAService) {
   EXPECT_EQ(service->network, NetworkGrant::internal);
 }
 
+// Promise: A service file says by `reads = yes` that the service may read, and by
+// `capabilities = net-bind-service` that it keeps this capability, the only one that a service can
+// have.
+TEST(ServiceFile, SaysWhatTheServiceMayReadAndKeep) {
+  EXPECT_TRUE(parse(serviceFile("", "reads = yes"))->reads);
+  EXPECT_FALSE(parse(serviceFile("", "reads = no"))->reads);
+  EXPECT_FALSE(parse(serviceFile())->reads);
+  EXPECT_TRUE(parse(serviceFile("", "capabilities = net-bind-service"))->netBindService);
+  EXPECT_FALSE(parse(serviceFile("", "capabilities ="))->netBindService);
+  EXPECT_FALSE(parse(serviceFile())->netBindService);
+  EXPECT_EQ(whyNot(serviceFile("", "reads = maybe")), "\"reads\" is neither yes nor no");
+  for (const char* other : {"net-admin", "net-bind-service net-raw", "NET-BIND-SERVICE", "10"}) {
+    EXPECT_EQ(whyNot(serviceFile("", std::string("capabilities = ") + other)),
+              "\"capabilities\" can be net-bind-service and nothing else")
+        << other;
+  }
+}
+
 // Promise: A service file says by `network` where the service may send packets: `internal`,
-// `name-servers` or `none`.
+// `answers`, `name-servers` or `none`.
 TEST(ServiceFile, SaysWhereTheServiceMaySend) {
   EXPECT_EQ(parse(serviceFile("", "network = name-servers"))->network, NetworkGrant::nameServers);
+  EXPECT_EQ(parse(serviceFile("", "network = answers"))->network, NetworkGrant::answers);
   EXPECT_EQ(parse(serviceFile("", "network = none"))->network, NetworkGrant::none);
   EXPECT_EQ(parse(serviceFile())->network, std::nullopt);
 }
@@ -182,8 +201,8 @@ TEST(ServiceFile, IsRefusedWithAReason) {
       {"", "boot = maybe", "\"boot\" is neither yes nor no"},
       {"", "answers-only = 1", "\"answers-only\" is neither yes nor no"},
       {"", "stores = upnp ../x", "\"../x\" is no name of a store"},
-      {"", "network = all", "\"network\" is none of internal, name-servers and none"},
-      {"", "network =", "\"network\" is none of internal, name-servers and none"},
+      {"", "network = all", "\"network\" is none of internal, answers, name-servers and none"},
+      {"", "network =", "\"network\" is none of internal, answers, name-servers and none"},
       {"", "colour = red", "unknown setting \"colour\""},
       {"", "colour = red\nnumber = 41", "unknown setting \"colour\""},
       {"", "number = 41", "\"number\" is given twice"},

@@ -61,6 +61,7 @@ class LinuxProcessesTest : public testing::Test, public Processes::Observer {
     program.executable = executable;
     program.user = user;
     program.group = group;
+    program.netBindService = netBindService;
     program.lockFile = folder_.file("service.lock");
     return program;
   }
@@ -123,6 +124,7 @@ class LinuxProcessesTest : public testing::Test, public Processes::Observer {
   lm::EventLoop loop{clock};
   LinuxProcesses processes;
   std::set<pid_t> running_;
+  bool netBindService = false;  // of the program that is started next
   pid_t endedPid = 0;
   int endedStatus = -1;
 };
@@ -191,6 +193,24 @@ TEST_F(LinuxProcessesTest, StartsAProcessWithNothingThatItShouldNotHave) {
   EXPECT_EQ(endedPid, *pid);
   EXPECT_TRUE(WIFSIGNALED(endedStatus));
   EXPECT_EQ(WTERMSIG(endedStatus), SIGTERM);
+}
+
+// Promise: A service whose file grants it `net-bind-service` has
+// CAP_NET_BIND_SERVICE, no other capability, and no way to get one.
+TEST_F(LinuxProcessesTest, LetsAProcessKeepTheCapabilityToBindLowPortsAlone) {
+  netBindService = true;
+  const Result<pid_t> pid = start(SERVICE_PROBE);
+  ASSERT_TRUE(pid);
+  ASSERT_TRUE(isReady()) << output();
+  const std::string seen = output();
+  EXPECT_EQ(values(seen, "Uid"), Values{"54321\t54321\t54321\t54321"});
+  EXPECT_EQ(values(seen, "Groups"), Values{"54322"});
+  for (const char* set : {"CapInh", "CapPrm", "CapEff", "CapAmb"}) {
+    EXPECT_EQ(values(seen, set), Values{"0000000000000400"}) << set;
+  }
+  EXPECT_EQ(values(seen, "NoNewPrivs"), Values{"1"});
+  processes.signal(*pid, SIGTERM);
+  ASSERT_TRUE(hasEnded());
 }
 
 // Promise: A service can start no process, whatever else runs under its user, dumps

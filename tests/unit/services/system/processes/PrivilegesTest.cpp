@@ -40,11 +40,12 @@ class PrivilegesTest : public testing::Test {
 
 // Also proves [capabilities].
 TEST_F(PrivilegesTest, AreTheNeededOnesAndNoOther) {
-  // CAP_KILL 5, CAP_SETGID 6, CAP_SETUID 7, CAP_NET_ADMIN 12.
+  // CAP_KILL 5, CAP_SETGID 6, CAP_SETUID 7, CAP_NET_BIND_SERVICE 10,
+  // CAP_NET_ADMIN 12.
   EXPECT_TRUE(inAChild([] {
-    return keepCapabilities(neededCapabilities()) && statusHas("CapEff:\t00000000000010e0") &&
-           statusHas("CapPrm:\t00000000000010e0") && statusHas("CapInh:\t0000000000000000") &&
-           statusHas("CapBnd:\t0000000000000000") && statusHas("CapAmb:\t0000000000000000") &&
+    return keepCapabilities(neededCapabilities()) && statusHas("CapEff:\t00000000000014e0") &&
+           statusHas("CapPrm:\t00000000000014e0") && statusHas("CapInh:\t0000000000000000") &&
+           statusHas("CapBnd:\t0000000000000400") && statusHas("CapAmb:\t0000000000000000") &&
            statusHas("NoNewPrivs:\t1");
   }));
 }
@@ -54,7 +55,7 @@ TEST_F(PrivilegesTest, CanBeGivenUpInTwoSteps) {
   EXPECT_TRUE(inAChild([] {
     return keepCapabilities(capabilitiesForPrivateRoot()) &&
            checkPrivileges(capabilitiesForPrivateRoot()).ok() &&
-           keepCapabilities(neededCapabilities()) && statusHas("CapPrm:\t00000000000010e0");
+           keepCapabilities(neededCapabilities()) && statusHas("CapPrm:\t00000000000014e0");
   }));
 }
 
@@ -73,8 +74,8 @@ TEST_F(PrivilegesTest, AreNamedWhenTheyAreMissing) {
   EXPECT_EQ(whyNot(checkPrivileges(neededCapabilities())), "");
   EXPECT_TRUE(inAChild([] {
     const std::array<unsigned, 2> two = {CAP_SETUID, CAP_SETGID};
-    return keepCapabilities(two) &&
-           whyNot(checkPrivileges(neededCapabilities())) == "lacks net_admin, kill";
+    return keepCapabilities(two) && whyNot(checkPrivileges(neededCapabilities())) ==
+                                        "lacks net_admin, kill, net_bind_service";
   }));
   EXPECT_TRUE(inAChild([] {
     return setuid(54321) == 0 &&
