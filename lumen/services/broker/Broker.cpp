@@ -363,7 +363,11 @@ void Broker::unavailable(uint32_t number) {
 }
 
 // Its readers read the list again: what changes is shown by no message that passes here.
-void Broker::servicesChanged() { notify(lm::cmd::changed, {lm::service::broker, 0}, {}); }
+void Broker::servicesChanged() {
+  const std::vector<uint32_t> source = {lm::service::broker, 0};
+  if (subscriptions_.subscribers(lm::cmd::changed, Path::of(source)).empty()) return;
+  notify(lm::cmd::changed, source, {});
+}
 
 bool Broker::isPrivate(Path path) const {
   const auto handler = locals_.find({path.service, path.handler});

@@ -3,6 +3,7 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cap-ng.h>
 #include <cerrno>
@@ -42,16 +43,19 @@ Result<void> keepCapabilities(std::span<const unsigned> capabilities) {
     return Failure{std::string("cannot give up its privileges: ") + strerror(errno)};
   };
   if (capng_get_caps_process() != 0) return refused();
+  // What a service can be given must be inheritable, and becomes that only while the bounding set
+  // has it.
+  if (std::ranges::find(capabilities, unsigned{CAP_NET_BIND_SERVICE}) != capabilities.end() &&
+      (capng_update(CAPNG_ADD, CAPNG_INHERITABLE, CAP_NET_BIND_SERVICE) != 0 ||
+       capng_apply(CAPNG_SELECT_CAPS) != 0)) {
+    return refused();
+  }
   const bool mayBound = capng_have_capability(CAPNG_EFFECTIVE, CAP_SETPCAP) != 0;
   capng_clear(CAPNG_SELECT_ALL);
   for (const unsigned capability : capabilities) {
-    const auto sets = static_cast<capng_type_t>(CAPNG_EFFECTIVE | CAPNG_PERMITTED);
+    const auto inheritable = capability == CAP_NET_BIND_SERVICE ? CAPNG_INHERITABLE : 0;
+    const auto sets = static_cast<capng_type_t>(CAPNG_EFFECTIVE | CAPNG_PERMITTED | inheritable);
     if (capng_update(CAPNG_ADD, sets, capability) != 0) return refused();
-    // What a service can be given must be in this set, too.
-    if (capability == CAP_NET_BIND_SERVICE &&
-        capng_update(CAPNG_ADD, CAPNG_BOUNDING_SET, capability) != 0) {
-      return refused();
-    }
   }
   if (mayBound && capng_apply(CAPNG_SELECT_BOUNDS) != 0) return refused();
   if (capng_apply(CAPNG_SELECT_AMBIENT) != 0 || capng_apply(CAPNG_SELECT_CAPS) != 0 ||

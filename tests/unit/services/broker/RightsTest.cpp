@@ -251,14 +251,15 @@ TEST_F(RightsTest, RefuseUnknownCommands) {
   EXPECT_EQ(errorOf(administrator, {0}, 0x99), "unknown command");
 }
 
-// Promise: Only administrators read the list of services with their states.
+// Promise: Only administrators, and services that may read, get the list of services with their
+// states.
 TEST_F(RightsTest, LetAnAdministratorListTheServices) {
   Program administrator = connectAdministrator();
   administrator.ask({0}, lm::broker::cmd::services);
   settle();
   const lm::message reply = administrator.next();
   const auto& records = reply.get_message_array_ref(lm::key::records);
-  ASSERT_EQ(records.size(), 2U);
+  ASSERT_EQ(records.size(), 3U);
   EXPECT_EQ(records[1].get_string(lm::broker::listed::name), "upnp");
   EXPECT_EQ(records[1].get_string(lm::broker::listed::state), "stopped");
 }

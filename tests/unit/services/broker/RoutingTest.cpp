@@ -164,7 +164,7 @@ TEST_F(Routing, DeliversTheRequestOfAProgramThatEndsAtOnce) {
 // Promise: A request to a number that no service has is answered with `no such service`.
 TEST_F(Routing, RefusesARequestToAnUndefinedService) {
   Program client = connectAdministrator();
-  client.ask({66}, someCommand);
+  client.ask({67}, someCommand);
   settle();
   EXPECT_EQ(client.error(), "no such service");
 }

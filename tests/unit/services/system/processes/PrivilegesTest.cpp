@@ -44,8 +44,8 @@ TEST_F(PrivilegesTest, AreTheNeededOnesAndNoOther) {
   // CAP_NET_ADMIN 12.
   EXPECT_TRUE(inAChild([] {
     return keepCapabilities(neededCapabilities()) && statusHas("CapEff:\t00000000000014e0") &&
-           statusHas("CapPrm:\t00000000000014e0") && statusHas("CapInh:\t0000000000000000") &&
-           statusHas("CapBnd:\t0000000000000400") && statusHas("CapAmb:\t0000000000000000") &&
+           statusHas("CapPrm:\t00000000000014e0") && statusHas("CapInh:\t0000000000000400") &&
+           statusHas("CapBnd:\t0000000000000000") && statusHas("CapAmb:\t0000000000000000") &&
            statusHas("NoNewPrivs:\t1");
   }));
 }
