@@ -219,6 +219,9 @@ class PortTest(RouterCase):
         self.assertFalse(self.opens("TCP"))
         self.assertRegex(self.router.log(), f"add nat failed: .*tcp port 8443 of {WAN_ADDRESS} is "
                          "this router's own: .* listens there")
+        self.assertRegex(self.router.lumenctl("status").splitlines()[-1],
+                         f"^Refused .* to 192[.]168[.]88[.]1[01]:[0-9]+: tcp port 8443 of "
+                         f"{WAN_ADDRESS} is this router's own: .* listens there$")
         self.router.lumenctl("nat", "policy", "set", "router-ports=8443")
         self.assertTrue(self.opens("TCP"))
 

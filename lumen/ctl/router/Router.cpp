@@ -114,6 +114,11 @@ std::vector<PortEvent> Router::portEvents() {
   return decoded<PortEvent>(table(lm::nat::logPath(), lm::cmd::readAll));
 }
 
+std::vector<PortEvent> Router::refusalsOfOwnPorts() {
+  const lm::message answer = exchange(lm::nat::logPath(), lm::cmd::get);
+  return decoded<PortEvent>(answer.get_message_array_ref(lm::key::records));
+}
+
 void Router::followPortEvents() {
   lm::message request;
   request.insert_u32(lm::broker::key::topicCommand, lm::cmd::changed);

@@ -35,6 +35,8 @@ class Router {
   void closeRule(uint32_t id);
   /// What happened to ports, the oldest first.
   [[nodiscard]] std::vector<PortEvent> portEvents();
+  /// The newest refusals at ports where programs of the router listen, the oldest first.
+  [[nodiscard]] std::vector<PortEvent> refusalsOfOwnPorts();
   /// From now on nextPortEvents() has each new event.
   void followPortEvents();
   /// Waits for the next ones. None when Client::notification gives none.

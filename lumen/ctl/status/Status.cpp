@@ -32,6 +32,7 @@ Status::Status(Router& router, Machine& machine) {
   detail = detailOf(snapshot.gateway);
   interfaces = std::move(snapshot.interfaces);
   rules = std::move(snapshot.rules);
+  refusals = router.refusalsOfOwnPorts();
   if (gateway == GatewayState::on) {
     findUnreachable(GatewaySockets(machine, snapshot.gateway.process));
   }
@@ -65,7 +66,26 @@ Json Status::json() const {
                     {"state", wordFor(used.interface.state()).text},
                     {"addresses", textsOf(used.addresses)}});
   }
-  return {{"gateway", wordFor(gateway).text}, {"interfaces", uses}, {"ports", portsAsJson(rules)}};
+  Json refused = Json::array();
+  for (const PortEvent& refusal : refusals) {
+    refused.push_back(
+        {{"time", static_cast<double>(refusal.time.time_since_epoch().count()) / 1000},
+         {"port", refusal.external.port},
+         {"protocol", refusal.protocolName()},
+         {"address", refusal.external.address.text()},
+         {"client", refusal.client.address.text()},
+         {"client_port", refusal.client.port},
+         {"reason", refusal.reason}});
+  }
+  return {{"gateway", wordFor(gateway).text},
+          {"interfaces", uses},
+          {"ports", portsAsJson(rules)},
+          {"refused_ports", refused}};
+}
+
+std::string refusalText(const PortEvent& refusal) {
+  return "Refused " + localTime(std::chrono::floor<std::chrono::seconds>(refusal.time)) + " to " +
+         refusal.client.text() + ": " + printable(refusal.reason);
 }
 
 std::string roleText(const UsedInterface& interface) {

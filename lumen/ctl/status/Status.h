@@ -10,19 +10,21 @@
 
 namespace lumenctl {
 
-/// The router at one moment: whether the gateway works, what it works with, and the open ports.
+/// The router at one moment: whether the gateway works, what it works with, the open ports, and
+/// those that were refused since the router's own programs listen there.
 struct Status {
   Status() = default;
   /// Never starts a gateway that does not run.
   Status(Router& router, Machine& machine);
 
-  /// An object of the state, the interfaces and the ports.
+  /// An object of the state, the interfaces, the ports and the refusals.
   [[nodiscard]] Json json() const;
 
   GatewayState gateway = GatewayState::on;
   std::string detail;  ///< more about the gateway, for people; may be empty
   std::vector<UsedInterface> interfaces;
   std::vector<NatRule> rules;
+  std::vector<PortEvent> refusals;  ///< newest ones at ports of the router's own programs
 
  private:
   /// Notes on which internal interfaces no host can reach a gateway that is switched on.
@@ -31,6 +33,9 @@ struct Status {
 
 /// How the gateway uses the interface, in words: "internal, not used".
 [[nodiscard]] std::string roleText(const UsedInterface& interface);
+
+/// In one line, which names the program that listens at the port.
+[[nodiscard]] std::string refusalText(const PortEvent& refusal);
 
 /// What people read where there is no interface, and no open port.
 inline constexpr const char* noInterfaceText = "No interface is set up: lumenctl upnp setup";

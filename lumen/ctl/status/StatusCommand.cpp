@@ -36,6 +36,8 @@ void show(Session& session, const Status& status) {
   out << '\n';
   if (status.rules.empty()) out << noPortText << '\n';
   session.print(portsAsTable(status.rules));
+  if (!status.refusals.empty()) out << '\n';
+  for (const PortEvent& refusal : status.refusals) out << refusalText(refusal) << '\n';
 }
 
 void addTraffic(Router& router, const Status& status, std::map<uint32_t, Traffic>& traffic) {

@@ -17,6 +17,9 @@ namespace {
 
 using lm::nat::Event;
 
+/// What the refusal of a port says at which a program of the router listens.
+constexpr const char* isOwn = " is this router's own: ";
+
 constexpr std::string_view givenUp = "the request was given up";
 
 PortLog::Author authorOf(const Caller& caller) {
@@ -121,7 +124,12 @@ lm::message NatRules::change(const Caller& caller, uint32_t command, const lm::m
                       : command == lm::cmd::setObject ? set(caller, request)
                                                       : remove(caller, request);
   if (lm::isError(reply)) {
-    note(Event::refused, authorOf(caller), about, lm::getError(reply));
+    const std::string why = lm::getError(reply);
+    if (why.find(isOwn) != std::string::npos) {
+      log_.addRefusalOfOwnPort(authorOf(caller), about.key, about.client, why);
+    } else {
+      note(Event::refused, authorOf(caller), about, why);
+    }
   }
   return reply;
 }
@@ -318,7 +326,7 @@ Result<void> NatRules::checkFree(const RuleKey& key) const {
   const auto listener =
       listeners_.find(key.protocol, key.external, interface ? interface->index : 0);
   if (!listener) return {};
-  return Failure{keyText(key) + " is this router's own: " + *listener + " listens there"};
+  return Failure{keyText(key) + isOwn + *listener + " listens there"};
 }
 
 // The external address may have left the router since: such a rule keeps working when it is back.

@@ -31,8 +31,23 @@ void PortLog::add(lm::nat::Event event, const Author& author, const RuleKey& key
   notifier_.notify(lm::cmd::changed, lm::nat::logPath(), news);
 }
 
+void PortLog::addRefusalOfOwnPort(const Author& author, const RuleKey& key, const Endpoint& client,
+                                  std::string_view reason) {
+  add(lm::nat::Event::refused, author, key, client, reason);
+  std::erase_if(ownPorts_, [&](const auto& known) { return known.second.key == key; });
+  if (ownPorts_.size() == newestOwn) ownPorts_.erase(ownPorts_.begin());
+  ownPorts_.emplace_back(lastId_, entries_.at(lastId_));
+}
+
 lm::message PortLog::handle(const Caller& caller, uint32_t command, const lm::message& request) {
   if (!caller.mayRead()) return lm::refusal("not permitted");
+  if (command == lm::cmd::get) {
+    std::vector<lm::message> records;
+    for (const auto& [id, entry] : ownPorts_) records.push_back(record(id, entry));
+    lm::message answer;
+    answer.insert_message_array(lm::key::records, std::move(records));
+    return answer;
+  }
   if (command != lm::cmd::list && command != lm::cmd::readAll) {
     return lm::refusal("unknown command");
   }

@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "lumen/services/LocalHandler.h"
 #include "lumen/services/nat/Rule.h"
@@ -36,6 +37,9 @@ class PortLog : public LocalHandler {
     uint32_t user = 0;  ///< of its process
   };
 
+  /// How many ports of the router's own programs lm::cmd::get gives.
+  static constexpr size_t newestOwn = 5;
+
   /// `notifier` must outlive this.
   explicit PortLog(Notifier& notifier, WallClock clock = systemTime);
   PortLog(const PortLog&) = delete;
@@ -44,6 +48,11 @@ class PortLog : public LocalHandler {
   /// `reason` may be empty.
   void add(lm::nat::Event event, const Author& author, const RuleKey& key, const Endpoint& client,
            std::string_view reason);
+
+  /// Adds a refusal, since a program of the router listens at the port. The newest refusal of each
+  /// port that this happened to lately is kept beside the record, however full that is.
+  void addRefusalOfOwnPort(const Author& author, const RuleKey& key, const Endpoint& client,
+                           std::string_view reason);
 
   [[nodiscard]] lm::message handle(const Caller& caller, uint32_t command,
                                    const lm::message& request) override;
@@ -88,6 +97,7 @@ class PortLog : public LocalHandler {
   std::map<Ipv4Address, Group> groups_;            // none is empty
   std::set<std::pair<uint32_t, uint32_t>> ranks_;  // of groups_
   uint32_t lastId_ = 0;
+  std::vector<std::pair<uint32_t, Entry>> ownPorts_;  // with their ids, the oldest first
 };
 
 }  // namespace lumen

@@ -27,7 +27,8 @@
 /// What happened to ports is recorded at handler [20, 6], for administrators and services that may
 /// read: list (paged,
 /// also as readAll) gives the events in the order in which they happened, and lm::cmd::changed
-/// notifies each new one as the record of lm::key::records.
+/// notifies each new one as the record of lm::key::records. lm::cmd::get gives there the newest
+/// refusals at ports where programs of the router listen: one for each of the last five ports.
 namespace lm::nat {
 
 namespace key {

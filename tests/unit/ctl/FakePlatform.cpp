@@ -185,6 +185,12 @@ uint32_t FakePlatform::wasChanged(const std::string& text, uint32_t undoCommand,
   return record.get_u32(lm::key::objectId);
 }
 
+void FakePlatform::refusedOwnPort(const lm::nat::LogRecord& event) {
+  lm::message record;
+  lm::nat::write(record, event);
+  refusalsOfOwnPorts_.push_back(record);
+}
+
 void FakePlatform::hadPortEvent(const lm::nat::LogRecord& event, bool later) {
   lm::message record;
   lm::nat::write(record, event);
@@ -275,6 +281,10 @@ lumen::Result<lm::message> FakePlatform::answer(const Path& destination, uint32_
     if (command == lm::cmd::set) return reply;
     if (command == lm::cmd::get) return policy_;
     return changeTable(rules_, command, request);
+  }
+  if (destination == Path{20, 6} && command == lm::cmd::get) {
+    reply.insert_message_array(lm::key::records, refusalsOfOwnPorts_);
+    return reply;
   }
   if (destination == Path{20, 6} && command == lm::cmd::readAll) return page(portEvents_, request);
   if (destination == Path{66}) {

@@ -50,6 +50,8 @@ class FakePlatform {
   uint32_t wasChanged(const std::string& text, uint32_t undoCommand, lm::message undo);
   /// Something happened to a port; with `later` only while that is followed.
   void hadPortEvent(const lm::nat::LogRecord& event, bool later = false);
+  /// A port was refused, since a program of the router listens there.
+  void refusedOwnPort(const lm::nat::LogRecord& event);
   /// While it is monitored, `m` passes from one number to another.
   void passes(uint32_t from, uint32_t to, lm::message m, bool cut = false);
   /// The platform ends after that; otherwise the user asks lumenctl to end.
@@ -105,6 +107,7 @@ class FakePlatform {
   std::vector<lm::message> objects_;
   std::vector<lm::message> history_;
   std::vector<lm::message> portEvents_;
+  std::vector<lm::message> refusalsOfOwnPorts_;
   std::deque<lm::message> shown_;
   bool ends_ = false;
   lm::message settings_;

@@ -153,6 +153,16 @@ TEST_F(Picture, SaysThatThereIsNoInterfaceAndNoPort) {
   EXPECT_EQ(lines[4], "No port is open.");
 }
 
+TEST_F(Picture, ShowsRefusalsAtPortsOfTheRoutersOwnPrograms) {
+  lm::message record;
+  lm::nat::write(record, lm::nat::LogRecord{.id = 7, .event = 4, .reason = "ssh.service\x1b[2J"});
+  status.refusals.emplace_back(record);
+  const Lines lines = draw(96, 24);
+  EXPECT_TRUE(lines.back().starts_with("Refused ")) << lines.back();
+  EXPECT_TRUE(lines.back().ends_with(": ssh.service\\x1b[2J")) << lines.back();
+  EXPECT_LE(columns(draw(20, 24).back()), 20U);
+}
+
 TEST_F(Picture, ColoursStates) {
   EXPECT_TRUE(draw(96, 24, true)[0].starts_with("Gateway: \x1b[32mon\x1b[0m (process 4711)"));
   EXPECT_NE(draw(96, 24, true)[3].find("\x1b[32mrunning\x1b[0m"), std::string::npos);

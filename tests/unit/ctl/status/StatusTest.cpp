@@ -1,6 +1,9 @@
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
+#include <ctime>
 #include <deque>
 #include <iomanip>
 #include <memory>
@@ -84,7 +87,39 @@ TEST_F(Status, ShowsTheRouterInJson) {
             "      \"address\": \"45.45.45.1\",\n      \"client\": \"192.168.88.10\",\n"
             "      \"client_port\": 80,\n      \"state\": \"open\",\n      \"stale\": false,\n"
             "      \"owner\": \"palinode-igd\",\n      \"seconds\": 185,\n"
-            "      \"connections\": 2,\n      \"connections_so_far\": 17\n    }\n  ]\n}\n");
+            "      \"connections\": 2,\n      \"connections_so_far\": 17\n    }\n  ],\n"
+            "  \"refused_ports\": []\n}\n");
+}
+
+// Promise: `status` shows the newest refusals at ports of the router's own programs: when, for
+// which client, and which program listens there.
+TEST_F(Status, ShowsRefusalsAtPortsOfTheRoutersOwnPrograms) {
+  setenv("TZ", "CET-1", 1);
+  tzset();
+  const std::string reason = "tcp port 8443 of 45.45.45.1 is this router's own: ssh.service\x1b";
+  router.refusedOwnPort({.id = 7,
+                         .event = 4,
+                         .time = 1709251198007,
+                         .owner = "upnp",
+                         .user = 104,
+                         .protocol = 6,
+                         .address = inet_addr("45.45.45.1"),
+                         .port = 8443,
+                         .client = inet_addr("192.168.88.10"),
+                         .clientPort = 80,
+                         .reason = reason});
+  const std::string shown = router.lumenctl({"status"}).out;
+  EXPECT_TRUE(
+      shown.ends_with("\n\nRefused 2024-03-01 00:59:58 to 192.168.88.10:80: tcp port 8443 of "
+                      "45.45.45.1 is this router's own: ssh.service\\x1b\n"))
+      << shown;
+  const std::string json = router.lumenctl({"status", "--json"}).out;
+  EXPECT_NE(json.find("\"refused_ports\": [\n    {\n      \"time\": 1709251198.007,\n"
+                      "      \"port\": 8443,\n      \"protocol\": \"tcp\",\n"
+                      "      \"address\": \"45.45.45.1\",\n"
+                      "      \"client\": \"192.168.88.10\",\n      \"client_port\": 80,\n"),
+            std::string::npos)
+      << json;
 }
 
 // Promise [ctl-passive]: `status` never starts a gateway that does not run, and then shows the kept

@@ -171,10 +171,41 @@ TEST_F(PortLogTest, RecordsWhatIsUndone) {
                    "closed upnp/104" + port + "80", "opened upnp/104" + port + "80" + why}));
 }
 
+// Promise: lumend keeps the newest refusals at five ports where programs of the router listen, one
+// for each port, whatever else happens.
+TEST_F(PortLogTest, KeepsTheNewestRefusalOfEachOwnPort) {
+  const auto refusals = [this] {
+    Texts texts;
+    const lm::message answer = portLog.handle(admin, lm::cmd::get, {});
+    for (const lm::message& m : answer.get_message_array_ref(lm::key::records)) {
+      texts.push_back(textOf(m));
+    }
+    return texts;
+  };
+  const auto refusal = [](const std::string& port, const std::string& client = "192.168.88.10") {
+    return "refused upnp/104 tcp port " + port + " of 45.45.45.1 to " + client + ":80: tcp port " +
+           port + " of 45.45.45.1 is this router's own: vpn.service listens there";
+  };
+  EXPECT_EQ(refusals(), Texts{});
+  EXPECT_NE(refusedToOpen({.port = 80}), "");
+  EXPECT_EQ(refusals(), Texts{}) << "no program listens there";
+  for (uint32_t port = 8001; port <= 8006; ++port) {
+    listeners.programs[{6, static_cast<uint16_t>(port)}] = "vpn.service";
+    EXPECT_NE(refusedToOpen({.port = port}), "");
+  }
+  const Texts last = {refusal("8003"), refusal("8004"), refusal("8005"), refusal("8006")};
+  EXPECT_EQ(refusals(), (Texts{refusal("8002"), last[0], last[1], last[2], last[3]}));
+  EXPECT_NE(refusedToOpen({.port = 8002, .client = "192.168.88.11"}), "");
+  EXPECT_EQ(refusals(),
+            (Texts{last[0], last[1], last[2], last[3], refusal("8002", "192.168.88.11")}));
+  EXPECT_EQ(happened().size(), 8U) << "the record has them all";
+}
+
 // Promise: Only administrators read the record of ports.
 TEST_F(PortLogTest, IsReadByAdministratorsOnly) {
   opens({});
-  for (const uint32_t command : {lm::cmd::list, lm::cmd::readAll, lm::cmd::removeObject}) {
+  for (const uint32_t command :
+       {lm::cmd::list, lm::cmd::readAll, lm::cmd::get, lm::cmd::removeObject}) {
     EXPECT_EQ(lm::getError(portLog.handle(daemon, command, {})), "not permitted");
   }
   EXPECT_EQ(lm::getError(portLog.handle(admin, lm::cmd::removeObject, idOnly(1))),
