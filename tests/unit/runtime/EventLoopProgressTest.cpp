@@ -199,6 +199,17 @@ TEST_F(Listeners, CostASystemCallForEachCallbackButTheFirst) {
   EXPECT_EQ(pollsInATurn(), 1);
 }
 
+TEST_F(Listeners, CostNoSystemCallBeforeTheFirstWatchThatWasStartedInATurn) {
+  acceptingWatch();
+  watch("a", a_.ours.get()).then = [this] { watch("b", b_.ours.get()); };
+  test::writeText(a_.peer.get(), "x");
+  test::writeText(b_.peer.get(), "x");
+  const int before = polls;
+  turn();
+  EXPECT_EQ(calls(), (Names{"a", "b"}));
+  EXPECT_EQ(polls - before, 2) << "whether they are open, and what was started";
+}
+
 // Promise: A listening socket that accepts again is called at full speed again.
 TEST_F(Listeners, AreAtFullSpeedAgainOnceTheyAccept) {
   Probe& p = failingWatch();

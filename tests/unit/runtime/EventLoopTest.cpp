@@ -306,13 +306,21 @@ TEST_F(Watches, OnlyTheirOwnConditionsCount) {
 }
 
 TEST_F(Watches, ForWritingAreNotCalledForWhatCanBeRead) {
-  std::string filler(1 << 20, 'x');
-  while (send(a_.ours.get(), filler.data(), filler.size(), MSG_DONTWAIT) > 0) {
+  const auto fill = [](int fd) {
+    const std::string filler(1 << 20, 'x');
+    while (send(fd, filler.data(), filler.size(), MSG_DONTWAIT) > 0) {
+    }
+  };
+  for (SocketPair* pair : {&a_, &b_}) {
+    fill(pair->ours.get());
+    test::writeText(pair->peer.get(), "x");
   }
-  test::writeText(a_.peer.get(), "x");
+  const SocketPair starter(SOCK_STREAM);
+  test::writeText(starter.peer.get(), "x");
   watch("a", a_.ours.get(), watchWrite);
+  watch("starter", starter.ours.get()).then = [this] { watch("b", b_.ours.get(), watchWrite); };
   turn();
-  EXPECT_EQ(calls(), Names{});
+  EXPECT_EQ(calls(), Names{"starter"});
 }
 
 // Promise: A watch of descriptor -1 is ignored.
