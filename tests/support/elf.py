@@ -16,6 +16,16 @@ PF_X = 1
 DT_STRTAB, DT_SYMTAB, DT_STRSZ = 5, 6, 10
 DT_RPATH, DT_BIND_NOW, DT_RUNPATH, DT_FLAGS, DT_FLAGS_1 = 15, 24, 29, 30, 0x6FFFFFFB
 DF_BIND_NOW, DF_1_NOW, DF_1_PIE = 8, 1, 0x08000000
+SHT_SYMTAB = 2
+
+# What a failed check says, in a program that the C++ library is linked into.
+ASSERTION = b"Assertion '%s' failed"
+
+# Of the C++ library, by how their names begin: streams with the object that sets them up, locales,
+# and what brings these in.
+STREAMS = ("_ZNSt8ios_base", "_ZNSt6locale", "_ZNKSt6locale", "_ZSt4cout", "_ZSt4cerr", "_ZSt4clog",
+           "_ZNSo", "_ZNSi", "_ZNSt9basic_ios", "_ZNSt13basic_filebuf", "_ZNSt10filesystem",
+           "_ZNSt7__cxx1115basic_stringbuf", "_ZNSt7__cxx1112basic_format")
 
 # Of x86: what an indirect jump must land on. Code without the option has at most the few of the
 # start files and of hand-written assembly.
@@ -53,6 +63,7 @@ class Elf:
         self._segments = list(self._read_segments())
         self._dynamic = list(self._read_dynamic())
         self.imports = set(self._read_symbols())
+        self.names = self.imports | set(self._read_names())
 
     def _unpack(self, form, offset):
         return struct.unpack_from(self._order + form, self._data, offset)
@@ -93,6 +104,23 @@ class Elf:
                 end = self._data.index(b"\0", texts + name)
                 yield self._data[texts + name:end].decode("ascii", "replace")
 
+    def _read_names(self):
+        """The names in the table for people, which a stripped program does not have."""
+        (table,) = self._unpack("Q", 40) if self._wide else self._unpack("I", 32)
+        size, count = self._unpack("HH", 58 if self._wide else 46)
+        # Kind, offset, length and the number of the section that belongs to it, of each section.
+        sections = [self._unpack("4xI16xQQI" if self._wide else "4xI8xIII", at)
+                    for at in range(table, table + size * count, size)]
+        for kind, offset, length, texts in sections:
+            if kind == SHT_SYMTAB:
+                for at in range(offset, offset + length, 24 if self._wide else 16):
+                    start = sections[texts][1] + self._unpack("I", at)[0]
+                    yield self._data[start:self._data.index(b"\0", start)].decode("ascii", "replace")
+
+    def streams(self):
+        """What it has of the streams and locales of the C++ library, its own or another's."""
+        return sorted(name for name in self.names if name.startswith(STREAMS))
+
     def _flags(self, tag):
         return next((value for found, value in self._dynamic if found == tag), 0)
 
@@ -114,7 +142,8 @@ class Elf:
             "canary": "__stack_chk_fail" in self.imports,
             "fortify": any(name.startswith("__") and name.endswith("_chk")
                            for name in self.imports),
-            "assertions": any("glibcxx_assert_fail" in name for name in self.imports),
+            "assertions": any("glibcxx_assert_fail" in name for name in self.imports) or
+                          ASSERTION in self._data,
             "landings": self._landings() > FEW_LANDINGS if self._machine == EM_X86_64 else None,
             "no path": not tags & {DT_RPATH, DT_RUNPATH},
         }

@@ -8,7 +8,8 @@ import unittest
 from support.elf import Elf, table
 
 BUILD = pathlib.Path(os.environ["PALINODE_BIN"]).parent
-PROGRAMS = ("palinode-igd", "lumend", "lumen-resolver", "lumenctl")
+RESIDENT = ("palinode-igd", "lumend", "lumen-resolver")
+PROGRAMS = (*RESIDENT, "lumenctl")
 
 # What leaves no trace in a program that can be read back.
 UNSEEN = {"-fstack-clash-protection": "a large array cannot jump over the guard page of the stack"}
@@ -30,6 +31,12 @@ class BinariesTest(unittest.TestCase):
         print(table(paths))
         lacking = {path.name: Elf(path).lacks() for path in paths}
         self.assertEqual({name: lacks for name, lacks in lacking.items() if lacks}, {})
+
+    # Promise: What stays in memory has nothing of the C++ library's streams and locales.
+    def test_no_resident_program_has_streams_or_locales(self):
+        resident = {name: Elf(BUILD / "bin" / name).streams() for name in RESIDENT}
+        self.assertEqual(resident, {name: [] for name in RESIDENT})
+        self.assertIn("_ZSt4cout", Elf(BUILD / "bin" / "lumenctl").streams(), "they are recognised")
 
     def test_every_source_is_compiled_with_what_leaves_no_trace(self):
         lacking = [f"{source}: {flag}" for source, words in compiled_sources() for flag in UNSEEN
