@@ -73,9 +73,33 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_L
                          -Wno-stringop-overread -Wno-array-bounds)
 endif()
 target_compile_definitions(palinode_warnings INTERFACE PALINODE_VERSION="${PROJECT_VERSION}")
-if(CMAKE_BUILD_TYPE STREQUAL "Release")
+if(CMAKE_BUILD_TYPE MATCHES "^(Release|MinSizeRel)$")
   # It needs an optimising compiler.
   target_compile_definitions(palinode_warnings INTERFACE _FORTIFY_SOURCE=2)
+endif()
+
+# What makes the programs smaller and costs no speed: what nothing uses stays out, and with link-time
+# optimisation functions are inlined and left out across files. The objects have machine code beside
+# what the link-time optimiser needs: for lld, which does not know GCC's, and for the tests, which
+# link fast.
+string(COMPARE EQUAL "${CMAKE_BUILD_TYPE}" MinSizeRel PALINODE_SMALL)
+set(PALINODE_TRIMMED)
+set(PALINODE_TRIM)
+set(PALINODE_LINKED_FAST)
+if(CMAKE_BUILD_TYPE MATCHES "^(Release|MinSizeRel)$")
+  list(APPEND PALINODE_TRIMMED -ffunction-sections -fdata-sections -fvisibility=hidden
+       -fvisibility-inlines-hidden)
+  list(APPEND PALINODE_TRIM LINKER:--gc-sections)
+endif()
+if(PALINODE_LTO AND NOT CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  message(STATUS "The programs are linked without link-time optimisation, which is GCC's here")
+elseif(PALINODE_LTO)
+  list(APPEND PALINODE_TRIMMED -flto=auto -ffat-lto-objects)
+  list(APPEND PALINODE_TRIM -flto=auto)
+  list(APPEND PALINODE_LINKED_FAST -fno-lto)
+endif()
+if(PALINODE_STATIC_CXX)
+  list(APPEND PALINODE_TRIM -static-libstdc++ -static-libgcc)
 endif()
 
 if(PALINODE_SANITIZE)
@@ -105,6 +129,11 @@ endif()
 add_library(palinode_flags INTERFACE)
 target_link_libraries(palinode_flags INTERFACE palinode_warnings)
 target_compile_options(palinode_flags INTERFACE -fno-exceptions -fno-rtti)
+if(PALINODE_SMALL)
+  # Nothing is thrown, and no program has a second thread.
+  target_compile_options(palinode_flags INTERFACE -fno-asynchronous-unwind-tables
+                         -fno-threadsafe-statics)
+endif()
 
 # palinode_library(NAME SOURCES file... LINK library...)
 # A folder's code as a static library; LINK is public, so that layers add up.
@@ -112,6 +141,23 @@ function(palinode_library name)
   cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
   add_library(${name} STATIC ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE palinode_flags PUBLIC ${ARG_LINK})
+endfunction()
+
+# palinode_program(NAME SOURCES file... LINK library... DESTINATION folder [RESIDENT])
+# A program that is installed; RESIDENT: it stays in memory, and throws no exceptions.
+function(palinode_program name)
+  cmake_parse_arguments(ARG "RESIDENT" "DESTINATION" "SOURCES;LINK" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE ${ARG_LINK})
+  if(ARG_RESIDENT AND PALINODE_STATIC_CXX)
+    target_link_libraries(${name} PRIVATE no_exceptions)
+  endif()
+  if(ARG_RESIDENT OR PALINODE_SMALL)
+    target_link_options(${name} PRIVATE ${PALINODE_TRIM})
+  else()
+    target_link_options(${name} PRIVATE ${PALINODE_LINKED_FAST})
+  endif()
+  install(TARGETS ${name} DESTINATION ${ARG_DESTINATION})
 endfunction()
 
 # What tests add: GCC lets a compiler cache serve sources that use precompiled headers.
