@@ -62,7 +62,9 @@ class RunTest(unittest.TestCase):
                                   (["--internal", "lo"], "--internal and --external go together"),
                                   (["--external", "lo"], "--internal and --external go together"),
                                   (["--external", "lo", "--external", "lo"],
-                                   "--external is given twice")):
+                                   "--external is given twice"),
+                                  (["--preset"], "--preset needs release or small"),
+                                  (["--preset", "tidy"], "--preset needs release or small")):
             with self.subTest(arguments=arguments):
                 self.assertEqual(self.run_script(*arguments),
                                  (2, "", f"scripts/run: {reason}, see scripts/run --help\n"))
@@ -97,6 +99,19 @@ class RunTest(unittest.TestCase):
                 self.assertEqual((status, said), (0, ""))
                 self.assertEqual(self.called()[-1], "env PYTHONDONTWRITEBYTECODE=1 python3 "
                                                     f"scripts/demo.py{passed}")
+
+    def test_the_preset_is_what_is_built_and_run(self):
+        if os.getuid() != 0:
+            self.skipTest("scripts/run goes on as root only")
+        (self.folder / "programs" / "env").write_text(STAND_IN + 'echo "$PALINODE_BIN" >>"$CALLS"\n')
+        for arguments, preset, folder in (([], "release", "build"),
+                                          (["--preset", "small"], "small", "build-small")):
+            with self.subTest(arguments=arguments):
+                self.calls.write_text("")
+                self.run_script(*arguments)
+                called = self.called()
+                self.assertIn(f"cmake --build --preset {preset}", called)
+                self.assertEqual(called[-1], f"{self.folder}/{folder}/bin")
 
 
 if __name__ == "__main__":
