@@ -95,7 +95,8 @@ def measure_router(rows):
         def look(state):
             pids = {"lumend": router.lumend.pid, "palinode-igd": router.gateway_pid(),
                     "lumen-resolver": router.service("resolver")["process"]}
-            wait_until_at_rest(pids.values())
+            # A second after a change lumend tidies up.
+            wait_until_at_rest(pids.values(), seconds=2.0)
             for name, pid in pids.items():
                 rows[name][state] = figures(pid)
 

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
@@ -34,17 +35,17 @@ bool writeAll(int fd, std::string_view bytes) {
 
 /// Reads at most one byte more than a record can have.
 lumen::Result<std::string> readAll(int fd) {
-  std::string bytes(maxDatagram + 1, '\0');
+  // One for all, of which only what records fill is ever touched: most are short.
+  static std::array<char, maxDatagram + 1> buffer;
   size_t length = 0;
-  while (length < bytes.size()) {
-    const ssize_t got = ::read(fd, bytes.data() + length, bytes.size() - length);
+  while (length < buffer.size()) {
+    const ssize_t got = ::read(fd, buffer.data() + length, buffer.size() - length);
     if (got < 0 && errno == EINTR) continue;
     if (got < 0) return lumen::Failure{strerror(errno)};
     if (got == 0) break;
     length += static_cast<size_t>(got);
   }
-  bytes.resize(length);
-  return bytes;
+  return std::string(buffer.data(), length);
 }
 
 /// An empty file holds an empty message.

@@ -7,6 +7,7 @@
 #include <sys/un.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <climits>
@@ -70,15 +71,16 @@ Transport::Status SocketTransport::send(std::string_view datagram) {
 }
 
 Transport::Status SocketTransport::receive(std::string& datagram) {
-  datagram.resize(maxDatagram + 1);
+  // One for all, of which only what datagrams fill is ever touched: most are short.
+  static std::array<char, maxDatagram + 1> buffer;
   ssize_t received = 0;
   do {
-    received = recv(socket_.get(), datagram.data(), datagram.size(), 0);
+    received = recv(socket_.get(), buffer.data(), buffer.size(), 0);
   } while (received < 0 && errno == EINTR);
   if (received < 0 && errno == EAGAIN) return Status::wouldBlock;
   // No program sends an empty datagram, so 0 is the end.
   if (received <= 0) return Status::ended;
-  datagram.resize(static_cast<size_t>(received));
+  datagram.assign(buffer.data(), static_cast<size_t>(received));
   return Status::done;
 }
 

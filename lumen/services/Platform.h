@@ -20,6 +20,7 @@
 #include "lumen/services/supervisor/Supervisor.h"
 #include "lumen/services/system/netfilter/LibNftables.h"
 #include "lumen/services/system/netfilter/NetlinkFlows.h"
+#include "lumen/services/system/netfilter/ThriftyNftables.h"
 #include "lumen/services/system/netlink/LinkRelay.h"
 #include "lumen/services/system/netlink/NetlinkLinks.h"
 #include "lumen/services/system/netlink/SocketListeners.h"
@@ -74,7 +75,8 @@ class Platform : private Supervisor::RequestListener, private StoreWatch::Observ
   void asked(const ServiceDefinition& service) override;
   void storeExceeded(uint32_t service, const std::string& why) override;
 
-  LibNftables nftables_;
+  LibNftables kernelTables_;
+  ThriftyNftables nftables_{kernelTables_};
   Fence fence_;
   StoreWatch storeWatch_;
   Supervisor supervisor_;

@@ -30,8 +30,8 @@ def memory(pid):
     return {line[0].removesuffix(":"): int(line[1]) for line in lines}
 
 
-def wait_until_at_rest(pids):
-    """Waits until these processes have had nothing to do for a second, and have opened and closed
+def wait_until_at_rest(pids, seconds=1.0):
+    """Waits until these processes have had nothing to do for so long, and have opened and closed
     nothing."""
     pids = list(pids)
     seen, since = None, 0.0
@@ -41,7 +41,7 @@ def wait_until_at_rest(pids):
         now = [(processor_time(pid), descriptors(pid)) for pid in pids]
         if now != seen:
             seen, since = now, time.monotonic()
-        return time.monotonic() > since + 1.0
+        return time.monotonic() > since + seconds
 
     wait_until(at_rest, "the router is at rest", 30.0)
 

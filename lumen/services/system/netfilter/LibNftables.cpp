@@ -59,6 +59,12 @@ Result<std::string> LibNftables::runFile(const std::string& path) {
   return result(nft_run_cmd_from_filename(context_.get(), path.c_str()));
 }
 
+void LibNftables::forget() {
+  // It keeps what it read of every table, half a megabyte for each, until the kernel has changed or
+  // a command fails; there is no function for it.
+  if (context_) static_cast<void>(run("!"));
+}
+
 Result<std::string> LibNftables::result(int status) {
   // Reading a buffer is also what empties it.
   std::string output = nft_ctx_get_output_buffer(context_.get());

@@ -22,6 +22,7 @@ class LibNftables : public Nftables {
 
   [[nodiscard]] Result<std::string> run(const std::string& commands) override;
   [[nodiscard]] Result<std::string> runFile(const std::string& path) override;
+  void forget() override;
 
  private:
   [[nodiscard]] Result<std::string> result(int status);

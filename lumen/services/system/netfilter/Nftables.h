@@ -17,6 +17,9 @@ class Nftables {
 
   /// The same with the commands of the file `path`.
   [[nodiscard]] virtual Result<std::string> runFile(const std::string& path) = 0;
+
+  /// Frees what was kept from the commands so far for the next one.
+  virtual void forget() = 0;
 };
 
 }  // namespace lumen

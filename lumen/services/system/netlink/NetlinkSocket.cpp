@@ -34,7 +34,7 @@ bool NetlinkSocket::open(unsigned groups, int receiveBuffer) {
     errno = error;
     return false;
   }
-  buffer_.resize(bufferSize);
+  buffer_ = std::make_unique_for_overwrite<std::byte[]>(bufferSize);
   return true;
 }
 
@@ -48,7 +48,7 @@ bool NetlinkSocket::send(const nlmsghdr& request) {
 NetlinkSocket::Received NetlinkSocket::receive(bool wait, std::span<const std::byte>& datagram) {
   for (;;) {
     sockaddr_nl sender{};
-    iovec part{buffer_.data(), buffer_.size()};
+    iovec part{buffer_.get(), bufferSize};
     msghdr header{};
     header.msg_name = &sender;
     header.msg_namelen = sizeof sender;
@@ -66,7 +66,7 @@ NetlinkSocket::Received NetlinkSocket::receive(bool wait, std::span<const std::b
       errno = EMSGSIZE;
       return Received::lost;
     }
-    datagram = {buffer_.data(), static_cast<size_t>(length)};
+    datagram = {buffer_.get(), static_cast<size_t>(length)};
     return Received::datagram;
   }
 }

@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <memory>
 #include <span>
-#include <vector>
 
 namespace lumen {
 
@@ -46,7 +45,7 @@ class NetlinkSocket {
   };
 
   std::unique_ptr<mnl_socket, Closer> socket_;
-  std::vector<std::byte> buffer_;
+  std::unique_ptr<std::byte[]> buffer_;  // touched as far as datagrams fill it
 };
 
 }  // namespace lumen

@@ -28,6 +28,8 @@ class FakeNftables : public Nftables {
 
   Result<std::string> runFile(const std::string& path) override { return run("file " + path); }
 
+  void forget() override { texts.emplace_back("forgets"); }
+
   void prints(const std::string& commands, const std::string& text) {
     scripts_.insert_or_assign(commands, text);
   }

@@ -1,5 +1,6 @@
 #include <dirent.h>
 #include <linux/capability.h>
+#include <malloc.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <signal.h>
@@ -92,6 +93,20 @@ TEST_F(NatKernelTest, ReportsWhyItRefuses) {
             "Error: Could not process rule: No such file or directory");
   EXPECT_NE(seenByAnotherProgram(listMap).find("192.168.88.10 . 80"), std::string::npos)
       << "the transaction did nothing";
+}
+
+TEST_F(NatKernelTest, FreesWhatItHasReadAndGoesOn) {
+  opensTable();
+  EXPECT_EQ(whyNot(map->add(key, client)), "");
+  const size_t before = mallinfo2().uordblks;
+  nftables->forget();
+  // A sanitizer counts for itself.
+  EXPECT_TRUE(before == 0 || mallinfo2().uordblks + 400000 < before);
+  EXPECT_EQ(*map->uses(key), 0U);
+  EXPECT_EQ(whyNot(map->remove({key})), "");
+  LibNftables unused;
+  unused.forget();
+  EXPECT_TRUE(unused.run("list tables").ok());
 }
 
 TEST_F(NatKernelTest, KeepsTheCounterOverAChange) {

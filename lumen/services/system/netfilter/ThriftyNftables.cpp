@@ -1,0 +1,42 @@
+#include "lumen/services/system/netfilter/ThriftyNftables.h"
+
+#include <cstdlib>
+
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
+
+namespace lumen {
+
+namespace {
+
+constexpr uint32_t restDelay = 100;  // hundredths of a second
+
+void giveMemoryBack() {
+#ifdef __GLIBC__
+  // It keeps what lies below the highest allocation, for instance after a list of all ports.
+  malloc_trim(0);
+#endif
+}
+
+}  // namespace
+
+Result<std::string> ThriftyNftables::run(const std::string& commands) {
+  forgetSoon();
+  return nftables_.run(commands);
+}
+
+Result<std::string> ThriftyNftables::runFile(const std::string& path) {
+  forgetSoon();
+  return nftables_.runFile(path);
+}
+
+void ThriftyNftables::forget() {
+  rest_.stop();
+  nftables_.forget();
+  giveMemoryBack();
+}
+
+void ThriftyNftables::forgetSoon() { rest_.start<&ThriftyNftables::forget>(*this, restDelay); }
+
+}  // namespace lumen
