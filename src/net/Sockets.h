@@ -36,9 +36,9 @@ inline constexpr size_t BUFLEN = 4096;
 /// line when that cannot be set.
 void dropWhenUnread(int fd);
 
-/// Writes `text` to the blocking connection `fd`. What the send buffer does not take at once follows
-/// with a single write, before which the buffer is enlarged to hold all of `text`, as far as the
-/// system allows. For what exceeds even that, a peer that does not read delays the loop by at most a
-/// hundredth of a second. Returns false when not all of `text` was accepted, and also, after a log
-/// line, when the buffer could not be enlarged.
+/// Writes `text` to the blocking connection `fd`. What the send buffer does not take at once
+/// follows with a single write, before which the buffer is enlarged to hold all of `text`, as far
+/// as the system allows. For what exceeds even that, a peer that does not read delays the loop by
+/// at most a hundredth of a second. Returns false when not all of `text` was accepted, and also,
+/// after a log line, when the buffer could not be enlarged.
 [[nodiscard]] bool writeOnce(int fd, std::string_view text);
