@@ -23,6 +23,7 @@ class ForwardsMap : public lumen::Nftables {
 
   lumen::Result<std::string> run(const std::string& commands) override;
   lumen::Result<std::string> runFile(const std::string& path) override;
+  void forget() override {}
 
   /// Refuses one command about elements: the one after the next `commands`.
   void refuseAfter(unsigned commands) { refusal_ = commands; }
