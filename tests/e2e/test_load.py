@@ -33,20 +33,20 @@ class LoadTest(RouterCase):
         self.router.stop()
         self.assertEqual(self.router.kernel_map(), "")
 
-    # Promise: `upnpc` lists a thousand ports in less than a second.
+    # Promise: `upnpc` lists a thousand ports, in less than a second.
     def test_upnpc_lists_a_thousand_ports_in_less_than_a_second(self):
         self.router.lumenctl("nat", "policy", "set", "max-rules-per-client=1000")
         Ports(self.router, 0).open(0, 1000)
         rounds = []
-        while not (complete := [taken for taken, ports in rounds if ports == 1000]) or (
-                min(complete) >= 1.0):
-            self.assertLess(len(rounds), MOST_ROUNDS, f"(seconds, ports): {rounds}")
+        while not rounds or min(rounds) >= 1.0:
+            self.assertLess(len(rounds), MOST_ROUNDS, f"seconds: {rounds}")
             before, used = time.monotonic(), self.gateway_seconds()
             listed = self.lan[1].upnpc("-l")
-            rounds.append((time.monotonic() - before, listed.count("->192.168.88.")))
+            rounds.append(time.monotonic() - before)
             used = self.gateway_seconds() - used
-        print(f"upnpc -l took {min(complete) * 1000:.0f} ms, {used * 1000:.0f} ms of which the "
-              f"gateway worked; (seconds, ports): {rounds}")
+            self.assertEqual(listed.count("->192.168.88."), 1000, listed[-300:])
+        print(f"upnpc -l took {rounds[-1] * 1000:.0f} ms, {used * 1000:.0f} ms of which the "
+              f"gateway worked")
 
     def gateway_seconds(self):
         """Processor time that the gateway has used."""
