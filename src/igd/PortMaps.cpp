@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-void PortMaps::add(const Id& id, PortMap mapping) {
+void PortMaps::add(const Id& id, PortMap&& mapping) {
   const auto [entry, isNew] = byId_.try_emplace(id, std::move(mapping));
   if (isNew) inOrder_.insert(position(id), &*entry);
 }

@@ -18,7 +18,7 @@ class PortMaps {
   PortMaps& operator=(const PortMaps&) = delete;
 
   /// Adds a mapping, unless there is one with this key.
-  void add(const Id& id, PortMap mapping);
+  void add(const Id& id, PortMap&& mapping);
   /// Erases the mapping with this key, if there is one.
   void erase(const Id& id);
 
