@@ -151,9 +151,10 @@ class Soak(Closing):
                 Program("lumen-resolver", services["resolver"])]
 
     def _figures_at_rest(self):
-        """What the programs need when they have had nothing to do for a second."""
+        """What the programs need when they have had nothing to do for two seconds: a second after a
+        change lumend tidies up."""
         programs = self._programs()
-        wait_until_at_rest(program.pid for program in programs)
+        wait_until_at_rest((program.pid for program in programs), seconds=2.0)
         return {program.name: program.figures_at_rest() for program in programs}
 
     def _line(self):
