@@ -19,7 +19,7 @@ TEST_F(PortMapping, KeepsAtMostFourMebibytesOfDescriptions) {
   fillDescriptions(4096 * kibibyte);
   platform.forgetSent();
   const std::string other = "192.168.88.200";
-  for (const size_t length : {257UL, 64 * kibibyte}) {
+  for (const size_t length : {size_t{257}, 64 * kibibyte}) {
     EXPECT_EQ(open({.port = "999", .internalClient = other, .description = text(length)}), failed)
         << length;
     EXPECT_EQ(ownLog(),
@@ -40,7 +40,7 @@ TEST_F(PortMapping, Keeps256KibibytesOfDescriptionsForEachClient) {
     ASSERT_EQ(open({.port = port, .description = text(64 * kibibyte)}), opened()) << port;
   }
   platform.forgetSent();
-  for (const size_t length : {257UL, 64 * kibibyte}) {
+  for (const size_t length : {size_t{257}, 64 * kibibyte}) {
     EXPECT_EQ(open({.port = "2004", .description = text(length)}), failed) << length;
     EXPECT_EQ(ownLog(),
               "add map 2004->80, 192.168.88.10\naddPortMapping: no room for the description\n");
