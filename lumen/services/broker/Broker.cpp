@@ -93,8 +93,8 @@ void Broker::ended(Connection& connection, const std::string& why) {
     registrations_.erase(service);
     services_.lost(service);
   }
-  if (!gone->serves.empty()) servicesChanged();
   subscriptions_.removeAll(gone->number());
+  if (!gone->serves.empty()) servicesChanged();
   for (const Requester waiting : requests_.takeSentTo(gone->number())) {
     refuse(waiting, serviceUnavailable);
   }

@@ -162,6 +162,10 @@ TEST_F(RightsTest, ShowAReaderThatTheServicesChange) {
   EXPECT_TRUE(isNotified());
   broker.unavailable(gateway);
   EXPECT_TRUE(isNotified());
+  // Its own end does not concern it.
+  web.close();
+  settle();
+  EXPECT_EQ(supervisor.list().size(), 3U);
 }
 
 // Promise [rights-answers]: A service that only answers is refused every request and every
