@@ -1,13 +1,17 @@
-# Gives the stores of the daemon to its user. A staged installation leaves that to whoever unpacks
-# it: its build machine need not know the user.
-set(stores /lumen/store/upnp /lumen/store/upnpm)
+# Gives the stores of the services to their users. A staged installation leaves that to whoever unpacks
+# it: its build machine need not know the users.
+set(stores_of_palinode /lumen/store/upnp /lumen/store/upnpm)
+set(stores_of_lumen-web /lumen/store/web)
 if("$ENV{DESTDIR}" STREQUAL "")
-  execute_process(COMMAND chown palinode:palinode ${stores} RESULT_VARIABLE failed ERROR_VARIABLE error)
-  if(failed)
-    # To be pasted into a shell.
-    list(TRANSFORM stores REPLACE "(.+)" "'\\1'")
-    list(JOIN stores " " stores)
-    message(WARNING "The stores need their owner. Make the user palinode, then run as root:\n"
-                    "  chown palinode:palinode ${stores}\n${error}")
-  endif()
+  foreach(user palinode lumen-web)
+    set(stores ${stores_of_${user}})
+    execute_process(COMMAND chown ${user}:${user} ${stores} RESULT_VARIABLE failed ERROR_VARIABLE error)
+    if(failed)
+      # To be pasted into a shell.
+      list(TRANSFORM stores REPLACE "(.+)" "'\\1'")
+      list(JOIN stores " " stores)
+      message(WARNING "The stores need their owner. Make the user ${user}, then run as root:\n"
+                      "  chown ${user}:${user} ${stores}\n${error}")
+    endif()
+  endforeach()
 endif()

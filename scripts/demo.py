@@ -89,6 +89,13 @@ def port_life(router, host, wan, subscriber):
         exchange_udp(udp, host, UDP_PORT)
     show("lumenctl status", router.lumenctl("status"))
     show("nft list table ip lumen", router.kernel_map())
+    with step("lumenctl web on"):
+        router.lumenctl("web", "on")
+    with step(f"the LAN host fetched http://{LAN_ADDRESS}/metrics"):
+        metrics = fetch(host, "/metrics")
+        expect("palinode_gateway_up 1\n" in metrics, metrics)
+    show(f"http://{LAN_ADDRESS}/metrics; in the LAN host's namespace a browser shows "
+         f"http://{LAN_ADDRESS}/", metrics)
     with step("upnpc closed both ports"):
         host.upnpc("-d", str(TCP_PORT), "tcp")
         host.upnpc("-d", str(UDP_PORT), "udp")
@@ -100,6 +107,20 @@ def port_life(router, host, wan, subscriber):
             with wan.udp(source, to=(WAN_ADDRESS, UDP_PORT)) as late:
                 wait_until(lambda: udp_refused(late, host, UDP_PORT),
                            f"the WAN host is refused from port {source}")
+
+
+def fetch(host, path):
+    """What the status page serves the host there."""
+    with host.namespace.socket() as sock:
+        sock.settimeout(5)
+        sock.connect((LAN_ADDRESS, 80))
+        sock.sendall(f"GET {path} HTTP/1.0\r\nHost: {LAN_ADDRESS}\r\n\r\n".encode())
+        text = b""
+        while part := sock.recv(65536):
+            text += part
+    head, _, body = text.partition(b"\r\n\r\n")
+    expect(head.startswith(b"HTTP/1.") and b" 200 " in head.split(b"\r\n")[0], head.decode())
+    return body.decode()
 
 
 class RealNetwork:
@@ -117,7 +138,10 @@ def serve(internal, external):
         with step("set up the gateway"):
             arguments = [word for name in internal for word in ("--internal", name)]
             router.lumenctl("upnp", "setup", *arguments, "--external", external)
+        with step("switched the status page on"):
+            page = router.lumenctl("web", "on").strip()
         show("lumenctl status", router.lumenctl("status"))
+        print(f"Open in a browser on the LAN: {page.removeprefix('status page: ')}", flush=True)
         print(f"Serving. lumenctl --root {router.root} speaks to it; Ctrl-C ends it.", flush=True)
         router.lumend.wait()
         raise AssertionError(f"lumend ended with {router.lumend.returncode}")

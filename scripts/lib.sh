@@ -9,7 +9,7 @@ cd "$top"
 build_packages=(
   g++ cmake ninja-build pkgconf
   libexpat1-dev uuid-dev libev-dev libmnl-dev libnftables-dev libnetfilter-conntrack-dev
-  libinih-dev libcap-ng-dev libseccomp-dev libc-ares-dev libcli11-dev nlohmann-json3-dev
+  libinih-dev libcap-ng-dev libseccomp-dev libc-ares-dev libmicrohttpd-dev libcli11-dev nlohmann-json3-dev
 )
 # What makes a package of them.
 package_packages=(dpkg-dev file)
@@ -22,7 +22,7 @@ user_packages=("${unit_packages[@]}" python3 iproute2 clang-format lld mold)
 # What all tests need besides; ccache since the package builds the same sources again.
 test_packages=("${user_packages[@]}" "${run_packages[@]}" "${package_packages[@]}" ccache
   clang libclang-rt-dev nmap gir1.2-gupnp-1.6 python3-gi libupnp-dev
-  debootstrap lintian zsh iptables procps)
+  debootstrap lintian zsh iptables procps chromium chromium-driver)
 # What building for another machine needs besides, but its compiler.
 crossing_packages=(apt dpkg-dev debian-archive-keyring xz-utils bzip2 make gperf flex bison ccache)
 # What running programs of another machine needs besides.

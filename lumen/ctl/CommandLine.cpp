@@ -54,6 +54,7 @@ void addCommandLine(CLI::App& app, Session& session) {
   addInterfaceCommands(app, session);
   addAddressCommands(app, session);
   addNatCommands(app, session);
+  addWebCommands(app, session);
   addHistoryCommands(app, session);
   addMonitorCommand(app, session);
   addServiceCommands(app, session);

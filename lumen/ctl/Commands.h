@@ -21,6 +21,7 @@ void addAddressCommands(CLI::App& app, Session& session);
 void addNatCommands(CLI::App& app, Session& session);
 void addPortLogCommand(CLI::App& nat, Session& session);
 void addServiceCommands(CLI::App& app, Session& session);
+void addWebCommands(CLI::App& app, Session& session);
 void addHistoryCommands(CLI::App& app, Session& session);
 void addMonitorCommand(CLI::App& app, Session& session);
 void addIdentityCommand(CLI::App& app, Session& session);

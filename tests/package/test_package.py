@@ -23,7 +23,7 @@ BASE = kept() / "systemd.tar"
 PORT = 8080
 # Where the package has files, and what belongs to it nowhere else.
 PLACES = ("/etc/lumen", "/var/lib/lumen", "/run/lumen", "/lumen")
-USERS = ("palinode", "lumen-resolver")
+USERS = ("palinode", "lumen-resolver", "lumen-web")
 
 
 def package():

@@ -32,7 +32,7 @@ exec env -i PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin LC
 # What an earlier installation on this machine left in the copy.
 CLEAN_UP = """
 rm -rf /lumen
-for user in palinode lumen-resolver; do userdel "$user" 2>/dev/null || true; done
+for user in palinode lumen-resolver lumen-web; do userdel "$user" 2>/dev/null || true; done
 groupdel lumen 2>/dev/null || true
 """
 
@@ -41,7 +41,7 @@ lumend >/tmp/log & lumend=$!
 for try in $(seq 100); do ! lumenctl service list >/dev/null 2>&1 || break; sleep 0.1; done
 grep -q '^upnp: started' /tmp/log
 stat -c '%n %U %a' /lumen /lumen/etc /lumen/etc/services /lumen/etc/upnp /lumen/run /lumen/store \\
-  /lumen/store/upnp /lumen/store/upnpm
+  /lumen/store/upnp /lumen/store/upnpm /lumen/store/web
 getent group lumen | cut -d: -f1
 kill $lumend
 wait $lumend
@@ -51,7 +51,7 @@ cat /tmp/log >&2
 LEFT = """
 find / -maxdepth 1 -name lumen
 find /etc /usr /var/lib '(' -name '*lumen*' -o -name '*palinode*' ')' -newer /tmp/begin
-getent passwd palinode lumen-resolver || true
+getent passwd palinode lumen-resolver lumen-web || true
 getent group lumen || true
 """
 
@@ -87,7 +87,8 @@ class SourceInstallationTest(unittest.TestCase):
         self.assertEqual((done.returncode, done.stdout), (
             0, "/lumen root 755\n/lumen/etc root 755\n/lumen/etc/services root 755\n"
             "/lumen/etc/upnp root 755\n/lumen/run root 755\n/lumen/store root 755\n"
-            "/lumen/store/upnp palinode 700\n/lumen/store/upnpm palinode 700\nlumen\nremoved\n"),
+            "/lumen/store/upnp palinode 700\n/lumen/store/upnpm palinode 700\n"
+            "/lumen/store/web lumen-web 700\nlumen\nremoved\n"),
             done.stderr)
         self.assertNotIn("Permission denied", done.stderr)
         self.assertNotIn("is missing or belongs to another user", done.stderr)
@@ -95,8 +96,8 @@ class SourceInstallationTest(unittest.TestCase):
 
 
 class StoreOwnerTest(unittest.TestCase):
-    # Promise [source-stores]: An installation that cannot give the stores to the gateway's user
-    # prints the command that does, to be pasted into a shell.
+    # Promise [source-stores]: An installation that cannot give the stores to their users
+    # prints the commands that do, to be pasted into a shell.
     def test_the_remaining_steps_without_the_user_can_be_pasted_into_a_shell(self):
         with tempfile.TemporaryDirectory(prefix="palinode-chown-") as folder:
             # In place of the real one: it is called, and fails.
@@ -107,11 +108,12 @@ class StoreOwnerTest(unittest.TestCase):
             script = TOP / "packaging" / "own-stores.cmake"
             said = subprocess.run(["cmake", "-P", script], env=environment, capture_output=True,
                                   text=True, check=True).stderr
-            command = next(line for line in said.splitlines() if "chown " in line)
-            subprocess.run(["sh", "-c", command], env=environment, check=False)
+            commands = [line for line in said.splitlines() if "chown " in line]
+            subprocess.run(["sh", "-c", "\n".join(commands)], env=environment, check=False)
             calls = (pathlib.Path(folder) / "calls").read_text()
-        one_call = "[palinode:palinode]\n[/lumen/store/upnp]\n[/lumen/store/upnpm]\n"
-        self.assertEqual(calls, 2 * one_call, said)
+        each_once = ("[palinode:palinode]\n[/lumen/store/upnp]\n[/lumen/store/upnpm]\n"
+                     "[lumen-web:lumen-web]\n[/lumen/store/web]\n")
+        self.assertEqual(calls, 2 * each_once, said)
 
 
 if __name__ == "__main__":

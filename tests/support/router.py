@@ -19,6 +19,7 @@ PROGRAMS = pathlib.Path(os.environ.get("PALINODE_BIN", TOP / "build" / "bin")).r
 # Services run as users that need not exist, and that no other program on a machine is.
 SERVICE_USER = 64040
 RESOLVER_USER = 64014
+WEB_USER = 64042
 
 GATEWAY = "upnp"
 
@@ -185,6 +186,17 @@ executable = {programs / "lumen-resolver"}
 user = {RESOLVER_USER}
 answers-only = yes
 network = name-servers
+""")
+    (services / "web.ini").write_text(f"""[service]
+name = web
+number = 42
+executable = {PROGRAMS / "lumen-web"}
+user = {WEB_USER}
+boot = yes
+reads = yes
+stores = web
+network = answers
+capabilities = net-bind-service
 """)
     for name in ("run", "store"):
         (root / name).mkdir()

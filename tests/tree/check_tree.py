@@ -30,6 +30,8 @@ LAYERS = {
     "lumen/services/system/netlink": ("lumen/runtime", "lumen/values", "base", "platform"),
     "lumen/services/system/netfilter": ("lumen/runtime", "lumen/values", "base", "platform"),
     "lumen/services": ("lumen/runtime", "lumen/values", "base", "platform"),
+    "lumen/web": ("lumen/ctl/router", "lumen/ctl/status", "lumen/ctl/check", "lumen/ctl/text",
+                  "lumen/runtime", "lumen/values", "net", "base", "platform"),
     "lumen/ctl": ("lumen/services", "lumen/runtime", "lumen/values", "base", "platform"),
 }
 
@@ -50,6 +52,7 @@ USERS_OF_PACKAGES = {
     "lld": ("tests/tree/test_linkers.py", '"lld"'),
     "mold": ("tests/tree/test_linkers.py", '"mold"'),
     "nmap": ("tests/e2e/test_ports.py", '"nmap"'),
+    "prometheus": ("tests/e2e/test_web.py", '"promtool"'),
     "procps": ("tests/e2e/test_check_network.py", "sysctl -w"),
     "python3-gi": ("tests/e2e/clients/gupnp_subscriber.py", "import gi"),
     "zsh": ("tests/e2e/test_completion.py", '"zsh"'),

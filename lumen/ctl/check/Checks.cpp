@@ -11,7 +11,7 @@ Findings findProblems(const Observation& seen) {
         checkForwarding(seen.forwards, seen.interfaces),
         checkFirewall(seen.chains.value_or(std::vector<ForwardChain>()), seen.interfaces),
         checkBridgedTraffic(seen.bridgedIsFiltered, seen.interfaces),
-        checkPortUsers(seen.portUsers), checkSockets(seen.interfaces),
+        checkPortUsers(seen.portUsers), checkSockets(seen.interfaces), checkWebPage(seen.webPage),
         checkPolicy(seen.policy, seen.interfaces), checkStalePorts(seen.rules)}) {
     all.insert(all.end(), some.begin(), some.end());
   }

@@ -19,6 +19,7 @@ namespace lumenctl {
 [[nodiscard]] Findings checkSockets(const std::vector<CheckedInterface>& interfaces);
 [[nodiscard]] Findings checkExternalAddress(const std::vector<CheckedInterface>& interfaces);
 [[nodiscard]] Findings checkStalePorts(const std::vector<NatRule>& rules);
+[[nodiscard]] Findings checkWebPage(const std::optional<WebPage>& page);
 [[nodiscard]] Findings checkPolicy(const std::optional<NatPolicy>& policy,
                                    const std::vector<CheckedInterface>& interfaces);
 

@@ -215,6 +215,14 @@ Findings checkSockets(const std::vector<CheckedInterface>& interfaces) {
   return findings;
 }
 
+Findings checkWebPage(const std::optional<WebPage>& page) {
+  if (!page || page->problem.empty()) return {};
+  return {{"web-page-not-served", "The status page is not served at " + page->problem + ".",
+           "Browsers of these hosts do not get it. It is tried again every few seconds.",
+           "see what has the port: ss -ltnp sport = :" + std::to_string(page->port) +
+               "; or take another: lumenctl web on --port 8081"}};
+}
+
 Findings checkExternalAddress(const std::vector<CheckedInterface>& interfaces) {
   Findings findings;
   for (const CheckedInterface& interface : interfaces) {

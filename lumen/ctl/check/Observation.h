@@ -63,6 +63,7 @@ struct Observation {
   GatewayFile gatewayFile;
   std::vector<CheckedInterface> interfaces;
   std::vector<NatRule> rules;
+  std::optional<WebPage> webPage;  ///< none: it is switched off
   std::optional<NatPolicy> policy;
 
   std::string kernel;            ///< its release, "6.1.0-18-amd64"

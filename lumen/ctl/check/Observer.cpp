@@ -78,6 +78,7 @@ void readPlatform(Session& session, Observation& seen) {
   Snapshot snapshot = readSnapshot(router, Starting::isAwaited);
   seen.policy = router.policy();
   seen.rules = std::move(snapshot.rules);
+  seen.webPage = std::move(snapshot.webPage);
   seen.gateway = std::move(snapshot.gateway);
   seen.gatewayFile = readGatewayFile(machine, session.root);
   const std::vector<ConnectedNetwork> networks =

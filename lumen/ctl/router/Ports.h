@@ -8,7 +8,7 @@
 /// Open ports as the commands show them, in rising order of port.
 namespace lumenctl {
 
-[[nodiscard]] Json portsAsJson(std::vector<NatRule> rules);
+[[nodiscard]] Json portsAsJson(const std::vector<NatRule>& rules);
 [[nodiscard]] Table portsAsTable(std::vector<NatRule> rules);
 
 }  // namespace lumenctl

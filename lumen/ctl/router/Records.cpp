@@ -2,6 +2,8 @@
 
 #include <netinet/in.h>
 
+#include <algorithm>
+#include <string_view>
 #include <utility>
 
 #include "lumen/ctl/text/Text.h"
@@ -13,6 +15,7 @@
 #include "platform/wire/History.h"
 #include "platform/wire/Interfaces.h"
 #include "platform/wire/NatRules.h"
+#include "platform/wire/Web.h"
 
 namespace lumenctl {
 
@@ -142,6 +145,27 @@ Service::Service(const lm::message& record)
       pid(record.get_u32(lm::broker::listed::pid)),
       restarts(record.get_u32(lm::broker::listed::restarts)),
       nextStart(record.get_u64(lm::broker::listed::nextStart)) {}
+
+WebPage::WebPage(const lm::message& record)
+    : enabled(record.get_bool(lm::web::key::enabled)),
+      port(record.get_u32(lm::web::key::port)),
+      names(record.get_string(lm::web::key::names)),
+      served(record.get_string(lm::web::key::served)),
+      problem(record.get_string(lm::web::key::problem)) {}
+
+std::vector<std::string> WebPage::urls() const {
+  constexpr std::string_view defaultPort = ":80";
+  std::vector<std::string> found;
+  size_t begin = 0;
+  while (begin < served.size()) {
+    const size_t end = std::min(served.find(' ', begin), served.size());
+    std::string place = served.substr(begin, end - begin);
+    if (place.ends_with(defaultPort)) place.resize(place.size() - defaultPort.size());
+    found.push_back("http://" + place + "/");
+    begin = end + 1;
+  }
+  return found;
+}
 
 GatewayObject::GatewayObject(const lm::message& record) : id(record.get_u32(lm::key::objectId)) {
   apply(record);

@@ -158,6 +158,26 @@ struct Settings {
   bool showDummyRule = true;         ///< an inactive entry stands in the list of open ports
 };
 
+/// The status page: its settings, and what it serves.
+struct WebPage {
+  explicit WebPage(const lm::message& record);
+  /// Its addresses for a browser.
+  [[nodiscard]] std::vector<std::string> urls() const;
+
+  bool enabled = false;
+  uint32_t port = 0;
+  std::string names;    ///< with blanks between them
+  std::string served;   ///< the same: "192.168.88.1:80"
+  std::string problem;  ///< why it is not served everywhere; empty: it is
+};
+
+/// What is to be changed of it; the rest stays.
+struct WebPageChange {
+  std::optional<bool> enabled;
+  std::optional<uint32_t> port;
+  std::optional<std::string> names;
+};
+
 /// What the gateway is set to do.
 struct GatewayConfiguration {
   Settings settings;

@@ -10,6 +10,7 @@
 #include "platform/wire/Interfaces.h"
 #include "platform/wire/Monitor.h"
 #include "platform/wire/NatRules.h"
+#include "platform/wire/Web.h"
 
 namespace lumenctl {
 
@@ -190,6 +191,16 @@ std::optional<lm::message> Router::nextMonitored() {
     const bool shown = !*next || (*next)->get_u32(lm::key::command) == lm::broker::cmd::monitor;
     if (shown) return std::move(*next);
   }
+}
+
+WebPage Router::webPage() { return WebPage(exchange(lm::web::path(), lm::cmd::get)); }
+
+void Router::changeWebPage(const WebPageChange& change) {
+  lm::message request;
+  if (change.enabled) request.insert_bool(lm::web::key::enabled, *change.enabled);
+  if (change.port) request.insert_u32(lm::web::key::port, *change.port);
+  if (change.names) request.insert_string(lm::web::key::names, *change.names);
+  exchange(lm::web::path(), lm::cmd::set, std::move(request));
 }
 
 Settings Router::settings() { return Settings(exchange(gatewayPath, lm::cmd::get)); }

@@ -60,6 +60,10 @@ class Router {
   /// when Client::notification gives none.
   [[nodiscard]] std::optional<lm::message> nextMonitored();
 
+  // The status page; each of these starts its program when it does not run.
+  [[nodiscard]] WebPage webPage();
+  void changeWebPage(const WebPageChange& change);
+
   // The gateway; each of these starts it when it does not run.
   /// From now on they wait no longer than `limit` for an answer.
   void waitForGateway(std::chrono::milliseconds limit) { gatewayLimit_ = limit; }

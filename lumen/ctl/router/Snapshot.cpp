@@ -2,15 +2,29 @@
 
 #include <algorithm>
 
+#include "lumen/ctl/router/InterfaceUse.h"
 #include "lumen/ctl/text/Errors.h"
 #include "platform/Keys.h"
+#include "platform/wire/Web.h"
 
 namespace lumenctl {
 
 namespace {
 
-GatewayReport readGateway(Router& router, Starting starting) {
-  const std::vector<Service> services = router.services();
+/// What the status page says of itself, if its program runs.
+std::optional<WebPage> readWebPage(Router& router, const std::vector<Service>& services) {
+  const bool runs = std::any_of(services.begin(), services.end(), [](const Service& service) {
+    return service.number == lm::service::web && service.state == ServiceState::running;
+  });
+  if (!runs) return std::nullopt;
+  try {
+    return router.webPage();
+  } catch (const Refused&) {  // it has ended since
+    return std::nullopt;
+  }
+}
+
+GatewayReport readGateway(Router& router, const std::vector<Service>& services, Starting starting) {
   const auto it = std::find_if(services.begin(), services.end(), [](const Service& service) {
     return service.number == lm::service::gateway;
   });
@@ -41,19 +55,6 @@ GatewayReport readGateway(Router& router, Starting starting) {
   return report;
 }
 
-GatewayObject useOf(const Interface& interface, const GatewayReport& gateway) {
-  GatewayObject use;
-  if (!gateway.answer || !gateway.answer->ok()) {
-    use.role = interface.role;
-    return use;
-  }
-  const std::vector<GatewayObject>& objects = (*gateway.answer)->objects;
-  const auto it = std::find_if(objects.begin(), objects.end(), [&](const GatewayObject& object) {
-    return object.interfaceId == interface.id;
-  });
-  return it == objects.end() ? use : *it;
-}
-
 }  // namespace
 
 Snapshot readSnapshot(Router& router, Starting starting) {
@@ -62,7 +63,9 @@ Snapshot readSnapshot(Router& router, Starting starting) {
   const std::vector<Address> addresses = router.addresses();
   const std::vector<Interface> interfaces = router.interfaces();
   // Asked last, when it knows of these interfaces and addresses.
-  snapshot.gateway = readGateway(router, starting);
+  const std::vector<Service> services = router.services();
+  snapshot.gateway = readGateway(router, services, starting);
+  snapshot.webPage = readWebPage(router, services);
   for (const Interface& interface : interfaces) {
     const GatewayObject use = useOf(interface, snapshot.gateway);
     if (use.role == Role::none) continue;

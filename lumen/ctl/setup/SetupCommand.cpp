@@ -8,11 +8,14 @@
 #include "lumen/ctl/Help.h"
 #include "lumen/ctl/commands/Arguments.h"
 #include "lumen/ctl/machine/Machine.h"
+#include "lumen/ctl/machine/SocketTable.h"
 #include "lumen/ctl/setup/SetupProposal.h"
 #include "lumen/ctl/setup/UpnpSetup.h"
+#include "lumen/ctl/status/Status.h"
 #include "lumen/ctl/text/Errors.h"
 #include "lumen/ctl/text/Table.h"
 #include "lumen/ctl/text/Text.h"
+#include "platform/wire/Web.h"
 
 namespace lumenctl {
 
@@ -108,6 +111,35 @@ void complete(Session& session, Arguments& arguments) {
   arguments.external = proposal.external.name;
 }
 
+/// Offers the status page where it is installed and off.
+void offerWebPage(Session& session) {
+  if (session.json || !session.machine().hasTerminal()) return;
+  const std::vector<Service> services = session.router().services();
+  const bool installed = std::any_of(services.begin(), services.end(), [](const Service& service) {
+    return service.number == lm::service::web;
+  });
+  if (!installed || session.router().webPage().enabled) return;
+  const std::vector<BoundSocket> sockets =
+      boundSockets(session.machine().read("/proc/net/tcp").value_or("") +
+                   session.machine().read("/proc/net/tcp6").value_or(""));
+  const bool taken = std::any_of(sockets.begin(), sockets.end(), [](const BoundSocket& socket) {
+    return socket.port == lm::web::defaultPort;
+  });
+  session.out() << "Show a status page to browsers at home? "
+                << (taken ? "Port 80 is taken by another program; it can have another port later. "
+                            "[y/N] "
+                          : "[Y/n] ")
+                << std::flush;
+  const std::optional<std::string> answer = session.machine().typedLine();
+  if (!answer) session.out() << '\n';
+  const bool yes = answer && (*answer == "y" || *answer == "Y" || *answer == "yes");
+  if (!yes && !(answer && answer->empty() && !taken)) return;
+  WebPageChange change;
+  change.enabled = true;
+  session.router().changeWebPage(change);
+  session.done("status page: " + webPageText(session.router().webPage()));
+}
+
 }  // namespace
 
 void addSetupCommand(CLI::App& upnp, Session& session) {
@@ -133,10 +165,12 @@ void addSetupCommand(CLI::App& upnp, Session& session) {
                   "does not");
   setup->callback([&session, arguments] {
     session.changes = true;
-    if (arguments->internal.empty() || arguments->external.empty()) complete(session, *arguments);
+    const bool asks = arguments->internal.empty() || arguments->external.empty();
+    if (asks) complete(session, *arguments);
     setUpGateway(session, arguments->internal, arguments->external,
                  arguments->allowMissing ? Missing::allowed : Missing::refused,
                  arguments->allowDisconnect ? Disconnect::allowed : Disconnect::asBefore);
+    if (asks && !arguments->yes) offerWebPage(session);
   });
 }
 

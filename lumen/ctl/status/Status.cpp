@@ -2,7 +2,7 @@
 
 #include <chrono>
 
-#include "lumen/ctl/router/Ports.h"
+#include "lumen/ctl/status/StatusJson.h"
 #include "lumen/ctl/text/Text.h"
 
 namespace lumenctl {
@@ -33,6 +33,7 @@ Status::Status(Router& router, Machine& machine) {
   interfaces = std::move(snapshot.interfaces);
   rules = std::move(snapshot.rules);
   refusals = router.refusalsOfOwnPorts();
+  webPage = std::move(snapshot.webPage);
   if (gateway == GatewayState::on) {
     findUnreachable(GatewaySockets(machine, snapshot.gateway.process));
   }
@@ -58,34 +59,18 @@ void Status::findUnreachable(const GatewaySockets& sockets) {
 }
 
 Json Status::json() const {
-  Json uses = Json::array();
-  for (const UsedInterface& used : interfaces) {
-    uses.push_back({{"name", used.interface.name},
-                    {"role", roleName(used.use.role)},
-                    {"used", !used.use.disabled},
-                    {"state", wordFor(used.interface.state()).text},
-                    {"addresses", textsOf(used.addresses)}});
-  }
-  Json refused = Json::array();
-  for (const PortEvent& refusal : refusals) {
-    refused.push_back(
-        {{"time", static_cast<double>(refusal.time.time_since_epoch().count()) / 1000},
-         {"port", refusal.external.port},
-         {"protocol", refusal.protocolName()},
-         {"address", refusal.external.address.text()},
-         {"client", refusal.client.address.text()},
-         {"client_port", refusal.client.port},
-         {"reason", refusal.reason}});
-  }
-  return {{"gateway", wordFor(gateway).text},
-          {"interfaces", uses},
-          {"ports", portsAsJson(rules)},
-          {"refused_ports", refused}};
+  return Json::parse(statusJson(gateway, interfaces, rules, refusals));
 }
 
 std::string refusalText(const PortEvent& refusal) {
   return "Refused " + localTime(std::chrono::floor<std::chrono::seconds>(refusal.time)) + " to " +
          refusal.client.text() + ": " + printable(refusal.reason);
+}
+
+std::string webPageText(const WebPage& page) {
+  std::string text = joined(page.urls());
+  if (!page.problem.empty()) text += (text.empty() ? "" : "; ") + page.problem;
+  return text.empty() ? "no internal interface has an address" : text;
 }
 
 std::string roleText(const UsedInterface& interface) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,7 +18,7 @@ struct Status {
   /// Never starts a gateway that does not run.
   Status(Router& router, Machine& machine);
 
-  /// An object of the state, the interfaces, the ports and the refusals.
+  /// An object of the version, the state, the interfaces, the ports and the refusals.
   [[nodiscard]] Json json() const;
 
   GatewayState gateway = GatewayState::on;
@@ -25,11 +26,15 @@ struct Status {
   std::vector<UsedInterface> interfaces;
   std::vector<NatRule> rules;
   std::vector<PortEvent> refusals;  ///< newest ones at ports of the router's own programs
+  std::optional<WebPage> webPage;  ///< none: it is switched off
 
  private:
   /// Notes on which internal interfaces no host can reach a gateway that is switched on.
   void findUnreachable(const GatewaySockets& sockets);
 };
+
+/// Where the status page is, and what is wrong with it: "http://192.168.88.1/".
+[[nodiscard]] std::string webPageText(const WebPage& page);
 
 /// How the gateway uses the interface, in words: "internal, not used".
 [[nodiscard]] std::string roleText(const UsedInterface& interface);

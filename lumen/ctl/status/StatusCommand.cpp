@@ -25,7 +25,9 @@ void show(Session& session, const Status& status) {
   const StateWord gateway = wordFor(status.gateway);
   out << "Gateway: " << session.coloured(gateway.text, gateway.colour);
   if (!status.detail.empty()) out << " (" << printable(status.detail) << ')';
-  out << "\n\n";
+  out << '\n';
+  if (status.webPage) out << "Status page: " << printable(webPageText(*status.webPage)) << '\n';
+  out << '\n';
   Table interfaces({"INTERFACE", "ROLE", "STATE", "ADDRESS"});
   for (const UsedInterface& used : status.interfaces) {
     interfaces.add({used.interface.name, roleText(used), wordFor(used.interface.state()),

@@ -14,6 +14,7 @@
 #include "platform/wire/Interfaces.h"
 #include "platform/wire/Monitor.h"
 #include "platform/wire/NatRules.h"
+#include "platform/wire/Web.h"
 
 namespace lumenctl {
 
@@ -161,6 +162,20 @@ void FakePlatform::gatewayUses(const std::string& linkName, uint32_t role, bool 
   objects_.push_back(record);
 }
 
+void FakePlatform::webPageIs(bool enabled, const std::string& served, const std::string& problem) {
+  webPage_.insert_bool(lm::web::key::enabled, enabled);
+  webPage_.insert_u32(lm::web::key::port, 80);
+  webPage_.insert_string(lm::web::key::names, "");
+  webPage_.insert_string(lm::web::key::served, served);
+  webPage_.insert_string(lm::web::key::problem, problem);
+  lm::message record;
+  record.insert_u32(lm::broker::listed::number, lm::service::web);
+  record.insert_string(lm::broker::listed::name, "web");
+  record.insert_string(lm::broker::listed::state,
+                       enabled ? lm::broker::state::running : lm::broker::state::stopped);
+  services_.push_back(record);
+}
+
 void FakePlatform::gatewayIs(const std::string& state, uint32_t pid, uint64_t nextStart) {
   lm::message record;
   record.insert_u32(lm::broker::listed::number, gatewayNumber);
@@ -290,6 +305,12 @@ lumen::Result<lm::message> FakePlatform::answer(const Path& destination, uint32_
   if (destination == Path{66}) {
     if (command == lm::cmd::readAll) return page(history_, request);
     return changeTable(history_, command, request);
+  }
+  if (destination == lm::web::path() && webPage_.get_u32(lm::web::key::port) != 0) {
+    if (command == lm::cmd::get) return webPage_;
+    const bool enabled = webPage_.get_bool(lm::web::key::enabled);
+    webPage_.insert_bool(lm::web::key::enabled, request.get_bool(lm::web::key::enabled, enabled));
+    return reply;
   }
   if (destination == Path{gatewayNumber, 0}) {
     if (command == lm::cmd::get) return settings_;

@@ -56,6 +56,8 @@ class FakePlatform {
   void passes(uint32_t from, uint32_t to, lm::message m, bool cut = false);
   /// The platform ends after that; otherwise the user asks lumenctl to end.
   void ends() { ends_ = true; }
+  /// The status page is installed, and says this of itself.
+  void webPageIs(bool enabled, const std::string& served, const std::string& problem = "");
   void gatewayIsNotInstalled() { services_.clear(); }
   [[nodiscard]] lm::message& settings() { return settings_; }
   /// The policy of open ports.
@@ -112,6 +114,7 @@ class FakePlatform {
   bool ends_ = false;
   lm::message settings_;
   lm::message policy_;
+  lm::message webPage_;
   std::map<std::pair<Path, uint32_t>, std::string, lumen::ElementOrder> refusals_;
   std::map<std::pair<Path, uint32_t>, std::string, lumen::ElementOrder> silences_;
   std::vector<std::string> requests_;

@@ -76,7 +76,7 @@ TEST_F(Status, ShowsTheRouterOnOneScreen) {
 
 TEST_F(Status, ShowsTheRouterInJson) {
   EXPECT_EQ(router.lumenctl({"status", "--json"}).out,
-            "{\n  \"gateway\": \"on\",\n  \"interfaces\": [\n"
+            "{\n  \"version\": 1,\n  \"gateway\": \"on\",\n  \"interfaces\": [\n"
             "    {\n      \"name\": \"br-lan\",\n      \"role\": \"internal\",\n"
             "      \"used\": true,\n      \"state\": \"running\",\n"
             "      \"addresses\": [\n        \"192.168.88.1\"\n      ]\n    },\n"
@@ -179,7 +179,7 @@ TEST_F(Status, DoesNotCallAGatewayOnThatNoHostCanReach) {
     gatewayListensAt(udp, tcp);
     EXPECT_EQ(firstLine(), "Gateway: not reachable (process 4711; lumenctl upnp check shows why)");
     EXPECT_TRUE(router.lumenctl({"status", "--json"})
-                    .out.starts_with("{\n  \"gateway\": \"not reachable\",\n"));
+                    .out.starts_with("{\n  \"version\": 1,\n  \"gateway\": \"not reachable\",\n"));
   }
   gatewayListensAt(1900, 2828);
   router.link("br-lan").insert_bool(lm::interfaces::key::running, false);
@@ -317,7 +317,7 @@ TEST_F(Watch, PrintsAnObjectOnEachLineForPrograms) {
   router.machine().pauses = 1;
   const std::string out = router.lumenctl({"status", "--watch", "--json"}).out;
   const size_t end = out.find('\n') + 1;
-  EXPECT_TRUE(out.starts_with("{\"gateway\":\"on\","));
+  EXPECT_TRUE(out.starts_with("{\"version\":1,\"gateway\":\"on\","));
   EXPECT_EQ(out, out.substr(0, end) + out.substr(0, end));
   EXPECT_TRUE(shown.empty());
 }

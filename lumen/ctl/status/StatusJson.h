@@ -1,0 +1,28 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "lumen/ctl/router/PortEvent.h"
+#include "lumen/ctl/router/Snapshot.h"
+
+/// The status for programs: what `lumenctl status --json` prints and the status page serves.
+namespace lumenctl {
+
+/// Rises when a field changes its meaning or goes; not when one is added.
+inline constexpr int statusVersion = 1;
+
+/// In the order of their ports.
+void sortByPort(std::vector<NatRule>& rules);
+
+/// A list of the ports.
+[[nodiscard]] std::string portsJson(std::vector<NatRule> rules);
+
+/// An object of the version, the gateway's state, the interfaces, the ports and the newest refusals
+/// at ports of the router's own programs.
+[[nodiscard]] std::string statusJson(GatewayState gateway,
+                                     const std::vector<UsedInterface>& interfaces,
+                                     const std::vector<NatRule>& rules,
+                                     const std::vector<PortEvent>& refusals);
+
+}  // namespace lumenctl

@@ -1,0 +1,85 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "lumen/ctl/router/Snapshot.h"
+#include "lumen/runtime/Clock.h"
+#include "lumen/web/Picture.h"
+#include "platform/Handler.h"
+#include "platform/Timer.h"
+
+namespace lumen::web {
+
+/// Keeps a picture of the router by the platform's notifications. Only the numbers that no
+/// notification carries are read when they are needed: the connections of ports, and traffic.
+class RouterView {
+ public:
+  class Listener {
+   public:
+    virtual ~Listener() = default;
+    /// Gateway, interfaces, addresses or findings.
+    virtual void stateChanged() = 0;
+    virtual void portChanged(const lumenctl::NatRule& rule) = 0;
+    virtual void portClosed(uint32_t id) = 0;
+    virtual void happened(const Happening& happening) = 0;
+  };
+
+  /// `handler` sends the requests. All must outlive this.
+  RouterView(lm::Handler& handler, Listener& listener, const lm::Clock& clock);
+  RouterView(const RouterView&) = delete;
+  RouterView& operator=(const RouterView&) = delete;
+
+  /// Reads everything and follows it from now on.
+  void open();
+  void close();
+  /// Takes a notification.
+  void notified(const lm::message& news);
+
+  /// Reads the ports with their numbers of connections, at most once a second. The listener hears
+  /// of those whose numbers have changed.
+  void refreshPorts();
+  /// Reads the counters of external interfaces, at most once a second. Returns what they carried
+  /// since the last call; nothing at the first one, or after a long pause.
+  std::vector<Sample> refreshTraffic();
+
+  [[nodiscard]] const Picture& picture() const { return picture_; }
+
+ private:
+  struct Topic {
+    uint32_t command;
+    std::vector<uint32_t> path;
+  };
+  [[nodiscard]] static std::vector<Topic> topics();
+
+  [[nodiscard]] std::vector<lm::message> table(const std::vector<uint32_t>& path);
+  void readState();
+  void readServices();
+  void readGateway();
+  void readInterfaces();
+  void readPorts();
+  void readPast();
+  void judge();
+  void takeRule(const lm::message& record);
+  void takePortEvent(const lm::message& record);
+  void takeChange(const lm::message& record);
+  void add(Happening happening);
+
+  lm::Handler& handler_;
+  Listener& listener_;
+  const lm::Clock& clock_;
+  Picture picture_;
+  lumenctl::GatewayReport gateway_;
+  std::vector<lumenctl::Interface> allInterfaces_;
+  std::string seen_;  // state and external addresses, for picture_.since
+  bool open_ = false;
+  bool reading_ = false;  // what is told to be happening is the past
+  std::optional<lm::Clock::Time> portsReadAt_;
+  std::optional<lm::Clock::Time> trafficReadAt_;
+  lm::Timer change_;  // waits for more notifications of a change of the state
+};
+
+}  // namespace lumen::web

@@ -1,0 +1,129 @@
+#include <gtest/gtest.h>
+
+#include "lumen/web/Render.h"
+#include "platform/wire/NatRules.h"
+#include "support/ManualClock.h"
+
+namespace lumen::web {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr Ipv4Address lanHost = {192, 168, 88, 10};
+
+lumenctl::Interface interface(uint32_t id, const std::string& name, uint32_t role, bool running) {
+  lm::interfaces::Record record;
+  record.id = record.index = id;
+  record.name = name;
+  record.running = running;
+  record.role = role;
+  lm::message m;
+  lm::interfaces::write(m, record);
+  return lumenctl::Interface(m);
+}
+
+lumenctl::NatRule rule(uint32_t id, uint32_t port, const std::string& owner = "upnp") {
+  lm::message m;
+  lm::nat::write(m, lm::nat::Record{.rule = {.address = Ipv4Address(45, 45, 45, 2).bytes(),
+                                             .port = port,
+                                             .protocol = 6,
+                                             .client = lanHost.bytes(),
+                                             .clientPort = 80},
+                                    .id = id,
+                                    .owner = owner,
+                                    .seconds = 185,
+                                    .connections = 2});
+  return lumenctl::NatRule(m);
+}
+
+/// A router at work, with one open port.
+struct RenderTest : testing::Test {
+  RenderTest() {
+    picture.gateway = lumenctl::GatewayState::on;
+    picture.since = Milliseconds(1709251198s);
+    lumenctl::GatewayObject external;
+    external.role = lumenctl::Role::external;
+    picture.interfaces.push_back(
+        {interface(1, "wan0", 1, true), external, {Ipv4Address(45, 45, 45, 2)}});
+    picture.rules.insert_or_assign(7, rule(7, 8080));
+  }
+  [[nodiscard]] std::string page() const {
+    return pageOf("{{state}}|{{ports}}|{{lately}}", picture, names);
+  }
+  [[nodiscard]] bool has(const std::string& text) const {
+    return page().find(text) != std::string::npos;
+  }
+
+  lm::test::ManualClock clock;
+  HostNames names{clock};
+  Picture picture;
+};
+
+// Promise: First in sight, the status page says whether the gateway works, under which
+// address and since when; if it does not, what is wrong and what to do, in the words of `upnp
+// check`.
+TEST_F(RenderTest, SaysWhetherTheGatewayWorks) {
+  EXPECT_TRUE(page().starts_with(
+      "<p class=\"state good\">The gateway works under the external address 45.45.45.2.</p>"
+      "<p>Since <time datetime=\"2024-02-29T23:59:58Z\">"))
+      << page();
+  picture.findings.push_back({"x", "It is <broken>.", "No port.", "lumenctl \"x\""});
+  EXPECT_TRUE(has("<p class=\"state warning\">"));
+  EXPECT_TRUE(
+      has("<p class=\"what\">It is &lt;broken&gt;.</p><p>No port.</p><p>Fix it: <code>"
+          "lumenctl &quot;x&quot;</code></p>"));
+  picture.interfaces[0].interface = interface(1, "wan0", 1, false);
+  EXPECT_TRUE(has("<p class=\"state bad\">The gateway is on, but it has no external address.</p>"));
+  picture.gateway = lumenctl::GatewayState::off;
+  EXPECT_TRUE(has("<p class=\"state warning\">The gateway is switched off.</p>"));
+}
+
+TEST_F(RenderTest, ShowsNamesOfHostsAsText) {
+  picture.rules.insert_or_assign(8, rule(8, 9, "<img src=x onerror=alert(1)>"));
+  picture.happenings.push_back({Milliseconds(0s), "<b>opened</b>"});
+  EXPECT_TRUE(has("<td>&lt;img src=x onerror=alert(1)&gt;</td>"));
+  EXPECT_TRUE(has("&lt;b&gt;opened&lt;/b&gt;"));
+  EXPECT_FALSE(has("<img"));
+  EXPECT_TRUE(
+      has("<th scope=\"row\" class=\"number\">8080</th><td>tcp</td><td>192.168.88.10</td>"
+          "<td class=\"good\">open</td><td>3 min 5 s</td><td class=\"number\">2</td>"
+          "<td class=\"number\">?</td><td>upnp</td>"));
+}
+
+TEST_F(RenderTest, PutsAnEventOnOneLine) {
+  EXPECT_EQ(event("ports", "[" + portJson(rule(7, 8080, "a\nb"), names) + "]"),
+            "event: ports\ndata: [{\"id\":7,\"port\":8080,\"protocol\":\"tcp\",\"host\":"
+            "\"192.168.88.10\",\"state\":\"open\",\"colour\":\"good\",\"seconds\":185,"
+            "\"connections\":2,\"uses\":null,\"owner\":\"a\\u000ab\"}]\n\n");
+}
+
+// Promise: The metrics have open ports by protocol and service, refusals by reason,
+// bytes and packets of external interfaces, connections, uptime and version.
+TEST_F(RenderTest, CountsInThePrometheusTextFormat) {
+  lm::interfaces::Record carried;
+  carried.counters = lm::interfaces::Counters{.bytesReceived = 18446744073709551615U,
+                                              .bytesSent = 2,
+                                              .packetsReceived = 3,
+                                              .packetsSent = 4};
+  lm::message counted;
+  lm::interfaces::write(counted, carried);
+  picture.counters.emplace("wan0", lumenctl::Counters(counted));
+  picture.refusals["in_use"] = 5;
+  const std::string text = metricsOf(picture, 99, 3);
+  for (const char* line :
+       {"# TYPE palinode_ports_open gauge\npalinode_ports_open{protocol=\"tcp\",service=\"upnp\"} "
+        "1\n",
+        "palinode_port_connections 2\n", "palinode_port_refusals_total{reason=\"in_use\"} 5\n",
+        "palinode_port_refusals_total{reason=\"policy\"} 0\n",
+        "palinode_interface_receive_bytes_total{interface=\"wan0\"} 18446744073709551615\n",
+        "palinode_interface_transmit_packets_total{interface=\"wan0\"} 4\n",
+        "palinode_interface_up{interface=\"wan0\",role=\"external\"} 1\n",
+        "palinode_gateway_up 1\n", "palinode_router_uptime_seconds 99\n",
+        "palinode_web_listeners 3\n",
+        "palinode_build_info{version=\"" PALINODE_VERSION "\"} 1\n"}) {
+    EXPECT_NE(text.find(line), std::string::npos) << line << text;
+  }
+}
+
+}  // namespace
+}  // namespace lumen::web
