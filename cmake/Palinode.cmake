@@ -15,6 +15,13 @@ if(NOT CMAKE_BUILD_TYPE)
   set(CMAKE_BUILD_TYPE Release)
 endif()
 
+# Where tests find the programs that they start. A machine that only emulates the target starts them
+# by scripts of the same names, which scripts/cross writes.
+set(PALINODE_RUN_DIR ${CMAKE_RUNTIME_OUTPUT_DIRECTORY})
+if(CMAKE_CROSSCOMPILING)
+  set(PALINODE_RUN_DIR ${CMAKE_BINARY_DIR}/emulated)
+endif()
+
 # The programs know their files below /lumen. A package keeps them where Debian wants them, and the
 # systemd unit binds these to /lumen.
 if(PALINODE_PACKAGE)
@@ -169,10 +176,16 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   target_compile_options(palinode_test_flags INTERFACE -fpch-preprocess)
 endif()
 
+# The tests that no emulator of programs can run.
+set(needs_machine ${CMAKE_SOURCE_DIR}/tests/needs-machine.txt)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${needs_machine})
+file(STRINGS ${needs_machine} PALINODE_NEED_MACHINE REGEX "^[a-z]")
+
 # palinode_unit_test(NAME SOURCES file... LINK library... [NEEDS namespaces|root])
 # One GoogleTest program; each of its tests is a test of its own in the run, with the label "unit".
 # Tests that make namespaces, which root may do and a user in a namespace of users, are labelled
-# "needs-namespaces" as well; those that need root of the machine "needs-root".
+# "needs-namespaces" as well; those that need root of the machine "needs-root"; those in the list
+# tests/needs-machine.txt "needs-machine".
 function(palinode_unit_test name)
   cmake_parse_arguments(ARG "" "NEEDS" "SOURCES;LINK" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
@@ -185,11 +198,22 @@ function(palinode_unit_test name)
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
   gtest_discover_tests(${name} TEST_PREFIX "${name}." NO_PRETTY_VALUES DISCOVERY_TIMEOUT 60
                        TEST_LIST ${name}_tests PROPERTIES LABELS unit TIMEOUT 60)
-  if(ARG_NEEDS)
+  set(unemulated ${PALINODE_NEED_MACHINE})
+  list(FILTER unemulated INCLUDE REGEX "^${name}[.]")
+  if(ARG_NEEDS OR unemulated)
+    set(labels unit)
+    if(ARG_NEEDS)
+      list(APPEND labels needs-${ARG_NEEDS})
+    endif()
+    list(JOIN unemulated "|" regex)
     # gtest_discover_tests passes on no property that is a list.
     set(file ${CMAKE_CURRENT_BINARY_DIR}/${name}_labels.cmake)
     file(WRITE ${file} "foreach(test IN LISTS ${name}_tests)
-  set_tests_properties(\"\${test}\" PROPERTIES LABELS \"unit;needs-${ARG_NEEDS}\")
+  set(labels \"${labels}\")
+  if(test MATCHES \"^(${regex})$\")
+    list(APPEND labels needs-machine)
+  endif()
+  set_tests_properties(\"\${test}\" PROPERTIES LABELS \"\${labels}\")
 endforeach()
 ")
     set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${file})

@@ -3,7 +3,8 @@
 # parallel and are counted one by one. They find the built programs in $PALINODE_BIN, their version
 # in $PALINODE_VERSION, the Debian package in the folder $PALINODE_PACKAGES, and the Python package
 # tests/support on their path. A test that skips itself is shown as skipped. The files are read
-# again whenever they change. NEEDS is what palinode_unit_test has it for.
+# again whenever they change. NEEDS and the list
+# tests/needs-machine.txt are what palinode_unit_test has them for.
 function(palinode_python_tests label)
   cmake_parse_arguments(ARG "" "TIMEOUT;NEEDS" "" ${ARGN})
   if(NOT ARG_TIMEOUT)
@@ -24,14 +25,18 @@ function(palinode_python_tests label)
         set(class ${CMAKE_MATCH_1})
       elseif(line MATCHES "def (test_[A-Za-z0-9_]+)")
         set(name ${label}.${module}.${class}.${CMAKE_MATCH_1})
+        set(needs ${labels})
+        if(name IN_LIST PALINODE_NEED_MACHINE)
+          list(APPEND needs needs-machine)
+        endif()
         add_test(NAME ${name}
                  COMMAND python3 -B -m unittest ${module}.${class}.${CMAKE_MATCH_1}
                  WORKING_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR})
         set_tests_properties(${name} PROPERTIES
-          LABELS "${labels}"
+          LABELS "${needs}"
           SKIP_REGULAR_EXPRESSION "\nOK \\(skipped="
           TIMEOUT ${ARG_TIMEOUT}
-          ENVIRONMENT "PYTHONPATH=${CMAKE_SOURCE_DIR}/tests;PALINODE_BIN=${CMAKE_BINARY_DIR}/bin;PALINODE_PACKAGES=${CMAKE_SOURCE_DIR}/build-package/package;PALINODE_VERSION=${PROJECT_VERSION}")
+          ENVIRONMENT "PYTHONPATH=${CMAKE_SOURCE_DIR}/tests;PALINODE_BIN=${PALINODE_RUN_DIR};PALINODE_PACKAGES=${CMAKE_SOURCE_DIR}/build-package/package;PALINODE_VERSION=${PROJECT_VERSION}")
       endif()
     endforeach()
   endforeach()

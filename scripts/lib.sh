@@ -24,7 +24,7 @@ test_packages=("${user_packages[@]}" "${run_packages[@]}" "${package_packages[@]
   clang libclang-rt-dev nmap gir1.2-gupnp-1.6 python3-gi libupnp-dev
   debootstrap lintian zsh iptables procps chromium chromium-driver)
 # What building for another machine needs besides, but its compiler.
-crossing_packages=(apt dpkg-dev debian-archive-keyring xz-utils bzip2 make gperf flex bison ccache)
+crossing_packages=(dpkg-dev debian-archive-keyring gperf flex bison)
 # What running programs of another machine needs besides.
 emulation_packages=(qemu-user-static)
 # What measuring the coverage needs besides.
@@ -90,9 +90,9 @@ as_owner() {
   fi
 }
 
-# build PRESET [CMAKE OPTION...]: configures and builds; on a terminal the step counts up.
-build() {
-  local preset=$1 started log status=0 cache=
+# configure PRESET [CMAKE OPTION...]
+configure() {
+  local preset=$1 cache=
   shift
   # A compiler cache, where there is one, saves time and changes nothing that is built.
   command -v ccache >/dev/null && cache=ccache
@@ -100,6 +100,12 @@ build() {
   export CCACHE_SLOPPINESS=pch_defines,time_macros CCACHE_BASEDIR=$top
   step "configured the $preset build" as_owner cmake --preset "$preset" \
     -DCMAKE_CXX_COMPILER_LAUNCHER="$cache" "$@"
+}
+
+# build PRESET [CMAKE OPTION...]: configures and builds; on a terminal the step counts up.
+build() {
+  local preset=$1 started log status=0
+  configure "$@"
   started=$(now)
   log=$(mktemp)
   if [ -t 1 ]; then

@@ -33,11 +33,19 @@ dsc() {
   printf '%s' "$kept/$1_${version#*:}.dsc"
 }
 
-is_kept() { [ -e "$(dsc "$1")" ] && (cd "$kept" && files "$1" | sha256sum --check --quiet --strict); }
-# "checksum  file" of each file that the .dsc names.
-files() { awk '/^[^ ]/ { in_it = /^Checksums-Sha256:/ } /^ / && in_it { print $1 "  " $3 }' "$(dsc "$1")"; }
+# Whether all of it is there and what the table says.
+is_kept() {
+  local file
+  file=$(dsc "$1")
+  [ -e "$file" ] || return
+  (
+    cd "$kept"
+    printf '%s  %s\n' "$(of "$1" 3)" "$file"
+    awk '/^[^ ]/ { listed = /^Checksums-Sha256:/ } /^ / && listed { print $1 "  " $3 }' "$file"
+  ) | (cd "$kept" && sha256sum --check --quiet --strict)
+}
 
-# apt with nothing of this machine's but the keys: the sources are Debian's, wherever this runs.
+# apt with nothing of this machine's but the keys and the archive.
 apt() {
   "apt-$1" -q -o Dir::Etc::SourceList="$cache/apt/sources.list" -o Dir::Etc::SourceParts=- \
     -o Dir::State::Lists="$cache/apt/lists" -o Dir::Cache="$cache/apt" -o Debug::NoLocking=1 \
@@ -45,33 +53,41 @@ apt() {
 }
 
 read_archive() {
-  local suite
+  local suite archive
+  archive=$(apt-get indextargets --format '$(REPO_URI)' 'Label: Debian' | head -n 1)
+  [ -n "$archive" ] || { echo "apt on this machine knows no archive of Debian" >&2 && return 1; }
   mkdir -p "$cache"/apt/{lists,archives}/partial
-  for suite in 'debian bookworm' 'debian bookworm-updates' 'debian-security bookworm-security' \
-    'debian trixie'; do
-    printf 'deb-src [signed-by=/usr/share/keyrings/debian-archive-keyring.gpg] %s/%s main\n' \
-      http://deb.debian.org "$suite"
+  for suite in bookworm bookworm-updates trixie; do
+    printf 'deb-src [signed-by=/usr/share/keyrings/debian-archive-keyring.gpg] %s %s main\n' \
+      "$archive" "$suite"
   done >"$cache/apt/sources.list"
   apt get update
 }
 
 download() {
   mkdir -p "$kept"
-  (cd "$kept" && apt get source --download-only "$1=$(of "$1" 2)") || return
-  printf '%s  %s\n' "$(of "$1" 3)" "$(dsc "$1")" | sha256sum --check --quiet --strict ||
-    fail "$(dsc "$1") is not what scripts/crossing/sources says"
+  rm -f "$(dsc "$1")"
+  cd "$kept"
+  apt get source --download-only "$1=$(of "$1" 2)"
 }
 
 fetch() {
   local package missing=() lacking=()
   for package in "$@"; do
-    is_kept "$package" 2>/dev/null || missing+=("$package")
+    of "$package" 2 >/dev/null
+    is_kept "$package" >/dev/null 2>&1 || missing+=("$package")
   done
   [ "${#missing[@]}" -gt 0 ] || return 0
-  step "read which sources Debian has" read_archive
+  (step "read which sources Debian has" read_archive) || {
+    printf 'not to be had, since the archive cannot be read: %s\n' "${missing[*]}" >&2
+    return 4
+  }
   for package in "${missing[@]}"; do
-    step "downloaded the sources of $package $(of "$package" 2)" download "$package" 2>/dev/null ||
+    if (step "downloaded $package $(of "$package" 2)" download "$package" 2>/dev/null); then
+      is_kept "$package" || fail "$package is not what scripts/crossing/sources says"
+    else
       lacking+=("$package $(of "$package" 2)")
+    fi
   done
   [ "${#lacking[@]}" -eq 0 ] || {
     printf 'not to be had: %s\n' "${lacking[*]}" >&2

@@ -38,13 +38,17 @@ LAYERS = {
 # What needs a package that scripts/lib.sh lists for tests alone: a file, and the word in it. What it
 # lists for the programs, the demonstration and the unit tests is tried on a fresh machine.
 USERS_OF_PACKAGES = {
+    "bison": ("scripts/crossing/sources", "nftables"),
     "ccache": ("scripts/lib.sh", "command -v ccache"),
     "clang": ("CMakePresets.json", "clang++"),
     "clang-format": ("tests/tree/check_tree.py", '"clang-format", "--dry-run"'),
+    "debian-archive-keyring": ("scripts/crossing/libraries.sh", "debian-archive-keyring.gpg"),
     "debootstrap": ("tests/support/debian.py", '"debootstrap"'),
     "dpkg-dev": ("packaging/CMakeLists.txt", "CPACK_DEBIAN_PACKAGE_SHLIBDEPS"),
     "file": ("packaging/CMakeLists.txt", "CPACK_DEBIAN_PACKAGE_SHLIBDEPS"),
+    "flex": ("scripts/crossing/sources", "nftables"),
     "gir1.2-gupnp-1.6": ("tests/e2e/clients/gupnp_subscriber.py", "GUPnP"),
+    "gperf": ("scripts/crossing/sources", "libseccomp"),
     "iptables": ("tests/e2e/test_check_firewall.py", '"iptables"'),
     "libclang-rt-dev": ("cmake/Palinode.cmake", "-fsanitize=address"),
     "libupnp-dev": ("tests/e2e/clients/libupnp_subscriber.py", "libupnp"),
@@ -55,6 +59,7 @@ USERS_OF_PACKAGES = {
     "prometheus": ("tests/e2e/test_web.py", '"promtool"'),
     "procps": ("tests/e2e/test_check_network.py", "sysctl -w"),
     "python3-gi": ("tests/e2e/clients/gupnp_subscriber.py", "import gi"),
+    "qemu-user-static": ("scripts/cross", "qemu-mips-static"),
     "zsh": ("tests/e2e/test_completion.py", '"zsh"'),
 }
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"', re.MULTILINE)
@@ -112,7 +117,8 @@ def every_package_is_used(top, _build):
 
     tried = listed("build_packages", "run_packages", "unit_packages")
     found = []
-    for package in sorted(listed("test_packages", "user_packages") - tried):
+    for package in sorted(listed("test_packages", "user_packages", "crossing_packages",
+                                 "emulation_packages") - tried):
         file, word = USERS_OF_PACKAGES.get(package, ("scripts/lib.sh", None))
         if word is None or word not in (top / file).read_text():
             found.append(f"{file}: nothing there uses the package {package}")
