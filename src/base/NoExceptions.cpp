@@ -20,13 +20,14 @@ namespace {
   std::abort();
 }
 
+// NOLINTBEGIN(cppcoreguidelines-owning-memory): these are what owners are made with.
 void* allocate(std::size_t size) {
   // A null pointer would be no answer for an empty object.
-  void* const memory =
-      std::malloc(size == 0 ? 1 : size);  // NOLINT(cppcoreguidelines-owning-memory)
+  void* const memory = std::malloc(size == 0 ? 1 : size);
   if (!memory) endProgram("out of memory");
   return memory;
 }
+// NOLINTEND(cppcoreguidelines-owning-memory)
 
 }  // namespace
 

@@ -5,6 +5,7 @@
 
 #include <memory>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace lumen {
@@ -31,10 +32,11 @@ std::string nameOfControlGroup(const std::string& folder, uint64_t number, size_
     unread.pop_back();
     for (const std::string& name : foldersIn(parent)) {
       if (limit-- == 0) return "";
-      const std::string path = parent + "/" + name;
+      std::string path = parent;
+      path.append("/").append(name);
       struct stat info = {};
       if (stat(path.c_str(), &info) == 0 && info.st_ino == number) return name;
-      unread.push_back(path);
+      unread.push_back(std::move(path));
     }
   }
   return "";
