@@ -47,7 +47,8 @@ class MonitorTest(RouterCase):
         host.open_port(8080, "TCP", 80)
 
         def replied():
-            nat = [m for m in map(json.loads, self.lines()) if "nat" in (m["from"], m["to"])]
+            nat = [m for m in map(json.loads, self.lines())
+                   if "nat" in (m["from"], m["to"]) and m["kind"] != "notification"]
             return nat if any(m["kind"] == "reply" for m in nat) else None
 
         request, reply = self.wait_until(replied, "request and reply are shown")
