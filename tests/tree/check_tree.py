@@ -40,6 +40,8 @@ LAYERS = {
 USERS_OF_PACKAGES = {
     "bison": ("scripts/crossing/sources", "nftables"),
     "ccache": ("scripts/lib.sh", "command -v ccache"),
+    "chromium": ("tests/support/browser.py", '"chromium"'),
+    "chromium-driver": ("tests/support/browser.py", '"chromedriver"'),
     "clang": ("CMakePresets.json", "clang++"),
     "clang-format": ("tests/tree/check_tree.py", '"clang-format", "--dry-run"'),
     "debian-archive-keyring": ("scripts/crossing/libraries.sh", "debian-archive-keyring.gpg"),
@@ -56,7 +58,6 @@ USERS_OF_PACKAGES = {
     "lld": ("tests/tree/test_linkers.py", '"lld"'),
     "mold": ("tests/tree/test_linkers.py", '"mold"'),
     "nmap": ("tests/e2e/test_ports.py", '"nmap"'),
-    "prometheus": ("tests/e2e/test_web.py", '"promtool"'),
     "procps": ("tests/e2e/test_check_network.py", "sysctl -w"),
     "python3-gi": ("tests/e2e/clients/gupnp_subscriber.py", "import gi"),
     "qemu-user-static": ("scripts/cross", "qemu-mips-static"),

@@ -1,0 +1,170 @@
+"""The page of the gateway in a real browser on the LAN: lumen-web, Chromium and a whole router."""
+
+import os
+import pathlib
+import tempfile
+import unittest
+
+from support import axe
+from support.browser import ENTER, TAB, Browser, missing_programs
+from support.network import LAN_ADDRESS, WAN_ADDRESS, WAN_LINK
+from support.router import PROGRAMS
+from support.router_case import RouterCase
+
+PAGE = f"http://{LAN_ADDRESS}/"
+PICTURES = PROGRAMS.parent / "page"  # of the last run
+
+PHONE = {"width": 390, "height": 844, "phone": True}
+DESKTOP = {"width": 1600, "height": 1000}
+
+MARKUP = "<img src=x onerror=document.title='taken'>"
+
+
+@unittest.skipIf(missing_programs(), f"not installed: {', '.join(missing_programs())}")
+class PageTest(RouterCase):
+    def setUp(self):
+        super().setUp()
+        self.router.lumenctl("web", "on")
+        self.host = self.lan[0]
+        self.wait_until(self.is_served, "the page is served")
+
+    def is_served(self):
+        try:
+            self.host.connect(LAN_ADDRESS, 80).close()
+            return True
+        except OSError:
+            return False
+
+    def browser(self, **options):
+        """A browser that shows the page, until the end of the test."""
+        browser = Browser(self.host.namespace, **options)
+        self.addCleanup(browser.close)
+        browser.open(PAGE)
+        return browser
+
+    def live_browser(self):
+        """The same once it follows the router."""
+        browser = self.browser()
+        self.wait_until(lambda: "Live" in browser.text("#connection"), "the page is live")
+        return browser
+
+    def wait_for_text(self, browser, selector, text):
+        self.wait_until(lambda: text in (browser.text(selector) or ""),
+                        f"{selector} shows {text!r}")
+
+    # Promise: The page shows a port that opens or closes, and a link that goes down or
+    # comes up, without being loaded again.
+    def test_a_port_appears_when_it_opens_and_disappears_when_it_closes(self):
+        browser = self.live_browser()
+        browser.run("window.loaded = 'once';")
+        self.assertIn("No port is open.", browser.text())
+        self.host.upnpc("-e", "a game", "-a", self.host.address, "8080", "8081", "TCP")
+        self.wait_for_text(browser, "#ports", "8081")
+        row = browser.text("#ports")
+        self.assertIn("tcp", row)
+        self.assertIn(self.host.address, row)
+        self.assertIn("new", row)
+        self.wait_for_text(browser, "#lately", "8081")
+        browser.save_picture(PICTURES / "port-opened.png")
+        self.host.upnpc("-d", "8081", "TCP")
+        self.wait_until(lambda: "No port is open." in browser.text(), "the port has gone")
+        self.assertEqual(browser.run("return window.loaded;"), "once")
+
+    def test_a_link_that_goes_down_is_shown(self):
+        browser = self.live_browser()
+        self.assertIn(WAN_ADDRESS, browser.text("#state"))
+        self.network.router.ip("link", "set", WAN_LINK, "down")
+        self.wait_until(lambda: WAN_ADDRESS not in browser.text("#state"), "the state changes")
+        self.wait_for_text(browser, "#interfaces", "down")
+        browser.save_picture(PICTURES / "link-down.png")
+        self.network.router.ip("link", "set", WAN_LINK, "up")
+        self.wait_for_text(browser, "#state", WAN_ADDRESS)
+
+    # Promise: Without the script the page is complete when it is loaded.
+    def test_without_the_script_the_page_shows_the_open_ports(self):
+        self.host.open_port(8080, "TCP")
+        browser = self.browser(scripts=False)
+        self.assertIn("8080", browser.text("#ports"))
+        self.assertIn(WAN_ADDRESS, browser.text("#state"))
+        self.assertNotIn("{{", browser.text())
+        browser.save_picture(PICTURES / "without-script.png")
+
+    # Promise: It fits phones and wide screens, in both colour schemes, and axe-core
+    # finds nothing that keeps people from using it.
+    def test_it_is_usable_on_each_screen_and_in_each_colour_scheme(self):
+        try:
+            axe.script()
+        except axe.Missing as why:
+            self.skipTest(str(why))
+        for port in range(8080, 8090):
+            self.host.open_port(port, "TCP")
+        browser = self.live_browser()
+        self.wait_for_text(browser, "#ports", "8089")
+        for name, screen in {"phone": PHONE, "desktop": DESKTOP}.items():
+            for dark in (False, True):
+                with self.subTest(screen=name, dark=dark):
+                    browser.show_as(**screen, dark=dark)
+                    too_wide = browser.run("return document.documentElement.scrollWidth - "
+                                           "document.documentElement.clientWidth;")
+                    self.assertLessEqual(too_wide, 0)
+                    self.assertEqual(axe.violations(browser), [])
+                    scheme = "dark" if dark else "light"
+                    browser.save_picture(PICTURES / f"{name}-{scheme}.png")
+                    grounds = browser.run("return getComputedStyle(document.body).backgroundColor;")
+                    brightness = max(int(c) for c in grounds.strip("rgba()").split(",")[:3])
+                    self.assertEqual(brightness < 128, dark, grounds)
+
+    # Promise: Everything on it is reached and used by keyboard.
+    def test_it_is_used_by_keyboard(self):
+        for port in (8081, 8080):
+            self.host.open_port(port, "TCP")
+        browser = self.live_browser()
+        self.wait_for_text(browser, "#ports", "8081")
+        reached = []
+        for _ in range(40):
+            browser.press(TAB)
+            focused = browser.run(
+                "const e = document.activeElement;"
+                "return e === document.body ? '' : (e.id || e.textContent.trim());")
+            if not focused:
+                break
+            reached.append(focused)
+            self.assertNotEqual(browser.run(
+                "return getComputedStyle(document.activeElement).outlineStyle;"), "none", focused)
+            if focused == "Port":
+                # Sorted by port already: the first time turns the order round.
+                browser.press(ENTER)
+                self.wait_until(lambda: browser.text("#ports tr").startswith("8081"),
+                                "the highest port comes first")
+            if focused == "filter-text":
+                browser.press("8", "0", "8", "0")
+                self.wait_until(lambda: "8081" not in browser.text("#ports"), "it filters")
+                browser.run("document.activeElement.value = '';"
+                            "document.activeElement.dispatchEvent(new Event('input'));")
+        for name in ("filter-text", "Port", "Host", "copy"):
+            self.assertIn(name, reached)
+
+    # Promise: A name of a host that would be markup is shown as text.
+    def test_markup_in_a_description_or_a_name_is_shown_as_text(self):
+        self.host.upnpc("-e", MARKUP, "-a", self.host.address, "8080", "8080", "TCP")
+        browser = self.live_browser()
+        self.wait_for_text(browser, "#ports", "8080")
+        self.assertEqual(browser.run("return document.images.length;"), 0)
+        self.assertNotEqual(browser.run("return document.title;"), "taken")
+
+
+class NamedHostTest(PageTest):
+    """Where the router's leases give a host a name that would be markup."""
+
+    def setUp(self):
+        leases = tempfile.TemporaryDirectory(prefix="palinode-var-")
+        self.addCleanup(leases.cleanup)
+        folder = pathlib.Path(leases.name)
+        (folder / "lib" / "misc").mkdir(parents=True)
+        for path in (folder, folder / "lib", folder / "lib" / "misc"):
+            os.chmod(path, 0o755)
+        name = MARKUP.replace(" ", "/")
+        (folder / "lib" / "misc" / "dnsmasq.leases").write_text(
+            f"0 02:00:00:00:00:01 192.168.88.10 {name} *\n")
+        self.PRIVATE = {"/var": leases.name}
+        super().setUp()
