@@ -150,7 +150,7 @@ bool limitCapability(bool keep) {
 void confineWeb(const std::string& store) {
   const FileAccess files[] = {{store, true}, {HostNames::hostsFile}, {HostNames::leaseFolder}};
   allowOnlyFiles(files);
-  allowOnly(allowed, {});
+  allowOnly({allowed}, {});
 }
 
 }  // namespace lumen::web

@@ -15,8 +15,7 @@ inline constexpr uint64_t socketKind = 0xF;
 /// libraries or 32-bit machines have stand beside.
 inline constexpr SystemCall commonCalls[] = {
     // Sockets of UDP and TCP. Not socketcall, whose arguments cannot be seen: kernels that have
-    // owned
-    // tables have the single calls everywhere.
+    // owned tables have the single calls everywhere.
     {"socket", {0, SystemCall::number, AF_INET}, {1, socketKind, SOCK_DGRAM}},
     {"socket", {0, SystemCall::number, AF_INET}, {1, socketKind, SOCK_STREAM}},
     {"bind"},
