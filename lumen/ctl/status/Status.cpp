@@ -58,9 +58,7 @@ void Status::findUnreachable(const GatewaySockets& sockets) {
   }
 }
 
-Json Status::json() const {
-  return Json::parse(statusJson(gateway, interfaces, rules, refusals));
-}
+Json Status::json() const { return Json::parse(statusJson(gateway, interfaces, rules, refusals)); }
 
 std::string refusalText(const PortEvent& refusal) {
   return "Refused " + localTime(std::chrono::floor<std::chrono::seconds>(refusal.time)) + " to " +

@@ -9,10 +9,10 @@ namespace lumen {
 namespace {
 
 // Connections that both sides have closed are not counted, but the kernel clears them from its
-// count only once a tick, nine at a time: a program that lists a thousand ports one by one is faster.
-// So a host may have a thousand connections beyond the limit, and then ten more each second: too few
-// to get in the way of others, who have the daemon's own limit of open connections. An address that finds the set full is not limited: it
-// must not take memory without end either.
+// count only once a tick, nine at a time: a program that lists a thousand ports one by one is
+// faster. So a host may have a thousand connections beyond the limit, and then ten more each
+// second: too few to get in the way of others, who have the daemon's own limit of open connections.
+// An address that finds the set full is not limited: it must not take memory without end either.
 constexpr const char* table =
     "create table ip lumen_clients { flags owner; }\n"
     "table ip lumen_clients {\n"
