@@ -1,5 +1,6 @@
 """The page of the gateway in a real browser on the LAN: lumen-web, Chromium and a whole router."""
 
+import html
 import os
 import pathlib
 import tempfile
@@ -144,9 +145,9 @@ class PageTest(RouterCase):
         for name in ("filter-text", "Port", "Host", "copy"):
             self.assertIn(name, reached)
 
-    # Promise: A name of a host that would be markup is shown as text.
-    def test_markup_in_a_description_or_a_name_is_shown_as_text(self):
-        self.host.upnpc("-e", MARKUP, "-a", self.host.address, "8080", "8080", "TCP")
+    # Promise: What a host says of itself or of its ports is shown as text, never as markup.
+    def test_a_description_that_is_markup_does_nothing(self):
+        self.host.upnpc("-e", html.escape(MARKUP), "-a", self.host.address, "8080", "8080", "TCP")
         browser = self.live_browser()
         self.wait_for_text(browser, "#ports", "8080")
         self.assertEqual(browser.run("return document.images.length;"), 0)
@@ -167,4 +168,16 @@ class NamedHostTest(PageTest):
         (folder / "lib" / "misc" / "dnsmasq.leases").write_text(
             f"0 02:00:00:00:00:01 192.168.88.10 {name} *\n")
         self.PRIVATE = {"/var": leases.name}
+        self.name = name
         super().setUp()
+
+    def test_a_name_that_is_markup_is_shown_as_text(self):
+        self.host.open_port(8080, "TCP")
+        browser = self.live_browser()
+        self.wait_for_text(browser, "#ports", self.name)
+        self.assertEqual(browser.run("return document.images.length;"), 0)
+        self.assertEqual(self.browser(scripts=False).text("#ports th"), "8080")
+
+
+if __name__ == "__main__":
+    unittest.main()
