@@ -1,5 +1,5 @@
-# Gives the stores of the services to their users. A staged installation leaves that to whoever unpacks
-# it: its build machine need not know the users.
+# Gives the stores of the services to their users. A staged installation leaves that to the machine that
+# unpacks it: its build machine need not know the users.
 set(stores_of_palinode /lumen/store/upnp /lumen/store/upnpm)
 set(stores_of_lumen-web /lumen/store/web)
 if("$ENV{DESTDIR}" STREQUAL "")

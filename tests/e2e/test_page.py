@@ -81,6 +81,20 @@ class PageTest(RouterCase):
         self.network.router.ip("link", "set", WAN_LINK, "up")
         self.wait_for_text(browser, "#state", WAN_ADDRESS)
 
+    # Promise: It plots the traffic of each external interface, of the last ten minutes.
+    def test_traffic_is_plotted(self):
+        browser = self.live_browser()
+        self.wait_for_text(browser, "#plots", WAN_LINK)
+        self.assertIn("10 min ago", browser.run(
+            "return document.querySelector('#plots svg').textContent;"))
+        browser.show_as(**DESKTOP)
+        across = "return document.querySelector('#plots svg').viewBox.baseVal.width;"
+        wide = self.wait_until(lambda: (width := browser.run(across)) > 700 and width,
+                               "it is drawn for the screen")
+        browser.save_picture(PICTURES / "traffic.png")
+        browser.show_as(**PHONE)
+        self.wait_until(lambda: browser.run(across) < wide / 2, "it is drawn for the phone")
+
     # Promise: Without the script the page is complete when it is loaded.
     def test_without_the_script_the_page_shows_the_open_ports(self):
         self.host.open_port(8080, "TCP")

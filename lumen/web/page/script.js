@@ -188,7 +188,9 @@
   }
 
   function showTraffic() {
-    var width = 600;
+    byId('traffic').hidden = traffic.size === 0;
+    var across = Math.max(byId('plots').clientWidth, 240);
+    var width = across - 90;
     var height = 160;
     var until = Date.now();
     var from = until - kept;
@@ -206,7 +208,7 @@
       legend.appendChild(document.createTextNode(' '));
       legend.appendChild(make('span', '\u25B2 up ' + rate(last.up), 'up'));
       children.push(legend);
-      var plot = svg('svg', { viewBox: '0 0 720 190', role: 'img', preserveAspectRatio: 'none' });
+      var plot = svg('svg', { viewBox: '0 0 ' + across + ' 190', role: 'img' });
       plot.setAttribute('aria-label', 'Traffic of ' + name + ' in the last ten minutes, at most ' +
           rate(highest));
       for (var i = 0; i <= 4; ++i) {
@@ -222,7 +224,6 @@
           d: path(samples, 'up', from, until, highest, width, height) }));
       children.push(plot);
     });
-    byId('traffic').hidden = !children.length;
     fill(byId('plots'), children);
   }
 
@@ -281,6 +282,7 @@
     });
   });
   byId('filter-text').addEventListener('input', showPorts);
+  window.addEventListener('resize', showTraffic);
 
   var copy = byId('copy');
   copy.hidden = false;
