@@ -137,5 +137,15 @@ TEST(WireNumbers, OfTheGatewayAndOtherServices) {
   EXPECT_EQ(lm::identity::key::text, 0x20000001U);
 }
 
+TEST(WireRecords, ThatSayNothingMoreAreOfWhatIsNeitherDisabledNorGone) {
+  EXPECT_FALSE(lm::addresses::Record{}.disabled);
+  EXPECT_FALSE(lm::addresses::Record{}.removed);
+  EXPECT_FALSE(lm::interfaces::Record{}.disabled);
+  EXPECT_FALSE(lm::interfaces::Record{}.running);
+  EXPECT_FALSE(lm::nat::Rule{}.disabled);
+  EXPECT_FALSE(lm::nat::Record{}.stale);
+  EXPECT_FALSE(lm::nat::Record{}.closed);
+}
+
 }  // namespace
 }  // namespace lumen
