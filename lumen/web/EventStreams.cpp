@@ -1,6 +1,7 @@
 #include "lumen/web/EventStreams.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "lumen/web/Responses.h"
 

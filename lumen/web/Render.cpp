@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <cstdint>
 #include <ctime>
+#include <optional>
 
 #include "lumen/ctl/status/StatusJson.h"
 #include "lumen/ctl/text/JsonText.h"

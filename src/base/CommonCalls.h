@@ -5,6 +5,8 @@
 #include <sys/mman.h>
 #include <sys/socket.h>
 
+#include <cstdint>
+
 #include "base/SystemCalls.h"
 
 /// Of the low bits of socket(2)'s type; the others are flags.

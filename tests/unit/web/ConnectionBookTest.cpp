@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <optional>
+
 #include "lumen/web/ConnectionBook.h"
 
 namespace lumen::web {

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <cstdint>
+
 #include "lumen/web/Render.h"
 #include "platform/wire/NatRules.h"
 #include "support/ManualClock.h"

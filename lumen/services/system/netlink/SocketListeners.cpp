@@ -10,8 +10,10 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <memory>
+#include <optional>
 
 #include "lumen/runtime/Log.h"
 #include "lumen/services/system/netlink/ControlGroups.h"
