@@ -165,7 +165,7 @@ class PageTest(WebCase):
         self.assertEqual(status["version"], 1)
         self.assertEqual([port["port"] for port in status["ports"]], [8080])
 
-    # Promise: `promtool check metrics` accepts /metrics.
+    # No promise, since promtool may not be there.
     def test_prometheus_accepts_the_metrics(self):
         self.lan[0].open_port(8080, "TCP")
         opened = 'palinode_ports_open{protocol="tcp",service="upnp"} 1\n'
