@@ -24,6 +24,7 @@
 #include "lumen/services/system/processes/PrivateRoot.h"
 #include "lumen/services/system/processes/Privileges.h"
 #include "lumen/services/system/processes/ServiceManager.h"
+#include "lumen/services/system/processes/ShortTurns.h"
 #include "lumen/values/KernelVersion.h"
 #include "platform/Keys.h"
 
@@ -147,6 +148,7 @@ int main(int argc, char** argv) {
     prepareRoot(services, processes);
     keepOnly(lumen::neededCapabilities());
   }
+  lumen::takeShortTurns();
   lumen::confinePlatform();
   for (const std::string& store : Platform::stores()) {
     exitOnError(lumen::makeDirectory(path::store(store), 0, 0, forOwner));

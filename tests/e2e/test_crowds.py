@@ -28,42 +28,73 @@ LONG = 0.7
 
 
 class KernelTest(RouterCase):
-    def refused(self, host, count):
-        """How many of `count` connections that the host begins together are refused. The others stay
-        until the end of the test."""
+    def attempt(self, host):
+        """Begins a connection, which stays until the end of the test; returns its socket."""
+        client = host.namespace.socket()
+        self.addCleanup(client.close)
+        client.setblocking(False)
+        client.connect_ex((LAN_ADDRESS, HTTP_PORT))
+        return client
+
+    def outcome(self, client):
+        """What came of it within 0.1 s: 0 when it is open, and None when it was dropped, to be tried
+        again later."""
         begun = select.poll()
-        clients = {}
+        begun.register(client, select.POLLOUT)
+        return client.getsockopt(socket.SOL_SOCKET, socket.SO_ERROR) if begun.poll(100) else None
+
+    def outcomes(self, host, count):
+        """Of so many connections one after the other, a little slower than what is a crowd."""
+        outcomes = []
         for _ in range(count):
-            client = host.namespace.socket()
-            self.addCleanup(client.close)
-            client.setblocking(False)
-            client.connect_ex((LAN_ADDRESS, HTTP_PORT))
-            begun.register(client, select.POLLOUT)
-            clients[client.fileno()] = client
-        refused = 0
-        # Refusals come at once; what is dropped, since only one client can wait, comes again later.
-        while ended := begun.poll(300):
-            for descriptor, _ in ended:
-                begun.unregister(descriptor)
-                error = clients[descriptor].getsockopt(socket.SOL_SOCKET, socket.SO_ERROR)
-                if error == errno.ECONNREFUSED:
-                    refused += 1
-                    clients[descriptor].close()
-        return refused
+            time.sleep(0.0005)
+            outcomes.append(self.outcome(self.attempt(host)))
+        return outcomes
+
+    def open_most(self, host):
+        """Opens 32 connections, of which the gateway may drop one while it is busy."""
+        opened = 0
+        while opened < MOST:
+            [outcome] = self.outcomes(host, 1)
+            self.assertIn(outcome, (0, None))
+            opened += outcome == 0
 
     # Promise [connections-of-host]: The kernel refuses a host that has 32 connections to the
     # gateway already, at once and alone, when it has made a thousand more; then it may make ten each
     # second.
     def test_a_host_with_32_connections_is_refused_others(self):
         hostile, other = self.lan
-        self.assertEqual(self.refused(hostile, MOST), 0)
+        self.open_most(hostile)
         more = 0
-        while not (refused := self.refused(hostile, 50)):
-            more += 50
+        while self.outcomes(hostile, 1) != [errno.ECONNREFUSED]:
+            more += 1
             self.assertLess(more, 2 * BURST)
-        self.assertGreaterEqual(more, BURST // 2)  # SYNs that were dropped count again
-        self.assertGreater(refused + self.refused(hostile, 50), 30)
-        self.assertEqual(self.refused(other, 1), 0)
+        self.assertGreaterEqual(more, BURST // 2)  # those that were dropped count again
+        self.assertGreater(self.outcomes(hostile, 50).count(errno.ECONNREFUSED), 30)
+        self.assertEqual(self.outcomes(other, 1), [0])
+
+    # Promise: A host that has 32 connections gets others one by one only; of those that it begins
+    # together the kernel drops most, which the host tries again after a second.
+    def test_a_host_with_32_connections_does_not_crowd_the_others_out(self):
+        hostile, other = self.lan
+        self.open_most(hostile)
+        begun = [self.attempt(hostile) for _ in range(10)]
+        self.assertIn([self.outcome(client) for client in begun].count(None), range(4, 9))
+        self.assertEqual(self.outcomes(other, 1), [0])
+
+    # Promise: The kernel drops what a host connects without pause, when it has connected a thousand
+    # times, and lets 500 each second through.
+    def test_a_host_that_connects_without_pause_is_slowed(self):
+        hostile, other = self.lan
+        with Siege(self.router) as siege:
+            before, began = siege.accepted(), time.monotonic()
+            with attacks.Worker(hostile, attacks.connect_again_and_again):
+                time.sleep(3)
+            passed = time.monotonic() - began
+            accepted = siege.accepted() - before
+        self.assertGreater(accepted, BURST)
+        self.assertLess(accepted, BURST + 500 * passed + 50)
+        self.assertEqual(self.outcomes(other, 1), [0])
 
     # Also proves [connections-of-host].
     def test_a_host_that_asks_a_thousand_times_is_never_refused(self):
@@ -144,7 +175,8 @@ class BystanderTest(RouterCase):
             rate = (self.siege.accepted() - before - asked) / (time.monotonic() - began)
             seen.append(f"{figures} {rate:8.0f} connections a second")
             long = [wait.seconds for wait in figures.waits if wait.seconds > LONG]
-            if (rate > 1000 and figures.lost == 0 and figures.percentile(99) <= 0.005
+            # More than the kernel lets through for long, since the first thousand are among them.
+            if (rate > 500 and figures.lost == 0 and figures.percentile(99) <= 0.005
                     and len(long) <= 1 + asked // 1000 and max(long, default=0) < 1.6):
                 return
         self.fail(f"the other host was kept out in each round: {seen}")
