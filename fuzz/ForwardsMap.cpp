@@ -5,6 +5,7 @@
 
 #include "fuzz/Fuzz.h"
 #include "lumen/values/Ipv4.h"
+#include "services/nat/ElementCommand.h"
 
 namespace fuzz {
 
@@ -67,6 +68,13 @@ lumen::Result<std::string> ForwardsMap::run(const std::string& commands) {
   removed_.reset();
   for (std::string_view rest = commands; !rest.empty();) runLine(takeUpTo(rest, "\n"));
   return std::string();
+}
+
+lumen::Result<void> ForwardsMap::changeElements(lumen::ElementChange change,
+                                                const lumen::ElementMap& map,
+                                                std::span<const lumen::MapElement> elements) {
+  const auto done = run(lumen::test::elementCommand(change, map, elements));
+  return done ? lumen::Result<void>() : done.failure();
 }
 
 lumen::Result<std::string> ForwardsMap::runFile(const std::string& /*path*/) {

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -23,6 +24,8 @@ class ForwardsMap : public lumen::Nftables {
 
   lumen::Result<std::string> run(const std::string& commands) override;
   lumen::Result<std::string> runFile(const std::string& path) override;
+  lumen::Result<void> changeElements(lumen::ElementChange change, const lumen::ElementMap& map,
+                                     std::span<const lumen::MapElement> elements) override;
   void forget() override {}
 
   /// Refuses one command about elements: the one after the next `commands`.

@@ -3,6 +3,7 @@
 #include <netinet/in.h>
 
 #include <algorithm>
+#include <bit>
 #include <charconv>
 #include <string_view>
 
@@ -11,6 +12,18 @@ namespace lumen {
 namespace {
 
 constexpr const char* tableName = "table ip lumen";
+constexpr ElementMap forwards{.table = "lumen", .name = "forwards"};
+
+ElementPart addressPart(Ipv4Address address) { return std::bit_cast<ElementPart>(address.bytes()); }
+
+ElementPart portPart(uint16_t port) { return {std::byte(port >> 8), std::byte(port & 0xff)}; }
+
+MapElement mapElement(const RuleKey& key, const Endpoint& client) {
+  return {.key = {addressPart(key.external.address),
+                  {std::byte(key.protocol)},
+                  portPart(key.external.port)},
+          .client = {addressPart(client.address), portPart(client.port)}};
+}
 
 // "45.45.45.1 . tcp . 8080"
 std::string keyElement(const RuleKey& key) {
@@ -23,22 +36,8 @@ std::string clientElement(const Endpoint& client) {
   return client.address.text() + " . " + std::to_string(client.port);
 }
 
-std::string addCommand(const RuleKey& key, const std::string& counter, const Endpoint& client) {
-  return "add element ip lumen forwards { " + keyElement(key) + counter + " : " +
-         clientElement(client) + " }";
-}
-
 std::string getCommand(const RuleKey& key) {
   return "get element ip lumen forwards { " + keyElement(key) + " }";
-}
-
-std::string deleteCommand(const std::vector<RuleKey>& keys) {
-  std::string text = "delete element ip lumen forwards { ";
-  for (const RuleKey& key : keys) {
-    if (&key != &keys.front()) text += ", ";
-    text += keyElement(key);
-  }
-  return text + " }";
 }
 
 // nft explains an error in several lines, the first of which says what it is.
@@ -128,12 +127,16 @@ Result<void> NatMap::open(const std::string& path) {
 }
 
 Result<void> NatMap::add(const RuleKey& key, const Endpoint& client) {
-  return run(addCommand(key, "", client));
+  const MapElement element = mapElement(key, client);
+  return nftables_.changeElements(ElementChange::add, forwards, {&element, 1});
 }
 
 Result<void> NatMap::remove(const std::vector<RuleKey>& keys) {
   if (keys.empty()) return {};
-  return run(deleteCommand(keys));
+  std::vector<MapElement> elements;
+  elements.reserve(keys.size());
+  for (const RuleKey& key : keys) elements.push_back(mapElement(key, {}));
+  return nftables_.changeElements(ElementChange::remove, forwards, elements);
 }
 
 Result<void> NatMap::change(const RuleKey& key, const Endpoint& client) {
@@ -141,7 +144,12 @@ Result<void> NatMap::change(const RuleKey& key, const Endpoint& client) {
   if (!element) return Failure{firstLine(element.why())};
   auto counter = counterOf(*element);
   if (!counter) return Failure{noCounter};
-  return run(deleteCommand({key}) + "\n" + addCommand(key, *counter, client));
+  const std::string name = keyElement(key);
+  const auto changed = nftables_.run("delete element ip lumen forwards { " + name +
+                                     " }\nadd element ip lumen forwards { " + name + *counter +
+                                     " : " + clientElement(client) + " }");
+  if (!changed) return Failure{firstLine(changed.why())};
+  return {};
 }
 
 Result<std::map<RuleKey, uint64_t>> NatMap::uses() {
@@ -166,12 +174,6 @@ Result<uint64_t> NatMap::uses(const RuleKey& key) {
   const auto packets = numberAfter(text, packetsWord);
   if (!packets) return Failure{noCounter};
   return *packets;
-}
-
-Result<void> NatMap::run(const std::string& commands) {
-  const Result<std::string> result = nftables_.run(commands);
-  if (!result) return Failure{firstLine(result.why())};
-  return {};
 }
 
 }  // namespace lumen

@@ -39,8 +39,6 @@ class NatMap {
   [[nodiscard]] Result<uint64_t> uses(const RuleKey& key);
 
  private:
-  [[nodiscard]] Result<void> run(const std::string& commands);
-
   Nftables& nftables_;
 };
 

@@ -35,10 +35,10 @@ bool closeOnExec(int fd) {
 void LibNftables::Free::operator()(nft_ctx* context) const { nft_ctx_free(context); }
 
 LibNftables::LibNftables() {
-  int fd = lowestFreeDescriptor();
+  socket_ = lowestFreeDescriptor();
   context_.reset(nft_ctx_new(NFT_CTX_DEFAULT));
   if (!context_) return;
-  if (!closeOnExec(fd)) {
+  if (!closeOnExec(socket_)) {
     lm::logLine("nftables socket: not found: ", std::strerror(errno));
     context_.reset();
     return;
@@ -57,6 +57,12 @@ Result<std::string> LibNftables::run(const std::string& commands) {
 Result<std::string> LibNftables::runFile(const std::string& path) {
   if (!context_) return Failure{"libnftables cannot be used"};
   return result(nft_run_cmd_from_filename(context_.get(), path.c_str()));
+}
+
+Result<void> LibNftables::changeElements(ElementChange change, const ElementMap& map,
+                                         std::span<const MapElement> elements) {
+  if (!context_) return Failure{"libnftables cannot be used"};
+  return lumen::changeElements(socket_, change, map, elements);
 }
 
 void LibNftables::forget() {

@@ -22,6 +22,8 @@ class LibNftables : public Nftables {
 
   [[nodiscard]] Result<std::string> run(const std::string& commands) override;
   [[nodiscard]] Result<std::string> runFile(const std::string& path) override;
+  [[nodiscard]] Result<void> changeElements(ElementChange change, const ElementMap& map,
+                                            std::span<const MapElement> elements) override;
   void forget() override;
 
  private:
@@ -31,6 +33,7 @@ class LibNftables : public Nftables {
     void operator()(nft_ctx* context) const;
   };
   std::unique_ptr<nft_ctx, Free> context_;  // null: could not be made
+  int socket_ = -1;                         // that of the context
 };
 
 }  // namespace lumen

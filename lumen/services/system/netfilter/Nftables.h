@@ -1,7 +1,9 @@
 #pragma once
 
+#include <span>
 #include <string>
 
+#include "lumen/services/system/netfilter/SetElements.h"
 #include "lumen/values/Result.h"
 
 namespace lumen {
@@ -17,6 +19,10 @@ class Nftables {
 
   /// The same with the commands of the file `path`.
   [[nodiscard]] virtual Result<std::string> runFile(const std::string& path) = 0;
+
+  /// Changes elements of a map as one transaction does. A failure is one line of text.
+  [[nodiscard]] virtual Result<void> changeElements(ElementChange change, const ElementMap& map,
+                                                    std::span<const MapElement> elements) = 0;
 
   /// Frees what was kept from the commands so far for the next one.
   virtual void forget() = 0;

@@ -31,6 +31,12 @@ Result<std::string> ThriftyNftables::runFile(const std::string& path) {
   return nftables_.runFile(path);
 }
 
+// Keeps nothing.
+Result<void> ThriftyNftables::changeElements(ElementChange change, const ElementMap& map,
+                                             std::span<const MapElement> elements) {
+  return nftables_.changeElements(change, map, elements);
+}
+
 void ThriftyNftables::forget() {
   rest_.stop();
   nftables_.forget();

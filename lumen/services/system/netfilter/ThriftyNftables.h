@@ -16,6 +16,8 @@ class ThriftyNftables : public Nftables {
 
   [[nodiscard]] Result<std::string> run(const std::string& commands) override;
   [[nodiscard]] Result<std::string> runFile(const std::string& path) override;
+  [[nodiscard]] Result<void> changeElements(ElementChange change, const ElementMap& map,
+                                            std::span<const MapElement> elements) override;
   void forget() override;
 
  private:

@@ -4,6 +4,7 @@
 #include <map>
 #include <optional>
 #include <set>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -14,6 +15,7 @@
 #include "lumen/services/system/netlink/Listeners.h"
 #include "lumen/values/Ipv4.h"
 #include "lumen/values/Result.h"
+#include "services/nat/ElementCommand.h"
 
 namespace lumen::test {
 
@@ -27,6 +29,13 @@ class FakeNftables : public Nftables {
   }
 
   Result<std::string> runFile(const std::string& path) override { return run("file " + path); }
+
+  /// Recorded as the command of nft(8) that does the same.
+  Result<void> changeElements(ElementChange change, const ElementMap& map,
+                              std::span<const MapElement> elements) override {
+    const auto done = run(elementCommand(change, map, elements));
+    return done ? Result<void>() : Failure{done.why().substr(0, done.why().find('\n'))};
+  }
 
   void forget() override { texts.emplace_back("forgets"); }
 

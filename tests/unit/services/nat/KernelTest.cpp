@@ -87,17 +87,32 @@ TEST_F(NatKernelTest, HoldsAnElementForEachOpenPort) {
 TEST_F(NatKernelTest, ReportsWhyItRefuses) {
   opensTable();
   EXPECT_EQ(whyNot(map->add(key, client)), "");
-  EXPECT_EQ(whyNot(map->add(key, {client.address, 81})),
-            "Error: Could not process rule: File exists");
-  EXPECT_EQ(whyNot(map->remove({key, {key.external, 17}})),
-            "Error: Could not process rule: No such file or directory");
+  EXPECT_EQ(whyNot(map->add(key, {client.address, 81})), "File exists");
+  EXPECT_EQ(whyNot(map->remove({key, {key.external, 17}})), "No such file or directory");
   EXPECT_NE(seenByAnotherProgram(listMap).find("192.168.88.10 . 80"), std::string::npos)
       << "the transaction did nothing";
+}
+
+// Promise: All ports of a program are closed in one transaction, however many it has.
+TEST_F(NatKernelTest, RemovesThousandsOfElementsOrNone) {
+  opensTable();
+  std::vector<RuleKey> keys;
+  for (uint16_t port = 10000; port < 12500; ++port) {
+    keys.push_back({{key.external.address, port}, key.protocol});
+    ASSERT_EQ(whyNot(map->add(keys.back(), client)), "");
+  }
+  keys.push_back({key.external, 17});
+  EXPECT_EQ(whyNot(map->remove(keys)), "No such file or directory");
+  EXPECT_EQ(map->uses()->size(), 2500U);
+  keys.pop_back();
+  EXPECT_EQ(whyNot(map->remove(keys)), "");
+  EXPECT_EQ(map->uses()->size(), 0U);
 }
 
 TEST_F(NatKernelTest, FreesWhatItHasReadAndGoesOn) {
   opensTable();
   EXPECT_EQ(whyNot(map->add(key, client)), "");
+  EXPECT_EQ(*map->uses(key), 0U);
   const size_t before = mallinfo2().uordblks;
   nftables->forget();
   // A sanitizer counts for itself.

@@ -330,17 +330,19 @@ TEST_F(NatRulesTest, KeepsARuleAsItWasWhenTheKernelRefusesItsChange) {
   }
   nftables.refuses(getTcp, "Error: gone\n");
   EXPECT_EQ(sets(setRequest(id, "192.168.88.10", 81)), "the kernel refused it: Error: gone");
+  nftables.refuses(getTcp, "");
+  EXPECT_EQ(sets(setRequest(id, "192.168.88.10", 81)), "the kernel refused it: no reason given");
   EXPECT_EQ(lists()[0].get_u32(lm::nat::key::clientPortFirst), 80U);
 }
 
 TEST_F(NatRulesTest, KeepsARuleThatTheKernelDoesNotRemove) {
   uint32_t id = opens({});
   std::string text = "delete element ip lumen forwards { 45.45.45.1 . tcp . 8080 }";
-  nftables.refuses(text, "");
+  nftables.refuses(text, "Out of memory");
   ::testing::internal::CaptureStdout();
-  EXPECT_EQ(removes(id), "the kernel refused it: no reason given");
+  EXPECT_EQ(removes(id), "the kernel refused it: Out of memory");
   EXPECT_EQ(::testing::internal::GetCapturedStdout(),
-            "nat remove failed: tcp port 8080 of 45.45.45.1: no reason given\n");
+            "nat remove failed: tcp port 8080 of 45.45.45.1: Out of memory\n");
   EXPECT_EQ(lists().size(), 1U);
   nftables.prints(text, "");
   EXPECT_EQ(removes(id), "");
