@@ -31,10 +31,6 @@ constexpr timeval answerLimit{1, 0};
 
 constexpr const char* controlGroups = "/sys/fs/cgroup";
 
-struct Closer {
-  void operator()(mnl_socket* socket) const { mnl_socket_close(socket); }
-};
-
 struct Search {
   Endpoint endpoint;
   uint32_t interface = 0;
@@ -54,12 +50,7 @@ int takeMessage(const nlmsghdr* message, void* context) {
 }
 
 /// False, with errno, when the kernel cannot tell.
-bool dump(uint8_t family, uint8_t protocol, Search& search) {
-  const std::unique_ptr<mnl_socket, Closer> socket(
-      mnl_socket_open2(NETLINK_SOCK_DIAG, SOCK_CLOEXEC));
-  if (!socket || mnl_socket_bind(socket.get(), 0, MNL_SOCKET_AUTOPID) != 0) return false;
-  (void)setsockopt(mnl_socket_get_fd(socket.get()), SOL_SOCKET, SO_RCVTIMEO, &answerLimit,
-                   sizeof answerLimit);
+bool dump(mnl_socket* socket, uint8_t family, uint8_t protocol, Search& search) {
   alignas(nlmsghdr) std::array<char, 128> request{};
   nlmsghdr* const header = mnl_nlmsg_put_header(request.data());
   header->nlmsg_type = SOCK_DIAG_BY_FAMILY;
@@ -70,14 +61,14 @@ bool dump(uint8_t family, uint8_t protocol, Search& search) {
   wanted->sdiag_protocol = protocol;
   wanted->idiag_states = protocol == IPPROTO_TCP ? listening : unconnectedUdp;
   wanted->id.idiag_sport = htons(search.endpoint.port);
-  if (mnl_socket_sendto(socket.get(), header, header->nlmsg_len) < 0) return false;
+  if (mnl_socket_sendto(socket, header, header->nlmsg_len) < 0) return false;
   alignas(nlmsghdr) std::array<char, 32768> answer{};
   int result = MNL_CB_OK;
   while (result == MNL_CB_OK) {
-    const ssize_t length = mnl_socket_recvfrom(socket.get(), answer.data(), answer.size());
+    const ssize_t length = mnl_socket_recvfrom(socket, answer.data(), answer.size());
     if (length < 0) return false;
     result = mnl_cb_run(answer.data(), static_cast<size_t>(length), 0,
-                        mnl_socket_get_portid(socket.get()), takeMessage, &search);
+                        mnl_socket_get_portid(socket), takeMessage, &search);
   }
   return result == MNL_CB_STOP;
 }
@@ -128,16 +119,34 @@ std::optional<ListeningSocket> readListeningSocket(const nlmsghdr& message) {
   return socket;
 }
 
+void SocketListeners::Closer::operator()(mnl_socket* socket) const { mnl_socket_close(socket); }
+
+bool SocketListeners::open() {
+  if (socket_) return true;
+  socket_.reset(mnl_socket_open2(NETLINK_SOCK_DIAG, SOCK_CLOEXEC));
+  if (!socket_) return false;
+  if (mnl_socket_bind(socket_.get(), 0, MNL_SOCKET_AUTOPID) != 0) {
+    socket_.reset();
+    return false;
+  }
+  (void)setsockopt(mnl_socket_get_fd(socket_.get()), SOL_SOCKET, SO_RCVTIMEO, &answerLimit,
+                   sizeof answerLimit);
+  return true;
+}
+
 std::optional<std::string> SocketListeners::find(uint8_t protocol, const Endpoint& endpoint,
                                                  uint32_t interface) {
   Search search{.endpoint = endpoint, .interface = interface, .found = {}};
   for (const uint8_t family : {uint8_t{AF_INET}, uint8_t{AF_INET6}}) {
-    const bool asked = dump(family, protocol, search);
+    const bool asked = open() && dump(socket_.get(), family, protocol, search);
     if (search.found) return nameOf(*search.found);
     if (asked) continue;
+    // What the kernel still says of this question must not answer the next one.
+    const int error = errno;
+    socket_.reset();
     // A kernel without IPv6 knows nothing of its sockets.
     if (family == AF_INET && !failed_) {
-      lm::logLine("the ports of this router's own programs are not known: ", std::strerror(errno));
+      lm::logLine("the ports of this router's own programs are not known: ", std::strerror(error));
       failed_ = true;
     }
     break;

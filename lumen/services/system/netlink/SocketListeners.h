@@ -2,6 +2,8 @@
 
 #include <libmnl/libmnl.h>
 
+#include <memory>
+#include <optional>
 #include <string>
 
 #include "lumen/services/system/netlink/Listeners.h"
@@ -21,7 +23,14 @@ class SocketListeners : public Listeners {
                                                 uint32_t interface) override;
 
  private:
-  bool failed_ = false;  // as was logged
+  struct Closer {
+    void operator()(mnl_socket* socket) const;
+  };
+
+  [[nodiscard]] bool open();
+
+  std::unique_ptr<mnl_socket, Closer> socket_;  // null: not opened, or not any more
+  bool failed_ = false;                         // as was logged
 };
 
 /// What a socket says of itself.

@@ -97,13 +97,13 @@ TEST_F(NatKernelTest, ReportsWhyItRefuses) {
 TEST_F(NatKernelTest, RemovesThousandsOfElementsOrNone) {
   opensTable();
   std::vector<RuleKey> keys;
-  for (uint16_t port = 10000; port < 12500; ++port) {
+  for (uint16_t port = 10000; port < 13000; ++port) {
     keys.push_back({{key.external.address, port}, key.protocol});
     ASSERT_EQ(whyNot(map->add(keys.back(), client)), "");
   }
   keys.push_back({key.external, 17});
   EXPECT_EQ(whyNot(map->remove(keys)), "No such file or directory");
-  EXPECT_EQ(map->uses()->size(), 2500U);
+  EXPECT_EQ(map->uses()->size(), 3000U);
   keys.pop_back();
   EXPECT_EQ(whyNot(map->remove(keys)), "");
   EXPECT_EQ(map->uses()->size(), 0U);
