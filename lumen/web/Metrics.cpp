@@ -94,6 +94,15 @@ void addPrograms(Exposition& out, const Picture& picture) {
   for (const lumenctl::Service& service : picture.services) {
     out.add({{"service", service.name}}, service.restarts);
   }
+  out.begin("palinode_resident_memory_bytes", "gauge",
+            "Physical memory that a program uses, with the pages that it shares.");
+  std::map<std::string, uint64_t> memory = {{"lumend", picture.platformMemory}};
+  for (const lumenctl::Service& service : picture.services) {
+    memory[service.program] += service.residentMemory;
+  }
+  for (const auto& [program, bytes] : memory) {
+    if (bytes != 0) out.add({{"program", program}}, bytes);
+  }
 }
 
 }  // namespace

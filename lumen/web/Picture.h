@@ -41,6 +41,7 @@ struct Picture {
   std::vector<lumenctl::UsedInterface> interfaces;
   std::map<uint32_t, lumenctl::NatRule> rules;  ///< by id
   std::vector<lumenctl::Service> services;
+  uint64_t platformMemory = 0;  ///< bytes of resident memory of lumend; 0: not known
   std::map<std::string, lumenctl::Counters> counters;  ///< of external interfaces, by name
   std::vector<lumenctl::PortEvent> refusedPorts;       ///< of the router's own programs
   std::map<std::string, uint64_t> refusals;            ///< of ports, by the kind of the reason

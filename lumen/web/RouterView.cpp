@@ -125,6 +125,7 @@ void RouterView::readState() {
 void RouterView::readServices() {
   const lm::message reply = handler_.exchangeCmd(requestTo({lm::service::broker}),
                                                  lm::broker::cmd::services, answerLimit);
+  picture_.platformMemory = reply.get_u64(lm::broker::key::residentMemory);
   picture_.services.clear();
   for (const lm::message& record : reply.get_message_array_ref(lm::key::records)) {
     picture_.services.emplace_back(record);

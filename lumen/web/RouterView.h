@@ -15,7 +15,8 @@
 namespace lumen::web {
 
 /// Keeps a picture of the router by the platform's notifications. Only the numbers that no
-/// notification carries are read when they are needed: the connections of ports, and traffic.
+/// notification carries are read when they are needed: the connections of ports, traffic, and the
+/// memory of programs.
 class RouterView {
  public:
   class Listener {
@@ -42,6 +43,8 @@ class RouterView {
   /// Reads the ports with their numbers of connections, at most once a second. The listener hears
   /// of those whose numbers have changed.
   void refreshPorts();
+  /// Reads the services, whose memory no notification carries.
+  void readServices();
   /// Reads the counters of external interfaces, at most once a second. Returns what they carried
   /// since the last call; nothing at the first one, or after a long pause.
   std::vector<Sample> refreshTraffic();
@@ -57,7 +60,6 @@ class RouterView {
 
   [[nodiscard]] std::vector<lm::message> table(const std::vector<uint32_t>& path);
   void readState();
-  void readServices();
   void readGateway();
   void readInterfaces();
   void readPorts();

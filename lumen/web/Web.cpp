@@ -228,6 +228,7 @@ MHD_Result Web::answer(const HttpServer::Request& request) {
     return keep(request, "text/plain; version=0.0.4; charset=utf-8", [this] {
       view_.refreshPorts();
       (void)view_.refreshTraffic();
+      view_.readServices();
       return metricsOf(view_.picture(), lm::getUptime(), streams_.size());
     });
   }

@@ -4,6 +4,8 @@ import http.client
 import json
 import os
 import pathlib
+import re
+import resource
 import signal
 import socket
 import time
@@ -174,11 +176,24 @@ class PageTest(WebCase):
             "the port is counted")
         self.assertIn(f'palinode_interface_receive_bytes_total{{interface="{WAN_LINK}"}} ', metrics)
         self.assertIn('palinode_service_up{service="upnp"} 1\n', metrics)
+        self.assert_has_memory(metrics, self.router.lumend.pid, "lumend")
+        for service in ("upnp", "web"):
+            listed = self.router.service(service)
+            self.assert_has_memory(metrics, listed["process"], listed["program"])
+            self.assertGreater(listed["resident_memory_bytes"], 1 << 20)
         try:
             wrong = promtool.check(metrics)
         except promtool.Missing as why:
             self.skipTest(str(why))
         self.assertEqual(wrong, "")
+
+    def assert_has_memory(self, metrics, pid, program):
+        """It may have changed a little since."""
+        found = re.search(rf'^palinode_resident_memory_bytes{{program="{program}"}} (\d+)$',
+                          metrics, re.MULTILINE)
+        self.assertIsNotNone(found, program)
+        pages = int(pathlib.Path(f"/proc/{pid}/statm").read_text(encoding="ascii").split()[1])
+        self.assertAlmostEqual(int(found.group(1)), pages * resource.getpagesize(), delta=1 << 20)
 
     # Promise: The program of the status page runs as its own user, with CAP_NET_BIND_SERVICE alone,
     # and with no capability when its port needs none.

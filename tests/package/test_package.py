@@ -12,6 +12,7 @@ import unittest
 from machine import CommandFailed, Machine
 from support.debian import kept
 from support.elf import Elf, table
+from support.lan import read_to_end
 from support.network import (LAN_ADDRESS, LAN_BRIDGE, WAN_ADDRESS, WAN_LINK, Network, exchange_tcp,
                              wait_until)
 from support.system_calls import has_landlock
@@ -92,6 +93,11 @@ class InstallationTest(unittest.TestCase):
         return self.machine.run("journalctl", "--no-pager", "--identifier=palinode-igd",
                                 "--output=cat")
 
+    def metrics(self):
+        with self.client.connect(LAN_ADDRESS, 80) as sock:
+            sock.sendall(f"GET /metrics HTTP/1.0\r\nHost: {LAN_ADDRESS}\r\n\r\n".encode())
+            return read_to_end(sock).decode()
+
     def change_unit(self, setting):
         """Overrides a setting of the unit's service, and restarts it."""
         self.machine.run("sh", "-c", "mkdir -p /etc/systemd/system/lumend.service.d && "
@@ -160,6 +166,21 @@ class InstallationTest(unittest.TestCase):
         self.assertNotIn("system calls", self.gateway_log())
         if has_landlock():
             self.assertNotIn("Landlock", self.gateway_log())
+
+    # Also proves [service-list].
+    def test_the_memory_of_its_programs_is_known_under_systemd_too(self):
+        self.install()
+        self.set_up()
+        self.machine.run("lumenctl", "web", "on")
+        services = json.loads(self.machine.run("lumenctl", "--json", "service", "list"))
+        memory = {one["program"]: one["resident_memory_bytes"] for one in services
+                  if one["process"] != 0}
+        self.assertLessEqual({"palinode-igd", "lumen-web"}, set(memory))
+        for program, amount in memory.items():
+            self.assertGreater(amount or 0, 1 << 20, program)
+        metrics = self.metrics()
+        for program in ("lumend", *memory):
+            self.assertRegex(metrics, rf'palinode_resident_memory_bytes{{program="{program}"}} \d')
 
     # Promise: The unit has nothing that `systemd-analyze verify` complains about.
     def test_systemd_finds_nothing_wrong_with_the_unit(self):

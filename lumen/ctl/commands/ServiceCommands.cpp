@@ -12,16 +12,20 @@ namespace {
 
 void list(Session& session) {
   Json result = Json::array();
-  Table table({">NUMBER", "NAME", "STATE", ">PROCESS", ">RESTARTS", "STARTS AGAIN"});
+  Table table({">NUMBER", "NAME", "STATE", ">PROCESS", ">MEMORY", ">RESTARTS", "STARTS AGAIN"});
   for (const Service& service : session.router().services()) {
     result.push_back({{"number", service.number},
                       {"name", service.name},
                       {"state", wordFor(service.state).text},
                       {"process", service.pid},
+                      {"program", service.program},
+                      {"resident_memory_bytes",
+                       service.residentMemory == 0 ? Json() : Json(service.residentMemory)},
                       {"restarts", service.restarts},
                       {"starts_in_ms", service.nextStart.count()}});
     table.add({std::to_string(service.number), service.name, wordFor(service.state),
                service.pid == 0 ? "" : std::to_string(service.pid),
+               service.residentMemory == 0 ? "" : amount(service.residentMemory),
                std::to_string(service.restarts),
                service.nextStart.count() == 0
                    ? ""

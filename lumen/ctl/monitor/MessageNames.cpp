@@ -66,6 +66,8 @@ constexpr FieldName brokerFields[] = {
     {"process", lm::broker::listed::pid},
     {"restarts", lm::broker::listed::restarts},
     {"starts-in-ms", lm::broker::listed::nextStart},
+    {"program", lm::broker::listed::program},
+    {"resident-memory", lm::broker::listed::residentMemory},
 };
 
 constexpr CommandName resolverCommands[] = {{"resolve", lm::resolver::cmd::resolve}};

@@ -144,7 +144,9 @@ Service::Service(const lm::message& record)
       state(serviceState(record.get_string(lm::broker::listed::state))),
       pid(record.get_u32(lm::broker::listed::pid)),
       restarts(record.get_u32(lm::broker::listed::restarts)),
-      nextStart(record.get_u64(lm::broker::listed::nextStart)) {}
+      nextStart(record.get_u64(lm::broker::listed::nextStart)),
+      program(record.get_string(lm::broker::listed::program)),
+      residentMemory(record.get_u64(lm::broker::listed::residentMemory)) {}
 
 WebPage::WebPage(const lm::message& record)
     : enabled(record.get_bool(lm::web::key::enabled)),

@@ -129,6 +129,8 @@ struct Service {
   uint32_t pid = 0;                        ///< 0: no process
   uint32_t restarts = 0;                   ///< after crashes
   std::chrono::milliseconds nextStart{0};  ///< from now; 0: none planned
+  std::string program;                     ///< the file name of its executable
+  uint64_t residentMemory = 0;             ///< bytes; 0: not known, or no process
 };
 
 /// An interface that the gateway is configured to use.

@@ -275,6 +275,7 @@ lm::message Broker::listServices(const Connection& from) const {
   if (!from.rights().mayRead()) return lm::refusal(notPermitted);
   lm::message reply;
   reply.insert_message_array(lm::key::records, services_.list());
+  reply.insert_u64(lm::broker::key::residentMemory, services_.residentMemory());
   return reply;
 }
 

@@ -54,6 +54,8 @@ class Services {
 
   /// A record with the fields of lm::broker::listed for each service, in rising order of number.
   [[nodiscard]] virtual std::vector<lm::message> list() const = 0;
+  /// That of this process, in bytes; 0: not known.
+  [[nodiscard]] virtual uint64_t residentMemory() const = 0;
 };
 
 }  // namespace lumen

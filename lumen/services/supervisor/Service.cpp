@@ -201,6 +201,10 @@ lm::message Service::record() const {
   record.insert_u32(lm::broker::listed::restarts, restarts_);
   record.insert_u64(lm::broker::listed::nextStart,
                     backsOff ? static_cast<uint64_t>(wait.count()) : 0);
+  record.insert_string(lm::broker::listed::program,
+                       program_.executable.substr(program_.executable.rfind('/') + 1));
+  record.insert_u64(lm::broker::listed::residentMemory,
+                    pid_ == 0 ? 0 : processes_.residentMemory(pid_));
   return record;
 }
 

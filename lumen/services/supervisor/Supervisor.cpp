@@ -1,5 +1,7 @@
 #include "lumen/services/supervisor/Supervisor.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <chrono>
 #include <utility>
@@ -16,7 +18,8 @@ constexpr std::chrono::seconds killLimit(1);
 }  // namespace
 
 Supervisor::Supervisor(std::vector<ServiceDefinition> definitions, Processes& processes,
-                       const lm::Clock& clock, const std::string& runDirectory) {
+                       const lm::Clock& clock, const std::string& runDirectory)
+    : processes_(processes) {
   for (ServiceDefinition& definition : definitions) {
     services_.push_back(
         std::make_unique<Service>(std::move(definition), processes, clock, runDirectory));
@@ -116,6 +119,8 @@ std::vector<lm::message> Supervisor::list() const {
   for (const auto& service : services_) records.push_back(service->record());
   return records;
 }
+
+uint64_t Supervisor::residentMemory() const { return processes_.residentMemory(getpid()); }
 
 void Supervisor::processEnded(pid_t pid, int status) {
   observer_->drainConnections(pid);

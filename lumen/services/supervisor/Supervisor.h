@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -52,6 +53,7 @@ class Supervisor : public Services, public Processes::Observer {
   void unregistered(uint32_t number) override;
   void lost(uint32_t number) override;
   [[nodiscard]] std::vector<lm::message> list() const override;
+  [[nodiscard]] uint64_t residentMemory() const override;
 
   void processEnded(pid_t pid, int status) override;
 
@@ -60,6 +62,7 @@ class Supervisor : public Services, public Processes::Observer {
   void killRemaining();
   void giveUpRemaining();
 
+  Processes& processes_;
   std::vector<std::unique_ptr<Service>> services_;
   Services::Observer* observer_ = nullptr;
   RequestListener* requests_ = nullptr;  // not owned; may be missing

@@ -21,7 +21,7 @@ inline constexpr uint32_t unregisterServices = 0x13;
 /// Every service with a service file, in increasing order of number: one message in
 /// lm::key::records for each, all in one reply, with the fields of `listed`. For administrators and
 /// services that may read; lm::cmd::changed from path [0, 0] notifies them, without fields, when a
-/// program has registered, unregistered or ended.
+/// program has registered, unregistered or ended. The reply has key::residentMemory of lumend.
 inline constexpr uint32_t services = 0x14;
 /// lm::monitor::key::on: after the reply, each message that passes the broker also comes to this
 /// connection, or no longer does. Administrators only.
@@ -39,6 +39,8 @@ namespace key {
 inline constexpr uint32_t services = 0x88000001;      ///< u32 array: service numbers
 inline constexpr uint32_t topicCommand = 0x08000001;  ///< u32: the command of a notification
 inline constexpr uint32_t topicSource = 0x88000002;   ///< u32 array: the source of a notification
+/// u64: bytes of physical memory that a program uses; 0: not known, or it has no process
+inline constexpr uint32_t residentMemory = 0x10000005;
 }  // namespace key
 
 /// A record of the list of services.
@@ -49,6 +51,8 @@ inline constexpr uint32_t state = 0x20000001;      ///< string: one of `state`
 inline constexpr uint32_t pid = 0x08000002;        ///< u32: 0 when there is no process
 inline constexpr uint32_t restarts = 0x08000003;   ///< u32: after crashes, since lumend started
 inline constexpr uint32_t nextStart = 0x10000004;  ///< u64: milliseconds from now; 0: none planned
+inline constexpr uint32_t residentMemory = key::residentMemory;
+inline constexpr uint32_t program = 0x20000006;  ///< string: the file name of its executable
 }  // namespace listed
 
 namespace state {

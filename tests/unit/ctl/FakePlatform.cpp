@@ -184,6 +184,8 @@ void FakePlatform::gatewayIs(const std::string& state, uint32_t pid, uint64_t ne
   record.insert_u32(lm::broker::listed::pid, pid);
   record.insert_u32(lm::broker::listed::restarts, 3);
   record.insert_u64(lm::broker::listed::nextStart, nextStart);
+  record.insert_string(lm::broker::listed::program, "palinode-igd");
+  record.insert_u64(lm::broker::listed::residentMemory, pid == 0 ? 0 : 3'145'728);
   services_ = {record};
 }
 

@@ -42,6 +42,8 @@ TEST(WireNumbers, OfTheBroker) {
   EXPECT_EQ(lm::broker::listed::pid, 0x08000002U);
   EXPECT_EQ(lm::broker::listed::restarts, 0x08000003U);
   EXPECT_EQ(lm::broker::listed::nextStart, 0x10000004U);
+  EXPECT_EQ(lm::broker::listed::residentMemory, 0x10000005U);
+  EXPECT_EQ(lm::broker::listed::program, 0x20000006U);
 }
 
 // Also proves [numbers].

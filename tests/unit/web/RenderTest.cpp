@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "lumen/web/Render.h"
+#include "platform/wire/Broker.h"
 #include "platform/wire/NatRules.h"
 #include "support/ManualClock.h"
 
@@ -36,6 +37,14 @@ lumenctl::NatRule rule(uint32_t id, uint32_t port, const std::string& owner = "u
                                     .seconds = 185,
                                     .connections = 2});
   return lumenctl::NatRule(m);
+}
+
+lumenctl::Service service(const std::string& name, const std::string& program, uint64_t memory) {
+  lm::message m;
+  m.insert_string(lm::broker::listed::name, name);
+  m.insert_string(lm::broker::listed::program, program);
+  m.insert_u64(lm::broker::listed::residentMemory, memory);
+  return lumenctl::Service(m);
 }
 
 /// A router at work, with one open port.
@@ -100,7 +109,8 @@ TEST_F(RenderTest, PutsAnEventOnOneLine) {
 }
 
 // Promise: The metrics have open ports by protocol and service, refusals by reason,
-// bytes and packets of external interfaces, connections, uptime and version.
+// bytes and packets of external interfaces, connections, uptime, version and resident memory of
+// each program.
 TEST_F(RenderTest, CountsInThePrometheusTextFormat) {
   lm::interfaces::Record carried;
   carried.counters = lm::interfaces::Counters{.bytesReceived = 18446744073709551615U,
@@ -111,6 +121,10 @@ TEST_F(RenderTest, CountsInThePrometheusTextFormat) {
   lm::interfaces::write(counted, carried);
   picture.counters.emplace("wan0", lumenctl::Counters(counted));
   picture.refusals["in_use"] = 5;
+  picture.platformMemory = 4'194'304;
+  picture.services = {service("upnp", "palinode-igd", 3'145'728),
+                      service("resolver", "lumen-resolver", 0), service("a", "shared", 1),
+                      service("b", "shared", 2)};
   const std::string text = metricsOf(picture, 99, 3);
   for (const char* line :
        {"# TYPE palinode_ports_open gauge\npalinode_ports_open{protocol=\"tcp\",service=\"upnp\"} "
@@ -122,6 +136,10 @@ TEST_F(RenderTest, CountsInThePrometheusTextFormat) {
         "palinode_interface_up{interface=\"wan0\",role=\"external\"} 1\n",
         "palinode_gateway_up 1\n", "palinode_router_uptime_seconds 99\n",
         "palinode_web_listeners 3\n",
+        "# TYPE palinode_resident_memory_bytes gauge\n"
+        "palinode_resident_memory_bytes{program=\"lumend\"} 4194304\n"
+        "palinode_resident_memory_bytes{program=\"palinode-igd\"} 3145728\n"
+        "palinode_resident_memory_bytes{program=\"shared\"} 3\n",
         "palinode_build_info{version=\"" PALINODE_VERSION "\"} 1\n"}) {
     EXPECT_NE(text.find(line), std::string::npos) << line << text;
   }

@@ -4,8 +4,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
+#include <cinttypes>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -128,6 +131,18 @@ Result<pid_t> LinuxProcesses::start(const Program& program) {
 void LinuxProcesses::signal(pid_t pid, int signal) {
   const auto child = children_.find(pid);
   if (child != children_.end()) child->second->send(signal);
+}
+
+// statm, unlike most that /proc says about a process, may be read by any process that sees it. A
+// /proc that is mounted with hidepid shows every process to the group of root.
+uint64_t LinuxProcesses::residentMemory(pid_t pid) const {
+  const std::string path = "/proc/" + std::to_string(pid) + "/statm";
+  const lm::Fd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  std::array<char, 128> text{};
+  if (!file.valid() || read(file.get(), text.data(), text.size() - 1) <= 0) return 0;
+  uint64_t pages = 0;
+  if (sscanf(text.data(), "%*u %" SCNu64, &pages) != 1) return 0;
+  return pages * static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
 }
 
 pid_t LinuxProcesses::lockHolder(const std::string& lockFile) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
@@ -26,6 +27,7 @@ class LinuxProcesses : public Processes {
   void setObserver(Observer& observer) override;
   [[nodiscard]] Result<pid_t> start(const Program& program) override;
   void signal(pid_t pid, int signal) override;
+  [[nodiscard]] uint64_t residentMemory(pid_t pid) const override;
   [[nodiscard]] pid_t lockHolder(const std::string& lockFile) override;
   void killLockHolder(const std::string& lockFile) override;
 

@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <string>
 
 #include "lumen/values/Result.h"
@@ -40,6 +41,10 @@ class Processes {
 
   /// Sends a signal to a process that was started here and is not reaped yet.
   virtual void signal(pid_t pid, int signal) = 0;
+
+  /// Bytes of physical memory, shared pages included, of this process or of one that was started
+  /// here and is not reaped yet. 0: not known.
+  [[nodiscard]] virtual uint64_t residentMemory(pid_t pid) const = 0;
 
   /// The process that holds `lockFile`; 0: none; below 0: one without a number here.
   [[nodiscard]] virtual pid_t lockHolder(const std::string& lockFile) = 0;

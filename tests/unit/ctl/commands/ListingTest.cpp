@@ -295,19 +295,27 @@ TEST_F(Listing, SaysWhyThePolicyWasRefused) {
   EXPECT_EQ(result.err, "lumenctl: the policy could not be stored\n");
 }
 
-// Promise: `service list` shows number, name, state, process, restarts and when a crashed service
-// starts again, or `No service is installed.`
+// Promise: `service list` shows number, name, state, process, memory, restarts and when a crashed
+// service starts again, or `No service is installed.`
 TEST_F(Listing, ShowsServices) {
   for (const uint64_t nextStart : {3001U, 4000U}) {
     router.gatewayIs(lm::broker::state::waiting, 0, nextStart);
     EXPECT_EQ(router.lumenctl({"service", "list"}).out,
-              "NUMBER  NAME          STATE    PROCESS  RESTARTS  STARTS AGAIN\n"
-              "    40  palinode-igd  waiting                  3  in 4 s\n");
+              "NUMBER  NAME          STATE    PROCESS  MEMORY  RESTARTS  STARTS AGAIN\n"
+              "    40  palinode-igd  waiting                          3  in 4 s\n");
+    EXPECT_NE(router.lumenctl({"service", "list", "--json"})
+                  .out.find("\"resident_memory_bytes\": null,\n"),
+              std::string::npos);
   }
   router.gatewayIs(lm::broker::state::running, 4711);
+  EXPECT_EQ(router.lumenctl({"service", "list"}).out,
+            "NUMBER  NAME          STATE    PROCESS  MEMORY  RESTARTS  STARTS AGAIN\n"
+            "    40  palinode-igd  running     4711  3.1 MB         3\n");
   EXPECT_EQ(router.lumenctl({"service", "list", "--json"}).out,
             "[\n  {\n    \"number\": 40,\n    \"name\": \"palinode-igd\",\n"
-            "    \"state\": \"running\",\n    \"process\": 4711,\n    \"restarts\": 3,\n"
+            "    \"state\": \"running\",\n    \"process\": 4711,\n"
+            "    \"program\": \"palinode-igd\",\n    \"resident_memory_bytes\": 3145728,\n"
+            "    \"restarts\": 3,\n"
             "    \"starts_in_ms\": 0\n  }\n]\n");
 }
 

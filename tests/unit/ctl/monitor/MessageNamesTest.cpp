@@ -55,7 +55,9 @@ TEST(MessageNames, OfFieldsOfEachService) {
                         {0x20000001, "state"},
                         {0x08000002, "process"},
                         {0x08000003, "restarts"},
-                        {0x10000004, "starts-in-ms"}});
+                        {0x10000004, "starts-in-ms"},
+                        {0x10000005, "resident-memory"},
+                        {0x20000006, "program"}});
   expectFields(resolver, {{0x20000003, "name"}, {0x08000004, "address"}});
   expectFields(interfaces, {{0x08010001, "hardware-type"},
                             {0x08010003, "flags"},

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <optional>
 #include <string>
@@ -24,6 +25,11 @@ class FakeProcesses : public Processes {
 
   void signal(pid_t pid, int signal) override { signals.emplace_back(pid, signal); }
 
+  [[nodiscard]] uint64_t residentMemory(pid_t pid) const override {
+    const auto found = memory.find(pid);
+    return found == memory.end() ? 0 : found->second;
+  }
+
   pid_t lockHolder(const std::string& lockFile) override {
     const auto found = holders.find(lockFile);
     return found == holders.end() ? 0 : found->second;
@@ -42,6 +48,7 @@ class FakeProcesses : public Processes {
   std::vector<Program> started;
   std::vector<std::pair<pid_t, int>> signals;
   std::map<std::string, pid_t> holders;  // of lock files
+  std::map<pid_t, uint64_t> memory;      // of processes
   std::vector<std::string> killed;       // lock files whose holder was killed
 
  private:

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <csignal>
@@ -481,22 +482,28 @@ TEST_F(SupervisorTest, KillsEachProcessOnceWhenItIsToldTo) {
 }
 
 // Promise [service-list]: The list of services has their number, name, state (`stopped`,
-// `starting`, `running`, `leaving` or `waiting`), process, restarts and the milliseconds to the
-// next start.
+// `starting`, `running`, `leaving` or `waiting`), process, restarts, the milliseconds to the next
+// start, program and resident memory.
 TEST_F(SupervisorTest, ListsItsServices) {
   supervisor.boot();
   supervisor.registered(gateway);
+  processes.memory = {{0, 99}, {1000, 3'145'728}, {getpid(), 4'194'304}};
   ASSERT_EQ(supervisor.list().size(), 2U);
   const lm::message idle = supervisor.list()[0];
   EXPECT_EQ(idle.get_u32(lm::broker::listed::number), resolver);
   EXPECT_EQ(idle.get_string(lm::broker::listed::name), "resolver");
   EXPECT_EQ(idle.get_string(lm::broker::listed::state), "stopped");
   EXPECT_EQ(idle.get_u32(lm::broker::listed::pid), 0U);
+  EXPECT_EQ(idle.get_string(lm::broker::listed::program), "lumen-resolver");
+  EXPECT_EQ(idle.get_u64(lm::broker::listed::residentMemory), 0U);
   const lm::message busy = supervisor.list()[1];
   EXPECT_EQ(busy.get_u32(lm::broker::listed::number), gateway);
   EXPECT_EQ(busy.get_string(lm::broker::listed::state), "running");
   EXPECT_EQ(busy.get_u32(lm::broker::listed::pid), 1000U);
   EXPECT_EQ(busy.get_u64(lm::broker::listed::nextStart), 0U);
+  EXPECT_EQ(busy.get_string(lm::broker::listed::program), "palinode-igd");
+  EXPECT_EQ(busy.get_u64(lm::broker::listed::residentMemory), 3'145'728U);
+  EXPECT_EQ(supervisor.residentMemory(), 4'194'304U) << "lumend's own";
 }
 
 // Also proves [service-list].

@@ -10,9 +10,11 @@
 #include <unistd.h>
 
 #include <array>
+#include <cap-ng.h>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdint>
 #include <filesystem>
 #include <set>
 #include <sstream>
@@ -23,6 +25,7 @@
 #include "lumen/runtime/EventLoop.h"
 #include "lumen/services/system/processes/LinuxProcesses.h"
 #include "lumen/services/system/processes/LockFile.h"
+#include "lumen/services/system/processes/Privileges.h"
 #include "support/RefusedCall.h"
 #include "support/TempDir.h"
 #include "support/WhyNot.h"
@@ -193,6 +196,28 @@ TEST_F(LinuxProcessesTest, StartsAProcessWithNothingThatItShouldNotHave) {
   EXPECT_EQ(endedPid, *pid);
   EXPECT_TRUE(WIFSIGNALED(endedStatus));
   EXPECT_EQ(WTERMSIG(endedStatus), SIGTERM);
+}
+
+// Promise: The resident memory of a service is known as long as its process runs, also where /proc
+// hides the processes of other users.
+TEST_F(LinuxProcessesTest, KnowsTheMemoryOfItsProcesses) {
+  // As systemd's ProtectProc=invisible does it, and with no capability that makes up for it.
+  ASSERT_EQ(unshare(CLONE_NEWNS), 0);
+  ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+  ASSERT_EQ(mount("proc", "/proc", "proc", 0, "hidepid=invisible,subset=pid"), 0);
+  const std::array<unsigned, 3> kept = {CAP_SETUID, CAP_SETGID, CAP_KILL};
+  ASSERT_TRUE(keepCapabilities(kept));
+
+  const Result<pid_t> pid = start(SERVICE_PROBE);
+  ASSERT_TRUE(pid);
+  ASSERT_TRUE(isReady()) << output();
+  constexpr uint64_t page = 4096;
+  EXPECT_GT(processes.residentMemory(*pid), 50 * page);
+  EXPECT_EQ(processes.residentMemory(*pid) % page, 0U);
+  EXPECT_LT(processes.residentMemory(*pid), processes.residentMemory(getpid()));
+  processes.signal(*pid, SIGTERM);
+  ASSERT_TRUE(hasEnded());
+  EXPECT_EQ(processes.residentMemory(*pid), 0U);
 }
 
 // Promise: A service whose file grants it `net-bind-service` has
