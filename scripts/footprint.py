@@ -19,7 +19,7 @@ from support.processes import is_asleep, memory, wait_until_at_rest
 from support.router import PROGRAMS, CommandFailed, Router
 from support.subscriber import Subscriber
 
-NAMES = ("palinode-igd", "lumend", "lumen-resolver", "lumenctl")
+NAMES = ("palinode-igd", "lumend", "lumen-resolver", "lumen-web", "lumenctl")
 PORTS = range(20000, 21000)
 KB, KIB = 1000, 1024
 
@@ -128,24 +128,34 @@ def table(rows):
     return "\n".join([*lines, "", MEANING[bool(states)]])
 
 
+def measure(sizes_only):
+    strip = strip_of_build()
+    rows = {name: {"size": stripped_size(PROGRAMS / name, strip)} for name in NAMES}
+    if not sizes_only:
+        measure_router(rows)
+        rows.update(measure_references())
+    return rows
+
+
+def report(measuring, in_json, show):
+    """Prints what `measuring` returns: in JSON, or as `show` puts it."""
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
+    os.sync()  # what a program has of a file that was just written counts as dirty
+    try:
+        rows = measuring()
+    except KeyboardInterrupt:
+        sys.exit("\nended by Ctrl-C; nothing is left behind")
+    except (AssertionError, CommandFailed, SoapError, OSError) as error:
+        sys.exit(f"scripts/footprint: {error}")
+    print(json.dumps(rows, indent=2) if in_json else show(rows))
+
+
 def main():
     parser = argparse.ArgumentParser(prog="scripts/footprint")
     parser.add_argument("--sizes", action="store_true")
     parser.add_argument("--json", action="store_true")
     arguments = parser.parse_args()
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
-    os.sync()  # what a program has of a file that was just written counts as dirty
-    strip = strip_of_build()
-    rows = {name: {"size": stripped_size(PROGRAMS / name, strip)} for name in NAMES}
-    try:
-        if not arguments.sizes:
-            measure_router(rows)
-            rows.update(measure_references())
-    except KeyboardInterrupt:
-        sys.exit("\nended by Ctrl-C; nothing is left behind")
-    except (AssertionError, CommandFailed, SoapError, OSError) as error:
-        sys.exit(f"scripts/footprint: {error}")
-    print(json.dumps(rows, indent=2) if arguments.json else table(rows))
+    report(lambda: measure(arguments.sizes), arguments.json, table)
 
 
 if __name__ == "__main__":
