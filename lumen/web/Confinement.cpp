@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "base/CommonCalls.h"
 #include "base/FileAccess.h"
 #include "base/SystemCalls.h"
 #include "lumen/runtime/Log.h"
@@ -22,114 +23,10 @@ namespace lumen::web {
 
 namespace {
 
-constexpr auto number = SystemCall::number;
-
-// Of the low bits of socket(2)'s type; the others are flags.
-constexpr uint64_t kind = 0xF;
-
-// By what needs them. Names that only other C libraries or 32-bit machines have stand beside.
-constexpr SystemCall allowed[] = {
-    // Sockets to the LAN, which listen only.
-    {"socket", {0, number, AF_INET}, {1, kind, SOCK_STREAM}},
-    {"bind"},
-    {"listen"},
-    {"accept"},
-    {"accept4"},
-    {"shutdown"},
-    {"getsockname"},
-    {"getpeername"},
-    {"getsockopt"},
-    {"setsockopt"},
-    {"send"},
-    {"sendto"},
-    {"sendmsg"},
-    {"recv"},
-    {"recvfrom"},
-    {"recvmsg"},
-
-    // Files: the store, and the names of hosts.
-    {"open"},
-    {"openat"},
-    {"access"},
-    {"faccessat"},
-    {"faccessat2"},
-    {"stat"},
-    {"stat64"},
-    {"lstat"},
-    {"lstat64"},
-    {"fstat"},
-    {"fstat64"},
-    {"fstatat64"},
-    {"newfstatat"},
-    {"statx"},
-    {"getdents"},
-    {"getdents64"},
-    {"lseek"},
-    {"_llseek"},
-    {"fsync"},
-    {"rename"},
-    {"renameat"},
-    {"renameat2"},
-    {"unlink"},
-    {"unlinkat"},
-
-    // Descriptors.
-    {"read"},
-    {"readv"},
-    {"write"},
-    {"writev"},
-    {"close"},
-    {"fcntl"},
-    {"fcntl64"},
-    {"ioctl", {1, number, TCGETS}},      // isatty, before the log is written
-    {"ioctl", {1, number, TIOCGWINSZ}},  // the same
-    {"ioctl", {1, number, FIONREAD}},
-
-    // The loop and its clock, and those of libmicrohttpd.
-    {"epoll_create1"},
-    {"epoll_ctl"},
-    {"epoll_wait"},
-    {"epoll_pwait"},
-    {"eventfd2"},
-    {"poll"},
-    {"ppoll"},
-    {"ppoll_time64"},
-    {"restart_syscall"},
-    {"clock_gettime"},
-    {"clock_gettime64"},
-    {"nanosleep"},
-    {"clock_nanosleep"},
-    {"clock_nanosleep_time64"},
-    {"gettimeofday"},
-    {"time"},
-
-    // Memory, none of it executable.
-    {"brk"},
-    {"mmap", {2, PROT_EXEC, 0}},
-    {"mmap2", {2, PROT_EXEC, 0}},
-    {"mprotect", {2, PROT_EXEC, 0}},
-    {"munmap"},
-    {"mremap"},
-    {"madvise"},
-
-    // What libraries ask for: locks, the process.
-    {"getrandom"},
-    {"futex"},
-    {"futex_time64"},
-    {"getpid"},
-    {"getppid"},
-    {"gettid"},
-    {"getuid"},
-    {"getuid32"},
-    {"sysinfo"},
-    {"uname"},
-
-    // The end, by abort as well.
-    {"rt_sigprocmask"},
-    {"tgkill"},
-    {"tkill"},
-    {"exit"},
-    {"exit_group"},
+// What it makes beside those that others make, too. Its sockets only listen.
+constexpr SystemCall own[] = {
+    {"socket", {0, SystemCall::number, AF_INET}, {1, socketKind, SOCK_STREAM}},
+    {"ioctl", {1, SystemCall::number, FIONREAD}},
 };
 
 }  // namespace
@@ -151,7 +48,7 @@ bool limitCapability(bool keep) {
 void confineWeb(const std::string& store) {
   const FileAccess files[] = {{store, true}, {HostNames::hostsFile}, {HostNames::leaseFolder}};
   allowOnlyFiles(files);
-  allowOnly({allowed}, {});
+  allowOnly({commonCalls, serverCalls, socketCalls, storeCalls, own}, {});
 }
 
 }  // namespace lumen::web

@@ -12,27 +12,39 @@
 /// Of the low bits of socket(2)'s type; the others are flags.
 inline constexpr uint64_t socketKind = 0xF;
 
-/// The system calls of a program that speaks UDP and TCP over IPv4 and reads files: what each such
-/// program allows beside those that it alone needs. By what needs them. Names that only other C
-/// libraries or 32-bit machines have stand beside.
-inline constexpr SystemCall commonCalls[] = {
-    // Sockets of UDP and TCP. Not socketcall, whose arguments cannot be seen: kernels that have
-    // owned tables have the single calls everywhere.
+/// Lists of system calls that several programs allow, by what needs them. Names that only other C
+/// libraries or 32-bit machines have stand beside. None has socketcall, whose arguments cannot be
+/// seen: kernels that have owned tables have the single calls everywhere.
+
+/// Sockets of UDP and TCP over IPv4 that send first.
+inline constexpr SystemCall clientCalls[] = {
     {"socket", {0, SystemCall::number, AF_INET}, {1, socketKind, SOCK_DGRAM}},
     {"socket", {0, SystemCall::number, AF_INET}, {1, socketKind, SOCK_STREAM}},
-    {"bind"},
     {"connect"},
-    {"getsockname"},
-    {"getpeername"},
-    {"getsockopt"},
-    {"setsockopt"},
-    {"send"},
-    {"sendto"},
-    {"sendmsg"},
-    {"recv"},
-    {"recvfrom"},
-    {"recvmsg"},
+};
 
+/// Sockets that listen.
+inline constexpr SystemCall serverCalls[] = {
+    {"listen"},
+    {"accept"},
+    {"accept4"},
+    {"shutdown"},
+};
+
+/// Sockets that there are.
+inline constexpr SystemCall socketCalls[] = {
+    {"bind"},   {"getsockname"}, {"getpeername"}, {"getsockopt"}, {"setsockopt"}, {"send"},
+    {"sendto"}, {"sendmsg"},     {"recv"},        {"recvfrom"},   {"recvmsg"},
+};
+
+/// Folders that are listed, and stores, which are written.
+inline constexpr SystemCall storeCalls[] = {
+    {"lstat"},  {"lstat64"},  {"getdents"},  {"getdents64"}, {"fsync"},
+    {"rename"}, {"renameat"}, {"renameat2"}, {"unlink"},     {"unlinkat"},
+};
+
+/// What every program does: reads files, waits in the loop, and ends.
+inline constexpr SystemCall commonCalls[] = {
     // Files to read.
     {"open"},
     {"openat"},

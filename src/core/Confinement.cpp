@@ -9,26 +9,8 @@
 
 namespace {
 
-// What it makes beside commonCalls.
+// What it makes beside those that others make, too.
 constexpr SystemCall own[] = {
-    // Sockets that listen.
-    {"listen"},
-    {"accept"},
-    {"accept4"},
-    {"shutdown"},
-
-    // Files: the stores are written, and folders listed.
-    {"lstat"},
-    {"lstat64"},
-    {"getdents"},
-    {"getdents64"},
-    {"fsync"},
-    {"rename"},
-    {"renameat"},
-    {"renameat2"},
-    {"unlink"},
-    {"unlinkat"},
-
     {"ioctl", {1, SystemCall::number, FIONREAD}},
 };
 
@@ -38,5 +20,5 @@ void confineGateway() {
   const FileAccess files[] = {
       {path::interfaceStore, true}, {path::settingsStore, true}, {path::servedFiles}};
   allowOnlyFiles(files);
-  allowOnly({commonCalls, own}, {});
+  allowOnly({commonCalls, clientCalls, serverCalls, socketCalls, storeCalls, own}, {});
 }

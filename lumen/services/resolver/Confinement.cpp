@@ -16,7 +16,7 @@ namespace lumen {
 
 namespace {
 
-// What it makes beside commonCalls.
+// What it makes beside those that others make, too.
 constexpr SystemCall own[] = {
     {"ioctl", {1, SystemCall::number, FIONBIO}},
 };
@@ -38,7 +38,7 @@ void confineResolver(std::span<const std::string> configurations) {
     if (target != nullptr) files.push_back({folderOf(target.get())});
   }
   allowOnlyFiles(files);
-  allowOnly({commonCalls, own}, refused);
+  allowOnly({commonCalls, clientCalls, socketCalls, own}, refused);
 }
 
 }  // namespace lumen

@@ -28,6 +28,7 @@
 #include "core/Confinement.h"
 #include "lumen/services/Confinement.h"
 #include "lumen/services/resolver/Confinement.h"
+#include "lumen/web/Confinement.h"
 #include "platform/Fd.h"
 #include "support/TempDir.h"
 
@@ -39,6 +40,8 @@ void confineResolver() {
   const std::string configuration = "/etc/resolv.conf";
   lumen::confineResolver({&configuration, 1});
 }
+
+void confineWeb() { lumen::web::confineWeb("/lumen/store/web"); }
 
 /// Asks a port at which no name server listens, until the library gives up.
 void askANameServer() {
@@ -190,6 +193,16 @@ TEST_F(ConfinementTest, EndsAResolverThatMakesAForbiddenCall) {
   expectForbidden(confineResolver, forbiddenToServices());
   expectForbidden(confineResolver, {{"listen", [] { listen(-1, 1); }},
                                     {"unlink", [] { syscall(SYS_unlink, "/nowhere"); }}});
+}
+
+// Promise: The same holds for lumen-web, which can send nothing to a host that did not connect to
+// it.
+TEST_F(ConfinementTest, EndsAStatusPageThatMakesAForbiddenCall) {
+  expectForbidden(confineWeb, forbiddenToAll());
+  expectForbidden(confineWeb, forbiddenToServices());
+  expectForbidden(confineWeb, {{"connect", [] { connect(-1, nullptr, 0); }},
+                               {"socket", [] { socket(AF_INET, SOCK_DGRAM, 0); }},
+                               {"socket", [] { socket(AF_INET6, SOCK_STREAM, 0); }}});
 }
 
 // Promise: A name server with an IPv6 address does not end the resolver: it asks the next one.
