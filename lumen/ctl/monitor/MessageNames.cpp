@@ -16,6 +16,7 @@
 #include "platform/wire/Monitor.h"
 #include "platform/wire/NatRules.h"
 #include "platform/wire/Resolver.h"
+#include "platform/wire/Web.h"
 
 namespace lumenctl {
 
@@ -141,6 +142,12 @@ constexpr FieldName gatewayFields[] = {
     {"show-dummy-rule", lm::gateway::settings::showDummyRule},
 };
 
+constexpr FieldName webFields[] = {
+    {"enabled", lm::web::key::enabled}, {"port", lm::web::key::port},
+    {"names", lm::web::key::names},     {"served", lm::web::key::served},
+    {"problem", lm::web::key::problem},
+};
+
 constexpr FieldName identityFields[] = {{"identity", lm::identity::key::text}};
 
 constexpr FieldName historyFields[] = {
@@ -164,6 +171,7 @@ constexpr Vocabulary vocabularies[] = {
     {{lm::service::interfaces, lm::handler::natRules}, natFields},
     {{lm::service::interfaces, lm::handler::portLog}, natFields},
     {{lm::service::gateway, 0}, gatewayFields},
+    {{lm::service::web, 0}, webFields},
     {{lm::service::identity, 0}, identityFields},
     {{lm::service::history, 0}, historyFields},
 };

@@ -20,6 +20,7 @@ constexpr Subject interfaces = {20, 0};
 constexpr Subject addresses = {20, 1};
 constexpr Subject natRules = {20, 5};
 constexpr Subject gateway = {40, 0};
+constexpr Subject web = {42, 0};
 constexpr Subject identity = {65, 0};
 constexpr Subject history = {66, 0};
 constexpr Subject unknownService = {77, 3};
@@ -76,6 +77,11 @@ TEST(MessageNames, OfFieldsOfEachService) {
                          {0x00000001, "enabled"},
                          {0x00000002, "allow-disable-external"},
                          {0x00000003, "show-dummy-rule"}});
+  expectFields(web, {{0x00000001, "enabled"},
+                     {0x08000002, "port"},
+                     {0x20000003, "names"},
+                     {0x20000010, "served"},
+                     {0x20000011, "problem"}});
   expectFields(identity, {{0x20000001, "identity"}});
   expectFields(
       history,
