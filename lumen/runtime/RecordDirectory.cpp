@@ -1,6 +1,5 @@
 #include "lumen/runtime/RecordDirectory.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,6 +12,7 @@
 #include <string_view>
 #include <utility>
 
+#include "base/Folder.h"
 #include "lumen/runtime/Codec.h"
 #include "lumen/runtime/Log.h"
 #include "platform/Fd.h"
@@ -112,18 +112,18 @@ RecordDirectory::RecordDirectory(std::string path) : path_(std::move(path)) {}
 
 std::vector<uint32_t> RecordDirectory::numbers() const {
   std::vector<uint32_t> result;
-  const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(path_.c_str()), closedir);
-  if (!directory) {
+  Folder folder(path_);
+  if (!folder.valid()) {
     logFailure(path_);
     return result;
   }
-  while (const dirent* entry = readdir(directory.get())) {
+  while (const dirent* const entry = folder.next()) {
     std::string_view name = entry->d_name;
     if (const auto number = numberOf(name)) {
       result.push_back(*number);
     } else if (name.ends_with(temporarySuffix)) {
       name.remove_suffix(temporarySuffix.size());
-      if (numberOf(name)) unlinkat(dirfd(directory.get()), entry->d_name, 0);
+      if (numberOf(name)) unlink((path_ + "/" + entry->d_name).c_str());
     }
   }
   std::sort(result.begin(), result.end());

@@ -1,13 +1,11 @@
 #include "lumen/services/supervisor/ServiceFolder.h"
 
-#include <dirent.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <memory>
 #include <string_view>
 
+#include "base/Folder.h"
 #include "lumen/runtime/Log.h"
 #include "lumen/services/system/processes/PlainFile.h"
 
@@ -19,9 +17,9 @@ constexpr std::string_view extension = ".ini";
 
 std::vector<std::string> serviceFiles(const std::string& path) {
   std::vector<std::string> files;
-  const std::unique_ptr<DIR, int (*)(DIR*)> folder(opendir(path.c_str()), closedir);
-  if (!folder) lm::logLine(path, ": ", strerror(errno));
-  while (const dirent* entry = folder ? readdir(folder.get()) : nullptr) {
+  Folder folder(path);
+  if (!folder.valid()) lm::logLine(path, ": ", strerror(errno));
+  while (const dirent* const entry = folder.next()) {
     const std::string name = entry->d_name;
     if (name.size() > extension.size() && name.ends_with(extension)) {
       files.push_back(path + "/" + name);

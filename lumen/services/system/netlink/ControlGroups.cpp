@@ -1,12 +1,11 @@
 #include "lumen/services/system/netlink/ControlGroups.h"
 
-#include <dirent.h>
 #include <sys/stat.h>
 
-#include <memory>
-#include <string_view>
 #include <utility>
 #include <vector>
+
+#include "base/Folder.h"
 
 namespace lumen {
 
@@ -15,10 +14,9 @@ namespace {
 /// The names of the folders in the folder.
 std::vector<std::string> foldersIn(const std::string& path) {
   std::vector<std::string> names;
-  const std::unique_ptr<DIR, int (*)(DIR*)> folder(opendir(path.c_str()), closedir);
-  while (const dirent* entry = folder ? readdir(folder.get()) : nullptr) {
-    const std::string_view name = entry->d_name;
-    if (entry->d_type == DT_DIR && name != "." && name != "..") names.emplace_back(name);
+  Folder folder(path);
+  while (const dirent* const entry = folder.next()) {
+    if (entry->d_type == DT_DIR) names.emplace_back(entry->d_name);
   }
   return names;
 }

@@ -1,6 +1,5 @@
 #include "lumen/services/system/processes/PrivateRoot.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
@@ -13,9 +12,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <string_view>
 #include <vector>
 
+#include "base/Folder.h"
 #include "platform/Fd.h"
 
 namespace lumen {
@@ -58,13 +57,11 @@ Result<Entry> readEntry(const std::string& name) {
 }
 
 Result<std::vector<Entry>> readRoot() {
-  const std::unique_ptr<DIR, int (*)(DIR*)> root(opendir("/"), closedir);
-  if (root == nullptr) return failed("/");
+  Folder root("/");
+  if (!root.valid()) return failed("/");
   std::vector<Entry> entries;
-  while (const dirent* found = readdir(root.get())) {
-    const std::string_view name = found->d_name;
-    if (name == "." || name == "..") continue;
-    Result<Entry> entry = readEntry(std::string(name));
+  while (const dirent* const found = root.next()) {
+    Result<Entry> entry = readEntry(found->d_name);
     if (!entry) return entry.failure();
     entries.push_back(std::move(*entry));
   }

@@ -33,8 +33,6 @@ class AsUser {
   uid_t own_;
 };
 
-bool isDots(const char* name) { return strcmp(name, ".") == 0 || strcmp(name, "..") == 0; }
-
 }  // namespace
 
 StoreWatch::StoreWatch(Observer& observer)
@@ -46,8 +44,8 @@ StoreWatch::StoreWatch(Observer& observer)
 
 Result<void> StoreWatch::add(uint32_t service, const std::string& directory, uid_t user) {
   const AsUser asUser(user);
-  Directory entries(opendir(directory.c_str()));
-  if (!entries) return Failure{directory + ": " + strerror(errno)};
+  Folder entries(directory);
+  if (!entries.valid()) return Failure{directory + ": " + strerror(errno)};
   const int number = inotify_add_watch(notifications_.get(), directory.c_str(),
                                        IN_CREATE | IN_MOVED_TO | IN_ONLYDIR | IN_DONT_FOLLOW);
   if (number < 0) return Failure{directory + ": inotify: " + strerror(errno)};
@@ -73,11 +71,10 @@ void StoreWatch::changed(int fd) {
   }
 }
 
-void StoreWatch::check(const Store& store) const {
+void StoreWatch::check(Store& store) const {
   size_t files = 0;
-  rewinddir(store.entries.get());
-  while (const dirent* const entry = readdir(store.entries.get())) {
-    if (isDots(entry->d_name)) continue;
+  store.entries.rewind();
+  while (const dirent* const entry = store.entries.next()) {
     // What lies below it is not counted.
     if (entry->d_type == DT_DIR) {
       return observer_.storeExceeded(store.service, store.path + " holds a directory");

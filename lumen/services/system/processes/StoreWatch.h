@@ -1,14 +1,13 @@
 #pragma once
 
-#include <dirent.h>
 #include <sys/types.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <map>
-#include <memory>
 #include <string>
 
+#include "base/Folder.h"
 #include "lumen/values/Result.h"
 #include "platform/Fd.h"
 #include "platform/Watch.h"
@@ -39,19 +38,14 @@ class StoreWatch {
   [[nodiscard]] Result<void> add(uint32_t service, const std::string& directory, uid_t user);
 
  private:
-  struct CloseDirectory {
-    void operator()(DIR* directory) const { closedir(directory); }
-  };
-  using Directory = std::unique_ptr<DIR, CloseDirectory>;
-
   struct Store {
     uint32_t service = 0;
     std::string path;
-    Directory entries;  // opened once: its owner can forbid opening it later
+    Folder entries;  // opened once: its owner can forbid opening it later
   };
 
   void changed(int fd);
-  void check(const Store& store) const;
+  void check(Store& store) const;
 
   Observer& observer_;
   lm::Fd notifications_;
