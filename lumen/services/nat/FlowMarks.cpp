@@ -1,16 +1,15 @@
 #include "lumen/services/nat/FlowMarks.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <charconv>
 #include <cstring>
-#include <memory>
 #include <optional>
 #include <string_view>
 
+#include "base/Folder.h"
 #include "lumen/runtime/Log.h"
 #include "platform/Fd.h"
 
@@ -39,12 +38,12 @@ void logFailure(const std::string& file) {
 
 std::set<Endpoint> FlowMarks::all() const {
   std::set<Endpoint> result;
-  const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(folder_.c_str()), closedir);
-  if (!directory) {
+  Folder folder(folder_);
+  if (!folder.valid()) {
     logFailure(folder_);
     return result;
   }
-  while (const dirent* entry = readdir(directory.get())) {
+  while (const dirent* const entry = folder.next()) {
     if (const auto external = endpointOf(entry->d_name)) result.insert(*external);
   }
   return result;
