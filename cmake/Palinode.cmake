@@ -176,16 +176,24 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   target_compile_options(palinode_test_flags INTERFACE -fpch-preprocess)
 endif()
 
-# The tests that no emulator of programs can run.
-set(needs_machine ${CMAKE_SOURCE_DIR}/tests/needs-machine.txt)
-set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${needs_machine})
-file(STRINGS ${needs_machine} PALINODE_NEED_MACHINE REGEX "^[a-z]")
+# The tests that no emulator of programs can run, by name; the second list is of one for 64 bits.
+set(needs_machine needs-machine.txt)
+if(CMAKE_SIZEOF_VOID_P EQUAL 8)
+  list(APPEND needs_machine needs-machine-64.txt)
+endif()
+set(PALINODE_NEED_MACHINE)
+foreach(list IN LISTS needs_machine)
+  set(list ${CMAKE_SOURCE_DIR}/tests/${list})
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${list})
+  file(STRINGS ${list} names REGEX "^[a-z]")
+  list(APPEND PALINODE_NEED_MACHINE ${names})
+endforeach()
 
 # palinode_unit_test(NAME SOURCES file... LINK library... [NEEDS namespaces|root])
 # One GoogleTest program; each of its tests is a test of its own in the run, with the label "unit".
 # Tests that make namespaces, which root may do and a user in a namespace of users, are labelled
-# "needs-namespaces" as well; those that need root of the machine "needs-root"; those in the list
-# tests/needs-machine.txt "needs-machine".
+# "needs-namespaces" as well; those that need root of the machine "needs-root"; those in the lists
+# tests/needs-machine*.txt "needs-machine".
 function(palinode_unit_test name)
   cmake_parse_arguments(ARG "" "NEEDS" "SOURCES;LINK" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})

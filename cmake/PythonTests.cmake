@@ -3,8 +3,8 @@
 # parallel and are counted one by one. They find the built programs in $PALINODE_BIN, their version
 # in $PALINODE_VERSION, the Debian package in the folder $PALINODE_PACKAGES, and the Python package
 # tests/support on their path. A test that skips itself is shown as skipped. The files are read
-# again whenever they change. NEEDS and the list
-# tests/needs-machine.txt are what palinode_unit_test has them for.
+# again whenever they change. NEEDS and the lists
+# tests/needs-machine*.txt are what palinode_unit_test has them for.
 function(palinode_python_tests label)
   cmake_parse_arguments(ARG "" "TIMEOUT;NEEDS" "" ${ARGN})
   if(NOT ARG_TIMEOUT)

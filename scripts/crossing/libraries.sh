@@ -12,9 +12,10 @@
 # same way from the same version, is left alone.
 # What this needs itself: the list crossing_packages in scripts/lib.sh, without compilers.
 . "$(dirname "$0")/../lib.sh"
+. "$top/scripts/crossing/archive.sh"
 
 table=$top/scripts/crossing/sources
-cache=$HOME/.cache/palinode-igd
+apt=$cache/apt
 kept=$cache/sources
 wide=(-D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64)  # as the programs are compiled
 
@@ -45,25 +46,6 @@ is_kept() {
   ) | (cd "$kept" && sha256sum --check --quiet --strict)
 }
 
-# apt with nothing of this machine's but the keys and the archive.
-apt() {
-  "apt-$1" -q -o Dir::Etc::SourceList="$cache/apt/sources.list" -o Dir::Etc::SourceParts=- \
-    -o Dir::State::Lists="$cache/apt/lists" -o Dir::Cache="$cache/apt" -o Debug::NoLocking=1 \
-    -o APT::Sandbox::User="$(id -un)" "${@:2}"
-}
-
-read_archive() {
-  local suite archive
-  archive=$(apt-get indextargets --format '$(REPO_URI)' 'Label: Debian' | head -n 1)
-  [ -n "$archive" ] || { echo "apt on this machine knows no archive of Debian" >&2 && return 1; }
-  mkdir -p "$cache"/apt/{lists,archives}/partial
-  for suite in bookworm bookworm-updates trixie; do
-    printf 'deb-src [signed-by=/usr/share/keyrings/debian-archive-keyring.gpg] %s %s main\n' \
-      "$archive" "$suite"
-  done >"$cache/apt/sources.list"
-  apt get update
-}
-
 download() {
   mkdir -p "$kept"
   rm -f "$(dsc "$1")"
@@ -78,7 +60,7 @@ fetch() {
     is_kept "$package" >/dev/null 2>&1 || missing+=("$package")
   done
   [ "${#missing[@]}" -gt 0 ] || return 0
-  (step "read which sources Debian has" read_archive) || {
+  (step "read which sources Debian has" read_archive deb-src bookworm bookworm-updates trixie) || {
     printf 'not to be had, since the archive cannot be read: %s\n' "${missing[*]}" >&2
     return 4
   }

@@ -1,5 +1,5 @@
-"""The arguments of scripts/cross and the checksums of its sources, with stand-ins for every program
-that would install or download."""
+"""The arguments of scripts/cross, the checksums of its sources and the folders of other architectures'
+libraries, with stand-ins for every program that would install or download."""
 
 import hashlib
 import os
@@ -19,6 +19,11 @@ echo "${0##*/} $*" >>"$CALLS"
 case " $* " in
   *" indextargets "*) echo http://archive.invalid/debian/ ;;
   *" source "*) cp "$ARCHIVE"/* . ;;
+  *" install "*)
+    for argument; do
+      case $argument in Dir::Cache=*) cp "$ARCHIVE"/*.deb "${argument#*=}/archives" || exit 100 ;; esac
+    done
+    ;;
 esac
 """
 TAR = b"the sources of a door"
@@ -37,7 +42,8 @@ class CrossTest(unittest.TestCase):
         self.addCleanup(folder.cleanup)
         self.folder = pathlib.Path(folder.name)
         (self.folder / "scripts" / "crossing").mkdir(parents=True)
-        for name in ("cross", "lib.sh", "crossing/libraries.sh"):
+        for name in ("cross", "lib.sh", "crossing/archive.sh", "crossing/libraries.sh",
+                     "crossing/root.sh"):
             shutil.copy(SCRIPTS / name, self.folder / "scripts" / name)
         self.archive = self.folder / "archive"
         self.archive.mkdir()
@@ -70,9 +76,23 @@ class CrossTest(unittest.TestCase):
         (self.archive / "door_1.0.dsc").write_bytes(dsc)
         (self.archive / "door_1.0.tar.gz").write_bytes(tar)
 
+    def pack(self, name, *commands):
+        """Makes a package of what the commands leave in an empty folder."""
+        content = self.folder / name
+        (content / "DEBIAN").mkdir(parents=True)
+        (content / "DEBIAN" / "control").write_text(
+            f"Package: {name}\nVersion: 1\nArchitecture: arm64\nMaintainer: m\nDescription: d\n")
+        for command in commands:
+            subprocess.run(command, cwd=content, shell=True, check=True)
+        subprocess.run(["dpkg-deb", "--build", content, self.archive / f"{name}.deb"],
+                       stdout=subprocess.DEVNULL, check=True)
+
+    def make_root(self, *packages):
+        return self.run_script("crossing/root.sh", "arm64", self.folder / "root", *packages)
+
     def test_wrong_arguments_are_refused_before_anything_is_installed(self):
-        for arguments, reason in (([], "which target? There is mips"),
-                                  (["vax"], "unknown target 'vax', there is mips"),
+        for arguments, reason in (([], "which target? There are mips, arm64 and armhf"),
+                                  (["vax"], "unknown target 'vax', there are mips, arm64 and armhf"),
                                   (["mips", "--frob"],
                                    "unknown argument '--frob', see scripts/cross --help")):
             with self.subTest(arguments=arguments):
@@ -116,6 +136,29 @@ class CrossTest(unittest.TestCase):
         done = self.run_script("crossing/libraries.sh", "--fetch", "window")
         self.assertEqual((done.returncode, done.stderr),
                          (1, "libraries.sh: there is no window in scripts/crossing/sources\n"))
+
+    def test_the_libraries_of_another_architecture_are_downloaded_once(self):
+        self.pack("libdoor-dev", "mkdir include; echo closed >include/door.h")
+        done = self.make_root("libdoor-dev")
+        self.assertEqual((done.returncode, done.stderr), (0, ""))
+        self.assertEqual((self.folder / "root" / "include" / "door.h").read_text(), "closed\n")
+        self.calls.write_text("")
+        self.assertEqual(self.make_root("libdoor-dev").returncode, 0)
+        self.assertEqual(self.called(), [])
+        self.assertEqual(self.make_root("libdoor-dev", "libkey-dev").returncode, 0)
+        self.assertIn("libkey-dev", "\n".join(self.called()))
+
+    def test_links_between_libraries_do_not_lead_to_those_of_this_machine(self):
+        self.pack("libdoor-dev", "mkdir -p lib usr/lib", "echo door >lib/libdoor.so.1",
+                  "ln -s /lib/libdoor.so.1 usr/lib/libdoor.so")
+        self.assertEqual(self.make_root("libdoor-dev").returncode, 0)
+        self.assertEqual((self.folder / "root" / "usr" / "lib" / "libdoor.so").read_text(), "door\n")
+
+    def test_libraries_that_cannot_be_downloaded_leave_nothing_that_seems_complete(self):
+        self.assertNotEqual(self.make_root("libdoor-dev").returncode, 0)
+        self.pack("libdoor-dev", "mkdir lib")
+        self.assertEqual(self.make_root("libdoor-dev").returncode, 0)
+        self.assertTrue((self.folder / "root" / "lib").is_dir())
 
 
 if __name__ == "__main__":
