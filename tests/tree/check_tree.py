@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """Checks what compilers do not: that every source is built, that includes run one way, that the
 code is formatted, that every package which the scripts install is needed, that documents name files
-that exist, that keys of ordered containers are in order on every machine. Usage: check_tree.py CHECK SOURCE_DIR BUILD_DIR"""
+that exist, that keys of ordered containers are in order on every machine, that the list of tests which
+no emulator can run names existing ones. Usage: check_tree.py CHECK SOURCE_DIR BUILD_DIR"""
 
 import json
 import pathlib
@@ -147,10 +148,20 @@ def keys_are_ordered_alike_everywhere(top, _build):
     return ordered_keys.findings(texts, wanted)
 
 
+def tests_left_out_of_emulators_exist(top, build):
+    done = subprocess.run(["ctest", "--show-only=json-v1"], cwd=build, capture_output=True, text=True,
+                          check=True)
+    existing = {test["name"] for test in json.loads(done.stdout)["tests"]}
+    return [f"{path.relative_to(top)}:{number}: there is no test {name}"
+            for path in sorted((top / "tests").glob("needs-machine*.txt"))
+            for number, name in enumerate(path.read_text().splitlines(), 1)
+            if name and not name.startswith("#") and name not in existing]
+
+
 CHECKS = {check.__name__: check
           for check in (every_source_is_built, includes_run_one_way, code_is_formatted,
                         every_package_is_used, documents_name_existing_files,
-                        keys_are_ordered_alike_everywhere)}
+                        keys_are_ordered_alike_everywhere, tests_left_out_of_emulators_exist)}
 
 
 def main():
