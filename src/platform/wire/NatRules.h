@@ -13,7 +13,7 @@
 /// Commands: lm::cmd::addObject, setObject and removeObject for the owner of a rule; for an
 /// administrator also list (paged, also as readAll), readObject, and get and set (the policy); a
 /// service that may read has all of these but set. Only dynamic rules exist: a rule ends with the
-/// connection that added it.
+/// connection that added it, if not before.
 ///
 /// lm::cmd::changed notifies those who may list of each rule that was opened, changed or closed, as
 /// the record of lm::key::records, without the numbers of connections; that of a rule which has
@@ -23,6 +23,14 @@
 /// and no other field: the rule leaves the kernel but stays listed until its owner removes it.
 /// Closing cannot be undone. The list gives the port and protocol of each rule; with two external
 /// addresses, one port and protocol can have two rules, each with its own id.
+///
+/// A service whose file grants it ports may subscribe to lm::cmd::changed without being a reader.
+/// It is notified of its own rules only, and only of those that lumend ended: of a rule that has
+/// left the table with the record, lm::key::removed and `ended`; of one that the administrator has
+/// closed, which stays listed, with the record and `ended`.
+///
+/// The fields of a rule from `lease` on are optional: an add without them asks for a permanent rule
+/// at exactly that port, for packets from anywhere.
 ///
 /// What happened to ports is recorded at handler [20, 6], for administrators and services that may
 /// read: list (paged,
@@ -49,6 +57,26 @@ inline constexpr uint32_t clientLast = 0x080003e9;        ///< be32
 inline constexpr uint32_t translatePort = 0x000003ef;     ///< bool true
 inline constexpr uint32_t clientPortFirst = 0x080003ea;   ///< u32: internal port, 1 to 65535
 inline constexpr uint32_t clientPortLast = 0x080003eb;    ///< u32
+
+// Of a rule, after these, each only where it says something.
+/// u32, not 0: how many seconds the rule lives from now; absent: until its owner removes it. In a
+/// set request it renews the lease, in a record it is what is left.
+inline constexpr uint32_t lease = 0x08010050;
+/// bool, in an add request only: portFirst and portLast are a wish, 0 for none. When that port is
+/// not free or not allowed, the rule gets another one.
+inline constexpr uint32_t anyPort = 0x00010051;
+// Only packets from this network pass; both or none.
+inline constexpr uint32_t remoteNetwork = 0x08010052;  ///< be32
+inline constexpr uint32_t remotePrefix = 0x08010053;   ///< u32: 1 to 32
+
+// The reply to an add request has the rule's id and portFirst, the external port that it became.
+
+// The refusal of a change, beside the error.
+inline constexpr uint32_t refusal = 0x08010054;  ///< u32: a value of Refusal
+inline constexpr uint32_t holder = 0x08010055;   ///< u32, with Refusal::conflict: a value of Holder
+
+/// u32, in the notification of a rule that lumend ended: a value of End.
+inline constexpr uint32_t ended = 0x08010056;
 
 // A record's additional fields, after the rule's id.
 inline constexpr uint32_t owner = 0x20010020;    ///< string: service name
@@ -84,6 +112,21 @@ inline constexpr uint32_t reason =
 /// What happened to a port.
 enum class Event : uint32_t { opened = 1, changed = 2, closed = 3, refused = 4 };
 
+/// Why a change was refused.
+enum class Refusal : uint32_t {
+  other = 1,
+  conflict = 2,  ///< the port is taken
+  policy = 3,    ///< the policy forbids the port or the client, or the router lacks the address
+  full = 4,      ///< the client, the service or all together have as many rules as they may have
+  rights = 5,    ///< the service's file does not grant it
+};
+
+/// Who has a port that is taken.
+enum class Holder : uint32_t { otherService = 1, sameService = 2, administrator = 3, router = 4 };
+
+/// Why lumend ended a rule.
+enum class End : uint32_t { lease = 1, administrator = 2, addressGone = 3, policy = 4 };
+
 /// The action of every rule: translate the destination.
 inline constexpr uint32_t actionDnat = 22;
 
@@ -96,6 +139,14 @@ inline std::vector<uint32_t> logPath() { return {service::interfaces, handler::p
 /// The path of the table.
 inline std::vector<uint32_t> path() { return {service::interfaces, handler::natRules}; }
 
+/// Where the packets of a rule may come from.
+struct RemoteNetwork {
+  uint32_t address = 0;  ///< in network byte order
+  uint32_t prefix = 0;
+
+  bool operator==(const RemoteNetwork&) const = default;
+};
+
 /// What an add request asks for. Addresses are in network byte order; ports and the protocol have
 /// the width of their fields, so that a reader sees a number that is too large.
 struct Rule {
@@ -105,6 +156,9 @@ struct Rule {
   uint32_t protocol = 0;
   uint32_t client = 0;
   uint32_t clientPort = 0;
+  std::optional<uint32_t> lease = std::nullopt;        ///< in seconds; none: permanent
+  bool anyPort = false;                                ///< in a request only
+  std::optional<RemoteNetwork> remote = std::nullopt;  ///< none: anywhere
 
   bool operator==(const Rule&) const = default;
 };
@@ -119,9 +173,25 @@ struct Record {
   bool stale = false;
   bool closed = false;
   std::optional<uint64_t> uses = std::nullopt;  ///< none: not known
+  std::optional<End> ended = std::nullopt;      ///< in a notification only
 
   bool operator==(const Record&) const = default;
 };
+
+/// What a refusal says beside its text.
+struct Denial {
+  Refusal why = Refusal::other;
+  std::optional<Holder> holder = std::nullopt;  ///< of a port that is taken
+
+  bool operator==(const Denial&) const = default;
+};
+
+/// The value of a field of type u32; none when it is absent.
+inline std::optional<uint32_t> numberIfPresent(const message& m, uint32_t field) {
+  const uint32_t number = m.get_u32(field, 0);
+  // An absent field is whatever the caller takes for it.
+  return number == m.get_u32(field, 1) ? std::optional(number) : std::nullopt;
+}
 
 /// Appends the fields of an add request in their order.
 inline void write(message& m, const Rule& rule) {
@@ -143,16 +213,31 @@ inline void write(message& m, const Rule& rule) {
   m.insert_bool(key::translatePort, true);
   m.insert_u32(key::clientPortFirst, rule.clientPort);
   m.insert_u32(key::clientPortLast, rule.clientPort);
+  if (rule.lease) m.insert_u32(key::lease, *rule.lease);
+  if (rule.anyPort) m.insert_bool(key::anyPort, true);
+  if (rule.remote) {
+    m.insert_be32(key::remoteNetwork, rule.remote->address);
+    m.insert_u32(key::remotePrefix, rule.remote->prefix);
+  }
 }
 
-/// Of a range its first end. A field that is absent is 0 or false.
+/// Of a range its first end. A field that is absent is 0 or false; a network of which only one
+/// field is present has 0 for the other.
 inline Rule readRule(const message& m) {
+  const auto prefix = numberIfPresent(m, key::remotePrefix);
+  const bool hasRemote = prefix || numberIfPresent(m, key::remoteNetwork);
   return {.disabled = m.get_bool(lm::key::disabled),
           .address = m.get_be32(key::addressFirst),
           .port = m.get_u32(key::portFirst),
           .protocol = m.get_u32(key::protocol),
           .client = m.get_be32(key::clientFirst),
-          .clientPort = m.get_u32(key::clientPortFirst)};
+          .clientPort = m.get_u32(key::clientPortFirst),
+          .lease = numberIfPresent(m, key::lease),
+          .anyPort = m.get_bool(key::anyPort),
+          .remote = hasRemote
+                        ? std::optional(RemoteNetwork{.address = m.get_be32(key::remoteNetwork),
+                                                      .prefix = prefix.value_or(0)})
+                        : std::nullopt};
 }
 
 /// Appends the fields of the add request, then the others.
@@ -165,22 +250,46 @@ inline void write(message& m, const Record& record) {
   m.insert_bool(key::stale, record.stale);
   m.insert_bool(key::closed, record.closed);
   if (record.uses) m.insert_u64(key::uses, *record.uses);
+  if (record.ended) m.insert_u32(key::ended, static_cast<uint32_t>(*record.ended));
 }
 
+/// An end with a number that is not known counts as none.
 inline Record readRecord(const message& m) {
-  const auto numberIfPresent = [&m](uint32_t field) -> std::optional<uint64_t> {
+  const auto longIfPresent = [&m](uint32_t field) -> std::optional<uint64_t> {
     const uint64_t number = m.get_u64(field, 0);
     // An absent field is whatever the caller takes for it.
     return number == m.get_u64(field, 1) ? std::optional(number) : std::nullopt;
   };
+  const uint32_t ended = m.get_u32(key::ended);
+  const bool isEnd =
+      ended >= static_cast<uint32_t>(End::lease) && ended <= static_cast<uint32_t>(End::policy);
   return {.rule = readRule(m),
           .id = m.get_u32(lm::key::objectId),
           .owner = m.get_string(key::owner),
           .seconds = m.get_u64(key::seconds),
-          .connections = numberIfPresent(key::connections),
+          .connections = longIfPresent(key::connections),
           .stale = m.get_bool(key::stale),
           .closed = m.get_bool(key::closed),
-          .uses = numberIfPresent(key::uses)};
+          .uses = longIfPresent(key::uses),
+          .ended = isEnd ? std::optional(static_cast<End>(ended)) : std::nullopt};
+}
+
+/// Appends them to an error reply.
+inline void write(message& m, const Denial& denial) {
+  m.insert_u32(key::refusal, static_cast<uint32_t>(denial.why));
+  if (denial.holder) m.insert_u32(key::holder, static_cast<uint32_t>(*denial.holder));
+}
+
+/// A reason that is absent or not known is Refusal::other, such a holder none.
+inline Denial readDenial(const message& m) {
+  const uint32_t why = m.get_u32(key::refusal);
+  const uint32_t holder = m.get_u32(key::holder);
+  const bool isReason =
+      why >= static_cast<uint32_t>(Refusal::other) && why <= static_cast<uint32_t>(Refusal::rights);
+  const bool isHolder = holder >= static_cast<uint32_t>(Holder::otherService) &&
+                        holder <= static_cast<uint32_t>(Holder::router);
+  return {.why = isReason ? static_cast<Refusal>(why) : Refusal::other,
+          .holder = isHolder ? std::optional(static_cast<Holder>(holder)) : std::nullopt};
 }
 
 /// An event of the record. Of a request that says no valid rule, ports and protocol may be 0.

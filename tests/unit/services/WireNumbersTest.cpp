@@ -98,6 +98,30 @@ TEST(WireNumbers, OfAPort) {
 }
 
 // Also proves [numbers].
+TEST(WireNumbers, OfALeaseAWishARemoteNetworkAndARefusal) {
+  EXPECT_EQ(lm::nat::key::lease, 0x08010050U);
+  EXPECT_EQ(lm::nat::key::anyPort, 0x00010051U);
+  EXPECT_EQ(lm::nat::key::remoteNetwork, 0x08010052U);
+  EXPECT_EQ(lm::nat::key::remotePrefix, 0x08010053U);
+  EXPECT_EQ(lm::nat::key::refusal, 0x08010054U);
+  EXPECT_EQ(lm::nat::key::holder, 0x08010055U);
+  EXPECT_EQ(lm::nat::key::ended, 0x08010056U);
+  EXPECT_EQ(static_cast<uint32_t>(lm::nat::Refusal::other), 1U);
+  EXPECT_EQ(static_cast<uint32_t>(lm::nat::Refusal::conflict), 2U);
+  EXPECT_EQ(static_cast<uint32_t>(lm::nat::Refusal::policy), 3U);
+  EXPECT_EQ(static_cast<uint32_t>(lm::nat::Refusal::full), 4U);
+  EXPECT_EQ(static_cast<uint32_t>(lm::nat::Refusal::rights), 5U);
+  EXPECT_EQ(static_cast<uint32_t>(lm::nat::Holder::otherService), 1U);
+  EXPECT_EQ(static_cast<uint32_t>(lm::nat::Holder::sameService), 2U);
+  EXPECT_EQ(static_cast<uint32_t>(lm::nat::Holder::administrator), 3U);
+  EXPECT_EQ(static_cast<uint32_t>(lm::nat::Holder::router), 4U);
+  EXPECT_EQ(static_cast<uint32_t>(lm::nat::End::lease), 1U);
+  EXPECT_EQ(static_cast<uint32_t>(lm::nat::End::administrator), 2U);
+  EXPECT_EQ(static_cast<uint32_t>(lm::nat::End::addressGone), 3U);
+  EXPECT_EQ(static_cast<uint32_t>(lm::nat::End::policy), 4U);
+}
+
+// Also proves [numbers].
 TEST(WireNumbers, OfThePolicy) {
   EXPECT_EQ(lm::nat::key::externalPorts, 0x20010030U);
   EXPECT_EQ(lm::nat::key::internalClients, 0x20010031U);

@@ -43,6 +43,43 @@ TEST(WireRecords, ReadARuleAsItWasWritten) {
   EXPECT_EQ(lm::nat::readRule(written(lm::nat::Rule())), lm::nat::Rule());
 }
 
+// Promise: A rule's lease, its wish for any free port and its remote network stand after the other
+// fields, and are absent from a rule that has none: a program that does not know them speaks as
+// before.
+TEST(WireRecords, WriteWhatARuleMayHaveAfterWhatItMustHave) {
+  lm::nat::Rule leased = rule;
+  std::vector<uint32_t> keys = ruleKeys;
+  leased.lease = 7200;
+  keys.push_back(0x08010050);
+  EXPECT_EQ(keysOf(written(leased)), keys);
+  leased.anyPort = true;
+  keys.push_back(0x00010051);
+  EXPECT_EQ(keysOf(written(leased)), keys);
+  leased.remote = lm::nat::RemoteNetwork{.address = 0x0071cb05, .prefix = 24};
+  keys.insert(keys.end(), {0x08010052, 0x08010053});
+  EXPECT_EQ(keysOf(written(leased)), keys);
+  EXPECT_EQ(lm::nat::readRule(written(leased)), leased);
+}
+
+TEST(WireRecords, TellALeaseOfNoTimeFromNone) {
+  lm::message m = written(rule);
+  EXPECT_EQ(lm::nat::readRule(m).lease, std::nullopt);
+  for (const uint32_t seconds : {0U, 1U, UINT32_MAX}) {
+    m.insert_u32(0x08010050, seconds);
+    EXPECT_EQ(lm::nat::readRule(m).lease, seconds);
+  }
+}
+
+TEST(WireRecords, ShowARemoteNetworkOfWhichAFieldIsMissing) {
+  using Remote = lm::nat::RemoteNetwork;
+  lm::message onlyAddress = written(rule);
+  onlyAddress.insert_be32(0x08010052, 0x0071cb05);
+  EXPECT_EQ(lm::nat::readRule(onlyAddress).remote, (Remote{.address = 0x0071cb05, .prefix = 0}));
+  lm::message onlyPrefix = written(rule);
+  onlyPrefix.insert_u32(0x08010053, 24);
+  EXPECT_EQ(lm::nat::readRule(onlyPrefix).remote, (Remote{.address = 0, .prefix = 24}));
+}
+
 TEST(WireRecords, KeepPortsAndProtocolsThatAreTooLarge) {
   const lm::nat::Rule large = {.port = 65536 + 80, .protocol = 256 + 6, .clientPort = UINT32_MAX};
   EXPECT_EQ(lm::nat::readRule(written(large)), large);
@@ -92,6 +129,45 @@ TEST(WireRecords, WriteTheFieldsOfAListedRuleInTheirOrder) {
   record.connections = 0;
   record.uses = 0;
   EXPECT_EQ(keysOf(written(record)), keys);
+}
+
+TEST(WireRecords, ReadTheEndOfARuleAsItWasWritten) {
+  using lm::nat::End;
+  for (const End end : {End::lease, End::administrator, End::addressGone, End::policy}) {
+    const lm::nat::Record record = {.rule = rule, .id = 7, .owner = "pcp", .ended = end};
+    EXPECT_EQ(written(record).get_u32(0x08010056), static_cast<uint32_t>(end));
+    EXPECT_EQ(lm::nat::readRecord(written(record)), record);
+  }
+  for (const uint32_t unknown : {0U, 5U, UINT32_MAX}) {
+    lm::message m = written(lm::nat::Record{.rule = rule, .owner = "pcp"});
+    m.insert_u32(0x08010056, unknown);
+    EXPECT_EQ(lm::nat::readRecord(m).ended, std::nullopt) << unknown;
+  }
+}
+
+TEST(WireRecords, ReadARefusalAsItWasWritten) {
+  using lm::nat::Denial;
+  using lm::nat::Holder;
+  using lm::nat::Refusal;
+  for (const Refusal why : {Refusal::other, Refusal::policy, Refusal::full, Refusal::rights}) {
+    EXPECT_EQ(lm::nat::readDenial(written(Denial{.why = why})), Denial{.why = why});
+  }
+  for (const Holder holder :
+       {Holder::otherService, Holder::sameService, Holder::administrator, Holder::router}) {
+    const Denial taken = {.why = Refusal::conflict, .holder = holder};
+    EXPECT_EQ(keysOf(written(taken)), (std::vector<uint32_t>{0x08010054, 0x08010055}));
+    EXPECT_EQ(lm::nat::readDenial(written(taken)), taken);
+  }
+}
+
+TEST(WireRecords, TakeARefusalThatIsNotKnownForAnyOther) {
+  EXPECT_EQ(lm::nat::readDenial({}), lm::nat::Denial());
+  for (const uint32_t unknown : {0U, 6U, UINT32_MAX}) {
+    lm::message m;
+    m.insert_u32(0x08010054, unknown);
+    m.insert_u32(0x08010055, unknown);
+    EXPECT_EQ(lm::nat::readDenial(m), lm::nat::Denial()) << unknown;
+  }
 }
 
 TEST(WireRecords, ReadAnEventOfAPortAsItWasWritten) {
