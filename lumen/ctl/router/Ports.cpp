@@ -1,5 +1,8 @@
 #include "lumen/ctl/router/Ports.h"
 
+#include <algorithm>
+#include <string>
+
 #include "lumen/ctl/status/StatusJson.h"
 #include "lumen/ctl/text/Text.h"
 
@@ -9,13 +12,21 @@ Json portsAsJson(const std::vector<NatRule>& rules) { return Json::parse(portsJs
 
 Table portsAsTable(std::vector<NatRule> rules) {
   sortByPort(rules);
-  Table table(
-      {"PORT", "ON ADDRESS", "TO", "STATE", "OPEN FOR", ">CONNECTIONS", ">SO FAR", "OPENED BY"});
+  const bool leases =
+      std::ranges::any_of(rules, [](const NatRule& rule) { return rule.left.has_value(); });
+  std::vector<std::string> headings = {"PORT", "ON ADDRESS", "TO", "STATE", "OPEN FOR"};
+  if (leases) headings.emplace_back("ENDS IN");
+  headings.insert(headings.end(), {">CONNECTIONS", ">SO FAR", "OPENED BY"});
+  Table table(headings);
   for (const NatRule& rule : rules) {
-    table.add({std::to_string(rule.external.port) + "/" + rule.protocolName(),
-               rule.external.address.text(), rule.client.text(), wordFor(rule.state()),
-               duration(rule.openFor), rule.connections ? std::to_string(*rule.connections) : "?",
-               rule.uses ? std::to_string(*rule.uses) : "?", rule.owner});
+    std::vector<Table::Cell> row = {std::to_string(rule.external.port) + "/" + rule.protocolName(),
+                                    rule.external.address.text(), rule.client.text(),
+                                    wordFor(rule.state()), duration(rule.openFor)};
+    if (leases) row.emplace_back(rule.left ? duration(*rule.left) : std::string());
+    row.emplace_back(rule.connections ? std::to_string(*rule.connections) : "?");
+    row.emplace_back(rule.uses ? std::to_string(*rule.uses) : "?");
+    row.emplace_back(rule.owner);
+    table.add(row);
   }
   return table;
 }

@@ -102,6 +102,7 @@ NatRule::NatRule(const lm::message& m) {
   stale = record.stale;
   owner = std::move(record.owner);
   openFor = std::chrono::seconds(record.seconds);
+  if (record.rule.lease) left = std::chrono::seconds(*record.rule.lease);
   connections = record.connections;
   uses = record.uses;
 }

@@ -78,8 +78,9 @@ struct NatRule {
   bool stale = false;
   std::string owner;  ///< name of the service that made it
   std::chrono::seconds openFor{0};
-  std::optional<uint64_t> connections;  ///< open now; none: not known
-  std::optional<uint64_t> uses;         ///< connections since it was opened; none: not known
+  std::optional<std::chrono::seconds> left;  ///< until its lease ends; none: permanent
+  std::optional<uint64_t> connections;       ///< open now; none: not known
+  std::optional<uint64_t> uses;              ///< connections since it was opened; none: not known
 };
 
 /// Which ports programs may open. The texts are as in the policy file.

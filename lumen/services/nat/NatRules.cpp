@@ -2,6 +2,7 @@
 
 #include <netinet/in.h>
 
+#include <algorithm>
 #include <chrono>
 #include <utility>
 #include <vector>
@@ -21,6 +22,10 @@ using lm::nat::Event;
 constexpr const char* isOwn = " is this router's own: ";
 
 constexpr std::string_view givenUp = "the request was given up";
+
+/// A rule whose lease is over and that the kernel does not remove stays for so long until the next
+/// attempt.
+constexpr std::chrono::seconds removalRetry(10);
 
 PortLog::Author authorOf(const Caller& caller) {
   return {.name = caller.name.empty() ? "administrator" : caller.name, .user = caller.user};
@@ -66,7 +71,8 @@ NatRules::NatRules(NatMap& map, Flows& flows, const FlowMarks& marks, const Loca
       log_(log),
       notifier_(notifier),
       clock_(clock),
-      cleaner_(flows, *this, marks, clock) {}
+      cleaner_(flows, *this, marks, clock),
+      leases_(*this, clock) {}
 
 lm::message NatRules::handle(const Caller& caller, uint32_t command, const lm::message& request) {
   switch (command) {
@@ -111,7 +117,7 @@ void NatRules::connectionEnded(uint64_t connection) {
     }
     it = next;
   }
-  removeFromKernel(inKernel);
+  (void)removeFromKernel(inKernel);
 }
 
 lm::message NatRules::change(const Caller& caller, uint32_t command, const lm::message& request) {
@@ -135,14 +141,16 @@ lm::message NatRules::change(const Caller& caller, uint32_t command, const lm::m
 }
 
 lm::message NatRules::add(const Caller& caller, const lm::message& request) {
-  auto rule = readRule(request);
-  if (!rule) return lm::refusal(rule.failure());
+  auto wanted = readRule(request);
+  if (!wanted) return lm::refusal(wanted.failure());
+  Rule* const rule = &wanted->rule;
   if (const auto allowed = checkAdd(*rule); !allowed) return lm::refusal(allowed.failure());
 
   rule->connection = caller.connection;
   rule->owner = authorOf(caller).name;
   rule->user = caller.user;
   rule->addedAt = clock_.now();
+  if (wanted->lease) rule->until = rule->addedAt + *wanted->lease;
   if (rule->inKernel()) {
     const auto added = addToKernel(*rule);
     if (!added) return lm::refusal(kernelRefusal("add", rule->key, added.failure()));
@@ -180,6 +188,10 @@ lm::message NatRules::set(const Caller& caller, const lm::message& request) {
   after.disabled = change->disabled.value_or(before.disabled);
   after.client.address = change->clientAddress.value_or(before.client.address);
   after.client.port = change->clientPort.value_or(before.client.port);
+  if (change->lease) {
+    if (before.closed) return lm::refusal(keyText(before.key) + " was closed by the administrator");
+    after.until = clock_.now() + *change->lease;
+  }
   if (!change->close) {
     if (const auto allowed = checkSet(before, after); !allowed)
       return lm::refusal(allowed.failure());
@@ -208,6 +220,7 @@ void NatRules::undoSet(uint32_t id, const Rule& before, bool closing) {
   } else {
     after.disabled = before.disabled;
     after.client = before.client;
+    after.until = before.until;
   }
   if (!replace(it, after)) return;
   note(closing ? Event::opened : Event::changed, after, givenUp);
@@ -332,7 +345,7 @@ Result<void> NatRules::checkFree(const RuleKey& key) const {
 // The external address may have left the router since: such a rule keeps working when it is back.
 Result<void> NatRules::checkSet(const Rule& before, const Rule& after) const {
   // An owner may close its port whatever the policy allows now.
-  if (after.disabled && after.client == before.client) return {};
+  if (after.disabled && after.client == before.client && after.until == before.until) return {};
   if (auto allowed = policies_.policy().allows(after.key, after.client, networks_, interfaces_);
       !allowed) {
     return allowed;
@@ -378,16 +391,38 @@ Result<void> NatRules::addToKernel(const Rule& rule) {
   return added;
 }
 
-void NatRules::removeFromKernel(const std::vector<RuleKey>& keys) {
+std::set<RuleKey> NatRules::removeFromKernel(const std::vector<RuleKey>& keys) {
+  std::set<RuleKey> kept;
   if (const auto removed = map_.remove(keys); !removed) {
     lm::logLine("nat remove of ", keys.size(), " rules failed: ", removed.why());
     for (const RuleKey& key : keys) {
       if (const auto one = map_.remove({key}); !one) {
         lm::logLine("nat remove failed: ", keyText(key), ": ", one.why());
+        kept.insert(key);
       }
     }
   }
   for (const RuleKey& key : keys) flowsMayDiffer(key);
+  return kept;
+}
+
+void NatRules::leasesEnded(const std::vector<uint32_t>& ids) {
+  std::vector<RuleKey> inKernel;
+  for (const uint32_t id : ids) {
+    const Rule& rule = rules_.find(id)->second;
+    if (rule.inKernel()) inKernel.push_back(rule.key);
+  }
+  const std::set<RuleKey> kept = removeFromKernel(inKernel);
+  for (const uint32_t id : ids) {
+    const auto it = rules_.find(id);
+    if (kept.contains(it->second.key)) {
+      it->second.until = clock_.now() + removalRetry;
+      leases_.add(id, *it->second.until);
+      continue;
+    }
+    note(Event::closed, it->second, "the lease ended");
+    eraseForGood(it);
+  }
 }
 
 void NatRules::flowsMayDiffer(const RuleKey& key) {
@@ -407,6 +442,7 @@ void NatRules::insert(uint32_t id, const Rule& rule) {
   ids_.emplace(rule.key, id);
   ++clientRules_[rule.client.address];
   rules_.emplace(id, rule);
+  if (rule.until) leases_.add(id, *rule.until);
   notify(record(id, rule, {}));
 }
 
@@ -415,6 +451,7 @@ void NatRules::erase(Rules::iterator it) {
   ids_.erase(rule.key);
   auto count = clientRules_.find(rule.client.address);
   if (--count->second == 0) clientRules_.erase(count);
+  if (rule.until) leases_.remove(it->first, *rule.until);
   rules_.erase(it);
 }
 
@@ -465,6 +502,10 @@ lm::message NatRules::record(uint32_t id, const Rule& rule, const Counts& counts
   RuleStatus status{.age = std::chrono::floor<std::chrono::seconds>(clock_.now() - rule.addedAt),
                     .connections = of(counts.connections),
                     .stale = !networks_.interfaceOf(rule.key.external.address)};
+  if (rule.until) {
+    const lm::Clock::Time now = clock_.now();
+    status.left = std::chrono::ceil<std::chrono::seconds>(std::max(*rule.until, now) - now);
+  }
   std::optional<uint64_t> latest = 0;
   if (rule.inKernel()) latest = of(counts.uses);
   if (latest && rule.earlierUses) status.uses = *rule.earlierUses + *latest;

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 
@@ -10,6 +11,7 @@
 #include "lumen/services/LocalHandler.h"
 #include "lumen/services/nat/FlowCleaner.h"
 #include "lumen/services/nat/IdHistory.h"
+#include "lumen/services/nat/Leases.h"
 #include "lumen/services/nat/LocalNetworks.h"
 #include "lumen/services/nat/NatMap.h"
 #include "lumen/services/nat/PolicyBook.h"
@@ -25,8 +27,8 @@ namespace lumen {
 /// platform/wire/NatRules.h says how to talk to it.
 ///
 /// Every change is made in the kernel first, and in the table once the kernel has accepted it. A
-/// rule belongs to the connection that added it and ends with that connection.
-class NatRules : public LocalHandler, private FlowCleaner::OpenPorts {
+/// rule belongs to the connection that added it and ends with that connection, or with its lease.
+class NatRules : public LocalHandler, private FlowCleaner::OpenPorts, private Leases::Owner {
  public:
   /// All must outlive this; `policies` is loaded and `map` open.
   NatRules(NatMap& map, Flows& flows, const FlowMarks& marks, const LocalNetworks& networks,
@@ -92,7 +94,9 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts {
   /// Brings the kernel from `before` to `after`.
   [[nodiscard]] Result<void> apply(const Rule& before, const Rule& after);
   [[nodiscard]] Result<void> addToKernel(const Rule& rule);
-  void removeFromKernel(const std::vector<RuleKey>& keys);
+  /// Returns, and logs, what the kernel did not remove.
+  std::set<RuleKey> removeFromKernel(const std::vector<RuleKey>& keys);
+  void leasesEnded(const std::vector<uint32_t>& ids) override;
   void flowsMayDiffer(const RuleKey& key);
 
   /// Records what was done to the rule, by its owner unless another `author` is given.
@@ -129,6 +133,7 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts {
   uint32_t lastId_ = 0;
   std::optional<Listing> listing_;
   FlowCleaner cleaner_;
+  Leases leases_;
 };
 
 }  // namespace lumen

@@ -28,6 +28,7 @@ struct Rule {
   std::string owner;        ///< service name
   uint32_t user = 0;        ///< of the owner's process
   lm::Clock::Time addedAt;
+  std::optional<lm::Clock::Time> until = std::nullopt;  ///< the end of its lease; none: permanent
   /// Connections counted before the rule last left the kernel; none: unknown.
   std::optional<uint64_t> earlierUses = 0;
 

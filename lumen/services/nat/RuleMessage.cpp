@@ -17,13 +17,13 @@ namespace key = lm::nat::key;
 
 constexpr std::array setFields = {
     lm::key::objectId,    lm::key::disabled,   key::clientFirst, key::clientLast,
-    key::clientPortFirst, key::clientPortLast, key::closed,
+    key::clientPortFirst, key::clientPortLast, key::closed,      key::lease,
 };
 
 /// The fields that the codec of a rule writes.
 std::vector<uint32_t> addFields() {
   lm::message rule;
-  lm::nat::write(rule, lm::nat::Rule());
+  lm::nat::write(rule, lm::nat::Rule{.lease = 1});
   std::vector<uint32_t> fields;
   for (const lm::Field& field : rule.fields()) fields.push_back(field.key);
   return fields;
@@ -32,6 +32,8 @@ std::vector<uint32_t> addFields() {
 bool has(const lm::message& request, uint32_t field) {
   return request.fields().find(field) != nullptr;
 }
+
+constexpr const char* emptyLease = "a lease must be at least one second";
 
 bool isPort(uint32_t number) { return number >= 1 && number <= 65535; }
 
@@ -77,6 +79,7 @@ Result<void> checkRule(const lm::message& request) {
   }
   if (!isPort(rule.port)) return Failure{"external port must be from 1 to 65535"};
   if (!isPort(rule.clientPort)) return Failure{"internal port must be from 1 to 65535"};
+  if (rule.lease == 0U) return Failure{emptyLease};
   return {};
 }
 
@@ -101,22 +104,25 @@ Result<void> checkChange(const lm::message& request) {
   if (has(request, key::clientPortFirst) && !isPort(request.get_u32(key::clientPortFirst))) {
     return Failure{"internal port must be from 1 to 65535"};
   }
+  if (has(request, key::lease) && request.get_u32(key::lease) == 0) return Failure{emptyLease};
   return {};
 }
 
 }  // namespace
 
-Result<Rule> readRule(const lm::message& request) {
+Result<RuleRequest> readRule(const lm::message& request) {
   if (const auto valid = checkRule(request); !valid) return valid.failure();
   const lm::nat::Rule wire = lm::nat::readRule(request);
-  Rule rule;
+  RuleRequest result;
+  Rule& rule = result.rule;
   rule.key = {.external = {.address = Ipv4Address::fromBytes(wire.address),
                            .port = static_cast<uint16_t>(wire.port)},
               .protocol = static_cast<uint8_t>(wire.protocol)};
   rule.client = {.address = Ipv4Address::fromBytes(wire.client),
                  .port = static_cast<uint16_t>(wire.clientPort)};
   rule.disabled = wire.disabled;
-  return rule;
+  if (wire.lease) result.lease = std::chrono::seconds(*wire.lease);
+  return result;
 }
 
 Result<RuleChange> readChange(const lm::message& request) {
@@ -129,18 +135,22 @@ Result<RuleChange> readChange(const lm::message& request) {
   if (has(request, key::clientPortFirst)) {
     change.clientPort = static_cast<uint16_t>(request.get_u32(key::clientPortFirst));
   }
+  if (has(request, key::lease)) change.lease = std::chrono::seconds(request.get_u32(key::lease));
   change.close = request.get_bool(key::closed);
   return change;
 }
 
 lm::message ruleRecord(uint32_t id, const Rule& rule, const RuleStatus& status) {
   lm::message record;
+  std::optional<uint32_t> lease;
+  if (status.left) lease = static_cast<uint32_t>(status.left->count());
   lm::nat::write(record, lm::nat::Record{.rule = {.disabled = rule.disabled,
                                                   .address = rule.key.external.address.bytes(),
                                                   .port = rule.key.external.port,
                                                   .protocol = rule.key.protocol,
                                                   .client = rule.client.address.bytes(),
-                                                  .clientPort = rule.client.port},
+                                                  .clientPort = rule.client.port,
+                                                  .lease = lease},
                                          .id = id,
                                          .owner = rule.owner,
                                          .seconds = static_cast<uint64_t>(status.age.count()),

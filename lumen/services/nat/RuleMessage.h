@@ -9,17 +9,23 @@
 
 namespace lumen {
 
-/// The rule that an add request describes: its key, client and disabled flag. Fails when the table
-/// cannot hold such a rule. Whether the router has the address and the policy allows the rule is
-/// not checked.
-[[nodiscard]] Result<Rule> readRule(const lm::message& request);
+/// What an add request asks for.
+struct RuleRequest {
+  Rule rule;                                  ///< its key, client and disabled flag
+  std::optional<std::chrono::seconds> lease;  ///< none: permanent
+};
+
+/// Fails when the table cannot hold such a rule. Whether the router has the address and the policy
+/// allows the rule is not checked.
+[[nodiscard]] Result<RuleRequest> readRule(const lm::message& request);
 
 /// What a set request changes. A field that is absent stays as it is.
 struct RuleChange {
   std::optional<bool> disabled;
   std::optional<Ipv4Address> clientAddress;
   std::optional<uint16_t> clientPort;
-  bool close = false;  ///< then nothing else is present
+  std::optional<std::chrono::seconds> lease;  ///< from now
+  bool close = false;                         ///< then nothing else is present
 };
 
 /// Fails when the request says something else.
@@ -30,7 +36,8 @@ struct RuleStatus {
   std::chrono::seconds age{0};
   std::optional<uint64_t> connections = std::nullopt;  ///< none: unknown
   bool stale = false;
-  std::optional<uint64_t> uses = std::nullopt;  ///< none: unknown
+  std::optional<uint64_t> uses = std::nullopt;              ///< none: unknown
+  std::optional<std::chrono::seconds> left = std::nullopt;  ///< of its lease; none: permanent
 };
 
 /// The rule as it is listed: the fields of the add request in their order, then the others.

@@ -133,12 +133,38 @@ TEST_F(Listing, ShowsPortsInJson) {
             "    \"address\": \"45.45.45.1\",\n    \"client\": \"192.168.88.10\",\n"
             "    \"client_port\": 80,\n    \"state\": \"open\",\n    \"stale\": false,\n"
             "    \"owner\": \"palinode-igd\",\n    \"seconds\": 185,\n"
+            "    \"seconds_left\": null,\n"
             "    \"connections\": 2,\n    \"connections_so_far\": 17\n  }\n]\n");
   router.lastPort().fields().erase(lm::nat::key::connections);
   router.lastPort().fields().erase(lm::nat::key::uses);
   EXPECT_TRUE(router.lumenctl({"nat", "list", "--json"})
                   .out.ends_with(",\n    \"connections\": null,\n"
                                  "    \"connections_so_far\": null\n  }\n]\n"));
+}
+
+// Promise: Where a port has a lease, `nat list` and `status` show when it ends.
+TEST_F(Listing, ShowsWhenALeaseEnds) {
+  router.hasPort(8080, tcp, "192.168.88.10", 80);
+  router.hasPort(9000, udp, "192.168.88.11", 9000);
+  router.lastPort().insert_u32(lm::nat::key::lease, 5025);
+  const std::string table =
+      "PORT      ON ADDRESS  TO                  STATE  OPEN FOR   ENDS IN     CONNECTIONS  SO FAR "
+      " "
+      "OPENED BY\n"
+      "8080/tcp  45.45.45.1  192.168.88.10:80    open   3 min 5 s                        2      17 "
+      " "
+      "palinode-igd\n"
+      "9000/udp  45.45.45.1  192.168.88.11:9000  open   3 min 5 s  1 h 23 min            2      17 "
+      " "
+      "palinode-igd\n";
+  EXPECT_EQ(router.lumenctl({"nat", "list"}).out, table);
+  EXPECT_TRUE(router.lumenctl({"status"}).out.ends_with(table));
+  for (const char* command : {"nat list", "status"}) {
+    const std::string json =
+        router.lumenctl({command == std::string("status") ? "status" : "nat", "--json"}).out;
+    EXPECT_NE(json.find("\"seconds_left\": null"), std::string::npos) << json;
+    EXPECT_NE(json.find("\"seconds_left\": 5025"), std::string::npos) << json;
+  }
 }
 
 TEST_F(Listing, SaysThatNoPortIsOpen) {

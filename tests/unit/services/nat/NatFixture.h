@@ -29,9 +29,10 @@ struct Port {
   uint32_t clientPort = 80;
   bool disabled = false;
   const char* external = "45.45.45.1";
+  uint32_t lease = 0;  // in seconds; 0: permanent
 };
 
-/// The request for it, as the gateway daemon sends it.
+/// The request for it, as the gateway daemon sends it; a lease comes last.
 inline lm::message addRequest(const Port& port) {
   lm::message request =
       lm::test::addRuleRequest({.protocol = std::string(port.protocol) == "tcp" ? 6U : 17U,
@@ -40,6 +41,7 @@ inline lm::message addRequest(const Port& port) {
                                 .clientPort = port.clientPort,
                                 .disabled = port.disabled,
                                 .external = port.external});
+  if (port.lease != 0) request.insert_u32(0x08010050, port.lease);
   request.insert_u32_array(lm::key::destination, {20, 5});
   return request;
 }
@@ -53,6 +55,13 @@ inline lm::message setRequest(uint32_t id, const char* client, uint32_t clientPo
 }
 
 inline lm::message idOnly(uint32_t id) { return lm::test::removeRuleRequest(id); }
+
+/// The renewal of a rule.
+inline lm::message renewal(uint32_t id, uint32_t lease) {
+  lm::message request = idOnly(id);
+  request.insert_u32(0x08010050, lease);
+  return request;
+}
 
 /// Keeps what is notified.
 struct RecordingNotifier : Notifier {
@@ -89,6 +98,7 @@ class NatFixture : public ::testing::Test {
     return lm::getError(reply);
   }
   std::string sets(const lm::message& request) { return asks(daemon, lm::cmd::setObject, request); }
+  std::string renews(uint32_t id, uint32_t lease) { return sets(renewal(id, lease)); }
   std::string removes(uint32_t id) { return asks(daemon, lm::cmd::removeObject, idOnly(id)); }
 
   /// The requester of the last change gives it up.
