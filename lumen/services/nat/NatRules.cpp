@@ -18,9 +18,6 @@ namespace {
 
 using lm::nat::Event;
 
-/// What the refusal of a port says at which a program of the router listens.
-constexpr const char* isOwn = " is this router's own: ";
-
 constexpr std::string_view givenUp = "the request was given up";
 
 /// A rule whose lease is over and that the kernel does not remove stays for so long until the next
@@ -28,7 +25,7 @@ constexpr std::string_view givenUp = "the request was given up";
 constexpr std::chrono::seconds removalRetry(10);
 
 PortLog::Author authorOf(const Caller& caller) {
-  return {.name = caller.name.empty() ? "administrator" : caller.name, .user = caller.user};
+  return {.name = caller.name.empty() ? administratorName : caller.name, .user = caller.user};
 }
 
 /// As much of the rule as the add request says, for the record.
@@ -51,6 +48,8 @@ std::string describeChange(const Rule& before, const Rule& after) {
   return before.client == after.client ? "" : "was to " + before.client.text();
 }
 
+Refused asRefusal(const Failure& failure) { return {.text = failure.text}; }
+
 /// Logs that the kernel refused to do `what`; returns what its requester is told.
 Failure kernelRefusal(const std::string& what, const RuleKey& key, const Failure& failure) {
   lm::logLine("nat ", what, " failed: ", keyText(key), ": ", failure.text);
@@ -65,12 +64,11 @@ NatRules::NatRules(NatMap& map, Flows& flows, const FlowMarks& marks, const Loca
     : map_(map),
       flows_(flows),
       networks_(networks),
-      interfaces_(interfaces),
-      listeners_(listeners),
       policies_(policies),
       log_(log),
       notifier_(notifier),
       clock_(clock),
+      admission_(table_, networks, interfaces, listeners, policies),
       cleaner_(flows, *this, marks, clock),
       leases_(*this, clock) {}
 
@@ -108,7 +106,7 @@ void NatRules::connectionEnded(uint64_t connection) {
   if (listing_ && listing_->reader == connection) listing_.reset();
   if (everAdded_.erase(connection) == 0) return;
   std::vector<RuleKey> inKernel;
-  for (auto it = rules_.begin(); it != rules_.end();) {
+  for (auto it = table_.rules().begin(); it != table_.rules().end();) {
     auto next = std::next(it);
     if (it->second.connection == connection) {
       if (it->second.inKernel()) inKernel.push_back(it->second.key);
@@ -123,65 +121,67 @@ void NatRules::connectionEnded(uint64_t connection) {
 lm::message NatRules::change(const Caller& caller, uint32_t command, const lm::message& request) {
   Rule about = outlineOf(request);
   if (command != lm::cmd::addObject) {
-    const auto known = rules_.find(request.get_u32(lm::key::objectId));
-    about = known == rules_.end() ? Rule() : known->second;
+    const auto known = table_.find(request.get_u32(lm::key::objectId));
+    about = known == table_.rules().end() ? Rule() : known->second;
   }
-  lm::message reply = command == lm::cmd::addObject   ? add(caller, request)
-                      : command == lm::cmd::setObject ? set(caller, request)
-                                                      : remove(caller, request);
-  if (lm::isError(reply)) {
-    const std::string why = lm::getError(reply);
-    if (why.find(isOwn) != std::string::npos) {
-      log_.addRefusalOfOwnPort(authorOf(caller), about.key, about.client, why);
-    } else {
-      note(Event::refused, authorOf(caller), about, why);
-    }
+  lm::message reply;
+  const std::optional<Refused> refused = command == lm::cmd::addObject ? add(caller, request, reply)
+                                         : command == lm::cmd::setObject ? set(caller, request)
+                                                                         : remove(caller, request);
+  if (!refused) return reply;
+  if (refused->isOwnPort) {
+    log_.addRefusalOfOwnPort(authorOf(caller), about.key, about.client, refused->text);
+  } else {
+    note(Event::refused, authorOf(caller), about, refused->text);
   }
+  reply = lm::refusal(refused->text);
+  lm::nat::write(reply, refused->denial);
   return reply;
 }
 
-lm::message NatRules::add(const Caller& caller, const lm::message& request) {
+std::optional<Refused> NatRules::add(const Caller& caller, const lm::message& request,
+                                     lm::message& reply) {
   auto wanted = readRule(request);
-  if (!wanted) return lm::refusal(wanted.failure());
-  Rule* const rule = &wanted->rule;
-  if (const auto allowed = checkAdd(*rule); !allowed) return lm::refusal(allowed.failure());
+  if (!wanted) return asRefusal(wanted.failure());
+  Rule& rule = wanted->rule;
+  rule.connection = caller.connection;
+  rule.owner = authorOf(caller).name;
+  rule.user = caller.user;
+  rule.addedAt = clock_.now();
+  if (wanted->lease) rule.until = rule.addedAt + *wanted->lease;
+  if (auto refused = admission_.refuseAdd(rule, wanted->anyPort)) return refused;
 
-  rule->connection = caller.connection;
-  rule->owner = authorOf(caller).name;
-  rule->user = caller.user;
-  rule->addedAt = clock_.now();
-  if (wanted->lease) rule->until = rule->addedAt + *wanted->lease;
-  if (rule->inKernel()) {
-    const auto added = addToKernel(*rule);
-    if (!added) return lm::refusal(kernelRefusal("add", rule->key, added.failure()));
+  if (rule.inKernel()) {
+    const auto added = addToKernel(rule);
+    if (!added) return asRefusal(kernelRefusal("add", rule.key, added.failure()));
   }
-  uint32_t id = nextId();
-  insert(id, *rule);
-  note(Event::opened, *rule, rule->disabled ? "disabled" : "");
+  const uint32_t id = table_.nextId();
+  insert(id, rule);
+  note(Event::opened, rule, rule.disabled ? "disabled" : "");
   everAdded_[caller.connection].add(id);
   undoWith([this, id] { undoAdd(id); });
-  lm::message reply;
   reply.insert_u32(lm::key::objectId, id);
-  return reply;
+  reply.insert_u32(lm::nat::key::portFirst, rule.key.external.port);
+  return std::nullopt;
 }
 
 void NatRules::undoAdd(uint32_t id) {
-  auto it = rules_.find(id);
-  if (it == rules_.end()) return;
+  auto it = table_.find(id);
+  if (it == table_.rules().end()) return;
   const Rule added = it->second;
   if (drop(it)) note(Event::closed, added, givenUp);
 }
 
-lm::message NatRules::set(const Caller& caller, const lm::message& request) {
-  auto it = rules_.find(request.get_u32(lm::key::objectId));
-  if (it == rules_.end()) return lm::refusal("no such object");
+std::optional<Refused> NatRules::set(const Caller& caller, const lm::message& request) {
+  auto it = table_.find(request.get_u32(lm::key::objectId));
+  if (it == table_.rules().end()) return Refused{.text = "no such object"};
   const Rule& before = it->second;
   if (before.connection != caller.connection && !caller.administrator) {
-    return lm::refusal("not permitted");
+    return Refused{.text = "not permitted"};
   }
   const auto change = readChange(request);
-  if (!change) return lm::refusal(change.failure());
-  if (change->close && !caller.administrator) return lm::refusal("not permitted");
+  if (!change) return asRefusal(change.failure());
+  if (change->close && !caller.administrator) return Refused{.text = "not permitted"};
 
   Rule after = before;
   after.closed = before.closed || change->close;
@@ -189,15 +189,17 @@ lm::message NatRules::set(const Caller& caller, const lm::message& request) {
   after.client.address = change->clientAddress.value_or(before.client.address);
   after.client.port = change->clientPort.value_or(before.client.port);
   if (change->lease) {
-    if (before.closed) return lm::refusal(keyText(before.key) + " was closed by the administrator");
+    if (before.closed) {
+      return Refused{.text = keyText(before.key) + " was closed by the administrator",
+                     .denial = {.why = lm::nat::Refusal::policy}};
+    }
     after.until = clock_.now() + *change->lease;
   }
   if (!change->close) {
-    if (const auto allowed = checkSet(before, after); !allowed)
-      return lm::refusal(allowed.failure());
+    if (auto refused = admission_.refuseSet(before, after)) return refused;
   }
   const Rule replaced = before;
-  if (const auto done = replace(it, after); !done) return lm::refusal(done.failure());
+  if (const auto done = replace(it, after); !done) return asRefusal(done.failure());
   const bool closing = after.closed && !replaced.closed;
   if (closing) {
     note(Event::closed, authorOf(caller), after, "");
@@ -207,13 +209,13 @@ lm::message NatRules::set(const Caller& caller, const lm::message& request) {
   undoWith([this, id = request.get_u32(lm::key::objectId), replaced, closing] {
     undoSet(id, replaced, closing);
   });
-  return {};
+  return std::nullopt;
 }
 
 // Another requester can have changed the rest of the rule meanwhile.
 void NatRules::undoSet(uint32_t id, const Rule& before, bool closing) {
-  auto it = rules_.find(id);
-  if (it == rules_.end()) return;
+  auto it = table_.find(id);
+  if (it == table_.rules().end()) return;
   Rule after = it->second;
   if (closing) {
     after.closed = false;
@@ -241,24 +243,25 @@ Result<void> NatRules::replace(Rules::iterator it, Rule after) {
   return {};
 }
 
-lm::message NatRules::remove(const Caller& caller, const lm::message& request) {
+std::optional<Refused> NatRules::remove(const Caller& caller, const lm::message& request) {
   uint32_t id = request.get_u32(lm::key::objectId);
-  auto it = rules_.find(id);
-  if (it == rules_.end()) {
+  auto it = table_.find(id);
+  if (it == table_.rules().end()) {
     // A reply that was lost must not leave its owner with a rule that it cannot get rid of.
     auto history = everAdded_.find(caller.connection);
     bool had = history != everAdded_.end() && history->second.contains(id);
-    return had ? lm::message() : lm::refusal("no such object");
+    if (had) return std::nullopt;
+    return Refused{.text = "no such object"};
   }
   const Rule& rule = it->second;
   if (rule.connection != caller.connection && !caller.administrator) {
-    return lm::refusal("not permitted");
+    return Refused{.text = "not permitted"};
   }
   const Rule removed = rule;
-  if (const auto done = drop(it); !done) return lm::refusal(done.failure());
+  if (const auto done = drop(it); !done) return asRefusal(done.failure());
   note(Event::closed, authorOf(caller), removed, "");
   undoWith([this, id, removed] { undoRemove(id, removed); });
-  return {};
+  return std::nullopt;
 }
 
 Result<void> NatRules::drop(Rules::iterator it) {
@@ -273,7 +276,7 @@ Result<void> NatRules::drop(Rules::iterator it) {
 }
 
 void NatRules::undoRemove(uint32_t id, const Rule& removed) {
-  if (ids_.contains(removed.key)) {
+  if (table_.find(removed.key) != nullptr) {
     lm::logLine("nat add failed: ", keyText(removed.key), ": in use since its removal");
     return;
   }
@@ -294,16 +297,16 @@ lm::message NatRules::list(const Caller& caller, const lm::message& request) {
   if (firstPage || !listing_ || listing_->reader != caller.connection) {
     listing_ = Listing{.reader = caller.connection, .counts = count()};
   }
-  lm::message page = lm::pagedAnswer(request, rules_, [this](uint32_t id, const Rule& rule) {
-    return record(id, rule, listing_->counts);
-  });
+  lm::message page = lm::pagedAnswer(
+      request, table_.rules(),
+      [this](uint32_t id, const Rule& rule) { return record(id, rule, listing_->counts); });
   if (page.get_u32(lm::key::cursor, lm::none) == lm::none) listing_.reset();
   return page;
 }
 
 lm::message NatRules::read(const lm::message& request) {
-  auto it = rules_.find(request.get_u32(lm::key::objectId));
-  if (it == rules_.end()) return lm::refusal("no such object");
+  auto it = table_.find(request.get_u32(lm::key::objectId));
+  if (it == table_.rules().end()) return lm::refusal("no such object");
   return record(it->first, it->second, count());
 }
 
@@ -312,66 +315,6 @@ lm::message NatRules::writePolicy(const lm::message& request) {
   if (const auto written = policies_.write(request); !written)
     return lm::refusal(written.failure());
   undoWith([this, before] { policies_.restore(before); });
-  return {};
-}
-
-Result<void> NatRules::checkAdd(const Rule& rule) const {
-  const Policy& policy = policies_.policy();
-  if (!networks_.interfaceOf(rule.key.external.address)) {
-    return Failure{"external address " + rule.key.external.address.text() +
-                   " is not one of this router"};
-  }
-  if (auto allowed = policy.allows(rule.key, rule.client, networks_, interfaces_); !allowed)
-    return allowed;
-  if (ids_.contains(rule.key)) return Failure{keyText(rule.key) + " is already in use"};
-  if (rules_.size() >= policy.maxRules) {
-    return Failure{"there are " + std::to_string(rules_.size()) +
-                   " rules already, the policy allows " + std::to_string(policy.maxRules)};
-  }
-  if (auto room = checkRoomOf(rule.client.address, rules_.size()); !room) return room;
-  return checkFree(rule.key);
-}
-
-Result<void> NatRules::checkFree(const RuleKey& key) const {
-  if (policies_.policy().routerPorts.contains(key.external.port)) return {};
-  const auto holder = networks_.interfaceOf(key.external.address);
-  const auto interface = holder ? interfaces_.known(*holder) : std::nullopt;
-  const auto listener =
-      listeners_.find(key.protocol, key.external, interface ? interface->index : 0);
-  if (!listener) return {};
-  return Failure{keyText(key) + isOwn + *listener + " listens there"};
-}
-
-// The external address may have left the router since: such a rule keeps working when it is back.
-Result<void> NatRules::checkSet(const Rule& before, const Rule& after) const {
-  // An owner may close its port whatever the policy allows now.
-  if (after.disabled && after.client == before.client && after.until == before.until) return {};
-  if (auto allowed = policies_.policy().allows(after.key, after.client, networks_, interfaces_);
-      !allowed) {
-    return allowed;
-  }
-  if (before.disabled && !after.disabled) {
-    if (auto free = checkFree(after.key); !free) return free;
-  }
-  if (after.client.address == before.client.address) return {};
-  return checkRoomOf(after.client.address, rules_.size() - 1);
-}
-
-Result<void> NatRules::checkRoomOf(Ipv4Address client, size_t others) const {
-  const auto it = clientRules_.find(client);
-  const uint32_t count = it == clientRules_.end() ? 0 : it->second;
-  const Policy& policy = policies_.policy();
-  if (count >= policy.maxRulesPerClient) {
-    return Failure{"internal client " + client.text() +
-                   " has all the rules that the policy allows it, " +
-                   std::to_string(policy.maxRulesPerClient)};
-  }
-  if (count >= Policy::fewRules && others >= policy.maxRules - policy.keptPlaces()) {
-    return Failure{"internal client " + client.text() + " has " + std::to_string(count) +
-                   " rules, and the last " + std::to_string(policy.keptPlaces()) +
-                   " places are kept for clients that have fewer than " +
-                   std::to_string(Policy::fewRules)};
-  }
   return {};
 }
 
@@ -409,12 +352,12 @@ std::set<RuleKey> NatRules::removeFromKernel(const std::vector<RuleKey>& keys) {
 void NatRules::leasesEnded(const std::vector<uint32_t>& ids) {
   std::vector<RuleKey> inKernel;
   for (const uint32_t id : ids) {
-    const Rule& rule = rules_.find(id)->second;
+    const Rule& rule = table_.find(id)->second;
     if (rule.inKernel()) inKernel.push_back(rule.key);
   }
   const std::set<RuleKey> kept = removeFromKernel(inKernel);
   for (const uint32_t id : ids) {
-    const auto it = rules_.find(id);
+    const auto it = table_.find(id);
     if (kept.contains(it->second.key)) {
       it->second.until = clock_.now() + removalRetry;
       leases_.add(id, *it->second.until);
@@ -439,20 +382,14 @@ void NatRules::note(Event event, const PortLog::Author& author, const Rule& rule
 }
 
 void NatRules::insert(uint32_t id, const Rule& rule) {
-  ids_.emplace(rule.key, id);
-  ++clientRules_[rule.client.address];
-  rules_.emplace(id, rule);
+  table_.insert(id, rule);
   if (rule.until) leases_.add(id, *rule.until);
   notify(record(id, rule, {}));
 }
 
 void NatRules::erase(Rules::iterator it) {
-  const Rule& rule = it->second;
-  ids_.erase(rule.key);
-  auto count = clientRules_.find(rule.client.address);
-  if (--count->second == 0) clientRules_.erase(count);
-  if (rule.until) leases_.remove(it->first, *rule.until);
-  rules_.erase(it);
+  if (const auto until = it->second.until) leases_.remove(it->first, *until);
+  table_.erase(it);
 }
 
 void NatRules::eraseForGood(Rules::iterator it) {
@@ -469,16 +406,9 @@ void NatRules::notify(const lm::message& record) {
   notifier_.notify(lm::cmd::changed, lm::nat::path(), news);
 }
 
-uint32_t NatRules::nextId() {
-  do {
-    ++lastId_;
-  } while (lastId_ == 0 || lastId_ == lm::none || rules_.contains(lastId_));
-  return lastId_;
-}
-
 NatRules::Counts NatRules::count() {
   Counts counts;
-  if (rules_.empty()) return counts;
+  if (table_.rules().empty()) return counts;
   if (auto uses = map_.uses()) {
     counts.uses = std::move(*uses);
   } else {
@@ -487,7 +417,7 @@ NatRules::Counts NatRules::count() {
   Numbers connections;
   const bool complete = flows_.visitTranslated([&](const Flow& flow) {
     RuleKey key{.external = flow.destination, .protocol = flow.protocol};
-    if (ids_.contains(key)) ++connections[key];
+    if (table_.find(key) != nullptr) ++connections[key];
   });
   if (complete) counts.connections = std::move(connections);
   return counts;
@@ -513,11 +443,9 @@ lm::message NatRules::record(uint32_t id, const Rule& rule, const Counts& counts
 }
 
 std::optional<Endpoint> NatRules::udpClient(const Endpoint& external) const {
-  auto id = ids_.find(RuleKey{.external = external, .protocol = IPPROTO_UDP});
-  if (id == ids_.end()) return std::nullopt;
-  const Rule& rule = rules_.find(id->second)->second;
-  if (!rule.inKernel()) return std::nullopt;
-  return rule.client;
+  const Rule* const rule = table_.find(RuleKey{.external = external, .protocol = IPPROTO_UDP});
+  if (rule == nullptr || !rule->inKernel()) return std::nullopt;
+  return rule->client;
 }
 
 }  // namespace lumen

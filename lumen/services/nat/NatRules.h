@@ -9,6 +9,7 @@
 
 #include "lumen/runtime/Clock.h"
 #include "lumen/services/LocalHandler.h"
+#include "lumen/services/nat/Admission.h"
 #include "lumen/services/nat/FlowCleaner.h"
 #include "lumen/services/nat/IdHistory.h"
 #include "lumen/services/nat/Leases.h"
@@ -18,6 +19,7 @@
 #include "lumen/services/nat/PortLog.h"
 #include "lumen/services/nat/Rule.h"
 #include "lumen/services/nat/RuleMessage.h"
+#include "lumen/services/nat/RuleTable.h"
 #include "lumen/services/system/netlink/Listeners.h"
 #include "lumen/values/Result.h"
 
@@ -48,7 +50,7 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts, private Le
   void connectionEnded(uint64_t connection) override;
 
  private:
-  using Rules = std::map<uint32_t, Rule>;
+  using Rules = RuleTable::Rules;
 
   using Numbers = std::map<RuleKey, uint64_t>;
 
@@ -67,19 +69,15 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts, private Le
   /// Carries out an add, set or remove request, and records it when it is refused.
   [[nodiscard]] lm::message change(const Caller& caller, uint32_t command,
                                    const lm::message& request);
-  [[nodiscard]] lm::message add(const Caller& caller, const lm::message& request);
-  [[nodiscard]] lm::message set(const Caller& caller, const lm::message& request);
-  [[nodiscard]] lm::message remove(const Caller& caller, const lm::message& request);
+  // Why the request is refused; none: `reply` answers it.
+  [[nodiscard]] std::optional<Refused> add(const Caller& caller, const lm::message& request,
+                                           lm::message& reply);
+  [[nodiscard]] std::optional<Refused> set(const Caller& caller, const lm::message& request);
+  [[nodiscard]] std::optional<Refused> remove(const Caller& caller, const lm::message& request);
   [[nodiscard]] lm::message list(const Caller& caller, const lm::message& request);
   [[nodiscard]] lm::message read(const lm::message& request);
   [[nodiscard]] lm::message writePolicy(const lm::message& request);
 
-  [[nodiscard]] Result<void> checkAdd(const Rule& rule) const;
-  [[nodiscard]] Result<void> checkSet(const Rule& before, const Rule& after) const;
-  /// Whether no program of this router listens there, or the policy does not mind.
-  [[nodiscard]] Result<void> checkFree(const RuleKey& key) const;
-  /// Whether `client` may have one rule more, while there are `others` in all.
-  [[nodiscard]] Result<void> checkRoomOf(Ipv4Address client, size_t others) const;
   /// Puts `after` in the place of a rule with the same key, in the kernel too.
   [[nodiscard]] Result<void> replace(Rules::iterator it, Rule after);
   /// Removes a rule, from the kernel too.
@@ -110,7 +108,6 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts, private Le
   /// Notifies the readers that the rule has gone, and erases it.
   void eraseForGood(Rules::iterator it);
   void notify(const lm::message& record);
-  [[nodiscard]] uint32_t nextId();
 
   [[nodiscard]] Counts count();
   [[nodiscard]] lm::message record(uint32_t id, const Rule& rule, const Counts& counts) const;
@@ -119,18 +116,14 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts, private Le
   NatMap& map_;
   Flows& flows_;
   const LocalNetworks& networks_;
-  const KnownInterfaces& interfaces_;
-  Listeners& listeners_;
   PolicyBook& policies_;
   PortLog& log_;
   Notifier& notifier_;
   const lm::Clock& clock_;
 
-  Rules rules_;                                  // by id
-  std::map<RuleKey, uint32_t> ids_;              // of all rules, those outside the kernel too
-  std::map<Ipv4Address, uint32_t> clientRules_;  // how many rules a client has
-  std::map<uint64_t, IdHistory> everAdded_;      // by connections that have not ended
-  uint32_t lastId_ = 0;
+  RuleTable table_;
+  Admission admission_;
+  std::map<uint64_t, IdHistory> everAdded_;  // by connections that have not ended
   std::optional<Listing> listing_;
   FlowCleaner cleaner_;
   Leases leases_;

@@ -190,10 +190,18 @@ Result<void> Policy::set(std::string_view name, std::string_view value) {
 Result<void> Policy::allows(const RuleKey& key, const Endpoint& client,
                             const LocalNetworks& networks,
                             const KnownInterfaces& interfaces) const {
-  if (!externalPorts.contains(key.external.port)) {
-    return Failure{"external port " + std::to_string(key.external.port) +
-                   " is not allowed by the policy"};
-  }
+  if (auto allowed = allowsPort(key.external.port); !allowed) return allowed;
+  return allowsClient(key, client, networks, interfaces);
+}
+
+Result<void> Policy::allowsPort(uint16_t externalPort) const {
+  if (externalPorts.contains(externalPort)) return {};
+  return Failure{"external port " + std::to_string(externalPort) + " is not allowed by the policy"};
+}
+
+Result<void> Policy::allowsClient(const RuleKey& key, const Endpoint& client,
+                                  const LocalNetworks& networks,
+                                  const KnownInterfaces& interfaces) const {
   std::string host = "internal client " + client.address.text();
   if (!isUnicastHost(client.address)) return Failure{host + " is not the address of a host"};
   if (networks.isOwn(client.address)) return Failure{host + " is this router"};

@@ -16,6 +16,11 @@ namespace lumen {
 /// Ports, written "1024-65535" or "80, 443, 6000-6999".
 class PortRanges {
  public:
+  struct Range {
+    uint16_t first = 0;
+    uint16_t last = 0;
+  };
+
   /// Fails when the text is anything else.
   [[nodiscard]] static Result<PortRanges> parse(std::string_view text);
 
@@ -23,11 +28,10 @@ class PortRanges {
   /// "none" for no ports, which is never parsed.
   [[nodiscard]] std::string text() const;
 
+  /// As they were written: they may overlap.
+  [[nodiscard]] const std::vector<Range>& ranges() const { return ranges_; }
+
  private:
-  struct Range {
-    uint16_t first = 0;
-    uint16_t last = 0;
-  };
   std::vector<Range> ranges_;  // as they were written
 };
 
@@ -83,6 +87,11 @@ struct Policy {
   [[nodiscard]] Result<void> allows(const RuleKey& key, const Endpoint& client,
                                     const LocalNetworks& networks,
                                     const KnownInterfaces& interfaces) const;
+  // The two halves of that.
+  [[nodiscard]] Result<void> allowsPort(uint16_t externalPort) const;
+  [[nodiscard]] Result<void> allowsClient(const RuleKey& key, const Endpoint& client,
+                                          const LocalNetworks& networks,
+                                          const KnownInterfaces& interfaces) const;
 };
 
 }  // namespace lumen

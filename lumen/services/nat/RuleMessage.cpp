@@ -23,7 +23,7 @@ constexpr std::array setFields = {
 /// The fields that the codec of a rule writes.
 std::vector<uint32_t> addFields() {
   lm::message rule;
-  lm::nat::write(rule, lm::nat::Rule{.lease = 1});
+  lm::nat::write(rule, lm::nat::Rule{.lease = 1, .anyPort = true});
   std::vector<uint32_t> fields;
   for (const lm::Field& field : rule.fields()) fields.push_back(field.key);
   return fields;
@@ -77,7 +77,8 @@ Result<void> checkRule(const lm::message& request) {
   if (rule.protocol != IPPROTO_TCP && rule.protocol != IPPROTO_UDP) {
     return Failure{"protocol must be 6 (TCP) or 17 (UDP)"};
   }
-  if (!isPort(rule.port)) return Failure{"external port must be from 1 to 65535"};
+  const bool noWish = rule.anyPort && rule.port == 0;
+  if (!noWish && !isPort(rule.port)) return Failure{"external port must be from 1 to 65535"};
   if (!isPort(rule.clientPort)) return Failure{"internal port must be from 1 to 65535"};
   if (rule.lease == 0U) return Failure{emptyLease};
   return {};
@@ -122,6 +123,7 @@ Result<RuleRequest> readRule(const lm::message& request) {
                  .port = static_cast<uint16_t>(wire.clientPort)};
   rule.disabled = wire.disabled;
   if (wire.lease) result.lease = std::chrono::seconds(*wire.lease);
+  result.anyPort = wire.anyPort;
   return result;
 }
 

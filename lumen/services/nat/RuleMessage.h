@@ -13,6 +13,7 @@ namespace lumen {
 struct RuleRequest {
   Rule rule;                                  ///< its key, client and disabled flag
   std::optional<std::chrono::seconds> lease;  ///< none: permanent
+  bool anyPort = false;                       ///< its external port is a wish, 0: none
 };
 
 /// Fails when the table cannot hold such a rule. Whether the router has the address and the policy

@@ -30,9 +30,10 @@ struct Port {
   bool disabled = false;
   const char* external = "45.45.45.1";
   uint32_t lease = 0;  // in seconds; 0: permanent
+  bool anyPort = false;
 };
 
-/// The request for it, as the gateway daemon sends it; a lease comes last.
+/// The request for it, as the gateway daemon sends it; what that never asks for comes last.
 inline lm::message addRequest(const Port& port) {
   lm::message request =
       lm::test::addRuleRequest({.protocol = std::string(port.protocol) == "tcp" ? 6U : 17U,
@@ -42,6 +43,7 @@ inline lm::message addRequest(const Port& port) {
                                 .disabled = port.disabled,
                                 .external = port.external});
   if (port.lease != 0) request.insert_u32(0x08010050, port.lease);
+  if (port.anyPort) request.insert_bool(0x00010051, true);
   request.insert_u32_array(lm::key::destination, {20, 5});
   return request;
 }
