@@ -33,9 +33,9 @@ using fuzz::require;
 namespace key = lm::nat::key;
 
 const std::array<lumen::Caller, 4> callers = {{
-    {.connection = 1, .service = 40, .name = "upnp", .administrator = false},
-    {.connection = 2, .service = 41, .name = "other", .administrator = false},
-    {.connection = 3, .service = 0, .name = "", .administrator = false},
+    {.connection = 1, .service = 40, .name = "upnp", .ports = lumen::PortGrant()},
+    {.connection = 2, .service = 41, .name = "other", .ports = lumen::PortGrant()},
+    {.connection = 3, .service = 0, .name = "", .ports = lumen::PortGrant()},
     {.connection = 4, .service = 0, .name = "", .administrator = true},
 }};
 const lumen::Caller& administrator = callers.back();

@@ -2,10 +2,12 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "lumen/services/PortGrant.h"
 #include "platform/message.h"
 
 namespace lumen {
@@ -18,6 +20,7 @@ struct Caller {
   bool administrator = false;  ///< root or a member of the group lumen
   uint32_t user = 0;           ///< of its process
   bool reads = false;          ///< a service that may read what administrators can
+  std::optional<PortGrant> ports = std::nullopt;  ///< of its service; none: it may open none
 
   [[nodiscard]] bool mayRead() const { return administrator || reads; }
 };

@@ -178,6 +178,7 @@ user = {service_user}
 boot = yes
 stores = upnp upnpm
 network = internal
+ports = yes
 """)
     (services / "resolver.ini").write_text(f"""[service]
 name = resolver

@@ -103,6 +103,14 @@ Finding fenced(const GatewayFile& file, const std::string& consequence) {
           "add the line \"network = internal\" to it, then " + restartOf(file)};
 }
 
+/// The same for opening ports.
+Finding portless(const GatewayFile& file) {
+  return {"gateway-opens-no-ports",
+          "The service file " + file.path + " does not let the gateway open ports.",
+          "Every program that asks for a port is refused.",
+          "add the line \"ports = yes\" to it, then " + restartOf(file)};
+}
+
 /// An external address that hosts on the Internet cannot reach.
 Finding unreachable(const std::string& interface, lumen::Ipv4Address address) {
   const std::string subject = "The external address " + address.text() + " of " + interface;
@@ -161,6 +169,9 @@ Findings checkGateway(const Observation& seen) {
       break;
   }
   Findings findings = checkRoles(seen.interfaces);
+  if (!seen.gatewayFile.opensPorts) {
+    findings.insert(findings.begin(), portless(seen.gatewayFile));
+  }
   if (seen.gatewayFile.state == GatewayFile::State::fenced) {
     findings.insert(findings.begin(), fenced(seen.gatewayFile, noGateway));
   }

@@ -24,8 +24,9 @@ struct GatewayFile {
 
   std::string path;
   State state = State::missing;
-  std::string error;      ///< of a wrong one
-  bool packaged = false;  ///< it came with Debian's package
+  std::string error;       ///< of a wrong one
+  bool packaged = false;   ///< it came with Debian's package
+  bool opensPorts = true;  ///< it lets the gateway open ports, if lumend takes it
 };
 
 /// An interface that has a role.

@@ -63,6 +63,7 @@ GatewayFile readGatewayFile(Machine& machine, const std::string& root) {
   } else if (const auto checked = checkGatewayFile(*text, lumen::SystemUsers()); checked) {
     file.state = checked->network == lumen::NetworkGrant::internal ? GatewayFile::State::right
                                                                    : GatewayFile::State::fenced;
+    file.opensPorts = checked->ports.has_value();
   } else if (checkGatewayFile(*text, InstalledUsers())) {
     file.state = GatewayFile::State::userMissing;
   } else {

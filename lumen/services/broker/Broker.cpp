@@ -300,6 +300,7 @@ void Broker::handleLocal(Connection& from, Path to, const lm::message& request) 
   caller.administrator = from.rights().administrator();
   caller.reads = from.rights().mayRead();
   caller.user = from.peer().user;
+  caller.ports = services_.portsOf(caller.service);
   lm::message reply = handler->second->handle(caller, request.get_u32(lm::key::command), request);
   from.undo = handler->second->takeUndo();
   answer(to.service, asking, std::move(reply));

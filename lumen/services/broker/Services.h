@@ -3,9 +3,11 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "lumen/services/PortGrant.h"
 #include "platform/message.h"
 
 namespace lumen {
@@ -36,6 +38,9 @@ class Services {
   [[nodiscard]] virtual bool mayAsk(uint32_t number) const = 0;
   /// Whether it may read what administrators can read.
   [[nodiscard]] virtual bool mayRead(uint32_t number) const = 0;
+
+  /// Which ports it may open; none: it may open none.
+  [[nodiscard]] virtual std::optional<PortGrant> portsOf(uint32_t number) const = 0;
 
   /// A request for this service, defined or not, is about to be passed on.
   virtual void asked(uint32_t number) = 0;

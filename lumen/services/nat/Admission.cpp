@@ -1,5 +1,8 @@
 #include "lumen/services/nat/Admission.h"
 
+#include <chrono>
+#include <utility>
+
 #include "lumen/values/Result.h"
 
 namespace lumen {
@@ -19,6 +22,19 @@ Refused full(std::string text) {
   return {.text = std::move(text), .denial = {.why = Refusal::full}};
 }
 
+Refused lacksRight(std::string text) {
+  return {.text = std::move(text), .denial = {.why = Refusal::rights}};
+}
+
+/// A lease that is longer than the caller's service file grants; `from` is its begin.
+std::optional<Refused> refuseLease(const Caller& caller, const Rule& rule, lm::Clock::Time from) {
+  if (caller.administrator || !caller.ports || !caller.ports->longestLease) return std::nullopt;
+  const std::chrono::seconds longest = *caller.ports->longestLease;
+  if (rule.until && *rule.until - from <= longest) return std::nullopt;
+  return lacksRight("the longest lease that its service file allows is " +
+                    std::to_string(longest.count()) + " seconds");
+}
+
 }  // namespace
 
 Admission::Admission(const RuleTable& table, const LocalNetworks& networks,
@@ -30,7 +46,11 @@ Admission::Admission(const RuleTable& table, const LocalNetworks& networks,
       listeners_(listeners),
       policies_(policies) {}
 
-std::optional<Refused> Admission::refuseAdd(Rule& rule, bool anyPort) {
+std::optional<Refused> Admission::refuseAdd(const Caller& caller, Rule& rule, bool anyPort) {
+  if (!caller.administrator) {
+    if (!caller.ports) return lacksRight("its service file does not say \"ports = yes\"");
+    if (auto refused = refuseLease(caller, rule, rule.addedAt)) return refused;
+  }
   if (!networks_.interfaceOf(rule.key.external.address)) {
     return Refused{.text = "external address " + rule.key.external.address.text() +
                            " is not one of this router",
@@ -51,15 +71,24 @@ std::optional<Refused> Admission::refuseAdd(Rule& rule, bool anyPort) {
                 " rules already, the policy allows " + std::to_string(policy().maxRules));
   }
   if (auto refused = refuseFull(rule.client.address, table_.size())) return refused;
+  if (!caller.administrator &&
+      table_.sizeOf(rule.owner) >= caller.ports->most.value_or(UINT32_MAX)) {
+    return full("service " + rule.owner + " has all the rules that its file allows it, " +
+                std::to_string(*caller.ports->most));
+  }
   return anyPort ? choosePort(rule) : refuseOwnPort(rule.key);
 }
 
 // The external address may have left the router since: such a rule keeps working when it is back.
-std::optional<Refused> Admission::refuseSet(const Rule& before, const Rule& after) const {
+std::optional<Refused> Admission::refuseSet(const Caller& caller, const Rule& before,
+                                            const Rule& after, lm::Clock::Time now) const {
   // An owner may close its port whatever the policy allows now.
   if (after.disabled && after.client == before.client && after.until == before.until) return {};
   if (auto refused = asRefusal(policy().allows(after.key, after.client, networks_, interfaces_))) {
     return refused;
+  }
+  if (after.until != before.until) {
+    if (auto refused = refuseLease(caller, after, now)) return refused;
   }
   if (before.disabled && !after.disabled) {
     if (auto refused = refuseOwnPort(after.key)) return refused;

@@ -3,6 +3,7 @@
 #include <optional>
 #include <string>
 
+#include "lumen/services/LocalHandler.h"
 #include "lumen/services/nat/LocalNetworks.h"
 #include "lumen/services/nat/Policy.h"
 #include "lumen/services/nat/PolicyBook.h"
@@ -24,8 +25,9 @@ struct Refused {
 /// The owner of the rules that administrators add.
 inline constexpr const char* administratorName = "administrator";
 
-/// Decides which rules the table takes: the policy, this router's addresses, the rules that there
-/// are, and the programs of the router that listen at ports.
+/// Decides which rules the table takes: what the caller's service file grants, the policy, this
+/// router's addresses, the rules that there are, and the programs of the router that listen at
+/// ports.
 class Admission {
  public:
   /// All must outlive this.
@@ -34,11 +36,12 @@ class Admission {
   Admission(const Admission&) = delete;
   Admission& operator=(const Admission&) = delete;
 
-  /// Whether `rule`, which names its owner, may be added; none: it may. With `anyPort` its external
-  /// port is a wish, 0 for none, which this replaces where it cannot be granted.
-  [[nodiscard]] std::optional<Refused> refuseAdd(Rule& rule, bool anyPort);
-  /// Whether a rule may become `after`.
-  [[nodiscard]] std::optional<Refused> refuseSet(const Rule& before, const Rule& after) const;
+  /// Whether `caller` may add `rule`, of which it is the owner; none: it may. With `anyPort` its
+  /// external port is a wish, 0 for none, which this replaces where it cannot be granted.
+  [[nodiscard]] std::optional<Refused> refuseAdd(const Caller& caller, Rule& rule, bool anyPort);
+  /// Whether `caller` may make `after` of a rule at the time `now`.
+  [[nodiscard]] std::optional<Refused> refuseSet(const Caller& caller, const Rule& before,
+                                                 const Rule& after, lm::Clock::Time now) const;
 
  private:
   [[nodiscard]] std::optional<Refused> refuseTaken(const Rule& rule) const;

@@ -149,7 +149,7 @@ std::optional<Refused> NatRules::add(const Caller& caller, const lm::message& re
   rule.user = caller.user;
   rule.addedAt = clock_.now();
   if (wanted->lease) rule.until = rule.addedAt + *wanted->lease;
-  if (auto refused = admission_.refuseAdd(rule, wanted->anyPort)) return refused;
+  if (auto refused = admission_.refuseAdd(caller, rule, wanted->anyPort)) return refused;
 
   if (rule.inKernel()) {
     const auto added = addToKernel(rule);
@@ -188,15 +188,16 @@ std::optional<Refused> NatRules::set(const Caller& caller, const lm::message& re
   after.disabled = change->disabled.value_or(before.disabled);
   after.client.address = change->clientAddress.value_or(before.client.address);
   after.client.port = change->clientPort.value_or(before.client.port);
+  const lm::Clock::Time now = clock_.now();
   if (change->lease) {
     if (before.closed) {
       return Refused{.text = keyText(before.key) + " was closed by the administrator",
                      .denial = {.why = lm::nat::Refusal::policy}};
     }
-    after.until = clock_.now() + *change->lease;
+    after.until = now + *change->lease;
   }
   if (!change->close) {
-    if (auto refused = admission_.refuseSet(before, after)) return refused;
+    if (auto refused = admission_.refuseSet(caller, before, after, now)) return refused;
   }
   const Rule replaced = before;
   if (const auto done = replace(it, after); !done) return asRefusal(done.failure());

@@ -4,17 +4,34 @@
 
 namespace lumen {
 
+namespace {
+
+template <typename Key>
+void countDown(std::map<Key, uint32_t>& counts, const Key& key) {
+  const auto count = counts.find(key);
+  if (--count->second == 0) counts.erase(count);
+}
+
+template <typename Key>
+uint32_t countOf(const std::map<Key, uint32_t>& counts, const Key& key) {
+  const auto count = counts.find(key);
+  return count == counts.end() ? 0 : count->second;
+}
+
+}  // namespace
+
 void RuleTable::insert(uint32_t id, const Rule& rule) {
   ids_.emplace(rule.key, id);
   ++clientRules_[rule.client.address];
+  ++ownerRules_[rule.owner];
   rules_.emplace(id, rule);
 }
 
 void RuleTable::erase(Rules::iterator it) {
   const Rule& rule = it->second;
   ids_.erase(rule.key);
-  const auto count = clientRules_.find(rule.client.address);
-  if (--count->second == 0) clientRules_.erase(count);
+  countDown(clientRules_, rule.client.address);
+  countDown(ownerRules_, rule.owner);
   rules_.erase(it);
 }
 
@@ -30,9 +47,8 @@ const Rule* RuleTable::find(const RuleKey& key) const {
   return it == ids_.end() ? nullptr : &rules_.find(it->second)->second;
 }
 
-uint32_t RuleTable::sizeOf(Ipv4Address client) const {
-  const auto it = clientRules_.find(client);
-  return it == clientRules_.end() ? 0 : it->second;
-}
+uint32_t RuleTable::sizeOf(Ipv4Address client) const { return countOf(clientRules_, client); }
+
+uint32_t RuleTable::sizeOf(const std::string& owner) const { return countOf(ownerRules_, owner); }
 
 }  // namespace lumen

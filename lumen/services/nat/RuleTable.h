@@ -12,7 +12,7 @@
 namespace lumen {
 
 /// The rules by their ids, with what must be known of them at each change: which key is taken, and
-/// how many a client has.
+/// how many a client and an owner have.
 class RuleTable {
  public:
   using Rules = std::map<uint32_t, Rule>;
@@ -35,11 +35,14 @@ class RuleTable {
   [[nodiscard]] size_t size() const { return rules_.size(); }
   /// How many lead to it.
   [[nodiscard]] uint32_t sizeOf(Ipv4Address client) const;
+  /// How many it has, whichever of its connections added them.
+  [[nodiscard]] uint32_t sizeOf(const std::string& owner) const;
 
  private:
   Rules rules_;
   std::map<RuleKey, uint32_t> ids_;
   std::map<Ipv4Address, uint32_t> clientRules_;  // none is 0
+  std::map<std::string, uint32_t> ownerRules_;   // none is 0
   uint32_t lastId_ = 0;
 };
 

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <chrono>
 #include <limits>
 #include <map>
 
@@ -19,6 +20,7 @@ using Settings = std::map<std::string, std::string, std::less<>>;
 constexpr size_t maxLine = 190;
 constexpr size_t maxName = 32;
 constexpr uint32_t maxNumber = 0xFFFF;
+constexpr uint32_t maxPorts = 65536;  // of the NAT policy's max-rules
 
 bool isName(std::string_view text) {
   const auto allowed = [](char c) {
@@ -44,9 +46,10 @@ struct Reading {
 };
 
 int takeSetting(void* context, const char* section, const char* name, const char* value) {
-  static constexpr std::string_view known[] = {"name",  "number",  "executable",  "user",
-                                               "group", "boot",    "stores",      "answers-only",
-                                               "reads", "network", "capabilities"};
+  static constexpr std::string_view known[] = {
+      "name",         "number", "executable",   "user",         "group",
+      "boot",         "stores", "answers-only", "reads",        "network",
+      "capabilities", "ports",  "most-ports",   "longest-lease"};
   auto& reading = *static_cast<Reading*>(context);
   if (!reading.outcome) return 1;
   const std::string_view setting = name;
@@ -103,6 +106,7 @@ class Builder {
     takeStores();
     takeNetwork();
     takeCapabilities();
+    takePorts();
     if (!outcome_) return outcome_.failure();
     return definition_;
   }
@@ -195,6 +199,30 @@ class Builder {
     definition_.netBindService = capabilities == "net-bind-service";
     if (capabilities.empty() || definition_.netBindService) return;
     fail("\"capabilities\" can be net-bind-service and nothing else");
+  }
+
+  std::optional<uint32_t> limitOfPorts(std::string_view setting, uint32_t highest) {
+    if (!settings_.contains(setting)) return std::nullopt;
+    const auto limit = toNumber<uint32_t>(optional(setting));
+    if (!limit || *limit == 0 || *limit > highest) {
+      fail("\"" + std::string(setting) + "\" is no number from 1 to " + std::to_string(highest));
+    }
+    if (!definition_.ports) fail("\"" + std::string(setting) + "\" needs \"ports = yes\"");
+    return limit;
+  }
+
+  void takePorts() {
+    if (yesOrNo("ports")) {
+      definition_.ports.emplace();
+      if (definition_.answersOnly || definition_.reads) {
+        fail("a service that opens ports may be neither \"answers-only\" nor one that \"reads\"");
+      }
+    }
+    const auto most = limitOfPorts("most-ports", maxPorts);
+    const auto longest = limitOfPorts("longest-lease", std::numeric_limits<uint32_t>::max());
+    if (!definition_.ports) return;
+    definition_.ports->most = most;
+    if (longest) definition_.ports->longestLease = std::chrono::seconds(*longest);
   }
 
   const Settings& settings_;

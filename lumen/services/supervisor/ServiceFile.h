@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "lumen/services/PortGrant.h"
 #include "lumen/values/Result.h"
 
 namespace lumen {
@@ -35,6 +36,9 @@ enum class NetworkGrant {
 ///     stores = upnp upnpm                  ; left out: none; directories below /lumen/store
 ///     network = internal                   ; or answers, name-servers or none; left out: none
 ///     capabilities = net-bind-service      ; left out: none; there is no other
+///     ports = yes                          ; left out or no: may open none
+///     most-ports = 1000                    ; left out: as many as the NAT policy allows
+///     longest-lease = 86400                ; in seconds; left out: ports may be permanent
 struct ServiceDefinition {
   std::string name;
   uint32_t number = 0;
@@ -46,6 +50,7 @@ struct ServiceDefinition {
   bool reads = false;           // what administrators can read; it may ask for nothing else
   bool netBindService = false;  // CAP_NET_BIND_SERVICE: may bind ports below 1024
   std::vector<std::string> stores;
+  std::optional<PortGrant> ports;       // none: may open none
   std::optional<NetworkGrant> network;  // none: the file does not say, which grants nothing
 };
 

@@ -92,6 +92,11 @@ bool Supervisor::mayRead(uint32_t number) const {
   return service != nullptr && service->definition().reads;
 }
 
+std::optional<PortGrant> Supervisor::portsOf(uint32_t number) const {
+  const Service* const service = find(number);
+  return service == nullptr ? std::nullopt : service->definition().ports;
+}
+
 void Supervisor::asked(uint32_t number) {
   const Service* const service = find(number);
   if (service != nullptr && requests_ != nullptr) requests_->asked(service->definition());

@@ -47,6 +47,7 @@ class Supervisor : public Services, public Processes::Observer {
   [[nodiscard]] std::vector<uint32_t> servicesOf(uid_t user) const override;
   [[nodiscard]] bool mayAsk(uint32_t number) const override;
   [[nodiscard]] bool mayRead(uint32_t number) const override;
+  [[nodiscard]] std::optional<PortGrant> portsOf(uint32_t number) const override;
   void asked(uint32_t number) override;
   bool need(uint32_t number, bool administrator) override;
   void registered(uint32_t number) override;

@@ -245,7 +245,7 @@ TEST(Check, NamesFiveStalePortsAndCountsTheOthers) {
 }
 
 GatewayFile file(GatewayFile::State state, bool packaged = true) {
-  return {"/etc/lumen/services/upnp.ini", state, "unknown setting \"speed\"", packaged};
+  return {"/etc/lumen/services/upnp.ini", state, "unknown setting \"speed\"", packaged, true};
 }
 
 // Promise [ctl-check-service]: `upnp check` of a platform that knows no gateway tells a service
@@ -289,6 +289,19 @@ TEST(Check, FindsAServiceFileThatFencesTheGatewayIn) {
   ASSERT_EQ(idsOf(findings), Ids{"gateway-fenced"});
   EXPECT_EQ(findings.front().remedy,
             "add the line \"network = internal\" to it, then systemctl restart lumend");
+}
+
+// Promise: `upnp check` finds a service file that does not let the gateway open ports.
+TEST(Check, FindsAServiceFileThatLetsTheGatewayOpenNoPort) {
+  Observation seen = healthyRouter();
+  seen.gatewayFile = file(GatewayFile::State::right);
+  seen.gatewayFile.opensPorts = false;
+  const Findings findings = checkGateway(seen);
+  ASSERT_EQ(idsOf(findings), Ids{"gateway-opens-no-ports"});
+  EXPECT_EQ(findings.front().remedy,
+            "add the line \"ports = yes\" to it, then systemctl restart lumend");
+  seen.gatewayFile.state = GatewayFile::State::fenced;
+  EXPECT_EQ(idsOf(checkGateway(seen)), (Ids{"gateway-fenced", "gateway-opens-no-ports"}));
 }
 
 /// Whether the clients listed are taken for none of 192.168.88.0/24, this router's 192.168.88.1.

@@ -26,6 +26,7 @@ std::vector<ServiceDefinition> threeServices() {
   upnp.name = "upnp";
   upnp.number = 40;
   upnp.user = 200;
+  upnp.ports = PortGrant{.most = 100};
   ServiceDefinition web;
   web.name = "web";
   web.number = 42;

@@ -212,6 +212,8 @@ TEST_F(Routing, IdentifiesTheCallerToAHandlerOfThisProcess) {
   EXPECT_EQ(rules.callers[1].name, "upnp");
   EXPECT_EQ(rules.callers[1].connection, rules.callers[0].connection);
   EXPECT_FALSE(rules.callers[1].administrator);
+  EXPECT_EQ(rules.callers[1].ports, PortGrant{.most = 100});
+  EXPECT_EQ(rules.callers[2].ports, std::nullopt);
   EXPECT_EQ(rules.callers[2].service, 0U);
   EXPECT_EQ(rules.callers[2].name, "");
   EXPECT_TRUE(rules.callers[2].administrator);

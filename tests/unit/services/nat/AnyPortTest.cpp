@@ -109,8 +109,8 @@ TEST_F(AnyPortTest, LeavesOtherChecksAsTheyAre) {
 // Promise: A refused change says why as a number too: a port that is taken with who
 // has it, what the policy forbids, that there is no place, or anything else.
 TEST_F(AnyPortTest, SaysWhoHasAPortThatIsTaken) {
-  const Caller other{.connection = 8, .service = 41, .name = "pcp"};
-  const Caller sameService{.connection = 11, .service = 40, .name = "upnp"};
+  const Caller other{.connection = 8, .service = 41, .name = "pcp", .ports = PortGrant()};
+  const Caller sameService{.connection = 11, .service = 40, .name = "upnp", .ports = PortGrant()};
   opens({});
   opensAs(admin, {.port = 9000, .disabled = true});
   listeners.programs[{6, 8443}] = "ssh.service";

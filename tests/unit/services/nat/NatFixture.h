@@ -161,8 +161,8 @@ class NatFixture : public ::testing::Test {
     loop.turn(std::chrono::milliseconds(0));
   }
 
-  Caller daemon{.connection = 7, .service = 40, .name = "upnp", .administrator = false};
-  Caller otherProgram{.connection = 8, .service = 0, .name = "", .administrator = false};
+  Caller daemon{.connection = 7, .service = 40, .name = "upnp", .ports = PortGrant()};
+  Caller otherProgram{.connection = 8, .service = 0, .name = "", .ports = PortGrant()};
   Caller reader{.connection = 10, .service = 42, .name = "web", .reads = true};
   Caller admin{.connection = 9, .service = 0, .name = "", .administrator = true};
 

@@ -112,6 +112,19 @@ TEST(ServiceFile, SaysWhereTheServiceMaySend) {
   EXPECT_EQ(parse(serviceFile())->network, std::nullopt);
 }
 
+// Promise: A service file says by `ports = yes` that the service may open ports, by `most-ports`
+// how many at a time, and by `longest-lease` for how many seconds at most.
+TEST(ServiceFile, SaysWhichPortsTheServiceMayOpen) {
+  using namespace std::chrono_literals;
+  EXPECT_EQ(parse(serviceFile("", "ports = yes"))->ports, PortGrant());
+  EXPECT_EQ(parse(serviceFile("", "ports = no"))->ports, std::nullopt);
+  EXPECT_EQ(parse(serviceFile())->ports, std::nullopt);
+  EXPECT_EQ(parse(serviceFile("", "ports = yes\nmost-ports = 64\nlongest-lease = 86400"))->ports,
+            (PortGrant{.most = 64, .longestLease = 24h}));
+  EXPECT_EQ(parse(serviceFile("", "ports = yes\nlongest-lease = 4294967295"))->ports,
+            PortGrant{.longestLease = 4294967295s});
+}
+
 // Also proves [service-file].
 TEST(ServiceFile, HasDefaultsForWhatIsLeftOut) {
   const auto service = parse(serviceFile());
@@ -203,6 +216,17 @@ TEST(ServiceFile, IsRefusedWithAReason) {
       {"", "stores = upnp ../x", "\"../x\" is no name of a store"},
       {"", "network = all", "\"network\" is none of internal, answers, name-servers and none"},
       {"", "network =", "\"network\" is none of internal, answers, name-servers and none"},
+      {"", "ports = 64", "\"ports\" is neither yes nor no"},
+      {"", "most-ports = 64", "\"most-ports\" needs \"ports = yes\""},
+      {"", "ports = no\nlongest-lease = 1", "\"longest-lease\" needs \"ports = yes\""},
+      {"", "ports = yes\nmost-ports = 0", "\"most-ports\" is no number from 1 to 65536"},
+      {"", "ports = yes\nmost-ports = 65537", "\"most-ports\" is no number from 1 to 65536"},
+      {"", "ports = yes\nmost-ports =", "\"most-ports\" is no number from 1 to 65536"},
+      {"", "ports = yes\nlongest-lease = 0", "is no number from 1 to 4294967295"},
+      {"", "ports = yes\nlongest-lease = 1 h", "is no number from 1 to 4294967295"},
+      {"", "ports = yes\nlongest-lease = 4294967296", "is no number from 1 to 4294967295"},
+      {"", "ports = yes\nreads = yes", "may be neither \"answers-only\" nor one that \"reads\""},
+      {"", "ports = yes\nanswers-only = yes", "may be neither \"answers-only\" nor one"},
       {"", "colour = red", "unknown setting \"colour\""},
       {"", "colour = red\nnumber = 41", "unknown setting \"colour\""},
       {"", "number = 41", "\"number\" is given twice"},
