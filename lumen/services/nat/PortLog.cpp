@@ -18,13 +18,17 @@ PortLog::Time PortLog::systemTime() {
 void PortLog::add(lm::nat::Event event, const Author& author, const RuleKey& key,
                   const Endpoint& client, std::string_view reason) {
   const uint32_t id = nextId();
-  append(id, {.event = event,
-              .user = author.user,
-              .time = clock_(),
-              .key = key,
-              .client = client,
-              .owner = author.name.substr(0, longestOwner),
-              .reason = std::string(reason.substr(0, longestReason))});
+  Entry entry = {.time = clock_(),
+                 .owner = &*owners_.emplace(author.name.substr(0, longestOwner)).first,
+                 .reason = nullptr,
+                 .key = key,
+                 .client = client,
+                 .event = event,
+                 .user = author.user};
+  if (!reason.empty()) {
+    entry.reason = std::make_unique<const std::string>(reason.substr(0, longestReason));
+  }
+  append(id, std::move(entry));
   if (entries_.size() > capacity) dropOne();
   lm::message news;
   news.insert_message_array(lm::key::records, {record(id, entries_.at(id))});
@@ -34,16 +38,16 @@ void PortLog::add(lm::nat::Event event, const Author& author, const RuleKey& key
 void PortLog::addRefusalOfOwnPort(const Author& author, const RuleKey& key, const Endpoint& client,
                                   std::string_view reason) {
   add(lm::nat::Event::refused, author, key, client, reason);
-  std::erase_if(ownPorts_, [&](const auto& known) { return known.second.key == key; });
+  std::erase_if(ownPorts_, [&](const auto& known) { return known.first == key; });
   if (ownPorts_.size() == newestOwn) ownPorts_.erase(ownPorts_.begin());
-  ownPorts_.emplace_back(lastId_, entries_.at(lastId_));
+  ownPorts_.emplace_back(key, record(lastId_, entries_.at(lastId_)));
 }
 
 lm::message PortLog::handle(const Caller& caller, uint32_t command, const lm::message& request) {
   if (!caller.mayRead()) return lm::refusal("not permitted");
   if (command == lm::cmd::get) {
     std::vector<lm::message> records;
-    for (const auto& [id, entry] : ownPorts_) records.push_back(record(id, entry));
+    for (const auto& [key, news] : ownPorts_) records.push_back(news);
     lm::message answer;
     answer.insert_message_array(lm::key::records, std::move(records));
     return answer;
@@ -106,14 +110,14 @@ lm::message PortLog::record(uint32_t id, const Entry& entry) {
       m, lm::nat::LogRecord{.id = id,
                             .event = static_cast<uint32_t>(entry.event),
                             .time = static_cast<uint64_t>(entry.time.time_since_epoch().count()),
-                            .owner = entry.owner,
+                            .owner = *entry.owner,
                             .user = entry.user,
                             .protocol = entry.key.protocol,
                             .address = entry.key.external.address.bytes(),
                             .port = entry.key.external.port,
                             .client = entry.client.address.bytes(),
                             .clientPort = entry.client.port,
-                            .reason = entry.reason});
+                            .reason = entry.reason ? *entry.reason : ""});
   return m;
 }
 

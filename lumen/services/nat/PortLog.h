@@ -3,7 +3,9 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
 #include <string_view>
@@ -59,14 +61,15 @@ class PortLog : public LocalHandler {
   [[nodiscard]] bool isPrivate() const override { return true; }
 
  private:
+  // There are up to 10,000, so their members are few and in the order that needs no gaps.
   struct Entry {
-    lm::nat::Event event{};
-    uint32_t user = 0;
     Time time;
+    const std::string* owner = nullptr;         // one of owners_
+    std::unique_ptr<const std::string> reason;  // null: none
     RuleKey key;
     Endpoint client;
-    std::string owner;
-    std::string reason;
+    lm::nat::Event event{};
+    uint32_t user = 0;
     uint32_t next = 0;  // of its group; 0: it is the last
   };
   using Entries = std::map<uint32_t, Entry>;  // by id
@@ -97,7 +100,8 @@ class PortLog : public LocalHandler {
   std::map<Ipv4Address, Group> groups_;            // none is empty
   std::set<std::pair<uint32_t, uint32_t>> ranks_;  // of groups_
   uint32_t lastId_ = 0;
-  std::vector<std::pair<uint32_t, Entry>> ownPorts_;  // with their ids, the oldest first
+  std::set<std::string, std::less<>> owners_;              // as many as services that ask
+  std::vector<std::pair<RuleKey, lm::message>> ownPorts_;  // with their records, the oldest first
 };
 
 }  // namespace lumen
