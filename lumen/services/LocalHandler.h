@@ -42,7 +42,8 @@ class LocalHandler {
   /// stays where that is possible.
   [[nodiscard]] std::function<void()> takeUndo() { return std::exchange(undo_, nullptr); }
 
-  /// Whether only administrators, and services that may read, may subscribe to its notifications.
+  /// Whether only administrators and services that may read get its notifications. A service that
+  /// may open ports gets those of its own rules.
   [[nodiscard]] virtual bool isPrivate() const { return false; }
 
   /// The connection has ended, for whatever reason: removes what depends on it.
@@ -64,6 +65,12 @@ class Notifier {
   /// anything.
   virtual void notify(uint32_t command, const std::vector<uint32_t>& source,
                       const lm::message& fields) = 0;
+  /// The same, and to the connection `owner` too, if it has subscribed without being a reader.
+  virtual void notifyWithOwner(uint64_t owner, uint32_t command,
+                               const std::vector<uint32_t>& source, const lm::message& fields) {
+    (void)owner;
+    notify(command, source, fields);
+  }
 };
 
 }  // namespace lumen

@@ -31,6 +31,14 @@ std::string describe(const Connection& connection) {
          std::to_string(connection.peer().user) + ")";
 }
 
+lm::message notification(uint32_t command, const std::vector<uint32_t>& source,
+                         const lm::message& fields) {
+  lm::message m = fields;
+  m.insert_u32(lm::key::command, command);
+  m.insert_u32_array(lm::key::source, source);
+  return m;
+}
+
 Requester requester(const Connection& from, const lm::message& request) {
   return {from.number(), request.get_u32(lm::key::serial)};
 }
@@ -257,7 +265,8 @@ lm::message Broker::subscribe(Connection& from, const lm::message& request) {
   if (!from.rights().mayAsk() && !mayRead) return lm::refusal(notPermitted);
   if (!has(request, lm::broker::key::topicCommand) || source.empty())
     return lm::refusal("no command or path");
-  if (isPrivate(path) && !mayRead) return lm::refusal(notPermitted);
+  if (isPrivate(path) && !mayRead && !from.rights().mayHearOfItsOwn(path))
+    return lm::refusal(notPermitted);
   if (from.subscriptions >= maxSubscriptions) return lm::refusal("too many subscriptions");
   const uint32_t command = request.get_u32(lm::broker::key::topicCommand);
   if (subscriptions_.add(from.number(), command, path)) ++from.subscriptions;
@@ -389,13 +398,16 @@ void Broker::drainConnections(pid_t pid) {
 
 void Broker::notify(uint32_t command, const std::vector<uint32_t>& source,
                     const lm::message& fields) {
-  lm::message notification = fields;
-  notification.insert_u32(lm::key::command, command);
-  notification.insert_u32_array(lm::key::source, source);
-  publish(command, Path::of(source), notification);
+  publish(command, Path::of(source), notification(command, source, fields));
 }
 
-void Broker::publish(uint32_t command, Path source, const lm::message& notification) {
+void Broker::notifyWithOwner(uint64_t owner, uint32_t command, const std::vector<uint32_t>& source,
+                             const lm::message& fields) {
+  publish(command, Path::of(source), notification(command, source, fields), owner);
+}
+
+void Broker::publish(uint32_t command, Path source, const lm::message& notification,
+                     std::optional<uint64_t> owner) {
   if (!monitors_.empty()) showToMonitors(source.service, lm::monitor::subscribers, notification);
   const std::set<uint64_t>& subscribers = subscriptions_.subscribers(command, source);
   if (subscribers.empty()) return;
@@ -404,7 +416,12 @@ void Broker::publish(uint32_t command, Path source, const lm::message& notificat
     lm::logLine("a notification of ", source.service, "/", source.handler, " is too long");
     return;
   }
-  for (const uint64_t subscriber : subscribers) find(subscriber)->send(datagram);
+  const bool forReaders = isPrivate(source);
+  for (const uint64_t subscriber : subscribers) {
+    Connection* const connection = find(subscriber);
+    if (forReaders && subscriber != owner && !connection->rights().mayRead(source)) continue;
+    connection->send(datagram);
+  }
 }
 
 void Broker::showToMonitors(uint32_t from, uint32_t to, const lm::message& message) const {

@@ -57,6 +57,8 @@ class Broker : public Notifier, public Services::Observer, public Connection::Ow
 
   void notify(uint32_t command, const std::vector<uint32_t>& source,
               const lm::message& fields) override;
+  void notifyWithOwner(uint64_t owner, uint32_t command, const std::vector<uint32_t>& source,
+                       const lm::message& fields) override;
 
   void drainConnections(pid_t pid) override;
   void unavailable(uint32_t number) override;
@@ -95,7 +97,10 @@ class Broker : public Notifier, public Services::Observer, public Connection::Ow
   /// `from` is the number of the service that answers, as monitors see it.
   void answer(uint32_t from, Requester to, lm::message reply);
   void refuse(Requester to, const std::string& text);
-  void publish(uint32_t command, Path source, const lm::message& notification);
+  /// Sends it to its subscribers: of a private path to those who may read there, and to the
+  /// connection `owner`.
+  void publish(uint32_t command, Path source, const lm::message& notification,
+               std::optional<uint64_t> owner = std::nullopt);
   /// Notifies the readers of the list of services.
   void servicesChanged();
   void showToMonitors(uint32_t from, uint32_t to, const lm::message& message) const;

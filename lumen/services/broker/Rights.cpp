@@ -28,7 +28,10 @@ Rights::Rights(const Peer& peer, const Services& services, std::optional<gid_t> 
                           [&](uint32_t number) { return services.mayAsk(number); })),
       mayRead_(administrator_ ||
                std::any_of(services_.begin(), services_.end(),
-                           [&](uint32_t number) { return services.mayRead(number); })) {}
+                           [&](uint32_t number) { return services.mayRead(number); })),
+      opensPorts_(std::any_of(services_.begin(), services_.end(), [&](uint32_t number) {
+        return services.portsOf(number).has_value();
+      })) {}
 
 bool Rights::mayServe(uint32_t number) const {
   return administrator_ || contains(services_, number);
@@ -51,6 +54,11 @@ bool Rights::mayRead(Path path) const {
 }
 
 bool Rights::mayRead(Path path, uint32_t command) const { return isRead(command) && mayRead(path); }
+
+bool Rights::mayHearOfItsOwn(Path path) const {
+  return opensPorts_ && path.service == lm::service::interfaces &&
+         path.handler == lm::handler::natRules;
+}
 
 bool Rights::mayCall(uint32_t number) const {
   return administrator_ || number == lm::service::resolver || number == lm::service::identity ||

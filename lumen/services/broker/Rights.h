@@ -34,6 +34,8 @@ class Rights {
   [[nodiscard]] bool mayRead(Path path) const;
   /// Whether this is a request that only reads there, and it may.
   [[nodiscard]] bool mayRead(Path path, uint32_t command) const;
+  /// Whether it may subscribe there, to be notified of what is its own.
+  [[nodiscard]] bool mayHearOfItsOwn(Path path) const;
   [[nodiscard]] bool mayServe(uint32_t number) const;
   /// Whether it may send requests to another program.
   [[nodiscard]] bool mayCall(uint32_t number) const;
@@ -43,6 +45,7 @@ class Rights {
   std::vector<uint32_t> services_;
   bool mayAsk_ = false;
   bool mayRead_ = false;
+  bool opensPorts_ = false;
 };
 
 }  // namespace lumen

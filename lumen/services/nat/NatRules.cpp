@@ -111,7 +111,7 @@ void NatRules::connectionEnded(uint64_t connection) {
     if (it->second.connection == connection) {
       if (it->second.inKernel()) inKernel.push_back(it->second.key);
       note(Event::closed, it->second, "the program that had it ended");
-      eraseForGood(it);
+      eraseForGood(it, std::nullopt);
     }
     it = next;
   }
@@ -156,7 +156,7 @@ std::optional<Refused> NatRules::add(const Caller& caller, const lm::message& re
     if (!added) return asRefusal(kernelRefusal("add", rule.key, added.failure()));
   }
   const uint32_t id = table_.nextId();
-  insert(id, rule);
+  insert(id, rule, std::nullopt);
   note(Event::opened, rule, rule.disabled ? "disabled" : "");
   everAdded_[caller.connection].add(id);
   undoWith([this, id] { undoAdd(id); });
@@ -169,7 +169,7 @@ void NatRules::undoAdd(uint32_t id) {
   auto it = table_.find(id);
   if (it == table_.rules().end()) return;
   const Rule added = it->second;
-  if (drop(it)) note(Event::closed, added, givenUp);
+  if (drop(it, std::nullopt)) note(Event::closed, added, givenUp);
 }
 
 std::optional<Refused> NatRules::set(const Caller& caller, const lm::message& request) {
@@ -200,8 +200,9 @@ std::optional<Refused> NatRules::set(const Caller& caller, const lm::message& re
     if (auto refused = admission_.refuseSet(caller, before, after, now)) return refused;
   }
   const Rule replaced = before;
-  if (const auto done = replace(it, after); !done) return asRefusal(done.failure());
   const bool closing = after.closed && !replaced.closed;
+  const OptionalEnd end = closing ? OptionalEnd(lm::nat::End::administrator) : std::nullopt;
+  if (const auto done = replace(it, after, end); !done) return asRefusal(done.failure());
   if (closing) {
     note(Event::closed, authorOf(caller), after, "");
   } else if (const std::string what = describeChange(replaced, after); !what.empty()) {
@@ -225,11 +226,11 @@ void NatRules::undoSet(uint32_t id, const Rule& before, bool closing) {
     after.client = before.client;
     after.until = before.until;
   }
-  if (!replace(it, after)) return;
+  if (!replace(it, after, std::nullopt)) return;
   note(closing ? Event::opened : Event::changed, after, givenUp);
 }
 
-Result<void> NatRules::replace(Rules::iterator it, Rule after) {
+Result<void> NatRules::replace(Rules::iterator it, Rule after, OptionalEnd end) {
   if (it->second.inKernel() && !after.inKernel()) {
     if (after.earlierUses) {
       const auto uses = map_.uses(after.key);
@@ -240,7 +241,7 @@ Result<void> NatRules::replace(Rules::iterator it, Rule after) {
   if (!applied) return kernelRefusal("change", after.key, applied.failure());
   uint32_t id = it->first;
   erase(it);
-  insert(id, after);
+  insert(id, after, end);
   return {};
 }
 
@@ -259,20 +260,22 @@ std::optional<Refused> NatRules::remove(const Caller& caller, const lm::message&
     return Refused{.text = "not permitted"};
   }
   const Rule removed = rule;
-  if (const auto done = drop(it); !done) return asRefusal(done.failure());
+  const bool byOwner = rule.connection == caller.connection;
+  const OptionalEnd end = byOwner ? std::nullopt : OptionalEnd(lm::nat::End::administrator);
+  if (const auto done = drop(it, end); !done) return asRefusal(done.failure());
   note(Event::closed, authorOf(caller), removed, "");
   undoWith([this, id, removed] { undoRemove(id, removed); });
   return std::nullopt;
 }
 
-Result<void> NatRules::drop(Rules::iterator it) {
+Result<void> NatRules::drop(Rules::iterator it, OptionalEnd end) {
   const Rule& rule = it->second;
   if (rule.inKernel()) {
     const auto removed = map_.remove({rule.key});
     if (!removed) return kernelRefusal("remove", rule.key, removed.failure());
     flowsMayDiffer(rule.key);
   }
-  eraseForGood(it);
+  eraseForGood(it, end);
   return {};
 }
 
@@ -289,7 +292,7 @@ void NatRules::undoRemove(uint32_t id, const Rule& removed) {
       return;
     }
   }
-  insert(id, rule);
+  insert(id, rule, std::nullopt);
   note(Event::opened, rule, givenUp);
 }
 
@@ -365,7 +368,7 @@ void NatRules::leasesEnded(const std::vector<uint32_t>& ids) {
       continue;
     }
     note(Event::closed, it->second, "the lease ended");
-    eraseForGood(it);
+    eraseForGood(it, lm::nat::End::lease);
   }
 }
 
@@ -382,10 +385,10 @@ void NatRules::note(Event event, const PortLog::Author& author, const Rule& rule
   log_.add(event, author, rule.key, rule.client, reason);
 }
 
-void NatRules::insert(uint32_t id, const Rule& rule) {
+void NatRules::insert(uint32_t id, const Rule& rule, OptionalEnd end) {
   table_.insert(id, rule);
   if (rule.until) leases_.add(id, *rule.until);
-  notify(record(id, rule, {}));
+  notify(rule.connection, record(id, rule, {}), end);
 }
 
 void NatRules::erase(Rules::iterator it) {
@@ -393,17 +396,20 @@ void NatRules::erase(Rules::iterator it) {
   table_.erase(it);
 }
 
-void NatRules::eraseForGood(Rules::iterator it) {
+void NatRules::eraseForGood(Rules::iterator it, OptionalEnd end) {
   lm::message gone = record(it->first, it->second, {});
   gone.insert_u32(lm::key::removed, 1);
+  const uint64_t owner = it->second.connection;
   erase(it);
-  notify(gone);
+  notify(owner, std::move(gone), end);
 }
 
 // Counting connections for a notification would cost more than the change.
-void NatRules::notify(const lm::message& record) {
+void NatRules::notify(uint64_t owner, lm::message record, OptionalEnd end) {
+  if (end) record.insert_u32(lm::nat::key::ended, static_cast<uint32_t>(*end));
   lm::message news;
-  news.insert_message_array(lm::key::records, {record});
+  news.insert_message_array(lm::key::records, {std::move(record)});
+  if (end) return notifier_.notifyWithOwner(owner, lm::cmd::changed, lm::nat::path(), news);
   notifier_.notify(lm::cmd::changed, lm::nat::path(), news);
 }
 

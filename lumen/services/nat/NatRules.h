@@ -52,6 +52,8 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts, private Le
  private:
   using Rules = RuleTable::Rules;
 
+  using OptionalEnd = std::optional<lm::nat::End>;
+
   using Numbers = std::map<RuleKey, uint64_t>;
 
   /// The connections of all rules; none: unknown.
@@ -78,10 +80,11 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts, private Le
   [[nodiscard]] lm::message read(const lm::message& request);
   [[nodiscard]] lm::message writePolicy(const lm::message& request);
 
+  // With an `end` the rule's owner is notified too: this process has ended the rule.
   /// Puts `after` in the place of a rule with the same key, in the kernel too.
-  [[nodiscard]] Result<void> replace(Rules::iterator it, Rule after);
+  [[nodiscard]] Result<void> replace(Rules::iterator it, Rule after, OptionalEnd end);
   /// Removes a rule, from the kernel too.
-  [[nodiscard]] Result<void> drop(Rules::iterator it);
+  [[nodiscard]] Result<void> drop(Rules::iterator it, OptionalEnd end);
 
   // Undo a change whose requester gave up. The policy is not consulted: the rules become what they
   // were.
@@ -102,12 +105,13 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts, private Le
   void note(lm::nat::Event event, const PortLog::Author& author, const Rule& rule,
             std::string_view reason);
 
-  /// Adds a rule to the table, or one that was changed, and notifies the readers.
-  void insert(uint32_t id, const Rule& rule);
+  /// Adds a rule to the table, or one that was changed, and notifies the readers; with an `end` its
+  /// owner too.
+  void insert(uint32_t id, const Rule& rule, OptionalEnd end);
   void erase(Rules::iterator it);
-  /// Notifies the readers that the rule has gone, and erases it.
-  void eraseForGood(Rules::iterator it);
-  void notify(const lm::message& record);
+  /// Notifies the readers that the rule has gone, with an `end` its owner too, and erases it.
+  void eraseForGood(Rules::iterator it, OptionalEnd end);
+  void notify(uint64_t owner, lm::message record, OptionalEnd end);
 
   [[nodiscard]] Counts count();
   [[nodiscard]] lm::message record(uint32_t id, const Rule& rule, const Counts& counts) const;

@@ -42,18 +42,19 @@ TEST_F(Notifications, GoFromAHandlerOfThisProcessToItsSubscribers) {
 // Promise: What is for administrators only is not notified to a service.
 TEST_F(Notifications, OfAPrivateHandlerGoToAdministratorsOnly) {
   rules.forAdministrators = true;
+  broker.addLocal(20, 6, rules);
   Program service = connect(gatewayUser);
   lm::message topic;
   topic.insert_u32(lm::broker::key::topicCommand, lm::cmd::changed);
-  topic.insert_u32_array(lm::broker::key::topicSource, {20, 5});
+  topic.insert_u32_array(lm::broker::key::topicSource, {20, 6});
   service.ask({0}, lm::broker::cmd::subscribe, topic);
   settle();
   const auto reply = service.receive();
   ASSERT_TRUE(reply);
   EXPECT_EQ(lm::getError(*reply), "not permitted");
   Program reader = connectAdministrator();
-  subscribe(reader, lm::cmd::changed, {20, 5});
-  broker.notify(lm::cmd::changed, {20, 5}, fields("news"));
+  subscribe(reader, lm::cmd::changed, {20, 6});
+  broker.notify(lm::cmd::changed, {20, 6}, fields("news"));
   EXPECT_TRUE(reader.receive());
   EXPECT_FALSE(service.receive());
 }

@@ -118,6 +118,7 @@ TEST_F(RightsTest, OfAServiceThatReadsAreToReadAndNoMore) {
 // Also proves [rights-reads].
 TEST_F(RightsTest, OfAServiceThatReadsIncludeNotificationsOfWhatItReads) {
   rules.forAdministrators = true;
+  broker.addLocal(20, 6, rules);
   Program web = connect(readerUser);
   registerAs(web, 42);
   const uint32_t subscribe = lm::broker::cmd::subscribe;
@@ -133,8 +134,47 @@ TEST_F(RightsTest, OfAServiceThatReadsIncludeNotificationsOfWhatItReads) {
   EXPECT_EQ(web.next().get_string(7), "opened");
   // What only readers get, another service does not.
   Program upnp = connectGateway();
-  EXPECT_EQ(errorOf(upnp, {0}, subscribe, topic(lm::cmd::changed, {20, 5})), "not permitted");
+  EXPECT_EQ(errorOf(upnp, {0}, subscribe, topic(lm::cmd::changed, {20, 6})), "not permitted");
   EXPECT_EQ(errorOf(upnp, {0}, subscribe, topic(lm::cmd::changed, {0})), "not permitted");
+}
+
+// Promise: A service that may open ports may subscribe to the NAT rules, and is notified of its own
+// rules only; one that may not open ports may not.
+TEST_F(RightsTest, OfAServiceThatOpensPortsIncludeNotificationsOfItsOwn) {
+  rules.forAdministrators = true;
+  Program web = connect(readerUser);
+  Program upnp = connectGateway();
+  Program second = connect(gatewayUser);
+  Program names = connectResolver();
+  const uint32_t subscribe = lm::broker::cmd::subscribe;
+  const lm::message rulesTopic = topic(lm::cmd::changed, {20, 5});
+  for (Program* program : {&web, &upnp, &second}) {
+    EXPECT_EQ(errorOf(*program, {0}, subscribe, rulesTopic), "");
+  }
+  EXPECT_EQ(errorOf(names, {0}, subscribe, rulesTopic), "not permitted");
+  EXPECT_EQ(errorOf(upnp, {20, 5}, lm::cmd::addObject), "");
+  const uint64_t owner = rules.callers.back().connection;
+
+  broker.notifyWithOwner(owner, lm::cmd::changed, {20, 5}, fields("ended"));
+  broker.notify(lm::cmd::changed, {20, 5}, fields("opened"));
+  settle();
+  EXPECT_EQ(web.next().get_string(7), "ended");
+  EXPECT_EQ(web.next().get_string(7), "opened");
+  EXPECT_EQ(upnp.next().get_string(7), "ended");
+  EXPECT_FALSE(upnp.receive());
+  EXPECT_FALSE(second.receive());
+  EXPECT_FALSE(names.receive());
+}
+
+// Promise: A service that has not subscribed is notified of nothing, not even of its own rules.
+TEST_F(RightsTest, OfAServiceThatHasNotSubscribedIncludeNoNotification) {
+  rules.forAdministrators = true;
+  Program upnp = connectGateway();
+  EXPECT_EQ(errorOf(upnp, {20, 5}, lm::cmd::addObject), "");
+  broker.notifyWithOwner(rules.callers.back().connection, lm::cmd::changed, {20, 5},
+                         fields("ended"));
+  settle();
+  EXPECT_FALSE(upnp.receive());
 }
 
 // Promise: Who reads the list of services is notified when a program registers, unregisters, ends,

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -71,10 +72,15 @@ struct RecordingNotifier : Notifier {
     uint32_t command;
     std::vector<uint32_t> source;
     lm::message fields;
+    std::optional<uint64_t> owner;
   };
   void notify(uint32_t command, const std::vector<uint32_t>& source,
               const lm::message& fields) override {
-    notified.push_back({command, source, fields});
+    notified.push_back({command, source, fields, std::nullopt});
+  }
+  void notifyWithOwner(uint64_t owner, uint32_t command, const std::vector<uint32_t>& source,
+                       const lm::message& fields) override {
+    notified.push_back({command, source, fields, owner});
   }
   std::vector<Notification> notified;
 };
