@@ -166,6 +166,18 @@ TEST_F(RightsTest, OfAServiceThatOpensPortsIncludeNotificationsOfItsOwn) {
   EXPECT_FALSE(names.receive());
 }
 
+TEST_F(RightsTest, OfAServiceThatOpensNoPortsIncludeNoRulesOfItsOwn) {
+  const auto hears = [&](uid_t user, Path path) {
+    return Rights({.pid = 1, .user = user, .groups = {100}}, supervisor, std::nullopt)
+        .mayHearOfItsOwn(path);
+  };
+  EXPECT_TRUE(hears(gatewayUser, {20, 5}));
+  EXPECT_FALSE(hears(gatewayUser, {20, 6}));
+  EXPECT_FALSE(hears(gatewayUser, {66, 5}));
+  EXPECT_FALSE(hears(readerUser, {20, 5}));
+  EXPECT_FALSE(hears(resolverUser, {20, 5}));
+}
+
 // Promise: A service that has not subscribed is notified of nothing, not even of its own rules.
 TEST_F(RightsTest, OfAServiceThatHasNotSubscribedIncludeNoNotification) {
   rules.forAdministrators = true;

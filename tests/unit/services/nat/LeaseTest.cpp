@@ -243,6 +243,21 @@ TEST_F(LeaseTest, RemovingARuleWhoseLeaseEndedSucceeds) {
   EXPECT_EQ(removes(id), "");
 }
 
+// Also proves [rule-lease].
+TEST_F(LeaseTest, LetsAnOwnerRemoveWhatEndedLongAgo) {
+  const uint32_t first = opens({.lease = 1});
+  const uint32_t others = opensAs(otherProgram, {.port = 9000, .lease = 1});
+  for (int i = 0; i < 5'000; ++i) {
+    passes(1s);
+    opens({.lease = 1});
+    opensAs(otherProgram, {.port = 9000, .lease = 1});
+  }
+  EXPECT_EQ(lists().size(), 2U);
+  EXPECT_EQ(removes(first), "");
+  EXPECT_EQ(asks(otherProgram, lm::cmd::removeObject, idOnly(others)), "");
+  EXPECT_EQ(removes(1'000'000), "no such object");
+}
+
 TEST_F(LeaseTest, EndsTheUdpFlowsThroughAPortWhoseLeaseEnded) {
   opens({.protocol = "udp", .lease = 120});
   passes(1s);

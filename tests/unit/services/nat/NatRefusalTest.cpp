@@ -135,8 +135,9 @@ TEST_F(NatRefusalTest, TakesTheFirstAndTheLastPort) {
   opens({.port = 65535, .clientPort = 65535});
 }
 
-// Promise [port-taken]: A port that has a rule, enabled or disabled, is refused to all but the
-// connection that added it: `tcp port 8080 of 45.45.45.1 is already in use`.
+// Promise [port-taken]: A port that has a rule, enabled or disabled, is refused to every add, also
+// to one of the connection that has it, for the same client or another: `tcp port 8080
+// of 45.45.45.1 is already in use`.
 TEST_F(NatRefusalTest, RefusesAKeyThatIsInUseEnabledOrDisabled) {
   opensAs(admin, {});
   opensAs(admin, {.port = 8081, .disabled = true});
@@ -144,6 +145,13 @@ TEST_F(NatRefusalTest, RefusesAKeyThatIsInUseEnabledOrDisabled) {
   EXPECT_EQ(refusedToOpen({.disabled = true}), "tcp port 8080 of 45.45.45.1 is already in use");
   EXPECT_EQ(refusedToOpen({.port = 8081, .client = "192.168.88.11"}),
             "tcp port 8081 of 45.45.45.1 is already in use");
+  opens({.port = 8082});
+  for (const char* client : {"192.168.88.10", "192.168.88.11"}) {
+    EXPECT_EQ(refusedToOpen({.port = 8082, .client = client}),
+              "tcp port 8082 of 45.45.45.1 is already in use");
+  }
+  EXPECT_EQ(lists()[2].get_be32(lm::nat::key::clientFirst), inet_addr("192.168.88.10"))
+      << "nothing has moved";
 }
 
 // Promise: A changed rule is checked against the policy like a new one.
