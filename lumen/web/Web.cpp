@@ -26,6 +26,7 @@ constexpr uint32_t leaveDelay = 1000;  // milliseconds
 constexpr uint32_t settingsRecord = 0;
 constexpr std::chrono::seconds keptFor(1);
 constexpr std::chrono::seconds trafficPeriod(2);
+constexpr std::chrono::seconds idleTrafficPeriod(5);  // while no browser looks
 constexpr std::chrono::seconds lifePeriod(10);
 constexpr uint32_t ticksPerCount = 3;
 constexpr uint32_t portsPerPortion = 64;
@@ -111,6 +112,7 @@ void Web::start() {
   if (!server_.open()) return;
   view_.open();
   stateChanged();
+  sampleTraffic();
 }
 
 void Web::stop() {
@@ -255,7 +257,7 @@ MHD_Result Web::stream(const HttpServer::Request& request) {
     return refuse(request.connection, MHD_HTTP_SERVICE_UNAVAILABLE, "Too many streams of events.");
   }
   server_.streams(request.fd);
-  if (!traffic_.pending()) traffic_.start<&Web::sampleTraffic>(*this, 0);
+  if (streams_.size() == 0) traffic_.start<&Web::sampleTraffic>(*this, 0);
   if (!life_.pending()) life_.start<&Web::showLife>(*this, timerDelay(lifePeriod));
   return streams_.open(request.connection, request.host);
 }
@@ -292,10 +294,14 @@ void Web::send(const std::string& event) {
   if (!run_.pending()) run_.start<&HttpServer::run>(server_, 0);
 }
 
+// Goes on while no browser looks, so that the next one shows the last ten minutes.
 void Web::sampleTraffic() {
-  if (streams_.size() == 0) return;
   std::vector<std::string> samples;
   for (const Sample& one : view_.refreshTraffic()) samples.push_back(sampleJson(one));
+  if (streams_.size() == 0) {
+    traffic_.start<&Web::sampleTraffic>(*this, timerDelay(idleTrafficPeriod));
+    return;
+  }
   if (!samples.empty()) send(event("traffic", listOf(samples)));
   // Costs a look at all connections of the router.
   if (++trafficTicks_ % ticksPerCount == 0) view_.refreshPorts();

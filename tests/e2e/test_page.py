@@ -67,8 +67,15 @@ class PageTest(RouterCase):
         self.assertIn("new", row)
         self.wait_for_text(browser, "#lately", "8081")
         browser.save_picture(PICTURES / "port-opened.png")
+        browser.run("""
+            window.faded = '';
+            new MutationObserver(() => {
+              const row = document.querySelector('#ports tr.gone');
+              if (row) faded = getComputedStyle(row).animationName + ' ' + row.textContent;
+            }).observe(document.getElementById('ports'), { childList: true });""")
         self.host.upnpc("-d", "8081", "TCP")
         self.wait_until(lambda: "No port is open." in browser.text(), "the port has gone")
+        self.assertRegex(browser.run("return window.faded;"), "^fade 8081.*closed")
         self.assertEqual(browser.run("return window.loaded;"), "once")
 
     def test_a_link_that_goes_down_is_shown(self):
@@ -101,6 +108,7 @@ class PageTest(RouterCase):
         browser = self.browser(scripts=False)
         self.assertIn("8080", browser.text("#ports"))
         self.assertIn(WAN_ADDRESS, browser.text("#state"))
+        self.assertEqual(browser.text("h2"), "State", "it comes first")
         self.assertNotIn("{{", browser.text())
         browser.save_picture(PICTURES / "without-script.png")
 
@@ -151,6 +159,9 @@ class PageTest(RouterCase):
                 browser.press(ENTER)
                 self.wait_until(lambda: browser.text("#ports tr").startswith("8081"),
                                 "the highest port comes first")
+            if focused == "copy":
+                browser.press(ENTER)
+                self.wait_for_text(browser, "#copy", "Copied")
             if focused == "filter-text":
                 browser.press("8", "0", "8", "0")
                 self.wait_until(lambda: "8081" not in browser.text("#ports"), "it filters")

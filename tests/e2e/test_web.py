@@ -8,12 +8,13 @@ import re
 import resource
 import signal
 import socket
+import subprocess
 import time
 import unittest
 
 from support import promtool
-from support.network import LAN_ADDRESS, LAN_BRIDGE, WAN_ADDRESS, WAN_LINK
-from support.router import WEB_USER, CommandFailed
+from support.network import LAN_ADDRESS, LAN_BRIDGE, WAN_ADDRESS, WAN_LINK, exchange_tcp
+from support.router import PROGRAMS, WEB_USER, CommandFailed
 from support.router_case import RouterCase
 
 CLOSED = (ConnectionRefusedError, ConnectionResetError, TimeoutError)
@@ -56,10 +57,12 @@ class Events:
 
     def until(self, wanted, fits=lambda data: True):
         """The data of the next event of that name that fits."""
-        while True:
+        end = time.monotonic() + 30
+        while time.monotonic() < end:
             name, data = self.next()
             if name == wanted and fits(data):
                 return data
+        raise AssertionError(f"no such event in 30 s: {wanted}")
 
     def close(self):
         self.file.close()
@@ -167,6 +170,12 @@ class PageTest(WebCase):
         self.assertEqual(status["version"], 1)
         self.assertEqual([port["port"] for port in status["ports"]], [8080])
 
+    # Promise: The address that every description gives for presentation is that of the page.
+    def test_the_presentation_address_answers(self):
+        description = self.lan[0].speak_to().get("/gateway.xml").body.decode()
+        url = re.search(r"<presentationURL>http://([^/<]+)(/[^<]*)</presentationURL>", description)
+        self.assertEqual(self.get(url[2], address=url[1], name=url[1]).status, 200)
+
     # No promise, since promtool may not be there.
     def test_prometheus_accepts_the_metrics(self):
         self.lan[0].open_port(8080, "TCP")
@@ -239,6 +248,71 @@ class LiveTest(WebCase):
         self.assertEqual(events.until("closed"), {"id": port["id"]})
         self.assertLess(time.monotonic() - started, 5)
 
+    # Promise: What a browser is shown first has the traffic of the last ten minutes, whether or not
+    # another one looked.
+    def test_traffic_is_known_before_a_browser_looks(self):
+        started = time.time()
+        self.wait_until(lambda: self.traffic_was_read(3), "the traffic was read", limit=30)
+        looked = time.time()
+        events = self.events()
+        traffic = events.until("traffic")
+        self.assertGreaterEqual(len(traffic), 1)
+        for sample in traffic:
+            self.assertEqual(sample["interface"], WAN_LINK)
+            self.assertTrue(started - 20 < sample["time"] / 1000 < looked, traffic)
+
+    def traffic_was_read(self, times):
+        """Whether the page's program has asked for counters so often since the first call."""
+        printed = self.router.root / "monitor"
+        if not printed.exists():
+            with open(printed, "wb") as out:
+                monitor = subprocess.Popen([PROGRAMS / "lumenctl", "--root", self.router.root,
+                                            "monitor", "--json"], stdin=subprocess.DEVNULL,
+                                           stdout=out)
+            self.addCleanup(monitor.wait)
+            self.addCleanup(monitor.kill)
+        seen = [json.loads(line) for line in printed.read_text().split("\n")[:-1]]
+        return sum((m["from"], m["to"], m["kind"], m["command"]) ==
+                   ("web", "interfaces", "request", "read") for m in seen) >= times
+
+    # Promise: A browser is sent how many connections go through a port, and how many have gone.
+    def test_connections_are_counted(self):
+        events = self.events()
+        events.until("complete")
+        self.lan[1].open_port(8080, "TCP")
+        exchange_tcp(self.wan, WAN_ADDRESS, 8080, self.lan[1], 8080)
+        port = events.until("ports", lambda ports: ports[0]["uses"] == 1)[0]
+        self.assertEqual(port["port"], 8080)
+        self.assertIn(port["connections"], (0, 1))
+
+    # Promise: What happened lately are the newest hundred: ports that opened and closed, links that
+    # changed, and changes of the configuration.
+    def test_the_newest_hundred_events_are_shown(self):
+        events = self.events()
+        events.until("complete")
+        self.router.namespace.run("ip", "link", "set", WAN_LINK, "down")
+        events.until("happened", lambda news: news[0]["text"].startswith(f"{WAN_LINK}: "))
+        self.router.namespace.run("ip", "link", "set", WAN_LINK, "up")
+        self.router.lumenctl("upnp", "settings", "set", "show-dummy-rule=on")
+        events.until("happened", lambda news: news[0]["text"] == "upnp config changed")
+        self.router.wait_until_controllable()
+        for port in range(8000, 8051):
+            self.lan[0].open_port(port, "TCP")
+            self.lan[0].close_port(port, "TCP")
+        happened = self.wait_until(lambda: self.happened_with("tcp port 8050 closed"), "it is there")
+        self.assertEqual(len(happened), 100)
+        self.assertEqual([one["time"] for one in happened], sorted(one["time"] for one in happened))
+        self.assertEqual(self.get("/").body.count(b"<li>"), 100)
+
+    def happened_with(self, text):
+        """What a browser is shown first, when its newest event has the text."""
+        stream = Events(self.connect())
+        try:
+            happened = stream.until("happened")
+        finally:
+            stream.close()
+        return happened if text in happened[-1]["text"] else None
+
     # Promise: The status page follows links and addresses, and says when the external link is down.
     def test_it_follows_links_and_addresses(self):
         events = self.events()
@@ -260,7 +334,24 @@ class LiveTest(WebCase):
             return False
 
     # Promise: At most 4 streams of events are open for a host, and 32 in all.
-    def test_streams_are_bounded(self):
+    def test_streams_are_bounded_in_all(self):
+        addresses = [f"192.168.88.{number}" for number in range(100, 109)]
+        for address in addresses:
+            self.lan[0].namespace.ip("address", "add", f"{address}/24", "dev", self.lan[0].LINK)
+        streams = [self.events_of(address) for address in addresses for _ in range(4)]
+        self.assertEqual([stream.status for stream in streams], 32 * [200] + 4 * [503])
+
+    def events_of(self, address):
+        sock = self.lan[0].namespace.socket()
+        self.addCleanup(sock.close)
+        sock.settimeout(10)
+        sock.bind((address, 0))
+        sock.connect((LAN_ADDRESS, 80))
+        stream = Events(sock)
+        self.addCleanup(stream.close)
+        return stream
+
+    def test_streams_of_a_host_are_bounded(self):
         streams = [self.events() for _ in range(4)]
         self.assertEqual({stream.status for stream in streams}, {200})
         self.assertEqual(self.events().status, 503)

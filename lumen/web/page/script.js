@@ -99,6 +99,8 @@
     row.appendChild(make('td', port.owner));
     if (port.goneAt) {
       row.className = 'gone';
+      // A row that is drawn again goes on where it was.
+      row.style.animationDelay = (port.goneAt - Date.now()) + 'ms';
       row.cells[3].textContent = 'closed';
     } else if (port.freshUntil > Date.now()) {
       row.className = 'fresh';
