@@ -10,6 +10,7 @@
 
 #include <array>
 #include <cerrno>
+#include <cstring>
 #include <string>
 #include <string_view>
 
@@ -257,7 +258,7 @@ TEST_F(SocketsTest, FailsOnAnInterfaceIndexThatDoesNotExist) {
 
 TEST_F(SocketsTest, FailsOnAPortThatIsTaken) {
   const lm::Fd first = make(tcp);
-  expectFailure(tcp, "tcp bind: Address already in use");
+  expectFailure(tcp, std::string("tcp bind: ") + strerror(EADDRINUSE));
 }
 
 /// A connection to a peer on loopback, and what writeOnce does with it.
