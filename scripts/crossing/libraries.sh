@@ -173,6 +173,12 @@ build_nftables() {
   configured --with-mini-gmp --without-cli --disable-man-doc --disable-python
   made install
 }
+build_libmicrohttpd() {
+  configured --disable-https --disable-doc --disable-examples --disable-curl
+  made -C src/include install
+  made -C src/microhttpd install
+  made install-pkgconfigDATA
+}
 # found_by_cmake PACKAGE TARGET: headers alone.
 found_by_cmake() {
   mkdir -p "$prefix/lib/cmake/$1"
