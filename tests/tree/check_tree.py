@@ -45,7 +45,7 @@ USERS_OF_PACKAGES = {
     "chromium-driver": ("tests/support/browser.py", '"chromedriver"'),
     "clang": ("CMakePresets.json", "clang++"),
     "clang-format": ("tests/tree/check_tree.py", '"clang-format", "--dry-run"'),
-    "debian-archive-keyring": ("scripts/crossing/libraries.sh", "debian-archive-keyring.gpg"),
+    "debian-archive-keyring": ("scripts/crossing/archive.sh", "debian-archive-keyring.gpg"),
     "debootstrap": ("tests/support/debian.py", '"debootstrap"'),
     "dpkg-dev": ("packaging/CMakeLists.txt", "CPACK_DEBIAN_PACKAGE_SHLIBDEPS"),
     "file": ("packaging/CMakeLists.txt", "CPACK_DEBIAN_PACKAGE_SHLIBDEPS"),
