@@ -34,10 +34,11 @@ NatTable::NatTable(lm::test::TestPlatform& platform) {
 lm::message NatTable::add(const lm::message& request) {
   const auto rule = lumen::readRule(request);
   if (!rule) return refuse(rule.why());
-  require(
-      std::ranges::none_of(rules_, [&](const auto& one) { return one.second.key == rule->key; }),
-      "a port is opened once");
-  rules_.emplace(++lastId_, *rule);
+  require(!rule->anyPort && !rule->lease, "a mapping has its own port for good");
+  require(std::ranges::none_of(rules_,
+                               [&](const auto& one) { return one.second.key == rule->rule.key; }),
+          "a port is opened once");
+  rules_.emplace(++lastId_, rule->rule);
   lm::message reply;
   reply.insert_u32(lm::key::objectId, lastId_);
   return reply;

@@ -20,10 +20,13 @@ namespace key = lm::nat::key;
 constexpr uint32_t recordOnly[] = {lm::key::objectId, key::owner, key::seconds,
                                    key::connections,  key::stale, key::closed};
 
-void checkRule(const lumen::Rule& rule) {
+void checkRule(const lumen::RuleRequest& request) {
+  const lumen::Rule& rule = request.rule;
   require(rule.key.protocol == IPPROTO_TCP || rule.key.protocol == IPPROTO_UDP,
           "a rule is for TCP or UDP");
-  require(rule.key.external.port != 0 && rule.client.port != 0, "a port is from 1 to 65535");
+  require((request.anyPort || rule.key.external.port != 0) && rule.client.port != 0,
+          "a port is from 1 to 65535");
+  require(!request.lease || *request.lease > std::chrono::seconds(0), "a lease takes time");
   require(!rule.closed && rule.connection == 0 && rule.owner.empty(),
           "nobody but the table says whose a rule is");
 
@@ -32,9 +35,10 @@ void checkRule(const lumen::Rule& rule) {
   require(!refused && refused.why().find("not known") != std::string::npos,
           "a record is no request");
   for (const uint32_t field : recordOnly) record.fields().erase(field);
+  if (rule.key.external.port == 0) return;
   const auto again = lumen::readRule(record);
-  require(again && again->key == rule.key && again->client == rule.client &&
-              again->disabled == rule.disabled,
+  require(again && again->rule.key == rule.key && again->rule.client == rule.client &&
+              again->rule.disabled == rule.disabled,
           "the record of a rule asks for that rule");
 }
 

@@ -161,7 +161,7 @@ std::optional<Refused> NatRules::add(const Caller& caller, const lm::message& re
   everAdded_[caller.connection].add(id);
   undoWith([this, id] { undoAdd(id); });
   reply.insert_u32(lm::key::objectId, id);
-  reply.insert_u32(lm::nat::key::portFirst, rule.key.external.port);
+  if (wanted->anyPort) reply.insert_u32(lm::nat::key::portFirst, rule.key.external.port);
   return std::nullopt;
 }
 

@@ -69,7 +69,8 @@ inline constexpr uint32_t anyPort = 0x00010051;
 inline constexpr uint32_t remoteNetwork = 0x08010052;  ///< be32
 inline constexpr uint32_t remotePrefix = 0x08010053;   ///< u32: 1 to 32
 
-// The reply to an add request has the rule's id and portFirst, the external port that it became.
+// The reply to an add request has the rule's id, and for one with anyPort portFirst: the external
+// port that it became.
 
 // The refusal of a change, beside the error.
 inline constexpr uint32_t refusal = 0x08010054;  ///< u32: a value of Refusal
