@@ -37,7 +37,7 @@ class AnyPortTest : public NatFixture {
 
 }  // namespace
 
-// Promise: The reply to an add says which external port the rule has.
+// Promise: The reply to an add says which external port the rule has only if lumend chose it.
 TEST_F(AnyPortTest, SaysNoPortToARequestThatNamesIt) {
   EXPECT_EQ(adds({}).get_u32(lm::nat::key::portFirst, 1), 1U);
 }
