@@ -18,7 +18,7 @@ endif()
 # Where tests find the programs that they start. A machine that only emulates the target starts them
 # by scripts of the same names, which scripts/cross writes.
 set(PALINODE_RUN_DIR ${CMAKE_RUNTIME_OUTPUT_DIRECTORY})
-if(CMAKE_CROSSCOMPILING)
+if(CMAKE_CROSSCOMPILING_EMULATOR)
   set(PALINODE_RUN_DIR ${CMAKE_BINARY_DIR}/emulated)
 endif()
 

@@ -134,7 +134,7 @@ build_util-linux() {
     lib/{randutils,md5,sha1}.c
   install -D -m 644 -t "$prefix/include/uuid" libuuid/src/uuid.h
   described uuid "$(of util-linux 2)"
-  sed -i 's/^Cflags.*/&\/uuid/' "$prefix/lib/pkgconfig/uuid.pc"
+  sed -i 's|^Cflags: \(.*\)|& \1/uuid|' "$prefix/lib/pkgconfig/uuid.pc"
 }
 build_libev() {
   configured
