@@ -16,9 +16,11 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests"))
 from support.name_server import NameServer
 from support.network import Network, SoapError, wait_until
 from support.processes import is_asleep, memory, wait_until_at_rest
-from support.router import PROGRAMS, CommandFailed, Router
+from support.router import CommandFailed, Router
 from support.subscriber import Subscriber
 
+# $PALINODE_BIN also has what this folder lacks and a router needs.
+MEASURED = pathlib.Path(os.environ["PALINODE_MEASURED"]).resolve()
 NAMES = ("palinode-igd", "lumend", "lumen-resolver", "lumen-web", "lumenctl")
 PORTS = range(20000, 21000)
 KB, KIB = 1000, 1024
@@ -46,7 +48,7 @@ def stripped_size(program, strip):
 def strip_of_build():
     """The strip that belongs to the compiler of the programs."""
     with contextlib.suppress(OSError):
-        cache = (PROGRAMS.parent / "CMakeCache.txt").read_text(encoding="utf-8")
+        cache = (MEASURED.parent / "CMakeCache.txt").read_text(encoding="utf-8")
         if found := re.search(r"^CMAKE_STRIP:FILEPATH=(.+)$", cache, re.MULTILINE):
             return found[1]
     return "strip"
@@ -97,8 +99,8 @@ def measure_router(rows):
                     "lumen-resolver": router.service("resolver")["process"]}
             # A second after a change lumend tidies up.
             wait_until_at_rest(pids.values(), seconds=2.0)
-            for name, pid in pids.items():
-                rows[name][state] = figures(pid)
+            for name in pids.keys() & rows.keys():
+                rows[name][state] = figures(pids[name])
 
         router.lumenctl("nat", "policy", "set", f"max-rules-per-client={len(PORTS)}")
         look(STATES[0])
@@ -130,7 +132,8 @@ def table(rows):
 
 def measure(sizes_only):
     strip = strip_of_build()
-    rows = {name: {"size": stripped_size(PROGRAMS / name, strip)} for name in NAMES}
+    rows = {name: {"size": stripped_size(MEASURED / name, strip)} for name in NAMES
+            if (MEASURED / name).exists()}
     if not sizes_only:
         measure_router(rows)
         rows.update(measure_references())
