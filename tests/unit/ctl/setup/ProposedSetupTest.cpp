@@ -72,6 +72,39 @@ TEST_F(ProposedSetup, ChangesNothingWhenTheUserSaysAnythingElse) {
   EXPECT_EQ(router.changes(), Lines{});
 }
 
+// Promise: `upnp setup` on a terminal then offers the status page: by default it is switched on if
+// its port is free, and stays off if another program has it.
+TEST_F(ProposedSetup, OffersTheStatusPageIfItsPortIsFree) {
+  struct Case {
+    bool taken;
+    const char* typed;
+    bool on;
+  };
+  const Case cases[] = {{false, "", true}, {false, "y", true}, {false, "n", false},
+                        {true, "", false}, {true, "y", true},  {true, "n", false}};
+  for (const Case& one : cases) {
+    SCOPED_TRACE(one.typed);
+    NewRouter fresh;
+    fresh.webPageIs(false, "192.168.88.1:80");
+    if (one.taken) {
+      fresh.machine().files["/proc/net/tcp"] =
+          "  sl  local_address rem_address   st\n"
+          "   0: 00000000:0050 00000000:0000 0A 00000000:00000000 00:00000000 00000000  33  0 "
+          "4711\n";
+    }
+    fresh.machine().userTypes("y");
+    fresh.machine().userTypes(one.typed);
+    const auto result = fresh.lumenctl({"upnp", "setup"});
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_NE(result.out.find(one.taken ? "Port 80 is taken by another program; it can have "
+                                          "another port later. [y/N] "
+                                        : "Show a status page to browsers at home? [Y/n] "),
+              std::string::npos)
+        << result.out;
+    EXPECT_EQ(result.out.ends_with("status page: http://192.168.88.1/\n"), one.on) << result.out;
+  }
+}
+
 // Also proves [ctl-ask].
 TEST_F(ProposedSetup, ChangesNothingWhenTheInputEnds) {
   router.machine().terminal = true;
