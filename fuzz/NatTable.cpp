@@ -32,13 +32,13 @@ NatTable::NatTable(lm::test::TestPlatform& platform) {
 }
 
 lm::message NatTable::add(const lm::message& request) {
-  const auto rule = lumen::readRule(request);
-  if (!rule) return refuse(rule.why());
-  require(!rule->anyPort && !rule->lease, "a mapping has its own port for good");
-  require(std::ranges::none_of(rules_,
-                               [&](const auto& one) { return one.second.key == rule->rule.key; }),
+  const auto wanted = lumen::readRule(request);
+  if (!wanted) return refuse(wanted.why());
+  require(!wanted->lease && !wanted->anyPort, "a gateway daemon asks for permanent, exact ports");
+  const lumen::Rule& rule = wanted->rule;
+  require(std::ranges::none_of(rules_, [&](const auto& one) { return one.second.key == rule.key; }),
           "a port is opened once");
-  rules_.emplace(++lastId_, rule->rule);
+  rules_.emplace(++lastId_, rule);
   lm::message reply;
   reply.insert_u32(lm::key::objectId, lastId_);
   return reply;

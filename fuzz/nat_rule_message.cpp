@@ -3,6 +3,7 @@
 
 #include <netinet/in.h>
 
+#include <chrono>
 #include <string>
 
 #include "fuzz/Fuzz.h"
@@ -26,25 +27,27 @@ void checkRule(const lumen::RuleRequest& request) {
           "a rule is for TCP or UDP");
   require((request.anyPort || rule.key.external.port != 0) && rule.client.port != 0,
           "a port is from 1 to 65535");
-  require(!request.lease || *request.lease > std::chrono::seconds(0), "a lease takes time");
+  require(!request.lease || *request.lease >= std::chrono::seconds(1), "a lease has a length");
   require(!rule.closed && rule.connection == 0 && rule.owner.empty(),
           "nobody but the table says whose a rule is");
 
-  lm::message record = lumen::ruleRecord(7, rule, {});
+  lm::message record = lumen::ruleRecord(7, rule, {.left = request.lease});
   const auto refused = lumen::readRule(record);
   require(!refused && refused.why().find("not known") != std::string::npos,
           "a record is no request");
   for (const uint32_t field : recordOnly) record.fields().erase(field);
-  if (rule.key.external.port == 0) return;
+  if (request.anyPort) record.insert_bool(key::anyPort, true);
   const auto again = lumen::readRule(record);
   require(again && again->rule.key == rule.key && again->rule.client == rule.client &&
-              again->rule.disabled == rule.disabled,
+              again->rule.disabled == rule.disabled && again->lease == request.lease,
           "the record of a rule asks for that rule");
 }
 
 void checkChange(const lumen::RuleChange& change, const lm::message& request) {
   require(!change.clientPort || *change.clientPort != 0, "a port is from 1 to 65535");
-  require(!change.close || (!change.disabled && !change.clientAddress && !change.clientPort),
+  require(!change.lease || *change.lease >= std::chrono::seconds(1), "a lease has a length");
+  require(!change.close ||
+              (!change.disabled && !change.clientAddress && !change.clientPort && !change.lease),
           "closing a port changes nothing else");
   require(change.disabled.has_value() == (request.fields().find(lm::key::disabled) != nullptr),
           "what a request does not have does not change");

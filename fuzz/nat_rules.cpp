@@ -9,6 +9,7 @@
 #include <array>
 #include <chrono>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -104,7 +105,9 @@ lm::message addRequest(Input& in) {
                                         .protocol = how % 2 == 0 ? uint32_t{IPPROTO_TCP}
                                                                  : uint32_t{IPPROTO_UDP},
                                         .client = client,
-                                        .clientPort = portOf(in.byte())});
+                                        .clientPort = portOf(in.byte()),
+                                        .lease = how & 64 ? std::optional(1U) : std::nullopt,
+                                        .anyPort = (how & 128) != 0});
   return request;
 }
 
@@ -118,6 +121,7 @@ lm::message setRequest(Input& in) {
   }
   if (how % 8 < 4) request.insert_bool(lm::key::disabled, how % 2 == 1);
   if (how % 8 != 3) insertClient(request, in);
+  if ((how & 64) != 0) request.insert_u32(key::lease, 1 + how / 128);
   return request;
 }
 
