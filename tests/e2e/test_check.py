@@ -89,6 +89,21 @@ class CheckTest(CheckCase):
         self.router.wait_until_controllable()
         self.assert_nothing_wrong()
 
+    def test_the_service_file_lets_the_gateway_open_no_port(self):
+        place = self.router.root / "etc" / "services" / "upnp.ini"
+        text = place.read_text()
+        self.router.stop()
+        place.write_text(text.replace("ports = yes\n", ""))
+        self.router.start()
+        self.assert_found(f"The service file {place} does not let the gateway open ports.",
+                          "Every program that asks for a port is refused.",
+                          "add the line \"ports = yes\" to it, then start lumend again")
+        self.router.stop()
+        place.write_text(text)
+        self.router.start()
+        self.router.wait_until_controllable()
+        self.assert_nothing_wrong()
+
     def test_the_user_of_the_gateway_is_missing(self):
         place = self.router.root / "etc" / "services" / "upnp.ini"
         right = place.read_text()

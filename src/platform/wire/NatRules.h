@@ -65,7 +65,7 @@ inline constexpr uint32_t lease = 0x08010050;
 /// bool, in an add request only: portFirst and portLast are a wish, 0 for none. When that port is
 /// not free or not allowed, the rule gets another one.
 inline constexpr uint32_t anyPort = 0x00010051;
-// Only packets from this network pass; both or none.
+// Only packets from this network pass; both or none. lumend refuses them still.
 inline constexpr uint32_t remoteNetwork = 0x08010052;  ///< be32
 inline constexpr uint32_t remotePrefix = 0x08010053;   ///< u32: 1 to 32
 
@@ -125,7 +125,7 @@ enum class Refusal : uint32_t {
 /// Who has a port that is taken.
 enum class Holder : uint32_t { otherService = 1, sameService = 2, administrator = 3, router = 4 };
 
-/// Why lumend ended a rule.
+/// Why lumend ended a rule; it does not use the last two yet.
 enum class End : uint32_t { lease = 1, administrator = 2, addressGone = 3, policy = 4 };
 
 /// The action of every rule: translate the destination.
