@@ -135,9 +135,9 @@ class Build:
         return found
 
     def code(self):
-        """The files of src/ and lumen/, as path -> text, and those that no program contains."""
+        """The files of src/, lumen/ and pcp/, as path -> text, and those that no program contains."""
         files, left_out = {}, []
-        for folder in ("src", "lumen"):
+        for folder in ("src", "lumen", "pcp"):
             for path in sorted((self.tree / folder).rglob("*")):
                 name = str(path.relative_to(self.tree))
                 if path.suffix not in (".h", ".cpp"):

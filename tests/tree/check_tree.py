@@ -33,6 +33,7 @@ LAYERS = {
     "lumen/services": ("lumen/runtime", "lumen/values", "base", "platform"),
     "lumen/web": ("lumen/ctl/router", "lumen/ctl/status", "lumen/ctl/check", "lumen/ctl/text",
                   "lumen/runtime", "lumen/values", "net", "base", "platform"),
+    "pcp/codec": ("lumen/values",),
     "lumen/ctl": ("lumen/services", "lumen/runtime", "lumen/values", "base", "platform"),
 }
 
@@ -67,11 +68,11 @@ USERS_OF_PACKAGES = {
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"', re.MULTILINE)
 # A path from the top of the tree in `code` of a document; /lumen/etc is one of the router.
 CODE = re.compile(r"`([^`\n]+)`")
-PATH = re.compile(r"(?<![\w/.-])(?:src|lumen|tests|fuzz|scripts|packaging|cmake|docs)/[\w./-]*\w")
+PATH = re.compile(r"(?<![\w/.-])(?:src|lumen|pcp|tests|fuzz|scripts|packaging|cmake|docs)/[\w./-]*\w")
 
 
 def sources(top, *suffixes):
-    for folder in ("src", "lumen", "tests", "bench", "fuzz"):
+    for folder in ("src", "lumen", "pcp", "tests", "bench", "fuzz"):
         for path in sorted((top / folder).rglob("*")):
             if path.suffix in suffixes:
                 yield path
@@ -88,12 +89,12 @@ def includes_run_one_way(top, _build):
     found = []
     for path in sorted(sources(top, ".h", ".cpp")):
         name = str(path.relative_to(top))
-        if not name.startswith(("src/", "lumen/")):
+        if not name.startswith(("src/", "lumen/", "pcp/")):
             continue
         layer = max((layer for layer in LAYERS if name.startswith(layer + "/")), key=len,
                     default=None)
         if layer is None:
-            if path.parent not in (top / "src", top / "lumen"):
+            if path.parent not in (top / "src", top / "lumen", top / "pcp"):
                 found.append(f"{name}: no layer is known for its folder")
             continue
         allowed = (layer.removeprefix("src/"), *LAYERS[layer])

@@ -19,7 +19,7 @@ def compiled_sources():
     """Each source of the programs with the words of its command."""
     for entry in json.loads((BUILD / "compile_commands.json").read_text()):
         source = pathlib.Path(entry["file"]).relative_to(pathlib.Path(__file__).parents[2])
-        if source.parts[0] in ("src", "lumen"):
+        if source.parts[0] in ("src", "lumen", "pcp"):
             yield source, entry["command"].split()
 
 
