@@ -19,7 +19,6 @@ constexpr uint8_t optionFilter = 3;
 constexpr uint8_t firstOptional = 128;
 
 constexpr size_t headerLength = 24;
-constexpr size_t mapLength = 36;
 constexpr size_t thirdPartyLength = 16;
 constexpr size_t filterLength = 20;
 

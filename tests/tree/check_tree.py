@@ -34,6 +34,7 @@ LAYERS = {
     "lumen/web": ("lumen/ctl/router", "lumen/ctl/status", "lumen/ctl/check", "lumen/ctl/text",
                   "lumen/runtime", "lumen/values", "net", "base", "platform"),
     "pcp/codec": ("lumen/values",),
+    "pcp/table": ("pcp/codec", "lumen/runtime", "lumen/values"),
     "lumen/ctl": ("lumen/services", "lumen/runtime", "lumen/values", "base", "platform"),
 }
 

@@ -1,0 +1,186 @@
+#include "pcp/table/MappingTable.h"
+
+#include <algorithm>
+#include <chrono>
+#include <iterator>
+#include <utility>
+
+namespace pcp {
+
+namespace {
+
+ResultCode codeOf(Ports::Failure failure, bool exact) {
+  switch (failure) {
+    case Ports::Failure::conflict:
+      return exact ? ResultCode::cannotProvideExternal : ResultCode::noResources;
+    case Ports::Failure::forbidden:
+      return ResultCode::notAuthorized;
+    case Ports::Failure::full:
+    case Ports::Failure::unavailable:
+      break;
+  }
+  return ResultCode::noResources;
+}
+
+}  // namespace
+
+void MappingTable::setExternal(std::optional<lumen::Ipv4Address> address) {
+  if (address == external_) return;
+  clear();
+  external_ = address;
+}
+
+std::variant<MappingTable::Assigned, ResultCode> MappingTable::map(const Wish& wish) {
+  if (!external_) return ResultCode::networkFailure;
+  forgetEnded(mappings_.lower_bound({wish.client, {}}),
+              mappings_.upper_bound({wish.client, {UINT8_MAX, UINT16_MAX}}));
+  const uint32_t lifetime = std::clamp(wish.lifetime, shortest, longest);
+  const auto mapping = mappings_.find({wish.client, wish.target});
+  return mapping == mappings_.end() ? open(wish, lifetime) : renew(mapping, wish, lifetime);
+}
+
+std::variant<MappingTable::Assigned, ResultCode> MappingTable::open(const Wish& wish,
+                                                                    uint32_t lifetime) {
+  if (countOf(wish.client) >= mostPerClient) return ResultCode::userExceededQuota;
+  if (mappings_.size() >= most) forgetEnded(mappings_.begin(), mappings_.end());
+  if (mappings_.size() >= most) return ResultCode::noResources;
+  const auto opened = ports_.add({.protocol = wish.target.protocol,
+                                  .external = {*external_, wish.port},
+                                  .exact = wish.exact && wish.port != 0,
+                                  .client = {wish.client, wish.target.port},
+                                  .remote = wish.filter.network,
+                                  .lifetime = lifetime});
+  if (const auto* failure = std::get_if<Ports::Failure>(&opened)) {
+    return codeOf(*failure, wish.exact);
+  }
+  const auto& port = std::get<Ports::Open>(opened);
+  const Key key = {wish.client, wish.target};
+  byId_.insert_or_assign(port.id, key);
+  mappings_.insert_or_assign(key, Mapping{.nonce = wish.nonce,
+                                          .id = port.id,
+                                          .port = port.port,
+                                          .remote = wish.filter.network,
+                                          .end = clock_.now() + std::chrono::seconds(lifetime)});
+  return Assigned{{*external_, port.port}, lifetime};
+}
+
+std::variant<MappingTable::Assigned, ResultCode> MappingTable::renew(Mappings::iterator mapping,
+                                                                     const Wish& wish,
+                                                                     uint32_t lifetime) {
+  if (mapping->second.nonce != wish.nonce) return ResultCode::notAuthorized;
+  if (wish.exact && wish.port != 0 && wish.port != mapping->second.port) {
+    return ResultCode::cannotProvideExternal;
+  }
+  std::optional<lumen::Ipv4Network> remote = mapping->second.remote;
+  if (wish.filter.forget) remote.reset();
+  if (wish.filter.network) {
+    // A rule of the router has one network.
+    if (remote && remote != wish.filter.network) return ResultCode::excessiveRemotePeers;
+    remote = wish.filter.network;
+  }
+  if (!ports_.renew(mapping->second.id, lifetime)) {
+    // It has ended, and the news of it is under way.
+    Wish again = wish;
+    if (again.port == 0) again.port = mapping->second.port;
+    again.filter = {.network = remote};
+    forget(mapping);
+    return open(again, lifetime);
+  }
+  mapping->second.end = clock_.now() + std::chrono::seconds(lifetime);
+  if (const ResultCode code = filter(mapping, remote); code != ResultCode::success) return code;
+  return Assigned{{*external_, mapping->second.port}, lifetime};
+}
+
+// A rule's network cannot be changed: it gives place to another one.
+ResultCode MappingTable::filter(Mappings::iterator mapping,
+                                std::optional<lumen::Ipv4Network> remote) {
+  if (mapping->second.remote == remote) return ResultCode::success;
+  ports_.remove(mapping->second.id);
+  byId_.erase(mapping->second.id);
+  Ports::Wish wish = portOf(mapping);
+  const std::optional<lumen::Ipv4Network> before = std::exchange(wish.remote, remote);
+  auto opened = ports_.add(wish);
+  ResultCode code = ResultCode::success;
+  if (const auto* failure = std::get_if<Ports::Failure>(&opened)) {
+    code = codeOf(*failure, true);
+    wish.remote = before;
+    opened = ports_.add(wish);
+  }
+  const auto* port = std::get_if<Ports::Open>(&opened);
+  if (port == nullptr) {
+    mappings_.erase(mapping);
+    return code;
+  }
+  mapping->second.id = port->id;
+  mapping->second.remote = wish.remote;
+  byId_.insert_or_assign(port->id, mapping->first);
+  return code;
+}
+
+ResultCode MappingTable::unmap(lumen::Ipv4Address client, Target target, const Nonce& nonce) {
+  const auto mapping = mappings_.find({client, target});
+  if (mapping == mappings_.end()) return ResultCode::success;
+  if (mapping->second.nonce != nonce) return ResultCode::notAuthorized;
+  ports_.remove(mapping->second.id);
+  forget(mapping);
+  return ResultCode::success;
+}
+
+void MappingTable::unmapAll(lumen::Ipv4Address client, uint8_t protocol, const Nonce& nonce) {
+  auto mapping = mappings_.lower_bound({client, {protocol, 0}});
+  const auto end = mappings_.upper_bound({client, {protocol, UINT16_MAX}});
+  while (mapping != end) {
+    if (mapping->second.nonce != nonce) {
+      ++mapping;
+      continue;
+    }
+    ports_.remove(mapping->second.id);
+    mapping = forget(mapping);
+  }
+}
+
+void MappingTable::ended(uint32_t id) {
+  const auto key = byId_.find(id);
+  if (key != byId_.end()) forget(mappings_.find(key->second));
+}
+
+void MappingTable::clear() {
+  for (const auto& [key, mapping] : mappings_) ports_.remove(mapping.id);
+  mappings_.clear();
+  byId_.clear();
+}
+
+std::optional<uint32_t> MappingTable::left(lumen::Ipv4Address client, Target target) const {
+  const auto mapping = mappings_.find({client, target});
+  if (mapping == mappings_.end()) return std::nullopt;
+  const auto rest = std::chrono::ceil<std::chrono::seconds>(mapping->second.end - clock_.now());
+  return static_cast<uint32_t>(std::max<int64_t>(rest.count(), 0));
+}
+
+Ports::Wish MappingTable::portOf(Mappings::const_iterator mapping) const {
+  const auto& [key, value] = *mapping;
+  return {.protocol = key.target.protocol,
+          .external = {*external_, value.port},
+          .exact = true,
+          .client = {key.client, key.target.port},
+          .remote = value.remote,
+          .lifetime = left(key.client, key.target).value_or(shortest)};
+}
+
+size_t MappingTable::countOf(lumen::Ipv4Address client) const {
+  return static_cast<size_t>(
+      std::distance(mappings_.lower_bound({client, {}}),
+                    mappings_.upper_bound({client, {UINT8_MAX, UINT16_MAX}})));
+}
+
+// The router closes the ports by itself and says so. This is for the news that was lost.
+void MappingTable::forgetEnded(Mappings::iterator from, Mappings::iterator to) {
+  while (from != to) from = from->second.end <= clock_.now() ? forget(from) : std::next(from);
+}
+
+MappingTable::Mappings::iterator MappingTable::forget(Mappings::iterator mapping) {
+  byId_.erase(mapping->second.id);
+  return mappings_.erase(mapping);
+}
+
+}  // namespace pcp

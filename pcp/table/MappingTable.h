@@ -1,0 +1,116 @@
+#pragma once
+
+#include <compare>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <variant>
+
+#include "lumen/runtime/Clock.h"
+#include "lumen/values/Ipv4.h"
+#include "pcp/codec/Pcp.h"
+#include "pcp/table/Ports.h"
+
+namespace pcp {
+
+/// The mappings of all clients. Each is one open port of the router.
+class MappingTable {
+ public:
+  /// The shortest and the longest lifetime of a mapping in seconds (RFC 6887 section 15).
+  static constexpr uint32_t shortest = 120;
+  static constexpr uint32_t longest = 24 * 60 * 60;
+  static constexpr size_t mostPerClient = 64;
+  static constexpr size_t most = 16384;
+
+  /// What a client maps.
+  struct Target {
+    uint8_t protocol = 0;  ///< IPPROTO_TCP or IPPROTO_UDP
+    uint16_t port = 0;     ///< internal, not 0
+
+    auto operator<=>(const Target&) const = default;
+  };
+
+  /// Which networks may use a mapping, as one request changes it.
+  struct FilterWish {
+    bool forget = false;  ///< the network that it had
+    std::optional<lumen::Ipv4Network> network{};
+  };
+
+  struct Wish {
+    Nonce nonce = {};  ///< zeros for NAT-PMP
+    lumen::Ipv4Address client{};
+    Target target{};
+    uint16_t port = 0;   ///< external; 0: any
+    bool exact = false;  ///< no other external port will do
+    FilterWish filter{};
+    uint32_t lifetime = 0;
+  };
+
+  struct Assigned {
+    lumen::Endpoint external;
+    uint32_t lifetime = 0;
+  };
+
+  /// Both must outlive this.
+  MappingTable(Ports& ports, const lm::Clock& clock) : ports_(ports), clock_(clock) {}
+  MappingTable(const MappingTable&) = delete;
+  MappingTable& operator=(const MappingTable&) = delete;
+
+  /// The address at which ports are opened. With another one, or none, all mappings end.
+  void setExternal(std::optional<lumen::Ipv4Address> address);
+  [[nodiscard]] std::optional<lumen::Ipv4Address> external() const { return external_; }
+
+  /// Opens a port or renews its lease; keeps the external port of a mapping that exists. An error
+  /// changes nothing.
+  [[nodiscard]] std::variant<Assigned, ResultCode> map(const Wish& wish);
+  /// Ends a mapping; success also when there is none.
+  [[nodiscard]] ResultCode unmap(lumen::Ipv4Address client, Target target, const Nonce& nonce);
+  /// Ends the mappings of this protocol that have this nonce.
+  void unmapAll(lumen::Ipv4Address client, uint8_t protocol, const Nonce& nonce);
+
+  /// The router has closed the port.
+  void ended(uint32_t id);
+  /// Ends all mappings.
+  void clear();
+
+  /// How long the lease of a mapping will last, in seconds; none: there is no mapping.
+  [[nodiscard]] std::optional<uint32_t> left(lumen::Ipv4Address client, Target target) const;
+  [[nodiscard]] size_t size() const { return mappings_.size(); }
+
+ private:
+  struct Key {
+    lumen::Ipv4Address client;
+    Target target;
+
+    auto operator<=>(const Key&) const = default;
+  };
+
+  struct Mapping {
+    Nonce nonce;
+    uint32_t id = 0;  // of the port
+    uint16_t port = 0;
+    std::optional<lumen::Ipv4Network> remote;
+    lm::Clock::Time end;
+  };
+
+  using Mappings = std::map<Key, Mapping>;
+
+  [[nodiscard]] std::variant<Assigned, ResultCode> open(const Wish& wish, uint32_t lifetime);
+  [[nodiscard]] std::variant<Assigned, ResultCode> renew(Mappings::iterator mapping,
+                                                         const Wish& wish, uint32_t lifetime);
+  [[nodiscard]] ResultCode filter(Mappings::iterator mapping,
+                                  std::optional<lumen::Ipv4Network> remote);
+  [[nodiscard]] Ports::Wish portOf(Mappings::const_iterator mapping) const;
+  [[nodiscard]] size_t countOf(lumen::Ipv4Address client) const;
+  void forgetEnded(Mappings::iterator from, Mappings::iterator to);
+  Mappings::iterator forget(Mappings::iterator mapping);
+
+  Ports& ports_;
+  const lm::Clock& clock_;
+  std::optional<lumen::Ipv4Address> external_;
+  Mappings mappings_;
+  std::map<uint32_t, Key> byId_;
+};
+
+}  // namespace pcp

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <variant>
+
+#include "lumen/values/Ipv4.h"
+
+namespace pcp {
+
+/// The ports that the router forwards. A port is open for as long as its lease lasts.
+class Ports {
+ public:
+  struct Wish {
+    uint8_t protocol = 0;  ///< IPPROTO_TCP or IPPROTO_UDP
+    lumen::Endpoint external{};
+    bool exact = false;  ///< no other external port will do
+    lumen::Endpoint client{};
+    std::optional<lumen::Ipv4Network> remote{};  ///< none: anywhere
+    uint32_t lifetime = 0;                       ///< in seconds, not 0
+  };
+
+  struct Open {
+    uint32_t id = 0;
+    uint16_t port = 0;  ///< external
+  };
+
+  enum class Failure {
+    conflict,   ///< that port is taken, or none is free
+    forbidden,  ///< to this client, at this port, or to us
+    full,
+    unavailable,  ///< the router did not answer
+  };
+
+  virtual ~Ports() = default;
+
+  [[nodiscard]] virtual std::variant<Open, Failure> add(const Wish& wish) = 0;
+  /// Lets the lease last that many seconds from now. False: the port is no longer open.
+  [[nodiscard]] virtual bool renew(uint32_t id, uint32_t lifetime) = 0;
+  virtual void remove(uint32_t id) = 0;
+};
+
+}  // namespace pcp

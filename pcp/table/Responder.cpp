@@ -1,0 +1,194 @@
+#include "pcp/table/Responder.h"
+
+#include <netinet/in.h>
+
+#include <algorithm>
+#include <variant>
+
+namespace pcp {
+
+namespace {
+
+// NAT-PMP knows no nonces.
+constexpr Nonce noNonce = {};
+// Of the address of an IPv4 network that is written as one of IPv6.
+constexpr uint8_t mappedPrefix = 96;
+
+natpmp::Result natPmpResult(ResultCode code) {
+  switch (code) {
+    case ResultCode::success:
+      return natpmp::Result::success;
+    case ResultCode::notAuthorized:
+      return natpmp::Result::notAuthorized;
+    case ResultCode::networkFailure:
+      return natpmp::Result::networkFailure;
+    default:
+      return natpmp::Result::outOfResources;
+  }
+}
+
+bool hasPorts(uint8_t protocol) { return protocol == IPPROTO_TCP || protocol == IPPROTO_UDP; }
+
+/// What the options ask for; none: more than a rule of the router can do.
+std::optional<MappingTable::FilterWish> filterOf(const std::vector<Filter>& filters) {
+  MappingTable::FilterWish wish;
+  for (const Filter& filter : filters) {
+    if (filter.prefix == 0) {
+      wish = {.forget = true};
+      continue;
+    }
+    const auto address = filter.address.ipv4();
+    if (!address || filter.port != 0) return std::nullopt;
+    const lumen::Ipv4Network network(*address, filter.prefix - mappedPrefix);
+    if (wish.network && wish.network != network) return std::nullopt;
+    wish.network = network;
+  }
+  // Every address: no filter.
+  if (wish.network && wish.network->prefix() == 0) wish = {.forget = true};
+  return wish;
+}
+
+}  // namespace
+
+/// What became of a PCP request.
+struct Responder::Carried {
+  ResultCode code = ResultCode::success;
+  uint32_t lifetime = 0;
+  MapData assigned{};
+
+  [[nodiscard]] static Carried failed(ResultCode code) { return {code, errorLifetime(code)}; }
+};
+
+Responder::Answer Responder::answer(std::span<const uint8_t> datagram, lumen::Ipv4Address source) {
+  if (datagram.empty() || datagram[0] != natpmp::version) return answerPcp(datagram, source);
+  const auto request = natpmp::parseRequest(datagram);
+  if (!request) return std::nullopt;
+  if (const auto* address = std::get_if<natpmp::AddressRequest>(&*request)) {
+    return write(answer(*address));
+  }
+  if (const auto* map = std::get_if<natpmp::MapRequest>(&*request)) {
+    return write(answer(*map, source));
+  }
+  return write(natpmp::UnknownResponse{.opcode = std::get<natpmp::UnknownRequest>(*request).opcode,
+                                       .epoch = epoch_.seconds()});
+}
+
+natpmp::AddressResponse Responder::answer(const natpmp::AddressRequest& /*request*/) const {
+  const auto external = table_.external();
+  return {.result = external ? natpmp::Result::success : natpmp::Result::networkFailure,
+          .epoch = epoch_.seconds(),
+          .address = external.value_or(lumen::Ipv4Address())};
+}
+
+natpmp::MapResponse Responder::answer(const natpmp::MapRequest& request,
+                                      lumen::Ipv4Address source) {
+  natpmp::MapResponse response = {.protocol = request.protocol,
+                                  .epoch = epoch_.seconds(),
+                                  .internalPort = request.internalPort};
+  if (request.lifetime == 0) {
+    if (request.internalPort == 0) {
+      table_.unmapAll(source, request.protocol, noNonce);
+    } else {
+      response.result =
+          natPmpResult(table_.unmap(source, {request.protocol, request.internalPort}, noNonce));
+    }
+    return response;
+  }
+  if (request.internalPort == 0) {
+    response.result = natpmp::Result::notAuthorized;
+    return response;
+  }
+  const auto mapped = table_.map({.nonce = noNonce,
+                                  .client = source,
+                                  .target = {request.protocol, request.internalPort},
+                                  .port = request.externalPort,
+                                  .lifetime = request.lifetime});
+  if (const auto* code = std::get_if<ResultCode>(&mapped)) {
+    response.result = natPmpResult(*code);
+    return response;
+  }
+  const auto& assigned = std::get<MappingTable::Assigned>(mapped);
+  response.externalPort = assigned.external.port;
+  response.lifetime = assigned.lifetime;
+  return response;
+}
+
+Responder::Answer Responder::answerPcp(std::span<const uint8_t> datagram,
+                                       lumen::Ipv4Address source) {
+  const auto parsed = parseRequest(datagram);
+  if (!parsed) return std::nullopt;
+  const auto* request = std::get_if<Request>(&*parsed);
+  const Carried carried = request != nullptr ? carryOut(*request, source)
+                                             : Carried::failed(std::get<ResultCode>(*parsed));
+  if (carried.code != ResultCode::success) {
+    return writeError(datagram, carried.code, carried.lifetime, epoch_.seconds());
+  }
+  return writeSuccess(*request, carried.assigned, carried.lifetime, epoch_.seconds());
+}
+
+Responder::Carried Responder::carryOut(const Request& request, lumen::Ipv4Address source) {
+  if (request.client != IpAddress::mapped(source)) {
+    return Carried::failed(ResultCode::addressMismatch);
+  }
+  if (!request.map) return {};
+  if (!request.thirdParty) return map(request, source);
+  if (agents_.empty()) return Carried::failed(ResultCode::unsupportedOption);
+  if (!agents_.contains(source)) return Carried::failed(ResultCode::notAuthorized);
+  const auto client = request.thirdParty->ipv4();
+  // RFC 6887 section 13.1: it is for others.
+  if (!client || *client == source) return Carried::failed(ResultCode::malformedRequest);
+  return map(request, *client);
+}
+
+Responder::Carried Responder::map(const Request& request, lumen::Ipv4Address client) {
+  const MapData& wished = *request.map;
+  if (!hasPorts(wished.protocol) || wished.internalPort == 0) {
+    return Carried::failed(ResultCode::unsupportedProtocol);
+  }
+  const MappingTable::Target target = {wished.protocol, wished.internalPort};
+  const auto failed = [&](ResultCode code) {
+    Carried carried = Carried::failed(code);
+    // Who does not know the nonce may try again when the mapping has ended.
+    if (code == ResultCode::notAuthorized) {
+      carried.lifetime =
+          std::min(carried.lifetime, table_.left(client, target).value_or(carried.lifetime));
+    }
+    return carried;
+  };
+  if (request.lifetime == 0) {
+    const ResultCode code = table_.unmap(client, target, wished.nonce);
+    if (code != ResultCode::success) return failed(code);
+    return {.assigned = wished};
+  }
+  const auto filter = filterOf(request.filters);
+  if (!filter) return Carried::failed(ResultCode::excessiveRemotePeers);
+  const auto external = table_.external();
+  if (request.preferFailure && external && !wished.externalAddress.isUnspecified() &&
+      wished.externalAddress != IpAddress::mapped(*external)) {
+    return Carried::failed(ResultCode::cannotProvideExternal);
+  }
+  const auto mapped = table_.map({.nonce = wished.nonce,
+                                  .client = client,
+                                  .target = target,
+                                  .port = wished.externalPort,
+                                  .exact = request.preferFailure,
+                                  .filter = *filter,
+                                  .lifetime = request.lifetime});
+  if (const auto* code = std::get_if<ResultCode>(&mapped)) return failed(*code);
+  const auto& assigned = std::get<MappingTable::Assigned>(mapped);
+  Carried carried = {.lifetime = assigned.lifetime, .assigned = wished};
+  carried.assigned.externalPort = assigned.external.port;
+  carried.assigned.externalAddress = IpAddress::mapped(assigned.external.address);
+  return carried;
+}
+
+Responder::Answer Responder::natPmpAnnouncement() const {
+  if (!table_.external()) return std::nullopt;
+  return write(answer(natpmp::AddressRequest()));
+}
+
+std::vector<uint8_t> Responder::pcpAnnouncement() const {
+  return writeAnnouncement(epoch_.seconds());
+}
+
+}  // namespace pcp

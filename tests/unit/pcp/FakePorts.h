@@ -1,0 +1,52 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <utility>
+#include <variant>
+
+#include "pcp/table/Ports.h"
+
+namespace pcp::test {
+
+/// A router whose ports a test can look at. A wish that is taken gets the next free port, and a
+/// wish for any the first free one from 50000 on.
+class FakePorts : public Ports {
+ public:
+  std::variant<Open, Failure> add(const Wish& wish) override {
+    if (failure) return *failure;
+    if (refusesNext) return *std::exchange(refusesNext, std::nullopt);
+    Wish rule = wish;
+    if (rule.external.port == 0) rule.external.port = 50000;
+    while (isOpen(rule.protocol, rule.external.port)) {
+      if (wish.exact) return Failure::conflict;
+      ++rule.external.port;
+    }
+    rules.emplace(++lastId, rule);
+    return Open{lastId, rule.external.port};
+  }
+
+  bool renew(uint32_t id, uint32_t lifetime) override {
+    const auto rule = rules.find(id);
+    if (rule == rules.end()) return false;
+    rule->second.lifetime = lifetime;
+    return true;
+  }
+
+  void remove(uint32_t id) override { rules.erase(id); }
+
+  [[nodiscard]] bool isOpen(uint8_t protocol, uint16_t port) const {
+    for (const auto& [id, rule] : rules) {
+      if (rule.protocol == protocol && rule.external.port == port) return true;
+    }
+    return false;
+  }
+
+  std::map<uint32_t, Wish> rules;
+  uint32_t lastId = 0;
+  std::optional<Failure> failure;      ///< of each add
+  std::optional<Failure> refusesNext;  ///< of one
+};
+
+}  // namespace pcp::test

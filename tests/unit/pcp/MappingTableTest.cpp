@@ -1,0 +1,286 @@
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+
+#include <variant>
+
+#include "pcp/FakePorts.h"
+#include "pcp/table/MappingTable.h"
+#include "support/ManualClock.h"
+
+namespace pcp {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr lumen::Ipv4Address lanHost = {192, 168, 88, 10};
+constexpr lumen::Ipv4Address otherHost = {192, 168, 88, 11};
+constexpr lumen::Ipv4Address outside = {45, 45, 45, 2};
+constexpr lumen::Ipv4Address newOutside = {46, 46, 46, 2};
+constexpr Nonce nonce = {1, 2, 3};
+constexpr Nonce otherNonce = {4, 5, 6};
+const lumen::Ipv4Network office({198, 51, 100, 0}, 24);
+const lumen::Ipv4Network home({203, 0, 113, 0}, 24);
+
+class MappingTableTest : public testing::Test {
+ protected:
+  MappingTableTest() { table.setExternal(outside); }
+
+  static MappingTable::Wish wish(uint16_t internal, uint16_t external, uint32_t lifetime = 3600) {
+    return {.nonce = nonce,
+            .client = lanHost,
+            .target = {IPPROTO_TCP, internal},
+            .port = external,
+            .lifetime = lifetime};
+  }
+
+  /// What the mapping got; port 0 after a failure of the test.
+  MappingTable::Assigned mapped(const MappingTable::Wish& wanted) {
+    const auto result = table.map(wanted);
+    if (const auto* code = std::get_if<ResultCode>(&result)) {
+      ADD_FAILURE() << "refused with " << static_cast<int>(*code);
+      return {};
+    }
+    return std::get<MappingTable::Assigned>(result);
+  }
+  ResultCode refused(const MappingTable::Wish& wanted) {
+    const auto result = table.map(wanted);
+    const auto* code = std::get_if<ResultCode>(&result);
+    return code != nullptr ? *code : ResultCode::success;
+  }
+  /// The only open port of the router.
+  const Ports::Wish& rule() {
+    EXPECT_EQ(ports.rules.size(), 1U);
+    return ports.rules.begin()->second;
+  }
+
+  test::FakePorts ports;
+  lm::test::ManualClock clock;
+  MappingTable table{ports, clock};
+};
+
+TEST_F(MappingTableTest, AMappingIsAnOpenPort) {
+  const MappingTable::Assigned assigned = mapped(wish(80, 8080));
+  EXPECT_EQ(assigned.external, (lumen::Endpoint{outside, 8080}));
+  EXPECT_EQ(assigned.lifetime, 3600U);
+  EXPECT_EQ(rule().protocol, IPPROTO_TCP);
+  EXPECT_EQ(rule().external, (lumen::Endpoint{outside, 8080}));
+  EXPECT_FALSE(rule().exact);
+  EXPECT_EQ(rule().client, (lumen::Endpoint{lanHost, 80}));
+  EXPECT_EQ(rule().remote, std::nullopt);
+  EXPECT_EQ(rule().lifetime, 3600U);
+  EXPECT_EQ(table.size(), 1U);
+}
+
+// Promise: A port that a client wishes and that is taken becomes another one, unless it wants that
+// port or none.
+TEST_F(MappingTableTest, ATakenPortBecomesAnotherOneUnlessItMustBeThatOne) {
+  mapped(wish(80, 8080));
+  EXPECT_EQ(mapped(wish(81, 8080)).external.port, 8081);
+  MappingTable::Wish exact = wish(82, 8080);
+  exact.exact = true;
+  EXPECT_EQ(refused(exact), ResultCode::cannotProvideExternal);
+  exact.port = 8082;
+  EXPECT_EQ(mapped(exact).external.port, 8082);
+  EXPECT_TRUE(ports.rules.rbegin()->second.exact);
+  // Without a wish any port is that one.
+  exact = wish(83, 0);
+  exact.exact = true;
+  EXPECT_NE(mapped(exact).external.port, 0);
+}
+
+TEST_F(MappingTableTest, ARequestThatComesAgainRenewsTheLease) {
+  mapped(wish(80, 8080, 3600));
+  clock.advance(3000s);
+  EXPECT_EQ(table.left(lanHost, {IPPROTO_TCP, 80}), 600U);
+  // The external port stays, whatever is wished now.
+  const MappingTable::Assigned again = mapped(wish(80, 9090, 7200));
+  EXPECT_EQ(again.external.port, 8080);
+  EXPECT_EQ(again.lifetime, 7200U);
+  EXPECT_EQ(rule().lifetime, 7200U);
+  EXPECT_EQ(table.left(lanHost, {IPPROTO_TCP, 80}), 7200U);
+  MappingTable::Wish exact = wish(80, 9090);
+  exact.exact = true;
+  EXPECT_EQ(refused(exact), ResultCode::cannotProvideExternal);
+}
+
+// Promise: A port that is opened by NAT-PMP or PCP lasts for at least 120 seconds and at most 24
+// hours, then the client has to ask again.
+TEST_F(MappingTableTest, ALifetimeIsFrom120SecondsTo24Hours) {
+  EXPECT_EQ(mapped(wish(80, 8080, 1)).lifetime, 120U);
+  EXPECT_EQ(mapped(wish(80, 8080, 119)).lifetime, 120U);
+  EXPECT_EQ(mapped(wish(80, 8080, 121)).lifetime, 121U);
+  EXPECT_EQ(mapped(wish(80, 8080, 86399)).lifetime, 86399U);
+  EXPECT_EQ(mapped(wish(80, 8080, 86401)).lifetime, 86400U);
+  EXPECT_EQ(mapped(wish(80, 8080, 0xffffffff)).lifetime, 86400U);
+  EXPECT_EQ(rule().lifetime, 86400U);
+}
+
+TEST_F(MappingTableTest, OnlyTheNonceOfAMappingChangesIt) {
+  mapped(wish(80, 8080));
+  MappingTable::Wish stranger = wish(80, 8080);
+  stranger.nonce = otherNonce;
+  EXPECT_EQ(refused(stranger), ResultCode::notAuthorized);
+  EXPECT_EQ(table.unmap(lanHost, {IPPROTO_TCP, 80}, otherNonce), ResultCode::notAuthorized);
+  table.unmapAll(lanHost, IPPROTO_TCP, otherNonce);
+  EXPECT_EQ(table.size(), 1U);
+  EXPECT_EQ(table.unmap(lanHost, {IPPROTO_TCP, 80}, nonce), ResultCode::success);
+  EXPECT_EQ(table.size(), 0U);
+  EXPECT_TRUE(ports.rules.empty());
+}
+
+TEST_F(MappingTableTest, WhatIsNotThereIsEndedWithSuccess) {
+  EXPECT_EQ(table.unmap(lanHost, {IPPROTO_TCP, 80}, nonce), ResultCode::success);
+}
+
+TEST_F(MappingTableTest, AllOfAProtocolEndForOneClientOnly) {
+  mapped(wish(1, 1001));
+  mapped(wish(65535, 1002));
+  MappingTable::Wish udp = wish(3, 1003);
+  udp.target.protocol = IPPROTO_UDP;
+  mapped(udp);
+  MappingTable::Wish other = wish(4, 1004);
+  other.client = otherHost;
+  mapped(other);
+  table.unmapAll(lanHost, IPPROTO_TCP, nonce);
+  EXPECT_EQ(table.size(), 2U);
+  EXPECT_FALSE(ports.isOpen(IPPROTO_TCP, 1001) || ports.isOpen(IPPROTO_TCP, 1002));
+  EXPECT_TRUE(ports.isOpen(IPPROTO_UDP, 1003) && ports.isOpen(IPPROTO_TCP, 1004));
+}
+
+TEST_F(MappingTableTest, WhatTheRouterClosedIsForgotten) {
+  mapped(wish(80, 8080));
+  const uint32_t id = ports.rules.begin()->first;
+  ports.rules.clear();
+  table.ended(id + 1);
+  EXPECT_EQ(table.size(), 1U);
+  table.ended(id);
+  EXPECT_EQ(table.size(), 0U);
+  EXPECT_EQ(mapped(wish(80, 8080)).external.port, 8080);
+}
+
+TEST_F(MappingTableTest, ARenewalThatComesTooLateOpensThePortAgain) {
+  mapped(wish(80, 8080));
+  ports.rules.clear();
+  EXPECT_EQ(mapped(wish(80, 0)).external.port, 8080);
+  EXPECT_EQ(rule().client, (lumen::Endpoint{lanHost, 80}));
+  EXPECT_EQ(table.size(), 1U);
+}
+
+// Promise: A host has at most 64 ports by NAT-PMP and PCP together; what others have does not
+// count.
+TEST_F(MappingTableTest, AHostHasAtMost64Ports) {
+  for (uint16_t port = 1; port <= 64; ++port) mapped(wish(port, 0));
+  EXPECT_EQ(refused(wish(65, 0)), ResultCode::userExceededQuota);
+  MappingTable::Wish other = wish(65, 0);
+  other.client = otherHost;
+  mapped(other);
+  // One that it has is renewed, and the place of one that ended is free.
+  mapped(wish(64, 0));
+  EXPECT_EQ(table.unmap(lanHost, {IPPROTO_TCP, 1}, nonce), ResultCode::success);
+  mapped(wish(65, 0));
+}
+
+TEST_F(MappingTableTest, LostNewsOfAnEndKeepsNoPlace) {
+  for (uint16_t port = 1; port <= 64; ++port) mapped(wish(port, 0, 120));
+  ports.rules.clear();
+  clock.advance(119s);
+  EXPECT_EQ(refused(wish(65, 0)), ResultCode::userExceededQuota);
+  clock.advance(1s);
+  mapped(wish(65, 0));
+  EXPECT_EQ(table.size(), 1U);
+}
+
+TEST_F(MappingTableTest, TheWholeTableIsBounded) {
+  MappingTable::Wish one = wish(1, 0, 120);
+  for (uint32_t i = 0; i < MappingTable::most; ++i) {
+    one.client = lumen::Ipv4Address::fromNumber(0x0a000000 + i / 64);
+    one.target.port = static_cast<uint16_t>(1 + i % 64);
+    one.target.protocol = IPPROTO_TCP;
+    one.port = static_cast<uint16_t>(20000 + i);
+    ports.rules.clear();  // the fake one looks at each
+    mapped(one);
+  }
+  EXPECT_EQ(refused(wish(80, 8080)), ResultCode::noResources);
+  clock.advance(120s);
+  mapped(wish(80, 8080));
+  EXPECT_EQ(table.size(), 1U);
+}
+
+TEST_F(MappingTableTest, WithoutAnExternalAddressNothingIsMapped) {
+  table.setExternal(std::nullopt);
+  EXPECT_EQ(refused(wish(80, 8080)), ResultCode::networkFailure);
+}
+
+TEST_F(MappingTableTest, AnotherExternalAddressEndsAllMappings) {
+  mapped(wish(80, 8080));
+  table.setExternal(outside);
+  EXPECT_EQ(table.size(), 1U);
+  table.setExternal(newOutside);
+  EXPECT_EQ(table.size(), 0U);
+  EXPECT_TRUE(ports.rules.empty());
+  EXPECT_EQ(mapped(wish(80, 8080)).external.address, newOutside);
+}
+
+TEST_F(MappingTableTest, EachFailureOfTheRouterHasItsCode) {
+  const struct {
+    Ports::Failure failure;
+    ResultCode code;
+  } rows[] = {{Ports::Failure::conflict, ResultCode::noResources},
+              {Ports::Failure::forbidden, ResultCode::notAuthorized},
+              {Ports::Failure::full, ResultCode::noResources},
+              {Ports::Failure::unavailable, ResultCode::noResources}};
+  for (const auto& row : rows) {
+    ports.failure = row.failure;
+    EXPECT_EQ(refused(wish(80, 8080)), row.code);
+  }
+  EXPECT_EQ(table.size(), 0U);
+}
+
+TEST_F(MappingTableTest, AFilterIsTheNetworkOfThePort) {
+  MappingTable::Wish filtered = wish(80, 8080);
+  filtered.filter.network = office;
+  mapped(filtered);
+  EXPECT_EQ(rule().remote, office);
+  // It stays without being named, and is not added twice.
+  mapped(wish(80, 8080));
+  mapped(filtered);
+  EXPECT_EQ(rule().remote, office);
+  // A second network is more than a rule has.
+  filtered.filter.network = home;
+  EXPECT_EQ(refused(filtered), ResultCode::excessiveRemotePeers);
+  EXPECT_EQ(rule().remote, office);
+}
+
+TEST_F(MappingTableTest, AFilterCanBeReplacedAndForgotten) {
+  mapped(wish(80, 8080));
+  MappingTable::Wish filtered = wish(80, 8080);
+  filtered.filter = {.forget = true, .network = home};
+  EXPECT_EQ(mapped(filtered).external.port, 8080);
+  EXPECT_EQ(rule().remote, home);
+  EXPECT_EQ(rule().external.port, 8080);
+  filtered.filter = {.forget = true};
+  mapped(filtered);
+  EXPECT_EQ(rule().remote, std::nullopt);
+  // The port that is open now is known by its new number.
+  table.ended(ports.rules.begin()->first);
+  EXPECT_EQ(table.size(), 0U);
+}
+
+TEST_F(MappingTableTest, AFilterThatTheRouterRefusesLeavesTheOldOne) {
+  MappingTable::Wish filtered = wish(80, 8080);
+  filtered.filter.network = office;
+  mapped(filtered);
+  filtered.filter = {.forget = true, .network = home};
+  ports.refusesNext = Ports::Failure::forbidden;
+  EXPECT_EQ(refused(filtered), ResultCode::notAuthorized);
+  EXPECT_EQ(rule().remote, office);
+  EXPECT_EQ(table.size(), 1U);
+  // When that fails as well, nothing is left of it.
+  ports.failure = Ports::Failure::full;
+  EXPECT_EQ(refused(filtered), ResultCode::noResources);
+  EXPECT_TRUE(ports.rules.empty());
+  EXPECT_EQ(table.size(), 0U);
+}
+
+}  // namespace
+}  // namespace pcp
