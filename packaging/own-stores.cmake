@@ -1,9 +1,10 @@
 # Gives the stores of the services to their users. A staged installation leaves that to the machine that
 # unpacks it: its build machine need not know the users.
 set(stores_of_palinode /lumen/store/upnp /lumen/store/upnpm)
+set(stores_of_palinode-pcp /lumen/store/pcp)
 set(stores_of_lumen-web /lumen/store/web)
 if("$ENV{DESTDIR}" STREQUAL "")
-  foreach(user palinode lumen-web)
+  foreach(user palinode palinode-pcp lumen-web)
     set(stores ${stores_of_${user}})
     execute_process(COMMAND chown ${user}:${user} ${stores} RESULT_VARIABLE failed ERROR_VARIABLE error)
     if(failed)

@@ -67,7 +67,9 @@ std::variant<MappingTable::Assigned, ResultCode> MappingTable::open(const Wish& 
 std::variant<MappingTable::Assigned, ResultCode> MappingTable::renew(Mappings::iterator mapping,
                                                                      const Wish& wish,
                                                                      uint32_t lifetime) {
-  if (mapping->second.nonce != wish.nonce) return ResultCode::notAuthorized;
+  if (mapping->second.nonce != wish.nonce || mapping->second.closed) {
+    return ResultCode::notAuthorized;
+  }
   if (wish.exact && wish.port != 0 && wish.port != mapping->second.port) {
     return ResultCode::cannotProvideExternal;
   }
@@ -142,6 +144,11 @@ void MappingTable::unmapAll(lumen::Ipv4Address client, uint8_t protocol, const N
 void MappingTable::ended(uint32_t id) {
   const auto key = byId_.find(id);
   if (key != byId_.end()) forget(mappings_.find(key->second));
+}
+
+void MappingTable::closed(uint32_t id) {
+  const auto key = byId_.find(id);
+  if (key != byId_.end()) mappings_.find(key->second)->second.closed = true;
 }
 
 void MappingTable::clear() {

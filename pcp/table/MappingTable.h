@@ -71,6 +71,8 @@ class MappingTable {
 
   /// The router has closed the port.
   void ended(uint32_t id);
+  /// The administrator has closed the port: its client cannot open it before the lease is over.
+  void closed(uint32_t id);
   /// Ends all mappings.
   void clear();
 
@@ -92,6 +94,7 @@ class MappingTable {
     uint16_t port = 0;
     std::optional<lumen::Ipv4Network> remote;
     lm::Clock::Time end;
+    bool closed = false;  // by the administrator
   };
 
   using Mappings = std::map<Key, Mapping>;

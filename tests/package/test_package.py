@@ -24,7 +24,7 @@ BASE = kept() / "systemd.tar"
 PORT = 8080
 # Where the package has files, and what belongs to it nowhere else.
 PLACES = ("/etc/lumen", "/var/lib/lumen", "/run/lumen", "/lumen")
-USERS = ("palinode", "lumen-resolver", "lumen-web")
+USERS = ("palinode", "palinode-pcp", "lumen-resolver", "lumen-web")
 
 
 def package():

@@ -32,7 +32,7 @@ exec env -i PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin LC
 # What an earlier installation on this machine left in the copy.
 CLEAN_UP = """
 rm -rf /lumen
-for user in palinode lumen-resolver lumen-web; do userdel "$user" 2>/dev/null || true; done
+for user in palinode palinode-pcp lumen-resolver lumen-web; do userdel "$user" 2>/dev/null || true; done
 groupdel lumen 2>/dev/null || true
 """
 
@@ -41,7 +41,7 @@ lumend >/tmp/log & lumend=$!
 for try in $(seq 100); do ! lumenctl service list >/dev/null 2>&1 || break; sleep 0.1; done
 grep -q '^upnp: started' /tmp/log
 stat -c '%n %U %a' /lumen /lumen/etc /lumen/etc/services /lumen/etc/upnp /lumen/run /lumen/store \\
-  /lumen/store/upnp /lumen/store/upnpm /lumen/store/web
+  /lumen/store/upnp /lumen/store/upnpm /lumen/store/pcp /lumen/store/web
 getent group lumen | cut -d: -f1
 kill $lumend
 wait $lumend
@@ -51,7 +51,7 @@ cat /tmp/log >&2
 LEFT = """
 find / -maxdepth 1 -name lumen
 find /etc /usr /var/lib '(' -name '*lumen*' -o -name '*palinode*' ')' -newer /tmp/begin
-getent passwd palinode lumen-resolver lumen-web || true
+getent passwd palinode palinode-pcp lumen-resolver lumen-web || true
 getent group lumen || true
 """
 
@@ -88,7 +88,7 @@ class SourceInstallationTest(unittest.TestCase):
             0, "/lumen root 755\n/lumen/etc root 755\n/lumen/etc/services root 755\n"
             "/lumen/etc/upnp root 755\n/lumen/run root 755\n/lumen/store root 755\n"
             "/lumen/store/upnp palinode 700\n/lumen/store/upnpm palinode 700\n"
-            "/lumen/store/web lumen-web 700\nlumen\nremoved\n"),
+            "/lumen/store/pcp palinode-pcp 700\n/lumen/store/web lumen-web 700\nlumen\nremoved\n"),
             done.stderr)
         self.assertNotIn("Permission denied", done.stderr)
         self.assertNotIn("is missing or belongs to another user", done.stderr)
@@ -112,6 +112,7 @@ class StoreOwnerTest(unittest.TestCase):
             subprocess.run(["sh", "-c", "\n".join(commands)], env=environment, check=False)
             calls = (pathlib.Path(folder) / "calls").read_text()
         each_once = ("[palinode:palinode]\n[/lumen/store/upnp]\n[/lumen/store/upnpm]\n"
+                     "[palinode-pcp:palinode-pcp]\n[/lumen/store/pcp]\n"
                      "[lumen-web:lumen-web]\n[/lumen/store/web]\n")
         self.assertEqual(calls, 2 * each_once, said)
 

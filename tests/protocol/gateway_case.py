@@ -70,13 +70,13 @@ def undated(data):
 
 
 class Daemon:
-    """A running palinode-igd and what it has logged."""
+    """A running palinode-igd, or another program, and what it has logged."""
 
-    def __init__(self, namespace, folder, host_name=None):
+    def __init__(self, namespace, folder, host_name=None, program="palinode-igd"):
         self._lines = []
         self._changed = threading.Condition()
         self._ended = False
-        self._process = namespace.popen(os.path.join(BIN, "palinode-igd"),
+        self._process = namespace.popen(os.path.join(BIN, program),
                                         private={"/lumen": folder}, host_name=host_name,
                                         stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
         self._reader = threading.Thread(target=self._read)

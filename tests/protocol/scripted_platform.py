@@ -33,11 +33,13 @@ class Request:
         return f"{self.command:#x} to {self.path}: {Message(self.fields)}"
 
 
-def interface(id, name, index=0, display=None, flags=0, disabled=False, running=True, kind=1):
-    """A record of the interface table."""
+def interface(id, name, index=0, display=None, flags=0, disabled=False, running=True, kind=1,
+              role=None):
+    """A record of the interface table; `role` as a service that may read sees it."""
+    told = {} if role is None else {0x08010010: role}
     return Message({lm.OBJECT_ID: id, 0x08010001: kind, 0x08010003: flags, 0x08010004: index,
                     0x20010005: name, 0x20010006: display or name, lm.DISABLED: disabled,
-                    0x0001000E: running})
+                    0x0001000E: running, **told})
 
 
 def address(id, interface_id, text, disabled=False):
@@ -57,9 +59,10 @@ def encode_reply(serial, fields):
 class ScriptedPlatform:
     """Its tables answer the reads of the daemon; `answer` scripts anything else."""
 
-    def __init__(self, folder):
+    def __init__(self, folder, program=DAEMON):
         """Listens at run/lumen.sock in `folder`, which exists; what an earlier platform has left
-        there goes."""
+        there goes. `program` is the path of the handler under test."""
+        self._program = program
         self.identity = "TEST"
         self.interfaces = {}
         self.addresses = {}
@@ -123,7 +126,7 @@ class ScriptedPlatform:
             serial = self._serial
             connection = self._connections[-1]
         message = Message(fields)
-        message.update({lm.DESTINATION: DAEMON, lm.SOURCE: [0x10001, 0], lm.SERIAL: serial,
+        message.update({lm.DESTINATION: self._program, lm.SOURCE: [0x10001, 0], lm.SERIAL: serial,
                         lm.COMMAND: command})
         connection.send(lm.encode(message))
         reply = self.wait_for(lambda: self._replies.pop(serial, None), limit,

@@ -35,6 +35,7 @@ LAYERS = {
                   "lumen/runtime", "lumen/values", "net", "base", "platform"),
     "pcp/codec": ("lumen/values",),
     "pcp/table": ("pcp/codec", "lumen/runtime", "lumen/values"),
+    "pcp/server": ("pcp/table", "pcp/codec", "lumen/runtime", "lumen/values", "base", "platform"),
     "lumen/ctl": ("lumen/services", "lumen/runtime", "lumen/values", "base", "platform"),
 }
 

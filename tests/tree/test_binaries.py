@@ -8,7 +8,8 @@ import unittest
 from support.elf import Elf, table
 
 BUILD = pathlib.Path(os.environ["PALINODE_BIN"]).parent
-RESIDENT = ("palinode-igd", "lumend", "lumen-resolver", "lumen-web")
+RESIDENT = ("palinode-igd", "lumend", "lumen-resolver", "lumen-web",
+            "palinode-pcp")
 PROGRAMS = (*RESIDENT, "lumenctl")
 
 # What leaves no trace in a program that can be read back.

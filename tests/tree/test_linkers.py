@@ -9,7 +9,7 @@ import tempfile
 import unittest
 
 BUILD = pathlib.Path(os.environ["PALINODE_BIN"]).parent
-PROGRAMS = ("palinode-igd", "lumend", "lumen-resolver", "lumen-web", "lumenctl")
+PROGRAMS = ("palinode-igd", "palinode-pcp", "lumend", "lumen-resolver", "lumen-web", "lumenctl")
 
 
 class LinkerTest(unittest.TestCase):

@@ -22,13 +22,11 @@ struct Started {
   std::string path;
 };
 
-const std::vector<Started> programs = {{"palinode-igd", DAEMON},
-                                       {"lumend", LUMEND},
-                                       {"lumen-resolver", RESOLVER},
-                                       {"lumen-web", WEB},
-                                       {"lumenctl", LUMENCTL}};
+const std::vector<Started> programs = {{"palinode-igd", DAEMON},     {"lumend", LUMEND},
+                                       {"lumen-resolver", RESOLVER}, {"lumen-web", WEB},
+                                       {"palinode-pcp", PCP},        {"lumenctl", LUMENCTL}};
 /// Those that take no other argument.
-const std::vector<Started> services = {programs[0], programs[2], programs[3]};
+const std::vector<Started> services = {programs[0], programs[2], programs[3], programs[4]};
 
 Answer run(
     const Started& program, std::vector<std::string> arguments,
@@ -56,8 +54,8 @@ void outputOnFullDisk() {
   dup2(full, STDOUT_FILENO);
 }
 
-// Promise [program-status]: `palinode-igd`, `lumend`, `lumen-resolver`, `lumen-web` and `lumenctl`
-// answer
+// Promise [program-status]: `palinode-igd`, `lumend`, `lumen-resolver`, `lumen-web`,
+// `palinode-pcp` and `lumenctl` answer
 // `--version` and `--help` at once, without a platform, and end with 2 when they do not know an
 // argument.
 TEST(Programs, ShowTheirVersionWithoutAPlatform) {

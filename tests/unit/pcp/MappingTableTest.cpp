@@ -158,6 +158,22 @@ TEST_F(MappingTableTest, WhatTheRouterClosedIsForgotten) {
   EXPECT_EQ(mapped(wish(80, 8080)).external.port, 8080);
 }
 
+// Promise: What the administrator closes its client cannot open before its lease is over.
+TEST_F(MappingTableTest, AClosedPortIsNotOpenedBeforeItsLeaseIsOver) {
+  mapped(wish(80, 8080, 600));
+  table.closed(ports.rules.begin()->first);
+  clock.advance(599s);
+  EXPECT_EQ(refused(wish(80, 8080)), ResultCode::notAuthorized);
+  EXPECT_EQ(rule().lifetime, 600U);
+  table.ended(ports.rules.begin()->first);
+  ports.rules.clear();
+  mapped(wish(80, 8080));
+  // The client may give it up.
+  table.closed(ports.rules.begin()->first);
+  EXPECT_EQ(table.unmap(lanHost, {IPPROTO_TCP, 80}, nonce), ResultCode::success);
+  EXPECT_TRUE(ports.rules.empty());
+}
+
 TEST_F(MappingTableTest, ARenewalThatComesTooLateOpensThePortAgain) {
   mapped(wish(80, 8080));
   ports.rules.clear();

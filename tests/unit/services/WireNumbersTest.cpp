@@ -11,6 +11,7 @@
 #include "platform/wire/Interfaces.h"
 #include "platform/wire/Monitor.h"
 #include "platform/wire/NatRules.h"
+#include "platform/wire/Pcp.h"
 #include "platform/wire/Resolver.h"
 
 namespace lumen {
@@ -161,6 +162,12 @@ TEST(WireNumbers, OfTheGatewayAndOtherServices) {
   EXPECT_EQ(lm::resolver::key::hostName, 0x20000003U);
   EXPECT_EQ(lm::resolver::key::address, 0x08000004U);
   EXPECT_EQ(lm::identity::key::text, 0x20000001U);
+  EXPECT_EQ(lm::service::pcp, 41U);
+  EXPECT_EQ(lm::pcp::key::enabled, 0x00000001U);
+  EXPECT_EQ(lm::pcp::key::agents, 0x20000002U);
+  EXPECT_EQ(lm::pcp::key::served, 0x20000010U);
+  EXPECT_EQ(lm::pcp::key::problem, 0x20000011U);
+  EXPECT_EQ(lm::pcp::key::mappings, 0x08000012U);
 }
 
 TEST(WireRecords, ThatSayNothingMoreAreOfWhatIsNeitherDisabledNorGone) {

@@ -1,0 +1,61 @@
+#include "pcp/server/Listeners.h"
+
+#include <algorithm>
+#include <chrono>
+
+#include "lumen/runtime/Log.h"
+#include "lumen/runtime/Time.h"
+
+namespace pcp {
+
+namespace {
+
+constexpr std::chrono::seconds retryPeriod(3);
+
+}  // namespace
+
+void Listeners::listenAt(std::vector<Place> places) {
+  wanted_ = std::move(places);
+  update();
+}
+
+void Listeners::update() {
+  retry_.stop();
+  std::erase_if(sockets_, [this](const auto& entry) {
+    return std::none_of(wanted_.begin(), wanted_.end(), [&](const Place& place) {
+      return Link(place.interface, place.index) == entry.first;
+    });
+  });
+  std::string problem;
+  for (const Place& place : wanted_) {
+    const Link link(place.interface, place.index);
+    if (const auto it = sockets_.find(link); it != sockets_.end()) {
+      it->second->setAddresses(place.addresses);
+      continue;
+    }
+    auto socket = std::make_unique<LanSocket>(place, site_);
+    if (const auto opened = socket->open()) {
+      sockets_.emplace(link, std::move(socket));
+    } else if (problem.empty()) {
+      problem = opened.why();
+    }
+  }
+  if (std::exchange(problem_, problem) != problem && !problem.empty()) {
+    lm::logLine("pcp: ", problem);
+  }
+  if (!problem_.empty()) {
+    retry_.start<&Listeners::update>(*this, lumen::timerDelay(retryPeriod));
+  }
+}
+
+void Listeners::announce(std::span<const uint8_t> datagram) {
+  for (const auto& [link, socket] : sockets_) socket->announce(datagram);
+}
+
+std::string Listeners::served() const {
+  std::string all;
+  for (const auto& [link, socket] : sockets_) all += (all.empty() ? "" : " ") + link.first;
+  return all;
+}
+
+}  // namespace pcp

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <span>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "pcp/server/LanSocket.h"
+#include "pcp/server/Sides.h"
+#include "platform/Timer.h"
+
+namespace pcp {
+
+/// The sockets of all internal interfaces.
+class Listeners {
+ public:
+  /// `site` must outlive this.
+  explicit Listeners(LanSocket::Site& site) : site_(site) {}
+  Listeners(const Listeners&) = delete;
+  Listeners& operator=(const Listeners&) = delete;
+
+  /// Listens there and nowhere else. What fails is tried again every few seconds.
+  void listenAt(std::vector<Place> places);
+
+  /// Sends a datagram to all hosts.
+  void announce(std::span<const uint8_t> datagram);
+
+  /// "br-lan br-guest".
+  [[nodiscard]] std::string served() const;
+  /// Why a place is not served, one of them; empty: all are.
+  [[nodiscard]] const std::string& problem() const { return problem_; }
+
+ private:
+  using Link = std::pair<std::string, uint32_t>;  // name and index
+
+  void update();
+
+  LanSocket::Site& site_;
+  std::vector<Place> wanted_;
+  std::map<Link, std::unique_ptr<LanSocket>> sockets_;
+  std::string problem_;
+  lm::Timer retry_;
+};
+
+}  // namespace pcp

@@ -1,0 +1,70 @@
+#include "pcp/server/PlatformPorts.h"
+
+#include "platform/Keys.h"
+#include "platform/wire/NatRules.h"
+
+namespace pcp {
+
+namespace {
+
+// Milliseconds. lumend answers at once; hosts wait meanwhile.
+constexpr uint32_t answerLimit = 2000;
+
+lm::message requestTo(const std::vector<uint32_t>& path) {
+  lm::message request;
+  request.insert_u32_array(lm::key::destination, path);
+  return request;
+}
+
+Ports::Failure failureOf(lm::nat::Refusal why) {
+  switch (why) {
+    case lm::nat::Refusal::conflict:
+      return Ports::Failure::conflict;
+    case lm::nat::Refusal::policy:
+    case lm::nat::Refusal::rights:
+      return Ports::Failure::forbidden;
+    case lm::nat::Refusal::full:
+      return Ports::Failure::full;
+    case lm::nat::Refusal::other:
+      break;
+  }
+  return Ports::Failure::unavailable;
+}
+
+}  // namespace
+
+std::variant<Ports::Open, Ports::Failure> PlatformPorts::add(const Wish& wish) {
+  lm::nat::Rule rule = {.address = wish.external.address.bytes(),
+                        .port = wish.external.port,
+                        .protocol = wish.protocol,
+                        .client = wish.client.address.bytes(),
+                        .clientPort = wish.client.port,
+                        .lease = wish.lifetime,
+                        .anyPort = !wish.exact};
+  if (wish.remote) {
+    rule.remote = lm::nat::RemoteNetwork{.address = wish.remote->first().bytes(),
+                                         .prefix = wish.remote->prefix()};
+  }
+  lm::message request = requestTo(lm::nat::path());
+  lm::nat::write(request, rule);
+  const lm::message reply = handler_.exchangeCmd(request, lm::cmd::addObject, answerLimit);
+  if (lm::isError(reply)) return failureOf(lm::nat::readDenial(reply).why);
+  return Open{.id = reply.get_u32(lm::key::objectId),
+              .port = static_cast<uint16_t>(reply.get_u32(lm::nat::key::portFirst, rule.port))};
+}
+
+bool PlatformPorts::renew(uint32_t id, uint32_t lifetime) {
+  lm::message request = requestTo(lm::nat::path());
+  request.insert_u32(lm::key::objectId, id);
+  request.insert_u32(lm::nat::key::lease, lifetime);
+  return !lm::isError(handler_.exchangeCmd(request, lm::cmd::setObject, answerLimit));
+}
+
+void PlatformPorts::remove(uint32_t id) {
+  lm::message request = requestTo(lm::nat::path());
+  request.insert_u32(lm::key::objectId, id);
+  // A rule that is gone already is what was wanted.
+  (void)handler_.exchangeCmd(request, lm::cmd::removeObject, answerLimit, lm::GivenUp::stands);
+}
+
+}  // namespace pcp

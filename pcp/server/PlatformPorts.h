@@ -1,0 +1,23 @@
+#pragma once
+
+#include "pcp/table/Ports.h"
+#include "platform/Handler.h"
+
+namespace pcp {
+
+/// The ports that the platform forwards, as rules of its NAT table (platform/wire/NatRules.h). They
+/// end with this program's connection.
+class PlatformPorts : public Ports {
+ public:
+  /// `handler` sends the requests; it must outlive this.
+  explicit PlatformPorts(lm::Handler& handler) : handler_(handler) {}
+
+  [[nodiscard]] std::variant<Open, Failure> add(const Wish& wish) override;
+  [[nodiscard]] bool renew(uint32_t id, uint32_t lifetime) override;
+  void remove(uint32_t id) override;
+
+ private:
+  lm::Handler& handler_;
+};
+
+}  // namespace pcp

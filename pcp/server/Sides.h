@@ -1,0 +1,35 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "lumen/values/Ipv4.h"
+#include "platform/wire/Addresses.h"
+#include "platform/wire/Interfaces.h"
+
+namespace pcp {
+
+/// An internal interface that runs, and the router's addresses there.
+struct Place {
+  std::string interface;
+  uint32_t index = 0;  ///< of the kernel: another link of the same name is another place
+  std::vector<lumen::Ipv4Address> addresses;
+
+  bool operator==(const Place&) const = default;
+};
+
+/// Where the router meets its hosts and the Internet.
+struct Sides {
+  std::vector<Place> internal;
+  std::optional<lumen::Ipv4Address> external;
+};
+
+/// The sides of a router that lists these interfaces and addresses. Of several external addresses
+/// it is the `current` one, as long as it is there, or else the one that came first.
+[[nodiscard]] Sides sidesOf(const std::vector<lm::interfaces::Record>& interfaces,
+                            const std::vector<lm::addresses::Record>& addresses,
+                            std::optional<lumen::Ipv4Address> current);
+
+}  // namespace pcp
