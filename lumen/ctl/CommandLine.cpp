@@ -55,6 +55,7 @@ void addCommandLine(CLI::App& app, Session& session) {
   addAddressCommands(app, session);
   addNatCommands(app, session);
   addWebCommands(app, session);
+  addPcpCommands(app, session);
   addHistoryCommands(app, session);
   addMonitorCommand(app, session);
   addServiceCommands(app, session);

@@ -22,6 +22,7 @@ void addNatCommands(CLI::App& app, Session& session);
 void addPortLogCommand(CLI::App& nat, Session& session);
 void addServiceCommands(CLI::App& app, Session& session);
 void addWebCommands(CLI::App& app, Session& session);
+void addPcpCommands(CLI::App& app, Session& session);
 void addHistoryCommands(CLI::App& app, Session& session);
 void addMonitorCommand(CLI::App& app, Session& session);
 void addIdentityCommand(CLI::App& app, Session& session);

@@ -23,6 +23,8 @@ struct Caller {
   std::optional<PortGrant> ports = std::nullopt;  ///< of its service; none: it may open none
 
   [[nodiscard]] bool mayRead() const { return administrator || reads; }
+  /// A service that opens ports has to know from where to where.
+  [[nodiscard]] bool mayKnowRoles() const { return mayRead() || ports.has_value(); }
 };
 
 /// A handler of a service that lives in this process. It checks the caller's rights itself, since

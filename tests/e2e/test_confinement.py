@@ -40,12 +40,14 @@ class ConfinementTest(RouterCase):
         reply = subscriber.ask(self.lan[0].connection_events(), callback="http://nowhere.lan/")
         self.assertEqual(reply.status, 412)
         self.router.lumenctl("web", "on")
+        self.router.lumenctl("pcp", "on")
         seen = {}
         for name, pid in self.programs().items():
             fields = status(pid)
             self.assertEqual((fields["NoNewPrivs"], fields["Seccomp"]), ("1", FILTERED), name)
             seen[name] = fields["Seccomp_filters"]
-        self.assertEqual(seen, {"lumend": "1", "upnp": "2", "resolver": "2", "web": "2"})
+        self.assertEqual(seen, {"lumend": "1", "upnp": "2", "resolver": "2", "web": "2",
+                                "pcp": "2"})
 
     def test_every_service_has_its_limits(self):
         found = limits(self.router.gateway_pid())

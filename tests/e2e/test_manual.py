@@ -34,7 +34,8 @@ class ManualTest(unittest.TestCase):
                     said = set(re.findall(r"(?:Fl|\|) (-[\w-]+)", self.items[name]))
                     self.assertEqual({f"-{option}" for option in said}, options)
                     self.assertEqual("Ar" in self.items[name].split(),
-                                     bool(part(text, "Positionals") or options & {"--internal", "--port"}))
+                                     bool(part(text, "Positionals") or
+                                          options & {"--internal", "--port", "--agent"}))
                 for setting in settings_of(text):
                     self.assertIn(f".Li {setting}\n", self.page.replace(" .\n", "\n")
                                   .replace(" ,\n", "\n"))

@@ -40,9 +40,11 @@ class SetupTest(RouterCase):
 
     # Also proves [ctl-ask].
     def test_the_user_of_a_terminal_agrees(self):
-        # The second answer, which takes what is proposed, is typed ahead.
-        self.assertEqual(self.at_terminal("y\n\n"),
-                         (0, f"{PROPOSAL}{QUESTION}y\n\n{DONE}Show a status page to browsers at home? "
+        # The other answers, which take what is proposed, are typed ahead.
+        self.assertEqual(self.at_terminal("y\n\n\n"),
+                         (0, f"{PROPOSAL}{QUESTION}y\n\n\n{DONE}Let programs that ask by NAT-PMP or "
+                             "PCP open ports, too? [Y/n] NAT-PMP and PCP: switched on\n"
+                             "Show a status page to browsers at home? "
                              "[Y/n] status page: http://192.168.88.1/\n"))
         self.router.wait_until_controllable()
         self.lan[0].open_port(8080, "TCP")
@@ -105,8 +107,9 @@ class SetupTest(RouterCase):
                                  setting == "on")
 
     def test_it_proposes_what_the_command_does_not_name(self):
-        status, shown = self.at_terminal("y\nn\n", "--internal", "lan0")
+        status, shown = self.at_terminal("y\nn\nn\n", "--internal", "lan0")
         self.assertEqual(status, 0)
+        self.assertFalse(self.router.ask("pcp", "status")["enabled"])
         self.assertFalse(self.router.ask("web", "status")["enabled"])
         self.assertIn("lan0       internal  as given\n"
                       "wan0       external  default route\n", shown)

@@ -20,6 +20,7 @@ PROGRAMS = pathlib.Path(os.environ.get("PALINODE_BIN", TOP / "build" / "bin")).r
 SERVICE_USER = 64040
 RESOLVER_USER = 64014
 WEB_USER = 64042
+PCP_USER = 64041
 
 GATEWAY = "upnp"
 
@@ -198,6 +199,17 @@ reads = yes
 stores = web
 network = answers
 capabilities = net-bind-service
+""")
+    (services / "pcp.ini").write_text(f"""[service]
+name = pcp
+number = 41
+executable = {PROGRAMS / "palinode-pcp"}
+user = {PCP_USER}
+boot = yes
+ports = yes
+longest-lease = 86400
+stores = pcp
+network = internal
 """)
     for name in ("run", "store"):
         (root / name).mkdir()

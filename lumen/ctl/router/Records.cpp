@@ -15,6 +15,7 @@
 #include "platform/wire/History.h"
 #include "platform/wire/Interfaces.h"
 #include "platform/wire/NatRules.h"
+#include "platform/wire/Pcp.h"
 #include "platform/wire/Web.h"
 
 namespace lumenctl {
@@ -155,6 +156,13 @@ WebPage::WebPage(const lm::message& record)
       names(record.get_string(lm::web::key::names)),
       served(record.get_string(lm::web::key::served)),
       problem(record.get_string(lm::web::key::problem)) {}
+
+PcpServer::PcpServer(const lm::message& record)
+    : enabled(record.get_bool(lm::pcp::key::enabled)),
+      agents(record.get_string(lm::pcp::key::agents)),
+      served(record.get_string(lm::pcp::key::served)),
+      problem(record.get_string(lm::pcp::key::problem)),
+      mappings(record.get_u32(lm::pcp::key::mappings)) {}
 
 std::vector<std::string> WebPage::urls() const {
   constexpr std::string_view defaultPort = ":80";

@@ -181,6 +181,23 @@ struct WebPageChange {
   std::optional<std::string> names;
 };
 
+/// What opens ports for NAT-PMP and PCP: its settings, and what it serves.
+struct PcpServer {
+  explicit PcpServer(const lm::message& record);
+
+  bool enabled = false;
+  std::string agents;     ///< addresses of hosts that may ask for others, with blanks between them
+  std::string served;     ///< interfaces, the same
+  std::string problem;    ///< why it is not served everywhere; empty: it is
+  uint32_t mappings = 0;  ///< open ports
+};
+
+/// What is to be changed of it; the rest stays.
+struct PcpServerChange {
+  std::optional<bool> enabled;
+  std::optional<std::string> agents;
+};
+
 /// What the gateway is set to do.
 struct GatewayConfiguration {
   Settings settings;

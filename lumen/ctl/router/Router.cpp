@@ -10,6 +10,7 @@
 #include "platform/wire/Interfaces.h"
 #include "platform/wire/Monitor.h"
 #include "platform/wire/NatRules.h"
+#include "platform/wire/Pcp.h"
 #include "platform/wire/Web.h"
 
 namespace lumenctl {
@@ -201,6 +202,15 @@ void Router::changeWebPage(const WebPageChange& change) {
   if (change.port) request.insert_u32(lm::web::key::port, *change.port);
   if (change.names) request.insert_string(lm::web::key::names, *change.names);
   exchange(lm::web::path(), lm::cmd::set, std::move(request));
+}
+
+PcpServer Router::pcpServer() { return PcpServer(exchange(lm::pcp::path(), lm::cmd::get)); }
+
+void Router::changePcpServer(const PcpServerChange& change) {
+  lm::message request;
+  if (change.enabled) request.insert_bool(lm::pcp::key::enabled, *change.enabled);
+  if (change.agents) request.insert_string(lm::pcp::key::agents, *change.agents);
+  exchange(lm::pcp::path(), lm::cmd::set, std::move(request));
 }
 
 Settings Router::settings() { return Settings(exchange(gatewayPath, lm::cmd::get)); }

@@ -64,6 +64,9 @@ class Router {
   [[nodiscard]] WebPage webPage();
   void changeWebPage(const WebPageChange& change);
 
+  [[nodiscard]] PcpServer pcpServer();
+  void changePcpServer(const PcpServerChange& change);
+
   // The gateway; each of these starts it when it does not run.
   /// From now on they wait no longer than `limit` for an answer.
   void waitForGateway(std::chrono::milliseconds limit) { gatewayLimit_ = limit; }

@@ -15,6 +15,7 @@
 #include "lumen/ctl/text/Errors.h"
 #include "lumen/ctl/text/Table.h"
 #include "lumen/ctl/text/Text.h"
+#include "platform/wire/Pcp.h"
 #include "platform/wire/Web.h"
 
 namespace lumenctl {
@@ -140,6 +141,24 @@ void offerWebPage(Session& session) {
   session.done("status page: " + webPageText(session.router().webPage()));
 }
 
+/// Offers NAT-PMP and PCP where they are installed and off.
+void offerPcp(Session& session) {
+  if (session.json || !session.machine().hasTerminal()) return;
+  const std::vector<Service> services = session.router().services();
+  const bool installed = std::any_of(services.begin(), services.end(), [](const Service& service) {
+    return service.number == lm::service::pcp;
+  });
+  if (!installed || session.router().pcpServer().enabled) return;
+  session.out() << "Let programs that ask by NAT-PMP or PCP open ports, too? [Y/n] " << std::flush;
+  const std::optional<std::string> answer = session.machine().typedLine();
+  if (!answer) session.out() << '\n';
+  if (!answer || !(answer->empty() || *answer == "y" || *answer == "Y" || *answer == "yes")) return;
+  PcpServerChange change;
+  change.enabled = true;
+  session.router().changePcpServer(change);
+  session.done("NAT-PMP and PCP: switched on");
+}
+
 }  // namespace
 
 void addSetupCommand(CLI::App& upnp, Session& session) {
@@ -170,7 +189,10 @@ void addSetupCommand(CLI::App& upnp, Session& session) {
     setUpGateway(session, arguments->internal, arguments->external,
                  arguments->allowMissing ? Missing::allowed : Missing::refused,
                  arguments->allowDisconnect ? Disconnect::allowed : Disconnect::asBefore);
-    if (asks && !arguments->yes) offerWebPage(session);
+    if (asks && !arguments->yes) {
+      offerPcp(session);
+      offerWebPage(session);
+    }
   });
 }
 

@@ -80,7 +80,7 @@ lm::message InterfaceTable::handle(const Caller& caller, uint32_t command,
   if (command == lm::cmd::list || command == lm::cmd::readAll) {
     return lm::pagedAnswer(request, interfaces_, [&](uint32_t id, const Interface& interface) {
       lm::interfaces::Record seen = record(id, interface);
-      if (caller.mayRead()) seen.role = interface.role;
+      if (caller.mayKnowRoles()) seen.role = interface.role;
       return toMessage(seen);
     });
   }
@@ -111,7 +111,7 @@ lm::message InterfaceTable::read(const Caller& caller, uint32_t id, const Interf
                                            .bytesSent = counters.bytesSent,
                                            .packetsReceived = counters.packetsReceived,
                                            .packetsSent = counters.packetsSent};
-  if (caller.mayRead()) seen.role = interface.role;
+  if (caller.mayKnowRoles()) seen.role = interface.role;
   return toMessage(seen);
 }
 

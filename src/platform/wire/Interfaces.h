@@ -18,8 +18,9 @@
 ///
 /// A record: lm::key::objectId, hardwareType, flags, index, name, displayName, lm::key::disabled,
 /// running; then, in the answer to readObject, the four counters; then, in an answer to an
-/// administrator or a service that may read, the role if the interface is kept. `roleChanged`
-/// notifies, without fields, that the role of an interface has changed that was listed before.
+/// administrator or a service that may read or open ports, the role if the interface is kept.
+/// `roleChanged` notifies, without fields, that the role of an interface has changed that was
+/// listed before.
 namespace lm::interfaces {
 
 namespace key {

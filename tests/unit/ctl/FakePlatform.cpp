@@ -14,6 +14,7 @@
 #include "platform/wire/Interfaces.h"
 #include "platform/wire/Monitor.h"
 #include "platform/wire/NatRules.h"
+#include "platform/wire/Pcp.h"
 #include "platform/wire/Web.h"
 
 namespace lumenctl {
@@ -160,6 +161,20 @@ void FakePlatform::gatewayUses(const std::string& linkName, uint32_t role, bool 
   record.insert_u32(1, link(linkName).get_u32(lm::key::objectId));
   record.insert_u32(2, role);
   objects_.push_back(record);
+}
+
+void FakePlatform::pcpIs(bool enabled, const std::string& served, const std::string& problem) {
+  pcp_.insert_bool(lm::pcp::key::enabled, enabled);
+  pcp_.insert_string(lm::pcp::key::agents, "");
+  pcp_.insert_string(lm::pcp::key::served, served);
+  pcp_.insert_string(lm::pcp::key::problem, problem);
+  pcp_.insert_u32(lm::pcp::key::mappings, 2);
+  lm::message record;
+  record.insert_u32(lm::broker::listed::number, lm::service::pcp);
+  record.insert_string(lm::broker::listed::name, "pcp");
+  record.insert_string(lm::broker::listed::state,
+                       enabled ? lm::broker::state::running : lm::broker::state::stopped);
+  services_.push_back(record);
 }
 
 void FakePlatform::webPageIs(bool enabled, const std::string& served, const std::string& problem) {
@@ -312,6 +327,13 @@ lumen::Result<lm::message> FakePlatform::answer(const Path& destination, uint32_
     if (command == lm::cmd::get) return webPage_;
     const bool enabled = webPage_.get_bool(lm::web::key::enabled);
     webPage_.insert_bool(lm::web::key::enabled, request.get_bool(lm::web::key::enabled, enabled));
+    return reply;
+  }
+  if (destination == lm::pcp::path() && pcp_.get_u32(lm::pcp::key::mappings) != 0) {
+    if (command == lm::cmd::get) return pcp_;
+    const bool enabled = pcp_.get_bool(lm::pcp::key::enabled);
+    pcp_.insert_bool(lm::pcp::key::enabled, request.get_bool(lm::pcp::key::enabled, enabled));
+    pcp_.insert_string(lm::pcp::key::agents, request.get_string(lm::pcp::key::agents));
     return reply;
   }
   if (destination == Path{gatewayNumber, 0}) {

@@ -57,6 +57,7 @@ class FakePlatform {
   /// The platform ends after that; otherwise the user asks lumenctl to end.
   void ends() { ends_ = true; }
   /// The status page is installed, and says this of itself.
+  void pcpIs(bool enabled, const std::string& served, const std::string& problem = "");
   void webPageIs(bool enabled, const std::string& served, const std::string& problem = "");
   void gatewayIsNotInstalled() { services_.clear(); }
   [[nodiscard]] lm::message& settings() { return settings_; }
@@ -115,6 +116,7 @@ class FakePlatform {
   lm::message settings_;
   lm::message policy_;
   lm::message webPage_;
+  lm::message pcp_;
   std::map<std::pair<Path, uint32_t>, std::string, lumen::ElementOrder> refusals_;
   std::map<std::pair<Path, uint32_t>, std::string, lumen::ElementOrder> silences_;
   std::vector<std::string> requests_;

@@ -66,7 +66,7 @@ TEST_F(KeptInterface, IsKnownAsInternalBeforeAnyServiceHearsOfIt) {
   EXPECT_EQ(keptNames.internal, Names{"wan0"});
 }
 
-// Promise: The role of an interface is shown to administrators only.
+// Promise: The role of an interface is not shown to a service that may neither read nor open ports.
 TEST_F(KeptInterface, ShowsTheRoleToAdministratorsOnly) {
   kernel.appears("br-lan");
   kernel.appears("other");
@@ -308,7 +308,7 @@ TEST_F(KeptInterface, ARemovalThatWasGivenUpIsUndoneWithItsId) {
   EXPECT_EQ(lists(), before);
 }
 
-// Promise: An administrator and a service that may read are shown the roles of
+// Promise: An administrator and a service that may read or open ports are shown the roles of
 // interfaces; they are notified when the role of a listed interface changes.
 TEST_F(KeptInterface, ShowsAReaderTheRolesAndEachChange) {
   startsWithWan();
@@ -321,6 +321,9 @@ TEST_F(KeptInterface, ShowsAReaderTheRolesAndEachChange) {
   EXPECT_EQ(notifier.roles, 1);
   EXPECT_EQ(role(reader), 1U);
   EXPECT_EQ(role(daemon), 0U);
+  Caller opener = daemon;
+  opener.ports = PortGrant();
+  EXPECT_EQ(role(opener), 1U);
   EXPECT_EQ(lm::getError(administratorKeeps("wan0", 1)), "");
   EXPECT_EQ(notifier.roles, 1);
   EXPECT_EQ(lm::getError(administratorKeeps("wan0", 2)), "");
