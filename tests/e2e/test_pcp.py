@@ -1,0 +1,83 @@
+"""NAT-PMP as a program on the LAN speaks it: natpmpc, the platform and hosts on both sides."""
+
+import os
+import signal
+import socket
+import struct
+
+from support.network import (LAN_ADDRESS, WAN_ADDRESS, exchange_tcp, exchange_udp, tcp_refused,
+                             udp_refused)
+from support.router import PCP_USER
+from support.router_case import RouterCase
+
+
+class NatPmpTest(RouterCase):
+    def setUp(self):
+        super().setUp()
+        self.router.lumenctl("pcp", "on")
+        self.host = self.lan[0]
+
+    def natpmpc(self, *arguments):
+        return self.host.namespace.run("natpmpc", "-g", LAN_ADDRESS, *map(str, arguments))
+
+    def epoch(self):
+        """The seconds since the start of the epoch, as NAT-PMP tells them."""
+        with self.host.udp(to=(LAN_ADDRESS, 5351)) as sock:
+            sock.settimeout(1)
+            sock.send(b"\0\0")
+            return struct.unpack("!I", sock.recv(100)[4:8])[0]
+
+    def lease(self, port):
+        """The seconds that the port's lease has left, by the platform."""
+        return self.router.ports()[port]["seconds_left"]
+
+    # Promise: A program on the LAN that speaks NAT-PMP opens a port, which leads bytes from the
+    # Internet to it, renews its lease, and closes it.
+    def test_natpmpc_opens_renews_and_closes_a_port(self):
+        self.assertIn(f"Public IP address : {WAN_ADDRESS}", self.natpmpc())
+        self.assertTrue(tcp_refused(self.wan, WAN_ADDRESS, 8080, self.host, 80))
+        self.assertIn("Mapped public port 8080 protocol TCP to local port 80 liftime 600",
+                      self.natpmpc("-a", 8080, 80, "tcp", 600))
+        self.assertIn("Mapped public port 5060 protocol UDP to local port 5061 liftime 600",
+                      self.natpmpc("-a", 5060, 5061, "udp", 600))
+        exchange_tcp(self.wan, WAN_ADDRESS, 8080, self.host, 80)
+        exchange_udp(self.wan_udp(5060), self.host, 5061)
+        self.assertEqual(self.router.ports()["8080/tcp"]["owner"], "pcp")
+        self.assertLessEqual(self.lease("8080/tcp"), 600)
+
+        self.assertIn("liftime 7200", self.natpmpc("-a", 8080, 80, "tcp", 7200))
+        self.assertGreater(self.lease("8080/tcp"), 7100)
+
+        self.natpmpc("-a", 0, 80, "tcp", 0)
+        self.assertTrue(tcp_refused(self.wan, WAN_ADDRESS, 8080, self.host, 80))
+        self.assertEqual(list(self.router.ports()), ["5060/udp"])
+        self.router.lumenctl("pcp", "off")
+        self.assertTrue(udp_refused(self.wan_udp(5060), self.host, 5061))
+        self.assertEqual(self.router.ports(), {})
+
+    # Promise: A port that a UPnP client holds becomes another one for a NAT-PMP client.
+    def test_a_port_of_the_other_language_becomes_another_one(self):
+        self.lan[1].open_port(8080, "TCP")
+        self.assertRegex(self.natpmpc("-a", 8080, 80, "tcp", 600),
+                         r"Mapped public port (?!8080 )\d+ protocol TCP to local port 80")
+        self.assertEqual(len(self.router.ports()), 2)
+
+    # Promise: When the program that speaks NAT-PMP is killed, its ports are closed and its next life
+    # begins a new epoch, so that programs ask again.
+    def test_a_killed_program_leaves_no_port_and_begins_a_new_epoch(self):
+        self.natpmpc("-a", 8080, 80, "tcp", 600)
+        self.wait_until(lambda: self.epoch() >= 2, "the epoch is two seconds old")
+        process = self.router.service("pcp")["process"]
+        self.assert_powerless(process, "palinode-pcp", PCP_USER)
+        os.kill(process, signal.SIGKILL)
+        self.wait_until(lambda: self.router.ports() == {}, "the port is closed")
+
+        def answers():
+            try:
+                return self.epoch() < 2
+            except (ConnectionRefusedError, socket.timeout):
+                return False
+
+        self.wait_until(answers, "the next life answers")
+        self.assertIn("Mapped public port 8080", self.natpmpc("-a", 8080, 80, "tcp", 600))
+        exchange_tcp(self.wan, WAN_ADDRESS, 8080, self.host, 80)
