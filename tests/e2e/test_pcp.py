@@ -81,3 +81,11 @@ class NatPmpTest(RouterCase):
         self.wait_until(answers, "the next life answers")
         self.assertIn("Mapped public port 8080", self.natpmpc("-a", 8080, 80, "tcp", 600))
         exchange_tcp(self.wan, WAN_ADDRESS, 8080, self.host, 80)
+
+    # Promise: A port that the administrator has closed is not opened again by NAT-PMP before its
+    # lease is over.
+    def test_a_port_that_the_administrator_closed_stays_closed(self):
+        self.natpmpc("-a", 8080, 80, "tcp", 600)
+        self.router.lumenctl("nat", "close", "8080/tcp")
+        self.assertRaises(AssertionError, self.natpmpc, "-a", 8080, 80, "tcp", 600)
+        self.assertTrue(tcp_refused(self.wan, WAN_ADDRESS, 8080, self.host, 80))
