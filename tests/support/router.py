@@ -20,7 +20,7 @@ PROGRAMS = pathlib.Path(os.environ.get("PALINODE_BIN", TOP / "build" / "bin")).r
 SERVICE_USER = 64040
 RESOLVER_USER = 64014
 WEB_USER = 64042
-PCP_USER = 64041
+PCP_USER = 64043
 
 GATEWAY = "upnp"
 
