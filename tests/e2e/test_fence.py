@@ -18,6 +18,7 @@ from support.users import NOBODY, as_user
 
 GROUP = "239.255.255.250"
 OTHER_GROUP = "239.255.255.251"
+ALL_HOSTS = "224.0.0.1"
 PROBE_USER = 64041
 
 PORT = 5431
@@ -168,7 +169,7 @@ class FenceTest(FenceCase):
             self.listen(host.namespace, host.address)
 
     # Promise [fence]: The gateway's user sends to hosts in the networks of internal
-    # interfaces and to the discovery group there, and nowhere else: not to the router itself, not
+    # interfaces and to the groups of SSDP and NAT-PMP there, and nowhere else: not to the router itself, not
     # by IPv6. What it may not send is refused at once.
     def test_the_gateways_user_reaches_internal_hosts_only(self):
         self.listen(self.wan.namespace, WAN_HOST)
@@ -178,10 +179,13 @@ class FenceTest(FenceCase):
             (OPEN, lambda: tcp(lan)),
             (OPEN, lambda: udp(lan)),
             (OPEN, lambda: udp(GROUP, 1900, LAN_BRIDGE)),
+            (OPEN, lambda: udp(ALL_HOSTS, 5350, LAN_BRIDGE)),
             (REFUSED, lambda: udp("192.168.88.255")),
             (REFUSED, lambda: udp(GROUP, 1901, LAN_BRIDGE)),
             (REFUSED, lambda: udp(OTHER_GROUP, 1900, LAN_BRIDGE)),
             (REFUSED, lambda: udp(GROUP, 1900, WAN_LINK)),
+            (REFUSED, lambda: udp(ALL_HOSTS, 1900, LAN_BRIDGE)),
+            (REFUSED, lambda: udp(ALL_HOSTS, 5350, WAN_LINK)),
             (REFUSED, lambda: tcp(WAN_HOST)),
             (REFUSED, lambda: udp(WAN_HOST)),
             (REFUSED, lambda: udp(WAN_HOST, 53)),

@@ -82,6 +82,21 @@ class NatPmpTest(RouterCase):
         self.assertIn("Mapped public port 8080", self.natpmpc("-a", 8080, 80, "tcp", 600))
         exchange_tcp(self.wan, WAN_ADDRESS, 8080, self.host, 80)
 
+    # Promise: The LAN hears that a new epoch has begun, in both languages.
+    def test_a_new_epoch_is_announced_to_the_lan(self):
+        with self.host.namespace.socket(socket.SOCK_DGRAM) as sock:
+            sock.settimeout(5)
+            sock.bind(("", 5350))
+            with self.host.namespace.entered():
+                group = struct.pack("4s4si", socket.inet_aton("224.0.0.1"), bytes(4),
+                                    socket.if_nametoindex(self.host.LINK))
+            sock.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP, group)
+            os.kill(self.router.service("pcp")["process"], signal.SIGKILL)
+            natpmp, pcp = sock.recv(100), sock.recv(100)
+        self.assertEqual(natpmp[:4], b"\0\x80\0\0")
+        self.assertEqual(natpmp[8:], socket.inet_aton(WAN_ADDRESS))
+        self.assertEqual((pcp[:8], len(pcp)), (b"\2\x80\0\0\0\0\0\0", 24))
+
     # Promise: A port that the administrator has closed is not opened again by NAT-PMP before its
     # lease is over.
     def test_a_port_that_the_administrator_closed_stays_closed(self):

@@ -98,8 +98,9 @@ std::string grantInternal(const Internal& internal) {
   const std::string answering = interfaces + " ct state established accept\n";
   // What answers a host that is not in the network itself, but was let in by the interface. Most
   // packets are such: this rule comes first.
-  return refill(chain, "add rule " + chain + answering + rules + "add rule " + chain + interfaces +
-                           " ip daddr 239.255.255.250 udp dport 1900 accept\n") +
+  return refill(chain,
+                "add rule " + chain + answering + rules + "add rule " + chain + interfaces +
+                    " ip daddr . udp dport { 239.255.255.250 . 1900, 224.0.0.1 . 5350 } accept\n") +
          refill(answers, "add rule " + answers + answering);
 }
 

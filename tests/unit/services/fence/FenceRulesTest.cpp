@@ -76,8 +76,8 @@ TEST(FenceRules, GrantTheNetworksOfInternalInterfaces) {
       "unicast accept\n"
       "add rule ip lumen_fence internal oifname \"br-lan\" ip daddr 192.168.88.0/24 fib daddr type "
       "unicast accept\n"
-      "add rule ip lumen_fence internal oifname { \"br-guest\", \"br-lan\" } ip daddr "
-      "239.255.255.250 udp dport 1900 accept\n"
+      "add rule ip lumen_fence internal oifname { \"br-guest\", \"br-lan\" } ip daddr . udp "
+      "dport { 239.255.255.250 . 1900, 224.0.0.1 . 5350 } accept\n"
       "flush chain ip lumen_fence answers\n"
       "add rule ip lumen_fence answers oifname { \"br-guest\", \"br-lan\" } ct state established "
       "accept\n");
