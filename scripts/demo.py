@@ -15,6 +15,7 @@ import time
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests"))
 
+from support import pcp
 from support.network import (LAN_ADDRESS, LAN_BRIDGE, WAN_ADDRESS, WAN_LINK, Network, exchange_tcp,
                              exchange_udp, tcp_refused, udp_refused, wait_until)
 from support.netns import Namespace
@@ -24,6 +25,9 @@ from support.subscriber import Subscriber
 TCP_PORT = 8080
 UDP_PORT = 27015
 UDP_SOURCE = 40001
+NAT_PMP_PORT = 6881
+PCP_PORT = 6882
+LEASE = 600  # seconds
 PORT_COUNT = "PortMappingNumberOfEntries"
 
 
@@ -69,6 +73,23 @@ def demonstrate():
         expect(not router.kernel_map(), "the NAT table is still there")
 
 
+def leases(router, host, wan):
+    """Ports that the host opens to itself in the two other languages, for ten minutes each."""
+    with step("lumenctl pcp on"):
+        router.lumenctl("pcp", "on")
+    with step(f"natpmpc opened TCP port {NAT_PMP_PORT} for {LEASE} s by NAT-PMP"):
+        host.namespace.run("natpmpc", "-g", LAN_ADDRESS, "-a", str(NAT_PMP_PORT), "80", "tcp",
+                           str(LEASE))
+    with step(f"a PCP request opened TCP port {PCP_PORT} for {LEASE} s"):
+        with host.udp(to=(LAN_ADDRESS, pcp.PORT)) as sock:
+            sock.send(pcp.pcp_map(pcp.TCP, 81, PCP_PORT, host=host.address, lifetime=LEASE))
+            answer = sock.recv(1100)
+        expect(answer[3] == 0, f"PCP's result is {answer[3]}")
+    for port, to in ((NAT_PMP_PORT, 80), (PCP_PORT, 81)):
+        with step(f"bytes from the WAN host came through TCP {WAN_ADDRESS}:{port} and back"):
+            exchange_tcp(wan, WAN_ADDRESS, port, host, to)
+
+
 def port_life(router, host, wan, subscriber):
     with step("upnpc on the LAN host discovered the gateway"):
         found = host.upnpc("-s", discover=True)
@@ -87,6 +108,7 @@ def port_life(router, host, wan, subscriber):
         exchange_tcp(wan, WAN_ADDRESS, TCP_PORT, host, 80)
     with udp, step(f"bytes from the WAN host came through UDP {WAN_ADDRESS}:{UDP_PORT} and back"):
         exchange_udp(udp, host, UDP_PORT)
+    leases(router, host, wan)
     show("lumenctl status", router.lumenctl("status"))
     show("nft list table ip lumen", router.kernel_map())
     with step("lumenctl web on"):
@@ -96,9 +118,10 @@ def port_life(router, host, wan, subscriber):
         expect("palinode_gateway_up 1\n" in metrics, metrics)
     show(f"http://{LAN_ADDRESS}/metrics; in the LAN host's namespace a browser shows "
          f"http://{LAN_ADDRESS}/", metrics)
-    with step("upnpc closed both ports"):
+    with step("upnpc closed its ports, and lumenctl pcp off the others"):
         host.upnpc("-d", str(TCP_PORT), "tcp")
         host.upnpc("-d", str(UDP_PORT), "udp")
+        router.lumenctl("pcp", "off")
         expect(not router.ports(), "a port is still open")
     with step(f"the WAN host is refused on TCP port {TCP_PORT}"):
         expect(tcp_refused(wan, WAN_ADDRESS, TCP_PORT, host, 80), "it was let through")

@@ -13,15 +13,15 @@ build_packages=(
 )
 # What makes a package of them.
 package_packages=(dpkg-dev file)
-# What the demonstration needs besides: hosts in namespaces and a client that is not ours.
-run_packages=(python3 iproute2 nftables miniupnpc)
+# What the demonstration needs besides: hosts in namespaces and clients that are not ours.
+run_packages=(python3 iproute2 nftables miniupnpc natpmpc)
 # What the unit tests need besides the programs.
 unit_packages=(libgtest-dev)
 # What a user's tests need besides those: without root, and so without hosts to be tested.
 user_packages=("${unit_packages[@]}" python3 iproute2 clang-format lld mold)
 # What all tests need besides; ccache since the package builds the same sources again.
 test_packages=("${user_packages[@]}" "${run_packages[@]}" "${package_packages[@]}" ccache
-  clang libclang-rt-dev natpmpc nmap gir1.2-gupnp-1.6 python3-gi libupnp-dev
+  clang libclang-rt-dev nmap gir1.2-gupnp-1.6 python3-gi libupnp-dev
   debootstrap lintian zsh iptables procps chromium chromium-driver)
 # What building for another machine needs besides, but its compiler.
 crossing_packages=(dpkg-dev debian-archive-keyring gperf flex bison)

@@ -10,10 +10,10 @@ import unittest
 from gateway_case import EXTERNAL, GATEWAY, HOST, INTERNAL, LAN, WAN, WAN_ADDRESS, Daemon, GatewayCase
 from gateway_case import LAN_ADDRESS_ID, WAN_ADDRESS_ID
 from scripted_platform import NAT_RULES, ScriptedPlatform, address, error, interface
-from support import lm
+from support import lm, pcp
 from support.lm import Message
+from support.pcp import NONCE, PORT, TCP, UDP, mapped, natpmp_map
 
-PORT = 5351
 ENABLED, AGENTS = 0x00000001, 0x20000002
 SERVED, PROBLEM, MAPPINGS = 0x20000010, 0x20000011, 0x08000012
 
@@ -25,25 +25,11 @@ REMOTE_NETWORK, REMOTE_PREFIX = 0x08010052, 0x08010053
 REFUSAL = 0x08010054
 CONFLICT, POLICY, FULL, RIGHTS = 2, 3, 4, 5
 
-NONCE = bytes(range(12))
-TCP, UDP = 6, 17
 NEW_WAN_ADDRESS = "46.46.46.2"
 
 
-def natpmp_map(protocol, internal, external=0, lifetime=3600):
-    """RFC 6886 section 3.3: version 0, opcode 1 (UDP) or 2 (TCP), ports, lifetime."""
-    return struct.pack("!BBHHHI", 0, 2 if protocol == TCP else 1, 0, internal, external, lifetime)
-
-
-def mapped(text):
-    """An IPv4 address as one of IPv6."""
-    return bytes(10) + b"\xff\xff" + socket.inet_aton(text)
-
-
 def pcp_map(protocol, internal, external=0, lifetime=3600, host=HOST, options=b""):
-    """RFC 6887 sections 7.1 and 11.1: header, then nonce, protocol, ports and wished address."""
-    return (struct.pack("!BBHI", 2, 1, 0, lifetime) + mapped(host) + NONCE +
-            struct.pack("!B3xHH", protocol, internal, external) + mapped("0.0.0.0") + options)
+    return pcp.pcp_map(protocol, internal, external, lifetime=lifetime, host=host, options=options)
 
 
 class PcpCase(GatewayCase):

@@ -61,7 +61,6 @@ USERS_OF_PACKAGES = {
     "lintian": ("tests/package/test_package.py", '"lintian"'),
     "lld": ("tests/tree/test_linkers.py", '"lld"'),
     "mold": ("tests/tree/test_linkers.py", '"mold"'),
-    "natpmpc": ("tests/e2e/test_pcp.py", '"natpmpc"'),
     "nmap": ("tests/e2e/test_ports.py", '"nmap"'),
     "procps": ("tests/e2e/test_check_network.py", "sysctl -w"),
     "python3-gi": ("tests/e2e/clients/gupnp_subscriber.py", "import gi"),
