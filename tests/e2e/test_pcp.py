@@ -1,14 +1,19 @@
 """NAT-PMP as a program on the LAN speaks it: natpmpc, the platform and hosts on both sides."""
 
 import os
+import pathlib
 import signal
 import socket
 import struct
+import subprocess
 
 from support.network import (LAN_ADDRESS, WAN_ADDRESS, exchange_tcp, exchange_udp, tcp_refused,
                              udp_refused)
 from support.router import PCP_USER
 from support.router_case import RouterCase
+
+
+LIBTORRENT = pathlib.Path(__file__).parent / "clients" / "libtorrent_client.py"
 
 
 class NatPmpTest(RouterCase):
@@ -61,6 +66,22 @@ class NatPmpTest(RouterCase):
         self.assertRegex(self.natpmpc("-a", 8080, 80, "tcp", 600),
                          r"Mapped public port (?!8080 )\d+ protocol TCP to local port 80")
         self.assertEqual(len(self.router.ports()), 2)
+
+    # Promise: A BitTorrent program opens its ports by PCP where UPnP is off, is reached from the
+    # Internet, and closes them when it ends.
+    def test_a_bittorrent_program_opens_and_closes_its_ports(self):
+        self.router.lumenctl("upnp", "settings", "set", "enabled=off")
+        client = self.host.namespace.popen(LIBTORRENT, "6889", stdin=subprocess.PIPE,
+                                           stdout=subprocess.PIPE, text=True)
+        with client:
+            for _ in range(2):
+                self.assertIn("successfully mapped port using NAT-PMP", client.stdout.readline())
+            self.assertEqual({port: rule["owner"] for port, rule in self.router.ports().items()},
+                             {"6889/tcp": "pcp", "6889/udp": "pcp"})
+            self.wan.connect(WAN_ADDRESS, 6889).close()
+            client.stdin.close()
+        self.assertEqual(client.returncode, 0)
+        self.wait_until(lambda: self.router.ports() == {}, "both ports are closed")
 
     # Promise: When the program that speaks NAT-PMP is killed, its ports are closed and its next life
     # begins a new epoch, so that programs ask again.

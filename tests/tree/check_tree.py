@@ -64,6 +64,7 @@ USERS_OF_PACKAGES = {
     "nmap": ("tests/e2e/test_ports.py", '"nmap"'),
     "procps": ("tests/e2e/test_check_network.py", "sysctl -w"),
     "python3-gi": ("tests/e2e/clients/gupnp_subscriber.py", "import gi"),
+    "python3-libtorrent": ("tests/e2e/clients/libtorrent_client.py", "import libtorrent"),
     "qemu-user-static": ("scripts/cross", "qemu-mips-static"),
     "zsh": ("tests/e2e/test_completion.py", '"zsh"'),
 }
