@@ -21,7 +21,7 @@ from support.subscriber import Subscriber
 
 # $PALINODE_BIN also has what this folder lacks and a router needs.
 MEASURED = pathlib.Path(os.environ["PALINODE_MEASURED"]).resolve()
-NAMES = ("palinode-igd", "lumend", "lumen-resolver", "lumen-web", "lumenctl")
+NAMES = ("palinode-igd", "palinode-pcp", "lumend", "lumen-resolver", "lumen-web", "lumenctl")
 PORTS = range(20000, 21000)
 KB, KIB = 1000, 1024
 
@@ -85,6 +85,7 @@ def measure_router(rows):
             Subscriber(network.lan[1].speak_to()) as subscriber:
         router.ask_name_server(network.wan.address)
         router.set_up()
+        router.lumenctl("pcp", "on")
         host = network.lan[0]
         control = host.connection_control()
         # A subscriber's name starts the resolver.
@@ -96,6 +97,7 @@ def measure_router(rows):
 
         def look(state):
             pids = {"lumend": router.lumend.pid, "palinode-igd": router.gateway_pid(),
+                    "palinode-pcp": router.service("pcp")["process"],
                     "lumen-resolver": router.service("resolver")["process"]}
             # A second after a change lumend tidies up.
             wait_until_at_rest(pids.values(), seconds=2.0)

@@ -1,6 +1,7 @@
 #include "lumen/web/RouterView.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "lumen/ctl/check/Checks.h"
@@ -323,11 +324,18 @@ void RouterView::takeChange(const lm::message& record) {
   add({change.time, change.text});
 }
 
+// News wait while the state is read: what that shows can be newer than they are.
 void RouterView::add(Happening happening) {
-  picture_.happenings.push_back(std::move(happening));
-  if (reading_) return;
-  if (picture_.happenings.size() > Picture::mostHappenings) picture_.happenings.pop_front();
-  listener_.happened(picture_.happenings.back());
+  auto& all = picture_.happenings;
+  if (reading_) {
+    all.push_back(std::move(happening));
+    return;
+  }
+  auto at = all.end();
+  while (at != all.begin() && happening.time < std::prev(at)->time) --at;
+  all.insert(at, happening);
+  if (all.size() > Picture::mostHappenings) all.pop_front();
+  listener_.happened(happening);
 }
 
 }  // namespace lumen::web
