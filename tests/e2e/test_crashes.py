@@ -189,7 +189,7 @@ class CrashTest(RouterCase):
 
         self.assertEqual(self.router.gateway_pid(), self.pid)
         lumend = self.router.lumend.pid
-        # The status page, which is off, leaves a second after lumend has started it.
+        # What is off leaves a second after lumend has started it.
         self.wait_until(lambda: self.children(lumend) == [self.pid], "the gateway alone is left")
         router = os.stat(self.network.router.path).st_ino
         self.assertEqual({int(path.split("/")[2]) for path in programs_in({router})},
@@ -199,7 +199,8 @@ class CrashTest(RouterCase):
                  if protocol == "udp"}
         self.wait_until(lambda: self.files("run/udp") == marks, "flows have been looked at")
         self.assertEqual(self.files("run"),
-                         {"lumen.sock", "lumend.lock", "upnp.lock", "web.lock", "udp"} |
+                         {"lumen.sock", "lumend.lock", "pcp.lock", "upnp.lock", "web.lock",
+                          "udp"} |
                          {f"udp/{mark}" for mark in marks})
         self.assertEqual(self.files("store"), self.stored)
 

@@ -55,7 +55,7 @@ class PackageTest(unittest.TestCase):
         with tempfile.TemporaryDirectory() as folder:
             subprocess.run(["dpkg-deb", "--extract", package(), folder], check=True)
             paths = [path for path in pathlib.Path(folder).glob("usr/*bin/*") if path.is_file()]
-            self.assertEqual(len(paths), 5, paths)
+            self.assertEqual(len(paths), 6, paths)
             print(table(paths))
             self.assertEqual({path.name: Elf(path).lacks() for path in paths if Elf(path).lacks()},
                              {})

@@ -205,6 +205,8 @@ TEST_F(LinuxProcessesTest, KnowsTheMemoryOfItsProcesses) {
   ASSERT_EQ(unshare(CLONE_NEWNS), 0);
   ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
   ASSERT_EQ(mount("proc", "/proc", "proc", 0, "hidepid=invisible,subset=pid"), 0);
+  // Without its capabilities root cannot enter the folder of another user, where it may lie.
+  ASSERT_TRUE(processes.open(SERVICE_PROBE));
   const std::array<unsigned, 3> kept = {CAP_SETUID, CAP_SETGID, CAP_KILL};
   ASSERT_TRUE(keepCapabilities(kept));
 
