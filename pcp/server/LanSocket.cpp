@@ -38,14 +38,14 @@ struct Control {
 };
 
 /// The address to which the datagram was sent.
-std::optional<lumen::Ipv4Address> destinationOf(msghdr& message) {
-  for (cmsghdr* c = CMSG_FIRSTHDR(&message); c != nullptr; c = CMSG_NXTHDR(&message, c)) {
-    if (c->cmsg_level != IPPROTO_IP || c->cmsg_type != IP_PKTINFO) continue;
-    in_pktinfo info;
-    memcpy(&info, CMSG_DATA(c), sizeof info);
-    return lumen::Ipv4Address::fromBytes(info.ipi_addr.s_addr);
+std::optional<lumen::Ipv4Address> destinationOf(const msghdr& message) {
+  const cmsghdr* const control = CMSG_FIRSTHDR(&message);
+  if (control == nullptr || control->cmsg_level != IPPROTO_IP || control->cmsg_type != IP_PKTINFO) {
+    return std::nullopt;
   }
-  return std::nullopt;
+  in_pktinfo info;
+  memcpy(&info, CMSG_DATA(control), sizeof info);
+  return lumen::Ipv4Address::fromBytes(info.ipi_addr.s_addr);
 }
 
 /// One of the sockets of this interface; none with errno.
