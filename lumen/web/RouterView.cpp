@@ -74,6 +74,7 @@ void RouterView::open() {
   if (std::exchange(open_, true)) return;
   for (const Topic& topic : topics()) handler_.subscribe(topic.command, topic.path);
   picture_ = {};
+  newestPortEvent_ = newestChange_ = 0;
   picture_.since = wallClock();
   reading_ = true;
   readPast();
@@ -309,6 +310,7 @@ void RouterView::takeRule(const lm::message& record) {
 
 void RouterView::takePortEvent(const lm::message& record) {
   const lumenctl::PortEvent event(record);
+  if (std::exchange(newestPortEvent_, std::max(newestPortEvent_, event.id)) >= event.id) return;
   if (event.event == static_cast<uint32_t>(lm::nat::Event::refused)) {
     ++picture_.refusals[refusalKind(event.reason)];
     return;
@@ -321,6 +323,7 @@ void RouterView::takePortEvent(const lm::message& record) {
 
 void RouterView::takeChange(const lm::message& record) {
   const lumenctl::Change change(record);
+  if (std::exchange(newestChange_, std::max(newestChange_, change.id)) >= change.id) return;
   add({change.time, change.text});
 }
 

@@ -79,6 +79,9 @@ class RouterView {
   std::string seen_;  // state and external addresses, for picture_.since
   bool open_ = false;
   bool reading_ = false;  // what is told to be happening is the past
+  // By their ids, which rise: news of what was read in open() can come after it.
+  uint32_t newestPortEvent_ = 0;
+  uint32_t newestChange_ = 0;
   std::optional<lm::Clock::Time> portsReadAt_;
   std::optional<lm::Clock::Time> trafficReadAt_;
   lm::Timer change_;  // waits for more notifications of a change of the state
