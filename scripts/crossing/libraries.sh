@@ -7,6 +7,8 @@
 #     PACKAGE  names of the table, what others need first
 #   scripts/crossing/libraries.sh --fetch PACKAGE...
 #     only downloads what is not there yet; status 4, and the names, when the archive lacks some
+#   scripts/crossing/libraries.sh --unpack PACKAGE FOLDER
+#     of one that was fetched; FOLDER must not exist
 # From the environment: CC, CXX, AR, RANLIB (without them HOST-gcc and so on), CFLAGS and CXXFLAGS
 # (-O2). Sources are kept in ~/.cache/palinode-igd/sources. What PREFIX already has, built in the
 # same way from the same version, is left alone.
@@ -199,12 +201,17 @@ if [ "${1:-}" = --fetch ]; then
   fetch "$@"
   exit
 fi
+unpack() { dpkg-source --no-check -x "$(dsc "$1")" "$2"; }
+if [ "${1:-}" = --unpack ]; then
+  unpack "$2" "$3"
+  exit
+fi
 if [ "${1:-}" = --build ]; then
   # A process of its own: in a step a failing command would not end it.
   host=$2 prefix=$3
   work=$(mktemp -d)
   trap 'rm -rf "$work"' EXIT
-  dpkg-source --no-check -x "$(dsc "$4")" "$work/source"
+  unpack "$4" "$work/source"
   cd "$work/source"
   "build_$4"
   exit

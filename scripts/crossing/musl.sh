@@ -1,25 +1,33 @@
 #!/usr/bin/env bash
-# Makes a compiler for static programs with musl, the C library of routers, for amd64: this machine's
-# GCC 12 with musl's headers and start files, and GCC's C++ library, built once for it, in two minutes
-# on an idle machine. All of it comes from Debian's packages and is kept in
-# ~/.cache/palinode-igd/musl.
-#   scripts/crossing/musl.sh
-# Prints the folder with the compiler, x86_64-linux-musl-g++. The libraries of the programs are built
-# with it by scripts/crossing/libraries.sh, and found by CMake in CMAKE_PREFIX_PATH, their own libraries
-# too with -DPKG_CONFIG_ARGN=--static; the options of the preset small are for it.
+# Makes a compiler for static programs with musl, the C library of routers: Debian's GCC 12 for that
+# machine with musl's headers and start files, and GCC's C++ library, both built once for it, in three
+# minutes on an idle machine. All of it comes from Debian's packages and is kept in
+# ~/.cache/palinode-igd/HOST.
+#   scripts/crossing/musl.sh HOST    HOST: x86_64-linux-musl, or mips-linux-musl: 32 bits, big-endian
+# Prints the folder with the compiler, HOST-g++. The libraries of the programs are built with it by
+# scripts/crossing/libraries.sh, and found by CMake in CMAKE_PREFIX_PATH, their own libraries too with
+# -DPKG_CONFIG_ARGN=--static; the options of the preset small are for it.
 . "$(dirname "$0")/../lib.sh"
 
-host=x86_64-linux-musl
-gcc=12.2.0
-# Packages of Debian 12, the first for its architecture amd64: version and SHA-256.
-packages=(
-  "musl-dev 1.2.3-1 7c34f29a0c1aa12f6da1d25ed6de6fe6bbd9e048ee76b3dcb88c5e51fb65507f"
-  "gcc-12-source 12.2.0-14+deb12u1 8f2a5411028dfe216aeb6346b926df0cc7471f375c6a375bf180fbf279af02a1"
-)
+make=
+[ "${1:-}" != --make ] || { make=yes && shift; }
+host=${1:-} gcc=12.2.0
+# tools, suffix: of GCC and the binary tools. headers: those of the kernel.
+case $host in
+  x86_64-linux-musl)
+    [ "$(uname -m)" = x86_64 ] || fail "this makes a compiler of amd64's"
+    tools= suffix=-12 headers=(/usr/include/{linux,asm-generic} /usr/include/x86_64-linux-gnu/asm) ;;
+  mips-linux-musl)
+    tools=mips-linux-gnu- suffix= headers=(/usr/mips-linux-gnu/include/{linux,asm-generic,asm}) ;;
+  '') fail "for which host? There are x86_64-linux-musl and mips-linux-musl" ;;
+  *) fail "unknown host '$host', there are x86_64-linux-musl and mips-linux-musl" ;;
+esac
+# Package of Debian 12: version and SHA-256.
+sources="gcc-12-source 12.2.0-14+deb12u1 8f2a5411028dfe216aeb6346b926df0cc7471f375c6a375bf180fbf279af02a1"
 flags="-Os -fPIE -ffunction-sections -fdata-sections"
 
-made=$HOME/.cache/palinode-igd/musl
-state="${packages[*]} $flags $(sha256sum <"$0")"
+made=$HOME/.cache/palinode-igd/$host
+state="$sources $flags $(cat "$0" "$(dirname "$0")"/{sources,find_object.c} | sha256sum)"
 
 fetch() {
   local package=$1 version=$2 checksum=$3
@@ -28,7 +36,6 @@ fetch() {
 }
 
 unpack() {
-  dpkg-deb -x musl-dev_*.deb "$made"
   dpkg-deb --fsys-tarfile gcc-12-source_*.deb | tar x --wildcards '*/gcc-*.tar.xz'
   # What the C++ library is configured and built from.
   tar xf usr/src/gcc-12/gcc-*.tar.xz --strip-components=1 --wildcards --no-wildcards-match-slash \
@@ -73,19 +80,27 @@ crtendS.o%s $lib/crtn.o
 SPECS
 }
 
+make_musl() {
+  "$top/scripts/crossing/libraries.sh" --unpack musl "$PWD/musl"
+  cd musl
+  ./configure --target="$host" --prefix="$made/musl" --disable-shared CC="${tools}gcc$suffix" \
+    AR="${tools}ar" RANLIB="${tools}ranlib" CFLAGS="-Os -ffunction-sections -fdata-sections"
+  make -j2 install
+  cd ..
+  ln -s "${headers[@]}" "$include"
+}
+
 make_compiler() {
-  local include=$made/usr/include/$host lib=$made/usr/lib/$host name
-  for name in linux asm-generic; do ln -s "/usr/include/$name" "$include/$name"; done
-  ln -s /usr/include/x86_64-linux-gnu/asm "$include/asm"
+  local name
   mkdir -p "$made/bin" "$made/lib"
   specs "" >"$made/gcc.specs"
   specs "-nostdinc++ -isystem $made/c++ -isystem $made/c++/$host" >"$made/g++.specs"
   for name in gcc g++; do
-    printf '#!/bin/sh\nexec %s-12 -specs=%s "$@"\n' "$name" "$made/$name.specs" \
+    printf '#!/bin/sh\nexec %s -specs=%s "$@"\n' "$tools$name$suffix" "$made/$name.specs" \
       >"$made/bin/$host-$name"
     chmod +x "$made/bin/$host-$name"
   done
-  for name in ar ranlib nm strip; do ln -s "/usr/bin/$name" "$made/bin/$host-$name"; done
+  for name in ar ranlib nm strip; do ln -s "/usr/bin/$tools$name" "$made/bin/$host-$name"; done
   # What unwinds the stack asks the GNU C library for a function that musl does not have.
   "$made/bin/$host-gcc" $flags -c "$top/scripts/crossing/find_object.c" -o find_object.o
   ar rcs "$made/lib/libfind_object.a" find_object.o
@@ -99,37 +114,39 @@ build_library() {
   cp libgcc/gthr-posix.h built/libgcc/gthr-default.h
   cd built/libstdc++
   ../../libstdc++-v3/configure CC=$host-gcc CXX=$host-g++ CFLAGS="$flags" CXXFLAGS="$flags" \
-    --build=$host --host=$host --prefix="$made" --with-gxx-include-dir="$made/c++" \
+    --build="$(uname -m)-linux-${host##*-}" --host=$host --prefix="$made" --with-gxx-include-dir="$made/c++" \
     --disable-shared --disable-multilib --disable-nls --disable-libstdcxx-pch --disable-werror
   local folder
   for folder in include libsupc++ src; do make -j2 -C $folder; done
   for folder in include libsupc++ src; do make -C $folder install; done
   rm "$made"/lib/*.la
-  # The configuration knows no suffix for a C library that it takes for another one.
-  for folder in "$made"/lib/lib*.; do mv "$folder" "${folder}a"; done
+  # A native configuration knows no suffix for libraries of a C library that it takes for another.
+  local library
+  for library in "$made"/lib/lib*.; do [ ! -e "$library" ] || mv "$library" "${library}a"; done
 }
 
-if [ "${1:-}" = --make ]; then
+if [ -n "$make" ]; then
   # A process of its own: in a step a failing command would not end it.
   work=$(mktemp -d)
   trap 'rm -rf "$work"' EXIT
   cd "$work"
   rm -rf "$made"
   mkdir -p "$made"
-  for package in "${packages[@]}"; do
-    # shellcheck disable=SC2086
-    fetch $package
-  done
+  include=$made/musl/include lib=$made/musl/lib
+  # shellcheck disable=SC2086
+  fetch $sources
   unpack
+  make_musl
   make_compiler
   build_library
   exit
 fi
 
-[ "$(uname -m)" = x86_64 ] || fail "this makes a compiler of amd64's"
-command -v g++-12 >/dev/null || fail "g++-12 is missing: the C++ library is that of GCC 12"
+command -v "${tools}g++$suffix" >/dev/null ||
+  fail "${tools}g++$suffix is missing: the C++ library is that of GCC 12"
 if [ "$(cat "$made/made" 2>/dev/null)" != "$state" ]; then
-  step "made a compiler for musl" "$top/scripts/crossing/musl.sh" --make >&2
+  "$top/scripts/crossing/libraries.sh" --fetch musl >&2
+  step "made a compiler for $host" "$top/scripts/crossing/musl.sh" --make "$host" >&2
   printf '%s\n' "$state" >"$made/made"
 fi
 printf '%s\n' "$made/bin"
