@@ -14,6 +14,7 @@ constexpr uint8_t opMapTcp = 2;
 constexpr uint8_t responseBit = 0x80;
 
 constexpr size_t shortest = 2;
+constexpr size_t headerLength = 8;  // of a response
 constexpr size_t mapLength = 12;
 
 uint8_t opcodeOf(uint8_t protocol) { return protocol == IPPROTO_TCP ? opMapTcp : opMapUdp; }
@@ -75,8 +76,10 @@ std::vector<uint8_t> write(const MapResponse& response) {
       .take();
 }
 
-std::vector<uint8_t> write(const UnknownResponse& response) {
-  return begun(response.opcode, response.result, response.epoch).take();
+std::vector<uint8_t> writeUnsupported(std::span<const uint8_t> datagram, uint32_t epoch) {
+  ByteWriter out = begun(datagram[1], Result::unsupportedOpcode, epoch);
+  if (datagram.size() > headerLength) out.bytes(datagram.subspan(headerLength));
+  return out.take();
 }
 
 }  // namespace pcp::natpmp

@@ -72,15 +72,12 @@ struct MapResponse {
   uint32_t lifetime = 0;
 };
 
-/// The answer to an UnknownRequest.
-struct UnknownResponse {
-  uint8_t opcode = 0;
-  Result result = Result::unsupportedOpcode;
-  uint32_t epoch = 0;
-};
-
 [[nodiscard]] std::vector<uint8_t> write(const AddressResponse& response);
 [[nodiscard]] std::vector<uint8_t> write(const MapResponse& response);
-[[nodiscard]] std::vector<uint8_t> write(const UnknownResponse& response);
+
+/// The answer to an UnknownRequest: all of it, with the result that says so and the epoch (section
+/// 3.5). REQUIRES: parseRequest of `datagram` gives an UnknownRequest.
+[[nodiscard]] std::vector<uint8_t> writeUnsupported(std::span<const uint8_t> datagram,
+                                                    uint32_t epoch);
 
 }  // namespace pcp::natpmp

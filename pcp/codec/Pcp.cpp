@@ -53,25 +53,44 @@ ResultCode parseOption(uint8_t code, std::span<const uint8_t> data, Request& req
   }
   if (code == optionPreferFailure) {
     if (!data.empty() || request.preferFailure) return ResultCode::malformedOption;
+    // Neither an end nor any port can be preferred (sections 11.3 and 13.2).
+    if (request.lifetime == 0 || request.map->externalPort == 0) return ResultCode::malformedOption;
     request.preferFailure = true;
     return ResultCode::success;
   }
   if (code == optionFilter) {
-    if (data.size() != filterLength) return ResultCode::malformedOption;
+    // An end has no filter (section 13.3).
+    if (data.size() != filterLength || request.lifetime == 0) return ResultCode::malformedOption;
     return parseFilter(ByteReader(data), request.filters.emplace_back());
   }
   return ResultCode::unsupportedOption;
 }
 
+struct Option {
+  uint8_t code = 0;
+  std::span<const uint8_t> data;
+};
+
+Option takeOption(ByteReader& in) {
+  Option option = {.code = in.u8(), .data = {}};
+  in.take(1);  // reserved
+  const size_t length = in.u16();
+  option.data = in.take(length);
+  in.take(paddedLength(length) - length);
+  return option;
+}
+
+bool hasWholeOptions(ByteReader in) {
+  while (in.left() > 0) takeOption(in);
+  return in.complete();
+}
+
 ResultCode parseOptions(ByteReader& in, Request& request) {
+  // The structure of all comes before what one of them says (RFC 6887 section 7.3).
+  if (!hasWholeOptions(in)) return ResultCode::malformedOption;
   while (in.left() > 0) {
-    const uint8_t code = in.u8();
-    in.take(1);  // reserved
-    const size_t length = in.u16();
-    const std::span<const uint8_t> data = in.take(length);
-    in.take(paddedLength(length) - length);
-    if (!in.complete()) return ResultCode::malformedOption;
-    const ResultCode result = parseOption(code, data, request);
+    const Option option = takeOption(in);
+    const ResultCode result = parseOption(option.code, option.data, request);
     if (result != ResultCode::success) return result;
   }
   return ResultCode::success;
@@ -145,6 +164,7 @@ std::optional<std::variant<Request, ResultCode>> parseRequest(std::span<const ui
   const uint8_t opcode = in.u8();
   if (!in.complete() || (opcode & responseBit) != 0) return std::nullopt;
   if (wantedVersion != version) return ResultCode::unsupportedVersion;
+  if (datagram.size() < headerLength) return std::nullopt;
   Request request;
   const ResultCode result = parseBody(opcode, in, datagram.size(), request);
   if (result != ResultCode::success) return result;

@@ -69,8 +69,7 @@ Responder::Answer Responder::answer(std::span<const uint8_t> datagram, lumen::Ip
   if (const auto* map = std::get_if<natpmp::MapRequest>(&*request)) {
     return write(answer(*map, source));
   }
-  return write(natpmp::UnknownResponse{.opcode = std::get<natpmp::UnknownRequest>(*request).opcode,
-                                       .epoch = epoch_.seconds()});
+  return natpmp::writeUnsupported(datagram, epoch_.seconds());
 }
 
 natpmp::AddressResponse Responder::answer(const natpmp::AddressRequest& /*request*/) const {

@@ -88,8 +88,12 @@ TEST(NatPmpResponseTest, AMappingHasItsPortsAndItsLifetime) {
             "00820000 00000005 04d20000 00000000");
 }
 
-TEST(NatPmpResponseTest, AnUnknownOpcodeIsRepeatedWithResultFive) {
-  EXPECT_EQ(hex(write(UnknownResponse{.opcode = 3, .epoch = 5})), "00830005 00000005");
+TEST(NatPmpResponseTest, ARequestOfAnUnknownOpcodeComesBackWithResultFive) {
+  // Opcode 3 becomes 128 + 3; result 5, epoch 5.
+  EXPECT_EQ(hex(writeUnsupported(bytes("00 03"), 5)), "00830005 00000005");
+  EXPECT_EQ(hex(writeUnsupported(bytes("00 7f abcd 01020304"), 5)), "00ff0005 00000005");
+  // What follows the epoch is the request's own.
+  EXPECT_EQ(hex(writeUnsupported(bytes("00 03 abcd 01020304 162e"), 5)), "00830005 00000005 162e");
 }
 
 // Promise: NAT-PMP answers have the result codes 0 to 5 of RFC 6886.
@@ -98,8 +102,8 @@ TEST(NatPmpResponseTest, EveryResultHasItsNumber) {
                             Result::notAuthorized,  Result::networkFailure,
                             Result::outOfResources, Result::unsupportedOpcode};
   for (size_t number = 0; number < std::size(results); ++number) {
-    EXPECT_EQ(hex(write(UnknownResponse{0, results[number], 1})),
-              "0080000" + std::to_string(number) + " 00000001");
+    EXPECT_EQ(hex(write(AddressResponse{results[number], 1, {}})),
+              "0080000" + std::to_string(number) + " 00000001 00000000");
   }
 }
 

@@ -19,6 +19,9 @@ const std::string announce = "02 00 0000 00000000 00000000 00000000 0000ffff c0a
 const std::string data =
     "0a0b0c0d 0e0f1011 12131415 06 000000 0050 1f90 00000000 00000000 0000ffff 00000000 ";
 const std::string map = header + data;
+const std::string end = "02 01 0000 00000000" + map.substr(19);  // with lifetime 0
+const std::string anyPort =
+    header + "0a0b0c0d 0e0f1011 12131415 06 000000 0050 0000" + data.substr(47);
 const std::string filter24 = "00000000 00000000 0000ffff c6336400 ";
 
 struct Row {
@@ -46,8 +49,9 @@ INSTANTIATE_TEST_SUITE_P(
         Row{"version 1, of the drafts", "01 01", ResultCode::unsupportedVersion},
         Row{"version 3", "03" + map.substr(2), ResultCode::unsupportedVersion},
         Row{"PEER", "02 02" + map.substr(5), ResultCode::unsupportedOpcode},
-        Row{"the highest opcode", "02 7f", ResultCode::unsupportedOpcode},
-        Row{"the header cut", header.substr(0, header.size() - 9), ResultCode::malformedRequest},
+        Row{"the highest opcode", "02 7f" + header.substr(5), ResultCode::unsupportedOpcode},
+        Row{"another version that is cut", "03 01", ResultCode::unsupportedVersion},
+        Row{"an ANNOUNCE with a byte too many", announce + "00", ResultCode::malformedRequest},
         Row{"a MAP without data", header, ResultCode::malformedRequest},
         Row{"a MAP cut", map.substr(0, map.size() - 9), ResultCode::malformedRequest},
         Row{"a length that is no multiple of 4", map + "00", ResultCode::malformedRequest},
@@ -63,10 +67,19 @@ INSTANTIATE_TEST_SUITE_P(
         Row{"an option of MAP in ANNOUNCE", announce + "02 00 0000", ResultCode::unsupportedOption},
         Row{"an option longer than the message", map + "80 00 0005 01020304",
             ResultCode::malformedOption},
+        Row{"the longest option, cut", map + "80 00 ffff 01020304", ResultCode::malformedOption},
+        Row{"an unknown mandatory option before one that is cut", map + "04 00 0000 80 00 0004",
+            ResultCode::malformedOption},
+        Row{"an unknown option of ANNOUNCE that is cut", announce + "04 00 0004",
+            ResultCode::malformedOption},
         Row{"THIRD_PARTY of 4 bytes", map + "01 00 0004 c0a85814", ResultCode::malformedOption},
         Row{"THIRD_PARTY twice", map + "01 00 0010 " + filter24 + "01 00 0010 " + filter24,
             ResultCode::malformedOption},
         Row{"PREFER_FAILURE with data", map + "02 00 0004 00000000", ResultCode::malformedOption},
+        Row{"PREFER_FAILURE of any port", anyPort + "02 00 0000", ResultCode::malformedOption},
+        Row{"PREFER_FAILURE of an end", end + "02 00 0000", ResultCode::malformedOption},
+        Row{"FILTER of an end", end + "03 00 0014 00 78 0000 " + filter24,
+            ResultCode::malformedOption},
         Row{"PREFER_FAILURE twice", map + "02 00 0000 02 00 0000", ResultCode::malformedOption},
         Row{"FILTER of 16 bytes", map + "03 00 0010 " + filter24, ResultCode::malformedOption},
         Row{"FILTER with a prefix of 129", map + "03 00 0014 00 81 0000 " + filter24,
@@ -88,6 +101,9 @@ TEST_P(NoPcpRequest, IsNotAnswered) { EXPECT_FALSE(parseRequest(bytes(GetParam()
 
 INSTANTIATE_TEST_SUITE_P(PcpRequestTest, NoPcpRequest,
                          testing::Values(Silent{"nothing", ""}, Silent{"one byte", "02"},
+                                         Silent{"a MAP cut in its header", header.substr(0, 52)},
+                                         Silent{"an ANNOUNCE cut", announce.substr(0, 49)},
+                                         Silent{"an unknown opcode alone", "02 7f"},
                                          Silent{"a response", "02 81" + map.substr(5)},
                                          Silent{"a response of version 3", "03 80"}));
 
