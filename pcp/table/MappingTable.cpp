@@ -1,13 +1,24 @@
 #include "pcp/table/MappingTable.h"
 
+#include <netinet/in.h>
+
 #include <algorithm>
 #include <chrono>
 #include <iterator>
 #include <utility>
+#include <vector>
 
 namespace pcp {
 
 namespace {
+
+// A random port is rarely one that another client has.
+constexpr int mostTries = 8;
+
+// A PCP server must not map its own ports (RFC 6887 section 11.3).
+bool isOwnPort(uint8_t protocol, uint16_t port) {
+  return protocol == IPPROTO_UDP && (port == 5350 || port == 5351);
+}
 
 ResultCode codeOf(Ports::Failure failure, bool exact) {
   switch (failure) {
@@ -34,7 +45,8 @@ std::variant<MappingTable::Assigned, ResultCode> MappingTable::map(const Wish& w
   if (!external_) return ResultCode::networkFailure;
   forgetEnded(mappings_.lower_bound({wish.client, {}}),
               mappings_.upper_bound({wish.client, {UINT8_MAX, UINT16_MAX}}));
-  const uint32_t lifetime = std::clamp(wish.lifetime, shortest, longest);
+  const uint32_t lifetime =
+      std::clamp(wish.lifetime, wish.noLonger ? uint32_t{1} : shortest, longest);
   const auto mapping = mappings_.find({wish.client, wish.target});
   return mapping == mappings_.end() ? open(wish, lifetime) : renew(mapping, wish, lifetime);
 }
@@ -44,18 +56,19 @@ std::variant<MappingTable::Assigned, ResultCode> MappingTable::open(const Wish& 
   if (countOf(wish.client) >= mostPerClient) return ResultCode::userExceededQuota;
   if (mappings_.size() >= most) forgetEnded(mappings_.begin(), mappings_.end());
   if (mappings_.size() >= most) return ResultCode::noResources;
-  const auto opened = ports_.add({.protocol = wish.target.protocol,
-                                  .external = {*external_, wish.port},
-                                  .exact = wish.exact && wish.port != 0,
-                                  .client = {wish.client, wish.target.port},
-                                  .remote = wish.filter.network,
-                                  .lifetime = lifetime});
+  const auto opened = openPort({.protocol = wish.target.protocol,
+                                .external = {*external_, wish.port},
+                                .exact = wish.exact,
+                                .client = {wish.client, wish.target.port},
+                                .remote = wish.filter.network,
+                                .lifetime = lifetime});
   if (const auto* failure = std::get_if<Ports::Failure>(&opened)) {
     return codeOf(*failure, wish.exact);
   }
   const auto& port = std::get<Ports::Open>(opened);
   const Key key = {wish.client, wish.target};
   byId_.insert_or_assign(port.id, key);
+  ++holders_.try_emplace(port.port, Holder{wish.client}).first->second.mappings;
   mappings_.insert_or_assign(key, Mapping{.nonce = wish.nonce,
                                           .id = port.id,
                                           .port = port.port,
@@ -64,13 +77,40 @@ std::variant<MappingTable::Assigned, ResultCode> MappingTable::open(const Wish& 
   return Assigned{{*external_, port.port}, lifetime};
 }
 
+std::variant<Ports::Open, Ports::Failure> MappingTable::openPort(Ports::Wish wish) {
+  if (!mayHave(wish, wish.external.port)) {
+    if (wish.exact) return Ports::Failure::conflict;
+    wish.external.port = 0;
+  }
+  std::vector<uint32_t> unfit;
+  std::variant<Ports::Open, Ports::Failure> result = Ports::Failure::conflict;
+  for (int tries = 0; tries < mostTries; ++tries) {
+    result = ports_.add(wish);
+    const auto* port = std::get_if<Ports::Open>(&result);
+    if (port == nullptr || mayHave(wish, port->port)) break;
+    // It stays until another one is found, so that it does not come again.
+    unfit.push_back(port->id);
+    result = Ports::Failure::conflict;
+    wish.external.port = 0;
+  }
+  for (uint32_t id : unfit) ports_.remove(id);
+  return result;
+}
+
+// What a client has for one protocol is kept for it for the other one (RFC 6886 section 3.3).
+bool MappingTable::mayHave(const Ports::Wish& wish, uint16_t port) const {
+  const auto holder = holders_.find(port);
+  const bool free = holder == holders_.end() || holder->second.client == wish.client.address;
+  return free && !isOwnPort(wish.protocol, port);
+}
+
 std::variant<MappingTable::Assigned, ResultCode> MappingTable::renew(Mappings::iterator mapping,
                                                                      const Wish& wish,
                                                                      uint32_t lifetime) {
   if (mapping->second.nonce != wish.nonce || mapping->second.closed) {
     return ResultCode::notAuthorized;
   }
-  if (wish.exact && wish.port != 0 && wish.port != mapping->second.port) {
+  if (wish.exact && wish.port != mapping->second.port) {
     return ResultCode::cannotProvideExternal;
   }
   std::optional<lumen::Ipv4Network> remote = mapping->second.remote;
@@ -110,7 +150,7 @@ ResultCode MappingTable::filter(Mappings::iterator mapping,
   }
   const auto* port = std::get_if<Ports::Open>(&opened);
   if (port == nullptr) {
-    mappings_.erase(mapping);
+    forget(mapping);
     return code;
   }
   mapping->second.id = port->id;
@@ -128,17 +168,20 @@ ResultCode MappingTable::unmap(lumen::Ipv4Address client, Target target, const N
   return ResultCode::success;
 }
 
-void MappingTable::unmapAll(lumen::Ipv4Address client, uint8_t protocol, const Nonce& nonce) {
+ResultCode MappingTable::unmapAll(lumen::Ipv4Address client, uint8_t protocol, const Nonce& nonce) {
+  ResultCode code = ResultCode::success;
   auto mapping = mappings_.lower_bound({client, {protocol, 0}});
   const auto end = mappings_.upper_bound({client, {protocol, UINT16_MAX}});
   while (mapping != end) {
     if (mapping->second.nonce != nonce) {
+      code = ResultCode::notAuthorized;
       ++mapping;
       continue;
     }
     ports_.remove(mapping->second.id);
     mapping = forget(mapping);
   }
+  return code;
 }
 
 void MappingTable::ended(uint32_t id) {
@@ -155,6 +198,7 @@ void MappingTable::clear() {
   for (const auto& [key, mapping] : mappings_) ports_.remove(mapping.id);
   mappings_.clear();
   byId_.clear();
+  holders_.clear();
 }
 
 std::optional<uint32_t> MappingTable::left(lumen::Ipv4Address client, Target target) const {
@@ -187,6 +231,9 @@ void MappingTable::forgetEnded(Mappings::iterator from, Mappings::iterator to) {
 
 MappingTable::Mappings::iterator MappingTable::forget(Mappings::iterator mapping) {
   byId_.erase(mapping->second.id);
+  if (const auto holder = holders_.find(mapping->second.port); --holder->second.mappings == 0) {
+    holders_.erase(holder);
+  }
   return mappings_.erase(mapping);
 }
 

@@ -45,6 +45,7 @@ class MappingTable {
     bool exact = false;  ///< no other external port will do
     FilterWish filter{};
     uint32_t lifetime = 0;
+    bool noLonger = false;  ///< than `lifetime`, even below the shortest
   };
 
   struct Assigned {
@@ -61,13 +62,14 @@ class MappingTable {
   void setExternal(std::optional<lumen::Ipv4Address> address);
   [[nodiscard]] std::optional<lumen::Ipv4Address> external() const { return external_; }
 
-  /// Opens a port or renews its lease; keeps the external port of a mapping that exists. An error
-  /// changes nothing.
+  /// Opens a port or renews its lease; keeps the external port of a mapping that exists. Never a
+  /// port that another client has for the other protocol. An error changes nothing.
   [[nodiscard]] std::variant<Assigned, ResultCode> map(const Wish& wish);
   /// Ends a mapping; success also when there is none.
   [[nodiscard]] ResultCode unmap(lumen::Ipv4Address client, Target target, const Nonce& nonce);
-  /// Ends the mappings of this protocol that have this nonce.
-  void unmapAll(lumen::Ipv4Address client, uint8_t protocol, const Nonce& nonce);
+  /// Ends the mappings of this protocol that have this nonce. An error: others are left.
+  [[nodiscard]] ResultCode unmapAll(lumen::Ipv4Address client, uint8_t protocol,
+                                    const Nonce& nonce);
 
   /// The router has closed the port.
   void ended(uint32_t id);
@@ -99,7 +101,15 @@ class MappingTable {
 
   using Mappings = std::map<Key, Mapping>;
 
+  /// The client that has an external port, for one protocol or both.
+  struct Holder {
+    lumen::Ipv4Address client;
+    unsigned mappings = 0;
+  };
+
   [[nodiscard]] std::variant<Assigned, ResultCode> open(const Wish& wish, uint32_t lifetime);
+  [[nodiscard]] std::variant<Ports::Open, Ports::Failure> openPort(Ports::Wish wish);
+  [[nodiscard]] bool mayHave(const Ports::Wish& wish, uint16_t port) const;
   [[nodiscard]] std::variant<Assigned, ResultCode> renew(Mappings::iterator mapping,
                                                          const Wish& wish, uint32_t lifetime);
   [[nodiscard]] ResultCode filter(Mappings::iterator mapping,
@@ -114,6 +124,7 @@ class MappingTable {
   std::optional<lumen::Ipv4Address> external_;
   Mappings mappings_;
   std::map<uint32_t, Key> byId_;
+  std::map<uint16_t, Holder> holders_;
 };
 
 }  // namespace pcp

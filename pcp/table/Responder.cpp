@@ -2,7 +2,6 @@
 
 #include <netinet/in.h>
 
-#include <algorithm>
 #include <variant>
 
 namespace pcp {
@@ -86,7 +85,7 @@ natpmp::MapResponse Responder::answer(const natpmp::MapRequest& request,
                                   .internalPort = request.internalPort};
   if (request.lifetime == 0) {
     if (request.internalPort == 0) {
-      table_.unmapAll(source, request.protocol, noNonce);
+      response.result = natPmpResult(table_.unmapAll(source, request.protocol, noNonce));
     } else {
       response.result =
           natPmpResult(table_.unmap(source, {request.protocol, request.internalPort}, noNonce));
@@ -101,7 +100,8 @@ natpmp::MapResponse Responder::answer(const natpmp::MapRequest& request,
                                   .client = source,
                                   .target = {request.protocol, request.internalPort},
                                   .port = request.externalPort,
-                                  .lifetime = request.lifetime});
+                                  .lifetime = request.lifetime,
+                                  .noLonger = true});
   if (const auto* code = std::get_if<ResultCode>(&mapped)) {
     response.result = natPmpResult(*code);
     return response;
@@ -131,8 +131,7 @@ Responder::Carried Responder::carryOut(const Request& request, lumen::Ipv4Addres
   }
   if (!request.map) return {};
   if (!request.thirdParty) return map(request, source);
-  if (agents_.empty()) return Carried::failed(ResultCode::unsupportedOption);
-  if (!agents_.contains(source)) return Carried::failed(ResultCode::notAuthorized);
+  if (!agents_.contains(source)) return Carried::failed(ResultCode::unsupportedOption);
   const auto client = request.thirdParty->ipv4();
   // RFC 6887 section 13.1: it is for others.
   if (!client || *client == source) return Carried::failed(ResultCode::malformedRequest);
@@ -142,15 +141,16 @@ Responder::Carried Responder::carryOut(const Request& request, lumen::Ipv4Addres
 Responder::Carried Responder::map(const Request& request, lumen::Ipv4Address client) {
   const MapData& wished = *request.map;
   if (!hasPorts(wished.protocol) || wished.internalPort == 0) {
+    // A mapping that cannot be has ended.
+    if (request.lifetime == 0) return {.assigned = wished};
     return Carried::failed(ResultCode::unsupportedProtocol);
   }
   const MappingTable::Target target = {wished.protocol, wished.internalPort};
   const auto failed = [&](ResultCode code) {
     Carried carried = Carried::failed(code);
-    // Who does not know the nonce may try again when the mapping has ended.
+    // A client that does not know the nonce waits for the end of the mapping (section 11.3).
     if (code == ResultCode::notAuthorized) {
-      carried.lifetime =
-          std::min(carried.lifetime, table_.left(client, target).value_or(carried.lifetime));
+      carried.lifetime = table_.left(client, target).value_or(carried.lifetime);
     }
     return carried;
   };

@@ -82,10 +82,71 @@ TEST_F(MappingTableTest, ATakenPortBecomesAnotherOneUnlessItMustBeThatOne) {
   exact.port = 8082;
   EXPECT_EQ(mapped(exact).external.port, 8082);
   EXPECT_TRUE(ports.rules.rbegin()->second.exact);
-  // Without a wish any port is that one.
-  exact = wish(83, 0);
-  exact.exact = true;
-  EXPECT_NE(mapped(exact).external.port, 0);
+}
+
+// Promise: While a host has an external port by NAT-PMP or PCP for TCP, no other host gets it by
+// them for UDP, nor the other way round.
+TEST_F(MappingTableTest, TheCompanionOfAPortIsKeptForItsClient) {
+  mapped(wish(80, 8080));
+  MappingTable::Wish udp = wish(81, 8080);
+  udp.target.protocol = IPPROTO_UDP;
+  udp.client = otherHost;
+  EXPECT_EQ(mapped(udp).external.port, 50000);
+  udp.target.port = 82;
+  udp.exact = true;
+  EXPECT_EQ(refused(udp), ResultCode::cannotProvideExternal);
+  udp.client = lanHost;
+  EXPECT_EQ(mapped(udp).external.port, 8080);
+  // It is kept until both are ended.
+  EXPECT_EQ(table.unmap(lanHost, {IPPROTO_TCP, 80}, nonce), ResultCode::success);
+  MappingTable::Wish tcp = wish(83, 8080);
+  tcp.client = otherHost;
+  EXPECT_NE(mapped(tcp).external.port, 8080);
+  EXPECT_EQ(table.unmap(lanHost, {IPPROTO_UDP, 82}, nonce), ResultCode::success);
+  tcp.target.port = 84;
+  EXPECT_EQ(mapped(tcp).external.port, 8080);
+  EXPECT_EQ(ports.rules.size(), table.size());
+}
+
+TEST_F(MappingTableTest, APortThatTheRouterChoseIsNoCompanionOfAnother) {
+  mapped(wish(80, 50000));
+  mapped(wish(81, 50001));
+  MappingTable::Wish udp = wish(82, 0);
+  udp.target.protocol = IPPROTO_UDP;
+  udp.client = otherHost;
+  EXPECT_EQ(mapped(udp).external.port, 50002);
+  // Those that did not fit are free again.
+  EXPECT_EQ(ports.rules.size(), 3U);
+  EXPECT_FALSE(ports.isOpen(IPPROTO_UDP, 50000) || ports.isOpen(IPPROTO_UDP, 50001));
+}
+
+TEST_F(MappingTableTest, ARouterThatHasOnlyUnfitPortsRefusesAndKeepsNone) {
+  for (uint16_t port = 50000; port < 50008; ++port) mapped(wish(port, port));
+  MappingTable::Wish udp = wish(82, 0);
+  udp.target.protocol = IPPROTO_UDP;
+  udp.client = otherHost;
+  EXPECT_EQ(refused(udp), ResultCode::noResources);
+  EXPECT_EQ(ports.rules.size(), 8U);
+}
+
+// Promise: The UDP ports 5350 and 5351, which NAT-PMP and PCP use themselves, are opened to no
+// host.
+TEST_F(MappingTableTest, ThePortsOfTheProtocolsThemselvesAreNotOpened) {
+  for (uint16_t port : {uint16_t{5350}, uint16_t{5351}}) {
+    MappingTable::Wish udp = wish(port, port);
+    udp.target.protocol = IPPROTO_UDP;
+    EXPECT_GE(mapped(udp).external.port, 50000);
+    udp.exact = true;
+    udp.target.port = 80;
+    EXPECT_EQ(refused(udp), ResultCode::cannotProvideExternal);
+    EXPECT_EQ(mapped(wish(port, port)).external.port, port);
+  }
+  MappingTable::Wish udp = wish(1, 5349);
+  udp.target.protocol = IPPROTO_UDP;
+  EXPECT_EQ(mapped(udp).external.port, 5349);
+  udp.target.port = 2;
+  udp.port = 5352;
+  EXPECT_EQ(mapped(udp).external.port, 5352);
 }
 
 TEST_F(MappingTableTest, ARequestThatComesAgainRenewsTheLease) {
@@ -103,8 +164,8 @@ TEST_F(MappingTableTest, ARequestThatComesAgainRenewsTheLease) {
   EXPECT_EQ(refused(exact), ResultCode::cannotProvideExternal);
 }
 
-// Promise: A port that is opened by NAT-PMP or PCP lasts for at least 120 seconds and at most 24
-// hours, then the client has to ask again.
+// Promise: A port that is opened by PCP lasts for at least 120 seconds, one by NAT-PMP never longer
+// than its client asked, and both at most 24 hours; then the client has to ask again.
 TEST_F(MappingTableTest, ALifetimeIsFrom120SecondsTo24Hours) {
   EXPECT_EQ(mapped(wish(80, 8080, 1)).lifetime, 120U);
   EXPECT_EQ(mapped(wish(80, 8080, 119)).lifetime, 120U);
@@ -113,6 +174,11 @@ TEST_F(MappingTableTest, ALifetimeIsFrom120SecondsTo24Hours) {
   EXPECT_EQ(mapped(wish(80, 8080, 86401)).lifetime, 86400U);
   EXPECT_EQ(mapped(wish(80, 8080, 0xffffffff)).lifetime, 86400U);
   EXPECT_EQ(rule().lifetime, 86400U);
+  MappingTable::Wish natPmp = wish(80, 8080, 1);
+  natPmp.noLonger = true;
+  EXPECT_EQ(mapped(natPmp).lifetime, 1U);
+  natPmp.lifetime = 86401;
+  EXPECT_EQ(mapped(natPmp).lifetime, 86400U);
 }
 
 TEST_F(MappingTableTest, OnlyTheNonceOfAMappingChangesIt) {
@@ -121,7 +187,7 @@ TEST_F(MappingTableTest, OnlyTheNonceOfAMappingChangesIt) {
   stranger.nonce = otherNonce;
   EXPECT_EQ(refused(stranger), ResultCode::notAuthorized);
   EXPECT_EQ(table.unmap(lanHost, {IPPROTO_TCP, 80}, otherNonce), ResultCode::notAuthorized);
-  table.unmapAll(lanHost, IPPROTO_TCP, otherNonce);
+  EXPECT_EQ(table.unmapAll(lanHost, IPPROTO_TCP, otherNonce), ResultCode::notAuthorized);
   EXPECT_EQ(table.size(), 1U);
   EXPECT_EQ(table.unmap(lanHost, {IPPROTO_TCP, 80}, nonce), ResultCode::success);
   EXPECT_EQ(table.size(), 0U);
@@ -141,7 +207,7 @@ TEST_F(MappingTableTest, AllOfAProtocolEndForOneClientOnly) {
   MappingTable::Wish other = wish(4, 1004);
   other.client = otherHost;
   mapped(other);
-  table.unmapAll(lanHost, IPPROTO_TCP, nonce);
+  EXPECT_EQ(table.unmapAll(lanHost, IPPROTO_TCP, nonce), ResultCode::success);
   EXPECT_EQ(table.size(), 2U);
   EXPECT_FALSE(ports.isOpen(IPPROTO_TCP, 1001) || ports.isOpen(IPPROTO_TCP, 1002));
   EXPECT_TRUE(ports.isOpen(IPPROTO_UDP, 1003) && ports.isOpen(IPPROTO_TCP, 1004));

@@ -63,7 +63,7 @@ TEST_F(ResponderTest, NatPmpMapsRenewsAndEnds) {
   EXPECT_EQ(ask("00 02 0000 0050 1f90 00001c20"), "00820000 00000000 00501f90 00001c20");
   EXPECT_TRUE(ports.isOpen(IPPROTO_TCP, 8080));
   // Another host gets another port.
-  EXPECT_EQ(ask("00 02 0000 0050 1f90 00001c20", otherHost), "00820000 00000000 00501f91 00001c20");
+  EXPECT_EQ(ask("00 02 0000 0050 1f90 00001c20", otherHost), "00820000 00000000 0050c350 00001c20");
   // UDP ports are others.
   EXPECT_EQ(ask("00 01 0000 0050 1f90 00001c20"), "00810000 00000000 00501f90 00001c20");
   // Renewed.
@@ -83,10 +83,39 @@ TEST_F(ResponderTest, NatPmpEndsAllOfAProtocol) {
   EXPECT_TRUE(ports.isOpen(IPPROTO_UDP, 8081));
 }
 
+// RFC 6886 section 3.4.
+TEST_F(ResponderTest, NatPmpEndsAllThatItCanAndSaysThatSomeAreLeft) {
+  EXPECT_EQ(outcome(map), "0 for 3600");
+  (void)ask("00 02 0000 0051 1f91 00001c20");
+  EXPECT_EQ(ask("00 02 0000 0000 0000 00000000"), "00820002 00000000 00000000 00000000");
+  EXPECT_EQ(table.size(), 1U);
+  EXPECT_TRUE(ports.isOpen(IPPROTO_TCP, 8080));
+}
+
+// RFC 6886 section 3.4: the wished port of an end is ignored, also when all end.
+TEST_F(ResponderTest, NatPmpEndsWhateverPortIsWished) {
+  (void)ask("00 02 0000 0050 1f90 00001c20");
+  EXPECT_EQ(ask("00 02 0000 0050 ffff 00000000"), "00820000 00000000 00500000 00000000");
+  EXPECT_TRUE(ports.rules.empty());
+  // What is not there has ended.
+  EXPECT_EQ(ask("00 02 0000 0050 0000 00000000"), "00820000 00000000 00500000 00000000");
+  (void)ask("00 02 0000 0050 1f90 00001c20");
+  EXPECT_EQ(ask("00 02 0000 0000 ffff 00000000"), "00820000 00000000 00000000 00000000");
+  EXPECT_TRUE(ports.rules.empty());
+}
+
+// RFC 6886 section 3.3: not longer than it was asked for, and 7200 seconds are recommended.
+TEST_F(ResponderTest, NatPmpOffersNoLongerLifetimeThanTheClientAskedFor) {
+  EXPECT_EQ(ask("00 02 0000 0050 1f90 00000001"), "00820000 00000000 00501f90 00000001");
+  EXPECT_EQ(ask("00 02 0000 0051 1f91 00001c20"), "00820000 00000000 00511f91 00001c20");
+  EXPECT_EQ(ask("00 02 0000 0052 1f92 ffffffff"), "00820000 00000000 00521f92 00015180");
+}
+
 TEST_F(ResponderTest, NatPmpRefusesWithItsOwnResults) {
   // Port 0 is none.
   EXPECT_EQ(ask("00 02 0000 0000 1f90 00001c20"), "00820002 00000000 00000000 00000000");
   EXPECT_EQ(ask("00 03"), "00830005 00000000");
+  EXPECT_EQ(ask("00 03 0000 0050 1f90 00001c20"), "00830005 00000000 00001c20");
   ports.failure = Ports::Failure::forbidden;
   EXPECT_EQ(ask("00 02 0000 0050 1f90 00001c20"), "00820002 00000000 00500000 00000000");
   ports.failure = Ports::Failure::full;
@@ -140,13 +169,16 @@ TEST_F(ResponderTest, WhatHasNoPortsIsUnsupported) {
                              "06 000000 0000 0000 ",     // all ports of TCP
                              "84 000000 0050 1f90 "}) {  // SCTP
     EXPECT_EQ(outcome(header + nonce + target + anyAddress), "9 for 1800") << target;
+    // It cannot be, so it has ended (RFC 6887 section 15.1).
+    EXPECT_EQ(outcome("02 01 0000 00000000" + (header + nonce + target + anyAddress).substr(19)),
+              "0 for 0");
   }
 }
 
 TEST_F(ResponderTest, WithAnotherNonceAClientWaitsForTheEndOfTheMapping) {
   EXPECT_EQ(outcome(map), "0 for 3600");
   const std::string other = header + "00000000 00000000 00000001 " + tcp80 + anyAddress;
-  EXPECT_EQ(outcome(other), "2 for 1800");
+  EXPECT_EQ(outcome(other), "2 for 3600");
   clock.advance(3000s);
   EXPECT_EQ(outcome(other), "2 for 600");
   // NAT-PMP has no nonce, and so cannot end it either.
@@ -195,7 +227,7 @@ TEST_F(ResponderTest, OnlyAgentsAskForOthers) {
   const std::string forOther = map + "01 00 0010 00000000 00000000 0000ffff c0a8580b";
   EXPECT_EQ(outcome(forOther), "5 for 1800");
   agents = {otherHost};
-  EXPECT_EQ(outcome(forOther), "2 for 1800");
+  EXPECT_EQ(outcome(forOther), "5 for 1800");
   EXPECT_TRUE(ports.rules.empty());
   agents = {lanHost};
   EXPECT_EQ(outcome(forOther), "0 for 3600");
