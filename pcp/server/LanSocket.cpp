@@ -133,8 +133,9 @@ bool LanSocket::answerOne(int fd) {
   return true;
 }
 
+// A host takes it from the address that it asks only (RFC 6886 section 3.2.1).
 void LanSocket::announce(std::span<const uint8_t> datagram) {
-  send(datagram, allHosts, place_.addresses.front());
+  for (const lumen::Ipv4Address& own : place_.addresses) send(datagram, allHosts, own);
 }
 
 // Hosts ask again for what is lost on the way.

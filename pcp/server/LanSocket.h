@@ -38,7 +38,7 @@ class LanSocket {
     place_.addresses = std::move(addresses);
   }
 
-  /// Sends a datagram to all hosts, 224.0.0.1 port 5350.
+  /// Sends a datagram to all hosts, 224.0.0.1 port 5350, from each address of the place.
   void announce(std::span<const uint8_t> datagram);
 
  private:

@@ -115,6 +115,7 @@ void Service::init() {
 void Service::start() {
   if (std::exchange(started_, true)) return;
   epoch_.restart();
+  announcements_.begin();
   for (const Topic& topic : topics()) subscribe(topic.command, topic.path);
   readSides();
 }
@@ -182,18 +183,18 @@ void Service::readSides() {
   }
   Sides sides = sidesOf(*interfaces, *addresses, table_.external());
   listeners_.listenAt(std::move(sides.internal));
-  if (sides.external == table_.external()) return;
-  // The mappings of the address before are lost.
-  if (table_.external()) epoch_.restart();
-  table_.setExternal(sides.external);
-  announcements_.stop();
-  if (sides.external) announcements_.begin();
+  if (sides.external != table_.external()) {
+    // RFC 6887 section 8.5: with another address, or none, all mappings are lost.
+    epoch_.restart();
+    table_.setExternal(sides.external);
+    announcements_.begin();
+  }
   announceDue();
 }
 
 void Service::announceDue() {
   if (announcements_.take()) {
-    if (const auto address = responder_.natPmpAnnouncement()) listeners_.announce(*address);
+    listeners_.announce(responder_.natPmpAnnouncement());
     listeners_.announce(responder_.pcpAnnouncement());
   }
   announce_.stop();

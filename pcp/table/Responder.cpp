@@ -181,8 +181,7 @@ Responder::Carried Responder::map(const Request& request, lumen::Ipv4Address cli
   return carried;
 }
 
-Responder::Answer Responder::natPmpAnnouncement() const {
-  if (!table_.external()) return std::nullopt;
+std::vector<uint8_t> Responder::natPmpAnnouncement() const {
   return write(answer(natpmp::AddressRequest()));
 }
 

@@ -26,8 +26,8 @@ class Responder {
   /// The answer to what `source` sent; none: it gets none.
   [[nodiscard]] Answer answer(std::span<const uint8_t> datagram, lumen::Ipv4Address source);
 
-  /// The announcement of NAT-PMP: the external address. None without one.
-  [[nodiscard]] Answer natPmpAnnouncement() const;
+  /// The announcement of NAT-PMP: the external address, or that there is none.
+  [[nodiscard]] std::vector<uint8_t> natPmpAnnouncement() const;
   /// The announcement of PCP.
   [[nodiscard]] std::vector<uint8_t> pcpAnnouncement() const;
 

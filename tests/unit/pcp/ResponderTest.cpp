@@ -240,12 +240,12 @@ TEST_F(ResponderTest, OnlyAgentsAskForOthers) {
 TEST_F(ResponderTest, WithoutAnExternalAddressPcpSaysSo) {
   table.setExternal(std::nullopt);
   EXPECT_EQ(outcome(map), "7 for 30");
-  EXPECT_EQ(responder.natPmpAnnouncement(), std::nullopt);
+  EXPECT_EQ(hex(responder.natPmpAnnouncement()), "00800003 00000000 00000000");
 }
 
 TEST_F(ResponderTest, AnnouncementsAreAnswersThatWereNotAskedFor) {
   clock.advance(2s);
-  EXPECT_EQ(hex(*responder.natPmpAnnouncement()), "00800000 00000002 2d2d2d02");
+  EXPECT_EQ(hex(responder.natPmpAnnouncement()), "00800000 00000002 2d2d2d02");
   EXPECT_EQ(hex(responder.pcpAnnouncement()),
             "02800000 00000000 00000002 00000000 00000000 00000000");
 }
