@@ -1,5 +1,6 @@
 """NAT-PMP as a program on the LAN speaks it: natpmpc, the platform and hosts on both sides."""
 
+import contextlib
 import os
 import pathlib
 import signal
@@ -7,8 +8,9 @@ import socket
 import struct
 import subprocess
 
-from support.network import (LAN_ADDRESS, WAN_ADDRESS, exchange_tcp, exchange_udp, tcp_refused,
-                             udp_refused)
+from support import pcp
+from support.network import (LAN_ADDRESS, LAN_BRIDGE, WAN_ADDRESS, WAN_LINK, exchange_tcp,
+                             exchange_udp, tcp_refused, udp_refused, wait_until)
 from support.router import PCP_USER
 from support.router_case import RouterCase
 
@@ -113,10 +115,10 @@ class NatPmpTest(RouterCase):
                                     socket.if_nametoindex(self.host.LINK))
             sock.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP, group)
             os.kill(self.router.service("pcp")["process"], signal.SIGKILL)
-            natpmp, pcp = sock.recv(100), sock.recv(100)
+            natpmp, announce = sock.recv(100), sock.recv(100)
         self.assertEqual(natpmp[:4], b"\0\x80\0\0")
         self.assertEqual(natpmp[8:], socket.inet_aton(WAN_ADDRESS))
-        self.assertEqual((pcp[:8], len(pcp)), (b"\2\x80\0\0\0\0\0\0", 24))
+        self.assertEqual((announce[:8], len(announce)), (b"\2\x80\0\0\0\0\0\0", 24))
 
     # Promise: A port that the administrator has closed is not opened again by NAT-PMP before its
     # lease is over.
@@ -125,3 +127,117 @@ class NatPmpTest(RouterCase):
         self.router.lumenctl("nat", "close", "8080/tcp")
         self.assertRaises(AssertionError, self.natpmpc, "-a", 8080, 80, "tcp", 600)
         self.assertTrue(tcp_refused(self.wan, WAN_ADDRESS, 8080, self.host, 80))
+
+
+class RouterEventTest(RouterCase):
+    """What hosts see of a router whose programs are killed and whose links and addresses change."""
+
+    def setUp(self):
+        super().setUp()
+        self.router.lumenctl("pcp", "on")
+        self.host = self.lan[0]
+        self.listener = self.host.namespace.socket(socket.SOCK_DGRAM)
+        self.addCleanup(self.listener.close)
+        self.listener.bind(("", 5350))
+        with self.host.namespace.entered():
+            group = struct.pack("4s4si", socket.inet_aton("224.0.0.1"), bytes(4),
+                                socket.if_nametoindex(self.host.LINK))
+        self.listener.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP, group)
+
+    def ask(self, request):
+        """The answer to a request, sent again until there is one, as clients do."""
+        with self.host.udp(to=(LAN_ADDRESS, 5351)) as sock:
+            sock.settimeout(0.25)
+
+            def answer():
+                with contextlib.suppress(OSError):
+                    sock.send(request)
+                    return sock.recv(1100)
+
+            return wait_until(answer, "the router answers")
+
+    def map(self, external=8080):
+        """Maps TCP port 80 by NAT-PMP; the result, the external port and the lifetime."""
+        result, port, lifetime = struct.unpack(
+            "!2xH6xHI", self.ask(pcp.natpmp_map(pcp.TCP, 80, external)))
+        return result, port, lifetime
+
+    def wait_for_age(self, seconds):
+        """Waits until the epoch is that old."""
+        wait_until(lambda: struct.unpack("!I", self.ask(b"\0\0")[4:8])[0] >= seconds,
+                   f"the epoch is {seconds} s old")
+
+    def forget_announcements(self):
+        self.listener.setblocking(False)
+        with contextlib.suppress(BlockingIOError):
+            while True:
+                self.listener.recv(100)
+
+    def hear(self, result, address):
+        """Waits for announcements of a new epoch in both languages."""
+        self.listener.settimeout(10)
+        natpmp = struct.pack("!BBHI", 0, 128, result, 0) + socket.inet_aton(address)
+        while self.listener.recv(100) != natpmp:
+            pass
+        # Version 2, response to ANNOUNCE, success, lifetime 0, epoch 0.
+        self.assertEqual(self.listener.recv(100), bytes([2, 128]) + bytes(22))
+
+    # Promise: When the platform is killed the kernel forgets every port of NAT-PMP and PCP; its next
+    # life begins a new epoch, which is announced, and hosts get their ports back.
+    def test_a_killed_platform_leaves_no_port_and_begins_a_new_epoch(self):
+        self.assertEqual(self.map(), (0, 8080, 3600))
+        self.wait_for_age(2)
+        self.forget_announcements()
+        self.router.kill()
+        self.assertEqual(self.router.kernel_map(), "")
+        self.assertTrue(tcp_refused(self.wan, WAN_ADDRESS, 8080, self.host, 80))
+        self.router.start()
+        self.hear(0, WAN_ADDRESS)
+        self.assertEqual(self.router.ports(), {})
+        self.assertEqual(self.map(), (0, 8080, 3600))
+        exchange_tcp(self.wan, WAN_ADDRESS, 8080, self.host, 80)
+
+    # Promise: A change of the external address ends the ports of NAT-PMP and PCP and begins a new
+    # epoch, which is announced with the new address.
+    def test_another_external_address_begins_a_new_epoch(self):
+        self.assertEqual(self.map(), (0, 8080, 3600))
+        self.wait_for_age(2)
+        self.forget_announcements()
+        new = "45.45.45.9"
+        self.network.router.ip("address", "add", f"{new}/24", "dev", WAN_LINK)
+        self.network.router.ip("address", "delete", f"{WAN_ADDRESS}/24", "dev", WAN_LINK)
+        self.hear(0, new)
+        self.assertEqual(self.router.ports(), {})
+        self.assertNotIn(f"{WAN_ADDRESS} . tcp", self.router.kernel_map())
+        self.assertEqual(self.map(), (0, 8080, 3600))
+        exchange_tcp(self.wan, new, 8080, self.host, 80)
+
+    # Promise: While the external link is down there is no external address: the loss and the return
+    # begin an epoch each.
+    def test_the_external_link_goes_and_returns(self):
+        self.assertEqual(self.map(), (0, 8080, 3600))
+        self.wait_for_age(2)
+        self.forget_announcements()
+        self.wan.namespace.ip("link", "set", "eth0", "down")
+        self.hear(3, "0.0.0.0")
+        self.assertEqual(self.router.ports(), {})
+        self.assertEqual(self.map(), (3, 0, 0))
+        self.wait_for_age(1)
+        self.wan.namespace.ip("link", "set", "eth0", "up")
+        self.hear(0, WAN_ADDRESS)
+        self.assertEqual(self.map(), (0, 8080, 3600))
+        exchange_tcp(self.wan, WAN_ADDRESS, 8080, self.host, 80)
+
+    # Promise: When an internal link goes and returns its hosts keep their ports, and no new epoch
+    # begins.
+    def test_ports_and_epoch_outlive_the_internal_link(self):
+        self.assertEqual(self.map(), (0, 8080, 3600))
+        self.wait_for_age(2)
+        served = lambda: self.router.ask("pcp", "status")["served"]
+        self.network.router.ip("link", "set", LAN_BRIDGE, "down")
+        wait_until(lambda: not served(), "the link is not served")
+        self.network.router.ip("link", "set", LAN_BRIDGE, "up")
+        wait_until(served, "the link is served again")
+        self.assertGreaterEqual(struct.unpack("!I", self.ask(b"\0\0")[4:8])[0], 2)
+        self.assertEqual(list(self.router.ports()), ["8080/tcp"])
+        exchange_tcp(self.wan, WAN_ADDRESS, 8080, self.host, 80)
