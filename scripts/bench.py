@@ -13,7 +13,7 @@ from support.router import CommandFailed
 
 HEAD = (
     "                                              waits, µs          processor time, µs",
-    "                                            median      99%  gateway   lumend     bare  ratio")
+    "                                            median      99%  program   lumend     bare  ratio")
 
 
 def row(figures):

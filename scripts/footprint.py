@@ -7,14 +7,16 @@ import os
 import pathlib
 import re
 import signal
+import socket
 import subprocess
 import sys
 import tempfile
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests"))
 
+from support import pcp
 from support.name_server import NameServer
-from support.network import Network, SoapError, wait_until
+from support.network import LAN_ADDRESS, Network, SoapError, wait_until
 from support.processes import is_asleep, memory, wait_until_at_rest
 from support.router import CommandFailed, Router
 from support.subscriber import Subscriber
@@ -23,6 +25,8 @@ from support.subscriber import Subscriber
 MEASURED = pathlib.Path(os.environ["PALINODE_MEASURED"]).resolve()
 NAMES = ("palinode-igd", "palinode-pcp", "lumend", "lumen-resolver", "lumen-web", "lumenctl")
 PORTS = range(20000, 21000)
+# By NAT-PMP a host has at most 64.
+PORTS_PER_HOST = 60
 KB, KIB = 1000, 1024
 
 WAITS = "#include <unistd.h>\nint main(void) { return pause(); }\n"
@@ -35,7 +39,8 @@ FIGURES = {"resident": ("Rss",), "own": ("Private_Clean", "Private_Dirty"),
 COLUMN = 9
 MEANING = ("In kB of 1,000 bytes, without symbols.",
            "In kB of 1,000 bytes. On disk: without symbols. Resident: the memory in use; own: what of"
-           "\nit no other process shares; dirty: what of that is in no file, and so cannot be dropped.")
+           "\nit no other process shares; dirty: what of that is in no file, and so cannot be dropped."
+           "\nThe ports of palinode-pcp are opened by NAT-PMP, those of the others by UPnP.")
 
 
 def stripped_size(program, strip):
@@ -79,6 +84,22 @@ def measure_references():
     return rows
 
 
+def ask_natpmp(host, lifetime):
+    """Lets hosts map all ports by NAT-PMP, or end them with lifetime 0."""
+    for number, port in enumerate(PORTS):
+        if number % PORTS_PER_HOST == 0:
+            address = f"192.168.88.{128 + number // PORTS_PER_HOST}"
+            if lifetime:
+                host.namespace.ip("address", "add", f"{address}/24", "dev", host.LINK)
+            sock = host.namespace.socket(socket.SOCK_DGRAM)
+            sock.settimeout(10)
+            sock.bind((address, 0))
+            sock.connect((LAN_ADDRESS, pcp.PORT))
+        sock.send(pcp.natpmp_map(pcp.TCP, port, port, lifetime))
+        if (answer := sock.recv(100))[2:4] != b"\0\0":
+            raise AssertionError(f"NAT-PMP: result {answer[3]}")
+
+
 def measure_router(rows):
     """Adds the memory of a router's programs to their rows."""
     with Network() as network, Router(network) as router, NameServer(network.wan) as server, \
@@ -95,23 +116,29 @@ def measure_router(rows):
         subscriber.event()
         subscriber.unsubscribe()
 
-        def look(state):
-            pids = {"lumend": router.lumend.pid, "palinode-igd": router.gateway_pid(),
-                    "palinode-pcp": router.service("pcp")["process"],
-                    "lumen-resolver": router.service("resolver")["process"]}
+        pids = {"lumend": router.lumend.pid, "palinode-igd": router.gateway_pid(),
+                "palinode-pcp": router.service("pcp")["process"],
+                "lumen-resolver": router.service("resolver")["process"]}
+
+        def look(state, names):
             # A second after a change lumend tidies up.
             wait_until_at_rest(pids.values(), seconds=2.0)
-            for name in pids.keys() & rows.keys():
+            for name in names & rows.keys():
                 rows[name][state] = figures(pids[name])
 
         router.lumenctl("nat", "policy", "set", f"max-rules-per-client={len(PORTS)}")
-        look(STATES[0])
+        look(STATES[0], pids.keys())
+        by_natpmp = {"palinode-pcp"}
         for port in PORTS:
             host.open_port(port, "TCP", control=control)
-        look(STATES[1])
+        look(STATES[1], pids.keys() - by_natpmp)
         for port in PORTS:
             host.close_port(port, "TCP", control=control)
-        look(STATES[2])
+        look(STATES[2], pids.keys() - by_natpmp)
+        ask_natpmp(host, 3600)
+        look(STATES[1], by_natpmp)
+        ask_natpmp(host, 0)
+        look(STATES[2], by_natpmp)
 
 
 def table(rows):

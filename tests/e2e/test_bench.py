@@ -11,7 +11,8 @@ import xml.etree.ElementTree
 from support.router import PROGRAMS, TOP
 
 REQUESTS = ("description", "GetExternalIPAddress", "AddPortMapping", "DeletePortMapping",
-            "GetGenericPortMappingEntry")
+            "GetGenericPortMappingEntry", "NAT-PMP, address", "NAT-PMP, map", "NAT-PMP, renew",
+            "NAT-PMP, end")
 ROWS = {("start to first answer", ""), ("search, one target", ""), ("search, all targets", ""),
         *(("change told to", subscribers) for subscribers in (1, 10, 100)),
         *((kind, ports) for kind in REQUESTS for ports in (10, 100, 1000))}
@@ -53,10 +54,12 @@ class BenchTest(unittest.TestCase):
                     self.assertGreater(row["bare_us"], 0)
                     self.assertGreater(row["bare_median_us"], 0)
                     self.assertGreater(row["ratio"], 0)
-                if kind in ("AddPortMapping", "DeletePortMapping"):
+                if kind in ("AddPortMapping", "DeletePortMapping", "NAT-PMP, map",
+                            "NAT-PMP, renew", "NAT-PMP, end"):
                     self.assertGreater(row["lumend_us"], 0)
             self.assertEqual({(each["program"], each["ports"]) for each in build["memory"]},
-                             {(program, ports) for program in ("palinode-igd", "lumend")
+                             {(program, ports)
+                              for program in ("palinode-igd", "palinode-pcp", "lumend")
                               for ports in (0, 10, 100, 1000)})
             for each in build["memory"]:
                 self.assertGreater(each["resident"], each["own"])

@@ -13,7 +13,7 @@ import subprocess
 import tempfile
 import time
 
-from support import lm
+from support import lm, pcp
 from support.attacks import CROWD, CROWD_NETWORK, subscription
 from support.lan import HTTP_PORT, SSDP_GROUP, SSDP_PORT, search_request
 from support.network import (CONNECTION_SERVICE, DESCRIPTION, LAN_ADDRESS, Network, wait_until)
@@ -58,7 +58,7 @@ class Figures:
         self.size = size  # how many ports are open, or how many are notified
         self.unit = unit
         self.waits = []
-        self.gateway = []
+        self.gateway = []  # or the program that answers NAT-PMP
         self.lumend = []
         self.bare_waits = []
         self.bare = []
@@ -146,10 +146,12 @@ class Bench(contextlib.ExitStack):
             self.control = self.host.connection_control()
             self.events = self.host.connection_events()
             self.gateway = self.router.gateway_pid()
+            self.router.lumenctl("pcp", "on")
+            self.pcp = self.router.service("pcp")["process"]
             self.lumend = self.router.lumend.pid
             self.bare = self._start_bare(undo, BARE_PORT)
             self.bare_datagrams = self._start_bare(undo, BARE_DATAGRAM_PORT, "--datagrams")
-            for pid in (self.lumend, self.gateway, self.bare, self.bare_datagrams):
+            for pid in (self.lumend, self.gateway, self.pcp, self.bare, self.bare_datagrams):
                 run_undisturbed(pid, processor)
             self._meet_the_crowd()
             self.open = 0
@@ -210,6 +212,17 @@ class Bench(contextlib.ExitStack):
                 ("GetGenericPortMappingEntry", [self.listing() for _ in count])):
             self._measure(self.results.of(kind, self.open, "ports"), texts)
 
+    def measure_natpmp(self, requests):
+        """One round of each kind of request in NAT-PMP, with the ports that are open."""
+        mapped = [pcp.natpmp_map(pcp.TCP, 5000 + number) for number in range(requests)]
+        ended = [pcp.natpmp_map(pcp.TCP, 5000 + number, lifetime=0) for number in range(requests)]
+        for kind, texts in (("NAT-PMP, address", [b"\0\0"] * requests),
+                            ("NAT-PMP, map", mapped), ("NAT-PMP, renew", mapped),
+                            ("NAT-PMP, end", ended)):
+            self._measure(self.results.of(kind, self.open, "ports"), texts, count=1,
+                          options=("--datagrams", CROWD[0], len(CROWD)),
+                          where=(LAN_ADDRESS, pcp.PORT), program=self.pcp)
+
     def measure_searches(self, requests):
         """One round of searches for one target and for all of them."""
         replies = len(self.lan.search(search_request()))
@@ -265,16 +278,19 @@ class Bench(contextlib.ExitStack):
                 raise AssertionError(f"the gateway does not start: {reply.error()}")
 
     def note_memory(self):
-        for program, pid in (("palinode-igd", self.gateway), ("lumend", self.lumend)):
+        for program, pid in (("palinode-igd", self.gateway), ("palinode-pcp", self.pcp),
+                             ("lumend", self.lumend)):
             self.results.memory.append(Memory(program, self.open, *memory(pid)))
 
     def _measure(self, figures, requests, count=0, options=(), where=(LAN_ADDRESS, HTTP_PORT),
-                 listen_port=None):
-        """One round: the requests to the gateway, then as many to the bare server."""
+                 listen_port=None, program=None):
+        """One round: the requests to the gateway, or to the other `program`, then as many to the bare
+        server."""
         counts = [count] * len(requests)
-        before = processor_time(self.gateway), processor_time(self.lumend)
+        program = program or self.gateway
+        before = processor_time(program), processor_time(self.lumend)
         answers = self._ask(requests, counts, options, where, listen_port)
-        after = processor_time(self.gateway), processor_time(self.lumend)
+        after = processor_time(program), processor_time(self.lumend)
         figures.waits += [answer.wait for answer in answers]
         for values, begin, end in zip((figures.gateway, figures.lumend), before, after):
             values.append((end - begin) / 1000 / len(requests))
@@ -391,3 +407,4 @@ def measure(results, plan, say=lambda line: None):
         for _ in range(plan.rounds):
             for bench in benches:
                 bench.measure_requests(plan.requests)
+                bench.measure_natpmp(plan.requests)
