@@ -100,8 +100,9 @@ class RaceTest(RouterCase):
         self.assertEqual(wrong, [])
         return got
 
-    # Promise: When hosts want the same port at once by UPnP, NAT-PMP and PCP, one of them gets it,
-    # the others are told so in their own words, and the kernel has what the lists say.
+    # Promise [pcp-race]: When hosts want the same port at once by UPnP, NAT-PMP and PCP, one of
+    # them gets it, the others are told so in their own words, and the kernel has what the lists
+    # say.
     def test_one_of_three_languages_gets_the_port(self):
         clients = {"upnp": self.lan[0].address, "natpmp": self.lan[1].address, "pcp": PCP_ADDRESS}
         won = dict.fromkeys(clients, 0)

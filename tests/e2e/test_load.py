@@ -87,7 +87,7 @@ class NatPmpLoadTest(RouterCase):
         self.assertEqual(answer[2:4], b"\0\0")
         return wait
 
-    # Promise: Beside 10,000 mappings a request of NAT-PMP is answered within a
+    # Promise [pcp-speed]: Beside 10,000 mappings a request of NAT-PMP is answered within a
     # millisecond.
     def test_a_request_is_answered_within_a_millisecond_beside_ten_thousand_mappings(self):
         askers = [self.asker(address) for address in self.HOSTS]

@@ -69,8 +69,8 @@ class NatPmpTest(RouterCase):
                          r"Mapped public port (?!8080 )\d+ protocol TCP to local port 80")
         self.assertEqual(len(self.router.ports()), 2)
 
-    # Promise: A BitTorrent program opens its ports by PCP where UPnP is off, is reached from the
-    # Internet, and closes them when it ends.
+    # Promise [pcp-libtorrent]: A BitTorrent program opens its ports by PCP where UPnP is off, is
+    # reached from the Internet, and closes them when it ends.
     def test_a_bittorrent_program_opens_and_closes_its_ports(self):
         self.router.lumenctl("upnp", "settings", "set", "enabled=off")
         client = self.host.namespace.popen(LIBTORRENT, "6889", stdin=subprocess.PIPE,
@@ -85,8 +85,8 @@ class NatPmpTest(RouterCase):
         self.assertEqual(client.returncode, 0)
         self.wait_until(lambda: self.router.ports() == {}, "both ports are closed")
 
-    # Promise: When the program that speaks NAT-PMP is killed, its ports are closed and its next life
-    # begins a new epoch, so that programs ask again.
+    # Promise [pcp-killed]: When the program that speaks NAT-PMP is killed, its ports are closed and
+    # its next life begins a new epoch, so that programs ask again.
     def test_a_killed_program_leaves_no_port_and_begins_a_new_epoch(self):
         self.natpmpc("-a", 8080, 80, "tcp", 600)
         self.wait_until(lambda: self.epoch() >= 2, "the epoch is two seconds old")
@@ -182,8 +182,9 @@ class RouterEventTest(RouterCase):
         # Version 2, response to ANNOUNCE, success, lifetime 0, epoch 0.
         self.assertEqual(self.listener.recv(100), bytes([2, 128]) + bytes(22))
 
-    # Promise: When the platform is killed the kernel forgets every port of NAT-PMP and PCP; its next
-    # life begins a new epoch, which is announced, and hosts get their ports back.
+    # Promise [pcp-platform-killed]: When the platform is killed the kernel forgets every port of
+    # NAT-PMP and PCP; its next life begins a new epoch, which is announced, and hosts get their
+    # ports back.
     def test_a_killed_platform_leaves_no_port_and_begins_a_new_epoch(self):
         self.assertEqual(self.map(), (0, 8080, 3600))
         self.wait_for_age(2)
@@ -197,8 +198,8 @@ class RouterEventTest(RouterCase):
         self.assertEqual(self.map(), (0, 8080, 3600))
         exchange_tcp(self.wan, WAN_ADDRESS, 8080, self.host, 80)
 
-    # Promise: A change of the external address ends the ports of NAT-PMP and PCP and begins a new
-    # epoch, which is announced with the new address.
+    # Promise [pcp-moved]: A change of the external address ends the ports of NAT-PMP and PCP and
+    # begins a new epoch, which is announced with the new address.
     def test_another_external_address_begins_a_new_epoch(self):
         self.assertEqual(self.map(), (0, 8080, 3600))
         self.wait_for_age(2)
@@ -228,8 +229,8 @@ class RouterEventTest(RouterCase):
         self.assertEqual(self.map(), (0, 8080, 3600))
         exchange_tcp(self.wan, WAN_ADDRESS, 8080, self.host, 80)
 
-    # Promise: When an internal link goes and returns its hosts keep their ports, and no new epoch
-    # begins.
+    # Promise [pcp-lan-link]: When an internal link goes and returns its hosts keep their ports, and
+    # no new epoch begins.
     def test_ports_and_epoch_outlive_the_internal_link(self):
         self.assertEqual(self.map(), (0, 8080, 3600))
         self.wait_for_age(2)

@@ -66,8 +66,8 @@ class ClientCase(RouterCase):
 class TransmissionTest(ClientCase):
     PROGRAM, PACKAGE = "transmission-cli", "transmission-cli"
 
-    # Promise: Transmission opens its port by NAT-PMP where UPnP is off, is reached from the
-    # Internet, and closes it when it ends.
+    # Promise [pcp-transmission]: Transmission opens its port by NAT-PMP where UPnP is off, is
+    # reached from the Internet, and closes it when it ends.
     def test_transmission_opens_its_port_is_reached_and_closes_it(self):
         info = {b"length": 16384, b"name": b"file", b"piece length": 16384,
                 b"pieces": hashlib.sha1(bytes(16384)).digest()}
@@ -113,8 +113,9 @@ class SyncthingTest(ClientCase):
             xml.etree.ElementTree.SubElement(options, name).text = text
         tree.write(path)
 
-    # Promise: Syncthing opens its port by NAT-PMP where UPnP is off, is reached from the Internet
-    # and renews its lease before it ends; when its host vanishes, the port closes with the lease.
+    # Promise [pcp-syncthing]: Syncthing opens its port by NAT-PMP where UPnP is off, is reached
+    # from the Internet and renews its lease before it ends; when its host vanishes, the port closes
+    # with the lease.
     def test_syncthing_opens_and_renews_its_port_which_ends_with_its_lease(self):
         self.configure()
         self.host.namespace.ip("link", "set", "lo", "up")

@@ -92,7 +92,7 @@ class PcpCase(GatewayCase):
 
 
 class NatPmpTest(PcpCase):
-    # Promise: A program on the LAN opens, renews and closes ports with NAT-PMP.
+    # Promise [natpmp-ports]: A program on the LAN opens, renews and closes ports with NAT-PMP.
     def test_a_port_is_opened_renewed_and_closed(self):
         self.serve()
         # Version 0, opcode 128 + 0, success, epoch below 5 seconds, the external address.
@@ -138,7 +138,7 @@ class NatPmpTest(PcpCase):
 
 
 class PcpTest(PcpCase):
-    # Promise: A program on the LAN opens and closes ports with PCP.
+    # Promise [pcp-ports]: A program on the LAN opens and closes ports with PCP.
     def test_a_port_is_opened_and_closed(self):
         self.serve()
         answer = self.ask(pcp_map(UDP, 5000, 5001))
@@ -201,7 +201,8 @@ class ServingTest(PcpCase):
             self.fail("the second address is not served")
         self.ask(b"\0\0")
 
-    # Promise: NAT-PMP and PCP are answered at addresses of internal interfaces only.
+    # Promise [pcp-addresses]: NAT-PMP and PCP are answered at addresses of internal interfaces
+    # only.
     def test_an_address_that_is_not_of_the_interface_is_not_answered(self):
         self.router.link("wan0", self.make_namespace(), "eth0")
         self.router.ip("addr", "add", f"{WAN_ADDRESS}/24", "dev", "wan0")
@@ -299,8 +300,8 @@ class AnnouncementTest(PcpCase):
         self.assertEqual(pcp[8:12], natpmp[4:8])
         return struct.unpack("!I", natpmp[4:8])[0], socket.inet_ntoa(natpmp[8:])
 
-    # Promise: The start of the program and each change of the external address are announced to the
-    # LAN in both languages, with the new epoch.
+    # Promise [pcp-announced]: The start of the program and each change of the external address are
+    # announced to the LAN in both languages, with the new epoch.
     def test_the_start_and_a_change_of_the_address_are_announced(self):
         sock = self.listen()
         begin = time.monotonic()
@@ -340,8 +341,8 @@ class AnnouncementTest(PcpCase):
                 return found[1]
         self.fail(f"{external} is not announced")
 
-    # Promise: A router without an external address says so: NAT-PMP's result is 3, PCP's code 7, and
-    # its announcements are NETWORK FAILURE.
+    # Promise [pcp-no-address]: A router without an external address says so: NAT-PMP's result is 3,
+    # PCP's code 7, and its announcements are NETWORK FAILURE.
     def test_without_an_external_address_the_start_is_announced_and_nothing_opened(self):
         self.platform.addresses.pop(WAN_ADDRESS_ID)
         sock = self.listen()
@@ -351,8 +352,8 @@ class AnnouncementTest(PcpCase):
         self.assertEqual(self.ask(natpmp_map(TCP, 80))[2:4], b"\0\3")
         self.assertEqual(self.code(pcp_map(TCP, 80)), 7)
 
-    # Promise: When the external address goes, its mappings are lost and a new epoch begins, which is
-    # announced; when an address comes, another epoch begins.
+    # Promise [pcp-no-link]: When the external address goes, its mappings are lost and a new epoch
+    # begins, which is announced; when an address comes, another epoch begins.
     def test_the_loss_and_the_return_of_the_address_begin_an_epoch_each(self):
         sock = self.listen()
         self.serve()
@@ -365,7 +366,8 @@ class AnnouncementTest(PcpCase):
         self.move_wan_address(WAN_ADDRESS)
         self.assertEqual(self.hears_next(sock, WAN_ADDRESS), 0)
 
-    # Promise: A router that has several addresses on the LAN announces from each of them.
+    # Promise [pcp-announcers]: A router that has several addresses on the LAN announces from each
+    # of them.
     def test_each_address_of_the_router_announces(self):
         self.router.ip("addr", "add", "192.168.88.2/24", "dev", "lan0")
         self.platform.addresses[20] = address(20, LAN, "192.168.88.2")
@@ -376,8 +378,8 @@ class AnnouncementTest(PcpCase):
 
 
 class FloodTest(PcpCase):
-    # Promise: A host that floods the router with requests does not keep another one from its answer
-    # for more than 50 ms.
+    # Promise [pcp-flood]: A host that floods the router with requests does not keep another one
+    # from its answer for more than 50 ms.
     def test_a_flood_of_one_host_delays_no_other(self):
         other = "192.168.88.11"
         self.lan.namespace.ip("addr", "add", f"{other}/24", "dev", "eth0")

@@ -33,8 +33,8 @@ class AnnouncementsTest : public testing::Test {
   Announcements announcements{clock};
 };
 
-// Promise: A change of the external address is announced to the LAN ten times, with pauses that
-// double from 250 ms on.
+// Promise [pcp-announcements]: A change of the external address is announced to the LAN ten times,
+// with pauses that double from 250 ms on.
 TEST_F(AnnouncementsTest, TenWithPausesThatDouble) {
   announcements.begin();
   EXPECT_EQ(allSent(),

@@ -24,8 +24,8 @@ class AnswerLimitTest : public testing::Test {
   AnswerLimit limit{clock};
 };
 
-// Promise: A host gets at most 128 answers of NAT-PMP and PCP at once and 64 in each further
-// second; what others get does not count.
+// Promise [pcp-answers]: A host gets at most 128 answers of NAT-PMP and PCP at once and 64 in each
+// further second; what others get does not count.
 TEST_F(AnswerLimitTest, AHostGets128AtOnceAnd64ASecond) {
   EXPECT_EQ(answered(lanHost, 1000), 128U);
   EXPECT_EQ(answered(otherHost, 1000), 128U);

@@ -71,8 +71,8 @@ TEST_F(MappingTableTest, AMappingIsAnOpenPort) {
   EXPECT_EQ(table.size(), 1U);
 }
 
-// Promise: A port that a client wishes and that is taken becomes another one, unless it wants that
-// port or none.
+// Promise [pcp-taken]: A port that a client wishes and that is taken becomes another one, unless it
+// wants that port or none.
 TEST_F(MappingTableTest, ATakenPortBecomesAnotherOneUnlessItMustBeThatOne) {
   mapped(wish(80, 8080));
   EXPECT_EQ(mapped(wish(81, 8080)).external.port, 8081);
@@ -84,8 +84,8 @@ TEST_F(MappingTableTest, ATakenPortBecomesAnotherOneUnlessItMustBeThatOne) {
   EXPECT_TRUE(ports.rules.rbegin()->second.exact);
 }
 
-// Promise: While a host has an external port by NAT-PMP or PCP for TCP, no other host gets it by
-// them for UDP, nor the other way round.
+// Promise [pcp-companion]: While a host has an external port by NAT-PMP or PCP for TCP, no other
+// host gets it by them for UDP, nor the other way round.
 TEST_F(MappingTableTest, TheCompanionOfAPortIsKeptForItsClient) {
   mapped(wish(80, 8080));
   MappingTable::Wish udp = wish(81, 8080);
@@ -129,8 +129,8 @@ TEST_F(MappingTableTest, ARouterThatHasOnlyUnfitPortsRefusesAndKeepsNone) {
   EXPECT_EQ(ports.rules.size(), 8U);
 }
 
-// Promise: The UDP ports 5350 and 5351, which NAT-PMP and PCP use themselves, are opened to no
-// host.
+// Promise [pcp-own-ports]: The UDP ports 5350 and 5351, which NAT-PMP and PCP use themselves, are
+// opened to no host.
 TEST_F(MappingTableTest, ThePortsOfTheProtocolsThemselvesAreNotOpened) {
   for (uint16_t port : {uint16_t{5350}, uint16_t{5351}}) {
     MappingTable::Wish udp = wish(port, port);
@@ -164,8 +164,9 @@ TEST_F(MappingTableTest, ARequestThatComesAgainRenewsTheLease) {
   EXPECT_EQ(refused(exact), ResultCode::cannotProvideExternal);
 }
 
-// Promise: A port that is opened by PCP lasts for at least 120 seconds, one by NAT-PMP never longer
-// than its client asked, and both at most 24 hours; then the client has to ask again.
+// Promise [pcp-lifetime]: A port that is opened by PCP lasts for at least 120 seconds, one by
+// NAT-PMP never longer than its client asked, and both at most 24 hours; then the client has to ask
+// again.
 TEST_F(MappingTableTest, ALifetimeIsFrom120SecondsTo24Hours) {
   EXPECT_EQ(mapped(wish(80, 8080, 1)).lifetime, 120U);
   EXPECT_EQ(mapped(wish(80, 8080, 119)).lifetime, 120U);
@@ -181,6 +182,7 @@ TEST_F(MappingTableTest, ALifetimeIsFrom120SecondsTo24Hours) {
   EXPECT_EQ(mapped(natPmp).lifetime, 86400U);
 }
 
+// Promise [pcp-nonce]: A mapping of PCP is changed and ended with its own nonce only.
 TEST_F(MappingTableTest, OnlyTheNonceOfAMappingChangesIt) {
   mapped(wish(80, 8080));
   MappingTable::Wish stranger = wish(80, 8080);
@@ -194,6 +196,7 @@ TEST_F(MappingTableTest, OnlyTheNonceOfAMappingChangesIt) {
   EXPECT_TRUE(ports.rules.empty());
 }
 
+// Promise [pcp-end]: To end a mapping that does not exist succeeds.
 TEST_F(MappingTableTest, WhatIsNotThereIsEndedWithSuccess) {
   EXPECT_EQ(table.unmap(lanHost, {IPPROTO_TCP, 80}, nonce), ResultCode::success);
 }
@@ -224,7 +227,8 @@ TEST_F(MappingTableTest, WhatTheRouterClosedIsForgotten) {
   EXPECT_EQ(mapped(wish(80, 8080)).external.port, 8080);
 }
 
-// Promise: What the administrator closes its client cannot open before its lease is over.
+// Promise [pcp-closed]: What the administrator closes its client cannot open before its lease is
+// over.
 TEST_F(MappingTableTest, AClosedPortIsNotOpenedBeforeItsLeaseIsOver) {
   mapped(wish(80, 8080, 600));
   table.closed(ports.rules.begin()->first);
@@ -248,8 +252,8 @@ TEST_F(MappingTableTest, ARenewalThatComesTooLateOpensThePortAgain) {
   EXPECT_EQ(table.size(), 1U);
 }
 
-// Promise: A host has at most 64 ports by NAT-PMP and PCP together; what others have does not
-// count.
+// Promise [pcp-quota]: A host has at most 64 ports by NAT-PMP and PCP together; what others have
+// does not count.
 TEST_F(MappingTableTest, AHostHasAtMost64Ports) {
   for (uint16_t port = 1; port <= 64; ++port) mapped(wish(port, 0));
   EXPECT_EQ(refused(wish(65, 0)), ResultCode::userExceededQuota);

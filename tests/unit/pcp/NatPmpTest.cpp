@@ -61,7 +61,7 @@ struct Row {
 
 class NoNatPmpRequest : public testing::TestWithParam<Row> {};
 
-// Promise: Responses and NAT-PMP requests of a wrong length are not answered.
+// Promise [natpmp-length]: Responses and NAT-PMP requests of a wrong length are not answered.
 TEST_P(NoNatPmpRequest, IsNotAnswered) { EXPECT_FALSE(parseRequest(bytes(GetParam().hex))); }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -96,7 +96,7 @@ TEST(NatPmpResponseTest, ARequestOfAnUnknownOpcodeComesBackWithResultFive) {
   EXPECT_EQ(hex(writeUnsupported(bytes("00 03 abcd 01020304 162e"), 5)), "00830005 00000005 162e");
 }
 
-// Promise: NAT-PMP answers have the result codes 0 to 5 of RFC 6886.
+// Promise [natpmp-results]: NAT-PMP answers have the result codes 0 to 5 of RFC 6886.
 TEST(NatPmpResponseTest, EveryResultHasItsNumber) {
   const Result results[] = {Result::success,        Result::unsupportedVersion,
                             Result::notAuthorized,  Result::networkFailure,

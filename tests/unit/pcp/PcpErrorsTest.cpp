@@ -34,8 +34,8 @@ struct Row {
 
 class RefusedPcpRequest : public testing::TestWithParam<Row> {};
 
-// Promise: A PCP request that the server cannot carry out is answered with the result code of RFC
-// 6887 for its fault.
+// Promise [pcp-codes]: A PCP request that the server cannot carry out is answered with the result
+// code of RFC 6887 for its fault.
 TEST_P(RefusedPcpRequest, IsAnsweredWithItsError) {
   const auto parsed = parseRequest(bytes(GetParam().hex));
   ASSERT_TRUE(parsed);
@@ -96,7 +96,8 @@ struct Silent {
 
 class NoPcpRequest : public testing::TestWithParam<Silent> {};
 
-// Promise: No response is answered, whatever it holds, so that two servers never answer each other.
+// Promise [pcp-silent]: No response is answered, whatever it holds, so that two servers never
+// answer each other, and no request of version 2 below 24 bytes.
 TEST_P(NoPcpRequest, IsNotAnswered) { EXPECT_FALSE(parseRequest(bytes(GetParam().hex))); }
 
 INSTANTIATE_TEST_SUITE_P(PcpRequestTest, NoPcpRequest,

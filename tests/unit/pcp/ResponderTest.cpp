@@ -83,7 +83,8 @@ TEST_F(ResponderTest, NatPmpEndsAllOfAProtocol) {
   EXPECT_TRUE(ports.isOpen(IPPROTO_UDP, 8081));
 }
 
-// RFC 6886 section 3.4.
+// Promise [natpmp-end-all]: A host that ends all its ports by NAT-PMP keeps those with a nonce of
+// PCP, and is told so by result 2 (RFC 6886 section 3.4).
 TEST_F(ResponderTest, NatPmpEndsAllThatItCanAndSaysThatSomeAreLeft) {
   EXPECT_EQ(outcome(map), "0 for 3600");
   (void)ask("00 02 0000 0051 1f91 00001c20");
@@ -151,8 +152,8 @@ TEST_F(ResponderTest, AnotherVersionIsAnsweredWithTheOneWeSpeak) {
   EXPECT_EQ(ask("ff 01 0000"), "02810001 00000708 00000000 00000000 00000000 00000000");
 }
 
-// Promise: A PCP client opens ports to its own address only: what names another one is answered
-// with ADDRESS_MISMATCH.
+// Promise [pcp-own-host]: A PCP client opens ports to its own address only: what names another one
+// is answered with ADDRESS_MISMATCH.
 TEST_F(ResponderTest, TheAddressInARequestIsThatOfItsSender) {
   EXPECT_EQ(outcome(map, otherHost), "12 for 1800");
   EXPECT_EQ(outcome("02 00 0000 00000000 00000000 00000000 0000ffff c0a8580a", otherHost),
@@ -222,7 +223,7 @@ TEST_F(ResponderTest, AFilterIsTheNetworkOfThePort) {
   EXPECT_EQ(ports.rules.begin()->second.remote, lumen::Ipv4Network({198, 51, 100, 0}, 24));
 }
 
-// Promise: Only a host that the administrator names may open ports to another one.
+// Promise [pcp-agents]: Only a host that the administrator names may open ports to another one.
 TEST_F(ResponderTest, OnlyAgentsAskForOthers) {
   const std::string forOther = map + "01 00 0010 00000000 00000000 0000ffff c0a8580b";
   EXPECT_EQ(outcome(forOther), "5 for 1800");

@@ -14,8 +14,8 @@ struct PcpTest : testing::Test {
   FakePlatform router;
 };
 
-// Promise: `pcp on`, `pcp off` and `pcp status` switch NAT-PMP and PCP and say where they are
-// answered, or why they are not.
+// Promise [pcp-switch]: `pcp on`, `pcp off` and `pcp status` switch NAT-PMP and PCP and say where
+// they are answered, or why they are not.
 TEST_F(PcpTest, IsSwitchedOnAndOff) {
   router.pcpIs(false, "br-lan br-guest");
   EXPECT_EQ(out({"pcp"}), "NAT-PMP and PCP are switched off.\n");
