@@ -1,85 +1,81 @@
 #include "fuzz/ForwardsMap.h"
 
-#include <charconv>
 #include <utility>
 
 #include "fuzz/Fuzz.h"
-#include "lumen/values/Ipv4.h"
 #include "services/nat/ElementCommand.h"
 
 namespace fuzz {
 
 namespace {
 
-bool isPort(std::string_view text) {
-  uint16_t port = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
-  return error == std::errc() && end == text.data() + text.size() && port != 0;
+void checkSet(const lumen::ElementSet& set) {
+  require(lumen::test::setText(set) == "ip lumen forwards", "the map is that of open ports");
 }
 
-void checkKey(std::string_view key) {
-  const std::string_view address = takeUpTo(key, " . ");
-  const std::string_view protocol = takeUpTo(key, " . ");
-  require(
-      lumen::Ipv4Address::parse(address) && (protocol == "tcp" || protocol == "udp") && isPort(key),
-      "a key is an address, a protocol and a port");
+bool isPort(const lumen::ElementPart& part) {
+  return (part[0] != std::byte{0} || part[1] != std::byte{0}) && part[2] == std::byte{0} &&
+         part[3] == std::byte{0};
 }
 
-void checkClient(std::string_view client) {
-  const std::string_view address = takeUpTo(client, " . ");
-  require(lumen::Ipv4Address::parse(address) && isPort(client),
-          "a client is an address and a port");
+void checkKey(const lumen::ElementParts& key) {
+  require(key.size() == 3 && isPort(key[2]), "a key is an address, a protocol and a port");
+  const lumen::ElementPart tcp = {std::byte{6}};
+  const lumen::ElementPart udp = {std::byte{17}};
+  require(key[1] == tcp || key[1] == udp, "the protocol is TCP or UDP");
 }
 
-std::string counterOf(const ForwardsMap::Element& element) {
-  return " counter packets " + std::to_string(element.packets) + " bytes " +
-         std::to_string(element.packets * 100);
+lumen::ElementCounter counterOf(const ForwardsMap::Element& element) {
+  return {.packets = element.packets, .bytes = element.packets * 100};
 }
 
-std::string textOf(const std::pair<const std::string, ForwardsMap::Element>& element) {
-  return element.first + counterOf(element.second) + " : " + element.second.client;
-}
-
-/// As nft prints it.
-std::string tableOf(const std::string& elements) {
-  const std::string list = elements.empty() ? "" : "\t\telements = { " + elements + " }\n";
-  return "table ip lumen {\n\tmap forwards {\n"
-         "\t\ttype ipv4_addr . inet_proto . inet_service : ipv4_addr . inet_service\n"
-         "\t\tcounter\n" +
-         list + "\t}\n}\n";
-}
-
-/// What is between `head` and " }", which must be all of `line`. None when it begins otherwise.
-std::optional<std::string_view> argumentOf(std::string_view line, std::string_view head) {
-  if (!line.starts_with(head)) return std::nullopt;
-  require(line.ends_with(" }"), "a command is complete");
-  line.remove_suffix(2);
-  return line.substr(head.size());
-}
+lumen::Failure refused() { return {"refused"}; }
 
 }  // namespace
 
-lumen::Result<std::string> ForwardsMap::run(const std::string& commands) {
-  if (commands == "list map ip lumen forwards") return text();
-  if (refuses()) return lumen::Failure{"Error: refused\nsecond line"};
-  if (const auto key = argumentOf(commands, "get element ip lumen forwards { ")) {
-    return get(std::string(*key));
-  }
-  removed_.reset();
-  for (std::string_view rest = commands; !rest.empty();) runLine(takeUpTo(rest, "\n"));
+lumen::Result<std::string> ForwardsMap::run(const std::string& /*commands*/) {
+  require(false, "elements are changed by messages");
   return std::string();
-}
-
-lumen::Result<void> ForwardsMap::changeElements(lumen::ElementChange change,
-                                                const lumen::ElementMap& map,
-                                                std::span<const lumen::MapElement> elements) {
-  const auto done = run(lumen::test::elementCommand(change, map, elements));
-  return done ? lumen::Result<void>() : done.failure();
 }
 
 lumen::Result<std::string> ForwardsMap::runFile(const std::string& /*path*/) {
   require(false, "the ruleset is loaded at the start only");
   return std::string();
+}
+
+lumen::Result<void> ForwardsMap::changeElements(std::span<const lumen::ElementChange> changes) {
+  if (refuses()) return refused();
+  removed_.reset();
+  for (const lumen::ElementChange& change : changes) {
+    checkSet(change.set);
+    for (const lumen::SetElement& element : change.elements) {
+      if (change.action == lumen::ElementAction::add) {
+        add(element);
+      } else {
+        remove(element);
+      }
+    }
+  }
+  return {};
+}
+
+lumen::Result<lumen::SetElement> ForwardsMap::readElement(const lumen::ElementSet& set,
+                                                          const lumen::ElementParts& key) {
+  if (refuses()) return refused();
+  checkSet(set);
+  checkKey(key);
+  const auto element = elements_.find(lumen::test::keyText(key));
+  require(element != elements_.end(), "what is not there is not looked for");
+  return lumen::SetElement{.key = key, .counter = counterOf(element->second)};
+}
+
+lumen::Result<void> ForwardsMap::readElements(const lumen::ElementSet& set,
+                                              const lumen::ElementVisitor& visit) {
+  checkSet(set);
+  for (const auto& [key, element] : elements_) {
+    visit({.key = keys_[key], .counter = counterOf(element)});
+  }
+  return {};
 }
 
 bool ForwardsMap::refuses() {
@@ -89,55 +85,26 @@ bool ForwardsMap::refuses() {
   return now;
 }
 
-void ForwardsMap::runLine(std::string_view line) {
-  if (const auto element = argumentOf(line, "add element ip lumen forwards { "))
-    return add(*element);
-  const auto keys = argumentOf(line, "delete element ip lumen forwards { ");
-  require(keys.has_value(), "commands are known");
-  remove(*keys);
-}
-
-void ForwardsMap::add(std::string_view element) {
-  std::string_view client = element;
-  std::string_view key = takeUpTo(client, " : ");
-  const size_t behind = key.find(" counter ");
-  const std::string counter(behind == std::string_view::npos ? "" : key.substr(behind));
-  key = key.substr(0, behind);
-  checkKey(key);
-  checkClient(client);
-  require(counter == (removed_ ? counterOf(*removed_) : ""), "what is changed keeps its counter");
+void ForwardsMap::add(const lumen::SetElement& element) {
+  checkKey(element.key);
+  require(element.data.size() == 2 && isPort(element.data[1]), "a client is an address and a port");
+  const auto kept = removed_ ? std::optional(counterOf(*removed_)) : std::nullopt;
+  require(element.counter == kept, "what is changed keeps its counter");
   const uint64_t packets = removed_ ? removed_->packets : ++added_;
   removed_.reset();
+  const std::string key = lumen::test::keyText(element.key);
+  keys_[key] = element.key;
   const bool isNew =
-      elements_.try_emplace(std::string(key), Element{std::string(client), packets}).second;
+      elements_.try_emplace(key, Element{lumen::test::clientText(element.data), packets}).second;
   require(isNew, "what is there is not added");
 }
 
-void ForwardsMap::remove(std::string_view keys) {
-  while (!keys.empty()) {
-    const std::string key(takeUpTo(keys, ", "));
-    checkKey(key);
-    const auto element = elements_.find(key);
-    require(element != elements_.end(), "what is not there is not removed");
-    removed_ = std::move(element->second);
-    elements_.erase(element);
-  }
-}
-
-std::string ForwardsMap::get(const std::string& key) const {
-  checkKey(key);
-  const auto element = elements_.find(key);
-  require(element != elements_.end(), "what is not there is not looked for");
-  return tableOf(textOf(*element));
-}
-
-std::string ForwardsMap::text() const {
-  std::string all;
-  for (const auto& element : elements_) {
-    if (!all.empty()) all += ",\n\t\t\t     ";
-    all += textOf(element);
-  }
-  return tableOf(all);
+void ForwardsMap::remove(const lumen::SetElement& element) {
+  checkKey(element.key);
+  const auto found = elements_.find(lumen::test::keyText(element.key));
+  require(found != elements_.end(), "what is not there is not removed");
+  removed_ = std::move(found->second);
+  elements_.erase(found);
 }
 
 }  // namespace fuzz

@@ -11,8 +11,8 @@
 
 namespace fuzz {
 
-/// The kernel's map of open ports, as far as lumend uses it. It knows the commands of lumend only:
-/// any other text breaks a promise, and so does one that the kernel would have to refuse.
+/// The kernel's map of open ports, as far as lumend uses it. Any other
+/// command breaks a promise, and so does a change that the kernel would have to refuse.
 class ForwardsMap : public lumen::Nftables {
  public:
   struct Element {
@@ -24,8 +24,11 @@ class ForwardsMap : public lumen::Nftables {
 
   lumen::Result<std::string> run(const std::string& commands) override;
   lumen::Result<std::string> runFile(const std::string& path) override;
-  lumen::Result<void> changeElements(lumen::ElementChange change, const lumen::ElementMap& map,
-                                     std::span<const lumen::MapElement> elements) override;
+  lumen::Result<void> changeElements(std::span<const lumen::ElementChange> changes) override;
+  lumen::Result<lumen::SetElement> readElement(const lumen::ElementSet& set,
+                                               const lumen::ElementParts& key) override;
+  lumen::Result<void> readElements(const lumen::ElementSet& set,
+                                   const lumen::ElementVisitor& visit) override;
   void forget() override {}
 
   /// Refuses one command about elements: the one after the next `commands`.
@@ -36,14 +39,12 @@ class ForwardsMap : public lumen::Nftables {
 
  private:
   [[nodiscard]] bool refuses();
-  void runLine(std::string_view line);
-  void add(std::string_view element);
-  void remove(std::string_view keys);
-  [[nodiscard]] std::string get(const std::string& key) const;
-  [[nodiscard]] std::string text() const;
+  void add(const lumen::SetElement& element);
+  void remove(const lumen::SetElement& element);
 
   std::map<std::string, Element> elements_;
-  std::optional<Element> removed_;  // by the line before, in the same transaction
+  std::map<std::string, lumen::ElementParts> keys_;  // of the elements
+  std::optional<Element> removed_;                   // earlier in the same transaction
   std::optional<unsigned> refusal_;
   uint64_t added_ = 0;
 };

@@ -15,6 +15,8 @@ namespace lumen {
 
 namespace {
 
+constexpr const char* unusable = "libnftables cannot be used";
+
 // A child that inherited the socket would keep the table when this process is killed. libnftables
 // neither tells which descriptor it opens nor opens it close-on-exec, but the kernel gives the
 // lowest free number.
@@ -50,19 +52,28 @@ LibNftables::LibNftables() {
 LibNftables::~LibNftables() = default;
 
 Result<std::string> LibNftables::run(const std::string& commands) {
-  if (!context_) return Failure{"libnftables cannot be used"};
+  if (!context_) return Failure{unusable};
   return result(nft_run_cmd_from_buffer(context_.get(), commands.c_str()));
 }
 
 Result<std::string> LibNftables::runFile(const std::string& path) {
-  if (!context_) return Failure{"libnftables cannot be used"};
+  if (!context_) return Failure{unusable};
   return result(nft_run_cmd_from_filename(context_.get(), path.c_str()));
 }
 
-Result<void> LibNftables::changeElements(ElementChange change, const ElementMap& map,
-                                         std::span<const MapElement> elements) {
-  if (!context_) return Failure{"libnftables cannot be used"};
-  return lumen::changeElements(socket_, change, map, elements);
+Result<void> LibNftables::changeElements(std::span<const ElementChange> changes) {
+  if (!context_) return Failure{unusable};
+  return lumen::changeElements(socket_, changes);
+}
+
+Result<SetElement> LibNftables::readElement(const ElementSet& set, const ElementParts& key) {
+  if (!context_) return Failure{unusable};
+  return lumen::readElement(socket_, set, key);
+}
+
+Result<void> LibNftables::readElements(const ElementSet& set, const ElementVisitor& visit) {
+  if (!context_) return Failure{unusable};
+  return lumen::readElements(socket_, set, visit);
 }
 
 void LibNftables::forget() {

@@ -22,8 +22,11 @@ class LibNftables : public Nftables {
 
   [[nodiscard]] Result<std::string> run(const std::string& commands) override;
   [[nodiscard]] Result<std::string> runFile(const std::string& path) override;
-  [[nodiscard]] Result<void> changeElements(ElementChange change, const ElementMap& map,
-                                            std::span<const MapElement> elements) override;
+  [[nodiscard]] Result<void> changeElements(std::span<const ElementChange> changes) override;
+  [[nodiscard]] Result<SetElement> readElement(const ElementSet& set,
+                                               const ElementParts& key) override;
+  [[nodiscard]] Result<void> readElements(const ElementSet& set,
+                                          const ElementVisitor& visit) override;
   void forget() override;
 
  private:

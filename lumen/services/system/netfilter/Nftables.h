@@ -20,9 +20,12 @@ class Nftables {
   /// The same with the commands of the file `path`.
   [[nodiscard]] virtual Result<std::string> runFile(const std::string& path) = 0;
 
-  /// Changes elements of a map as one transaction does. A failure is one line of text.
-  [[nodiscard]] virtual Result<void> changeElements(ElementChange change, const ElementMap& map,
-                                                    std::span<const MapElement> elements) = 0;
+  // Elements of sets and maps, as SetElements.h describes. A failure is one line of text.
+  [[nodiscard]] virtual Result<void> changeElements(std::span<const ElementChange> changes) = 0;
+  [[nodiscard]] virtual Result<SetElement> readElement(const ElementSet& set,
+                                                       const ElementParts& key) = 0;
+  [[nodiscard]] virtual Result<void> readElements(const ElementSet& set,
+                                                  const ElementVisitor& visit) = 0;
 
   /// Frees what was kept from the commands so far for the next one.
   virtual void forget() = 0;

@@ -31,10 +31,18 @@ Result<std::string> ThriftyNftables::runFile(const std::string& path) {
   return nftables_.runFile(path);
 }
 
-// Keeps nothing.
-Result<void> ThriftyNftables::changeElements(ElementChange change, const ElementMap& map,
-                                             std::span<const MapElement> elements) {
-  return nftables_.changeElements(change, map, elements);
+// The following keep nothing.
+
+Result<void> ThriftyNftables::changeElements(std::span<const ElementChange> changes) {
+  return nftables_.changeElements(changes);
+}
+
+Result<SetElement> ThriftyNftables::readElement(const ElementSet& set, const ElementParts& key) {
+  return nftables_.readElement(set, key);
+}
+
+Result<void> ThriftyNftables::readElements(const ElementSet& set, const ElementVisitor& visit) {
+  return nftables_.readElements(set, visit);
 }
 
 void ThriftyNftables::forget() {

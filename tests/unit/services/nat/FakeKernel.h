@@ -30,11 +30,27 @@ class FakeNftables : public Nftables {
 
   Result<std::string> runFile(const std::string& path) override { return run("file " + path); }
 
-  /// Recorded as the command of nft(8) that does the same.
-  Result<void> changeElements(ElementChange change, const ElementMap& map,
-                              std::span<const MapElement> elements) override {
-    const auto done = run(elementCommand(change, map, elements));
-    return done ? Result<void>() : Failure{done.why().substr(0, done.why().find('\n'))};
+  // Recorded as the commands of nft(8) that do the same.
+
+  Result<void> changeElements(std::span<const ElementChange> changes) override {
+    return recorded(elementCommands(changes));
+  }
+
+  /// Whatever was added and removed: any element is there, and has counted what a test says.
+  Result<SetElement> readElement(const ElementSet& set, const ElementParts& key) override {
+    const auto done = recorded("get element " + setText(set) + " { " + keyText(key) + " }");
+    if (!done) return done.failure();
+    const auto counted = counters_.find(key);
+    return SetElement{.key = key,
+                      .counter = counted == counters_.end() ? ElementCounter{} : counted->second};
+  }
+
+  /// Visits the elements of which a test says what they have counted.
+  Result<void> readElements(const ElementSet& set, const ElementVisitor& visit) override {
+    const auto done = recorded("list map " + setText(set));
+    if (!done) return done;
+    for (const auto& [key, counter] : counters_) visit({.key = key, .counter = counter});
+    return {};
   }
 
   void forget() override { texts.emplace_back("forgets"); }
@@ -46,13 +62,26 @@ class FakeNftables : public Nftables {
     scripts_.insert_or_assign(commands, Failure{text});
   }
 
+  /// An element has no counter, or has counted so many packets.
+  void counts(const ElementParts& key, std::optional<uint64_t> packets) {
+    auto& counter = counters_[key];
+    counter.reset();
+    if (packets) counter = ElementCounter{.packets = *packets, .bytes = *packets * 60};
+  }
+
   /// The commands since the last call.
   std::vector<std::string> takeTexts() { return std::exchange(texts, {}); }
 
   std::vector<std::string> texts;
 
  private:
+  Result<void> recorded(const std::string& command) {
+    const auto done = run(command);
+    return done ? Result<void>() : Failure{done.why().substr(0, done.why().find('\n'))};
+  }
+
   std::map<std::string, Result<std::string>> scripts_;
+  std::map<ElementParts, std::optional<ElementCounter>> counters_;
 };
 
 /// Flows that a test lists. A sweep ends when the test decides.

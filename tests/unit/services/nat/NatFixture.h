@@ -162,6 +162,14 @@ class NatFixture : public ::testing::Test {
 
   static constexpr const char* listMap = "list map ip lumen forwards";
 
+  /// The kernel has seen so many connections to a port; none: it does not count them.
+  void counts(const Port& port, std::optional<uint64_t> connections) {
+    const RuleKey key{
+        .external = {.address = ip(port.external), .port = static_cast<uint16_t>(port.port)},
+        .protocol = static_cast<uint8_t>(std::string(port.protocol) == "tcp" ? 6 : 17)};
+    nftables.counts(keyParts(key), connections);
+  }
+
   void passes(std::chrono::milliseconds time) {
     clock.advance(time);
     loop.turn(std::chrono::milliseconds(0));

@@ -46,8 +46,6 @@ class PortLogTest : public NatFixture {
   PortLogTest() {
     daemon.user = 104;
     admin.user = 1000;
-    nftables.prints("get element ip lumen forwards { 45.45.45.1 . tcp . 8080 }",
-                    " counter packets 1 bytes 2 ");
   }
 
   /// The events since the last call, as they are listed; each was notified as it is listed.
