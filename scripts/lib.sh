@@ -8,7 +8,7 @@ cd "$top"
 # What the programs are built from, and what builds them.
 build_packages=(
   g++ cmake ninja-build pkgconf
-  libexpat1-dev uuid-dev libev-dev libmnl-dev libnftables-dev libnetfilter-conntrack-dev
+  libexpat1-dev uuid-dev libev-dev libmnl-dev libnftables-dev
   libinih-dev libcap-ng-dev libseccomp-dev libc-ares-dev libmicrohttpd-dev libcli11-dev nlohmann-json3-dev
 )
 # What makes a package of them.

@@ -169,8 +169,6 @@ build_libmnl() {
   made install
 }
 build_libnftnl() { build_libmnl; }
-build_libnfnetlink() { build_libmnl; }
-build_libnetfilter-conntrack() { build_libmnl; }
 build_nftables() {
   configured --with-mini-gmp --without-cli --disable-man-doc --disable-python
   made install

@@ -13,6 +13,8 @@
 #include <cstring>
 #include <string>
 
+#include "lumen/services/system/netfilter/NetlinkAttributes.h"
+
 namespace lumen {
 
 namespace {
@@ -77,30 +79,6 @@ void putElements(nlmsghdr* message, ElementAction action, std::span<const SetEle
   mnl_attr_nest_end(message, list);
 }
 
-// The attributes of one nest, by type; null: absent. One that does not fit its nest ends them.
-template <size_t count>
-using Attributes = std::array<const nlattr*, count>;
-
-template <size_t count>
-Attributes<count> attributesIn(const nlattr* first, size_t length) {
-  Attributes<count> found = {};
-  int left = static_cast<int>(length);
-  for (const nlattr* one = first; mnl_attr_ok(one, left);) {
-    const uint16_t type = mnl_attr_get_type(one);
-    if (type < count) found[type] = one;
-    left -= static_cast<int>(MNL_ALIGN(one->nla_len));
-    one = mnl_attr_next(one);
-  }
-  return found;
-}
-
-template <size_t count>
-Attributes<count> attributesIn(const nlattr* nest) {
-  if (nest == nullptr) return {};
-  return attributesIn<count>(static_cast<const nlattr*>(mnl_attr_get_payload(nest)),
-                             mnl_attr_get_payload_len(nest));
-}
-
 bool readParts(const nlattr* data, ElementParts& parts) {
   parts.clear();
   if (data == nullptr) return true;
@@ -147,10 +125,7 @@ bool readElement(const nlattr* one, SetElement& element) {
 
 /// Reads the elements in a message of the kernel. False: it is malformed.
 bool visitElements(const nlmsghdr* message, const ElementVisitor& visit) {
-  const size_t length = mnl_nlmsg_get_payload_len(message);  // of at least a nfgenmsg
-  const auto attributes = attributesIn<NFTA_SET_ELEM_LIST_MAX + 1>(
-      static_cast<const nlattr*>(mnl_nlmsg_get_payload_offset(message, sizeof(nfgenmsg))),
-      length - sizeof(nfgenmsg));
+  const auto attributes = attributesIn<NFTA_SET_ELEM_LIST_MAX + 1>(message);
   const nlattr* const list = attributes[NFTA_SET_ELEM_LIST_ELEMENTS];
   if (list == nullptr) return true;
   SetElement element;

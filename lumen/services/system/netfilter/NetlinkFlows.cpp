@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>
 #include <libmnl/libmnl.h>
-#include <libnetfilter_conntrack/libnetfilter_conntrack.h>
 #include <linux/netfilter/nf_conntrack_common.h>
 #include <linux/netfilter/nfnetlink.h>
 #include <linux/netfilter/nfnetlink_conntrack.h>
@@ -15,6 +14,7 @@
 #include <vector>
 
 #include "lumen/runtime/Log.h"
+#include "lumen/services/system/netfilter/NetlinkAttributes.h"
 #include "platform/Timer.h"
 #include "platform/Watch.h"
 
@@ -39,11 +39,6 @@ struct CloseSocket {
 };
 using Socket = std::unique_ptr<mnl_socket, CloseSocket>;
 
-struct DestroyConntrack {
-  void operator()(nf_conntrack* conntrack) const { nfct_destroy(conntrack); }
-};
-using Conntrack = std::unique_ptr<nf_conntrack, DestroyConntrack>;
-
 Socket openSocket(int flags) {
   Socket socket(mnl_socket_open2(NETLINK_NETFILTER, SOCK_CLOEXEC | flags));
   if (socket && mnl_socket_bind(socket.get(), 0, MNL_SOCKET_AUTOPID) < 0) socket.reset();
@@ -63,6 +58,11 @@ class Request {
   }
 
   [[nodiscard]] nlmsghdr* header() const { return header_; }
+
+  /// Whether there is room for this attribute and another one.
+  [[nodiscard]] bool fits(const nlattr* attribute) const {
+    return header_->nlmsg_len + attribute->nla_len + 64U < sizeof buffer_;
+  }
 
   [[nodiscard]] bool sendOn(mnl_socket* socket) const {
     return mnl_socket_sendto(socket, header_, header_->nlmsg_len) >= 0;
@@ -99,18 +99,51 @@ void filterUdp(const Request& request, const std::set<Endpoint>& destinations) {
   mnl_attr_nest_end(header, tuple);
 }
 
-Endpoint endpointOf(const nf_conntrack* conntrack, nf_conntrack_attr address,
-                    nf_conntrack_attr port) {
-  return {.address = Ipv4Address::fromBytes(nfct_get_attr_u32(conntrack, address)),
-          .port = ntohs(nfct_get_attr_u16(conntrack, port))};
+/// An entry of the kernel's table.
+struct Entry {
+  Flow flow;
+  const nlattr* origin = nullptr;  // the tuple of its first packets
+  uint32_t id = 0;                 // in network byte order
+};
+
+/// The number in an attribute of this size; 0: it is absent or of another size.
+template <typename Number>
+Number numberIn(const nlattr* attribute) {
+  Number number = 0;
+  if (attribute != nullptr && mnl_attr_get_payload_len(attribute) == sizeof number) {
+    std::memcpy(&number, mnl_attr_get_payload(attribute), sizeof number);
+  }
+  return number;
 }
 
-Flow flowOf(const nf_conntrack* conntrack) {
-  return {
-      .protocol = nfct_get_attr_u8(conntrack, ATTR_ORIG_L4PROTO),
-      .destination = endpointOf(conntrack, ATTR_ORIG_IPV4_DST, ATTR_ORIG_PORT_DST),
-      .responder = endpointOf(conntrack, ATTR_REPL_IPV4_SRC, ATTR_REPL_PORT_SRC),
-  };
+/// One direction of a flow, as its own packets say it.
+struct Tuple {
+  explicit Tuple(const nlattr* nest) {
+    const auto parts = attributesIn<CTA_TUPLE_MAX + 1>(nest);
+    const auto ip = attributesIn<CTA_IP_MAX + 1>(parts[CTA_TUPLE_IP]);
+    const auto transport = attributesIn<CTA_PROTO_MAX + 1>(parts[CTA_TUPLE_PROTO]);
+    const auto endpoint = [&](size_t address, size_t port) {
+      return Endpoint{.address = Ipv4Address::fromBytes(numberIn<uint32_t>(ip[address])),
+                      .port = ntohs(numberIn<uint16_t>(transport[port]))};
+    };
+    protocol = numberIn<uint8_t>(transport[CTA_PROTO_NUM]);
+    source = endpoint(CTA_IP_V4_SRC, CTA_PROTO_SRC_PORT);
+    destination = endpoint(CTA_IP_V4_DST, CTA_PROTO_DST_PORT);
+  }
+
+  uint8_t protocol = 0;
+  Endpoint source;
+  Endpoint destination;
+};
+
+Entry entryIn(const nlmsghdr* message) {
+  const auto attributes = attributesIn<CTA_MAX + 1>(message);
+  const Tuple origin(attributes[CTA_TUPLE_ORIG]);
+  return {.flow = {.protocol = origin.protocol,
+                   .destination = origin.destination,
+                   .responder = Tuple(attributes[CTA_TUPLE_REPLY]).source},
+          .origin = attributes[CTA_TUPLE_ORIG],
+          .id = numberIn<uint32_t>(attributes[CTA_ID])};
 }
 
 /// One dump of the table.
@@ -148,8 +181,7 @@ class Dump {
       if (entry->nlmsg_type == NLMSG_ERROR) {
         return fail(-static_cast<const nlmsgerr*>(mnl_nlmsg_get_payload(entry))->error);
       }
-      Conntrack conntrack(nfct_new());
-      if (conntrack && nfct_nlmsg_parse(entry, conntrack.get()) == 0) visit(conntrack.get());
+      visit(entryIn(entry));
     }
     return state_;
   }
@@ -186,24 +218,23 @@ class NetlinkFlows::Sweep {
 
  private:
   void readable(int) {
-    Dump::State state = dump_.step([this](const nf_conntrack* conntrack) { judge(conntrack); });
+    Dump::State state = dump_.step([this](const Entry& entry) { judge(entry); });
     if (state != Dump::State::running) end();
   }
 
-  void judge(const nf_conntrack* conntrack) {
-    Flow flow = flowOf(conntrack);
+  void judge(const Entry& entry) {
+    const Flow& flow = entry.flow;
     if (flow.protocol != IPPROTO_UDP || !destinations_.contains(flow.destination)) return;
-    if (sweeper_.ends(flow)) destroy(conntrack);
+    if (sweeper_.ends(flow)) destroy(entry);
   }
 
-  void destroy(const nf_conntrack* conntrack) {
-    Conntrack name(nfct_new());
-    if (!name) return;
-    nfct_copy(name.get(), conntrack, NFCT_CP_ORIG);
+  void destroy(const Entry& entry) {
     Request request(IPCTNL_MSG_CT_DELETE, NLM_F_ACK);
-    nfct_nlmsg_build(request.header(), name.get());
+    if (!request.fits(entry.origin)) return;
+    mnl_attr_put(request.header(), CTA_TUPLE_ORIG | NLA_F_NESTED,
+                 mnl_attr_get_payload_len(entry.origin), mnl_attr_get_payload(entry.origin));
     // Not another flow between the same endpoints that began meanwhile.
-    mnl_attr_put_u32(request.header(), CTA_ID, htonl(nfct_get_attr_u32(conntrack, ATTR_ID)));
+    mnl_attr_put_u32(request.header(), CTA_ID, entry.id);
 
     alignas(nlmsghdr) char answer[1024];
     if (!request.sendOn(killer_.get()) ||
@@ -248,8 +279,8 @@ bool NetlinkFlows::visitTranslated(const std::function<void(const Flow&)>& visit
   mnl_attr_put_u32(request.header(), CTA_STATUS_MASK, htonl(IPS_DST_NAT));
   Dump dump(request, 0);
   while (dump.state() == Dump::State::running) {
-    dump.step([&](const nf_conntrack* conntrack) {
-      Flow flow = flowOf(conntrack);
+    dump.step([&](const Entry& entry) {
+      const Flow& flow = entry.flow;
       if (flow.destination != flow.responder) visit(flow);
     });
     if (dump.state() == Dump::State::running && std::chrono::steady_clock::now() > deadline) {
