@@ -44,8 +44,9 @@ struct EventLoop::Watch {
   void* const owner;
   const SocketCallback callback;
   const bool accepts;
-  bool stuck = false;    // its last callback returned false
-  bool removed = false;  // it must not be called any more
+  bool stuck = false;       // its last callback returned false
+  bool removed = false;     // it must not be called any more
+  bool registered = false;  // with the kernel, or about to be
   ev_io io{};
 };
 
@@ -90,6 +91,7 @@ void EventLoop::removeSocket(int fd) {
 }
 
 void EventLoop::start(const WatchPtr& watch) {
+  watch->registered = false;
   unchecked_.push_back(watch);
   if (watch->accepts) listeners_.push_back(watch);
   ev_io_start(libev_->loop, &watch->io);
@@ -173,7 +175,11 @@ void EventLoop::dispatch(const Ready& ready) {
 
 /// libev aborts when it registers a closed descriptor, and keeps reporting one that another process
 /// holds open.
-void EventLoop::dropClosed() { pollNow(std::exchange(unchecked_, {})); }
+void EventLoop::dropClosed() {
+  const std::vector<WatchPtr> watches = std::exchange(unchecked_, {});
+  pollNow(watches);
+  for (const WatchPtr& watch : watches) watch->registered = true;
+}
 
 /// Dispatches the listening sockets while clients wait.
 void EventLoop::acceptWaiting() {
@@ -201,6 +207,10 @@ std::vector<EventLoop::Ready> EventLoop::pollNow(std::vector<WatchPtr> watches) 
       ready.push_back({watches[i], watchRead});
     }
   }
+  // One that is not registered yet must still be open when it is.
+  std::erase_if(unchecked_, [&](const WatchPtr& watch) {
+    return watch->registered && std::ranges::find(watches, watch) != watches.end();
+  });
   return ready;
 }
 

@@ -84,7 +84,7 @@ class EventLoop : public ThinRunner {
   std::map<int, WatchPtr> watches_;
   std::vector<WatchPtr> listeners_;  // those that are not paused
   std::vector<WatchPtr> started_;    // to read from, since the last wait
-  std::vector<WatchPtr> unchecked_;  // started or dispatched since it was known to be open
+  std::vector<WatchPtr> unchecked_;  // to be looked at before the next wait: still open?
   std::vector<Ready> ready_;         // found by the last poll of a turn, listeners first
   bool polled_ = false;              // the listeners, since the last callback
 };

@@ -331,6 +331,24 @@ TEST_F(Peers, OfAnOwnerThatReturnsNothingAreNotSlowed) {
   EXPECT_EQ(silent.calls, 20);
 }
 
+// Promise: A connection that is accepted and served in one turn costs one system call beside the
+// wait.
+TEST_F(Listeners, AreNotLookedAtAgainAfterTheLastPoll) {
+  Probe& p = acceptingWatch();
+  p.then = [this, &p] {
+    acceptOne(p);
+    watch("connection", a_.ours.get()).then = [this] { removeSocket(a_.ours.get()); };
+  };
+  test::writeText(a_.peer.get(), "x");
+  turn();
+  const int before = polls;
+  clientConnects();
+  turn();
+  turn();
+  EXPECT_EQ(calls(), (Names{"listener", "connection"}));
+  EXPECT_EQ(polls - before, 1 + 1) << "that of clientConnects and one more";
+}
+
 class ClosedDescriptors : public test::LoopTest {
  protected:
   /// Whether a turn waits until its limit, which it does not when the kernel reports something.
@@ -390,6 +408,21 @@ TEST_F(ClosedDescriptors, ThatListenedAreNotAccepted) {
   const test::LogCapture log;
   turn();
   EXPECT_EQ(calls(), (Names{"a", "timer"}));
+  EXPECT_EQ(log.text(), "event loop: descriptor " + number + " was closed while watched\n");
+}
+
+TEST_F(ClosedDescriptors, ThatWereOpenWhenTheyWereReadFromAreNotRegistered) {
+  SocketPair other(SOCK_STREAM);
+  const std::string number = std::to_string(other.ours.get());
+  watch("a", pair_.ours.get()).then = [&] {
+    watch("started", other.ours.get());
+    watch("later", pair_.ours.get()).then = [&] { other.ours.reset(); };
+  };
+  test::writeText(pair_.peer.get(), "x");
+  const test::LogCapture log;
+  turn();
+  turn();
+  EXPECT_EQ(calls(), (Names{"a", "later", "later"}));
   EXPECT_EQ(log.text(), "event loop: descriptor " + number + " was closed while watched\n");
 }
 
