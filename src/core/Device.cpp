@@ -1,6 +1,7 @@
 #include "core/Device.h"
 
 #include "core/Gateway.h"
+#include "http/HTTPServer.h"
 #include "http/Server.h"
 #include "net/Sockets.h"
 #include "platform/Keys.h"
@@ -12,6 +13,9 @@ void Device::openSockets(Gateway& gateway) {
       makeDiscoverySocket(interfaceName(), record.get_u32(lm::interfaces::key::index), address));
   discoveryWatch_.start<&Gateway::handleSearch>(discoverySocket.get(), gateway, lm::watchRead);
   listenSocket.reset(makeTcpSocket(interfaceName(), HTTP_PORT));
+  if (listenSocket.valid() && !HTTPServer::prepareListener(listenSocket.get())) {
+    listenSocket.reset();
+  }
   listenWatch_.start<&Gateway::acceptHttp>(listenSocket.get(), gateway, lm::watchAccept);
   timer_.start<&Device::advertTimer>(*this, ADVERT_INTERVAL);
 }

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
+#include <cstring>
 #include <numeric>
 #include <string>
 #include <utility>
@@ -31,14 +32,21 @@ void discardReceived(int fd) {
 
 }  // namespace
 
-bool HTTPServer::acceptHttp(int listenFd) {
+bool HTTPServer::prepareListener(int listenFd) {
   // The client may have left since the socket became ready, and the loop must not block until the
   // next one arrives.
-  const bool ready = fcntl(listenFd, F_SETFL, O_NONBLOCK) == 0;
+  if (fcntl(listenFd, F_SETFL, O_NONBLOCK) != 0) {
+    logLine("fcntl O_NONBLOCK: ", strerror(errno));
+    return false;
+  }
+  dropWhenUnread(listenFd);
+  return true;
+}
+
+bool HTTPServer::acceptHttp(int listenFd) {
   sockaddr_in client = {};
   socklen_t length = sizeof client;
-  lm::Fd accepted(
-      ready ? accept4(listenFd, reinterpret_cast<sockaddr*>(&client), &length, SOCK_CLOEXEC) : -1);
+  lm::Fd accepted(accept4(listenFd, reinterpret_cast<sockaddr*>(&client), &length, SOCK_CLOEXEC));
   if (!accepted.valid()) {
     logLine("accept failed");
     return false;
@@ -105,7 +113,6 @@ void HTTPServer::reply(HTTPConn& conn) {
   const HTTPMessage request(conn.buffer);
   const auto [method, url] = parseRequestLine(request.startLine);
   const std::string text = handler_.handleHttpRequest(*conn.device, request, method, url).get();
-  dropWhenUnread(conn.fd.get());
-  if (!writeOnce(conn.fd.get(), text)) logLine("write error");
+  if (!writeLast(conn.fd.get(), text)) logLine("write error");
   discardReceived(conn.fd.get());
 }

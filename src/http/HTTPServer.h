@@ -33,6 +33,10 @@ class HTTPServer {
   HTTPServer(const HTTPServer&) = delete;
   HTTPServer& operator=(const HTTPServer&) = delete;
 
+  /// To be called before a listening socket is watched. Returns false, after a log line, when
+  /// accepting from it could block.
+  [[nodiscard]] static bool prepareListener(int listenFd);
+
   /// To be called when a listening socket is ready. A socket unknown to the handler ends the
   /// process with exit status 1. Returns whether a connection was accepted.
   bool acceptHttp(int listenFd);

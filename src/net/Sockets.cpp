@@ -23,6 +23,9 @@ constexpr int backlog = 1;
 constexpr unsigned int unreadLimit = 10000;  // milliseconds
 constexpr timeval writeLimit = {0, 10000};   // seconds, microseconds
 
+/// The bytes that one packet has room for on any usual LAN.
+constexpr size_t onePacket = 1400;
+
 /// Logs `what` with the text of errno.
 void logError(const char* what) { logLine(what, ": ", strerror(errno)); }
 
@@ -66,6 +69,15 @@ bool makeRoom(int fd, size_t size) {
 bool sendAll(int fd, std::string_view text) {
   const ssize_t sent = send(fd, text.data(), text.size(), MSG_NOSIGNAL);
   return sent >= 0 && static_cast<size_t>(sent) == text.size();
+}
+
+/// See writeOnce. `flags` are send(2)'s, for what the buffer takes at once.
+bool write(int fd, std::string_view text, int flags) {
+  // A new connection takes an answer of usual size at once.
+  const ssize_t sent = send(fd, text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT | flags);
+  if (sent < 0 && errno != EAGAIN) return false;
+  const std::string_view rest = text.substr(static_cast<size_t>(std::max<ssize_t>(sent, 0)));
+  return rest.empty() || (makeRoom(fd, text.size()) && sendAll(fd, rest));
 }
 
 bool bindToPort(int fd, unsigned int port) {
@@ -120,10 +132,12 @@ void dropWhenUnread(int fd) {
   }
 }
 
-bool writeOnce(int fd, std::string_view text) {
-  // A new connection takes an answer of usual size at once.
-  const ssize_t sent = send(fd, text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-  if (sent < 0 && errno != EAGAIN) return false;
-  const std::string_view rest = text.substr(static_cast<size_t>(std::max<ssize_t>(sent, 0)));
-  return rest.empty() || (makeRoom(fd, text.size()) && sendAll(fd, rest));
+bool writeOnce(int fd, std::string_view text) { return write(fd, text, 0); }
+
+bool writeLast(int fd, std::string_view text) {
+  // Most of the cost of an answer is its way through the kernel, packet by packet. A longer text
+  // would rather gain a packet: its last segment would not leave with the others.
+  const bool all = write(fd, text, text.size() <= onePacket ? MSG_MORE : 0);
+  shutdown(fd, SHUT_WR);  // fails only when the peer is gone
+  return all;
 }

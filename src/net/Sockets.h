@@ -32,8 +32,8 @@ inline constexpr size_t BUFLEN = 4096;
 
 /// The system drops the TCP connection `fd` when its peer does not take what is sent within ten
 /// seconds, even after `fd` was closed. Without this it tries for minutes and keeps the bytes. A
-/// peer with a window below one segment has no longer, although it reads little by little. Logs a
-/// line when that cannot be set.
+/// peer with a window below one segment has no longer, although it reads little by little. The
+/// connections of a listening socket have its limit. Logs a line when that cannot be set.
 void dropWhenUnread(int fd);
 
 /// Writes `text` to the blocking connection `fd`. What the send buffer does not take at once
@@ -42,3 +42,7 @@ void dropWhenUnread(int fd);
 /// at most a hundredth of a second. Returns false when not all of `text` was accepted, and also,
 /// after a log line, when the buffer could not be enlarged.
 [[nodiscard]] bool writeOnce(int fd, std::string_view text);
+
+/// Does the same and ends what is sent on the connection. A text of usual size and this end leave
+/// in one packet.
+[[nodiscard]] bool writeLast(int fd, std::string_view text);

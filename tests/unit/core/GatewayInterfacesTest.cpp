@@ -1,11 +1,15 @@
 // Start and stop of an interface, on the LAN side and on the WAN side.
 
+#include <fcntl.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 
 #include "core/GatewayFixture.h"
 #include "platform/Keys.h"
 #include "support/Descriptors.h"
+#include "support/RefusedCall.h"
 
 namespace {
 
@@ -30,6 +34,15 @@ TEST_F(GatewayInterfaces, AnInterfaceThatNeverStartedStopsSilently) {
   removeObject(1);
   EXPECT_EQ(log(), Lines{});
   EXPECT_EQ(announced(), Lines{});
+}
+
+TEST_F(GatewayInterfaces, AListenerThatCouldBlockServesNothing) {
+  start();
+  addObject(lan, internal);
+  whileRefused({SCMP_SYS(fcntl), F_SETFL, O_NONBLOCK}, EPERM, [&] { enable(); });
+  EXPECT_EQ(std::ranges::count(log(), "fcntl O_NONBLOCK: Operation not permitted"), 1);
+  EXPECT_EQ(exchange("GET / HTTP/1.1\r\n\r\n"), "refused");
+  EXPECT_EQ(found("ssdp:all"), rootTargets) << "the rest serves";
 }
 
 // Promise: A router without an external interface announces the four targets of its root device.

@@ -119,6 +119,7 @@ class HTTPServerTest : public testing::Test {
  protected:
   HTTPServerTest() : loop(clock), server(gateway), listener(makeTcpSocket("lo", HTTP_PORT)) {
     gateway.listener = listener.get();
+    EXPECT_TRUE(HTTPServer::prepareListener(listener.get()));
     watch.start<&HTTPServer::acceptHttp>(listener.get(), server, lm::watchAccept);
   }
 

@@ -1,9 +1,9 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/tcp.h>
 #include <net/if.h>
 #include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -276,6 +276,20 @@ class WriteOnceTest : public SocketsTest {
     return all;
   }
 
+  bool writesLast(std::string_view text) {
+    bool all = false;
+    log = lm::test::logged([&] { all = writeLast(connection.get(), text); });
+    return all;
+  }
+
+  /// How many packets the peer has received.
+  [[nodiscard]] uint32_t packets() const {
+    tcp_info info = {};
+    socklen_t length = sizeof info;
+    EXPECT_EQ(getsockopt(peer.get(), IPPROTO_TCP, TCP_INFO, &info, &length), 0);
+    return info.tcpi_segs_in;
+  }
+
   void makeBufferSmall() {
     const int size = 1;
     EXPECT_EQ(setsockopt(connection.get(), SOL_SOCKET, SO_SNDBUF, &size, sizeof size), 0);
@@ -287,11 +301,6 @@ class WriteOnceTest : public SocketsTest {
     return size < 0 ? "" : std::string(bytes.data(), static_cast<size_t>(size));
   }
 
-  lm::Fd listener;
-  lm::Fd peer;
-  lm::Fd connection;
-
- private:
   static lm::Fd connected() {
     lm::Fd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_in server = {};
@@ -301,6 +310,10 @@ class WriteOnceTest : public SocketsTest {
     EXPECT_EQ(connect(fd.get(), reinterpret_cast<sockaddr*>(&server), sizeof server), 0);
     return fd;
   }
+
+  lm::Fd listener;
+  lm::Fd peer;
+  lm::Fd connection;
 };
 
 TEST_F(WriteOnceTest, WritesAllOfAText) {
@@ -353,6 +366,35 @@ TEST_F(WriteOnceTest, SurvivesAPeerThatIsGone) {
   EXPECT_FALSE(writes("hello")) << "without a signal";
 }
 
+TEST_F(WriteOnceTest, SendsALastTextAndItsEndInOnePacket) {
+  const uint32_t before = packets();
+  EXPECT_TRUE(writesLast(std::string(1400, 'x')));
+  pollfd ended{peer.get(), POLLRDHUP, 0};
+  EXPECT_EQ(poll(&ended, 1, 5000), 1);
+  EXPECT_EQ(packets(), before + 1);
+  EXPECT_EQ(received(), std::string(1400, 'x'));
+  EXPECT_EQ(received(), "") << "the end, not an error";
+  EXPECT_EQ(log, "");
+}
+
+TEST_F(WriteOnceTest, WritesAllOfALastTextThatIsLong) {
+  const std::string text(100'000, 'x');
+  makeBufferSmall();
+  EXPECT_TRUE(writesLast(text));
+  std::string all;
+  pollfd arriving{peer.get(), POLLIN, 0};
+  while (all.size() < text.size() && poll(&arriving, 1, 5000) == 1) all += received();
+  EXPECT_EQ(all, text);
+  EXPECT_EQ(log, "");
+}
+
+TEST_F(WriteOnceTest, EndsAConnectionThatTookNoText) {
+  whileRefused({SCMP_SYS(sendto)}, ENOBUFS, [&] { EXPECT_FALSE(writesLast("hello")); });
+  pollfd ended{peer.get(), POLLRDHUP, 0};
+  EXPECT_EQ(poll(&ended, 1, 5000), 1);
+  EXPECT_EQ(received(), "");
+}
+
 // Also proves [reply-unread].
 TEST_F(WriteOnceTest, DropsAConnectionThatIsNotReadForTenSeconds) {
   EXPECT_EQ(lm::test::logged([&] { dropWhenUnread(connection.get()); }), "");
@@ -361,4 +403,13 @@ TEST_F(WriteOnceTest, DropsAConnectionThatIsNotReadForTenSeconds) {
     EXPECT_EQ(lm::test::logged([&] { dropWhenUnread(connection.get()); }),
               "setsockopt TCP_USER_TIMEOUT: Operation not permitted\n");
   });
+}
+
+// Also proves [reply-unread].
+TEST_F(WriteOnceTest, HasTheLimitOfTheSocketThatAcceptedTheConnection) {
+  dropWhenUnread(listener.get());
+  const lm::Fd other = connected();
+  const lm::Fd accepted(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+  EXPECT_EQ(option(accepted, IPPROTO_TCP, TCP_USER_TIMEOUT), 10000);
+  EXPECT_TRUE(blocks(accepted));
 }
