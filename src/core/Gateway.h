@@ -96,6 +96,9 @@ class Gateway : public lm::Map<DevObj>, public UpnpRootDevice, private RequestHa
   void retire(Device& device);
   void registerService(Service& service, const UpnpServiceDescr& urls);
   void unregisterService(const Service* service);
+  /// Adds a sub-tree to the embedded devices, or removes it.
+  void embed(const UpnpDevice& wanDevice);
+  void removeEmbedded(std::list<UpnpDevice>::iterator wanDevice);
   /// The interface's sub-tree among the embedded devices, or their end when it has none.
   [[nodiscard]] std::list<UpnpDevice>::iterator findWanDevice(const Device& device);
   void destroyServices(Device& device);
@@ -118,6 +121,8 @@ class Gateway : public lm::Map<DevObj>, public UpnpRootDevice, private RequestHa
   std::map<uint32_t, std::shared_ptr<Device>> departed_;  ///< gone, with something still started
   std::map<uint32_t, Addr> addrs;                         ///< by address object id
   SearchTargets searchTargets;                            ///< of the whole tree
+  std::string description_;   ///< the document last served; empty: not since the tree changed
+  uint32_t describedAt_ = 0;  ///< the address in it
   HTTPStore httpStore{path::servedFiles};
   HTTPServer httpServer_{*this};
   std::map<std::string, Service*> eventServices;    ///< by eventSubURL

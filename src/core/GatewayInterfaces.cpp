@@ -50,7 +50,7 @@ void Gateway::startExternal(Device& device) {
   logLine("start ext: ", device.displayName());
   const WANTree tree(identity, device.id());
   const UpnpDevice wanDevice = tree.device();
-  UpnpRootDevice::devices.push_back(wanDevice);
+  embed(wanDevice);
 
   httpStore.addUrl(tree.commonIfc.SCPDURL, "wancommonifcfg.xml");
   httpStore.addUrl(tree.ipConn.SCPDURL, "wanipconn.xml");
@@ -79,7 +79,7 @@ void Gateway::stopExternal(Device& device) {
     sendAdvertsEverywhere(withdrawn, true);
     // In this order searches for the device are answered until the next rebuild.
     rebuildSearchTargets();
-    UpnpRootDevice::devices.erase(wanDevice);
+    removeEmbedded(wanDevice);
   }
   destroyServices(device);
   device.started = false;
@@ -89,11 +89,21 @@ void Gateway::retire(Device& device) {
   device.closeSockets();
   if (device.commonIfc) {
     const auto wanDevice = findWanDevice(device);
-    if (wanDevice != UpnpRootDevice::devices.end()) UpnpRootDevice::devices.erase(wanDevice);
+    if (wanDevice != UpnpRootDevice::devices.end()) removeEmbedded(wanDevice);
     rebuildSearchTargets();
     destroyServices(device);
   }
   device.started = false;
+}
+
+void Gateway::embed(const UpnpDevice& wanDevice) {
+  UpnpRootDevice::devices.push_back(wanDevice);
+  description_.clear();
+}
+
+void Gateway::removeEmbedded(std::list<UpnpDevice>::iterator wanDevice) {
+  UpnpRootDevice::devices.erase(wanDevice);
+  description_.clear();
 }
 
 std::list<UpnpDevice>::iterator Gateway::findWanDevice(const Device& device) {

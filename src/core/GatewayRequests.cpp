@@ -59,8 +59,13 @@ HTTPMessage Gateway::handleHttpRequest(const ServedInterface& device, const HTTP
 }
 
 HTTPMessage Gateway::describe(const ServedInterface& device, const HTTPMessage& request) {
-  descr.presentationURL = "http://" + iptostr(device.ipAddress()) + "/";
-  XMLNode root = getDescription();
-  root.addSubNode("URLBase", serverUrl(device.ipAddress()));
-  return httpStore.get(request, root.getXML());
+  const uint32_t address = device.ipAddress();
+  if (description_.empty() || address != describedAt_) {
+    descr.presentationURL = "http://" + iptostr(address) + "/";
+    XMLNode root = getDescription();
+    root.addSubNode("URLBase", serverUrl(address));
+    description_ = root.getXML();
+    describedAt_ = address;
+  }
+  return httpStore.get(request, description_);
 }

@@ -193,6 +193,27 @@ TEST_F(GatewayInterfaces, AWanThatWasWithdrawnIsFoundUntilTheTargetsAreRebuilt) 
   EXPECT_EQ(found(udn), Lines{});
 }
 
+TEST_F(GatewayInterfaces, TheDescriptionThatIsServedFollowsTheTree) {
+  platformHasInterface(7, {});
+  serve();
+  const auto expectWans = [this](ptrdiff_t count, const char* when) {
+    const std::string served = exchange("GET /gateway.xml HTTP/1.1\r\n\r\n");
+    XMLNode root = gateway->getDescription();
+    root.addSubNode("URLBase", "http://192.168.88.1:2828");
+    EXPECT_TRUE(served.ends_with("\r\n\r\n" + root.getXML())) << when << served;
+    EXPECT_EQ(std::ssize(gateway->UpnpRootDevice::devices), count) << when;
+  };
+  expectWans(1, "at first");
+  addObject(7, external);
+  expectWans(2, "one more starts");
+  removeObject(2);
+  expectWans(1, "one stops");
+  tellOfInterface(goneRecord(7));
+  expectWans(1, "one is gone without a stop");
+  tellOfInterface(interfaceRecord(7));
+  expectWans(1, "it came back");
+}
+
 // Also proves [targets-withdrawn], [mapping-interface].
 TEST_F(GatewayInterfaces, AWanThatStopsRemovesItsRulesAndItsServices) {
   serve();
