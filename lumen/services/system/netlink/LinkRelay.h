@@ -51,6 +51,14 @@ class LinkRelay : public Links, private Links::Listener {
     first_.addressRemoved(index, address);
     second_->addressRemoved(index, address);
   }
+  void ipv6AddressAdded(uint32_t index, const Ipv6LinkAddress& address) override {
+    first_.ipv6AddressAdded(index, address);
+    second_->ipv6AddressAdded(index, address);
+  }
+  void ipv6AddressRemoved(uint32_t index, const Ipv6LinkAddress& address) override {
+    first_.ipv6AddressRemoved(index, address);
+    second_->ipv6AddressRemoved(index, address);
+  }
 
   Links& links_;
   Links::Listener& first_;

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "lumen/values/Ipv4.h"
+#include "lumen/values/Ipv6.h"
 #include "lumen/values/Result.h"
 
 namespace lumen {
@@ -45,10 +46,19 @@ struct LinkAddress {
   auto operator<=>(const LinkAddress&) const = default;
 };
 
-/// All links and their IPv4 addresses, by kernel index.
+/// An IPv6 address of a link, and the network that it reaches there.
+struct Ipv6LinkAddress {
+  Ipv6Address address;
+  Ipv6Network network;  ///< on a point-to-point link the peer's
+
+  auto operator<=>(const Ipv6LinkAddress&) const = default;
+};
+
+/// All links and their addresses, by kernel index.
 struct LinkSnapshot {
   std::map<uint32_t, Link> links;
   std::map<uint32_t, std::set<LinkAddress>> addresses;
+  std::map<uint32_t, std::set<Ipv6LinkAddress>> ipv6Addresses;
 };
 
 /// A route as the kernel reported it, so that it can be restored as it was.
@@ -77,6 +87,15 @@ class Links {
     /// May be repeated for an address that is known already.
     virtual void addressAdded(uint32_t index, const LinkAddress& address) = 0;
     virtual void addressRemoved(uint32_t index, const LinkAddress& address) = 0;
+    // The same of IPv6, which few listeners need.
+    virtual void ipv6AddressAdded(uint32_t index, const Ipv6LinkAddress& address) {
+      (void)index;
+      (void)address;
+    }
+    virtual void ipv6AddressRemoved(uint32_t index, const Ipv6LinkAddress& address) {
+      (void)index;
+      (void)address;
+    }
   };
 
   virtual ~Links() = default;

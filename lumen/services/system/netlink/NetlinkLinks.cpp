@@ -118,7 +118,7 @@ void NetlinkLinks::readTables() {
 }
 
 NetlinkLinks::Answer NetlinkLinks::tryReadTables(LinkSnapshot& all) {
-  if (!changes_.open(RTMGRP_LINK | RTMGRP_IPV4_IFADDR, receiveBuffer_)) {
+  if (!changes_.open(RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR, receiveBuffer_)) {
     logFailure("netlink socket");
     return Answer::failed;
   }
@@ -128,12 +128,17 @@ NetlinkLinks::Answer NetlinkLinks::tryReadTables(LinkSnapshot& all) {
   Request<ifinfomsg> links(RTM_GETLINK, NLM_F_DUMP);
   Answer answer = exchange(changes_, links.header(), error, sink);
   if (answer != Answer::complete || error != 0) return error == 0 ? answer : Answer::failed;
-  Request<ifaddrmsg> addresses(RTM_GETADDR, NLM_F_DUMP);
-  addresses.fixed().ifa_family = AF_INET;
-  answer = exchange(changes_, addresses.header(), error, sink);
-  if (answer == Answer::complete && error == 0 && reading.lostAddress()) {
-    answer = exchange(changes_, addresses.header(), error, sink);
-  }
+  // A kernel without IPv6 answers for all families, once more.
+  const auto readAddresses = [&] {
+    for (const uint8_t family : {uint8_t{AF_INET}, uint8_t{AF_INET6}}) {
+      Request<ifaddrmsg> addresses(RTM_GETADDR, NLM_F_DUMP);
+      addresses.fixed().ifa_family = family;
+      answer = exchange(changes_, addresses.header(), error, sink);
+      if (answer != Answer::complete || error != 0) return;
+    }
+  };
+  readAddresses();
+  if (answer == Answer::complete && error == 0 && reading.lostAddress()) readAddresses();
   all = reading.finish();
   return error == 0 ? answer : Answer::failed;
 }
@@ -169,6 +174,10 @@ void NetlinkLinks::notifyListener(const NetlinkMessage& change) {
     listener_->addressAdded(has->index, has->address);
   } else if (const auto* lost = std::get_if<NetlinkMessage::AddressGone>(&change.what)) {
     listener_->addressRemoved(lost->index, lost->address);
+  } else if (const auto* has6 = std::get_if<NetlinkMessage::Ipv6AddressIs>(&change.what)) {
+    listener_->ipv6AddressAdded(has6->index, has6->address);
+  } else if (const auto* lost6 = std::get_if<NetlinkMessage::Ipv6AddressGone>(&change.what)) {
+    listener_->ipv6AddressRemoved(lost6->index, lost6->address);
   }
 }
 

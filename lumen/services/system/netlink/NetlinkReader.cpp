@@ -104,6 +104,7 @@ class Reader {
   void address(std::span<const std::byte> body) {
     const auto fixed = readStruct<ifaddrmsg>(body);
     if (!fixed) return fail("address message too short");
+    if (fixed->ifa_family == AF_INET6) return ipv6Address(body, *fixed);
     if (fixed->ifa_family != AF_INET) return;
     if (fixed->ifa_prefixlen > 32) return fail("address prefix length");
     std::optional<Ipv4Address> local;
@@ -128,6 +129,29 @@ class Reader {
       add(NetlinkMessage::AddressIs{fixed->ifa_index, is});
     } else {
       add(NetlinkMessage::AddressGone{fixed->ifa_index, is});
+    }
+  }
+
+  void ipv6Address(std::span<const std::byte> body, const ifaddrmsg& fixed) {
+    if (fixed.ifa_prefixlen > 128) return fail("address prefix length");
+    std::optional<Ipv6Address> local;
+    std::optional<Ipv6Address> network;
+    const bool whole = attributes(body, sizeof(ifaddrmsg), [&](const nlattr& attribute) {
+      const uint16_t type = mnl_attr_get_type(&attribute);
+      if (type != IFA_LOCAL && type != IFA_ADDRESS) return;
+      const auto value = readStruct<Ipv6Address::Bytes>(payload(attribute));
+      if (!value) return fail("address too short");
+      (type == IFA_LOCAL ? local : network) = Ipv6Address(*value);
+    });
+    if (!whole) return fail("address attribute length");
+    if (!local) local = network;
+    if (!network) network = local;
+    if (!local) return fail("address without an address");
+    const Ipv6LinkAddress is{*local, Ipv6Network(*network, fixed.ifa_prefixlen)};
+    if (header_.nlmsg_type == RTM_NEWADDR) {
+      add(NetlinkMessage::Ipv6AddressIs{fixed.ifa_index, is});
+    } else {
+      add(NetlinkMessage::Ipv6AddressGone{fixed.ifa_index, is});
     }
   }
 

@@ -28,6 +28,14 @@ struct NetlinkMessage {
     uint32_t index = 0;
     LinkAddress address;
   };
+  struct Ipv6AddressIs {
+    uint32_t index = 0;
+    Ipv6LinkAddress address;
+  };
+  struct Ipv6AddressGone {
+    uint32_t index = 0;
+    Ipv6LinkAddress address;
+  };
   struct RouteIs {
     uint32_t family = 0;          ///< AF_INET or AF_INET6
     bool kernelMade = false;      ///< the kernel adds and removes it itself
@@ -43,7 +51,9 @@ struct NetlinkMessage {
   uint32_t sequence = 0;     ///< of the request that this answers, or that made this change
   uint32_t port = 0;         ///< of the socket that sent that request; 0: none
   bool interrupted = false;  ///< the dump that it belongs to has missed changes
-  std::variant<LinkIs, LinkGone, AddressIs, AddressGone, RouteIs, Answered> what;
+  std::variant<LinkIs, LinkGone, AddressIs, AddressGone, Ipv6AddressIs, Ipv6AddressGone, RouteIs,
+               Answered>
+      what;
 };
 
 /// The messages in one datagram from rtnetlink (linux/netlink.h, linux/rtnetlink.h). Messages of

@@ -13,10 +13,15 @@ void apply(const NetlinkMessage& message, LinkSnapshot& all) {
   } else if (const auto* gone = std::get_if<NetlinkMessage::LinkGone>(&message.what)) {
     all.links.erase(gone->index);
     all.addresses.erase(gone->index);
+    all.ipv6Addresses.erase(gone->index);
   } else if (const auto* has = std::get_if<NetlinkMessage::AddressIs>(&message.what)) {
     all.addresses[has->index].insert(has->address);
   } else if (const auto* lost = std::get_if<NetlinkMessage::AddressGone>(&message.what)) {
     all.addresses[lost->index].erase(lost->address);
+  } else if (const auto* has6 = std::get_if<NetlinkMessage::Ipv6AddressIs>(&message.what)) {
+    all.ipv6Addresses[has6->index].insert(has6->address);
+  } else if (const auto* lost6 = std::get_if<NetlinkMessage::Ipv6AddressGone>(&message.what)) {
+    all.ipv6Addresses[lost6->index].erase(lost6->address);
   }
 }
 
@@ -33,7 +38,8 @@ void TableReading::take(NetlinkMessage& message, uint32_t request) {
 
 bool TableReading::lostAddress() const {
   return std::any_of(reported_.begin(), reported_.end(), [](const NetlinkMessage& message) {
-    return std::holds_alternative<NetlinkMessage::AddressGone>(message.what);
+    return std::holds_alternative<NetlinkMessage::AddressGone>(message.what) ||
+           std::holds_alternative<NetlinkMessage::Ipv6AddressGone>(message.what);
   });
 }
 

@@ -97,6 +97,23 @@ inline const NetlinkBytes peerAddressRemoved{
     "08 00 08 00 80 00 00 00",                          // IFA_FLAGS permanent
     "14 00 06 00 ff ff ff ff ff ff ff ff db 21 03 00 db 21 03 00"};  // IFA_CACHEINFO
 
+/// RTM_NEWADDR, `ip addr add 2001:db8:1::1/64 dev wan0 nodad`.
+inline const NetlinkBytes ipv6AddressAdded{
+    "48 00 00 00 14 00 00 00 00 00 00 00 00 00 00 00",  // 72 bytes, RTM_NEWADDR
+    "0a 40 82 00 02 00 00 00",                          // AF_INET6, /64, permanent, index 2
+    "14 00 01 00 20 01 0d b8 00 01 00 00 00 00 00 00 00 00 00 01",  // IFA_ADDRESS 2001:db8:1::1
+    "14 00 06 00 ff ff ff ff ff ff ff ff c1 63 49 00 c1 63 49 00",  // IFA_CACHEINFO
+    "08 00 08 00 82 00 00 00"};                                     // IFA_FLAGS permanent, nodad
+
+/// RTM_NEWADDR, `ip addr add 2001:db8:2::1 peer 2001:db8:2::2/128 dev wan0 nodad`.
+inline const NetlinkBytes ipv6PeerAddressAdded{
+    "5c 00 00 00 14 00 00 00 00 00 00 00 00 00 00 00",  // 92 bytes, RTM_NEWADDR
+    "0a 80 82 00 02 00 00 00",                          // AF_INET6, /128, permanent, index 2
+    "14 00 02 00 20 01 0d b8 00 02 00 00 00 00 00 00 00 00 00 01",  // IFA_LOCAL 2001:db8:2::1
+    "14 00 01 00 20 01 0d b8 00 02 00 00 00 00 00 00 00 00 00 02",  // IFA_ADDRESS, the peer
+    "14 00 06 00 ff ff ff ff ff ff ff ff c1 63 49 00 c1 63 49 00",  // IFA_CACHEINFO
+    "08 00 08 00 82 00 00 00"};                                     // IFA_FLAGS permanent, nodad
+
 /// RTM_NEWROUTE, `ip route add default via 45.45.45.1 dev wan0 metric 100`.
 inline const NetlinkBytes defaultRoute{
     "3c 00 00 00 18 00 00 06 04 38 00 6b 86 3f 00 00",  // 60 bytes, RTM_NEWROUTE

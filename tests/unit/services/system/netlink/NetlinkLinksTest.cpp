@@ -487,7 +487,8 @@ std::set<uint32_t> portsOfSubscribers() {
     uint32_t port = 0;
     uint32_t groups = 0;
     columns >> address >> protocol >> port >> std::hex >> groups;
-    if (protocol == NETLINK_ROUTE && groups == (RTMGRP_LINK | RTMGRP_IPV4_IFADDR)) {
+    if (protocol == NETLINK_ROUTE &&
+        groups == (RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR)) {
       ports.insert(port);
     }
   }
@@ -496,7 +497,7 @@ std::set<uint32_t> portsOfSubscribers() {
 
 TEST_F(NetlinkLinksTest, KnowsThePortOfItsSocket) {
   NetlinkSocket socket;
-  ASSERT_TRUE(socket.open(RTMGRP_LINK | RTMGRP_IPV4_IFADDR, 0));
+  ASSERT_TRUE(socket.open(RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR, 0));
   EXPECT_EQ(portsOfSubscribers(), std::set<uint32_t>{socket.port()});
 }
 

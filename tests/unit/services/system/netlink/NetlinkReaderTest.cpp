@@ -94,6 +94,24 @@ TEST(NetlinkReader, TakesABroadcastAddressOfZerosForNone) {
   EXPECT_EQ(as<NetlinkMessage::AddressIs>(read(bytes)).address.broadcast, std::nullopt);
 }
 
+TEST(NetlinkReader, ReadsAnIpv6AddressWithItsNetwork) {
+  const auto is = as<NetlinkMessage::Ipv6AddressIs>(read(ipv6AddressAdded));
+  EXPECT_EQ(is.index, 2U);
+  EXPECT_EQ(is.address.address.text(), "2001:db8:1::1");
+  EXPECT_EQ(is.address.network.text(), "2001:db8:1::/64");
+  NetlinkBytes removed = ipv6AddressAdded;
+  removed.bytes()[4] = std::byte{0x15};  // RTM_DELADDR
+  const auto gone = as<NetlinkMessage::Ipv6AddressGone>(read(removed));
+  EXPECT_EQ(gone.index, 2U);
+  EXPECT_EQ(gone.address, is.address);
+}
+
+TEST(NetlinkReader, KeepsThePeerOfAnIpv6AddressAsItsNetwork) {
+  const auto is = as<NetlinkMessage::Ipv6AddressIs>(read(ipv6PeerAddressAdded));
+  EXPECT_EQ(is.address.address.text(), "2001:db8:2::1");
+  EXPECT_EQ(is.address.network.text(), "2001:db8:2::2/128");
+}
+
 TEST(NetlinkReader, ReadsARouteWithAGateway) {
   const auto is = as<NetlinkMessage::RouteIs>(read(defaultRoute));
   EXPECT_EQ(is.family, static_cast<uint32_t>(AF_INET));
@@ -187,6 +205,9 @@ const Wrong wrongBytes[] = {
     {"address attribute length", &addressAdded, 25, 2},  // longer than the message
     {"address too short", &addressAdded, 24, 6},         // IFA_ADDRESS of two bytes
     {"address prefix length", &addressAdded, 17, 33},
+    {"address attribute length", &ipv6AddressAdded, 24, 3},
+    {"address too short", &ipv6AddressAdded, 24, 0x13},  // IFA_ADDRESS of 15 bytes
+    {"address prefix length", &ipv6AddressAdded, 17, 129},
     {"link without an index", &linkDeleted, 20, 0},
     {"link without an index", &linkDeleted, 23, 0xff},    // negative
     {"link name", &linkWithCounters, 40, 0x31},           // no end: "wan01"
@@ -235,9 +256,9 @@ TEST(NetlinkReader, RefusesAnEmptyDatagram) {
   EXPECT_EQ(whyNot(readNetlink({})), "empty datagram");
 }
 
-const NetlinkBytes* const captured[] = {&linkWithCounters,   &linkDeleted,  &addressAdded,
-                                        &peerAddressRemoved, &defaultRoute, &multipathRoute,
-                                        &noSuchDevice,       &dumpDone};
+const NetlinkBytes* const captured[] = {
+    &linkWithCounters, &linkDeleted,  &addressAdded, &peerAddressRemoved, &defaultRoute,
+    &multipathRoute,   &noSuchDevice, &dumpDone,     &ipv6AddressAdded,   &ipv6PeerAddressAdded};
 
 TEST(NetlinkReader, RefusesEveryTruncatedMessage) {
   for (const NetlinkBytes* whole : captured) {
