@@ -3,6 +3,7 @@
 #include <grp.h>
 
 #include <optional>
+#include <utility>
 
 #include "lumen/runtime/Log.h"
 #include "lumen/runtime/SocketTransport.h"
@@ -32,9 +33,10 @@ Platform::Platform(const lm::EventLoop& loop, Processes& processes,
       history_(path::store("history"), broker_),
       clientLimit_(nftables_),
       linksOfFence_(links_, fence_),
-      linksOfTables_(linksOfFence_, clientLimit_),
+      linksOfPinholes_(linksOfFence_, ipv6Networks_),
+      linksOfTables_(linksOfPinholes_, clientLimit_),
       addresses_(broker_),
-      interfaces_(linksOfTables_, addresses_, broker_, fence_, path::store("interfaces"),
+      interfaces_(linksOfTables_, addresses_, broker_, *this, path::store("interfaces"),
                   loop.clock()),
       natMap_(nftables_),
       flowMarks_(path::flowMarks),
@@ -42,6 +44,8 @@ Platform::Platform(const lm::EventLoop& loop, Processes& processes,
       portLog_(broker_),
       natRules_(natMap_, flows_, flowMarks_, addresses_, interfaces_, listeners_, policies_,
                 portLog_, broker_, loop.clock()),
+      pinholeSet_(nftables_),
+      pinholes_(pinholeSet_, ipv6Networks_, ipv6Forwarding_, policies_, broker_, loop.clock()),
       listener_(broker_) {
   watchStores(services);
   supervisor_.setObserver(broker_);
@@ -51,6 +55,7 @@ Platform::Platform(const lm::EventLoop& loop, Processes& processes,
   broker_.addLocal(lm::service::interfaces, lm::handler::interfaces, interfaces_);
   broker_.addLocal(lm::service::interfaces, lm::handler::addresses, addresses_);
   broker_.addLocal(lm::service::interfaces, lm::handler::natRules, natRules_);
+  broker_.addLocal(lm::service::interfaces, lm::handler::pinholes, pinholes_);
   broker_.addLocal(lm::service::interfaces, lm::handler::portLog, portLog_);
 }
 
@@ -59,6 +64,7 @@ Result<void> Platform::start() {
   if (const auto open = natMap_.open(path::natRuleset); !open) {
     return Failure{"NAT table: " + open.why()};
   }
+  pinholes_.begin(path::pinholeRuleset);
   if (const auto fenced = fence_.open(); !fenced) return Failure{"fence: " + fenced.why()};
   clientLimit_.open();
   natRules_.endOldFlows();
@@ -75,6 +81,12 @@ void Platform::watchStores(const std::vector<ServiceDefinition>& services) {
       if (!watched) lm::logLine(service.name, ": its store is not watched: ", watched.why());
     }
   }
+}
+
+// The fence first: no program may hear of a change before its packets are judged by it.
+void Platform::internalNames(std::set<std::string> names) {
+  fence_.internalNames(names);
+  ipv6Networks_.internalNames(std::move(names));
 }
 
 void Platform::asked(const ServiceDefinition& service) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -17,11 +18,15 @@
 #include "lumen/services/nat/NatRules.h"
 #include "lumen/services/nat/PolicyBook.h"
 #include "lumen/services/nat/PortLog.h"
+#include "lumen/services/pinholes/Ipv6Networks.h"
+#include "lumen/services/pinholes/PinholeSet.h"
+#include "lumen/services/pinholes/Pinholes.h"
 #include "lumen/services/supervisor/ServiceFile.h"
 #include "lumen/services/supervisor/Supervisor.h"
 #include "lumen/services/system/netfilter/LibNftables.h"
 #include "lumen/services/system/netfilter/NetlinkFlows.h"
 #include "lumen/services/system/netfilter/ThriftyNftables.h"
+#include "lumen/services/system/netlink/Ipv6Forwarding.h"
 #include "lumen/services/system/netlink/LinkRelay.h"
 #include "lumen/services/system/netlink/NetlinkLinks.h"
 #include "lumen/services/system/netlink/SocketListeners.h"
@@ -35,6 +40,7 @@ namespace lumen {
 namespace path {
 inline const std::string serviceFolder = "/lumen/etc/services";
 inline const std::string natRuleset = "/lumen/etc/nat-ruleset.nft";
+inline const std::string pinholeRuleset = "/lumen/etc/pinhole-ruleset.nft";
 inline const std::string natPolicy = "/lumen/etc/nat-policy";
 inline const std::string storeFolder = "/lumen/store";
 inline const std::string runFolder = "/lumen/run";
@@ -50,7 +56,9 @@ inline std::string store(const std::string& name) { return storeFolder + "/" + n
 }  // namespace path
 
 /// Everything that lumend does, on the real kernel.
-class Platform : private Supervisor::RequestListener, private StoreWatch::Observer {
+class Platform : private Supervisor::RequestListener,
+                 private StoreWatch::Observer,
+                 private KeptNames::Listener {
  public:
   /// The names of lumend's own stores, directories in the store folder that must exist.
   static std::vector<std::string> stores() { return {"history", "identity", "interfaces", "nat"}; }
@@ -75,6 +83,7 @@ class Platform : private Supervisor::RequestListener, private StoreWatch::Observ
 
   void asked(const ServiceDefinition& service) override;
   void storeExceeded(uint32_t service, const std::string& why) override;
+  void internalNames(std::set<std::string> names) override;
 
   LibNftables kernelTables_;
   ThriftyNftables nftables_{kernelTables_};
@@ -87,7 +96,9 @@ class Platform : private Supervisor::RequestListener, private StoreWatch::Observ
   NetlinkLinks links_;
   // These hear of a change before the tables do.
   ClientLimit clientLimit_;
+  Ipv6Networks ipv6Networks_;
   LinkRelay linksOfFence_;
+  LinkRelay linksOfPinholes_;
   LinkRelay linksOfTables_;
   AddressTable addresses_;
   InterfaceTable interfaces_;
@@ -98,7 +109,10 @@ class Platform : private Supervisor::RequestListener, private StoreWatch::Observ
   SocketListeners listeners_;
   PortLog portLog_;
   NatRules natRules_;
-  Listener listener_;
+  PinholeSet pinholeSet_;
+  NetlinkIpv6Forwarding ipv6Forwarding_;
+  Pinholes pinholes_;
+  lumen::Listener listener_;
 };
 
 }  // namespace lumen

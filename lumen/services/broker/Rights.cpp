@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "platform/Keys.h"
+#include "platform/wire/Pinholes.h"
 
 namespace lumen {
 
@@ -47,7 +48,8 @@ bool Rights::mayRead(Path path) const {
       return path.handler == 0;
     case lm::service::interfaces:
       return path.handler == lm::handler::interfaces || path.handler == lm::handler::addresses ||
-             path.handler == lm::handler::natRules || path.handler == lm::handler::portLog;
+             path.handler == lm::handler::natRules || path.handler == lm::handler::portLog ||
+             path.handler == lm::handler::pinholes;
     default:
       return false;
   }
@@ -57,7 +59,7 @@ bool Rights::mayRead(Path path, uint32_t command) const { return isRead(command)
 
 bool Rights::mayHearOfItsOwn(Path path) const {
   return opensPorts_ && path.service == lm::service::interfaces &&
-         path.handler == lm::handler::natRules;
+         (path.handler == lm::handler::natRules || path.handler == lm::handler::pinholes);
 }
 
 bool Rights::mayCall(uint32_t number) const {

@@ -138,6 +138,10 @@ bool ClientNetworks::contains(Ipv4Address host,
                              [host](const Ipv4Network& network) { return network.holds(host); });
 }
 
+bool ClientNetworks::containsAllOf(const std::string& interface) const {
+  return connected_ || internal_ || std::ranges::find(names_, interface) != names_.end();
+}
+
 std::string ClientNetworks::text() const {
   std::string result;
   const auto add = [&result](std::string_view entry) {

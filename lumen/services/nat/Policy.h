@@ -46,6 +46,8 @@ class ClientNetworks {
   /// `interface`: the one whose network the host lies in, none when it is not directly connected.
   [[nodiscard]] bool contains(Ipv4Address host,
                               const std::optional<KnownInterfaces::Known>& interface) const;
+  /// Every host that lies in a network of this interface, which is an internal one.
+  [[nodiscard]] bool containsAllOf(const std::string& interface) const;
   [[nodiscard]] bool includesInternal() const { return internal_; }
   [[nodiscard]] bool includesConnected() const { return connected_; }
   [[nodiscard]] const std::vector<std::string>& interfaces() const { return names_; }

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <compare>
+#include <cstdint>
+#include <string>
+
+#include "lumen/runtime/Clock.h"
+#include "lumen/values/Ipv6.h"
+
+namespace lumen {
+
+/// What identifies a pinhole: one protocol's packets to one port of a host.
+struct PinholeKey {
+  Ipv6Address host;
+  uint8_t protocol = 0;  ///< IPPROTO_TCP or IPPROTO_UDP
+  uint16_t port = 0;
+
+  auto operator<=>(const PinholeKey&) const = default;
+};
+
+/// A port of a host that the Internet may reach.
+struct Pinhole {
+  PinholeKey key;
+  uint64_t connection = 0;  ///< of its owner
+  std::string owner;        ///< service name
+  lm::Clock::Time addedAt;
+  lm::Clock::Time until;  ///< the end of its lease
+};
+
+/// "tcp port 8080 of 2001:db8::10".
+[[nodiscard]] std::string keyText(const PinholeKey& key);
+
+}  // namespace lumen

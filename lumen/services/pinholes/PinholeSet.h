@@ -1,0 +1,35 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "lumen/services/pinholes/Pinhole.h"
+#include "lumen/services/system/netfilter/Nftables.h"
+#include "lumen/values/Result.h"
+
+namespace lumen {
+
+/// The pinholes as the kernel has them: the elements of the set `pinholes` in the nftables table
+/// `ip6 lumen`. Each change is one transaction, and one pinhole costs the same however many there
+/// are.
+///
+/// A failure is one line of text, and leaves everything as it was.
+class PinholeSet {
+ public:
+  /// `nftables` must outlive this.
+  explicit PinholeSet(Nftables& nftables) : nftables_(nftables) {}
+  PinholeSet(const PinholeSet&) = delete;
+  PinholeSet& operator=(const PinholeSet&) = delete;
+
+  /// Makes the table from the ruleset file at `path`. It must not exist yet; afterwards this
+  /// process owns it. After a failure there is no table of ours.
+  [[nodiscard]] Result<void> open(const std::string& path);
+
+  [[nodiscard]] Result<void> add(const PinholeKey& key);
+  [[nodiscard]] Result<void> remove(const std::vector<PinholeKey>& keys);
+
+ private:
+  Nftables& nftables_;
+};
+
+}  // namespace lumen

@@ -1,0 +1,356 @@
+#include "lumen/services/pinholes/Pinholes.h"
+
+#include <netinet/in.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <iterator>
+#include <utility>
+
+#include "lumen/runtime/Fields.h"
+#include "lumen/runtime/Log.h"
+#include "lumen/runtime/Paging.h"
+#include "lumen/runtime/Refusal.h"
+#include "platform/Keys.h"
+
+namespace lumen {
+
+namespace {
+
+namespace key = lm::pinholes::key;
+using lm::pinholes::End;
+using lm::pinholes::Refusal;
+
+constexpr std::array addFields = {key::address, key::protocol, key::port, key::lease};
+constexpr std::array renewFields = {lm::key::objectId, key::lease};
+
+/// A pinhole whose end the kernel refuses stays for so long until the next attempt.
+constexpr std::chrono::seconds removalRetry(10);
+
+Result<PinholeKey> readKey(const lm::message& request) {
+  if (auto known = lm::checkFields(request, addFields); !known) return known.failure();
+  const lm::pinholes::Pinhole wire = lm::pinholes::readPinhole(request);
+  const auto host = Ipv6Address::parse(wire.address);
+  if (!host) return Failure{"the host must be an IPv6 address"};
+  if (wire.protocol != IPPROTO_TCP && wire.protocol != IPPROTO_UDP) {
+    return Failure{"protocol must be 6 (TCP) or 17 (UDP)"};
+  }
+  if (wire.port < 1 || wire.port > UINT16_MAX) return Failure{"port must be from 1 to 65535"};
+  if (wire.lease == 0) return Failure{"a pinhole must have a lease of at least one second"};
+  return PinholeKey{.host = *host,
+                    .protocol = static_cast<uint8_t>(wire.protocol),
+                    .port = static_cast<uint16_t>(wire.port)};
+}
+
+/// Whether the caller's service file grants it no such lease.
+bool isTooLong(const Caller& caller, std::chrono::seconds lease) {
+  return !caller.administrator && caller.ports && caller.ports->longestLease &&
+         lease > *caller.ports->longestLease;
+}
+
+/// Logs that the kernel refused to do `what`; returns what its requester is told.
+std::string kernelRefusal(const std::string& what, const PinholeKey& key, const Failure& failure) {
+  lm::logLine("pinhole ", what, " failed: ", keyText(key), ": ", failure.text);
+  return "the kernel refused it: " + failure.text;
+}
+
+}  // namespace
+
+Pinholes::Pinholes(PinholeSet& set, Ipv6Networks& networks, Ipv6Forwarding& forwarding,
+                   const PolicyBook& policies, Notifier& notifier, const lm::Clock& clock)
+    : set_(set),
+      networks_(networks),
+      forwarding_(forwarding),
+      policies_(policies),
+      notifier_(notifier),
+      clock_(clock),
+      leases_(*this, clock) {
+  networks.setObserver(*this);
+}
+
+void Pinholes::begin(const std::string& path) {
+  const Result<void> open = set_.open(path);
+  problem_ = open ? "" : open.why();
+  if (!open) lm::logLine("no IPv6 pinholes: ", problem_);
+}
+
+lm::message Pinholes::handle(const Caller& caller, uint32_t command, const lm::message& request) {
+  switch (command) {
+    case lm::cmd::addObject:
+    case lm::cmd::setObject:
+    case lm::cmd::removeObject:
+      return change(caller, command, request);
+    case lm::cmd::list:
+    case lm::cmd::readAll:
+    case lm::cmd::readObject:
+    case lm::cmd::get:
+      break;
+    default:
+      return lm::refusal("unknown command");
+  }
+  if (!caller.mayRead()) return lm::refusal("not permitted");
+  const auto written = [this](uint32_t id, const Pinhole& pinhole) {
+    lm::message m;
+    lm::pinholes::write(m, record(id, pinhole));
+    return m;
+  };
+  if (command == lm::cmd::get) {
+    const OptionalRefused refused = refuseAll();
+    lm::message reply;
+    reply.insert_string(key::problem, refused ? refused->text : "");
+    return reply;
+  }
+  if (command == lm::cmd::readObject) {
+    const auto it = table_.find(request.get_u32(lm::key::objectId));
+    if (it == table_.end()) return lm::refusal("no such object");
+    return written(it->first, it->second);
+  }
+  return lm::pagedAnswer(request, table_, written);
+}
+
+void Pinholes::connectionEnded(uint64_t connection) {
+  dropAll([&](const Pinhole& pinhole) { return pinhole.connection == connection; }, std::nullopt);
+}
+
+lm::message Pinholes::change(const Caller& caller, uint32_t command, const lm::message& request) {
+  lm::message reply;
+  const OptionalRefused refused = command == lm::cmd::addObject   ? add(caller, request, reply)
+                                  : command == lm::cmd::setObject ? renew(caller, request)
+                                                                  : remove(caller, request);
+  if (!refused) return reply;
+  reply = lm::refusal(refused->text);
+  reply.insert_u32(key::refusal, static_cast<uint32_t>(refused->why));
+  return reply;
+}
+
+Pinholes::OptionalRefused Pinholes::add(const Caller& caller, const lm::message& request,
+                                        lm::message& reply) {
+  if (!caller.administrator && !caller.ports) {
+    return Refused{"its service file does not say \"ports = yes\"", Refusal::rights};
+  }
+  const auto wanted = readKey(request);
+  if (!wanted) return Refused{wanted.why()};
+  const std::chrono::seconds lease(request.get_u32(key::lease));
+  if (isTooLong(caller, lease)) {
+    return Refused{"the lease is longer than its service file allows", Refusal::rights};
+  }
+  if (auto refused = refuseAll()) return refused;
+  if (auto refused = refuseByPolicy(*wanted)) return refused;
+  if (keys_.contains(*wanted)) {
+    return Refused{keyText(*wanted) + " is open already", Refusal::conflict};
+  }
+  const Pinhole pinhole = {.key = *wanted,
+                           .connection = caller.connection,
+                           .owner = caller.name.empty() ? "administrator" : caller.name,
+                           .addedAt = clock_.now(),
+                           .until = clock_.now() + lease};
+  if (auto refused = refuseFull(caller, pinhole)) return refused;
+  if (const auto added = set_.add(pinhole.key); !added) {
+    return Refused{kernelRefusal("add", pinhole.key, added.failure())};
+  }
+  const uint32_t id = nextId();
+  insert(id, pinhole);
+  undoWith([this, id] {
+    if (const auto it = table_.find(id); it != table_.end()) (void)drop(it, std::nullopt);
+  });
+  reply.insert_u32(lm::key::objectId, id);
+  return std::nullopt;
+}
+
+Pinholes::OptionalRefused Pinholes::renew(const Caller& caller, const lm::message& request) {
+  const uint32_t id = request.get_u32(lm::key::objectId);
+  const auto it = table_.find(id);
+  if (it == table_.end()) return Refused{"no such object"};
+  if (it->second.connection != caller.connection && !caller.administrator) {
+    return Refused{"not permitted"};
+  }
+  if (const auto known = lm::checkFields(request, renewFields); !known) return Refused{known.why()};
+  const std::chrono::seconds lease(request.get_u32(key::lease));
+  if (lease.count() == 0) return Refused{"a pinhole must have a lease of at least one second"};
+  if (isTooLong(caller, lease)) {
+    return Refused{"the lease is longer than its service file allows", Refusal::rights};
+  }
+  if (auto refused = refuseByPolicy(it->second.key)) return refused;
+  const lm::Clock::Time before = it->second.until;
+  setUntil(it, clock_.now() + lease);
+  undoWith([this, id, before] {
+    if (const auto now = table_.find(id); now != table_.end()) setUntil(now, before);
+  });
+  return std::nullopt;
+}
+
+Pinholes::OptionalRefused Pinholes::remove(const Caller& caller, const lm::message& request) {
+  const uint32_t id = request.get_u32(lm::key::objectId);
+  const auto it = table_.find(id);
+  if (it == table_.end()) return Refused{"no such object"};
+  const bool byOwner = it->second.connection == caller.connection;
+  if (!byOwner && !caller.administrator) return Refused{"not permitted"};
+  const Pinhole removed = it->second;
+  const auto done = drop(it, byOwner ? std::nullopt : OptionalEnd(End::administrator));
+  if (!done) return Refused{done.why()};
+  undoWith([this, id, removed] { undoRemove(id, removed); });
+  return std::nullopt;
+}
+
+void Pinholes::undoRemove(uint32_t id, const Pinhole& removed) {
+  if (keys_.contains(removed.key)) {
+    lm::logLine("pinhole add failed: ", keyText(removed.key), ": open again since its removal");
+    return;
+  }
+  if (const auto added = set_.add(removed.key); !added) {
+    (void)kernelRefusal("add", removed.key, added.failure());
+    return;
+  }
+  insert(id, removed);
+}
+
+Pinholes::OptionalRefused Pinholes::refuseAll() const {
+  if (!problem_.empty()) return Refused{"no IPv6 pinholes: " + problem_, Refusal::notPrepared};
+  if (!forwarding_.isOn()) {
+    return Refused{"this router does not forward IPv6: net.ipv6.conf.all.forwarding is 0",
+                   Refusal::notForwarding};
+  }
+  return std::nullopt;
+}
+
+Pinholes::OptionalRefused Pinholes::refuseByPolicy(const PinholeKey& key) const {
+  const Policy& policy = policies_.policy();
+  const std::string port = "port " + std::to_string(key.port);
+  const auto interface = networks_.internalInterfaceOf(key.host);
+  if (!interface) {
+    const bool own = networks_.isOwn(key.host);
+    return Refused{"host " + key.host.text() +
+                       (own ? " is this router" : " is in no network of an internal interface"),
+                   Refusal::policy};
+  }
+  if (!policy.internalClients.containsAllOf(*interface)) {
+    return Refused{"hosts of " + *interface + " are not allowed by the policy", Refusal::policy};
+  }
+  if (!policy.externalPorts.contains(key.port) || !policy.internalPorts.contains(key.port)) {
+    return Refused{port + " is not allowed by the policy", Refusal::policy};
+  }
+  return std::nullopt;
+}
+
+Pinholes::OptionalRefused Pinholes::refuseFull(const Caller& caller, const Pinhole& pinhole) const {
+  const Policy& policy = policies_.policy();
+  if (table_.size() >= policy.maxRules) {
+    return Refused{"there are as many pinholes as the policy allows", Refusal::full};
+  }
+  const auto host = byHost_.find(pinhole.key.host);
+  if ((host == byHost_.end() ? 0 : host->second) >= policy.maxRulesPerClient) {
+    return Refused{
+        "host " + pinhole.key.host.text() + " has all the pinholes that the policy allows it",
+        Refusal::full};
+  }
+  if (caller.administrator || !caller.ports->most) return std::nullopt;
+  const auto own = std::ranges::count_if(
+      table_, [&](const auto& entry) { return entry.second.owner == pinhole.owner; });
+  if (static_cast<size_t>(own) < *caller.ports->most) return std::nullopt;
+  return Refused{"service " + pinhole.owner + " has all the pinholes that its file allows it",
+                 Refusal::full};
+}
+
+Result<void> Pinholes::drop(Table::iterator it, OptionalEnd end) {
+  if (const auto removed = set_.remove({it->second.key}); !removed) {
+    return Failure{kernelRefusal("remove", it->second.key, removed.failure())};
+  }
+  erase(it, end);
+  return {};
+}
+
+template <typename Ends>
+void Pinholes::dropAll(const Ends& ends, OptionalEnd end) {
+  std::vector<uint32_t> ids;
+  std::vector<PinholeKey> keys;
+  for (const auto& [id, pinhole] : table_) {
+    if (!ends(pinhole)) continue;
+    ids.push_back(id);
+    keys.push_back(pinhole.key);
+  }
+  const bool all = set_.remove(keys).ok();
+  for (const uint32_t id : ids) {
+    const auto it = table_.find(id);
+    // One that the kernel keeps must not keep the others.
+    if (all) {
+      erase(it, end);
+    } else if (!drop(it, end)) {
+      setUntil(it, clock_.now() + removalRetry);
+    }
+  }
+}
+
+void Pinholes::setUntil(Table::iterator it, lm::Clock::Time until) {
+  leases_.remove(it->first, it->second.until);
+  it->second.until = until;
+  leases_.add(it->first, until);
+  lm::message changed;
+  lm::pinholes::write(changed, record(it->first, it->second));
+  notify(it->second.connection, std::move(changed), std::nullopt);
+}
+
+void Pinholes::insert(uint32_t id, const Pinhole& pinhole) {
+  table_.insert_or_assign(id, pinhole);
+  keys_.insert(pinhole.key);
+  ++byHost_[pinhole.key.host];
+  leases_.add(id, pinhole.until);
+  lm::message opened;
+  lm::pinholes::write(opened, record(id, pinhole));
+  notify(pinhole.connection, std::move(opened), std::nullopt);
+}
+
+void Pinholes::erase(Table::iterator it, OptionalEnd end) {
+  const Pinhole pinhole = it->second;
+  lm::pinholes::Record last = record(it->first, pinhole);
+  last.ended = end;
+  lm::message gone;
+  lm::pinholes::write(gone, last);
+  gone.insert_u32(lm::key::removed, 1);
+  leases_.remove(it->first, pinhole.until);
+  keys_.erase(pinhole.key);
+  const auto host = byHost_.find(pinhole.key.host);
+  if (--host->second == 0) byHost_.erase(host);
+  table_.erase(it);
+  notify(pinhole.connection, std::move(gone), end);
+}
+
+uint32_t Pinholes::nextId() {
+  do {
+    lastId_ = lastId_ >= lm::none - 1 ? 1 : lastId_ + 1;
+  } while (table_.contains(lastId_));
+  return lastId_;
+}
+
+void Pinholes::leasesEnded(const std::vector<uint32_t>& ids) {
+  const lm::Clock::Time now = clock_.now();
+  (void)ids;
+  dropAll([&](const Pinhole& pinhole) { return pinhole.until <= now; }, End::lease);
+}
+
+void Pinholes::internalHostsChanged() {
+  dropAll([this](const Pinhole& one) { return !networks_.internalInterfaceOf(one.key.host); },
+          End::addressGone);
+}
+
+lm::pinholes::Record Pinholes::record(uint32_t id, const Pinhole& pinhole) const {
+  const lm::Clock::Time now = clock_.now();
+  const auto left = std::chrono::ceil<std::chrono::seconds>(std::max(pinhole.until, now) - now);
+  const auto age = std::chrono::floor<std::chrono::seconds>(now - pinhole.addedAt);
+  return {.pinhole = {.address = pinhole.key.host.text(),
+                      .protocol = pinhole.key.protocol,
+                      .port = pinhole.key.port,
+                      .lease = static_cast<uint32_t>(left.count())},
+          .id = id,
+          .owner = pinhole.owner,
+          .seconds = static_cast<uint64_t>(age.count())};
+}
+
+void Pinholes::notify(uint64_t owner, lm::message record, OptionalEnd end) {
+  lm::message news;
+  news.insert_message_array(lm::key::records, {std::move(record)});
+  if (end) return notifier_.notifyWithOwner(owner, lm::cmd::changed, lm::pinholes::path(), news);
+  notifier_.notify(lm::cmd::changed, lm::pinholes::path(), news);
+}
+
+}  // namespace lumen

@@ -1,0 +1,410 @@
+// The pinhole table on a recorded kernel and a clock that the test moves.
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "lumen/runtime/EventLoop.h"
+#include "lumen/services/pinholes/Pinholes.h"
+#include "platform/Keys.h"
+#include "services/pinholes/FakeSet.h"
+#include "support/LogCapture.h"
+#include "support/ManualClock.h"
+#include "support/TempDir.h"
+#include "support/WhyNot.h"
+
+namespace lumen::test {
+
+namespace {
+
+using namespace std::chrono_literals;
+using lm::pinholes::End;
+using lm::pinholes::Refusal;
+using Texts = std::vector<std::string>;
+
+struct Wish {
+  std::string host = "2001:db8:1::10";
+  uint32_t protocol = 6;
+  uint32_t port = 8080;
+  uint32_t lease = 600;
+};
+
+struct FakeForwarding : Ipv6Forwarding {
+  bool isOn() override { return on; }
+  bool on = true;
+};
+
+/// Keeps the records that were notified, with the connection of an owner that was notified too.
+struct News : Notifier {
+  struct One {
+    lm::pinholes::Record record;
+    bool removed = false;
+    std::optional<uint64_t> owner;
+  };
+  void notify(uint32_t command, const std::vector<uint32_t>& source,
+              const lm::message& fields) override {
+    keep(command, source, fields, std::nullopt);
+  }
+  void notifyWithOwner(uint64_t owner, uint32_t command, const std::vector<uint32_t>& source,
+                       const lm::message& fields) override {
+    keep(command, source, fields, owner);
+  }
+  void keep(uint32_t command, const std::vector<uint32_t>& source, const lm::message& fields,
+            std::optional<uint64_t> owner) {
+    EXPECT_EQ(command, lm::cmd::changed);
+    EXPECT_EQ(source, (std::vector<uint32_t>{20, 7}));
+    for (const lm::message& m : fields.get_message_array_ref(lm::key::records)) {
+      all.push_back({lm::pinholes::readRecord(m), m.get_u32(lm::key::removed) != 0, owner});
+    }
+  }
+  std::vector<One> all;
+};
+
+Ipv6LinkAddress held(const std::string& address) {
+  const Ipv6Address parsed = Ipv6Address::parse(address).value();
+  return {parsed, Ipv6Network(parsed, 64)};
+}
+
+class PinholesTest : public testing::Test {
+ protected:
+  PinholesTest() {
+    EXPECT_EQ(whyNot(policies.load()), "");
+    networks.internalNames({"br-lan"});
+    networks.tablesRead({.links = {{2, {.index = 2, .name = "br-lan"}}},
+                         .addresses = {},
+                         .ipv6Addresses = {{2, {held("2001:db8:1::1"), held("fd00::1")}}}});
+    directory.write("rules.nft", "");
+    kernel.prints("list table ip6 lumen", installedTable);
+    pinholes.begin(directory.file("rules.nft"));
+    kernel.takeTexts();
+  }
+
+  lm::message asks(const Caller& caller, uint32_t command, const lm::message& request) {
+    return pinholes.handle(caller, command, request);
+  }
+  static lm::message requestFor(const Wish& wish) {
+    lm::message request;
+    lm::pinholes::write(request,
+                        lm::pinholes::Pinhole{wish.host, wish.protocol, wish.port, wish.lease});
+    return request;
+  }
+  uint32_t opens(const Wish& wish) { return opensAs(pcp, wish); }
+  uint32_t opensAs(const Caller& caller, const Wish& wish) {
+    const lm::message reply = asks(caller, lm::cmd::addObject, requestFor(wish));
+    EXPECT_EQ(lm::getError(reply), "");
+    return reply.get_u32(lm::key::objectId);
+  }
+  /// Why, with the number for programs: "3: port 80 is not allowed by the policy".
+  std::string refused(const Wish& wish) { return refusedAs(pcp, wish); }
+  std::string refusedAs(const Caller& caller, const Wish& wish) {
+    return textOf(asks(caller, lm::cmd::addObject, requestFor(wish)));
+  }
+  static std::string textOf(const lm::message& reply) {
+    if (!lm::isError(reply)) return "";
+    return std::to_string(reply.get_u32(lm::pinholes::key::refusal)) + ": " + lm::getError(reply);
+  }
+  std::string renews(const Caller& caller, uint32_t id, uint32_t lease) {
+    lm::message request;
+    request.insert_u32(lm::key::objectId, id);
+    request.insert_u32(lm::pinholes::key::lease, lease);
+    return textOf(asks(caller, lm::cmd::setObject, request));
+  }
+  std::string removes(const Caller& caller, uint32_t id) {
+    lm::message request;
+    request.insert_u32(lm::key::objectId, id);
+    return textOf(asks(caller, lm::cmd::removeObject, request));
+  }
+  std::vector<lm::pinholes::Record> lists() {
+    std::vector<lm::pinholes::Record> all;
+    const lm::message page = asks(admin, lm::cmd::list, {});
+    EXPECT_EQ(lm::getError(page), "");
+    for (const lm::message& m : page.get_message_array_ref(lm::key::records)) {
+      all.push_back(lm::pinholes::readRecord(m));
+    }
+    return all;
+  }
+  std::string problem() {
+    return asks(admin, lm::cmd::get, {}).get_string(lm::pinholes::key::problem);
+  }
+  void passes(std::chrono::milliseconds time) {
+    clock.advance(time);
+    loop.turn(0ms);
+  }
+  void givesUp() {
+    const auto undo = pinholes.takeUndo();
+    ASSERT_TRUE(static_cast<bool>(undo));
+    undo();
+  }
+
+  static constexpr const char* adds =
+      "add element ip6 lumen pinholes { 2001:db8:1::10 . tcp . 8080 }";
+  static constexpr const char* deletes =
+      "delete element ip6 lumen pinholes { 2001:db8:1::10 . tcp . 8080 }";
+
+  Caller pcp{.connection = 7, .service = 41, .name = "pcp", .ports = PortGrant()};
+  Caller other{.connection = 8, .service = 43, .name = "other", .ports = PortGrant()};
+  Caller web{.connection = 10, .service = 42, .name = "web", .reads = true};
+  Caller admin{.connection = 9, .service = 0, .name = "", .administrator = true};
+
+  lm::test::ManualClock clock;
+  lm::EventLoop loop{clock};
+  lm::test::TempDir directory;
+  FakeSet kernel;
+  PinholeSet set{kernel};
+  Ipv6Networks networks;
+  FakeForwarding forwarding;
+  PolicyBook policies{directory.file("nat-policy"), directory.path()};
+  News news;
+  Pinholes pinholes{set, networks, forwarding, policies, news, clock};
+};
+
+}  // namespace
+
+// Promise [pinhole]: A pinhole is listed with its host, what is left of its lease, and the service
+// that opened it; it ends with its lease, and its owner is notified.
+TEST_F(PinholesTest, OpenAPortOfAHostUntilTheLeaseEnds) {
+  const uint32_t id = opens({});
+  EXPECT_EQ(kernel.takeTexts(), Texts{adds});
+  passes(10s);
+  EXPECT_EQ(
+      lists(),
+      std::vector({lm::pinholes::Record{
+          .pinhole = {"2001:db8:1::10", 6, 8080, 590}, .id = id, .owner = "pcp", .seconds = 10}}));
+  passes(589'999ms);
+  EXPECT_EQ(kernel.takeTexts(), Texts{});
+  news.all.clear();
+  passes(20ms);
+  EXPECT_EQ(kernel.takeTexts(), Texts{deletes});
+  EXPECT_TRUE(lists().empty());
+  ASSERT_EQ(news.all.size(), 1U);
+  EXPECT_TRUE(news.all[0].removed);
+  EXPECT_EQ(news.all[0].owner, 7U);
+  EXPECT_EQ(news.all[0].record.id, id);
+  EXPECT_EQ(news.all[0].record.ended, End::lease);
+  EXPECT_NE(opens({}), id) << "an id is not used twice";
+}
+
+TEST_F(PinholesTest, RenewALeaseWithoutTheKernel) {
+  const uint32_t id = opens({});
+  kernel.takeTexts();
+  passes(500s);
+  EXPECT_EQ(renews(pcp, id, 300), "");
+  EXPECT_EQ(lists().at(0).pinhole.lease, 300U);
+  passes(299s);
+  EXPECT_EQ(kernel.takeTexts(), Texts{});
+  EXPECT_EQ(renews(other, id, 300), "1: not permitted");
+  EXPECT_EQ(renews(pcp, id, 0), "1: a pinhole must have a lease of at least one second");
+  EXPECT_EQ(renews(pcp, id + 1, 300), "1: no such object");
+  passes(2s);
+  EXPECT_EQ(kernel.takeTexts(), Texts{deletes});
+}
+
+TEST_F(PinholesTest, AreRemovedByTheirOwnerAndByAdministrators) {
+  const uint32_t first = opens({});
+  const uint32_t second = opens({.port = 8081});
+  EXPECT_EQ(removes(other, first), "1: not permitted");
+  news.all.clear();
+  EXPECT_EQ(removes(pcp, first), "");
+  EXPECT_EQ(news.all.at(0).owner, std::nullopt) << "it knows";
+  EXPECT_EQ(removes(admin, second), "");
+  EXPECT_EQ(news.all.at(1).owner, 7U);
+  EXPECT_EQ(news.all.at(1).record.ended, End::administrator);
+  EXPECT_EQ(removes(pcp, first), "1: no such object");
+  EXPECT_TRUE(lists().empty());
+}
+
+// Promise [pinhole-owner]: When the program that opened pinholes ends, they are closed, in one
+// transaction.
+TEST_F(PinholesTest, EndWithTheConnectionThatOpenedThem) {
+  opens({});
+  opens({.protocol = 17});
+  opensAs(other, {.port = 9000});
+  kernel.takeTexts();
+  pinholes.connectionEnded(pcp.connection);
+  EXPECT_EQ(kernel.takeTexts(),
+            Texts{"delete element ip6 lumen pinholes { 2001:db8:1::10 . tcp . 8080, "
+                  "2001:db8:1::10 . udp . 8080 }"});
+  EXPECT_EQ(lists().size(), 1U);
+}
+
+// Promise [pinhole-network]: When the network of an internal interface goes, its pinholes go, and
+// their owner is notified.
+TEST_F(PinholesTest, EndWithTheNetworkOfTheirHost) {
+  opens({});
+  opens({.host = "fd00::10"});
+  kernel.takeTexts();
+  news.all.clear();
+  networks.ipv6AddressRemoved(2, held("2001:db8:1::1"));
+  EXPECT_EQ(kernel.takeTexts(), Texts{deletes});
+  ASSERT_EQ(news.all.size(), 1U);
+  EXPECT_EQ(news.all[0].record.ended, End::addressGone);
+  EXPECT_EQ(news.all[0].owner, 7U);
+  EXPECT_EQ(lists().size(), 1U);
+  networks.internalNames({});
+  EXPECT_TRUE(lists().empty());
+}
+
+TEST_F(PinholesTest, EndWhenTheRouterTakesTheAddressOfTheirHost) {
+  opens({});
+  networks.ipv6AddressAdded(2, held("2001:db8:1::10"));
+  EXPECT_TRUE(lists().empty());
+}
+
+// Also proves [pinhole-hosts].
+TEST_F(PinholesTest, RefuseWhatIsNoInternalHost) {
+  EXPECT_EQ(refused({.host = "2001:db8:1::1"}), "3: host 2001:db8:1::1 is this router");
+  EXPECT_EQ(refused({.host = "2001:db8:2::1"}),
+            "3: host 2001:db8:2::1 is in no network of an internal interface");
+  EXPECT_EQ(refused({.host = "fe80::10"}),
+            "3: host fe80::10 is in no network of an internal interface");
+  EXPECT_EQ(refused({.host = "ff02::1"}),
+            "3: host ff02::1 is in no network of an internal interface");
+  EXPECT_EQ(kernel.takeTexts(), Texts{});
+}
+
+TEST_F(PinholesTest, RefuseWhatIsNoPinhole) {
+  EXPECT_EQ(refused({.host = "192.168.88.10"}), "1: the host must be an IPv6 address");
+  EXPECT_EQ(refused({.host = ""}), "1: the host must be an IPv6 address");
+  EXPECT_EQ(refused({.protocol = 132}), "1: protocol must be 6 (TCP) or 17 (UDP)");
+  EXPECT_EQ(refused({.protocol = 256 + 6}), "1: protocol must be 6 (TCP) or 17 (UDP)");
+  EXPECT_EQ(refused({.port = 0}), "1: port must be from 1 to 65535");
+  EXPECT_EQ(refused({.port = 65536 + 8080}), "1: port must be from 1 to 65535");
+  EXPECT_EQ(refused({.lease = 0}), "1: a pinhole must have a lease of at least one second");
+  lm::message request = requestFor({});
+  request.insert_u32(0x08000099, 1);
+  EXPECT_NE(textOf(asks(pcp, lm::cmd::addObject, request)), "") << "it may be a condition";
+  EXPECT_EQ(kernel.takeTexts(), Texts{});
+}
+
+// Promise [pinhole-forwarding]: Where the router does not forward IPv6, no pinhole is opened.
+TEST_F(PinholesTest, AreRefusedWhereTheRouterDoesNotForward) {
+  EXPECT_EQ(problem(), "");
+  forwarding.on = false;
+  const std::string why = "this router does not forward IPv6: net.ipv6.conf.all.forwarding is 0";
+  EXPECT_EQ(refused({}), "6: " + why);
+  EXPECT_EQ(problem(), why);
+  forwarding.on = true;
+  opens({});
+}
+
+// Promise [pinhole-file]: Without `pinhole-ruleset.nft`, or with one that does not make the table,
+// all else works, pinholes are refused, and the reason is logged.
+TEST_F(PinholesTest, AreRefusedWithoutTheKernelsTable) {
+  const std::string why = "no IPv6 pinholes: /nowhere: No such file or directory";
+  lm::test::LogCapture log;
+  pinholes.begin("/nowhere");
+  EXPECT_EQ(log.text(), why + "\n");
+  EXPECT_EQ(refused({}), "7: " + why);
+  EXPECT_EQ(problem(), why);
+  EXPECT_EQ(kernel.takeTexts(), Texts{});
+}
+
+TEST_F(PinholesTest, RefuseASecondOneOfTheSamePort) {
+  opens({});
+  EXPECT_EQ(refused({}), "2: tcp port 8080 of 2001:db8:1::10 is open already");
+  EXPECT_EQ(refusedAs(other, {}), "2: tcp port 8080 of 2001:db8:1::10 is open already");
+  opens({.host = "2001:db8:1::11"});
+  opens({.protocol = 17});
+}
+
+// Promise [pinhole-policy]: The policy's ports, hosts by interface and numbers, and the bounds of a
+// service file, hold for pinholes as they do for open ports.
+TEST_F(PinholesTest, FollowThePolicy) {
+  EXPECT_EQ(refused({.port = 80}), "3: port 80 is not allowed by the policy");
+  EXPECT_EQ(refused({.port = 3389}), "3: port 3389 is not allowed by the policy");
+  lm::message policy;
+  policy.insert_string(lm::nat::key::internalClients, "br-guest, 192.168.88.0/24");
+  EXPECT_EQ(whyNot(policies.write(policy)), "");
+  EXPECT_EQ(refused({}), "3: hosts of br-lan are not allowed by the policy");
+  policy.insert_string(lm::nat::key::internalClients, "br-lan");
+  policy.insert_u32(lm::nat::key::maxRulesPerClient, 1);
+  policy.insert_u32(lm::nat::key::maxRules, 2);
+  EXPECT_EQ(whyNot(policies.write(policy)), "");
+  opens({});
+  EXPECT_EQ(refused({.port = 8081}),
+            "4: host 2001:db8:1::10 has all the pinholes that the policy allows it");
+  const uint32_t second = opens({.host = "2001:db8:1::11"});
+  EXPECT_EQ(refused({.host = "2001:db8:1::12"}),
+            "4: there are as many pinholes as the policy allows");
+  EXPECT_EQ(removes(pcp, second), "");
+  opens({.host = "2001:db8:1::12"});
+}
+
+// Also proves [pinhole-policy].
+TEST_F(PinholesTest, FollowTheServiceFile) {
+  EXPECT_EQ(refusedAs(web, {}), "5: its service file does not say \"ports = yes\"");
+  pcp.ports = PortGrant{.most = 1, .longestLease = 600s};
+  EXPECT_EQ(refused({.lease = 601}), "5: the lease is longer than its service file allows");
+  const uint32_t id = opens({.lease = 600});
+  EXPECT_EQ(renews(pcp, id, 601), "5: the lease is longer than its service file allows");
+  EXPECT_EQ(refused({.port = 8081}), "4: service pcp has all the pinholes that its file allows it");
+  opensAs(other, {.port = 8081, .lease = 86400});
+}
+
+// Promise [pinhole-rights]: Only administrators and services that may read are shown the pinholes.
+TEST_F(PinholesTest, AreShownToThoseWhoMayRead) {
+  const uint32_t id = opens({});
+  lm::message one;
+  one.insert_u32(lm::key::objectId, id);
+  for (const uint32_t command :
+       {lm::cmd::list, lm::cmd::readAll, lm::cmd::readObject, lm::cmd::get}) {
+    EXPECT_EQ(lm::getError(asks(pcp, command, one)), "not permitted");
+    EXPECT_EQ(lm::getError(asks(web, command, one)), "");
+  }
+  EXPECT_EQ(lm::pinholes::readRecord(asks(web, lm::cmd::readObject, one)).id, id);
+  EXPECT_EQ(lm::getError(asks(admin, lm::cmd::readObject, {})), "no such object");
+  EXPECT_EQ(lm::getError(asks(admin, lm::cmd::set, {})), "unknown command");
+}
+
+TEST_F(PinholesTest, AreAsBeforeWhenTheRequesterGivesUp) {
+  const uint32_t id = opens({});
+  givesUp();
+  EXPECT_TRUE(lists().empty());
+  EXPECT_EQ(kernel.takeTexts(), (Texts{adds, deletes}));
+
+  const uint32_t second = opens({});
+  EXPECT_NE(second, id);
+  EXPECT_EQ(renews(pcp, second, 1000), "");
+  givesUp();
+  EXPECT_EQ(lists().at(0).pinhole.lease, 600U);
+
+  EXPECT_EQ(removes(pcp, second), "");
+  kernel.takeTexts();
+  givesUp();
+  EXPECT_EQ(kernel.takeTexts(), Texts{adds});
+  EXPECT_EQ(lists().at(0).id, second);
+}
+
+TEST_F(PinholesTest, ChangeNothingThatTheKernelRefuses) {
+  const lm::test::LogCapture log;
+  kernel.refuses(adds, "No space left on device");
+  EXPECT_EQ(refused({}), "1: the kernel refused it: No space left on device");
+  EXPECT_TRUE(lists().empty());
+  kernel.refusesNothing();
+  const uint32_t id = opens({});
+  kernel.refuses(deletes, "No such file or directory");
+  EXPECT_EQ(removes(pcp, id), "1: the kernel refused it: No such file or directory");
+  EXPECT_EQ(lists().size(), 1U);
+}
+
+TEST_F(PinholesTest, AreTriedAgainWhenTheKernelKeepsOneOfThem) {
+  const lm::test::LogCapture log;
+  opens({});
+  opens({.port = 8081});
+  kernel.refuses(
+      "delete element ip6 lumen pinholes { 2001:db8:1::10 . tcp . 8080, "
+      "2001:db8:1::10 . tcp . 8081 }",
+      "Device or resource busy");
+  kernel.refuses(deletes, "Device or resource busy");
+  passes(600s);
+  ASSERT_EQ(lists().size(), 1U);
+  EXPECT_EQ(lists()[0].pinhole.port, 8080U);
+  kernel.refusesNothing();
+  passes(10s);
+  EXPECT_TRUE(lists().empty());
+}
+
+}  // namespace lumen::test
