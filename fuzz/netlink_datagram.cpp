@@ -37,6 +37,8 @@ class Checks {
   }
   void operator()(const NetlinkMessage::AddressIs& is) const { check(is.address); }
   void operator()(const NetlinkMessage::AddressGone& gone) const { check(gone.address); }
+  void operator()(const NetlinkMessage::Ipv6AddressIs& is) const { check(is.address); }
+  void operator()(const NetlinkMessage::Ipv6AddressGone& gone) const { check(gone.address); }
   void operator()(const NetlinkMessage::Answered& answer) const {
     require(answer.error >= 0 && answer.error <= 4095, "an answer is an errno");
   }
@@ -51,6 +53,10 @@ class Checks {
  private:
   static void check(const lumen::LinkAddress& address) {
     require(address.network.prefix() <= 32, "a prefix has at most 32 bits");
+  }
+
+  static void check(const lumen::Ipv6LinkAddress& address) {
+    require(address.network.prefix() <= 128, "a prefix of IPv6 has at most 128 bits");
   }
 
   /// Puts the route back by the new link where it left by `link`.

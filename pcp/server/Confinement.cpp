@@ -10,6 +10,7 @@ namespace {
 
 constexpr SystemCall own[] = {
     {"socket", {0, SystemCall::number, AF_INET}, {1, socketKind, SOCK_DGRAM}},
+    {"socket", {0, SystemCall::number, AF_INET6}, {1, socketKind, SOCK_DGRAM}},
 };
 
 }  // namespace

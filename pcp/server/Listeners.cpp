@@ -23,12 +23,12 @@ void Listeners::update() {
   retry_.stop();
   std::erase_if(sockets_, [this](const auto& entry) {
     return std::none_of(wanted_.begin(), wanted_.end(), [&](const Place& place) {
-      return Link(place.interface, place.index) == entry.first;
+      return Link{place.interface, place.index} == entry.first;
     });
   });
   std::string problem;
   for (const Place& place : wanted_) {
-    const Link link(place.interface, place.index);
+    const Link link{place.interface, place.index};
     if (const auto it = sockets_.find(link); it != sockets_.end()) {
       it->second->setAddresses(place.addresses);
       continue;
@@ -52,10 +52,10 @@ void Listeners::announce(std::span<const uint8_t> datagram) {
   for (const auto& [link, socket] : sockets_) socket->announce(datagram);
 }
 
-std::string Listeners::served() const {
-  std::string all;
-  for (const auto& [link, socket] : sockets_) all += (all.empty() ? "" : " ") + link.first;
-  return all;
+std::set<std::string> Listeners::served() const {
+  std::set<std::string> names;
+  for (const auto& [link, socket] : sockets_) names.insert(link.name);
+  return names;
 }
 
 }  // namespace pcp

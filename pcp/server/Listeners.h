@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <set>
 #include <span>
 #include <string>
 #include <utility>
@@ -28,14 +29,12 @@ class Listeners {
   /// Sends a datagram to all hosts.
   void announce(std::span<const uint8_t> datagram);
 
-  /// "br-lan br-guest".
-  [[nodiscard]] std::string served() const;
+  /// The names of the interfaces.
+  [[nodiscard]] std::set<std::string> served() const;
   /// Why a place is not served, one of them; empty: all are.
   [[nodiscard]] const std::string& problem() const { return problem_; }
 
  private:
-  using Link = std::pair<std::string, uint32_t>;  // name and index
-
   void update();
 
   LanSocket::Site& site_;

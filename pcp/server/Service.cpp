@@ -16,6 +16,7 @@
 #include "platform/wire/Interfaces.h"
 #include "platform/wire/NatRules.h"
 #include "platform/wire/Pcp.h"
+#include "platform/wire/Pinholes.h"
 
 namespace pcp {
 
@@ -40,7 +41,8 @@ std::vector<Topic> topics() {
           {lm::cmd::interfaceChanged, lm::interfaces::path()},
           {lm::interfaces::roleChanged, lm::interfaces::path()},
           {lm::cmd::changed, lm::addresses::path()},
-          {lm::cmd::changed, lm::nat::path()}};
+          {lm::cmd::changed, lm::nat::path()},
+          {lm::cmd::changed, lm::pinholes::path()}};
 }
 
 /// Takes the settings that `from` has. Returns what is wrong with them.
@@ -48,16 +50,21 @@ std::string take(const lm::message& from, Service::Settings& settings) {
   settings.enabled = from.get_bool(lm::pcp::key::enabled, settings.enabled);
   if (from.fields().find(lm::pcp::key::agents) == nullptr) return {};
   settings.agents.clear();
+  settings.ipv6Agents.clear();
   std::string_view rest;
   const std::string text = from.get_string(lm::pcp::key::agents);
   for (rest = text; !rest.empty();) {
     const std::string_view word = rest.substr(0, rest.find(' '));
     rest.remove_prefix(std::min(word.size() + 1, rest.size()));
     if (word.empty()) continue;
-    const auto address = lumen::Ipv4Address::parse(word);
-    if (!address) return "a host is no IPv4 address";
-    if (settings.agents.size() == mostAgents) return "more than 16 hosts";
-    settings.agents.insert(*address);
+    const auto ipv4 = lumen::Ipv4Address::parse(word);
+    const auto ipv6 = lumen::Ipv6Address::parse(word);
+    if (!ipv4 && !ipv6) return "a host is no IP address";
+    if (settings.agents.size() + settings.ipv6Agents.size() == mostAgents) {
+      return "more than 16 hosts";
+    }
+    if (ipv4) settings.agents.insert(*ipv4);
+    if (ipv6) settings.ipv6Agents.insert(*ipv6);
   }
   return {};
 }
@@ -65,6 +72,9 @@ std::string take(const lm::message& from, Service::Settings& settings) {
 lm::message written(const Service::Settings& settings) {
   std::string agents;
   for (const lumen::Ipv4Address& one : settings.agents) {
+    agents += (agents.empty() ? "" : " ") + one.text();
+  }
+  for (const lumen::Ipv6Address& one : settings.ipv6Agents) {
     agents += (agents.empty() ? "" : " ") + one.text();
   }
   lm::message m;
@@ -97,7 +107,8 @@ Service::Service(std::string store, const lm::Clock& clock)
       responder_(table_, epoch_, settings_.agents),
       limit_(clock),
       announcements_(clock),
-      listeners_(*this) {
+      listeners_(*this),
+      ipv6_(*this, settings_.ipv6Agents, clock) {
   if (const auto saved = store_.get(settingsRecord)) (void)take(*saved, settings_);
 }
 
@@ -116,6 +127,7 @@ void Service::start() {
   if (std::exchange(started_, true)) return;
   epoch_.restart();
   announcements_.begin();
+  ipv6_.start();
   for (const Topic& topic : topics()) subscribe(topic.command, topic.path);
   readSides();
 }
@@ -128,13 +140,20 @@ void Service::stop() {
   announcements_.stop();
   listeners_.listenAt({});
   table_.setExternal(std::nullopt);
+  ipv6_.stop();
 }
 
 lm::message Service::cmdGet(const lm::message& /*request*/) {
   lm::message reply = written(settings_);
-  reply.insert_string(lm::pcp::key::served, listeners_.served());
-  reply.insert_string(lm::pcp::key::problem, listeners_.problem());
+  std::set<std::string> names = listeners_.served();
+  names.merge(ipv6_.served());
+  std::string served;
+  for (const std::string& name : names) served += (served.empty() ? "" : " ") + name;
+  reply.insert_string(lm::pcp::key::served, served);
+  const std::string& problem = listeners_.problem();
+  reply.insert_string(lm::pcp::key::problem, problem.empty() ? ipv6_.problem() : problem);
   reply.insert_u32(lm::pcp::key::mappings, static_cast<uint32_t>(table_.size()));
+  reply.insert_u32(lm::pcp::key::pinholes, static_cast<uint32_t>(ipv6_.mappings()));
   return reply;
 }
 
@@ -157,6 +176,12 @@ lm::message Service::cmdSet(const lm::message& request) {
 lm::message Service::cmdUnknown(const lm::message& request, uint32_t command) {
   if (request.has_array(lm::key::destination)) return Handler::cmdUnknown(request, command);
   if (!started_) return {};
+  if (request.get_u32_array_ref(lm::key::source) == lm::pinholes::path()) {
+    for (const lm::message& news : request.get_message_array_ref(lm::key::records)) {
+      ipv6_.notified(news);
+    }
+    return {};
+  }
   if (request.get_u32_array_ref(lm::key::source) != lm::nat::path()) {
     if (!change_.pending()) {
       change_.start<&Service::readSides>(*this, lumen::timerDelay(settling));
@@ -183,6 +208,7 @@ void Service::readSides() {
   }
   Sides sides = sidesOf(*interfaces, *addresses, table_.external());
   listeners_.listenAt(std::move(sides.internal));
+  ipv6_.listenAt(std::move(sides.links));
   if (sides.external != table_.external()) {
     // RFC 6887 section 8.5: with another address, or none, all mappings are lost.
     epoch_.restart();
@@ -205,7 +231,7 @@ void Service::announceDue() {
 
 std::optional<std::vector<uint8_t>> Service::answer(std::span<const uint8_t> datagram,
                                                     lumen::Ipv4Address source) {
-  if (!limit_.admits(source)) return std::nullopt;
+  if (!limit_.admits(IpAddress::mapped(source))) return std::nullopt;
   return responder_.answer(datagram, source);
 }
 

@@ -9,6 +9,8 @@
 
 #include "lumen/runtime/Clock.h"
 #include "lumen/values/Ipv4.h"
+#include "lumen/values/Ipv6.h"
+#include "pcp/server/Ipv6Service.h"
 #include "pcp/server/LanSocket.h"
 #include "pcp/server/Listeners.h"
 #include "pcp/server/PlatformPorts.h"
@@ -30,7 +32,8 @@ class Service : public lm::Handler, private LanSocket::Site {
  public:
   struct Settings {
     bool enabled = false;
-    std::set<lumen::Ipv4Address> agents;  ///< the hosts that may ask for others
+    std::set<lumen::Ipv4Address> agents;      ///< the hosts that may ask for others
+    std::set<lumen::Ipv6Address> ipv6Agents;  ///< the same by IPv6
   };
 
   /// Reads the settings. `store` is a store directory; `clock` must outlive this.
@@ -64,6 +67,7 @@ class Service : public lm::Handler, private LanSocket::Site {
   AnswerLimit limit_;
   Announcements announcements_;
   Listeners listeners_;
+  Ipv6Service ipv6_;
   lm::Timer change_;    // waits for more notifications of a change of the sides
   lm::Timer announce_;  // the next announcement
 };

@@ -11,6 +11,9 @@ Sides sidesOf(const std::vector<lm::interfaces::Record>& interfaces,
   for (const lm::interfaces::Record& interface : interfaces) {
     const bool internal = interface.role == lm::interfaces::roleInternal;
     const bool external = interface.role == lm::interfaces::roleExternal;
+    if (internal && interface.running && interface.index != 0) {
+      sides.links.push_back({interface.name, interface.index});
+    }
     Place place = {interface.name, interface.index, {}};
     for (const lm::addresses::Record& record : addresses) {
       if (record.interface != interface.id || record.disabled) continue;

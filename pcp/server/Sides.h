@@ -1,5 +1,6 @@
 #pragma once
 
+#include <compare>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -20,9 +21,18 @@ struct Place {
   bool operator==(const Place&) const = default;
 };
 
+/// An internal interface that runs, whatever addresses it has.
+struct Link {
+  std::string name;
+  uint32_t index = 0;  ///< of the kernel: another link of the same name is another one
+
+  auto operator<=>(const Link&) const = default;
+};
+
 /// Where the router meets its hosts and the Internet.
 struct Sides {
   std::vector<Place> internal;
+  std::vector<Link> links;  ///< also those without an IPv4 address
   std::optional<lumen::Ipv4Address> external;
 };
 

@@ -5,7 +5,7 @@
 
 namespace pcp {
 
-bool AnswerLimit::admits(lumen::Ipv4Address address) {
+bool AnswerLimit::admits(const IpAddress& address) {
   const lm::Clock::Time now = clock_.now();
   if (hosts_.size() >= mostHosts && !hosts_.contains(address)) makeRoom();
   Host& host = hosts_.try_emplace(address, Host{now}).first->second;

@@ -4,7 +4,7 @@
 #include <map>
 
 #include "lumen/runtime/Clock.h"
-#include "lumen/values/Ipv4.h"
+#include "pcp/codec/IpAddress.h"
 
 namespace pcp {
 
@@ -22,7 +22,7 @@ class AnswerLimit {
   explicit AnswerLimit(const lm::Clock& clock) : clock_(clock) {}
 
   /// Whether `host` may be answered now; counts the answer.
-  [[nodiscard]] bool admits(lumen::Ipv4Address host);
+  [[nodiscard]] bool admits(const IpAddress& host);
 
   [[nodiscard]] size_t hosts() const { return hosts_.size(); }
 
@@ -35,7 +35,7 @@ class AnswerLimit {
   void makeRoom();
 
   const lm::Clock& clock_;
-  std::map<lumen::Ipv4Address, Host> hosts_;
+  std::map<IpAddress, Host> hosts_;
 };
 
 }  // namespace pcp

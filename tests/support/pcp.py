@@ -22,3 +22,9 @@ def pcp_map(protocol, internal, external=0, *, host, lifetime=3600, options=b"")
     """RFC 6887 sections 7.1 and 11.1: header, then nonce, protocol, ports and wished address."""
     return (struct.pack("!BBHI", 2, 1, 0, lifetime) + mapped(host) + NONCE +
             struct.pack("!B3xHH", protocol, internal, external) + mapped("0.0.0.0") + options)
+
+
+def ipv6_map(protocol, port, *, host, lifetime=3600, options=b""):
+    """The same of an IPv6 host, without a wish."""
+    return (struct.pack("!BBHI", 2, 1, 0, lifetime) + socket.inet_pton(socket.AF_INET6, host) +
+            NONCE + struct.pack("!B3xHH", protocol, port, 0) + bytes(16) + options)

@@ -144,6 +144,7 @@ void Fence::update() {
     if (granted) grantedInternal_ = std::move(internal);
     done = granted;
   }
+  if (ipv6_ && !updateIpv6()) done = false;
   if (nameServers_ != grantedServers_) {
     const bool granted = run(fence::grantNameServers(nameServers_)) &&
                          (!ipv6_ || run(fence::grantIpv6NameServers(nameServers_)));
@@ -151,6 +152,17 @@ void Fence::update() {
     done = done && granted;
   }
   if (!done) retry_.start<&Fence::update>(*this, retryDelay);
+}
+
+bool Fence::updateIpv6() {
+  std::set<std::string> names;
+  for (const std::string& name : internalNames_) {
+    if (fence::canName(name)) names.insert(name);
+  }
+  if (names == grantedIpv6Names_) return true;
+  if (!run(fence::grantIpv6Internal(names))) return false;
+  grantedIpv6Names_ = std::move(names);
+  return true;
 }
 
 bool Fence::run(const std::string& commands) {

@@ -49,6 +49,8 @@ class Fence : public Links::Listener, public KeptNames::Listener {
 
  private:
   [[nodiscard]] fence::Internal findInternal();
+  /// Brings the IPv6 table to the names of internal interfaces; false: the kernel refused.
+  [[nodiscard]] bool updateIpv6();
   /// Brings the kernel to what is known; what it refuses is logged and tried again later.
   void update();
   [[nodiscard]] bool run(const std::string& commands);
@@ -65,6 +67,7 @@ class Fence : public Links::Listener, public KeptNames::Listener {
 
   // As the kernel has it.
   fence::Internal grantedInternal_;
+  std::set<std::string> grantedIpv6Names_;
   NameServers grantedServers_;
 
   std::set<std::string> unnamed_;  // interfaces that were reported because they cannot be named

@@ -76,8 +76,9 @@ std::string makeIpv4Table(const Users& users) {
 }
 
 std::string makeIpv6Table(const Users& users) {
-  return makeTable("ip6", users, "\tchain name_servers {\n\t}\n",
-                   judge(users, NetworkGrant::nameServers, "name_servers"));
+  return makeTable("ip6", users, "\tchain internal {\n\t}\n\tchain name_servers {\n\t}\n",
+                   judge(users, NetworkGrant::internal, "internal") +
+                       judge(users, NetworkGrant::nameServers, "name_servers"));
 }
 
 std::string grantInternal(const Internal& internal) {
@@ -102,6 +103,16 @@ std::string grantInternal(const Internal& internal) {
                 "add rule " + chain + answering + rules + "add rule " + chain + interfaces +
                     " ip daddr . udp dport { 239.255.255.250 . 1900, 224.0.0.1 . 5350 } accept\n") +
          refill(answers, "add rule " + answers + answering);
+}
+
+std::string grantIpv6Internal(const std::set<std::string>& names) {
+  const std::string chain = "ip6 lumen_fence internal";
+  if (names.empty()) return refill(chain, "");
+  List list;
+  for (const std::string& name : names) list.add(quoted(name));
+  const std::string begin = "add rule " + chain + " oifname " + list.text() + " udp sport 5351 ";
+  return refill(chain, begin + "ct state established ct direction reply accept\n" + begin +
+                           "ip6 daddr . udp dport { ff02::1 . 5350 } accept\n");
 }
 
 std::string grantNameServers(const NameServers& servers) {

@@ -31,11 +31,13 @@ using Internal = std::map<std::string, std::set<Ipv4Network>>;
 
 /// Makes the IPv4 table, with nothing granted yet. The table must not exist.
 [[nodiscard]] std::string makeIpv4Table(const Users& users);
-/// The same for IPv6, where internal hosts are never reached.
+/// The same for IPv6, where internal hosts get answers and announcements of PCP, and nothing else.
 [[nodiscard]] std::string makeIpv6Table(const Users& users);
 
 /// Replaces what is granted in one transaction. Each name in `internal` is one that canName().
 [[nodiscard]] std::string grantInternal(const Internal& internal);
+/// By the names of internal interfaces, each one that canName().
+[[nodiscard]] std::string grantIpv6Internal(const std::set<std::string>& names);
 [[nodiscard]] std::string grantNameServers(const NameServers& servers);
 [[nodiscard]] std::string grantIpv6NameServers(const NameServers& servers);
 

@@ -16,7 +16,8 @@ class AnswerLimitTest : public testing::Test {
   /// How many of so many requests are answered.
   unsigned answered(lumen::Ipv4Address host, unsigned requests) {
     unsigned count = 0;
-    for (unsigned i = 0; i < requests; ++i) count += limit.admits(host) ? 1U : 0U;
+    for (unsigned i = 0; i < requests; ++i)
+      count += limit.admits(IpAddress::mapped(host)) ? 1U : 0U;
     return count;
   }
 
@@ -57,10 +58,10 @@ TEST_F(AnswerLimitTest, TheHostThatWasSilentForLongestIsForgotten) {
   EXPECT_EQ(answered(otherHost, 128), 128U);
   clock.advance(1ms);
   for (uint32_t i = 2; i < AnswerLimit::mostHosts; ++i) {
-    (void)limit.admits(lumen::Ipv4Address::fromNumber(0x0a000000 + i));
+    (void)limit.admits(IpAddress::mapped(lumen::Ipv4Address::fromNumber(0x0a000000 + i)));
   }
   EXPECT_EQ(answered(otherHost, 1), 0U);
-  EXPECT_TRUE(limit.admits({10, 1, 0, 1}));  // takes the place of lanHost
+  EXPECT_TRUE(limit.admits(IpAddress::mapped({10, 1, 0, 1})));  // takes the place of lanHost
   EXPECT_EQ(limit.hosts(), AnswerLimit::mostHosts);
   EXPECT_EQ(answered(otherHost, 1), 0U);
   EXPECT_EQ(answered(lanHost, 1), 1U);

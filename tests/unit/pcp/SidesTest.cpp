@@ -45,6 +45,17 @@ TEST_F(SidesTest, AnInterfaceThatIsAwayIsNotServed) {
   EXPECT_TRUE(sidesOf(interfaces, addresses, std::nullopt).internal.empty());
 }
 
+// Promise: PCP is answered by IPv6 on each internal interface that runs, whatever IPv4 address it
+// has.
+TEST_F(SidesTest, AnInternalInterfaceThatRunsIsServedByIpv6) {
+  const auto links = [&] { return sidesOf(interfaces, {}, std::nullopt).links; };
+  EXPECT_TRUE(links().empty());
+  for (lm::interfaces::Record& one : interfaces) one.running = true;
+  EXPECT_EQ(links(), (std::vector<Link>{{"br-lan", 12}}));
+  interfaces[1].index = 0;
+  EXPECT_TRUE(links().empty());
+}
+
 TEST_F(SidesTest, AllAddressesOfAnInternalInterfaceAreServed) {
   addresses.push_back(address(4, 2, {192, 168, 99, 1}));
   const Sides sides = sidesOf(interfaces, addresses, std::nullopt);

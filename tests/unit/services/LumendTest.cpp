@@ -39,6 +39,7 @@ class LumendTest : public testing::Test {
     root_.makeDirectory("etc");
     root_.makeDirectory("etc/services");
     fs::copy(ETC "/nat-ruleset.nft", root_.file("etc/nat-ruleset.nft"));
+    fs::copy(ETC "/pinhole-ruleset.nft", root_.file("etc/pinhole-ruleset.nft"));
     fs::copy(ETC "/nat-policy", root_.file("etc/nat-policy"));
     // The checkout may lie where the service's user cannot look.
     fs::copy(SERVICE_PROBE, root_.file("probe"));

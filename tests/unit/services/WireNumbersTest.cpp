@@ -12,6 +12,7 @@
 #include "platform/wire/Monitor.h"
 #include "platform/wire/NatRules.h"
 #include "platform/wire/Pcp.h"
+#include "platform/wire/Pinholes.h"
 #include "platform/wire/Resolver.h"
 
 namespace lumen {
@@ -45,6 +46,24 @@ TEST(WireNumbers, OfTheBroker) {
   EXPECT_EQ(lm::broker::listed::nextStart, 0x10000004U);
   EXPECT_EQ(lm::broker::listed::residentMemory, 0x10000005U);
   EXPECT_EQ(lm::broker::listed::program, 0x20000006U);
+}
+
+// Also proves [numbers].
+TEST(WireNumbers, OfAPinhole) {
+  EXPECT_EQ(lm::pinholes::path(), (std::vector<uint32_t>{20, 7}));
+  EXPECT_EQ(lm::pinholes::key::address, 0x20000001U);
+  EXPECT_EQ(lm::pinholes::key::protocol, 0x08000002U);
+  EXPECT_EQ(lm::pinholes::key::port, 0x08000003U);
+  EXPECT_EQ(lm::pinholes::key::lease, 0x08000004U);
+  EXPECT_EQ(lm::pinholes::key::owner, 0x20000010U);
+  EXPECT_EQ(lm::pinholes::key::seconds, 0x10000011U);
+  EXPECT_EQ(lm::pinholes::key::ended, 0x08000012U);
+  EXPECT_EQ(lm::pinholes::key::refusal, 0x08000020U);
+  EXPECT_EQ(lm::pinholes::key::problem, 0x20000030U);
+  EXPECT_EQ(static_cast<uint32_t>(lm::pinholes::Refusal::other), 1U);
+  EXPECT_EQ(static_cast<uint32_t>(lm::pinholes::Refusal::notPrepared), 7U);
+  EXPECT_EQ(static_cast<uint32_t>(lm::pinholes::End::lease), 1U);
+  EXPECT_EQ(static_cast<uint32_t>(lm::pinholes::End::addressGone), 3U);
 }
 
 // Also proves [numbers].
@@ -168,6 +187,7 @@ TEST(WireNumbers, OfTheGatewayAndOtherServices) {
   EXPECT_EQ(lm::pcp::key::served, 0x20000010U);
   EXPECT_EQ(lm::pcp::key::problem, 0x20000011U);
   EXPECT_EQ(lm::pcp::key::mappings, 0x08000012U);
+  EXPECT_EQ(lm::pcp::key::pinholes, 0x08000013U);
 }
 
 TEST(WireRecords, ThatSayNothingMoreAreOfWhatIsNeitherDisabledNorGone) {

@@ -58,7 +58,7 @@ struct Ipv6LinkAddress {
 struct LinkSnapshot {
   std::map<uint32_t, Link> links;
   std::map<uint32_t, std::set<LinkAddress>> addresses;
-  std::map<uint32_t, std::set<Ipv6LinkAddress>> ipv6Addresses;
+  std::map<uint32_t, std::set<Ipv6LinkAddress>> ipv6Addresses = {};
 };
 
 /// A route as the kernel reported it, so that it can be restored as it was.

@@ -122,8 +122,8 @@ TEST_F(RightsTest, OfAServiceThatReadsIncludeNotificationsOfWhatItReads) {
   Program web = connect(readerUser);
   registerAs(web, 42);
   const uint32_t subscribe = lm::broker::cmd::subscribe;
-  for (const auto& path :
-       std::vector<std::vector<uint32_t>>{{20, 0}, {20, 1}, {20, 5}, {20, 6}, {20, 7}, {66}, {40, 0}, {0}}) {
+  for (const auto& path : std::vector<std::vector<uint32_t>>{
+           {20, 0}, {20, 1}, {20, 5}, {20, 6}, {20, 7}, {66}, {40, 0}, {0}}) {
     EXPECT_EQ(errorOf(web, {0}, subscribe, topic(lm::cmd::changed, path)), "") << path[0];
   }
   for (const auto& path : std::vector<std::vector<uint32_t>>{{65}, {20, 2}, {14}, {77}, {40, 1}}) {

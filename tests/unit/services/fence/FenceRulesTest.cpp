@@ -38,11 +38,13 @@ TEST(FenceRules, RefuseWhateverFencedUsersSendAndLetOthersPass) {
             "}\n");
 }
 
-TEST(FenceRules, ReachNoInternalHostsByIpv6) {
+TEST(FenceRules, ReachInternalHostsByIpv6WithPcpAlone) {
   EXPECT_EQ(makeIpv6Table(twoServices),
             "create table ip6 lumen_fence { flags owner; }\n"
             "table ip6 lumen_fence {\n"
             "\tflags owner\n"
+            "\tchain internal {\n"
+            "\t}\n"
             "\tchain name_servers {\n"
             "\t}\n"
             "\tchain refuse {\n"
@@ -51,11 +53,20 @@ TEST(FenceRules, ReachNoInternalHostsByIpv6) {
             "\t}\n"
             "\tchain output {\n"
             "\t\ttype filter hook output priority mangle; policy accept;\n"
+            "\t\tmeta skuid 200 jump internal\n"
+            "\t\tmeta skuid 203 jump internal\n"
             "\t\tmeta skuid 201 jump name_servers\n"
             "\t\tmeta skuid 203 jump name_servers\n"
             "\t\tmeta skuid { 200, 201, 202, 203, 204 } goto refuse\n"
             "\t}\n"
             "}\n");
+  EXPECT_EQ(grantIpv6Internal({"br-guest", "br-lan"}),
+            "flush chain ip6 lumen_fence internal\n"
+            "add rule ip6 lumen_fence internal oifname { \"br-guest\", \"br-lan\" } udp sport 5351 "
+            "ct state established ct direction reply accept\n"
+            "add rule ip6 lumen_fence internal oifname { \"br-guest\", \"br-lan\" } udp sport 5351 "
+            "ip6 daddr . udp dport { ff02::1 . 5350 } accept\n");
+  EXPECT_EQ(grantIpv6Internal({}), "flush chain ip6 lumen_fence internal\n");
 }
 
 TEST(FenceRules, FenceNobodyWithoutServices) {

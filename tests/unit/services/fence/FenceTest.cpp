@@ -52,7 +52,8 @@ class FenceTest : public testing::Test {
     fence_->internalNames({"br-lan"});
     fence_->tablesRead({.links = {{2, link(2, "br-lan")}, {3, link(3, "wan0")}},
                         .addresses = {{2, {address(88)}}, {3, {address(45)}}}});
-    EXPECT_EQ(kernel_.takeTexts(), Texts{fence::grantInternal({{"br-lan", {network(88)}}})});
+    EXPECT_EQ(kernel_.takeTexts(), (Texts{fence::grantIpv6Internal({"br-lan"}),
+                                          fence::grantInternal({{"br-lan", {network(88)}}})}));
   }
 
   static Ipv4Network network(uint8_t third) { return {{192, 168, third, 0}, 24}; }
@@ -75,7 +76,8 @@ TEST_F(FenceTest, StandsBeforeAnythingIsGranted) {
   EXPECT_EQ(whyNot(fence.open()), "");
   EXPECT_EQ(kernel_.texts,
             (Texts{fence::makeIpv4Table(users), fence::makeIpv6Table(users),
-                   fence::grantNameServers(local), fence::grantIpv6NameServers(local)}));
+                   fence::grantIpv6Internal({"br-lan"}), fence::grantNameServers(local),
+                   fence::grantIpv6NameServers(local)}));
 }
 
 TEST_F(FenceTest, SaysWhyItCannotStand) {
@@ -107,11 +109,12 @@ TEST_F(FenceTest, FollowsNamesAndRoles) {
   hasLan();
   fence_->internalNames({"br-lan", "wan0"});
   EXPECT_EQ(kernel_.takeTexts(),
-            Texts{fence::grantInternal({{"br-lan", {network(88)}}, {"wan0", {network(45)}}})});
+            (Texts{fence::grantInternal({{"br-lan", {network(88)}}, {"wan0", {network(45)}}}),
+                   fence::grantIpv6Internal({"br-lan", "wan0"})}));
   fence_->linkChanged(link(3, "wan1"));
   EXPECT_EQ(kernel_.takeTexts(), Texts{fence::grantInternal({{"br-lan", {network(88)}}})});
   fence_->internalNames({});
-  EXPECT_EQ(kernel_.takeTexts(), Texts{fence::grantInternal({})});
+  EXPECT_EQ(kernel_.takeTexts(), (Texts{fence::grantInternal({}), fence::grantIpv6Internal({})}));
 }
 
 TEST_F(FenceTest, ReadsTheFirstFileOfNameServersThatThereIs) {
@@ -168,6 +171,7 @@ TEST_F(FenceTest, SaysWhichServicesShareAUser) {
 TEST_F(FenceTest, SaysWhatItLeavesOut) {
   opens();
   fence_->internalNames({"br-lan", "br*"});
+  EXPECT_EQ(kernel_.takeTexts(), Texts{fence::grantIpv6Internal({"br-lan"})});
   LinkSnapshot all;
   all.links = {{2, link(2, "br-lan")}, {3, link(3, "br*")}};
   all.addresses[3] = {address(3)};

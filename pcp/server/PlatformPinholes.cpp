@@ -1,0 +1,65 @@
+#include "pcp/server/PlatformPinholes.h"
+
+#include "platform/Keys.h"
+#include "platform/wire/Pinholes.h"
+
+namespace pcp {
+
+namespace {
+
+// Milliseconds. lumend answers at once; hosts wait meanwhile.
+constexpr uint32_t answerLimit = 2000;
+
+lm::message newRequest() {
+  lm::message request;
+  request.insert_u32_array(lm::key::destination, lm::pinholes::path());
+  return request;
+}
+
+Pinholes::Failure failureOf(lm::pinholes::Refusal why) {
+  switch (why) {
+    case lm::pinholes::Refusal::conflict:
+      return Pinholes::Failure::conflict;
+    // Only the administrator can change these.
+    case lm::pinholes::Refusal::policy:
+    case lm::pinholes::Refusal::rights:
+    case lm::pinholes::Refusal::notPrepared:
+      return Pinholes::Failure::forbidden;
+    case lm::pinholes::Refusal::full:
+      return Pinholes::Failure::full;
+    case lm::pinholes::Refusal::notForwarding:
+      return Pinholes::Failure::network;
+    case lm::pinholes::Refusal::other:
+      break;
+  }
+  return Pinholes::Failure::unavailable;
+}
+
+}  // namespace
+
+std::variant<uint32_t, Pinholes::Failure> PlatformPinholes::add(const Wish& wish) {
+  lm::message request = newRequest();
+  lm::pinholes::write(request, lm::pinholes::Pinhole{.address = wish.host.text(),
+                                                     .protocol = wish.protocol,
+                                                     .port = wish.port,
+                                                     .lease = wish.lifetime});
+  const lm::message reply = handler_.exchangeCmd(request, lm::cmd::addObject, answerLimit);
+  if (lm::isError(reply)) return failureOf(lm::pinholes::readRefusal(reply));
+  return reply.get_u32(lm::key::objectId);
+}
+
+bool PlatformPinholes::renew(uint32_t id, uint32_t lifetime) {
+  lm::message request = newRequest();
+  request.insert_u32(lm::key::objectId, id);
+  request.insert_u32(lm::pinholes::key::lease, lifetime);
+  return !lm::isError(handler_.exchangeCmd(request, lm::cmd::setObject, answerLimit));
+}
+
+void PlatformPinholes::remove(uint32_t id) {
+  lm::message request = newRequest();
+  request.insert_u32(lm::key::objectId, id);
+  // One that is gone already is what was wanted.
+  (void)handler_.exchangeCmd(request, lm::cmd::removeObject, answerLimit, lm::GivenUp::stands);
+}
+
+}  // namespace pcp
