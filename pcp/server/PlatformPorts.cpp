@@ -19,6 +19,7 @@ lm::message requestTo(const std::vector<uint32_t>& path) {
 Ports::Failure failureOf(lm::nat::Refusal why) {
   switch (why) {
     case lm::nat::Refusal::conflict:
+    case lm::nat::Refusal::port:
       return Ports::Failure::conflict;
     case lm::nat::Refusal::policy:
     case lm::nat::Refusal::rights:

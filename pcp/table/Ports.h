@@ -26,8 +26,8 @@ class Ports {
   };
 
   enum class Failure {
-    conflict,   ///< that port is taken, or none is free
-    forbidden,  ///< to this client, at this port, or to us
+    conflict,   ///< that port is taken or no client's, or none is free
+    forbidden,  ///< to this client, or to us
     full,
     unavailable,  ///< the router did not answer
   };

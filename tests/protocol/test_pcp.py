@@ -23,7 +23,7 @@ CLIENT, CLIENT_PORT = 0x080003E8, 0x080003EA
 LEASE, ANY_PORT, CLOSED = 0x08010050, 0x00010051, 0x00010024
 REMOTE_NETWORK, REMOTE_PREFIX = 0x08010052, 0x08010053
 REFUSAL = 0x08010054
-CONFLICT, POLICY, FULL, RIGHTS = 2, 3, 4, 5
+CONFLICT, POLICY, FULL, RIGHTS, PORT_POLICY = 2, 3, 4, 5, 6
 
 NEW_WAN_ADDRESS = "46.46.46.2"
 
@@ -153,8 +153,9 @@ class PcpTest(PcpCase):
         self.serve()
         self.assertEqual(self.code(pcp_map(TCP, 80, 8080, options=b"\2\0\0\0")), 0)
         self.assertNotIn(ANY_PORT, self.rules()[0])
-        self.refuse(CONFLICT)
-        self.assertEqual(self.code(pcp_map(TCP, 81, 8080, options=b"\2\0\0\0")), 11)
+        for why, code in ((CONFLICT, 11), (PORT_POLICY, 11), (POLICY, 2)):
+            self.refuse(why)
+            self.assertEqual(self.code(pcp_map(TCP, 81, 8080, options=b"\2\0\0\0")), code)
 
     def test_a_filter_is_the_network_of_the_rule(self):
         self.serve()

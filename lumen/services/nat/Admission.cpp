@@ -13,9 +13,9 @@ using lm::nat::Denial;
 using lm::nat::Holder;
 using lm::nat::Refusal;
 
-std::optional<Refused> asRefusal(const Result<void>& allowed) {
+std::optional<Refused> asRefusal(const Result<void>& allowed, Refusal why = Refusal::policy) {
   if (allowed) return std::nullopt;
-  return Refused{.text = allowed.why(), .denial = {.why = Refusal::policy}};
+  return Refused{.text = allowed.why(), .denial = {.why = why}};
 }
 
 Refused full(std::string text) {
@@ -57,7 +57,8 @@ std::optional<Refused> Admission::refuseAdd(const Caller& caller, Rule& rule, bo
                    .denial = {.why = Refusal::policy}};
   }
   if (!anyPort) {
-    if (auto refused = asRefusal(policy().allowsPort(rule.key.external.port))) return refused;
+    const uint16_t port = rule.key.external.port;
+    if (auto refused = asRefusal(policy().allowsPort(port), Refusal::port)) return refused;
   }
   if (auto refused =
           asRefusal(policy().allowsClient(rule.key, rule.client, networks_, interfaces_))) {

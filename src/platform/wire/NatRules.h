@@ -117,9 +117,10 @@ enum class Event : uint32_t { opened = 1, changed = 2, closed = 3, refused = 4 }
 enum class Refusal : uint32_t {
   other = 1,
   conflict = 2,  ///< the port is taken
-  policy = 3,    ///< the policy forbids the port or the client, or the router lacks the address
+  policy = 3,    ///< the policy forbids the client or the change, or the router lacks the address
   full = 4,      ///< the client, the service or all together have as many rules as they may have
   rights = 5,    ///< the service's file does not grant it
+  port = 6,      ///< the policy forbids that port; another one may do
 };
 
 /// Who has a port that is taken.
@@ -286,7 +287,7 @@ inline Denial readDenial(const message& m) {
   const uint32_t why = m.get_u32(key::refusal);
   const uint32_t holder = m.get_u32(key::holder);
   const bool isReason =
-      why >= static_cast<uint32_t>(Refusal::other) && why <= static_cast<uint32_t>(Refusal::rights);
+      why >= static_cast<uint32_t>(Refusal::other) && why <= static_cast<uint32_t>(Refusal::port);
   const bool isHolder = holder >= static_cast<uint32_t>(Holder::otherService) &&
                         holder <= static_cast<uint32_t>(Holder::router);
   return {.why = isReason ? static_cast<Refusal>(why) : Refusal::other,

@@ -131,6 +131,7 @@ TEST(WireNumbers, OfALeaseAWishARemoteNetworkAndARefusal) {
   EXPECT_EQ(static_cast<uint32_t>(lm::nat::Refusal::policy), 3U);
   EXPECT_EQ(static_cast<uint32_t>(lm::nat::Refusal::full), 4U);
   EXPECT_EQ(static_cast<uint32_t>(lm::nat::Refusal::rights), 5U);
+  EXPECT_EQ(static_cast<uint32_t>(lm::nat::Refusal::port), 6U);
   EXPECT_EQ(static_cast<uint32_t>(lm::nat::Holder::otherService), 1U);
   EXPECT_EQ(static_cast<uint32_t>(lm::nat::Holder::sameService), 2U);
   EXPECT_EQ(static_cast<uint32_t>(lm::nat::Holder::administrator), 3U);

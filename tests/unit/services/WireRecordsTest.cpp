@@ -149,7 +149,8 @@ TEST(WireRecords, ReadARefusalAsItWasWritten) {
   using lm::nat::Denial;
   using lm::nat::Holder;
   using lm::nat::Refusal;
-  for (const Refusal why : {Refusal::other, Refusal::policy, Refusal::full, Refusal::rights}) {
+  for (const Refusal why :
+       {Refusal::other, Refusal::policy, Refusal::full, Refusal::rights, Refusal::port}) {
     EXPECT_EQ(lm::nat::readDenial(written(Denial{.why = why})), Denial{.why = why});
   }
   for (const Holder holder :
@@ -162,7 +163,7 @@ TEST(WireRecords, ReadARefusalAsItWasWritten) {
 
 TEST(WireRecords, TakeARefusalThatIsNotKnownForAnyOther) {
   EXPECT_EQ(lm::nat::readDenial({}), lm::nat::Denial());
-  for (const uint32_t unknown : {0U, 6U, UINT32_MAX}) {
+  for (const uint32_t unknown : {0U, 7U, UINT32_MAX}) {
     lm::message m;
     m.insert_u32(0x08010054, unknown);
     m.insert_u32(0x08010055, unknown);

@@ -124,7 +124,7 @@ TEST_F(AnyPortTest, SaysWhoHasAPortThatIsTaken) {
 }
 
 TEST_F(AnyPortTest, SaysWhyARuleIsRefused) {
-  EXPECT_EQ(denied({.port = 80}), Denial{.why = Refusal::policy});
+  EXPECT_EQ(denied({.port = 80}), Denial{.why = Refusal::port});
   EXPECT_EQ(denied({.client = "8.8.8.8"}), Denial{.why = Refusal::policy});
   EXPECT_EQ(denied({.external = "45.45.45.2"}), Denial{.why = Refusal::policy});
   EXPECT_EQ(denied({.clientPort = 0}), Denial{.why = Refusal::other});
