@@ -148,6 +148,24 @@ TEST(PcpResponseTest, ARequestThatWasNotUnderstoodGetsTheEndOfItsAddressBack) {
             "02820004 00000708 00000007 22222222 33333333 44444444");
 }
 
+// RFC 6887 section 12.1, figures 11 and 12.
+TEST(PcpResponseTest, APeerRequestComesBackWholeSinceItIsNotSupported) {
+  const std::string client = "00000000 00000000 0000ffff c0a8580a ";  // 192.168.88.10
+  const std::string peer =
+      "0a0b0c0d 0e0f1011 12131415 06000000 "  // nonce; TCP
+      "c0001f90 00000000 00000000 0000ffff "  // from port 49152, wished as 8080 of any address
+      "00000000 01bb0000 00000000 00000000 "  // to port 443
+      "0000ffff c6336407";                    // of 198.51.100.7
+  const auto request = bytes("02020000 00000e10 " + client + peer);
+  const auto parsed = parseRequest(request);
+  ASSERT_TRUE(parsed && std::holds_alternative<ResultCode>(*parsed));
+  EXPECT_EQ(std::get<ResultCode>(*parsed), ResultCode::unsupportedOpcode);
+  // Version 2, opcode 128 + 2, UNSUPP_OPCODE for half an hour, epoch 7, the end of the client's
+  // address; then all that followed.
+  EXPECT_EQ(hex(writeError(request, ResultCode::unsupportedOpcode, 1800, 7)),
+            "02820004 00000708 00000007 00000000 0000ffff c0a8580a " + peer);
+}
+
 TEST(PcpResponseTest, AnotherVersionIsAnsweredInOurs) {
   EXPECT_EQ(hex(writeError(bytes("01 01"), ResultCode::unsupportedVersion, 1800, 7)),
             "02810001 00000708 00000007 00000000 00000000 00000000");
