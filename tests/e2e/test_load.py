@@ -95,7 +95,7 @@ class NatPmpLoadTest(RouterCase):
             self.ask(askers[number // self.PORTS_PER_HOST],
                      pcp.natpmp_map(pcp.TCP, 6000 + number % self.PORTS_PER_HOST))
         self.assertEqual(self.router.ask("pcp", "status")["ports"], self.MAPPINGS)
-        # lumend marks UDP ports by files, which may be on a disk here and are in memory on a router.
+        # lumend marks UDP ports by files, which are in memory on a router, but may not be here.
         requests = {"address": b"\0\0", "map": pcp.natpmp_map(pcp.TCP, 80),
                     "renew": pcp.natpmp_map(pcp.TCP, 80), "end": pcp.natpmp_map(pcp.TCP, 80, 0, 0)}
         # Hosts that have no port yet.
