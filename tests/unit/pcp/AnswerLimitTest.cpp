@@ -62,7 +62,7 @@ TEST_F(AnswerLimitTest, TheHostThatWasSilentForLongestIsForgotten) {
   }
   EXPECT_EQ(answered(otherHost, 1), 0U);
   EXPECT_TRUE(limit.admits(IpAddress::mapped({10, 1, 0, 1})));  // takes the place of lanHost
-  EXPECT_EQ(limit.hosts(), AnswerLimit::mostHosts);
+  EXPECT_EQ(limit.hosts(), 1024U);
   EXPECT_EQ(answered(otherHost, 1), 0U);
   EXPECT_EQ(answered(lanHost, 1), 1U);
 }
