@@ -107,6 +107,22 @@ elseif(PALINODE_LTO)
   # GCC's plugin would put functions into an archive's index that its machine code does not have.
   set(CMAKE_CXX_ARCHIVE_CREATE "<CMAKE_AR> --plugin /dev/null qc <TARGET> <LINK_FLAGS> <OBJECTS>")
   set(CMAKE_CXX_ARCHIVE_FINISH "<CMAKE_RANLIB> --plugin /dev/null <TARGET>")
+  if(PALINODE_SMALL)
+    # Slower to link; what stands in several files is found everywhere.
+    list(APPEND PALINODE_TRIM -flto-partition=one)
+  endif()
+endif()
+if(PALINODE_SMALL AND NOT CMAKE_CROSSCOMPILING)
+  # One bit for most addresses that the loader adjusts, not 24 bytes. It must know that: glibc does
+  # since 2.36.
+  include(CheckCXXSourceRuns)
+  set(CMAKE_REQUIRED_LINK_OPTIONS -pie LINKER:-z,pack-relative-relocs)
+  check_cxx_source_runs("int n; int* volatile p = &n; int main() { return p != &n; }"
+                        PALINODE_HAS_relr)
+  unset(CMAKE_REQUIRED_LINK_OPTIONS)
+  if(PALINODE_HAS_relr)
+    list(APPEND PALINODE_TRIM LINKER:-z,pack-relative-relocs)
+  endif()
 endif()
 if(PALINODE_STATIC_CXX)
   list(APPEND PALINODE_TRIM -static-libstdc++ -static-libgcc)
