@@ -1,10 +1,12 @@
 """Pinholes for IPv6 hosts on the LAN, by PCP: hosts on both sides of a router whose firewall drops all
 but their label."""
 
+import json
 import os
 import signal
 import socket
 import struct
+import subprocess
 
 from support import lm
 from support.pcp import PORT, TCP, UDP, ipv6_map
@@ -120,6 +122,15 @@ class PinholeCase(RouterCase):
             return None
 
         return self.wait_until(address, f"{link} has a link-local address")
+
+    def findings(self):
+        """What `upnp check` finds, by id."""
+        command = self.network.router.popen(self.router.programs / "lumenctl", "--root",
+                                            self.router.root, "--json", "upnp", "check",
+                                            stdout=subprocess.PIPE, text=True)
+        with command:
+            found = json.loads(command.stdout.read())["findings"]
+        return {finding["id"]: finding for finding in found}
 
     def pinholes(self):
         """The elements of the kernel's set."""
@@ -243,6 +254,36 @@ class PinholeTest(PinholeCase):
         self.wan.LINK = "eth0"
         return self.wan
 
+    # Promise: `lumenctl nat list` and `lumenctl status` show pinholes: which service opened each, for
+    # which host, and what is left.
+    def test_the_administrator_sees_pinholes(self):
+        self.map(TCP, 8080)
+        listed = self.router.lumenctl("nat", "list")
+        for word in (LAN_HOST, "8080", "tcp", "pcp"):
+            self.assertIn(word, listed)
+        [pinhole] = self.router.status()["pinholes"]
+        self.assertEqual((pinhole["host"], pinhole["port"], pinhole["protocol"], pinhole["owner"]),
+                         (LAN_HOST, 8080, "tcp", "pcp"))
+        self.assertGreater(pinhole["seconds_left"], 3500)
+
+    # Promise [check-pinholes]: `lumenctl upnp check` finds a firewall that drops forwarded IPv6 packets and
+    # not those of pinholes, and says which rule admits them; it finds a missing `pinhole-ruleset.nft`.
+    def test_the_check_finds_a_firewall_without_the_label(self):
+        self.assertNotIn("firewall-drops-pinholes", self.findings())
+        rule = "iifname wan0 ct label 125 accept"
+        self.firewall(FIREWALL.replace(rule, ""))
+        finding = self.findings()["firewall-drops-pinholes"]
+        self.assertIn("nft insert rule ip6 firewall forward " + rule, finding["remedy"])
+        self.network.router.run("sh", "-c", finding["remedy"])
+        self.assertNotIn("firewall-drops-pinholes", self.findings())
+        self.network.router.run("nft", "delete table ip6 firewall")
+        for command in LABEL_RULE[:1] + LABEL_RULE[3:]:
+            self.network.router.run(*command.split())
+        finding = self.findings()["firewall-drops-pinholes"]
+        self.assertIn("ip6tables -I FORWARD -i wan0 -m connlabel --label 125", finding["remedy"])
+        self.network.router.run("sh", "-c", finding["remedy"])
+        self.assertNotIn("firewall-drops-pinholes", self.findings())
+
 
 class NoPinholeFileTest(PinholeCase):
     # Also proves [pinhole-file].
@@ -254,6 +295,7 @@ class NoPinholeFileTest(PinholeCase):
         self.assertEqual(self.map(TCP, 8080)[:2], (NOT_AUTHORIZED, 1800))
         self.assertIn("no IPv6 pinholes: /lumen/etc/pinhole-ruleset.nft: No such file or directory",
                       self.router.log())
+        self.assertIn("no-pinholes", self.findings())
         self.router.wait_until_controllable()
         self.host.open_port(8080, "TCP")
         self.assertEqual(list(self.router.ports()), ["8080/tcp"])

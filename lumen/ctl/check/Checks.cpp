@@ -10,9 +10,12 @@ Findings findProblems(const Observation& seen) {
         checkDefaultRoute(seen.defaultRoute, seen.interfaces),
         checkForwarding(seen.forwards, seen.interfaces),
         checkFirewall(seen.chains.value_or(std::vector<ForwardChain>()), seen.interfaces),
+        checkIpv6Firewall(seen.chains.value_or(std::vector<ForwardChain>()), seen.interfaces,
+                          seen.pcp),
         checkBridgedTraffic(seen.bridgedIsFiltered, seen.interfaces),
         checkPortUsers(seen.portUsers), checkSockets(seen.interfaces), checkWebPage(seen.webPage),
-        checkPolicy(seen.policy, seen.interfaces), checkStalePorts(seen.rules)}) {
+        checkPcp(seen.pcp), checkPolicy(seen.policy, seen.interfaces),
+        checkStalePorts(seen.rules)}) {
     all.insert(all.end(), some.begin(), some.end());
   }
   return all;

@@ -20,6 +20,7 @@ namespace lumenctl {
 [[nodiscard]] Findings checkExternalAddress(const std::vector<CheckedInterface>& interfaces);
 [[nodiscard]] Findings checkStalePorts(const std::vector<NatRule>& rules);
 [[nodiscard]] Findings checkWebPage(const std::optional<WebPage>& page);
+[[nodiscard]] Findings checkPcp(const std::optional<PcpReport>& pcp);
 [[nodiscard]] Findings checkPolicy(const std::optional<NatPolicy>& policy,
                                    const std::vector<CheckedInterface>& interfaces);
 
@@ -31,6 +32,10 @@ namespace lumenctl {
                                          const std::vector<CheckedInterface>& interfaces);
 [[nodiscard]] Findings checkFirewall(const std::vector<ForwardChain>& chains,
                                      const std::vector<CheckedInterface>& interfaces);
+/// While hosts can open pinholes.
+[[nodiscard]] Findings checkIpv6Firewall(const std::vector<ForwardChain>& chains,
+                                         const std::vector<CheckedInterface>& interfaces,
+                                         const std::optional<PcpReport>& pcp);
 [[nodiscard]] Findings checkPortUsers(const std::vector<PortUser>& users);
 [[nodiscard]] Findings checkBridgedTraffic(bool filtered,
                                            const std::vector<CheckedInterface>& interfaces);

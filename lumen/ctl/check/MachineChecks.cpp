@@ -57,12 +57,24 @@ std::string rulesFor(const ForwardChain& chain, const std::vector<std::string>& 
          (links.size() == 1 ? names : "{ " + names + " }") + " ct status dnat accept";
 }
 
+/// The commands that let pinholes pass which packets come to by these interfaces.
+std::string pinholeRulesFor(const ForwardChain& chain, const std::vector<std::string>& links) {
+  if (chain.tool != ForwardChain::Tool::nft) {
+    return forEach(links, "ip6tables -I FORWARD -i ", " -m connlabel --label 125 -j ACCEPT",
+                   " && ");
+  }
+  const std::string names = forEach(links, "", "", ", ");
+  return "nft insert rule " + chain.family + " " + chain.table + " " + chain.name + " iifname " +
+         (links.size() == 1 ? names : "{ " + names + " }") + " ct label 125 accept";
+}
+
 std::string nameOf(const ForwardChain& chain) {
   if (chain.tool == ForwardChain::Tool::nft) {
     return chain.name + " of the nftables table " + chain.family + " " + chain.table;
   }
-  return chain.name +
-         (chain.tool == ForwardChain::Tool::iptables ? " of iptables" : " of iptables-legacy");
+  return chain.name + (chain.family == "ip6"                        ? " of ip6tables"
+                       : chain.tool == ForwardChain::Tool::iptables ? " of iptables"
+                                                                    : " of iptables-legacy");
 }
 
 Finding portInUse(const PortUser& user) {
@@ -150,6 +162,32 @@ Findings checkFirewall(const std::vector<ForwardChain>& chains,
          "pass (chain " +
              nameOf(chain) + ").",
          "What arrives at an open port may not reach its host.", rulesFor(chain, stopped)});
+  }
+  return findings;
+}
+
+Findings checkIpv6Firewall(const std::vector<ForwardChain>& chains,
+                           const std::vector<CheckedInterface>& interfaces,
+                           const std::optional<PcpReport>& pcp) {
+  if (!pcp || !pcp->pinholeProblem.empty()) return {};
+  std::vector<std::string> external;
+  for (const CheckedInterface& interface : interfaces) {
+    if (interface.role == Role::external) external.push_back(interface.name);
+  }
+  if (external.empty()) external.emplace_back();
+  Findings findings;
+  for (const ForwardChain& chain : chains) {
+    std::vector<std::string> stopped;
+    for (const std::string& link : external) {
+      if (chain.stopsPinholes(link)) stopped.push_back(inCommand(link));
+    }
+    if (stopped.empty()) continue;
+    findings.push_back({"firewall-drops-pinholes",
+                        "The firewall drops forwarded IPv6 packets, and does not let those of "
+                        "pinholes pass (chain " +
+                            nameOf(chain) + ").",
+                        "What arrives at a pinhole may not reach its host.",
+                        pinholeRulesFor(chain, stopped)});
   }
   return findings;
 }

@@ -53,6 +53,13 @@ struct PortUser {
   [[nodiscard]] bool operator==(const PortUser&) const = default;
 };
 
+/// What opens ports for NAT-PMP and PCP, while it is not switched off.
+struct PcpReport {
+  ServiceState state = ServiceState::unknown;
+  std::optional<PcpServer> server;  ///< none: it does not answer
+  std::string pinholeProblem;       ///< why it can open no pinhole for an IPv6 host; empty: it can
+};
+
 /// What `upnp check` looks at, as it was read. Parts that could not be read are as they stand here.
 struct Observation {
   lumen::Result<void> reached;   ///< lumend takes connections
@@ -66,6 +73,7 @@ struct Observation {
   std::vector<NatRule> rules;
   std::optional<WebPage> webPage;  ///< none: it is switched off
   std::optional<NatPolicy> policy;
+  std::optional<PcpReport> pcp;  ///< none: it is switched off, or lumend knows no such service
 
   std::string kernel;            ///< its release, "6.1.0-18-amd64"
   std::optional<bool> forwards;  ///< the sysctl net.ipv4.ip_forward

@@ -12,6 +12,7 @@
 #include "lumen/ctl/text/Errors.h"
 #include "lumen/services/supervisor/ServiceFile.h"
 #include "platform/Keys.h"
+#include "platform/wire/Pcp.h"
 
 namespace lumenctl {
 
@@ -73,6 +74,28 @@ GatewayFile readGatewayFile(Machine& machine, const std::string& root) {
   return file;
 }
 
+std::optional<PcpReport> readPcp(Router& router) {
+  const std::vector<Service> services = router.services();
+  const auto it = std::find_if(services.begin(), services.end(), [](const Service& service) {
+    return service.number == lm::service::pcp;
+  });
+  // A request would start one that is switched off.
+  if (it == services.end() || it->state == ServiceState::stopped ||
+      it->state == ServiceState::leaving) {
+    return std::nullopt;
+  }
+  PcpReport report;
+  report.state = it->state;
+  report.pinholeProblem = router.pinholeProblem();
+  if (it->state != ServiceState::running) return report;
+  try {
+    report.server = router.pcpServer();
+    if (!report.server->enabled) return std::nullopt;
+  } catch (const Refused&) {  // the report says so
+  }
+  return report;
+}
+
 void readPlatform(Session& session, Observation& seen) {
   Router& router = session.router();
   Machine& machine = session.machine();
@@ -80,6 +103,7 @@ void readPlatform(Session& session, Observation& seen) {
   seen.policy = router.policy();
   seen.rules = std::move(snapshot.rules);
   seen.webPage = std::move(snapshot.webPage);
+  seen.pcp = readPcp(router);
   seen.gateway = std::move(snapshot.gateway);
   seen.gatewayFile = readGatewayFile(machine, session.root);
   const std::vector<ConnectedNetwork> networks =

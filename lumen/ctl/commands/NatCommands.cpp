@@ -18,13 +18,12 @@ namespace {
 
 void list(Session& session) {
   const std::vector<NatRule> rules = session.router().rules();
-  if (session.json) {
-    session.print(portsAsJson(rules));
-  } else if (rules.empty()) {
-    session.out() << "No port is open.\n";
-  } else {
-    session.print(portsAsTable(rules));
-  }
+  if (session.json) return session.print(portsAsJson(rules));
+  const std::vector<Pinhole> pinholes = session.router().pinholes();
+  if (rules.empty() && pinholes.empty()) session.out() << "No port is open.\n";
+  session.print(portsAsTable(rules));
+  if (!rules.empty() && !pinholes.empty()) session.out() << '\n';
+  session.print(pinholesAsTable(pinholes));
 }
 
 /// A router with two external addresses may have the port open on both.

@@ -8,6 +8,8 @@
 #include "lumen/ctl/Commands.h"
 #include "lumen/ctl/Help.h"
 #include "lumen/ctl/text/Text.h"
+#include "lumen/values/Ipv4.h"
+#include "lumen/values/Ipv6.h"
 
 namespace lumenctl {
 
@@ -25,13 +27,20 @@ std::string placeText(const PcpServer& server) {
   return text.empty() ? "no internal interface has an address" : text;
 }
 
+/// Why it is none; empty: it is one.
+std::string validAddress(const std::string& text) {
+  if (lumen::Ipv4Address::parse(text) || lumen::Ipv6Address::parse(text)) return {};
+  return "\"" + text + "\" is no IP address";
+}
+
 void print(Session& session, const PcpServer& server) {
   if (session.json) {
     session.print({{"enabled", server.enabled},
                    {"agents", server.agents},
                    {"served", server.served},
                    {"problem", server.problem},
-                   {"ports", server.mappings}});
+                   {"ports", server.mappings},
+                   {"pinholes", server.pinholes}});
     return;
   }
   if (!server.enabled) {
@@ -39,7 +48,9 @@ void print(Session& session, const PcpServer& server) {
     return;
   }
   session.out() << "NAT-PMP and PCP: " << printable(placeText(server)) << "; " << server.mappings
-                << (server.mappings == 1 ? " open port" : " open ports") << '\n';
+                << (server.mappings == 1 ? " open port" : " open ports");
+  if (server.pinholes != 0) session.out() << ", " << server.pinholes << " of IPv6 hosts";
+  session.out() << '\n';
   if (!server.agents.empty()) {
     session.out() << "May open ports to other hosts: " << printable(server.agents) << '\n';
   }
@@ -74,7 +85,7 @@ void addPcpCommands(CLI::App& app, Session& session) {
   CLI::Option* agents = on->add_option("--agent", arguments->agents,
                                        "hosts that may open ports to others by PCP, in place of "
                                        "those set before; none unless set")
-                            ->check(CLI::ValidIPV4)
+                            ->check(validAddress)
                             ->type_name("ADDRESS...");
   on->add_flag("--no-agents", arguments->noAgents, "no host may")->excludes(agents);
   on->callback([&session, arguments] {

@@ -41,6 +41,11 @@ uint32_t hostValue(Bytes data) {
   return lumen::readStruct<uint32_t>(attributesOf(data)[NFTA_DATA_VALUE]).value_or(0);
 }
 
+/// Of open ports or pinholes alone.
+bool isAcceptance(RuleEffect effect) {
+  return effect == RuleEffect::acceptsOpenPorts || effect == RuleEffect::acceptsPinholes;
+}
+
 /// What a rule does, found by going through its expressions.
 class RuleReader {
  public:
@@ -48,6 +53,8 @@ class RuleReader {
     std::map<uint32_t, Bytes> fields = attributesOf(data);
     const bool wasStatus = std::exchange(loadedStatus_, false);
     const bool wasMasked = std::exchange(masked_, false);
+    const bool wasLabels = std::exchange(loadedLabels_, false);
+    const bool wasPinholes = std::exchange(maskedLabel_, false);
     const uint32_t linkRegister = std::exchange(linkRegister_, 0);
     if (expression == "counter") return;
     if (expression == "immediate") return takeImmediate(fields);
@@ -67,8 +74,11 @@ class RuleReader {
       }
     } else if (expression == "ct") {
       loadedStatus_ = number(fields[NFTA_CT_KEY]) == NFT_CT_STATUS && fields.count(NFTA_CT_DREG);
+      loadedLabels_ = number(fields[NFTA_CT_KEY]) == NFT_CT_LABELS && fields.count(NFTA_CT_DREG);
     } else if (expression == "bitwise") {
       masked_ = wasStatus && (hostValue(fields[NFTA_BITWISE_MASK]) & IPS_DST_NAT) != 0;
+      maskedLabel_ =
+          wasLabels && hasPinholeLabel(attributesOf(fields[NFTA_BITWISE_MASK])[NFTA_DATA_VALUE]);
     } else if (expression == "cmp") {
       if (linkRegister != 0 && number(fields[NFTA_CMP_SREG]) == linkRegister &&
           number(fields[NFTA_CMP_OP]) == NFT_CMP_EQ) {
@@ -76,9 +86,11 @@ class RuleReader {
       }
       openPorts_ |= wasMasked && number(fields[NFTA_CMP_OP]) == NFT_CMP_NEQ &&
                     hostValue(fields[NFTA_CMP_DATA]) == 0;
+      pinholes_ |= wasPinholes && number(fields[NFTA_CMP_OP]) == NFT_CMP_NEQ;
     } else if (expression == "match") {
       openPorts_ |= matchesOpenPorts(text(fields[NFTA_MATCH_NAME]), number(fields[NFTA_MATCH_REV]),
                                      fields[NFTA_MATCH_INFO]);
+      pinholes_ |= matchesPinholes(text(fields[NFTA_MATCH_NAME]), fields[NFTA_MATCH_INFO]);
     }
   }
 
@@ -100,6 +112,8 @@ class RuleReader {
   void decide(uint32_t verdict) {
     if (verdict == NF_ACCEPT && openPorts_) {
       effect_ = RuleEffect::acceptsOpenPorts;
+    } else if (verdict == NF_ACCEPT && pinholes_) {
+      effect_ = RuleEffect::acceptsPinholes;
     } else if (verdict == NF_ACCEPT && !conditional_) {
       effect_ = RuleEffect::acceptsAll;
     } else if (verdict == NF_DROP && !conditional_) {
@@ -109,8 +123,11 @@ class RuleReader {
 
   bool loadedStatus_ = false;  // the expression before this one has loaded the flow's status
   bool masked_ = false;        // and that one was masked with IPS_DST_NAT
+  bool loadedLabels_ = false;  // it has loaded the flow's labels
+  bool maskedLabel_ = false;   // and those were masked with that of pinholes
   bool conditional_ = false;
   bool openPorts_ = false;  // holds for what was translated to another destination
+  bool pinholes_ = false;   // holds for what has the label of pinholes
   RuleEffect effect_ = RuleEffect::unknown;
   // The register into which the expression before this one has loaded the incoming interface's
   // name.
@@ -129,7 +146,7 @@ void NftForwardChains::take(const nlmsghdr& message) {
   const Bytes body(static_cast<const std::byte*>(mnl_nlmsg_get_payload(&message)),
                    mnl_nlmsg_get_payload_len(&message));
   const uint32_t family = std::to_integer<uint32_t>(body[offsetof(nfgenmsg, nfgen_family)]);
-  if (family != NFPROTO_IPV4 && family != NFPROTO_INET) return;
+  if (family != NFPROTO_IPV4 && family != NFPROTO_IPV6 && family != NFPROTO_INET) return;
   const Bytes attributes = body.subspan(lumen::netlinkAligned(sizeof(nfgenmsg)));
   const int kind = NFNL_MSG_TYPE(message.nlmsg_type);
   if (kind == NFT_MSG_NEWCHAIN) takeChain(family, attributes);
@@ -140,7 +157,7 @@ void NftForwardChains::take(const nlmsghdr& message) {
 void NftForwardChains::takeChain(uint32_t family, Bytes attributes) {
   std::map<uint32_t, Bytes> fields = attributesOf(attributes);
   ForwardChain chain;
-  chain.family = family == NFPROTO_INET ? "inet" : "ip";
+  chain.family = family == NFPROTO_INET ? "inet" : family == NFPROTO_IPV6 ? "ip6" : "ip";
   chain.table = text(fields[NFTA_CHAIN_TABLE]);
   chain.name = text(fields[NFTA_CHAIN_NAME]);
   const Key key(family, chain.table, chain.name);
@@ -150,7 +167,7 @@ void NftForwardChains::takeChain(uint32_t family, Bytes attributes) {
   }
   if (number(attributesOf(fields[NFTA_CHAIN_HOOK])[NFTA_HOOK_HOOKNUM]) != NF_INET_FORWARD) return;
   // iptables-nft names its chains like this, and cannot handle rules that nft has added.
-  if (chain.family == "ip" && chain.table == "filter" && chain.name == "FORWARD") {
+  if (chain.family != "inet" && chain.table == "filter" && chain.name == "FORWARD") {
     chain.tool = ForwardChain::Tool::iptables;
   }
   if (chain.table == "firewalld") chain.manager = ForwardChain::Manager::firewalld;
@@ -185,7 +202,7 @@ std::set<NftForwardChains::Key> NftForwardChains::linkSets() const {
   std::set<Key> sets;
   for (const auto& [chain, rules] : rules_) {
     for (const Rule& rule : rules) {
-      if (rule.known.effect != RuleEffect::acceptsOpenPorts || rule.linkSet.empty()) continue;
+      if (!isAcceptance(rule.known.effect) || rule.linkSet.empty()) continue;
       sets.emplace(std::get<0>(chain), std::get<1>(chain), rule.linkSet);
     }
   }
@@ -214,7 +231,7 @@ std::vector<ForwardChain> NftForwardChains::chains() const {
         continue;
       }
       for (ForwardRule& rule : rulesOf(otherKey)) {
-        if (rule.effect != RuleEffect::acceptsOpenPorts) continue;
+        if (!isAcceptance(rule.effect)) continue;
         result.back().elsewhere.push_back(std::move(rule));
       }
       if (chain.tool != ForwardChain::Tool::nft && isOfUfw(std::get<2>(otherKey))) {

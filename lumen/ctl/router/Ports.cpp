@@ -31,4 +31,14 @@ Table portsAsTable(std::vector<NatRule> rules) {
   return table;
 }
 
+Table pinholesAsTable(std::vector<Pinhole> pinholes) {
+  sortByHost(pinholes);
+  Table table({"PORT", "OF IPV6 HOST", "OPEN FOR", "ENDS IN", "OPENED BY"});
+  for (const Pinhole& one : pinholes) {
+    table.add({std::to_string(one.port) + "/" + one.protocolName(), one.host, duration(one.openFor),
+               duration(one.left), one.owner});
+  }
+  return table;
+}
+
 }  // namespace lumenctl

@@ -12,4 +12,7 @@ namespace lumenctl {
 /// When leases end is a column where a rule has one.
 [[nodiscard]] Table portsAsTable(std::vector<NatRule> rules);
 
+/// Ports of IPv6 hosts, in rising order of host and port.
+[[nodiscard]] Table pinholesAsTable(std::vector<Pinhole> pinholes);
+
 }  // namespace lumenctl

@@ -16,6 +16,7 @@
 #include "platform/wire/Interfaces.h"
 #include "platform/wire/NatRules.h"
 #include "platform/wire/Pcp.h"
+#include "platform/wire/Pinholes.h"
 #include "platform/wire/Web.h"
 
 namespace lumenctl {
@@ -31,6 +32,13 @@ Role toRole(uint32_t value) {
     default:
       return Role::none;
   }
+}
+
+/// "tcp", "udp", or the number of another protocol.
+std::string nameOf(uint32_t protocol) {
+  if (protocol == IPPROTO_TCP) return "tcp";
+  if (protocol == IPPROTO_UDP) return "udp";
+  return std::to_string(protocol);
 }
 
 /// lumend lists no port above 65535.
@@ -108,11 +116,19 @@ NatRule::NatRule(const lm::message& m) {
   uses = record.uses;
 }
 
-std::string NatRule::protocolName() const {
-  if (protocol == IPPROTO_TCP) return "tcp";
-  if (protocol == IPPROTO_UDP) return "udp";
-  return std::to_string(protocol);
+std::string NatRule::protocolName() const { return nameOf(protocol); }
+
+Pinhole::Pinhole(const lm::message& m) {
+  lm::pinholes::Record record = lm::pinholes::readRecord(m);
+  host = std::move(record.pinhole.address);
+  protocol = record.pinhole.protocol;
+  port = record.pinhole.port;
+  owner = std::move(record.owner);
+  openFor = std::chrono::seconds(record.seconds);
+  left = std::chrono::seconds(record.pinhole.lease);
 }
+
+std::string Pinhole::protocolName() const { return nameOf(protocol); }
 
 PortState NatRule::state() const {
   if (closed) return PortState::closed;
@@ -162,7 +178,8 @@ PcpServer::PcpServer(const lm::message& record)
       agents(record.get_string(lm::pcp::key::agents)),
       served(record.get_string(lm::pcp::key::served)),
       problem(record.get_string(lm::pcp::key::problem)),
-      mappings(record.get_u32(lm::pcp::key::mappings)) {}
+      mappings(record.get_u32(lm::pcp::key::mappings)),
+      pinholes(record.get_u32(lm::pcp::key::pinholes)) {}
 
 std::vector<std::string> WebPage::urls() const {
   constexpr std::string_view defaultPort = ":80";

@@ -83,6 +83,20 @@ struct NatRule {
   std::optional<uint64_t> uses;              ///< connections since it was opened; none: not known
 };
 
+/// A port of an IPv6 host that the Internet may reach.
+struct Pinhole {
+  explicit Pinhole(const lm::message& record);
+  /// "tcp" or "udp".
+  [[nodiscard]] std::string protocolName() const;
+
+  std::string host;  ///< its address
+  uint32_t protocol = 0;
+  uint32_t port = 0;
+  std::string owner;  ///< name of the service that opened it
+  std::chrono::seconds openFor{0};
+  std::chrono::seconds left{0};  ///< until its lease ends
+};
+
 /// Which ports programs may open. The texts are as in the policy file.
 struct NatPolicy {
   explicit NatPolicy(const lm::message& record);
@@ -190,6 +204,7 @@ struct PcpServer {
   std::string served;     ///< interfaces, the same
   std::string problem;    ///< why it is not served everywhere; empty: it is
   uint32_t mappings = 0;  ///< open ports
+  uint32_t pinholes = 0;  ///< of IPv6 hosts, beside those
 };
 
 /// What is to be changed of it; the rest stays.

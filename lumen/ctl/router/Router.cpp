@@ -11,6 +11,7 @@
 #include "platform/wire/Monitor.h"
 #include "platform/wire/NatRules.h"
 #include "platform/wire/Pcp.h"
+#include "platform/wire/Pinholes.h"
 #include "platform/wire/Web.h"
 
 namespace lumenctl {
@@ -104,6 +105,14 @@ std::vector<Address> Router::addresses() {
 
 std::vector<NatRule> Router::rules() {
   return decoded<NatRule>(table(natRulesPath, lm::cmd::readAll));
+}
+
+std::vector<Pinhole> Router::pinholes() {
+  return decoded<Pinhole>(table(lm::pinholes::path(), lm::cmd::readAll));
+}
+
+std::string Router::pinholeProblem() {
+  return exchange(lm::pinholes::path(), lm::cmd::get).get_string(lm::pinholes::key::problem);
 }
 
 void Router::closeRule(uint32_t id) {

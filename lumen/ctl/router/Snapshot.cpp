@@ -60,6 +60,7 @@ GatewayReport readGateway(Router& router, const std::vector<Service>& services, 
 Snapshot readSnapshot(Router& router, Starting starting) {
   Snapshot snapshot;
   snapshot.rules = router.rules();
+  snapshot.pinholes = router.pinholes();
   const std::vector<Address> addresses = router.addresses();
   const std::vector<Interface> interfaces = router.interfaces();
   // Asked last, when it knows of these interfaces and addresses.

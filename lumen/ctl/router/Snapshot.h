@@ -33,6 +33,7 @@ struct Snapshot {
   std::vector<NatRule> rules;
   std::vector<UsedInterface> interfaces;
   GatewayReport gateway;
+  std::vector<Pinhole> pinholes;
   std::optional<WebPage> webPage;  ///< none: it is switched off
 };
 

@@ -33,6 +33,7 @@ Status::Status(Router& router, Machine& machine) {
   interfaces = std::move(snapshot.interfaces);
   rules = std::move(snapshot.rules);
   refusals = router.refusalsOfOwnPorts();
+  pinholes = std::move(snapshot.pinholes);
   webPage = std::move(snapshot.webPage);
   if (gateway == GatewayState::on) {
     findUnreachable(GatewaySockets(machine, snapshot.gateway.process));
@@ -58,7 +59,11 @@ void Status::findUnreachable(const GatewaySockets& sockets) {
   }
 }
 
-Json Status::json() const { return Json::parse(statusJson(gateway, interfaces, rules, refusals)); }
+Json Status::json() const {
+  Json all = Json::parse(statusJson(gateway, interfaces, rules, refusals));
+  all["pinholes"] = Json::parse(pinholesJson(pinholes));
+  return all;
+}
 
 std::string refusalText(const PortEvent& refusal) {
   return "Refused " + localTime(std::chrono::floor<std::chrono::seconds>(refusal.time)) + " to " +

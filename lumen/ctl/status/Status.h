@@ -26,7 +26,8 @@ struct Status {
   std::vector<UsedInterface> interfaces;
   std::vector<NatRule> rules;
   std::vector<PortEvent> refusals;  ///< newest ones at ports of the router's own programs
-  std::optional<WebPage> webPage;   ///< none: it is switched off
+  std::vector<Pinhole> pinholes;
+  std::optional<WebPage> webPage;  ///< none: it is switched off
 
  private:
   /// Notes on which internal interfaces no host can reach a gateway that is switched on.

@@ -38,6 +38,8 @@ void show(Session& session, const Status& status) {
   out << '\n';
   if (status.rules.empty()) out << noPortText << '\n';
   session.print(portsAsTable(status.rules));
+  if (!status.pinholes.empty()) out << '\n';
+  session.print(pinholesAsTable(status.pinholes));
   if (!status.refusals.empty()) out << '\n';
   for (const PortEvent& refusal : status.refusals) out << refusalText(refusal) << '\n';
 }

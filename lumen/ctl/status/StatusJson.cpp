@@ -84,6 +84,28 @@ std::string portsJson(std::vector<NatRule> rules) {
   return ports.text();
 }
 
+void sortByHost(std::vector<Pinhole>& pinholes) {
+  std::sort(pinholes.begin(), pinholes.end(), [](const Pinhole& a, const Pinhole& b) {
+    return std::tie(a.host, a.port, a.protocol) < std::tie(b.host, b.port, b.protocol);
+  });
+}
+
+std::string pinholesJson(std::vector<Pinhole> pinholes) {
+  sortByHost(pinholes);
+  JsonList all;
+  for (const Pinhole& one : pinholes) {
+    all.addJson(JsonObject()
+                    .add("port", one.port)
+                    .add("protocol", one.protocolName())
+                    .add("host", one.host)
+                    .add("owner", one.owner)
+                    .add("seconds", one.openFor.count())
+                    .add("seconds_left", one.left.count())
+                    .text());
+  }
+  return all.text();
+}
+
 std::string statusJson(GatewayState gateway, const std::vector<UsedInterface>& interfaces,
                        const std::vector<NatRule>& rules, const std::vector<PortEvent>& refusals) {
   JsonList uses;

@@ -18,6 +18,12 @@ void sortByPort(std::vector<NatRule>& rules);
 /// A list of the ports.
 [[nodiscard]] std::string portsJson(std::vector<NatRule> rules);
 
+/// In the order of their hosts, then ports.
+void sortByHost(std::vector<Pinhole>& pinholes);
+
+/// A list of the ports of IPv6 hosts.
+[[nodiscard]] std::string pinholesJson(std::vector<Pinhole> pinholes);
+
 /// An object of the version, the gateway's state, the interfaces, the ports and the newest refusals
 /// at ports of the router's own programs.
 [[nodiscard]] std::string statusJson(GatewayState gateway,

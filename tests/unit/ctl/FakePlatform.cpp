@@ -15,6 +15,7 @@
 #include "platform/wire/Monitor.h"
 #include "platform/wire/NatRules.h"
 #include "platform/wire/Pcp.h"
+#include "platform/wire/Pinholes.h"
 #include "platform/wire/Web.h"
 
 namespace lumenctl {
@@ -319,6 +320,9 @@ lumen::Result<lm::message> FakePlatform::answer(const Path& destination, uint32_
     return reply;
   }
   if (destination == Path{20, 6} && command == lm::cmd::readAll) return page(portEvents_, request);
+  if (destination == lm::pinholes::path()) {
+    return command == lm::cmd::get ? reply : page(pinholes_, request);
+  }
   if (destination == Path{66}) {
     if (command == lm::cmd::readAll) return page(history_, request);
     return changeTable(history_, command, request);

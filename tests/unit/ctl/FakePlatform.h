@@ -106,6 +106,7 @@ class FakePlatform {
   std::vector<lm::message> links_;
   std::vector<lm::message> addresses_;
   std::vector<lm::message> rules_;
+  std::vector<lm::message> pinholes_;
   std::vector<lm::message> services_;
   std::vector<lm::message> objects_;
   std::vector<lm::message> history_;

@@ -360,8 +360,8 @@ TEST_F(Listing, ReadsATableOfManyPages) {
   for (const char* port : {"1/tcp ", "2/tcp ", "3/tcp "}) {
     EXPECT_NE(result.out.find(port), std::string::npos) << result.out;
   }
-  EXPECT_EQ(router.requests(),
-            (Lines{"[20,5] fe0004", "[20,5] fe0004 08fe0003=1", "[20,5] fe0004 08fe0003=2"}));
+  EXPECT_EQ(router.requests(), (Lines{"[20,5] fe0004", "[20,5] fe0004 08fe0003=1",
+                                      "[20,5] fe0004 08fe0003=2", "[20,7] fe0004"}));
 }
 
 TEST_F(Listing, GivesUpOnATableWhoseCursorDoesNotRise) {

@@ -25,7 +25,7 @@ TEST_F(PcpTest, IsSwitchedOnAndOff) {
             "NAT-PMP and PCP: UDP port 5351 on br-lan br-guest; 2 open ports\n");
   EXPECT_EQ(out({"--json", "pcp", "status"}),
             "{\n  \"enabled\": true,\n  \"agents\": \"\",\n  \"served\": \"br-lan br-guest\",\n"
-            "  \"problem\": \"\",\n  \"ports\": 2\n}\n");
+            "  \"problem\": \"\",\n  \"ports\": 2,\n  \"pinholes\": 0\n}\n");
   EXPECT_EQ(out({"pcp", "off"}), "NAT-PMP and PCP: switched off\n");
   EXPECT_EQ(out({"pcp"}), "NAT-PMP and PCP are switched off.\n");
 }

@@ -95,6 +95,16 @@ class Writer {
       w.nest(NFTA_BITWISE_MASK, [&](Writer& data) { data.hostNumber(NFTA_DATA_VALUE, mask); });
     });
   }
+  /// As the kernel keeps labels: in unsigned longs.
+  Writer& masksLabel(unsigned label) {
+    constexpr size_t bits = sizeof(unsigned long) * 8;
+    std::vector<unsigned long> words(128 / bits);
+    words[label / bits] = 1UL << label % bits;
+    const std::string mask(reinterpret_cast<const char*>(words.data()), 16);
+    return expression("bitwise", [&](Writer& w) {
+      w.nest(NFTA_BITWISE_MASK, [&](Writer& data) { data.bytes(NFTA_DATA_VALUE, mask); });
+    });
+  }
   Writer& compares(uint32_t operation, uint32_t value) {
     return expression("cmp", [&](Writer& w) {
       w.number(NFTA_CMP_OP, operation).nest(NFTA_CMP_DATA, [&](Writer& data) {
@@ -181,18 +191,36 @@ struct Nft : testing::Test {
   NftForwardChains found;
 };
 
-TEST_F(Nft, FindsTheChainsAtTheForwardHookOfIpv4) {
+TEST_F(Nft, FindsTheChainsAtTheForwardHook) {
   take(chain("guard", "input", NFPROTO_INET, NF_INET_LOCAL_IN, NF_DROP));
   take(chain("six", "forward", NFPROTO_IPV6, NF_INET_FORWARD, NF_DROP));
   take(chain("filter", "FORWARD", NFPROTO_IPV4, NF_INET_FORWARD, NF_ACCEPT));
   const std::vector<ForwardChain> chains = found.chains();
-  ASSERT_EQ(chains.size(), 2U);
+  ASSERT_EQ(chains.size(), 3U);
+  EXPECT_EQ(chains[2].family + " " + chains[2].table + " " + chains[2].name, "ip6 six forward");
+  EXPECT_TRUE(chains[2].stopsPinholes("wan0"));
+  EXPECT_FALSE(chains[2].stopsOpenPorts("wan0")) << "it sees none";
+  EXPECT_FALSE(chains[1].stopsPinholes("wan0"));
   EXPECT_EQ(chains[0].family + " " + chains[0].table + " " + chains[0].name, "inet guard forward");
   EXPECT_EQ(chains[0].tool, ForwardChain::Tool::nft);
   EXPECT_TRUE(chains[0].dropsAtEnd);
   EXPECT_EQ(chains[1].family + " " + chains[1].table + " " + chains[1].name, "ip filter FORWARD");
   EXPECT_EQ(chains[1].tool, ForwardChain::Tool::iptables);
   EXPECT_FALSE(chains[1].dropsAtEnd);
+}
+
+// Also proves [check-pinholes].
+TEST_F(Nft, KnowsTheLabelOfPinholes) {
+  const auto accepts = [&](unsigned label, uint32_t operation) {
+    return effectOf([&](Writer& w) {
+      w.loadsCt(NFT_CT_LABELS).masksLabel(label).compares(operation, 0).verdict(NF_ACCEPT);
+    });
+  };
+  EXPECT_EQ(accepts(125, NFT_CMP_NEQ), RuleEffect::acceptsPinholes);
+  EXPECT_FALSE(found.chains().front().stopsPinholes("wan0"));
+  EXPECT_TRUE(found.chains().front().stopsOpenPorts("wan0"));
+  EXPECT_EQ(accepts(124, NFT_CMP_NEQ), RuleEffect::unknown);
+  EXPECT_EQ(accepts(125, NFT_CMP_EQ), RuleEffect::unknown) << "what has not got it";
 }
 
 // Also proves [ctl-check-firewall].
