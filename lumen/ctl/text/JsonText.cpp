@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
 #include <cstdio>
 
 #include "base/Utf8.h"
@@ -19,8 +20,9 @@ std::string jsonText(std::string_view text) {
       result += text.front();
     } else if (lm::isControl(character.code) || character.code == 0x2028 ||
                character.code == 0x2029) {
+      const auto unit = static_cast<uint16_t>(character.code);  // none of these needs two of UTF-16
       std::array<char, 8> escape{};
-      std::snprintf(escape.data(), escape.size(), "\\u%04x", static_cast<unsigned>(character.code));
+      std::snprintf(escape.data(), escape.size(), "\\u%04x", unit);
       result += escape.data();
     } else {
       result += text.substr(0, character.length);
