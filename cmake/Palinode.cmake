@@ -205,13 +205,14 @@ foreach(list IN LISTS needs_machine)
   list(APPEND PALINODE_NEED_MACHINE ${names})
 endforeach()
 
-# palinode_unit_test(NAME SOURCES file... LINK library... [NEEDS namespaces|root])
+# palinode_unit_test(NAME SOURCES file... LINK library... [NEEDS namespaces|root|machine...])
 # One GoogleTest program; each of its tests is a test of its own in the run, with the label "unit".
 # Tests that make namespaces, which root may do and a user in a namespace of users, are labelled
 # "needs-namespaces" as well; those that need root of the machine "needs-root"; those in the lists
-# tests/needs-machine*.txt "needs-machine".
+# tests/needs-machine*.txt, or all of a program that speaks to the kernel by netlink, "needs-machine".
+# The target machine_tests builds all programs with tests that have such a label.
 function(palinode_unit_test name)
-  cmake_parse_arguments(ARG "" "NEEDS" "SOURCES;LINK" ${ARGN})
+  cmake_parse_arguments(ARG "" "" "SOURCES;LINK;NEEDS" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
   target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests/unit)
   target_link_libraries(${name} PRIVATE palinode_flags palinode_test_flags test_service_number
@@ -225,10 +226,11 @@ function(palinode_unit_test name)
   set(unemulated ${PALINODE_NEED_MACHINE})
   list(FILTER unemulated INCLUDE REGEX "^${name}[.]")
   if(ARG_NEEDS OR unemulated)
+    set_property(GLOBAL APPEND PROPERTY PALINODE_MACHINE_TESTS ${name})
     set(labels unit)
-    if(ARG_NEEDS)
-      list(APPEND labels needs-${ARG_NEEDS})
-    endif()
+    foreach(need IN LISTS ARG_NEEDS)
+      list(APPEND labels needs-${need})
+    endforeach()
     list(JOIN unemulated "|" regex)
     # gtest_discover_tests passes on no property that is a list.
     set(file ${CMAKE_CURRENT_BINARY_DIR}/${name}_labels.cmake)
