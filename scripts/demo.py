@@ -50,6 +50,15 @@ def expect(true, what):
         raise AssertionError(what)
 
 
+@contextlib.contextmanager
+def log_on_failure(router):
+    try:
+        yield
+    except BaseException:
+        show("what the router logged", router.log())
+        raise
+
+
 def show(title, text):
     print(f"\n{title}\n{textwrap.indent(text.strip(), '    ')}\n", flush=True)
 
@@ -61,6 +70,7 @@ def demonstrate():
         host, wan = network.lan[0], network.wan
         with step("started the platform on the router"):
             router = undo.enter_context(Router(network))
+            undo.enter_context(log_on_failure(router))
         with step(f"lumenctl upnp setup --internal {LAN_BRIDGE} --external {WAN_LINK}"):
             router.set_up()
         with Subscriber(network.lan[1].speak_to()) as subscriber:

@@ -27,6 +27,8 @@ test_packages=("${user_packages[@]}" "${run_packages[@]}" "${package_packages[@]
 crossing_packages=(dpkg-dev debian-archive-keyring gperf flex bison)
 # What running programs of another machine needs besides.
 emulation_packages=(qemu-user-static)
+# What booting another machine needs besides.
+machine_packages=(qemu-system-misc qemu-system-mips cpio)
 # What measuring the coverage needs besides.
 coverage_packages=(llvm)
 

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """Checks what compilers do not: that every source is built, that includes run one way, that the
 code is formatted, that every package which the scripts install is needed, that documents name files
-that exist, that keys of ordered containers are in order on every machine, that the list of tests which
-no emulator can run names existing ones. Usage: check_tree.py CHECK SOURCE_DIR BUILD_DIR"""
+that exist, that keys of ordered containers are in order on every machine, that the lists of tests which
+no emulator can run name existing ones. Usage: check_tree.py CHECK SOURCE_DIR BUILD_DIR"""
 
 import json
 import pathlib
@@ -48,6 +48,7 @@ USERS_OF_PACKAGES = {
     "chromium-driver": ("tests/support/browser.py", '"chromedriver"'),
     "clang": ("CMakePresets.json", "clang++"),
     "clang-format": ("tests/tree/check_tree.py", '"clang-format", "--dry-run"'),
+    "cpio": ("scripts/crossing/machine.sh", "cpio -o"),
     "debian-archive-keyring": ("scripts/crossing/archive.sh", "debian-archive-keyring.gpg"),
     "debootstrap": ("tests/support/debian.py", '"debootstrap"'),
     "dpkg-dev": ("packaging/CMakeLists.txt", "CPACK_DEBIAN_PACKAGE_SHLIBDEPS"),
@@ -65,6 +66,8 @@ USERS_OF_PACKAGES = {
     "procps": ("tests/e2e/test_check_network.py", "sysctl -w"),
     "python3-gi": ("tests/e2e/clients/gupnp_subscriber.py", "import gi"),
     "python3-libtorrent": ("tests/e2e/clients/libtorrent_client.py", "import libtorrent"),
+    "qemu-system-mips": ("scripts/crossing/machine.sh", "qemu-system-mipsel"),
+    "qemu-system-misc": ("scripts/crossing/machine.sh", "qemu-system-s390x"),
     "syncthing": ("tests/e2e/test_pcp_clients.py", '"syncthing"'),
     "transmission-cli": ("tests/e2e/test_pcp_clients.py", '"transmission-cli"'),
     "qemu-user-static": ("scripts/cross", "qemu-mips-static"),
@@ -126,7 +129,7 @@ def every_package_is_used(top, _build):
     tried = listed("build_packages", "run_packages", "unit_packages")
     found = []
     for package in sorted(listed("test_packages", "user_packages", "crossing_packages",
-                                 "emulation_packages") - tried):
+                                 "emulation_packages", "machine_packages") - tried):
         file, word = USERS_OF_PACKAGES.get(package, ("scripts/lib.sh", None))
         if word is None or word not in (top / file).read_text():
             found.append(f"{file}: nothing there uses the package {package}")
@@ -159,7 +162,7 @@ def tests_left_out_of_emulators_exist(top, build):
                           check=True)
     existing = {test["name"] for test in json.loads(done.stdout)["tests"]}
     return [f"{path.relative_to(top)}:{number}: there is no test {name}"
-            for path in sorted((top / "tests").glob("needs-machine*.txt"))
+            for path in sorted((top / "tests").glob("needs-*.txt"))
             for number, name in enumerate(path.read_text().splitlines(), 1)
             if name and not name.startswith("#") and name not in existing]
 

@@ -91,11 +91,15 @@ class CrossTest(unittest.TestCase):
         return self.run_script("crossing/root.sh", "arm64", self.folder / "root", *packages)
 
     def test_wrong_arguments_are_refused_before_anything_is_installed(self):
-        targets = "mips, mipsel, s390x, arm64, armhf, mips-musl and musl"
-        for arguments, reason in (([], f"which target? There are {targets}"),
-                                  (["vax"], f"unknown target 'vax', there are {targets}"),
+        known = "mips, mipsel, s390x, arm64, armhf, mips-musl and musl"
+        for arguments, reason in (([], f"which target? There are {known}"),
+                                  (["vax"], f"unknown target 'vax', there are {known}"),
                                   (["mips", "--frob"],
-                                   "unknown argument '--frob', see scripts/cross --help")):
+                                   "unknown argument '--frob', see scripts/cross --help"),
+                                  (["mips", "--vm"], "there is no emulated machine for mips, "
+                                                     "only for mipsel and s390x"),
+                                  (["s390x", "--vm", "-R"],
+                                   "unknown argument '-R', see scripts/cross --help")):
             with self.subTest(arguments=arguments):
                 done = self.run_script("cross", *arguments)
                 self.assertEqual((done.returncode, done.stdout, done.stderr),
