@@ -6,7 +6,7 @@
 #     ARCHITECTURE  as Debian names it: s390x or mipsel
 #     LIBRARIES     the folder that scripts/crossing/root.sh filled for the programs
 #     BUILD         has the programs in bin/, and the target machine_tests is built: all programs that
-#                   have a test with one of the labels needs-namespaces, needs-root and needs-machine
+#                   have a test with the label needs-machine or needs-root
 # All that the machine's console showed is in BUILD/machine.log. What else it has, its kernel first,
 # is kept in ~/.cache/palinode-igd/machine-ARCHITECTURE; to get newer versions, delete that folder.
 # What this needs itself: the list machine_packages in scripts/lib.sh.
@@ -40,9 +40,9 @@ umask 022
 # Copies to $image what of the folder $1 tar's further arguments select.
 copy() { tar c -C "$1" "${@:2}" | tar x -C "$image"; }
 
-# The tests to be run, each with its program and the test's name there.
+# The tests to be run, which scripts/cross --test leaves out: each with its program and its name there.
 list_tests() {
-  ctest --test-dir "$build" --show-only=json-v1 -L unit -L needs- | python3 -c '
+  ctest --test-dir "$build" --show-only=json-v1 -L unit -L 'needs-(machine|root)' | python3 -c '
 import json, sys
 left_out = set()
 for file in sys.argv[1:]:
