@@ -18,6 +18,7 @@ class ForwardsMap : public lumen::Nftables {
   struct Element {
     std::string client;    ///< "192.168.88.10 . 80"
     uint64_t packets = 0;  ///< that came, another number for each element that is added
+    lumen::SetElement parts{};
 
     bool operator==(const Element&) const = default;
   };
@@ -34,17 +35,17 @@ class ForwardsMap : public lumen::Nftables {
   /// Refuses one command about elements: the one after the next `commands`.
   void refuseAfter(unsigned commands) { refusal_ = commands; }
 
-  /// By key: "45.45.45.1 . tcp . 8080".
+  /// By key: "45.45.45.1 . tcp . 8080", with a remote network
+  /// "45.45.45.1 . tcp . 8080 . 10.0.0.0-10.255.255.255".
   [[nodiscard]] const std::map<std::string, Element>& elements() const { return elements_; }
 
  private:
   [[nodiscard]] bool refuses();
-  void add(const lumen::SetElement& element);
-  void remove(const lumen::SetElement& element);
+  void add(const lumen::SetElement& element, bool filtered);
+  void remove(const lumen::SetElement& element, bool filtered);
 
   std::map<std::string, Element> elements_;
-  std::map<std::string, lumen::ElementParts> keys_;  // of the elements
-  std::optional<Element> removed_;                   // earlier in the same transaction
+  std::optional<uint64_t> removed_;  // packets, in a transaction that adds what it has removed
   std::optional<unsigned> refusal_;
   uint64_t added_ = 0;
 };

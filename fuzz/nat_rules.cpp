@@ -93,6 +93,14 @@ void insertClient(lm::message& request, Input& in) {
   request.insert_u32(key::clientPortLast, port);
 }
 
+void insertRemotes(lm::message& request, Input& in) {
+  std::vector<lm::nat::RemoteNetwork> remotes(in.byte() % 4);
+  for (lm::nat::RemoteNetwork& remote : remotes) {
+    remote = {.address = clientOf(in.byte()), .prefix = in.byte() % 34U};
+  }
+  lm::nat::writeRemotes(request, remotes);
+}
+
 lm::message addRequest(Input& in) {
   const uint8_t how = in.byte();
   const uint32_t external = externalOf(how / 4);
@@ -108,6 +116,7 @@ lm::message addRequest(Input& in) {
                                         .clientPort = portOf(in.byte()),
                                         .lease = how & 64 ? std::optional(1U) : std::nullopt,
                                         .anyPort = (how & 128) != 0});
+  if ((how & 32) != 0) insertRemotes(request, in);
   return request;
 }
 
@@ -122,6 +131,7 @@ lm::message setRequest(Input& in) {
   if (how % 8 < 4) request.insert_bool(lm::key::disabled, how % 2 == 1);
   if (how % 8 != 3) insertClient(request, in);
   if ((how & 64) != 0) request.insert_u32(key::lease, 1 + how / 128);
+  if ((how & 32) != 0) insertRemotes(request, in);
   return request;
 }
 
@@ -170,7 +180,9 @@ class NoReaders : public lumen::Notifier {
 class Router {
  public:
   Router(lumen::PolicyBook& policies, lm::test::ManualClock& clock, lm::EventLoop& loop)
-      : policies_(policies), clock_(clock), loop_(loop) {}
+      : policies_(policies), clock_(clock), loop_(loop) {
+    require(map_.open("ruleset").ok() && map_.hasRemotes(), "the ruleset is good");
+  }
 
   void happens(Input& in) {
     const uint8_t what = in.byte();
@@ -218,8 +230,13 @@ class Router {
         require(policies_.policy().allows(rule, client, networks_, networks_).ok(),
                 "no rule is against the policy");
         if (!record.get_bool(lm::key::disabled) && !record.get_bool(key::closed)) {
-          open.emplace(textOf(rule), textOf(client));
-          checkUses(record, textOf(rule));
+          uint64_t packets = 0;
+          for (const std::string& element : elementsOf(rule, record)) {
+            open.emplace(element, textOf(client));
+            packets += packetsOf(element);
+          }
+          // The connections so far are those that the elements count, and those before them.
+          require(record.get_u64(key::uses) >= packets, "no connection is forgotten");
         }
       }
       request = page;
@@ -268,11 +285,23 @@ class Router {
     require(kernel_.elements() == before, "what is refused changes nothing");
   }
 
-  /// The connections so far are those that the element counts, and those before it.
-  void checkUses(const lm::message& record, const std::string& rule) {
-    const auto element = kernel_.elements().find(rule);
+  static std::vector<std::string> elementsOf(const lumen::RuleKey& rule,
+                                             const lm::message& record) {
+    std::vector<std::string> elements;
+    for (const lm::nat::RemoteNetwork& remote : lm::nat::readRemotes(record)) {
+      const lumen::Ipv4Network network(lumen::Ipv4Address::fromBytes(remote.address),
+                                       remote.prefix);
+      elements.push_back(textOf(rule) + " . " + network.first().text() + "-" +
+                         network.last().text());
+    }
+    if (elements.empty()) elements.push_back(textOf(rule));
+    return elements;
+  }
+
+  [[nodiscard]] uint64_t packetsOf(const std::string& key) const {
+    const auto element = kernel_.elements().find(key);
     require(element != kernel_.elements().end(), "what is listed is open in the kernel");
-    require(record.get_u64(key::uses) >= element->second.packets, "no connection is forgotten");
+    return element->second.packets;
   }
 
   void passes(std::chrono::milliseconds time) {

@@ -1,5 +1,6 @@
 #include "pcp/server/PlatformPorts.h"
 
+#include "pcp/table/MappingTable.h"
 #include "platform/Keys.h"
 #include "platform/wire/NatRules.h"
 
@@ -14,6 +15,16 @@ lm::message requestTo(const std::vector<uint32_t>& path) {
   lm::message request;
   request.insert_u32_array(lm::key::destination, path);
   return request;
+}
+
+static_assert(MappingTable::mostRemotes == lm::nat::mostRemotes);
+
+std::vector<lm::nat::RemoteNetwork> wired(const lumen::Ipv4Networks& networks) {
+  std::vector<lm::nat::RemoteNetwork> remotes;
+  for (const lumen::Ipv4Network& network : networks) {
+    remotes.push_back({.address = network.first().bytes(), .prefix = network.prefix()});
+  }
+  return remotes;
 }
 
 Ports::Failure failureOf(lm::nat::Refusal why) {
@@ -35,17 +46,14 @@ Ports::Failure failureOf(lm::nat::Refusal why) {
 }  // namespace
 
 std::variant<Ports::Open, Ports::Failure> PlatformPorts::add(const Wish& wish) {
-  lm::nat::Rule rule = {.address = wish.external.address.bytes(),
-                        .port = wish.external.port,
-                        .protocol = wish.protocol,
-                        .client = wish.client.address.bytes(),
-                        .clientPort = wish.client.port,
-                        .lease = wish.lifetime,
-                        .anyPort = !wish.exact};
-  if (wish.remote) {
-    rule.remote = lm::nat::RemoteNetwork{.address = wish.remote->first().bytes(),
-                                         .prefix = wish.remote->prefix()};
-  }
+  const lm::nat::Rule rule = {.address = wish.external.address.bytes(),
+                              .port = wish.external.port,
+                              .protocol = wish.protocol,
+                              .client = wish.client.address.bytes(),
+                              .clientPort = wish.client.port,
+                              .lease = wish.lifetime,
+                              .anyPort = !wish.exact,
+                              .remotes = wired(wish.remotes)};
   lm::message request = requestTo(lm::nat::path());
   lm::nat::write(request, rule);
   const lm::message reply = handler_.exchangeCmd(request, lm::cmd::addObject, answerLimit);
@@ -54,11 +62,17 @@ std::variant<Ports::Open, Ports::Failure> PlatformPorts::add(const Wish& wish) {
               .port = static_cast<uint16_t>(reply.get_u32(lm::nat::key::portFirst, rule.port))};
 }
 
-bool PlatformPorts::renew(uint32_t id, uint32_t lifetime) {
+std::optional<Ports::Failure> PlatformPorts::renew(
+    uint32_t id, uint32_t lifetime, const std::optional<lumen::Ipv4Networks>& remotes) {
   lm::message request = requestTo(lm::nat::path());
   request.insert_u32(lm::key::objectId, id);
   request.insert_u32(lm::nat::key::lease, lifetime);
-  return !lm::isError(handler_.exchangeCmd(request, lm::cmd::setObject, answerLimit));
+  if (remotes) lm::nat::writeRemotes(request, wired(*remotes));
+  const lm::message reply = handler_.exchangeCmd(request, lm::cmd::setObject, answerLimit);
+  if (!lm::isError(reply)) return std::nullopt;
+  // The only reason without a number is that there is no such rule.
+  const Failure failure = failureOf(lm::nat::readDenial(reply).why);
+  return failure == Failure::unavailable ? Failure::gone : failure;
 }
 
 void PlatformPorts::remove(uint32_t id) {

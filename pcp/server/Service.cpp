@@ -192,8 +192,8 @@ lm::message Service::cmdUnknown(const lm::message& request, uint32_t command) {
     const lm::nat::Record record = lm::nat::readRecord(news);
     if (news.get_u32(lm::key::removed) != 0) {
       table_.ended(record.id);
-    } else if (record.closed) {
-      table_.closed(record.id);
+    } else {
+      table_.setClosed(record.id, record.closed);
     }
   }
   return {};

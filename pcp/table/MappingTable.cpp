@@ -27,6 +27,7 @@ ResultCode codeOf(Ports::Failure failure, bool exact) {
     case Ports::Failure::forbidden:
       return ResultCode::notAuthorized;
     case Ports::Failure::full:
+    case Ports::Failure::gone:
     case Ports::Failure::unavailable:
       break;
   }
@@ -56,11 +57,13 @@ std::variant<MappingTable::Assigned, ResultCode> MappingTable::open(const Wish& 
   if (countOf(wish.client) >= mostPerClient) return ResultCode::userExceededQuota;
   if (mappings_.size() >= most) forgetEnded(mappings_.begin(), mappings_.end());
   if (mappings_.size() >= most) return ResultCode::noResources;
+  const lumen::Ipv4Networks remotes = lumen::tidyNetworks(wish.filter.networks);
+  if (remotes.size() > mostRemotes) return ResultCode::excessiveRemotePeers;
   const auto opened = openPort({.protocol = wish.target.protocol,
                                 .external = {*external_, wish.port},
                                 .exact = wish.exact,
                                 .client = {wish.client, wish.target.port},
-                                .remote = wish.filter.network,
+                                .remotes = remotes,
                                 .lifetime = lifetime});
   if (const auto* failure = std::get_if<Ports::Failure>(&opened)) {
     return codeOf(*failure, wish.exact);
@@ -72,7 +75,7 @@ std::variant<MappingTable::Assigned, ResultCode> MappingTable::open(const Wish& 
   mappings_.insert_or_assign(key, Mapping{.nonce = wish.nonce,
                                           .id = port.id,
                                           .port = port.port,
-                                          .remote = wish.filter.network,
+                                          .remotes = remotes,
                                           .end = clock_.now() + std::chrono::seconds(lifetime)});
   return Assigned{{*external_, port.port}, lifetime};
 }
@@ -113,50 +116,27 @@ std::variant<MappingTable::Assigned, ResultCode> MappingTable::renew(Mappings::i
   if (wish.exact && wish.port != mapping->second.port) {
     return ResultCode::cannotProvideExternal;
   }
-  std::optional<lumen::Ipv4Network> remote = mapping->second.remote;
-  if (wish.filter.forget) remote.reset();
-  if (wish.filter.network) {
-    // A rule of the router has one network.
-    if (remote && remote != wish.filter.network) return ResultCode::excessiveRemotePeers;
-    remote = wish.filter.network;
+  lumen::Ipv4Networks remotes = wish.filter.networks;
+  if (!wish.filter.forget) {
+    const lumen::Ipv4Networks& before = mapping->second.remotes;
+    remotes.insert(remotes.end(), before.begin(), before.end());
   }
-  if (!ports_.renew(mapping->second.id, lifetime)) {
-    // It has ended, and the news of it is under way.
+  remotes = lumen::tidyNetworks(std::move(remotes));
+  if (remotes.size() > mostRemotes) return ResultCode::excessiveRemotePeers;
+  const auto others = remotes == mapping->second.remotes ? std::nullopt : std::optional(remotes);
+  const auto failure = ports_.renew(mapping->second.id, lifetime, others);
+  if (failure == Ports::Failure::gone) {
+    // The news of it is under way.
     Wish again = wish;
     if (again.port == 0) again.port = mapping->second.port;
-    again.filter = {.network = remote};
+    again.filter = {.networks = std::move(remotes)};
     forget(mapping);
     return open(again, lifetime);
   }
+  if (failure) return codeOf(*failure, wish.exact);
   mapping->second.end = clock_.now() + std::chrono::seconds(lifetime);
-  if (const ResultCode code = filter(mapping, remote); code != ResultCode::success) return code;
+  mapping->second.remotes = std::move(remotes);
   return Assigned{{*external_, mapping->second.port}, lifetime};
-}
-
-// A rule's network cannot be changed: it gives place to another one.
-ResultCode MappingTable::filter(Mappings::iterator mapping,
-                                std::optional<lumen::Ipv4Network> remote) {
-  if (mapping->second.remote == remote) return ResultCode::success;
-  ports_.remove(mapping->second.id);
-  byId_.erase(mapping->second.id);
-  Ports::Wish wish = portOf(mapping);
-  const std::optional<lumen::Ipv4Network> before = std::exchange(wish.remote, remote);
-  auto opened = ports_.add(wish);
-  ResultCode code = ResultCode::success;
-  if (const auto* failure = std::get_if<Ports::Failure>(&opened)) {
-    code = codeOf(*failure, true);
-    wish.remote = before;
-    opened = ports_.add(wish);
-  }
-  const auto* port = std::get_if<Ports::Open>(&opened);
-  if (port == nullptr) {
-    forget(mapping);
-    return code;
-  }
-  mapping->second.id = port->id;
-  mapping->second.remote = wish.remote;
-  byId_.insert_or_assign(port->id, mapping->first);
-  return code;
 }
 
 ResultCode MappingTable::unmap(lumen::Ipv4Address client, Target target, const Nonce& nonce) {
@@ -189,9 +169,9 @@ void MappingTable::ended(uint32_t id) {
   if (key != byId_.end()) forget(mappings_.find(key->second));
 }
 
-void MappingTable::closed(uint32_t id) {
+void MappingTable::setClosed(uint32_t id, bool closed) {
   const auto key = byId_.find(id);
-  if (key != byId_.end()) mappings_.find(key->second)->second.closed = true;
+  if (key != byId_.end()) mappings_.find(key->second)->second.closed = closed;
 }
 
 void MappingTable::clear() {
@@ -206,16 +186,6 @@ std::optional<uint32_t> MappingTable::left(lumen::Ipv4Address client, Target tar
   if (mapping == mappings_.end()) return std::nullopt;
   const auto rest = std::chrono::ceil<std::chrono::seconds>(mapping->second.end - clock_.now());
   return static_cast<uint32_t>(std::max<int64_t>(rest.count(), 0));
-}
-
-Ports::Wish MappingTable::portOf(Mappings::const_iterator mapping) const {
-  const auto& [key, value] = *mapping;
-  return {.protocol = key.target.protocol,
-          .external = {*external_, value.port},
-          .exact = true,
-          .client = {key.client, key.target.port},
-          .remote = value.remote,
-          .lifetime = left(key.client, key.target).value_or(shortest)};
 }
 
 size_t MappingTable::countOf(lumen::Ipv4Address client) const {

@@ -22,6 +22,8 @@ class MappingTable {
   static constexpr uint32_t longest = 24 * 60 * 60;
   static constexpr size_t mostPerClient = 64;
   static constexpr size_t most = 16384;
+  /// How many networks the filters of a mapping can name.
+  static constexpr size_t mostRemotes = 8;
 
   /// What a client maps.
   struct Target {
@@ -33,8 +35,8 @@ class MappingTable {
 
   /// Which networks may use a mapping, as one request changes it.
   struct FilterWish {
-    bool forget = false;  ///< the network that it had
-    std::optional<lumen::Ipv4Network> network{};
+    bool forget = false;  ///< the networks that it had
+    lumen::Ipv4Networks networks{};
   };
 
   struct Wish {
@@ -73,8 +75,9 @@ class MappingTable {
 
   /// The router has closed the port.
   void ended(uint32_t id);
-  /// The administrator has closed the port: its client cannot open it before the lease is over.
-  void closed(uint32_t id);
+  /// The administrator has closed the port, so that its client cannot open it before the lease is
+  /// over; or that is undone.
+  void setClosed(uint32_t id, bool closed);
   /// Ends all mappings.
   void clear();
 
@@ -94,7 +97,7 @@ class MappingTable {
     Nonce nonce;
     uint32_t id = 0;  // of the port
     uint16_t port = 0;
-    std::optional<lumen::Ipv4Network> remote;
+    lumen::Ipv4Networks remotes;
     lm::Clock::Time end;
     bool closed = false;  // by the administrator
   };
@@ -112,9 +115,6 @@ class MappingTable {
   [[nodiscard]] bool mayHave(const Ports::Wish& wish, uint16_t port) const;
   [[nodiscard]] std::variant<Assigned, ResultCode> renew(Mappings::iterator mapping,
                                                          const Wish& wish, uint32_t lifetime);
-  [[nodiscard]] ResultCode filter(Mappings::iterator mapping,
-                                  std::optional<lumen::Ipv4Network> remote);
-  [[nodiscard]] Ports::Wish portOf(Mappings::const_iterator mapping) const;
   [[nodiscard]] size_t countOf(lumen::Ipv4Address client) const;
   void forgetEnded(Mappings::iterator from, Mappings::iterator to);
   Mappings::iterator forget(Mappings::iterator mapping);

@@ -5,6 +5,7 @@
 #include <variant>
 
 #include "lumen/values/Ipv4.h"
+#include "lumen/values/Ipv4Networks.h"
 
 namespace pcp {
 
@@ -16,8 +17,8 @@ class Ports {
     lumen::Endpoint external{};
     bool exact = false;  ///< no other external port will do
     lumen::Endpoint client{};
-    std::optional<lumen::Ipv4Network> remote{};  ///< none: anywhere
-    uint32_t lifetime = 0;                       ///< in seconds, not 0
+    lumen::Ipv4Networks remotes{};  ///< from where packets pass; none: anywhere
+    uint32_t lifetime = 0;          ///< in seconds, not 0
   };
 
   struct Open {
@@ -29,14 +30,17 @@ class Ports {
     conflict,   ///< that port is taken or no client's, or none is free
     forbidden,  ///< to this client, or to us
     full,
+    gone,         ///< the port is no longer open
     unavailable,  ///< the router did not answer
   };
 
   virtual ~Ports() = default;
 
   [[nodiscard]] virtual std::variant<Open, Failure> add(const Wish& wish) = 0;
-  /// Lets the lease last that many seconds from now. False: the port is no longer open.
-  [[nodiscard]] virtual bool renew(uint32_t id, uint32_t lifetime) = 0;
+  /// Lets the lease last that many seconds from now, and replaces the remote networks unless they
+  /// are none. A failure changes nothing.
+  [[nodiscard]] virtual std::optional<Failure> renew(
+      uint32_t id, uint32_t lifetime, const std::optional<lumen::Ipv4Networks>& remotes) = 0;
   virtual void remove(uint32_t id) = 0;
 };
 

@@ -28,22 +28,23 @@ natpmp::Result natPmpResult(ResultCode code) {
 
 bool hasPorts(uint8_t protocol) { return protocol == IPPROTO_TCP || protocol == IPPROTO_UDP; }
 
-/// What the options ask for; none: more than a rule of the router can do.
+/// What the options ask for, in their order; none: more than a rule of the router can do.
 std::optional<MappingTable::FilterWish> filterOf(const std::vector<Filter>& filters) {
   MappingTable::FilterWish wish;
+  bool everywhere = false;
   for (const Filter& filter : filters) {
     if (filter.prefix == 0) {
       wish = {.forget = true};
+      everywhere = false;
       continue;
     }
     const auto address = filter.address.ipv4();
     if (!address || filter.port != 0) return std::nullopt;
-    const lumen::Ipv4Network network(*address, filter.prefix - mappedPrefix);
-    if (wish.network && wish.network != network) return std::nullopt;
-    wish.network = network;
+    wish.networks.emplace_back(*address, filter.prefix - mappedPrefix);
+    // Every address: no filter.
+    everywhere = everywhere || filter.prefix == mappedPrefix;
   }
-  // Every address: no filter.
-  if (wish.network && wish.network->prefix() == 0) wish = {.forget = true};
+  if (everywhere) wish = {.forget = true};
   return wish;
 }
 

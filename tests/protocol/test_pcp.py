@@ -21,7 +21,7 @@ SERVED, PROBLEM, MAPPINGS = 0x20000010, 0x20000011, 0x08000012
 PROTOCOL, ADDRESS, RULE_PORT = 0x0800000B, 0x08000034, 0x08000009
 CLIENT, CLIENT_PORT = 0x080003E8, 0x080003EA
 LEASE, ANY_PORT, CLOSED = 0x08010050, 0x00010051, 0x00010024
-REMOTE_NETWORK, REMOTE_PREFIX = 0x08010052, 0x08010053
+REMOTE_NETWORKS, REMOTE_PREFIXES = 0x88010052, 0x88010053
 REFUSAL = 0x08010054
 CONFLICT, POLICY, FULL, RIGHTS, PORT_POLICY = 2, 3, 4, 5, 6
 
@@ -110,7 +110,7 @@ class NatPmpTest(PcpCase):
                                         ANY_PORT)},
             {PROTOCOL: TCP, ADDRESS: lm.address(WAN_ADDRESS), RULE_PORT: 8080,
              CLIENT: lm.address(HOST), CLIENT_PORT: 80, LEASE: 7200, ANY_PORT: True})
-        self.assertNotIn(REMOTE_NETWORK, rule)
+        self.assertNotIn(REMOTE_NETWORKS, rule)
         self.assertEqual(self.settings()[MAPPINGS], 1)
 
         self.ask(natpmp_map(TCP, 80, 8080, 3600))
@@ -162,8 +162,8 @@ class PcpTest(PcpCase):
         option = struct.pack("!BBHBBH", 3, 0, 20, 0, 120, 0) + mapped("198.51.100.0")
         self.assertEqual(self.code(pcp_map(TCP, 80, 8080, options=option)), 0)
         (rule,) = self.rules()
-        self.assertEqual((rule[REMOTE_NETWORK], rule[REMOTE_PREFIX]),
-                         (lm.address("198.51.100.0"), 24))
+        self.assertEqual((rule[REMOTE_NETWORKS], rule[REMOTE_PREFIXES]),
+                         ([lm.address("198.51.100.0")], [24]))
 
     def test_only_an_agent_asks_for_others(self):
         self.serve()

@@ -58,6 +58,13 @@ Findings checkPolicy(const std::optional<NatPolicy>& policy,
                      const std::vector<CheckedInterface>& interfaces) {
   Findings findings;
   if (!policy) return findings;
+  if (!policy->remotesPossible) {
+    findings.push_back({"ruleset-without-remote-networks",
+                        "/etc/lumen/nat-ruleset.nft has no map \"filtered\".",
+                        "A program that asks for a port for some remote hosts alone is refused.",
+                        "take the map and its rule over from the file of the package, then: "
+                        "systemctl restart lumend"});
+  }
   if (policy->maxRules == 0) findings.push_back(allowsNone("max-rules", "4096"));
   if (policy->maxRulesPerClient == 0) {
     findings.push_back(allowsNone("max-rules-per-client", "128"));

@@ -14,14 +14,21 @@ Table portsAsTable(std::vector<NatRule> rules) {
   sortByPort(rules);
   const bool leases =
       std::ranges::any_of(rules, [](const NatRule& rule) { return rule.left.has_value(); });
-  std::vector<std::string> headings = {"PORT", "ON ADDRESS", "TO", "STATE", "OPEN FOR"};
+  const bool remotes =
+      std::ranges::any_of(rules, [](const NatRule& rule) { return !rule.from.empty(); });
+  std::vector<std::string> headings = {"PORT", "ON ADDRESS"};
+  if (remotes) headings.emplace_back("FROM");
+  headings.insert(headings.end(), {"TO", "STATE", "OPEN FOR"});
   if (leases) headings.emplace_back("ENDS IN");
   headings.insert(headings.end(), {">CONNECTIONS", ">SO FAR", "OPENED BY"});
   Table table(headings);
   for (const NatRule& rule : rules) {
     std::vector<Table::Cell> row = {std::to_string(rule.external.port) + "/" + rule.protocolName(),
-                                    rule.external.address.text(), rule.client.text(),
-                                    wordFor(rule.state()), duration(rule.openFor)};
+                                    rule.external.address.text()};
+    if (remotes) row.emplace_back(rule.from.empty() ? "anywhere" : rule.from);
+    row.emplace_back(rule.client.text());
+    row.emplace_back(wordFor(rule.state()));
+    row.emplace_back(duration(rule.openFor));
     if (leases) row.emplace_back(rule.left ? duration(*rule.left) : std::string());
     row.emplace_back(rule.connections ? std::to_string(*rule.connections) : "?");
     row.emplace_back(rule.uses ? std::to_string(*rule.uses) : "?");

@@ -8,6 +8,7 @@
 
 #include "lumen/ctl/text/Text.h"
 #include "lumen/runtime/Fields.h"
+#include "lumen/values/Ipv4Networks.h"
 #include "platform/Keys.h"
 #include "platform/wire/Addresses.h"
 #include "platform/wire/Broker.h"
@@ -111,6 +112,12 @@ NatRule::NatRule(const lm::message& m) {
   stale = record.stale;
   owner = std::move(record.owner);
   openFor = std::chrono::seconds(record.seconds);
+  lumen::Ipv4Networks remotes;
+  for (const lm::nat::RemoteNetwork& remote : record.rule.remotes) {
+    remotes.emplace_back(lumen::Ipv4Address::fromBytes(remote.address),
+                         std::min(remote.prefix, 32U));
+  }
+  from = lumen::networksText(remotes);
   if (record.rule.lease) left = std::chrono::seconds(*record.rule.lease);
   connections = record.connections;
   uses = record.uses;
@@ -142,7 +149,8 @@ NatPolicy::NatPolicy(const lm::message& record)
       internalPorts(record.get_string(lm::nat::key::internalPorts)),
       routerPorts(record.get_string(lm::nat::key::routerPorts)),
       maxRules(record.get_u32(lm::nat::key::maxRules)),
-      maxRulesPerClient(record.get_u32(lm::nat::key::maxRulesPerClient)) {}
+      maxRulesPerClient(record.get_u32(lm::nat::key::maxRulesPerClient)),
+      remotesPossible(record.get_bool(lm::nat::key::remotesPossible)) {}
 
 Change::Change(const lm::message& record)
     : id(record.get_u32(lm::key::objectId)),

@@ -78,6 +78,7 @@ struct NatRule {
   bool stale = false;
   std::string owner;  ///< name of the service that made it
   std::chrono::seconds openFor{0};
+  std::string from;  ///< the only networks from where packets pass; empty: anywhere
   std::optional<std::chrono::seconds> left;  ///< until its lease ends; none: permanent
   std::optional<uint64_t> connections;       ///< open now; none: not known
   std::optional<uint64_t> uses;              ///< connections since it was opened; none: not known
@@ -107,6 +108,7 @@ struct NatPolicy {
   std::string routerPorts;
   uint32_t maxRules = 0;
   uint32_t maxRulesPerClient = 0;
+  bool remotesPossible = false;  ///< ports can be opened to some remote networks alone
 };
 
 /// What is to be changed of it; the rest stays.

@@ -29,6 +29,7 @@ std::string portJson(const NatRule& rule) {
       .add("stale", rule.stale)
       .add("owner", rule.owner)
       .add("seconds", rule.openFor.count())
+      .add("from", rule.from)
       .addJson("seconds_left", rule.left ? jsonText(rule.left->count()) : "null")
       .addJson("connections", numberOrNull(rule.connections))
       .addJson("connections_so_far", numberOrNull(rule.uses))

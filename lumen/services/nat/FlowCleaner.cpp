@@ -45,14 +45,16 @@ void FlowCleaner::sweep() {
 }
 
 bool FlowCleaner::ends(const Flow& flow) {
-  return ports_.udpClient(flow.destination) != flow.responder;
+  // What is not the rule's goes to this router.
+  return ports_.udpClient(flow.destination, flow.source).value_or(flow.destination) !=
+         flow.responder;
 }
 
 void FlowCleaner::swept(bool complete) {
   sweeping_ = false;
   if (!complete) missed_ = std::exchange(swept_, {});
   for (const Endpoint& external : std::exchange(swept_, {})) {
-    if (!ports_.udpClient(external) && !pending_.contains(external)) marks_.clear(external);
+    if (!ports_.isUdpOpen(external) && !pending_.contains(external)) marks_.clear(external);
   }
   const lm::Clock::Time now = clock_.now();
   rest_ = now + std::max(leastRest, restPerSweep * (now - began_));

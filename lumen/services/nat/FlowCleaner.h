@@ -27,8 +27,11 @@ class FlowCleaner : private Flows::Sweeper {
   class OpenPorts {
    public:
     virtual ~OpenPorts() = default;
-    /// Where UDP packets to `external` go now; none when the port is not open.
-    [[nodiscard]] virtual std::optional<Endpoint> udpClient(const Endpoint& external) const = 0;
+    /// Where UDP packets from `remote` to `external` go now; none when the port is not open to it.
+    [[nodiscard]] virtual std::optional<Endpoint> udpClient(const Endpoint& external,
+                                                            Ipv4Address remote) const = 0;
+    /// Whether it is open to any remote host.
+    [[nodiscard]] virtual bool isUdpOpen(const Endpoint& external) const = 0;
   };
 
   /// All must outlive this.

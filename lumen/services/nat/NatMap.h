@@ -14,6 +14,8 @@ namespace lumen {
 
 /// The open ports as the kernel has them: the elements of the map `forwards` in the nftables table
 /// `ip lumen`. Each change is one transaction, and one port costs the same however many are open.
+/// A rule with remote networks has an element for each in the map `filtered` instead, which a
+/// ruleset file that was kept from before may lack.
 ///
 /// A failure is one line of text, and leaves everything as it was.
 class NatMap {
@@ -27,19 +29,25 @@ class NatMap {
   /// process owns it.
   [[nodiscard]] Result<void> open(const std::string& path);
 
-  [[nodiscard]] Result<void> add(const RuleKey& key, const Endpoint& client);
-  [[nodiscard]] Result<void> remove(const std::vector<RuleKey>& keys);
-  /// From now on packets for `key` go to `client`. The element keeps its counter.
-  [[nodiscard]] Result<void> change(const RuleKey& key, const Endpoint& client);
+  /// Whether rules may have remote networks.
+  [[nodiscard]] bool hasRemotes() const { return hasRemotes_; }
 
-  /// How many connections came through each port since it was added: its element counts packets,
+  [[nodiscard]] Result<void> add(const Rule& rule);
+  [[nodiscard]] Result<void> remove(const std::vector<Rule>& rules);
+  /// `after` has the key of `before`, and goes on counting where that was.
+  [[nodiscard]] Result<void> change(const Rule& before, const Rule& after);
+
+  /// How many connections came through each port since it was added: its elements count packets,
   /// and a NAT chain sees only the first packet of a connection.
   [[nodiscard]] Result<std::map<RuleKey, uint64_t>> uses();
   /// The same of one port.
-  [[nodiscard]] Result<uint64_t> uses(const RuleKey& key);
+  [[nodiscard]] Result<uint64_t> uses(const Rule& rule);
 
  private:
+  [[nodiscard]] Result<ElementCounter> count(const Rule& rule);
+
   Nftables& nftables_;
+  bool hasRemotes_ = false;
 };
 
 }  // namespace lumen

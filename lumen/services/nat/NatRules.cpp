@@ -45,7 +45,14 @@ Rule outlineOf(const lm::message& request) {
 /// What a change of a rule has done to it; empty: nothing.
 std::string describeChange(const Rule& before, const Rule& after) {
   if (after.disabled != before.disabled) return after.disabled ? "disabled" : "enabled";
-  return before.client == after.client ? "" : "was to " + before.client.text();
+  if (before.client != after.client) return "was to " + before.client.text();
+  if (before.remotes == after.remotes) return {};
+  return "was from " + (before.remotes.empty() ? "anywhere" : networksText(before.remotes));
+}
+
+std::string describeNew(const Rule& rule) {
+  if (rule.disabled) return "disabled";
+  return rule.remotes.empty() ? "" : "from " + networksText(rule.remotes);
 }
 
 Refused asRefusal(const Failure& failure) { return {.text = failure.text}; }
@@ -94,7 +101,7 @@ lm::message NatRules::handle(const Caller& caller, uint32_t command, const lm::m
     case lm::cmd::readObject:
       return read(request);
     case lm::cmd::get:
-      return policies_.settings();
+      return settings();
     case lm::cmd::set:
       return writePolicy(request);
     default:
@@ -105,13 +112,13 @@ lm::message NatRules::handle(const Caller& caller, uint32_t command, const lm::m
 void NatRules::connectionEnded(uint64_t connection) {
   if (listing_ && listing_->reader == connection) listing_.reset();
   if (everAdded_.erase(connection) == 0) return;
-  std::vector<RuleKey> inKernel;
+  std::vector<Rule> inKernel;
   for (auto it = table_.rules().begin(); it != table_.rules().end();) {
     auto next = std::next(it);
     if (it->second.connection == connection) {
-      if (it->second.inKernel()) inKernel.push_back(it->second.key);
+      if (it->second.inKernel()) inKernel.push_back(it->second);
       note(Event::closed, it->second, "the program that had it ended");
-      eraseForGood(it, std::nullopt);
+      eraseForGood(it, {});
     }
     it = next;
   }
@@ -149,6 +156,7 @@ std::optional<Refused> NatRules::add(const Caller& caller, const lm::message& re
   rule.user = caller.user;
   rule.addedAt = clock_.now();
   if (wanted->lease) rule.until = rule.addedAt + *wanted->lease;
+  if (auto refused = refuseRemotes(rule)) return refused;
   if (auto refused = admission_.refuseAdd(caller, rule, wanted->anyPort)) return refused;
 
   if (rule.inKernel()) {
@@ -156,8 +164,8 @@ std::optional<Refused> NatRules::add(const Caller& caller, const lm::message& re
     if (!added) return asRefusal(kernelRefusal("add", rule.key, added.failure()));
   }
   const uint32_t id = table_.nextId();
-  insert(id, rule, std::nullopt);
-  note(Event::opened, rule, rule.disabled ? "disabled" : "");
+  insert(id, rule, {});
+  note(Event::opened, rule, describeNew(rule));
   everAdded_[caller.connection].add(id);
   undoWith([this, id] { undoAdd(id); });
   reply.insert_u32(lm::key::objectId, id);
@@ -169,7 +177,7 @@ void NatRules::undoAdd(uint32_t id) {
   auto it = table_.find(id);
   if (it == table_.rules().end()) return;
   const Rule added = it->second;
-  if (drop(it, std::nullopt)) note(Event::closed, added, givenUp);
+  if (drop(it, {})) note(Event::closed, added, givenUp);
 }
 
 std::optional<Refused> NatRules::set(const Caller& caller, const lm::message& request) {
@@ -196,13 +204,17 @@ std::optional<Refused> NatRules::set(const Caller& caller, const lm::message& re
     }
     after.until = now + *change->lease;
   }
+  if (change->remotes) {
+    after.remotes = *change->remotes;
+    if (auto refused = refuseRemotes(after)) return refused;
+  }
   if (!change->close) {
     if (auto refused = admission_.refuseSet(caller, before, after, now)) return refused;
   }
   const Rule replaced = before;
   const bool closing = after.closed && !replaced.closed;
-  const OptionalEnd end = closing ? OptionalEnd(lm::nat::End::administrator) : std::nullopt;
-  if (const auto done = replace(it, after, end); !done) return asRefusal(done.failure());
+  const News news = closing ? endedBy(lm::nat::End::administrator) : News();
+  if (const auto done = replace(it, after, news); !done) return asRefusal(done.failure());
   if (closing) {
     note(Event::closed, authorOf(caller), after, "");
   } else if (const std::string what = describeChange(replaced, after); !what.empty()) {
@@ -224,16 +236,18 @@ void NatRules::undoSet(uint32_t id, const Rule& before, bool closing) {
   } else {
     after.disabled = before.disabled;
     after.client = before.client;
+    after.remotes = before.remotes;
     after.until = before.until;
   }
-  if (!replace(it, after, std::nullopt)) return;
+  // The owner was told that the port is closed.
+  if (!replace(it, after, {.toOwner = closing})) return;
   note(closing ? Event::opened : Event::changed, after, givenUp);
 }
 
-Result<void> NatRules::replace(Rules::iterator it, Rule after, OptionalEnd end) {
+Result<void> NatRules::replace(Rules::iterator it, Rule after, News news) {
   if (it->second.inKernel() && !after.inKernel()) {
     if (after.earlierUses) {
-      const auto uses = map_.uses(after.key);
+      const auto uses = map_.uses(it->second);
       if (uses) *after.earlierUses += *uses;
     }
   }
@@ -241,7 +255,7 @@ Result<void> NatRules::replace(Rules::iterator it, Rule after, OptionalEnd end) 
   if (!applied) return kernelRefusal("change", after.key, applied.failure());
   uint32_t id = it->first;
   erase(it);
-  insert(id, after, end);
+  insert(id, after, news);
   return {};
 }
 
@@ -261,21 +275,22 @@ std::optional<Refused> NatRules::remove(const Caller& caller, const lm::message&
   }
   const Rule removed = rule;
   const bool byOwner = rule.connection == caller.connection;
-  const OptionalEnd end = byOwner ? std::nullopt : OptionalEnd(lm::nat::End::administrator);
-  if (const auto done = drop(it, end); !done) return asRefusal(done.failure());
+  const News news = byOwner ? News() : endedBy(lm::nat::End::administrator);
+  if (const auto done = drop(it, news); !done) return asRefusal(done.failure());
   note(Event::closed, authorOf(caller), removed, "");
-  undoWith([this, id, removed] { undoRemove(id, removed); });
+  // An owner that was told of the end of its rule has forgotten it.
+  if (byOwner) undoWith([this, id, removed] { undoRemove(id, removed); });
   return std::nullopt;
 }
 
-Result<void> NatRules::drop(Rules::iterator it, OptionalEnd end) {
+Result<void> NatRules::drop(Rules::iterator it, News news) {
   const Rule& rule = it->second;
   if (rule.inKernel()) {
-    const auto removed = map_.remove({rule.key});
+    const auto removed = map_.remove({rule});
     if (!removed) return kernelRefusal("remove", rule.key, removed.failure());
     flowsMayDiffer(rule.key);
   }
-  eraseForGood(it, end);
+  eraseForGood(it, news);
   return {};
 }
 
@@ -292,7 +307,7 @@ void NatRules::undoRemove(uint32_t id, const Rule& removed) {
       return;
     }
   }
-  insert(id, rule, std::nullopt);
+  insert(id, rule, {});
   note(Event::opened, rule, givenUp);
 }
 
@@ -314,6 +329,20 @@ lm::message NatRules::read(const lm::message& request) {
   return record(it->first, it->second, count());
 }
 
+lm::message NatRules::settings() const {
+  lm::message reply = policies_.settings();
+  if (map_.hasRemotes()) reply.insert_bool(lm::nat::key::remotesPossible, true);
+  return reply;
+}
+
+std::optional<Refused> NatRules::refuseRemotes(const Rule& rule) const {
+  if (rule.remotes.empty() || map_.hasRemotes()) return std::nullopt;
+  return Refused{.text =
+                     "the NAT ruleset file has no map \"filtered\" for rules that name remote "
+                     "networks",
+                 .denial = {.why = lm::nat::Refusal::policy}};
+}
+
 lm::message NatRules::writePolicy(const lm::message& request) {
   const PolicyBook::State before = policies_.state();
   if (const auto written = policies_.write(request); !written)
@@ -325,39 +354,41 @@ lm::message NatRules::writePolicy(const lm::message& request) {
 Result<void> NatRules::apply(const Rule& before, const Rule& after) {
   if (!before.inKernel() && !after.inKernel()) return {};
   if (!before.inKernel()) return addToKernel(after);
-  if (after.inKernel() && before.client == after.client) return {};
-  auto applied = after.inKernel() ? map_.change(after.key, after.client) : map_.remove({after.key});
+  if (after.inKernel() && before.client == after.client && before.remotes == after.remotes) {
+    return {};
+  }
+  auto applied = after.inKernel() ? map_.change(before, after) : map_.remove({before});
   if (applied) flowsMayDiffer(after.key);
   return applied;
 }
 
 Result<void> NatRules::addToKernel(const Rule& rule) {
   if (rule.key.protocol == IPPROTO_UDP) cleaner_.opens(rule.key.external);
-  auto added = map_.add(rule.key, rule.client);
+  auto added = map_.add(rule);
   flowsMayDiffer(rule.key);
   return added;
 }
 
-std::set<RuleKey> NatRules::removeFromKernel(const std::vector<RuleKey>& keys) {
+std::set<RuleKey> NatRules::removeFromKernel(const std::vector<Rule>& rules) {
   std::set<RuleKey> kept;
-  if (const auto removed = map_.remove(keys); !removed) {
-    lm::logLine("nat remove of ", keys.size(), " rules failed: ", removed.why());
-    for (const RuleKey& key : keys) {
-      if (const auto one = map_.remove({key}); !one) {
-        lm::logLine("nat remove failed: ", keyText(key), ": ", one.why());
-        kept.insert(key);
+  if (const auto removed = map_.remove(rules); !removed) {
+    lm::logLine("nat remove of ", rules.size(), " rules failed: ", removed.why());
+    for (const Rule& rule : rules) {
+      if (const auto one = map_.remove({rule}); !one) {
+        lm::logLine("nat remove failed: ", keyText(rule.key), ": ", one.why());
+        kept.insert(rule.key);
       }
     }
   }
-  for (const RuleKey& key : keys) flowsMayDiffer(key);
+  for (const Rule& rule : rules) flowsMayDiffer(rule.key);
   return kept;
 }
 
 void NatRules::leasesEnded(const std::vector<uint32_t>& ids) {
-  std::vector<RuleKey> inKernel;
+  std::vector<Rule> inKernel;
   for (const uint32_t id : ids) {
     const Rule& rule = table_.find(id)->second;
-    if (rule.inKernel()) inKernel.push_back(rule.key);
+    if (rule.inKernel()) inKernel.push_back(rule);
   }
   const std::set<RuleKey> kept = removeFromKernel(inKernel);
   for (const uint32_t id : ids) {
@@ -368,7 +399,7 @@ void NatRules::leasesEnded(const std::vector<uint32_t>& ids) {
       continue;
     }
     note(Event::closed, it->second, "the lease ended");
-    eraseForGood(it, lm::nat::End::lease);
+    eraseForGood(it, endedBy(lm::nat::End::lease));
   }
 }
 
@@ -385,10 +416,10 @@ void NatRules::note(Event event, const PortLog::Author& author, const Rule& rule
   log_.add(event, author, rule.key, rule.client, reason);
 }
 
-void NatRules::insert(uint32_t id, const Rule& rule, OptionalEnd end) {
+void NatRules::insert(uint32_t id, const Rule& rule, News news) {
   table_.insert(id, rule);
   if (rule.until) leases_.add(id, *rule.until);
-  notify(rule.connection, record(id, rule, {}), end);
+  notify(rule.connection, record(id, rule, {}), news);
 }
 
 void NatRules::erase(Rules::iterator it) {
@@ -396,21 +427,24 @@ void NatRules::erase(Rules::iterator it) {
   table_.erase(it);
 }
 
-void NatRules::eraseForGood(Rules::iterator it, OptionalEnd end) {
+void NatRules::eraseForGood(Rules::iterator it, News news) {
   lm::message gone = record(it->first, it->second, {});
   gone.insert_u32(lm::key::removed, 1);
   const uint64_t owner = it->second.connection;
   erase(it);
-  notify(owner, std::move(gone), end);
+  notify(owner, std::move(gone), news);
 }
 
 // Counting connections for a notification would cost more than the change.
-void NatRules::notify(uint64_t owner, lm::message record, OptionalEnd end) {
-  if (end) record.insert_u32(lm::nat::key::ended, static_cast<uint32_t>(*end));
-  lm::message news;
-  news.insert_message_array(lm::key::records, {std::move(record)});
-  if (end) return notifier_.notifyWithOwner(owner, lm::cmd::changed, lm::nat::path(), news);
-  notifier_.notify(lm::cmd::changed, lm::nat::path(), news);
+void NatRules::notify(uint64_t owner, lm::message record, News news) {
+  if (news.end) record.insert_u32(lm::nat::key::ended, static_cast<uint32_t>(*news.end));
+  lm::message fields;
+  fields.insert_message_array(lm::key::records, {std::move(record)});
+  if (news.toOwner) {
+    notifier_.notifyWithOwner(owner, lm::cmd::changed, lm::nat::path(), fields);
+  } else {
+    notifier_.notify(lm::cmd::changed, lm::nat::path(), fields);
+  }
 }
 
 NatRules::Counts NatRules::count() {
@@ -424,7 +458,8 @@ NatRules::Counts NatRules::count() {
   Numbers connections;
   const bool complete = flows_.visitTranslated([&](const Flow& flow) {
     RuleKey key{.external = flow.destination, .protocol = flow.protocol};
-    if (table_.find(key) != nullptr) ++connections[key];
+    const Rule* const rule = table_.find(key);
+    if (rule != nullptr && rule->admits(flow.source)) ++connections[key];
   });
   if (complete) counts.connections = std::move(connections);
   return counts;
@@ -449,10 +484,19 @@ lm::message NatRules::record(uint32_t id, const Rule& rule, const Counts& counts
   return ruleRecord(id, rule, status);
 }
 
-std::optional<Endpoint> NatRules::udpClient(const Endpoint& external) const {
-  const Rule* const rule = table_.find(RuleKey{.external = external, .protocol = IPPROTO_UDP});
-  if (rule == nullptr || !rule->inKernel()) return std::nullopt;
+std::optional<Endpoint> NatRules::udpClient(const Endpoint& external, Ipv4Address remote) const {
+  const Rule* const rule = openUdpRule(external);
+  if (rule == nullptr || !rule->admits(remote)) return std::nullopt;
   return rule->client;
+}
+
+bool NatRules::isUdpOpen(const Endpoint& external) const {
+  return openUdpRule(external) != nullptr;
+}
+
+const Rule* NatRules::openUdpRule(const Endpoint& external) const {
+  const Rule* const rule = table_.find(RuleKey{.external = external, .protocol = IPPROTO_UDP});
+  return rule == nullptr || !rule->inKernel() ? nullptr : rule;
 }
 
 }  // namespace lumen

@@ -52,9 +52,15 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts, private Le
  private:
   using Rules = RuleTable::Rules;
 
-  using OptionalEnd = std::optional<lm::nat::End>;
+  /// Who is notified of a change of a rule, beside the readers.
+  struct News {
+    bool toOwner = false;
+    std::optional<lm::nat::End> end = std::nullopt;  // of the rule
+  };
 
   using Numbers = std::map<RuleKey, uint64_t>;
+
+  [[nodiscard]] static News endedBy(lm::nat::End end) { return {.toOwner = true, .end = end}; }
 
   /// The connections of all rules; none: unknown.
   struct Counts {
@@ -78,13 +84,15 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts, private Le
   [[nodiscard]] std::optional<Refused> remove(const Caller& caller, const lm::message& request);
   [[nodiscard]] lm::message list(const Caller& caller, const lm::message& request);
   [[nodiscard]] lm::message read(const lm::message& request);
+  [[nodiscard]] lm::message settings() const;
+  /// Unless the kernel's table can hold the remote networks of `rule`, if it has any.
+  [[nodiscard]] std::optional<Refused> refuseRemotes(const Rule& rule) const;
   [[nodiscard]] lm::message writePolicy(const lm::message& request);
 
-  // With an `end` the rule's owner is notified too: this process has ended the rule.
   /// Puts `after` in the place of a rule with the same key, in the kernel too.
-  [[nodiscard]] Result<void> replace(Rules::iterator it, Rule after, OptionalEnd end);
+  [[nodiscard]] Result<void> replace(Rules::iterator it, Rule after, News news);
   /// Removes a rule, from the kernel too.
-  [[nodiscard]] Result<void> drop(Rules::iterator it, OptionalEnd end);
+  [[nodiscard]] Result<void> drop(Rules::iterator it, News news);
 
   // Undo a change whose requester gave up. The policy is not consulted: the rules become what they
   // were.
@@ -96,7 +104,7 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts, private Le
   [[nodiscard]] Result<void> apply(const Rule& before, const Rule& after);
   [[nodiscard]] Result<void> addToKernel(const Rule& rule);
   /// Returns, and logs, what the kernel did not remove.
-  std::set<RuleKey> removeFromKernel(const std::vector<RuleKey>& keys);
+  std::set<RuleKey> removeFromKernel(const std::vector<Rule>& rules);
   void leasesEnded(const std::vector<uint32_t>& ids) override;
   void flowsMayDiffer(const RuleKey& key);
 
@@ -105,17 +113,19 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts, private Le
   void note(lm::nat::Event event, const PortLog::Author& author, const Rule& rule,
             std::string_view reason);
 
-  /// Adds a rule to the table, or one that was changed, and notifies the readers; with an `end` its
-  /// owner too.
-  void insert(uint32_t id, const Rule& rule, OptionalEnd end);
+  /// Adds a rule to the table, or one that was changed, and notifies the readers.
+  void insert(uint32_t id, const Rule& rule, News news);
   void erase(Rules::iterator it);
-  /// Notifies the readers that the rule has gone, with an `end` its owner too, and erases it.
-  void eraseForGood(Rules::iterator it, OptionalEnd end);
-  void notify(uint64_t owner, lm::message record, OptionalEnd end);
+  /// Notifies the readers that the rule has gone, and erases it.
+  void eraseForGood(Rules::iterator it, News news);
+  void notify(uint64_t owner, lm::message record, News news);
 
   [[nodiscard]] Counts count();
   [[nodiscard]] lm::message record(uint32_t id, const Rule& rule, const Counts& counts) const;
-  [[nodiscard]] std::optional<Endpoint> udpClient(const Endpoint& external) const override;
+  [[nodiscard]] std::optional<Endpoint> udpClient(const Endpoint& external,
+                                                  Ipv4Address remote) const override;
+  [[nodiscard]] bool isUdpOpen(const Endpoint& external) const override;
+  [[nodiscard]] const Rule* openUdpRule(const Endpoint& external) const;
 
   NatMap& map_;
   Flows& flows_;

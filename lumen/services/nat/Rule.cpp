@@ -2,7 +2,15 @@
 
 #include <netinet/in.h>
 
+#include <algorithm>
+
 namespace lumen {
+
+bool Rule::admits(Ipv4Address remote) const {
+  return remotes.empty() || std::ranges::any_of(remotes, [remote](const Ipv4Network& network) {
+           return network.holds(remote);
+         });
+}
 
 const char* protocolText(uint8_t protocol) { return protocol == IPPROTO_TCP ? "tcp" : "udp"; }
 

@@ -7,6 +7,7 @@
 
 #include "lumen/runtime/Clock.h"
 #include "lumen/values/Ipv4.h"
+#include "lumen/values/Ipv4Networks.h"
 
 namespace lumen {
 
@@ -21,18 +22,21 @@ struct RuleKey {
 /// One open port.
 struct Rule {
   RuleKey key;
-  Endpoint client;          ///< where its packets go
+  Endpoint client{};        ///< where its packets go
+  Ipv4Networks remotes{};   ///< from where they may come; none: anywhere
   bool disabled = false;    ///< by its owner
   bool closed = false;      ///< by the administrator, permanently
   uint64_t connection = 0;  ///< of its owner
-  std::string owner;        ///< service name
+  std::string owner{};      ///< service name
   uint32_t user = 0;        ///< of the owner's process
-  lm::Clock::Time addedAt;
+  lm::Clock::Time addedAt{};
   std::optional<lm::Clock::Time> until = std::nullopt;  ///< the end of its lease; none: permanent
   /// Connections counted before the rule last left the kernel; none: unknown.
   std::optional<uint64_t> earlierUses = 0;
 
   [[nodiscard]] bool inKernel() const { return !disabled && !closed; }
+  /// Whether packets from this address may pass.
+  [[nodiscard]] bool admits(Ipv4Address remote) const;
 };
 
 /// "tcp" or "udp".

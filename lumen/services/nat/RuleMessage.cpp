@@ -3,6 +3,8 @@
 #include <netinet/in.h>
 
 #include <array>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "lumen/runtime/Fields.h"
@@ -18,12 +20,13 @@ namespace key = lm::nat::key;
 constexpr std::array setFields = {
     lm::key::objectId,    lm::key::disabled,   key::clientFirst, key::clientLast,
     key::clientPortFirst, key::clientPortLast, key::closed,      key::lease,
+    key::remoteNetworks,  key::remotePrefixes,
 };
 
 /// The fields that the codec of a rule writes.
 std::vector<uint32_t> addFields() {
   lm::message rule;
-  lm::nat::write(rule, lm::nat::Rule{.lease = 1, .anyPort = true});
+  lm::nat::write(rule, lm::nat::Rule{.lease = 1, .anyPort = true, .remotes = {{}}});
   std::vector<uint32_t> fields;
   for (const lm::Field& field : rule.fields()) fields.push_back(field.key);
   return fields;
@@ -34,6 +37,34 @@ bool has(const lm::message& request, uint32_t field) {
 }
 
 constexpr const char* emptyLease = "a lease must be at least one second";
+
+Result<void> checkRemotes(const lm::message& request) {
+  const auto& networks = request.get_u32_array_ref(key::remoteNetworks);
+  const auto& prefixes = request.get_u32_array_ref(key::remotePrefixes);
+  if (networks.size() != prefixes.size() ||
+      has(request, key::remoteNetworks) != has(request, key::remotePrefixes)) {
+    return Failure{"each remote network needs a prefix"};
+  }
+  if (networks.size() > lm::nat::mostRemotes) {
+    return Failure{"a rule has at most " + std::to_string(lm::nat::mostRemotes) +
+                   " remote networks"};
+  }
+  for (const uint32_t prefix : prefixes) {
+    if (prefix < 1 || prefix > 32) {
+      return Failure{"the prefix of a remote network must be from 1 to 32"};
+    }
+  }
+  return {};
+}
+
+// REQUIRES: checkRemotes has found nothing.
+Ipv4Networks remotesIn(const lm::message& request) {
+  Ipv4Networks remotes;
+  for (const lm::nat::RemoteNetwork& remote : lm::nat::readRemotes(request)) {
+    remotes.emplace_back(Ipv4Address::fromBytes(remote.address), remote.prefix);
+  }
+  return tidyNetworks(std::move(remotes));
+}
 
 bool isPort(uint32_t number) { return number >= 1 && number <= 65535; }
 
@@ -81,7 +112,7 @@ Result<void> checkRule(const lm::message& request) {
   if (!noWish && !isPort(rule.port)) return Failure{"external port must be from 1 to 65535"};
   if (!isPort(rule.clientPort)) return Failure{"internal port must be from 1 to 65535"};
   if (rule.lease == 0U) return Failure{emptyLease};
-  return {};
+  return checkRemotes(request);
 }
 
 Result<void> checkChange(const lm::message& request) {
@@ -106,7 +137,7 @@ Result<void> checkChange(const lm::message& request) {
     return Failure{"internal port must be from 1 to 65535"};
   }
   if (has(request, key::lease) && request.get_u32(key::lease) == 0) return Failure{emptyLease};
-  return {};
+  return checkRemotes(request);
 }
 
 }  // namespace
@@ -121,6 +152,7 @@ Result<RuleRequest> readRule(const lm::message& request) {
               .protocol = static_cast<uint8_t>(wire.protocol)};
   rule.client = {.address = Ipv4Address::fromBytes(wire.client),
                  .port = static_cast<uint16_t>(wire.clientPort)};
+  rule.remotes = remotesIn(request);
   rule.disabled = wire.disabled;
   if (wire.lease) result.lease = std::chrono::seconds(*wire.lease);
   result.anyPort = wire.anyPort;
@@ -138,12 +170,17 @@ Result<RuleChange> readChange(const lm::message& request) {
     change.clientPort = static_cast<uint16_t>(request.get_u32(key::clientPortFirst));
   }
   if (has(request, key::lease)) change.lease = std::chrono::seconds(request.get_u32(key::lease));
+  if (has(request, key::remoteNetworks)) change.remotes = remotesIn(request);
   change.close = request.get_bool(key::closed);
   return change;
 }
 
 lm::message ruleRecord(uint32_t id, const Rule& rule, const RuleStatus& status) {
   lm::message record;
+  std::vector<lm::nat::RemoteNetwork> remotes;
+  for (const Ipv4Network& remote : rule.remotes) {
+    remotes.push_back({.address = remote.first().bytes(), .prefix = remote.prefix()});
+  }
   std::optional<uint32_t> lease;
   if (status.left) lease = static_cast<uint32_t>(status.left->count());
   lm::nat::write(record, lm::nat::Record{.rule = {.disabled = rule.disabled,
@@ -152,7 +189,8 @@ lm::message ruleRecord(uint32_t id, const Rule& rule, const RuleStatus& status) 
                                                   .protocol = rule.key.protocol,
                                                   .client = rule.client.address.bytes(),
                                                   .clientPort = rule.client.port,
-                                                  .lease = lease},
+                                                  .lease = lease,
+                                                  .remotes = std::move(remotes)},
                                          .id = id,
                                          .owner = rule.owner,
                                          .seconds = static_cast<uint64_t>(status.age.count()),

@@ -26,6 +26,7 @@ struct RuleChange {
   std::optional<Ipv4Address> clientAddress;
   std::optional<uint16_t> clientPort;
   std::optional<std::chrono::seconds> lease;  ///< from now
+  std::optional<Ipv4Networks> remotes;        ///< instead of those that it has
   bool close = false;                         ///< then nothing else is present
 };
 

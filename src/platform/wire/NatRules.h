@@ -1,8 +1,13 @@
 #pragma once
 
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/Keys.h"
@@ -27,7 +32,9 @@
 /// A service whose file grants it ports may subscribe to lm::cmd::changed without being a reader.
 /// It is notified of its own rules only, and only of those that lumend ended: of a rule that has
 /// left the table with the record, lm::key::removed and `ended`; of one that the administrator has
-/// closed, which stays listed, with the record and `ended`.
+/// closed, which stays listed, with the record and `ended`. When the administrator's program gave
+/// up its request to close, the rule is open again: the owner is notified of that with the record
+/// alone.
 ///
 /// The fields of a rule from `lease` on are optional: an add without them asks for a permanent rule
 /// at exactly that port, for packets from anywhere.
@@ -65,9 +72,11 @@ inline constexpr uint32_t lease = 0x08010050;
 /// bool, in an add request only: portFirst and portLast are a wish, 0 for none. When that port is
 /// not free or not allowed, the rule gets another one.
 inline constexpr uint32_t anyPort = 0x00010051;
-// Only packets from this network pass; both or none. lumend refuses them still.
-inline constexpr uint32_t remoteNetwork = 0x08010052;  ///< be32
-inline constexpr uint32_t remotePrefix = 0x08010053;   ///< u32: 1 to 32
+// Only packets from these networks pass: as many of each, at most mostRemotes. Absent: from
+// anywhere. In a set request they replace those of the rule, and none lets packets from anywhere
+// pass.
+inline constexpr uint32_t remoteNetworks = 0x88010052;  ///< u32 array: the numbers of be32
+inline constexpr uint32_t remotePrefixes = 0x88010053;  ///< u32 array: 1 to 32 each
 
 // The reply to an add request has the rule's id, and for one with anyPort portFirst: the external
 // port that it became.
@@ -100,6 +109,9 @@ inline constexpr uint32_t reset = 0x00010034;
 inline constexpr uint32_t reload = 0x00010035;
 inline constexpr uint32_t routerPorts = 0x20010036;    ///< string, as in the policy file
 inline constexpr uint32_t internalPorts = 0x20010037;  ///< string, as in the policy file
+/// bool, in an answer only: rules may name remote networks, since the ruleset file has a map for
+/// them.
+inline constexpr uint32_t remotesPossible = 0x00010038;
 
 // An event, beside fields of a rule: protocol, addressFirst, portFirst, clientFirst,
 // clientPortFirst and owner.
@@ -126,8 +138,8 @@ enum class Refusal : uint32_t {
 /// Who has a port that is taken.
 enum class Holder : uint32_t { otherService = 1, sameService = 2, administrator = 3, router = 4 };
 
-/// Why lumend ended a rule; it does not use the last two yet.
-enum class End : uint32_t { lease = 1, administrator = 2, addressGone = 3, policy = 4 };
+/// Why lumend ended a rule.
+enum class End : uint32_t { lease = 1, administrator = 2 };
 
 /// The action of every rule: translate the destination.
 inline constexpr uint32_t actionDnat = 22;
@@ -141,7 +153,10 @@ inline std::vector<uint32_t> logPath() { return {service::interfaces, handler::p
 /// The path of the table.
 inline std::vector<uint32_t> path() { return {service::interfaces, handler::natRules}; }
 
-/// Where the packets of a rule may come from.
+/// How many remote networks a rule can name.
+inline constexpr size_t mostRemotes = 8;
+
+/// A network from which the packets of a rule may come.
 struct RemoteNetwork {
   uint32_t address = 0;  ///< in network byte order
   uint32_t prefix = 0;
@@ -158,9 +173,9 @@ struct Rule {
   uint32_t protocol = 0;
   uint32_t client = 0;
   uint32_t clientPort = 0;
-  std::optional<uint32_t> lease = std::nullopt;        ///< in seconds; none: permanent
-  bool anyPort = false;                                ///< in a request only
-  std::optional<RemoteNetwork> remote = std::nullopt;  ///< none: anywhere
+  std::optional<uint32_t> lease = std::nullopt;  ///< in seconds; none: permanent
+  bool anyPort = false;                          ///< in a request only
+  std::vector<RemoteNetwork> remotes{};          ///< none: anywhere
 
   bool operator==(const Rule&) const = default;
 };
@@ -195,6 +210,28 @@ inline std::optional<uint32_t> numberIfPresent(const message& m, uint32_t field)
   return number == m.get_u32(field, 1) ? std::optional(number) : std::nullopt;
 }
 
+/// Appends the networks, or their absence.
+inline void writeRemotes(message& m, const std::vector<RemoteNetwork>& remotes) {
+  std::vector<uint32_t> addresses;
+  std::vector<uint32_t> prefixes;
+  for (const RemoteNetwork& remote : remotes) {
+    addresses.push_back(ntohl(remote.address));
+    prefixes.push_back(remote.prefix);
+  }
+  m.insert_u32_array(key::remoteNetworks, std::move(addresses));
+  m.insert_u32_array(key::remotePrefixes, std::move(prefixes));
+}
+
+/// Of networks of which one field is missing, 0 stands for it.
+inline std::vector<RemoteNetwork> readRemotes(const message& m) {
+  const std::vector<uint32_t>& addresses = m.get_u32_array_ref(key::remoteNetworks);
+  const std::vector<uint32_t>& prefixes = m.get_u32_array_ref(key::remotePrefixes);
+  std::vector<RemoteNetwork> remotes(std::max(addresses.size(), prefixes.size()));
+  for (size_t i = 0; i < addresses.size(); ++i) remotes[i].address = htonl(addresses[i]);
+  for (size_t i = 0; i < prefixes.size(); ++i) remotes[i].prefix = prefixes[i];
+  return remotes;
+}
+
 /// Appends the fields of an add request in their order.
 inline void write(message& m, const Rule& rule) {
   m.insert_bool(lm::key::dynamic, true);
@@ -217,17 +254,11 @@ inline void write(message& m, const Rule& rule) {
   m.insert_u32(key::clientPortLast, rule.clientPort);
   if (rule.lease) m.insert_u32(key::lease, *rule.lease);
   if (rule.anyPort) m.insert_bool(key::anyPort, true);
-  if (rule.remote) {
-    m.insert_be32(key::remoteNetwork, rule.remote->address);
-    m.insert_u32(key::remotePrefix, rule.remote->prefix);
-  }
+  if (!rule.remotes.empty()) writeRemotes(m, rule.remotes);
 }
 
-/// Of a range its first end. A field that is absent is 0 or false; a network of which only one
-/// field is present has 0 for the other.
+/// Of a range its first end. A field that is absent is 0 or false.
 inline Rule readRule(const message& m) {
-  const auto prefix = numberIfPresent(m, key::remotePrefix);
-  const bool hasRemote = prefix || numberIfPresent(m, key::remoteNetwork);
   return {.disabled = m.get_bool(lm::key::disabled),
           .address = m.get_be32(key::addressFirst),
           .port = m.get_u32(key::portFirst),
@@ -236,10 +267,7 @@ inline Rule readRule(const message& m) {
           .clientPort = m.get_u32(key::clientPortFirst),
           .lease = numberIfPresent(m, key::lease),
           .anyPort = m.get_bool(key::anyPort),
-          .remote = hasRemote
-                        ? std::optional(RemoteNetwork{.address = m.get_be32(key::remoteNetwork),
-                                                      .prefix = prefix.value_or(0)})
-                        : std::nullopt};
+          .remotes = readRemotes(m)};
 }
 
 /// Appends the fields of the add request, then the others.
@@ -263,8 +291,8 @@ inline Record readRecord(const message& m) {
     return number == m.get_u64(field, 1) ? std::optional(number) : std::nullopt;
   };
   const uint32_t ended = m.get_u32(key::ended);
-  const bool isEnd =
-      ended >= static_cast<uint32_t>(End::lease) && ended <= static_cast<uint32_t>(End::policy);
+  const bool isEnd = ended >= static_cast<uint32_t>(End::lease) &&
+                     ended <= static_cast<uint32_t>(End::administrator);
   return {.rule = readRule(m),
           .id = m.get_u32(lm::key::objectId),
           .owner = m.get_string(key::owner),

@@ -94,6 +94,7 @@ FakePlatform::FakePlatform() {
   policy_.insert_string(natkey::routerPorts, "none");
   policy_.insert_u32(natkey::maxRules, 4096);
   policy_.insert_u32(natkey::maxRulesPerClient, 128);
+  policy_.insert_bool(natkey::remotesPossible, true);
 }
 
 FakePlatform::Result FakePlatform::lumenctl(const std::vector<std::string>& arguments) {

@@ -27,11 +27,14 @@ class FakePorts : public Ports {
     return Open{lastId, rule.external.port};
   }
 
-  bool renew(uint32_t id, uint32_t lifetime) override {
+  std::optional<Failure> renew(uint32_t id, uint32_t lifetime,
+                               const std::optional<lumen::Ipv4Networks>& remotes) override {
+    if (refusesNext) return std::exchange(refusesNext, std::nullopt);
     const auto rule = rules.find(id);
-    if (rule == rules.end()) return false;
+    if (rule == rules.end()) return Failure::gone;
     rule->second.lifetime = lifetime;
-    return true;
+    if (remotes) rule->second.remotes = *remotes;
+    return std::nullopt;
   }
 
   void remove(uint32_t id) override { rules.erase(id); }
@@ -46,7 +49,7 @@ class FakePorts : public Ports {
   std::map<uint32_t, Wish> rules;
   uint32_t lastId = 0;
   std::optional<Failure> failure;      ///< of each add
-  std::optional<Failure> refusesNext;  ///< of one
+  std::optional<Failure> refusesNext;  ///< of one, or of a renewal
 };
 
 }  // namespace pcp::test

@@ -21,6 +21,8 @@ constexpr Nonce otherNonce = {4, 5, 6};
 const lumen::Ipv4Network office({198, 51, 100, 0}, 24);
 const lumen::Ipv4Network home({203, 0, 113, 0}, 24);
 
+using Networks = lumen::Ipv4Networks;
+
 class MappingTableTest : public testing::Test {
  protected:
   MappingTableTest() { table.setExternal(outside); }
@@ -66,7 +68,7 @@ TEST_F(MappingTableTest, AMappingIsAnOpenPort) {
   EXPECT_EQ(rule().external, (lumen::Endpoint{outside, 8080}));
   EXPECT_FALSE(rule().exact);
   EXPECT_EQ(rule().client, (lumen::Endpoint{lanHost, 80}));
-  EXPECT_EQ(rule().remote, std::nullopt);
+  EXPECT_EQ(rule().remotes, Networks{});
   EXPECT_EQ(rule().lifetime, 3600U);
   EXPECT_EQ(table.size(), 1U);
 }
@@ -231,7 +233,7 @@ TEST_F(MappingTableTest, WhatTheRouterClosedIsForgotten) {
 // over.
 TEST_F(MappingTableTest, AClosedPortIsNotOpenedBeforeItsLeaseIsOver) {
   mapped(wish(80, 8080, 600));
-  table.closed(ports.rules.begin()->first);
+  table.setClosed(ports.rules.begin()->first, true);
   clock.advance(599s);
   EXPECT_EQ(refused(wish(80, 8080)), ResultCode::notAuthorized);
   EXPECT_EQ(rule().lifetime, 600U);
@@ -239,7 +241,7 @@ TEST_F(MappingTableTest, AClosedPortIsNotOpenedBeforeItsLeaseIsOver) {
   ports.rules.clear();
   mapped(wish(80, 8080));
   // The client may give it up.
-  table.closed(ports.rules.begin()->first);
+  table.setClosed(ports.rules.begin()->first, true);
   EXPECT_EQ(table.unmap(lanHost, {IPPROTO_TCP, 80}, nonce), ResultCode::success);
   EXPECT_TRUE(ports.rules.empty());
 }
@@ -322,50 +324,87 @@ TEST_F(MappingTableTest, EachFailureOfTheRouterHasItsCode) {
   EXPECT_EQ(table.size(), 0U);
 }
 
-TEST_F(MappingTableTest, AFilterIsTheNetworkOfThePort) {
+TEST_F(MappingTableTest, FiltersAreTheNetworksOfThePort) {
   MappingTable::Wish filtered = wish(80, 8080);
-  filtered.filter.network = office;
+  filtered.filter.networks = {office};
   mapped(filtered);
-  EXPECT_EQ(rule().remote, office);
+  EXPECT_EQ(rule().remotes, Networks{office});
   // It stays without being named, and is not added twice.
   mapped(wish(80, 8080));
   mapped(filtered);
-  EXPECT_EQ(rule().remote, office);
-  // A second network is more than a rule has.
-  filtered.filter.network = home;
-  EXPECT_EQ(refused(filtered), ResultCode::excessiveRemotePeers);
-  EXPECT_EQ(rule().remote, office);
+  EXPECT_EQ(rule().remotes, Networks{office});
+  filtered.filter.networks = {home};
+  mapped(filtered);
+  EXPECT_EQ(rule().remotes, lumen::tidyNetworks({home, office})) << "one more";
 }
 
-TEST_F(MappingTableTest, AFilterCanBeReplacedAndForgotten) {
-  mapped(wish(80, 8080));
+TEST_F(MappingTableTest, MoreFiltersThanARuleHasAreRefused) {
+  const auto hosts = [](uint8_t first, uint8_t count) {
+    Networks networks;
+    for (uint8_t i = 0; i < count; ++i) {
+      networks.emplace_back(lumen::Ipv4Address(10, 0, 0, static_cast<uint8_t>(first + i)), 32);
+    }
+    return networks;
+  };
   MappingTable::Wish filtered = wish(80, 8080);
-  filtered.filter = {.forget = true, .network = home};
+  filtered.filter.networks = hosts(0, 9);
+  EXPECT_EQ(refused(filtered), ResultCode::excessiveRemotePeers);
+  filtered.filter.networks = hosts(0, 8);
+  mapped(filtered);
+  filtered.filter.networks = hosts(8, 1);
+  EXPECT_EQ(refused(filtered), ResultCode::excessiveRemotePeers);
+  EXPECT_EQ(rule().remotes, hosts(0, 8));
+  filtered.filter.forget = true;
+  mapped(filtered);
+  EXPECT_EQ(rule().remotes, hosts(8, 1));
+  // A network counts for all that lie in it.
+  filtered.filter = {.networks = {lumen::Ipv4Network({10, 0, 0, 0}, 24)}};
+  mapped(filtered);
+  EXPECT_EQ(rule().remotes, filtered.filter.networks);
+}
+
+TEST_F(MappingTableTest, FiltersCanBeReplacedAndForgotten) {
+  mapped(wish(80, 8080));
+  const uint32_t id = ports.rules.begin()->first;
+  MappingTable::Wish filtered = wish(80, 8080);
+  filtered.filter = {.forget = true, .networks = {home}};
   EXPECT_EQ(mapped(filtered).external.port, 8080);
-  EXPECT_EQ(rule().remote, home);
-  EXPECT_EQ(rule().external.port, 8080);
+  EXPECT_EQ(rule().remotes, Networks{home});
   filtered.filter = {.forget = true};
   mapped(filtered);
-  EXPECT_EQ(rule().remote, std::nullopt);
-  // The port that is open now is known by its new number.
-  table.ended(ports.rules.begin()->first);
-  EXPECT_EQ(table.size(), 0U);
+  EXPECT_EQ(rule().remotes, Networks{});
+  EXPECT_EQ(ports.rules.begin()->first, id) << "it is the same port all the time";
 }
 
 TEST_F(MappingTableTest, AFilterThatTheRouterRefusesLeavesTheOldOne) {
   MappingTable::Wish filtered = wish(80, 8080);
-  filtered.filter.network = office;
+  filtered.filter.networks = {office};
   mapped(filtered);
-  filtered.filter = {.forget = true, .network = home};
+  filtered.filter = {.forget = true, .networks = {home}};
   ports.refusesNext = Ports::Failure::forbidden;
   EXPECT_EQ(refused(filtered), ResultCode::notAuthorized);
-  EXPECT_EQ(rule().remote, office);
+  EXPECT_EQ(rule().remotes, Networks{office});
   EXPECT_EQ(table.size(), 1U);
-  // When that fails as well, nothing is left of it.
-  ports.failure = Ports::Failure::full;
-  EXPECT_EQ(refused(filtered), ResultCode::noResources);
-  EXPECT_TRUE(ports.rules.empty());
-  EXPECT_EQ(table.size(), 0U);
+}
+
+TEST_F(MappingTableTest, APortThatOpensAgainKeepsItsFilters) {
+  MappingTable::Wish filtered = wish(80, 8080);
+  filtered.filter.networks = {office};
+  mapped(filtered);
+  ports.rules.clear();
+  filtered.filter.networks = {home};
+  mapped(filtered);
+  EXPECT_EQ(rule().remotes, lumen::tidyNetworks({home, office}));
+}
+
+// Promise: A port that the administrator closed by a request that was given up can be renewed.
+TEST_F(MappingTableTest, APortWhoseClosingIsUndoneIsRenewed) {
+  mapped(wish(80, 8080));
+  const uint32_t id = ports.rules.begin()->first;
+  table.setClosed(id, true);
+  EXPECT_EQ(refused(wish(80, 8080)), ResultCode::notAuthorized);
+  table.setClosed(id, false);
+  mapped(wish(80, 8080));
 }
 
 }  // namespace

@@ -201,26 +201,40 @@ TEST_F(ResponderTest, PreferFailureTakesNoOtherPortOrAddress) {
   EXPECT_EQ(outcome(header + fourth + ours + "02 00 0000"), "0 for 3600");
 }
 
-TEST_F(ResponderTest, AFilterIsTheNetworkOfThePort) {
-  const std::string office = "00000000 00000000 0000ffff c6336400 ";  // 198.51.100.0
+TEST_F(ResponderTest, FiltersAreTheNetworksOfThePort) {
+  using Networks = lumen::Ipv4Networks;
+  const lumen::Ipv4Network office({198, 51, 100, 0}, 24);
+  const lumen::Ipv4Network home({203, 0, 113, 7}, 32);
+  const std::string officeBytes = "00000000 00000000 0000ffff c6336400 ";  // 198.51.100.0
+  const std::string homeBytes = "00000000 00000000 0000ffff cb007107 ";    // 203.0.113.7
+  // Option 3 of 20 bytes: a reserved byte, the prefix, the remote port; then the address.
   const auto filter = [](const std::string& prefixAndPort, const std::string& address) {
     return "03 00 0014 00 " + prefixAndPort + address;
   };
-  EXPECT_EQ(outcome(map + filter("78 0000", office)), "0 for 3600");
-  EXPECT_EQ(ports.rules.begin()->second.remote, lumen::Ipv4Network({198, 51, 100, 0}, 24));
-  // One port of the remote host, an address of IPv6, a second network: more than we have.
-  EXPECT_EQ(outcome(map + filter("78 01bb", office)), "13 for 1800");
+  const auto remotes = [&] { return ports.rules.begin()->second.remotes; };
+  EXPECT_EQ(outcome(map + filter("78 0000", officeBytes)), "0 for 3600");
+  EXPECT_EQ(remotes(), Networks{office});
+  EXPECT_EQ(outcome(map + filter("80 0000", homeBytes) + filter("80 0000", officeBytes)),
+            "0 for 3600");
+  EXPECT_EQ(remotes(), (Networks{office, home})) << "one more; the other lies in the first";
+  // One port of the remote host, an address of IPv6: more than a rule can do.
+  EXPECT_EQ(outcome(map + filter("78 01bb", officeBytes)), "13 for 1800");
   EXPECT_EQ(outcome(map + filter("40 0000", "20010db8 00000000 00000000 00000000 ")),
             "13 for 1800");
-  EXPECT_EQ(outcome(map + filter("78 0000", office) + filter("80 0000", office)), "13 for 1800");
-  // All of IPv4, after another one, is no filter.
-  EXPECT_EQ(outcome(map + filter("60 0000", anyAddress)), "0 for 3600");
-  EXPECT_EQ(ports.rules.begin()->second.remote, std::nullopt);
-  // Forget what was before, then this one.
-  EXPECT_EQ(outcome(map + filter("78 0000", anyAddress) + filter("00 0000", anyAddress) +
-                    filter("78 0000", office)),
+  // All of IPv4, before or after another one, is no filter.
+  for (const std::string& all : {filter("60 0000", anyAddress) + filter("78 0000", officeBytes),
+                                 filter("78 0000", officeBytes) + filter("60 0000", anyAddress)}) {
+    EXPECT_EQ(outcome(map + all), "0 for 3600");
+    EXPECT_EQ(remotes(), Networks{});
+  }
+  // They count in their order: forget what was before, then this one.
+  EXPECT_EQ(outcome(map + filter("60 0000", anyAddress) + filter("80 0000", homeBytes) +
+                    filter("00 0000", anyAddress) + filter("78 0000", officeBytes)),
             "0 for 3600");
-  EXPECT_EQ(ports.rules.begin()->second.remote, lumen::Ipv4Network({198, 51, 100, 0}, 24));
+  EXPECT_EQ(remotes(), Networks{office});
+  EXPECT_EQ(outcome(map + filter("80 0000", homeBytes) + filter("00 0000", anyAddress)),
+            "0 for 3600");
+  EXPECT_EQ(remotes(), Networks{});
 }
 
 // Promise [pcp-agents]: Only a host that the administrator names may open ports to another one.

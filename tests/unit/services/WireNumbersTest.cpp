@@ -121,8 +121,10 @@ TEST(WireNumbers, OfAPort) {
 TEST(WireNumbers, OfALeaseAWishARemoteNetworkAndARefusal) {
   EXPECT_EQ(lm::nat::key::lease, 0x08010050U);
   EXPECT_EQ(lm::nat::key::anyPort, 0x00010051U);
-  EXPECT_EQ(lm::nat::key::remoteNetwork, 0x08010052U);
-  EXPECT_EQ(lm::nat::key::remotePrefix, 0x08010053U);
+  EXPECT_EQ(lm::nat::key::remoteNetworks, 0x88010052U);
+  EXPECT_EQ(lm::nat::key::remotePrefixes, 0x88010053U);
+  EXPECT_EQ(lm::nat::key::remotesPossible, 0x00010038U);
+  EXPECT_EQ(lm::nat::mostRemotes, 8U);
   EXPECT_EQ(lm::nat::key::refusal, 0x08010054U);
   EXPECT_EQ(lm::nat::key::holder, 0x08010055U);
   EXPECT_EQ(lm::nat::key::ended, 0x08010056U);
@@ -138,8 +140,6 @@ TEST(WireNumbers, OfALeaseAWishARemoteNetworkAndARefusal) {
   EXPECT_EQ(static_cast<uint32_t>(lm::nat::Holder::router), 4U);
   EXPECT_EQ(static_cast<uint32_t>(lm::nat::End::lease), 1U);
   EXPECT_EQ(static_cast<uint32_t>(lm::nat::End::administrator), 2U);
-  EXPECT_EQ(static_cast<uint32_t>(lm::nat::End::addressGone), 3U);
-  EXPECT_EQ(static_cast<uint32_t>(lm::nat::End::policy), 4U);
 }
 
 // Also proves [numbers].

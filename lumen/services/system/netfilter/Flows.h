@@ -11,6 +11,7 @@ namespace lumen {
 /// An IPv4 flow of TCP or UDP that the kernel tracks.
 struct Flow {
   uint8_t protocol = 0;  ///< IPPROTO_TCP or IPPROTO_UDP
+  Ipv4Address source{};  ///< who sent its first packet
   Endpoint destination;  ///< where its first packet was sent to
   Endpoint responder;    ///< who answers: another one when the destination was translated
 };

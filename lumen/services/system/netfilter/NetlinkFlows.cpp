@@ -140,6 +140,7 @@ Entry entryIn(const nlmsghdr* message) {
   const auto attributes = attributesIn<CTA_MAX + 1>(message);
   const Tuple origin(attributes[CTA_TUPLE_ORIG]);
   return {.flow = {.protocol = origin.protocol,
+                   .source = origin.source.address,
                    .destination = origin.destination,
                    .responder = Tuple(attributes[CTA_TUPLE_REPLY]).source},
           .origin = attributes[CTA_TUPLE_ORIG],

@@ -382,6 +382,17 @@ TEST_F(CheckCommand, FindsAPolicyThatAllowsNoPort) {
   EXPECT_EQ(found(), Lines{});
 }
 
+// Promise: `upnp check` finds a ruleset file from before ports could be opened to some remote hosts
+// alone.
+TEST_F(CheckCommand, FindsARulesetWithoutRemoteNetworks) {
+  router.policy().insert_bool(lm::nat::key::remotesPossible, false);
+  EXPECT_EQ(check().out,
+            "1. /etc/lumen/nat-ruleset.nft has no map \"filtered\".\n"
+            "   A program that asks for a port for some remote hosts alone is refused.\n"
+            "   Fix it: take the map and its rule over from the file of the package, then: "
+            "systemctl restart lumend\n\n");
+}
+
 TEST_F(CheckCommand, FindsAPolicyThatExcludesTheHostsOfAnInterface) {
   writes(routeTablePath, std::string(defaultRoute) +
                              "br-lan\t0058A8C0\t00000000\t0001\t0\t0\t0\t00FFFFFF\t0\t0\t0\n"

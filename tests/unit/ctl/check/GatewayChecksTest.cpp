@@ -311,6 +311,7 @@ bool excludesTheLan(const std::string& clients,
   lan.networks = {{"br-lan", network}};
   NatPolicy policy{lm::message()};
   policy.maxRules = policy.maxRulesPerClient = 1;
+  policy.remotesPossible = true;
   policy.internalClients = clients;
   return idsOf(checkPolicy(policy, {lan})) == Ids{"policy-excludes-network"};
 }
@@ -318,6 +319,7 @@ bool excludesTheLan(const std::string& clients,
 TEST(CheckPolicy, WarnsOfPortsIntoEveryNetwork) {
   NatPolicy policy{lm::message()};
   policy.maxRules = policy.maxRulesPerClient = 1;
+  policy.remotesPossible = true;
   policy.internalClients = "connected, 10.0.0.0/8";
   const Findings findings = checkPolicy(policy, {});
   ASSERT_EQ(idsOf(findings), Ids{"policy-reaches-all-networks"});
@@ -357,6 +359,7 @@ TEST(CheckPolicy, KnowsWhichListsHaveNoHostOfTheNetwork) {
 TEST(CheckPolicy, LooksAtInternalInterfacesWhoseNetworksAreKnown) {
   NatPolicy policy{lm::message()};
   policy.maxRules = policy.maxRulesPerClient = 1;
+  policy.remotesPossible = true;
   policy.internalClients = "10.0.0.0/8";
   EXPECT_EQ(checkPolicy(policy, healthyRouter().interfaces), Findings{});
   EXPECT_EQ(checkPolicy(std::nullopt, healthyRouter().interfaces), Findings{});
@@ -368,6 +371,7 @@ TEST(CheckPolicy, LooksAtInternalInterfacesWhoseNetworksAreKnown) {
 TEST(CheckPolicy, NamesCommandsThatCanFollowEachOther) {
   NatPolicy policy{lm::message()};
   policy.maxRules = policy.maxRulesPerClient = 1;
+  policy.remotesPossible = true;
   policy.internalClients = "10.0.0.0/8";
   CheckedInterface lan = interface("br-lan", Role::internal, "192.168.88.1");
   lan.networks = {{"br-lan", {{192, 168, 88, 0}, 24}}};

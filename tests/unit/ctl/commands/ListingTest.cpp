@@ -1,3 +1,4 @@
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -133,13 +134,34 @@ TEST_F(Listing, ShowsPortsInJson) {
             "    \"address\": \"45.45.45.1\",\n    \"client\": \"192.168.88.10\",\n"
             "    \"client_port\": 80,\n    \"state\": \"open\",\n    \"stale\": false,\n"
             "    \"owner\": \"palinode-igd\",\n    \"seconds\": 185,\n"
-            "    \"seconds_left\": null,\n"
+            "    \"from\": \"\",\n    \"seconds_left\": null,\n"
             "    \"connections\": 2,\n    \"connections_so_far\": 17\n  }\n]\n");
   router.lastPort().fields().erase(lm::nat::key::connections);
   router.lastPort().fields().erase(lm::nat::key::uses);
   EXPECT_TRUE(router.lumenctl({"nat", "list", "--json"})
                   .out.ends_with(",\n    \"connections\": null,\n"
                                  "    \"connections_so_far\": null\n  }\n]\n"));
+}
+
+// Promise: Where only some remote networks reach a port, `nat list` and `status` show which.
+TEST_F(Listing, ShowsFromWhereAPortIsReached) {
+  router.hasPort(8080, tcp, "192.168.88.10", 80);
+  EXPECT_EQ(router.lumenctl({"nat", "list"}).out.find("FROM"), std::string::npos);
+  router.hasPort(9000, udp, "192.168.88.11", 9000);
+  lm::nat::writeRemotes(router.lastPort(), {{.address = inet_addr("198.51.100.0"), .prefix = 24},
+                                            {.address = inet_addr("203.0.113.7"), .prefix = 32}});
+  const char* networks = "198.51.100.0/24 203.0.113.7/32";
+  const std::string table = router.lumenctl({"nat", "list"}).out;
+  EXPECT_TRUE(table.starts_with("PORT      ON ADDRESS  FROM                            TO"))
+      << table;
+  EXPECT_NE(table.find("9000/udp  45.45.45.1  " + std::string(networks) + "  192.168.88.11:9000"),
+            std::string::npos)
+      << table;
+  EXPECT_NE(table.find("8080/tcp  45.45.45.1  anywhere  "), std::string::npos) << table;
+  EXPECT_TRUE(router.lumenctl({"status"}).out.ends_with(table));
+  EXPECT_NE(router.lumenctl({"nat", "list", "--json"})
+                .out.find("\"from\": \"" + std::string(networks) + "\""),
+            std::string::npos);
 }
 
 // Promise: Where a port has a lease, `nat list` and `status` show when it ends.

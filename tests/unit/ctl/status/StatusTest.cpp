@@ -87,7 +87,7 @@ TEST_F(Status, ShowsTheRouterInJson) {
             "      \"address\": \"45.45.45.1\",\n      \"client\": \"192.168.88.10\",\n"
             "      \"client_port\": 80,\n      \"state\": \"open\",\n      \"stale\": false,\n"
             "      \"owner\": \"palinode-igd\",\n      \"seconds\": 185,\n"
-            "      \"seconds_left\": null,\n"
+            "      \"from\": \"\",\n      \"seconds_left\": null,\n"
             "      \"connections\": 2,\n      \"connections_so_far\": 17\n    }\n  ],\n"
             "  \"refused_ports\": [],\n  \"pinholes\": []\n}\n");
 }

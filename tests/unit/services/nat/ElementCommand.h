@@ -20,11 +20,14 @@ inline std::string portText(const ElementPart& part) {
   return std::to_string(std::to_integer<int>(part[0]) * 256 + std::to_integer<int>(part[1]));
 }
 
-/// As nft(8) writes it: "45.45.45.1 . tcp . 8080".
-inline std::string keyText(const ElementParts& key) {
+/// As nft(8) writes it: "45.45.45.1 . tcp . 8080", of an interval with
+/// " . 198.51.100.0-198.51.100.255".
+inline std::string keyText(const ElementParts& key, const ElementParts& end = {}) {
   const auto number = std::to_integer<int>(key.at(1)[0]);
   const std::string protocol = number == 6 ? "tcp" : number == 17 ? "udp" : std::to_string(number);
-  return addressText(key.at(0)) + " . " + protocol + " . " + portText(key.at(2));
+  std::string text = addressText(key.at(0)) + " . " + protocol + " . " + portText(key.at(2));
+  if (!end.empty()) text += " . " + addressText(key.at(3)) + "-" + addressText(end.at(3));
+  return text;
 }
 
 /// "192.168.88.10 . 80"
@@ -44,7 +47,7 @@ inline std::string elementCommand(const ElementChange& change) {
   command += setText(change.set) + " { ";
   for (const SetElement& element : change.elements) {
     if (&element != &change.elements.front()) command += ", ";
-    command += keyText(element.key);
+    command += keyText(element.key, element.keyEnd);
     if (!adds) continue;
     if (element.counter) {
       command += " counter packets " + std::to_string(element.counter->packets) + " bytes " +

@@ -47,6 +47,11 @@ class NatKernelTest : public ::testing::Test {
     return true;
   }
 
+  /// To the client's port 80, or another one.
+  [[nodiscard]] Rule rule(const RuleKey& of, uint16_t clientPort = 80) const {
+    return {.key = of, .client = {client.address, clientPort}};
+  }
+
   FreshNetwork network;
   std::unique_ptr<LibNftables> nftables = std::make_unique<LibNftables>();
   std::unique_ptr<NatMap> map = std::make_unique<NatMap>(*nftables);
@@ -75,20 +80,21 @@ std::string listed(int protocol) {
 // Also proves [kernel-element].
 TEST_F(NatKernelTest, HoldsAnElementForEachOpenPort) {
   opensTable();
-  EXPECT_EQ(whyNot(map->add(key, client)), "");
+  EXPECT_EQ(whyNot(map->add(rule(key))), "");
   EXPECT_NE(
       seenByAnotherProgram(listMap).find("45.45.45.1 . " + listed(IPPROTO_TCP) +
                                          " . 8080 counter packets 0 bytes 0 : 192.168.88.10 . 80"),
       std::string::npos);
-  EXPECT_EQ(whyNot(map->remove({key})), "");
+  EXPECT_EQ(whyNot(map->remove({rule(key)})), "");
   EXPECT_EQ(seenByAnotherProgram(listMap).find("45.45.45.1"), std::string::npos);
 }
 
 TEST_F(NatKernelTest, ReportsWhyItRefuses) {
   opensTable();
-  EXPECT_EQ(whyNot(map->add(key, client)), "");
-  EXPECT_EQ(whyNot(map->add(key, {client.address, 81})), "File exists");
-  EXPECT_EQ(whyNot(map->remove({key, {key.external, 17}})), "No such file or directory");
+  EXPECT_EQ(whyNot(map->add(rule(key))), "");
+  EXPECT_EQ(whyNot(map->add(rule(key, 81))), "File exists");
+  EXPECT_EQ(whyNot(map->remove({rule(key), rule({key.external, 17})})),
+            "No such file or directory");
   EXPECT_NE(seenByAnotherProgram(listMap).find("192.168.88.10 . 80"), std::string::npos)
       << "the transaction did nothing";
 }
@@ -96,29 +102,29 @@ TEST_F(NatKernelTest, ReportsWhyItRefuses) {
 // Promise: All ports of a program are closed in one transaction, however many it has.
 TEST_F(NatKernelTest, RemovesThousandsOfElementsOrNone) {
   opensTable();
-  std::vector<RuleKey> keys;
+  std::vector<Rule> rules;
   for (uint16_t port = 10000; port < 13000; ++port) {
-    keys.push_back({{key.external.address, port}, key.protocol});
-    ASSERT_EQ(whyNot(map->add(keys.back(), client)), "");
+    rules.push_back(rule({{key.external.address, port}, key.protocol}));
+    ASSERT_EQ(whyNot(map->add(rules.back())), "");
   }
-  keys.push_back({key.external, 17});
-  EXPECT_EQ(whyNot(map->remove(keys)), "No such file or directory");
+  rules.push_back(rule({key.external, 17}));
+  EXPECT_EQ(whyNot(map->remove(rules)), "No such file or directory");
   EXPECT_EQ(map->uses()->size(), 3000U);
-  keys.pop_back();
-  EXPECT_EQ(whyNot(map->remove(keys)), "");
+  rules.pop_back();
+  EXPECT_EQ(whyNot(map->remove(rules)), "");
   EXPECT_EQ(map->uses()->size(), 0U);
 }
 
 TEST_F(NatKernelTest, FreesWhatItHasReadAndGoesOn) {
   opensTable();
-  EXPECT_EQ(whyNot(map->add(key, client)), "");
+  EXPECT_EQ(whyNot(map->add(rule(key))), "");
   EXPECT_TRUE(nftables->run(listMap).ok());
   const size_t before = mallinfo2().uordblks;
   nftables->forget();
   // A sanitizer counts for itself.
   EXPECT_TRUE(before == 0 || mallinfo2().uordblks + 400000 < before);
-  EXPECT_EQ(*map->uses(key), 0U);
-  EXPECT_EQ(whyNot(map->remove({key})), "");
+  EXPECT_EQ(*map->uses(rule(key)), 0U);
+  EXPECT_EQ(whyNot(map->remove({rule(key)})), "");
   LibNftables unused;
   unused.forget();
   EXPECT_TRUE(unused.run("list tables").ok());
@@ -130,7 +136,7 @@ TEST_F(NatKernelTest, KeepsTheCounterOverAChange) {
                   ->run("add element ip lumen forwards { 45.45.45.1 . tcp . 8080 counter packets 7 "
                         "bytes 900 : 192.168.88.10 . 80 }")
                   .ok());
-  EXPECT_EQ(whyNot(map->change(key, {client.address, 81})), "");
+  EXPECT_EQ(whyNot(map->change(rule(key), rule(key, 81))), "");
   EXPECT_NE(seenByAnotherProgram(listMap).find(
                 "45.45.45.1 . " + listed(IPPROTO_TCP) +
                 " . 8080 counter packets 7 bytes 900 : 192.168.88.10 . 81"),
@@ -140,13 +146,13 @@ TEST_F(NatKernelTest, KeepsTheCounterOverAChange) {
 TEST_F(NatKernelTest, ReadsHowOftenAPortWasUsed) {
   opensTable();
   const RuleKey udp{.external = key.external, .protocol = 17};
-  ASSERT_EQ(whyNot(map->add(udp, client)), "");
+  ASSERT_EQ(whyNot(map->add(rule(udp))), "");
   ASSERT_TRUE(nftables
                   ->run("add element ip lumen forwards { 45.45.45.1 . tcp . 8080 counter packets 7 "
                         "bytes 900 : 192.168.88.10 . 80 }")
                   .ok());
   EXPECT_EQ(*map->uses(), (std::map<RuleKey, uint64_t>{{key, 7}, {udp, 0}}));
-  EXPECT_EQ(*map->uses(key), 7U);
+  EXPECT_EQ(*map->uses(rule(key)), 7U);
 }
 
 /// Sets and maps of any table, by messages.
@@ -255,11 +261,54 @@ TEST_F(SetElementsTest, LeaveNoAnswerBehindAfterAnError) {
   EXPECT_TRUE(nftables->run("list tables").ok());
 }
 
+TEST_F(NatKernelTest, HoldsAnElementForEachRemoteNetwork) {
+  opensTable();
+  EXPECT_TRUE(map->hasRemotes());
+  Rule narrow = rule(key);
+  narrow.remotes = {*Ipv4Network::parse("198.51.100.0/24"), *Ipv4Network::parse("203.0.113.7")};
+  EXPECT_EQ(whyNot(map->add(narrow)), "");
+  const std::string filtered = "list map ip lumen filtered";
+  const std::string tcp = "45.45.45.1 . " + listed(IPPROTO_TCP) + " . 8080";
+  const std::string seen = seenByAnotherProgram(filtered);
+  EXPECT_NE(seen.find(tcp + " . 198.51.100.0/24 counter packets 0 bytes 0 : 192.168.88.10 . 80"),
+            std::string::npos)
+      << seen;
+  EXPECT_NE(seen.find(tcp + " . 203.0.113.7 counter"), std::string::npos);
+  EXPECT_EQ(seenByAnotherProgram(listMap).find(tcp), std::string::npos);
+
+  Rule wide = narrow;
+  wide.remotes = {*Ipv4Network::parse("198.51.0.0/16")};
+  EXPECT_EQ(whyNot(map->change(narrow, wide)), "") << "it holds one of the networks before";
+  EXPECT_EQ(whyNot(map->change(wide, narrow)), "");
+  EXPECT_EQ(whyNot(map->change(narrow, rule(key, 81))), "");
+  EXPECT_EQ(seenByAnotherProgram(filtered).find(tcp), std::string::npos);
+  EXPECT_NE(seenByAnotherProgram(listMap).find(tcp), std::string::npos);
+  EXPECT_EQ(whyNot(map->change(rule(key), narrow)), "");
+  EXPECT_EQ(whyNot(map->remove({narrow})), "");
+  EXPECT_EQ(*map->uses(), (std::map<RuleKey, uint64_t>{}));
+}
+
+TEST_F(NatKernelTest, AddsTheCountersOfAllRemoteNetworks) {
+  opensTable();
+  ASSERT_EQ(whyNot(nftables->run("add element ip lumen filtered { "
+                                 "45.45.45.1 . tcp . 8080 . 10.0.0.0/8 counter packets 7 bytes 900 "
+                                 ": 192.168.88.10 . 80, "
+                                 "45.45.45.1 . tcp . 8080 . 11.0.0.0/8 counter packets 5 bytes 300 "
+                                 ": 192.168.88.10 . 80 }")),
+            "");
+  Rule both = rule(key);
+  both.remotes = {*Ipv4Network::parse("10.0.0.0/8"), *Ipv4Network::parse("11.0.0.0/8")};
+  EXPECT_EQ(*map->uses(both), 12U);
+  EXPECT_EQ(*map->uses(), (std::map<RuleKey, uint64_t>{{key, 12}}));
+  EXPECT_EQ(whyNot(map->change(both, rule(key))), "");
+  EXPECT_EQ(*map->uses(), (std::map<RuleKey, uint64_t>{{key, 12}}));
+}
+
 // Promise [kernel-owned]: No other program can change or flush the table, and `nft flush ruleset`
 // leaves it out.
 TEST_F(NatKernelTest, KeepsTheTableFromOtherPrograms) {
   opensTable();
-  EXPECT_EQ(whyNot(map->add(key, client)), "");
+  EXPECT_EQ(whyNot(map->add(rule(key))), "");
   LibNftables other;
   EXPECT_TRUE(other.run("flush ruleset").ok());
   for (const char* command :
@@ -268,7 +317,7 @@ TEST_F(NatKernelTest, KeepsTheTableFromOtherPrograms) {
     EXPECT_FALSE(other.run(command).ok()) << command;
   }
   EXPECT_NE(seenByAnotherProgram(listMap).find("192.168.88.10 . 80"), std::string::npos);
-  EXPECT_EQ(whyNot(map->remove({key})), "");
+  EXPECT_EQ(whyNot(map->remove({rule(key)})), "");
 }
 
 // Also proves [one-table].
@@ -283,7 +332,7 @@ TEST_F(NatKernelTest, RefusesASecondTableInTheSameNamespace) {
 // Promise [kernel-gone]: The table goes with lumend, however that ends.
 TEST_F(NatKernelTest, RemovesTheTableAtItsEnd) {
   opensTable();
-  EXPECT_EQ(whyNot(map->add(key, client)), "");
+  EXPECT_EQ(whyNot(map->add(rule(key))), "");
   nftables.reset();
   EXPECT_TRUE(comesToHold([] { return seenByAnotherProgram("list tables ip").empty(); }));
 }
@@ -358,7 +407,7 @@ TEST_F(NatKernelTest, ChangesCostTheSameWith5000Elements) {
     for (uint16_t port = first; port < first + 100; ++port) {
       RuleKey one{.external = {.address = key.external.address, .port = port}, .protocol = 17};
       auto begin = std::chrono::steady_clock::now();
-      EXPECT_EQ(whyNot(map->add(one, client)), "");
+      EXPECT_EQ(whyNot(map->add(rule(one))), "");
       fastest =
           std::min<std::chrono::nanoseconds>(fastest, std::chrono::steady_clock::now() - begin);
     }
@@ -375,9 +424,9 @@ TEST_F(NatKernelTest, ChangesCostTheSameWith5000Elements) {
   RecordProperty("last_ns", std::to_string(late.count()));
   EXPECT_LT(late, 2 * early);
 
-  std::vector<RuleKey> all;
+  std::vector<Rule> all;
   for (uint16_t port = 10000; port < 15000; ++port) {
-    all.push_back({.external = {.address = key.external.address, .port = port}, .protocol = 17});
+    all.push_back(rule({.external = {key.external.address, port}, .protocol = 17}));
   }
   EXPECT_EQ(whyNot(map->remove(all)), "") << "in one transaction";
   EXPECT_EQ(seenByAnotherProgram(listMap).find("45.45.45.1"), std::string::npos);
@@ -388,17 +437,19 @@ class NatFlowsTest : public NatKernelTest, private FlowCleaner::OpenPorts {
  protected:
   NatFlowsTest() { opensTable(); }
 
-  void opens(uint16_t port, const char* address = "45.45.45.1") {
-    const RuleKey rule = udpKey(port, address);
-    EXPECT_EQ(whyNot(map->add(rule, client)), "");
-    open.insert(rule.external);
-    cleaner.changed(rule.external);
+  void opens(uint16_t port, const char* address = "45.45.45.1") { opensTo({}, port, address); }
+  void opensTo(const Ipv4Networks& remotes, uint16_t port, const char* address = "45.45.45.1") {
+    Rule opened = rule(udpKey(port, address));
+    opened.remotes = remotes;
+    EXPECT_EQ(whyNot(map->add(opened)), "");
+    open[opened.key.external] = opened;
+    cleaner.changed(opened.key.external);
   }
   void closes(uint16_t port, const char* address = "45.45.45.1") {
-    const RuleKey rule = udpKey(port, address);
-    EXPECT_EQ(whyNot(map->remove({rule})), "");
-    open.erase(rule.external);
-    cleaner.changed(rule.external);
+    const Endpoint external = udpKey(port, address).external;
+    EXPECT_EQ(whyNot(map->remove({open.at(external)})), "");
+    open.erase(external);
+    cleaner.changed(external);
   }
   static void knocks(const lm::Fd& socket) {
     // The pending error of an earlier packet.
@@ -425,7 +476,7 @@ class NatFlowsTest : public NatKernelTest, private FlowCleaner::OpenPorts {
     return {.external = {.address = ip(address), .port = port}, .protocol = 17};
   }
 
-  std::set<Endpoint> open;
+  std::map<Endpoint, Rule> open;
   WanHost host;
   lm::SystemClock clock;
   lm::EventLoop loop{clock};
@@ -435,9 +486,14 @@ class NatFlowsTest : public NatKernelTest, private FlowCleaner::OpenPorts {
   FlowCleaner cleaner{flows, *this, marks, clock};
 
  private:
-  [[nodiscard]] std::optional<Endpoint> udpClient(const Endpoint& external) const override {
-    if (!open.contains(external)) return std::nullopt;
+  [[nodiscard]] std::optional<Endpoint> udpClient(const Endpoint& external,
+                                                  Ipv4Address remote) const override {
+    const auto rule = open.find(external);
+    if (rule == open.end() || !rule->second.admits(remote)) return std::nullopt;
     return client;
+  }
+  [[nodiscard]] bool isUdpOpen(const Endpoint& external) const override {
+    return open.contains(external);
   }
 };
 
@@ -469,11 +525,49 @@ TEST_F(NatFlowsTest, CountsTheFirstPacketOfEachFlow) {
   opens(8080);
   for (uint16_t port = 4000; port < 4003; ++port) knocks(host.udpSocket(port, 8080));
   EXPECT_TRUE(comesToHold([&] { return translated() == 3; }));
-  EXPECT_EQ(whyNot(map->change(udpKey(8080), client)), "");
+  EXPECT_EQ(whyNot(map->change(rule(udpKey(8080)), rule(udpKey(8080)))), "");
   std::string seen = seenByAnotherProgram(listMap);
   EXPECT_NE(seen.find("45.45.45.1 . " + listed(IPPROTO_UDP) + " . 8080 counter packets 3 "),
             std::string::npos)
       << seen;
+}
+
+// Promise: Packets from a remote host that a rule does not admit are not translated, and closing
+// the rule ends the flows that it admitted alone.
+TEST_F(NatFlowsTest, PassThroughARuleFromItsRemoteNetworksAlone) {
+  // A program of the router, which remote hosts that the rule does not admit go on talking to.
+  const lm::Fd router(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(8080);
+  address.sin_addr.s_addr = inet_addr("45.45.45.1");
+  ASSERT_EQ(bind(router.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  const lm::Fd admitted = host.udpSocket(4000, 8080, "45.45.45.1", "45.45.45.8");
+  const lm::Fd other = host.udpSocket(4000, 8080, "45.45.45.1", "45.45.45.7");
+  const auto flowsOf = [](const std::string& source) {
+    std::ifstream table("/proc/net/nf_conntrack");
+    int count = 0;
+    for (std::string line; std::getline(table, line);) {
+      count += line.find("src=" + source + " dst=45.45.45.1 ") != std::string::npos ? 1 : 0;
+    }
+    return count;
+  };
+  knocks(other);
+  knocks(admitted);
+  opensTo({*Ipv4Network::parse("45.45.45.8")}, 8080);
+  EXPECT_TRUE(turnsUntil([&] {
+    knocks(admitted);
+    return translated() == 1;
+  })) << "the flow from before was freed";
+  knocks(other);
+  EXPECT_EQ(translated(), 1);
+  EXPECT_EQ(flowsOf("45.45.45.7"), 1) << "nor was it ended";
+  char bytes[8];
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(recv(router.get(), bytes, sizeof bytes, 0), 1);
+
+  closes(8080);
+  EXPECT_TRUE(turnsUntil([&] { return translated() == 0 && cleaner.idle(); }));
+  EXPECT_EQ(flowsOf("45.45.45.7"), 1);
 }
 
 // Also proves [flows-end].

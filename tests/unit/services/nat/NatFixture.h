@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <bit>
 #include <chrono>
 #include <optional>
 #include <string>
@@ -30,9 +31,23 @@ struct Port {
   uint32_t clientPort = 80;
   bool disabled = false;
   const char* external = "45.45.45.1";
-  uint32_t lease = 0;  // in seconds; 0: permanent
+  uint32_t lease = 0;                  // in seconds; 0: permanent
+  std::vector<const char*> from = {};  // networks; none: anywhere
   bool anyPort = false;
 };
+
+/// Appends remote networks, each with its prefix.
+inline void insertRemotes(lm::message& request, const std::vector<const char*>& networks) {
+  std::vector<uint32_t> addresses;
+  std::vector<uint32_t> prefixes;
+  for (const char* text : networks) {
+    const auto network = Ipv4Network::parse(text);
+    addresses.push_back(network->first().number());
+    prefixes.push_back(network->prefix());
+  }
+  request.insert_u32_array(0x88010052, addresses);
+  request.insert_u32_array(0x88010053, prefixes);
+}
 
 /// The request for it, as the gateway daemon sends it; what that never asks for comes last.
 inline lm::message addRequest(const Port& port) {
@@ -44,6 +59,7 @@ inline lm::message addRequest(const Port& port) {
                                 .disabled = port.disabled,
                                 .external = port.external});
   if (port.lease != 0) request.insert_u32(0x08010050, port.lease);
+  if (!port.from.empty()) insertRemotes(request, port.from);
   if (port.anyPort) request.insert_bool(0x00010051, true);
   request.insert_u32_array(lm::key::destination, {20, 5});
   return request;
@@ -162,12 +178,23 @@ class NatFixture : public ::testing::Test {
 
   static constexpr const char* listMap = "list map ip lumen forwards";
 
+  /// lumend starts with a ruleset file that has, or lacks, the map for remote networks.
+  void startsWith(const std::string& tableText) {
+    nftables.prints("list table ip lumen", tableText);
+    ASSERT_EQ(whyNot(map.open("/r.nft")), "");
+    nftables.takeTexts();
+  }
+
   /// The kernel has seen so many connections to a port; none: it does not count them.
   void counts(const Port& port, std::optional<uint64_t> connections) {
     const RuleKey key{
         .external = {.address = ip(port.external), .port = static_cast<uint16_t>(port.port)},
         .protocol = static_cast<uint8_t>(std::string(port.protocol) == "tcp" ? 6 : 17)};
-    nftables.counts(keyParts(key), connections);
+    ElementParts parts = keyParts(key);
+    for (const char* network : port.from) {
+      parts.push_back(std::bit_cast<ElementPart>(Ipv4Network::parse(network)->first().bytes()));
+    }
+    nftables.counts(parts, connections);
   }
 
   void passes(std::chrono::milliseconds time) {
@@ -198,5 +225,38 @@ class NatFixture : public ::testing::Test {
 };
 
 using Texts = std::vector<std::string>;
+
+/// As nft lists it.
+inline const std::string plainTable =
+    "table ip lumen { # progname lumend\n"
+    "\tflags owner\n"
+    "\n"
+    "\tmap forwards {\n"
+    "\t\ttype ipv4_addr . inet_proto . inet_service : ipv4_addr . inet_service\n"
+    "\t\tcounter\n"
+    "\t}\n"
+    "\n"
+    "\tchain dstnat {\n"
+    "\t\ttype nat hook prerouting priority dstnat; policy accept;\n"
+    "\t\tdnat ip to ip daddr . meta l4proto . th dport map @forwards\n"
+    "\t}\n"
+    "}\n";
+
+/// The same with what rules with remote networks need.
+inline const std::string wholeTable =
+    plainTable.substr(0, plainTable.find("\tchain")) +
+    "\tmap filtered {\n"
+    "\t\ttype ipv4_addr . inet_proto . inet_service . ipv4_addr : ipv4_addr . inet_service\n"
+    "\t\tflags interval\n"
+    "\t\tcounter\n"
+    "\t}\n"
+    "\n"
+    "\tchain dstnat {\n"
+    "\t\ttype nat hook prerouting priority dstnat; policy accept;\n"
+    "\t\tdnat ip to ip daddr . meta l4proto . th dport map @forwards\n"
+    "\t\tmeta l4proto { tcp, udp } dnat ip to ip daddr . meta l4proto . th dport . ip saddr map "
+    "@filtered\n"
+    "\t}\n"
+    "}\n";
 
 }  // namespace lumen::test

@@ -7,21 +7,6 @@ namespace lumen::test {
 
 namespace {
 
-constexpr const char* ownTable =
-    "table ip lumen { # progname lumend\n"
-    "\tflags owner\n"
-    "\n"
-    "\tmap forwards {\n"
-    "\t\ttype ipv4_addr . inet_proto . inet_service : ipv4_addr . inet_service\n"
-    "\t\tcounter\n"
-    "\t}\n"
-    "\n"
-    "\tchain dstnat {\n"
-    "\t\ttype nat hook prerouting priority dstnat; policy accept;\n"
-    "\t\tdnat ip to ip daddr . meta l4proto . th dport map @forwards\n"
-    "\t}\n"
-    "}\n";
-
 class NatMapTest : public ::testing::Test {
  protected:
   FakeNftables nftables;
@@ -32,7 +17,7 @@ class NatMapTest : public ::testing::Test {
 // than lumend needs is refused with the reason and leaves no table.
 TEST_F(NatMapTest, LoadsTheRulesetOnceNoOtherProgramHasTheTable) {
   nftables.prints("list tables ip", "table ip lumen2\ntable ip filter\n");
-  nftables.prints("list table ip lumen", ownTable);
+  nftables.prints("list table ip lumen", plainTable);
   EXPECT_EQ(whyNot(map.open("/r.nft")), "");
   EXPECT_EQ(nftables.texts, (Texts{"list tables ip", "file /r.nft", "list table ip lumen"}));
 }
@@ -73,7 +58,7 @@ TEST_F(NatMapTest, RemovesATableThatIsNotWhatItNeeds) {
       {" map @forwards\n", "map @forwards"},
   };
   for (const Row& row : rows) {
-    std::string table = ownTable;
+    std::string table = plainTable;
     table.erase(table.find(row.part), row.part.size());
     nftables.prints("list table ip lumen", table);
     EXPECT_EQ(whyNot(map.open("/r.nft")),
@@ -82,10 +67,26 @@ TEST_F(NatMapTest, RemovesATableThatIsNotWhatItNeeds) {
   }
 }
 
+TEST_F(NatMapTest, NeedsAllPartsThatRemoteNetworksTake) {
+  const auto hasRemotes = [&](const std::string& table) {
+    nftables.prints("list table ip lumen", table);
+    EXPECT_EQ(whyNot(map.open("/r.nft")), "");
+    return map.hasRemotes();
+  };
+  EXPECT_TRUE(hasRemotes(wholeTable));
+  EXPECT_FALSE(hasRemotes(plainTable));
+  for (const std::string part : {"\tmap filtered {\n", ". inet_service . ipv4_addr : ",
+                                 "\t\tflags interval\n", " map @filtered\n"}) {
+    std::string table = wholeTable;
+    table.erase(table.find(part), part.size());
+    EXPECT_FALSE(hasRemotes(table)) << part;
+  }
+}
+
 // Promise: What the kernel gets consists of checked numbers only, whatever a request holds.
 TEST_F(NatMapTest, WritesAddressesAndPortsAsNumbers) {
   RuleKey key{.external = {.address = ip("1.2.3.255"), .port = 65535}, .protocol = IPPROTO_UDP};
-  EXPECT_EQ(whyNot(map.add(key, {ip("10.20.30.40"), 1})), "");
+  EXPECT_EQ(whyNot(map.add({.key = key, .client = {ip("10.20.30.40"), 1}})), "");
   EXPECT_EQ(nftables.texts, Texts{"add element ip lumen forwards "
                                   "{ 1.2.3.255 . udp . 65535 : 10.20.30.40 . 1 }"});
 }
@@ -100,7 +101,7 @@ TEST_F(NatMapTest, ReadsHowOftenEachPortWasUsed) {
   nftables.counts(keyParts(tcp), UINT64_MAX);
   nftables.counts(keyParts(udp), 0);
   EXPECT_EQ(*map.uses(), (Uses{{tcp, UINT64_MAX}, {udp, 0}}));
-  EXPECT_EQ(*map.uses(tcp), UINT64_MAX);
+  EXPECT_EQ(*map.uses({.key = tcp}), UINT64_MAX);
 }
 
 TEST_F(NatMapTest, SkipsElementsThatItDidNotMake) {
@@ -110,7 +111,7 @@ TEST_F(NatMapTest, SkipsElementsThatItDidNotMake) {
   const RuleKey uncounted{.external = {.address = ip("45.45.45.1"), .port = 80}, .protocol = 6};
   nftables.counts(keyParts(uncounted), std::nullopt);
   EXPECT_EQ(map.uses()->size(), 0U);
-  EXPECT_EQ(whyNot(map.uses(uncounted)), "the element has no counter");
+  EXPECT_EQ(whyNot(map.uses({.key = uncounted})), "the element has no counter");
 }
 
 // Promise: Removing nothing asks the kernel for nothing.

@@ -77,6 +77,24 @@ TEST_F(OwnerNewsTest, TellTheOwnerOfARuleThatTheAdministratorRemoved) {
       (std::vector<News>{{.owner = 7, .id = id, .removed = true, .ended = End::administrator}}));
 }
 
+// Promise: When the administrator's request to close a port was given up, its owner is notified
+// that the port is open again. A rule that the administrator removed stays removed.
+TEST_F(OwnerNewsTest, TellTheOwnerOfAClosingThatWasUndone) {
+  const uint32_t id = opens({});
+  EXPECT_EQ(closes(id), "");
+  (void)news();
+  givesUp();
+  EXPECT_EQ(news(), (std::vector<News>{{.owner = 7, .id = id}}));
+}
+
+TEST_F(OwnerNewsTest, KeepARuleRemovedOfWhichTheOwnerWasTold) {
+  const uint32_t id = opens({});
+  (void)rules.takeUndo();
+  EXPECT_EQ(asks(admin, lm::cmd::removeObject, idOnly(id)), "");
+  EXPECT_FALSE(static_cast<bool>(rules.takeUndo()));
+  EXPECT_TRUE(lists().empty());
+}
+
 // Promise: The owner is not notified of what it does itself.
 TEST_F(OwnerNewsTest, TellTheOwnerNothingOfWhatItDoes) {
   const uint32_t id = opens({.lease = 60});

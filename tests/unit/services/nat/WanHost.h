@@ -28,8 +28,8 @@ class FreshNetwork {
   PrivateNetwork first_;  // for programs without privilege: also a user namespace
 };
 
-/// A host at 45.45.45.7 in a network namespace of its own. The test's own namespace becomes a
-/// router that it reaches at 45.45.45.1, with the LAN 192.168.88.0/24 on the other side.
+/// A host at 45.45.45.7 and 45.45.45.8 in a network namespace of its own. The test's own namespace
+/// becomes a router that it reaches at 45.45.45.1, with the LAN 192.168.88.0/24 on the other side.
 class WanHost {
  public:
   WanHost() {
@@ -39,6 +39,7 @@ class WanHost {
     run("ip addr add 45.45.45.1/24 dev wan0 && ip addr add 45.45.45.2/24 dev wan0 && ip link set "
         "wan0 up");
     run("nsenter -t " + pid + " -n ip addr add 45.45.45.7/24 dev host0");
+    run("nsenter -t " + pid + " -n ip addr add 45.45.45.8/24 dev host0");
     run("nsenter -t " + pid + " -n ip link set host0 up");
     // No host is there; it is enough that packets leave.
     run("ip link add lan0 type veth peer name lan1 && ip link set lan1 up");
@@ -54,8 +55,8 @@ class WanHost {
   }
 
   /// A UDP socket of that host, bound to `port`, for packets to `remotePort` of the router.
-  lm::Fd udpSocket(uint16_t port, uint16_t remotePort,
-                   const char* remoteAddress = "45.45.45.1") const {
+  lm::Fd udpSocket(uint16_t port, uint16_t remotePort, const char* remoteAddress = "45.45.45.1",
+                   const char* ownAddress = "0.0.0.0") const {
     const lm::Fd here(open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC));
     const std::string path = "/proc/" + std::to_string(child_) + "/ns/net";
     const lm::Fd there(open(path.c_str(), O_RDONLY | O_CLOEXEC));
@@ -65,6 +66,7 @@ class WanHost {
     sockaddr_in address = {};
     address.sin_family = AF_INET;
     address.sin_port = htons(port);
+    address.sin_addr.s_addr = inet_addr(ownAddress);
     EXPECT_EQ(bind(result.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
     address.sin_addr.s_addr = inet_addr(remoteAddress);
     address.sin_port = htons(remotePort);
