@@ -129,6 +129,54 @@ class NatPmpTest(RouterCase):
         self.assertTrue(tcp_refused(self.wan, WAN_ADDRESS, 8080, self.host, 80))
 
 
+def only_from(network, prefix):
+    """The option FILTER of RFC 6887 section 13.3: code 3 of 20 bytes, a reserved byte, the prefix,
+    any remote port, the network as one of IPv6."""
+    return struct.pack("!BxHxBH", 3, 20, prefix, 0) + pcp.mapped(network)
+
+
+NO_FILTER = only_from("0.0.0.0", 0)
+
+
+class FilterTest(RouterCase):
+    def setUp(self):
+        super().setUp()
+        self.router.lumenctl("pcp", "on")
+        self.host = self.lan[0]
+
+    def maps(self, options):
+        """The result code for TCP port 8080 to the host's port 80."""
+        request = pcp.pcp_map(pcp.TCP, 80, 8080, host=self.host.address, options=options)
+        with self.host.udp(to=(LAN_ADDRESS, pcp.PORT)) as sock:
+            sock.settimeout(5)
+            sock.send(request)
+            return sock.recv(1100)[3]
+
+    def sources(self):
+        return self.router.ports()["8080/tcp"]["from"]
+
+    # Promise: A port that a program of PCP opens to some networks of the Internet alone is reached
+    # from these and from no other address, and a renewal can name other ones or none.
+    def test_a_filtered_port_is_reached_from_its_networks_alone(self):
+        self.assertEqual(self.maps(only_from(self.wan.address, 96 + 32)), 0)
+        self.assertEqual(self.sources(), self.wan.address + "/32")
+        exchange_tcp(self.wan, WAN_ADDRESS, 8080, self.host, 80)
+
+        self.assertEqual(self.maps(NO_FILTER + only_from("198.51.100.0", 96 + 24)), 0)
+        self.assertEqual(self.sources(), "198.51.100.0/24")
+        self.assertTrue(tcp_refused(self.wan, WAN_ADDRESS, 8080, self.host, 80))
+
+        self.assertEqual(self.maps(only_from("45.45.45.0", 96 + 24)), 0)
+        self.assertEqual(self.sources(), "45.45.45.0/24 198.51.100.0/24")
+        exchange_tcp(self.wan, WAN_ADDRESS, 8080, self.host, 80)
+
+        self.assertEqual(self.maps(NO_FILTER + only_from("198.51.100.0", 96 + 24)), 0)
+        self.assertTrue(tcp_refused(self.wan, WAN_ADDRESS, 8080, self.host, 80))
+        self.assertEqual(self.maps(NO_FILTER), 0)
+        self.assertEqual(self.sources(), "")
+        exchange_tcp(self.wan, WAN_ADDRESS, 8080, self.host, 80)
+
+
 class RouterEventTest(RouterCase):
     """What hosts see of a router whose programs are killed and whose links and addresses change."""
 
