@@ -76,6 +76,8 @@ make_image() {
     image+=$top
     copy "$top" etc scripts/demo.py tests/support
   )
+  # Compiled in the machine they would take minutes. Another version of Python passes these by.
+  python3 -m compileall -q --invalidation-mode unchecked-hash "$image"/usr/lib/python3* "$image$top"
   mkdir -p "$image$build"
   (
     image+=$build
