@@ -9,7 +9,7 @@
 
 /// A system call that the kernel shall refuse: those with the given second and third arguments, or
 /// every one when `level` is below 0. Where the C library makes another call in its place, as musl
-/// does and GNU's where all calls of sockets are one, that one is refused too; what it adds to
+/// does and GNU's on some processors, that one is refused too; what it adds to
 /// F_SETFL is left out of the comparison.
 struct RefusedCall {
   int number = 0;  ///< SCMP_SYS(name)
@@ -30,14 +30,15 @@ inline void whileRefused(const RefusedCall& call, int error, const std::function
     }};
     const unsigned compared = call.level < 0 ? 0 : 2;
     int added = seccomp_rule_add_array(filter, action, call.number, compared, arguments.data());
-    constexpr std::array<std::array<int, 2>, 3> others = {{
+    constexpr std::array<std::array<int, 2>, 4> others = {{
         {SCMP_SYS(openat), SCMP_SYS(open)},
         {SCMP_SYS(sendto), SCMP_SYS(send)},
         {SCMP_SYS(recvfrom), SCMP_SYS(recv)},
+        {SCMP_SYS(fcntl), SCMP_SYS(fcntl64)},
     }};
     for (const auto& [number, other] : others) {
       if (call.number != number) continue;
-      added |= seccomp_rule_add_array(filter, action, other, 0, nullptr);
+      added |= seccomp_rule_add_array(filter, action, other, compared, arguments.data());
     }
     const int loaded = seccomp_load(filter);
     seccomp_release(filter);
