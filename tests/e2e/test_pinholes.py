@@ -266,7 +266,7 @@ class PinholeTest(PinholeCase):
                          (LAN_HOST, 8080, "tcp", "pcp"))
         self.assertGreater(pinhole["seconds_left"], 3500)
 
-    # Promise [check-pinholes]: `lumenctl upnp check` finds a firewall that drops forwarded IPv6 packets and
+    # Promise: `lumenctl upnp check` finds a firewall that drops forwarded IPv6 packets and
     # not those of pinholes, and says which rule admits them; it finds a missing `pinhole-ruleset.nft`.
     def test_the_check_finds_a_firewall_without_the_label(self):
         self.assertNotIn("firewall-drops-pinholes", self.findings())
@@ -286,7 +286,6 @@ class PinholeTest(PinholeCase):
 
 
 class NoPinholeFileTest(PinholeCase):
-    # Also proves [pinhole-file].
     def test_without_its_file_pinholes_are_refused_and_all_else_works(self):
         (self.router.root / "etc" / "pinhole-ruleset.nft").unlink()
         self.router.stop()

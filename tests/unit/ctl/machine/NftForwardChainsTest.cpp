@@ -209,7 +209,6 @@ TEST_F(Nft, FindsTheChainsAtTheForwardHook) {
   EXPECT_FALSE(chains[1].dropsAtEnd);
 }
 
-// Also proves [check-pinholes].
 TEST_F(Nft, KnowsTheLabelOfPinholes) {
   const auto accepts = [&](unsigned label, uint32_t operation) {
     return effectOf([&](Writer& w) {

@@ -33,7 +33,7 @@ class PinholeKernelTest : public testing::Test {
   const PinholeKey key{Ipv6Address::parse("2001:db8:1::10").value(), 6, 8080};
 };
 
-// Promise [pinhole-table]: The kernel refuses changes of the table of pinholes by other programs,
+// Promise: The kernel refuses changes of the table of pinholes by other programs,
 // and removes it when lumend ends.
 TEST_F(PinholeKernelTest, HoldsAnElementForEachPinholeUntilItsProcessEnds) {
   ASSERT_EQ(whyNot(set->open(PINHOLE_RULESET_FILE)), "");

@@ -163,7 +163,7 @@ class PinholesTest : public testing::Test {
 
 }  // namespace
 
-// Promise [pinhole]: A pinhole is listed with its host, what is left of its lease, and the service
+// Promise: A pinhole is listed with its host, what is left of its lease, and the service
 // that opened it; it ends with its lease, and its owner is notified.
 TEST_F(PinholesTest, OpenAPortOfAHostUntilTheLeaseEnds) {
   const uint32_t id = opens({});
@@ -290,7 +290,7 @@ TEST_F(PinholesTest, AreRefusedWhereTheRouterDoesNotForward) {
   opens({});
 }
 
-// Promise [pinhole-file]: Without `pinhole-ruleset.nft`, or with one that does not make the table,
+// Promise: Without `pinhole-ruleset.nft`, or with one that does not make the table,
 // all else works, pinholes are refused, and the reason is logged.
 TEST_F(PinholesTest, AreRefusedWithoutTheKernelsTable) {
   const std::string why = "no IPv6 pinholes: /nowhere: No such file or directory";
@@ -310,7 +310,7 @@ TEST_F(PinholesTest, RefuseASecondOneOfTheSamePort) {
   opens({.protocol = 17});
 }
 
-// Promise [pinhole-policy]: The policy's ports, hosts by interface and numbers, and the bounds of a
+// Promise: The policy's ports, hosts by interface and numbers, and the bounds of a
 // service file, hold for pinholes as they do for open ports.
 TEST_F(PinholesTest, FollowThePolicy) {
   EXPECT_EQ(refused({.port = 80}), "3: port 80 is not allowed by the policy");
@@ -333,7 +333,6 @@ TEST_F(PinholesTest, FollowThePolicy) {
   opens({.host = "2001:db8:1::12"});
 }
 
-// Also proves [pinhole-policy].
 TEST_F(PinholesTest, FollowTheServiceFile) {
   EXPECT_EQ(refusedAs(web, {}), "5: its service file does not say \"ports = yes\"");
   pcp.ports = PortGrant{.most = 1, .longestLease = 600s};
@@ -344,7 +343,7 @@ TEST_F(PinholesTest, FollowTheServiceFile) {
   opensAs(other, {.port = 8081, .lease = 86400});
 }
 
-// Promise [pinhole-rights]: Only administrators and services that may read are shown the pinholes.
+// Promise: Only administrators and services that may read are shown the pinholes.
 TEST_F(PinholesTest, AreShownToThoseWhoMayRead) {
   const uint32_t id = opens({});
   lm::message one;
