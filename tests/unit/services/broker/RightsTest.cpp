@@ -73,6 +73,7 @@ TEST_F(RightsTest, OfAServiceThatReadsAreToReadAndNoMore) {
   broker.addLocal(20, 0, rules);
   broker.addLocal(20, 1, rules);
   broker.addLocal(20, 6, rules);
+  broker.addLocal(20, 7, rules);
   broker.addLocal(65, 0, rules);
   Program web = connect(readerUser);
   registerAs(web, 42);
@@ -81,7 +82,7 @@ TEST_F(RightsTest, OfAServiceThatReadsAreToReadAndNoMore) {
                              lm::cmd::set,       someCommand,        0,
                              lm::cmd::changed};
   for (const auto& path : std::vector<std::vector<uint32_t>>{
-           {20}, {20, 0}, {20, 1}, {20, 5}, {20, 6}, {66}, {66, 0}}) {
+           {20}, {20, 0}, {20, 1}, {20, 5}, {20, 6}, {20, 7}, {66}, {66, 0}}) {
     for (const uint32_t command : reads) EXPECT_EQ(errorOf(web, path, command), "") << command;
     for (const uint32_t command : others) {
       EXPECT_EQ(errorOf(web, path, command), "not permitted") << path[0] << " " << command;
@@ -91,10 +92,10 @@ TEST_F(RightsTest, OfAServiceThatReadsAreToReadAndNoMore) {
     EXPECT_TRUE(caller.reads);
     EXPECT_FALSE(caller.administrator);
   }
-  EXPECT_EQ(rules.commands.size(), 20U);
+  EXPECT_EQ(rules.commands.size(), 24U);
   EXPECT_EQ(errorOf(web, {0}, lm::broker::cmd::services), "");
   for (const auto& path : std::vector<std::vector<uint32_t>>{
-           {65}, {20, 2}, {20, 7}, {66, 1}, {resolver}, {77}, {gateway, 1}}) {
+           {65}, {20, 2}, {20, 8}, {66, 1}, {resolver}, {77}, {gateway, 1}}) {
     for (const uint32_t command : reads) {
       EXPECT_EQ(errorOf(web, path, command), "not permitted") << path[0] << " " << command;
     }
