@@ -68,8 +68,12 @@ class Filter {
       if (argument.mask == 0) continue;
       conditions[count++] = {argument.index, SCMP_CMP_MASKED_EQ, argument.mask, argument.value};
     }
-    // Where the C library makes it by socketcall, its arguments lie in memory that no filter reads.
-    if (isSocketCall(number) && action == SCMP_ACT_ALLOW) count = 0;
+    // Where the C library makes it by socketcall, its arguments lie in memory that no filter reads:
+    // every such call is allowed, and none refused.
+    if (count > 0 && isSocketCall(number)) {
+      if (action != SCMP_ACT_ALLOW) return;
+      count = 0;
+    }
     const int status =
         seccomp_rule_add_array(context_.get(), action, number, count, conditions.data());
     if (status != 0) cannotConfine(call.name, -status);
