@@ -22,15 +22,17 @@ constexpr uint32_t recordOnly[] = {lm::key::objectId, key::owner, key::seconds,
                                    key::connections,  key::stale, key::closed};
 
 void checkRule(const lumen::RuleRequest& request) {
-  const lumen::Rule& rule = request.rule;
+  lumen::Rule rule = request.rule;
   require(rule.key.protocol == IPPROTO_TCP || rule.key.protocol == IPPROTO_UDP,
           "a rule is for TCP or UDP");
   require((request.anyPort || rule.key.external.port != 0) && rule.client.port != 0,
           "a port is from 1 to 65535");
   require(!request.lease || *request.lease >= std::chrono::seconds(1), "a lease has a length");
-  require(!rule.closed && rule.connection == 0 && rule.owner.empty(),
-          "nobody but the table says whose a rule is");
+  require(!rule.closed && rule.connection == 0 && rule.owner == nullptr,
+          "only the table says whose a rule is");
 
+  const std::string owner = "upnp";
+  rule.owner = &owner;
   lm::message record = lumen::ruleRecord(7, rule, {.left = request.lease});
   const auto refused = lumen::readRule(record);
   require(!refused && refused.why().find("not known") != std::string::npos,

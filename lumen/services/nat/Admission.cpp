@@ -73,8 +73,8 @@ std::optional<Refused> Admission::refuseAdd(const Caller& caller, Rule& rule, bo
   }
   if (auto refused = refuseFull(rule.client.address, table_.size())) return refused;
   if (!caller.administrator &&
-      table_.sizeOf(rule.owner) >= caller.ports->most.value_or(UINT32_MAX)) {
-    return full("service " + rule.owner + " has all the rules that its file allows it, " +
+      table_.sizeOf(*rule.owner) >= caller.ports->most.value_or(UINT32_MAX)) {
+    return full("service " + *rule.owner + " has all the rules that its file allows it, " +
                 std::to_string(*caller.ports->most));
   }
   return anyPort ? choosePort(rule) : refuseOwnPort(rule.key);
@@ -103,9 +103,9 @@ std::optional<Refused> Admission::refuseTaken(const Rule& rule) const {
   if (holder == nullptr) return std::nullopt;
   return Refused{.text = keyText(rule.key) + " is already in use",
                  .denial = {.why = Refusal::conflict,
-                            .holder = holder->owner == administratorName ? Holder::administrator
-                                      : holder->owner == rule.owner      ? Holder::sameService
-                                                                         : Holder::otherService}};
+                            .holder = *holder->owner == administratorName ? Holder::administrator
+                                      : *holder->owner == *rule.owner     ? Holder::sameService
+                                                                          : Holder::otherService}};
 }
 
 std::optional<Refused> Admission::refuseOwnPort(const RuleKey& key) const {

@@ -152,7 +152,7 @@ std::optional<Refused> NatRules::add(const Caller& caller, const lm::message& re
   if (!wanted) return asRefusal(wanted.failure());
   Rule& rule = wanted->rule;
   rule.connection = caller.connection;
-  rule.owner = authorOf(caller).name;
+  rule.owner = &table_.ownerName(authorOf(caller).name);
   rule.user = caller.user;
   rule.addedAt = clock_.now();
   if (wanted->lease) rule.until = rule.addedAt + *wanted->lease;
@@ -408,7 +408,7 @@ void NatRules::flowsMayDiffer(const RuleKey& key) {
 }
 
 void NatRules::note(Event event, const Rule& rule, std::string_view reason) {
-  note(event, {.name = rule.owner, .user = rule.user}, rule, reason);
+  note(event, {.name = *rule.owner, .user = rule.user}, rule, reason);
 }
 
 void NatRules::note(Event event, const PortLog::Author& author, const Rule& rule,

@@ -1,5 +1,6 @@
 #include "lumen/services/nat/PortLog.h"
 
+#include <algorithm>
 #include <iterator>
 #include <vector>
 
@@ -8,6 +9,14 @@
 #include "platform/Keys.h"
 
 namespace lumen {
+
+PortLog::Entries::Iterator PortLog::Entries::find(uint32_t id) {
+  return std::ranges::lower_bound(values_, id, {}, &Value::first);
+}
+
+PortLog::Entries::ConstIterator PortLog::Entries::upper_bound(uint32_t id) const {
+  return std::ranges::upper_bound(values_, id, {}, &Value::first);
+}
 
 PortLog::PortLog(Notifier& notifier, WallClock clock) : notifier_(notifier), clock_(clock) {}
 
@@ -31,7 +40,7 @@ void PortLog::add(lm::nat::Event event, const Author& author, const RuleKey& key
   append(id, std::move(entry));
   if (entries_.size() > capacity) dropOne();
   lm::message news;
-  news.insert_message_array(lm::key::records, {record(id, entries_.at(id))});
+  news.insert_message_array(lm::key::records, {record(id, entries_.newest())});
   notifier_.notify(lm::cmd::changed, lm::nat::logPath(), news);
 }
 
@@ -40,7 +49,7 @@ void PortLog::addRefusalOfOwnPort(const Author& author, const RuleKey& key, cons
   add(lm::nat::Event::refused, author, key, client, reason);
   std::erase_if(ownPorts_, [&](const auto& known) { return known.first == key; });
   if (ownPorts_.size() == newestOwn) ownPorts_.erase(ownPorts_.begin());
-  ownPorts_.emplace_back(key, record(lastId_, entries_.at(lastId_)));
+  ownPorts_.emplace_back(key, record(lastId_, entries_.newest()));
 }
 
 lm::message PortLog::handle(const Caller& caller, uint32_t command, const lm::message& request) {
@@ -83,7 +92,7 @@ void PortLog::append(uint32_t id, Entry entry) {
   group.last = id;
   ++group.size;
   ranks_.insert(group.rank());
-  entries_.emplace_hint(entries_.end(), id, std::move(entry));
+  entries_.append(id, std::move(entry));
 }
 
 void PortLog::dropOne() {

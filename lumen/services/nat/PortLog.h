@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -72,7 +73,30 @@ class PortLog : public LocalHandler {
     uint32_t user = 0;
     uint32_t next = 0;  // of its group; 0: it is the last
   };
-  using Entries = std::map<uint32_t, Entry>;  // by id
+
+  /// By id, in rising order. They lie side by side: in a tree they would take twice the memory.
+  class Entries {
+   public:
+    using Value = std::pair<uint32_t, Entry>;
+    using Iterator = std::deque<Value>::iterator;
+    using ConstIterator = std::deque<Value>::const_iterator;
+
+    /// `id` is higher than all others.
+    void append(uint32_t id, Entry entry) { values_.emplace_back(id, std::move(entry)); }
+    void erase(Iterator it) { values_.erase(it); }
+    /// REQUIRES: it is there.
+    [[nodiscard]] Iterator find(uint32_t id);
+    [[nodiscard]] const Entry& newest() const { return values_.back().second; }
+    [[nodiscard]] size_t size() const { return values_.size(); }
+    [[nodiscard]] Iterator begin() { return values_.begin(); }
+    [[nodiscard]] Iterator end() { return values_.end(); }
+    [[nodiscard]] ConstIterator begin() const { return values_.begin(); }
+    [[nodiscard]] ConstIterator end() const { return values_.end(); }
+    [[nodiscard]] ConstIterator upper_bound(uint32_t id) const;
+
+   private:
+    std::deque<Value> values_;
+  };
 
   /// The events of a group are a chain, from the oldest to the newest.
   struct Group {

@@ -19,16 +19,16 @@ struct RuleKey {
   auto operator<=>(const RuleKey&) const = default;
 };
 
-/// One open port.
+/// One open port. There are thousands: the members are in the order that needs no gaps.
 struct Rule {
   RuleKey key;
-  Endpoint client{};        ///< where its packets go
-  Ipv4Networks remotes{};   ///< from where they may come; none: anywhere
-  bool disabled = false;    ///< by its owner
-  bool closed = false;      ///< by the administrator, permanently
-  uint64_t connection = 0;  ///< of its owner
-  std::string owner{};      ///< service name
-  uint32_t user = 0;        ///< of the owner's process
+  bool disabled = false;               ///< by its owner
+  bool closed = false;                 ///< by the administrator, permanently
+  Endpoint client{};                   ///< where its packets go
+  uint32_t user = 0;                   ///< of the owner's process
+  uint64_t connection = 0;             ///< of its owner
+  const std::string* owner = nullptr;  ///< service name; one of RuleTable's, which outlives it
+  Ipv4Networks remotes{};              ///< from where packets may come; none: anywhere
   lm::Clock::Time addedAt{};
   std::optional<lm::Clock::Time> until = std::nullopt;  ///< the end of its lease; none: permanent
   /// Connections counted before the rule last left the kernel; none: unknown.

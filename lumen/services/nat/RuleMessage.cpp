@@ -192,7 +192,7 @@ lm::message ruleRecord(uint32_t id, const Rule& rule, const RuleStatus& status) 
                                                   .lease = lease,
                                                   .remotes = std::move(remotes)},
                                          .id = id,
-                                         .owner = rule.owner,
+                                         .owner = *rule.owner,
                                          .seconds = static_cast<uint64_t>(status.age.count()),
                                          .connections = status.connections,
                                          .stale = status.stale,

@@ -7,12 +7,6 @@ namespace lumen {
 namespace {
 
 template <typename Key>
-void countDown(std::map<Key, uint32_t>& counts, const Key& key) {
-  const auto count = counts.find(key);
-  if (--count->second == 0) counts.erase(count);
-}
-
-template <typename Key>
 uint32_t countOf(const std::map<Key, uint32_t>& counts, const Key& key) {
   const auto count = counts.find(key);
   return count == counts.end() ? 0 : count->second;
@@ -21,18 +15,21 @@ uint32_t countOf(const std::map<Key, uint32_t>& counts, const Key& key) {
 }  // namespace
 
 void RuleTable::insert(uint32_t id, const Rule& rule) {
-  ids_.emplace(rule.key, id);
+  byKey_.insert(rules_.emplace(id, rule).first);
   ++clientRules_[rule.client.address];
-  ++ownerRules_[rule.owner];
-  rules_.emplace(id, rule);
+  ++ownerRules_[*rule.owner];
 }
 
 void RuleTable::erase(Rules::iterator it) {
-  const Rule& rule = it->second;
-  ids_.erase(rule.key);
-  countDown(clientRules_, rule.client.address);
-  countDown(ownerRules_, rule.owner);
+  byKey_.erase(it);
+  const auto ofClient = clientRules_.find(it->second.client.address);
+  if (--ofClient->second == 0) clientRules_.erase(ofClient);
+  --ownerRules_[*it->second.owner];
   rules_.erase(it);
+}
+
+const std::string& RuleTable::ownerName(const std::string& name) {
+  return ownerRules_.try_emplace(name).first->first;
 }
 
 uint32_t RuleTable::nextId() {
@@ -43,8 +40,8 @@ uint32_t RuleTable::nextId() {
 }
 
 const Rule* RuleTable::find(const RuleKey& key) const {
-  const auto it = ids_.find(key);
-  return it == ids_.end() ? nullptr : &rules_.find(it->second)->second;
+  const auto it = byKey_.find(key);
+  return it == byKey_.end() ? nullptr : &(*it)->second;
 }
 
 uint32_t RuleTable::sizeOf(Ipv4Address client) const { return countOf(clientRules_, client); }

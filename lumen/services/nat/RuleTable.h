@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 
 #include "lumen/services/nat/Rule.h"
@@ -24,6 +25,8 @@ class RuleTable {
   /// Neither the id nor the key is in use.
   void insert(uint32_t id, const Rule& rule);
   void erase(Rules::iterator it);
+  /// The name of an owner, as its rules point to it. Valid as long as the table.
+  [[nodiscard]] const std::string& ownerName(const std::string& name);
   /// Of no rule, and not used since the numbers last began again.
   [[nodiscard]] uint32_t nextId();
 
@@ -39,10 +42,19 @@ class RuleTable {
   [[nodiscard]] uint32_t sizeOf(const std::string& owner) const;
 
  private:
+  struct ByKey {
+    using is_transparent = void;
+    bool operator()(Rules::const_iterator a, Rules::const_iterator b) const {
+      return a->second.key < b->second.key;
+    }
+    bool operator()(Rules::const_iterator a, const RuleKey& b) const { return a->second.key < b; }
+    bool operator()(const RuleKey& a, Rules::const_iterator b) const { return a < b->second.key; }
+  };
+
   Rules rules_;
-  std::map<RuleKey, uint32_t> ids_;
+  std::set<Rules::const_iterator, ByKey> byKey_;
   std::map<Ipv4Address, uint32_t> clientRules_;  // none is 0
-  std::map<std::string, uint32_t> ownerRules_;   // none is 0
+  std::map<std::string, uint32_t> ownerRules_;   // as many as services that ever asked
   uint32_t lastId_ = 0;
 };
 

@@ -31,17 +31,18 @@ Result<std::string> ThriftyNftables::runFile(const std::string& path) {
   return nftables_.runFile(path);
 }
 
-// The following keep nothing.
-
 Result<void> ThriftyNftables::changeElements(std::span<const ElementChange> changes) {
+  forgetSoon();
   return nftables_.changeElements(changes);
 }
 
+// Takes and keeps next to nothing.
 Result<SetElement> ThriftyNftables::readElement(const ElementSet& set, const ElementParts& key) {
   return nftables_.readElement(set, key);
 }
 
 Result<void> ThriftyNftables::readElements(const ElementSet& set, const ElementVisitor& visit) {
+  forgetSoon();
   return nftables_.readElements(set, visit);
 }
 

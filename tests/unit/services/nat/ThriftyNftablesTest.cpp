@@ -44,6 +44,16 @@ TEST_F(ThriftyNftablesTest, ForgetOnceTheKernelWasLeftAloneForASecond) {
   EXPECT_EQ(kernel.takeTexts(), (Texts{"add", "forgets"}));
 }
 
+TEST_F(ThriftyNftablesTest, ForgetAfterChangesAndListsOfElementsToo) {
+  const ElementSet ports = {.family = TableFamily::ip, .table = "lumen", .name = "forwards"};
+  EXPECT_TRUE(nftables.changeElements({}).ok());
+  passes(1s);
+  EXPECT_EQ(kernel.takeTexts(), (Texts{"", "forgets"}));
+  EXPECT_TRUE(nftables.readElements(ports, [](const SetElement&) {}).ok());
+  passes(1s);
+  EXPECT_EQ(kernel.takeTexts(), (Texts{"list map ip lumen forwards", "forgets"}));
+}
+
 }  // namespace
 
 }  // namespace lumen::test
