@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -119,7 +120,7 @@ struct Reading {
 Reading read(const std::string& bytes) {
   // As long as the bytes, so that a sanitizer sees each read behind them.
   std::vector<nlmsghdr> buffer((bytes.size() + sizeof(nlmsghdr) - 1) / sizeof(nlmsghdr));
-  std::memcpy(buffer.data(), bytes.data(), bytes.size());
+  std::copy(bytes.begin(), bytes.end(), reinterpret_cast<char*>(buffer.data()));
   Reading reading;
   reading.answers.read(buffer.data(), bytes.size(),
                        [&](const SetElement& element) { reading.elements.push_back(element); });
