@@ -23,8 +23,8 @@ OVERRUN = "interfaces: changes were lost, reading everything again: No buffer sp
 
 NO_DESCRIPTORS = "accept: Too many open files"
 
-# Netlink groups (linux/rtnetlink.h) of links and IPv4 addresses: the socket that receives changes.
-CHANGES = 0x1 | 0x10
+# Netlink groups (linux/rtnetlink.h) of links and addresses: the socket that receives changes.
+CHANGES = 0x1 | 0x10 | 0x100
 
 
 class LostChangesTest(RouterCase):

@@ -46,7 +46,7 @@ constexpr const char* table =
     "\t\tadd @addresses { ip saddr ct count over 32 } goto beyond\n"
     "\t}\n"
     "\tchain beyond {\n"
-    "\t\tadd @crowds { ip saddr limit rate over 4000/second burst 2 packets } counter drop\n"
+    "\t\tadd @crowds { ip saddr limit rate over 10000/second burst 2 packets } counter drop\n"
     "\t\tadd @bursts { ip saddr limit rate over 10/second burst 1000 packets } counter "
     "reject with tcp reset\n"
     "\t}\n"
