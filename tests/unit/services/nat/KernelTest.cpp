@@ -228,8 +228,10 @@ TEST_F(SetElementsTest, AreReadHoweverManyThereAre) {
 TEST_F(SetElementsTest, AreReadAgainWhenAnotherProgramMadeAChange) {
   fills(2000);
   LibNftables other;
+  int begins =
+      0;  // of dumps; more when the kernel's hash table grows meanwhile and tells some twice
   const auto readWhile = [&](int interruptions) {
-    int begins = 0;
+    begins = 0;
     std::set<ElementParts> seen;
     std::optional<ElementParts> first;
     const auto result = nftables->readElements(set, [&](const SetElement& element) {
@@ -239,11 +241,14 @@ TEST_F(SetElementsTest, AreReadAgainWhenAnotherProgramMadeAChange) {
       }
       seen.insert(element.key);
     });
-    return std::to_string(begins) + " " + std::to_string(seen.size()) + " " + whyNot(result);
+    return std::to_string(seen.size()) + " " + whyNot(result);
   };
-  EXPECT_EQ(readWhile(1), "2 2000 ");
-  EXPECT_EQ(readWhile(7), "8 2000 ");
-  EXPECT_EQ(readWhile(100), "8 2000 Interrupted system call");
+  EXPECT_EQ(readWhile(1), "2000 ");
+  EXPECT_GE(begins, 2);
+  EXPECT_EQ(readWhile(7), "2000 ");
+  EXPECT_GE(begins, 8);
+  EXPECT_EQ(readWhile(100), "2000 Interrupted system call");
+  EXPECT_GE(begins, 8);
 }
 
 TEST_F(SetElementsTest, LeaveNoAnswerBehindAfterAnError) {
