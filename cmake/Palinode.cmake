@@ -11,6 +11,7 @@ set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
 # CMake's own choice, -O3, makes the programs larger.
 set(CMAKE_CXX_FLAGS_RELEASE "-O2 -DNDEBUG")
+set(CMAKE_CXX_FLAGS_MINSIZEREL "-Oz -DNDEBUG")
 if(NOT CMAKE_BUILD_TYPE)
   set(CMAKE_BUILD_TYPE Release)
 endif()
@@ -112,13 +113,18 @@ elseif(PALINODE_LTO)
     list(APPEND PALINODE_TRIM -flto-partition=one)
   endif()
 endif()
-if(PALINODE_SMALL AND NOT CMAKE_CROSSCOMPILING)
+if(PALINODE_SMALL)
   # One bit for most addresses that the loader adjusts, not 24 bytes. It must know that: glibc does
-  # since 2.36.
-  include(CheckCXXSourceRuns)
-  set(CMAKE_REQUIRED_LINK_OPTIONS -pie LINKER:-z,pack-relative-relocs)
-  check_cxx_source_runs("int n; int* volatile p = &n; int main() { return p != &n; }"
-                        PALINODE_HAS_relr)
+  # since 2.36, musl since 1.2.4; and the linker, which does not for MIPS.
+  set(CMAKE_REQUIRED_LINK_OPTIONS -pie LINKER:-z,pack-relative-relocs,--fatal-warnings)
+  set(source "int n; int* volatile p = &n; int main() { return p != &n; }")
+  if(PALINODE_CROSS_HOST MATCHES "-musl$")
+    include(CheckCXXSourceCompiles)
+    check_cxx_source_compiles("${source}" PALINODE_HAS_relr)
+  elseif(NOT CMAKE_CROSSCOMPILING)
+    include(CheckCXXSourceRuns)
+    check_cxx_source_runs("${source}" PALINODE_HAS_relr)
+  endif()
   unset(CMAKE_REQUIRED_LINK_OPTIONS)
   if(PALINODE_HAS_relr)
     list(APPEND PALINODE_TRIM LINKER:-z,pack-relative-relocs)
@@ -159,6 +165,9 @@ if(PALINODE_SMALL)
   # Nothing is thrown, and no program has a second thread.
   target_compile_options(palinode_flags INTERFACE -fno-asynchronous-unwind-tables
                          -fno-threadsafe-statics)
+  # A failed check of the C++ library tells its file and line. The names of the functions, with all
+  # that templates add, are a tenth of a program.
+  target_compile_options(palinode_flags INTERFACE "-D__PRETTY_FUNCTION__=\"\"")
 endif()
 
 # palinode_library(NAME SOURCES file... LINK library...)

@@ -27,6 +27,7 @@ namespace {
 constexpr SystemCall own[] = {
     {"socket", {0, SystemCall::number, AF_INET}, {1, socketKind, SOCK_STREAM}},
     {"ioctl", {1, SystemCall::number, FIONREAD}},
+    {"shutdown"},
 };
 
 }  // namespace

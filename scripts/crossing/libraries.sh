@@ -121,7 +121,7 @@ described() {
 build_expat() {
   cd expat/lib
   : >expat_config.h
-  archived expat -I. -DXML_NS=1 -DXML_DTD=1 -DXML_CONTEXT_BYTES=1024 -DBYTEORDER=__BYTE_ORDER__ \
+  archived expat -I. -DXML_DTD=1 -DXML_CONTEXT_BYTES=1024 -DBYTEORDER=__BYTE_ORDER__ \
     -DHAVE_GETRANDOM=1 -fno-strict-aliasing -- xmlparse.c xmlrole.c xmltok.c
   install -D -m 644 -t "$prefix/include" expat.h expat_external.h
   described expat "$(of expat 2)"
@@ -139,7 +139,10 @@ build_util-linux() {
   sed -i 's|^Cflags: \(.*\)|& \1/uuid|' "$prefix/lib/pkgconfig/uuid.pc"
 }
 build_libev() {
-  configured
+  # Of the ways to wait, the one that the programs use.
+  local without=(IOURING LINUXAIO INOTIFY SELECT POLL)
+  without=("${without[@]/#/-DEV_USE_}")
+  configured CPPFLAGS="${without[*]/%/=0}"
   made install
 }
 build_libseccomp() {
@@ -221,6 +224,7 @@ export CC=${CC:-$host-gcc} CXX=${CXX:-$host-g++} AR=${AR:-$host-ar} RANLIB=${RAN
 export CFLAGS="${CFLAGS:--O2} ${wide[*]}" CXXFLAGS="${CXXFLAGS:--O2} ${wide[*]}"
 mkdir -p "$prefix/built"
 compiler="$CC $("$CC" -dumpfullversion) $CXX $CFLAGS $CXXFLAGS"
+[[ $host != *-musl ]] || compiler+=" musl $(of musl 2)"
 wanted=()
 for package in "$@"; do
   # Built again when any of this changes.

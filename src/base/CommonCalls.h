@@ -28,7 +28,6 @@ inline constexpr SystemCall serverCalls[] = {
     {"listen"},
     {"accept"},
     {"accept4"},
-    {"shutdown"},
 };
 
 /// Sockets that there are.

@@ -137,7 +137,5 @@ bool writeOnce(int fd, std::string_view text) { return write(fd, text, 0); }
 bool writeLast(int fd, std::string_view text) {
   // Most of the cost of an answer is its way through the kernel, packet by packet. A longer text
   // would rather gain a packet: its last segment would not leave with the others.
-  const bool all = write(fd, text, text.size() <= onePacket ? MSG_MORE : 0);
-  shutdown(fd, SHUT_WR);  // fails only when the peer is gone
-  return all;
+  return write(fd, text, text.size() <= onePacket ? MSG_MORE : 0);
 }

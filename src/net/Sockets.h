@@ -43,6 +43,6 @@ void dropWhenUnread(int fd);
 /// after a log line, when the buffer could not be enlarged.
 [[nodiscard]] bool writeOnce(int fd, std::string_view text);
 
-/// Does the same and ends what is sent on the connection. A text of usual size and this end leave
-/// in one packet.
+/// Does the same for the last text of a connection, which the caller closes next: a text of usual
+/// size waits for that, and leaves with the end in one packet.
 [[nodiscard]] bool writeLast(int fd, std::string_view text);

@@ -21,7 +21,7 @@ HTTPMessage preconditionFailed() { return HTTPMessage(HTTP_PRECONDITION_FAILED);
 
 std::string newSid() {
   uuid_t uuid;
-  uuid_generate(uuid);
+  uuid_generate_random(uuid);
   char text[UUID_STR_LEN];
   uuid_unparse_lower(uuid, text);
   return std::string("uuid:") + text;
