@@ -21,9 +21,9 @@ struct Id {
 /// it does.
 struct PortMap {
   uint16_t internalPort = 0;
-  uint32_t internalClient = 0;  ///< IPv4 address, network byte order
   bool enabled = false;
+  uint32_t internalClient = 0;  ///< IPv4 address, network byte order
+  uint32_t leaseDuration = 0;   ///< always 0: permanent leases only
+  uint32_t ruleId = 0;          ///< object id of its rule in the NAT rule table
   std::string description;
-  uint32_t leaseDuration = 0;  ///< always 0: permanent leases only
-  uint32_t ruleId = 0;         ///< object id of its rule in the NAT rule table
 };

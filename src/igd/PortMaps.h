@@ -1,7 +1,7 @@
 #pragma once
 
 #include <cstddef>
-#include <map>
+#include <memory>
 #include <utility>
 #include <vector>
 
@@ -26,17 +26,15 @@ class PortMaps {
   [[nodiscard]] PortMap* find(const Id& id);
   /// The entry at this position, counted from 0; it must be below size().
   [[nodiscard]] const Entry& at(size_t position) const { return *inOrder_[position]; }
-  [[nodiscard]] size_t size() const { return byId_.size(); }
-
-  [[nodiscard]] auto begin() const { return byId_.begin(); }
-  [[nodiscard]] auto end() const { return byId_.end(); }
+  [[nodiscard]] size_t size() const { return inOrder_.size(); }
 
  private:
-  using Order = std::vector<const Entry*>;
+  using Order = std::vector<std::unique_ptr<Entry>>;
 
   /// Where the key is in the order, or would be.
   [[nodiscard]] Order::iterator position(const Id& id);
+  [[nodiscard]] bool isAt(Order::iterator position, const Id& id) const;
 
-  std::map<Id, PortMap> byId_;
-  Order inOrder_;  ///< the entries of byId_, sorted by key
+  /// Sorted by key, never null. Each entry stays where it is when others come and go.
+  Order inOrder_;
 };

@@ -40,7 +40,8 @@ bool hasRoomFor(const PortMap& wanted, size_t replaced, const PortMaps& portMaps
   if (length <= std::max(shortDescription, replaced)) return true;
   size_t all = length - replaced;
   size_t ofClient = all;
-  for (const auto& [id, mapping] : portMaps) {
+  for (size_t i = 0; i < portMaps.size(); ++i) {
+    const PortMap& mapping = portMaps.at(i).second;
     all += mapping.description.size();
     if (mapping.internalClient == wanted.internalClient) ofClient += mapping.description.size();
   }
@@ -79,8 +80,8 @@ WANIPConnection::WANIPConnection(uint32_t interfaceId, uint32_t address)
 }
 
 WANIPConnection::~WANIPConnection() {
-  for (const auto& [id, mapping] : portMaps) {
-    const lm::message reply = nat::forgetRule(mapping);
+  for (size_t i = 0; i < portMaps.size(); ++i) {
+    const lm::message reply = nat::forgetRule(portMaps.at(i).second);
     if (lm::isError(reply)) logLine("on cleanup remove nat failed: ", lm::getError(reply));
   }
 }
