@@ -5,8 +5,11 @@
 #include <compare>
 #include <cstdint>
 #include <optional>
+#include <string>
+#include <string_view>
 
 #include "lumen/values/Ipv4.h"
+#include "lumen/values/Ipv6.h"
 
 namespace pcp {
 
@@ -16,10 +19,21 @@ struct IpAddress {
   std::array<uint8_t, 16> bytes = {};
 
   /// ::ffff:192.0.2.1 for 192.0.2.1.
-  [[nodiscard]] static IpAddress mapped(lumen::Ipv4Address address) {
+  [[nodiscard]] static constexpr IpAddress mapped(lumen::Ipv4Address address) {
     const uint32_t n = address.number();
     return {{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff, static_cast<uint8_t>(n >> 24),
              static_cast<uint8_t>(n >> 16), static_cast<uint8_t>(n >> 8), static_cast<uint8_t>(n)}};
+  }
+
+  /// Reads an address of IPv4 or IPv6; none for any other text.
+  [[nodiscard]] static std::optional<IpAddress> parse(std::string_view text) {
+    if (const auto ipv4 = lumen::Ipv4Address::parse(text)) return mapped(*ipv4);
+    if (const auto ipv6 = lumen::Ipv6Address::parse(text)) return IpAddress{ipv6->bytes()};
+    return std::nullopt;
+  }
+  [[nodiscard]] std::string text() const {
+    const auto mapped = ipv4();
+    return mapped ? mapped->text() : lumen::Ipv6Address(bytes).text();
   }
 
   /// None for an address that is not a mapped one.

@@ -17,7 +17,7 @@ constexpr std::chrono::seconds retryPeriod(3);
 
 }  // namespace
 
-Ipv6Service::Ipv6Service(lm::Handler& handler, const std::set<lumen::Ipv6Address>& agents,
+Ipv6Service::Ipv6Service(lm::Handler& handler, const std::set<IpAddress>& agents,
                          const lm::Clock& clock)
     : pinholes_(handler),
       table_(pinholes_, clock),
@@ -56,8 +56,9 @@ std::set<std::string> Ipv6Service::served() const {
 
 std::optional<std::vector<uint8_t>> Ipv6Service::answer(std::span<const uint8_t> datagram,
                                                         const lumen::Ipv6Address& source) {
-  if (!limit_.admits({source.bytes()})) return std::nullopt;
-  return responder_.answer(datagram, source);
+  const IpAddress host = {source.bytes()};
+  if (!limit_.admits(host)) return std::nullopt;
+  return responder_.answer(datagram, host);
 }
 
 void Ipv6Service::update() {
@@ -86,7 +87,7 @@ void Ipv6Service::update() {
 
 void Ipv6Service::announceDue() {
   if (announcements_.take()) {
-    const std::vector<uint8_t> announcement = responder_.announcement();
+    const std::vector<uint8_t> announcement = responder_.pcpAnnouncement();
     for (const auto& [link, socket] : sockets_) socket->announce(announcement);
   }
   announce_.stop();

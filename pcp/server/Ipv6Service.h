@@ -12,14 +12,15 @@
 
 #include "lumen/runtime/Clock.h"
 #include "lumen/values/Ipv6.h"
+#include "pcp/codec/IpAddress.h"
 #include "pcp/server/Ipv6Socket.h"
 #include "pcp/server/PlatformPinholes.h"
 #include "pcp/server/Sides.h"
 #include "pcp/table/Announcements.h"
 #include "pcp/table/AnswerLimit.h"
 #include "pcp/table/Epoch.h"
-#include "pcp/table/PinholeResponder.h"
-#include "pcp/table/PinholeTable.h"
+#include "pcp/table/MappingTable.h"
+#include "pcp/table/Responder.h"
 #include "platform/Handler.h"
 #include "platform/Timer.h"
 
@@ -31,8 +32,7 @@ class Ipv6Service : private Ipv6Socket::Site {
  public:
   /// `handler` sends the requests to the platform, `agents` may ask for other hosts. All must
   /// outlive this.
-  Ipv6Service(lm::Handler& handler, const std::set<lumen::Ipv6Address>& agents,
-              const lm::Clock& clock);
+  Ipv6Service(lm::Handler& handler, const std::set<IpAddress>& agents, const lm::Clock& clock);
   Ipv6Service(const Ipv6Service&) = delete;
   Ipv6Service& operator=(const Ipv6Service&) = delete;
 
@@ -59,9 +59,9 @@ class Ipv6Service : private Ipv6Socket::Site {
   void announceDue();
 
   PlatformPinholes pinholes_;
-  PinholeTable table_;
+  MappingTable table_;
   Epoch epoch_;
-  PinholeResponder responder_;
+  Responder responder_;
   AnswerLimit limit_;
   Announcements announcements_;
   std::vector<Link> wanted_;

@@ -16,43 +16,46 @@ lm::message newRequest() {
   return request;
 }
 
-Pinholes::Failure failureOf(lm::pinholes::Refusal why) {
+Ports::Failure failureOf(lm::pinholes::Refusal why) {
   switch (why) {
     case lm::pinholes::Refusal::conflict:
-      return Pinholes::Failure::conflict;
+      return Ports::Failure::conflict;
     // Only the administrator can change these.
     case lm::pinholes::Refusal::policy:
     case lm::pinholes::Refusal::rights:
     case lm::pinholes::Refusal::notPrepared:
-      return Pinholes::Failure::forbidden;
+      return Ports::Failure::forbidden;
     case lm::pinholes::Refusal::full:
-      return Pinholes::Failure::full;
+      return Ports::Failure::full;
     case lm::pinholes::Refusal::notForwarding:
-      return Pinholes::Failure::network;
+      return Ports::Failure::network;
     case lm::pinholes::Refusal::other:
       break;
   }
-  return Pinholes::Failure::unavailable;
+  return Ports::Failure::unavailable;
 }
 
 }  // namespace
 
-std::variant<uint32_t, Pinholes::Failure> PlatformPinholes::add(const Wish& wish) {
+std::variant<Ports::Open, Ports::Failure> PlatformPinholes::add(const Wish& wish) {
   lm::message request = newRequest();
-  lm::pinholes::write(request, lm::pinholes::Pinhole{.address = wish.host.text(),
+  lm::pinholes::write(request, lm::pinholes::Pinhole{.address = wish.client.address.text(),
                                                      .protocol = wish.protocol,
-                                                     .port = wish.port,
+                                                     .port = wish.client.port,
                                                      .lease = wish.lifetime});
   const lm::message reply = handler_.exchangeCmd(request, lm::cmd::addObject, answerLimit);
   if (lm::isError(reply)) return failureOf(lm::pinholes::readRefusal(reply));
-  return reply.get_u32(lm::key::objectId);
+  return Open{.id = reply.get_u32(lm::key::objectId), .port = wish.client.port};
 }
 
-bool PlatformPinholes::renew(uint32_t id, uint32_t lifetime) {
+std::optional<Ports::Failure> PlatformPinholes::renew(
+    uint32_t id, uint32_t lifetime, const std::optional<lumen::Ipv4Networks>& /*remotes*/) {
   lm::message request = newRequest();
   request.insert_u32(lm::key::objectId, id);
   request.insert_u32(lm::pinholes::key::lease, lifetime);
-  return !lm::isError(handler_.exchangeCmd(request, lm::cmd::setObject, answerLimit));
+  const lm::message reply = handler_.exchangeCmd(request, lm::cmd::setObject, answerLimit);
+  if (lm::isError(reply)) return Failure::gone;
+  return std::nullopt;
 }
 
 void PlatformPinholes::remove(uint32_t id) {

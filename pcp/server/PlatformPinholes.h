@@ -1,19 +1,21 @@
 #pragma once
 
-#include "pcp/table/Pinholes.h"
+#include "pcp/table/Ports.h"
 #include "platform/Handler.h"
 
 namespace pcp {
 
-/// The pinholes of the platform (platform/wire/Pinholes.h). They end with this program's
-/// connection.
-class PlatformPinholes : public Pinholes {
+/// The ports of IPv6 hosts that the platform opens, as its pinholes (platform/wire/Pinholes.h).
+/// They end with this program's connection.
+class PlatformPinholes : public Ports {
  public:
   /// `handler` sends the requests; it must outlive this.
   explicit PlatformPinholes(lm::Handler& handler) : handler_(handler) {}
 
-  [[nodiscard]] std::variant<uint32_t, Failure> add(const Wish& wish) override;
-  [[nodiscard]] bool renew(uint32_t id, uint32_t lifetime) override;
+  [[nodiscard]] std::variant<Open, Failure> add(const Wish& wish) override;
+  /// No pinhole is for some remote networks alone.
+  [[nodiscard]] std::optional<Failure> renew(
+      uint32_t id, uint32_t lifetime, const std::optional<lumen::Ipv4Networks>& remotes) override;
   void remove(uint32_t id) override;
 
  private:

@@ -17,6 +17,11 @@ lm::message requestTo(const std::vector<uint32_t>& path) {
   return request;
 }
 
+/// Of an IPv4 address, as the platform carries it.
+uint32_t bytesOf(const IpAddress& address) {
+  return address.ipv4().value_or(lumen::Ipv4Address()).bytes();
+}
+
 static_assert(MappingTable::mostRemotes == lm::nat::mostRemotes);
 
 std::vector<lm::nat::RemoteNetwork> wired(const lumen::Ipv4Networks& networks) {
@@ -46,10 +51,10 @@ Ports::Failure failureOf(lm::nat::Refusal why) {
 }  // namespace
 
 std::variant<Ports::Open, Ports::Failure> PlatformPorts::add(const Wish& wish) {
-  const lm::nat::Rule rule = {.address = wish.external.address.bytes(),
+  const lm::nat::Rule rule = {.address = bytesOf(wish.external.address),
                               .port = wish.external.port,
                               .protocol = wish.protocol,
-                              .client = wish.client.address.bytes(),
+                              .client = bytesOf(wish.client.address),
                               .clientPort = wish.client.port,
                               .lease = wish.lifetime,
                               .anyPort = !wish.exact,

@@ -50,33 +50,23 @@ std::string take(const lm::message& from, Service::Settings& settings) {
   settings.enabled = from.get_bool(lm::pcp::key::enabled, settings.enabled);
   if (from.fields().find(lm::pcp::key::agents) == nullptr) return {};
   settings.agents.clear();
-  settings.ipv6Agents.clear();
   std::string_view rest;
   const std::string text = from.get_string(lm::pcp::key::agents);
   for (rest = text; !rest.empty();) {
     const std::string_view word = rest.substr(0, rest.find(' '));
     rest.remove_prefix(std::min(word.size() + 1, rest.size()));
     if (word.empty()) continue;
-    const auto ipv4 = lumen::Ipv4Address::parse(word);
-    const auto ipv6 = lumen::Ipv6Address::parse(word);
-    if (!ipv4 && !ipv6) return "a host is no IP address";
-    if (settings.agents.size() + settings.ipv6Agents.size() == mostAgents) {
-      return "more than 16 hosts";
-    }
-    if (ipv4) settings.agents.insert(*ipv4);
-    if (ipv6) settings.ipv6Agents.insert(*ipv6);
+    const auto agent = IpAddress::parse(word);
+    if (!agent) return "a host is no IP address";
+    if (settings.agents.size() == mostAgents) return "more than 16 hosts";
+    settings.agents.insert(*agent);
   }
   return {};
 }
 
 lm::message written(const Service::Settings& settings) {
   std::string agents;
-  for (const lumen::Ipv4Address& one : settings.agents) {
-    agents += (agents.empty() ? "" : " ") + one.text();
-  }
-  for (const lumen::Ipv6Address& one : settings.ipv6Agents) {
-    agents += (agents.empty() ? "" : " ") + one.text();
-  }
+  for (const IpAddress& one : settings.agents) agents += (agents.empty() ? "" : " ") + one.text();
   lm::message m;
   m.insert_bool(lm::pcp::key::enabled, settings.enabled);
   m.insert_string(lm::pcp::key::agents, agents);
@@ -108,7 +98,7 @@ Service::Service(std::string store, const lm::Clock& clock)
       limit_(clock),
       announcements_(clock),
       listeners_(*this),
-      ipv6_(*this, settings_.ipv6Agents, clock) {
+      ipv6_(*this, settings_.agents, clock) {
   if (const auto saved = store_.get(settingsRecord)) (void)take(*saved, settings_);
 }
 
@@ -231,8 +221,9 @@ void Service::announceDue() {
 
 std::optional<std::vector<uint8_t>> Service::answer(std::span<const uint8_t> datagram,
                                                     lumen::Ipv4Address source) {
-  if (!limit_.admits(IpAddress::mapped(source))) return std::nullopt;
-  return responder_.answer(datagram, source);
+  const IpAddress host = IpAddress::mapped(source);
+  if (!limit_.admits(host)) return std::nullopt;
+  return responder_.answer(datagram, host);
 }
 
 }  // namespace pcp

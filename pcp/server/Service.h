@@ -9,7 +9,7 @@
 
 #include "lumen/runtime/Clock.h"
 #include "lumen/values/Ipv4.h"
-#include "lumen/values/Ipv6.h"
+#include "pcp/codec/IpAddress.h"
 #include "pcp/server/Ipv6Service.h"
 #include "pcp/server/LanSocket.h"
 #include "pcp/server/Listeners.h"
@@ -32,8 +32,7 @@ class Service : public lm::Handler, private LanSocket::Site {
  public:
   struct Settings {
     bool enabled = false;
-    std::set<lumen::Ipv4Address> agents;      ///< the hosts that may ask for others
-    std::set<lumen::Ipv6Address> ipv6Agents;  ///< the same by IPv6
+    std::set<IpAddress> agents;  ///< the hosts that may ask for others
   };
 
   /// Reads the settings. `store` is a store directory; `clock` must outlive this.

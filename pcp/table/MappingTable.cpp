@@ -26,6 +26,8 @@ ResultCode codeOf(Ports::Failure failure, bool exact) {
       return exact ? ResultCode::cannotProvideExternal : ResultCode::noResources;
     case Ports::Failure::forbidden:
       return ResultCode::notAuthorized;
+    case Ports::Failure::network:
+      return ResultCode::networkFailure;
     case Ports::Failure::full:
     case Ports::Failure::gone:
     case Ports::Failure::unavailable:
@@ -42,8 +44,15 @@ void MappingTable::setExternal(std::optional<lumen::Ipv4Address> address) {
   external_ = address;
 }
 
+// Addresses of IPv6 are not translated.
+std::optional<IpAddress> MappingTable::externalOf(const IpAddress& client) const {
+  if (!client.ipv4()) return client;
+  if (!external_) return std::nullopt;
+  return IpAddress::mapped(*external_);
+}
+
 std::variant<MappingTable::Assigned, ResultCode> MappingTable::map(const Wish& wish) {
-  if (!external_) return ResultCode::networkFailure;
+  if (!externalOf(wish.client)) return ResultCode::networkFailure;
   forgetEnded(mappings_.lower_bound({wish.client, {}}),
               mappings_.upper_bound({wish.client, {UINT8_MAX, UINT16_MAX}}));
   const uint32_t lifetime =
@@ -54,13 +63,20 @@ std::variant<MappingTable::Assigned, ResultCode> MappingTable::map(const Wish& w
 
 std::variant<MappingTable::Assigned, ResultCode> MappingTable::open(const Wish& wish,
                                                                     uint32_t lifetime) {
+  Endpoint wished = {externalOf(wish.client).value(), wish.port};
+  if (wished.address == wish.client) {
+    // Nor are ports, so that no other one can be had (RFC 6887 section 11.3).
+    wished.port = wish.target.port;
+    if (wish.exact && wish.port != wished.port) return ResultCode::cannotProvideExternal;
+    if (isOwnPort(wish.target.protocol, wished.port)) return ResultCode::notAuthorized;
+  }
   if (countOf(wish.client) >= mostPerClient) return ResultCode::userExceededQuota;
   if (mappings_.size() >= most) forgetEnded(mappings_.begin(), mappings_.end());
   if (mappings_.size() >= most) return ResultCode::noResources;
   const lumen::Ipv4Networks remotes = lumen::tidyNetworks(wish.filter.networks);
   if (remotes.size() > mostRemotes) return ResultCode::excessiveRemotePeers;
   const auto opened = openPort({.protocol = wish.target.protocol,
-                                .external = {*external_, wish.port},
+                                .external = wished,
                                 .exact = wish.exact,
                                 .client = {wish.client, wish.target.port},
                                 .remotes = remotes,
@@ -70,14 +86,15 @@ std::variant<MappingTable::Assigned, ResultCode> MappingTable::open(const Wish& 
   }
   const auto& port = std::get<Ports::Open>(opened);
   const Key key = {wish.client, wish.target};
+  const Endpoint external = {wished.address, port.port};
   byId_.insert_or_assign(port.id, key);
-  ++holders_.try_emplace(port.port, Holder{wish.client}).first->second.mappings;
+  ++holders_.try_emplace(external, Holder{wish.client}).first->second.mappings;
   mappings_.insert_or_assign(key, Mapping{.nonce = wish.nonce,
                                           .id = port.id,
-                                          .port = port.port,
+                                          .external = external,
                                           .remotes = remotes,
                                           .end = clock_.now() + std::chrono::seconds(lifetime)});
-  return Assigned{{*external_, port.port}, lifetime};
+  return Assigned{external, lifetime};
 }
 
 std::variant<Ports::Open, Ports::Failure> MappingTable::openPort(Ports::Wish wish) {
@@ -102,7 +119,7 @@ std::variant<Ports::Open, Ports::Failure> MappingTable::openPort(Ports::Wish wis
 
 // What a client has for one protocol is kept for it for the other one (RFC 6886 section 3.3).
 bool MappingTable::mayHave(const Ports::Wish& wish, uint16_t port) const {
-  const auto holder = holders_.find(port);
+  const auto holder = holders_.find({wish.external.address, port});
   const bool free = holder == holders_.end() || holder->second.client == wish.client.address;
   return free && !isOwnPort(wish.protocol, port);
 }
@@ -113,7 +130,7 @@ std::variant<MappingTable::Assigned, ResultCode> MappingTable::renew(Mappings::i
   if (mapping->second.nonce != wish.nonce || mapping->second.closed) {
     return ResultCode::notAuthorized;
   }
-  if (wish.exact && wish.port != mapping->second.port) {
+  if (wish.exact && wish.port != mapping->second.external.port) {
     return ResultCode::cannotProvideExternal;
   }
   lumen::Ipv4Networks remotes = wish.filter.networks;
@@ -128,7 +145,7 @@ std::variant<MappingTable::Assigned, ResultCode> MappingTable::renew(Mappings::i
   if (failure == Ports::Failure::gone) {
     // The news of it is under way.
     Wish again = wish;
-    if (again.port == 0) again.port = mapping->second.port;
+    if (again.port == 0) again.port = mapping->second.external.port;
     again.filter = {.networks = std::move(remotes)};
     forget(mapping);
     return open(again, lifetime);
@@ -136,10 +153,10 @@ std::variant<MappingTable::Assigned, ResultCode> MappingTable::renew(Mappings::i
   if (failure) return codeOf(*failure, wish.exact);
   mapping->second.end = clock_.now() + std::chrono::seconds(lifetime);
   mapping->second.remotes = std::move(remotes);
-  return Assigned{{*external_, mapping->second.port}, lifetime};
+  return Assigned{mapping->second.external, lifetime};
 }
 
-ResultCode MappingTable::unmap(lumen::Ipv4Address client, Target target, const Nonce& nonce) {
+ResultCode MappingTable::unmap(const IpAddress& client, Target target, const Nonce& nonce) {
   const auto mapping = mappings_.find({client, target});
   if (mapping == mappings_.end()) return ResultCode::success;
   if (mapping->second.nonce != nonce) return ResultCode::notAuthorized;
@@ -148,7 +165,7 @@ ResultCode MappingTable::unmap(lumen::Ipv4Address client, Target target, const N
   return ResultCode::success;
 }
 
-ResultCode MappingTable::unmapAll(lumen::Ipv4Address client, uint8_t protocol, const Nonce& nonce) {
+ResultCode MappingTable::unmapAll(const IpAddress& client, uint8_t protocol, const Nonce& nonce) {
   ResultCode code = ResultCode::success;
   auto mapping = mappings_.lower_bound({client, {protocol, 0}});
   const auto end = mappings_.upper_bound({client, {protocol, UINT16_MAX}});
@@ -181,14 +198,14 @@ void MappingTable::clear() {
   holders_.clear();
 }
 
-std::optional<uint32_t> MappingTable::left(lumen::Ipv4Address client, Target target) const {
+std::optional<uint32_t> MappingTable::left(const IpAddress& client, Target target) const {
   const auto mapping = mappings_.find({client, target});
   if (mapping == mappings_.end()) return std::nullopt;
   const auto rest = std::chrono::ceil<std::chrono::seconds>(mapping->second.end - clock_.now());
   return static_cast<uint32_t>(std::max<int64_t>(rest.count(), 0));
 }
 
-size_t MappingTable::countOf(lumen::Ipv4Address client) const {
+size_t MappingTable::countOf(const IpAddress& client) const {
   return static_cast<size_t>(
       std::distance(mappings_.lower_bound({client, {}}),
                     mappings_.upper_bound({client, {UINT8_MAX, UINT16_MAX}})));
@@ -201,7 +218,7 @@ void MappingTable::forgetEnded(Mappings::iterator from, Mappings::iterator to) {
 
 MappingTable::Mappings::iterator MappingTable::forget(Mappings::iterator mapping) {
   byId_.erase(mapping->second.id);
-  if (const auto holder = holders_.find(mapping->second.port); --holder->second.mappings == 0) {
+  if (const auto holder = holders_.find(mapping->second.external); --holder->second.mappings == 0) {
     holders_.erase(holder);
   }
   return mappings_.erase(mapping);

@@ -9,12 +9,15 @@
 
 #include "lumen/runtime/Clock.h"
 #include "lumen/values/Ipv4.h"
+#include "lumen/values/Ipv4Networks.h"
+#include "pcp/codec/IpAddress.h"
 #include "pcp/codec/Pcp.h"
 #include "pcp/table/Ports.h"
 
 namespace pcp {
 
-/// The mappings of all clients. Each is one open port of the router.
+/// The mappings of all clients. Each is one open port: of the router, which translates it, or of an
+/// IPv6 client itself.
 class MappingTable {
  public:
   /// The shortest and the longest lifetime of a mapping in seconds (RFC 6887 section 15).
@@ -41,7 +44,7 @@ class MappingTable {
 
   struct Wish {
     Nonce nonce = {};  ///< zeros for NAT-PMP
-    lumen::Ipv4Address client{};
+    IpAddress client{};
     Target target{};
     uint16_t port = 0;   ///< external; 0: any
     bool exact = false;  ///< no other external port will do
@@ -51,7 +54,7 @@ class MappingTable {
   };
 
   struct Assigned {
-    lumen::Endpoint external;
+    Endpoint external;
     uint32_t lifetime = 0;
   };
 
@@ -60,18 +63,20 @@ class MappingTable {
   MappingTable(const MappingTable&) = delete;
   MappingTable& operator=(const MappingTable&) = delete;
 
-  /// The address at which ports are opened. With another one, or none, all mappings end.
+  /// The address at which ports of IPv4 clients are opened. With another one, or none, all mappings
+  /// end.
   void setExternal(std::optional<lumen::Ipv4Address> address);
   [[nodiscard]] std::optional<lumen::Ipv4Address> external() const { return external_; }
+  /// The address at which ports of this client are opened, an IPv6 client's own one; none for now.
+  [[nodiscard]] std::optional<IpAddress> externalOf(const IpAddress& client) const;
 
   /// Opens a port or renews its lease; keeps the external port of a mapping that exists. Never a
   /// port that another client has for the other protocol. An error changes nothing.
   [[nodiscard]] std::variant<Assigned, ResultCode> map(const Wish& wish);
   /// Ends a mapping; success also when there is none.
-  [[nodiscard]] ResultCode unmap(lumen::Ipv4Address client, Target target, const Nonce& nonce);
+  [[nodiscard]] ResultCode unmap(const IpAddress& client, Target target, const Nonce& nonce);
   /// Ends the mappings of this protocol that have this nonce. An error: others are left.
-  [[nodiscard]] ResultCode unmapAll(lumen::Ipv4Address client, uint8_t protocol,
-                                    const Nonce& nonce);
+  [[nodiscard]] ResultCode unmapAll(const IpAddress& client, uint8_t protocol, const Nonce& nonce);
 
   /// The router has closed the port.
   void ended(uint32_t id);
@@ -82,12 +87,12 @@ class MappingTable {
   void clear();
 
   /// How long the lease of a mapping will last, in seconds; none: there is no mapping.
-  [[nodiscard]] std::optional<uint32_t> left(lumen::Ipv4Address client, Target target) const;
+  [[nodiscard]] std::optional<uint32_t> left(const IpAddress& client, Target target) const;
   [[nodiscard]] size_t size() const { return mappings_.size(); }
 
  private:
   struct Key {
-    lumen::Ipv4Address client;
+    IpAddress client;
     Target target;
 
     auto operator<=>(const Key&) const = default;
@@ -96,7 +101,7 @@ class MappingTable {
   struct Mapping {
     Nonce nonce;
     uint32_t id = 0;  // of the port
-    uint16_t port = 0;
+    Endpoint external;
     lumen::Ipv4Networks remotes;
     lm::Clock::Time end;
     bool closed = false;  // by the administrator
@@ -106,7 +111,7 @@ class MappingTable {
 
   /// The client that has an external port, for one protocol or both.
   struct Holder {
-    lumen::Ipv4Address client;
+    IpAddress client;
     unsigned mappings = 0;
   };
 
@@ -115,7 +120,7 @@ class MappingTable {
   [[nodiscard]] bool mayHave(const Ports::Wish& wish, uint16_t port) const;
   [[nodiscard]] std::variant<Assigned, ResultCode> renew(Mappings::iterator mapping,
                                                          const Wish& wish, uint32_t lifetime);
-  [[nodiscard]] size_t countOf(lumen::Ipv4Address client) const;
+  [[nodiscard]] size_t countOf(const IpAddress& client) const;
   void forgetEnded(Mappings::iterator from, Mappings::iterator to);
   Mappings::iterator forget(Mappings::iterator mapping);
 
@@ -124,7 +129,7 @@ class MappingTable {
   std::optional<lumen::Ipv4Address> external_;
   Mappings mappings_;
   std::map<uint32_t, Key> byId_;
-  std::map<uint16_t, Holder> holders_;
+  std::map<Endpoint, Holder> holders_;
 };
 
 }  // namespace pcp

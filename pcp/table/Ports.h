@@ -1,22 +1,32 @@
 #pragma once
 
+#include <compare>
 #include <cstdint>
 #include <optional>
 #include <variant>
 
-#include "lumen/values/Ipv4.h"
 #include "lumen/values/Ipv4Networks.h"
+#include "pcp/codec/IpAddress.h"
 
 namespace pcp {
 
-/// The ports that the router forwards. A port is open for as long as its lease lasts.
+/// A port of an address.
+struct Endpoint {
+  IpAddress address{};
+  uint16_t port = 0;
+
+  auto operator<=>(const Endpoint&) const = default;
+};
+
+/// The ports that the router lets the Internet reach: for IPv4 it forwards them, for IPv6 they are
+/// pinholes of its firewall. A port is open for as long as its lease lasts.
 class Ports {
  public:
   struct Wish {
     uint8_t protocol = 0;  ///< IPPROTO_TCP or IPPROTO_UDP
-    lumen::Endpoint external{};
-    bool exact = false;  ///< no other external port will do
-    lumen::Endpoint client{};
+    Endpoint external{};   ///< the client itself for a pinhole
+    bool exact = false;    ///< no other external port will do
+    Endpoint client{};
     lumen::Ipv4Networks remotes{};  ///< from where packets pass; none: anywhere
     uint32_t lifetime = 0;          ///< in seconds, not 0
   };
@@ -28,9 +38,10 @@ class Ports {
 
   enum class Failure {
     conflict,   ///< that port is taken or no client's, or none is free
-    forbidden,  ///< to this client, or to us
+    forbidden,  ///< to this client, at this port, or to us
     full,
     gone,         ///< the port is no longer open
+    network,      ///< the router does not forward
     unavailable,  ///< the router did not answer
   };
 

@@ -59,8 +59,9 @@ struct Responder::Carried {
   [[nodiscard]] static Carried failed(ResultCode code) { return {code, errorLifetime(code)}; }
 };
 
-Responder::Answer Responder::answer(std::span<const uint8_t> datagram, lumen::Ipv4Address source) {
-  if (datagram.empty() || datagram[0] != natpmp::version) return answerPcp(datagram, source);
+Responder::Answer Responder::answer(std::span<const uint8_t> datagram, const IpAddress& source) {
+  const bool natPmp = !datagram.empty() && datagram[0] == natpmp::version && source.ipv4();
+  if (!natPmp) return answerPcp(datagram, source);
   const auto request = natpmp::parseRequest(datagram);
   if (!request) return std::nullopt;
   if (const auto* address = std::get_if<natpmp::AddressRequest>(&*request)) {
@@ -79,8 +80,7 @@ natpmp::AddressResponse Responder::answer(const natpmp::AddressRequest& /*reques
           .address = external.value_or(lumen::Ipv4Address())};
 }
 
-natpmp::MapResponse Responder::answer(const natpmp::MapRequest& request,
-                                      lumen::Ipv4Address source) {
+natpmp::MapResponse Responder::answer(const natpmp::MapRequest& request, const IpAddress& source) {
   natpmp::MapResponse response = {.protocol = request.protocol,
                                   .epoch = epoch_.seconds(),
                                   .internalPort = request.internalPort};
@@ -113,8 +113,7 @@ natpmp::MapResponse Responder::answer(const natpmp::MapRequest& request,
   return response;
 }
 
-Responder::Answer Responder::answerPcp(std::span<const uint8_t> datagram,
-                                       lumen::Ipv4Address source) {
+Responder::Answer Responder::answerPcp(std::span<const uint8_t> datagram, const IpAddress& source) {
   const auto parsed = parseRequest(datagram);
   if (!parsed) return std::nullopt;
   const auto* request = std::get_if<Request>(&*parsed);
@@ -126,20 +125,24 @@ Responder::Answer Responder::answerPcp(std::span<const uint8_t> datagram,
   return writeSuccess(*request, carried.assigned, carried.lifetime, epoch_.seconds());
 }
 
-Responder::Carried Responder::carryOut(const Request& request, lumen::Ipv4Address source) {
-  if (request.client != IpAddress::mapped(source)) {
-    return Carried::failed(ResultCode::addressMismatch);
-  }
+Responder::Carried Responder::carryOut(const Request& request, const IpAddress& source) {
+  if (request.client != source) return Carried::failed(ResultCode::addressMismatch);
   if (!request.map) return {};
+  // No pinhole is for one remote host alone.
+  if (!source.ipv4() && !request.filters.empty()) {
+    return Carried::failed(ResultCode::unsupportedOption);
+  }
   if (!request.thirdParty) return map(request, source);
   if (!agents_.contains(source)) return Carried::failed(ResultCode::unsupportedOption);
-  const auto client = request.thirdParty->ipv4();
+  const IpAddress& client = *request.thirdParty;
   // RFC 6887 section 13.1: it is for others.
-  if (!client || *client == source) return Carried::failed(ResultCode::malformedRequest);
-  return map(request, *client);
+  if (client == source || client.ipv4().has_value() != source.ipv4().has_value()) {
+    return Carried::failed(ResultCode::malformedRequest);
+  }
+  return map(request, client);
 }
 
-Responder::Carried Responder::map(const Request& request, lumen::Ipv4Address client) {
+Responder::Carried Responder::map(const Request& request, const IpAddress& client) {
   const MapData& wished = *request.map;
   if (!hasPorts(wished.protocol) || wished.internalPort == 0) {
     // A mapping that cannot be has ended.
@@ -162,9 +165,9 @@ Responder::Carried Responder::map(const Request& request, lumen::Ipv4Address cli
   }
   const auto filter = filterOf(request.filters);
   if (!filter) return Carried::failed(ResultCode::excessiveRemotePeers);
-  const auto external = table_.external();
+  const auto external = table_.externalOf(client);
   if (request.preferFailure && external && !wished.externalAddress.isUnspecified() &&
-      wished.externalAddress != IpAddress::mapped(*external)) {
+      wished.externalAddress != *external) {
     return Carried::failed(ResultCode::cannotProvideExternal);
   }
   const auto mapped = table_.map({.nonce = wished.nonce,
@@ -178,7 +181,7 @@ Responder::Carried Responder::map(const Request& request, lumen::Ipv4Address cli
   const auto& assigned = std::get<MappingTable::Assigned>(mapped);
   Carried carried = {.lifetime = assigned.lifetime, .assigned = wished};
   carried.assigned.externalPort = assigned.external.port;
-  carried.assigned.externalAddress = IpAddress::mapped(assigned.external.address);
+  carried.assigned.externalAddress = assigned.external.address;
   return carried;
 }
 

@@ -6,7 +6,7 @@
 #include <span>
 #include <vector>
 
-#include "lumen/values/Ipv4.h"
+#include "pcp/codec/IpAddress.h"
 #include "pcp/codec/NatPmp.h"
 #include "pcp/codec/Pcp.h"
 #include "pcp/table/Epoch.h"
@@ -14,17 +14,18 @@
 
 namespace pcp {
 
-/// Answers the requests of hosts on the LAN in the language that they speak.
+/// Answers the requests of hosts on the LAN in the language that they speak. NAT-PMP does not exist
+/// for IPv6.
 class Responder {
  public:
   using Answer = std::optional<std::vector<uint8_t>>;
 
   /// All must outlive this. `agents` are the hosts that may ask for others (THIRD_PARTY).
-  Responder(MappingTable& table, const Epoch& epoch, const std::set<lumen::Ipv4Address>& agents)
+  Responder(MappingTable& table, const Epoch& epoch, const std::set<IpAddress>& agents)
       : table_(table), epoch_(epoch), agents_(agents) {}
 
   /// The answer to what `source` sent; none: it gets none.
-  [[nodiscard]] Answer answer(std::span<const uint8_t> datagram, lumen::Ipv4Address source);
+  [[nodiscard]] Answer answer(std::span<const uint8_t> datagram, const IpAddress& source);
 
   /// The announcement of NAT-PMP: the external address, or that there is none.
   [[nodiscard]] std::vector<uint8_t> natPmpAnnouncement() const;
@@ -36,14 +37,14 @@ class Responder {
 
   [[nodiscard]] natpmp::AddressResponse answer(const natpmp::AddressRequest& request) const;
   [[nodiscard]] natpmp::MapResponse answer(const natpmp::MapRequest& request,
-                                           lumen::Ipv4Address source);
-  [[nodiscard]] Answer answerPcp(std::span<const uint8_t> datagram, lumen::Ipv4Address source);
-  [[nodiscard]] Carried carryOut(const Request& request, lumen::Ipv4Address source);
-  [[nodiscard]] Carried map(const Request& request, lumen::Ipv4Address client);
+                                           const IpAddress& source);
+  [[nodiscard]] Answer answerPcp(std::span<const uint8_t> datagram, const IpAddress& source);
+  [[nodiscard]] Carried carryOut(const Request& request, const IpAddress& source);
+  [[nodiscard]] Carried map(const Request& request, const IpAddress& client);
 
   MappingTable& table_;
   const Epoch& epoch_;
-  const std::set<lumen::Ipv4Address>& agents_;
+  const std::set<IpAddress>& agents_;
 };
 
 }  // namespace pcp

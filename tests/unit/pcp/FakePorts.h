@@ -11,7 +11,7 @@
 namespace pcp::test {
 
 /// A router whose ports a test can look at. A wish that is taken gets the next free port, and a
-/// wish for any the first free one from 50000 on.
+/// wish for any the first free one from 50000 on. Each client of IPv6 has ports of its own.
 class FakePorts : public Ports {
  public:
   std::variant<Open, Failure> add(const Wish& wish) override {
@@ -19,7 +19,7 @@ class FakePorts : public Ports {
     if (refusesNext) return *std::exchange(refusesNext, std::nullopt);
     Wish rule = wish;
     if (rule.external.port == 0) rule.external.port = 50000;
-    while (isOpen(rule.protocol, rule.external.port)) {
+    while (isOpen(rule.protocol, rule.external)) {
       if (wish.exact) return Failure::conflict;
       ++rule.external.port;
     }
@@ -39,9 +39,9 @@ class FakePorts : public Ports {
 
   void remove(uint32_t id) override { rules.erase(id); }
 
-  [[nodiscard]] bool isOpen(uint8_t protocol, uint16_t port) const {
+  [[nodiscard]] bool isOpen(uint8_t protocol, const Endpoint& external) const {
     for (const auto& [id, rule] : rules) {
-      if (rule.protocol == protocol && rule.external.port == port) return true;
+      if (rule.protocol == protocol && rule.external == external) return true;
     }
     return false;
   }

@@ -12,8 +12,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr lumen::Ipv4Address lanHost = {192, 168, 88, 10};
-constexpr lumen::Ipv4Address otherHost = {192, 168, 88, 11};
+constexpr IpAddress lanHost = IpAddress::mapped({192, 168, 88, 10});
+constexpr IpAddress otherHost = IpAddress::mapped({192, 168, 88, 11});
 constexpr lumen::Ipv4Address outside = {45, 45, 45, 2};
 constexpr lumen::Ipv4Address newOutside = {46, 46, 46, 2};
 constexpr Nonce nonce = {1, 2, 3};
@@ -55,6 +55,10 @@ class MappingTableTest : public testing::Test {
     return ports.rules.begin()->second;
   }
 
+  bool isOpen(uint8_t protocol, uint16_t port) const {
+    return ports.isOpen(protocol, {IpAddress::mapped(outside), port});
+  }
+
   test::FakePorts ports;
   lm::test::ManualClock clock;
   MappingTable table{ports, clock};
@@ -62,12 +66,12 @@ class MappingTableTest : public testing::Test {
 
 TEST_F(MappingTableTest, AMappingIsAnOpenPort) {
   const MappingTable::Assigned assigned = mapped(wish(80, 8080));
-  EXPECT_EQ(assigned.external, (lumen::Endpoint{outside, 8080}));
+  EXPECT_EQ(assigned.external, (Endpoint{IpAddress::mapped(outside), 8080}));
   EXPECT_EQ(assigned.lifetime, 3600U);
   EXPECT_EQ(rule().protocol, IPPROTO_TCP);
-  EXPECT_EQ(rule().external, (lumen::Endpoint{outside, 8080}));
+  EXPECT_EQ(rule().external, (Endpoint{IpAddress::mapped(outside), 8080}));
   EXPECT_FALSE(rule().exact);
-  EXPECT_EQ(rule().client, (lumen::Endpoint{lanHost, 80}));
+  EXPECT_EQ(rule().client, (Endpoint{lanHost, 80}));
   EXPECT_EQ(rule().remotes, Networks{});
   EXPECT_EQ(rule().lifetime, 3600U);
   EXPECT_EQ(table.size(), 1U);
@@ -119,7 +123,7 @@ TEST_F(MappingTableTest, APortThatTheRouterChoseIsNoCompanionOfAnother) {
   EXPECT_EQ(mapped(udp).external.port, 50002);
   // Those that did not fit are free again.
   EXPECT_EQ(ports.rules.size(), 3U);
-  EXPECT_FALSE(ports.isOpen(IPPROTO_UDP, 50000) || ports.isOpen(IPPROTO_UDP, 50001));
+  EXPECT_FALSE(isOpen(IPPROTO_UDP, 50000) || isOpen(IPPROTO_UDP, 50001));
 }
 
 TEST_F(MappingTableTest, ARouterThatHasOnlyUnfitPortsRefusesAndKeepsNone) {
@@ -214,8 +218,8 @@ TEST_F(MappingTableTest, AllOfAProtocolEndForOneClientOnly) {
   mapped(other);
   EXPECT_EQ(table.unmapAll(lanHost, IPPROTO_TCP, nonce), ResultCode::success);
   EXPECT_EQ(table.size(), 2U);
-  EXPECT_FALSE(ports.isOpen(IPPROTO_TCP, 1001) || ports.isOpen(IPPROTO_TCP, 1002));
-  EXPECT_TRUE(ports.isOpen(IPPROTO_UDP, 1003) && ports.isOpen(IPPROTO_TCP, 1004));
+  EXPECT_FALSE(isOpen(IPPROTO_TCP, 1001) || isOpen(IPPROTO_TCP, 1002));
+  EXPECT_TRUE(isOpen(IPPROTO_UDP, 1003) && isOpen(IPPROTO_TCP, 1004));
 }
 
 TEST_F(MappingTableTest, WhatTheRouterClosedIsForgotten) {
@@ -250,7 +254,7 @@ TEST_F(MappingTableTest, ARenewalThatComesTooLateOpensThePortAgain) {
   mapped(wish(80, 8080));
   ports.rules.clear();
   EXPECT_EQ(mapped(wish(80, 0)).external.port, 8080);
-  EXPECT_EQ(rule().client, (lumen::Endpoint{lanHost, 80}));
+  EXPECT_EQ(rule().client, (Endpoint{lanHost, 80}));
   EXPECT_EQ(table.size(), 1U);
 }
 
@@ -281,7 +285,7 @@ TEST_F(MappingTableTest, LostNewsOfAnEndKeepsNoPlace) {
 TEST_F(MappingTableTest, TheWholeTableIsBounded) {
   MappingTable::Wish one = wish(1, 0, 120);
   for (uint32_t i = 0; i < MappingTable::most; ++i) {
-    one.client = lumen::Ipv4Address::fromNumber(0x0a000000 + i / 64);
+    one.client = IpAddress::mapped(lumen::Ipv4Address::fromNumber(0x0a000000 + i / 64));
     one.target.port = static_cast<uint16_t>(1 + i % 64);
     one.target.protocol = IPPROTO_TCP;
     one.port = static_cast<uint16_t>(20000 + i);
@@ -306,7 +310,7 @@ TEST_F(MappingTableTest, AnotherExternalAddressEndsAllMappings) {
   table.setExternal(newOutside);
   EXPECT_EQ(table.size(), 0U);
   EXPECT_TRUE(ports.rules.empty());
-  EXPECT_EQ(mapped(wish(80, 8080)).external.address, newOutside);
+  EXPECT_EQ(mapped(wish(80, 8080)).external.address, IpAddress::mapped(newOutside));
 }
 
 TEST_F(MappingTableTest, EachFailureOfTheRouterHasItsCode) {

@@ -4,9 +4,9 @@
 #include <set>
 #include <string>
 
-#include "pcp/FakePinholes.h"
+#include "pcp/FakePorts.h"
 #include "pcp/Hex.h"
-#include "pcp/table/PinholeResponder.h"
+#include "pcp/table/Responder.h"
 #include "support/ManualClock.h"
 
 namespace pcp {
@@ -16,7 +16,7 @@ using namespace std::chrono_literals;
 using test::bytes;
 using test::hex;
 
-lumen::Ipv6Address ip6(const std::string& text) { return lumen::Ipv6Address::parse(text).value(); }
+IpAddress ip6(const std::string& text) { return IpAddress::parse(text).value(); }
 
 /// MAP for an hour, as 2001:db8:1::10 sends it.
 const std::string address = "20010db8 00010000 00000000 00000010 ";
@@ -29,6 +29,7 @@ const std::string tcp80as8080 = "06 000000 0050 1f90 ";
 const std::string anyAddress = "00000000 00000000 00000000 00000000 ";
 const std::string preferFailure = "02 00 0000 ";
 
+/// The answers to IPv6 hosts.
 class PinholeResponderTest : public testing::Test {
  protected:
   /// The whole answer.
@@ -45,13 +46,13 @@ class PinholeResponderTest : public testing::Test {
     return std::to_string((*answer)[3]) + " for " + std::to_string(lifetime);
   }
 
-  lumen::Ipv6Address source = ip6("2001:db8:1::10");
-  test::FakePinholes pinholes;
+  IpAddress source = ip6("2001:db8:1::10");
+  test::FakePorts ports;
   lm::test::ManualClock clock;
-  PinholeTable table{pinholes, clock};
+  MappingTable table{ports, clock};
   Epoch epoch{clock};
-  std::set<lumen::Ipv6Address> agents;
-  PinholeResponder responder{table, epoch, agents};
+  std::set<IpAddress> agents;
+  Responder responder{table, epoch, agents};
 };
 
 // Promise [pinhole-map]: A host on the LAN opens a port to itself by PCP over IPv6: its external
@@ -65,17 +66,17 @@ TEST_F(PinholeResponderTest, MapsAHostsOwnAddressAndPort) {
       "20010db8 00010000 00000000 00000010";                    // the external address
   EXPECT_EQ(ask(header + nonce + tcp80 + anyAddress), success);
   EXPECT_EQ(ask(header + nonce + tcp80as8080 + other), success) << "a hint that does no harm";
-  ASSERT_EQ(pinholes.open.size(), 1U);
-  EXPECT_EQ(pinholes.open[1].host, source);
-  EXPECT_EQ(pinholes.open[1].protocol, IPPROTO_TCP);
-  EXPECT_EQ(pinholes.open[1].port, 80);
+  ASSERT_EQ(ports.rules.size(), 1U);
+  EXPECT_EQ(ports.rules[1].client, (Endpoint{source, 80}));
+  EXPECT_EQ(ports.rules[1].external, (Endpoint{source, 80}));
+  EXPECT_EQ(ports.rules[1].protocol, IPPROTO_TCP);
 }
 
 TEST_F(PinholeResponderTest, EndsAMapping) {
   (void)ask(header + nonce + tcp80 + anyAddress);
   const std::string end = "02 01 0000 00000000 " + address + nonce + tcp80 + anyAddress;
   EXPECT_EQ(outcome(end), "0 for 0");
-  EXPECT_TRUE(pinholes.open.empty());
+  EXPECT_TRUE(ports.rules.empty());
   EXPECT_EQ(outcome(end), "0 for 0");
 }
 
@@ -101,12 +102,12 @@ TEST_F(PinholeResponderTest, OnlyAgentsAskForOthers) {
   const std::string request = header + nonce + tcp80 + anyAddress + thirdParty;
   EXPECT_EQ(outcome(request + other), "5 for 1800");
   agents = {ip6("2001:db8:1::99")};
-  EXPECT_EQ(outcome(request + other), "2 for 1800");
+  EXPECT_EQ(outcome(request + other), "5 for 1800") << "RFC 6887 section 13.1";
   agents = {source};
   EXPECT_EQ(outcome(request + address), "3 for 1800") << "it is for others";
   EXPECT_EQ(outcome(request + "00000000 00000000 0000ffff c0a8580a "), "3 for 1800");
   EXPECT_EQ(outcome(request + other), "0 for 3600");
-  EXPECT_EQ(pinholes.open[1].host, ip6("2001:db8:1::11"));
+  EXPECT_EQ(ports.rules[1].client.address, ip6("2001:db8:1::11"));
 }
 
 TEST_F(PinholeResponderTest, RefusesWhatAPinholeCannotBe) {
@@ -118,10 +119,13 @@ TEST_F(PinholeResponderTest, RefusesWhatAPinholeCannotBe) {
   EXPECT_EQ(outcome(header + nonce + "00 000000 0000 0000 " + anyAddress), "9 for 1800");
   EXPECT_EQ(outcome(header + nonce + "06 000000 0000 0000 " + anyAddress), "9 for 1800");
   EXPECT_EQ(outcome(header + nonce + "84 000000 0050 0000 " + anyAddress), "9 for 1800");
+  // It cannot be, so it has ended (RFC 6887 section 15.1).
+  EXPECT_EQ(outcome("02 01 0000 00000000 " + address + nonce + "84 000000 0050 0000 " + anyAddress),
+            "0 for 0");
   // PCP's own ports, UDP 5350 and 5351.
   EXPECT_EQ(outcome(header + nonce + "11 000000 14e6 0000 " + anyAddress), "2 for 1800");
   EXPECT_EQ(outcome(header + nonce + "11 000000 14e7 0000 " + anyAddress), "2 for 1800");
-  EXPECT_TRUE(pinholes.open.empty());
+  EXPECT_TRUE(ports.rules.empty());
 }
 
 TEST_F(PinholeResponderTest, KnowsNoNatPmp) {
@@ -132,7 +136,7 @@ TEST_F(PinholeResponderTest, KnowsNoNatPmp) {
 
 // Also proves [pinhole-forwarding].
 TEST_F(PinholeResponderTest, SaysForAShortTimeThatTheRouterDoesNotForward) {
-  pinholes.failure = Pinholes::Failure::network;
+  ports.failure = Ports::Failure::network;
   EXPECT_EQ(outcome(header + nonce + tcp80 + anyAddress), "7 for 30");
 }
 
@@ -144,7 +148,8 @@ TEST_F(PinholeResponderTest, AnotherNonceIsRefusedUntilTheMappingEnds) {
 
 TEST_F(PinholeResponderTest, AnnouncesTheEpoch) {
   clock.advance(5s);
-  EXPECT_EQ(hex(responder.announcement()), "02800000 00000000 00000005 00000000 00000000 00000000");
+  EXPECT_EQ(hex(responder.pcpAnnouncement()),
+            "02800000 00000000 00000005 00000000 00000000 00000000");
 }
 
 }  // namespace

@@ -15,8 +15,8 @@ using namespace std::chrono_literals;
 using test::bytes;
 using test::hex;
 
-constexpr lumen::Ipv4Address lanHost = {192, 168, 88, 10};
-constexpr lumen::Ipv4Address otherHost = {192, 168, 88, 11};
+constexpr IpAddress lanHost = IpAddress::mapped({192, 168, 88, 10});
+constexpr IpAddress otherHost = IpAddress::mapped({192, 168, 88, 11});
 constexpr lumen::Ipv4Address outside = {45, 45, 45, 2};
 
 /// MAP of TCP port 80 to 8080 for an hour with THE nonce, as 192.168.88.10 sends it.
@@ -30,12 +30,12 @@ class ResponderTest : public testing::Test {
  protected:
   ResponderTest() { table.setExternal(outside); }
 
-  std::string ask(const std::string& request, lumen::Ipv4Address source = lanHost) {
+  std::string ask(const std::string& request, const IpAddress& source = lanHost) {
     const auto answer = responder.answer(bytes(request), source);
     return answer ? hex(*answer) : "nothing";
   }
   /// The result code and the lifetime of a PCP answer.
-  std::string outcome(const std::string& request, lumen::Ipv4Address source = lanHost) {
+  std::string outcome(const std::string& request, const IpAddress& source = lanHost) {
     const auto answer = responder.answer(bytes(request), source);
     if (!answer || answer->size() < 24) return "nothing";
     const uint32_t lifetime = uint32_t{(*answer)[4]} << 24 | uint32_t{(*answer)[5]} << 16 |
@@ -43,11 +43,15 @@ class ResponderTest : public testing::Test {
     return std::to_string((*answer)[3]) + " for " + std::to_string(lifetime);
   }
 
+  bool isOpen(uint8_t protocol, uint16_t port) const {
+    return ports.isOpen(protocol, {IpAddress::mapped(outside), port});
+  }
+
   test::FakePorts ports;
   lm::test::ManualClock clock;
   MappingTable table{ports, clock};
   Epoch epoch{clock};
-  std::set<lumen::Ipv4Address> agents;
+  std::set<IpAddress> agents;
   Responder responder{table, epoch, agents};
 };
 
@@ -61,7 +65,7 @@ TEST_F(ResponderTest, NatPmpTellsTheExternalAddressAndTheEpoch) {
 TEST_F(ResponderTest, NatPmpMapsRenewsAndEnds) {
   // TCP 80 to 8080 for 7200 seconds.
   EXPECT_EQ(ask("00 02 0000 0050 1f90 00001c20"), "00820000 00000000 00501f90 00001c20");
-  EXPECT_TRUE(ports.isOpen(IPPROTO_TCP, 8080));
+  EXPECT_TRUE(isOpen(IPPROTO_TCP, 8080));
   // Another host gets another port.
   EXPECT_EQ(ask("00 02 0000 0050 1f90 00001c20", otherHost), "00820000 00000000 0050c350 00001c20");
   // UDP ports are others.
@@ -70,7 +74,7 @@ TEST_F(ResponderTest, NatPmpMapsRenewsAndEnds) {
   EXPECT_EQ(ask("00 02 0000 0050 0000 00000e10"), "00820000 00000000 00501f90 00000e10");
   // Ended: no external port, no lifetime (RFC 6886 section 3.4).
   EXPECT_EQ(ask("00 02 0000 0050 0000 00000000"), "00820000 00000000 00500000 00000000");
-  EXPECT_FALSE(ports.isOpen(IPPROTO_TCP, 8080));
+  EXPECT_FALSE(isOpen(IPPROTO_TCP, 8080));
   EXPECT_EQ(table.size(), 2U);
 }
 
@@ -80,7 +84,7 @@ TEST_F(ResponderTest, NatPmpEndsAllOfAProtocol) {
   (void)ask("00 01 0000 0051 1f91 00001c20");
   EXPECT_EQ(ask("00 02 0000 0000 0000 00000000"), "00820000 00000000 00000000 00000000");
   EXPECT_EQ(table.size(), 1U);
-  EXPECT_TRUE(ports.isOpen(IPPROTO_UDP, 8081));
+  EXPECT_TRUE(isOpen(IPPROTO_UDP, 8081));
 }
 
 // Promise [natpmp-end-all]: A host that ends all its ports by NAT-PMP keeps those with a nonce of
@@ -90,7 +94,7 @@ TEST_F(ResponderTest, NatPmpEndsAllThatItCanAndSaysThatSomeAreLeft) {
   (void)ask("00 02 0000 0051 1f91 00001c20");
   EXPECT_EQ(ask("00 02 0000 0000 0000 00000000"), "00820002 00000000 00000000 00000000");
   EXPECT_EQ(table.size(), 1U);
-  EXPECT_TRUE(ports.isOpen(IPPROTO_TCP, 8080));
+  EXPECT_TRUE(isOpen(IPPROTO_TCP, 8080));
 }
 
 // RFC 6886 section 3.4: the wished port of an end is ignored, also when all end.
@@ -131,7 +135,7 @@ TEST_F(ResponderTest, PcpMapsRenewsAndEnds) {
   EXPECT_EQ(ask(map),
             "02810000 00000e10 00000000 00000000 00000000 00000000 "
             "0a0b0c0d 0e0f1011 12131415 06000000 00501f90 00000000 00000000 0000ffff 2d2d2d02");
-  EXPECT_TRUE(ports.isOpen(IPPROTO_TCP, 8080));
+  EXPECT_TRUE(isOpen(IPPROTO_TCP, 8080));
   EXPECT_EQ(outcome(map), "0 for 3600");
   EXPECT_EQ(table.size(), 1U);
   // Ended: the wishes come back.
@@ -246,7 +250,7 @@ TEST_F(ResponderTest, OnlyAgentsAskForOthers) {
   EXPECT_TRUE(ports.rules.empty());
   agents = {lanHost};
   EXPECT_EQ(outcome(forOther), "0 for 3600");
-  EXPECT_EQ(ports.rules.begin()->second.client, (lumen::Endpoint{otherHost, 80}));
+  EXPECT_EQ(ports.rules.begin()->second.client, (Endpoint{otherHost, 80}));
   // For itself it does not need the option.
   EXPECT_EQ(outcome(map + "01 00 0010 00000000 00000000 0000ffff c0a8580a"), "3 for 1800");
   EXPECT_EQ(outcome(map + "01 00 0010 20010db8 00000000 00000000 00000001"), "3 for 1800");
