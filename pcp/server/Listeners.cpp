@@ -22,20 +22,17 @@ void Listeners::listenAt(std::vector<Place> places) {
 void Listeners::update() {
   retry_.stop();
   std::erase_if(sockets_, [this](const auto& entry) {
-    return std::none_of(wanted_.begin(), wanted_.end(), [&](const Place& place) {
-      return Link{place.interface, place.index} == entry.first;
-    });
+    return std::ranges::find(wanted_, entry.first, &Place::link) == wanted_.end();
   });
   std::string problem;
   for (const Place& place : wanted_) {
-    const Link link{place.interface, place.index};
-    if (const auto it = sockets_.find(link); it != sockets_.end()) {
-      it->second->setAddresses(place.addresses);
+    if (const auto it = sockets_.find(place.link); it != sockets_.end()) {
+      it->second->setPlace(place);
       continue;
     }
-    auto socket = std::make_unique<LanSocket>(place, site_);
+    auto socket = std::make_unique<LanSocket>(family_, place, site_);
     if (const auto opened = socket->open()) {
-      sockets_.emplace(link, std::move(socket));
+      sockets_.emplace(place.link, std::move(socket));
     } else if (problem.empty()) {
       problem = opened.why();
     }

@@ -15,11 +15,11 @@
 
 namespace pcp {
 
-/// The sockets of all internal interfaces.
+/// The sockets of all internal interfaces, for one version of IP.
 class Listeners {
  public:
   /// `site` must outlive this.
-  explicit Listeners(LanSocket::Site& site) : site_(site) {}
+  Listeners(LanSocket::Family family, LanSocket::Site& site) : family_(family), site_(site) {}
   Listeners(const Listeners&) = delete;
   Listeners& operator=(const Listeners&) = delete;
 
@@ -37,6 +37,7 @@ class Listeners {
  private:
   void update();
 
+  LanSocket::Family family_;
   LanSocket::Site& site_;
   std::vector<Place> wanted_;
   std::map<Link, std::unique_ptr<LanSocket>> sockets_;

@@ -92,13 +92,9 @@ std::optional<std::vector<Record>> tableOf(lm::Handler& handler, const std::vect
 Service::Service(std::string store, const lm::Clock& clock)
     : store_(std::move(store), settingsRecord + 1),
       ports_(*this),
-      table_(ports_, clock),
-      epoch_(clock),
-      responder_(table_, epoch_, settings_.agents),
-      limit_(clock),
-      announcements_(clock),
-      listeners_(*this),
-      ipv6_(*this, settings_.agents, clock) {
+      pinholes_(*this),
+      ipv4_(LanSocket::Family::ipv4, ports_, settings_.agents, clock),
+      ipv6_(LanSocket::Family::ipv6, pinholes_, settings_.agents, clock) {
   if (const auto saved = store_.get(settingsRecord)) (void)take(*saved, settings_);
 }
 
@@ -115,8 +111,7 @@ void Service::init() {
 
 void Service::start() {
   if (std::exchange(started_, true)) return;
-  epoch_.restart();
-  announcements_.begin();
+  ipv4_.start();
   ipv6_.start();
   for (const Topic& topic : topics()) subscribe(topic.command, topic.path);
   readSides();
@@ -126,24 +121,22 @@ void Service::stop() {
   if (!std::exchange(started_, false)) return;
   for (const Topic& topic : topics()) unsubscribe(topic.command, topic.path);
   change_.stop();
-  announce_.stop();
-  announcements_.stop();
-  listeners_.listenAt({});
-  table_.setExternal(std::nullopt);
+  ipv4_.stop();
   ipv6_.stop();
 }
 
 lm::message Service::cmdGet(const lm::message& /*request*/) {
   lm::message reply = written(settings_);
-  std::set<std::string> names = listeners_.served();
-  names.merge(ipv6_.served());
+  std::set<std::string> names = ipv4_.listeners().served();
+  names.merge(ipv6_.listeners().served());
   std::string served;
   for (const std::string& name : names) served += (served.empty() ? "" : " ") + name;
   reply.insert_string(lm::pcp::key::served, served);
-  const std::string& problem = listeners_.problem();
-  reply.insert_string(lm::pcp::key::problem, problem.empty() ? ipv6_.problem() : problem);
-  reply.insert_u32(lm::pcp::key::mappings, static_cast<uint32_t>(table_.size()));
-  reply.insert_u32(lm::pcp::key::pinholes, static_cast<uint32_t>(ipv6_.mappings()));
+  const std::string& problem = ipv4_.listeners().problem();
+  reply.insert_string(lm::pcp::key::problem,
+                      problem.empty() ? ipv6_.listeners().problem() : problem);
+  reply.insert_u32(lm::pcp::key::mappings, static_cast<uint32_t>(ipv4_.table().size()));
+  reply.insert_u32(lm::pcp::key::pinholes, static_cast<uint32_t>(ipv6_.table().size()));
   return reply;
 }
 
@@ -168,7 +161,8 @@ lm::message Service::cmdUnknown(const lm::message& request, uint32_t command) {
   if (!started_) return {};
   if (request.get_u32_array_ref(lm::key::source) == lm::pinholes::path()) {
     for (const lm::message& news : request.get_message_array_ref(lm::key::records)) {
-      ipv6_.notified(news);
+      if (news.get_u32(lm::key::removed) == 0) continue;
+      ipv6_.table().ended(lm::pinholes::readRecord(news).id);
     }
     return {};
   }
@@ -181,9 +175,9 @@ lm::message Service::cmdUnknown(const lm::message& request, uint32_t command) {
   for (const lm::message& news : request.get_message_array_ref(lm::key::records)) {
     const lm::nat::Record record = lm::nat::readRecord(news);
     if (news.get_u32(lm::key::removed) != 0) {
-      table_.ended(record.id);
+      ipv4_.table().ended(record.id);
     } else {
-      table_.setClosed(record.id, record.closed);
+      ipv4_.table().setClosed(record.id, record.closed);
     }
   }
   return {};
@@ -196,34 +190,9 @@ void Service::readSides() {
     change_.start<&Service::readSides>(*this, lumen::timerDelay(retryPeriod));
     return;
   }
-  Sides sides = sidesOf(*interfaces, *addresses, table_.external());
-  listeners_.listenAt(std::move(sides.internal));
-  ipv6_.listenAt(std::move(sides.links));
-  if (sides.external != table_.external()) {
-    // RFC 6887 section 8.5: with another address, or none, all mappings are lost.
-    epoch_.restart();
-    table_.setExternal(sides.external);
-    announcements_.begin();
-  }
-  announceDue();
-}
-
-void Service::announceDue() {
-  if (announcements_.take()) {
-    listeners_.announce(responder_.natPmpAnnouncement());
-    listeners_.announce(responder_.pcpAnnouncement());
-  }
-  announce_.stop();
-  if (const auto wait = announcements_.untilNext()) {
-    announce_.start<&Service::announceDue>(*this, lumen::timerDelay(*wait));
-  }
-}
-
-std::optional<std::vector<uint8_t>> Service::answer(std::span<const uint8_t> datagram,
-                                                    lumen::Ipv4Address source) {
-  const IpAddress host = IpAddress::mapped(source);
-  if (!limit_.admits(host)) return std::nullopt;
-  return responder_.answer(datagram, host);
+  Sides sides = sidesOf(*interfaces, *addresses, ipv4_.table().external());
+  ipv4_.serveAt(std::move(sides.ipv4), sides.external);
+  ipv6_.serveAt(std::move(sides.ipv6));
 }
 
 }  // namespace pcp

@@ -1,24 +1,14 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <set>
-#include <span>
 #include <string>
-#include <vector>
 
 #include "lumen/runtime/Clock.h"
-#include "lumen/values/Ipv4.h"
 #include "pcp/codec/IpAddress.h"
-#include "pcp/server/Ipv6Service.h"
-#include "pcp/server/LanSocket.h"
-#include "pcp/server/Listeners.h"
+#include "pcp/server/LanServer.h"
+#include "pcp/server/PlatformPinholes.h"
 #include "pcp/server/PlatformPorts.h"
-#include "pcp/table/Announcements.h"
-#include "pcp/table/AnswerLimit.h"
-#include "pcp/table/Epoch.h"
-#include "pcp/table/MappingTable.h"
-#include "pcp/table/Responder.h"
 #include "platform/Handler.h"
 #include "platform/Store.h"
 #include "platform/Timer.h"
@@ -28,7 +18,7 @@ namespace pcp {
 /// Opens ports for the hosts on the LAN that ask in NAT-PMP or PCP: its settings, as a handler of
 /// the platform (platform/wire/Pcp.h), and what it serves. While it is switched off it leaves the
 /// loop.
-class Service : public lm::Handler, private LanSocket::Site {
+class Service : public lm::Handler {
  public:
   struct Settings {
     bool enabled = false;
@@ -47,28 +37,19 @@ class Service : public lm::Handler, private LanSocket::Site {
   [[nodiscard]] lm::message cmdUnknown(const lm::message& request, uint32_t command) override;
 
  private:
-  [[nodiscard]] std::optional<std::vector<uint8_t>> answer(std::span<const uint8_t> datagram,
-                                                           lumen::Ipv4Address source) override;
-
   void start();
   void stop();
   void readSides();
-  void announceDue();
 
   lm::Store store_;
   Settings settings_;
   bool started_ = false;
 
   PlatformPorts ports_;
-  MappingTable table_;
-  Epoch epoch_;
-  Responder responder_;
-  AnswerLimit limit_;
-  Announcements announcements_;
-  Listeners listeners_;
-  Ipv6Service ipv6_;
-  lm::Timer change_;    // waits for more notifications of a change of the sides
-  lm::Timer announce_;  // the next announcement
+  PlatformPinholes pinholes_;
+  LanServer ipv4_;
+  LanServer ipv6_;
+  lm::Timer change_;  // waits for more notifications of a change of the sides
 };
 
 }  // namespace pcp

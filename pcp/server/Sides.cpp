@@ -12,9 +12,9 @@ Sides sidesOf(const std::vector<lm::interfaces::Record>& interfaces,
     const bool internal = interface.role == lm::interfaces::roleInternal;
     const bool external = interface.role == lm::interfaces::roleExternal;
     if (internal && interface.running && interface.index != 0) {
-      sides.links.push_back({interface.name, interface.index});
+      sides.ipv6.push_back({.link = {interface.name, interface.index}});
     }
-    Place place = {interface.name, interface.index, {}};
+    Place place = {.link = {interface.name, interface.index}};
     for (const lm::addresses::Record& record : addresses) {
       if (record.interface != interface.id || record.disabled) continue;
       const lumen::Ipv4Address address = lumen::Ipv4Address::fromBytes(record.address);
@@ -25,7 +25,7 @@ Sides sidesOf(const std::vector<lm::interfaces::Record>& interfaces,
       first = record.id;
       sides.external = address;
     }
-    if (!place.addresses.empty() && place.index != 0) sides.internal.push_back(std::move(place));
+    if (!place.addresses.empty() && place.link.index != 0) sides.ipv4.push_back(std::move(place));
   }
   if (stays) sides.external = current;
   return sides;

@@ -12,16 +12,7 @@
 
 namespace pcp {
 
-/// An internal interface that runs, and the router's addresses there.
-struct Place {
-  std::string interface;
-  uint32_t index = 0;  ///< of the kernel: another link of the same name is another place
-  std::vector<lumen::Ipv4Address> addresses;
-
-  bool operator==(const Place&) const = default;
-};
-
-/// An internal interface that runs, whatever addresses it has.
+/// An internal interface that runs.
 struct Link {
   std::string name;
   uint32_t index = 0;  ///< of the kernel: another link of the same name is another one
@@ -29,10 +20,18 @@ struct Link {
   auto operator<=>(const Link&) const = default;
 };
 
+/// One, and the router's addresses there.
+struct Place {
+  Link link;
+  std::vector<lumen::Ipv4Address> addresses{};  ///< those of IPv6 are not looked at
+
+  bool operator==(const Place&) const = default;
+};
+
 /// Where the router meets its hosts and the Internet.
 struct Sides {
-  std::vector<Place> internal;
-  std::vector<Link> links;  ///< also those without an IPv4 address
+  std::vector<Place> ipv4;  ///< those with an IPv4 address
+  std::vector<Place> ipv6;  ///< all, without addresses
   std::optional<lumen::Ipv4Address> external;
 };
 

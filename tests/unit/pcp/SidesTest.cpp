@@ -29,37 +29,37 @@ class SidesTest : public testing::Test {
 
 TEST_F(SidesTest, RolesSayWhichSideAnInterfaceIsOn) {
   const Sides sides = sidesOf(interfaces, addresses, std::nullopt);
-  EXPECT_EQ(sides.internal, (std::vector<Place>{{"br-lan", 12, {gateway}}}));
+  EXPECT_EQ(sides.ipv4, (std::vector<Place>{{{"br-lan", 12}, {gateway}}}));
   EXPECT_EQ(sides.external, outside);
 }
 
 TEST_F(SidesTest, AnInterfaceThatDoesNotRunIsNoSide) {
   addresses = {address(1, 1, outside, true), address(2, 2, gateway, true)};
   const Sides sides = sidesOf(interfaces, addresses, outside);
-  EXPECT_TRUE(sides.internal.empty());
+  EXPECT_TRUE(sides.ipv4.empty());
   EXPECT_EQ(sides.external, std::nullopt);
 }
 
 TEST_F(SidesTest, AnInterfaceThatIsAwayIsNotServed) {
   interfaces[1].index = 0;
-  EXPECT_TRUE(sidesOf(interfaces, addresses, std::nullopt).internal.empty());
+  EXPECT_TRUE(sidesOf(interfaces, addresses, std::nullopt).ipv4.empty());
 }
 
 // Promise: PCP is answered by IPv6 on each internal interface that runs, whatever IPv4 address it
 // has.
 TEST_F(SidesTest, AnInternalInterfaceThatRunsIsServedByIpv6) {
-  const auto links = [&] { return sidesOf(interfaces, {}, std::nullopt).links; };
-  EXPECT_TRUE(links().empty());
+  const auto places = [&] { return sidesOf(interfaces, {}, std::nullopt).ipv6; };
+  EXPECT_TRUE(places().empty());
   for (lm::interfaces::Record& one : interfaces) one.running = true;
-  EXPECT_EQ(links(), (std::vector<Link>{{"br-lan", 12}}));
+  EXPECT_EQ(places(), (std::vector<Place>{{{"br-lan", 12}}}));
   interfaces[1].index = 0;
-  EXPECT_TRUE(links().empty());
+  EXPECT_TRUE(places().empty());
 }
 
 TEST_F(SidesTest, AllAddressesOfAnInternalInterfaceAreServed) {
   addresses.push_back(address(4, 2, {192, 168, 99, 1}));
   const Sides sides = sidesOf(interfaces, addresses, std::nullopt);
-  EXPECT_EQ(sides.internal, (std::vector<Place>{{"br-lan", 12, {gateway, {192, 168, 99, 1}}}}));
+  EXPECT_EQ(sides.ipv4, (std::vector<Place>{{{"br-lan", 12}, {gateway, {192, 168, 99, 1}}}}));
 }
 
 // Promise: Of several external addresses NAT-PMP and PCP keep the one that they have, as long as it
