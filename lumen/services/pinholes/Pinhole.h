@@ -21,6 +21,7 @@ struct PinholeKey {
 /// A port of a host that the Internet may reach.
 struct Pinhole {
   PinholeKey key;
+  std::string interface;    ///< the internal one that its host was at
   uint64_t connection = 0;  ///< of its owner
   std::string owner;        ///< service name
   lm::Clock::Time addedAt;

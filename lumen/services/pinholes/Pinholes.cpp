@@ -49,6 +49,18 @@ bool isTooLong(const Caller& caller, std::chrono::seconds lease) {
          lease > *caller.ports->longestLease;
 }
 
+template <typename Key>
+uint32_t countOf(const std::map<Key, uint32_t>& counts, const Key& key) {
+  const auto it = counts.find(key);
+  return it == counts.end() ? 0 : it->second;
+}
+
+template <typename Key>
+void countDown(std::map<Key, uint32_t>& counts, const Key& key) {
+  const auto it = counts.find(key);
+  if (--it->second == 0) counts.erase(it);
+}
+
 /// Logs that the kernel refused to do `what`; returns what its requester is told.
 std::string kernelRefusal(const std::string& what, const PinholeKey& key, const Failure& failure) {
   lm::logLine("pinhole ", what, " failed: ", keyText(key), ": ", failure.text);
@@ -141,6 +153,7 @@ Pinholes::OptionalRefused Pinholes::add(const Caller& caller, const lm::message&
     return Refused{keyText(*wanted) + " is open already", Refusal::conflict};
   }
   const Pinhole pinhole = {.key = *wanted,
+                           .interface = networks_.internalInterfaceOf(wanted->host).value_or(""),
                            .connection = caller.connection,
                            .owner = caller.name.empty() ? "administrator" : caller.name,
                            .addedAt = clock_.now(),
@@ -238,11 +251,29 @@ Pinholes::OptionalRefused Pinholes::refuseFull(const Caller& caller, const Pinho
   if (table_.size() >= policy.maxRules) {
     return Refused{"there are as many pinholes as the policy allows", Refusal::full};
   }
-  const auto host = byHost_.find(pinhole.key.host);
-  if ((host == byHost_.end() ? 0 : host->second) >= policy.maxRulesPerClient) {
+  const uint32_t ofHost = countOf(byHost_, pinhole.key.host);
+  if (ofHost >= policy.maxRulesPerClient) {
     return Refused{
         "host " + pinhole.key.host.text() + " has all the pinholes that the policy allows it",
         Refusal::full};
+  }
+  // A host can have any number of IPv6 addresses and of hardware addresses. What it cannot choose
+  // is its link: that bounds a host with very many of them, and leaves the other links their share.
+  const uint32_t ofInterface = countOf(byInterface_, pinhole.interface);
+  const uint32_t share = policy.maxRules - policy.keptPlaces();
+  if (ofInterface >= share) {
+    return Refused{"hosts of " + pinhole.interface + " have " + std::to_string(ofInterface) +
+                       " pinholes, and the last " + std::to_string(policy.keptPlaces()) +
+                       " places are kept for those of other interfaces",
+                   Refusal::full};
+  }
+  if (ofHost >= Policy::fewRules && ofInterface >= share - policy.keptPlaces()) {
+    return Refused{"host " + pinhole.key.host.text() + " has " + std::to_string(ofHost) +
+                       " pinholes, and the last " + std::to_string(policy.keptPlaces()) +
+                       " places of " + pinhole.interface +
+                       " are kept for hosts that have fewer than " +
+                       std::to_string(Policy::fewRules),
+                   Refusal::full};
   }
   if (caller.administrator || !caller.ports->most) return std::nullopt;
   const auto own = std::ranges::count_if(
@@ -294,6 +325,7 @@ void Pinholes::insert(uint32_t id, const Pinhole& pinhole) {
   table_.insert_or_assign(id, pinhole);
   keys_.insert(pinhole.key);
   ++byHost_[pinhole.key.host];
+  ++byInterface_[pinhole.interface];
   leases_.add(id, pinhole.until);
   lm::message opened;
   lm::pinholes::write(opened, record(id, pinhole));
@@ -309,8 +341,8 @@ void Pinholes::erase(Table::iterator it, OptionalEnd end) {
   gone.insert_u32(lm::key::removed, 1);
   leases_.remove(it->first, pinhole.until);
   keys_.erase(pinhole.key);
-  const auto host = byHost_.find(pinhole.key.host);
-  if (--host->second == 0) byHost_.erase(host);
+  countDown(byHost_, pinhole.key.host);
+  countDown(byInterface_, pinhole.interface);
   table_.erase(it);
   notify(pinhole.connection, std::move(gone), end);
 }

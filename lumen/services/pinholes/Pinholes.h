@@ -95,6 +95,7 @@ class Pinholes : public LocalHandler, private Leases::Owner, private Ipv6Network
   Table table_;                                   // by id
   std::set<PinholeKey> keys_;                     // of all
   std::map<Ipv6Address, uint32_t> byHost_;        // how many each has; none is 0
+  std::map<std::string, uint32_t> byInterface_;   // how many the hosts of each have; none is 0
   uint32_t lastId_ = 0;
   Leases leases_;
 };

@@ -97,6 +97,12 @@ class PinholesTest : public testing::Test {
     EXPECT_EQ(lm::getError(reply), "");
     return reply.get_u32(lm::key::objectId);
   }
+  /// So many pinholes in all.
+  void allows(uint32_t most) {
+    lm::message policy;
+    policy.insert_u32(lm::nat::key::maxRules, most);
+    EXPECT_EQ(whyNot(policies.write(policy)), "");
+  }
   /// Why, with the number for programs: "3: port 80 is not allowed by the policy".
   std::string refused(const Wish& wish) { return refusedAs(pcp, wish); }
   std::string refusedAs(const Caller& caller, const Wish& wish) {
@@ -331,6 +337,47 @@ TEST_F(PinholesTest, FollowThePolicy) {
             "4: there are as many pinholes as the policy allows");
   EXPECT_EQ(removes(pcp, second), "");
   opens({.host = "2001:db8:1::12"});
+}
+
+// Promise: A host with very many IPv6 addresses opens at most three quarters of all pinholes; the
+// last quarter is kept for hosts of other internal interfaces.
+TEST_F(PinholesTest, OfOneInterfaceLeaveAQuarterToTheOthers) {
+  networks.internalNames({"br-lan", "br-guest"});
+  networks.linkChanged({.index = 3, .name = "br-guest"});
+  networks.ipv6AddressAdded(3, held("2001:db8:2::1"));
+  allows(16);
+  const auto lanHost = [](int number) { return "2001:db8:1::1:" + std::to_string(number); };
+  std::vector<uint32_t> ids;
+  for (int host = 0; host < 12; ++host) ids.push_back(opens({.host = lanHost(host)}));
+  const std::string full =
+      "4: hosts of br-lan have 12 pinholes, and the last 4 places are kept for those of other "
+      "interfaces";
+  EXPECT_EQ(refused({.host = lanHost(12)}), full);
+  EXPECT_EQ(refused({.host = lanHost(0), .port = 8081}), full);
+  for (uint32_t port = 1; port <= 4; ++port) {
+    opens({.host = "2001:db8:2::10", .port = 8080 + port});
+  }
+  EXPECT_EQ(refused({.host = "2001:db8:2::11"}),
+            "4: there are as many pinholes as the policy allows");
+  // The place of one that ended is free, also after its end was undone.
+  EXPECT_EQ(removes(pcp, ids[0]), "");
+  givesUp();
+  EXPECT_EQ(refused({.host = lanHost(12)}), "4: there are as many pinholes as the policy allows");
+  EXPECT_EQ(removes(pcp, ids[0]), "");
+  opens({.host = lanHost(12)});
+}
+
+// Promise: A quarter of the IPv6 pinholes of an internal interface is kept for hosts that have
+// fewer than eight.
+TEST_F(PinholesTest, OfOneHostLeaveAQuarterToTheOthers) {
+  allows(16);
+  for (uint32_t port = 1; port <= 8; ++port) opens({.port = 8080 + port});
+  EXPECT_EQ(refused({}),
+            "4: host 2001:db8:1::10 has 8 pinholes, and the last 4 places of br-lan are kept for "
+            "hosts that have fewer than 8");
+  for (uint32_t port = 1; port <= 4; ++port) {
+    opens({.host = "2001:db8:1::11", .port = 8080 + port});
+  }
 }
 
 TEST_F(PinholesTest, FollowTheServiceFile) {
