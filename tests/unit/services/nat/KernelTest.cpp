@@ -1,7 +1,6 @@
 #include <dirent.h>
 #include <linux/capability.h>
 #include <malloc.h>
-#include <netdb.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/syscall.h>
@@ -13,10 +12,8 @@
 #include <functional>
 #include <thread>
 
-#include "lumen/services/system/netfilter/LibNftables.h"
 #include "lumen/services/system/netfilter/NetlinkFlows.h"
-#include "services/nat/NatFixture.h"
-#include "services/nat/WanHost.h"
+#include "services/nat/NatKernelFixture.h"
 #include "support/LogCapture.h"
 #include "support/RefusedCall.h"
 
@@ -25,39 +22,6 @@ namespace lumen::test {
 namespace {
 
 using namespace std::chrono_literals;
-
-/// The real kernel in a network namespace of the test's own.
-class NatKernelTest : public ::testing::Test {
- protected:
-  void opensTable() { ASSERT_EQ(whyNot(map->open(NAT_RULESET_FILE)), ""); }
-
-  /// What another program sees.
-  static std::string seenByAnotherProgram(const std::string& command) {
-    LibNftables other;
-    const Result<std::string> seen = other.run(command);
-    return seen ? *seen : seen.why();
-  }
-
-  static bool comesToHold(const std::function<bool()>& condition) {
-    auto limit = std::chrono::steady_clock::now() + 5s;
-    while (!condition()) {
-      if (std::chrono::steady_clock::now() > limit) return false;
-      sched_yield();
-    }
-    return true;
-  }
-
-  /// To the client's port 80, or another one.
-  [[nodiscard]] Rule rule(const RuleKey& of, uint16_t clientPort = 80) const {
-    return {.key = of, .client = {client.address, clientPort}};
-  }
-
-  FreshNetwork network;
-  std::unique_ptr<LibNftables> nftables = std::make_unique<LibNftables>();
-  std::unique_ptr<NatMap> map = std::make_unique<NatMap>(*nftables);
-  const RuleKey key{.external = {.address = ip("45.45.45.1"), .port = 8080}, .protocol = 6};
-  const Endpoint client{.address = ip("192.168.88.10"), .port = 80};
-};
 
 /// Runs `work` in a thread that may do nothing to the network.
 void withoutPrivilege(const std::function<void()>& work) {
@@ -70,12 +34,6 @@ void withoutPrivilege(const std::function<void()>& work) {
 }
 
 constexpr const char* listMap = "list map ip lumen forwards";
-
-/// A protocol as nftables lists it: by its name, where the machine has /etc/protocols.
-std::string listed(int protocol) {
-  const protoent* const entry = getprotobynumber(protocol);
-  return entry ? entry->p_name : std::to_string(protocol);
-}
 
 // Also proves [kernel-element].
 TEST_F(NatKernelTest, HoldsAnElementForEachOpenPort) {
@@ -153,123 +111,6 @@ TEST_F(NatKernelTest, ReadsHowOftenAPortWasUsed) {
                   .ok());
   EXPECT_EQ(*map->uses(), (std::map<RuleKey, uint64_t>{{key, 7}, {udp, 0}}));
   EXPECT_EQ(*map->uses(rule(key)), 7U);
-}
-
-/// Sets and maps of any table, by messages.
-class SetElementsTest : public NatKernelTest {
- protected:
-  void makes(const std::string& description) {
-    const auto made = nftables->run("add table ip6 t; add set ip6 t s { " + description + " }");
-    ASSERT_EQ(whyNot(made), "");
-  }
-  void changes(ElementAction action, const std::vector<SetElement>& elements) {
-    const ElementChange change = {action, set, elements};
-    ASSERT_EQ(whyNot(nftables->changeElements({&change, 1})), "");
-  }
-  /// Makes a set with so many elements, of two parts.
-  void fills(int count) {
-    makes("type ipv6_addr . mark; counter;");
-    // Only root of the machine may send more at once.
-    constexpr int most = 1000;
-    for (int i = 0; i < count;) {
-      std::vector<SetElement> elements;
-      for (const int end = std::min(i + most, count); i < end; ++i) {
-        elements.push_back({.key = numbered(i)});
-      }
-      changes(ElementAction::add, elements);
-    }
-  }
-  static ElementParts numbered(int number) {
-    return {{}, {}, {}, {}, {std::byte(number >> 8), std::byte(number & 0xff)}};
-  }
-
-  static constexpr ElementSet set{.family = TableFamily::ip6, .table = "t", .name = "s"};
-  static constexpr ElementPart part{std::byte(0x20), std::byte(0x01), std::byte(0x0d)};
-};
-
-TEST_F(SetElementsTest, OfIpv6KeepTheirCounters) {
-  makes("type ipv6_addr . inet_proto . inet_service; counter;");
-  const SetElement element = {
-      .key = {part, {}, {}, part, {std::byte(17)}, {std::byte(4)}},
-      .counter = ElementCounter{.packets = 1ULL << 40, .bytes = 1ULL << 50}};
-  changes(ElementAction::add, {element});
-  EXPECT_NE(seenByAnotherProgram("list set ip6 t s")
-                .find("2001:d00::2001:d00 . " + listed(17) +
-                      " . 1024 counter packets 1099511627776 bytes 1125899906842624"),
-            std::string::npos);
-  EXPECT_EQ(*nftables->readElement(set, element.key), element);
-  changes(ElementAction::remove, {element});
-  EXPECT_EQ(whyNot(nftables->readElement(set, element.key)), "No such file or directory");
-}
-
-TEST_F(SetElementsTest, OfIntervalsAreReplacedInOneTransaction) {
-  makes("type inet_service . mark; flags interval; counter;");
-  const SetElement interval = {.key = {{std::byte(1)}, {std::byte(2)}},
-                               .keyEnd = {{std::byte(1), std::byte(255)}, {std::byte(2)}},
-                               .counter = ElementCounter{.packets = 7, .bytes = 900}};
-  changes(ElementAction::add, {interval});
-  const ElementParts within = {{std::byte(1), std::byte(9)}, {std::byte(2)}};
-  EXPECT_EQ(nftables->readElement(set, within)->counter, interval.counter);
-  SetElement other = interval;
-  other.counter->packets = 8;
-  const ElementChange both[] = {{ElementAction::remove, set, {&interval, 1}},
-                                {ElementAction::add, set, {&other, 1}}};
-  EXPECT_EQ(whyNot(nftables->changeElements(both)), "");
-  std::vector<SetElement> seen;
-  EXPECT_EQ(whyNot(nftables->readElements(
-                set, [&](const SetElement& element) { seen.push_back(element); })),
-            "");
-  EXPECT_EQ(seen, std::vector{other});
-}
-
-TEST_F(SetElementsTest, AreReadHoweverManyThereAre) {
-  fills(10000);
-  std::set<ElementParts> seen;
-  EXPECT_EQ(whyNot(nftables->readElements(
-                set, [&](const SetElement& element) { seen.insert(element.key); })),
-            "");
-  EXPECT_EQ(seen.size(), 10000U);
-}
-
-TEST_F(SetElementsTest, AreReadAgainWhenAnotherProgramMadeAChange) {
-  fills(2000);
-  LibNftables other;
-  int begins =
-      0;  // of dumps; more when the kernel's hash table grows meanwhile and tells some twice
-  const auto readWhile = [&](int interruptions) {
-    begins = 0;
-    std::set<ElementParts> seen;
-    std::optional<ElementParts> first;
-    const auto result = nftables->readElements(set, [&](const SetElement& element) {
-      if (!first) first = element.key;
-      if (element.key == *first && ++begins <= interruptions) {
-        EXPECT_TRUE(other.run("add table ip other; delete table ip other").ok());
-      }
-      seen.insert(element.key);
-    });
-    return std::to_string(seen.size()) + " " + whyNot(result);
-  };
-  EXPECT_EQ(readWhile(1), "2000 ");
-  EXPECT_GE(begins, 2);
-  EXPECT_EQ(readWhile(7), "2000 ");
-  EXPECT_GE(begins, 8);
-  EXPECT_EQ(readWhile(100), "2000 Interrupted system call");
-  EXPECT_GE(begins, 8);
-}
-
-TEST_F(SetElementsTest, LeaveNoAnswerBehindAfterAnError) {
-  fills(2000);
-  std::vector<SetElement> absent;
-  for (int i = 3000; i < 5000; ++i) absent.push_back({.key = numbered(i)});
-  const ElementChange change = {ElementAction::remove, set, absent};
-  EXPECT_NE(whyNot(nftables->changeElements({&change, 1})), "");
-  EXPECT_EQ(whyNot(nftables->readElement({TableFamily::ip6, "t", "none"}, numbered(1))),
-            "No such file or directory");
-  EXPECT_EQ(
-      whyNot(nftables->readElements({TableFamily::ip6, "none", "s"}, [](const SetElement&) {})),
-      "No such file or directory");
-  EXPECT_EQ(nftables->readElement(set, numbered(1))->counter, ElementCounter{});
-  EXPECT_TRUE(nftables->run("list tables").ok());
 }
 
 TEST_F(NatKernelTest, HoldsAnElementForEachRemoteNetwork) {
