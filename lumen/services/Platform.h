@@ -25,6 +25,7 @@
 #include "lumen/services/supervisor/Supervisor.h"
 #include "lumen/services/system/netfilter/LibNftables.h"
 #include "lumen/services/system/netfilter/NetlinkFlows.h"
+#include "lumen/services/system/netfilter/NetlinkIpv6Flows.h"
 #include "lumen/services/system/netfilter/ThriftyNftables.h"
 #include "lumen/services/system/netlink/Ipv6Forwarding.h"
 #include "lumen/services/system/netlink/LinkRelay.h"
@@ -75,7 +76,7 @@ class Platform : private Supervisor::RequestListener,
   /// Ends the services, then this.
   void shutDown() { supervisor_.shutDown(); }
   [[nodiscard]] bool isShutDown() const {
-    return supervisor_.isShutDown() && natRules_.flowsEnded();
+    return supervisor_.isShutDown() && natRules_.flowsEnded() && pinholes_.flowsEnded();
   }
 
  private:
@@ -110,6 +111,7 @@ class Platform : private Supervisor::RequestListener,
   PortLog portLog_;
   NatRules natRules_;
   PinholeSet pinholeSet_;
+  NetlinkIpv6Flows ipv6Flows_;
   NetlinkIpv6Forwarding ipv6Forwarding_;
   Pinholes pinholes_;
   lumen::Listener listener_;

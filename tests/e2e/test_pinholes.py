@@ -173,6 +173,55 @@ class PinholeTest(PinholeCase):
             data, peer = server.recvfrom(10)
             self.assertEqual((data, peer[0]), (b"there", WAN_HOST))
 
+    # Also proves [pinhole-flows].
+    def test_a_udp_flow_ends_with_its_pinhole(self):
+        self.firewall()
+        with self.host.namespace.socket(socket.SOCK_DGRAM, socket.AF_INET6) as closed, \
+                self.host.namespace.socket(socket.SOCK_DGRAM, socket.AF_INET6) as kept, \
+                self.wan.namespace.socket(socket.SOCK_DGRAM, socket.AF_INET6) as to_closed, \
+                self.wan.namespace.socket(socket.SOCK_DGRAM, socket.AF_INET6) as to_kept:
+            pairs = (closed, to_closed, 5060), (kept, to_kept, 5061)
+            for server, client, port in pairs:
+                server.settimeout(5)
+                client.settimeout(5)
+                server.bind((LAN_HOST, port))
+                client.connect((LAN_HOST, port))
+                self.map(UDP, port)
+
+            def passes(server, client):
+                client.send(b"there")
+                data, peer = server.recvfrom(10)
+                server.sendto(b"back", peer)
+                self.assertEqual((data, client.recv(10)), (b"there", b"back"))
+
+            for server, client, _ in pairs:
+                passes(server, client)
+            self.assertEqual(self.map(UDP, 5060, lifetime=0)[0], SUCCESS)
+
+            def refused():
+                try:
+                    to_closed.send(b"late")
+                    to_closed.settimeout(0.1)
+                    to_closed.recv(10)
+                except ConnectionRefusedError:
+                    return True
+                except socket.timeout:
+                    return False
+                return False
+
+            self.wait_until(refused, "the open flow is refused")
+            closed.setblocking(False)
+            with self.assertRaises(BlockingIOError):
+                while closed.recv(10):
+                    pass  # what came before the flow ended
+            to_closed.settimeout(5)
+            for _ in range(3):
+                with self.assertRaises(ConnectionRefusedError):
+                    to_closed.send(b"late")
+                    to_closed.recv(10)
+            self.assertRaises(BlockingIOError, closed.recv, 10)
+            passes(kept, to_kept)
+
     # Also proves [pinhole-network].
     def test_a_pinhole_ends_with_the_network_of_its_host(self):
         self.firewall()

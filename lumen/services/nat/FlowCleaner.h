@@ -5,8 +5,8 @@
 
 #include "lumen/runtime/Clock.h"
 #include "lumen/services/nat/FlowMarks.h"
+#include "lumen/services/nat/SweepPace.h"
 #include "lumen/services/system/netfilter/Flows.h"
-#include "platform/Timer.h"
 
 namespace lumen {
 
@@ -18,10 +18,9 @@ namespace lumen {
 /// A port is marked from before it opens until its flows have been swept after it closed, so that
 /// the flows of a lumend that was killed are ended by the next one.
 ///
-/// A sweep walks the kernel's whole table, so changes in quick succession share one; sweeps take at
-/// most a tenth of the time. The ports of a sweep that failed are swept again with the next one,
-/// which the next change or the next lumend starts.
-class FlowCleaner : private Flows::Sweeper {
+/// Changes in quick succession share a sweep. The ports of a sweep that failed are swept again with
+/// the next one, which the next change or the next lumend starts.
+class FlowCleaner : private Flows::Sweeper, private SweepPace::Owner {
  public:
   /// What the cleaner needs to know about the open ports.
   class OpenPorts {
@@ -49,25 +48,20 @@ class FlowCleaner : private Flows::Sweeper {
   void changed(const Endpoint& external);
 
   /// Whether no sweep is under way or scheduled.
-  [[nodiscard]] bool idle() const { return !sweeping_ && pending_.empty(); }
+  [[nodiscard]] bool idle() const { return pace_.idle(); }
 
  private:
-  void schedule();
-  void sweep();
+  void sweep() override;
   bool ends(const Flow& flow) override;
   void swept(bool complete) override;
 
   Flows& flows_;
   const OpenPorts& ports_;
   const FlowMarks& marks_;
-  const lm::Clock& clock_;
   std::set<Endpoint> pending_;  // for the next sweep
   std::set<Endpoint> swept_;    // by the sweep that is under way
   std::set<Endpoint> missed_;   // by a sweep that was not complete; the next one looks at them too
-  bool sweeping_ = false;
-  lm::Clock::Time began_;  // of the sweep that is under way or was the last
-  lm::Clock::Time rest_;   // no sweep before this time
-  lm::Timer timer_;
+  SweepPace pace_;
 };
 
 }  // namespace lumen

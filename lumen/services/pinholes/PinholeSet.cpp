@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
 #include <cstddef>
 #include <cstring>
 #include <string_view>
@@ -25,6 +26,19 @@ SetElement element(const PinholeKey& key) {
   element.key.push_back({std::byte(key.protocol)});
   element.key.push_back({std::byte(key.port >> 8), std::byte(key.port & 0xff)});
   return element;
+}
+
+constexpr std::string_view setsLabel = " @pinholes ct label set ";
+constexpr uint32_t labels = 128;
+
+/// The number of the label that the table sets.
+std::optional<uint32_t> labelIn(std::string_view table) {
+  const std::string_view text = table.substr(table.find(setsLabel) + setsLabel.size());
+  uint32_t label = labels;
+  const char* const end = text.data() + text.find('\n');
+  const auto read = std::from_chars(text.data(), end, label);
+  if (read.ptr != end || label >= labels) return std::nullopt;
+  return label;
 }
 
 // nft explains an error in several lines, the first of which says what it is.
@@ -52,9 +66,8 @@ Result<void> PinholeSet::open(const std::string& path) {
     return Failure{"cannot load the pinhole ruleset " + path + ": " + firstLine(loaded.why())};
   }
   const Result<std::string> table = nftables_.run("list table ip6 lumen");
-  for (const char* part :
-       {"\tflags owner\n", "\tset pinholes {\n", "\t\ttype ipv6_addr . inet_proto . inet_service\n",
-        " @pinholes ct label set "}) {
+  for (const char* part : {"\tflags owner\n", "\tset pinholes {\n",
+                           "\t\ttype ipv6_addr . inet_proto . inet_service\n", setsLabel.data()}) {
     if (table && table->find(part) != std::string::npos) continue;
     // A table without an owner would outlive this process.
     static_cast<void>(nftables_.run("delete table ip6 lumen"));
@@ -64,6 +77,7 @@ Result<void> PinholeSet::open(const std::string& path) {
     return Failure{"the pinhole ruleset " + path + " does not make a table ip6 lumen with \"" +
                    std::string(words) + "\""};
   }
+  label_ = labelIn(*table);
   return {};
 }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -25,11 +27,16 @@ class PinholeSet {
   /// process owns it. After a failure there is no table of ours.
   [[nodiscard]] Result<void> open(const std::string& path);
 
+  /// The label of the connections through pinholes, as the ruleset file has it; none: the table is
+  /// not open, or nft shows a name instead of the number.
+  [[nodiscard]] std::optional<uint32_t> label() const { return label_; }
+
   [[nodiscard]] Result<void> add(const PinholeKey& key);
   [[nodiscard]] Result<void> remove(const std::vector<PinholeKey>& keys);
 
  private:
   Nftables& nftables_;
+  std::optional<uint32_t> label_;
 };
 
 }  // namespace lumen

@@ -69,14 +69,16 @@ std::string kernelRefusal(const std::string& what, const PinholeKey& key, const 
 
 }  // namespace
 
-Pinholes::Pinholes(PinholeSet& set, Ipv6Networks& networks, Ipv6Forwarding& forwarding,
-                   const PolicyBook& policies, Notifier& notifier, const lm::Clock& clock)
+Pinholes::Pinholes(PinholeSet& set, Ipv6Flows& flows, Ipv6Networks& networks,
+                   Ipv6Forwarding& forwarding, const PolicyBook& policies, Notifier& notifier,
+                   const lm::Clock& clock)
     : set_(set),
       networks_(networks),
       forwarding_(forwarding),
       policies_(policies),
       notifier_(notifier),
       clock_(clock),
+      flows_(flows, *this, clock),
       leases_(*this, clock) {
   networks.setObserver(*this);
 }
@@ -85,6 +87,7 @@ void Pinholes::begin(const std::string& path) {
   const Result<void> open = set_.open(path);
   problem_ = open ? "" : open.why();
   if (!open) lm::logLine("no IPv6 pinholes: ", problem_);
+  flows_.begin(set_.label());
 }
 
 lm::message Pinholes::handle(const Caller& caller, uint32_t command, const lm::message& request) {
@@ -344,6 +347,7 @@ void Pinholes::erase(Table::iterator it, OptionalEnd end) {
   countDown(byHost_, pinhole.key.host);
   countDown(byInterface_, pinhole.interface);
   table_.erase(it);
+  if (pinhole.key.protocol == IPPROTO_UDP) flows_.narrowed();
   notify(pinhole.connection, std::move(gone), end);
 }
 
@@ -363,6 +367,10 @@ void Pinholes::leasesEnded(const std::vector<uint32_t>& ids) {
 void Pinholes::internalHostsChanged() {
   dropAll([this](const Pinhole& one) { return !networks_.internalInterfaceOf(one.key.host); },
           End::addressGone);
+}
+
+bool Pinholes::admits(const Ipv6Flow& flow) const {
+  return keys_.contains({.host = flow.destination, .protocol = IPPROTO_UDP, .port = flow.port});
 }
 
 lm::pinholes::Record Pinholes::record(uint32_t id, const Pinhole& pinhole) const {

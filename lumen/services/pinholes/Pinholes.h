@@ -16,6 +16,7 @@
 #include "lumen/services/nat/PolicyBook.h"
 #include "lumen/services/pinholes/Ipv6Networks.h"
 #include "lumen/services/pinholes/Pinhole.h"
+#include "lumen/services/pinholes/PinholeFlows.h"
 #include "lumen/services/pinholes/PinholeSet.h"
 #include "lumen/services/system/netlink/Ipv6Forwarding.h"
 #include "lumen/values/Result.h"
@@ -28,16 +29,22 @@ namespace lumen {
 ///
 /// Every change is made in the kernel first. A pinhole ends with its lease, with the connection
 /// that added it, or when its host is no longer in a network of an internal interface.
-class Pinholes : public LocalHandler, private Leases::Owner, private Ipv6Networks::Observer {
+class Pinholes : public LocalHandler,
+                 private Leases::Owner,
+                 private Ipv6Networks::Observer,
+                 private PinholeFlows::Open {
  public:
   /// All must outlive this; `policies` is loaded. There can be no pinholes before begin().
-  Pinholes(PinholeSet& set, Ipv6Networks& networks, Ipv6Forwarding& forwarding,
+  Pinholes(PinholeSet& set, Ipv6Flows& flows, Ipv6Networks& networks, Ipv6Forwarding& forwarding,
            const PolicyBook& policies, Notifier& notifier, const lm::Clock& clock);
   Pinholes(const Pinholes&) = delete;
   Pinholes& operator=(const Pinholes&) = delete;
 
   /// Makes the kernel's table from the ruleset file at `path`. Without it pinholes are refused.
+  /// Schedules the end of the UDP flows through the pinholes of an earlier lumend.
   void begin(const std::string& path);
+  /// Whether no UDP flow through a pinhole that has ended is left.
+  [[nodiscard]] bool flowsEnded() const { return flows_.idle(); }
 
   [[nodiscard]] lm::message handle(const Caller& caller, uint32_t command,
                                    const lm::message& request) override;
@@ -80,6 +87,7 @@ class Pinholes : public LocalHandler, private Leases::Owner, private Ipv6Network
 
   void leasesEnded(const std::vector<uint32_t>& ids) override;
   void internalHostsChanged() override;
+  [[nodiscard]] bool admits(const Ipv6Flow& flow) const override;
 
   [[nodiscard]] lm::pinholes::Record record(uint32_t id, const Pinhole& pinhole) const;
   void notify(uint64_t owner, lm::message record, OptionalEnd end);
@@ -97,6 +105,7 @@ class Pinholes : public LocalHandler, private Leases::Owner, private Ipv6Network
   std::map<Ipv6Address, uint32_t> byHost_;        // how many each has; none is 0
   std::map<std::string, uint32_t> byInterface_;   // how many the hosts of each have; none is 0
   uint32_t lastId_ = 0;
+  PinholeFlows flows_;
   Leases leases_;
 };
 

@@ -7,9 +7,6 @@
 namespace lumen {
 
 /// The flows of the network namespace in which a call is made, over ctnetlink.
-///
-/// Reading them walks the kernel's whole table, which costs milliseconds even when it is empty. The
-/// kernel applies the filters that it can, and gives back control after each buffer of results.
 class NetlinkFlows : public Flows {
  public:
   NetlinkFlows();

@@ -35,6 +35,22 @@ TEST_F(PinholeSetTest, LoadsTheRulesetFile) {
             (Texts{"list tables ip6", "file " + file, "list table ip6 lumen"}));
 }
 
+TEST_F(PinholeSetTest, ReadsTheLabelOfTheRuleset) {
+  EXPECT_EQ(set.label(), std::nullopt);
+  const auto labelOf = [this](const std::string& word) {
+    std::string table = installedTable;
+    table.replace(table.find("125"), 3, word);
+    nftables.prints("list table ip6 lumen", table);
+    EXPECT_EQ(whyNot(set.open(file)), "");
+    return set.label();
+  };
+  EXPECT_EQ(labelOf("125"), 125U);
+  EXPECT_EQ(labelOf("0"), 0U);
+  EXPECT_EQ(labelOf("128"), std::nullopt) << "there are 128 labels";
+  EXPECT_EQ(labelOf("pinhole"), std::nullopt) << "a name of connlabel.conf";
+  EXPECT_EQ(labelOf("12a"), std::nullopt);
+}
+
 TEST_F(PinholeSetTest, TouchesNothingWithoutTheFile) {
   EXPECT_EQ(whyNot(set.open("/nowhere/rules.nft")),
             "/nowhere/rules.nft: No such file or directory");

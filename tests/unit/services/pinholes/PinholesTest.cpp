@@ -10,6 +10,7 @@
 #include "lumen/runtime/EventLoop.h"
 #include "lumen/services/pinholes/Pinholes.h"
 #include "platform/Keys.h"
+#include "services/pinholes/FakeIpv6Flows.h"
 #include "services/pinholes/FakeSet.h"
 #include "support/LogCapture.h"
 #include "support/ManualClock.h"
@@ -80,6 +81,9 @@ class PinholesTest : public testing::Test {
     kernel.prints("list table ip6 lumen", installedTable);
     pinholes.begin(directory.file("rules.nft"));
     kernel.takeTexts();
+    passes(0ms);
+    flows.finishSweep();
+    passes(100ms);
   }
 
   lm::message asks(const Caller& caller, uint32_t command, const lm::message& request) {
@@ -135,6 +139,16 @@ class PinholesTest : public testing::Test {
   std::string problem() {
     return asks(admin, lm::cmd::get, {}).get_string(lm::pinholes::key::problem);
   }
+  static Ipv6Flow flowTo(const std::string& host, uint16_t port,
+                         const std::string& source = "2001:db8:99::1") {
+    return {*Ipv6Address::parse(source), *Ipv6Address::parse(host), port};
+  }
+  /// The kernel's flows are judged, the sweep being due.
+  void sweepRuns() {
+    passes(100ms);
+    ASSERT_TRUE(flows.sweeping());
+    flows.finishSweep();
+  }
   void passes(std::chrono::milliseconds time) {
     clock.advance(time);
     loop.turn(0ms);
@@ -160,11 +174,12 @@ class PinholesTest : public testing::Test {
   lm::test::TempDir directory;
   FakeSet kernel;
   PinholeSet set{kernel};
+  FakeIpv6Flows flows;
   Ipv6Networks networks;
   FakeForwarding forwarding;
   PolicyBook policies{directory.file("nat-policy"), directory.path()};
   News news;
-  Pinholes pinholes{set, networks, forwarding, policies, news, clock};
+  Pinholes pinholes{set, flows, networks, forwarding, policies, news, clock};
 };
 
 }  // namespace
@@ -257,6 +272,55 @@ TEST_F(PinholesTest, EndWhenTheRouterTakesTheAddressOfTheirHost) {
   opens({});
   networks.ipv6AddressAdded(2, held("2001:db8:1::10"));
   EXPECT_TRUE(lists().empty());
+}
+
+// Promise [pinhole-flows]: When a UDP pinhole ends, its flows end, after the reply; those of other
+// pinholes continue.
+TEST_F(PinholesTest, EndTheirUdpFlowsOffTheReplyPath) {
+  const uint32_t id = opens({.protocol = 17});
+  opens({.protocol = 17, .port = 9000, .lease = 700});
+  opens({.port = 8081});
+  flows.flows = {flowTo("2001:db8:1::10", 8080), flowTo("2001:db8:1::10", 9000)};
+  EXPECT_TRUE(pinholes.flowsEnded());
+  EXPECT_EQ(removes(pcp, id), "");
+  EXPECT_FALSE(pinholes.flowsEnded());
+  EXPECT_FALSE(flows.sweeping()) << "not before the reply";
+  sweepRuns();
+  EXPECT_EQ(flows.labels.back(), 125U);
+  EXPECT_EQ(flows.flows, std::vector{flowTo("2001:db8:1::10", 9000)});
+  EXPECT_TRUE(pinholes.flowsEnded());
+  passes(800s);
+  sweepRuns();
+  EXPECT_TRUE(flows.flows.empty()) << "the lease was over";
+  EXPECT_TRUE(pinholes.flowsEnded());
+}
+
+// Also proves [pinhole-flows].
+TEST_F(PinholesTest, EndNoFlowsOfTcp) {
+  const uint32_t id = opens({});
+  EXPECT_EQ(removes(pcp, id), "");
+  EXPECT_TRUE(pinholes.flowsEnded());
+}
+
+// Promise: The UDP flows through pinholes of a lumend that was killed are ended by the next one.
+TEST_F(PinholesTest, EndTheFlowsOfAnEarlierLumend) {
+  flows.flows = {flowTo("2001:db8:1::10", 8080)};
+  pinholes.begin(directory.file("rules.nft"));
+  sweepRuns();
+  EXPECT_TRUE(flows.flows.empty());
+}
+
+TEST_F(PinholesTest, EndWithTheNextSweepWhatAnEarlierOneDidNotReach) {
+  const uint32_t id = opens({.protocol = 17});
+  opens({.protocol = 17, .port = 9000});
+  flows.flows = {flowTo("2001:db8:1::10", 8080)};
+  EXPECT_EQ(removes(pcp, id), "");
+  passes(100ms);
+  flows.failSweep();
+  EXPECT_EQ(flows.flows.size(), 1U);
+  pinholes.connectionEnded(pcp.connection);
+  sweepRuns();
+  EXPECT_TRUE(flows.flows.empty());
 }
 
 // Also proves [pinhole-hosts].
