@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdio>
 #include <sstream>
 
 #include "net/Address.h"
@@ -106,7 +107,9 @@ GatewayTest::GatewayTest() {
 
 GatewayTest::~GatewayTest() {
   stop();
-  (void)testing::internal::GetCapturedStdout();
+  logged_ += testing::internal::GetCapturedStdout();
+  // With the messages of the failures.
+  if (HasFailure()) std::fputs(logged_.c_str(), stdout);
 }
 
 lm::message GatewayTest::interfaceRecord(uint32_t id) const {
@@ -231,9 +234,10 @@ void GatewayTest::stop() {
 }
 
 Lines GatewayTest::log() {
-  Lines lines = splitLines(testing::internal::GetCapturedStdout());
+  const std::string text = testing::internal::GetCapturedStdout();
   testing::internal::CaptureStdout();
-  return lines;
+  logged_ += text;
+  return splitLines(text);
 }
 
 void GatewayTest::showLog() { dup2(STDERR_FILENO, STDOUT_FILENO); }

@@ -112,4 +112,5 @@ class GatewayTest : public testing::Test {
 
   std::map<uint32_t, lm::message> interfaces;
   std::map<uint32_t, lm::message> addresses;
+  std::string logged_;  // standard output until it was last read
 };

@@ -23,7 +23,7 @@ class PrivateRouter {
 
   /// A socket of the LAN host.
   [[nodiscard]] lm::Fd hostSocket(int type) const;
-  /// A socket of the LAN host that receives the announcements.
+  /// A socket of the LAN host that receives the announcements that are sent after this call.
   [[nodiscard]] lm::Fd hostListener() const;
 
   /// Everything that has arrived at the LAN host's UDP socket, which must have a port: what was
