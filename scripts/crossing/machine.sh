@@ -12,21 +12,17 @@
 # What this needs itself: the list machine_packages in scripts/lib.sh.
 . "$(dirname "$0")/../lib.sh"
 
-limit=3600  # seconds; a real machine would take one minute
+limit=1800  # seconds, for a computer that is ten times slower than usual
 
-make=no
-if [ "${1:-}" = --make ]; then
-  make=yes
-  shift
-fi
 [ $# -eq 3 ] || fail "usage: machine.sh ARCHITECTURE LIBRARIES BUILD"
-left_out=()
-architecture=$1 libraries=$(realpath "$2") build=$(realpath "$3")
+left_out=
+architecture=$1 libraries=$2 build=$(realpath "$3")
 # All files lie in memory, and packed once more at the start: the kernel for MIPS uses 256 MB of it.
 case $architecture in
   s390x)
     kernel=linux-image-s390x emulator=(qemu-system-s390x) console=ttysclp0
-    left_out=(tests/needs-socket-calls.txt)
+    left_out=tests/needs-socket-calls.txt
+    reason="need a system call for each call of sockets"
     ;;
   mipsel)
     kernel=linux-image-4kc-malta console=ttyS0
@@ -34,85 +30,43 @@ case $architecture in
     ;;
   *) fail "there is no emulated machine for $architecture" ;;
 esac
+command -v "${emulator[0]}" >/dev/null || fail "${emulator[0]} is missing"
 root=$HOME/.cache/palinode-igd/machine-$architecture
-umask 022
+log=$build/machine.log
 
-# Copies to $image what of the folder $1 tar's further arguments select.
-copy() { tar c -C "$1" "${@:2}" | tar x -C "$image"; }
-
-# The tests to be run, which scripts/cross --test leaves out: each with its program and its name there.
-list_tests() {
-  ctest --test-dir "$build" --show-only=json-v1 -L unit -L 'needs-(machine|root)' | python3 -c '
-import json, sys
-left_out = set()
-for file in sys.argv[1:]:
-    left_out.update(open(file).read().split("\n"))
-for test in json.load(sys.stdin)["tests"]:
-    words = test.get("command", [])
-    filters = [word for word in words if word.startswith("--gtest_filter=")]
-    if filters and test["name"] not in left_out:
-        print(test["name"], words[words.index(filters[0]) - 1], filters[0])' "${left_out[@]}"
-}
-
-make_image() {
-  local modules=lib/modules
-  modules+=/$(ls "$root/$modules")
-  # What is there twice is the same: both are of one release of Debian.
-  copy "$libraries" --exclude='gconv' --exclude='*.a' --exclude='*.o' lib usr/lib
-  copy "$root" --exclude='gconv' --exclude=./lib/{udev,modules} --exclude=./usr/share --exclude=./boot .
-  (
-    cd "$root"
-    ls -d "$modules"/modules.* "$modules"/kernel/drivers/net/*.ko
-    find "$modules"/kernel/{crypto,lib,net} -type f
-  ) >"$work/modules"
-  copy "$root" --files-from="$work/modules"
-  mkdir -p "$image/$top" "$image"/{dev,etc,mnt,proc,root,run,sys,tmp}
-  chmod 1777 "$image/tmp"
-  echo root:x:0:0::/root:/bin/sh >"$image/etc/passwd"
-  echo root:x:0: >"$image/etc/group"
-  cp scripts/crossing/machine_init "$image/init"
-  # Where the tests look for them.
-  (
-    image+=$top
-    copy "$top" etc scripts/demo.py tests/support
-  )
-  # Compiled in the machine they would take minutes. Another version of Python passes these by.
-  python3 -m compileall -q --invalidation-mode unchecked-hash "$image"/usr/lib/python3* "$image$top"
-  mkdir -p "$image$build"
-  (
-    image+=$build
-    # shellcheck disable=SC2046
-    copy "$build" bin tests/service_probe $(sed 's|^|tests/|' "$build/tests/machine_tests")
-  )
-  list_tests >"$image/tests"
-  [ -s "$image/tests" ] || fail "there are no tests in $build"
-  (cd "$image" && find . | cpio -o -H newc -R 0:0 --quiet | gzip -1) >"$build/machine.cpio.gz"
-}
-
+# The machine ends with this script, and after $limit seconds. Its clock counts instructions, 2 ns each,
+# and does not wait while the processor does: however slow the emulator is, time limits in the machine
+# mean what they do on a real one.
 boot() {
-  # Its clock counts instructions, 2 ns each, and does not wait while the processor does: however slow
-  # the emulator is, time limits in the machine mean what they do on a real one.
-  timeout --foreground -k 5 "$limit" "${emulator[@]}" -m 1024 -icount shift=1,sleep=off \
-    -rtc clock=vm -nic none -nographic -no-reboot -kernel "$root"/boot/vmlinuz-* \
-    -initrd "$build/machine.cpio.gz" -append "quiet panic=-1 rootfstype=ramfs console=$console \
-PALINODE_TOP=$top PALINODE_BUILD=$build" </dev/null 2>&1 |
-    tee "$build/machine.log" | sed -u -n 's/\r*$//; s/^\r*//; /^\(not \)\{0,1\}ok  /p'
+  setpriv --pdeathsig TERM timeout --foreground -k 5 "$limit" "${emulator[@]}" -m 1024 \
+    -icount shift=1,sleep=off -rtc clock=vm -nic none -nographic -no-reboot \
+    -kernel "$root"/boot/vmlinuz-* -initrd "$build/machine.cpio.gz" \
+    -append "quiet panic=-1 rootfstype=ramfs console=$console PALINODE_TOP=$top PALINODE_BUILD=$build" \
+    </dev/null 2>&1 |
+    sed -u 's/\r//g' | tee "$log" | sed -u -n '/^\(\(not \)\{0,1\}ok\|skipped\)  /p'
 }
 
-if [ "$make" = yes ]; then
-  # A process of its own: in a step a failing command would not end it.
-  work=$(mktemp -d)
-  trap 'rm -rf "$work"' EXIT
-  image=$work/image
-  mkdir "$image"
-  make_image
-  exit
-fi
 scripts/crossing/root.sh "$architecture" "$root" "$kernel" busybox dash python3 iproute2 nftables \
   miniupnpc natpmpc
-step "made the machine's file system" "$0" --make "$@"
-boot || true
-if ! grep -q '^All done in the machine' "$build/machine.log"; then
-  cat "$build/machine.log" >&2
-  fail "the machine failed, or took longer than $limit s; above is its console"
+trap 'rm -f "$build/machine.cpio.gz"' EXIT
+step "made the machine's file system" scripts/crossing/machine_files.sh "$root" "$libraries" "$build" \
+  ${left_out:+"$left_out"}
+[ -z "$left_out" ] ||
+  printf 'left out: %s tests that %s, see %s\n' "$(grep -c '^[a-z]' "$left_out")" "$reason" "$left_out"
+started=$(now) status=0
+boot || status=$?
+running=$(sed -n 's/^runs  //p' "$log" | tail -n 1)
+reason=$(sed -n 's/^Failed in the machine: /failed in the machine: /p' "$log")
+if [ $(($(now) - started)) -ge $((limit * 1000)) ]; then
+  reason="the machine was ended after $limit s while it ran ${running:-nothing}"
+elif [ "$status" -ne 0 ]; then
+  reason="${emulator[0]} ended with status $status while it ran ${running:-nothing}"
+else
+  reason=${reason:-the machine ended while it ran ${running:-nothing}}
 fi
+summary=$(sed -n 's/^All done in the machine: //p' "$log")
+if [ "$status" -ne 0 ] || [ -z "$summary" ]; then
+  sed '/^runs  /d' "$log" >&2
+  fail "$reason; above is its console"
+fi
+printf 'ok  %s in the machine (%s s)\n' "$summary" "$(seconds $(($(now) - started)))"

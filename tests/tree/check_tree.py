@@ -48,7 +48,7 @@ USERS_OF_PACKAGES = {
     "chromium-driver": ("tests/support/browser.py", '"chromedriver"'),
     "clang": ("CMakePresets.json", "clang++"),
     "clang-format": ("tests/tree/check_tree.py", '"clang-format", "--dry-run"'),
-    "cpio": ("scripts/crossing/machine.sh", "cpio -o"),
+    "cpio": ("scripts/crossing/machine_files.sh", "cpio -o"),
     "debian-archive-keyring": ("scripts/crossing/archive.sh", "debian-archive-keyring.gpg"),
     "debootstrap": ("tests/support/debian.py", '"debootstrap"'),
     "dpkg-dev": ("packaging/CMakeLists.txt", "CPACK_DEBIAN_PACKAGE_SHLIBDEPS"),
