@@ -21,13 +21,19 @@ class EventStreams {
   /// Unsent bytes at which a stream counts as one that does not read.
   static constexpr size_t longestQueue = 256UL * 1024;
 
+  /// How much of the picture a stream has got: the ids of the last of each.
+  struct Cursor {
+    uint32_t port = 0;
+    uint32_t pinhole = 0;
+  };
+
   class Source {
    public:
     virtual ~Source() = default;
     /// The events with which a stream begins.
     [[nodiscard]] virtual std::string beginning() = 0;
-    /// The next ports with an id above `cursor`, which moves; empty: there are none.
-    [[nodiscard]] virtual std::string portion(uint32_t& cursor) = 0;
+    /// The next ports or pinholes with ids above `cursor`, which moves; empty: there are none.
+    [[nodiscard]] virtual std::string portion(Cursor& cursor) = 0;
     /// After the last portion.
     [[nodiscard]] virtual std::string ending() = 0;
   };
@@ -55,7 +61,7 @@ class EventStreams {
     MHD_Connection* connection = nullptr;
     Ipv4Address host;
     std::string queue = {};
-    uint32_t cursor = 0;
+    Cursor cursor = {};
     bool complete = false;   // all portions are sent
     bool suspended = false;  // libmicrohttpd waits until there is something to send
     bool dropped = false;

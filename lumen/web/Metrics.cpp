@@ -35,17 +35,35 @@ class Exposition {
   std::string text_;
 };
 
+/// How many, by protocol and service.
+using ByOwner = std::map<std::pair<std::string, std::string>, uint64_t>;
+
+void addByOwner(Exposition& out, const char* name, const char* help, const ByOwner& numbers) {
+  out.begin(name, "gauge", help);
+  for (const auto& [key, number] : numbers) {
+    out.add({{"protocol", key.first}, {"service", key.second}}, number);
+  }
+}
+
 void addPorts(Exposition& out, const Picture& picture) {
-  std::map<std::pair<std::string, std::string>, uint64_t> open;
+  ByOwner open;
+  ByOwner leased;
   uint64_t connections = 0;
   for (const auto& [id, rule] : picture.rules) {
-    if (rule.state() == lumenctl::PortState::open) ++open[{rule.protocolName(), rule.owner}];
     connections += rule.connections.value_or(0);
+    if (rule.state() != lumenctl::PortState::open) continue;
+    ++open[{rule.protocolName(), rule.owner}];
+    if (rule.left) ++leased[{rule.protocolName(), rule.owner}];
   }
-  out.begin("palinode_ports_open", "gauge", "Open ports, by protocol and service.");
-  for (const auto& [key, count] : open) {
-    out.add({{"protocol", key.first}, {"service", key.second}}, count);
+  ByOwner pinholes;
+  for (const auto& [id, pinhole] : picture.pinholes) {
+    ++pinholes[{pinhole.protocolName(), pinhole.owner}];
   }
+  addByOwner(out, "palinode_ports_open", "Open ports, by protocol and service.", open);
+  addByOwner(out, "palinode_ports_leased", "Those of the open ports that end with a lease.",
+             leased);
+  addByOwner(out, "palinode_pinholes_open", "Open ports of IPv6 hosts, by protocol and service.",
+             pinholes);
   out.begin("palinode_port_connections", "gauge", "Connections through open ports.");
   out.add({}, connections);
   out.begin("palinode_port_refusals_total", "counter",

@@ -39,7 +39,8 @@ struct Picture {
   Milliseconds since;  ///< when the gateway's state and external address were last seen to change
   lumenctl::Findings findings;
   std::vector<lumenctl::UsedInterface> interfaces;
-  std::map<uint32_t, lumenctl::NatRule> rules;  ///< by id
+  std::map<uint32_t, lumenctl::NatRule> rules;     ///< by id
+  std::map<uint32_t, lumenctl::Pinhole> pinholes;  ///< by id
   std::vector<lumenctl::Service> services;
   uint64_t platformMemory = 0;  ///< bytes of resident memory of lumend; 0: not known
   std::map<std::string, lumenctl::Counters> counters;  ///< of external interfaces, by name
@@ -51,6 +52,11 @@ struct Picture {
   [[nodiscard]] std::vector<lumenctl::NatRule> ruleList() const {
     std::vector<lumenctl::NatRule> list;
     for (const auto& [id, rule] : rules) list.push_back(rule);
+    return list;
+  }
+  [[nodiscard]] std::vector<lumenctl::Pinhole> pinholeList() const {
+    std::vector<lumenctl::Pinhole> list;
+    for (const auto& [id, pinhole] : pinholes) list.push_back(pinhole);
     return list;
   }
 };

@@ -136,10 +136,37 @@ std::string portRows(const Picture& picture, const HostNames& names) {
   for (const lumenctl::NatRule& rule : rules) {
     const StateWord state = lumenctl::wordFor(rule.state());
     rows += "<tr><th scope=\"row\" class=\"number\">" + std::to_string(rule.external.port) +
-            "</th>" + cell(rule.protocolName()) + cell(names.of(rule.client.address)) +
-            cell(state.text, className(state.colour)) + cell(lumenctl::duration(rule.openFor)) +
+            "</th>" + cell(rule.protocolName()) +
+            cell(rule.from.empty() ? "anywhere" : rule.from, "from") +
+            cell(names.of(rule.client.address)) + cell(state.text, className(state.colour)) +
+            cell(lumenctl::duration(rule.openFor), "time") +
+            cell(rule.left ? lumenctl::duration(*rule.left) : "", "time lease") +
             cell(numberOrMark(rule.connections), "number") +
             cell(numberOrMark(rule.uses), "number") + cell(rule.owner) + "</tr>";
+  }
+  return rows;
+}
+
+/// The classes of the table of ports that hide the columns in which no port has anything to say.
+std::string hiddenColumns(const Picture& picture) {
+  bool from = false;
+  bool lease = false;
+  for (const auto& [id, rule] : picture.rules) {
+    from = from || !rule.from.empty();
+    lease = lease || rule.left;
+  }
+  return std::string(from ? "" : " no-from") + (lease ? "" : " no-lease");
+}
+
+std::string pinholeRows(const Picture& picture) {
+  std::vector<lumenctl::Pinhole> pinholes = picture.pinholeList();
+  lumenctl::sortByHost(pinholes);
+  std::string rows;
+  for (const lumenctl::Pinhole& pinhole : pinholes) {
+    rows += "<tr><th scope=\"row\" class=\"number\">" + std::to_string(pinhole.port) + "</th>" +
+            cell(pinhole.protocolName()) + cell(pinhole.host) +
+            cell(lumenctl::duration(pinhole.openFor), "time") +
+            cell(lumenctl::duration(pinhole.left), "time") + cell(pinhole.owner) + "</tr>";
   }
   return rows;
 }
@@ -199,6 +226,20 @@ std::string portJson(const lumenctl::NatRule& rule, const HostNames& names) {
       .addJson("connections", numberOrNull(rule.connections))
       .addJson("uses", numberOrNull(rule.uses))
       .add("owner", rule.owner)
+      .add("from", rule.from)
+      .addJson("left", rule.left ? std::to_string(rule.left->count()) : "null")
+      .text();
+}
+
+std::string pinholeJson(const lumenctl::Pinhole& pinhole) {
+  return JsonObject()
+      .add("id", pinhole.id)
+      .add("port", pinhole.port)
+      .add("protocol", pinhole.protocolName())
+      .add("host", pinhole.host)
+      .add("seconds", pinhole.openFor.count())
+      .add("left", pinhole.left.count())
+      .add("owner", pinhole.owner)
       .text();
 }
 
@@ -221,6 +262,7 @@ std::string event(std::string_view name, std::string_view data) {
 
 std::string pageOf(std::string_view form, const Picture& picture, const HostNames& names) {
   const auto hiddenIf = [](bool hidden) { return std::string(hidden ? " hidden" : ""); };
+  const bool none = picture.rules.empty() && picture.pinholes.empty();
   std::string page;
   while (true) {
     const size_t begin = form.find("{{");
@@ -232,8 +274,11 @@ std::string pageOf(std::string_view form, const Picture& picture, const HostName
     if (mark == "interfaces") page += interfaceRows(picture);
     if (mark == "ports") page += portRows(picture, names);
     if (mark == "lately") page += happeningItems(picture);
+    if (mark == "ports-columns") page += hiddenColumns(picture);
     if (mark == "ports-hidden") page += hiddenIf(picture.rules.empty());
-    if (mark == "no-port-hidden") page += hiddenIf(!picture.rules.empty());
+    if (mark == "pinholes") page += pinholeRows(picture);
+    if (mark == "pinholes-hidden") page += hiddenIf(picture.pinholes.empty());
+    if (mark == "no-port-hidden") page += hiddenIf(!none);
     if (mark == "nothing-hidden") page += hiddenIf(!picture.happenings.empty());
     form.remove_prefix(end + 2);
   }

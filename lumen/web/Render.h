@@ -13,6 +13,7 @@ namespace lumen::web {
 /// For the script of the page, each in JSON.
 [[nodiscard]] std::string stateJson(const Picture& picture);
 [[nodiscard]] std::string portJson(const lumenctl::NatRule& rule, const HostNames& names);
+[[nodiscard]] std::string pinholeJson(const lumenctl::Pinhole& pinhole);
 [[nodiscard]] std::string happeningJson(const Happening& happening);
 [[nodiscard]] std::string sampleJson(const Sample& sample);
 

@@ -16,6 +16,7 @@
 #include "platform/wire/Broker.h"
 #include "platform/wire/Interfaces.h"
 #include "platform/wire/NatRules.h"
+#include "platform/wire/Pinholes.h"
 
 namespace lumen::web {
 
@@ -67,6 +68,7 @@ std::vector<RouterView::Topic> RouterView::topics() {
           {lm::interfaces::roleChanged, lm::interfaces::path()},
           {lm::cmd::changed, lm::addresses::path()},
           {lm::cmd::changed, lm::nat::path()},
+          {lm::cmd::changed, lm::pinholes::path()},
           {lm::cmd::changed, lm::nat::logPath()}};
 }
 
@@ -99,6 +101,8 @@ void RouterView::notified(const lm::message& news) {
   };
   if (source == lm::nat::path()) {
     each(&RouterView::takeRule);
+  } else if (source == lm::pinholes::path()) {
+    each(&RouterView::takePinhole);
   } else if (source == lm::nat::logPath()) {
     each(&RouterView::takePortEvent);
   } else if (source == historyPath) {
@@ -236,6 +240,7 @@ void RouterView::readPorts() {
   for (const lm::message& record : refused.get_message_array_ref(lm::key::records)) {
     picture_.refusedPorts.emplace_back(record);
   }
+  readPinholes();
   const auto before = std::exchange(picture_.rules, std::move(rules));
   portsReadAt_ = clock_.now();
   if (reading_) return;
@@ -245,6 +250,14 @@ void RouterView::readPorts() {
         known->second.uses != rule.uses) {
       listener_.portChanged(rule);
     }
+  }
+}
+
+void RouterView::readPinholes() {
+  picture_.pinholes.clear();
+  for (const lm::message& record : table(lm::pinholes::path())) {
+    lumenctl::Pinhole pinhole(record);
+    picture_.pinholes.insert_or_assign(pinhole.id, std::move(pinhole));
   }
 }
 
@@ -306,6 +319,16 @@ void RouterView::takeRule(const lm::message& record) {
   picture_.rules.insert_or_assign(id, rule);
   portsReadAt_.reset();  // its numbers of connections are not known
   listener_.portChanged(rule);
+}
+
+void RouterView::takePinhole(const lm::message& record) {
+  const lumenctl::Pinhole pinhole(record);
+  if (record.get_u32(lm::key::removed) != 0) {
+    if (picture_.pinholes.erase(pinhole.id) != 0) listener_.pinholeClosed(pinhole.id);
+    return;
+  }
+  picture_.pinholes.insert_or_assign(pinhole.id, pinhole);
+  listener_.pinholeChanged(pinhole);
 }
 
 void RouterView::takePortEvent(const lm::message& record) {

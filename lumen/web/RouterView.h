@@ -26,6 +26,8 @@ class RouterView {
     virtual void stateChanged() = 0;
     virtual void portChanged(const lumenctl::NatRule& rule) = 0;
     virtual void portClosed(uint32_t id) = 0;
+    virtual void pinholeChanged(const lumenctl::Pinhole& pinhole) = 0;
+    virtual void pinholeClosed(uint32_t id) = 0;
     virtual void happened(const Happening& happening) = 0;
   };
 
@@ -40,8 +42,8 @@ class RouterView {
   /// Takes a notification.
   void notified(const lm::message& news);
 
-  /// Reads the ports with their numbers of connections, at most once a second. The listener hears
-  /// of those whose numbers have changed.
+  /// Reads the ports with their numbers of connections, and the pinholes, at most once a second.
+  /// The listener hears of ports whose numbers have changed.
   void refreshPorts();
   /// Reads the services, whose memory no notification carries.
   void readServices();
@@ -63,9 +65,11 @@ class RouterView {
   void readGateway();
   void readInterfaces();
   void readPorts();
+  void readPinholes();
   void readPast();
   void judge();
   void takeRule(const lm::message& record);
+  void takePinhole(const lm::message& record);
   void takePortEvent(const lm::message& record);
   void takeChange(const lm::message& record);
   void add(Happening happening);

@@ -194,6 +194,14 @@ void Web::portClosed(uint32_t id) {
   send(event("closed", lumenctl::JsonObject().add("id", id).text()));
 }
 
+void Web::pinholeChanged(const lumenctl::Pinhole& pinhole) {
+  send(event("pinholes", "[" + pinholeJson(pinhole) + "]"));
+}
+
+void Web::pinholeClosed(uint32_t id) {
+  send(event("pinhole-closed", lumenctl::JsonObject().add("id", id).text()));
+}
+
 void Web::happened(const Happening& happening) {
   send(event("happened", "[" + happeningJson(happening) + "]"));
 }
@@ -222,7 +230,7 @@ MHD_Result Web::answer(const HttpServer::Request& request) {
       view_.refreshPorts();
       const Picture& picture = view_.picture();
       return lumenctl::statusJson(picture.gateway, picture.interfaces, picture.ruleList(),
-                                  picture.refusedPorts) +
+                                  picture.refusedPorts, picture.pinholeList()) +
              "\n";
     });
   }
@@ -274,15 +282,20 @@ std::string Web::beginning() {
          event("happened", listOf(happenings)) + event("traffic", listOf(samples));
 }
 
-std::string Web::portion(uint32_t& cursor) {
-  const auto& rules = view_.picture().rules;
-  std::vector<std::string> ports;
-  for (auto it = rules.upper_bound(cursor); it != rules.end() && ports.size() < portsPerPortion;
-       ++it) {
-    ports.push_back(portJson(it->second, names_));
-    cursor = it->first;
-  }
-  return ports.empty() ? std::string() : event("ports", listOf(ports));
+std::string Web::portion(EventStreams::Cursor& cursor) {
+  const auto next = [](const char* name, const auto& all, uint32_t& last, const auto& json) {
+    std::vector<std::string> some;
+    for (auto it = all.upper_bound(last); it != all.end() && some.size() < portsPerPortion; ++it) {
+      some.push_back(json(it->second));
+      last = it->first;
+    }
+    return some.empty() ? std::string() : event(name, listOf(some));
+  };
+  const Picture& picture = view_.picture();
+  const auto portText = [this](const lumenctl::NatRule& rule) { return portJson(rule, names_); };
+  const std::string ports = next("ports", picture.rules, cursor.port, portText);
+  if (!ports.empty()) return ports;
+  return next("pinholes", picture.pinholes, cursor.pinhole, pinholeJson);
 }
 
 std::string Web::ending() { return event("complete", "{}"); }

@@ -57,11 +57,13 @@ class Web : public lm::Handler,
   void stateChanged() override;
   void portChanged(const lumenctl::NatRule& rule) override;
   void portClosed(uint32_t id) override;
+  void pinholeChanged(const lumenctl::Pinhole& pinhole) override;
+  void pinholeClosed(uint32_t id) override;
   void happened(const Happening& happening) override;
   [[nodiscard]] bool isOwn(std::string_view hostHeader) const override;
   [[nodiscard]] MHD_Result answer(const HttpServer::Request& request) override;
   [[nodiscard]] std::string beginning() override;
-  [[nodiscard]] std::string portion(uint32_t& cursor) override;
+  [[nodiscard]] std::string portion(EventStreams::Cursor& cursor) override;
   [[nodiscard]] std::string ending() override;
 
   void start();

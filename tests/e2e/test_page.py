@@ -3,14 +3,16 @@
 import html
 import os
 import pathlib
+import struct
 import tempfile
 import unittest
 
-from support import axe
+from support import axe, pcp
 from support.browser import ENTER, TAB, Browser, missing_programs
 from support.network import LAN_ADDRESS, WAN_ADDRESS, WAN_LINK
 from support.router import PROGRAMS
 from support.router_case import RouterCase
+from test_pinholes import LAN_HOST, PinholeCase
 
 PAGE = f"http://{LAN_ADDRESS}/"
 PICTURES = PROGRAMS.parent / "page"  # of the last run
@@ -22,7 +24,7 @@ MARKUP = "<img src=x onerror=document.title='taken'>"
 
 
 @unittest.skipIf(missing_programs(), f"not installed: {', '.join(missing_programs())}")
-class PageTest(RouterCase):
+class PageCase(RouterCase):
     def setUp(self):
         super().setUp()
         self.router.lumenctl("web", "on")
@@ -53,6 +55,25 @@ class PageTest(RouterCase):
         self.wait_until(lambda: text in (browser.text(selector) or ""),
                         f"{selector} shows {text!r}")
 
+    def check_each_screen(self, browser, pictures, part="connection"):
+        """Shows that part of the page on a phone and on a wide screen, in both colour schemes."""
+        for name, screen in {"phone": PHONE, "desktop": DESKTOP}.items():
+            for dark in (False, True):
+                with self.subTest(screen=name, dark=dark):
+                    browser.show_as(**screen, dark=dark)
+                    too_wide = browser.run("return document.documentElement.scrollWidth - "
+                                           "document.documentElement.clientWidth;")
+                    self.assertLessEqual(too_wide, 0)
+                    self.assertEqual(axe.violations(browser), [])
+                    browser.run("document.getElementById(arguments[0]).scrollIntoView();", part)
+                    scheme = "dark" if dark else "light"
+                    browser.save_picture(PICTURES / f"{pictures}{name}-{scheme}.png")
+                    grounds = browser.run("return getComputedStyle(document.body).backgroundColor;")
+                    brightness = max(int(c) for c in grounds.strip("rgba()").split(",")[:3])
+                    self.assertEqual(brightness < 128, dark, grounds)
+
+
+class PageTest(PageCase):
     # Promise: The page shows a port that opens or closes, and a link that goes down or
     # comes up, without being loaded again.
     def test_a_port_appears_when_it_opens_and_disappears_when_it_closes(self):
@@ -123,19 +144,7 @@ class PageTest(RouterCase):
             self.host.open_port(port, "TCP")
         browser = self.live_browser()
         self.wait_for_text(browser, "#ports", "8089")
-        for name, screen in {"phone": PHONE, "desktop": DESKTOP}.items():
-            for dark in (False, True):
-                with self.subTest(screen=name, dark=dark):
-                    browser.show_as(**screen, dark=dark)
-                    too_wide = browser.run("return document.documentElement.scrollWidth - "
-                                           "document.documentElement.clientWidth;")
-                    self.assertLessEqual(too_wide, 0)
-                    self.assertEqual(axe.violations(browser), [])
-                    scheme = "dark" if dark else "light"
-                    browser.save_picture(PICTURES / f"{name}-{scheme}.png")
-                    grounds = browser.run("return getComputedStyle(document.body).backgroundColor;")
-                    brightness = max(int(c) for c in grounds.strip("rgba()").split(",")[:3])
-                    self.assertEqual(brightness < 128, dark, grounds)
+        self.check_each_screen(browser, "")
 
     # Promise: Everything on it is reached and used by keyboard.
     def test_it_is_used_by_keyboard(self):
@@ -202,6 +211,83 @@ class NamedHostTest(PageTest):
         self.wait_for_text(browser, "#ports", self.name)
         self.assertEqual(browser.run("return document.images.length;"), 0)
         self.assertEqual(self.browser(scripts=False).text("#ports th"), "8080")
+
+
+class LanguagesTest(PageCase, PinholeCase):
+    """A port of each language, and one of an IPv6 host."""
+
+    def setUp(self):
+        super().setUp()
+        self.host.open_port(8080, "TCP")
+        # FILTER (RFC 6887 section 13.3): of the WAN network only, at any port.
+        some = struct.pack("!BxH", 3, 20) + struct.pack("!xBH", 96 + 24, 0) + pcp.mapped("45.45.45.0")
+        for request in (pcp.natpmp_map(pcp.UDP, 5060, 5060),
+                        pcp.pcp_map(pcp.TCP, 8443, 8443, host=self.host.address, options=some)):
+            with self.host.udp(to=(LAN_ADDRESS, pcp.PORT)) as sock:
+                sock.settimeout(5)
+                sock.send(request)
+                self.assertEqual(sock.recv(100)[3], 0)
+        self.assertEqual(self.map(pcp.TCP, 51413)[0], 0)
+
+    def cell(self, browser, table, port, heading):
+        """The text of a port's cell under that heading; None: it is not shown."""
+        return browser.run("""
+            const table = document.getElementById(arguments[0]).closest('table');
+            const at = [...table.tHead.rows[0].cells].findIndex(h => h.textContent === arguments[2]);
+            const row = [...table.tBodies[0].rows].find(r => r.cells[0].textContent === arguments[1]);
+            return row && row.cells[at].offsetParent ? row.cells[at].textContent : null;
+            """, table, str(port), heading)
+
+    # Promise: The page shows which service opened each port, from where alone it is reached and when its
+    # lease ends, and the open ports of IPv6 hosts; what is left counts down by itself.
+    def test_it_shows_who_opened_a_port_and_when_it_ends(self):
+        for browser in (self.browser(scripts=False), self.live_browser()):
+            self.wait_for_text(browser, "#pinholes", "51413")
+            self.wait_for_text(browser, "#ports", "8443")
+            for port, owner, source in ((8080, "upnp", "anywhere"), (5060, "pcp", "anywhere"),
+                                        (8443, "pcp", "45.45.45.0/24")):
+                self.assertEqual(self.cell(browser, "ports", port, "Opened by"), owner)
+                self.assertEqual(self.cell(browser, "ports", port, "From"), source)
+            self.assertEqual(self.cell(browser, "ports", 8080, "Ends in"), "")
+            self.assertRegex(self.cell(browser, "ports", 5060, "Ends in"), r"^(1 h|59 min .*)$")
+            self.assertEqual(self.cell(browser, "pinholes", 51413, "IPv6 host"), LAN_HOST)
+            self.assertEqual(self.cell(browser, "pinholes", 51413, "Opened by"), "pcp")
+        browser.run("window.row = document.querySelector('#pinholes tr');")
+        for table, port in (("ports", 5060), ("pinholes", 51413)):
+            before = self.cell(browser, table, port, "Ends in")
+            self.wait_until(lambda: self.cell(browser, table, port, "Ends in") != before,
+                            "what is left is less")
+        self.assertTrue(browser.run("return window.row.isConnected;"), "it was not drawn again")
+
+    def test_a_port_of_an_ipv6_host_comes_and_goes(self):
+        browser = self.live_browser()
+        self.wait_for_text(browser, "#pinholes", "51413")
+        self.map(pcp.UDP, 51414)
+        self.wait_for_text(browser, "#pinholes", "51414")
+        self.assertIn("new", self.cell(browser, "pinholes", 51414, "IPv6 host"))
+        for protocol, port in ((pcp.UDP, 51414), (pcp.TCP, 51413)):
+            self.map(protocol, port, lifetime=0)
+        self.wait_until(lambda: not browser.text("#pinholes"), "they have gone")
+        self.assertTrue(browser.run("return document.getElementById('pinholes-region').hidden;"))
+
+    def test_columns_that_say_nothing_are_not_there(self):
+        browser = self.live_browser()
+        self.wait_for_text(browser, "#ports", "8443")
+        self.router.lumenctl("pcp", "off")
+        self.wait_until(lambda: "8443" not in browser.text("#ports"), "only one port is left")
+        for heading in ("From", "Ends in"):
+            self.assertIsNone(self.cell(browser, "ports", 8080, heading))
+        self.assertEqual(self.cell(browser, "ports", 8080, "Opened by"), "upnp")
+
+    # No promise, since axe-core may not be there.
+    def test_it_is_usable_on_each_screen_and_in_each_colour_scheme(self):
+        try:
+            axe.script()
+        except axe.Missing as why:
+            self.skipTest(str(why))
+        browser = self.live_browser()
+        self.wait_for_text(browser, "#pinholes", "51413")
+        self.check_each_screen(browser, "languages-", part="ports-heading")
 
 
 if __name__ == "__main__":

@@ -127,6 +127,7 @@ std::string NatRule::protocolName() const { return nameOf(protocol); }
 
 Pinhole::Pinhole(const lm::message& m) {
   lm::pinholes::Record record = lm::pinholes::readRecord(m);
+  id = record.id;
   host = std::move(record.pinhole.address);
   protocol = record.pinhole.protocol;
   port = record.pinhole.port;

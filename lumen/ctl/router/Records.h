@@ -90,6 +90,7 @@ struct Pinhole {
   /// "tcp" or "udp".
   [[nodiscard]] std::string protocolName() const;
 
+  uint32_t id = 0;
   std::string host;  ///< its address
   uint32_t protocol = 0;
   uint32_t port = 0;

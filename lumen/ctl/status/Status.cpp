@@ -60,10 +60,7 @@ void Status::findUnreachable(const GatewaySockets& sockets) {
 }
 
 Json Status::json() const {
-  Json all = Json::parse(statusJson(gateway, interfaces, rules, refusals));
-  // The status page, which serves the same, does not know them.
-  if (!pinholes.empty()) all["pinholes"] = Json::parse(pinholesJson(pinholes));
-  return all;
+  return Json::parse(statusJson(gateway, interfaces, rules, refusals, pinholes));
 }
 
 std::string refusalText(const PortEvent& refusal) {

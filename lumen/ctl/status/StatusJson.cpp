@@ -108,7 +108,8 @@ std::string pinholesJson(std::vector<Pinhole> pinholes) {
 }
 
 std::string statusJson(GatewayState gateway, const std::vector<UsedInterface>& interfaces,
-                       const std::vector<NatRule>& rules, const std::vector<PortEvent>& refusals) {
+                       const std::vector<NatRule>& rules, const std::vector<PortEvent>& refusals,
+                       const std::vector<Pinhole>& pinholes) {
   JsonList uses;
   for (const UsedInterface& used : interfaces) uses.addJson(interfaceJson(used));
   JsonList refused;
@@ -119,6 +120,7 @@ std::string statusJson(GatewayState gateway, const std::vector<UsedInterface>& i
       .addJson("interfaces", uses.text())
       .addJson("ports", portsJson(rules))
       .addJson("refused_ports", refused.text())
+      .addJson("pinholes", pinholesJson(pinholes))
       .text();
 }
 

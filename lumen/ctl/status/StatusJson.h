@@ -24,11 +24,12 @@ void sortByHost(std::vector<Pinhole>& pinholes);
 /// A list of the ports of IPv6 hosts.
 [[nodiscard]] std::string pinholesJson(std::vector<Pinhole> pinholes);
 
-/// An object of the version, the gateway's state, the interfaces, the ports and the newest refusals
-/// at ports of the router's own programs.
+/// An object of the version, the gateway's state, the interfaces, the ports, the newest refusals at
+/// ports of the router's own programs, and the ports of IPv6 hosts.
 [[nodiscard]] std::string statusJson(GatewayState gateway,
                                      const std::vector<UsedInterface>& interfaces,
                                      const std::vector<NatRule>& rules,
-                                     const std::vector<PortEvent>& refusals);
+                                     const std::vector<PortEvent>& refusals,
+                                     const std::vector<Pinhole>& pinholes);
 
 }  // namespace lumenctl

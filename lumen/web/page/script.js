@@ -1,9 +1,14 @@
 'use strict';
 // Keeps the page up to date from /events. All that comes in is put in as text, never as markup.
 (function () {
-  var ports = new Map();
+  // What the tables show: open ports, and those of IPv6 hosts.
+  var lists = {
+    ports: { id: 'ports', cellsOf: portCells, entries: new Map(),
+      order: { by: 'port', down: false } },
+    pinholes: { id: 'pinholes', cellsOf: pinholeCells, entries: new Map(),
+      order: { by: 'host', down: false } }
+  };
   var traffic = new Map();
-  var order = { by: 'port', down: false };
   var complete = false;
   var freshFor = 10000;
   var goneFor = 3000;
@@ -85,53 +90,119 @@
     }));
   }
 
-  function rowOf(port) {
+  function portCells(port) {
+    return [
+      make('td', port.protocol),
+      make('td', port.from || 'anywhere', 'from'),
+      make('td', port.host),
+      make('td', port.goneAt ? 'closed' : port.state, port.colour + ' mark'),
+      ticking(make('td', null, 'time'), port, secondsOf),
+      ticking(make('td', null, 'time lease'), port, secondsLeft),
+      make('td', port.connections === null ? '?' : port.connections, 'number'),
+      make('td', port.uses === null ? '?' : port.uses, 'number'),
+      make('td', port.owner)
+    ];
+  }
+
+  function pinholeCells(pinhole) {
+    var host = make('td', pinhole.host, 'mark');
+    if (pinhole.goneAt) addTag(host, 'closed');
+    return [
+      make('td', pinhole.protocol),
+      host,
+      ticking(make('td', null, 'time'), pinhole, secondsOf),
+      ticking(make('td', null, 'time'), pinhole, secondsLeft),
+      make('td', pinhole.owner)
+    ];
+  }
+
+  function rowOf(entry, cellsOf) {
     var row = make('tr');
-    var name = make('th', port.port, 'number');
+    var name = make('th', entry.port, 'number');
     name.scope = 'row';
     row.appendChild(name);
-    row.appendChild(make('td', port.protocol));
-    row.appendChild(make('td', port.host));
-    row.appendChild(make('td', port.state, port.colour));
-    row.appendChild(make('td', duration(secondsOf(port))));
-    row.appendChild(make('td', port.connections === null ? '?' : port.connections, 'number'));
-    row.appendChild(make('td', port.uses === null ? '?' : port.uses, 'number'));
-    row.appendChild(make('td', port.owner));
-    if (port.goneAt) {
+    cellsOf(entry).forEach(function (cell) { row.appendChild(cell); });
+    if (entry.goneAt) {
       row.className = 'gone';
       // A row that is drawn again goes on where it was.
-      row.style.animationDelay = (port.goneAt - Date.now()) + 'ms';
-      row.cells[3].textContent = 'closed';
-    } else if (port.freshUntil > Date.now()) {
+      row.style.animationDelay = (entry.goneAt - Date.now()) + 'ms';
+    } else if (entry.freshUntil > Date.now()) {
       row.className = 'fresh';
-      row.cells[3].appendChild(document.createTextNode(' '));
-      row.cells[3].appendChild(make('span', 'new', 'tag'));
+      addTag(row.querySelector('.mark'), 'new');
     }
     return row;
   }
 
-  function secondsOf(port) {
-    return port.seconds + (Date.now() - port.readAt) / 1000;
+  function addTag(cell, word) {
+    cell.appendChild(document.createTextNode(' '));
+    cell.appendChild(make('span', word, 'tag'));
+  }
+
+  function secondsOf(entry) {
+    return entry.seconds + ((entry.goneAt || Date.now()) - entry.readAt) / 1000;
+  }
+
+  // Of an entry without a lease, null.
+  function secondsLeft(entry) {
+    if (entry.left === null) return null;
+    return Math.max(0, Math.ceil(entry.left - ((entry.goneAt || Date.now()) - entry.readAt) / 1000));
+  }
+
+  // Cells whose texts change as time passes.
+  var clocks = [];
+  function ticking(cell, entry, seconds) {
+    var clock = { cell: cell, entry: entry, seconds: seconds, text: '' };
+    clocks.push(clock);
+    tick(clock);
+    return cell;
+  }
+
+  function tick(clock) {
+    var seconds = clock.seconds(clock.entry);
+    var text = seconds === null ? '' : duration(seconds);
+    if (text !== clock.text) clock.cell.textContent = clock.text = text;
+  }
+
+  function valueOf(entry, by) {
+    if (by === 'seconds') return secondsOf(entry);
+    // What does not end comes after all that does.
+    if (by === 'left') return entry.left === null ? Infinity : secondsLeft(entry);
+    return entry[by];
+  }
+
+  function showEntries(list, text) {
+    var shown = [];
+    list.entries.forEach(function (entry) {
+      var all = [entry.port + '/' + entry.protocol, entry.from || '', entry.host, entry.state || '',
+        entry.owner].join(' ');
+      if (all.toLowerCase().indexOf(text) >= 0) shown.push(entry);
+    });
+    shown.sort(function (a, b) {
+      var x = valueOf(a, list.order.by);
+      var y = valueOf(b, list.order.by);
+      var found = x < y ? -1 : x > y ? 1 : a.port - b.port || a.id - b.id;
+      return list.order.down ? -found : found;
+    });
+    fill(byId(list.id), shown.map(function (entry) { return rowOf(entry, list.cellsOf); }));
+    byId(list.id + '-region').hidden = list.entries.size === 0;
   }
 
   function showPorts() {
     if (!complete) return;
     var text = byId('filter-text').value.trim().toLowerCase();
-    var shown = [];
-    ports.forEach(function (port) {
-      var all = [port.port + '/' + port.protocol, port.host, port.state, port.owner].join(' ');
-      if (all.toLowerCase().indexOf(text) >= 0) shown.push(port);
+    clocks = [];
+    showEntries(lists.ports, text);
+    showEntries(lists.pinholes, text);
+    var from = false;
+    var lease = false;
+    lists.ports.entries.forEach(function (port) {
+      from = from || port.from !== '';
+      lease = lease || port.left !== null;
     });
-    shown.sort(function (a, b) {
-      var x = order.by === 'seconds' ? secondsOf(a) : a[order.by];
-      var y = order.by === 'seconds' ? secondsOf(b) : b[order.by];
-      var found = x < y ? -1 : x > y ? 1 : a.port - b.port || a.id - b.id;
-      return order.down ? -found : found;
-    });
-    fill(byId('ports'), shown.map(rowOf));
-    var none = ports.size === 0;
+    byId('ports-region').classList.toggle('no-from', !from);
+    byId('ports-region').classList.toggle('no-lease', !lease);
+    var none = lists.ports.entries.size + lists.pinholes.entries.size === 0;
     byId('no-port').hidden = !none;
-    byId('ports-region').hidden = none;
     byId('filter').hidden = none;
   }
 
@@ -141,25 +212,25 @@
     redraw = setTimeout(function () { redraw = null; showPorts(); }, 100);
   }
 
-  function addPort(port) {
-    var before = ports.get(port.id);
-    port.readAt = Date.now();
-    port.freshUntil = before ? before.freshUntil : 0;
+  function add(list, entry) {
+    var before = list.entries.get(entry.id);
+    entry.readAt = Date.now();
+    entry.freshUntil = before ? before.freshUntil : 0;
     if (complete && !before) {
-      port.freshUntil = Date.now() + freshFor;
+      entry.freshUntil = Date.now() + freshFor;
       setTimeout(portsChanged, freshFor + 50);
     }
-    if (before && port.connections === null) port.connections = before.connections;
-    if (before && port.uses === null) port.uses = before.uses;
-    ports.set(port.id, port);
+    if (before && entry.connections === null) entry.connections = before.connections;
+    if (before && entry.uses === null) entry.uses = before.uses;
+    list.entries.set(entry.id, entry);
   }
 
-  function closePort(id) {
-    var port = ports.get(id);
-    if (!port || port.goneAt) return;
-    port.goneAt = Date.now();
+  function close(list, id) {
+    var entry = list.entries.get(id);
+    if (!entry || entry.goneAt) return;
+    entry.goneAt = Date.now();
     setTimeout(function () {
-      if (ports.get(id) === port) ports.delete(id);
+      if (list.entries.get(id) === entry) list.entries.delete(id);
       portsChanged();
     }, goneFor);
   }
@@ -246,20 +317,29 @@
     }
     on('begin', function () {
       complete = false;
-      ports = new Map();
+      lists.ports.entries = new Map();
+      lists.pinholes.entries = new Map();
       traffic = new Map();
       fill(byId('lately'), []);
       byId('nothing').hidden = false;
     });
     on('state', showState);
-    on('ports', function (list) { list.forEach(addPort); portsChanged(); });
+    on('ports', function (some) {
+      some.forEach(function (port) { add(lists.ports, port); });
+      portsChanged();
+    });
+    on('pinholes', function (some) {
+      some.forEach(function (pinhole) { add(lists.pinholes, pinhole); });
+      portsChanged();
+    });
     on('complete', function () {
       complete = true;
       sayConnection('Live: what changes shows here at once.', false);
       showPorts();
       showTraffic();
     });
-    on('closed', function (closed) { closePort(closed.id); portsChanged(); });
+    on('closed', function (closed) { close(lists.ports, closed.id); portsChanged(); });
+    on('pinhole-closed', function (closed) { close(lists.pinholes, closed.id); portsChanged(); });
     on('happened', function (list) { list.forEach(addHappening); });
     on('traffic', function (list) { list.forEach(addSample); if (complete) showTraffic(); });
     events.onerror = function () {
@@ -275,11 +355,13 @@
     fill(head, [button]);
     button.addEventListener('click', function () {
       var by = head.getAttribute('data-sort');
-      order = { by: by, down: order.by === by && !order.down };
-      Array.prototype.forEach.call(document.querySelectorAll('th[data-sort]'), function (other) {
+      var table = head.parentNode.parentNode.parentNode;
+      var list = lists[table.tBodies[0].id];
+      list.order = { by: by, down: list.order.by === by && !list.order.down };
+      Array.prototype.forEach.call(table.querySelectorAll('th[data-sort]'), function (other) {
         other.removeAttribute('aria-sort');
       });
-      head.setAttribute('aria-sort', order.down ? 'descending' : 'ascending');
+      head.setAttribute('aria-sort', list.order.down ? 'descending' : 'ascending');
       showPorts();
     });
   });
@@ -296,6 +378,8 @@
     selection.addRange(range);
     if (document.execCommand('copy')) copy.textContent = 'Copied';
   });
+
+  setInterval(function () { if (!document.hidden) clocks.forEach(tick); }, 1000);
 
   localTimes(document);
   if (window.EventSource) listen();

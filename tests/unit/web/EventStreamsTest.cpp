@@ -47,7 +47,7 @@ struct EventStreamsTest : testing::Test, HttpServer::Site, EventStreams::Source 
     return streams.open(request.connection, request.host);
   }
   [[nodiscard]] std::string beginning() override { return "event: begin\n\n"; }
-  [[nodiscard]] std::string portion(uint32_t& /*cursor*/) override { return {}; }
+  [[nodiscard]] std::string portion(EventStreams::Cursor& /*cursor*/) override { return {}; }
   [[nodiscard]] std::string ending() override { return "event: complete\n\n"; }
 
   void asks() {

@@ -5,6 +5,7 @@
 #include "lumen/web/Render.h"
 #include "platform/wire/Broker.h"
 #include "platform/wire/NatRules.h"
+#include "platform/wire/Pinholes.h"
 #include "support/ManualClock.h"
 
 namespace lumen::web {
@@ -39,6 +40,32 @@ lumenctl::NatRule rule(uint32_t id, uint32_t port, const std::string& owner = "u
   return lumenctl::NatRule(m);
 }
 
+/// One whose lease ends, and that only some remote networks reach.
+lumenctl::NatRule leasedRule(uint32_t id, uint32_t port) {
+  lm::message m;
+  lm::nat::write(m,
+                 lm::nat::Record{.rule = {.port = port,
+                                          .protocol = 17,
+                                          .client = lanHost.bytes(),
+                                          .clientPort = port,
+                                          .lease = 5025,
+                                          .remotes = {{Ipv4Address(198, 51, 100, 0).bytes(), 24}}},
+                                 .id = id,
+                                 .owner = "pcp"});
+  return lumenctl::NatRule(m);
+}
+
+lumenctl::Pinhole pinhole(uint32_t id, const std::string& host, uint32_t port) {
+  lm::message m;
+  lm::pinholes::write(
+      m,
+      lm::pinholes::Record{.pinhole = {.address = host, .protocol = 6, .port = port, .lease = 3600},
+                           .id = id,
+                           .owner = "pcp",
+                           .seconds = 61});
+  return lumenctl::Pinhole(m);
+}
+
 lumenctl::Service service(const std::string& name, const std::string& program, uint64_t memory) {
   lm::message m;
   m.insert_string(lm::broker::listed::name, name);
@@ -59,7 +86,9 @@ struct RenderTest : testing::Test {
     picture.rules.insert_or_assign(7, rule(7, 8080));
   }
   [[nodiscard]] std::string page() const {
-    return pageOf("{{state}}|{{ports}}|{{lately}}", picture, names);
+    return pageOf(
+        "{{state}}|{{ports-columns}}|{{ports}}|{{pinholes-hidden}}|{{pinholes}}|{{lately}}",
+        picture, names);
   }
   [[nodiscard]] bool has(const std::string& text) const {
     return page().find(text) != std::string::npos;
@@ -95,22 +124,64 @@ TEST_F(RenderTest, ShowsNamesOfHostsAsText) {
   EXPECT_TRUE(has("<td>&lt;img src=x onerror=alert(1)&gt;</td>"));
   EXPECT_TRUE(has("&lt;b&gt;opened&lt;/b&gt;"));
   EXPECT_FALSE(has("<img"));
+  EXPECT_TRUE(has(
+      "<th scope=\"row\" class=\"number\">8080</th><td>tcp</td>"
+      "<td class=\"from\">anywhere</td><td>192.168.88.10</td>"
+      "<td class=\"good\">open</td><td class=\"time\">3 min 5 s</td><td class=\"time lease\"></td>"
+      "<td class=\"number\">2</td>"
+      "<td class=\"number\">?</td><td>upnp</td>"));
+}
+
+// Promise: The status page shows which service opened a port, when its lease ends, and from where
+// alone it is reached; a column that would be empty is hidden.
+TEST_F(RenderTest, ShowsTheLeaseAndTheRemoteNetworksOfAPort) {
+  EXPECT_TRUE(has("| no-from no-lease|"));
+  picture.rules.insert_or_assign(8, leasedRule(8, 5060));
+  EXPECT_TRUE(has("</p>||<tr>")) << page();
+  EXPECT_TRUE(has("<td class=\"from\">198.51.100.0/24</td>"));
+  EXPECT_TRUE(has("<td class=\"time lease\">1 h 23 min</td>"));
+  EXPECT_TRUE(has("<td>pcp</td>"));
+  const std::string json = portJson(leasedRule(8, 5060), names);
+  EXPECT_NE(json.find("\"from\":\"198.51.100.0/24\",\"left\":5025}"), std::string::npos) << json;
+}
+
+// Promise: The status page shows the open ports of IPv6 hosts, in the order of the hosts, with the
+// service that opened each and the time left of its lease.
+TEST_F(RenderTest, ShowsThePortsOfIpv6Hosts) {
+  EXPECT_TRUE(has("| hidden||"));
+  picture.pinholes.insert_or_assign(1, pinhole(1, "2001:db8::11", 443));
+  picture.pinholes.insert_or_assign(2, pinhole(2, "2001:db8::10", 8080));
   EXPECT_TRUE(
-      has("<th scope=\"row\" class=\"number\">8080</th><td>tcp</td><td>192.168.88.10</td>"
-          "<td class=\"good\">open</td><td>3 min 5 s</td><td class=\"number\">2</td>"
-          "<td class=\"number\">?</td><td>upnp</td>"));
+      has("||<tr><th scope=\"row\" class=\"number\">8080</th><td>tcp</td><td>2001:db8::10</td>"
+          "<td class=\"time\">1 min 1 s</td><td class=\"time\">1 h</td><td>pcp</td></tr>"
+          "<tr><th scope=\"row\" class=\"number\">443</th>"))
+      << page();
+  EXPECT_EQ(pinholeJson(pinhole(2, "2001:db8::10", 8080)),
+            "{\"id\":2,\"port\":8080,\"protocol\":\"tcp\",\"host\":\"2001:db8::10\","
+            "\"seconds\":61,\"left\":3600,\"owner\":\"pcp\"}");
+}
+
+TEST_F(RenderTest, SaysThatNoPortIsOpenWhenThereIsNoneOfAnyKind) {
+  const auto isHidden = [this] {
+    return pageOf("{{no-port-hidden}}", picture, names) == " hidden";
+  };
+  picture.rules.clear();
+  EXPECT_FALSE(isHidden());
+  picture.pinholes.insert_or_assign(1, pinhole(1, "2001:db8::10", 443));
+  EXPECT_TRUE(isHidden());
 }
 
 TEST_F(RenderTest, PutsAnEventOnOneLine) {
   EXPECT_EQ(event("ports", "[" + portJson(rule(7, 8080, "a\nb"), names) + "]"),
             "event: ports\ndata: [{\"id\":7,\"port\":8080,\"protocol\":\"tcp\",\"host\":"
             "\"192.168.88.10\",\"state\":\"open\",\"colour\":\"good\",\"seconds\":185,"
-            "\"connections\":2,\"uses\":null,\"owner\":\"a\\u000ab\"}]\n\n");
+            "\"connections\":2,\"uses\":null,\"owner\":\"a\\u000ab\",\"from\":\"\","
+            "\"left\":null}]\n\n");
 }
 
-// Promise: The metrics have open ports by protocol and service, refusals by reason,
-// bytes and packets of external interfaces, connections, uptime, version and resident memory of
-// each program.
+// Promise: The metrics have open ports, those with a lease and those of IPv6 hosts by protocol and
+// service, refusals by reason, bytes and packets of external interfaces, connections, uptime,
+// version and resident memory of each program.
 TEST_F(RenderTest, CountsInThePrometheusTextFormat) {
   lm::interfaces::Record carried;
   carried.counters = lm::interfaces::Counters{.bytesReceived = 18446744073709551615U,
@@ -125,10 +196,17 @@ TEST_F(RenderTest, CountsInThePrometheusTextFormat) {
   picture.services = {service("upnp", "palinode-igd", 3'145'728),
                       service("resolver", "lumen-resolver", 0), service("a", "shared", 1),
                       service("b", "shared", 2)};
+  picture.rules.insert_or_assign(8, leasedRule(8, 5060));
+  picture.pinholes.insert_or_assign(1, pinhole(1, "2001:db8::11", 443));
+  picture.pinholes.insert_or_assign(2, pinhole(2, "2001:db8::10", 443));
   const std::string text = metricsOf(picture, 99, 3);
   for (const char* line :
        {"# TYPE palinode_ports_open gauge\npalinode_ports_open{protocol=\"tcp\",service=\"upnp\"} "
-        "1\n",
+        "1\npalinode_ports_open{protocol=\"udp\",service=\"pcp\"} 1\n",
+        "# TYPE palinode_ports_leased "
+        "gauge\npalinode_ports_leased{protocol=\"udp\",service=\"pcp\"} "
+        "1\n#",
+        "palinode_pinholes_open{protocol=\"tcp\",service=\"pcp\"} 2\n",
         "palinode_port_connections 2\n", "palinode_port_refusals_total{reason=\"in_use\"} 5\n",
         "palinode_port_refusals_total{reason=\"policy\"} 0\n",
         "palinode_interface_receive_bytes_total{interface=\"wan0\"} 18446744073709551615\n",

@@ -10,6 +10,7 @@
 #include "platform/Looper.h"
 #include "platform/wire/History.h"
 #include "platform/wire/NatRules.h"
+#include "platform/wire/Pinholes.h"
 #include "support/TestPlatform.h"
 
 namespace lumen::web {
@@ -38,6 +39,15 @@ lm::message refused(uint32_t id) {
   return m;
 }
 
+lm::message pinhole(uint32_t id, const std::string& host) {
+  lm::message m;
+  lm::pinholes::write(
+      m, lm::pinholes::Record{.pinhole = {.address = host, .protocol = 6, .port = 1, .lease = 9},
+                              .id = id,
+                              .owner = "pcp"});
+  return m;
+}
+
 lm::message changed(uint32_t id, const std::string& text) {
   lm::message m;
   m.insert_u32(lm::key::objectId, id);
@@ -61,6 +71,12 @@ struct RouterViewTest : testing::Test, lm::Handler, RouterView::Listener {
   void stateChanged() override {}
   void portChanged(const lumenctl::NatRule& /*rule*/) override {}
   void portClosed(uint32_t /*id*/) override {}
+  void pinholeChanged(const lumenctl::Pinhole& pinhole) override {
+    told.push_back("pinhole " + std::to_string(pinhole.id) + " of " + pinhole.host);
+  }
+  void pinholeClosed(uint32_t id) override {
+    told.push_back("pinhole " + std::to_string(id) + " closed");
+  }
   void happened(const Happening& happening) override { told.push_back(happening.text); }
 
   /// While the table at `path` is read, its record is also on its way as news.
@@ -101,6 +117,22 @@ TEST_F(RouterViewTest, TellsWhatHappensAfterItHasRead) {
   platform.notify(lm::cmd::changed, lm::nat::logPath(), news(opened(8, 8081)));
   ASSERT_EQ(told.size(), 1U);
   EXPECT_NE(told[0].find("port 8081"), std::string::npos);
+}
+
+TEST_F(RouterViewTest, FollowsThePortsOfIpv6Hosts) {
+  servesAndTells(lm::pinholes::path(), pinhole(7, "2001:db8::10"));
+  view.open();
+  ASSERT_EQ(view.picture().pinholes.size(), 1U);
+  EXPECT_EQ(view.picture().pinholes.at(7).host, "2001:db8::10");
+  platform.turn();
+  told.clear();
+  platform.notify(lm::cmd::changed, lm::pinholes::path(), news(pinhole(8, "2001:db8::11")));
+  lm::message gone = pinhole(7, "2001:db8::10");
+  gone.insert_u32(lm::key::removed, 1);
+  platform.notify(lm::cmd::changed, lm::pinholes::path(), news(gone));
+  EXPECT_EQ(told, (std::vector<std::string>{"pinhole 8 of 2001:db8::11", "pinhole 7 closed"}));
+  EXPECT_EQ(view.picture().pinholes.size(), 1U);
+  view.close();
 }
 
 }  // namespace

@@ -89,7 +89,7 @@ TEST_F(Status, ShowsTheRouterInJson) {
             "      \"owner\": \"palinode-igd\",\n      \"seconds\": 185,\n"
             "      \"from\": \"\",\n      \"seconds_left\": null,\n"
             "      \"connections\": 2,\n      \"connections_so_far\": 17\n    }\n  ],\n"
-            "  \"refused_ports\": []\n}\n");
+            "  \"refused_ports\": [],\n  \"pinholes\": []\n}\n");
 }
 
 // Promise: `status` shows the newest refusals at ports of the router's own programs: when, for
