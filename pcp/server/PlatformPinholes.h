@@ -17,6 +17,12 @@ class PlatformPinholes : public Ports {
   [[nodiscard]] std::optional<Failure> renew(
       uint32_t id, uint32_t lifetime, const std::optional<lumen::Ipv4Networks>& remotes) override;
   void remove(uint32_t id) override;
+  /// No other service opens any.
+  [[nodiscard]] std::optional<uint16_t> openByOthers(uint8_t /*protocol*/,
+                                                     const IpAddress& /*external*/,
+                                                     const Endpoint& /*client*/) override {
+    return std::nullopt;
+  }
 
  private:
   lm::Handler& handler_;

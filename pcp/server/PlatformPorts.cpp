@@ -87,4 +87,16 @@ void PlatformPorts::remove(uint32_t id) {
   (void)handler_.exchangeCmd(request, lm::cmd::removeObject, answerLimit, lm::GivenUp::stands);
 }
 
+std::optional<uint16_t> PlatformPorts::openByOthers(uint8_t protocol, const IpAddress& external,
+                                                    const Endpoint& client) {
+  lm::message request = requestTo(lm::nat::path());
+  lm::nat::write(request, lm::nat::Rule{.address = bytesOf(external),
+                                        .protocol = protocol,
+                                        .client = bytesOf(client.address),
+                                        .clientPort = client.port});
+  const lm::message reply = handler_.exchangeCmd(request, lm::nat::findOther, answerLimit);
+  const uint32_t port = lm::isError(reply) ? 0 : reply.get_u32(lm::nat::key::portFirst);
+  return port == 0 ? std::nullopt : std::optional(static_cast<uint16_t>(port));
+}
+
 }  // namespace pcp

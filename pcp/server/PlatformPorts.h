@@ -16,6 +16,8 @@ class PlatformPorts : public Ports {
   [[nodiscard]] std::optional<Failure> renew(
       uint32_t id, uint32_t lifetime, const std::optional<lumen::Ipv4Networks>& remotes) override;
   void remove(uint32_t id) override;
+  [[nodiscard]] std::optional<uint16_t> openByOthers(uint8_t protocol, const IpAddress& external,
+                                                     const Endpoint& client) override;
 
  private:
   lm::Handler& handler_;

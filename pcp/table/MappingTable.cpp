@@ -55,8 +55,7 @@ std::variant<MappingTable::Assigned, ResultCode> MappingTable::map(const Wish& w
   if (!externalOf(wish.client)) return ResultCode::networkFailure;
   forgetEnded(mappings_.lower_bound({wish.client, {}}),
               mappings_.upper_bound({wish.client, {UINT8_MAX, UINT16_MAX}}));
-  const uint32_t lifetime =
-      std::clamp(wish.lifetime, wish.noLonger ? uint32_t{1} : shortest, longest);
+  const uint32_t lifetime = granted(wish.lifetime, wish.noLonger ? 1 : shortest);
   const auto mapping = mappings_.find({wish.client, wish.target});
   return mapping == mappings_.end() ? open(wish, lifetime) : renew(mapping, wish, lifetime);
 }
@@ -179,6 +178,14 @@ ResultCode MappingTable::unmapAll(const IpAddress& client, uint8_t protocol, con
     mapping = forget(mapping);
   }
   return code;
+}
+
+std::optional<Endpoint> MappingTable::openByOthers(const IpAddress& client, Target target) {
+  const auto external = externalOf(client);
+  if (!external || mappings_.contains({client, target})) return std::nullopt;
+  const auto port = ports_.openByOthers(target.protocol, *external, {client, target.port});
+  if (!port) return std::nullopt;
+  return Endpoint{*external, *port};
 }
 
 void MappingTable::ended(uint32_t id) {

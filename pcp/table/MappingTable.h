@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <compare>
 #include <cstddef>
 #include <cstdint>
@@ -78,6 +79,10 @@ class MappingTable {
   /// Ends the mappings of this protocol that have this nonce. An error: others are left.
   [[nodiscard]] ResultCode unmapAll(const IpAddress& client, uint8_t protocol, const Nonce& nonce);
 
+  /// Where the target can be reached already by what another service of the router, or its
+  /// administrator, has opened; none: nowhere, or there is a mapping.
+  [[nodiscard]] std::optional<Endpoint> openByOthers(const IpAddress& client, Target target);
+
   /// The router has closed the port.
   void ended(uint32_t id);
   /// The administrator has closed the port, so that its client cannot open it before the lease is
@@ -86,6 +91,10 @@ class MappingTable {
   /// Ends all mappings.
   void clear();
 
+  /// The lifetime that a client gets which asks for this one.
+  [[nodiscard]] static uint32_t granted(uint32_t lifetime, uint32_t least = shortest) {
+    return std::clamp(lifetime, least, longest);
+  }
   /// How long the lease of a mapping will last, in seconds; none: there is no mapping.
   [[nodiscard]] std::optional<uint32_t> left(const IpAddress& client, Target target) const;
   [[nodiscard]] size_t size() const { return mappings_.size(); }

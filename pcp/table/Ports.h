@@ -53,6 +53,11 @@ class Ports {
   [[nodiscard]] virtual std::optional<Failure> renew(
       uint32_t id, uint32_t lifetime, const std::optional<lumen::Ipv4Networks>& remotes) = 0;
   virtual void remove(uint32_t id) = 0;
+  /// The port of `external` by which another service of the router, or its administrator, has
+  /// opened the client's port; none: they have not.
+  [[nodiscard]] virtual std::optional<uint16_t> openByOthers(uint8_t protocol,
+                                                             const IpAddress& external,
+                                                             const Endpoint& client) = 0;
 };
 
 }  // namespace pcp

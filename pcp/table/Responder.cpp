@@ -158,6 +158,9 @@ Responder::Carried Responder::map(const Request& request, const IpAddress& clien
     }
     return carried;
   };
+  // A port for some networks alone is another one.
+  const auto open = request.filters.empty() ? table_.openByOthers(client, target) : std::nullopt;
+  if (open) return mapStatic(request, *open);
   if (request.lifetime == 0) {
     const ResultCode code = table_.unmap(client, target, wished.nonce);
     if (code != ResultCode::success) return failed(code);
@@ -182,6 +185,22 @@ Responder::Carried Responder::map(const Request& request, const IpAddress& clien
   Carried carried = {.lifetime = assigned.lifetime, .assigned = wished};
   carried.assigned.externalPort = assigned.external.port;
   carried.assigned.externalAddress = assigned.external.address;
+  return carried;
+}
+
+// RFC 6887 sections 11.3 and 15.1.
+Responder::Carried Responder::mapStatic(const Request& request, const Endpoint& open) {
+  if (request.lifetime == 0) return Carried::failed(ResultCode::notAuthorized);
+  const MapData& wished = *request.map;
+  const bool sameAddress =
+      wished.externalAddress.isUnspecified() || wished.externalAddress == open.address;
+  if (request.preferFailure && (wished.externalPort != open.port || !sameAddress)) {
+    return Carried::failed(ResultCode::cannotProvideExternal);
+  }
+  // Not without end: what opened it may close it, and the client then needs a port of its own.
+  Carried carried = {.lifetime = MappingTable::granted(request.lifetime), .assigned = wished};
+  carried.assigned.externalPort = open.port;
+  carried.assigned.externalAddress = open.address;
   return carried;
 }
 

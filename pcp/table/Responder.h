@@ -41,6 +41,8 @@ class Responder {
   [[nodiscard]] Answer answerPcp(std::span<const uint8_t> datagram, const IpAddress& source);
   [[nodiscard]] Carried carryOut(const Request& request, const IpAddress& source);
   [[nodiscard]] Carried map(const Request& request, const IpAddress& client);
+  /// Answers with a port that is open to the client already, by other means than this program.
+  [[nodiscard]] static Carried mapStatic(const Request& request, const Endpoint& open);
 
   MappingTable& table_;
   const Epoch& epoch_;

@@ -138,6 +138,35 @@ def only_from(network, prefix):
 NO_FILTER = only_from("0.0.0.0", 0)
 
 
+class OtherLanguageTest(RouterCase):
+    # Promise: A host that has opened a port by UPnP and asks for it again by PCP is told that port,
+    # cannot close it by PCP, and gets a port of PCP when UPnP has closed it.
+    def test_a_port_that_is_open_by_upnp_is_the_answer_of_pcp(self):
+        self.router.lumenctl("pcp", "on")
+        host = self.lan[0]
+
+        def asks(external, lifetime=3600):
+            """The result code and the external port for TCP port 80 of the host."""
+            request = pcp.pcp_map(pcp.TCP, 80, external, host=host.address, lifetime=lifetime)
+            with host.udp(to=(LAN_ADDRESS, pcp.PORT)) as sock:
+                sock.settimeout(5)
+                sock.send(request)
+                answer = sock.recv(1100)
+            return answer[3], struct.unpack("!H", answer[42:44])[0]
+
+        host.open_port(9090, "TCP", internal_port=80)
+        self.assertEqual(asks(8080), (0, 9090))
+        self.assertEqual(asks(0, lifetime=0)[0], 2)
+        self.assertEqual({port: rule["owner"] for port, rule in self.router.ports().items()},
+                         {"9090/tcp": "upnp"})
+        exchange_tcp(self.wan, WAN_ADDRESS, 9090, host, 80)
+        host.close_port(9090, "TCP")
+        self.assertEqual(asks(9090), (0, 9090))
+        self.assertEqual({port: rule["owner"] for port, rule in self.router.ports().items()},
+                         {"9090/tcp": "pcp"})
+        exchange_tcp(self.wan, WAN_ADDRESS, 9090, host, 80)
+
+
 class FilterTest(RouterCase):
     def setUp(self):
         super().setUp()

@@ -23,6 +23,7 @@ CLIENT, CLIENT_PORT = 0x080003E8, 0x080003EA
 LEASE, ANY_PORT, CLOSED = 0x08010050, 0x00010051, 0x00010024
 REMOTE_NETWORKS, REMOTE_PREFIXES = 0x88010052, 0x88010053
 REFUSAL = 0x08010054
+FIND_OTHER = 0x10006
 CONFLICT, POLICY, FULL, RIGHTS, PORT_POLICY = 2, 3, 4, 5, 6
 
 NEW_WAN_ADDRESS = "46.46.46.2"
@@ -156,6 +157,21 @@ class PcpTest(PcpCase):
         for why, code in ((CONFLICT, 11), (PORT_POLICY, 11), (POLICY, 2)):
             self.refuse(why)
             self.assertEqual(self.code(pcp_map(TCP, 81, 8080, options=b"\2\0\0\0")), code)
+
+    # Promise: A PCP client whose port another service has opened is told that port.
+    def test_a_port_that_is_open_by_other_means_is_the_answer(self):
+        self.serve()
+        self.platform.answer(NAT_RULES, FIND_OTHER, lambda _: Message({RULE_PORT: 9090}))
+        answer = self.ask(pcp_map(TCP, 80, 8080))
+        self.assertEqual(answer[3], 0)
+        self.assertEqual(answer[36:], struct.pack("!B3xHH", TCP, 80, 9090) + mapped(WAN_ADDRESS))
+        (asked,) = self.rules(FIND_OTHER)
+        self.assertEqual(
+            {key: asked[key] for key in (PROTOCOL, ADDRESS, CLIENT, CLIENT_PORT)},
+            {PROTOCOL: TCP, ADDRESS: lm.address(WAN_ADDRESS), CLIENT: lm.address(HOST),
+             CLIENT_PORT: 80})
+        self.assertEqual(self.code(pcp_map(TCP, 80, lifetime=0)), 2)
+        self.assertEqual(self.rules(), [])
 
     def test_a_filter_is_the_network_of_the_rule(self):
         self.serve()

@@ -85,6 +85,8 @@ lm::message NatRules::handle(const Caller& caller, uint32_t command, const lm::m
     case lm::cmd::setObject:
     case lm::cmd::removeObject:
       return change(caller, command, request);
+    case lm::nat::findOther:
+      return findOther(caller, request);
     case lm::cmd::list:
     case lm::cmd::readAll:
     case lm::cmd::readObject:
@@ -309,6 +311,27 @@ void NatRules::undoRemove(uint32_t id, const Rule& removed) {
   }
   insert(id, rule, {});
   note(Event::opened, rule, givenUp);
+}
+
+lm::message NatRules::findOther(const Caller& caller, const lm::message& request) const {
+  if (!caller.administrator && !caller.ports) return lm::refusal("not permitted");
+  const Rule wanted = outlineOf(request);
+  uint32_t port = 0;
+  // Of the client's rules: with none there is no need to look at all.
+  uint32_t left = table_.sizeOf(wanted.client.address);
+  for (auto it = table_.rules().begin(); left > 0 && port == 0; ++it) {
+    const Rule& rule = it->second;
+    if (rule.client.address != wanted.client.address) continue;
+    --left;
+    const bool leadsThere = rule.client.port == wanted.client.port &&
+                            rule.key.protocol == wanted.key.protocol &&
+                            rule.key.external.address == wanted.key.external.address;
+    const bool isOpen = rule.inKernel() && rule.remotes.empty();
+    if (leadsThere && isOpen && *rule.owner != authorOf(caller).name) port = rule.key.external.port;
+  }
+  lm::message reply;
+  reply.insert_u32(lm::nat::key::portFirst, port);
+  return reply;
 }
 
 lm::message NatRules::list(const Caller& caller, const lm::message& request) {

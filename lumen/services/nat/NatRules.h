@@ -84,6 +84,8 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts, private Le
   [[nodiscard]] std::optional<Refused> remove(const Caller& caller, const lm::message& request);
   [[nodiscard]] lm::message list(const Caller& caller, const lm::message& request);
   [[nodiscard]] lm::message read(const lm::message& request);
+  /// The external port of a rule that leads to the same client and that others own.
+  [[nodiscard]] lm::message findOther(const Caller& caller, const lm::message& request) const;
   [[nodiscard]] lm::message settings() const;
   /// Unless the kernel's table can hold the remote networks of `rule`, if it has any.
   [[nodiscard]] std::optional<Refused> refuseRemotes(const Rule& rule) const;

@@ -20,6 +20,11 @@
 /// service that may read has all of these but set. Only dynamic rules exist: a rule ends with the
 /// connection that added it, if not before.
 ///
+/// `findOther` tells a service whose file grants it ports by which port a client's port is open
+/// already: with addressFirst, protocol, clientFirst and clientPortFirst, the reply has portFirst
+/// of an open rule without remote networks that another service or the administrator added; 0:
+/// there is none.
+///
 /// lm::cmd::changed notifies those who may list of each rule that was opened, changed or closed, as
 /// the record of lm::key::records, without the numbers of connections; that of a rule which has
 /// left the table says so with lm::key::removed.
@@ -121,6 +126,9 @@ inline constexpr uint32_t user = 0x08010042;   ///< u32: the user whose program 
 inline constexpr uint32_t reason =
     0x20010043;  ///< string: why; absent when there is nothing to say
 }  // namespace key
+
+/// The command that asks for a rule of others.
+inline constexpr uint32_t findOther = 0x10006;
 
 /// What happened to a port.
 enum class Event : uint32_t { opened = 1, changed = 2, closed = 3, refused = 4 };

@@ -39,6 +39,13 @@ class FakePorts : public Ports {
 
   void remove(uint32_t id) override { rules.erase(id); }
 
+  std::optional<uint16_t> openByOthers(uint8_t protocol, const IpAddress& external,
+                                       const Endpoint& client) override {
+    const bool leadsThere = others.protocol == protocol && others.external.address == external &&
+                            others.client == client;
+    return leadsThere ? std::optional(others.external.port) : std::nullopt;
+  }
+
   [[nodiscard]] bool isOpen(uint8_t protocol, const Endpoint& external) const {
     for (const auto& [id, rule] : rules) {
       if (rule.protocol == protocol && rule.external == external) return true;
@@ -47,6 +54,7 @@ class FakePorts : public Ports {
   }
 
   std::map<uint32_t, Wish> rules;
+  Wish others;  ///< what another service has opened
   uint32_t lastId = 0;
   std::optional<Failure> failure;      ///< of each add
   std::optional<Failure> refusesNext;  ///< of one, or of a renewal

@@ -205,6 +205,70 @@ TEST_F(ResponderTest, PreferFailureTakesNoOtherPortOrAddress) {
   EXPECT_EQ(outcome(header + fourth + ours + "02 00 0000"), "0 for 3600");
 }
 
+// Promise: A PCP client whose port is open already by UPnP or the administrator is told that port,
+// cannot end it, and gets one of its own when it is gone.
+TEST_F(ResponderTest, APortThatIsOpenByOtherMeansIsTheAnswer) {
+  ports.others = {.protocol = IPPROTO_TCP,
+                  .external = {IpAddress::mapped(outside), 9090},
+                  .client = {lanHost, 80}};
+  EXPECT_EQ(ask(map),
+            "02810000 00000e10 00000000 00000000 00000000 00000000 "
+            "0a0b0c0d 0e0f1011 12131415 06000000 00502382 00000000 00000000 0000ffff 2d2d2d02");
+  // For a day at most, so that the client asks again.
+  EXPECT_EQ(outcome("02 01 0000 ffffffff" + map.substr(19)), "0 for 86400");
+  EXPECT_EQ(outcome("02 01 0000 00000001" + map.substr(19)), "0 for 120");
+  // RFC 6887 section 15.1: it is not ended by PCP.
+  EXPECT_EQ(outcome("02 01 0000 00000000" + map.substr(19)), "2 for 1800");
+  EXPECT_TRUE(ports.rules.empty());
+  EXPECT_EQ(table.size(), 0U);
+  // Other targets are others.
+  EXPECT_EQ(outcome(header + nonce + "11 000000 0050 1f90 " + anyAddress), "0 for 3600");
+  EXPECT_EQ(outcome(header + nonce + "06 000000 0051 1f91 " + anyAddress), "0 for 3600");
+  EXPECT_EQ(ports.rules.size(), 2U);
+  // NAT-PMP has no such answer.
+  EXPECT_EQ(ask("00 02 0000 0050 1f9f 00001c20"), "00820000 00000000 00501f9f 00001c20");
+  EXPECT_EQ(ask("00 02 0000 0050 0000 00000000"), "00820000 00000000 00500000 00000000");
+  ports.others = {};
+  EXPECT_EQ(outcome(map), "0 for 3600");
+  EXPECT_TRUE(isOpen(IPPROTO_TCP, 8080));
+}
+
+TEST_F(ResponderTest, PreferFailureTakesAPortOfOthersOnlyIfItIsTheWishedOne) {
+  ports.others = {.protocol = IPPROTO_TCP,
+                  .external = {IpAddress::mapped(outside), 9090},
+                  .client = {lanHost, 80}};
+  const std::string preferFailure = "02 00 0000";
+  const std::string tcp9090 = "06 000000 0050 2382 ";
+  const std::string ours = "00000000 00000000 0000ffff 2d2d2d02 ";
+  const std::string elsewhere = "00000000 00000000 0000ffff 2d2d2d03 ";
+  EXPECT_EQ(outcome(map + preferFailure), "11 for 30");
+  EXPECT_EQ(outcome(header + nonce + tcp9090 + anyAddress + preferFailure), "0 for 3600");
+  EXPECT_EQ(outcome(header + nonce + tcp9090 + ours + preferFailure), "0 for 3600");
+  EXPECT_EQ(outcome(header + nonce + tcp9090 + elsewhere + preferFailure), "11 for 30");
+  EXPECT_EQ(outcome(header + nonce + tcp9090 + elsewhere), "0 for 3600");
+  EXPECT_TRUE(ports.rules.empty());
+}
+
+// Once mapped it is renewed and ended as any mapping, whatever others open.
+TEST_F(ResponderTest, AMappingStaysWhenOthersOpenThePortToo) {
+  EXPECT_EQ(outcome(map), "0 for 3600");
+  ports.others = {.protocol = IPPROTO_TCP,
+                  .external = {IpAddress::mapped(outside), 9090},
+                  .client = {lanHost, 80}};
+  EXPECT_EQ(ask(map).substr(ask(map).find("00501f90"), 8), "00501f90");
+  EXPECT_EQ(outcome("02 01 0000 00000000" + map.substr(19)), "0 for 0");
+  EXPECT_TRUE(ports.rules.empty());
+}
+
+TEST_F(ResponderTest, APortForSomeNetworksIsNoneOfOthers) {
+  ports.others = {.protocol = IPPROTO_TCP,
+                  .external = {IpAddress::mapped(outside), 9090},
+                  .client = {lanHost, 80}};
+  const std::string office = "03 00 0014 00 78 0000 00000000 00000000 0000ffff c6336400 ";
+  EXPECT_EQ(outcome(map + office), "0 for 3600");
+  EXPECT_TRUE(isOpen(IPPROTO_TCP, 8080));
+}
+
 TEST_F(ResponderTest, FiltersAreTheNetworksOfThePort) {
   using Networks = lumen::Ipv4Networks;
   const lumen::Ipv4Network office({198, 51, 100, 0}, 24);

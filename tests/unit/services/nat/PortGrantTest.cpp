@@ -45,6 +45,40 @@ TEST_F(PortGrantTest, AsksForTheGrantBeforeAnythingElse) {
             "its service file does not say \"ports = yes\"");
 }
 
+// Promise: A service that opens ports is told by which port another service or the administrator
+// has opened a client's port, and nothing else of their rules.
+TEST_F(PortGrantTest, TellsWhichPortOfOthersLeadsToAClient) {
+  const auto found = [&](const Caller& caller, const Port& port) {
+    const lm::message reply = rules.handle(caller, lm::nat::findOther, addRequest(port));
+    return std::to_string(reply.get_u32(lm::nat::key::portFirst)) + lm::getError(reply);
+  };
+  EXPECT_EQ(found(pcp, {}), "0");
+  opensAs(pcp, {.port = 5000});
+  EXPECT_EQ(found(pcp, {}), "0") << "it is its own";
+  opens({.port = 5001, .clientPort = 81});
+  opens({.port = 5002, .client = "192.168.88.11"});
+  opens({.protocol = "udp", .port = 5003});
+  EXPECT_EQ(found(pcp, {}), "0") << "another port, client and protocol";
+  const uint32_t id = opens({.port = 5004});
+  EXPECT_EQ(found(pcp, {}), "5004");
+  EXPECT_EQ(found(admin, {}), "5000");
+  EXPECT_EQ(found(pcp, {.external = "1.2.3.4"}), "0");
+  EXPECT_EQ(asks(daemon, lm::cmd::setObject, setRequest(id, "192.168.88.10", 80, true)), "");
+  EXPECT_EQ(found(pcp, {}), "0") << "it is disabled";
+  opensAs(admin, {.port = 5005});
+  EXPECT_EQ(found(pcp, {}), "5005");
+  pcp.ports.reset();
+  EXPECT_EQ(found(pcp, {}), "0not permitted");
+}
+
+TEST_F(PortGrantTest, TellsOfNoPortThatIsOpenToSomeNetworksAlone) {
+  startsWith(wholeTable);
+  opens({.port = 5000, .from = {"198.51.100.0/24"}});
+  const lm::message reply = rules.handle(pcp, lm::nat::findOther, addRequest({}));
+  EXPECT_EQ(lm::getError(reply), "");
+  EXPECT_EQ(reply.get_u32(lm::nat::key::portFirst, 1), 0U);
+}
+
 // Promise: A service has at most as many rules at a time as its file says by `most-ports`: `service
 // pcp has all the rules that its file allows it, 2`.
 TEST_F(PortGrantTest, HoldsTheNumberOfPortsOfAService) {
