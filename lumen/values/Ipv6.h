@@ -48,7 +48,11 @@ class Ipv6Network {
   /// `prefix` is from 0 to 128. Bits of `address` after the prefix are dropped.
   Ipv6Network(const Ipv6Address& address, unsigned prefix);
 
+  /// Reads "2001:db8::/64", or an address alone as a network of one; none for any other text.
+  [[nodiscard]] static std::optional<Ipv6Network> parse(std::string_view text);
+
   [[nodiscard]] const Ipv6Address& first() const { return first_; }
+  [[nodiscard]] Ipv6Address last() const;
   [[nodiscard]] unsigned prefix() const { return prefix_; }
   [[nodiscard]] bool holds(const Ipv6Address& address) const {
     return Ipv6Network(address, prefix_).first_ == first_;

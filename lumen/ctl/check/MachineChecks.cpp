@@ -169,7 +169,7 @@ Findings checkFirewall(const std::vector<ForwardChain>& chains,
 Findings checkIpv6Firewall(const std::vector<ForwardChain>& chains,
                            const std::vector<CheckedInterface>& interfaces,
                            const std::optional<PcpReport>& pcp) {
-  if (!pcp || !pcp->pinholeProblem.empty()) return {};
+  if (!pcp || !pcp->pinholes.problem.empty()) return {};
   std::vector<std::string> external;
   for (const CheckedInterface& interface : interfaces) {
     if (interface.role == Role::external) external.push_back(interface.name);

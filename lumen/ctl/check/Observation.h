@@ -57,7 +57,7 @@ struct PortUser {
 struct PcpReport {
   ServiceState state = ServiceState::unknown;
   std::optional<PcpServer> server;  ///< none: it does not answer
-  std::string pinholeProblem;       ///< why it can open no pinhole for an IPv6 host; empty: it can
+  PinholeSettings pinholes;
 };
 
 /// What `upnp check` looks at, as it was read. Parts that could not be read are as they stand here.

@@ -86,7 +86,7 @@ std::optional<PcpReport> readPcp(Router& router) {
   }
   PcpReport report;
   report.state = it->state;
-  report.pinholeProblem = router.pinholeProblem();
+  report.pinholes = router.pinholeSettings();
   if (it->state != ServiceState::running) return report;
   try {
     report.server = router.pcpServer();

@@ -26,12 +26,18 @@ Findings checkPcp(const std::optional<PcpReport>& pcp) {
                         "see what has the port: ss -lunp sport = :5351"});
   }
   // A router without IPv6 forwards none, and nothing is wrong with it.
-  if (pcp->pinholeProblem.starts_with("no IPv6 pinholes")) {
-    findings.push_back({"no-pinholes",
-                        "No IPv6 pinhole can be opened: " + pcp->pinholeProblem + ".",
+  const PinholeSettings& pinholes = pcp->pinholes;
+  if (pinholes.problem.starts_with("no IPv6 pinholes")) {
+    findings.push_back({"no-pinholes", "No IPv6 pinhole can be opened: " + pinholes.problem + ".",
                         "Hosts that ask for one by PCP over IPv6 are refused; all else works.",
                         "restore the file pinhole-ruleset.nft of the installation, then restart "
                         "lumend"});
+  } else if (!pinholes.remotesPossible) {
+    findings.push_back({"pinhole-ruleset-without-remote-networks",
+                        "/etc/lumen/pinhole-ruleset.nft has no set \"filtered\".",
+                        "A host that asks for a pinhole for some remote hosts alone is refused.",
+                        "take the set and its rule over from the file of the package, then: "
+                        "systemctl restart lumend"});
   }
   return findings;
 }

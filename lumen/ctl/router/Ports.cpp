@@ -40,10 +40,17 @@ Table portsAsTable(std::vector<NatRule> rules) {
 
 Table pinholesAsTable(std::vector<Pinhole> pinholes) {
   sortByHost(pinholes);
-  Table table({"PORT", "OF IPV6 HOST", "OPEN FOR", "ENDS IN", "OPENED BY"});
+  const bool remotes =
+      std::ranges::any_of(pinholes, [](const Pinhole& one) { return !one.from.empty(); });
+  std::vector<std::string> headings = {"PORT", "OF IPV6 HOST"};
+  if (remotes) headings.emplace_back("FROM");
+  headings.insert(headings.end(), {"OPEN FOR", "ENDS IN", "OPENED BY"});
+  Table table(headings);
   for (const Pinhole& one : pinholes) {
-    table.add({std::to_string(one.port) + "/" + one.protocolName(), one.host, duration(one.openFor),
-               duration(one.left), one.owner});
+    std::vector<Table::Cell> row = {std::to_string(one.port) + "/" + one.protocolName(), one.host};
+    if (remotes) row.emplace_back(one.from.empty() ? "anywhere" : one.from);
+    row.insert(row.end(), {duration(one.openFor), duration(one.left), one.owner});
+    table.add(row);
   }
   return table;
 }

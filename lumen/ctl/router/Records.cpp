@@ -134,9 +134,14 @@ Pinhole::Pinhole(const lm::message& m) {
   owner = std::move(record.owner);
   openFor = std::chrono::seconds(record.seconds);
   left = std::chrono::seconds(record.pinhole.lease);
+  from = std::move(record.pinhole.remotes);
 }
 
 std::string Pinhole::protocolName() const { return nameOf(protocol); }
+
+PinholeSettings::PinholeSettings(const lm::message& record)
+    : problem(record.get_string(lm::pinholes::key::problem)),
+      remotesPossible(record.get_bool(lm::pinholes::key::remotesPossible)) {}
 
 PortState NatRule::state() const {
   if (closed) return PortState::closed;

@@ -97,6 +97,16 @@ struct Pinhole {
   std::string owner;  ///< name of the service that opened it
   std::chrono::seconds openFor{0};
   std::chrono::seconds left{0};  ///< until its lease ends
+  std::string from;              ///< the only networks from where packets pass; empty: anywhere
+};
+
+/// Whether pinholes can be opened.
+struct PinholeSettings {
+  PinholeSettings() = default;
+  explicit PinholeSettings(const lm::message& record);
+
+  std::string problem;           ///< why none can be opened at all; empty: they can
+  bool remotesPossible = false;  ///< they can be opened to some remote networks alone
 };
 
 /// Which ports programs may open. The texts are as in the policy file.

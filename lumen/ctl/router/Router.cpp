@@ -111,8 +111,8 @@ std::vector<Pinhole> Router::pinholes() {
   return decoded<Pinhole>(table(lm::pinholes::path(), lm::cmd::readAll));
 }
 
-std::string Router::pinholeProblem() {
-  return exchange(lm::pinholes::path(), lm::cmd::get).get_string(lm::pinholes::key::problem);
+PinholeSettings Router::pinholeSettings() {
+  return PinholeSettings(exchange(lm::pinholes::path(), lm::cmd::get));
 }
 
 void Router::closeRule(uint32_t id) {

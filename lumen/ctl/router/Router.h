@@ -34,8 +34,7 @@ class Router {
   [[nodiscard]] std::vector<NatRule> rules();
   void closeRule(uint32_t id);
   [[nodiscard]] std::vector<Pinhole> pinholes();
-  /// Why no pinhole can be opened at all; empty: they can.
-  [[nodiscard]] std::string pinholeProblem();
+  [[nodiscard]] PinholeSettings pinholeSettings();
   /// What happened to ports, the oldest first.
   [[nodiscard]] std::vector<PortEvent> portEvents();
   /// The newest refusals at ports where programs of the router listen, the oldest first.

@@ -101,6 +101,7 @@ std::string pinholesJson(std::vector<Pinhole> pinholes) {
                     .add("host", one.host)
                     .add("owner", one.owner)
                     .add("seconds", one.openFor.count())
+                    .add("from", one.from)
                     .add("seconds_left", one.left.count())
                     .text());
   }

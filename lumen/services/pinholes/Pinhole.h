@@ -6,6 +6,7 @@
 
 #include "lumen/runtime/Clock.h"
 #include "lumen/values/Ipv6.h"
+#include "lumen/values/Ipv6NetworkList.h"
 
 namespace lumen {
 
@@ -21,11 +22,15 @@ struct PinholeKey {
 /// A port of a host that the Internet may reach.
 struct Pinhole {
   PinholeKey key;
-  std::string interface;    ///< the internal one that its host was at
-  uint64_t connection = 0;  ///< of its owner
-  std::string owner;        ///< service name
-  lm::Clock::Time addedAt;
-  lm::Clock::Time until;  ///< the end of its lease
+  Ipv6NetworkList remotes{};  ///< from where packets may come; none: anywhere
+  std::string interface {};   ///< the internal one that its host was at
+  uint64_t connection = 0;    ///< of its owner
+  std::string owner{};        ///< service name
+  lm::Clock::Time addedAt{};
+  lm::Clock::Time until{};  ///< the end of its lease
+
+  /// Whether packets from this address may pass.
+  [[nodiscard]] bool admits(const Ipv6Address& remote) const;
 };
 
 /// "tcp port 8080 of 2001:db8::10".

@@ -3,11 +3,13 @@
 #include <netinet/in.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstddef>
 #include <cstring>
 #include <string_view>
+#include <utility>
 
 namespace lumen {
 
@@ -15,17 +17,35 @@ namespace {
 
 constexpr const char* tableName = "table ip6 lumen";
 constexpr ElementSet pinholes{.family = TableFamily::ip6, .table = "lumen", .name = "pinholes"};
+constexpr ElementSet filtered{.family = TableFamily::ip6, .table = "lumen", .name = "filtered"};
 
-SetElement element(const PinholeKey& key) {
-  SetElement element;
-  const Ipv6Address::Bytes& host = key.host.bytes();
-  for (size_t at = 0; at < host.size(); at += sizeof(ElementPart)) {
-    ElementPart& part = element.key.emplace_back();
-    std::memcpy(part.data(), &host[at], sizeof part);
+void append(ElementParts& parts, const Ipv6Address& address) {
+  const Ipv6Address::Bytes& bytes = address.bytes();
+  for (size_t at = 0; at < bytes.size(); at += sizeof(ElementPart)) {
+    ElementPart& part = parts.emplace_back();
+    std::memcpy(part.data(), &bytes[at], sizeof part);
   }
-  element.key.push_back({std::byte(key.protocol)});
-  element.key.push_back({std::byte(key.port >> 8), std::byte(key.port & 0xff)});
-  return element;
+}
+
+const ElementSet& setOf(const Pinhole& pinhole) {
+  return pinhole.remotes.empty() ? pinholes : filtered;
+}
+
+std::vector<SetElement> elementsOf(const Pinhole& pinhole) {
+  const PinholeKey& key = pinhole.key;
+  SetElement plain;
+  append(plain.key, key.host);
+  plain.key.push_back({std::byte(key.protocol)});
+  plain.key.push_back({std::byte(key.port >> 8), std::byte(key.port & 0xff)});
+  if (pinhole.remotes.empty()) return {plain};
+  std::vector<SetElement> elements;
+  for (const Ipv6Network& remote : pinhole.remotes) {
+    SetElement& element = elements.emplace_back(plain);
+    element.keyEnd = plain.key;
+    append(element.key, remote.first());
+    append(element.keyEnd, remote.last());
+  }
+  return elements;
 }
 
 constexpr std::string_view setsLabel = " @pinholes ct label set ";
@@ -48,6 +68,12 @@ std::string firstLine(const std::string& text) {
 }
 
 }  // namespace
+
+bool Pinhole::admits(const Ipv6Address& remote) const {
+  return remotes.empty() || std::ranges::any_of(remotes, [&](const Ipv6Network& network) {
+           return network.holds(remote);
+         });
+}
 
 std::string keyText(const PinholeKey& key) {
   return std::string(key.protocol == IPPROTO_TCP ? "tcp" : "udp") + " port " +
@@ -78,24 +104,42 @@ Result<void> PinholeSet::open(const std::string& path) {
                    std::string(words) + "\""};
   }
   label_ = labelIn(*table);
+  hasRemotes_ = true;
+  for (const char* part :
+       {"\tset filtered {\n", "\t\ttype ipv6_addr . inet_proto . inet_service . ipv6_addr\n",
+        "\t\tflags interval\n", " @filtered ct label set "}) {
+    if (table->find(part) == std::string::npos) hasRemotes_ = false;
+  }
   return {};
 }
 
-Result<void> PinholeSet::add(const PinholeKey& key) {
-  const SetElement one = element(key);
-  const ElementChange change = {
-      .action = ElementAction::add, .set = pinholes, .elements = {&one, 1}};
-  return nftables_.changeElements({&change, 1});
+Result<void> PinholeSet::add(const Pinhole& pinhole) {
+  const std::vector<SetElement> elements = elementsOf(pinhole);
+  const ElementChange adding = {ElementAction::add, setOf(pinhole), elements};
+  return nftables_.changeElements({&adding, 1});
 }
 
-Result<void> PinholeSet::remove(const std::vector<PinholeKey>& keys) {
-  if (keys.empty()) return {};
-  std::vector<SetElement> elements;
-  elements.reserve(keys.size());
-  for (const PinholeKey& key : keys) elements.push_back(element(key));
-  const ElementChange change = {
-      .action = ElementAction::remove, .set = pinholes, .elements = elements};
-  return nftables_.changeElements({&change, 1});
+Result<void> PinholeSet::remove(const std::vector<Pinhole>& all) {
+  std::vector<SetElement> plain;
+  std::vector<SetElement> withRemotes;
+  for (const Pinhole& pinhole : all) {
+    for (SetElement& element : elementsOf(pinhole)) {
+      (pinhole.remotes.empty() ? plain : withRemotes).push_back(std::move(element));
+    }
+  }
+  std::vector<ElementChange> removals;
+  if (!plain.empty()) removals.push_back({ElementAction::remove, pinholes, plain});
+  if (!withRemotes.empty()) removals.push_back({ElementAction::remove, filtered, withRemotes});
+  if (removals.empty()) return {};
+  return nftables_.changeElements(removals);
+}
+
+Result<void> PinholeSet::change(const Pinhole& before, const Pinhole& after) {
+  const std::vector<SetElement> old = elementsOf(before);
+  const std::vector<SetElement> changed = elementsOf(after);
+  const ElementChange changes[] = {{ElementAction::remove, setOf(before), old},
+                                   {ElementAction::add, setOf(after), changed}};
+  return nftables_.changeElements(changes);
 }
 
 }  // namespace lumen

@@ -13,7 +13,8 @@ namespace lumen {
 
 /// The pinholes as the kernel has them: the elements of the set `pinholes` in the nftables table
 /// `ip6 lumen`. Each change is one transaction, and one pinhole costs the same however many there
-/// are.
+/// are. A pinhole with remote networks has an element for each in the set `filtered` instead, which
+/// a ruleset file that was kept from before may lack.
 ///
 /// A failure is one line of text, and leaves everything as it was.
 class PinholeSet {
@@ -31,12 +32,18 @@ class PinholeSet {
   /// not open, or nft shows a name instead of the number.
   [[nodiscard]] std::optional<uint32_t> label() const { return label_; }
 
-  [[nodiscard]] Result<void> add(const PinholeKey& key);
-  [[nodiscard]] Result<void> remove(const std::vector<PinholeKey>& keys);
+  /// Whether pinholes may have remote networks.
+  [[nodiscard]] bool hasRemotes() const { return hasRemotes_; }
+
+  [[nodiscard]] Result<void> add(const Pinhole& pinhole);
+  [[nodiscard]] Result<void> remove(const std::vector<Pinhole>& pinholes);
+  /// `after` has the key of `before`.
+  [[nodiscard]] Result<void> change(const Pinhole& before, const Pinhole& after);
 
  private:
   Nftables& nftables_;
   std::optional<uint32_t> label_;
+  bool hasRemotes_ = false;
 };
 
 }  // namespace lumen

@@ -22,8 +22,8 @@ namespace key = lm::pinholes::key;
 using lm::pinholes::End;
 using lm::pinholes::Refusal;
 
-constexpr std::array addFields = {key::address, key::protocol, key::port, key::lease};
-constexpr std::array renewFields = {lm::key::objectId, key::lease};
+constexpr std::array addFields = {key::address, key::protocol, key::port, key::lease, key::remotes};
+constexpr std::array renewFields = {lm::key::objectId, key::lease, key::remotes};
 
 /// A pinhole whose end the kernel refuses stays for so long until the next attempt.
 constexpr std::chrono::seconds removalRetry(10);
@@ -41,6 +41,22 @@ Result<PinholeKey> readKey(const lm::message& request) {
   return PinholeKey{.host = *host,
                     .protocol = static_cast<uint8_t>(wire.protocol),
                     .port = static_cast<uint16_t>(wire.port)};
+}
+
+/// None: the request does not say.
+Result<std::optional<Ipv6NetworkList>> readRemotes(const lm::message& request) {
+  if (request.fields().find(key::remotes) == nullptr) return std::optional<Ipv6NetworkList>();
+  auto remotes = parseIpv6Networks(request.get_string(key::remotes));
+  if (!remotes) return Failure{"the remote networks must be IPv6 networks with spaces between"};
+  if (remotes->size() > lm::pinholes::mostRemotes) {
+    return Failure{"a pinhole has at most " + std::to_string(lm::pinholes::mostRemotes) +
+                   " remote networks"};
+  }
+  // The first one holds all others.
+  if (!remotes->empty() && remotes->front().prefix() == 0) {
+    return Failure{"the prefix of a remote network must be from 1 to 128"};
+  }
+  return remotes;
 }
 
 /// Whether the caller's service file grants it no such lease.
@@ -114,6 +130,7 @@ lm::message Pinholes::handle(const Caller& caller, uint32_t command, const lm::m
     const OptionalRefused refused = refuseAll();
     lm::message reply;
     reply.insert_string(key::problem, refused ? refused->text : "");
+    if (set_.hasRemotes()) reply.insert_bool(key::remotesPossible, true);
     return reply;
   }
   if (command == lm::cmd::readObject) {
@@ -146,23 +163,27 @@ Pinholes::OptionalRefused Pinholes::add(const Caller& caller, const lm::message&
   }
   const auto wanted = readKey(request);
   if (!wanted) return Refused{wanted.why()};
+  const auto remotes = readRemotes(request);
+  if (!remotes) return Refused{remotes.why()};
   const std::chrono::seconds lease(request.get_u32(key::lease));
   if (isTooLong(caller, lease)) {
     return Refused{"the lease is longer than its service file allows", Refusal::rights};
   }
   if (auto refused = refuseAll()) return refused;
   if (auto refused = refuseByPolicy(*wanted)) return refused;
-  if (keys_.contains(*wanted)) {
+  if (ids_.contains(*wanted)) {
     return Refused{keyText(*wanted) + " is open already", Refusal::conflict};
   }
   const Pinhole pinhole = {.key = *wanted,
+                           .remotes = remotes->value_or(Ipv6NetworkList()),
                            .interface = networks_.internalInterfaceOf(wanted->host).value_or(""),
                            .connection = caller.connection,
                            .owner = caller.name.empty() ? "administrator" : caller.name,
                            .addedAt = clock_.now(),
                            .until = clock_.now() + lease};
+  if (auto refused = refuseRemotes(pinhole.remotes)) return refused;
   if (auto refused = refuseFull(caller, pinhole)) return refused;
-  if (const auto added = set_.add(pinhole.key); !added) {
+  if (const auto added = set_.add(pinhole); !added) {
     return Refused{kernelRefusal("add", pinhole.key, added.failure())};
   }
   const uint32_t id = nextId();
@@ -188,10 +209,18 @@ Pinholes::OptionalRefused Pinholes::renew(const Caller& caller, const lm::messag
     return Refused{"the lease is longer than its service file allows", Refusal::rights};
   }
   if (auto refused = refuseByPolicy(it->second.key)) return refused;
-  const lm::Clock::Time before = it->second.until;
-  setUntil(it, clock_.now() + lease);
+  const auto remotes = readRemotes(request);
+  if (!remotes) return Refused{remotes.why()};
+  if (*remotes) {
+    if (auto refused = refuseRemotes(**remotes)) return refused;
+  }
+  const Pinhole before = it->second;
+  Pinhole after = before;
+  after.until = clock_.now() + lease;
+  after.remotes = remotes->value_or(before.remotes);
+  if (const auto done = replace(it, after); !done) return Refused{done.why()};
   undoWith([this, id, before] {
-    if (const auto now = table_.find(id); now != table_.end()) setUntil(now, before);
+    if (const auto now = table_.find(id); now != table_.end()) (void)replace(now, before);
   });
   return std::nullopt;
 }
@@ -210,11 +239,11 @@ Pinholes::OptionalRefused Pinholes::remove(const Caller& caller, const lm::messa
 }
 
 void Pinholes::undoRemove(uint32_t id, const Pinhole& removed) {
-  if (keys_.contains(removed.key)) {
+  if (ids_.contains(removed.key)) {
     lm::logLine("pinhole add failed: ", keyText(removed.key), ": open again since its removal");
     return;
   }
-  if (const auto added = set_.add(removed.key); !added) {
+  if (const auto added = set_.add(removed); !added) {
     (void)kernelRefusal("add", removed.key, added.failure());
     return;
   }
@@ -228,6 +257,13 @@ Pinholes::OptionalRefused Pinholes::refuseAll() const {
                    Refusal::notForwarding};
   }
   return std::nullopt;
+}
+
+Pinholes::OptionalRefused Pinholes::refuseRemotes(const Ipv6NetworkList& remotes) const {
+  if (remotes.empty() || set_.hasRemotes()) return std::nullopt;
+  return Refused{
+      "the pinhole ruleset file has no set \"filtered\" for pinholes that name remote networks",
+      Refusal::notPrepared};
 }
 
 Pinholes::OptionalRefused Pinholes::refuseByPolicy(const PinholeKey& key) const {
@@ -287,7 +323,7 @@ Pinholes::OptionalRefused Pinholes::refuseFull(const Caller& caller, const Pinho
 }
 
 Result<void> Pinholes::drop(Table::iterator it, OptionalEnd end) {
-  if (const auto removed = set_.remove({it->second.key}); !removed) {
+  if (const auto removed = set_.remove({it->second}); !removed) {
     return Failure{kernelRefusal("remove", it->second.key, removed.failure())};
   }
   erase(it, end);
@@ -297,13 +333,13 @@ Result<void> Pinholes::drop(Table::iterator it, OptionalEnd end) {
 template <typename Ends>
 void Pinholes::dropAll(const Ends& ends, OptionalEnd end) {
   std::vector<uint32_t> ids;
-  std::vector<PinholeKey> keys;
+  std::vector<Pinhole> pinholes;
   for (const auto& [id, pinhole] : table_) {
     if (!ends(pinhole)) continue;
     ids.push_back(id);
-    keys.push_back(pinhole.key);
+    pinholes.push_back(pinhole);
   }
-  const bool all = set_.remove(keys).ok();
+  const bool all = set_.remove(pinholes).ok();
   for (const uint32_t id : ids) {
     const auto it = table_.find(id);
     // One that the kernel keeps must not keep the others.
@@ -313,6 +349,18 @@ void Pinholes::dropAll(const Ends& ends, OptionalEnd end) {
       setUntil(it, clock_.now() + removalRetry);
     }
   }
+}
+
+Result<void> Pinholes::replace(Table::iterator it, const Pinhole& after) {
+  if (after.remotes != it->second.remotes) {
+    if (const auto changed = set_.change(it->second, after); !changed) {
+      return Failure{kernelRefusal("change", after.key, changed.failure())};
+    }
+    it->second.remotes = after.remotes;
+    if (after.key.protocol == IPPROTO_UDP) flows_.narrowed();
+  }
+  setUntil(it, after.until);
+  return {};
 }
 
 void Pinholes::setUntil(Table::iterator it, lm::Clock::Time until) {
@@ -326,7 +374,7 @@ void Pinholes::setUntil(Table::iterator it, lm::Clock::Time until) {
 
 void Pinholes::insert(uint32_t id, const Pinhole& pinhole) {
   table_.insert_or_assign(id, pinhole);
-  keys_.insert(pinhole.key);
+  ids_.insert_or_assign(pinhole.key, id);
   ++byHost_[pinhole.key.host];
   ++byInterface_[pinhole.interface];
   leases_.add(id, pinhole.until);
@@ -343,7 +391,7 @@ void Pinholes::erase(Table::iterator it, OptionalEnd end) {
   lm::pinholes::write(gone, last);
   gone.insert_u32(lm::key::removed, 1);
   leases_.remove(it->first, pinhole.until);
-  keys_.erase(pinhole.key);
+  ids_.erase(pinhole.key);
   countDown(byHost_, pinhole.key.host);
   countDown(byInterface_, pinhole.interface);
   table_.erase(it);
@@ -370,7 +418,8 @@ void Pinholes::internalHostsChanged() {
 }
 
 bool Pinholes::admits(const Ipv6Flow& flow) const {
-  return keys_.contains({.host = flow.destination, .protocol = IPPROTO_UDP, .port = flow.port});
+  const auto id = ids_.find({.host = flow.destination, .protocol = IPPROTO_UDP, .port = flow.port});
+  return id != ids_.end() && table_.at(id->second).admits(flow.source);
 }
 
 lm::pinholes::Record Pinholes::record(uint32_t id, const Pinhole& pinhole) const {
@@ -380,7 +429,8 @@ lm::pinholes::Record Pinholes::record(uint32_t id, const Pinhole& pinhole) const
   return {.pinhole = {.address = pinhole.key.host.text(),
                       .protocol = pinhole.key.protocol,
                       .port = pinhole.key.port,
-                      .lease = static_cast<uint32_t>(left.count())},
+                      .lease = static_cast<uint32_t>(left.count()),
+                      .remotes = networksText(pinhole.remotes)},
           .id = id,
           .owner = pinhole.owner,
           .seconds = static_cast<uint64_t>(age.count())};

@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <map>
 #include <optional>
-#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -70,9 +69,13 @@ class Pinholes : public LocalHandler,
 
   /// Why there can be no pinholes now; none: there can.
   [[nodiscard]] OptionalRefused refuseAll() const;
+  /// Unless the kernel's table can hold the remote networks, if there are any.
+  [[nodiscard]] OptionalRefused refuseRemotes(const Ipv6NetworkList& remotes) const;
   [[nodiscard]] OptionalRefused refuseByPolicy(const PinholeKey& key) const;
   [[nodiscard]] OptionalRefused refuseFull(const Caller& caller, const Pinhole& pinhole) const;
 
+  /// Puts `after` in the place of a pinhole with the same key, in the kernel too.
+  [[nodiscard]] Result<void> replace(Table::iterator it, const Pinhole& after);
   void undoRemove(uint32_t id, const Pinhole& removed);
 
   // With an `end` the owner is notified too: this process has ended the pinhole.
@@ -101,7 +104,7 @@ class Pinholes : public LocalHandler,
 
   std::string problem_ = "lumend has not begun";  // empty: the kernel's table is there
   Table table_;                                   // by id
-  std::set<PinholeKey> keys_;                     // of all
+  std::map<PinholeKey, uint32_t> ids_;            // of all
   std::map<Ipv6Address, uint32_t> byHost_;        // how many each has; none is 0
   std::map<std::string, uint32_t> byInterface_;   // how many the hosts of each have; none is 0
   uint32_t lastId_ = 0;

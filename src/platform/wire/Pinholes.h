@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -17,9 +18,9 @@ inline constexpr uint32_t pinholes = 7;
 ///
 /// Commands: lm::cmd::addObject for a service whose file grants it ports, with address, protocol,
 /// port and lease; the reply carries the id (lm::key::objectId). lm::cmd::setObject with the id and
-/// a lease renews it, lm::cmd::removeObject with the id ends it: for the owner and administrators.
-/// Administrators and services that may read have list (paged, also as readAll), readObject and
-/// get.
+/// a lease renews it, and with `remotes` replaces those; lm::cmd::removeObject with the id ends it:
+/// for the owner and administrators. Administrators and services that may read have list (paged,
+/// also as readAll), readObject and get.
 ///
 /// A pinhole ends with the connection that added it, if not before. lm::cmd::changed notifies those
 /// who may list of each pinhole that was opened, renewed or closed, as the record of
@@ -34,6 +35,10 @@ inline constexpr uint32_t protocol = 0x08000002;  ///< u32: 6 TCP, 17 UDP
 inline constexpr uint32_t port = 0x08000003;      ///< u32: 1 to 65535
 /// u32, not 0: how many seconds it lives from now; in a record what is left.
 inline constexpr uint32_t lease = 0x08000004;
+/// string: the networks from which packets pass, at most mostRemotes with spaces between them,
+/// "2001:db8::/32 2001:db9::1/128", prefixes from 1; absent or, in a set request, empty: from
+/// anywhere.
+inline constexpr uint32_t remotes = 0x20000005;
 
 // A record's additional fields, after the id.
 inline constexpr uint32_t owner = 0x20000010;    ///< string: service name
@@ -47,6 +52,9 @@ inline constexpr uint32_t refusal = 0x08000020;
 
 /// string, in the answer to get: why no pinhole can be opened at all; empty: they can.
 inline constexpr uint32_t problem = 0x20000030;
+/// bool, in the same answer: pinholes may name remote networks, since the ruleset file has a set
+/// for them.
+inline constexpr uint32_t remotesPossible = 0x00000031;
 }  // namespace key
 
 /// Why a change was refused.
@@ -66,13 +74,17 @@ enum class End : uint32_t { lease = 1, administrator = 2, addressGone = 3 };
 /// The path of the table.
 inline std::vector<uint32_t> path() { return {service::interfaces, handler::pinholes}; }
 
+/// How many remote networks a pinhole can name.
+inline constexpr size_t mostRemotes = 8;
+
 /// What an add request asks for. Protocol and port have the width of their fields, so that a reader
 /// sees a number that is too large.
 struct Pinhole {
   std::string address;
   uint32_t protocol = 0;
   uint32_t port = 0;
-  uint32_t lease = 0;  ///< in seconds
+  uint32_t lease = 0;     ///< in seconds
+  std::string remotes{};  ///< empty: from anywhere
 
   bool operator==(const Pinhole&) const = default;
 };
@@ -94,6 +106,7 @@ inline void write(message& m, const Pinhole& pinhole) {
   m.insert_u32(key::protocol, pinhole.protocol);
   m.insert_u32(key::port, pinhole.port);
   m.insert_u32(key::lease, pinhole.lease);
+  if (!pinhole.remotes.empty()) m.insert_string(key::remotes, pinhole.remotes);
 }
 
 /// A field that is absent is 0 or empty.
@@ -101,7 +114,8 @@ inline Pinhole readPinhole(const message& m) {
   return {.address = m.get_string(key::address),
           .protocol = m.get_u32(key::protocol),
           .port = m.get_u32(key::port),
-          .lease = m.get_u32(key::lease)};
+          .lease = m.get_u32(key::lease),
+          .remotes = m.get_string(key::remotes)};
 }
 
 /// Appends the fields of the add request, then the others.

@@ -322,7 +322,9 @@ lumen::Result<lm::message> FakePlatform::answer(const Path& destination, uint32_
   }
   if (destination == Path{20, 6} && command == lm::cmd::readAll) return page(portEvents_, request);
   if (destination == lm::pinholes::path()) {
-    return command == lm::cmd::get ? reply : page(pinholes_, request);
+    if (command != lm::cmd::get) return page(pinholes_, request);
+    reply.insert_bool(lm::pinholes::key::remotesPossible, true);
+    return reply;
   }
   if (destination == Path{66}) {
     if (command == lm::cmd::readAll) return page(history_, request);

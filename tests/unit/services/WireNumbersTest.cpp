@@ -55,11 +55,13 @@ TEST(WireNumbers, OfAPinhole) {
   EXPECT_EQ(lm::pinholes::key::protocol, 0x08000002U);
   EXPECT_EQ(lm::pinholes::key::port, 0x08000003U);
   EXPECT_EQ(lm::pinholes::key::lease, 0x08000004U);
+  EXPECT_EQ(lm::pinholes::key::remotes, 0x20000005U);
   EXPECT_EQ(lm::pinholes::key::owner, 0x20000010U);
   EXPECT_EQ(lm::pinholes::key::seconds, 0x10000011U);
   EXPECT_EQ(lm::pinholes::key::ended, 0x08000012U);
   EXPECT_EQ(lm::pinholes::key::refusal, 0x08000020U);
   EXPECT_EQ(lm::pinholes::key::problem, 0x20000030U);
+  EXPECT_EQ(lm::pinholes::key::remotesPossible, 0x00000031U);
   EXPECT_EQ(static_cast<uint32_t>(lm::pinholes::Refusal::other), 1U);
   EXPECT_EQ(static_cast<uint32_t>(lm::pinholes::Refusal::notPrepared), 7U);
   EXPECT_EQ(static_cast<uint32_t>(lm::pinholes::End::lease), 1U);

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "lumen/values/Ipv6.h"
+#include "lumen/values/Ipv6NetworkList.h"
 
 namespace lumen {
 namespace {
@@ -50,6 +51,37 @@ TEST(Ipv6, ComparesAsManyBitsAsThePrefixHas) {
   const Ipv6Network one(ip6("2001:db8::1"), 128);
   EXPECT_TRUE(one.holds(ip6("2001:db8::1")));
   EXPECT_FALSE(one.holds(ip6("2001:db8::")));
+}
+
+TEST(Ipv6, ReadsNetworks) {
+  EXPECT_EQ(Ipv6Network::parse("2001:db8::5/32"), Ipv6Network(ip6("2001:db8::"), 32));
+  EXPECT_EQ(Ipv6Network::parse("2001:db8::5"), Ipv6Network(ip6("2001:db8::5"), 128));
+  EXPECT_EQ(Ipv6Network::parse("::/0"), Ipv6Network());
+  for (const char* text : {"", "/64", "2001:db8::/", "2001:db8::/129", "2001:db8::/-1",
+                           "2001:db8::/6 4", "2001:db8::/64x", "10.0.0.0/8"}) {
+    EXPECT_FALSE(Ipv6Network::parse(text)) << text;
+  }
+}
+
+TEST(Ipv6, KnowsTheLastAddressOfANetwork) {
+  EXPECT_EQ(Ipv6Network(ip6("2001:db8::"), 32).last().text(),
+            "2001:db8:ffff:ffff:ffff:ffff:ffff:ffff");
+  EXPECT_EQ(Ipv6Network(ip6("2001:db8::80"), 121).last().text(), "2001:db8::ff");
+  EXPECT_EQ(Ipv6Network(ip6("2001:db8::1"), 128).last().text(), "2001:db8::1");
+  EXPECT_EQ(Ipv6Network().last().text(), "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff");
+}
+
+TEST(Ipv6, ReadsAListOfNetworksWithoutThoseThatAnotherHolds) {
+  const auto text = [](std::string_view list) {
+    const auto networks = parseIpv6Networks(list);
+    return networks ? networksText(*networks) : "none";
+  };
+  EXPECT_EQ(text(""), "");
+  EXPECT_EQ(text("2001:db9::1 2001:db8:1::/48 2001:db8::/32"), "2001:db8::/32 2001:db9::1/128");
+  for (const char* list : {" ", "2001:db8::1 ", " 2001:db8::1", "2001:db8::1  2001:db8::2",
+                           "2001:db8::1,2001:db8::2", "10.0.0.0/8"}) {
+    EXPECT_EQ(text(list), "none") << list;
+  }
 }
 
 }  // namespace

@@ -30,6 +30,10 @@ class FakeSet : public Nftables {
       for (const SetElement& element : change.elements) {
         if (&element != &change.elements.front()) command += ", ";
         command += textOf(element.key);
+        if (element.key.size() > plainParts) {
+          command += " . " + addressAt(element.key, plainParts) + "-" +
+                     addressAt(element.keyEnd, plainParts);
+        }
       }
       command += " }";
     }
@@ -58,16 +62,21 @@ class FakeSet : public Nftables {
   std::vector<std::string> texts;
 
  private:
+  static constexpr size_t plainParts = 6;
+
+  static std::string addressAt(const ElementParts& parts, size_t first) {
+    Ipv6Address::Bytes bytes = {};
+    for (size_t i = 0; i < bytes.size(); ++i) {
+      bytes[i] = std::to_integer<uint8_t>(parts.at(first + i / 4)[i % 4]);
+    }
+    return Ipv6Address(bytes).text();
+  }
+
   // "2001:db8::10 . tcp . 8080"
   static std::string textOf(const ElementParts& key) {
-    Ipv6Address::Bytes host = {};
-    for (size_t i = 0; i < host.size(); ++i) {
-      host[i] = std::to_integer<uint8_t>(key.at(i / 4)[i % 4]);
-    }
     const int protocol = std::to_integer<int>(key.at(4)[0]);
     const int port = std::to_integer<int>(key.at(5)[0]) * 256 + std::to_integer<int>(key.at(5)[1]);
-    return Ipv6Address(host).text() + (protocol == 6 ? " . tcp . " : " . udp . ") +
-           std::to_string(port);
+    return addressAt(key, 0) + (protocol == 6 ? " . tcp . " : " . udp . ") + std::to_string(port);
   }
 
   std::map<std::string, Result<std::string>> scripts_;
@@ -76,8 +85,12 @@ class FakeSet : public Nftables {
 /// What nft prints of the table that the installed ruleset makes.
 inline constexpr const char* installedTable =
     "table ip6 lumen { # progname lumend\n\tflags owner\n\n\tset pinholes {\n"
-    "\t\ttype ipv6_addr . inet_proto . inet_service\n\t}\n\n\tchain inbound {\n"
+    "\t\ttype ipv6_addr . inet_proto . inet_service\n\t}\n\n\tset filtered {\n"
+    "\t\ttype ipv6_addr . inet_proto . inet_service . ipv6_addr\n\t\tflags interval\n\t}\n\n"
+    "\tchain inbound {\n"
     "\t\ttype filter hook prerouting priority dstnat + 2; policy accept;\n"
-    "\t\tct state new ip6 daddr . meta l4proto . th dport @pinholes ct label set 125\n\t}\n}\n";
+    "\t\tct state new ip6 daddr . meta l4proto . th dport @pinholes ct label set 125\n"
+    "\t\tct state new meta l4proto { 6, 17 } ip6 daddr . meta l4proto . th dport . ip6 saddr "
+    "@filtered ct label set 125\n\t}\n}\n";
 
 }  // namespace lumen::test

@@ -45,13 +45,13 @@ class PinholeKernelTest : public testing::Test {
 // and removes it when lumend ends.
 TEST_F(PinholeKernelTest, HoldsAnElementForEachPinholeUntilItsProcessEnds) {
   ASSERT_EQ(whyNot(set->open(PINHOLE_RULESET_FILE)), "");
-  EXPECT_EQ(whyNot(set->add(key)), "");
+  EXPECT_EQ(whyNot(set->add({.key = key})), "");
   EXPECT_NE(seen("list set ip6 lumen pinholes").find("{ 2001:db8:1::10 . "), std::string::npos);
-  EXPECT_EQ(whyNot(set->add({key.host, 17, 8080})), "");
+  EXPECT_EQ(whyNot(set->add({.key = {key.host, 17, 8080}})), "");
   EXPECT_NE(seen("delete table ip6 lumen").find("Operation not permitted"), std::string::npos);
-  EXPECT_EQ(whyNot(set->remove({key, {key.host, 17, 8080}})), "");
+  EXPECT_EQ(whyNot(set->remove({Pinhole{.key = key}, {.key = {key.host, 17, 8080}}})), "");
   EXPECT_EQ(seen("list set ip6 lumen pinholes").find("2001:db8"), std::string::npos);
-  EXPECT_EQ(whyNot(set->remove({key})), "No such file or directory");
+  EXPECT_EQ(whyNot(set->remove({Pinhole{.key = key}})), "No such file or directory");
   nftables.reset();
   EXPECT_EQ(seen("list tables ip6"), "");
 }
@@ -123,9 +123,9 @@ class PinholeFlowsTest : public PinholeKernelTest, protected Ipv6Flows::Sweeper 
 // those end that no pinhole admits.
 TEST_F(PinholeFlowsTest, EndOneByOne) {
   ASSERT_EQ(set->label(), 125U);
-  EXPECT_EQ(whyNot(set->add({key.host, 17, 5000})), "");
-  EXPECT_EQ(whyNot(set->add({key.host, 17, 5001})), "");
-  EXPECT_EQ(whyNot(set->add({key.host, 6, 5002})), "");
+  EXPECT_EQ(whyNot(set->add({.key = {key.host, 17, 5000}})), "");
+  EXPECT_EQ(whyNot(set->add({.key = {key.host, 17, 5001}})), "");
+  EXPECT_EQ(whyNot(set->add({.key = {key.host, 6, 5002}})), "");
   for (const uint16_t port : std::set<uint16_t>{5000, 5001, 5003}) sends(SOCK_DGRAM, port);
   sends(SOCK_STREAM, 5002);
   EXPECT_EQ(sweeps(), (std::set<uint16_t>{5000, 5001}));
@@ -134,6 +134,30 @@ TEST_F(PinholeFlowsTest, EndOneByOne) {
   doomed = {5001};
   EXPECT_EQ(sweeps(), (std::set<uint16_t>{5000, 5001}));
   EXPECT_EQ(sweeps(), (std::set<uint16_t>{5000}));
+}
+
+// Promise: Only packets from a remote network of a pinhole get its label.
+TEST_F(PinholeFlowsTest, BeginFromTheRemoteNetworksAlone) {
+  ASSERT_TRUE(set->hasRemotes());
+  const auto to = [this](uint16_t port, const std::string& remotes) {
+    return Pinhole{.key = {key.host, 17, port}, .remotes = *parseIpv6Networks(remotes)};
+  };
+  EXPECT_EQ(whyNot(set->add(to(5000, "2001:db8:9::/64 2001:db8:a::1"))), "");
+  EXPECT_EQ(whyNot(set->add(to(5001, "2001:db8:8::/64 2001:db8:9::2/127"))), "");
+  EXPECT_NE(seen("list set ip6 lumen filtered").find(" . 5001 . 2001:db8:9::2/127"),
+            std::string::npos)
+      << seen("list set ip6 lumen filtered");
+  for (const uint16_t port : std::set<uint16_t>{5000, 5001}) sends(SOCK_DGRAM, port);
+  EXPECT_EQ(sweeps(), std::set<uint16_t>{5000});
+
+  EXPECT_EQ(
+      whyNot(set->change(to(5001, "2001:db8:8::/64 2001:db8:9::2/127"), to(5001, "2001:db8:9::1"))),
+      "");
+  sends(SOCK_DGRAM, 5001);
+  EXPECT_EQ(sweeps(), (std::set<uint16_t>{5000, 5001}));
+  EXPECT_EQ(whyNot(set->change(to(5001, "2001:db8:9::1"), to(5001, ""))), "");
+  EXPECT_EQ(whyNot(set->remove({to(5000, "2001:db8:9::/64 2001:db8:a::1"), to(5001, "")})), "");
+  EXPECT_EQ(seen("list table ip6 lumen").find("elements"), std::string::npos);
 }
 
 // Promise: lumend may end while flows of pinholes are being swept.

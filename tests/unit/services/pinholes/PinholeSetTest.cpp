@@ -12,8 +12,8 @@ namespace {
 
 using Texts = std::vector<std::string>;
 
-PinholeKey keyOf(const std::string& host, uint8_t protocol, uint16_t port) {
-  return {.host = Ipv6Address::parse(host).value(), .protocol = protocol, .port = port};
+Pinhole pinholeTo(const std::string& host, uint8_t protocol, uint16_t port) {
+  return {.key = {.host = Ipv6Address::parse(host).value(), .protocol = protocol, .port = port}};
 }
 
 class PinholeSetTest : public testing::Test {
@@ -33,6 +33,21 @@ TEST_F(PinholeSetTest, LoadsTheRulesetFile) {
   EXPECT_EQ(whyNot(set.open(file)), "");
   EXPECT_EQ(nftables.takeTexts(),
             (Texts{"list tables ip6", "file " + file, "list table ip6 lumen"}));
+}
+
+// Promise: A pinhole-ruleset.nft without the set `filtered` makes pinholes for any remote host.
+TEST_F(PinholeSetTest, KnowsWhetherTheRulesetCanFilter) {
+  EXPECT_FALSE(set.hasRemotes());
+  EXPECT_EQ(whyNot(set.open(file)), "");
+  EXPECT_TRUE(set.hasRemotes());
+  for (const std::string part :
+       {"set filtered {", "inet_service . ipv6_addr", "flags interval", "@filtered ct label set"}) {
+    std::string table = installedTable;
+    table.replace(table.find(part), part.size(), "else");
+    nftables.prints("list table ip6 lumen", table);
+    EXPECT_EQ(whyNot(set.open(file)), "");
+    EXPECT_FALSE(set.hasRemotes()) << part;
+  }
 }
 
 TEST_F(PinholeSetTest, ReadsTheLabelOfTheRuleset) {
@@ -87,8 +102,10 @@ TEST_F(PinholeSetTest, SaysWhyTheRulesetCannotBeLoaded) {
 // Promise: A pinhole is one element of a set in the kernel: opening and closing one costs the same
 // however many there are.
 TEST_F(PinholeSetTest, ChangesOneElementForEachPinhole) {
-  EXPECT_EQ(whyNot(set.add(keyOf("2001:db8:1::10", 6, 8080))), "");
-  EXPECT_EQ(whyNot(set.remove({keyOf("2001:db8:1::10", 6, 8080), keyOf("fd00::ff", 17, 53)})), "");
+  EXPECT_EQ(whyNot(set.add(pinholeTo("2001:db8:1::10", 6, 8080))), "");
+  EXPECT_EQ(
+      whyNot(set.remove({pinholeTo("2001:db8:1::10", 6, 8080), pinholeTo("fd00::ff", 17, 53)})),
+      "");
   EXPECT_EQ(whyNot(set.remove({})), "");
   EXPECT_EQ(nftables.takeTexts(),
             (Texts{"add element ip6 lumen pinholes { 2001:db8:1::10 . tcp . 8080 }",
