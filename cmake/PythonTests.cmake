@@ -3,8 +3,8 @@
 # parallel and are counted one by one. They find the built programs in $PALINODE_BIN, their version
 # in $PALINODE_VERSION, the Debian package in the folder $PALINODE_PACKAGES, and the Python package
 # tests/support on their path. A test that skips itself is shown as skipped. The files are read
-# again whenever they change. NEEDS and the lists
-# tests/needs-machine*.txt are what palinode_unit_test has them for.
+# again whenever they change. NEEDS and the lists tests/needs-machine*.txt are what palinode_unit_test
+# has them for. What may take longest begins first, so that no long test is the last one alone.
 function(palinode_python_tests label)
   cmake_parse_arguments(ARG "" "TIMEOUT;NEEDS" "" ${ARGN})
   if(NOT ARG_TIMEOUT)
@@ -35,7 +35,7 @@ function(palinode_python_tests label)
         set_tests_properties(${name} PROPERTIES
           LABELS "${needs}"
           SKIP_REGULAR_EXPRESSION "\nOK \\(skipped="
-          TIMEOUT ${ARG_TIMEOUT}
+          TIMEOUT ${ARG_TIMEOUT} COST ${ARG_TIMEOUT}
           ENVIRONMENT "PYTHONPATH=${CMAKE_SOURCE_DIR}/tests;PALINODE_BIN=${PALINODE_RUN_DIR};PALINODE_PACKAGES=${CMAKE_SOURCE_DIR}/build-package/package;PALINODE_VERSION=${PROJECT_VERSION}")
       endif()
     endforeach()

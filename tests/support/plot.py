@@ -61,13 +61,17 @@ def _draw(chart, note):
     yield _text(WIDTH / 2, bottom + 36, chart.unit, "middle")
     for number, (name, values) in enumerate(chart.series.items()):
         colour = COLOURS[number % len(COLOURS)]
+        # A colour that comes again is a broken line's.
+        dashes = ' stroke-dasharray="6 4"' if number >= len(COLOURS) else ""
         points = [(x(position), y(value)) for position, value in enumerate(values)]
         path = " ".join(f"{a:.1f},{b:.1f}" for a, b in points)
-        yield f'<polyline points="{path}" fill="none" stroke="{colour}" stroke-width="2"/>'
+        yield (f'<polyline points="{path}" fill="none" stroke="{colour}" stroke-width="2"'
+               f'{dashes}/>')
         yield from (f'<circle cx="{a:.1f}" cy="{b:.1f}" r="3" fill="{colour}"/>' for a, b in points)
         height = HEIGHT + number * LINE_HEIGHT
-        yield f'<rect x="{LEFT}" y="{height - 9}" width="10" height="10" fill="{colour}"/>'
-        yield _text(LEFT + 16, height, name)
+        yield (f'<line x1="{LEFT}" y1="{height - 4}" x2="{LEFT + 22}" y2="{height - 4}" '
+               f'stroke="{colour}" stroke-width="2"{dashes}/>')
+        yield _text(LEFT + 28, height, name)
 
 
 def _text(x, y, text, anchor="start", more=""):
