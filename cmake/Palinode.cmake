@@ -130,6 +130,11 @@ if(PALINODE_SMALL)
     list(APPEND PALINODE_TRIM LINKER:-z,pack-relative-relocs)
   endif()
 endif()
+if(PALINODE_CROSS_HOST STREQUAL "mips-linux-musl")
+  # Files are laid out for the largest pages that the machine could have, 64 KiB, with gaps of that
+  # size. Routers have 4 KiB, a few other MIPS machines 16.
+  list(APPEND PALINODE_TRIM LINKER:-z,max-page-size=16384)
+endif()
 if(PALINODE_STATIC_CXX)
   list(APPEND PALINODE_TRIM -static-libstdc++ -static-libgcc)
 endif()
