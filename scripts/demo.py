@@ -16,8 +16,8 @@ import time
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests"))
 
 from support import pcp
-from support.network import (LAN_ADDRESS, LAN_BRIDGE, WAN_ADDRESS, WAN_LINK, Network, exchange_tcp,
-                             exchange_udp, tcp_refused, udp_refused, wait_until)
+from support.network import (ANSWER_LIMIT, LAN_ADDRESS, LAN_BRIDGE, WAN_ADDRESS, WAN_LINK, Network,
+                             exchange_tcp, exchange_udp, tcp_refused, udp_refused, wait_until)
 from support.netns import Namespace
 from support.router import CommandFailed, Router
 from support.subscriber import Subscriber
@@ -145,7 +145,7 @@ def port_life(router, host, wan, subscriber):
 def fetch(host, path):
     """What the status page serves the host there."""
     with host.namespace.socket() as sock:
-        sock.settimeout(5)
+        sock.settimeout(ANSWER_LIMIT)
         sock.connect((LAN_ADDRESS, 80))
         sock.sendall(f"GET {path} HTTP/1.0\r\nHost: {LAN_ADDRESS}\r\n\r\n".encode())
         text = b""

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Packs the file system of the emulated machine of scripts/crossing/machine.sh into BUILD/machine.cpio.gz:
 # what a distribution has, the kernel's modules, the programs, their libraries and the tests.
-#   scripts/crossing/machine_files.sh ROOT LIBRARIES BUILD [LEFT_OUT]
+#   scripts/crossing/machine_files.sh ROOT LIBRARIES BUILD LEFT_OUT
 #     ROOT       the folder that scripts/crossing/root.sh filled with a kernel, Python and tools
 #     LIBRARIES  the one that it filled for the programs
 #     BUILD      as for machine.sh
@@ -9,8 +9,8 @@
 # Its file /tests has a line for each test: its name, its program, and the argument that selects it.
 . "$(dirname "$0")/../lib.sh"
 
-[ $# -ge 3 ] || fail "usage: machine_files.sh ROOT LIBRARIES BUILD [LEFT_OUT]"
-root=$(realpath "$1") libraries=$(realpath "$2") build=$(realpath "$3") left_out=${4:-/dev/null}
+[ $# -eq 4 ] || fail "usage: machine_files.sh ROOT LIBRARIES BUILD LEFT_OUT"
+root=$(realpath "$1") libraries=$(realpath "$2") build=$(realpath "$3") left_out=$4
 umask 022
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT

@@ -1,11 +1,14 @@
 """A host on the gateway's LAN: speaks SSDP, HTTP and SOAP from a namespace, byte for byte."""
 
+import os
 import select
 import socket
 import time
 
 SSDP_GROUP = "239.255.255.250"
 SSDP_PORT = 1900
+# By this many times a machine may be slower than a usual one: an emulated one is.
+SLOWDOWN = float(os.environ.get("PALINODE_SLOWDOWN", "1"))
 HTTP_PORT = 2828
 
 

@@ -16,7 +16,7 @@ import urllib.parse
 import xml.etree.ElementTree
 
 from support.closing import Closing
-from support.lan import LanHost
+from support.lan import SLOWDOWN, LanHost
 from support.netns import Namespace
 
 LAN_BRIDGE = "br-lan"
@@ -32,12 +32,13 @@ DESCRIPTION = "/gateway.xml"
 CONNECTION_SERVICE = "urn:schemas-upnp-org:service:WANIPConnection:1"
 
 # In seconds. Between namespaces an answer takes no time worth mentioning.
-ANSWER_LIMIT = 5.0
+ANSWER_LIMIT = 5.0 * SLOWDOWN
 
 
 def wait_until(condition, what, limit=10.0):
     """Looks again and again until `condition()` gives something true, and returns that. Raises
-    AssertionError, which names `what`, after `limit` seconds."""
+    AssertionError, which names `what`, after `limit` seconds of a usual machine."""
+    limit *= SLOWDOWN
     end = time.monotonic() + limit
     pause = 0.005
     while True:

@@ -8,7 +8,7 @@ import struct
 import xml.etree.ElementTree
 
 from support.closing import Closing
-from support.lan import HTTP_PORT, Text
+from support.lan import HTTP_PORT, SLOWDOWN, Text
 
 OK = b"HTTP/1.1 200 OK\r\nCONTENT-LENGTH: 0\r\n\r\n"
 
@@ -118,6 +118,7 @@ class Subscriber(Closing):
 
     def take(self, limit=5.0):
         """The next delivery. The caller closes it."""
+        limit *= SLOWDOWN
         if not self.is_called(limit):
             raise AssertionError(f"no delivery to {self.callback} within {limit} s")
         connection, _ = self._listener.accept()
