@@ -13,6 +13,9 @@
 
 namespace pcp {
 
+/// How much longer the prefix of an IPv4 network is that is mapped into IPv6.
+inline constexpr uint8_t mappedPrefix = 96;
+
 /// An address as PCP carries it: an IPv6 address, or an IPv4 address mapped into IPv6 (RFC 6887
 /// section 5).
 struct IpAddress {

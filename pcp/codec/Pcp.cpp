@@ -22,7 +22,6 @@ constexpr size_t headerLength = 24;
 constexpr size_t thirdPartyLength = 16;
 constexpr size_t filterLength = 20;
 
-constexpr uint8_t mappedPrefix = 96;
 constexpr uint8_t longestPrefix = 128;
 
 // RFC 6887 section 7.4.

@@ -1,5 +1,6 @@
 #include "pcp/server/PlatformPinholes.h"
 
+#include "pcp/table/MappingTable.h"
 #include "platform/Keys.h"
 #include "platform/wire/Pinholes.h"
 
@@ -9,6 +10,8 @@ namespace {
 
 // Milliseconds. lumend answers at once; hosts wait meanwhile.
 constexpr uint32_t answerLimit = 2000;
+
+static_assert(MappingTable::mostRemotes == lm::pinholes::mostRemotes);
 
 lm::message newRequest() {
   lm::message request;
@@ -42,20 +45,24 @@ std::variant<Ports::Open, Ports::Failure> PlatformPinholes::add(const Wish& wish
   lm::pinholes::write(request, lm::pinholes::Pinhole{.address = wish.client.address.text(),
                                                      .protocol = wish.protocol,
                                                      .port = wish.client.port,
-                                                     .lease = wish.lifetime});
+                                                     .lease = wish.lifetime,
+                                                     .remotes = lumen::networksText(wish.remotes)});
   const lm::message reply = handler_.exchangeCmd(request, lm::cmd::addObject, answerLimit);
   if (lm::isError(reply)) return failureOf(lm::pinholes::readRefusal(reply));
   return Open{.id = reply.get_u32(lm::key::objectId), .port = wish.client.port};
 }
 
-std::optional<Ports::Failure> PlatformPinholes::renew(
-    uint32_t id, uint32_t lifetime, const std::optional<lumen::Ipv4Networks>& /*remotes*/) {
+std::optional<Ports::Failure> PlatformPinholes::renew(uint32_t id, uint32_t lifetime,
+                                                      const std::optional<Networks>& remotes) {
   lm::message request = newRequest();
   request.insert_u32(lm::key::objectId, id);
   request.insert_u32(lm::pinholes::key::lease, lifetime);
+  if (remotes) request.insert_string(lm::pinholes::key::remotes, lumen::networksText(*remotes));
   const lm::message reply = handler_.exchangeCmd(request, lm::cmd::setObject, answerLimit);
-  if (lm::isError(reply)) return Failure::gone;
-  return std::nullopt;
+  if (!lm::isError(reply)) return std::nullopt;
+  // The only reason without a number is that there is no such pinhole.
+  const Failure failure = failureOf(lm::pinholes::readRefusal(reply));
+  return failure == Failure::unavailable ? Failure::gone : failure;
 }
 
 void PlatformPinholes::remove(uint32_t id) {

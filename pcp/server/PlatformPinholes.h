@@ -13,9 +13,8 @@ class PlatformPinholes : public Ports {
   explicit PlatformPinholes(lm::Handler& handler) : handler_(handler) {}
 
   [[nodiscard]] std::variant<Open, Failure> add(const Wish& wish) override;
-  /// No pinhole is for some remote networks alone.
-  [[nodiscard]] std::optional<Failure> renew(
-      uint32_t id, uint32_t lifetime, const std::optional<lumen::Ipv4Networks>& remotes) override;
+  [[nodiscard]] std::optional<Failure> renew(uint32_t id, uint32_t lifetime,
+                                             const std::optional<Networks>& remotes) override;
   void remove(uint32_t id) override;
   /// No other service opens any.
   [[nodiscard]] std::optional<uint16_t> openByOthers(uint8_t /*protocol*/,

@@ -24,10 +24,11 @@ uint32_t bytesOf(const IpAddress& address) {
 
 static_assert(MappingTable::mostRemotes == lm::nat::mostRemotes);
 
-std::vector<lm::nat::RemoteNetwork> wired(const lumen::Ipv4Networks& networks) {
+std::vector<lm::nat::RemoteNetwork> wired(const Networks& networks) {
   std::vector<lm::nat::RemoteNetwork> remotes;
-  for (const lumen::Ipv4Network& network : networks) {
-    remotes.push_back({.address = network.first().bytes(), .prefix = network.prefix()});
+  for (const lumen::Ipv6Network& network : networks) {
+    remotes.push_back(
+        {.address = bytesOf({network.first().bytes()}), .prefix = network.prefix() - mappedPrefix});
   }
   return remotes;
 }
@@ -67,8 +68,8 @@ std::variant<Ports::Open, Ports::Failure> PlatformPorts::add(const Wish& wish) {
               .port = static_cast<uint16_t>(reply.get_u32(lm::nat::key::portFirst, rule.port))};
 }
 
-std::optional<Ports::Failure> PlatformPorts::renew(
-    uint32_t id, uint32_t lifetime, const std::optional<lumen::Ipv4Networks>& remotes) {
+std::optional<Ports::Failure> PlatformPorts::renew(uint32_t id, uint32_t lifetime,
+                                                   const std::optional<Networks>& remotes) {
   lm::message request = requestTo(lm::nat::path());
   request.insert_u32(lm::key::objectId, id);
   request.insert_u32(lm::nat::key::lease, lifetime);

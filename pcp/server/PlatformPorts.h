@@ -13,8 +13,8 @@ class PlatformPorts : public Ports {
   explicit PlatformPorts(lm::Handler& handler) : handler_(handler) {}
 
   [[nodiscard]] std::variant<Open, Failure> add(const Wish& wish) override;
-  [[nodiscard]] std::optional<Failure> renew(
-      uint32_t id, uint32_t lifetime, const std::optional<lumen::Ipv4Networks>& remotes) override;
+  [[nodiscard]] std::optional<Failure> renew(uint32_t id, uint32_t lifetime,
+                                             const std::optional<Networks>& remotes) override;
   void remove(uint32_t id) override;
   [[nodiscard]] std::optional<uint16_t> openByOthers(uint8_t protocol, const IpAddress& external,
                                                      const Endpoint& client) override;

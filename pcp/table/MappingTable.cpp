@@ -72,7 +72,7 @@ std::variant<MappingTable::Assigned, ResultCode> MappingTable::open(const Wish& 
   if (countOf(wish.client) >= mostPerClient) return ResultCode::userExceededQuota;
   if (mappings_.size() >= most) forgetEnded(mappings_.begin(), mappings_.end());
   if (mappings_.size() >= most) return ResultCode::noResources;
-  const lumen::Ipv4Networks remotes = lumen::tidyNetworks(wish.filter.networks);
+  const Networks remotes = lumen::tidyNetworks(wish.filter.networks);
   if (remotes.size() > mostRemotes) return ResultCode::excessiveRemotePeers;
   const auto opened = openPort({.protocol = wish.target.protocol,
                                 .external = wished,
@@ -132,9 +132,9 @@ std::variant<MappingTable::Assigned, ResultCode> MappingTable::renew(Mappings::i
   if (wish.exact && wish.port != mapping->second.external.port) {
     return ResultCode::cannotProvideExternal;
   }
-  lumen::Ipv4Networks remotes = wish.filter.networks;
+  Networks remotes = wish.filter.networks;
   if (!wish.filter.forget) {
-    const lumen::Ipv4Networks& before = mapping->second.remotes;
+    const Networks& before = mapping->second.remotes;
     remotes.insert(remotes.end(), before.begin(), before.end());
   }
   remotes = lumen::tidyNetworks(std::move(remotes));

@@ -10,7 +10,6 @@
 
 #include "lumen/runtime/Clock.h"
 #include "lumen/values/Ipv4.h"
-#include "lumen/values/Ipv4Networks.h"
 #include "pcp/codec/IpAddress.h"
 #include "pcp/codec/Pcp.h"
 #include "pcp/table/Ports.h"
@@ -40,7 +39,7 @@ class MappingTable {
   /// Which networks may use a mapping, as one request changes it.
   struct FilterWish {
     bool forget = false;  ///< the networks that it had
-    lumen::Ipv4Networks networks{};
+    Networks networks{};
   };
 
   struct Wish {
@@ -111,7 +110,7 @@ class MappingTable {
     Nonce nonce;
     uint32_t id = 0;  // of the port
     Endpoint external;
-    lumen::Ipv4Networks remotes;
+    Networks remotes;
     lm::Clock::Time end;
     bool closed = false;  // by the administrator
   };

@@ -5,7 +5,7 @@
 #include <optional>
 #include <variant>
 
-#include "lumen/values/Ipv4Networks.h"
+#include "lumen/values/Ipv6NetworkList.h"
 #include "pcp/codec/IpAddress.h"
 
 namespace pcp {
@@ -18,6 +18,9 @@ struct Endpoint {
   auto operator<=>(const Endpoint&) const = default;
 };
 
+/// Networks of remote hosts. Those of IPv4 are mapped into IPv6, as addresses are.
+using Networks = lumen::Ipv6NetworkList;
+
 /// The ports that the router lets the Internet reach: for IPv4 it forwards them, for IPv6 they are
 /// pinholes of its firewall. A port is open for as long as its lease lasts.
 class Ports {
@@ -27,8 +30,8 @@ class Ports {
     Endpoint external{};   ///< the client itself for a pinhole
     bool exact = false;    ///< no other external port will do
     Endpoint client{};
-    lumen::Ipv4Networks remotes{};  ///< from where packets pass; none: anywhere
-    uint32_t lifetime = 0;          ///< in seconds, not 0
+    Networks remotes{};     ///< from where packets pass; none: anywhere
+    uint32_t lifetime = 0;  ///< in seconds, not 0
   };
 
   struct Open {
@@ -50,8 +53,8 @@ class Ports {
   [[nodiscard]] virtual std::variant<Open, Failure> add(const Wish& wish) = 0;
   /// Lets the lease last that many seconds from now, and replaces the remote networks unless they
   /// are none. A failure changes nothing.
-  [[nodiscard]] virtual std::optional<Failure> renew(
-      uint32_t id, uint32_t lifetime, const std::optional<lumen::Ipv4Networks>& remotes) = 0;
+  [[nodiscard]] virtual std::optional<Failure> renew(uint32_t id, uint32_t lifetime,
+                                                     const std::optional<Networks>& remotes) = 0;
   virtual void remove(uint32_t id) = 0;
   /// The port of `external` by which another service of the router, or its administrator, has
   /// opened the client's port; none: they have not.

@@ -10,8 +10,6 @@ namespace {
 
 // NAT-PMP knows no nonces.
 constexpr Nonce noNonce = {};
-// Of the address of an IPv4 network that is written as one of IPv6.
-constexpr uint8_t mappedPrefix = 96;
 
 natpmp::Result natPmpResult(ResultCode code) {
   switch (code) {
@@ -28,8 +26,10 @@ natpmp::Result natPmpResult(ResultCode code) {
 
 bool hasPorts(uint8_t protocol) { return protocol == IPPROTO_TCP || protocol == IPPROTO_UDP; }
 
-/// What the options ask for, in their order; none: more than a rule of the router can do.
-std::optional<MappingTable::FilterWish> filterOf(const std::vector<Filter>& filters) {
+/// What the options of a client ask for, in their order; none: more than the router can do.
+std::optional<MappingTable::FilterWish> filterOf(const std::vector<Filter>& filters,
+                                                 const IpAddress& client) {
+  const bool ofIpv4 = client.ipv4().has_value();
   MappingTable::FilterWish wish;
   bool everywhere = false;
   for (const Filter& filter : filters) {
@@ -38,11 +38,11 @@ std::optional<MappingTable::FilterWish> filterOf(const std::vector<Filter>& filt
       everywhere = false;
       continue;
     }
-    const auto address = filter.address.ipv4();
-    if (!address || filter.port != 0) return std::nullopt;
-    wish.networks.emplace_back(*address, filter.prefix - mappedPrefix);
+    // No host of the other version of IP reaches the client.
+    if (filter.address.ipv4().has_value() != ofIpv4 || filter.port != 0) return std::nullopt;
+    wish.networks.emplace_back(lumen::Ipv6Address(filter.address.bytes), filter.prefix);
     // Every address: no filter.
-    everywhere = everywhere || filter.prefix == mappedPrefix;
+    everywhere = everywhere || (ofIpv4 && filter.prefix == mappedPrefix);
   }
   if (everywhere) wish = {.forget = true};
   return wish;
@@ -128,10 +128,6 @@ Responder::Answer Responder::answerPcp(std::span<const uint8_t> datagram, const 
 Responder::Carried Responder::carryOut(const Request& request, const IpAddress& source) {
   if (request.client != source) return Carried::failed(ResultCode::addressMismatch);
   if (!request.map) return {};
-  // No pinhole is for one remote host alone.
-  if (!source.ipv4() && !request.filters.empty()) {
-    return Carried::failed(ResultCode::unsupportedOption);
-  }
   if (!request.thirdParty) return map(request, source);
   if (!agents_.contains(source)) return Carried::failed(ResultCode::unsupportedOption);
   const IpAddress& client = *request.thirdParty;
@@ -166,7 +162,7 @@ Responder::Carried Responder::map(const Request& request, const IpAddress& clien
     if (code != ResultCode::success) return failed(code);
     return {.assigned = wished};
   }
-  const auto filter = filterOf(request.filters);
+  const auto filter = filterOf(request.filters, client);
   if (!filter) return Carried::failed(ResultCode::excessiveRemotePeers);
   const auto external = table_.externalOf(client);
   if (request.preferFailure && external && !wished.externalAddress.isUnspecified() &&

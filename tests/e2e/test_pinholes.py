@@ -18,6 +18,12 @@ NEIGHBOUR = "2001:db8:1::11"
 WAN_ROUTER = "2001:db8:ff::1"
 WAN_HOST = "2001:db8:ff::2"
 
+def only_from(network, prefix):
+    """The option FILTER of RFC 6887 section 13.3: code 3 of 20 bytes, a reserved byte, the prefix,
+    any remote port, the network. Prefix 0 forgets the filters before it."""
+    return struct.pack("!BxHxBH", 3, 20, prefix, 0) + socket.inet_pton(socket.AF_INET6, network)
+
+
 SUCCESS, NOT_AUTHORIZED, NETWORK_FAILURE, ADDRESS_MISMATCH = 0, 2, 7, 12
 
 # What is not admitted is refused at once, so that no test waits for it.
@@ -84,9 +90,10 @@ class PinholeCase(RouterCase):
                                                                               LAN_HOST))
         return answer[3] if answer else None
 
-    def map(self, protocol, port, lifetime=3600, host=LAN_HOST):
+    def map(self, protocol, port, lifetime=3600, host=LAN_HOST, options=b""):
         """The result code, the lifetime and the external address and port."""
-        answer = self.ask(ipv6_map(protocol, port, host=host, lifetime=lifetime))
+        answer = self.ask(ipv6_map(protocol, port, host=host, lifetime=lifetime,
+                                   options=options))
         lifetime, = struct.unpack_from("!I", answer, 4)
         external, = struct.unpack_from("!H", answer, 42)
         return answer[3], lifetime, (socket.inet_ntop(socket.AF_INET6, answer[44:60]), external)
@@ -172,6 +179,25 @@ class PinholeTest(PinholeCase):
             client.send(b"there")
             data, peer = server.recvfrom(10)
             self.assertEqual((data, peer[0]), (b"there", WAN_HOST))
+
+    # Also proves [pinhole-remotes].
+    def test_a_filtered_pinhole_is_reached_from_its_networks_alone(self):
+        self.firewall()
+        elsewhere = only_from("::", 0) + only_from("2001:db8:ee::", 48)
+        self.assertEqual(self.map(TCP, 8080, options=only_from(WAN_HOST, 128))[0], SUCCESS)
+        self.assertTrue(self.is_open(8080))
+        self.assertIn(f"{WAN_HOST}/128", self.router.lumenctl("nat", "list"))
+        self.assertEqual(self.pinholes(), 0, "it is in the other set")
+        self.assertEqual(self.map(TCP, 8080, options=elsewhere)[0], SUCCESS)
+        self.assertFalse(self.is_open(8080))
+        self.assertEqual(self.router.status()["pinholes"][0]["from"], "2001:db8:ee::/48")
+        self.assertEqual(self.map(TCP, 8080, options=only_from("2001:db8:ff::", 64))[0], SUCCESS)
+        self.assertTrue(self.is_open(8080))
+        self.assertEqual(self.map(TCP, 8080, options=elsewhere)[0], SUCCESS)
+        self.assertFalse(self.is_open(8080))
+        self.assertEqual(self.map(TCP, 8080, options=only_from("::", 0))[0], SUCCESS)
+        self.assertTrue(self.is_open(8080))
+        self.assertEqual(self.pinholes(), 1)
 
     # Also proves [pinhole-flows].
     def test_a_udp_flow_ends_with_its_pinhole(self):
@@ -333,6 +359,27 @@ class PinholeTest(PinholeCase):
         self.network.router.run("sh", "-c", finding["remedy"])
         self.assertNotIn("firewall-drops-pinholes", self.findings())
 
+
+class OtherPinholeFileTest(PinholeCase):
+    # Promise: `lumenctl upnp check` names a pinhole-ruleset.nft from before filters; pinholes for any
+    # remote host are opened with it.
+    def test_an_older_file_opens_no_filtered_pinhole_and_is_named(self):
+        self.assertNotIn("pinhole-ruleset-without-remote-networks", self.findings())
+        path = self.router.root / "etc" / "pinhole-ruleset.nft"
+        older = [line for line in path.read_text().splitlines(True) if "@filtered" not in line]
+        path.unlink()
+        path.write_text("".join(older))
+        self.router.stop()
+        self.router.start()
+        self.wait_until(lambda: self.announced() == SUCCESS, "PCP is answered by IPv6")
+        self.assertEqual(self.map(TCP, 8080, options=only_from(WAN_HOST, 128))[0], NOT_AUTHORIZED)
+        self.assertEqual(self.map(TCP, 8080)[0], SUCCESS)
+        self.assertEqual(self.pinholes(), 1)
+        # The mapping goes on as it was.
+        self.assertEqual(self.map(TCP, 8080, options=only_from(WAN_HOST, 128))[0], NOT_AUTHORIZED)
+        self.assertEqual(self.map(TCP, 8080)[0], SUCCESS)
+        self.assertEqual(self.pinholes(), 1)
+        self.assertIn("pinhole-ruleset-without-remote-networks", self.findings())
 
 class NoPinholeFileTest(PinholeCase):
     def test_without_its_file_pinholes_are_refused_and_all_else_works(self):

@@ -10,6 +10,11 @@
 
 namespace pcp::test {
 
+/// The network that a filter of an IPv4 client names.
+inline lumen::Ipv6Network mapped(lumen::Ipv4Address address, unsigned prefix) {
+  return {lumen::Ipv6Address(IpAddress::mapped(address).bytes), mappedPrefix + prefix};
+}
+
 /// A router whose ports a test can look at. A wish that is taken gets the next free port, and a
 /// wish for any the first free one from 50000 on. Each client of IPv6 has ports of its own.
 class FakePorts : public Ports {
@@ -28,7 +33,7 @@ class FakePorts : public Ports {
   }
 
   std::optional<Failure> renew(uint32_t id, uint32_t lifetime,
-                               const std::optional<lumen::Ipv4Networks>& remotes) override {
+                               const std::optional<Networks>& remotes) override {
     if (refusesNext) return std::exchange(refusesNext, std::nullopt);
     const auto rule = rules.find(id);
     if (rule == rules.end()) return Failure::gone;

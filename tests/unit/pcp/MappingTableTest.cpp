@@ -18,10 +18,8 @@ constexpr lumen::Ipv4Address outside = {45, 45, 45, 2};
 constexpr lumen::Ipv4Address newOutside = {46, 46, 46, 2};
 constexpr Nonce nonce = {1, 2, 3};
 constexpr Nonce otherNonce = {4, 5, 6};
-const lumen::Ipv4Network office({198, 51, 100, 0}, 24);
-const lumen::Ipv4Network home({203, 0, 113, 0}, 24);
-
-using Networks = lumen::Ipv4Networks;
+const lumen::Ipv6Network office = test::mapped({198, 51, 100, 0}, 24);
+const lumen::Ipv6Network home = test::mapped({203, 0, 113, 0}, 24);
 
 class MappingTableTest : public testing::Test {
  protected:
@@ -339,14 +337,14 @@ TEST_F(MappingTableTest, FiltersAreTheNetworksOfThePort) {
   EXPECT_EQ(rule().remotes, Networks{office});
   filtered.filter.networks = {home};
   mapped(filtered);
-  EXPECT_EQ(rule().remotes, lumen::tidyNetworks({home, office})) << "one more";
+  EXPECT_EQ(rule().remotes, lumen::tidyNetworks(Networks{home, office})) << "one more";
 }
 
 TEST_F(MappingTableTest, MoreFiltersThanARuleHasAreRefused) {
   const auto hosts = [](uint8_t first, uint8_t count) {
     Networks networks;
     for (uint8_t i = 0; i < count; ++i) {
-      networks.emplace_back(lumen::Ipv4Address(10, 0, 0, static_cast<uint8_t>(first + i)), 32);
+      networks.push_back(test::mapped({10, 0, 0, static_cast<uint8_t>(first + i)}, 32));
     }
     return networks;
   };
@@ -362,7 +360,7 @@ TEST_F(MappingTableTest, MoreFiltersThanARuleHasAreRefused) {
   mapped(filtered);
   EXPECT_EQ(rule().remotes, hosts(8, 1));
   // A network counts for all that lie in it.
-  filtered.filter = {.networks = {lumen::Ipv4Network({10, 0, 0, 0}, 24)}};
+  filtered.filter = {.networks = {test::mapped({10, 0, 0, 0}, 24)}};
   mapped(filtered);
   EXPECT_EQ(rule().remotes, filtered.filter.networks);
 }
@@ -398,7 +396,7 @@ TEST_F(MappingTableTest, APortThatOpensAgainKeepsItsFilters) {
   ports.rules.clear();
   filtered.filter.networks = {home};
   mapped(filtered);
-  EXPECT_EQ(rule().remotes, lumen::tidyNetworks({home, office}));
+  EXPECT_EQ(rule().remotes, lumen::tidyNetworks(Networks{home, office}));
 }
 
 // Promise: A port that the administrator closed by a request that was given up can be renewed.

@@ -110,11 +110,37 @@ TEST_F(PinholeResponderTest, OnlyAgentsAskForOthers) {
   EXPECT_EQ(ports.rules[1].client.address, ip6("2001:db8:1::11"));
 }
 
+// RFC 6887 section 13.3. Also proves [pinhole-remotes].
+TEST_F(PinholeResponderTest, FiltersAreTheNetworksOfThePinhole) {
+  const std::string map = header + nonce + tcp80 + anyAddress;
+  const std::string office = "20010db8 00ff0000 00000000 00000000 ";
+  const std::string home = "20010db8 00fe0000 00000000 00000007 ";
+  const std::string ipv4 = "00000000 00000000 0000ffff c6336400 ";  // 198.51.100.0
+  // Option 3 of 20 bytes: a reserved byte, the prefix, the remote port; then the address.
+  const auto filter = [](const std::string& prefixAndPort, const std::string& remote) {
+    return "03 00 0014 00 " + prefixAndPort + remote;
+  };
+  const auto remotes = [&] { return lumen::networksText(ports.rules.begin()->second.remotes); };
+  EXPECT_EQ(outcome(map + filter("30 0000", office)), "0 for 3600");
+  EXPECT_EQ(remotes(), "2001:db8:ff::/48");
+  EXPECT_EQ(outcome(map + filter("80 0000", home)), "0 for 3600");
+  EXPECT_EQ(remotes(), "2001:db8:fe::7/128 2001:db8:ff::/48") << "one more";
+  // One port of the remote host, and hosts of IPv4, which reach no pinhole.
+  EXPECT_EQ(outcome(map + filter("30 01bb", office)), "13 for 1800");
+  EXPECT_EQ(outcome(map + filter("78 0000", ipv4)), "13 for 1800");
+  EXPECT_EQ(outcome(map + filter("60 0000", ipv4)), "13 for 1800");
+  EXPECT_EQ(remotes(), "2001:db8:fe::7/128 2001:db8:ff::/48");
+  // Of an IPv4 address the prefix is from 96 on; none is longer than 128.
+  EXPECT_EQ(outcome(map + filter("5f 0000", ipv4)), "6 for 1800");
+  EXPECT_EQ(outcome(map + filter("81 0000", office)), "6 for 1800");
+  // Prefix 0 forgets those before it.
+  EXPECT_EQ(outcome(map + filter("00 0000", office) + filter("01 0000", office)), "0 for 3600");
+  EXPECT_EQ(remotes(), "::/1");
+  EXPECT_EQ(outcome(map + filter("30 0000", office) + filter("00 0000", home)), "0 for 3600");
+  EXPECT_EQ(remotes(), "");
+}
+
 TEST_F(PinholeResponderTest, RefusesWhatAPinholeCannotBe) {
-  // FILTER: all of 2001:db8:ff::/48.
-  EXPECT_EQ(outcome(header + nonce + tcp80 + anyAddress +
-                    "03 00 0014 00 30 0000 20010db8 00ff0000 00000000 00000000"),
-            "5 for 1800");
   // All protocols, all ports, SCTP.
   EXPECT_EQ(outcome(header + nonce + "00 000000 0000 0000 " + anyAddress), "9 for 1800");
   EXPECT_EQ(outcome(header + nonce + "06 000000 0000 0000 " + anyAddress), "9 for 1800");

@@ -270,9 +270,8 @@ TEST_F(ResponderTest, APortForSomeNetworksIsNoneOfOthers) {
 }
 
 TEST_F(ResponderTest, FiltersAreTheNetworksOfThePort) {
-  using Networks = lumen::Ipv4Networks;
-  const lumen::Ipv4Network office({198, 51, 100, 0}, 24);
-  const lumen::Ipv4Network home({203, 0, 113, 7}, 32);
+  const lumen::Ipv6Network office = test::mapped({198, 51, 100, 0}, 24);
+  const lumen::Ipv6Network home = test::mapped({203, 0, 113, 7}, 32);
   const std::string officeBytes = "00000000 00000000 0000ffff c6336400 ";  // 198.51.100.0
   const std::string homeBytes = "00000000 00000000 0000ffff cb007107 ";    // 203.0.113.7
   // Option 3 of 20 bytes: a reserved byte, the prefix, the remote port; then the address.
