@@ -1,8 +1,8 @@
 #include "lumen/services/nat/Admission.h"
 
-#include <chrono>
 #include <utility>
 
+#include "lumen/services/nat/PortRights.h"
 #include "lumen/values/Result.h"
 
 namespace lumen {
@@ -22,17 +22,11 @@ Refused full(std::string text) {
   return {.text = std::move(text), .denial = {.why = Refusal::full}};
 }
 
-Refused lacksRight(std::string text) {
-  return {.text = std::move(text), .denial = {.why = Refusal::rights}};
-}
-
 /// A lease that is longer than the caller's service file grants; `from` is its begin.
 std::optional<Refused> refuseLease(const Caller& caller, const Rule& rule, lm::Clock::Time from) {
-  if (caller.administrator || !caller.ports || !caller.ports->longestLease) return std::nullopt;
-  const std::chrono::seconds longest = *caller.ports->longestLease;
-  if (rule.until && *rule.until - from <= longest) return std::nullopt;
-  return lacksRight("the longest lease that its service file allows is " +
-                    std::to_string(longest.count()) + " seconds");
+  std::optional<lm::Clock::Time::duration> lease;
+  if (rule.until) lease = *rule.until - from;
+  return asRefusal(PortRights(caller).toLease(lease), Refusal::rights);
 }
 
 }  // namespace
@@ -47,10 +41,9 @@ Admission::Admission(const RuleTable& table, const LocalNetworks& networks,
       policies_(policies) {}
 
 std::optional<Refused> Admission::refuseAdd(const Caller& caller, Rule& rule, bool anyPort) {
-  if (!caller.administrator) {
-    if (!caller.ports) return lacksRight("its service file does not say \"ports = yes\"");
-    if (auto refused = refuseLease(caller, rule, rule.addedAt)) return refused;
-  }
+  const PortRights rights(caller);
+  if (auto refused = asRefusal(rights.toOpenPorts(), Refusal::rights)) return refused;
+  if (auto refused = refuseLease(caller, rule, rule.addedAt)) return refused;
   if (!networks_.interfaceOf(rule.key.external.address)) {
     return Refused{.text = "external address " + rule.key.external.address.text() +
                            " is not one of this router",
@@ -72,11 +65,8 @@ std::optional<Refused> Admission::refuseAdd(const Caller& caller, Rule& rule, bo
                 " rules already, the policy allows " + std::to_string(policy().maxRules));
   }
   if (auto refused = refuseFull(rule.client.address, table_.size())) return refused;
-  if (!caller.administrator &&
-      table_.sizeOf(*rule.owner) >= caller.ports->most.value_or(UINT32_MAX)) {
-    return full("service " + *rule.owner + " has all the rules that its file allows it, " +
-                std::to_string(*caller.ports->most));
-  }
+  const auto oneMore = rights.toOneMore("rules", table_.sizeOf(*rule.owner));
+  if (auto refused = asRefusal(oneMore, Refusal::full)) return refused;
   return anyPort ? choosePort(rule) : refuseOwnPort(rule.key);
 }
 

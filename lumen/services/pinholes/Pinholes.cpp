@@ -12,6 +12,7 @@
 #include "lumen/runtime/Log.h"
 #include "lumen/runtime/Paging.h"
 #include "lumen/runtime/Refusal.h"
+#include "lumen/services/nat/PortRights.h"
 #include "platform/Keys.h"
 
 namespace lumen {
@@ -57,12 +58,6 @@ Result<std::optional<Ipv6NetworkList>> readRemotes(const lm::message& request) {
     return Failure{"the prefix of a remote network must be from 1 to 128"};
   }
   return remotes;
-}
-
-/// Whether the caller's service file grants it no such lease.
-bool isTooLong(const Caller& caller, std::chrono::seconds lease) {
-  return !caller.administrator && caller.ports && caller.ports->longestLease &&
-         lease > *caller.ports->longestLease;
 }
 
 template <typename Key>
@@ -158,17 +153,14 @@ lm::message Pinholes::change(const Caller& caller, uint32_t command, const lm::m
 
 Pinholes::OptionalRefused Pinholes::add(const Caller& caller, const lm::message& request,
                                         lm::message& reply) {
-  if (!caller.administrator && !caller.ports) {
-    return Refused{"its service file does not say \"ports = yes\"", Refusal::rights};
-  }
+  const PortRights rights(caller);
+  if (auto refused = asRefusal(rights.toOpenPorts(), Refusal::rights)) return refused;
   const auto wanted = readKey(request);
   if (!wanted) return Refused{wanted.why()};
   const auto remotes = readRemotes(request);
   if (!remotes) return Refused{remotes.why()};
   const std::chrono::seconds lease(request.get_u32(key::lease));
-  if (isTooLong(caller, lease)) {
-    return Refused{"the lease is longer than its service file allows", Refusal::rights};
-  }
+  if (auto refused = asRefusal(rights.toLease(lease), Refusal::rights)) return refused;
   if (auto refused = refuseAll()) return refused;
   if (auto refused = refuseByPolicy(*wanted)) return refused;
   if (ids_.contains(*wanted)) {
@@ -205,9 +197,7 @@ Pinholes::OptionalRefused Pinholes::renew(const Caller& caller, const lm::messag
   if (const auto known = lm::checkFields(request, renewFields); !known) return Refused{known.why()};
   const std::chrono::seconds lease(request.get_u32(key::lease));
   if (lease.count() == 0) return Refused{"a pinhole must have a lease of at least one second"};
-  if (isTooLong(caller, lease)) {
-    return Refused{"the lease is longer than its service file allows", Refusal::rights};
-  }
+  if (auto refused = asRefusal(PortRights(caller).toLease(lease), Refusal::rights)) return refused;
   if (auto refused = refuseByPolicy(it->second.key)) return refused;
   const auto remotes = readRemotes(request);
   if (!remotes) return Refused{remotes.why()};
@@ -248,6 +238,11 @@ void Pinholes::undoRemove(uint32_t id, const Pinhole& removed) {
     return;
   }
   insert(id, removed);
+}
+
+Pinholes::OptionalRefused Pinholes::asRefusal(const Result<void>& allowed, Refusal why) {
+  if (allowed) return std::nullopt;
+  return Refused{allowed.why(), why};
 }
 
 Pinholes::OptionalRefused Pinholes::refuseAll() const {
@@ -314,12 +309,10 @@ Pinholes::OptionalRefused Pinholes::refuseFull(const Caller& caller, const Pinho
                        std::to_string(Policy::fewRules),
                    Refusal::full};
   }
-  if (caller.administrator || !caller.ports->most) return std::nullopt;
   const auto own = std::ranges::count_if(
       table_, [&](const auto& entry) { return entry.second.owner == pinhole.owner; });
-  if (static_cast<size_t>(own) < *caller.ports->most) return std::nullopt;
-  return Refused{"service " + pinhole.owner + " has all the pinholes that its file allows it",
-                 Refusal::full};
+  return asRefusal(PortRights(caller).toOneMore("pinholes", static_cast<size_t>(own)),
+                   Refusal::full);
 }
 
 Result<void> Pinholes::drop(Table::iterator it, OptionalEnd end) {

@@ -67,6 +67,8 @@ class Pinholes : public LocalHandler,
   [[nodiscard]] OptionalRefused renew(const Caller& caller, const lm::message& request);
   [[nodiscard]] OptionalRefused remove(const Caller& caller, const lm::message& request);
 
+  [[nodiscard]] static OptionalRefused asRefusal(const Result<void>& allowed,
+                                                 lm::pinholes::Refusal why);
   /// Why there can be no pinholes now; none: there can.
   [[nodiscard]] OptionalRefused refuseAll() const;
   /// Unless the kernel's table can hold the remote networks, if there are any.
