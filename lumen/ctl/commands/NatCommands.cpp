@@ -18,8 +18,12 @@ namespace {
 
 void list(Session& session) {
   const std::vector<NatRule> rules = session.router().rules();
-  if (session.json) return session.print(portsAsJson(rules));
   const std::vector<Pinhole> pinholes = session.router().pinholes();
+  if (session.json) {
+    Json all = portsAsJson(rules);
+    for (const Json& one : pinholesAsJson(pinholes)) all.push_back(one);
+    return session.print(all);
+  }
   if (rules.empty() && pinholes.empty()) session.out() << "No port is open.\n";
   session.print(portsAsTable(rules));
   if (!rules.empty() && !pinholes.empty()) session.out() << '\n';

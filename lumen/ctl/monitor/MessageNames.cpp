@@ -15,6 +15,8 @@
 #include "platform/wire/Interfaces.h"
 #include "platform/wire/Monitor.h"
 #include "platform/wire/NatRules.h"
+#include "platform/wire/Pcp.h"
+#include "platform/wire/Pinholes.h"
 #include "platform/wire/Resolver.h"
 #include "platform/wire/Web.h"
 
@@ -139,6 +141,21 @@ constexpr FieldName natFields[] = {
     {"max-rules-per-client", lm::nat::key::maxRulesPerClient},
     {"reset", lm::nat::key::reset},
     {"reload", lm::nat::key::reload},
+    {"remotes-possible", lm::nat::key::remotesPossible},
+};
+
+constexpr FieldName pinholeFields[] = {
+    {"address", lm::pinholes::key::address}, {"protocol", lm::pinholes::key::protocol},
+    {"port", lm::pinholes::key::port},       {"lease", lm::pinholes::key::lease},
+    {"owner", lm::pinholes::key::owner},     {"seconds", lm::pinholes::key::seconds},
+    {"ended", lm::pinholes::key::ended},     {"refusal", lm::pinholes::key::refusal},
+    {"problem", lm::pinholes::key::problem},
+};
+
+constexpr FieldName pcpFields[] = {
+    {"enabled", lm::pcp::key::enabled},   {"agents", lm::pcp::key::agents},
+    {"served", lm::pcp::key::served},     {"problem", lm::pcp::key::problem},
+    {"mappings", lm::pcp::key::mappings}, {"pinholes", lm::pcp::key::pinholes},
 };
 
 constexpr FieldName gatewayFields[] = {
@@ -177,6 +194,8 @@ constexpr Vocabulary vocabularies[] = {
     {{lm::service::interfaces, lm::handler::addresses}, addressFields},
     {{lm::service::interfaces, lm::handler::natRules}, natFields},
     {{lm::service::interfaces, lm::handler::portLog}, natFields},
+    {{lm::service::interfaces, lm::handler::pinholes}, pinholeFields},
+    {{lm::service::pcp, 0}, pcpFields},
     {{lm::service::gateway, 0}, gatewayFields},
     {{lm::service::web, 0}, webFields},
     {{lm::service::identity, 0}, identityFields},

@@ -23,6 +23,8 @@ const char* routerHandlerName(uint32_t handler) {
       return "nat";
     case lm::handler::portLog:
       return "port-log";
+    case lm::handler::pinholes:
+      return "pinholes";
     default:
       return nullptr;
   }

@@ -10,6 +10,10 @@ namespace lumenctl {
 
 Json portsAsJson(const std::vector<NatRule>& rules) { return Json::parse(portsJson(rules)); }
 
+Json pinholesAsJson(const std::vector<Pinhole>& pinholes) {
+  return Json::parse(pinholesJson(pinholes));
+}
+
 Table portsAsTable(std::vector<NatRule> rules) {
   sortByPort(rules);
   const bool leases =

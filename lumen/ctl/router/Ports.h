@@ -9,6 +9,7 @@
 namespace lumenctl {
 
 [[nodiscard]] Json portsAsJson(const std::vector<NatRule>& rules);
+[[nodiscard]] Json pinholesAsJson(const std::vector<Pinhole>& pinholes);
 /// When leases end is a column where a rule has one.
 [[nodiscard]] Table portsAsTable(std::vector<NatRule> rules);
 

@@ -116,6 +116,10 @@ std::vector<std::string> picture(const Status& status, const std::map<uint32_t, 
   } else {
     append(lines, portsAsTable(status.rules).lines(look.colours, width));
   }
+  if (!status.pinholes.empty()) {
+    lines.emplace_back();
+    append(lines, pinholesAsTable(status.pinholes).lines(look.colours, width));
+  }
   if (!status.refusals.empty()) lines.emplace_back();
   for (const PortEvent& refusal : status.refusals) {
     lines.push_back(cut(refusalText(refusal), width));

@@ -156,6 +156,17 @@ void FakePlatform::hasPort(uint32_t port, uint32_t protocol, const std::string& 
   rules_.push_back(record);
 }
 
+void FakePlatform::hasPinhole(const std::string& host, uint32_t port, uint32_t protocol) {
+  lm::message record;
+  lm::pinholes::write(
+      record, lm::pinholes::Record{
+                  .pinhole = {.address = host, .protocol = protocol, .port = port, .lease = 5025},
+                  .id = nextId_++,
+                  .owner = "pcp",
+                  .seconds = 185});
+  pinholes_.push_back(record);
+}
+
 void FakePlatform::gatewayUses(const std::string& linkName, uint32_t role, bool disabled) {
   lm::message record;
   record.insert_u32(lm::key::objectId, nextId_++);
@@ -322,7 +333,8 @@ lumen::Result<lm::message> FakePlatform::answer(const Path& destination, uint32_
   }
   if (destination == Path{20, 6} && command == lm::cmd::readAll) return page(portEvents_, request);
   if (destination == lm::pinholes::path()) {
-    if (command != lm::cmd::get) return page(pinholes_, request);
+    if (command == lm::cmd::readAll) return page(pinholes_, request);
+    if (command != lm::cmd::get) return changeTable(pinholes_, command, request);
     reply.insert_bool(lm::pinholes::key::remotesPossible, true);
     return reply;
   }

@@ -43,6 +43,8 @@ class FakePlatform {
   void hasAddress(const std::string& link, const std::string& address, bool disabled = false);
   void hasPort(uint32_t port, uint32_t protocol, const std::string& client, uint32_t clientPort);
   [[nodiscard]] lm::message& lastPort() { return rules_.back(); }
+  /// A port of an IPv6 host.
+  void hasPinhole(const std::string& host, uint32_t port, uint32_t protocol);
   void gatewayUses(const std::string& link, uint32_t role, bool disabled = false);
   void gatewayIs(const std::string& state, uint32_t pid = 0, uint64_t nextStart = 0);
   /// A change that the gateway's handler 0 made, and the command that undoes it. Returns its

@@ -189,6 +189,29 @@ TEST_F(Listing, ShowsWhenALeaseEnds) {
   }
 }
 
+// Promise: `nat list` and `status` show the open ports of IPv6 hosts after the others, in the order
+// of the hosts; in JSON such a port has the field "host".
+TEST_F(Listing, ShowsThePortsOfIpv6Hosts) {
+  router.hasPinhole("2001:db8::11", 443, tcp);
+  router.hasPinhole("2001:db8::10", 5060, udp);
+  const std::string table =
+      "PORT      OF IPV6 HOST  OPEN FOR   ENDS IN     OPENED BY\n"
+      "5060/udp  2001:db8::10  3 min 5 s  1 h 23 min  pcp\n"
+      "443/tcp   2001:db8::11  3 min 5 s  1 h 23 min  pcp\n";
+  EXPECT_EQ(router.lumenctl({"nat", "list"}).out, table);
+  EXPECT_TRUE(router.lumenctl({"status"}).out.ends_with(table));
+  router.hasPort(8080, tcp, "192.168.88.10", 80);
+  const Json listed = Json::parse(router.lumenctl({"nat", "list", "--json"}).out);
+  ASSERT_EQ(listed.size(), 3U);
+  EXPECT_EQ(listed[0]["client"], "192.168.88.10");
+  EXPECT_EQ(listed[1].dump(),
+            R"({"port":5060,"protocol":"udp","host":"2001:db8::10","owner":"pcp","seconds":185,)"
+            R"("seconds_left":5025})");
+  EXPECT_EQ(listed[2]["host"], "2001:db8::11");
+  const Json status = Json::parse(router.lumenctl({"status", "--json"}).out);
+  EXPECT_EQ(status["pinholes"], Json::array({listed[1], listed[2]}));
+}
+
 TEST_F(Listing, SaysThatNoPortIsOpen) {
   EXPECT_EQ(router.lumenctl({"nat", "list"}).out, "No port is open.\n");
   EXPECT_EQ(router.lumenctl({"nat", "list", "--json"}).out, "[]\n");

@@ -19,7 +19,9 @@ constexpr Subject resolver = {14, 0};
 constexpr Subject interfaces = {20, 0};
 constexpr Subject addresses = {20, 1};
 constexpr Subject natRules = {20, 5};
+constexpr Subject pinholes = {20, 7};
 constexpr Subject gateway = {40, 0};
+constexpr Subject pcp = {41, 0};
 constexpr Subject web = {42, 0};
 constexpr Subject identity = {65, 0};
 constexpr Subject history = {66, 0};
@@ -123,7 +125,26 @@ TEST(MessageNames, OfFieldsOfPortsAndTheirPolicy) {
                           {0x08010032, "max-rules"},
                           {0x08010033, "max-rules-per-client"},
                           {0x00010034, "reset"},
-                          {0x00010035, "reload"}});
+                          {0x00010035, "reload"},
+                          {0x00010038, "remotes-possible"}});
+}
+
+TEST(MessageNames, OfFieldsOfPinholesAndOfPcp) {
+  expectFields(pinholes, {{0x20000001, "address"},
+                          {0x08000002, "protocol"},
+                          {0x08000003, "port"},
+                          {0x08000004, "lease"},
+                          {0x20000010, "owner"},
+                          {0x10000011, "seconds"},
+                          {0x08000012, "ended"},
+                          {0x08000020, "refusal"},
+                          {0x20000030, "problem"}});
+  expectFields(pcp, {{0x00000001, "enabled"},
+                     {0x20000002, "agents"},
+                     {0x20000010, "served"},
+                     {0x20000011, "problem"},
+                     {0x08000012, "mappings"},
+                     {0x08000013, "pinholes"}});
 }
 
 TEST(MessageNames, OfFieldsThatAreAddresses) {

@@ -8,6 +8,7 @@
 #include "platform/Keys.h"
 #include "platform/wire/Interfaces.h"
 #include "platform/wire/NatRules.h"
+#include "platform/wire/Pinholes.h"
 
 namespace lumenctl {
 namespace {
@@ -92,6 +93,22 @@ TEST_F(Picture, ShowsTheRouterWithItsTraffic) {
           std::string("PORT      ON ADDRESS  TO                STATE  OPEN FOR   CONNECTIONS") +
               "  SO FAR  OPENED BY",
           "8080/tcp  45.45.45.1  192.168.88.10:80  open   3 min 5 s            2      17  upnp"}));
+}
+
+TEST_F(Picture, ShowsThePortsOfIpv6Hosts) {
+  lm::message record;
+  lm::pinholes::write(
+      record,
+      lm::pinholes::Record{
+          .pinhole = {.address = "2001:db8::10", .protocol = 17, .port = 5060, .lease = 5025},
+          .owner = "pcp",
+          .seconds = 185});
+  status.pinholes.emplace_back(record);
+  const Lines lines = draw(96, 24);
+  ASSERT_GE(lines.size(), 3U);
+  EXPECT_EQ(Lines(lines.end() - 3, lines.end()),
+            (Lines{"", "PORT      OF IPV6 HOST  OPEN FOR   ENDS IN     OPENED BY",
+                   "5060/udp  2001:db8::10  3 min 5 s  1 h 23 min  pcp"}));
 }
 
 // Promise: Where the locale is not UTF-8 the graphs of `status --watch` are ASCII, where there is
