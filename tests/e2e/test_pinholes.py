@@ -3,6 +3,7 @@ but their label."""
 
 import json
 import os
+import shutil
 import signal
 import socket
 import struct
@@ -11,6 +12,7 @@ import subprocess
 from support import lm
 from support.pcp import PORT, TCP, UDP, ipv6_map
 from support.router_case import RouterCase
+from test_completion import bash, zsh
 
 LAN_ROUTER = "2001:db8:1::1"
 LAN_HOST = "2001:db8:1::10"
@@ -340,6 +342,37 @@ class PinholeTest(PinholeCase):
         self.assertEqual((pinhole["host"], pinhole["port"], pinhole["protocol"], pinhole["owner"]),
                          (LAN_HOST, 8080, "tcp", "pcp"))
         self.assertGreater(pinhole["seconds_left"], 3500)
+
+    # Promise: `lumenctl nat close` with an IPv6 host closes that port of it, `palinode-pcp` forgets
+    # the mapping, and `nat log` has both.
+    def test_the_administrator_closes_a_pinhole(self):
+        self.firewall()
+        self.map(TCP, 8080)
+        self.map(TCP, 8081)
+        self.assertTrue(self.is_open(8080))
+        self.assertIn(f"8080/tcp {LAN_HOST}: closed",
+                      self.router.lumenctl("nat", "close", "8080/tcp", LAN_HOST))
+        self.assertFalse(self.is_open(8080))
+        self.assertTrue(self.is_open(8081))
+        self.wait_until(lambda: self.router.ask("pcp", "status")["pinholes"] == 1,
+                        "the mapping is forgotten")
+        self.assertEqual(self.map(TCP, 8080)[:2], (SUCCESS, 3600))
+        self.assertTrue(self.is_open(8080))
+        self.assertEqual([(event["event"], event["who"]) for event in self.router.ask("nat", "log")
+                          if (event["client"], event["port"]) == (LAN_HOST, 8080)],
+                         [("opened", "pcp"), ("closed", "administrator"), ("opened", "pcp")])
+
+    # Also proves [ctl-ports].
+    def test_the_shells_offer_the_hosts_of_a_port(self):
+        self.map(TCP, 8080)
+        close = ("lumenctl", "--root", str(self.router.root), "nat", "close")
+        self.assertEqual(bash(*close, ""), {"8080/tcp"})
+        self.assertEqual(bash(*close, "8080/tcp", ""), {LAN_HOST})
+        self.assertEqual(bash(*close, "8080/udp", ""), set())
+        # bash makes words of what stands beside each ':'.
+        self.assertEqual(bash(*close, "8080/tcp", "2001", ":", "db8", ":", ""), {"1::10"})
+        if shutil.which("zsh"):
+            self.assertEqual(zsh(*close, "8080/tcp", ""), {LAN_HOST})
 
     # Promise: `lumenctl upnp check` finds a firewall that drops forwarded IPv6 packets and
     # not those of pinholes, and says which rule admits them; it finds a missing `pinhole-ruleset.nft`.

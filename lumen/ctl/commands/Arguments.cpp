@@ -9,6 +9,7 @@
 
 #include "lumen/ctl/text/Errors.h"
 #include "lumen/ctl/text/Text.h"
+#include "lumen/values/Ipv6.h"
 
 namespace lumenctl {
 
@@ -92,6 +93,12 @@ Port parsePort(const std::string& text) {
     throw WrongUsage("a port is written like 8080/tcp or 5060/udp, not '" + text + "'");
   }
   return port;
+}
+
+std::string parseIpv6Host(const std::string& text) {
+  const auto host = lumen::Ipv6Address::parse(text);
+  if (!host) throw WrongUsage("an IPv6 host is written like 2001:db8::10, not '" + text + "'");
+  return host->text();
 }
 
 }  // namespace lumenctl

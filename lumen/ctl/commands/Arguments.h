@@ -43,4 +43,7 @@ struct Assignment {
 /// Throws WrongUsage for anything but a port.
 [[nodiscard]] Port parsePort(const std::string& text);
 
+/// Throws WrongUsage for anything but an IPv6 address. Returns its short spelling.
+[[nodiscard]] std::string parseIpv6Host(const std::string& text);
+
 }  // namespace lumenctl

@@ -30,6 +30,21 @@ void list(Session& session) {
   session.print(pinholesAsTable(pinholes));
 }
 
+bool isAt(const Pinhole& pinhole, const Port& port) {
+  return pinhole.port == port.number && pinhole.protocol == port.protocol;
+}
+
+void closePinhole(Session& session, const std::string& text, const std::string& hostText) {
+  const Port port = parsePort(text);
+  const std::string host = parseIpv6Host(hostText);
+  for (const Pinhole& pinhole : session.router().pinholes()) {
+    if (!isAt(pinhole, port) || pinhole.host != host) continue;
+    session.router().closePinhole(pinhole.id);
+    return session.done(text + " " + host + ": closed");
+  }
+  throw Refused("port " + text + " of " + host + " is not open");
+}
+
 /// A router with two external addresses may have the port open on both.
 void close(Session& session, const std::string& text) {
   const Port port = parsePort(text);
@@ -43,7 +58,13 @@ void close(Session& session, const std::string& text) {
     session.done(text + ": closed");
     closes = true;
   }
-  if (!found) throw Refused("port " + text + " is not open");
+  if (!found) {
+    std::string why = "port " + text + " is not open";
+    for (const Pinhole& pinhole : session.router().pinholes()) {
+      if (isAt(pinhole, port)) why += "; add " + pinhole.host + " to close that of this host";
+    }
+    throw Refused(why);
+  }
   if (!closes && !session.json) {
     session.out() << text
                   << ": already closed; listed until the program that opened it removes it\n";
@@ -197,13 +218,25 @@ void addNatCommands(CLI::App& app, Session& session) {
   listing->callback([&session] { list(session); });
 
   CLI::App* closing = group->add_subcommand(
-      "close", "close a port at once; it stays listed until the program that opened it removes it");
-  addExamples(*closing, {{"nat close 8080/tcp", "no host can connect through it any more"}});
+      "close",
+      "close a port at once; unless it is of an IPv6 host, it stays listed until the program that "
+      "opened it removes it");
+  addExamples(*closing,
+              {{"nat close 8080/tcp", "no host can connect through it any more"},
+               {"nat close 8080/tcp 2001:db8::10", "the same for a port of an IPv6 host"}});
   auto port = std::make_shared<std::string>();
   closing->add_option("port", *port, "such as 8080/tcp")->required()->type_name("PORT/PROTOCOL");
-  closing->callback([&session, port] {
+  auto host = std::make_shared<std::string>();
+  const CLI::Option* const hostGiven =
+      closing->add_option("host", *host, "the IPv6 host whose port it is, such as 2001:db8::10")
+          ->type_name("IPV6-HOST");
+  closing->callback([&session, port, host, hostGiven] {
     session.changes = true;
-    close(session, *port);
+    if (hostGiven->count() == 0) {
+      close(session, *port);
+    } else {
+      closePinhole(session, *port, *host);
+    }
   });
 
   addPortLogCommand(*group, session);

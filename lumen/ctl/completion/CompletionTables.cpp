@@ -100,6 +100,7 @@ class Tables {
     // An option of the program itself may follow any command.
     if (path.empty() && option.nonpositional()) key = "*" + key;
     if (type == "COMMAND...") return;  // in the table of commands
+    if (type == "IPV6-HOST") return;   // after a port, which the shells see
     if (type == "ROLE") {
       values_.add(key, {roleName(Role::external), roleName(Role::internal)});
     } else if (type.rfind("NAME=", 0) == 0) {

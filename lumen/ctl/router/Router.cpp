@@ -111,6 +111,10 @@ std::vector<Pinhole> Router::pinholes() {
   return decoded<Pinhole>(table(lm::pinholes::path(), lm::cmd::readAll));
 }
 
+void Router::closePinhole(uint32_t id) {
+  exchange(lm::pinholes::path(), lm::cmd::removeObject, withId(id));
+}
+
 PinholeSettings Router::pinholeSettings() {
   return PinholeSettings(exchange(lm::pinholes::path(), lm::cmd::get));
 }

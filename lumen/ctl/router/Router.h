@@ -34,6 +34,7 @@ class Router {
   [[nodiscard]] std::vector<NatRule> rules();
   void closeRule(uint32_t id);
   [[nodiscard]] std::vector<Pinhole> pinholes();
+  void closePinhole(uint32_t id);
   [[nodiscard]] PinholeSettings pinholeSettings();
   /// What happened to ports, the oldest first.
   [[nodiscard]] std::vector<PortEvent> portEvents();

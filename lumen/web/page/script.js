@@ -204,6 +204,7 @@
     var none = lists.ports.entries.size + lists.pinholes.entries.size === 0;
     byId('no-port').hidden = !none;
     byId('filter').hidden = none;
+    byId('close-pinhole').hidden = lists.pinholes.entries.size === 0;
   }
 
   var redraw = null;

@@ -216,6 +216,7 @@ TEST_F(Usage, NamesNoLogOfAPlatformThatRefuses) {
 const std::vector<Lines> changing = {
     {"interface", "forget", "br-lan"},
     {"nat", "close", "8080/tcp"},
+    {"nat", "close", "443/tcp", "2001:db8::10"},
     {"nat", "policy", "set", "max-rules=1"},
     {"nat", "policy", "reset"},
     {"nat", "policy", "reload"},
@@ -233,6 +234,7 @@ void hasSomethingToChange(FakePlatform& router) {
   router.gatewayUses("wan0", 1);
   router.hasLink("wan1", 1);
   router.hasPort(8080, 6, "192.168.88.10", 80);
+  router.hasPinhole("2001:db8::10", 443, 6);
   router.wasChanged("upnp config changed", lm::cmd::set, {});
 }
 

@@ -256,6 +256,33 @@ TEST_F(Listing, LeavesAPortAloneThatIsClosedAlready) {
   EXPECT_EQ(router.changes(), Lines{});
 }
 
+// Promise: `nat close 8080/tcp 2001:db8::10` closes that port of that IPv6 host, however
+// its address is spelled.
+TEST_F(Listing, ClosesThePortOfAnIpv6Host) {
+  router.hasPort(8080, tcp, "192.168.88.10", 80);
+  router.hasPinhole("2001:db8::10", 8080, udp);
+  router.hasPinhole("2001:db8::11", 8080, tcp);
+  router.hasPinhole("2001:db8::10", 8080, tcp);
+  router.hasPinhole("2001:db8::10", 8081, tcp);
+  const auto result = router.lumenctl({"nat", "close", "8080/tcp", "2001:DB8:0::10"});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.out, "8080/tcp 2001:db8::10: closed\n");
+  EXPECT_EQ(router.changes(), Lines{"[20,7] fe0006 08fe0001=4"});
+  const auto again = router.lumenctl({"nat", "close", "8080/tcp", "2001:db8::10"});
+  EXPECT_EQ(again.status, 1);
+  EXPECT_EQ(again.err, "lumenctl: port 8080/tcp of 2001:db8::10 is not open\n");
+}
+
+TEST_F(Listing, SaysWhichIpv6HostsHaveThePortOpen) {
+  router.hasPinhole("2001:db8::11", 8080, tcp);
+  router.hasPinhole("2001:db8::10", 8081, tcp);
+  const auto result = router.lumenctl({"nat", "close", "8080/tcp"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.err,
+            "lumenctl: port 8080/tcp is not open; add 2001:db8::11 to close that of this host\n");
+  EXPECT_EQ(router.changes(), Lines{});
+}
+
 // Promise: Closing a port that is not open is a refusal, `port 8080/tcp is not open`; what is no
 // port is wrong usage: `a port is written like 8080/tcp or 5060/udp, not '8080'`.
 TEST_F(Listing, SaysThatAPortWasNotOpen) {
@@ -270,6 +297,12 @@ TEST_F(Listing, RefusesAnInvalidPortBeforeAnyRequest) {
     const auto result = router.lumenctl({"nat", "close", wrong});
     EXPECT_EQ(result.status, 2) << wrong;
     EXPECT_NE(result.err.find("a port is written like 8080/tcp"), std::string::npos) << result.err;
+  }
+  for (const char* wrong : {"", "192.168.88.10", "fe80::1%eth0", "[2001:db8::10]", "host"}) {
+    const auto result = router.lumenctl({"nat", "close", "8080/tcp", wrong});
+    EXPECT_EQ(result.status, 2) << wrong;
+    EXPECT_NE(result.err.find("an IPv6 host is written like 2001:db8::10"), std::string::npos)
+        << result.err;
   }
   EXPECT_EQ(router.requests(), Lines{});
 }
