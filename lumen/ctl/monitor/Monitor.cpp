@@ -5,6 +5,7 @@
 #include "lumen/runtime/Fields.h"
 #include "platform/Keys.h"
 #include "platform/wire/Monitor.h"
+#include "platform/wire/Pinholes.h"
 
 namespace lumenctl {
 

@@ -552,10 +552,13 @@ TEST_F(PinholesTest, OfOneHostLeaveAQuarterToTheOthers) {
 TEST_F(PinholesTest, FollowTheServiceFile) {
   EXPECT_EQ(refusedAs(web, {}), "5: its service file does not say \"ports = yes\"");
   pcp.ports = PortGrant{.most = 1, .longestLease = 600s};
-  EXPECT_EQ(refused({.lease = 601}), "5: the longest lease that its service file allows is 600 seconds");
+  EXPECT_EQ(refused({.lease = 601}),
+            "5: the longest lease that its service file allows is 600 seconds");
   const uint32_t id = opens({.lease = 600});
-  EXPECT_EQ(renews(pcp, id, 601), "5: the longest lease that its service file allows is 600 seconds");
-  EXPECT_EQ(refused({.port = 8081}), "4: service pcp has all the pinholes that its file allows it, 1");
+  EXPECT_EQ(renews(pcp, id, 601),
+            "5: the longest lease that its service file allows is 600 seconds");
+  EXPECT_EQ(refused({.port = 8081}),
+            "4: service pcp has all the pinholes that its file allows it, 1");
   opensAs(other, {.port = 8081, .lease = 86400});
 }
 
