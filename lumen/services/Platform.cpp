@@ -45,8 +45,8 @@ Platform::Platform(const lm::EventLoop& loop, Processes& processes,
       natRules_(natMap_, flows_, flowMarks_, addresses_, interfaces_, listeners_, policies_,
                 portLog_, broker_, loop.clock()),
       pinholeSet_(nftables_),
-      pinholes_(pinholeSet_, ipv6Flows_, ipv6Networks_, ipv6Forwarding_, policies_, broker_,
-                loop.clock()),
+      pinholes_(pinholeSet_, ipv6Flows_, ipv6Networks_, ipv6Forwarding_, policies_, portLog_,
+                broker_, loop.clock()),
       listener_(broker_) {
   watchStores(services);
   supervisor_.setObserver(broker_);

@@ -339,7 +339,7 @@ void RouterView::takePortEvent(const lm::message& record) {
     return;
   }
   std::string text =
-      nameOf(event) + " " + event.name() + " for " + event.client.text() + " by " + event.owner;
+      nameOf(event) + " " + event.name() + " for " + event.clientText() + " by " + event.owner;
   if (!event.reason.empty()) text += " (" + event.reason + ")";
   add({event.time, std::move(text)});
 }

@@ -19,9 +19,9 @@ Json asJson(Session& session, const PortEvent& event) {
           {"event", event.name()},
           {"port", event.external.port},
           {"protocol", event.protocolName()},
-          {"address", event.external.address.text()},
-          {"client", event.client.address.text()},
-          {"client_port", event.client.port},
+          {"address", event.externalText()},
+          {"client", event.host.empty() ? event.client.address.text() : event.host},
+          {"client_port", event.host.empty() ? event.client.port : event.external.port},
           {"who", event.owner},
           {"user", session.machine().userName(event.user)},
           {"reason", event.reason}};

@@ -133,6 +133,7 @@ constexpr FieldName natFields[] = {
     {"time", lm::nat::key::time},
     {"user", lm::nat::key::user},
     {"reason", lm::nat::key::reason},
+    {"host", lm::nat::key::host},
     {"external-ports", lm::nat::key::externalPorts},
     {"internal-clients", lm::nat::key::internalClients},
     {"internal-ports", lm::nat::key::internalPorts},

@@ -43,6 +43,15 @@ PortEvent::PortEvent(const lm::message& m) {
   owner = std::move(record.owner);
   user = record.user;
   reason = std::move(record.reason);
+  host = std::move(record.host);
+}
+
+std::string PortEvent::externalText() const {
+  return host.empty() ? external.address.text() : std::string();
+}
+
+std::string PortEvent::clientText() const {
+  return host.empty() ? client.text() : "[" + host + "]:" + std::to_string(external.port);
 }
 
 std::string PortEvent::name() const {
@@ -69,7 +78,7 @@ std::string PortEvent::line(const std::string& userName) const {
   const std::string port = std::to_string(external.port) + "/" + protocolName();
   const std::string who = owner == "administrator" ? "administrator " + userName : owner;
   return inColumns({localTime(std::chrono::floor<std::chrono::seconds>(time)), name(), port,
-                    external.address.text(), client.text(), who, reason});
+                    host.empty() ? externalText() : "-", clientText(), who, reason});
 }
 
 std::string PortEvent::headings() {

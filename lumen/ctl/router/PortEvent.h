@@ -20,6 +20,11 @@ struct PortEvent {
   /// "tcp", "udp", or the number of another protocol.
   [[nodiscard]] std::string protocolName() const;
 
+  /// The address on which the port is; empty of a port of an IPv6 host.
+  [[nodiscard]] std::string externalText() const;
+  /// Where it leads: "192.168.88.10:80", "[2001:db8::10]:8080".
+  [[nodiscard]] std::string clientText() const;
+
   /// On one line, in columns under headings(); made printable. `userName` is that of `user`.
   [[nodiscard]] std::string line(const std::string& userName) const;
   [[nodiscard]] static std::string headings();
@@ -29,6 +34,7 @@ struct PortEvent {
   Time time;
   lumen::Endpoint external;
   lumen::Endpoint client;
+  std::string host;       ///< of a port of an IPv6 host: its address; the two above are empty then
   uint32_t protocol = 0;  ///< IP protocol number
   std::string owner;      ///< who asked: the name of a service, or "administrator"
   uint32_t user = 0;      ///< of the program that asked

@@ -26,16 +26,29 @@ PortLog::Time PortLog::systemTime() {
 
 void PortLog::add(lm::nat::Event event, const Author& author, const RuleKey& key,
                   const Endpoint& client, std::string_view reason) {
+  add(event, author, key, client, reason, std::nullopt);
+}
+
+void PortLog::add(lm::nat::Event event, const Author& author, const Ipv6Address& host,
+                  uint8_t protocol, uint16_t port, std::string_view reason) {
+  const RuleKey key = {.external = {.address = {}, .port = port}, .protocol = protocol};
+  add(event, author, key, {}, reason, host);
+}
+
+void PortLog::add(lm::nat::Event event, const Author& author, const RuleKey& key,
+                  const Endpoint& client, std::string_view reason,
+                  std::optional<Ipv6Address> host) {
   const uint32_t id = nextId();
   Entry entry = {.time = clock_(),
                  .owner = &*owners_.emplace(author.name.substr(0, longestOwner)).first,
-                 .reason = nullptr,
+                 .extra = nullptr,
                  .key = key,
                  .client = client,
                  .event = event,
                  .user = author.user};
-  if (!reason.empty()) {
-    entry.reason = std::make_unique<const std::string>(reason.substr(0, longestReason));
+  if (!reason.empty() || host) {
+    entry.extra = std::make_unique<const Extra>(
+        Extra{.reason = std::string(reason.substr(0, longestReason)), .host = host});
   }
   append(id, std::move(entry));
   if (entries_.size() > capacity) dropOne();
@@ -109,24 +122,32 @@ void PortLog::dropOne() {
   }
 }
 
-Ipv4Address PortLog::groupOf(const Entry& entry) {
-  return entry.event == lm::nat::Event::refused ? Ipv4Address() : entry.client.address;
+Ipv6Address PortLog::groupOf(const Entry& entry) {
+  constexpr unsigned lanPrefix = 64;  // RFC 7421
+  if (entry.event == lm::nat::Event::refused) return {};
+  if (entry.extra && entry.extra->host) return Ipv6Network(*entry.extra->host, lanPrefix).first();
+  const uint32_t client = entry.client.address.number();
+  const auto byte = [client](unsigned shift) { return static_cast<uint8_t>(client >> shift); };
+  return Ipv6Address(
+      {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff, byte(24), byte(16), byte(8), byte(0)});
 }
 
 lm::message PortLog::record(uint32_t id, const Entry& entry) {
   lm::message m;
   lm::nat::write(
-      m, lm::nat::LogRecord{.id = id,
-                            .event = static_cast<uint32_t>(entry.event),
-                            .time = static_cast<uint64_t>(entry.time.time_since_epoch().count()),
-                            .owner = *entry.owner,
-                            .user = entry.user,
-                            .protocol = entry.key.protocol,
-                            .address = entry.key.external.address.bytes(),
-                            .port = entry.key.external.port,
-                            .client = entry.client.address.bytes(),
-                            .clientPort = entry.client.port,
-                            .reason = entry.reason ? *entry.reason : ""});
+      m, lm::nat::LogRecord{
+             .id = id,
+             .event = static_cast<uint32_t>(entry.event),
+             .time = static_cast<uint64_t>(entry.time.time_since_epoch().count()),
+             .owner = *entry.owner,
+             .user = entry.user,
+             .protocol = entry.key.protocol,
+             .address = entry.key.external.address.bytes(),
+             .port = entry.key.external.port,
+             .client = entry.client.address.bytes(),
+             .clientPort = entry.client.port,
+             .reason = entry.extra ? entry.extra->reason : "",
+             .host = entry.extra && entry.extra->host ? entry.extra->host->text() : std::string()});
   return m;
 }
 

@@ -7,6 +7,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -15,6 +16,7 @@
 
 #include "lumen/services/LocalHandler.h"
 #include "lumen/services/nat/Rule.h"
+#include "lumen/values/Ipv6.h"
 #include "platform/wire/NatRules.h"
 
 namespace lumen {
@@ -22,9 +24,10 @@ namespace lumen {
 /// The record of what happened to ports, handler [20, 6]: who had which one opened, changed, closed
 /// or refused, and when. It lives in memory and does not depend on the journal.
 ///
-/// All refusals are one group, and so are the other events of each client. When the record is full,
-/// the oldest event of the largest group makes room: a flood of refusals, or of one client's ports,
-/// displaces its own events first.
+/// All refusals are one group, and so are the other events of each client, and those of all IPv6
+/// hosts of a network: there a host can have as many addresses as it likes. When the record is
+/// full, the oldest event of the largest group makes room: a flood of refusals, or of one client's
+/// ports, displaces its own events first.
 class PortLog : public LocalHandler {
  public:
   static constexpr size_t capacity = 10'000;
@@ -52,6 +55,10 @@ class PortLog : public LocalHandler {
   void add(lm::nat::Event event, const Author& author, const RuleKey& key, const Endpoint& client,
            std::string_view reason);
 
+  /// What happened to a port of an IPv6 host.
+  void add(lm::nat::Event event, const Author& author, const Ipv6Address& host, uint8_t protocol,
+           uint16_t port, std::string_view reason);
+
   /// Adds a refusal, since a program of the router listens at the port. The newest refusal of each
   /// port that this happened to lately is kept beside the record, however full that is.
   void addRefusalOfOwnPort(const Author& author, const RuleKey& key, const Endpoint& client,
@@ -62,11 +69,17 @@ class PortLog : public LocalHandler {
   [[nodiscard]] bool isPrivate() const override { return true; }
 
  private:
+  /// What few events have.
+  struct Extra {
+    std::string reason;
+    std::optional<Ipv6Address> host;
+  };
+
   // There are up to 10,000, so their members are few and in the order that needs no gaps.
   struct Entry {
     Time time;
-    const std::string* owner = nullptr;         // one of owners_
-    std::unique_ptr<const std::string> reason;  // null: none
+    const std::string* owner = nullptr;  // one of owners_
+    std::unique_ptr<const Extra> extra;  // null: none
     RuleKey key;
     Endpoint client;
     lm::nat::Event event{};
@@ -108,11 +121,14 @@ class PortLog : public LocalHandler {
     [[nodiscard]] std::pair<uint32_t, uint32_t> rank() const { return {size, ~first}; }
   };
 
-  /// The key of its group: a client, or no address for refusals.
-  [[nodiscard]] static Ipv4Address groupOf(const Entry& entry);
+  /// The key of its group: a client as an IPv4-mapped address (RFC 4291 section 2.5.5.2), the first
+  /// address of a network of IPv6 hosts, or no address for refusals.
+  [[nodiscard]] static Ipv6Address groupOf(const Entry& entry);
 
   static Time systemTime();
 
+  void add(lm::nat::Event event, const Author& author, const RuleKey& key, const Endpoint& client,
+           std::string_view reason, std::optional<Ipv6Address> host);
   [[nodiscard]] uint32_t nextId();
   void append(uint32_t id, Entry entry);
   void dropOne();
@@ -121,7 +137,7 @@ class PortLog : public LocalHandler {
   Notifier& notifier_;
   const WallClock clock_;
   Entries entries_;
-  std::map<Ipv4Address, Group> groups_;            // none is empty
+  std::map<Ipv6Address, Group> groups_;            // none is empty
   std::set<std::pair<uint32_t, uint32_t>> ranks_;  // of groups_
   uint32_t lastId_ = 0;
   std::set<std::string, std::less<>> owners_;              // as many as services that ask

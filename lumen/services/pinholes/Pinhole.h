@@ -26,6 +26,7 @@ struct Pinhole {
   std::string interface {};   ///< the internal one that its host was at
   uint64_t connection = 0;    ///< of its owner
   std::string owner{};        ///< service name
+  uint32_t user = 0;          ///< of its process
   lm::Clock::Time addedAt{};
   lm::Clock::Time until{};  ///< the end of its lease
 

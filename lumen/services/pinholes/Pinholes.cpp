@@ -12,6 +12,7 @@
 #include "lumen/runtime/Log.h"
 #include "lumen/runtime/Paging.h"
 #include "lumen/runtime/Refusal.h"
+#include "lumen/services/nat/Admission.h"
 #include "lumen/services/nat/PortRights.h"
 #include "platform/Keys.h"
 
@@ -23,11 +24,27 @@ namespace key = lm::pinholes::key;
 using lm::pinholes::End;
 using lm::pinholes::Refusal;
 
+using lm::nat::Event;
+
+constexpr std::string_view givenUp = "the request was given up";
+
 constexpr std::array addFields = {key::address, key::protocol, key::port, key::lease, key::remotes};
 constexpr std::array renewFields = {lm::key::objectId, key::lease, key::remotes};
 
 /// A pinhole whose end the kernel refuses stays for so long until the next attempt.
 constexpr std::chrono::seconds removalRetry(10);
+
+PortLog::Author authorOf(const Caller& caller) {
+  return {.name = caller.name.empty() ? administratorName : caller.name, .user = caller.user};
+}
+
+/// As much of the pinhole as the add request says, for the record.
+PinholeKey outlineOf(const lm::message& request) {
+  const lm::pinholes::Pinhole wire = lm::pinholes::readPinhole(request);
+  return {.host = Ipv6Address::parse(wire.address).value_or(Ipv6Address()),
+          .protocol = static_cast<uint8_t>(wire.protocol <= UINT8_MAX ? wire.protocol : 0),
+          .port = static_cast<uint16_t>(wire.port <= UINT16_MAX ? wire.port : 0)};
+}
 
 Result<PinholeKey> readKey(const lm::message& request) {
   if (auto known = lm::checkFields(request, addFields); !known) return known.failure();
@@ -81,12 +98,13 @@ std::string kernelRefusal(const std::string& what, const PinholeKey& key, const 
 }  // namespace
 
 Pinholes::Pinholes(PinholeSet& set, Ipv6Flows& flows, Ipv6Networks& networks,
-                   Ipv6Forwarding& forwarding, const PolicyBook& policies, Notifier& notifier,
-                   const lm::Clock& clock)
+                   Ipv6Forwarding& forwarding, const PolicyBook& policies, PortLog& log,
+                   Notifier& notifier, const lm::Clock& clock)
     : set_(set),
       networks_(networks),
       forwarding_(forwarding),
       policies_(policies),
+      log_(log),
       notifier_(notifier),
       clock_(clock),
       flows_(flows, *this, clock),
@@ -137,15 +155,22 @@ lm::message Pinholes::handle(const Caller& caller, uint32_t command, const lm::m
 }
 
 void Pinholes::connectionEnded(uint64_t connection) {
-  dropAll([&](const Pinhole& pinhole) { return pinhole.connection == connection; }, std::nullopt);
+  dropAll([&](const Pinhole& pinhole) { return pinhole.connection == connection; }, std::nullopt,
+          "the program that had it ended");
 }
 
 lm::message Pinholes::change(const Caller& caller, uint32_t command, const lm::message& request) {
+  PinholeKey about = outlineOf(request);
+  if (command != lm::cmd::addObject) {
+    const auto known = table_.find(request.get_u32(lm::key::objectId));
+    about = known == table_.end() ? PinholeKey() : known->second.key;
+  }
   lm::message reply;
   const OptionalRefused refused = command == lm::cmd::addObject   ? add(caller, request, reply)
                                   : command == lm::cmd::setObject ? renew(caller, request)
                                                                   : remove(caller, request);
   if (!refused) return reply;
+  note(Event::refused, authorOf(caller), about, refused->text);
   reply = lm::refusal(refused->text);
   reply.insert_u32(key::refusal, static_cast<uint32_t>(refused->why));
   return reply;
@@ -170,7 +195,8 @@ Pinholes::OptionalRefused Pinholes::add(const Caller& caller, const lm::message&
                            .remotes = remotes->value_or(Ipv6NetworkList()),
                            .interface = networks_.internalInterfaceOf(wanted->host).value_or(""),
                            .connection = caller.connection,
-                           .owner = caller.name.empty() ? "administrator" : caller.name,
+                           .owner = authorOf(caller).name,
+                           .user = caller.user,
                            .addedAt = clock_.now(),
                            .until = clock_.now() + lease};
   if (auto refused = refuseRemotes(pinhole.remotes)) return refused;
@@ -180,8 +206,10 @@ Pinholes::OptionalRefused Pinholes::add(const Caller& caller, const lm::message&
   }
   const uint32_t id = nextId();
   insert(id, pinhole);
-  undoWith([this, id] {
-    if (const auto it = table_.find(id); it != table_.end()) (void)drop(it, std::nullopt);
+  note(Event::opened, pinhole, "");
+  undoWith([this, id, pinhole] {
+    const auto it = table_.find(id);
+    if (it != table_.end() && drop(it, std::nullopt)) note(Event::closed, pinhole, givenUp);
   });
   reply.insert_u32(lm::key::objectId, id);
   return std::nullopt;
@@ -224,7 +252,9 @@ Pinholes::OptionalRefused Pinholes::remove(const Caller& caller, const lm::messa
   const Pinhole removed = it->second;
   const auto done = drop(it, byOwner ? std::nullopt : OptionalEnd(End::administrator));
   if (!done) return Refused{done.why()};
-  undoWith([this, id, removed] { undoRemove(id, removed); });
+  note(Event::closed, authorOf(caller), removed.key, "");
+  // An owner that was told of the end of its pinhole has forgotten it.
+  if (byOwner) undoWith([this, id, removed] { undoRemove(id, removed); });
   return std::nullopt;
 }
 
@@ -238,6 +268,7 @@ void Pinholes::undoRemove(uint32_t id, const Pinhole& removed) {
     return;
   }
   insert(id, removed);
+  note(Event::opened, removed, givenUp);
 }
 
 Pinholes::OptionalRefused Pinholes::asRefusal(const Result<void>& allowed, Refusal why) {
@@ -324,7 +355,7 @@ Result<void> Pinholes::drop(Table::iterator it, OptionalEnd end) {
 }
 
 template <typename Ends>
-void Pinholes::dropAll(const Ends& ends, OptionalEnd end) {
+void Pinholes::dropAll(const Ends& ends, OptionalEnd end, std::string_view why) {
   std::vector<uint32_t> ids;
   std::vector<Pinhole> pinholes;
   for (const auto& [id, pinhole] : table_) {
@@ -335,12 +366,15 @@ void Pinholes::dropAll(const Ends& ends, OptionalEnd end) {
   const bool all = set_.remove(pinholes).ok();
   for (const uint32_t id : ids) {
     const auto it = table_.find(id);
+    const Pinhole ended = it->second;
     // One that the kernel keeps must not keep the others.
     if (all) {
       erase(it, end);
     } else if (!drop(it, end)) {
       setUntil(it, clock_.now() + removalRetry);
+      continue;
     }
+    note(Event::closed, ended, why);
   }
 }
 
@@ -402,12 +436,13 @@ uint32_t Pinholes::nextId() {
 void Pinholes::leasesEnded(const std::vector<uint32_t>& ids) {
   const lm::Clock::Time now = clock_.now();
   (void)ids;
-  dropAll([&](const Pinhole& pinhole) { return pinhole.until <= now; }, End::lease);
+  dropAll([&](const Pinhole& pinhole) { return pinhole.until <= now; }, End::lease,
+          "the lease ended");
 }
 
 void Pinholes::internalHostsChanged() {
   dropAll([this](const Pinhole& one) { return !networks_.internalInterfaceOf(one.key.host); },
-          End::addressGone);
+          End::addressGone, "its host is in no network of an internal interface");
 }
 
 bool Pinholes::admits(const Ipv6Flow& flow) const {
@@ -427,6 +462,15 @@ lm::pinholes::Record Pinholes::record(uint32_t id, const Pinhole& pinhole) const
           .id = id,
           .owner = pinhole.owner,
           .seconds = static_cast<uint64_t>(age.count())};
+}
+
+void Pinholes::note(Event event, const Pinhole& pinhole, std::string_view reason) {
+  note(event, {.name = pinhole.owner, .user = pinhole.user}, pinhole.key, reason);
+}
+
+void Pinholes::note(Event event, const PortLog::Author& author, const PinholeKey& key,
+                    std::string_view reason) {
+  log_.add(event, author, key.host, key.protocol, key.port, reason);
 }
 
 void Pinholes::notify(uint64_t owner, lm::message record, OptionalEnd end) {

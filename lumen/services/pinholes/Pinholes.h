@@ -13,6 +13,7 @@
 #include "lumen/services/LocalHandler.h"
 #include "lumen/services/nat/Leases.h"
 #include "lumen/services/nat/PolicyBook.h"
+#include "lumen/services/nat/PortLog.h"
 #include "lumen/services/pinholes/Ipv6Networks.h"
 #include "lumen/services/pinholes/Pinhole.h"
 #include "lumen/services/pinholes/PinholeFlows.h"
@@ -35,7 +36,7 @@ class Pinholes : public LocalHandler,
  public:
   /// All must outlive this; `policies` is loaded. There can be no pinholes before begin().
   Pinholes(PinholeSet& set, Ipv6Flows& flows, Ipv6Networks& networks, Ipv6Forwarding& forwarding,
-           const PolicyBook& policies, Notifier& notifier, const lm::Clock& clock);
+           const PolicyBook& policies, PortLog& log, Notifier& notifier, const lm::Clock& clock);
   Pinholes(const Pinholes&) = delete;
   Pinholes& operator=(const Pinholes&) = delete;
 
@@ -82,9 +83,14 @@ class Pinholes : public LocalHandler,
 
   // With an `end` the owner is notified too: this process has ended the pinhole.
   [[nodiscard]] Result<void> drop(Table::iterator it, OptionalEnd end);
-  /// Removes all for which `ends` holds, and logs what the kernel keeps.
+  /// Removes all for which `ends` holds, and logs what the kernel keeps. `why` is for the record of
+  /// events.
   template <typename Ends>
-  void dropAll(const Ends& ends, OptionalEnd end);
+  void dropAll(const Ends& ends, OptionalEnd end, std::string_view why);
+  /// Records what was done to the pinhole, by its owner unless another `author` is given.
+  void note(lm::nat::Event event, const Pinhole& pinhole, std::string_view reason);
+  void note(lm::nat::Event event, const PortLog::Author& author, const PinholeKey& key,
+            std::string_view reason);
   void setUntil(Table::iterator it, lm::Clock::Time until);
   void insert(uint32_t id, const Pinhole& pinhole);
   void erase(Table::iterator it, OptionalEnd end);
@@ -101,6 +107,7 @@ class Pinholes : public LocalHandler,
   const Ipv6Networks& networks_;
   Ipv6Forwarding& forwarding_;
   const PolicyBook& policies_;
+  PortLog& log_;
   Notifier& notifier_;
   const lm::Clock& clock_;
 

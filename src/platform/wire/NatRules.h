@@ -119,12 +119,13 @@ inline constexpr uint32_t internalPorts = 0x20010037;  ///< string, as in the po
 inline constexpr uint32_t remotesPossible = 0x00010038;
 
 // An event, beside fields of a rule: protocol, addressFirst, portFirst, clientFirst,
-// clientPortFirst and owner.
+// clientPortFirst and owner. Of a pinhole there are host, protocol, portFirst and owner.
 inline constexpr uint32_t event = 0x08010040;  ///< u32: a value of Event
 inline constexpr uint32_t time = 0x10010041;   ///< u64: milliseconds since 1970
 inline constexpr uint32_t user = 0x08010042;   ///< u32: the user whose program asked for it
 inline constexpr uint32_t reason =
-    0x20010043;  ///< string: why; absent when there is nothing to say
+    0x20010043;                               ///< string: why; absent when there is nothing to say
+inline constexpr uint32_t host = 0x20010044;  ///< string: "2001:db8::10"; absent of a rule
 }  // namespace key
 
 /// The command that asks for a rule of others.
@@ -330,7 +331,8 @@ inline Denial readDenial(const message& m) {
           .holder = isHolder ? std::optional(static_cast<Holder>(holder)) : std::nullopt};
 }
 
-/// An event of the record. Of a request that says no valid rule, ports and protocol may be 0.
+/// An event of the record. Of a request that says no valid rule, ports and protocol may be 0. Of a
+/// pinhole the address, the client and its port are 0.
 struct LogRecord {
   uint32_t id = 0;  ///< rises
   uint32_t event = 0;
@@ -343,6 +345,7 @@ struct LogRecord {
   uint32_t client = 0;
   uint32_t clientPort = 0;
   std::string reason{};
+  std::string host{};  ///< of a pinhole: its IPv6 address
 
   bool operator==(const LogRecord&) const = default;
 };
@@ -354,10 +357,15 @@ inline void write(message& m, const LogRecord& record) {
   m.insert_string(key::owner, record.owner);
   m.insert_u32(key::user, record.user);
   m.insert_u32(key::protocol, record.protocol);
-  m.insert_be32(key::addressFirst, record.address);
-  m.insert_u32(key::portFirst, record.port);
-  m.insert_be32(key::clientFirst, record.client);
-  m.insert_u32(key::clientPortFirst, record.clientPort);
+  if (record.host.empty()) {
+    m.insert_be32(key::addressFirst, record.address);
+    m.insert_u32(key::portFirst, record.port);
+    m.insert_be32(key::clientFirst, record.client);
+    m.insert_u32(key::clientPortFirst, record.clientPort);
+  } else {
+    m.insert_string(key::host, record.host);
+    m.insert_u32(key::portFirst, record.port);
+  }
   if (!record.reason.empty()) m.insert_string(key::reason, record.reason);
 }
 
@@ -373,7 +381,8 @@ inline LogRecord readLogRecord(const message& m) {
           .port = m.get_u32(key::portFirst),
           .client = m.get_be32(key::clientFirst),
           .clientPort = m.get_u32(key::clientPortFirst),
-          .reason = m.get_string(key::reason)};
+          .reason = m.get_string(key::reason),
+          .host = m.get_string(key::host)};
 }
 
 }  // namespace lm::nat

@@ -247,6 +247,7 @@ TEST_F(Usage, SaysThatNothingIsDoneWhenItWasRefused) {
     router.refuses({40, 0}, command, "no");
   }
   router.refuses({20, 0}, lm::cmd::removeObject, "no");
+  router.refuses({20, 7}, lm::cmd::removeObject, "no");
   for (const Lines& arguments : changing) {
     const auto result = router.lumenctl(arguments);
     EXPECT_EQ(result.status, 1) << result.out;

@@ -192,6 +192,9 @@ TEST(WireRecords, ReadAnEventOfAPortAsItWasWritten) {
                                    .clientPort = 80,
                                    .reason = "why"};
   EXPECT_EQ(lm::nat::readLogRecord(written(full)), full);
+  const lm::nat::LogRecord ofPinhole = {
+      .id = 2, .event = 1, .protocol = 17, .port = 8080, .reason = "why", .host = "2001:db8::10"};
+  EXPECT_EQ(lm::nat::readLogRecord(written(ofPinhole)), ofPinhole);
 }
 
 // Promise: The record of an event has its fields in this order, the reason only if there is one.
@@ -201,6 +204,9 @@ TEST(WireRecords, WriteTheFieldsOfAnEventInTheirOrder) {
   EXPECT_EQ(keysOf(written(lm::nat::LogRecord())), keys);
   keys.push_back(0x20010043);
   EXPECT_EQ(keysOf(written(lm::nat::LogRecord{.reason = "why"})), keys);
+  keys = {0x08fe0001, 0x08010040, 0x10010041, 0x20010020, 0x08010042,
+          0x0800000b, 0x20010044, 0x08000009, 0x20010043};
+  EXPECT_EQ(keysOf(written(lm::nat::LogRecord{.reason = "why", .host = "2001:db8::10"})), keys);
 }
 
 TEST(WireRecords, ReadAnAddressAsItWasWritten) {

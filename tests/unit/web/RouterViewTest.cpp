@@ -119,6 +119,19 @@ TEST_F(RouterViewTest, TellsWhatHappensAfterItHasRead) {
   EXPECT_NE(told[0].find("port 8081"), std::string::npos);
 }
 
+TEST_F(RouterViewTest, TellsWhatHappensToAPortOfAnIpv6Host) {
+  view.open();
+  lm::message m;
+  lm::nat::write(m, lm::nat::LogRecord{.id = 8,
+                                       .event = static_cast<uint32_t>(lm::nat::Event::opened),
+                                       .owner = "pcp",
+                                       .protocol = 6,
+                                       .port = 8081,
+                                       .host = "2001:db8::10"});
+  platform.notify(lm::cmd::changed, lm::nat::logPath(), news(m));
+  EXPECT_EQ(told, std::vector<std::string>{"tcp port 8081 opened for [2001:db8::10]:8081 by pcp"});
+}
+
 TEST_F(RouterViewTest, FollowsThePortsOfIpv6Hosts) {
   servesAndTells(lm::pinholes::path(), pinhole(7, "2001:db8::10"));
   view.open();

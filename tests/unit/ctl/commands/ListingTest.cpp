@@ -201,15 +201,16 @@ TEST_F(Listing, ShowsThePortsOfIpv6Hosts) {
   EXPECT_EQ(router.lumenctl({"nat", "list"}).out, table);
   EXPECT_TRUE(router.lumenctl({"status"}).out.ends_with(table));
   router.hasPort(8080, tcp, "192.168.88.10", 80);
-  const Json listed = Json::parse(router.lumenctl({"nat", "list", "--json"}).out);
-  ASSERT_EQ(listed.size(), 3U);
-  EXPECT_EQ(listed[0]["client"], "192.168.88.10");
-  EXPECT_EQ(listed[1].dump(),
-            R"({"port":5060,"protocol":"udp","host":"2001:db8::10","owner":"pcp","seconds":185,)"
-            R"("seconds_left":5025})");
-  EXPECT_EQ(listed[2]["host"], "2001:db8::11");
-  const Json status = Json::parse(router.lumenctl({"status", "--json"}).out);
-  EXPECT_EQ(status["pinholes"], Json::array({listed[1], listed[2]}));
+  const std::string json = router.lumenctl({"nat", "list", "--json"}).out;
+  const std::string pinholes =
+      "    \"port\": 5060,\n    \"protocol\": \"udp\",\n    \"host\": \"2001:db8::10\",\n"
+      "    \"owner\": \"pcp\",\n    \"seconds\": 185,\n    \"seconds_left\": 5025\n  },\n  {\n"
+      "    \"port\": 443,\n    \"protocol\": \"tcp\",\n    \"host\": \"2001:db8::11\",\n";
+  EXPECT_TRUE(json.starts_with("[\n  {\n    \"port\": 8080,\n")) << json;
+  EXPECT_NE(json.find("  },\n  {\n" + pinholes), std::string::npos) << json;
+  const std::string status = router.lumenctl({"status", "--json"}).out;
+  EXPECT_NE(status.find("\"pinholes\": [\n    {\n      \"port\": 5060,"), std::string::npos)
+      << status;
 }
 
 TEST_F(Listing, SaysThatNoPortIsOpen) {

@@ -77,6 +77,27 @@ TEST_F(PortLog, ShowsWhatHappenedToPorts) {
                 "upnp           \\x1b[2J\n");
 }
 
+// Promise: `nat log` shows what happened to ports of IPv6 hosts among the others.
+TEST_F(PortLog, ShowsWhatHappenedToAPortOfAnIpv6Host) {
+  const lm::nat::LogRecord opened = {.id = 1,
+                                     .event = 1,
+                                     .time = 1709251198007,
+                                     .owner = "pcp",
+                                     .protocol = 17,
+                                     .port = 5060,
+                                     .host = "2001:db8::10"};
+  router.hadPortEvent(opened);
+  EXPECT_EQ(router.lumenctl({"nat", "log"}).out,
+            std::string(headings) +
+                "2024-03-01 00:59:58  opened   5060/udp   -                [2001:db8::10]:5060    "
+                "pcp\n");
+  const std::string json = router.lumenctl({"nat", "log", "--json"}).out;
+  EXPECT_NE(json.find("\"address\": \"\",\n    \"client\": \"2001:db8::10\",\n"
+                      "    \"client_port\": 5060,"),
+            std::string::npos)
+      << json;
+}
+
 TEST_F(PortLog, SaysThatNothingHappened) {
   EXPECT_EQ(router.lumenctl({"nat", "log"}).out,
             "Nothing has happened to ports since lumend started.\n");

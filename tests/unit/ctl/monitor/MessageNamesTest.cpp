@@ -118,6 +118,7 @@ TEST(MessageNames, OfFieldsOfPortsAndTheirPolicy) {
                           {0x10010041, "time"},
                           {0x08010042, "user"},
                           {0x20010043, "reason"},
+                          {0x20010044, "host"},
                           {0x20010030, "external-ports"},
                           {0x20010031, "internal-clients"},
                           {0x20010037, "internal-ports"},

@@ -273,6 +273,20 @@ TEST_F(FullPortLog, KeepsWhatWasDoneDuringAFloodOfRefusals) {
   EXPECT_EQ(recordsOf(log, admin).size(), 10'000U);
 }
 
+// Also proves [port-record-size].
+TEST_F(FullPortLog, KeepsTheEventsOfOtherClientsDuringAFloodOfAnIpv6Network) {
+  opens("192.168.88.10", 8080);
+  Ipv6Address::Bytes host = Ipv6Address::parse("2001:db8:1::")->bytes();
+  for (uint32_t i = 0; i < 30'000; ++i) {
+    host[14] = static_cast<uint8_t>(i >> 8);
+    host[15] = static_cast<uint8_t>(i);
+    log.add(lm::nat::Event::opened, {.name = "pcp"}, Ipv6Address(host), 6, 80, "");
+    notifier.notified.clear();
+  }
+  EXPECT_EQ(portsOf("192.168.88.10"), std::vector<uint32_t>{8080});
+  EXPECT_EQ(recordsOf(log, admin).size(), 10'000U);
+}
+
 TEST_F(FullPortLog, DropsTheOldestWhenAllClientsHaveAsMany) {
   for (uint32_t i = 0; i < 10'001; ++i) {
     opens(Ipv4Address::fromNumber(0x0a000000 + 20'000 - i).text(), static_cast<uint16_t>(i));

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "lumen/runtime/EventLoop.h"
@@ -63,6 +64,27 @@ struct News : Notifier {
     }
   }
   std::vector<One> all;
+};
+
+/// The events that were recorded: "opened pcp/104 tcp 8080 of 2001:db8:1::10: why".
+struct Events : Notifier {
+  void notify(uint32_t /*command*/, const std::vector<uint32_t>& source,
+              const lm::message& fields) override {
+    EXPECT_EQ(source, (std::vector<uint32_t>{20, 6}));
+    constexpr const char* words[] = {"?", "opened", "changed", "closed", "refused"};
+    for (const lm::message& m : fields.get_message_array_ref(lm::key::records)) {
+      const lm::nat::LogRecord event = lm::nat::readLogRecord(m);
+      texts.push_back(std::string(words[event.event]) + " " + event.owner + "/" +
+                      std::to_string(event.user) + " " + (event.protocol == 6 ? "tcp " : "udp ") +
+                      std::to_string(event.port) + " of " + event.host +
+                      (event.reason.empty() ? "" : ": " + event.reason));
+    }
+  }
+  void notifyWithOwner(uint64_t /*owner*/, uint32_t /*command*/,
+                       const std::vector<uint32_t>& /*source*/,
+                       const lm::message& /*fields*/) override {}
+  Texts take() { return std::exchange(texts, {}); }
+  Texts texts;
 };
 
 Ipv6LinkAddress held(const std::string& address) {
@@ -182,7 +204,9 @@ class PinholesTest : public testing::Test {
   FakeForwarding forwarding;
   PolicyBook policies{directory.file("nat-policy"), directory.path()};
   News news;
-  Pinholes pinholes{set, flows, networks, forwarding, policies, news, clock};
+  Events events;
+  PortLog record{events};
+  Pinholes pinholes{set, flows, networks, forwarding, policies, record, news, clock};
 };
 
 }  // namespace
@@ -575,6 +599,50 @@ TEST_F(PinholesTest, AreShownToThoseWhoMayRead) {
   EXPECT_EQ(lm::pinholes::readRecord(asks(web, lm::cmd::readObject, one)).id, id);
   EXPECT_EQ(lm::getError(asks(admin, lm::cmd::readObject, {})), "no such object");
   EXPECT_EQ(lm::getError(asks(admin, lm::cmd::set, {})), "unknown command");
+}
+
+// Promise: lumend records each port of an IPv6 host that is opened, closed or refused,
+// with who did it and why.
+TEST_F(PinholesTest, AreRecorded) {
+  admin.user = 1000;
+  opens({});
+  const uint32_t udp = opens({.protocol = 17, .lease = 900});
+  EXPECT_NE(refused({.port = 80}), "");
+  EXPECT_EQ(renews(pcp, udp, 800), "");
+  EXPECT_EQ(
+      events.take(),
+      (Texts{"opened pcp/0 tcp 8080 of 2001:db8:1::10", "opened pcp/0 udp 8080 of 2001:db8:1::10",
+             "refused pcp/0 tcp 80 of 2001:db8:1::10: port 80 is not allowed by the policy"}));
+  passes(601s);
+  EXPECT_EQ(removes(admin, udp), "");
+  EXPECT_EQ(events.take(), (Texts{"closed pcp/0 tcp 8080 of 2001:db8:1::10: the lease ended",
+                                  "closed administrator/1000 udp 8080 of 2001:db8:1::10"}));
+  opens({});
+  networks.ipv6AddressRemoved(2, held("2001:db8:1::1"));
+  opens({.host = "fd00::10"});
+  pinholes.connectionEnded(pcp.connection);
+  EXPECT_EQ(events.take(),
+            (Texts{"opened pcp/0 tcp 8080 of 2001:db8:1::10",
+                   "closed pcp/0 tcp 8080 of 2001:db8:1::10: its host is in no network of an "
+                   "internal interface",
+                   "opened pcp/0 tcp 8080 of fd00::10",
+                   "closed pcp/0 tcp 8080 of fd00::10: the program that had it ended"}));
+  opens({.host = "fd00::10"});
+  givesUp();
+  removes(pcp, opens({.host = "fd00::10"}));
+  givesUp();
+  EXPECT_EQ(events.take(),
+            (Texts{"opened pcp/0 tcp 8080 of fd00::10",
+                   "closed pcp/0 tcp 8080 of fd00::10: the request was given up",
+                   "opened pcp/0 tcp 8080 of fd00::10", "closed pcp/0 tcp 8080 of fd00::10",
+                   "opened pcp/0 tcp 8080 of fd00::10: the request was given up"}));
+}
+
+TEST_F(PinholesTest, StayClosedWhenTheAdministratorGivesUp) {
+  const uint32_t id = opens({});
+  EXPECT_TRUE(static_cast<bool>(pinholes.takeUndo()));
+  EXPECT_EQ(removes(admin, id), "");
+  EXPECT_FALSE(static_cast<bool>(pinholes.takeUndo())) << "its owner was told that it has ended";
 }
 
 TEST_F(PinholesTest, AreAsBeforeWhenTheRequesterGivesUp) {
