@@ -31,6 +31,10 @@ constexpr std::string_view givenUp = "the request was given up";
 constexpr std::array addFields = {key::address, key::protocol, key::port, key::lease, key::remotes};
 constexpr std::array renewFields = {lm::key::objectId, key::lease, key::remotes};
 
+/// How many remote networks all pinholes can have. The kernel copies their set for each change
+/// (net/netfilter/nft_set_pipapo.c), and takes seconds to remove some thousands.
+constexpr size_t mostRemotesOfAll = 1024;
+
 /// A pinhole whose end the kernel refuses stays for so long until the next attempt.
 constexpr std::chrono::seconds removalRetry(10);
 
@@ -199,7 +203,7 @@ Pinholes::OptionalRefused Pinholes::add(const Caller& caller, const lm::message&
                            .user = caller.user,
                            .addedAt = clock_.now(),
                            .until = clock_.now() + lease};
-  if (auto refused = refuseRemotes(pinhole.remotes)) return refused;
+  if (auto refused = refuseRemotes(pinhole.remotes, 0)) return refused;
   if (auto refused = refuseFull(caller, pinhole)) return refused;
   if (const auto added = set_.add(pinhole); !added) {
     return Refused{kernelRefusal("add", pinhole.key, added.failure())};
@@ -230,7 +234,7 @@ Pinholes::OptionalRefused Pinholes::renew(const Caller& caller, const lm::messag
   const auto remotes = readRemotes(request);
   if (!remotes) return Refused{remotes.why()};
   if (*remotes) {
-    if (auto refused = refuseRemotes(**remotes)) return refused;
+    if (auto refused = refuseRemotes(**remotes, it->second.remotes.size())) return refused;
   }
   const Pinhole before = it->second;
   Pinhole after = before;
@@ -285,11 +289,18 @@ Pinholes::OptionalRefused Pinholes::refuseAll() const {
   return std::nullopt;
 }
 
-Pinholes::OptionalRefused Pinholes::refuseRemotes(const Ipv6NetworkList& remotes) const {
-  if (remotes.empty() || set_.hasRemotes()) return std::nullopt;
+Pinholes::OptionalRefused Pinholes::refuseRemotes(const Ipv6NetworkList& remotes,
+                                                  size_t others) const {
+  if (remotes.empty()) return std::nullopt;
+  if (!set_.hasRemotes()) {
+    return Refused{
+        "the pinhole ruleset file has no set \"filtered\" for pinholes that name remote networks",
+        Refusal::notPrepared};
+  }
+  if (remotes_ - others + remotes.size() <= mostRemotesOfAll) return std::nullopt;
   return Refused{
-      "the pinhole ruleset file has no set \"filtered\" for pinholes that name remote networks",
-      Refusal::notPrepared};
+      "all pinholes together have at most " + std::to_string(mostRemotesOfAll) + " remote networks",
+      Refusal::full};
 }
 
 Pinholes::OptionalRefused Pinholes::refuseByPolicy(const PinholeKey& key) const {
@@ -383,6 +394,7 @@ Result<void> Pinholes::replace(Table::iterator it, const Pinhole& after) {
     if (const auto changed = set_.change(it->second, after); !changed) {
       return Failure{kernelRefusal("change", after.key, changed.failure())};
     }
+    remotes_ = remotes_ - it->second.remotes.size() + after.remotes.size();
     it->second.remotes = after.remotes;
     if (after.key.protocol == IPPROTO_UDP) flows_.narrowed();
   }
@@ -402,6 +414,7 @@ void Pinholes::setUntil(Table::iterator it, lm::Clock::Time until) {
 void Pinholes::insert(uint32_t id, const Pinhole& pinhole) {
   table_.insert_or_assign(id, pinhole);
   ids_.insert_or_assign(pinhole.key, id);
+  remotes_ += pinhole.remotes.size();
   ++byHost_[pinhole.key.host];
   ++byInterface_[pinhole.interface];
   leases_.add(id, pinhole.until);
@@ -419,6 +432,7 @@ void Pinholes::erase(Table::iterator it, OptionalEnd end) {
   gone.insert_u32(lm::key::removed, 1);
   leases_.remove(it->first, pinhole.until);
   ids_.erase(pinhole.key);
+  remotes_ -= pinhole.remotes.size();
   countDown(byHost_, pinhole.key.host);
   countDown(byInterface_, pinhole.interface);
   table_.erase(it);

@@ -72,8 +72,9 @@ class Pinholes : public LocalHandler,
                                                  lm::pinholes::Refusal why);
   /// Why there can be no pinholes now; none: there can.
   [[nodiscard]] OptionalRefused refuseAll() const;
-  /// Unless the kernel's table can hold the remote networks, if there are any.
-  [[nodiscard]] OptionalRefused refuseRemotes(const Ipv6NetworkList& remotes) const;
+  /// Unless the kernel's table can hold the remote networks, if there are any, instead of the
+  /// number of others that the pinhole has.
+  [[nodiscard]] OptionalRefused refuseRemotes(const Ipv6NetworkList& remotes, size_t others) const;
   [[nodiscard]] OptionalRefused refuseByPolicy(const PinholeKey& key) const;
   [[nodiscard]] OptionalRefused refuseFull(const Caller& caller, const Pinhole& pinhole) const;
 
@@ -116,6 +117,7 @@ class Pinholes : public LocalHandler,
   std::map<PinholeKey, uint32_t> ids_;            // of all
   std::map<Ipv6Address, uint32_t> byHost_;        // how many each has; none is 0
   std::map<std::string, uint32_t> byInterface_;   // how many the hosts of each have; none is 0
+  size_t remotes_ = 0;                            // of all
   uint32_t lastId_ = 0;
   PinholeFlows flows_;
   Leases leases_;

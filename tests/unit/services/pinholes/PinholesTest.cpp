@@ -387,6 +387,26 @@ TEST_F(PinholesTest, AreForTheirRemoteNetworksAlone) {
   EXPECT_EQ(lists().at(0).pinhole.remotes, "");
 }
 
+// Promise: All pinholes together have at most 1,024 remote networks, since each change costs more
+// with more of them.
+TEST_F(PinholesTest, HaveNoMoreRemoteNetworksThanTheKernelChangesFast) {
+  const std::string eight = "1::/16 2::/16 3::/16 4::/16 5::/16 6::/16 7::/16 8::/16";
+  const std::string why = "4: all pinholes together have at most 1024 remote networks";
+  uint32_t id = 0;
+  const std::string another = "2001:db8:1::11";
+  for (uint32_t port = 10000; port < 10128; ++port) id = opens({.port = port, .remotes = eight});
+  EXPECT_EQ(refused({.host = another, .remotes = "1::/16"}), why);
+  opens({.host = another, .port = 9000});
+  EXPECT_EQ(renews(pcp, id, 600, eight), "");
+  EXPECT_EQ(renews(pcp, id, 600, "1::/16"), "");
+  const uint32_t seven =
+      opens({.host = another, .remotes = "1::/16 2::/16 3::/16 4::/16 5::/16 6::/16 7::/16"});
+  EXPECT_EQ(renews(pcp, id, 600, "1::/16 2::/16"), why);
+  EXPECT_EQ(removes(pcp, seven), "");
+  EXPECT_EQ(renews(pcp, id, 600, eight), "");
+  EXPECT_EQ(refused({.host = another, .remotes = "1::/16"}), why);
+}
+
 TEST_F(PinholesTest, WithAndWithoutRemoteNetworksEndInOneTransaction) {
   opens({});
   opens({.port = 8081, .remotes = "2001:db8:b::1"});
