@@ -46,8 +46,12 @@ TEST_F(AnnouncementsTest, ANewChangeBeginsAgain) {
   EXPECT_TRUE(announcements.take());
   clock.advance(250ms);
   EXPECT_TRUE(announcements.take());
+  // At once, although the next of the old ones was due later.
   announcements.begin();
-  EXPECT_EQ(allSent().size(), 10U);
+  EXPECT_EQ(announcements.untilNext(), 0ms);
+  const std::vector<int64_t> sent = allSent();
+  EXPECT_EQ(sent.size(), 10U);
+  EXPECT_EQ(sent[1], 250);
 }
 
 TEST_F(AnnouncementsTest, NoneBeforeTheBeginningAndAfterTheEnd) {

@@ -125,12 +125,27 @@ TEST_F(MappingTableTest, APortThatTheRouterChoseIsNoCompanionOfAnother) {
 }
 
 TEST_F(MappingTableTest, ARouterThatHasOnlyUnfitPortsRefusesAndKeepsNone) {
-  for (uint16_t port = 50000; port < 50008; ++port) mapped(wish(port, port));
   MappingTable::Wish udp = wish(82, 0);
   udp.target.protocol = IPPROTO_UDP;
   udp.client = otherHost;
+  for (uint16_t port = 50000; port < 50007; ++port) mapped(wish(port, port));
+  EXPECT_EQ(mapped(udp).external.port, 50007) << "of eight the last one";
+  EXPECT_EQ(table.unmap(otherHost, udp.target, nonce), ResultCode::success);
+  mapped(wish(50007, 50007));
   EXPECT_EQ(refused(udp), ResultCode::noResources);
   EXPECT_EQ(ports.rules.size(), 8U);
+}
+
+TEST_F(MappingTableTest, AfterAnUnfitPortTheWishIsForgotten) {
+  MappingTable::Wish companion = wish(80, 8081);
+  companion.client = otherHost;
+  mapped(companion);
+  MappingTable::Wish udp = wish(81, 8080);
+  udp.target.protocol = IPPROTO_UDP;
+  // Another service has it: the router offers 8081, whose companion is another host's.
+  ports.rules.emplace(
+      99, Ports::Wish{.protocol = IPPROTO_UDP, .external = {IpAddress::mapped(outside), 8080}});
+  EXPECT_EQ(mapped(udp).external.port, 50000);
 }
 
 // Promise [pcp-own-ports]: The UDP ports 5350 and 5351, which NAT-PMP and PCP use themselves, are
@@ -254,6 +269,14 @@ TEST_F(MappingTableTest, ARenewalThatComesTooLateOpensThePortAgain) {
   EXPECT_EQ(mapped(wish(80, 0)).external.port, 8080);
   EXPECT_EQ(rule().client, (Endpoint{lanHost, 80}));
   EXPECT_EQ(table.size(), 1U);
+  // The news of the first one comes late.
+  table.ended(1);
+  EXPECT_EQ(table.size(), 1U);
+  // Nothing of it holds the port.
+  EXPECT_EQ(table.unmap(lanHost, {IPPROTO_TCP, 80}, nonce), ResultCode::success);
+  MappingTable::Wish other = wish(80, 8080);
+  other.client = otherHost;
+  EXPECT_EQ(mapped(other).external.port, 8080);
 }
 
 // Promise [pcp-quota]: A host has at most 64 ports by NAT-PMP and PCP together; what others have
@@ -278,6 +301,15 @@ TEST_F(MappingTableTest, LostNewsOfAnEndKeepsNoPlace) {
   clock.advance(1s);
   mapped(wish(65, 0));
   EXPECT_EQ(table.size(), 1U);
+}
+
+TEST_F(MappingTableTest, AnEndedLeaseHasNothingLeft) {
+  mapped(wish(80, 8080, 120));
+  clock.advance(119s);
+  EXPECT_EQ(table.left(lanHost, {IPPROTO_TCP, 80}), 1U);
+  clock.advance(10s);
+  EXPECT_EQ(table.left(lanHost, {IPPROTO_TCP, 80}), 0U);
+  EXPECT_EQ(table.left(otherHost, {IPPROTO_TCP, 80}), std::nullopt);
 }
 
 TEST_F(MappingTableTest, TheWholeTableIsBounded) {
@@ -308,7 +340,18 @@ TEST_F(MappingTableTest, AnotherExternalAddressEndsAllMappings) {
   table.setExternal(newOutside);
   EXPECT_EQ(table.size(), 0U);
   EXPECT_TRUE(ports.rules.empty());
+  // The news of the old one comes late.
+  table.ended(1);
   EXPECT_EQ(mapped(wish(80, 8080)).external.address, IpAddress::mapped(newOutside));
+}
+
+TEST_F(MappingTableTest, AnExternalAddressThatReturnsHasNoHolders) {
+  mapped(wish(80, 8080));
+  table.setExternal(std::nullopt);
+  table.setExternal(outside);
+  MappingTable::Wish other = wish(80, 8080);
+  other.client = otherHost;
+  EXPECT_EQ(mapped(other).external.port, 8080);
 }
 
 TEST_F(MappingTableTest, EachFailureOfTheRouterHasItsCode) {
@@ -353,6 +396,7 @@ TEST_F(MappingTableTest, MoreFiltersThanARuleHasAreRefused) {
   EXPECT_EQ(refused(filtered), ResultCode::excessiveRemotePeers);
   filtered.filter.networks = hosts(0, 8);
   mapped(filtered);
+  EXPECT_EQ(mapped(filtered).external.port, 8080) << "as many as it has";
   filtered.filter.networks = hosts(8, 1);
   EXPECT_EQ(refused(filtered), ResultCode::excessiveRemotePeers);
   EXPECT_EQ(rule().remotes, hosts(0, 8));
