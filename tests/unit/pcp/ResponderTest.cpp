@@ -180,12 +180,22 @@ TEST_F(ResponderTest, WhatHasNoPortsIsUnsupported) {
   }
 }
 
+// RFC 6887 section 15.1: the wishes come back.
+TEST_F(ResponderTest, TheEndOfWhatCannotBeIsAnsweredInFull) {
+  EXPECT_EQ(ask("02 01 0000 00000000 00000000 00000000 0000ffff c0a8580a " + nonce +
+                "84 000000 0050 1f90 " + anyAddress),
+            "02810000 00000000 00000000 00000000 00000000 00000000 "
+            "0a0b0c0d 0e0f1011 12131415 84000000 00501f90 00000000 00000000 0000ffff 00000000");
+}
+
 TEST_F(ResponderTest, WithAnotherNonceAClientWaitsForTheEndOfTheMapping) {
   EXPECT_EQ(outcome(map), "0 for 3600");
   const std::string other = header + "00000000 00000000 00000001 " + tcp80 + anyAddress;
   EXPECT_EQ(outcome(other), "2 for 3600");
   clock.advance(3000s);
   EXPECT_EQ(outcome(other), "2 for 600");
+  // Nor is it ended.
+  EXPECT_EQ(outcome("02 01 0000 00000000" + other.substr(19)), "2 for 600");
   // NAT-PMP has no nonce, and so cannot end it either.
   EXPECT_EQ(ask("00 02 0000 0050 0000 00000000"), "00820002 00000bb8 00500000 00000000");
   EXPECT_EQ(table.size(), 1U);
