@@ -20,6 +20,10 @@ using lm::nat::Event;
 
 constexpr std::string_view givenUp = "the request was given up";
 
+/// How many remote networks all rules can have. The kernel copies their map for each change
+/// (net/netfilter/nft_set_pipapo.c), and takes seconds to remove some thousands.
+constexpr size_t mostRemotesOfAll = 1024;
+
 /// A rule whose lease is over and that the kernel does not remove stays for so long until the next
 /// attempt.
 constexpr std::chrono::seconds removalRetry(10);
@@ -359,11 +363,21 @@ lm::message NatRules::settings() const {
 }
 
 std::optional<Refused> NatRules::refuseRemotes(const Rule& rule) const {
-  if (rule.remotes.empty() || map_.hasRemotes()) return std::nullopt;
-  return Refused{.text =
-                     "the NAT ruleset file has no map \"filtered\" for rules that name remote "
-                     "networks",
-                 .denial = {.why = lm::nat::Refusal::policy}};
+  if (rule.remotes.empty()) return std::nullopt;
+  if (!map_.hasRemotes()) {
+    return Refused{.text =
+                       "the NAT ruleset file has no map \"filtered\" for rules that name remote "
+                       "networks",
+                   .denial = {.why = lm::nat::Refusal::policy}};
+  }
+  size_t all = rule.remotes.size();
+  for (const auto& [id, other] : table_.rules()) {
+    if (other.key != rule.key) all += other.remotes.size();
+  }
+  if (all <= mostRemotesOfAll) return std::nullopt;
+  return Refused{.text = "all rules together have at most " + std::to_string(mostRemotesOfAll) +
+                         " remote networks",
+                 .denial = {.why = lm::nat::Refusal::full}};
 }
 
 lm::message NatRules::writePolicy(const lm::message& request) {

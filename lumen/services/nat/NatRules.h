@@ -87,7 +87,8 @@ class NatRules : public LocalHandler, private FlowCleaner::OpenPorts, private Le
   /// The external port of a rule that leads to the same client and that others own.
   [[nodiscard]] lm::message findOther(const Caller& caller, const lm::message& request) const;
   [[nodiscard]] lm::message settings() const;
-  /// Unless the kernel's table can hold the remote networks of `rule`, if it has any.
+  /// Unless the kernel's table can hold the remote networks of `rule`, if it has any, beside those
+  /// of all others.
   [[nodiscard]] std::optional<Refused> refuseRemotes(const Rule& rule) const;
   [[nodiscard]] lm::message writePolicy(const lm::message& request);
 

@@ -189,6 +189,24 @@ TEST_F(RemoteNetworksTest, NeedTheirMap) {
   EXPECT_EQ(removes(id), "");
 }
 
+// Promise: All rules together have at most 1,024 remote networks, since each change costs more with
+// more of them.
+TEST_F(RemoteNetworksTest, AreNoMoreThanTheKernelChangesFast) {
+  const std::vector<const char*> eight = {"1.0.0.0/8", "3.0.0.0/8",  "5.0.0.0/8",  "7.0.0.0/8",
+                                          "9.0.0.0/8", "11.0.0.0/8", "13.0.0.0/8", "15.0.0.0/8"};
+  const std::string why = "all rules together have at most 1024 remote networks";
+  uint32_t id = 0;
+  for (int port = 10000; port < 10128; ++port) {
+    id = opens({.port = static_cast<uint16_t>(port), .from = eight});
+  }
+  const Port another = {.port = 9000, .client = "192.168.88.11", .from = {"1.0.0.0/8"}};
+  EXPECT_EQ(lm::getError(rules.handle(daemon, lm::cmd::addObject, addRequest(another))), why);
+  opens({.port = 9000, .client = "192.168.88.11"});
+  EXPECT_EQ(sets(narrowing(id, eight)), "") << "those of the rule itself do not count twice";
+  EXPECT_EQ(sets(narrowing(id, {"1.0.0.0/8"})), "");
+  opens({.port = 9001, .client = "192.168.88.11", .from = {"1.0.0.0/8"}});
+}
+
 TEST_F(RemoteNetworksTest, ArePossibleByWhatTheSettingsSay) {
   const auto possible = [&] {
     return rules.handle(admin, lm::cmd::get, {}).get_bool(lm::nat::key::remotesPossible);
