@@ -129,6 +129,10 @@ std::string interfaceRows(const Picture& picture) {
   return rows;
 }
 
+std::string fromCell(const std::string& networks) {
+  return cell(networks.empty() ? "anywhere" : networks, "from");
+}
+
 std::string portRows(const Picture& picture, const HostNames& names) {
   std::vector<lumenctl::NatRule> rules = picture.ruleList();
   lumenctl::sortByPort(rules);
@@ -136,8 +140,7 @@ std::string portRows(const Picture& picture, const HostNames& names) {
   for (const lumenctl::NatRule& rule : rules) {
     const StateWord state = lumenctl::wordFor(rule.state());
     rows += "<tr><th scope=\"row\" class=\"number\">" + std::to_string(rule.external.port) +
-            "</th>" + cell(rule.protocolName()) +
-            cell(rule.from.empty() ? "anywhere" : rule.from, "from") +
+            "</th>" + cell(rule.protocolName()) + fromCell(rule.from) +
             cell(names.of(rule.client.address)) + cell(state.text, className(state.colour)) +
             cell(lumenctl::duration(rule.openFor), "time") +
             cell(rule.left ? lumenctl::duration(*rule.left) : "", "time lease") +
@@ -147,7 +150,7 @@ std::string portRows(const Picture& picture, const HostNames& names) {
   return rows;
 }
 
-/// The classes of the table of ports that hide the columns in which no port has anything to say.
+/// The classes of a table of ports that hide the columns in which no port has anything to say.
 std::string hiddenColumns(const Picture& picture) {
   bool from = false;
   bool lease = false;
@@ -158,13 +161,19 @@ std::string hiddenColumns(const Picture& picture) {
   return std::string(from ? "" : " no-from") + (lease ? "" : " no-lease");
 }
 
+std::string hiddenPinholeColumns(const Picture& picture) {
+  const bool from = std::ranges::any_of(
+      picture.pinholes, [](const auto& entry) { return !entry.second.from.empty(); });
+  return from ? "" : " no-from";
+}
+
 std::string pinholeRows(const Picture& picture) {
   std::vector<lumenctl::Pinhole> pinholes = picture.pinholeList();
   lumenctl::sortByHost(pinholes);
   std::string rows;
   for (const lumenctl::Pinhole& pinhole : pinholes) {
     rows += "<tr><th scope=\"row\" class=\"number\">" + std::to_string(pinhole.port) + "</th>" +
-            cell(pinhole.protocolName()) + cell(pinhole.host) +
+            cell(pinhole.protocolName()) + fromCell(pinhole.from) + cell(pinhole.host) +
             cell(lumenctl::duration(pinhole.openFor), "time") +
             cell(lumenctl::duration(pinhole.left), "time") + cell(pinhole.owner) + "</tr>";
   }
@@ -240,6 +249,7 @@ std::string pinholeJson(const lumenctl::Pinhole& pinhole) {
       .add("seconds", pinhole.openFor.count())
       .add("left", pinhole.left.count())
       .add("owner", pinhole.owner)
+      .add("from", pinhole.from)
       .text();
 }
 
@@ -277,6 +287,7 @@ std::string pageOf(std::string_view form, const Picture& picture, const HostName
     if (mark == "ports-columns") page += hiddenColumns(picture);
     if (mark == "ports-hidden") page += hiddenIf(picture.rules.empty());
     if (mark == "pinholes") page += pinholeRows(picture);
+    if (mark == "pinholes-columns") page += hiddenPinholeColumns(picture);
     if (mark == "pinholes-hidden") page += hiddenIf(picture.pinholes.empty());
     if (mark == "no-port-hidden") page += hiddenIf(!none);
     if (mark == "nothing-hidden") page += hiddenIf(!picture.happenings.empty());

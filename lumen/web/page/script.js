@@ -109,6 +109,7 @@
     if (pinhole.goneAt) addTag(host, 'closed');
     return [
       make('td', pinhole.protocol),
+      make('td', pinhole.from || 'anywhere', 'from'),
       host,
       ticking(make('td', null, 'time'), pinhole, secondsOf),
       ticking(make('td', null, 'time'), pinhole, secondsLeft),
@@ -200,6 +201,11 @@
       lease = lease || port.left !== null;
     });
     byId('ports-region').classList.toggle('no-from', !from);
+    var pinholeFrom = false;
+    lists.pinholes.entries.forEach(function (pinhole) {
+      pinholeFrom = pinholeFrom || pinhole.from !== '';
+    });
+    byId('pinholes-region').classList.toggle('no-from', !pinholeFrom);
     byId('ports-region').classList.toggle('no-lease', !lease);
     var none = lists.ports.entries.size + lists.pinholes.entries.size === 0;
     byId('no-port').hidden = !none;

@@ -55,14 +55,17 @@ lumenctl::NatRule leasedRule(uint32_t id, uint32_t port) {
   return lumenctl::NatRule(m);
 }
 
-lumenctl::Pinhole pinhole(uint32_t id, const std::string& host, uint32_t port) {
+lumenctl::Pinhole pinhole(uint32_t id, const std::string& host, uint32_t port,
+                          const std::string& remotes = "") {
   lm::message m;
-  lm::pinholes::write(
-      m,
-      lm::pinholes::Record{.pinhole = {.address = host, .protocol = 6, .port = port, .lease = 3600},
-                           .id = id,
-                           .owner = "pcp",
-                           .seconds = 61});
+  lm::pinholes::write(m, lm::pinholes::Record{.pinhole = {.address = host,
+                                                          .protocol = 6,
+                                                          .port = port,
+                                                          .lease = 3600,
+                                                          .remotes = remotes},
+                                              .id = id,
+                                              .owner = "pcp",
+                                              .seconds = 61});
   return lumenctl::Pinhole(m);
 }
 
@@ -87,7 +90,9 @@ struct RenderTest : testing::Test {
   }
   [[nodiscard]] std::string page() const {
     return pageOf(
-        "{{state}}|{{ports-columns}}|{{ports}}|{{pinholes-hidden}}|{{pinholes}}|{{lately}}",
+        "{{state}}|{{ports-columns}}|{{ports}}|{{pinholes-columns}}{{pinholes-hidden}}|{{pinholes}}"
+        "|"
+        "{{lately}}",
         picture, names);
   }
   [[nodiscard]] bool has(const std::string& text) const {
@@ -146,19 +151,23 @@ TEST_F(RenderTest, ShowsTheLeaseAndTheRemoteNetworksOfAPort) {
 }
 
 // Promise: The status page shows the open ports of IPv6 hosts, in the order of the hosts, with the
-// service that opened each and the time left of its lease.
+// service that opened each, the time left of its lease, and from where alone it is reached.
 TEST_F(RenderTest, ShowsThePortsOfIpv6Hosts) {
-  EXPECT_TRUE(has("| hidden||"));
+  EXPECT_TRUE(has("| no-from hidden||"));
   picture.pinholes.insert_or_assign(1, pinhole(1, "2001:db8::11", 443));
   picture.pinholes.insert_or_assign(2, pinhole(2, "2001:db8::10", 8080));
   EXPECT_TRUE(
-      has("||<tr><th scope=\"row\" class=\"number\">8080</th><td>tcp</td><td>2001:db8::10</td>"
+      has("| no-from|<tr><th scope=\"row\" class=\"number\">8080</th><td>tcp</td>"
+          "<td class=\"from\">anywhere</td><td>2001:db8::10</td>"
           "<td class=\"time\">1 min 1 s</td><td class=\"time\">1 h</td><td>pcp</td></tr>"
           "<tr><th scope=\"row\" class=\"number\">443</th>"))
       << page();
   EXPECT_EQ(pinholeJson(pinhole(2, "2001:db8::10", 8080)),
             "{\"id\":2,\"port\":8080,\"protocol\":\"tcp\",\"host\":\"2001:db8::10\","
-            "\"seconds\":61,\"left\":3600,\"owner\":\"pcp\"}");
+            "\"seconds\":61,\"left\":3600,\"owner\":\"pcp\",\"from\":\"\"}");
+  picture.pinholes.insert_or_assign(3, pinhole(3, "2001:db8::12", 25, "2001:db8:b::/48"));
+  EXPECT_TRUE(has("||<tr>")) << page();
+  EXPECT_TRUE(has("<td class=\"from\">2001:db8:b::/48</td>"));
 }
 
 TEST_F(RenderTest, SaysThatNoPortIsOpenWhenThereIsNoneOfAnyKind) {
