@@ -108,7 +108,7 @@ struct Envelope {
     message.msg_iov = &part;
     message.msg_iovlen = 1;
     message.msg_control = control.data();
-    message.msg_controllen = control.size();
+    message.msg_controllen = sizeof control;
     return message;
   }
 };
