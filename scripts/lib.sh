@@ -22,7 +22,8 @@ user_packages=("${unit_packages[@]}" python3 iproute2 clang-format lld mold)
 # What all tests need besides; ccache since the package builds the same sources again.
 test_packages=("${user_packages[@]}" "${run_packages[@]}" "${package_packages[@]}" ccache
   clang libclang-rt-dev nmap gir1.2-gupnp-1.6 python3-gi python3-libtorrent libupnp-dev
-  transmission-cli syncthing debootstrap lintian zsh iptables procps chromium chromium-driver)
+  transmission-cli qbittorrent-nox syncthing debootstrap lintian zsh iptables procps chromium
+  chromium-driver)
 # What building for another machine needs besides, but its compiler.
 crossing_packages=(dpkg-dev debian-archive-keyring gperf flex bison)
 # What running programs of another machine needs besides.

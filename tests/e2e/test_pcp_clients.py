@@ -1,4 +1,4 @@
-"""Programs that people run, which open their ports by NAT-PMP where UPnP is off."""
+"""Programs that people run, which open their ports by NAT-PMP or PCP where UPnP is off."""
 
 import hashlib
 import os
@@ -63,33 +63,90 @@ class ClientCase(RouterCase):
         return self.port()
 
 
-class TransmissionTest(ClientCase):
+class BitTorrentCase(ClientCase):
+    INFO = {b"length": 16384, b"name": b"file", b"piece length": 16384,
+            b"pieces": hashlib.sha1(bytes(16384)).digest()}
+
+    def torrent(self):
+        """The path of a file that tells the program what to share."""
+        path = os.path.join(self.folder, "file.torrent")
+        with open(path, "wb") as file:
+            file.write(bencoded({b"announce": b"http://127.0.0.1:1/", b"info": self.INFO}))
+        return path
+
+    def answers_at(self, port):
+        """Whether a host on the Internet that asks for the shared file is answered. A program that
+        does not share it yet resets the connection."""
+        ours = HANDSHAKE + bytes(8) + hashlib.sha1(bencoded(self.INFO)).digest()
+        with self.wan.connect(WAN_ADDRESS, port) as peer:
+            peer.send(ours + b"-TS0000-0123456789ab")
+            try:
+                answer = peer.recv(len(ours), socket.MSG_WAITALL)
+            except ConnectionResetError:
+                return False
+        return (answer[:20], answer[28:]) == (HANDSHAKE, ours[28:])
+
+
+class TransmissionTest(BitTorrentCase):
     PROGRAM, PACKAGE = "transmission-cli", "transmission-cli"
 
     # Promise [pcp-transmission]: Transmission opens its port by NAT-PMP where UPnP is off, is
     # reached from the Internet, and closes it when it ends.
     def test_transmission_opens_its_port_is_reached_and_closes_it(self):
-        info = {b"length": 16384, b"name": b"file", b"piece length": 16384,
-                b"pieces": hashlib.sha1(bytes(16384)).digest()}
-        torrent = os.path.join(self.folder, "file.torrent")
-        with open(torrent, "wb") as file:
-            file.write(bencoded({b"announce": b"http://127.0.0.1:1/", b"info": info}))
-        program = self.start("-m", "-p", "6891", "-w", self.folder, "-g", self.folder, torrent)
+        program = self.start("-m", "-p", "6891", "-w", self.folder, "-g", self.folder,
+                             self.torrent())
         key, rule = self.wait_for_port()
         self.assertEqual((key, rule["owner"], rule["client"], rule["client_port"]),
                          ("6891/tcp", "pcp", self.host.address, 6891))
         self.assertGreater(rule["seconds_left"], 0)
 
-        ours = HANDSHAKE + bytes(8) + hashlib.sha1(bencoded(info)).digest()
-        with self.wan.connect(WAN_ADDRESS, 6891) as peer:
-            peer.send(ours + b"-TS0000-0123456789ab")
-            answer = peer.recv(len(ours), socket.MSG_WAITALL)
-        self.assertEqual((answer[:20], answer[28:]), (HANDSHAKE, ours[28:]))
+        self.assertTrue(self.answers_at(6891))
 
         # It asks nothing within 8 seconds of what it asked before, even when it ends.
         self.wait_until(lambda: self.port()[1]["seconds"] > 8, "the port gets older", 30)
         program.send_signal(signal.SIGINT)
         self.wait_until(lambda: self.port() is None, "the port is closed", 60)
+
+
+class QBittorrentTest(BitTorrentCase):
+    PROGRAM, PACKAGE = "qbittorrent-nox", "qbittorrent-nox"
+    SETTINGS = """\
+[LegalNotice]
+Accepted=true
+
+[BitTorrent]
+Session\\Port=6892
+Session\\DHTEnabled=false
+Session\\LSDEnabled=false
+
+[Network]
+PortForwardingEnabled=true
+
+[Preferences]
+WebUI\\Address=127.0.0.1
+"""
+
+    def configure(self):
+        folder = os.path.join(self.folder, "qBittorrent", "config")
+        os.makedirs(folder)
+        with open(os.path.join(folder, "qBittorrent.conf"), "w", encoding="utf-8") as file:
+            file.write(self.SETTINGS)
+
+    # Promise [pcp-qbittorrent]: qBittorrent opens its ports where UPnP is off, is reached from the
+    # Internet, and closes them when it ends.
+    def test_qbittorrent_opens_its_ports_is_reached_and_closes_them(self):
+        self.configure()
+        program = self.start(f"--profile={self.folder}", f"--save-path={self.folder}",
+                             "--skip-dialog=true", self.torrent())
+        expected = {"6892/tcp", "6892/udp"}
+        self.wait_until(lambda: set(self.router.ports()) == expected, "its ports are open", 60)
+        for rule in self.router.ports().values():
+            self.assertEqual((rule["owner"], rule["client"], rule["client_port"]),
+                             ("pcp", self.host.address, 6892))
+            self.assertGreater(rule["seconds_left"], 0)
+        self.wait_until(lambda: self.answers_at(6892), "the file is shared", 30)
+        program.send_signal(signal.SIGTERM)
+        self.wait_until(lambda: not self.router.ports(), "the ports are closed", 60)
 
 
 class SyncthingTest(ClientCase):

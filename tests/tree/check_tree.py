@@ -66,11 +66,12 @@ USERS_OF_PACKAGES = {
     "procps": ("tests/e2e/test_check_network.py", "sysctl -w"),
     "python3-gi": ("tests/e2e/clients/gupnp_subscriber.py", "import gi"),
     "python3-libtorrent": ("tests/e2e/clients/libtorrent_client.py", "import libtorrent"),
+    "qbittorrent-nox": ("tests/e2e/test_pcp_clients.py", '"qbittorrent-nox"'),
     "qemu-system-mips": ("scripts/crossing/machine.sh", "qemu-system-mipsel"),
     "qemu-system-misc": ("scripts/crossing/machine.sh", "qemu-system-s390x"),
+    "qemu-user-static": ("scripts/cross", "qemu-mips-static"),
     "syncthing": ("tests/e2e/test_pcp_clients.py", '"syncthing"'),
     "transmission-cli": ("tests/e2e/test_pcp_clients.py", '"transmission-cli"'),
-    "qemu-user-static": ("scripts/cross", "qemu-mips-static"),
     "zsh": ("tests/e2e/test_completion.py", '"zsh"'),
 }
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"', re.MULTILINE)
