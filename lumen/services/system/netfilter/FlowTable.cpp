@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <cstring>
 
 #include "lumen/runtime/Log.h"
 #include "lumen/services/system/netfilter/NetlinkAttributes.h"

@@ -6,6 +6,7 @@
 #include <netinet/in.h>
 
 #include <climits>
+#include <cstring>
 
 #include "lumen/services/system/netfilter/FlowTable.h"
 #include "lumen/services/system/netfilter/NetlinkAttributes.h"
