@@ -204,7 +204,8 @@ TEST_F(Listing, ShowsThePortsOfIpv6Hosts) {
   const std::string json = router.lumenctl({"nat", "list", "--json"}).out;
   const std::string pinholes =
       "    \"port\": 5060,\n    \"protocol\": \"udp\",\n    \"host\": \"2001:db8::10\",\n"
-      "    \"owner\": \"pcp\",\n    \"seconds\": 185,\n    \"seconds_left\": 5025\n  },\n  {\n"
+      "    \"owner\": \"pcp\",\n    \"seconds\": 185,\n    \"from\": \"\",\n    \"seconds_left\": "
+      "5025\n  },\n  {\n"
       "    \"port\": 443,\n    \"protocol\": \"tcp\",\n    \"host\": \"2001:db8::11\",\n";
   EXPECT_TRUE(json.starts_with("[\n  {\n    \"port\": 8080,\n")) << json;
   EXPECT_NE(json.find("  },\n  {\n" + pinholes), std::string::npos) << json;
