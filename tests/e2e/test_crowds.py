@@ -82,7 +82,8 @@ class KernelTest(RouterCase):
         hostile, other = self.lan
         self.open_most(hostile)
         begun = self.begin(hostile, 10)
-        self.assertIn([self.outcome(client) for client in begun].count(None), range(4, 10))
+        # A gateway that is busy leaves even the first of them waiting.
+        self.assertGreater([self.outcome(client) for client in begun].count(None), 3)
         self.assertEqual(self.outcomes(other, 1), [0])
 
     # Promise: The kernel drops what a host connects without pause, when it has connected a thousand
